@@ -1,0 +1,17 @@
+# The libraries the project calls, as imported targets PkgConfig::* and civetweb.
+
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(UV REQUIRED IMPORTED_TARGET libuv>=1.40)
+pkg_check_modules(AVAHI REQUIRED IMPORTED_TARGET avahi-client)
+pkg_check_modules(CJSON REQUIRED IMPORTED_TARGET libcjson)
+pkg_check_modules(ALSA REQUIRED IMPORTED_TARGET alsa)
+pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET sndfile)
+pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
+find_package(Threads REQUIRED)
+
+# CivetWeb comes without a pkg-config file.
+find_path(CIVETWEB_INCLUDE_DIR civetweb.h REQUIRED)
+find_library(CIVETWEB_LIBRARY civetweb REQUIRED)
+add_library(civetweb INTERFACE)
+target_include_directories(civetweb SYSTEM INTERFACE ${CIVETWEB_INCLUDE_DIR})
+target_link_libraries(civetweb INTERFACE ${CIVETWEB_LIBRARY})

@@ -1,0 +1,23 @@
+# Warnings, hardening and sanitizers, the same for every target.
+
+add_compile_options(
+    -Wall -Wextra -Werror -Wpedantic -Wshadow -Wcast-align -Wformat=2 -Wundef
+    -fno-common -fstack-protector-strong
+    $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
+    $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
+    # A 64-bit off_t and time_t also where long has 32 bits.
+    -D_FILE_OFFSET_BITS=64)
+
+if(NUVIO_SANITIZE)
+    add_compile_options(-fsanitize=${NUVIO_SANITIZE} -fno-omit-frame-pointer -g)
+    add_link_options(-fsanitize=${NUVIO_SANITIZE})
+    if(NUVIO_SANITIZE MATCHES "undefined")
+        add_compile_options(-fno-sanitize-recover=undefined)
+    endif()
+else()
+    add_compile_options($<$<CONFIG:Release,RelWithDebInfo>:-D_FORTIFY_SOURCE=2>)
+endif()
+
+add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)
+include(CheckPIESupported)
+check_pie_supported()

@@ -1,0 +1,28 @@
+// Configuration items and identity of the device. Any thread.
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+// Keys of the configuration items.
+inline constexpr char kFeatureNuvioConnect[] = "feature.nuvio_connect";  // number, 0: disabled
+inline constexpr char KFeatureNuvioConnectLog[] = "feature.nuvio_connect.log";
+inline constexpr char KFeatureNuvioConnectHttpPort[] = "feature.nuvio_connect.http_port";
+inline constexpr char KFeatureNuvioConnectApp_id[] = "feature.nuvio_connect.app_id";
+inline constexpr char KFeatureNuvioConnectApp_secret[] = "feature.nuvio_connect.app_secret";
+inline constexpr char KFeatureNuvioConnectVolume_Element[] = "feature.nuvio_connect.volume_element";
+inline constexpr char KFeatureNuvioConnectVolume_Device[] = "feature.nuvio_connect.volume_device";
+inline constexpr char kALSAOutputDeviceName[] = "alsa.output_device";
+inline constexpr char kOutputFS[] = "alsa.output_rates";  // Hz, comma separated, highest last
+
+// Bytes of the plain form's buffer, terminator included; a longer value is cut.
+inline constexpr size_t kEnvItemBufferSize = 64;
+
+// The item's value; empty when it is not set.
+void GetEnvItemByName(const char* key, std::string& value);
+void GetEnvItemByName(const char* key, char* value);
+
+// Each fills `value` and returns true; false, `value` empty, where the device does not know.
+bool getFriendlyName(std::string& value);
+bool getManufacturer(std::string& value);
+bool getModel(std::string& value);

@@ -1,0 +1,18 @@
+// Fatal checks: a broken precondition or invariant ends the process and names itself.
+//
+// For bugs only. What a peer, a device or the SDK does at run time is handled and logged instead.
+#pragma once
+
+#include <cstddef>
+
+// Writes function, condition, file and line as one FATAL log line, then aborts. Any thread.
+[[noreturn]] void check_failed(const char* function, const char* condition, const char* file,
+                               int line);
+
+// Always on, release builds included. Write null checks with NULL: the text is part of the line.
+#define NUV_CHECK(condition)                                            \
+    do {                                                                \
+        if (!(condition)) [[unlikely]] {                                \
+            check_failed(__func__, #condition, __FILE_NAME__, __LINE__); \
+        }                                                               \
+    } while (false)

@@ -1,0 +1,30 @@
+// Log lines of the device modules and of the SDK, one formatted line each on standard output:
+//
+//   20240131 14:05:09.123 [812.840] INFO SampleApp: Renderer is now active
+//
+// (local date and time with milliseconds, process and kernel thread id, level, category, message).
+// Every function may be called from any thread; lines of two threads never mix, and each reaches
+// the reader of a pipe at once. Nothing is allocated.
+#pragma once
+
+#include <cstdint>
+
+// The SDK numbers its levels the same way.
+enum log_level : uint32_t {
+    LOG_LEVEL_TRACE = 0,
+    LOG_LEVEL_DEBUG = 1,
+    LOG_LEVEL_INFO = 2,
+    LOG_LEVEL_WARNING = 3,
+    LOG_LEVEL_ERROR = 4,
+    LOG_LEVEL_FATAL = 5  // and every value above
+};
+
+// Writes one line of a device module. printf-style; a message longer than 2047 bytes is cut.
+[[gnu::format(printf, 2, 3)]] void app_log(uint32_t level, const char* format, ...);
+
+// The callback for nuv_log_delegate: writes one line of the SDK, without the low-level chatter of
+// its network and decoding categories (levels below INFO there).
+void sdk_log_callback(uint32_t level, const char* category, const char* message);
+
+// Writes one line as it is, nothing filtered. The arguments must not be null.
+void log_write(const char* category, uint32_t level, const char* message);

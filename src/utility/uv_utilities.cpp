@@ -1,0 +1,153 @@
+#include "utility/uv_utilities.h"
+
+#include <cstddef>
+#include <cstdlib>
+
+#include "utility/check.h"
+
+namespace {
+
+// The close callback frees a block through a uv_handle_t*, whatever type it was made as, so the
+// blocks are plain zeroed memory.
+template <typename Handle>
+Handle* new_block() {
+    auto* handle = static_cast<Handle*>(std::calloc(1, sizeof(Handle)));
+    NUV_CHECK(handle != NULL);
+    return handle;
+}
+
+template <typename Handle>
+uv_handle_t* as_handle(Handle* handle) {
+    return reinterpret_cast<uv_handle_t*>(handle);
+}
+
+template <typename Handle>
+void close_block(Handle* handle) {
+    uv_close(as_handle(handle), uv_handle_on_closed);
+}
+
+void start_timer(uv_timer_t* timer, uv_timer_cb callback, uint64_t timeout_ms, uint64_t repeat_ms) {
+    const int rc = uv_timer_start(timer, callback, timeout_ms, repeat_ms);
+    NUV_CHECK(rc == 0);
+}
+
+void stop_timer(uv_timer_t* timer) {
+    const int rc = uv_timer_stop(timer);
+    NUV_CHECK(rc == 0);
+}
+
+void clear_pause(uv_pausable_timer_t* handle) {
+    handle->is_paused = false;
+    handle->remaining_ms = 0;
+}
+
+}  // namespace
+
+static_assert(offsetof(uv_pausable_timer_t, timer) == 0, "the record doubles as its timer");
+
+void uv_handle_on_closed(uv_handle_t* handle) {
+    NUV_CHECK(handle != NULL);
+    std::free(handle);
+}
+
+uv_async_t* uv_async_new(uv_loop_t* event_loop, uv_async_cb callback, void* context) {
+    NUV_CHECK(event_loop != NULL);
+    auto* handle = new_block<uv_async_t>();
+    const int rc = uv_async_init(event_loop, handle, callback);
+    NUV_CHECK(rc == 0);
+    uv_handle_set_data(as_handle(handle), context);
+    return handle;
+}
+
+void uv_async_free(uv_async_t* handle) {
+    NUV_CHECK(handle != NULL);
+    close_block(handle);
+}
+
+uv_idle_t* uv_idle_new(uv_loop_t* event_loop, void* context) {
+    NUV_CHECK(event_loop != NULL);
+    auto* handle = new_block<uv_idle_t>();
+    const int rc = uv_idle_init(event_loop, handle);
+    NUV_CHECK(rc == 0);
+    uv_handle_set_data(as_handle(handle), context);
+    return handle;
+}
+
+void uv_idle_free(uv_idle_t* handle) {
+    NUV_CHECK(handle != NULL);
+    close_block(handle);
+}
+
+uv_timer_t* uv_timer_new(uv_loop_t* event_loop, void* context) {
+    NUV_CHECK(event_loop != NULL);
+    auto* handle = new_block<uv_timer_t>();
+    const int rc = uv_timer_init(event_loop, handle);
+    NUV_CHECK(rc == 0);
+    uv_handle_set_data(as_handle(handle), context);
+    return handle;
+}
+
+void uv_timer_free(uv_timer_t* handle) {
+    NUV_CHECK(handle != NULL);
+    close_block(handle);
+}
+
+bool uv_timer_is_active(const uv_timer_t* handle) {
+    NUV_CHECK(handle != NULL);
+    return uv_is_active(reinterpret_cast<const uv_handle_t*>(handle)) != 0;
+}
+
+uv_pausable_timer_t* uv_pausable_timer_new(uv_loop_t* event_loop, void* context) {
+    NUV_CHECK(event_loop != NULL);
+    auto* handle = new_block<uv_pausable_timer_t>();
+    const int rc = uv_timer_init(event_loop, &handle->timer);
+    NUV_CHECK(rc == 0);
+    clear_pause(handle);
+    uv_handle_set_data(as_handle(handle), context);
+    return handle;
+}
+
+void uv_pausable_timer_free(uv_pausable_timer_t* handle) {
+    NUV_CHECK(handle != NULL);
+    close_block(handle);
+}
+
+void uv_pausable_timer_start(uv_pausable_timer_t* handle, uv_timer_cb callback, uint64_t timeout_ms,
+                             uint64_t repeat_ms) {
+    NUV_CHECK(handle != NULL);
+    NUV_CHECK(callback != NULL);
+    start_timer(&handle->timer, callback, timeout_ms, repeat_ms);
+    clear_pause(handle);
+}
+
+void uv_pausable_timer_stop(uv_pausable_timer_t* handle) {
+    NUV_CHECK(handle != NULL);
+    stop_timer(&handle->timer);
+    clear_pause(handle);
+}
+
+bool uv_pausable_timer_is_paused(const uv_pausable_timer_t* handle) {
+    NUV_CHECK(handle != NULL);
+    return handle->is_paused;
+}
+
+void uv_pausable_timer_pause(uv_pausable_timer_t* handle) {
+    NUV_CHECK(handle != NULL);
+    if (handle->is_paused || !uv_timer_is_active(&handle->timer)) {
+        return;
+    }
+    handle->is_paused = true;
+    handle->remaining_ms = uv_timer_get_due_in(&handle->timer);
+    stop_timer(&handle->timer);
+}
+
+void uv_pausable_timer_resume(uv_pausable_timer_t* handle) {
+    NUV_CHECK(handle != NULL);
+    if (!handle->is_paused) {
+        return;
+    }
+    // libuv keeps the callback and the repeat of a stopped timer.
+    start_timer(&handle->timer, handle->timer.timer_cb, handle->remaining_ms,
+                uv_timer_get_repeat(&handle->timer));
+    clear_pause(handle);
+}
