@@ -44,7 +44,8 @@ class KORAHelper {
     // Notifications for the ids in the list, from now until unregisterListener with the same list.
     void registerListener(const sp<IKoraAlerts>& listener, Vector<int>& ids);
     void unregisterListener(const sp<IKoraAlerts>& listener, Vector<int>& ids);
-    // Fills `text` with the message's current value. False, and `text` empty, when it cannot be read.
+    // Fills `text` with the message's current value. False, and `text` empty, when it cannot be
+    // read.
     bool readRemoteMessage(const int& id, std::string& text);
     // Replaces the message's value; flags is 0. False when the service cannot be reached.
     bool writeRemoteMessage(const int& id, const std::string& text, int flags);

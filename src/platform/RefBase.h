@@ -1,8 +1,8 @@
 // RefBase and sp<>: intrusive reference counting of the platform's objects.
 //
 // An object is created with new, wrapped in an sp<> at once, and deleted when the last sp<> lets
-// go of it, on the thread that lets go. Counting is atomic: sp<> objects to one target may be copied
-// and dropped on any thread; one sp<> variable may not be written on two threads at a time.
+// go of it, on the thread that lets go. Counting is atomic: sp<> objects to one target may be
+// copied and dropped on any thread; one sp<> variable may not be written on two threads at a time.
 #pragma once
 
 #include <atomic>

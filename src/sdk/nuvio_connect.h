@@ -119,8 +119,8 @@ typedef struct nuv_audio_stream_delegate {
                     uint64_t start_position_ms, void* context);
     /*
      * Offers size > 0 bytes of whole frames; returns the bytes taken. Fewer than offered stops the
-     * stream's delivery until nuv_connect_resume_audio_delivery, then the rest comes again. The data
-     * is valid during the call only.
+     * stream's delivery until nuv_connect_resume_audio_delivery, then the rest comes again. The
+     * data is valid during the call only.
      */
     size_t (*data)(nuv_connect* core, uint64_t stream_id, const void* data, size_t size,
                    void* context);
@@ -209,9 +209,8 @@ nuv_error nuv_connect_set_log_delegate(nuv_connect* core, nuv_log_delegate deleg
  * none. On an error what was playing goes on.
  */
 nuv_error nuv_connect_connect(nuv_connect* core, const char* session_id, const char* api_endpoint,
-                              const char* api_jwt, uint64_t api_exp,
-                              const char* nconnect_endpoint, const char* nconnect_jwt,
-                              uint64_t nconnect_exp, bool become_active);
+                              const char* api_jwt, uint64_t api_exp, const char* nconnect_endpoint,
+                              const char* nconnect_jwt, uint64_t nconnect_exp, bool become_active);
 
 /* Id of the current session; left alone when there is none. Valid until the next connect or free.
  * Loop thread. */
@@ -220,7 +219,8 @@ nuv_error nuv_connect_get_session_id(nuv_connect* core, const char** session_id)
 /* The device's UUID in the service; valid until free. Any thread. */
 nuv_error nuv_connect_get_device_uuid(nuv_connect* core, const char** uuid);
 
-/* ---- Control: any thread ---------------------------------------------------------------------- */
+/* ---- Control: any thread ----------------------------------------------------------------------
+ */
 
 nuv_error nuv_connect_pause_playback(nuv_connect* core);
 nuv_error nuv_connect_resume_playback(nuv_connect* core);
@@ -237,7 +237,8 @@ nuv_error nuv_connect_seek_time(nuv_connect* core, uint64_t position_ms);
 /* Renames the device: it is advertised anew under the new name. */
 nuv_error nuv_connect_set_device_name(nuv_connect* core, const char* device_name);
 
-/* ---- Queries: any thread; the out value is left alone on an error ------------------------------ */
+/* ---- Queries: any thread; the out value is left alone on an error ------------------------------
+ */
 
 nuv_error nuv_connect_get_volume(nuv_connect* core, uint32_t* volume);
 nuv_error nuv_connect_get_mute_state(nuv_connect* core, bool* muted);
@@ -249,7 +250,8 @@ nuv_error nuv_connect_get_playback_state(nuv_connect* core, nuv_playback_state* 
 nuv_error nuv_connect_get_stream_metadata(nuv_connect* core, uint64_t stream_id,
                                           nuv_stream_metadata* metadata);
 
-/* ---- Notifications from the renderer: loop thread ---------------------------------------------- */
+/* ---- Notifications from the renderer: loop thread ----------------------------------------------
+ */
 
 nuv_error nuv_connect_notify_playback_initiated(nuv_connect* core, nuv_audio_format format);
 nuv_error nuv_connect_notify_playback_paused(nuv_connect* core);
@@ -261,7 +263,8 @@ nuv_error nuv_connect_notify_playback_finished(nuv_connect* core, bool no_next_t
 /* Opens a stream's delivery again after a short count. */
 nuv_error nuv_connect_resume_audio_delivery(nuv_connect* core, uint64_t stream_id);
 
-/* ---- Texts: constant, never null; "unknown" for a value outside the type ----------------------- */
+/* ---- Texts: constant, never null; "unknown" for a value outside the type -----------------------
+ */
 
 const char* nuv_error_to_string(nuv_error error);
 const char* nuv_audio_quality_to_string(nuv_audio_quality quality);

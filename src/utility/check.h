@@ -10,9 +10,9 @@
                                int line);
 
 // Always on, release builds included. Write null checks with NULL: the text is part of the line.
-#define NUV_CHECK(condition)                                            \
-    do {                                                                \
-        if (!(condition)) [[unlikely]] {                                \
+#define NUV_CHECK(condition)                                             \
+    do {                                                                 \
+        if (!(condition)) [[unlikely]] {                                 \
             check_failed(__func__, #condition, __FILE_NAME__, __LINE__); \
-        }                                                               \
+        }                                                                \
     } while (false)

@@ -16,8 +16,8 @@ namespace {
 
 constexpr size_t kMessageBufferSize = 2048;  // bytes, terminator included
 
-constexpr std::array<const char*, LOG_LEVEL_FATAL + 1> kLevelNames = {
-    "TRACE", "DEBUG", "INFO", "WARNING", "ERROR", "FATAL"};
+constexpr std::array<const char*, LOG_LEVEL_FATAL + 1> kLevelNames = {"TRACE",   "DEBUG", "INFO",
+                                                                      "WARNING", "ERROR", "FATAL"};
 
 struct category_filter {
     const char* category;

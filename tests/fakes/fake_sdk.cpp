@@ -92,7 +92,9 @@ void set_values(const Values& values) {
     g_state.values = values;
 }
 
-nuv_connect* core() { return &g_core; }
+nuv_connect* core() {
+    return &g_core;
+}
 
 nuv_connect_config config() {
     const std::scoped_lock lock(g_mutex);
@@ -115,7 +117,9 @@ nuv_connect* nuv_connect_create(uv_loop_t*, nuv_connect_config config, nuv_error
     return *error == NUV_ERROR_OK ? &g_core : nullptr;
 }
 
-void nuv_connect_free(nuv_connect*) { record("free"); }
+void nuv_connect_free(nuv_connect*) {
+    record("free");
+}
 
 const char* nuv_connect_get_sdk_version() {
     const std::scoped_lock lock(g_mutex);
@@ -142,11 +146,21 @@ nuv_error nuv_connect_get_device_uuid(nuv_connect*, const char** uuid) {
     return answer("get_device_uuid", uuid, &Values::uuid);
 }
 
-nuv_error nuv_connect_pause_playback(nuv_connect*) { return record("pause_playback"); }
-nuv_error nuv_connect_resume_playback(nuv_connect*) { return record("resume_playback"); }
-nuv_error nuv_connect_stop_playback(nuv_connect*) { return record("stop_playback"); }
-nuv_error nuv_connect_next_track(nuv_connect*) { return record("next_track"); }
-nuv_error nuv_connect_previous_track(nuv_connect*) { return record("previous_track"); }
+nuv_error nuv_connect_pause_playback(nuv_connect*) {
+    return record("pause_playback");
+}
+nuv_error nuv_connect_resume_playback(nuv_connect*) {
+    return record("resume_playback");
+}
+nuv_error nuv_connect_stop_playback(nuv_connect*) {
+    return record("stop_playback");
+}
+nuv_error nuv_connect_next_track(nuv_connect*) {
+    return record("next_track");
+}
+nuv_error nuv_connect_previous_track(nuv_connect*) {
+    return record("previous_track");
+}
 nuv_error nuv_connect_deactivate_and_disconnect_renderer(nuv_connect*) {
     return record("deactivate_and_disconnect_renderer");
 }
@@ -220,8 +234,12 @@ const char* nuv_error_to_string(nuv_error error) {
 const char* nuv_audio_quality_to_string(nuv_audio_quality quality) {
     return quality == NUV_AUDIO_QUALITY_CD ? "CD" : "HI_RES";
 }
-const char* nuv_device_type_to_string(nuv_device_type) { return "SPEAKER"; }
-const char* nuv_loop_mode_to_string(nuv_loop_mode) { return "OFF"; }
+const char* nuv_device_type_to_string(nuv_device_type) {
+    return "SPEAKER";
+}
+const char* nuv_loop_mode_to_string(nuv_loop_mode) {
+    return "OFF";
+}
 const char* nuv_playback_state_to_string(nuv_playback_state state) {
     return state == NUV_PLAYBACK_STATE_PLAYING ? "PLAYING" : "NOT PLAYING";
 }

@@ -1,0 +1,80 @@
+#include "utility/log_delegate.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+using testing::internal::CaptureStdout;
+using testing::internal::GetCapturedStdout;
+
+std::string written_by(const std::function<void()>& writer) {
+    CaptureStdout();
+    writer();
+    return GetCapturedStdout();
+}
+
+TEST(LogDelegate, LineHasDateTimeIdsLevelCategoryAndMessage) {
+    EXPECT_THAT(written_by([] { app_log(LOG_LEVEL_INFO, "Renderer is now %s", "active"); }),
+                testing::MatchesRegex("[0-9]{8} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} "
+                                      "\\[[0-9]+\\.[0-9]+\\] INFO SampleApp: Renderer is now "
+                                      "active\n"));
+    EXPECT_THAT(written_by([] { app_log(7, "x"); }), testing::HasSubstr(" FATAL SampleApp: x\n"));
+}
+
+TEST(LogDelegate, SdkChatterIsDroppedByExactCategoryAndLevel) {
+    struct {
+        uint32_t level;
+        const char* category;
+        const char* written;  // what the line ends in; null: dropped
+    } const rows[] = {
+        {1, "HttpClient", nullptr},
+        {2, "HttpClient", "INFO HttpClient: m\n"},
+        {0, "httpclient", "TRACE httpclient: m\n"},
+        {0, "Other", "TRACE Other: m\n"},
+        {1, "ContentFetcher", nullptr},
+        {7, "AudioDecoder", "FATAL AudioDecoder: m\n"},
+    };
+    for (const auto& row : rows) {
+        const std::string line =
+            written_by([&] { sdk_log_callback(row.level, row.category, "m"); });
+        if (row.written == nullptr) {
+            EXPECT_EQ(line, "") << row.category << row.level;
+        } else {
+            EXPECT_THAT(line, testing::EndsWith(row.written));
+        }
+    }
+}
+
+TEST(LogDelegate, LongMessageIsCutAt2047Bytes) {
+    const std::string line =
+        written_by([] { app_log(LOG_LEVEL_DEBUG, "%s", std::string(3000, 'x').c_str()); });
+    EXPECT_THAT(line, testing::EndsWith("SampleApp: " + std::string(2047, 'x') + "\n"));
+}
+
+TEST(LogDelegate, LinesOfTwoThreadsNeverMix) {
+    constexpr int kLines = 2000;
+    const std::string output = written_by([] {
+        const auto write = [](char letter) {
+            const std::string message(100, letter);
+            for (int i = 0; i < kLines; i++) {
+                app_log(LOG_LEVEL_INFO, "%s", message.c_str());
+            }
+        };
+        std::jthread other(write, 'a');
+        write('b');
+    });
+    int whole = 0;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        const std::string message = line.substr(line.size() - 100);
+        whole += message == std::string(100, 'a') || message == std::string(100, 'b');
+    }
+    EXPECT_EQ(whole, 2 * kLines);
+}
+
+}  // namespace
