@@ -1,0 +1,113 @@
+#include "host.h"
+
+#include <syslog.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <utility>
+
+#include "text.h"
+
+namespace nuvio::host {
+
+namespace {
+
+// For notifications that run when the process is asked to end. One may be waiting for the bridge's
+// queue, which is let go of when the bridge is taken down, after this.
+constexpr std::chrono::milliseconds kStopPatience{200};
+
+sigset_t end_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    return signals;
+}
+
+Settings block_signals_and_load_settings() {
+    const sigset_t signals = end_signals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return Settings::load();
+}
+
+}  // namespace
+
+Host& Host::instance() {
+    static Host* const host = [] {
+        auto* made = new Host();
+        std::atexit([] { instance().stop_for_good(); });
+        return made;
+    }();
+    return *host;
+}
+
+Host::Host()
+    : m_settings(block_signals_and_load_settings()),
+      m_messages(m_pool),
+      m_source_switch(m_pool, m_messages, m_player),
+      m_network(m_pool, m_settings.is_on(kHostAllowLoopback)),
+      m_state(state_directory(m_settings)) {
+    preset_messages();
+    m_messages.set_observer([this](int id, const std::string& text) { on_message(id, text); });
+}
+
+// The name and the volume stay unset until there is one: the service then falls back to the
+// machine's name and leaves the mixer as it is.
+void Host::preset_messages() {
+    m_messages.preset(android::KORA_PLAYBACK_POSITION, "0");
+    m_messages.preset(android::KORA_CURRENT_SOURCE, "0");
+    m_messages.preset(android::KORA_PLAY_STATE, std::to_string(android::PLAY_STATE_STOPPED));
+    m_messages.preset(android::KORA_MUTE, "UNMUTE");
+    if (const auto volume = to_percent(m_settings.get(kHostInitialVolume))) {
+        m_messages.preset(android::KORA_VOLUME, std::to_string(*volume));
+    }
+    for (auto& [id, text] : m_state.load()) {
+        m_messages.preset(id, text);
+    }
+    m_player.set_volume(m_messages.read_number(android::KORA_VOLUME, 0));
+}
+
+void Host::on_message(int id, const std::string& text) {
+    switch (id) {
+        case android::KORA_PLAYBACK_POSITION:
+            m_player.set_position(std::strtoll(text.c_str(), nullptr, 10));
+            break;
+        case android::KORA_VOLUME:
+            m_player.set_volume(to_percent(text).value_or(0));
+            break;
+        default:
+            break;
+    }
+    m_state.set(id, text);
+}
+
+void Host::start() {
+    m_pool.start();
+}
+
+void Host::wait_for_end() {
+    if (m_stopped) {
+        return;
+    }
+    const sigset_t signals = end_signals();
+    while (sigwaitinfo(&signals, nullptr) < 0 && errno == EINTR) {
+    }
+    stop();
+}
+
+void Host::stop() {
+    m_stopped = true;
+    if (!m_pool.stop(kStopPatience)) {
+        syslog(LOG_INFO, "nuvio-host: a notification is still being taken at the end");
+    }
+    m_state.save();
+}
+
+void Host::stop_for_good() {
+    stop();
+    m_pool.join();
+}
+
+}  // namespace nuvio::host

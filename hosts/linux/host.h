@@ -1,0 +1,56 @@
+// Host: the device's services on an ordinary Linux machine, behind the interfaces of src/platform.
+//
+// One per process, made on first use and never destroyed: the service's objects call it up to the
+// last moment of the process. Its threads end with joinThreadPool or, failing that, at exit.
+#pragma once
+
+#include <atomic>
+
+#include "message_store.h"
+#include "network_monitor.h"
+#include "notification_pool.h"
+#include "player.h"
+#include "settings.h"
+#include "source_switch.h"
+#include "state_store.h"
+
+namespace nuvio::host {
+
+class Host {
+  public:
+    // The first call must come before the process starts a thread: it blocks SIGTERM and SIGINT,
+    // which wait_for_end takes, for the calling thread and those started from then on.
+    static Host& instance();
+
+    // Starts the threads: notifications, network events, the bus. A second call does nothing.
+    void start();
+
+    // Waits for SIGTERM or SIGINT, then stops. Returns at once when the host has been stopped.
+    void wait_for_end();
+
+    const Settings& settings() const { return m_settings; }
+    MessageStore& messages() { return m_messages; }
+    NetworkMonitor& network() { return m_network; }
+    SourceSwitch& source_switch() { return m_source_switch; }
+    Player& player() { return m_player; }
+
+  private:
+    Host();
+    ~Host() = delete;
+
+    void preset_messages();
+    void on_message(int id, const std::string& text);
+    void stop();
+    void stop_for_good();
+
+    const Settings m_settings;
+    NotificationPool m_pool;
+    MessageStore m_messages;
+    Player m_player;
+    SourceSwitch m_source_switch;
+    NetworkMonitor m_network;
+    StateStore m_state;
+    std::atomic<bool> m_stopped{false};
+};
+
+}  // namespace nuvio::host

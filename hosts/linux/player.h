@@ -1,0 +1,102 @@
+// Player: what the device shows about its playback - the model behind the desktop's player
+// controls.
+//
+// Any thread. The observer is told which fields have changed, with the model's lock held; it must
+// not call the model.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+
+#include "platform/AMessage.h"
+#include "platform/SourceSwitch.h"
+
+namespace nuvio::host {
+
+enum class LoopMode { none, track, playlist };
+
+struct Track {
+    uint32_t number = 0;  // of the track since start; another track, another number
+    std::string title;
+    std::string artist;
+    std::string album;
+    std::string art_url;  // empty: none
+    int64_t length_ms = 0;
+    bool operator==(const Track&) const = default;
+};
+
+struct Modes {
+    bool shuffle = false;
+    LoopMode loop = LoopMode::none;
+    bool operator==(const Modes&) const = default;
+};
+
+// What can be asked for at the moment.
+struct Actions {
+    bool control = false;  // play, pause, stop: someone takes commands
+    bool next = false;
+    bool previous = false;
+    bool seek = false;
+    bool operator==(const Actions&) const = default;
+};
+
+// Bits of a change.
+inline constexpr uint32_t kPlayerStatus = 1U << 0U;
+inline constexpr uint32_t kPlayerTrack = 1U << 1U;
+inline constexpr uint32_t kPlayerModes = 1U << 2U;
+inline constexpr uint32_t kPlayerActions = 1U << 3U;
+inline constexpr uint32_t kPlayerVolume = 1U << 4U;
+inline constexpr uint32_t kPlayerSeeked = 1U << 5U;  // the position has jumped
+
+struct PlayerView {
+    android::EPlayState status = android::PLAY_STATE_STOPPED;
+    std::optional<Track> track;
+    Modes modes;
+    Actions actions;
+    int volume = 0;  // percent
+    int64_t position_ms = 0;
+};
+
+class Player {
+  public:
+    using Clock = std::chrono::steady_clock;
+    using Observer = std::function<void(uint32_t changes)>;
+
+    // Before any other call.
+    void set_observer(Observer observer) { m_observer = std::move(observer); }
+
+    void set_status(android::EPlayState status, Clock::time_point now = Clock::now());
+
+    // The service reports about once a second; between reports the position runs on by itself.
+    void set_position(int64_t position_ms, Clock::time_point now = Clock::now());
+    // A seek has been asked for. The service reports no position while paused, so there the one
+    // asked for is shown until playback goes on.
+    void preview_seek(int64_t position_ms);
+    void set_volume(int percent);
+    void set_has_source(bool has_source);
+
+    // The track and the modes in the message of the user-interface manager; absent entries are
+    // empty, "codec" and the other technical ones are not shown.
+    void show(const android::AMessage& info);
+    // Nothing plays any more: no track, modes off, position 0.
+    void clear();
+
+    PlayerView view(Clock::time_point now = Clock::now()) const;
+
+  private:
+    int64_t position_at(Clock::time_point now) const;
+    void changed(uint32_t changes) const;
+
+    Observer m_observer;
+    mutable std::mutex m_mutex;
+    // All guarded by m_mutex.
+    PlayerView m_view;  // its position_ms as of m_reported, its actions for a source
+    Clock::time_point m_reported;
+    uint32_t m_tracks_shown = 0;
+};
+
+}  // namespace nuvio::host

@@ -1,0 +1,63 @@
+// The settings file: the device's configuration items, one "key = value" a line.
+//
+//   # a comment, on a line of its own
+//   feature.nuvio_connect = 1
+//
+// Blanks around key and value are dropped; everything else behind the first '=' belongs to the
+// value. A later line with the same key replaces an earlier one.
+#pragma once
+
+#include <cstddef>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace nuvio::host {
+
+// Keys of the host's own; those of the service are in platform/Environment.h.
+inline constexpr char kHostAllowLoopback[] = "host.allow_loopback";  // number, not 0: counts
+inline constexpr char kHostFriendlyName[] = "host.friendly_name";
+inline constexpr char kHostManufacturer[] = "host.manufacturer";
+inline constexpr char kHostModel[] = "host.model";
+inline constexpr char kHostStateDir[] = "host.state_dir";
+inline constexpr char kHostBus[] = "host.bus";  // auto, session, system, none or an address
+inline constexpr char kHostInitialVolume[] = "host.initial_volume";  // percent
+
+inline constexpr size_t kMaxSettingsBytes = size_t{64} * 1024;
+inline constexpr size_t kMaxValueBytes = 1024;
+
+struct SettingsProblem {
+    size_t line;  // from 1; 0 for the file as a whole
+    std::string text;
+};
+
+struct ParsedSettings {
+    std::map<std::string, std::string, std::less<>> values;
+    std::vector<SettingsProblem> problems;  // lines that were left out, in order
+};
+
+// Takes the lines apart. Pure; takes any bytes of any length.
+ParsedSettings parse_settings(std::string_view text);
+
+// What a settings file said. Does not change once loaded, so any thread may read it.
+class Settings {
+  public:
+    Settings() = default;
+    explicit Settings(ParsedSettings parsed) : m_values(std::move(parsed.values)) {}
+
+    // Reads the file named in the environment variable NUVIO_SETTINGS, else
+    // /etc/nuvio-connect/settings.conf. A file that cannot be read leaves every item unset. Each
+    // problem is one line in the system log (of many, the first few and their number).
+    static Settings load();
+
+    // The item's value; empty when it is not set.
+    const std::string& get(std::string_view key) const;
+    // True when the item's value is a number other than 0.
+    bool is_on(std::string_view key) const;
+
+  private:
+    std::map<std::string, std::string, std::less<>> m_values;
+};
+
+}  // namespace nuvio::host
