@@ -1,0 +1,98 @@
+#include "media/sink/alsa/alsa_utilities.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+#include <utility>
+
+#include "utility/check.h"
+#include "utility/log_delegate.h"
+
+namespace {
+
+void log_error_text(int error, const char* what, va_list arguments) {
+    std::array<char, 512> text;
+    std::vsnprintf(text.data(), text.size(), what, arguments);
+    app_log(LOG_LEVEL_ERROR, "%s: %s (%d)", text.data(), snd_strerror(error), error);
+}
+
+template <typename Handle>
+poll_descriptors query_poll_descriptors(Handle* handle, const char* owner,
+                                        int (*query_count)(Handle*),
+                                        int (*fill)(Handle*, pollfd*, unsigned)) {
+    const int count = query_count(handle);
+    if (count < 1) {
+        log_alsa_error(count, "Unable to query %s's descriptor count", owner);
+        return {};
+    }
+    const auto expected = static_cast<unsigned>(count);
+    auto entries = std::make_unique<pollfd[]>(expected);
+    const auto got = static_cast<unsigned>(fill(handle, entries.get(), expected));
+    if (got != expected) {
+        app_log(LOG_LEVEL_ERROR, "Unable to retrieve all %s's descriptors: got %u, expected %u",
+                owner, got, expected);
+        return {};
+    }
+    return {std::move(entries), expected};
+}
+
+}  // namespace
+
+hw_params_ptr new_hw_params() {
+    snd_pcm_hw_params_t* params = nullptr;
+    const int rc = snd_pcm_hw_params_malloc(&params);
+    NUV_CHECK(rc == 0);
+    return hw_params_ptr(params);
+}
+
+format_mask_ptr new_format_mask() {
+    snd_pcm_format_mask_t* mask = nullptr;
+    const int rc = snd_pcm_format_mask_malloc(&mask);
+    NUV_CHECK(rc == 0);
+    return format_mask_ptr(mask);
+}
+
+selem_id_ptr new_selem_id() {
+    snd_mixer_selem_id_t* id = nullptr;
+    const int rc = snd_mixer_selem_id_malloc(&id);
+    NUV_CHECK(rc == 0);
+    return selem_id_ptr(id);
+}
+
+int open_playback_pcm(pcm_ptr& pcm, const char* device) {
+    snd_pcm_t* opened = nullptr;
+    const int rc = snd_pcm_open(&opened, device, SND_PCM_STREAM_PLAYBACK, 0);
+    if (rc < 0) {
+        return rc;
+    }
+    pcm.reset(opened);
+    return 0;
+}
+
+void log_alsa_error(int error, const char* what, ...) {
+    va_list arguments;
+    va_start(arguments, what);
+    log_error_text(error, what, arguments);
+    va_end(arguments);
+}
+
+bool alsa_ok(int result, const char* what, ...) {
+    if (result >= 0) {
+        return true;
+    }
+    va_list arguments;
+    va_start(arguments, what);
+    log_error_text(result, what, arguments);
+    va_end(arguments);
+    return false;
+}
+
+poll_descriptors get_poll_descriptors(snd_pcm_t* pcm) {
+    return query_poll_descriptors(pcm, "ALSA PCM", snd_pcm_poll_descriptors_count,
+                                  snd_pcm_poll_descriptors);
+}
+
+poll_descriptors get_poll_descriptors(snd_mixer_t* mixer) {
+    return query_poll_descriptors(mixer, "ALSA mixer", snd_mixer_poll_descriptors_count,
+                                  snd_mixer_poll_descriptors);
+}

@@ -1,0 +1,55 @@
+// Owning handles for ALSA's objects, and one way to say what ALSA refused. Any thread.
+#pragma once
+
+#include <alsa/asoundlib.h>
+
+#include <memory>
+
+template <auto Release>
+struct alsa_deleter {
+    template <typename Handle>
+    void operator()(Handle* handle) const {
+        static_cast<void>(Release(handle));
+    }
+};
+
+// For release functions without a result.
+template <auto Release>
+struct alsa_void_deleter {
+    template <typename Handle>
+    void operator()(Handle* handle) const {
+        Release(handle);
+    }
+};
+
+using pcm_ptr = std::unique_ptr<snd_pcm_t, alsa_deleter<snd_pcm_close>>;
+using mixer_ptr = std::unique_ptr<snd_mixer_t, alsa_deleter<snd_mixer_close>>;
+using hw_params_ptr =
+    std::unique_ptr<snd_pcm_hw_params_t, alsa_void_deleter<snd_pcm_hw_params_free>>;
+using format_mask_ptr =
+    std::unique_ptr<snd_pcm_format_mask_t, alsa_void_deleter<snd_pcm_format_mask_free>>;
+using selem_id_ptr =
+    std::unique_ptr<snd_mixer_selem_id_t, alsa_void_deleter<snd_mixer_selem_id_free>>;
+
+// Zeroed objects; a failed allocation is fatal.
+hw_params_ptr new_hw_params();
+format_mask_ptr new_format_mask();
+selem_id_ptr new_selem_id();
+
+// Opens a playback PCM in blocking mode: 0, or ALSA's error with `pcm` left alone.
+int open_playback_pcm(pcm_ptr& pcm, const char* device);
+
+// Logs the formatted text at ERROR, followed by ALSA's text and number for the error:
+// "<text>: No such device (-19)".
+[[gnu::format(printf, 2, 3)]] void log_alsa_error(int error, const char* what, ...);
+
+// True when the result is not negative; else false, after logging it as log_alsa_error does.
+[[gnu::format(printf, 2, 3)]] bool alsa_ok(int result, const char* what, ...);
+
+// The descriptors to poll for a PCM or a mixer. None: `count` is 0, and the failure was logged.
+struct poll_descriptors {
+    std::unique_ptr<pollfd[]> entries;
+    unsigned count = 0;
+};
+poll_descriptors get_poll_descriptors(snd_pcm_t* pcm);
+poll_descriptors get_poll_descriptors(snd_mixer_t* mixer);
