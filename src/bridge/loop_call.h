@@ -1,0 +1,47 @@
+// Runs a function on the loop's thread for another thread, which waits for the end of it.
+//
+// Creation    on the loop's thread.
+// Destruction on the loop's thread, after close() and when no run() is in progress.
+// Waiting     ends with the function; a function that the loop has not begun is withdrawn, and the
+//             wait ends, when a stop is asked for or the object is closed. The loop never waits for
+//             the caller, so the caller may hold any lock that the function does not take.
+#pragma once
+
+#include <uv.h>
+
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <stop_token>
+
+namespace android {
+
+class LoopCall {
+  public:
+    explicit LoopCall(uv_loop_t* loop);
+    ~LoopCall();
+    LoopCall(const LoopCall&) = delete;
+    LoopCall& operator=(const LoopCall&) = delete;
+
+    // True when the function has run. One thread at a time, never the loop's. The function must be
+    // short and must not throw.
+    bool run(const std::stop_token& stop, const std::function<void()>& function);
+
+    // No function is run from now on. Loop's thread; the handle finishes closing on a later pass.
+    void close();
+
+  private:
+    enum class State { Idle, Waiting, Running, Done };
+
+    static void onWakeUp(uv_async_t* handle);
+    void serve();
+
+    std::mutex m_mutex;
+    std::condition_variable_any m_changed;
+    // Guarded by m_mutex:
+    uv_async_t* m_handle;  // null when closed
+    State m_state = State::Idle;
+    const std::function<void()>* m_function = nullptr;  // the caller's, while it waits
+};
+
+}  // namespace android

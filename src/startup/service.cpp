@@ -1,0 +1,65 @@
+#include "startup/service.h"
+
+#include <syslog.h>
+
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+#include "bridge/bridge.h"
+#include "platform/Binder.h"
+#include "platform/Environment.h"
+#include "startup/nuvio_connect_start.h"
+#include "startup/nuvio_ss_listener.h"
+
+namespace {
+
+using namespace android;
+
+constexpr int kStartUpPriority = -16;
+
+bool isEnabled() {
+    std::string item;
+    GetEnvItemByName(kFeatureNuvioConnect, item);
+    return std::strtol(item.c_str(), nullptr, 10) != 0;
+}
+
+// False, one line logged, when the platform can't start the thread.
+bool startStartUpThread(const sp<NuvioConnectStart>& start) {
+    const int32_t result = start->run("NuvioConnectStart", kStartUpPriority, 0);
+    if (result != 0) {
+        syslog(LOG_ERR, "nuvio-connect: start-up thread not started: %s", std::strerror(-result));
+    }
+    return result == 0;
+}
+
+// No notification arrives any more.
+void shutDown(sp<NuvioConnectStart>& start) {
+    start->stopStartUp();
+    stopNuvioConnect();
+    start.clear();
+    NuvioConnectStart::ReleaseInstance();
+    NuvioSSListener::releaseInstance();
+}
+
+}  // namespace
+
+int runService() {
+    std::signal(SIGPIPE, SIG_IGN);
+    if (!isEnabled()) {
+        syslog(LOG_ERR, "nuvio-connect: Nuvio Connect is not enabled");
+        return 0;
+    }
+    sp<NuvioConnectStart> start = NuvioConnectStart::GetInstance();
+    if (start == nullptr) {
+        return -1;
+    }
+    syslog(LOG_ERR, "nuvio-connect: \n\nMAIN TO START Nuvio START\n\n");
+    ProcessState::self()->startThreadPool();
+    const bool started = startStartUpThread(start);
+    syslog(LOG_ERR, "nuvio-connect: \n\nMAIN TO START NUVIO CONNECT END\n\n");
+    IPCThreadState::self()->joinThreadPool(true);
+    shutDown(start);
+    return started ? EXIT_SUCCESS : EXIT_FAILURE;
+}
