@@ -1,0 +1,248 @@
+// Drives the Avahi poll table by hand on a real libuv loop.
+#include "advertising/avahi_libuv_poll.h"
+
+#include <avahi-common/timeval.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <functional>
+#include <string>
+#include <vector>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+class AvahiLibuvPoll : public testing::Test {
+  protected:
+    struct Watch {
+        AvahiLibuvPoll* test;
+        std::string name;
+        std::function<void(AvahiWatch*)> then = [](AvahiWatch*) {};
+    };
+
+    AvahiLibuvPoll() {
+        uv_loop_init(&m_loop);
+        m_poll = avahi_libuv_poll_new(&m_loop);
+        m_api = avahi_libuv_poll_get(m_poll);
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, m_sockets.data()), 0);
+    }
+
+    // Fails (EBUSY) on a record whose handle was not closed; a leaked record is the sanitizer's.
+    ~AvahiLibuvPoll() override {
+        free_poll();
+        uv_run(&m_loop, UV_RUN_DEFAULT);
+        EXPECT_EQ(uv_loop_close(&m_loop), 0);
+        close(m_sockets[0]);
+        close(m_sockets[1]);
+    }
+
+    void free_poll() {
+        if (m_poll != nullptr) {
+            avahi_libuv_poll_free(m_poll);
+            m_poll = nullptr;
+        }
+    }
+
+    AvahiWatch* new_watch(Watch& watch, int fd, int events) {
+        return m_api->watch_new(m_api, fd, static_cast<AvahiWatchEvent>(events), on_watch, &watch);
+    }
+
+    static void on_watch(AvahiWatch* watch, int fd, AvahiWatchEvent events, void* userdata) {
+        auto* self = static_cast<Watch*>(userdata);
+        self->test->m_fired.push_back(self->name + " " + self->test->fd_name(fd) + " " +
+                                      text_of(events));
+        EXPECT_EQ(self->test->m_api->watch_get_events(watch), events);
+        self->then(watch);
+    }
+
+    static void on_timeout(AvahiTimeout*, void* userdata) {
+        auto* self = static_cast<Watch*>(userdata);
+        self->test->m_fired.push_back(self->name);
+    }
+
+    AvahiTimeout* new_timeout(Watch& context, const timeval* tv) {
+        return m_api->timeout_new(m_api, tv, on_timeout, &context);
+    }
+
+    std::string fd_name(int fd) const { return fd == m_sockets[0] ? "socket" : "other"; }
+
+    static std::string text_of(int events) {
+        return std::string((events & AVAHI_WATCH_IN) != 0 ? "in" : "") +
+               ((events & AVAHI_WATCH_OUT) != 0 ? "out" : "") +
+               ((events & AVAHI_WATCH_ERR) != 0 ? "err" : "");
+    }
+
+    // One pass that does not wait; what fired during it.
+    std::vector<std::string> pass() {
+        m_fired.clear();
+        uv_run(&m_loop, UV_RUN_NOWAIT);
+        return m_fired;
+    }
+
+    // The delay that the loop's only armed timer was given, as long as the loop has not run since.
+    int due_in_ms() { return uv_backend_timeout(&m_loop); }
+
+    void send() const { EXPECT_EQ(write(m_sockets[1], "x", 1), 1); }
+
+    uv_loop_t m_loop{};
+    avahi_libuv_poll* m_poll;
+    const AvahiPoll* m_api;
+    std::array<int, 2> m_sockets{};
+    std::vector<std::string> m_fired;
+};
+
+timeval in_us(AvahiUsec distance) {
+    timeval tv{};
+    gettimeofday(&tv, nullptr);
+    avahi_timeval_add(&tv, distance);
+    return tv;
+}
+
+TEST_F(AvahiLibuvPoll, AWatchReportsWhatItAskedForAndForgetsItOnUpdate) {
+    Watch watch{this, "watch"};
+    AvahiWatch* record = new_watch(watch, m_sockets[0], AVAHI_WATCH_IN);
+    EXPECT_THAT(pass(), IsEmpty());
+    EXPECT_EQ(m_api->watch_get_events(record), 0);
+
+    send();
+    EXPECT_THAT(pass(), ElementsAre("watch socket in"));
+    EXPECT_EQ(m_api->watch_get_events(record), AVAHI_WATCH_IN);
+
+    m_api->watch_update(record, static_cast<AvahiWatchEvent>(AVAHI_WATCH_IN | AVAHI_WATCH_OUT));
+    EXPECT_EQ(m_api->watch_get_events(record), 0);
+    EXPECT_THAT(pass(), ElementsAre("watch socket inout"));
+
+    m_api->watch_update(record, AVAHI_WATCH_HUP);  // not a thing to ask for: nothing is polled
+    EXPECT_THAT(pass(), IsEmpty());
+}
+
+TEST_F(AvahiLibuvPoll, TwoWatchesOnOneDescriptorWorkSideBySide) {
+    Watch reader{this, "reader"};
+    Watch writer{this, "writer"};
+    AvahiWatch* in = new_watch(reader, m_sockets[0], AVAHI_WATCH_IN);
+    AvahiWatch* out = new_watch(writer, m_sockets[0], AVAHI_WATCH_OUT);
+    EXPECT_THAT(pass(), ElementsAre("writer socket out"));
+    send();
+    EXPECT_THAT(pass(), testing::UnorderedElementsAre("writer socket out", "reader socket in"));
+
+    // Either one goes on without the other, and the descriptor can be watched anew.
+    m_api->watch_free(in);
+    EXPECT_THAT(pass(), ElementsAre("writer socket out"));
+    in = new_watch(reader, m_sockets[0], AVAHI_WATCH_IN);
+    m_api->watch_free(out);
+    EXPECT_THAT(pass(), ElementsAre("reader socket in"));
+}
+
+TEST_F(AvahiLibuvPoll, AWatchMayBeFreedInsideItsOwnCallback) {
+    Watch watch{this, "watch", m_api->watch_free};
+    new_watch(watch, m_sockets[0], AVAHI_WATCH_OUT);
+    EXPECT_THAT(pass(), ElementsAre("watch socket out"));
+    EXPECT_THAT(pass(), IsEmpty());
+}
+
+TEST_F(AvahiLibuvPoll, AnErrorOnTheDescriptorIsReportedAsError) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);
+    close(ends[0]);  // a pipe without a reader: POLLERR for the writer
+    Watch watch{this, "writer"};
+    new_watch(watch, ends[1], AVAHI_WATCH_OUT);
+    EXPECT_THAT(pass(), ElementsAre("writer other err"));
+    close(ends[1]);
+}
+
+TEST_F(AvahiLibuvPoll, ADescriptorThatCannotBePolledIsReportedOnTheNextPassAndSurvived) {
+    const int dead = dup(m_sockets[0]);
+    close(dead);
+    Watch watch{this, "dead"};
+    AvahiWatch* record = new_watch(watch, dead, AVAHI_WATCH_IN);
+    EXPECT_THAT(m_fired, IsEmpty());
+    EXPECT_THAT(pass(), ElementsAre("dead other err"));
+    EXPECT_THAT(pass(), IsEmpty());
+    m_api->watch_update(record, AVAHI_WATCH_OUT);
+    EXPECT_THAT(pass(), ElementsAre("dead other err"));
+    m_api->watch_free(record);
+}
+
+TEST_F(AvahiLibuvPoll, ADescriptorClosedUnderItsWatchIsSurvived) {
+    const int fd = dup(m_sockets[0]);
+    Watch watch{this, "watch"};
+    AvahiWatch* record = new_watch(watch, fd, AVAHI_WATCH_IN);
+    close(fd);
+    EXPECT_THAT(pass(), IsEmpty());
+    m_api->watch_update(record, AVAHI_WATCH_OUT);
+    EXPECT_THAT(pass(), ElementsAre("watch other out"));
+}
+
+TEST_F(AvahiLibuvPoll, ADeadlineThatIsPastOrLessThanAMillisecondAwayFiresOnTheNextPassOnce) {
+    Watch early{this, "early"};
+    Watch late{this, "late"};
+    const timeval past{};
+    new_timeout(early, &past);
+    EXPECT_EQ(due_in_ms(), 0);
+    const timeval soon = in_us(900);
+    AvahiTimeout* record = new_timeout(late, &soon);
+    EXPECT_THAT(m_fired, IsEmpty());
+    EXPECT_THAT(pass(), ElementsAre("early", "late"));
+    EXPECT_THAT(pass(), IsEmpty());
+    m_api->timeout_update(record, &soon);
+    EXPECT_THAT(pass(), ElementsAre("late"));
+}
+
+TEST_F(AvahiLibuvPoll, ADeadlineIsCutToWholeMilliseconds) {
+    Watch context{this, "timeout"};
+    // What passes until the timer is armed shortens the delay, so a busy machine may give 0;
+    // rounding would give 2.
+    int longest = 0;
+    for (int attempt = 0; attempt < 20; ++attempt) {
+        const timeval tv = in_us(1999);
+        AvahiTimeout* record = new_timeout(context, &tv);
+        longest = std::max(longest, due_in_ms());
+        m_api->timeout_free(record);
+        pass();
+    }
+    EXPECT_EQ(longest, 1);
+    const timeval tv = in_us(3600LL * 1000 * 1000 + 500);
+    new_timeout(context, &tv);
+    EXPECT_GT(due_in_ms(), 3'590'000);
+    EXPECT_LE(due_in_ms(), 3'600'000);
+}
+
+TEST_F(AvahiLibuvPoll, ATimeoutIsArmedAndDisarmedByUpdates) {
+    Watch context{this, "timeout"};
+    AvahiTimeout* record = new_timeout(context, nullptr);
+    EXPECT_EQ(uv_loop_alive(&m_loop), 0);
+    const timeval past{};
+    m_api->timeout_update(record, &past);
+    m_api->timeout_update(record, nullptr);
+    EXPECT_THAT(pass(), IsEmpty());
+    m_api->timeout_update(record, &past);
+    EXPECT_THAT(pass(), ElementsAre("timeout"));
+}
+
+TEST_F(AvahiLibuvPoll, FreeingInTheMiddleLeavesTheRestAliveAndFreeingThePollEndsThem) {
+    Watch first{this, "first"};
+    Watch middle{this, "middle"};
+    Watch last{this, "last"};
+    const timeval past{};
+    new_watch(first, m_sockets[0], AVAHI_WATCH_OUT);
+    AvahiTimeout* timeout = new_timeout(middle, &past);
+    AvahiWatch* watch = new_watch(middle, m_sockets[1], AVAHI_WATCH_OUT);
+    new_timeout(last, &past);
+    m_api->timeout_free(timeout);
+    m_api->watch_free(watch);
+    EXPECT_THAT(pass(), ElementsAre("last", "first socket out"));
+
+    new_timeout(last, &past);
+    free_poll();
+    EXPECT_THAT(pass(), IsEmpty());
+    EXPECT_EQ(uv_loop_alive(&m_loop), 0);
+}
+
+}  // namespace
