@@ -1,1 +1,454 @@
-// not written yet
+#include "local_config/http_server.h"
+
+#include <civetweb.h>
+#include <cjson/cJSON.h>
+
+#include <algorithm>
+#include <array>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <span>
+#include <utility>
+
+#include "local_config/connect_request.h"
+#include "local_config/loop_hand_off.h"
+#include "local_config/request_body.h"
+#include "local_config/server_sockets.h"
+#include "utility/check.h"
+#include "utility/log_delegate.h"
+#include "utility/uv_utilities.h"
+
+namespace {
+
+constexpr unsigned IPV6_FEATURE = 8;
+constexpr const char* BASE_SERVICE_PATH = "/";
+constexpr const char* CONNECT_ENDPOINT = "connect-to-nconnect";
+constexpr size_t ENDPOINT_PATH_SIZE = 128;
+constexpr size_t RESPONSE_SIZE = 2048;  // bytes, terminator included
+constexpr long long MAXIMUM_BODY_SIZE = 64 * 1024;
+constexpr const char* JSON_CONTENT_TYPE = "application/json";
+
+struct AsyncCloser {
+    void operator()(uv_async_t* handle) const { uv_async_free(handle); }
+};
+using async_ptr = std::unique_ptr<uv_async_t, AsyncCloser>;
+
+struct get_endpoint {
+    const char* name;
+    async_ptr async{};
+    char response[RESPONSE_SIZE] = {};
+    size_t response_length = 0;
+};
+
+struct connect_endpoint {
+    async_ptr async;
+    connect_request request;
+};
+
+// CivetWeb's global state; goes after every context is gone.
+struct library {
+    library() { mg_init_library(0); }
+    ~library() { mg_exit_library(); }
+    library(const library&) = delete;
+    library& operator=(const library&) = delete;
+};
+
+}  // namespace
+
+struct http_server {
+    uint16_t port;
+    device_info* info;
+    audio_renderer* renderer;
+    const char* base_service_path = BASE_SERVICE_PATH;
+    nuv_connect* core = nullptr;
+
+    // A server is running (`server` set), or an old one is being stopped on the stopper thread
+    // (`stopping` set), with a start waiting for its end or not, or neither.
+    mg_context* server = nullptr;
+    mg_context* stopping = nullptr;
+    bool start_is_waiting = false;
+    uint16_t listening_port = 0;  // differs from `port` when that is 0
+    uv_thread_t stopper{};
+
+    // In the order of release, last to first.
+    async_ptr on_stopped{};
+    connect_endpoint connect_to_nconnect{};
+    get_endpoint get_connect_info{.name = "get-connect-info"};
+    get_endpoint get_display_info{.name = "get-display-info"};
+    loop_hand_off shared_data{};
+    library civetweb{};
+};
+
+namespace {
+
+http_server* server_of(uv_async_t* async) {
+    auto* self =
+        static_cast<http_server*>(uv_handle_get_data(reinterpret_cast<uv_handle_t*>(async)));
+    NUV_CHECK(self != NULL);
+    return self;
+}
+
+// ---- Answers, on the worker ---------------------------------------------------------------------
+
+int send_error(mg_connection* connection, int status, const char* text) {
+    mg_send_http_error(connection, status, "%s", text);
+    return status;
+}
+
+int send_json(mg_connection* connection, const char* json, size_t length) {
+    mg_send_http_ok(connection, JSON_CONTENT_TYPE, static_cast<long long>(length));
+    if (length > 0) {
+        mg_write(connection, json, length);
+    }
+    return 200;
+}
+
+int send_internal_error(mg_connection* connection) {
+    return send_error(connection, 500, "Internal Server Error");
+}
+
+// Logs the request; false when its method is not the endpoint's.
+bool accepts_method(mg_connection* connection, const char* endpoint, const char* expected) {
+    app_log(LOG_LEVEL_INFO, "API endpoint invoked: %s", endpoint);
+    const char* method = mg_get_request_info(connection)->request_method;
+    if (std::strcmp(method, expected) == 0) {
+        return true;
+    }
+    app_log(LOG_LEVEL_ERROR, "%s: Method not allowed: '%s'", endpoint, method);
+    send_error(connection, 405, "Method Not Allowed");
+    return false;
+}
+
+// ---- The two GET endpoints ----------------------------------------------------------------------
+
+int handle_get(mg_connection* connection, http_server* self, get_endpoint& endpoint) {
+    const request_body body(connection, self->listening_port);
+    if (!accepts_method(connection, endpoint.name, "GET")) {
+        return 405;
+    }
+    if (!self->shared_data.hand_off(endpoint.async.get())) {
+        return send_internal_error(connection);
+    }
+    return send_json(connection, endpoint.response, endpoint.response_length);
+}
+
+int http_server_on_civetweb_handle_get_display_info(mg_connection* connection, void* context) {
+    auto* self = static_cast<http_server*>(context);
+    return handle_get(connection, self, self->get_display_info);
+}
+
+int http_server_on_civetweb_handle_get_connect_info(mg_connection* connection, void* context) {
+    auto* self = static_cast<http_server*>(context);
+    return handle_get(connection, self, self->get_connect_info);
+}
+
+struct TextMember {
+    const char* key;
+    const char* value;
+};
+
+// Loop thread: prints the members, compact, into the endpoint's response.
+bool respond(get_endpoint& endpoint, std::span<const TextMember> members) {
+    const json_ptr document(cJSON_CreateObject());
+    const bool is_complete = std::ranges::all_of(members, [&](const TextMember& member) {
+        return cJSON_AddStringToObject(document.get(), member.key, member.value) != nullptr;
+    });
+    if (!is_complete || cJSON_PrintPreallocated(document.get(), endpoint.response, RESPONSE_SIZE,
+                                                static_cast<cJSON_bool>(false)) == 0) {
+        app_log(LOG_LEVEL_ERROR, "%s: Response does not fit in %zu bytes", endpoint.name,
+                RESPONSE_SIZE);
+        return false;
+    }
+    endpoint.response_length = std::strlen(endpoint.response);
+    return true;
+}
+
+bool compose_display_info(http_server* self) {
+    const nuv_audio_quality quality =
+        audio_renderer_get_maximum_supported_audio_quality(self->renderer);
+    const char* device_name = device_info_get_device_name(self->info);
+    const nuv_device_type device_type = device_info_get_device_type(self->info);
+    const char* manufacturer = device_info_get_manufacturer(self->info);
+    const char* model = device_info_get_model(self->info);
+    const char* serial_number = device_info_get_serial_number(self->info);
+    NUV_CHECK(device_name != NULL);
+    NUV_CHECK(manufacturer != NULL);
+    NUV_CHECK(model != NULL);
+    NUV_CHECK(serial_number != NULL);
+
+    const std::array members{
+        TextMember{"friendly_name", device_name},
+        TextMember{"serial_number", serial_number},
+        TextMember{"brand_display_name", manufacturer},
+        TextMember{"model_display_name", model},
+        TextMember{"max_audio_quality", nuv_audio_quality_to_string(quality)},
+        TextMember{"type", nuv_device_type_to_string(device_type)},
+    };
+    return respond(self->get_display_info, members);
+}
+
+bool compose_connect_info(http_server* self) {
+    NUV_CHECK(self->core != NULL);
+    const char* app_id = device_info_get_app_id(self->info);
+    const char* session_id = "";
+    if (nuv_connect_get_session_id(self->core, &session_id) != NUV_ERROR_OK) {
+        app_log(LOG_LEVEL_ERROR, "get-connect-info: Unable to retrieve current session ID");
+        return false;
+    }
+    NUV_CHECK(app_id != NULL);
+    NUV_CHECK(session_id != NULL);
+
+    const std::array members{
+        TextMember{"app_id", app_id},
+        TextMember{"current_session_id", session_id},
+    };
+    return respond(self->get_connect_info, members);
+}
+
+void http_server_on_handle_get_display_info_synchronized(uv_async_t* async) {
+    http_server* self = server_of(async);
+    self->shared_data.answer(async, [self] { return compose_display_info(self); });
+}
+
+void http_server_on_handle_get_connect_info_synchronized(uv_async_t* async) {
+    http_server* self = server_of(async);
+    self->shared_data.answer(async, [self] { return compose_connect_info(self); });
+}
+
+// ---- POST connect-to-nconnect -------------------------------------------------------------------
+
+int reject(mg_connection* connection, const char* reason, int status, const char* text) {
+    app_log(LOG_LEVEL_ERROR, "%s", reason);
+    return send_error(connection, status, text);
+}
+
+void log_token(const char* title, const connect_token& token) {
+    app_log(LOG_LEVEL_DEBUG, "%s:", title);
+    app_log(LOG_LEVEL_DEBUG, "    Endpoint: %s", token.endpoint);
+    app_log(LOG_LEVEL_DEBUG, "    JWT: %s", token.jwt);
+    app_log(LOG_LEVEL_DEBUG, "    Exp: %" PRIu64, token.exp);
+}
+
+void log_request(const connect_request& request) {
+    app_log(LOG_LEVEL_DEBUG, "Session ID: %s", request.session_id);
+    log_token("JWT API", request.jwt_api);
+    log_token("JWT NConnect", request.jwt_nconnect);
+    app_log(LOG_LEVEL_DEBUG, "Become Active: %s", request.become_active ? "true" : "false");
+}
+
+int http_server_on_civetweb_handle_connect_to_nconnect(mg_connection* connection, void* context) {
+    auto* self = static_cast<http_server*>(context);
+    request_body body(connection, self->listening_port);
+    if (!accepts_method(connection, CONNECT_ENDPOINT, "POST")) {
+        return 405;
+    }
+    if (body.length() < 0) {
+        return reject(connection, "connect-to-nconnect: Missing content length", 411,
+                      "Length Required");
+    }
+    if (body.length() > MAXIMUM_BODY_SIZE) {
+        return reject(connection, "connect-to-nconnect: Request body is too large", 413,
+                      "Payload Too Large");
+    }
+    const auto bytes = body.read();
+    if (!bytes) {
+        app_log(LOG_LEVEL_ERROR, "connect-to-nconnect: Failed to read data");
+        return 500;
+    }
+    // Owns the texts of the request until the loop has answered.
+    const parsed_connect_request parsed = parse_connect_request(bytes->data());
+    if (parsed.error != nullptr) {
+        return reject(connection, parsed.error, 400, "Bad Request");
+    }
+    log_request(parsed.request);
+
+    connect_endpoint& endpoint = self->connect_to_nconnect;
+    endpoint.request = parsed.request;
+    if (!self->shared_data.hand_off(endpoint.async.get())) {
+        return send_internal_error(connection);
+    }
+    return send_json(connection, nullptr, 0);
+}
+
+bool connect_session(http_server* self) {
+    NUV_CHECK(self->core != NULL);
+    const connect_request& request = self->connect_to_nconnect.request;
+    return nuv_connect_connect(self->core, request.session_id, request.jwt_api.endpoint,
+                               request.jwt_api.jwt, request.jwt_api.exp,
+                               request.jwt_nconnect.endpoint, request.jwt_nconnect.jwt,
+                               request.jwt_nconnect.exp, request.become_active) == NUV_ERROR_OK;
+}
+
+void http_server_on_handle_connect_to_nconnect_synchronized(uv_async_t* async) {
+    http_server* self = server_of(async);
+    self->shared_data.answer(async, [self] { return connect_session(self); });
+}
+
+// ---- Starting and stopping, on the loop thread --------------------------------------------------
+
+int http_server_on_civetweb_log_message(const mg_connection*, const char* message) {
+    app_log(LOG_LEVEL_ERROR, "[Civetweb] %s", message);
+    return 1;
+}
+
+uint16_t port_in_use(const mg_context* server, uint16_t configured) {
+    mg_server_port port{};
+    return mg_get_server_ports(server, 1, &port) == 1 ? static_cast<uint16_t>(port.port)
+                                                      : configured;
+}
+
+void register_endpoint(http_server* self, const char* name, mg_request_handler handler) {
+    char path[ENDPOINT_PATH_SIZE];
+    const int length = std::snprintf(path, sizeof(path), "%s%s", self->base_service_path, name);
+    NUV_CHECK(length > 0 && static_cast<size_t>(length) < sizeof(path));
+    mg_set_request_handler(self->server, path, handler, self);
+}
+
+void start_now(http_server* self) {
+    mg_callbacks callbacks{};
+    callbacks.log_message = http_server_on_civetweb_log_message;
+    char port_text[16];
+    std::snprintf(port_text, sizeof(port_text), http_server_supports_ipv6(self) ? "+%u" : "%u",
+                  unsigned{self->port});
+    const char* options[] = {"listening_ports", port_text, "num_threads", "1", nullptr};
+
+    self->shared_data.reopen();
+    self->server = mg_start(&callbacks, self, options);
+    if (self->server == nullptr) {
+        app_log(LOG_LEVEL_ERROR, "Unable to start HTTP server");
+        return;
+    }
+    self->listening_port = port_in_use(self->server, self->port);
+    register_endpoint(self, self->get_display_info.name,
+                      http_server_on_civetweb_handle_get_display_info);
+    register_endpoint(self, self->get_connect_info.name,
+                      http_server_on_civetweb_handle_get_connect_info);
+    register_endpoint(self, CONNECT_ENDPOINT, http_server_on_civetweb_handle_connect_to_nconnect);
+}
+
+// Stopper thread. mg_stop polls every 10 ms until CivetWeb's threads have ended, and those sleep
+// for up to 2 s unless their sockets wake them.
+void stop_context(void* context) {
+    auto* self = static_cast<http_server*>(context);
+    shut_down_server_sockets(self->listening_port);
+    mg_stop(self->stopping);
+    const int rc = uv_async_send(self->on_stopped.get());
+    NUV_CHECK(rc == 0);
+}
+
+// Waits for the stopper thread, which the async has reported as done or as good as done.
+void join_stopper(http_server* self) {
+    const int rc = uv_thread_join(&self->stopper);
+    NUV_CHECK(rc == 0);
+    self->stopping = nullptr;
+}
+
+void http_server_on_stopped(uv_async_t* async) {
+    http_server* self = server_of(async);
+    if (self->stopping == nullptr) {
+        return;
+    }
+    join_stopper(self);
+    if (std::exchange(self->start_is_waiting, false)) {
+        start_now(self);
+    }
+}
+
+void http_server_do_stop(http_server* self) {
+    if (self->server == nullptr && !self->start_is_waiting) {
+        app_log(LOG_LEVEL_TRACE, "Local configuration server is already stopped");
+        return;
+    }
+    app_log(LOG_LEVEL_INFO, "Stopping Local configuration server");
+    if (std::exchange(self->start_is_waiting, false)) {
+        return;
+    }
+    self->shared_data.cancel();
+    self->stopping = std::exchange(self->server, nullptr);
+    if (uv_thread_create(&self->stopper, stop_context, self) != 0) {
+        app_log(LOG_LEVEL_WARNING, "No thread to stop the HTTP server on; the event loop waits");
+        stop_context(self);
+        self->stopping = nullptr;
+    }
+}
+
+}  // namespace
+
+http_server* http_server_new(uv_loop_t* event_loop, uint16_t port, device_info* info,
+                             audio_renderer* renderer) {
+    NUV_CHECK(event_loop != NULL);
+    NUV_CHECK(info != NULL);
+    NUV_CHECK(renderer != NULL);
+    auto* self = new http_server{.port = port, .info = info, .renderer = renderer};
+    self->get_display_info.async.reset(
+        uv_async_new(event_loop, http_server_on_handle_get_display_info_synchronized, self));
+    self->get_connect_info.async.reset(
+        uv_async_new(event_loop, http_server_on_handle_get_connect_info_synchronized, self));
+    self->connect_to_nconnect.async.reset(
+        uv_async_new(event_loop, http_server_on_handle_connect_to_nconnect_synchronized, self));
+    self->on_stopped.reset(uv_async_new(event_loop, http_server_on_stopped, self));
+    return self;
+}
+
+void http_server_free(http_server* self) {
+    NUV_CHECK(self != NULL);
+    if (self->server != nullptr || self->start_is_waiting) {
+        http_server_do_stop(self);
+    }
+    if (self->stopping != nullptr) {
+        join_stopper(self);
+    }
+    delete self;
+}
+
+void http_server_set_core(http_server* self, nuv_connect* core) {
+    NUV_CHECK(self != NULL);
+    self->core = core;
+}
+
+nuv_local_config_server_delegate http_server_get_local_config_server_delegate(http_server* self) {
+    NUV_CHECK(self != NULL);
+    return {.context = self,
+            .start = http_server_on_start_local_config_server,
+            .stop = http_server_on_stop_local_config_server};
+}
+
+void http_server_on_start_local_config_server(nuv_connect* core, void* context) {
+    auto* self = static_cast<http_server*>(context);
+    NUV_CHECK(self != NULL);
+    NUV_CHECK(core == self->core);
+    if (self->server != nullptr || self->start_is_waiting) {
+        app_log(LOG_LEVEL_TRACE, "Local configuration server is already running");
+        return;
+    }
+    app_log(LOG_LEVEL_INFO, "Starting Local configuration server");
+    if (self->stopping != nullptr) {
+        self->start_is_waiting = true;  // the port is still taken
+        return;
+    }
+    start_now(self);
+}
+
+void http_server_on_stop_local_config_server(nuv_connect* core, void* context) {
+    auto* self = static_cast<http_server*>(context);
+    NUV_CHECK(self != NULL);
+    NUV_CHECK(core == self->core);
+    http_server_do_stop(self);
+}
+
+bool http_server_supports_ipv6(const http_server* self) {
+    NUV_CHECK(self != NULL);
+    return mg_check_feature(IPV6_FEATURE) == IPV6_FEATURE;
+}
+
+uint16_t http_server_get_port(const http_server* self) {
+    NUV_CHECK(self != NULL);
+    return self->port;
+}
+
+const char* http_server_get_base_service_path(const http_server* self) {
+    NUV_CHECK(self != NULL);
+    return self->base_service_path;
+}

@@ -11,7 +11,12 @@
 //             finish closing on a later pass of the loop.
 // Threads     every function below: the loop thread only. Requests are parsed on CivetWeb's worker;
 //             whatever touches the core, the device info or the renderer runs on the loop thread.
-// Stopping    never waits for a request that waits for the loop: that request is answered 500.
+// Stopping    returns at once; a request that waits for the loop is answered 500. The old server
+//             ends on a thread of its own (about 10 ms), and a start that comes meanwhile takes
+//             effect when it has. http_server_free waits for that end.
+// Peers       one worker serves one connection at a time. A connection holds it for 30 s at most
+//             until its headers are complete, then for 36 s at most for its body; the
+//             others wait.
 #pragma once
 
 #include <uv.h>

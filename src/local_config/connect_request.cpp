@@ -1,0 +1,148 @@
+#include "local_config/connect_request.h"
+
+#include <array>
+#include <limits>
+
+#include "utility/check.h"
+
+namespace {
+
+constexpr const char* INVALID_JSON = "connect-to-nconnect: Invalid JSON";
+
+enum class Kind { Text, Object, Number, Boolean };
+
+// One member, in the order of checking. An Object row also leads into the object: the rows below it
+// that have it as their parent are looked up there.
+struct MemberRule {
+    const char* parent;  // null: the document itself
+    const char* name;
+    Kind kind;
+    const char* missing;
+    const char* wrong_type;  // null: any type will do
+};
+
+constexpr std::array RULES{
+    MemberRule{nullptr, "session_id", Kind::Text,
+               "connect-to-nconnect: Request does not contain \"session_id\"",
+               "connect-to-nconnect: session_id is not a string"},
+    MemberRule{nullptr, "jwt_api", Kind::Object,
+               "connect-to-nconnect: Request does not contain \"jwt_api\"",
+               "connect-to-nconnect: jwt_api is not an object"},
+    MemberRule{"jwt_api", "endpoint", Kind::Text,
+               "connect-to-nconnect: jwt_api does not have \"endpoint\" field",
+               "connect-to-nconnect: jwt_api's \"endpoint\" field is not a string"},
+    MemberRule{"jwt_api", "jwt", Kind::Text,
+               "connect-to-nconnect: jwt_api does not have \"jwt\" field",
+               "connect-to-nconnect: jwt_api's \"jwt\" field is not a string"},
+    MemberRule{"jwt_api", "exp", Kind::Number,
+               "connect-to-nconnect: jwt_api does not have \"exp\" field", nullptr},
+    MemberRule{nullptr, "jwt_nconnect", Kind::Object,
+               "connect-to-nconnect: Request does not contain \"jwt_nconnect\"",
+               "connect-to-nconnect: jwt_nconnect is not an object"},
+    MemberRule{"jwt_nconnect", "endpoint", Kind::Text,
+               "connect-to-nconnect: jwt_nconnect does not have \"endpoint\" field",
+               "connect-to-nconnect: jwt_nconnect's \"endpoint\" field is not a string"},
+    MemberRule{"jwt_nconnect", "jwt", Kind::Text,
+               "connect-to-nconnect: jwt_nconnect does not have \"jwt\" field",
+               "connect-to-nconnect: jwt_nconnect's \"jwt\" field is not a string"},
+    MemberRule{"jwt_nconnect", "exp", Kind::Number,
+               "connect-to-nconnect: jwt_nconnect does not have \"exp\" field", nullptr},
+    MemberRule{nullptr, "become_active", Kind::Boolean,
+               "connect-to-nconnect: Request does not contain \"become_active\"",
+               "connect-to-nconnect: become_active is not a boolean value"},
+};
+
+bool has_kind(const cJSON* member, Kind kind) {
+    switch (kind) {
+        case Kind::Text:
+            return cJSON_GetStringValue(member) != nullptr;
+        case Kind::Object:
+            return cJSON_IsObject(member) != 0;
+        case Kind::Boolean:
+            return cJSON_IsBool(member) != 0;
+        case Kind::Number:
+            return true;
+    }
+    return false;
+}
+
+// Text of the first rule that the document breaks, or null.
+const char* broken_rule(const cJSON* document) {
+    for (const MemberRule& rule : RULES) {
+        const cJSON* parent =
+            rule.parent == nullptr ? document : cJSON_GetObjectItem(document, rule.parent);
+        const cJSON* member = cJSON_GetObjectItem(parent, rule.name);
+        if (member == nullptr) {
+            return rule.missing;
+        }
+        if (rule.wrong_type != nullptr && !has_kind(member, rule.kind)) {
+            return rule.wrong_type;
+        }
+    }
+    return nullptr;
+}
+
+// Counts brackets outside strings, up to the end of the outermost value. Right for any bytes: where
+// the counts could go wrong, the parser has stopped already.
+bool nests_too_deep(const char* body) {
+    int depth = 0;
+    bool in_string = false;
+    for (const char* at = body; *at != '\0'; ++at) {
+        if (in_string && *at == '\\' && at[1] != '\0') {
+            ++at;
+        } else if (*at == '"') {
+            in_string = !in_string;
+        } else if (!in_string && (*at == '[' || *at == '{')) {
+            if (++depth > CONNECT_REQUEST_MAXIMUM_NESTING) {
+                return true;
+            }
+        } else if (!in_string && (*at == ']' || *at == '}')) {
+            if (--depth <= 0) {
+                return false;
+            }
+        }
+    }
+    return false;
+}
+
+// Truncates toward zero; what the type can't hold becomes its nearest value.
+uint64_t to_seconds(double value) {
+    constexpr double TOO_LARGE = 18446744073709551616.0;  // 2^64
+    if (!(value > 0)) {                                   // NaN too
+        return 0;
+    }
+    return value >= TOO_LARGE ? std::numeric_limits<uint64_t>::max() : static_cast<uint64_t>(value);
+}
+
+connect_token read_token(const cJSON* document, const char* name) {
+    const cJSON* token = cJSON_GetObjectItem(document, name);
+    return {
+        .endpoint = cJSON_GetStringValue(cJSON_GetObjectItem(token, "endpoint")),
+        .jwt = cJSON_GetStringValue(cJSON_GetObjectItem(token, "jwt")),
+        .exp = to_seconds(cJSON_GetNumberValue(cJSON_GetObjectItem(token, "exp"))),
+    };
+}
+
+connect_request read_request(const cJSON* document) {
+    return {
+        .session_id = cJSON_GetStringValue(cJSON_GetObjectItem(document, "session_id")),
+        .jwt_api = read_token(document, "jwt_api"),
+        .jwt_nconnect = read_token(document, "jwt_nconnect"),
+        .become_active = cJSON_IsTrue(cJSON_GetObjectItem(document, "become_active")) != 0,
+    };
+}
+
+}  // namespace
+
+parsed_connect_request parse_connect_request(const char* body) {
+    NUV_CHECK(body != NULL);
+    parsed_connect_request parsed{};
+    if (!nests_too_deep(body)) {
+        parsed.document.reset(cJSON_Parse(body));
+    }
+    parsed.error = parsed.document == nullptr ? INVALID_JSON : broken_rule(parsed.document.get());
+    if (parsed.error == nullptr) {
+        parsed.request = read_request(parsed.document.get());
+    }
+    return parsed;
+}

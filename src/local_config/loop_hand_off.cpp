@@ -1,0 +1,83 @@
+#include "local_config/loop_hand_off.h"
+
+#include <utility>
+
+namespace {
+
+class Lock {
+  public:
+    explicit Lock(uv_mutex_t* mutex) : m_mutex(mutex) { uv_mutex_lock(m_mutex); }
+    ~Lock() { uv_mutex_unlock(m_mutex); }
+    Lock(const Lock&) = delete;
+    Lock& operator=(const Lock&) = delete;
+
+  private:
+    uv_mutex_t* m_mutex;
+};
+
+}  // namespace
+
+loop_hand_off::loop_hand_off() {
+    int rc = uv_mutex_init(&mutex);
+    NUV_CHECK(rc == 0);
+    rc = uv_cond_init(&condition);
+    NUV_CHECK(rc == 0);
+}
+
+loop_hand_off::~loop_hand_off() {
+    uv_mutex_destroy(&mutex);
+    uv_cond_destroy(&condition);
+}
+
+bool loop_hand_off::hand_off(uv_async_t* async) {
+    {
+        const Lock lock(&mutex);
+        NUV_CHECK(!result_available);
+        if (cancelled) {
+            return false;
+        }
+        waiting = async;
+    }
+    const int rc = uv_async_send(async);
+    NUV_CHECK(rc == 0);
+
+    const Lock lock(&mutex);
+    while (!result_available && (taken || waiting != nullptr)) {
+        uv_cond_wait(&condition, &mutex);
+    }
+    return std::exchange(result_available, false) && result;
+}
+
+bool loop_hand_off::take(const uv_async_t* async) {
+    const Lock lock(&mutex);
+    if (waiting != async) {
+        return false;
+    }
+    waiting = nullptr;
+    taken = true;
+    return true;
+}
+
+void loop_hand_off::report(bool success) {
+    {
+        const Lock lock(&mutex);
+        result = success;
+        taken = false;
+        result_available = true;
+    }
+    uv_cond_signal(&condition);
+}
+
+void loop_hand_off::cancel() {
+    {
+        const Lock lock(&mutex);
+        cancelled = true;
+        waiting = nullptr;
+    }
+    uv_cond_signal(&condition);
+}
+
+void loop_hand_off::reopen() {
+    const Lock lock(&mutex);
+    cancelled = false;
+}

@@ -1,0 +1,166 @@
+#include "local_config/server_sockets.h"
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+namespace {
+
+class Descriptor {
+  public:
+    explicit Descriptor(int fd) : m_fd(fd) {}
+    ~Descriptor() {
+        if (m_fd >= 0) {
+            close(m_fd);
+        }
+    }
+    Descriptor(Descriptor&& other) noexcept : m_fd(other.release()) {}
+    Descriptor(const Descriptor&) = delete;
+    Descriptor& operator=(const Descriptor&) = delete;
+    Descriptor& operator=(Descriptor&&) = delete;
+
+    int get() const { return m_fd; }
+    int release() { return std::exchange(m_fd, -1); }
+
+  private:
+    int m_fd;
+};
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { closedir(directory); }
+};
+
+uint16_t port_of(const sockaddr_storage& address) {
+    switch (address.ss_family) {
+        case AF_INET:
+            return ntohs(reinterpret_cast<const sockaddr_in&>(address).sin_port);
+        case AF_INET6:
+            return ntohs(reinterpret_cast<const sockaddr_in6&>(address).sin6_port);
+        default:
+            return 0;
+    }
+}
+
+using AddressOf = int (*)(int, sockaddr*, socklen_t*);
+
+// Port of one end, with getsockname or getpeername; 0 when there is none.
+uint16_t port_of(int fd, AddressOf address_of) {
+    sockaddr_storage address{};
+    socklen_t size = sizeof(address);
+    const bool known = address_of(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0;
+    return known ? port_of(address) : 0;
+}
+
+int socket_option(int fd, int option) {
+    int value = 0;
+    socklen_t size = sizeof(value);
+    return getsockopt(fd, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
+}
+
+bool is_socket(int fd) {
+    struct stat status {};
+    return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
+// Shows `visit` each TCP socket bound to `local_port` until it returns false. It gets a second
+// descriptor: the original can be closed by its owner, and its number reused, at any moment. Only
+// sockets are duplicated, since closing a second descriptor of a file would drop its locks.
+template <typename Visit>
+void for_each_socket(uint16_t local_port, Visit visit) {
+    const std::unique_ptr<DIR, DirectoryCloser> directory(opendir("/proc/self/fd"));
+    if (directory == nullptr) {
+        return;
+    }
+    while (const dirent* entry = readdir(directory.get())) {
+        const int fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
+        if (!is_socket(fd)) {
+            continue;
+        }
+        Descriptor copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+        if (socket_option(copy.get(), SO_TYPE) == SOCK_STREAM &&
+            port_of(copy.get(), getsockname) == local_port && !visit(copy)) {
+            return;
+        }
+    }
+}
+
+void shut_down(uint16_t port, bool listening, int how) {
+    for_each_socket(port, [=](const Descriptor& socket) {
+        if ((socket_option(socket.get(), SO_ACCEPTCONN) == 1) == listening) {
+            shutdown(socket.get(), how);
+        }
+        return true;
+    });
+}
+
+int find_connection(uint16_t local_port, uint16_t remote_port) {
+    int found = -1;
+    for_each_socket(local_port, [&](Descriptor& socket) {
+        if (port_of(socket.get(), getpeername) == remote_port) {
+            found = socket.release();
+        }
+        return found < 0;
+    });
+    return found;
+}
+
+}  // namespace
+
+void shut_down_server_sockets(uint16_t port) {
+    // Listeners first: after that no further connection can appear.
+    shut_down(port, true, SHUT_RDWR);
+    shut_down(port, false, SHUT_RD);
+}
+
+connection_socket::connection_socket(uint16_t local_port, uint16_t remote_port)
+    : m_fd(find_connection(local_port, remote_port)) {}
+
+connection_socket::~connection_socket() {
+    if (m_fd >= 0) {
+        close(m_fd);
+    }
+}
+
+int connection_socket::readable_bytes() const {
+    int count = 0;
+    return m_fd >= 0 && ioctl(m_fd, FIONREAD, &count) == 0 ? count : 0;
+}
+
+bool connection_socket::has_ended() const {
+    char next = 0;
+    // A connection that was reset has no peer any more.
+    return m_fd >= 0 && recv(m_fd, &next, sizeof(next), MSG_PEEK | MSG_DONTWAIT) == 0 &&
+           port_of(m_fd, getpeername) != 0;
+}
+
+void connection_socket::close_gently(int patience_ms) const {
+    using std::chrono::steady_clock;
+    if (m_fd < 0) {
+        return;
+    }
+    shutdown(m_fd, SHUT_WR);
+    const auto deadline = steady_clock::now() + std::chrono::milliseconds(patience_ms);
+    std::array<char, 4096> dropped;
+    pollfd readable{.fd = m_fd, .events = POLLIN, .revents = 0};
+    for (;;) {
+        const auto left =
+            std::chrono::ceil<std::chrono::milliseconds>(deadline - steady_clock::now());
+        if (left.count() <= 0 || poll(&readable, 1, static_cast<int>(left.count())) <= 0 ||
+            recv(m_fd, dropped.data(), dropped.size(), MSG_DONTWAIT) <= 0) {
+            break;
+        }
+    }
+    shutdown(m_fd, SHUT_RD);
+}

@@ -1,0 +1,38 @@
+// The HTTP library's own sockets, reached through the process's descriptor table.
+//
+// The library hides its descriptors, yet some waits inside it can only be ended from outside:
+// mg_stop lets its threads sleep out their polls (up to 2 s), and a peer that sends its body one
+// byte at a time holds the only worker for as long as it likes. Shutting a socket down ends such a
+// wait at once; the library stays the owner and closes the descriptor itself.
+//
+// Every function may be called from any thread. Where /proc is missing nothing is found, and the
+// waits take their time.
+#pragma once
+
+#include <cstdint>
+
+// Ends the waits of a server that is about to be stopped: its listeners accept nothing more, its
+// connections read the end of their streams. Answers under way are still sent.
+void shut_down_server_sockets(uint16_t port);
+
+// A connection of this process by its two ports; holds a second descriptor on it.
+class connection_socket {
+  public:
+    connection_socket(uint16_t local_port, uint16_t remote_port);
+    ~connection_socket();
+    connection_socket(const connection_socket&) = delete;
+    connection_socket& operator=(const connection_socket&) = delete;
+
+    // Bytes that can be read without waiting.
+    int readable_bytes() const;
+    // The stream has come to its end, all of it was read and nothing was lost: the peer closed its
+    // sending side, or shut_down_server_sockets the receiving one.
+    bool has_ended() const;
+    // Says that nothing more will be sent, drops what still arrives until the peer closes or
+    // `patience_ms` is over, and then refuses the rest. Closing without it would make the peer lose
+    // an answer that it has not read yet.
+    void close_gently(int patience_ms) const;
+
+  private:
+    int m_fd;  // -1: not found
+};

@@ -1,0 +1,124 @@
+#include "local_config/connect_request.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <string>
+
+namespace {
+
+const std::string COMPLETE =
+    R"({"session_id":"s","jwt_api":{"endpoint":"e1","jwt":"t1","exp":11},)"
+    R"("jwt_nconnect":{"endpoint":"e2","jwt":"t2","exp":12},"become_active":true})";
+
+std::string replaced(const std::string& from, const std::string& to) {
+    std::string body = COMPLETE;
+    return body.replace(body.find(from), from.size(), to);
+}
+
+std::string error_of(const std::string& body) {
+    const parsed_connect_request parsed = parse_connect_request(body.c_str());
+    return parsed.error == nullptr ? "none" : parsed.error;
+}
+
+TEST(ConnectRequest, CompleteBodyIsRead) {
+    const parsed_connect_request parsed = parse_connect_request(COMPLETE.c_str());
+    ASSERT_EQ(parsed.error, nullptr);
+    const connect_request& request = parsed.request;
+    EXPECT_STREQ(request.session_id, "s");
+    EXPECT_STREQ(request.jwt_api.endpoint, "e1");
+    EXPECT_STREQ(request.jwt_api.jwt, "t1");
+    EXPECT_EQ(request.jwt_api.exp, 11U);
+    EXPECT_STREQ(request.jwt_nconnect.endpoint, "e2");
+    EXPECT_STREQ(request.jwt_nconnect.jwt, "t2");
+    EXPECT_EQ(request.jwt_nconnect.exp, 12U);
+    EXPECT_TRUE(request.become_active);
+}
+
+TEST(ConnectRequest, ForgivesKeyCaseExtraMembersAndTrailingBytes) {
+    EXPECT_EQ(error_of(replaced("session_id", "SESSION_ID")), "none");
+    EXPECT_EQ(error_of(replaced("{\"session_id", "{\"other\":[{}],\"session_id")), "none");
+    EXPECT_EQ(error_of(COMPLETE + "]]] trailing" + std::string(100, '[')), "none");
+}
+
+TEST(ConnectRequest, FirstOfEqualKeysCounts) {
+    const auto body =
+        replaced("\"become_active\":true", "\"become_active\":false,\"Become_Active\":true");
+    EXPECT_FALSE(parse_connect_request(body.c_str()).request.become_active);
+}
+
+TEST(ConnectRequest, FirstBrokenRuleIsNamed) {
+    const struct {
+        std::string body;
+        const char* error;
+    } cases[] = {
+        {"", "Invalid JSON"},
+        {"{\"session_id\":", "Invalid JSON"},
+        {"[]", "Request does not contain \"session_id\""},
+        {"null", "Request does not contain \"session_id\""},
+        {replaced("session_id", "x"), "Request does not contain \"session_id\""},
+        {replaced("\"s\"", "null"), "session_id is not a string"},
+        {replaced("jwt_api", "x"), "Request does not contain \"jwt_api\""},
+        {R"({"session_id":"s","jwt_api":[]})", "jwt_api is not an object"},
+        {replaced("endpoint", "x"), "jwt_api does not have \"endpoint\" field"},
+        {replaced("\"e1\"", "1"), "jwt_api's \"endpoint\" field is not a string"},
+        {replaced("\"jwt\"", "\"x\""), "jwt_api does not have \"jwt\" field"},
+        {replaced("\"t1\"", "{}"), "jwt_api's \"jwt\" field is not a string"},
+        {replaced("exp", "x"), "jwt_api does not have \"exp\" field"},
+        {replaced("jwt_nconnect", "x"), "Request does not contain \"jwt_nconnect\""},
+        {R"({"session_id":"s","jwt_api":{"endpoint":"","jwt":"","exp":0},"jwt_nconnect":"x"})",
+         "jwt_nconnect is not an object"},
+        {replaced("\"endpoint\":\"e2\",", ""), "jwt_nconnect does not have \"endpoint\" field"},
+        {replaced("\"e2\"", "1"), "jwt_nconnect's \"endpoint\" field is not a string"},
+        {replaced("\"jwt\":\"t2\",", ""), "jwt_nconnect does not have \"jwt\" field"},
+        {replaced("\"t2\"", "true"), "jwt_nconnect's \"jwt\" field is not a string"},
+        {replaced(",\"exp\":12", ""), "jwt_nconnect does not have \"exp\" field"},
+        {replaced("become_active", "x"), "Request does not contain \"become_active\""},
+        {replaced("true", "1"), "become_active is not a boolean value"},
+        {replaced("true", "\"true\""), "become_active is not a boolean value"},
+        // Of several faults the first in order is told.
+        {R"({"become_active":1,"jwt_api":1,"session_id":1})", "session_id is not a string"},
+    };
+    for (const auto& [body, error] : cases) {
+        EXPECT_EQ(error_of(body), std::string("connect-to-nconnect: ") + error) << body;
+    }
+}
+
+TEST(ConnectRequest, AnyExpiryBecomesANumberOfSeconds) {
+    constexpr uint64_t MAXIMUM = std::numeric_limits<uint64_t>::max();
+    const struct {
+        const char* exp;
+        uint64_t seconds;
+    } cases[] = {{"1.9", 1},
+                 {"-0.5", 0},
+                 {"-1e300", 0},
+                 {"\"17\"", 0},
+                 {"null", 0},
+                 {"[1]", 0},
+                 {"4294967296", 4294967296},
+                 {"1e19", 10000000000000000000U},
+                 {"18446744073709551616", MAXIMUM},
+                 {"1e300", MAXIMUM},
+                 {"1e999", MAXIMUM}};
+    for (const auto& [exp, seconds] : cases) {
+        const std::string body = replaced("11", exp);
+        const parsed_connect_request parsed = parse_connect_request(body.c_str());
+        ASSERT_EQ(parsed.error, nullptr) << exp;
+        EXPECT_EQ(parsed.request.jwt_api.exp, seconds) << exp;
+    }
+}
+
+TEST(ConnectRequest, DeepNestingIsRefusedButBracketsInTextsAreNot) {
+    const auto nested = [](int depth) {
+        return replaced("{\"session_id", "{\"x\":" + std::string(depth, '[') +
+                                             std::string(depth, ']') + ",\"session_id");
+    };
+    EXPECT_EQ(error_of(nested(CONNECT_REQUEST_MAXIMUM_NESTING - 1)), "none");
+    EXPECT_EQ(error_of(nested(CONNECT_REQUEST_MAXIMUM_NESTING)),
+              "connect-to-nconnect: Invalid JSON");
+    EXPECT_EQ(error_of(replaced("\"s\"", "\"\\\"" + std::string(500, '[') + "\"")), "none");
+    EXPECT_EQ(error_of("{\"a\\"), "connect-to-nconnect: Invalid JSON");
+}
+
+}  // namespace
