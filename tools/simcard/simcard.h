@@ -35,6 +35,8 @@
  *   - snd_pcm_drop fails only on a handle known to be DISCONNECTED; a fault on Op::drop is counted
  *     as fired but the call succeeds.
  *   - snd_pcm_resume always returns 0; see Resume for what it then leaves behind.
+ *   - A fault on Op::pointer fails an odd rest as if it were even: snd_pcm_avail asks twice and
+ * only the second answer counts, so that `times` 1 and 2 both fail one snd_pcm_avail.
  *   - alsa-lib's mixer caches values: a control is read at load and when it changes.
  *
  * Thread: every function may be called from any thread and any process; a Card object itself may be
@@ -127,7 +129,8 @@ enum class Resume : unsigned {
     stuck,       /* still SUSPENDED; prepare fails with -ESTRPIPE */
 };
 
-/* Totals of the card over all handles and processes since its creation or reset_counters. */
+/* Totals of the card over all handles and processes since its creation, or since this Card object's
+ * last reset_counters. */
 struct Counters {
     std::uint64_t calls[op_count] = {};  /* indexed by Op */
     std::uint64_t faults[op_count] = {}; /* calls made to fail */
@@ -140,6 +143,7 @@ struct Counters {
     std::uint64_t closes =
         0; /* PCM handles closed; open ones = calls[open] - faults[open] - closes */
 
+    /* Calls of one operation. */
     std::uint64_t operator[](Op op) const { return calls[static_cast<std::size_t>(op)]; }
 };
 
@@ -199,7 +203,7 @@ class Card {
     void clear_faults();
     /* The next `times` snd_pcm_writei, after `after` full ones, take at most `frames` frames. */
     void shorten_writes(std::uint64_t frames, std::uint64_t times = 1, std::uint64_t after = 0);
-    /* Each prepared, running or paused handle goes to XRUN, its queue lost. */
+    /* Each running handle goes to XRUN, its queue lost. */
     void underrun();
     /* Each prepared, running or paused handle goes to SUSPENDED, its queue kept. */
     void suspend(Resume resume = Resume::works);
@@ -229,7 +233,7 @@ class Card {
     bool element_present() const;
 
     Counters counters() const;
-    void reset_counters();
+    void reset_counters(); /* for this Card object alone; faults are not affected */
     Stream stream() const;
 
     /* In the order in which they were begun. */

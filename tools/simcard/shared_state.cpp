@@ -1,0 +1,176 @@
+#include "tools/simcard/shared_state.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/inotify.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <iterator>
+#include <utility>
+
+namespace simcard {
+
+namespace {
+
+constexpr const char* op_names[] = {
+    "open",
+    "hw_params",
+    "prepare",
+    "start",
+    "write",
+    "pointer",
+    "delay",
+    "pause",
+    "resume",
+    "drop",
+    "drain",
+    "poll_descriptor_count",
+    "poll_descriptors",
+    "poll_revents",
+    "ctl_open",
+    "ctl_list",
+    "read_volume",
+    "write_volume",
+    "read_switch",
+    "write_switch",
+    "read_event",
+};
+static_assert(std::size(op_names) == op_count);
+
+constexpr Watchers all_watchers[] = {Watchers::streams, Watchers::controls};
+
+}  // namespace
+
+const char* op_name(Op op) {
+    return op_names[static_cast<std::size_t>(op)];
+}
+
+int begin_call(OpState& op) {
+    const std::uint64_t number = op.calls.fetch_add(1) + 1;
+    const std::uint64_t first = op.fault_first.load();
+    if (first == 0 || number < first || number - first >= op.fault_times.load())
+        return 0;
+    op.faults.fetch_add(1);
+    return -static_cast<int>(op.fault_error.load());
+}
+
+int begin_call(SharedState& state, Op op) {
+    return begin_call(state.ops[static_cast<std::size_t>(op)]);
+}
+
+void arm_fault(OpState& op, std::uint32_t error, std::uint64_t after, std::uint64_t times) {
+    clear_fault(op);
+    op.fault_error = error;
+    op.fault_times = times;
+    op.fault_first = op.calls.load() + 1 + after;
+}
+
+void clear_fault(OpState& op) {
+    op.fault_first = 0;
+}
+
+const char* event_file_name(Watchers watchers) {
+    return watchers == Watchers::streams ? "pcm.event" : "ctl.event";
+}
+
+std::optional<Mapping> Mapping::open(const std::string& directory) {
+    Mapping mapping;
+    mapping.directory_ = directory;
+    mapping.state_fd_ = ::open((directory + "/card.state").c_str(), O_RDWR | O_CLOEXEC);
+    if (mapping.state_fd_ < 0)
+        return std::nullopt;
+    struct stat file = {};
+    if (fstat(mapping.state_fd_, &file) != 0)
+        return std::nullopt;
+    if (static_cast<std::uint64_t>(file.st_size) != sizeof(SharedState)) {
+        errno = EINVAL;
+        return std::nullopt;
+    }
+    void* memory = mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED,
+                        mapping.state_fd_, 0);
+    if (memory == MAP_FAILED)
+        return std::nullopt;
+    mapping.state_ = static_cast<SharedState*>(memory);
+    if (mapping->magic != state_magic || mapping->version != state_version) {
+        errno = EINVAL;
+        return std::nullopt;
+    }
+    for (const Watchers watchers : all_watchers) {
+        int& fd = mapping.event_fds_[static_cast<int>(watchers)];
+        fd = ::open((directory + "/" + event_file_name(watchers)).c_str(), O_WRONLY | O_CLOEXEC);
+        if (fd < 0)
+            return std::nullopt;
+    }
+    return mapping;
+}
+
+Mapping::Mapping(Mapping&& other) noexcept {
+    *this = std::move(other);
+}
+
+Mapping& Mapping::operator=(Mapping&& other) noexcept {
+    std::swap(directory_, other.directory_);
+    std::swap(state_, other.state_);
+    std::swap(state_fd_, other.state_fd_);
+    std::swap(event_fds_, other.event_fds_);
+    return *this;
+}
+
+Mapping::~Mapping() {
+    const int error = errno; /* a failed open reports through it */
+    if (state_ != nullptr)
+        munmap(state_, sizeof(SharedState));
+    for (const int fd : {state_fd_, event_fds_[0], event_fds_[1]}) {
+        if (fd >= 0)
+            close(fd);
+    }
+    errno = error;
+}
+
+void Mapping::touch(Watchers watchers) const {
+    const char byte = 0;
+    /* The event is the write, its success and the file's content don't matter. */
+    [[maybe_unused]] const ssize_t written =
+        pwrite(event_fds_[static_cast<int>(watchers)], &byte, sizeof(byte), 0);
+}
+
+bool Mapping::lock_exclusively() const {
+    return flock(state_fd_, LOCK_EX | LOCK_NB) == 0;
+}
+
+bool store_control(const Mapping& card, ControlState& control,
+                   const std::int64_t (&values)[element_channels]) {
+    bool changed = false;
+    for (unsigned i = 0; i < element_channels; ++i)
+        changed |= control.values[i].exchange(values[i]) != values[i];
+    if (changed) {
+        control.changes.fetch_add(1);
+        card.touch(Watchers::controls);
+    }
+    return changed;
+}
+
+int watch(const std::string& directory, Watchers watchers) {
+    const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    const std::string path = directory + "/" + event_file_name(watchers);
+    if (inotify_add_watch(fd, path.c_str(), IN_MODIFY) < 0) {
+        const int error = errno;
+        close(fd);
+        errno = error;
+        return -1;
+    }
+    return fd;
+}
+
+void drain_watch(int watch_fd) {
+    alignas(inotify_event) char buffer[4096];
+    while (read(watch_fd, buffer, sizeof(buffer)) > 0) {
+    }
+}
+
+}  // namespace simcard
