@@ -1,0 +1,27 @@
+// The ALSA sink in a test's hands: takes as much as the test gives it room for, and holds as much
+// as the test says. Every call but the queries becomes a line of the journal.
+#pragma once
+
+#include "media/sink/alsa/alsa_audio_sink.h"
+
+namespace fake_sink {
+
+struct State {
+    bool exists = true;  // false: audio_sink_new returns null
+    bool can_open = true;
+    bool can_write = true;
+    size_t room = SIZE_MAX;        // bytes that one write takes
+    uint64_t buffered_frames = 0;  // not yet heard
+    bool buffered_is_known = true;
+    bool open = false;
+    size_t written = 0;  // bytes, all writes
+};
+
+// Forgets everything, the listener included.
+void reset();
+State& state();
+void signal_space();
+void change_volume(uint32_t volume);
+void change_mute_state(bool muted);
+
+}  // namespace fake_sink
