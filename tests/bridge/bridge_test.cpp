@@ -1,0 +1,257 @@
+// The bridge's life and its commands.
+#include <algorithm>
+#include <atomic>
+#include <random>
+#include <thread>
+
+#include "bridge/host_hooks.h"
+#include "bridge/service_fixture.h"
+#include "utility/log_delegate.h"
+
+using namespace android;
+using namespace service_test;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+class Bridge : public Service {};
+
+// ---- Life
+// ----------------------------------------------------------------------------------------
+
+TEST_F(Bridge, IsMadeInOrderAndTakenDownInOrder) {
+    fake_sdk::on_call([](const std::string& call) { fake_modules::note("core " + call); });
+    startBridge();
+    process({});
+    const nuv_connect_config config = fake_sdk::config();
+    EXPECT_EQ(config.interface_version, 1);
+    EXPECT_STREQ(config.device_name, "Den");
+    EXPECT_STREQ(config.serial_number, "a45e");
+    EXPECT_STREQ(config.hardware_id, "a45e");
+    EXPECT_STREQ(config.app_secret, "secret");
+    EXPECT_EQ(config.maximum_audio_quality, NUV_AUDIO_QUALITY_HI_RES_LEVEL_2);
+    EXPECT_NE(config.media_delegate.context, nullptr);
+    EXPECT_EQ(config.renderer_state_delegate.active_state_changed, nullptr);
+    EXPECT_EQ(fake_sdk::log_delegate().callback, sdk_log_callback);
+    EXPECT_EQ(countLines("err NuvioConnect: deviceinfo = "), kSettings.size());
+    EXPECT_EQ(countLines("err NuvioConnect: Nuvio SDK Version = 1.2.3\n"), 1U);
+    stopNuvioConnect();
+    EXPECT_THAT(
+        fake_modules::journal(),
+        ElementsAre("renderer new hw:0 hw:1 PCM", "http new 8000", "advertiser new",
+                    "core create Den", "advertiser set_core", "http set_core", "renderer set_core",
+                    "core free", "advertiser free", "http free", "renderer free"));
+}
+
+TEST_F(Bridge, PortAndLogLevelAreConvertedLeniently) {
+    struct Case {
+        const char* port;
+        const char* made;
+        const char* log_level;
+        bool log_shown;
+    };
+    for (const Case& wanted :
+         {Case{"70000", "http new 4464", "", false}, Case{"abc", "http new 0", "abc", false},
+          Case{"8000", "http new 8000", "-1", true}, Case{"80 ", "http new 80", "3x", true}}) {
+        fake_sdk::reset();
+        fake_modules::reset();
+        Lines settings = kSettings;
+        settings[DEVICE_INFO_HTTP_PORT] = wanted.port;
+        settings[DEVICE_INFO_LOG_LEVEL] = wanted.log_level;
+        settings.emplace_back("one entry too many");
+        startBridge(settings);
+        process({});
+        EXPECT_THAT(fake_modules::journal(), Contains(wanted.made));
+        EXPECT_EQ(fake_sdk::log_delegate().callback != nullptr, wanted.log_shown);
+        stopNuvioConnect();
+    }
+    EXPECT_EQ(countLines("one entry too many"), 0U);
+}
+
+TEST_F(Bridge, ThatCannotBeMadeReleasesWhatItHasAndFailsEveryCommand) {
+    const std::string failing = "err NuvioConnect:  NuvConnectCore instance is not created";
+    startBridge(Lines(kSettings.begin(), kSettings.begin() + 10));
+    postEventTo_Nuvio("NEXT");
+    ASSERT_TRUE(captured_log::wait_for(failing));
+    EXPECT_EQ(countLines("err NuvioConnect: Device info array has insufficient elements."), 1U);
+    EXPECT_EQ(countLines("due to out of range error: Device info array out of range."), 1U);
+    EXPECT_THAT(fake_modules::journal(), IsEmpty());
+    stopNuvioConnect();
+
+    fake_modules::reset({.no_renderer = true, .on_tick = nullptr});
+    startBridge();
+    postEventTo_Nuvio("NEXT");
+    ASSERT_TRUE(captured_log::wait_for(failing, 2));
+    EXPECT_EQ(countLines("err NuvioConnect: handleException audio_renderer is null"), 1U);
+    EXPECT_THAT(fake_modules::journal(), ElementsAre("renderer new hw:0 hw:1 PCM"));
+    stopNuvioConnect();
+
+    fake_modules::reset();
+    fake_sdk::set_result("create", NUV_ERROR_INTERNAL);
+    startBridge();
+    postEventTo_Nuvio("NEXT");
+    ASSERT_TRUE(captured_log::wait_for(failing, 3));
+    EXPECT_EQ(countLines("err NuvioConnect: handleException Unable to create Nuvio Connect"), 1U);
+    EXPECT_EQ(countLines("err NuvioConnect: NUVIO CONNECT CREATED\n"), 1U);
+    EXPECT_THAT(fake_modules::journal(), Not(Contains("renderer set_core")));
+    EXPECT_EQ(fake_modules::journal().back(), "renderer free");
+    EXPECT_EQ(countLines("on_event_loop"), 0U);
+}
+
+TEST_F(Bridge, WithoutOneCommandsAreDroppedAndHooksDoNothing) {
+    postEventTo_Nuvio("NEXT");
+    EXPECT_EQ(countLines("No bridge, dropped event = NEXT"), 1U);
+    EXPECT_FALSE(host_allow_source());
+    host_report_volume();
+    host_report_playback_status(1);
+    host_report_playback_position(1);
+    EXPECT_THAT(fake_platform::calls(), IsEmpty());
+    stopNuvioConnect();
+
+    startBridge();
+    process({"NEXT"});
+    stopNuvioConnect();
+    postEventTo_Nuvio("PREV");
+    EXPECT_EQ(countLines("No bridge, dropped event = PREV"), 1U);
+}
+
+TEST_F(Bridge, WithoutSettingsFailsEveryCommand) {
+    std::thread bridge(nuvioConnectThreadFunction);
+    bridge.join();
+    postEventTo_Nuvio("NEXT");
+    EXPECT_TRUE(captured_log::wait_for("NuvConnectCore instance is not created"));
+}
+
+// Stops come while the modules are being made, while commands run, while the loop asks and waits.
+TEST_F(Bridge, StopsAtAnyPoint) {
+    constexpr int kRounds = 150;
+    std::atomic<bool> done{false};
+    std::thread poster([&done] {
+        const Lines commands = {"NEXT", "POST_PLAYSTATUS", "DEVICENAME:Den", "SHUFFLE:ON"};
+        for (size_t next = 0; !done; ++next) {
+            postEventTo_Nuvio(commands[next % commands.size()]);
+            std::this_thread::sleep_for(std::chrono::microseconds(200));
+        }
+    });
+    std::mt19937 random(1);
+    std::uniform_int_distribution<int> microseconds(0, 3000);
+    fake_modules::reset({.no_renderer = false, .on_tick = [] { host_report_playback_status(1); }});
+    for (int round = 0; round < kRounds; ++round) {
+        startBridge();
+        std::this_thread::sleep_for(std::chrono::microseconds(microseconds(random)));
+        stopNuvioConnect();
+    }
+    done = true;
+    poster.join();
+    EXPECT_EQ(std::ranges::count(fake_modules::journal(), "renderer free"), kRounds);
+    EXPECT_EQ(std::ranges::count(fake_sdk::calls(), "free"), kRounds);
+}
+
+// ---- Commands
+// ------------------------------------------------------------------------------------
+
+TEST_F(Bridge, EachCommandReachesTheSdk) {
+    struct Case {
+        const char* command;
+        const char* call;  // null: unknown
+    };
+    const std::vector<Case> cases = {
+        {"PAUSE", "pause_playback"},
+        {"RESUME", "resume_playback"},
+        {"STOP", "stop_playback"},
+        {"NEXT", "next_track"},
+        {"PREV", "previous_track"},
+        {"VOLUME:40", "set_volume 40"},
+        {"VOLUME:150", "set_volume 150"},
+        {"VOLUME: 7abc", "set_volume 7"},
+        {"MUTE", "set_mute_state true"},
+        {"UNMUTE", "set_mute_state false"},
+        {"MUTE:MUTE", "set_mute_state true"},
+        {"MUTE:UNMUTE", "set_mute_state false"},
+        {"SHUFFLE:ON", "set_shuffle_mode true"},
+        {"SHUFFLE:OFF", "set_shuffle_mode false"},
+        {"REPEAT:OFF", "set_loop_mode 0"},
+        {"REPEAT:ONE", "set_loop_mode 1"},
+        {"REPEAT:ALL", "set_loop_mode 2"},
+        {"DISCONNECTSOURCE", "deactivate_and_disconnect_renderer"},
+        {"XSTANDBYONX", "deactivate_and_disconnect_renderer"},
+        {"DEVICENAME:Living:Room STANDBYON", "set_device_name Living:Room STANDBYON"},
+        {"pause", nullptr},
+        {"MUTE:", nullptr},
+        {"VOLUME:", nullptr},
+        {"VOLUME:loud", nullptr},
+        {"SEEK:99999999999", nullptr},
+        {"DEVICENAME:VOLUME:x", nullptr},
+        {"", nullptr},
+    };
+    startBridge();
+    process({});
+    for (const Case& wanted : cases) {
+        fake_sdk::take_calls();
+        captured_log::reset();
+        process({wanted.command});
+        const Lines expected = wanted.call == nullptr ? Lines{} : Lines{wanted.call};
+        EXPECT_EQ(fake_sdk::calls(), expected) << wanted.command;
+        const std::string unknown =
+            std::string("err NuvioConnect:  Unknown Event ") + wanted.command;
+        EXPECT_EQ(std::ranges::count(captured_log::lines(), unknown),
+                  wanted.call == nullptr ? 1 : 0);
+    }
+}
+
+TEST_F(Bridge, AFailedCallIsReportedAndTheNextCommandRuns) {
+    fake_sdk::set_result("pause_playback", NUV_ERROR_INVALID_STATE);
+    startBridge();
+    process({"PAUSE", "MUTE_STATE", "NEXT"});
+    EXPECT_EQ(countLines("err NuvioConnect:  Failed to notify nuvio Connect event : "
+                         "PAUSENuvio Error fake error"),
+              1U);
+    EXPECT_EQ(countLines("Failed to notify"), 1U);
+    EXPECT_THAT(fake_sdk::calls(), ElementsAre("create Den", "pause_playback", "next_track"));
+    EXPECT_TRUE(captured_log::wait_for("info NuvioConnect: on_event_loop"));
+}
+
+TEST_F(Bridge, StandbyGivesTheOutputBack) {
+    startBridge();
+    process({"STANDBYON"});
+    EXPECT_THAT(fake_platform::calls(),
+                ElementsAre("player_state 1", "playback_stopped", "disconnect_source"));
+}
+
+TEST_F(Bridge, PostsMadeDuringABatchWaitForItAndJoinTheNext) {
+    startBridge();
+    postEventTo_Nuvio("DEVICENAME:Den");
+    ASSERT_TRUE(captured_log::wait_for("[DEVICENAME] Waiting 500ms before update\n"));
+    std::vector<std::thread> posters;
+    for (int count = 0; count < 3; ++count) {
+        posters.emplace_back([] {
+            postEventTo_Nuvio("NEXT");
+            EXPECT_THAT(fake_sdk::calls(), Contains("set_device_name Den"));
+        });
+    }
+    for (std::thread& poster : posters) {
+        poster.join();
+    }
+    process({});
+    EXPECT_THAT(fake_sdk::calls(), ElementsAre("create Den", "set_device_name Den", "next_track",
+                                               "next_track", "next_track"));
+}
+
+TEST_F(Bridge, AStopCutsTheRenameShortAndDropsWhatIsQueued) {
+    fake_sdk::on_call([](const std::string& call) {
+        if (call == "pause_playback") {  // on the command thread, so both are in the next batch
+            postEventTo_Nuvio("DEVICENAME:Attic");
+            postEventTo_Nuvio("NEXT");
+        }
+    });
+    startBridge();
+    postEventTo_Nuvio("PAUSE");
+    ASSERT_TRUE(captured_log::wait_for("[DEVICENAME] Waiting 500ms before update\n"));
+    stopNuvioConnect();
+    EXPECT_THAT(fake_sdk::calls(), ElementsAre("create Den", "pause_playback", "free"));
+}
+
+}  // namespace

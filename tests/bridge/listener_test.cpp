@@ -1,0 +1,103 @@
+// The source-switch listener between the platform and the bridge.
+#include "bridge/service_fixture.h"
+#include "platform/Kora.h"
+#include "startup/track_info.h"
+
+using namespace android;
+using namespace service_test;
+using testing::ElementsAre;
+
+namespace {
+
+// Without a bridge: what is posted shows as dropped.
+class Listener : public Service {
+  protected:
+    Lines posted() {
+        Lines commands;
+        const std::string mark = "No bridge, dropped event = ";
+        for (const std::string& line : captured_log::lines_with(mark)) {
+            const size_t begin = line.find(mark) + mark.size();
+            commands.push_back(line.substr(begin, line.find('\n') - begin));
+        }
+        return commands;
+    }
+
+    sp<NuvioSSListener> m_listener = NuvioSSListener::getInstance();
+};
+
+TEST_F(Listener, AGrantedOutputBringsTheDevicesVolumeAndMuteState) {
+    fake_platform::set_message(KORA_VOLUME, "35");
+    fake_platform::set_message(KORA_MUTE, "MUTE");
+    EXPECT_TRUE(NuvioSSListener::setSource());
+    EXPECT_THAT(posted(), ElementsAre("VOLUME:35", "MUTE:MUTE"));
+    EXPECT_THAT(fake_platform::calls(), ElementsAre("play_my_source 31"));
+}
+
+TEST_F(Listener, ARefusedOutputStillTellsTheCurrentSource) {
+    fake_platform::Device device = fake_platform::usual_device();
+    device.grants_output = false;
+    device.messages[KORA_CURRENT_SOURCE] = "7";
+    fake_platform::set(device);
+    EXPECT_FALSE(NuvioSSListener::setSource());
+    EXPECT_TRUE(posted().empty());
+    EXPECT_EQ(countLines("err DEFAULT: Nuvio is not allowed to setSource"), 1U);
+    m_listener->reportVolume(40);
+    EXPECT_EQ(countLines("DEFAULT: icurrent_playing_source = 7\n"), 1U);
+    EXPECT_EQ(fake_platform::count("app_volume 40"), 1U);
+
+    fake_platform::set_message(KORA_CURRENT_SOURCE, "none");
+    NuvioSSListener::setSource();
+    m_listener->reportVolume(41);
+    EXPECT_EQ(fake_platform::count("app_volume"), 1U);
+}
+
+TEST_F(Listener, ReportsReachThePlatformInItsOwnNumbers) {
+    for (const int state : {1, 2, 0, 5}) {
+        m_listener->reportPlayState(state);
+    }
+    m_listener->reportPlaybackPosition(5000000000);
+    m_listener->reportMuteState(7);
+    m_listener->reportMuteState(0);
+    m_listener->DropSource();
+    EXPECT_THAT(
+        fake_platform::calls(),
+        ElementsAre("player_state 0", "write 51 0", "player_state 2", "write 51 2",
+                    "player_state 1", "write 51 1", "write 49 5000000000", "write 63 MUTE",
+                    "write 63 UNMUTE", "player_state 1", "playback_stopped", "disconnect_source"));
+}
+
+TEST_F(Listener, NotificationsBecomeCommands) {
+    m_listener->OnSourceEvent("NEXT");
+    m_listener->OnSourceEvent(nullptr);
+    m_listener->OnVolumeChangeEvent("55");
+    m_listener->OnVolumeChangeEvent(nullptr);
+    m_listener->OnSourceSwitchEvent();
+    EXPECT_THAT(posted(), ElementsAre("NEXT", "VOLUME:55", "ONSOURCESWITCH"));
+    EXPECT_THAT(fake_platform::calls(), ElementsAre("playback_stopped", "player_state 1"));
+}
+
+TEST_F(Listener, TheUiIsSentTheWholeTrack) {
+    fake_platform::set_message(KORA_CURRENT_SOURCE, "31");
+    NuvioSSListener::setSource();
+    fake_platform::take_calls();
+    m_listener->UpdateUIPlayBackInfo(
+        {"An Artist", "A Song", "", "215000", "", "", "44100", "16", "2", 1, 2});
+    EXPECT_THAT(fake_platform::take_calls(),
+                ElementsAre("ui_update album= artist=An Artist trackName=A Song totalTime=215000 "
+                            "coverArt=defaultArt.jpg codec= sampleRate=44100 bitdepth=16 "
+                            "channels=2 repeat=2 shuffle=1 next=1 prev=1 currentSource=31 seek=1"));
+    TrackInfo long_track;
+    long_track.totalTime = "99999999999";
+    long_track.coverArt = "http://a/b.png";
+    m_listener->UpdateUIPlayBackInfo(long_track);
+    EXPECT_THAT(fake_platform::take_calls(),
+                ElementsAre(testing::HasSubstr("totalTime=2147483647 coverArt=http://a/b.png")));
+
+    fake_platform::Device device = fake_platform::usual_device();
+    device.has_ui = false;
+    fake_platform::set(device);
+    m_listener->UpdateUIPlayBackInfo({});
+    EXPECT_TRUE(fake_platform::calls().empty());
+}
+
+}  // namespace

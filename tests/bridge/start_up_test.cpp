@@ -1,0 +1,178 @@
+// From the process's entry to the bridge: settings, network, the platform's notifications.
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <thread>
+
+#include "bridge/service_fixture.h"
+#include "platform/Environment.h"
+#include "startup/device_settings.h"
+#include "startup/service.h"
+
+using namespace android;
+using namespace service_test;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::MatchesRegex;
+
+namespace {
+
+class StartUp : public Service {
+  protected:
+    Lines gather(const char* mac_path = "/nonexistent") {
+        KORAHelper kora;
+        return gatherDeviceInfo(kora, mac_path).value_or(Lines{});
+    }
+};
+
+TEST_F(StartUp, UnsetItemsHaveDefaults) {
+    EXPECT_THAT(gather(), ElementsAre("8000", "id", "secret", "VantaSyncTR12",
+                                      "Vanta Wireless Technologies", "Alexa_Vanta", "", "default",
+                                      "Master", MatchesRegex("Vanta_[0-9]{1,4}"), "default"));
+}
+
+TEST_F(StartUp, SetItemsComeInTheOrderOfTheArray) {
+    fake_platform::Device device = fake_platform::usual_device();
+    device.items[KFeatureNuvioConnectHttpPort] = "9000";
+    device.items[KFeatureNuvioConnectLog] = "3";
+    device.items[KFeatureNuvioConnectVolume_Element] = "PCM";
+    device.items[KFeatureNuvioConnectVolume_Device] = "hw:1";
+    device.items[kALSAOutputDeviceName] = "hw:0";
+    device.messages[KORA_DEVICE_NAME] = "Den";
+    device.manufacturer = {true, "Maker"};
+    device.model = {true, "Model"};
+    fake_platform::set(device);
+    EXPECT_THAT(gather(), ElementsAre("9000", "id", "secret", "Den", "Maker", "Model", "3", "hw:0",
+                                      "PCM", HasSubstr("Vanta_"), "hw:1"));
+}
+
+TEST_F(StartUp, IdentityFallsBackByWhatThePlatformSaid) {
+    fake_platform::Device device = fake_platform::usual_device();
+    device.friendly_name = {true, "Kitchen"};
+    device.manufacturer = {false, "half known"};
+    device.model = {false, ""};
+    fake_platform::set(device);
+    const Lines info = gather();
+    EXPECT_EQ(info[DEVICE_INFO_DEVICE_NAME], "Kitchen");
+    EXPECT_EQ(info[DEVICE_INFO_MANUFACTURER], "half known");
+    EXPECT_EQ(info[DEVICE_INFO_MODEL], "VantaSync");
+}
+
+TEST_F(StartUp, SerialNumberIsTheWifiAddressOnlyIfItLooksLikeOne) {
+    const std::string path = testing::TempDir() + "wifi_address";
+    const auto serial_for = [&](const std::string& content) {
+        std::ofstream(path) << content;
+        return gather(path.c_str())[DEVICE_INFO_SERIAL_NUMBER];
+    };
+    EXPECT_EQ(serial_for("a4:5E:60:01:02:0f\nmore"), "a45E6001020f");
+    EXPECT_EQ(serial_for("a4:5e:60:01:02:0f"), "a45e6001020f");
+    EXPECT_THAT(serial_for("a4:5e:60:01:02:0\n"), HasSubstr("Vanta_"));
+    EXPECT_THAT(serial_for("a4:5e:60:01:02:0f0\n"), HasSubstr("Vanta_"));
+    EXPECT_THAT(serial_for(std::string(1 << 20, ':')), HasSubstr("Vanta_"));
+    std::remove(path.c_str());
+}
+
+TEST_F(StartUp, WithoutCredentialsThereIsNoBridge) {
+    fake_platform::Device device = fake_platform::usual_device();
+    device.items[KFeatureNuvioConnectApp_secret] = "";
+    fake_platform::set(device);
+    const sp<NuvioConnectStart> start = NuvioConnectStart::GetInstance();
+    start->run("start", -16, 0);
+    start->join();
+    EXPECT_EQ(countLines("err NuvioKora: APPID or Appsecret is empty"), 1U);
+    fake_platform::notify_message(KORA_SHUTDOWN_REQUEST);
+    EXPECT_EQ(countLines("No bridge, dropped event = DISCONNECTSOURCE"), 1U);
+}
+
+TEST_F(StartUp, OnlyANonZeroEnableItemStartsTheService) {
+    for (const char* item : {"0", "", "abc"}) {
+        fake_platform::Device device = fake_platform::usual_device();
+        device.items[kFeatureNuvioConnect] = item;
+        fake_platform::set(device);
+        EXPECT_EQ(runService(), 0);
+    }
+    EXPECT_EQ(countLines("err nuvio-connect: Nuvio Connect is not enabled"), 3U);
+    EXPECT_FALSE(fake_platform::network_watched());
+}
+
+// The service on a thread of its own, as main runs it.
+class RunningService : public Service {
+  protected:
+    void run() {
+        m_main = std::thread([this] { m_status = runService(); });
+    }
+    int end() {
+        fake_platform::end_process();
+        m_main.join();
+        return m_status;
+    }
+
+  private:
+    std::thread m_main;
+    int m_status = -1;
+};
+
+TEST_F(RunningService, WaitsForTheNetworkThenPlaysUntilTheProcessEnds) {
+    fake_platform::Device device = fake_platform::usual_device();
+    device.wired = false;
+    device.unreachable_nesh = 2;
+    device.items[kFeatureNuvioConnect] = "2x";
+    fake_platform::set(device);
+    run();
+    // From the second question on, a notification finds the pass waiting.
+    while (fake_platform::count("network_status 2") == 0) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    EXPECT_THAT(fake_platform::watched_messages(), ElementsAre(90, 37, 115, 64, 63, 51));
+    fake_platform::notify_network(3, 1);
+    fake_platform::notify_network(1, 2);
+    EXPECT_EQ(countLines("Configuration is Successful"), 0U);
+    fake_platform::notify_network(2, 1);
+    ASSERT_TRUE(captured_log::wait_for("Nuvio Connect has been initialized"));
+    EXPECT_EQ(countLines("info NuvioKora: NetWork Configuration is Successful \n"), 1U);
+    EXPECT_EQ(countLines("::NeshAlert Finish"), 3U);
+    EXPECT_EQ(end(), 0);
+    EXPECT_TRUE(fake_platform::watched_messages().empty());
+    EXPECT_FALSE(fake_platform::network_watched());
+    EXPECT_EQ(fake_platform::calls().back(), "disconnect_source");
+}
+
+TEST_F(RunningService, EndsWhileItStillWaitsForTheNetwork) {
+    fake_platform::Device device = fake_platform::usual_device();
+    device.wired = false;
+    fake_platform::set(device);
+    run();
+    ASSERT_TRUE(captured_log::wait_for("MAIN TO START NUVIO CONNECT END"));
+    EXPECT_EQ(end(), 0);
+    EXPECT_TRUE(fake_modules::journal().empty());
+}
+
+TEST_F(RunningService, TurnsPlatformMessagesIntoCommands) {
+    run();
+    ASSERT_TRUE(captured_log::wait_for("Nuvio Connect has been initialized"));
+    EXPECT_EQ(countLines("err NuvioKora: Start Nuvio_Connect process \n"), 1U);
+
+    const auto rename = [](const std::string& name) {
+        fake_platform::set_message(KORA_DEVICE_NAME, name);
+        fake_platform::notify_message(KORA_DEVICE_NAME);
+    };
+    rename("Den");
+    rename("Den");
+    fake_platform::notify_network(2, 0);
+    rename("Attic");
+    fake_platform::notify_network(1, 1);
+    rename("Attic");
+    rename("Hall");
+    fake_platform::notify_message(KORA_SHUTDOWN_REQUEST);
+    fake_platform::notify_message(KORA_SHUTDOWN_REQUEST_SYSTEM);
+    fake_platform::notify_message(KORA_PLAY_STATE);
+    process({});
+    EXPECT_THAT(
+        fake_sdk::calls(),
+        ElementsAre("create VantaSyncTR12", "set_device_name Den", "set_device_name Hall",
+                    "deactivate_and_disconnect_renderer", "deactivate_and_disconnect_renderer"));
+    EXPECT_EQ(countLines("GRACEFULL SHUTDOWN REQUEST.\n"), 2U);
+    EXPECT_EQ(end(), 0);
+}
+
+}  // namespace

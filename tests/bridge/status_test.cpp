@@ -1,0 +1,233 @@
+// From the SDK's state to the platform: the hooks, the status commands, the track.
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <stop_token>
+#include <thread>
+
+#include "bridge/host_hooks.h"
+#include "bridge/loop_call.h"
+#include "bridge/service_fixture.h"
+#include "platform/Kora.h"
+#include "startup/track_info.h"
+
+using namespace android;
+using namespace service_test;
+using fake_modules::Track;
+using testing::Contains;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+namespace {
+
+const Track kSong = {"Song", {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT}, 215000};
+const Track kOther = {"Other", {96000, 6, NUV_AUDIO_SAMPLE_FORMAT_24_BIT}, 1000};
+
+class Status : public Service {
+  protected:
+    // The hooks belong to the loop's thread, where the renderer's ticker takes them.
+    Status() {
+        fake_modules::reset({.no_renderer = false, .on_tick = [this] { serveLoop(); }});
+    }
+    ~Status() override { stopNuvioConnect(); }
+
+    void onLoop(std::function<void()> function) {
+        std::unique_lock lock(m_mutex);
+        m_function = std::move(function);
+        m_changed.wait(lock, [this] { return m_function == nullptr; });
+    }
+    void report(int status) {
+        onLoop([status] { host_report_playback_status(status); });
+        process({});
+    }
+
+  private:
+    void serveLoop() {
+        const std::scoped_lock lock(m_mutex);
+        if (m_function != nullptr) {
+            m_function();
+            m_function = nullptr;
+            m_changed.notify_all();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::function<void()> m_function;
+};
+
+TEST_F(Status, ATitleReachesTheUiOnceAndAgainAfterAModeChange) {
+    fake_sdk::Values values;
+    values.shuffle = true;
+    values.loop_mode = NUV_LOOP_MODE_ALL;
+    fake_sdk::set_values(values);
+    fake_modules::play({kSong});
+    startBridge();
+    report(1);
+    EXPECT_THAT(
+        fake_platform::take_calls(),
+        ElementsAre("player_state 0", "write 51 0",
+                    StartsWith("ui_update album=Album artist=Artist trackName=Song "
+                               "totalTime=215000 coverArt=defaultArt.jpg codec= sampleRate=44100 "
+                               "bitdepth=16 channels=2 repeat=2 shuffle=1 next=1 prev=1 ")));
+    report(1);
+    EXPECT_EQ(fake_platform::count("ui_update"), 0U);
+    onLoop(host_report_shuffle_repeat);
+    process({});
+    EXPECT_EQ(fake_platform::count("ui_update"), 1U);
+    fake_modules::play({kOther});
+    report(1);
+    EXPECT_THAT(fake_platform::calls(),
+                Contains(HasSubstr("sampleRate=96000 bitdepth=24 channels=6")));
+}
+
+TEST_F(Status, PositionsAndSeeksFollowTheStatus) {
+    fake_modules::play({kSong});
+    startBridge();
+    process({});
+    const auto position_and_seek = [this](const std::string& seek) {
+        fake_platform::take_calls();
+        fake_sdk::take_calls();
+        onLoop([] { host_report_playback_position(61250); });
+        process({seek});
+        return fake_platform::calls().size() * 10 + fake_sdk::calls().size();
+    };
+    EXPECT_EQ(position_and_seek("SEEK:500"), 0U);  // nothing has played yet
+    report(1);
+    EXPECT_EQ(position_and_seek("SEEK:-1"), 11U);
+    EXPECT_THAT(fake_platform::calls(), ElementsAre("write 49 61250"));
+    EXPECT_THAT(fake_sdk::calls(), ElementsAre("seek_time 4294967295"));
+    report(2);
+    EXPECT_EQ(position_and_seek("SEEK"), 1U);
+    report(3);
+    EXPECT_EQ(fake_platform::count("player_state"), 0U);
+    EXPECT_EQ(position_and_seek("SEEK:1"), 0U);
+}
+
+TEST_F(Status, MissingMetadataIsAskedForTwice) {
+    startBridge();
+    report(1);
+    EXPECT_EQ(fake_modules::questions(), 2U);
+    EXPECT_EQ(fake_platform::count("ui_"), 0U);
+}
+
+TEST_F(Status, AStopClearsTheUiUnlessTheRendererIsActiveOrLostTheOutput) {
+    fake_sdk::Values values;
+    const auto stop_while_active = [&](bool active) {
+        values.active = active;
+        fake_sdk::set_values(values);
+        fake_platform::take_calls();
+        report(0);
+        return fake_platform::count("ui_clear");
+    };
+    fake_modules::play({kSong});
+    startBridge();
+    EXPECT_EQ(stop_while_active(true), 0U);
+    EXPECT_EQ(countLines("err NuvioConnect: Renderer is active, skip metadata reset \n"), 1U);
+    EXPECT_EQ(stop_while_active(false), 1U);
+
+    process({"ONSOURCESWITCH"});
+    EXPECT_EQ(stop_while_active(false), 0U);
+    EXPECT_EQ(countLines("skip metadata reset"), 2U);
+    report(1);  // playing again: the next stop clears, and the same title is sent anew
+    EXPECT_EQ(stop_while_active(false), 1U);
+    report(1);
+    EXPECT_EQ(fake_platform::count("ui_update"), 1U);
+
+    fake_sdk::set_result("get_renderer_active_state", NUV_ERROR_INTERNAL);
+    EXPECT_EQ(stop_while_active(false), 0U);
+    EXPECT_EQ(countLines("skip metadata reset"), 2U);
+}
+
+TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
+    fake_sdk::Values values;
+    values.muted = true;
+    fake_sdk::set_values(values);
+    fake_platform::set_message(KORA_CURRENT_SOURCE, "31");
+    startBridge();
+    process({"VOLUME_STATUS"});
+    EXPECT_EQ(countLines("err NuvioConnect: m_bdeviceVolume = 0"), 1U);
+    onLoop([] { EXPECT_TRUE(host_allow_source()); });
+    onLoop(host_report_volume);
+    onLoop(host_report_mute_state);
+    process({});
+    EXPECT_THAT(fake_platform::calls(),
+                ElementsAre("play_my_source 31", "app_volume 30", "write 63 MUTE"));
+    fake_sdk::set_result("get_volume", NUV_ERROR_NOT_CONNECTED);
+    process({"VOLUME_STATUS"});
+    EXPECT_EQ(countLines("event : VOLUME_STATUSNuvio Error fake error"), 1U);
+    EXPECT_THAT(fake_platform::calls(), Contains("app_volume 0"));
+}
+
+// The meeting that must not deadlock: the command thread, its turn at the queue in hand, waits for
+// the loop, while the loop posts at every chance and a platform thread waits for its own turn.
+TEST_F(Status, TheLoopNeverWaitsForTheCommandThread) {
+    static std::atomic<bool> playing;
+    static std::atomic<bool> loop_went_on;
+    playing = false;
+    loop_went_on = false;
+    fake_modules::reset({.no_renderer = false, .on_tick = [] {
+                             host_report_volume();
+                             host_allow_source();
+                             host_report_playback_position(1);
+                             if (playing.exchange(false)) {
+                                 host_report_playback_status(1);
+                             }
+                         }});
+    fake_sdk::on_call([](const std::string& call) {
+        if (call == "pause_playback") {  // in the middle of a batch
+            const std::string post = "Pushed event = VOLUME_STATUS";
+            loop_went_on = captured_log::wait_for(post, captured_log::lines_with(post).size() + 20);
+        }
+    });
+    fake_modules::play({kSong, kOther, kSong, kOther});
+    startBridge();
+    std::atomic<bool> done{false};
+    std::thread platform([&done] {
+        while (!done) {
+            postEventTo_Nuvio("NEXT");
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+    });
+    postEventTo_Nuvio("PAUSE");
+    for (size_t update = 1; update <= 3; ++update) {
+        playing = true;
+        EXPECT_TRUE(captured_log::wait_for("currTrackInfo.samplingRate", update));
+    }
+    EXPECT_TRUE(loop_went_on);
+    EXPECT_EQ(fake_modules::questions(), 3U);
+    done = true;
+    platform.join();
+}
+
+// A question that the loop has not taken up is withdrawn by a stop, and refused after the close.
+TEST(LoopCall, NeverWaitsLongerThanTheStopOrTheLoop) {
+    uv_loop_t loop;
+    uv_loop_init(&loop);
+    {
+        LoopCall call(&loop);
+        std::stop_source stop;
+        int runs = 0;
+        std::jthread stopper([&stop] { stop.request_stop(); });
+        EXPECT_FALSE(call.run(stop.get_token(), [&runs] { ++runs; }));
+        uv_run(&loop, UV_RUN_NOWAIT);  // the wake-up of the withdrawn question
+        EXPECT_EQ(runs, 0);
+
+        std::thread asker([&] {
+            EXPECT_TRUE(call.run({}, [&runs] { ++runs; }));
+            EXPECT_FALSE(call.run({}, [&runs] { ++runs; }));
+        });
+        while (runs == 0) {
+            uv_run(&loop, UV_RUN_NOWAIT);
+        }
+        call.close();
+        asker.join();
+        EXPECT_EQ(runs, 1);
+    }
+    uv_run(&loop, UV_RUN_DEFAULT);
+    EXPECT_EQ(uv_loop_close(&loop), 0);
+}
+
+}  // namespace
