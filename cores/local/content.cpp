@@ -1,0 +1,124 @@
+#include "local/content.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+#include <optional>
+#include <string_view>
+#include <system_error>
+
+#include "local/files.h"
+#include "local/playlist.h"
+#include "local/text.h"
+
+namespace local_core {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kMaxTracks = 20000;
+constexpr size_t kMaxDirectoryEntries = 200000;
+constexpr int kMaxDepth = 16;
+constexpr size_t kMaxPlaylistBytes = size_t{4} << 20;
+
+constexpr std::string_view kPlaylistEndings[] = {".m3u", ".m3u8"};
+constexpr std::string_view kAudioEndings[] = {".wav", ".flac", ".ogg",  ".oga",  ".opus",
+                                              ".mp3", ".aif",  ".aiff", ".aifc", ".au",
+                                              ".w64", ".caf",  ".rf64"};
+
+template <size_t N>
+bool ends_in(const fs::path& path, const std::string_view (&endings)[N]) {
+    const std::string ending = path.extension().string();
+    return std::any_of(std::begin(endings), std::end(endings),
+                       [&](std::string_view known) { return equals_ignoring_case(ending, known); });
+}
+
+bool is_hidden(const fs::path& path) {
+    return path.filename().string().starts_with('.');
+}
+
+// An absolute path, or none for an address that is not on this machine.
+std::optional<fs::path> local_path(const std::string& location) {
+    if (is_file_url(location)) {
+        const auto path = path_from_file_url(location);
+        return path ? std::optional<fs::path>(*path) : std::nullopt;
+    }
+    if (location.empty() || is_remote_url(location)) {
+        return std::nullopt;
+    }
+    return fs::path(location);
+}
+
+std::vector<Track> tracks_below(const fs::path& folder, const Logger& logger) {
+    std::vector<Track> tracks;
+    std::error_code error;
+    size_t visited = 0;
+    fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied,
+                                        error);
+    for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
+        if (++visited > kMaxDirectoryEntries || tracks.size() == kMaxTracks) {
+            logger.write(LogLevel::warning, kContentFetcher,
+                         "%s: too large, only the first %zu tracks found are played",
+                         folder.c_str(), tracks.size());
+            break;
+        }
+        const fs::path& path = it->path();
+        if (is_hidden(path) || it.depth() >= kMaxDepth) {
+            it.disable_recursion_pending();
+        }
+        if (!is_hidden(path) && ends_in(path, kAudioEndings)) {
+            tracks.push_back({path.string(), {}});
+        }
+    }
+    if (error) {
+        logger.write(LogLevel::warning, kContentFetcher, "%s: %s", folder.c_str(),
+                     error.message().c_str());
+    }
+    std::sort(tracks.begin(), tracks.end(),
+              [](const Track& a, const Track& b) { return a.path < b.path; });
+    return tracks;
+}
+
+std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& logger) {
+    std::string error;
+    const auto text = read_file(playlist.string(), kMaxPlaylistBytes, &error);
+    if (!text) {
+        logger.write(LogLevel::warning, kContentFetcher, "Can't read playlist %s: %s",
+                     playlist.c_str(), error.c_str());
+        return {};
+    }
+    std::vector<Track> tracks;
+    for (const PlaylistEntry& entry : parse_playlist(*text, kMaxTracks)) {
+        const auto path = local_path(entry.location);
+        if (!path) {
+            logger.write(LogLevel::warning, kContentFetcher, "Skipping %s: not on this machine",
+                         display_text(entry.location).c_str());
+            continue;
+        }
+        tracks.push_back({(playlist.parent_path() / *path).string(), display_text(entry.title)});
+    }
+    return tracks;
+}
+
+}  // namespace
+
+std::vector<Track> find_tracks(const std::string& endpoint, const Logger& logger) {
+    const auto relative = local_path(endpoint);
+    std::error_code error;
+    const fs::path path = relative ? fs::absolute(*relative, error) : fs::path();
+    if (path.empty()) {
+        logger.write(LogLevel::error, kContentFetcher, "%s: not on this machine",
+                     display_text(endpoint).c_str());
+        return {};
+    }
+    if (fs::is_directory(path, error)) {
+        return tracks_below(path, logger);
+    }
+    if (ends_in(path, kPlaylistEndings)) {
+        return tracks_of_playlist(path, logger);
+    }
+    return {{path.string(), {}}};
+}
+
+}  // namespace local_core

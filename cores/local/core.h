@@ -1,0 +1,88 @@
+// One core: the device's place in the service. Joins sessions, has the player play them, asks for
+// the advertising and the local configuration server, and reports changes to the device.
+//
+// Creation    Core(...), on the loop's thread; delegates begin on a later pass.
+// Destruction ~Core, on the loop's thread, not from inside a delegate: ends the decoding thread
+//             (which may have to finish the block or file it works on) and calls no delegate.
+// Threads     `control` is for any thread, everything else for the loop's. What other threads want
+//             reaches the loop through one async handle.
+// Delegates   called from `pass` alone, without a lock held.
+#pragma once
+
+#include <uv.h>
+
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "local/control.h"
+#include "local/logger.h"
+#include "local/loop_wakeup.h"
+#include "local/player.h"
+#include "sdk/nuvio_connect.h"
+
+namespace local_core {
+
+class Core {
+  public:
+    // `handle` is what delegates are handed. Throws std::exception when the loop or the system has
+    // no more resources. `config` has been checked.
+    Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& config);
+    Core(const Core&) = delete;
+    Core& operator=(const Core&) = delete;
+
+    Control& control() { return m_control; }
+    Logger& logger() { return m_logger; }
+    const std::string& uuid() const { return m_uuid; }
+    // Null when no session is joined.
+    const char* session_id() const;
+
+    // Opens files until one can be played, at most kMaxProbes of them.
+    nuv_error connect(const char* session_id, const char* endpoint, bool become_active);
+
+    // Hands a notification of the renderer to the player, and sees to it that a pass follows.
+    template <typename... Arguments>
+    nuv_error notify(nuv_error (Player::*notification)(Arguments...), Arguments... arguments) {
+        m_wakeup.run_each_pass();
+        return (m_player.*notification)(arguments...);
+    }
+
+  private:
+    static constexpr size_t kMaxProbes = 256;
+
+    // What the device has been told last.
+    struct Reported {
+        nuv_playback_state state = NUV_PLAYBACK_STATE_STOPPED;
+        bool active = false;
+        bool has_next = false;
+        nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
+        bool shuffle = false;
+        std::optional<uint32_t> volume;
+        std::optional<bool> muted;
+    };
+
+    void pass();
+    void take_requests();
+    bool advertise();
+    bool report_player();
+    bool report_settings();
+    bool probe(Session& session) const;
+
+    nuv_connect* const m_handle;
+    const nuv_connect_config m_config;
+    const std::string m_uuid;
+    Logger m_logger;
+    LoopWakeup m_wakeup;
+    Control m_control;
+    Player m_player;
+
+    Settings m_settings;        // as taken from control last
+    PlayerView m_published;     // as given to control last
+    bool m_view_noted = false;  // control has changed its view since, by the commands it noted
+    Reported m_reported;
+    bool m_services_started = false;
+    std::string m_advertised_name;
+    std::string m_session_id;  // kept after the session, for those who still hold its text
+};
+
+}  // namespace local_core

@@ -1,0 +1,21 @@
+#include "local/logger.h"
+
+#include <cstdarg>
+#include <cstdio>
+
+namespace local_core {
+
+void Logger::write(LogLevel level, const char* category, const char* format, ...) const {
+    const auto callback = m_callback.load();
+    if (callback == nullptr) {
+        return;
+    }
+    char message[1024];
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(message, sizeof message, format, arguments);
+    va_end(arguments);
+    callback(static_cast<uint32_t>(level), category, message);
+}
+
+}  // namespace local_core

@@ -1,0 +1,45 @@
+// Runs one function on later passes of a libuv loop, on request.
+//
+// Threads: everything but `wake` belongs to the loop's thread. The callback never runs from inside
+// a call of this class. After the destructor it does not run again; the handles finish closing on
+// later passes of the loop.
+#pragma once
+
+#include <uv.h>
+
+#include <functional>
+#include <memory>
+
+namespace local_core {
+
+// libuv keeps a handle's memory until its close callback has run.
+template <typename Handle>
+struct LoopHandleCloser {
+    void operator()(Handle* handle) const {
+        uv_close(reinterpret_cast<uv_handle_t*>(handle),
+                 [](uv_handle_t* closed) { delete reinterpret_cast<Handle*>(closed); });
+    }
+};
+template <typename Handle>
+using LoopHandle = std::unique_ptr<Handle, LoopHandleCloser<Handle>>;
+
+class LoopWakeup {
+  public:
+    // Throws std::runtime_error when the loop has no handle left.
+    LoopWakeup(uv_loop_t* loop, std::function<void()> callback);
+
+    // Any thread. One run of the callback follows, however often this is called before it.
+    void wake();
+
+    // The callback runs on every pass of the loop until `rest`; cheaper than `wake`, no system
+    // call.
+    void run_each_pass();
+    void rest();
+
+  private:
+    std::function<void()> m_callback;
+    LoopHandle<uv_async_t> m_async;
+    LoopHandle<uv_idle_t> m_idle;
+};
+
+}  // namespace local_core

@@ -1,0 +1,169 @@
+#include "local/track_decoder.h"
+
+#include <sndfile.h>
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+#include "local/files.h"
+
+namespace local_core {
+
+namespace {
+
+static_assert(std::endian::native == std::endian::little, "PCM is delivered little-endian");
+
+// Keeps the arithmetic of positions far from overflow; also what an unknown length comes as.
+constexpr sf_count_t kMaxFrames = sf_count_t{1} << 48;
+
+std::string tag(SNDFILE* file, int which) {
+    const char* text = sf_get_string(file, which);
+    return text != nullptr ? text : "";
+}
+
+// The nearest integer of `bits` bits; silence for what is no number.
+template <int bits>
+int32_t to_integer(float sample) {
+    constexpr float kScale = static_cast<float>(int32_t{1} << (bits - 1));
+    if (std::isnan(sample)) {
+        return 0;
+    }
+    return static_cast<int32_t>(std::lrintf(std::clamp(sample * kScale, -kScale, kScale - 1.0F)));
+}
+
+// The conversions work in place, front to back: a sample never grows, so that none is overwritten
+// before it was read.
+template <typename From, typename To, typename Convert>
+void convert_in_place(void* block, size_t sample_count, Convert convert) {
+    static_assert(sizeof(To) <= sizeof(From));
+    auto* bytes = static_cast<std::byte*>(block);
+    for (size_t i = 0; i < sample_count; ++i) {
+        From from;
+        std::memcpy(&from, bytes + i * sizeof(From), sizeof from);
+        const To to = convert(from);
+        std::memcpy(bytes + i * sizeof(To), &to, sizeof to);
+    }
+}
+
+}  // namespace
+
+uint64_t TrackInfo::frame_at(uint64_t position_ms) const {
+    const uint64_t limited = std::min(position_ms, duration_ms() + 1);
+    return std::min(limited * format.sample_rate / 1000, frame_count);
+}
+
+void TrackDecoder::FileCloser::operator()(sf_private_tag* file) const {
+    sf_close(file);
+}
+
+TrackDecoder::TrackDecoder(File file, TrackInfo info, Conversion conversion)
+    : m_file(std::move(file)), m_info(std::move(info)), m_conversion(conversion) {}
+
+TrackDecoder::Conversion TrackDecoder::conversion_of(int sndfile_format) {
+    static constexpr struct {
+        int encoding;
+        Conversion conversion;
+    } kDeepOrLossy[] = {
+        {SF_FORMAT_PCM_24, Conversion::upper_24},
+        {SF_FORMAT_PCM_32, Conversion::upper_24},
+        {SF_FORMAT_DWVW_24, Conversion::upper_24},
+        {SF_FORMAT_ALAC_20, Conversion::upper_24},
+        {SF_FORMAT_ALAC_24, Conversion::upper_24},
+        {SF_FORMAT_ALAC_32, Conversion::upper_24},
+        {SF_FORMAT_FLOAT, Conversion::float_to_24},
+        {SF_FORMAT_DOUBLE, Conversion::float_to_24},
+        {SF_FORMAT_VORBIS, Conversion::float_to_16},
+        {SF_FORMAT_OPUS, Conversion::float_to_16},
+        {SF_FORMAT_MPEG_LAYER_I, Conversion::float_to_16},
+        {SF_FORMAT_MPEG_LAYER_II, Conversion::float_to_16},
+        {SF_FORMAT_MPEG_LAYER_III, Conversion::float_to_16},
+    };
+    for (const auto& row : kDeepOrLossy) {
+        if ((sndfile_format & SF_FORMAT_SUBMASK) == row.encoding) {
+            return row.conversion;
+        }
+    }
+    return Conversion::none_16;
+}
+
+std::unique_ptr<TrackDecoder> TrackDecoder::open(const std::string& path, std::string* error) {
+    FileDescriptor descriptor = open_regular_file(path, error);
+    if (!descriptor.valid()) {
+        return nullptr;
+    }
+    SF_INFO raw{};
+    // libsndfile closes the descriptor, also when it refuses the file.
+    File file(sf_open_fd(descriptor.release(), SFM_READ, &raw, SF_TRUE));
+    if (!file) {
+        *error = sf_strerror(nullptr);
+        return nullptr;
+    }
+    const Conversion conversion = conversion_of(raw.format);
+    const bool deep = conversion == Conversion::upper_24 || conversion == Conversion::float_to_24;
+    TrackInfo info{};
+    info.format.sample_rate = static_cast<uint32_t>(raw.samplerate);
+    info.format.channel_count = static_cast<uint32_t>(raw.channels);
+    info.format.sample_format =
+        deep ? NUV_AUDIO_SAMPLE_FORMAT_24_BIT : NUV_AUDIO_SAMPLE_FORMAT_16_BIT;
+    info.frame_bytes = (deep ? sizeof(int32_t) : sizeof(int16_t)) * info.format.channel_count;
+    info.frame_count = static_cast<uint64_t>(raw.frames);
+    info.seekable = raw.seekable != 0;
+    if (raw.samplerate <= 0 || raw.channels <= 0 || raw.frames <= 0 || raw.frames > kMaxFrames ||
+        info.frame_bytes > kMaxFrameBytes) {
+        *error = "nothing to play, or of unknown length";
+        return nullptr;
+    }
+    info.title = tag(file.get(), SF_STR_TITLE);
+    info.artist = tag(file.get(), SF_STR_ARTIST);
+    info.album = tag(file.get(), SF_STR_ALBUM);
+    return std::unique_ptr<TrackDecoder>(
+        new TrackDecoder(std::move(file), std::move(info), conversion));
+}
+
+size_t TrackDecoder::read(void* block, size_t capacity_bytes) {
+    // Lossy samples are read as 4-byte numbers before they are narrowed.
+    const bool narrows = m_conversion == Conversion::float_to_16;
+    const size_t read_bytes = narrows ? 2 * m_info.frame_bytes : m_info.frame_bytes;
+    const auto frames = static_cast<sf_count_t>(capacity_bytes / read_bytes);
+    SNDFILE* file = m_file.get();
+    sf_count_t got = 0;
+    switch (m_conversion) {
+        case Conversion::none_16:
+            got = sf_readf_short(file, static_cast<short*>(block), frames);
+            break;
+        case Conversion::upper_24:
+            got = sf_readf_int(file, static_cast<int*>(block), frames);
+            break;
+        case Conversion::float_to_24:
+        case Conversion::float_to_16:
+            got = sf_readf_float(file, static_cast<float*>(block), frames);
+            break;
+    }
+    if (got <= 0) {
+        return 0;
+    }
+    const size_t samples = static_cast<size_t>(got) * m_info.format.channel_count;
+    if (m_conversion == Conversion::upper_24) {
+        convert_in_place<int32_t, int32_t>(block, samples, [](int32_t s) { return s >> 8; });
+    } else if (m_conversion == Conversion::float_to_24) {
+        convert_in_place<float, int32_t>(block, samples, to_integer<24>);
+    } else if (m_conversion == Conversion::float_to_16) {
+        convert_in_place<float, int16_t>(
+            block, samples, [](float s) { return static_cast<int16_t>(to_integer<16>(s)); });
+    }
+    return static_cast<size_t>(got) * m_info.frame_bytes;
+}
+
+std::optional<uint64_t> TrackDecoder::seek(uint64_t frame) {
+    const sf_count_t reached = sf_seek(m_file.get(), static_cast<sf_count_t>(frame), SEEK_SET);
+    return reached < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(reached));
+}
+
+std::string TrackDecoder::last_error() const {
+    return sf_error(m_file.get()) == SF_ERR_NO_ERROR ? "" : sf_strerror(m_file.get());
+}
+
+}  // namespace local_core

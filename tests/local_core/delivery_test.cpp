@@ -1,0 +1,222 @@
+// What the files hold is what the device gets, and in which order it is told.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sndfile.h>
+
+#include <algorithm>
+#include <cstring>
+#include <filesystem>
+#include <random>
+
+#include "local_core/audio_files.h"
+#include "local_core/scripted_device.h"
+
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+std::vector<std::byte> joined(std::initializer_list<const AudioFile*> files) {
+    std::vector<std::byte> all;
+    for (const AudioFile* file : files) {
+        all.insert(all.end(), file->pcm.begin(), file->pcm.end());
+    }
+    return all;
+}
+
+// A device that now and then has little room, or none.
+std::function<size_t(size_t)> changing_room(unsigned seed, size_t most) {
+    return [random = std::minstd_rand(seed), most](size_t offered) mutable {
+        const size_t room = random() % most;
+        return random() % 4 == 0 ? offered : room;
+    };
+}
+
+class DeliveredFormats : public testing::TestWithParam<AudioSpec> {};
+
+TEST_P(DeliveredFormats, AreBitExactWithShortCountsInBetween) {
+    const TemporaryFolder folder;
+    const AudioFile file = write_audio(folder, "track", GetParam());
+    ScriptedDevice device;
+    device.take = changing_room(1, 6000);
+    ASSERT_EQ(device.play(file.path), NUV_ERROR_OK);
+    device.run_until_line("initiate PLAYING");
+    const nuv_audio_format format = device.active()->info.format;
+    EXPECT_EQ(format.sample_rate, file.format.sample_rate);
+    EXPECT_EQ(format.channel_count, file.format.channel_count);
+    EXPECT_EQ(format.sample_format, file.format.sample_format);
+    device.run_until_line("state STOPPED");
+    EXPECT_TRUE(device.heard == file.pcm);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    OfEveryDepth, DeliveredFormats,
+    testing::Values(AudioSpec{SF_FORMAT_WAV | SF_FORMAT_PCM_16, 44100, 2, 44100},
+                    AudioSpec{SF_FORMAT_WAV | SF_FORMAT_PCM_24, 96000, 2, 96000},
+                    AudioSpec{SF_FORMAT_WAV | SF_FORMAT_PCM_32, 384000, 1, 100000},
+                    AudioSpec{SF_FORMAT_WAV | SF_FORMAT_PCM_U8, 8000, 1, 30000},
+                    AudioSpec{SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 48000, 3, 48000},
+                    AudioSpec{SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 192000, 2, 192000},
+                    AudioSpec{SF_FORMAT_AIFF | SF_FORMAT_PCM_16, 22050, 8, 22050}));
+
+TEST(Delivery, FloatSamplesAreScaledTo24BitsAndClipped) {
+    const TemporaryFolder folder;
+    const std::string path = folder / "float.wav";
+    SF_INFO info{};
+    info.samplerate = 48000;
+    info.channels = 1;
+    info.format = SF_FORMAT_WAV | SF_FORMAT_FLOAT;
+    SNDFILE* file = sf_open(path.c_str(), SFM_WRITE, &info);
+    const float samples[] = {0.0F, 0.5F, -0.5F, 1.5F, -1.5F, std::nanf("")};
+    sf_writef_float(file, samples, std::size(samples));
+    sf_close(file);
+
+    ScriptedDevice device;
+    ASSERT_EQ(device.play(path), NUV_ERROR_OK);
+    device.run_until_line("state STOPPED");
+    std::vector<int32_t> delivered(device.heard.size() / 4);
+    std::memcpy(delivered.data(), device.heard.data(), device.heard.size());
+    EXPECT_THAT(delivered, ElementsAre(0, 1 << 22, -(1 << 22), (1 << 23) - 1, -(1 << 23), 0));
+}
+
+TEST(Delivery, LossyFilesComeAs16BitsInFullLength) {
+    const TemporaryFolder folder;
+    const AudioFile file = write_audio(
+        folder, "lossy.ogg", {SF_FORMAT_OGG | SF_FORMAT_VORBIS, 44100, 2, 30000, "A Title"});
+    ScriptedDevice device;
+    ASSERT_EQ(device.play(file.path), NUV_ERROR_OK);
+    device.run_until_line("state STOPPED");
+    EXPECT_EQ(device.heard.size(), 30000U * 4);
+    EXPECT_TRUE(device.has_line("metadata 1 A Title|An Artist|An Album|"));
+}
+
+TEST(Delivery, OneTrackIsToldFromStartToEnd) {
+    const TemporaryFolder folder;
+    const AudioFile file = write_wav(folder, "Only One.wav", 4410);
+    folder.write("cover.jpg", "");
+    ScriptedDevice device;
+    device.run_until_line("advertise Kitchen _nuvio-connect._tcp");
+    EXPECT_THAT(device.take_lines(),
+                ElementsAre("start server", "advertise Kitchen _nuvio-connect._tcp"));
+    ASSERT_EQ(device.play(file.path), NUV_ERROR_OK);
+    device.run_until_line("state STOPPED");
+    const std::string art = "file://" + folder.path() + "/cover.jpg";
+    EXPECT_THAT(device.lines,
+                ElementsAre("active 1", "started 1 44100 Hz 2 ch 16 bit 100 ms",
+                            "metadata 1 Only One|||" + art, "initiate PLAYING", "active 1",
+                            "state PLAYING", "next available 0", "controls OFF 0", "finished 1",
+                            "end of track", "dispose 1", "active 0", "state STOPPED"));
+}
+
+TEST(Delivery, NothingIsOfferedBeforeTheRendererOpensTheStream) {
+    const TemporaryFolder folder;
+    const AudioFile file = write_wav(folder, "a.wav", 44100);
+    ScriptedDevice device;
+    size_t offers = 0;
+    device.take = [&](size_t) -> size_t {
+        ++offers;
+        return 0;
+    };
+    ASSERT_EQ(device.play(file.path), NUV_ERROR_OK);
+    device.run_until([&] { return offers == 1; });
+    // Paused before the room came back: the delivery stays closed.
+    EXPECT_EQ(nuv_connect_pause_playback(device.core()), NUV_ERROR_OK);
+    device.run_until_line("pause");
+    offers = 0;
+    device.run_for_ms(20);
+    EXPECT_EQ(offers, 0U);
+    device.take = nullptr;
+    EXPECT_EQ(nuv_connect_resume_playback(device.core()), NUV_ERROR_OK);
+    device.run_until_line("state STOPPED");
+    EXPECT_TRUE(device.heard == file.pcm);
+}
+
+TEST(Delivery, TracksOfOneFormatFollowWithoutAGapAndOthersAfterTheEnd) {
+    const TemporaryFolder folder;
+    const AudioFile first = write_wav(folder, "1.wav", 20000);
+    const AudioFile second = write_wav(folder, "2.wav", 20001);
+    const AudioFile third =
+        write_audio(folder, "3.flac", {SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 96000, 2, 20000});
+    ScriptedDevice device;
+    device.take = changing_room(7, 4096);
+    ASSERT_EQ(device.play(folder.path()), NUV_ERROR_OK);
+    device.run_until_line("state STOPPED");
+    EXPECT_TRUE(device.heard == joined({&first, &second, &third}));
+    const std::vector<std::string> told = device.take_lines();
+    const auto place = [&](const std::string& line) {
+        const auto found = std::find(told.begin(), told.end(), line);
+        EXPECT_NE(found, told.end()) << line;
+        return found - told.begin();
+    };
+    const auto end_of_first = place("end of track");
+    EXPECT_LT(place("started 2 44100 Hz 2 ch 16 bit 453 ms"), end_of_first);
+    EXPECT_GT(place("dispose 1"), end_of_first);
+    EXPECT_LT(place("dispose 1"), place("started 3 96000 Hz 2 ch 24 bit 208 ms"));
+    EXPECT_EQ(std::count(told.begin(), told.end(), "initiate PLAYING"), 1);
+    EXPECT_EQ(std::count(told.begin(), told.end(), "end of track"), 3);
+}
+
+TEST(Delivery, ManyTinyTracksAreAllHeardInOrder) {
+    const TemporaryFolder folder;
+    std::vector<std::byte> all;
+    for (int i = 0; i < 30; ++i) {
+        const AudioFile file = write_wav(folder, std::to_string(100 + i) + ".wav", 1 + i % 3);
+        all.insert(all.end(), file.pcm.begin(), file.pcm.end());
+    }
+    for (const uint64_t tail_ms : {0, 4}) {
+        ScriptedDevice device;
+        device.tail_ms = tail_ms;
+        device.lead_ms = std::min<uint64_t>(tail_ms, 2);
+        ASSERT_EQ(device.play(folder.path()), NUV_ERROR_OK);
+        device.run_until_line("state STOPPED");
+        EXPECT_TRUE(device.heard == all);
+    }
+}
+
+TEST(Delivery, UnplayableTracksArePassedOverWithALogLine) {
+    const TemporaryFolder folder;
+    folder.write("1.wav", "not audio");
+    const AudioFile good = write_wav(folder, "2.wav", 1000);
+    folder.write("3.flac", "");
+    const AudioFile last = write_wav(folder, "4.wav", 1000);
+    folder.write("5.mp3", "neither");
+    folder.write("list.m3u", "1.wav\n2.wav\nmissing.wav\n3.flac\n4.wav\n5.mp3\n");
+    for (const std::string& endpoint : {folder.path(), folder / "list.m3u"}) {
+        ScriptedDevice device;
+        ASSERT_EQ(device.play(endpoint), NUV_ERROR_OK);
+        device.run_until_line("state STOPPED");
+        EXPECT_TRUE(device.heard == joined({&good, &last}));
+        EXPECT_THAT(ScriptedDevice::log(), HasSubstr("Skipping " + (folder / "1.wav")));
+        EXPECT_THAT(ScriptedDevice::log(), HasSubstr("Skipping " + (folder / "5.mp3")));
+    }
+}
+
+TEST(Delivery, AFileThatEndsEarlyIsPlayedAsFarAsItGoes) {
+    const TemporaryFolder folder;
+    const AudioFile file =
+        write_audio(folder, "1.flac", {SF_FORMAT_FLAC | SF_FORMAT_PCM_16, 44100, 2, 44100});
+    const AudioFile after = write_wav(folder, "2.wav", 100);
+    std::filesystem::resize_file(file.path, std::filesystem::file_size(file.path) / 2);
+    ScriptedDevice device;
+    ASSERT_EQ(device.play(folder.path()), NUV_ERROR_OK);
+    device.run_until_line("state STOPPED");
+    EXPECT_LT(device.heard.size(), file.pcm.size());
+    EXPECT_TRUE(device.pcm_of_stream[2] == after.pcm);
+}
+
+TEST(Delivery, RefusedFilesLeaveNoDescriptorOpen) {
+    const TemporaryFolder folder;
+    folder.write("bad.wav", "RIFF");
+    ScriptedDevice device;
+    const auto descriptors = [] {
+        const std::filesystem::directory_iterator all("/proc/self/fd");
+        return std::distance(begin(all), end(all));
+    };
+    const auto before = descriptors();
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_EQ(device.play(folder / "bad.wav"), NUV_ERROR_EMPTY_SESSION);
+    }
+    EXPECT_EQ(descriptors(), before);
+}
+
+}  // namespace
