@@ -155,6 +155,11 @@ void postEventTo_Nuvio(const std::string& command) {
     bridge->pushEvent(command);
 }
 
+void requestStopNuvioConnect() {
+    const std::scoped_lock lock(g_threads.mutex);
+    g_threads.command.request_stop();
+}
+
 void stopNuvioConnect() {
     std::jthread command;
     {

@@ -42,6 +42,10 @@ void nuvioConnectThreadFunction();
 // waits for the end of the batch; the bridge's own two threads never wait here.
 void postEventTo_Nuvio(const std::string& command);
 
+// Tells the command thread to stop and returns at once: its waits are cut short, so that whoever
+// waits to post goes on. Any thread; stopNuvioConnect must follow.
+void requestStopNuvioConnect();
+
 // Ends the bridge and returns when nothing of it is left: the command thread first (a command in
 // work is finished, its waits are cut short, queued ones are dropped), then, on the loop's own
 // thread, the modules, every handle and the loop. Not on a thread of the bridge, and not

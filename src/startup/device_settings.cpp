@@ -21,7 +21,7 @@ std::string envItem(const char* key) {
     return value;
 }
 
-std::string orDefault(std::string value, const char* fallback) {
+std::string orDefault(const std::string& value, const char* fallback) {
     return value.empty() ? fallback : value;
 }
 

@@ -53,9 +53,7 @@ void NuvioConnectStart::ReleaseInstance() {
         return;
     }
     self->m_kora->unregisterListener(sp<IKoraAlerts>(self), self->m_koraIds);
-    self->m_kora.reset();
     self->m_nesh->unregisterListener(sp<INeshAlerts>(self));
-    self->m_nesh.reset();
     self->decStrong();
 }
 

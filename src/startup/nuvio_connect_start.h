@@ -51,6 +51,7 @@ class NuvioConnectStart : public IKoraAlerts, public INeshAlerts, public virtual
     void waitForNetwork(std::unique_lock<std::mutex>& lock);
     void handleDeviceName();
 
+    // Kept to the end: a notification under way may still use them.
     std::unique_ptr<NeshHelper> m_nesh;
     std::unique_ptr<KORAHelper> m_kora;
     Vector<int> m_koraIds;

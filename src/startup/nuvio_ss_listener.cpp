@@ -132,10 +132,10 @@ bool NuvioSSListener::setSource() {
 
 void NuvioSSListener::DropSource() {
     syslog(LOG_ERR, "DEFAULT: %s() being called", __func__);
-    const sp<NuvioSSListener> instance = getInstance();
-    SourceSwitchClient::UpdatePlayerState(instance, PLAY_STATE_STOPPED);
-    SourceSwitchClient::NotifyPlaybackStopped(instance);
-    SourceSwitchClient::DisconnectMySource(instance);
+    const sp<NuvioSSListener> self(this);
+    SourceSwitchClient::UpdatePlayerState(self, PLAY_STATE_STOPPED);
+    SourceSwitchClient::NotifyPlaybackStopped(self);
+    SourceSwitchClient::DisconnectMySource(self);
 }
 
 // ---- Reports
@@ -144,7 +144,7 @@ void NuvioSSListener::DropSource() {
 void NuvioSSListener::reportPlayState(int32_t state) {
     for (const PlayStateRow& row : kPlayStates) {
         if (row.sdkState == state) {
-            SourceSwitchClient::UpdatePlayerState(getInstance(), row.playerState);
+            SourceSwitchClient::UpdatePlayerState(sp<NuvioSSListener>(this), row.playerState);
             writeMessage(KORA_PLAY_STATE, row.message);
         }
     }
@@ -180,9 +180,9 @@ void NuvioSSListener::UpdateUIPlayBackInfo(const TrackInfo& track) {
 void NuvioSSListener::OnSourceSwitchEvent() {
     std::puts("OnSourceSwitchEvent\n");
     postEventTo_Nuvio("ONSOURCESWITCH");
-    const sp<NuvioSSListener> instance = getInstance();
-    SourceSwitchClient::NotifyPlaybackStopped(instance);
-    SourceSwitchClient::UpdatePlayerState(instance, PLAY_STATE_STOPPED);
+    const sp<NuvioSSListener> self(this);
+    SourceSwitchClient::NotifyPlaybackStopped(self);
+    SourceSwitchClient::UpdatePlayerState(self, PLAY_STATE_STOPPED);
 }
 
 void NuvioSSListener::OnSourceEvent(const char* command) {

@@ -34,8 +34,10 @@ bool startStartUpThread(const sp<NuvioConnectStart>& start) {
     return result == 0;
 }
 
-// No notification arrives any more.
+// No notification arrives any more, but one may still be waiting for its turn to post, the network
+// state's lock in hand; so the bridge's command thread is told first.
 void shutDown(sp<NuvioConnectStart>& start) {
+    requestStopNuvioConnect();
     start->stopStartUp();
     stopNuvioConnect();
     start.clear();

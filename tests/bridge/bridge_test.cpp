@@ -1,5 +1,6 @@
 // The bridge's life and its commands.
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <random>
 #include <thread>
@@ -225,9 +226,9 @@ TEST_F(Bridge, PostsMadeDuringABatchWaitForItAndJoinTheNext) {
     startBridge();
     postEventTo_Nuvio("DEVICENAME:Den");
     ASSERT_TRUE(captured_log::wait_for("[DEVICENAME] Waiting 500ms before update\n"));
-    std::vector<std::thread> posters;
-    for (int count = 0; count < 3; ++count) {
-        posters.emplace_back([] {
+    std::array<std::thread, 3> posters;
+    for (std::thread& poster : posters) {
+        poster = std::thread([] {
             postEventTo_Nuvio("NEXT");
             EXPECT_THAT(fake_sdk::calls(), Contains("set_device_name Den"));
         });

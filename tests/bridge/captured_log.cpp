@@ -67,8 +67,8 @@ bool wait_for(const std::string& text, size_t times) {
 // Both the plain function and the one that fortified code calls.
 extern "C" {
 
-void syslog(int priority, const char* format, ...);
-void __syslog_chk(int priority, int flag, const char* format, ...);
+[[gnu::format(printf, 2, 3)]] void syslog(int priority, const char* format, ...);
+[[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, const char* format, ...);
 
 void syslog(int priority, const char* format, ...) {
     va_list arguments;

@@ -147,6 +147,20 @@ TEST_F(RunningService, EndsWhileItStillWaitsForTheNetwork) {
     EXPECT_TRUE(fake_modules::journal().empty());
 }
 
+TEST_F(RunningService, EndsWithoutWaitingForARenameOrForWhoWaitsToPostOne) {
+    run();
+    ASSERT_TRUE(captured_log::wait_for("Nuvio Connect has been initialized"));
+    fake_platform::set_message(KORA_DEVICE_NAME, "Den");
+    fake_platform::notify_message(KORA_DEVICE_NAME);
+    ASSERT_TRUE(captured_log::wait_for("[DEVICENAME] Waiting 500ms before update\n"));
+    fake_platform::set_message(KORA_DEVICE_NAME, "Attic");
+    std::thread platform([] { fake_platform::notify_message(KORA_DEVICE_NAME); });
+    EXPECT_TRUE(captured_log::wait_for("Received event = DEVICENAME:Attic"));
+    EXPECT_EQ(end(), 0);
+    platform.join();
+    EXPECT_THAT(fake_sdk::calls(), ElementsAre("create VantaSyncTR12", "free"));
+}
+
 TEST_F(RunningService, TurnsPlatformMessagesIntoCommands) {
     run();
     ASSERT_TRUE(captured_log::wait_for("Nuvio Connect has been initialized"));
