@@ -19,6 +19,7 @@ struct volume_manager {
     long max_volume;
     uint32_t volume;   // last reported, percent
     bool muted;        // last reported
+    bool has_written;  // since the last mixer event
     int failed_polls;  // in a row
 };
 
@@ -78,6 +79,14 @@ void report_changes(volume_manager* self) {
     }
 }
 
+// alsa-lib calls the element back for what others changed only; the event that a write through this
+// mixer brings ends inside alsa-lib.
+void report_own_changes(volume_manager* self) {
+    if (std::exchange(self->has_written, false) && self->volume_element != nullptr) {
+        report_changes(self);
+    }
+}
+
 int volume_manager_on_alsa_volume_element_changed(snd_mixer_elem_t* element, unsigned mask) {
     NUV_CHECK(element != NULL);
     auto* self = static_cast<volume_manager*>(snd_mixer_elem_get_callback_private(element));
@@ -111,6 +120,7 @@ void volume_manager_on_descriptor_poll_event(descriptor_poller* poller, pollfd* 
     NUV_CHECK(poller == self->descriptor_poller.get());
     if (handle_mixer_events(self, descriptors, count)) {
         self->failed_polls = 0;
+        report_own_changes(self);
     } else if (++self->failed_polls == kMaxFailedPolls) {
         app_log(LOG_LEVEL_WARNING, "ALSA mixer keeps failing; its changes are no longer followed");
         descriptor_poller_stop_polling(poller);
@@ -245,6 +255,8 @@ void volume_manager_set_mute_state(volume_manager* self, bool muted) {
     if (muted == volume_manager_get_mute_state(self)) {
         return;
     }
-    alsa_ok(on_element(self, snd_mixer_selem_set_playback_switch_all, muted ? 0 : 1),
-            "Unable to set ALSA mute state to '%s'", mute_text(muted));
+    if (alsa_ok(on_element(self, snd_mixer_selem_set_playback_switch_all, muted ? 0 : 1),
+                "Unable to set ALSA mute state to '%s'", mute_text(muted))) {
+        self->has_written = true;
+    }
 }
