@@ -1,15 +1,20 @@
 /*
  * The simulated card's control device: the volume and the switch of one simple mixer element, kept
- * in the card's shared state. The poll descriptor is a watch of the card's control events; it stays
- * readable while an event waits to be read.
+ * in the card's shared state.
+ *
+ * Poll descriptors: a watch of the card's control events, which stays readable while an event waits
+ * to be read, and the writing end of a pipe, whose reading end is closed when a read finds the card
+ * gone: from then on it reports POLLERR without end, as a driver's descriptor does.
  *
  * Threads: alsa-lib serialises nothing here; as with a real control handle, one thread at a time.
  */
 #include <alsa/asoundlib.h>
 #include <alsa/control_external.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <iterator>
@@ -18,6 +23,7 @@
 #include <string>
 #include <utility>
 
+#include "tools/simcard/file_descriptor.h"
 #include "tools/simcard/shared_state.h"
 
 namespace simcard {
@@ -40,13 +46,13 @@ constexpr ControlKind control_kinds[] = {
     {Control::on, " Playback Switch", SND_CTL_ELEM_TYPE_BOOLEAN, Op::read_switch, Op::write_switch},
 };
 constexpr unsigned kind_count = std::size(control_kinds);
+constexpr unsigned poll_descriptor_count = 2;
 
 /* One open control handle. Made by open(), deleted by alsa-lib's close callback. */
 class Ctl {
   public:
     static int open(snd_ctl_t** ctl, const char* name, const std::string& directory, int mode);
     explicit Ctl(Mapping card) : card_(std::move(card)) {}
-    ~Ctl();
 
     int count() const;
     int list(unsigned offset, snd_ctl_elem_id_t* id);
@@ -56,6 +62,7 @@ class Ctl {
     int read(const ControlKind& kind, long* values);
     int write(const ControlKind& kind, const long* values);
     int read_event(snd_ctl_elem_id_t* id, unsigned* mask);
+    int poll_descriptors(pollfd* descriptors, unsigned space) const;
     int poll_revents(unsigned short* revents);
     void subscribe();
 
@@ -67,6 +74,7 @@ class Ctl {
         std::uint64_t value_changes = 0;
     };
 
+    int make_descriptors();
     void describe();
     void know_controls();
     bool exists(const ControlKind& kind) const;
@@ -79,11 +87,13 @@ class Ctl {
     ControlState& state(const ControlKind& kind) const;
     unsigned pending(const ControlKind& kind) const;
     void tell(const ControlKind& kind, unsigned mask);
+    void hang_up();
     const ControlKind* next_pending() const;
 
     snd_ctl_ext_t ext_ = {};
     Mapping card_;
-    int watch_ = -1;
+    FileDescriptor watch_;
+    FileDescriptor hangup_reader_, hangup_writer_;
     std::uint64_t unplugs_seen_ = 0;
     Told told_[kind_count];
 };
@@ -123,6 +133,10 @@ struct Callbacks {
     static int read_event(snd_ctl_ext_t* ext, snd_ctl_elem_id_t* id, unsigned* mask) {
         return self(ext).read_event(id, mask);
     }
+    static int descriptor_count(snd_ctl_ext_t*) { return poll_descriptor_count; }
+    static int poll_descriptors(snd_ctl_ext_t* ext, pollfd* descriptors, unsigned space) {
+        return self(ext).poll_descriptors(descriptors, space);
+    }
     static int poll_revents(snd_ctl_ext_t* ext, pollfd*, unsigned, unsigned short* revents) {
         return self(ext).poll_revents(revents);
     }
@@ -140,6 +154,8 @@ struct Callbacks {
             c.write_integer = write;
             c.subscribe_events = subscribe;
             c.read_event = read_event;
+            c.poll_descriptors_count = descriptor_count;
+            c.poll_descriptors = poll_descriptors;
             c.poll_revents = poll_revents;
             return c;
         }();
@@ -160,14 +176,23 @@ int Ctl::open(snd_ctl_t** ctl, const char* name, const std::string& directory, i
 
     auto self = std::make_unique<Ctl>(std::move(*card));
     self->unplugs_seen_ = self->card_->unplugs;
-    self->watch_ = watch(directory, Watchers::controls);
-    if (self->watch_ < 0)
-        return -errno;
+    if (const int error = self->make_descriptors(); error < 0)
+        return error;
     self->know_controls();
     self->describe();
     if (const int error = snd_ctl_ext_create(&self->ext_, name, mode); error < 0)
         return error;
     *ctl = self.release()->ext_.handle; /* from here on alsa-lib's close callback deletes it */
+    return 0;
+}
+
+int Ctl::make_descriptors() {
+    watch_ = watch(card_.directory(), Watchers::controls);
+    int ends[2];
+    if (!watch_.valid() || pipe2(ends, O_CLOEXEC | O_NONBLOCK) != 0)
+        return -errno;
+    hangup_reader_ = FileDescriptor(ends[0]);
+    hangup_writer_ = FileDescriptor(ends[1]);
     return 0;
 }
 
@@ -186,14 +211,8 @@ void Ctl::describe() {
     std::snprintf(ext_.name, sizeof(ext_.name), "Simulated sound card");
     std::snprintf(ext_.longname, sizeof(ext_.longname), "Simulated sound card");
     std::snprintf(ext_.mixername, sizeof(ext_.mixername), "Simulated mixer");
-    ext_.poll_fd = watch_;
     ext_.callback = Callbacks::table();
     ext_.private_data = this;
-}
-
-Ctl::~Ctl() {
-    if (watch_ >= 0)
-        ::close(watch_);
 }
 
 /* Call accounting: counts, and says whether the call must fail. */
@@ -346,8 +365,11 @@ void Ctl::subscribe() {
 int Ctl::read_event(snd_ctl_elem_id_t* id, unsigned* mask) {
     if (ext_.subscribed == 0)
         return -EAGAIN;
-    if (const int error = enter(Op::read_event); error < 0)
+    if (const int error = enter(Op::read_event); error < 0) {
+        if (dead())
+            hang_up();
         return error;
+    }
     const ControlKind* kind = next_pending();
     if (kind == nullptr) {
         drain_watch(watch_);
@@ -361,9 +383,25 @@ int Ctl::read_event(snd_ctl_elem_id_t* id, unsigned* mask) {
     return 1;
 }
 
+/* From now on the pipe tells of the card's end, and the watch has nothing to add. */
+void Ctl::hang_up() {
+    hangup_reader_.reset();
+    drain_watch(watch_);
+}
+
+int Ctl::poll_descriptors(pollfd* descriptors, unsigned space) const {
+    const pollfd all[poll_descriptor_count] = {{watch_.get(), POLLIN, 0},
+                                               {hangup_writer_.get(), POLLIN, 0}};
+    const unsigned count = std::min(space, poll_descriptor_count);
+    std::copy_n(all, count, descriptors);
+    return static_cast<int>(count);
+}
+
+/* For programs that ask; alsa-lib's mixer takes the descriptors' own events. */
 int Ctl::poll_revents(unsigned short* revents) {
     *revents = 0;
     if (dead()) {
+        hang_up();
         *revents = POLLERR | POLLNVAL;
         return 0;
     }

@@ -29,6 +29,7 @@
 #include <string>
 #include <utility>
 
+#include "tools/simcard/file_descriptor.h"
 #include "tools/simcard/recorder.h"
 #include "tools/simcard/shared_state.h"
 #include "tools/simcard/stream_clock.h"
@@ -52,26 +53,6 @@ std::int64_t now_ns() {
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<std::int64_t>(now.tv_sec) * ns_per_second + now.tv_nsec;
 }
-
-class FileDescriptor {
-  public:
-    FileDescriptor() = default;
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    FileDescriptor(FileDescriptor&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    FileDescriptor& operator=(FileDescriptor&& other) noexcept {
-        std::swap(fd_, other.fd_);
-        return *this;
-    }
-    ~FileDescriptor() {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-
-  private:
-    int fd_ = -1;
-};
 
 /* One open PCM handle. Made by open(), deleted by alsa-lib's close callback. */
 class Pcm {
@@ -117,6 +98,7 @@ class Pcm {
     void consume(std::uint64_t frames);
     void lose_queue();
     void stop_clock() { clock_.stop(now_ns()); }
+    void reset_clock();
     void fall_into_underrun();
     void fall_asleep();
     void wake_up();
@@ -273,7 +255,7 @@ int Pcm::open(snd_pcm_t** pcm, const char* name, const std::string& directory,
 
 int Pcm::make_descriptors(bool nonblocking) {
     timer_ = FileDescriptor(timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC));
-    watch_ = FileDescriptor(watch(card_.directory(), Watchers::streams));
+    watch_ = watch(card_.directory(), Watchers::streams);
     epoll_ = FileDescriptor(epoll_create1(EPOLL_CLOEXEC));
     if (!timer_.valid() || !watch_.valid() || !epoll_.valid())
         return -errno;
@@ -385,21 +367,22 @@ void Pcm::follow_card() {
 }
 
 void Pcm::follow_clock() {
-    const std::uint64_t by_hand =
-        card_->manual_frames - std::exchange(manual_seen_, card_->manual_frames);
-    if (!clock_.running())
-        return;
     const std::int64_t now = now_ns();
-    clock_.move_by_hand(by_hand);
+    const std::uint64_t by_hand = card_->manual_frames - manual_seen_;
+    manual_seen_ += by_hand;
+    if (clock_.running())
+        clock_.move_by_hand(by_hand);
     const std::uint64_t reached = clock_.position(now);
     if (speed_seen_ != card_->speed) {
         speed_seen_ = card_->speed;
         clock_.set_speed(static_cast<double>(speed_seen_) / speed_unit, now);
     }
+    if (!clock_.running())
+        return;
     consume(std::min(reached, written_) - played_);
     if (io_.state != SND_PCM_STATE_RUNNING)
         return;
-    if (io_.buffer_size - queued() >= stop_threshold_)
+    if (card_->fixed.patient == 0 && io_.buffer_size - queued() >= stop_threshold_)
         fall_into_underrun();
     else if (reached > written_)
         clock_.hold_at(written_, now);
@@ -411,6 +394,11 @@ void Pcm::follow_commands() {
         fall_into_underrun();
     if (std::exchange(suspends_seen_, card_->suspend_commands) != suspends_seen_)
         fall_asleep();
+}
+
+void Pcm::reset_clock() {
+    speed_seen_ = card_->speed;
+    clock_.reset(io_.rate, static_cast<double>(speed_seen_) / speed_unit);
 }
 
 void Pcm::consume(std::uint64_t frames) {
@@ -507,7 +495,7 @@ int Pcm::hw_params() {
     end_recording();
     totals_ = {};
     total_written_ = 0;
-    clock_.reset(io_.rate, static_cast<double>(card_->speed) / speed_unit);
+    reset_clock();
     const Recorder::Format format = {
         io_.format, io_.rate, io_.channels,
         static_cast<std::size_t>(snd_pcm_format_physical_width(io_.format)) / 8 * io_.channels};
@@ -542,8 +530,7 @@ int Pcm::prepare() {
     lose_queue();
     played_ = written_ = 0;
     last_pointer_ = 0;
-    speed_seen_ = card_->speed;
-    clock_.reset(io_.rate, static_cast<double>(speed_seen_) / speed_unit);
+    reset_clock();
     int error = enter(Op::prepare);
     if (error == 0 && io_.state == SND_PCM_STATE_SUSPENDED &&
         card_->resume_mode == static_cast<std::uint32_t>(Resume::stuck))
@@ -681,7 +668,7 @@ void Pcm::wait_until(std::int64_t deadline) {
                               static_cast<long>(wait % ns_per_second)};
     pollfd event = {watch_.get(), POLLIN, 0};
     if (ppoll(&event, 1, deadline == disarmed ? nullptr : &timeout, nullptr) > 0)
-        drain_watch(watch_.get());
+        drain_watch(watch_);
 }
 
 /* snd_pcm_nonblock reaches a plug-in only as a stored value, and may find O_NONBLOCK on the
@@ -769,7 +756,7 @@ int Pcm::poll_descriptors(pollfd* descriptors, unsigned space) {
 
 int Pcm::poll_revents(unsigned short* revents) {
     const std::lock_guard<std::mutex> lock(mutex_);
-    drain_watch(watch_.get());
+    drain_watch(watch_);
     if (const int error = count_call(Op::poll_revents); error < 0)
         return leave(io_.state, error);
     switch (io_.state) {

@@ -79,66 +79,47 @@ const char* event_file_name(Watchers watchers) {
 std::optional<Mapping> Mapping::open(const std::string& directory) {
     Mapping mapping;
     mapping.directory_ = directory;
-    mapping.state_fd_ = ::open((directory + "/card.state").c_str(), O_RDWR | O_CLOEXEC);
-    if (mapping.state_fd_ < 0)
-        return std::nullopt;
+    mapping.state_fd_ =
+        FileDescriptor(::open((directory + "/card.state").c_str(), O_RDWR | O_CLOEXEC));
     struct stat file = {};
-    if (fstat(mapping.state_fd_, &file) != 0)
+    if (!mapping.state_fd_.valid() || fstat(mapping.state_fd_.get(), &file) != 0)
         return std::nullopt;
     if (static_cast<std::uint64_t>(file.st_size) != sizeof(SharedState)) {
         errno = EINVAL;
         return std::nullopt;
     }
-    void* memory = mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED,
-                        mapping.state_fd_, 0);
+    void* const memory = mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED,
+                              mapping.state_fd_.get(), 0);
     if (memory == MAP_FAILED)
         return std::nullopt;
-    mapping.state_ = static_cast<SharedState*>(memory);
+    mapping.state_.reset(static_cast<SharedState*>(memory));
     if (mapping->magic != state_magic || mapping->version != state_version) {
         errno = EINVAL;
         return std::nullopt;
     }
     for (const Watchers watchers : all_watchers) {
-        int& fd = mapping.event_fds_[static_cast<int>(watchers)];
-        fd = ::open((directory + "/" + event_file_name(watchers)).c_str(), O_WRONLY | O_CLOEXEC);
-        if (fd < 0)
+        const std::string path = directory + "/" + event_file_name(watchers);
+        FileDescriptor& fd = mapping.event_fds_[static_cast<int>(watchers)];
+        fd = FileDescriptor(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+        if (!fd.valid())
             return std::nullopt;
     }
     return mapping;
 }
 
-Mapping::Mapping(Mapping&& other) noexcept {
-    *this = std::move(other);
-}
-
-Mapping& Mapping::operator=(Mapping&& other) noexcept {
-    std::swap(directory_, other.directory_);
-    std::swap(state_, other.state_);
-    std::swap(state_fd_, other.state_fd_);
-    std::swap(event_fds_, other.event_fds_);
-    return *this;
-}
-
-Mapping::~Mapping() {
-    const int error = errno; /* a failed open reports through it */
-    if (state_ != nullptr)
-        munmap(state_, sizeof(SharedState));
-    for (const int fd : {state_fd_, event_fds_[0], event_fds_[1]}) {
-        if (fd >= 0)
-            close(fd);
-    }
-    errno = error;
+void Mapping::Unmap::operator()(SharedState* state) const {
+    munmap(state, sizeof(SharedState));
 }
 
 void Mapping::touch(Watchers watchers) const {
     const char byte = 0;
     /* The event is the write, its success and the file's content don't matter. */
     [[maybe_unused]] const ssize_t written =
-        pwrite(event_fds_[static_cast<int>(watchers)], &byte, sizeof(byte), 0);
+        pwrite(event_fds_[static_cast<int>(watchers)].get(), &byte, sizeof(byte), 0);
 }
 
 bool Mapping::lock_exclusively() const {
-    return flock(state_fd_, LOCK_EX | LOCK_NB) == 0;
+    return flock(state_fd_.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
 bool store_control(const Mapping& card, ControlState& control,
@@ -153,23 +134,17 @@ bool store_control(const Mapping& card, ControlState& control,
     return changed;
 }
 
-int watch(const std::string& directory, Watchers watchers) {
-    const int fd = inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-    if (fd < 0)
-        return -1;
+FileDescriptor watch(const std::string& directory, Watchers watchers) {
+    FileDescriptor fd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     const std::string path = directory + "/" + event_file_name(watchers);
-    if (inotify_add_watch(fd, path.c_str(), IN_MODIFY) < 0) {
-        const int error = errno;
-        close(fd);
-        errno = error;
-        return -1;
-    }
+    if (fd.valid() && inotify_add_watch(fd.get(), path.c_str(), IN_MODIFY) < 0)
+        fd.reset();
     return fd;
 }
 
-void drain_watch(int watch_fd) {
+void drain_watch(const FileDescriptor& watch) {
     alignas(inotify_event) char buffer[4096];
-    while (read(watch_fd, buffer, sizeof(buffer)) > 0) {
+    while (read(watch.get(), buffer, sizeof(buffer)) > 0) {
     }
 }
 

@@ -3,9 +3,11 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 
+#include "tools/simcard/file_descriptor.h"
 #include "tools/simcard/simcard.h"
 
 /*
@@ -51,10 +53,9 @@ struct FixedState {
     std::uint32_t rates[maximum_rates];
     std::uint32_t minimum_rate, maximum_rate;
     std::uint32_t minimum_channels, maximum_channels;
-    std::uint32_t exclusive, impossible;
+    std::uint32_t exclusive, impossible, patient;
     char element_name[element_name_size];
     std::uint32_t has_volume, has_switch, read_only;
-    std::uint32_t padding;
     std::int64_t minimum_volume, maximum_volume;
 };
 
@@ -122,11 +123,7 @@ class Mapping {
     /* Maps <directory>/card.state; on failure nothing, errno says why. */
     static std::optional<Mapping> open(const std::string& directory);
 
-    Mapping(Mapping&& other) noexcept;
-    Mapping& operator=(Mapping&& other) noexcept;
-    ~Mapping();
-
-    SharedState* operator->() const { return state_; }
+    SharedState* operator->() const { return state_.get(); }
     SharedState& operator*() const { return *state_; }
     const std::string& directory() const { return directory_; }
     /* Wakes every process that watches. */
@@ -135,12 +132,16 @@ class Mapping {
     bool lock_exclusively() const;
 
   private:
+    struct Unmap {
+        void operator()(SharedState* state) const;
+    };
+
     Mapping() = default;
 
     std::string directory_;
-    SharedState* state_ = nullptr;
-    int state_fd_ = -1;
-    int event_fds_[2] = {-1, -1};
+    std::unique_ptr<SharedState, Unmap> state_;
+    FileDescriptor state_fd_;
+    FileDescriptor event_fds_[2]; /* by Watchers */
 };
 
 /* Stores one control's values; true if that changed any, and then its watchers have been woken. */
@@ -148,10 +149,10 @@ bool store_control(const Mapping& card, ControlState& control,
                    const std::int64_t (&values)[element_channels]);
 
 /* A non-blocking, close-on-exec inotify descriptor that becomes readable when the watchers are
- * touched, or -1 with errno. */
-int watch(const std::string& directory, Watchers watchers);
+ * touched; invalid on failure, errno says why. */
+FileDescriptor watch(const std::string& directory, Watchers watchers);
 /* Reads all that waits in it. */
-void drain_watch(int watch_fd);
+void drain_watch(const FileDescriptor& watch);
 
 }  // namespace simcard
 

@@ -71,6 +71,7 @@ void fill_fixed(FixedState& fixed, const Settings& settings) {
     fixed.maximum_channels = settings.maximum_channels;
     fixed.exclusive = settings.exclusive ? 1 : 0;
     fixed.impossible = settings.impossible ? 1 : 0;
+    fixed.patient = settings.patient ? 1 : 0;
     settings.element.name.copy(fixed.element_name, element_name_size - 1);
     fixed.has_volume = settings.element.has_volume ? 1 : 0;
     fixed.has_switch = settings.element.has_switch ? 1 : 0;

@@ -103,6 +103,9 @@ struct Settings {
     bool exclusive = false;
     /* No configuration at all fits the card: snd_pcm_hw_params_any is -EINVAL. */
     bool impossible = false;
+    /* The hardware pointer waits for data instead of underrunning: for clocks so fast that the
+     * machine can't keep up. Underruns then come only from Card::underrun and faults. */
+    bool patient = false;
     bool record = true;
     /* Audio seconds per real second. 0 stops the clock: only Card::play moves it. */
     double speed = 1.0;

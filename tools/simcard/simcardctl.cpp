@@ -38,6 +38,7 @@ Commands:
     --channels MIN-MAX        default 1-8
     --buffer MS               buffer of programs without wishes, default 400
     --speed FACTOR            default 1; 0 stops the clock
+    --patient                 wait for data instead of underrunning
     --no-record               keep no recordings
     --exclusive               one playback handle at a time
     --element NAME            mixer element, default Master
@@ -177,6 +178,7 @@ const std::vector<Option>& creation_options() {
          }},
         {"--buffer", true, [](Settings& s, Value v) { s.default_buffer_ms = parse<unsigned>(v); }},
         {"--speed", true, [](Settings& s, Value v) { s.speed = parse<double>(v); }},
+        {"--patient", false, [](Settings& s, Value) { s.patient = true; }},
         {"--no-record", false, [](Settings& s, Value) { s.record = false; }},
         {"--exclusive", false, [](Settings& s, Value) { s.exclusive = true; }},
         {"--element", true, [](Settings& s, Value v) { s.element.name = v; }},
