@@ -48,8 +48,12 @@ Host::Host()
       m_messages(m_pool),
       m_source_switch(m_pool, m_messages, m_player),
       m_network(m_pool, m_settings.is_on(kHostAllowLoopback)),
-      m_state(state_directory(m_settings)) {
+      m_state(state_directory(m_settings)),
+      m_controls(m_settings, m_messages, m_player, m_source_switch, m_network),
+      m_dispatcher(m_controls, m_network, m_state, m_settings.get(kHostBus)) {
     preset_messages();
+    m_player.set_observer([this](uint32_t changes) { m_dispatcher.player_changed(changes); });
+    m_network.set_observer([this] { m_dispatcher.network_changed(); });
     m_messages.set_observer([this](int id, const std::string& text) { on_message(id, text); });
 }
 
@@ -80,11 +84,20 @@ void Host::on_message(int id, const std::string& text) {
         default:
             break;
     }
-    m_state.set(id, text);
+    if (m_state.set(id, text)) {
+        m_dispatcher.save_soon();
+    }
+    m_dispatcher.message_changed(id, text);
 }
 
 void Host::start() {
+    const std::lock_guard lock(m_lifecycle);
+    if (m_started || m_stopped) {
+        return;
+    }
+    m_started = true;
     m_pool.start();
+    m_dispatcher.start();
 }
 
 void Host::wait_for_end() {
@@ -98,11 +111,12 @@ void Host::wait_for_end() {
 }
 
 void Host::stop() {
+    const std::lock_guard lock(m_lifecycle);
     m_stopped = true;
+    m_dispatcher.stop();
     if (!m_pool.stop(kStopPatience)) {
         syslog(LOG_INFO, "nuvio-host: a notification is still being taken at the end");
     }
-    m_state.save();
 }
 
 void Host::stop_for_good() {

@@ -5,7 +5,11 @@
 #pragma once
 
 #include <atomic>
+#include <mutex>
+#include <string>
 
+#include "controls.h"
+#include "dispatcher.h"
 #include "message_store.h"
 #include "network_monitor.h"
 #include "notification_pool.h"
@@ -50,6 +54,10 @@ class Host {
     SourceSwitch m_source_switch;
     NetworkMonitor m_network;
     StateStore m_state;
+    Controls m_controls;
+    Dispatcher m_dispatcher;
+    std::mutex m_lifecycle;  // start and stop, one at a time
+    bool m_started = false;  // guarded by m_lifecycle
     std::atomic<bool> m_stopped{false};
 };
 

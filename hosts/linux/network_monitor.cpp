@@ -168,6 +168,9 @@ NetworkMonitor::Status NetworkMonitor::effective() const {
 
 void NetworkMonitor::tell_changes(const Status& before) {
     const Status now = effective();
+    if (now != before && m_observer) {
+        m_observer();
+    }
     for (const int iface : {kWired, kWireless}) {
         const bool usable = now[index_of(iface)];
         if (usable == before[index_of(iface)]) {

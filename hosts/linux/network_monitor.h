@@ -8,6 +8,7 @@
 #pragma once
 
 #include <array>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -28,6 +29,10 @@ class NetworkMonitor {
     // entry an interface, in which wireless ones have a "wireless" or "phy80211" of their own.
     NetworkMonitor(NotificationPool& pool, bool allow_loopback,
                    std::string sysfs = "/sys/class/net");
+
+    // Called after each change of the status, with the monitor's lock held, so it must not call the
+    // monitor. Before any other call.
+    void set_observer(std::function<void()> observer) { m_observer = std::move(observer); }
 
     // Of interface 1 or 2; false for any other.
     bool is_usable(int iface) const;
@@ -57,6 +62,7 @@ class NetworkMonitor {
     const bool m_allow_loopback;
     const std::string m_sysfs;
     UniqueFd m_socket;
+    std::function<void()> m_observer;
 
     mutable std::mutex m_mutex;
     // All guarded by m_mutex.

@@ -46,6 +46,11 @@ bool SourceSwitch::send_volume(int percent) {
     });
 }
 
+bool SourceSwitch::has_output() {
+    const std::lock_guard lock(m_mutex);
+    return m_listener != nullptr && owns_output();
+}
+
 void SourceSwitch::take_output(int source) {
     const std::lock_guard lock(m_mutex);
     const bool taken_away = owns_output();

@@ -32,6 +32,8 @@ class SourceSwitch {
     // false when there is none.
     bool send_command(const std::string& command);
     bool send_volume(int percent);
+    // True while the service owns the output.
+    bool has_output();
     // Another source, by its number, takes the output.
     void take_output(int source);
     // That source is switched off: nobody owns the output.

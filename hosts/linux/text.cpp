@@ -98,6 +98,37 @@ std::optional<int> to_percent(std::string_view text) {
     return number && *number >= 0 && *number <= 100 ? number : std::nullopt;
 }
 
+std::string percent_encode(std::string_view text) {
+    constexpr char kHex[] = "0123456789ABCDEF";
+    std::string result;
+    for (const char c : text) {
+        if (is_unreserved(c)) {
+            result += c;
+        } else {
+            const auto byte = static_cast<unsigned char>(c);
+            result += {'%', kHex[byte >> 4U], kHex[byte & 0x0FU]};
+        }
+    }
+    return result;
+}
+
+std::string percent_decode(std::string_view text) {
+    std::string result;
+    while (!text.empty()) {
+        unsigned byte = 0;
+        const char* digits = text.data() + 1;
+        if (text.size() >= 3 && text.front() == '%' &&
+            std::from_chars(digits, digits + 2, byte, 16).ptr == digits + 2) {
+            result += static_cast<char>(byte);
+            text.remove_prefix(3);
+        } else {
+            result += text.front();
+            text.remove_prefix(1);
+        }
+    }
+    return result;
+}
+
 std::string to_url(std::string_view place) {
     if (place.find("://") != std::string_view::npos) {
         return to_utf8(place);
@@ -105,17 +136,7 @@ std::string to_url(std::string_view place) {
     if (!place.starts_with('/')) {
         return {};
     }
-    constexpr char kHex[] = "0123456789ABCDEF";
-    std::string url = "file://";
-    for (const char c : place) {
-        if (is_unreserved(c)) {
-            url += c;
-        } else {
-            const auto byte = static_cast<unsigned char>(c);
-            url += {'%', kHex[byte >> 4U], kHex[byte & 0x0FU]};
-        }
-    }
-    return url;
+    return "file://" + percent_encode(place);
 }
 
 }  // namespace nuvio::host

@@ -23,6 +23,11 @@ std::optional<int> to_int(std::string_view text);
 // The same, from 0 to 100.
 std::optional<int> to_percent(std::string_view text);
 
+// With each byte outside of a-z, A-Z, 0-9 and "-._~/" written as %XX; and back again, where a '%'
+// that no two hex digits follow stays as it is.
+std::string percent_encode(std::string_view text);
+std::string percent_decode(std::string_view text);
+
 // A place as a URL: one with a scheme as it is, an absolute path as "file://", else empty.
 std::string to_url(std::string_view place);
 

@@ -1,0 +1,178 @@
+// A stand-in for the service, run by the host's system tests: writes a line for each thing that it
+// is told, and does what the lines on its input say. Ends like the service, on SIGTERM.
+//
+//   source            asks for the output          -> "granted" or "refused"
+//   drop              gives it back
+//   state N           0 playing, 1 stopped, 2 paused
+//   position MS | volume N | mute TEXT
+//   track TITLE|ARTIST|ALBUM|MS|ART|SHUFFLE|REPEAT
+//   clear
+//   read ID           -> "ID=text"
+//   network N         -> "network N S"
+//   block             the next notification waits until "unblock"
+#include <cstdio>
+#include <future>
+#include <iostream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "platform/Environment.h"
+#include "platform/Kora.h"
+#include "platform/Nesh.h"
+#include "platform/SourceSwitch.h"
+#include "platform/UIManager.h"
+
+using namespace android;
+
+namespace {
+
+void say(const std::string& line) {
+    // One write a line, so that two threads' lines do not mix.
+    const std::string text = line + "\n";
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    std::fflush(stdout);
+}
+
+struct Gate {
+    std::mutex mutex;
+    std::condition_variable changed;
+    bool closed = false;
+
+    void set(bool is_closed) {
+        const std::lock_guard lock(mutex);
+        closed = is_closed;
+        changed.notify_all();
+    }
+    void pass() {
+        std::unique_lock lock(mutex);
+        changed.wait(lock, [this] { return !closed; });
+    }
+};
+Gate g_gate;
+
+class Listener : public BnSourceSwitchListener {
+  public:
+    void OnSourceSwitchEvent() override { tell("switch"); }
+    void OnSourceEvent(const char* command) override { tell(std::string("event ") + command); }
+    void OnVolumeChangeEvent(const char* volume) override { tell(std::string("volume ") + volume); }
+
+  private:
+    static void tell(const std::string& line) {
+        g_gate.pass();
+        say(line);
+    }
+};
+
+class Alerts : public IKoraAlerts, public INeshAlerts {
+  public:
+    void MessageBoxAlert(uint16_t id, uint16_t) override { say("alert " + std::to_string(id)); }
+    void MessageBoxAlert(uint16_t, uint16_t, uint32_t) override {}
+    void NeshAlert(uint8_t iface, uint8_t status) override {
+        say("net " + std::to_string(iface) + " " + std::to_string(status));
+    }
+};
+
+std::vector<std::string> split(const std::string& text) {
+    std::vector<std::string> parts;
+    std::istringstream stream(text);
+    for (std::string part; std::getline(stream, part, '|');) {
+        parts.push_back(part);
+    }
+    return parts;
+}
+
+sp<AMessage> track_message(const std::string& text) {
+    std::vector<std::string> parts = split(text);
+    parts.resize(7);
+    sp<AMessage> info = new AMessage(0, 0);
+    const auto set = [&](const char* key, const std::string& value) {
+        info->setString(key, value.data(), value.size());
+    };
+    set("album", parts[2]);
+    set("artist", parts[1]);
+    set("trackName", parts[0]);
+    info->setInt32("totalTime", std::atoi(parts[3].c_str()));
+    set("coverArt", parts[4].empty() ? "defaultArt.jpg" : parts[4]);
+    info->setInt32("shuffle", std::atoi(parts[5].c_str()));
+    info->setInt32("repeat", std::atoi(parts[6].c_str()));
+    for (const char* key : {"next", "prev", "seek"}) {
+        info->setInt32(key, 1);
+    }
+    return info;
+}
+
+void obey(const std::string& verb, const std::string& argument) {
+    static const sp<BnSourceSwitchListener> listener = new Listener();
+    static KORAHelper kora;
+    static NeshHelper nesh;
+    const sp<IUIManager> ui =
+        IUIManager::asInterface(defaultServiceManager()->getService(IUIManager::kServiceName));
+    const int number = std::atoi(argument.c_str());
+    if (verb == "source") {
+        say(SourceSwitchClient::PlayMySource(listener, SOURCE_TYPE_NUVIO_CONNECT) ? "granted"
+                                                                                  : "refused");
+    } else if (verb == "drop") {
+        SourceSwitchClient::DisconnectMySource(listener);
+    } else if (verb == "state") {
+        SourceSwitchClient::UpdatePlayerState(listener, static_cast<EPlayState>(number));
+    } else if (verb == "position") {
+        kora.writeRemoteMessage(KORA_PLAYBACK_POSITION, argument, 0);
+    } else if (verb == "mute") {
+        kora.writeRemoteMessage(KORA_MUTE, argument, 0);
+    } else if (verb == "volume") {
+        SourceSwitchClient::UpdateAppVolume(argument);
+    } else if (verb == "track") {
+        ui->updatePlayBackInfo(track_message(argument));
+    } else if (verb == "clear") {
+        ui->clearPlayBackInfo(new AMessage(0, 0));
+    } else if (verb == "read") {
+        std::string text;
+        kora.readRemoteMessage(number, text);
+        say(argument + "=" + text);
+    } else if (verb == "network") {
+        int status = 0;
+        nesh.getNetworkStatus(number, &status);
+        say("network " + argument + " " + std::to_string(status));
+    } else if (verb == "block" || verb == "unblock") {
+        g_gate.set(verb == "block");
+    } else {
+        say("what? " + verb);
+    }
+}
+
+void take_orders() {
+    for (std::string line; std::getline(std::cin, line);) {
+        const size_t blank = line.find(' ');
+        obey(line.substr(0, blank), blank == std::string::npos ? "" : line.substr(blank + 1));
+    }
+}
+
+}  // namespace
+
+int main() {
+    std::string value;
+    GetEnvItemByName(kFeatureNuvioConnect, value);
+    KORAHelper kora;
+    NeshHelper nesh;
+    const sp<Alerts> alerts = new Alerts();
+    Vector<int> ids;
+    for (const int id : {90, 37, 115, 64, 63, 51}) {
+        ids.add(id);
+    }
+    nesh.registerListener(alerts);
+    kora.registerListener(alerts, ids);
+    ProcessState::self()->startThreadPool();
+    std::thread orders(take_orders);
+    say("ready " + value);
+    IPCThreadState::self()->joinThreadPool(true);
+    g_gate.set(false);
+    say("ended");
+    nesh.unregisterListener(alerts);
+    kora.unregisterListener(alerts, ids);
+    // The reader of the orders waits for its input to be closed.
+    orders.join();
+    return 0;
+}
