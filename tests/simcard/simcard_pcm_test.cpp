@@ -23,6 +23,7 @@ struct ClosePcm {
 using PcmPtr = std::unique_ptr<snd_pcm_t, ClosePcm>;
 
 constexpr unsigned kRate = 48000;
+constexpr long kFrame = 4;  // bytes
 constexpr snd_pcm_uframes_t kPeriod = 480, kBuffer = 1920;
 
 class SimcardPcm : public SimcardTest {
@@ -67,7 +68,7 @@ class SimcardPcm : public SimcardTest {
 
     // Writes zeros.
     static snd_pcm_sframes_t write(const PcmPtr& pcm, snd_pcm_uframes_t frames) {
-        const std::vector<std::uint8_t> zeros(frames * 4);
+        const std::vector<std::uint8_t> zeros(frames * kFrame);
         return snd_pcm_writei(pcm.get(), zeros.data(), frames);
     }
 
@@ -170,7 +171,7 @@ TEST_F(SimcardPcm, RecordsEveryFormatBitExactly) {
 TEST_F(SimcardPcm, RecordsWhatWasPlayedUpToADropAndNothingElse) {
     Card& card = make_still_card();
     PcmPtr pcm = open();
-    const auto data = noise(1000 * 4);
+    const auto data = noise(1000 * kFrame);
     ASSERT_EQ(snd_pcm_writei(pcm.get(), data.data(), 1000), 1000);
     card.play(300);
     EXPECT_EQ(delay(pcm), 700);
@@ -186,8 +187,8 @@ TEST_F(SimcardPcm, RecordsWhatWasPlayedUpToADropAndNothingElse) {
     EXPECT_EQ(recording.frames, 500U);
     EXPECT_EQ(recording.frames_dropped, 700U + 300U);
     EXPECT_EQ(recording.drops, 2U);
-    std::vector<std::uint8_t> expected(data.begin(), data.begin() + 300 * 4);
-    expected.insert(expected.end(), data.begin(), data.begin() + 200 * 4);
+    std::vector<std::uint8_t> expected(data.begin(), data.begin() + 300 * kFrame);
+    expected.insert(expected.end(), data.begin(), data.begin() + 200 * kFrame);
     EXPECT_EQ(Card::data(recording), expected);
 }
 
@@ -447,7 +448,7 @@ TEST_F(SimcardPcm, ShortWritesTakeTheirPart) {
 
 TEST_F(SimcardPcm, SuspendedStreamGoesOnStartsAnewOrStaysStuck) {
     Card& card = make_still_card();
-    const auto data = noise(600 * 4);
+    const auto data = noise(600 * kFrame);
     PcmPtr pcm = open();
     for (const Resume resume : {Resume::works, Resume::unsupported}) {
         ASSERT_EQ(snd_pcm_writei(pcm.get(), data.data(), 300), 300);

@@ -11,7 +11,7 @@ namespace simcard {
 
 namespace {
 
-constexpr std::size_t file_buffer_bytes = 256 * 1024;
+constexpr std::size_t file_buffer_bytes = 1 << 18;
 
 std::string numbered_path(const std::string& directory, unsigned number) {
     char name[16];
