@@ -1,0 +1,226 @@
+"""The whole device in a folder of its own: daemon, simulated card, message bus, music.
+
+Everything is driven from outside, with the clients people use: curl's requests, playerctl, busctl,
+amixer. The build tree under test is named by NUVIO_BUILD.
+"""
+import array
+import http.client
+import json
+import math
+import os
+import pathlib
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+import unittest
+import wave
+
+BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
+PATIENCE = 30  # s, for what should take a moment: sanitizers and busy machines are slow
+FRAME_BYTES = {"S16_LE": 2, "S24_LE": 4, "S32_LE": 4}
+
+
+def wait_for(what, condition, seconds=PATIENCE):
+    """Returns the condition's first true value; fails naming `what` when there is none in time."""
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        value = condition()
+        if value:
+            return value
+        time.sleep(0.02)
+    raise AssertionError(f"not within {seconds} s: {what}")
+
+
+def free_port():
+    with socket.socket() as probe:
+        probe.bind(("127.0.0.1", 0))
+        return probe.getsockname()[1]
+
+
+def signal_samples(frames, start=0, rate=44100, peak=12000):
+    """Stereo samples of one endless signal that never repeats within a test."""
+    samples = array.array("i")
+    for n in range(start, start + frames):
+        t = n / rate
+        samples.append(int(peak * math.sin(2 * math.pi * (110 + 40 * t) * t)))
+        samples.append(int(peak * math.sin(2 * math.pi * (333 + 17 * t) * t)))
+    return samples
+
+
+def write_wav(path, samples, rate, sample_bytes=2):
+    """Writes stereo samples; returns the bytes that the card must play for them."""
+    with wave.open(str(path), "wb") as out:
+        out.setnchannels(2)
+        out.setsampwidth(sample_bytes)
+        out.setframerate(rate)
+        if sample_bytes == 2:
+            played = array.array("h", samples).tobytes()
+            out.writeframes(played)
+        else:
+            played = samples.tobytes()
+            out.writeframes(b"".join((s & 0xFFFFFF).to_bytes(3, "little") for s in samples))
+    return played
+
+
+class Recording:
+    """What the card played between one opening and the next."""
+
+    def __init__(self, text_path):
+        fields = dict(re.findall(r"^(\w+)[ =:]+(\S+)", text_path.read_text(), re.M))
+        self.format = fields["format"]
+        self.rate = int(fields["rate"])
+        self.underruns = int(fields["underruns"])
+        self.data = text_path.with_suffix(".raw").read_bytes()
+
+
+class DeviceTest(unittest.TestCase):
+    """A device that is made anew for each test and taken apart afterwards, whatever happens."""
+
+    card_options = []
+    settings = {}
+
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="nuvio-e2e-"))
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+        self.music = self.folder / "music"
+        self.music.mkdir()
+        self.port = free_port()
+        self.daemon = None
+        self.card("create", *self.card_options)
+        self.environment = dict(
+            os.environ, ALSA_CONFIG_PATH=str(self.folder / "card/asound.conf"),
+            NUVIO_SETTINGS=str(self.folder / "settings.conf"), NUVIO_LOG_STDERR="1",
+            DBUS_SESSION_BUS_ADDRESS=f"unix:path={self.folder}/bus")
+        self.start_bus()
+        self.write_settings(**self.settings)
+        self.log_path = self.folder / "daemon.log"
+        self.addCleanup(self.end_daemon)
+
+    # ---- Making and ending ------------------------------------------------------------------
+
+    def start_bus(self):
+        self.bus = subprocess.Popen(
+            ["dbus-daemon", "--session", "--nofork", "--nopidfile",
+             f"--address=unix:path={self.folder}/bus"])
+        self.addCleanup(self.end, self.bus)
+        wait_for("message bus", (self.folder / "bus").exists)
+
+    @staticmethod
+    def end(process):
+        if process.poll() is None:
+            process.terminate()
+        process.wait(PATIENCE)
+
+    def write_settings(self, **more):
+        settings = {
+            "feature.nuvio_connect": 1,
+            "feature.nuvio_connect.app_id": "e2e-app",
+            "feature.nuvio_connect.app_secret": "e2e-secret",
+            "feature.nuvio_connect.http_port": self.port,
+            "feature.nuvio_connect.log": 1,
+            "alsa.output_device": "default",
+            "host.friendly_name": "Kitchen",
+            "host.allow_loopback": 1,
+            "host.state_dir": self.folder / "state",
+        }
+        settings.update({name.replace("__", "."): value for name, value in more.items()})
+        (self.folder / "settings.conf").write_text(
+            "".join(f"{name} = {value}\n" for name, value in settings.items()))
+
+    def start(self, wait=True, player=True):
+        with open(self.log_path, "ab") as log:
+            self.daemon = subprocess.Popen([BUILD / "bin/nuvio-connect"], env=self.environment,
+                                           stdout=log, stderr=log)
+        if wait:
+            wait_for("HTTP answers", self.answers)
+            if player:
+                wait_for("media player on the bus", lambda: self.player("status") is not None)
+
+    def stop(self):
+        """Ends the daemon as a service manager does; returns exit status and seconds it took."""
+        begin = time.monotonic()
+        self.daemon.send_signal(signal.SIGTERM)
+        status = self.daemon.wait(PATIENCE)
+        self.daemon = None
+        return status, time.monotonic() - begin
+
+    def end_daemon(self):
+        if self.daemon is not None and self.daemon.poll() is None:
+            self.daemon.kill()
+            self.daemon.wait()
+        failed = any(error for _, error in self._outcome.errors) if hasattr(
+            self._outcome, "errors") else not self._outcome.success
+        if failed and self.log_path.exists():
+            print("\n".join(self.log().splitlines()[-60:]))
+
+    # ---- What people do ---------------------------------------------------------------------
+
+    def run_tool(self, *command, check=True):
+        result = subprocess.run([str(word) for word in command], env=self.environment, text=True,
+                                capture_output=True, timeout=PATIENCE)
+        if check and result.returncode != 0:
+            raise AssertionError(f"{command}: {result.stdout}{result.stderr}")
+        return result.stdout.strip() if result.returncode == 0 else None
+
+    def card(self, verb, *words):
+        return subprocess.run([BUILD / "bin/simcardctl", verb, self.folder / "card", *words],
+                              check=True, text=True, capture_output=True).stdout
+
+    def amixer(self, *words):
+        config = self.folder / "card/asound-tools.conf"
+        return subprocess.run(["amixer", *words], check=True, text=True, capture_output=True,
+                              env=dict(self.environment, ALSA_CONFIG_PATH=str(config))).stdout
+
+    def player(self, *words):
+        """Output of playerctl, or None when it fails."""
+        return self.run_tool("playerctl", "-p", "nuvio_connect", *words, check=False)
+
+    def request(self, method, path, body=None):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE)
+        try:
+            connection.request(method, path, body)
+            answer = connection.getresponse()
+            return answer.status, answer.read()
+        finally:
+            connection.close()
+
+    def answers(self):
+        if self.daemon.poll() is not None:
+            raise AssertionError(f"the daemon ended with {self.daemon.returncode}\n{self.log()}")
+        try:
+            return self.request("GET", "/get-display-info")[0] == 200
+        except OSError:
+            return False
+
+    def connect(self, content, session="e2e", expiry=4102444800, active=True):
+        """Hands over a session as a controller does; returns the HTTP status."""
+        return self.request("POST", "/connect-to-nconnect", json.dumps({
+            "session_id": session, "become_active": active,
+            "jwt_api": {"endpoint": str(content), "jwt": "api", "exp": expiry},
+            "jwt_nconnect": {"endpoint": "wss://x/", "jwt": "nc", "exp": expiry}}))[0]
+
+    def play(self, content):
+        self.assertEqual(self.connect(content), 200)
+        wait_for("sound", lambda: self.player("status") == "Playing" and self.position() > 0.2)
+
+    # ---- What there is to see ---------------------------------------------------------------
+
+    def log(self):
+        return self.log_path.read_text(errors="replace")
+
+    def log_count(self, text):
+        return self.log().count(text)
+
+    def position(self):
+        return float(self.player("position") or 0)
+
+    def recordings(self):
+        return [Recording(path) for path in sorted((self.folder / "card/recordings").glob("*.txt"))]
+
+    def wait_for_end(self, seconds=PATIENCE):
+        wait_for("end of the session",
+                 lambda: self.log_count("Nothing else to play, stopping playback"), seconds)

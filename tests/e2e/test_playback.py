@@ -1,0 +1,162 @@
+"""From a controller's POST to sound, and the controls on the way."""
+import unittest
+
+from device import DeviceTest, signal_samples, wait_for, write_wav
+
+CD = 44100  # frames a second
+FRAME = 4   # bytes of a 16-bit stereo frame
+
+
+class Playback(DeviceTest):
+    def track(self, name, seconds, start=0):
+        return write_wav(self.music / name, signal_samples(int(seconds * CD), start), CD)
+
+    def title(self):
+        return self.player("metadata", "title")
+
+    def wait_for_title(self, title):
+        wait_for(f"title {title}", lambda: self.title() == title)
+
+    def test_tracks_of_one_format_join_bit_exactly_and_another_format_reopens_the_card(self):
+        seam = int(2.5 * CD) + 77
+        first = write_wav(self.music / "1.wav", signal_samples(seam), CD)
+        second = write_wav(self.music / "2.wav", signal_samples(3 * CD, seam), CD)
+        third = write_wav(self.music / "3.wav",
+                          signal_samples(2 * 96000, 0, 96000, 3_000_000), 96000, sample_bytes=3)
+        self.start(player=False)
+        self.assertEqual(self.connect(self.music), 200)
+        self.wait_for_end()
+
+        recordings = wait_for("both recordings", lambda: self.recordings()[1:] and self.recordings())
+        self.assertEqual([(r.format, r.rate, r.underruns) for r in recordings],
+                         [("S16_LE", CD, 0), ("S24_LE", 96000, 0)])
+        self.assertTrue(recordings[0].data == first + second, "not the two tracks end to end")
+        self.assertTrue(recordings[1].data == third, "not the high-resolution track")
+
+    def test_tracks_shorter_than_the_cards_buffer_all_come_out(self):
+        expected = b"".join(self.track(f"{n:02}.wav", 0.1 + 0.03 * n, n * CD) for n in range(8))
+        self.start()
+        self.connect(self.music)
+        self.wait_for_end()
+        self.assertTrue(b"".join(r.data for r in self.recordings()) == expected)
+
+    def test_pause_is_silent_and_resume_plays_on_to_the_end(self):
+        track = self.track("long.wav", 5)
+        self.start()
+        self.play(self.music)
+        self.player("pause")
+        wait_for("pause", lambda: self.player("status") == "Paused")
+        wait_for("pause reached the card", lambda: self.log_count("Pausing playback"))
+        held = self.position()
+        self.player("play")
+        wait_for("resume", lambda: self.player("status") == "Playing")
+        wait_for("position moves on", lambda: self.position() > held)
+        self.wait_for_end()
+        # What the card had queued at the pause is dropped; nothing else is missing.
+        played = self.recordings()[0].data
+        self.assertTrue(track.endswith(played[-CD * FRAME:]))
+        self.assertTrue(played.startswith(track[:CD * FRAME // 8]))
+        self.assertGreater(len(played), len(track) - CD * FRAME)
+
+    def test_seek_goes_on_at_the_frame_asked_for(self):
+        track = self.track("long.wav", 30)
+        self.start()
+        self.play(self.music)
+        self.player("position", "27.5")
+        wait_for("seeked", lambda: self.position() >= 27.5)
+        self.wait_for_end()
+        self.assertTrue(self.recordings()[0].data.endswith(track[int(27.5 * CD) * FRAME:]))
+
+    def test_next_and_previous_change_the_track_and_stop_ends_it(self):
+        for n in range(3):
+            self.track(f"track {n}.wav", 20, n * CD)
+        self.start()
+        self.play(self.music)
+        self.wait_for_title("track 0")
+        self.player("next")
+        self.wait_for_title("track 1")
+        self.player("next")
+        self.wait_for_title("track 2")
+        wait_for("sound of the third", lambda: self.position() < 3)
+        self.player("previous")
+        self.wait_for_title("track 1")
+        self.player("stop")
+        wait_for("stop", lambda: self.player("status") == "Stopped")
+        wait_for("card released", lambda: self.log_count("Stopping playback"))
+        self.play(self.music)  # and the next session plays
+
+    def test_volume_and_mute_go_both_ways_between_controller_and_mixer(self):
+        self.track("long.wav", 60)
+        self.start()
+        self.play(self.music)
+        self.player("volume", "0.4")
+        wait_for("mixer at 40 %", lambda: "[40%]" in self.amixer("sget", "Master"))
+        self.amixer("sset", "Master", "70%")
+        wait_for("player at 0.7", lambda: abs(float(self.player("volume")) - 0.7) < 0.01)
+        self.amixer("sset", "Master", "mute")
+        wait_for("mute reported", lambda: self.log_count("Playback mute state changed: 1"))
+        self.amixer("sset", "Master", "unmute")
+        wait_for("unmute reported", lambda: self.log_count("Playback mute state changed: 0"))
+
+    def test_a_session_that_cannot_play_is_refused_and_the_music_goes_on(self):
+        self.track("long.wav", 60)
+        (self.folder / "empty").mkdir()
+        (self.folder / "noise.wav").write_bytes(b"RIFF but not really")
+        self.start()
+        self.play(self.music)
+        self.assertEqual(self.connect(self.folder / "empty"), 500)
+        self.assertEqual(self.connect(self.folder / "missing"), 500)
+        self.assertEqual(self.connect(self.folder / "noise.wav"), 500)
+        self.assertEqual(self.connect(self.music, expiry=1000), 500)
+        before = self.position()
+        wait_for("the music goes on", lambda: self.position() > before + 0.5)
+        self.assertEqual(self.recordings()[0].underruns, 0)
+
+    def test_unreadable_files_in_a_folder_are_skipped(self):
+        (self.music / "1.wav").write_bytes(b"")
+        (self.music / "2.flac").write_bytes(b"fLaC" + bytes(100))
+        good = self.track("3.wav", 1)
+        self.start()
+        self.connect(self.music)
+        self.wait_for_end()
+        self.assertTrue(self.recordings()[0].data == good)
+
+    def test_a_new_session_replaces_the_one_that_plays(self):
+        self.track("old.wav", 60)
+        new = self.folder / "new.wav"
+        expected = write_wav(new, signal_samples(CD, 7 * CD), CD)
+        self.start()
+        self.play(self.music)
+        self.connect(new, session="second")
+        self.assertIn(b'"current_session_id":"second"', self.request("GET", "/get-connect-info")[1])
+        self.wait_for_end()
+        self.assertTrue(self.recordings()[-1].data == expected)
+
+
+class Life(DeviceTest):
+    def test_sigterm_ends_a_playing_device_at_once_and_cleanly(self):
+        write_wav(self.music / "long.wav", signal_samples(60 * CD), CD)
+        self.start()
+        self.play(self.music)
+        status, seconds = self.stop()
+        self.assertEqual(status, 0)
+        self.assertLess(seconds, 5)  # well under a second on an idle machine
+
+    def test_a_taken_port_is_logged_and_the_device_lives_on(self):
+        import socket
+        with socket.socket() as taken:
+            taken.bind(("0.0.0.0", self.port))
+            taken.listen()
+            self.start(wait=False)
+            wait_for("port refused", lambda: self.log_count("Unable to start HTTP server"))
+            self.assertEqual(self.stop()[0], 0)
+
+    def test_a_disabled_service_ends_with_success(self):
+        self.write_settings(feature__nuvio_connect=0)
+        self.start(wait=False)
+        self.assertEqual(self.daemon.wait(30), 0)
+        self.assertIn("Nuvio Connect is not enabled", self.log())
+
+
+if __name__ == "__main__":
+    unittest.main()
