@@ -17,10 +17,6 @@ const char* bool_text(bool value) {
     return value ? "true" : "false";
 }
 
-audio_source* active_source_of(const audio_renderer* self) {
-    return audio_source_manager_get_active_source(self->source_manager.get());
-}
-
 audio_renderer* renderer_of(void* context) {
     auto* self = static_cast<audio_renderer*>(context);
     NUV_CHECK(self != NULL);

@@ -51,6 +51,10 @@ struct audio_renderer {
     bool active_source_ended = false;
 };
 
+inline audio_source* active_source_of(const audio_renderer* self) {
+    return audio_source_manager_get_active_source(self->source_manager.get());
+}
+
 // Loop thread only, like everything here.
 extern bool playback_paused;               // PCM of the playing source is refused
 extern int32_t last_reported_position_ms;  // low 32 bits of what the host was told last

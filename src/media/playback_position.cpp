@@ -45,7 +45,7 @@ std::optional<uint64_t> position_ms(audio_renderer* self, const audio_source* so
 }
 
 const audio_source* active_source_for_position(const audio_renderer* self) {
-    const audio_source* active = audio_source_manager_get_active_source(self->source_manager.get());
+    const audio_source* active = active_source_of(self);
     if (active == nullptr) {
         app_log(LOG_LEVEL_DEBUG, "No active source, returning playback position 0");
     }
@@ -56,7 +56,7 @@ const audio_source* active_source_for_position(const audio_renderer* self) {
 
 uint64_t audio_renderer_get_buffered_duration(audio_renderer* self) {
     NUV_CHECK(self != NULL);
-    const audio_source* active = audio_source_manager_get_active_source(self->source_manager.get());
+    const audio_source* active = active_source_of(self);
     if (active == nullptr) {
         return 0;
     }

@@ -16,10 +16,6 @@ unsigned long long printable(uint64_t value) {
     return value;
 }
 
-audio_source* active_source_of(const audio_renderer* self) {
-    return audio_source_manager_get_active_source(self->source_manager.get());
-}
-
 audio_source* next_source_of(const audio_renderer* self) {
     return audio_source_manager_get_next_source(self->source_manager.get());
 }

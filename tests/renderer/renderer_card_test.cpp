@@ -31,7 +31,7 @@ constexpr nuv_audio_format hi_res{96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
 std::vector<uint8_t> make_track(const nuv_audio_format& format, unsigned seed) {
     std::minstd_rand noise(seed);
     const size_t sample_size = nuv_audio_sample_format_size(format.sample_format);
-    const size_t samples = format.sample_rate / 2 * format.channel_count;
+    const size_t samples = size_t{format.sample_rate} / 2 * format.channel_count;
     std::vector<uint8_t> pcm(samples * sample_size);
     for (size_t i = 0; i < samples; ++i) {
         const int32_t sample = static_cast<int32_t>(noise() << 8) >> (sample_size == 2 ? 16 : 8);
