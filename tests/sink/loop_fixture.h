@@ -28,23 +28,24 @@ class LoopTest : public testing::Test {
   private:
     template <typename Condition>
     bool run(std::chrono::milliseconds limit, Condition condition) {
-        bool expired = false;
-        uv_timer_t timer;
-        uv_timer_init(&loop_, &timer);
-        timer.data = &expired;
+        // A pass of the loop may wait for ever after what the test waits for has happened in it.
+        uv_timer_t tick;
+        uv_timer_init(&loop_, &tick);
         uv_timer_start(
-            &timer, [](uv_timer_t* fired) { *static_cast<bool*>(fired->data) = true; },
-            static_cast<uint64_t>(limit.count()), 0);
-        while (!condition() && !expired) {
+            &tick, [](uv_timer_t*) {}, 0, 2);
+        const auto deadline = std::chrono::steady_clock::now() + limit;
+        bool held = condition();
+        while (!held && std::chrono::steady_clock::now() < deadline) {
             uv_run(&loop_, UV_RUN_ONCE);
+            held = condition();
         }
         bool closed = false;
-        timer.data = &closed;
-        uv_close(reinterpret_cast<uv_handle_t*>(&timer),
+        tick.data = &closed;
+        uv_close(reinterpret_cast<uv_handle_t*>(&tick),
                  [](uv_handle_t* handle) { *static_cast<bool*>(handle->data) = true; });
         while (!closed) {
             uv_run(&loop_, UV_RUN_NOWAIT);
         }
-        return !expired;
+        return held;
     }
 };

@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <cstdlib>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "card_fixture.h"
@@ -103,6 +105,14 @@ TEST_F(VolumeManagerTest, EachChangeIsReportedOnceWhoeverMadeIt) {
     const uint64_t idle = calls(Op::read_event);
     run_for(50ms);
     EXPECT_EQ(calls(Op::read_event), idle) << "a quiet mixer wakes nobody";
+}
+
+TEST_F(VolumeManagerTest, AmixerIsFollowed) {
+    make({.volume = 0});
+    const std::string command =
+        card_->tool_environment() + " amixer -q -D simcard sset Master 51 mute";
+    ASSERT_EQ(std::system(command.c_str()), 0);
+    EXPECT_THAT(events(), testing::ElementsAre("volume 20", "muted"));
 }
 
 TEST_F(VolumeManagerTest, MixerThatCannotBeUsedGivesNone) {
