@@ -73,7 +73,6 @@ size_t audio_sink_write(audio_sink*, const void*, size_t size, bool* ok) {
     *ok = g_state.can_write && g_state.open;
     const size_t taken = *ok ? std::min(size, g_state.room) : 0;
     journal::add("sink write " + std::to_string(taken));
-    g_state.written += taken;
     return taken;
 }
 bool audio_sink_pause(audio_sink*) {

@@ -14,7 +14,6 @@ struct State {
     uint64_t buffered_frames = 0;  // not yet heard
     bool buffered_is_known = true;
     bool open = false;
-    size_t written = 0;  // bytes, all writes
 };
 
 // Forgets everything, the listener included.

@@ -1,11 +1,9 @@
-#include "renderer/host_hooks_fake.h"
-
 #include "bridge/host_hooks.h"
 #include "renderer/journal.h"
 
 bool host_allow_source() {
     journal::add("host allow_source");
-    return fake_host::allows_source;
+    return journal::host_allows_source;
 }
 void host_report_playback_position(uint64_t position_ms) {
     journal::add("host position " + std::to_string(position_ms));

@@ -9,6 +9,9 @@
 
 namespace journal {
 
+// What the host hook answers when the renderer asks for the output.
+inline bool host_allows_source = true;
+
 using Observer = std::function<void(const std::string& line)>;
 
 inline std::vector<std::string> g_lines;

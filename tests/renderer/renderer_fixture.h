@@ -8,7 +8,6 @@
 #include "fakes/fake_sdk.h"
 #include "media/audio_renderer_private.h"
 #include "renderer/fake_sink.h"
-#include "renderer/host_hooks_fake.h"
 #include "renderer/journal.h"
 
 inline constexpr nuv_audio_format cd{44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT};
@@ -20,7 +19,7 @@ class RendererTest : public testing::Test {
         fake_sdk::reset();
         fake_sdk::on_call([](const std::string& call) { journal::add("sdk " + call); });
         fake_sink::reset();
-        fake_host::allows_source = true;
+        journal::host_allows_source = true;
         last_reported_position_ms = -1;
         ASSERT_EQ(uv_loop_init(&loop), 0);
         renderer = audio_renderer_new(&loop, "pcm", "mixer", "element");
