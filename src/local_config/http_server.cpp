@@ -27,7 +27,8 @@ constexpr const char* BASE_SERVICE_PATH = "/";
 constexpr const char* CONNECT_ENDPOINT = "connect-to-nconnect";
 constexpr size_t ENDPOINT_PATH_SIZE = 128;
 constexpr size_t RESPONSE_SIZE = 2048;  // bytes, terminator included
-constexpr long long MAXIMUM_BODY_SIZE = 64 * 1024;
+constexpr long long MAXIMUM_BODY_SIZE = 65'536;
+constexpr uint64_t LAST_ANSWER_PATIENCE_MS = 1'000;
 constexpr const char* JSON_CONTENT_TYPE = "application/json";
 
 struct AsyncCloser {
@@ -124,6 +125,7 @@ bool accepts_method(mg_connection* connection, const char* endpoint, const char*
 // ---- The two GET endpoints ----------------------------------------------------------------------
 
 int handle_get(mg_connection* connection, http_server* self, get_endpoint& endpoint) {
+    const loop_hand_off::request running(self->shared_data);
     const request_body body(connection, self->listening_port);
     if (!accepts_method(connection, endpoint.name, "GET")) {
         return 405;
@@ -240,6 +242,7 @@ void log_request(const connect_request& request) {
 
 int http_server_on_civetweb_handle_connect_to_nconnect(mg_connection* connection, void* context) {
     auto* self = static_cast<http_server*>(context);
+    const loop_hand_off::request running(self->shared_data);
     request_body body(connection, self->listening_port);
     if (!accepts_method(connection, CONNECT_ENDPOINT, "POST")) {
         return 405;
@@ -328,12 +331,14 @@ void start_now(http_server* self) {
     register_endpoint(self, CONNECT_ENDPOINT, http_server_on_civetweb_handle_connect_to_nconnect);
 }
 
-// Stopper thread. mg_stop polls every 10 ms until CivetWeb's threads have ended, and those sleep
-// for up to 2 s unless their sockets wake them.
+// Stopper thread. CivetWeb's threads sleep for up to 2 s unless their sockets wake them, and send
+// nothing more once mg_stop has begun; mg_stop itself looks every 10 ms whether they have ended.
 void stop_context(void* context) {
     auto* self = static_cast<http_server*>(context);
     shut_down_server_sockets(self->listening_port);
+    self->shared_data.wait_until_idle(LAST_ANSWER_PATIENCE_MS);
     mg_stop(self->stopping);
+    close_server_sockets(self->listening_port);
     const int rc = uv_async_send(self->on_stopped.get());
     NUV_CHECK(rc == 0);
 }

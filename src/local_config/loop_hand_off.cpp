@@ -29,6 +29,19 @@ loop_hand_off::~loop_hand_off() {
     uv_cond_destroy(&condition);
 }
 
+loop_hand_off::request::request(loop_hand_off& owner) : m_owner(owner) {
+    const Lock lock(&m_owner.mutex);
+    m_owner.handler_is_running = true;
+}
+
+loop_hand_off::request::~request() {
+    {
+        const Lock lock(&m_owner.mutex);
+        m_owner.handler_is_running = false;
+    }
+    uv_cond_broadcast(&m_owner.condition);
+}
+
 bool loop_hand_off::hand_off(uv_async_t* async) {
     {
         const Lock lock(&mutex);
@@ -65,7 +78,7 @@ void loop_hand_off::report(bool success) {
         taken = false;
         result_available = true;
     }
-    uv_cond_signal(&condition);
+    uv_cond_broadcast(&condition);
 }
 
 void loop_hand_off::cancel() {
@@ -74,10 +87,23 @@ void loop_hand_off::cancel() {
         cancelled = true;
         waiting = nullptr;
     }
-    uv_cond_signal(&condition);
+    uv_cond_broadcast(&condition);
 }
 
 void loop_hand_off::reopen() {
     const Lock lock(&mutex);
     cancelled = false;
+}
+
+void loop_hand_off::wait_until_idle(uint64_t patience_ms) {
+    constexpr uint64_t NS_PER_MS = 1'000'000;
+    const uint64_t deadline_ns = uv_hrtime() + patience_ms * NS_PER_MS;
+    const Lock lock(&mutex);
+    while (handler_is_running) {
+        const uint64_t now_ns = uv_hrtime();
+        if (now_ns >= deadline_ns ||
+            uv_cond_timedwait(&condition, &mutex, deadline_ns - now_ns) != 0) {
+            return;
+        }
+    }
 }

@@ -69,14 +69,15 @@ int socket_option(int fd, int option) {
     return getsockopt(fd, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
 }
 
-bool is_socket(int fd) {
+bool is_socket(DIR* directory, const dirent* entry) {
     struct stat status {};
-    return fstat(fd, &status) == 0 && S_ISSOCK(status.st_mode);
+    return fstatat(dirfd(directory), entry->d_name, &status, 0) == 0 && S_ISSOCK(status.st_mode);
 }
 
-// Shows `visit` each TCP socket bound to `local_port` until it returns false. It gets a second
-// descriptor: the original can be closed by its owner, and its number reused, at any moment. Only
-// sockets are duplicated, since closing a second descriptor of a file would drop its locks.
+// Shows `visit` each TCP socket bound to `local_port` until it returns false: its descriptor and a
+// second one to work with, since the original can be closed by its owner, and its number reused, at
+// any moment. Only sockets are duplicated, since closing a second descriptor of a file would drop
+// its locks.
 template <typename Visit>
 void for_each_socket(uint16_t local_port, Visit visit) {
     const std::unique_ptr<DIR, DirectoryCloser> directory(opendir("/proc/self/fd"));
@@ -84,20 +85,20 @@ void for_each_socket(uint16_t local_port, Visit visit) {
         return;
     }
     while (const dirent* entry = readdir(directory.get())) {
-        const int fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
-        if (!is_socket(fd)) {
+        if (!is_socket(directory.get(), entry)) {
             continue;
         }
+        const int fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
         Descriptor copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
         if (socket_option(copy.get(), SO_TYPE) == SOCK_STREAM &&
-            port_of(copy.get(), getsockname) == local_port && !visit(copy)) {
+            port_of(copy.get(), getsockname) == local_port && !visit(fd, copy)) {
             return;
         }
     }
 }
 
 void shut_down(uint16_t port, bool listening, int how) {
-    for_each_socket(port, [=](const Descriptor& socket) {
+    for_each_socket(port, [=](int, const Descriptor& socket) {
         if ((socket_option(socket.get(), SO_ACCEPTCONN) == 1) == listening) {
             shutdown(socket.get(), how);
         }
@@ -107,7 +108,7 @@ void shut_down(uint16_t port, bool listening, int how) {
 
 int find_connection(uint16_t local_port, uint16_t remote_port) {
     int found = -1;
-    for_each_socket(local_port, [&](Descriptor& socket) {
+    for_each_socket(local_port, [&](int, Descriptor& socket) {
         if (port_of(socket.get(), getpeername) == remote_port) {
             found = socket.release();
         }
@@ -122,6 +123,13 @@ void shut_down_server_sockets(uint16_t port) {
     // Listeners first: after that no further connection can appear.
     shut_down(port, true, SHUT_RDWR);
     shut_down(port, false, SHUT_RD);
+}
+
+void close_server_sockets(uint16_t port) {
+    for_each_socket(port, [](int fd, const Descriptor&) {
+        close(fd);
+        return true;
+    });
 }
 
 connection_socket::connection_socket(uint16_t local_port, uint16_t remote_port)

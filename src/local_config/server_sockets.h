@@ -15,6 +15,10 @@
 // connections read the end of their streams. Answers under way are still sent.
 void shut_down_server_sockets(uint16_t port);
 
+// Closes what a stopped server has left open: mg_stop forgets the connections that were waiting for
+// the worker. Only once mg_stop has returned, and before the next server starts.
+void close_server_sockets(uint16_t port);
+
 // A connection of this process by its two ports; holds a second descriptor on it.
 class connection_socket {
   public:
