@@ -1,0 +1,223 @@
+// What the host reads: settings, state, identity, bus addresses.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+
+#include "bus_address.h"
+#include "files.h"
+#include "identity.h"
+#include "linux_host/temp_dir.h"
+#include "platform/Environment.h"
+#include "platform/Kora.h"
+#include "settings.h"
+#include "state_store.h"
+#include "text.h"
+
+using namespace nuvio::host;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using testing::UnorderedElementsAre;
+
+namespace {
+
+// An environment variable for the time of a test.
+class Variable {
+  public:
+    Variable(const char* name, const std::string& value) : m_name(name) {
+        ::setenv(name, value.c_str(), 1);
+    }
+    ~Variable() { ::unsetenv(m_name); }
+    Variable(const Variable&) = delete;
+    Variable& operator=(const Variable&) = delete;
+
+  private:
+    const char* m_name;
+};
+
+std::vector<size_t> problem_lines(const ParsedSettings& parsed) {
+    std::vector<size_t> lines;
+    for (const SettingsProblem& problem : parsed.problems) {
+        lines.push_back(problem.line);
+    }
+    return lines;
+}
+
+}  // namespace
+
+TEST(Settings, LinesAreTakenApartAndBadOnesNamed) {
+    const ParsedSettings parsed = parse_settings(
+        "\xEF\xBB\xBF# a comment\r\n"
+        "\n"
+        "  alsa.output_device =  hw:0,0 \r\n"
+        "a.b = x = y # z\n"
+        "empty =\n"
+        "no equals sign\n"
+        "= no key\n"
+        "Upper.Case = 1\n"
+        "control = a\x01b\n"
+        "latin1 = \xE4\n"
+        "a.b = later wins\n"
+        "last = without a line end");
+    EXPECT_THAT(parsed.values, UnorderedElementsAre(Pair("alsa.output_device", "hw:0,0"),
+                                                    Pair("a.b", "later wins"), Pair("empty", ""),
+                                                    Pair("last", "without a line end")));
+    EXPECT_THAT(problem_lines(parsed), ElementsAre(6, 7, 8, 9, 10));
+}
+
+TEST(Settings, ValuesAndKeysHaveLimits) {
+    const std::string longest(kMaxValueBytes, 'v');
+    const ParsedSettings parsed = parse_settings("a = " + longest + "\nb = " + longest + "v\n" +
+                                                 std::string(65, 'k') + " = 1\n");
+    EXPECT_THAT(parsed.values, UnorderedElementsAre(Pair("a", longest)));
+    EXPECT_THAT(problem_lines(parsed), ElementsAre(2, 3));
+}
+
+TEST(Settings, TheFileNamedInTheEnvironmentIsRead) {
+    const TempDir dir;
+    const Variable named("NUVIO_SETTINGS", dir.write("s.conf", "feature.nuvio_connect = 2\n"));
+    const Settings settings = Settings::load();
+    EXPECT_EQ(settings.get(kFeatureNuvioConnect), "2");
+    EXPECT_TRUE(settings.is_on(kFeatureNuvioConnect));
+    EXPECT_EQ(settings.get(kOutputFS), "");
+    EXPECT_FALSE(settings.is_on(kOutputFS));
+}
+
+TEST(Settings, OfAHugeFileTheBeginningCountsWithoutTheLineThatIsCut) {
+    const TempDir dir;
+    std::string text = "alsa.output_device = first\n";
+    text.append(kMaxSettingsBytes - text.size() - 11, '#');
+    text += "\nhost.model = cut here and wrong\n";
+    const Variable named("NUVIO_SETTINGS", dir.write("s.conf", text));
+    const Settings settings = Settings::load();
+    EXPECT_EQ(settings.get(kALSAOutputDeviceName), "first");
+    EXPECT_EQ(settings.get(kHostModel), "");
+}
+
+TEST(Settings, AFileThatCannotBeReadLeavesEverythingUnset) {
+    const TempDir dir;
+    const std::string pipe = dir.path() + "/pipe";
+    ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+    for (const std::string& path : {dir.path() + "/absent", dir.path(), pipe}) {
+        const Variable named("NUVIO_SETTINGS", path);
+        EXPECT_EQ(Settings::load().get(kFeatureNuvioConnect), "") << path;
+    }
+}
+
+TEST(Settings, TheShippedExampleIsWithoutFault) {
+    const FileText example =
+        read_file(NUVIO_SOURCE_DIR "/packaging/settings.conf", kMaxSettingsBytes);
+    ASSERT_EQ(example.error, 0);
+    EXPECT_THAT(parse_settings(example.text).problems, IsEmpty());
+    EXPECT_EQ(parse_settings(example.text).values.at(kFeatureNuvioConnect), "1");
+}
+
+TEST(State, IsKeptAcrossRestarts) {
+    const TempDir dir;
+    const std::string folder = dir.path() + "/deep/er";
+    {
+        StateStore state(folder);
+        EXPECT_THAT(state.load(), IsEmpty());
+        EXPECT_TRUE(state.set(android::KORA_DEVICE_NAME,
+                              "K\xC3\xBC"
+                              "che # 1 = a"));
+        EXPECT_TRUE(state.set(android::KORA_VOLUME, "35"));
+        EXPECT_FALSE(state.set(android::KORA_VOLUME, "35"));  // nothing new
+        EXPECT_TRUE(state.set(android::KORA_MUTE, "MUTE"));
+        EXPECT_FALSE(state.set(android::KORA_PLAYBACK_POSITION, "1000"));  // not kept
+        EXPECT_FALSE(state.set(android::KORA_DEVICE_NAME, "two\nlines"));
+        EXPECT_FALSE(state.set(android::KORA_VOLUME, "101"));
+        state.save();
+    }
+    EXPECT_THAT(StateStore(folder).load(), UnorderedElementsAre(Pair(android::KORA_DEVICE_NAME,
+                                                                     "K\xC3\xBC"
+                                                                     "che # 1 = a"),
+                                                                Pair(android::KORA_VOLUME, "35"),
+                                                                Pair(android::KORA_MUTE, "MUTE")));
+    EXPECT_FALSE(std::filesystem::exists(folder + "/state.new"));
+}
+
+TEST(State, OfADamagedFileTheGoodLinesCount) {
+    const TempDir dir;
+    dir.write("state", std::string("name = \xFF\nvolume = 1000\nmute = MUTE\n\0\0\0", 38));
+    EXPECT_THAT(StateStore(dir.path()).load(),
+                UnorderedElementsAre(Pair(android::KORA_MUTE, "MUTE")));
+}
+
+TEST(State, WhatCouldNotBeSavedIsSavedLater) {
+    const TempDir dir;
+    // A file where the folder should be: fails for root too.
+    const std::string folder = dir.write("folder", "");
+    StateStore state(folder);
+    state.load();
+    state.set(android::KORA_VOLUME, "35");
+    state.save();
+    std::filesystem::remove(folder);
+    state.save();
+    EXPECT_EQ(dir.read("folder/state"), "volume = 35\n");
+}
+
+TEST(State, TheFolderComesFromEnvironmentThenSettingThenAccount) {
+    const Settings set(parse_settings("host.state_dir = /from/setting"));
+    EXPECT_EQ(state_directory(set), "/from/setting");
+    const Variable named("NUVIO_STATE_DIR", "/from/environment");
+    EXPECT_EQ(state_directory(set), "/from/environment");
+}
+
+TEST(Identity, ComesFromTheMachineUnlessSet) {
+    const TempDir root;
+    root.write("etc/machine-info", "CHASSIS=vm\nPRETTY_HOSTNAME=\"Anna's Radio\"\n");
+    root.write("sys/class/dmi/id/sys_vendor", "Acme\n");
+    root.write("sys/class/dmi/id/product_name", "To Be Filled By O.E.M.\n");
+    root.write("proc/device-tree/model", std::string("Board 2\0", 8));
+    const Settings unset;
+    EXPECT_EQ(friendly_name(unset, root.path()), "Anna's Radio");
+    EXPECT_EQ(manufacturer(unset, root.path()), "Acme");
+    EXPECT_EQ(model(unset, root.path()), "Board 2");
+
+    const Settings set(parse_settings("host.friendly_name=F\nhost.manufacturer=M\nhost.model=N"));
+    EXPECT_EQ(friendly_name(set, root.path()), "F");
+    EXPECT_EQ(manufacturer(set, root.path()), "M");
+    EXPECT_EQ(model(set, root.path()), "N");
+
+    const TempDir bare;
+    EXPECT_NE(friendly_name(unset, bare.path()), "");  // the host name
+    EXPECT_EQ(manufacturer(unset, bare.path()), "");
+    EXPECT_EQ(model(unset, bare.path()), "");
+}
+
+TEST(BusAddress, SessionGoesBeforeSystemAndTheRunOfTheBusDoesNotMatter) {
+    const Variable session("DBUS_SESSION_BUS_ADDRESS",
+                           "unix:path=/run/a%20b,guid=0123;unix:abstract=x");
+    const Variable system("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/system");
+    const auto texts = [](const std::string& choice) {
+        std::vector<std::string> result;
+        for (const BusAddress& address : bus_addresses(choice)) {
+            result.push_back(address.text + " at " + address.socket_path);
+        }
+        return result;
+    };
+    EXPECT_THAT(texts(""), ElementsAre("unix:path=/run/a%20b at /run/a b", "unix:abstract=x at ",
+                                       "unix:path=/run/system at /run/system"));
+    EXPECT_THAT(texts("system"), ElementsAre("unix:path=/run/system at /run/system"));
+    EXPECT_THAT(texts("session").size(), 2);
+    EXPECT_THAT(texts("none"), IsEmpty());
+    EXPECT_THAT(texts("unix:path=/x,guid=1"), ElementsAre("unix:path=/x at /x"));
+    EXPECT_THAT(texts(";;:"), ElementsAre(": at "));
+}
+
+TEST(Text, OnlyWellFormedUtf8GoesOut) {
+    EXPECT_EQ(to_utf8("a\xC3\xBC\xE2\x82\xAC\xF0\x9F\x8E\xB5"),
+              "a\xC3\xBC\xE2\x82\xAC\xF0\x9F\x8E\xB5");
+    const std::string bad = "\xEF\xBF\xBD";
+    EXPECT_EQ(to_utf8("\xC0\x80"), bad + bad);            // overlong
+    EXPECT_EQ(to_utf8("\xED\xA0\x80"), bad + bad + bad);  // surrogate
+    EXPECT_EQ(to_utf8("x\xE2\x82"), "x" + bad + bad);     // cut
+    EXPECT_EQ(to_utf8(std::string("a\0b", 3)), "a" + bad + "b");
+    EXPECT_EQ(to_url("/a b/\xC3\xBC.png"), "file:///a%20b/%C3%BC.png");
+    EXPECT_EQ(to_url("https://x/y z"), "https://x/y z");
+    EXPECT_EQ(to_url("relative.jpg"), "");
+    EXPECT_EQ(percent_decode("%41%4g%"), "A%4g%");
+}

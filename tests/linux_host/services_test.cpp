@@ -1,0 +1,341 @@
+// The services in process: notifications, messages, source switch, player model, threads.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cerrno>
+#include <future>
+#include <limits>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "controls.h"
+#include "message_store.h"
+#include "network_monitor.h"
+#include "notification_pool.h"
+#include "platform/Thread.h"
+#include "player.h"
+#include "source_switch.h"
+
+using namespace android;
+using namespace nuvio::host;
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr std::chrono::seconds kPatience{10};
+
+// Lines from several threads.
+class Record {
+  public:
+    void add(const std::string& line) {
+        const std::lock_guard lock(m_mutex);
+        m_lines.push_back(line);
+    }
+    std::vector<std::string> lines() const {
+        const std::lock_guard lock(m_mutex);
+        return m_lines;
+    }
+
+  private:
+    mutable std::mutex m_mutex;
+    std::vector<std::string> m_lines;
+};
+
+class Listener : public BnSourceSwitchListener {
+  public:
+    explicit Listener(Record& record) : m_record(record) {}
+    void OnSourceSwitchEvent() override { m_record.add("switch"); }
+    void OnSourceEvent(const char* command) override { m_record.add(command); }
+    void OnVolumeChangeEvent(const char* volume) override {
+        m_record.add(std::string("volume ") + volume);
+    }
+
+  private:
+    Record& m_record;
+};
+
+class Alerts : public IKoraAlerts {
+  public:
+    explicit Alerts(Record& record) : m_record(record) {}
+    void MessageBoxAlert(uint16_t id, uint16_t) override { m_record.add(std::to_string(id)); }
+    void MessageBoxAlert(uint16_t, uint16_t, uint32_t) override { m_record.add("wide"); }
+
+  private:
+    Record& m_record;
+};
+
+class HostServices : public testing::Test {
+  protected:
+    // Waits until everything posted so far has been delivered.
+    void settle() {
+        pool.start();
+        for (const Channel channel :
+             {Channel::source_switch, Channel::messages, Channel::network}) {
+            std::promise<void> done;
+            std::future<void> reached = done.get_future();
+            pool.post(channel, [&done] { done.set_value(); });
+            ASSERT_EQ(reached.wait_for(kPatience), std::future_status::ready);
+        }
+    }
+    std::string message(int id) const {
+        std::string text;
+        messages.read(id, text);
+        return text;
+    }
+
+    Record record;
+    NotificationPool pool;
+    MessageStore messages{pool};
+    Player player;
+    SourceSwitch source_switch{pool, messages, player};
+    NetworkMonitor network{pool, true};
+    Settings settings;
+    Controls controls{settings, messages, player, source_switch, network};
+    const SourceSwitch::Listener listener = new Listener(record);
+};
+
+class Worker : public Thread {
+  public:
+    std::atomic<int> rounds{0};
+
+  private:
+    bool threadLoop() override { return ++rounds < 3; }
+};
+
+}  // namespace
+
+TEST_F(HostServices, NotificationsWaitForThePoolAndKeepTheirOrder) {
+    const sp<IKoraAlerts> alerts = new Alerts(record);
+    messages.add_listener(alerts, {90, 63});
+    messages.write(90, "a");
+    messages.write(90, "a");  // the same again: no news
+    messages.write(64, "1");  // not asked for
+    messages.write(63, "MUTE");
+    messages.write(90, "b");
+    EXPECT_THAT(record.lines(), IsEmpty());
+    settle();
+    EXPECT_THAT(record.lines(), ElementsAre("90", "63", "90"));
+}
+
+TEST_F(HostServices, AShutdownRequestIsToldEachTime) {
+    messages.add_listener(new Alerts(record), {37});
+    controls.request_shutdown();
+    controls.request_shutdown();
+    settle();
+    EXPECT_THAT(record.lines(), ElementsAre("37", "37"));
+}
+
+TEST_F(HostServices, NothingReachesAListenerThatHasLeft) {
+    const sp<IKoraAlerts> stays = new Alerts(record);
+    const sp<IKoraAlerts> leaves = new Alerts(record);
+    messages.add_listener(stays, {90});
+    messages.add_listener(leaves, {90});
+    messages.write(90, "a");  // on its way to both
+    messages.remove_listener(leaves, {90});
+    messages.write(90, "b");
+    settle();
+    EXPECT_THAT(record.lines(), ElementsAre("90", "90"));
+    EXPECT_EQ(leaves->getStrongCount(), 1);
+}
+
+TEST_F(HostServices, MessagesHaveLimits) {
+    std::string text;
+    EXPECT_FALSE(messages.read(1, text));
+    EXPECT_FALSE(messages.write(-1, "x"));
+    EXPECT_FALSE(messages.write(65536, "x"));
+    EXPECT_FALSE(messages.write(1, std::string(kMaxMessageBytes + 1, 'x')));
+    EXPECT_TRUE(messages.write(1, std::string(kMaxMessageBytes, 'x')));
+    for (int id = 2; id <= static_cast<int>(kMaxMessages); ++id) {
+        ASSERT_TRUE(messages.write(id, "x"));
+    }
+    EXPECT_FALSE(messages.write(1000, "x"));
+    EXPECT_TRUE(messages.write(1, "an old one still"));
+}
+
+TEST_F(HostServices, ABlockedListenerHoldsUpNoOtherChannel) {
+    pool.start();
+    std::promise<void> open;
+    std::shared_future<void> gate = open.get_future().share();
+    pool.post(Channel::source_switch, [gate] { gate.wait(); });
+    std::promise<void> heard;
+    std::future<void> other = heard.get_future();
+    pool.post(Channel::messages, [&heard] { heard.set_value(); });
+    EXPECT_EQ(other.wait_for(kPatience), std::future_status::ready);
+
+    // The end does not wait for it either, and begins nothing any more.
+    pool.post(Channel::source_switch, [this] { record.add("too late"); });
+    EXPECT_FALSE(pool.stop(milliseconds(1)));
+    pool.post(Channel::messages, [this] { record.add("too late"); });
+    open.set_value();
+    pool.join();
+    EXPECT_THAT(record.lines(), IsEmpty());
+}
+
+TEST_F(HostServices, AFloodOfNotificationsIsBounded) {
+    std::atomic<int> delivered{0};
+    for (int i = 0; i < 5000; ++i) {
+        pool.post(Channel::network, [&delivered] { ++delivered; });
+    }
+    pool.start();
+    pool.post(Channel::messages, [] {});
+    while (delivered < 1024) {
+        std::this_thread::yield();
+    }
+    settle();
+    EXPECT_EQ(delivered, 1024);
+}
+
+TEST_F(HostServices, TheOutputIsGrantedTakenAndGivenBack) {
+    EXPECT_FALSE(source_switch.send_command("NEXT"));  // nobody there yet
+    EXPECT_TRUE(source_switch.request(listener, 31));
+    EXPECT_EQ(message(50), "31");
+
+    EXPECT_TRUE(controls.take_output(4));
+    EXPECT_EQ(message(50), "4");
+    controls.take_output(5);  // nothing left to take from the service
+    controls.give_back_output();
+    EXPECT_EQ(message(50), "0");
+
+    EXPECT_TRUE(source_switch.request(listener, 31));
+    controls.give_back_output();  // not another source's
+    EXPECT_EQ(message(50), "31");
+    EXPECT_FALSE(controls.take_output(31));
+    EXPECT_FALSE(controls.take_output(0));
+    EXPECT_FALSE(controls.take_output(256));
+    settle();
+    EXPECT_THAT(record.lines(), ElementsAre("switch"));
+}
+
+TEST_F(HostServices, ARefusalHoldsForOneRequest) {
+    controls.refuse_next_request();
+    EXPECT_FALSE(source_switch.request(listener, 31));
+    EXPECT_EQ(message(50), "");
+    EXPECT_TRUE(source_switch.request(listener, 31));
+}
+
+TEST_F(HostServices, ASourceThatLeavesIsForgotten) {
+    source_switch.request(listener, 31);
+    player.set_status(PLAY_STATE_PLAYING);
+    source_switch.release(new Listener(record));  // not the one that is known
+    EXPECT_EQ(message(50), "31");
+    source_switch.release(listener);
+    EXPECT_EQ(message(50), "0");
+    EXPECT_EQ(player.view().status, PLAY_STATE_STOPPED);
+    EXPECT_FALSE(player.view().actions.control);
+    EXPECT_FALSE(source_switch.send_command("NEXT"));
+    EXPECT_EQ(listener->getStrongCount(), 1);
+}
+
+TEST_F(HostServices, VolumeAndMuteGoToTheSourceAndElseAreKeptForIt) {
+    controls.set_mute(true);
+    controls.set_volume(20);
+    EXPECT_EQ(message(63), "MUTE");
+    EXPECT_EQ(message(64), "20");
+
+    source_switch.request(listener, 31);
+    controls.set_mute(false);
+    controls.set_volume(30);
+    EXPECT_EQ(message(63), "MUTE");  // until the source reports
+    EXPECT_EQ(message(64), "30");
+    settle();
+    EXPECT_THAT(record.lines(), ElementsAre("UNMUTE", "volume 30"));
+}
+
+TEST_F(HostServices, AMessageWrittenFromOutsideTakesEffect) {
+    source_switch.request(listener, 31);
+    EXPECT_TRUE(controls.write_message(64, "45"));
+    EXPECT_FALSE(controls.write_message(64, "loud"));
+    EXPECT_TRUE(controls.write_message(50, "7"));
+    EXPECT_FALSE(controls.write_message(50, "31"));
+    EXPECT_FALSE(controls.write_message(63, "mute"));
+    EXPECT_FALSE(controls.write_message(90, " blank at the front"));
+    EXPECT_TRUE(controls.write_message(200, "anything"));
+    EXPECT_EQ(message(200), "anything");
+    settle();
+    EXPECT_THAT(record.lines(), ElementsAre("volume 45", "switch"));
+}
+
+class PlayerModel : public testing::Test {
+  protected:
+    PlayerModel() {
+        player.set_observer([this](uint32_t changes) { seen.push_back(changes); });
+    }
+    void show(const std::string& title, int repeat = 0) {
+        AMessage info(0, 0);
+        info.setString("trackName", title.data(), title.size());
+        info.setString("coverArt", "defaultArt.jpg", 14);
+        info.setInt32("totalTime", 10000);
+        info.setInt32("repeat", repeat);
+        player.show(info);
+    }
+    std::vector<uint32_t> changes() { return std::exchange(seen, {}); }
+
+    Player player;
+    std::vector<uint32_t> seen;
+    const Player::Clock::time_point t0 = Player::Clock::now();
+};
+
+TEST_F(PlayerModel, ThePositionRunsOnBetweenReportsButNotAhead) {
+    player.set_status(PLAY_STATE_PLAYING, t0);
+    player.set_position(5000, t0);
+    EXPECT_EQ(player.view(t0 + milliseconds(400)).position_ms, 5400);
+    EXPECT_EQ(player.view(t0 + milliseconds(90000)).position_ms, 6000);
+    player.set_status(PLAY_STATE_PAUSED, t0 + milliseconds(600));
+    EXPECT_EQ(player.view(t0 + milliseconds(90000)).position_ms, 5600);
+    player.set_status(PLAY_STATE_STOPPED, t0);
+    EXPECT_EQ(player.view(t0).position_ms, 0);
+}
+
+TEST_F(PlayerModel, AJumpIsToldAndARegularReportIsNot) {
+    player.set_position(90000, t0);  // stopped: not a jump
+    player.set_status(PLAY_STATE_PLAYING, t0);
+    player.set_position(1000, t0);
+    changes();
+    player.set_position(2000, t0 + milliseconds(1000));
+    player.set_position(2900, t0 + milliseconds(2500));  // late
+    EXPECT_THAT(changes(), IsEmpty());
+    player.set_position(60000, t0 + milliseconds(3000));
+    EXPECT_THAT(changes(), ElementsAre(kPlayerSeeked));
+}
+
+TEST_F(PlayerModel, ASeekWhilePausedIsShownAtOnce) {
+    player.set_status(PLAY_STATE_PLAYING, t0);
+    player.preview_seek(7000);
+    EXPECT_EQ(player.view(t0).position_ms, 0);  // the service will report
+    player.set_status(PLAY_STATE_PAUSED, t0);
+    player.preview_seek(7000);
+    EXPECT_EQ(player.view(t0).position_ms, 7000);
+}
+
+TEST_F(PlayerModel, TheSameTrackSentAgainKeepsItsNumber) {
+    show("a");
+    EXPECT_THAT(changes(), ElementsAre(kPlayerTrack));
+    const uint32_t number = player.view().track->number;
+    show("a", 2);
+    EXPECT_THAT(changes(), ElementsAre(kPlayerModes));
+    EXPECT_EQ(player.view().track->number, number);
+    EXPECT_EQ(player.view().modes.loop, LoopMode::playlist);
+    EXPECT_EQ(player.view().track->art_url, "");
+    show("b", 2);
+    EXPECT_NE(player.view().track->number, number);
+    player.clear();
+    EXPECT_FALSE(player.view().track.has_value());
+    EXPECT_EQ(player.view().modes, Modes());
+}
+
+TEST(PlatformThread, RunsUntilToldToStopAndOutlivesItsOwner) {
+    const sp<Worker> worker = new Worker();
+    worker->join();  // has not run yet
+    EXPECT_EQ(worker->run("a name longer than the kernel takes", -16, 0), 0);
+    EXPECT_EQ(worker->run("again"), -EALREADY);
+    worker->join();
+    EXPECT_EQ(worker->rounds, 3);
+    const sp<Worker> huge = new Worker();
+    EXPECT_LT(huge->run("huge", 0, std::numeric_limits<size_t>::max() / 2), 0);
+    sp<Worker>(new Worker())->run("alone");  // keeps itself alive
+}
