@@ -74,10 +74,10 @@ bool Core::probe(Session& session) const {
 void Core::pass() {
     take_requests();
     bool more = advertise();
-    more |= m_player.advance();
     more |= report_player();
     more |= report_settings();
-    more |= m_player.deliver();
+    // What a step has changed is reported before the next step is taken.
+    more |= m_player.advance() || m_player.deliver();
     if (more) {
         m_wakeup.run_each_pass();
     } else {

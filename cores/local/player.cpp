@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <iterator>
 #include <utility>
 
 namespace local_core {
@@ -158,11 +159,8 @@ bool Player::advance() {
         &Player::withdraw_next,
         &Player::start_next,
     };
-    bool progress = false;
-    for (const auto step : kSteps) {
-        progress |= (this->*step)();
-    }
-    return progress;
+    return std::any_of(std::begin(kSteps), std::end(kSteps),
+                       [this](const auto step) { return (this->*step)(); });
 }
 
 bool Player::renderer_active() const {
@@ -282,7 +280,7 @@ bool Player::begin_seek() {
     if (!m_seek_goal_ms || m_asked || !settled()) {
         return false;
     }
-    const uint64_t target_ms = *std::exchange(m_seek_goal_ms, std::nullopt);
+    m_seek_target_ms = *std::exchange(m_seek_goal_ms, std::nullopt);
     const TrackInfo& info = DecodeThread::info(*m_current->pipe);
     if (!info.seekable) {
         m_logger.write(LogLevel::warning, kAudioStreamManager,
@@ -297,7 +295,7 @@ bool Player::begin_seek() {
     give_back_block(*m_current);
     m_current->finished = false;
     m_current->touched = true;
-    m_decoder.seek(*m_current->pipe, info.frame_at(target_ms));
+    m_decoder.seek(*m_current->pipe, info.frame_at(m_seek_target_ms));
     // What the renderer has taken of the next track was dropped with the rest of its buffer.
     if (m_next && m_next->touched) {
         release(std::exchange(m_next, nullptr));
@@ -314,8 +312,13 @@ bool Player::end_seek() {
         return false;
     }
     m_seeking = false;
+    // A frame lies between two milliseconds: where it is the one that was asked for, so is its
+    // position, and the renderer counts on from there exactly.
+    const TrackInfo& info = DecodeThread::info(*m_current->pipe);
+    const bool exact =
+        *frame == info.frame_at(m_seek_target_ms) && m_seek_target_ms <= info.duration_ms();
     m_delegates.audio.seeked(m_delegates.core, m_current->id,
-                             DecodeThread::info(*m_current->pipe).position_ms(*frame),
+                             exact ? m_seek_target_ms : info.position_ms(*frame),
                              m_delegates.audio.context);
     return true;
 }

@@ -1,7 +1,7 @@
 // Plays a session on the device's renderer: streams, their delivery, and what the renderer is told.
 //
 // The player holds goals (which session, which track, playing, paused or stopped, a position to go
-// to) and what the renderer has confirmed. Commands change the goals; each pass of the loop takes
+// to) and what the renderer has confirmed. Commands change the goals; the passes of the loop take
 // the steps that lead from one to the other, as far as the renderer's present state allows.
 //
 // Streams: the current one is what is heard, the next one is announced while the current one still
@@ -46,8 +46,9 @@ class Player {
     void apply(Command command);
     void set_modes(nuv_loop_mode loop_mode, bool shuffle);
 
-    // Takes the steps that are due, and offers data. True when another pass should follow at once.
+    // Takes the first step that is due; true when there was one.
     bool advance();
+    // Offers each stream's data once; true when there may be more.
     bool deliver();
 
     PlayerView view() const;
@@ -128,6 +129,7 @@ class Player {
     nuv_playback_state m_initial = NUV_PLAYBACK_STATE_STOPPED;
     bool m_asked = false;    // to pause or resume; the answer is still to come
     bool m_seeking = false;  // between seek in progress and seeked
+    uint64_t m_seek_target_ms = 0;
     nuv_playback_state m_state = NUV_PLAYBACK_STATE_STOPPED;  // what the world is told
     bool m_active = false;
     bool m_begun = false;

@@ -69,8 +69,8 @@ std::string TemporaryFolder::write(const std::string& name, const std::string& t
 
 std::vector<std::byte> AudioFile::pcm_from_ms(uint64_t position_ms) const {
     const uint64_t frame = position_ms * format.sample_rate / 1000;
-    const size_t frame_bytes =
-        nuv_audio_sample_format_size(format.sample_format) * format.channel_count;
+    const bool deep = format.sample_format == NUV_AUDIO_SAMPLE_FORMAT_24_BIT;
+    const size_t frame_bytes = (deep ? 4 : 2) * format.channel_count;
     return {pcm.begin() + static_cast<std::ptrdiff_t>(frame * frame_bytes), pcm.end()};
 }
 

@@ -103,9 +103,9 @@ TEST(Delivery, OneTrackIsToldFromStartToEnd) {
     const std::string art = "file://" + folder.path() + "/cover.jpg";
     EXPECT_THAT(device.lines,
                 ElementsAre("active 1", "started 1 44100 Hz 2 ch 16 bit 100 ms",
-                            "metadata 1 Only One|||" + art, "initiate PLAYING", "active 1",
-                            "state PLAYING", "next available 0", "controls OFF 0", "finished 1",
-                            "end of track", "dispose 1", "active 0", "state STOPPED"));
+                            "metadata 1 Only One|||" + art, "initiate PLAYING", "state PLAYING",
+                            "next available 0", "controls OFF 0", "finished 1", "end of track",
+                            "active 0", "dispose 1", "state STOPPED"));
 }
 
 TEST(Delivery, NothingIsOfferedBeforeTheRendererOpensTheStream) {
@@ -139,6 +139,8 @@ TEST(Delivery, TracksOfOneFormatFollowWithoutAGapAndOthersAfterTheEnd) {
         write_audio(folder, "3.flac", {SF_FORMAT_FLAC | SF_FORMAT_PCM_24, 96000, 2, 20000});
     ScriptedDevice device;
     device.take = changing_room(7, 4096);
+    device.tail_ms = 500;
+    device.lead_ms = 450;
     ASSERT_EQ(device.play(folder.path()), NUV_ERROR_OK);
     device.run_until_line("state STOPPED");
     EXPECT_TRUE(device.heard == joined({&first, &second, &third}));

@@ -366,9 +366,6 @@ void ScriptedDevice::on_finished(uint64_t id) {
 }
 
 void ScriptedDevice::arm_end() {
-    if (holds_end) {
-        return;
-    }
     uv_timer_start(
         &m_lead_timer, [](uv_timer_t* timer) { device(timer->data)->hand_over(); },
         tail_ms - lead_ms, 0);

@@ -37,6 +37,7 @@ class ScriptedDevice {
     ScriptedDevice& operator=(const ScriptedDevice&) = delete;
 
     nuv_connect* core() const { return m_core; }
+    uv_loop_t* loop() { return &m_loop; }
     void free_core();
 
     // Every delegate call as a line, e.g. "started 1 44100 Hz 2 ch 16 bit 100 ms", "initiate
@@ -57,7 +58,6 @@ class ScriptedDevice {
     // From the last sample of a track to its end, and from there back to the hand-over.
     uint64_t tail_ms = 4;
     uint64_t lead_ms = 2;
-    bool holds_end = false;       // the end of a track is not reported
     bool refuses_output = false;  // initiate ends in an error and a disconnect
     uint64_t position_ms = 0;     // the answer to a position query
 
@@ -72,6 +72,7 @@ class ScriptedDevice {
     Source* source(uint64_t id);
     Source* active() const;
     Source* next() const;
+    uint64_t playing_id() const { return m_playing != nullptr ? m_playing->id : 0; }
     void fail_playback();
 
   private:

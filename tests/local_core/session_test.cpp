@@ -1,0 +1,145 @@
+// What an endpoint names, and the order in which it plays.
+#include "local/session.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+
+#include "local/content.h"
+#include "local/device_uuid.h"
+#include "local/playlist.h"
+#include "local/text.h"
+#include "local_core/audio_files.h"
+
+namespace local_core {
+
+static bool operator==(const PlaylistEntry& a, const PlaylistEntry& b) {
+    return a.location == b.location && a.title == b.title;
+}
+
+static void PrintTo(const PlaylistEntry& entry, std::ostream* out) {
+    *out << entry.location << "|" << entry.title;
+}
+
+}  // namespace local_core
+
+namespace {
+
+using namespace local_core;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Entry = PlaylistEntry;
+
+TEST(Playlist, TitlesBelongToTheLocationThatFollows) {
+    EXPECT_THAT(parse_playlist("\xef\xbb\xbf#EXTM3U\r\n"
+                               "#EXTINF:123,Artist - Title, again\r\n"
+                               "music/one.flac\r\n"
+                               "\r\n"
+                               "  two.wav\t\n"
+                               "#EXTINF:-1 tags=\"a,b\", Three\n"
+                               "# a comment\n"
+                               "file:///three%20.wav\r"
+                               "four.wav",
+                               10),
+                ElementsAre(Entry{"music/one.flac", "Artist - Title, again"}, Entry{"two.wav", ""},
+                            Entry{"file:///three%20.wav", "Three"}, Entry{"four.wav", ""}));
+}
+
+TEST(Playlist, OddBytesAreBoundedAndDoNoHarm) {
+    EXPECT_THAT(parse_playlist("", 10), IsEmpty());
+    EXPECT_THAT(parse_playlist("#EXTINF:", 10), IsEmpty());
+    EXPECT_THAT(parse_playlist(std::string("a\0b\nc", 5), 10), ElementsAre(Entry{"c", ""}));
+    EXPECT_THAT(parse_playlist(std::string(5000, 'x') + "\ny", 10), ElementsAre(Entry{"y", ""}));
+    EXPECT_EQ(parse_playlist("a\nb\nc\n", 2).size(), 2U);
+}
+
+std::vector<std::string> paths_of(const std::vector<Track>& tracks) {
+    std::vector<std::string> paths;
+    for (const Track& track : tracks) {
+        paths.push_back(track.path);
+    }
+    return paths;
+}
+
+TEST(Content, AFolderIsItsAudioFilesInOrderHiddenOnesLeftOut) {
+    const TemporaryFolder folder;
+    for (const char* name : {"b.wav", "a/2.FLAC", "a/1.mp3", "cover.jpg", ".c.wav", ".d/e.wav"}) {
+        folder.write(name, "");
+    }
+    std::filesystem::create_directory_symlink(folder.path(), folder / "again");
+    const Logger logger;
+    EXPECT_THAT(paths_of(find_tracks(folder.path(), logger)),
+                ElementsAre(folder / "a/1.mp3", folder / "a/2.FLAC", folder / "b.wav"));
+}
+
+TEST(Content, APlaylistIsReadAgainstItsFolderAndWithoutRemoteEntries) {
+    const TemporaryFolder folder;
+    const std::string list = folder.write(
+        "lists/L\xc3\xa4 x.m3u8",
+        "#EXTINF:1,Caf\xe9\n../a.wav\nhttp://example.org/b.mp3\n/abs/c.wav\nfile:///d%20e.wav\n");
+    const Logger logger;
+    const auto tracks = find_tracks(file_url_from_path(list), logger);
+    EXPECT_THAT(paths_of(tracks), ElementsAre(folder / "lists/../a.wav", "/abs/c.wav", "/d e.wav"));
+    EXPECT_EQ(tracks[0].title, "Caf\xc3\xa9");
+}
+
+TEST(Content, FileUrlsAreDecodedOrRefused) {
+    EXPECT_EQ(path_from_file_url("FILE://localhost/a%2Fb%c3%A4"), "/a/b\xc3\xa4");
+    for (const char* bad : {"file://", "file://host/a", "file:///a%", "file:///a%2", "file:///%zz",
+                            "file:///a%00b", "http:///a"}) {
+        EXPECT_EQ(path_from_file_url(bad), std::nullopt) << bad;
+    }
+}
+
+TEST(Content, TextsForDisplayAreOneLineOfUtf8) {
+    EXPECT_EQ(display_text(" a\nb\x7f "), "a b");
+    EXPECT_EQ(display_text("\xf0\x9f\x8e\xb5"), "\xf0\x9f\x8e\xb5");
+    EXPECT_EQ(display_text("\xed\xa0\x80"), "\xc3\xad\xc2\xa0\xc2\x80");  // a lone surrogate
+    EXPECT_EQ(display_text("\xc0\xaf"), "\xc3\x80\xc2\xaf");              // overlong
+}
+
+std::vector<Track> three_tracks() {
+    return {{"a", ""}, {"b", ""}, {"c", ""}};
+}
+
+TEST(Order, EndsAtTheLastPlayableTrackUnlessTheListIsLooped) {
+    Session session("id", three_tracks(), NUV_LOOP_MODE_OFF, false);
+    session.mark_unplayable(1);
+    EXPECT_EQ(session.next(), 2U);
+    EXPECT_EQ(session.previous(), std::nullopt);
+    session.move_to(2);
+    EXPECT_EQ(session.follower(), std::nullopt);
+    EXPECT_EQ(session.previous(), 0U);
+    session.set_modes(NUV_LOOP_MODE_ALL, false);
+    EXPECT_EQ(session.follower(), 0U);
+    session.set_modes(NUV_LOOP_MODE_ONE, false);
+    EXPECT_EQ(session.follower(), 2U);
+    EXPECT_EQ(session.next(), std::nullopt);
+    session.mark_unplayable(0);
+    session.mark_unplayable(2);
+    session.set_modes(NUV_LOOP_MODE_ALL, false);
+    EXPECT_EQ(session.follower(), std::nullopt);
+}
+
+TEST(Order, ShufflingKeepsTheCurrentTrackAndUnshufflingItsPlace) {
+    Session session("id", three_tracks(), NUV_LOOP_MODE_OFF, false);
+    session.move_to(1);
+    session.set_modes(NUV_LOOP_MODE_OFF, true);
+    EXPECT_EQ(session.current(), 1U);
+    EXPECT_EQ(session.previous(), std::nullopt);
+    session.set_modes(NUV_LOOP_MODE_OFF, false);
+    EXPECT_EQ(session.current(), 1U);
+    EXPECT_EQ(session.next(), 2U);
+}
+
+TEST(DeviceUuid, IsStableWellFormedAndTheUnitsOwn) {
+    const std::string uuid = device_uuid("Maker", "Model", "0001", "0001");
+    EXPECT_EQ(uuid, device_uuid("Maker", "Model", "0001", "0001"));
+    EXPECT_NE(uuid, device_uuid("Maker", "Model", "0002", "0002"));
+    EXPECT_NE(uuid, device_uuid("Maker", "Model0", "001", "0001"));
+    EXPECT_THAT(uuid, testing::MatchesRegex(
+                          "[0-9a-f]{8}-[0-9a-f]{4}-8[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
+}
+
+}  // namespace
