@@ -10,7 +10,7 @@
 
 namespace {
 
-void log_error_text(int error, const char* what, va_list arguments) {
+[[gnu::format(printf, 2, 0)]] void log_error_text(int error, const char* what, va_list arguments) {
     std::array<char, 512> text;
     std::vsnprintf(text.data(), text.size(), what, arguments);
     app_log(LOG_LEVEL_ERROR, "%s: %s (%d)", text.data(), snd_strerror(error), error);
