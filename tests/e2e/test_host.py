@@ -1,0 +1,185 @@
+"""The device as the machine's owner sees it: front panel, other sources, network, what plays now."""
+import json
+import pathlib
+import re
+import subprocess
+import unittest
+
+from device import BUILD, PATIENCE, DeviceTest, signal_samples, wait_for, write_wav
+
+CD = 44100
+PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
+SHOWN = "DEFAULT: UpdateUIPlayBackInfo"  # the track goes to the user interface
+
+
+class HostTest(DeviceTest):
+    def setUp(self):
+        super().setUp()
+        for n in range(2):
+            write_wav(self.music / f"track {n}.wav", signal_samples(40 * CD, n * CD), CD)
+
+    def panel(self, *words):
+        return self.run_tool(PANEL, *words)
+
+    def wait_for_log(self, text, count=1):
+        wait_for(f"log: {text}", lambda: self.log_count(text) >= count)
+
+    def wait_for_status(self, status):
+        wait_for(f"status {status}", lambda: self.player("status") == status)
+
+    def metadata(self):
+        return self.player("metadata") or ""
+
+    def display_name(self):
+        return json.loads(self.request("GET", "/get-display-info")[1])["friendly_name"]
+
+
+class Panel(HostTest):
+    def test_a_rename_reaches_the_sdk_and_survives_a_restart(self):
+        self.start()
+        self.panel("rename", "Living:Room")
+        self.wait_for_log("Starting Avahi advertising, name: Living:Room,")
+        self.panel("rename", "Living:Room")  # the same again is no change
+        self.assertEqual(self.display_name(), "Kitchen")  # identity is that of the start
+        self.assertEqual(self.stop()[0], 0)
+        self.start()
+        self.assertEqual(self.display_name(), "Living:Room")
+        self.assertEqual(self.log_count("Received event = DEVICENAME:Living:Room"), 1)
+
+    def test_another_source_takes_the_output_until_the_next_session(self):
+        self.start()
+        self.play(self.music)
+        self.panel("take-output")
+        self.wait_for_status("Stopped")
+        self.wait_for_log("Stopping playback")
+        wait_for("nothing shown", lambda: "xesam:title" not in self.metadata())
+        self.play(self.music)
+        self.assertEqual(len(self.recordings()), 2)
+
+    def test_a_refused_output_plays_nothing_and_the_next_request_does(self):
+        self.start()
+        self.panel("refuse-next")
+        self.assertEqual(self.connect(self.music), 200)
+        self.wait_for_log("Playback stopped and renderer disconnected")
+        self.assertEqual(self.recordings(), [])
+        self.play(self.music)
+
+    def test_standby_and_a_shutdown_request_end_playback_but_not_the_service(self):
+        self.start()
+        for request in "standby", "shutdown":
+            self.play(self.music)
+            self.panel(request)
+            self.wait_for_status("Stopped")
+            wait_for("output closed", lambda: len(self.recordings()) == self.log_count(
+                "Stopping playback"))
+        self.assertEqual(self.display_name(), "Kitchen")
+
+    def test_volume_is_kept_across_a_restart(self):
+        self.start()
+        self.play(self.music)
+        self.player("volume", "0.35")
+        wait_for("mixer at 35 %", lambda: "[35%]" in self.amixer("sget", "Master"))
+        self.stop()
+        self.amixer("sset", "Master", "90%")
+        self.start()
+        self.play(self.music)
+        wait_for("mixer at 35 % again", lambda: "[35%]" in self.amixer("sget", "Master"))
+
+
+class NowPlaying(HostTest):
+    def test_a_title_is_shown_once_again_after_a_mode_change_and_cleared_at_the_end(self):
+        self.start()
+        self.play(self.music / "track 0.wav")
+        self.wait_for_log("current titile = track 0")
+        shown = self.log_count(SHOWN)
+        self.assertGreaterEqual(shown, 1)
+        self.assertIn("track 0", self.metadata())
+        self.assertEqual(self.player("metadata", "mpris:length"), "40000000")
+
+        updates = self.log_count("currTrackInfo.samplingRate")
+        self.player("pause")
+        self.wait_for_status("Paused")
+        self.wait_for_log("currTrackInfo.samplingRate", updates + 1)
+        self.assertEqual(self.log_count(SHOWN), shown)  # same title, not shown again
+
+        self.player("play")
+        self.player("shuffle", "On")
+        self.wait_for_log(SHOWN, shown + 1)
+        wait_for("shuffle on", lambda: self.player("shuffle") == "On")
+
+        self.player("position", "39")
+        self.wait_for_end()
+        self.wait_for_status("Stopped")
+        wait_for("nothing shown", lambda: "xesam:title" not in self.metadata())
+
+    def test_loop_and_shuffle_are_what_the_player_asked_for(self):
+        self.start()
+        self.play(self.music)
+        for mode in "Track", "Playlist", "None":
+            self.player("loop", mode)
+            wait_for(f"loop {mode}", lambda: self.player("loop") == mode)
+        self.player("loop", "Track")
+        wait_for("loop Track", lambda: self.player("loop") == "Track")
+        self.player("position", "38.5")
+        wait_for("the track from its start", lambda: self.log_count("Playback has finished") and
+                 0 < self.position() < 10)
+        wait_for("the same title", lambda: "track 0" in self.metadata())
+
+    def test_the_position_moves_by_the_second_and_stands_still_in_a_pause(self):
+        self.start()
+        self.play(self.music)
+        wait_for("third second", lambda: self.position() >= 3)
+        self.player("pause")
+        self.wait_for_status("Paused")
+        held = self.position()
+        self.player("position", "10+")
+        wait_for("ten seconds on", lambda: held + 9 < self.position() < held + 12)
+
+
+class Network(HostTest):
+    def test_a_lost_network_stops_renames_only_and_comes_back(self):
+        self.start()
+        self.play(self.music)
+        self.panel("network", "down")
+        self.wait_for_log("Not in Active Interface to Internet Upgrade")
+        self.panel("rename", "Unheard")
+        self.wait_for_log("MessageBoxAlert: MID 90")
+        self.panel("network", "up")
+        wait_for("network back", lambda: re.search(r"NeshAlert iface = \d , Status = 1", self.log()))
+        self.panel("rename", "Heard")
+        self.wait_for_log("Starting Avahi advertising, name: Heard,")
+        self.assertNotIn("DEVICENAME:Unheard", self.log())
+        self.assertEqual(self.player("status"), "Playing")
+        self.assertEqual(self.recordings()[0].underruns, 0)
+
+    def test_a_start_without_a_network_waits_for_one(self):
+        namespace = ["unshare", "--net", "--map-root-user"]
+        if subprocess.run([*namespace, "true"], capture_output=True).returncode != 0:
+            self.skipTest("no network namespaces here")
+        self.write_settings(host__allow_loopback=0)
+        with open(self.log_path, "ab") as log:
+            self.daemon = subprocess.Popen([*namespace, BUILD / "bin/nuvio-connect"],
+                                           env=self.environment, stdout=log, stderr=log)
+        wait_for("panel answers", lambda: self.run_tool(PANEL, "status", check=False))
+        self.assertEqual(self.log_count("Start Nuvio_Connect process"), 0)
+        self.assertEqual(self.log_count("NuvioConnect: NUVIO CONNECT CREATED"), 0)
+        self.panel("network", "up", "2")
+        self.wait_for_log("NetWork Configuration is Successful")
+        self.wait_for_log("Nuvio Connect has been initialized")
+        self.assertEqual(self.stop()[0], 0)
+
+
+class Bus(HostTest):
+    def test_without_a_bus_the_device_plays_and_picks_it_up_when_it_comes_back(self):
+        self.start()
+        self.end(self.bus)
+        (self.folder / "bus").unlink(missing_ok=True)
+        self.assertEqual(self.connect(self.music), 200)
+        self.wait_for_log("Playback state changed")
+        self.start_bus()
+        self.wait_for_status("Playing")
+        wait_for("title", lambda: "track 0" in self.metadata())
+
+
+if __name__ == "__main__":
+    unittest.main()
