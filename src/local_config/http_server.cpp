@@ -343,7 +343,7 @@ void stop_context(void* context) {
     NUV_CHECK(rc == 0);
 }
 
-// Waits for the stopper thread, which the async has reported as done or as good as done.
+// At once when the stopper thread has reported its end, otherwise after some 10 ms.
 void join_stopper(http_server* self) {
     const int rc = uv_thread_join(&self->stopper);
     NUV_CHECK(rc == 0);
