@@ -4,6 +4,8 @@
 #include <chrono>
 #include <fstream>
 #include <functional>
+#include <future>
+#include <thread>
 
 #include "tests/simcard/simcard_fixture.h"
 
@@ -84,6 +86,14 @@ class SimcardPcm : public SimcardTest {
         copy.revents = POLLIN;
         EXPECT_EQ(snd_pcm_poll_descriptors_revents(pcm.get(), &copy, 1, &events), 0);
         return events;
+    }
+
+    // Runs `change` on another thread while this one is inside an ALSA call.
+    static std::future<void> after(std::chrono::milliseconds delay, std::function<void()> change) {
+        return std::async(std::launch::async, [delay, change = std::move(change)] {
+            std::this_thread::sleep_for(delay);
+            change();
+        });
     }
 
     pollfd descriptor_ = {};
@@ -245,10 +255,8 @@ TEST_F(SimcardPcm, PlaysInRealTimeTimesTheSpeed) {
     EXPECT_GE(timed_drain(), 390ms);
     card.set_speed(0.001);  // 200 s, cut short while the drain sleeps
     ASSERT_EQ(write(pcm, kRate / 5), static_cast<long>(kRate / 5));
-    ASSERT_EQ(std::system(
-                  ("(sleep 0.1; " SIMCARDCTL " speed " + directory_.string() + " 1000) &").c_str()),
-              0);
     const auto begin = Clock::now();
+    const auto later = after(100ms, [&] { card.set_speed(1000); });
     EXPECT_EQ(snd_pcm_drain(pcm.get()), 0);
     EXPECT_LT(Clock::now() - begin, 60s);
 }
@@ -501,12 +509,28 @@ TEST_F(SimcardPcm, DeviceThatIsGoneIsGoneForTheHandleAndBackForANewOne) {
     EXPECT_EQ(write(again, 100), 100);
 }
 
-TEST_F(SimcardPcm, DrainEndsWithAnErrorWhenTheDeviceGoes) {
-    make_still_card();
+TEST_F(SimcardPcm, DrainThatFailsStopsTheStreamAndAnInterruptedOneCanBeRepeated) {
+    Card& card = make_still_card();
     const PcmPtr pcm = open();
     ASSERT_EQ(write(pcm, 100), 100);
-    ASSERT_EQ(
-        std::system(("(sleep 0.1; " SIMCARDCTL " gone " + directory_.string() + ") &").c_str()), 0);
+    card.inject({.op = Op::drain, .error = EIO});
+    EXPECT_EQ(snd_pcm_drain(pcm.get()), -EIO);
+    EXPECT_EQ(snd_pcm_state(pcm.get()), SND_PCM_STATE_SETUP);
+    ASSERT_EQ(snd_pcm_prepare(pcm.get()), 0);
+
+    ASSERT_EQ(write(pcm, 100), 100);
+    card.inject({.op = Op::drain, .error = EINTR});
+    EXPECT_EQ(snd_pcm_drain(pcm.get()), -EINTR);
+    card.set_speed(1);
+    EXPECT_EQ(snd_pcm_drain(pcm.get()), 0);
+    EXPECT_EQ(card.counters().frames_played, 100U);
+}
+
+TEST_F(SimcardPcm, DrainEndsWithAnErrorWhenTheDeviceGoes) {
+    Card& card = make_still_card();
+    const PcmPtr pcm = open();
+    ASSERT_EQ(write(pcm, 100), 100);
+    const auto later = after(50ms, [&] { card.unplug(); });
     EXPECT_EQ(snd_pcm_drain(pcm.get()), -ENODEV);
 }
 
@@ -544,6 +568,7 @@ TEST_F(SimcardPcm, CountsADayOfFrames) {
 }
 
 TEST_F(SimcardPcm, ServesAplay) {
+    SKIP_WITHOUT_TOOLS();
     Settings settings;
     settings.speed = 20;
     settings.patient = true;
@@ -561,6 +586,33 @@ TEST_F(SimcardPcm, ServesAplay) {
 
     card.unplug();
     EXPECT_FALSE(shell("aplay -t raw -f S16_LE -c 2 -r 44100 " + file));
+}
+
+TEST_F(SimcardPcm, CommandLineDrivesTheCard) {
+    SKIP_WITHOUT_TOOLS();
+    Card& card = make_still_card();
+    const PcmPtr pcm = open();
+    const auto control = [&](const std::string& command, const std::string& rest = "") {
+        return shell(SIMCARDCTL " " + command + " " + directory_.string() + " " + rest);
+    };
+    ASSERT_EQ(write(pcm, 100), 100);
+    EXPECT_TRUE(control("play", "40"));
+    EXPECT_EQ(delay(pcm), 60);
+    EXPECT_TRUE(control("fault", "delay EIO 1 2"));
+    for (const long expected : {60, -EIO, -EIO, 60})
+        EXPECT_EQ(delay(pcm), expected);
+    EXPECT_TRUE(control("volume", "40"));
+    EXPECT_TRUE(control("volume", "off"));
+    EXPECT_EQ(card.volume(), 40);
+    EXPECT_FALSE(card.switch_on());
+    EXPECT_TRUE(control("show", "| grep -q 'RUNNING, S16_LE 48000 Hz 2 channels, written 100'"));
+    EXPECT_TRUE(control("gone"));
+    EXPECT_EQ(delay(pcm), -ENODEV);
+    EXPECT_TRUE(shell(SIMCARDCTL " --help"));
+    for (const char* bad : {"fault", "nonsense", "volume -x"})
+        EXPECT_FALSE(control(bad, "delay")) << bad;
+    EXPECT_TRUE(control("create", "--formats S16_LE --rates 44100 --channels 2-2 --no-switch"));
+    EXPECT_FALSE(control("create", "--rates 44100,x"));
 }
 
 }  // namespace

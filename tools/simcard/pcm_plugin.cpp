@@ -111,6 +111,7 @@ class Pcm {
 
     void obey_nonblock_request();
     bool nonblocking() const { return (fcntl(epoll_.get(), F_GETFL) & O_NONBLOCK) != 0; }
+    int give_up_drain(int error);
     int wait_for_end(std::unique_lock<std::mutex>& lock);
     void wait_until(std::int64_t deadline);
 
@@ -630,21 +631,31 @@ snd_pcm_sframes_t Pcm::transfer(const snd_pcm_channel_area_t* areas, snd_pcm_ufr
 /* Drain ---------------------------------------------------------------------------------------- */
 
 /* alsa-lib has set the state to DRAINING. With O_NONBLOCK on the descriptor, whoever set it, the
- * answer is -EAGAIN as from a driver: the queue plays on for as long as the handle is left alone.
- */
+ * answer is -EAGAIN as from a driver: the queue plays on as long as the handle is left alone. */
 int Pcm::drain() {
     std::unique_lock<std::mutex> lock(mutex_);
     int error = enter(Op::drain);
     if (error == 0)
         error = state_error();
     if (error < 0)
-        return leave(io_.state, error);
+        return give_up_drain(error);
     if (!clock_.running())
         clock_.start(now_ns());
     if (!nonblocking())
         error = wait_for_end(lock);
     else if (queued() > 0)
         error = -EAGAIN;
+    return leave(io_.state, error);
+}
+
+/* A driver that is interrupted goes on draining, one that fails stops the stream. */
+int Pcm::give_up_drain(int error) {
+    if (io_.state == SND_PCM_STATE_DRAINING && error != -EINTR && error != -EAGAIN) {
+        stop_clock();
+        lose_queue();
+        flush_recording();
+        io_.state = SND_PCM_STATE_SETUP;
+    }
     return leave(io_.state, error);
 }
 

@@ -118,7 +118,8 @@ struct Fault {
 
     Op op;
     /* Positive errno; the ALSA call returns its negative. EPIPE also puts a stream in XRUN and
-     * ESTRPIPE in SUSPENDED, as a driver does when it returns them. */
+     * ESTRPIPE in SUSPENDED, as a driver does when it returns them. A drain that fails stops the
+     * stream, unless with EINTR or EAGAIN: then it goes on draining. */
     int error;
     std::uint64_t after = 0; /* calls that still succeed */
     std::uint64_t times = 1; /* calls that then fail */
