@@ -33,7 +33,7 @@ while [ $# -gt 0 ]; do
 done
 
 work=$(mktemp -d)
-daemon= bus= log_reader=
+daemon= bus= log_reader= system_bus= avahi=
 
 stop() { # pid: asks a process of ours to end and waits for it
     [ -n "$1" ] && kill "$1" 2>/dev/null && wait "$1" 2>/dev/null || true
@@ -43,6 +43,8 @@ clean_up() {
     stop "$daemon"
     stop "$log_reader"
     stop "$bus"
+    stop "$avahi"
+    stop "$system_bus"
     rm -rf "$work"
 }
 trap clean_up EXIT
@@ -62,20 +64,58 @@ choose_card() {
     device=default
     has_sound_card && return
     echo "run: no sound card here, playing on a simulated one"
-    "$build/bin/simcardctl" create "$work/card"
+    "$build/bin/simcardctl" create "$work/card" >/dev/null
     export ALSA_CONFIG_PATH="$work/card/asound.conf"
 }
 
 start_bus() {
     [ -n "${DBUS_SESSION_BUS_ADDRESS:-}" ] && return
     export DBUS_SESSION_BUS_ADDRESS="unix:path=$work/bus"
-    dbus-daemon --session --nofork --nopidfile --address="$DBUS_SESSION_BUS_ADDRESS" &
+    dbus-daemon --session --nofork --nopidfile --address="$DBUS_SESSION_BUS_ADDRESS" 2>/dev/null &
     bus=$!
+    wait_for_socket "$work/bus" || fail "the message bus did not start"
+}
+
+wait_for_socket() {
     for _ in $(seq 100); do
-        [ -S "$work/bus" ] && return
+        [ -S "$1" ] && return
         sleep 0.05
     done
-    fail "the message bus did not start"
+    return 1
+}
+
+# Controllers find the device through Avahi. Where the machine runs none (a container), one of our
+# own does, on the loopback interface alone.
+start_discovery() {
+    busctl --system status org.freedesktop.Avahi >/dev/null 2>&1 && return
+    if [ "$(id -u)" != 0 ] || ! command -v avahi-daemon >/dev/null; then
+        echo "run: no Avahi daemon here, so no controller finds the device"
+        return
+    fi
+    cat >"$work/system-bus.conf" <<CONF
+<busconfig><type>system</type><listen>unix:path=$work/system-bus</listen><auth>EXTERNAL</auth>
+<policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*"/>
+<allow receive_sender="*"/></policy></busconfig>
+CONF
+    printf '[server]\nallow-interfaces=lo\n[publish]\npublish-workstation=no\n' >"$work/avahi.conf"
+    dbus-daemon --nofork --nopidfile --config-file="$work/system-bus.conf" 2>/dev/null &
+    system_bus=$!
+    export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/system-bus"
+    wait_for_socket "$work/system-bus" || fail "the system bus did not start"
+    unshare --mount sh -c "mount -t tmpfs none /run && mkdir /run/avahi-daemon && exec avahi-daemon \
+        -f '$work/avahi.conf' --no-drop-root --no-chroot --no-rlimits" >"$work/avahi.log" 2>&1 &
+    avahi=$!
+}
+
+# The device as a controller on the network sees it; the announcement takes a second or two.
+show_discovery() {
+    [ -n "$avahi" ] || busctl --system status org.freedesktop.Avahi >/dev/null 2>&1 || return 0
+    for _ in $(seq 10); do
+        "$here/../find/find" >"$work/found" 2>/dev/null && [ -s "$work/found" ] && break
+        sleep 0.5
+    done
+    echo "run: found on the network:"
+    sed 's/^/  /' "$work/found"
 }
 
 start_device() {
@@ -130,16 +170,17 @@ now_playing() { # status|title|artist|position m:ss|length m:ss, as any media-pl
 
 # Returns once the session is over; true if something was heard.
 follow_session() {
-    local status title artist position length heard=1 shown= line idle=0
+    local status title artist position length heard=1 shown= shown_title= line idle=0
     while kill -0 "$daemon" 2>/dev/null; do
         IFS='|' read -r status title artist position length <<<"$(now_playing)"
         if [ "$status" = Playing ] && [ -n "$position" ]; then
             idle=0
             [ "$position" != 0:00 ] && heard=0
+            if [ "$title" != "$shown_title" ] && [ -n "$shown_title" ]; then echo; fi
+            shown_title=$title
             line="$title${artist:+ - $artist}  $position / $length"
-            if [ "$title" != "$shown" ] && [ -n "$shown" ]; then echo; fi
-            printf '\r\e[K%s' "$line"
-            shown=$title
+            [ "$line" = "$shown" ] || printf '\r\e[K%s' "$line"
+            shown=$line
         elif [ "$status" != Paused ]; then
             # Between two tracks the player may be seen stopped for a moment.
             idle=$((idle + 1))
@@ -160,8 +201,9 @@ interrupted=
 music=$(realpath "$music")
 choose_card
 start_bus
+start_discovery
 start_device
-echo "run: $(cat "$work/display.json")"
+show_discovery
 hand_over_session
 if follow_session; then
     echo "run: played"
