@@ -50,6 +50,7 @@ class Process {
         arguments.insert(arguments.end(), variables.begin(), variables.end());
         arguments.insert(arguments.end(), command.begin(), command.end());
         std::vector<char*> pointers;
+        pointers.reserve(arguments.size() + 1);
         for (std::string& argument : arguments) {
             pointers.push_back(argument.data());
         }
@@ -105,7 +106,7 @@ class Process {
                 return "";
             }
         }
-        const std::string line = m_text.substr(0, length);
+        std::string line = m_text.substr(0, length);
         m_text.erase(0, length + 1);
         return line;
     }

@@ -10,10 +10,11 @@
 //   read ID           -> "ID=text"
 //   network N         -> "network N S"
 //   block             the next notification waits until "unblock"
+#include <condition_variable>
 #include <cstdio>
-#include <future>
+#include <cstdlib>
 #include <iostream>
-#include <map>
+#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -84,6 +85,11 @@ std::vector<std::string> split(const std::string& text) {
     return parts;
 }
 
+// 0 where there is none.
+int number_in(const std::string& text) {
+    return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
+}
+
 sp<AMessage> track_message(const std::string& text) {
     std::vector<std::string> parts = split(text);
     parts.resize(7);
@@ -94,10 +100,10 @@ sp<AMessage> track_message(const std::string& text) {
     set("album", parts[2]);
     set("artist", parts[1]);
     set("trackName", parts[0]);
-    info->setInt32("totalTime", std::atoi(parts[3].c_str()));
+    info->setInt32("totalTime", number_in(parts[3]));
     set("coverArt", parts[4].empty() ? "defaultArt.jpg" : parts[4]);
-    info->setInt32("shuffle", std::atoi(parts[5].c_str()));
-    info->setInt32("repeat", std::atoi(parts[6].c_str()));
+    info->setInt32("shuffle", number_in(parts[5]));
+    info->setInt32("repeat", number_in(parts[6]));
     for (const char* key : {"next", "prev", "seek"}) {
         info->setInt32(key, 1);
     }
@@ -110,7 +116,7 @@ void obey(const std::string& verb, const std::string& argument) {
     static NeshHelper nesh;
     const sp<IUIManager> ui =
         IUIManager::asInterface(defaultServiceManager()->getService(IUIManager::kServiceName));
-    const int number = std::atoi(argument.c_str());
+    const int number = number_in(argument);
     if (verb == "source") {
         say(SourceSwitchClient::PlayMySource(listener, SOURCE_TYPE_NUVIO_CONNECT) ? "granted"
                                                                                   : "refused");
