@@ -91,7 +91,6 @@ NuvioConnect::Action NuvioConnect::findCommand(std::string_view command) {
 }
 
 // ---- Arguments
-// -----------------------------------------------------------------------------------
 
 bool NuvioConnect::takeSeekPosition(const std::string& argument) {
     const std::optional<int> position = parseInt(argument);
@@ -111,7 +110,6 @@ bool NuvioConnect::takeDeviceName(const std::string& argument) {
 }
 
 // ---- Actions
-// -------------------------------------------------------------------------------------
 
 nuv_error NuvioConnect::setVolume() {
     syslog(LOG_ERR, "NuvioConnect: m_iNuvioVolume = %d\n", m_iNuvioVolume);

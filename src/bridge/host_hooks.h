@@ -1,8 +1,8 @@
 // What the device modules tell the host platform. Called on the loop thread.
 //
 // All but host_allow_source and host_report_playback_position post a command to the bridge's
-// queue and may wait briefly for its lock; the current values are read back from the SDK when the
-// command is handled. Without a bridge they do nothing and host_allow_source refuses.
+// queue and never wait for the command thread; the current values are read back from the SDK when
+// the command is handled. Without a bridge they do nothing and host_allow_source refuses.
 #pragma once
 
 #include <cstdint>

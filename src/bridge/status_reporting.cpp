@@ -23,7 +23,6 @@ std::string textOf(const char* text) {
 }  // namespace
 
 // ---- Hooks, loop's thread
-// ------------------------------------------------------------------------
 
 void NuvioConnect::reportPlaybackPosition(uint64_t position_ms) {
     if (m_iActiveStatus == NUV_PLAYBACK_STATE_PLAYING) {
@@ -43,7 +42,6 @@ void NuvioConnect::reportPlaybackStatus(int status) {
 }
 
 // ---- Status commands
-// -----------------------------------------------------------------------------
 
 nuv_error NuvioConnect::postMuteState() {
     bool muted = false;
@@ -90,7 +88,6 @@ bool NuvioConnect::isPlayingOrPaused() const {
 }
 
 // ---- The track
-// -----------------------------------------------------------------------------------
 
 void NuvioConnect::updateTrackInfo(int status) {
     syslog(LOG_ERR, "NuvioConnect: update playbackstatus\t = %d\n", status);

@@ -78,7 +78,6 @@ void NuvioConnectStart::initKORA() {
 }
 
 // ---- The start-up pass
-// ---------------------------------------------------------------------------
 
 bool NuvioConnectStart::threadLoop() {
     NetworkState& network = NetworkState::get();
@@ -126,7 +125,6 @@ void NuvioConnectStart::stopStartUp() {
 }
 
 // ---- Notifications
-// -------------------------------------------------------------------------------
 
 void NuvioConnectStart::MessageBoxAlert(uint16_t id, uint16_t) {
     syslog(LOG_INFO, "NuvioKora: Nuvio_Connect : %s\n", __func__);

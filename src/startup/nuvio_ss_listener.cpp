@@ -111,7 +111,6 @@ void NuvioSSListener::releaseInstance() {
 }
 
 // ---- The output
-// ----------------------------------------------------------------------------------
 
 bool NuvioSSListener::setSource() {
     std::puts("setSource\n\n\n");
@@ -139,7 +138,6 @@ void NuvioSSListener::DropSource() {
 }
 
 // ---- Reports
-// -------------------------------------------------------------------------------------
 
 void NuvioSSListener::reportPlayState(int32_t state) {
     for (const PlayStateRow& row : kPlayStates) {
@@ -175,7 +173,6 @@ void NuvioSSListener::UpdateUIPlayBackInfo(const TrackInfo& track) {
 }
 
 // ---- Notifications
-// -------------------------------------------------------------------------------
 
 void NuvioSSListener::OnSourceSwitchEvent() {
     std::puts("OnSourceSwitchEvent\n");

@@ -1,6 +1,5 @@
 #include "bridge/captured_log.h"
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <condition_variable>
@@ -18,14 +17,6 @@ std::mutex g_mutex;
 std::condition_variable g_changed;
 std::vector<std::string> g_lines;
 
-std::vector<std::string> select(const std::string& text) {
-    std::vector<std::string> found;
-    std::ranges::copy_if(g_lines, std::back_inserter(found), [&text](const std::string& line) {
-        return line.find(text) != std::string::npos;
-    });
-    return found;
-}
-
 [[gnu::format(printf, 2, 0)]] void capture(int priority, const char* format, va_list arguments) {
     std::array<char, 1024> text{};
     std::vsnprintf(text.data(), text.size(), format, arguments);
@@ -41,13 +32,12 @@ void reset() {
     g_lines.clear();
 }
 
-std::vector<std::string> lines() {
-    return lines_with("");
-}
-
 std::vector<std::string> lines_with(const std::string& text) {
     const std::scoped_lock lock(g_mutex);
-    return select(text);
+    std::vector<std::string> found = g_lines;
+    std::erase_if(found,
+                  [&](const std::string& line) { return line.find(text) == std::string::npos; });
+    return found;
 }
 
 bool wait_for(const std::string& text, size_t times) {
@@ -64,10 +54,10 @@ bool wait_for(const std::string& text, size_t times) {
 
 }  // namespace captured_log
 
-// Both the plain function and the one that fortified code calls.
 extern "C" {
 
 [[gnu::format(printf, 2, 3)]] void syslog(int priority, const char* format, ...);
+// What fortified code calls instead.
 [[gnu::format(printf, 3, 4)]] void __syslog_chk(int priority, int flag, const char* format, ...);
 
 void syslog(int priority, const char* format, ...) {

@@ -8,7 +8,6 @@ namespace captured_log {
 
 void reset();
 // In order, each after its priority: "err NuvioConnect: ...", "info NuvioKora: ...".
-std::vector<std::string> lines();
 std::vector<std::string> lines_with(const std::string& text);
 // True as soon as `times` lines contain the text; false when that takes absurdly long.
 bool wait_for(const std::string& text, size_t times = 1);

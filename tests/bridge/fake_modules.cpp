@@ -1,10 +1,6 @@
 #include "bridge/fake_modules.h"
 
-#include <algorithm>
-#include <deque>
-#include <mutex>
 #include <thread>
-#include <utility>
 
 #include "advertising/avahi_advertiser.h"
 #include "local_config/http_server.h"
@@ -16,52 +12,26 @@ namespace fake_modules {
 namespace {
 
 std::mutex g_mutex;
-Setup g_setup;
-std::vector<std::string> g_journal;
-std::deque<Track> g_tracks;
-size_t g_questions = 0;
+State g_state;
 Track g_playing;  // loop's thread: the answer given last
+
+void note(const std::string& line) {
+    state()->journal.push_back(line);
+}
 
 }  // namespace
 
-void reset(const Setup& setup) {
-    const std::scoped_lock lock(g_mutex);
-    g_setup = setup;
-    g_journal.clear();
-    g_tracks.clear();
-    g_questions = 0;
+Locked state() {
+    return {std::unique_lock(g_mutex), &g_state};
 }
 
-std::vector<std::string> journal() {
-    const std::scoped_lock lock(g_mutex);
-    return g_journal;
-}
-
-void note(const std::string& line) {
-    const std::scoped_lock lock(g_mutex);
-    g_journal.push_back(line);
-}
-
-void play(const std::vector<Track>& tracks) {
-    const std::scoped_lock lock(g_mutex);
-    g_tracks.assign(tracks.begin(), tracks.end());
-}
-
-void play_nothing() {
-    play({});
-}
-
-size_t questions() {
-    const std::scoped_lock lock(g_mutex);
-    return g_questions;
+void reset() {
+    *state().state = State();
 }
 
 }  // namespace fake_modules
 
 using namespace fake_modules;
-
-// ---- Renderer
-// ------------------------------------------------------------------------------------
 
 struct audio_renderer {
     std::thread::id thread = std::this_thread::get_id();
@@ -72,11 +42,11 @@ struct audio_renderer {
 audio_renderer* audio_renderer_new(uv_loop_t* loop, const char* output_device,
                                    const char* volume_device, const char* volume_element) {
     note(std::string("renderer new ") + output_device + " " + volume_device + " " + volume_element);
-    const std::scoped_lock lock(g_mutex);
-    if (g_setup.no_renderer) {
+    const Locked setup = state();
+    if (setup->no_renderer) {
         return nullptr;
     }
-    auto* self = new audio_renderer{.ticker = nullptr, .on_tick = g_setup.on_tick};
+    auto* self = new audio_renderer{.ticker = nullptr, .on_tick = setup->on_tick};
     self->ticker = uv_timer_new(loop, self);
     if (self->on_tick) {
         const auto tick = [](uv_timer_t* timer) {
@@ -111,14 +81,14 @@ nuv_audio_quality audio_renderer_get_maximum_supported_audio_quality(audio_rende
 
 nuv_stream_metadata* callmetadata(nuv_connect*, audio_renderer* self) {
     NUV_CHECK(self->thread == std::this_thread::get_id());
-    const std::scoped_lock lock(g_mutex);
-    ++g_questions;
-    if (g_tracks.empty()) {
+    const Locked playing = state();
+    ++playing->questions;
+    if (playing->tracks.empty()) {
         return nullptr;
     }
-    g_playing = g_tracks.front();
-    if (g_tracks.size() > 1) {
-        g_tracks.pop_front();
+    g_playing = playing->tracks.front();
+    if (playing->tracks.size() > 1) {
+        playing->tracks.pop_front();
     }
     return new nuv_stream_metadata{g_playing.title.c_str(), "Artist", "Album", ""};
 }
@@ -131,20 +101,14 @@ uint64_t audio_renderer_get_playing_duration(audio_renderer* self) {
     return g_playing.duration_ms;
 }
 
-// ---- HTTP server, advertiser
-// ---------------------------------------------------------------------
+struct http_server {};
 
-struct http_server {
-    uv_async_t* handle;
-};
-
-http_server* http_server_new(uv_loop_t* loop, uint16_t port, device_info*, audio_renderer*) {
+http_server* http_server_new(uv_loop_t*, uint16_t port, device_info*, audio_renderer*) {
     note("http new " + std::to_string(port));
-    return new http_server{uv_async_new(loop, nullptr, nullptr)};
+    return new http_server;
 }
 void http_server_free(http_server* self) {
     note("http free");
-    uv_async_free(self->handle);
     delete self;
 }
 void http_server_set_core(http_server*, nuv_connect*) {

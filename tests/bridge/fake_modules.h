@@ -1,7 +1,9 @@
-// Stand-ins for the renderer, the HTTP server and the advertiser, each with a real loop handle.
+// Stand-ins for the renderer, the HTTP server and the advertiser.
 #pragma once
 
+#include <deque>
 #include <functional>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -15,20 +17,23 @@ struct Track {
     uint64_t duration_ms;
 };
 
-struct Setup {
+struct State {
     bool no_renderer = false;
-    std::function<void()> on_tick;  // every millisecond on the loop's thread
+    std::function<void()> on_tick;  // every millisecond on the loop's thread; set before the start
+    // The playing source: the next one at each question, the last one from then on.
+    std::deque<Track> tracks;
+    size_t questions = 0;  // asked for the playing source's metadata so far
+    // "renderer new default default Master", "http new 8000", "advertiser set_core", ...
+    std::vector<std::string> journal;
 };
 
-// Forgets the journal and the track.
-void reset(const Setup& setup = {});
-// "renderer new default default Master", "http new 8000", "advertiser set_core", "renderer free".
-std::vector<std::string> journal();
-void note(const std::string& line);  // adds to it
-
-// The playing source: the next track of the list at each question, the last one from then on.
-void play(const std::vector<Track>& tracks);
-void play_nothing();
-size_t questions();  // asked for the playing source's metadata so far
+// The state, locked as long as this object lives.
+struct Locked {
+    std::unique_lock<std::mutex> lock;
+    State* state;
+    State* operator->() const { return state; }
+};
+Locked state();
+void reset();
 
 }  // namespace fake_modules

@@ -25,30 +25,23 @@ class Listener : public Service {
     sp<NuvioSSListener> m_listener = NuvioSSListener::getInstance();
 };
 
-TEST_F(Listener, AGrantedOutputBringsTheDevicesVolumeAndMuteState) {
-    fake_platform::set_message(KORA_VOLUME, "35");
-    fake_platform::set_message(KORA_MUTE, "MUTE");
-    EXPECT_TRUE(NuvioSSListener::setSource());
-    EXPECT_THAT(posted(), ElementsAre("VOLUME:35", "MUTE:MUTE"));
-    EXPECT_THAT(fake_platform::calls(), ElementsAre("play_my_source 31"));
-}
-
-TEST_F(Listener, ARefusedOutputStillTellsTheCurrentSource) {
-    fake_platform::Device device = fake_platform::usual_device();
-    device.grants_output = false;
-    device.messages[KORA_CURRENT_SOURCE] = "7";
-    fake_platform::set(device);
+TEST_F(Listener, OnlyAGrantedOutputBringsTheDevicesVolumeAndMuteState) {
+    {
+        const fake_platform::Locked platform = fake_platform::state();
+        platform->messages = {{KORA_VOLUME, "35"}, {KORA_MUTE, "MUTE"}, {KORA_CURRENT_SOURCE, "7"}};
+        platform->grants_output = false;
+    }
     EXPECT_FALSE(NuvioSSListener::setSource());
     EXPECT_TRUE(posted().empty());
-    EXPECT_EQ(countLines("err DEFAULT: Nuvio is not allowed to setSource"), 1U);
-    m_listener->reportVolume(40);
-    EXPECT_EQ(countLines("DEFAULT: icurrent_playing_source = 7\n"), 1U);
-    EXPECT_EQ(fake_platform::count("app_volume 40"), 1U);
+    m_listener->reportVolume(40);  // a refusal tells the current source, too
 
-    fake_platform::set_message(KORA_CURRENT_SOURCE, "none");
-    NuvioSSListener::setSource();
+    fake_platform::state()->grants_output = true;
+    fake_platform::state()->messages[KORA_CURRENT_SOURCE] = "none";
+    EXPECT_TRUE(NuvioSSListener::setSource());
+    EXPECT_THAT(posted(), ElementsAre("VOLUME:35", "MUTE:MUTE"));
     m_listener->reportVolume(41);
-    EXPECT_EQ(fake_platform::count("app_volume"), 1U);
+    EXPECT_THAT(fake_platform::state()->calls,
+                ElementsAre("play_my_source 31", "app_volume 40", "play_my_source 31"));
 }
 
 TEST_F(Listener, ReportsReachThePlatformInItsOwnNumbers) {
@@ -60,7 +53,7 @@ TEST_F(Listener, ReportsReachThePlatformInItsOwnNumbers) {
     m_listener->reportMuteState(0);
     m_listener->DropSource();
     EXPECT_THAT(
-        fake_platform::calls(),
+        fake_platform::state()->calls,
         ElementsAre("player_state 0", "write 51 0", "player_state 2", "write 51 2",
                     "player_state 1", "write 51 1", "write 49 5000000000", "write 63 MUTE",
                     "write 63 UNMUTE", "player_state 1", "playback_stopped", "disconnect_source"));
@@ -73,16 +66,16 @@ TEST_F(Listener, NotificationsBecomeCommands) {
     m_listener->OnVolumeChangeEvent(nullptr);
     m_listener->OnSourceSwitchEvent();
     EXPECT_THAT(posted(), ElementsAre("NEXT", "VOLUME:55", "ONSOURCESWITCH"));
-    EXPECT_THAT(fake_platform::calls(), ElementsAre("playback_stopped", "player_state 1"));
+    EXPECT_THAT(fake_platform::state()->calls, ElementsAre("playback_stopped", "player_state 1"));
 }
 
 TEST_F(Listener, TheUiIsSentTheWholeTrack) {
-    fake_platform::set_message(KORA_CURRENT_SOURCE, "31");
+    fake_platform::state()->messages[KORA_CURRENT_SOURCE] = "31";
     NuvioSSListener::setSource();
-    fake_platform::take_calls();
+    fake_platform::state()->take_calls();
     m_listener->UpdateUIPlayBackInfo(
         {"An Artist", "A Song", "", "215000", "", "", "44100", "16", "2", 1, 2});
-    EXPECT_THAT(fake_platform::take_calls(),
+    EXPECT_THAT(fake_platform::state()->take_calls(),
                 ElementsAre("ui_update album= artist=An Artist trackName=A Song totalTime=215000 "
                             "coverArt=defaultArt.jpg codec= sampleRate=44100 bitdepth=16 "
                             "channels=2 repeat=2 shuffle=1 next=1 prev=1 currentSource=31 seek=1"));
@@ -90,14 +83,12 @@ TEST_F(Listener, TheUiIsSentTheWholeTrack) {
     long_track.totalTime = "99999999999";
     long_track.coverArt = "http://a/b.png";
     m_listener->UpdateUIPlayBackInfo(long_track);
-    EXPECT_THAT(fake_platform::take_calls(),
+    EXPECT_THAT(fake_platform::state()->take_calls(),
                 ElementsAre(testing::HasSubstr("totalTime=2147483647 coverArt=http://a/b.png")));
 
-    fake_platform::Device device = fake_platform::usual_device();
-    device.has_ui = false;
-    fake_platform::set(device);
+    fake_platform::state()->has_ui = false;
     m_listener->UpdateUIPlayBackInfo({});
-    EXPECT_TRUE(fake_platform::calls().empty());
+    EXPECT_TRUE(fake_platform::state()->calls.empty());
 }
 
 }  // namespace

@@ -32,30 +32,21 @@ TEST_F(StartUp, UnsetItemsHaveDefaults) {
 }
 
 TEST_F(StartUp, SetItemsComeInTheOrderOfTheArray) {
-    fake_platform::Device device = fake_platform::usual_device();
-    device.items[KFeatureNuvioConnectHttpPort] = "9000";
-    device.items[KFeatureNuvioConnectLog] = "3";
-    device.items[KFeatureNuvioConnectVolume_Element] = "PCM";
-    device.items[KFeatureNuvioConnectVolume_Device] = "hw:1";
-    device.items[kALSAOutputDeviceName] = "hw:0";
-    device.messages[KORA_DEVICE_NAME] = "Den";
-    device.manufacturer = {true, "Maker"};
-    device.model = {true, "Model"};
-    fake_platform::set(device);
-    EXPECT_THAT(gather(), ElementsAre("9000", "id", "secret", "Den", "Maker", "Model", "3", "hw:0",
-                                      "PCM", HasSubstr("Vanta_"), "hw:1"));
-}
-
-TEST_F(StartUp, IdentityFallsBackByWhatThePlatformSaid) {
-    fake_platform::Device device = fake_platform::usual_device();
-    device.friendly_name = {true, "Kitchen"};
-    device.manufacturer = {false, "half known"};
-    device.model = {false, ""};
-    fake_platform::set(device);
-    const Lines info = gather();
-    EXPECT_EQ(info[DEVICE_INFO_DEVICE_NAME], "Kitchen");
-    EXPECT_EQ(info[DEVICE_INFO_MANUFACTURER], "half known");
-    EXPECT_EQ(info[DEVICE_INFO_MODEL], "VantaSync");
+    {
+        const fake_platform::Locked platform = fake_platform::state();
+        platform->items.insert({{KFeatureNuvioConnectHttpPort, "9000"},
+                                {KFeatureNuvioConnectLog, "3"},
+                                {KFeatureNuvioConnectVolume_Element, "PCM"},
+                                {KFeatureNuvioConnectVolume_Device, "hw:1"},
+                                {kALSAOutputDeviceName, "hw:0"}});
+        platform->friendly_name.text = "Kitchen";
+        platform->manufacturer = {false, "half known"};
+        platform->model.known = false;
+    }
+    EXPECT_THAT(gather(), ElementsAre("9000", "id", "secret", "Kitchen", "half known", "VantaSync",
+                                      "3", "hw:0", "PCM", HasSubstr("Vanta_"), "hw:1"));
+    fake_platform::state()->messages[KORA_DEVICE_NAME] = "Den";
+    EXPECT_EQ(gather()[DEVICE_INFO_DEVICE_NAME], "Den");
 }
 
 TEST_F(StartUp, SerialNumberIsTheWifiAddressOnlyIfItLooksLikeOne) {
@@ -73,9 +64,7 @@ TEST_F(StartUp, SerialNumberIsTheWifiAddressOnlyIfItLooksLikeOne) {
 }
 
 TEST_F(StartUp, WithoutCredentialsThereIsNoBridge) {
-    fake_platform::Device device = fake_platform::usual_device();
-    device.items[KFeatureNuvioConnectApp_secret] = "";
-    fake_platform::set(device);
+    fake_platform::state()->items[KFeatureNuvioConnectApp_secret] = "";
     const sp<NuvioConnectStart> start = NuvioConnectStart::GetInstance();
     start->run("start", -16, 0);
     start->join();
@@ -86,13 +75,11 @@ TEST_F(StartUp, WithoutCredentialsThereIsNoBridge) {
 
 TEST_F(StartUp, OnlyANonZeroEnableItemStartsTheService) {
     for (const char* item : {"0", "", "abc"}) {
-        fake_platform::Device device = fake_platform::usual_device();
-        device.items[kFeatureNuvioConnect] = item;
-        fake_platform::set(device);
+        fake_platform::state()->items[kFeatureNuvioConnect] = item;
         EXPECT_EQ(runService(), 0);
     }
     EXPECT_EQ(countLines("err nuvio-connect: Nuvio Connect is not enabled"), 3U);
-    EXPECT_FALSE(fake_platform::network_watched());
+    EXPECT_TRUE(fake_platform::state()->nesh == nullptr);
 }
 
 // The service on a thread of its own, as main runs it.
@@ -113,17 +100,15 @@ class RunningService : public Service {
 };
 
 TEST_F(RunningService, WaitsForTheNetworkThenPlaysUntilTheProcessEnds) {
-    fake_platform::Device device = fake_platform::usual_device();
-    device.wired = false;
-    device.unreachable_nesh = 2;
-    device.items[kFeatureNuvioConnect] = "2x";
-    fake_platform::set(device);
+    fake_platform::state()->wired = false;
+    fake_platform::state()->unreachable_nesh = 2;
+    fake_platform::state()->items[kFeatureNuvioConnect] = "2x";
     run();
     // From the second question on, a notification finds the pass waiting.
-    while (fake_platform::count("network_status 2") == 0) {
+    while (fake_platform::state()->count("network_status 2") == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    EXPECT_THAT(fake_platform::watched_messages(), ElementsAre(90, 37, 115, 64, 63, 51));
+    EXPECT_THAT(fake_platform::state()->kora_ids, ElementsAre(90, 37, 115, 64, 63, 51));
     fake_platform::notify_network(3, 1);
     fake_platform::notify_network(1, 2);
     EXPECT_EQ(countLines("Configuration is Successful"), 0U);
@@ -132,28 +117,26 @@ TEST_F(RunningService, WaitsForTheNetworkThenPlaysUntilTheProcessEnds) {
     EXPECT_EQ(countLines("info NuvioKora: NetWork Configuration is Successful \n"), 1U);
     EXPECT_EQ(countLines("::NeshAlert Finish"), 3U);
     EXPECT_EQ(end(), 0);
-    EXPECT_TRUE(fake_platform::watched_messages().empty());
-    EXPECT_FALSE(fake_platform::network_watched());
-    EXPECT_EQ(fake_platform::calls().back(), "disconnect_source");
+    EXPECT_TRUE(fake_platform::state()->kora_ids.empty());
+    EXPECT_TRUE(fake_platform::state()->nesh == nullptr);
+    EXPECT_EQ(fake_platform::state()->calls.back(), "disconnect_source");
 }
 
 TEST_F(RunningService, EndsWhileItStillWaitsForTheNetwork) {
-    fake_platform::Device device = fake_platform::usual_device();
-    device.wired = false;
-    fake_platform::set(device);
+    fake_platform::state()->wired = false;
     run();
     ASSERT_TRUE(captured_log::wait_for("MAIN TO START NUVIO CONNECT END"));
     EXPECT_EQ(end(), 0);
-    EXPECT_TRUE(fake_modules::journal().empty());
+    EXPECT_TRUE(fake_modules::state()->journal.empty());
 }
 
 TEST_F(RunningService, EndsWithoutWaitingForARenameOrForWhoWaitsToPostOne) {
     run();
     ASSERT_TRUE(captured_log::wait_for("Nuvio Connect has been initialized"));
-    fake_platform::set_message(KORA_DEVICE_NAME, "Den");
+    fake_platform::state()->messages[KORA_DEVICE_NAME] = "Den";
     fake_platform::notify_message(KORA_DEVICE_NAME);
     ASSERT_TRUE(captured_log::wait_for("[DEVICENAME] Waiting 500ms before update\n"));
-    fake_platform::set_message(KORA_DEVICE_NAME, "Attic");
+    fake_platform::state()->messages[KORA_DEVICE_NAME] = "Attic";
     std::thread platform([] { fake_platform::notify_message(KORA_DEVICE_NAME); });
     EXPECT_TRUE(captured_log::wait_for("Received event = DEVICENAME:Attic"));
     EXPECT_EQ(end(), 0);
@@ -167,7 +150,7 @@ TEST_F(RunningService, TurnsPlatformMessagesIntoCommands) {
     EXPECT_EQ(countLines("err NuvioKora: Start Nuvio_Connect process \n"), 1U);
 
     const auto rename = [](const std::string& name) {
-        fake_platform::set_message(KORA_DEVICE_NAME, name);
+        fake_platform::state()->messages[KORA_DEVICE_NAME] = name;
         fake_platform::notify_message(KORA_DEVICE_NAME);
     };
     rename("Den");

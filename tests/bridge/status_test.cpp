@@ -29,7 +29,7 @@ class Status : public Service {
   protected:
     // The hooks belong to the loop's thread, where the renderer's ticker takes them.
     Status() {
-        fake_modules::reset({.no_renderer = false, .on_tick = [this] { serveLoop(); }});
+        fake_modules::state()->on_tick = [this] { serveLoop(); };
     }
     ~Status() override { stopNuvioConnect(); }
 
@@ -63,54 +63,54 @@ TEST_F(Status, ATitleReachesTheUiOnceAndAgainAfterAModeChange) {
     values.shuffle = true;
     values.loop_mode = NUV_LOOP_MODE_ALL;
     fake_sdk::set_values(values);
-    fake_modules::play({kSong});
+    fake_modules::state()->tracks = {kSong};
     startBridge();
     report(1);
     EXPECT_THAT(
-        fake_platform::take_calls(),
+        fake_platform::state()->take_calls(),
         ElementsAre("player_state 0", "write 51 0",
                     StartsWith("ui_update album=Album artist=Artist trackName=Song "
                                "totalTime=215000 coverArt=defaultArt.jpg codec= sampleRate=44100 "
                                "bitdepth=16 channels=2 repeat=2 shuffle=1 next=1 prev=1 ")));
     report(1);
-    EXPECT_EQ(fake_platform::count("ui_update"), 0U);
+    EXPECT_EQ(fake_platform::state()->count("ui_update"), 0U);
     onLoop(host_report_shuffle_repeat);
     process({});
-    EXPECT_EQ(fake_platform::count("ui_update"), 1U);
-    fake_modules::play({kOther});
+    EXPECT_EQ(fake_platform::state()->count("ui_update"), 1U);
+    fake_modules::state()->tracks = {kOther};
     report(1);
-    EXPECT_THAT(fake_platform::calls(),
+    EXPECT_THAT(fake_platform::state()->calls,
                 Contains(HasSubstr("sampleRate=96000 bitdepth=24 channels=6")));
 }
 
 TEST_F(Status, PositionsAndSeeksFollowTheStatus) {
-    fake_modules::play({kSong});
+    fake_modules::state()->tracks = {kSong};
     startBridge();
     process({});
     const auto position_and_seek = [this](const std::string& seek) {
-        fake_platform::take_calls();
+        fake_platform::state()->take_calls();
         fake_sdk::take_calls();
         onLoop([] { host_report_playback_position(61250); });
         process({seek});
-        return fake_platform::calls().size() * 10 + fake_sdk::calls().size();
+        return fake_platform::state()->calls.size() * 10 + fake_sdk::calls().size();
     };
     EXPECT_EQ(position_and_seek("SEEK:500"), 0U);  // nothing has played yet
     report(1);
     EXPECT_EQ(position_and_seek("SEEK:-1"), 11U);
-    EXPECT_THAT(fake_platform::calls(), ElementsAre("write 49 61250"));
+    EXPECT_THAT(fake_platform::state()->calls, ElementsAre("write 49 61250"));
     EXPECT_THAT(fake_sdk::calls(), ElementsAre("seek_time 4294967295"));
     report(2);
     EXPECT_EQ(position_and_seek("SEEK"), 1U);
     report(3);
-    EXPECT_EQ(fake_platform::count("player_state"), 0U);
+    EXPECT_EQ(fake_platform::state()->count("player_state"), 0U);
     EXPECT_EQ(position_and_seek("SEEK:1"), 0U);
 }
 
 TEST_F(Status, MissingMetadataIsAskedForTwice) {
     startBridge();
     report(1);
-    EXPECT_EQ(fake_modules::questions(), 2U);
-    EXPECT_EQ(fake_platform::count("ui_"), 0U);
+    EXPECT_EQ(fake_modules::state()->questions, 2U);
+    EXPECT_EQ(fake_platform::state()->count("ui_"), 0U);
 }
 
 TEST_F(Status, AStopClearsTheUiUnlessTheRendererIsActiveOrLostTheOutput) {
@@ -118,11 +118,11 @@ TEST_F(Status, AStopClearsTheUiUnlessTheRendererIsActiveOrLostTheOutput) {
     const auto stop_while_active = [&](bool active) {
         values.active = active;
         fake_sdk::set_values(values);
-        fake_platform::take_calls();
+        fake_platform::state()->take_calls();
         report(0);
-        return fake_platform::count("ui_clear");
+        return fake_platform::state()->count("ui_clear");
     };
-    fake_modules::play({kSong});
+    fake_modules::state()->tracks = {kSong};
     startBridge();
     EXPECT_EQ(stop_while_active(true), 0U);
     EXPECT_EQ(countLines("err NuvioConnect: Renderer is active, skip metadata reset \n"), 1U);
@@ -134,7 +134,7 @@ TEST_F(Status, AStopClearsTheUiUnlessTheRendererIsActiveOrLostTheOutput) {
     report(1);  // playing again: the next stop clears, and the same title is sent anew
     EXPECT_EQ(stop_while_active(false), 1U);
     report(1);
-    EXPECT_EQ(fake_platform::count("ui_update"), 1U);
+    EXPECT_EQ(fake_platform::state()->count("ui_update"), 1U);
 
     fake_sdk::set_result("get_renderer_active_state", NUV_ERROR_INTERNAL);
     EXPECT_EQ(stop_while_active(false), 0U);
@@ -145,7 +145,7 @@ TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
     fake_sdk::Values values;
     values.muted = true;
     fake_sdk::set_values(values);
-    fake_platform::set_message(KORA_CURRENT_SOURCE, "31");
+    fake_platform::state()->messages[KORA_CURRENT_SOURCE] = "31";
     startBridge();
     process({"VOLUME_STATUS"});
     EXPECT_EQ(countLines("err NuvioConnect: m_bdeviceVolume = 0"), 1U);
@@ -153,12 +153,12 @@ TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
     onLoop(host_report_volume);
     onLoop(host_report_mute_state);
     process({});
-    EXPECT_THAT(fake_platform::calls(),
+    EXPECT_THAT(fake_platform::state()->calls,
                 ElementsAre("play_my_source 31", "app_volume 30", "write 63 MUTE"));
     fake_sdk::set_result("get_volume", NUV_ERROR_NOT_CONNECTED);
     process({"VOLUME_STATUS"});
     EXPECT_EQ(countLines("event : VOLUME_STATUSNuvio Error fake error"), 1U);
-    EXPECT_THAT(fake_platform::calls(), Contains("app_volume 0"));
+    EXPECT_THAT(fake_platform::state()->calls, Contains("app_volume 0"));
 }
 
 // The meeting that must not deadlock: the command thread, its turn at the queue in hand, waits for
@@ -168,21 +168,21 @@ TEST_F(Status, TheLoopNeverWaitsForTheCommandThread) {
     static std::atomic<bool> loop_went_on;
     playing = false;
     loop_went_on = false;
-    fake_modules::reset({.no_renderer = false, .on_tick = [] {
-                             host_report_volume();
-                             host_allow_source();
-                             host_report_playback_position(1);
-                             if (playing.exchange(false)) {
-                                 host_report_playback_status(1);
-                             }
-                         }});
+    fake_modules::state()->on_tick = [] {
+        host_report_volume();
+        host_allow_source();
+        host_report_playback_position(1);
+        if (playing.exchange(false)) {
+            host_report_playback_status(1);
+        }
+    };
     fake_sdk::on_call([](const std::string& call) {
         if (call == "pause_playback") {  // in the middle of a batch
             const std::string post = "Pushed event = VOLUME_STATUS";
             loop_went_on = captured_log::wait_for(post, captured_log::lines_with(post).size() + 20);
         }
     });
-    fake_modules::play({kSong, kOther, kSong, kOther});
+    fake_modules::state()->tracks = {kSong, kOther, kSong, kOther};
     startBridge();
     std::atomic<bool> done{false};
     std::thread platform([&done] {
@@ -197,7 +197,7 @@ TEST_F(Status, TheLoopNeverWaitsForTheCommandThread) {
         EXPECT_TRUE(captured_log::wait_for("currTrackInfo.samplingRate", update));
     }
     EXPECT_TRUE(loop_went_on);
-    EXPECT_EQ(fake_modules::questions(), 3U);
+    EXPECT_EQ(fake_modules::state()->questions, 3U);
     done = true;
     platform.join();
 }

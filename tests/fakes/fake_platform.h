@@ -1,12 +1,17 @@
-// The device's platform in a test's hands: configuration items, identity, messages, network status,
-// source switch, user interface and the thread pool. Calls are recorded as lines of text; the
-// notifications come when the test sends them, on the test's own thread.
+// The device's platform in a test's hands: configuration, identity, messages, network status,
+// source switch, user interface and thread pool. Calls are recorded as lines of text; notifications
+// come when the test sends them, on its own thread.
 #pragma once
 
+#include <algorithm>
 #include <map>
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
+#include "platform/Kora.h"
+#include "platform/Nesh.h"
 #include "platform/SourceSwitch.h"
 
 namespace fake_platform {
@@ -16,43 +21,46 @@ struct Identity {
     std::string text;
 };
 
-// What the platform answers.
-struct Device {
+struct State {
+    State();  // enabled, with credentials and a wired network
+
+    // What the platform answers.
     std::map<std::string, std::string> items;
     std::map<int, std::string> messages;
-    Identity friendly_name;
-    Identity manufacturer;
-    Identity model;
-    bool wired = false;
-    bool wireless = false;
+    Identity friendly_name, manufacturer, model;
+    bool wired = true;
     bool grants_output = true;
     bool has_ui = true;
     int unreachable_nesh = 0;  // so many checks of the network service fail
+
+    // Who listens.
+    android::sp<android::IKoraAlerts> kora;
+    std::vector<int> kora_ids;
+    android::sp<android::INeshAlerts> nesh;
+
+    // "play_my_source 31", "player_state 1", "app_volume 40", "playback_stopped",
+    // "disconnect_source", "write 51 0", "network_status 1", "ui_clear", "ui_update album=... ..."
+    std::vector<std::string> calls;
+
+    std::vector<std::string> take_calls() { return std::exchange(calls, {}); }
+    size_t count(const std::string& prefix) const {
+        return static_cast<size_t>(std::ranges::count_if(
+            calls, [&](const std::string& call) { return call.starts_with(prefix); }));
+    }
 };
 
-// An enabled device with credentials.
-Device usual_device();
-
-// The usual device, no calls, no listeners.
+// The state, locked as long as this object lives.
+struct Locked {
+    std::unique_lock<std::mutex> lock;
+    State* state;
+    State* operator->() const { return state; }
+};
+Locked state();
 void reset();
-void set(const Device& device);
 
-// The calls so far: "play_my_source 31", "player_state 1", "app_volume 40", "playback_stopped",
-// "disconnect_source", "write 51 0", "network_status 1", "ui_clear", "ui_update album=...
-// artist=...", in order.
-std::vector<std::string> calls();
-std::vector<std::string> take_calls();  // and forgets them
-size_t count(const std::string& prefix);
-
-void set_message(int id, const std::string& text);
-// To whoever has registered for the id, the network or the output.
+// To whoever has registered for it.
 void notify_message(int id);
 void notify_network(int iface, int status);
-android::sp<android::BnSourceSwitchListener> source_listener();
-// Message ids registered for, and whether anyone listens to the network.
-std::vector<int> watched_messages();
-bool network_watched();
-
 // Ends the process as a signal would: joinThreadPool returns.
 void end_process();
 
