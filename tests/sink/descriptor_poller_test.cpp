@@ -88,25 +88,18 @@ TEST_F(DescriptorPollerTest, OnlyTheFiringEntryIsRewrittenAndUnusableEntriesAreL
     EXPECT_EQ(event_count_, 2) << "no event after free";
 }
 
-TEST_F(DescriptorPollerTest, WithoutUsableEntriesNothingHappens) {
-    descriptor_poller* poller = make({{-1, POLLIN, 0}, {-2, POLLOUT, 0}});
-    ASSERT_NE(poller, nullptr);
-    descriptor_poller_start_polling(poller);
-    run_for(10ms);
-    descriptor_poller_stop_polling(poller);
-    EXPECT_EQ(event_count_, 0);
-    descriptor_poller_free(poller);
-    descriptor_poller_free(nullptr);
-}
-
-TEST_F(DescriptorPollerTest, OtherRequestedEventsAreNotPolled) {
+TEST_F(DescriptorPollerTest, EntriesWithNothingToPollAreSilent) {
     const int event = new_event();
     signal(event);
-    descriptor_poller* poller = make({{event, POLLPRI | POLLERR, 0}});
-    descriptor_poller_start_polling(poller);
-    run_for(20ms);
-    EXPECT_EQ(event_count_, 0);
-    descriptor_poller_free(poller);
+    for (const pollfd& entry : {pollfd{-1, POLLIN, 0}, pollfd{event, POLLPRI | POLLERR, 0}}) {
+        descriptor_poller* poller = make({entry});
+        ASSERT_NE(poller, nullptr);
+        descriptor_poller_start_polling(poller);
+        run_for(20ms);
+        EXPECT_EQ(event_count_, 0);
+        descriptor_poller_free(poller);
+    }
+    descriptor_poller_free(nullptr);
 }
 
 TEST_F(DescriptorPollerTest, FailedDescriptorIsReportedOnceForEachStart) {
@@ -144,11 +137,6 @@ TEST_F(DescriptorPollerTest, RefusedStartLeavesNothingPolled) {
     run_for(20ms);
     EXPECT_EQ(event_count_, 0);
     descriptor_poller_free(poller);
-}
-
-TEST(DescriptorPollerDeathTest, NullArgumentsAreFatal) {
-    EXPECT_DEATH(descriptor_poller_start_polling(nullptr), "");
-    EXPECT_DEATH(descriptor_poller_new(uv_default_loop(), nullptr, 1, {nullptr, nullptr}), "");
 }
 
 }  // namespace

@@ -49,9 +49,9 @@ bool audio_sink_open(audio_sink* self, const nuv_audio_format* format);
 void audio_sink_close(audio_sink* self);
 
 // Writes as many whole frames as ALSA has room for and returns their size in bytes. When not all
-// was placed, the space-available callback follows once there is room, or once the device has failed
-// and will never have any: the next write says so. *ok is false when the device has failed for good;
-// nothing counts as written then.
+// was placed, the space-available callback follows once there is room, or once the device has
+// failed and will never have any: the next write says so. *ok is false when the device has failed
+// for good; nothing counts as written then.
 size_t audio_sink_write(audio_sink* self, const void* data, size_t size, bool* ok);
 
 bool audio_sink_pause(audio_sink* self);
