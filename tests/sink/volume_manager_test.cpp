@@ -95,6 +95,8 @@ TEST_F(VolumeManagerTest, EachChangeIsReportedOnceWhoeverMadeIt) {
     volume_manager_set_mute_state(manager_.get(), false);
     EXPECT_THAT(events_, testing::IsEmpty()) << "never from inside a call";
     EXPECT_THAT(events(), testing::UnorderedElementsAre("volume 50", "unmuted"));
+    volume_manager_set_volume(manager_.get(), 40);
+    EXPECT_THAT(events(), testing::ElementsAre("volume 40"));
     EXPECT_TRUE(card_->switch_on(1));
     EXPECT_FALSE(volume_manager_get_mute_state(manager_.get()));
 

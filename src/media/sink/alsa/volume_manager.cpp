@@ -235,9 +235,11 @@ void volume_manager_set_volume(volume_manager* self, uint32_t volume) {
     if (volume == volume_manager_get_volume(self)) {
         return;
     }
-    alsa_ok(
-        on_element(self, snd_mixer_selem_set_playback_volume_all, raw_from_percent(self, volume)),
-        "Unable to set ALSA playback volume to %d", static_cast<int>(volume));
+    if (alsa_ok(on_element(self, snd_mixer_selem_set_playback_volume_all,
+                           raw_from_percent(self, volume)),
+                "Unable to set ALSA playback volume to %d", static_cast<int>(volume))) {
+        self->has_written = true;
+    }
 }
 
 bool volume_manager_get_mute_state(volume_manager* self) {
