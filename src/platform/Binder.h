@@ -32,7 +32,8 @@ class IPCThreadState {
     static IPCThreadState* self();
 
     // Gives the calling thread to the pool. Returns only when the process is asked to end (SIGTERM
-    // or SIGINT); no notification is delivered any more once it has returned.
+    // or SIGINT); no notification begins any more once it has returned. One that waits for a lock
+    // of this process may still be going on; it ends when that lock is let go of.
     virtual void joinThreadPool(bool isMain) = 0;
 
   protected:
