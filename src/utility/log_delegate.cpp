@@ -5,12 +5,16 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
+#include <cinttypes>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 
 #include "utility/check.h"
+#include "utility/repeat_filter.h"
 
 namespace {
 
@@ -40,24 +44,39 @@ constexpr uint32_t known_level(uint32_t level) {
     return std::min<uint32_t>(level, LOG_LEVEL_FATAL);
 }
 
-}  // namespace
+// One line is whole and out before the next begins.
+constinit std::mutex lines_mutex;
+constinit repeat_filter repeats;  // guarded by lines_mutex
 
-void log_write(const char* category, uint32_t level, const char* message) {
-    NUV_CHECK(category != NULL);
-    NUV_CHECK(message != NULL);
+void write_line(const char* category, uint32_t level, const char* message) {
     timeval now{};
     gettimeofday(&now, nullptr);
     tm local{};
     localtime_r(&now.tv_sec, &local);
-
-    // One lock over write and flush: the line is whole and out before another thread's begins.
-    flockfile(stdout);
     std::printf("%d%02d%02d %02d:%02d:%02d.%03d [%d.%d] %s %s: %s\n", local.tm_year + 1900,
                 local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
                 static_cast<int>(now.tv_usec / 1000), static_cast<int>(getpid()),
                 static_cast<int>(gettid()), kLevelNames[known_level(level)], category, message);
     std::fflush(stdout);
-    funlockfile(stdout);
+}
+
+void write_count(const repeat_filter::count& held_back) {
+    std::array<char, kMessageBufferSize> message;
+    std::snprintf(message.data(), message.size(), "%.*s (%" PRIu64 " more times)",
+                  static_cast<int>(std::strcspn(held_back.message, "\n")), held_back.message,
+                  held_back.lines);
+    write_line(held_back.category, held_back.level, message.data());
+}
+
+}  // namespace
+
+void log_write(const char* category, uint32_t level, const char* message) {
+    NUV_CHECK(category != NULL);
+    NUV_CHECK(message != NULL);
+    const std::lock_guard lock(lines_mutex);
+    if (repeats.admit(repeat_filter::clock::now(), level, category, message, write_count)) {
+        write_line(category, level, message);
+    }
 }
 
 void app_log(uint32_t level, const char* format, ...) {

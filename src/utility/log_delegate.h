@@ -4,7 +4,9 @@
 //
 // (local date and time with milliseconds, process and kernel thread id, level, category, message).
 // Every function may be called from any thread; lines of two threads never mix, and each reaches
-// the reader of a pipe at once. Nothing is allocated.
+// the reader of a pipe at once. Nothing is allocated. Every line is written, but for floods of one
+// and the same: what a call that fails thousands of times a second has to say is counted instead
+// (repeat_filter.h).
 #pragma once
 
 #include <cstdint>
@@ -26,5 +28,5 @@ enum log_level : uint32_t {
 // its network and decoding categories (levels below INFO there).
 void sdk_log_callback(uint32_t level, const char* category, const char* message);
 
-// Writes one line as it is, nothing filtered. The arguments must not be null.
+// Writes one line as it is, whatever its category and level. The arguments must not be null.
 void log_write(const char* category, uint32_t level, const char* message);

@@ -3,9 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
+
+#include "utility/repeat_filter.h"
 
 namespace {
 
@@ -62,7 +65,7 @@ TEST(LogDelegate, LinesOfTwoThreadsNeverMix) {
         const auto write = [](char letter) {
             const std::string message(100, letter);
             for (int i = 0; i < kLines; i++) {
-                app_log(LOG_LEVEL_INFO, "%s", message.c_str());
+                app_log(LOG_LEVEL_INFO, "%d %s", i, message.c_str());
             }
         };
         std::jthread other(write, 'a');
@@ -75,6 +78,30 @@ TEST(LogDelegate, LinesOfTwoThreadsNeverMix) {
         whole += message == std::string(100, 'a') || message == std::string(100, 'b');
     }
     EXPECT_EQ(whole, 2 * kLines);
+}
+
+TEST(LogDelegate, CallsThatFailInTurnWithoutEndAreCountedInsteadOfWritten) {
+    const std::string output = written_by([] {
+        for (int i = 0; i < 1000; i++) {
+            app_log(LOG_LEVEL_ERROR, "write failed");
+            sdk_log_callback(LOG_LEVEL_INFO, "Other", "recovered\n");
+        }
+        std::this_thread::sleep_for(repeat_filter::kFirstStretch);
+        app_log(LOG_LEVEL_ERROR, "last");
+    });
+    std::vector<std::string> ends;
+    std::istringstream lines(output);
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.empty()) {  // "recovered" brings its own
+            ends.push_back(line.substr(line.find("] ") + 2));
+        }
+    }
+    ASSERT_EQ(ends.size(), 2 * repeat_filter::kPassing + 3);
+    EXPECT_EQ(ends[0], "ERROR SampleApp: write failed");
+    EXPECT_EQ(ends[1], "INFO Other: recovered");
+    EXPECT_THAT(ends, testing::IsSupersetOf({"ERROR SampleApp: write failed (990 more times)",
+                                             "INFO Other: recovered (990 more times)"}));
+    EXPECT_EQ(ends.back(), "ERROR SampleApp: last");
 }
 
 }  // namespace

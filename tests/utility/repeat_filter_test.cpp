@@ -1,0 +1,95 @@
+#include "utility/repeat_filter.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace std::chrono_literals;
+
+// The filter at times of the test's own.
+class RepeatFilter : public testing::Test {
+  protected:
+    // How many of `times` equal lines pass, all at one moment.
+    int passing(const std::string& message, int times = 1, uint32_t level = 4,
+                const char* category = "A") {
+        int passed = 0;
+        for (int i = 0; i < times; i++) {
+            passed += filter.admit(now, level, category, message, [&](const auto& count) {
+                counts.push_back(std::to_string(count.level) + count.category + ":" +
+                                 count.message + "*" + std::to_string(count.lines));
+            });
+        }
+        return passed;
+    }
+
+    repeat_filter filter;
+    repeat_filter::clock::time_point now{1h};
+    std::vector<std::string> counts;
+};
+
+TEST_F(RepeatFilter, TenASecondPassForEver) {
+    for (int second = 0; second < 100; second++) {
+        EXPECT_EQ(passing("m", 10), 10);
+        now += 1s;
+    }
+    EXPECT_TRUE(counts.empty());
+}
+
+TEST_F(RepeatFilter, LinesThatDifferInAnythingPass) {
+    EXPECT_EQ(passing("m", 11), 10);
+    EXPECT_EQ(passing("n"), 1);
+    EXPECT_EQ(passing("m", 1, 3), 1);
+    EXPECT_EQ(passing("m", 1, 4, "B"), 1);
+    EXPECT_EQ(passing("Am", 1, 4, ""), 1);
+    for (int i = 0; i < 1000; i++) {
+        EXPECT_EQ(passing(std::to_string(i)), 1);
+    }
+}
+
+TEST_F(RepeatFilter, TheCountComesWithTheFirstLineAfterTheSecond) {
+    passing("m", 500);
+    now += 999ms;
+    passing("n");
+    EXPECT_TRUE(counts.empty());
+    now += 1ms;
+    passing("n");
+    EXPECT_THAT(counts, testing::ElementsAre("4A:m*490"));
+    now += 1h;
+    EXPECT_EQ(passing("m", 11), 10) << "the flood is over and forgotten";
+    EXPECT_EQ(counts.size(), 1u);
+}
+
+TEST_F(RepeatFilter, AnEndlessFloodThinsToOneLineAndOneCountAMinute) {
+    int passed = 0;
+    for (int ms = 0; ms < 3'600'000; ms += 10) {
+        passed += passing("m");
+        now += 10ms;
+    }
+    EXPECT_LT(passed, 10 + 6 + 60);
+    EXPECT_GE(passed, 60);
+    EXPECT_THAT(counts, testing::SizeIs(testing::AllOf(testing::Ge(60), testing::Lt(70))));
+    EXPECT_EQ(counts.front(), "4A:m*90");
+    EXPECT_EQ(counts.back(), "4A:m*5999");
+}
+
+TEST_F(RepeatFilter, FloodsOfMoreLinesThanItRemembersLoseNoCount) {
+    for (int line = 0; line < 17; line++) {
+        passing("m" + std::to_string(line), 20);
+    }
+    EXPECT_THAT(counts, testing::ElementsAre("4A:m0*10"));
+}
+
+TEST_F(RepeatFilter, LongTextsAreToldApartToTheLastByteAndCutInTheCount) {
+    const std::string longer(2047, 'x');
+    passing(longer + "a", 11);
+    EXPECT_EQ(passing(longer + "b"), 1);
+    now += 1s;
+    passing("n");
+    EXPECT_THAT(counts, testing::ElementsAre("4A:" + std::string(255, 'x') + "*1"));
+}
+
+}  // namespace
