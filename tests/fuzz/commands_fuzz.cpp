@@ -1,0 +1,111 @@
+// Command strings of the platform, through the listener's doors and the bridge's own queue.
+//
+// One thread: the fuzzer posts, then works the queue off itself. The bridge's log lines say when it
+// would wait; a stop asked for at that moment cuts the wait short, so that no input takes real
+// time.
+#include <uv.h>
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <stop_token>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "bridge/bridge.h"
+#include "bridge/bridge_instance.h"
+#include "bridge/nuvio_connect_bridge.h"
+#include "fakes/fake_platform.h"
+#include "fakes/fake_sdk.h"
+#include "fuzz/expect.h"
+#include "startup/nuvio_ss_listener.h"
+
+namespace {
+
+std::stop_source g_stop;
+bool g_idle = false;
+
+bool starts_with(const char* text, const char* prefix) {
+    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
+}
+
+// `format` is the bridge's own text, which no input can imitate.
+void on_log_line(const char* format, const char* line) {
+    if (starts_with(format, "NuvioConnect: New device_name") ||
+        starts_with(format, "NuvioConnect: update playbackstatus")) {
+        g_stop.request_stop();
+    } else if (starts_with(format, "NuvioConnect: handleNuvioPlaybackEvents: Waking up") &&
+               std::strstr(line, "m_beventReady = 0") != nullptr) {
+        g_idle = true;
+        g_stop.request_stop();
+    }
+}
+
+[[gnu::format(printf, 1, 0)]] void write_log(const char* format, va_list arguments) {
+    char line[1024];
+    std::vsnprintf(line, sizeof line, format, arguments);
+    on_log_line(format, line);
+}
+
+void work_off(android::NuvioConnect& bridge) {
+    for (g_idle = false; !g_idle;) {
+        g_stop = std::stop_source();
+        bridge.handleNuvioPlaybackEvents(g_stop.get_token());
+    }
+}
+
+android::NuvioConnect* make_playing_bridge() {
+    android::setDeviceInfo(
+        {"8000", "id", "secret", "Den", "Maker", "Model", "0", "hw:0", "PCM", "a45e", "hw:1"});
+    android::NuvioConnect* bridge = android::bridgeInstance();
+    bridge->initDeviceInfo(uv_default_loop());
+    bridge->reportVolume();
+    bridge->reportPlaybackStatus(NUV_PLAYBACK_STATE_PLAYING);
+    work_off(*bridge);
+    return bridge;
+}
+
+std::vector<std::string> lines_of(std::string_view text) {
+    constexpr size_t kMaxLines = 32;
+    std::vector<std::string> lines;
+    while (!text.empty() && lines.size() < kMaxLines) {
+        const size_t end = text.find('\n');
+        lines.emplace_back(text.substr(0, end));
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+    }
+    return lines;
+}
+
+}  // namespace
+
+extern "C" {
+
+[[gnu::format(printf, 2, 3)]] void syslog(int, const char* format, ...);
+void syslog(int, const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    write_log(format, arguments);
+    va_end(arguments);
+}
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static android::NuvioConnect* const bridge = make_playing_bridge();
+    const std::vector<std::string> lines =
+        lines_of(std::string_view(reinterpret_cast<const char*>(data), size));
+    const android::sp<android::NuvioSSListener> listener = android::NuvioSSListener::getInstance();
+    fake_sdk::take_calls();
+    fake_platform::state()->take_calls();
+    for (const std::string& line : lines) {
+        android::postEventTo_Nuvio(line);  // a NUL may be in it
+        listener->OnSourceEvent(line.c_str());
+        listener->OnVolumeChangeEvent(line.c_str());
+    }
+    work_off(*bridge);
+    // No command controls the SDK twice.
+    FUZZ_EXPECT(fake_sdk::take_calls().size() <= 3 * lines.size());
+    return 0;
+}

@@ -1,0 +1,54 @@
+// The body of POST /connect-to-nconnect, from raw bytes to the checked record.
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string>
+
+#include "fuzz/expect.h"
+#include "local_config/connect_request.h"
+
+namespace {
+
+int depth_of(const cJSON* value) {
+    int deepest = 0;
+    for (const cJSON* child = value->child; child != nullptr; child = child->next) {
+        deepest = std::max(deepest, depth_of(child));
+    }
+    return deepest + (cJSON_IsArray(value) || cJSON_IsObject(value) ? 1 : 0);
+}
+
+// The texts are whole, and in the document that owns them.
+void check(const connect_token& token) {
+    FUZZ_EXPECT(token.endpoint != nullptr && token.jwt != nullptr);
+    FUZZ_EXPECT(std::strlen(token.endpoint) + std::strlen(token.jwt) < SIZE_MAX / 2);
+}
+
+void check_complete(const connect_request& request) {
+    FUZZ_EXPECT(request.session_id != nullptr && std::strlen(request.session_id) < SIZE_MAX / 2);
+    check(request.jwt_api);
+    check(request.jwt_nconnect);
+}
+
+bool is_blank(const connect_token& token) {
+    return token.endpoint == nullptr && token.jwt == nullptr && token.exp == 0;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string body(reinterpret_cast<const char*>(data), size);
+    const parsed_connect_request parsed = parse_connect_request(body.c_str());
+    if (parsed.document != nullptr) {
+        FUZZ_EXPECT(depth_of(parsed.document.get()) <= CONNECT_REQUEST_MAXIMUM_NESTING);
+    }
+    if (parsed.error == nullptr) {
+        FUZZ_EXPECT(parsed.document != nullptr);
+        check_complete(parsed.request);
+    } else {
+        FUZZ_EXPECT(std::strncmp(parsed.error, "connect-to-nconnect: ", 21) == 0);
+        FUZZ_EXPECT(parsed.request.session_id == nullptr && !parsed.request.become_active);
+        FUZZ_EXPECT(is_blank(parsed.request.jwt_api) && is_blank(parsed.request.jwt_nconnect));
+    }
+    return 0;
+}

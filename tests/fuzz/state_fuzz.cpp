@@ -1,0 +1,81 @@
+// The file in which the device remembers its name, volume and mute: damaged in any way.
+#include <fcntl.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+
+#include "files.h"
+#include "fuzz/expect.h"
+#include "platform/Kora.h"
+#include "state_store.h"
+#include "text.h"
+
+using namespace nuvio::host;
+
+namespace {
+
+// Removed when the fuzzer ends in good order.
+class Folder {
+  public:
+    Folder() {
+        char name[] = "/dev/shm/nuvio-fuzz-XXXXXX";
+        FUZZ_EXPECT(mkdtemp(name) != nullptr);
+        m_path = name;
+    }
+    ~Folder() {
+        unlink(state().c_str());
+        rmdir(m_path.c_str());
+    }
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+
+    const std::string& path() const { return m_path; }
+    std::string state() const { return m_path + "/state"; }
+
+  private:
+    std::string m_path;
+};
+
+void write_file(const std::string& path, const uint8_t* data, size_t size) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    FUZZ_EXPECT(fd >= 0 && write(fd, data, size) == static_cast<ssize_t>(size));
+    close(fd);
+}
+
+void check_value(int id, const std::string& value) {
+    switch (id) {
+        case android::KORA_DEVICE_NAME:
+            FUZZ_EXPECT(is_device_name(value));
+            break;
+        case android::KORA_VOLUME:
+            FUZZ_EXPECT(to_percent(value).has_value());
+            break;
+        default:
+            FUZZ_EXPECT(id == android::KORA_MUTE && (value == "MUTE" || value == "UNMUTE"));
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const Folder folder;
+    write_file(folder.state(), data, size);
+    StateStore store(folder.path());
+    const std::map<int, std::string> values = store.load();
+    for (const auto& [id, value] : values) {
+        check_value(id, value);
+    }
+    // A damaged file is whole again after the next change, and nothing good in it is lost.
+    const bool was_muted =
+        values.contains(android::KORA_MUTE) && values.at(android::KORA_MUTE) == "MUTE";
+    FUZZ_EXPECT(store.set(android::KORA_MUTE, was_muted ? "UNMUTE" : "MUTE"));
+    store.save();
+    std::map<int, std::string> expected = values;
+    expected[android::KORA_MUTE] = was_muted ? "UNMUTE" : "MUTE";
+    FUZZ_EXPECT(StateStore(folder.path()).load() == expected);
+    return 0;
+}
