@@ -61,7 +61,7 @@ TemporaryFolder::~TemporaryFolder() {
 }
 
 std::string TemporaryFolder::write(const std::string& name, const std::string& text) const {
-    const std::string path = *this / name;
+    std::string path = *this / name;
     std::filesystem::create_directories(std::filesystem::path(path).parent_path());
     std::ofstream(path, std::ios::binary) << text;
     return path;
@@ -70,7 +70,7 @@ std::string TemporaryFolder::write(const std::string& name, const std::string& t
 std::vector<std::byte> AudioFile::pcm_from_ms(uint64_t position_ms) const {
     const uint64_t frame = position_ms * format.sample_rate / 1000;
     const bool deep = format.sample_format == NUV_AUDIO_SAMPLE_FORMAT_24_BIT;
-    const size_t frame_bytes = (deep ? 4 : 2) * format.channel_count;
+    const size_t frame_bytes = (deep ? size_t{4} : size_t{2}) * format.channel_count;
     return {pcm.begin() + static_cast<std::ptrdiff_t>(frame * frame_bytes), pcm.end()};
 }
 

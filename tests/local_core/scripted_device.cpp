@@ -74,8 +74,8 @@ nuv_connect_config ScriptedDevice::config(ScriptedDevice* owner) {
         self->pcm_of_stream.resize(std::max<size_t>(self->pcm_of_stream.size(), id + 1));
         self->hand_over();
     };
-    audio.data = [](nuv_connect*, uint64_t id, const void* data, size_t size, void* context) {
-        return device(context)->on_data(id, data, size);
+    audio.data = [](nuv_connect*, uint64_t id, const void* pcm, size_t size, void* context) {
+        return device(context)->on_data(id, pcm, size);
     };
     audio.metadata = [](nuv_connect*, uint64_t id, const nuv_stream_metadata* metadata,
                         void* context) {
@@ -86,10 +86,10 @@ nuv_connect_config ScriptedDevice::config(ScriptedDevice* owner) {
     audio.finished = [](nuv_connect*, uint64_t id, void* context) {
         device(context)->on_finished(id);
     };
-    audio.seeked = [](nuv_connect*, uint64_t id, uint64_t position_ms, void* context) {
+    audio.seeked = [](nuv_connect*, uint64_t id, uint64_t reached_ms, void* context) {
         ScriptedDevice* self = device(context);
         self->expect_state("seeked", {State::playing_seeking, State::paused_seeking});
-        self->line("seeked %" PRIu64 " %" PRIu64, id, position_ms);
+        self->line("seeked %" PRIu64 " %" PRIu64, id, reached_ms);
         Source* source = self->expect_source(id);
         source->pcm.clear();
         self->pcm_of_stream[id].clear();
@@ -216,7 +216,7 @@ void ScriptedDevice::run_until(const std::function<bool()>& condition) {
     m_guard_fired = false;
     uv_timer_start(
         &m_guard_timer, [](uv_timer_t* timer) { device(timer->data)->m_guard_fired = true; },
-        kPatienceMs, 0);
+        kPatienceMs, kPatienceMs);
     while (!condition() && !m_guard_fired) {
         uv_run(&m_loop, UV_RUN_ONCE);
     }
@@ -237,9 +237,10 @@ void ScriptedDevice::run_until_line(const std::string& line) {
 
 void ScriptedDevice::run_for_ms(uint64_t ms) {
     const uint64_t end = uv_hrtime() + ms * 1000000;
+    // Repeated: one that is due before the loop waits would leave it waiting for ever.
+    uv_timer_start(
+        &m_guard_timer, [](uv_timer_t*) {}, 1, 1);
     while (uv_hrtime() < end) {
-        uv_timer_start(
-            &m_guard_timer, [](uv_timer_t*) {}, 1, 0);
         uv_run(&m_loop, UV_RUN_ONCE);
     }
     uv_timer_stop(&m_guard_timer);

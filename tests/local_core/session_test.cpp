@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 
 #include "local/content.h"
@@ -55,10 +56,9 @@ TEST(Playlist, OddBytesAreBoundedAndDoNoHarm) {
 }
 
 std::vector<std::string> paths_of(const std::vector<Track>& tracks) {
-    std::vector<std::string> paths;
-    for (const Track& track : tracks) {
-        paths.push_back(track.path);
-    }
+    std::vector<std::string> paths(tracks.size());
+    std::transform(tracks.begin(), tracks.end(), paths.begin(),
+                   [](const Track& track) { return track.path; });
     return paths;
 }
 
