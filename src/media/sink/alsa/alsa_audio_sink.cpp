@@ -18,6 +18,8 @@
 struct audio_sink {
     uv_loop_t* event_loop = nullptr;  // borrowed
     std::string output_device;
+    std::string volume_control_device;
+    std::string volume_control_element;
     volume_manager_ptr volume_manager;  // null: no volume control
     nuv_audio_quality maximum_audio_quality = NUV_AUDIO_QUALITY_CD;
 
@@ -50,6 +52,8 @@ constexpr int kMaxPrepares = 3;                  // in one repair
 constexpr int kMaxFruitlessWrites = 5;           // in one write
 constexpr int kMaxInterruptedDrains = 5;         // in one drain
 constexpr unsigned kMaxFailedSpaceQueries = 10;  // in a row, while waiting for space
+
+constexpr uint64_t kSpaceCheckMs = 10;  // where the descriptors are of no use
 
 snd_pcm_format_t nuvio_format_to_alsa_format(nuv_audio_sample_format format) {
     switch (format) {
@@ -185,6 +189,12 @@ void check_space(audio_sink* self) {
     }
 }
 
+void check_space_in(audio_sink* self, uint64_t delay_ms) {
+    uv_timer_start(
+        self->space_check_timer,
+        [](uv_timer_t* timer) { check_space(static_cast<audio_sink*>(timer->data)); }, delay_ms, 0);
+}
+
 void alsa_audio_sink_on_pcm_descriptor_poll_event(descriptor_poller* poller, pollfd* descriptors,
                                                   unsigned count, void* user_data) {
     auto* self = static_cast<audio_sink*>(user_data);
@@ -192,49 +202,74 @@ void alsa_audio_sink_on_pcm_descriptor_poll_event(descriptor_poller* poller, pol
     NUV_CHECK(poller == self->descriptor_poller.get());
     NUV_CHECK(self->pcm != NULL);
     // Plug-ins (dmix, sound servers) take back a wake-up that brought no room only in this call;
-    // without it their descriptor stays readable. What it says does not matter.
+    // without it their descriptor stays readable, and the loop would spin until there is room. What
+    // it says does not matter.
     unsigned short revents = 0;
-    snd_pcm_poll_descriptors_revents(self->pcm.get(), descriptors, count, &revents);
+    if (snd_pcm_poll_descriptors_revents(self->pcm.get(), descriptors, count, &revents) < 0) {
+        descriptor_poller_stop_polling(poller);
+        check_space_in(self, kSpaceCheckMs);
+        return;
+    }
     check_space(self);
-}
-
-void alsa_audio_sink_on_space_check_timer(uv_timer_t* timer) {
-    check_space(static_cast<audio_sink*>(timer->data));
 }
 
 // ---- Writing --------------------------------------------------------------------------------
 
-// Writes all the frames, repairing the PCM when it fails. False when it has failed for good.
-bool write_frames(audio_sink* self, const void* data, size_t frames, const char* what) {
+// How many frames a failed write has placed all the same. alsa-lib starts a prepared plug-in with
+// what it was given and reports a failed start instead of the count.
+size_t frames_kept(snd_pcm_t* pcm, snd_pcm_sframes_t space_before) {
+    if (snd_pcm_state(pcm) != SND_PCM_STATE_PREPARED) {
+        return 0;
+    }
+    const snd_pcm_sframes_t space = snd_pcm_avail_update(pcm);
+    return space >= 0 && space < space_before ? static_cast<size_t>(space_before - space) : 0;
+}
+
+// A driver that fails to start with what it was given may keep that to itself; a PCM that does not
+// run never has room again.
+bool ensure_started(audio_sink* self) {
+    return snd_pcm_state(self->pcm.get()) != SND_PCM_STATE_PREPARED ||
+           alsa_ok(snd_pcm_start(self->pcm.get()), "Unable to start ALSA audio sink");
+}
+
+// Writes all the frames, for which there is room, repairing the PCM when it fails. False when it
+// has failed for good.
+bool write_frames(audio_sink* self, const void* data, size_t frames, snd_pcm_sframes_t space,
+                  const char* what) {
+    if (frames == 0) {
+        return true;
+    }
+    const bool starts = snd_pcm_state(self->pcm.get()) == SND_PCM_STATE_PREPARED;
     const auto* position = static_cast<const uint8_t*>(data);
     int fruitless_writes = 0;
     while (frames > 0) {
         const snd_pcm_sframes_t written = snd_pcm_writei(self->pcm.get(), position, frames);
-        if (written > 0) {
-            position += static_cast<size_t>(written) * bytes_per_frame(self);
-            frames -= static_cast<size_t>(written);
-            continue;
-        }
+        size_t placed = written > 0 ? static_cast<size_t>(written) : 0;
         if (written < 0) {
             app_log(LOG_LEVEL_WARNING, "Unable to write %s ALSA audio sink, trying to recover",
                     what);
             if (!alsa_audio_sink_recover_pcm(self, static_cast<int>(written))) {
                 return false;
             }
+            placed = starts ? std::min(frames_kept(self->pcm.get(), space), frames) : 0;
         }
-        if (++fruitless_writes == kMaxFruitlessWrites) {
+        if (placed == 0 && ++fruitless_writes == kMaxFruitlessWrites) {
             app_log(LOG_LEVEL_ERROR, "ALSA audio sink took nothing in %d writes",
                     kMaxFruitlessWrites);
             return false;
         }
+        position += placed * bytes_per_frame(self);
+        frames -= placed;
+        space -= static_cast<snd_pcm_sframes_t>(placed);
     }
-    return true;
+    return ensure_started(self);
 }
 
 bool alsa_audio_sink_write_silence(audio_sink* self, unsigned duration_ms) {
     const size_t frames = static_cast<size_t>(self->sample_rate) * duration_ms / 1000;
     const std::vector<uint8_t> silence(frames * bytes_per_frame(self));
-    return write_frames(self, silence.data(), frames, "silence to");
+    return write_frames(self, silence.data(), frames, snd_pcm_avail_update(self->pcm.get()),
+                        "silence to");
 }
 
 int drain_despite_signals(snd_pcm_t* pcm) {
@@ -317,6 +352,32 @@ void alsa_audio_sink_on_volume_manager_mute_state_changed(volume_manager* manage
     }
 }
 
+volume_manager_ptr new_volume_manager(audio_sink* self) {
+    return volume_manager_ptr(
+        volume_manager_new(self->event_loop, self->volume_control_device.c_str(),
+                           self->volume_control_element.c_str(), 0,
+                           {self, alsa_audio_sink_on_volume_manager_volume_changed,
+                            alsa_audio_sink_on_volume_manager_mute_state_changed}));
+}
+
+// The mixer of a card that was pulled out is dead for good. When the card is back it has another
+// one, which is given the volume of the old.
+void renew_lost_volume_manager(audio_sink* self) {
+    if (!self->volume_manager || !volume_manager_is_lost(self->volume_manager.get())) {
+        return;
+    }
+    volume_manager_ptr renewed = new_volume_manager(self);
+    if (!renewed) {
+        return;
+    }
+    const uint32_t volume = volume_manager_get_reported_volume(self->volume_manager.get());
+    const bool muted = volume_manager_get_reported_mute_state(self->volume_manager.get());
+    self->volume_manager = std::move(renewed);
+    volume_manager_set_volume(self->volume_manager.get(), volume);
+    volume_manager_set_mute_state(self->volume_manager.get(), muted);
+    app_log(LOG_LEVEL_INFO, "System volume control is back");
+}
+
 // Opens the device once to learn what it can do. A device that does not open may do so later and
 // counts as CD; none: it can never play.
 std::optional<nuv_audio_quality> probe_device(const std::string& device,
@@ -348,11 +409,10 @@ audio_sink* audio_sink_new(uv_loop_t* event_loop, const char* output_device,
     std::unique_ptr<audio_sink, audio_sink_deleter> self(new audio_sink);
     self->event_loop = event_loop;
     self->output_device = output_device;
+    self->volume_control_device = volume_control_device;
+    self->volume_control_element = volume_control_element;
     self->space_check_timer = uv_timer_new(event_loop, self.get());
-    self->volume_manager.reset(
-        volume_manager_new(event_loop, volume_control_device, volume_control_element, 0,
-                           {self.get(), alsa_audio_sink_on_volume_manager_volume_changed,
-                            alsa_audio_sink_on_volume_manager_mute_state_changed}));
+    self->volume_manager = new_volume_manager(self.get());
     if (!self->volume_manager) {
         app_log(LOG_LEVEL_WARNING,
                 "Volume manager initialization failed; continuing without system volume control");
@@ -423,6 +483,7 @@ bool audio_sink_open(audio_sink* self, const nuv_audio_format* format) {
     self->sample_rate = format->sample_rate;
     self->channel_count = format->channel_count;
     self->format = alsa_format;
+    renew_lost_volume_manager(self);
     return true;
 }
 
@@ -456,7 +517,7 @@ size_t audio_sink_write(audio_sink* self, const void* data, size_t size, bool* o
     }
     const size_t frame_size = bytes_per_frame(self);
     const size_t frames = std::min(size / frame_size, static_cast<size_t>(*space));
-    if (!write_frames(self, data, frames, "data to")) {
+    if (!write_frames(self, data, frames, *space, "data to")) {
         return 0;
     }
     const size_t written = frames * frame_size;
@@ -502,7 +563,7 @@ bool audio_sink_flush(audio_sink* self) {
     }
     if (self->waits_for_space) {
         // The descriptor of a stopped plug-in (dmix) stays silent, however much room there is.
-        uv_timer_start(self->space_check_timer, alsa_audio_sink_on_space_check_timer, 0, 0);
+        check_space_in(self, 0);
     }
     const bool was_paused = snd_pcm_state(self->pcm.get()) == SND_PCM_STATE_PAUSED;
     if (!alsa_ok(snd_pcm_drop(self->pcm.get()),

@@ -63,7 +63,8 @@ bool audio_sink_drain(audio_sink* self);
 // Frames written and not yet heard. 0 and *ok false when the device does not tell.
 uint64_t audio_sink_get_buffered_frame_count(audio_sink* self, bool* ok);
 
-// 50 and unmuted where the device has no usable mixer element; the setters do nothing there.
+// 50 and unmuted where the device has no usable mixer element; the setters do nothing there. An
+// element that went, with its card, is looked for again by the next open.
 uint32_t audio_sink_get_volume(audio_sink* self);
 void audio_sink_set_volume(audio_sink* self, uint32_t volume);
 bool audio_sink_get_mute_state(audio_sink* self);

@@ -262,3 +262,18 @@ void volume_manager_set_mute_state(volume_manager* self, bool muted) {
         self->has_written = true;
     }
 }
+
+bool volume_manager_is_lost(const volume_manager* self) {
+    NUV_CHECK(self != NULL);
+    return self->volume_element == nullptr || self->failed_polls > 0;
+}
+
+uint32_t volume_manager_get_reported_volume(const volume_manager* self) {
+    NUV_CHECK(self != NULL);
+    return self->volume;
+}
+
+bool volume_manager_get_reported_mute_state(const volume_manager* self) {
+    NUV_CHECK(self != NULL);
+    return self->muted;
+}

@@ -40,6 +40,13 @@ void volume_manager_free(volume_manager* self);
 uint32_t volume_manager_get_volume(volume_manager* self);
 bool volume_manager_get_mute_state(volume_manager* self);
 
+// True once the element has gone or the mixer fails: nothing is followed any longer, whatever comes
+// back. A new manager may find the element again.
+bool volume_manager_is_lost(const volume_manager* self);
+// The values that the delegate was told last, or those at creation.
+uint32_t volume_manager_get_reported_volume(const volume_manager* self);
+bool volume_manager_get_reported_mute_state(const volume_manager* self);
+
 // Written on all channels, unless the element shows the value already.
 void volume_manager_set_volume(volume_manager* self, uint32_t volume);
 void volume_manager_set_mute_state(volume_manager* self, bool muted);

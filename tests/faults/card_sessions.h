@@ -1,0 +1,85 @@
+// Sessions of a renderer on a simulated card, each with an end and a bound on what it may cost.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <iterator>
+
+#include "fakes/fake_sdk.h"
+#include "faults/loop_watch.h"
+#include "faults/scripted_sdk.h"
+#include "media/audio_renderer.h"
+#include "tools/simcard/simcard.h"
+
+class CardSessions : public testing::Test {
+  protected:
+    CardSessions() {
+        alarm(stuck_after_s);  // a blocked loop can't end the test by itself
+        fake_sdk::reset();
+        uv_loop_init(&loop_);
+    }
+    ~CardSessions() override {
+        if (renderer_ != nullptr) {
+            audio_renderer_free(renderer_);
+        }
+        uv_run(&loop_, UV_RUN_DEFAULT);
+        EXPECT_EQ(uv_loop_close(&loop_), 0) << "a handle was left open";
+        std::filesystem::remove_all(directory_);
+        alarm(0);
+    }
+
+    static constexpr double speed = 4;
+    // Of the card that a session is played on by default.
+    static simcard::Settings settings() {
+        simcard::Settings settings;
+        settings.default_buffer_ms = 100;
+        settings.speed = speed;
+        settings.patient = true;  // underruns come from the test, not from a busy machine
+        return settings;
+    }
+    simcard::Card make_card(const simcard::Settings& settings) const {
+        simcard::Card card = simcard::Card::create(directory_, settings);
+        card.use_in_this_process();
+        return card;
+    }
+    void make_renderer() {
+        renderer_ = audio_renderer_new(&loop_, "simcard", "simcard", "Master");
+        ASSERT_NE(renderer_, nullptr);
+        audio_renderer_set_core(renderer_, fake_sdk::core());
+    }
+
+    // Runs the session to its end.
+    void run(const ScriptedSdk& sdk) {
+        LoopWatch watch(&loop_, session_limit_ms, [&] { return sdk.is_delivering(); });
+        while (!sdk.is_over() && !watch.is_overdue()) {
+            uv_run(&loop_, UV_RUN_ONCE);
+        }
+        EXPECT_FALSE(watch.is_overdue()) << "the session came to no end";
+        EXPECT_LE(watch.wake_ups(), max_wake_ups) << "the loop spins";
+    }
+    // Runs what is due now.
+    void settle() {
+        for (int pass = 0; pass < 20; ++pass) {
+            uv_run(&loop_, UV_RUN_NOWAIT);
+        }
+    }
+
+    static size_t open_descriptors() {
+        const std::filesystem::directory_iterator entries("/proc/self/fd");
+        return static_cast<size_t>(std::distance(begin(entries), end(entries)));
+    }
+
+    uv_loop_t loop_{};
+    audio_renderer* renderer_ = nullptr;
+
+  private:
+    static constexpr unsigned stuck_after_s = 60;
+    static constexpr unsigned session_limit_ms = 20000;
+    // A session is shorter than a second: some 20 wake-ups for room, a few timers.
+    static constexpr uint64_t max_wake_ups = 300;
+
+    const std::filesystem::path directory_ =
+        std::filesystem::temp_directory_path() / ("card-sessions-" + std::to_string(getpid()));
+};

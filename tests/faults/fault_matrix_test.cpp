@@ -1,0 +1,346 @@
+// Every ALSA call that the sink makes, failing with each error that a driver really gives there, at
+// each moment of a session; and what may happen to a card without any call. The real renderer,
+// sources, sink and volume manager play on the simulated card; the SDK is scripted.
+//
+// A row of the table is a fault, a column the moment at which it strikes, a cell what becomes of
+// the session. In every cell: the session comes to its end, waits without spinning, releases what
+// it held, and the next session plays bit for bit.
+//
+// By default a part of the cells, the same each time; NUVIO_LONG=1 runs them all.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "faults/card_sessions.h"
+#include "platform/Environment.h"
+#include "tools/simcard/simcard.h"
+
+// The settings name the default device.
+void GetEnvItemByName(const char* /*key*/, char* value) {
+    std::strcpy(value, "default");
+}
+
+namespace {
+
+using simcard::Card;
+using simcard::Fault;
+using simcard::Op;
+using simcard::Resume;
+
+// ---- The table ---------------------------------------------------------------------------------
+
+enum class Outcome : char {
+    does_not_occur = '.',  // the call isn't made then, or the event changes nothing
+    silent = 'S',          // repaired; every frame is heard
+    loses_queue = 'Q',     // repaired; what ALSA had queued is lost, the rest is heard
+    error = 'E',           // one playback error
+    ends = 'F',            // reported as finished; what was queued at the end is lost
+};
+
+// The columns.
+enum class Moment {
+    open,    // before playback is initiated
+    mid,     // the sink waits for room
+    pause,   // the same, and playback pauses right afterwards, to be resumed
+    seek,    // the same, and a seek forward begins right afterwards
+    hand,    // the next track of the same format starts to flow behind the ending one
+    format,  // the ending track is drained, the next one has another format
+    tail,    // everything is queued, the end-of-track timers run
+    drain,   // the last track's rest is drained
+};
+constexpr std::array moment_names{"open", "mid",    "pause", "seek",
+                                  "hand", "format", "tail",  "drain"};
+
+struct Row {
+    std::string name;
+    std::optional<Fault> fault;
+    void (*event)(Card&) = nullptr;
+    std::string outcomes;  // a letter a moment
+};
+
+constexpr uint64_t forever = Fault::forever;
+
+Row fails(Op op, int error, uint64_t times, std::string outcomes) {
+    const std::string often = times == forever ? "forever" : std::to_string(times) + "x";
+    std::erase(outcomes, ' ');
+    return {std::string(simcard::op_name(op)) + "_" + strerrorname_np(error) + "_" + often,
+            Fault{op, error, 0, times}, nullptr, std::move(outcomes)};
+}
+
+Row happens(const char* name, void (*event)(Card&), std::string outcomes) {
+    std::erase(outcomes, ' ');
+    return {name, std::nullopt, event, std::move(outcomes)};
+}
+
+const std::vector<Row>& rows() {
+    // clang-format off
+    static const std::vector<Row> table = {
+        //                                         open mid  paus seek hand form tail drai
+        fails(Op::open, EBUSY, 1,                 " E    .    .    .    .    E    .    .  "),
+        fails(Op::open, ENODEV, 1,                " E    .    .    .    .    E    .    .  "),
+        fails(Op::open, EAGAIN, 1,                " E    .    .    .    .    E    .    .  "),
+        fails(Op::open, EINTR, 1,                 " E    .    .    .    .    E    .    .  "),
+        fails(Op::hw_params, EIO, 1,              " E    .    .    .    .    E    .    .  "),
+        fails(Op::hw_params, EBUSY, 1,            " E    .    .    .    .    E    .    .  "),
+        fails(Op::hw_params, ENODEV, 1,           " E    .    .    .    .    E    .    .  "),
+        fails(Op::poll_descriptor_count, EIO, 1,  " E    .    .    .    .    E    .    .  "),
+        fails(Op::poll_descriptors, EIO, 1,       " E    .    .    .    .    E    .    .  "),
+        // Set-up prepares; so do a pause and a seek after they have dropped the queue, and there
+        // the next write tries again.
+        fails(Op::prepare, EIO, 1,                " E    .    S    S    .    E    .    .  "),
+        fails(Op::prepare, EBUSY, 1,              " E    .    S    S    .    E    .    .  "),
+        fails(Op::prepare, EIO, forever,          " E    .    E    E    .    E    .    .  "),
+        fails(Op::prepare, ENODEV, forever,       " E    .    E    E    .    E    .    .  "),
+        // The first write into a prepared stream starts it.
+        fails(Op::start, EIO, 1,                  " S    .    S    S    .    S    .    .  "),
+        fails(Op::start, EPIPE, 1,                " Q    .    Q    Q    .    Q    .    .  "),
+        fails(Op::start, ESTRPIPE, 1,             " S    .    S    S    .    S    .    .  "),
+        fails(Op::start, EIO, forever,            " E    .    E    E    .    E    .    .  "),
+        fails(Op::start, ENODEV, forever,         " E    .    E    E    .    E    .    .  "),
+        // An underrun of an empty stream loses nothing.
+        fails(Op::write, EPIPE, 1,                " S    Q    S    S    Q    S    .    .  "),
+        fails(Op::write, EPIPE, forever,          " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, ESTRPIPE, 1,             " S    S    S    S    S    S    .    .  "),
+        fails(Op::write, ESTRPIPE, forever,       " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, EINTR, 2,                " S    S    S    S    S    S    .    .  "),
+        fails(Op::write, EINTR, forever,          " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, EAGAIN, 2,               " S    S    S    S    S    S    .    .  "),
+        fails(Op::write, EAGAIN, forever,         " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, EIO, 1,                  " S    S    S    S    S    S    .    .  "),
+        fails(Op::write, EIO, forever,            " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, ENODEV, forever,         " E    E    E    E    E    E    .    .  "),
+        // The space query. snd_pcm_avail makes two calls.
+        fails(Op::pointer, EPIPE, 1,              " S    Q    S    S    Q    S    .    .  "),
+        fails(Op::pointer, EPIPE, forever,        " E    E    E    E    E    E    .    .  "),
+        fails(Op::pointer, ESTRPIPE, 1,           " S    S    S    S    S    S    .    .  "),
+        fails(Op::pointer, EIO, 2,                " S    S    S    S    S    S    .    .  "),
+        fails(Op::pointer, EIO, forever,          " E    E    E    E    E    E    .    .  "),
+        fails(Op::pointer, ENODEV, forever,       " E    E    E    E    E    E    .    .  "),
+        // The position is not worth an error.
+        fails(Op::delay, EPIPE, 1,                " Q    Q    S    S    Q    Q    .    .  "),
+        fails(Op::delay, ESTRPIPE, 1,             " S    S    S    S    S    S    .    .  "),
+        fails(Op::delay, EIO, forever,            " S    S    S    S    S    S    .    .  "),
+        fails(Op::delay, ENODEV, forever,         " S    S    S    S    S    S    .    .  "),
+        fails(Op::poll_revents, EIO, 1,           " S    S    S    S    S    S    .    .  "),
+        fails(Op::poll_revents, EIO, forever,     " S    S    S    S    S    S    .    .  "),
+        fails(Op::drop, EIO, 1,                   " .    .    S    S    .    .    .    .  "),
+        fails(Op::drain, EINTR, 2,                " .    .    .    .    .    S    .    S  "),
+        fails(Op::drain, EINTR, 5,                " .    .    .    .    .    Q    .    F  "),
+        fails(Op::drain, EAGAIN, 1,               " .    .    .    .    .    Q    .    F  "),
+        fails(Op::drain, EPIPE, 1,                " .    .    .    .    .    Q    .    F  "),
+        fails(Op::drain, ESTRPIPE, 1,             " .    .    .    .    .    Q    .    F  "),
+        fails(Op::drain, EIO, 1,                  " .    .    .    .    .    Q    .    F  "),
+        fails(Op::drain, ENODEV, 1,               " .    .    .    .    .    Q    .    F  "),
+
+        happens("short_writes", [](Card& card) { card.shorten_writes(7, 3); },
+                                                  " S    S    S    S    S    S    .    .  "),
+        happens("underrun", [](Card& card) { card.underrun(); },
+                                                  " .    Q    S    S    Q    .    .    .  "),
+        happens("suspended_resume_works", [](Card& card) { card.suspend(Resume::works); },
+                                                  " .    S    S    S    S    Q    F    F  "),
+        happens("suspended_resume_unsupported",
+                [](Card& card) { card.suspend(Resume::unsupported); },
+                                                  " .    Q    S    S    Q    Q    F    F  "),
+        happens("suspended_for_good", [](Card& card) { card.suspend(Resume::stuck); },
+                                                  " .    E    S    S    E    Q    F    F  "),
+        happens("unplugged", [](Card& card) { card.unplug(); },
+                                                  " E    E    E    E    E    E    F    F  "),
+        happens("unplugged_and_plugged_in", [](Card& card) { card.unplug(); card.plug_in(); },
+                                                  " .    E    E    E    E    Q    F    F  "),
+    };
+    // clang-format on
+    return table;
+}
+
+// ---- A cell ------------------------------------------------------------------------------------
+
+struct Cell {
+    const Row* row;
+    Moment moment;
+    Outcome outcome;
+    std::string name;
+};
+void PrintTo(const Cell& cell, std::ostream* out) {
+    *out << cell.name << " -> " << static_cast<char>(cell.outcome);
+}
+
+std::vector<Cell> cells_of(const Row& row) {
+    std::vector<Cell> cells;
+    for (size_t i = 0; i < moment_names.size(); ++i) {
+        const auto outcome = static_cast<Outcome>(row.outcomes.at(i));
+        if (outcome != Outcome::does_not_occur) {
+            cells.push_back(
+                {&row, static_cast<Moment>(i), outcome, row.name + "_" + moment_names.at(i)});
+        }
+    }
+    return cells;
+}
+
+// In the short form one cell of each row, another column from row to row.
+std::vector<Cell> selected_cells() {
+    std::vector<Cell> selected;
+    size_t turn = 0;
+    for (const Row& row : rows()) {
+        const std::vector<Cell> cells = cells_of(row);
+        if (std::getenv("NUVIO_LONG") != nullptr) {
+            selected.insert(selected.end(), cells.begin(), cells.end());
+        } else {
+            selected.push_back(cells[turn++ % cells.size()]);
+        }
+    }
+    return selected;
+}
+
+// So slow that something is left to drain when the end-of-track timer fires.
+constexpr double slow = 0.5;
+constexpr uint64_t max_calls = 1500;  // of the PCM, in a session
+
+uint64_t pcm_calls(const simcard::Counters& counters) {
+    uint64_t sum = 0;
+    for (size_t op = 0; op <= static_cast<size_t>(Op::poll_revents); ++op) {
+        sum += counters.calls[op];
+    }
+    return sum;
+}
+
+class FaultMatrix : public CardSessions, public testing::WithParamInterface<Cell> {
+  protected:
+    // The first session of a cell.
+    static void play(const Cell& cell, Card& card, ScriptedSdk& sdk);
+};
+
+std::vector<Track> tracks_for(Moment moment) {
+    switch (moment) {
+        case Moment::hand:
+            return {{cd, 150}, {cd, 250}};
+        case Moment::format:
+            return {{cd, 150}, {hi_res, 150}};
+        case Moment::tail:
+        case Moment::drain:
+            return {{cd, 150}};
+        case Moment::open:
+        case Moment::mid:
+        case Moment::pause:
+        case Moment::seek:
+            break;
+    }
+    return {{cd, 400}};
+}
+
+Point point_of(Moment moment) {
+    switch (moment) {
+        case Moment::open:
+            return Point::opening;
+        case Moment::mid:
+        case Moment::pause:
+        case Moment::seek:
+            return Point::waiting;
+        case Moment::hand:
+            return Point::handing_over;
+        case Moment::format:
+            return Point::changing_format;
+        case Moment::tail:
+            return Point::delivered;
+        case Moment::drain:
+            return Point::draining;
+    }
+    return Point::opening;
+}
+
+bool ends_slowly(Moment moment) {
+    return moment == Moment::format || moment == Moment::tail || moment == Moment::drain;
+}
+
+void FaultMatrix::play(const Cell& cell, Card& card, ScriptedSdk& sdk) {
+    bool struck = false;
+    sdk.at([&, struck](Point point) mutable {
+        if (struck || point != point_of(cell.moment)) {
+            return;
+        }
+        struck = true;
+        if (cell.row->fault) {
+            card.inject(*cell.row->fault);
+        } else {
+            cell.row->event(card);
+        }
+        if (cell.moment == Moment::pause) {
+            sdk.pause_for(30);
+        } else if (cell.moment == Moment::seek) {
+            sdk.seek_ahead(50);
+        }
+    });
+    card.set_speed(ends_slowly(cell.moment) ? slow : speed);
+    sdk.play(tracks_for(cell.moment));
+}
+
+void check(const Cell& cell, const Card& card, const ScriptedSdk& sdk) {
+    const simcard::Counters counters = card.counters();
+    if (cell.row->fault) {
+        EXPECT_GE(counters.faults[static_cast<size_t>(cell.row->fault->op)], 1U)
+            << "the call is not made at this moment";
+    }
+    EXPECT_LE(pcm_calls(counters), max_calls);
+    for (const simcard::Recording& recording : card.recordings()) {
+        EXPECT_TRUE(recording.closed);
+        EXPECT_TRUE(ScriptedSdk::is_in_order(Card::data(recording), recording.frame_bytes()))
+            << "nothing is heard twice or out of order";
+    }
+
+    const bool fails = cell.outcome == Outcome::error;
+    EXPECT_EQ(sdk.errors(), fails ? 1U : 0U);
+    EXPECT_EQ(sdk.ended(), !fails);
+    if (fails) {
+        return;
+    }
+    uint64_t frames = 0;
+    for (const Track& track : tracks_for(cell.moment)) {
+        frames += track.frames();
+    }
+    EXPECT_EQ(sdk.frames_taken() + sdk.frames_skipped(), frames) << "the tracks are taken whole";
+    EXPECT_EQ(counters.frames_played + counters.frames_dropped, counters.frames_written);
+    const bool drops_itself = cell.moment == Moment::pause || cell.moment == Moment::seek;
+    const bool loses_queue = cell.outcome != Outcome::silent;
+    EXPECT_EQ(counters.drops, (drops_itself ? 1U : 0U) + (loses_queue ? 1U : 0U));
+    if (!loses_queue) {
+        EXPECT_EQ(counters.frames_written, sdk.frames_taken());
+    }
+}
+
+TEST_P(FaultMatrix, SessionEndsAsStatedAndTheNextOnePlays) {
+    const Cell& cell = GetParam();
+    Card card = make_card(settings());
+    make_renderer();
+    card.reset_counters();
+    const size_t descriptors = open_descriptors();
+    {
+        ScriptedSdk sdk(&loop_, renderer_);
+        play(cell, card, sdk);
+        run(sdk);
+        check(cell, card, sdk);
+    }
+    EXPECT_LE(open_descriptors(), descriptors) << "a descriptor was left open";
+
+    card.clear_faults();
+    card.plug_in();
+    card.set_speed(speed);
+    card.reset_counters();
+    ScriptedSdk sdk(&loop_, renderer_);
+    sdk.play({{cd, 150}});
+    run(sdk);
+    EXPECT_EQ(sdk.errors(), 0U);
+    EXPECT_TRUE(sdk.ended());
+    EXPECT_EQ(card.counters().frames_played, sdk.frames_taken()) << "the next session plays";
+}
+
+INSTANTIATE_TEST_SUITE_P(AlsaCalls, FaultMatrix, testing::ValuesIn(selected_cells()),
+                         [](const auto& cell) { return cell.param.name; });
+
+}  // namespace

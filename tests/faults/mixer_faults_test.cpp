@@ -1,0 +1,207 @@
+// The mixer's faults: the element missing, read-only or gone, and each call of the volume manager
+// failing, before the renderer is made and while it plays. Playback never suffers; the table says
+// what becomes of the volume control.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "faults/card_sessions.h"
+
+namespace {
+
+using simcard::Card;
+using simcard::Fault;
+using simcard::Op;
+
+// What still works after the fault: "sets" (the SDK's volume and mute reach the card) and "follows"
+// (what others change there reaches the SDK).
+enum Control : unsigned { none = 0, sets = 1, follows = 2, both = sets | follows };
+
+void PrintTo(Control control, std::ostream* out) {
+    *out << ((control & sets) != 0 ? "sets " : "") << ((control & follows) != 0 ? "follows" : "");
+}
+
+struct Row {
+    std::string name;
+    void (*strike)(Card&);
+    Control afterwards;  // in the same session, once the fault is over
+    Control next_session;
+};
+void PrintTo(const Row& row, std::ostream* out) {
+    *out << row.name;
+}
+
+template <Op op, int error, uint64_t times>
+void fail(Card& card) {
+    card.inject({op, error, 0, times});
+}
+constexpr uint64_t forever = Fault::forever;
+
+// Changes by both sides, as long as the fault lasts.
+class MixerFaults : public CardSessions {
+  protected:
+    void sdk_sets(uint32_t volume, bool muted) {
+        const nuv_media_delegate media = audio_renderer_get_media_delegate(renderer_);
+        media.volume_changed(fake_sdk::core(), volume, media.context);
+        media.mute_state_changed(fake_sdk::core(), muted, media.context);
+        settle();
+    }
+    void other_sets(Card& card, long raw, bool on) {
+        card.set_volume(raw);
+        card.set_switch(on);
+        settle();
+    }
+
+    Control control(Card& card) {
+        sdk_sets(20, true);
+        sdk_sets(80, false);
+        const bool is_set = card.volume() == 204 && card.switch_on();
+        fake_sdk::take_calls();
+        other_sets(card, 102, false);
+        const auto calls = fake_sdk::take_calls();
+        const bool is_followed = std::ranges::count(calls, "set_volume 40") == 1 &&
+                                 std::ranges::count(calls, "set_mute_state true") == 1;
+        other_sets(card, 128, true);
+        return static_cast<Control>((is_set ? sets : none) | (is_followed ? follows : none));
+    }
+
+    // The whole track is heard, whatever the mixer does.
+    void expect_heard(Card& card, const std::function<void()>& while_playing) {
+        card.reset_counters();
+        ScriptedSdk sdk(&loop_, renderer_);
+        sdk.at([&](Point point) {
+            if (point == Point::waiting) {
+                while_playing();
+            }
+        });
+        sdk.play({{cd, 250}});
+        run(sdk);
+        EXPECT_EQ(sdk.errors(), 0U);
+        EXPECT_TRUE(sdk.ended());
+        EXPECT_EQ(card.counters().frames_played, sdk.frames_taken());
+    }
+};
+
+class MixerFaultsAtCreation : public MixerFaults, public testing::WithParamInterface<Row> {};
+class MixerFaultsWhilePlaying : public MixerFaults, public testing::WithParamInterface<Row> {};
+
+// A mixer that could not be set up is not tried again.
+const Row creation_rows[] = {
+    {"ctl_open_ENODEV", fail<Op::ctl_open, ENODEV, 1>, none, none},
+    {"ctl_open_EBUSY", fail<Op::ctl_open, EBUSY, 1>, none, none},
+    {"ctl_list_EIO", fail<Op::ctl_list, EIO, 1>, none, none},
+    {"element_missing", [](Card& card) { card.remove_element(); }, none, none},
+    {"unplugged", [](Card& card) { card.unplug(); }, none, none},
+};
+
+const Row playing_rows[] = {
+    {"write_volume_EIO_1x", fail<Op::write_volume, EIO, 1>, both, both},
+    {"write_volume_EBUSY_forever", fail<Op::write_volume, EBUSY, forever>, both, both},
+    {"write_volume_ENODEV_1x", fail<Op::write_volume, ENODEV, 1>, both, both},
+    {"write_switch_EIO_1x", fail<Op::write_switch, EIO, 1>, both, both},
+    {"write_switch_EPERM_forever", fail<Op::write_switch, EPERM, forever>, both, both},
+    {"read_volume_EIO_1x", fail<Op::read_volume, EIO, 1>, both, both},
+    {"read_volume_EIO_forever", fail<Op::read_volume, EIO, forever>, both, both},
+    {"read_switch_EIO_1x", fail<Op::read_switch, EIO, 1>, both, both},
+    {"read_event_EINTR_1x", fail<Op::read_event, EINTR, 1>, both, both},
+    {"read_event_EIO_1x", fail<Op::read_event, EIO, 1>, both, both},
+    // Followed no longer, so that the loop doesn't spin; the next session takes it up again.
+    {"read_event_EIO_forever", fail<Op::read_event, EIO, forever>, sets, both},
+    {"read_event_ENODEV_forever", fail<Op::read_event, ENODEV, forever>, sets, both},
+    {"element_gone", [](Card& card) { card.remove_element(); }, none, both},
+};
+
+TEST_P(MixerFaultsAtCreation, PlaybackGoesOnWithoutVolumeControl) {
+    const Row& row = GetParam();
+    Card card = make_card(settings());
+    row.strike(card);
+    make_renderer();
+    EXPECT_THAT(fake_sdk::calls(), testing::ElementsAre("set_volume 50", "set_mute_state false"));
+    card.clear_faults();
+    card.plug_in();
+    expect_heard(card, [&] { EXPECT_EQ(control(card), row.afterwards); });
+    expect_heard(card, [&] { EXPECT_EQ(control(card), row.next_session); });
+}
+
+TEST_P(MixerFaultsWhilePlaying, PlaybackGoesOnAndTheControlIsWhatIsStated) {
+    const Row& row = GetParam();
+    Card card = make_card(settings());
+    make_renderer();
+    const size_t descriptors = open_descriptors();
+    expect_heard(card, [&] {
+        row.strike(card);
+        settle();
+        sdk_sets(30, true);
+        other_sets(card, 50, true);
+        card.clear_faults();
+        if (!card.element_present()) {
+            card.restore_element();
+        }
+        EXPECT_EQ(control(card), row.afterwards);
+    });
+    EXPECT_LE(card.counters()[Op::read_event], 200U);
+    expect_heard(card, [&] { EXPECT_EQ(control(card), row.next_session); });
+    EXPECT_LE(open_descriptors(), descriptors);
+}
+
+const auto name_of = [](const auto& row) { return row.param.name; };
+INSTANTIATE_TEST_SUITE_P(Mixer, MixerFaultsAtCreation, testing::ValuesIn(creation_rows), name_of);
+INSTANTIATE_TEST_SUITE_P(Mixer, MixerFaultsWhilePlaying, testing::ValuesIn(playing_rows), name_of);
+
+TEST_F(MixerFaults, ReadOnlyElementIsFollowedButNotSet) {
+    simcard::Settings read_only = settings();
+    read_only.element.read_only = true;
+    Card card = make_card(read_only);
+    make_renderer();
+    expect_heard(card, [&] {
+        sdk_sets(20, true);
+        EXPECT_EQ(card.volume(), 128);
+        EXPECT_TRUE(card.switch_on());
+        fake_sdk::take_calls();
+        other_sets(card, 102, true);
+        EXPECT_THAT(fake_sdk::take_calls(), testing::Contains("set_volume 40"));
+    });
+}
+
+TEST_F(MixerFaults, ElementWithoutVolumeOrSwitchIsNoControl) {
+    for (const bool has_volume : {true, false}) {
+        simcard::Settings partial = settings();
+        partial.element.has_volume = has_volume;
+        partial.element.has_switch = !has_volume;
+        Card card = make_card(partial);
+        make_renderer();
+        expect_heard(card, [&] { EXPECT_EQ(control(card), none); });
+        audio_renderer_free(std::exchange(renderer_, nullptr));
+    }
+}
+
+// Three attempts without the card are three playback errors; with the card back the old volume is.
+TEST_F(MixerFaults, CardThatComesBackPlaysWithTheVolumeItHad) {
+    Card card = make_card(settings());
+    make_renderer();
+    sdk_sets(20, true);
+    const size_t descriptors = open_descriptors();
+    card.unplug();
+    settle();
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        ScriptedSdk sdk(&loop_, renderer_);
+        sdk.play({{cd, 100}});
+        run(sdk);
+        EXPECT_EQ(sdk.errors(), 1U);
+    }
+    card.set_volume(255);
+    card.set_switch(true);
+    card.plug_in();
+    expect_heard(card, [&] {
+        EXPECT_EQ(card.volume(), 51);
+        EXPECT_FALSE(card.switch_on());
+        EXPECT_EQ(control(card), both);
+    });
+    EXPECT_LE(open_descriptors(), descriptors);
+}
+
+}  // namespace

@@ -1,0 +1,99 @@
+// The SDK's side of a session with a real renderer: starts streams, delivers them on passes of the
+// loop, pauses, seeks and disposes of them as the SDK does, and says when the session reaches a
+// point of interest. Each frame carries its stream and its number, so that a recording tells what
+// was heard.
+#pragma once
+
+#include <uv.h>
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "media/audio_renderer.h"
+
+inline constexpr nuv_audio_format cd{44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT};
+inline constexpr nuv_audio_format hi_res{96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
+
+struct Track {
+    nuv_audio_format format;
+    unsigned ms;
+
+    uint64_t frames() const { return uint64_t{format.sample_rate} * ms / 1000; }
+};
+
+// Where a session is. The first three are reached on the SDK's own pass, where its delegate may be
+// called; the others from inside a call of the renderer.
+enum class Point {
+    opening,          // all streams started, before playback is initiated
+    waiting,          // the first stream found no more room, with a part of it left to deliver
+    delivered,        // the last stream has been taken whole
+    handing_over,     // the second stream's delivery was opened while the first still plays
+    changing_format,  // the first stream was heard to its end, and another one follows
+    draining,         // the last stream was heard to its end
+};
+
+// One at a time. The loop thread only.
+class ScriptedSdk {
+  public:
+    ScriptedSdk(uv_loop_t* loop, audio_renderer* renderer);
+    ~ScriptedSdk();
+    ScriptedSdk(const ScriptedSdk&) = delete;
+    ScriptedSdk& operator=(const ScriptedSdk&) = delete;
+
+    // Before play.
+    void at(std::function<void(Point)> observer) { observer_ = std::move(observer); }
+    void play(const std::vector<Track>& tracks);
+    // Pauses now and resumes some time later.
+    void pause_for(unsigned ms);
+    // Announces a seek now and moves the first stream forward a few passes later.
+    void seek_ahead(unsigned ms);
+
+    // Every stream has been disposed of.
+    bool is_over() const { return streams_.empty(); }
+    unsigned errors() const { return errors_; }           // playback errors reported
+    bool ended() const { return ended_; }                 // the last track was reported finished
+    uint64_t frames_taken() const { return taken_; }      // of all streams
+    uint64_t frames_skipped() const { return skipped_; }  // by seeks
+    bool is_delivering() const { return uv_is_active(reinterpret_cast<uv_handle_t*>(idle_)) != 0; }
+
+    // The frames as the card records them, checked to be in order: each later than the one before.
+    static bool is_in_order(const std::vector<uint8_t>& pcm, size_t frame_size);
+
+  private:
+    struct Stream {
+        nuv_audio_format format;
+        std::vector<uint8_t> pcm;
+        size_t delivered = 0;
+        bool open = false;
+    };
+
+    void on_call(const std::string& call);
+    void pass();
+    void offer(uint64_t id, Stream& stream);
+    void complete_seek();
+    void reach(Point point);
+    void wake_up();
+    void after(unsigned ms, void (*step)(ScriptedSdk&));
+
+    static ScriptedSdk* g_current;
+    uv_idle_t* idle_;
+    uv_timer_t* timer_;
+    void (*next_step_)(ScriptedSdk&) = nullptr;
+    nuv_connect* core_;
+    nuv_audio_stream_delegate stream_delegate_;
+    nuv_media_delegate media_;
+    std::map<uint64_t, Stream> streams_;  // by id, in order
+    uint64_t last_id_ = 0;
+    bool is_seeking_ = false;  // nothing is delivered
+    unsigned seek_ms_ = 0;
+    std::function<void(Point)> observer_;
+    bool waited_ = false;
+    unsigned disposals_due_ = 0;
+    unsigned errors_ = 0;
+    bool ended_ = false;
+    uint64_t taken_ = 0;
+    uint64_t skipped_ = 0;
+};
