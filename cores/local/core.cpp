@@ -138,10 +138,6 @@ bool Core::report_player() {
     if (std::exchange(m_reported.has_next, view.has_next) != view.has_next || begun) {
         media.playback_actions_availability_changed(m_handle, view.has_next, media.context);
     }
-    if (begun) {
-        media.playback_controls_changed(m_handle, m_settings.loop_mode, m_settings.shuffle,
-                                        media.context);
-    }
     return true;
 }
 

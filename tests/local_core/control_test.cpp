@@ -29,7 +29,7 @@ class Control : public testing::Test {
         const uint64_t id = device.pcm_of_stream.empty() ? 1 : device.pcm_of_stream.size();
         take_only(id, 1000);
         ASSERT_EQ(device.play(folder.path()), NUV_ERROR_OK);
-        device.run_until_line("controls OFF 0");
+        device.run_until_line("state PLAYING");
         run_until_taken(id, 1000);
         device.take_lines();
     }
@@ -102,11 +102,11 @@ TEST_F(Control, StopRewindsTheTrackAndResumeStartsItAnew) {
 TEST_F(Control, NextStopsDisposesAndStartsTheFollowingTrack) {
     start_playing();
     EXPECT_EQ(call(nuv_connect_next_track), NUV_ERROR_OK);
-    device.run_until_line("controls OFF 0");
+    device.run_until_line("state PLAYING");
     EXPECT_THAT(
         device.take_lines(),
         ElementsAre("stop", "dispose 1", testing::StartsWith("started 2"), "metadata 2 1|||",
-                    "initiate PLAYING", "state PLAYING", "next available 1", "controls OFF 0"));
+                    "initiate PLAYING", "state PLAYING", "next available 1"));
     // Two at once, paused meanwhile: the last track comes up paused.
     EXPECT_EQ(call(nuv_connect_pause_playback), NUV_ERROR_OK);
     EXPECT_EQ(call(nuv_connect_next_track), NUV_ERROR_OK);

@@ -104,8 +104,8 @@ TEST(Delivery, OneTrackIsToldFromStartToEnd) {
     EXPECT_THAT(device.lines,
                 ElementsAre("active 1", "started 1 44100 Hz 2 ch 16 bit 100 ms",
                             "metadata 1 Only One|||" + art, "initiate PLAYING", "state PLAYING",
-                            "next available 0", "controls OFF 0", "finished 1", "end of track",
-                            "active 0", "dispose 1", "state STOPPED"));
+                            "next available 0", "finished 1", "end of track", "active 0",
+                            "dispose 1", "state STOPPED"));
 }
 
 TEST(Delivery, NothingIsOfferedBeforeTheRendererOpensTheStream) {

@@ -129,7 +129,7 @@ TEST_F(Threads, NothingRunsWhenNothingPlays) {
     ScriptedDevice device;
     ASSERT_EQ(device.play(folder.path()), NUV_ERROR_OK);
     device.take = [](size_t) { return size_t{0}; };
-    device.run_until_line("controls OFF 0");
+    device.run_until_line("state PLAYING");
     EXPECT_EQ(nuv_connect_pause_playback(device.core()), NUV_ERROR_OK);
     device.run_until_line("state PAUSED");
     device.run_for_ms(50);
