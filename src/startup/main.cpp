@@ -1,10 +1,14 @@
 // nuvio-connect: command line, log set-up, then the service.
 #include <syslog.h>
 
+#include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
 
+#include "startup/device_list.h"
+#include "startup/self_check.h"
 #include "startup/service.h"
 
 namespace {
@@ -12,45 +16,72 @@ namespace {
 constexpr int kUsageError = 2;
 
 constexpr char kUsage[] =
-    "Usage: nuvio-connect [--help | --version]\n"
+    "Usage: nuvio-connect [--check | --list-devices | --help | --version]\n"
     "\n"
     "Makes this device a Nuvio Connect renderer: controllers on the local network\n"
     "discover it and play on it. Runs until SIGTERM or SIGINT.\n"
     "\n"
-    "  --help     show this text\n"
-    "  --version  show the version\n"
+    "  --check         say whether this machine has what the service needs, and what\n"
+    "                  to do where it has not; exit status 0 when all is well\n"
+    "  --list-devices  show the sound devices and mixer elements there are to choose from\n"
+    "  --help          show this text\n"
+    "  --version       show the version\n"
     "\n"
     "Environment:\n"
     "  NUVIO_LOG_STDERR  when set, system-log lines go to standard error too\n";
 
-// The exit status, where the command line asks for something else than the service.
-int handleArgument(std::string_view argument) {
-    if (argument == "--help") {
-        std::fputs(kUsage, stdout);
-        return EXIT_SUCCESS;
-    }
-    if (argument == "--version") {
-        std::puts("nuvio-connect " NUVIO_VERSION);
-        return EXIT_SUCCESS;
-    }
-    std::fprintf(stderr, "nuvio-connect: unknown option '%.*s'\n\n%s",
-                 static_cast<int>(argument.size()), argument.data(), kUsage);
-    return kUsageError;
+enum class SystemLog { asEnvironmentSays, onStderrToo };
+
+void openSystemLog(SystemLog way) {
+    const bool onStderr =
+        way == SystemLog::onStderrToo || std::getenv("NUVIO_LOG_STDERR") != nullptr;
+    openlog("nuvio-connect", LOG_PID | (onStderr ? LOG_PERROR : 0), LOG_DAEMON);
 }
 
-void openSystemLog() {
-    const bool alsoToStderr = std::getenv("NUVIO_LOG_STDERR") != nullptr;
-    openlog("nuvio-connect", LOG_PID | (alsoToStderr ? LOG_PERROR : 0), LOG_DAEMON);
+int serve() {
+    // A reader of a pipe or the journal sees each line at once.
+    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
+    openSystemLog(SystemLog::asEnvironmentSays);
+    return runService();
+}
+
+// What is wrong with the settings file is said by whoever reads it.
+int check() {
+    openSystemLog(SystemLog::onStderrToo);
+    return runSelfCheck();
+}
+
+int showHelp() {
+    return std::fputs(kUsage, stdout) < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+int showVersion() {
+    return std::puts("nuvio-connect " NUVIO_VERSION) < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+struct Option {
+    std::string_view name;
+    int (*run)();  // the exit status
+};
+
+constexpr std::array kOptions = {
+    Option{"--check", check},
+    Option{"--list-devices", listDevices},
+    Option{"--help", showHelp},
+    Option{"--version", showVersion},
+};
+
+int refuse(const char* argument) {
+    std::fprintf(stderr, "nuvio-connect: unknown option '%s'\n\n%s", argument, kUsage);
+    return kUsageError;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc > 1) {
-        return handleArgument(argv[1]);
+    if (argc < 2) {
+        return serve();
     }
-    // A reader of a pipe or the journal sees each line at once.
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
-    openSystemLog();
-    return runService();
+    const auto option = std::ranges::find(kOptions, argv[1], &Option::name);
+    return option == kOptions.end() || argc > 2 ? refuse(argv[argc - 1]) : option->run();
 }

@@ -1,0 +1,125 @@
+#include "startup/device_list.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "media/sink/alsa/alsa_utilities.h"
+#include "platform/Environment.h"
+
+namespace {
+
+struct FreeText {
+    void operator()(char* text) const { std::free(text); }
+};
+using Text = std::unique_ptr<char, FreeText>;
+
+Text hint(const void* of, const char* id) {
+    return Text(snd_device_name_get_hint(of, id));
+}
+
+// A description may have several lines.
+void printIndented(std::string_view text) {
+    while (!text.empty()) {
+        const size_t end = std::min(text.find('\n'), text.size());
+        std::printf("      %.*s\n", static_cast<int>(end), text.data());
+        text.remove_prefix(std::min(end + 1, text.size()));
+    }
+}
+
+size_t listPcms() {
+    std::printf("Playback devices (%s):\n", kALSAOutputDeviceName);
+    void** hints = nullptr;
+    if (snd_device_name_hint(-1, "pcm", &hints) < 0) {
+        return 0;
+    }
+    size_t count = 0;
+    for (void** one = hints; *one != nullptr; ++one) {
+        const Text name = hint(*one, "NAME");
+        const Text direction = hint(*one, "IOID");  // null: both
+        if (name == nullptr ||
+            (direction != nullptr && std::strcmp(direction.get(), "Output") != 0)) {
+            continue;
+        }
+        std::printf("  %s\n", name.get());
+        if (const Text description = hint(*one, "DESC")) {
+            printIndented(description.get());
+        }
+        ++count;
+    }
+    snd_device_name_free_hint(hints);
+    return count;
+}
+
+std::vector<std::string> mixerDevices() {
+    std::vector<std::string> devices;
+    const auto add = [&devices](const std::string& name) {
+        if (!name.empty() && std::ranges::find(devices, name) == devices.end()) {
+            devices.push_back(name);
+        }
+    };
+    std::string configured;
+    GetEnvItemByName(KFeatureNuvioConnectVolume_Device, configured);
+    add(configured);
+    add("default");
+    int card = -1;
+    while (snd_card_next(&card) == 0 && card >= 0) {
+        add("hw:" + std::to_string(card));
+    }
+    return devices;
+}
+
+// What the service can set is marked; the rest is there for the search.
+size_t listElements(const std::string& device) {
+    snd_mixer_t* opened = nullptr;
+    if (snd_mixer_open(&opened, 0) < 0) {
+        return 0;
+    }
+    const mixer_ptr mixer(opened);
+    if (snd_mixer_attach(opened, device.c_str()) < 0 ||
+        snd_mixer_selem_register(opened, nullptr, nullptr) < 0 || snd_mixer_load(opened) < 0) {
+        return 0;
+    }
+    std::printf("  %s\n", device.c_str());
+    size_t count = 0;
+    for (snd_mixer_elem_t* element = snd_mixer_first_elem(opened); element != nullptr;
+         element = snd_mixer_elem_next(element)) {
+        if (snd_mixer_selem_has_playback_volume(element) != 1) {
+            continue;
+        }
+        const bool hasSwitch = snd_mixer_selem_has_playback_switch(element) == 1;
+        std::printf("      %s%s\n", snd_mixer_selem_get_name(element),
+                    hasSwitch ? "" : " (no mute switch, cannot be used)");
+        ++count;
+    }
+    return count;
+}
+
+size_t listMixers() {
+    std::printf("Mixer devices (%s) and their elements (%s):\n", KFeatureNuvioConnectVolume_Device,
+                KFeatureNuvioConnectVolume_Element);
+    size_t count = 0;
+    for (const std::string& device : mixerDevices()) {
+        count += listElements(device);
+    }
+    return count;
+}
+
+void saySilently(const char*, int, const char*, int, const char*, ...) {}
+
+}  // namespace
+
+int listDevices() {
+    snd_lib_error_set_handler(saySilently);
+    const size_t pcms = listPcms();
+    const size_t elements = listMixers();
+    if (pcms + elements == 0) {
+        std::puts("ALSA knows no sound card here.");
+    }
+    return pcms + elements == 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+}
