@@ -1,6 +1,7 @@
 #include "host.h"
 
 #include <syslog.h>
+#include <systemd/sd-daemon.h>
 
 #include <cerrno>
 #include <chrono>
@@ -104,6 +105,8 @@ void Host::wait_for_end() {
     if (m_stopped) {
         return;
     }
+    m_reported_ready = true;
+    sd_notify(0, "READY=1");
     const sigset_t signals = end_signals();
     while (sigwaitinfo(&signals, nullptr) < 0 && errno == EINTR) {
     }
@@ -112,11 +115,19 @@ void Host::wait_for_end() {
 
 void Host::stop() {
     const std::lock_guard lock(m_lifecycle);
-    m_stopped = true;
+    if (!m_stopped.exchange(true)) {
+        report_stopping();
+    }
     m_dispatcher.stop();
     if (!m_pool.stop(kStopPatience)) {
         syslog(LOG_INFO, "nuvio-host: a notification is still being taken at the end");
     }
+}
+
+// A service that ends before it was ready - it is switched off in the settings - has started all
+// the same: to the service manager that is no failure, unless the exit status says so.
+void Host::report_stopping() const {
+    sd_notify(0, m_reported_ready ? "STOPPING=1" : "READY=1\nSTOPPING=1");
 }
 
 void Host::stop_for_good() {

@@ -29,7 +29,9 @@ class Host {
     // Starts the threads: notifications, network events, the bus. A second call does nothing.
     void start();
 
-    // Waits for SIGTERM or SIGINT, then stops. Returns at once when the host has been stopped.
+    // Tells a service manager that waits for it (systemd, Type=notify) that the service is ready.
+    // Waits for SIGTERM or SIGINT, then stops. Returns at once when the host has been stopped. The
+    // main thread's.
     void wait_for_end();
 
     const Settings& settings() const { return m_settings; }
@@ -46,6 +48,7 @@ class Host {
     void on_message(int id, const std::string& text);
     void stop();
     void stop_for_good();
+    void report_stopping() const;
 
     const Settings m_settings;
     NotificationPool m_pool;
@@ -59,6 +62,7 @@ class Host {
     std::mutex m_lifecycle;  // start and stop, one at a time
     bool m_started = false;  // guarded by m_lifecycle
     std::atomic<bool> m_stopped{false};
+    bool m_reported_ready = false;  // the main thread's
 };
 
 }  // namespace nuvio::host
