@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "local_config/connect_request.h"
+#include "local_config/connection_guard.h"
 #include "local_config/loop_hand_off.h"
 #include "local_config/request_body.h"
 #include "local_config/server_sockets.h"
@@ -59,6 +60,7 @@ struct library {
 }  // namespace
 
 struct http_server {
+    uv_loop_t* loop;
     uint16_t port;
     device_info* info;
     audio_renderer* renderer;
@@ -70,7 +72,8 @@ struct http_server {
     mg_context* server = nullptr;
     mg_context* stopping = nullptr;
     bool start_is_waiting = false;
-    uint16_t listening_port = 0;  // differs from `port` when that is 0
+    uint16_t listening_port = 0;                // differs from `port` when that is 0
+    std::unique_ptr<connection_guard> guard{};  // while `server` is set
     uv_thread_t stopper{};
 
     // In the order of release, last to first.
@@ -329,6 +332,7 @@ void start_now(http_server* self) {
     register_endpoint(self, self->get_connect_info.name,
                       http_server_on_civetweb_handle_get_connect_info);
     register_endpoint(self, CONNECT_ENDPOINT, http_server_on_civetweb_handle_connect_to_nconnect);
+    self->guard = std::make_unique<connection_guard>(self->loop, self->listening_port);
 }
 
 // Stopper thread. CivetWeb's threads sleep for up to 2 s unless their sockets wake them, and send
@@ -370,6 +374,7 @@ void http_server_do_stop(http_server* self) {
     if (std::exchange(self->start_is_waiting, false)) {
         return;
     }
+    self->guard.reset();
     self->shared_data.cancel();
     self->stopping = std::exchange(self->server, nullptr);
     if (uv_thread_create(&self->stopper, stop_context, self) != 0) {
@@ -386,7 +391,8 @@ http_server* http_server_new(uv_loop_t* event_loop, uint16_t port, device_info* 
     NUV_CHECK(event_loop != NULL);
     NUV_CHECK(info != NULL);
     NUV_CHECK(renderer != NULL);
-    auto* self = new http_server{.port = port, .info = info, .renderer = renderer};
+    auto* self =
+        new http_server{.loop = event_loop, .port = port, .info = info, .renderer = renderer};
     self->get_display_info.async.reset(
         uv_async_new(event_loop, http_server_on_handle_get_display_info_synchronized, self));
     self->get_connect_info.async.reset(

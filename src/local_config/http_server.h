@@ -14,9 +14,8 @@
 // Stopping    returns at once; a request that waits for the loop is answered 500. The old server
 //             ends on a thread of its own (about 10 ms), and a start that comes meanwhile takes
 //             effect when it has. http_server_free waits for that end.
-// Peers       one worker serves one connection at a time. A connection holds it for 30 s at most
-//             until its headers are complete, then for 36 s at most for its body; the
-//             others wait.
+// Peers       one worker serves one connection at a time, the others wait. A connection is cut off
+//             5 s after its start, earlier in a crowd; see connection_guard.h.
 #pragma once
 
 #include <uv.h>

@@ -1,7 +1,6 @@
 #include "local_config/request_body.h"
 
 #include <algorithm>
-#include <chrono>
 
 request_body::request_body(mg_connection* connection, uint16_t port)
     : m_connection(connection),
@@ -25,10 +24,8 @@ bool request_body::is_unread() const {
 }
 
 std::optional<std::vector<char>> request_body::read() {
-    using std::chrono::steady_clock;
-    const auto deadline = steady_clock::now() + std::chrono::milliseconds(TIME_LIMIT_MS);
     std::vector<char> bytes(static_cast<size_t>(m_length) + 1);
-    while (m_read < m_length && steady_clock::now() < deadline) {
+    while (m_read < m_length) {
         // mg_read waits until it has all it was asked for. So ask for what the socket has, or else
         // for one byte: that one may come from CivetWeb's own buffer.
         const auto size = std::clamp<long long>(m_socket->readable_bytes(), 1, m_length - m_read);

@@ -1,9 +1,8 @@
-// The body of a request under way on CivetWeb's worker, read within a bounded time.
+// The body of a request under way on CivetWeb's worker.
 //
-// CivetWeb gives up on a peer that is silent for 30 s, but not on one that sends a byte now and
-// then, and once a handler is done it reads what is left of the body however long that takes. With
-// a single worker either would lock every controller out, so reading stops after
-// TIME_LIMIT_MS, and what was not read is refused when this object goes.
+// Once a handler is done, CivetWeb reads what is left of the body however long that takes. With a
+// single worker this would lock every controller out, so what was not read is refused when this
+// object goes. How long the reading itself may take is up to the connection_guard.
 //
 // Thread: the worker that runs the request. Lives until the answer has been written.
 #pragma once
@@ -19,8 +18,6 @@
 
 class request_body {
   public:
-    // For the whole body; a peer that falls silent on top of it costs CivetWeb's 30 s more.
-    static constexpr int TIME_LIMIT_MS = 5'000;
     // For a peer that still sends after its answer.
     static constexpr int LINGER_MS = 1'000;
 
@@ -33,8 +30,8 @@ class request_body {
     // Bytes announced; negative: unknown.
     long long length() const { return m_length; }
 
-    // Reads length() bytes, or what arrived until the peer finished or the time was up, and ends
-    // them with a NUL. Nothing on a read error. Call once, with a length that may be allocated.
+    // Reads length() bytes, or what arrived until the stream ended, and ends them with a NUL.
+    // Nothing on a read error. Call once, with a length that may be allocated.
     std::optional<std::vector<char>> read();
 
   private:

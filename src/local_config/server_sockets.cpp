@@ -97,9 +97,13 @@ void for_each_socket(uint16_t local_port, Visit visit) {
     }
 }
 
+bool is_listener(const Descriptor& socket) {
+    return socket_option(socket.get(), SO_ACCEPTCONN) == 1;
+}
+
 void shut_down(uint16_t port, bool listening, int how) {
     for_each_socket(port, [=](int, const Descriptor& socket) {
-        if ((socket_option(socket.get(), SO_ACCEPTCONN) == 1) == listening) {
+        if (is_listener(socket) == listening) {
             shutdown(socket.get(), how);
         }
         return true;
@@ -117,7 +121,33 @@ int find_connection(uint16_t local_port, uint16_t remote_port) {
     return found;
 }
 
+uint64_t number_of(const Descriptor& socket) {
+    struct stat status {};
+    return fstat(socket.get(), &status) == 0 ? status.st_ino : 0;
+}
+
 }  // namespace
+
+void signal_connections(uint16_t port, int signal) {
+    for_each_socket(port, [signal](int, const Descriptor& socket) {
+        if (is_listener(socket)) {
+            const f_owner_ex owner{.type = F_OWNER_TID, .pid = gettid()};
+            fcntl(socket.get(), F_SETOWN_EX, &owner);
+            fcntl(socket.get(), F_SETSIG, signal);
+            fcntl(socket.get(), F_SETFL, fcntl(socket.get(), F_GETFL) | O_ASYNC);
+        }
+        return true;
+    });
+}
+
+void shut_down_connections(uint16_t port, const std::function<bool(uint64_t id)>& is_over) {
+    for_each_socket(port, [&](int, const Descriptor& socket) {
+        if (!is_listener(socket) && is_over(number_of(socket))) {
+            shutdown(socket.get(), SHUT_RD);
+        }
+        return true;
+    });
+}
 
 void shut_down_server_sockets(uint16_t port) {
     // Listeners first: after that no further connection can appear.

@@ -10,6 +10,16 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
+
+// From now on the calling thread gets `signal` for each connection that is made to the server,
+// whether or not the library has accepted it by then. (Readiness of the listener would be missed
+// whenever the library is the faster one to accept.)
+void signal_connections(uint16_t port, int signal);
+
+// Shows `is_over` each open connection, by a number of its own, and ends the stream from the peer
+// where it returns true: what has arrived can still be read, and answers can be sent.
+void shut_down_connections(uint16_t port, const std::function<bool(uint64_t id)>& is_over);
 
 // Ends the waits of a server that is about to be stopped: its listeners accept nothing more, its
 // connections read the end of their streams. Answers under way are still sent.

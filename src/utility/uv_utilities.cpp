@@ -78,6 +78,20 @@ void uv_idle_free(uv_idle_t* handle) {
     close_block(handle);
 }
 
+uv_signal_t* uv_signal_new(uv_loop_t* event_loop, void* context) {
+    NUV_CHECK(event_loop != NULL);
+    auto* handle = new_block<uv_signal_t>();
+    const int rc = uv_signal_init(event_loop, handle);
+    NUV_CHECK(rc == 0);
+    uv_handle_set_data(as_handle(handle), context);
+    return handle;
+}
+
+void uv_signal_free(uv_signal_t* handle) {
+    NUV_CHECK(handle != NULL);
+    close_block(handle);
+}
+
 uv_timer_t* uv_timer_new(uv_loop_t* event_loop, void* context) {
     NUV_CHECK(event_loop != NULL);
     auto* handle = new_block<uv_timer_t>();

@@ -23,6 +23,10 @@ uv_idle_t* uv_idle_new(uv_loop_t* event_loop, void* context);
 void uv_idle_free(uv_idle_t* handle);
 
 // Not started.
+uv_signal_t* uv_signal_new(uv_loop_t* event_loop, void* context);
+void uv_signal_free(uv_signal_t* handle);
+
+// Not started.
 uv_timer_t* uv_timer_new(uv_loop_t* event_loop, void* context);
 void uv_timer_free(uv_timer_t* handle);
 // True while the timer is armed.

@@ -50,12 +50,18 @@ class LoopThread {
         uv_loop_init(&m_loop);
         uv_async_init(&m_loop, &m_wake,
                       [](uv_async_t* wake) { static_cast<LoopThread*>(wake->data)->run_tasks(); });
-        m_wake.data = this;
+        uv_prepare_init(&m_loop, &m_turn);
+        uv_prepare_start(
+            &m_turn, [](uv_prepare_t* turn) { ++static_cast<LoopThread*>(turn->data)->m_turns; });
+        m_wake.data = m_turn.data = this;
         m_thread = std::thread([this] { uv_run(&m_loop, UV_RUN_DEFAULT); });
     }
     // Fails when a handle was left open.
     ~LoopThread() {
-        run([this] { uv_close(reinterpret_cast<uv_handle_t*>(&m_wake), nullptr); });
+        run([this] {
+            uv_close(reinterpret_cast<uv_handle_t*>(&m_wake), nullptr);
+            uv_close(reinterpret_cast<uv_handle_t*>(&m_turn), nullptr);
+        });
         m_thread.join();
         EXPECT_EQ(uv_loop_close(&m_loop), 0);
     }
@@ -63,6 +69,8 @@ class LoopThread {
     LoopThread& operator=(const LoopThread&) = delete;
 
     uv_loop_t* get() { return &m_loop; }
+    // How often the loop has looked for work.
+    int turns() const { return m_turns; }
 
     void post(std::function<void()> task) {
         {
@@ -94,6 +102,8 @@ class LoopThread {
 
     uv_loop_t m_loop{};
     uv_async_t m_wake{};
+    uv_prepare_t m_turn{};
+    std::atomic<int> m_turns = 0;
     std::mutex m_mutex;
     std::deque<std::function<void()>> m_tasks;
     std::thread m_thread;
@@ -586,22 +596,53 @@ TEST_F(HttpServer, FreeIsQuickAndLeavesNoSocketWhateverThePeersDo) {
     EXPECT_EQ(descriptors(), before + static_cast<ptrdiff_t>(peers.size()));
 }
 
-TEST_F(HttpServer, PeerThatSendsItsBodyByTheByteIsCutOff) {
+// ---- Peers that take their time -----------------------------------------------------------------
+
+TEST_F(HttpServer, PeersThatDoNotFinishTheirRequestsAreCutOffTogether) {
     start();
-    const Peer slow(m_port);
-    slow.send(request("POST", "/connect-to-nconnect", "Content-Length: 60000\r\n"));
+    const Peer by_the_byte(m_port);
+    by_the_byte.send(request("POST", "/connect-to-nconnect", "Content-Length: 60000\r\n"));
+    const Peer silent_in_body(m_port);
+    silent_in_body.send(request("POST", "/connect-to-nconnect", "Content-Length: 10\r\n", "{"));
+    const Peer silent_in_headers(m_port);
+    silent_in_headers.send("GET /get-display-info HTTP/1.1\r\nHost");
+    const Peer silent(m_port);
     std::atomic<bool> done = false;
     std::thread drip([&] {
-        while (!done && slow.send(" ")) {
+        while (!done && by_the_byte.send(" ")) {
             std::this_thread::sleep_for(100ms);
         }
     });
     std::this_thread::sleep_for(100ms);
     const auto began = Clock::now();
+    // As old as they are when its turn comes, and complete.
     EXPECT_THAT(get("/get-connect-info"), StartsWith("HTTP/1.1 200 OK\r\n"));
-    EXPECT_LT(Clock::now() - began, 20s);
+    EXPECT_LT(Clock::now() - began, 15s);  // 5 s each in turn would be 20
+    EXPECT_EQ(silent.receive(), "");
     done = true;
     drip.join();
+}
+
+TEST_F(HttpServer, CrowdThatAsksNothingIsPassedInNoTime) {
+    constexpr int PEERS = 60;
+    start();
+    std::vector<std::unique_ptr<Peer>> crowd;
+    for (int number = 0; number < PEERS; ++number) {
+        crowd.push_back(std::make_unique<Peer>(m_port));
+        crowd.back()->send("G");
+    }
+    const auto began = Clock::now();
+    EXPECT_THAT(get("/get-connect-info"), StartsWith("HTTP/1.1 200 OK\r\n"));
+    EXPECT_LT(Clock::now() - began, 15s);
+}
+
+TEST_F(HttpServer, LoopSleepsOnceNobodyIsConnected) {
+    start();
+    EXPECT_THAT(get("/get-connect-info"), StartsWith("HTTP/1.1 200 OK\r\n"));
+    std::this_thread::sleep_for(2s);
+    const int turns = m_loop.turns();
+    std::this_thread::sleep_for(1s);
+    EXPECT_EQ(m_loop.turns(), turns);
 }
 
 }  // namespace

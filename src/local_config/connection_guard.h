@@ -1,0 +1,48 @@
+// Bounds the time that any peer can take from the HTTP server.
+//
+// The library has one worker, and it waits 30 s for a silent peer and for as long as it takes for
+// one that sends a byte now and then; everyone else queues behind. The guard ends the reading side
+// of each connection that is open for longer than its patience: the worker finds the end of the
+// stream and goes on. What has arrived by then is still read and answered, so a peer that merely
+// had to queue loses nothing.
+//
+// Bounds   PATIENCE_MS for a request from its first byte to its last: a few packets lost on a poor
+//          wireless link, and less than controllers wait for an answer. Connections age together,
+//          so several bad ones cost no more than one. From CROWD connections on, those without a
+//          request are cut at the next look, some 20 (the library's queue) at a time: a request
+//          that came with its connection is served all the same.
+// Idle     nothing runs while no connection is open. The kernel's signal for a new connection
+//          starts the timer; it stops when the last connection is gone.
+// Threads  the loop thread only; what it uses finishes closing on a later pass of the loop.
+#pragma once
+
+#include <uv.h>
+
+#include <cstdint>
+#include <map>
+
+class connection_guard {
+  public:
+    static constexpr uint64_t PATIENCE_MS = 5'000;
+    static constexpr size_t CROWD = 8;
+    static constexpr uint64_t CROWD_PATIENCE_MS = 200;
+    static constexpr uint64_t TICK_MS = 250;  // between looks
+
+    // For the server that listens on `port`. Destroy it before the server is stopped.
+    connection_guard(uv_loop_t* event_loop, uint16_t port);
+    ~connection_guard();
+    connection_guard(const connection_guard&) = delete;
+    connection_guard& operator=(const connection_guard&) = delete;
+
+  private:
+    static void on_connection(uv_signal_t* handle, int signal);
+    static void on_tick(uv_timer_t* timer);
+    void watch();
+    void look();
+
+    uv_signal_t* m_signal;
+    uv_timer_t* m_timer;
+    uint16_t m_port;
+    bool m_expects_connections = false;           // some were announced since the last look
+    std::map<uint64_t, uint64_t> m_first_seen{};  // ms on the loop's clock, by socket
+};
