@@ -275,6 +275,12 @@ void audio_renderer_playback_actions_availability_changed(nuv_connect* core, boo
 
 // ---- Source listener ---------------------------------------------------------------------------
 
+// The flag stays false when playback was initiated paused; a hand-over may open a delivery then.
+bool refuses_data(const audio_renderer* self) {
+    return playback_paused || self->state == AUDIO_RENDERER_STATE_PAUSED ||
+           self->state == AUDIO_RENDERER_STATE_PAUSED_SEEKING;
+}
+
 size_t audio_renderer_on_audio_source_data_produced(audio_source* source, const void* data,
                                                     size_t size, void* renderer) {
     audio_renderer* self = renderer_of(renderer);
@@ -283,7 +289,7 @@ size_t audio_renderer_on_audio_source_data_produced(audio_source* source, const 
                 static_cast<unsigned long long>(audio_source_get_id(source)));
         return 0;
     }
-    if (playback_paused) {
+    if (refuses_data(self)) {
         std::fputs("Audio playback is paused, return audio samples ", stdout);
         updateCurrentPlaybackPosition(self);
         return 0;

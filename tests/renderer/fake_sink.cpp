@@ -26,6 +26,7 @@ State& state() {
     return g_state;
 }
 void signal_space() {
+    g_state.waits_for_space = false;
     g_sink.space_available(&g_sink, g_sink.listener);
 }
 void change_volume(uint32_t volume) {
@@ -68,10 +69,12 @@ void audio_sink_close(audio_sink*) {
         journal::add("sink close");
     }
     g_state.open = false;
+    g_state.waits_for_space = false;
 }
 size_t audio_sink_write(audio_sink*, const void*, size_t size, bool* ok) {
     *ok = g_state.can_write && g_state.open;
     const size_t taken = *ok ? std::min(size, g_state.room) : 0;
+    g_state.waits_for_space = g_state.waits_for_space || (*ok && taken < size);
     journal::add("sink write " + std::to_string(taken));
     return taken;
 }

@@ -1,0 +1,580 @@
+// A seeded random driver of the SDK's delegates, the sink's signals and the timers, against the
+// real renderer and source manager. After each event the renderer must be in one piece.
+//
+// Episodes of an orderly SDK keep to its contract, whatever fails meanwhile; they must never stall
+// and must come to their end when the driver lets them. Episodes of a hostile one make any call at
+// any time: unknown streams, data after a pause, disposals in every state.
+//
+// 100,000 events by default, a few million with NUVIO_LONG=1. NUVIO_SEED repeats a run.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <deque>
+#include <optional>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "media/source/audio_source_private.h"
+#include "renderer/renderer_fixture.h"
+
+namespace {
+
+constexpr size_t default_events = 100'000;
+constexpr size_t long_events = 3'000'000;
+constexpr size_t events_an_episode = 400;
+constexpr size_t max_streams = 4;
+constexpr size_t trace_length = 60;
+
+constexpr std::array<nuv_audio_format, 4> formats{{
+    cd,
+    cd,
+    {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT},
+    {96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT},
+}};
+
+// The calls that may fail. A fault is over at the end of its episode at the latest.
+constexpr std::array failing_calls{
+    "notify_playback_initiated",
+    "notify_playback_paused",
+    "notify_playback_resumed",
+    "notify_playback_stopped",
+    "notify_playback_error",
+    "notify_playback_finished",
+    "resume_audio_delivery",
+    "set_volume",
+    "set_mute_state",
+    "get_playback_state",
+    "get_stream_metadata",
+    "deactivate_and_disconnect_renderer",
+};
+
+// As the SDK keeps it.
+struct Stream {
+    uint64_t id;
+    bool open = false;       // delivery
+    bool delivered = false;  // as a whole
+};
+
+// Standard output goes nowhere while this lives: the renderer logs every event.
+class Silence {
+  public:
+    Silence() : saved_(dup(STDOUT_FILENO)) {
+        std::fflush(stdout);
+        const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+        dup2(nowhere, STDOUT_FILENO);
+        close(nowhere);
+    }
+    ~Silence() {
+        std::fflush(stdout);
+        dup2(saved_, STDOUT_FILENO);
+        close(saved_);
+    }
+    Silence(const Silence&) = delete;
+    Silence& operator=(const Silence&) = delete;
+
+  private:
+    int saved_;
+};
+
+class RandomDriver : public RendererTest {
+  protected:
+    struct Event {
+        const char* name;
+        unsigned weight;
+        void (RandomDriver::*run)();
+        // Whether an orderly SDK could do it now; null: always.
+        bool (RandomDriver::*is_in_order)() const;
+    };
+    static const std::vector<Event>& events();
+
+    // ---- Chance
+
+    unsigned below(unsigned bound) { return static_cast<unsigned>(random_() % bound); }
+    bool one_in(unsigned count) { return below(count) == 0; }
+    template <typename Container>
+    const auto& any_of(const Container& container) {
+        return *(container.begin() + below(static_cast<unsigned>(container.size())));
+    }
+
+    // ---- The SDK's side
+
+    Stream* find(uint64_t id) {
+        const auto found = std::ranges::find(live_, id, &Stream::id);
+        return found == live_.end() ? nullptr : &*found;
+    }
+    // Of an orderly SDK: one that lives; otherwise now and then one that doesn't.
+    uint64_t some_id() {
+        const bool lives = !live_.empty() && (is_orderly_ || !one_in(10));
+        return lives ? any_of(live_).id : next_id_ + below(3);
+    }
+    bool has_stream() const { return !live_.empty(); }
+    bool is(audio_renderer_state expected) const { return state() == expected; }
+
+    void start_stream();
+    bool may_start() const { return live_.size() < max_streams; }
+    void deliver();
+    bool may_deliver() const;
+    void end_stream();
+    bool may_end_stream() const;
+    void dispose_stream();
+    bool may_dispose() const;
+    void tell_metadata();
+
+    void begin_playback();
+    bool may_begin() const {
+        return has_stream() && is(AUDIO_RENDERER_STATE_STOPPED) && !ended_with_error_ &&
+               disposals_due_ == 0;
+    }
+    void pause_it() { pause(); }
+    bool may_pause() const { return is(AUDIO_RENDERER_STATE_PLAYING) && disposals_due_ == 0; }
+    void resume_it() { resume(); }
+    bool may_resume() const { return is(AUDIO_RENDERER_STATE_PAUSED); }
+    void stop_it() { stop(); }
+    bool may_stop() const { return !is(AUDIO_RENDERER_STATE_STOPPED); }
+    void announce() { announce_seek(); }
+    bool may_announce() const {
+        return (is(AUDIO_RENDERER_STATE_PLAYING) || is(AUDIO_RENDERER_STATE_PAUSED)) &&
+               disposals_due_ == 0;
+    }
+    void complete_seek();
+    bool is_seeking() const {
+        return is(AUDIO_RENDERER_STATE_PLAYING_SEEKING) || is(AUDIO_RENDERER_STATE_PAUSED_SEEKING);
+    }
+    void ask_position();
+    void change_controls();
+
+    // ---- The device's side
+
+    void signal_room();
+    bool room_is_due() const { return fake_sink::state().waits_for_space; }
+    void let_time_pass();
+    void change_sink();
+    void turn_knobs() {
+        if (one_in(2)) {
+            fake_sink::change_volume(below(101));
+        } else {
+            fake_sink::change_mute_state(one_in(2));
+        }
+    }
+    void let_calls_fail();
+    bool has_faults() const { return has_faults_; }
+    void change_host() { journal::host_allows_source = !one_in(4); }
+
+    // ---- The run
+
+    void run_episode();
+    void begin_episode();
+    void end_episode();
+    void run_event(const Event& event);
+    void follow_journal();
+    void play_to_the_end();
+    void check();
+    void expect(bool holds, const char* what) {
+        if (!holds && story_.empty()) {
+            tell_story(what);
+        }
+    }
+    void tell_story(const char* broken);
+    bool is_whole() const { return story_.empty(); }
+    bool any_timer_paused() const {
+        return uv_pausable_timer_is_paused(renderer->playback_nearly_finished_timer.get()) ||
+               uv_pausable_timer_is_paused(renderer->playback_finished_timer.get());
+    }
+
+    std::mt19937_64 random_;
+    bool is_orderly_ = true;
+    uint64_t next_id_ = 1;
+    std::vector<Stream> live_;
+    unsigned disposals_due_ = 0;     // of ended streams, from the front
+    bool ended_with_error_ = false;  // all streams must go before the next playback
+    bool has_faults_ = false;        // of SDK calls, in this episode
+    bool is_let_down_ = false;       // a notification failed, what follows is open
+    bool writes_while_paused_ = false;
+    bool finished_at_last_ = false;
+    size_t count_ = 0;
+    std::deque<std::string> trace_;
+    std::string story_;  // of the first invariant that did not hold
+};
+
+const std::vector<RandomDriver::Event>& RandomDriver::events() {
+    using D = RandomDriver;
+    static const std::vector<Event> table = {
+        {"start stream", 6, &D::start_stream, &D::may_start},
+        {"data", 40, &D::deliver, &D::may_deliver},
+        {"finished", 12, &D::end_stream, &D::may_end_stream},
+        {"dispose", 6, &D::dispose_stream, &D::may_dispose},
+        {"metadata", 1, &D::tell_metadata, &D::has_stream},
+        {"initiate", 10, &D::begin_playback, &D::may_begin},
+        {"pause", 4, &D::pause_it, &D::may_pause},
+        {"resume", 12, &D::resume_it, &D::may_resume},
+        {"stop", 1, &D::stop_it, &D::may_stop},
+        {"seek in progress", 3, &D::announce, &D::may_announce},
+        {"seeked", 12, &D::complete_seek, &D::is_seeking},
+        {"position", 4, &D::ask_position, nullptr},
+        {"controls", 3, &D::change_controls, nullptr},
+        {"space", 30, &D::signal_room, &D::room_is_due},
+        {"time", 12, &D::let_time_pass, nullptr},
+        {"sink", 8, &D::change_sink, nullptr},
+        {"knobs", 2, &D::turn_knobs, nullptr},
+        {"faults", 1, &D::let_calls_fail, &D::has_faults},
+        {"host", 1, &D::change_host, nullptr},
+    };
+    return table;
+}
+
+// ---- Streams -----------------------------------------------------------------------------------
+
+void RandomDriver::start_stream() {
+    nuv_audio_format format = any_of(formats);
+    if (!is_orderly_ && one_in(20)) {
+        format = {0, below(3), static_cast<nuv_audio_sample_format>(below(4))};
+    }
+    const uint64_t id = next_id_++;
+    live_.push_back({.id = id});
+    start(id, format, one_in(4) ? below(200000) : 0);
+}
+
+bool RandomDriver::may_deliver() const {
+    return !is_seeking() && std::ranges::any_of(live_, [](const Stream& stream) {
+        return stream.open && !stream.delivered;
+    });
+}
+
+void RandomDriver::deliver() {
+    std::vector<uint64_t> candidates;
+    for (const Stream& stream : live_) {
+        if (!is_orderly_ || (stream.open && !stream.delivered)) {
+            candidates.push_back(stream.id);
+        }
+    }
+    if (!is_orderly_ && one_in(10)) {
+        candidates.push_back(next_id_ + 5);
+    }
+    if (candidates.empty()) {
+        return;
+    }
+    const uint64_t id = any_of(candidates);
+    const size_t size = 8 * (1 + size_t{below(one_in(4) ? 20000 : 500)});
+    const bool was_paused = is(AUDIO_RENDERER_STATE_PAUSED);
+    const size_t taken = offer(id, size);
+    expect(taken <= size, "no more is taken than was offered");
+    writes_while_paused_ = was_paused && taken > 0;
+    if (Stream* stream = find(id); stream != nullptr && taken < size) {
+        stream->open = false;
+    }
+}
+
+bool RandomDriver::may_end_stream() const {
+    return !is_seeking() && std::ranges::any_of(live_, [](const Stream& stream) {
+        return stream.open && !stream.delivered;
+    });
+}
+
+void RandomDriver::end_stream() {
+    if (!is_orderly_) {
+        finish(some_id());
+        return;
+    }
+    const auto stream = std::ranges::find_if(
+        live_, [](const Stream& each) { return each.open && !each.delivered; });
+    stream->delivered = true;
+    finish(stream->id);
+}
+
+// An orderly SDK disposes of what ended, of a track that is withdrawn, and of everything once
+// playback is over.
+bool RandomDriver::may_dispose() const {
+    return has_stream() &&
+           (disposals_due_ > 0 || is(AUDIO_RENDERER_STATE_STOPPED) || live_.size() > 1);
+}
+
+void RandomDriver::dispose_stream() {
+    uint64_t id = some_id();
+    if (is_orderly_) {
+        if (disposals_due_ > 0 || ended_with_error_) {
+            id = live_.front().id;
+            disposals_due_ -= disposals_due_ > 0 ? 1 : 0;
+        } else if (!is(AUDIO_RENDERER_STATE_STOPPED)) {
+            id = live_.back().id;
+        }
+    }
+    std::erase_if(live_, [id](const Stream& stream) { return stream.id == id; });
+    ended_with_error_ = ended_with_error_ && has_stream();
+    dispose(id);
+}
+
+void RandomDriver::tell_metadata() {
+    const nuv_stream_metadata metadata{"Title", "Artist", "Album", ""};
+    streams.metadata(core, some_id(), &metadata, streams.context);
+}
+
+// ---- Playback ----------------------------------------------------------------------------------
+
+void RandomDriver::begin_playback() {
+    if (!is_orderly_ && one_in(10)) {
+        initiate(static_cast<nuv_playback_state>(below(4)));
+    } else {
+        initiate(one_in(4) ? NUV_PLAYBACK_STATE_PAUSED : NUV_PLAYBACK_STATE_PLAYING);
+    }
+}
+
+void RandomDriver::complete_seek() {
+    const uint64_t ms = one_in(10) ? UINT64_MAX >> below(64) : below(180000);
+    if (!is_orderly_) {
+        seeked(some_id(), ms);
+        return;
+    }
+    live_.front().delivered = false;
+    seeked(live_.front().id, ms);
+}
+
+void RandomDriver::ask_position() {
+    const uint64_t answer = position();
+    expect(!is(AUDIO_RENDERER_STATE_STOPPED) || answer == 0, "a stopped renderer is at 0");
+    expect(!is_seeking() || answer == renderer->seek_position, "a seek reports where it began");
+}
+
+void RandomDriver::change_controls() {
+    switch (below(6)) {
+        case 0:
+            media.volume_changed(core, below(200), media.context);
+            break;
+        case 1:
+            media.mute_state_changed(core, one_in(2), media.context);
+            break;
+        case 2:
+            media.playback_state_changed(core, static_cast<nuv_playback_state>(below(4)),
+                                         media.context);
+            break;
+        case 3:
+            media.maximum_audio_quality_changed(core, static_cast<nuv_audio_quality>(below(5)),
+                                                media.context);
+            break;
+        case 4:
+            media.playback_controls_changed(core, static_cast<nuv_loop_mode>(below(4)), one_in(2),
+                                            media.context);
+            break;
+        default:
+            delete callmetadata(core, renderer);
+            break;
+    }
+}
+
+// ---- Device ------------------------------------------------------------------------------------
+
+void RandomDriver::signal_room() {
+    if (room_is_due()) {
+        fake_sink::signal_space();
+    }
+}
+
+// Every timer that runs is due.
+void RandomDriver::let_time_pass() {
+    for (const auto& owner :
+         {&renderer->playback_nearly_finished_timer, &renderer->playback_finished_timer}) {
+        uv_timer_t* timer = &(*owner)->timer;
+        if (uv_timer_is_active(timer)) {
+            uv_timer_start(timer, timer->timer_cb, 0, 0);
+            if (one_in(2)) {
+                break;
+            }
+        }
+    }
+    run_due();
+}
+
+void RandomDriver::change_sink() {
+    fake_sink::State& sink = fake_sink::state();
+    sink.room = one_in(2) ? SIZE_MAX : 8 * size_t{below(2000)};
+    sink.buffered_frames = below(one_in(2) ? 100 : 40000);
+    sink.buffered_is_known = !one_in(10);
+    sink.can_open = !one_in(10);
+    sink.can_write = !one_in(20);
+}
+
+void RandomDriver::let_calls_fail() {
+    const std::string name = any_of(failing_calls);
+    fake_sdk::set_result(name, one_in(3) ? NUV_ERROR_OK : NUV_ERROR_INTERNAL);
+    is_let_down_ = true;
+}
+
+// ---- The run -----------------------------------------------------------------------------------
+
+void RandomDriver::begin_episode() {
+    is_orderly_ = !one_in(3);
+    has_faults_ = one_in(3);
+    disposals_due_ = 0;
+    ended_with_error_ = is_let_down_ = false;
+    playback_paused = false;  // the process's
+    live_.clear();
+    trace_.clear();
+}
+
+// Every other episode ends with the renderer's release in whatever state it is.
+void RandomDriver::end_episode() {
+    if (is_orderly_ && !is_let_down_) {
+        play_to_the_end();
+    }
+    TearDown();
+    SetUp();
+}
+
+void RandomDriver::run_event(const Event& event) {
+    trace_.push_back(event.name);
+    (this->*event.run)();
+    follow_journal();
+    check();
+    if (trace_.back() == std::string("time")) {
+        trace_.pop_back();  // nothing was due
+    }
+    ++count_;
+}
+
+void RandomDriver::run_episode() {
+    begin_episode();
+    unsigned total = 0;
+    for (const Event& event : events()) {
+        total += event.weight;
+    }
+    for (size_t i = 0; i < events_an_episode && is_whole(); ++i) {
+        unsigned drawn = below(total);
+        const auto event = std::ranges::find_if(events(), [&](const Event& each) {
+            const bool found = drawn < each.weight;
+            drawn -= found ? 0 : each.weight;
+            return found;
+        });
+        const bool in_order = event->is_in_order == nullptr || (this->*event->is_in_order)();
+        if (in_order || !is_orderly_) {
+            run_event(*event);
+        }
+    }
+    end_episode();
+}
+
+// What the renderer told the SDK, as the SDK takes it.
+void RandomDriver::follow_journal() {
+    const std::string resumed = "sdk resume_audio_delivery ";
+    unsigned errors = 0;
+    for (const std::string& line : journal::take()) {
+        trace_.push_back("    " + line);
+        if (line.starts_with(resumed)) {
+            Stream* stream = find(std::stoull(line.substr(resumed.size())));
+            expect(stream != nullptr, "only a live stream is resumed");
+            if (stream != nullptr) {
+                stream->open = true;
+            }
+        } else if (line.starts_with("sdk notify_playback_finished")) {
+            disposals_due_ = 1;
+            finished_at_last_ = line.ends_with("true");
+        } else if (line == "sdk notify_playback_error") {
+            ++errors;
+            ended_with_error_ = has_stream();
+            disposals_due_ = 0;
+        } else if (line.starts_with("sink write")) {
+            expect(fake_sink::state().open || errors == 0, "only an open sink is written");
+        }
+    }
+    expect(errors <= 1, "a failure is reported once");
+    expect(errors == 0 || is(AUDIO_RENDERER_STATE_STOPPED), "a reported failure stops");
+    while (trace_.size() > trace_length) {
+        trace_.pop_front();
+    }
+}
+
+void RandomDriver::check() {
+    const bool stopped = is(AUDIO_RENDERER_STATE_STOPPED);
+    const audio_source* playing = renderer->playing_source;
+    audio_source_manager* manager = renderer->source_manager.get();
+    const audio_source* active = audio_source_manager_get_active_source(manager);
+    const audio_source* next = audio_source_manager_get_next_source(manager);
+
+    expect(fake_sink::state().open == !stopped, "the sink is open unless stopped");
+    expect((playing != nullptr) == !stopped, "a source plays unless stopped");
+    expect(playing == nullptr || playing == active || playing == next,
+           "the playing source is the active or the next one");
+    const auto source_at = [&](size_t index) {
+        return index < live_.size()
+                   ? audio_source_manager_get_source_by_stream_id(manager, live_[index].id)
+                   : nullptr;
+    };
+    expect(active == source_at(0) && next == source_at(1),
+           "the first two streams are the active and the next one");
+    for (const Stream& stream : live_) {
+        expect(audio_source_manager_get_source_by_stream_id(manager, stream.id) != nullptr,
+               "every live stream has a source");
+    }
+
+    const bool paused = is(AUDIO_RENDERER_STATE_PAUSED) || is(AUDIO_RENDERER_STATE_PAUSED_SEEKING);
+    expect(!playback_paused || paused, "data is refused only while paused");
+    expect(!writes_while_paused_, "nothing is written while paused");
+    writes_while_paused_ = false;
+    expect(!any_timer_armed() || is(AUDIO_RENDERER_STATE_PLAYING), "timers run only while playing");
+    expect(!any_timer_paused() || is(AUDIO_RENDERER_STATE_PAUSED),
+           "timers are paused only while paused");
+
+    if (is_orderly_ && !is_let_down_ && is(AUDIO_RENDERER_STATE_PLAYING)) {
+        const bool ended = renderer->active_source_ended && disposals_due_ > 0;
+        expect(playing->delivery_active || room_is_due() || any_timer_armed() || ended,
+               "playback goes on by itself");
+    }
+}
+
+// What is open is delivered, what is due happens: the last stream must be heard to its end.
+void RandomDriver::play_to_the_end() {
+    fake_sink::state() = {.open = fake_sink::state().open,
+                          .waits_for_space = fake_sink::state().waits_for_space};
+    const std::vector<Event>& all = events();
+    const auto event = [&](const char* name) {
+        return *std::ranges::find_if(
+            all, [name](const Event& each) { return std::string(name) == each.name; });
+    };
+    finished_at_last_ = is(AUDIO_RENDERER_STATE_STOPPED);
+    for (int step = 0; step < 100 && !is(AUDIO_RENDERER_STATE_STOPPED) && is_whole(); ++step) {
+        for (const char* name :
+             {"seeked", "resume", "space", "data", "finished", "dispose", "time"}) {
+            const Event due = event(name);
+            const bool withdraws = std::string(name) == "dispose" && disposals_due_ == 0;
+            if ((due.is_in_order == nullptr || (this->*due.is_in_order)()) && !withdraws) {
+                run_event(due);
+            }
+        }
+    }
+    expect(is(AUDIO_RENDERER_STATE_STOPPED) && finished_at_last_,
+           "an orderly session comes to its end");
+}
+
+void RandomDriver::tell_story(const char* broken) {
+    story_ = std::string("not true that ") + broken + ", while " +
+             audio_renderer_state_name(state()) + ", after " + std::to_string(count_) +
+             (is_orderly_ ? " events of an orderly SDK:\n" : " events of a hostile SDK:\n");
+    for (const std::string& line : trace_) {
+        story_ += "  " + line + "\n";
+    }
+    for (const std::string& line : journal::take()) {
+        story_ += "      " + line + "\n";
+    }
+}
+
+TEST_F(RandomDriver, RendererStaysInOnePieceWhateverComes) {
+    const char* given = std::getenv("NUVIO_SEED");
+    const uint64_t seed =
+        given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device()();
+    const size_t wanted = std::getenv("NUVIO_LONG") != nullptr ? long_events : default_events;
+    random_.seed(seed);
+    std::printf("NUVIO_SEED=%llu\n", static_cast<unsigned long long>(seed));
+    {
+        const Silence silence;
+        while (count_ < wanted && is_whole()) {
+            run_episode();
+        }
+    }
+    std::printf("%zu events\n", count_);
+    EXPECT_TRUE(is_whole()) << "NUVIO_SEED=" << seed << ": " << story_;
+}
+
+}  // namespace
