@@ -514,6 +514,7 @@ nuv_error Player::playback_finished(bool no_next_track) {
     if (!renderer_active() || m_retired || !m_current || !m_current->finished) {
         return NUV_ERROR_INVALID_STATE;
     }
+    m_seek_goal_ms.reset();  // it was meant for the track that is over
     if (no_next_track) {
         m_renderer = Renderer::stopped;  // it stops by itself
         m_asked = false;
