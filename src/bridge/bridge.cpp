@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <memory>
 #include <mutex>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -31,6 +32,7 @@ struct Threads {
     // Guarded by mutex:
     LoopState state = LoopState::Absent;
     std::jthread command;
+    bool stopAsked = false;     // before there was a command thread to ask
     uv_async_t* end = nullptr;  // ends the loop; null when there is none
 };
 Threads g_threads;
@@ -82,6 +84,9 @@ bool runLoop(uv_loop_t* loop, NuvioConnect& bridge) {
     {
         const std::scoped_lock lock(g_threads.mutex);
         g_threads.command = startCommandThread(&bridge);
+        if (g_threads.stopAsked) {
+            g_threads.command.request_stop();
+        }
         g_threads.end = end;
         g_threads.state = LoopState::Running;
     }
@@ -117,11 +122,14 @@ void setDeviceInfo(const std::vector<std::string>& info) {
 }
 
 void startNuvioConnectThread() {
-    {
-        const std::scoped_lock lock(g_threads.mutex);
+    // The new thread waits for the mutex before it says that it runs.
+    const std::scoped_lock lock(g_threads.mutex);
+    try {
+        std::thread(nuvioConnectThreadFunction).detach();
         g_threads.state = LoopState::Starting;
+    } catch (const std::system_error& error) {
+        syslog(LOG_ERR, "NuvioConnect: bridge thread not started: %s", error.what());
     }
-    std::thread(nuvioConnectThreadFunction).detach();
 }
 
 void nuvioConnectThreadFunction() {
@@ -157,6 +165,7 @@ void postEventTo_Nuvio(const std::string& command) {
 
 void requestStopNuvioConnect() {
     const std::scoped_lock lock(g_threads.mutex);
+    g_threads.stopAsked = true;
     g_threads.command.request_stop();
 }
 
@@ -178,6 +187,7 @@ void stopNuvioConnect() {
         }
         g_threads.changed.wait(lock, [] { return g_threads.state != LoopState::Running; });
         g_threads.state = LoopState::Absent;
+        g_threads.stopAsked = false;
     }
     destroyInstance();  // still there when the loop had nothing to do, or never ran
 }

@@ -47,7 +47,7 @@ void postEventTo_Nuvio(const std::string& command);
 void requestStopNuvioConnect();
 
 // Ends the bridge and returns when nothing of it is left: the command thread first (a command in
-// work is finished, its waits are cut short, queued ones are dropped), then, on the loop's own
+// work is finished, or dropped in its delay; queued ones are dropped), then, on the loop's own
 // thread, the modules, every handle and the loop. Not on a thread of the bridge, and not
 // concurrently with setDeviceInfo or startNuvioConnectThread. Without a bridge it does nothing.
 void stopNuvioConnect();

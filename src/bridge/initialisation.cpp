@@ -126,7 +126,10 @@ bool NuvioConnect::createNuvioConnect() {
     nuv_error error = NUV_ERROR_OK;
     m_teardown.core.reset(nuv_connect_create(m_teardown.loop, makeConfig(), &error));
     m_core = m_teardown.core.get();
-    const bool created = error == NUV_ERROR_OK && m_core != nullptr;
+    if (m_core == nullptr && error == NUV_ERROR_OK) {
+        error = NUV_ERROR_INTERNAL;
+    }
+    const bool created = error == NUV_ERROR_OK;
     if (!created) {
         app_log(LOG_LEVEL_ERROR, "Unable to create Nuvio Connect: %s", nuv_error_to_string(error));
         handleException("Unable to create Nuvio Connect");

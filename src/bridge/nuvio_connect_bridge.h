@@ -35,8 +35,7 @@ namespace android {
 //             initialisation failed and the loop has ended, on the thread that stops the bridge.
 //
 // Threads     The loop's thread runs the modules, the SDK's delegates and the host hooks. The
-// command
-//             thread runs handleNuvioPlaybackEvents. Others only post.
+//             command thread runs handleNuvioPlaybackEvents. Others only post.
 //
 // Locks       s_queueMutex is the turn to use the queue: the command thread holds it for a whole
 //             batch, SDK calls and waits included, and every other thread's post takes it first, so
@@ -55,8 +54,7 @@ namespace android {
 //             This can't deadlock, because the loop's thread never waits for s_queueMutex.
 //
 // Stopping    A stop request on the command thread's token ends each of its waits: for commands,
-// the
-//             delays, the question to the loop.
+//             the delays, the question to the loop.
 class NuvioConnect {
   public:
     NuvioConnect();

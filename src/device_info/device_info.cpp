@@ -1,5 +1,7 @@
 #include "device_info/device_info.h"
 
+#include <new>
+
 #include "utility/check.h"
 #include "utility/log_delegate.h"
 
@@ -21,8 +23,10 @@ device_info* device_info_new(const char* device_name, nuv_device_type device_typ
     NUV_CHECK(model != NULL);
     NUV_CHECK(serial_number != NULL);
     NUV_CHECK(app_id != NULL);
-    return new device_info{device_name,   device_type, manufacturer, model,
-                           serial_number, app_id,      app_secret};
+    auto* self = new (std::nothrow) device_info{device_name,   device_type, manufacturer, model,
+                                                serial_number, app_id,      app_secret};
+    NUV_CHECK(self != NULL);
+    return self;
 }
 
 void device_info_free(device_info* self) {

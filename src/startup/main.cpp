@@ -83,5 +83,8 @@ int main(int argc, char** argv) {
         return serve();
     }
     const auto option = std::ranges::find(kOptions, argv[1], &Option::name);
-    return option == kOptions.end() || argc > 2 ? refuse(argv[argc - 1]) : option->run();
+    if (option == kOptions.end()) {
+        return refuse(argv[1]);
+    }
+    return argc > 2 ? refuse(argv[2]) : option->run();
 }

@@ -184,6 +184,7 @@ void NuvioSSListener::OnSourceSwitchEvent() {
 
 void NuvioSSListener::OnSourceEvent(const char* command) {
     if (command == nullptr) {
+        syslog(LOG_ERR, "DEFAULT: command without a text, ignored");
         return;
     }
     syslog(LOG_ERR, "DEFAULT: sevent = %s\n\n\n", command);
@@ -192,6 +193,7 @@ void NuvioSSListener::OnSourceEvent(const char* command) {
 
 void NuvioSSListener::OnVolumeChangeEvent(const char* volume) {
     if (volume == nullptr) {
+        syslog(LOG_ERR, "DEFAULT: volume without a text, ignored");
         return;
     }
     std::printf("%s : Volume OnVolumeChangeEvent = %s\n", __func__, volume);

@@ -61,7 +61,9 @@ int runService() {
     ProcessState::self()->startThreadPool();
     const bool started = startStartUpThread(start);
     syslog(LOG_ERR, "nuvio-connect: \n\nMAIN TO START NUVIO CONNECT END\n\n");
-    IPCThreadState::self()->joinThreadPool(true);
+    if (started) {
+        IPCThreadState::self()->joinThreadPool(true);
+    }
     shutDown(start);
     return started ? EXIT_SUCCESS : EXIT_FAILURE;
 }

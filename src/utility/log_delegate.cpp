@@ -74,7 +74,8 @@ void log_write(const char* category, uint32_t level, const char* message) {
     NUV_CHECK(category != NULL);
     NUV_CHECK(message != NULL);
     const std::lock_guard lock(lines_mutex);
-    if (repeats.admit(repeat_filter::clock::now(), level, category, message, write_count)) {
+    if (level < LOG_LEVEL_WARNING ||
+        repeats.admit(repeat_filter::clock::now(), level, category, message, write_count)) {
         write_line(category, level, message);
     }
 }
@@ -90,8 +91,9 @@ void app_log(uint32_t level, const char* format, ...) {
 }
 
 void sdk_log_callback(uint32_t level, const char* category, const char* message) {
-    NUV_CHECK(category != NULL);
-    NUV_CHECK(message != NULL);
+    // The SDK's threads are no reason to end the process.
+    category = category == nullptr ? "" : category;
+    message = message == nullptr ? "" : message;
     const bool dropped = std::ranges::any_of(kCategoryFilters, [&](const category_filter& row) {
         return std::strcmp(row.category, category) == 0 && level < row.minimum_level;
     });

@@ -5,8 +5,8 @@
 // (local date and time with milliseconds, process and kernel thread id, level, category, message).
 // Every function may be called from any thread; lines of two threads never mix, and each reaches
 // the reader of a pipe at once. Nothing is allocated. Every line is written, but for floods of one
-// and the same: what a call that fails thousands of times a second has to say is counted instead
-// (repeat_filter.h).
+// and the same WARNING or worse: what a call that fails thousands of times a second has to say is
+// counted instead (repeat_filter.h).
 #pragma once
 
 #include <cstdint>

@@ -36,9 +36,10 @@ void repeat_filter::entry::start(clock::time_point now, uint64_t new_key, uint32
     assign(message, new_message);
 }
 
-// A line that kept within its limit is forgotten; a flood goes into a longer stretch.
+// A line that kept within its limit, or a flood that is over, is forgotten; one that goes on goes
+// into a longer stretch.
 void repeat_filter::entry::next_stretch(clock::time_point now) {
-    in_use = held_back > 0;
+    in_use = held_back > 0 && now - end < stretch;
     may_pass = 1;
     held_back = 0;
     stretch = std::min(2 * stretch, kLongestStretch);

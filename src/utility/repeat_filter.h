@@ -1,6 +1,7 @@
 // Keeps a line that repeats without end out of the log: of lines that are equal in level, category
 // and message the first ten within a second pass. Those beyond are counted, and the count follows
-// as one line with the first line that is written after the second, whatever it says. While the
+// as one line with the first line that comes after the second, whatever it says (so it is lost when
+// the process ends before another comes). While the
 // flood goes on, one line and one count pass in each further stretch of 2, 4, 8 ... 60 seconds.
 //
 // Remembers the last 16 different lines, so that calls that fail in turn are held back too. Nothing

@@ -11,9 +11,7 @@ namespace {
 // blocks are plain zeroed memory.
 template <typename Handle>
 Handle* new_block() {
-    auto* handle = static_cast<Handle*>(std::calloc(1, sizeof(Handle)));
-    NUV_CHECK(handle != NULL);
-    return handle;
+    return static_cast<Handle*>(std::calloc(1, sizeof(Handle)));
 }
 
 template <typename Handle>
@@ -24,16 +22,6 @@ uv_handle_t* as_handle(Handle* handle) {
 template <typename Handle>
 void close_block(Handle* handle) {
     uv_close(as_handle(handle), uv_handle_on_closed);
-}
-
-void start_timer(uv_timer_t* timer, uv_timer_cb callback, uint64_t timeout_ms, uint64_t repeat_ms) {
-    const int rc = uv_timer_start(timer, callback, timeout_ms, repeat_ms);
-    NUV_CHECK(rc == 0);
-}
-
-void stop_timer(uv_timer_t* timer) {
-    const int rc = uv_timer_stop(timer);
-    NUV_CHECK(rc == 0);
 }
 
 void clear_pause(uv_pausable_timer_t* handle) {
@@ -53,6 +41,7 @@ void uv_handle_on_closed(uv_handle_t* handle) {
 uv_async_t* uv_async_new(uv_loop_t* event_loop, uv_async_cb callback, void* context) {
     NUV_CHECK(event_loop != NULL);
     auto* handle = new_block<uv_async_t>();
+    NUV_CHECK(handle != NULL);
     const int rc = uv_async_init(event_loop, handle, callback);
     NUV_CHECK(rc == 0);
     uv_handle_set_data(as_handle(handle), context);
@@ -67,6 +56,7 @@ void uv_async_free(uv_async_t* handle) {
 uv_idle_t* uv_idle_new(uv_loop_t* event_loop, void* context) {
     NUV_CHECK(event_loop != NULL);
     auto* handle = new_block<uv_idle_t>();
+    NUV_CHECK(handle != NULL);
     const int rc = uv_idle_init(event_loop, handle);
     NUV_CHECK(rc == 0);
     uv_handle_set_data(as_handle(handle), context);
@@ -81,6 +71,7 @@ void uv_idle_free(uv_idle_t* handle) {
 uv_signal_t* uv_signal_new(uv_loop_t* event_loop, void* context) {
     NUV_CHECK(event_loop != NULL);
     auto* handle = new_block<uv_signal_t>();
+    NUV_CHECK(handle != NULL);
     const int rc = uv_signal_init(event_loop, handle);
     NUV_CHECK(rc == 0);
     uv_handle_set_data(as_handle(handle), context);
@@ -95,6 +86,7 @@ void uv_signal_free(uv_signal_t* handle) {
 uv_timer_t* uv_timer_new(uv_loop_t* event_loop, void* context) {
     NUV_CHECK(event_loop != NULL);
     auto* handle = new_block<uv_timer_t>();
+    NUV_CHECK(handle != NULL);
     const int rc = uv_timer_init(event_loop, handle);
     NUV_CHECK(rc == 0);
     uv_handle_set_data(as_handle(handle), context);
@@ -114,6 +106,7 @@ bool uv_timer_is_active(const uv_timer_t* handle) {
 uv_pausable_timer_t* uv_pausable_timer_new(uv_loop_t* event_loop, void* context) {
     NUV_CHECK(event_loop != NULL);
     auto* handle = new_block<uv_pausable_timer_t>();
+    NUV_CHECK(handle != NULL);
     const int rc = uv_timer_init(event_loop, &handle->timer);
     NUV_CHECK(rc == 0);
     clear_pause(handle);
@@ -130,13 +123,15 @@ void uv_pausable_timer_start(uv_pausable_timer_t* handle, uv_timer_cb callback, 
                              uint64_t repeat_ms) {
     NUV_CHECK(handle != NULL);
     NUV_CHECK(callback != NULL);
-    start_timer(&handle->timer, callback, timeout_ms, repeat_ms);
+    const int rc = uv_timer_start(&handle->timer, callback, timeout_ms, repeat_ms);
+    NUV_CHECK(rc == 0);
     clear_pause(handle);
 }
 
 void uv_pausable_timer_stop(uv_pausable_timer_t* handle) {
     NUV_CHECK(handle != NULL);
-    stop_timer(&handle->timer);
+    const int rc = uv_timer_stop(&handle->timer);
+    NUV_CHECK(rc == 0);
     clear_pause(handle);
 }
 
@@ -152,7 +147,8 @@ void uv_pausable_timer_pause(uv_pausable_timer_t* handle) {
     }
     handle->is_paused = true;
     handle->remaining_ms = uv_timer_get_due_in(&handle->timer);
-    stop_timer(&handle->timer);
+    const int rc = uv_timer_stop(&handle->timer);
+    NUV_CHECK(rc == 0);
 }
 
 void uv_pausable_timer_resume(uv_pausable_timer_t* handle) {
@@ -161,7 +157,8 @@ void uv_pausable_timer_resume(uv_pausable_timer_t* handle) {
         return;
     }
     // libuv keeps the callback and the repeat of a stopped timer.
-    start_timer(&handle->timer, handle->timer.timer_cb, handle->remaining_ms,
-                uv_timer_get_repeat(&handle->timer));
+    const int rc = uv_timer_start(&handle->timer, handle->timer.timer_cb, handle->remaining_ms,
+                                  uv_timer_get_repeat(&handle->timer));
+    NUV_CHECK(rc == 0);
     clear_pause(handle);
 }

@@ -84,7 +84,7 @@ TEST(LogDelegate, CallsThatFailInTurnWithoutEndAreCountedInsteadOfWritten) {
     const std::string output = written_by([] {
         for (int i = 0; i < 1000; i++) {
             app_log(LOG_LEVEL_ERROR, "write failed");
-            sdk_log_callback(LOG_LEVEL_INFO, "Other", "recovered\n");
+            sdk_log_callback(LOG_LEVEL_WARNING, "Other", "trying again\n");
         }
         std::this_thread::sleep_for(repeat_filter::kFirstStretch);
         app_log(LOG_LEVEL_ERROR, "last");
@@ -92,15 +92,15 @@ TEST(LogDelegate, CallsThatFailInTurnWithoutEndAreCountedInsteadOfWritten) {
     std::vector<std::string> ends;
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);) {
-        if (!line.empty()) {  // "recovered" brings its own
+        if (!line.empty()) {  // "trying again" brings its own
             ends.push_back(line.substr(line.find("] ") + 2));
         }
     }
     ASSERT_EQ(ends.size(), 2 * repeat_filter::kPassing + 3);
     EXPECT_EQ(ends[0], "ERROR SampleApp: write failed");
-    EXPECT_EQ(ends[1], "INFO Other: recovered");
+    EXPECT_EQ(ends[1], "WARNING Other: trying again");
     EXPECT_THAT(ends, testing::IsSupersetOf({"ERROR SampleApp: write failed (990 more times)",
-                                             "INFO Other: recovered (990 more times)"}));
+                                             "WARNING Other: trying again (990 more times)"}));
     EXPECT_EQ(ends.back(), "ERROR SampleApp: last");
 }
 
