@@ -3,9 +3,12 @@
 add_compile_options(
     -Wall -Wextra -Werror -Wpedantic -Wshadow -Wcast-align -Wformat=2 -Wundef
     -fno-common -fstack-protector-strong
+    # __FILE__ from the top of the tree: what is shipped doesn't tell where it was built.
+    -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
     $<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor>
     $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
-    # A 64-bit off_t and time_t also where long has 32 bits.
+    # A 64-bit off_t also where long has 32 bits. time_t stays what the system's libraries were
+    # built with: its width is part of Avahi's and ALSA's interfaces.
     -D_FILE_OFFSET_BITS=64)
 
 if(NUVIO_SANITIZE)

@@ -2,6 +2,7 @@
 Avahi daemon, and avahi-browse as the controller.
 
 usage: advertising_test.py ADVERTISER_HOST FIND_DIRECTORY [unittest arguments]
+NUVIO_EMULATOR is the command that runs ADVERTISER_HOST when it is another machine's program.
 
 Everything runs in namespaces made here (network, mounts, processes): when this program ends, in
 whatever way, the kernel ends all that it started and drops interfaces and files with them. Ends
@@ -14,6 +15,7 @@ import json
 import os
 import pathlib
 import re
+import shlex
 import signal
 import socket
 import struct
@@ -136,12 +138,12 @@ class Host:
 class Device:
     """A running advertiser_host."""
 
-    program = None
+    command = []
     numbers = itertools.count(1)
 
     def __init__(self, host, *commands):
         self.log = host.directory / f"device-{next(self.numbers)}.log"
-        self.process = host.spawn(self.log, self.program, stdin=subprocess.PIPE)
+        self.process = host.spawn(self.log, *self.command, stdin=subprocess.PIPE)
         self.tell(*commands)
 
     def tell(self, *commands):
@@ -348,7 +350,8 @@ def main():
             sys.exit(SKIPPED)
         os.execvp(namespaces[0], [*namespaces, sys.executable, *sys.argv, INSIDE])
     sys.argv.remove(INSIDE)
-    Device.program = os.path.abspath(sys.argv.pop(1))
+    Device.command = [*shlex.split(os.environ.get("NUVIO_EMULATOR", "")),
+                      os.path.abspath(sys.argv.pop(1))]
     Advertising.find_directory = pathlib.Path(sys.argv.pop(1)).resolve()
     unittest.main(verbosity=2, warnings="ignore")
 

@@ -1,7 +1,8 @@
 """The whole device in a folder of its own: daemon, simulated card, message bus, music.
 
 Everything is driven from outside, with the clients people use: curl's requests, playerctl, busctl,
-amixer. The build tree under test is named by NUVIO_BUILD.
+amixer. The build tree under test is named by NUVIO_BUILD; NUVIO_EMULATOR is the command that runs
+its programs when they are another machine's.
 """
 import array
 import contextlib
@@ -12,6 +13,7 @@ import os
 import pathlib
 import random
 import re
+import shlex
 import shutil
 import signal
 import socket
@@ -22,8 +24,14 @@ import unittest
 import wave
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
+EMULATOR = shlex.split(os.environ.get("NUVIO_EMULATOR", ""))
 PATIENCE = 30  # s, for what should take a moment: sanitizers and busy machines are slow
 FRAME_BYTES = {"S16_LE": 2, "S24_LE": 4, "S32_LE": 4}
+
+
+def program(name):
+    """The beginning of a command that runs a program of the build tree."""
+    return [*EMULATOR, str(BUILD / "bin" / name)]
 
 
 def wait_for(what, condition, seconds=PATIENCE):
@@ -138,7 +146,7 @@ class DeviceTest(unittest.TestCase):
 
     def start(self, wait=True, player=True):
         with open(self.log_path, "ab") as log:
-            self.daemon = subprocess.Popen([BUILD / "bin/nuvio-connect"], env=self.environment,
+            self.daemon = subprocess.Popen(program("nuvio-connect"), env=self.environment,
                                            stdout=log, stderr=log)
         if wait:
             wait_for("HTTP answers", self.answers)
@@ -154,9 +162,19 @@ class DeviceTest(unittest.TestCase):
         return status, time.monotonic() - begin
 
     def end_daemon(self):
-        if self.daemon is not None and self.daemon.poll() is None:
-            self.daemon.kill()
-            self.daemon.wait()
+        """What is left of the device ends well too: here a sanitizer reports what it found."""
+        try:
+            if self.daemon is not None and self.daemon.poll() is None:
+                self.assertEqual(self.stop()[0], 0, "the daemon did not end well")
+            if self.log_path.exists():
+                self.assertNotRegex(self.log(), "(Thread|Address|Leak)Sanitizer|runtime error:")
+        finally:
+            if self.daemon is not None and self.daemon.poll() is None:
+                self.daemon.kill()
+                self.daemon.wait()
+            self.show_log_of_a_failure()
+
+    def show_log_of_a_failure(self):
         failed = any(error for _, error in self._outcome.errors) if hasattr(
             self._outcome, "errors") else not self._outcome.success
         if failed and self.log_path.exists():
@@ -172,7 +190,7 @@ class DeviceTest(unittest.TestCase):
         return result.stdout.strip() if result.returncode == 0 else None
 
     def card(self, verb, *words):
-        return subprocess.run([BUILD / "bin/simcardctl", verb, self.folder / "card", *words],
+        return subprocess.run([*program("simcardctl"), verb, self.folder / "card", *words],
                               check=True, text=True, capture_output=True).stdout
 
     def amixer(self, *words):

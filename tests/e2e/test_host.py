@@ -5,7 +5,7 @@ import re
 import subprocess
 import unittest
 
-from device import BUILD, PATIENCE, DeviceTest, signal_samples, wait_for, write_wav
+from device import PATIENCE, DeviceTest, program, signal_samples, wait_for, write_wav
 
 CD = 44100
 PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
@@ -158,7 +158,7 @@ class Network(HostTest):
             self.skipTest("no network namespaces here")
         self.write_settings(host__allow_loopback=0)
         with open(self.log_path, "ab") as log:
-            self.daemon = subprocess.Popen([*namespace, BUILD / "bin/nuvio-connect"],
+            self.daemon = subprocess.Popen([*namespace, *program("nuvio-connect")],
                                            env=self.environment, stdout=log, stderr=log)
         wait_for("panel answers", lambda: self.run_tool(PANEL, "status", check=False))
         self.assertEqual(self.log_count("Start Nuvio_Connect process"), 0)

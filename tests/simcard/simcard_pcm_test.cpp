@@ -568,7 +568,6 @@ TEST_F(SimcardPcm, CountsADayOfFrames) {
 }
 
 TEST_F(SimcardPcm, ServesAplay) {
-    SKIP_WITHOUT_TOOLS();
     Settings settings;
     settings.speed = 20;
     settings.patient = true;
@@ -589,7 +588,6 @@ TEST_F(SimcardPcm, ServesAplay) {
 }
 
 TEST_F(SimcardPcm, CommandLineDrivesTheCard) {
-    SKIP_WITHOUT_TOOLS();
     Card& card = make_still_card();
     const PcmPtr pcm = open();
     const auto control = [&](const std::string& command, const std::string& rest = "") {

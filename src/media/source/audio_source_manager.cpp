@@ -166,7 +166,7 @@ void audio_source_manager_on_audio_stream_dispose(nuv_connect* core, uint64_t st
     const bool active_changes = source == self->active_source;
     const bool next_changes = source == self->next_source;
     hand_designation_on(self, source);
-    self->sources.erase(position_in_list(self, source));
+    self->sources.remove_if([source](const audio_source& other) { return &other == source; });
 
     const audio_source_manager_event_listener& to = self->event_listener;
     if ((active_changes || next_changes) && to.sources_moved_up_callback != nullptr) {
