@@ -1,4 +1,5 @@
 # Warnings, hardening and sanitizers, the same for every target.
+include(CheckCXXCompilerFlag)
 
 add_compile_options(
     -Wall -Wextra -Werror -Wpedantic -Wshadow -Wcast-align -Wformat=2 -Wundef
@@ -21,7 +22,15 @@ if(NUVIO_SANITIZE)
         add_compile_options(-fsanitize=fuzzer-no-link)
     endif()
 else()
-    add_compile_options($<$<CONFIG:Release,RelWithDebInfo>:-D_FORTIFY_SOURCE=2>)
+    set(hardening -D_FORTIFY_SOURCE=2)
+    # Not every target has them.
+    foreach(flag stack-clash-protection cf-protection)
+        check_cxx_compiler_flag(-f${flag} NUVIO_HAS_${flag})
+        if(NUVIO_HAS_${flag})
+            list(APPEND hardening -f${flag})
+        endif()
+    endforeach()
+    add_compile_options("$<$<CONFIG:Release,RelWithDebInfo>:${hardening}>")
 endif()
 
 add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)

@@ -41,6 +41,7 @@ using testing::IsEmpty;
 using testing::Not;
 using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
+constexpr std::chrono::seconds PATIENCE{10};
 
 // ---- A loop on its own thread, which does what it is told ---------------------------------------
 
@@ -242,7 +243,7 @@ class HttpServer : public testing::Test {
     std::string get(const std::string& path) const { return exchange(request("GET", path)); }
     // A start after a stop takes effect a little later.
     bool comes_up() const {
-        for (const auto end = Clock::now() + 10s; Clock::now() < end;) {
+        for (const auto end = Clock::now() + PATIENCE; Clock::now() < end;) {
             if (get("/get-connect-info").starts_with("HTTP/1.1 200")) {
                 return true;
             }
@@ -251,7 +252,7 @@ class HttpServer : public testing::Test {
         return false;
     }
     bool goes_down() const {
-        for (const auto end = Clock::now() + 10s; Clock::now() < end;) {
+        for (const auto end = Clock::now() + PATIENCE; Clock::now() < end;) {
             if (!Peer(m_port).is_connected()) {
                 return true;
             }
@@ -484,7 +485,7 @@ TEST_F(HttpServer, PortInUseIsLoggedAndALaterStartWorks) {
     {
         const int fd = socket(AF_INET, SOCK_STREAM, 0);
         const sockaddr_in address = Peer::loopback(m_port);
-        ASSERT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
+        EXPECT_EQ(bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)), 0);
         listen(fd, 1);
         testing::internal::CaptureStdout();
         start();
