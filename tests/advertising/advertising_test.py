@@ -291,6 +291,7 @@ class Advertising(unittest.TestCase):
         self.b.stop()
         device.says(no_client, 2)
         device.tell("stop", "start Bath")  # with the next attempt pending
+        device.says(no_client, 3)
         self.b.start()
         self.a.sees("Bath")
         self.b.stop()

@@ -336,6 +336,6 @@ TEST(PlatformThread, RunsUntilToldToStopAndOutlivesItsOwner) {
     worker->join();
     EXPECT_EQ(worker->rounds, 3);
     const sp<Worker> huge = new Worker();
-    EXPECT_LT(huge->run("huge", 0, std::numeric_limits<size_t>::max() / 2), 0);
+    EXPECT_LT(huge->run("huge", 0, std::numeric_limits<size_t>::max() - 1), 0);
     sp<Worker>(new Worker())->run("alone");  // keeps itself alive
 }

@@ -133,7 +133,6 @@ TEST_F(UvUtilities, StartAndStopEndAPause) {
 }
 
 TEST_F(UvUtilities, BrokenPreconditionsNameFunctionAndCondition) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     // The line goes to standard output; death tests look at standard error.
     const auto dies = [](void (*call)()) {
         dup2(2, 1);
