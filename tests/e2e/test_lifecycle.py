@@ -1,0 +1,145 @@
+"""The service ends well wherever it is in a session, and starts again.
+
+A round takes the device to one point of a session and ends it there a random moment later.
+NUVIO_SEED repeats a run; NUVIO_LONG=1 makes it some hundred rounds.
+"""
+import itertools
+import json
+import os
+import pathlib
+import random
+import socket
+import threading
+import time
+import unittest
+
+from device import DeviceTest, signal_samples, wait_for, write_wav
+
+CD = 44100
+PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
+ROUNDS = 300 if "NUVIO_LONG" in os.environ else 22
+MAX_SECONDS = 10  # to end, on a busy machine with sanitizers
+
+
+class Lifecycle(DeviceTest):
+    def setUp(self):
+        super().setUp()
+        self.seed = int(os.environ.get("NUVIO_SEED", random.SystemRandom().randrange(1 << 32)))
+        self.random = random.Random(self.seed)
+        print(f"NUVIO_SEED={self.seed}", flush=True)
+        self.long = self.folder / "long.wav"
+        write_wav(self.long, signal_samples(20 * CD), CD)
+        self.short = self.folder / "short.wav"
+        write_wav(self.short, signal_samples(CD // 2), CD)
+        self.album = self.tracks("album", [(CD, 2), (CD, 2)])
+        self.mixed = self.tracks("mixed", [(CD, 2), (96000, 3)])
+
+    def tracks(self, name, formats):
+        folder = self.folder / name
+        folder.mkdir()
+        for n, (rate, sample_bytes) in enumerate(formats):
+            write_wav(folder / f"{n}.wav", signal_samples(rate, 0, rate), rate, sample_bytes)
+        return folder
+
+    def wait_for_log(self, text):
+        wait_for(f"log: {text}", lambda: text in self.log())
+
+    # ---- Where the end finds the device: each returns the longest time it waits there, in s --
+
+    def starting(self):
+        self.start(wait=False)
+        return 0.4
+
+    def idle(self):
+        self.start()
+        return 0.1
+
+    def in_a_request(self):
+        self.start()
+        self.half_open = socket.create_connection(("127.0.0.1", self.port))
+        self.addCleanup(self.half_open.close)
+        self.half_open.sendall(b"POST /connect-to-nconnect HTTP/1.1\r\nHost: x\r\n"
+                               b"Content-Length: 400\r\n\r\n{\"session_id\": ")
+        return 0.3
+
+    def joining_a_session(self):
+        self.start()
+        threading.Thread(target=self.connect_quietly, daemon=True).start()
+        return 0.05
+
+    def connect_quietly(self):
+        try:
+            self.connect(self.album)
+        except (OSError, json.JSONDecodeError):
+            pass  # the device ended first
+
+    def waiting_for_track_info(self):
+        self.start()
+        self.connect(self.long)
+        self.wait_for_log("update playbackstatus")
+        return 2.2
+
+    def waiting_to_rename(self):
+        self.start()
+        self.run_tool(PANEL, "rename", f"Name {self.random.random()}")
+        self.wait_for_log("[DEVICENAME] Waiting 500ms before update")
+        return 0.6
+
+    def playing(self):
+        self.start()
+        self.play(self.long)
+        return 0.5
+
+    def paused(self):
+        self.playing()
+        self.player("pause")
+        return 0.3
+
+    def seeking(self):
+        self.playing()
+        self.player("position", "15")
+        return 0.05
+
+    def draining(self):
+        self.start()
+        self.connect(self.short)
+        self.wait_for_log("Playback has finished")
+        return 0.2
+
+    def handing_over(self):
+        self.start()
+        self.connect(self.album)
+        self.wait_for_log("Playback is nearly finished")
+        return 0.8
+
+    def changing_format(self):
+        self.start()
+        self.connect(self.mixed)
+        self.wait_for_log("Playback has finished")
+        return 0.3
+
+    def losing_the_output(self):
+        self.playing()
+        self.run_tool(PANEL, "take-output")
+        return 0.1
+
+    POINTS = [starting, idle, in_a_request, joining_a_session, waiting_for_track_info,
+              waiting_to_rename, playing, paused, seeking, draining, handing_over, changing_format,
+              losing_the_output]
+
+    def test_the_end_is_quick_and_clean_at_every_point_of_a_session(self):
+        points = itertools.chain(self.POINTS, iter(lambda: self.random.choice(self.POINTS), None))
+        for number, point in enumerate(itertools.islice(points, ROUNDS)):
+            with self.subTest(round=number, point=point.__name__, seed=self.seed):
+                self.log_path.unlink(missing_ok=True)
+                time.sleep(self.random.uniform(0, point(self)))
+                status, seconds = self.stop()
+                self.assertEqual(status, 0, self.log()[-3000:])
+                self.assertLess(seconds, MAX_SECONDS)
+                self.assertNotIn("loop not closed", self.log())
+        self.start()
+        self.play(self.long)
+
+
+if __name__ == "__main__":
+    unittest.main()
