@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "bridge/bridge.h"
@@ -15,6 +16,7 @@
 #include "startup/network_state.h"
 #include "startup/nuvio_connect_start.h"
 #include "startup/nuvio_ss_listener.h"
+#include "startup/service.h"
 
 namespace service_test {
 
@@ -63,6 +65,23 @@ class Service : public testing::Test {
 
   private:
     int m_marks = 0;
+};
+
+// The service on a thread of its own, as main runs it.
+class RunningService : public Service {
+  protected:
+    void run() {
+        m_main = std::thread([this] { m_status = runService(); });
+    }
+    int end() {
+        fake_platform::end_process();
+        m_main.join();
+        return m_status;
+    }
+
+  private:
+    std::thread m_main;
+    int m_status = -1;
 };
 
 }  // namespace service_test

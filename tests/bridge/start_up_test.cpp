@@ -7,7 +7,6 @@
 #include "bridge/service_fixture.h"
 #include "platform/Environment.h"
 #include "startup/device_settings.h"
-#include "startup/service.h"
 
 using namespace android;
 using namespace service_test;
@@ -81,23 +80,6 @@ TEST_F(StartUp, OnlyANonZeroEnableItemStartsTheService) {
     EXPECT_EQ(countLines("err nuvio-connect: Nuvio Connect is not enabled"), 3U);
     EXPECT_TRUE(fake_platform::state()->nesh == nullptr);
 }
-
-// The service on a thread of its own, as main runs it.
-class RunningService : public Service {
-  protected:
-    void run() {
-        m_main = std::thread([this] { m_status = runService(); });
-    }
-    int end() {
-        fake_platform::end_process();
-        m_main.join();
-        return m_status;
-    }
-
-  private:
-    std::thread m_main;
-    int m_status = -1;
-};
 
 TEST_F(RunningService, WaitsForTheNetworkThenPlaysUntilTheProcessEnds) {
     fake_platform::state()->wired = false;

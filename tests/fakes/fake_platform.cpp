@@ -1,6 +1,7 @@
 #include "fakes/fake_platform.h"
 
 #include <atomic>
+#include <thread>
 
 #include "platform/Binder.h"
 #include "platform/Environment.h"
@@ -15,8 +16,14 @@ std::mutex g_mutex;
 State g_state;
 std::atomic<bool> g_ending{false};
 
+void take_time() {
+    const std::chrono::milliseconds duration = state()->answer_time;
+    std::this_thread::sleep_for(duration);
+}
+
 void record(const std::string& call) {
     state()->calls.push_back(call);
+    take_time();
 }
 
 bool answer(const Identity& identity, std::string& value) {
@@ -84,7 +91,9 @@ void notify_message(int id) {
 
 void notify_network(int iface, int status) {
     const sp<INeshAlerts> listener = state()->nesh;
-    listener->NeshAlert(static_cast<uint8_t>(iface), static_cast<uint8_t>(status));
+    if (listener != nullptr) {
+        listener->NeshAlert(static_cast<uint8_t>(iface), static_cast<uint8_t>(status));
+    }
 }
 
 void end_process() {
@@ -115,7 +124,7 @@ struct KORAHelper::Impl {};
 KORAHelper::KORAHelper() = default;
 KORAHelper::~KORAHelper() = default;
 bool KORAHelper::verifyConnection_l() {
-    return true;
+    return state()->unreachable_kora-- <= 0;
 }
 void KORAHelper::registerListener(const sp<IKoraAlerts>& listener, Vector<int>& ids) {
     const Locked platform = state();
@@ -130,12 +139,14 @@ void KORAHelper::unregisterListener(const sp<IKoraAlerts>&, Vector<int>& ids) {
     platform->kora.clear();
 }
 bool KORAHelper::readRemoteMessage(const int& id, std::string& text) {
-    text = state()->messages[id];
+    take_time();
+    const Locked platform = state();
+    text = platform->loses_messages ? "" : platform->messages[id];
     return !text.empty();
 }
 bool KORAHelper::writeRemoteMessage(const int& id, const std::string& text, int) {
     record("write " + std::to_string(id) + " " + text);
-    return true;
+    return !state()->loses_messages;
 }
 
 struct NeshHelper::Impl {};

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <algorithm>
+#include <chrono>
 #include <map>
 #include <mutex>
 #include <string>
@@ -31,7 +32,10 @@ struct State {
     bool wired = true;
     bool grants_output = true;
     bool has_ui = true;
-    int unreachable_nesh = 0;  // so many checks of the network service fail
+    int unreachable_nesh = 0;                  // so many checks of the network service fail
+    int unreachable_kora = 0;                  // the same of the message service
+    bool loses_messages = false;               // reading and writing them fails
+    std::chrono::milliseconds answer_time{0};  // each call takes so long
 
     // Who listens.
     android::sp<android::IKoraAlerts> kora;
@@ -58,7 +62,7 @@ struct Locked {
 Locked state();
 void reset();
 
-// To whoever has registered for it.
+// To whoever has registered for it; to nobody otherwise.
 void notify_message(int id);
 void notify_network(int iface, int status);
 // Ends the process as a signal would: joinThreadPool returns.

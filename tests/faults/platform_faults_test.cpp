@@ -1,0 +1,183 @@
+// The platform's services absent, slow, or coming and going while the service starts, runs and
+// ends.
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "bridge/host_hooks.h"
+#include "bridge/service_fixture.h"
+#include "platform/Environment.h"
+
+using namespace android;
+using namespace service_test;
+using namespace std::chrono_literals;
+using testing::Contains;
+
+namespace {
+
+constexpr unsigned stuck_after_s = 100;
+
+class PlatformFaults : public RunningService {
+  protected:
+    PlatformFaults() { alarm(stuck_after_s); }
+    ~PlatformFaults() override { alarm(0); }
+
+    void run_until_initialized() {
+        run();
+        ASSERT_TRUE(captured_log::wait_for("Nuvio Connect has been initialized"));
+    }
+};
+
+TEST_F(PlatformFaults, AbsentServicesLeaveDefaultsAndAWorkingBridge) {
+    {
+        const fake_platform::Locked platform = fake_platform::state();
+        platform->unreachable_kora = 1;
+        platform->unreachable_nesh = 20;
+        platform->loses_messages = true;
+        platform->has_ui = false;
+        platform->grants_output = false;
+        platform->friendly_name.known = platform->manufacturer.known = platform->model.known =
+            false;
+        platform->items[kFeatureNuvioConnect] = "1";
+    }
+    fake_modules::state()->tracks = {{"Title", {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT}, 1000}};
+    run_until_initialized();
+    EXPECT_FALSE(host_allow_source());
+    host_report_playback_position(1000);
+    host_report_mute_state();
+    host_report_volume();
+    host_report_shuffle_repeat();
+    host_report_playback_status(NUV_PLAYBACK_STATE_PLAYING);
+    fake_platform::notify_message(KORA_DEVICE_NAME);
+    process({"MUTE_STATE", "VOLUME_STATUS", "NEXT"});
+    EXPECT_THAT(fake_sdk::calls(), Contains("next_track"));
+    EXPECT_EQ(end(), 0);
+}
+
+// What the loop reports during a batch of slow calls waits in the queue, and the loop goes on.
+TEST_F(PlatformFaults, SlowServicesHoldUpCommandsButNotTheLoop) {
+    static std::atomic<size_t> passes;
+    passes = 0;
+    fake_modules::state()->on_tick = [] {
+        ++passes;
+        host_report_volume();
+        host_report_mute_state();
+        host_report_playback_status(NUV_PLAYBACK_STATE_STOPPED);
+    };
+    run_until_initialized();
+    fake_platform::state()->answer_time = 100ms;
+    const size_t calls_before = fake_platform::state()->calls.size();
+    const size_t passes_before = passes;
+    while (passes < passes_before + 500) {
+        std::this_thread::sleep_for(1ms);
+    }
+    const size_t calls = fake_platform::state()->calls.size() - calls_before;
+    EXPECT_LT(calls * 10, passes - passes_before) << "the loop waited for the platform";
+    EXPECT_EQ(end(), 0) << "not before the call in progress, but without the queue";
+    EXPECT_LE(fake_platform::state()->calls.size(), calls_before + calls + 10);
+}
+
+// ---- Services that come and go -----------------------------------------------------------------
+
+// What a platform does to the service, from several threads at once.
+class Storm {
+  public:
+    explicit Storm(uint64_t seed) {
+        for (unsigned n = 0; n < thread_count; ++n) {
+            threads_.emplace_back([this, seed, n] { blow(std::mt19937_64(seed + n)); });
+        }
+    }
+    void end() {
+        over_ = true;
+        for (std::thread& thread : threads_) {
+            thread.join();
+        }
+    }
+
+  private:
+    static constexpr unsigned thread_count = 3;
+
+    void blow(std::mt19937_64 random) {
+        const sp<NuvioSSListener> listener = NuvioSSListener::getInstance();
+        const auto below = [&](unsigned bound) { return static_cast<int>(random() % bound); };
+        while (!over_) {
+            switch (below(8)) {
+                case 0:
+                    fake_platform::notify_network(1 + below(2), below(2));
+                    break;
+                case 1:
+                    fake_platform::state()->messages[KORA_DEVICE_NAME] =
+                        "Name " + std::to_string(below(3));
+                    fake_platform::notify_message(KORA_DEVICE_NAME);
+                    break;
+                case 2:
+                    fake_platform::notify_message(KORA_SHUTDOWN_REQUEST);
+                    break;
+                case 3:
+                    listener->OnVolumeChangeEvent("40");
+                    break;
+                case 4:
+                    listener->OnSourceSwitchEvent();
+                    break;
+                case 5:
+                    listener->OnSourceEvent("NEXT");
+                    break;
+                case 6: {  // restarting: for a while nothing can be read, shown or granted
+                    const fake_platform::Locked platform = fake_platform::state();
+                    platform->loses_messages = below(2) == 0;
+                    platform->grants_output = platform->has_ui = below(2) == 0;
+                    break;
+                }
+                default:
+                    std::this_thread::sleep_for(std::chrono::microseconds(below(3000)));
+            }
+        }
+    }
+
+    std::atomic<bool> over_{false};
+    std::vector<std::thread> threads_;
+};
+
+TEST_F(PlatformFaults, ServiceEndsAtAnyMomentOfAStormOfNotifications) {
+    const char* given = std::getenv("NUVIO_SEED");
+    const uint64_t seed =
+        given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device()();
+    std::printf("NUVIO_SEED=%llu\n", static_cast<unsigned long long>(seed));
+    std::mt19937_64 random(seed);
+    const int rounds = std::getenv("NUVIO_LONG") != nullptr ? 300 : 20;
+    for (int round = 0; round < rounds; ++round) {
+        alarm(stuck_after_s);
+        fake_platform::reset();
+        fake_platform::state()->wired = random() % 2 == 0;
+        fake_modules::reset();
+        fake_modules::state()->on_tick = [] {
+            host_report_playback_status(NUV_PLAYBACK_STATE_PLAYING);
+            host_report_playback_position(1000);
+        };
+        run();
+        ASSERT_TRUE(captured_log::wait_for("MAIN TO START NUVIO CONNECT END",
+                                           static_cast<size_t>(round) + 1));
+        Storm storm(random());
+        std::this_thread::sleep_for(std::chrono::microseconds(random() % 200000));
+        const bool ends_in_the_storm = random() % 2 == 0;
+        if (!ends_in_the_storm) {
+            storm.end();
+        }
+        EXPECT_EQ(end(), 0);
+        if (ends_in_the_storm) {
+            storm.end();
+        }
+        EXPECT_TRUE(fake_platform::state()->kora_ids.empty());
+        EXPECT_TRUE(fake_platform::state()->nesh == nullptr);
+        NuvioSSListener::releaseInstance();
+    }
+}
+
+}  // namespace
