@@ -39,8 +39,8 @@ using timer_ptr = std::unique_ptr<uv_timer_t, freed_by<uv_timer_free>>;
 // Released in avahi_advertiser_do_stop_advertising, whose order counts.
 struct avahi_advertiser {
     uv_loop_t* event_loop;
-    device_info* info;
-    http_server* server;
+    struct device_info* device_info;  // borrowed, as are the two below
+    struct http_server* http_server;
     nuv_connect* core = nullptr;
     avahi_text name{};
     avahi_text service_name{};
@@ -122,7 +122,7 @@ const char* get_device_uuid(nuv_connect* core) {
 }
 
 std::optional<txt_entries> make_txt_entries(const avahi_advertiser* self, const char* path) {
-    const char* type = nuv_device_type_to_string(device_info_get_device_type(self->info));
+    const char* type = nuv_device_type_to_string(device_info_get_device_type(self->device_info));
     NUV_CHECK(type != NULL);
     txt_entries entries{};
     if (format_entry(entries[0], "path", path) &&
@@ -182,7 +182,7 @@ bool prepare_group(avahi_advertiser* self) {
 // Returns Avahi's result.
 int add_service(avahi_advertiser* self, uint16_t port, const txt_entries& txt) {
     const AvahiProtocol protocol =
-        http_server_supports_ipv6(self->server) ? AVAHI_PROTO_UNSPEC : AVAHI_PROTO_INET;
+        http_server_supports_ipv6(self->http_server) ? AVAHI_PROTO_UNSPEC : AVAHI_PROTO_INET;
     return avahi_entry_group_add_service(
         self->group.get(), AVAHI_IF_UNSPEC, protocol, AvahiPublishFlags{}, self->name.get(),
         self->service_name.get(), nullptr, nullptr, port, txt[0].data(), txt[1].data(),
@@ -206,8 +206,8 @@ void avahi_advertiser_create_service(avahi_advertiser* self) {
     if (!prepare_group(self)) {
         return;
     }
-    const uint16_t port = http_server_get_port(self->server);
-    const char* path = http_server_get_base_service_path(self->server);
+    const uint16_t port = http_server_get_port(self->http_server);
+    const char* path = http_server_get_base_service_path(self->http_server);
     NUV_CHECK(path != NULL);
     const std::optional<txt_entries> txt = make_txt_entries(self, path);
     if (!txt) {
@@ -298,7 +298,8 @@ avahi_advertiser* avahi_advertiser_new(uv_loop_t* event_loop, device_info* info,
     NUV_CHECK(event_loop != NULL);
     NUV_CHECK(info != NULL);
     NUV_CHECK(server != NULL);
-    return new avahi_advertiser{.event_loop = event_loop, .info = info, .server = server};
+    return new avahi_advertiser{
+        .event_loop = event_loop, .device_info = info, .http_server = server};
 }
 
 void avahi_advertiser_free(avahi_advertiser* self) {

@@ -26,7 +26,7 @@ namespace {
 constexpr unsigned IPV6_FEATURE = 8;
 constexpr const char* BASE_SERVICE_PATH = "/";
 constexpr const char* CONNECT_ENDPOINT = "connect-to-nconnect";
-constexpr size_t ENDPOINT_PATH_SIZE = 128;
+using endpoint_path = std::array<char, 128>;
 constexpr size_t RESPONSE_SIZE = 2048;  // bytes, terminator included
 constexpr long long MAXIMUM_BODY_SIZE = 65'536;
 constexpr uint64_t LAST_ANSWER_PATIENCE_MS = 1'000;
@@ -62,8 +62,8 @@ struct library {
 struct http_server {
     uv_loop_t* loop;
     uint16_t port;
-    device_info* info;
-    audio_renderer* renderer;
+    struct device_info* device_info;
+    struct audio_renderer* audio_renderer;
     const char* base_service_path = BASE_SERVICE_PATH;
     nuv_connect* core = nullptr;
 
@@ -75,6 +75,10 @@ struct http_server {
     uint16_t listening_port = 0;                // differs from `port` when that is 0
     std::unique_ptr<connection_guard> guard{};  // while `server` is set
     uv_thread_t stopper{};
+
+    endpoint_path get_display_info_endpoint{};
+    endpoint_path get_connect_info_endpoint{};
+    endpoint_path connect_to_nconnect_endpoint{};
 
     // In the order of release, last to first.
     async_ptr on_stopped{};
@@ -172,12 +176,12 @@ bool respond(get_endpoint& endpoint, std::span<const TextMember> members) {
 
 bool compose_display_info(http_server* self) {
     const nuv_audio_quality quality =
-        audio_renderer_get_maximum_supported_audio_quality(self->renderer);
-    const char* device_name = device_info_get_device_name(self->info);
-    const nuv_device_type device_type = device_info_get_device_type(self->info);
-    const char* manufacturer = device_info_get_manufacturer(self->info);
-    const char* model = device_info_get_model(self->info);
-    const char* serial_number = device_info_get_serial_number(self->info);
+        audio_renderer_get_maximum_supported_audio_quality(self->audio_renderer);
+    const char* device_name = device_info_get_device_name(self->device_info);
+    const nuv_device_type device_type = device_info_get_device_type(self->device_info);
+    const char* manufacturer = device_info_get_manufacturer(self->device_info);
+    const char* model = device_info_get_model(self->device_info);
+    const char* serial_number = device_info_get_serial_number(self->device_info);
     NUV_CHECK(device_name != NULL);
     NUV_CHECK(manufacturer != NULL);
     NUV_CHECK(model != NULL);
@@ -196,7 +200,7 @@ bool compose_display_info(http_server* self) {
 
 bool compose_connect_info(http_server* self) {
     NUV_CHECK(self->core != NULL);
-    const char* app_id = device_info_get_app_id(self->info);
+    const char* app_id = device_info_get_app_id(self->device_info);
     const char* session_id = "";
     if (nuv_connect_get_session_id(self->core, &session_id) != NUV_ERROR_OK) {
         app_log(LOG_LEVEL_ERROR, "get-connect-info: Unable to retrieve current session ID");
@@ -305,11 +309,22 @@ uint16_t port_in_use(const mg_context* server, uint16_t configured) {
                                                       : configured;
 }
 
-void register_endpoint(http_server* self, const char* name, mg_request_handler handler) {
-    char path[ENDPOINT_PATH_SIZE];
-    const int length = std::snprintf(path, sizeof(path), "%s%s", self->base_service_path, name);
-    NUV_CHECK(length > 0 && static_cast<size_t>(length) < sizeof(path));
-    mg_set_request_handler(self->server, path, handler, self);
+void format_endpoint(const http_server* self, const char* name, endpoint_path& path) {
+    const int length =
+        std::snprintf(path.data(), path.size(), "%s%s", self->base_service_path, name);
+    NUV_CHECK(length > 0 && static_cast<size_t>(length) < path.size());
+}
+
+void register_endpoints(http_server* self) {
+    format_endpoint(self, self->get_display_info.name, self->get_display_info_endpoint);
+    format_endpoint(self, self->get_connect_info.name, self->get_connect_info_endpoint);
+    format_endpoint(self, CONNECT_ENDPOINT, self->connect_to_nconnect_endpoint);
+    mg_set_request_handler(self->server, self->get_display_info_endpoint.data(),
+                           http_server_on_civetweb_handle_get_display_info, self);
+    mg_set_request_handler(self->server, self->get_connect_info_endpoint.data(),
+                           http_server_on_civetweb_handle_get_connect_info, self);
+    mg_set_request_handler(self->server, self->connect_to_nconnect_endpoint.data(),
+                           http_server_on_civetweb_handle_connect_to_nconnect, self);
 }
 
 void start_now(http_server* self) {
@@ -327,11 +342,7 @@ void start_now(http_server* self) {
         return;
     }
     self->listening_port = port_in_use(self->server, self->port);
-    register_endpoint(self, self->get_display_info.name,
-                      http_server_on_civetweb_handle_get_display_info);
-    register_endpoint(self, self->get_connect_info.name,
-                      http_server_on_civetweb_handle_get_connect_info);
-    register_endpoint(self, CONNECT_ENDPOINT, http_server_on_civetweb_handle_connect_to_nconnect);
+    register_endpoints(self);
     self->guard = std::make_unique<connection_guard>(self->loop, self->listening_port);
 }
 
@@ -391,8 +402,8 @@ http_server* http_server_new(uv_loop_t* event_loop, uint16_t port, device_info* 
     NUV_CHECK(event_loop != NULL);
     NUV_CHECK(info != NULL);
     NUV_CHECK(renderer != NULL);
-    auto* self =
-        new http_server{.loop = event_loop, .port = port, .info = info, .renderer = renderer};
+    auto* self = new http_server{
+        .loop = event_loop, .port = port, .device_info = info, .audio_renderer = renderer};
     self->get_display_info.async.reset(
         uv_async_new(event_loop, http_server_on_handle_get_display_info_synchronized, self));
     self->get_connect_info.async.reset(

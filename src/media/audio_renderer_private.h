@@ -60,7 +60,6 @@ extern bool playback_paused;               // PCM of the playing source is refus
 extern int32_t last_reported_position_ms;  // low 32 bits of what the host was told last
 
 // ---- audio_renderer.cpp
-// --------------------------------------------------------------------------
 
 const char* audio_renderer_state_name(audio_renderer_state state);
 // Closes the sink and lets go of the playing source. Tells nobody.
@@ -71,7 +70,6 @@ void audio_renderer_stop_and_report_playback_error(audio_renderer* self);
 void audio_renderer_report_playback_status(nuv_connect* core);
 
 // ---- playback_position.cpp
-// -----------------------------------------------------------------------
 
 // Audio in the sink that has not been heard, in ms; 0 when that is not known.
 uint64_t audio_renderer_get_buffered_duration(audio_renderer* self);
@@ -81,7 +79,6 @@ uint64_t audio_renderer_calculate_playback_position(audio_renderer* self);
 void updateCurrentPlaybackPosition(audio_renderer* self);
 
 // ---- track_transition.cpp
-// ------------------------------------------------------------------------
 
 bool audio_formats_are_same(const nuv_audio_format* format1, const nuv_audio_format* format2);
 // An audio_source_state_changed_callback: arms the timers when the active source is finished.

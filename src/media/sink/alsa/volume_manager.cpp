@@ -124,7 +124,10 @@ void volume_manager_on_descriptor_poll_event(descriptor_poller* poller, pollfd* 
     } else if (++self->failed_polls == kMaxFailedPolls) {
         app_log(LOG_LEVEL_WARNING, "ALSA mixer keeps failing; its changes are no longer followed");
         descriptor_poller_stop_polling(poller);
+        return;
     }
+    // Again: an error on a descriptor has ended its watch.
+    descriptor_poller_start_polling(poller);
 }
 
 bool open_mixer(volume_manager* self, const char* control_device) {
@@ -230,8 +233,8 @@ uint32_t volume_manager_get_volume(volume_manager* self) {
 
 void volume_manager_set_volume(volume_manager* self, uint32_t volume) {
     NUV_CHECK(self != NULL);
-    volume = std::min(volume, kMaxPercent);
     app_log(LOG_LEVEL_TRACE, "Setting volume: %d", static_cast<int>(volume));
+    volume = std::min(volume, kMaxPercent);
     if (volume == volume_manager_get_volume(self)) {
         return;
     }
@@ -265,7 +268,7 @@ void volume_manager_set_mute_state(volume_manager* self, bool muted) {
 
 bool volume_manager_is_lost(const volume_manager* self) {
     NUV_CHECK(self != NULL);
-    return self->volume_element == nullptr || self->failed_polls > 0;
+    return self->volume_element == nullptr || self->failed_polls >= kMaxFailedPolls;
 }
 
 uint32_t volume_manager_get_reported_volume(const volume_manager* self) {
