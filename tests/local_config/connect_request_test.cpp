@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <limits>
 #include <string>
+#include <utility>
 
 namespace {
 
@@ -22,30 +23,12 @@ std::string error_of(const std::string& body) {
     return parsed.error == nullptr ? "none" : parsed.error;
 }
 
-TEST(ConnectRequest, CompleteBodyIsRead) {
-    const parsed_connect_request parsed = parse_connect_request(COMPLETE.c_str());
-    ASSERT_EQ(parsed.error, nullptr);
-    const connect_request& request = parsed.request;
-    EXPECT_STREQ(request.session_id, "s");
-    EXPECT_STREQ(request.jwt_api.endpoint, "e1");
-    EXPECT_STREQ(request.jwt_api.jwt, "t1");
-    EXPECT_EQ(request.jwt_api.exp, 11U);
-    EXPECT_STREQ(request.jwt_nconnect.endpoint, "e2");
-    EXPECT_STREQ(request.jwt_nconnect.jwt, "t2");
-    EXPECT_EQ(request.jwt_nconnect.exp, 12U);
-    EXPECT_TRUE(request.become_active);
-}
-
 TEST(ConnectRequest, ForgivesKeyCaseExtraMembersAndTrailingBytes) {
     EXPECT_EQ(error_of(replaced("session_id", "SESSION_ID")), "none");
     EXPECT_EQ(error_of(replaced("{\"session_id", "{\"other\":[{}],\"session_id")), "none");
     EXPECT_EQ(error_of(COMPLETE + "]]] trailing" + std::string(100, '[')), "none");
-}
-
-TEST(ConnectRequest, FirstOfEqualKeysCounts) {
-    const auto body =
-        replaced("\"become_active\":true", "\"become_active\":false,\"Become_Active\":true");
-    EXPECT_FALSE(parse_connect_request(body.c_str()).request.become_active);
+    const auto twice = replaced("true", "false,\"Become_Active\":true");
+    EXPECT_FALSE(parse_connect_request(twice.c_str()).request.become_active) << "the first counts";
 }
 
 TEST(ConnectRequest, FirstBrokenRuleIsNamed) {
@@ -54,9 +37,7 @@ TEST(ConnectRequest, FirstBrokenRuleIsNamed) {
         const char* error;
     } cases[] = {
         {"", "Invalid JSON"},
-        {"{\"session_id\":", "Invalid JSON"},
         {"[]", "Request does not contain \"session_id\""},
-        {"null", "Request does not contain \"session_id\""},
         {replaced("session_id", "x"), "Request does not contain \"session_id\""},
         {replaced("\"s\"", "null"), "session_id is not a string"},
         {replaced("jwt_api", "x"), "Request does not contain \"jwt_api\""},
@@ -76,7 +57,6 @@ TEST(ConnectRequest, FirstBrokenRuleIsNamed) {
         {replaced(",\"exp\":12", ""), "jwt_nconnect does not have \"exp\" field"},
         {replaced("become_active", "x"), "Request does not contain \"become_active\""},
         {replaced("true", "1"), "become_active is not a boolean value"},
-        {replaced("true", "\"true\""), "become_active is not a boolean value"},
         // Of several faults the first in order is told.
         {R"({"become_active":1,"jwt_api":1,"session_id":1})", "session_id is not a string"},
     };
@@ -87,20 +67,18 @@ TEST(ConnectRequest, FirstBrokenRuleIsNamed) {
 
 TEST(ConnectRequest, AnyExpiryBecomesANumberOfSeconds) {
     constexpr uint64_t MAXIMUM = std::numeric_limits<uint64_t>::max();
-    const struct {
-        const char* exp;
-        uint64_t seconds;
-    } cases[] = {{"1.9", 1},
-                 {"-0.5", 0},
-                 {"-1e300", 0},
-                 {"\"17\"", 0},
-                 {"null", 0},
-                 {"[1]", 0},
-                 {"4294967296", 4294967296},
-                 {"1e19", 10000000000000000000U},
-                 {"18446744073709551616", MAXIMUM},
-                 {"1e300", MAXIMUM},
-                 {"1e999", MAXIMUM}};
+    const std::pair<const char*, uint64_t> cases[] = {
+        {"1.9", 1},
+        {"-0.5", 0},
+        {"-1e300", 0},
+        {"\"17\"", 0},
+        {"[1]", 0},
+        {"4294967296", 4294967296},
+        {"1e19", 10000000000000000000U},
+        {"18446744073709551616", MAXIMUM},
+        {"1e300", MAXIMUM},
+        {"1e999", MAXIMUM},
+    };
     for (const auto& [exp, seconds] : cases) {
         const std::string body = replaced("11", exp);
         const parsed_connect_request parsed = parse_connect_request(body.c_str());
