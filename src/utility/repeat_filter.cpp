@@ -58,7 +58,7 @@ bool repeat_filter::entry::admit() {
 uint64_t repeat_filter::key_of(uint32_t level, std::string_view category,
                                std::string_view message) {
     const uint64_t of_category = hash((kHashStart ^ level) * kHashFactor, category);
-    return hash(hash(of_category, {"", 1}), message);
+    return hash(hash(of_category, {"\0", 1}), message);
 }
 
 repeat_filter::entry* repeat_filter::find(uint64_t key) {
