@@ -125,9 +125,13 @@ void Host::stop() {
 }
 
 // A service that ends before it was ready - it is switched off in the settings - has started all
-// the same: to the service manager that is no failure, unless the exit status says so.
+// the same: to the service manager that is no failure, unless the exit status says so. In two
+// messages, as of one that says both systemd takes only the second.
 void Host::report_stopping() const {
-    sd_notify(0, m_reported_ready ? "STOPPING=1" : "READY=1\nSTOPPING=1");
+    if (!m_reported_ready) {
+        sd_notify(0, "READY=1");
+    }
+    sd_notify(0, "STOPPING=1");
 }
 
 void Host::stop_for_good() {
