@@ -16,7 +16,7 @@ namespace {
 std::string as_file(const ParsedSettings& parsed) {
     std::string text;
     for (const auto& [key, value] : parsed.values) {
-        text += key + "=" + value + "\n";
+        text.append(key).append("=").append(value).append("\n");
     }
     return text;
 }

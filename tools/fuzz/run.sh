@@ -18,7 +18,7 @@ fuzz() {
     local target=$1 work=$build/fuzz
     mkdir -p "$work/corpus/$target" "$work/findings/$target"
     # The targets' own output goes to nowhere; the fuzzer reports on the other channel.
-    "$build/bin/fuzz_$target" -max_total_time="$seconds" -max_len=4096 -timeout=10 \
+    "$build/bin/fuzz_$target" -max_total_time="$seconds" -max_len=4096 -timeout=60 \
         -rss_limit_mb=1024 -print_final_stats=1 -artifact_prefix="$work/findings/$target/" \
         "$work/corpus/$target" "tests/fuzz/corpus/$target" \
         >/dev/null 2>"$work/$target.log" || echo "status $?" >>"$work/$target.log"

@@ -1,0 +1,22 @@
+#!/usr/bin/env bash
+# clang-tidy over every source file, each as the first of the given build trees that has it compiles
+# it: tools/lint/clang-tidy.sh BUILD...
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/../.."
+
+compiled_in() {
+    sed -n 's/^ *"file": "\(.*\)",\{0,1\}$/\1/p' "$1/compile_commands.json" | sort -u
+}
+
+status=0
+left=$(git ls-files -co --exclude-standard -- '*.cpp' | xargs -r realpath | sort)
+for build in "$@"; do
+    comm -12 <(echo "$left") <(compiled_in "$build") |
+        xargs -r -n 1 -P "$(nproc)" clang-tidy -p "$build" --quiet 2>/dev/null || status=1
+    left=$(comm -23 <(echo "$left") <(compiled_in "$build"))
+done
+if [ -n "$left" ]; then
+    printf 'compiled in none of %s:\n%s\n' "$*" "$left"
+    status=1
+fi
+exit $status
