@@ -18,7 +18,6 @@ using fake_modules::Track;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace {
 
@@ -66,12 +65,11 @@ TEST_F(Status, ATitleReachesTheUiOnceAndAgainAfterAModeChange) {
     fake_modules::state()->tracks = {kSong};
     startBridge();
     report(1);
-    EXPECT_THAT(
-        fake_platform::state()->take_calls(),
-        ElementsAre("player_state 0", "write 51 0",
-                    StartsWith("ui_update album=Album artist=Artist trackName=Song "
-                               "totalTime=215000 coverArt=defaultArt.jpg codec= sampleRate=44100 "
-                               "bitdepth=16 channels=2 repeat=2 shuffle=1 next=1 prev=1 ")));
+    EXPECT_THAT(fake_platform::state()->take_calls(),
+                ElementsAre("player_state 0", "write 51 0",
+                            HasSubstr("trackName=Song totalTime=215000 coverArt=defaultArt.jpg "
+                                      "codec= sampleRate=44100 bitdepth=16 channels=2 repeat=2 "
+                                      "shuffle=1 ")));
     report(1);
     EXPECT_EQ(fake_platform::state()->count("ui_update"), 0U);
     onLoop(host_report_shuffle_repeat);
@@ -83,27 +81,27 @@ TEST_F(Status, ATitleReachesTheUiOnceAndAgainAfterAModeChange) {
                 Contains(HasSubstr("sampleRate=96000 bitdepth=24 channels=6")));
 }
 
-TEST_F(Status, PositionsAndSeeksFollowTheStatus) {
+TEST_F(Status, PositionsAndSeeksPassWhileATrackPlays) {
+    struct Case {
+        int status;
+        const char* seek;
+        Lines platform;
+        Lines sdk;
+    };
     fake_modules::state()->tracks = {kSong};
     startBridge();
-    process({});
-    const auto position_and_seek = [this](const std::string& seek) {
+    for (const Case& wanted :
+         {Case{0, "SEEK:500", {}, {}},
+          Case{1, "SEEK:-1", {"write 49 61250"}, {"seek_time 4294967295"}},
+          Case{2, "SEEK", {}, {"seek_time 4294967295"}}, Case{3, "SEEK:1", {}, {}}}) {
+        report(wanted.status);
         fake_platform::state()->take_calls();
         fake_sdk::take_calls();
         onLoop([] { host_report_playback_position(61250); });
-        process({seek});
-        return fake_platform::state()->calls.size() * 10 + fake_sdk::calls().size();
-    };
-    EXPECT_EQ(position_and_seek("SEEK:500"), 0U);  // nothing has played yet
-    report(1);
-    EXPECT_EQ(position_and_seek("SEEK:-1"), 11U);
-    EXPECT_THAT(fake_platform::state()->calls, ElementsAre("write 49 61250"));
-    EXPECT_THAT(fake_sdk::calls(), ElementsAre("seek_time 4294967295"));
-    report(2);
-    EXPECT_EQ(position_and_seek("SEEK"), 1U);
-    report(3);
-    EXPECT_EQ(fake_platform::state()->count("player_state"), 0U);
-    EXPECT_EQ(position_and_seek("SEEK:1"), 0U);
+        process({wanted.seek});
+        EXPECT_EQ(fake_platform::state()->calls, wanted.platform) << wanted.seek;
+        EXPECT_EQ(fake_sdk::calls(), wanted.sdk) << wanted.seek;
+    }
 }
 
 TEST_F(Status, MissingMetadataIsAskedForTwice) {
@@ -114,31 +112,26 @@ TEST_F(Status, MissingMetadataIsAskedForTwice) {
 }
 
 TEST_F(Status, AStopClearsTheUiUnlessTheRendererIsActiveOrLostTheOutput) {
-    fake_sdk::Values values;
-    const auto stop_while_active = [&](bool active) {
+    const auto clears_while_active = [&](bool active) {
+        fake_sdk::Values values;
         values.active = active;
         fake_sdk::set_values(values);
         fake_platform::state()->take_calls();
         report(0);
-        return fake_platform::state()->count("ui_clear");
+        return fake_platform::state()->count("ui_clear") == 1;
     };
     fake_modules::state()->tracks = {kSong};
     startBridge();
-    EXPECT_EQ(stop_while_active(true), 0U);
-    EXPECT_EQ(countLines("err NuvioConnect: Renderer is active, skip metadata reset \n"), 1U);
-    EXPECT_EQ(stop_while_active(false), 1U);
-
+    EXPECT_FALSE(clears_while_active(true));
+    EXPECT_TRUE(clears_while_active(false));
     process({"ONSOURCESWITCH"});
-    EXPECT_EQ(stop_while_active(false), 0U);
-    EXPECT_EQ(countLines("skip metadata reset"), 2U);
+    EXPECT_FALSE(clears_while_active(false));
     report(1);  // playing again: the next stop clears, and the same title is sent anew
-    EXPECT_EQ(stop_while_active(false), 1U);
+    EXPECT_TRUE(clears_while_active(false));
     report(1);
     EXPECT_EQ(fake_platform::state()->count("ui_update"), 1U);
-
     fake_sdk::set_result("get_renderer_active_state", NUV_ERROR_INTERNAL);
-    EXPECT_EQ(stop_while_active(false), 0U);
-    EXPECT_EQ(countLines("skip metadata reset"), 2U);
+    EXPECT_FALSE(clears_while_active(false));
 }
 
 TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
@@ -148,7 +141,7 @@ TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
     fake_platform::state()->messages[KORA_CURRENT_SOURCE] = "31";
     startBridge();
     process({"VOLUME_STATUS"});
-    EXPECT_EQ(countLines("err NuvioConnect: m_bdeviceVolume = 0"), 1U);
+    EXPECT_THAT(fake_platform::state()->calls, testing::IsEmpty());  // not asked for the output yet
     onLoop([] { EXPECT_TRUE(host_allow_source()); });
     onLoop(host_report_volume);
     onLoop(host_report_mute_state);
@@ -157,7 +150,6 @@ TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
                 ElementsAre("play_my_source 31", "app_volume 30", "write 63 MUTE"));
     fake_sdk::set_result("get_volume", NUV_ERROR_NOT_CONNECTED);
     process({"VOLUME_STATUS"});
-    EXPECT_EQ(countLines("event : VOLUME_STATUSNuvio Error fake error"), 1U);
     EXPECT_THAT(fake_platform::state()->calls, Contains("app_volume 0"));
 }
 
