@@ -6,15 +6,12 @@
 #include <string>
 #include <vector>
 
-#include "sdk/nuvio_connect.h"
-
 // A fresh folder, removed with everything in it.
 class TemporaryFolder {
   public:
     TemporaryFolder();
     ~TemporaryFolder();
-    TemporaryFolder(const TemporaryFolder&) = delete;
-    TemporaryFolder& operator=(const TemporaryFolder&) = delete;
+    TemporaryFolder& operator=(TemporaryFolder&&) = delete;
 
     const std::string& path() const { return m_path; }
     std::string operator/(const std::string& name) const { return m_path + "/" + name; }
@@ -27,11 +24,14 @@ class TemporaryFolder {
 
 struct AudioFile {
     std::string path;
-    nuv_audio_format format;
-    std::vector<std::byte> pcm;  // as delivered
+    uint32_t rate;
+    size_t frame_bytes = 0;
+    std::vector<std::byte> pcm = {};  // as delivered
 
-    // What follows the frame at a position.
-    std::vector<std::byte> pcm_from_ms(uint64_t position_ms) const;
+    std::vector<std::byte> pcm_from_ms(size_t position_ms) const {
+        const size_t offset = position_ms * rate / 1000 * frame_bytes;
+        return {pcm.begin() + static_cast<std::ptrdiff_t>(offset), pcm.end()};
+    }
 };
 
 struct AudioSpec {

@@ -5,8 +5,8 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
-#include <optional>
 #include <random>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,32 +40,18 @@ const Calls kCalls = {
         nuv_playback_state state{};
         return nuv_connect_get_playback_state(core, &state);
     },
-    [](nuv_connect* core, unsigned) {
-        bool active = false;
-        return nuv_connect_get_renderer_active_state(core, &active);
-    },
 };
 
-std::string first_line(const std::filesystem::path& path) {
-    std::string line;
-    std::getline(std::ifstream(path) >> std::ws, line);
-    return line;
-}
-
-// How often the decoding thread has gone to sleep; none when it is not there.
-std::optional<std::string> sleeps_of_decoder() {
+// How often the decoding thread has gone to sleep; empty when it is not there.
+std::string sleeps_of_decoder() {
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-        if (first_line(task.path() / "comm") != "nuv-decoder") {
-            continue;
-        }
-        std::ifstream status(task.path() / "status");
-        for (std::string line; std::getline(status, line);) {
-            if (line.starts_with("voluntary_ctxt_switches:")) {
-                return line;
-            }
+        std::stringstream text;
+        text << std::ifstream(task.path() / "status").rdbuf();
+        if (text.str().find("nuv-decoder") != std::string::npos) {
+            return text.str().substr(text.str().find("voluntary_ctxt_switches:"));
         }
     }
-    return std::nullopt;
+    return "";
 }
 
 class Threads : public testing::Test {
@@ -121,7 +107,6 @@ TEST_F(Threads, FreeAtAnyMomentEndsEverythingAndCallsNobody) {
             device.run_for_ms(random() % 8 == 0 ? 1 : 0);
             uv_run(device.loop(), UV_RUN_NOWAIT);
         }
-        device.free_core();
     }
 }
 
@@ -135,7 +120,7 @@ TEST_F(Threads, NothingRunsWhenNothingPlays) {
     device.run_for_ms(50);
     // With the queue full and the delivery closed neither thread takes a turn.
     const auto before = sleeps_of_decoder();
-    ASSERT_TRUE(before);
+    ASSERT_NE(before, "");
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
     EXPECT_EQ(sleeps_of_decoder(), before);
     EXPECT_EQ(uv_run(device.loop(), UV_RUN_NOWAIT), 1);
