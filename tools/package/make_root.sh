@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# Makes a folder into a minimal Debian 12 with the given packages installed by apt, that is with all
-# they depend on, and a message bus and an Avahi daemon beside them:
+# Makes a folder into a minimal Debian 12 with systemd, a message bus and an Avahi daemon, and installs
+# the given packages there with apt, that is with all they depend on:
 #   make_root.sh FOLDER PACKAGE.deb...
 # Needs root; the machine itself stays as it is.
 set -euo pipefail
@@ -15,11 +15,11 @@ done
 mirror=$(sed -n 's/^URIs: *//p' /etc/apt/sources.list.d/debian.sources 2>/dev/null | head -n 1)
 [ -n "$mirror" ] || mirror=$(awk '$1 == "deb" {print $2; exit}' /etc/apt/sources.list)
 
-rm -rf "$root"
+rm -rf --one-file-system "$root"
 mkdir -p "$(dirname "$root")"
-# What the account is made with comes first, as apt would choose the whole of systemd for it.
-mmdebstrap --quiet --mode=root --variant=apt \
-    --include=dbus,avahi-daemon,systemd-standalone-sysusers \
+# shellcheck disable=SC2016  # the hooks expand $1
+mmdebstrap --quiet --mode=root --variant=apt --dpkgopt=force-unsafe-io \
+    --include=avahi-daemon,dbus,systemd \
     --customize-hook='mkdir "$1/packages"' \
     --customize-hook="copy-in ${packages[*]} /packages" \
     --customize-hook='chroot "$1" sh -c "apt-get install -q -y --no-install-recommends \
