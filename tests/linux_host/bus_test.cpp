@@ -147,14 +147,9 @@ class Bus : public testing::Test {
 }  // namespace
 
 TEST_F(Bus, PlayersShowWhatTheServiceReports) {
-    start();
-    EXPECT_EQ(client("playerctl status"), "Stopped");
+    play();
     Process follower({"playerctl", "metadata", "--follow", "--format", "{{title}}/{{status}}"},
                      {"DBUS_SESSION_BUS_ADDRESS=" + address()});
-    tell("source");
-    ASSERT_EQ(heard(), "granted");
-    tell("state 0");
-    tell("track One|Band|Album|200000|/art/one 1.png|0|0");
     EXPECT_TRUE(follower.skip_to("One/Playing"));
     EXPECT_EQ(client("playerctl metadata --format "
                      "'{{artist}}|{{album}}|{{mpris:length}}|{{mpris:artUrl}}'"),
@@ -168,17 +163,10 @@ TEST_F(Bus, PlayersShowWhatTheServiceReports) {
     tell("state 2");
     tell("position 61250");
     EXPECT_TRUE(eventually([&] { return client("playerctl position") == "61.250000"; }));
-    EXPECT_EQ(client("playerctl status"), "Paused");
+    EXPECT_TRUE(follower.skip_to("One/Paused"));
 
-    // Bytes that no bus would carry.
-    tell(
-        "track b\xFF"
-        "d||||||");
-    EXPECT_TRUE(eventually([&] {
-        return client("playerctl metadata title") ==
-               "b\xEF\xBF\xBD"
-               "d";
-    }));
+    tell("track \xFF||||||");  // what no bus would carry
+    EXPECT_TRUE(eventually([&] { return client("playerctl metadata title") == "\xEF\xBF\xBD"; }));
     tell("clear");
     tell("drop");
     EXPECT_TRUE(eventually([&] {
@@ -227,14 +215,11 @@ TEST_F(Bus, PlayerCallsThatMakeNoSenseAreRefusedOrIgnored) {
     const std::string call_player = "busctl --user call " + std::string(kPlayer);
     const std::string set_player = "busctl --user set-property " + std::string(kPlayer);
     const std::string track = client("playerctl metadata mpris:trackid | tr -d \"'\"");
-    for (const char* ignored :
-         {"SetPosition ox /org/nuvioconnect/track/99 1000000", "SetPosition ox / 0"}) {
-        EXPECT_EQ(call(call_player + ignored).status, 0);
+    for (const std::string& ignored :
+         {std::string("/org/nuvioconnect/track/99 1000000"), std::string("/ 0"),
+          track + " 200000001", "-- " + track + " -1"}) {
+        EXPECT_EQ(call(call_player + "SetPosition ox " + ignored).status, 0) << ignored;
     }
-    EXPECT_EQ(call(call_player + "SetPosition ox " + track + " 200000001").status, 0);
-    EXPECT_EQ(call(call_player + "SetPosition ox -- " + track + " -1").status, 0);
-    EXPECT_EQ(call(call_player + "Seek x 0 ").status, 0);
-    EXPECT_THAT(heard(), HasSubstr("SEEK:"));  // a step of nothing is still a step
     EXPECT_THAT(client(call_player + "OpenUri s file:///x"), HasSubstr("controller"));
     EXPECT_THAT(client(set_player + "LoopStatus s Sometimes"), HasSubstr("None, Track"));
     EXPECT_NE(call(set_player + "Volume d nan").status, 0);
@@ -246,36 +231,19 @@ TEST_F(Bus, PlayerCallsThatMakeNoSenseAreRefusedOrIgnored) {
     expect_silence();
 }
 
-TEST_F(Bus, AJumpOfThePositionIsSignalled) {
+TEST_F(Bus, JumpsOfThePositionAndChangesOfMessagesAreSignalled) {
     play();
-    Process monitor({"dbus-monitor", "--session", "type=signal,member=Seeked"},
+    Process monitor({"dbus-monitor", "--session", "type=signal,path_namespace=/org"},
                     {"DBUS_SESSION_BUS_ADDRESS=" + address()});
-    // Connected before the jump is made.
+    // Connected before anything happens.
     ASSERT_TRUE(monitor.skip_to("NameAcquired"));
-    ASSERT_TRUE(eventually([&] {
-        tell("position 1000");
-        tell("position 90000");
-        return monitor.skip_to("member=Seeked");
-    }));
+    tell("position 12000");
+    EXPECT_TRUE(monitor.skip_to("member=MessageChanged"));
+    EXPECT_THAT(monitor.next_line(), HasSubstr("int32 49"));
+    EXPECT_THAT(monitor.next_line(), HasSubstr("string \"12000\""));
+    tell("position 90000");
+    EXPECT_TRUE(monitor.skip_to("member=Seeked"));
     EXPECT_THAT(monitor.next_line(), HasSubstr("int64 "));
-}
-
-TEST_F(Bus, AServiceThatTakesItsTimeHoldsUpNoCall) {
-    play();
-    tell("block");
-    for (const char* word : {"next", "previous", "pause"}) {
-        EXPECT_EQ(call(std::string("playerctl ") + word).status, 0);
-    }
-    EXPECT_EQ(client("playerctl status"), "Playing");
-    tell("unblock");
-    EXPECT_EQ(heard(), "event NEXT");
-    EXPECT_EQ(heard(), "event PREV");
-    EXPECT_EQ(heard(), "event PAUSE");
-
-    // Nor does it hold up the end.
-    tell("block");
-    EXPECT_EQ(call("playerctl next").status, 0);
-    EXPECT_TRUE(stop_service());
 }
 
 TEST_F(Bus, ThePanelDoesTheRest) {
@@ -286,89 +254,46 @@ TEST_F(Bus, ThePanelDoesTheRest) {
     EXPECT_EQ(heard(), "refused");
     tell("source");
     EXPECT_EQ(heard(), "granted");
-    EXPECT_EQ(panel("read 50").output, "\"31\"");
-
-    EXPECT_EQ(panel("take-output 4").status, 0);
-    EXPECT_EQ(heard(), "switch");
-    tell("read 50");
-    EXPECT_EQ(heard(), "50=4");
+    // What each command comes to in the service.
+    const std::vector<std::pair<std::string, std::string>> commands = {
+        {"mute", "event MUTE"},      {"standby", "event STANDBYON"},
+        {"volume 30", "volume 30"},  {"take-output 4", "switch"},
+        {"shutdown", "alert 37"},    {"rename 'Living: Room'", "alert 90"},
+        {"network down", "net 1 0"}, {"network up 2", "net 2 1"},
+    };
+    for (const auto& [command, expected] : commands) {
+        EXPECT_EQ(panel(command).status, 0) << command;
+        EXPECT_EQ(heard(), expected) << command;
+    }
+    EXPECT_EQ(panel("read 50").output, "\"4\"");
     EXPECT_EQ(panel("give-back").status, 0);
     EXPECT_EQ(panel("read 50").output, "\"0\"");
-    tell("source");
-    EXPECT_EQ(heard(), "granted");
-
-    EXPECT_EQ(panel("mute").status, 0);
-    EXPECT_EQ(heard(), "event MUTE");
-    EXPECT_EQ(panel("standby").status, 0);
-    EXPECT_EQ(heard(), "event STANDBYON");
-    EXPECT_EQ(panel("volume 30").status, 0);
-    EXPECT_EQ(heard(), "volume 30");
-    EXPECT_EQ(panel("seek 5").status, 1);  // nothing plays
-    EXPECT_EQ(panel("shutdown").status, 0);
-    EXPECT_EQ(heard(), "alert 37");
-
-    EXPECT_EQ(panel("rename 'Living: Room'").status, 0);
-    EXPECT_EQ(heard(), "alert 90");
-    tell("read 90");
-    EXPECT_EQ(heard(), "90=Living: Room");
     EXPECT_EQ(panel("rename 'Living: Room'").status, 0);  // no news
-    EXPECT_EQ(panel("rename ''").status, 1);
     EXPECT_EQ(client("busctl --user get-property org.mpris.MediaPlayer2.nuvio_connect "
                      "/org/mpris/MediaPlayer2 org.mpris.MediaPlayer2 Identity"),
               "s \"Living: Room\"");
-
-    EXPECT_EQ(panel("network down").status, 0);
-    EXPECT_EQ(heard(), "net 1 0");
     tell("network 1");
     EXPECT_EQ(heard(), "network 1 0");
-    EXPECT_EQ(panel("network up 2").status, 0);
-    EXPECT_EQ(heard(), "net 2 1");
     EXPECT_THAT(panel("status").output, HasSubstr("Wireless        true"));
 
     EXPECT_THAT(panel("read 9999").output, HasSubstr("no value"));
-    EXPECT_EQ(panel("write 70000 x").status, 1);
+    for (const char* refused : {"seek 5", "rename ''", "write 70000 x"}) {
+        EXPECT_EQ(panel(refused).status, 1) << refused;
+    }
     EXPECT_EQ(panel("volume 101").status, 2);
     EXPECT_EQ(panel("frobnicate").status, 2);
     expect_silence();
 }
 
-TEST_F(Bus, ChangesOfMessagesAreSignalled) {
-    start();
-    Process monitor({"dbus-monitor", "--session", "interface='org.nuvioconnect.Host1'"},
-                    {"DBUS_SESSION_BUS_ADDRESS=" + address()});
-    ASSERT_TRUE(monitor.skip_to("NameAcquired"));
-    tell("position 12000");
-    EXPECT_TRUE(monitor.skip_to("member=MessageChanged"));
-    EXPECT_THAT(monitor.next_line(), HasSubstr("int32 49"));
-    EXPECT_THAT(monitor.next_line(), HasSubstr("string \"12000\""));
-}
-
-TEST_F(Bus, NameVolumeAndMuteSurviveARestart) {
-    start();
-    panel("rename Kitchen");
-    panel("volume 35");
-    panel("mute");
-    ASSERT_TRUE(stop_service());
-    start_service();
-    for (const auto& [question, answer] : std::vector<std::pair<std::string, std::string>>{
-             {"read 90", "90=Kitchen"}, {"read 64", "64=35"}, {"read 63", "63=MUTE"}}) {
-        tell(question);
-        EXPECT_EQ(heard(), answer);
-    }
-}
-
 TEST_F(Bus, ABusThatGoesAwayAndComesBackIsPickedUpAgain) {
     play();
-    for (int round = 0; round < 2; ++round) {
-        stop_bus();
-        tell("position 5000");  // nothing minds
-        tell("read 49");
-        EXPECT_EQ(heard(), "49=5000");
-        tell("position 0");
-        start_bus();
-        EXPECT_TRUE(on_bus());
-        EXPECT_EQ(client("playerctl metadata title"), "One");
-    }
+    stop_bus();
+    tell("position 5000");  // nothing minds
+    tell("read 49");
+    EXPECT_EQ(heard(), "49=5000");
+    start_bus();
+    EXPECT_TRUE(on_bus());
+    EXPECT_EQ(client("playerctl metadata title"), "One");
     EXPECT_EQ(call("playerctl next").status, 0);
     EXPECT_EQ(heard(), "event NEXT");
 }

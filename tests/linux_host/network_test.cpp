@@ -132,7 +132,6 @@ TEST_F(Network, TheStatusCanBeOverridden) {
     monitor->override_status(kWireless, true);
     EXPECT_EQ(told(2), (Lines{"1 0", "2 1"}));
     monitor->override_status(kWired, std::nullopt);
-    monitor->override_status(7, true);
     EXPECT_EQ(told(1), Lines{"1 1"});
     monitor->remove_listener(alerts);
     monitor->override_status(kWired, false);

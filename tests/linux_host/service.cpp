@@ -4,17 +4,14 @@
 //   source            asks for the output          -> "granted" or "refused"
 //   drop              gives it back
 //   state N           0 playing, 1 stopped, 2 paused
-//   position MS | volume N | mute TEXT
+//   position MS | volume N
 //   track TITLE|ARTIST|ALBUM|MS|ART|SHUFFLE|REPEAT
 //   clear
 //   read ID           -> "ID=text"
 //   network N         -> "network N S"
-//   block             the next notification waits until "unblock"
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
-#include <mutex>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -37,34 +34,11 @@ void say(const std::string& line) {
     std::fflush(stdout);
 }
 
-struct Gate {
-    std::mutex mutex;
-    std::condition_variable changed;
-    bool closed = false;
-
-    void set(bool is_closed) {
-        const std::lock_guard lock(mutex);
-        closed = is_closed;
-        changed.notify_all();
-    }
-    void pass() {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [this] { return !closed; });
-    }
-};
-Gate g_gate;
-
 class Listener : public BnSourceSwitchListener {
   public:
-    void OnSourceSwitchEvent() override { tell("switch"); }
-    void OnSourceEvent(const char* command) override { tell(std::string("event ") + command); }
-    void OnVolumeChangeEvent(const char* volume) override { tell(std::string("volume ") + volume); }
-
-  private:
-    static void tell(const std::string& line) {
-        g_gate.pass();
-        say(line);
-    }
+    void OnSourceSwitchEvent() override { say("switch"); }
+    void OnSourceEvent(const char* command) override { say(std::string("event ") + command); }
+    void OnVolumeChangeEvent(const char* volume) override { say(std::string("volume ") + volume); }
 };
 
 class Alerts : public IKoraAlerts, public INeshAlerts {
@@ -126,8 +100,6 @@ void obey(const std::string& verb, const std::string& argument) {
         SourceSwitchClient::UpdatePlayerState(listener, static_cast<EPlayState>(number));
     } else if (verb == "position") {
         kora.writeRemoteMessage(KORA_PLAYBACK_POSITION, argument, 0);
-    } else if (verb == "mute") {
-        kora.writeRemoteMessage(KORA_MUTE, argument, 0);
     } else if (verb == "volume") {
         SourceSwitchClient::UpdateAppVolume(argument);
     } else if (verb == "track") {
@@ -142,8 +114,6 @@ void obey(const std::string& verb, const std::string& argument) {
         int status = 0;
         nesh.getNetworkStatus(number, &status);
         say("network " + argument + " " + std::to_string(status));
-    } else if (verb == "block" || verb == "unblock") {
-        g_gate.set(verb == "block");
     } else {
         say("what? " + verb);
     }
@@ -174,7 +144,6 @@ int main() {
     std::thread orders(take_orders);
     say("ready " + value);
     IPCThreadState::self()->joinThreadPool(true);
-    g_gate.set(false);
     say("ended");
     nesh.unregisterListener(alerts);
     kora.unregisterListener(alerts, ids);

