@@ -810,8 +810,8 @@ std::int64_t Pcm::next_wake(snd_pcm_state_t state) const {
 }
 
 void Pcm::arm(std::int64_t deadline) {
-    if (deadline == armed_for_)
-        return;
+    if (deadline == armed_for_ || (deadline == at_once && readable()))
+        return; /* setting a timer costs more than all the rest of a call */
     armed_for_ = deadline;
     itimerspec timer = {};
     timer.it_value.tv_sec = static_cast<time_t>(deadline / ns_per_second);

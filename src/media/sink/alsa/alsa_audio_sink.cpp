@@ -28,8 +28,9 @@ struct audio_sink {
     audio_sink_volume_changed_callback volume_changed_callback = nullptr;
     audio_sink_mute_state_changed_callback mute_state_changed_callback = nullptr;
 
-    // Both are set exactly while the sink is open.
+    // These are set exactly while the sink is open.
     pcm_ptr pcm;
+    std::vector<pollfd> pcm_descriptors;  // those of the poller, without events
     descriptor_poller_ptr descriptor_poller;
 
     unsigned sample_rate = 0;  // frames a second, as asked for
@@ -153,7 +154,18 @@ std::optional<snd_pcm_sframes_t> alsa_audio_sink_get_available_space(audio_sink*
     return query_with_recovery(self, "query available space in", snd_pcm_avail);
 }
 
+// The wake-up that led to a write is still on a plug-in's descriptor after it and would be followed
+// at once by another, for the frame or two that have been played meanwhile.
+void take_back_wake_up(audio_sink* self) {
+    unsigned short revents = 0;
+    snd_pcm_poll_descriptors_revents(self->pcm.get(), self->pcm_descriptors.data(),
+                                     static_cast<unsigned>(self->pcm_descriptors.size()), &revents);
+}
+
 void start_waiting_for_space(audio_sink* self) {
+    if (!self->waits_for_space) {
+        take_back_wake_up(self);
+    }
     self->waits_for_space = true;
     self->failed_space_queries = 0;
     descriptor_poller_start_polling(self->descriptor_poller.get());
@@ -320,6 +332,8 @@ bool make_descriptor_poller(audio_sink* self) {
         return false;
     }
     app_log(LOG_LEVEL_TRACE, "ALSA PCM's descriptor count: %u", descriptors.count);
+    self->pcm_descriptors.assign(descriptors.entries.get(),
+                                 descriptors.entries.get() + descriptors.count);
     self->descriptor_poller.reset(
         descriptor_poller_new(self->event_loop, std::move(descriptors.entries), descriptors.count,
                               {self, alsa_audio_sink_on_pcm_descriptor_poll_event}));
