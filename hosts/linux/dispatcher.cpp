@@ -63,28 +63,36 @@ void Dispatcher::wake() {
 }
 
 void Dispatcher::player_changed(uint32_t changes) {
-    const std::lock_guard lock(m_mutex);
-    m_notices.player |= changes;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_notices.player |= changes;
+    }
     wake();
 }
 
 void Dispatcher::message_changed(int id, const std::string& text) {
-    const std::lock_guard lock(m_mutex);
-    if (m_notices.messages.size() < kMaxNotices) {
-        m_notices.messages.emplace_back(id, text);
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_notices.messages.size() < kMaxNotices) {
+            m_notices.messages.emplace_back(id, text);
+        }
     }
     wake();
 }
 
 void Dispatcher::network_changed() {
-    const std::lock_guard lock(m_mutex);
-    m_notices.network = true;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_notices.network = true;
+    }
     wake();
 }
 
 void Dispatcher::save_soon() {
-    const std::lock_guard lock(m_mutex);
-    m_notices.save = true;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_notices.save = true;
+    }
     wake();
 }
 
