@@ -11,9 +11,9 @@ namespace local_core {
 
 namespace {
 
-constexpr uint64_t kAheadMs = 2000;    // how far the pipe in front gets ahead of its reader
+constexpr uint64_t kAheadMs = 5000;    // how far the pipe in front gets ahead of its reader
 constexpr uint64_t kMaxBlockMs = 500;  // a block of a slow format is not filled
-constexpr size_t kMaxBlocksInFront = 24;
+constexpr size_t kMaxBlocksInFront = 28;
 constexpr size_t kMaxBlocksBehind = 4;
 
 // Signals are the process's business: none is delivered to a thread started under this guard.

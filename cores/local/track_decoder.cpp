@@ -48,6 +48,44 @@ void convert_in_place(void* block, size_t sample_count, Convert convert) {
     }
 }
 
+// Samples of 3 bytes, little-endian, as they are in the file: read at once and unpacked here, for
+// libsndfile reads and unpacks them in pieces of 8 KiB.
+bool has_packed_24(SNDFILE* file, int sndfile_format) {
+    const int container = sndfile_format & SF_FORMAT_TYPEMASK;
+    const bool is_plain = container == SF_FORMAT_WAV || container == SF_FORMAT_WAVEX ||
+                          container == SF_FORMAT_RF64 || container == SF_FORMAT_W64;
+    return is_plain && (sndfile_format & SF_FORMAT_SUBMASK) == SF_FORMAT_PCM_24 &&
+           sf_command(file, SFC_RAW_DATA_NEEDS_ENDSWAP, nullptr, 0) == SF_FALSE;
+}
+
+// From the block's last three quarters to the whole of it. Front to back, each sample is read
+// before its bytes are written: the gap between the two shrinks to nothing at the last one.
+void unpack_in_place(void* block, size_t sample_count) {
+    auto* to = static_cast<std::byte*>(block);
+    const std::byte* from = to + sample_count;
+    for (size_t i = 0; i < sample_count; ++i) {
+        int32_t sample;  // its lowest byte is not the sample's
+        std::memcpy(&sample, from + 3 * i - 1, sizeof sample);
+        sample >>= 8;
+        std::memcpy(to + 4 * i, &sample, sizeof sample);
+    }
+}
+
+size_t read_packed_24(SNDFILE* file, void* block, size_t capacity_bytes, size_t channels) {
+    const size_t packed_frame = 3 * channels;
+    const size_t frames = capacity_bytes / (4 * channels);
+    auto* const packed = static_cast<std::byte*>(block) + frames * channels;
+    const sf_count_t got =
+        sf_read_raw(file, packed, static_cast<sf_count_t>(frames * packed_frame));
+    const size_t got_frames = got <= 0 ? 0 : static_cast<size_t>(got) / packed_frame;
+    if (got_frames < frames) {
+        std::memmove(static_cast<std::byte*>(block) + got_frames * channels, packed,
+                     got_frames * packed_frame);
+    }
+    unpack_in_place(block, got_frames * channels);
+    return got_frames;
+}
+
 }  // namespace
 
 uint64_t TrackInfo::frame_at(uint64_t position_ms) const {
@@ -62,7 +100,10 @@ void TrackDecoder::FileCloser::operator()(sf_private_tag* file) const {
 TrackDecoder::TrackDecoder(File file, TrackInfo info, Conversion conversion)
     : m_file(std::move(file)), m_info(std::move(info)), m_conversion(conversion) {}
 
-TrackDecoder::Conversion TrackDecoder::conversion_of(int sndfile_format) {
+TrackDecoder::Conversion TrackDecoder::conversion_of(SNDFILE* file, int sndfile_format) {
+    if (has_packed_24(file, sndfile_format)) {
+        return Conversion::unpack_24;
+    }
     static constexpr struct {
         int encoding;
         Conversion conversion;
@@ -101,8 +142,9 @@ std::unique_ptr<TrackDecoder> TrackDecoder::open(const std::string& path, std::s
         *error = sf_strerror(nullptr);
         return nullptr;
     }
-    const Conversion conversion = conversion_of(raw.format);
-    const bool deep = conversion == Conversion::upper_24 || conversion == Conversion::float_to_24;
+    const Conversion conversion = conversion_of(file.get(), raw.format);
+    const bool deep = conversion == Conversion::unpack_24 || conversion == Conversion::upper_24 ||
+                      conversion == Conversion::float_to_24;
     TrackInfo info{};
     info.format.sample_rate = static_cast<uint32_t>(raw.samplerate);
     info.format.channel_count = static_cast<uint32_t>(raw.channels);
@@ -123,7 +165,7 @@ std::unique_ptr<TrackDecoder> TrackDecoder::open(const std::string& path, std::s
         new TrackDecoder(std::move(file), std::move(info), conversion));
 }
 
-size_t TrackDecoder::read(void* block, size_t capacity_bytes) {
+size_t TrackDecoder::read_frames(void* block, size_t capacity_bytes) {
     // Lossy samples are read as 4-byte numbers before they are narrowed.
     const bool narrows = m_conversion == Conversion::float_to_16;
     const size_t read_bytes = narrows ? 2 * m_info.frame_bytes : m_info.frame_bytes;
@@ -131,6 +173,8 @@ size_t TrackDecoder::read(void* block, size_t capacity_bytes) {
     SNDFILE* file = m_file.get();
     sf_count_t got = 0;
     switch (m_conversion) {
+        case Conversion::unpack_24:
+            return read_packed_24(file, block, capacity_bytes, m_info.format.channel_count);
         case Conversion::none_16:
             got = sf_readf_short(file, static_cast<short*>(block), frames);
             break;
@@ -142,10 +186,12 @@ size_t TrackDecoder::read(void* block, size_t capacity_bytes) {
             got = sf_readf_float(file, static_cast<float*>(block), frames);
             break;
     }
-    if (got <= 0) {
-        return 0;
-    }
-    const size_t samples = static_cast<size_t>(got) * m_info.format.channel_count;
+    return got <= 0 ? 0 : static_cast<size_t>(got);
+}
+
+size_t TrackDecoder::read(void* block, size_t capacity_bytes) {
+    const size_t frames = read_frames(block, capacity_bytes);
+    const size_t samples = frames * m_info.format.channel_count;
     if (m_conversion == Conversion::upper_24) {
         convert_in_place<int32_t, int32_t>(block, samples, [](int32_t s) { return s >> 8; });
     } else if (m_conversion == Conversion::float_to_24) {
@@ -154,7 +200,7 @@ size_t TrackDecoder::read(void* block, size_t capacity_bytes) {
         convert_in_place<float, int16_t>(
             block, samples, [](float s) { return static_cast<int16_t>(to_integer<16>(s)); });
     }
-    return static_cast<size_t>(got) * m_info.frame_bytes;
+    return frames * m_info.frame_bytes;
 }
 
 std::optional<uint64_t> TrackDecoder::seek(uint64_t frame) {

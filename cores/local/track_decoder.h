@@ -64,10 +64,11 @@ class TrackDecoder {
     using File = std::unique_ptr<sf_private_tag, FileCloser>;
 
     // How samples are read and turned into the delivered format.
-    enum class Conversion { none_16, upper_24, float_to_24, float_to_16 };
+    enum class Conversion { none_16, unpack_24, upper_24, float_to_24, float_to_16 };
 
     TrackDecoder(File file, TrackInfo info, Conversion conversion);
-    static Conversion conversion_of(int sndfile_format);
+    static Conversion conversion_of(sf_private_tag* file, int sndfile_format);
+    size_t read_frames(void* block, size_t capacity_bytes);
 
     File m_file;
     TrackInfo m_info;
