@@ -1,0 +1,61 @@
+"""What must never get worse, counted and not timed: the way of a sample and a device that sleeps.
+
+NUVIO_BUILD names the build tree.
+"""
+import os
+import pathlib
+import time
+import unittest
+
+import rows
+from lab import Device, Lab, Window, one_second, wait_for, write_wav
+
+SPURIOUS = 1.5  # wake-ups a second that a busy machine may add
+
+
+class Check(unittest.TestCase):
+    def setUp(self):
+        self.lab = self.enterContext(Lab(pathlib.Path(os.environ["NUVIO_BUILD"])))
+
+    def track(self, rate, bits, seconds):
+        path = self.lab.folder / f"{rate}-{bits}.wav"
+        return write_wav(path, one_second(rate, bits), rate, bits, seconds)
+
+    def test_nothing_is_copied_or_allocated_from_the_offer_to_the_card(self):
+        for rate, bits in (rows.CD, rows.HI_RES):
+            with self.subTest(rate=rate, bits=bits):
+                counts = rows.whole_track(self.lab, self.track(rate, bits, 10))
+                self.assertGreater(counts["writes"], 10)
+                self.assertEqual(counts["bytes_taken"], 10 * rate * (4 if bits == 16 else 8))
+                self.assertEqual(counts["foreign_writes"], 0)
+                self.assertEqual(counts["allocations_before_write"], 0)
+
+    def test_a_period_is_one_offer_and_one_wake_up(self):
+        card = self.lab.card(*rows.CARD)
+        with Device(self.lab, card, probe=True) as device:
+            device.play(self.track(*rows.CD, 20))
+            time.sleep(3)
+            before = device.probe.read()
+            window = Window(device.pid, 6)
+            offers = (device.probe.read()["offers"] - before["offers"]) / window.seconds
+        # A block of the decoder's may end within a period.
+        self.assertLess(offers, rows.PERIODS_PER_SECOND + 4)
+        self.assertLess(window.wakeups, rows.PERIODS_PER_SECOND + 3 + SPURIOUS)
+
+    def test_an_idle_device_sleeps(self):
+        with Device(self.lab, self.lab.card(*rows.CARD)) as device:
+            time.sleep(2)
+            window = Window(device.pid, 8)
+        self.assertLess(window.wakeups, 1 + SPURIOUS, window.by_thread)
+
+    def test_a_session_over_leaves_a_device_that_sleeps(self):
+        with Device(self.lab, self.lab.card(*rows.CARD, "--speed", "10", "--patient")) as device:
+            device.play(self.track(*rows.CD, 4))
+            wait_for("end of the session", device.is_over)
+            time.sleep(4)
+            window = Window(device.pid, 6)
+        self.assertLess(window.wakeups, 1 + SPURIOUS, window.by_thread)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,441 @@
+"""A bench of one's own: a simulated card, music files, the players to compare, and their readings.
+
+Every process here is started by this module and ended by its id. A player is played on a card of
+its own, whose recording is off unless asked for.
+"""
+import array
+import contextlib
+import ctypes
+import http.client
+import json
+import math
+import mmap
+import os
+import pathlib
+import random
+import re
+import shutil
+import socket
+import struct
+import subprocess
+import tempfile
+import threading
+import time
+import wave
+
+PATIENCE = 30  # s
+
+
+def wait_for(what, condition, seconds=PATIENCE, pause=0.02):
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        value = condition()
+        if value:
+            return value
+        time.sleep(pause)
+    raise RuntimeError(f"not within {seconds} s: {what}")
+
+
+def free_port(first):
+    """The first free one from `first` on, below those that the kernel gives to clients."""
+    for port in range(first, 32768):
+        with socket.socket() as probe, contextlib.suppress(OSError):
+            probe.bind(("127.0.0.1", port))
+            return port
+    raise RuntimeError("no free port")
+
+
+# ---- Music --------------------------------------------------------------------------------------
+
+
+def one_second(rate, bits, channels=2, seed=0):
+    """A glide with a little noise, as the card is to play it: 24 bits in 4 bytes."""
+    noise = random.Random(seed)
+    scale = 0.4 * (1 << (bits - 1))
+    samples = array.array("i")
+    for n in range(rate):
+        t = n / rate
+        for channel in range(channels):
+            tone = math.sin(2 * math.pi * (110 + 200 * (channel + 1) * t) * t)
+            samples.append(int(scale * (tone + 0.01 * noise.uniform(-1, 1))))
+    return array.array("h" if bits == 16 else "i", samples).tobytes()
+
+
+def write_wav(path, second, rate, bits, seconds, channels=2):
+    """Repeats one second of PCM; returns the path, read once."""
+    if bits == 24:
+        packed = bytearray(len(second) // 4 * 3)
+        for byte in range(3):
+            packed[byte::3] = second[byte::4]
+        second = bytes(packed)
+    with wave.open(str(path), "wb") as out:
+        out.setnchannels(channels)
+        out.setsampwidth(bits // 8)
+        out.setframerate(rate)
+        for _ in range(seconds):
+            out.writeframesraw(second)
+    return read_once(path)
+
+
+def to_flac(wav):
+    flac = wav.with_suffix(".flac")
+    subprocess.run(["flac", "--totally-silent", "-f", "-o", flac, wav], check=True)
+    return read_once(flac)
+
+
+def read_once(path):
+    """Into the page cache."""
+    with open(path, "rb") as file:
+        while file.read(1 << 20):
+            pass
+    return path
+
+
+# ---- Readings of a process ----------------------------------------------------------------------
+
+
+def tasks(pid):
+    return pathlib.Path(f"/proc/{pid}/task").iterdir()
+
+
+def cpu_ns(pid):
+    """CPU time of all threads, also those that have ended: the process's own clock."""
+    return time.clock_gettime_ns((~pid << 3) | 2)
+
+
+def wakeups(pid):
+    """Voluntary context switches by thread; the threads of one name together."""
+    counts = {}
+    for task in tasks(pid):
+        with contextlib.suppress(OSError):
+            status = (task / "status").read_text()
+            name = re.search(r"^Name:\s*(.*)$", status, re.M)[1]
+            count = int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)", status, re.M)[1])
+            counts[name] = counts.get(name, 0) + count
+    return counts
+
+
+def memory_kb(pid):
+    """Resident and private dirty."""
+    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
+    return tuple(int(re.search(rf"^{key}:\s*(\d+) kB", text, re.M)[1])
+                 for key in ("Rss", "Private_Dirty"))
+
+
+class Window:
+    """What a process used between two moments, in one second."""
+
+    def __init__(self, pid, seconds):
+        begin, cpu, switches = time.monotonic(), cpu_ns(pid), wakeups(pid)
+        time.sleep(seconds)
+        self.cpu_ms = (cpu_ns(pid) - cpu) / 1e6
+        self.seconds = time.monotonic() - begin
+        self.cpu_ms /= self.seconds
+        self.by_thread = {name: (count - switches.get(name, 0)) / self.seconds
+                          for name, count in wakeups(pid).items()}
+        self.wakeups = sum(self.by_thread.values())
+        self.rss_kb, self.dirty_kb = memory_kb(pid)
+
+
+# ---- The card -----------------------------------------------------------------------------------
+
+
+class Card:
+    def __init__(self, build, folder, *options, record=False):
+        self.tool = build / "bin/simcardctl"
+        self.folder = folder
+        self.run("create", *options, *([] if record else ["--no-record"]))
+
+    def run(self, verb, *words):
+        return subprocess.run([self.tool, verb, self.folder, *words], check=True, text=True,
+                              capture_output=True).stdout
+
+    def environment(self, tool=False):
+        name = "asound-tools.conf" if tool else "asound.conf"
+        return {"ALSA_CONFIG_PATH": str(self.folder / name)}
+
+    def frames_played(self):
+        return int(re.search(r"^totals .* played (\d+)", self.run("show"), re.M)[1])
+
+    def underruns(self):
+        return int(re.search(r"(\d+) underruns", self.run("show"))[1])
+
+    def state(self):
+        return re.search(r"^stream\s+(\w+)", self.run("show"), re.M)[1]
+
+    def recordings(self):
+        """What was played, a stretch of bytes from one opening to the next."""
+        return [path.read_bytes() for path in sorted((self.folder / "recordings").glob("*.raw"))]
+
+
+# ---- Players ------------------------------------------------------------------------------------
+
+
+class Lab:
+    """A temporary folder and everything started in it; a context manager."""
+
+    def __init__(self, build):
+        self.build = build.resolve()
+        self.stack = contextlib.ExitStack()
+        self.lock = threading.Lock()
+        self.names = 0
+        self.port = 21000 + os.getpid() % 8000
+
+    def __enter__(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="nuvio-bench-"))
+        self.stack.callback(shutil.rmtree, self.folder, ignore_errors=True)
+        return self
+
+    def __exit__(self, *error):
+        self.stack.close()
+
+    def new_folder(self, name):
+        with self.lock:
+            self.names += 1
+            folder = self.folder / f"{name}-{self.names}"
+        folder.mkdir()
+        return folder
+
+    def new_port(self):
+        with self.lock:
+            self.port = free_port(self.port + 1)
+            return self.port
+
+    def card(self, *options, record=False):
+        return Card(self.build, self.new_folder("card"), *options, record=record)
+
+
+def end(process):
+    if process.poll() is None:
+        process.terminate()
+    try:
+        return process.wait(PATIENCE)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        return process.wait()
+
+
+class Aplay:
+    name = "aplay"
+
+    def __init__(self, lab, card, wrapper=()):
+        self.card, self.wrapper, self.process = card, wrapper, None
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *error):
+        self.stop()
+
+    def play(self, path):
+        raw = path.with_suffix(".raw")  # where the card does not take the file's samples as they are
+        file = ["-t", "raw", "-f", "S24_LE", "-r", path.stem.split("-")[0], "-c", "2", raw] if (
+            raw.exists()) else [path]
+        self.process = subprocess.Popen([*self.wrapper, "aplay", "-q", *file],
+                                        stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                                        env=dict(os.environ, **self.card.environment(tool=True)))
+        self.pid = self.process.pid
+        wait_for("aplay plays", lambda: self.card.state() == "RUNNING")
+
+    def stop(self):
+        if self.process:
+            end(self.process)
+
+    def is_over(self):
+        return self.process.poll() is not None
+
+
+class Mpd:
+    name = "mpd"
+
+    def __init__(self, lab, card, wrapper=()):
+        self.card, self.wrapper = card, wrapper
+        self.folder = lab.new_folder("mpd")
+        (self.folder / "music").mkdir()
+        self.socket = self.folder / "socket"
+        (self.folder / "mpd.conf").write_text(f"""
+music_directory "{self.folder}/music"
+playlist_directory "{self.folder}"
+db_file "{self.folder}/database"
+log_file "{self.folder}/log"
+bind_to_address "{self.socket}"
+zeroconf_enabled "no"
+audio_output {{
+    type "alsa"
+    name "card"
+    device "default"
+    mixer_type "none"
+}}
+""")
+
+    def __enter__(self):
+        self.process = subprocess.Popen(
+            [*self.wrapper, "mpd", "--no-daemon", self.folder / "mpd.conf"], stdin=subprocess.DEVNULL,
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+            env=dict(os.environ, **self.card.environment(tool=True)))
+        self.pid = self.process.pid
+        wait_for("mpd answers", lambda: self.mpc("status", check=False))
+        return self
+
+    def __exit__(self, *error):
+        end(self.process)
+
+    def mpc(self, *words, check=True):
+        result = subprocess.run(["mpc", "-h", self.socket, *words], check=check, text=True,
+                                capture_output=True)
+        return result.returncode == 0 and result.stdout
+
+    def play(self, path):
+        self.mpc("add", path)
+        self.mpc("play")
+        wait_for("mpd plays", lambda: self.card.state() == "RUNNING")
+
+    def is_over(self):
+        status = self.mpc("status", check=False)
+        return bool(status) and "[playing]" not in status
+
+    def stop(self):
+        self.mpc("stop")
+        self.mpc("clear")
+
+
+class Bus:
+    """A message bus, and one client connection on which methods are called."""
+
+    def __init__(self, folder):
+        self.address = f"unix:path={folder}/bus"
+        self.process = subprocess.Popen(["dbus-daemon", "--session", "--nofork", "--nopidfile",
+                                         f"--address={self.address}"], stderr=subprocess.DEVNULL)
+        wait_for("message bus", (folder / "bus").exists)
+        self.library = ctypes.CDLL("libsystemd.so.0")
+        self.client = None
+
+    def connect(self):
+        self.client = ctypes.c_void_p()
+        lib = self.library
+        for result in (lib.sd_bus_new(ctypes.byref(self.client)),
+                       lib.sd_bus_set_address(self.client, self.address.encode()),
+                       lib.sd_bus_set_bus_client(self.client, 1), lib.sd_bus_start(self.client)):
+            if result < 0:
+                raise OSError(-result, "message bus")
+
+    def call(self, destination, path, interface, member, types="", *values):
+        """Returns once the answer is there; the time of sending, in monotonic ns."""
+        if self.client is None:
+            self.connect()
+        sent = time.monotonic_ns()
+        result = self.library.sd_bus_call_method(
+            self.client, destination.encode(), path.encode(), interface.encode(), member.encode(),
+            None, None, types.encode(), *values)
+        if result < 0:
+            raise OSError(-result, f"{member} on the bus")
+        return sent
+
+    def end(self):
+        end(self.process)
+
+
+class Device:
+    """The daemon on a bus of its own."""
+
+    name = "nuvio-connect"
+
+    def __init__(self, lab, card, wrapper=(), probe=False, marks=False):
+        self.lab, self.card, self.wrapper, self.marks = lab, card, wrapper, marks
+        self.folder = lab.new_folder("device")
+        self.port = lab.new_port()
+        self.probe = Probe(self.folder / "probe") if probe else None
+        (self.folder / "settings.conf").write_text(f"""
+feature.nuvio_connect = 1
+feature.nuvio_connect.app_id = bench-app
+feature.nuvio_connect.app_secret = bench-secret
+feature.nuvio_connect.http_port = {self.port}
+feature.nuvio_connect.log = 1
+alsa.output_device = default
+host.allow_loopback = 1
+host.state_dir = {self.folder}/state
+""")
+
+    def __enter__(self):
+        self.bus = Bus(self.folder)
+        environment = dict(os.environ, NUVIO_SETTINGS=str(self.folder / "settings.conf"),
+                           DBUS_SESSION_BUS_ADDRESS=self.bus.address, **self.card.environment())
+        if self.probe:
+            environment |= {"LD_PRELOAD": str(self.lab.build / "lib/libbench_probe.so"),
+                            "NUVIO_PROBE": str(self.probe.path)}
+        if self.marks:
+            environment["NUVIO_PROBE_MARK"] = "1"
+        self.log = open(self.folder / "log", "wb")
+        self.process = subprocess.Popen([*self.wrapper, self.lab.build / "bin/nuvio-connect"],
+                                        env=environment, stdin=subprocess.DEVNULL, stdout=self.log,
+                                        stderr=self.log)
+        self.pid = self.process.pid
+        try:
+            wait_for("HTTP answers", self.answers, pause=0.001)
+            self.answered_ns = time.monotonic_ns()
+        except RuntimeError:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *error):
+        end(self.process)
+        self.log.close()
+        self.bus.end()
+
+    def log_text(self):
+        return (self.folder / "log").read_text(errors="replace")
+
+    def request(self, method, path, body=None):
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE)
+        try:
+            connection.request(method, path, body)
+            answer = connection.getresponse()
+            return answer.status, answer.read()
+        finally:
+            connection.close()
+
+    def answers(self):
+        if self.process.poll() is not None:
+            raise RuntimeError(f"the daemon ended with {self.process.returncode}")
+        with contextlib.suppress(OSError):
+            return self.request("GET", "/get-display-info")[0] == 200
+        return False
+
+    def play(self, content):
+        expiry = 4102444800
+        status, _ = self.request("POST", "/connect-to-nconnect", json.dumps({
+            "session_id": "bench", "become_active": True,
+            "jwt_api": {"endpoint": str(content), "jwt": "api", "exp": expiry},
+            "jwt_nconnect": {"endpoint": "wss://x/", "jwt": "nc", "exp": expiry}}))
+        if status != 200:
+            raise RuntimeError(f"the session was refused with {status}")
+        wait_for("the device plays", lambda: self.card.state() == "RUNNING")
+
+    def press(self, member, types="", *values):
+        """One of the media player's methods; the time of sending, in monotonic ns."""
+        return self.bus.call("org.mpris.MediaPlayer2.nuvio_connect", "/org/mpris/MediaPlayer2",
+                             "org.mpris.MediaPlayer2.Player", member, types, *values)
+
+    def stop(self):
+        self.press("Stop")
+
+    def is_over(self):
+        return "Nothing else to play, stopping playback" in self.log_text()
+
+
+class Probe:
+    """The counters that bench/probe.cpp keeps in a file."""
+
+    FIELDS = ("offers", "bytes_offered", "bytes_taken", "writes", "foreign_writes",
+              "allocations_before_write", "allocations_in_offer", "allocations", "drops",
+              "last_drop_ns", "drain_begin_ns", "drain_end_ns", "reopened_ns", "main_ns")
+
+    def __init__(self, path):
+        self.path = path
+        path.write_bytes(bytes(8 * len(self.FIELDS)))
+        with open(path, "r+b") as file:
+            self.memory = mmap.mmap(file.fileno(), 8 * len(self.FIELDS))
+
+    def read(self):
+        return dict(zip(self.FIELDS, struct.unpack(f"{len(self.FIELDS)}Q", self.memory[:])))

@@ -1,0 +1,521 @@
+"""The measurements: each function yields rows of the table."""
+import concurrent.futures
+import contextlib
+import ctypes
+import gc
+import http.client
+import json
+import multiprocessing
+import os
+import random
+import re
+import shutil
+import statistics
+import subprocess
+import time
+
+from lab import (Aplay, Device, Mpd, Window, cpu_ns, end, memory_kb, one_second, read_once, to_flac,
+                 wait_for, write_wav)
+
+# A ring buffer of one second, as sound cards have: a program without wishes gets periods of 125 ms,
+# which is what aplay asks for.
+CARD = ("--buffer", "1000")
+PERIODS_PER_SECOND = 8
+SHORT_PERIODS_CARD = ("--buffer", "400")
+
+CD = (44100, 16)
+HI_RES = (192000, 24)
+
+
+class Row:
+    def __init__(self, what, goal, measured, is_met=None):
+        self.what, self.goal, self.measured, self.is_met = what, goal, measured, is_met
+
+
+def percentile(values, percent):
+    ordered = sorted(values)
+    return ordered[min(len(ordered) - 1, int(len(ordered) * percent / 100))]
+
+
+def label(rate, bits):
+    return f"{rate / 1000:g}/{bits}"
+
+
+def median_of(windows, field):
+    return statistics.median(getattr(window, field) for window in windows)
+
+
+class Music:
+    """The files, made once."""
+
+    def __init__(self, lab, seconds):
+        self.wav, self.flac = {}, {}
+        for rate, bits in (CD, (48000, 24), (96000, 24), HI_RES):
+            path = lab.folder / f"{rate}-{bits}.wav"
+            second = one_second(rate, bits)
+            self.wav[rate, bits] = write_wav(path, second, rate, bits, seconds)
+            if (rate, bits) == HI_RES:
+                # For aplay, which does not unpack the 3-byte samples of the file.
+                path.with_suffix(".raw").write_bytes(second * seconds)
+                read_once(path.with_suffix(".raw"))
+        for format in (CD, HI_RES):
+            self.flac[format] = to_flac(self.wav[format])
+
+
+# ---- CPU, wake-ups and memory, in turn with the peers -------------------------------------------
+
+
+def play_once(lab, player, file, card_options, seconds, settle=1.2):
+    card = lab.card(*card_options)
+    with player(lab, card) as running:
+        running.play(file)
+        time.sleep(settle)
+        window = Window(running.pid, seconds)
+        window.underruns = card.underruns()
+        running.stop()
+    return window
+
+
+def in_turn(lab, players, file, card_options, rounds, seconds):
+    """Windows by player: A B A B."""
+    windows = {player: [] for player in players}
+    for _ in range(rounds):
+        for player in players:
+            windows[player].append(play_once(lab, player, file, card_options, seconds))
+    return windows
+
+
+def against(lab, peer, file, what, goal, card_options, rounds, seconds):
+    windows = in_turn(lab, (Device, peer), file, card_options, rounds, seconds)
+    ours, theirs = (median_of(windows[player], "cpu_ms") for player in (Device, peer))
+    row = Row(f"CPU per second of audio, {what}", f"<= {goal} x {peer.name}",
+              f"{ours:.2f} ms, {peer.name} {theirs:.2f} ms: {ours / theirs:.2f} x",
+              ours <= goal * theirs)
+    return row, windows
+
+
+def playing(lab, music, rounds, seconds):
+    ours, mpd = [], []
+    for format in (CD, HI_RES):
+        row, windows = against(lab, Aplay, music.wav[format], f"WAV {label(*format)}", 1.5, CARD,
+                               rounds, seconds)
+        ours += windows[Device]
+        yield row
+    for format in (CD, HI_RES):
+        row, windows = against(lab, Mpd, music.flac[format], f"FLAC {label(*format)}", 0.7, CARD,
+                               rounds, seconds)
+        ours += windows[Device]
+        mpd += windows[Mpd]
+        yield row
+    row, _ = against(lab, Aplay, music.wav[CD], f"WAV {label(*CD)}, periods of 50 ms "
+                     "(aplay keeps to 125 ms)", 1.5, SHORT_PERIODS_CARD, max(1, rounds - 1),
+                     seconds)
+    yield Row(row.what, "", row.measured)
+
+    threads = ", ".join(f"{name} {median:.1f}" for name in sorted(ours[0].by_thread) if (
+        median := statistics.median(w.by_thread.get(name, 0) for w in ours)) >= 0.1)
+    wakes = median_of(ours, "wakeups")
+    yield Row("wake-ups a second, playing, all threads",
+              f"<= {PERIODS_PER_SECOND} periods + 1", f"{wakes:.1f} ({threads})",
+              wakes <= PERIODS_PER_SECOND + 1.05)
+    dirty = max(window.dirty_kb for window in ours)
+    yield Row("private dirty memory, playing", "<= 4 MB", f"{dirty / 1024:.1f} MB", dirty <= 4096)
+    rss, rss_mpd = (max(window.rss_kb for window in w) for w in (ours, mpd))
+    yield Row("resident memory, playing", "<= 1/4 of mpd",
+              f"{rss / 1024:.1f} MB, mpd {rss_mpd / 1024:.1f} MB: {rss / rss_mpd:.2f}",
+              4 * rss <= rss_mpd)
+    underruns = sum(window.underruns for window in ours)
+    yield Row("underruns in all of this", "0", str(underruns), underruns == 0)
+
+
+def idle(lab, seconds):
+    with Device(lab, lab.card(*CARD)) as device:
+        time.sleep(2)
+        window = Window(device.pid, seconds)
+    threads = ", ".join(f"{name} {count:.1f}"
+                        for name, count in sorted(window.by_thread.items()) if count)
+    yield Row("wake-ups a second, idle, all threads", "<= 1",
+              f"{window.wakeups:.1f} ({threads})", window.wakeups <= 1)
+    yield Row("CPU idle", "", f"{window.cpu_ms:.3f} ms a second")
+
+
+# ---- The way of a sample ------------------------------------------------------------------------
+
+
+def whole_track(lab, file):
+    """The probe's counters for one track from its first sample to its last, on a fast clock."""
+    card = lab.card(*CARD, "--speed", "10", "--patient")
+    with Device(lab, card, probe=True) as device:
+        device.play(file)
+        wait_for("end of the track", device.is_over)
+        return device.probe.read()
+
+
+def offers(lab, music):
+    for format in (CD, HI_RES):
+        counts = whole_track(lab, music.wav[format])
+        yield Row(f"whole track {label(*format)}: {counts['offers']} offers, copies on the way",
+                  "0", f"{counts['foreign_writes']} of {counts['writes']} writes",
+                  counts["writes"] > 0 and counts["foreign_writes"] == 0)
+        yield Row("... allocations, offer to snd_pcm_writei", "0",
+                  f"{counts['allocations_before_write']} (after it, until the return: "
+                  f"{counts['allocations_in_offer'] - counts['allocations_before_write']}, "
+                  "the position's report once a second)", counts["allocations_before_write"] == 0)
+
+
+def steady_allocations(lab, music, seconds):
+    with Device(lab, lab.card(*CARD), probe=True) as device:
+        device.play(music.wav[CD])
+        time.sleep(3.5)  # past the track's announcement
+        before = device.probe.read()
+        time.sleep(seconds)
+        after = device.probe.read()
+    rate = (after["allocations"] - before["allocations"]) / seconds
+    yield Row("allocations a second, playing, whole process", "", f"{rate:.1f}")
+
+
+class CallBorders:
+    """Sorts the system calls of one thread's strace by where they were made."""
+
+    def __init__(self):
+        self.in_offer = self.in_alsa = False
+        self.wrote = False
+        self.offers = 0
+        self.calls = {"offer": {}, "after write": {}, "ALSA": {}, "loop": {}}
+
+    def add(self, line):
+        marker = re.match(r"fcntl\(-1, 0x6e0(\d)", line)
+        if marker:
+            which = int(marker[1])
+            if which <= 2:
+                self.in_offer, self.wrote = which == 1, False
+                self.offers += which == 1
+            else:
+                self.in_alsa = which == 3
+                self.wrote = self.wrote or which == 4
+            return
+        name = re.match(r"(\w+)\(", line)
+        if name is None:
+            return
+        place = ("ALSA" if self.in_alsa else "loop" if not self.in_offer
+                 else "after write" if self.wrote else "offer")
+        self.calls[place][name[1]] = self.calls[place].get(name[1], 0) + 1
+
+
+def system_calls(lab, music, seconds):
+    if shutil.which("strace") is None:
+        yield Row("system calls on the way", "0 but ALSA's", "no strace here")
+        return
+    with Device(lab, lab.card(*CARD), probe=True, marks=True) as device:
+        device.play(music.wav[CD])
+        time.sleep(3.5)
+        trace = device.folder / "trace"
+        tracer = subprocess.Popen(["strace", "-ff", "-o", trace, "-p", str(device.pid)],
+                                  stderr=subprocess.DEVNULL)
+        time.sleep(seconds)
+        end(tracer)
+    threads = []
+    for path in device.folder.glob("trace.*"):
+        borders = CallBorders()
+        for line in path.read_text(errors="replace").splitlines():
+            borders.add(line)
+        threads.append(borders)
+    loop = max(threads, key=lambda borders: borders.offers)
+    names = lambda place: ", ".join(f"{name} {count / loop.offers:.1f}" for name, count in
+                                    sorted(loop.calls[place].items())) or "none"
+    own = sum(loop.calls["offer"].values())
+    yield Row(f"system calls, offer to snd_pcm_writei, our own ({loop.offers} offers)", "0",
+              str(own), loop.offers > 0 and own == 0)
+    yield Row("... an offer: in ALSA (the simulated card's)", "", names("ALSA"))
+    yield Row("... an offer: after the write, until the return", "", names("after write"))
+    yield Row("... an offer: the loop's thread outside of offers", "", names("loop"))
+
+
+def inside(lab):
+    result = lab.folder / "inside.json"
+    subprocess.run([lab.build / "bin/inside_bench", f"--benchmark_out={result}",
+                    "--benchmark_out_format=json", "--benchmark_min_time=0.3"], check=True,
+                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    times = {}
+    for bench in json.loads(result.read_text())["benchmarks"]:
+        if "error_message" in bench:
+            raise RuntimeError(f"{bench['name']}: {bench['error_message']}")
+        times[bench["name"].split("/")[0]] = bench["cpu_time"]
+    own = times["BM_OfferOwnCode"]
+    yield Row("an offer down to snd_pcm_writei and back, our own code", "<= 300 ns",
+              f"{own:.0f} ns", own <= 300)
+    yield Row("... with the simulated card behind it", "",
+              f"{times['BM_OfferOnSimulatedCard']:.0f} ns")
+    yield Row("a controller's request parsed", "", f"{times['BM_ConnectRequestParse']:.0f} ns")
+    yield Row("a log line", "", f"{times['BM_LogLine']:.0f} ns")
+
+
+def instructions(lab, short, long):
+    """User-space instructions per second of audio, by callgrind: free of the machine's noise. A
+    longer track less a shorter one leaves out the start and the end."""
+    if shutil.which("valgrind") is None:
+        yield Row("user instructions per second of audio", "", "no valgrind here")
+        return
+    tracks = {}
+    for rate, bits in (CD, HI_RES):
+        second = one_second(rate, bits)
+        for seconds in (short, long):
+            folder = lab.new_folder("track")
+            path = write_wav(folder / f"{rate}-{bits}.wav", second, rate, bits, seconds)
+            if bits == 24:
+                path.with_suffix(".raw").write_bytes(second * seconds)
+            else:
+                tracks.setdefault((rate, bits, ".flac"), []).append(to_flac(path))
+            tracks.setdefault((rate, bits, ".wav"), []).append(path)
+    cases = [(Device, (*CD, ".wav")), (Aplay, (*CD, ".wav")), (Device, (*HI_RES, ".wav")),
+             (Aplay, (*HI_RES, ".wav")), (Device, (*CD, ".flac")), (Mpd, (*CD, ".flac"))]
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        jobs = {case: [pool.submit(count_instructions, lab, case[0], path)
+                       for path in tracks[case[1]]] for case in cases}
+        counts = {case: (b.result() - a.result()) / (long - short)
+                  for case, (a, b) in jobs.items()}
+    for ours, theirs in zip(cases[::2], cases[1::2]):
+        rate, bits, suffix = ours[1]
+        a, b = counts[ours], counts[theirs]
+        yield Row(f"user instructions per second of audio, {suffix[1:].upper()} "
+                  f"{label(rate, bits)}", "",
+                  f"{a / 1e6:.2f} M, {theirs[0].name} {b / 1e6:.2f} M: {a / b:.2f} x")
+
+
+def count_instructions(lab, player, file):
+    folder = lab.new_folder("callgrind")
+    wrapper = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={folder}/out"]
+    with player(lab, lab.card(*CARD, "--speed", "4", "--patient"), wrapper=wrapper) as running:
+        running.play(file)
+        wait_for("end of the track", running.is_over, 120, 0.1)
+    return sum(int(re.search(r"^totals: (\d+)", path.read_text(), re.M)[1])
+               for path in folder.glob("out*"))
+
+
+# ---- Start, commands, HTTP ----------------------------------------------------------------------
+
+
+def start(lab, times):
+    took = []
+    for _ in range(times):
+        with Device(lab, lab.card(*CARD), probe=True) as device:
+            took.append((device.answered_ns - device.probe.read()["main_ns"]) / 1e6)
+    yield Row(f"from main to answering HTTP, of {times} starts", "<= 50 ms",
+              f"median {statistics.median(took):.0f} ms, longest {max(took):.0f} ms",
+              statistics.median(took) <= 50)
+
+
+def http_load(port, rate, stop, result):
+    """Both GETs in turn on connections of their own, `rate` a second, until told to stop; sends the
+    seconds each took."""
+    gc.disable()
+    took = {"/get-display-info": [], "/get-connect-info": []}
+    due = time.monotonic()
+    while not stop.is_set():
+        for path in took:
+            begin = time.monotonic()
+            connection = http.client.HTTPConnection("127.0.0.1", port, timeout=10)
+            connection.request("GET", path)
+            answer = connection.getresponse()
+            answer.read()
+            connection.close()
+            if answer.status != 200:
+                raise RuntimeError(f"{path}: {answer.status}")
+            took[path].append(time.monotonic() - begin)
+            due += 1 / rate
+            time.sleep(max(0, due - time.monotonic()))
+    result.put(took)
+
+
+@contextlib.contextmanager
+def under_load(device, rate):
+    """Yields a dictionary that holds the times when the load is over."""
+    stop, result, took = multiprocessing.Event(), multiprocessing.Queue(), {}
+    load = multiprocessing.Process(target=http_load, args=(device.port, rate, stop, result))
+    load.start()
+    try:
+        yield took
+    finally:
+        stop.set()
+        if load.is_alive():
+            took |= result.get(timeout=20)
+        load.join()
+
+
+def http_latency(lab, music, seconds):
+    card = lab.card(*CARD)
+    with Device(lab, card) as device:
+        device.play(music.wav[HI_RES])
+        with under_load(device, 200) as took:
+            time.sleep(seconds)
+        underruns = card.underruns()
+    for path, times in took.items():
+        p99 = percentile(times, 99) * 1000
+        yield Row(f"GET {path}, p99 of {len(times)} at 200 requests a second, playing 192/24",
+                  "<= 2 ms", f"{p99:.2f} ms (median {statistics.median(times) * 1000:.2f})",
+                  p99 <= 2)
+    yield Row("... underruns meanwhile", "0", str(underruns), underruns == 0)
+
+
+def time_to_drop(device, press):
+    """ms from the call on the bus to the end of snd_pcm_drop."""
+    drops = device.probe.read()["drops"]
+    sent = press()
+    wait_for("PCM dropped", lambda: device.probe.read()["drops"] > drops, pause=0.001)
+    return (device.probe.read()["last_drop_ns"] - sent) / 1e6
+
+
+def pauses(lab, music, times, rate):
+    """Presses of pause, each once the command thread has done its wait for the track's texts."""
+    with Device(lab, lab.card(*CARD), probe=True) as device:
+        device.play(music.wav[HI_RES])
+        took = []
+        with under_load(device, rate) if rate else contextlib.nullcontext():
+            for _ in range(times):
+                time.sleep(1.2 + 0.125 * random.random())
+                took.append(time_to_drop(device, lambda: device.press("Pause")))
+                time.sleep(1.2)
+                device.press("Play")
+                wait_for("playing again", lambda: device.card.state() == "RUNNING")
+    return took
+
+
+def seeks(lab, music, times, rate):
+    with Device(lab, lab.card(*CARD), probe=True) as device:
+        device.play(music.wav[HI_RES])
+        time.sleep(3.5)
+        took = []
+        with under_load(device, rate):
+            for n in range(times):
+                offset = 1_000_000 if n % 2 == 0 else -1_000_000
+                took.append(time_to_drop(
+                    device, lambda: device.press("Seek", "x", ctypes.c_int64(offset))))
+                time.sleep(0.05 + 0.02 * random.random())
+    return took
+
+
+def commands(lab, music, devices, times, seek_times):
+    # Several devices at once, for a pause is followed by waits; one of them under the full load.
+    with concurrent.futures.ThreadPoolExecutor(devices) as pool:
+        jobs = [pool.submit(pauses, lab, music, times, 200 if n == 0 else 0)
+                for n in range(devices)]
+        took = [ms for job in jobs for ms in job.result()]
+    p99 = percentile(took, 99)
+    yield Row(f"PAUSE sent over the bus to PCM dropped, p99 of {len(took)}, 192/24, HTTP load",
+              "<= 5 ms", f"{p99:.2f} ms (median {statistics.median(took):.2f})", p99 <= 5)
+    took = seeks(lab, music, seek_times, 200)
+    p99 = percentile(took, 99)
+    yield Row(f"SEEK the same way, p99 of {len(took)}", "<= 5 ms",
+              f"{p99:.2f} ms (median {statistics.median(took):.2f})", p99 <= 5)
+
+
+# ---- Transitions --------------------------------------------------------------------------------
+
+
+def join(lab, rate, bits):
+    """Two tracks of one format; a text that says what is between them, and whether that is nothing."""
+    folder = lab.new_folder("music")
+    expected = b""
+    for n in range(2):
+        second = one_second(rate, bits, seed=n + 1)
+        write_wav(folder / f"{n}.wav", second, rate, bits, 2)
+        expected += second * 2
+    card = lab.card(*CARD, record=True)
+    with Device(lab, card) as device:
+        device.play(folder)
+        wait_for("end of both tracks", device.is_over)
+        underruns = card.underruns()
+    recordings = card.recordings()
+    frame = 4 if bits == 16 else 8
+    extra = (sum(map(len, recordings)) - len(expected)) // frame
+    is_exact = recordings == [expected] and underruns == 0
+    return f"{label(rate, bits)} {extra}" + ("" if is_exact else " (not bit for bit)"), is_exact
+
+
+def transitions(lab):
+    formats = [(rate, bits) for rate in (44100, 48000, 96000, 192000) for bits in (16, 24)]
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        results = list(pool.map(lambda format: join(lab, *format), formats))
+    yield Row("same format: frames between two tracks, bit for bit", "0 at each",
+              "; ".join(text for text, _ in results), all(is_exact for _, is_exact in results))
+
+    folder = lab.new_folder("music")
+    write_wav(folder / "0.wav", one_second(*CD), *CD, 2)
+    write_wav(folder / "1.wav", one_second(*HI_RES), *HI_RES, 2)
+    with Device(lab, lab.card(*CARD), probe=True) as device:
+        device.play(folder)
+        wait_for("the other format", lambda: device.probe.read()["reopened_ns"])
+        times = device.probe.read()
+    drain = (times["drain_end_ns"] - times["drain_begin_ns"]) / 1e6
+    reopen = (times["reopened_ns"] - times["drain_end_ns"]) / 1e6
+    yield Row("other format (44.1/16 to 192/24): the gap", "drain + reopen",
+              f"drain {drain:.0f} ms (the last of the track is heard meanwhile), then {reopen:.1f} "
+              "ms to the first write")
+
+
+# ---- Growth -------------------------------------------------------------------------------------
+
+
+def growth(lab, music, seconds):
+    few, many = lab.new_folder("few"), lab.new_folder("many")
+    for folder, count in ((few, 10), (many, 10_000)):
+        for n in range(count):
+            os.link(music.wav[CD], folder / f"{n:05}.wav")
+    contents = {"48": music.wav[48000, 24], "96": music.wav[96000, 24], "192": music.wav[HI_RES],
+                "few": few, "many": many}
+    with contextlib.ExitStack() as stack:
+        devices = {name: stack.enter_context(Device(lab, lab.card(*CARD))) for name in contents}
+        for name, device in devices.items():
+            device.play(contents[name])
+        time.sleep(3)
+        with concurrent.futures.ThreadPoolExecutor(len(devices)) as pool:
+            windows = dict(zip(devices, pool.map(lambda d: Window(d.pid, seconds),
+                                                 devices.values())))
+    cpu = {name: window.cpu_ms for name, window in windows.items()}
+    yield Row("growth: CPU per second of audio at 48, 96, 192 kHz/24, side by side", "linear",
+              f"{cpu['48']:.2f}, {cpu['96']:.2f}, {cpu['192']:.2f} ms",
+              cpu["192"] <= 1.1 * 4 * cpu["48"])
+    yield Row("growth: CPU with 10 and with 10,000 tracks in the folder and queue", "flat",
+              f"{cpu['few']:.2f} and {cpu['many']:.2f} ms", cpu["many"] <= 1.2 * cpu["few"])
+    yield Row("... resident memory with 10 and with 10,000", "",
+              f"{windows['few'].rss_kb / 1024:.1f} and {windows['many'].rss_kb / 1024:.1f} MB")
+
+
+def hours(lab, count):
+    """`count` hours of low-rate audio on a clock as fast as the machine can follow."""
+    folder = lab.new_folder("hours")
+    rate, seconds = 8000, 3600
+    write_wav(folder / "00.wav", one_second(rate, 16, 1), rate, 16, seconds, 1)
+    for n in range(1, count):
+        os.link(folder / "00.wav", folder / f"{n:02}.wav")
+    card = lab.card(*CARD, "--speed", "100000", "--patient")
+    readings = []
+    with Device(lab, card) as device:
+        device.play(folder)
+        for hour in range(1, count):
+            wait_for(f"hour {hour}", lambda: card.frames_played() >= hour * seconds * rate, 120, 0.05)
+            readings.append((cpu_ns(device.pid), *memory_kb(device.pid)))
+    cpu = [(b[0] - a[0]) / 1e6 / 3600 for a, b in zip(readings, readings[1:])]
+    early, late = (statistics.median(part) for part in (cpu[:len(cpu) // 2], cpu[len(cpu) // 2:]))
+    first, last = readings[0], readings[-1]
+    yield Row(f"growth: {count} hours on a fast clock, CPU per second of audio, first and second half",
+              "flat", f"{early:.3f} and {late:.3f} ms", late <= 1.2 * early)
+    yield Row("... private dirty memory after 1 hour and at the end", "flat, <= 4 MB",
+              f"{first[2] / 1024:.2f} and {last[2] / 1024:.2f} MB",
+              last[2] <= min(4096, first[2] + 256))
+
+
+# ---- Sizes --------------------------------------------------------------------------------------
+
+
+def sizes(lab, build, architecture, strip):
+    names = ("bin/nuvio-connect", "lib/libnuvio_connect.so", "lib/libnuvio_host.so")
+    if shutil.which(strip) is None or not all((build / name).exists() for name in names):
+        yield Row(f"size, {architecture}", "", "not built here")
+        return
+    texts = []
+    for name in names:
+        stripped = lab.folder / f"stripped-{architecture}"
+        subprocess.run([strip, "-o", stripped, build / name], check=True)
+        texts.append(f"{name.split('/')[1]} {stripped.stat().st_size / 1024:.0f} KiB")
+    yield Row(f"size, {architecture}, stripped", "", ", ".join(texts))
