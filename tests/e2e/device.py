@@ -175,8 +175,8 @@ class DeviceTest(unittest.TestCase):
             self.show_log_of_a_failure()
 
     def show_log_of_a_failure(self):
-        failed = any(error for _, error in self._outcome.errors) if hasattr(
-            self._outcome, "errors") else not self._outcome.success
+        result = self._outcome.result
+        failed = any(test is self for test, _ in [*result.failures, *result.errors])
         if failed and self.log_path.exists():
             print("\n".join(self.log().splitlines()[-60:]))
 
