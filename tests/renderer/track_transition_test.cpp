@@ -143,6 +143,17 @@ TEST_F(TrackTransition, ASeekInTheIntervalReturnsToTheEndingTrack) {
     EXPECT_TRUE(run_until("sdk resume_audio_delivery 2"));
 }
 
+TEST_F(TrackTransition, ASeekReopensADeliveryThatAPauseHadClosed) {
+    end_first_stream(400);
+    run_due();
+    pause();  // closes stream 1, which has nothing left to deliver
+    start(2);
+    resume();  // opens stream 2
+    announce_seek();
+    seeked(1, 0);
+    EXPECT_EQ(offer(1, 400), 400U);
+}
+
 TEST_F(TrackTransition, ASeekRightAfterTheChangeIsForTheNewTrack) {
     change_track();
     announce_seek();
