@@ -147,7 +147,7 @@ class HttpServer : public testing::Test {
     // Runs the loop until the condition holds; false when it does not within ten seconds.
     template <typename Condition>
     bool run_until(Condition condition) {
-        for (const auto end = Clock::now() + 10s; Clock::now() < end;) {
+        for (const auto end = Clock::now() + std::chrono::seconds(10); Clock::now() < end;) {
             uv_run(&m_loop, UV_RUN_NOWAIT);
             if (condition()) {
                 return true;
