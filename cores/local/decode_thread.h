@@ -2,8 +2,8 @@
 //
 // A TrackPipe is one track on its way: opened, decoded block by block, positioned. The thread works
 // on the pipes in the order they were opened. The earliest one that still has something to decode
-// gets up to five seconds ahead of its reader, the ones behind it only a few blocks. It sleeps until
-// a reader has used up most of what is ready, then fills it up again in one go.
+// gets up to five seconds ahead of its reader, the ones behind it only a few blocks. It sleeps
+// until a reader has used up most of what is ready, then fills it up again in one go.
 //
 // Memory: one pool of blocks, allocated once and shared by the pipes; the reader borrows a block
 // and gives it back. Nothing is copied between decoder and reader, nothing allocated while
