@@ -2,6 +2,7 @@
 #define SIMCARD_SHARED_STATE_H
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -106,6 +107,11 @@ struct SharedState {
     StreamState stream;
     TotalsState totals;
 };
+/* Processes of 32 and of 64 bits use one card. */
+static_assert(alignof(Shared<std::uint64_t>) == 8);
+static_assert(offsetof(FixedState, minimum_volume) == 240);
+static_assert(offsetof(SharedState, ops) == 264 && offsetof(SharedState, plugged) == 1144);
+static_assert(offsetof(SharedState, stream) == 1272 && sizeof(SharedState) == 1376);
 
 /* Counts the call and returns 0, or the negative errno it must fail with. */
 int begin_call(OpState& op);
