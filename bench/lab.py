@@ -286,13 +286,16 @@ audio_output {{
         return result.returncode == 0 and result.stdout
 
     def play(self, path):
+        with wave.open(str(path.with_suffix(".wav"))) as wav:
+            self.frames, self.rate = wav.getnframes(), wav.getframerate()
         self.mpc("add", path)
         self.mpc("play")
         wait_for("mpd plays", lambda: self.card.state() == "RUNNING")
 
     def is_over(self):
-        status = self.mpc("status", check=False)
-        return bool(status) and "[playing]" not in status
+        """Nearly: it is to be stopped before it drains, for it waits for the end of a drain by asking
+        the card without a pause."""
+        return self.card.frames_played() >= self.frames - 1.5 * self.rate
 
     def stop(self):
         self.mpc("stop")

@@ -21,6 +21,7 @@ from lab import (Aplay, Device, Mpd, Window, cpu_ns, end, memory_kb, one_second,
 # which is what aplay asks for.
 CARD = ("--buffer", "1000")
 PERIODS_PER_SECOND = 8
+LOOP_THREAD = "NuvioConnectSta"  # as its name is cut by the kernel
 SHORT_PERIODS_CARD = ("--buffer", "400")
 
 CD = (44100, 16)
@@ -112,12 +113,13 @@ def playing(lab, music, rounds, seconds):
                      seconds)
     yield Row(row.what, "", row.measured)
 
-    threads = ", ".join(f"{name} {median:.1f}" for name in sorted(ours[0].by_thread) if (
-        median := statistics.median(w.by_thread.get(name, 0) for w in ours)) >= 0.1)
-    wakes = median_of(ours, "wakeups")
-    yield Row("wake-ups a second, playing, all threads",
-              f"<= {PERIODS_PER_SECOND} periods + 1", f"{wakes:.1f} ({threads})",
-              wakes <= PERIODS_PER_SECOND + 1.05)
+    by_thread = {name: statistics.median(window.by_thread.get(name, 0) for window in ours)
+                 for name in sorted(ours[0].by_thread)}
+    loop = by_thread[LOOP_THREAD]
+    yield Row("wake-ups a second, playing, the loop's thread", f"<= {PERIODS_PER_SECOND} periods + 1",
+              f"{loop:.1f}", loop <= PERIODS_PER_SECOND + 1.05)
+    threads = ", ".join(f"{name} {count:.1f}" for name, count in by_thread.items() if count >= 0.1)
+    yield Row("... all threads", "", f"{median_of(ours, 'wakeups'):.1f} ({threads})")
     dirty = max(window.dirty_kb for window in ours)
     yield Row("private dirty memory, playing", "<= 4 MB", f"{dirty / 1024:.1f} MB", dirty <= 4096)
     rss, rss_mpd = (max(window.rss_kb for window in w) for w in (ours, mpd))
@@ -287,7 +289,8 @@ def count_instructions(lab, player, file):
     wrapper = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={folder}/out"]
     with player(lab, lab.card(*CARD, "--speed", "4", "--patient"), wrapper=wrapper) as running:
         running.play(file)
-        wait_for("end of the track", running.is_over, 120, 0.1)
+        wait_for("end of the track", running.is_over, 60, 0.1)
+        running.stop()
     return sum(int(re.search(r"^totals: (\d+)", path.read_text(), re.M)[1])
                for path in folder.glob("out*"))
 
@@ -488,7 +491,7 @@ def hours(lab, count):
     write_wav(folder / "00.wav", one_second(rate, 16, 1), rate, 16, seconds, 1)
     for n in range(1, count):
         os.link(folder / "00.wav", folder / f"{n:02}.wav")
-    card = lab.card(*CARD, "--speed", "100000", "--patient")
+    card = lab.card(*CARD, "--speed", "2000", "--patient")
     readings = []
     with Device(lab, card) as device:
         device.play(folder)
