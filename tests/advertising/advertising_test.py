@@ -34,7 +34,8 @@ ENTRIES = ["path=/", f"device_uuid={UUID}", "sdk_version=1.2.3", "type=SPEAKER"]
 # avahi-browse prints the last entry of the record first.
 TXT = " ".join(f'"{entry}"' for entry in reversed(ENTRIES))
 # How long the network may take to reach a state, probes and announcements included.
-PATIENCE_S = 30
+PATIENCE_S = 60
+BROWSE_S = 10
 IDLE_S = 4
 
 BUS_CONFIG = """
@@ -116,9 +117,12 @@ class Host:
 
     def browse(self):
         """What this host's daemon resolves: {name: {(protocol, port, txt)}}."""
-        result = subprocess.run(["avahi-browse", "-rpt", "--no-db-lookup", SERVICE_TYPE],
-                                env=self.environment, check=False, capture_output=True, text=True,
-                                timeout=PATIENCE_S)
+        try:
+            result = subprocess.run(["avahi-browse", "-rpt", "--no-db-lookup", SERVICE_TYPE],
+                                    env=self.environment, check=False, capture_output=True,
+                                    text=True, timeout=BROWSE_S)
+        except subprocess.TimeoutExpired:
+            return {}  # it waits for ever for a record that was withdrawn under it
         found = {}
         for line in result.stdout.splitlines():
             if line.startswith("="):
