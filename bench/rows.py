@@ -21,6 +21,9 @@ from lab import (Aplay, Device, Mpd, Window, cpu_ns, end, memory_kb, one_second,
 # which is what aplay asks for.
 CARD = ("--buffer", "1000")
 PERIODS_PER_SECOND = 8
+# s from one turn of the local core's decoder to the next, at 44.1/16: a window of this length holds one
+# turn, wherever it begins.
+DECODER_TURN = 3.715
 LOOP_THREAD = "NuvioConnectSta"  # as its name is cut by the kernel
 SHORT_PERIODS_CARD = ("--buffer", "400")
 
@@ -109,7 +112,7 @@ def playing(lab, music, rounds, seconds):
         mpd += windows[Mpd]
         yield row
     row, _ = against(lab, Aplay, music.wav[CD], f"WAV {label(*CD)}, periods of 50 ms "
-                     "(aplay keeps to 125 ms)", 1.5, SHORT_PERIODS_CARD, max(1, rounds - 1),
+                     "(aplay keeps to 125 ms)", 1.5, SHORT_PERIODS_CARD, max(1, rounds // 2),
                      seconds)
     yield Row(row.what, "", row.measured)
 

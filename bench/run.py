@@ -23,7 +23,7 @@ def measurements(lab, options):
     """Name and rows, in the order of the table."""
     quick = options.quick
     music = rows.Music(lab, 40)  # mpd decodes up to 23 s ahead, and then as it plays
-    rounds, window = (1, 3) if quick else (3, 5)
+    rounds, window = (1 if quick else 4), rows.DECODER_TURN
     armhf = HERE.parent / "build/armhf"
     return {
         "playing": lambda: rows.playing(lab, music, rounds, window),
@@ -35,7 +35,7 @@ def measurements(lab, options):
         "idle": lambda: rows.idle(lab, 5 if quick else 12),
         "start": lambda: rows.start(lab, 3 if quick else 11),
         "commands": lambda: rows.commands(lab, music, 4, 2 if quick else 8,
-                                          20 if quick else 200),
+                                          20 if quick else 150),
         "http": lambda: rows.http_latency(lab, music, 3 if quick else 10),
         "transitions": lambda: rows.transitions(lab),
         "growth": lambda: rows.growth(lab, music, 4 if quick else 8),
