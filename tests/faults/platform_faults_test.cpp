@@ -125,10 +125,10 @@ TEST_F(PlatformFaults, FailingSdkCallsAreLoggedAndLeaveTheBridgeWorking) {
         process(all);
         const Lines calls = fake_sdk::calls();
         for (const auto& [command, call] : commands) {
-            EXPECT_EQ(std::ranges::count_if(
-                          calls, [&](const std::string& made) { return made.starts_with(call); }),
-                      1)
-                << command;
+            const auto is_call = [&name = call](const std::string& made) {
+                return made.starts_with(name);
+            };
+            EXPECT_EQ(std::ranges::count_if(calls, is_call), 1) << command;
             EXPECT_EQ(countLines("Failed to notify nuvio Connect event : " + command),
                       result == NUV_ERROR_OK ? 0U : 1U);
         }

@@ -213,12 +213,13 @@ TEST_F(Bus, PlayerCallsBecomeCommandsInOrder) {
 TEST_F(Bus, PlayerCallsThatMakeNoSenseAreRefusedOrIgnored) {
     play();
     const std::string call_player = "busctl --user call " + std::string(kPlayer);
+    const std::string set_position = call_player + "SetPosition ox ";
     const std::string set_player = "busctl --user set-property " + std::string(kPlayer);
     const std::string track = client("playerctl metadata mpris:trackid | tr -d \"'\"");
     for (const std::string& ignored :
          {std::string("/org/nuvioconnect/track/99 1000000"), std::string("/ 0"),
           track + " 200000001", "-- " + track + " -1"}) {
-        EXPECT_EQ(call(call_player + "SetPosition ox " + ignored).status, 0) << ignored;
+        EXPECT_EQ(call(set_position + ignored).status, 0) << ignored;
     }
     EXPECT_THAT(client(call_player + "OpenUri s file:///x"), HasSubstr("controller"));
     EXPECT_THAT(client(set_player + "LoopStatus s Sometimes"), HasSubstr("None, Track"));

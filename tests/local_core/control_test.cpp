@@ -84,7 +84,8 @@ TEST_F(Control, ResumeGoesOnAfterAPauseAndStartsAnewAfterAStop) {
                 ElementsAre("resume", "state PLAYING"));
     take_only(1, 9000);
     run_until_taken(1, 9000);
-    EXPECT_EQ(std::memcmp(device.pcm_of_stream[1].data(), tracks[0].pcm.data(), 9000 * 4), 0);
+    EXPECT_EQ(std::memcmp(device.pcm_of_stream[1].data(), tracks[0].pcm.data(), size_t{9000} * 4),
+              0);
     EXPECT_THAT(told(nuv_connect_stop_playback, "state STOPPED"),
                 ElementsAre("stop", "dispose 1", "state STOPPED"));
     EXPECT_EQ(call(nuv_connect_stop_playback), NUV_ERROR_INVALID_STATE);
