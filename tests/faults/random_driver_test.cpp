@@ -234,7 +234,7 @@ const std::vector<RandomDriver::Event>& RandomDriver::events() {
 void RandomDriver::start_stream() {
     nuv_audio_format format = any_of(formats);
     if (!is_orderly_ && one_in(20)) {
-        format = {0, below(3), static_cast<nuv_audio_sample_format>(below(4))};
+        format = {0, below(3), static_cast<nuv_audio_sample_format>(below(2))};
     }
     const uint64_t id = next_id_++;
     live_.push_back({.id = id});
@@ -354,7 +354,7 @@ void RandomDriver::change_controls() {
                                          media.context);
             break;
         case 3:
-            media.maximum_audio_quality_changed(core, static_cast<nuv_audio_quality>(below(5)),
+            media.maximum_audio_quality_changed(core, static_cast<nuv_audio_quality>(below(4)),
                                                 media.context);
             break;
         case 4:
