@@ -281,6 +281,8 @@ class ScriptedDevice {
         source(id).finished = false;
         pcm_of_stream[id].clear();
         m_state = m_state == State::playing_seeking ? State::playing : State::paused;
+        // The output has been emptied: it has room, also where the timer fired during the seek.
+        start<&ScriptedDevice::open_playing>(&m_resume_timer, 1);
     }
 
     void dispose(uint64_t id) {
