@@ -54,11 +54,11 @@ std::string TemporaryFolder::write(const std::string& name, const std::string& t
 }
 
 AudioFile write_audio(const TemporaryFolder& folder, const std::string& name,
-                      const AudioSpec& spec) {
-    AudioFile file{.path = folder.write(name, ""), .rate = spec.rate};
-    const int bits = bits_of(spec.sndfile_format);
-    file.frame_bytes = (bits > 16 ? size_t{4} : size_t{2}) * spec.channels;
-    const auto samples = make_noise(name, size_t{spec.frames} * spec.channels, bits);
+                      const AudioSpec& wanted) {
+    AudioFile file{.path = folder.write(name, ""), .rate = wanted.rate};
+    const int bits = bits_of(wanted.sndfile_format);
+    file.frame_bytes = (bits > 16 ? size_t{4} : size_t{2}) * wanted.channels;
+    const auto samples = make_noise(name, size_t{wanted.frames} * wanted.channels, bits);
     for (const int32_t sample : samples) {
         // Little-endian: 24 bits in four bytes, or 16 in two.
         const int32_t delivered = bits > 16 ? sample >> 8 : sample >> 16;
@@ -66,16 +66,16 @@ AudioFile write_audio(const TemporaryFolder& folder, const std::string& name,
         file.pcm.insert(file.pcm.end(), bytes, bytes + (bits > 16 ? 4 : 2));
     }
     SF_INFO info{};
-    info.samplerate = static_cast<int>(spec.rate);
-    info.channels = static_cast<int>(spec.channels);
-    info.format = spec.sndfile_format;
+    info.samplerate = static_cast<int>(wanted.rate);
+    info.channels = static_cast<int>(wanted.channels);
+    info.format = wanted.sndfile_format;
     SNDFILE* out = sf_open(file.path.c_str(), SFM_WRITE, &info);
-    if (*spec.title != '\0') {
-        sf_set_string(out, SF_STR_TITLE, spec.title);
+    if (*wanted.title != '\0') {
+        sf_set_string(out, SF_STR_TITLE, wanted.title);
         sf_set_string(out, SF_STR_ARTIST, "An Artist");
         sf_set_string(out, SF_STR_ALBUM, "An Album");
     }
-    sf_writef_int(out, samples.data(), spec.frames);
+    sf_writef_int(out, samples.data(), wanted.frames);
     sf_close(out);
     return file;
 }

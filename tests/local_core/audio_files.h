@@ -44,6 +44,6 @@ struct AudioSpec {
 
 // Writes noise, a different one for each name.
 AudioFile write_audio(const TemporaryFolder& folder, const std::string& name,
-                      const AudioSpec& spec);
+                      const AudioSpec& wanted);
 // 16-bit stereo WAV of 44.1 kHz.
 AudioFile write_wav(const TemporaryFolder& folder, const std::string& name, uint32_t frames);
