@@ -33,7 +33,7 @@ std::function<size_t(size_t)> changing_room(unsigned seed, size_t most) {
 
 TEST(Delivery, IsBitExactInEveryFormatWithShortCountsInBetween) {
     struct Case {
-        AudioSpec spec;
+        AudioSpec audio;
         const char* told;
     };
     constexpr int kWav = SF_FORMAT_WAV;
@@ -50,7 +50,7 @@ TEST(Delivery, IsBitExactInEveryFormatWithShortCountsInBetween) {
          }) {
         SCOPED_TRACE(wanted.told);
         const TemporaryFolder folder;
-        const AudioFile file = write_audio(folder, "track", wanted.spec);
+        const AudioFile file = write_audio(folder, "track", wanted.audio);
         ScriptedDevice device;
         device.take = changing_room(1, 6000);
         ASSERT_EQ(device.play(file.path), NUV_ERROR_OK);
