@@ -32,11 +32,7 @@ class Service : public testing::Test {
         fake_platform::reset();
         fake_modules::reset();
         captured_log::reset();
-        android::NetworkState& network = android::NetworkState::get();
-        const std::scoped_lock lock(network.mutex);
-        network.connected = false;
-        network.stopping = false;
-        network.lastDeviceName.clear();
+        resetNetwork();
     }
 
     ~Service() override {
@@ -44,6 +40,15 @@ class Service : public testing::Test {
         android::stopNuvioConnect();
         android::NuvioConnectStart::ReleaseInstance();
         android::NuvioSSListener::releaseInstance();
+    }
+
+    // As in a process that has just begun.
+    static void resetNetwork() {
+        android::NetworkState& network = android::NetworkState::get();
+        const std::scoped_lock lock(network.mutex);
+        network.connected = false;
+        network.stopping = false;
+        network.lastDeviceName.clear();
     }
 
     void startBridge(const std::vector<std::string>& settings = kSettings) {
