@@ -153,7 +153,12 @@ TEST_F(HostServices, ABlockedListenerHoldsUpNoOtherChannel) {
     pool.start();
     std::promise<void> open;
     std::shared_future<void> gate = open.get_future().share();
-    pool.post(Channel::source_switch, [gate] { gate.wait(); });
+    std::promise<void> blocked;
+    pool.post(Channel::source_switch, [gate, &blocked] {
+        blocked.set_value();
+        gate.wait();
+    });
+    EXPECT_EQ(blocked.get_future().wait_for(kPatience), std::future_status::ready);
     std::promise<void> heard;
     std::future<void> other = heard.get_future();
     pool.post(Channel::messages, [&heard] { heard.set_value(); });
