@@ -245,5 +245,11 @@ class DeviceTest(unittest.TestCase):
         return [Recording(path) for path in sorted((self.folder / "card/recordings").glob("*.txt"))]
 
     def wait_for_end(self, seconds=PATIENCE):
+        """Until all has been heard: the card is drained and closed after the log says so."""
         wait_for("end of the session",
                  lambda: self.log_count("Nothing else to play, stopping playback"), seconds)
+        wait_for("end of the recordings", lambda: not self.open_recordings(), seconds)
+
+    def open_recordings(self):
+        return [text for text in (self.folder / "card/recordings").glob("*.txt")
+                if "closed=0" in text.read_text()]

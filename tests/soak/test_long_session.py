@@ -88,10 +88,6 @@ class LongSession(DeviceTest):
                          r"(\d+) underruns", self.card("show"))
         return [int(n) for n in line.groups()]
 
-    def open_recordings(self):
-        return [text for text in (self.folder / "card/recordings").glob("*.txt")
-                if "closed=0" in text.read_text()]
-
     def check_recordings(self):
         """Compares what has been recorded to its end with the files, and makes room for more."""
         still_open = self.open_recordings()
