@@ -30,7 +30,7 @@ struct audio_sink {
 
     // These are set exactly while the sink is open.
     pcm_ptr pcm;
-    std::vector<pollfd> pcm_descriptors;  // those of the poller, without events
+    std::vector<pollfd> pcm_descriptors;  // those of the poller
     descriptor_poller_ptr descriptor_poller;
 
     unsigned sample_rate = 0;  // frames a second, as asked for
@@ -54,7 +54,7 @@ constexpr int kMaxFruitlessWrites = 5;           // in one write
 constexpr int kMaxInterruptedDrains = 5;         // in one drain
 constexpr unsigned kMaxFailedSpaceQueries = 10;  // in a row, while waiting for space
 
-constexpr uint64_t kSpaceCheckMs = 10;  // where the descriptors are of no use
+constexpr uint64_t kSpaceCheckMs = 10;  // while the descriptors are of no use
 
 snd_pcm_format_t nuvio_format_to_alsa_format(nuv_audio_sample_format format) {
     switch (format) {
@@ -79,13 +79,11 @@ bool is_usable(snd_pcm_state_t state) {
            state == SND_PCM_STATE_PAUSED || state == SND_PCM_STATE_XRUN;
 }
 
-// snd_pcm_recover sleeps for as long as a suspended device is being resumed; the loop must not.
+// snd_pcm_recover sleeps for as long as a suspended device is being resumed; the loop must not. A
+// device that is not resumed at once is prepared, as one that cannot be.
 int recover_without_waiting(snd_pcm_t* pcm, int error) {
     if (error == -ESTRPIPE) {
-        const int rc = snd_pcm_resume(pcm);
-        if (rc == 0 || rc == -EAGAIN) {
-            return rc;
-        }
+        return snd_pcm_resume(pcm) == 0 ? 0 : snd_pcm_prepare(pcm);
     }
     return snd_pcm_recover(pcm, error, 1);
 }
@@ -108,24 +106,23 @@ bool alsa_audio_sink_recover_pcm(audio_sink* self, int error) {
 
 bool alsa_audio_sink_ensure_pcm_has_runnable_state(audio_sink* self) {
     snd_pcm_t* pcm = self->pcm.get();
-    for (int prepares = 0; prepares < kMaxPrepares; ++prepares) {
+    for (int prepares = 0;; ++prepares) {
         const snd_pcm_state_t state = snd_pcm_state(pcm);
-        bool prepared = false;
-        if (state == SND_PCM_STATE_SETUP) {
-            prepared = alsa_ok(snd_pcm_prepare(pcm), "Unable to prepare ALSA audio sink");
-        } else if (state == SND_PCM_STATE_XRUN) {
-            prepared =
-                alsa_ok(snd_pcm_prepare(pcm), "Unable to prepare ALSA audio sink after underrun");
-        } else {
+        const bool underrun = state == SND_PCM_STATE_XRUN;
+        if (state != SND_PCM_STATE_SETUP && !underrun) {
             return is_usable(state);
         }
-        if (!prepared) {
+        if (prepares == kMaxPrepares) {
+            app_log(LOG_LEVEL_ERROR, "ALSA audio sink does not become ready after %d prepares",
+                    kMaxPrepares);
+            return false;
+        }
+        if (!alsa_ok(snd_pcm_prepare(pcm), underrun
+                                               ? "Unable to prepare ALSA audio sink after underrun"
+                                               : "Unable to prepare ALSA audio sink")) {
             return false;
         }
     }
-    app_log(LOG_LEVEL_ERROR, "ALSA audio sink does not become ready after %d prepares",
-            kMaxPrepares);
-    return false;
 }
 
 // Asks the PCM for a count of frames, a second time after a repair. `what` completes the log lines.
@@ -155,8 +152,12 @@ std::optional<snd_pcm_sframes_t> alsa_audio_sink_get_available_space(audio_sink*
 }
 
 // The wake-up that led to a write is still on a plug-in's descriptor after it and would be followed
-// at once by another, for the frame or two that have been played meanwhile.
+// at once by another, for the frame or two that have been played meanwhile. A plug-in (dmix) takes
+// it back when asked about a readable descriptor.
 void take_back_wake_up(audio_sink* self) {
+    for (pollfd& descriptor : self->pcm_descriptors) {
+        descriptor.revents = POLLIN;
+    }
     unsigned short revents = 0;
     snd_pcm_poll_descriptors_revents(self->pcm.get(), self->pcm_descriptors.data(),
                                      static_cast<unsigned>(self->pcm_descriptors.size()), &revents);
@@ -207,6 +208,12 @@ void check_space_in(audio_sink* self, uint64_t delay_ms) {
         [](uv_timer_t* timer) { check_space(static_cast<audio_sink*>(timer->data)); }, delay_ms, 0);
 }
 
+// While the descriptors are of no use: polled on, they would make the loop spin.
+void check_space_later(audio_sink* self) {
+    descriptor_poller_stop_polling(self->descriptor_poller.get());
+    check_space_in(self, kSpaceCheckMs);
+}
+
 void alsa_audio_sink_on_pcm_descriptor_poll_event(descriptor_poller* poller, pollfd* descriptors,
                                                   unsigned count, void* user_data) {
     auto* self = static_cast<audio_sink*>(user_data);
@@ -215,14 +222,16 @@ void alsa_audio_sink_on_pcm_descriptor_poll_event(descriptor_poller* poller, pol
     NUV_CHECK(self->pcm != NULL);
     // Plug-ins (dmix, sound servers) take back a wake-up that brought no room only in this call;
     // without it their descriptor stays readable, and the loop would spin until there is room. What
-    // it says does not matter.
+    // it says does not matter, but for an error: that may stay on the descriptor.
     unsigned short revents = 0;
     if (snd_pcm_poll_descriptors_revents(self->pcm.get(), descriptors, count, &revents) < 0) {
-        descriptor_poller_stop_polling(poller);
-        check_space_in(self, kSpaceCheckMs);
+        check_space_later(self);
         return;
     }
     check_space(self);
+    if (self->waits_for_space && (revents & POLLERR) != 0) {
+        check_space_later(self);
+    }
 }
 
 // ---- Writing --------------------------------------------------------------------------------
