@@ -77,8 +77,10 @@ void Host::preset_messages() {
 void Host::on_message(int id, const std::string& text) {
     switch (id) {
         case android::KORA_PLAYBACK_POSITION:
+            // Once a second while music plays: whoever shows it asks for it, as MPRIS has it. Only
+            // a jump is signalled, by the player.
             m_player.set_position(std::strtoll(text.c_str(), nullptr, 10));
-            break;
+            return;
         case android::KORA_VOLUME:
             m_player.set_volume(to_percent(text).value_or(0));
             break;
