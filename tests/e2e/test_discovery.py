@@ -7,15 +7,9 @@ import unittest
 
 from device import DeviceTest, signal_samples, wait_for, write_wav
 
-FIND = pathlib.Path(__file__).parents[2] / "tools/find/find"
-BUS_CONFIG = """<busconfig><type>system</type><listen>unix:path={bus}</listen>
-<auth>EXTERNAL</auth><policy context="default"><allow user="*"/><allow own="*"/>
-<allow send_destination="*"/><allow receive_sender="*"/></policy></busconfig>"""
-AVAHI_CONFIG = "[server]\nallow-interfaces=lo\n[publish]\npublish-workstation=no\n"
-# Its run folder is its own, so that it may run beside the machine's.
-AVAHI = ["unshare", "--mount", "sh", "-c",
-         "mount -t tmpfs none /run && mkdir /run/avahi-daemon && exec avahi-daemon -f \"$0\" "
-         "--no-drop-root --no-chroot --no-rlimits"]
+TOOLS = pathlib.Path(__file__).parents[2] / "tools"
+FIND = TOOLS / "find/find"
+OWN_DAEMON = TOOLS / "run/own_daemon.sh"
 
 
 class Discovery(DeviceTest):
@@ -24,17 +18,14 @@ class Discovery(DeviceTest):
         if os.geteuid() != 0 or subprocess.run(["unshare", "--mount", "true"],
                                                capture_output=True).returncode != 0:
             self.skipTest("no mount namespaces here")
-        (self.folder / "avahi.conf").write_text(AVAHI_CONFIG)
-        (self.folder / "system.conf").write_text(BUS_CONFIG.format(bus=self.folder / "system"))
-        system_bus = subprocess.Popen(["dbus-daemon", "--nofork", "--nopidfile",
-                                       f"--config-file={self.folder}/system.conf"])
+        system_bus = subprocess.Popen([OWN_DAEMON, "system-bus", self.folder])
         self.addCleanup(self.end, system_bus)
-        wait_for("system bus", (self.folder / "system").exists)
-        self.environment["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.folder}/system"
+        wait_for("system bus", (self.folder / "system-bus").exists)
+        self.environment["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.folder}/system-bus"
         self.start_avahi()
 
     def start_avahi(self):
-        self.avahi = subprocess.Popen([*AVAHI, self.folder / "avahi.conf"], env=self.environment,
+        self.avahi = subprocess.Popen([OWN_DAEMON, "avahi", self.folder], env=self.environment,
                                       stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(self.end, self.avahi)
 

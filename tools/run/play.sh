@@ -92,18 +92,11 @@ start_discovery() {
         echo "run: no Avahi daemon here, so no controller finds the device"
         return
     fi
-    cat >"$work/system-bus.conf" <<CONF
-<busconfig><type>system</type><listen>unix:path=$work/system-bus</listen><auth>EXTERNAL</auth>
-<policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*"/>
-<allow receive_sender="*"/></policy></busconfig>
-CONF
-    printf '[server]\nallow-interfaces=lo\n[publish]\npublish-workstation=no\n' >"$work/avahi.conf"
-    dbus-daemon --nofork --nopidfile --config-file="$work/system-bus.conf" 2>/dev/null &
+    "$here/own_daemon.sh" system-bus "$work" 2>/dev/null &
     system_bus=$!
     export DBUS_SYSTEM_BUS_ADDRESS="unix:path=$work/system-bus"
     wait_for_socket "$work/system-bus" || fail "the system bus did not start"
-    unshare --mount sh -c "mount -t tmpfs none /run && mkdir /run/avahi-daemon && exec avahi-daemon \
-        -f '$work/avahi.conf' --no-drop-root --no-chroot --no-rlimits" >"$work/avahi.log" 2>&1 &
+    "$here/own_daemon.sh" avahi "$work" >"$work/avahi.log" 2>&1 &
     avahi=$!
 }
 
