@@ -1,5 +1,6 @@
 #include "local/core.h"
 
+#include <algorithm>
 #include <memory>
 #include <utility>
 
@@ -13,6 +14,19 @@ namespace local_core {
 namespace {
 
 constexpr char kServiceName[] = "_nuvio-connect._tcp";
+constexpr size_t kMaxInstanceNameBytes = 63;  // a DNS label
+
+// The part of the name that the network can be told.
+std::string instance_name(const std::string& name) {
+    size_t end = std::min(name.size(), kMaxInstanceNameBytes);
+    const auto cuts_character = [&] {
+        return end > 0 && end < name.size() && (static_cast<uint8_t>(name[end]) & 0xC0) == 0x80;
+    };
+    while (cuts_character()) {
+        --end;
+    }
+    return name.substr(0, end);
+}
 
 }  // namespace
 
@@ -72,6 +86,7 @@ bool Core::probe(Session& session) const {
 }
 
 void Core::pass() {
+    m_wakeup.rest();  // before the delegates: what the renderer answers from inside one arms it
     take_requests();
     bool more = advertise();
     more |= report_player();
@@ -80,8 +95,6 @@ void Core::pass() {
     more |= m_player.advance() || m_player.deliver();
     if (more) {
         m_wakeup.run_each_pass();
-    } else {
-        m_wakeup.rest();
     }
 }
 
@@ -110,7 +123,8 @@ bool Core::advertise() {
         advertising.stop(m_handle, advertising.context);
     }
     m_advertised_name = m_settings.device_name;
-    advertising.start(m_handle, m_advertised_name.c_str(), kServiceName, advertising.context);
+    advertising.start(m_handle, instance_name(m_advertised_name).c_str(), kServiceName,
+                      advertising.context);
     return true;
 }
 

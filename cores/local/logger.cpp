@@ -1,7 +1,9 @@
 #include "local/logger.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 
 namespace local_core {
 
@@ -15,6 +17,10 @@ void Logger::write(LogLevel level, const char* category, const char* format, ...
     va_start(arguments, format);
     std::vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
+    // Names of files and sessions: none may begin a line of its own.
+    std::replace_if(
+        message, message + std::strlen(message),
+        [](char c) { return static_cast<uint8_t>(c) < 0x20 || c == 0x7F; }, ' ');
     callback(static_cast<uint32_t>(level), category, message);
 }
 

@@ -24,7 +24,7 @@ class Logger {
     // the old one.
     void set_delegate(const nuv_log_delegate& delegate) { m_callback = delegate.callback; }
 
-    // printf-style; a message longer than 1023 bytes is cut.
+    // printf-style; a message longer than 1023 bytes is cut, control characters become blanks.
     [[gnu::format(printf, 4, 5)]] void write(LogLevel level, const char* category,
                                              const char* format, ...) const;
 

@@ -148,8 +148,9 @@ nuv_error nuv_connect_get_session_id(nuv_connect* core, const char** session_id)
     if (core == nullptr || session_id == nullptr) {
         return NUV_ERROR_INVALID_ARGUMENT;
     }
-    if (core->core.session_id() != nullptr) {
-        *session_id = core->core.session_id();
+    // Asked once: a control call on another thread may end the session in between.
+    if (const char* const id = core->core.session_id()) {
+        *session_id = id;
     }
     return NUV_ERROR_OK;
 }

@@ -121,6 +121,20 @@ class Playback(DeviceTest):
         self.wait_for_end()
         self.assertTrue(self.recordings()[0].data == good)
 
+    def test_a_card_that_vanishes_ends_the_session_for_everyone_and_the_next_one_plays(self):
+        expected = self.track("1.wav", 20)
+        self.start()
+        self.play(self.music)
+        self.card("gone")
+        wait_for("stopped", lambda: self.player("status") == "Stopped")
+        self.card("plug")
+        self.connect(self.music, session="second")
+        wait_for("sound", lambda: self.player("status") == "Playing" and self.position() > 0.2)
+        self.player("stop")
+        wait_for("end of the recordings", lambda: not self.open_recordings())
+        heard = self.recordings()[-1].data
+        self.assertTrue(len(heard) > 0 and expected.startswith(heard))
+
     def test_a_new_session_replaces_the_one_that_plays(self):
         self.track("old.wav", 60)
         new = self.folder / "new.wav"

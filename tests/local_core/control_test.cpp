@@ -290,10 +290,20 @@ TEST_F(Control, AfterAPlaybackErrorTheNextSessionPlays) {
     device.fail_playback();
     device.run_until_line("state STOPPED");
     EXPECT_THAT(device.take_lines(), ElementsAre("dispose 1", "state STOPPED"));
-    device.take = nullptr;
+
+    // As a card that vanishes makes the renderer do it: from inside an offer.
+    bool failed = false;
+    device.take = [&](size_t offered) {
+        if (!failed) {
+            device.fail_playback();
+        }
+        return std::exchange(failed, true) ? offered : 0;
+    };
     ASSERT_EQ(device.play(tracks[3].path), NUV_ERROR_OK);
-    device.run_until_line("finished 2");
-    EXPECT_TRUE(device.pcm_of_stream[2] == tracks[3].pcm);
+    device.run_until_line("state STOPPED");
+    ASSERT_EQ(device.play(tracks[3].path), NUV_ERROR_OK);
+    device.run_until_line("finished 3");
+    EXPECT_TRUE(device.pcm_of_stream[3] == tracks[3].pcm);
 }
 
 }  // namespace
