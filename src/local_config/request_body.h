@@ -36,6 +36,7 @@ class request_body {
 
   private:
     bool is_unread() const;
+    void encourage();
 
     mg_connection* m_connection;
     long long m_length;

@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <dirent.h>
 #include <fcntl.h>
+#include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/ioctl.h>
@@ -13,6 +14,7 @@
 #include <array>
 #include <chrono>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <utility>
 
@@ -110,10 +112,20 @@ void shut_down(uint16_t port, bool listening, int how) {
     });
 }
 
-int find_connection(uint16_t local_port, uint16_t remote_port) {
+bool has_peer(const Descriptor& socket, const char* address, uint16_t port) {
+    sockaddr_storage peer{};
+    socklen_t size = sizeof(peer);
+    auto* const name = reinterpret_cast<sockaddr*>(&peer);
+    std::array<char, NI_MAXHOST> host{};
+    return getpeername(socket.get(), name, &size) == 0 && port_of(peer) == port &&
+           getnameinfo(name, size, host.data(), host.size(), nullptr, 0, NI_NUMERICHOST) == 0 &&
+           std::strcmp(host.data(), address) == 0;
+}
+
+int find_connection(uint16_t local_port, const char* remote_address, uint16_t remote_port) {
     int found = -1;
     for_each_socket(local_port, [&](int, Descriptor& socket) {
-        if (port_of(socket.get(), getpeername) == remote_port) {
+        if (has_peer(socket, remote_address, remote_port)) {
             found = socket.release();
         }
         return found < 0;
@@ -162,8 +174,9 @@ void close_server_sockets(uint16_t port) {
     });
 }
 
-connection_socket::connection_socket(uint16_t local_port, uint16_t remote_port)
-    : m_fd(find_connection(local_port, remote_port)) {}
+connection_socket::connection_socket(uint16_t local_port, const char* remote_address,
+                                     uint16_t remote_port)
+    : m_fd(find_connection(local_port, remote_address, remote_port)) {}
 
 connection_socket::~connection_socket() {
     if (m_fd >= 0) {
@@ -181,6 +194,10 @@ bool connection_socket::has_ended() const {
     // A connection that was reset has no peer any more.
     return m_fd >= 0 && recv(m_fd, &next, sizeof(next), MSG_PEEK | MSG_DONTWAIT) == 0 &&
            port_of(m_fd, getpeername) != 0;
+}
+
+void connection_socket::send(std::string_view text) const {
+    ::send(m_fd, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
 }
 
 void connection_socket::close_gently(int patience_ms) const {

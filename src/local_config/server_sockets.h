@@ -11,6 +11,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <string_view>
 
 // From now on the calling thread gets `signal` for each connection that is made to the server,
 // whether or not the library has accepted it by then. (Readiness of the listener would be missed
@@ -29,10 +30,11 @@ void shut_down_server_sockets(uint16_t port);
 // the worker. Only once mg_stop has returned, and before the next server starts.
 void close_server_sockets(uint16_t port);
 
-// A connection of this process by its two ports; holds a second descriptor on it.
+// A connection of this process by its local port and its peer; holds a second descriptor on it.
 class connection_socket {
   public:
-    connection_socket(uint16_t local_port, uint16_t remote_port);
+    // `remote_address`: in digits, as the library gives it.
+    connection_socket(uint16_t local_port, const char* remote_address, uint16_t remote_port);
     ~connection_socket();
     connection_socket(const connection_socket&) = delete;
     connection_socket& operator=(const connection_socket&) = delete;
@@ -42,6 +44,8 @@ class connection_socket {
     // The stream has come to its end, all of it was read and nothing was lost: the peer closed its
     // sending side, or shut_down_server_sockets the receiving one.
     bool has_ended() const;
+    // A text short enough for an empty send buffer: what does not fit is not sent.
+    void send(std::string_view text) const;
     // Says that nothing more will be sent, drops what still arrives until the peer closes or
     // `patience_ms` is over, and then refuses the rest. Closing without it would make the peer lose
     // an answer that it has not read yet.

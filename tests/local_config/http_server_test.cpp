@@ -76,12 +76,13 @@ class Peer {
         ::send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
     void finish_sending() const { shutdown(m_fd, SHUT_WR); }
-    // All that comes until the server closes.
-    std::string receive() const {
+    // All that comes until the server closes, or so many bytes.
+    std::string receive(size_t most = SIZE_MAX) const {
         std::string answer;
         char bytes[4096];
-        for (ssize_t count = 0; (count = recv(m_fd, bytes, sizeof(bytes), 0)) > 0;) {
-            answer.append(bytes, static_cast<size_t>(count));
+        for (ssize_t count = 1; count > 0 && answer.size() < most;) {
+            count = recv(m_fd, bytes, std::min(sizeof(bytes), most - answer.size()), 0);
+            answer.append(bytes, static_cast<size_t>(std::max<ssize_t>(count, 0)));
         }
         return answer;
     }
@@ -262,6 +263,11 @@ TEST_F(HttpServer, BodyMayComeInPiecesAndIsReadAsFarAsItCame) {
         std::this_thread::sleep_for(5ms);
     }
     EXPECT_THAT(answer_to(slow), StartsWith(OK));
+    const Peer polite(m_port, request("POST", "/connect-to-nconnect",
+                                      "Content-Length: 10\r\nExpect: 100-continue\r\n"));
+    EXPECT_EQ(polite.receive(25), "HTTP/1.1 100 Continue\r\n\r\n");
+    polite.send("{        }");
+    EXPECT_THAT(answer_to(polite), StartsWith("HTTP/1.1 400 Bad Request"));
 
     const std::pair<std::string, const char*> cuts[] = {{SESSION, "200 OK"},
                                                         {SESSION.substr(0, 50), "400 Bad Request"}};
