@@ -27,12 +27,6 @@ sigset_t end_signals() {
     return signals;
 }
 
-Settings block_signals_and_load_settings() {
-    const sigset_t signals = end_signals();
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    return Settings::load();
-}
-
 }  // namespace
 
 Host& Host::instance() {
@@ -45,7 +39,7 @@ Host& Host::instance() {
 }
 
 Host::Host()
-    : m_settings(block_signals_and_load_settings()),
+    : m_settings(Settings::load()),
       m_messages(m_pool),
       m_source_switch(m_pool, m_messages, m_player),
       m_network(m_pool, m_settings.is_on(kHostAllowLoopback)),
@@ -99,6 +93,9 @@ void Host::start() {
         return;
     }
     m_started = true;
+    // Before there is a second thread, which would take them: they are for wait_for_end.
+    const sigset_t signals = end_signals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
     m_pool.start();
     m_dispatcher.start();
 }

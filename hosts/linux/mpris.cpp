@@ -16,7 +16,7 @@ constexpr char kRootInterface[] = "org.mpris.MediaPlayer2";
 constexpr char kPlayerInterface[] = "org.mpris.MediaPlayer2.Player";
 constexpr int64_t kUsPerMs = 1000;
 // The service reports its position once a second.
-constexpr std::chrono::milliseconds kSeekReportDelay{1000};
+constexpr std::chrono::milliseconds kReportDelay{1000};
 
 Mpris& self(void* userdata) {
     return *static_cast<Mpris*>(userdata);
@@ -367,16 +367,21 @@ void Mpris::command(const char* word) {
 
 // Two presses in quick succession undo each other, although the service has not reported yet.
 void Mpris::play_pause() {
+    const auto now = Player::Clock::now();
+    if (now >= m_expected_until) {
+        m_expected.reset();  // the service has refused
+    }
     const bool playing = m_expected.value_or(view().status) == android::PLAY_STATE_PLAYING;
     if (m_controls.command(playing ? "PAUSE" : "RESUME")) {
         m_expected = playing ? android::PLAY_STATE_PAUSED : android::PLAY_STATE_PLAYING;
+        m_expected_until = now + kReportDelay;
     }
 }
 
 void Mpris::seek(int64_t position_ms) {
     m_controls.seek(position_ms);
     m_seek_target_ms = position_ms;
-    m_seek_counts_until = Player::Clock::now() + kSeekReportDelay;
+    m_seek_counts_until = Player::Clock::now() + kReportDelay;
 }
 
 // Past the end means the next track. Steps in quick succession add up, although the service has not

@@ -42,8 +42,10 @@ class Mpris {
     void seek(int64_t position_ms);
 
     Controls& m_controls;
-    // After a play-pause key, until the service reports: what it has been asked to become.
+    // After a play-pause key, until the service reports or should have: what it has been asked to
+    // become.
     std::optional<android::EPlayState> m_expected;
+    Player::Clock::time_point m_expected_until;
 
     // Where the last seek went, and until when that counts as the position for a step from there.
     int64_t m_seek_target_ms = 0;

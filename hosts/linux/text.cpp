@@ -13,8 +13,19 @@ bool is_continuation(unsigned char byte) {
     return (byte & 0xC0U) == 0x80U;
 }
 
-// Bytes of the character at the front of `text` (not empty); 0 when it is not well formed.
-// Overlong forms, surrogates and numbers above U+10FFFF are not.
+// U+FDD0 to U+FDEF, and the last two of each plane: well formed, but a message bus takes none.
+bool is_noncharacter(std::string_view character) {
+    const bool ends_plane = character.ends_with("\xBF\xBE") || character.ends_with("\xBF\xBF");
+    if (character.size() == 3) {
+        return (character[0] == '\xEF' && character[1] == '\xBF' && ends_plane) ||
+               (character >= "\xEF\xB7\x90" && character <= "\xEF\xB7\xAF");
+    }
+    return character.size() == 4 && (static_cast<unsigned char>(character[1]) & 0x0FU) == 0x0F &&
+           ends_plane;
+}
+
+// Bytes of the character at the front of `text` (not empty); 0 when it is not well formed or must
+// not be sent. Overlong forms, surrogates and numbers above U+10FFFF are not well formed.
 size_t character_length(std::string_view text) {
     const auto byte = [&](size_t index) { return static_cast<unsigned char>(text[index]); };
     const unsigned char lead = byte(0);
@@ -33,7 +44,7 @@ size_t character_length(std::string_view text) {
     const unsigned char second = byte(1);
     const bool bad = (lead == 0xE0 && second < 0xA0) || (lead == 0xED && second > 0x9F) ||
                      (lead == 0xF0 && second < 0x90) || (lead == 0xF4 && second > 0x8F);
-    return bad ? 0 : length;
+    return bad || is_noncharacter(text.substr(0, length)) ? 0 : length;
 }
 
 bool is_control(char c) {

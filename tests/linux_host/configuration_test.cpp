@@ -190,12 +190,15 @@ TEST(BusAddress, SessionGoesBeforeSystemAndTheRunOfTheBusDoesNotMatter) {
 }
 
 TEST(Text, OnlyWellFormedUtf8GoesOut) {
-    const std::string good = "a\xC3\xBC\xE2\x82\xAC\xF0\x9F\x8E\xB5";
+    const std::string good = "a\xC3\xBC\xE2\x82\xAC\xEF\xBF\xBD\xF0\x9F\xBF\xBD";
     const std::string bad = "\xEF\xBF\xBD";
     EXPECT_EQ(to_utf8(good), good);
     EXPECT_EQ(to_utf8("\xC0\x80"), bad + bad);            // overlong
     EXPECT_EQ(to_utf8("\xED\xA0\x80"), bad + bad + bad);  // surrogate
     EXPECT_EQ(to_utf8("x\xE2\x82"), "x" + bad + bad);     // cut
+    for (const std::string none : {"\xEF\xBF\xBE", "\xEF\xB7\x90", "\xF0\x9F\xBF\xBF"}) {
+        EXPECT_EQ(to_utf8(none).find(none), std::string::npos) << "the bus takes no noncharacter";
+    }
     EXPECT_EQ(to_url("/a b/\xC3\xBC.png"), "file:///a%20b/%C3%BC.png");
     EXPECT_EQ(to_url("relative.jpg"), "");
     EXPECT_EQ(percent_decode("%41%4g%"), "A%4g%");
