@@ -25,7 +25,7 @@ std::shared_ptr<NuvioConnect> g_instance;
 thread_local bool t_ofTheBridge = false;  // the loop's thread and the command thread
 
 // What stopNuvioConnect needs to know of the threads.
-enum class LoopState { Absent, Starting, Running, Ended };
+enum class LoopState { Absent, Starting, Running };
 struct Threads {
     std::mutex mutex;
     std::condition_variable changed;
@@ -62,11 +62,17 @@ NuvioConnect& initInstance(uv_loop_t* loop) {
     return makeInstance();
 }
 
+// No thread, one line logged, when the system has none left: then no command is heard.
 std::jthread startCommandThread(NuvioConnect* bridge) {
-    return std::jthread([bridge](const std::stop_token& stop) {
-        t_ofTheBridge = true;
-        bridge->handleNuvioPlaybackEvents(stop);
-    });
+    try {
+        return std::jthread([bridge](const std::stop_token& stop) {
+            t_ofTheBridge = true;
+            bridge->handleNuvioPlaybackEvents(stop);
+        });
+    } catch (const std::system_error& error) {
+        syslog(LOG_ERR, "NuvioConnect: command thread not started: %s", error.what());
+        return {};
+    }
 }
 
 void onEndLoop(uv_async_t* handle) {
@@ -144,7 +150,7 @@ void nuvioConnectThreadFunction() {
     drainLoop(loop);
     t_ofTheBridge = false;
     const std::scoped_lock lock(g_threads.mutex);
-    g_threads.state = LoopState::Ended;
+    g_threads.state = LoopState::Absent;
     g_threads.changed.notify_all();
 }
 
@@ -186,7 +192,6 @@ void stopNuvioConnect() {
             uv_async_send(g_threads.end);
         }
         g_threads.changed.wait(lock, [] { return g_threads.state != LoopState::Running; });
-        g_threads.state = LoopState::Absent;
         g_threads.stopAsked = false;
     }
     destroyInstance();  // still there when the loop had nothing to do, or never ran

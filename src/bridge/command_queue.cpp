@@ -10,7 +10,7 @@
 
 namespace android {
 
-std::mutex NuvioConnect::s_queueMutex;
+FairMutex NuvioConnect::s_queueMutex;
 std::mutex NuvioConnect::s_entriesMutex;
 std::condition_variable_any NuvioConnect::s_queueCondition;
 
@@ -99,7 +99,8 @@ bool NuvioConnect::waitUnlessStopped(std::chrono::milliseconds duration) const {
     std::mutex mutex;
     std::condition_variable_any stopped;
     std::unique_lock lock(mutex);
-    return !stopped.wait_for(lock, m_stop, duration, [this] { return m_stop.stop_requested(); });
+    stopped.wait_for(lock, m_stop, duration, [] { return false; });
+    return !m_stop.stop_requested();
 }
 
 }  // namespace android

@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "advertising/avahi_advertiser.h"
+#include "bridge/fair_mutex.h"
 #include "bridge/loop_call.h"
 #include "device_info/device_info.h"
 #include "local_config/http_server.h"
@@ -39,13 +40,16 @@ namespace android {
 //
 // Locks       s_queueMutex is the turn to use the queue: the command thread holds it for a whole
 //             batch, SDK calls and waits included, and every other thread's post takes it first, so
-//             such a post waits for the end of the batch and joins the next one. It also guards the
-//             process's pointer to the bridge.
+//             such a post waits for the end of the batch and joins the next one: turns are taken in
+//             the order in which they were asked for. It also guards the process's pointer to the
+//             bridge.
 //             s_entriesMutex guards the queue's entries and is held for a few lines at a time. The
 //             loop's posts (and the command thread's own, should a service call back in place) take
 //             only this one: audio never waits for a batch. A batch is what was queued when it
 //             began, so the loop's posts also belong to the next one.
 //             Order: NetworkState::mutex, s_queueMutex, then s_entriesMutex or LoopCall's mutex.
+//             Below these are only locks that nothing is called under: of the threads' record, the
+//             listener's instance, the SDK and the platform.
 //
 // Asking the loop
 //             The renderer belongs to the loop's thread. For the playing track the command thread
@@ -76,7 +80,7 @@ class NuvioConnect {
     void reportVolume();
     void reportPlaybackStatus(int status);
 
-    static std::mutex s_queueMutex;
+    static FairMutex s_queueMutex;
 
   private:
     using Action = nuv_error (NuvioConnect::*)();
@@ -200,9 +204,9 @@ class NuvioConnect {
     int m_iNuvioVolume = 0;
     uint32_t m_seekPosition = 0;  // ms
 
-    std::atomic<bool> m_sourceSwitched{
-        false};              // another source took the output, nothing played since
-    std::stop_token m_stop;  // command thread
+    bool m_sourceSwitched = false;  // command thread: another source took the output, nothing
+                                    // played since
+    std::stop_token m_stop;         // command thread
     std::unique_ptr<LoopCall> m_loopCall;
     Teardown m_teardown;
 };

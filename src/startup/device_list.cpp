@@ -11,8 +11,11 @@
 
 #include "media/sink/alsa/alsa_utilities.h"
 #include "platform/Environment.h"
+#include "startup/device_settings.h"
 
 namespace {
+
+using namespace android;
 
 struct FreeText {
     void operator()(char* text) const { std::free(text); }
@@ -66,7 +69,7 @@ std::vector<std::string> mixerDevices() {
     std::string configured;
     GetEnvItemByName(KFeatureNuvioConnectVolume_Device, configured);
     add(configured);
-    add("default");
+    add(kDefaultVolumeDevice);
     int card = -1;
     while (snd_card_next(&card) == 0 && card >= 0) {
         add("hw:" + std::to_string(card));
@@ -76,18 +79,13 @@ std::vector<std::string> mixerDevices() {
 
 // What the service can set is marked; the rest is there for the search.
 size_t listElements(const std::string& device) {
-    snd_mixer_t* opened = nullptr;
-    if (snd_mixer_open(&opened, 0) < 0) {
-        return 0;
-    }
-    const mixer_ptr mixer(opened);
-    if (snd_mixer_attach(opened, device.c_str()) < 0 ||
-        snd_mixer_selem_register(opened, nullptr, nullptr) < 0 || snd_mixer_load(opened) < 0) {
+    mixer_ptr mixer;
+    if (open_simple_mixer(mixer, device.c_str()) < 0) {
         return 0;
     }
     std::printf("  %s\n", device.c_str());
     size_t count = 0;
-    for (snd_mixer_elem_t* element = snd_mixer_first_elem(opened); element != nullptr;
+    for (snd_mixer_elem_t* element = snd_mixer_first_elem(mixer.get()); element != nullptr;
          element = snd_mixer_elem_next(element)) {
         if (snd_mixer_selem_has_playback_volume(element) != 1) {
             continue;
@@ -110,12 +108,10 @@ size_t listMixers() {
     return count;
 }
 
-void saySilently(const char*, int, const char*, int, const char*, ...) {}
-
 }  // namespace
 
 int listDevices() {
-    snd_lib_error_set_handler(saySilently);
+    silence_alsa();
     const size_t pcms = listPcms();
     const size_t elements = listMixers();
     if (pcms + elements == 0) {

@@ -15,12 +15,6 @@ namespace {
 
 constexpr size_t kMacAddressLength = 17;  // six pairs of digits, colons between
 
-std::string envItem(const char* key) {
-    std::string value;
-    GetEnvItemByName(key, value);
-    return value;
-}
-
 std::string orDefault(const std::string& value, const char* fallback) {
     return value.empty() ? fallback : value;
 }
@@ -69,23 +63,29 @@ std::string randomSerialNumber() {
 
 }  // namespace
 
+std::string envItem(const char* key, const char* fallback) {
+    std::string value;
+    GetEnvItemByName(key, value);
+    return orDefault(value, fallback);
+}
+
 std::optional<std::vector<std::string>> gatherDeviceInfo(KORAHelper& kora,
                                                          const char* wifiAddressPath) {
     std::vector<std::string> info(DEVICE_INFO_COUNT);
     info[DEVICE_INFO_DEVICE_NAME] = readFriendlyName(kora);
     std::string serialNumber = readSerialNumber(wifiAddressPath);
-    info[DEVICE_INFO_OUTPUT_DEVICE] = orDefault(envItem(kALSAOutputDeviceName), "default");
+    info[DEVICE_INFO_OUTPUT_DEVICE] = envItem(kALSAOutputDeviceName, kDefaultOutputDevice);
     info[DEVICE_INFO_MANUFACTURER] =
         identity(getManufacturer, "Vanta Wireless Technologies", "Vanta Wireless Technologies");
     info[DEVICE_INFO_MODEL] = identity(getModel, "VantaSync", "Alexa_Vanta");
     info[DEVICE_INFO_LOG_LEVEL] = envItem(KFeatureNuvioConnectLog);
-    info[DEVICE_INFO_HTTP_PORT] = orDefault(envItem(KFeatureNuvioConnectHttpPort), "8000");
+    info[DEVICE_INFO_HTTP_PORT] = envItem(KFeatureNuvioConnectHttpPort, kDefaultHttpPort);
     info[DEVICE_INFO_APP_ID] = envItem(KFeatureNuvioConnectApp_id);
     info[DEVICE_INFO_APP_SECRET] = envItem(KFeatureNuvioConnectApp_secret);
     info[DEVICE_INFO_VOLUME_ELEMENT] =
-        orDefault(envItem(KFeatureNuvioConnectVolume_Element), "Master");
+        envItem(KFeatureNuvioConnectVolume_Element, kDefaultVolumeElement);
     info[DEVICE_INFO_VOLUME_DEVICE] =
-        orDefault(envItem(KFeatureNuvioConnectVolume_Device), "default");
+        envItem(KFeatureNuvioConnectVolume_Device, kDefaultVolumeDevice);
 
     if (info[DEVICE_INFO_APP_ID].empty() || info[DEVICE_INFO_APP_SECRET].empty()) {
         syslog(LOG_ERR, "NuvioKora: APPID or Appsecret is empty");

@@ -21,8 +21,11 @@
 
 #include "media/sink/alsa/alsa_utilities.h"
 #include "platform/Environment.h"
+#include "startup/device_settings.h"
 
 namespace {
+
+using namespace android;
 
 constexpr char kSettings[] = "settings";
 constexpr char kOutput[] = "output";
@@ -44,12 +47,6 @@ Finding bad(const char* subject, std::string text) {
     return {subject, false, std::move(text)};
 }
 
-std::string item(const char* key, const char* fallback) {
-    std::string value;
-    GetEnvItemByName(key, value);
-    return value.empty() ? fallback : value;
-}
-
 std::string quoted(const std::string& name) {
     return "'" + name + "'";
 }
@@ -57,17 +54,17 @@ std::string quoted(const std::string& name) {
 // ---- Settings -------------------------------------------------------------------------------
 
 Finding checkSettings() {
-    if (std::strtol(item(kFeatureNuvioConnect, "").c_str(), nullptr, 10) == 0) {
+    if (std::strtol(envItem(kFeatureNuvioConnect).c_str(), nullptr, 10) == 0) {
         return bad(kSettings, std::string("the service is off: set ") + kFeatureNuvioConnect +
                                   " = 1 in the settings file");
     }
     for (const char* key : {KFeatureNuvioConnectApp_id, KFeatureNuvioConnectApp_secret}) {
-        if (item(key, "").empty()) {
+        if (envItem(key).empty()) {
             return bad(kSettings, std::string(key) +
                                       " is not set: put in what the streaming service gave you");
         }
     }
-    const std::string port = item(KFeatureNuvioConnectHttpPort, "8000");
+    const std::string port = envItem(KFeatureNuvioConnectHttpPort, kDefaultHttpPort);
     const long number = std::strtol(port.c_str(), nullptr, 10);
     if (number < 1 || number > 65535) {
         return bad(kSettings, std::string(KFeatureNuvioConnectHttpPort) + " = " + port +
@@ -153,7 +150,7 @@ bool canBeWaitedFor(snd_pcm_t* pcm) {
 }
 
 Finding checkOutput() {
-    const std::string device = item(kALSAOutputDeviceName, "default");
+    const std::string device = envItem(kALSAOutputDeviceName, kDefaultOutputDevice);
     const std::string named = std::string(kALSAOutputDeviceName) + " " + quoted(device);
     snd_pcm_t* opened = nullptr;
     // Never waits for one that is in use.
@@ -176,30 +173,19 @@ Finding checkOutput() {
 // ---- Mixer ----------------------------------------------------------------------------------
 
 Finding checkMixer() {
-    const std::string device = item(KFeatureNuvioConnectVolume_Device, "default");
-    const std::string name = item(KFeatureNuvioConnectVolume_Element, "Master");
+    const std::string device = envItem(KFeatureNuvioConnectVolume_Device, kDefaultVolumeDevice);
+    const std::string name = envItem(KFeatureNuvioConnectVolume_Element, kDefaultVolumeElement);
     const std::string choose = std::string(": set another ") + KFeatureNuvioConnectVolume_Element +
                                "; 'nuvio-connect --list-devices' shows those there are";
-    snd_mixer_t* opened = nullptr;
-    int error = snd_mixer_open(&opened, 0);
-    if (error < 0) {
-        return bad(kMixer, std::string(snd_strerror(error)));
-    }
-    const mixer_ptr mixer(opened);
-    error = snd_mixer_attach(opened, device.c_str());
-    if (error >= 0) {
-        error = snd_mixer_selem_register(opened, nullptr, nullptr);
-    }
-    if (error >= 0) {
-        error = snd_mixer_load(opened);
-    }
+    mixer_ptr mixer;
+    const int error = open_simple_mixer(mixer, device.c_str());
     if (error < 0) {
         return bad(kMixer, std::string(KFeatureNuvioConnectVolume_Device) + " " + quoted(device) +
                                ": " + snd_strerror(error) + ": set the card's name, such as hw:0");
     }
     const selem_id_ptr id = new_selem_id();
     snd_mixer_selem_id_set_name(id.get(), name.c_str());
-    snd_mixer_elem_t* element = snd_mixer_find_selem(opened, id.get());
+    snd_mixer_elem_t* element = snd_mixer_find_selem(mixer.get(), id.get());
     const std::string named = quoted(name) + " of " + quoted(device);
     if (element == nullptr) {
         return bad(kMixer, "there is no element " + named + choose);
@@ -276,19 +262,16 @@ Finding checkAvahi() {
 bool report(const Finding& finding) {
     std::printf("%-4s  %-8s  %s\n", finding.ok ? "ok" : "FAIL", finding.subject,
                 finding.text.c_str());
+    std::fflush(stdout);  // the next check may hang
     return finding.ok;
 }
-
-// ALSA explains its errors on standard error unless told otherwise; the findings say it all.
-void saySilently(const char*, int, const char*, int, const char*, ...) {}
 
 }  // namespace
 
 int runSelfCheck() {
-    snd_lib_error_set_handler(saySilently);
-    const std::array findings = {checkSettings(), checkOutput(), checkMixer(), checkBus(),
-                                 checkAvahi()};
+    silence_alsa();  // the findings say it all
+    constexpr std::array kChecks = {checkSettings, checkOutput, checkMixer, checkBus, checkAvahi};
     const auto failed =
-        std::ranges::count_if(findings, [](const Finding& one) { return !report(one); });
+        std::ranges::count_if(kChecks, [](Finding (*check)()) { return !report(check()); });
     return failed == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }

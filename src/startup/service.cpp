@@ -1,6 +1,7 @@
 #include "startup/service.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -18,6 +19,7 @@ namespace {
 using namespace android;
 
 constexpr int kStartUpPriority = -16;
+constexpr unsigned kShutDownLimitS = 8;  // a service manager's patience is 10 s
 
 bool isEnabled() {
     std::string item;
@@ -34,15 +36,18 @@ bool startStartUpThread(const sp<NuvioConnectStart>& start) {
     return result == 0;
 }
 
-// No notification arrives any more, but one may still be waiting for its turn to post, the network
-// state's lock in hand; so the bridge's command thread is told first.
+// One notification may still be waiting for its turn to post, the network state's lock in hand; so
+// the bridge's command thread is told first. A bus or a card that never answers can hold the loop's
+// thread for ever: then the signal ends the process.
 void shutDown(sp<NuvioConnectStart>& start) {
+    alarm(kShutDownLimitS);
     requestStopNuvioConnect();
     start->stopStartUp();
     stopNuvioConnect();
     start.clear();
     NuvioConnectStart::ReleaseInstance();
     NuvioSSListener::releaseInstance();
+    alarm(0);
 }
 
 }  // namespace

@@ -198,6 +198,32 @@ TEST_F(Bridge, PostsMadeDuringABatchWaitForItAndJoinTheNext) {
                                                "next_track", "next_track"));
 }
 
+// The loop's posts make the next batch ready before this one ends; a waiting post is taken in all
+// the same.
+TEST_F(Bridge, APostOfThePlatformGoesBeforeABatchOfTheLoops) {
+    static std::atomic<bool> loop_posts;
+    loop_posts = false;
+    fake_modules::state()->on_tick = [] {
+        if (loop_posts) {
+            host_report_volume();
+        }
+    };
+    startBridge();
+    postEventTo_Nuvio("DEVICENAME:Den");
+    ASSERT_TRUE(captured_log::wait_for("[DEVICENAME] Waiting 500ms before update\n"));
+    loop_posts = true;
+    std::thread poster([] { postEventTo_Nuvio("NEXT"); });
+    ASSERT_TRUE(captured_log::wait_for("Received event = NEXT"));
+    poster.join();
+    process({});
+    const Lines lines = captured_log::lines_with("vent = ");
+    const auto first = [&lines](const std::string& text) {
+        return std::ranges::find_if(
+            lines, [&text](const std::string& line) { return line.find(text) != line.npos; });
+    };
+    EXPECT_LT(first("Pushed event = NEXT"), first("Processing event = VOLUME_STATUS"));
+}
+
 TEST_F(Bridge, AStopCutsTheRenameShortAndDropsWhatIsQueued) {
     fake_sdk::on_call([](const std::string& call) {
         if (call == "pause_playback") {  // on the command thread, so both are in the next batch

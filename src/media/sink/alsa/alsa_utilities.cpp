@@ -36,6 +36,8 @@ poll_descriptors query_poll_descriptors(Handle* handle, const char* owner,
     return {std::move(entries), expected};
 }
 
+void say_nothing(const char*, int, const char*, int, const char*, ...) {}
+
 }  // namespace
 
 hw_params_ptr new_hw_params() {
@@ -67,6 +69,31 @@ int open_playback_pcm(pcm_ptr& pcm, const char* device) {
     }
     pcm.reset(opened);
     return 0;
+}
+
+int open_simple_mixer(mixer_ptr& mixer, const char* device) {
+    snd_mixer_t* opened = nullptr;
+    int rc = snd_mixer_open(&opened, 0);
+    if (rc < 0) {
+        return rc;
+    }
+    mixer_ptr owner(opened);
+    rc = snd_mixer_attach(opened, device);
+    if (rc >= 0) {
+        rc = snd_mixer_selem_register(opened, nullptr, nullptr);
+    }
+    if (rc >= 0) {
+        rc = snd_mixer_load(opened);
+    }
+    if (rc < 0) {
+        return rc;
+    }
+    mixer = std::move(owner);
+    return 0;
+}
+
+void silence_alsa() {
+    snd_lib_error_set_handler(say_nothing);
 }
 
 void log_alsa_error(int error, const char* what, ...) {

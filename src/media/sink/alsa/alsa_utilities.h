@@ -39,6 +39,12 @@ selem_id_ptr new_selem_id();
 // Opens a playback PCM in blocking mode: 0, or ALSA's error with `pcm` left alone.
 int open_playback_pcm(pcm_ptr& pcm, const char* device);
 
+// Opens the mixer of a device with its simple elements: 0, or ALSA's error with `mixer` left alone.
+int open_simple_mixer(mixer_ptr& mixer, const char* device);
+
+// ALSA explains its errors on standard error unless told otherwise. For the whole process.
+void silence_alsa();
+
 // Logs the formatted text at ERROR, followed by ALSA's text and number for the error:
 // "<text>: No such device (-19)".
 [[gnu::format(printf, 2, 3)]] void log_alsa_error(int error, const char* what, ...);
