@@ -16,23 +16,16 @@
 #include "advertising/avahi_libuv_poll.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
+#include "utility/released_by.h"
 #include "utility/uv_utilities.h"
 
 namespace {
 
-template <auto Free>
-struct freed_by {
-    template <typename T>
-    void operator()(T* object) const {
-        Free(object);
-    }
-};
-
-using avahi_text = std::unique_ptr<char, freed_by<avahi_free>>;
-using client_ptr = std::unique_ptr<AvahiClient, freed_by<avahi_client_free>>;
-using group_ptr = std::unique_ptr<AvahiEntryGroup, freed_by<avahi_entry_group_free>>;
-using poll_ptr = std::unique_ptr<avahi_libuv_poll, freed_by<avahi_libuv_poll_free>>;
-using timer_ptr = std::unique_ptr<uv_timer_t, freed_by<uv_timer_free>>;
+using avahi_text = std::unique_ptr<char, released_by<avahi_free>>;
+using client_ptr = std::unique_ptr<AvahiClient, released_by<avahi_client_free>>;
+using group_ptr = std::unique_ptr<AvahiEntryGroup, released_by<avahi_entry_group_free>>;
+using poll_ptr = std::unique_ptr<avahi_libuv_poll, released_by<avahi_libuv_poll_free>>;
+using timer_ptr = std::unique_ptr<uv_timer_t, released_by<uv_timer_free>>;
 
 }  // namespace
 

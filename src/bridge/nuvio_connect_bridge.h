@@ -25,6 +25,7 @@
 #include "sdk/nuvio_connect.h"
 #include "startup/nuvio_ss_listener.h"
 #include "startup/track_info.h"
+#include "utility/released_by.h"
 
 namespace android {
 
@@ -88,20 +89,13 @@ class NuvioConnect {
 
     // Owns what the initialisation makes. The fields below borrow from it.
     struct Teardown {
-        template <auto Free>
-        struct Deleter {
-            template <typename T>
-            void operator()(T* object) const {
-                Free(object);
-            }
-        };
         uv_loop_t* loop = nullptr;
-        std::unique_ptr<device_info, Deleter<device_info_free>> deviceInfo;
-        std::unique_ptr<audio_renderer, Deleter<audio_renderer_free>> renderer;
-        std::unique_ptr<http_server, Deleter<http_server_free>> httpServer;
-        std::unique_ptr<avahi_advertiser, Deleter<avahi_advertiser_free>> advertiser;
+        std::unique_ptr<device_info, released_by<device_info_free>> deviceInfo;
+        std::unique_ptr<audio_renderer, released_by<audio_renderer_free>> renderer;
+        std::unique_ptr<http_server, released_by<http_server_free>> httpServer;
+        std::unique_ptr<avahi_advertiser, released_by<avahi_advertiser_free>> advertiser;
         uv_async_t* wakeUp = nullptr;
-        std::unique_ptr<nuv_connect, Deleter<nuv_connect_free>> core;
+        std::unique_ptr<nuv_connect, released_by<nuv_connect_free>> core;
     };
 
     // ---- Life: initialisation.cpp

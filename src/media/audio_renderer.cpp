@@ -17,21 +17,23 @@ const char* bool_text(bool value) {
     return value ? "true" : "false";
 }
 
-audio_renderer* renderer_of(void* context) {
+audio_renderer* renderer_of(void* context, const char* caller = __builtin_FUNCTION()) {
     auto* self = static_cast<audio_renderer*>(context);
-    NUV_CHECK(self != NULL);
+    NUV_CHECK_OF(caller, self != NULL);
     return self;
 }
 
-audio_renderer* renderer_of(void* context, const nuv_connect* core) {
-    audio_renderer* self = renderer_of(context);
-    NUV_CHECK(core == self->core);
+audio_renderer* renderer_of(void* context, const nuv_connect* core,
+                            const char* caller = __builtin_FUNCTION()) {
+    audio_renderer* self = renderer_of(context, caller);
+    NUV_CHECK_OF(caller, core == self->core);
     return self;
 }
 
-audio_renderer* renderer_of(void* context, const audio_sink* sink) {
-    audio_renderer* self = renderer_of(context);
-    NUV_CHECK(sink == self->sink.get());
+audio_renderer* renderer_of(void* context, const audio_sink* sink,
+                            const char* caller = __builtin_FUNCTION()) {
+    audio_renderer* self = renderer_of(context, caller);
+    NUV_CHECK_OF(caller, sink == self->sink.get());
     return self;
 }
 
@@ -46,15 +48,6 @@ bool is_allowed(const audio_renderer* self, const char* call,
     app_log(LOG_LEVEL_ERROR, "Ignoring %s: not allowed while %s", call,
             audio_renderer_state_name(self->state));
     return false;
-}
-
-// `what` completes the line "Failed to notify Nuvio Connect of ...".
-bool check_notified(nuv_error error, const char* what) {
-    if (error != NUV_ERROR_OK) {
-        app_log(LOG_LEVEL_ERROR, "Failed to notify Nuvio Connect of %s: %s", what,
-                nuv_error_to_string(error));
-    }
-    return error == NUV_ERROR_OK;
 }
 
 void push_volume(audio_renderer* self, uint32_t volume) {
@@ -104,8 +97,8 @@ bool prepare_active_source(audio_renderer* self) {
 bool enter_initial_state(audio_renderer* self, nuv_playback_state initial_state) {
     switch (initial_state) {
         case NUV_PLAYBACK_STATE_PLAYING:
-            audio_source_resume(self->playing_source);
             self->state = AUDIO_RENDERER_STATE_PLAYING;
+            audio_source_resume(self->playing_source);
             return true;
         case NUV_PLAYBACK_STATE_PAUSED:
             self->state = AUDIO_RENDERER_STATE_PAUSED;
@@ -121,8 +114,8 @@ bool enter_initial_state(audio_renderer* self, nuv_playback_state initial_state)
 
 bool notify_initiated(audio_renderer* self) {
     const nuv_audio_format format = *audio_source_get_format(self->playing_source);
-    return check_notified(nuv_connect_notify_playback_initiated(self->core, format),
-                          "initiating playback");
+    return audio_renderer_check_notified(nuv_connect_notify_playback_initiated(self->core, format),
+                                         "initiating playback");
 }
 
 void audio_renderer_initiate_playback(nuv_connect* core, nuv_playback_state initial_state,
@@ -139,8 +132,14 @@ void audio_renderer_initiate_playback(nuv_connect* core, nuv_playback_state init
         refuse_initiation(self);
         return;
     }
-    if (!prepare_active_source(self) || !enter_initial_state(self, initial_state) ||
-        !notify_initiated(self)) {
+    if (!prepare_active_source(self) || !enter_initial_state(self, initial_state)) {
+        audio_renderer_stop_and_report_playback_error(self);
+        return;
+    }
+    if (self->state == AUDIO_RENDERER_STATE_STOPPED) {
+        return;  // data came at once, and the failure to play it has been reported
+    }
+    if (!notify_initiated(self)) {
         audio_renderer_stop_and_report_playback_error(self);
         return;
     }
@@ -158,7 +157,7 @@ void audio_renderer_pause_playback(nuv_connect* core, void* renderer) {
     audio_source_pause(self->playing_source);
     audio_renderer_pause_timers(self);
     self->state = AUDIO_RENDERER_STATE_PAUSED;
-    check_notified(nuv_connect_notify_playback_paused(core), "playback pausing");
+    audio_renderer_check_notified(nuv_connect_notify_playback_paused(core), "playback pausing");
 }
 
 void audio_renderer_resume_playback(nuv_connect* core, void* renderer) {
@@ -168,10 +167,13 @@ void audio_renderer_resume_playback(nuv_connect* core, void* renderer) {
     }
     app_log(LOG_LEVEL_INFO, "Resuming playback");
     playback_paused = false;
-    audio_source_resume(self->playing_source);
-    audio_renderer_resume_timers(self);
     self->state = AUDIO_RENDERER_STATE_PLAYING;
-    check_notified(nuv_connect_notify_playback_resumed(core), "playback resuming");
+    audio_renderer_resume_timers(self);
+    audio_source_resume(self->playing_source);
+    if (self->state == AUDIO_RENDERER_STATE_STOPPED) {
+        return;  // as above
+    }
+    audio_renderer_check_notified(nuv_connect_notify_playback_resumed(core), "playback resuming");
 }
 
 void audio_renderer_stop_playback(nuv_connect* core, void* renderer) {
@@ -183,7 +185,7 @@ void audio_renderer_stop_playback(nuv_connect* core, void* renderer) {
     }
     app_log(LOG_LEVEL_INFO, "Stopping playback");
     audio_renderer_do_stop_playback(self);
-    check_notified(nuv_connect_notify_playback_stopped(core), "playback stopping");
+    audio_renderer_check_notified(nuv_connect_notify_playback_stopped(core), "playback stopping");
 }
 
 // A seek is for the track that plays. During a hand-over that is still the active source, and the
@@ -397,6 +399,14 @@ void audio_renderer_on_audio_sink_mute_state_changed(audio_sink* sink, bool mute
 
 // ---- Shared steps ------------------------------------------------------------------------------
 
+bool audio_renderer_check_notified(nuv_error error, const char* what) {
+    if (error != NUV_ERROR_OK) {
+        app_log(LOG_LEVEL_ERROR, "Failed to notify Nuvio Connect of %s: %s", what,
+                nuv_error_to_string(error));
+    }
+    return error == NUV_ERROR_OK;
+}
+
 const char* audio_renderer_state_name(audio_renderer_state state) {
     switch (state) {
         case AUDIO_RENDERER_STATE_STOPPED:
@@ -428,7 +438,7 @@ void audio_renderer_do_stop_playback(audio_renderer* self) {
 void audio_renderer_stop_and_report_playback_error(audio_renderer* self) {
     playback_paused = false;
     audio_renderer_do_stop_playback(self);
-    check_notified(nuv_connect_notify_playback_error(self->core), "playback error");
+    audio_renderer_check_notified(nuv_connect_notify_playback_error(self->core), "playback error");
 }
 
 void audio_renderer_report_playback_status(nuv_connect* core) {

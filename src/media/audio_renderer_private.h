@@ -14,6 +14,7 @@
 #include "media/audio_renderer.h"
 #include "media/sink/alsa/alsa_audio_sink.h"
 #include "media/source/audio_source_manager.h"
+#include "utility/released_by.h"
 #include "utility/uv_utilities.h"
 
 enum audio_renderer_state : uint32_t {
@@ -24,13 +25,6 @@ enum audio_renderer_state : uint32_t {
     AUDIO_RENDERER_STATE_PAUSED_SEEKING = 4
 };
 
-template <auto release>
-struct released_by {
-    template <typename T>
-    void operator()(T* object) const {
-        release(object);
-    }
-};
 using source_manager_ptr =
     std::unique_ptr<audio_source_manager, released_by<audio_source_manager_free>>;
 using sink_ptr = std::unique_ptr<audio_sink, released_by<audio_sink_free>>;
@@ -64,6 +58,8 @@ extern int32_t last_reported_position_ms;  // low 32 bits of what the host was t
 const char* audio_renderer_state_name(audio_renderer_state state);
 // Closes the sink and lets go of the playing source. Tells nobody.
 void audio_renderer_do_stop_playback(audio_renderer* self);
+// `what` completes the line "Failed to notify Nuvio Connect of ..."; true when it was taken.
+bool audio_renderer_check_notified(nuv_error error, const char* what);
 // The error stop: stops and tells the SDK that playback failed.
 void audio_renderer_stop_and_report_playback_error(audio_renderer* self);
 // Passes the SDK's playback state on to the host.

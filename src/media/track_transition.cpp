@@ -37,13 +37,19 @@ bool is_playing_or_paused(const audio_renderer* self) {
            self->state == AUDIO_RENDERER_STATE_PAUSED;
 }
 
+// libuv counts from the time at which its pass began, and something may have blocked since.
+void start_from_now(const pausable_timer_ptr& timer, uv_timer_cb callback, uint64_t timeout_ms) {
+    uv_update_time(timer->timer.loop);
+    uv_pausable_timer_start(timer.get(), callback, timeout_ms, 0);
+}
+
 void schedule_playback_nearly_finished_timer(audio_renderer* self) {
     const uint64_t buffered = audio_renderer_get_buffered_duration(self);
     const uint64_t lead =
         buffered > nearly_finished_lead_ms ? buffered - nearly_finished_lead_ms : 0;
     app_log(LOG_LEVEL_DEBUG, "Scheduling playback nearly finished timer: %llums", printable(lead));
-    uv_pausable_timer_start(self->playback_nearly_finished_timer.get(),
-                            audio_renderer_on_playback_nearly_finished_timer_timeout, lead, 0);
+    start_from_now(self->playback_nearly_finished_timer,
+                   audio_renderer_on_playback_nearly_finished_timer_timeout, lead);
 }
 
 // Whether the nearly-finished point has been passed and the finished point has not.
@@ -64,11 +70,12 @@ bool is_in_hand_over_interval(const audio_renderer* self) {
 }
 
 // Null, with a log line, when a timer fires while nothing plays.
-audio_renderer* playing_renderer_of(uv_timer_t* timer, const char* point) {
-    NUV_CHECK(timer != NULL);
+audio_renderer* playing_renderer_of(uv_timer_t* timer, const char* point,
+                                    const char* caller = __builtin_FUNCTION()) {
+    NUV_CHECK_OF(caller, timer != NULL);
     auto* self = static_cast<audio_renderer*>(
         uv_handle_get_data(reinterpret_cast<const uv_handle_t*>(timer)));
-    NUV_CHECK(self != NULL);
+    NUV_CHECK_OF(caller, self != NULL);
     if (self->state != AUDIO_RENDERER_STATE_PLAYING) {
         app_log(LOG_LEVEL_ERROR, "Playback is %s while %s, ignoring it", point,
                 audio_renderer_state_name(self->state));
@@ -88,15 +95,10 @@ void end_playback(audio_renderer* self) {
     audio_renderer_do_stop_playback(self);
 }
 
-// Returns false when the SDK did not take the notification, which has been logged then.
-bool notify_next_track_initiated(audio_renderer* self, const audio_source* next, const char* way) {
-    const nuv_error error =
-        nuv_connect_notify_playback_initiated(self->core, *audio_source_get_format(next));
-    if (error != NUV_ERROR_OK) {
-        app_log(LOG_LEVEL_ERROR, "Failed to notify Nuvio Connect of initiating playback (%s): %s",
-                way, nuv_error_to_string(error));
-    }
-    return error == NUV_ERROR_OK;
+// `what` is for the log, should the SDK not take the notification; false then.
+bool notify_next_track_initiated(audio_renderer* self, const audio_source* next, const char* what) {
+    return audio_renderer_check_notified(
+        nuv_connect_notify_playback_initiated(self->core, *audio_source_get_format(next)), what);
 }
 
 void change_track_with_new_format(audio_renderer* self, audio_source* next) {
@@ -108,7 +110,7 @@ void change_track_with_new_format(audio_renderer* self, audio_source* next) {
         return;
     }
     start_playing(self, next);
-    notify_next_track_initiated(self, next, "not gapless");
+    notify_next_track_initiated(self, next, "initiating playback (not gapless)");
 }
 
 void change_track_gaplessly(audio_renderer* self, audio_source* next) {
@@ -116,7 +118,7 @@ void change_track_gaplessly(audio_renderer* self, audio_source* next) {
     if (self->playing_source != next) {
         start_playing(self, next);
     }
-    if (!notify_next_track_initiated(self, next, "gapless")) {
+    if (!notify_next_track_initiated(self, next, "initiating playback (gapless)")) {
         return;
     }
     if (is_finished(next)) {
@@ -174,8 +176,8 @@ void audio_renderer_on_audio_source_state_changed(audio_source* source,
 void audio_renderer_schedule_playback_finished_timer(audio_renderer* self) {
     const uint64_t buffered = audio_renderer_get_buffered_duration(self);
     app_log(LOG_LEVEL_DEBUG, "Scheduling playback finished timer for: %llums", printable(buffered));
-    uv_pausable_timer_start(self->playback_finished_timer.get(),
-                            audio_renderer_on_playback_finished_timer_timeout, buffered, 0);
+    start_from_now(self->playback_finished_timer, audio_renderer_on_playback_finished_timer_timeout,
+                   buffered);
 }
 
 void audio_renderer_schedule_overdue_end_of_track(audio_renderer* self) {
@@ -241,10 +243,9 @@ void audio_renderer_on_playback_finished_timer_timeout(uv_timer_t* timer) {
     app_log(LOG_LEVEL_INFO, "Playback has finished");
     audio_renderer_report_playback_status(self->core);
     audio_source* next = next_source_of(self);
-    const nuv_error error = nuv_connect_notify_playback_finished(self->core, next == nullptr);
-    if (error != NUV_ERROR_OK) {
-        app_log(LOG_LEVEL_ERROR, "Failed to notify Nuvio Connect of playback finishing: %s",
-                nuv_error_to_string(error));
+    if (!audio_renderer_check_notified(
+            nuv_connect_notify_playback_finished(self->core, next == nullptr),
+            "playback finishing")) {
         return;
     }
     if (next == nullptr) {

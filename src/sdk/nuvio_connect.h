@@ -15,7 +15,7 @@
  *
  * Ownership
  *   Texts passed in are copied unless said otherwise; texts handed out belong to the core and stay
- *   valid as said at each call.
+ *   valid as said at each call. What a delegate is passed is valid during its call only.
  *
  * Units
  *   Positions and durations are milliseconds, volumes percent (0 to 100), sizes bytes.
@@ -126,8 +126,11 @@ typedef struct nuv_audio_stream_delegate {
                    void* context);
     void (*metadata)(nuv_connect* core, uint64_t stream_id, const nuv_stream_metadata* metadata,
                      void* context);
+    /* All of the stream has been offered and taken. */
     void (*finished)(nuv_connect* core, uint64_t stream_id, void* context);
+    /* A seek is over: what is offered from now on begins at the position. */
     void (*seeked)(nuv_connect* core, uint64_t stream_id, uint64_t position_ms, void* context);
+    /* The stream is no more: its id and its texts are dead once this returns. */
     void (*dispose)(nuv_connect* core, uint64_t stream_id, void* context);
 } nuv_audio_stream_delegate;
 

@@ -10,9 +10,15 @@
                                int line);
 
 // Always on, release builds included. Write null checks with NULL: the text is part of the line.
-#define NUV_CHECK(condition)                                             \
-    do {                                                                 \
-        if (!(condition)) [[unlikely]] {                                 \
-            check_failed(__func__, #condition, __FILE_NAME__, __LINE__); \
-        }                                                                \
+#define NUV_CHECK(condition) NUV_CHECK_TEXT(__func__, condition, #condition)
+
+// For a helper that checks what its caller was given: names the caller.
+#define NUV_CHECK_OF(function, condition) NUV_CHECK_TEXT(function, condition, #condition)
+
+// The text is made before NULL is expanded.
+#define NUV_CHECK_TEXT(function, condition, text)                  \
+    do {                                                           \
+        if (!(condition)) [[unlikely]] {                           \
+            check_failed(function, text, __FILE_NAME__, __LINE__); \
+        }                                                          \
     } while (false)

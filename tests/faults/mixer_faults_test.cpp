@@ -180,7 +180,7 @@ TEST_F(MixerFaults, ElementWithoutVolumeOrSwitchIsNoControl) {
 }
 
 // Three attempts without the card are three playback errors; with the card back the old volume is.
-TEST_F(MixerFaults, CardThatComesBackPlaysWithTheVolumeItHad) {
+TEST_F(MixerFaults, CardThatComesBackPlaysWithTheVolumeSetLast) {
     Card card = make_card(settings());
     make_renderer();
     sdk_sets(20, true);
@@ -193,11 +193,12 @@ TEST_F(MixerFaults, CardThatComesBackPlaysWithTheVolumeItHad) {
         run(sdk);
         EXPECT_EQ(sdk.errors(), 1U);
     }
+    sdk_sets(40, true);  // while it is away
     card.set_volume(255);
     card.set_switch(true);
     card.plug_in();
     expect_heard(card, [&] {
-        EXPECT_EQ(card.volume(), 51);
+        EXPECT_EQ(card.volume(), 102);
         EXPECT_FALSE(card.switch_on());
         EXPECT_EQ(control(card), both);
     });

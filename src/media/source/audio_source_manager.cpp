@@ -22,10 +22,11 @@ unsigned long long printable(uint64_t value) {
     return value;
 }
 
-audio_source_manager* manager_of(void* context, const nuv_connect* core) {
+audio_source_manager* manager_of(void* context, const nuv_connect* core,
+                                 const char* caller = __builtin_FUNCTION()) {
     auto* self = static_cast<audio_source_manager*>(context);
-    NUV_CHECK(self != NULL);
-    NUV_CHECK(core == self->core);
+    NUV_CHECK_OF(caller, self != NULL);
+    NUV_CHECK_OF(caller, core == self->core);
     return self;
 }
 

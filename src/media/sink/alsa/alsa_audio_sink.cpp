@@ -40,7 +40,7 @@ struct audio_sink {
     // A write left data unplaced and the space signal is due.
     bool waits_for_space = false;
     unsigned failed_space_queries = 0;  // in a row, while waiting
-    uv_timer_t* space_check_timer = nullptr;
+    std::unique_ptr<uv_timer_t, released_by<uv_timer_free>> space_check_timer;
 };
 
 namespace {
@@ -174,7 +174,7 @@ void start_waiting_for_space(audio_sink* self) {
 
 void stop_waiting_for_space(audio_sink* self) {
     self->waits_for_space = false;
-    uv_timer_stop(self->space_check_timer);
+    uv_timer_stop(self->space_check_timer.get());
     descriptor_poller_stop_polling(self->descriptor_poller.get());
 }
 
@@ -204,7 +204,7 @@ void check_space(audio_sink* self) {
 
 void check_space_in(audio_sink* self, uint64_t delay_ms) {
     uv_timer_start(
-        self->space_check_timer,
+        self->space_check_timer.get(),
         [](uv_timer_t* timer) { check_space(static_cast<audio_sink*>(timer->data)); }, delay_ms, 0);
 }
 
@@ -255,16 +255,17 @@ bool ensure_started(audio_sink* self) {
 
 // Writes all the frames, for which there is room, repairing the PCM when it fails. False when it
 // has failed for good.
-bool write_frames(audio_sink* self, const void* data, size_t frames, snd_pcm_sframes_t space,
-                  const char* what) {
+bool write_frames(audio_sink* self, const void* data, size_t frames, const char* what) {
     if (frames == 0) {
         return true;
     }
-    const bool starts = snd_pcm_state(self->pcm.get()) == SND_PCM_STATE_PREPARED;
+    snd_pcm_t* pcm = self->pcm.get();
     const auto* position = static_cast<const uint8_t*>(data);
     int fruitless_writes = 0;
     while (frames > 0) {
-        const snd_pcm_sframes_t written = snd_pcm_writei(self->pcm.get(), position, frames);
+        const bool starts = snd_pcm_state(pcm) == SND_PCM_STATE_PREPARED;
+        const snd_pcm_sframes_t space = starts ? snd_pcm_avail_update(pcm) : 0;
+        const snd_pcm_sframes_t written = snd_pcm_writei(pcm, position, frames);
         size_t placed = written > 0 ? static_cast<size_t>(written) : 0;
         if (written < 0) {
             app_log(LOG_LEVEL_WARNING, "Unable to write %s ALSA audio sink, trying to recover",
@@ -272,7 +273,7 @@ bool write_frames(audio_sink* self, const void* data, size_t frames, snd_pcm_sfr
             if (!alsa_audio_sink_recover_pcm(self, static_cast<int>(written))) {
                 return false;
             }
-            placed = starts ? std::min(frames_kept(self->pcm.get(), space), frames) : 0;
+            placed = starts ? std::min(frames_kept(pcm, space), frames) : 0;
         }
         if (placed == 0 && ++fruitless_writes == kMaxFruitlessWrites) {
             app_log(LOG_LEVEL_ERROR, "ALSA audio sink took nothing in %d writes",
@@ -281,7 +282,6 @@ bool write_frames(audio_sink* self, const void* data, size_t frames, snd_pcm_sfr
         }
         position += placed * bytes_per_frame(self);
         frames -= placed;
-        space -= static_cast<snd_pcm_sframes_t>(placed);
     }
     return ensure_started(self);
 }
@@ -289,8 +289,7 @@ bool write_frames(audio_sink* self, const void* data, size_t frames, snd_pcm_sfr
 bool alsa_audio_sink_write_silence(audio_sink* self, unsigned duration_ms) {
     const size_t frames = static_cast<size_t>(self->sample_rate) * duration_ms / 1000;
     const std::vector<uint8_t> silence(frames * bytes_per_frame(self));
-    return write_frames(self, silence.data(), frames, snd_pcm_avail_update(self->pcm.get()),
-                        "silence to");
+    return write_frames(self, silence.data(), frames, "silence to");
 }
 
 int drain_despite_signals(snd_pcm_t* pcm) {
@@ -340,7 +339,6 @@ bool make_descriptor_poller(audio_sink* self) {
     if (descriptors.count == 0) {
         return false;
     }
-    app_log(LOG_LEVEL_TRACE, "ALSA PCM's descriptor count: %u", descriptors.count);
     self->pcm_descriptors.assign(descriptors.entries.get(),
                                  descriptors.entries.get() + descriptors.count);
     self->descriptor_poller.reset(
@@ -413,10 +411,6 @@ std::optional<nuv_audio_quality> probe_device(const std::string& device,
     return probe_quality(probe.get(), device.c_str(), settings, maximum_rate);
 }
 
-struct audio_sink_deleter {
-    void operator()(audio_sink* sink) const { audio_sink_free(sink); }
-};
-
 }  // namespace
 
 audio_sink* audio_sink_new(uv_loop_t* event_loop, const char* output_device,
@@ -429,12 +423,12 @@ audio_sink* audio_sink_new(uv_loop_t* event_loop, const char* output_device,
     const output_settings settings = read_output_settings(unset_items::are_logged);
     const int maximum_rate = parse_maximum_rate(settings);
 
-    std::unique_ptr<audio_sink, audio_sink_deleter> self(new audio_sink);
+    std::unique_ptr<audio_sink, released_by<audio_sink_free>> self(new audio_sink);
     self->event_loop = event_loop;
     self->output_device = output_device;
     self->volume_control_device = volume_control_device;
     self->volume_control_element = volume_control_element;
-    self->space_check_timer = uv_timer_new(event_loop, self.get());
+    self->space_check_timer.reset(uv_timer_new(event_loop, self.get()));
     self->volume_manager = new_volume_manager(self.get());
     if (!self->volume_manager) {
         app_log(LOG_LEVEL_WARNING,
@@ -452,7 +446,6 @@ void audio_sink_free(audio_sink* self) {
     NUV_CHECK(self != NULL);
     audio_sink_close(self);
     self->volume_manager.reset();
-    uv_timer_free(self->space_check_timer);
     snd_config_update_free_global();
     delete self;
 }
@@ -516,8 +509,9 @@ void audio_sink_close(audio_sink* self) {
         return;
     }
     self->waits_for_space = false;
-    uv_timer_stop(self->space_check_timer);
+    uv_timer_stop(self->space_check_timer.get());
     self->descriptor_poller.reset();
+    self->pcm_descriptors.clear();
     self->pcm.reset();
 }
 
@@ -540,7 +534,7 @@ size_t audio_sink_write(audio_sink* self, const void* data, size_t size, bool* o
     }
     const size_t frame_size = bytes_per_frame(self);
     const size_t frames = std::min(size / frame_size, static_cast<size_t>(*space));
-    if (!write_frames(self, data, frames, *space, "data to")) {
+    if (!write_frames(self, data, frames, "data to")) {
         return 0;
     }
     const size_t written = frames * frame_size;

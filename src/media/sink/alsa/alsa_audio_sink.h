@@ -8,7 +8,8 @@
 // Units       sizes in bytes, counts in frames, volume in percent (0 to 100).
 // Audio path  audio_sink_write copies nothing, allocates nothing and never blocks. audio_sink_drain
 //             blocks until the queued audio has been heard.
-// Errors      logged here, then returned as false; an underrun is repaired by the next write.
+// Errors      logged here, then returned as false, for a suspended or vanished PCM without a line;
+//             an underrun is repaired by the next write.
 #pragma once
 
 #include <uv.h>

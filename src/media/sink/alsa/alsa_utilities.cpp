@@ -11,7 +11,7 @@
 namespace {
 
 [[gnu::format(printf, 2, 0)]] void log_error_text(int error, const char* what, va_list arguments) {
-    std::array<char, 512> text;
+    std::array<char, 2048> text;
     std::vsnprintf(text.data(), text.size(), what, arguments);
     app_log(LOG_LEVEL_ERROR, "%s: %s (%d)", text.data(), snd_strerror(error), error);
 }
@@ -115,8 +115,11 @@ bool alsa_ok(int result, const char* what, ...) {
 }
 
 poll_descriptors get_poll_descriptors(snd_pcm_t* pcm) {
-    return query_poll_descriptors(pcm, "ALSA PCM", snd_pcm_poll_descriptors_count,
-                                  snd_pcm_poll_descriptors);
+    const auto fill = [](snd_pcm_t* of, pollfd* entries, unsigned count) {
+        app_log(LOG_LEVEL_TRACE, "ALSA PCM's descriptor count: %u", count);
+        return snd_pcm_poll_descriptors(of, entries, count);
+    };
+    return query_poll_descriptors(pcm, "ALSA PCM", snd_pcm_poll_descriptors_count, +fill);
 }
 
 poll_descriptors get_poll_descriptors(snd_mixer_t* mixer) {

@@ -5,31 +5,14 @@
 
 #include <memory>
 
-template <auto Release>
-struct alsa_deleter {
-    template <typename Handle>
-    void operator()(Handle* handle) const {
-        static_cast<void>(Release(handle));
-    }
-};
+#include "utility/released_by.h"
 
-// For release functions without a result.
-template <auto Release>
-struct alsa_void_deleter {
-    template <typename Handle>
-    void operator()(Handle* handle) const {
-        Release(handle);
-    }
-};
-
-using pcm_ptr = std::unique_ptr<snd_pcm_t, alsa_deleter<snd_pcm_close>>;
-using mixer_ptr = std::unique_ptr<snd_mixer_t, alsa_deleter<snd_mixer_close>>;
-using hw_params_ptr =
-    std::unique_ptr<snd_pcm_hw_params_t, alsa_void_deleter<snd_pcm_hw_params_free>>;
+using pcm_ptr = std::unique_ptr<snd_pcm_t, released_by<snd_pcm_close>>;
+using mixer_ptr = std::unique_ptr<snd_mixer_t, released_by<snd_mixer_close>>;
+using hw_params_ptr = std::unique_ptr<snd_pcm_hw_params_t, released_by<snd_pcm_hw_params_free>>;
 using format_mask_ptr =
-    std::unique_ptr<snd_pcm_format_mask_t, alsa_void_deleter<snd_pcm_format_mask_free>>;
-using selem_id_ptr =
-    std::unique_ptr<snd_mixer_selem_id_t, alsa_void_deleter<snd_mixer_selem_id_free>>;
+    std::unique_ptr<snd_pcm_format_mask_t, released_by<snd_pcm_format_mask_free>>;
+using selem_id_ptr = std::unique_ptr<snd_mixer_selem_id_t, released_by<snd_mixer_selem_id_free>>;
 
 // Zeroed objects; a failed allocation is fatal.
 hw_params_ptr new_hw_params();

@@ -15,6 +15,8 @@
 
 #include <memory>
 
+#include "utility/released_by.h"
+
 struct descriptor_poller;
 
 // Copied at creation. The callback may start, stop and free the poller; it may read the array and
@@ -42,7 +44,5 @@ void descriptor_poller_free(descriptor_poller* self);
 void descriptor_poller_start_polling(descriptor_poller* self);
 void descriptor_poller_stop_polling(descriptor_poller* self);
 
-struct descriptor_poller_deleter {
-    void operator()(descriptor_poller* poller) const { descriptor_poller_free(poller); }
-};
-using descriptor_poller_ptr = std::unique_ptr<descriptor_poller, descriptor_poller_deleter>;
+using descriptor_poller_ptr =
+    std::unique_ptr<descriptor_poller, released_by<descriptor_poller_free>>;

@@ -235,6 +235,9 @@ void volume_manager_set_volume(volume_manager* self, uint32_t volume) {
     NUV_CHECK(self != NULL);
     app_log(LOG_LEVEL_TRACE, "Setting volume: %d", static_cast<int>(volume));
     volume = std::min(volume, kMaxPercent);
+    if (volume_manager_is_lost(self)) {
+        self->volume = volume;
+    }
     if (volume == volume_manager_get_volume(self)) {
         return;
     }
@@ -257,6 +260,9 @@ bool volume_manager_get_mute_state(volume_manager* self) {
 void volume_manager_set_mute_state(volume_manager* self, bool muted) {
     NUV_CHECK(self != NULL);
     app_log(LOG_LEVEL_TRACE, "Setting new mute state: %s", mute_text(muted));
+    if (volume_manager_is_lost(self)) {
+        self->muted = muted;
+    }
     if (muted == volume_manager_get_mute_state(self)) {
         return;
     }

@@ -16,6 +16,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "utility/released_by.h"
+
 struct volume_manager;
 
 // Copied at creation; both callbacks are required. They arrive from the loop, never from inside a
@@ -43,7 +45,8 @@ bool volume_manager_get_mute_state(volume_manager* self);
 // True once the element has gone or the mixer fails: nothing is followed any longer, whatever comes
 // back. A new manager may find the element again.
 bool volume_manager_is_lost(const volume_manager* self);
-// The values that the delegate was told last, or those at creation.
+// The values that the delegate was told last, or those at creation; of a lost manager those set
+// since. So they are what its successor is to be given.
 uint32_t volume_manager_get_reported_volume(const volume_manager* self);
 bool volume_manager_get_reported_mute_state(const volume_manager* self);
 
@@ -51,7 +54,4 @@ bool volume_manager_get_reported_mute_state(const volume_manager* self);
 void volume_manager_set_volume(volume_manager* self, uint32_t volume);
 void volume_manager_set_mute_state(volume_manager* self, bool muted);
 
-struct volume_manager_deleter {
-    void operator()(volume_manager* manager) const { volume_manager_free(manager); }
-};
-using volume_manager_ptr = std::unique_ptr<volume_manager, volume_manager_deleter>;
+using volume_manager_ptr = std::unique_ptr<volume_manager, released_by<volume_manager_free>>;
