@@ -15,9 +15,9 @@ enum KoraMessage : int {
     KORA_SHUTDOWN_REQUEST = 37,         // notified
     KORA_PLAYBACK_POSITION = 49,        // written: ms, decimal
     KORA_CURRENT_SOURCE = 50,           // read: number of the current source, 0 for none
-    KORA_PLAY_STATE = 51,               // written: "0" playing, "1" stopped, "2" paused
-    KORA_MUTE = 63,                     // read and written: "MUTE" or "UNMUTE"
-    KORA_VOLUME = 64,                   // read: percent, decimal
+    KORA_PLAY_STATE = 51,               // written, notified: "0" playing, "1" stopped, "2" paused
+    KORA_MUTE = 63,                     // read, written, notified: "MUTE" or "UNMUTE"
+    KORA_VOLUME = 64,                   // read, notified: percent, decimal
     KORA_DEVICE_NAME = 90,              // read, notified
     KORA_SHUTDOWN_REQUEST_SYSTEM = 115  // notified
 };
