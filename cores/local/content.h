@@ -18,7 +18,7 @@ struct Track {
 // Finds the tracks that `endpoint`, a file:// URL or a path, names, in playing order:
 //   - a folder: the audio files in it and below it (by the endings that the decoder knows), in the
 //     order of their paths, hidden ones and linked folders left out; at most 20,000 tracks, 16
-//     levels and 200,000 directory entries;
+//     levels and 50,000 directory entries;
 //   - a playlist (.m3u, .m3u8): its entries, relative ones against the playlist's folder; at most
 //     20,000 of them and 4 MiB; remote addresses are skipped;
 //   - anything else: itself.

@@ -128,9 +128,6 @@ NUVIO_GETTER(get_false) {
 NUVIO_GETTER(get_no_list) {
     return sd_bus_message_append(reply, "as", 0);
 }
-NUVIO_GETTER(get_desktop_entry) {
-    return sd_bus_message_append(reply, "s", "nuvio-connect");
-}
 NUVIO_GETTER(get_rate) {
     return sd_bus_message_append(reply, "d", 1.0);
 }
@@ -265,7 +262,6 @@ const sd_bus_vtable kRootTable[] = {
     SD_BUS_PROPERTY("CanSetFullscreen", "b", get_false, 0, kConst),
     SD_BUS_PROPERTY("HasTrackList", "b", get_false, 0, kConst),
     SD_BUS_PROPERTY("Identity", "s", get_identity, 0, kChanges),
-    SD_BUS_PROPERTY("DesktopEntry", "s", get_desktop_entry, 0, kConst),
     SD_BUS_PROPERTY("SupportedUriSchemes", "as", get_no_list, 0, kConst),
     SD_BUS_PROPERTY("SupportedMimeTypes", "as", get_no_list, 0, kConst),
     SD_BUS_VTABLE_END,

@@ -59,6 +59,9 @@ std::string state_directory(const Settings& settings) {
     if (!settings.get(kHostStateDir).empty()) {
         return settings.get(kHostStateDir);
     }
+    if (std::string folder = environment("STATE_DIRECTORY"); !folder.empty()) {
+        return folder;
+    }
     if (::geteuid() == 0) {
         return "/var/lib/nuvio-connect";
     }

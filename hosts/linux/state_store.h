@@ -13,8 +13,9 @@
 
 namespace nuvio::host {
 
-// The environment variable NUVIO_STATE_DIR, else the setting, else /var/lib/nuvio-connect for root
-// and $XDG_STATE_HOME/nuvio-connect (~/.local/state/nuvio-connect) for a user.
+// The environment variable NUVIO_STATE_DIR, else the setting, else what the service manager made
+// for the unit, else /var/lib/nuvio-connect for root and $XDG_STATE_HOME/nuvio-connect
+// (~/.local/state/nuvio-connect) for a user.
 std::string state_directory(const Settings& settings);
 
 // A device name that can be shown, stored and announced: plain UTF-8, 1 to 255 bytes.

@@ -25,7 +25,7 @@ enum DeviceInfoIndex : size_t {
 };
 
 // Creates the bridge if there is none and gives it a copy of the array. Before the bridge's thread
-// is started.
+// is started. With fewer than DEVICE_INFO_COUNT entries the bridge can't be initialised (logged).
 void setDeviceInfo(const std::vector<std::string>& info);
 
 // Starts the bridge's thread, which runs nuvioConnectThreadFunction, and returns at once. Once,

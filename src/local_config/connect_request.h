@@ -12,6 +12,8 @@
 #include <cstdint>
 #include <memory>
 
+#include "utility/released_by.h"
+
 struct connect_token {
     const char* endpoint;
     const char* jwt;
@@ -26,10 +28,7 @@ struct connect_request {
     bool become_active;
 };
 
-struct json_deleter {
-    void operator()(cJSON* json) const { cJSON_Delete(json); }
-};
-using json_ptr = std::unique_ptr<cJSON, json_deleter>;
+using json_ptr = std::unique_ptr<cJSON, released_by<cJSON_Delete>>;
 
 struct parsed_connect_request {
     json_ptr document;        // owns the texts of `request`

@@ -14,6 +14,8 @@
 // Stopping    returns at once; a request that waits for the loop is answered 500. The old server
 //             ends on a thread of its own (about 10 ms), and a start that comes meanwhile takes
 //             effect when it has. http_server_free waits for that end.
+// Errors      a port that cannot be listened on is logged; the SDK may start again. A null argument
+//             is fatal, but for the core.
 // Peers       one worker serves one connection at a time, the others wait. A connection is cut off
 //             5 s after its start, earlier in a crowd; see connection_guard.h.
 #pragma once
@@ -28,8 +30,8 @@
 
 struct http_server;
 
-// Borrows device_info and audio_renderer, which must outlive the server. Null arguments are fatal.
-// Never returns null.
+// Borrows device_info and audio_renderer, which must outlive the server. Never
+// returns null.
 http_server* http_server_new(uv_loop_t* event_loop, uint16_t port, device_info* info,
                              audio_renderer* renderer);
 void http_server_free(http_server* self);

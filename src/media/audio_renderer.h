@@ -12,7 +12,7 @@
 // Threads     every function and callback: the loop thread only. No locks.
 // Errors      a device or SDK call that fails is logged; one that ends playback is reported to the
 //             SDK as a playback error. Delegate calls in a state where the SDK's contract does not
-//             allow them are logged and ignored.
+//             allow them are logged and ignored. A null argument is fatal everywhere.
 #pragma once
 
 #include <uv.h>
@@ -23,7 +23,7 @@
 
 struct audio_renderer;
 
-// The names are copied. Null arguments are fatal.
+// The names are copied.
 audio_renderer* audio_renderer_new(uv_loop_t* event_loop, const char* output_device,
                                    const char* volume_control_device,
                                    const char* volume_control_element);

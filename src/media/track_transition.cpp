@@ -37,10 +37,10 @@ bool is_playing_or_paused(const audio_renderer* self) {
            self->state == AUDIO_RENDERER_STATE_PAUSED;
 }
 
-// libuv counts from the time at which its pass began, and something may have blocked since.
-void start_from_now(const pausable_timer_ptr& timer, uv_timer_cb callback, uint64_t timeout_ms) {
-    uv_update_time(timer->timer.loop);
-    uv_pausable_timer_start(timer.get(), callback, timeout_ms, 0);
+// Timers count from the loop's time, which is that of the pass's beginning; something may have
+// blocked since.
+void bring_loop_time_up_to_date(const audio_renderer* self) {
+    uv_update_time(self->playback_finished_timer->timer.loop);
 }
 
 void schedule_playback_nearly_finished_timer(audio_renderer* self) {
@@ -48,8 +48,8 @@ void schedule_playback_nearly_finished_timer(audio_renderer* self) {
     const uint64_t lead =
         buffered > nearly_finished_lead_ms ? buffered - nearly_finished_lead_ms : 0;
     app_log(LOG_LEVEL_DEBUG, "Scheduling playback nearly finished timer: %llums", printable(lead));
-    start_from_now(self->playback_nearly_finished_timer,
-                   audio_renderer_on_playback_nearly_finished_timer_timeout, lead);
+    uv_pausable_timer_start(self->playback_nearly_finished_timer.get(),
+                            audio_renderer_on_playback_nearly_finished_timer_timeout, lead, 0);
 }
 
 // Whether the nearly-finished point has been passed and the finished point has not.
@@ -166,6 +166,7 @@ void audio_renderer_on_audio_source_state_changed(audio_source* source,
                 printable(audio_source_get_id(source)), audio_renderer_state_name(self->state));
         return;
     }
+    bring_loop_time_up_to_date(self);
     schedule_playback_nearly_finished_timer(self);
     audio_renderer_schedule_playback_finished_timer(self);
     if (self->state == AUDIO_RENDERER_STATE_PAUSED) {
@@ -176,8 +177,8 @@ void audio_renderer_on_audio_source_state_changed(audio_source* source,
 void audio_renderer_schedule_playback_finished_timer(audio_renderer* self) {
     const uint64_t buffered = audio_renderer_get_buffered_duration(self);
     app_log(LOG_LEVEL_DEBUG, "Scheduling playback finished timer for: %llums", printable(buffered));
-    start_from_now(self->playback_finished_timer, audio_renderer_on_playback_finished_timer_timeout,
-                   buffered);
+    uv_pausable_timer_start(self->playback_finished_timer.get(),
+                            audio_renderer_on_playback_finished_timer_timeout, buffered, 0);
 }
 
 void audio_renderer_schedule_overdue_end_of_track(audio_renderer* self) {
@@ -188,6 +189,7 @@ void audio_renderer_schedule_overdue_end_of_track(audio_renderer* self) {
         awaited) {
         return;
     }
+    bring_loop_time_up_to_date(self);
     audio_renderer_schedule_playback_finished_timer(self);
     if (self->state == AUDIO_RENDERER_STATE_PAUSED) {
         audio_renderer_pause_timers(self);

@@ -19,6 +19,7 @@ class AMessage : public RefBase {
   public:
     using Value = std::variant<int32_t, std::string>;
 
+    // Kind of message and its receiver, both numbers of the platform's; 0 where they do not count.
     AMessage(uint32_t what, int32_t target) : m_what(what), m_target(target) {}
 
     void setString(const char* key, const char* text, size_t length) {

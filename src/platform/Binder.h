@@ -6,6 +6,7 @@
 
 namespace android {
 
+// A service's object, of no known interface until that interface's asInterface.
 class IBinder : public virtual RefBase {};
 
 class IServiceManager : public virtual RefBase {

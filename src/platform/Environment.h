@@ -18,7 +18,8 @@ inline constexpr char kOutputFS[] = "alsa.output_rates";  // Hz, comma separated
 // Bytes of the plain form's buffer, terminator included; a longer value is cut.
 inline constexpr size_t kEnvItemBufferSize = 64;
 
-// The item's value; empty when it is not set.
+// The item's value; empty when it is not set, as a null key never is. The plain form's buffer has
+// room for kEnvItemBufferSize bytes.
 void GetEnvItemByName(const char* key, std::string& value);
 void GetEnvItemByName(const char* key, char* value);
 

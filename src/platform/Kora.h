@@ -41,7 +41,8 @@ class KORAHelper {
 
     // True when the service is reachable.
     bool verifyConnection_l();
-    // Notifications for the ids in the list, from now until unregisterListener with the same list.
+    // Notifications for the ids in the list, from now until unregisterListener with the same list;
+    // so long the service keeps the listener.
     void registerListener(const sp<IKoraAlerts>& listener, Vector<int>& ids);
     void unregisterListener(const sp<IKoraAlerts>& listener, Vector<int>& ids);
     // Fills `text` with the message's current value. False, and `text` empty, when it cannot be

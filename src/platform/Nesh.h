@@ -25,9 +25,11 @@ class NeshHelper {
 
     // True when the service is reachable.
     bool verifyConnection_l();
+    // The service keeps the listener until unregisterListener.
     void registerListener(const sp<INeshAlerts>& listener);
     void unregisterListener(const sp<INeshAlerts>& listener);
-    // Sets *status to non-zero when interface 1 or 2 is usable, else to 0. Never calls a listener.
+    // Sets *status to non-zero when interface 1 or 2 is usable, else to 0, also for any other
+    // interface. Never calls a listener.
     void getNetworkStatus(int iface, int* status);
 
   private:

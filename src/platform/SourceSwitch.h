@@ -28,8 +28,10 @@ constexpr int SOURCE_TYPE_NUVIO_CONNECT = 31;
 // Calls to the service. Any thread; none waits for a notification to be handled.
 class SourceSwitchClient {
   public:
-    // Asks for the output; true when granted. The listener is known to the service from then on.
+    // Asks for the output; true when granted. The service keeps the listener, granted or not, until
+    // DisconnectMySource.
     static bool PlayMySource(const sp<BnSourceSwitchListener>& listener, int sourceType);
+    // The source's state, for the device's display; so is NotifyPlaybackStopped.
     static void UpdatePlayerState(const sp<BnSourceSwitchListener>& listener, EPlayState state);
     // Volume of the source, percent, decimal.
     static void UpdateAppVolume(const std::string& volume);

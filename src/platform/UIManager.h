@@ -15,7 +15,7 @@ class IUIManager : public virtual RefBase {
 
     // Shows the track in the message. Any thread; returns without waiting for the display.
     virtual void updatePlayBackInfo(const sp<AMessage>& info) = 0;
-    // Empties the display.
+    // Empties the display, whatever the message holds.
     virtual void clearPlayBackInfo(const sp<AMessage>& info) = 0;
 };
 

@@ -188,7 +188,9 @@ typedef struct nuv_connect_config {
 /* ---- Life ------------------------------------------------------------------------------------ */
 
 /*
- * Returns a core on `loop`, or null with *error set. The core asks for the local configuration
+ * Returns a core on `loop`, or null with *error set, where error is not null:
+ * NUV_ERROR_INVALID_ARGUMENT for a null text and for a delegate without one of its callbacks (the
+ * renderer state's may be null). The core asks for the local configuration
  * server and the advertising through their delegates on a later pass of the loop.
  */
 nuv_connect* nuv_connect_create(uv_loop_t* loop, nuv_connect_config config, nuv_error* error);
@@ -232,6 +234,7 @@ nuv_error nuv_connect_next_track(nuv_connect* core);
 nuv_error nuv_connect_previous_track(nuv_connect* core);
 /* Stops playback and leaves the session; success when there is none. */
 nuv_error nuv_connect_deactivate_and_disconnect_renderer(nuv_connect* core);
+/* Percent; above 100: NUV_ERROR_INVALID_ARGUMENT. */
 nuv_error nuv_connect_set_volume(nuv_connect* core, uint32_t volume);
 nuv_error nuv_connect_set_mute_state(nuv_connect* core, bool muted);
 nuv_error nuv_connect_set_shuffle_mode(nuv_connect* core, bool shuffle);

@@ -56,6 +56,9 @@ size_t listPcms() {
         ++count;
     }
     snd_device_name_free_hint(hints);
+    if (count == 0) {
+        std::puts("  none");
+    }
     return count;
 }
 
@@ -104,6 +107,9 @@ size_t listMixers() {
     size_t count = 0;
     for (const std::string& device : mixerDevices()) {
         count += listElements(device);
+    }
+    if (count == 0) {
+        std::puts("  none");
     }
     return count;
 }

@@ -28,7 +28,9 @@ constexpr char kUsage[] =
     "  --version       show the version\n"
     "\n"
     "Environment:\n"
-    "  NUVIO_LOG_STDERR  when set, system-log lines go to standard error too\n";
+    "  NUVIO_LOG_STDERR  when set, system-log lines go to standard error too\n"
+    "\n"
+    "See nuvio-connect(8) and nuvio-connect-settings(5).\n";
 
 enum class SystemLog { asEnvironmentSays, onStderrToo };
 

@@ -38,9 +38,11 @@ class NuvioSSListener : public BnSourceSwitchListener {
     // state: nuv_playback_state; any other value is not passed on.
     void reportPlayState(int32_t state);
     void reportPlaybackPosition(uint64_t positionMs);
+    // 0: not muted.
     void reportMuteState(int32_t muted);
     // Percent. Only while the platform names a current source.
     void reportVolume(int32_t volume);
+    // Shows the track on the device's display.
     void UpdateUIPlayBackInfo(const TrackInfo& track);
 
   private:

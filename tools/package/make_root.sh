@@ -13,7 +13,7 @@ for package in "$@"; do
 done
 # The mirror this machine's own packages come from.
 mirror=$(sed -n 's/^URIs: *//p' /etc/apt/sources.list.d/debian.sources 2>/dev/null | head -n 1)
-[ -n "$mirror" ] || mirror=$(awk '$1 == "deb" {print $2; exit}' /etc/apt/sources.list)
+[ -n "$mirror" ] || mirror=$(awk '$1 == "deb" {sub(/\[[^]]*\] */, ""); print $2; exit}' /etc/apt/sources.list)
 
 rm -rf --one-file-system "$root"
 mkdir -p "$(dirname "$root")"

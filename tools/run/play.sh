@@ -18,7 +18,7 @@ TEXT
 build=$(realpath "$1")
 shift
 here=$(dirname "$(realpath "$0")")
-music= device= mixer=Master port=8000 show_log=
+music='' device='' mixer=Master port=8000 show_log=''
 while [ $# -gt 0 ]; do
     case "$1" in
         --music | --device | --mixer | --port)
@@ -33,7 +33,7 @@ while [ $# -gt 0 ]; do
 done
 
 work=$(mktemp -d)
-daemon= bus= log_reader= system_bus= avahi=
+daemon='' bus='' log_reader='' system_bus='' avahi=''
 
 stop() { # pid: asks a process of ours to end and waits for it
     [ -n "$1" ] && kill "$1" 2>/dev/null && wait "$1" 2>/dev/null || true
@@ -100,11 +100,20 @@ start_discovery() {
     avahi=$!
 }
 
+# Buses of our own are found from another terminal by their addresses only.
+show_buses() {
+    local name
+    for name in DBUS_SESSION_BUS_ADDRESS DBUS_SYSTEM_BUS_ADDRESS; do
+        [[ ${!name:-} != *"$work"* ]] ||
+            echo "run: to drive it from another terminal: export $name=${!name}"
+    done
+}
+
 # The device as a controller on the network sees it; the announcement takes a second or two.
 show_discovery() {
     [ -n "$avahi" ] || busctl --system status org.freedesktop.Avahi >/dev/null 2>&1 || return 0
     for _ in $(seq 10); do
-        "$here/../find/find" >"$work/found" 2>/dev/null && [ -s "$work/found" ] && break
+        "$here/../find/find" >"$work/found" 2>/dev/null && grep -q "port $port" "$work/found" && break
         sleep 0.5
     done
     echo "run: found on the network:"
@@ -163,7 +172,7 @@ now_playing() { # status|title|artist|position m:ss|length m:ss, as any media-pl
 
 # Returns once the session is over; true if something was heard.
 follow_session() {
-    local status title artist position length heard=1 shown= shown_title= line idle=0
+    local status title artist position length heard=1 shown='' shown_title='' line idle=0
     while kill -0 "$daemon" 2>/dev/null; do
         IFS='|' read -r status title artist position length <<<"$(now_playing)"
         if [ "$status" = Playing ] && [ -n "$position" ]; then

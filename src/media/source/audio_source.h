@@ -6,6 +6,7 @@
 // Threads     every function and callback: the loop thread only. No locks.
 // Delivery    a source starts closed. The SDK offers PCM only while the source is open, and the
 //             manager closes it by itself after an offer that was not taken whole.
+// Errors      a null argument is fatal everywhere.
 #pragma once
 
 #include <cstddef>
@@ -40,7 +41,7 @@ audio_source_state audio_source_get_state(const audio_source* self);
 // Bytes from the start of the track that count as played or queued.
 uint64_t audio_source_get_bytes_consumed(const audio_source* self);
 
-// Each callback may be null.
+// Replaces the former listener. The listener is borrowed; each callback may be null.
 void audio_source_set_event_listener(audio_source* self, void* listener,
                                      audio_source_data_produced_callback data_produced,
                                      audio_source_state_changed_callback state_changed,

@@ -9,7 +9,7 @@
 // Destruction audio_source_manager_free, after the core is gone.
 // Threads     every function and callback: the loop thread only. No locks.
 // Errors      a stream id that names no live stream is logged and ignored; a delegate call with
-//             another core is fatal.
+//             another core and a null argument are fatal.
 // Data path   a delivery allocates nothing.
 #pragma once
 

@@ -9,7 +9,8 @@
 // Audio path  audio_sink_write copies nothing, allocates nothing and never blocks. audio_sink_drain
 //             blocks until the queued audio has been heard.
 // Errors      logged here, then returned as false, for a suspended or vanished PCM without a line;
-//             an underrun is repaired by the next write.
+//             an underrun is repaired by the next write. On a closed sink everything that needs
+//             the PCM fails, logged. Null arguments and an empty write are fatal.
 #pragma once
 
 #include <uv.h>
@@ -33,13 +34,14 @@ audio_sink* audio_sink_new(uv_loop_t* event_loop, const char* output_device,
 // Closes an open sink first.
 void audio_sink_free(audio_sink* self);
 
-// Each callback may be null.
+// The listener is borrowed; each callback may be null.
 void audio_sink_set_event_listener(audio_sink* self, void* listener,
                                    audio_sink_space_available_callback space_available,
                                    audio_sink_volume_changed_callback volume_changed,
                                    audio_sink_mute_state_changed_callback mute_state_changed);
 
-// The quality to announce, from the platform's settings, read anew at each call.
+// The quality to announce, from the platform's settings, read anew at each call; CD where they name
+// no rule, whatever the hardware can do.
 nuv_audio_quality audio_sink_get_maximum_supported_audio_quality(audio_sink* self);
 
 bool audio_sink_is_open(const audio_sink* self);
