@@ -3,22 +3,26 @@
 #include <poll.h>
 #include <sched.h>
 
+#include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "linux_host/process.h"
-#include "linux_host/temp_dir.h"
 #include "network_monitor.h"
+#include "temp_dir.h"
 
 using namespace nuvio::host;
 
 namespace {
 
+bool can_ip(const std::string& arguments) {
+    return std::system(("ip " + arguments).c_str()) == 0;
+}
 void ip(const std::string& arguments) {
-    const Result result = run("ip " + arguments);
-    ASSERT_EQ(result.status, 0) << "ip " << arguments << ": " << result.output;
+    ASSERT_TRUE(can_ip(arguments)) << arguments;
 }
 
 class Alerts : public android::INeshAlerts {
@@ -43,7 +47,7 @@ class Network : public testing::Test {
   protected:
     void SetUp() override {
         // The other end of each pair stays up, so that the pair has a carrier.
-        if (::unshare(CLONE_NEWNET) != 0 || run("ip link add w0 type veth peer w0p").status != 0) {
+        if (::unshare(CLONE_NEWNET) != 0 || !can_ip("link add w0 type veth peer w0p")) {
             GTEST_SKIP() << "no network namespaces or virtual Ethernet here";
         }
         ip("link add wl0 type veth peer wl0p");
@@ -62,17 +66,15 @@ class Network : public testing::Test {
     // further reports are taken too.
     Lines told(size_t count) {
         Lines lines;
-        eventually([&] {
-            pollfd descriptor = {monitor->fd(), POLLIN, 0};
-            if (::poll(&descriptor, 1, 50) > 0) {
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        do {
+            for (pollfd events = {monitor->fd(), POLLIN, 0}; ::poll(&events, 1, 50) > 0;) {
                 monitor->handle_events();
-                return false;
             }
             for (std::string& line : alerts->take()) {
                 lines.push_back(std::move(line));
             }
-            return lines.size() >= count;
-        });
+        } while (lines.size() < count && std::chrono::steady_clock::now() < end);
         return lines;
     }
 
@@ -104,7 +106,7 @@ TEST_F(Network, AnInterfaceCountsWhileItIsUpAndHasAnAddress) {
     EXPECT_FALSE(monitor->is_usable(kWired));
 }
 
-TEST_F(Network, WirelessIsToldFromWired) {
+TEST_F(Network, WirelessIsToldFromWiredAndLoopbackFromBoth) {
     ip("link set wl0 up");
     ip("address add 2001:db8::1/64 dev wl0 nodad");
     follow();
@@ -113,27 +115,10 @@ TEST_F(Network, WirelessIsToldFromWired) {
     EXPECT_FALSE(monitor->is_usable(3));
     ip("address flush dev wl0");
     EXPECT_EQ(told(1), Lines{"2 0"});
-}
 
-TEST_F(Network, LoopbackCountsOnlyWhereItIsAllowed) {
     follow(true);
     ip("link set lo up");
-    EXPECT_EQ(told(1), Lines{"1 1"});
+    EXPECT_EQ(told(1), Lines{"1 1"}) << "loopback counts where it is allowed";
     follow(false);
     EXPECT_FALSE(monitor->is_usable(kWired));
-}
-
-TEST_F(Network, TheStatusCanBeOverridden) {
-    ip("link set w0 up");
-    ip("address add 192.0.2.1/24 dev w0");
-    follow();
-    monitor->override_status(kWired, false);
-    monitor->override_status(kWireless, true);
-    monitor->override_status(kWireless, true);
-    EXPECT_EQ(told(2), (Lines{"1 0", "2 1"}));
-    monitor->override_status(kWired, std::nullopt);
-    EXPECT_EQ(told(1), Lines{"1 1"});
-    monitor->remove_listener(alerts);
-    monitor->override_status(kWired, false);
-    EXPECT_EQ(told(0), Lines());
 }

@@ -15,7 +15,6 @@
 #include <sstream>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "platform/Environment.h"
 #include "platform/Kora.h"
@@ -50,34 +49,31 @@ class Alerts : public IKoraAlerts, public INeshAlerts {
     }
 };
 
-std::vector<std::string> split(const std::string& text) {
-    std::vector<std::string> parts;
-    std::istringstream stream(text);
-    for (std::string part; std::getline(stream, part, '|');) {
-        parts.push_back(part);
-    }
-    return parts;
-}
-
 // 0 where there is none.
 int number_in(const std::string& text) {
     return static_cast<int>(std::strtol(text.c_str(), nullptr, 10));
 }
 
 sp<AMessage> track_message(const std::string& text) {
-    std::vector<std::string> parts = split(text);
-    parts.resize(7);
+    std::istringstream parts(text);
     sp<AMessage> info = new AMessage(0, 0);
+    const auto next = [&parts] {
+        std::string part;
+        std::getline(parts, part, '|');
+        return part;
+    };
     const auto set = [&](const char* key, const std::string& value) {
         info->setString(key, value.data(), value.size());
     };
-    set("album", parts[2]);
-    set("artist", parts[1]);
-    set("trackName", parts[0]);
-    info->setInt32("totalTime", number_in(parts[3]));
-    set("coverArt", parts[4].empty() ? "defaultArt.jpg" : parts[4]);
-    info->setInt32("shuffle", number_in(parts[5]));
-    info->setInt32("repeat", number_in(parts[6]));
+    set("trackName", next());
+    set("artist", next());
+    set("album", next());
+    info->setInt32("totalTime", number_in(next()));
+    const std::string art = next();
+    set("coverArt", art.empty() ? "defaultArt.jpg" : art);
+    for (const char* key : {"shuffle", "repeat"}) {
+        info->setInt32(key, number_in(next()));
+    }
     for (const char* key : {"next", "prev", "seek"}) {
         info->setInt32(key, 1);
     }

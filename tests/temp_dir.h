@@ -10,7 +10,7 @@
 class TempDir {
   public:
     TempDir() {
-        std::string name = std::filesystem::temp_directory_path() / "nuvio-host-XXXXXX";
+        std::string name = std::filesystem::temp_directory_path() / "nuvio-test-XXXXXX";
         m_path = mkdtemp(name.data());
     }
     ~TempDir() {
@@ -21,18 +21,18 @@ class TempDir {
     TempDir& operator=(const TempDir&) = delete;
 
     const std::string& path() const { return m_path; }
+    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
 
     // Writes a file, with the folders above it, and returns its path.
     std::string write(const std::string& name, const std::string& text) const {
-        const std::filesystem::path file = std::filesystem::path(m_path) / name;
-        std::filesystem::create_directories(file.parent_path());
-        std::ofstream(file, std::ios::binary) << text;
-        return file;
+        std::string path = *this / name;
+        std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+        std::ofstream(path, std::ios::binary) << text;
+        return path;
     }
     std::string read(const std::string& name) const {
-        std::ifstream file(std::filesystem::path(m_path) / name, std::ios::binary);
         std::ostringstream text;
-        text << file.rdbuf();
+        text << std::ifstream(*this / name, std::ios::binary).rdbuf();
         return text.str();
     }
 
