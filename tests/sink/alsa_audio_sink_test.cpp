@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "card_fixture.h"
 #include "platform/Environment.h"
+#include "simcard/card_fixture.h"
 
 using namespace std::chrono_literals;
 using simcard::Op;

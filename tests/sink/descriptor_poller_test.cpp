@@ -88,20 +88,6 @@ TEST_F(DescriptorPollerTest, OnlyTheFiringEntryIsRewrittenAndUnusableEntriesAreL
     EXPECT_EQ(event_count_, 2) << "no event after free";
 }
 
-TEST_F(DescriptorPollerTest, EntriesWithNothingToPollAreSilent) {
-    const int event = new_event();
-    signal(event);
-    for (const pollfd& entry : {pollfd{-1, POLLIN, 0}, pollfd{event, POLLPRI | POLLERR, 0}}) {
-        descriptor_poller* poller = make({entry});
-        ASSERT_NE(poller, nullptr);
-        descriptor_poller_start_polling(poller);
-        run_for(20ms);
-        EXPECT_EQ(event_count_, 0);
-        descriptor_poller_free(poller);
-    }
-    descriptor_poller_free(nullptr);
-}
-
 TEST_F(DescriptorPollerTest, FailedDescriptorIsReportedOnceForEachStart) {
     std::array<int, 2> ends{};
     ASSERT_EQ(pipe(ends.data()), 0);

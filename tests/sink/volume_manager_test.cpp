@@ -6,7 +6,7 @@
 #include <utility>
 #include <vector>
 
-#include "card_fixture.h"
+#include "simcard/card_fixture.h"
 
 using namespace std::chrono_literals;
 using simcard::Op;

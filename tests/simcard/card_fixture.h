@@ -2,22 +2,15 @@
 // unless a test moves it.
 #pragma once
 
-#include <unistd.h>
-
-#include <filesystem>
 #include <optional>
-#include <string>
 
 #include "loop_fixture.h"
+#include "temp_dir.h"
 #include "tools/simcard/simcard.h"
 
 class CardTest : public LoopTest {
   protected:
-    ~CardTest() override {
-        card_.reset();
-        snd_config_update_free_global();
-        std::filesystem::remove_all(directory_);
-    }
+    ~CardTest() override { snd_config_update_free_global(); }
 
     static simcard::Settings stopped_clock() {
         simcard::Settings settings;
@@ -25,16 +18,13 @@ class CardTest : public LoopTest {
         return settings;
     }
     simcard::Card& make_card(const simcard::Settings& settings = stopped_clock()) {
-        card_.emplace(simcard::Card::create(directory_, settings));
+        card_.emplace(simcard::Card::create(directory_.path(), settings));
         snd_config_update_free_global();
         card_->use_in_this_process();
         return *card_;
     }
     uint64_t calls(simcard::Op op) const { return card_->counters()[op]; }
 
+    const TempDir directory_;
     std::optional<simcard::Card> card_;
-
-  private:
-    std::filesystem::path directory_ =
-        std::filesystem::temp_directory_path() / ("sink-test-" + std::to_string(getpid()));
 };
