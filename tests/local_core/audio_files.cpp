@@ -1,15 +1,9 @@
 #include "local_core/audio_files.h"
 
 #include <sndfile.h>
-#include <unistd.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <random>
-#include <stdexcept>
 
 namespace {
 
@@ -34,27 +28,7 @@ int bits_of(int sndfile_format) {
 
 }  // namespace
 
-TemporaryFolder::TemporaryFolder() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "local_core.XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) {
-        throw std::runtime_error("no temporary folder");
-    }
-    m_path = pattern;
-}
-
-TemporaryFolder::~TemporaryFolder() {
-    std::filesystem::remove_all(m_path);
-}
-
-std::string TemporaryFolder::write(const std::string& name, const std::string& text) const {
-    std::string path = *this / name;
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-    return path;
-}
-
-AudioFile write_audio(const TemporaryFolder& folder, const std::string& name,
-                      const AudioSpec& wanted) {
+AudioFile write_audio(const TempDir& folder, const std::string& name, const AudioSpec& wanted) {
     AudioFile file{.path = folder.write(name, ""), .rate = wanted.rate};
     const int bits = bits_of(wanted.sndfile_format);
     file.frame_bytes = (bits > 16 ? size_t{4} : size_t{2}) * wanted.channels;
@@ -80,7 +54,7 @@ AudioFile write_audio(const TemporaryFolder& folder, const std::string& name,
     return file;
 }
 
-AudioFile write_wav(const TemporaryFolder& folder, const std::string& name, uint32_t frames) {
+AudioFile write_wav(const TempDir& folder, const std::string& name, uint32_t frames) {
     return write_audio(folder, name,
                        {.sndfile_format = SF_FORMAT_WAV | SF_FORMAT_PCM_16, .frames = frames});
 }

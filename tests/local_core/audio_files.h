@@ -1,4 +1,4 @@
-// Small audio files in a folder of their own, and the PCM that the core must deliver for them.
+// Small audio files, and the PCM that the core must deliver for them.
 #pragma once
 
 #include <cstddef>
@@ -6,21 +6,7 @@
 #include <string>
 #include <vector>
 
-// A fresh folder, removed with everything in it.
-class TemporaryFolder {
-  public:
-    TemporaryFolder();
-    ~TemporaryFolder();
-    TemporaryFolder& operator=(TemporaryFolder&&) = delete;
-
-    const std::string& path() const { return m_path; }
-    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
-    // Writes a text file, folders above it included; returns its path.
-    std::string write(const std::string& name, const std::string& text) const;
-
-  private:
-    std::string m_path;
-};
+#include "temp_dir.h"
 
 struct AudioFile {
     std::string path;
@@ -43,7 +29,6 @@ struct AudioSpec {
 };
 
 // Writes noise, a different one for each name.
-AudioFile write_audio(const TemporaryFolder& folder, const std::string& name,
-                      const AudioSpec& wanted);
+AudioFile write_audio(const TempDir& folder, const std::string& name, const AudioSpec& wanted);
 // 16-bit stereo WAV of 44.1 kHz.
-AudioFile write_wav(const TemporaryFolder& folder, const std::string& name, uint32_t frames);
+AudioFile write_wav(const TempDir& folder, const std::string& name, uint32_t frames);

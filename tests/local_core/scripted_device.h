@@ -39,7 +39,7 @@ class ScriptedDevice {
 
     ScriptedDevice() {
         uv_loop_init(&m_loop);
-        for (uv_timer_t* timer : {&m_resume_timer, &m_lead_timer, &m_end_timer, &m_tick_timer}) {
+        for (uv_timer_t* timer : {&m_resume_timer, &m_end_timer, &m_tick_timer}) {
             uv_timer_init(&m_loop, timer);
             timer->data = this;
         }
@@ -55,7 +55,7 @@ class ScriptedDevice {
     ~ScriptedDevice() {
         ++m_calls_under_way;  // and for ever
         nuv_connect_free(m_core);
-        for (uv_timer_t* timer : {&m_resume_timer, &m_lead_timer, &m_end_timer, &m_tick_timer}) {
+        for (uv_timer_t* timer : {&m_resume_timer, &m_end_timer, &m_tick_timer}) {
             uv_close(reinterpret_cast<uv_handle_t*>(timer), nullptr);
         }
         uv_run(&m_loop, UV_RUN_DEFAULT);
@@ -79,9 +79,8 @@ class ScriptedDevice {
 
     // How much of an offer is taken; by default all. A short count is followed by a resume later.
     std::function<size_t(size_t offered)> take;
-    // From the last sample of a track to its end, and from there back to the hand-over.
-    uint64_t tail_ms = 4;
-    uint64_t lead_ms = 2;
+    uint64_t tail_ms = 4;      // from the last sample of a track to its end
+    bool hands_over = true;    // the next stream of the same format flows behind that tail
     uint64_t position_ms = 0;  // the answer to a position query
 
     bool has_line(const std::string& line) const {
@@ -310,7 +309,7 @@ class ScriptedDevice {
         line("pause");
         expect_state("pause", {State::playing});
         m_playing->open = false;
-        stop_timers();
+        uv_timer_stop(&m_end_timer);
         m_state = State::paused;
         tell_core(nuv_connect_notify_playback_paused);
     }
@@ -340,7 +339,7 @@ class ScriptedDevice {
             m_playing->open = false;
             m_playing = active();
         }
-        stop_timers();
+        uv_timer_stop(&m_end_timer);
         m_end_armed = false;
         m_state = m_state == State::playing ? State::playing_seeking : State::paused_seeking;
     }
@@ -366,17 +365,14 @@ class ScriptedDevice {
     void arm_end() {
         m_end_armed = true;
         if (m_state == State::playing) {
-            start<&ScriptedDevice::hand_over>(&m_lead_timer, tail_ms - lead_ms);
             start<&ScriptedDevice::end_of_track>(&m_end_timer, tail_ms);
+            hand_over();
         }
     }
 
-    // The next stream of the same format flows behind the tail of the current one.
     void hand_over() {
-        const bool in_lead = uv_is_active(reinterpret_cast<uv_handle_t*>(&m_end_timer)) != 0 &&
-                             uv_is_active(reinterpret_cast<uv_handle_t*>(&m_lead_timer)) == 0;
-        if (m_state == State::playing && in_lead && next() != nullptr && m_playing == active() &&
-            active()->has_format_of(*next())) {
+        if (hands_over && m_state == State::playing && m_end_armed && next() != nullptr &&
+            m_playing == active() && active()->has_format_of(*next())) {
             m_playing = next();
             open_playing();
         }
@@ -384,7 +380,7 @@ class ScriptedDevice {
 
     void end_of_track() {
         line("end of track");
-        stop_timers();
+        uv_timer_stop(&m_end_timer);
         m_end_armed = false;
         Source* const following = next();
         tell_core([&](nuv_connect* core) {
@@ -410,16 +406,11 @@ class ScriptedDevice {
         });
     }
 
-    void stop_timers() {
-        uv_timer_stop(&m_lead_timer);
-        uv_timer_stop(&m_end_timer);
-    }
-
     void close_output() {
         if (m_playing != nullptr) {
             std::exchange(m_playing, nullptr)->open = false;
         }
-        stop_timers();
+        uv_timer_stop(&m_end_timer);
         m_end_armed = false;
         m_state = State::stopped;
     }
@@ -458,7 +449,7 @@ class ScriptedDevice {
     }
 
     uv_loop_t m_loop{};
-    uv_timer_t m_resume_timer{}, m_lead_timer{}, m_end_timer{}, m_tick_timer{};
+    uv_timer_t m_resume_timer{}, m_end_timer{}, m_tick_timer{};
     std::thread::id m_loop_thread = std::this_thread::get_id();
     nuv_connect* m_core = nullptr;
     int m_calls_under_way = 0;

@@ -9,10 +9,9 @@
 #include <set>
 
 #include "local/content.h"
-#include "local/device_uuid.h"
 #include "local/playlist.h"
 #include "local/text.h"
-#include "local_core/audio_files.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -45,7 +44,7 @@ std::vector<std::string> paths_of(const std::vector<Track>& tracks) {
 }
 
 TEST(Content, AFolderIsItsAudioFilesInOrderHiddenOnesLeftOut) {
-    const TemporaryFolder folder;
+    const TempDir folder;
     for (const char* name : {"b.wav", "a/2.FLAC", "a/1.mp3", "cover.jpg", ".c.wav", ".d/e.wav"}) {
         folder.write(name, "");
     }
@@ -56,7 +55,7 @@ TEST(Content, AFolderIsItsAudioFilesInOrderHiddenOnesLeftOut) {
 }
 
 TEST(Content, APlaylistIsReadAgainstItsFolderAndWithoutRemoteEntries) {
-    const TemporaryFolder folder;
+    const TempDir folder;
     const std::string list = folder.write(
         "lists/L\xc3\xa4 x.m3u8",
         "#EXTINF:1,Caf\xe9\n../a.wav\nhttp://example.org/b.mp3\n/abs/c.wav\nfile:///d%20e.wav\n");
@@ -113,15 +112,6 @@ TEST(Order, EndsAtTheLastPlayableTrackUnlessTheListIsLooped) {
     session.mark_unplayable(2);
     session.set_modes(NUV_LOOP_MODE_ALL, false);
     EXPECT_EQ(session.follower(), std::nullopt);
-}
-
-TEST(DeviceUuid, IsStableWellFormedAndTheUnitsOwn) {
-    const std::string uuid = device_uuid("Maker", "Model", "0001", "0001");
-    EXPECT_EQ(uuid, device_uuid("Maker", "Model", "0001", "0001"));
-    EXPECT_NE(uuid, device_uuid("Maker", "Model", "0002", "0002"));
-    EXPECT_NE(uuid, device_uuid("Maker", "Model0", "001", "0001"));
-    EXPECT_THAT(uuid, testing::MatchesRegex(
-                          "[0-9a-f]{8}-[0-9a-f]{4}-8[0-9a-f]{3}-[89ab][0-9a-f]{3}-[0-9a-f]{12}"));
 }
 
 }  // namespace

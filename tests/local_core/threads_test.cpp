@@ -61,7 +61,7 @@ class Threads : public testing::Test {
             write_wav(folder, std::to_string(i) + ".wav", i == 2 ? 50 : 9000);
         }
     }
-    TemporaryFolder folder;
+    TempDir folder;
 };
 
 TEST_F(Threads, HammeringTheControlsBreaksNoPromise) {
