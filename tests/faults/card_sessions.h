@@ -11,6 +11,7 @@
 #include "faults/loop_watch.h"
 #include "faults/scripted_sdk.h"
 #include "media/audio_renderer.h"
+#include "temp_dir.h"
 #include "tools/simcard/simcard.h"
 
 class CardSessions : public testing::Test {
@@ -26,7 +27,6 @@ class CardSessions : public testing::Test {
         }
         uv_run(&loop_, UV_RUN_DEFAULT);
         EXPECT_EQ(uv_loop_close(&loop_), 0) << "a handle was left open";
-        std::filesystem::remove_all(directory_);
         alarm(0);
     }
 
@@ -40,7 +40,7 @@ class CardSessions : public testing::Test {
         return settings;
     }
     simcard::Card make_card(const simcard::Settings& settings) const {
-        simcard::Card card = simcard::Card::create(directory_, settings);
+        simcard::Card card = simcard::Card::create(directory_.path(), settings);
         card.use_in_this_process();
         return card;
     }
@@ -80,6 +80,5 @@ class CardSessions : public testing::Test {
     // A session is shorter than a second: some 20 wake-ups for room, a few timers.
     static constexpr uint64_t max_wake_ups = 300;
 
-    const std::filesystem::path directory_ =
-        std::filesystem::temp_directory_path() / ("card-sessions-" + std::to_string(getpid()));
+    const TempDir directory_;
 };

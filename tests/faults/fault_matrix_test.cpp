@@ -14,7 +14,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -49,18 +48,33 @@ enum class Outcome : char {
 };
 
 // The columns.
-enum class Moment {
-    open,    // before playback is initiated
-    mid,     // the sink waits for room
-    pause,   // the same, and playback pauses right afterwards, to be resumed
-    seek,    // the same, and a seek forward begins right afterwards
-    hand,    // the next track of the same format starts to flow behind the ending one
-    format,  // the ending track is drained, the next one has another format
-    tail,    // everything is queued, the end-of-track timers run
-    drain,   // the last track's rest is drained
+struct Moment {
+    const char* name;
+    Point point;
+    std::vector<Track> tracks;
+    // So slow a card that something is left to drain when the end-of-track timer fires.
+    bool is_slow = false;
+    enum Then { go_on, pause, seek } then = go_on;
 };
-constexpr std::array moment_names{"open", "mid",    "pause", "seek",
-                                  "hand", "format", "tail",  "drain"};
+
+const std::vector<Moment>& moments() {
+    static const std::vector<Moment> table = {
+        // Before playback is initiated.
+        {"open", Point::opening, {{cd, 400}}},
+        // The sink waits for room; after that playback pauses, to be resumed; or seeks forward.
+        {"mid", Point::waiting, {{cd, 400}}},
+        {"pause", Point::waiting, {{cd, 400}}, false, Moment::pause},
+        {"seek", Point::waiting, {{cd, 400}}, false, Moment::seek},
+        // The next track of the same format starts to flow behind the ending one.
+        {"hand", Point::handing_over, {{cd, 150}, {cd, 250}}},
+        // The ending track is drained, the next one has another format.
+        {"format", Point::changing_format, {{cd, 150}, {hi_res, 150}}, true},
+        // Everything is queued, the end-of-track timers run; then the rest is drained.
+        {"tail", Point::delivered, {{cd, 150}}, true},
+        {"drain", Point::draining, {{cd, 150}}, true},
+    };
+    return table;
+}
 
 struct Row {
     std::string name;
@@ -167,7 +181,7 @@ const std::vector<Row>& rows() {
 
 struct Cell {
     const Row* row;
-    Moment moment;
+    const Moment* moment;
     Outcome outcome;
     std::string name;
 };
@@ -177,11 +191,11 @@ void PrintTo(const Cell& cell, std::ostream* out) {
 
 std::vector<Cell> cells_of(const Row& row) {
     std::vector<Cell> cells;
-    for (size_t i = 0; i < moment_names.size(); ++i) {
+    for (size_t i = 0; i < moments().size(); ++i) {
+        const Moment& moment = moments()[i];
         const auto outcome = static_cast<Outcome>(row.outcomes.at(i));
         if (outcome != Outcome::does_not_occur) {
-            cells.push_back(
-                {&row, static_cast<Moment>(i), outcome, row.name + "_" + moment_names.at(i)});
+            cells.push_back({&row, &moment, outcome, row.name + "_" + moment.name});
         }
     }
     return cells;
@@ -202,7 +216,6 @@ std::vector<Cell> selected_cells() {
     return selected;
 }
 
-// So slow that something is left to drain when the end-of-track timer fires.
 constexpr double slow = 0.5;
 constexpr uint64_t max_calls = 1500;  // of the PCM, in a session
 
@@ -217,71 +230,30 @@ uint64_t pcm_calls(const simcard::Counters& counters) {
 class FaultMatrix : public CardSessions, public testing::WithParamInterface<Cell> {
   protected:
     // The first session of a cell.
-    static void play(const Cell& cell, Card& card, ScriptedSdk& sdk);
+    void play(const Cell& cell, Card& card, ScriptedSdk& sdk);
+
+    bool struck_ = false;
 };
 
-std::vector<Track> tracks_for(Moment moment) {
-    switch (moment) {
-        case Moment::hand:
-            return {{cd, 150}, {cd, 250}};
-        case Moment::format:
-            return {{cd, 150}, {hi_res, 150}};
-        case Moment::tail:
-        case Moment::drain:
-            return {{cd, 150}};
-        case Moment::open:
-        case Moment::mid:
-        case Moment::pause:
-        case Moment::seek:
-            break;
-    }
-    return {{cd, 400}};
-}
-
-Point point_of(Moment moment) {
-    switch (moment) {
-        case Moment::open:
-            return Point::opening;
-        case Moment::mid:
-        case Moment::pause:
-        case Moment::seek:
-            return Point::waiting;
-        case Moment::hand:
-            return Point::handing_over;
-        case Moment::format:
-            return Point::changing_format;
-        case Moment::tail:
-            return Point::delivered;
-        case Moment::drain:
-            return Point::draining;
-    }
-    return Point::opening;
-}
-
-bool ends_slowly(Moment moment) {
-    return moment == Moment::format || moment == Moment::tail || moment == Moment::drain;
-}
-
 void FaultMatrix::play(const Cell& cell, Card& card, ScriptedSdk& sdk) {
-    bool struck = false;
-    sdk.at([&, struck](Point point) mutable {
-        if (struck || point != point_of(cell.moment)) {
+    sdk.at([&](Point point) {
+        if (struck_ || point != cell.moment->point) {
             return;
         }
-        struck = true;
+        struck_ = true;
         if (cell.row->fault) {
             card.inject(*cell.row->fault);
         } else {
             cell.row->event(card);
         }
-        if (cell.moment == Moment::pause) {
+        if (cell.moment->then == Moment::pause) {
             sdk.pause_for(30);
-        } else if (cell.moment == Moment::seek) {
+        } else if (cell.moment->then == Moment::seek) {
             sdk.seek_ahead(50);
         }
     });
-    card.set_speed(ends_slowly(cell.moment) ? slow : speed);
-    sdk.play(tracks_for(cell.moment));
+    card.set_speed(cell.moment->is_slow ? slow : speed);
+    sdk.play(cell.moment->tracks);
 }
 
 void check(const Cell& cell, const Card& card, const ScriptedSdk& sdk) {
@@ -304,12 +276,12 @@ void check(const Cell& cell, const Card& card, const ScriptedSdk& sdk) {
         return;
     }
     uint64_t frames = 0;
-    for (const Track& track : tracks_for(cell.moment)) {
+    for (const Track& track : cell.moment->tracks) {
         frames += track.frames();
     }
     EXPECT_EQ(sdk.frames_taken() + sdk.frames_skipped(), frames) << "the tracks are taken whole";
     EXPECT_EQ(counters.frames_played + counters.frames_dropped, counters.frames_written);
-    const bool drops_itself = cell.moment == Moment::pause || cell.moment == Moment::seek;
+    const bool drops_itself = cell.moment->then != Moment::go_on;
     const bool loses_queue = cell.outcome != Outcome::silent;
     const uint64_t own_drops = drops_itself ? 1 : 0;
     EXPECT_GE(counters.drops, own_drops);
@@ -330,6 +302,7 @@ TEST_P(FaultMatrix, SessionEndsAsStatedAndTheNextOnePlays) {
         ScriptedSdk sdk(&loop_, renderer_);
         play(cell, card, sdk);
         run(sdk);
+        EXPECT_TRUE(struck_) << "the moment never came";
         check(cell, card, sdk);
     }
     EXPECT_LE(open_descriptors(), descriptors) << "a descriptor was left open";

@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -137,6 +138,10 @@ TEST_P(MixerFaultsWhilePlaying, PlaybackGoesOnAndTheControlIsWhatIsStated) {
         settle();
         sdk_sets(30, true);
         other_sets(card, 50, true);
+        const simcard::Counters counters = card.counters();
+        EXPECT_TRUE(!card.element_present() ||
+                    std::ranges::any_of(counters.faults, [](uint64_t times) { return times > 0; }))
+            << "the fault never struck";
         card.clear_faults();
         if (!card.element_present()) {
             card.restore_element();

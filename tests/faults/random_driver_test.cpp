@@ -6,19 +6,16 @@
 // any time: unknown streams, data after a pause, disposals in every state.
 //
 // 400,000 events by default, five million with NUVIO_LONG=1. NUVIO_SEED repeats a run.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <cstdlib>
 #include <deque>
 #include <optional>
 #include <random>
 #include <string>
 #include <vector>
 
+#include "faults/seed.h"
 #include "media/source/audio_source_private.h"
 #include "renderer/renderer_fixture.h"
 
@@ -60,35 +57,14 @@ struct Stream {
     bool delivered = false;  // as a whole
 };
 
-// Standard output goes nowhere while this lives: the renderer logs every event.
-class Silence {
-  public:
-    Silence() : saved_(dup(STDOUT_FILENO)) {
-        std::fflush(stdout);
-        const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
-        dup2(nowhere, STDOUT_FILENO);
-        close(nowhere);
-    }
-    ~Silence() {
-        std::fflush(stdout);
-        dup2(saved_, STDOUT_FILENO);
-        close(saved_);
-    }
-    Silence(const Silence&) = delete;
-    Silence& operator=(const Silence&) = delete;
-
-  private:
-    int saved_;
-};
-
 class RandomDriver : public RendererTest {
   protected:
     struct Event {
         const char* name;
         unsigned weight;
-        void (RandomDriver::*run)();
+        void (*run)(RandomDriver&);
         // Whether an orderly SDK could do it now; null: always.
-        bool (RandomDriver::*is_in_order)() const;
+        bool (*is_in_order)(const RandomDriver&);
     };
     static const std::vector<Event>& events();
 
@@ -114,56 +90,26 @@ class RandomDriver : public RendererTest {
     }
     bool has_stream() const { return !live_.empty(); }
     bool is(audio_renderer_state expected) const { return state() == expected; }
-
-    void start_stream();
-    bool may_start() const { return live_.size() < stream_limit_; }
-    void deliver();
-    bool may_deliver() const;
-    void end_stream();
-    bool may_end_stream() const;
-    void dispose_stream();
-    bool may_dispose() const;
-    void tell_metadata();
-
-    void begin_playback();
-    bool may_begin() const {
-        return has_stream() && is(AUDIO_RENDERER_STATE_STOPPED) && !ended_with_error_ &&
-               disposals_due_ == 0;
-    }
-    void pause_it() { pause(); }
-    bool may_pause() const { return is(AUDIO_RENDERER_STATE_PLAYING) && disposals_due_ == 0; }
-    void resume_it() { resume(); }
-    bool may_resume() const { return is(AUDIO_RENDERER_STATE_PAUSED); }
-    void stop_it() { stop(); }
-    bool may_stop() const { return !is(AUDIO_RENDERER_STATE_STOPPED); }
-    void announce() { announce_seek(); }
-    bool may_announce() const {
-        return (is(AUDIO_RENDERER_STATE_PLAYING) || is(AUDIO_RENDERER_STATE_PAUSED)) &&
-               disposals_due_ == 0;
-    }
-    void complete_seek();
     bool is_seeking() const {
         return is(AUDIO_RENDERER_STATE_PLAYING_SEEKING) || is(AUDIO_RENDERER_STATE_PAUSED_SEEKING);
     }
+    bool may_deliver() const;
+    bool may_dispose() const;
+    void start_stream();
+    void deliver();
+    void end_stream();
+    void dispose_stream();
+    void begin_playback();
+    void complete_seek();
     void ask_position();
     void change_controls();
 
     // ---- The device's side
 
-    void signal_room();
-    bool room_is_due() const { return fake_sink::state().waits_for_space; }
+    static bool room_is_due() { return fake_sink::state().waits_for_space; }
     void let_time_pass();
     void change_sink();
-    void turn_knobs() {
-        if (one_in(2)) {
-            fake_sink::change_volume(below(101));
-        } else {
-            fake_sink::change_mute_state(one_in(2));
-        }
-    }
     void let_calls_fail();
-    bool has_faults() const { return has_faults_; }
-    void change_host() { journal::host_allows_source = !one_in(4); }
 
     // ---- The run
 
@@ -206,25 +152,50 @@ class RandomDriver : public RendererTest {
 const std::vector<RandomDriver::Event>& RandomDriver::events() {
     using D = RandomDriver;
     static const std::vector<Event> table = {
-        {"start stream", 6, &D::start_stream, &D::may_start},
-        {"data", 40, &D::deliver, &D::may_deliver},
-        {"finished", 12, &D::end_stream, &D::may_end_stream},
-        {"dispose", 6, &D::dispose_stream, &D::may_dispose},
-        {"metadata", 1, &D::tell_metadata, &D::has_stream},
-        {"initiate", 10, &D::begin_playback, &D::may_begin},
-        {"pause", 4, &D::pause_it, &D::may_pause},
-        {"resume", 12, &D::resume_it, &D::may_resume},
-        {"stop", 1, &D::stop_it, &D::may_stop},
-        {"seek in progress", 3, &D::announce, &D::may_announce},
-        {"seeked", 12, &D::complete_seek, &D::is_seeking},
-        {"position", 4, &D::ask_position, nullptr},
-        {"controls", 3, &D::change_controls, nullptr},
-        {"space", 30, &D::signal_room, &D::room_is_due},
-        {"time", 12, &D::let_time_pass, nullptr},
-        {"sink", 8, &D::change_sink, nullptr},
-        {"knobs", 2, &D::turn_knobs, nullptr},
-        {"faults", 1, &D::let_calls_fail, &D::has_faults},
-        {"host", 1, &D::change_host, nullptr},
+        {"start stream", 6, [](D& d) { d.start_stream(); },
+         [](const D& d) { return d.live_.size() < d.stream_limit_; }},
+        {"data", 40, [](D& d) { d.deliver(); }, [](const D& d) { return d.may_deliver(); }},
+        {"finished", 12, [](D& d) { d.end_stream(); }, [](const D& d) { return d.may_deliver(); }},
+        {"dispose", 6, [](D& d) { d.dispose_stream(); },
+         [](const D& d) { return d.may_dispose(); }},
+        {"metadata", 1,
+         [](D& d) {
+             const nuv_stream_metadata metadata{"Title", "Artist", "Album", ""};
+             d.streams.metadata(d.core, d.some_id(), &metadata, d.streams.context);
+         },
+         [](const D& d) { return d.has_stream(); }},
+        {"initiate", 10, [](D& d) { d.begin_playback(); },
+         [](const D& d) {
+             return d.has_stream() && d.is(AUDIO_RENDERER_STATE_STOPPED) && !d.ended_with_error_ &&
+                    d.disposals_due_ == 0;
+         }},
+        {"pause", 4, [](D& d) { d.pause(); },
+         [](const D& d) { return d.is(AUDIO_RENDERER_STATE_PLAYING) && d.disposals_due_ == 0; }},
+        {"resume", 12, [](D& d) { d.resume(); },
+         [](const D& d) { return d.is(AUDIO_RENDERER_STATE_PAUSED); }},
+        {"stop", 1, [](D& d) { d.stop(); },
+         [](const D& d) { return !d.is(AUDIO_RENDERER_STATE_STOPPED); }},
+        {"seek in progress", 3, [](D& d) { d.announce_seek(); },
+         [](const D& d) {
+             return (d.is(AUDIO_RENDERER_STATE_PLAYING) || d.is(AUDIO_RENDERER_STATE_PAUSED)) &&
+                    d.disposals_due_ == 0;
+         }},
+        {"seeked", 12, [](D& d) { d.complete_seek(); }, [](const D& d) { return d.is_seeking(); }},
+        {"position", 4, [](D& d) { d.ask_position(); }, nullptr},
+        {"controls", 3, [](D& d) { d.change_controls(); }, nullptr},
+        {"space", 30,
+         [](D&) {
+             if (room_is_due()) {
+                 fake_sink::signal_space();
+             }
+         },
+         [](const D&) { return room_is_due(); }},
+        {"time", 12, [](D& d) { d.let_time_pass(); }, nullptr},
+        {"sink", 8, [](D& d) { d.change_sink(); }, nullptr},
+        {"volume", 1, [](D& d) { fake_sink::change_volume(d.below(101)); }, nullptr},
+        {"mute", 1, [](D& d) { fake_sink::change_mute_state(d.one_in(2)); }, nullptr},
+        {"faults", 1, [](D& d) { d.let_calls_fail(); }, [](const D& d) { return d.has_faults_; }},
+        {"host", 1, [](D& d) { journal::host_allows_source = !d.one_in(4); }, nullptr},
     };
     return table;
 }
@@ -271,12 +242,6 @@ void RandomDriver::deliver() {
     }
 }
 
-bool RandomDriver::may_end_stream() const {
-    return !is_seeking() && std::ranges::any_of(live_, [](const Stream& stream) {
-        return stream.open && !stream.delivered;
-    });
-}
-
 void RandomDriver::end_stream() {
     if (!is_orderly_) {
         finish(some_id());
@@ -308,11 +273,6 @@ void RandomDriver::dispose_stream() {
     std::erase_if(live_, [id](const Stream& stream) { return stream.id == id; });
     ended_with_error_ = ended_with_error_ && has_stream();
     dispose(id);
-}
-
-void RandomDriver::tell_metadata() {
-    const nuv_stream_metadata metadata{"Title", "Artist", "Album", ""};
-    streams.metadata(core, some_id(), &metadata, streams.context);
 }
 
 // ---- Playback ----------------------------------------------------------------------------------
@@ -369,12 +329,6 @@ void RandomDriver::change_controls() {
 
 // ---- Device ------------------------------------------------------------------------------------
 
-void RandomDriver::signal_room() {
-    if (room_is_due()) {
-        fake_sink::signal_space();
-    }
-}
-
 // Every timer that runs is due.
 void RandomDriver::let_time_pass() {
     for (const auto& owner :
@@ -429,7 +383,7 @@ void RandomDriver::end_episode() {
 
 void RandomDriver::run_event(const Event& event) {
     trace_.push_back(event.name);
-    (this->*event.run)();
+    event.run(*this);
     follow_journal();
     check();
     if (trace_.back() == std::string("time")) {
@@ -453,7 +407,7 @@ void RandomDriver::run_episode() {
     std::discrete_distribution<size_t> draw(weights.begin(), weights.end());
     for (size_t i = 0; i < events_an_episode && is_whole(); ++i) {
         const Event& event = events()[draw(random_)];
-        const bool in_order = event.is_in_order == nullptr || (this->*event.is_in_order)();
+        const bool in_order = event.is_in_order == nullptr || event.is_in_order(*this);
         if (in_order || !is_orderly_) {
             run_event(event);
         }
@@ -544,7 +498,7 @@ void RandomDriver::play_to_the_end() {
              {"seeked", "resume", "space", "data", "finished", "dispose", "time"}) {
             const Event due = event(name);
             const bool withdraws = std::string(name) == "dispose" && disposals_due_ == 0;
-            if ((due.is_in_order == nullptr || (this->*due.is_in_order)()) && !withdraws) {
+            if ((due.is_in_order == nullptr || due.is_in_order(*this)) && !withdraws) {
                 run_event(due);
             }
         }
@@ -566,17 +520,13 @@ void RandomDriver::tell_story(const char* broken) {
 }
 
 TEST_F(RandomDriver, RendererStaysInOnePieceWhateverComes) {
-    const char* given = std::getenv("NUVIO_SEED");
-    const uint64_t seed =
-        given != nullptr ? std::strtoull(given, nullptr, 10) : std::random_device()();
-    const size_t wanted = std::getenv("NUVIO_LONG") != nullptr ? long_events : default_events;
+    const uint64_t seed = draw_seed();
+    const size_t wanted = how_many(default_events, long_events);
     random_.seed(seed);
-    std::printf("NUVIO_SEED=%llu\n", static_cast<unsigned long long>(seed));
-    {
-        const Silence silence;
-        while (count_ < wanted && is_whole()) {
-            run_episode();
-        }
+    while (count_ < wanted && is_whole()) {
+        testing::internal::CaptureStdout();  // the renderer logs every event
+        run_episode();
+        testing::internal::GetCapturedStdout();
     }
     std::printf("%zu events\n", count_);
     EXPECT_TRUE(is_whole()) << "NUVIO_SEED=" << seed << ": " << story_;

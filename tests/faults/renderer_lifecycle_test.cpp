@@ -1,12 +1,10 @@
 // The renderer is freed, its sink open or not, at any moment of a session; the next one plays.
 #include <gtest/gtest.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <random>
 #include <utility>
 
 #include "faults/card_sessions.h"
+#include "faults/seed.h"
 
 namespace {
 
@@ -21,28 +19,24 @@ class RendererLifecycle : public CardSessions {
 };
 
 TEST_F(RendererLifecycle, EndsAtAnyMomentOfASessionAndTheNextOnePlays) {
-    const char* given = std::getenv("NUVIO_SEED");
-    const unsigned seed = given != nullptr ? static_cast<unsigned>(std::strtoul(given, nullptr, 10))
-                                           : std::random_device()();
-    std::printf("NUVIO_SEED=%u\n", seed);
-    std::mt19937 random(seed);
-    const int rounds = std::getenv("NUVIO_LONG") != nullptr ? 300 : 20;
+    std::mt19937_64 random(draw_seed());
+    const size_t rounds = how_many(20, 300);
     simcard::Card card = make_card(settings());
     size_t descriptors = 0;
-    for (int round = 0; round < rounds; ++round) {
+    for (size_t round = 0; round < rounds; ++round) {
         alarm(60);
         make_renderer();
         {
             ScriptedSdk sdk(&loop_, renderer_);
             sdk.at([&](Point point) {
                 if (point == Point::waiting && random() % 3 == 0) {
-                    sdk.pause_for(random() % 50);
+                    sdk.pause_for(static_cast<unsigned>(random() % 50));
                 } else if (point == Point::waiting && random() % 3 == 0) {
                     sdk.seek_ahead(20);
                 }
             });
             sdk.play({{cd, 200}, {cd, 150}, {hi_res, 150}});
-            run_for(random() % 500);
+            run_for(static_cast<unsigned>(random() % 500));
         }
         audio_renderer_free(std::exchange(renderer_, nullptr));
         settle();
