@@ -1,33 +1,31 @@
 """The advertiser on a real network: two hosts joined by a veth pair, each with its own D-Bus and
 Avahi daemon, and avahi-browse as the controller.
 
-usage: advertising_test.py ADVERTISER_HOST FIND_DIRECTORY [unittest arguments]
-NUVIO_EMULATOR is the command that runs ADVERTISER_HOST when it is another machine's program.
+usage: advertising_test.py [unittest arguments]
 
 Everything runs in namespaces made here (network, mounts, processes): when this program ends, in
 whatever way, the kernel ends all that it started and drops interfaces and files with them. Ends
 with 77 (skipped) where such namespaces cannot be made.
 """
 
-import http.server
+import functools
 import itertools
-import json
 import os
 import pathlib
 import re
-import shlex
 import signal
-import socket
-import struct
 import subprocess
 import sys
-import threading
 import time
 import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+import device as e2e  # noqa: E402
 
 SKIPPED = 77
 INSIDE = "--inside-namespaces"
 RUN = pathlib.Path("/run")  # a tmpfs of our own
+OWN_DAEMON = pathlib.Path(__file__).resolve().parents[2] / "tools/run/own_daemon.sh"
 SERVICE_TYPE = "_nuvio-connect._tcp"
 UUID = "0a1b2c3d-0000-4000-8000-000000000001"
 ENTRIES = ["path=/", f"device_uuid={UUID}", "sdk_version=1.2.3", "type=SPEAKER"]
@@ -37,17 +35,8 @@ TXT = " ".join(f'"{entry}"' for entry in reversed(ENTRIES))
 PATIENCE_S = 60
 BROWSE_S = 10
 IDLE_S = 4
+wait_for = functools.partial(e2e.wait_for, seconds=PATIENCE_S)
 
-BUS_CONFIG = """
-<busconfig>
-  <type>system</type>
-  <listen>unix:path={directory}/bus</listen>
-  <auth>EXTERNAL</auth>
-  <policy context="default">
-    <allow user="*"/><allow own="*"/><allow send_destination="*"/><allow receive_sender="*"/>
-  </policy>
-</busconfig>
-"""
 AVAHI_CONFIG = """
 [server]
 host-name={name}
@@ -56,15 +45,6 @@ allow-interfaces={interface}
 publish-workstation=no
 publish-hinfo=no
 """
-
-
-def wait_for(what, condition):
-    deadline = time.monotonic() + PATIENCE_S
-    while time.monotonic() < deadline:
-        if condition():
-            return
-        time.sleep(0.1)
-    raise AssertionError(f"not within {PATIENCE_S} s: {what}")
 
 
 class Host:
@@ -76,9 +56,8 @@ class Host:
         self.directory.mkdir()
         self.prefix = ["nsenter", f"--target={process}", "--net", "--mount", "--"]
         self.environment = {
-            **os.environ, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={self.directory}/bus"}
+            **os.environ, "DBUS_SYSTEM_BUS_ADDRESS": f"unix:path={self.directory}/system-bus"}
         self.bus = self.avahi = None
-        (self.directory / "bus.conf").write_text(BUS_CONFIG.format(directory=self.directory))
         (self.directory / "avahi.conf").write_text(
             AVAHI_CONFIG.format(name=name, interface=interface))
         for command in (f"ip address add {address}/24 dev {interface}",
@@ -92,10 +71,10 @@ class Host:
                                     stdout=output, stderr=output, **options)
 
     def start_bus(self):
-        (self.directory / "bus").unlink(missing_ok=True)
-        self.bus = self.spawn(self.directory / "bus.log", "dbus-daemon", "--nofork", "--nopidfile",
-                              f"--config-file={self.directory}/bus.conf")
-        wait_for("a bus", (self.directory / "bus").exists)
+        socket = self.directory / "system-bus"
+        socket.unlink(missing_ok=True)
+        self.bus = self.spawn(self.directory / "bus.log", OWN_DAEMON, "system-bus", self.directory)
+        wait_for("a bus", socket.exists)
 
     def start_avahi(self):
         self.avahi = self.spawn(
@@ -142,12 +121,11 @@ class Host:
 class Device:
     """A running advertiser_host."""
 
-    command = []
     numbers = itertools.count(1)
 
     def __init__(self, host, *commands):
         self.log = host.directory / f"device-{next(self.numbers)}.log"
-        self.process = host.spawn(self.log, *self.command, stdin=subprocess.PIPE)
+        self.process = host.spawn(self.log, *e2e.program("advertiser_host"), stdin=subprocess.PIPE)
         self.tell(*commands)
 
     def tell(self, *commands):
@@ -171,42 +149,6 @@ class Device:
     def kill(self):
         self.process.kill()
         self.process.wait(PATIENCE_S)
-
-
-class LocalServer(http.server.BaseHTTPRequestHandler):
-    """Answers as a device does, and keeps what was posted."""
-
-    posted = []
-
-    def do_GET(self):
-        self.answer(f'{{"asked": "{self.path}"}}'.encode())
-
-    def do_POST(self):
-        body = self.rfile.read(int(self.headers["Content-Length"]))
-        self.posted.append((self.path, json.loads(body)))
-        self.answer(b"")
-
-    def answer(self, body):
-        self.send_response(200)
-        self.send_header("Content-Length", str(len(body)))
-        self.end_headers()
-        self.wfile.write(body)
-
-    def log_message(self, *_):
-        pass
-
-
-def txt_on_the_wire(name, own_address):
-    """The answer to a one-shot multicast query for an instance's TXT record."""
-    labels = [name, *SERVICE_TYPE.split("."), "local"]
-    question = b"".join(bytes([len(label)]) + label.encode() for label in labels)
-    query = struct.pack("!6H", 1, 0, 1, 0, 0, 0) + question + struct.pack("!BHH", 0, 16, 1)
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as querier:
-        interface = socket.inet_aton(own_address)
-        querier.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, interface)
-        querier.settimeout(PATIENCE_S)
-        querier.sendto(query, ("224.0.0.251", 5353))
-        return querier.recv(9000)
 
 
 class Advertising(unittest.TestCase):
@@ -242,8 +184,6 @@ class Advertising(unittest.TestCase):
     def test_publishes_what_is_asked_for_as_long_as_it_is_asked_for(self):
         device = self.device(self.b, "stop", "port 4711", "start Kitchen")
         self.a.sees_kitchen_as({"IPv4", "IPv6"}, 4711)
-        self.assertIn(b"".join(bytes([len(entry)]) + entry.encode() for entry in ENTRIES),
-                      txt_on_the_wire("Kitchen", self.a.address))
         self.assert_sleeps(device)
         device.tell("stop", "start Bath.")
         self.a.sees("Bath\\.")
@@ -318,30 +258,6 @@ class Advertising(unittest.TestCase):
         device.says("to the Avahi entry group: Invalid service name")
         self.assertTrue(device.end())
 
-    def test_find_shows_the_device_and_connect_hands_it_a_session(self):
-        server = http.server.ThreadingHTTPServer((self.a.address, 0), LocalServer)
-        threading.Thread(target=server.serve_forever, daemon=True).start()
-        self.device(self.a, f"port {server.server_port}", "start Bath & Böden.")
-        self.a.sees("Bath\\032\\038\\032B\\195\\182den\\.")
-        shown = self.controller("find").stdout
-        for part in ("Bath & Böden.\n", f"{self.a.address} port {server.server_port}\n",
-                     "\n".join(f"  TXT      {entry}" for entry in ENTRIES),
-                     '{"asked": "/get-display-info"}', '{"asked": "/get-connect-info"}'):
-            self.assertIn(part, shown)
-        self.controller("connect", "Bath & Böden.", "file:///music/a.flac")
-        (path, session), = LocalServer.posted
-        self.assertEqual(path, "/connect-to-nconnect")
-        self.assertEqual(session["jwt_api"]["endpoint"], "file:///music/a.flac")
-        self.assertGreater(session["jwt_api"]["exp"], time.time())
-        self.assertIs(session["become_active"], True)
-        unknown = self.controller("connect", "Kitchen", "x")
-        self.assertEqual(unknown.returncode, 1)
-        self.assertIn("found: 'Bath & Böden.'", unknown.stderr)
-
-    def controller(self, command, *arguments):
-        return subprocess.run([self.find_directory / command, *arguments], check=False,
-                              env=self.a.environment, capture_output=True, text=True)
-
 
 def main():
     namespaces = ["unshare", "--net", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc",
@@ -355,9 +271,6 @@ def main():
             sys.exit(SKIPPED)
         os.execvp(namespaces[0], [*namespaces, sys.executable, *sys.argv, INSIDE])
     sys.argv.remove(INSIDE)
-    Device.command = [*shlex.split(os.environ.get("NUVIO_EMULATOR", "")),
-                      os.path.abspath(sys.argv.pop(1))]
-    Advertising.find_directory = pathlib.Path(sys.argv.pop(1)).resolve()
     unittest.main(verbosity=2, warnings="ignore")
 
 

@@ -238,6 +238,9 @@ class DeviceTest(unittest.TestCase):
     def log_count(self, text):
         return self.log().count(text)
 
+    def wait_for_log(self, text, count=1):
+        wait_for(f"log: {text}", lambda: self.log_count(text) >= count)
+
     def position(self):
         return float(self.player("position") or 0)
 

@@ -10,9 +10,12 @@ from device import DeviceTest, signal_samples, wait_for, write_wav
 TOOLS = pathlib.Path(__file__).parents[2] / "tools"
 FIND = TOOLS / "find/find"
 OWN_DAEMON = TOOLS / "run/own_daemon.sh"
+NAME = "Bath & Böden."
 
 
 class Discovery(DeviceTest):
+    settings = {"host.friendly_name": NAME}
+
     def setUp(self):
         super().setUp()
         if os.geteuid() != 0 or subprocess.run(["unshare", "--mount", "true"],
@@ -30,14 +33,17 @@ class Discovery(DeviceTest):
         self.addCleanup(self.end, self.avahi)
 
     def found(self):
-        return "Kitchen" in (self.run_tool(FIND, check=False) or "")
+        return NAME in (self.run_tool(FIND, check=False) or "")
 
     def test_a_restarted_avahi_daemon_has_the_device_again_and_the_music_does_not_notice(self):
         write_wav(self.music / "long.wav", signal_samples(40 * 96000, 0, 96000, 3_000_000), 96000,
                   sample_bytes=3)
         self.start()
         wait_for("found", self.found)
-        self.play(self.music)
+        self.assertIn(f'"friendly_name":"{NAME}"', self.run_tool(FIND))
+        self.run_tool(FIND.with_name("connect"), NAME, self.music)
+        wait_for("sound", lambda: self.player("status") == "Playing" and self.position() > 0.2)
+        self.assertIsNone(self.run_tool(FIND.with_name("connect"), "Kitchen", "x", check=False))
         for end in signal.SIGKILL, signal.SIGTERM:
             self.avahi.send_signal(end)
             self.avahi.wait()

@@ -21,9 +21,6 @@ class HostTest(DeviceTest):
     def panel(self, *words):
         return self.run_tool(PANEL, *words)
 
-    def wait_for_log(self, text, count=1):
-        wait_for(f"log: {text}", lambda: self.log_count(text) >= count)
-
     def wait_for_status(self, status):
         wait_for(f"status {status}", lambda: self.player("status") == status)
 
@@ -111,29 +108,6 @@ class NowPlaying(HostTest):
         self.wait_for_end()
         self.wait_for_status("Stopped")
         wait_for("nothing shown", lambda: "xesam:title" not in self.metadata())
-
-    def test_loop_and_shuffle_are_what_the_player_asked_for(self):
-        self.start()
-        self.play(self.music)
-        for mode in "Track", "Playlist", "None":
-            self.player("loop", mode)
-            wait_for(f"loop {mode}", lambda: self.player("loop") == mode)
-        self.player("loop", "Track")
-        wait_for("loop Track", lambda: self.player("loop") == "Track")
-        self.player("position", "38.5")
-        wait_for("the track from its start", lambda: self.log_count("Playback has finished") and
-                 0 < self.position() < 10)
-        wait_for("the same title", lambda: "track 0" in self.metadata())
-
-    def test_the_position_moves_by_the_second_and_stands_still_in_a_pause(self):
-        self.start()
-        self.play(self.music)
-        wait_for("third second", lambda: self.position() >= 3)
-        self.player("pause")
-        self.wait_for_status("Paused")
-        held = self.position()
-        self.player("position", "10+")
-        wait_for("ten seconds on", lambda: held + 9 < self.position() < held + 12)
 
 
 class Network(HostTest):

@@ -42,9 +42,6 @@ class Lifecycle(DeviceTest):
             write_wav(folder / f"{n}.wav", signal_samples(rate, 0, rate), rate, sample_bytes)
         return folder
 
-    def wait_for_log(self, text):
-        wait_for(f"log: {text}", lambda: text in self.log())
-
     # ---- Where the end finds the device: each returns the longest time it waits there, in s --
 
     def starting(self):
