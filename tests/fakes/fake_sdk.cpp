@@ -139,31 +139,36 @@ nuv_error nuv_connect_connect(nuv_connect*, const char* session_id, const char* 
                   nconnect_jwt, nconnect_exp, become_active);
 }
 
-nuv_error nuv_connect_get_session_id(nuv_connect*, const char** session_id) {
-    return answer("get_session_id", session_id, &Values::session_id);
-}
-nuv_error nuv_connect_get_device_uuid(nuv_connect*, const char** uuid) {
-    return answer("get_device_uuid", uuid, &Values::uuid);
-}
+// The calls without an argument, and the queries.
+#define NUV_RECORDED(name)                       \
+    nuv_error nuv_connect_##name(nuv_connect*) { \
+        return record(#name);                    \
+    }
+#define NUV_ANSWERED(name, value)                                              \
+    nuv_error nuv_connect_##name(nuv_connect*, decltype(Values::value)* out) { \
+        return answer(#name, out, &Values::value);                             \
+    }
+NUV_RECORDED(pause_playback)
+NUV_RECORDED(resume_playback)
+NUV_RECORDED(stop_playback)
+NUV_RECORDED(next_track)
+NUV_RECORDED(previous_track)
+NUV_RECORDED(deactivate_and_disconnect_renderer)
+NUV_RECORDED(notify_playback_paused)
+NUV_RECORDED(notify_playback_resumed)
+NUV_RECORDED(notify_playback_stopped)
+NUV_RECORDED(notify_playback_error)
+NUV_ANSWERED(get_session_id, session_id)
+NUV_ANSWERED(get_device_uuid, uuid)
+NUV_ANSWERED(get_volume, volume)
+NUV_ANSWERED(get_mute_state, muted)
+NUV_ANSWERED(get_shuffle_mode, shuffle)
+NUV_ANSWERED(get_loop_mode, loop_mode)
+NUV_ANSWERED(get_renderer_active_state, active)
+NUV_ANSWERED(get_playback_state, playback_state)
+#undef NUV_RECORDED
+#undef NUV_ANSWERED
 
-nuv_error nuv_connect_pause_playback(nuv_connect*) {
-    return record("pause_playback");
-}
-nuv_error nuv_connect_resume_playback(nuv_connect*) {
-    return record("resume_playback");
-}
-nuv_error nuv_connect_stop_playback(nuv_connect*) {
-    return record("stop_playback");
-}
-nuv_error nuv_connect_next_track(nuv_connect*) {
-    return record("next_track");
-}
-nuv_error nuv_connect_previous_track(nuv_connect*) {
-    return record("previous_track");
-}
-nuv_error nuv_connect_deactivate_and_disconnect_renderer(nuv_connect*) {
-    return record("deactivate_and_disconnect_renderer");
-}
 nuv_error nuv_connect_set_volume(nuv_connect*, uint32_t volume) {
     return record("set_volume", volume);
 }
@@ -183,24 +188,6 @@ nuv_error nuv_connect_set_device_name(nuv_connect*, const char* device_name) {
     return record("set_device_name", device_name);
 }
 
-nuv_error nuv_connect_get_volume(nuv_connect*, uint32_t* volume) {
-    return answer("get_volume", volume, &Values::volume);
-}
-nuv_error nuv_connect_get_mute_state(nuv_connect*, bool* muted) {
-    return answer("get_mute_state", muted, &Values::muted);
-}
-nuv_error nuv_connect_get_shuffle_mode(nuv_connect*, bool* shuffle) {
-    return answer("get_shuffle_mode", shuffle, &Values::shuffle);
-}
-nuv_error nuv_connect_get_loop_mode(nuv_connect*, nuv_loop_mode* loop_mode) {
-    return answer("get_loop_mode", loop_mode, &Values::loop_mode);
-}
-nuv_error nuv_connect_get_renderer_active_state(nuv_connect*, bool* active) {
-    return answer("get_renderer_active_state", active, &Values::active);
-}
-nuv_error nuv_connect_get_playback_state(nuv_connect*, nuv_playback_state* state) {
-    return answer("get_playback_state", state, &Values::playback_state);
-}
 nuv_error nuv_connect_get_stream_metadata(nuv_connect*, uint64_t, nuv_stream_metadata* metadata) {
     return answer("get_stream_metadata", metadata, &Values::metadata);
 }
@@ -208,18 +195,6 @@ nuv_error nuv_connect_get_stream_metadata(nuv_connect*, uint64_t, nuv_stream_met
 nuv_error nuv_connect_notify_playback_initiated(nuv_connect*, nuv_audio_format format) {
     return record("notify_playback_initiated", format.sample_rate, format.channel_count,
                   static_cast<int>(format.sample_format));
-}
-nuv_error nuv_connect_notify_playback_paused(nuv_connect*) {
-    return record("notify_playback_paused");
-}
-nuv_error nuv_connect_notify_playback_resumed(nuv_connect*) {
-    return record("notify_playback_resumed");
-}
-nuv_error nuv_connect_notify_playback_stopped(nuv_connect*) {
-    return record("notify_playback_stopped");
-}
-nuv_error nuv_connect_notify_playback_error(nuv_connect*) {
-    return record("notify_playback_error");
 }
 nuv_error nuv_connect_notify_playback_finished(nuv_connect*, bool no_next_track) {
     return record("notify_playback_finished", no_next_track);
