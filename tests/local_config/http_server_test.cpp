@@ -8,7 +8,6 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
-#include <uv.h>
 
 #include <atomic>
 #include <chrono>
@@ -23,6 +22,7 @@
 #include <vector>
 
 #include "fakes/fake_sdk.h"
+#include "loop_fixture.h"
 
 nuv_audio_quality audio_renderer_get_maximum_supported_audio_quality(audio_renderer*) {
     return NUV_AUDIO_QUALITY_CD;
@@ -108,18 +108,13 @@ const std::string SESSION =
 constexpr const char* OK = "HTTP/1.1 200 OK";
 constexpr const char* CONNECT_CALL = "connect s1 file:///a t1 11 wss://b t2 12 true";
 
-class HttpServer : public testing::Test {
+class HttpServer : public LoopTest {
   protected:
     HttpServer() {
         fake_sdk::reset();
-        uv_loop_init(&m_loop);
         create("Kitchen");
     }
-    ~HttpServer() override {
-        free_server();
-        uv_run(&m_loop, UV_RUN_DEFAULT);
-        EXPECT_EQ(uv_loop_close(&m_loop), 0) << "a handle was left open";
-    }
+    ~HttpServer() override { free_server(); }
 
     void create(std::string name) {
         free_server();
@@ -127,7 +122,7 @@ class HttpServer : public testing::Test {
         m_info = device_info_new(m_name.c_str(), NUV_DEVICE_TYPE_SPEAKER, "Maker", "Model \"X\"",
                                  "00:01", "app-1", "secret");
         m_server =
-            http_server_new(&m_loop, m_port, m_info, reinterpret_cast<audio_renderer*>(&m_port));
+            http_server_new(&loop_, m_port, m_info, reinterpret_cast<audio_renderer*>(&m_port));
         http_server_set_core(m_server, fake_sdk::core());
     }
     void free_server() {
@@ -145,18 +140,6 @@ class HttpServer : public testing::Test {
         delegate.stop(fake_sdk::core(), delegate.context);
     }
 
-    // Runs the loop until the condition holds; false when it does not within ten seconds.
-    template <typename Condition>
-    bool run_until(Condition condition) {
-        for (const auto end = Clock::now() + std::chrono::seconds(10); Clock::now() < end;) {
-            uv_run(&m_loop, UV_RUN_NOWAIT);
-            if (condition()) {
-                return true;
-            }
-            std::this_thread::sleep_for(1ms);
-        }
-        return false;
-    }
     // What the server answers while the loop runs.
     std::string answer_to(const Peer& peer) {
         auto answer = std::async(std::launch::async, [&] { return peer.receive(); });
@@ -171,7 +154,6 @@ class HttpServer : public testing::Test {
     }
 
     uint16_t m_port = free_port();
-    uv_loop_t m_loop{};
     std::string m_name;
     device_info* m_info = nullptr;
     http_server* m_server = nullptr;
@@ -304,7 +286,7 @@ TEST_F(HttpServer, StartRightAfterStopWaitsItsTurnAndAStopInBetweenCancelsIt) {
     stop();
     stop();
     EXPECT_TRUE(run_until([&] { return !Peer(m_port).is_connected(); }));
-    run_until([end = Clock::now() + 50ms] { return Clock::now() > end; });
+    run_for(50ms);
     EXPECT_FALSE(Peer(m_port).is_connected());
     start();
     EXPECT_TRUE(comes_up());
@@ -367,8 +349,7 @@ TEST_F(HttpServer, StopsAndStartsAtAnyMomentOfARequest) {
     }
     std::mt19937 random(1);
     for (int round = 0; round < 100; ++round) {
-        const auto end = Clock::now() + std::chrono::microseconds(random() % 20'000);
-        run_until([&] { return Clock::now() > end; });
+        run_for(std::chrono::milliseconds(random() % 20));
         round % 2 == 0 ? stop() : start();
     }
     EXPECT_TRUE(comes_up());
@@ -405,16 +386,16 @@ TEST_F(HttpServer, FreeIsQuickAndLeavesNoSocketWhateverThePeersDo) {
 TEST_F(HttpServer, LoopSleepsOnceNobodyIsConnected) {
     start();
     EXPECT_THAT(get("/get-connect-info"), StartsWith(OK));
-    run_until([end = Clock::now() + 2s] { return Clock::now() > end; });
+    run_for(2s);
     uv_timer_t second;
-    uv_timer_init(&m_loop, &second);
+    uv_timer_init(&loop_, &second);
     uv_timer_start(
         &second, [](uv_timer_t*) {}, 1000, 0);
-    uv_run(&m_loop, UV_RUN_ONCE);
+    uv_run(&loop_, UV_RUN_ONCE);
     EXPECT_FALSE(uv_is_active(reinterpret_cast<uv_handle_t*>(&second)))
         << "woken by something else";
     uv_close(reinterpret_cast<uv_handle_t*>(&second), nullptr);
-    uv_run(&m_loop, UV_RUN_NOWAIT);
+    uv_run(&loop_, UV_RUN_NOWAIT);
 }
 
 }  // namespace

@@ -2,13 +2,16 @@
 // as fast as the machine can follow: counts and positions beyond 32 bits, and nothing used up.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cinttypes>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -16,7 +19,7 @@
 #include "fakes/fake_sdk.h"
 #include "media/audio_renderer.h"
 #include "platform/Environment.h"
-#include "soak/process_figures.h"
+#include "temp_dir.h"
 #include "tools/simcard/simcard.h"
 #include "utility/uv_utilities.h"
 
@@ -51,6 +54,49 @@ void host_report_shuffle_repeat() {}
 void host_report_playback_status(int /*status*/) {}
 
 namespace {
+
+// ---- What a long run must not use up -----------------------------------------------------------
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool has_sanitizer = true;
+#else
+constexpr bool has_sanitizer = false;
+#endif
+
+// 0 when the kernel does not tell.
+uint64_t anonymous_memory_kib() {
+    std::ifstream status("/proc/self/status");
+    const std::string key = "RssAnon:";
+    for (std::string line; std::getline(status, line);) {
+        if (line.starts_with(key)) {
+            return std::stoull(line.substr(key.size()));
+        }
+    }
+    return 0;
+}
+
+struct ProcessFigures {
+    uint64_t memory_kib = anonymous_memory_kib();
+    size_t descriptors = entries("/proc/self/fd");
+    size_t threads = entries("/proc/self/task");
+
+    static size_t entries(const char* directory) {
+        const std::filesystem::directory_iterator all(directory);
+        return static_cast<size_t>(std::distance(begin(all), end(all)));
+    }
+};
+
+// Prints what a run used from `before` to `after`.
+void report(double hours, std::chrono::steady_clock::time_point since, const ProcessFigures& before,
+            const ProcessFigures& after) {
+    const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - since;
+    std::printf("soak: %.2f h of audio in %.1f s; memory %" PRIu64 " -> %" PRIu64
+                " KiB, descriptors %zu -> %zu, threads %zu -> %zu\n",
+                hours, wall.count(), before.memory_kib, after.memory_kib, before.descriptors,
+                after.descriptors, before.threads, after.threads);
+}
+
+// ---- The stream --------------------------------------------------------------------------------
 
 constexpr nuv_audio_format format{192000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
 constexpr size_t frame_bytes = 8;
@@ -167,7 +213,6 @@ class LongStream : public testing::Test {
         audio_renderer_free(renderer_);
         uv_run(&loop_, UV_RUN_DEFAULT);
         EXPECT_EQ(uv_loop_close(&loop_), 0);
-        std::filesystem::remove_all(directory_);
     }
 
     void run(const OneStream& stream) {
@@ -197,9 +242,8 @@ class LongStream : public testing::Test {
         return settings;
     }
 
-    const std::filesystem::path directory_ =
-        std::filesystem::temp_directory_path() / ("long-stream-" + std::to_string(getpid()));
-    simcard::Card card_ = simcard::Card::create(directory_, fast_card());
+    const TempDir directory_;
+    simcard::Card card_ = simcard::Card::create(directory_.path(), fast_card());
     uv_loop_t loop_{};
     audio_renderer* renderer_ = nullptr;
 };

@@ -97,8 +97,6 @@ TEST(LogDelegate, CallsThatFailInTurnWithoutEndAreCountedInsteadOfWritten) {
         }
     }
     ASSERT_EQ(ends.size(), 2 * repeat_filter::kPassing + 3);
-    EXPECT_EQ(ends[0], "ERROR SampleApp: write failed");
-    EXPECT_EQ(ends[1], "WARNING Other: trying again");
     EXPECT_THAT(ends, testing::IsSupersetOf({"ERROR SampleApp: write failed (990 more times)",
                                              "WARNING Other: trying again (990 more times)"}));
     EXPECT_EQ(ends.back(), "ERROR SampleApp: last");
