@@ -205,6 +205,7 @@ choose_card
 start_bus
 start_discovery
 start_device
+show_buses
 show_discovery
 hand_over_session
 if follow_session; then
