@@ -1,6 +1,5 @@
 #include "local/core.h"
 
-#include <algorithm>
 #include <memory>
 #include <utility>
 
@@ -15,18 +14,6 @@ namespace {
 
 constexpr char kServiceName[] = "_nuvio-connect._tcp";
 constexpr size_t kMaxInstanceNameBytes = 63;  // a DNS label
-
-// The part of the name that the network can be told.
-std::string instance_name(const std::string& name) {
-    size_t end = std::min(name.size(), kMaxInstanceNameBytes);
-    const auto cuts_character = [&] {
-        return end > 0 && end < name.size() && (static_cast<uint8_t>(name[end]) & 0xC0) == 0x80;
-    };
-    while (cuts_character()) {
-        --end;
-    }
-    return name.substr(0, end);
-}
 
 }  // namespace
 
@@ -123,8 +110,8 @@ bool Core::advertise() {
         advertising.stop(m_handle, advertising.context);
     }
     m_advertised_name = m_settings.device_name;
-    advertising.start(m_handle, instance_name(m_advertised_name).c_str(), kServiceName,
-                      advertising.context);
+    advertising.start(m_handle, beginning(m_advertised_name, kMaxInstanceNameBytes).c_str(),
+                      kServiceName, advertising.context);
     return true;
 }
 
@@ -139,6 +126,9 @@ bool Core::report_player() {
     }
     if (!changed && !begun) {
         return false;
+    }
+    if (begun) {
+        m_reported.volume.reset();  // the device may have listened to none before its first session
     }
     const nuv_media_delegate& media = m_config.media_delegate;
     const nuv_renderer_state_delegate& renderer = m_config.renderer_state_delegate;

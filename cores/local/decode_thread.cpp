@@ -32,9 +32,8 @@ class SignalsBlocked {
     sigset_t m_before{};
 };
 
-size_t bytes_of_ms(const TrackInfo& info, uint64_t ms) {
-    return std::max<size_t>(static_cast<size_t>(info.format.sample_rate * ms / 1000), 1) *
-           info.frame_bytes;
+uint64_t bytes_of_ms(const TrackInfo& info, uint64_t ms) {
+    return std::max<uint64_t>(info.format.sample_rate * ms / 1000, 1) * info.frame_bytes;
 }
 
 }  // namespace
@@ -49,9 +48,10 @@ class TrackPipe {
     // How many bytes go into a block, and how many blocks get the pipe kAheadMs ahead.
     void plan_blocks() {
         const TrackInfo& info = m_decoder->info();
-        m_fill_bytes = std::min(DecodeThread::kBlockBytes, bytes_of_ms(info, kMaxBlockMs));
-        m_blocks_ahead =
-            std::clamp<size_t>(bytes_of_ms(info, kAheadMs) / m_fill_bytes, 2, kMaxBlocksInFront);
+        m_fill_bytes = static_cast<size_t>(
+            std::min<uint64_t>(DecodeThread::kBlockBytes, bytes_of_ms(info, kMaxBlockMs)));
+        m_blocks_ahead = static_cast<size_t>(
+            std::clamp<uint64_t>(bytes_of_ms(info, kAheadMs) / m_fill_bytes, 2, kMaxBlocksInFront));
     }
 
     void push(const PcmBlock& block) {

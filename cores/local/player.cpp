@@ -11,6 +11,8 @@ namespace {
 
 // Going back later in a track than this leads to its own beginning.
 constexpr uint64_t kRestartAfterMs = 3000;
+// So many tracks in a row that the renderer can't play are a renderer that can't play.
+constexpr int kMaxRefused = 3;
 
 }  // namespace
 
@@ -109,7 +111,7 @@ void Player::go_back() {
     if (position_ms <= kRestartAfterMs && m_session->previous()) {
         m_backwards = true;
         skip_to(*m_session->previous());
-    } else if (heard) {
+    } else if (heard && DecodeThread::info(*m_current->pipe).seekable) {
         m_seek_goal_ms = 0;
     } else {
         skip_to(m_session->current());
@@ -434,6 +436,9 @@ bool Player::offer(Stream& stream) {
                                                          left, m_delegates.audio.context),
                                   left);
     stream.touched |= taken > 0;
+    if (taken > 0) {
+        m_refused = 0;
+    }
     stream.offered_bytes += taken;
     if (taken == left) {
         stream.open = true;
@@ -505,9 +510,29 @@ nuv_error Player::playback_error() {
         return NUV_ERROR_INVALID_STATE;
     }
     m_logger.write(LogLevel::error, kAudioStreamManager, "The renderer reports a playback error");
-    m_goal = NUV_PLAYBACK_STATE_STOPPED;
     m_seek_goal_ms.reset();
+    if (!skip_refused()) {
+        m_goal = NUV_PLAYBACK_STATE_STOPPED;
+    }
     return playback_stopped();
+}
+
+// When nothing of the track was taken it may be its format, and the next one may be played. False
+// when the renderer can play none: the session is then where it was.
+bool Player::skip_refused() {
+    if (stale() || !m_session || !m_current || m_current->touched) {
+        return false;
+    }
+    if (m_refused == 0) {
+        m_first_refused = m_session->current();
+    }
+    if (++m_refused < kMaxRefused && m_session->next()) {
+        skip_to(*m_session->next());
+        return true;
+    }
+    skip_to(m_first_refused);
+    m_refused = 0;
+    return false;
 }
 
 nuv_error Player::playback_finished(bool no_next_track) {

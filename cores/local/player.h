@@ -96,6 +96,7 @@ class Player {
     void end_session();
     void after_last_sample();
     void skip_unplayable(const Stream& stream);
+    bool skip_refused();
 
     bool renderer_active() const;
     bool stale() const { return m_goal == NUV_PLAYBACK_STATE_STOPPED || m_replace; }
@@ -133,6 +134,8 @@ class Player {
     nuv_playback_state m_state = NUV_PLAYBACK_STATE_STOPPED;  // what the world is told
     bool m_active = false;
     bool m_begun = false;
+    int m_refused = 0;           // tracks in a row of which the renderer took nothing
+    size_t m_first_refused = 0;  // of these
 
     uint64_t m_last_stream_id = 0;
     DecodeThread m_decoder;

@@ -130,6 +130,14 @@ std::string display_text(std::string_view raw) {
     return text.substr(first, text.find_last_not_of(kBlanks) - first + 1);
 }
 
+std::string beginning(std::string_view text, size_t max_bytes) {
+    size_t end = std::min(text.size(), max_bytes);
+    while (end > 0 && end < text.size() && (static_cast<uint8_t>(text[end]) & 0xC0U) == 0x80) {
+        --end;
+    }
+    return std::string(text.substr(0, end));
+}
+
 bool is_file_url(std::string_view text) {
     return starts_with_ignoring_case(text, kFileScheme);
 }

@@ -13,6 +13,9 @@ namespace local_core {
 // blanks at both ends go.
 std::string display_text(std::string_view raw);
 
+// The text's beginning, in at most so many bytes; no character of UTF-8 is cut in two.
+std::string beginning(std::string_view text, size_t max_bytes);
+
 // True for "file:" followed by "//", in any letter case.
 bool is_file_url(std::string_view text);
 // True for any other "scheme://".

@@ -9,6 +9,7 @@
 #include <utility>
 
 #include "local/files.h"
+#include "local/text.h"
 
 namespace local_core {
 
@@ -19,9 +20,11 @@ static_assert(std::endian::native == std::endian::little, "PCM is delivered litt
 // Keeps the arithmetic of positions far from overflow; also what an unknown length comes as.
 constexpr sf_count_t kMaxFrames = sf_count_t{1} << 48;
 
+constexpr size_t kMaxTagBytes = 1024;
+
 std::string tag(SNDFILE* file, int which) {
     const char* text = sf_get_string(file, which);
-    return text != nullptr ? text : "";
+    return text != nullptr ? beginning(text, kMaxTagBytes) : "";
 }
 
 // The nearest integer of `bits` bits; silence for what is no number.

@@ -26,7 +26,7 @@ struct TrackInfo {
     size_t frame_bytes;
     uint64_t frame_count;
     bool seekable;
-    // Tags as the file has them; empty where it has none.
+    // Tags as the file has them, their first kilobyte; empty where it has none.
     std::string title;
     std::string artist;
     std::string album;

@@ -160,7 +160,10 @@ void BusLink::wait_for_bus(int tries) {
     } else if (blind) {
         m_next_try = Clock::now() + kBlindInterval;
     }
-    watch_folders();
+    // Watches stay while tries are counted down: what comes after the last one is seen.
+    if (tries == kTries || !m_folders) {
+        watch_folders();
+    }
 }
 
 void BusLink::watch_folders() {

@@ -22,11 +22,11 @@ namespace nuvio::host {
 
 class Host {
   public:
-    // The first call must come before the process starts a thread: it blocks SIGTERM and SIGINT,
-    // which wait_for_end takes, for the calling thread and those started from then on.
     static Host& instance();
 
-    // Starts the threads: notifications, network events, the bus. A second call does nothing.
+    // Starts the threads: notifications, network events, the bus. A second call does nothing. The
+    // first must come before the process starts other threads: it blocks SIGTERM and SIGINT, which
+    // wait_for_end takes, for the calling thread and those started from then on.
     void start();
 
     // Tells a service manager that waits for it (systemd, Type=notify) that the service is ready.

@@ -15,6 +15,11 @@ bool is_request(int id) {
     return id == android::KORA_SHUTDOWN_REQUEST || id == android::KORA_SHUTDOWN_REQUEST_SYSTEM;
 }
 
+// The device's own messages always find room.
+bool is_own(int id) {
+    return is_request(id) || id == android::KORA_VOLUME || id == android::KORA_DEVICE_NAME;
+}
+
 }  // namespace
 
 void MessageStore::preset(int id, std::string text) {
@@ -41,7 +46,7 @@ bool MessageStore::write(int id, std::string_view text) {
     }
     const std::lock_guard lock(m_mutex);
     const auto found = m_messages.find(id);
-    if (found == m_messages.end() && m_messages.size() >= kMaxMessages) {
+    if (found == m_messages.end() && m_messages.size() >= kMaxMessages && !is_own(id)) {
         return false;
     }
     if (found != m_messages.end() && found->second == text && !is_request(id)) {

@@ -76,8 +76,8 @@ int on_command(sd_bus_message* call, void* userdata, sd_bus_error*) {
     const int sent = sd_bus_reply_method_return(call, "");
     const std::string_view method = sd_bus_message_get_member(call);
     for (const CommandWord& word : kCommandWords) {
-        if (word.method == method) {
-            self(userdata).command(word.command);
+        if (word.method == method && self(userdata).command(word.command) && method == "Previous") {
+            self(userdata).preview_start();
         }
     }
     return sent;
@@ -357,8 +357,13 @@ void Mpris::publish_name(sd_bus* bus) {
     }
 }
 
-void Mpris::command(const char* word) {
-    m_controls.command(word);
+bool Mpris::command(const char* word) {
+    return m_controls.command(word);
+}
+
+// Whatever is gone back to begins at its start.
+void Mpris::preview_start() {
+    m_controls.player().preview_seek(0);
 }
 
 // Two presses in quick succession undo each other, although the service has not reported yet.

@@ -32,7 +32,8 @@ class Mpris {
     // What the bus asks for.
     std::string identity() const { return m_controls.device_name(); }
     PlayerView view() const { return m_controls.player().view(); }
-    void command(const char* word);
+    bool command(const char* word);
+    void preview_start();
     void play_pause();
     void seek_by(int64_t offset_us);
     void seek_to(const char* track, int64_t position_us);

@@ -109,7 +109,9 @@ NetworkMonitor::Status NetworkMonitor::scan() const {
     std::map<std::string, Link> links;
     const Addresses addresses = read_addresses();
     for (const ifaddrs* entry = addresses.get(); entry != nullptr; entry = entry->ifa_next) {
-        gather(*entry, links[entry->ifa_name]);
+        // An address may have a label of its own: "eth0:1".
+        const std::string name = entry->ifa_name;
+        gather(*entry, links[name.substr(0, name.find(':'))]);
     }
     Status status{};
     for (const auto& [name, link] : links) {

@@ -16,6 +16,7 @@ using std::chrono::milliseconds;
 constexpr int64_t kReportIntervalMs = 1000;
 // A report that differs from what was expected by more than this is a jump.
 constexpr int64_t kJumpMs = 1500;
+constexpr int64_t kMaxPositionMs = int64_t{1} << 40;  // in microseconds still far from overflow
 // What the service sends for a track without a picture.
 constexpr char kNoArt[] = "defaultArt.jpg";
 
@@ -77,7 +78,7 @@ void Player::set_status(android::EPlayState status, Clock::time_point now) {
 void Player::set_position(int64_t position_ms, Clock::time_point now) {
     const std::lock_guard lock(m_mutex);
     const int64_t expected = position_at(now);
-    m_view.position_ms = std::max<int64_t>(position_ms, 0);
+    m_view.position_ms = std::clamp<int64_t>(position_ms, 0, kMaxPositionMs);
     m_reported = now;
     const bool jumped = m_view.status != android::PLAY_STATE_STOPPED &&
                         std::abs(m_view.position_ms - expected) > kJumpMs;
@@ -127,6 +128,11 @@ void Player::show(const android::AMessage& info) {
         track.number = ++m_tracks_shown;
         m_view.track = std::move(track);
         changes |= kPlayerTrack;
+        // Skipped to while paused: the service reports no position until playback goes on.
+        if (m_view.status == android::PLAY_STATE_PAUSED) {
+            m_view.position_ms = 0;
+            changes |= kPlayerSeeked;
+        }
     }
 
     if (m_view.actions.control) {

@@ -32,7 +32,13 @@ bool KORAHelper::readRemoteMessage(const int& id, std::string& text) {
 }
 
 bool KORAHelper::writeRemoteMessage(const int& id, const std::string& text, int) {
-    return Host::instance().messages().write(id, text);
+    Host& host = Host::instance();
+    // Without the output the service reports how it found the mixer; what the device has kept
+    // counts.
+    if (id == KORA_MUTE && !host.source_switch().has_output()) {
+        return true;
+    }
+    return host.messages().write(id, text);
 }
 
 struct NeshHelper::Impl {};
