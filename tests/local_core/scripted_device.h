@@ -188,10 +188,8 @@ class ScriptedDevice {
             Delegate<&Self::stop>::call,
             Delegate<&Self::seek_in_progress>::call,
             [](nuv_connect*, void* self) { return entered(self).position_ms; },
-            [](nuv_connect*, uint32_t volume, void* self) {
-                entered(self).line("volume ", volume);
-            },
-            [](nuv_connect*, bool muted, void* self) { entered(self).line("muted ", muted); },
+            [](nuv_connect*, uint32_t, void* self) { entered(self); },
+            [](nuv_connect*, bool, void* self) { entered(self); },
             Delegate<&Self::state_changed>::call,
             [](nuv_connect*, nuv_audio_quality, void*) {},
             [](nuv_connect*, nuv_loop_mode mode, bool shuffle, void* self) {

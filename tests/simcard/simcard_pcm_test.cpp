@@ -246,14 +246,6 @@ TEST_F(SimcardPcm, DescriptorStaysReadableUntilItsEventsAreAskedFor) {
     EXPECT_TRUE(readable(descriptor_));  // room as before
 }
 
-TEST_F(SimcardPcm, FaultStrikesSoManyCallsAfterSoManyOthers) {
-    Card& card = make_card();
-    const PcmPtr pcm = open();
-    card.inject({.op = Op::delay, .error = EIO, .after = 2, .times = 3});
-    for (const long expected : {0, 0, -EIO, -EIO, -EIO, 0})
-        EXPECT_EQ(delay(pcm), expected);
-}
-
 TEST_F(SimcardPcm, ShortWritesTakeTheirPart) {
     Card& card = make_card();
     const PcmPtr pcm = open();
