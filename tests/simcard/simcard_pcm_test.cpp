@@ -194,7 +194,8 @@ TEST_F(SimcardPcm, UnderrunStopsTheStreamUntilItIsPreparedAgain) {
 }
 
 TEST_F(SimcardPcm, PlaysInRealTimeTimesTheSpeed) {
-    Card& card = make_card(Settings());
+    const Settings real_time;
+    Card& card = make_card(real_time);
     const PcmPtr pcm = open(0, kRate);
     constexpr long kFifth = kRate / 5;  // of a second
     ASSERT_EQ(write(pcm, kFifth), kFifth);
