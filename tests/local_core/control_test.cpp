@@ -261,4 +261,30 @@ TEST_F(Control, AfterAPlaybackErrorTheNextSessionPlays) {
     EXPECT_TRUE(device.pcm_of_stream[2] == tracks[3].pcm);
 }
 
+TEST_F(Control, TracksThatTheRendererRefusesArePassedOverButNotAllOfThem) {
+    uint64_t last_refused = 1;
+    device.take = [&](size_t offered) {
+        const bool refused = device.playing_id() <= last_refused;
+        if (refused) {
+            device.fail_playback();
+        }
+        return refused ? 0 : offered;
+    };
+    ASSERT_EQ(device.play(folder.path()), NUV_ERROR_OK);
+    device.run_until_line("finished 2");
+    EXPECT_TRUE(device.pcm_of_stream[2] == tracks[1].pcm);
+
+    ASSERT_EQ(call(nuv_connect_stop_playback), NUV_ERROR_OK);
+    device.run_until_line("state STOPPED");
+    last_refused = device.pcm_of_stream.size() + 2;  // of a card that is gone: the next three
+    device.take_lines();
+    ASSERT_EQ(device.play(folder.path()), NUV_ERROR_OK);
+    device.run_until_line("state STOPPED");
+    last_refused = 0;
+    const uint64_t id = device.pcm_of_stream.size();
+    ASSERT_EQ(call(nuv_connect_resume_playback), NUV_ERROR_OK);
+    device.run_until_line("finished " + std::to_string(id));
+    EXPECT_TRUE(device.pcm_of_stream[id] == tracks[0].pcm) << "the session is where it was";
+}
+
 }  // namespace
