@@ -24,6 +24,7 @@ PERIODS_PER_SECOND = 8
 # s from one turn of the local core's decoder to the next, at 44.1/16: a window of this length holds one
 # turn, wherever it begins.
 DECODER_TURN = 3.715
+SETTLED = 4  # s after which a player has shown the track and kept its settings
 LOOP_THREAD = "NuvioConnectSta"  # as its name is cut by the kernel
 SHORT_PERIODS_CARD = ("--buffer", "400")
 
@@ -69,11 +70,11 @@ class Music:
 # ---- CPU, wake-ups and memory, in turn with the peers -------------------------------------------
 
 
-def play_once(lab, player, file, card_options, seconds, settle=1.2):
+def play_once(lab, player, file, card_options, seconds):
     card = lab.card(*card_options)
     with player(lab, card) as running:
         running.play(file)
-        time.sleep(settle)
+        time.sleep(SETTLED)
         window = Window(running.pid, seconds)
         window.underruns = card.underruns()
         running.stop()
@@ -473,11 +474,12 @@ def growth(lab, music, seconds):
         devices = {name: stack.enter_context(Device(lab, lab.card(*CARD))) for name in contents}
         for name, device in devices.items():
             device.play(contents[name])
-        time.sleep(3)
+        time.sleep(SETTLED)
         with concurrent.futures.ThreadPoolExecutor(len(devices)) as pool:
-            windows = dict(zip(devices, pool.map(lambda d: Window(d.pid, seconds),
-                                                 devices.values())))
-    cpu = {name: window.cpu_ms for name, window in windows.items()}
+            turns = [list(pool.map(lambda d: Window(d.pid, seconds / 4), devices.values()))
+                     for _ in range(4)]
+    windows = dict(zip(devices, turns[-1]))
+    cpu = {name: median_of(turn, "cpu_ms") for name, turn in zip(devices, zip(*turns))}
     yield Row("growth: CPU per second of audio at 48, 96, 192 kHz/24, side by side", "linear",
               f"{cpu['48']:.2f}, {cpu['96']:.2f}, {cpu['192']:.2f} ms",
               cpu["192"] <= 1.1 * 4 * cpu["48"])

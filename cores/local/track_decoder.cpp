@@ -1,6 +1,9 @@
 #include "local/track_decoder.h"
 
 #include <sndfile.h>
+#ifdef __x86_64__
+#include <tmmintrin.h>
+#endif
 
 #include <algorithm>
 #include <bit>
@@ -61,12 +64,33 @@ bool has_packed_24(SNDFILE* file, int sndfile_format) {
            sf_command(file, SFC_RAW_DATA_NEEDS_ENDSWAP, nullptr, 0) == SF_FALSE;
 }
 
+#ifdef __x86_64__
+// Four samples at a time, which compilers do not come to by themselves: a quarter of the time.
+// Returns how many were unpacked.
+[[gnu::target("ssse3")]] size_t unpack_fours(std::byte* to, const std::byte* from, size_t count) {
+    const __m128i places = _mm_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11);
+    size_t done = 0;
+    for (; done + 6 <= count; done += 4) {  // 16 bytes are read for the 12 of four samples
+        const __m128i packed = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + 3 * done));
+        const __m128i samples = _mm_srai_epi32(_mm_shuffle_epi8(packed, places), 8);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + 4 * done), samples);
+    }
+    return done;
+}
+#endif
+
 // From the block's last three quarters to the whole of it. Front to back, each sample is read
 // before its bytes are written: the gap between the two shrinks to nothing at the last one.
 void unpack_in_place(void* block, size_t sample_count) {
     auto* to = static_cast<std::byte*>(block);
     const std::byte* from = to + sample_count;
-    for (size_t i = 0; i < sample_count; ++i) {
+    size_t i = 0;
+#ifdef __x86_64__
+    if (__builtin_cpu_supports("ssse3")) {
+        i = unpack_fours(to, from, sample_count);
+    }
+#endif
+    for (; i < sample_count; ++i) {
         int32_t sample;  // its lowest byte is not the sample's
         std::memcpy(&sample, from + 3 * i - 1, sizeof sample);
         sample >>= 8;
