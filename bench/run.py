@@ -38,7 +38,7 @@ def measurements(lab, options):
                                           20 if quick else 150),
         "http": lambda: rows.http_latency(lab, music, 3 if quick else 10),
         "transitions": lambda: rows.transitions(lab),
-        "growth": lambda: rows.growth(lab, music, 8 if quick else 16),
+        "growth": lambda: rows.growth(lab, music, 1 if quick else 3, window),
         "hours": lambda: rows.hours(lab, 6 if quick else 10),
         "size": lambda: [*rows.sizes(lab, lab.build, "amd64", "strip"),
                          *rows.sizes(lab, armhf, "armhf", "arm-linux-gnueabihf-strip")],
