@@ -57,10 +57,13 @@ def package_versions():
     return ", ".join(result.stdout.split("\n")[:-1])
 
 
+def git(*words):
+    return subprocess.run(["git", "-C", HERE, *words], text=True, capture_output=True).stdout.strip()
+
+
 def commit():
-    result = subprocess.run(["git", "-C", HERE, "describe", "--always", "--dirty"], text=True,
-                            capture_output=True)
-    return result.stdout.strip() or "unknown"
+    changed = git("status", "--porcelain", "--untracked-files=no", "--", ":/", ":!results.md")
+    return (git("rev-parse", "--short", "HEAD") or "unknown") + ("-dirty" if changed else "")
 
 
 def verdict(row):
