@@ -38,6 +38,7 @@ void Player::apply(Command command) {
             m_active = command.become_active;
             m_replace = true;
             m_backwards = false;
+            m_refused = 0;  // the first of them was a track of the old session
             m_seek_goal_ms.reset();
             return;
         case Verb::deactivate:
