@@ -14,18 +14,18 @@
 #include <utility>
 
 #include "advertising/avahi_libuv_poll.h"
+#include "common/released_by.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
-#include "utility/released_by.h"
 #include "utility/uv_utilities.h"
 
 namespace {
 
-using avahi_text = std::unique_ptr<char, released_by<avahi_free>>;
-using client_ptr = std::unique_ptr<AvahiClient, released_by<avahi_client_free>>;
-using group_ptr = std::unique_ptr<AvahiEntryGroup, released_by<avahi_entry_group_free>>;
-using poll_ptr = std::unique_ptr<avahi_libuv_poll, released_by<avahi_libuv_poll_free>>;
-using timer_ptr = std::unique_ptr<uv_timer_t, released_by<uv_timer_free>>;
+using avahi_text = std::unique_ptr<char, nuvio::ReleasedBy<avahi_free>>;
+using client_ptr = std::unique_ptr<AvahiClient, nuvio::ReleasedBy<avahi_client_free>>;
+using group_ptr = std::unique_ptr<AvahiEntryGroup, nuvio::ReleasedBy<avahi_entry_group_free>>;
+using poll_ptr = std::unique_ptr<avahi_libuv_poll, nuvio::ReleasedBy<avahi_libuv_poll_free>>;
+using timer_ptr = std::unique_ptr<uv_timer_t, nuvio::ReleasedBy<uv_timer_free>>;
 
 }  // namespace
 

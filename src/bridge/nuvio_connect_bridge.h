@@ -19,13 +19,13 @@
 #include "advertising/avahi_advertiser.h"
 #include "bridge/fair_mutex.h"
 #include "bridge/loop_call.h"
+#include "common/released_by.h"
 #include "device_info/device_info.h"
 #include "local_config/http_server.h"
 #include "media/audio_renderer.h"
 #include "sdk/nuvio_connect.h"
 #include "startup/nuvio_ss_listener.h"
 #include "startup/track_info.h"
-#include "utility/released_by.h"
 
 namespace android {
 
@@ -90,12 +90,12 @@ class NuvioConnect {
     // Owns what the initialisation makes. The fields below borrow from it.
     struct Teardown {
         uv_loop_t* loop = nullptr;
-        std::unique_ptr<device_info, released_by<device_info_free>> deviceInfo;
-        std::unique_ptr<audio_renderer, released_by<audio_renderer_free>> renderer;
-        std::unique_ptr<http_server, released_by<http_server_free>> httpServer;
-        std::unique_ptr<avahi_advertiser, released_by<avahi_advertiser_free>> advertiser;
+        std::unique_ptr<device_info, nuvio::ReleasedBy<device_info_free>> deviceInfo;
+        std::unique_ptr<audio_renderer, nuvio::ReleasedBy<audio_renderer_free>> renderer;
+        std::unique_ptr<http_server, nuvio::ReleasedBy<http_server_free>> httpServer;
+        std::unique_ptr<avahi_advertiser, nuvio::ReleasedBy<avahi_advertiser_free>> advertiser;
         uv_async_t* wakeUp = nullptr;
-        std::unique_ptr<nuv_connect, released_by<nuv_connect_free>> core;
+        std::unique_ptr<nuv_connect, nuvio::ReleasedBy<nuv_connect_free>> core;
     };
 
     // ---- Life: initialisation.cpp

@@ -12,7 +12,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "utility/released_by.h"
+#include "common/released_by.h"
 
 struct connect_token {
     const char* endpoint;
@@ -28,7 +28,7 @@ struct connect_request {
     bool become_active;
 };
 
-using json_ptr = std::unique_ptr<cJSON, released_by<cJSON_Delete>>;
+using json_ptr = std::unique_ptr<cJSON, nuvio::ReleasedBy<cJSON_Delete>>;
 
 struct parsed_connect_request {
     json_ptr document;        // owns the texts of `request`

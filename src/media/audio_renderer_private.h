@@ -11,10 +11,10 @@
 
 #include <memory>
 
+#include "common/released_by.h"
 #include "media/audio_renderer.h"
 #include "media/sink/alsa/alsa_audio_sink.h"
 #include "media/source/audio_source_manager.h"
-#include "utility/released_by.h"
 #include "utility/uv_utilities.h"
 
 enum audio_renderer_state : uint32_t {
@@ -26,10 +26,10 @@ enum audio_renderer_state : uint32_t {
 };
 
 using source_manager_ptr =
-    std::unique_ptr<audio_source_manager, released_by<audio_source_manager_free>>;
-using sink_ptr = std::unique_ptr<audio_sink, released_by<audio_sink_free>>;
+    std::unique_ptr<audio_source_manager, nuvio::ReleasedBy<audio_source_manager_free>>;
+using sink_ptr = std::unique_ptr<audio_sink, nuvio::ReleasedBy<audio_sink_free>>;
 using pausable_timer_ptr =
-    std::unique_ptr<uv_pausable_timer_t, released_by<uv_pausable_timer_free>>;
+    std::unique_ptr<uv_pausable_timer_t, nuvio::ReleasedBy<uv_pausable_timer_free>>;
 
 struct audio_renderer {
     audio_renderer_state state = AUDIO_RENDERER_STATE_STOPPED;

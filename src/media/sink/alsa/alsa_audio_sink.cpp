@@ -40,7 +40,7 @@ struct audio_sink {
     // A write left data unplaced and the space signal is due.
     bool waits_for_space = false;
     unsigned failed_space_queries = 0;  // in a row, while waiting
-    std::unique_ptr<uv_timer_t, released_by<uv_timer_free>> space_check_timer;
+    std::unique_ptr<uv_timer_t, nuvio::ReleasedBy<uv_timer_free>> space_check_timer;
 };
 
 namespace {
@@ -423,7 +423,7 @@ audio_sink* audio_sink_new(uv_loop_t* event_loop, const char* output_device,
     const output_settings settings = read_output_settings(unset_items::are_logged);
     const int maximum_rate = parse_maximum_rate(settings);
 
-    std::unique_ptr<audio_sink, released_by<audio_sink_free>> self(new audio_sink);
+    std::unique_ptr<audio_sink, nuvio::ReleasedBy<audio_sink_free>> self(new audio_sink);
     self->event_loop = event_loop;
     self->output_device = output_device;
     self->volume_control_device = volume_control_device;

@@ -5,14 +5,16 @@
 
 #include <memory>
 
-#include "utility/released_by.h"
+#include "common/released_by.h"
 
-using pcm_ptr = std::unique_ptr<snd_pcm_t, released_by<snd_pcm_close>>;
-using mixer_ptr = std::unique_ptr<snd_mixer_t, released_by<snd_mixer_close>>;
-using hw_params_ptr = std::unique_ptr<snd_pcm_hw_params_t, released_by<snd_pcm_hw_params_free>>;
+using pcm_ptr = std::unique_ptr<snd_pcm_t, nuvio::ReleasedBy<snd_pcm_close>>;
+using mixer_ptr = std::unique_ptr<snd_mixer_t, nuvio::ReleasedBy<snd_mixer_close>>;
+using hw_params_ptr =
+    std::unique_ptr<snd_pcm_hw_params_t, nuvio::ReleasedBy<snd_pcm_hw_params_free>>;
 using format_mask_ptr =
-    std::unique_ptr<snd_pcm_format_mask_t, released_by<snd_pcm_format_mask_free>>;
-using selem_id_ptr = std::unique_ptr<snd_mixer_selem_id_t, released_by<snd_mixer_selem_id_free>>;
+    std::unique_ptr<snd_pcm_format_mask_t, nuvio::ReleasedBy<snd_pcm_format_mask_free>>;
+using selem_id_ptr =
+    std::unique_ptr<snd_mixer_selem_id_t, nuvio::ReleasedBy<snd_mixer_selem_id_free>>;
 
 // Zeroed objects; a failed allocation is fatal.
 hw_params_ptr new_hw_params();

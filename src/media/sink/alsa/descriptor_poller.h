@@ -15,7 +15,7 @@
 
 #include <memory>
 
-#include "utility/released_by.h"
+#include "common/released_by.h"
 
 struct descriptor_poller;
 
@@ -45,4 +45,4 @@ void descriptor_poller_start_polling(descriptor_poller* self);
 void descriptor_poller_stop_polling(descriptor_poller* self);
 
 using descriptor_poller_ptr =
-    std::unique_ptr<descriptor_poller, released_by<descriptor_poller_free>>;
+    std::unique_ptr<descriptor_poller, nuvio::ReleasedBy<descriptor_poller_free>>;

@@ -16,7 +16,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "utility/released_by.h"
+#include "common/released_by.h"
 
 struct volume_manager;
 
@@ -54,4 +54,4 @@ bool volume_manager_get_reported_mute_state(const volume_manager* self);
 void volume_manager_set_volume(volume_manager* self, uint32_t volume);
 void volume_manager_set_mute_state(volume_manager* self, bool muted);
 
-using volume_manager_ptr = std::unique_ptr<volume_manager, released_by<volume_manager_free>>;
+using volume_manager_ptr = std::unique_ptr<volume_manager, nuvio::ReleasedBy<volume_manager_free>>;
