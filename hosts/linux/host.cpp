@@ -9,7 +9,8 @@
 #include <cstdlib>
 #include <utility>
 
-#include "text.h"
+#include "base/text.h"
+#include "common/number.h"
 
 namespace nuvio::host {
 
@@ -73,7 +74,7 @@ void Host::on_message(int id, const std::string& text) {
         case android::KORA_PLAYBACK_POSITION:
             // Once a second while music plays: whoever shows it asks for it, as MPRIS has it. Only
             // a jump is signalled, by the player.
-            m_player.set_position(std::strtoll(text.c_str(), nullptr, 10));
+            m_player.set_position(to_number<int64_t>(text).value_or(0));
             return;
         case android::KORA_VOLUME:
             m_player.set_volume(to_percent(text).value_or(0));

@@ -8,15 +8,15 @@
 #include <mutex>
 #include <string>
 
-#include "controls.h"
-#include "dispatcher.h"
-#include "message_store.h"
-#include "network_monitor.h"
-#include "notification_pool.h"
-#include "player.h"
-#include "settings.h"
-#include "source_switch.h"
-#include "state_store.h"
+#include "bus/dispatcher.h"
+#include "configuration/settings.h"
+#include "configuration/state_store.h"
+#include "device/controls.h"
+#include "device/message_store.h"
+#include "device/network_monitor.h"
+#include "device/notification_pool.h"
+#include "device/player.h"
+#include "device/source_switch.h"
 
 namespace nuvio::host {
 

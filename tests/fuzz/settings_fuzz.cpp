@@ -4,11 +4,14 @@
 #include <string>
 #include <string_view>
 
+#include "base/text.h"
+#include "common/number.h"
+#include "common/percent_encoding.h"
+#include "configuration/settings.h"
 #include "fuzz/expect.h"
 #include "media/sink/alsa/output_quality.h"
-#include "settings.h"
-#include "text.h"
 
+using namespace nuvio;
 using namespace nuvio::host;
 
 namespace {
@@ -26,7 +29,7 @@ void check_value(const Settings& settings, const std::string& key, const std::st
     FUZZ_EXPECT(value.size() <= kMaxValueBytes && is_printable_utf8(value) && trim(value) == value);
     FUZZ_EXPECT(settings.get(key) == value);
     if (settings.is_on(key)) {
-        FUZZ_EXPECT(to_int(value).has_value());
+        FUZZ_EXPECT(to_number<int>(value).has_value());
     }
     const output_settings output{"default", value};
     const int rate = parse_maximum_rate(output);

@@ -8,11 +8,12 @@
 #include <map>
 #include <string>
 
-#include "files.h"
+#include "base/files.h"
+#include "base/text.h"
+#include "configuration/device_name.h"
+#include "configuration/state_store.h"
 #include "fuzz/expect.h"
 #include "platform/Kora.h"
-#include "state_store.h"
-#include "text.h"
 
 using namespace nuvio::host;
 

@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-#include "network_monitor.h"
+#include "device/network_monitor.h"
 #include "temp_dir.h"
 
 using namespace nuvio::host;

@@ -10,13 +10,13 @@
 #include <thread>
 #include <vector>
 
-#include "controls.h"
-#include "message_store.h"
-#include "network_monitor.h"
-#include "notification_pool.h"
+#include "device/controls.h"
+#include "device/message_store.h"
+#include "device/network_monitor.h"
+#include "device/notification_pool.h"
+#include "device/player.h"
+#include "device/source_switch.h"
 #include "platform/Thread.h"
-#include "player.h"
-#include "source_switch.h"
 
 using namespace android;
 using namespace nuvio::host;

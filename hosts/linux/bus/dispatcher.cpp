@@ -1,0 +1,172 @@
+#include "bus/dispatcher.h"
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <string_view>
+
+#include "bus/bus_address.h"
+#include "bus/bus_name.h"
+#include "platform/Kora.h"
+
+namespace nuvio::host {
+
+namespace {
+
+constexpr std::chrono::milliseconds kSaveDelay{1000};
+// Changes that nobody could hear of yet; more are of no use to anyone.
+constexpr size_t kMaxNotices = 1024;
+
+// For poll: never (-1) without a deadline, else rounded up so that nothing is woken too early.
+int timeout_until(const std::optional<std::chrono::steady_clock::time_point>& deadline) {
+    if (!deadline) {
+        return -1;
+    }
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(*deadline - std::chrono::steady_clock::now());
+    return static_cast<int>(std::clamp<int64_t>(left.count(), 0, INT_MAX));
+}
+
+}  // namespace
+
+Dispatcher::Dispatcher(Controls& controls, NetworkMonitor& network, StateStore& state,
+                       const std::string& bus_choice)
+    : m_network(network),
+      m_state(state),
+      m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_mpris(controls),
+      m_panel(controls),
+      m_link(bus_addresses(bus_choice), [this](sd_bus* bus) { return set_up(bus); }) {}
+
+void Dispatcher::start() {
+    m_thread = std::thread([this] { run(); });
+    pthread_setname_np(m_thread.native_handle(), "host-dispatch");
+}
+
+void Dispatcher::stop() {
+    m_stop = true;
+    wake();
+    if (m_thread.joinable()) {
+        m_thread.join();
+    }
+    m_state.save();
+}
+
+void Dispatcher::wake() {
+    ::eventfd_write(m_wake.get(), 1);
+}
+
+void Dispatcher::player_changed(uint32_t changes) {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_notices.player |= changes;
+    }
+    wake();
+}
+
+void Dispatcher::message_changed(int id, const std::string& text) {
+    {
+        const std::lock_guard lock(m_mutex);
+        if (m_notices.messages.size() < kMaxNotices) {
+            m_notices.messages.emplace_back(id, text);
+        }
+    }
+    wake();
+}
+
+void Dispatcher::network_changed() {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_notices.network = true;
+    }
+    wake();
+}
+
+void Dispatcher::save_soon() {
+    {
+        const std::lock_guard lock(m_mutex);
+        m_notices.save = true;
+    }
+    wake();
+}
+
+int Dispatcher::set_up(sd_bus* bus) {
+    int r = m_mpris.attach(bus);
+    if (r >= 0) {
+        r = m_panel.attach(bus);
+    }
+    if (r >= 0) {
+        r = request_bus_name(bus, Mpris::kBusName);
+    }
+    if (r >= 0) {
+        r = request_bus_name(bus, Panel::kBusName);
+    }
+    return r;
+}
+
+void Dispatcher::run() {
+    m_link.open();
+    while (!m_stop) {
+        publish();
+        wait_for_events();
+        save_when_due();
+    }
+    m_link.close();
+}
+
+void Dispatcher::publish() {
+    Notices notices;
+    {
+        const std::lock_guard lock(m_mutex);
+        std::swap(notices, m_notices);
+    }
+    if (notices.save && !m_save_at) {
+        m_save_at = Clock::now() + kSaveDelay;
+    }
+    sd_bus* const bus = m_link.ready();
+    m_mpris.publish(bus, notices.player);
+    if (bus == nullptr) {
+        return;
+    }
+    for (const auto& [id, text] : notices.messages) {
+        Panel::publish_message(bus, id, text);
+        if (id == android::KORA_DEVICE_NAME) {
+            Mpris::publish_name(bus);
+        }
+    }
+    if (notices.network) {
+        Panel::publish_network(bus);
+    }
+}
+
+void Dispatcher::wait_for_events() {
+    std::optional<Clock::time_point> deadline = m_save_at;
+    std::vector<pollfd> descriptors = {{m_wake.get(), POLLIN, 0}, {m_network.fd(), POLLIN, 0}};
+    m_link.prepare(descriptors, deadline);
+    if (::poll(descriptors.data(), descriptors.size(), timeout_until(deadline)) < 0) {
+        return;
+    }
+    if (descriptors[0].revents != 0) {
+        eventfd_t count = 0;
+        ::eventfd_read(m_wake.get(), &count);
+    }
+    if (descriptors[1].revents != 0) {
+        m_network.handle_events();
+    }
+    m_link.dispatch();
+}
+
+void Dispatcher::save_when_due() {
+    if (m_save_at && Clock::now() >= *m_save_at) {
+        m_save_at.reset();
+        m_state.save();
+    }
+}
+
+}  // namespace nuvio::host

@@ -1,0 +1,81 @@
+// Dispatcher: the host's own thread - network reports from the kernel, the message bus, and saving
+// the state. Sleeps unless something happens.
+//
+// start, stop and the three notices may come from any thread; the notices take only a lock of
+// their own and never wait.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "bus/bus_link.h"
+#include "bus/mpris.h"
+#include "bus/panel.h"
+#include "common/unique_fd.h"
+#include "configuration/state_store.h"
+#include "device/controls.h"
+#include "device/network_monitor.h"
+
+namespace nuvio::host {
+
+class Dispatcher {
+  public:
+    Dispatcher(Controls& controls, NetworkMonitor& network, StateStore& state,
+               const std::string& bus_choice);
+    ~Dispatcher() { stop(); }
+    Dispatcher(const Dispatcher&) = delete;
+    Dispatcher& operator=(const Dispatcher&) = delete;
+
+    // Once.
+    void start();
+    // Leaves the bus, saves the state and waits for the thread, which is never long in anything.
+    void stop();
+
+    void player_changed(uint32_t changes);
+    void message_changed(int id, const std::string& text);
+    void network_changed();
+    // Saves within a second, so that a moving volume control is one save.
+    void save_soon();
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    struct Notices {
+        uint32_t player = 0;
+        std::vector<std::pair<int, std::string>> messages;
+        bool network = false;
+        bool save = false;
+    };
+
+    void run();
+    void publish();
+    void wait_for_events();
+    void save_when_due();
+    void wake();
+    int set_up(sd_bus* bus);
+
+    NetworkMonitor& m_network;
+    StateStore& m_state;
+    UniqueFd m_wake;  // eventfd
+
+    std::mutex m_mutex;
+    Notices m_notices;  // guarded by m_mutex
+
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+
+    // The thread's own.
+    Mpris m_mpris;
+    Panel m_panel;
+    BusLink m_link;
+    std::optional<Clock::time_point> m_save_at;
+};
+
+}  // namespace nuvio::host

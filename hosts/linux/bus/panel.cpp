@@ -1,0 +1,221 @@
+#include "bus/panel.h"
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "base/text.h"
+#include "platform/Kora.h"
+
+namespace nuvio::host {
+
+namespace {
+
+constexpr char kPath[] = "/org/nuvioconnect/Host1";
+constexpr char kInterface[] = "org.nuvioconnect.Host1";
+constexpr char kErrorNoSource[] = "org.nuvioconnect.Host1.Error.NoSource";
+
+Controls& controls(void* userdata) {
+    return static_cast<Panel*>(userdata)->controls();
+}
+
+int refuse(sd_bus_error* error, const char* why) {
+    return sd_bus_error_set_const(error, SD_BUS_ERROR_INVALID_ARGS, why);
+}
+
+int done(sd_bus_message* call) {
+    return sd_bus_reply_method_return(call, "");
+}
+
+// --- methods ---
+
+int on_read_message(sd_bus_message* call, void* userdata, sd_bus_error* error) {
+    int32_t id = 0;
+    if (const int r = sd_bus_message_read(call, "i", &id); r < 0) {
+        return r;
+    }
+    std::string text;
+    if (!controls(userdata).messages().read(id, text)) {
+        return refuse(error, "The message has no value");
+    }
+    return sd_bus_reply_method_return(call, "s", to_utf8(text).c_str());
+}
+
+int on_write_message(sd_bus_message* call, void* userdata, sd_bus_error* error) {
+    int32_t id = 0;
+    const char* text = nullptr;
+    if (const int r = sd_bus_message_read(call, "is", &id, &text); r < 0) {
+        return r;
+    }
+    return controls(userdata).write_message(id, text)
+               ? done(call)
+               : refuse(error, "The message does not take this text");
+}
+
+int on_take_output(sd_bus_message* call, void* userdata, sd_bus_error* error) {
+    int32_t source = 0;
+    if (const int r = sd_bus_message_read(call, "i", &source); r < 0) {
+        return r;
+    }
+    return controls(userdata).take_output(source)
+               ? done(call)
+               : refuse(error, "The other sources are numbered 1 to 255, without 31");
+}
+
+int on_give_back_output(sd_bus_message* call, void* userdata, sd_bus_error*) {
+    controls(userdata).give_back_output();
+    return done(call);
+}
+
+int on_refuse_next_request(sd_bus_message* call, void* userdata, sd_bus_error*) {
+    controls(userdata).refuse_next_request();
+    return done(call);
+}
+
+int on_standby(sd_bus_message* call, void* userdata, sd_bus_error* error) {
+    return controls(userdata).command("STANDBYON")
+               ? done(call)
+               : sd_bus_error_set_const(error, kErrorNoSource, "No source is connected");
+}
+
+int on_request_shutdown(sd_bus_message* call, void* userdata, sd_bus_error*) {
+    controls(userdata).request_shutdown();
+    return done(call);
+}
+
+int on_rename(sd_bus_message* call, void* userdata, sd_bus_error* error) {
+    const char* name = nullptr;
+    if (const int r = sd_bus_message_read(call, "s", &name); r < 0) {
+        return r;
+    }
+    return controls(userdata).rename(name)
+               ? done(call)
+               : refuse(error, "A name is 1 to 255 bytes of plain text, no blank at its ends");
+}
+
+int on_set_mute(sd_bus_message* call, void* userdata, sd_bus_error*) {
+    int muted = 0;
+    if (const int r = sd_bus_message_read(call, "b", &muted); r < 0) {
+        return r;
+    }
+    controls(userdata).set_mute(muted != 0);
+    return done(call);
+}
+
+int on_network_status(sd_bus_message* call, void* userdata, sd_bus_error* error) {
+    int32_t iface = 0;
+    if (const int r = sd_bus_message_read(call, "i", &iface); r < 0) {
+        return r;
+    }
+    if (iface != kWired && iface != kWireless) {
+        return refuse(error, "Interface 1 is wired, 2 is wireless");
+    }
+    return sd_bus_reply_method_return(call, "i",
+                                      controls(userdata).network().is_usable(iface) ? 1 : 0);
+}
+
+int on_override_network(sd_bus_message* call, void* userdata, sd_bus_error* error) {
+    int32_t iface = 0;
+    int32_t status = 0;
+    if (const int r = sd_bus_message_read(call, "ii", &iface, &status); r < 0) {
+        return r;
+    }
+    if ((iface != kWired && iface != kWireless) || status < -1 || status > 1) {
+        return refuse(error, "Interface 1 or 2; status 0, 1, or -1 for what the kernel says");
+    }
+    controls(userdata).network().override_status(
+        iface, status < 0 ? std::nullopt : std::optional<bool>(status == 1));
+    return done(call);
+}
+
+// --- properties ---
+
+#define NUVIO_GETTER(name)                                                          \
+    int name(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, \
+             void* userdata, sd_bus_error*)
+
+NUVIO_GETTER(get_device_name) {
+    return sd_bus_message_append(reply, "s", controls(userdata).device_name().c_str());
+}
+
+NUVIO_GETTER(get_current_source) {
+    return sd_bus_message_append(
+        reply, "i", controls(userdata).messages().read_number(android::KORA_CURRENT_SOURCE, 0));
+}
+
+NUVIO_GETTER(get_muted) {
+    std::string text;
+    controls(userdata).messages().read(android::KORA_MUTE, text);
+    return sd_bus_message_append(reply, "b", text == "MUTE" ? 1 : 0);
+}
+
+NUVIO_GETTER(get_wired) {
+    return sd_bus_message_append(reply, "b",
+                                 controls(userdata).network().is_usable(kWired) ? 1 : 0);
+}
+
+NUVIO_GETTER(get_wireless) {
+    return sd_bus_message_append(reply, "b",
+                                 controls(userdata).network().is_usable(kWireless) ? 1 : 0);
+}
+
+constexpr uint64_t kOpen = SD_BUS_VTABLE_UNPRIVILEGED;
+constexpr uint64_t kChanges = SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
+
+const sd_bus_vtable kTable[] = {
+    SD_BUS_VTABLE_START(0),
+    SD_BUS_METHOD_WITH_NAMES("ReadMessage", "i", SD_BUS_PARAM(id), "s", SD_BUS_PARAM(text),
+                             on_read_message, kOpen),
+    SD_BUS_METHOD_WITH_NAMES("WriteMessage", "is", SD_BUS_PARAM(id) SD_BUS_PARAM(text), "", ,
+                             on_write_message, kOpen),
+    SD_BUS_METHOD_WITH_NAMES("TakeOutput", "i", SD_BUS_PARAM(source), "", , on_take_output, kOpen),
+    SD_BUS_METHOD("GiveBackOutput", "", "", on_give_back_output, kOpen),
+    SD_BUS_METHOD("RefuseNextRequest", "", "", on_refuse_next_request, kOpen),
+    SD_BUS_METHOD("Standby", "", "", on_standby, kOpen),
+    SD_BUS_METHOD("RequestShutdown", "", "", on_request_shutdown, kOpen),
+    SD_BUS_METHOD_WITH_NAMES("Rename", "s", SD_BUS_PARAM(name), "", , on_rename, kOpen),
+    SD_BUS_METHOD_WITH_NAMES("SetMute", "b", SD_BUS_PARAM(muted), "", , on_set_mute, kOpen),
+    SD_BUS_METHOD_WITH_NAMES("NetworkStatus", "i", SD_BUS_PARAM(interface), "i",
+                             SD_BUS_PARAM(status), on_network_status, kOpen),
+    SD_BUS_METHOD_WITH_NAMES("OverrideNetwork", "ii", SD_BUS_PARAM(interface) SD_BUS_PARAM(status),
+                             "", , on_override_network, kOpen),
+    SD_BUS_SIGNAL_WITH_NAMES("MessageChanged", "is", SD_BUS_PARAM(id) SD_BUS_PARAM(text), 0),
+    SD_BUS_PROPERTY("DeviceName", "s", get_device_name, 0, kChanges),
+    SD_BUS_PROPERTY("CurrentSource", "i", get_current_source, 0, kChanges),
+    SD_BUS_PROPERTY("Muted", "b", get_muted, 0, kChanges),
+    SD_BUS_PROPERTY("Wired", "b", get_wired, 0, kChanges),
+    SD_BUS_PROPERTY("Wireless", "b", get_wireless, 0, kChanges),
+    SD_BUS_VTABLE_END,
+};
+
+struct MessageProperty {
+    int id;
+    const char* name;
+};
+constexpr std::array<MessageProperty, 3> kMessageProperties = {{
+    {android::KORA_DEVICE_NAME, "DeviceName"},
+    {android::KORA_CURRENT_SOURCE, "CurrentSource"},
+    {android::KORA_MUTE, "Muted"},
+}};
+
+}  // namespace
+
+int Panel::attach(sd_bus* bus) {
+    return sd_bus_add_object_vtable(bus, nullptr, kPath, kInterface, kTable, this);
+}
+
+void Panel::publish_message(sd_bus* bus, int id, const std::string& text) {
+    sd_bus_emit_signal(bus, kPath, kInterface, "MessageChanged", "is", id, to_utf8(text).c_str());
+    for (const MessageProperty& property : kMessageProperties) {
+        if (property.id == id) {
+            sd_bus_emit_properties_changed(bus, kPath, kInterface, property.name, nullptr);
+        }
+    }
+}
+
+void Panel::publish_network(sd_bus* bus) {
+    sd_bus_emit_properties_changed(bus, kPath, kInterface, "Wired", "Wireless", nullptr);
+}
+
+}  // namespace nuvio::host

@@ -1,0 +1,35 @@
+// Panel: the rest of the device on the message bus - what a front panel and the device's other
+// parts do - as the interface org.nuvioconnect.Host1.
+//
+// On the dispatcher's thread. Calls are answered first; the service hears of them on the
+// notification pool.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <string>
+
+#include "device/controls.h"
+
+namespace nuvio::host {
+
+class Panel {
+  public:
+    static constexpr char kBusName[] = "org.nuvioconnect.Host1";
+
+    explicit Panel(Controls& controls) : m_controls(controls) {}
+
+    // Puts the object on the connection, for the connection's life. Negative errno on failure.
+    int attach(sd_bus* bus);
+
+    // Signals a message's new text, and the property that goes with it. The bus is there.
+    static void publish_message(sd_bus* bus, int id, const std::string& text);
+    static void publish_network(sd_bus* bus);
+
+    Controls& controls() { return m_controls; }
+
+  private:
+    Controls& m_controls;
+};
+
+}  // namespace nuvio::host

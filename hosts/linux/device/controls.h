@@ -1,0 +1,68 @@
+// Controls: what a person does at the device, from the desktop's player controls or the panel.
+//
+// Any thread; nothing waits.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "configuration/settings.h"
+#include "device/message_store.h"
+#include "device/network_monitor.h"
+#include "device/player.h"
+#include "device/source_switch.h"
+
+namespace nuvio::host {
+
+class Controls {
+  public:
+    Controls(const Settings& settings, MessageStore& messages, Player& player,
+             SourceSwitch& source_switch, NetworkMonitor& network)
+        : m_settings(settings),
+          m_messages(messages),
+          m_player(player),
+          m_source_switch(source_switch),
+          m_network(network) {}
+
+    // A command word of the service; false when no source takes it.
+    bool command(const std::string& word) { return m_source_switch.send_command(word); }
+
+    // From the start of the track; beyond what a command can carry it is ignored.
+    void seek(int64_t position_ms);
+
+    // The volume control: kept by the device, and told to the source.
+    void set_volume(int percent);
+
+    // The source mutes and reports it; without one the device keeps it for the next.
+    void set_mute(bool muted);
+
+    // Writes a message as the device's own parts would: those that are more than a stored text
+    // (name, volume, mute, current source) take effect. False when the id or text makes no sense.
+    bool write_message(int id, const std::string& text);
+
+    // False for a name that is empty, over 255 bytes, no plain UTF-8 or has blanks at its ends.
+    bool rename(const std::string& name);
+
+    // False unless from 1 to 255 and not this service's own number.
+    bool take_output(int source);
+    void give_back_output() { m_source_switch.give_back_output(); }
+    void refuse_next_request() { m_source_switch.refuse_next_request(); }
+
+    void request_shutdown();
+
+    // The name given to the device, else the machine's.
+    std::string device_name() const;
+
+    const MessageStore& messages() const { return m_messages; }
+    Player& player() { return m_player; }
+    NetworkMonitor& network() { return m_network; }
+
+  private:
+    const Settings& m_settings;
+    MessageStore& m_messages;
+    Player& m_player;
+    SourceSwitch& m_source_switch;
+    NetworkMonitor& m_network;
+};
+
+}  // namespace nuvio::host
