@@ -23,6 +23,7 @@ using std::chrono::milliseconds;
 constexpr int kTries = 8;
 constexpr milliseconds kBetweenTries{250};
 constexpr milliseconds kBlindInterval{5000};
+constexpr milliseconds kNoWelcomeInterval{60000};
 // Messages taken in one go, so that a flood of them cannot starve the thread's other work.
 constexpr int kMessagesPerRound = 64;
 
@@ -43,6 +44,7 @@ void move_forward(std::optional<std::chrono::steady_clock::time_point>& deadline
 }  // namespace
 
 void BusLink::open() {
+    m_tries_left = kTries;
     if (!m_addresses.empty() && !try_from(0)) {
         wait_for_bus(kTries);
     }
@@ -139,9 +141,13 @@ void BusLink::lose(int error) {
         wait_for_bus(kTries);
         return;
     }
-    // There was a socket but no welcome behind it.
+    // There was a socket but no welcome behind it: a bus that is busy or still starting. No file
+    // event will tell when it is ready, so it is asked again, slowly in the end.
     if (!try_from(m_current + 1)) {
         wait_for_bus(std::max(m_tries_left - 1, 0));
+        if (!m_next_try) {
+            m_next_try = Clock::now() + kNoWelcomeInterval;
+        }
     }
 }
 

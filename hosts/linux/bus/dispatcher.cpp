@@ -20,8 +20,7 @@ namespace nuvio::host {
 namespace {
 
 constexpr std::chrono::milliseconds kSaveDelay{1000};
-// Changes that nobody could hear of yet; more are of no use to anyone.
-constexpr size_t kMaxNotices = 1024;
+constexpr uint64_t kMaxUnsent = 16;  // messages that wait to be written to the bus
 
 // For poll: never (-1) without a deadline, else rounded up so that nothing is woken too early.
 int timeout_until(const std::optional<std::chrono::steady_clock::time_point>& deadline) {
@@ -73,9 +72,7 @@ void Dispatcher::player_changed(uint32_t changes) {
 void Dispatcher::message_changed(int id, const std::string& text) {
     {
         const std::lock_guard lock(m_mutex);
-        if (m_notices.messages.size() < kMaxNotices) {
-            m_notices.messages.emplace_back(id, text);
-        }
+        m_notices.messages.insert_or_assign(id, text);
     }
     wake();
 }
@@ -120,15 +117,22 @@ void Dispatcher::run() {
     m_link.close();
 }
 
-void Dispatcher::publish() {
-    Notices notices;
-    {
-        const std::lock_guard lock(m_mutex);
-        std::swap(notices, m_notices);
-    }
-    if (notices.save && !m_save_at) {
+// Nothing while the bus has yet to take what it was told before: what changes meanwhile is told
+// once, as it is then, so no flood of changes grows the process.
+Dispatcher::Notices Dispatcher::take_notices() {
+    const std::lock_guard lock(m_mutex);
+    if (std::exchange(m_notices.save, false) && !m_save_at) {
         m_save_at = Clock::now() + kSaveDelay;
     }
+    uint64_t unsent = 0;
+    if (sd_bus* const bus = m_link.ready(); bus != nullptr) {
+        sd_bus_get_n_queued_write(bus, &unsent);
+    }
+    return unsent > kMaxUnsent ? Notices() : std::exchange(m_notices, {});
+}
+
+void Dispatcher::publish() {
+    const Notices notices = take_notices();
     sd_bus* const bus = m_link.ready();
     m_mpris.publish(bus, notices.player);
     if (bus == nullptr) {

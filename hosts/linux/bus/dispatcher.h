@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -49,12 +50,13 @@ class Dispatcher {
 
     struct Notices {
         uint32_t player = 0;
-        std::vector<std::pair<int, std::string>> messages;
+        std::map<int, std::string> messages;  // the latest text, by id
         bool network = false;
         bool save = false;
     };
 
     void run();
+    Notices take_notices();
     void publish();
     void wait_for_events();
     void save_when_due();

@@ -394,7 +394,9 @@ void Mpris::seek_by(int64_t offset_us) {
     }
     const bool stepping = Player::Clock::now() < m_seek_counts_until;
     const int64_t from = stepping ? m_seek_target_ms : now.position_ms;
-    const int64_t target = std::max<int64_t>(from + offset_us / kUsPerMs, 0);
+    // Both far from overflow: a position a seek can carry, and a 64-bit count of microseconds.
+    const int64_t target =
+        std::clamp<int64_t>(from + offset_us / kUsPerMs, 0, Controls::kMaxSeekMs);
     const int64_t length = now.track ? now.track->length_ms : 0;
     if (length > 0 && target > length) {
         command("NEXT");

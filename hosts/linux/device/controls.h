@@ -27,7 +27,9 @@ class Controls {
     // A command word of the service; false when no source takes it.
     bool command(const std::string& word) { return m_source_switch.send_command(word); }
 
-    // From the start of the track; beyond what a command can carry it is ignored.
+    static constexpr int64_t kMaxSeekMs = INT32_MAX;  // what a command can carry
+
+    // From the start of the track; beyond kMaxSeekMs it is ignored.
     void seek(int64_t position_ms);
 
     // The volume control: kept by the device, and told to the source.
@@ -40,7 +42,7 @@ class Controls {
     // (name, volume, mute, current source) take effect. False when the id or text makes no sense.
     bool write_message(int id, const std::string& text);
 
-    // False for a name that is empty, over 255 bytes, no plain UTF-8 or has blanks at its ends.
+    // False for what is_device_name refuses.
     bool rename(const std::string& name);
 
     // False unless from 1 to 255 and not this service's own number.
