@@ -10,8 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "bridge/bridge_instance.h"
-#include "bridge/nuvio_connect_bridge.h"
+#include "bridge/bridge_private.h"
 #include "utility/check.h"
 #include "utility/uv_utilities.h"
 

@@ -1,4 +1,4 @@
-// NuvioConnect: binds the SDK core to the device.
+// NuvioConnect: binds the SDK core to the device. For the bridge's own files.
 #pragma once
 
 #include <uv.h>
@@ -19,13 +19,13 @@
 #include "advertising/avahi_advertiser.h"
 #include "bridge/fair_mutex.h"
 #include "bridge/loop_call.h"
+#include "bridge/track_info.h"
 #include "common/released_by.h"
 #include "device_info/device_info.h"
 #include "local_config/http_server.h"
 #include "media/audio_renderer.h"
 #include "sdk/nuvio_connect.h"
 #include "startup/nuvio_ss_listener.h"
-#include "startup/track_info.h"
 
 namespace android {
 
@@ -204,5 +204,9 @@ class NuvioConnect {
     std::unique_ptr<LoopCall> m_loopCall;
     Teardown m_teardown;
 };
+
+// The process's bridge; null when there is none, on the loop's thread also once that has destroyed
+// it. On the bridge's own threads without a lock; elsewhere with NuvioConnect::s_queueMutex held.
+NuvioConnect* bridgeInstance();
 
 }  // namespace android

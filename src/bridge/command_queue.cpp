@@ -6,7 +6,7 @@
 #include <exception>
 #include <stdexcept>
 
-#include "bridge/nuvio_connect_bridge.h"
+#include "bridge/bridge_private.h"
 
 namespace android {
 

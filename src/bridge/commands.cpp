@@ -10,7 +10,7 @@
 #include <optional>
 #include <unordered_map>
 
-#include "bridge/nuvio_connect_bridge.h"
+#include "bridge/bridge_private.h"
 
 namespace android {
 namespace {

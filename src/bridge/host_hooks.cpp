@@ -1,8 +1,7 @@
 #include "bridge/host_hooks.h"
 
 #include "bridge/bridge.h"
-#include "bridge/bridge_instance.h"
-#include "bridge/nuvio_connect_bridge.h"
+#include "bridge/bridge_private.h"
 
 using namespace android;
 

@@ -7,7 +7,7 @@
 #include <utility>
 
 #include "bridge/bridge.h"
-#include "bridge/nuvio_connect_bridge.h"
+#include "bridge/bridge_private.h"
 #include "utility/log_delegate.h"
 #include "utility/uv_utilities.h"
 

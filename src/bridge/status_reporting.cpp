@@ -5,8 +5,8 @@
 #include <memory>
 
 #include "bridge/bridge.h"
-#include "bridge/nuvio_connect_bridge.h"
-#include "startup/ui_manager.h"
+#include "bridge/bridge_private.h"
+#include "bridge/ui_manager.h"
 
 namespace android {
 namespace {

@@ -1,4 +1,4 @@
-#include "startup/ui_manager.h"
+#include "bridge/ui_manager.h"
 
 #include <syslog.h>
 

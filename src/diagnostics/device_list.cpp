@@ -1,4 +1,4 @@
-#include "startup/device_list.h"
+#include "diagnostics/device_list.h"
 
 #include <algorithm>
 #include <cstdio>
@@ -11,7 +11,7 @@
 
 #include "media/sink/alsa/alsa_utilities.h"
 #include "platform/Environment.h"
-#include "startup/device_settings.h"
+#include "utility/environment_item.h"
 
 namespace {
 

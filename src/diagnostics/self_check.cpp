@@ -1,4 +1,4 @@
-#include "startup/self_check.h"
+#include "diagnostics/self_check.h"
 
 #include <avahi-client/client.h>
 #include <avahi-common/error.h>
@@ -21,7 +21,7 @@
 
 #include "media/sink/alsa/alsa_utilities.h"
 #include "platform/Environment.h"
-#include "startup/device_settings.h"
+#include "utility/environment_item.h"
 
 namespace {
 

@@ -9,6 +9,7 @@
 
 #include "bridge/bridge.h"
 #include "platform/Environment.h"
+#include "utility/environment_item.h"
 
 namespace android {
 namespace {
@@ -62,12 +63,6 @@ std::string randomSerialNumber() {
 }
 
 }  // namespace
-
-std::string envItem(const char* key, const char* fallback) {
-    std::string value;
-    GetEnvItemByName(key, value);
-    return orDefault(value, fallback);
-}
 
 std::optional<std::vector<std::string>> gatherDeviceInfo(KORAHelper& kora,
                                                          const char* wifiAddressPath) {

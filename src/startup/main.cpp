@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "startup/device_list.h"
-#include "startup/self_check.h"
+#include "diagnostics/device_list.h"
+#include "diagnostics/self_check.h"
 #include "startup/service.h"
 
 namespace {

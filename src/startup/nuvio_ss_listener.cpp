@@ -12,9 +12,9 @@
 #include <string>
 
 #include "bridge/bridge.h"
+#include "bridge/ui_manager.h"
 #include "platform/Kora.h"
 #include "sdk/nuvio_connect.h"
-#include "startup/ui_manager.h"
 
 namespace android {
 namespace {

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
+#include "bridge/track_info.h"
 #include "platform/SourceSwitch.h"
-#include "startup/track_info.h"
 
 namespace android {
 

@@ -1,7 +1,7 @@
 // The source-switch listener between the platform and the bridge.
 #include "bridge/service_fixture.h"
+#include "bridge/track_info.h"
 #include "platform/Kora.h"
-#include "startup/track_info.h"
 
 using namespace android;
 using namespace service_test;

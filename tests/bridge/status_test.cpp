@@ -9,8 +9,8 @@
 #include "bridge/host_hooks.h"
 #include "bridge/loop_call.h"
 #include "bridge/service_fixture.h"
+#include "bridge/track_info.h"
 #include "platform/Kora.h"
-#include "startup/track_info.h"
 
 using namespace android;
 using namespace service_test;

@@ -16,8 +16,7 @@
 #include <vector>
 
 #include "bridge/bridge.h"
-#include "bridge/bridge_instance.h"
-#include "bridge/nuvio_connect_bridge.h"
+#include "bridge/bridge_private.h"
 #include "fakes/fake_platform.h"
 #include "fakes/fake_sdk.h"
 #include "fuzz/expect.h"
