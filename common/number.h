@@ -24,18 +24,9 @@ std::optional<Number> to_number(std::string_view text) {
 }
 
 // The number that a text begins with, read leniently: white space and a sign before it, anything
-// behind it; 0 without digits, the nearest limit of `long` where it does not fit. `end`, when it is
-// asked for, is where the number ends, or the text's start when there is none.
-inline long leading_number(const char* text, const char** end = nullptr) {
-    char* rest = nullptr;
-    const long number = std::strtol(text, &rest, 10);
-    if (end != nullptr) {
-        *end = rest;
-    }
-    return number;
-}
+// behind it; 0 without digits, the nearest limit of `long` where it does not fit.
 inline long leading_number(const std::string& text) {
-    return leading_number(text.c_str());
+    return std::strtol(text.c_str(), nullptr, 10);
 }
 
 }  // namespace nuvio

@@ -2,15 +2,18 @@
 
 #include <syslog.h>
 #include <systemd/sd-daemon.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <system_error>
 #include <utility>
 
 #include "base/text.h"
 #include "common/number.h"
+#include "platform/Environment.h"
 
 namespace nuvio::host {
 
@@ -19,6 +22,10 @@ namespace {
 // For notifications that run when the process is asked to end. One may be waiting for the bridge's
 // queue, which is let go of when the bridge is taken down, after this.
 constexpr std::chrono::milliseconds kStopPatience{200};
+
+// For all of the end, the state's last save on a slow disk included; then SIGALRM ends the process.
+// A service manager's patience is 10 s.
+constexpr unsigned kEndLimitS = 8;
 
 sigset_t end_signals() {
     sigset_t signals;
@@ -97,8 +104,24 @@ void Host::start() {
     // Before there is a second thread, which would take them: they are for wait_for_end.
     const sigset_t signals = end_signals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-    m_pool.start();
-    m_dispatcher.start();
+    try {
+        m_pool.start();
+        m_dispatcher.start();
+    } catch (const std::system_error& error) {
+        // A device that hears nothing is worse than none, which a service manager starts again.
+        syslog(LOG_ERR, "nuvio-host: no thread to be had: %s", error.what());
+        std::_Exit(EXIT_FAILURE);
+    }
+}
+
+// The item without which the service has nothing to run; empty when all is set.
+std::string Host::unset_credential() const {
+    for (const char* key : {KFeatureNuvioConnectApp_id, KFeatureNuvioConnectApp_secret}) {
+        if (m_settings.get(key).empty()) {
+            return key;
+        }
+    }
+    return {};
 }
 
 void Host::wait_for_end() {
@@ -106,10 +129,13 @@ void Host::wait_for_end() {
         return;
     }
     m_reported_ready = true;
-    sd_notify(0, "READY=1");
+    const std::string unset = unset_credential();
+    sd_notifyf(0, "READY=1\nSTATUS=%s",
+               unset.empty() ? "Running" : ("Not set up: " + unset + " is not set").c_str());
     const sigset_t signals = end_signals();
     while (sigwaitinfo(&signals, nullptr) < 0 && errno == EINTR) {
     }
+    alarm(kEndLimitS);
     stop();
 }
 

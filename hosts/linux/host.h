@@ -49,6 +49,7 @@ class Host {
     void stop();
     void stop_for_good();
     void report_stopping() const;
+    std::string unset_credential() const;
 
     const Settings m_settings;
     NotificationPool m_pool;

@@ -2,8 +2,11 @@
 #include "bridge/bridge.h"
 
 #include <syslog.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
+#include <csignal>
 #include <memory>
 #include <mutex>
 #include <system_error>
@@ -61,7 +64,16 @@ NuvioConnect& initInstance(uv_loop_t* loop) {
     return makeInstance();
 }
 
-// No thread, one line logged, when the system has none left: then no command is heard.
+std::atomic<bool> g_failed{false};
+
+// A service that hears nobody is worse than none, which a service manager starts again.
+void endAsFailed(const char* thread, const std::system_error& error) {
+    syslog(LOG_ERR, "NuvioConnect: %s thread not started: %s", thread, error.what());
+    g_failed = true;
+    kill(getpid(), SIGTERM);
+}
+
+// No thread when the system has none left.
 std::jthread startCommandThread(NuvioConnect* bridge) {
     try {
         return std::jthread([bridge](const std::stop_token& stop) {
@@ -69,7 +81,7 @@ std::jthread startCommandThread(NuvioConnect* bridge) {
             bridge->handleNuvioPlaybackEvents(stop);
         });
     } catch (const std::system_error& error) {
-        syslog(LOG_ERR, "NuvioConnect: command thread not started: %s", error.what());
+        endAsFailed("command", error);
         return {};
     }
 }
@@ -133,8 +145,12 @@ void startNuvioConnectThread() {
         std::thread(nuvioConnectThreadFunction).detach();
         g_threads.state = LoopState::Starting;
     } catch (const std::system_error& error) {
-        syslog(LOG_ERR, "NuvioConnect: bridge thread not started: %s", error.what());
+        endAsFailed("bridge", error);
     }
+}
+
+bool hasNuvioConnectFailed() {
+    return g_failed;
 }
 
 void nuvioConnectThreadFunction() {

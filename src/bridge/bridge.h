@@ -32,6 +32,10 @@ void setDeviceInfo(const std::vector<std::string>& info);
 // until stopNuvioConnect.
 void startNuvioConnectThread();
 
+// True when the system had no thread for the bridge: it asked the process to end (SIGTERM), and the
+// end is a failure. Any thread.
+bool hasNuvioConnectFailed();
+
 // Body of the bridge's thread: makes the device modules, the SDK core and the command thread, then
 // runs the default loop. Returns when the bridge is stopped, or when the loop has nothing to do
 // because the bridge could not be initialised; commands then go on being answered, as failing.

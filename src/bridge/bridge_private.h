@@ -7,10 +7,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <mutex>
 #include <optional>
-#include <queue>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -158,6 +158,7 @@ class NuvioConnect {
     void showPlayingTrack();
     void handleStopped();
     std::optional<PlayingTrack> waitForPlayingTrack();
+    bool waitForMetadata();  // false: a newer status is queued, or stop
     std::optional<PlayingTrack> fetchPlayingTrack();
     std::optional<PlayingTrack> copyPlayingTrack() const;  // loop's thread
     void fillTrackInfo(const PlayingTrack& track);
@@ -176,7 +177,7 @@ class NuvioConnect {
     std::atomic<int> m_iActiveStatus{0};       // last playback status other than stopped
     bool m_beventReady = false;                // s_entriesMutex
     std::string m_currentEvent;                // command thread
-    std::queue<std::string> m_eventQueue;      // s_entriesMutex
+    std::deque<std::string> m_eventQueue;      // s_entriesMutex
     std::atomic<int> m_iPlaybackStatus{0};     // nuv_playback_state, latest of the renderer
     std::atomic<bool> m_bdeviceVolume{false};  // the SDK has reported a volume
     uint16_t m_httpPort = 0;

@@ -18,7 +18,7 @@ void NuvioConnect::pushEvent(const std::string& command) {
     const std::scoped_lock lock(s_entriesMutex);
     syslog(LOG_ERR, "NuvioConnect: postEventTo_Nuvio: Queue size before push = %zu\n",
            m_eventQueue.size());
-    m_eventQueue.push(command);
+    m_eventQueue.push_back(command);
     syslog(LOG_ERR,
            "NuvioConnect: postEventTo_Nuvio: Pushed event = %s, Queue size after push = %zu\n",
            command.c_str(), m_eventQueue.size());
@@ -82,7 +82,7 @@ size_t NuvioConnect::queueSize() {
 std::string NuvioConnect::popEvent() {
     const std::scoped_lock lock(s_entriesMutex);
     std::string command = std::move(m_eventQueue.front());
-    m_eventQueue.pop();
+    m_eventQueue.pop_front();
     syslog(LOG_ERR,
            "NuvioConnect: handleNuvioPlaybackEvents: Processing event = %s, Queue size after pop = "
            "%zu\n",

@@ -2,12 +2,12 @@
 #include <syslog.h>
 
 #include <array>
-#include <cstdlib>
 #include <stdexcept>
 #include <utility>
 
 #include "bridge/bridge.h"
 #include "bridge/bridge_private.h"
+#include "common/number.h"
 #include "utility/log_delegate.h"
 #include "utility/uv_utilities.h"
 
@@ -65,8 +65,7 @@ void NuvioConnect::parseDeviceInfo() {
         syslog(LOG_ERR, "NuvioConnect: Device info array has insufficient elements.");
         throw std::out_of_range("Device info array out of range.");
     }
-    m_httpPort = static_cast<uint16_t>(
-        std::strtol(m_deviceInfo[DEVICE_INFO_HTTP_PORT].c_str(), nullptr, 10));
+    m_httpPort = static_cast<uint16_t>(nuvio::leading_number(m_deviceInfo[DEVICE_INFO_HTTP_PORT]));
     for (size_t index = 0; index < DEVICE_INFO_COUNT; ++index) {
         syslog(LOG_ERR, "NuvioConnect: deviceinfo = %s\n", m_deviceInfo[index].c_str());
     }
@@ -162,7 +161,7 @@ nuv_connect_config NuvioConnect::makeConfig() const {
 }
 
 void NuvioConnect::installSdkLog() {
-    if (std::strtol(m_logLevel.c_str(), nullptr, 10) == 0) {
+    if (nuvio::leading_number(m_logLevel) == 0) {
         return;
     }
     const nuv_error error = nuv_connect_set_log_delegate(m_core, {nullptr, sdk_log_callback});

@@ -14,6 +14,7 @@ LoopCall::~LoopCall() {
 }
 
 bool LoopCall::run(const std::stop_token& stop, const std::function<void()>& function) {
+    NUV_CHECK(std::this_thread::get_id() != m_loopThread);
     std::unique_lock lock(m_mutex);
     if (m_handle == nullptr) {
         return false;
@@ -21,7 +22,8 @@ bool LoopCall::run(const std::stop_token& stop, const std::function<void()>& fun
     m_function = &function;
     m_state = State::Waiting;
     uv_async_send(m_handle);
-    m_changed.wait(lock, stop, [this] { return m_state == State::Done || m_handle == nullptr; });
+    m_changed.wait_for(lock, stop, kPatience,
+                       [this] { return m_state == State::Done || m_handle == nullptr; });
     if (m_state == State::Waiting) {
         m_state = State::Idle;
         return false;

@@ -3,21 +3,27 @@
 // Creation    on the loop's thread.
 // Destruction on the loop's thread, after close() and when no run() is in progress.
 // Waiting     ends with the function; a function that the loop has not begun is withdrawn, and the
-//             wait ends, when a stop is asked for or the object is closed. The loop never waits for
-//             the caller, so the caller may hold any lock that the function does not take.
+//             wait ends, when a stop is asked for, the object is closed or kPatience is over: the
+//             loop may sit in a platform call that itself waits for the caller's lock. The loop
+//             never waits for the caller, so the caller may hold any lock that the function does
+//             not take.
 #pragma once
 
 #include <uv.h>
 
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <stop_token>
+#include <thread>
 
 namespace android {
 
 class LoopCall {
   public:
+    static constexpr std::chrono::seconds kPatience{2};
+
     explicit LoopCall(uv_loop_t* loop);
     ~LoopCall();
     LoopCall(const LoopCall&) = delete;
@@ -36,6 +42,7 @@ class LoopCall {
     static void onWakeUp(uv_async_t* handle);
     void serve();
 
+    const std::thread::id m_loopThread = std::this_thread::get_id();
     std::mutex m_mutex;
     std::condition_variable_any m_changed;
     // Guarded by m_mutex:

@@ -1,6 +1,7 @@
 // NuvioConnect: from the SDK's state to the platform: play state, position, volume, mute, track.
 #include <syslog.h>
 
+#include <algorithm>
 #include <chrono>
 #include <memory>
 
@@ -15,6 +16,8 @@ using namespace std::chrono_literals;
 
 // A new stream's metadata reaches the SDK a moment after the stream starts to play.
 constexpr auto kMetadataDelay = 1s;
+
+constexpr char kPlaybackStatus[] = "POST_PLAYSTATUS";
 
 std::string textOf(const char* text) {
     return text == nullptr ? "" : text;
@@ -38,7 +41,7 @@ void NuvioConnect::reportVolume() {
 void NuvioConnect::reportPlaybackStatus(int status) {
     m_iPlaybackStatus = status;
     syslog(LOG_ERR, "NuvioConnect: nuvio playbackstatus = %d %d", status, m_iPlaybackStatus.load());
-    postEventTo_Nuvio("POST_PLAYSTATUS");
+    postEventTo_Nuvio(kPlaybackStatus);
 }
 
 // ---- Status commands
@@ -129,10 +132,20 @@ void NuvioConnect::handleStopped() {
     syslog(LOG_ERR, "NuvioConnect: Renderer is active, skip metadata reset \n");
 }
 
-// Nothing when two tries found none, or the bridge is stopping.
+// A newer status would wait for the same track, or says that there is none: of a storm of changes
+// only the last one waits.
+bool NuvioConnect::waitForMetadata() {
+    std::unique_lock lock(s_entriesMutex);
+    const bool outdated = s_queueCondition.wait_for(lock, m_stop, kMetadataDelay, [this] {
+        return std::ranges::find(m_eventQueue, kPlaybackStatus) != m_eventQueue.end();
+    });
+    return !outdated && !m_stop.stop_requested();
+}
+
+// Nothing when two tries found none, a newer status is queued or the bridge is stopping.
 std::optional<NuvioConnect::PlayingTrack> NuvioConnect::waitForPlayingTrack() {
     std::optional<PlayingTrack> track;
-    for (int tries = 2; tries > 0 && !track && waitUnlessStopped(kMetadataDelay); --tries) {
+    for (int tries = 2; tries > 0 && !track && waitForMetadata(); --tries) {
         track = fetchPlayingTrack();
     }
     return track;

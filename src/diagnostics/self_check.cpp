@@ -19,6 +19,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/number.h"
 #include "media/sink/alsa/alsa_utilities.h"
 #include "platform/Environment.h"
 #include "utility/environment_item.h"
@@ -54,7 +55,7 @@ std::string quoted(const std::string& name) {
 // ---- Settings -------------------------------------------------------------------------------
 
 Finding checkSettings() {
-    if (std::strtol(envItem(kFeatureNuvioConnect).c_str(), nullptr, 10) == 0) {
+    if (nuvio::leading_number(envItem(kFeatureNuvioConnect)) == 0) {
         return bad(kSettings, std::string("the service is off: set ") + kFeatureNuvioConnect +
                                   " = 1 in the settings file");
     }
@@ -65,8 +66,8 @@ Finding checkSettings() {
         }
     }
     const std::string port = envItem(KFeatureNuvioConnectHttpPort, kDefaultHttpPort);
-    const long number = std::strtol(port.c_str(), nullptr, 10);
-    if (number < 1 || number > 65535) {
+    const auto number = nuvio::to_number<uint16_t>(port);
+    if (number.value_or(0) == 0) {
         return bad(kSettings, std::string(KFeatureNuvioConnectHttpPort) + " = " + port +
                                   " is no port: set a number from 1 to 65535");
     }

@@ -1,5 +1,7 @@
 // nuvio-connect: command line, log set-up, then the service.
+#include <fcntl.h>
 #include <syslog.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -28,15 +30,16 @@ constexpr char kUsage[] =
     "  --version       show the version\n"
     "\n"
     "Environment:\n"
-    "  NUVIO_LOG_STDERR  when set, system-log lines go to standard error too\n"
+    "  NUVIO_LOG_STDERR  when set, system-log lines go to standard error too, as they\n"
+    "                    do on a terminal\n"
     "\n"
     "See nuvio-connect(8) and nuvio-connect-settings(5).\n";
 
 enum class SystemLog { asEnvironmentSays, onStderrToo };
 
 void openSystemLog(SystemLog way) {
-    const bool onStderr =
-        way == SystemLog::onStderrToo || std::getenv("NUVIO_LOG_STDERR") != nullptr;
+    const bool onStderr = way == SystemLog::onStderrToo ||
+                          std::getenv("NUVIO_LOG_STDERR") != nullptr || isatty(STDERR_FILENO) == 1;
     openlog("nuvio-connect", LOG_PID | (onStderr ? LOG_PERROR : 0), LOG_DAEMON);
 }
 
@@ -73,6 +76,18 @@ constexpr std::array kOptions = {
     Option{"--version", showVersion},
 };
 
+// Started without them, their numbers would go to the loop and to sockets, and log lines into
+// those.
+void keepStandardDescriptors() {
+    int fd = 0;
+    while (fd >= 0 && fd <= STDERR_FILENO) {
+        fd = open("/dev/null", O_RDWR);
+    }
+    if (fd > STDERR_FILENO) {
+        close(fd);
+    }
+}
+
 int refuse(const char* argument) {
     std::fprintf(stderr, "nuvio-connect: unknown option '%s'\n\n%s", argument, kUsage);
     return kUsageError;
@@ -81,6 +96,7 @@ int refuse(const char* argument) {
 }  // namespace
 
 int main(int argc, char** argv) {
+    keepStandardDescriptors();
     if (argc < 2) {
         return serve();
     }

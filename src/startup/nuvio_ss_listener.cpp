@@ -13,6 +13,7 @@
 
 #include "bridge/bridge.h"
 #include "bridge/ui_manager.h"
+#include "common/number.h"
 #include "platform/Kora.h"
 #include "sdk/nuvio_connect.h"
 
@@ -48,9 +49,9 @@ void writeMessage(KoraMessage id, const std::string& text) {
 
 // 0 for a text without a number, the nearest value for one that does not fit.
 int32_t toInt32(const std::string& text) {
-    const long long value = std::strtoll(text.c_str(), nullptr, 10);
-    return static_cast<int32_t>(std::clamp<long long>(value, std::numeric_limits<int32_t>::min(),
-                                                      std::numeric_limits<int32_t>::max()));
+    return static_cast<int32_t>(std::clamp<long>(nuvio::leading_number(text),
+                                                 std::numeric_limits<int32_t>::min(),
+                                                 std::numeric_limits<int32_t>::max()));
 }
 
 struct PlayStateRow {

@@ -3,12 +3,14 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "bridge/bridge.h"
+#include "common/number.h"
 #include "platform/Binder.h"
 #include "platform/Environment.h"
 #include "startup/nuvio_connect_start.h"
@@ -24,7 +26,7 @@ constexpr unsigned kShutDownLimitS = 8;  // a service manager's patience is 10 s
 bool isEnabled() {
     std::string item;
     GetEnvItemByName(kFeatureNuvioConnect, item);
-    return std::strtol(item.c_str(), nullptr, 10) != 0;
+    return nuvio::leading_number(item) != 0;
 }
 
 // False, one line logged, when the platform can't start the thread.
@@ -40,7 +42,10 @@ bool startStartUpThread(const sp<NuvioConnectStart>& start) {
 // the bridge's command thread is told first. A bus or a card that never answers can hold the loop's
 // thread for ever: then the signal ends the process.
 void shutDown(sp<NuvioConnectStart>& start) {
-    alarm(kShutDownLimitS);
+    // The platform may have set one when the end began.
+    if (const unsigned left = alarm(kShutDownLimitS); left != 0) {
+        alarm(std::min(left, kShutDownLimitS));
+    }
     requestStopNuvioConnect();
     start->stopStartUp();
     stopNuvioConnect();
@@ -70,5 +75,5 @@ int runService() {
         IPCThreadState::self()->joinThreadPool(true);
     }
     shutDown(start);
-    return started ? EXIT_SUCCESS : EXIT_FAILURE;
+    return started && !hasNuvioConnectFailed() ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -1,5 +1,6 @@
 #include "utility/log_delegate.h"
 
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <unistd.h>
 
@@ -8,11 +9,15 @@
 #include <chrono>
 #include <cinttypes>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <string_view>
 
+#include "common/utf8.h"
 #include "utility/check.h"
 #include "utility/repeat_filter.h"
 
@@ -48,15 +53,66 @@ constexpr uint32_t known_level(uint32_t level) {
 constinit std::mutex lines_mutex;
 constinit repeat_filter repeats;  // guarded by lines_mutex
 
+// Syslog's number of each level, as the journal reads it at the start of a line.
+constexpr std::array<const char*, LOG_LEVEL_FATAL + 1> kJournalPriorities = {"<7>", "<7>", "<6>",
+                                                                             "<4>", "<3>", "<2>"};
+
+// True when the service manager says that standard output is its journal's.
+bool is_journal() {
+    const char* stream = std::getenv("JOURNAL_STREAM");
+    struct stat output {};
+    uintmax_t device = 0;
+    uintmax_t inode = 0;
+    return stream != nullptr && fstat(STDOUT_FILENO, &output) == 0 &&
+           std::sscanf(stream, "%ju:%ju", &device, &inode) == 2 && device == output.st_dev &&
+           inode == output.st_ino;
+}
+
+const char* priority_of(uint32_t level) {
+    static const bool wanted = is_journal();
+    return wanted ? kJournalPriorities[known_level(level)] : "";
+}
+
+// Where a foreign text could begin a line of its own or move a terminal's cursor. Line ends at the
+// end of a message, and tabs, are its author's.
+bool is_hidden(char c) {
+    return nuvio::is_control(c) && c != '\t';
+}
+
+constexpr size_t kLongestEscape = 4;
+
+// The message with what is hidden written as \xNN; most have nothing of the kind and are handed
+// back as they are. `room` holds a longer one, cut where it is full.
+const char* visible(const char* message, std::array<char, 2 * kMessageBufferSize>& room) {
+    const std::string_view text = message;
+    const std::string_view body = text.substr(0, text.find_last_not_of('\n') + 1);
+    if (std::ranges::none_of(body, is_hidden)) {
+        return message;
+    }
+    size_t used = 0;
+    for (size_t i = 0; i < text.size() && used + kLongestEscape < room.size(); ++i) {
+        if (i < body.size() && is_hidden(text[i])) {
+            used += static_cast<size_t>(std::snprintf(&room[used], room.size() - used, "\\x%02x",
+                                                      static_cast<unsigned char>(text[i])));
+        } else {
+            room[used++] = text[i];
+        }
+    }
+    room[used] = '\0';
+    return room.data();
+}
+
 void write_line(const char* category, uint32_t level, const char* message) {
+    std::array<char, 2 * kMessageBufferSize> room;
     timeval now{};
     gettimeofday(&now, nullptr);
     tm local{};
     localtime_r(&now.tv_sec, &local);
-    std::printf("%d%02d%02d %02d:%02d:%02d.%03d [%d.%d] %s %s: %s\n", local.tm_year + 1900,
-                local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
-                static_cast<int>(now.tv_usec / 1000), static_cast<int>(getpid()),
-                static_cast<int>(gettid()), kLevelNames[known_level(level)], category, message);
+    std::printf("%s%d%02d%02d %02d:%02d:%02d.%03d [%d.%d] %s %s: %s\n", priority_of(level),
+                local.tm_year + 1900, local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min,
+                local.tm_sec, static_cast<int>(now.tv_usec / 1000), static_cast<int>(getpid()),
+                static_cast<int>(gettid()), kLevelNames[known_level(level)], category,
+                visible(message, room));
     std::fflush(stdout);
 }
 
@@ -74,8 +130,9 @@ void log_write(const char* category, uint32_t level, const char* message) {
     NUV_CHECK(category != NULL);
     NUV_CHECK(message != NULL);
     const std::lock_guard lock(lines_mutex);
-    if (level < LOG_LEVEL_WARNING ||
-        repeats.admit(repeat_filter::clock::now(), level, category, message, write_count)) {
+    const auto now = repeat_filter::clock::now();
+    repeats.report_due(now, write_count);
+    if (level < LOG_LEVEL_WARNING || repeats.admit(now, level, category, message, write_count)) {
         write_line(category, level, message);
     }
 }

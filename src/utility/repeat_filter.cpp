@@ -3,17 +3,9 @@
 #include <algorithm>
 #include <tuple>
 
+#include "common/fnv1a.h"
+
 namespace {
-
-constexpr uint64_t kHashStart = 0xcbf29ce484222325;  // FNV-1a
-constexpr uint64_t kHashFactor = 0x100000001b3;
-
-uint64_t hash(uint64_t state, std::string_view text) {
-    for (const char byte : text) {
-        state = (state ^ static_cast<unsigned char>(byte)) * kHashFactor;
-    }
-    return state;
-}
 
 // The new text, cut to the room and terminated.
 template <size_t Size>
@@ -57,8 +49,8 @@ bool repeat_filter::entry::admit() {
 
 uint64_t repeat_filter::key_of(uint32_t level, std::string_view category,
                                std::string_view message) {
-    const uint64_t of_category = hash((kHashStart ^ level) * kHashFactor, category);
-    return hash(hash(of_category, {"\0", 1}), message);
+    const uint64_t of_level = nuvio::fnv1a(nuvio::kFnv1aStart, static_cast<uint8_t>(level));
+    return nuvio::fnv1a(nuvio::fnv1a(nuvio::fnv1a(of_level, category), uint8_t{0}), message);
 }
 
 repeat_filter::entry* repeat_filter::find(uint64_t key) {

@@ -1,8 +1,8 @@
 // Keeps a line that repeats without end out of the log: of lines that are equal in level, category
 // and message the first ten within a second pass. Those beyond are counted, and the count follows
 // as one line with the first line that comes after the second, whatever it says (so it is lost when
-// the process ends before another comes). While the
-// flood goes on, one line and one count pass in each further stretch of 2, 4, 8 ... 60 seconds.
+// the process ends before another comes). While the flood goes on, one line and one count pass in
+// each further stretch of 2, 4, 8 ... 60 seconds.
 //
 // Remembers the last 16 different lines, so that calls that fail in turn are held back too. Nothing
 // is allocated, and no timer runs. One thread at a time.
@@ -30,16 +30,22 @@ class repeat_filter {
         uint64_t lines;
     };
 
-    // Calls `report` for each count that is due, and returns whether the line is to be written.
+    // Calls `report` for each count that is due. Before each line, whether it asks for admission or
+    // not.
     template <typename Report>
-    bool admit(clock::time_point now, uint32_t level, std::string_view category,
-               std::string_view message, Report report) {
+    void report_due(clock::time_point now, Report report) {
         for (entry& known : m_entries) {
             if (known.in_use && now >= known.end) {
                 report_held_back(known, report);
                 known.next_stretch(now);
             }
         }
+    }
+
+    // Whether the line is to be written. Calls `report` where its place was another's with a count.
+    template <typename Report>
+    bool admit(clock::time_point now, uint32_t level, std::string_view category,
+               std::string_view message, Report report) {
         const uint64_t key = key_of(level, category, message);
         entry* line = find(key);
         if (line == nullptr) {

@@ -1,5 +1,6 @@
 // From the SDK's state to the platform: the hooks, the status commands, the track.
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
@@ -111,6 +112,23 @@ TEST_F(Status, MissingMetadataIsAskedForTwice) {
     EXPECT_EQ(fake_platform::state()->count("ui_"), 0U);
 }
 
+// Each change of state waits a second for its title; of a storm of them only the last one does.
+TEST_F(Status, AStormOfChangesHoldsNobodyUp) {
+    fake_modules::state()->tracks = {kSong, kSong, kSong};
+    startBridge();
+    process({});
+    onLoop([] {
+        for (int i = 0; i < 100; ++i) {
+            host_report_playback_status(1);
+        }
+    });
+    const auto start = std::chrono::steady_clock::now();
+    process({"PAUSE"});
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
+    EXPECT_EQ(countLines("playbackstatus in update = 1"), 100U);
+    EXPECT_EQ(fake_platform::state()->count("ui_update"), 1U);
+}
+
 TEST_F(Status, AStopClearsTheUiUnlessTheRendererIsActiveOrLostTheOutput) {
     const auto clears_while_active = [&](bool active) {
         fake_sdk::Values values;
@@ -194,7 +212,8 @@ TEST_F(Status, TheLoopNeverWaitsForTheCommandThread) {
     platform.join();
 }
 
-// A question that the loop has not taken up is withdrawn by a stop, and refused after the close.
+// A question that the loop has not taken up is withdrawn by a stop or after a while, and refused
+// after the close.
 TEST(LoopCall, NeverWaitsLongerThanTheStopOrTheLoop) {
     uv_loop_t loop;
     uv_loop_init(&loop);
@@ -202,8 +221,10 @@ TEST(LoopCall, NeverWaitsLongerThanTheStopOrTheLoop) {
         LoopCall call(&loop);
         std::stop_source stop;
         int runs = 0;
-        std::jthread stopper([&stop] { stop.request_stop(); });
-        EXPECT_FALSE(call.run(stop.get_token(), [&runs] { ++runs; }));
+        std::thread stopped([&] { EXPECT_FALSE(call.run(stop.get_token(), [&runs] { ++runs; })); });
+        stop.request_stop();
+        stopped.join();
+        std::thread([&] { EXPECT_FALSE(call.run({}, [&runs] { ++runs; })); }).join();  // hung loop
         uv_run(&loop, UV_RUN_NOWAIT);  // the wake-up of the withdrawn question
         EXPECT_EQ(runs, 0);
 

@@ -53,6 +53,12 @@ TEST(LogDelegate, SdkChatterIsDroppedByExactCategoryAndLevel) {
     }
 }
 
+TEST(LogDelegate, NoForeignTextBeginsALineOfItsOwn) {
+    EXPECT_THAT(
+        written_by([] { app_log(LOG_LEVEL_INFO, "id %s.\n", "a\n20260101 x\x1b[2J\t\xc3\xa9"); }),
+        testing::EndsWith("id a\\x0a20260101 x\\x1b[2J\t\xc3\xa9.\n\n"));
+}
+
 TEST(LogDelegate, LongMessageIsCutAt2047Bytes) {
     const std::string line =
         written_by([] { app_log(LOG_LEVEL_DEBUG, "%s", std::string(3000, 'x').c_str()); });
@@ -87,7 +93,7 @@ TEST(LogDelegate, CallsThatFailInTurnWithoutEndAreCountedInsteadOfWritten) {
             sdk_log_callback(LOG_LEVEL_WARNING, "Other", "trying again\n");
         }
         std::this_thread::sleep_for(repeat_filter::kFirstStretch);
-        app_log(LOG_LEVEL_ERROR, "last");
+        app_log(LOG_LEVEL_DEBUG, "last");
     });
     std::vector<std::string> ends;
     std::istringstream lines(output);
@@ -99,7 +105,7 @@ TEST(LogDelegate, CallsThatFailInTurnWithoutEndAreCountedInsteadOfWritten) {
     ASSERT_EQ(ends.size(), 2 * repeat_filter::kPassing + 3);
     EXPECT_THAT(ends, testing::IsSupersetOf({"ERROR SampleApp: write failed (990 more times)",
                                              "WARNING Other: trying again (990 more times)"}));
-    EXPECT_EQ(ends.back(), "ERROR SampleApp: last");
+    EXPECT_EQ(ends.back(), "DEBUG SampleApp: last");
 }
 
 }  // namespace

@@ -18,10 +18,12 @@ class RepeatFilter : public testing::Test {
                 const char* category = "A") {
         int passed = 0;
         for (int i = 0; i < times; i++) {
-            passed += filter.admit(now, level, category, message, [&](const auto& count) {
+            const auto report = [&](const auto& count) {
                 counts.push_back(std::to_string(count.level) + count.category + ":" +
                                  count.message + "*" + std::to_string(count.lines));
-            });
+            };
+            filter.report_due(now, report);
+            passed += filter.admit(now, level, category, message, report);
         }
         return passed;
     }

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <climits>
-#include <cstdlib>
 #include <utility>
 
+#include "common/number.h"
 #include "media/sink/alsa/alsa_utilities.h"
 #include "platform/Environment.h"
 #include "utility/log_delegate.h"
@@ -132,7 +132,7 @@ int parse_maximum_rate(const output_settings& settings) {
         return 0;
     }
     const std::string piece = last_piece(settings.rates.substr(0, kMaxRatesLength));
-    const long value = std::strtol(piece.c_str(), nullptr, 10);
+    const long value = nuvio::leading_number(piece);
     const int rate = static_cast<int>(std::clamp<long>(value, INT_MIN, INT_MAX));
     app_log(LOG_LEVEL_INFO, "Nuvio: Parsed max output sample rate: %d from outputfs: %s\n", rate,
             settings.rates.c_str());
