@@ -12,30 +12,26 @@
 #include <span>
 #include <utility>
 
+#include "common/released_by.h"
+#include "local_config/civetweb/loop_hand_off.h"
+#include "local_config/civetweb/request_body.h"
+#include "local_config/civetweb/web_server.h"
 #include "local_config/connect_request.h"
-#include "local_config/connection_guard.h"
-#include "local_config/loop_hand_off.h"
-#include "local_config/request_body.h"
-#include "local_config/server_sockets.h"
+#include "local_config/request_origin.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
 #include "utility/uv_utilities.h"
 
 namespace {
 
-constexpr unsigned IPV6_FEATURE = 8;
 constexpr const char* BASE_SERVICE_PATH = "/";
 constexpr const char* CONNECT_ENDPOINT = "connect-to-nconnect";
 using endpoint_path = std::array<char, 128>;
 constexpr size_t RESPONSE_SIZE = 2048;  // bytes, terminator included
 constexpr long long MAXIMUM_BODY_SIZE = 65'536;
-constexpr uint64_t LAST_ANSWER_PATIENCE_MS = 1'000;
 constexpr const char* JSON_CONTENT_TYPE = "application/json";
 
-struct AsyncCloser {
-    void operator()(uv_async_t* handle) const { uv_async_free(handle); }
-};
-using async_ptr = std::unique_ptr<uv_async_t, AsyncCloser>;
+using async_ptr = std::unique_ptr<uv_async_t, nuvio::ReleasedBy<uv_async_free>>;
 
 struct get_endpoint {
     const char* name;
@@ -49,44 +45,28 @@ struct connect_endpoint {
     connect_request request;
 };
 
-// CivetWeb's global state; goes after every context is gone.
-struct library {
-    library() { mg_init_library(0); }
-    ~library() { mg_exit_library(); }
-    library(const library&) = delete;
-    library& operator=(const library&) = delete;
-};
-
 }  // namespace
 
 struct http_server {
-    uv_loop_t* loop;
+    http_server(uv_loop_t* event_loop, uint16_t listen_on, struct device_info* info,
+                struct audio_renderer* renderer);
+
     uint16_t port;
     struct device_info* device_info;
     struct audio_renderer* audio_renderer;
     const char* base_service_path = BASE_SERVICE_PATH;
     nuv_connect* core = nullptr;
 
-    // A server is running (`server` set), or an old one is being stopped on the stopper thread
-    // (`stopping` set), with a start waiting for its end or not, or neither.
-    mg_context* server = nullptr;
-    mg_context* stopping = nullptr;
-    bool start_is_waiting = false;
-    uint16_t listening_port = 0;                // differs from `port` when that is 0
-    std::unique_ptr<connection_guard> guard{};  // while `server` is set
-    uv_thread_t stopper{};
-
     endpoint_path get_display_info_endpoint{};
     endpoint_path get_connect_info_endpoint{};
     endpoint_path connect_to_nconnect_endpoint{};
 
     // In the order of release, last to first.
-    async_ptr on_stopped{};
     connect_endpoint connect_to_nconnect{};
     get_endpoint get_connect_info{.name = "get-connect-info"};
     get_endpoint get_display_info{.name = "get-display-info"};
     loop_hand_off shared_data{};
-    library civetweb{};
+    web_server server;
 };
 
 namespace {
@@ -117,6 +97,17 @@ int send_internal_error(mg_connection* connection) {
     return send_error(connection, 500, "Internal Server Error");
 }
 
+bool is_meant_for_controllers(mg_connection* connection, const char* endpoint) {
+    const bool meant = !is_from_a_foreign_page(mg_get_header(connection, "Host"),
+                                               mg_get_header(connection, "Origin"),
+                                               mg_get_header(connection, "Sec-Fetch-Site"));
+    if (!meant) {
+        app_log(LOG_LEVEL_ERROR, "%s: Refused: asked by a web page of another site", endpoint);
+        send_error(connection, 403, "Forbidden");
+    }
+    return meant;
+}
+
 // Logs the request; false when its method is not the endpoint's.
 bool accepts_method(mg_connection* connection, const char* endpoint, const char* expected) {
     app_log(LOG_LEVEL_INFO, "API endpoint invoked: %s", endpoint);
@@ -133,7 +124,10 @@ bool accepts_method(mg_connection* connection, const char* endpoint, const char*
 
 int handle_get(mg_connection* connection, http_server* self, get_endpoint& endpoint) {
     const loop_hand_off::request running(self->shared_data);
-    const request_body body(connection, self->listening_port);
+    const request_body body(connection, self->server.listening_port());
+    if (!is_meant_for_controllers(connection, endpoint.name)) {
+        return 403;
+    }
     if (!accepts_method(connection, endpoint.name, "GET")) {
         return 405;
     }
@@ -250,7 +244,10 @@ void log_request(const connect_request& request) {
 int http_server_on_civetweb_handle_connect_to_nconnect(mg_connection* connection, void* context) {
     auto* self = static_cast<http_server*>(context);
     const loop_hand_off::request running(self->shared_data);
-    request_body body(connection, self->listening_port);
+    request_body body(connection, self->server.listening_port());
+    if (!is_meant_for_controllers(connection, CONNECT_ENDPOINT)) {
+        return 403;
+    }
     if (!accepts_method(connection, CONNECT_ENDPOINT, "POST")) {
         return 405;
     }
@@ -298,129 +295,63 @@ void http_server_on_handle_connect_to_nconnect_synchronized(uv_async_t* async) {
 
 // ---- Starting and stopping, on the loop thread --------------------------------------------------
 
-int http_server_on_civetweb_log_message(const mg_connection*, const char* message) {
-    app_log(LOG_LEVEL_ERROR, "[Civetweb] %s", message);
-    return 1;
-}
-
-uint16_t port_in_use(const mg_context* server, uint16_t configured) {
-    mg_server_port port{};
-    return mg_get_server_ports(server, 1, &port) == 1 ? static_cast<uint16_t>(port.port)
-                                                      : configured;
-}
-
 void format_endpoint(const http_server* self, const char* name, endpoint_path& path) {
     const int length =
         std::snprintf(path.data(), path.size(), "%s%s", self->base_service_path, name);
     NUV_CHECK(length > 0 && static_cast<size_t>(length) < path.size());
 }
 
-void register_endpoints(http_server* self) {
+// Once the server runs.
+void register_endpoints(mg_context* server, void* data) {
+    auto* self = static_cast<http_server*>(data);
     format_endpoint(self, self->get_display_info.name, self->get_display_info_endpoint);
     format_endpoint(self, self->get_connect_info.name, self->get_connect_info_endpoint);
     format_endpoint(self, CONNECT_ENDPOINT, self->connect_to_nconnect_endpoint);
-    mg_set_request_handler(self->server, self->get_display_info_endpoint.data(),
+    mg_set_request_handler(server, self->get_display_info_endpoint.data(),
                            http_server_on_civetweb_handle_get_display_info, self);
-    mg_set_request_handler(self->server, self->get_connect_info_endpoint.data(),
+    mg_set_request_handler(server, self->get_connect_info_endpoint.data(),
                            http_server_on_civetweb_handle_get_connect_info, self);
-    mg_set_request_handler(self->server, self->connect_to_nconnect_endpoint.data(),
+    mg_set_request_handler(server, self->connect_to_nconnect_endpoint.data(),
                            http_server_on_civetweb_handle_connect_to_nconnect, self);
 }
 
-void start_now(http_server* self) {
-    mg_callbacks callbacks{};
-    callbacks.log_message = http_server_on_civetweb_log_message;
-    char port_text[16];
-    std::snprintf(port_text, sizeof(port_text), http_server_supports_ipv6(self) ? "+%u" : "%u",
-                  unsigned{self->port});
-    const char* options[] = {"listening_ports", port_text, "num_threads", "1", nullptr};
-
-    self->shared_data.reopen();
-    self->server = mg_start(&callbacks, self, options);
-    if (self->server == nullptr) {
-        app_log(LOG_LEVEL_ERROR, "Unable to start HTTP server");
-        return;
-    }
-    self->listening_port = port_in_use(self->server, self->port);
-    register_endpoints(self);
-    self->guard = std::make_unique<connection_guard>(self->loop, self->listening_port);
-}
-
-// Stopper thread. CivetWeb's threads sleep for up to 2 s unless their sockets wake them, and send
-// nothing more once mg_stop has begun; mg_stop itself looks every 10 ms whether they have ended.
-void stop_context(void* context) {
-    auto* self = static_cast<http_server*>(context);
-    shut_down_server_sockets(self->listening_port);
-    self->shared_data.wait_until_idle(LAST_ANSWER_PATIENCE_MS);
-    mg_stop(self->stopping);
-    close_server_sockets(self->listening_port);
-    const int rc = uv_async_send(self->on_stopped.get());
-    NUV_CHECK(rc == 0);
-}
-
-// At once when the stopper thread has reported its end, otherwise after some 10 ms.
-void join_stopper(http_server* self) {
-    const int rc = uv_thread_join(&self->stopper);
-    NUV_CHECK(rc == 0);
-    self->stopping = nullptr;
-}
-
-void http_server_on_stopped(uv_async_t* async) {
-    http_server* self = server_of(async);
-    if (self->stopping == nullptr) {
-        return;
-    }
-    join_stopper(self);
-    if (std::exchange(self->start_is_waiting, false)) {
-        start_now(self);
-    }
-}
-
 void http_server_do_stop(http_server* self) {
-    if (self->server == nullptr && !self->start_is_waiting) {
+    if (!self->server.is_started()) {
         app_log(LOG_LEVEL_TRACE, "Local configuration server is already stopped");
         return;
     }
     app_log(LOG_LEVEL_INFO, "Stopping Local configuration server");
-    if (std::exchange(self->start_is_waiting, false)) {
-        return;
-    }
-    self->guard.reset();
-    self->shared_data.cancel();
-    self->stopping = std::exchange(self->server, nullptr);
-    if (uv_thread_create(&self->stopper, stop_context, self) != 0) {
-        app_log(LOG_LEVEL_WARNING, "No thread to stop the HTTP server on; the event loop waits");
-        stop_context(self);
-        self->stopping = nullptr;
-    }
+    self->server.stop();
 }
 
 }  // namespace
+
+http_server::http_server(uv_loop_t* event_loop, uint16_t listen_on, struct device_info* info,
+                         struct audio_renderer* renderer)
+    : port(listen_on),
+      device_info(info),
+      audio_renderer(renderer),
+      server(event_loop, listen_on, shared_data, register_endpoints, this) {}
 
 http_server* http_server_new(uv_loop_t* event_loop, uint16_t port, device_info* info,
                              audio_renderer* renderer) {
     NUV_CHECK(event_loop != NULL);
     NUV_CHECK(info != NULL);
     NUV_CHECK(renderer != NULL);
-    auto* self = new http_server{
-        .loop = event_loop, .port = port, .device_info = info, .audio_renderer = renderer};
+    auto* self = new http_server(event_loop, port, info, renderer);
     self->get_display_info.async.reset(
         uv_async_new(event_loop, http_server_on_handle_get_display_info_synchronized, self));
     self->get_connect_info.async.reset(
         uv_async_new(event_loop, http_server_on_handle_get_connect_info_synchronized, self));
     self->connect_to_nconnect.async.reset(
         uv_async_new(event_loop, http_server_on_handle_connect_to_nconnect_synchronized, self));
-    self->on_stopped.reset(uv_async_new(event_loop, http_server_on_stopped, self));
     return self;
 }
 
 void http_server_free(http_server* self) {
     NUV_CHECK(self != NULL);
-    if (self->server != nullptr || self->start_is_waiting) {
+    if (self->server.is_started()) {
         http_server_do_stop(self);
-    }
-    if (self->stopping != nullptr) {
-        join_stopper(self);
     }
     delete self;
 }
@@ -441,16 +372,12 @@ void http_server_on_start_local_config_server(nuv_connect* core, void* context) 
     auto* self = static_cast<http_server*>(context);
     NUV_CHECK(self != NULL);
     NUV_CHECK(core == self->core);
-    if (self->server != nullptr || self->start_is_waiting) {
+    if (self->server.is_started()) {
         app_log(LOG_LEVEL_TRACE, "Local configuration server is already running");
         return;
     }
     app_log(LOG_LEVEL_INFO, "Starting Local configuration server");
-    if (self->stopping != nullptr) {
-        self->start_is_waiting = true;  // the port is still taken
-        return;
-    }
-    start_now(self);
+    self->server.start();
 }
 
 void http_server_on_stop_local_config_server(nuv_connect* core, void* context) {
@@ -462,7 +389,7 @@ void http_server_on_stop_local_config_server(nuv_connect* core, void* context) {
 
 bool http_server_supports_ipv6(const http_server* self) {
     NUV_CHECK(self != NULL);
-    return mg_check_feature(IPV6_FEATURE) == IPV6_FEATURE;
+    return mg_check_feature(MG_FEATURES_IPV6) == MG_FEATURES_IPV6;
 }
 
 uint16_t http_server_get_port(const http_server* self) {

@@ -200,6 +200,8 @@ TEST_F(HttpServer, RefusesWhatItCannotUse) {
     const std::string huge = "Content-Length: 9999999999999999\r\n";
     const std::string chunked = "Transfer-Encoding: chunked\r\n";
     const std::string path = "/connect-to-nconnect";
+    const std::string info = "/get-connect-info";
+    const char* const foreign = "get-connect-info: Refused: asked by a web page of another site";
     const struct {
         std::string bytes;
         const char* status;
@@ -218,6 +220,13 @@ TEST_F(HttpServer, RefusesWhatItCannotUse) {
         {request("POST", path, "Content-Length: 65537\r\n"), "413 ",
          "connect-to-nconnect: Request body is too large"},
         {request("POST", path, huge), "413 ", "connect-to-nconnect: Request body is too large"},
+        {request("GET", info, "Origin: http://device.example\r\n"), "403 Forbidden", foreign},
+        {request("GET", info, "Origin: null\r\n"), "403 Forbidden", foreign},
+        {request("GET", info, "Sec-Fetch-Site: cross-site\r\n"), "403 Forbidden", foreign},
+        {"GET " + info + " HTTP/1.1\r\nHost: rebound.example:8000\r\n\r\n", "403 Forbidden",
+         foreign},
+        {request("POST", path, "Origin: http://device.example\r\n" + huge), "403 Forbidden",
+         "connect-to-nconnect: Refused: asked by a web page of another site"},
         {post(""), "400 Bad Request", "connect-to-nconnect: Invalid JSON"},
         {post(std::string(65536, ' ')), "400 Bad Request", "connect-to-nconnect: Invalid JSON"},
         {post("{}"), "400 Bad Request",
@@ -231,6 +240,11 @@ TEST_F(HttpServer, RefusesWhatItCannotUse) {
         EXPECT_THAT(answer, StartsWith(std::string("HTTP/1.1 ") + status));
     }
     EXPECT_THAT(fake_sdk::take_calls(), IsEmpty());
+    for (const char* host : {"192.168.1.7:8000", "[fe80::1]:8000", "kitchen", "Kitchen-2.local."}) {
+        EXPECT_THAT(exchange("GET /get-display-info HTTP/1.1\r\nHost: " + std::string(host) +
+                             "\r\nOrigin: http://" + host + "\r\n\r\n"),
+                    StartsWith(OK));
+    }
     EXPECT_THAT(get("/"), StartsWith("HTTP/1.1 404 "));
     EXPECT_THAT(get("/../../../../etc/hostname"), StartsWith("HTTP/1.1 404 "));
 }

@@ -14,7 +14,7 @@
 #include <optional>
 #include <vector>
 
-#include "local_config/server_sockets.h"
+#include "local_config/civetweb/server_sockets.h"
 
 class request_body {
   public:

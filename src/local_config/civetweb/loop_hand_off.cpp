@@ -1,4 +1,4 @@
-#include "local_config/loop_hand_off.h"
+#include "local_config/civetweb/loop_hand_off.h"
 
 #include <utility>
 

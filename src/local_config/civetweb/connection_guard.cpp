@@ -1,10 +1,11 @@
-#include "local_config/connection_guard.h"
+#include "local_config/civetweb/connection_guard.h"
 
 #include <csignal>
 #include <utility>
 
-#include "local_config/server_sockets.h"
+#include "local_config/civetweb/server_sockets.h"
 #include "utility/check.h"
+#include "utility/log_delegate.h"
 #include "utility/uv_utilities.h"
 
 namespace {
@@ -54,12 +55,20 @@ void connection_guard::look() {
     const uint64_t now = uv_now(m_timer->loop);
     const uint64_t patience = m_first_seen.size() >= CROWD ? CROWD_PATIENCE_MS : PATIENCE_MS;
     std::map<uint64_t, uint64_t> still_open;
+    unsigned cut = 0;
     shut_down_connections(m_port, [&](uint64_t id) {
         const auto known = m_first_seen.find(id);
         const uint64_t since = known == m_first_seen.end() ? now : known->second;
         still_open.emplace(id, since);
-        return now - since >= patience;
+        const bool over = now - since >= patience;
+        cut += static_cast<unsigned>(over && m_cut.insert(id).second);
+        return over;
     });
+    if (cut > 0) {
+        app_log(LOG_LEVEL_WARNING, "HTTP: %u connections cut off: no request within %u ms", cut,
+                static_cast<unsigned>(patience));
+    }
+    std::erase_if(m_cut, [&](uint64_t id) { return !still_open.contains(id); });
     m_first_seen = std::move(still_open);
     // A connection announced a moment ago may not have been accepted yet.
     if (m_first_seen.empty() && !m_expects_connections) {

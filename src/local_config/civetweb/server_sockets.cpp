@@ -1,4 +1,4 @@
-#include "local_config/server_sockets.h"
+#include "local_config/civetweb/server_sockets.h"
 
 #include <arpa/inet.h>
 #include <dirent.h>
@@ -8,41 +8,21 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <utility>
+#include <optional>
+#include <string_view>
+
+#include "common/number.h"
+#include "common/released_by.h"
+#include "common/unique_fd.h"
+#include "utility/check.h"
 
 namespace {
-
-class Descriptor {
-  public:
-    explicit Descriptor(int fd) : m_fd(fd) {}
-    ~Descriptor() {
-        if (m_fd >= 0) {
-            close(m_fd);
-        }
-    }
-    Descriptor(Descriptor&& other) noexcept : m_fd(other.release()) {}
-    Descriptor(const Descriptor&) = delete;
-    Descriptor& operator=(const Descriptor&) = delete;
-    Descriptor& operator=(Descriptor&&) = delete;
-
-    int get() const { return m_fd; }
-    int release() { return std::exchange(m_fd, -1); }
-
-  private:
-    int m_fd;
-};
-
-struct DirectoryCloser {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
 
 uint16_t port_of(const sockaddr_storage& address) {
     switch (address.ss_family) {
@@ -71,48 +51,65 @@ int socket_option(int fd, int option) {
     return getsockopt(fd, SOL_SOCKET, option, &value, &size) == 0 ? value : -1;
 }
 
-bool is_socket(DIR* directory, const dirent* entry) {
-    struct stat status {};
-    return fstatat(dirfd(directory), entry->d_name, &status, 0) == 0 && S_ISSOCK(status.st_mode);
+// The number in "socket:[4711]", which the kernel tells without asking anybody; none where the link
+// names anything else. (To follow it would ask the server of a file on the network.)
+std::optional<uint64_t> socket_number(DIR* directory, const dirent* entry) {
+    constexpr std::string_view SOCKET = "socket:[";
+    std::array<char, 64> link{};
+    const ssize_t length = readlinkat(dirfd(directory), entry->d_name, link.data(), link.size());
+    const std::string_view text(link.data(), length < 0 ? 0 : static_cast<size_t>(length));
+    return text.starts_with(SOCKET) && text.ends_with(']')
+               ? nuvio::to_number<uint64_t>(
+                     text.substr(SOCKET.size(), text.size() - SOCKET.size() - 1))
+               : std::nullopt;
 }
 
-// Shows `visit` each TCP socket bound to `local_port` until it returns false: its descriptor and a
-// second one to work with, since the original can be closed by its owner, and its number reused, at
+struct found_socket {
+    int fd;                // the owner's
+    uint64_t number;       // the kernel's
+    nuvio::UniqueFd& own;  // a second descriptor
+};
+
+// Shows `visit` each TCP socket bound to `local_port` until it returns false, with a second
+// descriptor to work with, since the original can be closed by its owner, and its number reused, at
 // any moment. Only sockets are duplicated, since closing a second descriptor of a file would drop
 // its locks.
 template <typename Visit>
 void for_each_socket(uint16_t local_port, Visit visit) {
-    const std::unique_ptr<DIR, DirectoryCloser> directory(opendir("/proc/self/fd"));
+    NUV_CHECK(local_port != 0);  // every local socket has that one
+    const std::unique_ptr<DIR, nuvio::ReleasedBy<closedir>> directory(opendir("/proc/self/fd"));
     if (directory == nullptr) {
         return;
     }
     while (const dirent* entry = readdir(directory.get())) {
-        if (!is_socket(directory.get(), entry)) {
+        const auto number = socket_number(directory.get(), entry);
+        const auto fd = nuvio::to_number<int>(entry->d_name);
+        if (!number || !fd) {
             continue;
         }
-        const int fd = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
-        Descriptor copy(fcntl(fd, F_DUPFD_CLOEXEC, 0));
+        nuvio::UniqueFd copy(fcntl(*fd, F_DUPFD_CLOEXEC, 0));
         if (socket_option(copy.get(), SO_TYPE) == SOCK_STREAM &&
-            port_of(copy.get(), getsockname) == local_port && !visit(fd, copy)) {
+            port_of(copy.get(), getsockname) == local_port &&
+            !visit(found_socket{*fd, *number, copy})) {
             return;
         }
     }
 }
 
-bool is_listener(const Descriptor& socket) {
+bool is_listener(const nuvio::UniqueFd& socket) {
     return socket_option(socket.get(), SO_ACCEPTCONN) == 1;
 }
 
 void shut_down(uint16_t port, bool listening, int how) {
-    for_each_socket(port, [=](int, const Descriptor& socket) {
-        if (is_listener(socket) == listening) {
-            shutdown(socket.get(), how);
+    for_each_socket(port, [=](const found_socket& socket) {
+        if (is_listener(socket.own) == listening) {
+            shutdown(socket.own.get(), how);
         }
         return true;
     });
 }
 
-bool has_peer(const Descriptor& socket, const char* address, uint16_t port) {
+bool has_peer(const nuvio::UniqueFd& socket, const char* address, uint16_t port) {
     sockaddr_storage peer{};
     socklen_t size = sizeof(peer);
     auto* const name = reinterpret_cast<sockaddr*>(&peer);
@@ -124,24 +121,20 @@ bool has_peer(const Descriptor& socket, const char* address, uint16_t port) {
 
 int find_connection(uint16_t local_port, const char* remote_address, uint16_t remote_port) {
     int found = -1;
-    for_each_socket(local_port, [&](int, Descriptor& socket) {
-        if (has_peer(socket, remote_address, remote_port)) {
-            found = socket.release();
+    for_each_socket(local_port, [&](const found_socket& socket) {
+        if (has_peer(socket.own, remote_address, remote_port)) {
+            found = socket.own.release();
         }
         return found < 0;
     });
     return found;
 }
 
-uint64_t number_of(const Descriptor& socket) {
-    struct stat status {};
-    return fstat(socket.get(), &status) == 0 ? status.st_ino : 0;
-}
-
 }  // namespace
 
 void signal_connections(uint16_t port, int signal) {
-    for_each_socket(port, [signal](int, const Descriptor& socket) {
+    for_each_socket(port, [signal](const found_socket& found) {
+        const nuvio::UniqueFd& socket = found.own;
         if (is_listener(socket)) {
             const f_owner_ex owner{.type = F_OWNER_TID, .pid = gettid()};
             fcntl(socket.get(), F_SETOWN_EX, &owner);
@@ -153,9 +146,9 @@ void signal_connections(uint16_t port, int signal) {
 }
 
 void shut_down_connections(uint16_t port, const std::function<bool(uint64_t id)>& is_over) {
-    for_each_socket(port, [&](int, const Descriptor& socket) {
-        if (!is_listener(socket) && is_over(number_of(socket))) {
-            shutdown(socket.get(), SHUT_RD);
+    for_each_socket(port, [&](const found_socket& socket) {
+        if (!is_listener(socket.own) && is_over(socket.number)) {
+            shutdown(socket.own.get(), SHUT_RD);
         }
         return true;
     });
@@ -168,8 +161,8 @@ void shut_down_server_sockets(uint16_t port) {
 }
 
 void close_server_sockets(uint16_t port) {
-    for_each_socket(port, [](int fd, const Descriptor&) {
-        close(fd);
+    for_each_socket(port, [](const found_socket& socket) {
+        close(socket.fd);
         return true;
     });
 }

@@ -1,4 +1,4 @@
-#include "local_config/request_body.h"
+#include "local_config/civetweb/request_body.h"
 
 #include <strings.h>
 

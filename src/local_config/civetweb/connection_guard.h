@@ -20,6 +20,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 
 class connection_guard {
   public:
@@ -44,5 +45,6 @@ class connection_guard {
     uv_timer_t* m_timer;
     uint16_t m_port;
     bool m_expects_connections = false;           // some were announced since the last look
+    std::set<uint64_t> m_cut{};                   // of the open ones; each is told once
     std::map<uint64_t, uint64_t> m_first_seen{};  // ms on the loop's clock, by socket
 };
