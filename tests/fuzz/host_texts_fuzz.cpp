@@ -7,7 +7,6 @@
 #include "base/text.h"
 #include "bus/bus_address.h"
 #include "common/number.h"
-#include "common/percent_encoding.h"
 #include "configuration/device_name.h"
 #include "fuzz/expect.h"
 
@@ -29,9 +28,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (is_printable_utf8(text)) {
         FUZZ_EXPECT(utf8 == text);
     }
-    FUZZ_EXPECT(percent_decode(percent_encode(text)) == text);
-    FUZZ_EXPECT(is_printable_utf8(percent_encode(text)));
-    FUZZ_EXPECT(percent_decode_leniently(text).size() <= text.size());
     to_url(text);
 
     if (const auto number = to_number<int>(text)) {

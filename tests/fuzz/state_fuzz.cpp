@@ -1,8 +1,4 @@
 // The file in which the device remembers its name, volume and mute: damaged in any way.
-#include <fcntl.h>
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -14,38 +10,11 @@
 #include "configuration/state_store.h"
 #include "fuzz/expect.h"
 #include "platform/Kora.h"
+#include "temp_dir.h"
 
 using namespace nuvio::host;
 
 namespace {
-
-// Removed when the fuzzer ends in good order.
-class Folder {
-  public:
-    Folder() {
-        char name[] = "/dev/shm/nuvio-fuzz-XXXXXX";
-        FUZZ_EXPECT(mkdtemp(name) != nullptr);
-        m_path = name;
-    }
-    ~Folder() {
-        unlink(state().c_str());
-        rmdir(m_path.c_str());
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-
-    const std::string& path() const { return m_path; }
-    std::string state() const { return m_path + "/state"; }
-
-  private:
-    std::string m_path;
-};
-
-void write_file(const std::string& path, const uint8_t* data, size_t size) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    FUZZ_EXPECT(fd >= 0 && write(fd, data, size) == static_cast<ssize_t>(size));
-    close(fd);
-}
 
 void check_value(int id, const std::string& value) {
     switch (id) {
@@ -63,8 +32,8 @@ void check_value(int id, const std::string& value) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const Folder folder;
-    write_file(folder.state(), data, size);
+    static const TempDir folder;
+    folder.write("state", std::string(reinterpret_cast<const char*>(data), size));
     StateStore store(folder.path());
     const std::map<int, std::string> values = store.load();
     for (const auto& [id, value] : values) {

@@ -1,0 +1,70 @@
+// The texts of unknown origin that every layer takes apart with the same functions.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "common/number.h"
+#include "common/percent_encoding.h"
+#include "common/text.h"
+#include "common/utf8.h"
+#include "fuzz/expect.h"
+
+using namespace nuvio;
+
+namespace {
+
+void check_utf8(std::string_view text) {
+    FUZZ_EXPECT(is_utf8(utf8_from_latin1(text)));
+    for (size_t limit = 0; limit <= 8; ++limit) {
+        const std::string_view start = beginning(text, limit);
+        FUZZ_EXPECT(start.size() <= limit && text.starts_with(start));
+        FUZZ_EXPECT(!is_utf8(text) || is_utf8(start));
+    }
+    const size_t length = character_length(text);
+    FUZZ_EXPECT(length <= 4 && length <= text.size());
+    FUZZ_EXPECT(length == 0 || is_utf8(text.substr(0, length)));
+}
+
+void check_percent_encoding(std::string_view text) {
+    const std::string encoded = percent_encode(text);
+    FUZZ_EXPECT(percent_decode(encoded) == text && percent_decode_leniently(encoded) == text);
+    FUZZ_EXPECT(is_utf8(encoded) && encoded.find('\0') == std::string::npos);
+    const std::string decoded = percent_decode_leniently(text);
+    FUZZ_EXPECT(decoded.size() <= text.size());
+    if (const auto strictly = percent_decode(text)) {
+        FUZZ_EXPECT(*strictly == decoded);
+    }
+}
+
+void check_number(const std::string& text) {
+    const auto number = to_number<int>(text);
+    if (number) {
+        const std::string digits = std::to_string(*number);
+        FUZZ_EXPECT(text.ends_with(digits.substr(*number < 0 ? 1 : 0)));
+        FUZZ_EXPECT(leading_number(text) == *number);
+        FUZZ_EXPECT(to_number<uint8_t>(text).has_value() ==
+                    (*number >= 0 && *number <= 255 && text[0] != '-'));
+    }
+    const char* end = nullptr;
+    leading_number(text.c_str(), &end);
+    FUZZ_EXPECT(end >= text.c_str() && end <= text.c_str() + text.size());
+}
+
+void check_trimming(std::string_view text) {
+    const std::string_view trimmed = trim(text);
+    FUZZ_EXPECT(trim(trimmed) == trimmed && text.find(trimmed) != std::string_view::npos);
+    FUZZ_EXPECT(equals_ignoring_case(text, text) &&
+                starts_with_ignoring_case(text, trimmed.substr(0, 0)));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), size);
+    check_utf8(text);
+    check_percent_encoding(text);
+    check_number(text);
+    check_trimming(text);
+    return 0;
+}
