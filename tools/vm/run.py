@@ -1,0 +1,135 @@
+#!/usr/bin/env python3
+"""Boots the machine that make_image.sh made, by software emulation, and lets it run
+tests/cards/test_vm.py: run.py FOLDER
+
+The folder `share` is the machine's /srv/share: in go the tests and the music, out come log, status
+and journal. A file `ask` there with "pull" or "plug" in it pulls the USB card or plugs it in; it is
+gone when that is done. hda.wav and usb.wav beside it are what those two cards played.
+"""
+import json
+import os
+import pathlib
+import shutil
+import socket
+import subprocess
+import sys
+import time
+
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+LIMIT = 420  # s, for all of it; an idle machine needs less than half
+USB_CARD = {"driver": "usb-audio", "id": "usbcard", "audiodev": "usb", "bus": "usb.0"}
+ASKED = {"pull": ("device_del", {"id": "usbcard"}), "plug": ("device_add", USB_CARD)}
+CARD_RATE = 48000  # Hz, the only one that the emulated USB card has
+
+
+def command_line(folder):
+    devices = ["intel-hda", "hda-output,audiodev=hda", "qemu-xhci,id=usb",
+               ",".join("=".join(pair) if pair[0] != "driver" else pair[1]
+                        for pair in USB_CARD.items())]
+    backends = [f"wav,id={name},path={folder}/{name}.wav,out.frequency={CARD_RATE}"
+                for name in ("hda", "usb")]
+    return ["qemu-system-x86_64", "-accel", "tcg,thread=multi", "-cpu", "max", "-smp", "2",
+            "-m", "1024", "-display", "none", "-no-reboot", "-nic", "none",
+            "-serial", f"file:{folder}/console", "-qmp", f"unix:{folder}/monitor,server,nowait",
+            "-kernel", f"{folder}/vmlinuz", "-initrd", f"{folder}/initrd.img",
+            "-append", "root=/dev/vda rw console=ttyS0 mitigations=off quiet",
+            "-drive", f"file={folder}/disk.img,format=raw,if=virtio,cache=unsafe",
+            "-virtfs", f"local,path={folder}/share,mount_tag=share,security_model=none",
+            *(word for backend in backends for word in ("-audiodev", backend)),
+            *(word for device in devices for word in ("-device", device))]
+
+
+class Monitor:
+    def __init__(self, path):
+        self.connection = socket.socket(socket.AF_UNIX)
+        self.connection.connect(str(path))
+        self.stream = self.connection.makefile("rw")
+        self.stream.readline()
+        self.execute("qmp_capabilities", {})
+
+    def execute(self, command, arguments):
+        """Returns when the command has been answered, which may be before it has been done."""
+        self.stream.write(json.dumps({"execute": command, "arguments": arguments}))
+        self.stream.flush()
+        while True:
+            answer = json.loads(self.stream.readline())
+            if "error" in answer:
+                raise RuntimeError(f"{command}: {answer['error']['desc']}")
+            if "return" in answer:
+                return
+
+
+def set_up_share(folder):
+    sys.path.insert(0, str(SOURCE / "tests/e2e"))
+    os.environ.setdefault("NUVIO_BUILD", str(folder))  # which device.py wants to know
+    from device import signal_samples, write_wav
+    share = folder / "share"
+    shutil.rmtree(share, ignore_errors=True)
+    for part in ("cards", "e2e"):
+        shutil.copytree(SOURCE / "tests" / part, share / "tests" / part)
+    # Folder, then the tracks in it: rate, bytes of a sample, seconds.
+    music = {"cd": [(44100, 2, 2.0), (44100, 2, 1.5)], "studio": [(96000, 3, 2.0)],
+             "card": [(CARD_RATE, 2, 3.0)], "long": [(CARD_RATE, 2, 40.0)]}
+    for name, tracks in music.items():
+        (share / "music" / name).mkdir(parents=True)
+        played, start = b"", 0
+        for number, (rate, size, seconds) in enumerate(tracks):
+            frames = int(rate * seconds)
+            played += write_wav(share / "music" / name / f"{number}.wav",
+                                signal_samples(frames, start, rate, 12000 if size == 2 else 3_000_000),
+                                rate, size)
+            start += frames
+        (share / f"{name}.expected").write_bytes(played)
+    return share
+
+
+def serve(machine, folder, share):
+    """Until the machine is off or its time is over."""
+    end = time.monotonic() + LIMIT
+    monitor = None
+    ask = share / "ask"
+    while machine.poll() is None and time.monotonic() < end:
+        if monitor is None and (folder / "monitor").exists():
+            monitor = Monitor(folder / "monitor")
+        if monitor is not None and ask.exists() and ask.read_text() in ASKED:
+            monitor.execute(*ASKED[ask.read_text()])
+            ask.unlink()
+        time.sleep(0.1)
+    if machine.poll() is None:
+        machine.kill()
+        machine.wait()
+        print(f"vm: not done within {LIMIT} s; the end of {folder}/console:")
+        print("\n".join((folder / "console").read_text(errors="replace").splitlines()[-20:]))
+
+
+def card_played(folder, name):
+    """Whether what a card put out holds the track "card" bit for bit."""
+    data = (folder / f"{name}.wav").read_bytes()[44:]
+    expected = (folder / "share/card.expected").read_bytes().strip(b"\0")
+    return expected in data
+
+
+def main():
+    folder = pathlib.Path(sys.argv[1]).resolve()
+    share = set_up_share(folder)
+    (folder / "monitor").unlink(missing_ok=True)
+    begin = time.monotonic()
+    with subprocess.Popen(command_line(folder), stdin=subprocess.DEVNULL) as machine:
+        try:
+            serve(machine, folder, share)
+        finally:
+            if machine.poll() is None:
+                machine.kill()
+    log, status = share / "log", share / "status"
+    print(log.read_text(errors="replace") if log.exists() else "vm: no test has run")
+    passed = status.exists() and status.read_text().strip() == "0"
+    for name in ("hda", "usb"):
+        exact = card_played(folder, name)
+        passed = passed and exact
+        print(f"vm: {name}: {'bit-exact' if exact else 'NOT what was played'}")
+    print(f"vm: {'passed' if passed else 'FAILED'} in {time.monotonic() - begin:.0f} s")
+    return 0 if passed else 1
+
+
+if __name__ == "__main__":
+    sys.exit(main())
