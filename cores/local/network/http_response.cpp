@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "common/number.h"
 #include "common/text.h"
@@ -38,6 +39,47 @@ void take_range(HttpResponse& response, std::string_view value) {
 void take_interval(HttpResponse& response, std::string_view value) {
     const size_t interval = nuvio::to_number<size_t>(value).value_or(0);
     response.icy_interval = interval <= kMaxIcyInterval ? interval : 0;
+}
+
+HttpVerdict verdict_of(HttpVerdict::Kind kind) {
+    HttpVerdict verdict;
+    verdict.kind = kind;
+    return verdict;
+}
+
+HttpVerdict refuse(HttpFailure failure, std::string reason) {
+    HttpVerdict verdict = verdict_of(HttpVerdict::Kind::failed);
+    verdict.failure = failure;
+    verdict.reason = std::move(reason);
+    return verdict;
+}
+
+HttpVerdict changed() {
+    return refuse(HttpFailure::changed, "the file changed meanwhile");
+}
+
+// A server without ranges begins anew: that is of use where it is the same file.
+HttpVerdict judge_whole_file(const HttpResponse& first, uint64_t asked_from) {
+    const bool is_known =
+        first.file_length() || !first.etag.empty() || !first.last_modified.empty();
+    if (asked_from > 0 && !is_known) {
+        return refuse(HttpFailure::missing, "the server can't go on from where it broke");
+    }
+    HttpVerdict verdict = verdict_of(HttpVerdict::Kind::accepted);
+    verdict.skip = asked_from;
+    return verdict;
+}
+
+// Also how a file ends that is shorter than was told at first.
+HttpVerdict judge_range_beyond_end(const HttpResponse& response, const HttpResponse* first,
+                                   uint64_t asked_from) {
+    const uint64_t total = response.range_total.value_or(asked_from);
+    if (first != nullptr && first->file_length() && total != asked_from) {
+        return changed();
+    }
+    HttpVerdict verdict = verdict_of(HttpVerdict::Kind::at_end);
+    verdict.length = std::min(total, asked_from);
+    return verdict;
 }
 
 constexpr struct {
@@ -105,6 +147,35 @@ const std::string& HttpResponse::strong_validator() const {
 bool HttpResponse::is_passing() const {
     constexpr std::array kPassing = {408, 425, 429};
     return status >= 500 || std::ranges::find(kPassing, status) != kPassing.end();
+}
+
+HttpVerdict judge(const HttpResponse& response, const HttpResponse* first, uint64_t asked_from) {
+    const int status = response.status;
+    if (response.is_redirect()) {
+        return verdict_of(HttpVerdict::Kind::redirected);
+    }
+    if (status == 416 && asked_from > 0) {
+        return judge_range_beyond_end(response, first, asked_from);
+    }
+    if (status == 200 || status == 206) {
+        if (first != nullptr && !first->is_radio && response.differs_from(*first)) {
+            return changed();
+        }
+        if (status == 200) {
+            return judge_whole_file(first != nullptr ? *first : response, asked_from);
+        }
+        return response.range_first == asked_from
+                   ? verdict_of(HttpVerdict::Kind::accepted)
+                   : refuse(HttpFailure::missing, "the server sent another range than asked");
+    }
+    std::string reason = "the server answers " + std::to_string(status);
+    if (response.is_passing()) {
+        HttpVerdict verdict = verdict_of(HttpVerdict::Kind::try_again);
+        verdict.reason = std::move(reason);
+        return verdict;
+    }
+    const bool is_refused = status == 401 || status == 403;
+    return refuse(is_refused ? HttpFailure::refused : HttpFailure::missing, std::move(reason));
 }
 
 }  // namespace local_core

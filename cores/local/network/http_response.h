@@ -8,6 +8,8 @@
 #include <string>
 #include <string_view>
 
+#include "local/network/http_failure.h"
+
 namespace local_core {
 
 struct HttpResponse {
@@ -38,5 +40,19 @@ struct HttpResponse {
     // Worth another try later: the server, not the request, is to blame.
     bool is_passing() const;
 };
+
+// What a response's head leads to.
+struct HttpVerdict {
+    enum class Kind { none, accepted, redirected, at_end, try_again, failed };
+    Kind kind = Kind::none;
+    HttpFailure failure = HttpFailure::none;  // of `failed`
+    std::string reason;                       // of `failed` and `try_again`, for people
+    uint64_t skip = 0;    // of `accepted`: the body's bytes before what was asked
+    uint64_t length = 0;  // of `at_end`: the file's
+};
+
+// `first` is the response that the content was begun with, null while this is it; `asked_from` the
+// first byte that was asked for.
+HttpVerdict judge(const HttpResponse& response, const HttpResponse* first, uint64_t asked_from);
 
 }  // namespace local_core

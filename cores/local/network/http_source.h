@@ -12,11 +12,23 @@
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
+#include <deque>
+#include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "local/network/http_failure.h"
+#include "local/network/http_response.h"
+#include "local/network/http_transfer.h"
+#include "local/network/icy.h"
+#include "local/network/stream_buffer.h"
 
 namespace local_core {
 
@@ -32,17 +44,6 @@ struct HttpRequest {
     std::chrono::milliseconds give_up_after = std::chrono::seconds(60);
     // A connection without a byte for so long is made anew.
     std::chrono::seconds stalled_after = std::chrono::seconds(10);
-};
-
-// Why there are no more bytes.
-enum class HttpFailure {
-    none,
-    cancelled,
-    unusable,     // no URL or token that could be sent, too many redirects
-    refused,      // the token is missing or no longer good (401, 403)
-    missing,      // other answers that stay what they are
-    changed,      // the file is another than the one that was begun
-    unreachable,  // no byte for too long
 };
 
 struct HttpContent {
@@ -86,8 +87,66 @@ class HttpSource {
     std::string error() const;
 
   private:
-    class Transfer;
-    std::unique_ptr<Transfer> m_transfer;
+    using Clock = std::chrono::steady_clock;
+
+    template <typename Get>
+    auto locked(Get get) const {
+        const std::lock_guard lock(m_mutex);
+        return get();
+    }
+    void fail(HttpFailure failure, const std::string& error);
+
+    // Under the lock.
+    bool is_complete() const { return m_length && m_buffer.end() >= *m_length; }
+    bool is_out_of_reach() const;
+    bool may_resume() const;
+    void wake_when_needed();
+
+    // The network's thread.
+    void run();
+    bool step();
+    void reposition();
+    void start();
+    void finish(const HttpTransfer::Outcome& outcome);
+    void follow_redirect();
+    void try_again(const std::string& reason);
+    Clock::time_point next_event() const;
+    std::vector<std::string> request_lines() const;
+    bool take_line(std::string_view line);
+    void accept();
+    HttpTransfer::Handlers::Answer take_body(std::string_view bytes);
+    void append_audio(std::string_view bytes);
+
+    const HttpRequest m_request;
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    // Under the lock from here.
+    StreamBuffer m_buffer;
+    uint64_t m_position = 0;
+    std::optional<uint64_t> m_length;
+    std::optional<HttpContent> m_content;
+    std::deque<std::pair<uint64_t, std::string>> m_titles;  // from which position on
+    HttpFailure m_failure = HttpFailure::none;
+    std::string m_error;
+    bool m_is_paused = false;  // libcurl's transfer, for want of room
+    bool m_has_ranges = true;  // until the server shows otherwise
+    // The network's thread alone from here.
+    HttpTransfer m_transfer;
+    std::string m_url;  // of the present request
+    int m_redirects = 0;
+    uint64_t m_asked_from = 0;
+    uint64_t m_skip = 0;  // bytes of the body that are there already
+    HttpResponse m_response;
+    std::optional<HttpResponse> m_first;  // the one that the content was begun with
+    HttpVerdict m_verdict;
+    std::string m_reason;  // of the last failure, passing or not
+    IcyFilter m_icy;
+    Clock::duration m_pause{};  // before the next try
+    Clock::time_point m_retry_at;
+    Clock::time_point m_progress_at;  // the last byte, or since when one is wanted
+
+    std::thread m_thread;  // last: it uses all of the above
 };
 
 }  // namespace local_core
