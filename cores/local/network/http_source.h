@@ -1,0 +1,152 @@
+// One remote file or endless stream, read over HTTP or HTTPS: seekable bytes for a decoder's
+// thread.
+//
+// A thread of its own does everything that waits for the network: names, connections, TLS, bytes.
+// It reads ahead up to a bound and rests until three quarters of that are used up, so that the
+// network is busy in bursts. What it has read stays readable while the server is away; it connects
+// again from the byte where it broke, with growing pauses, until there was no byte for
+// `give_up_after`.
+//
+// Constructed, read and destroyed by one thread at a time; cancel() is for any thread at any time.
+// Never for the loop's thread: open() and read() block, until cancel() at the latest.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "local/network/http_failure.h"
+#include "local/network/http_response.h"
+#include "local/network/http_transfer.h"
+#include "local/network/icy.h"
+#include "local/network/stream_buffer.h"
+
+namespace local_core {
+
+struct HttpRequest {
+    std::string url;  // http or https
+    // Sent as a bearer token to `token_origin` (any URL of that scheme, host and port) and to
+    // nobody else, wherever redirects lead. Empty: none.
+    std::string token;
+    std::string token_origin;
+    // A file of authorities to trust in the place of the system's; empty: the system's.
+    std::string authorities;
+    size_t read_ahead_bytes = size_t{4} * 1024 * 1024;
+    std::chrono::milliseconds give_up_after = std::chrono::seconds(60);
+    // A connection without a byte for so long is made anew.
+    std::chrono::seconds stalled_after = std::chrono::seconds(10);
+};
+
+struct HttpContent {
+    std::string url;                 // after redirects: what relative URLs inside refer to
+    std::string content_type;        // as sent; possibly empty
+    std::optional<uint64_t> length;  // bytes; none while it is unknown
+    bool is_radio = false;           // endless: does not seek, is joined anew when it breaks
+    std::string station;             // its name, as sent; possibly empty
+};
+
+class HttpSource {
+  public:
+    // Starts to connect; returns at once.
+    explicit HttpSource(HttpRequest request);
+    // Does not wait for the network.
+    ~HttpSource();
+    HttpSource(const HttpSource&) = delete;
+    HttpSource& operator=(const HttpSource&) = delete;
+
+    // Waits until the content is known; none when it failed.
+    std::optional<HttpContent> open();
+
+    // Reads `size` bytes, fewer only at the end or where it failed.
+    size_t read(void* to, size_t size);
+
+    // The next read begins there; nothing is transferred until then. A server without ranges is
+    // read on to that place, for one further back from the beginning. False for a radio.
+    bool seek(uint64_t position);
+    uint64_t position() const;
+    // Known at the end at the latest.
+    std::optional<uint64_t> length() const;
+
+    // What the radio says it plays at the place that is read, as sent; possibly empty.
+    std::string title() const;
+
+    // Ends whatever waits, for good.
+    void cancel();
+
+    HttpFailure failure() const;
+    // For people; empty without a failure. Never has the token in it.
+    std::string error() const;
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    template <typename Get>
+    auto locked(Get get) const {
+        const std::lock_guard lock(m_mutex);
+        return get();
+    }
+    void fail(HttpFailure failure, const std::string& error);
+
+    // Under the lock.
+    bool is_complete() const { return m_length && m_buffer.end() >= *m_length; }
+    bool is_out_of_reach() const;
+    bool may_resume() const;
+    void wake_when_needed();
+
+    // The network's thread.
+    void run();
+    bool step();
+    void reposition();
+    void start();
+    void finish(const HttpTransfer::Outcome& outcome);
+    void follow_redirect();
+    void try_again(const std::string& reason);
+    Clock::time_point next_event() const;
+    std::vector<std::string> request_lines() const;
+    bool take_line(std::string_view line);
+    void accept();
+    HttpTransfer::Handlers::Answer take_body(std::string_view bytes);
+    void append_audio(std::string_view bytes);
+
+    const HttpRequest m_request;
+
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed;
+    // Under the lock from here.
+    StreamBuffer m_buffer;
+    uint64_t m_position = 0;
+    std::optional<uint64_t> m_length;
+    std::optional<HttpContent> m_content;
+    std::deque<std::pair<uint64_t, std::string>> m_titles;  // from which position on
+    HttpFailure m_failure = HttpFailure::none;
+    std::string m_error;
+    bool m_is_paused = false;  // libcurl's transfer, for want of room
+    bool m_has_ranges = true;  // until the server shows otherwise
+    // The network's thread alone from here.
+    HttpTransfer m_transfer;
+    std::string m_url;  // of the present request
+    int m_redirects = 0;
+    uint64_t m_asked_from = 0;
+    uint64_t m_skip = 0;  // bytes of the body that are there already
+    HttpResponse m_response;
+    std::optional<HttpResponse> m_first;  // the one that the content was begun with
+    HttpVerdict m_verdict;
+    std::string m_reason;  // of the last failure, passing or not
+    IcyFilter m_icy;
+    Clock::duration m_pause{};  // before the next try
+    Clock::time_point m_retry_at;
+    Clock::time_point m_progress_at;  // the last byte, or since when one is wanted
+
+    std::thread m_thread;  // last: it uses all of the above
+};
+
+}  // namespace local_core

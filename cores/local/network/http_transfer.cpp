@@ -1,0 +1,145 @@
+#include "local/network/http_transfer.h"
+
+#include <curl/curl.h>
+
+#include <algorithm>
+#include <array>
+#include <mutex>
+#include <utility>
+
+#include "common/released_by.h"
+
+namespace local_core {
+
+namespace {
+
+using Easy = std::unique_ptr<CURL, nuvio::ReleasedBy<curl_easy_cleanup>>;
+using Multi = std::unique_ptr<CURLM, nuvio::ReleasedBy<curl_multi_cleanup>>;
+using Lines = std::unique_ptr<curl_slist, nuvio::ReleasedBy<curl_slist_free_all>>;
+
+// What another try can't mend.
+constexpr std::array kFinalErrors = {
+    CURLE_UNSUPPORTED_PROTOCOL, CURLE_URL_MALFORMAT, CURLE_PEER_FAILED_VERIFICATION,
+    CURLE_SSL_CACERT_BADFILE,   CURLE_OUT_OF_MEMORY, CURLE_BAD_FUNCTION_ARGUMENT,
+};
+
+void add_line(Lines& lines, const std::string& line) {
+    if (curl_slist* longer = curl_slist_append(lines.get(), line.c_str())) {
+        static_cast<void>(lines.release());
+        lines.reset(longer);
+    }
+}
+
+void initialise_library() {
+    static std::once_flag once;
+    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+}  // namespace
+
+struct HttpTransfer::Handles {
+    Multi multi{curl_multi_init()};
+    Easy easy{curl_easy_init()};
+    Lines lines;
+    char error[CURL_ERROR_SIZE] = "";
+};
+
+HttpTransfer::HttpTransfer(Handlers handlers) : m_handlers(std::move(handlers)) {
+    initialise_library();
+    m_handles = std::make_unique<Handles>();
+}
+
+HttpTransfer::~HttpTransfer() {
+    stop();
+}
+
+bool HttpTransfer::start(const Request& request) {
+    m_handles->error[0] = '\0';
+    m_handles->lines.reset();
+    for (const std::string& line : request.lines) {
+        add_line(m_handles->lines, line);
+    }
+    CURL* easy = m_handles->easy.get();
+    curl_easy_reset(easy);
+    curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
+    // One stream at a time gains nothing from HTTP/2, whose window would be a second buffer.
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
+    // Redirects are followed here, so that each request's token is decided here.
+    curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
+    curl_easy_setopt(easy, CURLOPT_USERAGENT, "nuvio-connect");
+    curl_easy_setopt(easy, CURLOPT_HTTPHEADER, m_handles->lines.get());
+    curl_easy_setopt(easy, CURLOPT_HEADEROPT, CURLHEADER_SEPARATE);  // none of them to a proxy
+    curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
+    curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);  // a name being looked up holds nobody
+    curl_easy_setopt(easy, CURLOPT_ERRORBUFFER, m_handles->error);
+    const auto stalled = static_cast<long>(request.stalled_after.count());
+    curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, stalled);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+    curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, stalled);
+    if (!request.authorities.empty()) {
+        curl_easy_setopt(easy, CURLOPT_CAINFO, request.authorities.c_str());
+    }
+    const std::string range = std::to_string(request.from) + '-';
+    curl_easy_setopt(easy, CURLOPT_RANGE, request.from > 0 ? range.c_str() : nullptr);
+    curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, on_header);
+    curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
+    curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, on_body);
+    curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
+    m_is_active =
+        easy != nullptr && curl_multi_add_handle(m_handles->multi.get(), easy) == CURLM_OK;
+    return m_is_active;
+}
+
+void HttpTransfer::stop() {
+    if (m_is_active) {
+        curl_multi_remove_handle(m_handles->multi.get(), m_handles->easy.get());
+        m_is_active = false;
+    }
+}
+
+void HttpTransfer::resume() {
+    curl_easy_pause(m_handles->easy.get(), CURLPAUSE_CONT);
+}
+
+std::optional<HttpTransfer::Outcome> HttpTransfer::perform() {
+    int count = 0;
+    curl_multi_perform(m_handles->multi.get(), &count);
+    const CURLMsg* message = curl_multi_info_read(m_handles->multi.get(), &count);
+    if (message == nullptr || message->msg != CURLMSG_DONE) {
+        return std::nullopt;
+    }
+    const CURLcode code = message->data.result;
+    stop();
+    const bool is_final = std::ranges::find(kFinalErrors, code) != kFinalErrors.end();
+    const char* const error = m_handles->error;
+    return Outcome{code == CURLE_OK, is_final, *error != '\0' ? error : curl_easy_strerror(code)};
+}
+
+void HttpTransfer::wait(std::chrono::steady_clock::duration longest) {
+    const auto wait = std::chrono::ceil<std::chrono::milliseconds>(longest).count();
+    curl_multi_poll(m_handles->multi.get(), nullptr, 0,
+                    static_cast<int>(std::max<decltype(wait)>(wait, 0)), nullptr);
+}
+
+void HttpTransfer::wake() {
+    curl_multi_wakeup(m_handles->multi.get());
+}
+
+size_t HttpTransfer::on_header(char* bytes, size_t, size_t size, void* self) {
+    std::string_view line(bytes, size);
+    line = line.substr(0, line.find_last_not_of("\r\n") + 1);
+    return static_cast<HttpTransfer*>(self)->m_handlers.on_line(line) ? size : 0;
+}
+
+size_t HttpTransfer::on_body(char* bytes, size_t, size_t size, void* self) {
+    using Answer = Handlers::Answer;
+    const Answer answer = static_cast<HttpTransfer*>(self)->m_handlers.on_body({bytes, size});
+    if (answer == Answer::no_room) {
+        return CURL_WRITEFUNC_PAUSE;
+    }
+    return answer == Answer::taken ? size : 0;
+}
+
+}  // namespace local_core

@@ -1,0 +1,405 @@
+#include "local/network/remote_playlist.h"
+
+#include <cjson/cJSON.h>
+#include <expat.h>
+
+#include <algorithm>
+#include <map>
+#include <memory>
+#include <utility>
+
+#include "common/number.h"
+#include "common/released_by.h"
+#include "common/text.h"
+#include "common/utf8.h"
+#include "local/network/url.h"
+#include "local/playlist.h"
+#include "local/text.h"
+
+namespace local_core {
+
+namespace {
+
+constexpr size_t kMaxTextBytes = 1024;
+
+// What a playlist says of one track, as written.
+struct Entry {
+    std::string location;
+    std::string title;
+    std::string creator;
+    std::string album;
+    std::string image;
+    std::optional<uint64_t> duration_ms;
+};
+
+std::string text_for_display(const std::string& raw) {
+    return display_text(nuvio::beginning(raw, kMaxTextBytes));
+}
+
+std::string_view without_byte_order_mark(std::string_view text) {
+    constexpr std::string_view kMark = "\xef\xbb\xbf";
+    return text.starts_with(kMark) ? text.substr(kMark.size()) : text;
+}
+
+std::vector<Entry> parse_m3u(std::string_view text, size_t max_entries) {
+    // A list of one stream's pieces, not of tracks.
+    if (text.find("#EXT-X-") != std::string_view::npos) {
+        return {};
+    }
+    std::vector<Entry> entries;
+    for (PlaylistEntry& entry : parse_playlist(text, max_entries)) {
+        Entry& added = entries.emplace_back();
+        added.location = std::move(entry.location);
+        added.title = std::move(entry.title);
+    }
+    return entries;
+}
+
+// "File1=http://...", "Title1=...", "Length1=seconds", in any order.
+std::vector<Entry> parse_pls(std::string_view text, size_t max_entries) {
+    std::map<unsigned, Entry> by_number;
+    while (!text.empty()) {
+        const size_t end = text.find_first_of("\r\n");
+        const std::string_view line = nuvio::trim(text.substr(0, end));
+        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+        const size_t equals = line.find('=');
+        const size_t digits = line.find_first_of("0123456789");
+        if (equals == std::string_view::npos || digits >= equals) {
+            continue;
+        }
+        const auto number = nuvio::to_number<unsigned>(line.substr(digits, equals - digits));
+        if (!number || (by_number.size() >= max_entries && !by_number.contains(*number))) {
+            continue;
+        }
+        const std::string_view key = line.substr(0, digits);
+        const std::string_view value = nuvio::trim(line.substr(equals + 1));
+        if (nuvio::equals_ignoring_case(key, "file")) {
+            by_number[*number].location = value;
+        } else if (nuvio::equals_ignoring_case(key, "title")) {
+            by_number[*number].title = value;
+        } else if (nuvio::equals_ignoring_case(key, "length")) {
+            if (const auto seconds = nuvio::to_number<uint32_t>(value)) {
+                by_number[*number].duration_ms = uint64_t{*seconds} * 1000;
+            }
+        }
+    }
+    std::vector<Entry> entries;
+    entries.reserve(by_number.size());
+    for (auto& [number, entry] : by_number) {
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+constexpr struct {
+    std::string_view name;
+    std::string Entry::*text;
+} kTexts[] = {
+    {"location", &Entry::location}, {"title", &Entry::title}, {"creator", &Entry::creator},
+    {"album", &Entry::album},       {"image", &Entry::image},
+};
+
+// Gathers playlist/trackList/track/FIELD.
+class XspfReader {
+  public:
+    explicit XspfReader(size_t max_entries)
+        : m_parser(XML_ParserCreateNS(nullptr, ' ')), m_max_entries(max_entries) {}
+
+    std::vector<Entry> read(std::string_view text) {
+        XML_Parser parser = m_parser.get();
+        if (parser != nullptr) {
+            XML_SetUserData(parser, this);
+            XML_SetElementHandler(parser, on_start, on_end);
+            XML_SetCharacterDataHandler(parser, on_text);
+            XML_SetStartDoctypeDeclHandler(parser, on_doctype);
+            // What stands before a fault counts.
+            XML_Parse(parser, text.data(), static_cast<int>(text.size()), XML_TRUE);
+        }
+        return std::move(m_entries);
+    }
+
+  private:
+    static constexpr size_t kTrackDepth = 3;
+    static constexpr size_t kMaxFieldBytes = 8192;
+
+    static XspfReader& self(void* data) { return *static_cast<XspfReader*>(data); }
+
+    static void on_start(void* data, const char* name, const char** /*attributes*/) {
+        XspfReader& reader = self(data);
+        const std::string_view full = name;
+        const std::string_view local = full.substr(full.find_last_of(' ') + 1);
+        static constexpr std::string_view kPath[] = {"playlist", "trackList", "track"};
+        const size_t depth = reader.m_depth++;
+        if (depth < kTrackDepth) {
+            reader.m_matching += depth == reader.m_matching && local == kPath[depth] ? 1 : 0;
+        }
+        if (depth + 1 == kTrackDepth) {
+            reader.m_entry = {};
+        }
+        reader.m_field = depth == kTrackDepth ? std::string(local) : std::string();
+        reader.m_text.clear();
+    }
+
+    static void on_end(void* data, const char* /*name*/) {
+        XspfReader& reader = self(data);
+        const size_t depth = --reader.m_depth;
+        const bool is_in_track = reader.m_matching == kTrackDepth;
+        if (depth == kTrackDepth && is_in_track) {
+            reader.take_field();
+        } else if (depth + 1 == kTrackDepth && is_in_track) {
+            reader.m_entries.push_back(std::move(reader.m_entry));
+            if (reader.m_entries.size() >= reader.m_max_entries) {
+                XML_StopParser(reader.m_parser.get(), XML_FALSE);
+            }
+        }
+        reader.m_matching = std::min(reader.m_matching, depth);
+    }
+
+    static void on_text(void* data, const char* text, int length) {
+        XspfReader& reader = self(data);
+        const auto size = static_cast<size_t>(length);
+        if (!reader.m_field.empty() && reader.m_text.size() + size <= kMaxFieldBytes) {
+            reader.m_text.append(text, size);
+        }
+    }
+
+    // No playlist needs one, and entities are what grows.
+    static void on_doctype(void* data, const char*, const char*, const char*, int) {
+        XML_StopParser(self(data).m_parser.get(), XML_FALSE);
+    }
+
+    void take_field() {
+        for (const auto& field : kTexts) {
+            // Of several locations the first counts.
+            if (m_field == field.name && (m_entry.*field.text).empty()) {
+                m_entry.*field.text = nuvio::trim(m_text);
+            }
+        }
+        if (m_field == "duration") {
+            m_entry.duration_ms = nuvio::to_number<uint64_t>(nuvio::trim(m_text));
+        }
+    }
+
+    std::unique_ptr<XML_ParserStruct, nuvio::ReleasedBy<XML_ParserFree>> m_parser;
+    size_t m_max_entries;
+    size_t m_depth = 0;     // of open elements
+    size_t m_matching = 0;  // how many of them, from the outermost, are on the way to a track
+    std::string m_field;
+    std::string m_text;
+    Entry m_entry;
+    std::vector<Entry> m_entries;
+};
+
+std::vector<Entry> parse_xspf(std::string_view text, size_t max_entries) {
+    return XspfReader(max_entries).read(text);
+}
+
+// A text, or the first of a list of texts.
+std::string json_text(const cJSON* value) {
+    if (cJSON_IsArray(value)) {
+        value = value->child;
+    }
+    const char* text = cJSON_GetStringValue(value);
+    return text != nullptr ? text : "";
+}
+
+std::vector<Entry> parse_jspf(std::string_view text, size_t max_entries) {
+    const std::unique_ptr<cJSON, nuvio::ReleasedBy<cJSON_Delete>> root(
+        cJSON_ParseWithLength(text.data(), text.size()));
+    const cJSON* playlist = cJSON_GetObjectItemCaseSensitive(root.get(), "playlist");
+    const cJSON* tracks = cJSON_GetObjectItemCaseSensitive(playlist, "track");
+    std::vector<Entry> entries;
+    const cJSON* track = nullptr;
+    cJSON_ArrayForEach(track, tracks) {
+        if (entries.size() >= max_entries) {
+            break;
+        }
+        Entry entry;
+        for (const auto& field : kTexts) {
+            entry.*field.text =
+                json_text(cJSON_GetObjectItemCaseSensitive(track, std::string(field.name).c_str()));
+        }
+        const cJSON* duration = cJSON_GetObjectItemCaseSensitive(track, "duration");
+        constexpr double kMaxMilliseconds = 1e12;
+        if (cJSON_IsNumber(duration) && duration->valuedouble >= 0 &&
+            duration->valuedouble <= kMaxMilliseconds) {
+            entry.duration_ms = static_cast<uint64_t>(duration->valuedouble);
+        }
+        entries.push_back(std::move(entry));
+    }
+    return entries;
+}
+
+constexpr struct {
+    PlaylistFormat format;
+    std::vector<Entry> (*parse)(std::string_view text, size_t max_entries);
+} kParsers[] = {
+    {PlaylistFormat::m3u, parse_m3u},
+    {PlaylistFormat::pls, parse_pls},
+    {PlaylistFormat::xspf, parse_xspf},
+    {PlaylistFormat::jspf, parse_jspf},
+};
+
+constexpr struct {
+    std::string_view type;
+    PlaylistFormat format;
+} kTypes[] = {
+    {"audio/x-mpegurl", PlaylistFormat::m3u},
+    {"audio/mpegurl", PlaylistFormat::m3u},
+    {"application/x-mpegurl", PlaylistFormat::m3u},
+    {"application/vnd.apple.mpegurl", PlaylistFormat::m3u},
+    {"audio/x-scpls", PlaylistFormat::pls},
+    {"application/pls+xml", PlaylistFormat::pls},
+    {"application/xspf+xml", PlaylistFormat::xspf},
+    {"application/jspf+json", PlaylistFormat::jspf},
+};
+
+bool is_web_address(std::string_view text) {
+    return nuvio::starts_with_ignoring_case(text, "http://") ||
+           nuvio::starts_with_ignoring_case(text, "https://");
+}
+
+// Not what it is, only whether it is worth asking.
+bool may_be_playlist(const std::string& url) {
+    constexpr std::string_view kEndings[] = {".m3u", ".m3u8", ".pls", ".xspf", ".jspf"};
+    const std::string_view path = std::string_view(url).substr(0, url.find('?'));
+    return std::ranges::any_of(kEndings, [&](std::string_view ending) {
+        return path.size() > ending.size() &&
+               nuvio::equals_ignoring_case(path.substr(path.size() - ending.size()), ending);
+    });
+}
+
+// Follows playlists in playlists within the limits.
+class Finder {
+  public:
+    Finder(HttpRequest request, const RemoteLimits& limits)
+        : m_request(std::move(request)), m_left(limits) {
+        m_request.read_ahead_bytes = 0;  // of a track only the head is looked at
+    }
+
+    // Appends what `track` stands for. False when it can't be had.
+    bool find(RemoteTrack track, int depth) {
+        m_request.url = track.url;
+        HttpSource source(m_request);
+        const auto content = source.open();
+        std::string text(content ? kPlaylistHeadBytes : 0, '\0');
+        text.resize(source.read(text.data(), text.size()));
+        failure = source.failure();
+        error = source.error();
+        if (failure != HttpFailure::none) {
+            return false;
+        }
+        const PlaylistFormat format = playlist_format(content->content_type, text);
+        if (format == PlaylistFormat::none || content->is_radio) {
+            add(std::move(track));
+            return true;
+        }
+        return read_rest(source, text) &&
+               add_all(parse_remote_playlist(format, text, content->url, m_left.tracks), depth);
+    }
+
+    std::vector<RemoteTrack> tracks;
+    HttpFailure failure = HttpFailure::none;
+    std::string error;
+
+  private:
+    bool read_rest(HttpSource& source, std::string& text) {
+        const size_t head = text.size();
+        text.resize(std::max(m_left.bytes, head) + 1);
+        text.resize(head + source.read(text.data() + head, text.size() - head));
+        failure = source.failure();
+        error = source.error();
+        if (failure == HttpFailure::none && text.size() > m_left.bytes) {
+            failure = HttpFailure::unusable;
+            error = "the playlist is too large";
+        }
+        m_left.bytes -= std::min(m_left.bytes, text.size());
+        return failure == HttpFailure::none;
+    }
+
+    bool add_all(std::vector<RemoteTrack> found, int depth) {
+        const bool is_only_one = found.size() == 1;
+        for (RemoteTrack& track : found) {
+            const bool is_asked = (is_only_one || may_be_playlist(track.url)) &&
+                                  depth < m_left.depth && m_left.playlists > 0;
+            if (is_asked) {
+                --m_left.playlists;
+                find(std::move(track), depth + 1);
+            } else if (!may_be_playlist(track.url)) {
+                add(std::move(track));
+            }
+        }
+        return true;
+    }
+
+    void add(RemoteTrack track) {
+        if (m_left.tracks > 0) {
+            --m_left.tracks;
+            tracks.push_back(std::move(track));
+        }
+    }
+
+    HttpRequest m_request;
+    RemoteLimits m_left;
+};
+
+}  // namespace
+
+PlaylistFormat playlist_format(std::string_view content_type, std::string_view head) {
+    head = nuvio::trim(without_byte_order_mark(head));
+    if (nuvio::starts_with_ignoring_case(head, "[playlist]")) {
+        return PlaylistFormat::pls;
+    }
+    if (head.starts_with("#EXTM3U") || is_web_address(head)) {
+        return PlaylistFormat::m3u;
+    }
+    if (head.starts_with('<') && head.find("<playlist") != std::string_view::npos) {
+        return PlaylistFormat::xspf;
+    }
+    if (head.starts_with('{') && head.find("\"playlist\"") != std::string_view::npos) {
+        return PlaylistFormat::jspf;
+    }
+    const std::string_view type = nuvio::trim(content_type.substr(0, content_type.find(';')));
+    for (const auto& row : kTypes) {
+        if (nuvio::equals_ignoring_case(type, row.type)) {
+            return row.format;
+        }
+    }
+    return PlaylistFormat::none;
+}
+
+std::vector<RemoteTrack> parse_remote_playlist(PlaylistFormat format, std::string_view text,
+                                               const std::string& base, size_t max_tracks) {
+    const auto* parser =
+        std::ranges::find_if(kParsers, [&](const auto& row) { return row.format == format; });
+    if (parser == std::end(kParsers) || base.empty()) {
+        return {};
+    }
+    std::vector<RemoteTrack> tracks;
+    for (const Entry& entry : parser->parse(without_byte_order_mark(text), max_tracks)) {
+        auto url = resolve_url(base, entry.location);
+        if (url) {
+            tracks.push_back({std::move(*url), text_for_display(entry.title),
+                              text_for_display(entry.creator), text_for_display(entry.album),
+                              resolve_url(base, entry.image).value_or(""), entry.duration_ms});
+        }
+    }
+    return tracks;
+}
+
+std::vector<RemoteTrack> find_remote_tracks(const HttpRequest& request, const RemoteLimits& limits,
+                                            HttpFailure* failure, std::string* error) {
+    Finder finder(request, limits);
+    RemoteTrack whole;
+    whole.url = request.url;
+    finder.find(std::move(whole), 0);
+    *failure = finder.tracks.empty() ? finder.failure : HttpFailure::none;
+    *error = finder.tracks.empty() ? finder.error : "";
+    if (finder.tracks.empty() && *failure == HttpFailure::none) {
+        *failure = HttpFailure::missing;
+        *error = "the playlist names nothing that can be played";
+    }
+    return std::move(finder.tracks);
+}
+
+}  // namespace local_core

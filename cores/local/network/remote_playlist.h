@@ -1,0 +1,51 @@
+// Playlists that come from the network: M3U (M3U8), PLS, XSPF and its JSON form JSPF, told apart by
+// Content-Type and bytes. Whatever they hold, only http and https URLs come out.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "local/network/http_source.h"
+
+namespace local_core {
+
+enum class PlaylistFormat { none, m3u, pls, xspf, jspf };
+
+struct RemoteTrack {
+    std::string url;  // absolute
+    // Fit for display, at most a kilobyte each; empty where the playlist has none.
+    std::string title;
+    std::string creator;
+    std::string album;
+    std::string image;  // absolute URL
+    std::optional<uint64_t> duration_ms;
+};
+
+// `head`: the content's first bytes, kPlaylistHeadBytes are plenty. Pure; any thread.
+constexpr size_t kPlaylistHeadBytes = 4096;
+PlaylistFormat playlist_format(std::string_view content_type, std::string_view head);
+
+// Entries without a usable URL are passed over; any bytes are accepted. `base` is the playlist's
+// own URL. Pure; any thread.
+std::vector<RemoteTrack> parse_remote_playlist(PlaylistFormat format, std::string_view text,
+                                               const std::string& base, size_t max_tracks);
+
+struct RemoteLimits {
+    size_t tracks = 1000;
+    size_t playlists = 32;                   // that are fetched
+    int depth = 3;                           // of a playlist in a playlist
+    size_t bytes = size_t{4} * 1024 * 1024;  // of all playlists
+};
+
+// What the request's URL names: its tracks in order, or itself as the only one when it is no
+// playlist. A playlist's only entry, and entries named like playlists, are asked what they are. An
+// inner playlist that can't be had is passed over; empty, with *error set, where nothing is left.
+// The request's token goes with what lies on its origin alone. Blocks as HttpSource::open() does.
+std::vector<RemoteTrack> find_remote_tracks(const HttpRequest& request, const RemoteLimits& limits,
+                                            HttpFailure* failure, std::string* error);
+
+}  // namespace local_core

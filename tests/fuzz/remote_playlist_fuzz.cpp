@@ -1,0 +1,56 @@
+// What a server sends: playlists of every format, and a radio's texts between its audio bytes.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "fuzz/expect.h"
+#include "local/network/icy.h"
+#include "local/network/remote_playlist.h"
+#include "local/text.h"
+
+using namespace local_core;
+
+namespace {
+
+void read_playlists(std::string_view text) {
+    constexpr size_t kMaxTracks = 100;
+    playlist_format("", text.substr(0, kPlaylistHeadBytes));
+    for (const PlaylistFormat format :
+         {PlaylistFormat::m3u, PlaylistFormat::pls, PlaylistFormat::xspf, PlaylistFormat::jspf}) {
+        const auto tracks =
+            parse_remote_playlist(format, text, "https://host/folder/list", kMaxTracks);
+        FUZZ_EXPECT(tracks.size() <= kMaxTracks);
+        for (const RemoteTrack& track : tracks) {
+            FUZZ_EXPECT(track.url.starts_with("http://") || track.url.starts_with("https://"));
+            FUZZ_EXPECT(track.image.empty() || track.image.starts_with("http"));
+            FUZZ_EXPECT(display_text(track.title) == track.title);
+        }
+    }
+}
+
+// In one piece or byte by byte, the same comes out, and no more than went in.
+void read_radio(std::string_view bytes) {
+    const size_t interval = bytes.empty() ? 0 : static_cast<uint8_t>(bytes[0]);
+    const auto filtered = [&](size_t piece) {
+        IcyFilter filter(interval);
+        std::string out;
+        const auto keep = [&](std::string_view text) { out += text; };
+        for (size_t i = 0; i < bytes.size(); i += piece) {
+            filter.feed(bytes.substr(i, piece), keep, keep);
+        }
+        return out;
+    };
+    const std::string whole = filtered(bytes.size() + 1);
+    FUZZ_EXPECT(whole.size() <= bytes.size());
+    FUZZ_EXPECT(whole == filtered(1));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string_view input(reinterpret_cast<const char*>(data), size);
+    read_playlists(input);
+    read_radio(input);
+    return 0;
+}

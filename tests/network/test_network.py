@@ -1,0 +1,328 @@
+"""Content over the network: every case compares what arrives with what the server has."""
+import contextlib
+import http.server
+import os
+import random
+import shlex
+import socket
+import subprocess
+import tempfile
+import threading
+import time
+import unittest
+
+PROBE = [*shlex.split(os.environ.get("NUVIO_EMULATOR", "")),
+         os.path.join(os.environ["NUVIO_BUILD"], "bin", "network_probe")]
+CONF = """
+daemon off; master_process off; pid {d}/pid; error_log {d}/error.log;
+events {{}}
+http {{
+    access_log off; default_type application/octet-stream; root {d};
+    client_body_temp_path {d}/t1; proxy_temp_path {d}/t2; fastcgi_temp_path {d}/t3;
+    uwsgi_temp_path {d}/t4; scgi_temp_path {d}/t5;
+    types {{ audio/x-mpegurl m3u; application/xspf+xml xspf; }}
+    server {{
+        listen 127.0.0.1:{http}; listen 127.0.0.1:{tls} ssl;
+        ssl_certificate {d}/cert.pem; ssl_certificate_key {d}/key.pem;
+        location /plain/ {{ alias {d}/; }}
+        location /noranges/ {{ alias {d}/; max_ranges 0; }}
+        location /slow/ {{ alias {d}/; limit_rate 400k; }}
+        location /slownoranges/ {{ alias {d}/; limit_rate 400k; max_ranges 0; }}
+        location /echo {{ return 200 "$http_authorization"; }}
+        location /there {{ return 302 http://127.0.0.1:{other}/echo; }}
+        location /back {{ return 302 http://127.0.0.1:{other}/back; }}
+        location /here {{ return 307 echo; }}
+        location /loop {{ return 302 /loop; }}
+        location /tofile {{ return 302 file:///etc/passwd; }}
+        location /refused {{ return 401; }}
+        location /busy {{ return 503; }}
+    }}
+    server {{
+        listen 127.0.0.1:{other};
+        location /echo {{ return 200 "other:$http_authorization"; }}
+        location /back {{ return 302 http://127.0.0.1:{http}/echo; }}
+    }}
+}}
+"""
+
+
+def free_ports(count):
+    sockets = [socket.create_server(("127.0.0.1", 0)) for _ in range(count)]
+    ports = [s.getsockname()[1] for s in sockets]
+    for s in sockets:
+        s.close()
+    return ports
+
+
+def openssl(directory):
+    def run(*arguments):
+        subprocess.run(["openssl", *arguments], cwd=directory, check=True, capture_output=True)
+    run("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+        "-keyout", "ca.key", "-out", "ca.pem", "-subj", "/CN=authority", "-days", "9")
+    run("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
+        "-keyout", "key.pem", "-out", "request.pem", "-subj", "/CN=server")
+    with open(f"{directory}/names", "w") as names:
+        names.write("subjectAltName=IP:127.0.0.1\n")
+    run("x509", "-req", "-in", "request.pem", "-CA", "ca.pem", "-CAkey", "ca.key",
+        "-CAcreateserial", "-extfile", "names", "-out", "cert.pem", "-days", "9")
+
+
+class Result:
+    def __init__(self, process):
+        self.body, log = process.communicate(timeout=60)
+        self.log = log.decode()
+        fields = dict(line.split("=", 1) for line in self.log.splitlines() if "=" in line)
+        self.failure, self.error = fields.get("failure"), fields.get("error")
+        self.titles = [line[6:] for line in self.log.splitlines() if line.startswith("title=")]
+
+
+def start(command, url, *arguments):
+    return subprocess.Popen([*PROBE, command, url, *arguments], stdout=subprocess.PIPE,
+                            stderr=subprocess.PIPE)
+
+
+class ScriptedServer(http.server.ThreadingHTTPServer):
+    """Answers as no sound server does: `answer(handler, first byte asked)`, per request."""
+
+    def __init__(self, answer):
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                asked = self.headers.get("Range", "bytes=0-")
+                with contextlib.suppress(ConnectionError):
+                    answer(self, int(asked.split("=")[1].rstrip("-")))
+                self.close_connection = True
+
+            def head(self, status, **fields):
+                self.send_response(status)
+                for name, value in fields.items():
+                    self.send_header(name.replace("_", "-"), value)
+                self.end_headers()
+
+            def log_message(self, *_):
+                pass
+        super().__init__(("127.0.0.1", 0), Handler)
+        self.daemon_threads = True
+        self.url = f"http://127.0.0.1:{self.server_port}/"
+        threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
+
+    def __exit__(self, *arguments):
+        self.shutdown()
+        super().__exit__(*arguments)
+
+
+class Network(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.directory = tempfile.TemporaryDirectory()
+        cls.addClassCleanup(cls.directory.cleanup)
+        cls.d = cls.directory.name
+        openssl(cls.d)
+        cls.http, cls.tls, cls.other = free_ports(3)
+        cls.base = f"http://127.0.0.1:{cls.http}"
+        with open(f"{cls.d}/conf", "w") as conf:
+            conf.write(CONF.format(d=cls.d, http=cls.http, tls=cls.tls, other=cls.other))
+        cls.file = random.Random(1).randbytes(1_500_000)
+        cls.write("file", cls.file)
+        cls.server = None
+        cls.addClassCleanup(lambda: cls.kill_server())
+        cls.start_server()
+
+    @classmethod
+    def write(cls, name, content):
+        with open(f"{cls.d}/{name}", "wb") as out:
+            out.write(content if isinstance(content, bytes) else content.encode())
+
+    @classmethod
+    def start_server(cls):
+        cls.server = subprocess.Popen(["nginx", "-p", cls.d, "-c", f"{cls.d}/conf"],
+                                      stderr=subprocess.DEVNULL)
+        for _ in range(200):
+            try:
+                return socket.create_connection(("127.0.0.1", cls.http)).close()
+            except OSError:
+                time.sleep(0.05)
+        raise AssertionError("nginx does not listen")
+
+    @classmethod
+    def kill_server(cls):
+        if cls.server:
+            cls.server.kill()
+            cls.server.wait()
+            cls.server = None
+
+    def read(self, url, *arguments):
+        return Result(start("read", url if "//" in url else self.base + url, *arguments))
+
+    def test_bytes_are_the_files(self):
+        parts = ["0:5000", "1400000:20000", "1499990:100", "100:4000", "700000:300000", "0:1000"]
+        wanted = b"".join(self.file[int(p):int(p) + int(n)]
+                          for p, n in (part.split(":") for part in parts))
+        secure = f"https://127.0.0.1:{self.tls}/plain/file"
+        authority = f"authorities={self.d}/ca.pem"
+        for url, arguments, body in [
+                ("/plain/file", [], self.file),
+                ("/plain/file", ["read_ahead=1", "pause_ms=500"], self.file),
+                ("/plain/file", ["read_ahead=200000", *parts], wanted),
+                ("/plain/file", parts, wanted),
+                ("/plain/file", ["900000:0"], self.file[900000:]),
+                ("/plain/file", ["1500000:5", "99000000:5"], b""),
+                ("/noranges/file", [], self.file),
+                ("/noranges/file", ["read_ahead=1", *parts], wanted),
+                ("/slow/file", ["read_ahead=150000", "1400000:0"], self.file[1400000:]),
+                (secure, [authority], self.file),
+                (secure, [authority, *parts], wanted)]:
+            with self.subTest(url=url, arguments=arguments):
+                result = self.read(url, *arguments)
+                self.assertEqual((result.failure, result.body == body), ("none", True), result.log)
+
+    def test_the_token_reaches_its_own_origin_alone(self):
+        for url, body in [("/echo", b"Bearer good"), ("/here", b"Bearer good"),
+                          ("/there", b"other:"), ("/back", b"Bearer good")]:
+            with self.subTest(url=url):
+                self.assertEqual(self.read(url, "token=good").body, body)
+
+    def test_what_ends_it(self):
+        quick = "give_up_ms=1500"
+        for url, arguments, failure in [
+                ("/refused", ["token=old"], "refused"), ("/none", [], "missing"),
+                ("/loop", [], "unusable"), ("/tofile", [], "unusable"),
+                ("/busy", [quick], "unreachable"), ("http://127.0.0.1:1/", [quick], "unreachable"),
+                ("/echo", ["token=a\r\nHost: b"], "unusable"),
+                ("file:///etc/passwd", [], "unusable"), ("ftp://127.0.0.1/", [], "unusable"),
+                (f"https://127.0.0.1:{self.tls}/plain/file", [], "unusable")]:
+            with self.subTest(url=url):
+                result = self.read(url, *arguments)
+                self.assertEqual((result.failure, result.body), (failure, b""), result.log)
+                self.assertTrue(result.error)
+
+    def test_goes_on_when_the_server_is_back(self):
+        for url in ["/slow/file", "/slownoranges/file"]:
+            with self.subTest(url=url):
+                process = start("read", self.base + url)
+                time.sleep(0.8)
+                self.kill_server()
+                time.sleep(1)
+                self.start_server()
+                result = Result(process)
+                self.assertEqual((result.failure, result.body == self.file), ("none", True),
+                                 result.log)
+
+    def test_a_file_that_changes_is_not_mixed(self):
+        self.write("changing", self.file)
+        process = start("read", self.base + "/slow/changing")
+        time.sleep(0.8)
+        self.kill_server()
+        self.write("changing", self.file[::-1] + b"more")
+        self.start_server()
+        result = Result(process)
+        self.assertEqual(result.failure, "changed", result.log)
+        self.assertTrue(self.file.startswith(result.body) and result.body)
+
+    def test_wrong_lengths(self):
+        content = self.file[:60000]
+
+        def too_long(handler, first):
+            if first >= len(content):
+                return handler.head(416, Content_Range=f"bytes */{len(content)}")
+            handler.head(206 if first else 200, Content_Length=90000 - first,
+                         Content_Range=f"bytes {first}-89999/90000")
+            handler.wfile.write(content[first:])
+
+        def in_pieces(handler, first):  # the connection breaks each 7000 bytes
+            total = len(content)
+            handler.head(206 if first else 200, Content_Length=total - first,
+                         Content_Range=f"bytes {first}-{total - 1}/{total}")
+            handler.wfile.write(content[first:first + 7000])
+
+        def without(handler, first):
+            handler.head(200)
+            handler.wfile.write(content)
+
+        for answer in [too_long, in_pieces, without]:
+            with self.subTest(answer=answer.__name__), ScriptedServer(answer) as server:
+                result = self.read(server.url)
+                self.assertEqual((result.failure, result.body == content), ("none", True),
+                                 result.log)
+
+    def test_a_stalled_connection_is_made_anew(self):
+        content, requests = self.file[:50000], []
+
+        def answer(handler, first):
+            requests.append(first)
+            total = len(content)
+            handler.head(206 if first else 200, Content_Length=total - first,
+                         Content_Range=f"bytes {first}-{total - 1}/{total}")
+            handler.wfile.write(content[first:first + 20000] if len(requests) == 1
+                                else content[first:])
+            if len(requests) == 1:
+                time.sleep(30)
+
+        with ScriptedServer(answer) as server:
+            result = self.read(server.url, "stalled_s=1")
+            self.assertEqual((result.failure, result.body == content), ("none", True), result.log)
+            self.assertEqual(requests, [0, 20000])
+
+    def test_cancel_ends_every_wait(self):
+        with socket.create_server(("127.0.0.1", 0)) as silent:
+            urls = [f"http://127.0.0.1:{silent.getsockname()[1]}/", "/busy", "/slow/file",
+                    "http://127.0.0.1:1/"]
+            for url in urls:
+                with self.subTest(url=url):
+                    begun = time.monotonic()
+                    self.assertEqual(self.read(url, "cancel_after_ms=300").failure, "cancelled")
+                    self.assertLess(time.monotonic() - begun, 5)  # others wait for 10 and 60
+
+    def test_radio(self):
+        connections = []
+
+        def answer(handler, _first):
+            self.assertEqual(handler.headers["Icy-MetaData"], "1")
+            connections.append(1)
+            handler.head(200, icy_name="Station", icy_metaint="1000", Content_Type="audio/mpeg")
+            for number in range(3):
+                title = f"StreamTitle='It's {len(connections)}.{number}';".encode()
+                title += bytes(-len(title) % 16)
+                handler.wfile.write(self.file[:1000] + bytes([len(title) // 16]) + title)
+                handler.wfile.write(self.file[:1000] + b"\0")
+
+        with ScriptedServer(answer) as server:
+            result = self.read(server.url, "0:10000")  # 6000 a connection
+        self.assertEqual(result.body, self.file[:1000] * 10, result.log)
+        self.assertIn("It's 2.1", result.titles)
+        self.assertIn("radio=1", result.log)
+
+    def test_playlists(self):
+        other = f"http://127.0.0.1:{self.other}"
+        local = "file:///etc/passwd"
+        self.write("a.m3u", f"#EXTM3U\n#EXTINF:3,Ä title\nfile one\n{local}\n/etc/x\n")
+        self.write("b", f"[Playlist]\nFile2=two\nTitle2=Two\nLength2=4\nFile1={other}/echo\n"
+                        f"File3={local}\n")
+        self.write("c.xspf", '<?xml version="1.0"?><playlist xmlns="http://xspf.org/ns/0/">'
+                   '<title>no</title><trackList><track><location>../c?a=1&amp;b=2</location>'
+                   '<title>T</title><creator>C</creator><album>A</album><image>i.png</image>'
+                   f'<duration>5</duration></track><track><location>{local}</location></track>'
+                   '<track><location>e</location><x><title>deeper</title></x></track>'
+                   '</trackList></playlist>')
+        self.write("d", '{"playlist":{"track":[{"location":["x"],"title":"J","creator":"C",'
+                   f'"album":"A","image":"i","duration":7}},{{"location":"{local}"}},{{"a":1}},{{"location":"y"}}]}}}}')
+        self.write("bomb.xspf", '<!DOCTYPE p [<!ENTITY a "aaaa">]><playlist><trackList><track>'
+                   '<location>&a;</location></track></trackList></playlist>')
+        self.write("self.m3u", "self.m3u\n")
+        self.write("nested.m3u", "a.m3u\nd\n")
+        self.write("hls.m3u", "#EXTM3U\n#EXT-X-TARGETDURATION:5\npiece\n")
+        p = f"{self.base}/plain"
+        a = [f"{p}/file%20one|Ä title||||0", f"{self.base}/etc/x|||||0"]
+        for name, tracks in [
+                ("file", [f"{p}/file|||||0"]), ("a.m3u", a),
+                ("b", [f"{other}/echo|||||0", f"{p}/two|Two||||4000"]),
+                ("c.xspf", [f"{self.base}/c?a=1&b=2|T|C|A|{p}/i.png|5", f"{p}/e|||||0"]),
+                ("d", [f"{p}/x|J|C|A|{p}/i|7", f"{p}/y|||||0"]), ("bomb.xspf", []), ("self.m3u", []), ("hls.m3u", []),
+                ("nested.m3u", [*a, f"{p}/d|||||0"])]:
+            with self.subTest(name=name):
+                result = Result(start("tracks", f"{p}/{name}"))
+                self.assertEqual(result.body.decode().splitlines(), tracks, result.log)
+                self.assertEqual(result.failure == "none", bool(tracks), result.log)
+
+
+if __name__ == "__main__":
+    unittest.main()
