@@ -7,9 +7,11 @@
 #include <string_view>
 #include <system_error>
 
+#include "common/text.h"
+#include "local/display_text.h"
+#include "local/file_url.h"
 #include "local/files.h"
 #include "local/playlist.h"
-#include "local/text.h"
 
 namespace local_core {
 
@@ -30,8 +32,9 @@ constexpr std::string_view kAudioEndings[] = {".wav", ".flac", ".ogg",  ".oga", 
 template <size_t N>
 bool ends_in(const fs::path& path, const std::string_view (&endings)[N]) {
     const std::string ending = path.extension().string();
-    return std::any_of(std::begin(endings), std::end(endings),
-                       [&](std::string_view known) { return equals_ignoring_case(ending, known); });
+    return std::any_of(std::begin(endings), std::end(endings), [&](std::string_view known) {
+        return nuvio::equals_ignoring_case(ending, known);
+    });
 }
 
 bool is_hidden(const fs::path& path) {

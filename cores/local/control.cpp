@@ -104,32 +104,32 @@ void Control::change_settings(Change change) {
 }
 
 void Control::set_device_name(const char* name) {
-    change_settings([name](Settings& settings) { settings.device_name = name; });
+    change_settings([name](PlaybackSettings& settings) { settings.device_name = name; });
 }
 
 void Control::set_volume(uint32_t percent) {
-    change_settings([percent](Settings& settings) {
+    change_settings([percent](PlaybackSettings& settings) {
         settings.volume = percent;
         settings.volume_known = true;
     });
 }
 
 void Control::set_muted(bool muted) {
-    change_settings([muted](Settings& settings) {
+    change_settings([muted](PlaybackSettings& settings) {
         settings.muted = muted;
         settings.mute_known = true;
     });
 }
 
 void Control::set_shuffle(bool shuffle) {
-    change_settings([shuffle](Settings& settings) { settings.shuffle = shuffle; });
+    change_settings([shuffle](PlaybackSettings& settings) { settings.shuffle = shuffle; });
 }
 
 void Control::set_loop_mode(nuv_loop_mode loop_mode) {
-    change_settings([loop_mode](Settings& settings) { settings.loop_mode = loop_mode; });
+    change_settings([loop_mode](PlaybackSettings& settings) { settings.loop_mode = loop_mode; });
 }
 
-Settings Control::settings() const {
+PlaybackSettings Control::settings() const {
     const std::lock_guard lock(m_mutex);
     return m_settings;
 }

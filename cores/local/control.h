@@ -30,7 +30,7 @@ struct Command {
 };
 
 // Values that a call sets and a later pass of the loop acts on.
-struct Settings {
+struct PlaybackSettings {
     std::string device_name;
     uint32_t volume = 50;  // percent
     bool muted = false;
@@ -68,7 +68,7 @@ class Control {
     void set_shuffle(bool shuffle);
     void set_loop_mode(nuv_loop_mode loop_mode);
 
-    Settings settings() const;
+    PlaybackSettings settings() const;
     PlayerView view() const;
     bool connected() const;
 
@@ -98,7 +98,7 @@ class Control {
     // Guards everything below; held for a few copies only, never while anything is called.
     mutable std::mutex m_mutex;
     std::vector<Command> m_commands;
-    Settings m_settings;
+    PlaybackSettings m_settings;
     PlayerView m_view;
     bool m_connected = false;
     std::vector<std::pair<uint64_t, const TrackTexts*>> m_texts;

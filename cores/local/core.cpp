@@ -3,9 +3,10 @@
 #include <memory>
 #include <utility>
 
+#include "common/utf8.h"
 #include "local/content.h"
 #include "local/device_uuid.h"
-#include "local/text.h"
+#include "local/display_text.h"
 #include "local/track_decoder.h"
 
 namespace local_core {
@@ -39,7 +40,7 @@ nuv_error Core::connect(const char* session_id, const char* endpoint, bool becom
     if (tracks.empty()) {
         return NUV_ERROR_EMPTY_SESSION;
     }
-    const Settings settings = m_control.settings();
+    const PlaybackSettings settings = m_control.settings();
     auto session = std::make_unique<Session>(session_id, std::move(tracks), settings.loop_mode,
                                              settings.shuffle);
     if (!probe(*session)) {
@@ -110,14 +111,15 @@ bool Core::advertise() {
         advertising.stop(m_handle, advertising.context);
     }
     m_advertised_name = m_settings.device_name;
-    advertising.start(m_handle, beginning(m_advertised_name, kMaxInstanceNameBytes).c_str(),
-                      kServiceName, advertising.context);
+    advertising.start(
+        m_handle, std::string(nuvio::beginning(m_advertised_name, kMaxInstanceNameBytes)).c_str(),
+        kServiceName, advertising.context);
     return true;
 }
 
 bool Core::report_player() {
     const PlayerView view = m_player.view();
-    const bool begun = m_player.take_begun();
+    const bool begun = m_player.take_fresh_start();
     const bool changed = view != m_published;
     if (changed || std::exchange(m_view_noted, false)) {
         // Before the delegates, which may ask.

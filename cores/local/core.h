@@ -76,9 +76,9 @@ class Core {
     Control m_control;
     Player m_player;
 
-    Settings m_settings;        // as taken from control last
-    PlayerView m_published;     // as given to control last
-    bool m_view_noted = false;  // control has changed its view since, by the commands it noted
+    PlaybackSettings m_settings;  // as taken from control last
+    PlayerView m_published;       // as given to control last
+    bool m_view_noted = false;    // control has changed its view since, by the commands it noted
     Reported m_reported;
     bool m_services_started = false;
     std::string m_advertised_name;

@@ -17,31 +17,25 @@ std::string error_text(int code) {
 
 }  // namespace
 
-FileDescriptor::~FileDescriptor() {
-    if (valid()) {
-        close(m_fd);
-    }
-}
-
-FileDescriptor open_regular_file(const std::string& path, std::string* error) {
+nuvio::UniqueFd open_regular_file(const std::string& path, std::string* error) {
     // O_NONBLOCK: opening a FIFO would otherwise wait for a writer.
-    FileDescriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    nuvio::UniqueFd file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
     struct stat status {};
-    if (!file.valid() || fstat(file.get(), &status) != 0) {
+    if (!file || fstat(file.get(), &status) != 0) {
         *error = error_text(errno);
-        return FileDescriptor();
+        return {};
     }
     if (!S_ISREG(status.st_mode)) {
         *error = "not a regular file";
-        return FileDescriptor();
+        return {};
     }
     return file;
 }
 
 std::optional<std::string> read_file(const std::string& path, size_t max_bytes,
                                      std::string* error) {
-    const FileDescriptor file = open_regular_file(path, error);
-    if (!file.valid()) {
+    const nuvio::UniqueFd file = open_regular_file(path, error);
+    if (!file) {
         return std::nullopt;
     }
     std::string text;

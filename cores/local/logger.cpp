@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "common/utf8.h"
+
 namespace local_core {
 
 void Logger::write(LogLevel level, const char* category, const char* format, ...) const {
@@ -18,9 +20,7 @@ void Logger::write(LogLevel level, const char* category, const char* format, ...
     std::vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
     // Names of files and sessions: none may begin a line of its own.
-    std::replace_if(
-        message, message + std::strlen(message),
-        [](char c) { return static_cast<uint8_t>(c) < 0x20 || c == 0x7F; }, ' ');
+    std::replace_if(message, message + std::strlen(message), nuvio::is_control, ' ');
     callback(static_cast<uint32_t>(level), category, message);
 }
 

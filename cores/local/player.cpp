@@ -36,7 +36,7 @@ void Player::apply(Command command) {
             m_goal =
                 command.become_active ? NUV_PLAYBACK_STATE_PLAYING : NUV_PLAYBACK_STATE_STOPPED;
             m_active = command.become_active;
-            m_replace = true;
+            m_replaces_streams = true;
             m_backwards = false;
             m_refused = 0;  // the first of them was a track of the old session
             m_seek_goal_ms.reset();
@@ -65,7 +65,7 @@ void Player::apply(Command command) {
             break;
         case Verb::stop:
             m_goal = NUV_PLAYBACK_STATE_STOPPED;
-            m_replace = true;
+            m_replaces_streams = true;
             m_seek_goal_ms.reset();
             break;
         case Verb::next:
@@ -98,12 +98,12 @@ void Player::set_modes(nuv_loop_mode loop_mode, bool shuffle) {
 
 void Player::skip_to(size_t track) {
     m_session->move_to(track);
-    m_replace = true;
+    m_replaces_streams = true;
     m_seek_goal_ms.reset();
 }
 
 void Player::go_back() {
-    const bool heard = renderer_active() && !m_replace;
+    const bool heard = renderer_active() && !m_replaces_streams;
     uint64_t position_ms = m_seek_goal_ms.value_or(0);
     if (heard && !m_seek_goal_ms) {
         position_ms =
@@ -129,7 +129,7 @@ void Player::end_session() {
 }
 
 void Player::after_last_sample() {
-    if (stale()) {
+    if (is_to_stop()) {
         return;
     }
     m_backwards = false;
@@ -171,12 +171,12 @@ bool Player::renderer_active() const {
 }
 
 // The renderer plays the current stream, and nothing is about to change that.
-bool Player::settled() const {
-    return renderer_active() && !stale() && !m_seeking && !m_retired && m_current && m_session;
+bool Player::plays_undisturbed() const {
+    return renderer_active() && !is_to_stop() && !m_seeking && !m_retired && m_current && m_session;
 }
 
 bool Player::stop_stale_playback() {
-    if (m_renderer == Renderer::stopped || !stale()) {
+    if (m_renderer == Renderer::stopped || !is_to_stop()) {
         return false;
     }
     m_delegates.media.stop_playback(m_delegates.core, m_delegates.media.context);
@@ -194,13 +194,13 @@ bool Player::dispose_stale_streams() {
         release(std::exchange(m_retired, nullptr));
         progress = true;
     }
-    if (m_renderer != Renderer::stopped || !stale()) {
+    if (m_renderer != Renderer::stopped || !is_to_stop()) {
         return progress;
     }
     // A skip to the track that was coming anyway keeps what has been decoded of it.
     const bool skips_to_next = m_goal != NUV_PLAYBACK_STATE_STOPPED && m_next && m_session &&
                                m_next->track == m_session->current() &&
-                               m_next->session_count == m_session_count && !m_next->touched;
+                               m_next->session_count == m_session_count && !m_next->has_flowed;
     progress |= m_next || m_current;
     if (m_next) {
         withdraw(*m_next);
@@ -213,7 +213,7 @@ bool Player::dispose_stale_streams() {
     } else if (m_next) {
         release(std::exchange(m_next, nullptr));
     }
-    m_replace = false;
+    m_replaces_streams = false;
     if (m_goal == NUV_PLAYBACK_STATE_STOPPED) {
         m_state = NUV_PLAYBACK_STATE_STOPPED;
     }
@@ -221,7 +221,7 @@ bool Player::dispose_stale_streams() {
 }
 
 bool Player::start_current() {
-    if (stale() || !m_session || m_renderer != Renderer::stopped) {
+    if (is_to_stop() || !m_session || m_renderer != Renderer::stopped) {
         return false;
     }
     if (!m_current) {
@@ -252,7 +252,7 @@ bool Player::start_current() {
 }
 
 bool Player::initiate() {
-    if (stale() || m_renderer != Renderer::stopped || !m_current || m_current->id == 0) {
+    if (is_to_stop() || m_renderer != Renderer::stopped || !m_current || m_current->id == 0) {
         return false;
     }
     m_renderer = Renderer::initiating;
@@ -262,17 +262,17 @@ bool Player::initiate() {
 }
 
 bool Player::pause_or_resume() {
-    if (m_seeking || m_asked) {
+    if (m_seeking || m_awaits_answer) {
         return false;
     }
     const nuv_media_delegate& media = m_delegates.media;
     if (m_goal == NUV_PLAYBACK_STATE_PAUSED && m_renderer == Renderer::playing) {
-        m_asked = true;
+        m_awaits_answer = true;
         media.pause_playback(m_delegates.core, media.context);
         return true;
     }
     if (m_goal == NUV_PLAYBACK_STATE_PLAYING && m_renderer == Renderer::paused) {
-        m_asked = true;
+        m_awaits_answer = true;
         media.resume_playback(m_delegates.core, media.context);
         return true;
     }
@@ -280,7 +280,7 @@ bool Player::pause_or_resume() {
 }
 
 bool Player::begin_seek() {
-    if (!m_seek_goal_ms || m_asked || !settled()) {
+    if (!m_seek_goal_ms || m_awaits_answer || !plays_undisturbed()) {
         return false;
     }
     m_seek_target_ms = *std::exchange(m_seek_goal_ms, std::nullopt);
@@ -297,10 +297,10 @@ bool Player::begin_seek() {
     }
     give_back_block(*m_current);
     m_current->finished = false;
-    m_current->touched = true;
+    m_current->has_flowed = true;
     m_decoder.seek(*m_current->pipe, info.frame_at(m_seek_target_ms));
     // What the renderer has taken of the next track was dropped with the rest of its buffer.
-    if (m_next && m_next->touched) {
+    if (m_next && m_next->has_flowed) {
         release(std::exchange(m_next, nullptr));
     }
     return true;
@@ -328,7 +328,8 @@ bool Player::end_seek() {
 
 // The modes may have changed what follows; a stream that already flows stays.
 bool Player::withdraw_next() {
-    if (!settled() || !m_next || m_next->touched || m_session->follower() == m_next->track) {
+    if (!plays_undisturbed() || !m_next || m_next->has_flowed ||
+        m_session->follower() == m_next->track) {
         return false;
     }
     const bool announced = m_next->id != 0;
@@ -337,7 +338,7 @@ bool Player::withdraw_next() {
 }
 
 bool Player::start_next() {
-    if (!settled() || !m_session->follower()) {
+    if (!plays_undisturbed() || !m_session->follower()) {
         return false;
     }
     if (!m_next) {
@@ -408,7 +409,7 @@ void Player::give_back_block(Stream& stream) {
 bool Player::deliver() {
     bool more = false;
     for (const StreamPtr* stream : {&m_current, &m_next}) {
-        if (settled() && *stream) {
+        if (plays_undisturbed() && *stream) {
             more |= offer(**stream);
         }
     }
@@ -436,7 +437,7 @@ bool Player::offer(Stream& stream) {
                                                          stream.block.data + stream.offered_bytes,
                                                          left, m_delegates.audio.context),
                                   left);
-    stream.touched |= taken > 0;
+    stream.has_flowed |= taken > 0;
     if (taken > 0) {
         m_refused = 0;
     }
@@ -450,7 +451,7 @@ bool Player::offer(Stream& stream) {
 
 void Player::finish(Stream& stream) {
     stream.finished = true;
-    if (!stream.touched) {
+    if (!stream.has_flowed) {
         m_session->mark_unplayable(stream.track);  // or repeating it would never pause for breath
     }
     m_delegates.audio.finished(m_delegates.core, stream.id, m_delegates.audio.context);
@@ -462,7 +463,7 @@ nuv_error Player::playback_initiated() {
     if (m_renderer == Renderer::initiating) {
         m_renderer = m_initial == NUV_PLAYBACK_STATE_PAUSED ? Renderer::paused : Renderer::playing;
         m_state = m_initial;
-        m_begun = true;
+        m_fresh_start = true;
         return NUV_ERROR_OK;
     }
     // A change of track inside the playback is confirmed the same way.
@@ -475,7 +476,7 @@ nuv_error Player::playback_paused() {
     }
     m_renderer = Renderer::paused;
     m_state = NUV_PLAYBACK_STATE_PAUSED;
-    if (!std::exchange(m_asked, false)) {
+    if (!std::exchange(m_awaits_answer, false)) {
         m_goal = NUV_PLAYBACK_STATE_PAUSED;
     }
     return NUV_ERROR_OK;
@@ -487,7 +488,7 @@ nuv_error Player::playback_resumed() {
     }
     m_renderer = Renderer::playing;
     m_state = NUV_PLAYBACK_STATE_PLAYING;
-    if (!std::exchange(m_asked, false)) {
+    if (!std::exchange(m_awaits_answer, false)) {
         m_goal = NUV_PLAYBACK_STATE_PLAYING;
     }
     return NUV_ERROR_OK;
@@ -497,11 +498,11 @@ nuv_error Player::playback_stopped() {
     if (m_renderer == Renderer::stopped) {
         return NUV_ERROR_INVALID_STATE;
     }
-    if (!stale()) {
+    if (!is_to_stop()) {
         m_goal = NUV_PLAYBACK_STATE_STOPPED;  // the renderer's own decision
     }
     m_renderer = Renderer::stopped;
-    m_asked = false;
+    m_awaits_answer = false;
     m_seeking = false;
     return NUV_ERROR_OK;
 }
@@ -521,7 +522,7 @@ nuv_error Player::playback_error() {
 // When nothing of the track was taken it may be its format, and the next one may be played. False
 // when the renderer can play none: the session is then where it was.
 bool Player::skip_refused() {
-    if (stale() || !m_session || !m_current || m_current->touched) {
+    if (is_to_stop() || !m_session || !m_current || m_current->has_flowed) {
         return false;
     }
     if (m_refused == 0) {
@@ -543,7 +544,7 @@ nuv_error Player::playback_finished(bool no_next_track) {
     m_seek_goal_ms.reset();  // it was meant for the track that is over
     if (no_next_track) {
         m_renderer = Renderer::stopped;  // it stops by itself
-        m_asked = false;
+        m_awaits_answer = false;
         after_last_sample();
         return NUV_ERROR_OK;
     }

@@ -53,7 +53,7 @@ class Player {
 
     PlayerView view() const;
     // True, once, after the renderer has begun to play anew: everything about it is worth a report.
-    bool take_begun() { return std::exchange(m_begun, false); }
+    bool take_fresh_start() { return std::exchange(m_fresh_start, false); }
 
     // From the renderer.
     nuv_error playback_initiated();
@@ -74,7 +74,7 @@ class Player {
         uint64_t id = 0;           // 0: not announced yet
         bool open = false;         // delivery
         bool finished = false;     // reported as delivered wholly
-        bool touched = false;      // some of it has been taken, or it has been positioned
+        bool has_flowed = false;   // some of it has been taken, or it has been positioned
         PcmBlock block{};          // being offered
         size_t offered_bytes = 0;  // of the block, taken by the renderer
     };
@@ -99,8 +99,8 @@ class Player {
     bool skip_refused();
 
     bool renderer_active() const;
-    bool stale() const { return m_goal == NUV_PLAYBACK_STATE_STOPPED || m_replace; }
-    bool settled() const;
+    bool is_to_stop() const { return m_goal == NUV_PLAYBACK_STATE_STOPPED || m_replaces_streams; }
+    bool plays_undisturbed() const;
 
     StreamPtr open_stream(size_t track);
     void announce(Stream& stream);
@@ -121,19 +121,19 @@ class Player {
 
     // Goals.
     nuv_playback_state m_goal = NUV_PLAYBACK_STATE_STOPPED;
-    bool m_replace = false;  // the streams are not what should play any more
+    bool m_replaces_streams = false;  // the streams are not what should play any more
     std::optional<uint64_t> m_seek_goal_ms;
     bool m_backwards = false;  // the last skip; so that unplayable tracks are passed over that way
 
     // The renderer.
     Renderer m_renderer = Renderer::stopped;
     nuv_playback_state m_initial = NUV_PLAYBACK_STATE_STOPPED;
-    bool m_asked = false;    // to pause or resume; the answer is still to come
-    bool m_seeking = false;  // between seek in progress and seeked
+    bool m_awaits_answer = false;  // to pause or resume; the answer is still to come
+    bool m_seeking = false;        // between seek in progress and seeked
     uint64_t m_seek_target_ms = 0;
     nuv_playback_state m_state = NUV_PLAYBACK_STATE_STOPPED;  // what the world is told
     bool m_active = false;
-    bool m_begun = false;
+    bool m_fresh_start = false;
     int m_refused = 0;           // tracks in a row of which the renderer took nothing
     size_t m_first_refused = 0;  // of these
 

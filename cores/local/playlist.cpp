@@ -1,5 +1,7 @@
 #include "local/playlist.h"
 
+#include "common/text.h"
+
 namespace local_core {
 
 namespace {
@@ -15,14 +17,6 @@ std::string_view take_line(std::string_view& text) {
     return line;
 }
 
-std::string_view trim(std::string_view line) {
-    const size_t first = line.find_first_not_of(" \t");
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return line.substr(first, line.find_last_not_of(" \t") - first + 1);
-}
-
 // "#EXTINF:123 key="a,b",Artist - Title": what follows the first comma outside quotes.
 std::string_view title_of(std::string_view info) {
     bool quoted = false;
@@ -30,7 +24,7 @@ std::string_view title_of(std::string_view info) {
         if (info[i] == '"') {
             quoted = !quoted;
         } else if (info[i] == ',' && !quoted) {
-            return trim(info.substr(i + 1));
+            return nuvio::trim(info.substr(i + 1));
         }
     }
     return {};
@@ -45,7 +39,7 @@ std::vector<PlaylistEntry> parse_playlist(std::string_view text, size_t max_entr
     std::vector<PlaylistEntry> entries;
     std::string_view title;
     while (!text.empty() && entries.size() < max_entries) {
-        const std::string_view line = trim(take_line(text));
+        const std::string_view line = nuvio::trim(take_line(text));
         if (line.empty() || line.size() > kMaxLineBytes ||
             line.find('\0') != std::string_view::npos) {
             continue;

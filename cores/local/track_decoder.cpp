@@ -11,8 +11,9 @@
 #include <cstring>
 #include <utility>
 
+#include "common/unique_fd.h"
+#include "common/utf8.h"
 #include "local/files.h"
-#include "local/text.h"
 
 namespace local_core {
 
@@ -27,7 +28,7 @@ constexpr size_t kMaxTagBytes = 1024;
 
 std::string tag(SNDFILE* file, int which) {
     const char* text = sf_get_string(file, which);
-    return text != nullptr ? beginning(text, kMaxTagBytes) : "";
+    return text != nullptr ? std::string(nuvio::beginning(text, kMaxTagBytes)) : "";
 }
 
 // The nearest integer of `bits` bits; silence for what is no number.
@@ -158,8 +159,8 @@ TrackDecoder::Conversion TrackDecoder::conversion_of(SNDFILE* file, int sndfile_
 }
 
 std::unique_ptr<TrackDecoder> TrackDecoder::open(const std::string& path, std::string* error) {
-    FileDescriptor descriptor = open_regular_file(path, error);
-    if (!descriptor.valid()) {
+    nuvio::UniqueFd descriptor = open_regular_file(path, error);
+    if (!descriptor) {
         return nullptr;
     }
     SF_INFO raw{};

@@ -3,7 +3,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "local/text.h"
+#include "local/display_text.h"
+#include "local/file_url.h"
 
 namespace local_core {
 

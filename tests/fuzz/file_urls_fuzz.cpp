@@ -4,7 +4,8 @@
 #include <string>
 
 #include "fuzz/expect.h"
-#include "local/text.h"
+#include "local/display_text.h"
+#include "local/file_url.h"
 
 using namespace local_core;
 

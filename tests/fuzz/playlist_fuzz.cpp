@@ -5,8 +5,8 @@
 #include <string_view>
 
 #include "fuzz/expect.h"
+#include "local/display_text.h"
 #include "local/playlist.h"
-#include "local/text.h"
 
 using namespace local_core;
 

@@ -9,8 +9,9 @@
 #include <set>
 
 #include "local/content.h"
+#include "local/display_text.h"
+#include "local/file_url.h"
 #include "local/playlist.h"
-#include "local/text.h"
 #include "temp_dir.h"
 
 namespace {
