@@ -1,7 +1,5 @@
 #include "media/audio_renderer.h"
 
-#include <cstdio>
-#include <initializer_list>
 #include <memory>
 
 #include "bridge/host_hooks.h"
@@ -9,45 +7,10 @@
 #include "utility/check.h"
 #include "utility/log_delegate.h"
 
-bool playback_paused = false;
-
 namespace {
 
 const char* bool_text(bool value) {
     return value ? "true" : "false";
-}
-
-audio_renderer* renderer_of(void* context, const char* caller = __builtin_FUNCTION()) {
-    auto* self = static_cast<audio_renderer*>(context);
-    NUV_CHECK_OF(caller, self != NULL);
-    return self;
-}
-
-audio_renderer* renderer_of(void* context, const nuv_connect* core,
-                            const char* caller = __builtin_FUNCTION()) {
-    audio_renderer* self = renderer_of(context, caller);
-    NUV_CHECK_OF(caller, core == self->core);
-    return self;
-}
-
-audio_renderer* renderer_of(void* context, const audio_sink* sink,
-                            const char* caller = __builtin_FUNCTION()) {
-    audio_renderer* self = renderer_of(context, caller);
-    NUV_CHECK_OF(caller, sink == self->sink.get());
-    return self;
-}
-
-// False, with a log line, for a call that the SDK must not make now.
-bool is_allowed(const audio_renderer* self, const char* call,
-                std::initializer_list<audio_renderer_state> states) {
-    for (const audio_renderer_state state : states) {
-        if (state == self->state) {
-            return true;
-        }
-    }
-    app_log(LOG_LEVEL_ERROR, "Ignoring %s: not allowed while %s", call,
-            audio_renderer_state_name(self->state));
-    return false;
 }
 
 void push_volume(audio_renderer* self, uint32_t volume) {
@@ -121,7 +84,7 @@ bool notify_initiated(audio_renderer* self) {
 void audio_renderer_initiate_playback(nuv_connect* core, nuv_playback_state initial_state,
                                       void* renderer) {
     audio_renderer* self = renderer_of(renderer, core);
-    if (!is_allowed(self, "initiate playback", {AUDIO_RENDERER_STATE_STOPPED})) {
+    if (!audio_renderer_is_allowed(self, "initiate playback", {AUDIO_RENDERER_STATE_STOPPED})) {
         return;
     }
     app_log(LOG_LEVEL_INFO, "Initiating playback, initial state: %s",
@@ -148,7 +111,7 @@ void audio_renderer_initiate_playback(nuv_connect* core, nuv_playback_state init
 
 void audio_renderer_pause_playback(nuv_connect* core, void* renderer) {
     audio_renderer* self = renderer_of(renderer, core);
-    if (!is_allowed(self, "pause playback", {AUDIO_RENDERER_STATE_PLAYING})) {
+    if (!audio_renderer_is_allowed(self, "pause playback", {AUDIO_RENDERER_STATE_PLAYING})) {
         return;
     }
     app_log(LOG_LEVEL_INFO, "Pausing playback");
@@ -162,7 +125,7 @@ void audio_renderer_pause_playback(nuv_connect* core, void* renderer) {
 
 void audio_renderer_resume_playback(nuv_connect* core, void* renderer) {
     audio_renderer* self = renderer_of(renderer, core);
-    if (!is_allowed(self, "resume playback", {AUDIO_RENDERER_STATE_PAUSED})) {
+    if (!audio_renderer_is_allowed(self, "resume playback", {AUDIO_RENDERER_STATE_PAUSED})) {
         return;
     }
     app_log(LOG_LEVEL_INFO, "Resuming playback");
@@ -178,9 +141,10 @@ void audio_renderer_resume_playback(nuv_connect* core, void* renderer) {
 
 void audio_renderer_stop_playback(nuv_connect* core, void* renderer) {
     audio_renderer* self = renderer_of(renderer, core);
-    if (!is_allowed(self, "stop playback",
-                    {AUDIO_RENDERER_STATE_PLAYING, AUDIO_RENDERER_STATE_PLAYING_SEEKING,
-                     AUDIO_RENDERER_STATE_PAUSED, AUDIO_RENDERER_STATE_PAUSED_SEEKING})) {
+    if (!audio_renderer_is_allowed(
+            self, "stop playback",
+            {AUDIO_RENDERER_STATE_PLAYING, AUDIO_RENDERER_STATE_PLAYING_SEEKING,
+             AUDIO_RENDERER_STATE_PAUSED, AUDIO_RENDERER_STATE_PAUSED_SEEKING})) {
         return;
     }
     app_log(LOG_LEVEL_INFO, "Stopping playback");
@@ -194,7 +158,7 @@ void fall_back_to_active_source(audio_renderer* self) {
     audio_source* active = active_source_of(self);
     NUV_CHECK(active != NULL);
     NUV_CHECK(self->playing_source != NULL);
-    if (self->playing_source != active && !self->active_source_ended) {
+    if (is_handing_over(self)) {
         audio_source_pause(self->playing_source);
         self->playing_source = active;
     }
@@ -202,8 +166,8 @@ void fall_back_to_active_source(audio_renderer* self) {
 
 void audio_renderer_seek_in_progress(nuv_connect* core, void* renderer) {
     audio_renderer* self = renderer_of(renderer, core);
-    if (!is_allowed(self, "seek in progress",
-                    {AUDIO_RENDERER_STATE_PLAYING, AUDIO_RENDERER_STATE_PAUSED})) {
+    if (!audio_renderer_is_allowed(self, "seek in progress",
+                                   {AUDIO_RENDERER_STATE_PLAYING, AUDIO_RENDERER_STATE_PAUSED})) {
         return;
     }
     app_log(LOG_LEVEL_INFO, "Seek is in progress");
@@ -275,112 +239,7 @@ void audio_renderer_playback_actions_availability_changed(nuv_connect* core, boo
             next_available ? "available" : "not available");
 }
 
-// ---- Source listener ---------------------------------------------------------------------------
-
-// The flag stays false when playback was initiated paused; a hand-over may open a delivery then.
-bool refuses_data(const audio_renderer* self) {
-    return playback_paused || self->state == AUDIO_RENDERER_STATE_PAUSED ||
-           self->state == AUDIO_RENDERER_STATE_PAUSED_SEEKING;
-}
-
-size_t audio_renderer_on_audio_source_data_produced(audio_source* source, const void* data,
-                                                    size_t size, void* renderer) {
-    audio_renderer* self = renderer_of(renderer);
-    if (source != self->playing_source) {
-        app_log(LOG_LEVEL_ERROR, "Ignoring audio data of stream %llu, which is not playing",
-                static_cast<unsigned long long>(audio_source_get_id(source)));
-        return 0;
-    }
-    if (refuses_data(self)) {
-        std::fputs("Audio playback is paused, return audio samples ", stdout);
-        updateCurrentPlaybackPosition(self);
-        return 0;
-    }
-    bool ok = false;
-    const size_t written = audio_sink_write(self->sink.get(), data, size, &ok);
-    if (!ok) {
-        audio_renderer_stop_and_report_playback_error(self);
-        return 0;
-    }
-    updateCurrentPlaybackPosition(self);
-    return written;
-}
-
-void audio_renderer_on_audio_source_seek_complete(audio_source* /*source*/, void* renderer) {
-    audio_renderer* self = renderer_of(renderer);
-    if (!is_allowed(self, "seek complete",
-                    {AUDIO_RENDERER_STATE_PLAYING_SEEKING, AUDIO_RENDERER_STATE_PAUSED_SEEKING})) {
-        return;
-    }
-    app_log(LOG_LEVEL_DEBUG, "Seek has been completed");
-    self->state = self->state == AUDIO_RENDERER_STATE_PLAYING_SEEKING ? AUDIO_RENDERER_STATE_PLAYING
-                                                                      : AUDIO_RENDERER_STATE_PAUSED;
-    self->seek_position = 0;
-    // The sink's signal reopens a delivery that a short count closed. After a whole delivery no
-    // signal is due, and a pause may have closed it since.
-    if (self->state == AUDIO_RENDERER_STATE_PLAYING &&
-        audio_source_get_state(self->playing_source) == AUDIO_SOURCE_STATE_FINISHED) {
-        audio_source_resume(self->playing_source);
-    }
-}
-
-// The source is freed after this: the playing source must be another one, or none, by then.
-void audio_renderer_on_audio_source_dispose(audio_source* source, void* renderer) {
-    audio_renderer* self = renderer_of(renderer);
-    const bool is_active = audio_source_is_active(source);
-    if (source == self->playing_source) {
-        if (is_active || self->active_source_ended) {
-            app_log(LOG_LEVEL_ERROR, "Audio stream %llu was disposed of while it was playing",
-                    static_cast<unsigned long long>(audio_source_get_id(source)));
-            audio_renderer_stop_and_report_playback_error(self);
-            return;
-        }
-        self->playing_source = active_source_of(self);
-        NUV_CHECK(self->playing_source != NULL);
-    } else if (is_active && self->playing_source != nullptr) {
-        if (!self->active_source_ended) {
-            // Handed over and gone before its end: what the timers wait for is not to come.
-            audio_renderer_stop_timers(self);
-        }
-        self->active_source_ended = false;
-    }
-}
-
-void audio_renderer_on_audio_source_manager_new_source(audio_source_manager* manager,
-                                                       audio_source* source, void* renderer) {
-    audio_renderer* self = renderer_of(renderer);
-    NUV_CHECK(manager == self->source_manager.get());
-    audio_source_set_event_listener(source, self, audio_renderer_on_audio_source_data_produced,
-                                    audio_renderer_on_audio_source_state_changed,
-                                    audio_renderer_on_audio_source_seek_complete,
-                                    audio_renderer_on_audio_source_dispose);
-    audio_source_pause(source);
-    if (audio_source_is_active(source)) {
-        // It is the only source, and while one plays there is another.
-        NUV_CHECK(self->state == AUDIO_RENDERER_STATE_STOPPED);
-    } else if (audio_source_is_next(source)) {
-        audio_renderer_maybe_start_streaming_from_next_source_if_gapless(self);
-    }
-}
-
-void audio_renderer_on_audio_source_manager_sources_moved_up(audio_source_manager* manager,
-                                                             bool active_changed, void* renderer) {
-    audio_renderer* self = renderer_of(renderer);
-    NUV_CHECK(manager == self->source_manager.get());
-    if (active_changed) {
-        audio_renderer_schedule_overdue_end_of_track(self);
-    }
-    audio_renderer_maybe_start_streaming_from_next_source_if_gapless(self);
-}
-
 // ---- Sink listener -----------------------------------------------------------------------------
-
-void audio_renderer_on_audio_sink_space_available(audio_sink* sink, void* renderer) {
-    audio_renderer* self = renderer_of(renderer, sink);
-    if (self->playing_source != nullptr) {
-        audio_source_resume(self->playing_source);
-    }
-}
 
 void audio_renderer_on_audio_sink_volume_changed(audio_sink* sink, uint32_t volume,
                                                  void* renderer) {
@@ -396,61 +255,6 @@ void audio_renderer_on_audio_sink_mute_state_changed(audio_sink* sink, bool mute
 }
 
 }  // namespace
-
-// ---- Shared steps ------------------------------------------------------------------------------
-
-bool audio_renderer_check_notified(nuv_error error, const char* what) {
-    if (error != NUV_ERROR_OK) {
-        app_log(LOG_LEVEL_ERROR, "Failed to notify Nuvio Connect of %s: %s", what,
-                nuv_error_to_string(error));
-    }
-    return error == NUV_ERROR_OK;
-}
-
-const char* audio_renderer_state_name(audio_renderer_state state) {
-    switch (state) {
-        case AUDIO_RENDERER_STATE_STOPPED:
-            return "stopped";
-        case AUDIO_RENDERER_STATE_PLAYING:
-            return "playing";
-        case AUDIO_RENDERER_STATE_PLAYING_SEEKING:
-            return "playing and seeking";
-        case AUDIO_RENDERER_STATE_PAUSED:
-            return "paused";
-        case AUDIO_RENDERER_STATE_PAUSED_SEEKING:
-            return "paused and seeking";
-    }
-    return "in an unknown state";
-}
-
-void audio_renderer_do_stop_playback(audio_renderer* self) {
-    if (self->playing_source != nullptr) {
-        audio_source_pause(self->playing_source);
-        self->playing_source = nullptr;
-    }
-    audio_renderer_stop_timers(self);
-    audio_sink_close(self->sink.get());
-    playback_paused = false;
-    self->active_source_ended = false;
-    self->state = AUDIO_RENDERER_STATE_STOPPED;
-}
-
-void audio_renderer_stop_and_report_playback_error(audio_renderer* self) {
-    playback_paused = false;
-    audio_renderer_do_stop_playback(self);
-    audio_renderer_check_notified(nuv_connect_notify_playback_error(self->core), "playback error");
-}
-
-void audio_renderer_report_playback_status(nuv_connect* core) {
-    nuv_playback_state state = NUV_PLAYBACK_STATE_STOPPED;
-    const nuv_error error = nuv_connect_get_playback_state(core, &state);
-    if (error != NUV_ERROR_OK) {
-        app_log(LOG_LEVEL_ERROR, "Failed to notify Nuvio Connect: %s", nuv_error_to_string(error));
-        return;
-    }
-    std::printf("playback_status = %d\n", static_cast<int>(state));
-    host_report_playback_status(state);
-}
 
 // ---- Life and wiring ---------------------------------------------------------------------------
 

@@ -136,21 +136,6 @@ bool audio_formats_are_same(const nuv_audio_format* format1, const nuv_audio_for
            format1->channel_count == format2->channel_count;
 }
 
-void audio_renderer_pause_timers(audio_renderer* self) {
-    uv_pausable_timer_pause(self->playback_nearly_finished_timer.get());
-    uv_pausable_timer_pause(self->playback_finished_timer.get());
-}
-
-void audio_renderer_resume_timers(audio_renderer* self) {
-    uv_pausable_timer_resume(self->playback_nearly_finished_timer.get());
-    uv_pausable_timer_resume(self->playback_finished_timer.get());
-}
-
-void audio_renderer_stop_timers(audio_renderer* self) {
-    uv_pausable_timer_stop(self->playback_nearly_finished_timer.get());
-    uv_pausable_timer_stop(self->playback_finished_timer.get());
-}
-
 void audio_renderer_on_audio_source_state_changed(audio_source* source,
                                                   audio_source_state new_state,
                                                   audio_source_state /*old_state*/,
@@ -229,7 +214,7 @@ void audio_renderer_on_playback_finished_timer_timeout(uv_timer_t* timer) {
     }
     const audio_source* active = active_source_of(self);
     NUV_CHECK(active != NULL);
-    if (self->active_source_ended) {
+    if (self->next_source_is_track) {
         // The end is that of the next source. Its turn comes with the disposal of the active one.
         app_log(LOG_LEVEL_DEBUG,
                 "Playback has finished before the previous stream was disposed of");
@@ -254,7 +239,7 @@ void audio_renderer_on_playback_finished_timer_timeout(uv_timer_t* timer) {
         end_playback(self);
         return;
     }
-    self->active_source_ended = true;
+    self->next_source_is_track = true;
     if (audio_formats_are_same(audio_source_get_format(active), audio_source_get_format(next))) {
         change_track_gaplessly(self, next);
     } else {

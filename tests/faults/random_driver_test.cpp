@@ -477,7 +477,7 @@ void RandomDriver::check() {
            "timers are paused only while paused");
 
     if (is_orderly_ && !is_let_down_ && is(AUDIO_RENDERER_STATE_PLAYING)) {
-        const bool ended = renderer->active_source_ended && disposals_due_ > 0;
+        const bool ended = renderer->next_source_is_track && disposals_due_ > 0;
         expect(playing->delivery_active || room_is_due() || any_timer_armed() || ended,
                "playback goes on by itself");
     }

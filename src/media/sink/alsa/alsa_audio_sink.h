@@ -57,6 +57,8 @@ void audio_sink_close(audio_sink* self);
 // for good; nothing counts as written then.
 size_t audio_sink_write(audio_sink* self, const void* data, size_t size, bool* ok);
 
+// Part of the interface and not called by this program: the renderer pauses by a flush, and a PCM
+// that nobody pauses is never flushed while paused.
 bool audio_sink_pause(audio_sink* self);
 bool audio_sink_resume(audio_sink* self);
 // Drops what is queued; the PCM is ready for writing again, a paused one stays paused.

@@ -1,0 +1,327 @@
+#include "media/sink/alsa/alsa_pcm.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <vector>
+
+#include "utility/check.h"
+#include "utility/log_delegate.h"
+
+struct alsa_pcm {
+    pcm_ptr handle;
+    unsigned sample_rate = 0;  // frames a second, as asked for
+    unsigned channel_count = 0;
+    snd_pcm_format_t format = SND_PCM_FORMAT_UNKNOWN;
+};
+
+namespace {
+
+// How often a device may fail before it counts as failed for good.
+constexpr int kMaxPrepares = 3;           // in one repair
+constexpr int kMaxFruitlessWrites = 5;    // in one write
+constexpr int kMaxInterruptedDrains = 5;  // in one drain
+
+// ---- States ---------------------------------------------------------------------------------
+
+enum class readiness {
+    ready,          // a write can go on from here
+    needs_prepare,  // it can after a prepare
+    failed,         // nothing here repairs it: the write fails
+};
+
+struct state_rule {
+    readiness is;
+    const char* prepare_failure;  // the log line of a prepare that fails
+};
+
+// What is done in each state of a PCM that is open; states of a later ALSA count as failed.
+state_rule rule_of(snd_pcm_state_t state) {
+    switch (state) {
+        case SND_PCM_STATE_OPEN:
+            // The set-up is part of opening, so this one has been lost.
+            return {readiness::failed, nullptr};
+        case SND_PCM_STATE_SETUP:
+            // After a drop. Also after a drain, which is followed by nothing but a close.
+            return {readiness::needs_prepare, "Unable to prepare ALSA audio sink"};
+        case SND_PCM_STATE_PREPARED:
+            // The first write starts it.
+            return {readiness::ready, nullptr};
+        case SND_PCM_STATE_RUNNING:
+            return {readiness::ready, nullptr};
+        case SND_PCM_STATE_XRUN:
+            // It ran dry. What was heard is heard; the next frames follow the gap.
+            return {readiness::needs_prepare, "Unable to prepare ALSA audio sink after underrun"};
+        case SND_PCM_STATE_DRAINING:
+            // A drain is over before anything else is asked of the PCM.
+            return {readiness::failed, nullptr};
+        case SND_PCM_STATE_PAUSED:
+            // Takes frames until it is full and plays them after the resume.
+            return {readiness::ready, nullptr};
+        case SND_PCM_STATE_SUSPENDED:
+            // The machine slept. Only a failed call leads to the repair of this one.
+            return {readiness::failed, nullptr};
+        case SND_PCM_STATE_DISCONNECTED:
+            // The card is gone, and this PCM with it, even if the card comes back.
+            return {readiness::failed, nullptr};
+        case SND_PCM_STATE_PRIVATE1:
+            break;
+    }
+    return {readiness::failed, nullptr};
+}
+
+// ---- Repair ---------------------------------------------------------------------------------
+
+// snd_pcm_recover sleeps for as long as a suspended device is being resumed; the loop must not. A
+// device that is not resumed at once is prepared, as one that cannot be.
+int recover_without_waiting(snd_pcm_t* pcm, int error) {
+    if (error == -ESTRPIPE) {
+        return snd_pcm_resume(pcm) == 0 ? 0 : snd_pcm_prepare(pcm);
+    }
+    return snd_pcm_recover(pcm, error, 1);
+}
+
+// Asks the PCM for a count of frames, a second time after a repair. `what` completes the log lines.
+template <typename Query>
+std::optional<size_t> query_with_recovery(alsa_pcm* self, const char* what, Query query) {
+    snd_pcm_sframes_t frames = query(self->handle.get());
+    if (frames >= 0) {
+        return static_cast<size_t>(frames);
+    }
+    app_log(LOG_LEVEL_WARNING, "Unable to %s ALSA audio sink, trying to recover", what);
+    if (!alsa_audio_sink_recover_pcm(self, static_cast<int>(frames))) {
+        return std::nullopt;
+    }
+    frames = query(self->handle.get());
+    if (frames >= 0) {
+        return static_cast<size_t>(frames);
+    }
+    app_log(LOG_LEVEL_ERROR, "Unable to %s ALSA audio sink even after recovery", what);
+    return std::nullopt;
+}
+
+// ---- Writing --------------------------------------------------------------------------------
+
+// How many frames a failed write has placed all the same. alsa-lib starts a prepared plug-in with
+// what it was given and reports a failed start instead of the count.
+size_t frames_kept(snd_pcm_t* pcm, snd_pcm_sframes_t space_before) {
+    if (snd_pcm_state(pcm) != SND_PCM_STATE_PREPARED) {
+        return 0;
+    }
+    const snd_pcm_sframes_t space = snd_pcm_avail_update(pcm);
+    return space >= 0 && space < space_before ? static_cast<size_t>(space_before - space) : 0;
+}
+
+// One write, with a repair when it fails. The frames placed; none: it has failed for good.
+std::optional<size_t> write_once(alsa_pcm* self, const uint8_t* data, size_t frames,
+                                 const char* what) {
+    snd_pcm_t* pcm = self->handle.get();
+    const bool starts = snd_pcm_state(pcm) == SND_PCM_STATE_PREPARED;
+    const snd_pcm_sframes_t space = starts ? snd_pcm_avail_update(pcm) : 0;
+    const snd_pcm_sframes_t written = snd_pcm_writei(pcm, data, frames);
+    if (written >= 0) {
+        return static_cast<size_t>(written);
+    }
+    app_log(LOG_LEVEL_WARNING, "Unable to write %s ALSA audio sink, trying to recover", what);
+    if (!alsa_audio_sink_recover_pcm(self, static_cast<int>(written))) {
+        return std::nullopt;
+    }
+    return starts ? std::min(frames_kept(pcm, space), frames) : 0;
+}
+
+// Counts the writes that placed nothing. False, with a log line, at the last one allowed.
+bool may_write_again(size_t placed, int& fruitless_writes) {
+    if (placed > 0 || ++fruitless_writes < kMaxFruitlessWrites) {
+        return true;
+    }
+    app_log(LOG_LEVEL_ERROR, "ALSA audio sink took nothing in %d writes", kMaxFruitlessWrites);
+    return false;
+}
+
+// A driver that fails to start with what it was given may keep that to itself; a PCM that does not
+// run never has room again.
+bool ensure_started(alsa_pcm* self) {
+    return snd_pcm_state(self->handle.get()) != SND_PCM_STATE_PREPARED ||
+           alsa_ok(snd_pcm_start(self->handle.get()), "Unable to start ALSA audio sink");
+}
+
+int drain_despite_signals(snd_pcm_t* pcm) {
+    int rc = -EINTR;
+    for (int tries = 0; rc == -EINTR && tries < kMaxInterruptedDrains; ++tries) {
+        rc = snd_pcm_drain(pcm);
+    }
+    return rc;
+}
+
+// ---- Opening --------------------------------------------------------------------------------
+
+snd_pcm_format_t nuvio_format_to_alsa_format(nuv_audio_sample_format format) {
+    switch (format) {
+        case NUV_AUDIO_SAMPLE_FORMAT_16_BIT:
+            return SND_PCM_FORMAT_S16_LE;
+        case NUV_AUDIO_SAMPLE_FORMAT_24_BIT:
+            return SND_PCM_FORMAT_S24_LE;
+    }
+    return SND_PCM_FORMAT_UNKNOWN;
+}
+
+bool set_rate(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, unsigned requested) {
+    unsigned granted = requested;
+    if (!alsa_ok(snd_pcm_hw_params_set_rate_near(pcm, params, &granted, nullptr),
+                 "Unable to set ALSA PCM's sample rate to %u", requested)) {
+        return false;
+    }
+    if (granted != requested) {
+        app_log(LOG_LEVEL_WARNING,
+                "Requested ALSA PCM's sample rate to be set to %u, got %u instead", requested,
+                granted);
+    }
+    return true;
+}
+
+// Buffer, period and software parameters stay ALSA's defaults.
+bool set_hw_params(snd_pcm_t* pcm, unsigned rate, unsigned channels, snd_pcm_format_t format) {
+    const hw_params_ptr owner = new_hw_params();
+    snd_pcm_hw_params_t* params = owner.get();
+    return alsa_ok(snd_pcm_hw_params_any(pcm, params),
+                   "Unable to get any playback configurations from ALSA") &&
+           alsa_ok(snd_pcm_hw_params_set_rate_resample(pcm, params, 1),
+                   "Unable to enable ALSA PCM's resampling") &&
+           alsa_ok(snd_pcm_hw_params_set_access(pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
+                   "Unable to set ALSA PCM's access to interleaved") &&
+           set_rate(pcm, params, rate) &&
+           alsa_ok(snd_pcm_hw_params_set_channels(pcm, params, channels),
+                   "Unable to set ALSA PCM's channel count to %u", channels) &&
+           alsa_ok(snd_pcm_hw_params_set_format(pcm, params, format),
+                   "Unable to set ALSA PCM's format to %s", snd_pcm_format_name(format)) &&
+           alsa_ok(snd_pcm_hw_params(pcm, params), "Unable to set ALSA PCM's HW params");
+}
+
+}  // namespace
+
+alsa_pcm* alsa_pcm_new(const char* device, const nuv_audio_format* format) {
+    NUV_CHECK(device != NULL);
+    NUV_CHECK(format != NULL);
+    const snd_pcm_format_t alsa_format = nuvio_format_to_alsa_format(format->sample_format);
+    if (alsa_format == SND_PCM_FORMAT_UNKNOWN) {
+        app_log(LOG_LEVEL_ERROR, "Unable to open ALSA audio sink: unknown sample format %d",
+                static_cast<int>(format->sample_format));
+        return nullptr;
+    }
+    alsa_pcm_ptr self(new alsa_pcm);
+    if (!alsa_ok(open_playback_pcm(self->handle, device), "Unable to open ALSA audio sink '%s'",
+                 device) ||
+        !set_hw_params(self->handle.get(), format->sample_rate, format->channel_count,
+                       alsa_format)) {
+        return nullptr;
+    }
+    self->sample_rate = format->sample_rate;
+    self->channel_count = format->channel_count;
+    self->format = alsa_format;
+    return self.release();
+}
+
+void alsa_pcm_free(alsa_pcm* self) {
+    delete self;
+}
+
+snd_pcm_t* alsa_pcm_get_handle(alsa_pcm* self) {
+    NUV_CHECK(self != NULL);
+    return self->handle.get();
+}
+
+size_t alsa_pcm_get_frame_size(const alsa_pcm* self) {
+    NUV_CHECK(self != NULL);
+    const auto bits = static_cast<size_t>(snd_pcm_format_physical_width(self->format));
+    return bits / 8 * self->channel_count;
+}
+
+bool alsa_audio_sink_recover_pcm(alsa_pcm* self, int error) {
+    NUV_CHECK(self != NULL);
+    snd_pcm_t* pcm = self->handle.get();
+    if (recover_without_waiting(pcm, error) == 0) {
+        app_log(LOG_LEVEL_DEBUG, "ALSA audio sink recovery successful");
+        return true;
+    }
+    log_alsa_error(error, "Unable to recover ALSA audio sink");
+    const snd_pcm_state_t state = snd_pcm_state(pcm);
+    app_log(LOG_LEVEL_INFO, "pcm state = %d\n", static_cast<int>(state));
+    const state_rule rule = rule_of(state);
+    if (state == SND_PCM_STATE_SETUP) {
+        return alsa_ok(snd_pcm_prepare(pcm), "%s", rule.prepare_failure);
+    }
+    return rule.is != readiness::failed;
+}
+
+bool alsa_audio_sink_ensure_pcm_has_runnable_state(alsa_pcm* self) {
+    NUV_CHECK(self != NULL);
+    snd_pcm_t* pcm = self->handle.get();
+    for (int prepares = 0;; ++prepares) {
+        const state_rule rule = rule_of(snd_pcm_state(pcm));
+        if (rule.is != readiness::needs_prepare) {
+            return rule.is == readiness::ready;
+        }
+        if (prepares == kMaxPrepares) {
+            app_log(LOG_LEVEL_ERROR, "ALSA audio sink does not become ready after %d prepares",
+                    kMaxPrepares);
+            return false;
+        }
+        if (!alsa_ok(snd_pcm_prepare(pcm), "%s", rule.prepare_failure)) {
+            return false;
+        }
+    }
+}
+
+std::optional<size_t> alsa_audio_sink_get_available_space(alsa_pcm* self) {
+    NUV_CHECK(self != NULL);
+    return query_with_recovery(self, "query available space in", snd_pcm_avail);
+}
+
+bool alsa_pcm_write(alsa_pcm* self, const void* data, size_t frames, const char* what) {
+    NUV_CHECK(self != NULL);
+    const auto* position = static_cast<const uint8_t*>(data);
+    int fruitless_writes = 0;
+    for (size_t left = frames; left > 0;) {
+        const auto placed = write_once(self, position, left, what);
+        if (!placed || !may_write_again(*placed, fruitless_writes)) {
+            return false;
+        }
+        position += *placed * alsa_pcm_get_frame_size(self);
+        left -= *placed;
+    }
+    return frames == 0 || ensure_started(self);
+}
+
+bool alsa_audio_sink_write_silence(alsa_pcm* self, unsigned duration_ms) {
+    NUV_CHECK(self != NULL);
+    const size_t frames = static_cast<size_t>(self->sample_rate) * duration_ms / 1000;
+    const std::vector<uint8_t> silence(frames * alsa_pcm_get_frame_size(self));
+    return alsa_pcm_write(self, silence.data(), frames, "silence to");
+}
+
+bool alsa_pcm_drop(alsa_pcm* self) {
+    NUV_CHECK(self != NULL);
+    return alsa_ok(snd_pcm_drop(self->handle.get()),
+                   "Unable to drop buffered PCM audio data from ALSA audio sink") &&
+           alsa_audio_sink_ensure_pcm_has_runnable_state(self);
+}
+
+bool alsa_pcm_drain(alsa_pcm* self) {
+    NUV_CHECK(self != NULL);
+    // libuv made the descriptors non-blocking, and with that a drain would return at once.
+    int rc = snd_pcm_nonblock(self->handle.get(), 0);
+    if (rc == 0) {
+        rc = drain_despite_signals(self->handle.get());
+    }
+    return alsa_ok(rc, "Unable to drain buffered PCM audio data from ALSA audio sink");
+}
+
+std::optional<size_t> alsa_pcm_get_delay(alsa_pcm* self) {
+    NUV_CHECK(self != NULL);
+    return query_with_recovery(self, "get buffered frame count from", [](snd_pcm_t* pcm) {
+        snd_pcm_sframes_t frames = 0;
+        const int rc = snd_pcm_delay(pcm, &frames);
+        // An underrun still unnoticed shows as a delay below zero.
+        return rc < 0 ? rc : std::max<snd_pcm_sframes_t>(frames, 0);
+    });
+}
