@@ -1,7 +1,9 @@
 """The whole device on a sound server of its own, with a null sink whose monitor is recorded.
 
-Needs NUVIO_BUILD, the build tree under test; ./dev sound-servers names it.
+Needs NUVIO_BUILD, the build tree under test, and NUVIO_ALSA_PLUG_INS, a folder with PipeWire's plug-ins
+for ALSA; ./dev sound-servers gives both.
 """
+import os
 import pathlib
 import subprocess
 import sys
@@ -11,6 +13,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
 from device import DeviceTest, signal_samples, wait_for, write_wav  # noqa: E402
 
 CD = 44100
+PLUG_INS = pathlib.Path(os.environ.get("NUVIO_ALSA_PLUG_INS", "/nowhere"))
 
 
 class SoundServer:
@@ -25,9 +28,15 @@ class SoundServer:
                              "XDG_CONFIG_HOME": str(self.folder / "config"),
                              "HOME": str(self.folder),
                              "ALSA_CONFIG_PATH": str(self.folder / "asound.conf")}
-        (self.folder / "asound.conf").write_text(
-            f"pcm.default {{ type {self.plug_in} }}\nctl.default {{ type {self.plug_in} }}\n")
+        (self.folder / "asound.conf").write_text(self.plug_ins() + (
+            f"pcm.default {{ type {self.plug_in} }}\nctl.default {{ type {self.plug_in} }}\n"))
         self.start_server()
+
+    def plug_ins(self):
+        """Where those are that Debian's package can't install beside the other server's."""
+        return "".join(f'{kind}_type.{self.plug_in} {{ lib "{library}" }}\n'
+                       for kind in ("pcm", "ctl") for library in
+                       PLUG_INS.rglob(f"libasound_module_{kind}_{self.plug_in}.so"))
 
     def spawn(self, *command):
         with open(self.folder / "server.log", "ab") as log:
@@ -93,6 +102,28 @@ class PulseAudio(SoundServer, DeviceTest):
     def kill_server(self):
         self.server.kill()
         self.server.wait()
+
+
+class PipeWire(SoundServer, DeviceTest):
+    """With its PulseAudio side, which pactl and parec use."""
+    plug_in = "pipewire"
+
+    def start_server(self):
+        # At any other rate than the track's the server converts.
+        rate = self.folder / "config/pipewire/pipewire.conf.d/rate.conf"
+        rate.parent.mkdir(parents=True, exist_ok=True)
+        rate.write_text(f"context.properties = {{ default.clock.rate = {CD} }}\n")
+        self.server = [self.spawn("pipewire"), self.spawn("wireplumber"),
+                       self.spawn("pipewire-pulse")]
+        wait_for("sound server", lambda: self.pactl("info"))
+        self.pactl("load-module", "module-null-sink", "sink_name=null", f"rate={CD}", check=True)
+        self.pactl("set-default-sink", "null", check=True)
+        wait_for("sink", lambda: "null" in (self.pactl("list", "short", "sinks") or ""))
+
+    def kill_server(self):
+        for process in self.server:
+            process.kill()
+            process.wait()
 
 
 if __name__ == "__main__":
