@@ -5,9 +5,9 @@
 #include <string_view>
 
 #include "fuzz/expect.h"
+#include "local/file_url.h"
 #include "local/network/icy.h"
 #include "local/network/remote_playlist.h"
-#include "local/text.h"
 
 using namespace local_core;
 
