@@ -1,8 +1,8 @@
 // What `nuvio-connect --check` tells: whether this machine has what the service needs.
 #pragma once
 
-// Looks at the settings, the output device, the mixer element, the system bus and the Avahi daemon
-// as the service would use them, and writes one line each on standard output: "ok" and what there
-// is, or "FAIL", what is missing and what to do. Plays nothing and changes nothing. Returns the
-// process's exit status, EXIT_FAILURE when a line says FAIL. The main thread's.
+// Looks at the settings and the HTTP port, the output device, the mixer element, the system bus and
+// the Avahi daemon as the service would use them, and writes one line each on standard output: "ok"
+// and what there is, or "FAIL", what is missing and what to do. Plays nothing and changes nothing.
+// Returns the process's exit status, EXIT_FAILURE when a line says FAIL. The main thread's.
 int runSelfCheck();

@@ -52,20 +52,23 @@ constexpr uint32_t known_level(uint32_t level) {
 // One line is whole and out before the next begins.
 constinit std::mutex lines_mutex;
 constinit repeat_filter repeats;  // guarded by lines_mutex
+constinit bool silenced = false;  // guarded by lines_mutex
 
 // Syslog's number of each level, as the journal reads it at the start of a line.
 constexpr std::array<const char*, LOG_LEVEL_FATAL + 1> kJournalPriorities = {"<7>", "<7>", "<6>",
                                                                              "<4>", "<3>", "<2>"};
 
-// True when the service manager says that standard output is its journal's.
+// True when the service manager says that standard output is its journal's, "device:inode".
 bool is_journal() {
     const char* stream = std::getenv("JOURNAL_STREAM");
     struct stat output {};
-    uintmax_t device = 0;
-    uintmax_t inode = 0;
-    return stream != nullptr && fstat(STDOUT_FILENO, &output) == 0 &&
-           std::sscanf(stream, "%ju:%ju", &device, &inode) == 2 && device == output.st_dev &&
-           inode == output.st_ino;
+    if (stream == nullptr || fstat(STDOUT_FILENO, &output) != 0) {
+        return false;
+    }
+    std::array<char, 48> ours;
+    std::snprintf(ours.data(), ours.size(), "%ju:%ju", static_cast<uintmax_t>(output.st_dev),
+                  static_cast<uintmax_t>(output.st_ino));
+    return std::strcmp(stream, ours.data()) == 0;
 }
 
 const char* priority_of(uint32_t level) {
@@ -130,11 +133,19 @@ void log_write(const char* category, uint32_t level, const char* message) {
     NUV_CHECK(category != NULL);
     NUV_CHECK(message != NULL);
     const std::lock_guard lock(lines_mutex);
+    if (silenced) {
+        return;
+    }
     const auto now = repeat_filter::clock::now();
     repeats.report_due(now, write_count);
     if (level < LOG_LEVEL_WARNING || repeats.admit(now, level, category, message, write_count)) {
         write_line(category, level, message);
     }
+}
+
+void log_silence() {
+    const std::lock_guard lock(lines_mutex);
+    silenced = true;
 }
 
 void app_log(uint32_t level, const char* format, ...) {

@@ -31,3 +31,6 @@ void sdk_log_callback(uint32_t level, const char* category, const char* message)
 
 // Writes one line as it is, whatever its category and level. The arguments must not be null.
 void log_write(const char* category, uint32_t level, const char* message);
+
+// Nothing is written from now on: for a program run that speaks to its user itself. Any thread.
+void log_silence();

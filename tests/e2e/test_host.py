@@ -1,7 +1,10 @@
 """The device as the machine's owner sees it: front panel, other sources, network, what plays now."""
 import json
+import os
 import pathlib
 import re
+import shutil
+import socket
 import subprocess
 import unittest
 
@@ -29,6 +32,40 @@ class HostTest(DeviceTest):
 
     def display_name(self):
         return json.loads(self.request("GET", "/get-display-info")[1])["friendly_name"]
+
+
+class SelfCheck(DeviceTest):
+    settings = {"alsa__output_rates": "44100,192000"}
+
+    def findings(self):
+        result = subprocess.run([*program("nuvio-connect"), "--check"], env=self.environment,
+                                text=True, capture_output=True, timeout=PATIENCE)
+        return {subject: (word, text) for word, subject, text in
+                re.findall(r"(?m)^(ok|FAIL) +(\w+) +(.*)$", result.stdout)}
+
+    def test_it_tries_the_port_and_all_that_is_announced(self):
+        found = self.findings()
+        self.assertEqual(found["settings"][0], "ok", found)
+        self.assertRegex(str(found["output"]), r"'ok'.* up to 192000 Hz, 24 bit; buffer \d+ ms, "
+                                               r"period \d+ ms")
+        self.assertRegex(str(found["mixer"]), r"'ok'.*'Master' of 'default': volume \d+ of 0 to ")
+        self.start()  # the service itself holds the port
+        self.assertEqual(self.findings()["settings"][0], "ok")
+
+    def test_it_names_who_holds_the_port_and_what_the_card_refuses(self):
+        with socket.create_server(("", self.port)):
+            self.assertRegex(str(self.findings()["settings"]),
+                             rf"'FAIL'.* is in use by python\S* \(process {os.getpid()}\)")
+        for port, problem in ((80, "for root alone"), ("80o0", "is no port"), (70000, "is no port")):
+            self.write_settings(feature__nuvio_connect__http_port=port)
+            self.assertRegex(str(self.findings()["settings"]), f"'FAIL'.*{problem}")
+        for options, problem in ((("--rates", "48000"), "plays at 48000 Hz what .* 44100 Hz, 16 bit"),
+                                 (("--formats", "S16_LE"), "refuses what .* 44100 Hz, 24 bit"),
+                                 (("--channels", "2-8"), "refuses what .* 16 bit, mono")):
+            shutil.rmtree(self.folder / "card")
+            self.card("create", *options)
+            self.write_settings(**self.settings)
+            self.assertRegex(str(self.findings()["output"]), f"'FAIL'.*{problem}: put 'plug:'")
 
 
 class Panel(HostTest):

@@ -1,0 +1,122 @@
+#include "diagnostics/port_check.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <system_error>
+#include <vector>
+
+#include "common/unique_fd.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kService[] = "nuvio-connect";
+
+// 0, or the error of taking the port as a server does.
+int take(uint16_t port) {
+    const nuvio::UniqueFd server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const int yes = 1;
+    setsockopt(server.get(), SOL_SOCKET, SO_REUSEADDR, &yes, sizeof yes);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    const bool taken =
+        bind(server.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 &&
+        listen(server.get(), 1) == 0;
+    return taken ? 0 : errno;
+}
+
+// The kernel's names of the sockets that listen on the port: "socket:[4711]".
+std::vector<std::string> listeners(uint16_t port) {
+    constexpr char kListening[] = "0A";
+    std::vector<std::string> names;
+    for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
+        std::ifstream file(table);
+        std::string line;
+        while (std::getline(file, line)) {
+            std::istringstream fields(line);
+            std::string number, local, remote, state, queues, timer, retransmits, user, timeout,
+                inode;
+            fields >> number >> local >> remote >> state >> queues >> timer >> retransmits >>
+                user >> timeout >> inode;
+            const std::string hex = local.substr(local.find(':') + 1);
+            if (state == kListening && std::strtoul(hex.c_str(), nullptr, 16) == port) {
+                names.push_back("socket:[" + inode + "]");
+            }
+        }
+    }
+    return names;
+}
+
+bool has_one_of(const fs::path& process, const std::vector<std::string>& sockets) {
+    std::error_code error;
+    fs::directory_iterator fd(process / "fd", error);
+    for (; !error && fd != fs::directory_iterator(); fd.increment(error)) {
+        std::error_code gone;
+        const std::string name = fs::read_symlink(fd->path(), gone).string();
+        if (std::ranges::find(sockets, name) != sockets.end()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+struct Holder {
+    std::string name;  // empty: not known
+    std::string pid;
+};
+
+Holder holder_of(uint16_t port) {
+    const std::vector<std::string> sockets = listeners(port);
+    std::error_code error;
+    fs::directory_iterator process("/proc", error);
+    for (; !error && process != fs::directory_iterator(); process.increment(error)) {
+        if (has_one_of(process->path(), sockets)) {
+            Holder holder{.name = {}, .pid = process->path().filename()};
+            std::getline(std::ifstream(process->path() / "comm") >> std::ws, holder.name);
+            return holder;
+        }
+    }
+    return {};
+}
+
+// From where on any account may take a port.
+unsigned first_free_for_all() {
+    unsigned port = 1024;
+    std::ifstream("/proc/sys/net/ipv4/ip_unprivileged_port_start") >> port;
+    return port;
+}
+
+}  // namespace
+
+std::string port_problem(uint16_t port) {
+    const std::string named = "port " + std::to_string(port);
+    // The service's account is not the one that checks.
+    if (port < first_free_for_all()) {
+        return named + " is for root alone: set one from " + std::to_string(first_free_for_all()) +
+               " on";
+    }
+    const int error = take(port);
+    if (error == 0) {
+        return {};
+    }
+    if (error != EADDRINUSE) {
+        return named + ": " + std::strerror(error) + ": set another one";
+    }
+    const Holder holder = holder_of(port);
+    if (holder.name == kService) {
+        return {};
+    }
+    return named + " is in use by " +
+           (holder.name.empty() ? "another program ('ss -ltnp' as root says which)"
+                                : holder.name + " (process " + holder.pid + ")") +
+           ": end that one, or set another port";
+}

@@ -1,0 +1,198 @@
+#include "diagnostics/sound_check.h"
+
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/unique_fd.h"
+#include "media/sink/alsa/alsa_utilities.h"
+#include "media/sink/alsa/output_quality.h"
+#include "platform/Environment.h"
+#include "utility/environment_item.h"
+
+namespace {
+
+using namespace android;
+
+constexpr char kOutput[] = "output";
+constexpr char kMixer[] = "mixer";
+
+// ---- Output ---------------------------------------------------------------------------------
+
+const char* advice_for_opening(int error) {
+    switch (-error) {
+        case EBUSY:
+            return "another program plays on it ('fuser -v /dev/snd/*' says which): end that "
+                   "one, or set a device that mixes";
+        case EACCES:
+        case EPERM:
+            return "run as root or as a member of the group audio";
+        default:
+            return "set another one; 'nuvio-connect --list-devices' shows those there are";
+    }
+}
+
+struct Stream {
+    unsigned rate;  // Hz
+    snd_pcm_format_t format;
+    unsigned channels;
+};
+
+std::string text_of(const Stream& stream) {
+    return std::to_string(stream.rate) + " Hz, " +
+           (stream.format == SND_PCM_FORMAT_S16_LE ? "16" : "24") + " bit" +
+           (stream.channels == 1 ? ", mono" : "");
+}
+
+// What tracks of the announced quality come as, the best last.
+std::vector<Stream> announced_streams() {
+    struct Row {
+        unsigned rate;
+        nuv_audio_quality from;  // announced at this quality and above
+    };
+    constexpr std::array kRates = {
+        Row{44100, NUV_AUDIO_QUALITY_CD},
+        Row{48000, NUV_AUDIO_QUALITY_CD},
+        Row{88200, NUV_AUDIO_QUALITY_HI_RES_LEVEL_1},
+        Row{96000, NUV_AUDIO_QUALITY_HI_RES_LEVEL_1},
+        Row{176400, NUV_AUDIO_QUALITY_HI_RES_LEVEL_2},
+        Row{192000, NUV_AUDIO_QUALITY_HI_RES_LEVEL_2},
+        Row{352800, NUV_AUDIO_QUALITY_HI_RES_LEVEL_3},
+        Row{384000, NUV_AUDIO_QUALITY_HI_RES_LEVEL_3},
+    };
+    const output_settings settings = read_output_settings(unset_items::are_silent);
+    const nuv_audio_quality quality = quality_from_settings(settings, parse_maximum_rate(settings))
+                                          .value_or(NUV_AUDIO_QUALITY_CD);
+    std::vector<Stream> streams;
+    for (const Row& row : kRates) {
+        if (row.from <= quality) {
+            streams.push_back({row.rate, SND_PCM_FORMAT_S16_LE, 2});
+        }
+        if (row.from <= quality && quality > NUV_AUDIO_QUALITY_CD) {
+            streams.push_back({row.rate, SND_PCM_FORMAT_S24_LE, 2});
+        }
+    }
+    streams.insert(streams.begin() + 1, {kRates.front().rate, SND_PCM_FORMAT_S16_LE, 1});
+    return streams;
+}
+
+// What stands in the way of such a stream; nothing when the PCM is set up for it.
+std::optional<std::string> set_up(snd_pcm_t* pcm, const Stream& stream) {
+    const hw_params_ptr owner = new_hw_params();
+    snd_pcm_hw_params_t* params = owner.get();
+    unsigned rate = stream.rate;
+    if (snd_pcm_hw_params_any(pcm, params) < 0 ||
+        snd_pcm_hw_params_set_rate_resample(pcm, params, 1) < 0 ||
+        snd_pcm_hw_params_set_access(pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED) < 0 ||
+        snd_pcm_hw_params_set_rate_near(pcm, params, &rate, nullptr) < 0) {
+        return "refuses";
+    }
+    if (rate != stream.rate) {
+        return "plays at " + std::to_string(rate) + " Hz";
+    }
+    const bool taken = snd_pcm_hw_params_set_channels(pcm, params, stream.channels) >= 0 &&
+                       snd_pcm_hw_params_set_format(pcm, params, stream.format) >= 0 &&
+                       snd_pcm_hw_params(pcm, params) >= 0;
+    return taken ? std::nullopt : std::optional<std::string>("refuses");
+}
+
+// The service sleeps on the descriptors until there is room; some PCMs have none that can be
+// waited for.
+bool can_be_waited_for(snd_pcm_t* pcm) {
+    const int count = snd_pcm_poll_descriptors_count(pcm);
+    if (count < 1) {
+        return false;
+    }
+    std::vector<pollfd> descriptors(static_cast<size_t>(count));
+    snd_pcm_poll_descriptors(pcm, descriptors.data(), static_cast<unsigned>(count));
+    const nuvio::UniqueFd set(epoll_create1(EPOLL_CLOEXEC));
+    return std::ranges::all_of(descriptors, [&set](const pollfd& one) {
+        epoll_event event{};
+        event.events = EPOLLIN;
+        return epoll_ctl(set.get(), EPOLL_CTL_ADD, one.fd, &event) == 0 || errno == EEXIST;
+    });
+}
+
+std::string text_of_buffer(snd_pcm_t* pcm, const Stream& stream) {
+    snd_pcm_uframes_t buffer = 0;
+    snd_pcm_uframes_t period = 0;
+    snd_pcm_get_params(pcm, &buffer, &period);
+    const auto ms = [&](snd_pcm_uframes_t frames) {
+        return std::to_string(uint64_t{frames} * 1000 / stream.rate) + " ms";
+    };
+    return "buffer " + ms(buffer) + ", period " + ms(period) + " at " + text_of(stream);
+}
+
+// ---- Mixer ----------------------------------------------------------------------------------
+
+std::string text_of_state(snd_mixer_elem_t* element) {
+    long low = 0;
+    long high = 0;
+    long volume = 0;
+    int on = 0;
+    snd_mixer_selem_get_playback_volume_range(element, &low, &high);
+    snd_mixer_selem_get_playback_volume(element, SND_MIXER_SCHN_FRONT_LEFT, &volume);
+    snd_mixer_selem_get_playback_switch(element, SND_MIXER_SCHN_FRONT_LEFT, &on);
+    return "volume " + std::to_string(volume) + " of " + std::to_string(low) + " to " +
+           std::to_string(high) + ", switch " + (on != 0 ? "on" : "off");
+}
+
+}  // namespace
+
+Finding check_output() {
+    const std::string device = envItem(kALSAOutputDeviceName, kDefaultOutputDevice);
+    const std::string named = std::string(kALSAOutputDeviceName) + " " + quoted(device);
+    snd_pcm_t* opened = nullptr;
+    // Never waits for one that is in use.
+    const int error =
+        snd_pcm_open(&opened, device.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK);
+    if (error < 0) {
+        return bad(kOutput, named + ": " + snd_strerror(error) + ": " + advice_for_opening(error));
+    }
+    const pcm_ptr pcm(opened);
+    const std::vector<Stream> streams = announced_streams();
+    for (const Stream& stream : streams) {
+        if (const auto obstacle = set_up(pcm.get(), stream)) {
+            return bad(kOutput, named + " " + *obstacle + " what is announced as " +
+                                    text_of(stream) +
+                                    ": put 'plug:' before its name, or announce less with " +
+                                    kOutputFS + " where the name has 'default' in it");
+        }
+    }
+    if (!can_be_waited_for(pcm.get())) {
+        return bad(kOutput, named + " cannot be waited for: set a device of a sound card");
+    }
+    return good(kOutput, named + " takes all that is announced, up to " + text_of(streams.back()) +
+                             "; " + text_of_buffer(pcm.get(), streams.back()));
+}
+
+Finding check_mixer() {
+    const std::string device = envItem(KFeatureNuvioConnectVolume_Device, kDefaultVolumeDevice);
+    const std::string name = envItem(KFeatureNuvioConnectVolume_Element, kDefaultVolumeElement);
+    const std::string choose = std::string(": set another ") + KFeatureNuvioConnectVolume_Element +
+                               "; 'nuvio-connect --list-devices' shows those there are";
+    mixer_ptr mixer;
+    const int error = open_simple_mixer(mixer, device.c_str());
+    if (error < 0) {
+        return bad(kMixer, std::string(KFeatureNuvioConnectVolume_Device) + " " + quoted(device) +
+                               ": " + snd_strerror(error) + ": set the card's name, such as hw:0");
+    }
+    const selem_id_ptr id = new_selem_id();
+    snd_mixer_selem_id_set_name(id.get(), name.c_str());
+    snd_mixer_elem_t* element = snd_mixer_find_selem(mixer.get(), id.get());
+    const std::string named = quoted(name) + " of " + quoted(device);
+    if (element == nullptr) {
+        return bad(kMixer, "there is no element " + named + choose);
+    }
+    if (snd_mixer_selem_has_playback_volume(element) != 1 ||
+        snd_mixer_selem_has_playback_switch(element) != 1) {
+        return bad(kMixer, named + " has not both a volume and a switch" + choose);
+    }
+    return good(kMixer, named + ": " + text_of_state(element));
+}
