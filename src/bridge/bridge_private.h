@@ -1,4 +1,4 @@
-// NuvioConnect: binds the SDK core to the device. For the bridge's own files.
+// NuvioConnect, which binds the SDK core to the device, for the bridge's own files.
 #pragma once
 
 #include <uv.h>
@@ -78,8 +78,8 @@ class NuvioConnect {
 
     // The host hooks' part. Loop's thread.
     void reportPlaybackPosition(uint64_t position_ms);
-    void reportVolume();
-    void reportPlaybackStatus(int status);
+    void postVolumeStatus();
+    void postPlaybackStatus(int status);
 
     static FairMutex s_queueMutex;
 
@@ -150,15 +150,15 @@ class NuvioConnect {
         nuv_audio_format format;
         uint64_t durationMs;
     };
-    nuv_error postMuteState();
-    nuv_error postVolume();
-    nuv_error postShuffleRepeat();
-    nuv_error postPlaybackStatus();
+    nuv_error handleMuteState();
+    nuv_error handleVolumeStatus();
+    nuv_error handleShuffleRepeat();
+    nuv_error handlePlaybackStatus();
     void updateTrackInfo(int status);
     void showPlayingTrack();
     void handleStopped();
     std::optional<PlayingTrack> waitForPlayingTrack();
-    bool waitForMetadata();  // false: a newer status is queued, or stop
+    bool waitForMetadata();  // false: a newer change is queued, or stop
     std::optional<PlayingTrack> fetchPlayingTrack();
     std::optional<PlayingTrack> copyPlayingTrack() const;  // loop's thread
     void fillTrackInfo(const PlayingTrack& track);
@@ -206,7 +206,7 @@ class NuvioConnect {
     Teardown m_teardown;
 };
 
-// The process's bridge; null when there is none, on the loop's thread also once that has destroyed
+// The process's bridge. Null when there is none, on the loop's thread also once that has destroyed
 // it. On the bridge's own threads without a lock; elsewhere with NuvioConnect::s_queueMutex held.
 NuvioConnect* bridgeInstance();
 

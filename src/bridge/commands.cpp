@@ -81,10 +81,10 @@ NuvioConnect::Action NuvioConnect::findCommand(std::string_view command) {
         {"REPEAT:ALL", &Self::control<nuv_connect_set_loop_mode, NUV_LOOP_MODE_ALL>},
         {"SEEK", &Self::seek},
         {"ONSOURCESWITCH", &Self::switchSource},
-        {"SHUFFLE_REPEAT", &Self::postShuffleRepeat},
-        {"MUTE_STATE", &Self::postMuteState},
-        {"POST_PLAYSTATUS", &Self::postPlaybackStatus},
-        {"VOLUME_STATUS", &Self::postVolume},
+        {"SHUFFLE_REPEAT", &Self::handleShuffleRepeat},
+        {"MUTE_STATE", &Self::handleMuteState},
+        {"POST_PLAYSTATUS", &Self::handlePlaybackStatus},
+        {"VOLUME_STATUS", &Self::handleVolumeStatus},
     };
     const auto found = kCommands.find(command);
     return found == kCommands.end() ? nullptr : found->second;

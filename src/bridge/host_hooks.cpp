@@ -23,7 +23,7 @@ void host_report_mute_state() {
 
 void host_report_volume() {
     if (NuvioConnect* const bridge = bridgeInstance()) {
-        bridge->reportVolume();
+        bridge->postVolumeStatus();
     }
 }
 
@@ -35,6 +35,6 @@ void host_report_shuffle_repeat() {
 
 void host_report_playback_status(int status) {
     if (NuvioConnect* const bridge = bridgeInstance()) {
-        bridge->reportPlaybackStatus(status);
+        bridge->postPlaybackStatus(status);
     }
 }

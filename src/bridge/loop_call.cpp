@@ -7,31 +7,29 @@
 
 namespace android {
 
-LoopCall::LoopCall(uv_loop_t* loop) : m_handle(uv_async_new(loop, onWakeUp, this)) {}
+LoopCall::LoopCall(uv_loop_t* loop, std::chrono::milliseconds patience)
+    : m_patience(patience), m_handle(uv_async_new(loop, onWakeUp, this)) {}
 
 LoopCall::~LoopCall() {
     NUV_CHECK(m_handle == NULL);
 }
 
-bool LoopCall::run(const std::stop_token& stop, const std::function<void()>& function) {
-    NUV_CHECK(std::this_thread::get_id() != m_loopThread);
+bool LoopCall::run(const std::stop_token& stop, std::function<void()> function) {
+    NUV_CHECK(std::this_thread::get_id() != m_loopThread);  // it would wait for itself
     std::unique_lock lock(m_mutex);
-    if (m_handle == nullptr) {
+    if (m_handle == nullptr || m_state == State::Running) {
         return false;
     }
-    m_function = &function;
+    m_function = std::move(function);
     m_state = State::Waiting;
     uv_async_send(m_handle);
-    m_changed.wait_for(lock, stop, kPatience,
+    m_changed.wait_for(lock, stop, m_patience,
                        [this] { return m_state == State::Done || m_handle == nullptr; });
     if (m_state == State::Waiting) {
-        m_state = State::Idle;
-        return false;
+        m_state = State::Idle;  // withdrawn
+        m_function = nullptr;
     }
-    // Begun: the function uses what the caller owns, so its end is waited for even while stopping.
-    m_changed.wait(lock, [this] { return m_state == State::Done; });
-    m_state = State::Idle;
-    return true;
+    return m_state == State::Done;
 }
 
 void LoopCall::close() {
@@ -52,8 +50,11 @@ void LoopCall::serve() {
         return;  // withdrawn meanwhile
     }
     m_state = State::Running;
+    // Its own from here on: the caller may give up.
+    std::function<void()> function = std::exchange(m_function, nullptr);
     lock.unlock();
-    (*m_function)();
+    function();
+    function = nullptr;
     lock.lock();
     m_state = State::Done;
     m_changed.notify_all();

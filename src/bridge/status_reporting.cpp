@@ -18,6 +18,11 @@ using namespace std::chrono_literals;
 constexpr auto kMetadataDelay = 1s;
 
 constexpr char kPlaybackStatus[] = "POST_PLAYSTATUS";
+constexpr char kShuffleRepeat[] = "SHUFFLE_REPEAT";
+
+bool showsTrack(const std::string& command) {
+    return command == kPlaybackStatus || command == kShuffleRepeat;
+}
 
 std::string textOf(const char* text) {
     return text == nullptr ? "" : text;
@@ -33,12 +38,12 @@ void NuvioConnect::reportPlaybackPosition(uint64_t position_ms) {
     }
 }
 
-void NuvioConnect::reportVolume() {
+void NuvioConnect::postVolumeStatus() {
     m_bdeviceVolume = true;
     postEventTo_Nuvio("VOLUME_STATUS");
 }
 
-void NuvioConnect::reportPlaybackStatus(int status) {
+void NuvioConnect::postPlaybackStatus(int status) {
     m_iPlaybackStatus = status;
     syslog(LOG_ERR, "NuvioConnect: nuvio playbackstatus = %d %d", status, m_iPlaybackStatus.load());
     postEventTo_Nuvio(kPlaybackStatus);
@@ -46,14 +51,14 @@ void NuvioConnect::reportPlaybackStatus(int status) {
 
 // ---- Status commands
 
-nuv_error NuvioConnect::postMuteState() {
+nuv_error NuvioConnect::handleMuteState() {
     bool muted = false;
     nuv_connect_get_mute_state(m_core, &muted);
     m_listener->reportMuteState(static_cast<int32_t>(muted));
     return NUV_ERROR_OK;
 }
 
-nuv_error NuvioConnect::postVolume() {
+nuv_error NuvioConnect::handleVolumeStatus() {
     const bool reported = m_bdeviceVolume;
     syslog(LOG_ERR, "NuvioConnect: m_bdeviceVolume = %d", static_cast<int>(reported));
     if (!reported) {
@@ -66,7 +71,7 @@ nuv_error NuvioConnect::postVolume() {
     return result;
 }
 
-nuv_error NuvioConnect::postShuffleRepeat() {
+nuv_error NuvioConnect::handleShuffleRepeat() {
     if (isPlayingOrPaused()) {
         m_prevTitle.clear();  // the UI is sent the new modes even for the same title
         updateTrackInfo(m_iPlaybackStatus);
@@ -74,7 +79,7 @@ nuv_error NuvioConnect::postShuffleRepeat() {
     return NUV_ERROR_OK;
 }
 
-nuv_error NuvioConnect::postPlaybackStatus() {
+nuv_error NuvioConnect::handlePlaybackStatus() {
     const int status = m_iPlaybackStatus;
     syslog(LOG_ERR, "NuvioConnect: playbackstatus in update = %d", status);
     if (status != NUV_PLAYBACK_STATE_STOPPED) {
@@ -132,17 +137,17 @@ void NuvioConnect::handleStopped() {
     syslog(LOG_ERR, "NuvioConnect: Renderer is active, skip metadata reset \n");
 }
 
-// A newer status would wait for the same track, or says that there is none: of a storm of changes
-// only the last one waits.
+// A newer change shows the same track, or says that there is none: of a storm of changes only the
+// last one waits.
 bool NuvioConnect::waitForMetadata() {
     std::unique_lock lock(s_entriesMutex);
     const bool outdated = s_queueCondition.wait_for(lock, m_stop, kMetadataDelay, [this] {
-        return std::ranges::find(m_eventQueue, kPlaybackStatus) != m_eventQueue.end();
+        return std::ranges::any_of(m_eventQueue, showsTrack);
     });
     return !outdated && !m_stop.stop_requested();
 }
 
-// Nothing when two tries found none, a newer status is queued or the bridge is stopping.
+// Nothing when two tries found none, a newer change is queued or the bridge is stopping.
 std::optional<NuvioConnect::PlayingTrack> NuvioConnect::waitForPlayingTrack() {
     std::optional<PlayingTrack> track;
     for (int tries = 2; tries > 0 && !track && waitForMetadata(); --tries) {
@@ -152,9 +157,13 @@ std::optional<NuvioConnect::PlayingTrack> NuvioConnect::waitForPlayingTrack() {
 }
 
 std::optional<NuvioConnect::PlayingTrack> NuvioConnect::fetchPlayingTrack() {
-    std::optional<PlayingTrack> track;
-    m_loopCall->run(m_stop, [this, &track] { track = copyPlayingTrack(); });
-    return track;
+    // The loop's copy outlives the question where the loop is late.
+    const auto track = std::make_shared<std::optional<PlayingTrack>>();
+    const bool answered = m_loopCall->run(m_stop, [this, track] { *track = copyPlayingTrack(); });
+    if (!answered && !m_stop.stop_requested()) {
+        syslog(LOG_ERR, "NuvioConnect: the event loop does not answer, no metadata");
+    }
+    return answered ? std::move(*track) : std::nullopt;
 }
 
 // The record's texts and the source live only as long as the loop does not go on.

@@ -33,8 +33,10 @@ class IPCThreadState {
     static IPCThreadState* self();
 
     // Gives the calling thread to the pool. Returns only when the process is asked to end (SIGTERM
-    // or SIGINT); no notification begins any more once it has returned. One that waits for a lock
-    // of this process may still be going on; it ends when that lock is let go of.
+    // or SIGINT, which every thread of this process blocks from its first line on: take them with
+    // sigwait, one that came before included); no notification begins any more once it has
+    // returned. One that waits for a lock of this process may still be going on; it ends when that
+    // lock is let go of.
     virtual void joinThreadPool(bool isMain) = 0;
 
   protected:

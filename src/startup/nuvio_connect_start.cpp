@@ -4,6 +4,7 @@
 
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <optional>
 #include <string>
 #include <thread>
@@ -28,11 +29,21 @@ constexpr int kWireless = 2;
 
 NuvioConnectStart* g_instance = nullptr;  // main thread only
 
+// The signals that end the process wait for the thread pool, which is not there yet.
+void endIfAskedTo() {
+    sigset_t pending;
+    sigpending(&pending);
+    if (sigismember(&pending, SIGTERM) == 1 || sigismember(&pending, SIGINT) == 1) {
+        pthread_sigmask(SIG_UNBLOCK, &pending, nullptr);
+    }
+}
+
 template <typename Helper>
 std::unique_ptr<Helper> connectHelper(std::chrono::milliseconds retryDelay) {
     auto helper = std::make_unique<Helper>();
     while (!helper->verifyConnection_l()) {
         std::this_thread::sleep_for(retryDelay);
+        endIfAskedTo();
     }
     return helper;
 }

@@ -19,6 +19,8 @@ namespace android {
 //             notification any more. The object goes with its last strong pointer.
 // Threads     the notifications arrive on any platform thread, two at a time possible, from
 //             construction on and concurrently with the start-up pass.
+// Order       of the virtual functions: the platform's slots, which is why the access changes back
+//             and forth.
 // Locks       NetworkState::mutex only. The start-up pass holds it except while it waits, so what a
 //             notification decides under it takes effect after the pass.
 class NuvioConnectStart : public IKoraAlerts, public INeshAlerts, public virtual Thread {

@@ -40,7 +40,8 @@ bool startStartUpThread(const sp<NuvioConnectStart>& start) {
 
 // One notification may still be waiting for its turn to post, the network state's lock in hand; so
 // the bridge's command thread is told first. A bus or a card that never answers can hold the loop's
-// thread for ever: then the signal ends the process.
+// thread for ever: then the signal ends the process. It stays armed, as exit handlers are a part of
+// the end.
 void shutDown(sp<NuvioConnectStart>& start) {
     // The platform may have set one when the end began.
     if (const unsigned left = alarm(kShutDownLimitS); left != 0) {
@@ -52,12 +53,22 @@ void shutDown(sp<NuvioConnectStart>& start) {
     start.clear();
     NuvioConnectStart::ReleaseInstance();
     NuvioSSListener::releaseInstance();
-    alarm(0);
+}
+
+// The signals that end the process wait until the pool takes them: an end at any moment of the
+// start is an orderly one. The threads made from here on inherit this.
+void holdEndSignals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
 }  // namespace
 
 int runService() {
+    holdEndSignals();
     std::signal(SIGPIPE, SIG_IGN);
     if (!isEnabled()) {
         syslog(LOG_ERR, "nuvio-connect: Nuvio Connect is not enabled");

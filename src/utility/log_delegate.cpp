@@ -52,7 +52,9 @@ constexpr uint32_t known_level(uint32_t level) {
 // One line is whole and out before the next begins.
 constinit std::mutex lines_mutex;
 constinit repeat_filter repeats;  // guarded by lines_mutex
-constinit bool silenced = false;  // guarded by lines_mutex
+using read_clock = repeat_filter::clock::time_point (*)();
+constinit read_clock clock_now = repeat_filter::clock::now;  // guarded by lines_mutex
+constinit bool silenced = false;                             // guarded by lines_mutex
 
 // Syslog's number of each level, as the journal reads it at the start of a line.
 constexpr std::array<const char*, LOG_LEVEL_FATAL + 1> kJournalPriorities = {"<7>", "<7>", "<6>",
@@ -136,11 +138,16 @@ void log_write(const char* category, uint32_t level, const char* message) {
     if (silenced) {
         return;
     }
-    const auto now = repeat_filter::clock::now();
+    const auto now = clock_now();
     repeats.report_due(now, write_count);
     if (level < LOG_LEVEL_WARNING || repeats.admit(now, level, category, message, write_count)) {
         write_line(category, level, message);
     }
+}
+
+void log_set_clock(std::chrono::steady_clock::time_point (*now)()) {
+    const std::lock_guard lock(lines_mutex);
+    clock_now = now;
 }
 
 void log_silence() {

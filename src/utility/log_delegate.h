@@ -10,6 +10,7 @@
 // of times a second has to say is counted instead (repeat_filter.h).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 
 // The SDK numbers its levels the same way.
@@ -31,6 +32,9 @@ void sdk_log_callback(uint32_t level, const char* category, const char* message)
 
 // Writes one line as it is, whatever its category and level. The arguments must not be null.
 void log_write(const char* category, uint32_t level, const char* message);
+
+// For tests: the time by which floods are measured.
+void log_set_clock(std::chrono::steady_clock::time_point (*now)());
 
 // Nothing is written from now on: for a program run that speaks to its user itself. Any thread.
 void log_silence();

@@ -7,16 +7,24 @@
 
 namespace {
 
-// The close callback frees a block through a uv_handle_t*, whatever type it was made as, so the
-// blocks are plain zeroed memory.
-template <typename Handle>
-Handle* new_block() {
-    return static_cast<Handle*>(std::calloc(1, sizeof(Handle)));
-}
-
 template <typename Handle>
 uv_handle_t* as_handle(Handle* handle) {
     return reinterpret_cast<uv_handle_t*>(handle);
+}
+
+// A zeroed block of plain memory, initialised by `init` (and by libuv as its first member): the
+// close callback frees it through a uv_handle_t*, whatever type it was made as. `function` is the
+// caller's name, for the checks.
+template <typename Block, typename Init, typename... Arguments>
+Block* new_handle(const char* function, uv_loop_t* event_loop, void* context, Init init,
+                  Arguments... arguments) {
+    NUV_CHECK_OF(function, event_loop != NULL);
+    auto* handle = static_cast<Block*>(std::calloc(1, sizeof(Block)));
+    NUV_CHECK_OF(function, handle != NULL);
+    const int rc = init(event_loop, handle, arguments...);
+    NUV_CHECK_OF(function, rc == 0);
+    uv_handle_set_data(as_handle(handle), context);
+    return handle;
 }
 
 template <typename Handle>
@@ -39,13 +47,7 @@ void uv_handle_on_closed(uv_handle_t* handle) {
 }
 
 uv_async_t* uv_async_new(uv_loop_t* event_loop, uv_async_cb callback, void* context) {
-    NUV_CHECK(event_loop != NULL);
-    auto* handle = new_block<uv_async_t>();
-    NUV_CHECK(handle != NULL);
-    const int rc = uv_async_init(event_loop, handle, callback);
-    NUV_CHECK(rc == 0);
-    uv_handle_set_data(as_handle(handle), context);
-    return handle;
+    return new_handle<uv_async_t>(__func__, event_loop, context, uv_async_init, callback);
 }
 
 void uv_async_free(uv_async_t* handle) {
@@ -54,13 +56,7 @@ void uv_async_free(uv_async_t* handle) {
 }
 
 uv_idle_t* uv_idle_new(uv_loop_t* event_loop, void* context) {
-    NUV_CHECK(event_loop != NULL);
-    auto* handle = new_block<uv_idle_t>();
-    NUV_CHECK(handle != NULL);
-    const int rc = uv_idle_init(event_loop, handle);
-    NUV_CHECK(rc == 0);
-    uv_handle_set_data(as_handle(handle), context);
-    return handle;
+    return new_handle<uv_idle_t>(__func__, event_loop, context, uv_idle_init);
 }
 
 void uv_idle_free(uv_idle_t* handle) {
@@ -69,13 +65,7 @@ void uv_idle_free(uv_idle_t* handle) {
 }
 
 uv_signal_t* uv_signal_new(uv_loop_t* event_loop, void* context) {
-    NUV_CHECK(event_loop != NULL);
-    auto* handle = new_block<uv_signal_t>();
-    NUV_CHECK(handle != NULL);
-    const int rc = uv_signal_init(event_loop, handle);
-    NUV_CHECK(rc == 0);
-    uv_handle_set_data(as_handle(handle), context);
-    return handle;
+    return new_handle<uv_signal_t>(__func__, event_loop, context, uv_signal_init);
 }
 
 void uv_signal_free(uv_signal_t* handle) {
@@ -84,13 +74,7 @@ void uv_signal_free(uv_signal_t* handle) {
 }
 
 uv_timer_t* uv_timer_new(uv_loop_t* event_loop, void* context) {
-    NUV_CHECK(event_loop != NULL);
-    auto* handle = new_block<uv_timer_t>();
-    NUV_CHECK(handle != NULL);
-    const int rc = uv_timer_init(event_loop, handle);
-    NUV_CHECK(rc == 0);
-    uv_handle_set_data(as_handle(handle), context);
-    return handle;
+    return new_handle<uv_timer_t>(__func__, event_loop, context, uv_timer_init);
 }
 
 void uv_timer_free(uv_timer_t* handle) {
@@ -104,14 +88,11 @@ bool uv_timer_is_active(const uv_timer_t* handle) {
 }
 
 uv_pausable_timer_t* uv_pausable_timer_new(uv_loop_t* event_loop, void* context) {
-    NUV_CHECK(event_loop != NULL);
-    auto* handle = new_block<uv_pausable_timer_t>();
-    NUV_CHECK(handle != NULL);
-    const int rc = uv_timer_init(event_loop, &handle->timer);
-    NUV_CHECK(rc == 0);
-    clear_pause(handle);
-    uv_handle_set_data(as_handle(handle), context);
-    return handle;
+    // Zeroed: not paused.
+    const auto init = [](uv_loop_t* loop, uv_pausable_timer_t* handle) {
+        return uv_timer_init(loop, &handle->timer);
+    };
+    return new_handle<uv_pausable_timer_t>(__func__, event_loop, context, init);
 }
 
 void uv_pausable_timer_free(uv_pausable_timer_t* handle) {

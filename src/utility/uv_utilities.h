@@ -18,7 +18,7 @@
 uv_async_t* uv_async_new(uv_loop_t* event_loop, uv_async_cb callback, void* context);
 void uv_async_free(uv_async_t* handle);
 
-// Not started.
+// Not started. Unused by this program; part of the interface.
 uv_idle_t* uv_idle_new(uv_loop_t* event_loop, void* context);
 void uv_idle_free(uv_idle_t* handle);
 

@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <string>
 #include <thread>
@@ -81,6 +82,7 @@ class RunningService : public Service {
     int end() {
         fake_platform::end_process();
         m_main.join();
+        alarm(0);  // armed for the rest of a real process
         return m_status;
     }
 

@@ -120,6 +120,7 @@ TEST_F(Status, AStormOfChangesHoldsNobodyUp) {
     onLoop([] {
         for (int i = 0; i < 100; ++i) {
             host_report_playback_status(1);
+            host_report_shuffle_repeat();
         }
     });
     const auto start = std::chrono::steady_clock::now();
@@ -212,30 +213,44 @@ TEST_F(Status, TheLoopNeverWaitsForTheCommandThread) {
     platform.join();
 }
 
-// A question that the loop has not taken up is withdrawn by a stop or after a while, and refused
-// after the close.
+// A question that the loop has not taken up is withdrawn by a stop or after a while, one that it is
+// late with is given up, and none is taken after the close.
 TEST(LoopCall, NeverWaitsLongerThanTheStopOrTheLoop) {
     uv_loop_t loop;
     uv_loop_init(&loop);
     {
-        LoopCall call(&loop);
+        LoopCall call(&loop, std::chrono::milliseconds(20));
+        LoopCall patient(&loop, std::chrono::hours(1));
         std::stop_source stop;
-        int runs = 0;
-        std::thread stopped([&] { EXPECT_FALSE(call.run(stop.get_token(), [&runs] { ++runs; })); });
+        std::atomic<int> runs = 0;
+        std::thread stopped(
+            [&] { EXPECT_FALSE(patient.run(stop.get_token(), [&runs] { ++runs; })); });
         stop.request_stop();
         stopped.join();
         std::thread([&] { EXPECT_FALSE(call.run({}, [&runs] { ++runs; })); }).join();  // hung loop
-        uv_run(&loop, UV_RUN_NOWAIT);  // the wake-up of the withdrawn question
+        uv_run(&loop, UV_RUN_NOWAIT);  // the wake-ups of the withdrawn questions
         EXPECT_EQ(runs, 0);
 
+        std::atomic<bool> given_up = false;
+        std::thread late([&] {
+            EXPECT_FALSE(call.run({}, [&] { given_up.wait(false); }));
+            given_up = true;
+            given_up.notify_all();
+        });
+        while (!given_up) {
+            uv_run(&loop, UV_RUN_NOWAIT);
+        }
+        late.join();
+        call.close();
+
         std::thread asker([&] {
-            EXPECT_TRUE(call.run({}, [&runs] { ++runs; }));
-            EXPECT_FALSE(call.run({}, [&runs] { ++runs; }));
+            EXPECT_TRUE(patient.run({}, [&runs] { ++runs; }));
+            EXPECT_FALSE(patient.run({}, [&runs] { ++runs; }));
         });
         while (runs == 0) {
             uv_run(&loop, UV_RUN_NOWAIT);
         }
-        call.close();
+        patient.close();
         asker.join();
         EXPECT_EQ(runs, 1);
     }

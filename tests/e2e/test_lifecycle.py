@@ -10,11 +10,12 @@ import pathlib
 import random
 import signal
 import socket
+import subprocess
 import threading
 import time
 import unittest
 
-from device import DeviceTest, signal_samples, wait_for, write_wav
+from device import DeviceTest, program, signal_samples, wait_for, write_wav
 
 CD = 44100
 PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
@@ -125,6 +126,23 @@ class Lifecycle(DeviceTest):
               waiting_to_rename, playing, paused, seeking, draining, handing_over, changing_format,
               losing_the_output]
 
+    def test_it_does_without_standard_descriptors(self):
+        self.daemon = subprocess.Popen(
+            ["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", *program("nuvio-connect")],
+            env=self.environment)
+        wait_for("HTTP answers", self.answers)
+        self.assertEqual({os.readlink(f"/proc/{self.daemon.pid}/fd/{n}") for n in range(3)},
+                         {"/dev/null"})
+        self.assertEqual(self.stop()[0], 0)
+
+    def test_the_journal_is_told_the_level_of_each_line(self):
+        self.log_path.touch()
+        log = self.log_path.stat()
+        self.environment["JOURNAL_STREAM"] = f"{log.st_dev}:{log.st_ino}"
+        self.start()
+        self.assertRegex(self.log(), r"(?m)^<6>\d{8} .*\] INFO ")
+        self.assertNotRegex(self.log(), r"(?m)^\d{8} ")
+
     def test_the_end_is_quick_and_clean_at_every_point_of_a_session(self):
         points = itertools.chain(self.POINTS, iter(lambda: self.random.choice(self.POINTS), None))
         for number, point in enumerate(itertools.islice(points, ROUNDS)):
@@ -132,9 +150,8 @@ class Lifecycle(DeviceTest):
                 self.log_path.unlink(missing_ok=True)
                 time.sleep(self.random.uniform(0, point(self)))
                 status, seconds = self.stop()
-                # What ends before the platform's threads run is ended by the signal itself.
-                begun = "MAIN TO START NUVIO CONNECT END" in self.log()
-                ended = (0,) if begun else (0, -signal.SIGTERM)
+                # What ends before the service has begun is ended by the signal itself.
+                ended = (0, -signal.SIGTERM) if not self.log() else (0,)
                 self.assertIn(status, ended, self.log()[-3000:])
                 self.assertLess(seconds, MAX_SECONDS)
                 self.assertNotIn("loop not closed", self.log())

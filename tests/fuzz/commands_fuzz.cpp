@@ -61,8 +61,8 @@ android::NuvioConnect* make_playing_bridge() {
         {"8000", "id", "secret", "Den", "Maker", "Model", "0", "hw:0", "PCM", "a45e", "hw:1"});
     android::NuvioConnect* bridge = android::bridgeInstance();
     bridge->initDeviceInfo(uv_default_loop());
-    bridge->reportVolume();
-    bridge->reportPlaybackStatus(NUV_PLAYBACK_STATE_PLAYING);
+    bridge->postVolumeStatus();
+    bridge->postPlaybackStatus(NUV_PLAYBACK_STATE_PLAYING);
     work_off(*bridge);
     return bridge;
 }

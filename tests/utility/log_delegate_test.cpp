@@ -92,9 +92,10 @@ TEST(LogDelegate, CallsThatFailInTurnWithoutEndAreCountedInsteadOfWritten) {
             app_log(LOG_LEVEL_ERROR, "write failed");
             sdk_log_callback(LOG_LEVEL_WARNING, "Other", "trying again\n");
         }
-        std::this_thread::sleep_for(repeat_filter::kFirstStretch);
+        log_set_clock([] { return repeat_filter::clock::now() + repeat_filter::kFirstStretch; });
         app_log(LOG_LEVEL_DEBUG, "last");
     });
+    log_set_clock(repeat_filter::clock::now);
     std::vector<std::string> ends;
     std::istringstream lines(output);
     for (std::string line; std::getline(lines, line);) {
