@@ -11,6 +11,7 @@
 namespace {
 
 constexpr uint64_t nearly_finished_lead_ms = 500;
+constexpr uint64_t short_rest_ms = 20;  // left to the drain
 
 unsigned long long printable(uint64_t value) {
     return value;
@@ -82,6 +83,17 @@ audio_renderer* playing_renderer_of(uv_timer_t* timer, const char* point,
         return nullptr;
     }
     return self;
+}
+
+// The device took longer than its rate let expect: it began late, stood still for a while or runs
+// at another rate. One that has not moved at all is waited for no longer, and neither is one that
+// holds frames of the next track as well, whose share is not known.
+bool is_still_heard(audio_renderer* self) {
+    if (self->playing_source != active_source_of(self)) {
+        return false;
+    }
+    const uint64_t rest = audio_renderer_get_buffered_duration(self);
+    return rest > short_rest_ms && rest < self->awaited_rest;
 }
 
 void start_playing(audio_renderer* self, audio_source* source) {
@@ -161,6 +173,7 @@ void audio_renderer_on_audio_source_state_changed(audio_source* source,
 
 void audio_renderer_schedule_playback_finished_timer(audio_renderer* self) {
     const uint64_t buffered = audio_renderer_get_buffered_duration(self);
+    self->awaited_rest = buffered;
     app_log(LOG_LEVEL_DEBUG, "Scheduling playback finished timer for: %llums", printable(buffered));
     uv_pausable_timer_start(self->playback_finished_timer.get(),
                             audio_renderer_on_playback_finished_timer_timeout, buffered, 0);
@@ -227,6 +240,11 @@ void audio_renderer_on_playback_finished_timer_timeout(uv_timer_t* timer) {
         return;
     }
 
+    if (is_still_heard(self)) {
+        bring_loop_time_up_to_date(self);
+        audio_renderer_schedule_playback_finished_timer(self);
+        return;
+    }
     app_log(LOG_LEVEL_INFO, "Playback has finished");
     audio_renderer_report_playback_status(self->core);
     audio_source* next = next_source_of(self);

@@ -53,6 +53,14 @@ TEST_F(TrackTransition, TheTimersFollowWhatTheSinkHolds) {
     EXPECT_EQ(due_in(renderer->playback_finished_timer), 0U);
 }
 
+TEST_F(TrackTransition, ADeviceThatPlaysLateIsWaitedForUnlessItStandsStill) {
+    end_first_stream(40);
+    hold_ms(30);  // when the timer fires
+    ASSERT_TRUE(run_until("sink close"));
+    EXPECT_EQ(renderer->awaited_rest, 30U) << "looked at again, and then given up";
+    expect_stopped();
+}
+
 TEST_F(TrackTransition, TheNextTrackOfTheSameFormatFlowsBeforeTheEnd) {
     play_first_stream();
     start(2);

@@ -10,12 +10,15 @@
 #include "media/sink/alsa/volume_control.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
+#include "utility/uv_utilities.h"
 
 struct audio_sink {
     uv_loop_t* event_loop = nullptr;  // borrowed
     std::string output_device;
     volume_control control{};
     volume_manager_ptr volume_manager;  // null: no volume control
+    // Tells the listener of a volume control that was found late, from the loop.
+    std::unique_ptr<uv_timer_t, nuvio::ReleasedBy<uv_timer_free>> volume_news;
 
     void* listener = nullptr;
     audio_sink_space_available_callback space_available_callback = nullptr;
@@ -59,6 +62,17 @@ void alsa_audio_sink_on_volume_manager_mute_state_changed(volume_manager* manage
     }
 }
 
+void tell_volume(uv_timer_t* timer) {
+    auto* self = static_cast<audio_sink*>(timer->data);
+    volume_manager* manager = self->volume_manager.get();
+    if (volume_manager_is_lost(manager)) {
+        return;
+    }
+    alsa_audio_sink_on_volume_manager_volume_changed(manager, audio_sink_get_volume(self), self);
+    alsa_audio_sink_on_volume_manager_mute_state_changed(manager, audio_sink_get_mute_state(self),
+                                                         self);
+}
+
 // Opens the device once to learn what it can do. One that does not open may do so later.
 bool can_ever_play(const std::string& device, const output_settings& settings, int maximum_rate) {
     pcm_ptr probe;
@@ -87,6 +101,7 @@ audio_sink* audio_sink_new(uv_loop_t* event_loop, const char* output_device,
                      volume_control_element,
                      {self.get(), alsa_audio_sink_on_volume_manager_volume_changed,
                       alsa_audio_sink_on_volume_manager_mute_state_changed}};
+    self->volume_news.reset(uv_timer_new(event_loop, self.get()));
     self->volume_manager = new_volume_manager(self->control);
     if (!self->volume_manager) {
         app_log(LOG_LEVEL_WARNING,
@@ -142,7 +157,9 @@ bool audio_sink_open(audio_sink* self, const nuv_audio_format* format) {
         audio_sink_close(self);
         return false;
     }
-    renew_lost_volume_manager(self->volume_manager, self->control);
+    if (renew_volume_manager(self->volume_manager, self->control) == renewal::first) {
+        uv_timer_start(self->volume_news.get(), tell_volume, 0, 0);
+    }
     return true;
 }
 

@@ -236,6 +236,14 @@ size_t alsa_pcm_get_frame_size(const alsa_pcm* self) {
     return bits / 8 * self->channel_count;
 }
 
+uint64_t alsa_pcm_get_buffer_duration(const alsa_pcm* self) {
+    NUV_CHECK(self != NULL);
+    snd_pcm_uframes_t buffer = 0;
+    snd_pcm_uframes_t period = 0;
+    const int rc = snd_pcm_get_params(self->handle.get(), &buffer, &period);
+    return rc < 0 || self->sample_rate == 0 ? 0 : uint64_t{buffer} * 1000 / self->sample_rate;
+}
+
 bool alsa_audio_sink_recover_pcm(alsa_pcm* self, int error) {
     NUV_CHECK(self != NULL);
     snd_pcm_t* pcm = self->handle.get();
@@ -308,6 +316,9 @@ bool alsa_pcm_drop(alsa_pcm* self) {
 
 bool alsa_pcm_drain(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
+    if (snd_pcm_state(self->handle.get()) == SND_PCM_STATE_XRUN) {
+        return true;  // it has run dry already: nothing is left to be heard
+    }
     // libuv made the descriptors non-blocking, and with that a drain would return at once.
     int rc = snd_pcm_nonblock(self->handle.get(), 0);
     if (rc == 0) {

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <optional>
 
@@ -26,6 +27,9 @@ void alsa_pcm_free(alsa_pcm* self);
 snd_pcm_t* alsa_pcm_get_handle(alsa_pcm* self);
 // Bytes of one frame.
 size_t alsa_pcm_get_frame_size(const alsa_pcm* self);
+
+// How much audio the device holds at most, in ms.
+uint64_t alsa_pcm_get_buffer_duration(const alsa_pcm* self);
 
 // Brings a PCM that was dropped or ran dry back to where it can be written. False when it is in a
 // state that this does not repair.

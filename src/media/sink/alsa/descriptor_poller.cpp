@@ -162,3 +162,10 @@ void descriptor_poller_stop_polling(descriptor_poller* self) {
     NUV_CHECK(self != NULL);
     stop_watches(self->watches());
 }
+
+bool descriptor_poller_is_polling(descriptor_poller* self) {
+    NUV_CHECK(self != NULL);
+    return std::ranges::any_of(self->watches(), [](const watch& each) {
+        return uv_is_active(reinterpret_cast<const uv_handle_t*>(&each.handle)) != 0;
+    });
+}

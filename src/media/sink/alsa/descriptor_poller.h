@@ -43,6 +43,8 @@ void descriptor_poller_free(descriptor_poller* self);
 // libuv refuses one, nothing is watched.
 void descriptor_poller_start_polling(descriptor_poller* self);
 void descriptor_poller_stop_polling(descriptor_poller* self);
+// False: no entry is watched, so no callback will come.
+bool descriptor_poller_is_polling(descriptor_poller* self);
 
 using descriptor_poller_ptr =
     std::unique_ptr<descriptor_poller, nuvio::ReleasedBy<descriptor_poller_free>>;

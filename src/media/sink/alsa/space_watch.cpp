@@ -1,5 +1,6 @@
 #include "media/sink/alsa/space_watch.h"
 
+#include <algorithm>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -15,14 +16,20 @@ struct space_watch {
     std::vector<pollfd> descriptors;  // those of the poller
     descriptor_poller_ptr poller;
     std::unique_ptr<uv_timer_t, nuvio::ReleasedBy<uv_timer_free>> timer;
-    bool waits = false;           // the callback is due
-    unsigned failed_queries = 0;  // in a row, while waiting
+    bool waits = false;               // the callback is due
+    unsigned failed_queries = 0;      // in a row, while waiting
+    unsigned fruitless_wake_ups = 0;  // in a row, while waiting
 };
 
 namespace {
 
 constexpr unsigned kMaxFailedQueries = 10;  // in a row, while waiting
 constexpr uint64_t kLookMs = 10;            // while the descriptors are of no use
+// After a wake-up without room, from the second in a row on: doubled each time up to a part of the
+// buffer, which is full then.
+constexpr unsigned kMaxDoublings = 6;
+constexpr uint64_t kLongestWaitMs = 100;
+constexpr uint64_t kPartOfBuffer = 8;
 
 snd_pcm_t* handle_of(space_watch* self) {
     return alsa_pcm_get_handle(self->pcm);
@@ -30,14 +37,16 @@ snd_pcm_t* handle_of(space_watch* self) {
 
 // The wake-up that led to a write is still on a plug-in's descriptor after it and would be followed
 // at once by another, for the frame or two that have been played meanwhile. A plug-in (dmix) takes
-// it back when asked about a readable descriptor.
-void take_back_wake_up(space_watch* self) {
+// it back when asked about a readable descriptor. True: there is room all the same, and the wake-up
+// for it may have been taken back, too.
+bool take_back_wake_up(space_watch* self) {
     for (pollfd& descriptor : self->descriptors) {
         descriptor.revents = POLLIN;
     }
     unsigned short revents = 0;
     snd_pcm_poll_descriptors_revents(handle_of(self), self->descriptors.data(),
                                      static_cast<unsigned>(self->descriptors.size()), &revents);
+    return (revents & POLLOUT) != 0;
 }
 
 void stop_waiting(space_watch* self) {
@@ -58,11 +67,21 @@ bool space_may_come(space_watch* self, std::optional<size_t> space) {
            ++self->failed_queries < kMaxFailedQueries;
 }
 
+void look_in(space_watch* self, uint64_t delay_ms);
+
+// By timer where nothing can be polled.
+void poll_on(space_watch* self) {
+    descriptor_poller_start_polling(self->poller.get());
+    if (!descriptor_poller_is_polling(self->poller.get())) {
+        look_in(self, kLookMs);
+    }
+}
+
 // True: there is no room yet. False: the callback has been made, and may have freed the watch.
 bool still_waits_after_look(space_watch* self) {
     if (space_may_come(self, alsa_audio_sink_get_available_space(self->pcm))) {
         // Again: an error on a descriptor has ended its watch.
-        descriptor_poller_start_polling(self->poller.get());
+        poll_on(self);
         return true;
     }
     stop_waiting(self);
@@ -78,9 +97,16 @@ void look_in(space_watch* self, uint64_t delay_ms) {
 }
 
 // While the descriptors are of no use: polled on, they would make the loop spin.
-void look_later(space_watch* self) {
+void look_later(space_watch* self, uint64_t delay_ms) {
     descriptor_poller_stop_polling(self->poller.get());
-    look_in(self, kLookMs);
+    look_in(self, delay_ms);
+}
+
+uint64_t fruitless_wait_ms(const space_watch* self) {
+    const unsigned doublings = std::min(self->fruitless_wake_ups, kMaxDoublings);
+    const uint64_t longest = alsa_pcm_get_buffer_duration(self->pcm) / kPartOfBuffer;
+    return std::min((kLookMs / 2) << (doublings - 1),
+                    std::clamp<uint64_t>(longest, 1, kLongestWaitMs));
 }
 
 void alsa_audio_sink_on_pcm_descriptor_poll_event(descriptor_poller* poller, pollfd* descriptors,
@@ -93,11 +119,17 @@ void alsa_audio_sink_on_pcm_descriptor_poll_event(descriptor_poller* poller, pol
     // it says does not matter, but for an error: that may stay on the descriptor.
     unsigned short revents = 0;
     if (snd_pcm_poll_descriptors_revents(handle_of(self), descriptors, count, &revents) < 0) {
-        look_later(self);
+        look_later(self, kLookMs);
         return;
     }
-    if (still_waits_after_look(self) && (revents & POLLERR) != 0) {
-        look_later(self);
+    if (!still_waits_after_look(self)) {
+        return;
+    }
+    // A plug-in (PipeWire's) may leave its descriptor readable for as long as there is no room.
+    if (self->fruitless_wake_ups++ > 0) {
+        look_later(self, fruitless_wait_ms(self));
+    } else if ((revents & POLLERR) != 0) {
+        look_later(self, kLookMs);
     }
 }
 
@@ -133,12 +165,14 @@ void space_watch_free(space_watch* self) {
 
 void space_watch_start(space_watch* self) {
     NUV_CHECK(self != NULL);
-    if (!self->waits) {
-        take_back_wake_up(self);
-    }
+    const bool has_room = !self->waits && take_back_wake_up(self);
     self->waits = true;
     self->failed_queries = 0;
-    descriptor_poller_start_polling(self->poller.get());
+    self->fruitless_wake_ups = 0;
+    poll_on(self);
+    if (has_room) {
+        look_in(self, 0);
+    }
 }
 
 void space_watch_look_at_once(space_watch* self) {

@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "media/sink/alsa/alsa_utilities.h"
 #include "utility/log_delegate.h"
 
 volume_manager_ptr new_volume_manager(const volume_control& control) {
@@ -9,13 +10,36 @@ volume_manager_ptr new_volume_manager(const volume_control& control) {
                                                  control.element.c_str(), 0, control.delegate));
 }
 
-void renew_lost_volume_manager(volume_manager_ptr& manager, const volume_control& control) {
-    if (!manager || !volume_manager_is_lost(manager.get())) {
-        return;
+namespace {
+
+// Looks without a log line: the absence was logged at the start, and is looked at again at each
+// session.
+bool is_there(const volume_control& control) {
+    mixer_ptr mixer;
+    if (open_simple_mixer(mixer, control.device.c_str()) < 0) {
+        return false;
+    }
+    const selem_id_ptr id = new_selem_id();
+    snd_mixer_selem_id_set_name(id.get(), control.element.c_str());
+    snd_mixer_elem_t* element = snd_mixer_find_selem(mixer.get(), id.get());
+    return element != nullptr && snd_mixer_selem_has_playback_volume(element) == 1 &&
+           snd_mixer_selem_has_playback_switch(element) == 1;
+}
+
+}  // namespace
+
+renewal renew_volume_manager(volume_manager_ptr& manager, const volume_control& control) {
+    if ((manager && !volume_manager_is_lost(manager.get())) || !is_there(control)) {
+        return renewal::none;
     }
     volume_manager_ptr renewed = new_volume_manager(control);
     if (!renewed) {
-        return;
+        return renewal::none;
+    }
+    if (!manager) {
+        manager = std::move(renewed);
+        app_log(LOG_LEVEL_INFO, "System volume control has been found");
+        return renewal::first;
     }
     const uint32_t volume = volume_manager_get_reported_volume(manager.get());
     const bool muted = volume_manager_get_reported_mute_state(manager.get());
@@ -23,4 +47,5 @@ void renew_lost_volume_manager(volume_manager_ptr& manager, const volume_control
     volume_manager_set_volume(manager.get(), volume);
     volume_manager_set_mute_state(manager.get(), muted);
     app_log(LOG_LEVEL_INFO, "System volume control is back");
+    return renewal::again;
 }

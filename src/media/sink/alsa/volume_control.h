@@ -17,6 +17,9 @@ struct volume_control {
 // Null, after a log line, where there is no such element.
 volume_manager_ptr new_volume_manager(const volume_control& control);
 
-// Replaces a lost manager, giving its successor the values it had last. One that works stays, and
-// so does a lost one while its mixer is away.
-void renew_lost_volume_manager(volume_manager_ptr& manager, const volume_control& control);
+enum class renewal {
+    none,   // the manager works already, or there is no mixer yet; that is not logged
+    again,  // it was lost; its successor was given the values that it had last
+    first,  // there was none; its volume and mute state are news to everybody
+};
+renewal renew_volume_manager(volume_manager_ptr& manager, const volume_control& control);

@@ -21,6 +21,7 @@ struct volume_manager {
     bool muted;        // last reported
     bool has_written;  // since the last mixer event
     int failed_polls;  // in a row
+    bool is_lost;      // the mixer failed for good: not called any longer
 };
 
 namespace {
@@ -62,8 +63,7 @@ long raw_from_percent(const volume_manager* self, uint32_t percent) {
 // Runs an element operation, or fails as ALSA does for a device that has gone.
 template <typename Operation, typename... Arguments>
 int on_element(volume_manager* self, Operation operation, Arguments... arguments) {
-    return self->volume_element == nullptr ? -ENODEV
-                                           : operation(self->volume_element, arguments...);
+    return volume_manager_is_lost(self) ? -ENODEV : operation(self->volume_element, arguments...);
 }
 
 void report_changes(volume_manager* self) {
@@ -100,6 +100,11 @@ int volume_manager_on_alsa_volume_element_changed(snd_mixer_elem_t* element, uns
     return 0;
 }
 
+// The server behind the mixer, or the card, has gone.
+bool is_final(int error) {
+    return error == -EPIPE || error == -ENODEV || error == -EIO;
+}
+
 // False on a failure, which is logged.
 bool handle_mixer_events(volume_manager* self, pollfd* descriptors, unsigned count) {
     unsigned short revents = 0;
@@ -108,8 +113,13 @@ bool handle_mixer_events(volume_manager* self, pollfd* descriptors, unsigned cou
             "Unable to convert ALSA mixer's poll events to real events")) {
         return false;
     }
-    return revents == 0 || alsa_ok(snd_mixer_handle_events(self->mixer.get()),
-                                   "Unable to handle ALSA mixer events");
+    if (revents == 0) {
+        return true;
+    }
+    const int rc = snd_mixer_handle_events(self->mixer.get());
+    // Some mixers (PipeWire's) say so once only, and wait for ever in the next call.
+    self->is_lost = is_final(rc);
+    return alsa_ok(rc, "Unable to handle ALSA mixer events");
 }
 
 void volume_manager_on_descriptor_poll_event(descriptor_poller* poller, pollfd* descriptors,
@@ -121,8 +131,11 @@ void volume_manager_on_descriptor_poll_event(descriptor_poller* poller, pollfd* 
     if (handle_mixer_events(self, descriptors, count)) {
         self->failed_polls = 0;
         report_own_changes(self);
-    } else if (++self->failed_polls == kMaxFailedPolls) {
-        app_log(LOG_LEVEL_WARNING, "ALSA mixer keeps failing; its changes are no longer followed");
+    } else if (self->is_lost || ++self->failed_polls == kMaxFailedPolls) {
+        app_log(LOG_LEVEL_WARNING,
+                "ALSA mixer has failed; the volume is out of reach until the "
+                "next session");
+        self->is_lost = true;
         descriptor_poller_stop_polling(poller);
         return;
     }
@@ -274,7 +287,7 @@ void volume_manager_set_mute_state(volume_manager* self, bool muted) {
 
 bool volume_manager_is_lost(const volume_manager* self) {
     NUV_CHECK(self != NULL);
-    return self->volume_element == nullptr || self->failed_polls >= kMaxFailedPolls;
+    return self->volume_element == nullptr || self->is_lost;
 }
 
 uint32_t volume_manager_get_reported_volume(const volume_manager* self) {

@@ -7,8 +7,11 @@
 // Threads     every function and callback: the loop's thread only.
 // Units       volume in percent, 0 to 100; above 100 counts as 100.
 // Errors      logged here. A failed read gives the neutral value (0 percent, unmuted); a failed
-//             write changes nothing. After the element has gone from the device both fail. A mixer
-//             that fails again and again is not watched any longer.
+//             write changes nothing. A manager is lost, and both fail without a call into ALSA,
+//             after the element has gone, after the mixer has failed for good (EPIPE, ENODEV, EIO),
+//             and after it has failed ten times in a row.
+// Own writes  are reported as well, from the loop. A volume that somebody sets elsewhere between a
+//             write and its report can be overwritten there by the older, reported one.
 #pragma once
 
 #include <uv.h>
