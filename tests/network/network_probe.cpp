@@ -1,17 +1,21 @@
 // Drives the network's content as a decoder would, for test_network.py:
 //   network_probe read URL [KEY=VALUE ...] [OFFSET:COUNT ...]   bytes to stdout, the outcome to
 //                                                               stderr; COUNT 0 is all that is left
+//   network_probe decode URL [...]     the same in 16-bit frames of two channels
 //   network_probe tracks URL [KEY=VALUE ...]                    a line a track to stdout
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "local/network/http_source.h"
 #include "local/network/remote_playlist.h"
+#include "local/network/remote_sound.h"
 
 using namespace local_core;
 
@@ -110,6 +114,30 @@ void read(const Job& job) {
                  source.error().c_str());
 }
 
+void decode(const Job& job) {
+    HttpSource source(job.request);
+    SF_INFO info{};
+    const RemoteSound sound = open_remote_sound(source, &info);
+    std::vector<short> piece(2 * 3000);
+    for (auto [offset, count] : job.parts) {
+        if (!sound || info.channels != 2 ||
+            sf_seek(sound.get(), static_cast<sf_count_t>(offset), SEEK_SET) < 0) {
+            break;
+        }
+        for (size_t left = count == 0 ? SIZE_MAX : count; left > 0;) {
+            const auto frames = static_cast<sf_count_t>(std::min<size_t>(left, 3000));
+            const sf_count_t got = sf_readf_short(sound.get(), piece.data(), frames);
+            if (got <= 0) {
+                break;
+            }
+            std::fwrite(piece.data(), 4, static_cast<size_t>(got), stdout);
+            left -= static_cast<size_t>(got);
+        }
+    }
+    std::fprintf(stderr, "failure=%s\nerror=%s\n", kFailures[static_cast<int>(source.failure())],
+                 source.error().c_str());
+}
+
 void list_tracks(const Job& job) {
     HttpFailure failure = HttpFailure::none;
     std::string error;
@@ -128,7 +156,15 @@ int main(int argc, char** argv) {
     if (argc < 3) {
         return 2;
     }
-    const Job job = parse(argc, argv);
-    std::string_view(argv[1]) == "tracks" ? list_tracks(job) : read(job);
-    return 0;
+    static constexpr struct {
+        std::string_view name;
+        void (*run)(const Job& job);
+    } kCommands[] = {{"read", read}, {"decode", decode}, {"tracks", list_tracks}};
+    for (const auto& command : kCommands) {
+        if (command.name == argv[1]) {
+            command.run(parse(argc, argv));
+            return 0;
+        }
+    }
+    return 2;
 }

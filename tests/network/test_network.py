@@ -10,6 +10,7 @@ import tempfile
 import threading
 import time
 import unittest
+import wave
 
 PROBE = [*shlex.split(os.environ.get("NUVIO_EMULATOR", "")),
          os.path.join(os.environ["NUVIO_BUILD"], "bin", "network_probe")]
@@ -71,6 +72,8 @@ class Result:
     def __init__(self, process):
         self.body, log = process.communicate(timeout=60)
         self.log = log.decode()
+        if process.returncode != 0:  # also what a sanitizer found
+            raise AssertionError(self.log)
         fields = dict(line.split("=", 1) for line in self.log.splitlines() if "=" in line)
         self.failure, self.error = fields.get("failure"), fields.get("error")
         self.titles = [line[6:] for line in self.log.splitlines() if line.startswith("title=")]
@@ -174,6 +177,24 @@ class Network(unittest.TestCase):
             with self.subTest(url=url, arguments=arguments):
                 result = self.read(url, *arguments)
                 self.assertEqual((result.failure, result.body == body), ("none", True), result.log)
+
+    def test_decoded_bit_for_bit(self):
+        samples = self.file[:1_200_000]
+        with wave.open(f"{self.d}/sound.wav", "wb") as sound:
+            sound.setparams((2, 2, 44100, 0, "NONE", ""))
+            sound.writeframes(samples)
+        subprocess.run(["flac", "--silent", f"{self.d}/sound.wav"], check=True)
+        parts = ["200000:5000", "10:2000", "299000:1000"]
+        wanted = b"".join(samples[4 * int(p):4 * (int(p) + int(n))]
+                          for p, n in (part.split(":") for part in parts))
+        for place in ["plain", "noranges"]:
+            for name in ["sound.wav", "sound.flac"]:
+                for arguments, body in [([], samples), (["read_ahead=1", *parts], wanted)]:
+                    with self.subTest(place=place, name=name, arguments=arguments):
+                        result = Result(start("decode", f"{self.base}/{place}/{name}", *arguments))
+                        self.assertEqual((result.failure, result.body == body), ("none", True),
+                                         result.log)
+        self.assertEqual(Result(start("decode", f"{self.base}/plain/conf")).body, b"")
 
     def test_the_token_reaches_its_own_origin_alone(self):
         for url, body in [("/echo", b"Bearer good"), ("/here", b"Bearer good"),
