@@ -11,6 +11,8 @@ namespace {
 
 // Going back later in a track than this leads to its own beginning.
 constexpr uint64_t kRestartAfterMs = 3000;
+// The renderer's position is a difference of rounded times: so much it may lie ahead of the sound.
+constexpr uint64_t kPositionErrorMs = 2;
 // So many tracks in a row that the renderer can't play are a renderer that can't play.
 constexpr int kMaxRefused = 3;
 
@@ -292,7 +294,8 @@ bool Player::keep_place() {
         return false;
     }
     if (!m_seek_goal_ms) {
-        m_seek_goal_ms = heard_position_ms();
+        const uint64_t position_ms = heard_position_ms();
+        m_seek_goal_ms = position_ms - std::min(position_ms, kPositionErrorMs);
     }
     m_place_kept = true;
     return begin_seek();
