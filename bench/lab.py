@@ -379,7 +379,8 @@ host.state_dir = {self.folder}/state
 
     def __enter__(self):
         self.bus = Bus(self.folder)
-        environment = dict(os.environ, NUVIO_SETTINGS=str(self.folder / "settings.conf"),
+        environment = dict(os.environ, NUVIO_MUSIC_FOLDERS="/",
+                           NUVIO_SETTINGS=str(self.folder / "settings.conf"),
                            DBUS_SESSION_BUS_ADDRESS=self.bus.address, **self.lab.discovery,
                            **self.card.environment())
         if self.probe:

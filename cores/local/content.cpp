@@ -6,6 +6,7 @@
 #include <optional>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include "common/text.h"
 #include "local/display_text.h"
@@ -20,7 +21,8 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t kMaxTracks = 20000;
-constexpr size_t kMaxDirectoryEntries = 50000;  // some 0.1 s of the loop's thread
+constexpr size_t kMaxDirectoryEntries = 50000;
+constexpr size_t kMaxTextBytes = size_t{8} << 20;  // paths and titles of all tracks together
 constexpr int kMaxDepth = 16;
 constexpr size_t kMaxPlaylistBytes = size_t{4} << 20;
 
@@ -57,10 +59,12 @@ std::vector<Track> tracks_below(const fs::path& folder, const Logger& logger) {
     std::vector<Track> tracks;
     std::error_code error;
     size_t visited = 0;
+    size_t text_bytes = 0;
     fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied,
                                         error);
     for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
-        if (++visited > kMaxDirectoryEntries || tracks.size() == kMaxTracks) {
+        if (++visited > kMaxDirectoryEntries || tracks.size() == kMaxTracks ||
+            text_bytes > kMaxTextBytes) {
             logger.write(LogLevel::warning, kContentFetcher,
                          "%s: too large, only the first %zu tracks found are played",
                          folder.c_str(), tracks.size());
@@ -72,6 +76,7 @@ std::vector<Track> tracks_below(const fs::path& folder, const Logger& logger) {
         }
         if (!is_hidden(path) && ends_in(path, kAudioEndings)) {
             tracks.push_back({path.string(), {}});
+            text_bytes += path.native().size();
         }
     }
     if (error) {
@@ -92,19 +97,36 @@ std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& lo
         return {};
     }
     std::vector<Track> tracks;
+    size_t remote = 0;
+    size_t text_bytes = 0;
     for (const PlaylistEntry& entry : parse_playlist(*text, kMaxTracks)) {
         const auto path = local_path(entry.location);
         if (!path) {
-            logger.write(LogLevel::warning, kContentFetcher, "Skipping %s: not on this machine",
-                         display_text(entry.location).c_str());
+            ++remote;
             continue;
         }
-        tracks.push_back({(playlist.parent_path() / *path).string(), display_text(entry.title)});
+        Track track{(playlist.parent_path() / *path).string(), display_text(entry.title)};
+        text_bytes += track.path.size() + track.title.size();
+        if (text_bytes > kMaxTextBytes) {
+            logger.write(LogLevel::warning, kContentFetcher,
+                         "%s: too large, only the first %zu tracks are played", playlist.c_str(),
+                         tracks.size());
+            break;
+        }
+        tracks.push_back(std::move(track));
+    }
+    if (remote > 0) {
+        logger.write(LogLevel::warning, kContentFetcher, "%s: skipping %zu not on this machine",
+                     playlist.c_str(), remote);
     }
     return tracks;
 }
 
 }  // namespace
+
+bool is_on_this_machine(const std::string& endpoint) {
+    return local_path(endpoint).has_value();
+}
 
 std::vector<Track> find_tracks(const std::string& endpoint, const Logger& logger) {
     const auto relative = local_path(endpoint);
@@ -113,6 +135,11 @@ std::vector<Track> find_tracks(const std::string& endpoint, const Logger& logger
     if (path.empty()) {
         logger.write(LogLevel::error, kContentFetcher, "%s: not on this machine",
                      display_text(endpoint).c_str());
+        return {};
+    }
+    std::string refusal;
+    if (!look_at(path.string(), &refusal)) {
+        logger.write(LogLevel::warning, kContentFetcher, "%s: %s", path.c_str(), refusal.c_str());
         return {};
     }
     if (fs::is_directory(path, error)) {

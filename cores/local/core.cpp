@@ -1,19 +1,22 @@
 #include "local/core.h"
 
+#include <algorithm>
 #include <memory>
+#include <string_view>
 #include <utility>
 
 #include "common/utf8.h"
 #include "local/content.h"
 #include "local/device_uuid.h"
 #include "local/display_text.h"
-#include "local/track_decoder.h"
+#include "local/files.h"
 
 namespace local_core {
 
 namespace {
 
 constexpr char kServiceName[] = "_nuvio-connect._tcp";
+constexpr size_t kMaxSessionIdBytes = 256;
 constexpr size_t kMaxInstanceNameBytes = 63;  // a DNS label
 
 }  // namespace
@@ -25,9 +28,12 @@ Core::Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& confi
           device_uuid(config.manufacturer, config.model, config.serial_number, config.hardware_id)),
       m_wakeup(loop, [this] { pass(); }),
       m_control(config.device_name, [this] { m_wakeup.wake(); }),
-      m_player({handle, config.audio_stream_delegate, config.media_delegate}, m_control, m_logger,
-               [this] { m_wakeup.wake(); }),
+      m_preparer([this] { m_wakeup.wake(); }, config.maximum_audio_quality, m_logger),
+      m_player({handle, config.audio_stream_delegate, config.media_delegate,
+                config.maximum_audio_quality},
+               m_control, *m_logger, [this] { m_wakeup.wake(); }),
       m_settings(m_control.settings()) {
+    music_folders();  // now: later another thread might change the environment
     m_wakeup.run_each_pass();
 }
 
@@ -36,45 +42,59 @@ const char* Core::session_id() const {
 }
 
 nuv_error Core::connect(const char* session_id, const char* endpoint, bool become_active) {
-    std::vector<Track> tracks = find_tracks(endpoint, m_logger);
-    if (tracks.empty()) {
+    const std::string_view id(session_id);
+    if (id.size() > kMaxSessionIdBytes || !nuvio::is_utf8(id)) {
+        return NUV_ERROR_INVALID_ARGUMENT;
+    }
+    if (!is_on_this_machine(endpoint)) {
+        m_logger->write(LogLevel::error, kContentFetcher, "%s: not on this machine",
+                        display_text(endpoint).c_str());
         return NUV_ERROR_EMPTY_SESSION;
     }
-    const PlaybackSettings settings = m_control.settings();
-    auto session = std::make_unique<Session>(session_id, std::move(tracks), settings.loop_mode,
-                                             settings.shuffle);
-    if (!probe(*session)) {
-        return NUV_ERROR_EMPTY_SESSION;
+    const auto now = std::chrono::steady_clock::now();
+    if (now - m_recent_sessions.front() < std::chrono::seconds(1)) {
+        m_logger->write(LogLevel::warning, kCloudClient, "Too many sessions in a second");
+        return NUV_ERROR_INVALID_STATE;
     }
-    m_logger.write(LogLevel::info, kCloudClient, "Joining session %s",
-                   display_text(session_id).c_str());
-    m_session_id = session_id;
-    m_control.connect(std::move(session), become_active);
+    if (!m_preparer.begin({session_id, endpoint, become_active})) {
+        m_logger->write(LogLevel::warning, kCloudClient,
+                        "Too many sessions still wait for their files");
+        return NUV_ERROR_INVALID_STATE;
+    }
+    std::shift_left(m_recent_sessions.begin(), m_recent_sessions.end(), 1);
+    m_recent_sessions.back() = now;
     return NUV_ERROR_OK;
 }
 
-// Moves the session to its first track that can be played; false when there is none. When many
-// can't be, the rest is left to the decoding thread, so that the loop's thread is not held up.
-bool Core::probe(Session& session) const {
-    for (size_t probes = 0; probes < kMaxProbes; ++probes) {
-        const std::string& path = session.track(session.current()).path;
-        std::string error;
-        if (TrackDecoder::open(path, &error)) {
-            return true;
-        }
-        m_logger.write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
-                       display_text(path).c_str(), error.c_str());
-        session.mark_unplayable(session.current());
-        if (!session.next()) {
-            return false;
-        }
-        session.move_to(*session.next());
+// What was playing goes on until here, and beyond where there is nothing to play.
+void Core::join_prepared_session() {
+    auto prepared = m_preparer.take();
+    if (!prepared) {
+        return;
     }
-    return true;
+    const SessionRequest& request = prepared->request;
+    if (prepared->tracks.empty()) {
+        m_logger->write(LogLevel::warning, kCloudClient,
+                        "Not joining session %s: nothing to play in %s",
+                        display_text(request.id).c_str(), display_text(request.endpoint).c_str());
+        return;
+    }
+    const PlaybackSettings settings = m_control.settings();
+    auto session = std::make_unique<Session>(request.id, std::move(prepared->tracks),
+                                             settings.loop_mode, settings.shuffle);
+    for (size_t track = 0; track < prepared->first; ++track) {
+        session->mark_unplayable(track);
+    }
+    session->rewind();
+    m_logger->write(LogLevel::info, kCloudClient, "Joining session %s",
+                    display_text(request.id).c_str());
+    m_session_id = request.id;
+    m_control.connect(std::move(session), request.become_active);
 }
 
 void Core::pass() {
     m_wakeup.rest();  // before the delegates: what the renderer answers from inside one arms it
+    join_prepared_session();
     take_requests();
     bool more = advertise();
     more |= report_player();

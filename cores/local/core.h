@@ -11,6 +11,9 @@
 
 #include <uv.h>
 
+#include <array>
+#include <chrono>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,6 +22,7 @@
 #include "local/logger.h"
 #include "local/loop_wakeup.h"
 #include "local/player.h"
+#include "local/session_preparer.h"
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {
@@ -32,12 +36,15 @@ class Core {
     Core& operator=(const Core&) = delete;
 
     Control& control() { return m_control; }
-    Logger& logger() { return m_logger; }
+    Logger& logger() { return *m_logger; }
     const std::string& uuid() const { return m_uuid; }
     // Null when no session is joined.
     const char* session_id() const;
 
-    // Opens files until one can be played, at most kMaxProbes of them.
+    // Checks the texts and has the session prepared; it is joined on a later pass, when it is known
+    // to have something to play. A controller's call must not wait for a disk: one that has nothing
+    // to play is answered OK, leaves what plays alone and is told of in the log.
+    // NUV_ERROR_INVALID_STATE: more than kSessionsASecond, or too many still wait for their disks.
     nuv_error connect(const char* session_id, const char* endpoint, bool become_active);
 
     // Hands a notification of the renderer to the player, and sees to it that a pass follows.
@@ -48,7 +55,7 @@ class Core {
     }
 
   private:
-    static constexpr size_t kMaxProbes = 256;
+    static constexpr size_t kSessionsASecond = 4;
 
     // What the device has been told last.
     struct Reported {
@@ -62,18 +69,19 @@ class Core {
     };
 
     void pass();
+    void join_prepared_session();
     void take_requests();
     bool advertise();
     bool report_player();
     bool report_settings();
-    bool probe(Session& session) const;
 
     nuv_connect* const m_handle;
     const nuv_connect_config m_config;
     const std::string m_uuid;
-    Logger m_logger;
+    const std::shared_ptr<Logger> m_logger = std::make_shared<Logger>();
     LoopWakeup m_wakeup;
     Control m_control;
+    SessionPreparer m_preparer;
     Player m_player;
 
     PlaybackSettings m_settings;  // as taken from control last
@@ -82,6 +90,8 @@ class Core {
     Reported m_reported;
     bool m_services_started = false;
     std::string m_advertised_name;
+    // When the last ones were begun, oldest first.
+    std::array<std::chrono::steady_clock::time_point, kSessionsASecond> m_recent_sessions{};
     std::string m_session_id;  // kept after the session, for those who still hold its text
 };
 

@@ -1,11 +1,12 @@
 #include "local/decode_thread.h"
 
 #include <pthread.h>
-#include <signal.h>
 
 #include <algorithm>
 #include <cinttypes>
 #include <utility>
+
+#include "local/signals_blocked.h"
 
 namespace local_core {
 
@@ -15,22 +16,6 @@ constexpr uint64_t kAheadMs = 5000;    // how far the pipe in front gets ahead o
 constexpr uint64_t kMaxBlockMs = 500;  // a block of a slow format is not filled
 constexpr size_t kMaxBlocksInFront = 28;
 constexpr size_t kMaxBlocksBehind = 4;
-
-// Signals are the process's business: none is delivered to a thread started under this guard.
-class SignalsBlocked {
-  public:
-    SignalsBlocked() {
-        sigset_t all;
-        sigfillset(&all);
-        pthread_sigmask(SIG_SETMASK, &all, &m_before);
-    }
-    ~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &m_before, nullptr); }
-    SignalsBlocked(const SignalsBlocked&) = delete;
-    SignalsBlocked& operator=(const SignalsBlocked&) = delete;
-
-  private:
-    sigset_t m_before{};
-};
 
 uint64_t bytes_of_ms(const TrackInfo& info, uint64_t ms) {
     return std::max<uint64_t>(info.format.sample_rate * ms / 1000, 1) * info.frame_bytes;
@@ -91,8 +76,10 @@ class TrackPipe {
     std::atomic<bool> m_decoded_wholly{false};
 };
 
-DecodeThread::DecodeThread(std::function<void()> on_news, const Logger& logger)
+DecodeThread::DecodeThread(std::function<void()> on_news, nuv_audio_quality highest,
+                           const Logger& logger)
     : m_on_news(std::move(on_news)),
+      m_highest(highest),
       m_logger(logger),
       m_pool(new std::byte[kPoolBlocks * kBlockBytes]) {
     m_free_blocks.reserve(kPoolBlocks);
@@ -259,7 +246,7 @@ void DecodeThread::wake_if_wanted(TrackPipe& pipe) {
 
 void DecodeThread::open_file(TrackPipe& pipe, std::unique_lock<std::mutex>& lock) {
     lock.unlock();
-    pipe.m_decoder = TrackDecoder::open(pipe.m_track.path, &pipe.m_open_error);
+    pipe.m_decoder = TrackDecoder::open(pipe.m_track.path, m_highest, &pipe.m_open_error);
     if (pipe.m_decoder) {
         pipe.m_texts = describe_track(pipe.m_track, pipe.m_decoder->info());
         pipe.plan_blocks();
@@ -333,8 +320,9 @@ void DecodeThread::drop_blocks(TrackPipe& pipe) {
 }
 
 void DecodeThread::log_early_end(const TrackPipe& pipe) const {
+    const std::string reason = pipe.m_decoder->last_error();
     m_logger.write(LogLevel::warning, kAudioDecoder, "%s ends early: %s", pipe.m_track.path.c_str(),
-                   pipe.m_decoder->last_error().c_str());
+                   reason.empty() ? "the file is shorter than it says" : reason.c_str());
 }
 
 }  // namespace local_core

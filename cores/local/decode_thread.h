@@ -49,7 +49,8 @@ class DecodeThread {
     static constexpr size_t kPoolBlocks = 32;
 
     // Throws std::system_error when no thread can be started.
-    DecodeThread(std::function<void()> on_news, const Logger& logger);
+    // Tracks above `highest` fail to open.
+    DecodeThread(std::function<void()> on_news, nuv_audio_quality highest, const Logger& logger);
     ~DecodeThread();
 
     TrackPipePtr open(Track track);
@@ -91,6 +92,7 @@ class DecodeThread {
     void log_early_end(const TrackPipe& pipe) const;
 
     const std::function<void()> m_on_news;
+    const nuv_audio_quality m_highest;
     const Logger& m_logger;
     const std::unique_ptr<std::byte[]> m_pool;
 

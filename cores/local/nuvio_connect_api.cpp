@@ -52,7 +52,9 @@ bool is_complete(const nuv_connect_config& config) {
 }
 
 bool is_over(uint64_t expiry) {
-    return expiry != 0 && expiry < static_cast<uint64_t>(std::time(nullptr));
+    // A clock of 32 bits is negative from 2038 on, and tells nothing then.
+    const std::time_t now = std::time(nullptr);
+    return expiry != 0 && now > 0 && expiry < static_cast<uint64_t>(now);
 }
 
 nuv_error command(nuv_connect* core, Verb verb, uint64_t position_ms = 0) {

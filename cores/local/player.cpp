@@ -11,6 +11,8 @@ namespace {
 
 // Going back later in a track than this leads to its own beginning.
 constexpr uint64_t kRestartAfterMs = 3000;
+// The renderer's position is a difference of rounded times: so much it may lie ahead of the sound.
+constexpr uint64_t kPositionErrorMs = 2;
 // So many tracks in a row that the renderer can't play are a renderer that can't play.
 constexpr int kMaxRefused = 3;
 
@@ -21,7 +23,7 @@ Player::Player(const Delegates& delegates, Control& control, const Logger& logge
     : m_delegates(delegates),
       m_control(control),
       m_logger(logger),
-      m_decoder(std::move(on_news), logger) {}
+      m_decoder(std::move(on_news), delegates.highest_quality, logger) {}
 
 Player::~Player() = default;
 
@@ -62,6 +64,7 @@ void Player::apply(Command command) {
         case Verb::resume:
             m_goal = NUV_PLAYBACK_STATE_PLAYING;
             m_active = true;
+            m_place_kept = false;
             break;
         case Verb::stop:
             m_goal = NUV_PLAYBACK_STATE_STOPPED;
@@ -106,8 +109,7 @@ void Player::go_back() {
     const bool heard = renderer_active() && !m_replaces_streams;
     uint64_t position_ms = m_seek_goal_ms.value_or(0);
     if (heard && !m_seek_goal_ms) {
-        position_ms =
-            m_delegates.media.get_playback_position(m_delegates.core, m_delegates.media.context);
+        position_ms = heard_position_ms();
     }
     if (position_ms <= kRestartAfterMs && m_session->previous()) {
         m_backwards = true;
@@ -150,6 +152,9 @@ void Player::skip_unplayable(const Stream& stream) {
 
 // ---- Steps ------------------------------------------------------------------------------------
 
+// First what must be gone before anything new can come: playback, then streams. Only then the
+// current stream, which the playback that is initiated needs. A pause comes before a seek, which it
+// makes itself to keep its place, and both before the next stream, which a seek may take back.
 bool Player::advance() {
     static constexpr bool (Player::*kSteps[])() = {
         &Player::stop_stale_playback,
@@ -267,6 +272,9 @@ bool Player::pause_or_resume() {
     }
     const nuv_media_delegate& media = m_delegates.media;
     if (m_goal == NUV_PLAYBACK_STATE_PAUSED && m_renderer == Renderer::playing) {
+        if (keep_place()) {
+            return true;
+        }
         m_awaits_answer = true;
         media.pause_playback(m_delegates.core, media.context);
         return true;
@@ -277,6 +285,35 @@ bool Player::pause_or_resume() {
         return true;
     }
     return false;
+}
+
+// A pause drops what the output still holds. The stream is positioned at what is heard before it:
+// while the renderer plays, for only then does it know that place and report it.
+bool Player::keep_place() {
+    if (m_place_kept || !plays_undisturbed() || !DecodeThread::info(*m_current->pipe).seekable) {
+        return false;
+    }
+    if (!m_seek_goal_ms) {
+        const uint64_t position_ms = heard_position_ms();
+        m_seek_goal_ms = position_ms - std::min(position_ms, kPositionErrorMs);
+    }
+    m_place_kept = true;
+    return begin_seek();
+}
+
+// The renderer takes the next stream's share of the output's buffer for the current one's: its
+// answer is too small by that, and 0 where that leaves nothing. The time since tells it then.
+uint64_t Player::heard_position_ms() const {
+    const uint64_t told =
+        m_delegates.media.get_playback_position(m_delegates.core, m_delegates.media.context);
+    if (!m_next || m_next->taken_bytes == 0) {
+        return told;
+    }
+    const TrackInfo& next = DecodeThread::info(*m_next->pipe);
+    const auto since = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - m_hand_over_time);
+    return told > 0 ? told + next.position_ms(m_next->taken_bytes / next.frame_bytes)
+                    : m_hand_over_position_ms + static_cast<uint64_t>(since.count());
 }
 
 bool Player::begin_seek() {
@@ -298,6 +335,7 @@ bool Player::begin_seek() {
     give_back_block(*m_current);
     m_current->finished = false;
     m_current->has_flowed = true;
+    m_current->taken_bytes = 0;
     m_decoder.seek(*m_current->pipe, info.frame_at(m_seek_target_ms));
     // What the renderer has taken of the next track was dropped with the rest of its buffer.
     if (m_next && m_next->has_flowed) {
@@ -432,6 +470,10 @@ bool Player::offer(Stream& stream) {
         }
     }
     const size_t left = stream.block.size_bytes - stream.offered_bytes;
+    if (m_next.get() == &stream && stream.taken_bytes == 0) {
+        m_hand_over_position_ms = heard_position_ms();
+        m_hand_over_time = std::chrono::steady_clock::now();
+    }
     stream.open = false;  // unless all is taken, or the renderer opens it again meanwhile
     const size_t taken = std::min(m_delegates.audio.data(m_delegates.core, stream.id,
                                                          stream.block.data + stream.offered_bytes,
@@ -442,6 +484,7 @@ bool Player::offer(Stream& stream) {
         m_refused = 0;
     }
     stream.offered_bytes += taken;
+    stream.taken_bytes += taken;
     if (taken == left) {
         stream.open = true;
         give_back_block(stream);
@@ -476,6 +519,7 @@ nuv_error Player::playback_paused() {
     }
     m_renderer = Renderer::paused;
     m_state = NUV_PLAYBACK_STATE_PAUSED;
+    m_place_kept = false;
     if (!std::exchange(m_awaits_answer, false)) {
         m_goal = NUV_PLAYBACK_STATE_PAUSED;
     }
@@ -504,6 +548,7 @@ nuv_error Player::playback_stopped() {
     m_renderer = Renderer::stopped;
     m_awaits_answer = false;
     m_seeking = false;
+    m_place_kept = false;
     return NUV_ERROR_OK;
 }
 
@@ -542,6 +587,7 @@ nuv_error Player::playback_finished(bool no_next_track) {
         return NUV_ERROR_INVALID_STATE;
     }
     m_seek_goal_ms.reset();  // it was meant for the track that is over
+    m_place_kept = false;
     if (no_next_track) {
         m_renderer = Renderer::stopped;  // it stops by itself
         m_awaits_answer = false;

@@ -12,6 +12,7 @@
 // the position), never from the notifications.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -33,6 +34,7 @@ class Player {
         nuv_connect* core;  // handed to every callback
         nuv_audio_stream_delegate audio;
         nuv_media_delegate media;
+        nuv_audio_quality highest_quality;  // that the renderer takes
     };
 
     // `on_news` comes from the decoding thread: the next pass has something to do.
@@ -77,6 +79,7 @@ class Player {
         bool has_flowed = false;   // some of it has been taken, or it has been positioned
         PcmBlock block{};          // being offered
         size_t offered_bytes = 0;  // of the block, taken by the renderer
+        uint64_t taken_bytes = 0;  // since the start or the last seek
     };
     using StreamPtr = std::unique_ptr<Stream>;
 
@@ -86,6 +89,7 @@ class Player {
     bool start_current();
     bool initiate();
     bool pause_or_resume();
+    bool keep_place();
     bool begin_seek();
     bool end_seek();
     bool withdraw_next();
@@ -108,6 +112,7 @@ class Player {
     void release(StreamPtr stream);
     void give_back_block(Stream& stream);
     bool offer(Stream& stream);
+    uint64_t heard_position_ms() const;
     void finish(Stream& stream);
 
     const Delegates m_delegates;
@@ -131,6 +136,10 @@ class Player {
     bool m_awaits_answer = false;  // to pause or resume; the answer is still to come
     bool m_seeking = false;        // between seek in progress and seeked
     uint64_t m_seek_target_ms = 0;
+    bool m_place_kept = false;  // the stream goes on at what is heard: it can be paused
+    // What was heard, and when, as the next stream began to flow behind the current one.
+    uint64_t m_hand_over_position_ms = 0;
+    std::chrono::steady_clock::time_point m_hand_over_time;
     nuv_playback_state m_state = NUV_PLAYBACK_STATE_STOPPED;  // what the world is told
     bool m_active = false;
     bool m_fresh_start = false;

@@ -26,6 +26,13 @@ constexpr sf_count_t kMaxFrames = sf_count_t{1} << 48;
 
 constexpr size_t kMaxTagBytes = 1024;
 
+bool is_above(const nuv_audio_format& format, nuv_audio_quality quality) {
+    static constexpr uint32_t kHighestRates[] = {48000, 96000, 192000, 384000};
+    const bool is_cd = quality == NUV_AUDIO_QUALITY_CD;
+    return format.sample_rate > kHighestRates[std::min<size_t>(quality, 3)] ||
+           (is_cd && format.sample_format != NUV_AUDIO_SAMPLE_FORMAT_16_BIT);
+}
+
 std::string tag(SNDFILE* file, int which) {
     const char* text = sf_get_string(file, which);
     return text != nullptr ? std::string(nuvio::beginning(text, kMaxTagBytes)) : "";
@@ -158,7 +165,8 @@ TrackDecoder::Conversion TrackDecoder::conversion_of(SNDFILE* file, int sndfile_
     return Conversion::none_16;
 }
 
-std::unique_ptr<TrackDecoder> TrackDecoder::open(const std::string& path, std::string* error) {
+std::unique_ptr<TrackDecoder> TrackDecoder::open(const std::string& path, nuv_audio_quality highest,
+                                                 std::string* error) {
     nuvio::UniqueFd descriptor = open_regular_file(path, error);
     if (!descriptor) {
         return nullptr;
@@ -184,6 +192,10 @@ std::unique_ptr<TrackDecoder> TrackDecoder::open(const std::string& path, std::s
     if (raw.samplerate <= 0 || raw.channels <= 0 || raw.frames <= 0 || raw.frames > kMaxFrames ||
         info.frame_bytes > kMaxFrameBytes) {
         *error = "nothing to play, or of unknown length";
+        return nullptr;
+    }
+    if (is_above(info.format, highest)) {
+        *error = "above the quality that the output takes";
         return nullptr;
     }
     info.title = tag(file.get(), SF_STR_TITLE);

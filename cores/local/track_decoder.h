@@ -43,7 +43,9 @@ class TrackDecoder {
     static constexpr size_t kMaxFrameBytes = 4096;
 
     // Null, with *error set, when the file can't be read or has nothing to play.
-    static std::unique_ptr<TrackDecoder> open(const std::string& path, std::string* error);
+    // Also when it is above `highest`.
+    static std::unique_ptr<TrackDecoder> open(const std::string& path, nuv_audio_quality highest,
+                                              std::string* error);
 
     const TrackInfo& info() const { return m_info; }
 

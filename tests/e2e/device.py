@@ -107,6 +107,7 @@ class DeviceTest(unittest.TestCase):
         self.environment = dict(
             os.environ, ALSA_CONFIG_PATH=str(self.folder / "card/asound.conf"),
             NUVIO_SETTINGS=str(self.folder / "settings.conf"), NUVIO_LOG_STDERR="1",
+            NUVIO_MUSIC_FOLDERS=str(self.folder),
             DBUS_SESSION_BUS_ADDRESS=f"unix:path={self.folder}/bus")
         self.start_bus()
         self.write_settings(**self.settings)

@@ -6,6 +6,7 @@
 
 #include "fuzz/expect.h"
 #include "local/display_text.h"
+#include "local/file_url.h"
 #include "local/playlist.h"
 
 using namespace local_core;

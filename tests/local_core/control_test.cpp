@@ -133,9 +133,9 @@ TEST_F(Control, SeekIsExactWhilePlayingAndPausedAndDropsWhatWasDecoded) {
     run_until_taken(1, 1000);
     EXPECT_EQ(call(nuv_connect_pause_playback), NUV_ERROR_OK);
     EXPECT_EQ(seek(7), NUV_ERROR_OK);
-    device.run_until_line("seeked 1 7");
+    device.run_until_line("state PAUSED");
     EXPECT_THAT(device.take_lines(),
-                ElementsAre("pause", "state PAUSED", "seek in progress", "seeked 1 7"));
+                ElementsAre("seek in progress", "seeked 1 7", "pause", "state PAUSED"));
     device.take = nullptr;
     hold_end_of_track(false);
     told(nuv_connect_resume_playback, "finished 1");

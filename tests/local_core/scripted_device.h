@@ -11,6 +11,7 @@
 #include <uv.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstring>
 #include <functional>
@@ -18,6 +19,7 @@
 #include <map>
 #include <sstream>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -38,6 +40,7 @@ class ScriptedDevice {
     };
 
     ScriptedDevice() {
+        setenv("NUVIO_MUSIC_FOLDERS", "/", 1);
         uv_loop_init(&m_loop);
         for (uv_timer_t* timer : {&m_resume_timer, &m_end_timer, &m_tick_timer}) {
             uv_timer_init(&m_loop, timer);
@@ -49,7 +52,12 @@ class ScriptedDevice {
             return error;
         });
         EXPECT_EQ(error, NUV_ERROR_OK);
-        nuv_connect_set_log_delegate(m_core, {nullptr, [](uint32_t, const char*, const char*) {}});
+        nuv_connect_set_log_delegate(m_core,
+                                     {nullptr, [](uint32_t, const char*, const char* message) {
+                                          const std::string_view text(message);
+                                          s_joined += text.starts_with("Joining session");
+                                          s_not_joined += text.starts_with("Not joining session");
+                                      }});
     }
 
     ~ScriptedDevice() {
@@ -102,12 +110,19 @@ class ScriptedDevice {
         run([] { return false; }, ms, 1);
     }
 
-    // Connects to an endpoint, as "session", with no expiry.
+    // Connects to an endpoint, as "session", with no expiry, and waits until it is joined or, with
+    // NUV_ERROR_EMPTY_SESSION, found to have nothing to play.
     nuv_error play(const std::string& endpoint, bool become_active = true) {
-        return guarded([&](nuv_connect* core) {
+        const int joined = s_joined;
+        const int not_joined = s_not_joined;
+        const nuv_error error = guarded([&](nuv_connect* core) {
             return nuv_connect_connect(core, "session", endpoint.c_str(), "", 0, "", "", 0,
                                        become_active);
         });
+        if (error == NUV_ERROR_OK) {
+            run_until([&] { return s_joined != joined || s_not_joined != not_joined; });
+        }
+        return s_not_joined != not_joined ? NUV_ERROR_EMPTY_SESSION : error;
     }
 
     void fail_playback() {
@@ -166,6 +181,7 @@ class ScriptedDevice {
         config.serial_number = config.hardware_id = "0001";
         config.app_id = config.app_secret = "app";
         config.renderer_count = 1;
+        config.maximum_audio_quality = NUV_AUDIO_QUALITY_HI_RES_LEVEL_3;
         config.advertising_delegate = {this, Delegate<&Self::advertise>::call,
                                        Delegate<&Self::stop_advertising>::call};
         config.local_config_server_delegate = {
@@ -445,6 +461,9 @@ class ScriptedDevice {
         };
         uv_timer_start(timer, call, ms, 0);
     }
+
+    // By the core's log: sessions since the program's start.
+    static inline std::atomic<int> s_joined, s_not_joined;
 
     uv_loop_t m_loop{};
     uv_timer_t m_resume_timer{}, m_end_timer{}, m_tick_timer{};

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <filesystem>
 #include <set>
 
@@ -43,6 +44,9 @@ std::vector<std::string> paths_of(const std::vector<Track>& tracks) {
                    [](const Track& track) { return track.path; });
     return paths;
 }
+
+// Before the first file is looked at.
+const int kEverywhere = setenv("NUVIO_MUSIC_FOLDERS", "/", 1);
 
 TEST(Content, AFolderIsItsAudioFilesInOrderHiddenOnesLeftOut) {
     const TempDir folder;

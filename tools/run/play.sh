@@ -133,7 +133,7 @@ alsa.output_device = $device
 host.allow_loopback = 1
 host.state_dir = $work/state
 CONF
-    NUVIO_SETTINGS="$work/settings.conf" NUVIO_LOG_STDERR=1 \
+    NUVIO_MUSIC_FOLDERS=/ NUVIO_SETTINGS="$work/settings.conf" NUVIO_LOG_STDERR=1 \
         "$build/bin/nuvio-connect" >"$work/daemon.log" 2>&1 &
     daemon=$!
     if [ -n "$show_log" ]; then
