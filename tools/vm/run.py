@@ -19,7 +19,8 @@ import time
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 LIMIT = 420  # s, for all of it; an idle machine needs less than half
 USB_CARD = {"driver": "usb-audio", "id": "usbcard", "audiodev": "usb", "bus": "usb.0"}
-ASKED = {"pull": ("device_del", {"id": "usbcard"}), "plug": ("device_add", dict(USB_CARD, audiodev="usb-again"))}
+ASKED = {"pull": ("device_del", {"id": "usbcard"}),
+         "plug": ("device_add", dict(USB_CARD, audiodev="usb-again"))}
 CARD_RATE = 48000  # Hz, the only one that the emulated USB card has
 FRAME = 4  # bytes
 WAV_HEADER = 44  # bytes
@@ -78,9 +79,8 @@ def set_up_share(folder):
         played, start = b"", 0
         for number, (rate, size, seconds) in enumerate(tracks):
             frames = int(rate * seconds)
-            played += write_wav(share / "music" / name / f"{number}.wav",
-                                signal_samples(frames, start, rate, 12000 if size == 2 else 3_000_000),
-                                rate, size)
+            samples = signal_samples(frames, start, rate, 12000 if size == 2 else 3_000_000)
+            played += write_wav(share / "music" / name / f"{number}.wav", samples, rate, size)
             start += frames
         (share / f"{name}.expected").write_bytes(played)
     return share
@@ -106,7 +106,7 @@ def serve(machine, folder, share):
 
 
 def exact_pieces(folder):
-    """How much of the track "card" came out of HDA bit for bit, in pieces of 10 ms, and of how many.
+    """How many pieces of 10 ms of the track "card" came out of HDA bit for bit, and of how many.
 
     A busy host runs the emulated card late and loses some; another rate or level leaves none.
     """
