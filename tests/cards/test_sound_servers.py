@@ -1,7 +1,7 @@
 """The whole device on a sound server of its own, with a null sink whose monitor is recorded.
 
-Needs NUVIO_BUILD, the build tree under test, and NUVIO_ALSA_PLUG_INS, a folder with PipeWire's plug-ins
-for ALSA; ./dev sound-servers gives both.
+Needs NUVIO_BUILD, the build tree under test, and NUVIO_ALSA_PLUG_INS, a folder with PipeWire's
+plug-ins for ALSA; ./dev sound-servers gives both.
 """
 import os
 import pathlib

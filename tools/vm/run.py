@@ -4,7 +4,8 @@ tests/cards/test_vm.py: run.py FOLDER
 
 The folder `share` is the machine's /srv/share: in go the tests and the music, out come log, status
 and journal. A file `ask` there with "pull" or "plug" in it pulls the USB card or plugs it in; it is
-gone when that is done. hda.wav and usb.wav beside it are what those two cards played.
+gone when that is done. hda.wav, usb.wav and, plugged in again, usb-again.wav are what the two
+cards played.
 """
 import json
 import os
@@ -18,8 +19,11 @@ import time
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 LIMIT = 420  # s, for all of it; an idle machine needs less than half
 USB_CARD = {"driver": "usb-audio", "id": "usbcard", "audiodev": "usb", "bus": "usb.0"}
-ASKED = {"pull": ("device_del", {"id": "usbcard"}), "plug": ("device_add", USB_CARD)}
+ASKED = {"pull": ("device_del", {"id": "usbcard"}),
+         "plug": ("device_add", dict(USB_CARD, audiodev="usb-again"))}
 CARD_RATE = 48000  # Hz, the only one that the emulated USB card has
+FRAME = 4  # bytes
+WAV_HEADER = 44  # bytes
 
 
 def command_line(folder):
@@ -27,7 +31,7 @@ def command_line(folder):
                ",".join("=".join(pair) if pair[0] != "driver" else pair[1]
                         for pair in USB_CARD.items())]
     backends = [f"wav,id={name},path={folder}/{name}.wav,out.frequency={CARD_RATE}"
-                for name in ("hda", "usb")]
+                for name in ("hda", "usb", "usb-again")]
     return ["qemu-system-x86_64", "-accel", "tcg,thread=multi", "-cpu", "max", "-smp", "2",
             "-m", "1024", "-display", "none", "-no-reboot", "-nic", "none",
             "-serial", f"file:{folder}/console", "-qmp", f"unix:{folder}/monitor,server,nowait",
@@ -75,9 +79,8 @@ def set_up_share(folder):
         played, start = b"", 0
         for number, (rate, size, seconds) in enumerate(tracks):
             frames = int(rate * seconds)
-            played += write_wav(share / "music" / name / f"{number}.wav",
-                                signal_samples(frames, start, rate, 12000 if size == 2 else 3_000_000),
-                                rate, size)
+            samples = signal_samples(frames, start, rate, 12000 if size == 2 else 3_000_000)
+            played += write_wav(share / "music" / name / f"{number}.wav", samples, rate, size)
             start += frames
         (share / f"{name}.expected").write_bytes(played)
     return share
@@ -102,11 +105,20 @@ def serve(machine, folder, share):
         print("\n".join((folder / "console").read_text(errors="replace").splitlines()[-20:]))
 
 
-def card_played(folder, name):
-    """Whether what a card put out holds the track "card" bit for bit."""
-    data = (folder / f"{name}.wav").read_bytes()[44:]
+def exact_pieces(folder):
+    """How many pieces of 10 ms of the track "card" came out of HDA bit for bit, and of how many.
+
+    A busy host runs the emulated card late and loses some; another rate or level leaves none.
+    """
+    played = (folder / "hda.wav").read_bytes()
     expected = (folder / "share/card.expected").read_bytes().strip(b"\0")
-    return expected in data
+    size = CARD_RATE // 100 * FRAME
+    pieces = [expected[at:at + size] for at in range(0, len(expected) - size, size)]
+    return sum(piece in played for piece in pieces), len(pieces)
+
+
+def seconds_of_sound(recording):
+    return len(recording.read_bytes()[WAV_HEADER:].strip(b"\0")) / (CARD_RATE * FRAME)
 
 
 def main():
@@ -123,10 +135,11 @@ def main():
     log, status = share / "log", share / "status"
     print(log.read_text(errors="replace") if log.exists() else "vm: no test has run")
     passed = status.exists() and status.read_text().strip() == "0"
-    for name in ("hda", "usb"):
-        exact = card_played(folder, name)
-        passed = passed and exact
-        print(f"vm: {name}: {'bit-exact' if exact else 'NOT what was played'}")
+    exact, pieces = exact_pieces(folder)
+    print(f"vm: HDA: {exact} of {pieces} pieces of 10 ms bit for bit")
+    usb = [seconds_of_sound(folder / f"{name}.wav") for name in ("usb", "usb-again")]
+    print("vm: USB: {:.1f} s of sound before it was pulled, {:.1f} s after".format(*usb))
+    passed = passed and exact > pieces / 2 and min(usb) > 0.1
     print(f"vm: {'passed' if passed else 'FAILED'} in {time.monotonic() - begin:.0f} s")
     return 0 if passed else 1
 
