@@ -40,13 +40,16 @@ struct avahi_advertiser {
     client_ptr client{};  // null while started: no bus to reach Avahi over
     group_ptr group{};    // belongs to the client: never outlives it
     poll_ptr poll{};
-    timer_ptr reconnect{};  // armed while the client is about to be replaced
+    timer_ptr reconnect{};      // armed while the client is about to be replaced
+    uint64_t bus_retry_ms = 0;  // the last pause before an attempt without a bus; 0: there was none
+    int client_error = 0;       // Avahi's, of the last attempt to make a client
 };
 
 namespace {
 
-// Between two attempts to reach a system bus that is not there.
-constexpr uint64_t kBusRetryMs = 3000;
+// Pauses between attempts to reach a system bus that is not there: each twice the one before.
+constexpr uint64_t kFirstBusRetryMs = 3'000;
+constexpr uint64_t kLongestBusRetryMs = 60'000;
 
 // A TXT entry with its terminator; the longest text is 127 bytes.
 using txt_entry = std::array<char, 128>;
@@ -247,9 +250,13 @@ void avahi_advertiser_on_client_callback(AvahiClient* client, AvahiClientState s
     }
 }
 
+uint64_t next_bus_retry_ms(uint64_t last_ms) {
+    return std::clamp(2 * last_ms, kFirstBusRetryMs, kLongestBusRetryMs);
+}
+
 // The client waits for an absent daemon by itself. Only without a bus there is none: then the
-// attempt is repeated, and `failure_level` keeps the repetitions out of the log.
-void create_client(avahi_advertiser* self, log_level failure_level) {
+// attempt is repeated, which the log is not told again until the reason changes.
+void create_client(avahi_advertiser* self) {
     int error = 0;
     AvahiClient* client =
         avahi_client_new(avahi_libuv_poll_get(self->poll.get()), AVAHI_CLIENT_NO_FAIL,
@@ -257,21 +264,23 @@ void create_client(avahi_advertiser* self, log_level failure_level) {
     // The callback may have stored the client, also one that Avahi has given up and freed by now.
     (void)self->client.release();
     self->client.reset(client);
-    if (error != 0) {
-        app_log(failure_level, "Unable to create Avahi client: %s", avahi_strerror(error));
+    if (std::exchange(self->client_error, error) != error && error != 0) {
+        app_log(LOG_LEVEL_ERROR, "Unable to create Avahi client: %s", avahi_strerror(error));
     }
     if (client == nullptr) {
         (void)self->group.release();
-        replace_client_in(self, kBusRetryMs);
+        self->bus_retry_ms = next_bus_retry_ms(self->bus_retry_ms);
+        replace_client_in(self, self->bus_retry_ms);
+    } else {
+        self->bus_retry_ms = 0;
     }
 }
 
 void avahi_advertiser_on_reconnect(uv_timer_t* timer) {
     auto* self = static_cast<avahi_advertiser*>(timer->data);
-    const bool is_repetition = self->client == nullptr;
     self->group.reset();
     self->client.reset();
-    create_client(self, is_repetition ? LOG_LEVEL_DEBUG : LOG_LEVEL_ERROR);
+    create_client(self);
 }
 
 void avahi_advertiser_do_stop_advertising(avahi_advertiser* self) {
@@ -331,7 +340,9 @@ void avahi_advertiser_on_start_advertising(nuv_connect* core, const char* name,
     self->name.reset(avahi_strdup(name));
     self->service_name.reset(avahi_strdup(service_name));
     self->reconnect.reset(uv_timer_new(self->event_loop, self));
-    create_client(self, LOG_LEVEL_ERROR);
+    self->bus_retry_ms = 0;
+    self->client_error = 0;
+    create_client(self);
 }
 
 void avahi_advertiser_on_stop_advertising(nuv_connect* core, void* context) {
