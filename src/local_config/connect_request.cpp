@@ -2,6 +2,7 @@
 
 #include <array>
 #include <limits>
+#include <string_view>
 
 #include "utility/check.h"
 
@@ -82,9 +83,24 @@ const char* broken_rule(const cJSON* document) {
     return nullptr;
 }
 
-// Counts brackets outside strings, up to the end of the outermost value. Right for any bytes: where
-// the counts could go wrong, the parser has stopped already.
+// Where the parser begins to read: behind a byte order mark and what it takes for white space.
+const char* first_value(const char* body) {
+    constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+    const char* at =
+        std::string_view(body).starts_with(BYTE_ORDER_MARK) ? body + BYTE_ORDER_MARK.size() : body;
+    while (*at != '\0' && static_cast<unsigned char>(*at) <= ' ') {
+        ++at;
+    }
+    return at;
+}
+
+// Counts brackets outside strings, up to the end of the outermost value; what follows that is not
+// parsed. Right for any bytes: where the counts could go wrong, the parser has stopped already.
 bool nests_too_deep(const char* body) {
+    body = first_value(body);
+    if (*body != '[' && *body != '{') {
+        return false;
+    }
     int depth = 0;
     bool in_string = false;
     for (const char* at = body; *at != '\0'; ++at) {

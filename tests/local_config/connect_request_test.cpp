@@ -37,6 +37,7 @@ TEST(ConnectRequest, FirstBrokenRuleIsNamed) {
         const char* error;
     } cases[] = {
         {"", "Invalid JSON"},
+        {"\xEF\xBB\xBF 1 " + std::string(500, '['), "Request does not contain \"session_id\""},
         {"[]", "Request does not contain \"session_id\""},
         {replaced("session_id", "x"), "Request does not contain \"session_id\""},
         {replaced("\"s\"", "null"), "session_id is not a string"},
