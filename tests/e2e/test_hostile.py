@@ -31,7 +31,7 @@ QUEUE = 22            # connections that the server has open at most
 LONG = bool(os.environ.get("NUVIO_LONG"))
 KIB = 1024
 
-DISPLAY_INFO = b"GET /get-display-info HTTP/1.1\r\nHost: x\r\n\r\n"
+DISPLAY_INFO = b"GET /get-display-info HTTP/1.1\r\nHost: localhost\r\n\r\n"
 TOKEN = {"endpoint": "file:///nowhere", "jwt": "t", "exp": 4102444800}
 SESSION = json.dumps({"session_id": "s", "jwt_api": TOKEN, "jwt_nconnect": TOKEN,
                       "become_active": True}).encode()
@@ -39,7 +39,7 @@ SESSION = json.dumps({"session_id": "s", "jwt_api": TOKEN, "jwt_nconnect": TOKEN
 
 def post(body, length=None, more=b""):
     length = len(body) if length is None else length
-    return (b"POST /connect-to-nconnect HTTP/1.1\r\nHost: x\r\n" + more +
+    return (b"POST /connect-to-nconnect HTTP/1.1\r\nHost: localhost\r\n" + more +
             b"Content-Length: %s\r\n\r\n" % str(length).encode() + body)
 
 
@@ -208,7 +208,7 @@ class Hostile(DeviceTest):
             "too many headers": b"GET / HTTP/1.1\r\n" + b"X: y\r\n" * 3000 + b"\r\n",
             "no such version": b"GET /get-display-info HTTP/9.9\r\n\r\n",
             "no path": b"GET\r\n\r\n",
-            "a path outside": b"GET /../../etc/passwd HTTP/1.1\r\nHost: x\r\n\r\n",
+            "a path outside": b"GET /../../etc/passwd HTTP/1.1\r\nHost: localhost\r\n\r\n",
             "a length that is no number": post(SESSION, "many"),
             "a negative length": post(SESSION, -5),
             "a length beyond 64 bits": post(SESSION, 10**30),
@@ -220,13 +220,25 @@ class Hostile(DeviceTest):
             "deep JSON in a member": post(SESSION[:-1] + b', "x": ' + deep),
             "JSON of noise": post(noise.randbytes(60_000)),
             "a body of zeros": post(bytes(60_000)),
-            "a wrong method": b"BREW /get-display-info HTTP/1.1\r\nHost: x\r\n\r\n",
+            "a wrong method": b"BREW /get-display-info HTTP/1.1\r\nHost: localhost\r\n\r\n",
         }
         for name, data in refused.items():
             with self.subTest(name):
                 self.assertNotIn(b" 200 OK", self.exchange(data)[:64])
                 self.assertLess(self.answer_time(SLACK), SLACK)
         self.assert_bounded()
+        self.assert_unharmed()
+
+    def test_a_web_page_hands_over_nothing_and_reads_nothing(self):
+        plain = post(SESSION, more=b"Content-Type: text/plain\r\n")
+        forms = {"a form": plain.replace(b"Content-Type", b"Origin: http://evil.example\r\n"
+                                         b"Sec-Fetch-Site: cross-site\r\nContent-Type"),
+                 "a sandbox": post(SESSION, more=b"Origin: null\r\n"),
+                 "a rebound name": DISPLAY_INFO.replace(b"localhost", b"evil.example")}
+        for name, data in forms.items():
+            with self.subTest(name):
+                self.assertTrue(self.exchange(data).startswith(b"HTTP/1.1 403 Forbidden\r\n"))
+        self.assertEqual(self.log_count("API endpoint invoked: connect-to-nconnect"), 1)
         self.assert_unharmed()
 
     def test_requests_cut_anywhere_and_requests_in_a_row(self):

@@ -57,7 +57,7 @@ class Lifecycle(DeviceTest):
         self.start()
         self.half_open = socket.create_connection(("127.0.0.1", self.port))
         self.addCleanup(self.half_open.close)
-        self.half_open.sendall(b"POST /connect-to-nconnect HTTP/1.1\r\nHost: x\r\n"
+        self.half_open.sendall(b"POST /connect-to-nconnect HTTP/1.1\r\nHost: localhost\r\n"
                                b"Content-Length: 400\r\n\r\n{\"session_id\": ")
         return 0.3
 
