@@ -83,7 +83,7 @@ struct Row {
     std::string outcomes;  // a letter a moment
 };
 
-constexpr uint64_t forever = Fault::forever;
+constexpr uint64_t forever = Fault::kForever;
 
 Row fails(Op op, int error, uint64_t times, std::string outcomes) {
     const std::string often = times == forever ? "forever" : std::to_string(times) + "x";

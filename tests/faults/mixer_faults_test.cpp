@@ -40,7 +40,7 @@ template <Op op, int error, uint64_t times>
 void fail(Card& card) {
     card.inject({op, error, 0, times});
 }
-constexpr uint64_t forever = Fault::forever;
+constexpr uint64_t forever = Fault::kForever;
 
 // Changes by both sides, as long as the fault lasts.
 class MixerFaults : public CardSessions {

@@ -38,9 +38,9 @@ constexpr const char* op_names[] = {
     "write_switch",
     "read_event",
 };
-static_assert(std::size(op_names) == op_count);
+static_assert(std::size(op_names) == kOpCount);
 
-constexpr Watchers all_watchers[] = {Watchers::streams, Watchers::controls};
+constexpr Watchers kAllWatchers[] = {Watchers::streams, Watchers::controls};
 
 }  // namespace
 
@@ -51,8 +51,9 @@ const char* op_name(Op op) {
 int begin_call(OpState& op) {
     const std::uint64_t number = op.calls.fetch_add(1) + 1;
     const std::uint64_t first = op.fault_first.load();
-    if (first == 0 || number < first || number - first >= op.fault_times.load())
+    if (first == 0 || number < first || number - first >= op.fault_times.load()) {
         return 0;
+    }
     op.faults.fetch_add(1);
     return -static_cast<int>(op.fault_error.load());
 }
@@ -78,31 +79,34 @@ const char* event_file_name(Watchers watchers) {
 
 std::optional<Mapping> Mapping::open(const std::string& directory) {
     Mapping mapping;
-    mapping.directory_ = directory;
-    mapping.state_fd_ =
-        FileDescriptor(::open((directory + "/card.state").c_str(), O_RDWR | O_CLOEXEC));
+    mapping.m_directory = directory;
+    mapping.m_state_fd =
+        nuvio::UniqueFd(::open((directory + "/card.state").c_str(), O_RDWR | O_CLOEXEC));
     struct stat file = {};
-    if (!mapping.state_fd_.valid() || fstat(mapping.state_fd_.get(), &file) != 0)
+    if (!mapping.m_state_fd || fstat(mapping.m_state_fd.get(), &file) != 0) {
         return std::nullopt;
+    }
     if (static_cast<std::uint64_t>(file.st_size) != sizeof(SharedState)) {
         errno = EINVAL;
         return std::nullopt;
     }
     void* const memory = mmap(nullptr, sizeof(SharedState), PROT_READ | PROT_WRITE, MAP_SHARED,
-                              mapping.state_fd_.get(), 0);
-    if (memory == MAP_FAILED)
+                              mapping.m_state_fd.get(), 0);
+    if (memory == MAP_FAILED) {
         return std::nullopt;
-    mapping.state_.reset(static_cast<SharedState*>(memory));
-    if (mapping->magic != state_magic || mapping->version != state_version) {
+    }
+    mapping.m_state.reset(static_cast<SharedState*>(memory));
+    if (mapping->magic != kStateMagic || mapping->version != kStateVersion) {
         errno = EINVAL;
         return std::nullopt;
     }
-    for (const Watchers watchers : all_watchers) {
+    for (const Watchers watchers : kAllWatchers) {
         const std::string path = directory + "/" + event_file_name(watchers);
-        FileDescriptor& fd = mapping.event_fds_[static_cast<int>(watchers)];
-        fd = FileDescriptor(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
-        if (!fd.valid())
+        nuvio::UniqueFd& fd = mapping.m_event_fds[static_cast<int>(watchers)];
+        fd = nuvio::UniqueFd(::open(path.c_str(), O_WRONLY | O_CLOEXEC));
+        if (!fd) {
             return std::nullopt;
+        }
     }
     return mapping;
 }
@@ -113,20 +117,21 @@ void Mapping::Unmap::operator()(SharedState* state) const {
 
 void Mapping::touch(Watchers watchers) const {
     const char byte = 0;
-    /* The event is the write, its success and the file's content don't matter. */
+    // The event is the write, its success and the file's content don't matter.
     [[maybe_unused]] const ssize_t written =
-        pwrite(event_fds_[static_cast<int>(watchers)].get(), &byte, sizeof(byte), 0);
+        pwrite(m_event_fds[static_cast<int>(watchers)].get(), &byte, sizeof(byte), 0);
 }
 
 bool Mapping::lock_exclusively() const {
-    return flock(state_fd_.get(), LOCK_EX | LOCK_NB) == 0;
+    return flock(m_state_fd.get(), LOCK_EX | LOCK_NB) == 0;
 }
 
 bool store_control(const Mapping& card, ControlState& control,
-                   const std::int64_t (&values)[element_channels]) {
+                   const std::int64_t (&values)[kElementChannels]) {
     bool changed = false;
-    for (unsigned i = 0; i < element_channels; ++i)
+    for (unsigned i = 0; i < kElementChannels; ++i) {
         changed |= control.values[i].exchange(values[i]) != values[i];
+    }
     if (changed) {
         control.changes.fetch_add(1);
         card.touch(Watchers::controls);
@@ -134,15 +139,16 @@ bool store_control(const Mapping& card, ControlState& control,
     return changed;
 }
 
-FileDescriptor watch(const std::string& directory, Watchers watchers) {
-    FileDescriptor fd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+nuvio::UniqueFd watch(const std::string& directory, Watchers watchers) {
+    nuvio::UniqueFd fd(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
     const std::string path = directory + "/" + event_file_name(watchers);
-    if (fd.valid() && inotify_add_watch(fd.get(), path.c_str(), IN_MODIFY) < 0)
+    if (fd && inotify_add_watch(fd.get(), path.c_str(), IN_MODIFY) < 0) {
         fd.reset();
+    }
     return fd;
 }
 
-void drain_watch(const FileDescriptor& watch) {
+void drain_watch(const nuvio::UniqueFd& watch) {
     alignas(inotify_event) char buffer[4096];
     while (read(watch.get(), buffer, sizeof(buffer)) > 0) {
     }

@@ -1,5 +1,4 @@
-#ifndef SIMCARD_SHARED_STATE_H
-#define SIMCARD_SHARED_STATE_H
+#pragma once
 
 #include <atomic>
 #include <cstddef>
@@ -8,28 +7,26 @@
 #include <optional>
 #include <string>
 
-#include "tools/simcard/file_descriptor.h"
+#include "common/unique_fd.h"
 #include "tools/simcard/simcard.h"
 
-/*
- * The memory that all processes using one card map (card.state), and the two files that wake them.
- *
- * Everything that changes is a lock-free atomic, so a process may die at any point and leaves
- * nothing locked. A change that others must notice is stored first and then announced with
- * Mapping::touch; whoever is woken compares sequence numbers with those it saw last, so a merged or
- * superfluous wake-up does no harm.
- */
+// The memory that all processes using one card map (card.state), and the two files that wake them.
+//
+// Everything that changes is a lock-free atomic, so a process may die at any point and leaves
+// nothing locked. A change that others must notice is stored first and then announced with
+// Mapping::touch; whoever is woken compares sequence numbers with those it saw last, so a merged or
+// superfluous wake-up does no harm.
 namespace simcard {
 
-inline constexpr std::uint32_t state_magic = 0x4e53494d;
-inline constexpr std::uint32_t state_version = 1;
-inline constexpr unsigned maximum_formats = 8;
-inline constexpr unsigned maximum_rates = 32;
-inline constexpr unsigned element_channels = 2;
-inline constexpr unsigned element_name_size = 32;
-inline constexpr unsigned default_periods = 8;
-/* The clock's speed is kept in millionths. */
-inline constexpr double speed_unit = 1e6;
+inline constexpr std::uint32_t kStateMagic = 0x4e53494d;
+inline constexpr std::uint32_t kStateVersion = 1;
+inline constexpr unsigned kMaximumFormats = 8;
+inline constexpr unsigned kMaximumRates = 32;
+inline constexpr unsigned kElementChannels = 2;
+inline constexpr unsigned kElementNameSize = 32;
+inline constexpr unsigned kDefaultPeriods = 8;
+// The clock's speed is kept in millionths.
+inline constexpr double kSpeedUnit = 1e6;
 
 template <typename T>
 using Shared = std::atomic<T>;
@@ -40,29 +37,29 @@ static_assert(Shared<std::uint32_t>::is_always_lock_free);
 struct OpState {
     Shared<std::uint64_t> calls;
     Shared<std::uint64_t> faults;
-    Shared<std::uint64_t> fault_first; /* number of the first call to fail; 0: none */
+    Shared<std::uint64_t> fault_first;  // number of the first call to fail; 0: none
     Shared<std::uint64_t> fault_times;
-    Shared<std::uint32_t> fault_error; /* positive errno */
+    Shared<std::uint32_t> fault_error;  // positive errno
     std::uint32_t padding;
 };
 
-/* Written once, before the file gets its name. */
+// Written once, before the file gets its name.
 struct FixedState {
     std::uint32_t format_count;
-    std::uint32_t formats[maximum_formats];
-    std::uint32_t rate_count; /* 0: the range counts */
-    std::uint32_t rates[maximum_rates];
+    std::uint32_t formats[kMaximumFormats];
+    std::uint32_t rate_count;  // 0: the range counts
+    std::uint32_t rates[kMaximumRates];
     std::uint32_t minimum_rate, maximum_rate;
     std::uint32_t minimum_channels, maximum_channels;
     std::uint32_t exclusive, impossible, patient;
-    char element_name[element_name_size];
+    char element_name[kElementNameSize];
     std::uint32_t has_volume, has_switch, read_only;
     std::int64_t minimum_volume, maximum_volume;
 };
 
-/* One control of the element: a value a channel, and how often that changed. */
+// One control of the element: a value a channel, and how often that changed.
 struct ControlState {
-    Shared<std::int64_t> values[element_channels];
+    Shared<std::int64_t> values[kElementChannels];
     Shared<std::uint64_t> changes;
 };
 
@@ -70,8 +67,8 @@ struct ElementState {
     Shared<std::uint32_t> present;
     Shared<std::uint32_t> padding;
     Shared<std::uint64_t> presence_changes;
-    ControlState volume; /* raw */
-    ControlState on;     /* 1: on, 0: muted */
+    ControlState volume;  // raw
+    ControlState on;      // 1: on, 0: muted
 };
 
 struct StreamState {
@@ -89,52 +86,52 @@ struct SharedState {
     std::uint32_t magic, version;
     FixedState fixed;
 
-    OpState ops[op_count];
-    OpState short_writes; /* fault_error is the number of frames taken */
+    OpState ops[kOpCount];
+    OpState short_writes;  // fault_error is the number of frames taken
 
     Shared<std::uint32_t> plugged;
     Shared<std::uint32_t> recording;
-    Shared<std::uint32_t> resume_mode; /* a Resume */
+    Shared<std::uint32_t> resume_mode;  // a Resume
     Shared<std::uint32_t> padding;
-    Shared<std::uint64_t> unplugs; /* a handle lives as long as this stays as it was at its open */
+    Shared<std::uint64_t> unplugs;  // a handle lives as long as this stays as it was at its open
     Shared<std::uint64_t> underrun_commands;
     Shared<std::uint64_t> suspend_commands;
-    Shared<std::uint64_t> speed;         /* millionths */
-    Shared<std::uint64_t> manual_frames; /* frames moved by hand since the card's creation */
+    Shared<std::uint64_t> speed;          // millionths
+    Shared<std::uint64_t> manual_frames;  // frames moved by hand since the card's creation
     Shared<std::uint64_t> next_recording;
 
     ElementState element;
     StreamState stream;
     TotalsState totals;
 };
-/* Processes of 32 and of 64 bits use one card. */
+// Processes of 32 and of 64 bits use one card.
 static_assert(alignof(Shared<std::uint64_t>) == 8);
 static_assert(offsetof(FixedState, minimum_volume) == 240);
 static_assert(offsetof(SharedState, ops) == 264 && offsetof(SharedState, plugged) == 1144);
 static_assert(offsetof(SharedState, stream) == 1272 && sizeof(SharedState) == 1376);
 
-/* Counts the call and returns 0, or the negative errno it must fail with. */
+// Counts the call and returns 0, or the negative errno it must fail with.
 int begin_call(OpState& op);
 int begin_call(SharedState& state, Op op);
 void arm_fault(OpState& op, std::uint32_t error, std::uint64_t after, std::uint64_t times);
 void clear_fault(OpState& op);
 
-/* Which watchers to wake. */
+// Which watchers to wake.
 enum class Watchers { streams, controls };
 const char* event_file_name(Watchers watchers);
 
-/* The mapped state of one card. Movable, owns the mapping and the descriptors it touches with. */
+// The mapped state of one card. Movable, owns the mapping and the descriptors it touches with.
 class Mapping {
   public:
-    /* Maps <directory>/card.state; on failure nothing, errno says why. */
+    // Maps <directory>/card.state; on failure nothing, errno says why.
     static std::optional<Mapping> open(const std::string& directory);
 
-    SharedState* operator->() const { return state_.get(); }
-    SharedState& operator*() const { return *state_; }
-    const std::string& directory() const { return directory_; }
-    /* Wakes every process that watches. */
+    SharedState* operator->() const { return m_state.get(); }
+    SharedState& operator*() const { return *m_state; }
+    const std::string& directory() const { return m_directory; }
+    // Wakes every process that watches.
     void touch(Watchers watchers) const;
-    /* Takes the card for this mapping alone until it is closed; false if another has it. */
+    // Takes the card for this mapping alone until it is closed; false if another has it.
     bool lock_exclusively() const;
 
   private:
@@ -144,22 +141,20 @@ class Mapping {
 
     Mapping() = default;
 
-    std::string directory_;
-    std::unique_ptr<SharedState, Unmap> state_;
-    FileDescriptor state_fd_;
-    FileDescriptor event_fds_[2]; /* by Watchers */
+    std::string m_directory;
+    std::unique_ptr<SharedState, Unmap> m_state;
+    nuvio::UniqueFd m_state_fd;
+    nuvio::UniqueFd m_event_fds[2];  // by Watchers
 };
 
-/* Stores one control's values; true if that changed any, and then its watchers have been woken. */
+// Stores one control's values; true if that changed any, and then its watchers have been woken.
 bool store_control(const Mapping& card, ControlState& control,
-                   const std::int64_t (&values)[element_channels]);
+                   const std::int64_t (&values)[kElementChannels]);
 
-/* A non-blocking, close-on-exec inotify descriptor that becomes readable when the watchers are
- * touched; invalid on failure, errno says why. */
-FileDescriptor watch(const std::string& directory, Watchers watchers);
-/* Reads all that waits in it. */
-void drain_watch(const FileDescriptor& watch);
+// A non-blocking, close-on-exec inotify descriptor that becomes readable when the watchers are
+// touched; invalid on failure, errno says why.
+nuvio::UniqueFd watch(const std::string& directory, Watchers watchers);
+// Reads all that waits in it.
+void drain_watch(const nuvio::UniqueFd& watch);
 
 }  // namespace simcard
-
-#endif

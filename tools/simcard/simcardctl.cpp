@@ -1,4 +1,4 @@
-/* Command line of the simulated sound card. */
+// Command line of the simulated sound card.
 #include <alsa/asoundlib.h>
 
 #include <cerrno>
@@ -72,21 +72,22 @@ struct ErrorName {
     const char* name;
     int value;
 };
-constexpr ErrorName error_names[] = {
+constexpr ErrorName kErrorNames[] = {
     {"EPIPE", EPIPE},   {"ESTRPIPE", ESTRPIPE}, {"ENODEV", ENODEV}, {"EIO", EIO},
     {"EBUSY", EBUSY},   {"EINTR", EINTR},       {"EAGAIN", EAGAIN}, {"EINVAL", EINVAL},
     {"ENOMEM", ENOMEM}, {"EBADFD", EBADFD},     {"EPERM", EPERM},   {"ENOENT", ENOENT},
     {"EACCES", EACCES}, {"ENOSYS", ENOSYS},
 };
 
-/* Words and numbers ---------------------------------------------------------------------------- */
+// ---- Words and numbers --------------------------------------------------------------------------
 
 template <typename Number>
 Number parse(std::string_view text) {
     Number value{};
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
-    if (error != std::errc() || end != text.data() + text.size())
+    if (error != std::errc() || end != text.data() + text.size()) {
         throw UsageError("not a number: " + std::string(text));
+    }
     return value;
 }
 
@@ -94,8 +95,9 @@ std::vector<std::string> split(const std::string& text, const std::string& separ
     std::vector<std::string> parts;
     std::size_t begin = 0;
     for (std::size_t end; (end = text.find(separator, begin)) != std::string::npos;
-         begin = end + separator.size())
+         begin = end + separator.size()) {
         parts.push_back(text.substr(begin, end - begin));
+    }
     parts.push_back(text.substr(begin));
     return parts;
 }
@@ -103,47 +105,52 @@ std::vector<std::string> split(const std::string& text, const std::string& separ
 template <typename Number>
 std::pair<Number, Number> parse_range(const std::string& text, const std::string& separator) {
     const std::vector<std::string> ends = split(text, separator);
-    if (ends.size() != 2)
+    if (ends.size() != 2) {
         throw UsageError("not a range: " + text);
+    }
     return {parse<Number>(ends[0]), parse<Number>(ends[1])};
 }
 
 simcard::Op parse_operation(const std::string& text) {
-    for (std::size_t i = 0; i < simcard::op_count; ++i) {
-        if (text == simcard::op_name(static_cast<simcard::Op>(i)))
+    for (std::size_t i = 0; i < simcard::kOpCount; ++i) {
+        if (text == simcard::op_name(static_cast<simcard::Op>(i))) {
             return static_cast<simcard::Op>(i);
+        }
     }
     throw UsageError("no such operation: " + text + " (see simcardctl operations)");
 }
 
 int parse_error(const std::string& text) {
-    for (const ErrorName& error : error_names) {
-        if (text == error.name)
+    for (const ErrorName& error : kErrorNames) {
+        if (text == error.name) {
             return error.value;
+        }
     }
     return parse<int>(text);
 }
 
 std::uint64_t parse_times(const std::string& text) {
-    return text == "forever" ? simcard::Fault::forever : parse<std::uint64_t>(text);
+    return text == "forever" ? simcard::Fault::kForever : parse<std::uint64_t>(text);
 }
 
 bool parse_switch(const std::string& text) {
-    if (text != "on" && text != "off")
+    if (text != "on" && text != "off") {
         throw UsageError("on or off, not " + text);
+    }
     return text == "on";
 }
 
 simcard::Resume parse_resume(const std::string& text) {
     constexpr const char* names[] = {"works", "unsupported", "stuck"};
     for (unsigned i = 0; i < std::size(names); ++i) {
-        if (text == names[i])
+        if (text == names[i]) {
             return static_cast<simcard::Resume>(i);
+        }
     }
     throw UsageError("no such way to resume: " + text);
 }
 
-/* Creation ------------------------------------------------------------------------------------- */
+// ---- Creation -----------------------------------------------------------------------------------
 
 struct Option {
     const char* name;
@@ -155,15 +162,17 @@ void set_formats(simcard::Settings& settings, const std::string& list) {
     settings.formats.clear();
     for (const std::string& name : split(list, ",")) {
         const snd_pcm_format_t format = snd_pcm_format_value(name.c_str());
-        if (format == SND_PCM_FORMAT_UNKNOWN)
+        if (format == SND_PCM_FORMAT_UNKNOWN) {
             throw UsageError("no such format: " + name);
+        }
         settings.formats.push_back(format);
     }
 }
 
 void set_rates(simcard::Settings& settings, const std::string& list) {
-    for (const std::string& rate : split(list, ","))
+    for (const std::string& rate : split(list, ",")) {
         settings.rates.push_back(parse<unsigned>(rate));
+    }
 }
 
 const std::vector<Option>& creation_options() {
@@ -196,8 +205,9 @@ const std::vector<Option>& creation_options() {
 
 const Option& find_option(const std::string& name) {
     for (const Option& option : creation_options()) {
-        if (name == option.name)
+        if (name == option.name) {
             return option;
+        }
     }
     throw UsageError("unknown option: " + name);
 }
@@ -206,15 +216,16 @@ void create(const Arguments& arguments) {
     simcard::Settings settings;
     for (std::size_t i = 1; i < arguments.size(); ++i) {
         const Option& option = find_option(arguments[i]);
-        if (option.takes_value && ++i == arguments.size())
+        if (option.takes_value && ++i == arguments.size()) {
             throw UsageError(std::string(option.name) + " needs a value");
+        }
         option.apply(settings, arguments[i]);
     }
     const Card card = Card::create(arguments[0], settings);
     std::printf("export ALSA_CONFIG_PATH=%s\n", card.config_path().c_str());
 }
 
-/* The other commands --------------------------------------------------------------------------- */
+// ---- The other commands -------------------------------------------------------------------------
 
 void show(const Card& card) {
     const simcard::Stream stream = card.stream();
@@ -230,11 +241,12 @@ void show(const Card& card) {
                 " frames; %" PRIu64 " drops, %" PRIu64 " underruns\n",
                 counters.frames_written, counters.frames_played, counters.frames_dropped,
                 counters.drops, counters.underruns);
-    for (std::size_t i = 0; i < simcard::op_count; ++i) {
-        if (counters.calls[i] > 0)
+    for (std::size_t i = 0; i < simcard::kOpCount; ++i) {
+        if (counters.calls[i] > 0) {
             std::printf("calls     %-22s %" PRIu64 " (%" PRIu64 " failed on demand)\n",
                         simcard::op_name(static_cast<simcard::Op>(i)), counters.calls[i],
                         counters.faults[i]);
+        }
     }
     for (const simcard::Recording& recording : card.recordings()) {
         std::printf("recording %s %s %u Hz %u channels, %" PRIu64 " frames%s\n",
@@ -245,29 +257,33 @@ void show(const Card& card) {
 }
 
 void volume(Card& card, const Arguments& arguments) {
-    if (arguments.size() < 2)
+    if (arguments.size() < 2) {
         std::printf("%ld %s\n", card.volume(), card.switch_on() ? "on" : "off");
-    else if (arguments[1] == "on" || arguments[1] == "off")
+    } else if (arguments[1] == "on" || arguments[1] == "off") {
         card.set_switch(parse_switch(arguments[1]));
-    else
+    } else {
         card.set_volume(parse<long>(arguments[1]));
+    }
 }
 
 void element(Card& card, const Arguments& arguments) {
-    if (arguments[1] == "remove")
+    if (arguments[1] == "remove") {
         card.remove_element();
-    else if (arguments[1] == "restore")
+    } else if (arguments[1] == "restore") {
         card.restore_element();
-    else
+    } else {
         throw UsageError("remove or restore, not " + arguments[1]);
+    }
 }
 
 void fault(Card& card, const Arguments& arguments) {
     simcard::Fault fault = {parse_operation(arguments[1]), parse_error(arguments[2]), 0, 1};
-    if (arguments.size() > 3)
+    if (arguments.size() > 3) {
         fault.after = parse<std::uint64_t>(arguments[3]);
-    if (arguments.size() > 4)
+    }
+    if (arguments.size() > 4) {
         fault.times = parse_times(arguments[4]);
+    }
     card.inject(fault);
 }
 
@@ -279,7 +295,7 @@ void shorten(Card& card, const Arguments& arguments) {
 
 struct Command {
     const char* name;
-    std::size_t minimum, maximum; /* arguments, the directory included */
+    std::size_t minimum, maximum;  // arguments, the directory included
     std::function<void(Card&, const Arguments&)> run;
 };
 
@@ -310,17 +326,21 @@ const std::vector<Command>& commands() {
 
 void run(const std::string& name, const Arguments& arguments) {
     if (name == "operations") {
-        for (std::size_t i = 0; i < simcard::op_count; ++i)
+        for (std::size_t i = 0; i < simcard::kOpCount; ++i) {
             std::printf("%s\n", simcard::op_name(static_cast<simcard::Op>(i)));
+        }
         return;
     }
-    if (name == "create" && !arguments.empty())
+    if (name == "create" && !arguments.empty()) {
         return create(arguments);
+    }
     for (const Command& command : commands()) {
-        if (name != command.name)
+        if (name != command.name) {
             continue;
-        if (arguments.size() < command.minimum || arguments.size() > command.maximum)
+        }
+        if (arguments.size() < command.minimum || arguments.size() > command.maximum) {
             throw UsageError(name + ": wrong number of arguments");
+        }
         Card card = Card::attach(arguments[0]);
         return command.run(card, arguments);
     }
@@ -340,8 +360,9 @@ int main(int argc, char** argv) {
         return EXIT_SUCCESS;
     }
     try {
-        if (arguments.empty())
+        if (arguments.empty()) {
             throw UsageError("a command is needed");
+        }
         run(arguments[0], Arguments(arguments.begin() + 1, arguments.end()));
         return EXIT_SUCCESS;
     } catch (const UsageError& error) {
