@@ -3,10 +3,10 @@
 
 #include <deque>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include "fakes/locked.h"
 #include "sdk/nuvio_connect.h"
 
 namespace fake_modules {
@@ -27,12 +27,7 @@ struct State {
     std::vector<std::string> journal;
 };
 
-// The state, locked as long as this object lives.
-struct Locked {
-    std::unique_lock<std::mutex> lock;
-    State* state;
-    State* operator->() const { return state; }
-};
+using Locked = fakes::Locked<State>;
 Locked state();
 void reset();
 

@@ -6,11 +6,11 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "fakes/locked.h"
 #include "platform/Kora.h"
 #include "platform/Nesh.h"
 #include "platform/SourceSwitch.h"
@@ -53,12 +53,7 @@ struct State {
     }
 };
 
-// The state, locked as long as this object lives.
-struct Locked {
-    std::unique_lock<std::mutex> lock;
-    State* state;
-    State* operator->() const { return state; }
-};
+using Locked = fakes::Locked<State>;
 Locked state();
 void reset();
 
