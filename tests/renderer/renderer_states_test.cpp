@@ -8,25 +8,6 @@ namespace {
 using RendererStates = RendererTest;
 using RendererDataFlow = RendererTest;
 
-TEST_F(RendererStates, InitiatingOpensTheSinkAndLetsTheSdkDeliverUnlessPaused) {
-    start(1);
-    EXPECT_EQ(offer(1, 4), 0U) << "every stream starts closed";
-    initiate();
-    EXPECT_THAT(journal::take(),
-                ElementsAre("host allow_source", "sink open 44100", "sdk resume_audio_delivery 1",
-                            "sdk notify_playback_initiated 44100 2 0"));
-    stop();
-    journal::take();
-    initiate(NUV_PLAYBACK_STATE_PAUSED);
-    EXPECT_THAT(journal::take(), ElementsAre("host allow_source", "sink open 44100",
-                                             "sdk notify_playback_initiated 44100 2 0"));
-    EXPECT_EQ(offer(1, 400), 0U);
-    resume();
-    EXPECT_THAT(journal::take(),
-                ElementsAre("sdk resume_audio_delivery 1", "sdk notify_playback_resumed"));
-    EXPECT_EQ(offer(1, 400), 400U);
-}
-
 TEST_F(RendererStates, AFailedInitiationIsReportedAndTheNextOneWorks) {
     initiate();
     EXPECT_THAT(journal::take(), ElementsAre("host allow_source", "sdk notify_playback_error"))
@@ -47,26 +28,6 @@ TEST_F(RendererStates, AFailedInitiationIsReportedAndTheNextOneWorks) {
     fake_sdk::set_result("notify_playback_initiated", NUV_ERROR_OK);
     initiate();
     EXPECT_EQ(offer(1, 400), 400U);
-}
-
-TEST_F(RendererStates, CallsOutsideTheirStatesAreIgnored) {
-    start(1);
-    pause();
-    resume();
-    stop();
-    announce_seek();
-    seeked(1, 0);
-    initiate();
-    initiate();
-    resume();
-    announce_seek();
-    announce_seek();
-    pause();
-    EXPECT_EQ(state(), AUDIO_RENDERER_STATE_PLAYING_SEEKING);
-    EXPECT_THAT(
-        journal::take(),
-        ElementsAre("host allow_source", "sink open 44100", "sdk resume_audio_delivery 1",
-                    "sdk notify_playback_initiated 44100 2 0", "host position 0", "sink flush"));
 }
 
 TEST_F(RendererStates, ASeekReportsWhereItBeganUntilItIsCompleteOrStopped) {

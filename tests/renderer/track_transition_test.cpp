@@ -61,25 +61,6 @@ TEST_F(TrackTransition, ADeviceThatPlaysLateIsWaitedForUnlessItStandsStill) {
     expect_stopped();
 }
 
-TEST_F(TrackTransition, TheNextTrackOfTheSameFormatFlowsBeforeTheEnd) {
-    play_first_stream();
-    start(2);
-    EXPECT_EQ(offer(2, 4), 0U) << "not before the hand-over";
-    hold_ms(20);
-    finish(1);
-    ASSERT_TRUE(run_until("sdk resume_audio_delivery 2"));
-    EXPECT_EQ(offer(2, 4000), 4000U);
-    EXPECT_THAT(journal::take(), ElementsAre("sdk resume_audio_delivery 2", "sink write 4000"));
-    ASSERT_TRUE(run_until("sdk notify_playback_initiated"));
-    EXPECT_THAT(journal::take(),
-                ElementsAre("host playback_status 0", "sdk notify_playback_finished false",
-                            "sdk notify_playback_initiated 44100 2 0"));
-    dispose(1);
-    hold_ms(0);
-    finish(2);
-    EXPECT_TRUE(run_until("sdk notify_playback_finished true")) << "its own end comes, too";
-}
-
 TEST_F(TrackTransition, ANextTrackThatArrivesInTheIntervalFlowsAtOnce) {
     end_first_stream(400);
     start(2);
@@ -222,28 +203,6 @@ TEST_F(TrackTransition, AnEndingTrackThatGoesEarlyDoesNotEndItsSuccessor) {
     EXPECT_EQ(offer(2, 400), 400U);
     finish(2);
     EXPECT_TRUE(run_until("sdk notify_playback_finished true"));
-}
-
-TEST_F(PlaybackPosition, ItIsWhatWasConsumedLessWhatTheSinkHolds) {
-    start(1, cd, 90000);
-    initiate();
-    EXPECT_EQ(offer(1, cd_second), cd_second);
-    hold_ms(400);
-    EXPECT_EQ(position(), 90600U);
-    fake_sink::state().buffered_is_known = false;
-    EXPECT_EQ(position(), 91000U);
-    fake_sink::state().buffered_is_known = true;
-    hold_ms(92000);
-    journal::take();
-    EXPECT_EQ(position(), 0U);
-    EXPECT_THAT(journal::take(), IsEmpty()) << "no valid position, nothing to report";
-    stop();
-    EXPECT_EQ(position(), 0U);
-    dispose(1);
-    hold_ms(0);
-    start(2, {192000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT}, 7200000);
-    initiate();
-    EXPECT_EQ(position(), 7200000U) << "beyond 4 GiB of PCM";
 }
 
 TEST_F(PlaybackPosition, TheHostHearsOfEachWholeSecondOnce) {

@@ -19,7 +19,6 @@ namespace {
 using namespace std::chrono_literals;
 using simcard::Card;
 using simcard::Op;
-using simcard::Resume;
 using simcard::Settings;
 using Clock = std::chrono::steady_clock;
 
@@ -256,32 +255,6 @@ TEST_F(SimcardPcm, ShortWritesTakeTheirPart) {
     EXPECT_EQ(write(pcm, 5), 5);
     EXPECT_EQ(write(pcm, 100), 100);
     EXPECT_EQ(delay(pcm), 212);
-}
-
-TEST_F(SimcardPcm, SuspendedStreamGoesOnStartsAnewOrStaysStuck) {
-    Card& card = make_card();
-    const PcmPtr pcm = open();
-    for (const Resume resume : {Resume::works, Resume::unsupported}) {
-        ASSERT_EQ(write(pcm, 300), 300);
-        card.play(100);
-        card.suspend(resume);
-        EXPECT_EQ(snd_pcm_avail(pcm.get()), -ESTRPIPE);
-        EXPECT_EQ(snd_pcm_state(pcm.get()), SND_PCM_STATE_SUSPENDED);
-        EXPECT_EQ(write(pcm, 1), -ESTRPIPE);
-        ASSERT_EQ(snd_pcm_recover(pcm.get(), -ESTRPIPE, 1), 0);
-        EXPECT_EQ(snd_pcm_state(pcm.get()),
-                  resume == Resume::works ? SND_PCM_STATE_RUNNING : SND_PCM_STATE_PREPARED);
-        EXPECT_EQ(delay(pcm), resume == Resume::works ? 200 : 0);
-        EXPECT_EQ(snd_pcm_avail(pcm.get()), static_cast<long>(kBuffer) - delay(pcm));
-    }
-    ASSERT_EQ(write(pcm, 300), 300);
-    EXPECT_EQ(delay(pcm), 300) << "the pointers still agree";
-
-    card.suspend(Resume::stuck);
-    EXPECT_EQ(snd_pcm_avail(pcm.get()), -ESTRPIPE);
-    snd_pcm_recover(pcm.get(), -ESTRPIPE, 1);
-    EXPECT_EQ(snd_pcm_state(pcm.get()), SND_PCM_STATE_SUSPENDED);
-    EXPECT_EQ(snd_pcm_prepare(pcm.get()), -ESTRPIPE);
 }
 
 TEST_F(SimcardPcm, DeviceThatIsGoneIsGoneForTheHandleAndBackForANewOne) {
