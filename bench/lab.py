@@ -6,8 +6,6 @@ its own, whose recording is off unless asked for.
 import array
 import contextlib
 import ctypes
-import http.client
-import json
 import math
 import mmap
 import os
@@ -18,10 +16,14 @@ import shutil
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 import wave
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tools/run"))
+import own_device  # noqa: E402
 
 PATIENCE = 30  # s
 OWN_DAEMON = pathlib.Path(__file__).resolve().parents[1] / "tools/run/own_daemon.sh"
@@ -324,9 +326,7 @@ class Bus:
     """A message bus, and one client connection on which methods are called."""
 
     def __init__(self, folder):
-        self.address = f"unix:path={folder}/bus"
-        self.process = subprocess.Popen(["dbus-daemon", "--session", "--nofork", "--nopidfile",
-                                         f"--address={self.address}"], stderr=subprocess.DEVNULL)
+        self.process, self.address = own_device.start_bus(folder)
         wait_for("message bus", (folder / "bus").exists)
         self.library = ctypes.CDLL("libsystemd.so.0")
         self.client = None
@@ -366,16 +366,7 @@ class Device:
         self.folder = lab.new_folder("device")
         self.port = lab.new_port()
         self.probe = Probe(self.folder / "probe") if probe else None
-        (self.folder / "settings.conf").write_text(f"""
-feature.nuvio_connect = 1
-feature.nuvio_connect.app_id = bench-app
-feature.nuvio_connect.app_secret = bench-secret
-feature.nuvio_connect.http_port = {self.port}
-feature.nuvio_connect.log = 1
-alsa.output_device = default
-host.allow_loopback = 1
-host.state_dir = {self.folder}/state
-""")
+        own_device.write_settings(self.folder, self.port)
 
     def __enter__(self):
         self.bus = Bus(self.folder)
@@ -410,13 +401,7 @@ host.state_dir = {self.folder}/state
         return (self.folder / "log").read_text(errors="replace")
 
     def request(self, method, path, body=None):
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE)
-        try:
-            connection.request(method, path, body)
-            answer = connection.getresponse()
-            return answer.status, answer.read()
-        finally:
-            connection.close()
+        return own_device.request(self.port, method, path, body, PATIENCE)
 
     def answers(self):
         if self.process.poll() is not None:
@@ -426,11 +411,7 @@ host.state_dir = {self.folder}/state
         return False
 
     def play(self, content):
-        expiry = 4102444800
-        status, _ = self.request("POST", "/connect-to-nconnect", json.dumps({
-            "session_id": "bench", "become_active": True,
-            "jwt_api": {"endpoint": str(content), "jwt": "api", "exp": expiry},
-            "jwt_nconnect": {"endpoint": "wss://x/", "jwt": "nc", "exp": expiry}}))
+        status = own_device.connect(self.port, content)
         if status != 200:
             raise RuntimeError(f"the session was refused with {status}")
         wait_for("the device plays", lambda: self.card.state() == "RUNNING")

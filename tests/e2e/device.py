@@ -6,8 +6,6 @@ its programs when they are another machine's.
 """
 import array
 import contextlib
-import http.client
-import json
 import math
 import os
 import pathlib
@@ -18,10 +16,14 @@ import shutil
 import signal
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 import wave
+
+sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "tools/run"))
+import own_device  # noqa: E402
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
 EMULATOR = shlex.split(os.environ.get("NUVIO_EMULATOR", ""))
@@ -117,9 +119,7 @@ class DeviceTest(unittest.TestCase):
     # ---- Making and ending ------------------------------------------------------------------
 
     def start_bus(self):
-        self.bus = subprocess.Popen(
-            ["dbus-daemon", "--session", "--nofork", "--nopidfile",
-             f"--address=unix:path={self.folder}/bus"])
+        self.bus, _ = own_device.start_bus(self.folder)
         self.addCleanup(self.end, self.bus)
         wait_for("message bus", (self.folder / "bus").exists)
 
@@ -130,20 +130,8 @@ class DeviceTest(unittest.TestCase):
         process.wait(PATIENCE)
 
     def write_settings(self, **more):
-        settings = {
-            "feature.nuvio_connect": 1,
-            "feature.nuvio_connect.app_id": "e2e-app",
-            "feature.nuvio_connect.app_secret": "e2e-secret",
-            "feature.nuvio_connect.http_port": self.port,
-            "feature.nuvio_connect.log": 1,
-            "alsa.output_device": "default",
-            "host.friendly_name": "Kitchen",
-            "host.allow_loopback": 1,
-            "host.state_dir": self.folder / "state",
-        }
-        settings.update({name.replace("__", "."): value for name, value in more.items()})
-        (self.folder / "settings.conf").write_text(
-            "".join(f"{name} = {value}\n" for name, value in settings.items()))
+        own_device.write_settings(self.folder, self.port,
+                                  **{"host.friendly_name": "Kitchen", **more})
 
     def start(self, wait=True, player=True):
         with open(self.log_path, "ab") as log:
@@ -204,13 +192,7 @@ class DeviceTest(unittest.TestCase):
         return self.run_tool("playerctl", "-p", "nuvio_connect", *words, check=False)
 
     def request(self, method, path, body=None):
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE)
-        try:
-            connection.request(method, path, body)
-            answer = connection.getresponse()
-            return answer.status, answer.read()
-        finally:
-            connection.close()
+        return own_device.request(self.port, method, path, body, PATIENCE)
 
     def answers(self):
         if self.daemon.poll() is not None:
@@ -220,12 +202,8 @@ class DeviceTest(unittest.TestCase):
         except OSError:
             return False
 
-    def connect(self, content, session="e2e", expiry=4102444800, active=True):
-        """Hands over a session as a controller does; returns the HTTP status."""
-        return self.request("POST", "/connect-to-nconnect", json.dumps({
-            "session_id": session, "become_active": active,
-            "jwt_api": {"endpoint": str(content), "jwt": "api", "exp": expiry},
-            "jwt_nconnect": {"endpoint": "wss://x/", "jwt": "nc", "exp": expiry}}))[0]
+    def connect(self, content, **how):
+        return own_device.connect(self.port, content, **how)
 
     def play(self, content):
         self.assertEqual(self.connect(content), 200)
