@@ -46,9 +46,9 @@ void check_number(const std::string& text) {
         FUZZ_EXPECT(to_number<uint8_t>(text).has_value() ==
                     (*number >= 0 && *number <= 255 && text[0] != '-'));
     }
-    const char* end = nullptr;
-    leading_number(text.c_str(), &end);
-    FUZZ_EXPECT(end >= text.c_str() && end <= text.c_str() + text.size());
+    if (text.find_first_of("0123456789") == std::string::npos) {
+        FUZZ_EXPECT(leading_number(text) == 0);
+    }
 }
 
 void check_trimming(std::string_view text) {

@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "fuzz/expect.h"
-#include "local/file_url.h"
+#include "local/display_text.h"
 #include "local/network/icy.h"
 #include "local/network/remote_playlist.h"
 
