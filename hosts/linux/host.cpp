@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <system_error>
 #include <utility>
@@ -35,6 +36,13 @@ sigset_t end_signals() {
     return signals;
 }
 
+// For whoever started it by hand; the system log has its line already. Nothing has begun that would
+// have to be ended.
+[[noreturn]] void give_up(const std::string& why) {
+    std::fprintf(stderr, "nuvio-connect: %s\n", why.c_str());
+    std::_Exit(EXIT_FAILURE);
+}
+
 }  // namespace
 
 Host& Host::instance() {
@@ -54,6 +62,10 @@ Host::Host()
       m_state(state_directory(m_settings)),
       m_controls(m_settings, m_messages, m_player, m_source_switch, m_network),
       m_dispatcher(m_controls, m_network, m_state, m_settings.get(kHostBus)) {
+    // The core knows no settings file; nothing else runs yet that could read the environment.
+    if (const std::string& folders = m_settings.get(kLocalMusicFolders); !folders.empty()) {
+        setenv("NUVIO_MUSIC_FOLDERS", folders.c_str(), 0);
+    }
     preset_messages();
     m_player.set_observer([this](uint32_t changes) { m_dispatcher.player_changed(changes); });
     m_network.set_observer([this] { m_dispatcher.network_changed(); });
@@ -104,13 +116,16 @@ void Host::start() {
     // Before there is a second thread, which would take them: they are for wait_for_end.
     const sigset_t signals = end_signals();
     pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    if (!m_settings.error().empty()) {
+        give_up(m_settings.error());
+    }
     try {
         m_pool.start();
         m_dispatcher.start();
     } catch (const std::system_error& error) {
         // A device that hears nothing is worse than none, which a service manager starts again.
         syslog(LOG_ERR, "nuvio-host: no thread to be had: %s", error.what());
-        std::_Exit(EXIT_FAILURE);
+        give_up(std::string("no thread to be had: ") + error.what());
     }
 }
 

@@ -8,6 +8,7 @@ import re
 import shlex
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -27,8 +28,9 @@ PLAYER = f"{MPRIS}.Player"
 class Child:
     """A process whose lines are read with patience."""
 
-    def __init__(self, words, environment):
+    def __init__(self, words, environment, pass_fds=()):
         self.process = subprocess.Popen(words, env=environment, text=True, bufsize=1,
+                                        pass_fds=pass_fds,
                                         errors="surrogateescape", stdin=subprocess.PIPE,
                                         stdout=subprocess.PIPE)
         self.lines = queue.Queue()
@@ -70,8 +72,8 @@ class Bus(unittest.TestCase):
         (self.folder / "settings.conf").write_text(
             "feature.nuvio_connect = 1\nhost.allow_loopback = 1\nhost.friendly_name = Radio\n")
 
-    def child(self, *words, **variables):
-        child = Child(words, self.environment | variables)
+    def child(self, *words, pass_fds=(), **variables):
+        child = Child(words, self.environment | variables, pass_fds)
         self.addCleanup(child.end)
         return child
 
@@ -213,6 +215,9 @@ class Bus(unittest.TestCase):
         self.assertFalse(self.succeeds(f"{change} Volume s loud"))
         self.assert_become([(f"{call} Seek x 9223372036854775807", "event NEXT"),
                             (f"{call} Seek x -- -9223372036854775808", "event SEEK:0")])
+        self.tell("track Endless|||0||0|0")
+        self.wait_for_answer("playerctl metadata title", "Endless")
+        self.assert_become([(f"{call} Seek x 9223372036854775807", "event SEEK:2147483647")] * 2)
         self.assert_silence()
 
     def test_jumps_of_the_position_and_changes_of_messages_are_signalled(self):
@@ -268,6 +273,31 @@ class Bus(unittest.TestCase):
         self.service.skip_to("ended")
         self.service.process.stdin.close()
         self.assertEqual(self.service.process.wait(PATIENCE), 0)
+
+    def test_a_bus_that_drops_the_first_connection_is_found(self):
+        self.socket.parent.mkdir(parents=True)
+        with socket.socket(socket.AF_UNIX) as listener:
+            listener.bind(str(self.socket))
+            listener.listen()
+            self.start_service()
+            listener.accept()[0].close()
+            # The same socket, now served: nothing in its folder tells.
+            self.child("sh", "-c", f"exec 3<&{listener.fileno()}; LISTEN_PID=$$ LISTEN_FDS=1 exec "
+                       "dbus-daemon --session --address=systemd: --nofork --nopidfile",
+                       pass_fds=[listener.fileno()])
+        self.wait_for_host()
+
+    def test_without_settings_or_threads_it_fails_and_says_why(self):
+        words = shlex.join(program("linux_host_service"))
+        (self.folder / "settings.conf").rename(self.folder / "good.conf")
+        for settings, limit, line in (("settings.conf", "", "cannot read the settings"),
+                                      ("good.conf", "ulimit -s 200000000000; ", "no thread")):
+            answer = subprocess.run(
+                ["sh", "-c", f"{limit}exec {words}"], text=True, stderr=subprocess.PIPE,
+                env=self.environment | {"NUVIO_SETTINGS": str(self.folder / settings)},
+                stdin=subprocess.DEVNULL, timeout=PATIENCE)
+            self.assertIn(line, answer.stderr)
+            self.assertEqual(answer.returncode, 1)
 
     def test_a_second_device_takes_a_name_of_its_own(self):
         self.start()

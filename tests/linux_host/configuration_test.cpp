@@ -20,6 +20,7 @@
 using namespace nuvio;
 using namespace nuvio::host;
 using testing::ElementsAre;
+using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::UnorderedElementsAre;
@@ -50,13 +51,13 @@ TEST(Settings, LinesAreTakenApartAndBadOnesNamed) {
     EXPECT_THAT(lines, ElementsAre(6, 7, 8, 9, 10, 11, 12));
 }
 
-TEST(Settings, AFileThatCannotBeReadLeavesEverythingUnset) {
+TEST(Settings, AFileThatCannotBeReadIsSaidSo) {
     const TempDir dir;
     const std::string pipe = dir.path() + "/pipe";
     ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
     for (const std::string& path : {dir.path() + "/absent", dir.path(), pipe}) {
         ::setenv("NUVIO_SETTINGS", path.c_str(), 1);
-        EXPECT_EQ(Settings::load().get(kFeatureNuvioConnect), "") << path;
+        EXPECT_THAT(Settings::load().error(), HasSubstr(path));
     }
 }
 

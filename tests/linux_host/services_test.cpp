@@ -197,6 +197,7 @@ TEST_F(HostServices, WhatMakesNoSenseIsRefused) {
                                                   {64, "loud"},
                                                   {50, "31"},  // the service's own
                                                   {63, "mute"},
+                                                  {90, "a VOLUME:90 room"},
                                                   {90, " blank at the front"}}) {
         EXPECT_FALSE(controls.write_message(id, text)) << id;
     }

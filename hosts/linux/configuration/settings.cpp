@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <array>
+#include <cstdint>
 #include <cstdlib>
 #include <system_error>
 
 #include "base/files.h"
 #include "base/text.h"
 #include "common/number.h"
+#include "common/text.h"
 #include "platform/Environment.h"
 
 namespace nuvio::host {
@@ -19,24 +21,80 @@ namespace {
 constexpr char kDefaultPath[] = "/etc/nuvio-connect/settings.conf";
 constexpr size_t kMaxProblemsLogged = 16;
 
-constexpr std::array<std::string_view, 16> kKnownKeys = {
-    kFeatureNuvioConnect,
-    KFeatureNuvioConnectLog,
-    KFeatureNuvioConnectHttpPort,
-    KFeatureNuvioConnectApp_id,
-    KFeatureNuvioConnectApp_secret,
-    KFeatureNuvioConnectVolume_Element,
-    KFeatureNuvioConnectVolume_Device,
-    kALSAOutputDeviceName,
-    kOutputFS,
-    kHostAllowLoopback,
-    kHostFriendlyName,
-    kHostManufacturer,
-    kHostModel,
-    kHostStateDir,
-    kHostBus,
-    kHostInitialVolume,
+// Why a value is not what its key asks for; null when it is. An empty value counts as not set.
+using Checker = const char* (*)(std::string_view value);
+
+const char* check_any(std::string_view) {
+    return nullptr;
+}
+const char* check_number(std::string_view value) {
+    return to_number<int>(value) ? nullptr : "not a whole number";
+}
+const char* check_port(std::string_view value) {
+    return to_number<uint16_t>(value).value_or(0) != 0 ? nullptr : "not a port from 1 to 65535";
+}
+const char* check_percent(std::string_view value) {
+    return to_percent(value) ? nullptr : "not a number from 0 to 100";
+}
+const char* check_folder(std::string_view value) {
+    return value.starts_with('/') ? nullptr : "not an absolute path";
+}
+const char* check_bus(std::string_view value) {
+    constexpr std::array<std::string_view, 4> kWords = {"auto", "session", "system", "none"};
+    const bool known = std::find(kWords.begin(), kWords.end(), value) != kWords.end();
+    return known || value.find(':') != value.npos
+               ? nullptr
+               : "neither auto, session, system or none nor an address";
+}
+const char* check_rates(std::string_view value) {
+    constexpr size_t kMaxBytes = 63;
+    if (value.size() > kMaxBytes) {
+        return "longer than 63 characters";
+    }
+    while (!value.empty()) {
+        const size_t end = std::min(value.find(','), value.size());
+        if (to_number<int>(trim(value.substr(0, end))).value_or(0) <= 0) {
+            return "not sample rates in Hz, separated by commas";
+        }
+        value.remove_prefix(std::min(end + 1, value.size()));
+    }
+    return nullptr;
+}
+
+struct KnownKey {
+    std::string_view key;
+    Checker check;
 };
+constexpr std::array<KnownKey, 17> kKnownKeys = {{
+    {kFeatureNuvioConnect, check_number},
+    {KFeatureNuvioConnectLog, check_number},
+    {KFeatureNuvioConnectHttpPort, check_port},
+    {KFeatureNuvioConnectApp_id, check_any},
+    {KFeatureNuvioConnectApp_secret, check_any},
+    {KFeatureNuvioConnectVolume_Element, check_any},
+    {KFeatureNuvioConnectVolume_Device, check_any},
+    {kALSAOutputDeviceName, check_any},
+    {kOutputFS, check_rates},
+    {kHostAllowLoopback, check_number},
+    {kHostFriendlyName, check_any},
+    {kHostManufacturer, check_any},
+    {kHostModel, check_any},
+    {kHostStateDir, check_folder},
+    {kHostBus, check_bus},
+    {kHostInitialVolume, check_percent},
+    {kLocalMusicFolders, check_folder},
+}};
+
+const KnownKey* find_key(std::string_view key) {
+    const auto* found = std::find_if(kKnownKeys.begin(), kKnownKeys.end(),
+                                     [key](const KnownKey& known) { return known.key == key; });
+    return found == kKnownKeys.end() ? nullptr : found;
+}
+
+std::string settings_path() {
+    const char* named = std::getenv("NUVIO_SETTINGS");
+    return named != nullptr && *named != '\0' ? named : kDefaultPath;
+}
 
 bool is_key(std::string_view text) {
     const auto allowed = [](char c) {
@@ -76,25 +134,41 @@ void parse_line(std::string_view line, size_t number, ParsedSettings& result) {
         return;
     }
     result.values.insert_or_assign(std::string(key), std::string(value));
+    result.lines.insert_or_assign(std::string(key), number);
 }
 
-void log_problems(const std::string& path, const std::vector<SettingsProblem>& problems) {
-    const size_t shown = std::min(problems.size(), kMaxProblemsLogged);
-    for (size_t i = 0; i < shown; ++i) {
-        syslog(LOG_ERR, "nuvio-host: %s:%zu: line ignored: %s", path.c_str(), problems[i].line,
-               problems[i].text.c_str());
+// Lines that are left out, and values that are not what their key asks for, in their order.
+std::vector<SettingsProblem> find_faults(const ParsedSettings& parsed) {
+    std::vector<SettingsProblem> findings;
+    for (const SettingsProblem& problem : parsed.problems) {
+        findings.push_back({problem.line, "line ignored: " + problem.text});
     }
-    if (problems.size() > shown) {
-        syslog(LOG_ERR, "nuvio-host: %s: %zu more lines ignored", path.c_str(),
-               problems.size() - shown);
+    for (const auto& [key, value] : parsed.values) {
+        const KnownKey* known = find_key(key);
+        const char* why = known == nullptr || value.empty() ? nullptr : known->check(value);
+        if (why != nullptr) {
+            findings.push_back({parsed.lines.find(key)->second, key + " = " + value + ": " + why});
+        }
+    }
+    std::ranges::sort(findings, {}, &SettingsProblem::line);
+    return findings;
+}
+
+void log_findings(const std::string& path, const std::vector<SettingsProblem>& findings) {
+    const size_t shown = std::min(findings.size(), kMaxProblemsLogged);
+    for (size_t i = 0; i < shown; ++i) {
+        syslog(LOG_ERR, "nuvio-host: %s:%zu: %s", path.c_str(), findings[i].line,
+               findings[i].text.c_str());
+    }
+    if (findings.size() > shown) {
+        syslog(LOG_ERR, "nuvio-host: %s: %zu more faults", path.c_str(), findings.size() - shown);
     }
 }
 
 void log_unknown_keys(const std::string& path, const ParsedSettings& parsed) {
     size_t unknown = 0;
     for (const auto& [key, value] : parsed.values) {
-        if (std::find(kKnownKeys.begin(), kKnownKeys.end(), key) == kKnownKeys.end() &&
-            ++unknown <= kMaxProblemsLogged) {
+        if (find_key(key) == nullptr && ++unknown <= kMaxProblemsLogged) {
             syslog(LOG_WARNING, "nuvio-host: %s: nothing is known by the key %s", path.c_str(),
                    key.c_str());
         }
@@ -117,13 +191,15 @@ ParsedSettings parse_settings(std::string_view text) {
 }
 
 Settings Settings::load() {
-    const char* named = std::getenv("NUVIO_SETTINGS");
-    const std::string path = named != nullptr && *named != '\0' ? named : kDefaultPath;
+    const std::string path = settings_path();
     FileText file = read_file(path, kMaxSettingsBytes);
     if (file.error != 0) {
-        syslog(LOG_ERR, "nuvio-host: cannot read the settings in %s: %s", path.c_str(),
-               std::generic_category().message(file.error).c_str());
-        return {};
+        Settings settings;
+        settings.m_error = "cannot read the settings in " + path + ": " +
+                           std::generic_category().message(file.error);
+        settings.m_values.emplace(kFeatureNuvioConnect, "1");
+        syslog(LOG_ERR, "nuvio-host: %s", settings.m_error.c_str());
+        return settings;
     }
     if (file.cut) {
         syslog(LOG_ERR, "nuvio-host: %s is larger than %zu bytes, the rest is ignored",
@@ -132,7 +208,7 @@ Settings Settings::load() {
         file.text.resize(file.text.rfind('\n') + 1);
     }
     ParsedSettings parsed = parse_settings(file.text);
-    log_problems(path, parsed.problems);
+    log_findings(path, find_faults(parsed));
     log_unknown_keys(path, parsed);
     return Settings(std::move(parsed));
 }

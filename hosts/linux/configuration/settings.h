@@ -23,6 +23,8 @@ inline constexpr char kHostModel[] = "host.model";
 inline constexpr char kHostStateDir[] = "host.state_dir";
 inline constexpr char kHostBus[] = "host.bus";  // auto, session, system, none or an address
 inline constexpr char kHostInitialVolume[] = "host.initial_volume";  // percent
+// Absolute paths with colons between: where the local core's content may lie.
+inline constexpr char kLocalMusicFolders[] = "local.music_folders";
 
 inline constexpr size_t kMaxSettingsBytes = size_t{64} * 1024;
 inline constexpr size_t kMaxValueBytes = 1024;
@@ -34,7 +36,8 @@ struct SettingsProblem {
 
 struct ParsedSettings {
     std::map<std::string, std::string, std::less<>> values;
-    std::vector<SettingsProblem> problems;  // lines that were left out, in order
+    std::map<std::string, size_t, std::less<>> lines;  // from 1, of each value
+    std::vector<SettingsProblem> problems;             // lines that were left out, in order
 };
 
 // Takes the lines apart. Pure; takes any bytes of any length.
@@ -46,9 +49,14 @@ class Settings {
     Settings() = default;
     explicit Settings(ParsedSettings parsed) : m_values(std::move(parsed.values)) {}
 
+    // Why the file could not be read; empty when it was.
+    const std::string& error() const { return m_error; }
+
     // Reads the file named in the environment variable NUVIO_SETTINGS, else
-    // /etc/nuvio-connect/settings.conf. A file that cannot be read leaves every item unset. Each
-    // problem is one line in the system log (of many, the first few and their number).
+    // /etc/nuvio-connect/settings.conf. A file that cannot be read leaves every item unset but the
+    // service's switch, which nobody has turned off: the start then fails and says why. A value
+    // that is not what its key asks for is kept, as its reader may make sense of it. Each problem
+    // is one line in the system log (of many, the first few and their number).
     static Settings load();
 
     // The item's value; empty when it is not set.
@@ -58,6 +66,7 @@ class Settings {
 
   private:
     std::map<std::string, std::string, std::less<>> m_values;
+    std::string m_error;
 };
 
 }  // namespace nuvio::host
