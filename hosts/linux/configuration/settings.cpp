@@ -147,7 +147,9 @@ std::vector<SettingsProblem> find_faults(const ParsedSettings& parsed) {
         const KnownKey* known = find_key(key);
         const char* why = known == nullptr || value.empty() ? nullptr : known->check(value);
         if (why != nullptr) {
-            findings.push_back({parsed.lines.find(key)->second, key + " = " + value + ": " + why});
+            findings.push_back(
+                {parsed.lines.find(key)->second,
+                 std::string(key).append(" = ").append(value).append(": ").append(why)});
         }
     }
     std::ranges::sort(findings, {}, &SettingsProblem::line);

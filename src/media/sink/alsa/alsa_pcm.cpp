@@ -31,43 +31,37 @@ enum class readiness {
 };
 
 struct state_rule {
+    snd_pcm_state_t state;
     readiness is;
     const char* prepare_failure;  // the log line of a prepare that fails
 };
 
-// What is done in each state of a PCM that is open; states of a later ALSA count as failed.
+// What is done in each state of a PCM that is open.
+constexpr std::array kStateRules = {
+    // The set-up is part of opening, so this one has been lost.
+    state_rule{SND_PCM_STATE_OPEN, readiness::failed, nullptr},
+    // After a drop. Also after a drain, which is followed by nothing but a close.
+    state_rule{SND_PCM_STATE_SETUP, readiness::needs_prepare, "Unable to prepare ALSA audio sink"},
+    // The first write starts it.
+    state_rule{SND_PCM_STATE_PREPARED, readiness::ready, nullptr},
+    state_rule{SND_PCM_STATE_RUNNING, readiness::ready, nullptr},
+    // It ran dry. What was heard is heard; the next frames follow the gap.
+    state_rule{SND_PCM_STATE_XRUN, readiness::needs_prepare,
+               "Unable to prepare ALSA audio sink after underrun"},
+    // A drain is over before anything else is asked of the PCM.
+    state_rule{SND_PCM_STATE_DRAINING, readiness::failed, nullptr},
+    // Takes frames until it is full and plays them after the resume.
+    state_rule{SND_PCM_STATE_PAUSED, readiness::ready, nullptr},
+    // The machine slept. Only a failed call leads to the repair of this one.
+    state_rule{SND_PCM_STATE_SUSPENDED, readiness::failed, nullptr},
+    // The card is gone, and this PCM with it, even if the card comes back.
+    state_rule{SND_PCM_STATE_DISCONNECTED, readiness::failed, nullptr},
+};
+
+// States of a later ALSA count as failed.
 state_rule rule_of(snd_pcm_state_t state) {
-    switch (state) {
-        case SND_PCM_STATE_OPEN:
-            // The set-up is part of opening, so this one has been lost.
-            return {readiness::failed, nullptr};
-        case SND_PCM_STATE_SETUP:
-            // After a drop. Also after a drain, which is followed by nothing but a close.
-            return {readiness::needs_prepare, "Unable to prepare ALSA audio sink"};
-        case SND_PCM_STATE_PREPARED:
-            // The first write starts it.
-            return {readiness::ready, nullptr};
-        case SND_PCM_STATE_RUNNING:
-            return {readiness::ready, nullptr};
-        case SND_PCM_STATE_XRUN:
-            // It ran dry. What was heard is heard; the next frames follow the gap.
-            return {readiness::needs_prepare, "Unable to prepare ALSA audio sink after underrun"};
-        case SND_PCM_STATE_DRAINING:
-            // A drain is over before anything else is asked of the PCM.
-            return {readiness::failed, nullptr};
-        case SND_PCM_STATE_PAUSED:
-            // Takes frames until it is full and plays them after the resume.
-            return {readiness::ready, nullptr};
-        case SND_PCM_STATE_SUSPENDED:
-            // The machine slept. Only a failed call leads to the repair of this one.
-            return {readiness::failed, nullptr};
-        case SND_PCM_STATE_DISCONNECTED:
-            // The card is gone, and this PCM with it, even if the card comes back.
-            return {readiness::failed, nullptr};
-        case SND_PCM_STATE_PRIVATE1:
-            break;
-    }
-    return {readiness::failed, nullptr};
+    const auto* rule = std::ranges::find(kStateRules, state, &state_rule::state);
+    return rule == kStateRules.end() ? state_rule{state, readiness::failed, nullptr} : *rule;
 }
 
 // ---- Repair ---------------------------------------------------------------------------------
