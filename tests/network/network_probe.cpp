@@ -118,7 +118,7 @@ void decode(const Job& job) {
     HttpSource source(job.request);
     SF_INFO info{};
     const RemoteSound sound = open_remote_sound(source, &info);
-    std::vector<short> piece(2 * 3000);
+    std::vector<short> piece(size_t{2} * 3000);
     for (auto [offset, count] : job.parts) {
         if (!sound || info.channels != 2 ||
             sf_seek(sound.get(), static_cast<sf_count_t>(offset), SEEK_SET) < 0) {
