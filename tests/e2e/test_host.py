@@ -8,7 +8,7 @@ import socket
 import subprocess
 import unittest
 
-from device import PATIENCE, DeviceTest, program, signal_samples, wait_for, write_wav
+from device import EMULATOR, PATIENCE, DeviceTest, program, signal_samples, wait_for, write_wav
 
 CD = 44100
 PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
@@ -49,8 +49,9 @@ class SelfCheck(DeviceTest):
         self.assertRegex(str(found["output"]), r"'ok'.* up to 192000 Hz, 24 bit; buffer \d+ ms, "
                                                r"period \d+ ms")
         self.assertRegex(str(found["mixer"]), r"'ok'.*'Master' of 'default': volume \d+ of 0 to ")
-        self.start()  # the service itself holds the port
-        self.assertEqual(self.findings()["settings"][0], "ok")
+        self.start()  # the service itself holds the port; an emulator hides who that is
+        if not EMULATOR:
+            self.assertEqual(self.findings()["settings"][0], "ok")
 
     def test_it_names_who_holds_the_port_and_what_the_card_refuses(self):
         with socket.create_server(("", self.port)):

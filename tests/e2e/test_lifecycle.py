@@ -131,8 +131,8 @@ class Lifecycle(DeviceTest):
             ["sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", *program("nuvio-connect")],
             env=self.environment)
         wait_for("HTTP answers", self.answers)
-        self.assertEqual({os.readlink(f"/proc/{self.daemon.pid}/fd/{n}") for n in range(3)},
-                         {"/dev/null"})
+        for n in range(3):  # under an emulator below its root
+            self.assertRegex(os.readlink(f"/proc/{self.daemon.pid}/fd/{n}"), "/dev/null$")
         self.assertEqual(self.stop()[0], 0)
 
     def test_the_journal_is_told_the_level_of_each_line(self):
