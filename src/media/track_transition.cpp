@@ -242,7 +242,11 @@ void audio_renderer_on_playback_finished_timer_timeout(uv_timer_t* timer) {
 
     if (is_still_heard(self)) {
         bring_loop_time_up_to_date(self);
-        audio_renderer_schedule_playback_finished_timer(self);
+        // Not to the very end: the drain waits out the last bit, and the card does not run dry.
+        self->awaited_rest = audio_renderer_get_buffered_duration(self);
+        uv_pausable_timer_start(
+            self->playback_finished_timer.get(), audio_renderer_on_playback_finished_timer_timeout,
+            self->awaited_rest - std::min(self->awaited_rest, short_rest_ms), 0);
         return;
     }
     app_log(LOG_LEVEL_INFO, "Playback has finished");
