@@ -10,8 +10,8 @@
 #include <thread>
 #include <utility>
 
-#include "local/display_text.h"
 #include "local/signals_blocked.h"
+#include "local/texts/display_text.h"
 #include "local/track_decoder.h"
 
 namespace local_core {
