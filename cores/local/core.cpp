@@ -8,8 +8,8 @@
 #include "common/utf8.h"
 #include "local/content.h"
 #include "local/device_uuid.h"
-#include "local/display_text.h"
 #include "local/files.h"
+#include "local/texts/display_text.h"
 
 namespace local_core {
 

@@ -6,8 +6,8 @@
 #include <system_error>
 #include <utility>
 
-#include "local/display_text.h"
-#include "local/file_url.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
 
 namespace local_core {
 

@@ -11,7 +11,7 @@
 #include <utility>
 
 #include "common/signals_blocked.h"
-#include "local/display_text.h"
+#include "local/texts/display_text.h"
 #include "local/track_decoder.h"
 
 namespace local_core {

@@ -12,9 +12,9 @@
 #include "common/released_by.h"
 #include "common/text.h"
 #include "common/utf8.h"
-#include "local/display_text.h"
 #include "local/network/url.h"
-#include "local/playlist.h"
+#include "local/texts/display_text.h"
+#include "local/texts/playlist.h"
 
 namespace local_core {
 
