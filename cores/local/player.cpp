@@ -12,6 +12,7 @@ namespace {
 constexpr uint64_t kRestartAfterMs = 3000;
 // So many tracks in a row that the renderer can't play are a renderer that can't play.
 constexpr int kMaxRefused = 3;
+constexpr size_t kMaxTroubles = 16;
 
 }  // namespace
 
@@ -122,6 +123,20 @@ void Player::set_modes(nuv_loop_mode loop_mode, bool shuffle) {
     }
 }
 
+nuv_error Player::edit(QueueEdit edit) {
+    if (!m_session) {
+        return NUV_ERROR_NOT_CONNECTED;
+    }
+    const size_t before = m_session->current();
+    const bool jumps = edit.kind == QueueEdit::Kind::jump;
+    const nuv_error error = m_session->edit(std::move(edit));
+    if (error == NUV_ERROR_OK && (jumps || m_session->current() != before)) {
+        m_goes_backwards = false;
+        skip_to(m_session->current());
+    }
+    return error;
+}
+
 // ---- Which track comes ------------------------------------------------------------------------
 
 void Player::skip_to(size_t track) {
@@ -157,6 +172,22 @@ void Player::pass_over(const Stream& stream) {
     m_logger.write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
                    m_session->track(track).path.c_str(), stream.open_error().c_str());
     m_session->mark_unplayable(track);
+    note_trouble({"track_failed", track, stream.open_error()});
+}
+
+void Player::note_trouble(Trouble trouble) {
+    if (m_troubles.size() < kMaxTroubles) {
+        m_troubles.push_back(std::move(trouble));
+    }
+}
+
+std::optional<Trouble> Player::take_trouble() {
+    if (m_troubles.empty()) {
+        return std::nullopt;
+    }
+    Trouble trouble = std::move(m_troubles.front());
+    m_troubles.pop_front();
+    return trouble;
 }
 
 // When nothing of the track was taken it may be its format, and the next one may be played. False
@@ -186,6 +217,7 @@ nuv_error Player::playback_error() {
     }
     m_logger.write(LogLevel::error, kAudioStreamManager, "The renderer reports a playback error");
     m_playback.forget_seek_goal();
+    note_trouble({"playback_failed", std::nullopt, "the sound card can't play"});
     if (!pass_over_refused()) {
         m_playback.set_goal(NUV_PLAYBACK_STATE_STOPPED);
     }
@@ -220,7 +252,28 @@ PlayerView Player::view() const {
     view.active = m_is_active;
     view.has_next = m_session && m_session->next();
     view.has_previous = m_session && m_session->previous();
+    if (m_session) {
+        view.track = m_session->current();
+        view.list_revision = m_session->revision();
+    }
+    if (heard()) {
+        view.stream_id = m_streams.current()->id();
+    }
+    view.seek_count = m_seek_count;
     return view;
+}
+
+std::optional<HeardTrack> Player::heard() const {
+    const Stream* const current = m_streams.current();
+    if (!m_playback.is_active() || current == nullptr || !current->is_announced() || !m_session ||
+        current->place() != place_of(current->place().track)) {
+        return std::nullopt;
+    }
+    return HeardTrack{current->place().track, &current->info(), &current->texts()};
+}
+
+uint64_t Player::position_ms() const {
+    return heard() ? m_playback.seek_goal_ms().value_or(m_streams.heard_position_ms()) : 0;
 }
 
 }  // namespace local_core

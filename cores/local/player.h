@@ -13,9 +13,11 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <string>
 
 #include "local/control.h"
 #include "local/logger.h"
@@ -25,6 +27,20 @@
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {
+
+// The track that is heard; the pointers hold until the next pass.
+struct HeardTrack {
+    size_t track;  // of the session
+    const TrackInfo* info;
+    const TrackTexts* texts;
+};
+
+// What went wrong and goes on without it; `error` as the session's channel has it.
+struct Trouble {
+    const char* error;
+    std::optional<size_t> track;
+    std::string reason;
+};
 
 class Player {
   public:
@@ -45,6 +61,15 @@ class Player {
     bool deliver();
 
     PlayerView view() const;
+    // Null without one.
+    const Session* session() const { return m_session.get(); }
+    nuv_error edit(QueueEdit edit);
+    // None while nothing of the session is heard.
+    std::optional<HeardTrack> heard() const;
+    // In the track that is heard; 0 without one. Calls a delegate.
+    uint64_t position_ms() const;
+    // The oldest that has not been taken.
+    std::optional<Trouble> take_trouble();
     // True, once, after the renderer has begun to play anew: everything about it is worth a report.
     bool take_fresh_start() { return m_playback.take_fresh_start(); }
 
@@ -92,6 +117,7 @@ class Player {
     void go_on_after_last_sample();
     void pass_over(const Stream& stream);
     bool pass_over_refused();
+    void note_trouble(Trouble trouble);
     TrackPlace place_of(size_t track) const { return {track, m_session_count}; }
 
     const PlayerDelegates m_delegates;
@@ -105,6 +131,8 @@ class Player {
     bool m_goes_backwards = false;  // the last skip did: so are unplayable tracks passed over
     int m_refused_count = 0;        // tracks in a row of which the renderer took nothing
     size_t m_first_refused = 0;     // of these
+    uint64_t m_seek_count = 0;
+    std::deque<Trouble> m_troubles;  // at most kMaxTroubles, later ones are not kept
 
     PlaybackState m_playback;
     StreamQueue m_streams;

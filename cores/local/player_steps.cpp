@@ -180,6 +180,7 @@ bool Player::end_seek() {
         return false;
     }
     m_playback.end_seek();
+    ++m_seek_count;
     // A frame lies between two milliseconds: where it is the one that was asked for, so is its
     // position, and the renderer counts on from there exactly.
     const TrackInfo& info = m_streams.current()->info();

@@ -10,7 +10,7 @@
 #include <thread>
 #include <utility>
 
-#include "local/signals_blocked.h"
+#include "common/signals_blocked.h"
 #include "local/texts/display_text.h"
 #include "local/track_decoder.h"
 
@@ -97,7 +97,7 @@ bool SessionPreparer::begin(SessionRequest request) {
         shared->thread_ended.notify_all();
     };
     try {
-        const SignalsBlocked no_signals;
+        const nuvio::SignalsBlocked no_signals;
         std::thread thread(prepare);
         pthread_setname_np(thread.native_handle(), "nuv-session");
         thread.detach();

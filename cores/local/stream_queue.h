@@ -46,6 +46,7 @@ class StreamQueue {
         const TrackPlace& place() const { return m_place; }
         // Of an announced stream.
         const TrackInfo& info() const { return DecodeThread::info(*m_pipe); }
+        const TrackTexts& texts() const { return DecodeThread::texts(*m_pipe); }
         const std::string& open_error() const { return DecodeThread::open_error(*m_pipe); }
         uint64_t id() const { return m_id; }
         bool is_announced() const { return m_id != 0; }
