@@ -1,22 +1,6 @@
 #include "local/loop_wakeup.h"
 
-#include <stdexcept>
-
 namespace local_core {
-
-namespace {
-
-template <typename Handle, typename Init>
-LoopHandle<Handle> make_handle(void* owner, Init init) {
-    auto handle = std::make_unique<Handle>();
-    if (init(handle.get()) != 0) {
-        throw std::runtime_error("the event loop takes no further handle");
-    }
-    handle->data = owner;
-    return LoopHandle<Handle>(handle.release());
-}
-
-}  // namespace
 
 LoopWakeup::LoopWakeup(uv_loop_t* loop, std::function<void()> callback)
     : m_callback(std::move(callback)) {

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 
 namespace local_core {
 
@@ -22,6 +23,18 @@ struct LoopHandleCloser {
 };
 template <typename Handle>
 using LoopHandle = std::unique_ptr<Handle, LoopHandleCloser<Handle>>;
+
+// `init` makes a libuv handle of the zeroed one and returns libuv's result; `owner` becomes its
+// data. Throws std::runtime_error where it fails.
+template <typename Handle, typename Init>
+LoopHandle<Handle> make_handle(void* owner, Init init) {
+    auto handle = std::make_unique<Handle>();
+    if (init(handle.get()) != 0) {
+        throw std::runtime_error("the event loop takes no further handle");
+    }
+    handle->data = owner;
+    return LoopHandle<Handle>(handle.release());
+}
 
 class LoopWakeup {
   public:
