@@ -38,6 +38,7 @@ Core::Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& confi
       m_uuid(
           device_uuid(config.manufacturer, config.model, config.serial_number, config.hardware_id)),
       m_wakeup(loop, [this] { pass(); }),
+      m_local_server(loop, *m_logger, [this] { m_wakeup.run_each_pass(); }),
       m_control(config.device_name, [this] { m_wakeup.wake(); }),
       m_preparer([this] { m_wakeup.wake(); }, config.maximum_audio_quality, m_logger),
       m_player({handle, config.audio_stream_delegate, config.media_delegate,
@@ -155,16 +156,14 @@ void Core::tell_remote_control() {
     m_remote.tell(m_settings, m_published);
 }
 
-// True when a delegate was called; the same below.
+// True when a delegate was called; the same below. Nothing is announced that does not listen.
 bool Core::advertise() {
     const nuv_advertising_delegate& advertising = m_config.advertising_delegate;
-    if (m_services_started && m_advertised_name == m_settings.device_name) {
+    if (!m_local_server.start(m_handle, m_config.local_config_server_delegate) ||
+        (m_advertised && m_advertised_name == m_settings.device_name)) {
         return false;
     }
-    if (!std::exchange(m_services_started, true)) {
-        const auto& server = m_config.local_config_server_delegate;
-        server.start(m_handle, server.context);
-    } else {
+    if (std::exchange(m_advertised, true)) {
         advertising.stop(m_handle, advertising.context);
     }
     m_advertised_name = m_settings.device_name;
