@@ -24,8 +24,7 @@ constexpr size_t kMaxInstanceNameBytes = 63;  // a DNS label
 Core::Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& config)
     : m_handle(handle),
       m_config(config),
-      m_uuid(
-          device_uuid(config.manufacturer, config.model, config.serial_number, config.hardware_id)),
+      m_uuid(device_uuid()),
       m_wakeup(loop, [this] { pass(); }),
       m_control(config.device_name, [this] { m_wakeup.wake(); }),
       m_preparer([this] { m_wakeup.wake(); }, config.maximum_audio_quality, m_logger),
