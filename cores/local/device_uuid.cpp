@@ -25,8 +25,8 @@ constexpr uint64_t kVariantMask = 0xc000000000000000;
 constexpr uint64_t kVariant = 0x8000000000000000;
 
 // Keeps the machine's own id out of what is announced.
-constexpr sd_id128_t kApplication =
-    SD_ID128_MAKE(5d, 0f, 6e, 2b, 8c, 41, 4f, 37, a9, 13, 7e, c4, 60, 2d, 91, b8);
+constexpr sd_id128_t kApplication = {.bytes = {0x5d, 0x0f, 0x6e, 0x2b, 0x8c, 0x41, 0x4f, 0x37, 0xa9,
+                                               0x13, 0x7e, 0xc4, 0x60, 0x2d, 0x91, 0xb8}};
 
 std::string text_of(const sd_id128_t& id) {
     std::array<char, SD_ID128_STRING_MAX> text{};
