@@ -152,6 +152,21 @@ class Unit(unittest.TestCase):
         self.assertIn(NAME.encode(), own_device.request(PORT, "GET", "/get-display-info")[1])
 
 
+    def test_3_the_panel_is_for_root_and_those_of_the_sound(self):
+        as_nobody = ("setpriv", "--reuid=nobody", "--regid=nogroup")
+        pause = ("nuvio-connect-panel", "pause")
+        with self.assertRaises(AssertionError):
+            run(*as_nobody, "--clear-groups", *pause)
+        run(*as_nobody, "--groups=audio", *pause)
+
+    def test_4_switched_off_it_counts_as_started_and_ended(self):
+        settings(feature__nuvio_connect=0)
+        self.addCleanup(settings, feature__nuvio_connect=1)
+        run("systemctl", "restart", UNIT)  # fails where the start counts as failed
+        wait("end", lambda: state("ActiveState") == ["inactive"])
+        self.assertEqual(state("Result"), ["success"])
+
+
 class Loop(unittest.TestCase):
     """It takes every rate and format but has no volume: --setup makes one."""
 
@@ -180,6 +195,8 @@ class Loop(unittest.TestCase):
         wait("mute", lambda: "[off]" in level())
         run("amixer", "-c", "Loop", "sset", "Nuvio", "100%", "unmute")
         wait("the player's volume", lambda: player("Volume") == "1")
+        run("nuvio-connect-panel", "stop")
+        wait_for_end()
 
     def test_3_a_pause_is_silent_and_loses_nothing_and_a_new_session_takes_over(self):
         with Recorder("S16_LE", 48000) as recorder:
@@ -219,7 +236,7 @@ class Cards(unittest.TestCase):
         for card in "HDA", "USB":
             with self.subTest(card):
                 told = set_up(card)
-                element = re.search(r"(?m)^volume +(\w+)", told)[1]
+                element = re.search(r"(?m)^volume +(.*?)(?: \(in software.*)?$", told)[1]
                 self.assertRegex(told, rf"ok +output .*'default_{card}' .* 48000 Hz, 16 bit; buffer")
                 run("amixer", "-c", card, "sset", element, "100%", "unmute")
                 play("card")
