@@ -290,8 +290,10 @@ class Bus(unittest.TestCase):
     def test_without_settings_or_threads_it_fails_and_says_why(self):
         words = shlex.join(program("linux_host_service"))
         (self.folder / "settings.conf").rename(self.folder / "good.conf")
-        for settings, limit, line in (("settings.conf", "", "cannot read the settings"),
-                                      ("good.conf", "ulimit -s 200000000000; ", "no thread")):
+        cases = [("settings.conf", "", "cannot read the settings")]
+        if "TSAN_OPTIONS" not in os.environ:  # so large a stack moves the maps to where it has none
+            cases.append(("good.conf", "ulimit -s 200000000000; ", "no thread"))
+        for settings, limit, line in cases:
             answer = subprocess.run(
                 ["sh", "-c", f"{limit}exec {words}"], text=True, stderr=subprocess.PIPE,
                 env=self.environment | {"NUVIO_SETTINGS": str(self.folder / settings)},
