@@ -216,17 +216,17 @@ class Loop(unittest.TestCase):
 
 def around_the_gap(heard, expected):
     """Where in the music, in frames, the sound stopped and where it went on; None: not yet heard."""
-    frame, piece = 4, 4 * 480
-    found = re.search(rb"(?s)[^\0].*?[^\0](\0{19200,})[^\0]", heard)
-    if found is None or len(heard) < found.end(1) + 20 * piece:
+    frame, piece, rest = 4, 4 * 480, bytes(4 * 4800)
+    gap = -(-heard.find(rest, len(heard) - len(heard.lstrip(b"\0"))) // frame) * frame
+    end = gap + len(heard[gap:]) - len(heard[gap:].lstrip(b"\0"))
+    behind = end // frame * frame + 10 * piece  # the driver may cut the first milliseconds
+    if gap < piece or len(heard) < behind + piece:
         return None
-    before = expected.find(heard[found.start(1) // frame * frame - piece:][:piece])
-    # The driver may cut the first milliseconds.
-    after = found.end(1) // frame * frame + 10 * piece
-    behind = expected.find(heard[after:after + piece])
-    if before < 0 or behind < 0:
-        raise AssertionError(f"other music around the gap: {before} {behind}")
-    return before // frame + piece // frame, behind // frame - 10 * piece // frame
+    stopped = expected.find(heard[gap - piece:gap])
+    went_on = expected.find(heard[behind:behind + piece])
+    if stopped < 0 or went_on < 0:
+        raise AssertionError(f"other music around the gap: {stopped} {went_on}")
+    return (stopped + piece) // frame, (went_on - 10 * piece) // frame
 
 
 class Cards(unittest.TestCase):
