@@ -35,8 +35,7 @@ HelloMessage describe(const nuv_connect_config& config, const std::string& uuid)
 Core::Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& config)
     : m_handle(handle),
       m_config(config),
-      m_uuid(
-          device_uuid(config.manufacturer, config.model, config.serial_number, config.hardware_id)),
+      m_uuid(device_uuid()),
       m_wakeup(loop, [this] { pass(); }),
       m_local_server(loop, *m_logger, [this] { m_wakeup.run_each_pass(); }),
       m_control(config.device_name, [this] { m_wakeup.wake(); }),

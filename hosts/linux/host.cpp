@@ -14,6 +14,7 @@
 
 #include "base/text.h"
 #include "common/number.h"
+#include "configuration/settings_edit.h"
 #include "platform/Environment.h"
 
 namespace nuvio::host {
@@ -66,6 +67,8 @@ Host::Host()
     if (const std::string& folders = m_settings.get(kLocalMusicFolders); !folders.empty()) {
         setenv("NUVIO_MUSIC_FOLDERS", folders.c_str(), 0);
     }
+    use_alsa_configuration();
+    setenv("NUVIO_STATE_DIR", state_directory(m_settings).c_str(), 0);
     preset_messages();
     m_player.set_observer([this](uint32_t changes) { m_dispatcher.player_changed(changes); });
     m_network.set_observer([this] { m_dispatcher.network_changed(); });

@@ -1,20 +1,52 @@
 """The packages as a device has them: installed into a clean root, run there under the service's own
 account without a service manager, and removed.
 """
+import os
+import pathlib
+import re
 import shutil
 import signal
 import socket
 import subprocess
+import sys
+import unittest
 
-from root import (ALSA_CONFIG, BUILD, CARD, LINES_OF_CHECK, PATH, PATIENCE, ROOT, SETTINGS,
-                  RootTest, findings, in_root, run, wait_for)
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+from device import Recording, own_device, signal_samples, wait_for, write_wav  # noqa: E402
 
+BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
+ROOT = pathlib.Path(os.environ["NUVIO_ROOT"])
+PATIENCE = 30  # s
+RATE = 44100
+PORT = 8000
+STATE = "/var/lib/nuvio-connect"
+CARD = f"{STATE}/card"
+ALSA_CONFIG = f"{CARD}/asound.conf"
+SETTINGS = ROOT / "etc/nuvio-connect/settings.conf"
+PATH = "PATH=/usr/sbin:/usr/bin:/sbin:/bin"
+LINES_OF_CHECK = ("settings", "output", "mixer", "bus", "avahi")
 PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-host-linux",
             "nuvio-connect-tools"]
 UNIT = "usr/lib/systemd/system/nuvio-connect.service"
 ACCOUNT = ("--userspec=nuvio-connect:nuvio-connect", "--groups=audio")
 NOTIFY = ROOT / "run/notify"
 SERVICE = f"ALSA_CONFIG_PATH={ALSA_CONFIG}", "NOTIFY_SOCKET=/run/notify"
+
+
+def run(*words, check=True):
+    result = subprocess.run(words, text=True, capture_output=True, timeout=PATIENCE)
+    if check and result.returncode != 0:
+        raise AssertionError(f"{words}: {result.stdout}{result.stderr}")
+    return result
+
+
+def in_root(*words, options=(), variables=(), check=True):
+    return run("chroot", *options, ROOT, "env", "-i", PATH, *variables, *words, check=check)
+
+
+def findings(check):
+    """What each line of --check says of its subject."""
+    return re.findall(r"(?m)^(\w+) +(\w+)", check.stdout)
 
 
 def setUpModule():
@@ -26,9 +58,12 @@ def setUpModule():
     run("mount", "-t", "tmpfs", "tmpfs", ROOT / "run")
 
 
-class Installed(RootTest):
+class Installed(unittest.TestCase):
+    """Leaves the settings as they were packaged."""
+
     def setUp(self):
-        super().setUp()
+        self.packaged_settings = SETTINGS.read_text()
+        self.addCleanup(self.restore_settings)
         self.children = []
         self.addCleanup(self.end_children)
         self.manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
@@ -60,6 +95,53 @@ class Installed(RootTest):
         wait_for("system bus", bus.exists)
         self.start("avahi-daemon", "--no-rlimits", "--no-chroot", "--no-drop-root")
         wait_for("Avahi", lambda: "FAIL  avahi" not in self.service("--check").stdout)
+
+    def restore_settings(self):
+        if SETTINGS.exists():
+            SETTINGS.write_text(self.packaged_settings)
+
+    def settings(self, **more):
+        text = SETTINGS.read_text()
+        for name, value in more.items():
+            key = name.replace("__", ".")
+            text = re.sub(rf"(?m)^#?{re.escape(key)} =.*$", f"{key} = {value}", text)
+        SETTINGS.write_text(text)
+
+    def set_up_device(self):
+        """Settings, card and music, as a person sets a device up."""
+        self.settings(feature__nuvio_connect__app_id="id", feature__nuvio_connect__app_secret="s",
+                      host__allow_loopback=1)
+        in_root("mkdir", "-p", STATE)
+        in_root("simcardctl", "create", CARD, "--patient")
+        in_root("chown", "-R", "nuvio-connect:nuvio-connect", STATE)
+        with open(ROOT / ALSA_CONFIG[1:], "a") as config:
+            config.write('pcm.default.hint { show on description "Simulated card" }\n')
+        music = ROOT / "srv/music"
+        music.mkdir(parents=True, exist_ok=True)
+        self.expected = write_wav(music / "1.wav", signal_samples(2 * RATE), RATE)
+        self.expected += write_wav(music / "2.wav", signal_samples(RATE, 2 * RATE), RATE)
+
+    def answers(self):
+        try:
+            return own_device.request(PORT, "GET", "/get-display-info")[0] == 200
+        except OSError:
+            return False
+
+    def play_and_compare(self):
+        wait_for("HTTP answers", self.answers)
+        self.assertEqual(own_device.connect(PORT, "/srv/music"), 200)
+        recording = wait_for("recording of the session", self.finished_recording)
+        self.assertEqual((recording.format, recording.rate, recording.underruns),
+                         ("S16_LE", RATE, 0))
+        self.assertTrue(recording.data == self.expected, "not the two tracks end to end")
+
+    @staticmethod
+    def finished_recording():
+        """Of what was played; trying the card leaves empty ones."""
+        for text in (ROOT / CARD[1:] / "recordings").glob("*.txt"):
+            if "closed=1" in text.read_text() and "frames=0" not in text.read_text().split():
+                return Recording(text)
+        return None
 
     # ---- Tests, in the order of their names: the last takes the packages off --------------------
 

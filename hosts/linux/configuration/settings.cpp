@@ -91,11 +91,6 @@ const KnownKey* find_key(std::string_view key) {
     return found == kKnownKeys.end() ? nullptr : found;
 }
 
-std::string settings_path() {
-    const char* named = std::getenv("NUVIO_SETTINGS");
-    return named != nullptr && *named != '\0' ? named : kDefaultPath;
-}
-
 bool is_key(std::string_view text) {
     const auto allowed = [](char c) {
         return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' || c == '_';
@@ -178,6 +173,11 @@ void log_unknown_keys(const std::string& path, const ParsedSettings& parsed) {
 }
 
 }  // namespace
+
+std::string settings_path() {
+    const char* named = std::getenv("NUVIO_SETTINGS");
+    return named != nullptr && *named != '\0' ? named : kDefaultPath;
+}
 
 ParsedSettings parse_settings(std::string_view text) {
     ParsedSettings result;

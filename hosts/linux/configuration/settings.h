@@ -29,6 +29,9 @@ inline constexpr char kLocalMusicFolders[] = "local.music_folders";
 inline constexpr size_t kMaxSettingsBytes = size_t{64} * 1024;
 inline constexpr size_t kMaxValueBytes = 1024;
 
+// The environment variable NUVIO_SETTINGS, else /etc/nuvio-connect/settings.conf.
+std::string settings_path();
+
 struct SettingsProblem {
     size_t line;  // from 1; 0 for the file as a whole
     std::string text;
