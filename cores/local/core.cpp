@@ -198,12 +198,16 @@ bool Core::report_player() {
         renderer.active_state_changed != nullptr) {
         renderer.active_state_changed(m_handle, view.active, renderer.context);
     }
-    // The device asks for the texts whenever it is told of the state.
-    if (std::exchange(m_reported.state, view.state) != view.state || begun || retitled) {
+    if (std::exchange(m_reported.state, view.state) != view.state || begun) {
         media.playback_state_changed(m_handle, view.state, media.context);
     }
     if (std::exchange(m_reported.has_next, view.has_next) != view.has_next || begun) {
         media.playback_actions_availability_changed(m_handle, view.has_next, media.context);
+    }
+    if (retitled) {
+        // With the modes the device shows the track anew, whatever its title.
+        media.playback_controls_changed(m_handle, m_reported.loop_mode, m_reported.shuffle,
+                                        media.context);
     }
     return true;
 }

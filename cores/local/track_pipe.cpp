@@ -14,7 +14,10 @@
 #include <vector>
 
 #include "common/signals_blocked.h"
+#include "local/cover.h"
+#include "local/files.h"
 #include "local/network/interruption.h"
+#include "local/network/url.h"
 #include "local/texts/display_text.h"
 
 namespace local_core {
@@ -24,8 +27,10 @@ namespace {
 constexpr uint64_t kAheadMs = 5000;    // how far a pipe gets ahead of its reader
 constexpr uint64_t kMaxBlockMs = 500;  // a block of a slow format is not filled
 constexpr uint64_t kMaxBlocksAhead = 28;
-constexpr size_t kBlocksInHand = 2;  // the decoder's and the reader's
-constexpr size_t kMaxNewTexts = 16;  // that wait for their block
+constexpr size_t kBlocksInHand = 2;                   // the decoder's and the reader's
+constexpr size_t kMaxNewTexts = 16;                   // that wait for their block
+constexpr std::chrono::milliseconds kCoverLook{200};  // while one is fetched
+constexpr std::chrono::seconds kCoverPatience{20};
 
 uint64_t bytes_of_ms(const TrackInfo& info, uint64_t ms) {
     return std::max<uint64_t>(info.format.sample_rate * ms / 1000, 1) * info.frame_bytes;
@@ -76,12 +81,18 @@ class TrackPipe::Work {
                 position(lock);
             } else if (wants_blocks() && !m_free_blocks.empty()) {
                 decode_block(lock);
+            } else if (m_cover_source) {
+                m_work.wait_for(lock, kCoverLook);
+                take_remote_cover(lock);
             } else {
                 m_work.wait(lock);
             }
         }
         lock.unlock();
-        m_decoder.reset();  // here, not on the loop's thread: it may have to wait
+        // Here, not on the loop's thread: these may have to wait.
+        m_decoder.reset();
+        m_cover_source.reset();
+        m_cover.reset();
     }
 
     void fail(std::string error) {
@@ -194,6 +205,8 @@ class TrackPipe::Work {
         if (m_decoder) {
             m_texts = describe_track(m_track, m_decoder->info());
             m_title = m_decoder->live_title();
+            provide_cover();
+            m_latest_texts = m_texts;
         }
         {
             const std::lock_guard lock(m_mutex);
@@ -204,6 +217,47 @@ class TrackPipe::Work {
             m_opening = m_decoder ? Opening::ready : Opening::failed;
         }
         m_crew->tell_news();
+    }
+
+    // A cover inside the file becomes a file of its own; one that only the session's token opens is
+    // fetched, others by whoever shows them.
+    void provide_cover() {
+        if (!m_track.remote && m_texts.album_art_url.empty()) {
+            std::string error;
+            nuvio::UniqueFd file = open_regular_file(m_track.location, &error);
+            keep_cover(file ? embedded_cover(std::move(file)) : std::nullopt);
+            m_texts.album_art_url = m_cover ? m_cover->url() : "";
+        } else if (m_track.remote && !m_track.remote->token.empty() &&
+                   same_origin(m_texts.album_art_url, m_track.remote->token_origin)) {
+            HttpRequest request = m_track.request();
+            request.url = std::exchange(m_texts.album_art_url, "");
+            request.read_ahead_bytes = kMaxCoverBytes;
+            request.give_up_after = kCoverPatience;
+            m_cover_source = std::make_unique<HttpSource>(std::move(request));
+            m_cover_until = std::chrono::steady_clock::now() + kCoverPatience;
+        }
+    }
+
+    void keep_cover(const std::optional<CoverImage>& image) {
+        m_cover = image ? KeptCover::keep(*image) : nullptr;
+    }
+
+    void take_remote_cover(std::unique_lock<std::mutex>& lock) {
+        const bool is_there = m_cover_source->is_settled();
+        if (!is_there && std::chrono::steady_clock::now() < m_cover_until) {
+            return;
+        }
+        lock.unlock();
+        CoverImage image;
+        image.bytes.resize(is_there ? kMaxCoverBytes : 0);
+        image.bytes.resize(m_cover_source->read(image.bytes.data(), image.bytes.size()));
+        m_cover_source.reset();
+        keep_cover(image);
+        m_latest_texts.album_art_url = m_cover ? m_cover->url() : "";
+        lock.lock();
+        if (m_cover) {
+            m_new_texts.emplace_back(m_taken_count, m_latest_texts);
+        }
     }
 
     // How many bytes go into a block, and how many blocks get the pipe kAheadMs ahead.
@@ -308,9 +362,8 @@ class TrackPipe::Work {
             return std::nullopt;
         }
         m_title = title;
-        TrackTexts texts = m_texts;
-        texts.title = display_text(title);
-        return texts;
+        m_latest_texts.title = display_text(title);
+        return m_latest_texts;
     }
 
     void drop_blocks() {
@@ -335,7 +388,11 @@ class TrackPipe::Work {
     // The thread's alone; what the pointers lead to is constant once opening is over.
     std::unique_ptr<TrackDecoder> m_decoder;
     TrackTexts m_texts;
-    std::string m_title;  // of a radio, as known last
+    TrackTexts m_latest_texts;  // of what is decoded
+    std::string m_title;        // of a radio, as known last
+    std::shared_ptr<const KeptCover> m_cover;
+    std::unique_ptr<HttpSource> m_cover_source;  // as long as it is fetched
+    std::chrono::steady_clock::time_point m_cover_until;
     std::unique_ptr<std::byte[]> m_memory;
     size_t m_fill_bytes = 0;
     uint64_t m_decoded_frames = 0;  // the place in the file
