@@ -180,6 +180,16 @@ bool Player::pass_over_refused() {
 
 // ---- From the renderer ------------------------------------------------------------------------
 
+nuv_error Player::playback_initiated() {
+    m_pace.begin(Pace::Clock::now());
+    return m_playback.confirm_initiated();
+}
+
+nuv_error Player::playback_resumed() {
+    m_pace.begin(Pace::Clock::now());
+    return m_playback.confirm_resumed();
+}
+
 nuv_error Player::playback_error() {
     if (m_playback.is_stopped()) {
         return NUV_ERROR_INVALID_STATE;

@@ -19,6 +19,7 @@
 
 #include "local/control.h"
 #include "local/logger.h"
+#include "local/pace.h"
 #include "local/playback_state.h"
 #include "local/session.h"
 #include "local/stream_queue.h"
@@ -44,14 +45,18 @@ class Player {
     // Offers each stream's data once; true when there may be more.
     bool deliver();
 
+    // When the next pass has something to do although nothing has happened; none while nothing
+    // plays.
+    std::optional<Pace::Time> next_time() const;
+
     PlayerView view() const;
     // True, once, after the renderer has begun to play anew: everything about it is worth a report.
     bool take_fresh_start() { return m_playback.take_fresh_start(); }
 
     // From the renderer.
-    nuv_error playback_initiated() { return m_playback.confirm_initiated(); }
+    nuv_error playback_initiated();
     nuv_error playback_paused() { return m_playback.confirm_paused(); }
-    nuv_error playback_resumed() { return m_playback.confirm_resumed(); }
+    nuv_error playback_resumed();
     nuv_error playback_stopped() { return m_playback.confirm_stopped(); }
     nuv_error playback_error();
     nuv_error playback_finished(bool no_next_track);
@@ -74,7 +79,10 @@ class Player {
     // Parts of them.
     bool keep_place();
     bool plays_undisturbed() const;
+    bool is_heard() const;
     void deliver_one(Role role, bool* has_more);
+    void follow_full_output();
+    void look();
 
     // Commands.
     void join_session(Command& command);
@@ -108,6 +116,7 @@ class Player {
 
     PlaybackState m_playback;
     StreamQueue m_streams;
+    Pace m_pace;
 };
 
 }  // namespace local_core

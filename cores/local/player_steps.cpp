@@ -9,8 +9,9 @@ namespace local_core {
 
 namespace {
 
-// The renderer's position is a difference of rounded times: so much it may lie ahead of the sound.
-constexpr uint64_t kPositionErrorMs = 2;
+// The renderer's position is a difference of rounded times, one of which a sound server estimates:
+// so much it may lie ahead of the sound.
+constexpr uint64_t kPositionErrorMs = 8;
 
 }  // namespace
 
@@ -180,6 +181,7 @@ bool Player::end_seek() {
         return false;
     }
     m_playback.end_seek();
+    m_pace.begin(Pace::Clock::now());
     // A frame lies between two milliseconds: where it is the one that was asked for, so is its
     // position, and the renderer counts on from there exactly.
     const TrackInfo& info = m_streams.current()->info();
@@ -228,8 +230,19 @@ bool Player::start_next() {
 
 // ---- Delivery ---------------------------------------------------------------------------------
 
+bool Player::is_heard() const {
+    return plays_undisturbed() && m_playback.confirmed() == NUV_PLAYBACK_STATE_PLAYING;
+}
+
 bool Player::deliver() {
+    const Pace::Time now = Pace::Clock::now();
+    if (m_pace.is_look_due(now)) {
+        look();
+    }
     bool has_more = false;
+    if (!m_pace.is_offer_due(now)) {
+        return false;
+    }
     if (m_streams.current() != nullptr) {
         deliver_one(Role::current, &has_more);
     }
@@ -237,6 +250,33 @@ bool Player::deliver() {
         deliver_one(Role::next, &has_more);
     }
     return has_more;
+}
+
+// In a hand-over the renderer's answer is too small by the next stream's share: it is not asked,
+// for it would tell the device that, too.
+void Player::look() {
+    if (!is_heard() || m_streams.is_handing_over()) {
+        return;
+    }
+    const uint64_t heard_ms = m_streams.heard_position_ms();
+    std::optional<uint64_t> left_ms;
+    if (m_streams.current()->is_finished()) {
+        const uint64_t duration_ms = m_streams.current()->info().duration_ms();
+        left_ms = duration_ms - std::min(heard_ms, duration_ms);
+    }
+    m_pace.looked(left_ms, Pace::Clock::now());
+}
+
+void Player::follow_full_output() {
+    if (is_heard() && !m_streams.is_handing_over() && m_pace.may_hold()) {
+        const Pace::Time now = Pace::Clock::now();
+        m_pace.fill(m_streams.delivered_position_ms(), m_streams.heard_position_ms(), now);
+        m_pace.looked(std::nullopt, now);
+    }
+}
+
+std::optional<Pace::Time> Player::next_time() const {
+    return is_heard() ? m_pace.next_after(Pace::Clock::now()) : std::nullopt;
 }
 
 void Player::deliver_one(Role role, bool* has_more) {
@@ -254,6 +294,10 @@ void Player::deliver_one(Role role, bool* has_more) {
             m_session->mark_unplayable(stream.place().track);
         }
         m_streams.finish(role);
+        m_pace.end_of_data(Pace::Clock::now());
+    }
+    if (offered.is_output_full && role == Role::current) {
+        follow_full_output();
     }
     *has_more |= offered.has_more;
 }

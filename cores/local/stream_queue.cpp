@@ -5,6 +5,12 @@
 
 namespace local_core {
 
+namespace {
+
+constexpr uint64_t kHandOverMs = 500;
+
+}  // namespace
+
 StreamQueue::StreamQueue(const PlayerDelegates& delegates, Control& control, const Logger& logger,
                          std::function<void()> on_news)
     : m_delegates(delegates),
@@ -109,6 +115,10 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
     if (!stream.m_is_open || stream.m_is_finished) {
         return {};
     }
+    const size_t wanted = role == Role::next ? wanted_of_next() : SIZE_MAX;
+    if (wanted == 0) {
+        return {};
+    }
     if (stream.m_block.data == nullptr) {
         switch (m_decoder.take(*stream.m_pipe, &stream.m_block)) {
             case DecodeThread::Taken::wait:
@@ -123,7 +133,7 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
         m_hand_over_position_ms = heard_position_ms();
         m_hand_over_time = std::chrono::steady_clock::now();
     }
-    const size_t left = stream.m_block.size_bytes - stream.m_offered_bytes;
+    const size_t left = std::min(stream.m_block.size_bytes - stream.m_offered_bytes, wanted);
     stream.m_is_open = false;  // unless all is taken, or the renderer opens it again meanwhile
     const size_t taken =
         std::min(audio.data(m_delegates.core, stream.m_id,
@@ -132,11 +142,17 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
     stream.m_has_flowed |= taken > 0;
     stream.m_offered_bytes += taken;
     stream.m_taken_bytes += taken;
-    if (taken == left) {
-        stream.m_is_open = true;
+    stream.m_is_open |= taken == left;
+    if (stream.m_offered_bytes == stream.m_block.size_bytes) {
         give_back_block(stream);
     }
-    return {taken, stream.m_is_open, false};
+    return {taken, stream.m_is_open, false, taken < left};
+}
+
+size_t StreamQueue::wanted_of_next() const {
+    const TrackInfo& info = m_next->info();
+    const uint64_t most = kHandOverMs * info.format.sample_rate / 1000 * info.frame_bytes;
+    return static_cast<size_t>(most - std::min(most, m_next->m_taken_bytes));
 }
 
 void StreamQueue::finish(Role role) {
@@ -171,6 +187,7 @@ std::optional<uint64_t> StreamQueue::seek_result() {
 }
 
 void StreamQueue::report_seeked(uint64_t position_ms) {
+    m_current->m_begin_ms = position_ms;
     m_delegates.audio.seeked(m_delegates.core, m_current->m_id, position_ms,
                              m_delegates.audio.context);
 }
@@ -180,7 +197,7 @@ void StreamQueue::report_seeked(uint64_t position_ms) {
 uint64_t StreamQueue::heard_position_ms() const {
     const uint64_t told =
         m_delegates.media.get_playback_position(m_delegates.core, m_delegates.media.context);
-    if (!m_next || m_next->m_taken_bytes == 0) {
+    if (!is_handing_over()) {
         return told;
     }
     const TrackInfo& next = m_next->info();
@@ -188,6 +205,11 @@ uint64_t StreamQueue::heard_position_ms() const {
         std::chrono::steady_clock::now() - m_hand_over_time);
     return told > 0 ? told + next.position_ms(m_next->m_taken_bytes / next.frame_bytes)
                     : m_hand_over_position_ms + static_cast<uint64_t>(since.count());
+}
+
+uint64_t StreamQueue::delivered_position_ms() const {
+    const TrackInfo& info = m_current->info();
+    return m_current->m_begin_ms + info.position_ms(m_current->m_taken_bytes / info.frame_bytes);
 }
 
 }  // namespace local_core
