@@ -1,6 +1,7 @@
 #include "local/pace.h"
 
 #include <algorithm>
+#include <iterator>
 
 namespace local_core {
 
@@ -10,7 +11,9 @@ using std::chrono::milliseconds;
 using FloatMs = std::chrono::duration<double, std::milli>;
 
 constexpr milliseconds kBetweenLooks{1000};
-constexpr milliseconds kSettling{200};
+constexpr milliseconds kFirstLooks[] = {milliseconds{50}, milliseconds{200}};  // after a beginning
+constexpr milliseconds kSettling{300};
+constexpr milliseconds kRetry{20};
 constexpr milliseconds kLongestWait{1000};
 constexpr uint64_t kShortOutputMs = 200;  // filled as soon as there is room
 constexpr uint64_t kMeasurableMs = 100;
@@ -22,8 +25,15 @@ constexpr double kNoMoreLooksMs = 1300;
 void Pace::begin(Time now) {
     m_offer_at = now;
     m_look_at = now;
-    m_settled_at = now + kSettling;
+    m_began_at = now;
+    m_began_ms.reset();
     m_is_short = false;
+    m_full.reset();
+}
+
+void Pace::go_on(Time now) {
+    m_offer_at = now;
+    m_look_at = now;
     m_full.reset();
 }
 
@@ -47,12 +57,27 @@ void Pace::fill(uint64_t delivered_ms, uint64_t heard_ms, Time now) {
     }
 }
 
-void Pace::looked(std::optional<uint64_t> left_ms, Time now) {
+void Pace::looked(uint64_t heard_ms, std::optional<uint64_t> left_ms, Time now) {
+    m_began_ms = m_began_ms.value_or(heard_ms);
     if (left_ms && static_cast<double>(*left_ms) < kNoMoreLooksMs * m_rate) {
         m_look_at = Time::max();
-    } else {
-        m_look_at = now < m_settled_at ? m_settled_at : now + kBetweenLooks;
+        return;
     }
+    const auto* const first = std::ranges::find_if(
+        kFirstLooks, [&](milliseconds after) { return now < m_began_at + after; });
+    m_look_at = first == std::end(kFirstLooks) ? now + kBetweenLooks : m_began_at + *first;
+}
+
+uint64_t Pace::plausible(uint64_t heard_ms, Time now) const {
+    if (!m_began_ms || now >= m_began_at + kSettling) {
+        return heard_ms;
+    }
+    const double passed_ms = FloatMs(now - m_began_at).count() * m_rate;
+    return std::min(heard_ms, *m_began_ms + static_cast<uint64_t>(passed_ms));
+}
+
+void Pace::wait_for_answer(Time now) {
+    m_offer_at = now + kRetry;
 }
 
 std::optional<Pace::Time> Pace::next_after(Time now) const {

@@ -55,7 +55,7 @@ class Player {
 
     // From the renderer.
     nuv_error playback_initiated();
-    nuv_error playback_paused() { return m_playback.confirm_paused(); }
+    nuv_error playback_paused();
     nuv_error playback_resumed();
     nuv_error playback_stopped() { return m_playback.confirm_stopped(); }
     nuv_error playback_error();
@@ -78,10 +78,13 @@ class Player {
     bool start_next();
     // Parts of them.
     bool keep_place();
+    void refresh_place();
     bool plays_undisturbed() const;
     bool is_heard() const;
     void deliver_one(Role role, bool* has_more);
     void follow_full_output();
+    uint64_t heard_ms() const;
+    bool is_end_to_wait(Role role) const;
     void look();
 
     // Commands.
@@ -117,6 +120,7 @@ class Player {
     PlaybackState m_playback;
     StreamQueue m_streams;
     Pace m_pace;
+    Pace::Time m_paused_at;
 };
 
 }  // namespace local_core

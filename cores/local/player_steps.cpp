@@ -13,6 +13,8 @@ namespace {
 // so much it may lie ahead of the sound.
 constexpr uint64_t kPositionErrorMs = 8;
 
+constexpr std::chrono::milliseconds kShortPause{100};
+
 }  // namespace
 
 // First what must be gone before anything new can come: playback, then streams. Only then the
@@ -128,9 +130,19 @@ bool Player::pause_or_resume() {
     if (m_playback.is_to_resume()) {
         m_playback.await_answer();
         media.resume_playback(m_delegates.core, media.context);
+        refresh_place();
         return true;
     }
     return false;
+}
+
+// PulseAudio takes the time since an output was emptied for time played, and answers with places
+// that lie ahead by that: a seek to the same place empties it anew.
+void Player::refresh_place() {
+    if (is_heard() && !m_playback.seek_goal_ms() && m_streams.current()->info().seekable &&
+        Pace::Clock::now() - m_paused_at > kShortPause) {
+        m_playback.set_seek_goal_ms(m_streams.delivered_position_ms());
+    }
 }
 
 // A pause drops what the output still holds. The stream is positioned at what is heard before it:
@@ -141,7 +153,7 @@ bool Player::keep_place() {
         return false;
     }
     if (!m_playback.seek_goal_ms()) {
-        const uint64_t position_ms = m_streams.heard_position_ms();
+        const uint64_t position_ms = heard_ms();
         m_playback.set_seek_goal_ms(position_ms - std::min(position_ms, kPositionErrorMs));
     }
     m_playback.set_place_kept(true);
@@ -258,20 +270,34 @@ void Player::look() {
     if (!is_heard() || m_streams.is_handing_over()) {
         return;
     }
-    const uint64_t heard_ms = m_streams.heard_position_ms();
+    const uint64_t heard = heard_ms();
     std::optional<uint64_t> left_ms;
     if (m_streams.current()->is_finished()) {
         const uint64_t duration_ms = m_streams.current()->info().duration_ms();
-        left_ms = duration_ms - std::min(heard_ms, duration_ms);
+        left_ms = duration_ms - std::min(heard, duration_ms);
     }
-    m_pace.looked(left_ms, Pace::Clock::now());
+    m_pace.looked(heard, left_ms, Pace::Clock::now());
+}
+
+uint64_t Player::heard_ms() const {
+    return m_pace.plausible(m_streams.heard_position_ms(), Pace::Clock::now());
+}
+
+// The renderer asks the output at the end of a track what it still has to play.
+bool Player::is_end_to_wait(Role role) const {
+    if (role != Role::current || !is_heard()) {
+        return false;
+    }
+    const uint64_t told = m_streams.heard_position_ms();
+    return told > m_pace.plausible(told, Pace::Clock::now());
 }
 
 void Player::follow_full_output() {
     if (is_heard() && !m_streams.is_handing_over() && m_pace.may_hold()) {
         const Pace::Time now = Pace::Clock::now();
-        m_pace.fill(m_streams.delivered_position_ms(), m_streams.heard_position_ms(), now);
-        m_pace.looked(std::nullopt, now);
+        const uint64_t heard = heard_ms();
+        m_pace.fill(m_streams.delivered_position_ms(), heard, now);
+        m_pace.looked(heard, std::nullopt, now);
     }
 }
 
@@ -288,6 +314,10 @@ void Player::deliver_one(Role role, bool* has_more) {
         m_refused_count = 0;
     }
     if (offered.is_at_end) {
+        if (is_end_to_wait(role)) {
+            m_pace.wait_for_answer(Pace::Clock::now());
+            return;
+        }
         const Stream& stream = role == Role::current ? *m_streams.current() : *m_streams.next();
         if (!stream.has_flowed()) {
             // Or repeating it would never pause for breath.
