@@ -124,6 +124,7 @@ void Core::pass() {
     if (more) {
         m_wakeup.run_each_pass();
     }
+    m_wakeup.run_at(m_player.next_time());
 }
 
 void Core::take_requests() {

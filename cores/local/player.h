@@ -22,6 +22,7 @@
 
 #include "local/control.h"
 #include "local/logger.h"
+#include "local/pace.h"
 #include "local/playback_state.h"
 #include "local/session.h"
 #include "local/stream_queue.h"
@@ -61,6 +62,10 @@ class Player {
     // Offers each stream's data once; true when there may be more.
     bool deliver();
 
+    // When the next pass has something to do although nothing has happened; none while nothing
+    // plays.
+    std::optional<Pace::Time> next_time() const;
+
     PlayerView view() const;
     // Null without one.
     const Session* session() const { return m_session.get(); }
@@ -77,9 +82,9 @@ class Player {
     bool take_new_texts() { return std::exchange(m_has_new_texts, false); }
 
     // From the renderer.
-    nuv_error playback_initiated() { return m_playback.confirm_initiated(); }
-    nuv_error playback_paused() { return m_playback.confirm_paused(); }
-    nuv_error playback_resumed() { return m_playback.confirm_resumed(); }
+    nuv_error playback_initiated();
+    nuv_error playback_paused();
+    nuv_error playback_resumed();
     nuv_error playback_stopped() { return m_playback.confirm_stopped(); }
     nuv_error playback_error();
     nuv_error playback_finished(bool no_next_track);
@@ -101,8 +106,14 @@ class Player {
     bool start_next();
     // Parts of them.
     bool keep_place();
+    void refresh_place();
     bool plays_undisturbed() const;
+    bool is_heard() const;
     void deliver_one(Role role, bool* has_more);
+    void follow_full_output();
+    uint64_t heard_ms() const;
+    bool is_end_to_wait(Role role) const;
+    void look();
 
     // Commands.
     void join_session(Command& command);
@@ -145,6 +156,8 @@ class Player {
 
     PlaybackState m_playback;
     StreamQueue m_streams;
+    Pace m_pace;
+    Pace::Time m_paused_at;
 };
 
 }  // namespace local_core

@@ -244,7 +244,7 @@ TEST_F(PlayerModel, ThePositionRunsOnBetweenReportsButNotAhead) {
     player.set_status(PLAY_STATE_PLAYING, t0);
     player.set_position(5000, t0);
     EXPECT_EQ(player.view(t0 + milliseconds(400)).position_ms, 5400);
-    EXPECT_EQ(player.view(t0 + milliseconds(90000)).position_ms, 6000);
+    EXPECT_EQ(player.view(t0 + milliseconds(90000)).position_ms, 6500);
     player.set_status(PLAY_STATE_PAUSED, t0 + milliseconds(600));
     EXPECT_EQ(player.view(t0 + milliseconds(90000)).position_ms, 5600);
     player.set_status(PLAY_STATE_STOPPED, t0);
