@@ -27,23 +27,6 @@ class UvUtilities : public LoopTest {
     std::vector<uint64_t> fired_at;  // ms on the loop's clock
 };
 
-TEST_F(UvUtilities, AsyncRunsItsCallbackWithItsContextOnTheLoop) {
-    static int calls = 0;
-    calls = 0;
-    uv_async_t* async = uv_async_new(
-        &loop_,
-        [](uv_async_t* handle) {
-            calls += *static_cast<int*>(handle->data);
-            uv_async_free(handle);
-        },
-        new int(7));
-    const auto* context = static_cast<int*>(async->data);
-    std::thread([async] { uv_async_send(async); }).join();
-    uv_run(&loop_, UV_RUN_DEFAULT);
-    EXPECT_EQ(calls, 7);
-    delete context;
-}
-
 TEST_F(UvUtilities, PausedTimerKeepsTheTimeItHadLeftAndItsRepeat) {
     uv_pausable_timer_t* timer = uv_pausable_timer_new(&loop_, this);
     uv_pausable_timer_start(timer, on_timer, 200, 20);
