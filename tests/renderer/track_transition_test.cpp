@@ -45,6 +45,7 @@ TEST_F(TrackTransition, TheTimersFollowWhatTheSinkHolds) {
     EXPECT_THAT(journal::take(), IsEmpty()) << "not yet, nor for a pause";
     dispose(2);
     resume();
+    EXPECT_EQ(due_in(renderer->playback_finished_timer), 1000U);
     announce_seek();
     EXPECT_FALSE(any_timer_armed());
     seeked(1, 0);
