@@ -1,6 +1,5 @@
 """A root (NUVIO_ROOT) with the packages in it, and the device that runs there."""
-import http.client
-import json
+import contextlib
 import os
 import pathlib
 import re
@@ -9,7 +8,7 @@ import sys
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
-from device import Recording, signal_samples, wait_for, write_wav  # noqa: E402
+from device import Recording, own_device, signal_samples, wait_for, write_wav  # noqa: E402
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
 ROOT = pathlib.Path(os.environ["NUVIO_ROOT"])
@@ -73,22 +72,13 @@ class RootTest(unittest.TestCase):
         self.expected += write_wav(music / "2.wav", signal_samples(RATE, 2 * RATE), RATE)
 
     @staticmethod
-    def request(method, path, body=None):
-        connection = http.client.HTTPConnection("127.0.0.1", PORT, timeout=PATIENCE)
-        try:
-            connection.request(method, path, body)
-            return connection.getresponse().status
-        except OSError:
-            return None
-        finally:
-            connection.close()
+    def answers():
+        with contextlib.suppress(OSError):
+            return own_device.request(PORT, "GET", "/get-display-info")[0] == 200
 
     def play_and_compare(self):
-        wait_for("HTTP answers", lambda: self.request("GET", "/get-display-info") == 200)
-        self.assertEqual(self.request("POST", "/connect-to-nconnect", json.dumps({
-            "session_id": "s", "become_active": True,
-            "jwt_api": {"endpoint": "/srv/music", "jwt": "a", "exp": 4102444800},
-            "jwt_nconnect": {"endpoint": "wss://x/", "jwt": "b", "exp": 4102444800}})), 200)
+        wait_for("HTTP answers", self.answers)
+        self.assertEqual(own_device.connect(PORT, "/srv/music"), 200)
         recording = wait_for("recording of the session", self.finished_recording)
         self.assertEqual((recording.format, recording.rate, recording.underruns),
                          ("S16_LE", RATE, 0))
