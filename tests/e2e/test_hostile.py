@@ -197,15 +197,14 @@ class Hostile(DeviceTest):
             self.assertAlmostEqual(played, time.monotonic() - self.begin[0], delta=3)
             self.assertIn(", 0 underruns\n", self.card("show"))
 
-    def assert_a_pause_is_heard(self):
+    def assert_heard(self, line, *key):
         begin = time.monotonic()
-        before = self.log_count("Pausing playback")
-        self.player("pause")
-        self.wait_for_log("Pausing playback", before + 1)
+        before = self.log_count(line)
+        self.player(*key)
+        self.wait_for_log(line, before + 1)
         taken = time.monotonic() - begin
-        print(f"pause heard after {taken:.2f} s", end=" ", file=sys.stderr)
+        print(f"{key[0]} heard after {taken:.2f} s", end=" ", file=sys.stderr)
         self.assertLess(taken, HEARD + SLACK)
-        self.player("play")
 
     # ---- The attacks ----------------------------------------------------------------------------
 
@@ -331,13 +330,14 @@ class Hostile(DeviceTest):
                 time.sleep(max(0, begin + n * seconds / count - time.monotonic()))
                 answers.append(self.connect(self.music))
             print(f"{count} sessions in {time.monotonic() - begin:.1f} s", end=" ", file=sys.stderr)
-            self.assert_a_pause_is_heard()
+            self.assert_heard("Pausing playback", "pause")
+            self.player("play")
         self.assertEqual(set(answers), {200, 500})
         self.assert_bounded()
         self.assertIn(", 0 underruns\n", self.card("show"))
 
     def test_a_folder_of_many_folders_is_not_heard(self):
-        folders = 50_000 if LONG else 5_000
+        folders = 50_000 if LONG else 1_000
         for n in range(folders):
             (self.folder / f"many/{n // 500}/{n}").mkdir(parents=True)
         self.assertEqual(self.connect(self.folder / "many"), 200)
@@ -353,7 +353,7 @@ class Hostile(DeviceTest):
             begin = time.monotonic()
             self.flood_the_bus(calls)
             print(f"{len(calls)} calls in {time.monotonic() - begin:.1f} s", end=" ", file=sys.stderr)
-            self.assert_a_pause_is_heard()
+            self.assert_heard("Seek is in progress", "position", "50")  # the flood may still come in
             print(f"{self.usage()['resident'] - self.before['resident']} KiB more", end=" ",
                   file=sys.stderr)
             self.assert_bounded()
