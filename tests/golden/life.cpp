@@ -122,7 +122,9 @@ class Life {
 void ask(uint16_t port, const std::string& head, const std::string& body = "") {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     const sockaddr_in address = loopback(port);
-    connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        std::perror("golden_life: connect");
+    }
     const std::string bytes =
         head + " HTTP/1.1\r\nHost: device\r\nContent-Length: " + std::to_string(body.size()) +
         "\r\n\r\n" + body;

@@ -117,10 +117,10 @@ TEST_F(HostServices, NotificationsWaitForThePoolAndKeepTheirOrder) {
     messages.write(63, "MUTE");
     messages.write(90, "b");
     controls.request_shutdown();
-    controls.request_shutdown();  // told each time
+    controls.request_shutdown();  // what waits already is told once
     EXPECT_THAT(record.lines(), IsEmpty());
     settle();
-    EXPECT_THAT(record.lines(), ElementsAre("90", "63", "90", "37", "37"));
+    EXPECT_THAT(record.lines(), ElementsAre("90", "63", "37"));
 }
 
 TEST_F(HostServices, NothingReachesAListenerThatHasLeft) {
@@ -132,7 +132,7 @@ TEST_F(HostServices, NothingReachesAListenerThatHasLeft) {
     messages.remove_listener(leaves, {90});
     messages.write(90, "b");
     settle();
-    EXPECT_THAT(record.lines(), ElementsAre("90", "90"));
+    EXPECT_THAT(record.lines(), ElementsAre("90"));
     EXPECT_EQ(leaves->getStrongCount(), 1);
 }
 
@@ -160,17 +160,17 @@ TEST_F(HostServices, ABlockedListenerHoldsUpNoOtherChannel) {
     EXPECT_THAT(record.lines(), IsEmpty());
 }
 
-TEST_F(HostServices, AFloodOfNotificationsIsBounded) {
-    std::atomic<int> delivered{0};
+TEST_F(HostServices, OfAFloodOfNotificationsTheLastOnesCount) {
+    std::vector<int> delivered;
     for (int i = 0; i < 5000; ++i) {
-        pool.post(Channel::network, [&delivered] { ++delivered; });
+        pool.post(Channel::network, [&delivered, i] { delivered.push_back(i); });
     }
+    std::promise<void> end;
+    pool.post(Channel::network, [&end] { end.set_value(); });
     pool.start();
-    while (delivered < 1024) {
-        std::this_thread::yield();
-    }
-    settle();
-    EXPECT_EQ(delivered, 1024);
+    EXPECT_EQ(end.get_future().wait_for(kPatience), std::future_status::ready);
+    EXPECT_EQ(delivered.size(), 63U);
+    EXPECT_EQ(delivered.back(), 4999);
 }
 
 TEST_F(HostServices, WhatMakesNoSenseIsRefused) {
