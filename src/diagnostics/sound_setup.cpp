@@ -61,10 +61,8 @@ bool is_kernel_card(const SoundCard& card) {
     return !card.id.empty();
 }
 
-// A name of ALSA's that can stand in quotes in its configuration.
-bool is_quotable(const std::string& name) {
-    return std::ranges::none_of(name,
-                                [](unsigned char c) { return c < ' ' || c == '"' || c == '\\'; });
+bool is_unquotable(unsigned char c) {
+    return c < ' ' || c == '"' || c == '\\';
 }
 
 // ---- What is written ------------------------------------------------------------------------
@@ -93,6 +91,8 @@ std::string soft_stage(const SoundCard& card, const char* half, const char* more
 }
 
 std::string alsa_configuration(const SoundCard& card, bool soft_volume) {
+    std::string description = card.description;  // a USB device's maker writes what he likes
+    std::ranges::replace_if(description, is_unquotable, ' ');
     std::string slave = "\"" + card.pcm + "\"";
     if (!is_kernel_card(card)) {
         // A plug-in of ALSA's may have no memory to be written to, and plug converts into nothing
@@ -104,19 +104,16 @@ std::string alsa_configuration(const SoundCard& card, bool soft_volume) {
         slave = soft_stage(card, "Switch", "resolution 2 ", slave);
         slave = soft_stage(card, "Volume", "", slave);
     }
-    return "# Made by 'nuvio-connect --setup', which makes it anew. Only nuvio-connect reads it,\n"
-           "# behind ALSA's own configuration.\n"
-           "\n"
-           "# Periods of this time at least (microseconds) where the card has such.\n"
-           "defaults.pcm.minperiodtime " +
-           std::to_string(kPeriodUs) +
-           "\n"
-           "\n"
-           "# " +
-           card.description +
-           ", converted only where it must be.\n"
-           "pcm.!" +
-           output_name(card) + " { type plug slave.pcm " + slave + " }\n";
+    std::string text =
+        R"(# Made by 'nuvio-connect --setup', which makes it anew. Only nuvio-connect reads it,
+# behind ALSA's own configuration.
+
+# The shortest period in microseconds, where the card has such.
+defaults.pcm.minperiodtime )";
+    text.append(std::to_string(kPeriodUs)).append("\n\n# Converts what the card does not have.\n");
+    text.append("pcm.!").append(output_name(card)).append(" {\n    type plug\n    slave.pcm ");
+    text.append(slave).append("\n    hint { show on description \"").append(description);
+    return text.append("\" }\n}\n");
 }
 
 struct Volume {
@@ -167,7 +164,7 @@ int setUpSound(const std::string& wanted) {
         return list_cards(cards);
     }
     const SoundCard card = wanted.empty() ? cards.front() : find_card(cards, wanted);
-    if (!is_quotable(card.pcm)) {
+    if (std::ranges::any_of(card.pcm, is_unquotable)) {
         return fail("'" + wanted + "' cannot be an ALSA output's name");
     }
     int error = 0;

@@ -132,7 +132,8 @@ class Unit(unittest.TestCase):
         set_up("Loop")
 
     def test_1_it_is_active_with_few_rights_and_a_folder_of_its_own(self):
-        self.assertEqual(state("Type", "ActiveState", "SubState"), ["notify", "active", "running"])
+        self.assertEqual(state("Type", "ActiveState", "SubState", "StatusText"),
+                         ["notify", "active", "running", "Running"])
         status = pathlib.Path(f"/proc/{state('MainPID')[0]}/status").read_text()
         fields = dict(re.findall(r"(?m)^(\w+):\t(.*)$", status))
         self.assertEqual(set(fields["Uid"].split()), {run("id", "-u", UNIT)})
@@ -244,6 +245,8 @@ class Cards(unittest.TestCase):
                 wait_for_end()
 
     def test_2_without_a_name_it_lists_the_cards(self):
+        self.assertRegex(run("nuvio-connect", "--list-devices"),
+                         r"\n  default_HDA\n(?s:.*)\n  hw:\d\n +Nuvio\n")
         before = SETTINGS.read_text()
         told = run("nuvio-connect", "--setup", check=False)
         for card in "HDA", "USB", "Loop":
