@@ -145,6 +145,8 @@ std::optional<OutputAbilities> probe_output(const std::string& pcm, int& error) 
             abilities.rates.push_back(rate);
         }
     }
+    abilities.converts_rates =
+        !abilities.rates.empty() && kRates[abilities.rates.size() - 1] != abilities.rates.back();
     return abilities;
 }
 

@@ -74,7 +74,7 @@ def set_up_share(folder):
         shutil.copytree(SOURCE / part, share / part)
     # Folder, then the tracks in it: rate, bytes of a sample, seconds.
     music = {"cd": [(44100, 2, 2.0), (44100, 2, 1.5)], "studio": [(96000, 3, 2.0)],
-             "card": [(CARD_RATE, 2, 3.0)], "long": [(CARD_RATE, 2, 40.0)]}
+             "card": [(CARD_RATE, 2, 3.04)], "long": [(CARD_RATE, 2, 40.0)]}
     for name, tracks in music.items():
         (share / "music" / name).mkdir(parents=True)
         played, start = b"", 0
