@@ -19,9 +19,11 @@
 #include <vector>
 
 #include "local/control.h"
+#include "local/local_server.h"
 #include "local/logger.h"
 #include "local/loop_wakeup.h"
 #include "local/player.h"
+#include "local/remote_control.h"
 #include "local/session_preparer.h"
 #include "sdk/nuvio_connect.h"
 
@@ -45,7 +47,9 @@ class Core {
     // to have something to play. A controller's call must not wait for a disk: one that has nothing
     // to play is answered OK, leaves what plays alone and is told of in the log.
     // NUV_ERROR_INVALID_STATE: more than kSessionsASecond, or too many still wait for their disks.
-    nuv_error connect(const char* session_id, const char* endpoint, bool become_active);
+    // `remote`: the server from which it is controlled, where that can be used.
+    nuv_error connect(const char* session_id, const char* endpoint, RemoteOffer remote,
+                      bool become_active);
 
     // Hands a notification of the renderer to the player, and sees to it that a pass follows.
     template <typename... Arguments>
@@ -71,6 +75,7 @@ class Core {
     void pass();
     void join_prepared_session();
     void take_requests();
+    void tell_remote_control();
     bool advertise();
     bool report_player();
     bool report_settings();
@@ -80,15 +85,17 @@ class Core {
     const std::string m_uuid;
     const std::shared_ptr<Logger> m_logger = std::make_shared<Logger>();
     LoopWakeup m_wakeup;
+    LocalServer m_local_server;
     Control m_control;
     SessionPreparer m_preparer;
     Player m_player;
+    RemoteControl m_remote;
 
     PlaybackSettings m_settings;  // as taken from control last
     PlayerView m_published;       // as given to control last
     bool m_view_noted = false;    // control has changed its view since, by the commands it noted
     Reported m_reported;
-    bool m_services_started = false;
+    bool m_advertised = false;
     std::string m_advertised_name;
     // When the last ones were begun, oldest first.
     std::array<std::chrono::steady_clock::time_point, kSessionsASecond> m_recent_sessions{};

@@ -135,6 +135,15 @@ class Lifecycle(DeviceTest):
             self.assertRegex(os.readlink(f"/proc/{self.daemon.pid}/fd/{n}"), "/dev/null$")
         self.assertEqual(self.stop()[0], 0)
 
+    def test_a_taken_port_is_asked_for_again_and_nothing_is_announced_before(self):
+        with socket.create_server(("", self.port)):
+            self.start(wait=False)
+            self.wait_for_log("asking again in 2 s")
+            self.assertEqual(self.log_count("Unable to start HTTP server"), 2)
+            self.assertEqual(self.log_count("Starting Avahi advertising"), 0)
+        wait_for("HTTP answers", self.answers)
+        self.wait_for_log("Starting Avahi advertising")
+
     def test_the_journal_is_told_the_level_of_each_line(self):
         self.log_path.touch()
         log = self.log_path.stat()

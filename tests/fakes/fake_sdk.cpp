@@ -4,6 +4,8 @@
 #include <sstream>
 #include <utility>
 
+#include "fakes/echo.h"
+
 struct nuv_connect {};
 
 namespace fake_sdk {
@@ -39,6 +41,7 @@ nuv_error record(const std::string& name, const Arguments&... arguments) {
         g_state.calls.push_back(line.str());
         hook = g_state.hook;
     }
+    fakes::echo("-> sdk", line.str());
     if (hook != nullptr) {
         hook(line.str());
     }

@@ -11,9 +11,9 @@
 
 #include "local/content.h"
 #include "local/device_uuid.h"
-#include "local/display_text.h"
-#include "local/file_url.h"
-#include "local/playlist.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
+#include "local/texts/playlist.h"
 #include "temp_dir.h"
 
 namespace {

@@ -54,8 +54,12 @@ TEST_F(TrackTransition, TheTimersFollowWhatTheSinkHolds) {
 }
 
 TEST_F(TrackTransition, ADeviceThatPlaysLateIsWaitedForUnlessItStandsStill) {
-    end_first_stream(40);
-    hold_ms(30);  // when the timer fires
+    end_first_stream(510);
+    hold_ms(560);  // at the nearly-finished point
+    while (!renderer->is_late) {
+        uv_run(&loop, UV_RUN_ONCE);
+    }
+    hold_ms(30);  // when the finished timer fires
     ASSERT_TRUE(run_until("sink close"));
     EXPECT_EQ(renderer->awaited_rest, 30U) << "looked at again, and then given up";
     expect_stopped();
