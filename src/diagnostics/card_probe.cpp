@@ -16,10 +16,9 @@ namespace {
 
 namespace fs = std::filesystem;
 
-using ctl_ptr = std::unique_ptr<snd_ctl_t, nuvio::ReleasedBy<snd_ctl_close>>;
-using card_info_ptr =
-    std::unique_ptr<snd_ctl_card_info_t, nuvio::ReleasedBy<snd_ctl_card_info_free>>;
-using pcm_info_ptr = std::unique_ptr<snd_pcm_info_t, nuvio::ReleasedBy<snd_pcm_info_free>>;
+using CtlPtr = std::unique_ptr<snd_ctl_t, nuvio::ReleasedBy<snd_ctl_close>>;
+using CardInfoPtr = std::unique_ptr<snd_ctl_card_info_t, nuvio::ReleasedBy<snd_ctl_card_info_free>>;
+using PcmInfoPtr = std::unique_ptr<snd_pcm_info_t, nuvio::ReleasedBy<snd_pcm_info_free>>;
 
 constexpr unsigned kHighestCdRate = 48000;  // Hz
 constexpr std::array kRates = {44100U, 48000U, 88200U, 96000U, 176400U, 192000U};
@@ -37,7 +36,7 @@ int first_playback_device(snd_ctl_t* ctl) {
     if (snd_pcm_info_malloc(&made) < 0) {
         return -1;
     }
-    const pcm_info_ptr info(made);
+    const PcmInfoPtr info(made);
     int device = -1;
     while (snd_ctl_pcm_next_device(ctl, &device) == 0 && device >= 0) {
         snd_pcm_info_set_device(made, static_cast<unsigned>(device));
@@ -56,12 +55,12 @@ std::optional<SoundCard> look_at_card(int number) {
     if (snd_ctl_open(&opened, ("hw:" + std::to_string(number)).c_str(), 0) < 0) {
         return std::nullopt;
     }
-    const ctl_ptr ctl(opened);
+    const CtlPtr ctl(opened);
     const int device = first_playback_device(opened);
     if (device < 0 || snd_ctl_card_info_malloc(&made) < 0) {
         return std::nullopt;
     }
-    const card_info_ptr info(made);
+    const CardInfoPtr info(made);
     if (snd_ctl_card_info(opened, made) < 0) {
         return std::nullopt;
     }
@@ -146,6 +145,8 @@ std::optional<OutputAbilities> probe_output(const std::string& pcm, int& error) 
             abilities.rates.push_back(rate);
         }
     }
+    abilities.converts_rates =
+        !abilities.rates.empty() && kRates[abilities.rates.size() - 1] != abilities.rates.back();
     return abilities;
 }
 

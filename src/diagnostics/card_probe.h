@@ -23,6 +23,7 @@ struct OutputAbilities {
     // 48 kHz only with 24 bits or more.
     std::vector<unsigned> rates;
     bool has_24_bit = false;
+    bool converts_rates = false;  // not all of the usual ones up to its highest are among them
 };
 
 // None, with ALSA's error, where the device cannot be opened or set up. Does not wait for one that

@@ -17,8 +17,8 @@
 
 namespace {
 
-// A short one interrupts the machine 200 times a second for nothing: what is queued is some seconds
-// anyway, and what is heard is asked of the card, not counted in periods.
+// A shorter one interrupts the machine 200 times a second for nothing: what is queued is some
+// seconds anyway, and what is heard is asked of the card, not counted in periods.
 constexpr unsigned kPeriodUs = 100'000;
 // In all of the configuration item's buffer, with "default_" before it.
 constexpr size_t kMaxNameBytes = 40;
@@ -61,10 +61,8 @@ bool is_kernel_card(const SoundCard& card) {
     return !card.id.empty();
 }
 
-// A name of ALSA's that can stand in quotes in its configuration.
-bool is_quotable(const std::string& name) {
-    return std::ranges::none_of(name,
-                                [](unsigned char c) { return c < ' ' || c == '"' || c == '\\'; });
+bool is_unquotable(unsigned char c) {
+    return c < ' ' || c == '"' || c == '\\';
 }
 
 // ---- What is written ------------------------------------------------------------------------
@@ -92,7 +90,17 @@ std::string soft_stage(const SoundCard& card, const char* half, const char* more
            " Playback " + half + "\" card " + card.id + " } slave.pcm " + below + " }";
 }
 
-std::string alsa_configuration(const SoundCard& card, bool soft_volume) {
+// A rate converter hands on whole periods, and at the end of the last track the rest of one is
+// lost: with the shortest periods, which are ALSA's own, that is nothing that could be heard.
+std::string text_of_period(const OutputAbilities& abilities) {
+    return abilities.converts_rates
+               ? std::string()
+               : "# The shortest period in microseconds, where the card has such.\n"
+                 "defaults.pcm.minperiodtime " +
+                     std::to_string(kPeriodUs) + "\n\n";
+}
+
+std::string text_of_slave(const SoundCard& card, bool soft_volume) {
     std::string slave = "\"" + card.pcm + "\"";
     if (!is_kernel_card(card)) {
         // A plug-in of ALSA's may have no memory to be written to, and plug converts into nothing
@@ -104,19 +112,20 @@ std::string alsa_configuration(const SoundCard& card, bool soft_volume) {
         slave = soft_stage(card, "Switch", "resolution 2 ", slave);
         slave = soft_stage(card, "Volume", "", slave);
     }
-    return "# Made by 'nuvio-connect --setup', which makes it anew. Only nuvio-connect reads it,\n"
-           "# behind ALSA's own configuration.\n"
-           "\n"
-           "# Periods of this time at least (microseconds) where the card has such.\n"
-           "defaults.pcm.minperiodtime " +
-           std::to_string(kPeriodUs) +
-           "\n"
-           "\n"
-           "# " +
-           card.description +
-           ", converted only where it must be.\n"
-           "pcm.!" +
-           output_name(card) + " { type plug slave.pcm " + slave + " }\n";
+    return slave;
+}
+
+std::string alsa_configuration(const SoundCard& card, const OutputAbilities& abilities,
+                               bool soft_volume) {
+    std::string description = card.description;  // a USB device's maker writes what he likes
+    std::ranges::replace_if(description, is_unquotable, ' ');
+    std::string text =
+        "# Made by 'nuvio-connect --setup', which makes it anew. Only nuvio-connect\n"
+        "# reads it, behind ALSA's own configuration.\n\n";
+    text.append(text_of_period(abilities)).append("# Converts what the card does not have.\n");
+    text.append("pcm.!").append(output_name(card)).append(" {\n    type plug\n    slave.pcm ");
+    text.append(text_of_slave(card, soft_volume)).append("\n    hint { show on description \"");
+    return text.append(description).append("\" }\n}\n");
 }
 
 struct Volume {
@@ -134,7 +143,7 @@ Volume volume_of(const SoundCard& card) {
 SettingsChange change_for(const SoundCard& card, const OutputAbilities& abilities,
                           const Volume& volume) {
     SettingsChange change;
-    change.alsaConfiguration = alsa_configuration(card, volume.in_software);
+    change.alsaConfiguration = alsa_configuration(card, abilities, volume.in_software);
     change.items = {{kALSAOutputDeviceName, output_name(card)},
                     {kOutputFS, text_of(abilities.rates)}};
     if (!volume.element.empty()) {
@@ -167,7 +176,7 @@ int setUpSound(const std::string& wanted) {
         return list_cards(cards);
     }
     const SoundCard card = wanted.empty() ? cards.front() : find_card(cards, wanted);
-    if (!is_quotable(card.pcm)) {
+    if (std::ranges::any_of(card.pcm, is_unquotable)) {
         return fail("'" + wanted + "' cannot be an ALSA output's name");
     }
     int error = 0;
@@ -176,7 +185,8 @@ int setUpSound(const std::string& wanted) {
         return fail(card.pcm + ": " + snd_strerror(error) + ": " + advice_for_opening(error));
     }
     if (abilities->rates.empty()) {
-        abilities->rates = {44100};  // by conversion: what every controller may send
+        abilities->rates = {44100};  // what every controller may send
+        abilities->converts_rates = true;
     }
     const Volume volume = volume_of(card);
     tell(card, *abilities, volume);

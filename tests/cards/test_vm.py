@@ -132,7 +132,8 @@ class Unit(unittest.TestCase):
         set_up("Loop")
 
     def test_1_it_is_active_with_few_rights_and_a_folder_of_its_own(self):
-        self.assertEqual(state("Type", "ActiveState", "SubState"), ["notify", "active", "running"])
+        self.assertEqual(state("Type", "ActiveState", "SubState", "StatusText"),
+                         ["notify", "active", "running", "Running"])
         status = pathlib.Path(f"/proc/{state('MainPID')[0]}/status").read_text()
         fields = dict(re.findall(r"(?m)^(\w+):\t(.*)$", status))
         self.assertEqual(set(fields["Uid"].split()), {run("id", "-u", UNIT)})
@@ -232,6 +233,10 @@ def around_the_gap(heard, expected):
 class Cards(unittest.TestCase):
     """HDA has 16 bit alone, USB 48 kHz alone as well."""
 
+    @classmethod
+    def tearDownClass(cls):
+        set_up("Loop")  # for the next boot
+
     def test_1_each_plays_by_the_name_that_setup_gave_it(self):
         for card in "HDA", "USB":
             with self.subTest(card):
@@ -244,6 +249,8 @@ class Cards(unittest.TestCase):
                 wait_for_end()
 
     def test_2_without_a_name_it_lists_the_cards(self):
+        self.assertRegex(run("nuvio-connect", "--list-devices"),
+                         r"\n  default_USB\n(?s:.*)\n  hw:\d\n +Nuvio\n")
         before = SETTINGS.read_text()
         told = run("nuvio-connect", "--setup", check=False)
         for card in "HDA", "USB", "Loop":
@@ -277,11 +284,15 @@ class Cards(unittest.TestCase):
 
 
 class AfterReboot(unittest.TestCase):
-    def test_it_is_up_with_its_name_and_plays(self):
+    """The loop card is set up, whose volume is made when its output is first opened."""
+
+    def test_it_is_up_with_its_name_and_plays_with_its_volume(self):
         wait("HTTP answers", answers)
         self.assertIn(NAME.encode(), own_device.request(PORT, "GET", "/get-display-info")[1])
-        play("card")
-        sounds_on("HDA")
+        play("long")
+        sounds_on("Loop")
+        run("nuvio-connect-panel", "volume", "20")
+        wait("the level", lambda: "20%" in run("amixer", "-c", "Loop", "sget", "Nuvio", check=False))
         self.assertIn("ok    mixer", run("nuvio-connect", "--check", check=False))
 
 
