@@ -121,7 +121,7 @@ std::optional<size_t> Session::search(bool forward) const {
 
 // ---- Changes of the list ----------------------------------------------------------------------
 
-nuv_error Session::edit(QueueEdit edit) {
+nuv_error Session::edit(QueueEdit& edit) {
     static constexpr void (Session::*kChanges[])(QueueEdit & edit) = {
         &Session::replace, &Session::insert, &Session::remove, &Session::move, &Session::jump};
     const nuv_error error = check(edit);

@@ -64,8 +64,8 @@ class Session {
     // play at their place in the list; shuffled, behind the current one, by chance or in front of
     // the one named. On an error nothing has changed: NUV_ERROR_NOT_FOUND for an unknown number,
     // NUV_ERROR_INVALID_STATE where no track would be left, NUV_ERROR_INVALID_ARGUMENT where there
-    // would be more than the bounds above.
-    nuv_error edit(QueueEdit edit);
+    // would be more than the bounds above. The tracks of `edit` are taken.
+    nuv_error edit(QueueEdit& edit);
 
   private:
     struct Entry {
