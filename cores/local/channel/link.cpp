@@ -400,6 +400,7 @@ int Link::Worker::receive(lws* connection, const char* bytes, size_t length) {
     if (m_incoming.size() + length > kMaxMessageBytes) {
         return end_with(LWS_CLOSE_STATUS_MESSAGE_TOO_LARGE);
     }
+    lws_validity_confirmed(connection);  // one that speaks needs no ping
     m_incoming.append(bytes, length);
     if (lws_remaining_packet_payload(connection) != 0 || lws_is_final_fragment(connection) == 0) {
         return 0;
