@@ -137,7 +137,7 @@ void Core::take_requests() {
         m_view_noted = true;
         switch (command.verb) {
             case Verb::edit:
-                m_remote.answer_edit(m_player.edit(std::move(*command.edit)));
+                m_remote.answer_edit(m_player.edit(*command.edit));
                 continue;
             case Verb::connect:
                 m_remote.begin(command.session->id(), command.remote);

@@ -69,7 +69,7 @@ class Player {
     PlayerView view() const;
     // Null without one.
     const Session* session() const { return m_session.get(); }
-    nuv_error edit(QueueEdit edit);
+    nuv_error edit(QueueEdit& edit);
     // None while nothing of the session is heard.
     std::optional<HeardTrack> heard() const;
     // In the track that is heard; 0 without one. Calls a delegate.

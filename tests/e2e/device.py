@@ -187,6 +187,10 @@ class DeviceTest(unittest.TestCase):
     def wait_for_log(self, text, count=1):
         wait_for(f"log: {text}", lambda: self.log_count(text) >= count)
 
+    def is_sanitized(self):
+        maps = pathlib.Path(f"/proc/{self.daemon.pid}/maps").read_text()
+        return "libasan" in maps or "libtsan" in maps
+
     def position(self):
         return float(self.player("position") or 0)
 
