@@ -108,6 +108,8 @@ void Core::pass() {
     more |= m_player.advance() || m_player.deliver();
     if (more) {
         m_wakeup.run_each_pass();
+    } else if (const auto next_look = m_player.give_up_hanging()) {
+        m_wakeup.run_at(*next_look);
     }
 }
 
