@@ -69,20 +69,4 @@ TEST_F(Listener, NotificationsBecomeCommands) {
     EXPECT_THAT(fake_platform::state()->calls, ElementsAre("playback_stopped", "player_state 1"));
 }
 
-TEST_F(Listener, TheUiIsSentTheWholeTrack) {
-    fake_platform::state()->messages[KORA_CURRENT_SOURCE] = "31";
-    NuvioSSListener::setSource();
-    fake_platform::state()->take_calls();
-    m_listener->UpdateUIPlayBackInfo(
-        {"An Artist", "A Song", "", "99999999999", "http://a/b.png", "", "44100", "16", "2", 1, 2});
-    EXPECT_THAT(fake_platform::state()->take_calls(),
-                ElementsAre("ui_update album= artist=An Artist trackName=A Song "
-                            "totalTime=2147483647 coverArt=http://a/b.png codec= sampleRate=44100 "
-                            "bitdepth=16 channels=2 repeat=2 shuffle=1 next=1 prev=1 "
-                            "currentSource=31 seek=1"));
-    fake_platform::state()->has_ui = false;
-    m_listener->UpdateUIPlayBackInfo({});
-    EXPECT_TRUE(fake_platform::state()->calls.empty());
-}
-
 }  // namespace
