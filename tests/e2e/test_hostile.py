@@ -285,7 +285,3 @@ class Hostile(DeviceTest):
         self.assertEqual(bad, [])
         self.assert_bounded()
         self.assert_unharmed()
-
-
-if __name__ == "__main__":
-    unittest.main()
