@@ -204,7 +204,3 @@ class Bus(HostTest):
         self.start_bus()
         self.wait_for_status("Playing")
         wait_for("title", lambda: "track 0" in self.metadata())
-
-
-if __name__ == "__main__":
-    unittest.main()

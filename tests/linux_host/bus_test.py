@@ -260,7 +260,3 @@ class Bus(DeviceTest):
         self.addCleanup(self.end, second)
         self.wait_for_answer("playerctl -l", "nuvio_connect\nnuvio_connect.instance"
                              f"{second.pid}")
-
-
-if __name__ == "__main__":
-    unittest.main()
