@@ -287,17 +287,12 @@ class Bus(unittest.TestCase):
                        pass_fds=[listener.fileno()])
         self.wait_for_host()
 
-    def test_without_settings_or_threads_it_fails_and_says_why(self):
-        words = shlex.join(program("linux_host_service"))
-        (self.folder / "settings.conf").rename(self.folder / "good.conf")
-        for settings, limit, line in (("settings.conf", "", "cannot read the settings"),
-                                      ("good.conf", "ulimit -s 200000000000; ", "no thread")):
-            answer = subprocess.run(
-                ["sh", "-c", f"{limit}exec {words}"], text=True, stderr=subprocess.PIPE,
-                env=self.environment | {"NUVIO_SETTINGS": str(self.folder / settings)},
-                stdin=subprocess.DEVNULL, timeout=PATIENCE)
-            self.assertIn(line, answer.stderr)
-            self.assertEqual(answer.returncode, 1)
+    def test_without_settings_it_fails_and_says_why(self):
+        (self.folder / "settings.conf").unlink()
+        answer = subprocess.run(program("linux_host_service"), text=True, stderr=subprocess.PIPE,
+                                env=self.environment, stdin=subprocess.DEVNULL, timeout=PATIENCE)
+        self.assertIn("cannot read the settings", answer.stderr)
+        self.assertEqual(answer.returncode, 1)
 
     def test_a_second_device_takes_a_name_of_its_own(self):
         self.start()
