@@ -75,6 +75,11 @@ Host::Host()
     m_messages.set_observer([this](int id, const std::string& text) { on_message(id, text); });
 }
 
+void Host::reload_settings() {
+    m_settings = Settings::load();
+    use_alsa_configuration();
+}
+
 // The name and the volume stay unset until there is one: the service then falls back to the
 // machine's name and leaves the mixer as it is.
 void Host::preset_messages() {
