@@ -7,8 +7,10 @@
 
 #include <uv.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace local_core {
@@ -49,10 +51,14 @@ class LoopWakeup {
     void run_each_pass();
     void rest();
 
+    // The callback runs on a pass of the loop at this time, or never; the last call counts.
+    void run_at(std::optional<std::chrono::steady_clock::time_point> time);
+
   private:
     std::function<void()> m_callback;
     LoopHandle<uv_async_t> m_async;
     LoopHandle<uv_idle_t> m_idle;
+    LoopHandle<uv_timer_t> m_timer;
 };
 
 }  // namespace local_core

@@ -2,9 +2,10 @@
 // is announced while the current one still plays, the retired one has been heard to its end and
 // waits for its disposal.
 //
-// A stream is opened (on the decoding thread), announced once that is done, offered block by block
+// A stream is opened (on its decoding thread), announced once that is done, offered block by block
 // as long as its delivery is open, reported as finished, and disposed of. Delivery is closed until
-// the renderer opens it, and again after every short count.
+// the renderer opens it, and again after every short count. Of the next stream no more is offered
+// than a hand-over needs: the renderer takes it for the current one's when it reports the position.
 //
 // Loop thread only. Delegates are called from `start`, `offer`, `finish`, the disposals,
 // `report_seeked` and `heard_position_ms` alone.
@@ -13,13 +14,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
 
 #include "local/control.h"
-#include "local/decode_thread.h"
 #include "local/logger.h"
+#include "local/track_pipe.h"
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {
@@ -45,12 +47,16 @@ class StreamQueue {
       public:
         const TrackPlace& place() const { return m_place; }
         // Of an announced stream.
-        const TrackInfo& info() const { return DecodeThread::info(*m_pipe); }
-        const TrackTexts& texts() const { return DecodeThread::texts(*m_pipe); }
-        const std::string& open_error() const { return DecodeThread::open_error(*m_pipe); }
+        const TrackInfo& info() const { return m_pipe->info(); }
+        const TrackTexts& texts() const {
+            return m_texts.empty() ? m_pipe->texts() : m_texts.back();
+        }
+        const std::string& open_error() const { return m_pipe->open_error(); }
         uint64_t id() const { return m_id; }
         bool is_announced() const { return m_id != 0; }
-        bool is_decoded_wholly() const { return DecodeThread::decoded_wholly(*m_pipe); }
+        bool is_decoded_wholly() const { return m_pipe->is_decoded_wholly(); }
+        // What the network did to a track that is decoded wholly or failed to open.
+        HttpFailure failure() const { return m_pipe->failure(); }
         // Reported as delivered wholly.
         bool is_finished() const { return m_is_finished; }
         // The renderer has taken some of it, or it has been positioned.
@@ -58,10 +64,13 @@ class StreamQueue {
 
       private:
         friend class StreamQueue;
-        Stream(TrackPipePtr pipe, TrackPlace place) : m_pipe(std::move(pipe)), m_place(place) {}
+        Stream(std::unique_ptr<TrackPipe> pipe, TrackPlace place)
+            : m_pipe(std::move(pipe)), m_place(place) {}
 
-        TrackPipePtr m_pipe;
+        std::unique_ptr<TrackPipe> m_pipe;
         TrackPlace m_place;
+        // The last ones are the present ones; those before are kept for who still holds them.
+        std::deque<TrackTexts> m_texts;
         uint64_t m_id = 0;  // 0: not announced
         bool m_is_open = false;
         bool m_is_finished = false;
@@ -69,12 +78,13 @@ class StreamQueue {
         PcmBlock m_block{};          // being offered
         size_t m_offered_bytes = 0;  // of the block, taken by the renderer
         uint64_t m_taken_bytes = 0;  // since the start or the last seek
+        uint64_t m_begin_ms = 0;     // where that was
     };
     enum class Role { current, next };
 
     // `on_news` comes from the decoding thread: a stream can go on.
-    StreamQueue(const PlayerDelegates& delegates, Control& control, const Logger& logger,
-                std::function<void()> on_news);
+    StreamQueue(const PlayerDelegates& delegates, Control& control,
+                std::shared_ptr<const Logger> logger, std::function<void()> on_news);
     // Calls no delegate.
     ~StreamQueue();
     StreamQueue(const StreamQueue&) = delete;
@@ -102,8 +112,10 @@ class StreamQueue {
 
     struct Offered {
         size_t taken_bytes = 0;
-        bool has_more = false;   // that may be taken at once
-        bool is_at_end = false;  // to be finished
+        bool has_more = false;       // that may be taken at once
+        bool is_at_end = false;      // to be finished
+        bool has_new_texts = false;  // told of
+        bool is_output_full = false;
     };
     // Offers the stream's next block, or what is left of the last one.
     Offered offer(Role role);
@@ -118,17 +130,23 @@ class StreamQueue {
     std::optional<uint64_t> seek_result();
     void report_seeked(uint64_t position_ms);
 
-    // The place in the current track that is heard now.
+    // The place in the current track that is heard now, and the one up to which the renderer has
+    // it.
     uint64_t heard_position_ms() const;
+    uint64_t delivered_position_ms() const;
+    // The renderer has taken some of the next stream already.
+    bool is_handing_over() const { return m_next && m_next->m_taken_bytes > 0; }
 
   private:
     using StreamPtr = std::unique_ptr<Stream>;
 
+    size_t wanted_of_next() const;  // bytes
     StreamPtr& in(Role role) { return role == Role::current ? m_current : m_next; }
     void announce(Stream& stream);
     void withdraw(Stream& stream);
     void release(StreamPtr stream);
     void give_back_block(Stream& stream);
+    bool renew_texts(Stream& stream);
 
     const PlayerDelegates m_delegates;
     Control& m_control;
@@ -137,7 +155,7 @@ class StreamQueue {
     std::chrono::steady_clock::time_point m_hand_over_time;
 
     uint64_t m_last_stream_id = 0;
-    DecodeThread m_decoder;
+    DecodeCrew m_crew;
     StreamPtr m_current;
     StreamPtr m_next;
     StreamPtr m_retired;

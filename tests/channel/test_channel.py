@@ -1,22 +1,34 @@
 """A session controlled from elsewhere: commands, answers, what the device tells, and how it takes a
 server that dies, storms or lies."""
+import contextlib
+import functools
+import http.server
 import json
 import pathlib
 import random
 import re
 import socket
 import ssl
+import struct
 import subprocess
 import sys
+import threading
 import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
 from device import DeviceTest, signal_samples, wait_for, write_wav  # noqa: E402
-from server import SUBPROTOCOL, Server  # noqa: E402
+from raw_websocket import RawServer  # noqa: E402
+from raw_websocket import command as raw_command  # noqa: E402
+from server import Server  # noqa: E402
 
 CD = 44100
 SECONDS = 20
+
+
+class Quiet(http.server.SimpleHTTPRequestHandler):
+    def log_message(self, *words):
+        pass
 
 
 class Channel(DeviceTest):
@@ -113,7 +125,7 @@ class Channel(DeviceTest):
             ("previous", {}, "ok", [0, 1, 2], 1),
             ("queue_remove", {"items": [1]}, "ok", [0, 2], 2),
             ("queue_remove", {"items": [2]}, "ok", [0], 0),
-            ("queue_insert", {"tracks": [{"url": "http://host/a.flac"}]}, "not_allowed", [0], 0),
+            ("queue_insert", {"tracks": [{"url": "a.wav"}]}, "not_allowed", [0], 0),
             ("queue_replace", {"tracks": self.tracks("cdb"), "start": 1}, "ok", [5, 6, 7], 6),
         ]
         for row, (command, arguments, answer, items, current) in enumerate(rows):
@@ -132,6 +144,26 @@ class Channel(DeviceTest):
         self.assertEqual(server.ask("queue_replace", tracks=bad + self.tracks("a")), "ok")
         server.until("state", item=10, playback="playing")
         self.assertEqual([m["item"] for m in server.said if m["type"] == "error"], [8, 9])
+
+    def test_what_a_session_may_name_is_what_its_own_content_may_be(self):
+        handler = functools.partial(Quiet, directory=self.music)
+        web = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
+        web.handle_error = lambda *words: None  # the device breaks off what it has no use for
+        threading.Thread(target=web.serve_forever, daemon=True).start()
+        self.addCleanup(web.server_close)
+        self.addCleanup(web.shutdown)
+        root = f"http://127.0.0.1:{web.server_port}"
+        server = self.server()
+        self.hand_over(server)
+        remote = [{"url": f"{root}/b.wav", "title": "B", "artist": "me", "duration_ms": 7}]
+        self.assertEqual(server.ask("queue_replace", tracks=remote), "ok")
+        server.until("track", item=1, duration_ms=SECONDS * 1000)
+        self.assertEqual(server.last("queue")["items"], [{"item": 1, **remote[0]}])
+        self.assertEqual(self.connect(f"{root}/c.wav", remote=server.url), 200)
+        server.wait("the other session", lambda: server.connections == 2 and server.last("state"))
+        server.until("state", playback="playing")
+        self.assertEqual(server.ask("queue_insert", tracks=self.tracks("a")), "not_allowed")
+        self.assertEqual(server.ask("queue_insert", tracks=remote), "ok")
 
     def test_a_long_list_is_told_in_parts(self):
         server = self.server()
@@ -165,6 +197,15 @@ class Channel(DeviceTest):
         again = self.server(port=port)
         again.until("state", playback="playing", item=0)
         self.assertEqual([m["type"] for m in again.said[:4]], ["hello", "queue", "track", "state"])
+        # On change only, but for the position.
+        count = len(again.said)
+        again.wait("the position", lambda: len(again.said) > count)
+        before, after = again.said[count - 1], again.said[count]
+        place, clock = (after[name] - before[name] for name in ("position_ms", "taken_ms"))
+        self.assertEqual({**before, "position_ms": 0, "taken_ms": 0},
+                         {**after, "position_ms": 0, "taken_ms": 0})
+        self.assertGreaterEqual(clock, 9_900)
+        self.assertLess(abs(place - clock), 500)
         self.assertEqual(again.ask("pause"), "ok")
         again.until("state", playback="paused")
         # The device ends: it says so, and does not wait for anyone.
@@ -228,20 +269,36 @@ class Channel(DeviceTest):
         self.start(player=False)
         self.hand_over(server)
         # A server that leads elsewhere: the token does not go there.
-        with socket.create_server(("127.0.0.1", 0)) as elsewhere, \
-                socket.create_server(("127.0.0.1", 0)) as listener:
-            listener.settimeout(30)
-            place = f"localhost:{elsewhere.getsockname()[1]}"
-            self.connect(self.music / "a.wav",
-                         remote=f"ws://localhost:{listener.getsockname()[1]}/")
-            with listener.accept()[0] as peer:
-                peer.recv(4096)
-                peer.sendall(f"HTTP/1.1 302 x\r\nLocation: ws://{place}/\r\n"
-                             "Content-Length: 0\r\n\r\n".encode())
+        with RawServer(timeout=1) as elsewhere, RawServer() as leading:
+            self.connect(self.music / "a.wav", remote=leading.url)
+            with leading.accept(f"HTTP/1.1 302 x\r\nLocation: {elsewhere.url}\r\n"
+                                "Content-Length: 0\r\n\r\n".encode()):
                 self.wait_for_log("can't reach localhost", 2)
-            elsewhere.settimeout(1)
             with self.assertRaises(TimeoutError):
                 elsewhere.accept()
+
+    def test_servers_that_die_at_any_moment_take_nothing_with_them(self):
+        rng = random.Random(7)
+        for n in range(12):
+            with RawServer() as server:
+                self.connect(self.music, session=f"s{n}", remote=server.url)
+                with server.accept() as peer, contextlib.suppress(OSError):
+                    if n % 3 == 0:  # closed with a reset
+                        peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
+                                        struct.pack("ii", 1, 0))
+                    words = b"".join(
+                        raw_command(name, str(i), **arguments) for i, (name, arguments) in
+                        enumerate(rng.choices([("next", {}), ("pause", {}), ("play", {}), (
+                            "queue_insert", {"tracks": self.tracks("abcd")}), (
+                            "queue_jump", {"item": 1}), ("leave", {})], [9, 9, 9, 9, 9, 1], k=60)))
+                    peer.sendall(words[:rng.randrange(len(words))])
+                    time.sleep(rng.random() / 2)
+            if rng.random() < 0.5:
+                time.sleep(0.3)
+        server = self.server()
+        self.hand_over(server)
+        self.assertEqual(server.ask("shuffle", shuffle=True), "ok")
+        server.until("state", shuffle=True)
 
     # ---- Hostile servers --------------------------------------------------------------------
 
@@ -302,40 +359,16 @@ class Channel(DeviceTest):
         server.until("state", playback="playing")
         self.assertGreater(took, 400 / 50 * 0.6, "commands beyond the rate were taken")
         # A server that does not read the answers to what it asks.
-        with socket.create_server(("127.0.0.1", 0)) as listener:
-            listener.settimeout(30)
-            (self.music / "long.m3u").write_text("a.wav\n" * 2000)
-            self.connect(self.music / "long.m3u",
-                         remote=f"ws://localhost:{listener.getsockname()[1]}/")
-            with listener.accept()[0] as peer:
-                self.shake_hands(peer)
-                text = json.dumps({"type": "command", "id": "1", "command": "queue_read",
-                                   "first": 0}).encode()
-                frame = bytes([0x81, len(text)]) + text
-                peer.settimeout(1)
-                try:
+        (self.music / "long.m3u").write_text("a.wav\n" * 2000)
+        with RawServer(timeout=1) as silent:
+            self.connect(self.music / "long.m3u", remote=silent.url)
+            with silent.accept() as peer:
+                with self.assertRaises(TimeoutError, msg="the device reads whatever comes"):
                     for _ in range(200_000):
-                        peer.sendall(frame)
-                    self.fail("the device reads whatever comes")
-                except TimeoutError:
-                    pass
+                        peer.sendall(raw_command("queue_read", first=0))
                 wait_for("the end", lambda: self.log_count("the server does not read"), 60)
         self.assertLess(self.memory_kb() - before, 16 * 1024)
         self.assertEqual(sum(r.underruns for r in self.recordings()), 0)
-
-    @staticmethod
-    def shake_hands(peer):
-        import base64
-        import hashlib
-        head = b""
-        while b"\r\n\r\n" not in head:
-            head += peer.recv(4096)
-        key = re.search(rb"Sec-WebSocket-Key: (\S+)", head, re.I)[1]
-        accept = base64.b64encode(hashlib.sha1(
-            key + b"258EAFA5-E914-47DA-95CA-C5AB0DC85B11").digest())
-        peer.sendall(b"HTTP/1.1 101 x\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-                     b"Sec-WebSocket-Protocol: " + SUBPROTOCOL.encode() +
-                     b"\r\nSec-WebSocket-Accept: " + accept + b"\r\n\r\n")
 
 
 if __name__ == "__main__":

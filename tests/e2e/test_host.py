@@ -57,8 +57,12 @@ class SelfCheck(DeviceTest):
         with socket.create_server(("", self.port)):
             self.assertRegex(str(self.findings()["settings"]),
                              rf"'FAIL'.* is in use by python\S* \(process {os.getpid()}\)")
-        for port, problem in ((80, "for root alone"), ("80o0", "is no port"), (70000, "is no port")):
-            self.write_settings(feature__nuvio_connect__http_port=port)
+        for key, value, problem in (
+                ("feature.nuvio_connect.http_port", 80, "for root alone"),
+                ("feature.nuvio_connect.http_port", "80o0", r"settings.conf:4: .* not a port"),
+                ("host.bus", "sesion", r"settings.conf:\d+: host.bus = sesion: neither "),
+                ("hots.bus", "none", r"settings.conf:\d+: nothing is known by the key hots.bus")):
+            self.write_settings(**{key: value})
             self.assertRegex(str(self.findings()["settings"]), f"'FAIL'.*{problem}")
 
     def test_what_the_card_refuses_is_set_right_by_the_setup_that_it_advises(self):

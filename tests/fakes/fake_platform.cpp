@@ -174,6 +174,9 @@ void NeshHelper::getNetworkStatus(int iface, int* status) {
 
 bool SourceSwitchClient::PlayMySource(const sp<BnSourceSwitchListener>&, int sourceType) {
     record("play_my_source " + std::to_string(sourceType));
+    if (const auto wait = state()->when_asked_for_output) {
+        wait();
+    }
     return state()->grants_output;
 }
 void SourceSwitchClient::UpdatePlayerState(const sp<BnSourceSwitchListener>&, EPlayState playing) {

@@ -122,7 +122,9 @@ class Life {
 void ask(uint16_t port, const std::string& head, const std::string& body = "") {
     const int fd = socket(AF_INET, SOCK_STREAM, 0);
     const sockaddr_in address = loopback(port);
-    connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    if (connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        std::perror("golden_life: connect");
+    }
     const std::string bytes =
         head + " HTTP/1.1\r\nHost: device\r\nContent-Length: " + std::to_string(body.size()) +
         "\r\n\r\n" + body;
@@ -165,8 +167,8 @@ int live(Life& life, uint16_t port) {
                                             static_cast<audio_renderer*>(media.context));
         sdk->play(tracks);
     };
+    fake_sdk::Values values;
     const auto become = [&](nuv_playback_state state) {
-        fake_sdk::Values values = fake_sdk::values();
         values.playback_state = state;
         fake_sdk::set_values(values);
         media.playback_state_changed(core, state, media.context);
@@ -198,7 +200,7 @@ int live(Life& life, uint16_t port) {
         become(NUV_PLAYBACK_STATE_PLAYING);
         media.playback_actions_availability_changed(core, true, media.context);
         media.maximum_audio_quality_changed(core, NUV_AUDIO_QUALITY_CD, media.context);
-        const nuv_stream_metadata texts = fake_sdk::values().metadata;
+        const nuv_stream_metadata texts = values.metadata;
         const auto& streams = config.audio_stream_delegate;
         streams.metadata(core, 1, &texts, streams.context);
     });

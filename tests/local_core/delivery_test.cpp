@@ -82,21 +82,6 @@ TEST(Delivery, LossyFilesComeInFullLengthWithTheirTags) {
     EXPECT_TRUE(device.has_line("metadata 1 A Title|An Artist|An Album|"));
 }
 
-TEST(Delivery, OneTrackIsToldFromStartToEnd) {
-    const TempDir folder;
-    const AudioFile file = write_wav(folder, "Only One.wav", 4410);
-    folder.write("cover.jpg", "");
-    ScriptedDevice device;
-    ASSERT_EQ(device.play(file.path), NUV_ERROR_OK);
-    device.run_until_line("state STOPPED");
-    const std::string art = "file://" + folder.path() + "/cover.jpg";
-    EXPECT_THAT(device.lines,
-                ElementsAre("active 1", "started 1 44100 Hz 2 ch 16 bit 100 ms 0",
-                            "metadata 1 Only One|||" + art, "initiate PLAYING", "state PLAYING",
-                            "next available 0", "finished 1", "end of track", "active 0",
-                            "dispose 1", "state STOPPED"));
-}
-
 TEST(Delivery, NothingIsOfferedBeforeTheRendererOpensTheStream) {
     const TempDir folder;
     const AudioFile file = write_wav(folder, "a.wav", 44100);

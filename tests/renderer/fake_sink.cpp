@@ -62,6 +62,7 @@ bool audio_sink_is_open(const audio_sink*) {
 bool audio_sink_open(audio_sink*, const nuv_audio_format* format) {
     journal::add("sink open " + std::to_string(format->sample_rate));
     g_state.open = g_state.can_open;
+    g_state.format = *format;
     return g_state.open;
 }
 void audio_sink_close(audio_sink*) {

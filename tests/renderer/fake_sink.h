@@ -17,6 +17,7 @@ struct State {
     uint64_t buffered_frames = 0;                          // not yet heard
     bool buffered_is_known = true;
     bool open = false;
+    nuv_audio_format format{};     // that it was opened for
     bool waits_for_space = false;  // took a part only; the signal is due
 };
 
