@@ -7,8 +7,11 @@
 
 #include <uv.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 
 namespace local_core {
 
@@ -23,6 +26,18 @@ struct LoopHandleCloser {
 template <typename Handle>
 using LoopHandle = std::unique_ptr<Handle, LoopHandleCloser<Handle>>;
 
+// `init` initialises the handle on its loop; the handle's data is `owner`. Throws
+// std::runtime_error when the loop takes no further one.
+template <typename Handle, typename Init>
+LoopHandle<Handle> make_loop_handle(void* owner, Init init) {
+    auto handle = std::make_unique<Handle>();
+    if (init(handle.get()) != 0) {
+        throw std::runtime_error("the event loop takes no further handle");
+    }
+    handle->data = owner;
+    return LoopHandle<Handle>(handle.release());
+}
+
 class LoopWakeup {
   public:
     // Throws std::runtime_error when the loop has no handle left.
@@ -36,10 +51,14 @@ class LoopWakeup {
     void run_each_pass();
     void rest();
 
+    // The callback runs on a pass of the loop at this time, or never; the last call counts.
+    void run_at(std::optional<std::chrono::steady_clock::time_point> time);
+
   private:
     std::function<void()> m_callback;
     LoopHandle<uv_async_t> m_async;
     LoopHandle<uv_idle_t> m_idle;
+    LoopHandle<uv_timer_t> m_timer;
 };
 
 }  // namespace local_core

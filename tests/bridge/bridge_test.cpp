@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cstring>
 #include <random>
 #include <thread>
 
@@ -127,59 +126,6 @@ TEST_F(Bridge, StopsAtAnyPoint) {
 }
 
 // ---- Commands
-
-TEST_F(Bridge, EachCommandReachesTheSdkAndAFailureOfItIsReported) {
-    struct Case {
-        const char* command;
-        const char* call;  // null: unknown
-    };
-    const std::vector<Case> cases = {
-        {"PAUSE", "pause_playback"},
-        {"RESUME", "resume_playback"},
-        {"STOP", "stop_playback"},
-        {"NEXT", "next_track"},
-        {"PREV", "previous_track"},
-        {"VOLUME:150", "set_volume 150"},
-        {"VOLUME: 7abc", "set_volume 7"},
-        {"MUTE", "set_mute_state true"},
-        {"UNMUTE", "set_mute_state false"},
-        {"MUTE:MUTE", "set_mute_state true"},
-        {"MUTE:UNMUTE", "set_mute_state false"},
-        {"SHUFFLE:ON", "set_shuffle_mode true"},
-        {"SHUFFLE:OFF", "set_shuffle_mode false"},
-        {"REPEAT:OFF", "set_loop_mode 0"},
-        {"REPEAT:ONE", "set_loop_mode 1"},
-        {"REPEAT:ALL", "set_loop_mode 2"},
-        {"DISCONNECTSOURCE", "deactivate_and_disconnect_renderer"},
-        {"XSTANDBYONX", "deactivate_and_disconnect_renderer"},
-        {"DEVICENAME:Living:Room STANDBYON", "set_device_name Living:Room STANDBYON"},
-        {"pause", nullptr},
-        {"MUTE:", nullptr},
-        {"VOLUME:", nullptr},
-        {"VOLUME:loud", nullptr},
-        {"SEEK:99999999999", nullptr},
-        {"DEVICENAME:VOLUME:x", nullptr},
-        {"", nullptr}};
-    startBridge();
-    process({});
-    for (const Case& wanted : cases) {
-        SCOPED_TRACE(wanted.command);
-        const Lines expected = wanted.call == nullptr ? Lines{} : Lines{wanted.call};
-        for (const nuv_error result : {NUV_ERROR_INVALID_STATE, NUV_ERROR_OK}) {
-            if (wanted.call != nullptr) {
-                fake_sdk::set_result(std::string(wanted.call, std::strcspn(wanted.call, " ")),
-                                     result);
-            }
-            fake_sdk::take_calls();
-            captured_log::reset();
-            process({wanted.command});
-            EXPECT_EQ(fake_sdk::calls(), expected);
-            EXPECT_EQ(countLines("Unknown Event"), expected.empty() ? 2U : 1U);  // the mark, too
-            EXPECT_EQ(countLines(wanted.command + std::string("Nuvio Error fake error")),
-                      result == NUV_ERROR_OK ? 0U : expected.size());
-        }
-    }
-}
 
 TEST_F(Bridge, PostsMadeDuringABatchWaitForItAndJoinTheNext) {
     startBridge();

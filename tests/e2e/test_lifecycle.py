@@ -8,6 +8,7 @@ import json
 import os
 import pathlib
 import random
+import re
 import signal
 import socket
 import subprocess
@@ -15,7 +16,7 @@ import threading
 import time
 import unittest
 
-from device import DeviceTest, program, signal_samples, wait_for, write_wav
+from device import EMULATOR, DeviceTest, program, signal_samples, wait_for, write_wav
 
 CD = 44100
 PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
@@ -134,6 +135,33 @@ class Lifecycle(DeviceTest):
         for n in range(3):  # under an emulator below its root
             self.assertRegex(os.readlink(f"/proc/{self.daemon.pid}/fd/{n}"), "/dev/null$")
         self.assertEqual(self.stop()[0], 0)
+
+    def test_a_taken_port_is_asked_for_again_and_nothing_is_announced_before(self):
+        with socket.create_server(("", self.port)):
+            self.start(wait=False)
+            self.wait_for_log("asking again in 2 s")
+            self.assertEqual(self.log_count("Unable to start HTTP server"), 2)
+            self.assertEqual(self.log_count("Starting Avahi advertising"), 0)
+        wait_for("HTTP answers", self.answers)
+        self.wait_for_log("Starting Avahi advertising")
+
+    def test_with_too_few_threads_it_ends_as_failed_or_asks_again(self):
+        limited = ["setpriv", "--reuid=61183", "--regid=61183", "--clear-groups", "--inh-caps=-all"]
+        daemon = program("nuvio-connect")
+        if EMULATOR or subprocess.run([*limited, "test", "-x", *daemon], check=False).returncode:
+            self.skipTest("needs root, and a build that others may run")
+        subprocess.run(["chmod", "-R", "a+rwX", self.folder], check=True)
+        for limit in itertools.count(1):
+            with self.log_path.open("wb") as log:
+                self.daemon = subprocess.Popen([*limited, "prlimit", f"--nproc={limit}", *daemon],
+                                               env=self.environment, stdout=log, stderr=log)
+            wait_for("an end, a line or an answer", lambda: self.daemon.poll() is not None or
+                     self.log_count("asking again") or self.answers())
+            status, _ = self.stop()
+            failed = re.search("no thread to be had|thread not started", self.log())
+            self.assertEqual(status, 1 if failed else 0, self.log())
+            if not failed and not self.log_count("asking again"):
+                return
 
     def test_the_journal_is_told_the_level_of_each_line(self):
         self.log_path.touch()

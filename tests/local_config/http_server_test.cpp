@@ -2,11 +2,8 @@
 // and the renderer's one answer.
 #include "local_config/http_server.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,6 +19,7 @@
 #include <vector>
 
 #include "fakes/fake_sdk.h"
+#include "free_port.h"
 #include "loop_fixture.h"
 
 nuv_audio_quality audio_renderer_get_maximum_supported_audio_quality(audio_renderer*) {
@@ -37,25 +35,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
-
-sockaddr_in loopback(uint16_t port) {
-    return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-}
-
-// Below the ports that the kernel gives to clients: one that knocks on a closed port there may be
-// connected to itself.
-uint16_t free_port() {
-    for (uint32_t attempt = 0;; ++attempt) {
-        const auto port = static_cast<uint16_t>(20'000 + (getpid() + attempt) % 10'000);
-        const sockaddr_in address = loopback(port);
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        const int rc = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-        close(fd);
-        if (rc == 0) {
-            return port;
-        }
-    }
-}
 
 // A bare socket.
 class Peer {

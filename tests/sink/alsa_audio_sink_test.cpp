@@ -134,20 +134,6 @@ TEST_F(AudioSinkTest, PauseOfAnUnstartedPcmPlaysSilenceFirstAndFlushKeepsThePaus
     EXPECT_FALSE(audio_sink_pause(sink_));
 }
 
-TEST_F(AudioSinkTest, ClosedSinkRefusesEverythingButIsNotHarmed) {
-    open();
-    EXPECT_FALSE(audio_sink_open(sink_, &kCd)) << "open already";
-    EXPECT_TRUE(audio_sink_is_open(sink_));
-    audio_sink_close(sink_);
-    audio_sink_close(sink_);
-    EXPECT_EQ(write(1), -1);
-    EXPECT_FALSE(audio_sink_pause(sink_) || audio_sink_resume(sink_) || audio_sink_flush(sink_) ||
-                 audio_sink_drain(sink_));
-    bool ok = true;
-    EXPECT_EQ(audio_sink_get_buffered_frame_count(sink_, &ok), 0U);
-    EXPECT_FALSE(ok);
-}
-
 TEST_F(AudioSinkTest, WhatCannotBePlayedOrWatchedFailsTheOpen) {
     make_card();
     ASSERT_NE(new_sink(), nullptr);

@@ -24,7 +24,8 @@ Area = collections.namedtuple("Area", "folders targets tests")
 AREAS = {
     "media": Area(["src/media"], ["renderer_test", "random_driver_test"],
                   ["renderer_test", "random_driver_test"]),
-    "bridge": Area(["src/bridge", "src/startup"], ["bridge_test"], ["bridge_test"]),
+    "bridge": Area(["src/bridge", "src/startup"], ["bridge_test", "golden_life"],
+                   ["bridge_test", "golden_log_test"]),
     "advertising": Area(["src/advertising"], ["avahi_libuv_poll_test", "advertiser_host"],
                         ["avahi_libuv_poll_test", "advertising_test"]),
 }
