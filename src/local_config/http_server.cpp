@@ -13,11 +13,11 @@
 #include <utility>
 
 #include "common/released_by.h"
+#include "common/request_origin.h"
 #include "local_config/civetweb/loop_hand_off.h"
 #include "local_config/civetweb/request_body.h"
 #include "local_config/civetweb/web_server.h"
 #include "local_config/connect_request.h"
-#include "local_config/request_origin.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
 #include "utility/uv_utilities.h"
@@ -98,9 +98,9 @@ int send_internal_error(mg_connection* connection) {
 }
 
 bool is_meant_for_controllers(mg_connection* connection, const char* endpoint) {
-    const bool meant = !is_from_a_foreign_page(mg_get_header(connection, "Host"),
-                                               mg_get_header(connection, "Origin"),
-                                               mg_get_header(connection, "Sec-Fetch-Site"));
+    const bool meant = !nuvio::is_from_a_foreign_page(mg_get_header(connection, "Host"),
+                                                      mg_get_header(connection, "Origin"),
+                                                      mg_get_header(connection, "Sec-Fetch-Site"));
     if (!meant) {
         app_log(LOG_LEVEL_ERROR, "%s: Refused: asked by a web page of another site", endpoint);
         send_error(connection, 403, "Forbidden");

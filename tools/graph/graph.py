@@ -10,7 +10,7 @@ import subprocess
 import sys
 
 INCLUDE = re.compile(r'^\s*#include "([^"]+)"', re.MULTILINE)
-TREES = ("common", "src", "cores", "hosts", "tools/simcard")
+TREES = ("common", "src", "cores", "hosts", "tools/simcard", "controller")
 ROOTS = ("src", "cores", "hosts/linux", "tools/simcard", ".")
 
 
