@@ -19,7 +19,6 @@ namespace {
 
 // Pages and channels hold a worker each, and so does what is being sent.
 constexpr char kWorkers[] = "64";
-constexpr std::chrono::seconds kHeadPatience{5};
 constexpr std::chrono::seconds kRequestPatience{45};
 // CivetWeb's own, for a write that waits: a device may have read ahead, and be paused. Whoever has
 // no token is cut off by the guard.
@@ -57,6 +56,7 @@ std::string_view text_of(const char* text) {
 WebServer::WebServer(const Settings& settings, Library& library, House& house, Changes& changes)
     : m_settings(settings),
       m_cookie(new_token()),
+      m_guard(settings.port),
       m_api(library, house, changes),
       m_house(house),
       m_content(library, house, m_guard),
@@ -112,8 +112,7 @@ int WebServer::on_log(const mg_connection*, const char* message) {
 
 int WebServer::on_connection(const mg_connection* connection, void**) {
     auto* self = static_cast<WebServer*>(mg_get_user_data(mg_get_context(connection)));
-    self->m_guard.begin(connection);
-    self->m_guard.set_deadline(connection, kHeadPatience);
+    self->m_guard.look();
     return 0;
 }
 
@@ -125,7 +124,7 @@ void WebServer::on_connection_end(const mg_connection* connection) {
 int WebServer::on_request(mg_connection* connection) {
     const mg_request_info* info = mg_get_request_info(connection);
     auto* self = static_cast<WebServer*>(info->user_data);
-    self->m_guard.set_deadline(connection, kRequestPatience);
+    self->m_guard.begin(connection, kRequestPatience);
     Exchange exchange(connection, self->own_path(info->local_uri));
     try {
         return self->serve(exchange);
