@@ -410,8 +410,8 @@ class Device:
             return self.request("GET", "/get-display-info")[0] == 200
         return False
 
-    def play(self, content):
-        status = own_device.connect(self.port, content)
+    def play(self, content, remote=""):
+        status = own_device.connect(self.port, content, remote=remote)
         if status != 200:
             raise RuntimeError(f"the session was refused with {status}")
         wait_for("the device plays", lambda: self.card.state() == "RUNNING")
@@ -433,7 +433,8 @@ class Probe:
 
     FIELDS = ("offers", "bytes_offered", "bytes_taken", "writes", "foreign_writes",
               "allocations_before_write", "allocations_in_offer", "allocations", "drops",
-              "last_drop_ns", "drain_begin_ns", "drain_end_ns", "reopened_ns", "main_ns")
+              "last_drop_ns", "drain_begin_ns", "drain_end_ns", "reopened_ns", "main_ns",
+              "volumes", "last_volume_ns")
 
     def __init__(self, path):
         self.path = path

@@ -12,10 +12,12 @@ import re
 import shutil
 import statistics
 import subprocess
+import threading
 import time
 
 from lab import (Aplay, Device, Mpd, Window, cpu_ns, end, memory_kb, one_second, read_once, to_flac,
                  wait_for, write_wav)
+import raw_websocket  # noqa: I001  lab has told where it is
 
 # A ring buffer of one second, as sound cards have: a program without wishes gets periods of 125 ms,
 # which is what aplay asks for.
@@ -414,6 +416,51 @@ def commands(lab, music, devices, times, seek_times):
     p99 = percentile(took, 99)
     yield Row(f"SEEK the same way, p99 of {len(took)}", "<= 5 ms",
               f"{p99:.2f} ms (median {statistics.median(took):.2f})", p99 <= 5)
+
+
+def remote_commands(lab, music, times):
+    """From a session's server, alone and while it has the device take and tell long lists."""
+    lists = raw_websocket.command("queue_insert", tracks=[
+        {"url": f"file://{music.wav[HI_RES]}", "title": "x" * 60}] * 400)
+    with raw_websocket.RawServer() as server:
+        card = lab.card(*CARD)
+        with Device(lab, card, probe=True) as device:
+            device.play(music.wav[HI_RES], server.url)
+            with server.accept() as peer:
+                threading.Thread(target=read_all, args=(peer,), daemon=True).start()
+                time.sleep(3.5)
+                for what, before in (("", b""), (", behind a list of 400 tracks", lists)):
+                    yield from remote_latency(device, peer, what, before, times)
+            underruns = card.underruns()
+    yield Row("... underruns meanwhile", "0", str(underruns), underruns == 0)
+
+
+def read_all(peer):
+    with contextlib.suppress(OSError):
+        while peer.recv(65536):
+            pass
+
+
+def remote_latency(device, peer, what, before, times):
+    for name, count, done, argument in (
+            ("seek to PCM dropped", "drops", "last_drop_ns", lambda n: {
+                "position_ms": 5000 + n % 2 * 5000}),
+            ("volume to mixer written", "volumes", "last_volume_ns", lambda n: {
+                "volume": 20 + n % 2 * 20})):
+        took = []
+        for n in range(times):
+            counted = device.probe.read()[count]
+            words = raw_websocket.command(name.split()[0], **argument(n))
+            if before:
+                peer.sendall(before)
+            sent = time.monotonic_ns()
+            peer.sendall(words)
+            wait_for(name, lambda: device.probe.read()[count] > counted, pause=0.001)
+            took.append((device.probe.read()[done] - sent) / 1e6)
+            time.sleep(0.06 + 0.02 * random.random())
+        p99 = percentile(took, 99)
+        yield Row(f"remote {name}{what}, p99 of {times}, playing 192/24", "<= 10 ms",
+                  f"{p99:.2f} ms (median {statistics.median(took):.2f})", p99 <= 10)
 
 
 # ---- Transitions --------------------------------------------------------------------------------

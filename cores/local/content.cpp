@@ -9,10 +9,10 @@
 #include <utility>
 
 #include "common/text.h"
-#include "local/display_text.h"
-#include "local/file_url.h"
 #include "local/files.h"
-#include "local/playlist.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
+#include "local/texts/playlist.h"
 
 namespace local_core {
 

@@ -8,8 +8,8 @@
 #include "common/utf8.h"
 #include "local/content.h"
 #include "local/device_uuid.h"
-#include "local/display_text.h"
 #include "local/files.h"
+#include "local/texts/display_text.h"
 
 namespace local_core {
 
@@ -18,6 +18,17 @@ namespace {
 constexpr char kServiceName[] = "_nuvio-connect._tcp";
 constexpr size_t kMaxSessionIdBytes = 256;
 constexpr size_t kMaxInstanceNameBytes = 63;  // a DNS label
+
+HelloMessage describe(const nuv_connect_config& config, const std::string& uuid) {
+    HelloMessage device;
+    device.uuid = uuid;
+    device.manufacturer = config.manufacturer;
+    device.model = config.model;
+    device.device_type = config.device_type;
+    device.quality = config.maximum_audio_quality;
+    device.sdk_version = nuv_connect_get_sdk_version();
+    return device;
+}
 
 }  // namespace
 
@@ -32,6 +43,8 @@ Core::Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& confi
       m_player({handle, config.audio_stream_delegate, config.media_delegate,
                 config.maximum_audio_quality},
                m_control, *m_logger, [this] { m_wakeup.wake(); }),
+      m_remote(loop, describe(config, m_uuid), m_control, m_player, m_logger,
+               [this] { m_wakeup.wake(); }),
       m_settings(m_control.settings()) {
     music_folders();  // now: later another thread might change the environment
     m_wakeup.run_each_pass();
@@ -41,7 +54,8 @@ const char* Core::session_id() const {
     return m_control.connected() ? m_session_id.c_str() : nullptr;
 }
 
-nuv_error Core::connect(const char* session_id, const char* endpoint, bool become_active) {
+nuv_error Core::connect(const char* session_id, const char* endpoint, RemoteOffer remote,
+                        bool become_active) {
     const std::string_view id(session_id);
     if (id.size() > kMaxSessionIdBytes || !nuvio::is_utf8(id)) {
         return NUV_ERROR_INVALID_ARGUMENT;
@@ -56,7 +70,7 @@ nuv_error Core::connect(const char* session_id, const char* endpoint, bool becom
         m_logger->write(LogLevel::warning, kCloudClient, "Too many sessions in a second");
         return NUV_ERROR_INVALID_STATE;
     }
-    if (!m_preparer.begin({session_id, endpoint, become_active})) {
+    if (!m_preparer.begin({session_id, endpoint, become_active, std::move(remote)})) {
         m_logger->write(LogLevel::warning, kCloudClient,
                         "Too many sessions still wait for their files");
         return NUV_ERROR_INVALID_STATE;
@@ -72,7 +86,7 @@ void Core::join_prepared_session() {
     if (!prepared) {
         return;
     }
-    const SessionRequest& request = prepared->request;
+    SessionRequest& request = prepared->request;
     if (prepared->tracks.empty()) {
         m_logger->write(LogLevel::warning, kCloudClient,
                         "Not joining session %s: nothing to play in %s",
@@ -89,18 +103,20 @@ void Core::join_prepared_session() {
     m_logger->write(LogLevel::info, kCloudClient, "Joining session %s",
                     display_text(request.id).c_str());
     m_session_id = request.id;
-    m_control.connect(std::move(session), request.become_active);
+    m_control.connect(std::move(session), request.become_active, std::move(request.remote));
 }
 
 void Core::pass() {
     m_wakeup.rest();  // before the delegates: what the renderer answers from inside one arms it
     join_prepared_session();
+    bool more = m_remote.take_command();
     take_requests();
-    bool more = advertise();
+    more |= advertise();
     more |= report_player();
     more |= report_settings();
     // What a step has changed is reported before the next step is taken.
     more |= m_player.advance() || m_player.deliver();
+    tell_remote_control();
     if (more) {
         m_wakeup.run_each_pass();
     }
@@ -113,9 +129,30 @@ void Core::take_requests() {
     m_settings = m_control.settings();
     m_player.set_modes(m_settings.loop_mode, m_settings.shuffle);
     for (Command& command : m_control.take_commands()) {
-        m_player.apply(std::move(command));
         m_view_noted = true;
+        switch (command.verb) {
+            case Verb::edit:
+                m_remote.answer_edit(m_player.edit(std::move(*command.edit)));
+                continue;
+            case Verb::connect:
+                m_remote.begin(command.session->id(), command.remote, true);
+                break;
+            case Verb::deactivate:
+                m_remote.end("left");
+                break;
+            default:
+                break;
+        }
+        m_player.apply(std::move(command));
     }
+}
+
+// What the device has been told of is told its server.
+void Core::tell_remote_control() {
+    while (const std::optional<Trouble> trouble = m_player.take_trouble()) {
+        m_remote.tell_trouble(*trouble);
+    }
+    m_remote.tell(m_settings, m_published);
 }
 
 // True when a delegate was called; the same below.

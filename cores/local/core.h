@@ -22,6 +22,7 @@
 #include "local/logger.h"
 #include "local/loop_wakeup.h"
 #include "local/player.h"
+#include "local/remote_control.h"
 #include "local/session_preparer.h"
 #include "sdk/nuvio_connect.h"
 
@@ -45,7 +46,9 @@ class Core {
     // to have something to play. A controller's call must not wait for a disk: one that has nothing
     // to play is answered OK, leaves what plays alone and is told of in the log.
     // NUV_ERROR_INVALID_STATE: more than kSessionsASecond, or too many still wait for their disks.
-    nuv_error connect(const char* session_id, const char* endpoint, bool become_active);
+    // `remote`: the server from which it is controlled, where that can be used.
+    nuv_error connect(const char* session_id, const char* endpoint, RemoteOffer remote,
+                      bool become_active);
 
     // Hands a notification of the renderer to the player, and sees to it that a pass follows.
     template <typename... Arguments>
@@ -71,6 +74,7 @@ class Core {
     void pass();
     void join_prepared_session();
     void take_requests();
+    void tell_remote_control();
     bool advertise();
     bool report_player();
     bool report_settings();
@@ -83,6 +87,7 @@ class Core {
     Control m_control;
     SessionPreparer m_preparer;
     Player m_player;
+    RemoteControl m_remote;
 
     PlaybackSettings m_settings;  // as taken from control last
     PlayerView m_published;       // as given to control last

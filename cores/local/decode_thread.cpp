@@ -6,7 +6,7 @@
 #include <cinttypes>
 #include <utility>
 
-#include "local/signals_blocked.h"
+#include "common/signals_blocked.h"
 
 namespace local_core {
 
@@ -86,7 +86,7 @@ DecodeThread::DecodeThread(std::function<void()> on_news, nuv_audio_quality high
     for (size_t i = kPoolBlocks; i > 0; --i) {
         m_free_blocks.push_back(m_pool.get() + (i - 1) * kBlockBytes);
     }
-    const SignalsBlocked no_signals;
+    const nuvio::SignalsBlocked no_signals;
     m_thread = std::thread([this] { run(); });
     pthread_setname_np(m_thread.native_handle(), "nuv-decoder");
 }

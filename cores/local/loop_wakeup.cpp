@@ -1,31 +1,15 @@
 #include "local/loop_wakeup.h"
 
-#include <stdexcept>
-
 namespace local_core {
-
-namespace {
-
-template <typename Handle, typename Init>
-LoopHandle<Handle> make_handle(void* owner, Init init) {
-    auto handle = std::make_unique<Handle>();
-    if (init(handle.get()) != 0) {
-        throw std::runtime_error("the event loop takes no further handle");
-    }
-    handle->data = owner;
-    return LoopHandle<Handle>(handle.release());
-}
-
-}  // namespace
 
 LoopWakeup::LoopWakeup(uv_loop_t* loop, std::function<void()> callback)
     : m_callback(std::move(callback)) {
-    m_async = make_handle<uv_async_t>(this, [loop](uv_async_t* handle) {
+    m_async = make_loop_handle<uv_async_t>(this, [loop](uv_async_t* handle) {
         return uv_async_init(loop, handle, [](uv_async_t* self) {
             static_cast<LoopWakeup*>(self->data)->m_callback();
         });
     });
-    m_idle = make_handle<uv_idle_t>(
+    m_idle = make_loop_handle<uv_idle_t>(
         this, [loop](uv_idle_t* handle) { return uv_idle_init(loop, handle); });
 }
 

@@ -9,6 +9,7 @@
 
 #include <functional>
 #include <memory>
+#include <stdexcept>
 
 namespace local_core {
 
@@ -22,6 +23,18 @@ struct LoopHandleCloser {
 };
 template <typename Handle>
 using LoopHandle = std::unique_ptr<Handle, LoopHandleCloser<Handle>>;
+
+// `init` initialises the handle on its loop; the handle's data is `owner`. Throws
+// std::runtime_error when the loop takes no further one.
+template <typename Handle, typename Init>
+LoopHandle<Handle> make_loop_handle(void* owner, Init init) {
+    auto handle = std::make_unique<Handle>();
+    if (init(handle.get()) != 0) {
+        throw std::runtime_error("the event loop takes no further handle");
+    }
+    handle->data = owner;
+    return LoopHandle<Handle>(handle.release());
+}
 
 class LoopWakeup {
   public:

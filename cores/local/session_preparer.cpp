@@ -10,8 +10,8 @@
 #include <thread>
 #include <utility>
 
-#include "local/display_text.h"
-#include "local/signals_blocked.h"
+#include "common/signals_blocked.h"
+#include "local/texts/display_text.h"
 #include "local/track_decoder.h"
 
 namespace local_core {
@@ -97,7 +97,7 @@ bool SessionPreparer::begin(SessionRequest request) {
         shared->thread_ended.notify_all();
     };
     try {
-        const SignalsBlocked no_signals;
+        const nuvio::SignalsBlocked no_signals;
         std::thread thread(prepare);
         pthread_setname_np(thread.native_handle(), "nuv-session");
         thread.detach();

@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "local/content.h"
+#include "local/control.h"
 #include "local/logger.h"
 #include "sdk/nuvio_connect.h"
 
@@ -27,6 +28,7 @@ struct SessionRequest {
     std::string id;
     std::string endpoint;
     bool become_active;
+    RemoteOffer remote = {};
 };
 
 struct PreparedSession {

@@ -3,8 +3,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "local/display_text.h"
-#include "local/file_url.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
 
 namespace local_core {
 

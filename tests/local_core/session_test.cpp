@@ -10,9 +10,9 @@
 #include <set>
 
 #include "local/content.h"
-#include "local/display_text.h"
-#include "local/file_url.h"
-#include "local/playlist.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
+#include "local/texts/playlist.h"
 #include "temp_dir.h"
 
 namespace {

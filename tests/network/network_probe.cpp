@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "local/network/http_source.h"
-#include "local/network/remote_playlist.h"
 #include "local/network/remote_sound.h"
+#include "local/network/remote_tracks.h"
 
 using namespace local_core;
 

@@ -41,9 +41,10 @@ def request(port, method, path, body=None, timeout=30):
         connection.close()
 
 
-def connect(port, content, session="own", expiry=4102444800, active=True):
-    """Hands over a session as a controller does; the HTTP status."""
+def connect(port, content, session="own", expiry=4102444800, active=True, remote="",
+            remote_expiry=None):
+    """Hands over a session as a controller does; the HTTP status. `remote`: where it is controlled."""
     return request(port, "POST", "/connect-to-nconnect", json.dumps({
         "session_id": session, "become_active": active,
         "jwt_api": {"endpoint": str(content), "jwt": "api", "exp": expiry},
-        "jwt_nconnect": {"endpoint": "wss://x/", "jwt": "nc", "exp": expiry}}))[0]
+        "jwt_nconnect": {"endpoint": remote, "jwt": "nc", "exp": remote_expiry or expiry}}))[0]

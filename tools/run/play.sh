@@ -157,7 +157,7 @@ content, expiry = sys.argv[1], int(sys.argv[2])
 print(json.dumps({
     "session_id": "run", "become_active": True,
     "jwt_api": {"endpoint": content, "jwt": "api-token", "exp": expiry},
-    "jwt_nconnect": {"endpoint": "wss://localhost/", "jwt": "nconnect-token", "exp": expiry}}))
+    "jwt_nconnect": {"endpoint": "", "jwt": "", "exp": expiry}}))
 PY
     )
     curl -sf -H 'Content-Type: application/json' -d "$body" \

@@ -1,0 +1,193 @@
+#include "local/stream_queue.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace local_core {
+
+StreamQueue::StreamQueue(const PlayerDelegates& delegates, Control& control, const Logger& logger,
+                         std::function<void()> on_news)
+    : m_delegates(delegates),
+      m_control(control),
+      m_decoder(std::move(on_news), delegates.highest_quality, logger) {}
+
+StreamQueue::~StreamQueue() = default;
+
+// ---- From the opening to the disposal ---------------------------------------------------------
+
+void StreamQueue::open(Role role, const Track& track, TrackPlace place) {
+    in(role).reset(new Stream(m_decoder.open(track), place));
+}
+
+StreamQueue::Start StreamQueue::start(Role role) {
+    Stream& stream = *in(role);
+    switch (m_decoder.opening(*stream.m_pipe)) {
+        case DecodeThread::Opening::in_progress:
+            return Start::under_way;
+        case DecodeThread::Opening::ready:
+            announce(stream);
+            return Start::announced;
+        case DecodeThread::Opening::failed:
+            break;
+    }
+    return Start::failed;
+}
+
+void StreamQueue::announce(Stream& stream) {
+    const TrackInfo& info = stream.info();
+    const TrackTexts& texts = DecodeThread::texts(*stream.m_pipe);
+    const nuv_audio_stream_delegate& audio = m_delegates.audio;
+    stream.m_id = ++m_last_stream_id;
+    m_control.add_texts(stream.m_id, &texts);
+    audio.started(m_delegates.core, stream.m_id, {info.format, info.duration_ms()}, 0,
+                  audio.context);
+    const nuv_stream_metadata metadata = texts.view();
+    audio.metadata(m_delegates.core, stream.m_id, &metadata, audio.context);
+}
+
+void StreamQueue::withdraw(Stream& stream) {
+    if (!stream.is_announced()) {
+        return;
+    }
+    m_delegates.audio.dispose(m_delegates.core, stream.m_id, m_delegates.audio.context);
+    m_control.remove_texts(stream.m_id);
+    stream.m_id = 0;
+    stream.m_is_open = false;
+    stream.m_is_finished = false;
+}
+
+void StreamQueue::release(StreamPtr stream) {
+    withdraw(*stream);
+    give_back_block(*stream);
+    m_decoder.close(std::move(stream->m_pipe));
+}
+
+bool StreamQueue::dispose(Role role) {
+    StreamPtr stream = std::exchange(in(role), nullptr);
+    if (!stream) {
+        return false;
+    }
+    release(std::move(stream));
+    return true;
+}
+
+bool StreamQueue::dispose_retired() {
+    if (!m_retired) {
+        return false;
+    }
+    release(std::exchange(m_retired, nullptr));
+    return true;
+}
+
+bool StreamQueue::dispose_current_keeping_next() {
+    withdraw(*m_next);
+    dispose(Role::current);
+    m_current = std::exchange(m_next, nullptr);
+    return true;
+}
+
+bool StreamQueue::advance() {
+    if (!m_next || !m_next->is_announced()) {
+        return false;
+    }
+    m_retired = std::exchange(m_current, std::exchange(m_next, nullptr));
+    return true;
+}
+
+// ---- Delivery ---------------------------------------------------------------------------------
+
+void StreamQueue::give_back_block(Stream& stream) {
+    if (stream.m_block.data != nullptr) {
+        m_decoder.give_back(std::exchange(stream.m_block, {}));
+    }
+    stream.m_offered_bytes = 0;
+}
+
+StreamQueue::Offered StreamQueue::offer(Role role) {
+    Stream& stream = *in(role);
+    const nuv_audio_stream_delegate& audio = m_delegates.audio;
+    if (!stream.m_is_open || stream.m_is_finished) {
+        return {};
+    }
+    if (stream.m_block.data == nullptr) {
+        switch (m_decoder.take(*stream.m_pipe, &stream.m_block)) {
+            case DecodeThread::Taken::wait:
+                return {};
+            case DecodeThread::Taken::end:
+                return {0, true, true};
+            case DecodeThread::Taken::block:
+                break;
+        }
+    }
+    if (role == Role::next && stream.m_taken_bytes == 0) {
+        m_hand_over_position_ms = heard_position_ms();
+        m_hand_over_time = std::chrono::steady_clock::now();
+    }
+    const size_t left = stream.m_block.size_bytes - stream.m_offered_bytes;
+    stream.m_is_open = false;  // unless all is taken, or the renderer opens it again meanwhile
+    const size_t taken =
+        std::min(audio.data(m_delegates.core, stream.m_id,
+                            stream.m_block.data + stream.m_offered_bytes, left, audio.context),
+                 left);
+    stream.m_has_flowed |= taken > 0;
+    stream.m_offered_bytes += taken;
+    stream.m_taken_bytes += taken;
+    if (taken == left) {
+        stream.m_is_open = true;
+        give_back_block(stream);
+    }
+    return {taken, stream.m_is_open, false};
+}
+
+void StreamQueue::finish(Role role) {
+    Stream& stream = *in(role);
+    stream.m_is_finished = true;
+    m_delegates.audio.finished(m_delegates.core, stream.m_id, m_delegates.audio.context);
+}
+
+nuv_error StreamQueue::open_delivery(uint64_t stream_id) {
+    for (const StreamPtr* stream : {&m_current, &m_next, &m_retired}) {
+        if (*stream && (*stream)->m_id == stream_id && stream_id != 0) {
+            (*stream)->m_is_open = true;
+            return NUV_ERROR_OK;
+        }
+    }
+    return NUV_ERROR_NOT_FOUND;
+}
+
+// ---- Places in the current track --------------------------------------------------------------
+
+void StreamQueue::seek_current(uint64_t frame) {
+    Stream& stream = *m_current;
+    give_back_block(stream);
+    stream.m_is_finished = false;
+    stream.m_has_flowed = true;
+    stream.m_taken_bytes = 0;
+    m_decoder.seek(*stream.m_pipe, frame);
+}
+
+std::optional<uint64_t> StreamQueue::seek_result() {
+    return m_decoder.seek_result(*m_current->m_pipe);
+}
+
+void StreamQueue::report_seeked(uint64_t position_ms) {
+    m_delegates.audio.seeked(m_delegates.core, m_current->m_id, position_ms,
+                             m_delegates.audio.context);
+}
+
+// The renderer takes the next stream's share of the output's buffer for the current one's: its
+// answer is too small by that, and 0 where that leaves nothing. The time since tells it then.
+uint64_t StreamQueue::heard_position_ms() const {
+    const uint64_t told =
+        m_delegates.media.get_playback_position(m_delegates.core, m_delegates.media.context);
+    if (!m_next || m_next->m_taken_bytes == 0) {
+        return told;
+    }
+    const TrackInfo& next = m_next->info();
+    const auto since = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - m_hand_over_time);
+    return told > 0 ? told + next.position_ms(m_next->m_taken_bytes / next.frame_bytes)
+                    : m_hand_over_position_ms + static_cast<uint64_t>(since.count());
+}
+
+}  // namespace local_core

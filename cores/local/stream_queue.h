@@ -1,0 +1,146 @@
+// The streams that the renderer knows, or soon will: the current one is what is heard, the next one
+// is announced while the current one still plays, the retired one has been heard to its end and
+// waits for its disposal.
+//
+// A stream is opened (on the decoding thread), announced once that is done, offered block by block
+// as long as its delivery is open, reported as finished, and disposed of. Delivery is closed until
+// the renderer opens it, and again after every short count.
+//
+// Loop thread only. Delegates are called from `start`, `offer`, `finish`, the disposals,
+// `report_seeked` and `heard_position_ms` alone.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+
+#include "local/control.h"
+#include "local/decode_thread.h"
+#include "local/logger.h"
+#include "sdk/nuvio_connect.h"
+
+namespace local_core {
+
+struct PlayerDelegates {
+    nuv_connect* core;  // handed to every callback
+    nuv_audio_stream_delegate audio;
+    nuv_media_delegate media;
+    nuv_audio_quality highest_quality;  // that the renderer takes
+};
+
+// Which track of which session a stream plays.
+struct TrackPlace {
+    size_t track;
+    uint64_t session;
+
+    bool operator==(const TrackPlace&) const = default;
+};
+
+class StreamQueue {
+  public:
+    class Stream {
+      public:
+        const TrackPlace& place() const { return m_place; }
+        // Of an announced stream.
+        const TrackInfo& info() const { return DecodeThread::info(*m_pipe); }
+        const TrackTexts& texts() const { return DecodeThread::texts(*m_pipe); }
+        const std::string& open_error() const { return DecodeThread::open_error(*m_pipe); }
+        uint64_t id() const { return m_id; }
+        bool is_announced() const { return m_id != 0; }
+        bool is_decoded_wholly() const { return DecodeThread::decoded_wholly(*m_pipe); }
+        // Reported as delivered wholly.
+        bool is_finished() const { return m_is_finished; }
+        // The renderer has taken some of it, or it has been positioned.
+        bool has_flowed() const { return m_has_flowed; }
+
+      private:
+        friend class StreamQueue;
+        Stream(TrackPipePtr pipe, TrackPlace place) : m_pipe(std::move(pipe)), m_place(place) {}
+
+        TrackPipePtr m_pipe;
+        TrackPlace m_place;
+        uint64_t m_id = 0;  // 0: not announced
+        bool m_is_open = false;
+        bool m_is_finished = false;
+        bool m_has_flowed = false;
+        PcmBlock m_block{};          // being offered
+        size_t m_offered_bytes = 0;  // of the block, taken by the renderer
+        uint64_t m_taken_bytes = 0;  // since the start or the last seek
+    };
+    enum class Role { current, next };
+
+    // `on_news` comes from the decoding thread: a stream can go on.
+    StreamQueue(const PlayerDelegates& delegates, Control& control, const Logger& logger,
+                std::function<void()> on_news);
+    // Calls no delegate.
+    ~StreamQueue();
+    StreamQueue(const StreamQueue&) = delete;
+    StreamQueue& operator=(const StreamQueue&) = delete;
+
+    // Null where there is none.
+    const Stream* current() const { return m_current.get(); }
+    const Stream* next() const { return m_next.get(); }
+    bool has_retired() const { return m_retired != nullptr; }
+
+    // Begins to open the track; there must be no stream in the role.
+    void open(Role role, const Track& track, TrackPlace place);
+    // Announces the stream once, when its track is open; `failed`: it can't be opened.
+    enum class Start { under_way, announced, failed };
+    Start start(Role role);
+
+    // Each disposal tells the renderer of what was announced; false when there was nothing.
+    bool dispose(Role role);
+    bool dispose_retired();
+    // What has been decoded of the next stream stays: it becomes the current one, to be announced
+    // anew.
+    bool dispose_current_keeping_next();
+    // The current stream retires, the announced next one becomes current. False without one.
+    bool advance();
+
+    struct Offered {
+        size_t taken_bytes = 0;
+        bool has_more = false;   // that may be taken at once
+        bool is_at_end = false;  // to be finished
+    };
+    // Offers the stream's next block, or what is left of the last one.
+    Offered offer(Role role);
+    // Reports it as delivered wholly.
+    void finish(Role role);
+    // NUV_ERROR_NOT_FOUND for an unknown stream.
+    nuv_error open_delivery(uint64_t stream_id);
+
+    // The current stream goes on there; what the renderer had taken of it is no more.
+    void seek_current(uint64_t frame);
+    // The frame reached; none while the seek is under way.
+    std::optional<uint64_t> seek_result();
+    void report_seeked(uint64_t position_ms);
+
+    // The place in the current track that is heard now.
+    uint64_t heard_position_ms() const;
+
+  private:
+    using StreamPtr = std::unique_ptr<Stream>;
+
+    StreamPtr& in(Role role) { return role == Role::current ? m_current : m_next; }
+    void announce(Stream& stream);
+    void withdraw(Stream& stream);
+    void release(StreamPtr stream);
+    void give_back_block(Stream& stream);
+
+    const PlayerDelegates m_delegates;
+    Control& m_control;
+    // What was heard, and when, as the next stream began to flow behind the current one.
+    uint64_t m_hand_over_position_ms = 0;
+    std::chrono::steady_clock::time_point m_hand_over_time;
+
+    uint64_t m_last_stream_id = 0;
+    DecodeThread m_decoder;
+    StreamPtr m_current;
+    StreamPtr m_next;
+    StreamPtr m_retired;
+};
+
+}  // namespace local_core
