@@ -63,6 +63,7 @@ struct PlayerView {
     std::optional<size_t> track;  // the current one of the session
     uint64_t list_revision = 0;   // of the session
     uint64_t stream_id = 0;       // of the stream that is heard; 0: none
+    uint64_t text_count = 0;      // of changes of its texts so far
     uint64_t seek_count = 0;      // so far
 
     bool operator==(const PlayerView&) const = default;

@@ -9,6 +9,7 @@
 #include "local/content.h"
 #include "local/device_uuid.h"
 #include "local/files.h"
+#include "local/remote_settings.h"
 #include "local/texts/display_text.h"
 
 namespace local_core {
@@ -42,11 +43,13 @@ Core::Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& confi
       m_preparer([this] { m_wakeup.wake(); }, config.maximum_audio_quality, m_logger),
       m_player({handle, config.audio_stream_delegate, config.media_delegate,
                 config.maximum_audio_quality},
-               m_control, *m_logger, [this] { m_wakeup.wake(); }),
+               m_control, m_logger, [this] { m_wakeup.wake(); }),
       m_remote(loop, describe(config, m_uuid), m_control, m_player, m_logger,
                [this] { m_wakeup.wake(); }),
       m_settings(m_control.settings()) {
-    music_folders();  // now: later another thread might change the environment
+    // Now: later another thread might change the environment.
+    music_folders();
+    remote_request_defaults();
     m_wakeup.run_each_pass();
 }
 
@@ -54,14 +57,15 @@ const char* Core::session_id() const {
     return m_control.connected() ? m_session_id.c_str() : nullptr;
 }
 
-nuv_error Core::connect(const char* session_id, const char* endpoint, RemoteOffer remote,
-                        bool become_active) {
+nuv_error Core::connect(const char* session_id, const char* endpoint, const char* token,
+                        RemoteOffer remote, bool become_active) {
     const std::string_view id(session_id);
     if (id.size() > kMaxSessionIdBytes || !nuvio::is_utf8(id)) {
         return NUV_ERROR_INVALID_ARGUMENT;
     }
-    if (!is_on_this_machine(endpoint)) {
-        m_logger->write(LogLevel::error, kContentFetcher, "%s: not on this machine",
+    if (!is_findable(endpoint)) {
+        m_logger->write(LogLevel::error, kContentFetcher,
+                        "%s: neither on this machine nor on the web",
                         display_text(endpoint).c_str());
         return NUV_ERROR_EMPTY_SESSION;
     }
@@ -70,7 +74,7 @@ nuv_error Core::connect(const char* session_id, const char* endpoint, RemoteOffe
         m_logger->write(LogLevel::warning, kCloudClient, "Too many sessions in a second");
         return NUV_ERROR_INVALID_STATE;
     }
-    if (!m_preparer.begin({session_id, endpoint, become_active, std::move(remote)})) {
+    if (!m_preparer.begin({session_id, endpoint, token, become_active, std::move(remote)})) {
         m_logger->write(LogLevel::warning, kCloudClient,
                         "Too many sessions still wait for their files");
         return NUV_ERROR_INVALID_STATE;
@@ -135,7 +139,7 @@ void Core::take_requests() {
                 m_remote.answer_edit(m_player.edit(std::move(*command.edit)));
                 continue;
             case Verb::connect:
-                m_remote.begin(command.session->id(), command.remote, true);
+                m_remote.begin(command.session->id(), command.remote);
                 break;
             case Verb::deactivate:
                 m_remote.end("left");
@@ -177,13 +181,14 @@ bool Core::advertise() {
 bool Core::report_player() {
     const PlayerView view = m_player.view();
     const bool begun = m_player.take_fresh_start();
+    const bool retitled = m_player.take_new_texts();
     const bool changed = view != m_published;
     if (changed || std::exchange(m_view_noted, false)) {
         // Before the delegates, which may ask.
         m_control.publish(view);
         m_published = view;
     }
-    if (!changed && !begun) {
+    if (!changed && !begun && !retitled) {
         return false;
     }
     if (begun) {
@@ -195,7 +200,8 @@ bool Core::report_player() {
         renderer.active_state_changed != nullptr) {
         renderer.active_state_changed(m_handle, view.active, renderer.context);
     }
-    if (std::exchange(m_reported.state, view.state) != view.state || begun) {
+    // The device asks for the texts whenever it is told of the state.
+    if (std::exchange(m_reported.state, view.state) != view.state || begun || retitled) {
         media.playback_state_changed(m_handle, view.state, media.context);
     }
     if (std::exchange(m_reported.has_next, view.has_next) != view.has_next || begun) {

@@ -4,6 +4,8 @@
 #include <iterator>
 #include <utility>
 
+#include "local/texts/display_text.h"
+
 namespace local_core {
 
 namespace {
@@ -13,11 +15,13 @@ constexpr uint64_t kRestartAfterMs = 3000;
 // So many tracks in a row that the renderer can't play are a renderer that can't play.
 constexpr int kMaxRefused = 3;
 constexpr size_t kMaxTroubles = 16;
+// So many tracks in a row whose server is gone end the session.
+constexpr int kMaxUnreachable = 3;
 
 }  // namespace
 
-Player::Player(const PlayerDelegates& delegates, Control& control, const Logger& logger,
-               std::function<void()> on_news)
+Player::Player(const PlayerDelegates& delegates, Control& control,
+               std::shared_ptr<const Logger> logger, std::function<void()> on_news)
     : m_delegates(delegates),
       m_logger(logger),
       m_streams(delegates, control, logger, std::move(on_news)) {}
@@ -59,6 +63,8 @@ void Player::join_session(Command& command) {
     m_is_active = command.become_active;
     m_goes_backwards = false;
     m_refused_count = 0;  // the first of them was a track of the old session
+    m_unreachable_count = 0;
+    m_gives_session_up = false;
 }
 
 void Player::leave_session() {
@@ -75,6 +81,7 @@ void Player::pause(const Command&) {
 }
 
 void Player::resume(const Command&) {
+    m_gives_session_up = false;
     m_playback.set_goal(NUV_PLAYBACK_STATE_PLAYING);
     m_playback.set_place_kept(false);
     m_is_active = true;
@@ -88,6 +95,7 @@ void Player::stop(const Command&) {
 
 void Player::go_to_next(const Command&) {
     if (m_session->next()) {
+        m_gives_session_up = false;
         m_goes_backwards = false;
         skip_to(*m_session->next());
     }
@@ -131,6 +139,7 @@ nuv_error Player::edit(QueueEdit edit) {
     const bool jumps = edit.kind == QueueEdit::Kind::jump;
     const nuv_error error = m_session->edit(std::move(edit));
     if (error == NUV_ERROR_OK && (jumps || m_session->current() != before)) {
+        m_gives_session_up = false;
         m_goes_backwards = false;
         skip_to(m_session->current());
     }
@@ -146,12 +155,14 @@ void Player::skip_to(size_t track) {
 }
 
 void Player::end_session() {
-    m_logger.write(LogLevel::info, kCloudClient, "Session %s: nothing is left to play",
-                   m_session->id().c_str());
+    m_logger->write(LogLevel::info, kCloudClient, "Session %s: nothing is left to play",
+                    m_session->id().c_str());
     m_session->rewind();
     m_playback.set_goal(NUV_PLAYBACK_STATE_STOPPED);
     m_playback.forget_seek_goal();
     m_is_active = false;
+    m_unreachable_count = 0;
+    m_gives_session_up = false;
 }
 
 void Player::go_on_after_last_sample() {
@@ -160,7 +171,7 @@ void Player::go_on_after_last_sample() {
     }
     m_goes_backwards = false;
     // The next track was not announced in time to be queued behind this one.
-    if (m_session->follower()) {
+    if (m_session->follower() && !m_gives_session_up) {
         skip_to(*m_session->follower());
     } else {
         end_session();
@@ -169,8 +180,9 @@ void Player::go_on_after_last_sample() {
 
 void Player::pass_over(const Stream& stream) {
     const size_t track = stream.place().track;
-    m_logger.write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
-                   m_session->track(track).path.c_str(), stream.open_error().c_str());
+    m_logger->write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
+                    display_text(m_session->track(track).location).c_str(),
+                    display_text(stream.open_error()).c_str());
     m_session->mark_unplayable(track);
     note_trouble({"track_failed", track, stream.open_error()});
 }
@@ -188,6 +200,22 @@ std::optional<Trouble> Player::take_trouble() {
     Trouble trouble = std::move(m_troubles.front());
     m_troubles.pop_front();
     return trouble;
+}
+
+// What the end of a track's bytes says of those that follow.
+void Player::consider_failure(const Stream& stream) {
+    if (stream.is_announced() && std::exchange(m_considered_stream, stream.id()) == stream.id()) {
+        return;
+    }
+    const HttpFailure failure = stream.failure();
+    m_unreachable_count = failure == HttpFailure::unreachable ? m_unreachable_count + 1 : 0;
+    if (failure == HttpFailure::refused || m_unreachable_count == kMaxUnreachable) {
+        m_gives_session_up = true;
+        m_logger->write(LogLevel::warning, kCloudClient, "Session %s ends: %s",
+                        display_text(m_session->id()).c_str(),
+                        failure == HttpFailure::refused ? "its token is not accepted any more"
+                                                        : "its server is gone");
+    }
 }
 
 // When nothing of the track was taken it may be its format, and the next one may be played. False
@@ -215,7 +243,7 @@ nuv_error Player::playback_error() {
     if (m_playback.is_stopped()) {
         return NUV_ERROR_INVALID_STATE;
     }
-    m_logger.write(LogLevel::error, kAudioStreamManager, "The renderer reports a playback error");
+    m_logger->write(LogLevel::error, kAudioStreamManager, "The renderer reports a playback error");
     m_playback.forget_seek_goal();
     note_trouble({"playback_failed", std::nullopt, "the sound card can't play"});
     if (!pass_over_refused()) {
@@ -259,6 +287,7 @@ PlayerView Player::view() const {
     if (heard()) {
         view.stream_id = m_streams.current()->id();
     }
+    view.text_count = m_text_count;
     view.seek_count = m_seek_count;
     return view;
 }

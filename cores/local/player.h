@@ -18,6 +18,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "local/control.h"
 #include "local/logger.h"
@@ -44,8 +45,8 @@ struct Trouble {
 
 class Player {
   public:
-    // `on_news` comes from the decoding thread: the next pass has something to do.
-    Player(const PlayerDelegates& delegates, Control& control, const Logger& logger,
+    // `on_news` comes from a decoding thread: the next pass has something to do.
+    Player(const PlayerDelegates& delegates, Control& control, std::shared_ptr<const Logger> logger,
            std::function<void()> on_news);
     // Calls no delegate.
     ~Player();
@@ -72,6 +73,8 @@ class Player {
     std::optional<Trouble> take_trouble();
     // True, once, after the renderer has begun to play anew: everything about it is worth a report.
     bool take_fresh_start() { return m_playback.take_fresh_start(); }
+    // True, once, after the texts of what is heard have changed.
+    bool take_new_texts() { return std::exchange(m_has_new_texts, false); }
 
     // From the renderer.
     nuv_error playback_initiated() { return m_playback.confirm_initiated(); }
@@ -118,20 +121,26 @@ class Player {
     void pass_over(const Stream& stream);
     bool pass_over_refused();
     void note_trouble(Trouble trouble);
+    void consider_failure(const Stream& stream);
     TrackPlace place_of(size_t track) const { return {track, m_session_count}; }
 
     const PlayerDelegates m_delegates;
-    const Logger& m_logger;
+    const std::shared_ptr<const Logger> m_logger;
 
     std::unique_ptr<Session> m_session;
     uint64_t m_session_count = 0;
     nuv_loop_mode m_loop_mode = NUV_LOOP_MODE_OFF;
     bool m_shuffle = false;
     bool m_is_active = false;
-    bool m_goes_backwards = false;  // the last skip did: so are unplayable tracks passed over
-    int m_refused_count = 0;        // tracks in a row of which the renderer took nothing
-    size_t m_first_refused = 0;     // of these
+    bool m_goes_backwards = false;     // the last skip did: so are unplayable tracks passed over
+    int m_refused_count = 0;           // tracks in a row of which the renderer took nothing
+    size_t m_first_refused = 0;        // of these
+    int m_unreachable_count = 0;       // tracks in a row whose server was gone
+    bool m_gives_session_up = false;   // nothing more of it is opened
+    uint64_t m_considered_stream = 0;  // whose failure counts already
+    bool m_has_new_texts = false;
     uint64_t m_seek_count = 0;
+    uint64_t m_text_count = 0;
     std::deque<Trouble> m_troubles;  // at most kMaxTroubles, later ones are not kept
 
     PlaybackState m_playback;

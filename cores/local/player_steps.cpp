@@ -47,8 +47,8 @@ bool Player::stop_unwanted_playback() {
     }
     m_delegates.media.stop_playback(m_delegates.core, m_delegates.media.context);
     if (!m_playback.is_stopped()) {
-        m_logger.write(LogLevel::warning, kAudioStreamManager,
-                       "The renderer did not confirm the stop");
+        m_logger->write(LogLevel::warning, kAudioStreamManager,
+                        "The renderer did not confirm the stop");
         m_playback.confirm_stopped();
     }
     return true;
@@ -91,11 +91,12 @@ bool Player::start_current() {
     if (start != StreamQueue::Start::failed) {
         return start == StreamQueue::Start::announced;
     }
+    consider_failure(*m_streams.current());
     pass_over(*m_streams.current());
     m_streams.dispose(Role::current);
     const auto onward =
         m_goes_backwards && m_session->previous() ? m_session->previous() : m_session->next();
-    if (onward) {
+    if (onward && !m_gives_session_up) {
         m_session->move_to(*onward);
     } else {
         end_session();
@@ -154,8 +155,8 @@ bool Player::begin_seek() {
     const TrackInfo& info = m_streams.current()->info();
     if (!info.seekable) {
         m_playback.forget_seek_goal();
-        m_logger.write(LogLevel::warning, kAudioStreamManager,
-                       "[Stream %" PRIu64 "]: can't be positioned", m_streams.current()->id());
+        m_logger->write(LogLevel::warning, kAudioStreamManager,
+                        "[Stream %" PRIu64 "]: can't be positioned", m_streams.current()->id());
         return false;
     }
     const uint64_t target_ms = m_playback.begin_seek();
@@ -212,6 +213,10 @@ bool Player::start_next() {
         if (!m_streams.current()->is_decoded_wholly()) {
             return false;
         }
+        consider_failure(*m_streams.current());
+        if (m_gives_session_up) {
+            return false;
+        }
         const size_t track = *m_session->follower();
         m_streams.open(Role::next, m_session->track(track), place_of(track));
     }
@@ -222,6 +227,7 @@ bool Player::start_next() {
     if (start != StreamQueue::Start::failed) {
         return start == StreamQueue::Start::announced;
     }
+    consider_failure(*m_streams.next());
     pass_over(*m_streams.next());
     m_streams.dispose(Role::next);
     return true;
@@ -256,6 +262,8 @@ void Player::deliver_one(Role role, bool* has_more) {
         }
         m_streams.finish(role);
     }
+    m_has_new_texts |= offered.has_new_texts;
+    m_text_count += offered.has_new_texts ? 1 : 0;
     *has_more |= offered.has_more;
 }
 

@@ -6,6 +6,8 @@
 #include <system_error>
 #include <utility>
 
+#include "local/network/url.h"
+#include "local/remote_settings.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
 
@@ -30,23 +32,37 @@ constexpr struct {
 };
 
 NamedTrack named(const Track& track) {
-    NamedTrack name;
-    name.url = file_url_from_path(track.path);
-    name.title = track.title;
-    return name;
+    return {track.remote ? track.location : file_url_from_path(track.location),
+            track.title,
+            track.artist,
+            track.album,
+            track.album_art_url,
+            track.duration_ms};
 }
 
-// None where the session may not name it.
-std::optional<Track> track_of(const NamedTrack& named, bool names_files) {
-    if (!names_files || is_remote_url(named.url)) {
-        return std::nullopt;
+// A track of the network or, where that is the session's own content, of this machine. None where
+// the session may not name it.
+std::optional<Track> track_of(const NamedTrack& named, const Session& session) {
+    Track track;
+    track.title = display_text(named.title);
+    track.artist = display_text(named.artist);
+    track.album = display_text(named.album);
+    track.album_art_url = resolve_url("", named.cover).value_or("");
+    track.duration_ms = named.duration_ms;
+    if (const auto url = resolve_url("", named.url)) {
+        track.location = *url;
+        track.remote = session.remote()
+                           ? session.remote()
+                           : std::make_shared<const HttpRequest>(remote_request_defaults());
+        return track;
     }
     const std::optional<std::string> path =
         is_file_url(named.url) ? path_from_file_url(named.url) : named.url;
-    if (!path || !path->starts_with('/')) {
+    if (session.remote() || !path || !path->starts_with('/')) {
         return std::nullopt;
     }
-    return Track{*path, display_text(named.title)};
+    track.location = *path;
+    return track;
 }
 
 }  // namespace
@@ -72,15 +88,13 @@ RemoteControl::~RemoteControl() {
 
 // ---- The session ------------------------------------------------------------------------------
 
-void RemoteControl::begin(const std::string& session_id, const RemoteOffer& offer,
-                          bool names_files) {
+void RemoteControl::begin(const std::string& session_id, const RemoteOffer& offer) {
     end("taken_over");
     auto target = link_target(offer.endpoint, offer.token, offer.expiry_s);
     if (!target) {
         return;
     }
     m_device.session = session_id;
-    m_names_files = names_files;
     const auto log = [logger = m_logger](bool is_trouble, const std::string& line) {
         logger->write(is_trouble ? LogLevel::warning : LogLevel::info, kCloudClient, "%s",
                       line.c_str());
@@ -183,6 +197,9 @@ nuv_error RemoteControl::carry_out(RemoteCommand& command, bool* is_noted) {
 }
 
 nuv_error RemoteControl::edit(RemoteCommand& command, bool* is_noted) {
+    if (m_player.session() == nullptr) {
+        return NUV_ERROR_NOT_CONNECTED;
+    }
     std::optional<QueueEdit> change = edit_of(command);
     if (!change) {
         return NUV_ERROR_EMPTY_SESSION;
@@ -211,7 +228,7 @@ std::optional<QueueEdit> RemoteControl::edit_of(RemoteCommand& command) const {
         }
     }
     for (const NamedTrack& named_track : command.tracks) {
-        std::optional<Track> track = track_of(named_track, m_names_files);
+        std::optional<Track> track = track_of(named_track, *m_player.session());
         if (!track) {
             return std::nullopt;
         }
@@ -275,7 +292,8 @@ void RemoteControl::tell(const PlaybackSettings& settings, const PlayerView& vie
     if (is_first || m_told->view.list_revision != view.list_revision) {
         put(Link::Slot::queue, queue_text(std::nullopt));
     }
-    if (is_first || m_told->view.stream_id != view.stream_id) {
+    if (is_first || m_told->view.stream_id != view.stream_id ||
+        m_told->view.text_count != view.text_count) {
         put(Link::Slot::track, track_text());
     }
     put(Link::Slot::state, state_text(settings, view));

@@ -36,8 +36,7 @@ class RemoteControl {
     RemoteControl& operator=(const RemoteControl&) = delete;
 
     // A session begins; an offer that can't be used means that it is not controlled from elsewhere.
-    // `names_files`: the server may name files of this machine.
-    void begin(const std::string& session_id, const RemoteOffer& offer, bool names_files);
+    void begin(const std::string& session_id, const RemoteOffer& offer);
     // The session is over; does not wait. `reason`: of a goodbye.
     void end(const char* reason);
 
@@ -81,7 +80,6 @@ class RemoteControl {
 
     std::unique_ptr<Link> m_link;         // null: not controlled from elsewhere
     std::atomic<bool> m_has_news{false};  // of the link, set by its thread
-    bool m_names_files = false;
     uint64_t m_connection = 0;
     std::optional<Told> m_told;  // none: nothing yet by this connection
     uint64_t m_told_ms = 0;      // when, by the loop's clock

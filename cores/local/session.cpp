@@ -10,13 +10,17 @@ namespace local_core {
 namespace {
 
 size_t text_bytes(const Track& track) {
-    return track.path.size() + track.title.size();
+    return track.location.size() + track.title.size() + track.artist.size() + track.album.size() +
+           track.album_art_url.size();
 }
 
 }  // namespace
 
 Session::Session(std::string id, std::vector<Track> tracks, nuv_loop_mode loop_mode, bool shuffle)
-    : m_id(std::move(id)), m_loop_mode(loop_mode), m_shuffle(shuffle) {
+    : m_id(std::move(id)),
+      m_remote(tracks.front().remote),
+      m_loop_mode(loop_mode),
+      m_shuffle(shuffle) {
     m_list = take_in(std::move(tracks));
     m_order = m_list;
     if (shuffle) {

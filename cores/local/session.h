@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <random>
 #include <string>
@@ -36,6 +37,8 @@ class Session {
     Session(std::string id, std::vector<Track> tracks, nuv_loop_mode loop_mode, bool shuffle);
 
     const std::string& id() const { return m_id; }
+    // How the session's own content is asked for; null for content of this machine.
+    const std::shared_ptr<const HttpRequest>& remote() const { return m_remote; }
     // One that is gone is empty.
     const Track& track(size_t number) const;
     size_t current() const { return m_order[m_position]; }
@@ -86,6 +89,7 @@ class Session {
     std::optional<size_t> search(bool forward) const;
 
     std::string m_id;
+    std::shared_ptr<const HttpRequest> m_remote;
     std::vector<Entry> m_entries;  // by number
     size_t m_next_number = 0;
     std::vector<size_t> m_list;

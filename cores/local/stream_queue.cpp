@@ -5,29 +5,36 @@
 
 namespace local_core {
 
-StreamQueue::StreamQueue(const PlayerDelegates& delegates, Control& control, const Logger& logger,
-                         std::function<void()> on_news)
+namespace {
+
+// Of each stream: a radio has a new title every few minutes.
+constexpr size_t kMaxTexts = 16;
+
+}  // namespace
+
+StreamQueue::StreamQueue(const PlayerDelegates& delegates, Control& control,
+                         std::shared_ptr<const Logger> logger, std::function<void()> on_news)
     : m_delegates(delegates),
       m_control(control),
-      m_decoder(std::move(on_news), delegates.highest_quality, logger) {}
+      m_crew(std::move(on_news), delegates.highest_quality, std::move(logger)) {}
 
 StreamQueue::~StreamQueue() = default;
 
 // ---- From the opening to the disposal ---------------------------------------------------------
 
 void StreamQueue::open(Role role, const Track& track, TrackPlace place) {
-    in(role).reset(new Stream(m_decoder.open(track), place));
+    in(role).reset(new Stream(m_crew.open(track), place));
 }
 
 StreamQueue::Start StreamQueue::start(Role role) {
     Stream& stream = *in(role);
-    switch (m_decoder.opening(*stream.m_pipe)) {
-        case DecodeThread::Opening::in_progress:
+    switch (stream.m_pipe->opening()) {
+        case TrackPipe::Opening::in_progress:
             return Start::under_way;
-        case DecodeThread::Opening::ready:
+        case TrackPipe::Opening::ready:
             announce(stream);
             return Start::announced;
-        case DecodeThread::Opening::failed:
+        case TrackPipe::Opening::failed:
             break;
     }
     return Start::failed;
@@ -35,7 +42,8 @@ StreamQueue::Start StreamQueue::start(Role role) {
 
 void StreamQueue::announce(Stream& stream) {
     const TrackInfo& info = stream.info();
-    const TrackTexts& texts = DecodeThread::texts(*stream.m_pipe);
+    stream.m_texts = {stream.m_pipe->texts()};
+    const TrackTexts& texts = stream.m_texts.back();
     const nuv_audio_stream_delegate& audio = m_delegates.audio;
     stream.m_id = ++m_last_stream_id;
     m_control.add_texts(stream.m_id, &texts);
@@ -59,7 +67,6 @@ void StreamQueue::withdraw(Stream& stream) {
 void StreamQueue::release(StreamPtr stream) {
     withdraw(*stream);
     give_back_block(*stream);
-    m_decoder.close(std::move(stream->m_pipe));
 }
 
 bool StreamQueue::dispose(Role role) {
@@ -98,7 +105,7 @@ bool StreamQueue::advance() {
 
 void StreamQueue::give_back_block(Stream& stream) {
     if (stream.m_block.data != nullptr) {
-        m_decoder.give_back(std::exchange(stream.m_block, {}));
+        stream.m_pipe->give_back(std::exchange(stream.m_block, {}));
     }
     stream.m_offered_bytes = 0;
 }
@@ -110,12 +117,12 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
         return {};
     }
     if (stream.m_block.data == nullptr) {
-        switch (m_decoder.take(*stream.m_pipe, &stream.m_block)) {
-            case DecodeThread::Taken::wait:
+        switch (stream.m_pipe->take(&stream.m_block)) {
+            case TrackPipe::Taken::wait:
                 return {};
-            case DecodeThread::Taken::end:
-                return {0, true, true};
-            case DecodeThread::Taken::block:
+            case TrackPipe::Taken::end:
+                return {0, true, true, false};
+            case TrackPipe::Taken::block:
                 break;
         }
     }
@@ -136,7 +143,23 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
         stream.m_is_open = true;
         give_back_block(stream);
     }
-    return {taken, stream.m_is_open, false};
+    return {taken, stream.m_is_open, false, renew_texts(stream)};
+}
+
+bool StreamQueue::renew_texts(Stream& stream) {
+    auto texts = stream.m_pipe->take_new_texts();
+    if (!texts) {
+        return false;
+    }
+    stream.m_texts.push_back(std::move(*texts));
+    m_control.remove_texts(stream.m_id);
+    m_control.add_texts(stream.m_id, &stream.m_texts.back());
+    if (stream.m_texts.size() > kMaxTexts) {
+        stream.m_texts.pop_front();
+    }
+    const nuv_stream_metadata metadata = stream.m_texts.back().view();
+    m_delegates.audio.metadata(m_delegates.core, stream.m_id, &metadata, m_delegates.audio.context);
+    return true;
 }
 
 void StreamQueue::finish(Role role) {
@@ -163,11 +186,11 @@ void StreamQueue::seek_current(uint64_t frame) {
     stream.m_is_finished = false;
     stream.m_has_flowed = true;
     stream.m_taken_bytes = 0;
-    m_decoder.seek(*stream.m_pipe, frame);
+    stream.m_pipe->seek(frame);
 }
 
 std::optional<uint64_t> StreamQueue::seek_result() {
-    return m_decoder.seek_result(*m_current->m_pipe);
+    return m_current->m_pipe->seek_result();
 }
 
 void StreamQueue::report_seeked(uint64_t position_ms) {

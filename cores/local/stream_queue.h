@@ -2,7 +2,7 @@
 // is announced while the current one still plays, the retired one has been heard to its end and
 // waits for its disposal.
 //
-// A stream is opened (on the decoding thread), announced once that is done, offered block by block
+// A stream is opened (on its decoding thread), announced once that is done, offered block by block
 // as long as its delivery is open, reported as finished, and disposed of. Delivery is closed until
 // the renderer opens it, and again after every short count.
 //
@@ -13,13 +13,14 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
 
 #include "local/control.h"
-#include "local/decode_thread.h"
 #include "local/logger.h"
+#include "local/track_pipe.h"
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {
@@ -45,12 +46,16 @@ class StreamQueue {
       public:
         const TrackPlace& place() const { return m_place; }
         // Of an announced stream.
-        const TrackInfo& info() const { return DecodeThread::info(*m_pipe); }
-        const TrackTexts& texts() const { return DecodeThread::texts(*m_pipe); }
-        const std::string& open_error() const { return DecodeThread::open_error(*m_pipe); }
+        const TrackInfo& info() const { return m_pipe->info(); }
+        const TrackTexts& texts() const {
+            return m_texts.empty() ? m_pipe->texts() : m_texts.back();
+        }
+        const std::string& open_error() const { return m_pipe->open_error(); }
         uint64_t id() const { return m_id; }
         bool is_announced() const { return m_id != 0; }
-        bool is_decoded_wholly() const { return DecodeThread::decoded_wholly(*m_pipe); }
+        bool is_decoded_wholly() const { return m_pipe->is_decoded_wholly(); }
+        // What the network did to a track that is decoded wholly or failed to open.
+        HttpFailure failure() const { return m_pipe->failure(); }
         // Reported as delivered wholly.
         bool is_finished() const { return m_is_finished; }
         // The renderer has taken some of it, or it has been positioned.
@@ -58,10 +63,13 @@ class StreamQueue {
 
       private:
         friend class StreamQueue;
-        Stream(TrackPipePtr pipe, TrackPlace place) : m_pipe(std::move(pipe)), m_place(place) {}
+        Stream(std::unique_ptr<TrackPipe> pipe, TrackPlace place)
+            : m_pipe(std::move(pipe)), m_place(place) {}
 
-        TrackPipePtr m_pipe;
+        std::unique_ptr<TrackPipe> m_pipe;
         TrackPlace m_place;
+        // The last ones are the present ones; those before are kept for who still holds them.
+        std::deque<TrackTexts> m_texts;
         uint64_t m_id = 0;  // 0: not announced
         bool m_is_open = false;
         bool m_is_finished = false;
@@ -73,8 +81,8 @@ class StreamQueue {
     enum class Role { current, next };
 
     // `on_news` comes from the decoding thread: a stream can go on.
-    StreamQueue(const PlayerDelegates& delegates, Control& control, const Logger& logger,
-                std::function<void()> on_news);
+    StreamQueue(const PlayerDelegates& delegates, Control& control,
+                std::shared_ptr<const Logger> logger, std::function<void()> on_news);
     // Calls no delegate.
     ~StreamQueue();
     StreamQueue(const StreamQueue&) = delete;
@@ -102,8 +110,9 @@ class StreamQueue {
 
     struct Offered {
         size_t taken_bytes = 0;
-        bool has_more = false;   // that may be taken at once
-        bool is_at_end = false;  // to be finished
+        bool has_more = false;       // that may be taken at once
+        bool is_at_end = false;      // to be finished
+        bool has_new_texts = false;  // told of
     };
     // Offers the stream's next block, or what is left of the last one.
     Offered offer(Role role);
@@ -129,6 +138,7 @@ class StreamQueue {
     void withdraw(Stream& stream);
     void release(StreamPtr stream);
     void give_back_block(Stream& stream);
+    bool renew_texts(Stream& stream);
 
     const PlayerDelegates m_delegates;
     Control& m_control;
@@ -137,7 +147,7 @@ class StreamQueue {
     std::chrono::steady_clock::time_point m_hand_over_time;
 
     uint64_t m_last_stream_id = 0;
-    DecodeThread m_decoder;
+    DecodeCrew m_crew;
     StreamPtr m_current;
     StreamPtr m_next;
     StreamPtr m_retired;

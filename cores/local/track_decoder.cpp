@@ -11,9 +11,11 @@
 #include <cstring>
 #include <utility>
 
+#include "common/released_by.h"
 #include "common/unique_fd.h"
 #include "common/utf8.h"
 #include "local/files.h"
+#include "local/network/remote_sound.h"
 
 namespace local_core {
 
@@ -128,12 +130,52 @@ uint64_t TrackInfo::frame_at(uint64_t position_ms) const {
     return std::min(limited * format.sample_rate / 1000, frame_count);
 }
 
-void TrackDecoder::FileCloser::operator()(sf_private_tag* file) const {
-    sf_close(file);
-}
+// Where libsndfile reads: a file of this machine, or a remote source.
+struct TrackDecoder::Input {
+    std::unique_ptr<SNDFILE, nuvio::ReleasedBy<sf_close>> local;
+    std::optional<HttpSource> source;
+    std::optional<Interruption::Watch> watch;
+    std::unique_ptr<RemoteSound> remote;
 
-TrackDecoder::TrackDecoder(File file, TrackInfo info, Conversion conversion)
-    : m_file(std::move(file)), m_info(std::move(info)), m_conversion(conversion) {}
+    SNDFILE* file() const { return remote ? remote->file() : local.get(); }
+
+    bool open(const Track& track, Interruption& interruption, SF_INFO* info, OpenFailure* failure) {
+        return track.remote ? open_remote(track, interruption, info, failure)
+                            : open_local(track, info, failure);
+    }
+
+  private:
+    bool open_local(const Track& track, SF_INFO* info, OpenFailure* failure) {
+        nuvio::UniqueFd descriptor = open_regular_file(track.location, &failure->reason);
+        if (!descriptor) {
+            return false;
+        }
+        // libsndfile closes the descriptor, also when it refuses the file.
+        local.reset(sf_open_fd(descriptor.release(), SFM_READ, info, SF_TRUE));
+        if (!local) {
+            failure->reason = sf_strerror(nullptr);
+        }
+        return local != nullptr;
+    }
+
+    bool open_remote(const Track& track, Interruption& interruption, SF_INFO* info,
+                     OpenFailure* failure) {
+        source.emplace(track.request());
+        watch.emplace(interruption, *source);
+        remote = RemoteSound::open(*source, info);
+        if (!remote) {
+            failure->network = source->failure();
+            failure->reason =
+                failure->network != HttpFailure::none ? source->error() : sf_strerror(nullptr);
+        }
+        return remote != nullptr;
+    }
+};
+
+TrackDecoder::TrackDecoder(std::unique_ptr<Input> input, TrackInfo info, Conversion conversion)
+    : m_input(std::move(input)), m_info(std::move(info)), m_conversion(conversion) {}
+
+TrackDecoder::~TrackDecoder() = default;
 
 TrackDecoder::Conversion TrackDecoder::conversion_of(SNDFILE* file, int sndfile_format) {
     if (has_packed_24(file, sndfile_format)) {
@@ -165,20 +207,15 @@ TrackDecoder::Conversion TrackDecoder::conversion_of(SNDFILE* file, int sndfile_
     return Conversion::none_16;
 }
 
-std::unique_ptr<TrackDecoder> TrackDecoder::open(const std::string& path, nuv_audio_quality highest,
-                                                 std::string* error) {
-    nuvio::UniqueFd descriptor = open_regular_file(path, error);
-    if (!descriptor) {
-        return nullptr;
-    }
+std::unique_ptr<TrackDecoder> TrackDecoder::open(const Track& track, nuv_audio_quality highest,
+                                                 Interruption& interruption, OpenFailure* failure) {
+    auto input = std::make_unique<Input>();
     SF_INFO raw{};
-    // libsndfile closes the descriptor, also when it refuses the file.
-    File file(sf_open_fd(descriptor.release(), SFM_READ, &raw, SF_TRUE));
-    if (!file) {
-        *error = sf_strerror(nullptr);
+    if (!input->open(track, interruption, &raw, failure)) {
         return nullptr;
     }
-    const Conversion conversion = conversion_of(file.get(), raw.format);
+    SNDFILE* const file = input->file();
+    const Conversion conversion = conversion_of(file, raw.format);
     const bool deep = conversion == Conversion::unpack_24 || conversion == Conversion::upper_24 ||
                       conversion == Conversion::float_to_24;
     TrackInfo info{};
@@ -187,22 +224,28 @@ std::unique_ptr<TrackDecoder> TrackDecoder::open(const std::string& path, nuv_au
     info.format.sample_format =
         deep ? NUV_AUDIO_SAMPLE_FORMAT_24_BIT : NUV_AUDIO_SAMPLE_FORMAT_16_BIT;
     info.frame_bytes = (deep ? sizeof(int32_t) : sizeof(int16_t)) * info.format.channel_count;
-    info.frame_count = static_cast<uint64_t>(raw.frames);
+    info.is_endless = input->remote && input->remote->is_endless();
+    const sf_count_t frames = info.is_endless ? kMaxFrames : raw.frames;
+    info.frame_count = static_cast<uint64_t>(frames);
     info.seekable = raw.seekable != 0;
-    if (raw.samplerate <= 0 || raw.channels <= 0 || raw.frames <= 0 || raw.frames > kMaxFrames ||
+    if (raw.samplerate <= 0 || raw.channels <= 0 || frames <= 0 || frames > kMaxFrames ||
         info.frame_bytes > kMaxFrameBytes) {
-        *error = "nothing to play, or of unknown length";
+        failure->reason = "nothing to play, or of unknown length";
         return nullptr;
     }
     if (is_above(info.format, highest)) {
-        *error = "above the quality that the output takes";
+        failure->reason = "above the quality that the output takes";
         return nullptr;
     }
-    info.title = tag(file.get(), SF_STR_TITLE);
-    info.artist = tag(file.get(), SF_STR_ARTIST);
-    info.album = tag(file.get(), SF_STR_ALBUM);
+    info.title = tag(file, SF_STR_TITLE);
+    info.artist = tag(file, SF_STR_ARTIST);
+    info.album = tag(file, SF_STR_ALBUM);
+    if (input->source) {
+        info.station = nuvio::beginning(input->source->open()->station, kMaxTagBytes);
+        info.live_title = input->source->title();
+    }
     return std::unique_ptr<TrackDecoder>(
-        new TrackDecoder(std::move(file), std::move(info), conversion));
+        new TrackDecoder(std::move(input), std::move(info), conversion));
 }
 
 size_t TrackDecoder::read_frames(void* block, size_t capacity_bytes) {
@@ -210,7 +253,7 @@ size_t TrackDecoder::read_frames(void* block, size_t capacity_bytes) {
     const bool narrows = m_conversion == Conversion::float_to_16;
     const size_t read_bytes = narrows ? 2 * m_info.frame_bytes : m_info.frame_bytes;
     const auto frames = static_cast<sf_count_t>(capacity_bytes / read_bytes);
-    SNDFILE* file = m_file.get();
+    SNDFILE* const file = m_input->file();
     sf_count_t got = 0;
     switch (m_conversion) {
         case Conversion::unpack_24:
@@ -244,12 +287,24 @@ size_t TrackDecoder::read(void* block, size_t capacity_bytes) {
 }
 
 std::optional<uint64_t> TrackDecoder::seek(uint64_t frame) {
-    const sf_count_t reached = sf_seek(m_file.get(), static_cast<sf_count_t>(frame), SEEK_SET);
+    const sf_count_t reached = sf_seek(m_input->file(), static_cast<sf_count_t>(frame), SEEK_SET);
     return reached < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(reached));
 }
 
+std::string TrackDecoder::live_title() const {
+    return m_input->source ? m_input->source->title() : "";
+}
+
+HttpFailure TrackDecoder::failure() const {
+    return m_input->source ? m_input->source->failure() : HttpFailure::none;
+}
+
 std::string TrackDecoder::last_error() const {
-    return sf_error(m_file.get()) == SF_ERR_NO_ERROR ? "" : sf_strerror(m_file.get());
+    if (failure() != HttpFailure::none) {
+        return m_input->source->error();
+    }
+    SNDFILE* const file = m_input->file();
+    return sf_error(file) == SF_ERR_NO_ERROR ? "" : sf_strerror(file);
 }
 
 }  // namespace local_core

@@ -1,6 +1,8 @@
 """A session controlled from elsewhere: commands, answers, what the device tells, and how it takes a
 server that dies, storms or lies."""
 import contextlib
+import functools
+import http.server
 import json
 import pathlib
 import random
@@ -10,6 +12,7 @@ import ssl
 import struct
 import subprocess
 import sys
+import threading
 import time
 import unittest
 
@@ -21,6 +24,11 @@ from server import Server  # noqa: E402
 
 CD = 44100
 SECONDS = 20
+
+
+class Quiet(http.server.SimpleHTTPRequestHandler):
+    def log_message(self, *words):
+        pass
 
 
 class Channel(DeviceTest):
@@ -117,7 +125,7 @@ class Channel(DeviceTest):
             ("previous", {}, "ok", [0, 1, 2], 1),
             ("queue_remove", {"items": [1]}, "ok", [0, 2], 2),
             ("queue_remove", {"items": [2]}, "ok", [0], 0),
-            ("queue_insert", {"tracks": [{"url": "http://host/a.flac"}]}, "not_allowed", [0], 0),
+            ("queue_insert", {"tracks": [{"url": "a.wav"}]}, "not_allowed", [0], 0),
             ("queue_replace", {"tracks": self.tracks("cdb"), "start": 1}, "ok", [5, 6, 7], 6),
         ]
         for row, (command, arguments, answer, items, current) in enumerate(rows):
@@ -136,6 +144,26 @@ class Channel(DeviceTest):
         self.assertEqual(server.ask("queue_replace", tracks=bad + self.tracks("a")), "ok")
         server.until("state", item=10, playback="playing")
         self.assertEqual([m["item"] for m in server.said if m["type"] == "error"], [8, 9])
+
+    def test_what_a_session_may_name_is_what_its_own_content_may_be(self):
+        handler = functools.partial(Quiet, directory=self.music)
+        web = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
+        web.handle_error = lambda *words: None  # the device breaks off what it has no use for
+        threading.Thread(target=web.serve_forever, daemon=True).start()
+        self.addCleanup(web.server_close)
+        self.addCleanup(web.shutdown)
+        root = f"http://127.0.0.1:{web.server_port}"
+        server = self.server()
+        self.hand_over(server)
+        remote = [{"url": f"{root}/b.wav", "title": "B", "artist": "me", "duration_ms": 7}]
+        self.assertEqual(server.ask("queue_replace", tracks=remote), "ok")
+        server.until("track", item=1, duration_ms=SECONDS * 1000)
+        self.assertEqual(server.last("queue")["items"], [{"item": 1, **remote[0]}])
+        self.assertEqual(self.connect(f"{root}/c.wav", remote=server.url), 200)
+        server.wait("the other session", lambda: server.connections == 2 and server.last("state"))
+        server.until("state", playback="playing")
+        self.assertEqual(server.ask("queue_insert", tracks=self.tracks("a")), "not_allowed")
+        self.assertEqual(server.ask("queue_insert", tracks=remote), "ok")
 
     def test_a_long_list_is_told_in_parts(self):
         server = self.server()
@@ -269,8 +297,8 @@ class Channel(DeviceTest):
                 time.sleep(0.3)
         server = self.server()
         self.hand_over(server)
-        self.assertEqual(server.ask("volume", volume=5), "ok")
-        server.until("state", volume=5)
+        self.assertEqual(server.ask("shuffle", shuffle=True), "ok")
+        server.until("state", shuffle=True)
 
     # ---- Hostile servers --------------------------------------------------------------------
 

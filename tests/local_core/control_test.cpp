@@ -231,7 +231,7 @@ TEST_F(Control, WhatMakesNoSenseNowIsAnErrorResultAndChangesNothing) {
     };
     const auto now = static_cast<uint64_t>(std::time(nullptr));
     EXPECT_EQ(connect(folder.path().c_str(), now - 10), NUV_ERROR_TOKEN_EXPIRED);
-    EXPECT_EQ(connect("https://example.org/a.wav", now + 1000), NUV_ERROR_EMPTY_SESSION);
+    EXPECT_EQ(connect("ftp://example.org/a.wav", now + 1000), NUV_ERROR_EMPTY_SESSION);
     EXPECT_EQ(connect(nullptr, 0), NUV_ERROR_INVALID_ARGUMENT);
     const char* session = nullptr;
     EXPECT_EQ(nuv_connect_get_session_id(core, &session), NUV_ERROR_OK);

@@ -41,7 +41,7 @@ TEST(Playlist, TitlesBelongToTheLocationThatFollows) {
 std::vector<std::string> paths_of(const std::vector<Track>& tracks) {
     std::vector<std::string> paths(tracks.size());
     std::transform(tracks.begin(), tracks.end(), paths.begin(),
-                   [](const Track& track) { return track.path; });
+                   [](const Track& track) { return track.location; });
     return paths;
 }
 
@@ -55,7 +55,8 @@ TEST(Content, AFolderIsItsAudioFilesInOrderHiddenOnesLeftOut) {
     }
     std::filesystem::create_directory_symlink(folder.path(), folder / "again");
     const Logger logger;
-    EXPECT_THAT(paths_of(find_tracks(folder.path(), logger)),
+    Interruption none;
+    EXPECT_THAT(paths_of(find_tracks(folder.path(), "", none, logger)),
                 ElementsAre(folder / "a/1.mp3", folder / "a/2.FLAC", folder / "b.wav"));
 }
 
@@ -65,7 +66,8 @@ TEST(Content, APlaylistIsReadAgainstItsFolderAndWithoutRemoteEntries) {
         "lists/L\xc3\xa4 x.m3u8",
         "#EXTINF:1,Caf\xe9\n../a.wav\nhttp://example.org/b.mp3\n/abs/c.wav\nfile:///d%20e.wav\n");
     const Logger logger;
-    const auto tracks = find_tracks(file_url_from_path(list), logger);
+    Interruption none;
+    const auto tracks = find_tracks(file_url_from_path(list), "", none, logger);
     EXPECT_THAT(paths_of(tracks), ElementsAre(folder / "lists/../a.wav", "/abs/c.wav", "/d e.wav"));
     EXPECT_EQ(tracks[0].title, "Caf\xc3\xa9");
 }
@@ -86,7 +88,7 @@ TEST(Content, TextsForDisplayAreOneLineOfUtf8) {
 }
 
 TEST(Order, EndsAtTheLastPlayableTrackUnlessTheListIsLooped) {
-    Session session("id", {{"a", ""}, {"b", ""}, {"c", ""}}, NUV_LOOP_MODE_OFF, false);
+    Session session("id", {{"a"}, {"b"}, {"c"}}, NUV_LOOP_MODE_OFF, false);
     // Unshuffled, the current track keeps its place.
     session.move_to(1);
     session.set_modes(NUV_LOOP_MODE_OFF, true);

@@ -23,30 +23,24 @@ bool may_be_playlist(const std::string& url) {
 // Follows playlists in playlists within the limits.
 class Finder {
   public:
-    Finder(HttpRequest request, const RemoteLimits& limits)
-        : m_request(std::move(request)), m_left(limits) {
+    Finder(HttpRequest request, const RemoteLimits& limits, Interruption& interruption)
+        : m_request(std::move(request)), m_left(limits), m_interruption(interruption) {
         m_request.read_ahead_bytes = 0;  // of a track only the head is looked at
     }
 
     // Appends what `track` stands for. False when it can't be had.
     bool find(RemoteTrack track, int depth) {
-        m_request.url = track.url;
-        HttpSource source(m_request);
-        const auto content = source.open();
-        std::string text(content ? kPlaylistHeadBytes : 0, '\0');
-        text.resize(source.read(text.data(), text.size()));
-        failure = source.failure();
-        error = source.error();
-        if (failure != HttpFailure::none) {
+        Found found;
+        if (!look_at(track.url, &found)) {
             return false;
         }
-        const PlaylistFormat format = playlist_format(content->content_type, text);
-        if (format == PlaylistFormat::none || content->is_radio) {
+        if (found.format == PlaylistFormat::none) {
             add(std::move(track));
-            return true;
+        } else {
+            add_all(parse_remote_playlist(found.format, found.text, found.base, m_left.tracks),
+                    depth);
         }
-        return read_rest(source, text) &&
-               add_all(parse_remote_playlist(format, text, content->url, m_left.tracks), depth);
+        return true;
     }
 
     std::vector<RemoteTrack> tracks;
@@ -54,21 +48,48 @@ class Finder {
     std::string error;
 
   private:
-    bool read_rest(HttpSource& source, std::string& text) {
-        const size_t head = text.size();
-        text.resize(std::max(m_left.bytes, head) + 1);
-        text.resize(head + source.read(text.data() + head, text.size() - head));
-        failure = source.failure();
-        error = source.error();
-        if (failure == HttpFailure::none && text.size() > m_left.bytes) {
+    struct Found {
+        PlaylistFormat format = PlaylistFormat::none;
+        std::string text;  // of a playlist
+        std::string base;  // what its relative URLs refer to
+    };
+
+    bool look_at(const std::string& url, Found* found) {
+        m_request.url = url;
+        HttpSource source(m_request);
+        const Interruption::Watch watch(m_interruption, source);
+        const auto content = source.open();
+        found->text.resize(content ? kPlaylistHeadBytes : 0);
+        found->text.resize(source.read(found->text.data(), found->text.size()));
+        if (content && source.failure() == HttpFailure::none && !content->is_radio) {
+            found->base = content->url;
+            found->format = playlist_format(content->content_type, found->text);
+        }
+        if (found->format != PlaylistFormat::none) {
+            read_rest(source, &found->text);
+        }
+        if (source.failure() != HttpFailure::none) {
+            failure = source.failure();
+            error = source.error();
+        } else if (found->format != PlaylistFormat::none && found->text.size() > m_left.bytes) {
             failure = HttpFailure::unusable;
             error = "the playlist is too large";
+        } else {
+            failure = HttpFailure::none;
+            error.clear();
         }
-        m_left.bytes -= std::min(m_left.bytes, text.size());
+        m_left.bytes -= std::min(m_left.bytes, found->text.size());
         return failure == HttpFailure::none;
     }
 
-    bool add_all(std::vector<RemoteTrack> found, int depth) {
+    // One byte more than is allowed shows that it is too large.
+    void read_rest(HttpSource& source, std::string* text) const {
+        const size_t head = text->size();
+        text->resize(std::max(m_left.bytes, head) + 1);
+        text->resize(head + source.read(text->data() + head, text->size() - head));
+    }
+
+    void add_all(std::vector<RemoteTrack> found, int depth) {
         const bool is_only_one = found.size() == 1;
         for (RemoteTrack& track : found) {
             const bool is_asked = (is_only_one || may_be_playlist(track.url)) &&
@@ -80,7 +101,6 @@ class Finder {
                 add(std::move(track));
             }
         }
-        return true;
     }
 
     void add(RemoteTrack track) {
@@ -92,13 +112,15 @@ class Finder {
 
     HttpRequest m_request;
     RemoteLimits m_left;
+    Interruption& m_interruption;
 };
 
 }  // namespace
 
 std::vector<RemoteTrack> find_remote_tracks(const HttpRequest& request, const RemoteLimits& limits,
-                                            HttpFailure* failure, std::string* error) {
-    Finder finder(request, limits);
+                                            Interruption& interruption, HttpFailure* failure,
+                                            std::string* error) {
+    Finder finder(request, limits, interruption);
     RemoteTrack whole;
     whole.url = request.url;
     finder.find(std::move(whole), 0);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "local/network/http_source.h"
+#include "local/network/interruption.h"
 #include "local/network/remote_playlist.h"
 
 namespace local_core {
@@ -20,8 +21,10 @@ struct RemoteLimits {
 // What the request's URL names: its tracks in order, or itself as the only one when it is no
 // playlist. A playlist's only entry, and entries named like playlists, are asked what they are. An
 // inner playlist that can't be had is passed over; empty, with *error set, where nothing is left.
-// The request's token goes with what lies on its origin alone. Blocks as HttpSource::open() does.
+// The request's token goes with what lies on its origin alone. Blocks as HttpSource::open() does,
+// until the interruption at the latest.
 std::vector<RemoteTrack> find_remote_tracks(const HttpRequest& request, const RemoteLimits& limits,
-                                            HttpFailure* failure, std::string* error);
+                                            Interruption& interruption, HttpFailure* failure,
+                                            std::string* error);
 
 }  // namespace local_core

@@ -65,7 +65,7 @@ struct KnownKey {
     std::string_view key;
     Checker check;
 };
-constexpr std::array<KnownKey, 17> kKnownKeys = {{
+constexpr std::array<KnownKey, 20> kKnownKeys = {{
     {kFeatureNuvioConnect, check_number},
     {KFeatureNuvioConnectLog, check_number},
     {KFeatureNuvioConnectHttpPort, check_port},
@@ -83,6 +83,9 @@ constexpr std::array<KnownKey, 17> kKnownKeys = {{
     {kHostBus, check_bus},
     {kHostInitialVolume, check_percent},
     {kLocalMusicFolders, check_folder},
+    {kLocalReadAhead, check_number},
+    {kLocalNetworkPatience, check_number},
+    {kLocalAuthorities, check_folder},
 }};
 
 const KnownKey* find_key(std::string_view key) {
