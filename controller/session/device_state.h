@@ -39,6 +39,7 @@ class DeviceState {
 
     // Heard now: a position advances while it plays.
     int64_t position_ms(Clock::time_point now) const;
+    int64_t revision() const { return m_revision; }  // of the queue
     bool is_playing() const { return m_playback == "playing"; }
     // The queue's first place that no message has told of yet; none when all is there.
     std::optional<int64_t> missing_place() const;

@@ -13,6 +13,10 @@ namespace nuvio::controller {
 
 namespace {
 
+// Devices answer these before they tell of the queue: who reads it next is to see the new one.
+const std::set<std::string> kChangesQueue{"queue_replace", "queue_insert", "queue_remove",
+                                          "queue_move"};
+constexpr std::chrono::seconds kQueuePatience{1};
 constexpr int64_t kSessionSeconds = int64_t{7} * 24 * 3600;
 
 int64_t unix_ms() {
@@ -184,12 +188,18 @@ Outcome House::command(const std::string& id, const std::string& name, JsonPtr a
     add(arguments.get(), "id", command_id);
     add(arguments.get(), "command", name);
     m_waiting[command_id] = {id, std::nullopt};
+    const int64_t revision = device->second.state.revision();
     device->second.link->send(print_json(arguments.get()));
     m_on_change.wait_for(lock, kPatience,
                          [&] { return m_is_closed || m_waiting[command_id].outcome.has_value(); });
     Outcome outcome = m_waiting[command_id].outcome.value_or(Outcome{
         false, "the device has not answered within " + std::to_string(kPatience.count()) + " s"});
     m_waiting.erase(command_id);
+    if (outcome.is_ok && kChangesQueue.contains(name)) {
+        m_on_change.wait_for(lock, kQueuePatience, [&] {
+            return m_is_closed || m_devices[id].state.revision() != revision;
+        });
+    }
     return outcome;
 }
 

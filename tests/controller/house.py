@@ -12,7 +12,7 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
 import device as e2e  # noqa: E402
 import music  # noqa: E402
-from device import wait_for  # noqa: E402
+from device import PATIENCE, wait_for  # noqa: E402
 
 OWN_DAEMON = pathlib.Path(__file__).resolve().parents[2] / "tools/run/own_daemon.sh"
 SECONDS = 20  # of each track
@@ -98,7 +98,7 @@ class HouseTest(unittest.TestCase):
     def stop_controller(self, how=signal.SIGTERM):
         if self.controller is not None:
             self.controller.send_signal(how)
-            status = self.controller.wait(e2e.PATIENCE)
+            status = self.controller.wait(PATIENCE)
             self.controller = None
             log = self.log_path.read_text(errors="replace")
             self.assertNotRegex(log, "(Thread|Address|Leak)Sanitizer|runtime error:")
@@ -106,7 +106,7 @@ class HouseTest(unittest.TestCase):
 
     def ask(self, path, body=None, headers=None, method=None):
         """Status, headers and body of the answer."""
-        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=e2e.PATIENCE)
+        connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE)
         try:
             connection.request(method or ("GET" if body is None else "POST"), path,
                                None if body is None else json.dumps(body), headers or {})
