@@ -2,11 +2,12 @@
 import { show_devices } from "./devices.js";
 import { scan_line, show_library } from "./library.js";
 import { run_position, show_mini, show_playing, show_queue } from "./player.js";
-import { on_change, start, state } from "./state.js";
+import { devices, on_change, selected, start, state } from "./state.js";
 
 const main = document.getElementById("main");
 let shown = "";  // the screen's hash
 let visit = 0;
+let seen = "";  // what the screen was last made of
 let library_revision = null;
 
 function words_of_hash() {
@@ -35,6 +36,14 @@ function keeping_focus(work) {
   if (again && again !== document.activeElement) again.focus({ preventScroll: true });
 }
 
+// Positions run by themselves, so a message that brings nothing else leaves the screen as it is: what
+// is under a finger stays.
+function what_is_seen() {
+  const chosen = selected();
+  return JSON.stringify([visit, state.connected, chosen && chosen.id, devices()],
+                        (key, value) => (key === "position_ms" ? undefined : value));
+}
+
 function is_held() {
   const held = document.activeElement;
   return held && held.matches("input[type=range]:active, select:active");
@@ -45,14 +54,17 @@ function refresh() {
   const screen = words_of_hash()[0];
   if (is_held()) return;
   const own = visit;
-  keeping_focus(() => {
-    show_mini(document.getElementById("mini"), screen !== "playing");
-    if (screen === "devices") show_devices(main);
-    else if (screen === "playing") show_playing(main);
-  });
-  if (screen === "queue") {
-    show_queue(main, () => own === visit);
-  } else if (screen === "library") {
+  const now = what_is_seen();
+  if (now !== seen) {
+    seen = now;
+    keeping_focus(() => {
+      show_mini(document.getElementById("mini"), screen !== "playing");
+      if (screen === "devices") show_devices(main);
+      else if (screen === "playing") show_playing(main);
+    });
+    if (screen === "queue") show_queue(main, () => own === visit, keeping_focus);
+  }
+  if (screen === "library") {
     const line = document.getElementById("scan");
     if (line) line.replaceChildren(scan_line());
     if (library_revision !== null && library_revision !== state.library.revision &&

@@ -19,7 +19,7 @@ export function icon(name) {
   const svg = document.createElementNS(space, "svg");
   svg.setAttribute("aria-hidden", "true");
   const use = document.createElementNS(space, "use");
-  use.setAttribute("href", "#" + name);
+  use.setAttribute("href", "#i-" + name);
   svg.append(use);
   return svg;
 }

@@ -47,7 +47,7 @@ function start_drag(event, row, device, item) {
     delete list.dataset.dragging;
     const next = row.nextElementSibling;
     if (!is_done || next === begin) return;
-    if (!await move(device, item, next ? Number(next.dataset.item) : null)) queue.revision = null;
+    if (!await move(device, item, next ? Number(next.dataset.item) : null)) list.insertBefore(row, begin);
   };
   handle.onpointerup = () => end(true);
   handle.onpointercancel = () => end(false);
@@ -81,7 +81,7 @@ function queue_row(device, entry, place) {
   return row;
 }
 
-export async function show_queue(main, is_current) {
+export async function show_queue(main, is_current, keeping_focus) {
   const device = selected();
   if (!device || device.session !== "us" || !device.queue_length) {
     queue = { device: null, revision: null, items: [] };
@@ -98,10 +98,10 @@ export async function show_queue(main, is_current) {
     if (!is_current()) return;
   }
   if (main.querySelector("[data-dragging]")) return;
-  main.replaceChildren(
+  keeping_focus(() => main.replaceChildren(
     element("h1", { tabindex: -1 }, "Queue"),
     element("p", { class: "quiet" }, device.name + " · " + device.queue_length + " tracks"),
-    element("ul", { class: "list" }, queue.items.map((entry, place) => queue_row(device, entry, place))));
+    element("ul", { class: "list" }, queue.items.map((entry, place) => queue_row(device, entry, place)))));
 }
 
 // ---- Now playing --------------------------------------------------------------------------------

@@ -1,4 +1,5 @@
 """Tagged FLAC files, made quickly: one encoding, any number of tags and covers."""
+import functools
 import pathlib
 import struct
 import subprocess
@@ -12,6 +13,7 @@ from device import signal_samples, write_wav  # noqa: E402
 HEAD = 4 + 4 + 34  # "fLaC" and the block that describes the stream
 
 
+@functools.lru_cache
 def encode(seconds, rate=44100, start=0):
     """FLAC of the tests' signal without tags, and the bytes that a card plays for it."""
     with tempfile.TemporaryDirectory() as folder:
