@@ -10,7 +10,7 @@ from root import (ALSA_CONFIG, BUILD, CARD, LINES_OF_CHECK, PATH, PATIENCE, ROOT
                   RootTest, findings, in_root, run, wait_for)
 
 PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-host-linux",
-            "nuvio-connect-tools"]
+            "nuvio-connect-tools", "nuvio-connect-controller"]
 UNIT = "usr/lib/systemd/system/nuvio-connect.service"
 ACCOUNT = ("--userspec=nuvio-connect:nuvio-connect", "--groups=audio")
 NOTIFY = ROOT / "run/notify"
@@ -88,11 +88,12 @@ class Installed(RootTest):
 
     def test_3_the_unit_is_sound_and_lets_the_service_do_little(self):
         result = run("systemd-analyze", "verify", "--man=no", f"--root={ROOT}",
-                     "nuvio-connect.service")
+                     "nuvio-connect.service", "nuvio-connect-controller.service")
         self.assertNotIn("nuvio-connect", result.stderr)
-        exposure = run("systemd-analyze", "security", "--offline=true", "--threshold=18",
-                       "--no-pager", ROOT / UNIT)
-        print(exposure.stdout.splitlines()[-1])
+        for unit in UNIT, UNIT.replace(".service", "-controller.service"):
+            exposure = run("systemd-analyze", "security", "--offline=true", "--threshold=18",
+                           "--no-pager", ROOT / unit)
+            print(exposure.stdout.splitlines()[-1])
 
     def test_4_check_says_what_is_missing_until_nothing_is(self):
         shutil.rmtree(ROOT / CARD[1:], ignore_errors=True)
@@ -121,7 +122,15 @@ class Installed(RootTest):
         self.assertEqual(daemon.wait(PATIENCE), 0)
         self.assertEqual(self.manager.recv(100), b"STOPPING=1")
 
-    def test_6_a_device_makers_layers_take_the_place_of_both(self):
+    def test_6_a_controller_beside_it_finds_the_device(self):
+        self.set_up_device()
+        self.start_bus_and_avahi()
+        self.start("nuvio-connect", options=ACCOUNT, variables=SERVICE)
+        self.start("nuvio-connect-controller", "serve", "--music", "/srv/music", "--state", "/run/c")
+        wait_for("the device, free", lambda: "free" in in_root(
+            "nuvio-connect-controller", "devices", check=False).stdout)
+
+    def test_7_a_device_makers_layers_take_the_place_of_both(self):
         maker = ROOT / "maker"
         (maker / "DEBIAN").mkdir(parents=True)
         self.addCleanup(shutil.rmtree, maker)
@@ -134,7 +143,7 @@ class Installed(RootTest):
         in_root("dpkg", "-r", *PACKAGES[1:3])
         self.assertEqual(in_root("dpkg", "--audit").stdout, "")
 
-    def test_7_nothing_is_left_after_a_purge(self):
+    def test_8_nothing_is_left_after_a_purge(self):
         in_root("dpkg", "-P", *PACKAGES)
         left = [path for pattern in ("etc/nuvio-connect*", "var/lib/nuvio-connect*",
                                      "usr/bin/nuvio*", "usr/lib/*/*nuvio*", "usr/share/*/*nuvio*",
