@@ -21,6 +21,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/unique_fd.h"
+
 namespace nuvio::kit {
 
 // A rule that does not hold; what() says what was seen.
@@ -198,6 +200,7 @@ class Device {
     uint64_t m_end_due_ms = 0;
     unsigned m_earliest_next_ms = 0;
     bool m_serving = false;
+    UniqueFd m_server;  // listens while it is so
     bool m_advertising = false;
     bool m_next_available = false;
     uint64_t m_allowance = UINT64_MAX;

@@ -1,4 +1,7 @@
 // The device's side of the delegates: services, streams, playback, and a card of half a second.
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -15,12 +18,26 @@ std::string stream(uint64_t id) {
     return "stream " + std::to_string(id);
 }
 
+// A core may look whether the device's server really listens before it announces it.
+UniqueFd listening_socket() {
+    UniqueFd server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in here{};
+    here.sin_family = AF_INET;
+    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(server.get(), reinterpret_cast<const sockaddr*>(&here), sizeof here) != 0 ||
+        listen(server.get(), 1) != 0) {
+        server.reset();
+    }
+    return server;
+}
+
 }  // namespace
 
 // ---- Server and advertising ---------------------------------------------------------------------
 
 void Device::on_server_start() {
     note("server");
+    m_server = listening_socket();
     if (std::exchange(m_serving, true)) {
         m_breaches.add("services", "the server is started twice");
     }
@@ -28,6 +45,7 @@ void Device::on_server_start() {
 
 void Device::on_server_stop() {
     m_serving = false;
+    m_server.reset();
 }
 
 void Device::on_advertise(const char* name, const char* service) {
