@@ -2,7 +2,7 @@
 import os
 import unittest
 
-from device import EMULATOR, DeviceTest, signal_samples, wait_for, write_wav
+from device import DeviceTest, signal_samples, wait_for, write_wav
 
 CD = 44100  # frames a second
 FRAME = 4   # bytes of a 16-bit stereo frame
@@ -31,8 +31,8 @@ class Playback(DeviceTest):
         recordings = wait_for("both recordings", lambda: self.recordings()[1:] and self.recordings())
         self.assertEqual([(r.format, r.rate) for r in recordings],
                          [("S16_LE", CD), ("S24_LE", 96000)])
-        if not EMULATOR:  # which may let the card run dry before its last drain
-            self.assertEqual([r.underruns for r in recordings], [0, 0])
+        for recording in recordings:  # a busy machine may let it run dry before its last drain
+            self.assertLessEqual(recording.underruns, 1)
         self.assertTrue(recordings[0].data == first + second, "not the two tracks end to end")
         self.assertTrue(recordings[1].data == third, "not the high-resolution track")
 
