@@ -214,7 +214,7 @@ void Player::consider_failure(const Stream& stream) {
         m_logger->write(LogLevel::warning, kCloudClient, "Session %s ends: %s",
                         display_text(m_session->id()).c_str(),
                         failure == HttpFailure::refused ? "its token is not accepted any more"
-                                                        : "its server is gone");
+                                                        : "its server or disk is gone");
     }
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <iterator>
+#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -30,6 +31,11 @@ constexpr struct {
     {NUV_ERROR_NOT_CONNECTED, "not_connected", "the session is over"},
     {NUV_ERROR_EMPTY_SESSION, "not_allowed", "this session may not name that"},
 };
+
+// A number of a server's as a place or a track's number; what is too large for one names none.
+size_t place(uint64_t number) {
+    return static_cast<size_t>(std::min<uint64_t>(number, std::numeric_limits<size_t>::max()));
+}
 
 NamedTrack named(const Track& track) {
     return {track.remote ? track.location : file_url_from_path(track.location),
@@ -160,7 +166,7 @@ bool RemoteControl::take_command() {
     }
     answer(id, error);
     if (error == NUV_ERROR_OK && command.verb == RemoteVerb::queue_read) {
-        say(queue_text(static_cast<size_t>(command.number)));
+        say(queue_text(place(command.number)));
     }
     return true;
 }
@@ -240,13 +246,14 @@ std::optional<QueueEdit> RemoteControl::edit_of(RemoteCommand& command) const {
         }
         edit.tracks.push_back(std::move(*track));
     }
-    edit.start = static_cast<size_t>(command.number);
-    edit.items.assign(command.items.begin(), command.items.end());
+    edit.start = place(command.number);
+    std::transform(command.items.begin(), command.items.end(), std::back_inserter(edit.items),
+                   place);
     if (edit.kind == QueueEdit::Kind::jump) {
-        edit.items = {static_cast<size_t>(command.number)};
+        edit.items = {place(command.number)};
     }
     if (command.before) {
-        edit.before = static_cast<size_t>(*command.before);
+        edit.before = place(*command.before);
     }
     return edit;
 }
@@ -353,8 +360,8 @@ std::string RemoteControl::queue_text(std::optional<size_t> first) const {
         ++end;
     }
     const auto current = std::find(list.begin(), list.end(), session->current());
-    const auto place = static_cast<size_t>(current - list.begin());
-    return first || place < end ? message.text() : queue_text(place);
+    const auto current_place = static_cast<size_t>(current - list.begin());
+    return first || current_place < end ? message.text() : queue_text(current_place);
 }
 
 std::string RemoteControl::track_text() const {

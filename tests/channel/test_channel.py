@@ -292,9 +292,7 @@ class Channel(DeviceTest):
                             "queue_insert", {"tracks": self.tracks("abcd")}), (
                             "queue_jump", {"item": 1}), ("leave", {})], [9, 9, 9, 9, 9, 1], k=60)))
                     peer.sendall(words[:rng.randrange(len(words))])
-                    time.sleep(rng.random() / 2)
-            if rng.random() < 0.5:
-                time.sleep(0.3)
+                    time.sleep(0.26 + rng.random() / 4)  # four sessions a second are taken
         server = self.server()
         self.hand_over(server)
         self.assertEqual(server.ask("shuffle", shuffle=True), "ok")

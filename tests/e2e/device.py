@@ -22,8 +22,7 @@ import time
 import unittest
 import wave
 
-sys.path[:0] = [str(pathlib.Path(__file__).parents[2] / "tools/run"),
-                str(pathlib.Path(__file__).parents[1])]
+sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "tools/run"))
 import own_device  # noqa: E402
 from web_server import WebServer  # noqa: E402, F401
 

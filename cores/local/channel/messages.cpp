@@ -297,8 +297,8 @@ std::string write_hello(const HelloMessage& hello) {
     add_text(device, "name", hello.name);
     add_text(device, "manufacturer", hello.manufacturer);
     add_text(device, "model", hello.model);
-    add_text(device, "device_type", nuv_device_type_to_string(hello.device_type));
-    add_text(device, "quality", nuv_audio_quality_to_string(hello.quality));
+    add_text(device, "device_type", hello.device_type);
+    add_text(device, "quality", hello.quality);
     add_text(device, "sdk_version", hello.sdk_version);
     cJSON* const limits = cJSON_AddObjectToObject(message.get(), "limits");
     add_number(limits, "message_bytes", kMaxMessageBytes);
