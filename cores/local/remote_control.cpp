@@ -106,6 +106,7 @@ void RemoteControl::begin(const std::string& session_id, const RemoteOffer& offe
     if (!target) {
         return;
     }
+    target->authorities = remote_request_defaults().authorities;
     m_device.session = session_id;
     const auto log = [logger = m_logger](bool is_trouble, const std::string& line) {
         logger->write(is_trouble ? LogLevel::warning : LogLevel::info, kCloudClient, "%s",

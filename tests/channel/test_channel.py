@@ -265,9 +265,11 @@ class Channel(DeviceTest):
         self.wait_for_log("can't reach localhost")
         self.assertEqual(server.paths, [])
         self.stop()
-        self.environment["SSL_CERT_FILE"] = str(self.folder / "cert")
+        self.environment["NUVIO_NETWORK_AUTHORITIES"] = str(self.folder / "cert")
         self.start(player=False)
         self.hand_over(server)
+        self.connect(self.music / "a.wav", remote=server.url.replace("localhost", "127.0.0.1"))
+        self.wait_for_log("can't reach 127.0.0.1")
         # A server that leads elsewhere: the token does not go there.
         with RawServer(timeout=1) as elsewhere, RawServer() as leading:
             self.connect(self.music / "a.wav", remote=leading.url)

@@ -215,6 +215,10 @@ bool Link::Worker::create() {
     info.connect_timeout_secs = kConnectSeconds;
     info.retry_and_idle_policy = &kPolicy;
     info.options = m_target.tls ? LWS_SERVER_OPTION_DO_SSL_GLOBAL_INIT : 0;
+    if (!m_target.authorities.empty()) {
+        info.client_ssl_ca_filepath = m_target.authorities.c_str();
+        info.options |= LWS_SERVER_OPTION_DISABLE_OS_CA_CERTS;
+    }
     m_context = lws_create_context(&info);
     const std::lock_guard lock(m_shared->mutex);
     m_shared->context = m_context;
