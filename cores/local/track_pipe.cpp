@@ -385,7 +385,8 @@ class TrackPipe::Work {
         }
         const bool tells = std::exchange(m_reader_waits, false);
         lock.unlock();
-        if (is_at_end && decoded < info.frame_count) {
+        const bool has_failed = m_decoder->failure() != HttpFailure::none;
+        if (is_at_end && decoded < info.frame_count && (has_failed || !info.is_endless)) {
             log_early_end();
         }
         if (tells) {

@@ -66,7 +66,8 @@ class WebServer:
             self.process = None
 
 
-AUDIO = (".wav", ".flac", ".ogg", ".oga", ".opus", ".mp3", ".aif", ".aiff", ".au", ".w64", ".caf")
+AUDIO = (".wav", ".flac", ".ogg", ".oga", ".opus", ".mp3", ".aif", ".aiff", ".au", ".w64", ".caf",
+         ".m4a", ".aac", ".wv", ".dsf", ".dff")
 WITH_LIST = "server {{ listen 127.0.0.1:{port}; location = /tracks.m3u8 {{ root {d}; }} }}"
 
 
