@@ -4,17 +4,16 @@ Each card is set up by `nuvio-connect --setup`: snd-aloop, whose other end is re
 USB, which the emulator records and tools/vm/run.py compares. The machine is booted twice: the class
 AfterReboot is the second time's.
 """
-import os
 import pathlib
 import re
 import subprocess
 import sys
+import time
 import unittest
 
 SHARE = pathlib.Path("/srv/share")
-os.environ.setdefault("NUVIO_BUILD", "/usr")
-sys.path.insert(0, str(SHARE / "tests/e2e"))
-from device import own_device, wait_for  # noqa: E402
+sys.path.insert(0, str(SHARE / "tools/run"))
+import own_device  # noqa: E402
 
 SETTINGS = pathlib.Path("/etc/nuvio-connect/settings.conf")
 UNIT = "nuvio-connect"
@@ -33,7 +32,13 @@ def run(*words, check=True):
 
 
 def wait(what, condition):
-    return wait_for(what, condition, PATIENCE)
+    """The condition's first true value."""
+    end = time.monotonic() + PATIENCE
+    while not (value := condition()):
+        if time.monotonic() > end:
+            raise AssertionError(f"not within {PATIENCE} s: {what}")
+        time.sleep(0.05)
+    return value
 
 
 def state(*names):
