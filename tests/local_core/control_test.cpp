@@ -114,6 +114,7 @@ TEST_F(Control, PreviousRestartsALateTrackAndGoesBackFromAnEarlyOne) {
     for (const size_t ms : {3001U, 3000U}) {  // heard
         take_only(2, ms * 8);
         run_until_taken(2, ms * 8);
+        device.run_for_ms(400);  // until the output is believed what the clock does not confirm
         told(nuv_connect_previous_track, ms > 3000 ? "seeked 2 0" : "metadata 3 0|||");
     }
     take_only(3, 1000);
@@ -177,23 +178,6 @@ TEST_F(Control, SeekBackAfterTheHandOverBringsTheNextTrackAgainInFull) {
     EXPECT_TRUE(device.pcm_of_stream[3] == tracks[1].pcm);
 }
 
-TEST_F(Control, LoopOneRepeatsTheTrackAndLoopAllTheList) {
-    start_playing();
-    EXPECT_EQ(nuv_connect_set_loop_mode(device.core(), NUV_LOOP_MODE_ONE), NUV_ERROR_OK);
-    device.run_until_line("controls ONE 0");
-    device.take = nullptr;
-    device.run_until_line("finished 3");
-    EXPECT_TRUE(device.pcm_of_stream[3] == tracks[0].pcm);
-    hold_end_of_track(false);
-    EXPECT_EQ(nuv_connect_set_loop_mode(device.core(), NUV_LOOP_MODE_ALL), NUV_ERROR_OK);
-    for (int i = 0; i < 4; ++i) {
-        const auto lines = told(nuv_connect_next_track, "state PLAYING");
-        const std::string id = std::to_string(device.active()->id);
-        EXPECT_THAT(
-            lines, testing::Contains("metadata " + id + " " + std::to_string((i + 1) % 4) + "|||"));
-    }
-}
-
 TEST_F(Control, AModeChangeWithdrawsTheAnnouncedTrack) {
     start_playing();
     hold_end_of_track(false);
@@ -242,21 +226,6 @@ TEST_F(Control, WhatMakesNoSenseNowIsAnErrorResultAndChangesNothing) {
                 ElementsAre("active 0", "next available 0", "stop", "dispose 1", "state STOPPED"));
     EXPECT_EQ(nuv_connect_get_session_id(core, &(session = "some")), NUV_ERROR_OK);
     EXPECT_STREQ(session, "some") << "left alone when there is none";
-}
-
-// As a card that vanishes makes the renderer do it: from inside an offer.
-TEST_F(Control, AfterAPlaybackErrorTheNextSessionPlays) {
-    bool failed = false;
-    device.take = [&](size_t offered) {
-        device.fail_playback(!std::exchange(failed, true));
-        return offered;
-    };
-    ASSERT_EQ(device.play(tracks[3].path), NUV_ERROR_OK);
-    device.run_until_line("state STOPPED");
-    EXPECT_THAT(device.take_lines(), testing::Contains("dispose 1"));
-    ASSERT_EQ(device.play(tracks[3].path), NUV_ERROR_OK);
-    device.run_until_line("finished 2");
-    EXPECT_TRUE(device.pcm_of_stream[2] == tracks[3].pcm);
 }
 
 TEST_F(Control, TracksThatTheRendererRefusesArePassedOverButNotAllOfThem) {

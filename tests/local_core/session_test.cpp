@@ -9,11 +9,11 @@
 #include <filesystem>
 #include <set>
 
+#include "common/m3u.h"
 #include "local/content.h"
 #include "local/device_uuid.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
-#include "local/texts/playlist.h"
 #include "temp_dir.h"
 
 namespace {
@@ -23,16 +23,17 @@ using testing::ElementsAre;
 
 TEST(Playlist, TitlesBelongToTheLocationThatFollows) {
     std::vector<std::string> entries;
-    for (const PlaylistEntry& entry : parse_playlist("\xef\xbb\xbf#EXTM3U\r\n"
-                                                     "#EXTINF:123,Artist - Title, again\r\n"
-                                                     "music/one.flac\r\n"
-                                                     "\r\n"
-                                                     "  two.wav\t\n"
-                                                     "#EXTINF:-1 tags=\"a,b\", Three\n"
-                                                     "# a comment\n"
-                                                     "file:///three%20.wav\r"
-                                                     "four.wav",
-                                                     10)) {
+    for (const nuvio::PlaylistEntry& entry :
+         nuvio::parse_m3u("\xef\xbb\xbf#EXTM3U\r\n"
+                          "#EXTINF:123,Artist - Title, again\r\n"
+                          "music/one.flac\r\n"
+                          "\r\n"
+                          "  two.wav\t\n"
+                          "#EXTINF:-1 tags=\"a,b\", Three\n"
+                          "# a comment\n"
+                          "file:///three%20.wav\r"
+                          "four.wav",
+                          10)) {
         entries.push_back(entry.location + "|" + entry.title);
     }
     EXPECT_THAT(entries, ElementsAre("music/one.flac|Artist - Title, again", "two.wav|",

@@ -7,7 +7,7 @@ build=$(realpath "$1")
 here=$(dirname "$(realpath "$0")")
 out="$build/packages"
 
-mandoc -Tlint -W warning "$here"/../../packaging/man/*
+mandoc -Tlint -W warning "$here"/../../packaging/man/* "$here"/../../kit/*.1
 rm -rf "$out"
 (cd "$build" && cpack -B "$out" >"$build/cpack.log" 2>&1) || { cat "$build/cpack.log"; exit 1; }
 rm -rf "$out/_CPack_Packages"
