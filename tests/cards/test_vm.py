@@ -8,7 +8,6 @@ import pathlib
 import re
 import subprocess
 import sys
-import time
 import unittest
 
 SHARE = pathlib.Path("/srv/share")
@@ -32,13 +31,7 @@ def run(*words, check=True):
 
 
 def wait(what, condition):
-    """The condition's first true value."""
-    end = time.monotonic() + PATIENCE
-    while not (value := condition()):
-        if time.monotonic() > end:
-            raise AssertionError(f"not within {PATIENCE} s: {what}")
-        time.sleep(0.05)
-    return value
+    return own_device.wait_for(what, condition, PATIENCE)
 
 
 def state(*names):
