@@ -4,7 +4,6 @@ Each card is set up by `nuvio-connect --setup`: snd-aloop, whose other end is re
 USB, which the emulator records and tools/vm/run.py compares. The machine is booted twice: the class
 AfterReboot is the second time's.
 """
-import os
 import pathlib
 import re
 import subprocess
@@ -12,9 +11,8 @@ import sys
 import unittest
 
 SHARE = pathlib.Path("/srv/share")
-os.environ.setdefault("NUVIO_BUILD", "/usr")
-sys.path.insert(0, str(SHARE / "tests/e2e"))
-from device import own_device, wait_for  # noqa: E402
+sys.path.insert(0, str(SHARE / "tools/run"))
+import own_device  # noqa: E402
 
 SETTINGS = pathlib.Path("/etc/nuvio-connect/settings.conf")
 UNIT = "nuvio-connect"
@@ -33,7 +31,7 @@ def run(*words, check=True):
 
 
 def wait(what, condition):
-    return wait_for(what, condition, PATIENCE)
+    return own_device.wait_for(what, condition, PATIENCE)
 
 
 def state(*names):
