@@ -246,7 +246,29 @@ void queue(const Words& words) {
     }
 }
 
-// With --follow again at each change.
+// Once it is another one than `version`; a document of nothing new is not shown. What it is then.
+int64_t show_status(int64_t version, const std::string& device, bool is_json) {
+    const JsonPtr state = ask_controller("GET", "state?after=" + std::to_string(version));
+    const int64_t now = number_member(state.get(), "version").value_or(0);
+    const cJSON* one = device.empty() ? nullptr : device_in(state.get(), device);
+    const cJSON* each = nullptr;
+    if (now == version) {
+        return now;
+    }
+    if (is_json) {
+        std::printf("%s\n", print_json(one != nullptr ? one : state.get()).c_str());
+    } else if (one != nullptr) {
+        show_device(one);
+    } else {
+        cJSON_ArrayForEach(each, member(state.get(), "devices")) {
+            show_device(each);
+        }
+    }
+    std::fflush(stdout);
+    return now;
+}
+
+// With --follow again at each change, until it is interrupted or the controller is gone.
 void status(const Words& words) {
     bool is_json = false;
     bool follows = false;
@@ -256,27 +278,10 @@ void status(const Words& words) {
         follows = follows || word == "--follow";
         device = word.starts_with("--") ? device : word;
     }
-    int64_t version = -1;
-    do {
-        const JsonPtr state = ask_controller("GET", "state?after=" + std::to_string(version));
-        const int64_t now = number_member(state.get(), "version").value_or(0);
-        if (now == version) {
-            continue;
-        }
-        version = now;
-        const cJSON* one = device.empty() ? nullptr : device_in(state.get(), device);
-        const cJSON* each = nullptr;
-        if (is_json) {
-            std::printf("%s\n", print_json(one != nullptr ? one : state.get()).c_str());
-        } else if (one != nullptr) {
-            show_device(one);
-        } else {
-            cJSON_ArrayForEach(each, member(state.get(), "devices")) {
-                show_device(each);
-            }
-        }
-        std::fflush(stdout);
-    } while (follows);
+    int64_t version = show_status(-1, device, is_json);
+    while (follows) {
+        version = show_status(version, device, is_json);
+    }
 }
 
 void find(const Words&) {

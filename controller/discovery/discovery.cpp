@@ -207,7 +207,7 @@ class Discovery::Browser {
         }
         std::vector<FoundDevice> all;
         for (auto& [id, device] : devices) {
-            std::ranges::stable_partition(device.addresses, is_ipv4);
+            std::stable_partition(device.addresses.begin(), device.addresses.end(), is_ipv4);
             all.push_back(std::move(device));
         }
         if (all != m_reported) {

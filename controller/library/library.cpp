@@ -19,7 +19,7 @@ constexpr size_t kMaxPlaylistFile = size_t{1} << 20U;
 
 // Makes the file where it is missing or of another version.
 std::string made_database(const std::string& state_folder) {
-    const std::string path = state_folder + "/library.db";
+    std::string path = state_folder + "/library.db";
     static_cast<void>(Catalogue(path));
     return path;
 }
@@ -45,6 +45,7 @@ std::string parent_of(const std::string& below) {
 
 std::vector<Playable> playables(std::vector<Track> tracks) {
     std::vector<Playable> items;
+    items.reserve(tracks.size());
     for (Track& track : tracks) {
         items.push_back({{}, {}, std::move(track)});
     }

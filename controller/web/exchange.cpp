@@ -38,7 +38,8 @@ std::string Exchange::parameter(const char* name) const {
 }
 
 int64_t Exchange::number_parameter(const char* name, int64_t otherwise) const {
-    return to_number<int64_t>(parameter(name)).value_or(otherwise);
+    const std::string text = parameter(name);
+    return to_number<int64_t>(text).value_or(otherwise);
 }
 
 std::string_view Exchange::bearer() const {

@@ -190,7 +190,7 @@ std::shared_ptr<Kind> Sockets::find(std::map<const mg_connection*, std::shared_p
     if (found == sockets.end()) {
         return nullptr;
     }
-    const std::shared_ptr<Kind> socket = found->second;
+    std::shared_ptr<Kind> socket = found->second;
     if (take) {
         sockets.erase(found);
     }
