@@ -121,10 +121,13 @@ void Core::pass() {
     // What a step has changed is reported before the next step is taken.
     more |= m_player.advance() || m_player.deliver();
     tell_remote_control();
+    auto next_time = m_player.next_time();
     if (more) {
         m_wakeup.run_each_pass();
+    } else if (const auto next_look = m_player.give_up_hanging()) {
+        next_time = std::min(next_time.value_or(*next_look), *next_look);
     }
-    m_wakeup.run_at(m_player.next_time());
+    m_wakeup.run_at(next_time);
 }
 
 void Core::take_requests() {
@@ -137,7 +140,7 @@ void Core::take_requests() {
         m_view_noted = true;
         switch (command.verb) {
             case Verb::edit:
-                m_remote.answer_edit(m_player.edit(std::move(*command.edit)));
+                m_remote.answer_edit(m_player.edit(*command.edit));
                 continue;
             case Verb::connect:
                 m_remote.begin(command.session->id(), command.remote);

@@ -50,7 +50,6 @@ class LoopWakeup {
     // call.
     void run_each_pass();
     void rest();
-
     // The callback runs on a pass of the loop at this time, or never; the last call counts.
     void run_at(std::optional<std::chrono::steady_clock::time_point> time);
 

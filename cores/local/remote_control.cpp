@@ -47,9 +47,15 @@ std::optional<Track> track_of(const NamedTrack& named, const Session& session) {
     track.title = display_text(named.title);
     track.artist = display_text(named.artist);
     track.album = display_text(named.album);
-    track.album_art_url = resolve_url("", named.cover).value_or("");
+    if (!named.cover.empty()) {
+        track.album_art_url = resolve_url("", named.cover).value_or("");
+    }
     track.duration_ms = named.duration_ms;
-    if (const auto url = resolve_url("", named.url)) {
+    if (is_remote_url(named.url) && !is_file_url(named.url)) {
+        const auto url = resolve_url("", named.url);
+        if (!url) {
+            return std::nullopt;
+        }
         track.location = *url;
         track.remote = session.remote()
                            ? session.remote()

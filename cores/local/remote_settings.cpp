@@ -22,7 +22,7 @@ const HttpRequest& remote_request_defaults() {
     static const HttpRequest defaults = [] {
         HttpRequest request;
         request.read_ahead_bytes =
-            size_t{number_from("NUVIO_READ_AHEAD_KIB", 128, 65536, 4096)} * 1024;
+            size_t{number_from("NUVIO_READ_AHEAD_KIB", 128, 16384, 4096)} * 1024;
         request.give_up_after =
             std::chrono::seconds(number_from("NUVIO_NETWORK_PATIENCE_S", 1, 3600, 60));
         request.stalled_after =

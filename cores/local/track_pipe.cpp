@@ -68,6 +68,8 @@ struct DecodeCrew::Shared {
 // Belongs to the pipe and to its thread; the last of them frees it.
 class TrackPipe::Work {
   public:
+    using Clock = std::chrono::steady_clock;
+
     Work(Track track, std::shared_ptr<DecodeCrew::Shared> crew)
         : m_track(std::move(track)), m_crew(std::move(crew)) {}
 
@@ -77,7 +79,9 @@ class TrackPipe::Work {
         open();
         std::unique_lock lock(m_mutex);
         while (!m_is_closed && m_opening == Opening::ready) {
-            if (m_seek_target) {
+            if (m_is_given_up) {
+                m_work.wait(lock);
+            } else if (m_seek_target) {
                 position(lock);
             } else if (wants_blocks() && !m_free_blocks.empty()) {
                 decode_block(lock);
@@ -130,7 +134,9 @@ class TrackPipe::Work {
         if (m_is_decoded_wholly) {
             return Taken::end;
         }
-        m_reader_waits = true;
+        if (!std::exchange(m_reader_waits, true)) {
+            m_waiting_since = Clock::now();
+        }
         wake_if_wanted();
         return Taken::wait;
     }
@@ -157,8 +163,12 @@ class TrackPipe::Work {
             drop_blocks();
             m_seek_target = frame;
             m_seek_result.reset();
-            m_is_decoded_wholly = false;
+            m_is_decoded_wholly = m_is_given_up;
             ++m_seek_count;
+            m_waiting_since = Clock::now();
+            if (m_is_given_up) {
+                m_seek_result = m_decoder->info().frame_count;
+            }
         }
         m_work.notify_one();
     }
@@ -166,6 +176,31 @@ class TrackPipe::Work {
     std::optional<uint64_t> seek_result() const {
         const std::lock_guard lock(m_mutex);
         return m_seek_result;
+    }
+
+    std::optional<Clock::time_point> waiting_since() const {
+        const std::lock_guard lock(m_mutex);
+        const bool waits = m_opening == Opening::in_progress || m_reader_waits ||
+                           (m_seek_count > 0 && !m_seek_result);
+        return waits && !m_track.remote && !m_is_given_up ? std::optional(m_waiting_since)
+                                                          : std::nullopt;
+    }
+
+    void give_up() {
+        const std::lock_guard lock(m_mutex);
+        m_is_given_up = true;
+        m_failure = {"its disk does not answer", HttpFailure::unreachable};
+        if (m_opening == Opening::in_progress) {
+            m_opening = Opening::failed;
+            return;
+        }
+        drop_blocks();
+        m_is_decoded_wholly = true;
+        if (!m_seek_result) {
+            m_seek_result = m_decoder->info().frame_count;
+        }
+        m_crew->logger->write(LogLevel::warning, kAudioDecoder, "%s ends early: %s", name().c_str(),
+                              m_failure.reason.c_str());
     }
 
     void close() {
@@ -210,6 +245,9 @@ class TrackPipe::Work {
         }
         {
             const std::lock_guard lock(m_mutex);
+            if (m_is_given_up) {
+                return;
+            }
             m_failure = std::move(failure);
             if (m_decoder) {
                 provide_blocks();
@@ -306,8 +344,8 @@ class TrackPipe::Work {
                                   m_decoder->last_error().c_str());
         }
         lock.lock();
-        if (m_seek_target) {
-            return;  // overtaken by a newer one
+        if (m_seek_target || m_is_given_up) {
+            return;  // overtaken by a newer one, or nobody waits any more
         }
         m_decoded_frames = reached.value_or(end);
         m_is_decoded_wholly = !reached;
@@ -328,7 +366,7 @@ class TrackPipe::Work {
         const bool is_at_end = block.size_bytes == 0 || decoded >= info.frame_count;
         std::optional<TrackTexts> new_texts = texts_of_new_title();
         lock.lock();
-        if (m_is_closed) {
+        if (m_is_closed || m_is_given_up) {
             return;
         }
         if (block.size_bytes == 0 || m_seek_count != seek_count) {
@@ -347,7 +385,8 @@ class TrackPipe::Work {
         }
         const bool tells = std::exchange(m_reader_waits, false);
         lock.unlock();
-        if (is_at_end && decoded < info.frame_count) {
+        const bool has_failed = m_decoder->failure() != HttpFailure::none;
+        if (is_at_end && decoded < info.frame_count && (has_failed || !info.is_endless)) {
             log_early_end();
         }
         if (tells) {
@@ -409,7 +448,9 @@ class TrackPipe::Work {
     std::deque<std::pair<uint64_t, TrackTexts>> m_new_texts;
     bool m_is_filling = false;  // from nearly empty until as far ahead as it may
     bool m_reader_waits = false;
+    Clock::time_point m_waiting_since = Clock::now();  // of the last wait
     bool m_is_closed = false;
+    bool m_is_given_up = false;  // by the reader: the thread does nothing more
     std::optional<uint64_t> m_seek_target;
     std::optional<uint64_t> m_seek_result;
     uint64_t m_seek_count = 0;  // what was decoded before the last seek is stale
@@ -468,6 +509,14 @@ void TrackPipe::seek(uint64_t frame) {
 
 std::optional<uint64_t> TrackPipe::seek_result() const {
     return m_work->seek_result();
+}
+
+std::optional<std::chrono::steady_clock::time_point> TrackPipe::waiting_since() const {
+    return m_work->waiting_since();
+}
+
+void TrackPipe::give_up() {
+    m_work->give_up();
 }
 
 // ---- The crew -----------------------------------------------------------------------------------

@@ -13,7 +13,7 @@ import time
 import unittest
 import wave
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), ".."))
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tools/run"))
 from web_server import WebServer, free_ports  # noqa: E402
 
 PROBE = [*shlex.split(os.environ.get("NUVIO_EMULATOR", "")),

@@ -42,12 +42,14 @@ std::atomic<int> threads_running{0};
 }  // namespace
 
 // What the loop and the link's thread share. The mutex is held for moves only, and while on_news is
-// called, which must not call back.
+// called, which must not call back. The log is called without it.
 struct Link::Shared {
+    explicit Shared(Log told) : log(std::move(told)) {}
+
+    const Log log;
     mutable std::mutex mutex;
     std::condition_variable thread_ended;
     std::function<void()> on_news;
-    Log log;
     lws_context* context = nullptr;  // null: the thread has not begun, or is ending
     bool ended = false;
     bool closing = false;
@@ -75,13 +77,6 @@ struct Link::Shared {
     void news() const {
         if (on_news) {
             on_news();
-        }
-    }
-
-    void tell(bool trouble, const std::string& line) const {
-        const std::lock_guard lock(mutex);
-        if (log) {
-            log(trouble, line);
         }
     }
 
@@ -194,7 +189,7 @@ class Link::Worker {
 
 void Link::Worker::run() {
     if (!create()) {
-        m_shared->tell(true, "Remote control: no WebSocket to be had");
+        m_shared->log(true, "Remote control: no WebSocket to be had");
         return;
     }
     end_expired();
@@ -339,7 +334,7 @@ void Link::Worker::begin_connection() {
     m_established = true;
     m_failing = false;
     m_begin = lws_now_usecs();
-    m_shared->tell(false, "Remote control by " + m_target.host);
+    m_shared->log(false, "Remote control by " + m_target.host);
     m_shared->begin(++m_number);
     heed_the_loop();
 }
@@ -355,8 +350,8 @@ void Link::Worker::end_connection() {
             m_tries = 0;
         }
         if (!m_closing && !m_over) {
-            m_shared->tell(true, std::string("Remote control: ") +
-                                     (m_stalled ? "the server does not read" : "connection lost"));
+            m_shared->log(true, std::string("Remote control: ") +
+                                    (m_stalled ? "the server does not read" : "connection lost"));
         }
     }
     m_stalled = false;
@@ -381,14 +376,14 @@ void Link::Worker::fail(lws* connection, const char* why) {
         return;
     }
     if (!std::exchange(m_failing, true)) {
-        m_shared->tell(true, "Remote control: can't reach " + m_target.host + ": " +
-                                 (why == nullptr ? "no answer" : why));
+        m_shared->log(true, "Remote control: can't reach " + m_target.host + ": " +
+                                (why == nullptr ? "no answer" : why));
     }
     end_connection();
 }
 
 void Link::Worker::give_up(const std::string& why) {
-    m_shared->tell(true, "No remote control any more: " + why);
+    m_shared->log(true, "No remote control any more: " + why);
     m_over = true;
 }
 
@@ -405,6 +400,7 @@ int Link::Worker::receive(lws* connection, const char* bytes, size_t length) {
     if (m_incoming.size() + length > kMaxMessageBytes) {
         return end_with(LWS_CLOSE_STATUS_MESSAGE_TOO_LARGE);
     }
+    lws_validity_confirmed(connection);  // one that speaks needs no ping
     m_incoming.append(bytes, length);
     if (lws_remaining_packet_payload(connection) != 0 || lws_is_final_fragment(connection) == 0) {
         return 0;
@@ -520,7 +516,7 @@ void Link::Worker::end_expired() {
         set(m_expiry, static_cast<lws_usec_t>(left_s) * kSecond);
         return;
     }
-    m_shared->tell(true, "No remote control any more: its token is over");
+    m_shared->log(true, "No remote control any more: its token is over");
     {
         const std::lock_guard lock(m_shared->mutex);
         m_shared->closing = true;
@@ -536,9 +532,8 @@ void Link::Worker::end() {
 // ---- The loop's side --------------------------------------------------------------------------
 
 Link::Link(LinkTarget target, std::function<void()> on_news, Log log)
-    : m_shared(std::make_shared<Shared>()) {
+    : m_shared(std::make_shared<Shared>(std::move(log))) {
     m_shared->on_news = std::move(on_news);
-    m_shared->log = std::move(log);
     if (threads_running.fetch_add(1) >= kMaxThreads) {
         --threads_running;
         throw std::system_error(EAGAIN, std::generic_category());
@@ -566,7 +561,6 @@ Link::Link(LinkTarget target, std::function<void()> on_news, Log log)
 Link::~Link() {
     const std::lock_guard lock(m_shared->mutex);
     m_shared->on_news = nullptr;
-    m_shared->log = nullptr;
     if (!m_shared->closing) {
         m_shared->closing = true;
         m_shared->wake();

@@ -2,7 +2,8 @@
 //
 // Threads     a thread of its own does all that can wait: names, connecting, TLS, writing. Every
 //             public call belongs to the loop's thread and returns at once, but for wait_closed.
-//             `on_news` and `log` come from the link's thread, never after the destructor.
+//             `on_news` and `log` come from the link's thread; `on_news` never after the
+//             destructor.
 // Bounds      nothing grows, whatever the server sends or does not read: a message's bytes, the
 //             commands and answers that wait. What is above stays in the network's buffers.
 // Destruction ends the connection without a word where close() has not been called; does not wait.
