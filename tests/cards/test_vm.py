@@ -4,6 +4,8 @@ Each card is set up by `nuvio-connect --setup`: snd-aloop, whose other end is re
 USB, which the emulator records and tools/vm/run.py compares. The machine is booted twice: the class
 AfterReboot is the second time's.
 """
+import ctypes
+import os
 import pathlib
 import re
 import subprocess
@@ -158,7 +160,26 @@ class Unit(unittest.TestCase):
             run(*as_nobody, "--clear-groups", *pause)
         run(*as_nobody, "--groups=audio", *pause)
 
-    def test_4_switched_off_it_counts_as_started_and_ended(self):
+    def test_4_a_loop_that_stands_still_is_started_again(self):
+        drop_in = pathlib.Path("/run/systemd/system/nuvio-connect.service.d/watchdog.conf")
+        drop_in.parent.mkdir(parents=True)
+        drop_in.write_text("[Service]\nWatchdogSec=9\n")
+        run("systemctl", "daemon-reload")
+        self.addCleanup(run, "systemctl", "daemon-reload")
+        self.addCleanup(drop_in.unlink)
+        run("systemctl", "restart", UNIT)
+        wait("HTTP answers", answers)
+        main = state("MainPID")[0]
+        loop = next(int(task.name) for task in pathlib.Path(f"/proc/{main}/task").iterdir()
+                    if (task / "comm").read_text() == "NuvioConnectSta\n")
+        attach = 16
+        self.assertEqual(ctypes.CDLL(None).ptrace(attach, loop, None, None), 0)
+        wait("another process", lambda: state("MainPID")[0] not in (main, "0"))
+        self.assertEqual(state("NRestarts"), ["1"])
+        self.assertIn("Watchdog timeout", run("journalctl", "-u", UNIT, "-g", "Watchdog timeout"))
+        wait("HTTP answers", answers)
+
+    def test_5_switched_off_it_counts_as_started_and_ended(self):
         settings(feature__nuvio_connect=0)
         self.addCleanup(settings, feature__nuvio_connect=1)
         run("systemctl", "restart", UNIT)  # fails where the start counts as failed

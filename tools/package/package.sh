@@ -13,6 +13,7 @@ rm -rf "$out"
 rm -rf "$out/_CPack_Packages"
 echo "package: in $out"
 "$here/sizes.sh" "$out"/*.deb
+"$here/../recipes/check.py" "$build"
 echo "package: installing into a clean root"
 "$here/make_root.sh" "$build/root" "$out"/*.deb >"$build/make_root.log" 2>&1 ||
     { cat "$build/make_root.log"; exit 1; }
