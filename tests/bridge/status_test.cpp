@@ -154,9 +154,10 @@ TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
     values.muted = true;
     fake_sdk::set_values(values);
     fake_platform::state()->messages[KORA_CURRENT_SOURCE] = "31";
+    NuvioSSListener::setSource();
     startBridge();
-    process({"VOLUME_STATUS"});
-    EXPECT_THAT(fake_platform::state()->calls, testing::IsEmpty());  // not asked for the output yet
+    process({"VOLUME_STATUS"});  // the SDK has not reported one
+    EXPECT_THAT(fake_platform::state()->take_calls(), ElementsAre("play_my_source 31"));
     onLoop([] { EXPECT_TRUE(host_allow_source()); });
     onLoop(host_report_volume);
     onLoop(host_report_mute_state);
