@@ -238,8 +238,10 @@ class Bus(DeviceTest):
 
     def test_without_settings_or_threads_it_fails_and_says_why(self):
         words = shlex.join(program("nuvio-connect"))
-        for settings, limit, line in (("absent.conf", "", "cannot read the settings"),
-                                      ("settings.conf", "ulimit -s 200000000000; ", "no thread")):
+        cases = [("absent.conf", "", "cannot read the settings")]
+        if "thread" not in os.environ.get("NUVIO_SANITIZE", ""):  # whose memory would be in the way
+            cases.append(("settings.conf", "ulimit -s 200000000000; ", "no thread"))
+        for settings, limit, line in cases:
             answer = subprocess.run(
                 ["sh", "-c", f"{limit}exec {words}"], text=True, stderr=subprocess.PIPE,
                 env=self.environment | {"NUVIO_SETTINGS": str(self.folder / settings)},
