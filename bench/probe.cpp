@@ -39,6 +39,8 @@ struct Counters {
     Counter drain_end_ns;
     Counter reopened_ns;  // first write after the last drain
     Counter main_ns;      // just before main
+    Counter volumes;
+    Counter last_volume_ns;
 };
 
 enum class Mark : int { offer = 0x6e01, offer_end, alsa, alsa_end };
@@ -228,6 +230,15 @@ int snd_pcm_drain(snd_pcm_t* pcm) {
     const int result = real(pcm);
     g_counters->drain_end_ns = now_ns();
     g_drained = true;
+    return result;
+}
+
+int snd_mixer_selem_set_playback_volume_all(snd_mixer_elem_t* element, long value) {
+    static auto* const real = next_function<decltype(snd_mixer_selem_set_playback_volume_all)>(
+        "snd_mixer_selem_set_playback_volume_all");
+    const int result = real(element, value);
+    g_counters->last_volume_ns = now_ns();
+    ++g_counters->volumes;
     return result;
 }
 

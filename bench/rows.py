@@ -12,10 +12,13 @@ import re
 import shutil
 import statistics
 import subprocess
+import threading
 import time
 
 from lab import (Aplay, Device, Mpd, Window, cpu_ns, end, memory_kb, one_second, read_once, to_flac,
                  wait_for, write_wav)
+import raw_websocket  # noqa: I001  lab has told where it is
+from web_server import WebServer
 
 # A ring buffer of one second, as sound cards have: a program without wishes gets periods of 125 ms,
 # which is what aplay asks for.
@@ -132,6 +135,32 @@ def playing(lab, music, rounds, seconds):
               4 * rss <= rss_mpd)
     underruns = sum(window.underruns for window in ours)
     yield Row("underruns in all of this", "0", str(underruns), underruns == 0)
+
+
+# s from one refill of a track's read-ahead (three quarters of 4 MiB) to the next, WAV 44.1/16.
+REFILL_TURN = 0.75 * 4 * 1024 * 1024 / (44100 * 4)
+
+
+def network(lab, music, rounds):
+    """A track over HTTP against the same one from the disk, over one burst of the network each."""
+    server = WebServer(str(lab.new_folder("web")), root=str(lab.folder))
+    lab.stack.callback(server.kill)
+    path = music.wav[CD]
+    windows = {path: [], f"{server.url}/{path.name}": []}
+    for _ in range(rounds):
+        for content, measured in windows.items():
+            measured.append(play_once(lab, Device, content, CARD, REFILL_TURN))
+    disk, web = windows.values()
+    from_disk, from_web = (median_of(measured, "cpu_ms") for measured in (disk, web))
+    yield Row(f"CPU per second of audio, WAV {label(*CD)} over HTTP", "<= 1.3 x the file's",
+              f"{from_web:.2f} ms, file {from_disk:.2f} ms: {from_web / from_disk:.2f} x",
+              from_web <= 1.3 * from_disk)
+    yield Row("wake-ups a second, playing over HTTP, all threads", "<= 12",
+              f"{median_of(web, 'wakeups'):.1f}", median_of(web, "wakeups") <= 12)
+    yield Row("private dirty memory, playing over HTTP", "<= the file's + 4 MiB + 1",
+              f"{median_of(web, 'dirty_kb') / 1024:.1f} MB, file "
+              f"{median_of(disk, 'dirty_kb') / 1024:.1f} MB",
+              median_of(web, "dirty_kb") <= median_of(disk, "dirty_kb") + 5 * 1024)
 
 
 def idle(lab, seconds):
@@ -414,6 +443,51 @@ def commands(lab, music, devices, times, seek_times):
     p99 = percentile(took, 99)
     yield Row(f"SEEK the same way, p99 of {len(took)}", "<= 5 ms",
               f"{p99:.2f} ms (median {statistics.median(took):.2f})", p99 <= 5)
+
+
+def remote_commands(lab, music, times):
+    """From a session's server, alone and while it has the device take and tell long lists."""
+    lists = raw_websocket.command("queue_insert", tracks=[
+        {"url": f"file://{music.wav[HI_RES]}", "title": "x" * 60}] * 400)
+    with raw_websocket.RawServer() as server:
+        card = lab.card(*CARD)
+        with Device(lab, card, probe=True) as device:
+            device.play(music.wav[HI_RES], server.url)
+            with server.accept() as peer:
+                threading.Thread(target=read_all, args=(peer,), daemon=True).start()
+                time.sleep(3.5)
+                for what, before in (("", b""), (", behind a list of 400 tracks", lists)):
+                    yield from remote_latency(device, peer, what, before, times)
+            underruns = card.underruns()
+    yield Row("... underruns meanwhile", "0", str(underruns), underruns == 0)
+
+
+def read_all(peer):
+    with contextlib.suppress(OSError):
+        while peer.recv(65536):
+            pass
+
+
+def remote_latency(device, peer, what, before, times):
+    for name, count, done, argument in (
+            ("seek to PCM dropped", "drops", "last_drop_ns", lambda n: {
+                "position_ms": 5000 + n % 2 * 5000}),
+            ("volume to mixer written", "volumes", "last_volume_ns", lambda n: {
+                "volume": 20 + n % 2 * 20})):
+        took = []
+        for n in range(times):
+            counted = device.probe.read()[count]
+            words = raw_websocket.command(name.split()[0], **argument(n))
+            if before:
+                peer.sendall(before)
+            sent = time.monotonic_ns()
+            peer.sendall(words)
+            wait_for(name, lambda: device.probe.read()[count] > counted, pause=0.001)
+            took.append((device.probe.read()[done] - sent) / 1e6)
+            time.sleep(0.06 + 0.02 * random.random())
+        p99 = percentile(took, 99)
+        yield Row(f"remote {name}{what}, p99 of {times}, playing 192/24", "<= 10 ms",
+                  f"{p99:.2f} ms (median {statistics.median(took):.2f})", p99 <= 10)
 
 
 # ---- Transitions --------------------------------------------------------------------------------

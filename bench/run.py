@@ -27,6 +27,7 @@ def measurements(lab, options):
     armhf = HERE.parent / "build/armhf"
     return {
         "playing": lambda: rows.playing(lab, music, rounds, window),
+        "network": lambda: rows.network(lab, music, 1 if quick else 3),
         "instructions": lambda: rows.instructions(lab, 3, 5 if quick else 9),
         "offers": lambda: rows.offers(lab, music),
         "system-calls": lambda: rows.system_calls(lab, music, 3),
@@ -36,6 +37,7 @@ def measurements(lab, options):
         "start": lambda: rows.start(lab, 3 if quick else 11),
         "commands": lambda: rows.commands(lab, music, 4, 2 if quick else 8,
                                           20 if quick else 150),
+        "remote": lambda: rows.remote_commands(lab, music, 20 if quick else 150),
         "http": lambda: rows.http_latency(lab, music, 3 if quick else 10),
         "transitions": lambda: rows.transitions(lab),
         "growth": lambda: rows.growth(lab, music, 1 if quick else 3, window),

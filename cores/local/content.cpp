@@ -9,10 +9,13 @@
 #include <utility>
 
 #include "common/text.h"
-#include "local/display_text.h"
-#include "local/file_url.h"
 #include "local/files.h"
-#include "local/playlist.h"
+#include "local/network/remote_tracks.h"
+#include "local/network/url.h"
+#include "local/remote_settings.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
+#include "local/texts/playlist.h"
 
 namespace local_core {
 
@@ -27,9 +30,11 @@ constexpr int kMaxDepth = 16;
 constexpr size_t kMaxPlaylistBytes = size_t{4} << 20;
 
 constexpr std::string_view kPlaylistEndings[] = {".m3u", ".m3u8"};
-constexpr std::string_view kAudioEndings[] = {".wav", ".flac", ".ogg",  ".oga",  ".opus",
-                                              ".mp3", ".aif",  ".aiff", ".aifc", ".au",
-                                              ".w64", ".caf",  ".rf64"};
+constexpr std::string_view kAudioEndings[] = {".wav", ".flac", ".ogg", ".oga", ".opus", ".mp3",
+                                              ".aif", ".aiff", ".aifc", ".au", ".w64", ".caf",
+                                              ".rf64",
+                                              // With the module alone.
+                                              ".m4a", ".aac", ".wv", ".dsf", ".dff"};
 
 template <size_t N>
 bool ends_in(const fs::path& path, const std::string_view (&endings)[N]) {
@@ -75,7 +80,7 @@ std::vector<Track> tracks_below(const fs::path& folder, const Logger& logger) {
             it.disable_recursion_pending();
         }
         if (!is_hidden(path) && ends_in(path, kAudioEndings)) {
-            tracks.push_back({path.string(), {}});
+            tracks.push_back({path.string()});
             text_bytes += path.native().size();
         }
     }
@@ -84,7 +89,7 @@ std::vector<Track> tracks_below(const fs::path& folder, const Logger& logger) {
                      error.message().c_str());
     }
     std::sort(tracks.begin(), tracks.end(),
-              [](const Track& a, const Track& b) { return a.path < b.path; });
+              [](const Track& a, const Track& b) { return a.location < b.location; });
     return tracks;
 }
 
@@ -106,7 +111,7 @@ std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& lo
             continue;
         }
         Track track{(playlist.parent_path() / *path).string(), display_text(entry.title)};
-        text_bytes += track.path.size() + track.title.size();
+        text_bytes += track.location.size() + track.title.size();
         if (text_bytes > kMaxTextBytes) {
             logger.write(LogLevel::warning, kContentFetcher,
                          "%s: too large, only the first %zu tracks are played", playlist.c_str(),
@@ -122,13 +127,7 @@ std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& lo
     return tracks;
 }
 
-}  // namespace
-
-bool is_on_this_machine(const std::string& endpoint) {
-    return local_path(endpoint).has_value();
-}
-
-std::vector<Track> find_tracks(const std::string& endpoint, const Logger& logger) {
+std::vector<Track> local_tracks(const std::string& endpoint, const Logger& logger) {
     const auto relative = local_path(endpoint);
     std::error_code error;
     const fs::path path = relative ? fs::absolute(*relative, error) : fs::path();
@@ -148,7 +147,39 @@ std::vector<Track> find_tracks(const std::string& endpoint, const Logger& logger
     if (ends_in(path, kPlaylistEndings)) {
         return tracks_of_playlist(path, logger);
     }
-    return {{path.string(), {}}};
+    return {{path.string()}};
+}
+
+std::vector<Track> remote_tracks(const std::string& url, const std::string& token,
+                                 Interruption& interruption, const Logger& logger) {
+    auto request = std::make_shared<HttpRequest>(remote_request_defaults());
+    request->url = request->token_origin = url;
+    request->token = token;
+    HttpFailure failure = HttpFailure::none;
+    std::string error;
+    std::vector<Track> tracks;
+    for (RemoteTrack& found : find_remote_tracks(*request, {}, interruption, &failure, &error)) {
+        tracks.push_back({std::move(found.url), std::move(found.title), std::move(found.creator),
+                          std::move(found.album), std::move(found.image),
+                          found.duration_ms.value_or(0), request});
+    }
+    if (tracks.empty() && failure != HttpFailure::cancelled) {
+        logger.write(LogLevel::warning, kContentFetcher, "%s: %s", display_text(url).c_str(),
+                     display_text(error).c_str());
+    }
+    return tracks;
+}
+
+}  // namespace
+
+bool is_findable(const std::string& endpoint) {
+    return local_path(endpoint) || resolve_url("", endpoint);
+}
+
+std::vector<Track> find_tracks(const std::string& endpoint, const std::string& token,
+                               Interruption& interruption, const Logger& logger) {
+    const auto url = resolve_url("", endpoint);
+    return url ? remote_tracks(*url, token, interruption, logger) : local_tracks(endpoint, logger);
 }
 
 }  // namespace local_core

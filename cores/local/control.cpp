@@ -26,36 +26,57 @@ nuv_error Control::check(Verb verb) const {
         case Verb::resume:
         case Verb::deactivate:
         case Verb::connect:
+        case Verb::edit:
             break;
     }
     return NUV_ERROR_OK;
 }
 
 nuv_error Control::command(Verb verb, uint64_t position_ms) {
+    Command command;
+    command.verb = verb;
+    command.position_ms = position_ms;
+    return check_and_note(std::move(command));
+}
+
+nuv_error Control::edit(QueueEdit edit) {
+    Command command;
+    command.verb = Verb::edit;
+    command.edit = std::make_unique<QueueEdit>(std::move(edit));
+    return check_and_note(std::move(command));
+}
+
+nuv_error Control::check_and_note(Command command) {
     {
         const std::lock_guard lock(m_mutex);
-        if (verb == Verb::deactivate && !m_connected) {
+        const bool leaves = command.verb == Verb::deactivate;
+        if (leaves && !m_connected) {
             return NUV_ERROR_OK;
         }
-        const nuv_error error = check(verb);
+        const nuv_error error = check(command.verb);
         if (error != NUV_ERROR_OK) {
             return error;
         }
-        if (m_commands.size() >= kMaxCommands && verb != Verb::deactivate) {
+        if (m_commands.size() >= kMaxCommands && !leaves) {
             return NUV_ERROR_INVALID_STATE;
         }
-        note({verb, position_ms, nullptr, false});
+        note(std::move(command));
     }
     call_attention();
     return NUV_ERROR_OK;
 }
 
-void Control::connect(std::unique_ptr<Session> session, bool become_active) {
+void Control::connect(std::unique_ptr<Session> session, bool become_active, RemoteOffer remote) {
+    Command command;
+    command.verb = Verb::connect;
+    command.become_active = become_active;
+    command.remote = std::move(remote);
     {
         const std::lock_guard lock(m_mutex);
         m_view.has_next = session->next().has_value();
         m_view.has_previous = session->previous().has_value();
-        note({Verb::connect, 0, std::move(session), become_active});
+        command.session = std::move(session);
+        note(std::move(command));
     }
     call_attention();
 }
@@ -84,6 +105,7 @@ void Control::note(Command command) {
         case Verb::next:
         case Verb::previous:
         case Verb::seek:
+        case Verb::edit:
             break;
     }
     const bool repeats_seek =

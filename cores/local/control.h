@@ -10,6 +10,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -20,13 +21,22 @@
 
 namespace local_core {
 
-enum class Verb { pause, resume, stop, next, previous, seek, deactivate, connect };
+enum class Verb { pause, resume, stop, next, previous, seek, deactivate, connect, edit };
+
+// The server from which a session is controlled, as the controller named it.
+struct RemoteOffer {
+    std::string endpoint;
+    std::string token;
+    uint64_t expiry_s = 0;  // since 1970; 0: none
+};
 
 struct Command {
-    Verb verb;
+    Verb verb = Verb::stop;
     uint64_t position_ms = 0;          // seek
     std::unique_ptr<Session> session;  // connect
     bool become_active = false;        // connect
+    RemoteOffer remote;                // connect
+    std::unique_ptr<QueueEdit> edit;   // edit
 };
 
 // Values that a call sets and a later pass of the loop acts on.
@@ -39,6 +49,8 @@ struct PlaybackSettings {
     bool mute_known = false;
     bool shuffle = false;
     nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
+
+    bool operator==(const PlaybackSettings&) const = default;
 };
 
 // How the player stands, for the queries and the checks of later control calls.
@@ -48,6 +60,11 @@ struct PlayerView {
     bool active = false;
     bool has_next = false;
     bool has_previous = false;
+    std::optional<size_t> track;  // the current one of the session
+    uint64_t list_revision = 0;   // of the session
+    uint64_t stream_id = 0;       // of the stream that is heard; 0: none
+    uint64_t text_count = 0;      // of changes of its texts so far
+    uint64_t seek_count = 0;      // so far
 
     bool operator==(const PlayerView&) const = default;
 };
@@ -57,9 +74,11 @@ class Control {
     // `wake` gets the loop's thread to take the notes; it must be callable from any thread.
     Control(std::string device_name, std::function<void()> wake);
 
-    // Any verb but connect.
+    // Any verb but connect and edit.
     nuv_error command(Verb verb, uint64_t position_ms = 0);
-    void connect(std::unique_ptr<Session> session, bool become_active);
+    void connect(std::unique_ptr<Session> session, bool become_active, RemoteOffer remote);
+    // NUV_ERROR_OK: noted; what comes of it is known when it is carried out.
+    nuv_error edit(QueueEdit edit);
 
     // Arguments must have been checked.
     void set_device_name(const char* name);
@@ -87,6 +106,7 @@ class Control {
     static constexpr size_t kMaxCommands = 1024;
 
     nuv_error check(Verb verb) const;
+    nuv_error check_and_note(Command command);
     void note(Command command);
     template <typename Change>
     void change_settings(Change change);

@@ -8,8 +8,9 @@
 #include "common/utf8.h"
 #include "local/content.h"
 #include "local/device_uuid.h"
-#include "local/display_text.h"
 #include "local/files.h"
+#include "local/remote_settings.h"
+#include "local/texts/display_text.h"
 
 namespace local_core {
 
@@ -19,22 +20,36 @@ constexpr char kServiceName[] = "_nuvio-connect._tcp";
 constexpr size_t kMaxSessionIdBytes = 256;
 constexpr size_t kMaxInstanceNameBytes = 63;  // a DNS label
 
+HelloMessage describe(const nuv_connect_config& config, const std::string& uuid) {
+    HelloMessage device;
+    device.uuid = uuid;
+    device.manufacturer = config.manufacturer;
+    device.model = config.model;
+    device.device_type = config.device_type;
+    device.quality = config.maximum_audio_quality;
+    device.sdk_version = nuv_connect_get_sdk_version();
+    return device;
+}
+
 }  // namespace
 
 Core::Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& config)
     : m_handle(handle),
       m_config(config),
-      m_uuid(
-          device_uuid(config.manufacturer, config.model, config.serial_number, config.hardware_id)),
+      m_uuid(device_uuid()),
       m_wakeup(loop, [this] { pass(); }),
       m_local_server(loop, *m_logger, [this] { m_wakeup.run_each_pass(); }),
       m_control(config.device_name, [this] { m_wakeup.wake(); }),
       m_preparer([this] { m_wakeup.wake(); }, config.maximum_audio_quality, m_logger),
       m_player({handle, config.audio_stream_delegate, config.media_delegate,
                 config.maximum_audio_quality},
-               m_control, *m_logger, [this] { m_wakeup.wake(); }),
+               m_control, m_logger, [this] { m_wakeup.wake(); }),
+      m_remote(loop, describe(config, m_uuid), m_control, m_player, m_logger,
+               [this] { m_wakeup.wake(); }),
       m_settings(m_control.settings()) {
-    music_folders();  // now: later another thread might change the environment
+    // Now: later another thread might change the environment.
+    music_folders();
+    remote_request_defaults();
     m_wakeup.run_each_pass();
 }
 
@@ -42,13 +57,15 @@ const char* Core::session_id() const {
     return m_control.connected() ? m_session_id.c_str() : nullptr;
 }
 
-nuv_error Core::connect(const char* session_id, const char* endpoint, bool become_active) {
+nuv_error Core::connect(const char* session_id, const char* endpoint, const char* token,
+                        RemoteOffer remote, bool become_active) {
     const std::string_view id(session_id);
     if (id.size() > kMaxSessionIdBytes || !nuvio::is_utf8(id)) {
         return NUV_ERROR_INVALID_ARGUMENT;
     }
-    if (!is_on_this_machine(endpoint)) {
-        m_logger->write(LogLevel::error, kContentFetcher, "%s: not on this machine",
+    if (!is_findable(endpoint)) {
+        m_logger->write(LogLevel::error, kContentFetcher,
+                        "%s: neither on this machine nor on the web",
                         display_text(endpoint).c_str());
         return NUV_ERROR_EMPTY_SESSION;
     }
@@ -57,7 +74,7 @@ nuv_error Core::connect(const char* session_id, const char* endpoint, bool becom
         m_logger->write(LogLevel::warning, kCloudClient, "Too many sessions in a second");
         return NUV_ERROR_INVALID_STATE;
     }
-    if (!m_preparer.begin({session_id, endpoint, become_active})) {
+    if (!m_preparer.begin({session_id, endpoint, token, become_active, std::move(remote)})) {
         m_logger->write(LogLevel::warning, kCloudClient,
                         "Too many sessions still wait for their files");
         return NUV_ERROR_INVALID_STATE;
@@ -73,7 +90,7 @@ void Core::join_prepared_session() {
     if (!prepared) {
         return;
     }
-    const SessionRequest& request = prepared->request;
+    SessionRequest& request = prepared->request;
     if (prepared->tracks.empty()) {
         m_logger->write(LogLevel::warning, kCloudClient,
                         "Not joining session %s: nothing to play in %s",
@@ -90,21 +107,27 @@ void Core::join_prepared_session() {
     m_logger->write(LogLevel::info, kCloudClient, "Joining session %s",
                     display_text(request.id).c_str());
     m_session_id = request.id;
-    m_control.connect(std::move(session), request.become_active);
+    m_control.connect(std::move(session), request.become_active, std::move(request.remote));
 }
 
 void Core::pass() {
     m_wakeup.rest();  // before the delegates: what the renderer answers from inside one arms it
     join_prepared_session();
+    bool more = m_remote.take_command();
     take_requests();
-    bool more = advertise();
+    more |= advertise();
     more |= report_player();
     more |= report_settings();
     // What a step has changed is reported before the next step is taken.
     more |= m_player.advance() || m_player.deliver();
+    tell_remote_control();
+    auto next_time = m_player.next_time();
     if (more) {
         m_wakeup.run_each_pass();
+    } else if (const auto next_look = m_player.give_up_hanging()) {
+        next_time = std::min(next_time.value_or(*next_look), *next_look);
     }
+    m_wakeup.run_at(next_time);
 }
 
 void Core::take_requests() {
@@ -114,9 +137,30 @@ void Core::take_requests() {
     m_settings = m_control.settings();
     m_player.set_modes(m_settings.loop_mode, m_settings.shuffle);
     for (Command& command : m_control.take_commands()) {
-        m_player.apply(std::move(command));
         m_view_noted = true;
+        switch (command.verb) {
+            case Verb::edit:
+                m_remote.answer_edit(m_player.edit(*command.edit));
+                continue;
+            case Verb::connect:
+                m_remote.begin(command.session->id(), command.remote);
+                break;
+            case Verb::deactivate:
+                m_remote.end("left");
+                break;
+            default:
+                break;
+        }
+        m_player.apply(std::move(command));
     }
+}
+
+// What the device has been told of is told its server.
+void Core::tell_remote_control() {
+    while (const std::optional<Trouble> trouble = m_player.take_trouble()) {
+        m_remote.tell_trouble(*trouble);
+    }
+    m_remote.tell(m_settings, m_published);
 }
 
 // True when a delegate was called; the same below. Nothing is announced that does not listen.
@@ -139,13 +183,14 @@ bool Core::advertise() {
 bool Core::report_player() {
     const PlayerView view = m_player.view();
     const bool begun = m_player.take_fresh_start();
+    const bool retitled = m_player.take_new_texts();
     const bool changed = view != m_published;
     if (changed || std::exchange(m_view_noted, false)) {
         // Before the delegates, which may ask.
         m_control.publish(view);
         m_published = view;
     }
-    if (!changed && !begun) {
+    if (!changed && !begun && !retitled) {
         return false;
     }
     if (begun) {
@@ -162,6 +207,11 @@ bool Core::report_player() {
     }
     if (std::exchange(m_reported.has_next, view.has_next) != view.has_next || begun) {
         media.playback_actions_availability_changed(m_handle, view.has_next, media.context);
+    }
+    if (retitled) {
+        // With the modes the device shows the track anew, whatever its title.
+        media.playback_controls_changed(m_handle, m_reported.loop_mode, m_reported.shuffle,
+                                        media.context);
     }
     return true;
 }

@@ -2,8 +2,9 @@
 // the advertising and the local configuration server, and reports changes to the device.
 //
 // Creation    Core(...), on the loop's thread; delegates begin on a later pass.
-// Destruction ~Core, on the loop's thread, not from inside a delegate: ends the decoding thread
-//             (which may have to finish the block or file it works on) and calls no delegate.
+// Destruction ~Core, on the loop's thread, not from inside a delegate: ends the decoding threads
+//             (which may have to finish a block; those that hang are left behind after a second)
+//             and calls no delegate.
 // Threads     `control` is for any thread, everything else for the loop's. What other threads want
 //             reaches the loop through one async handle.
 // Delegates   called from `pass` alone, without a lock held.
@@ -23,6 +24,7 @@
 #include "local/logger.h"
 #include "local/loop_wakeup.h"
 #include "local/player.h"
+#include "local/remote_control.h"
 #include "local/session_preparer.h"
 #include "sdk/nuvio_connect.h"
 
@@ -42,11 +44,14 @@ class Core {
     // Null when no session is joined.
     const char* session_id() const;
 
-    // Checks the texts and has the session prepared; it is joined on a later pass, when it is known
-    // to have something to play. A controller's call must not wait for a disk: one that has nothing
-    // to play is answered OK, leaves what plays alone and is told of in the log.
-    // NUV_ERROR_INVALID_STATE: more than kSessionsASecond, or too many still wait for their disks.
-    nuv_error connect(const char* session_id, const char* endpoint, bool become_active);
+    // Checks the texts and has the session prepared (`token` is for the endpoint's origin); it is
+    // joined on a later pass, when it is known to have something to play. A controller's call must
+    // not wait for a disk: one that has nothing to play is answered OK, leaves what plays alone and
+    // is told of in the log. NUV_ERROR_INVALID_STATE: more than kSessionsASecond, or too many still
+    // wait for their disks.
+    // `remote`: the server from which it is controlled, where that can be used.
+    nuv_error connect(const char* session_id, const char* endpoint, const char* token,
+                      RemoteOffer remote, bool become_active);
 
     // Hands a notification of the renderer to the player, and sees to it that a pass follows.
     template <typename... Arguments>
@@ -72,6 +77,7 @@ class Core {
     void pass();
     void join_prepared_session();
     void take_requests();
+    void tell_remote_control();
     bool advertise();
     bool report_player();
     bool report_settings();
@@ -85,6 +91,7 @@ class Core {
     Control m_control;
     SessionPreparer m_preparer;
     Player m_player;
+    RemoteControl m_remote;
 
     PlaybackSettings m_settings;  // as taken from control last
     PlayerView m_published;       // as given to control last

@@ -43,7 +43,7 @@ bool this_process_listens() {
 LocalServer::LocalServer(uv_loop_t* loop, const Logger& logger, std::function<void()> on_due)
     : m_logger(logger),
       m_on_due(std::move(on_due)),
-      m_pause(make_handle<uv_timer_t>(
+      m_pause(make_loop_handle<uv_timer_t>(
           this, [loop](uv_timer_t* timer) { return uv_timer_init(loop, timer); })) {}
 
 bool LocalServer::start(nuv_connect* core, const nuv_local_config_server_delegate& delegate) {

@@ -7,8 +7,10 @@
 
 #include <uv.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace local_core {
@@ -24,10 +26,10 @@ struct LoopHandleCloser {
 template <typename Handle>
 using LoopHandle = std::unique_ptr<Handle, LoopHandleCloser<Handle>>;
 
-// `init` makes a libuv handle of the zeroed one and returns libuv's result; `owner` becomes its
-// data. Throws std::runtime_error where it fails.
+// `init` initialises the handle on its loop; the handle's data is `owner`. Throws
+// std::runtime_error when the loop takes no further one.
 template <typename Handle, typename Init>
-LoopHandle<Handle> make_handle(void* owner, Init init) {
+LoopHandle<Handle> make_loop_handle(void* owner, Init init) {
     auto handle = std::make_unique<Handle>();
     if (init(handle.get()) != 0) {
         throw std::runtime_error("the event loop takes no further handle");
@@ -48,11 +50,14 @@ class LoopWakeup {
     // call.
     void run_each_pass();
     void rest();
+    // The callback runs on a pass of the loop at this time, or never; the last call counts.
+    void run_at(std::optional<std::chrono::steady_clock::time_point> time);
 
   private:
     std::function<void()> m_callback;
     LoopHandle<uv_async_t> m_async;
     LoopHandle<uv_idle_t> m_idle;
+    LoopHandle<uv_timer_t> m_timer;
 };
 
 }  // namespace local_core

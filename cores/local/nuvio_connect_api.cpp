@@ -138,7 +138,8 @@ nuv_error nuv_connect_connect(nuv_connect* core, const char* session_id, const c
         return NUV_ERROR_TOKEN_EXPIRED;
     }
     try {
-        return core->core.connect(session_id, api_endpoint, become_active);
+        return core->core.connect(session_id, api_endpoint, api_jwt,
+                                  {nconnect_endpoint, nconnect_jwt, nconnect_exp}, become_active);
     } catch (const std::exception& failure) {
         core->core.logger().write(LogLevel::error, kCloudClient, "Can't join the session: %s",
                                   failure.what());

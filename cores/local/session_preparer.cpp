@@ -10,8 +10,9 @@
 #include <thread>
 #include <utility>
 
-#include "local/display_text.h"
-#include "local/signals_blocked.h"
+#include "common/signals_blocked.h"
+#include "local/network/interruption.h"
+#include "local/texts/display_text.h"
 #include "local/track_decoder.h"
 
 namespace local_core {
@@ -26,26 +27,42 @@ struct SessionPreparer::Shared {
     std::condition_variable thread_ended;
     std::function<void()> on_news;
     std::optional<PreparedSession> ready;
+    std::shared_ptr<Interruption> interruption;  // of the session begun last
     int threads = 0;
+
+    // Under the lock: nobody waits for the session before any more.
+    void interrupt() {
+        if (interruption) {
+            interruption->interrupt();
+        }
+    }
 };
 
 namespace {
 
 // Finds the first track that can be played; leaves no tracks when there is none among the first
-// kMaxProbes.
+// kMaxProbes, or when their server is to blame: of that there is but one.
 template <typename GivesUp>
-void probe(PreparedSession& session, nuv_audio_quality highest, const Logger& logger,
-           GivesUp gives_up) {
+void probe(PreparedSession& session, nuv_audio_quality highest, Interruption& interruption,
+           const Logger& logger, GivesUp gives_up) {
     for (size_t& i = session.first; i < session.tracks.size() && !gives_up(); ++i) {
         if (i == SessionPreparer::kMaxProbes) {
             break;
         }
-        std::string error;
-        if (TrackDecoder::open(session.tracks[i].path, highest, &error)) {
+        OpenFailure failure;
+        if (TrackDecoder::open(session.tracks[i], highest, interruption, &failure)) {
             return;
         }
+        if (failure.network == HttpFailure::cancelled) {
+            break;
+        }
         logger.write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
-                     display_text(session.tracks[i].path).c_str(), error.c_str());
+                     display_text(session.tracks[i].location).c_str(),
+                     display_text(failure.reason).c_str());
+        if (failure.network == HttpFailure::unreachable ||
+            failure.network == HttpFailure::refused) {
+            break;
+        }
     }
     session.tracks.clear();
 }
@@ -64,10 +81,12 @@ SessionPreparer::~SessionPreparer() {
     ++m_shared->newest;
     std::unique_lock lock(m_shared->mutex);
     m_shared->on_news = nullptr;
+    m_shared->interrupt();
     m_shared->thread_ended.wait_for(lock, kPatience, [this] { return m_shared->threads == 0; });
 }
 
 bool SessionPreparer::begin(SessionRequest request) {
+    const auto interruption = std::make_shared<Interruption>();
     {
         const std::lock_guard lock(m_shared->mutex);
         if (m_shared->threads == kMaxThreads) {
@@ -75,14 +94,18 @@ bool SessionPreparer::begin(SessionRequest request) {
         }
         ++m_shared->threads;
         m_shared->ready.reset();
+        m_shared->interrupt();
+        m_shared->interruption = interruption;
     }
     const uint64_t number = ++m_shared->newest;
-    const auto prepare = [shared = m_shared, number, request = std::move(request)]() mutable {
+    const auto prepare = [shared = m_shared, interruption, number,
+                          request = std::move(request)]() mutable {
         const auto gives_up = [&] { return shared->newest != number; };
         PreparedSession session{std::move(request), {}};
         try {
-            session.tracks = find_tracks(session.request.endpoint, *shared->logger);
-            probe(session, shared->highest, *shared->logger, gives_up);
+            session.tracks = find_tracks(session.request.endpoint, session.request.token,
+                                         *interruption, *shared->logger);
+            probe(session, shared->highest, *interruption, *shared->logger, gives_up);
         } catch (const std::exception& failure) {
             session.tracks.clear();
             shared->logger->write(LogLevel::error, kContentFetcher, "Can't list %s: %s",
@@ -97,7 +120,7 @@ bool SessionPreparer::begin(SessionRequest request) {
         shared->thread_ended.notify_all();
     };
     try {
-        const SignalsBlocked no_signals;
+        const nuvio::SignalsBlocked no_signals;
         std::thread thread(prepare);
         pthread_setname_np(thread.native_handle(), "nuv-session");
         thread.detach();

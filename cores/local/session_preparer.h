@@ -1,9 +1,10 @@
-// Finds out what a session plays, away from the loop: lists its folder or playlist, and opens files
-// until one can be played.
+// Finds out what a session plays, away from the loop: lists its folder or playlist, and opens
+// tracks until one can be played.
 //
 // Each session gets a thread of its own, for its disk may hang: the next session is prepared all
 // the same. A thread that hangs is left to itself and ends when its disk answers; there are at most
-// kMaxThreads. Of several sessions only the one begun last is handed out.
+// kMaxThreads. One that waits for the network ends with the next session. Of several sessions only
+// the one begun last is handed out.
 //
 // Threads: the loop's; no call waits, but for the destructor, at most kPatience. `on_news` comes
 // from the preparing threads, never after the destructor.
@@ -18,6 +19,7 @@
 #include <vector>
 
 #include "local/content.h"
+#include "local/control.h"
 #include "local/logger.h"
 #include "sdk/nuvio_connect.h"
 
@@ -26,7 +28,9 @@ namespace local_core {
 struct SessionRequest {
     std::string id;
     std::string endpoint;
+    std::string token;  // for the endpoint's origin
     bool become_active;
+    RemoteOffer remote = {};
 };
 
 struct PreparedSession {
@@ -38,7 +42,7 @@ struct PreparedSession {
 class SessionPreparer {
   public:
     static constexpr int kMaxThreads = 4;
-    static constexpr size_t kMaxProbes = 256;  // files opened for one session
+    static constexpr size_t kMaxProbes = 256;  // tracks opened for one session
     static constexpr std::chrono::seconds kPatience{1};
 
     // Tracks above `highest` are not played.

@@ -1,11 +1,12 @@
-// One open audio file, decoded to the SDK's two sample formats.
+// One open audio file or radio, decoded to the SDK's two sample formats.
 //
 // Files of 16 bits or fewer and lossy ones come out as 16 bits; deeper ones as 24 bits
 // sign-extended in 4 bytes, of a 32-bit integer sample the upper 24. Integer samples are exact,
 // floating-point ones are scaled by 2^23 (lossy: 2^15), rounded and clipped. Rate and channel count
 // are the file's.
 //
-// Any one thread at a time. Every call may block on the file.
+// Any one thread at a time. Every call may block on the file, or on a server until the
+// interruption.
 #pragma once
 
 #include <cstddef>
@@ -14,24 +15,30 @@
 #include <optional>
 #include <string>
 
+#include "local/content.h"
+#include "local/network/http_failure.h"
+#include "local/network/interruption.h"
+#include "local/track_input.h"
 #include "sdk/nuvio_connect.h"
-
-// libsndfile's handle; its header stays inside the implementation.
-struct sf_private_tag;
 
 namespace local_core {
 
 struct TrackInfo {
     nuv_audio_format format;
     size_t frame_bytes;
-    uint64_t frame_count;
+    uint64_t frame_count;  // of an endless one more than anybody hears
+    bool is_endless;
     bool seekable;
     // Tags as the file has them, their first kilobyte; empty where it has none.
     std::string title;
     std::string artist;
     std::string album;
+    // Of a radio: its name and what it plays, as sent; possibly empty.
+    std::string station;
+    std::string live_title;
 
-    uint64_t duration_ms() const { return position_ms(frame_count); }
+    // 0 of an endless one.
+    uint64_t duration_ms() const { return is_endless ? 0 : position_ms(frame_count); }
     uint64_t position_ms(uint64_t frame) const { return frame * 1000 / format.sample_rate; }
     // Truncated, and never beyond the end.
     uint64_t frame_at(uint64_t position_ms) const;
@@ -42,10 +49,11 @@ class TrackDecoder {
     // Frames larger than this are refused, so that a block of this size always holds some.
     static constexpr size_t kMaxFrameBytes = 4096;
 
-    // Null, with *error set, when the file can't be read or has nothing to play.
-    // Also when it is above `highest`.
-    static std::unique_ptr<TrackDecoder> open(const std::string& path, nuv_audio_quality highest,
-                                              std::string* error);
+    // Null, with *failure set, when the track can't be read, has nothing to play or is above
+    // `highest`. The interruption must outlive the decoder.
+    static std::unique_ptr<TrackDecoder> open(const Track& track, nuv_audio_quality highest,
+                                              Interruption& interruption, OpenFailure* failure);
+    ~TrackDecoder();
 
     const TrackInfo& info() const { return m_info; }
 
@@ -56,23 +64,24 @@ class TrackDecoder {
     // Goes to a frame; returns the one reached, none when the file can't be positioned.
     std::optional<uint64_t> seek(uint64_t frame);
 
-    // What libsndfile says of the last failed read or seek; empty when nothing failed.
+    // Of a radio, what it plays at the place read last; possibly empty.
+    std::string live_title() const;
+
+    // Why the last read or seek failed: its server, or what libsndfile says; empty when nothing
+    // did.
+    HttpFailure failure() const;
     std::string last_error() const;
 
   private:
-    struct FileCloser {
-        void operator()(sf_private_tag* file) const;
-    };
-    using File = std::unique_ptr<sf_private_tag, FileCloser>;
-
     // How samples are read and turned into the delivered format.
     enum class Conversion { none_16, unpack_24, upper_24, float_to_24, float_to_16 };
 
-    TrackDecoder(File file, TrackInfo info, Conversion conversion);
+    TrackDecoder(std::unique_ptr<TrackInput> input, TrackInfo info, Conversion conversion);
+    static bool is_deep(Conversion conversion);
     static Conversion conversion_of(sf_private_tag* file, int sndfile_format);
     size_t read_frames(void* block, size_t capacity_bytes);
 
-    File m_file;
+    const std::unique_ptr<TrackInput> m_input;
     TrackInfo m_info;
     Conversion m_conversion;
 };

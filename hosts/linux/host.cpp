@@ -14,6 +14,7 @@
 
 #include "base/text.h"
 #include "common/number.h"
+#include "configuration/settings_edit.h"
 #include "platform/Environment.h"
 
 namespace nuvio::host {
@@ -62,14 +63,31 @@ Host::Host()
       m_state(state_directory(m_settings)),
       m_controls(m_settings, m_messages, m_player, m_source_switch, m_network),
       m_dispatcher(m_controls, m_network, m_state, m_settings.get(kHostBus)) {
-    // The core knows no settings file; nothing else runs yet that could read the environment.
-    if (const std::string& folders = m_settings.get(kLocalMusicFolders); !folders.empty()) {
-        setenv("NUVIO_MUSIC_FOLDERS", folders.c_str(), 0);
-    }
+    tell_core();
+    use_alsa_configuration();
     preset_messages();
     m_player.set_observer([this](uint32_t changes) { m_dispatcher.player_changed(changes); });
     m_network.set_observer([this] { m_dispatcher.network_changed(); });
     m_messages.set_observer([this](int id, const std::string& text) { on_message(id, text); });
+}
+
+// The core knows no settings file; nothing else runs yet that could read the environment.
+void Host::tell_core() const {
+    static constexpr struct {
+        const char* key;
+        const char* variable;
+    } kVariables[] = {
+        {kLocalMusicFolders, "NUVIO_MUSIC_FOLDERS"},
+        {kLocalReadAhead, "NUVIO_READ_AHEAD_KIB"},
+        {kLocalNetworkPatience, "NUVIO_NETWORK_PATIENCE_S"},
+        {kLocalAuthorities, "NUVIO_NETWORK_AUTHORITIES"},
+    };
+    for (const auto& row : kVariables) {
+        if (const std::string& value = m_settings.get(row.key); !value.empty()) {
+            setenv(row.variable, value.c_str(), 0);
+        }
+    }
+    setenv("NUVIO_STATE_DIR", state_directory(m_settings).c_str(), 0);
 }
 
 // The name and the volume stay unset until there is one: the service then falls back to the

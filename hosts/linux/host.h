@@ -44,6 +44,7 @@ class Host {
     Host();
     ~Host() = delete;
 
+    void tell_core() const;
     void preset_messages();
     void on_message(int id, const std::string& text);
     void stop();

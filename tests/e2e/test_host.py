@@ -36,8 +36,8 @@ class HostTest(DeviceTest):
 class SelfCheck(DeviceTest):
     settings = {"alsa__output_rates": "44100,192000"}
 
-    def findings(self):
-        result = subprocess.run([*program("nuvio-connect"), "--check"], env=self.environment,
+    def findings(self, *words):
+        result = subprocess.run([*program("nuvio-connect"), *(words or ["--check"])], env=self.environment,
                                 text=True, capture_output=True, timeout=PATIENCE)
         return {subject: (word, text) for word, subject, text in
                 re.findall(r"(?m)^(ok|FAIL) +(\w+) +(.*)$", result.stdout)}
@@ -52,7 +52,7 @@ class SelfCheck(DeviceTest):
         if not EMULATOR:
             self.assertEqual(self.findings()["settings"][0], "ok")
 
-    def test_it_names_who_holds_the_port_and_what_the_card_refuses(self):
+    def test_it_names_who_holds_the_port(self):
         with socket.create_server(("", self.port)):
             self.assertRegex(str(self.findings()["settings"]),
                              rf"'FAIL'.* is in use by python\S* \(process {os.getpid()}\)")
@@ -63,13 +63,22 @@ class SelfCheck(DeviceTest):
                 ("hots.bus", "none", r"settings.conf:\d+: nothing is known by the key hots.bus")):
             self.write_settings(**{key: value})
             self.assertRegex(str(self.findings()["settings"]), f"'FAIL'.*{problem}")
-        for options, problem in ((("--rates", "48000"), "plays at 48000 Hz what .* 44100 Hz, 16 bit"),
-                                 (("--formats", "S16_LE"), "refuses what .* 44100 Hz, 24 bit"),
-                                 (("--channels", "2-8"), "refuses what .* 16 bit, mono")):
+
+    def test_what_the_card_refuses_is_set_right_by_the_setup_that_it_advises(self):
+        for options, problem, able in (
+                (("--rates", "48000"), "plays at 48000 Hz what .* 44100 Hz, 16 bit", "48000 Hz, 16"),
+                (("--formats", "S16_LE"), "refuses what .* 44100 Hz, 24 bit", "48000 Hz, 16"),
+                (("--channels", "2-8"), "refuses what .* 16 bit, mono", "192000 Hz, 24")):
             shutil.rmtree(self.folder / "card")
-            self.card("create", *options)
-            self.write_settings(**self.settings)
-            self.assertRegex(str(self.findings()["output"]), f"'FAIL'.*{problem}: put 'plug:'")
+            self.card("create", *options, "--element", "Digital")
+            (self.folder / "alsa.conf").unlink(missing_ok=True)
+            self.write_settings(**self.settings, host__friendly_name="Kitchen # 2")
+            self.assertRegex(str(self.findings()["output"]), f"'FAIL'.*{problem}: run 'nuvio-connect")
+            found = self.findings("--setup", "--card", "default")
+            self.assertRegex(str(found["output"]), f"'ok', .* up to {able} bit")
+            self.assertRegex(str(found["mixer"]), "'ok', .*'Digital'")
+            self.assertIn("host.friendly_name = Kitchen # 2\n",
+                          (self.folder / "settings.conf").read_text())
 
 
 class Panel(HostTest):
@@ -152,7 +161,3 @@ class Bus(HostTest):
         self.start_bus()
         self.wait_for_status("Playing")
         wait_for("title", lambda: "track 0" in self.metadata())
-
-
-if __name__ == "__main__":
-    unittest.main()

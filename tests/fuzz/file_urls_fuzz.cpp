@@ -4,8 +4,8 @@
 #include <string>
 
 #include "fuzz/expect.h"
-#include "local/display_text.h"
-#include "local/file_url.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
 
 using namespace local_core;
 

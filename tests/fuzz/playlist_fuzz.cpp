@@ -5,9 +5,9 @@
 #include <string_view>
 
 #include "fuzz/expect.h"
-#include "local/display_text.h"
-#include "local/file_url.h"
-#include "local/playlist.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
+#include "local/texts/playlist.h"
 
 using namespace local_core;
 

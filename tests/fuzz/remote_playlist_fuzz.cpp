@@ -5,9 +5,9 @@
 #include <string_view>
 
 #include "fuzz/expect.h"
-#include "local/display_text.h"
 #include "local/network/icy.h"
 #include "local/network/remote_playlist.h"
+#include "local/texts/display_text.h"
 
 using namespace local_core;
 

@@ -171,8 +171,8 @@ int live(Life& life, uint16_t port) {
                                             static_cast<audio_renderer*>(media.context));
         sdk->play(tracks);
     };
+    fake_sdk::Values values;
     const auto become = [&](nuv_playback_state state) {
-        fake_sdk::Values values = fake_sdk::values();
         values.playback_state = state;
         fake_sdk::set_values(values);
         media.playback_state_changed(core, state, media.context);
@@ -213,7 +213,7 @@ int live(Life& life, uint16_t port) {
         become(NUV_PLAYBACK_STATE_PLAYING);
         media.playback_actions_availability_changed(core, true, media.context);
         media.maximum_audio_quality_changed(core, NUV_AUDIO_QUALITY_CD, media.context);
-        const nuv_stream_metadata texts = fake_sdk::values().metadata;
+        const nuv_stream_metadata texts = values.metadata;
         const auto& streams = config.audio_stream_delegate;
         streams.metadata(core, 1, &texts, streams.context);
     });

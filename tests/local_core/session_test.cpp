@@ -10,9 +10,10 @@
 #include <set>
 
 #include "local/content.h"
-#include "local/display_text.h"
-#include "local/file_url.h"
-#include "local/playlist.h"
+#include "local/device_uuid.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
+#include "local/texts/playlist.h"
 #include "temp_dir.h"
 
 namespace {
@@ -41,7 +42,7 @@ TEST(Playlist, TitlesBelongToTheLocationThatFollows) {
 std::vector<std::string> paths_of(const std::vector<Track>& tracks) {
     std::vector<std::string> paths(tracks.size());
     std::transform(tracks.begin(), tracks.end(), paths.begin(),
-                   [](const Track& track) { return track.path; });
+                   [](const Track& track) { return track.location; });
     return paths;
 }
 
@@ -55,7 +56,8 @@ TEST(Content, AFolderIsItsAudioFilesInOrderHiddenOnesLeftOut) {
     }
     std::filesystem::create_directory_symlink(folder.path(), folder / "again");
     const Logger logger;
-    EXPECT_THAT(paths_of(find_tracks(folder.path(), logger)),
+    Interruption none;
+    EXPECT_THAT(paths_of(find_tracks(folder.path(), "", none, logger)),
                 ElementsAre(folder / "a/1.mp3", folder / "a/2.FLAC", folder / "b.wav"));
 }
 
@@ -65,7 +67,8 @@ TEST(Content, APlaylistIsReadAgainstItsFolderAndWithoutRemoteEntries) {
         "lists/L\xc3\xa4 x.m3u8",
         "#EXTINF:1,Caf\xe9\n../a.wav\nhttp://example.org/b.mp3\n/abs/c.wav\nfile:///d%20e.wav\n");
     const Logger logger;
-    const auto tracks = find_tracks(file_url_from_path(list), logger);
+    Interruption none;
+    const auto tracks = find_tracks(file_url_from_path(list), "", none, logger);
     EXPECT_THAT(paths_of(tracks), ElementsAre(folder / "lists/../a.wav", "/abs/c.wav", "/d e.wav"));
     EXPECT_EQ(tracks[0].title, "Caf\xc3\xa9");
 }
@@ -85,8 +88,20 @@ TEST(Content, TextsForDisplayAreOneLineOfUtf8) {
     EXPECT_EQ(display_text("\xc0\xaf"), "\xc3\x80\xc2\xaf");              // overlong
 }
 
+TEST(DeviceUuid, IsTheSameAtEveryStartAndAnotherOnEachMachineAndInEachFolder) {
+    const TempDir one;
+    const TempDir other;
+    for (const char* machine : {"", "a machine"}) {  // without an id it is kept
+        const std::string uuid = local_core::device_uuid(machine, one.path());
+        EXPECT_EQ(uuid, local_core::device_uuid(machine, one.path()));
+        EXPECT_NE(uuid, local_core::device_uuid(machine, other.path()));
+        EXPECT_NE(uuid, local_core::device_uuid("another machine", one.path()));
+    }
+    EXPECT_EQ(local_core::device_uuid(), local_core::device_uuid());
+}
+
 TEST(Order, EndsAtTheLastPlayableTrackUnlessTheListIsLooped) {
-    Session session("id", {{"a", ""}, {"b", ""}, {"c", ""}}, NUV_LOOP_MODE_OFF, false);
+    Session session("id", {{"a"}, {"b"}, {"c"}}, NUV_LOOP_MODE_OFF, false);
     // Unshuffled, the current track keeps its place.
     session.move_to(1);
     session.set_modes(NUV_LOOP_MODE_OFF, true);

@@ -14,8 +14,8 @@
 #include <vector>
 
 #include "local/network/http_source.h"
-#include "local/network/remote_playlist.h"
 #include "local/network/remote_sound.h"
+#include "local/network/remote_tracks.h"
 
 using namespace local_core;
 
@@ -117,16 +117,16 @@ void read(const Job& job) {
 void decode(const Job& job) {
     HttpSource source(job.request);
     SF_INFO info{};
-    const RemoteSound sound = open_remote_sound(source, &info);
+    const auto sound = RemoteSound::open(source, &info);
     std::vector<short> piece(size_t{2} * 3000);
     for (auto [offset, count] : job.parts) {
         if (!sound || info.channels != 2 ||
-            sf_seek(sound.get(), static_cast<sf_count_t>(offset), SEEK_SET) < 0) {
+            sf_seek(sound->file(), static_cast<sf_count_t>(offset), SEEK_SET) < 0) {
             break;
         }
         for (size_t left = count == 0 ? SIZE_MAX : count; left > 0;) {
             const auto frames = static_cast<sf_count_t>(std::min<size_t>(left, 3000));
-            const sf_count_t got = sf_readf_short(sound.get(), piece.data(), frames);
+            const sf_count_t got = sf_readf_short(sound->file(), piece.data(), frames);
             if (got <= 0) {
                 break;
             }
@@ -141,7 +141,8 @@ void decode(const Job& job) {
 void list_tracks(const Job& job) {
     HttpFailure failure = HttpFailure::none;
     std::string error;
-    for (const RemoteTrack& track : find_remote_tracks(job.request, {}, &failure, &error)) {
+    Interruption none;
+    for (const RemoteTrack& track : find_remote_tracks(job.request, {}, none, &failure, &error)) {
         std::printf("%s|%s|%s|%s|%s|%lld\n", track.url.c_str(), track.title.c_str(),
                     track.creator.c_str(), track.album.c_str(), track.image.c_str(),
                     static_cast<long long>(track.duration_ms.value_or(0)));

@@ -6,24 +6,21 @@ import random
 import shlex
 import socket
 import subprocess
+import sys
 import tempfile
 import threading
 import time
 import unittest
 import wave
 
+sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tools/run"))
+from web_server import WebServer, free_ports  # noqa: E402
+
 PROBE = [*shlex.split(os.environ.get("NUVIO_EMULATOR", "")),
          os.path.join(os.environ["NUVIO_BUILD"], "bin", "network_probe")]
-CONF = """
-daemon off; master_process off; pid {d}/pid; error_log {d}/error.log;
-events {{}}
-http {{
-    access_log off; default_type application/octet-stream; root {d};
-    client_body_temp_path {d}/t1; proxy_temp_path {d}/t2; fastcgi_temp_path {d}/t3;
-    uwsgi_temp_path {d}/t4; scgi_temp_path {d}/t5;
-    types {{ audio/x-mpegurl m3u; application/xspf+xml xspf; }}
+SERVERS = """
     server {{
-        listen 127.0.0.1:{http}; listen 127.0.0.1:{tls} ssl;
+        listen 127.0.0.1:{port}; listen 127.0.0.1:{tls} ssl;
         ssl_certificate {d}/cert.pem; ssl_certificate_key {d}/key.pem;
         location /plain/ {{ alias {d}/; }}
         location /noranges/ {{ alias {d}/; max_ranges 0; }}
@@ -41,18 +38,9 @@ http {{
     server {{
         listen 127.0.0.1:{other};
         location /echo {{ return 200 "other:$http_authorization"; }}
-        location /back {{ return 302 http://127.0.0.1:{http}/echo; }}
+        location /back {{ return 302 http://127.0.0.1:{port}/echo; }}
     }}
-}}
 """
-
-
-def free_ports(count):
-    sockets = [socket.create_server(("127.0.0.1", 0)) for _ in range(count)]
-    ports = [s.getsockname()[1] for s in sockets]
-    for s in sockets:
-        s.close()
-    return ports
 
 
 def openssl(directory):
@@ -120,38 +108,17 @@ class Network(unittest.TestCase):
         cls.addClassCleanup(cls.directory.cleanup)
         cls.d = cls.directory.name
         openssl(cls.d)
-        cls.http, cls.tls, cls.other = free_ports(3)
-        cls.base = f"http://127.0.0.1:{cls.http}"
-        with open(f"{cls.d}/conf", "w") as conf:
-            conf.write(CONF.format(d=cls.d, http=cls.http, tls=cls.tls, other=cls.other))
+        cls.tls, cls.other = free_ports(2)
         cls.file = random.Random(1).randbytes(1_500_000)
         cls.write("file", cls.file)
-        cls.server = None
-        cls.addClassCleanup(lambda: cls.kill_server())
-        cls.start_server()
+        cls.server = WebServer(cls.d, SERVERS, tls=cls.tls, other=cls.other)
+        cls.addClassCleanup(cls.server.kill)
+        cls.base = cls.server.url
 
     @classmethod
     def write(cls, name, content):
         with open(f"{cls.d}/{name}", "wb") as out:
             out.write(content if isinstance(content, bytes) else content.encode())
-
-    @classmethod
-    def start_server(cls):
-        cls.server = subprocess.Popen(["nginx", "-p", cls.d, "-c", f"{cls.d}/conf"],
-                                      stderr=subprocess.DEVNULL)
-        for _ in range(200):
-            try:
-                return socket.create_connection(("127.0.0.1", cls.http)).close()
-            except OSError:
-                time.sleep(0.05)
-        raise AssertionError("nginx does not listen")
-
-    @classmethod
-    def kill_server(cls):
-        if cls.server:
-            cls.server.kill()
-            cls.server.wait()
-            cls.server = None
 
     def read(self, url, *arguments):
         return Result(start("read", url if "//" in url else self.base + url, *arguments))
@@ -194,7 +161,7 @@ class Network(unittest.TestCase):
                         result = Result(start("decode", f"{self.base}/{place}/{name}", *arguments))
                         self.assertEqual((result.failure, result.body == body), ("none", True),
                                          result.log)
-        self.assertEqual(Result(start("decode", f"{self.base}/plain/conf")).body, b"")
+        self.assertEqual(Result(start("decode", f"{self.base}/plain/nginx.conf")).body, b"")
 
     def test_the_token_reaches_its_own_origin_alone(self):
         for url, body in [("/echo", b"Bearer good"), ("/here", b"Bearer good"),
@@ -221,9 +188,9 @@ class Network(unittest.TestCase):
             with self.subTest(url=url):
                 process = start("read", self.base + url)
                 time.sleep(0.8)
-                self.kill_server()
+                self.server.kill()
                 time.sleep(1)
-                self.start_server()
+                self.server.start()
                 result = Result(process)
                 self.assertEqual((result.failure, result.body == self.file), ("none", True),
                                  result.log)
@@ -232,9 +199,9 @@ class Network(unittest.TestCase):
         self.write("changing", self.file)
         process = start("read", self.base + "/slow/changing")
         time.sleep(0.8)
-        self.kill_server()
+        self.server.kill()
         self.write("changing", self.file[::-1] + b"more")
-        self.start_server()
+        self.server.start()
         result = Result(process)
         self.assertEqual(result.failure, "changed", result.log)
         self.assertTrue(self.file.startswith(result.body) and result.body)

@@ -48,7 +48,7 @@ chroot root sh -c "DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-ins
     /packages/*.deb"
 rm -r root/packages
 cp -a "$here/files/." root
-chown -R root:root root/etc/systemd/system root/etc/asound.conf root/etc/modprobe.d root/etc/modules-load.d
+chown -R root:root root/etc/systemd/system root/etc/modprobe.d root/etc/modules-load.d root/usr/local/sbin
 chroot root systemctl enable vm-test.service
 echo vm >root/etc/hostname
 echo "/dev/vda / ext4 defaults 0 1" >root/etc/fstab

@@ -13,7 +13,8 @@ namespace {
 
 constexpr int kMaxRedirects = 5;
 constexpr std::chrono::steady_clock::duration kFirstPause = std::chrono::milliseconds(250);
-constexpr std::chrono::steady_clock::duration kLongestPause = std::chrono::seconds(8);
+constexpr std::chrono::steady_clock::duration kLongestPause = std::chrono::seconds(4);
+constexpr int kTriesAtLeast = 8;  // before it is given up
 constexpr std::chrono::steady_clock::duration kUntilWoken = std::chrono::hours(1);
 // A place this little ahead is sooner reached by reading on than by another request.
 constexpr uint64_t kReadOnBytes = uint64_t{256} * 1024;
@@ -77,7 +78,9 @@ size_t HttpSource::read(void* to, size_t size) {
 
 bool HttpSource::seek(uint64_t position) {
     const std::lock_guard lock(m_mutex);
-    if (position > kMaxPosition || (m_content && m_content->is_radio)) {
+    const bool is_radio = m_content && m_content->is_radio;
+    if (position > kMaxPosition ||
+        (is_radio && (position < m_buffer.begin() || position > m_buffer.end()))) {
         return false;
     }
     m_position = position;
@@ -90,6 +93,10 @@ uint64_t HttpSource::position() const {
 
 std::optional<uint64_t> HttpSource::length() const {
     return locked([&] { return m_length; });
+}
+
+bool HttpSource::is_settled() const {
+    return locked([&] { return m_failure != HttpFailure::none || is_complete(); });
 }
 
 void HttpSource::cancel() {
@@ -265,7 +272,8 @@ void HttpSource::follow_redirect() {
 void HttpSource::try_again(const std::string& reason) {
     m_reason = reason;
     m_retry_at = Clock::now() + m_pause;
-    m_pause = std::min(2 * m_pause, kLongestPause);
+    m_pause = std::min<Clock::duration>(
+        {2 * m_pause, kLongestPause, m_request.give_up_after / kTriesAtLeast});
     // Where redirects led may be over.
     m_url = resolve_url("", m_request.url).value_or(m_request.url);
     m_redirects = 0;

@@ -70,11 +70,14 @@ class HttpSource {
     size_t read(void* to, size_t size);
 
     // The next read begins there; nothing is transferred until then. A server without ranges is
-    // read on to that place, for one further back from the beginning. False for a radio.
+    // read on to that place, for one further back from the beginning. Of a radio only what is still
+    // in memory can be gone to: false for the rest.
     bool seek(uint64_t position);
     uint64_t position() const;
     // Known at the end at the latest.
     std::optional<uint64_t> length() const;
+    // What is left to read can be read without waiting: it is all there, or nothing more will come.
+    bool is_settled() const;
 
     // What the radio says it plays at the place that is read, as sent; possibly empty.
     std::string title() const;

@@ -12,9 +12,9 @@
 #include "common/released_by.h"
 #include "common/text.h"
 #include "common/utf8.h"
-#include "local/display_text.h"
 #include "local/network/url.h"
-#include "local/playlist.h"
+#include "local/texts/display_text.h"
+#include "local/texts/playlist.h"
 
 namespace local_core {
 
@@ -259,90 +259,6 @@ bool is_web_address(std::string_view text) {
            nuvio::starts_with_ignoring_case(text, "https://");
 }
 
-// Not what it is, only whether it is worth asking.
-bool may_be_playlist(const std::string& url) {
-    constexpr std::string_view kEndings[] = {".m3u", ".m3u8", ".pls", ".xspf", ".jspf"};
-    const std::string_view path = std::string_view(url).substr(0, url.find('?'));
-    return std::ranges::any_of(kEndings, [&](std::string_view ending) {
-        return path.size() > ending.size() &&
-               nuvio::equals_ignoring_case(path.substr(path.size() - ending.size()), ending);
-    });
-}
-
-// Follows playlists in playlists within the limits.
-class Finder {
-  public:
-    Finder(HttpRequest request, const RemoteLimits& limits)
-        : m_request(std::move(request)), m_left(limits) {
-        m_request.read_ahead_bytes = 0;  // of a track only the head is looked at
-    }
-
-    // Appends what `track` stands for. False when it can't be had.
-    bool find(RemoteTrack track, int depth) {
-        m_request.url = track.url;
-        HttpSource source(m_request);
-        const auto content = source.open();
-        std::string text(content ? kPlaylistHeadBytes : 0, '\0');
-        text.resize(source.read(text.data(), text.size()));
-        failure = source.failure();
-        error = source.error();
-        if (failure != HttpFailure::none) {
-            return false;
-        }
-        const PlaylistFormat format = playlist_format(content->content_type, text);
-        if (format == PlaylistFormat::none || content->is_radio) {
-            add(std::move(track));
-            return true;
-        }
-        return read_rest(source, text) &&
-               add_all(parse_remote_playlist(format, text, content->url, m_left.tracks), depth);
-    }
-
-    std::vector<RemoteTrack> tracks;
-    HttpFailure failure = HttpFailure::none;
-    std::string error;
-
-  private:
-    bool read_rest(HttpSource& source, std::string& text) {
-        const size_t head = text.size();
-        text.resize(std::max(m_left.bytes, head) + 1);
-        text.resize(head + source.read(text.data() + head, text.size() - head));
-        failure = source.failure();
-        error = source.error();
-        if (failure == HttpFailure::none && text.size() > m_left.bytes) {
-            failure = HttpFailure::unusable;
-            error = "the playlist is too large";
-        }
-        m_left.bytes -= std::min(m_left.bytes, text.size());
-        return failure == HttpFailure::none;
-    }
-
-    bool add_all(std::vector<RemoteTrack> found, int depth) {
-        const bool is_only_one = found.size() == 1;
-        for (RemoteTrack& track : found) {
-            const bool is_asked = (is_only_one || may_be_playlist(track.url)) &&
-                                  depth < m_left.depth && m_left.playlists > 0;
-            if (is_asked) {
-                --m_left.playlists;
-                find(std::move(track), depth + 1);
-            } else if (!may_be_playlist(track.url)) {
-                add(std::move(track));
-            }
-        }
-        return true;
-    }
-
-    void add(RemoteTrack track) {
-        if (m_left.tracks > 0) {
-            --m_left.tracks;
-            tracks.push_back(std::move(track));
-        }
-    }
-
-    HttpRequest m_request;
-    RemoteLimits m_left;
-};
-
 }  // namespace
 
 PlaylistFormat playlist_format(std::string_view content_type, std::string_view head) {
@@ -385,21 +301,6 @@ std::vector<RemoteTrack> parse_remote_playlist(PlaylistFormat format, std::strin
         }
     }
     return tracks;
-}
-
-std::vector<RemoteTrack> find_remote_tracks(const HttpRequest& request, const RemoteLimits& limits,
-                                            HttpFailure* failure, std::string* error) {
-    Finder finder(request, limits);
-    RemoteTrack whole;
-    whole.url = request.url;
-    finder.find(std::move(whole), 0);
-    *failure = finder.tracks.empty() ? finder.failure : HttpFailure::none;
-    *error = finder.tracks.empty() ? finder.error : "";
-    if (finder.tracks.empty() && *failure == HttpFailure::none) {
-        *failure = HttpFailure::missing;
-        *error = "the playlist names nothing that can be played";
-    }
-    return std::move(finder.tracks);
 }
 
 }  // namespace local_core

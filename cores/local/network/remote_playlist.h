@@ -9,8 +9,6 @@
 #include <string_view>
 #include <vector>
 
-#include "local/network/http_source.h"
-
 namespace local_core {
 
 enum class PlaylistFormat { none, m3u, pls, xspf, jspf };
@@ -33,19 +31,5 @@ PlaylistFormat playlist_format(std::string_view content_type, std::string_view h
 // own URL. Pure; any thread.
 std::vector<RemoteTrack> parse_remote_playlist(PlaylistFormat format, std::string_view text,
                                                const std::string& base, size_t max_tracks);
-
-struct RemoteLimits {
-    size_t tracks = 1000;
-    size_t playlists = 32;                   // that are fetched
-    int depth = 3;                           // of a playlist in a playlist
-    size_t bytes = size_t{4} * 1024 * 1024;  // of all playlists
-};
-
-// What the request's URL names: its tracks in order, or itself as the only one when it is no
-// playlist. A playlist's only entry, and entries named like playlists, are asked what they are. An
-// inner playlist that can't be had is passed over; empty, with *error set, where nothing is left.
-// The request's token goes with what lies on its origin alone. Blocks as HttpSource::open() does.
-std::vector<RemoteTrack> find_remote_tracks(const HttpRequest& request, const RemoteLimits& limits,
-                                            HttpFailure* failure, std::string* error);
 
 }  // namespace local_core

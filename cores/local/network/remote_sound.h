@@ -1,8 +1,9 @@
-// A remote audio file as libsndfile reads it.
+// A remote audio file, or an endless stream, as libsndfile reads it.
 #pragma once
 
 #include <sndfile.h>
 
+#include <cstdint>
 #include <memory>
 
 #include "common/released_by.h"
@@ -10,12 +11,33 @@
 
 namespace local_core {
 
-using RemoteSound = std::unique_ptr<SNDFILE, nuvio::ReleasedBy<sf_close>>;
+// What libsndfile is told of: the source from a first byte on.
+class RemoteSound {
+  public:
+    // Null when `source` is no audio file that libsndfile knows, or when it failed;
+    // sf_strerror(nullptr) or source.error() says why. `source` must outlive the result, which is
+    // read by one thread at a time and blocks as HttpSource::read() does. A file that ends early
+    // because its source failed looks like its end to libsndfile: ask source.failure() then.
+    static std::unique_ptr<RemoteSound> open(HttpSource& source, SF_INFO* info);
 
-// Null when `source` is no audio file that libsndfile knows, when it failed, or while its length is
-// unknown; sf_strerror(nullptr) or source.error() says why. `source` must outlive the result, which
-// is read by one thread at a time and blocks as HttpSource::read() does. A file that ends early
-// because its source failed looks like its end to libsndfile: ask source.failure() then.
-RemoteSound open_remote_sound(HttpSource& source, SF_INFO* info);
+    SNDFILE* file() const { return m_file.get(); }
+    // A radio, or of a length that nobody knows yet: `frames` of SF_INFO is none, and it does not
+    // seek.
+    bool is_endless() const { return m_is_endless; }
+
+  private:
+    explicit RemoteSound(HttpSource& source) : m_source(source) {}
+
+    static RemoteSound& self(void* data) { return *static_cast<RemoteSound*>(data); }
+    static sf_count_t length(void* data);
+    static sf_count_t seek(sf_count_t offset, int whence, void* data);
+    static sf_count_t read(void* to, sf_count_t size, void* data);
+    static sf_count_t position(void* data);
+
+    HttpSource& m_source;
+    uint64_t m_first = 0;  // byte of the source that is libsndfile's byte 0
+    bool m_is_endless = false;
+    std::unique_ptr<SNDFILE, nuvio::ReleasedBy<sf_close>> m_file;
+};
 
 }  // namespace local_core

@@ -67,7 +67,7 @@ struct KnownKey {
     std::string_view key;
     Checker check;
 };
-constexpr std::array<KnownKey, 17> kKnownKeys = {{
+constexpr std::array<KnownKey, 20> kKnownKeys = {{
     {kFeatureNuvioConnect, check_number},
     {KFeatureNuvioConnectLog, check_number},
     {KFeatureNuvioConnectHttpPort, check_port},
@@ -85,17 +85,15 @@ constexpr std::array<KnownKey, 17> kKnownKeys = {{
     {kHostBus, check_bus},
     {kHostInitialVolume, check_percent},
     {kLocalMusicFolders, check_folder},
+    {kLocalReadAhead, check_number},
+    {kLocalNetworkPatience, check_number},
+    {kLocalAuthorities, check_folder},
 }};
 
 const KnownKey* find_key(std::string_view key) {
     const auto* found = std::find_if(kKnownKeys.begin(), kKnownKeys.end(),
                                      [key](const KnownKey& known) { return known.key == key; });
     return found == kKnownKeys.end() ? nullptr : found;
-}
-
-std::string settings_path() {
-    const char* named = std::getenv("NUVIO_SETTINGS");
-    return named != nullptr && *named != '\0' ? named : kDefaultPath;
 }
 
 bool is_key(std::string_view text) {
@@ -179,6 +177,11 @@ std::vector<std::string> describe(const std::string& path,
 }
 
 }  // namespace
+
+std::string settings_path() {
+    const char* named = std::getenv("NUVIO_SETTINGS");
+    return named != nullptr && *named != '\0' ? named : kDefaultPath;
+}
 
 ParsedSettings parse_settings(std::string_view text) {
     ParsedSettings result;

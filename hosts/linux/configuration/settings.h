@@ -25,9 +25,18 @@ inline constexpr char kHostBus[] = "host.bus";  // auto, session, system, none o
 inline constexpr char kHostInitialVolume[] = "host.initial_volume";  // percent
 // Absolute paths with colons between: where the local core's content may lie.
 inline constexpr char kLocalMusicFolders[] = "local.music_folders";
+// The local core's content over the network: what is kept in memory of each track (KiB), after how
+// many seconds without a byte it is passed over, a file of authorities in the place of the
+// system's.
+inline constexpr char kLocalReadAhead[] = "local.read_ahead";
+inline constexpr char kLocalNetworkPatience[] = "local.network_patience";
+inline constexpr char kLocalAuthorities[] = "local.authorities";
 
 inline constexpr size_t kMaxSettingsBytes = size_t{64} * 1024;
 inline constexpr size_t kMaxValueBytes = 1024;
+
+// The environment variable NUVIO_SETTINGS, else /etc/nuvio-connect/settings.conf.
+std::string settings_path();
 
 struct SettingsProblem {
     size_t line;  // from 1; 0 for the file as a whole

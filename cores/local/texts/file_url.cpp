@@ -1,4 +1,4 @@
-#include "local/file_url.h"
+#include "local/texts/file_url.h"
 
 #include <utility>
 

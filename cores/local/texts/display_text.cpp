@@ -1,4 +1,4 @@
-#include "local/display_text.h"
+#include "local/texts/display_text.h"
 
 #include <algorithm>
 

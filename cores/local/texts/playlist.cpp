@@ -1,4 +1,4 @@
-#include "local/playlist.h"
+#include "local/texts/playlist.h"
 
 #include "common/text.h"
 

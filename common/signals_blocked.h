@@ -4,7 +4,7 @@
 #include <pthread.h>
 #include <signal.h>
 
-namespace local_core {
+namespace nuvio {
 
 class SignalsBlocked {
   public:
@@ -21,4 +21,4 @@ class SignalsBlocked {
     sigset_t m_before{};
 };
 
-}  // namespace local_core
+}  // namespace nuvio

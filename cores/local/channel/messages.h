@@ -1,0 +1,137 @@
+// What is said over a session's channel, docs/session.md: read and written. Pure functions, any
+// thread; what is read may be any bytes.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+#include <vector>
+
+#include "sdk/nuvio_connect.h"
+
+namespace local_core {
+
+inline constexpr char kSubprotocol[] = "nuvio-session.v1";
+inline constexpr size_t kMaxMessageBytes = size_t{64} * 1024;
+inline constexpr size_t kMaxCommandIdBytes = 64;
+inline constexpr size_t kMaxTracksACommand = 500;
+inline constexpr size_t kMaxUrlBytes = 2048;
+inline constexpr size_t kMaxTextBytes = 1024;
+
+// A track as a server names it. The texts are valid UTF-8; empty where it has said nothing.
+struct NamedTrack {
+    std::string url;
+    std::string title;
+    std::string artist;
+    std::string album;
+    std::string cover;
+    uint64_t duration_ms = 0;
+};
+
+enum class RemoteVerb {
+    play,
+    pause,
+    stop,
+    next,
+    previous,
+    seek,
+    volume,
+    mute,
+    shuffle,
+    loop,
+    queue_replace,
+    queue_insert,
+    queue_remove,
+    queue_move,
+    queue_jump,
+    queue_read,
+    leave
+};
+
+// Checked: what its verb needs is there and in its range.
+struct RemoteCommand {
+    std::string id;
+    RemoteVerb verb = RemoteVerb::play;
+    uint64_t number = 0;  // position_ms, volume, start, item, first
+    bool flag = false;    // muted, shuffle
+    nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
+    std::vector<NamedTrack> tracks;
+    std::vector<uint64_t> items;     // none twice
+    std::optional<uint64_t> before;  // item; none: at the end
+};
+
+// Why a command is not carried out: a member `error` of an answer.
+struct Refusal {
+    std::string error;
+    std::string reason;
+    std::string id = {};  // of the command; empty where it has none that can be used
+};
+
+std::variant<RemoteCommand, Refusal> read_command(std::string_view text);
+
+// What the device says. Texts that are no UTF-8 lose what is not.
+struct HelloMessage {
+    std::string session;
+    std::string uuid;
+    std::string name;
+    std::string manufacturer;
+    std::string model;
+    nuv_device_type device_type = NUV_DEVICE_TYPE_SPEAKER;
+    nuv_audio_quality quality = NUV_AUDIO_QUALITY_CD;
+    std::string sdk_version;
+    size_t commands_per_second = 0;
+    size_t command_burst = 0;
+    size_t queue_tracks = 0;
+};
+
+struct TrackMessage {
+    uint64_t item = 0;
+    std::string title;
+    std::string artist;
+    std::string album;
+    std::string cover;
+    uint64_t duration_ms = 0;
+    bool seekable = false;
+    nuv_audio_format format{};
+};
+
+struct StateMessage {
+    nuv_playback_state playback = NUV_PLAYBACK_STATE_STOPPED;
+    bool active = false;
+    std::optional<uint64_t> item;
+    uint64_t position_ms = 0;
+    uint64_t taken_ms = 0;  // since 1970
+    std::optional<uint32_t> volume;
+    bool muted = false;
+    bool shuffle = false;
+    nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
+    bool has_next = false;
+    bool has_previous = false;
+};
+
+std::string write_hello(const HelloMessage& hello);
+std::string write_track(const TrackMessage* track);  // null: nothing is heard
+std::string write_state(const StateMessage& state);
+std::string write_done(const std::string& id);
+std::string write_refused(const Refusal& refusal);  // without an id: an error message
+std::string write_error(const std::string& error, std::optional<uint64_t> item,
+                        const std::string& reason);
+std::string write_goodbye(const std::string& reason);
+
+// The list of tracks, item by item until it is full.
+class QueueMessage {
+  public:
+    QueueMessage(uint64_t revision, size_t length, size_t first);
+    // False when the message takes no more.
+    bool add(uint64_t item, const NamedTrack& track);
+    std::string text() const;
+
+  private:
+    std::string m_text;
+    bool m_empty = true;
+};
+
+}  // namespace local_core

@@ -1,0 +1,75 @@
+#include "local/network/mpeg_sync.h"
+
+#include <array>
+#include <cstdint>
+
+namespace local_core {
+
+namespace {
+
+constexpr int kFramesInARow = 3;
+
+// The length of the layer III frame with this header, 0 when it is none.
+size_t frame_bytes(uint32_t header) {
+    // By version (2.5, reserved, 2, 1), in Hz; by bit-rate index, in kbit/s.
+    constexpr std::array<uint32_t, 4> kFirstRates = {11025, 0, 22050, 44100};
+    constexpr std::array<uint32_t, 16> kBitRates1 = {0,   32,  40,  48,  56,  64,  80,  96,
+                                                     112, 128, 160, 192, 224, 256, 320, 0};
+    constexpr std::array<uint32_t, 16> kBitRates2 = {0,  8,  16, 24,  32,  40,  48,  56,
+                                                     64, 80, 96, 112, 128, 144, 160, 0};
+    constexpr uint32_t kSync = 0xffe00000;
+    constexpr uint32_t kLayer3 = 1;
+    constexpr uint32_t kVersion1 = 3;
+    const uint32_t version = header >> 19 & 3;
+    const uint32_t rate_index = header >> 10 & 3;
+    if ((header & kSync) != kSync || (header >> 17 & 3) != kLayer3 || rate_index == 3 ||
+        kFirstRates[version] == 0) {
+        return 0;
+    }
+    // 44100, 48000, 32000 and their halves and quarters.
+    constexpr std::array<uint32_t, 3> kPer147 = {147, 160, 0};
+    const uint32_t rate = rate_index == 2 ? kFirstRates[version] / 441 * 320
+                                          : kFirstRates[version] / 147 * kPer147[rate_index];
+    const auto& bit_rates = version == kVersion1 ? kBitRates1 : kBitRates2;
+    const uint32_t bit_rate = bit_rates[header >> 12 & 15] * 1000;
+    const uint32_t bytes_a_bit_rate = version == kVersion1 ? 144 : 72;
+    return bit_rate == 0 ? 0 : bytes_a_bit_rate * bit_rate / rate + (header >> 9 & 1);
+}
+
+uint32_t header_at(std::string_view bytes, size_t at) {
+    uint32_t header = 0;
+    for (size_t i = 0; i < 4; ++i) {
+        header = header << 8 | static_cast<uint8_t>(bytes[at + i]);
+    }
+    return header;
+}
+
+bool begins_frames(std::string_view bytes, size_t at) {
+    // Version, layer and rate stay; bit rate and padding may change.
+    constexpr uint32_t kKind = 0xfffe0c00;
+    const uint32_t kind = bytes.size() >= at + 4 ? header_at(bytes, at) & kKind : 0;
+    for (int frame = 0; frame < kFramesInARow; ++frame) {
+        if (at + 4 > bytes.size() || (header_at(bytes, at) & kKind) != kind) {
+            return false;
+        }
+        const size_t length = frame_bytes(header_at(bytes, at));
+        if (length == 0) {
+            return false;
+        }
+        at += length;
+    }
+    return true;
+}
+
+}  // namespace
+
+size_t first_mpeg_frame(std::string_view bytes) {
+    for (size_t at = 0; at + 4 <= bytes.size(); ++at) {
+        if (begins_frames(bytes, at)) {
+            return at;
+        }
+    }
+    return 0;
+}
+
+}  // namespace local_core

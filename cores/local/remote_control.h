@@ -1,0 +1,90 @@
+// A session's channel on the loop's side: carries out what its server asks for by the same controls
+// that the device uses, and tells it what has changed (docs/session.md).
+//
+// Loop thread only. Calls no delegate but the one that tells the position, in `tell`. What can wait
+// is the link's.
+#pragma once
+
+#include <uv.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "local/channel/link.h"
+#include "local/channel/messages.h"
+#include "local/control.h"
+#include "local/logger.h"
+#include "local/loop_wakeup.h"
+#include "local/player.h"
+#include "sdk/nuvio_connect.h"
+
+namespace local_core {
+
+class RemoteControl {
+  public:
+    // `device`: what does not change of it. `wake` has a pass follow; it is called from any thread.
+    // Throws std::runtime_error when the loop has no handle left.
+    RemoteControl(uv_loop_t* loop, HelloMessage device, Control& control, const Player& player,
+                  std::shared_ptr<const Logger> logger, std::function<void()> wake);
+    // Says goodbye; waits for it a second at most.
+    ~RemoteControl();
+    RemoteControl(const RemoteControl&) = delete;
+    RemoteControl& operator=(const RemoteControl&) = delete;
+
+    // A session begins; an offer that can't be used means that it is not controlled from elsewhere.
+    void begin(const std::string& session_id, const RemoteOffer& offer);
+    // The session is over; does not wait. `reason`: of a goodbye.
+    void end(const char* reason);
+
+    // Carries out the next command; true when there was one. The controls note it, so there has to
+    // be a pass before the next one.
+    bool take_command();
+    // What has become of the change of the list that was noted.
+    void answer_edit(nuv_error error);
+
+    // Tells what is new, each kind at most ten times a second.
+    void tell(const PlaybackSettings& settings, const PlayerView& view);
+    void tell_trouble(const Trouble& trouble);
+
+  private:
+    // What the server knows.
+    struct Told {
+        PlaybackSettings settings;
+        PlayerView view;
+    };
+
+    nuv_error carry_out(RemoteCommand& command, bool* is_noted);
+    nuv_error edit(RemoteCommand& command, bool* is_noted);
+    std::optional<QueueEdit> edit_of(RemoteCommand& command) const;
+    void answer(const std::string& id, nuv_error error);
+    void say(std::string text);
+    void put(Link::Slot slot, std::string text);
+    void set_timer(uint64_t due_ms);
+
+    std::string hello_text(const PlaybackSettings& settings) const;
+    std::string queue_text(std::optional<size_t> first) const;
+    std::string track_text() const;
+    std::string state_text(const PlaybackSettings& settings, const PlayerView& view) const;
+
+    uv_loop_t* const m_loop;
+    HelloMessage m_device;
+    Control& m_control;
+    const Player& m_player;
+    const std::shared_ptr<const Logger> m_logger;
+    const std::function<void()> m_wake;
+    LoopHandle<uv_timer_t> m_timer;
+
+    std::unique_ptr<Link> m_link;         // null: not controlled from elsewhere
+    std::atomic<bool> m_has_news{false};  // of the link, set by its thread
+    uint64_t m_connection = 0;
+    std::optional<Told> m_told;  // none: nothing yet by this connection
+    uint64_t m_told_ms = 0;      // when, by the loop's clock
+    std::string m_edit_id;       // of the command whose change is noted
+    uint64_t m_edit_connection = 0;
+};
+
+}  // namespace local_core

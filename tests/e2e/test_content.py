@@ -1,0 +1,243 @@
+"""Content from a network that fails: what the card played is compared with what the server has."""
+import contextlib
+import fcntl
+import http.server
+import itertools
+import json
+import pathlib
+import signal
+import subprocess
+import threading
+import time
+import unittest
+
+from device import DeviceTest, WebServer, signal_samples, wait_for, write_wav
+
+CD = 44100
+SERVER = """
+    server {{
+        listen 127.0.0.1:{port};
+        location /slow/ {{ alias {d}/music/; limit_rate 300k; }}
+        location /asked/ {{
+            alias {d}/music/;
+            if ($http_authorization != "Bearer api") {{ return 401; }}
+        }}
+        location /refused/ {{ alias {d}/music/; if ($uri ~ "2.wav") {{ return 401; }} }}
+    }}
+"""
+
+
+class ScriptedServer(http.server.ThreadingHTTPServer):
+    """Answers as no web server does: `answer(handler, first byte asked, count of the request)`."""
+
+    def __init__(self, answer):
+        count = itertools.count(1)
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                first = int(self.headers.get("Range", "bytes=0-")[6:].rstrip("-"))
+                with contextlib.suppress(ConnectionError):
+                    answer(self, first, next(count))
+                self.close_connection = True
+
+            def head(self, first, total, **fields):
+                self.send_response(206 if first else 200)
+                for name, value in {"Content-Length": total - first, **fields,
+                                    "Content-Range": f"bytes {first}-{total - 1}/{total}"}.items():
+                    self.send_header(name.replace("_", "-"), value)
+                self.end_headers()
+
+            def log_message(self, *_):
+                pass
+        super().__init__(("127.0.0.1", 0), Handler)
+        self.daemon_threads = True
+        self.url = f"http://127.0.0.1:{self.server_port}/"
+        threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
+
+    def __exit__(self, *arguments):
+        self.shutdown()
+        super().__exit__(*arguments)
+
+
+class Content(DeviceTest):
+    def setUp(self):
+        super().setUp()
+        self.environment.update(NUVIO_READ_AHEAD_KIB="128", NUVIO_NETWORK_PATIENCE_S="6")
+
+    def track(self, name, seconds, start=0):
+        return write_wav(self.music / name, signal_samples(int(seconds * CD), start), CD)
+
+    def web(self, *tracks):
+        (self.music / "list.m3u").write_text("".join(f"{name}\n" for name in tracks))
+        self.server = WebServer(str(self.folder), SERVER)
+        self.addCleanup(self.server.kill)
+        return self.server.url
+
+    def played(self):
+        return b"".join(recording.data for recording in self.recordings())
+
+    def wait_for_sound(self, seconds):
+        wait_for(f"{seconds} s of sound", lambda: self.position() >= seconds)
+
+    def test_a_server_that_is_killed_and_comes_back_costs_no_sample(self):
+        source = self.track("1.wav", 14) + self.track("2.wav", 3, 14 * CD)
+        self.start()
+        self.play(self.web("1.wav", "2.wav") + "/slow/list.m3u")
+        for pause in [0.5, 4]:  # the second is longer than what is decoded ahead
+            self.wait_for_sound(self.position() + 1)
+            self.server.kill()
+            time.sleep(pause)
+            self.server.start()
+        self.wait_for_end()
+        self.assertTrue(self.played() == source)
+
+    def test_servers_that_stall_or_err_in_the_length(self):
+        source = self.track("1.wav", 9)
+        content = (self.music / "1.wav").read_bytes()
+
+        def stalls(handler, first, count):
+            handler.head(first, len(content))
+            handler.wfile.write(content[first:700_000] if count < 3 else content[first:])
+            time.sleep(20 if count < 3 else 0)
+
+        def breaks_off(handler, first, _count):
+            handler.head(first, len(content))
+            handler.wfile.write(content[first:first + 250_000])
+
+        def says_too_much(handler, first, _count):
+            if first >= len(content):
+                handler.send_response(416)
+                handler.send_header("Content-Range", f"bytes */{len(content)}")
+                return handler.end_headers()
+            handler.head(first, len(content) + 90_000)
+            return handler.wfile.write(content[first:])
+
+        self.start()
+        for answer in [stalls, breaks_off, says_too_much]:
+            with self.subTest(answer=answer.__name__), ScriptedServer(answer) as server:
+                ended = self.log_count("Nothing else to play")
+                known = len(self.recordings())
+                self.play(server.url)
+                wait_for("end", lambda e=ended: self.log_count("Nothing else to play") > e)
+                wait_for("end of the recordings", lambda: not self.open_recordings())
+                self.assertTrue(b"".join(r.data for r in self.recordings()[known:]) == source)
+
+    def test_a_file_that_changes_is_passed_over_and_not_mixed(self):
+        first, second = self.track("1.wav", 14), self.track("2.wav", 2, 14 * CD)
+        self.start()
+        self.play(self.web("1.wav", "2.wav") + "/slow/list.m3u")
+        self.server.kill()
+        (self.music / "1.wav").write_bytes(b"other")
+        self.server.start()
+        self.wait_for_end()
+        played = self.played()
+        self.assertTrue(played.endswith(second) and first.startswith(played[:-len(second)]))
+        self.assertLess(len(played), len(first))
+        self.assertIn("ends early: the file changed meanwhile", self.log())
+
+    def test_a_server_that_stays_away_ends_the_session_after_three_tracks(self):
+        source = self.track("1.wav", 14)
+        for n in range(2, 6):
+            self.track(f"{n}.wav", 1)
+        self.environment["NUVIO_NETWORK_PATIENCE_S"] = "2"
+        self.start()
+        self.play(self.web(*(f"{n}.wav" for n in range(1, 6))) + "/slow/list.m3u")
+        self.server.kill()
+        self.wait_for_log("its server or disk is gone")
+        self.wait_for_end()
+        self.assertTrue(len(self.played()) > CD and source.startswith(self.played()))
+        self.assertEqual([self.log_count(f"Skipping {self.server.url}/slow/{n}.wav")
+                          for n in range(1, 6)], [0, 1, 1, 0, 0])
+
+    def test_the_token_opens_its_endpoint_and_one_that_is_over_ends_the_session(self):
+        source = self.track("1.wav", 2) + self.track("2.wav", 2, 2 * CD)
+        self.start()
+        self.play(self.web("1.wav", "2.wav") + "/asked/list.m3u")
+        self.wait_for_end()
+        self.assertTrue(self.played() == source)
+        self.connect(self.server.url + "/refused/list.m3u")
+        self.wait_for_log("its token is not accepted any more")
+        self.wait_for_end()
+        self.assertTrue(self.played() == source + source[:len(source) // 2])
+
+    def test_a_radio_plays_on_and_shows_its_titles(self):
+        source = self.track("1.wav", 30)
+        content = (self.music / "1.wav").read_bytes()
+
+        def radio(handler, _first, _count):
+            handler.send_response(200)
+            for name, value in [("icy-name", "Station"), ("icy-metaint", "16000")]:
+                handler.send_header(name, value)
+            handler.end_headers()
+            for at in range(0, len(content), 16000):
+                title = f"StreamTitle='It's {at // 800_000}';".encode()
+                title += bytes(-len(title) % 16)
+                handler.wfile.write(content[at:at + 16000] + bytes([len(title) // 16]) + title)
+                time.sleep(0.06)
+
+        self.start()
+        with ScriptedServer(radio) as server:
+            self.play(server.url)
+            for n in range(2):
+                wait_for(f"title {n}", lambda n=n: self.player("metadata", "title") == f"It's {n}")
+            self.assertEqual(self.player("metadata", "album"), "Station")
+            self.assertIn(self.player("metadata", "mpris:length"), (None, "0", ""))
+            before = self.position()
+            self.player("position", "1")
+            self.wait_for_sound(before + 1)
+            self.player("stop")
+            wait_for("end of the recordings", lambda: not self.open_recordings())
+        self.assertTrue(len(self.played()) > 3 * CD and source.startswith(self.played()))
+
+    def test_covers_are_shown_whatever_keeps_them(self):
+        picture = b"\x89PNG\r\n\x1a\n" + bytes(range(256)) * 9
+        (self.music / "cover.png").write_bytes(picture)
+        (self.folder / "files").mkdir()
+        song = self.folder / "files/song.flac"
+        self.track("1.wav", 60)
+        subprocess.run(["flac", "-s", "-0", f"--picture=3|image/png||1x1x24|{self.music}/cover.png",
+                        "-o", song, self.music / "1.wav"], check=True)
+        url = self.web("1.wav")
+        elsewhere = f"http://localhost:{self.server.port}/cover.png"
+        for title, image in [("asked", f"{url}/asked/cover.png"), ("elsewhere", elsewhere)]:
+            (self.music / f"{title}.jspf").write_text(json.dumps({"playlist": {"track": [
+                {"location": "1.wav", "title": title, "creator": "Band", "image": image}]}}))
+        self.start()
+
+        def shown(title):
+            wait_for(f"title {title}", lambda: self.player("metadata", "title") == title)
+            return wait_for("cover", lambda: self.player("metadata", "mpris:artUrl"))
+
+        for content, title in [(song, "song"), (url + "/asked/asked.jspf", "asked")]:
+            self.connect(content)
+            art = shown(title)
+            self.assertTrue(art.startswith(f"file://{self.folder}/state/cover-"), art)
+            self.assertEqual(pathlib.Path(art[7:]).read_bytes(), picture)
+        self.assertEqual(self.player("metadata", "artist"), "Band")
+        self.connect(url + "/asked/elsewhere.jspf")
+        self.assertEqual(shown("elsewhere"), elsewhere)
+        wait_for("no cover is left", lambda: not list((self.folder / "state").glob("cover-*")))
+
+    def test_a_disk_that_hangs_silences_neither_the_next_session_nor_the_next_track(self):
+        first, third = self.track("1.wav", 1), self.track("3.wav", 2, CD)
+        self.track("2.wav", 1)
+        good = self.folder / "good.wav"
+        other = write_wav(good, signal_samples(3 * CD), CD)
+        # Whoever opens a file that another process has leased waits, as on a disk that hangs.
+        handler = signal.signal(signal.SIGIO, signal.SIG_IGN)
+        self.addCleanup(signal.signal, signal.SIGIO, handler)
+        with open(self.music / "2.wav", "r+b") as hung:
+            fcntl.fcntl(hung, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+            self.start()
+            self.play(self.music)
+            wait_for("the track that hangs", lambda: self.log_count("Nothing else to play"))
+            self.connect(good, session="second")
+            wait_for("sound", lambda: len(self.recordings()) == 2 and not self.open_recordings())
+            self.connect(self.music, session="third")
+            wait_for("sound", lambda: len(self.recordings()) == 4 and not self.open_recordings())
+            self.assertTrue([r.data for r in self.recordings()] == [first, other, first, third])
+            self.assertLess(self.stop()[1], 10, "the end waits for the disk")
+
+
+if __name__ == "__main__":
+    unittest.main()
