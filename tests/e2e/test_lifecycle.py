@@ -3,6 +3,7 @@
 A round takes the device to one point of a session and ends it there a random moment later.
 NUVIO_SEED repeats a run; NUVIO_LONG=1 makes it some hundred rounds.
 """
+import ctypes
 import itertools
 import json
 import os
@@ -16,11 +17,12 @@ import threading
 import time
 import unittest
 
-from device import EMULATOR, DeviceTest, program, signal_samples, wait_for, write_wav
+from device import EMULATOR, PATIENCE, DeviceTest, program, signal_samples, wait_for, write_wav
 
 CD = 44100
 PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
 ROUNDS = 300 if "NUVIO_LONG" in os.environ else 22
+PTRACE_ATTACH, PTRACE_DETACH, WALL = 16, 17, 0x40000000
 MAX_SECONDS = 10  # to end, on a busy machine with sanitizers
 
 
@@ -170,6 +172,45 @@ class Lifecycle(DeviceTest):
         self.start()
         self.assertRegex(self.log(), r"(?m)^<6>\d{8} .*\] INFO ")
         self.assertNotRegex(self.log(), r"(?m)^\d{8} ")
+
+    def test_a_service_manager_is_told_what_plays_and_whether_the_loop_turns(self):
+        self.environment |= {"NOTIFY_SOCKET": str(self.folder / "notify"), "WATCHDOG_USEC": "600000"}
+        manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(manager.close)
+        manager.bind(self.environment["NOTIFY_SOCKET"])
+        manager.settimeout(PATIENCE)
+
+        def heard(seconds):
+            end = time.monotonic() + seconds
+            messages = []
+            while (left := end - time.monotonic()) > 0:
+                manager.settimeout(left)
+                try:
+                    messages.append(manager.recv(1000).decode())
+                except TimeoutError:
+                    pass
+            return messages
+
+        self.start()
+        self.assertEqual(manager.recv(1000), b"WATCHDOG_USEC=0", "watched before there is a loop")
+        self.play(self.long)
+        text = "\n".join(heard(4))
+        self.assertRegex(text, "WATCHDOG_USEC=600000\nWATCHDOG=1\n")
+        self.assertRegex(text, "READY=1\nSTATUS=Running")
+        self.assertIn("STATUS=Playing: long", text)
+        # The loop's thread alone is stopped, as a hung library would.
+        tasks = pathlib.Path(f"/proc/{self.daemon.pid}/task")
+        loop = next(int(task.name) for task in tasks.iterdir()
+                    if (task / "comm").read_text() == "NuvioConnectSta\n")
+        libc = ctypes.CDLL(None, use_errno=True)
+        self.assertEqual(libc.ptrace(PTRACE_ATTACH, loop, None, None), 0, "may not be traced here")
+        os.waitpid(loop, WALL)
+        heard(0.1)
+        self.assertNotIn("WATCHDOG=1", heard(2))
+        libc.ptrace(PTRACE_DETACH, loop, None, None)
+        self.assertIn("WATCHDOG=1", heard(4))
+        self.assertEqual(self.stop()[0], 0)
+        self.assertEqual(heard(0.1)[-2:], ["STOPPING=1", "WATCHDOG_USEC=0"])
 
     def test_the_end_is_quick_and_clean_at_every_point_of_a_session(self):
         points = itertools.chain(self.POINTS, iter(lambda: self.random.choice(self.POINTS), None))

@@ -1,6 +1,7 @@
 """The device on a message bus of the test's own, driven by ordinary clients: playerctl, busctl and
 the panel script. What becomes of their calls is read from the daemon's log.
 """
+import os
 import pathlib
 import re
 import shlex
@@ -236,10 +237,10 @@ class Bus(DeviceTest):
         self.wait_for_host()
 
     def test_without_settings_it_fails_and_says_why(self):
-        (self.folder / "settings.conf").unlink()
-        answer = subprocess.run(program("nuvio-connect"), text=True, stderr=subprocess.PIPE,
-                                env=self.environment, stdin=subprocess.DEVNULL,
-                                stdout=subprocess.DEVNULL, timeout=PATIENCE)
+        answer = subprocess.run(
+            program("nuvio-connect"), text=True, stderr=subprocess.PIPE,
+            env=self.environment | {"NUVIO_SETTINGS": str(self.folder / "absent.conf")},
+            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, timeout=PATIENCE)
         self.assertIn("cannot read the settings", answer.stderr)
         self.assertEqual(answer.returncode, 1)
 

@@ -1,11 +1,15 @@
 """The packages as a device has them: installed into a clean root, looked at there, and removed. That
 they play, and the unit, are ./dev vm's.
 """
+import http.client
+import json
 import os
 import pathlib
 import re
 import shutil
 import subprocess
+import tempfile
+import time
 import unittest
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
@@ -14,7 +18,7 @@ PATIENCE = 30  # s
 CARD = "/var/lib/nuvio-connect/card"
 PATH = "PATH=/usr/sbin:/usr/bin:/sbin:/bin"
 PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-host-linux",
-            "nuvio-connect-tools"]
+            "nuvio-connect-tools", "nuvio-connect-controller", "nuvio-connect-dev"]
 UNIT = "usr/lib/systemd/system/nuvio-connect.service"
 
 
@@ -66,11 +70,12 @@ class Installed(unittest.TestCase):
 
     def test_3_the_unit_is_sound_and_lets_the_service_do_little(self):
         result = run("systemd-analyze", "verify", "--man=no", f"--root={ROOT}",
-                     "nuvio-connect.service")
+                     "nuvio-connect.service", "nuvio-connect-controller.service")
         self.assertNotIn("nuvio-connect", result.stderr)
-        exposure = run("systemd-analyze", "security", "--offline=true", "--threshold=18",
-                       "--no-pager", ROOT / UNIT)
-        print(exposure.stdout.splitlines()[-1])
+        for unit in UNIT, UNIT.replace(".service", "-controller.service"):
+            exposure = run("systemd-analyze", "security", "--offline=true", "--threshold=18",
+                           "--no-pager", ROOT / unit)
+            print(exposure.stdout.splitlines()[-1])
 
     def test_4_check_says_what_is_missing_and_the_packaged_card_is_one(self):
         words = ("nuvio-connect", "--check")
@@ -85,24 +90,73 @@ class Installed(unittest.TestCase):
                         check=False).stdout
         self.assertRegex(found, r"ok +output .*\nok +mixer ")
 
-    def test_5_a_device_makers_layers_take_the_place_of_both(self):
+    def test_5_layers_built_on_the_installed_headers_hold_the_rules_and_the_service_plays_on_them(self):
+        examples = ROOT / "usr/share/doc/nuvio-connect-dev/examples"
+        build = pathlib.Path(tempfile.mkdtemp())
+        self.addCleanup(shutil.rmtree, build)
+        run("cmake", "-S", examples, "-B", build, f"-DCMAKE_PREFIX_PATH={ROOT}/usr")
+        run("cmake", "--build", build)
+        # A device maker's package takes the place of both layers.
         maker = ROOT / "maker"
-        (maker / "DEBIAN").mkdir(parents=True)
+        libraries = maker / f"usr/lib/{os.uname().machine}-linux-gnu"
+        libraries.mkdir(parents=True)
+        (maker / "DEBIAN").mkdir()
         self.addCleanup(shutil.rmtree, maker)
         (maker / "DEBIAN/control").write_text(
             "Package: maker-layers\nVersion: 1\nArchitecture: all\nMaintainer: m <m@localhost>\n"
             "Description: layers\nProvides: nuvio-connect-core, nuvio-connect-host\n")
+        for library in ("libnuvio_connect.so.1", "libnuvio_host.so.1"):
+            shutil.copy(build / library, libraries)
         in_root("dpkg-deb", "-b", "/maker", "/maker.deb")
         self.addCleanup((ROOT / "maker.deb").unlink)
+        in_root("dpkg", "-r", "--force-depends", *PACKAGES[1:3])
         in_root("dpkg", "-i", "/maker.deb")
-        in_root("dpkg", "-r", *PACKAGES[1:3])
         self.assertEqual(in_root("dpkg", "--audit").stdout, "")
+        for layer, library in (("core", "libnuvio_connect.so.1"), ("host", "libnuvio_host.so.1")):
+            result = in_root("nuvio-connect-conformance", f"--{layer}",
+                             f"/{libraries.relative_to(maker)}/{library}")
+            self.assertIn("0 rules fail", result.stdout)
+        self.play_a_session()
+        in_root("dpkg", "-r", "--force-depends", "maker-layers")
+
+    def play_a_session(self):
+        in_root("simcardctl", "create", CARD)
+        self.addCleanup(shutil.rmtree, ROOT / CARD[1:])
+        service = subprocess.Popen(["chroot", ROOT, "env", "-i", PATH,
+                                    f"ALSA_CONFIG_PATH={CARD}/asound.conf", "nuvio-connect"])
+        self.addCleanup(service.kill)
+        body = {"session_id": "s", "become_active": True,
+                "jwt_api": {"endpoint": "tone", "jwt": "a", "exp": 4102444800},
+                "jwt_nconnect": {"endpoint": "wss://x/", "jwt": "b", "exp": 4102444800}}
+        self.wait_for(lambda: self.request("GET", "/get-display-info") == 200)
+        self.assertEqual(self.request("POST", "/connect-to-nconnect", json.dumps(body)), 200)
+        recordings = ROOT / CARD[1:] / "recordings"
+        self.wait_for(lambda: any(raw.stat().st_size > 44100 * 4 for raw in recordings.iterdir()))
+        service.terminate()
+        self.assertEqual(service.wait(PATIENCE), 0)
+
+    def wait_for(self, condition):
+        end = time.monotonic() + PATIENCE
+        while not condition():
+            self.assertLess(time.monotonic(), end)
+            time.sleep(0.05)
+
+    @staticmethod
+    def request(method, path, body=None):
+        connection = http.client.HTTPConnection("127.0.0.1", 8000, timeout=PATIENCE)
+        try:
+            connection.request(method, path, body)
+            return connection.getresponse().status
+        except OSError:
+            return None
+        finally:
+            connection.close()
 
     def test_6_nothing_is_left_after_a_purge(self):
         (ROOT / "etc/nuvio-connect/alsa.conf").write_text("# as --setup makes it\n")
         in_root("dpkg", "-P", *PACKAGES)
         left = [path for pattern in ("etc/nuvio-connect*", "var/lib/nuvio-connect*",
-                                     "usr/bin/nuvio*", "usr/lib/*/*nuvio*", "usr/share/*/*nuvio*",
+                                     "usr/bin/nuvio*", "usr/include/nuvio*", "usr/lib/*/*nuvio*", "usr/share/*/*nuvio*",
                                      "etc/systemd/system/*/nuvio*", "usr/lib/systemd/system/nuvio*")
                 for path in ROOT.glob(pattern)]
         self.assertEqual(left, [])

@@ -1,0 +1,236 @@
+#include <algorithm>
+#include <cmath>
+#include <iterator>
+#include <utility>
+
+#include "common/utf8.h"
+#include "local/channel/json.h"
+#include "local/channel/messages.h"
+
+namespace local_core {
+
+namespace {
+
+// What is missing or wrong, for the answer.
+struct Wrong {
+    std::string what;
+};
+
+const cJSON* member(const cJSON* object, const char* name) {
+    return cJSON_GetObjectItemCaseSensitive(object, name);
+}
+
+std::optional<uint64_t> integer_of(const cJSON* value) {
+    if (!cJSON_IsNumber(value)) {
+        return std::nullopt;
+    }
+    const double number = value->valuedouble;
+    if (!(number >= 0 && number <= kMaxInteger) || number != std::floor(number)) {
+        return std::nullopt;
+    }
+    return static_cast<uint64_t>(number);
+}
+
+uint64_t required_integer(const cJSON* object, const char* name, double highest = kMaxInteger) {
+    const std::optional<uint64_t> number = integer_of(member(object, name));
+    if (!number || static_cast<double>(*number) > highest) {
+        throw Wrong{std::string(name) + " is not an integer in its range"};
+    }
+    return *number;
+}
+
+bool required_flag(const cJSON* object, const char* name) {
+    const cJSON* const value = member(object, name);
+    if (!cJSON_IsBool(value)) {
+        throw Wrong{std::string(name) + " is not a boolean"};
+    }
+    return cJSON_IsTrue(value) != 0;
+}
+
+std::string text_of(const cJSON* object, const char* name, size_t max_bytes) {
+    const char* const value = cJSON_GetStringValue(member(object, name));
+    if (member(object, name) != nullptr && value == nullptr) {
+        throw Wrong{std::string(name) + " is not a text"};
+    }
+    std::string text = value == nullptr ? "" : value;
+    if (text.size() > max_bytes) {
+        throw Wrong{std::string(name) + " is too long"};
+    }
+    return text;
+}
+
+const cJSON* list_of(const cJSON* object, const char* name) {
+    const cJSON* const list = member(object, name);
+    const int count = cJSON_IsArray(list) ? cJSON_GetArraySize(list) : 0;
+    if (count < 1 || count > static_cast<int>(kMaxTracksACommand)) {
+        throw Wrong{std::string(name) + " is not a list of 1 to 500"};
+    }
+    return list;
+}
+
+NamedTrack track_of(const cJSON* object) {
+    if (!cJSON_IsObject(object)) {
+        throw Wrong{"a track is not an object"};
+    }
+    NamedTrack track{
+        text_of(object, "url", kMaxUrlBytes),     text_of(object, "title", kMaxTextBytes),
+        text_of(object, "artist", kMaxTextBytes), text_of(object, "album", kMaxTextBytes),
+        text_of(object, "cover", kMaxTextBytes),  0};
+    if (track.url.empty()) {
+        throw Wrong{"a track has no url"};
+    }
+    if (member(object, "duration_ms") != nullptr) {
+        track.duration_ms = required_integer(object, "duration_ms");
+    }
+    return track;
+}
+
+// Each reads one argument of a command.
+using ReadArgument = void (*)(const cJSON* message, RemoteCommand& command);
+
+template <const char* name>
+void read_number(const cJSON* message, RemoteCommand& command) {
+    command.number = required_integer(message, name);
+}
+
+template <const char* name>
+void read_flag(const cJSON* message, RemoteCommand& command) {
+    command.flag = required_flag(message, name);
+}
+
+void read_volume(const cJSON* message, RemoteCommand& command) {
+    command.number = required_integer(message, "volume", 100);
+}
+
+void read_loop(const cJSON* message, RemoteCommand& command) {
+    const std::string text = text_of(message, "loop", kMaxTextBytes);
+    const auto* const known = std::find(std::begin(kLoopTexts), std::end(kLoopTexts), text);
+    if (known == std::end(kLoopTexts)) {
+        throw Wrong{"loop is not off, one or all"};
+    }
+    command.loop_mode = static_cast<nuv_loop_mode>(known - std::begin(kLoopTexts));
+}
+
+void read_tracks(const cJSON* message, RemoteCommand& command) {
+    const cJSON* track = nullptr;
+    cJSON_ArrayForEach(track, list_of(message, "tracks")) {
+        command.tracks.push_back(track_of(track));
+    }
+}
+
+void read_start(const cJSON* message, RemoteCommand& command) {
+    if (member(message, "start") != nullptr) {
+        command.number = required_integer(message, "start");
+    }
+    if (command.number >= command.tracks.size()) {
+        throw Wrong{"start is not one of the tracks"};
+    }
+}
+
+void read_items(const cJSON* message, RemoteCommand& command) {
+    const cJSON* value = nullptr;
+    cJSON_ArrayForEach(value, list_of(message, "items")) {
+        const std::optional<uint64_t> item = integer_of(value);
+        if (!item) {
+            throw Wrong{"items holds something else than items"};
+        }
+        command.items.push_back(*item);
+    }
+    std::vector<uint64_t> sorted = command.items;
+    std::sort(sorted.begin(), sorted.end());
+    if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) {
+        throw Wrong{"items holds one of them twice"};
+    }
+}
+
+void read_before(const cJSON* message, RemoteCommand& command) {
+    const cJSON* const value = member(message, "before");
+    if (value != nullptr && !cJSON_IsNull(value)) {
+        command.before = required_integer(message, "before");
+    }
+}
+
+constexpr char kPosition[] = "position_ms";
+constexpr char kItem[] = "item";
+constexpr char kFirst[] = "first";
+constexpr char kMuted[] = "muted";
+constexpr char kShuffle[] = "shuffle";
+
+struct CommandRow {
+    const char* name;
+    RemoteVerb verb;
+    ReadArgument arguments[2] = {};  // null: none
+};
+
+constexpr CommandRow kCommands[] = {
+    {"play", RemoteVerb::play},
+    {"pause", RemoteVerb::pause},
+    {"stop", RemoteVerb::stop},
+    {"next", RemoteVerb::next},
+    {"previous", RemoteVerb::previous},
+    {"seek", RemoteVerb::seek, {read_number<kPosition>}},
+    {"volume", RemoteVerb::volume, {read_volume}},
+    {"mute", RemoteVerb::mute, {read_flag<kMuted>}},
+    {"shuffle", RemoteVerb::shuffle, {read_flag<kShuffle>}},
+    {"loop", RemoteVerb::loop, {read_loop}},
+    {"queue_replace", RemoteVerb::queue_replace, {read_tracks, read_start}},
+    {"queue_insert", RemoteVerb::queue_insert, {read_tracks, read_before}},
+    {"queue_remove", RemoteVerb::queue_remove, {read_items}},
+    {"queue_move", RemoteVerb::queue_move, {read_items, read_before}},
+    {"queue_jump", RemoteVerb::queue_jump, {read_number<kItem>}},
+    {"queue_read", RemoteVerb::queue_read, {read_number<kFirst>}},
+    {"leave", RemoteVerb::leave},
+};
+
+// "\u0000" would cut a text short; nothing that means well has it.
+bool has_nul(std::string_view text) {
+    if (text.find('\0') != std::string_view::npos) {
+        return true;
+    }
+    for (size_t i = 0; i + 1 < text.size(); ++i) {
+        if (text[i] == '\\' && text.substr(i + 1).starts_with("u0000")) {
+            return true;
+        }
+        i += text[i] == '\\' ? 1 : 0;
+    }
+    return false;
+}
+
+}  // namespace
+
+std::variant<RemoteCommand, Refusal> read_command(std::string_view text) {
+    const Json message(has_nul(text) || !nuvio::is_utf8(text)
+                           ? nullptr
+                           : cJSON_ParseWithLength(text.data(), text.size()));
+    if (!cJSON_IsObject(message.get())) {
+        return Refusal{"bad_message", "not a JSON object"};
+    }
+    RemoteCommand command;
+    try {
+        if (text_of(message.get(), "type", kMaxTextBytes) != "command") {
+            throw Wrong{"type is not command"};
+        }
+        command.id = text_of(message.get(), "id", kMaxCommandIdBytes);
+        if (command.id.empty()) {
+            throw Wrong{"id is missing"};
+        }
+        const std::string name = text_of(message.get(), "command", kMaxTextBytes);
+        const auto* const row =
+            std::find_if(std::begin(kCommands), std::end(kCommands),
+                         [&](const CommandRow& known) { return name == known.name; });
+        if (row == std::end(kCommands)) {
+            return Refusal{"unknown_command", "no such command", command.id};
+        }
+        command.verb = row->verb;
+        for (const ReadArgument read : row->arguments) {
+            if (read != nullptr) {
+                read(message.get(), command);
+            }
+        }
+    } catch (const Wrong& wrong) {
+        return Refusal{"bad_message", wrong.what, command.id};
+    }
+    return command;
+}
+
+}  // namespace local_core
