@@ -17,7 +17,8 @@ import time
 
 from lab import (Aplay, Device, Mpd, Window, cpu_ns, end, memory_kb, one_second, read_once, to_flac,
                  wait_for, write_wav)
-import raw_websocket  # noqa: I001  lab has told where it is
+from web_server import WebServer
+import raw_websocket  # lab has told where it is
 
 # A ring buffer of one second, as sound cards have: a program without wishes gets periods of 125 ms,
 # which is what aplay asks for.
@@ -134,6 +135,32 @@ def playing(lab, music, rounds, seconds):
               4 * rss <= rss_mpd)
     underruns = sum(window.underruns for window in ours)
     yield Row("underruns in all of this", "0", str(underruns), underruns == 0)
+
+
+# s from one refill of a track's read-ahead (three quarters of 4 MiB) to the next, WAV 44.1/16.
+REFILL_TURN = 0.75 * 4 * 1024 * 1024 / (44100 * 4)
+
+
+def network(lab, music, rounds):
+    """A track over HTTP against the same one from the disk, over one burst of the network each."""
+    server = WebServer(str(lab.new_folder("web")), root=str(lab.folder))
+    lab.stack.callback(server.kill)
+    path = music.wav[CD]
+    windows = {path: [], f"{server.url}/{path.name}": []}
+    for _ in range(rounds):
+        for content, measured in windows.items():
+            measured.append(play_once(lab, Device, content, CARD, REFILL_TURN))
+    disk, web = windows.values()
+    from_disk, from_web = (median_of(measured, "cpu_ms") for measured in (disk, web))
+    yield Row(f"CPU per second of audio, WAV {label(*CD)} over HTTP", "<= 1.3 x the file's",
+              f"{from_web:.2f} ms, file {from_disk:.2f} ms: {from_web / from_disk:.2f} x",
+              from_web <= 1.3 * from_disk)
+    yield Row("wake-ups a second, playing over HTTP, all threads", "<= 12",
+              f"{median_of(web, 'wakeups'):.1f}", median_of(web, "wakeups") <= 12)
+    yield Row("private dirty memory, playing over HTTP", "<= the file's + 4 MiB + 1",
+              f"{median_of(web, 'dirty_kb') / 1024:.1f} MB, file "
+              f"{median_of(disk, 'dirty_kb') / 1024:.1f} MB",
+              median_of(web, "dirty_kb") <= median_of(disk, "dirty_kb") + 5 * 1024)
 
 
 def idle(lab, seconds):

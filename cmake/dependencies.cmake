@@ -7,10 +7,12 @@ pkg_check_modules(CJSON REQUIRED IMPORTED_TARGET libcjson)
 pkg_check_modules(ALSA REQUIRED IMPORTED_TARGET alsa)
 pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET sndfile)
 pkg_check_modules(CURL REQUIRED IMPORTED_TARGET libcurl>=7.87)
+pkg_check_modules(TAGLIB REQUIRED IMPORTED_TARGET taglib>=1.12)
 pkg_check_modules(EXPAT REQUIRED IMPORTED_TARGET expat)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3>=3.38)
-pkg_check_modules(TAGLIB REQUIRED IMPORTED_TARGET taglib>=1.12)
 pkg_check_modules(WEBSOCKETS REQUIRED IMPORTED_TARGET libwebsockets>=4.1)
+# Of a module that a device may leave out.
+pkg_check_modules(FFMPEG IMPORTED_TARGET libavformat libavcodec libavutil)
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)
 find_package(Threads REQUIRED)
 

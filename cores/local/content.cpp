@@ -30,9 +30,11 @@ constexpr int kMaxDepth = 16;
 constexpr size_t kMaxPlaylistBytes = size_t{4} << 20;
 
 constexpr std::string_view kPlaylistEndings[] = {".m3u", ".m3u8"};
-constexpr std::string_view kAudioEndings[] = {".wav", ".flac", ".ogg",  ".oga",  ".opus",
-                                              ".mp3", ".aif",  ".aiff", ".aifc", ".au",
-                                              ".w64", ".caf",  ".rf64"};
+constexpr std::string_view kAudioEndings[] = {".wav", ".flac", ".ogg", ".oga", ".opus", ".mp3",
+                                              ".aif", ".aiff", ".aifc", ".au", ".w64", ".caf",
+                                              ".rf64",
+                                              // With the module alone.
+                                              ".m4a", ".aac", ".wv", ".dsf", ".dff"};
 
 template <size_t N>
 bool ends_in(const fs::path& path, const std::string_view (&endings)[N]) {

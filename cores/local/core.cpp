@@ -25,8 +25,8 @@ HelloMessage describe(const nuv_connect_config& config, const std::string& uuid)
     device.uuid = uuid;
     device.manufacturer = config.manufacturer;
     device.model = config.model;
-    device.device_type = config.device_type;
-    device.quality = config.maximum_audio_quality;
+    device.device_type = nuv_device_type_to_string(config.device_type);
+    device.quality = nuv_audio_quality_to_string(config.maximum_audio_quality);
     device.sdk_version = nuv_connect_get_sdk_version();
     return device;
 }
@@ -123,6 +123,8 @@ void Core::pass() {
     tell_remote_control();
     if (more) {
         m_wakeup.run_each_pass();
+    } else if (const auto next_look = m_player.give_up_hanging()) {
+        m_wakeup.run_at(*next_look);
     }
 }
 
@@ -136,7 +138,7 @@ void Core::take_requests() {
         m_view_noted = true;
         switch (command.verb) {
             case Verb::edit:
-                m_remote.answer_edit(m_player.edit(std::move(*command.edit)));
+                m_remote.answer_edit(m_player.edit(*command.edit));
                 continue;
             case Verb::connect:
                 m_remote.begin(command.session->id(), command.remote);
@@ -200,12 +202,16 @@ bool Core::report_player() {
         renderer.active_state_changed != nullptr) {
         renderer.active_state_changed(m_handle, view.active, renderer.context);
     }
-    // The device asks for the texts whenever it is told of the state.
-    if (std::exchange(m_reported.state, view.state) != view.state || begun || retitled) {
+    if (std::exchange(m_reported.state, view.state) != view.state || begun) {
         media.playback_state_changed(m_handle, view.state, media.context);
     }
     if (std::exchange(m_reported.has_next, view.has_next) != view.has_next || begun) {
         media.playback_actions_availability_changed(m_handle, view.has_next, media.context);
+    }
+    if (retitled) {
+        // With the modes the device shows the track anew, whatever its title.
+        media.playback_controls_changed(m_handle, m_reported.loop_mode, m_reported.shuffle,
+                                        media.context);
     }
     return true;
 }

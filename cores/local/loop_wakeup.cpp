@@ -1,5 +1,7 @@
 #include "local/loop_wakeup.h"
 
+#include <algorithm>
+
 namespace local_core {
 
 LoopWakeup::LoopWakeup(uv_loop_t* loop, std::function<void()> callback)
@@ -11,6 +13,8 @@ LoopWakeup::LoopWakeup(uv_loop_t* loop, std::function<void()> callback)
     });
     m_idle = make_loop_handle<uv_idle_t>(
         this, [loop](uv_idle_t* handle) { return uv_idle_init(loop, handle); });
+    m_timer = make_loop_handle<uv_timer_t>(
+        this, [loop](uv_timer_t* handle) { return uv_timer_init(loop, handle); });
 }
 
 void LoopWakeup::wake() {
@@ -24,6 +28,14 @@ void LoopWakeup::run_each_pass() {
 
 void LoopWakeup::rest() {
     uv_idle_stop(m_idle.get());
+}
+
+void LoopWakeup::run_at(std::chrono::steady_clock::time_point time) {
+    using std::chrono::milliseconds;
+    const auto rest = std::chrono::ceil<milliseconds>(time - std::chrono::steady_clock::now());
+    uv_timer_start(
+        m_timer.get(), [](uv_timer_t* self) { static_cast<LoopWakeup*>(self->data)->m_callback(); },
+        static_cast<uint64_t>(std::max(rest, milliseconds(0)).count()), 0);
 }
 
 }  // namespace local_core

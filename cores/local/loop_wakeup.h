@@ -7,6 +7,7 @@
 
 #include <uv.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -48,11 +49,14 @@ class LoopWakeup {
     // call.
     void run_each_pass();
     void rest();
+    // The callback runs once more then; a later call replaces the time.
+    void run_at(std::chrono::steady_clock::time_point time);
 
   private:
     std::function<void()> m_callback;
     LoopHandle<uv_async_t> m_async;
     LoopHandle<uv_idle_t> m_idle;
+    LoopHandle<uv_timer_t> m_timer;
 };
 
 }  // namespace local_core

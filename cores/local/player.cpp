@@ -131,13 +131,13 @@ void Player::set_modes(nuv_loop_mode loop_mode, bool shuffle) {
     }
 }
 
-nuv_error Player::edit(QueueEdit edit) {
+nuv_error Player::edit(QueueEdit& edit) {
     if (!m_session) {
         return NUV_ERROR_NOT_CONNECTED;
     }
     const size_t before = m_session->current();
     const bool jumps = edit.kind == QueueEdit::Kind::jump;
-    const nuv_error error = m_session->edit(std::move(edit));
+    const nuv_error error = m_session->edit(edit);
     if (error == NUV_ERROR_OK && (jumps || m_session->current() != before)) {
         m_gives_session_up = false;
         m_goes_backwards = false;
@@ -214,7 +214,7 @@ void Player::consider_failure(const Stream& stream) {
         m_logger->write(LogLevel::warning, kCloudClient, "Session %s ends: %s",
                         display_text(m_session->id()).c_str(),
                         failure == HttpFailure::refused ? "its token is not accepted any more"
-                                                        : "its server is gone");
+                                                        : "its server or disk is gone");
     }
 }
 

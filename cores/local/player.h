@@ -11,6 +11,7 @@
 // the position), never from the notifications.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -23,6 +24,7 @@
 #include "local/control.h"
 #include "local/logger.h"
 #include "local/playback_state.h"
+#include "local/remote_settings.h"
 #include "local/session.h"
 #include "local/stream_queue.h"
 #include "sdk/nuvio_connect.h"
@@ -61,10 +63,15 @@ class Player {
     // Offers each stream's data once; true when there may be more.
     bool deliver();
 
+    // Passes over what does not answer; when to call it again, none where nothing is waited for.
+    std::optional<std::chrono::steady_clock::time_point> give_up_hanging() {
+        return m_streams.give_up_hanging(remote_request_defaults().give_up_after);
+    }
+
     PlayerView view() const;
     // Null without one.
     const Session* session() const { return m_session.get(); }
-    nuv_error edit(QueueEdit edit);
+    nuv_error edit(QueueEdit& edit);
     // None while nothing of the session is heard.
     std::optional<HeardTrack> heard() const;
     // In the track that is heard; 0 without one. Calls a delegate.

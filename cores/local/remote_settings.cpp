@@ -19,10 +19,11 @@ unsigned number_from(const char* variable, unsigned lowest, unsigned highest, un
 }  // namespace
 
 const HttpRequest& remote_request_defaults() {
-    static const HttpRequest defaults = [] {
+    // Never destroyed: a thread that hangs may outlive the process's end of the rest.
+    static const auto* const defaults = new HttpRequest([] {
         HttpRequest request;
         request.read_ahead_bytes =
-            size_t{number_from("NUVIO_READ_AHEAD_KIB", 128, 65536, 4096)} * 1024;
+            size_t{number_from("NUVIO_READ_AHEAD_KIB", 128, 16384, 4096)} * 1024;
         request.give_up_after =
             std::chrono::seconds(number_from("NUVIO_NETWORK_PATIENCE_S", 1, 3600, 60));
         request.stalled_after =
@@ -31,8 +32,8 @@ const HttpRequest& remote_request_defaults() {
         const char* const authorities = std::getenv("NUVIO_NETWORK_AUTHORITIES");
         request.authorities = authorities != nullptr ? authorities : "";
         return request;
-    }();
-    return defaults;
+    }());
+    return *defaults;
 }
 
 }  // namespace local_core

@@ -31,11 +31,24 @@ Session::Session(std::string id, std::vector<Track> tracks, nuv_loop_mode loop_m
 
 // ---- Entries ----------------------------------------------------------------------------------
 
-const Session::Entry* Session::find(size_t number) const {
+namespace {
+
+template <typename Entries>
+auto* find_in(Entries& entries, size_t number) {
     const auto place =
-        std::lower_bound(m_entries.begin(), m_entries.end(), number,
-                         [](const Entry& entry, size_t wanted) { return entry.number < wanted; });
-    return place != m_entries.end() && place->number == number ? &*place : nullptr;
+        std::lower_bound(entries.begin(), entries.end(), number,
+                         [](const auto& entry, size_t wanted) { return entry.number < wanted; });
+    return place != entries.end() && place->number == number ? &*place : nullptr;
+}
+
+}  // namespace
+
+const Session::Entry* Session::find(size_t number) const {
+    return find_in(m_entries, number);
+}
+
+Session::Entry* Session::find(size_t number) {
+    return find_in(m_entries, number);
 }
 
 const Track& Session::track(size_t number) const {
@@ -47,7 +60,6 @@ const Track& Session::track(size_t number) const {
 std::vector<size_t> Session::take_in(std::vector<Track> tracks) {
     std::vector<size_t> numbers(tracks.size());
     std::iota(numbers.begin(), numbers.end(), m_next_number);
-    m_entries.reserve(m_entries.size() + tracks.size());
     for (Track& track : tracks) {
         m_entries.push_back({m_next_number++, std::move(track)});
     }
@@ -72,8 +84,8 @@ void Session::rewind() {
 }
 
 void Session::mark_unplayable(size_t number) {
-    if (const Entry* const entry = find(number)) {
-        m_entries[static_cast<size_t>(entry - m_entries.data())].unplayable = true;
+    if (Entry* const entry = find(number)) {
+        entry->unplayable = true;
         look_around();
     }
 }
@@ -121,7 +133,7 @@ std::optional<size_t> Session::search(bool forward) const {
 
 // ---- Changes of the list ----------------------------------------------------------------------
 
-nuv_error Session::edit(QueueEdit edit) {
+nuv_error Session::edit(QueueEdit& edit) {
     static constexpr void (Session::*kChanges[])(QueueEdit & edit) = {
         &Session::replace, &Session::insert, &Session::remove, &Session::move, &Session::jump};
     const nuv_error error = check(edit);
@@ -212,9 +224,8 @@ void Session::move(QueueEdit& edit) {
 }
 
 void Session::jump(QueueEdit& edit) {
-    const Entry* const entry = find(edit.items.front());
-    m_entries[static_cast<size_t>(entry - m_entries.data())].unplayable = false;  // once more
-    move_to(entry->number);
+    find(edit.items.front())->unplayable = false;  // once more
+    move_to(edit.items.front());
 }
 
 void Session::put_into_list(const std::vector<size_t>& numbers, std::optional<size_t> before) {

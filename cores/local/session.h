@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <random>
@@ -64,8 +65,8 @@ class Session {
     // play at their place in the list; shuffled, behind the current one, by chance or in front of
     // the one named. On an error nothing has changed: NUV_ERROR_NOT_FOUND for an unknown number,
     // NUV_ERROR_INVALID_STATE where no track would be left, NUV_ERROR_INVALID_ARGUMENT where there
-    // would be more than the bounds above.
-    nuv_error edit(QueueEdit edit);
+    // would be more than the bounds above. The tracks of `edit` are taken.
+    nuv_error edit(QueueEdit& edit);
 
   private:
     struct Entry {
@@ -82,6 +83,7 @@ class Session {
     void jump(QueueEdit& edit);
 
     const Entry* find(size_t number) const;
+    Entry* find(size_t number);
     std::vector<size_t> take_in(std::vector<Track> tracks);
     void put_into_list(const std::vector<size_t>& numbers, std::optional<size_t> before);
     void lay_order();
@@ -90,7 +92,7 @@ class Session {
 
     std::string m_id;
     std::shared_ptr<const HttpRequest> m_remote;
-    std::vector<Entry> m_entries;  // by number
+    std::deque<Entry> m_entries;  // by number; long lists grow without being copied
     size_t m_next_number = 0;
     std::vector<size_t> m_list;
     uint64_t m_revision = 0;

@@ -198,6 +198,25 @@ void StreamQueue::report_seeked(uint64_t position_ms) {
                              m_delegates.audio.context);
 }
 
+std::optional<std::chrono::steady_clock::time_point> StreamQueue::give_up_hanging(
+    std::chrono::steady_clock::duration patience) {
+    std::optional<std::chrono::steady_clock::time_point> next_look;
+    for (const StreamPtr* stream : {&m_current, &m_next}) {
+        const auto since = *stream ? (*stream)->m_pipe->waiting_since() : std::nullopt;
+        if (!since) {
+            continue;
+        }
+        const auto until = *since + patience;
+        if (until <= std::chrono::steady_clock::now()) {
+            (*stream)->m_pipe->give_up();
+            next_look = std::chrono::steady_clock::now();
+        } else {
+            next_look = std::min(next_look.value_or(until), until);
+        }
+    }
+    return next_look;
+}
+
 // The renderer takes the next stream's share of the output's buffer for the current one's: its
 // answer is too small by that, and 0 where that leaves nothing. The time since tells it then.
 uint64_t StreamQueue::heard_position_ms() const {

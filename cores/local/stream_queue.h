@@ -127,6 +127,11 @@ class StreamQueue {
     std::optional<uint64_t> seek_result();
     void report_seeked(uint64_t position_ms);
 
+    // Gives up the streams of this machine's files that the loop has been waiting for since
+    // `patience` ago; the time of the next look, none where nothing is waited for.
+    std::optional<std::chrono::steady_clock::time_point> give_up_hanging(
+        std::chrono::steady_clock::duration patience);
+
     // The place in the current track that is heard now.
     uint64_t heard_position_ms() const;
 

@@ -11,11 +11,7 @@
 #include <cstring>
 #include <utility>
 
-#include "common/released_by.h"
-#include "common/unique_fd.h"
 #include "common/utf8.h"
-#include "local/files.h"
-#include "local/network/remote_sound.h"
 
 namespace local_core {
 
@@ -24,7 +20,7 @@ namespace {
 static_assert(std::endian::native == std::endian::little, "PCM is delivered little-endian");
 
 // Keeps the arithmetic of positions far from overflow; also what an unknown length comes as.
-constexpr sf_count_t kMaxFrames = sf_count_t{1} << 48;
+constexpr uint64_t kMaxFrames = uint64_t{1} << 48;
 
 constexpr size_t kMaxTagBytes = 1024;
 
@@ -38,6 +34,37 @@ bool is_above(const nuv_audio_format& format, nuv_audio_quality quality) {
 std::string tag(SNDFILE* file, int which) {
     const char* text = sf_get_string(file, which);
     return text != nullptr ? std::string(nuvio::beginning(text, kMaxTagBytes)) : "";
+}
+
+void set_format(uint32_t rate, uint32_t channels, bool is_deep, TrackInfo* info) {
+    info->format.sample_rate = rate;
+    info->format.channel_count = channels;
+    info->format.sample_format =
+        is_deep ? NUV_AUDIO_SAMPLE_FORMAT_24_BIT : NUV_AUDIO_SAMPLE_FORMAT_16_BIT;
+    info->frame_bytes = (is_deep ? sizeof(int32_t) : sizeof(int16_t)) * channels;
+}
+
+void describe_sndfile(SNDFILE* file, const SF_INFO& raw, bool is_deep, bool is_endless,
+                      TrackInfo* info) {
+    set_format(static_cast<uint32_t>(std::max(raw.samplerate, 0)),
+               static_cast<uint32_t>(std::max(raw.channels, 0)), is_deep, info);
+    info->is_endless = is_endless;
+    info->frame_count =
+        is_endless ? kMaxFrames : static_cast<uint64_t>(std::max<sf_count_t>(raw.frames, 0));
+    info->seekable = raw.seekable != 0;
+    info->title = tag(file, SF_STR_TITLE);
+    info->artist = tag(file, SF_STR_ARTIST);
+    info->album = tag(file, SF_STR_ALBUM);
+}
+
+void describe_foreign(const ForeignInfo& foreign, TrackInfo* info) {
+    set_format(foreign.sample_rate, foreign.channels, foreign.is_deep, info);
+    info->is_endless = !foreign.frames;
+    info->frame_count = foreign.frames.value_or(kMaxFrames);
+    info->seekable = foreign.seekable && foreign.frames;
+    info->title = foreign.title;
+    info->artist = foreign.artist;
+    info->album = foreign.album;
 }
 
 // The nearest integer of `bits` bits; silence for what is no number.
@@ -130,49 +157,7 @@ uint64_t TrackInfo::frame_at(uint64_t position_ms) const {
     return std::min(limited * format.sample_rate / 1000, frame_count);
 }
 
-// Where libsndfile reads: a file of this machine, or a remote source.
-struct TrackDecoder::Input {
-    std::unique_ptr<SNDFILE, nuvio::ReleasedBy<sf_close>> local;
-    std::optional<HttpSource> source;
-    std::optional<Interruption::Watch> watch;
-    std::unique_ptr<RemoteSound> remote;
-
-    SNDFILE* file() const { return remote ? remote->file() : local.get(); }
-
-    bool open(const Track& track, Interruption& interruption, SF_INFO* info, OpenFailure* failure) {
-        return track.remote ? open_remote(track, interruption, info, failure)
-                            : open_local(track, info, failure);
-    }
-
-  private:
-    bool open_local(const Track& track, SF_INFO* info, OpenFailure* failure) {
-        nuvio::UniqueFd descriptor = open_regular_file(track.location, &failure->reason);
-        if (!descriptor) {
-            return false;
-        }
-        // libsndfile closes the descriptor, also when it refuses the file.
-        local.reset(sf_open_fd(descriptor.release(), SFM_READ, info, SF_TRUE));
-        if (!local) {
-            failure->reason = sf_strerror(nullptr);
-        }
-        return local != nullptr;
-    }
-
-    bool open_remote(const Track& track, Interruption& interruption, SF_INFO* info,
-                     OpenFailure* failure) {
-        source.emplace(track.request());
-        watch.emplace(interruption, *source);
-        remote = RemoteSound::open(*source, info);
-        if (!remote) {
-            failure->network = source->failure();
-            failure->reason =
-                failure->network != HttpFailure::none ? source->error() : sf_strerror(nullptr);
-        }
-        return remote != nullptr;
-    }
-};
-
-TrackDecoder::TrackDecoder(std::unique_ptr<Input> input, TrackInfo info, Conversion conversion)
+TrackDecoder::TrackDecoder(std::unique_ptr<TrackInput> input, TrackInfo info, Conversion conversion)
     : m_input(std::move(input)), m_info(std::move(info)), m_conversion(conversion) {}
 
 TrackDecoder::~TrackDecoder() = default;
@@ -207,29 +192,28 @@ TrackDecoder::Conversion TrackDecoder::conversion_of(SNDFILE* file, int sndfile_
     return Conversion::none_16;
 }
 
+bool TrackDecoder::is_deep(Conversion conversion) {
+    return conversion == Conversion::unpack_24 || conversion == Conversion::upper_24 ||
+           conversion == Conversion::float_to_24;
+}
+
 std::unique_ptr<TrackDecoder> TrackDecoder::open(const Track& track, nuv_audio_quality highest,
                                                  Interruption& interruption, OpenFailure* failure) {
-    auto input = std::make_unique<Input>();
     SF_INFO raw{};
-    if (!input->open(track, interruption, &raw, failure)) {
+    auto input = TrackInput::open(track, interruption, &raw, failure);
+    if (!input) {
         return nullptr;
     }
-    SNDFILE* const file = input->file();
-    const Conversion conversion = conversion_of(file, raw.format);
-    const bool deep = conversion == Conversion::unpack_24 || conversion == Conversion::upper_24 ||
-                      conversion == Conversion::float_to_24;
     TrackInfo info{};
-    info.format.sample_rate = static_cast<uint32_t>(raw.samplerate);
-    info.format.channel_count = static_cast<uint32_t>(raw.channels);
-    info.format.sample_format =
-        deep ? NUV_AUDIO_SAMPLE_FORMAT_24_BIT : NUV_AUDIO_SAMPLE_FORMAT_16_BIT;
-    info.frame_bytes = (deep ? sizeof(int32_t) : sizeof(int16_t)) * info.format.channel_count;
-    info.is_endless = input->remote && input->remote->is_endless();
-    const sf_count_t frames = info.is_endless ? kMaxFrames : raw.frames;
-    info.frame_count = static_cast<uint64_t>(frames);
-    info.seekable = raw.seekable != 0;
-    if (raw.samplerate <= 0 || raw.channels <= 0 || frames <= 0 || frames > kMaxFrames ||
-        info.frame_bytes > kMaxFrameBytes) {
+    Conversion conversion = Conversion::none_16;
+    if (input->foreign() != nullptr) {
+        describe_foreign(input->foreign()->info(), &info);
+    } else {
+        conversion = conversion_of(input->file(), raw.format);
+        describe_sndfile(input->file(), raw, is_deep(conversion), input->is_endless(), &info);
+    }
+    if (info.format.sample_rate == 0 || info.format.channel_count == 0 || info.frame_count == 0 ||
+        info.frame_count > kMaxFrames || info.frame_bytes > kMaxFrameBytes) {
         failure->reason = "nothing to play, or of unknown length";
         return nullptr;
     }
@@ -237,12 +221,9 @@ std::unique_ptr<TrackDecoder> TrackDecoder::open(const Track& track, nuv_audio_q
         failure->reason = "above the quality that the output takes";
         return nullptr;
     }
-    info.title = tag(file, SF_STR_TITLE);
-    info.artist = tag(file, SF_STR_ARTIST);
-    info.album = tag(file, SF_STR_ALBUM);
-    if (input->source) {
-        info.station = nuvio::beginning(input->source->open()->station, kMaxTagBytes);
-        info.live_title = input->source->title();
+    if (HttpSource* const source = input->source()) {
+        info.station = nuvio::beginning(source->open()->station, kMaxTagBytes);
+        info.live_title = source->title();
     }
     return std::unique_ptr<TrackDecoder>(
         new TrackDecoder(std::move(input), std::move(info), conversion));
@@ -273,6 +254,10 @@ size_t TrackDecoder::read_frames(void* block, size_t capacity_bytes) {
 }
 
 size_t TrackDecoder::read(void* block, size_t capacity_bytes) {
+    if (m_input->foreign() != nullptr) {
+        return m_input->foreign()->read(block, capacity_bytes / m_info.frame_bytes) *
+               m_info.frame_bytes;
+    }
     const size_t frames = read_frames(block, capacity_bytes);
     const size_t samples = frames * m_info.format.channel_count;
     if (m_conversion == Conversion::upper_24) {
@@ -287,24 +272,29 @@ size_t TrackDecoder::read(void* block, size_t capacity_bytes) {
 }
 
 std::optional<uint64_t> TrackDecoder::seek(uint64_t frame) {
+    if (m_input->foreign() != nullptr) {
+        return m_input->foreign()->seek(frame) ? std::optional(frame) : std::nullopt;
+    }
     const sf_count_t reached = sf_seek(m_input->file(), static_cast<sf_count_t>(frame), SEEK_SET);
     return reached < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(reached));
 }
 
 std::string TrackDecoder::live_title() const {
-    return m_input->source ? m_input->source->title() : "";
+    HttpSource* const source = m_input->source();
+    return source != nullptr ? source->title() : "";
 }
 
 HttpFailure TrackDecoder::failure() const {
-    return m_input->source ? m_input->source->failure() : HttpFailure::none;
+    HttpSource* const source = m_input->source();
+    return source != nullptr ? source->failure() : HttpFailure::none;
 }
 
 std::string TrackDecoder::last_error() const {
     if (failure() != HttpFailure::none) {
-        return m_input->source->error();
+        return m_input->source()->error();
     }
     SNDFILE* const file = m_input->file();
-    return sf_error(file) == SF_ERR_NO_ERROR ? "" : sf_strerror(file);
+    return file == nullptr || sf_error(file) == SF_ERR_NO_ERROR ? "" : sf_strerror(file);
 }
 
 }  // namespace local_core

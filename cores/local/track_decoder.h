@@ -18,10 +18,8 @@
 #include "local/content.h"
 #include "local/network/http_failure.h"
 #include "local/network/interruption.h"
+#include "local/track_input.h"
 #include "sdk/nuvio_connect.h"
-
-// libsndfile's handle; its header stays inside the implementation.
-struct sf_private_tag;
 
 namespace local_core {
 
@@ -44,12 +42,6 @@ struct TrackInfo {
     uint64_t position_ms(uint64_t frame) const { return frame * 1000 / format.sample_rate; }
     // Truncated, and never beyond the end.
     uint64_t frame_at(uint64_t position_ms) const;
-};
-
-// Why a track can't be opened.
-struct OpenFailure {
-    std::string reason;
-    HttpFailure network = HttpFailure::none;  // none: it is the file itself
 };
 
 class TrackDecoder {
@@ -81,16 +73,15 @@ class TrackDecoder {
     std::string last_error() const;
 
   private:
-    struct Input;
-
     // How samples are read and turned into the delivered format.
     enum class Conversion { none_16, unpack_24, upper_24, float_to_24, float_to_16 };
 
-    TrackDecoder(std::unique_ptr<Input> input, TrackInfo info, Conversion conversion);
+    TrackDecoder(std::unique_ptr<TrackInput> input, TrackInfo info, Conversion conversion);
+    static bool is_deep(Conversion conversion);
     static Conversion conversion_of(sf_private_tag* file, int sndfile_format);
     size_t read_frames(void* block, size_t capacity_bytes);
 
-    const std::unique_ptr<Input> m_input;
+    const std::unique_ptr<TrackInput> m_input;
     TrackInfo m_info;
     Conversion m_conversion;
 };

@@ -14,7 +14,10 @@
 #include <vector>
 
 #include "common/signals_blocked.h"
+#include "local/cover.h"
+#include "local/files.h"
 #include "local/network/interruption.h"
+#include "local/network/url.h"
 #include "local/texts/display_text.h"
 
 namespace local_core {
@@ -24,8 +27,10 @@ namespace {
 constexpr uint64_t kAheadMs = 5000;    // how far a pipe gets ahead of its reader
 constexpr uint64_t kMaxBlockMs = 500;  // a block of a slow format is not filled
 constexpr uint64_t kMaxBlocksAhead = 28;
-constexpr size_t kBlocksInHand = 2;  // the decoder's and the reader's
-constexpr size_t kMaxNewTexts = 16;  // that wait for their block
+constexpr size_t kBlocksInHand = 2;                   // the decoder's and the reader's
+constexpr size_t kMaxNewTexts = 16;                   // that wait for their block
+constexpr std::chrono::milliseconds kCoverLook{200};  // while one is fetched
+constexpr std::chrono::seconds kCoverPatience{20};
 
 uint64_t bytes_of_ms(const TrackInfo& info, uint64_t ms) {
     return std::max<uint64_t>(info.format.sample_rate * ms / 1000, 1) * info.frame_bytes;
@@ -63,6 +68,8 @@ struct DecodeCrew::Shared {
 // Belongs to the pipe and to its thread; the last of them frees it.
 class TrackPipe::Work {
   public:
+    using Clock = std::chrono::steady_clock;
+
     Work(Track track, std::shared_ptr<DecodeCrew::Shared> crew)
         : m_track(std::move(track)), m_crew(std::move(crew)) {}
 
@@ -72,16 +79,24 @@ class TrackPipe::Work {
         open();
         std::unique_lock lock(m_mutex);
         while (!m_is_closed && m_opening == Opening::ready) {
-            if (m_seek_target) {
+            if (m_is_given_up) {
+                m_work.wait(lock);
+            } else if (m_seek_target) {
                 position(lock);
             } else if (wants_blocks() && !m_free_blocks.empty()) {
                 decode_block(lock);
+            } else if (m_cover_source) {
+                m_work.wait_for(lock, kCoverLook);
+                take_remote_cover(lock);
             } else {
                 m_work.wait(lock);
             }
         }
         lock.unlock();
-        m_decoder.reset();  // here, not on the loop's thread: it may have to wait
+        // Here, not on the loop's thread: these may have to wait.
+        m_decoder.reset();
+        m_cover_source.reset();
+        m_cover.reset();
     }
 
     void fail(std::string error) {
@@ -119,7 +134,9 @@ class TrackPipe::Work {
         if (m_is_decoded_wholly) {
             return Taken::end;
         }
-        m_reader_waits = true;
+        if (!std::exchange(m_reader_waits, true)) {
+            m_waiting_since = Clock::now();
+        }
         wake_if_wanted();
         return Taken::wait;
     }
@@ -146,8 +163,12 @@ class TrackPipe::Work {
             drop_blocks();
             m_seek_target = frame;
             m_seek_result.reset();
-            m_is_decoded_wholly = false;
+            m_is_decoded_wholly = m_is_given_up;
             ++m_seek_count;
+            m_waiting_since = Clock::now();
+            if (m_is_given_up) {
+                m_seek_result = m_decoder->info().frame_count;
+            }
         }
         m_work.notify_one();
     }
@@ -155,6 +176,31 @@ class TrackPipe::Work {
     std::optional<uint64_t> seek_result() const {
         const std::lock_guard lock(m_mutex);
         return m_seek_result;
+    }
+
+    std::optional<Clock::time_point> waiting_since() const {
+        const std::lock_guard lock(m_mutex);
+        const bool waits = m_opening == Opening::in_progress || m_reader_waits ||
+                           (m_seek_count > 0 && !m_seek_result);
+        return waits && !m_track.remote && !m_is_given_up ? std::optional(m_waiting_since)
+                                                          : std::nullopt;
+    }
+
+    void give_up() {
+        const std::lock_guard lock(m_mutex);
+        m_is_given_up = true;
+        m_failure = {"its disk does not answer", HttpFailure::unreachable};
+        if (m_opening == Opening::in_progress) {
+            m_opening = Opening::failed;
+            return;
+        }
+        drop_blocks();
+        m_is_decoded_wholly = true;
+        if (!m_seek_result) {
+            m_seek_result = m_decoder->info().frame_count;
+        }
+        m_crew->logger->write(LogLevel::warning, kAudioDecoder, "%s ends early: %s", name().c_str(),
+                              m_failure.reason.c_str());
     }
 
     void close() {
@@ -194,9 +240,14 @@ class TrackPipe::Work {
         if (m_decoder) {
             m_texts = describe_track(m_track, m_decoder->info());
             m_title = m_decoder->live_title();
+            provide_cover();
+            m_latest_texts = m_texts;
         }
         {
             const std::lock_guard lock(m_mutex);
+            if (m_is_given_up) {
+                return;
+            }
             m_failure = std::move(failure);
             if (m_decoder) {
                 provide_blocks();
@@ -204,6 +255,47 @@ class TrackPipe::Work {
             m_opening = m_decoder ? Opening::ready : Opening::failed;
         }
         m_crew->tell_news();
+    }
+
+    // A cover inside the file becomes a file of its own; one that only the session's token opens is
+    // fetched, others by whoever shows them.
+    void provide_cover() {
+        if (!m_track.remote && m_texts.album_art_url.empty()) {
+            std::string error;
+            nuvio::UniqueFd file = open_regular_file(m_track.location, &error);
+            keep_cover(file ? embedded_cover(std::move(file)) : std::nullopt);
+            m_texts.album_art_url = m_cover ? m_cover->url() : "";
+        } else if (m_track.remote && !m_track.remote->token.empty() &&
+                   same_origin(m_texts.album_art_url, m_track.remote->token_origin)) {
+            HttpRequest request = m_track.request();
+            request.url = std::exchange(m_texts.album_art_url, "");
+            request.read_ahead_bytes = kMaxCoverBytes;
+            request.give_up_after = kCoverPatience;
+            m_cover_source = std::make_unique<HttpSource>(std::move(request));
+            m_cover_until = std::chrono::steady_clock::now() + kCoverPatience;
+        }
+    }
+
+    void keep_cover(const std::optional<CoverImage>& image) {
+        m_cover = image ? KeptCover::keep(*image) : nullptr;
+    }
+
+    void take_remote_cover(std::unique_lock<std::mutex>& lock) {
+        const bool is_there = m_cover_source->is_settled();
+        if (!is_there && std::chrono::steady_clock::now() < m_cover_until) {
+            return;
+        }
+        lock.unlock();
+        CoverImage image;
+        image.bytes.resize(is_there ? kMaxCoverBytes : 0);
+        image.bytes.resize(m_cover_source->read(image.bytes.data(), image.bytes.size()));
+        m_cover_source.reset();
+        keep_cover(image);
+        m_latest_texts.album_art_url = m_cover ? m_cover->url() : "";
+        lock.lock();
+        if (m_cover) {
+            m_new_texts.emplace_back(m_taken_count, m_latest_texts);
+        }
     }
 
     // How many bytes go into a block, and how many blocks get the pipe kAheadMs ahead.
@@ -252,8 +344,8 @@ class TrackPipe::Work {
                                   m_decoder->last_error().c_str());
         }
         lock.lock();
-        if (m_seek_target) {
-            return;  // overtaken by a newer one
+        if (m_seek_target || m_is_given_up) {
+            return;  // overtaken by a newer one, or nobody waits any more
         }
         m_decoded_frames = reached.value_or(end);
         m_is_decoded_wholly = !reached;
@@ -274,7 +366,7 @@ class TrackPipe::Work {
         const bool is_at_end = block.size_bytes == 0 || decoded >= info.frame_count;
         std::optional<TrackTexts> new_texts = texts_of_new_title();
         lock.lock();
-        if (m_is_closed) {
+        if (m_is_closed || m_is_given_up) {
             return;
         }
         if (block.size_bytes == 0 || m_seek_count != seek_count) {
@@ -293,7 +385,8 @@ class TrackPipe::Work {
         }
         const bool tells = std::exchange(m_reader_waits, false);
         lock.unlock();
-        if (is_at_end && decoded < info.frame_count) {
+        const bool has_failed = m_decoder->failure() != HttpFailure::none;
+        if (is_at_end && decoded < info.frame_count && (has_failed || !info.is_endless)) {
             log_early_end();
         }
         if (tells) {
@@ -308,9 +401,8 @@ class TrackPipe::Work {
             return std::nullopt;
         }
         m_title = title;
-        TrackTexts texts = m_texts;
-        texts.title = display_text(title);
-        return texts;
+        m_latest_texts.title = display_text(title);
+        return m_latest_texts;
     }
 
     void drop_blocks() {
@@ -335,7 +427,11 @@ class TrackPipe::Work {
     // The thread's alone; what the pointers lead to is constant once opening is over.
     std::unique_ptr<TrackDecoder> m_decoder;
     TrackTexts m_texts;
-    std::string m_title;  // of a radio, as known last
+    TrackTexts m_latest_texts;  // of what is decoded
+    std::string m_title;        // of a radio, as known last
+    std::shared_ptr<const KeptCover> m_cover;
+    std::unique_ptr<HttpSource> m_cover_source;  // as long as it is fetched
+    std::chrono::steady_clock::time_point m_cover_until;
     std::unique_ptr<std::byte[]> m_memory;
     size_t m_fill_bytes = 0;
     uint64_t m_decoded_frames = 0;  // the place in the file
@@ -352,7 +448,9 @@ class TrackPipe::Work {
     std::deque<std::pair<uint64_t, TrackTexts>> m_new_texts;
     bool m_is_filling = false;  // from nearly empty until as far ahead as it may
     bool m_reader_waits = false;
+    Clock::time_point m_waiting_since = Clock::now();  // of the last wait
     bool m_is_closed = false;
+    bool m_is_given_up = false;  // by the reader: the thread does nothing more
     std::optional<uint64_t> m_seek_target;
     std::optional<uint64_t> m_seek_result;
     uint64_t m_seek_count = 0;  // what was decoded before the last seek is stale
@@ -411,6 +509,14 @@ void TrackPipe::seek(uint64_t frame) {
 
 std::optional<uint64_t> TrackPipe::seek_result() const {
     return m_work->seek_result();
+}
+
+std::optional<std::chrono::steady_clock::time_point> TrackPipe::waiting_since() const {
+    return m_work->waiting_since();
+}
+
+void TrackPipe::give_up() {
+    m_work->give_up();
 }
 
 // ---- The crew -----------------------------------------------------------------------------------

@@ -72,6 +72,11 @@ class TrackPipe {
     // it is under way.
     std::optional<uint64_t> seek_result() const;
 
+    // Since when the loop has been waiting for the disk of a track of this machine.
+    std::optional<std::chrono::steady_clock::time_point> waiting_since() const;
+    // Waits no longer: it fails to open, or ends here. Its thread is left to itself.
+    void give_up();
+
   private:
     friend class DecodeCrew;
     class Work;

@@ -22,8 +22,7 @@ import time
 import unittest
 import wave
 
-sys.path[:0] = [str(pathlib.Path(__file__).parents[2] / "tools/run"),
-                str(pathlib.Path(__file__).parents[1])]
+sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "tools/run"))
 import own_device  # noqa: E402
 from web_server import WebServer  # noqa: E402, F401
 
@@ -221,6 +220,10 @@ class DeviceTest(unittest.TestCase):
 
     def wait_for_log(self, text, count=1):
         wait_for(f"log: {text}", lambda: self.log_count(text) >= count)
+
+    def is_sanitized(self):
+        maps = pathlib.Path(f"/proc/{self.daemon.pid}/maps").read_text()
+        return "libasan" in maps or "libtsan" in maps
 
     def position(self):
         return float(self.player("position") or 0)

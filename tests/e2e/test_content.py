@@ -1,7 +1,12 @@
 """Content from a network that fails: what the card played is compared with what the server has."""
 import contextlib
+import fcntl
 import http.server
 import itertools
+import json
+import pathlib
+import signal
+import subprocess
 import threading
 import time
 import unittest
@@ -138,7 +143,7 @@ class Content(DeviceTest):
         self.start()
         self.play(self.web(*(f"{n}.wav" for n in range(1, 6))) + "/slow/list.m3u")
         self.server.kill()
-        self.wait_for_log("its server is gone")
+        self.wait_for_log("its server or disk is gone")
         self.wait_for_end()
         self.assertTrue(len(self.played()) > CD and source.startswith(self.played()))
         self.assertEqual([self.log_count(f"Skipping {self.server.url}/slow/{n}.wav")
@@ -183,6 +188,55 @@ class Content(DeviceTest):
             self.player("stop")
             wait_for("end of the recordings", lambda: not self.open_recordings())
         self.assertTrue(len(self.played()) > 3 * CD and source.startswith(self.played()))
+
+    def test_covers_are_shown_whatever_keeps_them(self):
+        picture = b"\x89PNG\r\n\x1a\n" + bytes(range(256)) * 9
+        (self.music / "cover.png").write_bytes(picture)
+        (self.folder / "files").mkdir()
+        song = self.folder / "files/song.flac"
+        self.track("1.wav", 60)
+        subprocess.run(["flac", "-s", "-0", f"--picture=3|image/png||1x1x24|{self.music}/cover.png",
+                        "-o", song, self.music / "1.wav"], check=True)
+        url = self.web("1.wav")
+        elsewhere = f"http://localhost:{self.server.port}/cover.png"
+        for title, image in [("asked", f"{url}/asked/cover.png"), ("elsewhere", elsewhere)]:
+            (self.music / f"{title}.jspf").write_text(json.dumps({"playlist": {"track": [
+                {"location": "1.wav", "title": title, "creator": "Band", "image": image}]}}))
+        self.start()
+
+        def shown(title):
+            wait_for(f"title {title}", lambda: self.player("metadata", "title") == title)
+            return wait_for("cover", lambda: self.player("metadata", "mpris:artUrl"))
+
+        for content, title in [(song, "song"), (url + "/asked/asked.jspf", "asked")]:
+            self.connect(content)
+            art = shown(title)
+            self.assertTrue(art.startswith(f"file://{self.folder}/state/cover-"), art)
+            self.assertEqual(pathlib.Path(art[7:]).read_bytes(), picture)
+        self.assertEqual(self.player("metadata", "artist"), "Band")
+        self.connect(url + "/asked/elsewhere.jspf")
+        self.assertEqual(shown("elsewhere"), elsewhere)
+        wait_for("no cover is left", lambda: not list((self.folder / "state").glob("cover-*")))
+
+    def test_a_disk_that_hangs_silences_neither_the_next_session_nor_the_next_track(self):
+        first, third = self.track("1.wav", 1), self.track("3.wav", 2, CD)
+        self.track("2.wav", 1)
+        good = self.folder / "good.wav"
+        other = write_wav(good, signal_samples(3 * CD), CD)
+        # Whoever opens a file that another process has leased waits, as on a disk that hangs.
+        handler = signal.signal(signal.SIGIO, signal.SIG_IGN)
+        self.addCleanup(signal.signal, signal.SIGIO, handler)
+        with open(self.music / "2.wav", "r+b") as hung:
+            fcntl.fcntl(hung, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+            self.start()
+            self.play(self.music)
+            wait_for("the track that hangs", lambda: self.log_count("Nothing else to play"))
+            self.connect(good, session="second")
+            wait_for("sound", lambda: len(self.recordings()) == 2 and not self.open_recordings())
+            self.connect(self.music, session="third")
+            wait_for("sound", lambda: len(self.recordings()) == 4 and not self.open_recordings())
+            self.assertTrue([r.data for r in self.recordings()] == [first, other, first, third])
+            self.assertLess(self.stop()[1], 10, "the end waits for the disk")
 
 
 if __name__ == "__main__":

@@ -5,9 +5,11 @@ set -euo pipefail
 
 usage() {
     cat <<'TEXT'
-usage: ./dev run [--music PATH] [--device ALSA-PCM] [--mixer ELEMENT] [--port PORT] [--log]
+usage: ./dev run [--music PATH | --url URL] [--device ALSA-PCM] [--mixer ELEMENT] [--port PORT] [--log]
 
-  --music PATH       an audio file, a folder or an M3U playlist; without it three tracks are made
+  --music PATH       an audio file or a folder, served to the device over HTTP, or an M3U playlist
+                     that the device reads itself; without it three tracks are made and served
+  --url URL          an audio file, a playlist or a radio on the network
   --device ALSA-PCM  default: "default" where the machine has a sound card, else a simulated card
   --mixer ELEMENT    mixer element for the volume (Master)
   --port PORT        port of the device's HTTP server (8000)
@@ -18,10 +20,10 @@ TEXT
 build=$(realpath "$1")
 shift
 here=$(dirname "$(realpath "$0")")
-music='' device='' mixer=Master port=8000 show_log=''
+music='' url='' device='' mixer=Master port=8000 show_log=''
 while [ $# -gt 0 ]; do
     case "$1" in
-        --music | --device | --mixer | --port)
+        --music | --url | --device | --mixer | --port)
             [ $# -ge 2 ] || { usage >&2; exit 2; }
             declare "${1#--}=$2"
             shift 2
@@ -33,7 +35,7 @@ while [ $# -gt 0 ]; do
 done
 
 work=$(mktemp -d)
-daemon='' bus='' log_reader='' system_bus='' avahi=''
+daemon='' bus='' server='' log_reader='' system_bus='' avahi=''
 
 stop() { # pid: asks a process of ours to end and waits for it
     [ -n "$1" ] && kill "$1" 2>/dev/null && wait "$1" 2>/dev/null || true
@@ -41,6 +43,7 @@ stop() { # pid: asks a process of ours to end and waits for it
 
 clean_up() {
     stop "$daemon"
+    stop "$server"
     stop "$log_reader"
     stop "$bus"
     stop "$avahi"
@@ -148,10 +151,32 @@ CONF
     fail "the device does not answer on port $port"
 }
 
+# A controller's music lies on the network: so does what is played here.
+choose_content() {
+    [ -z "$url" ] || return 0
+    [ -n "$music" ] || { music="$work/music"; "$here/make_tracks.py" "$music"; }
+    [ -e "$music" ] || fail "no such file or folder: $music"
+    music=$(realpath "$music")
+    case "${music,,}" in
+        *.m3u | *.m3u8) url=$music; return ;;
+    esac
+    mkdir "$work/web"
+    "$here/web_server.py" "$work/web" "$music" >"$work/url" &
+    server=$!
+    for _ in $(seq 100); do
+        url=$(cat "$work/url")
+        [ -z "$url" ] || return 0
+        kill -0 "$server" 2>/dev/null || break
+        sleep 0.1
+    done
+    fail "the web server did not start"
+}
+
 hand_over_session() {
     local expiry body
     expiry=$(($(date +%s) + 86400))
-    body=$(python3 - "$music" "$expiry" <<'PY'
+    echo "run: handing over $url"
+    body=$(python3 - "$url" "$expiry" <<'PY'
 import json, sys
 content, expiry = sys.argv[1], int(sys.argv[2])
 print(json.dumps({
@@ -198,9 +223,7 @@ follow_session() {
 
 trap 'interrupted=1' INT
 interrupted=
-[ -n "$music" ] || { music="$work/music"; "$here/make_tracks.py" "$music"; }
-[ -e "$music" ] || fail "no such file or folder: $music"
-music=$(realpath "$music")
+choose_content
 choose_card
 start_bus
 start_discovery

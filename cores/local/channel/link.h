@@ -2,7 +2,8 @@
 //
 // Threads     a thread of its own does all that can wait: names, connecting, TLS, writing. Every
 //             public call belongs to the loop's thread and returns at once, but for wait_closed.
-//             `on_news` and `log` come from the link's thread, never after the destructor.
+//             `on_news` and `log` come from the link's thread; `on_news` never after the
+//             destructor.
 // Bounds      nothing grows, whatever the server sends or does not read: a message's bytes, the
 //             commands and answers that wait. What is above stays in the network's buffers.
 // Destruction ends the connection without a word where close() has not been called; does not wait.
@@ -30,6 +31,8 @@ struct LinkTarget {
     std::string path;  // with the query
     std::string token;
     uint64_t expiry_s = 0;  // since 1970; 0: none
+    // A file of authorities to trust in the place of the system's; empty: the system's.
+    std::string authorities;
 };
 
 // None for a URL that is not ws:// or wss:// with a host, and for a token that no header can hold.

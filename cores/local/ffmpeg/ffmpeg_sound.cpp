@@ -1,0 +1,322 @@
+// The module: AAC and ALAC in M4A, AAC streams, WavPack and DSD through FFmpeg's libraries.
+//
+// Its demuxers and decoders are named: whatever the bytes say, nothing opens a further file or URL.
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+#include <algorithm>
+#include <cmath>
+#include <cstring>
+
+#include "local/foreign_sound.h"
+
+namespace local_core {
+
+namespace {
+
+constexpr char kDemuxers[] = "mov,aac,wv,dsf,iff";
+constexpr char kDecoders[] = "aac,alac,wavpack,dsd_lsbf,dsd_msbf,dsd_lsbf_planar,dsd_msbf_planar";
+constexpr int kBufferBytes = 32768;
+constexpr uint32_t kMaxRate = 384000;
+constexpr int kMaxChannels = 32;
+constexpr int kShallowBits = 16;
+// A decoder of overlapping frames is right from the second one on.
+constexpr int64_t kRunUpFrames = 8192;
+
+template <auto release>
+struct ReleasedByAddress {
+    template <typename Handle>
+    void operator()(Handle* handle) const {
+        release(&handle);
+    }
+};
+struct IoFreer {
+    void operator()(AVIOContext* io) const {
+        av_freep(&io->buffer);
+        avio_context_free(&io);
+    }
+};
+using Io = std::unique_ptr<AVIOContext, IoFreer>;
+using Container = std::unique_ptr<AVFormatContext, ReleasedByAddress<avformat_close_input>>;
+using Decoder = std::unique_ptr<AVCodecContext, ReleasedByAddress<avcodec_free_context>>;
+using Packet = std::unique_ptr<AVPacket, ReleasedByAddress<av_packet_free>>;
+using Frame = std::unique_ptr<AVFrame, ReleasedByAddress<av_frame_free>>;
+
+int read_input(void* opaque, uint8_t* to, int size) {
+    const size_t got = static_cast<ForeignInput*>(opaque)->read(to, static_cast<size_t>(size));
+    return got > 0 ? static_cast<int>(got) : AVERROR_EOF;
+}
+
+int64_t seek_input(void* opaque, int64_t offset, int whence) {
+    auto& input = *static_cast<ForeignInput*>(opaque);
+    const auto length = input.length();
+    whence &= ~AVSEEK_FORCE;
+    if (whence == AVSEEK_SIZE) {
+        return length ? static_cast<int64_t>(*length) : AVERROR(ENOSYS);
+    }
+    if (whence == SEEK_CUR) {
+        offset += static_cast<int64_t>(input.position());
+    } else if (whence == SEEK_END) {
+        offset += static_cast<int64_t>(length.value_or(0));
+    }
+    return offset >= 0 && input.seek(static_cast<uint64_t>(offset)) ? offset : AVERROR(EIO);
+}
+
+std::string text_of(int error) {
+    char text[AV_ERROR_MAX_STRING_SIZE];
+    return av_strerror(error, text, sizeof text) == 0 ? text : "unreadable";
+}
+
+std::string tag(const AVFormatContext& container, const AVStream& stream, const char* name) {
+    const AVDictionaryEntry* entry = av_dict_get(container.metadata, name, nullptr, 0);
+    if (entry == nullptr) {
+        entry = av_dict_get(stream.metadata, name, nullptr, 0);
+    }
+    constexpr size_t kMaxTagBytes = 1024;
+    return entry != nullptr ? std::string(entry->value).substr(0, kMaxTagBytes) : "";
+}
+
+template <int bits>
+int32_t to_integer(double sample) {
+    constexpr double kScale = int32_t{1} << (bits - 1);
+    return std::isnan(sample)
+               ? 0
+               : static_cast<int32_t>(std::lrint(std::clamp(sample * kScale, -kScale, kScale - 1)));
+}
+
+// One sample of a frame as it is delivered. `Out` is int16_t, or int32_t for 24 bits.
+template <typename Out>
+Out sample_of(const AVFrame& frame, int channel, int index, int channels) {
+    const auto format = static_cast<AVSampleFormat>(frame.format);
+    const bool is_planar = av_sample_fmt_is_planar(format) != 0;
+    const uint8_t* const plane = frame.extended_data[is_planar ? channel : 0];
+    const size_t at = static_cast<size_t>(is_planar ? index : index * channels + channel);
+    const auto load = [&](auto value) {
+        std::memcpy(&value, plane + at * sizeof value, sizeof value);
+        return value;
+    };
+    constexpr bool kIsDeep = sizeof(Out) == sizeof(int32_t);
+    constexpr int kBits = kIsDeep ? 24 : 16;
+    switch (av_get_packed_sample_fmt(format)) {
+        case AV_SAMPLE_FMT_U8:
+            return static_cast<Out>((load(uint8_t{}) - 128) * (1 << (kBits - 8)));
+        case AV_SAMPLE_FMT_S16:
+            return static_cast<Out>(load(int16_t{}) * (1 << (kBits - 16)));
+        case AV_SAMPLE_FMT_S32:
+            return static_cast<Out>(load(int32_t{}) >> (32 - kBits));
+        case AV_SAMPLE_FMT_FLT:
+            return static_cast<Out>(to_integer<kBits>(static_cast<double>(load(float{}))));
+        case AV_SAMPLE_FMT_DBL:
+            return static_cast<Out>(to_integer<kBits>(load(double{})));
+        default:
+            return 0;
+    }
+}
+
+class FfmpegSound : public ForeignSound {
+  public:
+    explicit FfmpegSound(ForeignInput& input) : m_input(input) {}
+
+    // False with *error set.
+    bool open(std::string* error) {
+        const int result = open_container();
+        if (result < 0) {
+            *error = text_of(result);
+            return false;
+        }
+        const AVCodecContext& decoder = *m_decoder;
+        const AVStream& stream = *m_container->streams[m_stream];
+        const bool is_shallow =
+            decoder.codec_id == AV_CODEC_ID_AAC || decoder.sample_fmt == AV_SAMPLE_FMT_S16 ||
+            decoder.sample_fmt == AV_SAMPLE_FMT_S16P || decoder.sample_fmt == AV_SAMPLE_FMT_U8 ||
+            decoder.sample_fmt == AV_SAMPLE_FMT_U8P ||
+            (decoder.bits_per_raw_sample > 0 && decoder.bits_per_raw_sample <= kShallowBits);
+        if (decoder.sample_rate <= 0 || static_cast<uint32_t>(decoder.sample_rate) > kMaxRate ||
+            decoder.ch_layout.nb_channels <= 0 || decoder.ch_layout.nb_channels > kMaxChannels) {
+            *error = "no rate or channels that can be played";
+            return false;
+        }
+        m_info.sample_rate = static_cast<uint32_t>(decoder.sample_rate);
+        m_info.channels = static_cast<uint32_t>(decoder.ch_layout.nb_channels);
+        m_info.is_deep = !is_shallow;
+        m_info.seekable = m_input.length().has_value();
+        const bool is_guess =
+            m_container->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
+        if (m_info.seekable && stream.duration > 0 && !is_guess) {
+            m_info.frames = static_cast<uint64_t>(
+                av_rescale_q(stream.duration, stream.time_base, {1, decoder.sample_rate}));
+        }
+        m_info.title = tag(*m_container, stream, "title");
+        m_info.artist = tag(*m_container, stream, "artist");
+        m_info.album = tag(*m_container, stream, "album");
+        return true;
+    }
+
+    const ForeignInfo& info() const override { return m_info; }
+
+    size_t read(void* to, size_t frames) override {
+        if (m_info.frames) {
+            frames = static_cast<size_t>(std::min<uint64_t>(frames, *m_info.frames - m_position));
+        }
+        size_t done = 0;
+        while (done < frames && (m_used < m_frame->nb_samples || decode())) {
+            const int count = static_cast<int>(
+                std::min(frames - done, static_cast<size_t>(m_frame->nb_samples - m_used)));
+            const size_t at = done * m_info.channels;
+            m_info.is_deep ? convert(static_cast<int32_t*>(to) + at, count)
+                           : convert(static_cast<int16_t*>(to) + at, count);
+            m_used += count;
+            done += static_cast<size_t>(count);
+        }
+        m_position += done;
+        return done;
+    }
+
+    bool seek(uint64_t frame) override {
+        const AVStream& stream = *m_container->streams[m_stream];
+        const AVRational per_frame{1, static_cast<int>(m_info.sample_rate)};
+        // Below 0 lies what a decoder runs in with; not every format has such places.
+        const int64_t from =
+            av_rescale_q(static_cast<int64_t>(frame) - kRunUpFrames, per_frame, stream.time_base);
+        const auto go_to = [&](int64_t place) {
+            return av_seek_frame(m_container.get(), m_stream, place, AVSEEK_FLAG_BACKWARD) >= 0;
+        };
+        if (!m_info.seekable || !(go_to(from) || go_to(std::max<int64_t>(from, 0)))) {
+            return false;
+        }
+        avcodec_flush_buffers(m_decoder.get());
+        m_used = m_frame->nb_samples = 0;
+        const auto target = static_cast<int64_t>(frame);
+        while (decode()) {
+            const int64_t first = av_rescale_q(m_frame->pts == AV_NOPTS_VALUE ? 0 : m_frame->pts,
+                                               stream.time_base, per_frame);
+            if (first > target) {
+                return false;
+            }
+            if (target < first + m_frame->nb_samples) {
+                m_used = static_cast<int>(target - first);
+                m_position = frame;
+                return true;
+            }
+        }
+        return false;
+    }
+
+  private:
+    int open_container() {
+        auto* const buffer = static_cast<unsigned char*>(av_malloc(kBufferBytes));
+        m_io.reset(
+            avio_alloc_context(buffer, kBufferBytes, 0, &m_input, read_input, nullptr, seek_input));
+        AVFormatContext* container = avformat_alloc_context();
+        if (!m_io || container == nullptr) {
+            return AVERROR(ENOMEM);
+        }
+        m_io->seekable = m_input.length() ? AVIO_SEEKABLE_NORMAL : 0;
+        container->pb = m_io.get();
+        container->max_analyze_duration = AV_TIME_BASE;
+        container->format_whitelist = av_strdup(kDemuxers);
+        container->codec_whitelist = av_strdup(kDecoders);
+        container->protocol_whitelist = av_strdup("none");
+        const int opened = avformat_open_input(&container, "", nullptr, nullptr);
+        if (opened < 0) {
+            return opened;  // it is freed
+        }
+        m_container.reset(container);
+        const int known = avformat_find_stream_info(container, nullptr);
+        if (known < 0) {
+            return known;
+        }
+        const AVCodec* codec = nullptr;
+        m_stream = av_find_best_stream(container, AVMEDIA_TYPE_AUDIO, -1, -1, &codec, 0);
+        if (m_stream < 0) {
+            return m_stream;
+        }
+        for (unsigned i = 0; i < container->nb_streams; ++i) {
+            container->streams[i]->discard =
+                static_cast<int>(i) == m_stream ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+        }
+        return open_decoder(codec);
+    }
+
+    int open_decoder(const AVCodec* codec) {
+        const AVStream& stream = *m_container->streams[m_stream];
+        m_decoder.reset(avcodec_alloc_context3(codec));
+        m_packet.reset(av_packet_alloc());
+        m_frame.reset(av_frame_alloc());
+        if (!m_decoder || !m_packet || !m_frame) {
+            return AVERROR(ENOMEM);
+        }
+        const int taken = avcodec_parameters_to_context(m_decoder.get(), stream.codecpar);
+        m_decoder->thread_count = 1;
+        m_decoder->pkt_timebase = stream.time_base;
+        m_decoder->codec_whitelist = av_strdup(kDecoders);
+        return taken < 0 ? taken : avcodec_open2(m_decoder.get(), codec, nullptr);
+    }
+
+    // The next frame of the file's format; false at the end.
+    bool decode() {
+        m_used = 0;
+        for (;;) {
+            const int received = avcodec_receive_frame(m_decoder.get(), m_frame.get());
+            if (received == 0 && m_frame->nb_samples > 0) {
+                return m_frame->sample_rate == static_cast<int>(m_info.sample_rate) &&
+                       m_frame->ch_layout.nb_channels == static_cast<int>(m_info.channels);
+            }
+            if (received != 0 && received != AVERROR(EAGAIN)) {
+                return false;
+            }
+            if (received == AVERROR(EAGAIN) && !feed()) {
+                return false;
+            }
+        }
+    }
+
+    // A packet that can't be decoded costs its own sound alone.
+    bool feed() {
+        for (;;) {
+            const int got = av_read_frame(m_container.get(), m_packet.get());
+            const bool is_ours = got >= 0 && m_packet->stream_index == m_stream;
+            const int sent = got < 0   ? avcodec_send_packet(m_decoder.get(), nullptr)
+                             : is_ours ? avcodec_send_packet(m_decoder.get(), m_packet.get())
+                                       : AVERROR_INVALIDDATA;
+            av_packet_unref(m_packet.get());
+            if (sent == 0 || got < 0) {
+                return sent == 0;
+            }
+        }
+    }
+
+    template <typename Out>
+    void convert(Out* to, int count) const {
+        const int channels = static_cast<int>(m_info.channels);
+        for (int i = 0; i < count; ++i) {
+            for (int channel = 0; channel < channels; ++channel) {
+                *to++ = sample_of<Out>(*m_frame, channel, m_used + i, channels);
+            }
+        }
+    }
+
+    ForeignInput& m_input;
+    ForeignInfo m_info;
+    Io m_io;
+    Container m_container;
+    Decoder m_decoder;
+    Packet m_packet;
+    Frame m_frame;
+    int m_stream = -1;
+    int m_used = 0;           // of m_frame, read already
+    uint64_t m_position = 0;  // of the next frame to be read
+};
+
+}  // namespace
+
+}  // namespace local_core
+
+extern "C" __attribute__((visibility("default"))) local_core::ForeignSound*
+nuvio_open_foreign_sound(local_core::ForeignInput& input, std::string* error) {
+    av_log_set_level(AV_LOG_QUIET);
+    auto sound = std::make_unique<local_core::FfmpegSound>(input);
+    return sound->open(error) ? sound.release() : nullptr;
+}

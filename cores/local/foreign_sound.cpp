@@ -1,0 +1,30 @@
+#include "local/foreign_sound.h"
+
+#include <dlfcn.h>
+
+namespace local_core {
+
+namespace {
+
+// Loaded once, for good: decoders of it may be left behind with a thread that hangs.
+OpenForeignSound* module_function() {
+    static OpenForeignSound* const function = [] {
+        void* const module = dlopen(kForeignSoundModule, RTLD_NOW | RTLD_LOCAL);
+        void* const symbol = module != nullptr ? dlsym(module, kForeignSoundFunction) : nullptr;
+        return reinterpret_cast<OpenForeignSound*>(symbol);
+    }();
+    return function;
+}
+
+}  // namespace
+
+std::unique_ptr<ForeignSound> open_foreign_sound(ForeignInput& input, std::string* error) {
+    OpenForeignSound* const open = module_function();
+    if (open == nullptr) {
+        *error = "not a format that is read here (nuvio-connect-core-ffmpeg reads more)";
+        return nullptr;
+    }
+    return std::unique_ptr<ForeignSound>(open(input, error));
+}
+
+}  // namespace local_core

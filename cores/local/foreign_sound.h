@@ -1,0 +1,56 @@
+// Audio that libsndfile can't read, decoded by a module that is loaded when it is first needed.
+//
+// A decoder is used by one thread at a time; every call may block on its input.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+namespace local_core {
+
+// The bytes to decode.
+class ForeignInput {
+  public:
+    virtual ~ForeignInput() = default;
+    // Bytes read, fewer than asked only at the end or where it failed.
+    virtual size_t read(void* to, size_t size) = 0;
+    virtual bool seek(uint64_t position) = 0;
+    virtual uint64_t position() const = 0;
+    // None while it is unknown, and of a stream that has no end.
+    virtual std::optional<uint64_t> length() const = 0;
+};
+
+struct ForeignInfo {
+    uint32_t sample_rate = 0;
+    uint32_t channels = 0;
+    bool is_deep = false;            // 24 bits sign-extended in 4 bytes, else 16 bits
+    std::optional<uint64_t> frames;  // none: unknown or endless
+    bool seekable = false;
+    std::string title;
+    std::string artist;
+    std::string album;
+};
+
+class ForeignSound {
+  public:
+    virtual ~ForeignSound() = default;
+    virtual const ForeignInfo& info() const = 0;
+    // Decodes up to `frames` interleaved frames; 0 at the end or at a place that can't be decoded.
+    virtual size_t read(void* to, size_t frames) = 0;
+    // Goes to a frame, exactly; false when it can't.
+    virtual bool seek(uint64_t frame) = 0;
+};
+
+// Null, with *error set, when the module is not installed or can't read it. `input`, which is at
+// its beginning, must outlive the result.
+std::unique_ptr<ForeignSound> open_foreign_sound(ForeignInput& input, std::string* error);
+
+// What the module exports, under this name. Both are of one version: they come from one build.
+using OpenForeignSound = ForeignSound*(ForeignInput& input, std::string* error);
+inline constexpr char kForeignSoundFunction[] = "nuvio_open_foreign_sound";
+inline constexpr char kForeignSoundModule[] = "libnuvio_connect_ffmpeg.so.1";
+
+}  // namespace local_core
