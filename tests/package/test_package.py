@@ -10,7 +10,7 @@ from root import (ALSA_CONFIG, BUILD, CARD, LINES_OF_CHECK, PATH, PATIENCE, ROOT
                   RootTest, findings, in_root, run, wait_for)
 
 PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-host-linux",
-            "nuvio-connect-tools", "nuvio-connect-controller"]
+            "nuvio-connect-tools", "nuvio-connect-controller", "nuvio-connect-core-ffmpeg"]
 UNIT = "usr/lib/systemd/system/nuvio-connect.service"
 ACCOUNT = ("--userspec=nuvio-connect:nuvio-connect", "--groups=audio")
 NOTIFY = ROOT / "run/notify"
@@ -78,9 +78,10 @@ class Installed(RootTest):
 
     def test_2_programs_name_their_libraries_and_nothing_of_the_machine_that_built_them(self):
         binaries = [ROOT / "usr/bin/nuvio-connect", ROOT / "usr/bin/simcardctl",
+                    ROOT / "usr/bin/nuvio-connect-controller",
                     *ROOT.glob("usr/lib/*/libnuvio_*.so.?"),
                     *ROOT.glob("usr/lib/*/nuvio-connect/simcard/*.so")]
-        self.assertEqual(len(binaries), 6)
+        self.assertEqual(len(binaries), 8)
         for path in binaries:
             self.assertNotRegex(run("readelf", "-d", path).stdout, "RPATH|RUNPATH", path)
             self.assertFalse(str(BUILD.parents[1]).encode() in path.read_bytes(), path)
@@ -140,7 +141,7 @@ class Installed(RootTest):
         in_root("dpkg-deb", "-b", "/maker", "/maker.deb")
         self.addCleanup((ROOT / "maker.deb").unlink)
         in_root("dpkg", "-i", "/maker.deb")
-        in_root("dpkg", "-r", *PACKAGES[1:3])
+        in_root("dpkg", "-r", *PACKAGES[1:3], PACKAGES[-1])
         self.assertEqual(in_root("dpkg", "--audit").stdout, "")
 
     def test_8_nothing_is_left_after_a_purge(self):
