@@ -1,4 +1,7 @@
 // The device's side of the delegates: services, streams, playback, and a card of half a second.
+#include <netinet/in.h>
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <iterator>
 #include <utility>
@@ -21,13 +24,21 @@ std::string stream(uint64_t id) {
 
 void Device::on_server_start() {
     note("server");
-    if (std::exchange(m_serving, true)) {
-        m_breaches.add("services", "the server is started twice");
+    if (m_server.get() >= 0) {
+        m_breaches.add("services", "a server that listens is started again");
+    }
+    m_server = UniqueFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in loopback{};
+    loopback.sin_family = AF_INET;
+    loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(m_server.get(), reinterpret_cast<const sockaddr*>(&loopback), sizeof loopback) != 0 ||
+        listen(m_server.get(), 1) != 0) {
+        m_breaches.add("services", "no socket for the device's server");
     }
 }
 
 void Device::on_server_stop() {
-    m_serving = false;
+    m_server = UniqueFd();
 }
 
 void Device::on_advertise(const char* name, const char* service) {
@@ -103,7 +114,14 @@ size_t Device::on_data(uint64_t id, const void* data, size_t size) {
     }
     size_t taken = 0;
     if (offered->open && id == m_playing && m_phase == Phase::playing) {
-        const uint64_t frames = std::min<uint64_t>(size / offered->frame_bytes(), m_allowance);
+        if (std::exchange(m_fails, false)) {
+            fail();
+            return 0;
+        }
+        uint64_t frames = std::min<uint64_t>(size / offered->frame_bytes(), m_allowance);
+        if (m_at_random && m_random() % 3 == 0) {
+            frames = m_random() % (frames + 1);
+        }
         m_allowance -= m_allowance == UINT64_MAX ? 0 : frames;
         taken = frames * offered->frame_bytes();
     } else if (offered->open) {

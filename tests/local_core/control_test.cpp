@@ -245,21 +245,6 @@ TEST_F(Control, WhatMakesNoSenseNowIsAnErrorResultAndChangesNothing) {
     EXPECT_STREQ(session, "some") << "left alone when there is none";
 }
 
-// As a card that vanishes makes the renderer do it: from inside an offer.
-TEST_F(Control, AfterAPlaybackErrorTheNextSessionPlays) {
-    bool failed = false;
-    device.take = [&](size_t offered) {
-        device.fail_playback(!std::exchange(failed, true));
-        return offered;
-    };
-    ASSERT_EQ(device.play(tracks[3].path), NUV_ERROR_OK);
-    device.run_until_line("state STOPPED");
-    EXPECT_THAT(device.take_lines(), testing::Contains("dispose 1"));
-    ASSERT_EQ(device.play(tracks[3].path), NUV_ERROR_OK);
-    device.run_until_line("finished 2");
-    EXPECT_TRUE(device.pcm_of_stream[2] == tracks[3].pcm);
-}
-
 TEST_F(Control, TracksThatTheRendererRefusesArePassedOverButNotAllOfThem) {
     uint64_t last_refused = 1;
     device.take = [&](size_t offered) {
