@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/m3u.h"
 #include "common/text.h"
 #include "local/files.h"
 #include "local/network/remote_tracks.h"
@@ -15,7 +16,6 @@
 #include "local/remote_settings.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
-#include "local/texts/playlist.h"
 
 namespace local_core {
 
@@ -104,7 +104,7 @@ std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& lo
     std::vector<Track> tracks;
     size_t remote = 0;
     size_t text_bytes = 0;
-    for (const PlaylistEntry& entry : parse_playlist(*text, kMaxTracks)) {
+    for (const nuvio::PlaylistEntry& entry : nuvio::parse_m3u(*text, kMaxTracks)) {
         const auto path = local_path(entry.location);
         if (!path) {
             ++remote;

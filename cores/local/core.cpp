@@ -25,8 +25,8 @@ HelloMessage describe(const nuv_connect_config& config, const std::string& uuid)
     device.uuid = uuid;
     device.manufacturer = config.manufacturer;
     device.model = config.model;
-    device.device_type = config.device_type;
-    device.quality = config.maximum_audio_quality;
+    device.device_type = nuv_device_type_to_string(config.device_type);
+    device.quality = nuv_audio_quality_to_string(config.maximum_audio_quality);
     device.sdk_version = nuv_connect_get_sdk_version();
     return device;
 }

@@ -102,8 +102,9 @@ struct Kept {
 };
 
 Kept& kept() {
-    static Kept covers;
-    return covers;
+    // Never destroyed: a thread that hangs may outlive the process's end of the rest.
+    static auto* const covers = new Kept();
+    return *covers;
 }
 
 // By what the bytes are: display programs go by the ending.

@@ -36,7 +36,8 @@ bool is_below(const std::filesystem::path& path, const std::filesystem::path& fo
 }  // namespace
 
 const std::vector<std::string>& music_folders() {
-    static const std::vector<std::string> folders = [] {
+    // Never destroyed: a thread that hangs may outlive the process's end of the rest.
+    static const auto* const folders = new std::vector<std::string>([] {
         const char* const named = std::getenv("NUVIO_MUSIC_FOLDERS");
         std::istringstream list(named != nullptr && *named != '\0' ? named : kDefaultMusicFolders);
         std::vector<std::string> found;
@@ -46,8 +47,8 @@ const std::vector<std::string>& music_folders() {
             }
         }
         return found;
-    }();
-    return folders;
+    }());
+    return *folders;
 }
 
 nuvio::UniqueFd look_at(const std::string& path, std::string* error) {

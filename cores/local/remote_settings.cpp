@@ -19,7 +19,8 @@ unsigned number_from(const char* variable, unsigned lowest, unsigned highest, un
 }  // namespace
 
 const HttpRequest& remote_request_defaults() {
-    static const HttpRequest defaults = [] {
+    // Never destroyed: a thread that hangs may outlive the process's end of the rest.
+    static const auto* const defaults = new HttpRequest([] {
         HttpRequest request;
         request.read_ahead_bytes =
             size_t{number_from("NUVIO_READ_AHEAD_KIB", 128, 16384, 4096)} * 1024;
@@ -31,8 +32,8 @@ const HttpRequest& remote_request_defaults() {
         const char* const authorities = std::getenv("NUVIO_NETWORK_AUTHORITIES");
         request.authorities = authorities != nullptr ? authorities : "";
         return request;
-    }();
-    return defaults;
+    }());
+    return *defaults;
 }
 
 }  // namespace local_core

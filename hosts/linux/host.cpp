@@ -71,6 +71,11 @@ Host::Host()
     m_messages.set_observer([this](int id, const std::string& text) { on_message(id, text); });
 }
 
+void Host::reload_settings() {
+    m_settings = Settings::load();
+    use_alsa_configuration();
+}
+
 // The core knows no settings file; nothing else runs yet that could read the environment.
 void Host::tell_core() const {
     static constexpr struct {

@@ -203,7 +203,8 @@ class Device {
     uint64_t m_next_seen_ms = 0;  // loop time at which a next track was there; 0 for none
     uint64_t m_end_due_ms = 0;
     unsigned m_earliest_next_ms = 0;
-    UniqueFd m_server;  // listens, as the local configuration server would
+    bool m_serving = false;
+    UniqueFd m_server;  // listens while it is so
     bool m_advertising = false;
     bool m_next_available = false;
     uint64_t m_allowance = UINT64_MAX;

@@ -18,27 +18,34 @@ std::string stream(uint64_t id) {
     return "stream " + std::to_string(id);
 }
 
+// A core may look whether the device's server really listens before it announces it.
+UniqueFd listening_socket() {
+    UniqueFd server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in here{};
+    here.sin_family = AF_INET;
+    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(server.get(), reinterpret_cast<const sockaddr*>(&here), sizeof here) != 0 ||
+        listen(server.get(), 1) != 0) {
+        server.reset();
+    }
+    return server;
+}
+
 }  // namespace
 
 // ---- Server and advertising ---------------------------------------------------------------------
 
 void Device::on_server_start() {
     note("server");
-    if (m_server.get() >= 0) {
-        m_breaches.add("services", "a server that listens is started again");
-    }
-    m_server = UniqueFd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in loopback{};
-    loopback.sin_family = AF_INET;
-    loopback.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(m_server.get(), reinterpret_cast<const sockaddr*>(&loopback), sizeof loopback) != 0 ||
-        listen(m_server.get(), 1) != 0) {
-        m_breaches.add("services", "no socket for the device's server");
+    m_server = listening_socket();
+    if (std::exchange(m_serving, true)) {
+        m_breaches.add("services", "the server is started twice");
     }
 }
 
 void Device::on_server_stop() {
-    m_server = UniqueFd();
+    m_serving = false;
+    m_server.reset();
 }
 
 void Device::on_advertise(const char* name, const char* service) {

@@ -1,7 +1,5 @@
 #include "diagnostics/sound_setup.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -10,6 +8,7 @@
 #include <string_view>
 
 #include "diagnostics/card_probe.h"
+#include "diagnostics/self_check.h"
 #include "media/sink/alsa/alsa_utilities.h"
 #include "platform/Environment.h"
 #include "platform/SettingsFile.h"
@@ -196,7 +195,6 @@ int setUpSound(const std::string& wanted) {
     }
     std::printf("wrote   %s\n\n", told.c_str());
     std::fflush(stdout);
-    // This process has read the settings already.
-    execl("/proc/self/exe", "nuvio-connect", "--check", nullptr);
-    return fail("written, but 'nuvio-connect --check' could not be started");
+    snd_config_update_free_global();  // ALSA reads its configuration anew
+    return runSelfCheck();
 }

@@ -8,6 +8,6 @@
 // carries the volume; a card without one gets one in software. `card` is the id or number of a card
 // ("USB", "1"), with its device where it has several ("USB,3"), or the name of any ALSA output;
 // empty for the only card there is. Says on standard output what it does, then checks it as --check
-// does, in this process's place. Returns the exit status of a set-up that was not done:
-// EXIT_FAILURE, nothing written. The main thread's.
+// does. Returns the process's exit status: EXIT_FAILURE when nothing was written or a check says
+// FAIL. The main thread's.
 int setUpSound(const std::string& card);

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "local_config/request_origin.h"
+#include "common/request_origin.h"
 #include "utility/log_delegate.h"
 
 int send_error(mg_connection* connection, int status, const char* text) {
@@ -28,9 +28,9 @@ int reject(mg_connection* connection, const char* reason, int status, const char
 }
 
 bool is_meant_for_controllers(mg_connection* connection, const char* endpoint) {
-    const bool meant = !is_from_a_foreign_page(mg_get_header(connection, "Host"),
-                                               mg_get_header(connection, "Origin"),
-                                               mg_get_header(connection, "Sec-Fetch-Site"));
+    const bool meant = !nuvio::is_from_a_foreign_page(mg_get_header(connection, "Host"),
+                                                      mg_get_header(connection, "Origin"),
+                                                      mg_get_header(connection, "Sec-Fetch-Site"));
     if (!meant) {
         app_log(LOG_LEVEL_ERROR, "%s: Refused: asked by a web page of another site", endpoint);
         send_error(connection, 403, "Forbidden");

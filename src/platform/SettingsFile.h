@@ -14,6 +14,7 @@ struct SettingsChange {
 };
 
 // Changes these items and leaves all others, comments included, as they are; each file is either
-// the old or the new one at any moment. True: `told` names the files; else what was in the way.
-// What is read in this process stays what it was. Waits for the disk. Any thread.
+// the old or the new one at any moment. True: `told` names the files, and GetEnvItemByName gives
+// the new values; else what was in the way. Waits for the disk. The main thread's, before the
+// platform has been started.
 [[gnu::weak]] bool ChangeSettings(const SettingsChange& change, std::string& told);

@@ -17,7 +17,7 @@ using fake_modules::Track;
 namespace {
 
 const Track kSong = {"Song", {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT}, 215000};
-const Track kOther = {"Other", {96000, 6, NUV_AUDIO_SAMPLE_FORMAT_24_BIT}, 1000};
+const Track kOther = {"Other", {96000, 6, NUV_AUDIO_SAMPLE_FORMAT_24_BIT}, 99999999999};
 
 class Status : public Service {
   protected:

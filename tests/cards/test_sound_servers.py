@@ -12,7 +12,7 @@ import time
 import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
-from device import DeviceTest, signal_samples, wait_for, write_wav  # noqa: E402
+from device import DeviceTest, program, signal_samples, wait_for, write_wav  # noqa: E402
 
 CD = 44100   # frames a second
 FRAME = 4    # bytes
@@ -120,6 +120,9 @@ class SoundServer:
     # ---- The cases ---------------------------------------------------------------------------
 
     def test_two_tracks_come_out_end_to_end_bit_for_bit(self):
+        told = subprocess.run([*program("nuvio-connect"), "--setup", "--card", "default"], text=True,
+                              env=self.environment, stdout=subprocess.PIPE).stdout
+        self.assertRegex(told, r"ok +output +.*'default_default' .* 192000 Hz, 24 bit; .*\nok +mixer ")
         seam = 1.5 + 77 / CD
         expected = (self.track("1.wav", 0, seam) + self.track("2.wav", seam, 2.5)).strip(b"\0")
         heard = self.record()

@@ -5,11 +5,10 @@ import signal
 import subprocess
 import unittest
 
-from device import DeviceTest, signal_samples, wait_for, write_wav
+from device import DeviceTest, program, signal_samples, wait_for, write_wav
 
-TOOLS = pathlib.Path(__file__).parents[2] / "tools"
-FIND = TOOLS / "find/find"
-OWN_DAEMON = TOOLS / "run/own_daemon.sh"
+OWN_DAEMON = pathlib.Path(__file__).parents[2] / "tools/run/own_daemon.sh"
+CONTROLLER = program("nuvio-connect-controller")
 NAME = "Bath & Böden."
 
 
@@ -33,17 +32,17 @@ class Discovery(DeviceTest):
         self.addCleanup(self.end, self.avahi)
 
     def found(self):
-        return NAME in (self.run_tool(FIND, check=False) or "")
+        return NAME in (self.run_tool(*CONTROLLER, "find", check=False) or "")
 
     def test_a_restarted_avahi_daemon_has_the_device_again_and_the_music_does_not_notice(self):
         write_wav(self.music / "long.wav", signal_samples(40 * 96000, 0, 96000, 3_000_000), 96000,
                   sample_bytes=3)
         self.start()
         wait_for("found", self.found)
-        self.assertIn(f'"friendly_name":"{NAME}"', self.run_tool(FIND))
-        self.run_tool(FIND.with_name("connect"), NAME, self.music)
+        self.assertIn(f'"friendly_name":"{NAME}"', self.run_tool(*CONTROLLER, "find"))
+        self.run_tool(*CONTROLLER, "connect", NAME, self.music)
         wait_for("sound", lambda: self.player("status") == "Playing" and self.position() > 0.2)
-        self.assertIsNone(self.run_tool(FIND.with_name("connect"), "Kitchen", "x", check=False))
+        self.assertIsNone(self.run_tool(*CONTROLLER, "connect", "Kitchen", "x", check=False))
         for end in signal.SIGKILL, signal.SIGTERM:
             self.avahi.send_signal(end)
             self.avahi.wait()
@@ -51,7 +50,3 @@ class Discovery(DeviceTest):
             wait_for("found again", self.found)
         self.assertEqual(self.player("status"), "Playing")
         self.assertEqual(self.recordings()[0].underruns, 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -12,7 +12,6 @@ from device import EMULATOR, PATIENCE, DeviceTest, program, signal_samples, wait
 
 CD = 44100
 PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
-SHOWN = "DEFAULT: UpdateUIPlayBackInfo"  # the track goes to the user interface
 
 
 class HostTest(DeviceTest):
@@ -134,49 +133,7 @@ class Panel(HostTest):
         wait_for("mixer at 35 % again", lambda: "[35%]" in self.amixer("sget", "Master"))
 
 
-class NowPlaying(HostTest):
-    def test_a_title_is_shown_once_again_after_a_mode_change_and_cleared_at_the_end(self):
-        self.start()
-        self.play(self.music / "track 0.wav")
-        self.wait_for_log("current titile = track 0")
-        shown = self.log_count(SHOWN)
-        self.assertGreaterEqual(shown, 1)
-        self.assertIn("track 0", self.metadata())
-        self.assertEqual(self.player("metadata", "mpris:length"), "40000000")
-
-        updates = self.log_count("currTrackInfo.samplingRate")
-        self.player("pause")
-        self.wait_for_status("Paused")
-        self.wait_for_log("currTrackInfo.samplingRate", updates + 1)
-        self.assertEqual(self.log_count(SHOWN), shown)  # same title, not shown again
-
-        self.player("play")
-        self.player("shuffle", "On")
-        self.wait_for_log(SHOWN, shown + 1)
-        wait_for("shuffle on", lambda: self.player("shuffle") == "On")
-
-        self.player("position", "39")
-        self.wait_for_end()
-        self.wait_for_status("Stopped")
-        wait_for("nothing shown", lambda: "xesam:title" not in self.metadata())
-
-
 class Network(HostTest):
-    def test_a_lost_network_stops_renames_only_and_comes_back(self):
-        self.start()
-        self.play(self.music)
-        self.panel("network", "down")
-        self.wait_for_log("Not in Active Interface to Internet Upgrade")
-        self.panel("rename", "Unheard")
-        self.wait_for_log("MessageBoxAlert: MID 90")
-        self.panel("network", "up")
-        wait_for("network back", lambda: re.search(r"NeshAlert iface = \d , Status = 1", self.log()))
-        self.panel("rename", "Heard")
-        self.wait_for_log("Starting Avahi advertising, name: Heard,")
-        self.assertNotIn("DEVICENAME:Unheard", self.log())
-        self.assertEqual(self.player("status"), "Playing")
-        self.assertEqual(self.recordings()[0].underruns, 0)
-
     def test_a_start_without_a_network_waits_for_one(self):
         namespace = ["unshare", "--net", "--map-root-user"]
         if subprocess.run([*namespace, "true"], capture_output=True).returncode != 0:
@@ -204,7 +161,3 @@ class Bus(HostTest):
         self.start_bus()
         self.wait_for_status("Playing")
         wait_for("title", lambda: "track 0" in self.metadata())
-
-
-if __name__ == "__main__":
-    unittest.main()

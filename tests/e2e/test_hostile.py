@@ -355,7 +355,3 @@ class Hostile(DeviceTest):
             self.assert_bounded()
         self.wait_for_log(f"Starting Avahi advertising, name: Kitchen {len(renames) - 1},")
         self.assertIn(", 0 underruns\n", self.card("show"))
-
-
-if __name__ == "__main__":
-    unittest.main()

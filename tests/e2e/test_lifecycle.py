@@ -226,7 +226,3 @@ class Lifecycle(DeviceTest):
                 self.assertNotIn("loop not closed", self.log())
         self.start()
         self.play(self.long)
-
-
-if __name__ == "__main__":
-    unittest.main()

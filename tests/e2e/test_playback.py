@@ -184,7 +184,3 @@ class Sessions(Player):
                  self.request("GET", "/get-connect-info")[1])
         self.wait_for_end()
         self.assertTrue(self.recordings()[-1].data == expected)
-
-
-if __name__ == "__main__":
-    unittest.main()

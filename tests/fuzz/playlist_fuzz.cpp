@@ -4,19 +4,19 @@
 #include <string>
 #include <string_view>
 
+#include "common/m3u.h"
 #include "fuzz/expect.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
-#include "local/texts/playlist.h"
 
 using namespace local_core;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     constexpr size_t kMaxEntries = 100;
     const std::string_view text(reinterpret_cast<const char*>(data), size);
-    const auto entries = parse_playlist(text, kMaxEntries);
+    const auto entries = nuvio::parse_m3u(text, kMaxEntries);
     FUZZ_EXPECT(entries.size() <= kMaxEntries);
-    for (const PlaylistEntry& entry : entries) {
+    for (const nuvio::PlaylistEntry& entry : entries) {
         FUZZ_EXPECT(!entry.location.empty());
         FUZZ_EXPECT(entry.location.find_first_of(std::string_view("\r\n\0", 3)) ==
                     std::string::npos);

@@ -6,6 +6,7 @@
 
 #include "fuzz/expect.h"
 #include "local/network/icy.h"
+#include "local/network/mpeg_sync.h"
 #include "local/network/remote_playlist.h"
 #include "local/texts/display_text.h"
 
@@ -44,6 +45,7 @@ void read_radio(std::string_view bytes) {
     const std::string whole = filtered(bytes.size() + 1);
     FUZZ_EXPECT(whole.size() <= bytes.size());
     FUZZ_EXPECT(whole == filtered(1));
+    FUZZ_EXPECT(first_mpeg_frame(bytes) <= bytes.size());
 }
 
 }  // namespace

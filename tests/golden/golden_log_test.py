@@ -20,6 +20,7 @@ import sys
 import tempfile
 
 GOLDEN = pathlib.Path(__file__).with_name("log.txt")
+BUILD = pathlib.Path(os.environ.get("NUVIO_BUILD", GOLDEN.parents[2] / "build/debug"))
 # What a thread says first tells which one it is; the test's own is the platform's.
 THREADS = {"main": "MAIN TO START", "start-up": "threadloop start", "loop": "threadUV loop",
            "command": "Waking up", "http": "API endpoint", "platform": None, "stdout": None}
@@ -78,7 +79,7 @@ def in_order(output):
 
 
 def main():
-    program = pathlib.Path(os.environ["NUVIO_BUILD"]) / "bin/golden_life"
+    program = BUILD / "bin/golden_life"
     with tempfile.TemporaryDirectory() as folder:
         output = pathlib.Path(folder, "output")
         with output.open("ab") as file:

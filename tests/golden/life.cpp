@@ -129,10 +129,14 @@ void ask(uint16_t port, const std::string& head, const std::string& body = "") {
         head + " HTTP/1.1\r\nHost: device\r\nContent-Length: " + std::to_string(body.size()) +
         "\r\n\r\n" + body;
     send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    std::array<char, 1024> answer;
-    while (recv(fd, answer.data(), answer.size(), 0) > 0) {
+    std::array<char, 1024> room;
+    std::string answer;
+    for (ssize_t count = 0; (count = recv(fd, room.data(), room.size(), 0)) > 0;) {
+        answer.append(room.data(), static_cast<size_t>(count));
     }
     close(fd);
+    fakes::echo("answer", answer.substr(0, answer.find('\r')));
+    fakes::echo("answer", answer.substr(answer.find("\r\n\r\n") + 4));
 }
 
 void write_message(int id, const std::string& text) {
@@ -180,8 +184,14 @@ int live(Life& life, uint16_t port) {
         server.start(core, server.context);
         advertising.start(core, "Kitchen", "_nuvio-connect._tcp", advertising.context);
         const auto log = fake_sdk::log_delegate().callback;
-        log(LOG_LEVEL_DEBUG, "HttpClient", "chatter");
-        log(LOG_LEVEL_INFO, "HttpClient", "news");
+        for (const char* category :
+             {"NetworkManager", "HttpClient", "CloudClient", "CurlWS", "HttpDownloader",
+              "AudioStreamManager", "UrlAudioSource", "AudioDecoder", "ContentFetcher"}) {
+            log(LOG_LEVEL_DEBUG, category, "chatter");
+            log(LOG_LEVEL_INFO, category, "news");
+        }
+        log(LOG_LEVEL_TRACE, "httpclient", "another one");
+        log(7, "HttpClient", "worse than all");
     });
 
     life.step("a controller");
@@ -189,10 +199,13 @@ int live(Life& life, uint16_t port) {
     ask(port, "PUT /get-connect-info");
     ask(port, "GET /get-connect-info");
     const std::string token = R"({"endpoint":"file:///a","jwt":"t","exp":11})";
-    ask(port, "POST /connect-to-nconnect",
-        R"({"session_id":"s","jwt_api":)" + token + R"(,"jwt_nconnect":)" + token +
-            R"(,"become_active":true})");
+    const std::string session = R"({"session_id":"s","jwt_api":)" + token + R"(,"jwt_nconnect":)" +
+                                token + R"(,"become_active":true})";
+    ask(port, "POST /connect-to-nconnect", session);
     ask(port, "POST /connect-to-nconnect", "{}");
+    fail({"get_session_id", "connect"}, NUV_ERROR_INTERNAL);
+    ask(port, "GET /get-connect-info");
+    ask(port, "POST /connect-to-nconnect", session);
 
     life.step("a session");
     life.on_loop([&] {
@@ -208,6 +221,7 @@ int live(Life& life, uint16_t port) {
 
     life.step("volume and mute, from the SDK and from the mixer");
     postEventTo_Nuvio("VOLUME_STATUS");
+    life.settle();
     life.on_loop([&] {
         media.volume_changed(core, 20, media.context);
         media.mute_state_changed(core, true, media.context);

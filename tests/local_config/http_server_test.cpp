@@ -138,42 +138,6 @@ class HttpServer : public LoopTest {
     http_server* m_server = nullptr;
 };
 
-TEST_F(HttpServer, DescribesTheDevice) {
-    start();
-    const std::string answer = get("/get-display-info");
-    const std::string body =
-        R"({"friendly_name":"Kitchen","serial_number":"00:01","brand_display_name":"Maker",)"
-        R"("model_display_name":"Model \"X\"","max_audio_quality":"CD","type":"SPEAKER"})";
-    EXPECT_THAT(answer, StartsWith(OK));
-    EXPECT_THAT(answer, HasSubstr("Content-Type: application/json\r\n"));
-    EXPECT_THAT(answer, HasSubstr("Content-Length: " + std::to_string(body.size()) + "\r\n"));
-    EXPECT_THAT(answer, EndsWith("\r\n\r\n" + body));
-}
-
-TEST_F(HttpServer, TellsTheCurrentSession) {
-    start();
-    EXPECT_THAT(get("/get-connect-info"),
-                EndsWith("\r\n\r\n{\"app_id\":\"app-1\",\"current_session_id\":\"session-1\"}"));
-    fake_sdk::set_result("get_session_id", NUV_ERROR_INTERNAL);
-    EXPECT_THAT(get("/get-connect-info"), StartsWith("HTTP/1.1 500 Internal Server Error"));
-}
-
-TEST_F(HttpServer, HandsASessionToTheSdk) {
-    start();
-    testing::internal::CaptureStdout();
-    const std::string answer = exchange(post(SESSION));
-    const std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_THAT(answer, StartsWith(OK));
-    EXPECT_THAT(answer, HasSubstr("Content-Type: application/json\r\nContent-Length: 0\r\n"));
-    EXPECT_THAT(fake_sdk::take_calls(), ElementsAre(CONNECT_CALL));
-    for (const char* line : {"DEBUG SampleApp: Session ID: s1\n", ":     Endpoint: file:///a\n",
-                             ":     JWT: t2\n", ":     Exp: 12\n"}) {
-        EXPECT_THAT(log, HasSubstr(line));
-    }
-    fake_sdk::set_result("connect", NUV_ERROR_TOKEN_EXPIRED);
-    EXPECT_THAT(exchange(post(SESSION)), StartsWith("HTTP/1.1 500 Internal Server Error"));
-}
-
 TEST_F(HttpServer, RefusesWhatItCannotUse) {
     start();
     const std::string huge = "Content-Length: 9999999999999999\r\n";

@@ -178,23 +178,6 @@ TEST_F(Control, SeekBackAfterTheHandOverBringsTheNextTrackAgainInFull) {
     EXPECT_TRUE(device.pcm_of_stream[3] == tracks[1].pcm);
 }
 
-TEST_F(Control, LoopOneRepeatsTheTrackAndLoopAllTheList) {
-    start_playing();
-    EXPECT_EQ(nuv_connect_set_loop_mode(device.core(), NUV_LOOP_MODE_ONE), NUV_ERROR_OK);
-    device.run_until_line("controls ONE 0");
-    device.take = nullptr;
-    device.run_until_line("finished 3");
-    EXPECT_TRUE(device.pcm_of_stream[3] == tracks[0].pcm);
-    hold_end_of_track(false);
-    EXPECT_EQ(nuv_connect_set_loop_mode(device.core(), NUV_LOOP_MODE_ALL), NUV_ERROR_OK);
-    for (int i = 0; i < 4; ++i) {
-        const auto lines = told(nuv_connect_next_track, "state PLAYING");
-        const std::string id = std::to_string(device.active()->id);
-        EXPECT_THAT(
-            lines, testing::Contains("metadata " + id + " " + std::to_string((i + 1) % 4) + "|||"));
-    }
-}
-
 TEST_F(Control, AModeChangeWithdrawsTheAnnouncedTrack) {
     start_playing();
     hold_end_of_track(false);

@@ -7,13 +7,14 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <random>
 #include <set>
 
+#include "common/m3u.h"
 #include "local/content.h"
 #include "local/device_uuid.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
-#include "local/texts/playlist.h"
 #include "temp_dir.h"
 
 namespace {
@@ -23,16 +24,17 @@ using testing::ElementsAre;
 
 TEST(Playlist, TitlesBelongToTheLocationThatFollows) {
     std::vector<std::string> entries;
-    for (const PlaylistEntry& entry : parse_playlist("\xef\xbb\xbf#EXTM3U\r\n"
-                                                     "#EXTINF:123,Artist - Title, again\r\n"
-                                                     "music/one.flac\r\n"
-                                                     "\r\n"
-                                                     "  two.wav\t\n"
-                                                     "#EXTINF:-1 tags=\"a,b\", Three\n"
-                                                     "# a comment\n"
-                                                     "file:///three%20.wav\r"
-                                                     "four.wav",
-                                                     10)) {
+    for (const nuvio::PlaylistEntry& entry :
+         nuvio::parse_m3u("\xef\xbb\xbf#EXTM3U\r\n"
+                          "#EXTINF:123,Artist - Title, again\r\n"
+                          "music/one.flac\r\n"
+                          "\r\n"
+                          "  two.wav\t\n"
+                          "#EXTINF:-1 tags=\"a,b\", Three\n"
+                          "# a comment\n"
+                          "file:///three%20.wav\r"
+                          "four.wav",
+                          10)) {
         entries.push_back(entry.location + "|" + entry.title);
     }
     EXPECT_THAT(entries, ElementsAre("music/one.flac|Artist - Title, again", "two.wav|",
@@ -132,6 +134,53 @@ TEST(Order, EndsAtTheLastPlayableTrackUnlessTheListIsLooped) {
     session.mark_unplayable(2);
     session.set_modes(NUV_LOOP_MODE_ALL, false);
     EXPECT_EQ(session.follower(), std::nullopt);
+}
+
+// Whatever is done to the list: each of its tracks plays once, in its order unless shuffled, and
+// the current one is one of them.
+TEST(Order, AListThatIsChangedStillPlaysEachTrackOnce) {
+    std::minstd_rand random(7);
+    const auto chance = [&](size_t count) { return random() % count; };
+    Session session("id", {{"a"}, {"b"}, {"c"}}, NUV_LOOP_MODE_OFF, false);
+    bool shuffle = false;
+    for (int round = 0; round < 2000; ++round) {
+        const std::vector<size_t> list = session.list();
+        QueueEdit edit;
+        edit.kind = static_cast<QueueEdit::Kind>(chance(5));
+        if (edit.kind == QueueEdit::Kind::replace || edit.kind == QueueEdit::Kind::insert) {
+            edit.tracks.resize(1 + chance(4));
+            edit.start = chance(edit.tracks.size());
+        } else {
+            edit.items = list;
+            std::shuffle(edit.items.begin(), edit.items.end(), random);
+            edit.items.resize(1 + chance(std::min<size_t>(list.size(), 4)));
+        }
+        if (chance(2) == 0) {
+            edit.before = list[chance(list.size())];
+        }
+        const size_t wanted =
+            edit.kind == QueueEdit::Kind::jump ? edit.items[0] : session.current();
+        const bool removes_all =
+            edit.kind == QueueEdit::Kind::remove && edit.items.size() == list.size();
+        ASSERT_EQ(session.edit(edit), removes_all ? NUV_ERROR_INVALID_STATE : NUV_ERROR_OK);
+        const bool is_there = testing::Matches(testing::Contains(wanted))(session.list());
+        ASSERT_THAT(session.list(), testing::Contains(session.current()));
+        ASSERT_TRUE(!is_there || session.current() == wanted);
+        if (chance(4) == 0) {
+            shuffle = !shuffle;
+            session.set_modes(NUV_LOOP_MODE_OFF, shuffle);
+        }
+        const size_t current = session.current();
+        session.rewind();
+        std::vector<size_t> played{session.current()};
+        while (session.next()) {
+            session.move_to(*session.next());
+            played.push_back(session.current());
+        }
+        ASSERT_THAT(played, testing::UnorderedElementsAreArray(session.list()));
+        ASSERT_TRUE(shuffle || played == session.list());
+        session.move_to(current);
+    }
 }
 
 }  // namespace

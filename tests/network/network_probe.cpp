@@ -2,6 +2,7 @@
 //   network_probe read URL [KEY=VALUE ...] [OFFSET:COUNT ...]   bytes to stdout, the outcome to
 //                                                               stderr; COUNT 0 is all that is left
 //   network_probe decode URL [...]     the same in 16-bit frames of two channels
+//   network_probe encode FILE          48,000 frames of a tone in 16-bit stereo MP3
 //   network_probe tracks URL [KEY=VALUE ...]                    a line a track to stdout
 #include <algorithm>
 #include <chrono>
@@ -121,7 +122,8 @@ void decode(const Job& job) {
     std::vector<short> piece(size_t{2} * 3000);
     for (auto [offset, count] : job.parts) {
         if (!sound || info.channels != 2 ||
-            sf_seek(sound->file(), static_cast<sf_count_t>(offset), SEEK_SET) < 0) {
+            (info.seekable != 0 &&
+             sf_seek(sound->file(), static_cast<sf_count_t>(offset), SEEK_SET) < 0)) {
             break;
         }
         for (size_t left = count == 0 ? SIZE_MAX : count; left > 0;) {
@@ -136,6 +138,20 @@ void decode(const Job& job) {
     }
     std::fprintf(stderr, "failure=%s\nerror=%s\n", kFailures[static_cast<int>(source.failure())],
                  source.error().c_str());
+}
+
+void encode(const Job& job) {
+    SF_INFO info{};
+    info.samplerate = 44100;
+    info.channels = 2;
+    info.format = SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
+    SNDFILE* const file = sf_open(job.request.url.c_str(), SFM_WRITE, &info);
+    std::vector<short> tone(size_t{2} * 48000);
+    for (size_t i = 0; i < tone.size(); ++i) {
+        tone[i] = static_cast<short>(i * i / 50 % 9000);
+    }
+    sf_writef_short(file, tone.data(), 48000);
+    sf_close(file);
 }
 
 void list_tracks(const Job& job) {
@@ -160,7 +176,8 @@ int main(int argc, char** argv) {
     static constexpr struct {
         std::string_view name;
         void (*run)(const Job& job);
-    } kCommands[] = {{"read", read}, {"decode", decode}, {"tracks", list_tracks}};
+    } kCommands[] = {
+        {"read", read}, {"decode", decode}, {"encode", encode}, {"tracks", list_tracks}};
     for (const auto& command : kCommands) {
         if (command.name == argv[1]) {
             command.run(parse(argc, argv));

@@ -279,6 +279,23 @@ class Network(unittest.TestCase):
         self.assertIn("It's 2.1", result.titles)
         self.assertIn("radio=1", result.log)
 
+    def test_a_radio_is_joined_in_the_middle_of_a_frame(self):
+        Result(start("encode", f"{self.d}/tone.mp3"))
+        with open(f"{self.d}/tone.mp3", "rb") as file:
+            tone = file.read()
+        wanted = Result(start("decode", f"{self.base}/plain/tone.mp3")).body
+        joined = []
+
+        def answer(handler, _first):
+            joined.append(1)
+            handler.head(200, icy_name="Station", Content_Type="audio/mpeg")
+            handler.wfile.write(tone[5555:] if len(joined) == 1 else b"")
+
+        with ScriptedServer(answer) as server:
+            result = Result(start("decode", server.url, "give_up_ms=1500"))
+        self.assertGreater(len(result.body), 100_000, result.log)
+        self.assertIn(result.body[20_000:40_000], wanted)
+
     def test_playlists(self):
         other = f"http://127.0.0.1:{self.other}"
         local = "file:///etc/passwd"

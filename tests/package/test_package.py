@@ -18,7 +18,7 @@ PATIENCE = 30  # s
 CARD = "/var/lib/nuvio-connect/card"
 PATH = "PATH=/usr/sbin:/usr/bin:/sbin:/bin"
 PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-host-linux",
-            "nuvio-connect-tools", "nuvio-connect-dev"]
+            "nuvio-connect-tools", "nuvio-connect-controller", "nuvio-connect-dev"]
 UNIT = "usr/lib/systemd/system/nuvio-connect.service"
 
 
@@ -70,11 +70,12 @@ class Installed(unittest.TestCase):
 
     def test_3_the_unit_is_sound_and_lets_the_service_do_little(self):
         result = run("systemd-analyze", "verify", "--man=no", f"--root={ROOT}",
-                     "nuvio-connect.service")
+                     "nuvio-connect.service", "nuvio-connect-controller.service")
         self.assertNotIn("nuvio-connect", result.stderr)
-        exposure = run("systemd-analyze", "security", "--offline=true", "--threshold=18",
-                       "--no-pager", ROOT / UNIT)
-        print(exposure.stdout.splitlines()[-1])
+        for unit in UNIT, UNIT.replace(".service", "-controller.service"):
+            exposure = run("systemd-analyze", "security", "--offline=true", "--threshold=18",
+                           "--no-pager", ROOT / unit)
+            print(exposure.stdout.splitlines()[-1])
 
     def test_4_check_says_what_is_missing_and_the_packaged_card_is_one(self):
         words = ("nuvio-connect", "--check")

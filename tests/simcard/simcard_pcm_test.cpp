@@ -279,6 +279,9 @@ TEST_F(SimcardPcm, DeviceThatIsGoneIsGoneForTheHandleAndBackForANewOne) {
     EXPECT_EQ(snd_pcm_avail(pcm.get()), -ENODEV);
     const PcmPtr again = open();
     EXPECT_EQ(write(again, 100), 100);
+    card.unplug();  // and back before anyone looks
+    card.plug_in();
+    EXPECT_EQ(write(again, 100), -ENODEV);
 }
 
 TEST_F(SimcardPcm, DrainThatFailsStopsTheStreamAndAnInterruptedOneCanBeRepeated) {

@@ -97,17 +97,6 @@ TEST_F(AudioSinkTest, OfferLargerThanRoomIsTakenInPartAndRoomIsSignalledOnce) {
     EXPECT_TRUE(ok);
 }
 
-TEST_F(AudioSinkTest, FramesOfAWriteWhoseRepairCannotStartAreQueuedOnce) {
-    open();
-    ASSERT_EQ(write(2000), 2000);
-    card_->inject({.op = Op::write, .error = EPIPE});
-    card_->inject({.op = Op::start, .error = EIO});
-    EXPECT_EQ(write(1000), 1000);
-    EXPECT_EQ(card_->counters().frames_written, 3000U);
-    EXPECT_EQ(card_->counters().frames_dropped, 2000U) << "by the underrun";
-    EXPECT_EQ(state(), SND_PCM_STATE_RUNNING);
-}
-
 TEST_F(AudioSinkTest, FlushDropsTheQueueAndSignalsTheRoom) {
     open();
     ASSERT_EQ(write(buffer() + 1), buffer());

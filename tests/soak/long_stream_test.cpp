@@ -14,43 +14,14 @@
 #include <string>
 #include <vector>
 
-#include "bridge/host_hooks.h"
-#include "fakes/fake_sdk.h"
-#include "faults/scripted_sdk.h"
-#include "media/audio_renderer.h"
+#include "faults/card_sessions.h"
 #include "platform/Environment.h"
-#include "temp_dir.h"
-#include "tools/simcard/simcard.h"
+#include "renderer/journal.h"
 
-// ---- The host -----------------------------------------------------------------------------------
-
-namespace {
-
-struct {
-    uint64_t reports = 0;
-    uint64_t last_ms = 0;
-    uint64_t furthest_back_ms = 0;
-} g_host;
-
-}  // namespace
-
+// The settings name the default device.
 void GetEnvItemByName(const char* /*key*/, char* value) {
     std::strcpy(value, "default");
 }
-bool host_allow_source() {
-    return true;
-}
-void host_report_playback_position(uint64_t position_ms) {
-    ++g_host.reports;
-    if (position_ms < g_host.last_ms) {
-        g_host.furthest_back_ms = std::max(g_host.furthest_back_ms, g_host.last_ms - position_ms);
-    }
-    g_host.last_ms = position_ms;
-}
-void host_report_mute_state() {}
-void host_report_volume() {}
-void host_report_shuffle_repeat() {}
-void host_report_playback_status(int /*status*/) {}
 
 namespace {
 
@@ -112,26 +83,28 @@ uint64_t frames_at(uint64_t ms) {
     return format.sample_rate * ms / 1000;
 }
 
-class LongStream : public testing::Test {
+class LongStream : public CardSessions {
   protected:
     LongStream() {
-        card_.use_in_this_process();
-        fake_sdk::reset();
-        g_host = {};
-        uv_loop_init(&loop_);
-        renderer_ = audio_renderer_new(&loop_, "simcard", "simcard", "Master");
-        audio_renderer_set_core(renderer_, fake_sdk::core());
+        alarm(0);  // as long as it takes
+        journal::observe([this](const std::string& line) {
+            const std::string report = "host position ";
+            if (line.starts_with(report)) {
+                ++reports_;
+                const auto ms = std::stoull(line.substr(report.size()));
+                furthest_back_ms_ = std::max(furthest_back_ms_, last_ms_ - std::min(ms, last_ms_));
+                last_ms_ = ms;
+            }
+        });
+        make_renderer();
     }
-    ~LongStream() override {
-        audio_renderer_free(renderer_);
-        uv_run(&loop_, UV_RUN_DEFAULT);
-        EXPECT_EQ(uv_loop_close(&loop_), 0);
-    }
+    ~LongStream() override { journal::observe(nullptr); }
 
     void run(const ScriptedSdk& sdk) {
         while (!sdk.is_over()) {
             uv_run(&loop_, UV_RUN_ONCE);
-            fake_sdk::take_calls();  // they would add up
+            fake_sdk::take_calls();  // these would add up
+            journal::take();
         }
         EXPECT_TRUE(sdk.ended());
     }
@@ -160,10 +133,11 @@ class LongStream : public testing::Test {
         return settings;
     }
 
-    const TempDir directory_;
-    simcard::Card card_ = simcard::Card::create(directory_.path(), fast_card());
-    uv_loop_t loop_{};
-    audio_renderer* renderer_ = nullptr;
+    simcard::Card card_ = make_card(fast_card());
+    // To the host.
+    uint64_t reports_ = 0;
+    unsigned long long last_ms_ = 0;
+    unsigned long long furthest_back_ms_ = 0;
 };
 
 TEST_F(LongStream, HoursOfOneStreamAreCountedToTheFrameAndUseNothingUp) {
@@ -196,9 +170,9 @@ TEST_F(LongStream, HoursOfOneStreamAreCountedToTheFrameAndUseNothingUp) {
     EXPECT_EQ(counters.frames_dropped, 0U);
     EXPECT_EQ(counters.underruns, 0U);
     std::printf("soak: %" PRIu64 " frames, %" PRIu64 " positions checked, %" PRIu64 " reported\n",
-                frames, checks, g_host.reports - checks);
+                frames, checks, reports_ - checks);
     // A report from inside a write comes before the write's frames count.
-    EXPECT_LE(g_host.furthest_back_ms, buffer_ms + 1);
+    EXPECT_LE(furthest_back_ms_, buffer_ms + 1);
 
     EXPECT_GT(checks, frames / format.sample_rate);
     EXPECT_EQ(last.threads, settled.threads);

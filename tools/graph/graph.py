@@ -10,7 +10,7 @@ import subprocess
 import sys
 
 INCLUDE = re.compile(r'^\s*#include "([^"]+)"', re.MULTILINE)
-TREES = ("common", "src", "cores", "hosts", "kit", "tools/simcard")
+TREES = ("common", "src", "cores", "hosts", "controller", "kit", "tools/simcard")
 ROOTS = ("src", "cores", "hosts/linux", "kit", "tools/simcard", ".")
 
 

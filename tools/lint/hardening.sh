@@ -26,7 +26,7 @@ check() {
     expect "$file" 'fortified calls' '__[a-z]+_chk(@|$| )' --dyn-syms
 }
 
-for file in "$build"/bin/nuvio-connect "$build"/lib/libnuvio_{connect,host}.so; do
+for file in "$build"/bin/nuvio-connect{,-controller} "$build"/lib/libnuvio_{connect,host}.so; do
     check "$file"
 done
 exit $failed

@@ -116,7 +116,7 @@ show_buses() {
 show_discovery() {
     [ -n "$avahi" ] || busctl --system status org.freedesktop.Avahi >/dev/null 2>&1 || return 0
     for _ in $(seq 10); do
-        "$here/../find/find" >"$work/found" 2>/dev/null && grep -q "port $port" "$work/found" && break
+        "$build/bin/nuvio-connect-controller" find >"$work/found" 2>/dev/null && grep -q "port $port" "$work/found" && break
         sleep 0.5
     done
     echo "run: found on the network:"

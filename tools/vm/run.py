@@ -34,7 +34,7 @@ def command_line(folder):
     backends = [f"wav,id={name},path={folder}/{name}.wav,out.frequency={CARD_RATE}"
                 for name in RECORDINGS]
     return ["qemu-system-x86_64", "-accel", "tcg,thread=multi", "-cpu", "max", "-smp", "2",
-            "-m", "1024", "-display", "none", "-nic", "none",
+            "-m", "1024", "-nodefaults", "-display", "none",
             "-serial", f"file:{folder}/console", "-qmp", f"unix:{folder}/monitor,server,nowait",
             "-kernel", f"{folder}/vmlinuz", "-initrd", f"{folder}/initrd.img",
             "-append", "root=/dev/vda rw console=ttyS0 mitigations=off quiet",
@@ -70,7 +70,7 @@ def set_up_share(folder):
     from device import signal_samples, write_wav
     share = folder / "share"
     shutil.rmtree(share, ignore_errors=True)
-    for part in ("tests/cards", "tests/e2e", "tools/run"):
+    for part in ("tests/cards", "tools/run"):
         shutil.copytree(SOURCE / part, share / part)
     # Folder, then the tracks in it: rate, bytes of a sample, seconds.
     music = {"cd": [(44100, 2, 2.0), (44100, 2, 1.5)], "studio": [(96000, 3, 2.0)],

@@ -31,6 +31,8 @@ struct LinkTarget {
     std::string path;  // with the query
     std::string token;
     uint64_t expiry_s = 0;  // since 1970; 0: none
+    // A file of authorities to trust in the place of the system's; empty: the system's.
+    std::string authorities;
 };
 
 // None for a URL that is not ws:// or wss:// with a host, and for a token that no header can hold.

@@ -79,8 +79,8 @@ struct HelloMessage {
     std::string name;
     std::string manufacturer;
     std::string model;
-    nuv_device_type device_type = NUV_DEVICE_TYPE_SPEAKER;
-    nuv_audio_quality quality = NUV_AUDIO_QUALITY_CD;
+    std::string device_type;  // as the SDK names them
+    std::string quality;
     std::string sdk_version;
     size_t commands_per_second = 0;
     size_t command_burst = 0;

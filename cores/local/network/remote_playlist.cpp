@@ -8,13 +8,13 @@
 #include <memory>
 #include <utility>
 
+#include "common/m3u.h"
 #include "common/number.h"
 #include "common/released_by.h"
 #include "common/text.h"
 #include "common/utf8.h"
 #include "local/network/url.h"
 #include "local/texts/display_text.h"
-#include "local/texts/playlist.h"
 
 namespace local_core {
 
@@ -47,7 +47,7 @@ std::vector<Entry> parse_m3u(std::string_view text, size_t max_entries) {
         return {};
     }
     std::vector<Entry> entries;
-    for (PlaylistEntry& entry : parse_playlist(text, max_entries)) {
+    for (nuvio::PlaylistEntry& entry : nuvio::parse_m3u(text, max_entries)) {
         Entry& added = entries.emplace_back();
         added.location = std::move(entry.location);
         added.title = std::move(entry.title);

@@ -34,5 +34,9 @@ bool getModel(std::string& value) {
 }
 
 bool ChangeSettings(const SettingsChange& change, std::string& told) {
-    return nuvio::host::change_settings(change.items, change.alsaConfiguration, told);
+    const bool changed = nuvio::host::change_settings(change.items, change.alsaConfiguration, told);
+    if (changed) {
+        Host::instance().reload_settings();
+    }
+    return changed;
 }

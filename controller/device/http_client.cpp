@@ -1,0 +1,100 @@
+#include "controller/device/http_client.h"
+
+#include <curl/curl.h>
+
+#include <memory>
+
+#include "common/released_by.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+constexpr size_t kMaxAnswer = size_t{4} << 20U;
+constexpr long kConnectMs = 3'000;
+
+size_t on_data(const char* data, size_t, size_t size, void* context) {
+    auto* body = static_cast<std::string*>(context);
+    if (body->size() + size > kMaxAnswer) {
+        return 0;
+    }
+    body->append(data, size);
+    return size;
+}
+
+// "[fe80::1%25eth0]:8000" is how a URL has it.
+std::string host_of(const std::string& address, uint16_t port) {
+    std::string host = address;
+    if (address.find(':') != std::string::npos) {
+        const size_t scope = host.find('%');
+        host = "[" + (scope == std::string::npos ? host : host.replace(scope, 1, "%25")) + "]";
+    }
+    return host + ":" + std::to_string(port);
+}
+
+}  // namespace
+
+void start_http() {
+    curl_global_init(CURL_GLOBAL_DEFAULT);
+}
+
+HttpAnswer ask(const HttpRequest& request) {
+    const std::unique_ptr<CURL, ReleasedBy<curl_easy_cleanup>> curl(curl_easy_init());
+    const std::unique_ptr<curl_slist, ReleasedBy<curl_slist_free_all>> headers(
+        curl_slist_append(nullptr, "Content-Type: application/json"));
+    HttpAnswer answer;
+    if (curl == nullptr || headers == nullptr) {
+        answer.failure = "no memory";
+        return answer;
+    }
+    CURL* const handle = curl.get();
+    curl_easy_setopt(handle, CURLOPT_URL, request.url.c_str());
+    curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http");
+    curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, kConnectMs);
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, request.timeout_ms);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, on_data);
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &answer.body);
+    if (std::string_view(request.method) == "POST") {
+        curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
+                         static_cast<curl_off_t>(request.body.size()));
+        curl_easy_setopt(handle, CURLOPT_POSTFIELDS, request.body.c_str());
+    }
+    if (!request.user.empty()) {
+        curl_easy_setopt(handle, CURLOPT_USERPWD, request.user.c_str());
+    }
+    const CURLcode code = curl_easy_perform(handle);
+    long status = 0;
+    const char* local = nullptr;
+    curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
+    curl_easy_getinfo(handle, CURLINFO_LOCAL_IP, &local);
+    if (code == CURLE_OK) {
+        answer.status = static_cast<int>(status);
+        answer.local_address = local != nullptr ? local : "";
+    } else {
+        answer.failure = curl_easy_strerror(code);
+    }
+    return answer;
+}
+
+HttpAnswer ask_device(const FoundDevice& device, const char* method, const std::string& endpoint,
+                      const std::string& body, long timeout_ms) {
+    HttpAnswer answer;
+    answer.failure = "no address is known";
+    for (const std::string& address : device.addresses) {
+        answer = ask({.url = "http://" + host_of(address, device.port) + device.path +
+                             (device.path.ends_with('/') ? "" : "/") + endpoint,
+                      .method = method,
+                      .body = body,
+                      .user = {},
+                      .timeout_ms = timeout_ms});
+        if (answer.status != 0) {
+            break;
+        }
+    }
+    return answer;
+}
+
+}  // namespace nuvio::controller

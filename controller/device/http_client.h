@@ -1,0 +1,36 @@
+// Requests of the controller's own, by libcurl: to devices, and of the command line to a running
+// controller. Plain HTTP, no proxy, no redirects; an answer of more than 4 MiB is none.
+//
+// Threads  any; each call waits for its answer. `start_http` once, before other threads.
+#pragma once
+
+#include <string>
+
+#include "controller/discovery/discovery.h"
+
+namespace nuvio::controller {
+
+void start_http();
+
+struct HttpRequest {
+    std::string url;
+    const char* method = "GET";
+    std::string body;          // JSON, where the method is POST
+    std::string user;          // "name:password"; empty: none
+    long timeout_ms = 10'000;  // for all of it; the connection has 3 s
+};
+
+struct HttpAnswer {
+    int status = 0;  // 0: none came
+    std::string body;
+    std::string failure;        // why none came
+    std::string local_address;  // of this machine, as the peer sees it
+};
+
+HttpAnswer ask(const HttpRequest& request);
+
+// By the first of the device's addresses that takes the connection.
+HttpAnswer ask_device(const FoundDevice& device, const char* method, const std::string& endpoint,
+                      const std::string& body = {}, long timeout_ms = 10'000);
+
+}  // namespace nuvio::controller

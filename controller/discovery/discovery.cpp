@@ -1,0 +1,234 @@
+#include "controller/discovery/discovery.h"
+
+#include <avahi-client/client.h>
+#include <avahi-client/lookup.h>
+#include <avahi-common/address.h>
+#include <avahi-common/error.h>
+#include <avahi-common/malloc.h>
+#include <avahi-common/strlst.h>
+#include <avahi-common/thread-watch.h>
+#include <avahi-common/timeval.h>
+#include <net/if.h>
+
+#include <algorithm>
+#include <array>
+#include <map>
+#include <tuple>
+
+#include "common/released_by.h"
+#include "controller/base/log.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+constexpr char kServiceType[] = "_nuvio-connect._tcp";
+constexpr size_t kMaxInstances = 64;
+constexpr unsigned kFirstPauseMs = 1'000;
+constexpr unsigned kLongestPauseMs = 60'000;
+
+using ResolverPtr = std::unique_ptr<AvahiServiceResolver, ReleasedBy<avahi_service_resolver_free>>;
+
+bool is_ipv4(const std::string& address) {
+    return address.find(':') == std::string::npos;
+}
+
+// A link-local IPv6 address means nothing without its interface.
+std::string text_of(const AvahiAddress& address, AvahiIfIndex interface) {
+    std::array<char, AVAHI_ADDRESS_STR_MAX> text{};
+    avahi_address_snprint(text.data(), text.size(), &address);
+    std::array<char, IF_NAMESIZE> name{};
+    const bool is_scoped = std::string(text.data()).starts_with("fe80:") &&
+                           if_indextoname(static_cast<unsigned>(interface), name.data()) != nullptr;
+    return std::string(text.data()) + (is_scoped ? "%" + std::string(name.data()) : "");
+}
+
+std::string entry_of(const std::vector<std::string>& txt, const std::string& key) {
+    for (const std::string& entry : txt) {
+        if (entry.starts_with(key + "=")) {
+            return entry.substr(key.size() + 1);
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+// All but construction and destruction runs on Avahi's thread.
+class Discovery::Browser {
+  public:
+    explicit Browser(OnChange on_change)
+        : m_on_change(std::move(on_change)), m_poll(avahi_threaded_poll_new()) {
+        const AvahiPoll* api = avahi_threaded_poll_get(m_poll.get());
+        m_again = api->timeout_new(api, nullptr, on_again, this);
+        connect();
+        avahi_threaded_poll_start(m_poll.get());
+    }
+
+    ~Browser() {
+        avahi_threaded_poll_stop(m_poll.get());
+        disconnect();
+        avahi_threaded_poll_get(m_poll.get())->timeout_free(m_again);
+    }
+
+    Browser(const Browser&) = delete;
+    Browser& operator=(const Browser&) = delete;
+
+  private:
+    // What one network interface and protocol has of an instance, and where it leads to.
+    using Key = std::tuple<std::string, AvahiIfIndex, AvahiProtocol>;
+    struct Instance {
+        Browser* browser = nullptr;
+        std::vector<ResolverPtr> resolvers;
+        std::string path = "/";
+        uint16_t port = 0;
+        std::vector<std::string> txt;
+        std::map<AvahiProtocol, std::string> addresses;
+    };
+
+    void connect() {
+        int error = 0;
+        m_client.reset(avahi_client_new(avahi_threaded_poll_get(m_poll.get()), AVAHI_CLIENT_NO_FAIL,
+                                        on_client, this, &error));
+        if (m_client == nullptr) {
+            again_later(error);
+        }
+    }
+
+    // Never from inside a callback of the client.
+    void disconnect() {
+        m_instances.clear();
+        m_browser.reset();
+        m_client.reset();
+    }
+
+    void again_later(int error) {
+        if (m_pause_ms == kFirstPauseMs) {
+            log_line(LogLevel::warning,
+                     std::string("No devices are found without Avahi: ") + avahi_strerror(error));
+        }
+        timeval at{};
+        avahi_elapse_time(&at, m_pause_ms, 0);
+        avahi_threaded_poll_get(m_poll.get())->timeout_update(m_again, &at);
+        m_pause_ms = std::min(m_pause_ms * 2, kLongestPauseMs);
+    }
+
+    static void on_again(AvahiTimeout*, void* context) {
+        auto* self = static_cast<Browser*>(context);
+        self->disconnect();
+        self->report();
+        self->connect();
+    }
+
+    static void on_client(AvahiClient* client, AvahiClientState state, void* context) {
+        auto* self = static_cast<Browser*>(context);
+        if (state == AVAHI_CLIENT_FAILURE) {
+            self->again_later(avahi_client_errno(client));
+        } else if ((state == AVAHI_CLIENT_S_RUNNING || state == AVAHI_CLIENT_S_REGISTERING ||
+                    state == AVAHI_CLIENT_S_COLLISION) &&
+                   self->m_browser == nullptr) {
+            self->m_pause_ms = kFirstPauseMs;
+            self->m_browser.reset(
+                avahi_service_browser_new(client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, kServiceType,
+                                          nullptr, AvahiLookupFlags{}, on_browse, self));
+        }
+    }
+
+    static void on_browse(AvahiServiceBrowser* browser, AvahiIfIndex interface,
+                          AvahiProtocol protocol, AvahiBrowserEvent event, const char* name,
+                          const char* type, const char* domain, AvahiLookupResultFlags,
+                          void* context) {
+        auto* self = static_cast<Browser*>(context);
+        if (event == AVAHI_BROWSER_NEW) {
+            self->follow(avahi_service_browser_get_client(browser), {name, interface, protocol},
+                         type, domain);
+        } else if (event == AVAHI_BROWSER_REMOVE) {
+            self->m_instances.erase({name, interface, protocol});
+            self->report();
+        } else if (event == AVAHI_BROWSER_FAILURE) {
+            self->again_later(avahi_client_errno(avahi_service_browser_get_client(browser)));
+        }
+    }
+
+    // The resolvers stay, and report a moved device. A device may be shown by IPv6 alone although
+    // it serves IPv4 only, so both kinds of address are asked for.
+    void follow(AvahiClient* client, const Key& key, const char* type, const char* domain) {
+        if (m_instances.contains(key) || m_instances.size() >= kMaxInstances) {
+            return;
+        }
+        Instance& instance = m_instances[key];
+        instance.browser = this;
+        for (const AvahiProtocol addresses : {AVAHI_PROTO_INET, AVAHI_PROTO_INET6}) {
+            instance.resolvers.emplace_back(avahi_service_resolver_new(
+                client, std::get<1>(key), std::get<2>(key), std::get<0>(key).c_str(), type, domain,
+                addresses, AvahiLookupFlags{}, on_resolve, &instance));
+        }
+    }
+
+    static void on_resolve(AvahiServiceResolver*, AvahiIfIndex interface, AvahiProtocol,
+                           AvahiResolverEvent event, const char*, const char*, const char*,
+                           const char*, const AvahiAddress* address, uint16_t port,
+                           AvahiStringList* txt, AvahiLookupResultFlags, void* context) {
+        auto* instance = static_cast<Instance*>(context);
+        if (event != AVAHI_RESOLVER_FOUND || address == nullptr) {
+            return;
+        }
+        instance->port = port;
+        instance->addresses[address->proto] = text_of(*address, interface);
+        instance->txt.clear();
+        for (const AvahiStringList* entry = txt; entry != nullptr; entry = entry->next) {
+            instance->txt.emplace_back(reinterpret_cast<const char*>(entry->text), entry->size);
+        }
+        std::ranges::sort(instance->txt);
+        const std::string path = entry_of(instance->txt, "path");
+        instance->path = path.starts_with('/') ? path : "/";
+        instance->browser->report();
+    }
+
+    void report() {
+        std::map<std::string, FoundDevice> devices;
+        for (const auto& [key, instance] : m_instances) {
+            if (instance.addresses.empty()) {
+                continue;
+            }
+            const std::string& name = std::get<0>(key);
+            const std::string uuid = entry_of(instance.txt, "device_uuid");
+            FoundDevice& device = devices[uuid.empty() ? name : uuid];
+            device.id = uuid.empty() ? name : uuid;
+            device.name = name;
+            device.path = instance.path;
+            device.port = instance.port;
+            device.txt = instance.txt;
+            for (const auto& [protocol, address] : instance.addresses) {
+                if (std::ranges::find(device.addresses, address) == device.addresses.end()) {
+                    device.addresses.push_back(address);
+                }
+            }
+        }
+        std::vector<FoundDevice> all;
+        for (auto& [id, device] : devices) {
+            std::stable_partition(device.addresses.begin(), device.addresses.end(), is_ipv4);
+            all.push_back(std::move(device));
+        }
+        if (all != m_reported) {
+            m_reported = all;
+            m_on_change(all);
+        }
+    }
+
+    const OnChange m_on_change;
+    std::unique_ptr<AvahiThreadedPoll, ReleasedBy<avahi_threaded_poll_free>> m_poll;
+    AvahiTimeout* m_again = nullptr;
+    unsigned m_pause_ms = kFirstPauseMs;
+    std::unique_ptr<AvahiClient, ReleasedBy<avahi_client_free>> m_client;
+    std::unique_ptr<AvahiServiceBrowser, ReleasedBy<avahi_service_browser_free>> m_browser;
+    std::map<Key, Instance> m_instances;
+    std::vector<FoundDevice> m_reported;
+};
+
+Discovery::Discovery(OnChange on_change)
+    : m_browser(std::make_unique<Browser>(std::move(on_change))) {}
+
+Discovery::~Discovery() = default;
+
+}  // namespace nuvio::controller

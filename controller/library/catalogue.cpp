@@ -1,0 +1,232 @@
+#include "controller/library/catalogue.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "controller/base/log.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+constexpr int64_t kVersion = 1;
+
+// An album is what has one title and one album artist, or, where no album artist is said, one title
+// in one folder. `artist` null: several.
+constexpr char kSchema[] = R"(
+BEGIN;
+CREATE TABLE folders(id INTEGER PRIMARY KEY, root TEXT NOT NULL, below TEXT NOT NULL,
+    name TEXT NOT NULL, parent INTEGER NOT NULL, UNIQUE(root, below));
+CREATE INDEX folders_by_parent ON folders(parent, name);
+CREATE TABLE artists(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE);
+CREATE TABLE albums(id INTEGER PRIMARY KEY, title TEXT NOT NULL, artist INTEGER,
+    maker TEXT NOT NULL, year INTEGER NOT NULL, UNIQUE(title, maker));
+CREATE INDEX albums_by_artist ON albums(artist);
+CREATE INDEX albums_by_title ON albums(title COLLATE NOCASE);
+CREATE TABLE tracks(id INTEGER PRIMARY KEY, folder INTEGER NOT NULL, name TEXT NOT NULL,
+    size INTEGER NOT NULL, modified INTEGER NOT NULL, title TEXT NOT NULL, artist INTEGER NOT NULL,
+    album INTEGER NOT NULL, disc INTEGER NOT NULL, number INTEGER NOT NULL,
+    duration INTEGER NOT NULL, rate INTEGER NOT NULL, channels INTEGER NOT NULL,
+    bits INTEGER NOT NULL, UNIQUE(folder, name));
+CREATE INDEX tracks_by_album ON tracks(album, disc, number);
+CREATE INDEX tracks_by_artist ON tracks(artist);
+CREATE VIRTUAL TABLE track_words USING fts5(title, artist, album,
+    tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
+CREATE VIRTUAL TABLE album_words USING fts5(title, artist,
+    tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
+CREATE VIRTUAL TABLE artist_words USING fts5(name,
+    tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
+PRAGMA user_version = 1;
+COMMIT;
+)";
+
+void remove_files(const std::string& path) {
+    for (const char* end : {"", "-wal", "-shm"}) {
+        unlink((path + end).c_str());
+    }
+}
+
+Database open_or_make(const std::string& path) {
+    try {
+        Database database(path);
+        if (database.user_version() == kVersion) {
+            Statement check = database.prepare("PRAGMA quick_check(1)");
+            if (check.step() && check.text(0) == "ok") {
+                return database;
+            }
+        }
+    } catch (const DatabaseError& error) {
+        log_line(LogLevel::warning, std::string("The library is read anew: ") + error.what());
+    }
+    remove_files(path);
+    Database database(path);
+    database.run(kSchema);
+    return database;
+}
+
+}  // namespace
+
+Catalogue::Catalogue(const std::string& path)
+    : m_database(open_or_make(path)),
+      m_find_folder(m_database.prepare("SELECT id FROM folders WHERE root = ? AND below = ?")),
+      m_add_folder(
+          m_database.prepare("INSERT INTO folders(root, below, name, parent) VALUES(?, ?, ?, ?)")),
+      m_folder_at(m_database.prepare("SELECT root, below FROM folders WHERE id = ?")),
+      m_files_in(
+          m_database.prepare("SELECT name, id, size, modified FROM tracks WHERE folder = ?")),
+      m_folders_in(m_database.prepare("SELECT name, id FROM folders WHERE parent = ?")),
+      m_find_artist(m_database.prepare("SELECT id FROM artists WHERE name = ?")),
+      m_add_artist(m_database.prepare("INSERT INTO artists(name) VALUES(?)")),
+      m_find_album(m_database.prepare("SELECT id FROM albums WHERE title = ? AND maker = ?")),
+      m_add_album(
+          m_database.prepare("INSERT INTO albums(title, maker, artist, year) VALUES(?, ?, ?, ?)")),
+      m_put(m_database.prepare(
+          "INSERT INTO tracks(folder, name, size, modified, title, artist, album, disc, number,"
+          " duration, rate, channels, bits) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
+          " ON CONFLICT(folder, name) DO UPDATE SET size = excluded.size,"
+          " modified = excluded.modified, title = excluded.title, artist = excluded.artist,"
+          " album = excluded.album, disc = excluded.disc, number = excluded.number,"
+          " duration = excluded.duration, rate = excluded.rate, channels = excluded.channels,"
+          " bits = excluded.bits RETURNING id")),
+      m_unword(m_database.prepare("DELETE FROM track_words WHERE rowid = ?")),
+      m_word(m_database.prepare(
+          "INSERT INTO track_words(rowid, title, artist, album) VALUES(?, ?, ?, ?)")),
+      m_remove_file(m_database.prepare("DELETE FROM tracks WHERE id = ?")),
+      m_remove_folder(m_database.prepare("DELETE FROM folders WHERE id = ?")) {}
+
+void Catalogue::keep_only(const std::vector<std::string>& roots) {
+    std::vector<int64_t> unwanted;
+    Statement all = m_database.prepare("SELECT id, root FROM folders WHERE parent = 0");
+    while (all.step()) {
+        if (std::ranges::find(roots, all.text(1)) == roots.end()) {
+            unwanted.push_back(all.number(0));
+        }
+    }
+    all.reset();
+    std::vector<int64_t> gone;
+    for (const int64_t id : unwanted) {
+        remove_folder(id, &gone);
+    }
+}
+
+int64_t Catalogue::folder(const std::string& root, const std::string& below, std::string_view name,
+                          int64_t parent) {
+    if (m_find_folder.with(root, below).step()) {
+        const int64_t id = m_find_folder.number(0);
+        m_find_folder.reset();
+        return id;
+    }
+    m_add_folder.with(root, below, name, parent).run();
+    return m_database.last_id();
+}
+
+Catalogue::Folder Catalogue::folder_at(int64_t id) {
+    Folder folder{0, {}, {}};
+    if (m_folder_at.with(id).step()) {
+        folder = {id, m_folder_at.text(0), m_folder_at.text(1)};
+    }
+    m_folder_at.reset();
+    return folder;
+}
+
+std::map<std::string, Catalogue::KnownFile> Catalogue::files_in(int64_t folder) {
+    std::map<std::string, KnownFile> files;
+    m_files_in.with(folder);
+    while (m_files_in.step()) {
+        files[m_files_in.text(0)] = {m_files_in.number(1), m_files_in.number(2),
+                                     m_files_in.number(3)};
+    }
+    m_files_in.reset();
+    return files;
+}
+
+std::map<std::string, int64_t> Catalogue::folders_in(int64_t folder) {
+    std::map<std::string, int64_t> folders;
+    m_folders_in.with(folder);
+    while (m_folders_in.step()) {
+        folders[m_folders_in.text(0)] = m_folders_in.number(1);
+    }
+    m_folders_in.reset();
+    return folders;
+}
+
+int64_t Catalogue::artist(const std::string& name) {
+    const bool is_known = m_find_artist.with(name).step();
+    const int64_t id = is_known ? m_find_artist.number(0) : 0;
+    m_find_artist.reset();
+    if (is_known) {
+        return id;
+    }
+    m_add_artist.with(name).run();
+    return m_database.last_id();
+}
+
+int64_t Catalogue::album(const std::string& title, const std::string& album_artist, int64_t folder,
+                         uint32_t year) {
+    const std::string maker =
+        album_artist.empty() ? "/" + std::to_string(folder) : "=" + album_artist;
+    const bool is_known = m_find_album.with(title, maker).step();
+    const int64_t id = is_known ? m_find_album.number(0) : 0;
+    m_find_album.reset();
+    if (is_known) {
+        return id;
+    }
+    const int64_t by = album_artist.empty() ? 0 : artist(album_artist);
+    m_add_album.with(title, maker, by, year).run();
+    return m_database.last_id();
+}
+
+void Catalogue::put(int64_t folder, std::string_view folder_name, const std::string& name,
+                    const KnownFile& file, const Tags& tags) {
+    const std::string title = tags.title.empty() ? name.substr(0, name.rfind('.')) : tags.title;
+    const std::string album_title = tags.album.empty() ? std::string(folder_name) : tags.album;
+    const int64_t artist_id = artist(tags.artist);
+    const int64_t album_id = album(album_title, tags.album_artist, folder, tags.year);
+    m_put.with(folder, name, file.size, file.modified_ns, title, artist_id, album_id, tags.disc,
+               tags.number, tags.duration_ms, tags.rate_hz, tags.channels, tags.bits);
+    const int64_t id = m_put.step() ? m_put.number(0) : 0;
+    m_put.run();
+    m_unword.with(id).run();
+    m_word.with(id, title, tags.artist, album_title).run();
+}
+
+void Catalogue::remove_file(int64_t id) {
+    m_unword.with(id).run();
+    m_remove_file.with(id).run();
+}
+
+void Catalogue::remove_folder(int64_t id, std::vector<int64_t>* gone) {
+    for (const auto& [name, child] : folders_in(id)) {
+        remove_folder(child, gone);
+    }
+    for (const auto& [name, file] : files_in(id)) {
+        remove_file(file.id);
+    }
+    m_remove_folder.with(id).run();
+    gone->push_back(id);
+}
+
+int64_t Catalogue::track_count() {
+    Statement row = m_database.prepare("SELECT count(*) FROM tracks");
+    return row.step() ? row.number(0) : 0;
+}
+
+void Catalogue::tidy() {
+    m_database.run(R"(
+        DELETE FROM albums WHERE id NOT IN (SELECT album FROM tracks);
+        UPDATE albums SET artist = one.artist FROM
+            (SELECT album, CASE WHEN min(artist) = max(artist) THEN min(artist) END AS artist
+             FROM tracks GROUP BY album) AS one
+            WHERE one.album = albums.id AND maker LIKE '/%' AND albums.artist IS NOT one.artist;
+        DELETE FROM artists WHERE id NOT IN (SELECT artist FROM tracks)
+            AND id NOT IN (SELECT artist FROM albums WHERE artist IS NOT NULL);
+        DELETE FROM album_words;
+        INSERT INTO album_words(rowid, title, artist) SELECT albums.id, title,
+            coalesce(name, '') FROM albums LEFT JOIN artists ON artists.id = albums.artist;
+        DELETE FROM artist_words;
+        INSERT INTO artist_words(rowid, name) SELECT id, name FROM artists;
+    )");
+}
+
+}  // namespace nuvio::controller

@@ -1,0 +1,72 @@
+// The library's tables as the scanner writes them: folders, tracks, albums, artists, and the words
+// they are found by. A cache of what the music folders hold: a file of another version, or a
+// damaged one, is made anew.
+//
+// Threads  one at a time; the scanner's. Readers have connections of their own (`Shelf`).
+// Errors   DatabaseError.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "controller/library/database.h"
+#include "controller/library/tags.h"
+
+namespace nuvio::controller {
+
+class Catalogue {
+  public:
+    // Makes the file, its folders exist.
+    explicit Catalogue(const std::string& path);
+
+    struct KnownFile {
+        int64_t id;
+        int64_t size;
+        int64_t modified_ns;
+    };
+    struct Folder {
+        int64_t id;
+        std::string root;   // the music folder
+        std::string below;  // path below it
+    };
+
+    // Changes between these two become visible together, and survive a crash together.
+    void begin() { m_database.run("BEGIN IMMEDIATE"); }
+    void commit() { m_database.run("COMMIT"); }
+
+    // Music folders that are not in the list are forgotten with all that is in them.
+    void keep_only(const std::vector<std::string>& roots);
+    // The folder's id; it is made where there is none. `parent` is 0 for the music folder itself.
+    int64_t folder(const std::string& root, const std::string& below, std::string_view name,
+                   int64_t parent);
+    Folder folder_at(int64_t id);
+    std::map<std::string, KnownFile> files_in(int64_t folder);
+    std::map<std::string, int64_t> folders_in(int64_t folder);
+
+    // A new file, or one that has changed: then it keeps its id.
+    void put(int64_t folder, std::string_view folder_name, const std::string& name,
+             const KnownFile& file, const Tags& tags);
+    void remove_file(int64_t id);
+    // With everything below; appends the ids of all folders that are gone.
+    void remove_folder(int64_t id, std::vector<int64_t>* gone);
+
+    int64_t track_count();
+
+    // After changes: albums and artists without tracks go, an album of several artists says so.
+    void tidy();
+
+  private:
+    int64_t artist(const std::string& name);
+    int64_t album(const std::string& title, const std::string& album_artist, int64_t folder,
+                  uint32_t year);
+
+    Database m_database;
+    Statement m_find_folder, m_add_folder, m_folder_at, m_files_in, m_folders_in;
+    Statement m_find_artist, m_add_artist, m_find_album, m_add_album;
+    Statement m_put, m_unword, m_word, m_remove_file, m_remove_folder;
+};
+
+}  // namespace nuvio::controller

@@ -1,0 +1,203 @@
+#include "controller/library/library.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+
+#include "common/m3u.h"
+#include "common/number.h"
+#include "common/text.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+constexpr size_t kMaxPictureFile = size_t{8} << 20U;
+constexpr size_t kMaxPlaylistFile = size_t{1} << 20U;
+
+// Makes the file where it is missing or of another version.
+std::string made_database(const std::string& state_folder) {
+    std::string path = state_folder + "/library.db";
+    static_cast<void>(Catalogue(path));
+    return path;
+}
+
+// Empty: larger than `limit`, or not to be read.
+std::string read_whole(const UniqueFd& fd, size_t limit) {
+    std::string data;
+    std::array<char, 16384> buffer{};
+    ssize_t got = 0;
+    while (fd && (got = read(fd.get(), buffer.data(), buffer.size())) > 0) {
+        data.append(buffer.data(), static_cast<size_t>(got));
+        if (data.size() > limit) {
+            return {};
+        }
+    }
+    return got < 0 ? std::string() : data;
+}
+
+std::string parent_of(const std::string& below) {
+    const size_t slash = below.rfind('/');
+    return slash == std::string::npos ? std::string() : below.substr(0, slash + 1);
+}
+
+std::vector<Playable> playables(std::vector<Track> tracks) {
+    std::vector<Playable> items;
+    items.reserve(tracks.size());
+    for (Track& track : tracks) {
+        items.push_back({{}, {}, std::move(track)});
+    }
+    return items;
+}
+
+bool is_url(std::string_view text) {
+    return starts_with_ignoring_case(text, "http://") ||
+           starts_with_ignoring_case(text, "https://");
+}
+
+bool is_playlist_name(std::string_view name) {
+    return name.ends_with(".m3u") || name.ends_with(".m3u8");
+}
+
+}  // namespace
+
+Library::Library(const std::vector<std::string>& folders, const std::string& state_folder,
+                 std::function<void()> on_change)
+    : m_folders(folders),
+      m_database(made_database(state_folder)),
+      m_shelf(m_database),
+      m_scanner(m_folders, m_database, std::move(on_change)) {}
+
+std::optional<Library::File> Library::open_track(int64_t id) {
+    const std::optional<Track> track = m_shelf.track(id);
+    for (size_t i = 0; track && i < m_folders.count(); ++i) {
+        if (m_folders.path(i) == track->root) {
+            UniqueFd fd = m_folders.open_file(i, track->below);
+            std::string name = track->below.substr(track->below.rfind('/') + 1);
+            std::string type(audio_type_of(name));
+            return fd ? std::optional(File{std::move(fd), std::move(name), std::move(type)})
+                      : std::nullopt;
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<Picture> Library::picture_beside(const Track& track) {
+    const std::string folder = parent_of(track.below);
+    for (size_t i = 0; i < m_folders.count(); ++i) {
+        if (m_folders.path(i) != track.root) {
+            continue;
+        }
+        for (const char* name : {"cover.jpg", "folder.jpg", "front.jpg", "cover.png", "folder.png",
+                                 "front.png", "Cover.jpg", "Folder.jpg", "Front.jpg"}) {
+            std::string data = read_whole(m_folders.open_file(i, folder + name), kMaxPictureFile);
+            const std::string_view type = picture_type_of(data);
+            if (!type.empty()) {
+                return Picture{std::move(data), type};
+            }
+        }
+    }
+    return std::nullopt;
+}
+
+std::optional<Picture> Library::cover_of_album(int64_t id) {
+    const std::vector<Track> tracks = m_shelf.tracks_of_album(id, 3);
+    std::optional<Picture> picture;
+    if (!tracks.empty()) {
+        picture = picture_beside(tracks.front());
+    }
+    for (const Track& track : tracks) {
+        if (!picture) {
+            std::optional<File> file = open_track(track.id);
+            picture = file ? read_embedded_picture(std::move(file->fd)) : std::nullopt;
+        }
+    }
+    return picture;
+}
+
+Selection Library::select(const std::string& what) {
+    if (is_url(what)) {
+        return {{{what, {}, {}}}, {}};
+    }
+    if (what.starts_with('/')) {
+        return select_path(what);
+    }
+    const size_t colon = what.find(':');
+    const std::string kind = what.substr(0, colon);
+    const std::string rest = colon == std::string::npos ? "" : what.substr(colon + 1);
+    Selection selection;
+    if (kind == "search") {
+        selection.items = playables(best_match(rest));
+    } else if (const std::optional<int64_t> id = to_number<int64_t>(rest)) {
+        const std::optional<Track> track = kind == "track" ? m_shelf.track(*id) : std::nullopt;
+        selection.items =
+            playables(kind == "album"    ? m_shelf.tracks_of_album(*id, kMaxSelection)
+                      : kind == "artist" ? m_shelf.tracks_of_artist(*id, kMaxSelection)
+                      : kind == "folder" ? m_shelf.tracks_below(*id, kMaxSelection)
+                      : track            ? std::vector<Track>{*track}
+                                         : std::vector<Track>{});
+    }
+    if (selection.items.empty()) {
+        selection.failure = "nothing to play: " + what;
+    }
+    return selection;
+}
+
+// An album or an artist of that name rather than all tracks that have the words.
+std::vector<Track> Library::best_match(const std::string& words) {
+    Found found = m_shelf.search(words, 500);
+    if (!found.albums.empty()) {
+        return m_shelf.tracks_of_album(found.albums.front().id, kMaxSelection);
+    }
+    return found.artists.empty()
+               ? std::move(found.tracks)
+               : m_shelf.tracks_of_artist(found.artists.front().id, kMaxSelection);
+}
+
+Selection Library::select_path(const std::string& path) {
+    Selection selection;
+    for (const MusicFolders::Place& place : m_folders.places_of(path)) {
+        const std::string& root = m_folders.path(place.folder);
+        if (is_playlist_name(place.below)) {
+            selection = select_playlist(place);
+        } else if (const auto folder = m_shelf.folder_at(root, place.below)) {
+            selection.items = playables(m_shelf.tracks_below(*folder, kMaxSelection));
+        } else if (auto track = m_shelf.track_at(root, place.below)) {
+            selection.items.push_back({{}, {}, std::move(track)});
+        }
+        if (!selection.items.empty()) {
+            return selection;
+        }
+    }
+    selection.failure = "not in the library: " + path +
+                        (m_scanner.progress().is_scanning ? " (it is being read)" : "");
+    return selection;
+}
+
+// Entries that are no music of the library are passed over.
+Selection Library::select_playlist(const MusicFolders::Place& place) {
+    const std::string text =
+        read_whole(m_folders.open_file(place.folder, place.below), kMaxPlaylistFile);
+    Selection selection;
+    for (const PlaylistEntry& entry : parse_m3u(text, kMaxSelection)) {
+        if (is_url(entry.location)) {
+            selection.items.push_back({entry.location, entry.title, {}});
+            continue;
+        }
+        const std::string full =
+            entry.location.starts_with('/')
+                ? entry.location
+                : m_folders.path(place.folder) + "/" + parent_of(place.below) + entry.location;
+        for (const MusicFolders::Place& at : m_folders.places_of(full)) {
+            if (auto track = m_shelf.track_at(m_folders.path(at.folder), at.below)) {
+                selection.items.push_back({{}, {}, std::move(track)});
+                break;
+            }
+        }
+    }
+    return selection;
+}
+
+}  // namespace nuvio::controller

@@ -1,0 +1,77 @@
+// The music: its folders, what is in them, and the files themselves.
+//
+// Threads  any. Calls wait for the disk.
+// Errors   DatabaseError where the library's file fails.
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "common/unique_fd.h"
+#include "controller/library/music_folders.h"
+#include "controller/library/scanner.h"
+#include "controller/library/shelf.h"
+#include "controller/library/tags.h"
+
+namespace nuvio::controller {
+
+// What can be queued: a track of the library, or what lies elsewhere on the network.
+struct Playable {
+    std::string url;    // empty: `track`
+    std::string title;  // for a URL; possibly empty
+    std::optional<Track> track;
+};
+
+// Either what was asked for, or why it can't be had.
+struct Selection {
+    std::vector<Playable> items;
+    std::string failure;
+};
+
+class Library {
+  public:
+    // `state_folder` exists. `on_change` comes on the scanner's thread: progress() has changed, and
+    // possibly what there is.
+    Library(const std::vector<std::string>& folders, const std::string& state_folder,
+            std::function<void()> on_change);
+
+    Shelf& shelf() { return m_shelf; }
+    ScanProgress progress() const { return m_scanner.progress(); }
+    void request_scan() { m_scanner.request_scan(); }
+    size_t folder_count() const { return m_folders.count(); }
+
+    struct File {
+        UniqueFd fd;
+        std::string name;  // the last one of its path
+        std::string type;  // Content-Type
+    };
+    // None: no such track, or its file is gone.
+    std::optional<File> open_track(int64_t id);
+    // The picture beside the album's tracks (cover, folder or front, .jpg or .png), else the one
+    // embedded in one of the first three.
+    std::optional<Picture> cover_of_album(int64_t id);
+
+    // "track:ID", "album:ID", "artist:ID", "folder:ID", "search:WORDS" (an album, else an
+    // artist, else tracks), an http(s) URL, or a path of
+    // this machine below a music folder: an audio file, a folder, an M3U playlist. At most
+    // kMaxSelection tracks; the rest is left out.
+    Selection select(const std::string& what);
+
+    static constexpr int64_t kMaxSelection = 5'000;
+
+  private:
+    std::vector<Track> best_match(const std::string& words);
+    Selection select_path(const std::string& path);
+    Selection select_playlist(const MusicFolders::Place& place);
+    std::optional<Picture> picture_beside(const Track& track);
+
+    const MusicFolders m_folders;
+    const std::string m_database;  // made by the time its readers open it
+    Shelf m_shelf;
+    Scanner m_scanner;
+};
+
+}  // namespace nuvio::controller

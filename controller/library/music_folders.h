@@ -1,0 +1,50 @@
+// The folders whose music is offered, and the only way to their files. Nothing outside of them is
+// opened: a path is walked name by name, links are not followed, and what is neither a folder nor a
+// regular file is looked at, not opened (a FIFO's writer would go on, a device be armed).
+//
+// Threads  immutable once made; any thread. Each call may wait for the disk.
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "common/unique_fd.h"
+
+namespace nuvio::controller {
+
+// Paths below a folder are relative, their names joined by '/'; empty is the folder itself.
+class MusicFolders {
+  public:
+    // The paths, made absolute, links of their own resolved. One that is no folder is left out,
+    // with a log line: a disk may be missing today.
+    explicit MusicFolders(const std::vector<std::string>& paths);
+
+    size_t count() const { return m_folders.size(); }
+    const std::string& path(size_t folder) const { return m_folders[folder].path; }
+
+    // None where there is no such thing, it is of another kind, or a link is on the way.
+    UniqueFd open_folder(size_t folder, std::string_view below) const;
+    UniqueFd open_file(size_t folder, std::string_view below) const;
+
+    // Which folder a path of this machine lies in, and the path below it.
+    struct Place {
+        size_t folder;
+        std::string below;
+    };
+    // Empty where it lies in none, links resolved.
+    std::vector<Place> places_of(const std::string& path) const;
+
+  private:
+    struct Folder {
+        std::string path;
+        UniqueFd fd;
+    };
+
+    UniqueFd walk(size_t folder, std::string_view below, int flags) const;
+
+    std::vector<Folder> m_folders;
+};
+
+}  // namespace nuvio::controller

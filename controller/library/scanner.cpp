@@ -1,0 +1,345 @@
+#include "controller/library/scanner.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+
+#include "common/released_by.h"
+#include "controller/base/log.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+constexpr auto kBetweenWrites = std::chrono::milliseconds(500);
+// Programs that copy an album report each file: the folder is read when they pause.
+constexpr int kSettleMs = 400;
+constexpr int kLongestSettleMs = 5000;
+constexpr size_t kMaxDepth = 64;
+constexpr uint32_t kReports = IN_CLOSE_WRITE | IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO |
+                              IN_ONLYDIR | IN_EXCL_UNLINK;
+
+std::string joined(const std::string& below, std::string_view name) {
+    return below.empty() ? std::string(name) : below + "/" + std::string(name);
+}
+
+std::string_view last_name(std::string_view path) {
+    return path.substr(path.rfind('/') + 1);
+}
+
+int64_t nanoseconds(const timespec& time) {
+    return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
+}
+
+}  // namespace
+
+struct Scanner::Listing {
+    std::map<std::string, Catalogue::KnownFile> files;
+    std::set<std::string> folders;
+};
+
+Scanner::Scanner(const MusicFolders& folders, const std::string& catalogue_path,
+                 std::function<void()> on_change)
+    : m_folders(folders),
+      m_path(catalogue_path),
+      m_on_change(std::move(on_change)),
+      m_reports(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
+      m_wake_up(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
+      m_thread([this] { run(); }) {}
+
+Scanner::~Scanner() {
+    m_is_ending = true;
+    eventfd_write(m_wake_up.get(), 1);
+    m_thread.join();
+}
+
+void Scanner::request_scan() {
+    m_is_scan_wanted = true;
+    eventfd_write(m_wake_up.get(), 1);
+}
+
+ScanProgress Scanner::progress() const {
+    const std::scoped_lock lock(m_mutex);
+    return m_progress;
+}
+
+size_t Scanner::root_index(const std::string& root) const {
+    size_t index = 0;
+    while (index < m_folders.count() && m_folders.path(index) != root) {
+        ++index;
+    }
+    return index;
+}
+
+void Scanner::run() {
+    while (!m_is_ending) {
+        if (m_is_scan_wanted.exchange(false)) {
+            scan([this] { scan_everything(); });
+        } else if (!m_changed.empty()) {
+            scan([this] { scan_changed(); });
+        }
+        wait_and_follow();
+    }
+}
+
+// Whatever fails is tried again with the next change or request.
+template <typename Work>
+void Scanner::scan(Work work) {
+    {
+        const std::scoped_lock lock(m_mutex);
+        m_progress.is_scanning = true;
+        m_progress.files_seen = m_progress.files_changed = 0;
+    }
+    m_on_change();
+    std::string failure;
+    try {
+        if (m_catalogue == nullptr) {
+            m_catalogue = std::make_unique<Catalogue>(m_path);
+        }
+        m_last_write = Clock::now();
+        m_catalogue->begin();
+        work();
+        if (std::exchange(m_is_dirty, false)) {
+            m_catalogue->tidy();
+        }
+        m_catalogue->commit();
+        note_tracks();
+    } catch (const DatabaseError& error) {
+        failure = error.what();
+        log_line(LogLevel::error, "The library can't be written: " + failure);
+        m_catalogue.reset();
+    }
+    finish(failure);
+}
+
+void Scanner::note_tracks() {
+    const int64_t tracks = m_catalogue->track_count();
+    const std::scoped_lock lock(m_mutex);
+    m_progress.tracks = tracks;
+    m_progress.revision += m_progress.files_changed > 0 ? 1 : 0;
+}
+
+void Scanner::finish(const std::string& failure) {
+    {
+        const std::scoped_lock lock(m_mutex);
+        m_progress.is_scanning = false;
+        m_progress.failure = failure;
+    }
+    m_on_change();
+}
+
+void Scanner::scan_everything() {
+    m_changed.clear();
+    std::vector<std::string> roots;
+    for (size_t i = 0; i < m_folders.count(); ++i) {
+        roots.push_back(m_folders.path(i));
+    }
+    m_catalogue->keep_only(roots);
+    for (const std::string& root : roots) {
+        scan_below(root, "", m_catalogue->folder(root, "", last_name(root), 0), true);
+    }
+}
+
+void Scanner::scan_changed() {
+    for (const int64_t id : std::exchange(m_changed, {})) {
+        const Catalogue::Folder folder = m_catalogue->folder_at(id);
+        if (folder.id != 0) {
+            scan_below(folder.root, folder.below, id, false);
+        }
+    }
+}
+
+// `deep`: all folders below; else only those that are new.
+void Scanner::scan_below(const std::string& root, const std::string& below, int64_t id, bool deep) {
+    struct Task {
+        std::string below;
+        int64_t id;
+    };
+    std::vector<Task> tasks{{below, id}};
+    while (!tasks.empty() && !m_is_ending) {
+        const Task task = std::move(tasks.back());
+        tasks.pop_back();
+        Listing listing;
+        if (!list(root_index(root), task.below, task.id, &listing)) {
+            continue;
+        }
+        const auto known = m_catalogue->folders_in(task.id);
+        m_is_dirty = compare(root, task.below, task.id, listing) || m_is_dirty;
+        const bool is_deep_enough =
+            static_cast<size_t>(std::ranges::count(task.below, '/')) >= kMaxDepth;
+        for (const std::string& name : listing.folders) {
+            if (!is_deep_enough && (deep || !known.contains(name))) {
+                const std::string path = joined(task.below, name);
+                tasks.push_back({path, m_catalogue->folder(root, path, name, task.id)});
+            }
+        }
+    }
+}
+
+// Watched before it is read, so that no change falls between.
+bool Scanner::list(size_t root, const std::string& below, int64_t id, Listing* listing) {
+    UniqueFd fd = root < m_folders.count() ? m_folders.open_folder(root, below) : UniqueFd();
+    if (!fd) {
+        return false;
+    }
+    watch(id, fd.get());
+    const std::unique_ptr<DIR, ReleasedBy<closedir>> folder(fdopendir(fd.get()));
+    if (folder == nullptr) {
+        return false;
+    }
+    const int folder_fd = fd.release();  // the DIR's now
+    errno = 0;
+    while (const dirent* entry = readdir(folder.get())) {
+        const std::string name = entry->d_name;
+        struct stat status {};
+        if (name.starts_with('.') ||
+            fstatat(folder_fd, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
+            continue;
+        }
+        if (S_ISDIR(status.st_mode)) {
+            listing->folders.insert(name);
+        } else if (S_ISREG(status.st_mode) && is_audio_name(name)) {
+            listing->files[name] = {0, status.st_size, nanoseconds(status.st_mtim)};
+        }
+        errno = 0;
+    }
+    return errno == 0;
+}
+
+// Brings the catalogue's folder in line with the disk's; true when something was to be done.
+bool Scanner::compare(const std::string& root, const std::string& below, int64_t id,
+                      const Listing& listing) {
+    int64_t changed = 0;
+    std::vector<int64_t> gone;
+    const auto known_files = m_catalogue->files_in(id);
+    const std::string_view folder_name = last_name(below.empty() ? root : below);
+    for (const auto& [name, file] : listing.files) {
+        const auto known = known_files.find(name);
+        const bool is_same = known != known_files.end() && known->second.size == file.size &&
+                             known->second.modified_ns == file.modified_ns;
+        if (!is_same && !m_is_ending) {
+            m_catalogue->put(id, folder_name, name, file,
+                             read_tags(m_folders.open_file(root_index(root), joined(below, name))));
+            ++changed;
+            write_what_is_due();
+        }
+    }
+    for (const auto& [name, file] : known_files) {
+        if (!listing.files.contains(name)) {
+            m_catalogue->remove_file(file.id);
+            ++changed;
+        }
+    }
+    for (const auto& [name, folder] : m_catalogue->folders_in(id)) {
+        if (!listing.folders.contains(name)) {
+            m_catalogue->remove_folder(folder, &gone);
+            ++changed;
+        }
+    }
+    unwatch(gone);
+    {
+        const std::scoped_lock lock(m_mutex);
+        m_progress.files_seen += static_cast<int64_t>(listing.files.size());
+        m_progress.files_changed += changed;
+    }
+    write_what_is_due();
+    return changed != 0;
+}
+
+// What has been read so far can be found while the rest is read.
+void Scanner::write_what_is_due() {
+    if (Clock::now() - m_last_write > kBetweenWrites) {
+        m_catalogue->commit();
+        note_tracks();
+        m_on_change();
+        m_catalogue->begin();
+        m_last_write = Clock::now();
+    }
+}
+
+void Scanner::watch(int64_t folder, int fd) {
+    const int id = inotify_add_watch(m_reports.get(),
+                                     ("/proc/self/fd/" + std::to_string(fd)).c_str(), kReports);
+    if (id < 0) {
+        if (!std::exchange(m_has_said_watches_are_few, true)) {
+            log_line(LogLevel::warning, "Changes in some folders are seen by a scan only: " +
+                                            std::string(std::strerror(errno)) +
+                                            " (fs.inotify.max_user_watches)");
+        }
+        return;
+    }
+    m_folder_of_watch[id] = folder;
+    m_watch_of_folder[folder] = id;
+}
+
+// A folder that was moved has its watch at its new place already.
+void Scanner::unwatch(const std::vector<int64_t>& folders) {
+    for (const int64_t folder : folders) {
+        const auto watch = m_watch_of_folder.find(folder);
+        if (watch == m_watch_of_folder.end()) {
+            continue;
+        }
+        const auto owner = m_folder_of_watch.find(watch->second);
+        if (owner != m_folder_of_watch.end() && owner->second == folder) {
+            inotify_rm_watch(m_reports.get(), watch->second);
+            m_folder_of_watch.erase(owner);
+        }
+        m_watch_of_folder.erase(watch);
+    }
+}
+
+// Until there is something to do; after the first report until a pause in them.
+void Scanner::wait_and_follow() {
+    std::array<pollfd, 2> waits{{{m_reports.get(), POLLIN, 0}, {m_wake_up.get(), POLLIN, 0}}};
+    const auto begin = Clock::now();
+    while (!m_is_ending && !m_is_scan_wanted) {
+        const bool has_changes = !m_changed.empty();
+        if (has_changes && Clock::now() - begin > std::chrono::milliseconds(kLongestSettleMs)) {
+            return;
+        }
+        const int ready = poll(waits.data(), waits.size(), has_changes ? kSettleMs : -1);
+        if (ready == 0) {
+            return;
+        }
+        eventfd_t ignored = 0;
+        eventfd_read(m_wake_up.get(), &ignored);
+        read_reports();
+    }
+}
+
+void Scanner::read_reports() {
+    alignas(inotify_event) std::array<char, 16384> buffer;
+    ssize_t got = 0;
+    while ((got = read(m_reports.get(), buffer.data(), buffer.size())) > 0) {
+        for (ssize_t at = 0; at < got;) {
+            inotify_event report{};
+            std::memcpy(&report, buffer.data() + at, sizeof report);
+            at += static_cast<ssize_t>(sizeof report + report.len);
+            if ((report.mask & IN_Q_OVERFLOW) != 0) {
+                m_is_scan_wanted = true;
+            }
+            const auto folder = m_folder_of_watch.find(report.wd);
+            if (folder == m_folder_of_watch.end()) {
+                continue;
+            }
+            if ((report.mask & IN_IGNORED) != 0) {
+                m_watch_of_folder.erase(folder->second);
+                m_folder_of_watch.erase(folder);
+            } else if ((report.mask & (IN_CREATE | IN_ISDIR)) != IN_CREATE) {
+                m_changed.insert(folder->second);  // a new file is read when it has been written
+            }
+        }
+    }
+}
+
+}  // namespace nuvio::controller

@@ -1,0 +1,93 @@
+// Keeps the catalogue true: reads the music folders in the background, then follows the kernel's
+// reports of changes (inotify).
+//
+// Threads  one of its own, from construction to destruction; request_scan and progress from any.
+//          `on_change` is called on it, at most twice a second while it reads.
+// Disks    a folder that can't be read keeps what is known of it: a disk may be away for a while.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <vector>
+
+#include "common/unique_fd.h"
+#include "controller/library/catalogue.h"
+#include "controller/library/music_folders.h"
+
+namespace nuvio::controller {
+
+struct ScanProgress {
+    bool is_scanning = false;
+    int64_t files_seen = 0;     // in this scan
+    int64_t files_changed = 0;  // of these read, or gone
+    int64_t tracks = 0;         // in the library
+    int64_t revision = 0;       // grows when something in the library may have changed
+    std::string failure;        // of the last scan: the library's file can't be written, say
+};
+
+class Scanner {
+  public:
+    // Borrows the folders.
+    Scanner(const MusicFolders& folders, const std::string& catalogue_path,
+            std::function<void()> on_change);
+    ~Scanner();
+    Scanner(const Scanner&) = delete;
+    Scanner& operator=(const Scanner&) = delete;
+
+    // Everything once more; soon.
+    void request_scan();
+    ScanProgress progress() const;
+
+  private:
+    struct Listing;
+
+    void run();
+    void wait_and_follow();
+    void scan_everything();
+    void scan_changed();
+    void scan_below(const std::string& root, const std::string& below, int64_t id, bool deep);
+    bool compare(const std::string& root, const std::string& below, int64_t id,
+                 const Listing& listing);
+    bool list(size_t root, const std::string& below, int64_t id, Listing* listing);
+    void watch(int64_t folder, int fd);
+    void unwatch(const std::vector<int64_t>& folders);
+    void read_reports();
+    void write_what_is_due();
+    void note_tracks();
+    void finish(const std::string& failure);
+    size_t root_index(const std::string& root) const;
+    template <typename Work>
+    void scan(Work work);
+
+    const MusicFolders& m_folders;
+    const std::string m_path;
+    const std::function<void()> m_on_change;
+    UniqueFd m_reports;  // inotify
+    UniqueFd m_wake_up;
+    std::atomic<bool> m_is_ending = false;
+    std::atomic<bool> m_is_scan_wanted = true;
+
+    mutable std::mutex m_mutex;
+    ScanProgress m_progress;  // under m_mutex
+
+    // The thread's own.
+    std::unique_ptr<Catalogue> m_catalogue;
+    std::map<int, int64_t> m_folder_of_watch;
+    std::map<int64_t, int> m_watch_of_folder;
+    std::set<int64_t> m_changed;  // folders
+    bool m_has_said_watches_are_few = false;
+    bool m_is_dirty = false;  // since the last tidy()
+    std::chrono::steady_clock::time_point m_last_write;
+
+    std::thread m_thread;
+};
+
+}  // namespace nuvio::controller

@@ -1,0 +1,210 @@
+#include "controller/library/shelf.h"
+
+#include "common/utf8.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+constexpr size_t kMaxSearchBytes = 200;
+constexpr size_t kMaxWords = 8;
+
+constexpr char kTrackColumns[] =
+    "SELECT tracks.id, tracks.title, artists.name, albums.title, tracks.album, tracks.artist,"
+    " folders.root, folders.below, tracks.name, disc, number, duration, rate, channels, bits"
+    " FROM tracks JOIN folders ON folders.id = tracks.folder"
+    " JOIN artists ON artists.id = tracks.artist JOIN albums ON albums.id = tracks.album ";
+
+constexpr char kAlbumColumns[] =
+    "SELECT albums.id, albums.title, coalesce(artists.name, ''), coalesce(albums.artist, 0), year,"
+    " (SELECT count(*) FROM tracks WHERE album = albums.id)"
+    " FROM albums LEFT JOIN artists ON artists.id = albums.artist ";
+
+constexpr char kArtistColumns[] =
+    "SELECT id, name, (SELECT count(*) FROM albums WHERE artist = artists.id) FROM artists ";
+
+Album read_album(const Statement& row) {
+    return {row.number(0), row.text(1), row.text(2), row.number(3), row.number(4), row.number(5)};
+}
+
+std::vector<Album> read_albums(Statement& rows) {
+    std::vector<Album> albums;
+    while (rows.step()) {
+        albums.push_back(read_album(rows));
+    }
+    return albums;
+}
+
+std::vector<Artist> read_artists(Statement& rows) {
+    std::vector<Artist> artists;
+    while (rows.step()) {
+        artists.push_back({rows.number(0), rows.text(1), rows.number(2)});
+    }
+    return artists;
+}
+
+std::string join_path(const std::string& below, const std::string& name) {
+    return below.empty() ? name : below + "/" + name;
+}
+
+// "don't stop" asks for words that begin with "don", "t" and "stop". What is no letter or digit
+// separates, as the index has it.
+std::string match_of(const std::string& text) {
+    std::string match;
+    std::string word;
+    size_t words = 0;
+    const auto end_word = [&] {
+        if (!word.empty() && words < kMaxWords) {
+            match += (match.empty() ? "\"" : " \"") + word + "\"*";
+            ++words;
+        }
+        word.clear();
+    };
+    for (const char c : beginning(text, kMaxSearchBytes)) {
+        const bool is_ascii = static_cast<unsigned char>(c) < 0x80;
+        const bool is_letter =
+            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || !is_ascii;
+        if (is_letter) {
+            word += c;
+        } else {
+            end_word();
+        }
+    }
+    end_word();
+    return match;
+}
+
+}  // namespace
+
+std::vector<Track> Shelf::read_tracks(Statement& rows) {
+    std::vector<Track> tracks;
+    while (rows.step()) {
+        tracks.push_back({rows.number(0), rows.text(1), rows.text(2), rows.text(3), rows.number(4),
+                          rows.number(5), rows.text(6), join_path(rows.text(7), rows.text(8)),
+                          rows.number(9), rows.number(10), rows.number(11), rows.number(12),
+                          rows.number(13), rows.number(14)});
+    }
+    return tracks;
+}
+
+std::vector<Track> Shelf::tracks(const char* condition, int64_t id, int64_t limit) {
+    const std::scoped_lock lock(m_mutex);
+    Statement rows = m_database.prepare(std::string(kTrackColumns) + condition);
+    return read_tracks(rows.with(id, limit));
+}
+
+std::vector<Album> Shelf::albums(Page page) {
+    const std::scoped_lock lock(m_mutex);
+    Statement rows = m_database.prepare(std::string(kAlbumColumns) +
+                                        "ORDER BY albums.title COLLATE NOCASE LIMIT ? OFFSET ?");
+    return read_albums(rows.with(page.count, page.first));
+}
+
+std::vector<Album> Shelf::albums_of_artist(int64_t artist) {
+    const std::scoped_lock lock(m_mutex);
+    Statement rows = m_database.prepare(
+        std::string(kAlbumColumns) +
+        "WHERE albums.artist = ?1 OR albums.id IN (SELECT album FROM tracks WHERE artist = ?1)"
+        " ORDER BY year, albums.title COLLATE NOCASE LIMIT 500");
+    return read_albums(rows.with(artist));
+}
+
+std::vector<Artist> Shelf::artists(Page page) {
+    const std::scoped_lock lock(m_mutex);
+    Statement rows =
+        m_database.prepare(std::string(kArtistColumns) +
+                           "WHERE name != '' ORDER BY name COLLATE NOCASE LIMIT ? OFFSET ?");
+    return read_artists(rows.with(page.count, page.first));
+}
+
+std::optional<Album> Shelf::album(int64_t id) {
+    const std::scoped_lock lock(m_mutex);
+    Statement row = m_database.prepare(std::string(kAlbumColumns) + "WHERE albums.id = ?");
+    return row.with(id).step() ? std::optional(read_album(row)) : std::nullopt;
+}
+
+FolderPage Shelf::folder(int64_t id) {
+    FolderPage page;
+    {
+        const std::scoped_lock lock(m_mutex);
+        Statement own = m_database.prepare("SELECT id, parent, name FROM folders WHERE id = ?");
+        if (own.with(id).step()) {
+            page = {own.number(0), own.number(1), own.text(2), {}, {}};
+        }
+        Statement rows = m_database.prepare(
+            "SELECT id, name FROM folders WHERE parent = ? ORDER BY name COLLATE NOCASE");
+        rows.with(id);
+        while (rows.step()) {
+            page.folders.push_back({rows.number(0), rows.text(1)});
+        }
+    }
+    page.tracks = tracks("WHERE tracks.folder = ? ORDER BY tracks.name LIMIT ?", id, 5000);
+    return page;
+}
+
+std::optional<int64_t> Shelf::folder_at(const std::string& root, const std::string& below) {
+    const std::scoped_lock lock(m_mutex);
+    Statement row = m_database.prepare("SELECT id FROM folders WHERE root = ? AND below = ?");
+    return row.with(root, below).step() ? std::optional(row.number(0)) : std::nullopt;
+}
+
+std::optional<Track> Shelf::track(int64_t id) {
+    const std::vector<Track> found = tracks("WHERE tracks.id = ? LIMIT ?", id, 1);
+    return found.empty() ? std::nullopt : std::optional(found.front());
+}
+
+std::optional<Track> Shelf::track_at(const std::string& root, const std::string& below) {
+    const size_t slash = below.rfind('/');
+    const std::string folder = slash == std::string::npos ? "" : below.substr(0, slash);
+    const std::string name = slash == std::string::npos ? below : below.substr(slash + 1);
+    const std::scoped_lock lock(m_mutex);
+    Statement rows = m_database.prepare(std::string(kTrackColumns) +
+                                        "WHERE root = ? AND below = ? AND "
+                                        "tracks.name = ?");
+    const std::vector<Track> found = read_tracks(rows.with(root, folder, name));
+    return found.empty() ? std::nullopt : std::optional(found.front());
+}
+
+std::vector<Track> Shelf::tracks_of_album(int64_t album, int64_t limit) {
+    return tracks("WHERE tracks.album = ? ORDER BY disc, number, tracks.name LIMIT ?", album,
+                  limit);
+}
+
+std::vector<Track> Shelf::tracks_of_artist(int64_t artist, int64_t limit) {
+    return tracks(
+        "WHERE tracks.artist = ?1 OR albums.artist = ?1"
+        " ORDER BY albums.year, albums.title, disc, number, tracks.name LIMIT ?2",
+        artist, limit);
+}
+
+std::vector<Track> Shelf::tracks_below(int64_t folder, int64_t limit) {
+    return tracks(
+        "JOIN folders AS top ON top.id = ?1 WHERE folders.root = top.root AND (top.below = '' OR"
+        " folders.below = top.below OR substr(folders.below, 1, length(top.below) + 1) ="
+        " top.below || '/') ORDER BY folders.below, disc, number, tracks.name LIMIT ?2",
+        folder, limit);
+}
+
+Found Shelf::search(const std::string& text, int64_t limit) {
+    const std::string match = match_of(text);
+    Found found;
+    if (match.empty()) {
+        return found;
+    }
+    const std::scoped_lock lock(m_mutex);
+    Statement artists = m_database.prepare(
+        std::string(kArtistColumns) +
+        "WHERE id IN (SELECT rowid FROM artist_words WHERE artist_words MATCH ? LIMIT ?)");
+    found.artists = read_artists(artists.with(match, limit));
+    Statement albums = m_database.prepare(
+        std::string(kAlbumColumns) +
+        "WHERE albums.id IN (SELECT rowid FROM album_words WHERE album_words MATCH ? LIMIT ?)");
+    found.albums = read_albums(albums.with(match, limit));
+    Statement rows = m_database.prepare(
+        std::string(kTrackColumns) +
+        "WHERE tracks.id IN (SELECT rowid FROM track_words WHERE track_words MATCH ? LIMIT ?)");
+    found.tracks = read_tracks(rows.with(match, limit));
+    return found;
+}
+
+}  // namespace nuvio::controller

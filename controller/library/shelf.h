@@ -1,0 +1,95 @@
+// Reading the library: what there is, page by page, and the search.
+//
+// Threads  any; one question at a time, each on a snapshot of its own. Waits for the disk.
+// Errors   DatabaseError. Unknown ids lead to empty answers.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "controller/library/database.h"
+
+namespace nuvio::controller {
+
+struct Track {
+    int64_t id = 0;
+    std::string title, artist, album;
+    int64_t album_id = 0, artist_id = 0;
+    std::string root, below;  // music folder, and path below it
+    int64_t disc = 0, number = 0, duration_ms = 0, rate_hz = 0, channels = 0, bits = 0;
+};
+
+struct Album {
+    int64_t id = 0;
+    std::string title, artist;  // artist empty: several, or not said
+    int64_t artist_id = 0, year = 0, track_count = 0;
+};
+
+struct Artist {
+    int64_t id = 0;
+    std::string name;  // empty: not said
+    int64_t album_count = 0;
+};
+
+struct SubFolder {
+    int64_t id = 0;
+    std::string name;
+};
+
+struct FolderPage {
+    int64_t id = 0, parent = 0;
+    std::string name;
+    std::vector<SubFolder> folders;
+    std::vector<Track> tracks;
+};
+
+struct Found {
+    std::vector<Artist> artists;
+    std::vector<Album> albums;
+    std::vector<Track> tracks;
+};
+
+class Shelf {
+  public:
+    // The file that a Catalogue has made.
+    explicit Shelf(const std::string& path) : m_database(path) {}
+
+    struct Page {
+        int64_t first = 0;
+        int64_t count = 100;
+    };
+
+    // By title; of one artist (his own, and those that he plays on) by year.
+    std::vector<Album> albums(Page page);
+    std::vector<Album> albums_of_artist(int64_t artist);
+    std::vector<Artist> artists(Page page);
+    std::optional<Album> album(int64_t id);
+    // 0: the music folders.
+    FolderPage folder(int64_t id);
+    // The folder's id at a place below a music folder.
+    std::optional<int64_t> folder_at(const std::string& root, const std::string& below);
+
+    std::optional<Track> track(int64_t id);
+    std::optional<Track> track_at(const std::string& root, const std::string& below);
+    // In playing order, at most `limit`.
+    std::vector<Track> tracks_of_album(int64_t album, int64_t limit);
+    std::vector<Track> tracks_of_artist(int64_t artist, int64_t limit);
+    std::vector<Track> tracks_below(int64_t folder, int64_t limit);
+
+    // What has all words of the text, each as the beginning of a word; case and accents do not
+    // matter. At most `limit` of each kind.
+    Found search(const std::string& text, int64_t limit);
+
+  private:
+    std::vector<Track> tracks(const char* condition, int64_t id, int64_t limit);
+    std::vector<Track> read_tracks(Statement& rows);
+
+    std::mutex m_mutex;
+    Database m_database;
+};
+
+}  // namespace nuvio::controller

@@ -1,0 +1,76 @@
+// The devices: what each plays, its volume; which one the other screens are about.
+import { cover, element, icon_button, request } from "./elements.js";
+import { command, devices, select, selected, state } from "./state.js";
+
+const kQualities = { CD: "16 bit / 48 kHz", HI_RES_LEVEL_1: "24 bit / 96 kHz",
+                     HI_RES_LEVEL_2: "24 bit / 192 kHz", HI_RES_LEVEL_3: "24 bit / 768 kHz" };
+
+function what_it_does(device) {
+  if (!device.present && !device.connected) return ["Not on the network", "quiet"];
+  if (device.reach === "failed") {
+    return ["Can't be reached: " + device.failure + ". Is it switched on and in this network?", "warn"];
+  }
+  if (device.reach === "asking" && !device.connected) return ["Is being reached …", "quiet"];
+  if (device.session === "other") return ["Another controller plays here. Playing something takes it over.", "warn"];
+  if (device.session !== "us") return ["Free", "quiet"];
+  if (!device.connected) return ["Plays on; its connection is expected back …", "warn"];
+  return [{ playing: "Playing", paused: "Paused", stopped: "Stopped" }[device.playback], "quiet"];
+}
+
+// A slider that follows the device but not under the finger; the device has the last word.
+export function volume_row(device) {
+  const label = "Volume of " + device.name;
+  const slider = element("input", { type: "range", min: 0, max: 100, value: device.volume ?? 0,
+                                    "aria-label": label, "data-key": "volume-" + device.id });
+  let last = 0;
+  const send = (at_once) => {
+    if (!at_once && performance.now() - last < 150) return;
+    last = performance.now();
+    command(device, "volume", { volume: Number(slider.value) }, { volume: Number(slider.value) });
+  };
+  slider.addEventListener("input", () => send(false));
+  slider.addEventListener("change", () => send(true));
+  return element("div", { class: "row" },
+    icon_button(device.muted ? "muted" : "volume", device.muted ? "Unmute" : "Mute",
+                () => command(device, "mute", { muted: !device.muted }, { muted: !device.muted }),
+                { "aria-pressed": String(Boolean(device.muted)), "data-key": "mute-" + device.id }),
+    slider,
+    element("span", { class: "number" }, device.volume === undefined ? "–" : String(device.volume)));
+}
+
+function card(device, is_selected) {
+  const [text, tone] = what_it_does(device);
+  const plays = device.session === "us" && device.track;
+  const is_playing = device.playback === "playing";
+  return element("article", { class: "card" + (is_selected ? " selected" : ""), "aria-label": device.name },
+    element("div", { class: "row" },
+      element("div", { class: "grow" },
+        element("h2", { class: "cut" }, device.name),
+        element("p", { class: "quiet cut" },
+                [device.brand, device.model, kQualities[device.quality]].filter(Boolean).join(" · "))),
+      element("button", { type: "button", "aria-pressed": String(is_selected), "data-key": "select-" + device.id,
+                          onclick: () => select(device.id) }, is_selected ? "Chosen" : "Choose")),
+    element("p", { class: tone }, text),
+    plays ? element("div", { class: "row" + (device.pending ? " pending" : "") },
+      cover(device.track.cover, "small"),
+      element("span", { class: "grow" }, element("span", { class: "cut" }, device.track.title),
+              element("span", { class: "cut quiet" }, device.track.artist)),
+      icon_button(is_playing ? "pause" : "play", (is_playing ? "Pause " : "Play ") + device.name,
+                  () => command(device, is_playing ? "pause" : "play", {},
+                                { playback: is_playing ? "paused" : "playing" }),
+                  { "data-key": "play-" + device.id })) : null,
+    device.connected ? volume_row(device) : null);
+}
+
+export function show_devices(main) {
+  const chosen = selected();
+  const all = devices();
+  main.replaceChildren(
+    element("div", { class: "row" }, element("h1", { tabindex: -1, class: "grow" }, "Devices"),
+            icon_button("scan", "Ask all devices again", () => request("devices/look", {}).catch(() => {}),
+                        { "data-key": "look" })),
+    ...all.map((device) => card(device, chosen !== null && device.id === chosen.id)),
+    all.length ? "" : element("p", {}, state.connected
+      ? "No device has been found yet. Switch one on, in this network; it appears here by itself."
+      : "Nothing is known yet."));
+}

@@ -1,0 +1,24 @@
+// Keeps the page's files, so that the page opens without the controller and says what it last knew.
+// Browsers run it over HTTPS and on the controller's own machine only.
+const kStore = "nuvio-connect";
+
+self.addEventListener("install", () => self.skipWaiting());
+
+self.addEventListener("fetch", (event) => {
+  const url = new URL(event.request.url);
+  const is_page = event.request.method === "GET" && url.origin === location.origin &&
+                  !/\/(api|content|cover)\//.test(url.pathname);
+  if (!is_page) return;
+  event.respondWith((async () => {
+    const store = await caches.open(kStore);
+    try {
+      const answer = await fetch(event.request);
+      if (answer.ok) await store.put(event.request, answer.clone());
+      return answer;
+    } catch (failure) {
+      const kept = await store.match(event.request);
+      if (kept) return kept;
+      throw failure;
+    }
+  })());
+});

@@ -1,0 +1,84 @@
+// What a device says of itself over its session's channel (docs/session.md), kept up to date
+// message by message. The messages come from the network: what is missing or of another kind is
+// passed over, texts are cut to 300 bytes, a queue of more than 20,000 tracks or 8 MiB is cut off.
+//
+// Threads  plain data; its owner sees to locking.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "controller/base/json.h"
+
+namespace nuvio::controller {
+
+struct QueueItem {
+    int64_t item = 0;
+    std::string url, title, artist, album;
+    std::string cover;  // "cover/ID" for one that the controller shows itself; else empty
+    int64_t duration_ms = 0;
+};
+
+struct TrackHeard {
+    std::optional<int64_t> item;  // none: nothing is heard
+    std::string title, artist, album;
+    int64_t duration_ms = 0, rate_hz = 0, channels = 0, bits = 0;
+    bool is_seekable = false;
+};
+
+class DeviceState {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    // A message of the types queue, track, state or error; `now` is when it came, by two clocks.
+    // True when something in it was understood.
+    bool apply(const cJSON* message, Clock::time_point now, int64_t now_unix_ms);
+
+    // Heard now: a position advances while it plays.
+    int64_t position_ms(Clock::time_point now) const;
+    int64_t revision() const { return m_revision; }  // of the queue
+    bool is_playing() const { return m_playback == "playing"; }
+    // The queue's first place that no message has told of yet; none when all is there.
+    std::optional<int64_t> missing_place() const;
+    const QueueItem* find(int64_t item) const;
+    // The item behind the current one in the queue; none: there is none.
+    std::optional<int64_t> item_after_current() const;
+    bool has_queue() const { return m_length > 0 && !missing_place(); }
+    std::optional<int64_t> first_item() const;
+    const TrackHeard& track() const { return m_track; }
+
+    // For the page and the command line: members "playback", "position_ms", "volume", "track" ...
+    void describe(cJSON* object, Clock::time_point now) const;
+    // The queue in its order, with its revision.
+    JsonPtr describe_queue() const;
+
+  private:
+    bool apply_state(const cJSON* message, Clock::time_point now, int64_t now_unix_ms);
+    bool apply_track(const cJSON* message);
+    bool apply_queue(const cJSON* message);
+    bool apply_error(const cJSON* message);
+
+    std::string m_playback = "stopped";
+    std::string m_loop = "off";
+    bool m_is_active = false, m_is_muted = false, m_is_shuffled = false;
+    bool m_has_next = false, m_has_previous = false;
+    std::optional<int64_t> m_item, m_volume;
+    int64_t m_position_ms = 0;
+    Clock::time_point m_position_at;
+    // How far behind the device's clock and the network are, at least, in ms.
+    std::optional<int64_t> m_least_lag_ms;
+
+    TrackHeard m_track;
+    int64_t m_revision = 0;
+    int64_t m_length = 0;
+    size_t m_queue_bytes = 0;
+    std::map<int64_t, QueueItem> m_queue;  // by place
+
+    int64_t m_problem_count = 0;
+    std::string m_problem;
+};
+
+}  // namespace nuvio::controller

@@ -1,0 +1,23 @@
+// What a device is told of tracks: as the session's content (a playlist in JSPF), or by commands of
+// its channel. Pure functions, any thread.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "controller/base/json.h"
+#include "controller/library/library.h"
+
+namespace nuvio::controller {
+
+// `here`: "http://192.168.1.5:8090", how the device reaches this controller.
+std::string playlist_of(const std::vector<Playable>& items, const std::string& here);
+
+// The same as arrays for "tracks" of the commands, each at most 500 long and 48 KiB of text, so
+// that it fits into a message.
+std::vector<JsonPtr> track_lists(const std::vector<Playable>& items, const std::string& here);
+
+// The library's track behind a URL that came from one of the above; 0: none.
+int64_t track_id_of(const std::string& url);
+
+}  // namespace nuvio::controller

@@ -1,0 +1,255 @@
+#include "controller/web/api.h"
+
+#include <algorithm>
+#include <chrono>
+
+#include "common/number.h"
+#include "common/percent_encoding.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+constexpr int64_t kMaxPage = 500;
+constexpr int64_t kFound = 50;
+constexpr std::chrono::seconds kLongestWait{25};
+
+// The rest of `path` that stands for the '*' in `pattern`; none: they do not match.
+std::optional<std::string> match(std::string_view pattern, std::string_view path) {
+    const size_t star = pattern.find('*');
+    if (star == std::string_view::npos) {
+        return pattern == path ? std::optional(std::string()) : std::nullopt;
+    }
+    const std::string_view before = pattern.substr(0, star);
+    const std::string_view behind = pattern.substr(star + 1);
+    if (path.size() <= before.size() + behind.size() || !path.starts_with(before) ||
+        !path.ends_with(behind)) {
+        return std::nullopt;
+    }
+    const std::string_view name =
+        path.substr(before.size(), path.size() - before.size() - behind.size());
+    return name.find('/') == std::string_view::npos ? percent_decode(name) : std::nullopt;
+}
+
+JsonPtr describe(const Track& track) {
+    JsonPtr object = new_object();
+    add(object.get(), "id", track.id);
+    add(object.get(), "title", track.title);
+    add(object.get(), "artist", track.artist);
+    add(object.get(), "album", track.album);
+    add(object.get(), "album_id", track.album_id);
+    add(object.get(), "disc", track.disc);
+    add(object.get(), "number", track.number);
+    add(object.get(), "duration_ms", track.duration_ms);
+    return object;
+}
+
+JsonPtr describe(const Album& album) {
+    JsonPtr object = new_object();
+    add(object.get(), "id", album.id);
+    add(object.get(), "title", album.title);
+    add(object.get(), "artist", album.artist);
+    add(object.get(), "year", album.year);
+    add(object.get(), "tracks", album.track_count);
+    return object;
+}
+
+JsonPtr describe(const Artist& artist) {
+    JsonPtr object = new_object();
+    add(object.get(), "id", artist.id);
+    add(object.get(), "name", artist.name);
+    add(object.get(), "albums", artist.album_count);
+    return object;
+}
+
+JsonPtr describe(const SubFolder& folder) {
+    JsonPtr object = new_object();
+    add(object.get(), "id", folder.id);
+    add(object.get(), "name", folder.name);
+    return object;
+}
+
+template <typename Item>
+JsonPtr describe_all(const std::vector<Item>& items) {
+    JsonPtr array = new_array();
+    for (const Item& item : items) {
+        append(array.get(), describe(item));
+    }
+    return array;
+}
+
+Shelf::Page page_of(const Exchange& exchange) {
+    return {std::max<int64_t>(0, exchange.number_parameter("first", 0)),
+            std::clamp<int64_t>(exchange.number_parameter("count", 100), 1, kMaxPage)};
+}
+
+JsonPtr in_object(const char* key, JsonPtr value) {
+    JsonPtr object = new_object();
+    add(object.get(), key, std::move(value));
+    return object;
+}
+
+}  // namespace
+
+const Api::Route Api::kRoutes[] = {
+    {"GET", "/api/state", &Api::get_state},
+    {"GET", "/api/devices/*/queue", &Api::get_queue},
+    {"POST", "/api/devices/*/play", &Api::post_play},
+    {"POST", "/api/devices/*/command", &Api::post_command},
+    {"POST", "/api/devices/look", &Api::post_look},
+    {"GET", "/api/library/albums", &Api::get_albums},
+    {"GET", "/api/library/albums/*", &Api::get_album},
+    {"GET", "/api/library/artists", &Api::get_artists},
+    {"GET", "/api/library/folders/*", &Api::get_folder},
+    {"GET", "/api/library/search", &Api::get_search},
+    {"POST", "/api/library/scan", &Api::post_scan},
+};
+
+int Api::serve(Exchange& exchange) {
+    bool is_known = false;
+    for (const Route& route : kRoutes) {
+        const std::optional<std::string> id = match(route.path, exchange.path());
+        is_known = is_known || id.has_value();
+        if (id && exchange.method() == route.method) {
+            return (this->*route.handler)(exchange, *id);
+        }
+    }
+    return is_known ? exchange.fail(405, "not by this method")
+                    : exchange.fail(404, "no such thing");
+}
+
+std::string Api::state(uint64_t version) {
+    const ScanProgress progress = m_library.progress();
+    JsonPtr library = new_object();
+    add(library.get(), "folders", static_cast<int64_t>(m_library.folder_count()));
+    add(library.get(), "tracks", progress.tracks);
+    add(library.get(), "scanning", progress.is_scanning);
+    add(library.get(), "seen", progress.files_seen);
+    add(library.get(), "changed", progress.files_changed);
+    add(library.get(), "revision", progress.revision);
+    add(library.get(), "failure", progress.failure);
+    JsonPtr document = new_object();
+    add(document.get(), "version", static_cast<int64_t>(version));
+    add(document.get(), "devices", m_house.describe_devices());
+    add(document.get(), "library", std::move(library));
+    return print_json(document.get());
+}
+
+int Api::get_state(Exchange& exchange, const std::string&) {
+    const int64_t after = exchange.number_parameter("after", -1);
+    const uint64_t version =
+        m_changes.wait(after < 0 ? 0 : static_cast<uint64_t>(after), kLongestWait);
+    return exchange.reply(200, "application/json", state(version), "Cache-Control: no-store\r\n");
+}
+
+int Api::get_queue(Exchange& exchange, const std::string& id) {
+    const JsonPtr queue = m_house.describe_queue(m_house.device_named(id));
+    return queue != nullptr ? exchange.reply_json(queue) : exchange.fail(404, "no such device");
+}
+
+int Api::answer(Exchange& exchange, const Outcome& outcome) {
+    return outcome.is_ok ? exchange.reply_json(new_object()) : exchange.fail(409, outcome.reason);
+}
+
+int Api::post_play(Exchange& exchange, const std::string& id) {
+    const JsonPtr body = exchange.body();
+    if (body == nullptr) {
+        return 400;
+    }
+    const std::string device = m_house.device_named(id);
+    if (device.empty()) {
+        return exchange.fail(404, "no such device, or several of that name");
+    }
+    std::vector<Playable> items;
+    const cJSON* what = nullptr;
+    cJSON_ArrayForEach(what, member(body.get(), "what")) {
+        Selection selection = m_library.select(cJSON_IsString(what) != 0 ? what->valuestring : "");
+        if (!selection.failure.empty()) {
+            return exchange.fail(404, selection.failure);
+        }
+        std::ranges::move(selection.items, std::back_inserter(items));
+        if (items.size() > Library::kMaxSelection) {
+            items.resize(Library::kMaxSelection);
+        }
+    }
+    const std::string where = text_member(body.get(), "where").value_or("now");
+    const int64_t start = std::max<int64_t>(0, number_member(body.get(), "start").value_or(0));
+    return answer(exchange, m_house.play(device, items,
+                                         where == "next"  ? Where::next
+                                         : where == "end" ? Where::end
+                                                          : Where::now,
+                                         static_cast<size_t>(start)));
+}
+
+int Api::post_command(Exchange& exchange, const std::string& id) {
+    JsonPtr body = exchange.body();
+    if (body == nullptr) {
+        return 400;
+    }
+    const std::string device = m_house.device_named(id);
+    const std::string name = text_member(body.get(), "command").value_or("");
+    if (device.empty() || name.empty()) {
+        return device.empty() ? exchange.fail(404, "no such device, or several of that name")
+                              : exchange.fail(400, "no command");
+    }
+    for (const char* own : {"command", "id", "type"}) {
+        cJSON_DeleteItemFromObjectCaseSensitive(body.get(), own);
+    }
+    return answer(exchange, m_house.command(device, name, std::move(body)));
+}
+
+int Api::post_look(Exchange& exchange, const std::string&) {
+    m_house.look_again();
+    return exchange.reply_json(new_object());
+}
+
+int Api::get_albums(Exchange& exchange, const std::string&) {
+    const int64_t artist = exchange.number_parameter("artist", 0);
+    return exchange.reply_json(in_object(
+        "albums", describe_all(artist != 0 ? m_library.shelf().albums_of_artist(artist)
+                                           : m_library.shelf().albums(page_of(exchange)))));
+}
+
+int Api::get_album(Exchange& exchange, const std::string& id) {
+    const int64_t number = to_number<int64_t>(id).value_or(0);
+    const std::optional<Album> album = m_library.shelf().album(number);
+    if (!album) {
+        return exchange.fail(404, "no such album");
+    }
+    JsonPtr object = describe(*album);
+    cJSON_DeleteItemFromObjectCaseSensitive(object.get(), "tracks");
+    add(object.get(), "tracks", describe_all(m_library.shelf().tracks_of_album(number, 2000)));
+    return exchange.reply_json(object);
+}
+
+int Api::get_artists(Exchange& exchange, const std::string&) {
+    return exchange.reply_json(
+        in_object("artists", describe_all(m_library.shelf().artists(page_of(exchange)))));
+}
+
+int Api::get_folder(Exchange& exchange, const std::string& id) {
+    const FolderPage page = m_library.shelf().folder(to_number<int64_t>(id).value_or(0));
+    JsonPtr object = new_object();
+    add(object.get(), "id", page.id);
+    add(object.get(), "parent", page.parent);
+    add(object.get(), "name", page.name);
+    add(object.get(), "folders", describe_all(page.folders));
+    add(object.get(), "tracks", describe_all(page.tracks));
+    return exchange.reply_json(object);
+}
+
+int Api::get_search(Exchange& exchange, const std::string&) {
+    const Found found = m_library.shelf().search(exchange.parameter("q"), kFound);
+    JsonPtr object = new_object();
+    add(object.get(), "artists", describe_all(found.artists));
+    add(object.get(), "albums", describe_all(found.albums));
+    add(object.get(), "tracks", describe_all(found.tracks));
+    return exchange.reply_json(object);
+}
+
+int Api::post_scan(Exchange& exchange, const std::string&) {
+    m_library.request_scan();
+    return exchange.reply_json(new_object());
+}
+
+}  // namespace nuvio::controller

@@ -1,0 +1,64 @@
+// What the page and the command line ask and do, as JSON over HTTP.
+//
+//   GET  /api/state?after=VERSION        devices and library; with `after` only once that has
+//   changed GET  /api/devices/ID/queue POST /api/devices/ID/play            {"what": [texts],
+//   "where": "now"|"next"|"end", "start": 0} POST /api/devices/ID/command         {"command": ...,
+//   its arguments}: docs/session.md POST /api/devices/look               asks all devices how they
+//   are GET  /api/library/albums             ?first= ?count= or ?artist=ID GET
+//   /api/library/albums/ID GET  /api/library/artists            ?first= ?count= GET
+//   /api/library/folders/ID         0: the music folders GET  /api/library/search             ?q=
+//   POST /api/library/scan
+//
+// ID of a device may be its name. A failure is {"error": text for people} with a status: 400 the
+// request is wrong, 404 no such thing, 409 the device can't or won't.
+//
+// Threads  any; waits for disk and devices.
+#pragma once
+
+#include <string>
+
+#include "controller/library/library.h"
+#include "controller/session/house.h"
+#include "controller/web/exchange.h"
+
+namespace nuvio::controller {
+
+class Api {
+  public:
+    // Borrows all.
+    Api(Library& library, House& house, Changes& changes)
+        : m_library(library), m_house(house), m_changes(changes) {}
+
+    // A path that begins with "/api/".
+    int serve(Exchange& exchange);
+    // What GET /api/state answers; also what pages are sent.
+    std::string state(uint64_t version);
+
+  private:
+    using Handler = int (Api::*)(Exchange&, const std::string& id);
+    struct Route {
+        const char* method;
+        const char* path;  // "*": one name, handed on as `id`
+        Handler handler;
+    };
+    static const Route kRoutes[];
+
+    int get_state(Exchange& exchange, const std::string& id);
+    int get_queue(Exchange& exchange, const std::string& id);
+    int post_play(Exchange& exchange, const std::string& id);
+    int post_command(Exchange& exchange, const std::string& id);
+    int post_look(Exchange& exchange, const std::string& id);
+    int get_albums(Exchange& exchange, const std::string& id);
+    int get_album(Exchange& exchange, const std::string& id);
+    int get_artists(Exchange& exchange, const std::string& id);
+    int get_folder(Exchange& exchange, const std::string& id);
+    int get_search(Exchange& exchange, const std::string& id);
+    int post_scan(Exchange& exchange, const std::string& id);
+    static int answer(Exchange& exchange, const Outcome& outcome);
+
+    Library& m_library;
+    House& m_house;
+    Changes& m_changes;
+};
+
+}  // namespace nuvio::controller

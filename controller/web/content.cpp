@@ -1,0 +1,126 @@
+#include "controller/web/content.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+
+#include "common/fnv1a.h"
+#include "common/number.h"
+#include "controller/web/byte_range.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+// Of the web server's workers; a device has two connections at most while it changes tracks.
+constexpr int kMaxSentAtOnce = 24;
+
+std::string etag_of(const struct stat& status) {
+    std::array<char, 64> text{};
+    std::snprintf(text.data(), text.size(), "\"%llx-%llx-%lx\"",
+                  static_cast<unsigned long long>(status.st_size),
+                  static_cast<unsigned long long>(status.st_mtim.tv_sec),
+                  static_cast<unsigned long>(status.st_mtim.tv_nsec));
+    return text.data();
+}
+
+bool has_value(const char* header, const std::string& value) {
+    return header != nullptr && header == value;
+}
+
+}  // namespace
+
+int Content::serve(Exchange& exchange, std::string_view name) {
+    const std::string_view token = exchange.bearer();
+    if (m_house.device_of_token(token).empty()) {
+        return exchange.fail(401, "a session's token is needed",
+                             "WWW-Authenticate: Bearer realm=\"content\"\r\n");
+    }
+    const size_t dot = name.find('.');
+    const std::string_view stem = name.substr(0, dot);
+    if (dot != std::string_view::npos && name.substr(dot) == ".jspf") {
+        const std::optional<std::string> playlist = m_house.playlist(std::string(stem), token);
+        return playlist ? exchange.reply(200, "application/jspf+json", *playlist)
+                        : exchange.fail(404, "no such session");
+    }
+    const std::optional<int64_t> id = to_number<int64_t>(stem);
+    const std::optional<Library::File> file = id ? m_library.open_track(*id) : std::nullopt;
+    if (!file) {
+        return exchange.fail(404, "no such track");
+    }
+    struct Count {
+        std::atomic<int>& count;
+        ~Count() { --count; }
+    };
+    const Count count{m_being_sent};
+    if (++m_being_sent > kMaxSentAtOnce) {
+        return exchange.fail(503, "too many at once", "Retry-After: 1\r\n");
+    }
+    // A device reads ahead and then not for long: it has a token, so it may.
+    m_guard.clear_deadline(exchange.connection());
+    return serve_file(exchange, *file);
+}
+
+int Content::serve_file(Exchange& exchange, const Library::File& file) {
+    struct stat status {};
+    if (fstat(file.fd.get(), &status) != 0) {
+        return exchange.fail(404, "no such track");
+    }
+    const std::string etag = etag_of(status);
+    const std::string headers =
+        "ETag: " + etag + "\r\nAccept-Ranges: bytes\r\nCache-Control: private, no-cache\r\n";
+    if (has_value(exchange.header("If-None-Match"), etag)) {
+        return exchange.reply(304, {}, {}, headers);
+    }
+    ByteRange range{0, status.st_size};
+    RangeKind kind = RangeKind::whole;
+    const char* asked = exchange.header("Range");
+    const char* condition = exchange.header("If-Range");
+    if (asked != nullptr && (condition == nullptr || condition == etag)) {
+        kind = parse_range(asked, status.st_size, &range);
+    }
+    if (kind == RangeKind::beyond) {
+        return exchange.fail(416, "behind the file's end",
+                             "Content-Range: bytes */" + std::to_string(status.st_size) + "\r\n");
+    }
+    const bool is_part = kind == RangeKind::part;
+    exchange.begin(is_part ? 206 : 200, file.type, range.end - range.first,
+                   is_part ? headers + "Content-Range: bytes " + std::to_string(range.first) + "-" +
+                                 std::to_string(range.end - 1) + "/" +
+                                 std::to_string(status.st_size) + "\r\n"
+                           : headers);
+    if (exchange.method() == "HEAD") {
+        return 200;
+    }
+    std::array<char, 32768> buffer;
+    while (range.first < range.end) {
+        const size_t wanted = std::min(buffer.size(), static_cast<size_t>(range.end - range.first));
+        const ssize_t got = pread(file.fd.get(), buffer.data(), wanted, range.first);
+        // A file that has become shorter ends the connection early, which tells the device.
+        if (got <= 0 || !exchange.write(buffer.data(), static_cast<size_t>(got))) {
+            break;
+        }
+        range.first += got;
+    }
+    return is_part ? 206 : 200;
+}
+
+int Content::serve_cover(Exchange& exchange, std::string_view id) {
+    const std::optional<int64_t> album = to_number<int64_t>(id);
+    const std::optional<Picture> picture = album ? m_library.cover_of_album(*album) : std::nullopt;
+    if (!picture) {
+        return exchange.fail(404, "no cover");
+    }
+    std::array<char, 32> etag{};
+    std::snprintf(etag.data(), etag.size(), "\"%016llx\"",
+                  static_cast<unsigned long long>(fnv1a(kFnv1aStart, picture->data)));
+    const std::string headers =
+        std::string("ETag: ") + etag.data() + "\r\nCache-Control: private, max-age=86400\r\n";
+    return has_value(exchange.header("If-None-Match"), etag.data())
+               ? exchange.reply(304, {}, {}, headers)
+               : exchange.reply(200, picture->type, picture->data, headers);
+}
+
+}  // namespace nuvio::controller

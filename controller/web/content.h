@@ -1,0 +1,41 @@
+// What devices fetch: a session's playlist, and the tracks, with ranges and ETag; and the covers.
+//
+//   GET /content/SESSION.jspf   the playlist that the session was begun with
+//   GET /content/ID.EXTENSION   a track of the library
+//   GET /cover/ID               an album's picture
+//
+// The first two need the bearer token of a session that is not over.
+//
+// Threads  any; waits for disk and peer.
+#pragma once
+
+#include <atomic>
+#include <string_view>
+
+#include "controller/library/library.h"
+#include "controller/session/house.h"
+#include "controller/web/connection_guard.h"
+#include "controller/web/exchange.h"
+
+namespace nuvio::controller {
+
+class Content {
+  public:
+    // Borrows all.
+    Content(Library& library, const House& house, ConnectionGuard& guard)
+        : m_library(library), m_house(house), m_guard(guard) {}
+
+    // `name`: what stands behind "/content/".
+    int serve(Exchange& exchange, std::string_view name);
+    int serve_cover(Exchange& exchange, std::string_view id);
+
+  private:
+    int serve_file(Exchange& exchange, const Library::File& file);
+
+    Library& m_library;
+    const House& m_house;
+    ConnectionGuard& m_guard;
+    std::atomic<int> m_being_sent = 0;
+};
+
+}  // namespace nuvio::controller

@@ -1,0 +1,122 @@
+#include "controller/web/exchange.h"
+
+#include <array>
+#include <vector>
+
+#include "common/number.h"
+#include "common/text.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+constexpr int64_t kMaxBody = int64_t{64} << 10;
+
+constexpr char kSafeHeaders[] =
+    "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
+    "img-src 'self'; connect-src 'self'; manifest-src 'self'; worker-src 'self'; "
+    "base-uri 'none'; form-action 'none'; frame-ancestors 'none'\r\n"
+    "X-Content-Type-Options: nosniff\r\n"
+    "Referrer-Policy: no-referrer\r\n"
+    "Cross-Origin-Resource-Policy: same-origin\r\n"
+    "Connection: close\r\n";
+
+}  // namespace
+
+Exchange::Exchange(mg_connection* connection, std::string path)
+    : m_connection(connection),
+      m_method(mg_get_request_info(connection)->request_method),
+      m_path(std::move(path)) {}
+
+std::string Exchange::parameter(const char* name) const {
+    const char* query = mg_get_request_info(m_connection)->query_string;
+    std::array<char, 1024> value{};
+    const int size = query == nullptr ? -1
+                                      : mg_get_var(query, std::string_view(query).size(), name,
+                                                   value.data(), value.size());
+    return size > 0 ? std::string(value.data(), static_cast<size_t>(size)) : std::string();
+}
+
+int64_t Exchange::number_parameter(const char* name, int64_t otherwise) const {
+    const std::string text = parameter(name);
+    return to_number<int64_t>(text).value_or(otherwise);
+}
+
+std::string_view Exchange::bearer() const {
+    constexpr std::string_view kScheme = "Bearer ";
+    const char* value = header("Authorization");
+    const std::string_view text = value != nullptr ? value : "";
+    return starts_with_ignoring_case(text, kScheme) && text.size() > kScheme.size()
+               ? trim(text.substr(kScheme.size()))
+               : std::string_view();
+}
+
+JsonPtr Exchange::body() {
+    const int64_t size = mg_get_request_info(m_connection)->content_length;
+    if (size < 0 || size > kMaxBody) {
+        fail(size < 0 ? 411 : 413, size < 0 ? "a body needs its length" : "at most 64 KiB");
+        return nullptr;
+    }
+    std::vector<char> text(static_cast<size_t>(size));
+    size_t have = 0;
+    while (have < text.size()) {
+        const int got = mg_read(m_connection, text.data() + have, text.size() - have);
+        if (got <= 0) {
+            break;
+        }
+        have += static_cast<size_t>(got);
+    }
+    JsonPtr document = parse_json({text.data(), have});
+    if (have < text.size() || cJSON_IsObject(document.get()) == 0) {
+        fail(400, "the body is no JSON object");
+        return nullptr;
+    }
+    return document;
+}
+
+int Exchange::reply(int status, std::string_view type, std::string_view body,
+                    const std::string& headers) {
+    begin(status, type, static_cast<int64_t>(body.size()), headers);
+    if (m_method != "HEAD") {
+        write(body.data(), body.size());
+    }
+    return status;
+}
+
+int Exchange::reply_json(const JsonPtr& document) {
+    return reply(200, "application/json", print_json(document.get()),
+                 "Cache-Control: no-store\r\n");
+}
+
+int Exchange::fail(int status, std::string_view text, const std::string& headers) {
+    JsonPtr document = new_object();
+    add(document.get(), "error", text);
+    return reply(status, "application/json", print_json(document.get()),
+                 "Cache-Control: no-store\r\n" + headers);
+}
+
+void Exchange::begin(int status, std::string_view type, int64_t size, const std::string& headers) {
+    std::string head = "HTTP/1.1 " + std::to_string(status) + " " +
+                       mg_get_response_code_text(m_connection, status) + "\r\n" + kSafeHeaders +
+                       headers;
+    if (status != 304) {
+        head += "Content-Type: " + std::string(type) +
+                "\r\nContent-Length: " + std::to_string(size) + "\r\n";
+    }
+    head += "\r\n";
+    write(head.data(), head.size());
+}
+
+bool Exchange::write(const char* data, size_t size) {
+    while (size > 0) {
+        const int sent = mg_write(m_connection, data, size);
+        if (sent <= 0) {
+            return false;
+        }
+        data += sent;
+        size -= static_cast<size_t>(sent);
+    }
+    return true;
+}
+
+}  // namespace nuvio::controller

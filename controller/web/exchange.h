@@ -1,0 +1,55 @@
+// One HTTP request and its answer. Lives on CivetWeb's worker for the length of the request.
+//
+// Every answer has the headers that keep a browser from doing anything with it but what the page
+// does: nothing is loaded from elsewhere, no script runs that is not a file of the page's own.
+#pragma once
+
+#include <civetweb.h>
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "controller/base/json.h"
+
+namespace nuvio::controller {
+
+class Exchange {
+  public:
+    // `path`: the request's, without the base path; begins with '/'.
+    Exchange(mg_connection* connection, std::string path);
+
+    const std::string& method() const { return m_method; }
+    const std::string& path() const { return m_path; }
+    mg_connection* connection() const { return m_connection; }
+    // Null: absent.
+    const char* header(const char* name) const { return mg_get_header(m_connection, name); }
+    // The value of a parameter of the URL, decoded; empty: absent.
+    std::string parameter(const char* name) const;
+    int64_t number_parameter(const char* name, int64_t otherwise) const;
+    // Of "Authorization: Bearer TOKEN".
+    std::string_view bearer() const;
+    // The JSON object of the body. Null: there is none, and the request has been answered.
+    JsonPtr body();
+
+    // ---- Answers: one of these, once; the status comes back ----
+
+    // `headers`: further ones, "Name: value\r\n" each. Without the body where the method is HEAD.
+    int reply(int status, std::string_view type, std::string_view body,
+              const std::string& headers = {});
+    int reply_json(const JsonPtr& document);
+    // {"error": text}, for people.
+    int fail(int status, std::string_view text, const std::string& headers = {});
+    // The head alone; `size` bytes follow by `write`, in any number of calls.
+    void begin(int status, std::string_view type, int64_t size, const std::string& headers);
+    // Waits for the peer. False: it is gone.
+    bool write(const char* data, size_t size);
+
+  private:
+    mg_connection* const m_connection;
+    const std::string m_method;
+    const std::string m_path;
+};
+
+}  // namespace nuvio::controller

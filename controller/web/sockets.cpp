@@ -1,0 +1,264 @@
+#include "controller/web/sockets.h"
+
+#include <chrono>
+#include <condition_variable>
+#include <deque>
+#include <thread>
+
+#include "common/text.h"
+#include "controller/web/allocation_limit.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+constexpr std::chrono::seconds kWritePatience{20};
+// Pages get no more than this, whatever happens.
+constexpr std::chrono::milliseconds kBetweenStates{80};
+constexpr size_t kMaxQueuedBytes = size_t{4} << 20U;
+constexpr size_t kMaxMessage = size_t{64} << 10U;
+constexpr size_t kMaxAllocation = size_t{256} << 10U;
+
+bool is_text(int bits) {
+    return (bits & 0x0f) == MG_WEBSOCKET_OPCODE_TEXT;
+}
+
+bool is_control(int bits) {
+    return (bits & 0x08) != 0;
+}
+
+bool is_final(int bits) {
+    return (bits & 0x80) != 0;
+}
+
+std::string_view bearer_of(const mg_connection* connection) {
+    constexpr std::string_view kScheme = "Bearer ";
+    const char* value = mg_get_header(connection, "Authorization");
+    const std::string_view text = value != nullptr ? value : "";
+    return starts_with_ignoring_case(text, kScheme) ? trim(text.substr(kScheme.size()))
+                                                    : std::string_view();
+}
+
+}  // namespace
+
+// Writes to one socket.
+class Sockets::Writer {
+  public:
+    Writer(mg_connection* connection, ConnectionGuard& guard)
+        : m_connection(connection), m_guard(guard) {}
+
+    // False: the peer is gone, or has been cut off.
+    bool write(const std::string& message) {
+        m_guard.set_deadline(m_connection, kWritePatience);
+        const int sent = mg_websocket_write(m_connection, MG_WEBSOCKET_OPCODE_TEXT, message.data(),
+                                            message.size());
+        m_guard.clear_deadline(m_connection);
+        return sent > 0;
+    }
+    void cut() { m_guard.cut(m_connection); }
+
+  private:
+    mg_connection* const m_connection;
+    ConnectionGuard& m_guard;
+};
+
+class Sockets::Page {
+  public:
+    Page(Sockets& sockets, mg_connection* connection)
+        : m_sockets(sockets), m_writer(connection, sockets.m_guard), m_thread([this] { run(); }) {}
+
+    // The connection still stands, but may be cut off.
+    ~Page() {
+        m_is_ending = true;
+        m_writer.cut();
+        m_sockets.m_changes.announce();
+        m_thread.join();
+    }
+    Page(const Page&) = delete;
+    Page& operator=(const Page&) = delete;
+
+  private:
+    void run() {
+        uint64_t seen = 0;
+        while (!m_is_ending && !m_sockets.m_changes.is_closed()) {
+            const uint64_t version = m_sockets.m_changes.wait(seen, std::chrono::hours(1));
+            if (m_is_ending || !m_writer.write(m_sockets.m_state(version))) {
+                break;
+            }
+            seen = version;
+            std::this_thread::sleep_for(kBetweenStates);
+        }
+        m_writer.cut();
+    }
+
+    Sockets& m_sockets;
+    Writer m_writer;
+    std::atomic<bool> m_is_ending = false;
+    std::thread m_thread;
+};
+
+class Sockets::Channel : public ChannelLink {
+  public:
+    Channel(Sockets& sockets, mg_connection* connection)
+        : m_writer(connection, sockets.m_guard), m_thread([this] { run(); }) {}
+
+    // The connection is told to be over, while it still stands.
+    void end() {
+        close();
+        m_thread.join();
+    }
+
+    void send(std::string text) override {
+        const std::scoped_lock lock(m_mutex);
+        m_bytes += text.size();
+        if (m_bytes > kMaxQueuedBytes) {
+            m_is_ending = true;
+        }
+        m_messages.push_back(std::move(text));
+        m_on_change.notify_one();
+    }
+
+    void close() override {
+        const std::scoped_lock lock(m_mutex);
+        m_is_ending = true;
+        m_on_change.notify_one();
+    }
+
+    // The handler's own: a message is put together from its frames.
+    std::string message;
+
+  private:
+    void run() {
+        std::unique_lock lock(m_mutex);
+        while (true) {
+            m_on_change.wait(lock, [this] { return m_is_ending || !m_messages.empty(); });
+            if (m_is_ending) {
+                break;
+            }
+            const std::string text = std::move(m_messages.front());
+            m_messages.pop_front();
+            m_bytes -= text.size();
+            lock.unlock();
+            const bool is_sent = m_writer.write(text);
+            lock.lock();
+            m_is_ending = m_is_ending || !is_sent;
+        }
+        lock.unlock();
+        m_writer.cut();
+    }
+
+    Writer m_writer;
+    std::mutex m_mutex;
+    std::condition_variable m_on_change;
+    std::deque<std::string> m_messages;  // under m_mutex, as the next two
+    size_t m_bytes = 0;
+    bool m_is_ending = false;
+    std::thread m_thread;
+};
+
+Sockets::Sockets(House& house, Changes& changes, ConnectionGuard& guard,
+                 std::function<std::string(uint64_t)> state)
+    : m_house(house), m_changes(changes), m_guard(guard), m_state(std::move(state)) {}
+
+Sockets::~Sockets() = default;
+
+void Sockets::put_on(mg_context* context) {
+    static const char* names[] = {"nuvio-session.v1"};
+    static mg_websocket_subprotocols protocols{1, names};
+    mg_set_websocket_handler(context, "**/api/events$", nullptr, on_page_ready, on_page_data,
+                             on_page_closed, this);
+    mg_set_websocket_handler_with_subprotocols(context, "**/channel$", &protocols, nullptr,
+                                               on_channel_ready, on_channel_data, on_channel_closed,
+                                               this);
+}
+
+bool Sockets::has_room_for_page() const {
+    const std::scoped_lock lock(m_mutex);
+    return m_pages.size() < kMaxPages;
+}
+
+bool Sockets::has_room_for_channel() const {
+    const std::scoped_lock lock(m_mutex);
+    return m_channels.size() < kMaxChannels;
+}
+
+template <typename Kind>
+std::shared_ptr<Kind> Sockets::find(std::map<const mg_connection*, std::shared_ptr<Kind>>& sockets,
+                                    const mg_connection* connection, bool take) {
+    const std::scoped_lock lock(m_mutex);
+    const auto found = sockets.find(connection);
+    if (found == sockets.end()) {
+        return nullptr;
+    }
+    std::shared_ptr<Kind> socket = found->second;
+    if (take) {
+        sockets.erase(found);
+    }
+    return socket;
+}
+
+void Sockets::on_page_ready(mg_connection* connection, void* context) {
+    auto* self = static_cast<Sockets*>(context);
+    limit_allocations(kMaxAllocation);
+    self->m_guard.clear_deadline(connection);
+    auto page = std::make_shared<Page>(*self, connection);
+    const std::scoped_lock lock(self->m_mutex);
+    self->m_pages[connection] = std::move(page);
+}
+
+// A page says nothing; its pongs keep the connection.
+int Sockets::on_page_data(mg_connection*, int bits, char*, size_t, void*) {
+    return is_control(bits) && (bits & 0x0f) != MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE ? 1 : 0;
+}
+
+void Sockets::on_page_closed(const mg_connection* connection, void* context) {
+    auto* self = static_cast<Sockets*>(context);
+    self->find(self->m_pages, connection, true);
+    limit_allocations(0);
+}
+
+void Sockets::on_channel_ready(mg_connection* connection, void* context) {
+    auto* self = static_cast<Sockets*>(context);
+    limit_allocations(kMaxAllocation);
+    self->m_guard.clear_deadline(connection);
+    auto channel = std::make_shared<Channel>(*self, connection);
+    {
+        const std::scoped_lock lock(self->m_mutex);
+        self->m_channels[connection] = channel;
+    }
+    if (!self->m_house.channel_opened(bearer_of(connection), channel)) {
+        channel->close();
+    }
+}
+
+int Sockets::on_channel_data(mg_connection* connection, int bits, char* data, size_t size,
+                             void* context) {
+    auto* self = static_cast<Sockets*>(context);
+    const auto channel = self->find(self->m_channels, connection, false);
+    if (is_control(bits)) {
+        return (bits & 0x0f) == MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE ? 0 : 1;
+    }
+    const bool is_next = (bits & 0x0f) == MG_WEBSOCKET_OPCODE_CONTINUATION;
+    if (channel == nullptr || (!is_text(bits) && !is_next) ||
+        channel->message.size() + size > kMaxMessage) {
+        return 0;
+    }
+    channel->message.append(data, size);
+    if (is_final(bits)) {
+        self->m_house.channel_said(channel.get(), channel->message);
+        channel->message.clear();
+    }
+    return 1;
+}
+
+void Sockets::on_channel_closed(const mg_connection* connection, void* context) {
+    auto* self = static_cast<Sockets*>(context);
+    const auto channel = self->find(self->m_channels, connection, true);
+    if (channel != nullptr) {
+        self->m_house.channel_closed(channel.get());
+        channel->end();
+    }
+    limit_allocations(0);
+}
+
+}  // namespace nuvio::controller

@@ -1,0 +1,257 @@
+#include "controller/web/web_server.h"
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <thread>
+
+#include "common/fnv1a.h"
+#include "common/request_origin.h"
+#include "common/text.h"
+#include "controller/base/log.h"
+#include "controller/base/token.h"
+#include "controller/web/page_files.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+// Pages and channels hold a worker each, and so does what is being sent.
+constexpr char kWorkers[] = "64";
+constexpr std::chrono::seconds kRequestPatience{45};
+// CivetWeb's own, for a write that waits: a device may have read ahead, and be paused. Whoever has
+// no token is cut off by the guard.
+constexpr char kWriteTimeoutMs[] = "3600000";
+constexpr std::chrono::milliseconds kWrongPasswordPause{500};
+constexpr char kCookieName[] = "nuvio_controller=";
+
+std::string base64_decoded(std::string_view text) {
+    constexpr std::string_view kDigits =
+        "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    uint32_t bits = 0;
+    int count = 0;
+    for (const char c : text) {
+        const size_t digit = kDigits.find(c);
+        if (digit == std::string_view::npos) {
+            break;
+        }
+        bits = (bits << 6U) | static_cast<uint32_t>(digit);
+        count += 6;
+        if (count >= 8) {
+            count -= 8;
+            out += static_cast<char>((bits >> static_cast<unsigned>(count)) & 0xffU);
+        }
+    }
+    return out;
+}
+
+std::string_view text_of(const char* text) {
+    return text != nullptr ? text : "";
+}
+
+}  // namespace
+
+WebServer::WebServer(const Settings& settings, Library& library, House& house, Changes& changes)
+    : m_settings(settings),
+      m_cookie(new_token()),
+      m_guard(settings.port),
+      m_api(library, house, changes),
+      m_house(house),
+      m_content(library, house, m_guard),
+      m_sockets(house, changes, m_guard,
+                [this](uint64_t version) { return m_api.state(version); }) {
+    mg_init_library(0);
+}
+
+WebServer::~WebServer() {
+    m_guard.cut_all();
+    m_context.reset();
+    mg_exit_library();
+}
+
+bool WebServer::start() {
+    const std::string port = (m_settings.address.empty() ? "" : m_settings.address + ":") +
+                             std::to_string(m_settings.port);
+    const char* options[] = {"listening_ports",
+                             port.c_str(),
+                             "num_threads",
+                             kWorkers,
+                             "request_timeout_ms",
+                             kWriteTimeoutMs,
+                             "websocket_timeout_ms",
+                             "30000",
+                             "enable_websocket_ping_pong",
+                             "yes",
+                             "enable_directory_listing",
+                             "no",
+                             "tcp_nodelay",
+                             "1",
+                             nullptr};
+    mg_callbacks callbacks{};
+    callbacks.init_connection = on_connection;
+    callbacks.connection_close = on_connection_end;
+    callbacks.begin_request = on_request;
+    callbacks.log_message = on_log;
+    m_context.reset(mg_start(&callbacks, this, options));
+    if (m_context == nullptr) {
+        log_line(LogLevel::error, "The port can't be had: " + port);
+        return false;
+    }
+    m_sockets.put_on(m_context.get());
+    return true;
+}
+
+// ---- CivetWeb's workers -------------------------------------------------------------------------
+
+int WebServer::on_log(const mg_connection*, const char* message) {
+    log_line(LogLevel::warning, std::string("web server: ") + message);
+    return 1;
+}
+
+int WebServer::on_connection(const mg_connection* connection, void**) {
+    auto* self = static_cast<WebServer*>(mg_get_user_data(mg_get_context(connection)));
+    self->m_guard.look();
+    return 0;
+}
+
+void WebServer::on_connection_end(const mg_connection* connection) {
+    auto* self = static_cast<WebServer*>(mg_get_user_data(mg_get_context(connection)));
+    self->m_guard.end(connection);
+}
+
+int WebServer::on_request(mg_connection* connection) {
+    const mg_request_info* info = mg_get_request_info(connection);
+    auto* self = static_cast<WebServer*>(info->user_data);
+    self->m_guard.begin(connection, kRequestPatience);
+    Exchange exchange(connection, self->own_path(info->local_uri));
+    try {
+        return self->serve(exchange);
+    } catch (const DatabaseError& error) {
+        log_line(LogLevel::error, std::string("The library can't be read: ") + error.what());
+        return exchange.fail(503, "the library can't be read just now");
+    } catch (const std::exception& error) {
+        log_line(LogLevel::error, std::string("A request failed: ") + error.what());
+        return exchange.fail(500, "it went wrong; the log says why");
+    }
+}
+
+std::string WebServer::own_path(const char* path) const {
+    std::string own(text_of(path));
+    if (!m_settings.base.empty() && own.starts_with(m_settings.base + "/")) {
+        own.erase(0, m_settings.base.size());
+    }
+    return own;
+}
+
+int WebServer::serve(Exchange& exchange) {
+    if (is_from_a_foreign_page(exchange.header("Host"), exchange.header("Origin"),
+                               exchange.header("Sec-Fetch-Site"), m_settings.public_name)) {
+        return exchange.fail(403,
+                             "asked by a page of another site, or by a name that is not of "
+                             "this house (--public-name)");
+    }
+    const std::string& method = exchange.method();
+    const std::string& path = exchange.path();
+    if (method != "GET" && method != "HEAD" && method != "POST") {
+        return exchange.fail(405, "not by this method");
+    }
+    if (path == "/channel" || path == "/api/events") {
+        return serve_socket(exchange);
+    }
+    constexpr std::string_view kContent = "/content/";
+    constexpr std::string_view kCover = "/cover/";
+    if (path.starts_with(kContent)) {
+        return m_content.serve(exchange, std::string_view(path).substr(kContent.size()));
+    }
+    if (!is_allowed(exchange)) {
+        return ask_for_password(exchange);
+    }
+    if (path.starts_with(kCover)) {
+        return m_content.serve_cover(exchange, std::string_view(path).substr(kCover.size()));
+    }
+    return path.starts_with("/api/") ? m_api.serve(exchange) : serve_page(exchange);
+}
+
+// 0: CivetWeb goes on with the handshake.
+int WebServer::serve_socket(Exchange& exchange) {
+    if (!equals_ignoring_case(text_of(exchange.header("Upgrade")), "websocket")) {
+        return exchange.fail(426, "a WebSocket lives here", "Upgrade: websocket\r\n");
+    }
+    if (exchange.path() == "/channel") {
+        if (m_house.device_of_token(exchange.bearer()).empty()) {
+            return exchange.fail(401, "a session's token is needed",
+                                 "WWW-Authenticate: Bearer realm=\"channel\"\r\n");
+        }
+        return m_sockets.has_room_for_channel() ? 0 : exchange.fail(503, "too many devices");
+    }
+    if (!is_allowed(exchange)) {
+        return ask_for_password(exchange);
+    }
+    return m_sockets.has_room_for_page() ? 0 : exchange.fail(503, "too many pages are open");
+}
+
+int WebServer::serve_page(Exchange& exchange) {
+    const PageFile* file = page_file(exchange.path());
+    if (file == nullptr) {
+        return exchange.fail(404, "no such thing");
+    }
+    const bool is_zipped =
+        text_of(exchange.header("Accept-Encoding")).find("gzip") != std::string_view::npos;
+    std::array<char, 32> etag{};
+    std::snprintf(etag.data(), etag.size(), "\"%016llx%s\"",
+                  static_cast<unsigned long long>(fnv1a(kFnv1aStart, file->data)),
+                  is_zipped ? "z" : "");
+    std::string headers = std::string("ETag: ") + etag.data() +
+                          "\r\nCache-Control: no-cache\r\nVary: Accept-Encoding\r\n";
+    if (!m_settings.password.empty()) {
+        headers += "Set-Cookie: " + std::string(kCookieName) + m_cookie +
+                   "; Path=/; HttpOnly; SameSite=Strict\r\n";
+    }
+    if (text_of(exchange.header("If-None-Match")) == etag.data()) {
+        return exchange.reply(304, {}, {}, headers);
+    }
+    return is_zipped ? exchange.reply(200, file->type, file->gzipped,
+                                      headers + "Content-Encoding: gzip\r\n")
+                     : exchange.reply(200, file->type, file->data, headers);
+}
+
+// ---- The password -------------------------------------------------------------------------------
+
+bool WebServer::is_allowed(const Exchange& exchange) const {
+    return m_settings.password.empty() || has_cookie(exchange) || has_password(exchange) ||
+           // A device that shows a cover.
+           (exchange.path().starts_with("/cover/") &&
+            !m_house.device_of_token(exchange.bearer()).empty());
+}
+
+bool WebServer::has_cookie(const Exchange& exchange) const {
+    const std::string_view cookies = text_of(exchange.header("Cookie"));
+    const size_t at = cookies.find(kCookieName);
+    return at != std::string_view::npos &&
+           equals_secret(cookies.substr(at + sizeof kCookieName - 1, m_cookie.size()), m_cookie);
+}
+
+// Whatever the user's name.
+bool WebServer::has_password(const Exchange& exchange) const {
+    constexpr std::string_view kScheme = "Basic ";
+    const std::string_view given = text_of(exchange.header("Authorization"));
+    if (!starts_with_ignoring_case(given, kScheme) || given.size() <= kScheme.size()) {
+        return false;
+    }
+    const std::string text = base64_decoded(trim(given.substr(kScheme.size())));
+    const size_t colon = text.find(':');
+    return colon != std::string::npos &&
+           equals_secret(std::string_view(text).substr(colon + 1), m_settings.password);
+}
+
+int WebServer::ask_for_password(Exchange& exchange) {
+    if (exchange.header("Authorization") != nullptr) {
+        std::this_thread::sleep_for(kWrongPasswordPause);
+    }
+    return exchange.fail(401, "the password is needed",
+                         "WWW-Authenticate: Basic realm=\"Nuvio Connect\", charset=\"UTF-8\"\r\n");
+}
+
+}  // namespace nuvio::controller

@@ -1,0 +1,81 @@
+// The link's thread: all of the WebSocket library's calls. Made, run and destroyed there; the loop
+// reaches it through what they share.
+#pragma once
+
+#include <libwebsockets.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "local/channel/link_shared.h"
+
+namespace local_core {
+
+class Link::Worker {
+  public:
+    Worker(std::shared_ptr<Shared> shared, LinkTarget target)
+        : m_shared(std::move(shared)), m_target(std::move(target)) {}
+    Worker(const Worker&) = delete;
+    Worker& operator=(const Worker&) = delete;
+    ~Worker() { destroy(); }
+
+    // Until the link is closed, its token is over or the server wants no more of it.
+    void run();
+
+  private:
+    // A moment at which one of the worker's functions is called.
+    struct Alarm {
+        lws_sorted_usec_list_t entry;  // first: the library hands it back
+        Worker* worker;
+        void (Worker::*function)();
+    };
+
+    static int on_event(lws* connection, lws_callback_reasons reason, void* user, void* in,
+                        size_t length);
+    int handle_event(lws* connection, lws_callback_reasons reason, void* in, size_t length);
+
+    void set(Alarm& alarm, lws_usec_t delay);
+    bool create();
+    void destroy();
+    void connect();
+    int add_token(lws* connection, void* in, size_t length) const;
+    bool speaks_the_protocol(lws* connection) const;
+    void begin_connection();
+    void end_connection();
+    void fail(lws* connection, const char* why);
+    void give_up(const std::string& why);
+    int receive(lws* connection, const char* bytes, size_t length);
+    void take_message();
+    int write(lws* connection);
+    void heed_the_loop();
+    void pace_reading();
+    bool has_turn();
+    void end_stalled();
+    void end_expired();
+    void end();
+
+    const std::shared_ptr<Shared> m_shared;
+    const LinkTarget m_target;
+    lws_context* m_context = nullptr;
+    lws* m_connection = nullptr;  // made, or being made
+    bool m_established = false;
+    bool m_over = false;
+    bool m_closing = false;
+    bool m_failing = false;  // since the last connection, told of in the log
+    bool m_stalled = false;
+    uint16_t m_tries = 0;
+    uint64_t m_number = 0;
+    lws_usec_t m_begin = 0;  // of the connection
+    std::string m_incoming;
+    double m_turns = kCommandBurst;  // commands that may be read now
+    lws_usec_t m_turns_time = 0;     // when they were counted
+    Alarm m_retry{{}, this, &Worker::connect};
+    Alarm m_resume{{}, this, &Worker::pace_reading};
+    Alarm m_stall{{}, this, &Worker::end_stalled};
+    Alarm m_expiry{{}, this, &Worker::end_expired};
+    Alarm m_patience{{}, this, &Worker::end};
+};
+
+}  // namespace local_core

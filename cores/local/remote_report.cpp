@@ -1,0 +1,139 @@
+// What a session's server is told of: the other half of remote_control.h.
+#include <algorithm>
+#include <chrono>
+
+#include "local/remote_control.h"
+#include "local/texts/file_url.h"
+
+namespace local_core {
+
+namespace {
+
+constexpr uint64_t kTellingPauseMs = 100;
+constexpr uint64_t kPositionPauseMs = 10'000;
+
+NamedTrack named(const Track& track) {
+    return {track.remote ? track.location : file_url_from_path(track.location),
+            track.title,
+            track.artist,
+            track.album,
+            track.album_art_url,
+            track.duration_ms};
+}
+
+}  // namespace
+
+void RemoteControl::tell(const PlaybackSettings& settings, const PlayerView& view) {
+    if (m_connection == 0) {
+        return;
+    }
+    const uint64_t now_ms = uv_now(m_loop);
+    const bool is_first = !m_told;
+    const bool plays = view.state == NUV_PLAYBACK_STATE_PLAYING;
+    const bool is_position_due = plays && now_ms >= m_told_ms + kPositionPauseMs;
+    if (!is_first && !is_position_due && m_told->view == view && m_told->settings == settings) {
+        return;
+    }
+    if (!is_first && now_ms < m_told_ms + kTellingPauseMs) {
+        set_timer(m_told_ms + kTellingPauseMs);
+        return;
+    }
+    if (is_first || m_told->settings.device_name != settings.device_name) {
+        put(Link::Slot::hello, hello_text(settings));
+    }
+    if (is_first || m_told->view.list_revision != view.list_revision) {
+        put(Link::Slot::queue, queue_text(std::nullopt));
+    }
+    if (is_first || m_told->view.stream_id != view.stream_id ||
+        m_told->view.text_count != view.text_count) {
+        put(Link::Slot::track, track_text());
+    }
+    put(Link::Slot::state, state_text(settings, view));
+    m_told = Told{settings, view};
+    m_told_ms = now_ms;
+    if (plays) {
+        set_timer(now_ms + kPositionPauseMs);
+    } else {
+        uv_timer_stop(m_timer.get());
+    }
+}
+
+void RemoteControl::tell_trouble(const Trouble& trouble) {
+    if (m_connection != 0) {
+        say(write_error(trouble.error, trouble.track, trouble.reason));
+    }
+}
+
+void RemoteControl::put(Link::Slot slot, std::string text) {
+    m_link->put(m_connection, slot, std::move(text));
+}
+
+void RemoteControl::set_timer(uint64_t due_ms) {
+    const uint64_t now_ms = uv_now(m_loop);
+    uv_timer_start(
+        m_timer.get(),
+        [](uv_timer_t* timer) { static_cast<RemoteControl*>(timer->data)->m_wake(); },
+        due_ms - std::min(due_ms, now_ms), 0);
+}
+
+std::string RemoteControl::hello_text(const PlaybackSettings& settings) const {
+    HelloMessage hello = m_device;
+    hello.name = settings.device_name;
+    hello.commands_per_second = Link::kCommandsASecond;
+    hello.command_burst = Link::kCommandBurst;
+    hello.queue_tracks = Session::kMaxTracks;
+    return write_hello(hello);
+}
+
+// None: from the beginning, or from the current track where that would leave it out.
+std::string RemoteControl::queue_text(std::optional<size_t> first) const {
+    const Session* const session = m_player.session();
+    if (session == nullptr) {
+        return QueueMessage(0, 0, 0).text();
+    }
+    const std::vector<size_t>& list = session->list();
+    const size_t begin = std::min(first.value_or(0), list.size());
+    QueueMessage message(session->revision(), list.size(), begin);
+    size_t end = begin;
+    while (end < list.size() && message.add(list[end], named(session->track(list[end])))) {
+        ++end;
+    }
+    const auto current = std::find(list.begin(), list.end(), session->current());
+    const auto current_place = static_cast<size_t>(current - list.begin());
+    return first || current_place < end ? message.text() : queue_text(current_place);
+}
+
+std::string RemoteControl::track_text() const {
+    const std::optional<HeardTrack> heard = m_player.heard();
+    if (!heard) {
+        return write_track(nullptr);
+    }
+    const TrackInfo& info = *heard->info;
+    const TrackTexts& texts = *heard->texts;
+    const TrackMessage track{heard->track,        texts.title,        texts.artist,  texts.album,
+                             texts.album_art_url, info.duration_ms(), info.seekable, info.format};
+    return write_track(&track);
+}
+
+std::string RemoteControl::state_text(const PlaybackSettings& settings,
+                                      const PlayerView& view) const {
+    StateMessage state;
+    state.playback = view.state;
+    state.active = view.active;
+    state.item = view.track;
+    state.position_ms = m_player.position_ms();
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    state.taken_ms = static_cast<uint64_t>(
+        std::max<int64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count(), 0));
+    if (settings.volume_known) {
+        state.volume = settings.volume;
+    }
+    state.muted = settings.muted;
+    state.shuffle = settings.shuffle;
+    state.loop_mode = settings.loop_mode;
+    state.has_next = view.has_next;
+    state.has_previous = view.has_previous;
+    return write_state(state);
+}
+
+}  // namespace local_core

@@ -1,0 +1,178 @@
+// The library on real files: what can be opened, what is found, and that it follows the disk.
+#include "controller/library/library.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <mutex>
+
+#include "temp_dir.h"
+
+namespace nuvio::controller {
+namespace {
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::UnorderedElementsAre;
+
+TEST(MusicFoldersTest, nothing_outside_of_them_can_be_had) {
+    const TempDir dir;
+    dir.write("music/album/a.wav", "sound");
+    dir.write("secret/b.wav", "secret");
+    std::filesystem::create_symlink(dir / "secret/b.wav", dir / "music/link.wav");
+    std::filesystem::create_directory_symlink(dir / "secret", dir / "music/linked");
+    std::filesystem::create_directory_symlink("..", dir / "music/up");
+    ASSERT_EQ(mkfifo((dir / "music/pipe.wav").c_str(), 0600), 0);
+    std::filesystem::create_directory_symlink(dir / "music", dir / "named");
+
+    const MusicFolders folders({dir / "named", dir / "missing"});
+    ASSERT_EQ(folders.count(), 1U);
+    EXPECT_EQ(folders.path(0), dir / "music");
+    EXPECT_TRUE(folders.open_file(0, "album/a.wav"));
+    EXPECT_TRUE(folders.open_folder(0, "album"));
+    for (const char* path : {"link.wav", "linked/b.wav", "up/secret/b.wav", "../secret/b.wav",
+                             "album/../../secret/b.wav", "pipe.wav", "album", "", "/etc/passwd",
+                             "album//a.wav", "album/none.wav"}) {
+        EXPECT_FALSE(folders.open_file(0, path)) << path;
+    }
+    EXPECT_FALSE(folders.open_file(0, std::string("album/a.wav\0", 12)));
+    EXPECT_FALSE(folders.open_folder(0, "linked"));
+
+    EXPECT_THAT(folders.places_of(dir / "secret/b.wav"), IsEmpty());
+    EXPECT_THAT(folders.places_of(dir / "music/link.wav"), IsEmpty());
+    EXPECT_EQ(folders.places_of(dir / "named/album/a.wav").at(0).below, "album/a.wav");
+}
+
+// A library whose scans can be waited for.
+class LibraryTest : public testing::Test {
+  protected:
+    void open(const std::vector<std::string>& folders) {
+        m_library = std::make_unique<Library>(folders, m_dir.path(), [this] {
+            const std::scoped_lock lock(m_mutex);
+            m_on_change.notify_all();
+        });
+    }
+    bool wait_for(const std::function<bool()>& condition) {
+        std::unique_lock lock(m_mutex);
+        const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+        while (!condition()) {
+            if (m_on_change.wait_until(lock, end) == std::cv_status::timeout) {
+                return false;
+            }
+        }
+        return true;
+    }
+    bool wait_for_tracks(int64_t count) {
+        return wait_for([&] {
+            const ScanProgress progress = m_library->progress();
+            return progress.tracks == count && !progress.is_scanning;
+        });
+    }
+    std::vector<std::string> found(const std::string& text) {
+        std::vector<std::string> titles;
+        for (const Track& track : m_library->shelf().search(text, 50).tracks) {
+            titles.push_back(track.title);
+        }
+        return titles;
+    }
+
+    const TempDir m_dir;
+    std::mutex m_mutex;
+    std::condition_variable m_on_change;
+    std::unique_ptr<Library> m_library;
+};
+
+TEST_F(LibraryTest, words_are_found_by_their_beginnings_and_nothing_else_is_asked_of_the_index) {
+    m_dir.write("music/Café Noir/01 Don't Stop.wav", "x");
+    m_dir.write("music/Café Noir/02 Stopover.wav", "x");
+    m_dir.write("music/Other/Rain \xE2\x80\x94 Sun.wav", "x");
+    m_dir.write("music/Other/notes.txt", "x");
+    m_dir.write("music/.hidden/a.wav", "x");
+    open({m_dir / "music"});
+    ASSERT_TRUE(wait_for_tracks(3));
+
+    EXPECT_THAT(found("sto"), UnorderedElementsAre("01 Don't Stop", "02 Stopover"));
+    EXPECT_THAT(found("CAFE stop"), UnorderedElementsAre("01 Don't Stop", "02 Stopover"));
+    EXPECT_THAT(found("don't"), ElementsAre("01 Don't Stop"));
+    EXPECT_THAT(found("rain\xE2\x80\x94sun"), ElementsAre("Rain \xE2\x80\x94 Sun"));
+    for (const char* text :
+         {"\"", "stop\"* OR rain*", "NEAR(stop", "title:stop", "(", "-", "\xFF", "", "nothing"}) {
+        EXPECT_THAT(found(text), IsEmpty()) << text;
+    }
+    const std::vector<Album> albums = m_library->shelf().albums({0, 10});
+    ASSERT_EQ(albums.size(), 2U);
+    EXPECT_EQ(albums[0].title, "Café Noir");
+    EXPECT_EQ(albums[0].track_count, 2);
+}
+
+TEST_F(LibraryTest, it_follows_the_disk_without_being_asked) {
+    m_dir.write("music/a/1.wav", "x");
+    m_dir.write("music/a/2.wav", "x");
+    open({m_dir / "music"});
+    ASSERT_TRUE(wait_for_tracks(2));
+    const int64_t id = m_library->shelf().search("1", 1).tracks.at(0).id;
+
+    m_dir.write("music/b/deep/3.wav", "x");
+    ASSERT_TRUE(wait_for_tracks(3)) << "a new folder";
+    m_dir.write("music/b/deep/4.wav", "x");
+    ASSERT_TRUE(wait_for_tracks(4)) << "a new file in it";
+    std::filesystem::remove(m_dir / "music/a/2.wav");
+    ASSERT_TRUE(wait_for_tracks(3)) << "a file less";
+    std::filesystem::rename(m_dir / "music/b", m_dir / "music/c");
+    ASSERT_TRUE(wait_for(
+        [&] { return m_library->shelf().track_at(m_dir / "music", "c/deep/3.wav").has_value(); }));
+    m_dir.write("music/c/deep/5.wav", "x");
+    ASSERT_TRUE(wait_for_tracks(4)) << "the folder under its new name is followed";
+    std::filesystem::rename(m_dir / "music/c", m_dir / "elsewhere");
+    ASSERT_TRUE(wait_for_tracks(1)) << "a folder that has left";
+    m_dir.write("music/a/1.wav", "longer");
+    m_library->request_scan();
+    ASSERT_TRUE(wait_for([&] { return m_library->progress().revision > 0; }));
+    EXPECT_EQ(m_library->shelf().search("1", 1).tracks.at(0).id, id)
+        << "a changed file is the same";
+}
+
+TEST_F(LibraryTest, what_it_knew_is_there_at_the_next_start_unless_it_is_damaged_or_not_named) {
+    m_dir.write("one/1.wav", "x");
+    m_dir.write("two/2.wav", "x");
+    open({m_dir / "one", m_dir / "two"});
+    ASSERT_TRUE(wait_for_tracks(2));
+    const int64_t id = m_library->shelf().search("1", 1).tracks.at(0).id;
+    m_library.reset();
+    open({m_dir / "one"});
+    ASSERT_TRUE(wait_for_tracks(1));
+    EXPECT_EQ(m_library->shelf().track(id)->title, "1");
+    EXPECT_FALSE(m_library->select("/etc").failure.empty());
+    m_library.reset();
+    m_dir.write("library.db", std::string(8192, 'x'));
+    open({m_dir / "one"});
+    EXPECT_TRUE(wait_for_tracks(1));
+}
+
+TEST_F(LibraryTest, a_playlist_of_the_folders_plays_what_it_names_of_them) {
+    m_dir.write("music/a/1.wav", "x");
+    m_dir.write("secret/2.wav", "x");
+    m_dir.write("music/list.m3u8",
+                "#EXTINF:1,Radio\nhttp://radio.example/x\na/1.wav\n../secret/2.wav\n" +
+                    (m_dir / "music/a/1.wav") + "\n");
+    open({m_dir / "music"});
+    ASSERT_TRUE(wait_for_tracks(1));
+    const Selection list = m_library->select(m_dir / "music/list.m3u8");
+    ASSERT_EQ(list.items.size(), 3U);
+    EXPECT_EQ(list.items[0].url, "http://radio.example/x");
+    EXPECT_EQ(list.items[0].title, "Radio");
+    EXPECT_EQ(list.items[1].track->below, "a/1.wav");
+    EXPECT_EQ(list.items[2].track->below, "a/1.wav");
+    EXPECT_EQ(m_library->select(m_dir / "music/a").items.size(), 1U);
+    EXPECT_EQ(m_library->select("search:a").items.size(), 1U);
+    EXPECT_FALSE(m_library->select("album:999").failure.empty());
+    EXPECT_FALSE(m_library->select("nonsense").failure.empty());
+}
+
+}  // namespace
+}  // namespace nuvio::controller

@@ -1,0 +1,176 @@
+// What devices and browsers send: a queue in parts, positions by another clock, ranges, hostile
+// JSON.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "controller/command_line/arguments.h"
+#include "controller/session/device_state.h"
+#include "controller/session/tracks.h"
+#include "controller/web/byte_range.h"
+
+namespace nuvio::controller {
+namespace {
+
+using Clock = DeviceState::Clock;
+using std::chrono::milliseconds;
+
+class DeviceStateTest : public testing::Test {
+  protected:
+    bool say(const std::string& text, int64_t device_ms = 0, int64_t lag_ms = 0) {
+        return m_state.apply(parse_json(text).get(), m_start + milliseconds(device_ms + lag_ms),
+                             1'000'000 + device_ms + lag_ms);
+    }
+    // The device's clock is an hour ahead.
+    bool say_position(int64_t position, int64_t device_ms, int64_t lag_ms) {
+        return say(R"({"type":"state","playback":"playing","item":7,"position_ms":)" +
+                       std::to_string(position) + R"(,"taken_ms":)" +
+                       std::to_string(4'600'000 + device_ms) + "}",
+                   device_ms, lag_ms);
+    }
+    int64_t position_at(int64_t ms) const {
+        return m_state.position_ms(m_start + milliseconds(ms));
+    }
+    std::string items(int first, int count) {
+        std::string text = R"({"type":"queue","revision":2,"length":5,"first":)" +
+                           std::to_string(first) + R"(,"items":[)";
+        for (int i = first; i < first + count; ++i) {
+            text += (i > first ? R"(,{"item":)" : R"({"item":)") + std::to_string(10 + i) +
+                    R"(,"url":"http://here/content/)" + std::to_string(i) +
+                    R"(.flac","title":"T","cover":"http://here/cover/3"})";
+        }
+        return text + "]}";
+    }
+
+    const Clock::time_point m_start = Clock::now();
+    DeviceState m_state;
+};
+
+TEST_F(DeviceStateTest, a_position_is_right_whatever_the_clocks_and_the_network_do) {
+    ASSERT_TRUE(say_position(1'000, 0, 20));
+    EXPECT_EQ(position_at(20), 1'000);
+    EXPECT_EQ(position_at(520), 1'500);
+    ASSERT_TRUE(say_position(2'000, 1'000, 320));  // 300 ms later than it might have come
+    EXPECT_EQ(position_at(1'320), 2'300);
+    ASSERT_TRUE(say(R"({"type":"state","playback":"paused","position_ms":2500})", 2'000, 0));
+    EXPECT_EQ(position_at(9'000), 2'500);
+}
+
+TEST_F(DeviceStateTest, a_queue_comes_in_any_parts_and_a_new_revision_replaces_it) {
+    ASSERT_TRUE(say(items(2, 2)));
+    EXPECT_EQ(m_state.missing_place(), 0);
+    ASSERT_TRUE(say(items(0, 2)));
+    EXPECT_EQ(m_state.missing_place(), 4);
+    ASSERT_TRUE(say(items(4, 1)));
+    EXPECT_EQ(m_state.missing_place(), std::nullopt);
+    EXPECT_EQ(m_state.find(12)->cover, "cover/3");
+    EXPECT_EQ(track_id_of(m_state.find(12)->url), 2);
+    ASSERT_TRUE(say(R"({"type":"state","playback":"stopped","item":13})"));
+    EXPECT_EQ(m_state.item_after_current(), 14);
+    ASSERT_TRUE(say(R"({"type":"queue","revision":3,"length":1,"first":0,"items":[{"item":99}]})"));
+    EXPECT_EQ(m_state.find(12), nullptr);
+    EXPECT_EQ(m_state.missing_place(), std::nullopt);
+}
+
+TEST_F(DeviceStateTest, whatever_a_device_sends_is_passed_over_or_bounded) {
+    for (const char* text :
+         {"", "[]", "{}", R"({"type":5})", R"({"type":"state"})", R"({"type":"queue","items":5})",
+          R"({"type":"state","playback":"<b>"})", R"({"type":"other","items":[]})"}) {
+        EXPECT_FALSE(say(text)) << text;
+    }
+    EXPECT_TRUE(say(R"({"type":"queue","revision":-1,"length":1e300,"first":1e18,
+                        "items":[null,5,{"item":"x","title":[]}]})"));
+    EXPECT_TRUE(say(R"({"type":"track","item":1,"title":5,"format":[],"duration_ms":-5})"));
+    EXPECT_TRUE(say(R"({"type":"state","playback":"playing","volume":1e99,"position_ms":1e15,
+                        "taken_ms":-9007199254740992})"));
+    EXPECT_GE(position_at(1'000), 0);
+    const std::string long_text(5'000, 'x');
+    for (int64_t first = 0; first < 6'000; first += 10) {
+        std::string text = R"({"type":"queue","revision":9,"length":30000,"first":)" +
+                           std::to_string(first) + R"(,"items":[)";
+        for (int i = 0; i < 10; ++i) {
+            text += std::string(i > 0 ? "," : "") + R"({"item":1,"url":")" + long_text + "\"}";
+        }
+        ASSERT_TRUE(say(text + "]}"));
+    }
+    EXPECT_LT(print_json(m_state.describe_queue().get()).size(), size_t{12} << 20U);
+    EXPECT_EQ(m_state.missing_place(), std::nullopt) << "no more is asked for";
+}
+
+TEST(JsonTest, what_is_nested_deeply_or_no_text_is_refused_and_what_goes_out_is_utf8) {
+    EXPECT_EQ(parse_json(std::string(100'000, '[')), nullptr);
+    EXPECT_EQ(parse_json("{} x"), nullptr);
+    EXPECT_NE(parse_json(R"({"a":"[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[","b":"\\\""})"),
+              nullptr);
+    JsonPtr object = new_object();
+    add(object.get(), "t", std::string_view("a\xFF\0b", 4));
+    EXPECT_EQ(print_json(object.get()),
+              "{\"t\":\"a\xEF\xBF\xBD\xEF\xBF\xBD"
+              "b\"}");
+    EXPECT_EQ(number_member(parse_json(R"({"n":1.5})").get(), "n"), std::nullopt);
+}
+
+TEST(TracksTest, long_lists_go_in_messages_that_a_device_takes) {
+    Track track;
+    track.below = "a/b.flac";
+    track.title = std::string(300, 't');
+    const std::vector<Playable> items(1'200, Playable{{}, {}, track});
+    int count = 0;
+    for (const JsonPtr& list : track_lists(items, "http://192.168.1.5:8090")) {
+        EXPECT_LT(print_json(list.get()).size(), size_t{60} << 10U);
+        EXPECT_LE(cJSON_GetArraySize(list.get()), 500);
+        count += cJSON_GetArraySize(list.get());
+    }
+    EXPECT_EQ(count, 1'200);
+    EXPECT_EQ(track_id_of("http://radio.example/live"), 0);
+}
+
+TEST(ByteRangeTest, one_range_in_bytes_is_served_and_anything_else_is_the_whole_file) {
+    const struct {
+        const char* header;
+        RangeKind kind;
+        ByteRange range;
+    } cases[] = {
+        {"bytes=0-99", RangeKind::part, {0, 100}},
+        {"bytes=500-", RangeKind::part, {500, 1000}},
+        {"bytes=-200", RangeKind::part, {800, 1000}},
+        {"bytes=-5000", RangeKind::part, {0, 1000}},
+        {"bytes=900-5000", RangeKind::part, {900, 1000}},
+        {"bytes=999-999", RangeKind::part, {999, 1000}},
+        {"bytes=1000-", RangeKind::beyond, {0, 1000}},
+        {"bytes=-0", RangeKind::beyond, {0, 1000}},
+        {"bytes=5-4", RangeKind::whole, {0, 1000}},
+        {"bytes=0-1,5-6", RangeKind::whole, {0, 1000}},
+        {"items=0-1", RangeKind::whole, {0, 1000}},
+        {"bytes=--5", RangeKind::whole, {0, 1000}},
+        {"bytes=-", RangeKind::whole, {0, 1000}},
+        {"bytes=99999999999999999999-", RangeKind::whole, {0, 1000}},
+    };
+    for (const auto& each : cases) {
+        ByteRange range;
+        EXPECT_EQ(parse_range(each.header, 1000, &range), each.kind) << each.header;
+        if (each.kind != RangeKind::beyond) {
+            EXPECT_EQ(range, each.range) << each.header;
+        }
+    }
+    ByteRange range;
+    EXPECT_EQ(parse_range("bytes=-1", 0, &range), RangeKind::beyond);
+}
+
+TEST(ArgumentsTest, times_amounts_and_what_to_play_are_read_as_people_write_them) {
+    EXPECT_EQ(to_time("1:30")->number, 90'000);
+    EXPECT_EQ(to_time("1:02:03")->number, 3'723'000);
+    EXPECT_EQ(to_time("-10")->number, -10'000);
+    EXPECT_TRUE(to_time("+10")->is_relative);
+    for (const char* text : {"", ":", "1:", "x", "1:-3", "99999999999", "1.5"}) {
+        EXPECT_FALSE(to_time(text)) << text;
+    }
+    EXPECT_EQ(to_amount("-5")->number, -5);
+    EXPECT_FALSE(to_amount("+-5x"));
+    EXPECT_EQ(to_what("night boats"), "search:night boats");
+    EXPECT_EQ(to_what("/srv/a/../b"), "/srv/b");
+    EXPECT_EQ(to_what("https://radio.example/x"), "https://radio.example/x");
+    EXPECT_EQ(time_text(3'723'000), "1:02:03");
+}
+
+}  // namespace
+}  // namespace nuvio::controller

@@ -1,0 +1,174 @@
+"""The controller from outside: by its command line, as a device, and as a peer that means no good."""
+import json
+import os
+import pathlib
+import signal
+import socket
+import struct
+import time
+import unittest
+
+from house import PATIENCE, SECONDS, HouseTest, wait_for
+
+
+class CommandLine(HouseTest):
+    def test_music_is_handed_to_two_devices_and_driven_from_a_shell(self):
+        kitchen, attic = self.devices
+        self.start_all()
+        self.command("play", "Kitchen", "night boats")
+        self.command("play", "Attic", self.music / "1")
+        for name in self.rooms:
+            wait_for("sound", lambda name=name: self.shown(name).get("position_ms", 0) > 2500)
+        for device, album in (kitchen, 0), (attic, 1):
+            wait_for("the recording", lambda: self.heard(device, album, 0))
+        self.assertTrue(self.shown("Kitchen")["bit_exact"])
+
+        self.command("seek", "Kitchen", SECONDS - 3)
+        wait_for("the next track", lambda: self.shown("Kitchen").get("item") == 1, 10)
+        self.assertAlmostEqual(self.shown("Kitchen")["position_ms"] / 1000, kitchen.position(), delta=1)
+        self.command("volume", "Kitchen", 30)
+        wait_for("the card's volume", lambda: "[30%]" in kitchen.amixer("sget", "Master"))
+        self.command("volume", "Kitchen", "-10")
+        wait_for("the card's volume", lambda: "[20%]" in kitchen.amixer("sget", "Master"))
+        self.command("pause", "Kitchen")
+        wait_for("a pause", lambda: "paused" in self.command("status", "Kitchen"))
+        self.command("mute", "Attic", "on")
+        wait_for("silence", lambda: self.shown("Attic")["muted"])
+
+        self.command("queue", "Kitchen", "add", "köln")
+        self.command("queue", "Kitchen", "move", 3, 1)
+        self.command("queue", "Kitchen", "remove", 2)
+        self.command("queue", "Kitchen", "jump", 1)
+        queue = json.loads(self.ask("/api/devices/Kitchen/queue")[2])["items"]
+        self.assertEqual([item["title"] for item in queue], ["Köln, früh 1", "Night Boats 2", "Köln, früh 2"])
+        # In a library's order, from its second track on.
+        status, _, _ = self.ask("/api/devices/Kitchen/play", {"what": ["album:1"], "start": 1})
+        self.assertEqual(status, 200)
+        wait_for("two tracks, the second one playing", lambda: [
+            line[0] for line in self.command("queue", "Kitchen").splitlines()] == [" ", ">"])
+        for words in (["pause", "Cellar"], ["seek", "Kitchen", "soon"], ["queue", "Kitchen", "jump", 9],
+                      ["play", "Kitchen", "no such words"], ["loop", "Kitchen", "twice"]):
+            self.assertIsNone(self.command(*words, check=False), words)
+
+    def test_sessions_outlive_the_controller_and_end_with_another_ones(self):
+        kitchen, _ = self.devices
+        self.start_all()
+        self.command("play", "Kitchen", "night boats")
+        wait_for("sound", lambda: self.shown("Kitchen").get("position_ms", 0) > 500)
+        self.stop_controller(signal.SIGKILL)
+        before = kitchen.position()
+        wait_for("music without a controller", lambda: kitchen.position() > before + 2)
+        self.start_controller()
+        wait_for("the channel", lambda: self.shown("Kitchen").get("connected"))
+        self.command("next", "Kitchen")
+        wait_for("the next track", lambda: self.shown("Kitchen").get("item") == 1)
+        self.assertEqual(kitchen.recordings()[0].underruns, 0)
+
+        kitchen.play(kitchen.folder / "library/1/0.flac")  # as another controller does
+        wait_for("that it is said", lambda: "another controller" in self.command("status", "Kitchen"))
+        self.assertIsNone(self.command("pause", "Kitchen", check=False))
+        self.command("play", "Kitchen", "köln")
+        wait_for("taken back", lambda: self.shown("Kitchen").get("playback") == "playing")
+
+
+class Peers(HouseTest):
+    rooms = ["Kitchen"]
+    options = ["--password", "sesame", "--base", "/music"]
+
+    def state(self):
+        try:
+            return json.loads(self.ask("/api/state", headers={"Authorization": "Basic eDpzZXNhbWU="})[2])
+        except OSError:
+            return None
+
+    def token(self):
+        sessions = json.loads((self.folder / "state-of-controller/sessions.json").read_text())
+        return sessions[0]["token"]
+
+    def socket(self, data=b""):
+        connection = socket.create_connection(("127.0.0.1", self.port), timeout=PATIENCE)
+        self.addCleanup(connection.close)
+        connection.sendall(data)
+        return connection
+
+    def memory(self):
+        status = pathlib.Path(f"/proc/{self.controller.pid}/status").read_text()
+        return int(status.split("VmRSS:")[1].split()[0]) / 1024  # MB
+
+    def test_content_is_for_a_sessions_token_and_the_page_for_who_knows_the_password(self):
+        self.start_all()
+        self.environment["NUVIO_CONTROLLER_PASSWORD"] = "sesame"
+        self.command("play", "Kitchen", "night boats")
+        wait_for("sound", lambda: self.shown("Kitchen").get("position_ms", 0) > 500)
+        track = "/music/content/1.flac"
+        bearer = {"Authorization": f"Bearer {self.token()}"}
+        _, headers, whole = self.ask(track, headers=bearer)
+        self.assertIn(whole, [path.read_bytes() for path in self.music.glob("*/*.flac")])
+        for more, status, body in [
+                ({"Range": "bytes=100-199"}, 206, whole[100:200]), ({"Range": "bytes=-5"}, 206, whole[-5:]),
+                ({"Range": f"bytes={len(whole)}-"}, 416, None), ({"If-None-Match": headers["ETag"]}, 304, b""),
+                ({"Range": "bytes=0-9", "If-Range": headers["ETag"]}, 206, whole[:10]),
+                ({"Range": "bytes=0-9", "If-Range": '"another"'}, 200, whole)]:
+            answer = self.ask(track, headers={**bearer, **more})
+            self.assertEqual((answer[0], answer[2] if body is not None else None), (status, body), more)
+        self.assertEqual(self.ask(track, headers=bearer, method="HEAD")[1]["Content-Length"], str(len(whole)))
+        for path in (track, "/content/1.jspf", "/channel", "/api/events", "/api/state", "/", "/cover/1"):
+            for headers in ({}, {"Authorization": "Bearer x"}, {"Authorization": "Basic eDp4"}):
+                upgrade = {"Upgrade": "websocket", "Connection": "Upgrade", "Sec-WebSocket-Version": "13",
+                           "Sec-WebSocket-Key": "dGhlIHNhbXBsZSBub25jZQ=="}
+                self.assertEqual(self.ask(path, headers={**headers, **upgrade})[0], 401, path)
+        page = self.ask("/music/", headers={"Authorization": "Basic eDpzZXNhbWU="})
+        self.assertEqual(self.ask("/api/state", headers={"Cookie": page[1]["Set-Cookie"].split(";")[0]})[0], 200)
+        for foreign in ({"Origin": "http://evil.example"}, {"Host": "evil.example"},
+                        {"Sec-Fetch-Site": "cross-site"}):
+            for path in (track, "/", "/api/state", "/channel"):
+                self.assertEqual(self.ask(path, headers={**bearer, **foreign})[0], 403, (path, foreign))
+        self.assertEqual(self.ask("/content/../../etc/passwd", headers=bearer)[0] // 100, 4)
+
+    def test_no_peer_can_hold_grow_or_end_it(self):
+        self.options = []
+        self.start_all()
+        self.command("play", "Kitchen", "night boats")
+        upgrade = ("Upgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
+                   "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n")
+        before = self.memory()
+        frames = [b"\x81\xff" + struct.pack(">Q", 1 << 30) + b"abcd", b"\x81\xff" + b"\xff" * 12,
+                  b"\x81\xfe\xff\xffabcd", b"\x00\x80abcd" * 1000]
+        request = f"HTTP/1.1\r\nHost: 127.0.0.1\r\n{upgrade}"
+        for frame in frames:
+            page = self.socket(f"GET /api/events {request}\r\n".encode() + frame)
+            device = self.socket(f"GET /channel {request}Authorization: Bearer {self.token()}\r\n"
+                                 "Sec-WebSocket-Protocol: nuvio-session.v1\r\n\r\n".encode() + frame)
+            for each in page, device:
+                try:
+                    for _ in range(200):
+                        each.sendall(b"\xaa" * 65536)
+                except OSError:
+                    pass
+        slow = [self.socket(b"GET / HTTP/1.1\r\nX: ") for _ in range(100)]
+        begin = time.monotonic()
+        while True:
+            try:
+                if self.ask("/")[0] == 200:
+                    break
+            except OSError:
+                pass
+            self.assertLess(time.monotonic() - begin, PATIENCE)
+            for each in slow:
+                try:
+                    each.send(b"x")
+                except OSError:
+                    pass
+            time.sleep(0.2)
+        deep = '{"a":' * 5000 + "1" + "}" * 5000
+        for body in (deep, "[]", "", "{" + '"x":1,' * 20_000 + '"y":1}', '{"what":[5,null,"album:-1"]}'):
+            connection = self.socket(f"POST /api/devices/Kitchen/play HTTP/1.1\r\nHost: 127.0.0.1\r\n"
+                                     f"Content-Length: {len(body)}\r\n\r\n{body}".encode())
+            self.assertRegex(connection.recv(65536), rb"^HTTP/1.1 4\d\d ")
+        if "NUVIO_SANITIZE" not in os.environ:
+            self.assertLess(self.memory(), before + 15)
+        self.assertEqual(self.shown("Kitchen")["name"], "Kitchen")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,249 @@
+"""The page in real browsers, as people use it: a phone and a second screen, two devices, music."""
+import contextlib
+import json
+import os
+import pathlib
+import signal
+import unittest
+
+from house import ALBUMS, HouseTest, wait_for
+from selenium import webdriver
+from selenium.webdriver import ActionChains, ChromeOptions, Keys
+from selenium.webdriver.chrome.service import Service
+from selenium.webdriver.common.by import By
+
+# Where pictures of the screens go, when they are wanted: docs/pictures.
+PICTURES = os.environ.get("NUVIO_PICTURES")
+SCREENS = {"phone": (390, 780), "desktop": (1280, 760)}
+PAGE_BYTES = 100_000
+
+# What a program can see of accessibility: every control has a name, ids are unique, and text stands
+# out from what is behind it by 4.5 to 1.
+AUDIT = """
+const seen = [], wrong = [];
+const channel = (v) => (v /= 255) <= 0.04045 ? v / 12.92 : ((v + 0.055) / 1.055) ** 2.4;
+const light = ([r, g, b]) => 0.2126 * channel(r) + 0.7152 * channel(g) + 0.0722 * channel(b);
+const colour = (text) => text.match(/[\\d.]+/g).map(Number);
+function behind(node) {
+  for (let at = node; at; at = at.parentElement) {
+    const c = colour(getComputedStyle(at).backgroundColor);
+    if (c.length === 3 || c[3] === 1) return c;
+  }
+  return [255, 255, 255];
+}
+for (const node of document.querySelectorAll("[id]")) {
+  if (seen.includes(node.id)) wrong.push("id twice: " + node.id);
+  seen.push(node.id);
+}
+for (const node of document.querySelectorAll("body *")) {
+  const own = [...node.childNodes].some((child) => child.nodeType === 3 && child.data.trim());
+  if (!own || !node.checkVisibility() || node.closest(".skip, :disabled, .pending, option, select")) continue;
+  const [a, b] = [light(colour(getComputedStyle(node).color)), light(behind(node))].sort();
+  const ratio = (Math.max(a, b) + 0.05) / (Math.min(a, b) + 0.05);
+  if (ratio < 4.5) wrong.push("contrast " + ratio.toFixed(1) + ": " + node.textContent.slice(0, 40));
+}
+const controls = document.querySelectorAll("a[href], button, input, select");
+for (const node of controls) {
+  const box = node.getBoundingClientRect();
+  if (node.checkVisibility() && !node.matches(".skip") && (box.height < 24 || box.width < 24)) {
+    wrong.push("too small: " + node.outerHTML.slice(0, 80));
+  }
+}
+if (document.documentElement.scrollWidth > innerWidth) wrong.push("wider than the screen");
+return wrong;
+"""
+
+
+class Browser:
+    def __init__(self, test, kind):
+        options = ChromeOptions()
+        options.binary_location = "/usr/bin/chromium"
+        for argument in ("headless=new", "no-sandbox", "disable-dev-shm-usage", "disable-gpu", "hide-scrollbars",
+                         f"user-data-dir={test.folder}/{kind}"):
+            options.add_argument(f"--{argument}")
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        self.driver = webdriver.Chrome(options=options, service=Service("/usr/bin/chromedriver"))
+        test.addCleanup(self.driver.quit)
+        width, height = SCREENS[kind]
+        self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
+            "width": width, "height": height, "deviceScaleFactor": 1, "mobile": kind == "phone"})
+        self.kind = kind
+        self.url = f"http://127.0.0.1:{test.port}/"
+        self.driver.get(self.url)
+
+    def open(self, screen):
+        self.driver.execute_script("location.hash = arguments[0]", screen)
+        wait_for(screen, lambda: self.run("return document.querySelector('main h1') !== null"))
+
+    def run(self, script, *arguments):
+        return self.driver.execute_script(script, *arguments)
+
+    def text(self):
+        return self.run("return document.body.innerText")
+
+    def shows(self, text):
+        wait_for(f"on the {self.kind}: {text}", lambda: text in self.text())
+
+    def find(self, selector):
+        return wait_for(selector, lambda: next(iter(self.driver.find_elements(By.CSS_SELECTOR, selector)), None))
+
+    def press(self, label):
+        """What has this name; the page may make it anew at any moment, so it is pressed in one step."""
+        script = """const it = [...document.querySelectorAll("button, a")].find((each) =>
+                        (each.getAttribute("aria-label") || each.innerText.trim()) === arguments[0]);
+                    if (it) it.click();
+                    return Boolean(it);"""
+        wait_for(f"something called {label}", lambda: self.run(script, label))
+
+    def slide(self, selector, value):
+        self.run("""const it = document.querySelector(arguments[0]); it.value = arguments[1];
+                    it.dispatchEvent(new Event("input")); it.dispatchEvent(new Event("change"));""",
+                 selector, value)
+
+    def value(self, selector):
+        return self.run("const it = document.querySelector(arguments[0]); return it && Number(it.value)", selector)
+
+    def titles(self):
+        return self.run("""return [...document.querySelectorAll("main ul.list li .cut:first-child")]
+                               .map((each) => each.textContent)""")
+
+    def nameless(self):
+        """Controls that a screen reader has no name for."""
+        tree = self.driver.execute_cdp_cmd("Accessibility.getFullAXTree", {})["nodes"]
+        return [node for node in tree if not node.get("name", {}).get("value") and not node["ignored"] and
+                node["role"]["value"] in ("button", "link", "searchbox", "slider", "combobox", "textbox")]
+
+    def faults(self):
+        """What the browser has complained of on the page, but for a controller that is away."""
+        return [line["message"] for line in self.driver.get_log("browser")
+                if line["message"].startswith(self.url) and "WebSocket" not in line["message"]
+                and "ERR_" not in line["message"]]
+
+
+class Page(HouseTest):
+    def play_album(self, browser, number):
+        browser.open("#library")
+        browser.shows(ALBUMS[number][0])
+        browser.run("[...document.querySelectorAll('.grid a')].find((a) => a.innerText.includes(arguments[0]))"
+                    ".click()", ALBUMS[number][0])
+        browser.shows(f"{ALBUMS[number][0]} 2")
+
+    def test_a_phone_finds_devices_plays_an_album_and_drives_it(self):
+        kitchen = self.devices[0]
+        self.start_all()
+        phone = Browser(self, "phone")
+        phone.shows("Attic")
+        self.assertLess(phone.run("""return performance.getEntriesByType("resource").concat(
+            performance.getEntriesByType("navigation")).reduce((sum, each) => sum + each.transferSize, 0)"""),
+            PAGE_BYTES)
+        phone.find("article[aria-label=Kitchen] button").click()
+        self.play_album(phone, 0)
+        phone.press("Play")
+        wait_for("the album's beginning on the card", lambda: self.heard(kitchen, 0, 0))
+
+        phone.open("#playing")
+        phone.shows("44.1 kHz · 16 bit · stereo · bit-exact")
+        self.assertAlmostEqual(phone.value("#seek") / 1000, kitchen.position(), delta=1)
+        before = phone.value("#seek")
+        wait_for("a running position", lambda: phone.value("#seek") > before + 300, 2)
+        phone.slide("#seek", 15_000)
+        wait_for("the sought position", lambda: 15 <= kitchen.position() < 19)
+
+        phone.slide("input[data-key^=volume]", 35)
+        wait_for("the card's volume", lambda: "[35%]" in kitchen.amixer("sget", "Master"))
+        kitchen.amixer("sset", "Master", "20%")
+        wait_for("the slider", lambda: phone.value("input[data-key^=volume]") == 20)
+        phone.press("Pause")
+        wait_for("a pause", lambda: kitchen.player("status") == "Paused")
+
+        second = Browser(self, "desktop")
+        second.open("#playing")
+        second.press("Play")
+        wait_for("music again", lambda: kitchen.player("status") == "Playing")
+        wait_for("both to show it", lambda: all(
+            each.run("return document.querySelector('[data-key=toggle]').ariaLabel") == "Pause"
+            for each in (phone, second)))
+        self.assertEqual(phone.faults() + second.faults(), [])
+
+    def test_the_queue_is_edited_by_finger_and_by_key(self):
+        self.start_all()
+        self.command("play", "Kitchen", "night boats")
+        phone = Browser(self, "phone")
+        self.play_album(phone, 1)
+        phone.press("Add to queue")
+        phone.open("#queue")
+        order = ["Night Boats 1", "Night Boats 2", "Köln, früh 1", "Köln, früh 2"]
+        wait_for("four tracks", lambda: phone.titles() == order)
+        phone.run("document.querySelectorAll('.drag')[3].focus()")
+        ActionChains(phone.driver).send_keys(Keys.ARROW_UP).perform()
+        order[2:] = reversed(order[2:])
+        wait_for("the last one before the third", lambda: phone.titles() == order)
+        rows = phone.driver.find_elements(By.CSS_SELECTOR, ".drag")
+        ActionChains(phone.driver).click_and_hold(rows[3]).move_to_element_with_offset(
+            rows[1], 0, -15).pause(0.2).release().perform()
+        order.insert(1, order.pop())
+        wait_for("the last one second", lambda: phone.titles() == order)
+        phone.press("Remove Night Boats 2")
+        order.remove("Night Boats 2")
+        wait_for("one less", lambda: phone.titles() == order)
+        queue = json.loads(self.ask("/api/devices/Kitchen/queue")[2])["items"]
+        self.assertEqual([item["title"] for item in queue], order)
+        self.assertEqual(phone.faults(), [])
+
+    def test_what_comes_goes_and_fails_is_shown_with_what_to_do(self):
+        kitchen, attic = self.devices
+        self.start_all()
+        self.command("play", "Kitchen", "night boats")
+        phone = Browser(self, "phone")
+        phone.shows("Night Boats 1")
+        kitchen.run_tool(pathlib.Path(__file__).parents[2] / "tools/panel/panel", "rename", "Larder")
+        phone.shows("Larder")
+        attic.daemon.send_signal(signal.SIGKILL)
+        attic.daemon.wait()
+        self.ask("/api/devices/look", {})
+        phone.shows("Can't be reached")
+        attic.start()
+        phone.shows("Free")
+
+        self.stop_controller(signal.SIGKILL)
+        phone.shows("No connection to the controller")
+        self.assertIn("Larder", phone.text())
+        before = kitchen.position()
+        wait_for("music all the while", lambda: kitchen.position() > before + 1)
+        self.start_controller()
+        wait_for("the connection", lambda: "No connection" not in phone.text())
+        wait_for("the channel", lambda: self.shown("Larder").get("connected"))
+        phone.press("Pause Larder")
+        wait_for("a pause", lambda: kitchen.player("status") == "Paused")
+
+        kitchen.play(kitchen.folder / "library/1/0.flac")  # as another controller does
+        phone.shows("Another controller plays here")
+        self.assertEqual(phone.faults(), [])
+
+    def test_every_screen_can_be_read_and_reached_and_runs_nothing_that_a_file_says(self):
+        self.start_all()
+        self.command("play", "Kitchen", "night boats")
+        self.command("queue", "Kitchen", "add", self.music)
+        for kind in SCREENS:
+            browser = Browser(self, kind)
+            browser.shows("Night Boats 1")
+            for screen in ("devices", "library", "library/album/1", "library/artists", "library/folders",
+                           "library/search/b", "queue", "playing"):
+                for scheme in "dark", "light":
+                    browser.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [
+                        {"name": "prefers-color-scheme", "value": scheme}]})
+                    browser.open("#" + screen)
+                    with contextlib.suppress(AssertionError):  # what moves is looked at once more
+                        wait_for("nothing to complain of", lambda: browser.run(AUDIT) == [], 2)
+                    self.assertEqual(browser.run(AUDIT), [], (kind, screen, scheme))
+                self.assertEqual(browser.nameless(), [], (kind, screen))
+                if PICTURES and screen in ("devices", "library", "queue", "playing"):
+                    browser.driver.save_screenshot(f"{PICTURES}/{kind}-{screen}.png")
+            browser.open("#library")
+            browser.shows(ALBUMS[2][0])
+            self.assertEqual(browser.run("return document.querySelectorAll('main script, [onerror]').length"), 0)
+            self.assertEqual(browser.faults(), [])
+
+
+if __name__ == "__main__":
+    unittest.main()
