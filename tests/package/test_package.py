@@ -72,8 +72,11 @@ class Installed(unittest.TestCase):
 
     def test_3_the_unit_is_sound_and_lets_the_service_do_little(self):
         result = run("systemd-analyze", "verify", "--man=no", f"--root={ROOT}",
-                     "nuvio-connect.service", "nuvio-connect-controller.service")
+                     "nuvio-connect.service", "nuvio-connect@kitchen.service",
+                     "nuvio-connect-controller.service")
         self.assertNotIn("nuvio-connect", result.stderr)
+        self.assertIn("\nEnvironment=NUVIO_SETTINGS=/etc/nuvio-connect/%i.conf ",
+                      (ROOT / UNIT.replace(".", "@.")).read_text())
         for unit in UNIT, UNIT.replace(".service", "-controller.service"):
             exposure = run("systemd-analyze", "security", "--offline=true", "--threshold=18",
                            "--no-pager", ROOT / unit)

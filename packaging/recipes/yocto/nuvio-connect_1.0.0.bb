@@ -54,5 +54,6 @@ FILES:${PN}-host-linux = "${libdir}/libnuvio_host.so.* \
     ${nonarch_libdir}/sysusers.d/nuvio-connect.conf"
 FILES:${PN} = "${bindir}/nuvio-connect \
     ${systemd_system_unitdir}/nuvio-connect.service \
+    ${systemd_system_unitdir}/nuvio-connect@.service \
     ${datadir}/bash-completion/completions/nuvio-connect \
     ${mandir}/man8/nuvio-connect.8"
