@@ -103,6 +103,7 @@ class Player {
     void go_on_after_last_sample();
     void pass_over(const Stream& stream);
     bool pass_over_refused();
+    bool begin_anew();
     TrackPlace place_of(size_t track) const { return {track, m_session_count}; }
 
     const PlayerDelegates m_delegates;
@@ -121,6 +122,9 @@ class Player {
     StreamQueue m_streams;
     Pace m_pace;
     Pace::Time m_paused_at;
+    // Where sound begins after a pause or a seek, until the renderer takes something.
+    std::optional<uint64_t> m_resumed_ms;
+    bool m_has_begun_anew = false;  // without sound since
 };
 
 }  // namespace local_core
