@@ -113,16 +113,16 @@ TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
     NuvioSSListener::setSource();
     startBridge();
     process({"VOLUME_STATUS"});  // the SDK has not reported one
-    EXPECT_THAT(fake_platform::state()->take_calls(), ElementsAre("play_my_source 31"));
+    EXPECT_THAT(fake_platform::state()->take_calls(), testing::ElementsAre("play_my_source 31"));
     onLoop([] { EXPECT_TRUE(host_allow_source()); });
     onLoop(host_report_volume);
     onLoop(host_report_mute_state);
     process({});
     EXPECT_THAT(fake_platform::state()->calls,
-                ElementsAre("play_my_source 31", "app_volume 30", "write 63 MUTE"));
+                testing::ElementsAre("play_my_source 31", "app_volume 30", "write 63 MUTE"));
     fake_sdk::set_result("get_volume", NUV_ERROR_NOT_CONNECTED);
     process({"VOLUME_STATUS"});
-    EXPECT_THAT(fake_platform::state()->calls, Contains("app_volume 0"));
+    EXPECT_THAT(fake_platform::state()->calls, testing::Contains("app_volume 0"));
 }
 
 // The meeting that must not deadlock: the command thread, its turn at the queue in hand, waits for
