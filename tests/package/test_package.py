@@ -18,7 +18,8 @@ PATIENCE = 30  # s
 CARD = "/var/lib/nuvio-connect/card"
 PATH = "PATH=/usr/sbin:/usr/bin:/sbin:/bin"
 PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-host-linux",
-            "nuvio-connect-tools", "nuvio-connect-controller", "nuvio-connect-dev"]
+            "nuvio-connect-tools", "nuvio-connect-controller", "nuvio-connect-dev",
+            "nuvio-connect-core-ffmpeg"]
 UNIT = "usr/lib/systemd/system/nuvio-connect.service"
 
 
@@ -62,7 +63,7 @@ class Installed(unittest.TestCase):
         binaries = [ROOT / "usr/bin/nuvio-connect", ROOT / "usr/bin/simcardctl",
                     *ROOT.glob("usr/lib/*/libnuvio_*.so.?"),
                     *ROOT.glob("usr/lib/*/nuvio-connect/simcard/*.so")]
-        self.assertEqual(len(binaries), 6)
+        self.assertEqual(len(binaries), 7)
         for path in binaries:
             self.assertNotRegex(run("readelf", "-d", path).stdout, "RPATH|RUNPATH", path)
             self.assertFalse(str(BUILD.parents[1]).encode() in path.read_bytes(), path)
