@@ -17,9 +17,9 @@ ROOT = pathlib.Path(os.environ["NUVIO_ROOT"])
 PATIENCE = 30  # s
 CARD = "/var/lib/nuvio-connect/card"
 PATH = "PATH=/usr/sbin:/usr/bin:/sbin:/bin"
-PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-host-linux",
-            "nuvio-connect-tools", "nuvio-connect-controller", "nuvio-connect-dev",
-            "nuvio-connect-core-ffmpeg"]
+PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-core-ffmpeg",
+            "nuvio-connect-host-linux", "nuvio-connect-tools",
+            "nuvio-connect-controller", "nuvio-connect-dev"]
 UNIT = "usr/lib/systemd/system/nuvio-connect.service"
 
 
@@ -61,9 +61,10 @@ class Installed(unittest.TestCase):
 
     def test_2_programs_name_their_libraries_and_nothing_of_the_machine_that_built_them(self):
         binaries = [ROOT / "usr/bin/nuvio-connect", ROOT / "usr/bin/simcardctl",
+                    ROOT / "usr/bin/nuvio-connect-controller",
                     *ROOT.glob("usr/lib/*/libnuvio_*.so.?"),
                     *ROOT.glob("usr/lib/*/nuvio-connect/simcard/*.so")]
-        self.assertEqual(len(binaries), 7)
+        self.assertEqual(len(binaries), 8)
         for path in binaries:
             self.assertNotRegex(run("readelf", "-d", path).stdout, "RPATH|RUNPATH", path)
             self.assertFalse(str(BUILD.parents[1]).encode() in path.read_bytes(), path)
@@ -113,7 +114,7 @@ class Installed(unittest.TestCase):
             shutil.copy(build / library, libraries)
         in_root("dpkg-deb", "-b", "/maker", "/maker.deb")
         self.addCleanup((ROOT / "maker.deb").unlink)
-        in_root("dpkg", "-r", "--force-depends", *PACKAGES[1:3])
+        in_root("dpkg", "-r", "--force-depends", *PACKAGES[1:4])
         in_root("dpkg", "-i", "/maker.deb")
         self.assertEqual(in_root("dpkg", "--audit").stdout, "")
         for layer, library in (("core", "libnuvio_connect.so.1"), ("host", "libnuvio_host.so.1")):
