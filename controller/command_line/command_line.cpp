@@ -278,9 +278,11 @@ void status(const Words& words) {
         follows = follows || word == "--follow";
         device = word.starts_with("--") ? device : word;
     }
-    int64_t version = show_status(-1, device, is_json);
-    while (follows) {
+    for (int64_t version = -1;;) {
         version = show_status(version, device, is_json);
+        if (!follows) {
+            return;
+        }
     }
 }
 

@@ -21,7 +21,7 @@ constexpr int kMaxUnreachable = 3;
 }  // namespace
 
 Player::Player(const PlayerDelegates& delegates, Control& control,
-               std::shared_ptr<const Logger> logger, std::function<void()> on_news)
+               const std::shared_ptr<const Logger>& logger, std::function<void()> on_news)
     : m_delegates(delegates),
       m_logger(logger),
       m_streams(delegates, control, logger, std::move(on_news)) {}

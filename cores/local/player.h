@@ -49,8 +49,8 @@ struct Trouble {
 class Player {
   public:
     // `on_news` comes from a decoding thread: the next pass has something to do.
-    Player(const PlayerDelegates& delegates, Control& control, std::shared_ptr<const Logger> logger,
-           std::function<void()> on_news);
+    Player(const PlayerDelegates& delegates, Control& control,
+           const std::shared_ptr<const Logger>& logger, std::function<void()> on_news);
     // Calls no delegate.
     ~Player();
     Player(const Player&) = delete;
