@@ -13,7 +13,6 @@ import pathlib
 import random
 import re
 import shutil
-import socket
 import struct
 import subprocess
 import sys
@@ -24,28 +23,9 @@ import wave
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tools/run"))
 import own_device  # noqa: E402
+from own_device import end, wait_for  # noqa: E402
 
-PATIENCE = 30  # s
 OWN_DAEMON = pathlib.Path(__file__).resolve().parents[1] / "tools/run/own_daemon.sh"
-
-
-def wait_for(what, condition, seconds=PATIENCE, pause=0.02):
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        value = condition()
-        if value:
-            return value
-        time.sleep(pause)
-    raise RuntimeError(f"not within {seconds} s: {what}")
-
-
-def free_port(first):
-    """The first free one from `first` on, below those that the kernel gives to clients."""
-    for port in range(first, 32768):
-        with socket.socket() as probe, contextlib.suppress(OSError):
-            probe.bind(("127.0.0.1", port))
-            return port
-    raise RuntimeError("no free port")
 
 
 # ---- Music --------------------------------------------------------------------------------------
@@ -182,7 +162,6 @@ class Lab:
         self.stack = contextlib.ExitStack()
         self.lock = threading.Lock()
         self.names = 0
-        self.port = 21000 + os.getpid() % 8000
 
     def __enter__(self):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="nuvio-bench-"))
@@ -216,23 +195,8 @@ class Lab:
         folder.mkdir()
         return folder
 
-    def new_port(self):
-        with self.lock:
-            self.port = free_port(self.port + 1)
-            return self.port
-
     def card(self, *options, record=False):
         return Card(self.build, self.new_folder("card"), *options, record=record)
-
-
-def end(process):
-    if process.poll() is None:
-        process.terminate()
-    try:
-        return process.wait(PATIENCE)
-    except subprocess.TimeoutExpired:
-        process.kill()
-        return process.wait()
 
 
 class Aplay:
@@ -327,7 +291,6 @@ class Bus:
 
     def __init__(self, folder):
         self.process, self.address = own_device.start_bus(folder)
-        wait_for("message bus", (folder / "bus").exists)
         self.library = ctypes.CDLL("libsystemd.so.0")
         self.client = None
 
@@ -364,16 +327,14 @@ class Device:
     def __init__(self, lab, card, wrapper=(), probe=False, marks=False):
         self.lab, self.card, self.wrapper, self.marks = lab, card, wrapper, marks
         self.folder = lab.new_folder("device")
-        self.port = lab.new_port()
+        self.port = own_device.free_port()
         self.probe = Probe(self.folder / "probe") if probe else None
         own_device.write_settings(self.folder, self.port)
 
     def __enter__(self):
         self.bus = Bus(self.folder)
-        environment = dict(os.environ, NUVIO_MUSIC_FOLDERS="/",
-                           NUVIO_SETTINGS=str(self.folder / "settings.conf"),
-                           DBUS_SESSION_BUS_ADDRESS=self.bus.address, **self.lab.discovery,
-                           **self.card.environment())
+        environment = own_device.environment(self.folder, self.card.folder / "asound.conf",
+                                             **self.lab.discovery)
         if self.probe:
             environment |= {"LD_PRELOAD": str(self.lab.build / "lib/libbench_probe.so"),
                             "NUVIO_PROBE": str(self.probe.path)}
@@ -387,7 +348,7 @@ class Device:
         try:
             wait_for("HTTP answers", self.answers, pause=0.001)
             self.answered_ns = time.monotonic_ns()
-        except RuntimeError:
+        except AssertionError:
             self.__exit__()
             raise
         return self
@@ -401,14 +362,10 @@ class Device:
         return (self.folder / "log").read_text(errors="replace")
 
     def request(self, method, path, body=None):
-        return own_device.request(self.port, method, path, body, PATIENCE)
+        return own_device.request(self.port, method, path, body)
 
     def answers(self):
-        if self.process.poll() is not None:
-            raise RuntimeError(f"the daemon ended with {self.process.returncode}")
-        with contextlib.suppress(OSError):
-            return self.request("GET", "/get-display-info")[0] == 200
-        return False
+        return own_device.answers(self.port, self.process)
 
     def play(self, content, remote=""):
         status = own_device.connect(self.port, content, remote=remote)

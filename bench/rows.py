@@ -17,8 +17,8 @@ import time
 
 from lab import (Aplay, Device, Mpd, Window, cpu_ns, end, memory_kb, one_second, read_once, to_flac,
                  wait_for, write_wav)
+import raw_websocket  # noqa: I001  lab has told where it is
 from web_server import WebServer
-import raw_websocket  # lab has told where it is
 
 # A ring buffer of one second, as sound cards have: a program without wishes gets periods of 125 ms,
 # which is what aplay asks for.

@@ -36,9 +36,9 @@ HelloMessage describe(const nuv_connect_config& config, const std::string& uuid)
 Core::Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& config)
     : m_handle(handle),
       m_config(config),
-      m_uuid(
-          device_uuid(config.manufacturer, config.model, config.serial_number, config.hardware_id)),
+      m_uuid(device_uuid()),
       m_wakeup(loop, [this] { pass(); }),
+      m_local_server(loop, *m_logger, [this] { m_wakeup.run_each_pass(); }),
       m_control(config.device_name, [this] { m_wakeup.wake(); }),
       m_preparer([this] { m_wakeup.wake(); }, config.maximum_audio_quality, m_logger),
       m_player({handle, config.audio_stream_delegate, config.media_delegate,
@@ -121,11 +121,13 @@ void Core::pass() {
     // What a step has changed is reported before the next step is taken.
     more |= m_player.advance() || m_player.deliver();
     tell_remote_control();
+    auto next_time = m_player.next_time();
     if (more) {
         m_wakeup.run_each_pass();
     } else if (const auto next_look = m_player.give_up_hanging()) {
-        m_wakeup.run_at(*next_look);
+        next_time = std::min(next_time.value_or(*next_look), *next_look);
     }
+    m_wakeup.run_at(next_time);
 }
 
 void Core::take_requests() {
@@ -161,16 +163,14 @@ void Core::tell_remote_control() {
     m_remote.tell(m_settings, m_published);
 }
 
-// True when a delegate was called; the same below.
+// True when a delegate was called; the same below. Nothing is announced that does not listen.
 bool Core::advertise() {
     const nuv_advertising_delegate& advertising = m_config.advertising_delegate;
-    if (m_services_started && m_advertised_name == m_settings.device_name) {
+    if (!m_local_server.start(m_handle, m_config.local_config_server_delegate) ||
+        (m_advertised && m_advertised_name == m_settings.device_name)) {
         return false;
     }
-    if (!std::exchange(m_services_started, true)) {
-        const auto& server = m_config.local_config_server_delegate;
-        server.start(m_handle, server.context);
-    } else {
+    if (std::exchange(m_advertised, true)) {
         advertising.stop(m_handle, advertising.context);
     }
     m_advertised_name = m_settings.device_name;

@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "local/control.h"
+#include "local/local_server.h"
 #include "local/logger.h"
 #include "local/loop_wakeup.h"
 #include "local/player.h"
@@ -86,6 +87,7 @@ class Core {
     const std::string m_uuid;
     const std::shared_ptr<Logger> m_logger = std::make_shared<Logger>();
     LoopWakeup m_wakeup;
+    LocalServer m_local_server;
     Control m_control;
     SessionPreparer m_preparer;
     Player m_player;
@@ -95,7 +97,7 @@ class Core {
     PlayerView m_published;       // as given to control last
     bool m_view_noted = false;    // control has changed its view since, by the commands it noted
     Reported m_reported;
-    bool m_services_started = false;
+    bool m_advertised = false;
     std::string m_advertised_name;
     // When the last ones were begun, oldest first.
     std::array<std::chrono::steady_clock::time_point, kSessionsASecond> m_recent_sessions{};

@@ -1,7 +1,5 @@
 #include "local/loop_wakeup.h"
 
-#include <algorithm>
-
 namespace local_core {
 
 LoopWakeup::LoopWakeup(uv_loop_t* loop, std::function<void()> callback)
@@ -30,12 +28,19 @@ void LoopWakeup::rest() {
     uv_idle_stop(m_idle.get());
 }
 
-void LoopWakeup::run_at(std::chrono::steady_clock::time_point time) {
-    using std::chrono::milliseconds;
-    const auto rest = std::chrono::ceil<milliseconds>(time - std::chrono::steady_clock::now());
+void LoopWakeup::run_at(std::optional<std::chrono::steady_clock::time_point> time) {
+    if (!time) {
+        uv_timer_stop(m_timer.get());
+        return;
+    }
+    // The loop's time is that of the pass's beginning, in whole milliseconds.
+    uv_update_time(m_timer->loop);
+    const auto wait =
+        std::chrono::ceil<std::chrono::milliseconds>(*time - std::chrono::steady_clock::now())
+            .count();
     uv_timer_start(
         m_timer.get(), [](uv_timer_t* self) { static_cast<LoopWakeup*>(self->data)->m_callback(); },
-        static_cast<uint64_t>(std::max(rest, milliseconds(0)).count()), 0);
+        wait < 0 ? 0 : static_cast<uint64_t>(wait) + 1, 0);
 }
 
 }  // namespace local_core

@@ -10,6 +10,7 @@
 #include <chrono>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 
 namespace local_core {
@@ -49,8 +50,8 @@ class LoopWakeup {
     // call.
     void run_each_pass();
     void rest();
-    // The callback runs once more then; a later call replaces the time.
-    void run_at(std::chrono::steady_clock::time_point time);
+    // The callback runs on a pass of the loop at this time, or never; the last call counts.
+    void run_at(std::optional<std::chrono::steady_clock::time_point> time);
 
   private:
     std::function<void()> m_callback;

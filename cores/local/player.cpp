@@ -105,7 +105,7 @@ void Player::go_back(const Command&) {
     const bool is_heard = m_playback.is_active() && !m_playback.replaces_streams();
     uint64_t position_ms = m_playback.seek_goal_ms().value_or(0);
     if (is_heard && !m_playback.seek_goal_ms()) {
-        position_ms = m_streams.heard_position_ms();
+        position_ms = heard_ms();
     }
     if (position_ms <= kRestartAfterMs && m_session->previous()) {
         m_goes_backwards = true;
@@ -238,6 +238,25 @@ bool Player::pass_over_refused() {
 }
 
 // ---- From the renderer ------------------------------------------------------------------------
+
+nuv_error Player::playback_initiated() {
+    if (m_playback.is_active()) {
+        m_pace.go_on(Pace::Clock::now());
+    } else {
+        m_pace.begin(Pace::Clock::now());
+    }
+    return m_playback.confirm_initiated();
+}
+
+nuv_error Player::playback_paused() {
+    m_paused_at = Pace::Clock::now();
+    return m_playback.confirm_paused();
+}
+
+nuv_error Player::playback_resumed() {
+    m_pace.begin(Pace::Clock::now());
+    return m_playback.confirm_resumed();
+}
 
 nuv_error Player::playback_error() {
     if (m_playback.is_stopped()) {

@@ -23,6 +23,7 @@
 
 #include "local/control.h"
 #include "local/logger.h"
+#include "local/pace.h"
 #include "local/playback_state.h"
 #include "local/remote_settings.h"
 #include "local/session.h"
@@ -63,6 +64,9 @@ class Player {
     // Offers each stream's data once; true when there may be more.
     bool deliver();
 
+    // When the next pass has something to do although nothing has happened; none while nothing
+    // plays.
+    std::optional<Pace::Time> next_time() const;
     // Passes over what does not answer; when to call it again, none where nothing is waited for.
     std::optional<std::chrono::steady_clock::time_point> give_up_hanging() {
         return m_streams.give_up_hanging(remote_request_defaults().give_up_after);
@@ -84,9 +88,9 @@ class Player {
     bool take_new_texts() { return std::exchange(m_has_new_texts, false); }
 
     // From the renderer.
-    nuv_error playback_initiated() { return m_playback.confirm_initiated(); }
-    nuv_error playback_paused() { return m_playback.confirm_paused(); }
-    nuv_error playback_resumed() { return m_playback.confirm_resumed(); }
+    nuv_error playback_initiated();
+    nuv_error playback_paused();
+    nuv_error playback_resumed();
     nuv_error playback_stopped() { return m_playback.confirm_stopped(); }
     nuv_error playback_error();
     nuv_error playback_finished(bool no_next_track);
@@ -108,8 +112,14 @@ class Player {
     bool start_next();
     // Parts of them.
     bool keep_place();
+    void refresh_place();
     bool plays_undisturbed() const;
+    bool is_heard() const;
     void deliver_one(Role role, bool* has_more);
+    void follow_full_output();
+    uint64_t heard_ms() const;
+    bool is_end_to_wait(Role role) const;
+    void look();
 
     // Commands.
     void join_session(Command& command);
@@ -152,6 +162,8 @@ class Player {
 
     PlaybackState m_playback;
     StreamQueue m_streams;
+    Pace m_pace;
+    Pace::Time m_paused_at;
 };
 
 }  // namespace local_core

@@ -9,8 +9,11 @@ namespace local_core {
 
 namespace {
 
-// The renderer's position is a difference of rounded times: so much it may lie ahead of the sound.
-constexpr uint64_t kPositionErrorMs = 2;
+// The renderer's position is a difference of rounded times, one of which a sound server estimates:
+// so much it may lie ahead of the sound.
+constexpr uint64_t kPositionErrorMs = 8;
+
+constexpr std::chrono::milliseconds kShortPause{100};
 
 }  // namespace
 
@@ -128,9 +131,19 @@ bool Player::pause_or_resume() {
     if (m_playback.is_to_resume()) {
         m_playback.await_answer();
         media.resume_playback(m_delegates.core, media.context);
+        refresh_place();
         return true;
     }
     return false;
+}
+
+// PulseAudio takes the time since an output was emptied for time played, and answers with places
+// that lie ahead by that: a seek to the same place empties it anew.
+void Player::refresh_place() {
+    if (is_heard() && !m_playback.seek_goal_ms() && m_streams.current()->info().seekable &&
+        Pace::Clock::now() - m_paused_at > kShortPause) {
+        m_playback.set_seek_goal_ms(m_streams.delivered_position_ms());
+    }
 }
 
 // A pause drops what the output still holds. The stream is positioned at what is heard before it:
@@ -141,7 +154,7 @@ bool Player::keep_place() {
         return false;
     }
     if (!m_playback.seek_goal_ms()) {
-        const uint64_t position_ms = m_streams.heard_position_ms();
+        const uint64_t position_ms = heard_ms();
         m_playback.set_seek_goal_ms(position_ms - std::min(position_ms, kPositionErrorMs));
     }
     m_playback.set_place_kept(true);
@@ -182,6 +195,7 @@ bool Player::end_seek() {
     }
     m_playback.end_seek();
     ++m_seek_count;
+    m_pace.begin(Pace::Clock::now());
     // A frame lies between two milliseconds: where it is the one that was asked for, so is its
     // position, and the renderer counts on from there exactly.
     const TrackInfo& info = m_streams.current()->info();
@@ -235,8 +249,19 @@ bool Player::start_next() {
 
 // ---- Delivery ---------------------------------------------------------------------------------
 
+bool Player::is_heard() const {
+    return plays_undisturbed() && m_playback.confirmed() == NUV_PLAYBACK_STATE_PLAYING;
+}
+
 bool Player::deliver() {
+    const Pace::Time now = Pace::Clock::now();
+    if (m_pace.is_look_due(now)) {
+        look();
+    }
     bool has_more = false;
+    if (!m_pace.is_offer_due(now)) {
+        return false;
+    }
     if (m_streams.current() != nullptr) {
         deliver_one(Role::current, &has_more);
     }
@@ -244,6 +269,47 @@ bool Player::deliver() {
         deliver_one(Role::next, &has_more);
     }
     return has_more;
+}
+
+// In a hand-over the renderer's answer is too small by the next stream's share: it is not asked,
+// for it would tell the device that, too.
+void Player::look() {
+    if (!is_heard() || m_streams.is_handing_over()) {
+        return;
+    }
+    const uint64_t heard = heard_ms();
+    std::optional<uint64_t> left_ms;
+    if (m_streams.current()->is_finished()) {
+        const uint64_t duration_ms = m_streams.current()->info().duration_ms();
+        left_ms = duration_ms - std::min(heard, duration_ms);
+    }
+    m_pace.looked(heard, left_ms, Pace::Clock::now());
+}
+
+uint64_t Player::heard_ms() const {
+    return m_pace.plausible(m_streams.heard_position_ms(), Pace::Clock::now());
+}
+
+// The renderer asks the output at the end of a track what it still has to play.
+bool Player::is_end_to_wait(Role role) const {
+    if (role != Role::current || !is_heard()) {
+        return false;
+    }
+    const uint64_t told = m_streams.heard_position_ms();
+    return told > m_pace.plausible(told, Pace::Clock::now());
+}
+
+void Player::follow_full_output() {
+    if (is_heard() && !m_streams.is_handing_over() && m_pace.may_hold()) {
+        const Pace::Time now = Pace::Clock::now();
+        const uint64_t heard = heard_ms();
+        m_pace.fill(m_streams.delivered_position_ms(), heard, now);
+        m_pace.looked(heard, std::nullopt, now);
+    }
+}
+
+std::optional<Pace::Time> Player::next_time() const {
+    return is_heard() ? m_pace.next_after(Pace::Clock::now()) : std::nullopt;
 }
 
 void Player::deliver_one(Role role, bool* has_more) {
@@ -255,12 +321,20 @@ void Player::deliver_one(Role role, bool* has_more) {
         m_refused_count = 0;
     }
     if (offered.is_at_end) {
+        if (is_end_to_wait(role)) {
+            m_pace.wait_for_answer(Pace::Clock::now());
+            return;
+        }
         const Stream& stream = role == Role::current ? *m_streams.current() : *m_streams.next();
         if (!stream.has_flowed()) {
             // Or repeating it would never pause for breath.
             m_session->mark_unplayable(stream.place().track);
         }
         m_streams.finish(role);
+        m_pace.end_of_data(Pace::Clock::now());
+    }
+    if (offered.is_output_full && role == Role::current) {
+        follow_full_output();
     }
     m_has_new_texts |= offered.has_new_texts;
     m_text_count += offered.has_new_texts ? 1 : 0;

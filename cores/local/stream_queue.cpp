@@ -10,6 +10,8 @@ namespace {
 // Of each stream: a radio has a new title every few minutes.
 constexpr size_t kMaxTexts = 16;
 
+constexpr uint64_t kHandOverMs = 500;
+
 }  // namespace
 
 StreamQueue::StreamQueue(const PlayerDelegates& delegates, Control& control,
@@ -116,6 +118,10 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
     if (!stream.m_is_open || stream.m_is_finished) {
         return {};
     }
+    const size_t wanted = role == Role::next ? wanted_of_next() : SIZE_MAX;
+    if (wanted == 0) {
+        return {};
+    }
     if (stream.m_block.data == nullptr) {
         switch (stream.m_pipe->take(&stream.m_block)) {
             case TrackPipe::Taken::wait:
@@ -130,7 +136,7 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
         m_hand_over_position_ms = heard_position_ms();
         m_hand_over_time = std::chrono::steady_clock::now();
     }
-    const size_t left = stream.m_block.size_bytes - stream.m_offered_bytes;
+    const size_t left = std::min(stream.m_block.size_bytes - stream.m_offered_bytes, wanted);
     stream.m_is_open = false;  // unless all is taken, or the renderer opens it again meanwhile
     const size_t taken =
         std::min(audio.data(m_delegates.core, stream.m_id,
@@ -139,11 +145,11 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
     stream.m_has_flowed |= taken > 0;
     stream.m_offered_bytes += taken;
     stream.m_taken_bytes += taken;
-    if (taken == left) {
-        stream.m_is_open = true;
+    stream.m_is_open |= taken == left;
+    if (stream.m_offered_bytes == stream.m_block.size_bytes) {
         give_back_block(stream);
     }
-    return {taken, stream.m_is_open, false, renew_texts(stream)};
+    return {taken, stream.m_is_open, false, renew_texts(stream), taken < left};
 }
 
 bool StreamQueue::renew_texts(Stream& stream) {
@@ -160,6 +166,12 @@ bool StreamQueue::renew_texts(Stream& stream) {
     const nuv_stream_metadata metadata = stream.m_texts.back().view();
     m_delegates.audio.metadata(m_delegates.core, stream.m_id, &metadata, m_delegates.audio.context);
     return true;
+}
+
+size_t StreamQueue::wanted_of_next() const {
+    const TrackInfo& info = m_next->info();
+    const uint64_t most = kHandOverMs * info.format.sample_rate / 1000 * info.frame_bytes;
+    return static_cast<size_t>(most - std::min(most, m_next->m_taken_bytes));
 }
 
 void StreamQueue::finish(Role role) {
@@ -194,6 +206,7 @@ std::optional<uint64_t> StreamQueue::seek_result() {
 }
 
 void StreamQueue::report_seeked(uint64_t position_ms) {
+    m_current->m_begin_ms = position_ms;
     m_delegates.audio.seeked(m_delegates.core, m_current->m_id, position_ms,
                              m_delegates.audio.context);
 }
@@ -222,7 +235,7 @@ std::optional<std::chrono::steady_clock::time_point> StreamQueue::give_up_hangin
 uint64_t StreamQueue::heard_position_ms() const {
     const uint64_t told =
         m_delegates.media.get_playback_position(m_delegates.core, m_delegates.media.context);
-    if (!m_next || m_next->m_taken_bytes == 0) {
+    if (!is_handing_over()) {
         return told;
     }
     const TrackInfo& next = m_next->info();
@@ -230,6 +243,11 @@ uint64_t StreamQueue::heard_position_ms() const {
         std::chrono::steady_clock::now() - m_hand_over_time);
     return told > 0 ? told + next.position_ms(m_next->m_taken_bytes / next.frame_bytes)
                     : m_hand_over_position_ms + static_cast<uint64_t>(since.count());
+}
+
+uint64_t StreamQueue::delivered_position_ms() const {
+    const TrackInfo& info = m_current->info();
+    return m_current->m_begin_ms + info.position_ms(m_current->m_taken_bytes / info.frame_bytes);
 }
 
 }  // namespace local_core

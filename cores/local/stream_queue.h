@@ -4,7 +4,8 @@
 //
 // A stream is opened (on its decoding thread), announced once that is done, offered block by block
 // as long as its delivery is open, reported as finished, and disposed of. Delivery is closed until
-// the renderer opens it, and again after every short count.
+// the renderer opens it, and again after every short count. Of the next stream no more is offered
+// than a hand-over needs: the renderer takes it for the current one's when it reports the position.
 //
 // Loop thread only. Delegates are called from `start`, `offer`, `finish`, the disposals,
 // `report_seeked` and `heard_position_ms` alone.
@@ -77,6 +78,7 @@ class StreamQueue {
         PcmBlock m_block{};          // being offered
         size_t m_offered_bytes = 0;  // of the block, taken by the renderer
         uint64_t m_taken_bytes = 0;  // since the start or the last seek
+        uint64_t m_begin_ms = 0;     // where that was
     };
     enum class Role { current, next };
 
@@ -113,6 +115,7 @@ class StreamQueue {
         bool has_more = false;       // that may be taken at once
         bool is_at_end = false;      // to be finished
         bool has_new_texts = false;  // told of
+        bool is_output_full = false;
     };
     // Offers the stream's next block, or what is left of the last one.
     Offered offer(Role role);
@@ -132,12 +135,17 @@ class StreamQueue {
     std::optional<std::chrono::steady_clock::time_point> give_up_hanging(
         std::chrono::steady_clock::duration patience);
 
-    // The place in the current track that is heard now.
+    // The place in the current track that is heard now, and the one up to which the renderer has
+    // it.
     uint64_t heard_position_ms() const;
+    uint64_t delivered_position_ms() const;
+    // The renderer has taken some of the next stream already.
+    bool is_handing_over() const { return m_next && m_next->m_taken_bytes > 0; }
 
   private:
     using StreamPtr = std::unique_ptr<Stream>;
 
+    size_t wanted_of_next() const;  // bytes
     StreamPtr& in(Role role) { return role == Role::current ? m_current : m_next; }
     void announce(Stream& stream);
     void withdraw(Stream& stream);

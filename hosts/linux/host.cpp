@@ -14,6 +14,7 @@
 
 #include "base/text.h"
 #include "common/number.h"
+#include "configuration/settings_edit.h"
 #include "platform/Environment.h"
 
 namespace nuvio::host {
@@ -63,10 +64,16 @@ Host::Host()
       m_controls(m_settings, m_messages, m_player, m_source_switch, m_network),
       m_dispatcher(m_controls, m_network, m_state, m_settings.get(kHostBus)) {
     tell_core();
+    use_alsa_configuration();
     preset_messages();
     m_player.set_observer([this](uint32_t changes) { m_dispatcher.player_changed(changes); });
     m_network.set_observer([this] { m_dispatcher.network_changed(); });
     m_messages.set_observer([this](int id, const std::string& text) { on_message(id, text); });
+}
+
+void Host::reload_settings() {
+    m_settings = Settings::load();
+    use_alsa_configuration();
 }
 
 // The core knows no settings file; nothing else runs yet that could read the environment.

@@ -35,6 +35,9 @@ class Host {
     void wait_for_end();
 
     const Settings& settings() const { return m_settings; }
+    // Reads the settings file again, for settings() alone. Only before start: other threads read
+    // it.
+    void reload_settings();
     MessageStore& messages() { return m_messages; }
     NetworkMonitor& network() { return m_network; }
     SourceSwitch& source_switch() { return m_source_switch; }
@@ -52,7 +55,7 @@ class Host {
     void report_stopping() const;
     std::string unset_credential() const;
 
-    const Settings m_settings;
+    Settings m_settings;  // const once started
     NotificationPool m_pool;
     MessageStore m_messages;
     Player m_player;

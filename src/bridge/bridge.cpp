@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "bridge/bridge_private.h"
+#include "bridge/loop_watchdog.h"
 #include "utility/check.h"
 #include "utility/uv_utilities.h"
 
@@ -108,6 +109,7 @@ bool runLoop(uv_loop_t* loop, NuvioConnect& bridge) {
         g_threads.state = LoopState::Running;
     }
     g_threads.changed.notify_all();
+    const LoopWatchdog watchdog(loop);
     while (!asked && uv_loop_alive(loop) != 0) {
         uv_run(loop, UV_RUN_DEFAULT);
     }

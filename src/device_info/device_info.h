@@ -21,6 +21,7 @@ const char* device_info_get_manufacturer(const device_info* self);
 const char* device_info_get_model(const device_info* self);
 const char* device_info_get_serial_number(const device_info* self);
 const char* device_info_get_app_id(const device_info* self);
+// Part of the interface and not called by this program, as the delegate below.
 const char* device_info_get_app_secret(const device_info* self);
 
 // A delegate that logs whether the renderer is active; borrows `self`.

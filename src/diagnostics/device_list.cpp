@@ -118,6 +118,9 @@ size_t listMixers() {
 
 int listDevices() {
     silence_alsa();
+    // First: a platform may tell ALSA what to read when it reads its settings.
+    std::string configured;
+    GetEnvItemByName(kALSAOutputDeviceName, configured);
     const size_t pcms = listPcms();
     const size_t elements = listMixers();
     if (pcms + elements == 0) {

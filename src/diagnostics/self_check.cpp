@@ -38,6 +38,10 @@ constexpr char kAvahi[] = "avahi";
 // ---- Settings -------------------------------------------------------------------------------
 
 Finding checkSettings() {
+    if (std::string faults = envItem(kConfigurationFaults); !faults.empty()) {
+        std::ranges::replace(faults, '\n', ';');
+        return bad(kSettings, faults);
+    }
     if (nuvio::leading_number(envItem(kFeatureNuvioConnect)) == 0) {
         return bad(kSettings, std::string("the service is off: set ") + kFeatureNuvioConnect +
                                   " = 1 in the settings file");

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "common/unique_fd.h"
+#include "diagnostics/card_probe.h"
 #include "media/sink/alsa/alsa_utilities.h"
 #include "media/sink/alsa/output_quality.h"
 #include "platform/Environment.h"
@@ -24,19 +25,6 @@ constexpr char kOutput[] = "output";
 constexpr char kMixer[] = "mixer";
 
 // ---- Output ---------------------------------------------------------------------------------
-
-const char* advice_for_opening(int error) {
-    switch (-error) {
-        case EBUSY:
-            return "another program plays on it ('fuser -v /dev/snd/*' says which): end that "
-                   "one, or set a device that mixes";
-        case EACCES:
-        case EPERM:
-            return "run as root or as a member of the group audio";
-        default:
-            return "set another one; 'nuvio-connect --list-devices' shows those there are";
-    }
-}
 
 struct Stream {
     unsigned rate;  // Hz
@@ -161,8 +149,8 @@ Finding check_output() {
         if (const auto obstacle = set_up(pcm.get(), stream)) {
             return bad(kOutput, named + " " + *obstacle + " what is announced as " +
                                     text_of(stream) +
-                                    ": put 'plug:' before its name, or announce less with " +
-                                    kOutputFS + " where the name has 'default' in it");
+                                    ": run 'nuvio-connect --setup' as root, which makes an output "
+                                    "that plays it right");
         }
     }
     if (!can_be_waited_for(pcm.get())) {
@@ -175,8 +163,10 @@ Finding check_output() {
 Finding check_mixer() {
     const std::string device = envItem(KFeatureNuvioConnectVolume_Device, kDefaultVolumeDevice);
     const std::string name = envItem(KFeatureNuvioConnectVolume_Element, kDefaultVolumeElement);
-    const std::string choose = std::string(": set another ") + KFeatureNuvioConnectVolume_Element +
-                               "; 'nuvio-connect --list-devices' shows those there are";
+    const std::string choose =
+        std::string(": set another ") + KFeatureNuvioConnectVolume_Element +
+        "; 'nuvio-connect --list-devices' shows those there are, 'nuvio-connect "
+        "--setup' as root chooses";
     mixer_ptr mixer;
     const int error = open_simple_mixer(mixer, device.c_str());
     if (error < 0) {

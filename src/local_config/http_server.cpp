@@ -13,11 +13,11 @@
 #include <utility>
 
 #include "common/released_by.h"
-#include "common/request_origin.h"
 #include "local_config/civetweb/loop_hand_off.h"
 #include "local_config/civetweb/request_body.h"
 #include "local_config/civetweb/web_server.h"
 #include "local_config/connect_request.h"
+#include "local_config/http_answers.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
 #include "utility/uv_utilities.h"
@@ -29,7 +29,6 @@ constexpr const char* CONNECT_ENDPOINT = "connect-to-nconnect";
 using endpoint_path = std::array<char, 128>;
 constexpr size_t RESPONSE_SIZE = 2048;  // bytes, terminator included
 constexpr long long MAXIMUM_BODY_SIZE = 65'536;
-constexpr const char* JSON_CONTENT_TYPE = "application/json";
 
 using async_ptr = std::unique_ptr<uv_async_t, nuvio::ReleasedBy<uv_async_free>>;
 
@@ -76,48 +75,6 @@ http_server* server_of(uv_async_t* async) {
         static_cast<http_server*>(uv_handle_get_data(reinterpret_cast<uv_handle_t*>(async)));
     NUV_CHECK(self != NULL);
     return self;
-}
-
-// ---- Answers, on the worker ---------------------------------------------------------------------
-
-int send_error(mg_connection* connection, int status, const char* text) {
-    mg_send_http_error(connection, status, "%s", text);
-    return status;
-}
-
-int send_json(mg_connection* connection, const char* json, size_t length) {
-    mg_send_http_ok(connection, JSON_CONTENT_TYPE, static_cast<long long>(length));
-    if (length > 0) {
-        mg_write(connection, json, length);
-    }
-    return 200;
-}
-
-int send_internal_error(mg_connection* connection) {
-    return send_error(connection, 500, "Internal Server Error");
-}
-
-bool is_meant_for_controllers(mg_connection* connection, const char* endpoint) {
-    const bool meant = !nuvio::is_from_a_foreign_page(mg_get_header(connection, "Host"),
-                                                      mg_get_header(connection, "Origin"),
-                                                      mg_get_header(connection, "Sec-Fetch-Site"));
-    if (!meant) {
-        app_log(LOG_LEVEL_ERROR, "%s: Refused: asked by a web page of another site", endpoint);
-        send_error(connection, 403, "Forbidden");
-    }
-    return meant;
-}
-
-// Logs the request; false when its method is not the endpoint's.
-bool accepts_method(mg_connection* connection, const char* endpoint, const char* expected) {
-    app_log(LOG_LEVEL_INFO, "API endpoint invoked: %s", endpoint);
-    const char* method = mg_get_request_info(connection)->request_method;
-    if (std::strcmp(method, expected) == 0) {
-        return true;
-    }
-    app_log(LOG_LEVEL_ERROR, "%s: Method not allowed: '%s'", endpoint, method);
-    send_error(connection, 405, "Method Not Allowed");
-    return false;
 }
 
 // ---- The two GET endpoints ----------------------------------------------------------------------
@@ -221,11 +178,6 @@ void http_server_on_handle_get_connect_info_synchronized(uv_async_t* async) {
 }
 
 // ---- POST connect-to-nconnect -------------------------------------------------------------------
-
-int reject(mg_connection* connection, const char* reason, int status, const char* text) {
-    app_log(LOG_LEVEL_ERROR, "%s", reason);
-    return send_error(connection, status, text);
-}
 
 void log_token(const char* title, const connect_token& token) {
     app_log(LOG_LEVEL_DEBUG, "%s:", title);

@@ -45,7 +45,8 @@ struct audio_renderer {
     audio_source* playing_source = nullptr;  // borrowed from the manager
     pausable_timer_ptr playback_nearly_finished_timer;
     pausable_timer_ptr playback_finished_timer;
-    uint64_t awaited_rest = 0;   // ms; what the finished timer was armed for
+    bool is_late = false;        // the device, for the end of the active source
+    uint64_t awaited_rest = 0;   // ms; of a late one, when its end was looked at last
     uint64_t seek_position = 0;  // ms; where the seek in progress began
     // Which source is the track that plays: false, the active one; true, the next one, for the end
     // of the active one has been told to the SDK and its disposal is awaited.

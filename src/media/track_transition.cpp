@@ -4,6 +4,8 @@
 //
 // The SDK disposes of the ended source some time later, and only then does the next one become the
 // active source. Its own end may come before that: it is kept back until the disposal.
+#include <algorithm>
+
 #include "media/audio_renderer_private.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
@@ -12,6 +14,7 @@ namespace {
 
 constexpr uint64_t nearly_finished_lead_ms = 500;
 constexpr uint64_t short_rest_ms = 20;  // left to the drain
+constexpr uint64_t tolerated_lateness_ms = 40;
 
 unsigned long long printable(uint64_t value) {
     return value;
@@ -85,15 +88,32 @@ audio_renderer* playing_renderer_of(uv_timer_t* timer, const char* point,
     return self;
 }
 
-// The device took longer than its rate let expect: it began late, stood still for a while or runs
-// at another rate. One that has not moved at all is waited for no longer, and neither is one that
-// holds frames of the next track as well, whose share is not known.
+// The device takes longer than its rate let expect: it began late, stood still for a while or runs
+// at another rate. Asked well before the end: at the end itself it may have run dry, and a device
+// that is asked then has underrun.
+bool is_late(audio_renderer* self) {
+    const uint64_t expected = uv_timer_get_due_in(&self->playback_finished_timer->timer);
+    return audio_renderer_get_buffered_duration(self) > expected + tolerated_lateness_ms;
+}
+
+// The device was late before. One that has not moved at all since is waited for no longer, and
+// neither is one that holds frames of the next track as well, whose share is not known.
 bool is_still_heard(audio_renderer* self) {
-    if (self->playing_source != active_source_of(self)) {
+    if (!self->is_late || self->playing_source != active_source_of(self)) {
         return false;
     }
     const uint64_t rest = audio_renderer_get_buffered_duration(self);
     return rest > short_rest_ms && rest < self->awaited_rest;
+}
+
+// Not to the very end: the drain waits out the last bit, and the card does not run dry.
+void wait_for_the_rest(audio_renderer* self) {
+    bring_loop_time_up_to_date(self);
+    self->is_late = true;
+    self->awaited_rest = audio_renderer_get_buffered_duration(self);
+    uv_pausable_timer_start(self->playback_finished_timer.get(),
+                            audio_renderer_on_playback_finished_timer_timeout,
+                            self->awaited_rest - std::min(self->awaited_rest, short_rest_ms), 0);
 }
 
 void start_playing(audio_renderer* self, audio_source* source) {
@@ -173,7 +193,7 @@ void audio_renderer_on_audio_source_state_changed(audio_source* source,
 
 void audio_renderer_schedule_playback_finished_timer(audio_renderer* self) {
     const uint64_t buffered = audio_renderer_get_buffered_duration(self);
-    self->awaited_rest = buffered;
+    self->is_late = false;
     app_log(LOG_LEVEL_DEBUG, "Scheduling playback finished timer for: %llums", printable(buffered));
     uv_pausable_timer_start(self->playback_finished_timer.get(),
                             audio_renderer_on_playback_finished_timer_timeout, buffered, 0);
@@ -216,6 +236,13 @@ void audio_renderer_on_playback_nearly_finished_timer_timeout(uv_timer_t* timer)
     if (self == nullptr) {
         return;
     }
+    if (is_late(self)) {
+        wait_for_the_rest(self);
+        if (self->awaited_rest > nearly_finished_lead_ms + tolerated_lateness_ms) {
+            schedule_playback_nearly_finished_timer(self);
+            return;
+        }
+    }
     app_log(LOG_LEVEL_INFO, "Playback is nearly finished");
     audio_renderer_maybe_start_streaming_from_next_source_if_gapless(self);
 }
@@ -239,14 +266,8 @@ void audio_renderer_on_playback_finished_timer_timeout(uv_timer_t* timer) {
                 printable(audio_source_get_id(active)));
         return;
     }
-
     if (is_still_heard(self)) {
-        bring_loop_time_up_to_date(self);
-        // Not to the very end: the drain waits out the last bit, and the card does not run dry.
-        self->awaited_rest = audio_renderer_get_buffered_duration(self);
-        uv_pausable_timer_start(
-            self->playback_finished_timer.get(), audio_renderer_on_playback_finished_timer_timeout,
-            self->awaited_rest - std::min(self->awaited_rest, short_rest_ms), 0);
+        wait_for_the_rest(self);
         return;
     }
     app_log(LOG_LEVEL_INFO, "Playback has finished");

@@ -14,6 +14,9 @@ inline constexpr char KFeatureNuvioConnectVolume_Element[] = "feature.nuvio_conn
 inline constexpr char KFeatureNuvioConnectVolume_Device[] = "feature.nuvio_connect.volume_device";
 inline constexpr char kALSAOutputDeviceName[] = "alsa.output_device";
 inline constexpr char kOutputFS[] = "alsa.output_rates";  // Hz, comma separated, highest last
+// What is wrong with the configuration as it is written, a fault a line, each with its place. Empty
+// where nothing is, or where nobody looks.
+inline constexpr char kConfigurationFaults[] = "configuration.faults";
 
 // Bytes of the plain form's buffer, terminator included; a longer value is cut.
 inline constexpr size_t kEnvItemBufferSize = 64;

@@ -11,6 +11,7 @@
 
 #include "diagnostics/device_list.h"
 #include "diagnostics/self_check.h"
+#include "diagnostics/sound_setup.h"
 #include "startup/service.h"
 
 namespace {
@@ -18,11 +19,13 @@ namespace {
 constexpr int kUsageError = 2;
 
 constexpr char kUsage[] =
-    "Usage: nuvio-connect [--check | --list-devices | --help | --version]\n"
+    "Usage: nuvio-connect [--setup [--card NAME] | --check | --list-devices | --help | --version]\n"
     "\n"
     "Makes this device a Nuvio Connect renderer: controllers on the local network\n"
     "discover it and play on it. Runs until SIGTERM or SIGINT.\n"
     "\n"
+    "  --setup         make an output that plays right on the sound card, set it, and check;\n"
+    "                  --card NAME says on which one, where there are several\n"
     "  --check         say whether this machine has what the service needs, and what\n"
     "                  to do where it has not; exit status 0 when all is well\n"
     "  --list-devices  show the sound devices and mixer elements there are to choose from\n"
@@ -54,6 +57,19 @@ int serve() {
 int check() {
     openSystemLog(SystemLog::onStderrToo);
     return runSelfCheck();
+}
+
+int refuse(const char* argument) {
+    std::fprintf(stderr, "nuvio-connect: unknown option '%s'\n\n%s", argument, kUsage);
+    return kUsageError;
+}
+
+// Without words behind it, or with "--card NAME".
+int setUp(int count, char** words) {
+    if (count != 0 && (count != 2 || std::string_view(words[0]) != "--card")) {
+        return refuse(words[0]);
+    }
+    return setUpSound(count == 0 ? "" : words[1]);
 }
 
 int showHelp() {
@@ -88,17 +104,15 @@ void keepStandardDescriptors() {
     }
 }
 
-int refuse(const char* argument) {
-    std::fprintf(stderr, "nuvio-connect: unknown option '%s'\n\n%s", argument, kUsage);
-    return kUsageError;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
     keepStandardDescriptors();
     if (argc < 2) {
         return serve();
+    }
+    if (std::string_view(argv[1]) == "--setup") {
+        return setUp(argc - 2, argv + 2);
     }
     const auto option = std::ranges::find(kOptions, argv[1], &Option::name);
     if (option == kOptions.end()) {

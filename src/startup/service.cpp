@@ -10,6 +10,7 @@
 #include <string>
 
 #include "bridge/bridge.h"
+#include "bridge/loop_watchdog.h"
 #include "common/number.h"
 #include "platform/Binder.h"
 #include "platform/Environment.h"
@@ -74,6 +75,7 @@ int runService() {
         syslog(LOG_ERR, "nuvio-connect: Nuvio Connect is not enabled");
         return 0;
     }
+    LoopWatchdog::standDown();
     sp<NuvioConnectStart> start = NuvioConnectStart::GetInstance();
     if (start == nullptr) {
         return -1;

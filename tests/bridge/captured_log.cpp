@@ -7,11 +7,15 @@
 #include <cstdio>
 #include <mutex>
 
+#include "fakes/echo.h"
+
 namespace captured_log {
 namespace {
 
 constexpr std::chrono::seconds kPatience{60};
-constexpr int kErrorPriority = 3;
+// As <syslog.h> has them, whose own syslog would be in the way.
+constexpr int kError = 3;
+constexpr int kInfo = 6;
 
 std::mutex g_mutex;
 std::condition_variable g_changed;
@@ -21,7 +25,9 @@ std::vector<std::string> g_lines;
     std::array<char, 1024> text{};
     std::vsnprintf(text.data(), text.size(), format, arguments);
     const std::scoped_lock lock(g_mutex);
-    g_lines.push_back((priority == kErrorPriority ? "err " : "info ") + std::string(text.data()));
+    const char* const level = priority == kError ? "err" : priority == kInfo ? "info" : "?";
+    g_lines.push_back(level + (' ' + std::string(text.data())));
+    fakes::echo(level, text.data());
     g_changed.notify_all();
 }
 

@@ -1,5 +1,4 @@
 // From the process's entry to the bridge: settings, network, the platform's notifications.
-#include <chrono>
 #include <cstdio>
 #include <fstream>
 #include <thread>
@@ -12,7 +11,6 @@ using namespace android;
 using namespace service_test;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using testing::MatchesRegex;
 
 namespace {
 
@@ -23,12 +21,6 @@ class StartUp : public Service {
         return gatherDeviceInfo(kora, mac_path).value_or(Lines{});
     }
 };
-
-TEST_F(StartUp, UnsetItemsHaveDefaults) {
-    EXPECT_THAT(gather(), ElementsAre("8000", "id", "secret", "VantaSyncTR12",
-                                      "Vanta Wireless Technologies", "Alexa_Vanta", "", "default",
-                                      "Master", MatchesRegex("Vanta_[0-9]{1,4}"), "default"));
-}
 
 TEST_F(StartUp, SetItemsComeInTheOrderOfTheArray) {
     {
@@ -76,27 +68,6 @@ TEST_F(StartUp, OnlyANonZeroEnableItemStartsTheService) {
         EXPECT_EQ(runService(), 0);
     }
     EXPECT_TRUE(fake_platform::state()->nesh == nullptr);
-}
-
-TEST_F(RunningService, WaitsForTheNetworkThenPlaysUntilTheProcessEnds) {
-    fake_platform::state()->wired = false;
-    fake_platform::state()->unreachable_nesh = 2;
-    fake_platform::state()->items[kFeatureNuvioConnect] = "2x";
-    run();
-    // From the second question on, a notification finds the pass waiting.
-    while (fake_platform::state()->count("network_status 2") == 0) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    EXPECT_THAT(fake_platform::state()->kora_ids, ElementsAre(90, 37, 115, 64, 63, 51));
-    fake_platform::notify_network(3, 1);
-    fake_platform::notify_network(1, 2);
-    EXPECT_EQ(countLines("Configuration is Successful"), 0U);
-    fake_platform::notify_network(2, 1);
-    ASSERT_TRUE(captured_log::wait_for("Nuvio Connect has been initialized"));
-    EXPECT_EQ(end(), 0);
-    EXPECT_TRUE(fake_platform::state()->kora_ids.empty());
-    EXPECT_TRUE(fake_platform::state()->nesh == nullptr);
-    EXPECT_EQ(fake_platform::state()->calls.back(), "disconnect_source");
 }
 
 TEST_F(RunningService, EndsWhileItStillWaitsForTheNetwork) {

@@ -1,86 +1,38 @@
 // From the SDK's state to the platform: the hooks, the status commands, the track.
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <stop_token>
 #include <thread>
 
 #include "bridge/host_hooks.h"
 #include "bridge/loop_call.h"
 #include "bridge/service_fixture.h"
-#include "bridge/track_info.h"
-#include "platform/Kora.h"
+#include "fakes/on_loop.h"
 
 using namespace android;
 using namespace service_test;
 using fake_modules::Track;
-using testing::Contains;
-using testing::ElementsAre;
-using testing::HasSubstr;
 
 namespace {
 
 const Track kSong = {"Song", {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT}, 215000};
-const Track kOther = {"Other", {96000, 6, NUV_AUDIO_SAMPLE_FORMAT_24_BIT}, 1000};
+const Track kOther = {"Other", {96000, 6, NUV_AUDIO_SAMPLE_FORMAT_24_BIT}, 99999999999};
 
 class Status : public Service {
   protected:
-    // The hooks belong to the loop's thread, where the renderer's ticker takes them.
-    Status() {
-        fake_modules::state()->on_tick = [this] { serveLoop(); };
-    }
-    ~Status() override { stopNuvioConnect(); }
+    ~Status() override { m_loop.close(); }
 
-    void onLoop(std::function<void()> function) {
-        std::unique_lock lock(m_mutex);
-        m_function = std::move(function);
-        m_changed.wait(lock, [this] { return m_function == nullptr; });
-    }
+    // The hooks belong to the loop's thread.
+    void onLoop(std::function<void()> function) { m_loop.run(std::move(function)); }
     void report(int status) {
         onLoop([status] { host_report_playback_status(status); });
         process({});
     }
 
   private:
-    void serveLoop() {
-        const std::scoped_lock lock(m_mutex);
-        if (m_function != nullptr) {
-            m_function();
-            m_function = nullptr;
-            m_changed.notify_all();
-        }
-    }
-
-    std::mutex m_mutex;
-    std::condition_variable m_changed;
-    std::function<void()> m_function;
+    fakes::OnLoop m_loop;
 };
-
-TEST_F(Status, ATitleReachesTheUiOnceAndAgainAfterAModeChange) {
-    fake_sdk::Values values;
-    values.shuffle = true;
-    values.loop_mode = NUV_LOOP_MODE_ALL;
-    fake_sdk::set_values(values);
-    fake_modules::state()->tracks = {kSong};
-    startBridge();
-    report(1);
-    EXPECT_THAT(fake_platform::state()->take_calls(),
-                ElementsAre("player_state 0", "write 51 0",
-                            HasSubstr("trackName=Song totalTime=215000 coverArt=defaultArt.jpg "
-                                      "codec= sampleRate=44100 bitdepth=16 channels=2 repeat=2 "
-                                      "shuffle=1 ")));
-    report(1);
-    EXPECT_EQ(fake_platform::state()->count("ui_update"), 0U);
-    onLoop(host_report_shuffle_repeat);
-    process({});
-    EXPECT_EQ(fake_platform::state()->count("ui_update"), 1U);
-    fake_modules::state()->tracks = {kOther};
-    report(1);
-    EXPECT_THAT(fake_platform::state()->calls,
-                Contains(HasSubstr("sampleRate=96000 bitdepth=24 channels=6")));
-}
 
 TEST_F(Status, PositionsAndSeeksPassWhileATrackPlays) {
     struct Case {
@@ -151,25 +103,6 @@ TEST_F(Status, AStopClearsTheUiUnlessTheRendererIsActiveOrLostTheOutput) {
     EXPECT_EQ(fake_platform::state()->count("ui_update"), 1U);
     fake_sdk::set_result("get_renderer_active_state", NUV_ERROR_INTERNAL);
     EXPECT_FALSE(clears_while_active(false));
-}
-
-TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
-    fake_sdk::Values values;
-    values.muted = true;
-    fake_sdk::set_values(values);
-    fake_platform::state()->messages[KORA_CURRENT_SOURCE] = "31";
-    startBridge();
-    process({"VOLUME_STATUS"});
-    EXPECT_THAT(fake_platform::state()->calls, testing::IsEmpty());  // not asked for the output yet
-    onLoop([] { EXPECT_TRUE(host_allow_source()); });
-    onLoop(host_report_volume);
-    onLoop(host_report_mute_state);
-    process({});
-    EXPECT_THAT(fake_platform::state()->calls,
-                ElementsAre("play_my_source 31", "app_volume 30", "write 63 MUTE"));
-    fake_sdk::set_result("get_volume", NUV_ERROR_NOT_CONNECTED);
-    process({"VOLUME_STATUS"});
-    EXPECT_THAT(fake_platform::state()->calls, Contains("app_volume 0"));
 }
 
 // The meeting that must not deadlock: the command thread, its turn at the queue in hand, waits for

@@ -48,7 +48,7 @@ class HouseTest(unittest.TestCase):
         self.start_daemon("avahi")
         self.music = self.folder / "library"
         self.make_music()
-        self.port = e2e.free_port()
+        self.port = e2e.own_device.free_port()
         self.log_path = self.folder / "controller.log"
         self.controller = None
         self.addCleanup(self.show_logs_of_a_failure)

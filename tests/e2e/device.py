@@ -5,16 +5,13 @@ amixer. The build tree under test is named by NUVIO_BUILD; NUVIO_EMULATOR is the
 its programs when they are another machine's.
 """
 import array
-import contextlib
 import math
 import os
 import pathlib
-import random
 import re
 import shlex
 import shutil
 import signal
-import socket
 import subprocess
 import sys
 import tempfile
@@ -24,37 +21,17 @@ import wave
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "tools/run"))
 import own_device  # noqa: E402
+from own_device import PATIENCE, wait_for  # noqa: E402,F401
 from web_server import WebServer  # noqa: E402, F401
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
 EMULATOR = shlex.split(os.environ.get("NUVIO_EMULATOR", ""))
-PATIENCE = 30  # s, for what should take a moment: sanitizers and busy machines are slow
 FRAME_BYTES = {"S16_LE": 2, "S24_LE": 4, "S32_LE": 4}
 
 
 def program(name):
     """The beginning of a command that runs a program of the build tree."""
     return [*EMULATOR, str(BUILD / "bin" / name)]
-
-
-def wait_for(what, condition, seconds=PATIENCE):
-    """Returns the condition's first true value; fails naming `what` when there is none in time."""
-    end = time.monotonic() + seconds
-    while time.monotonic() < end:
-        value = condition()
-        if value:
-            return value
-        time.sleep(0.02)
-    raise AssertionError(f"not within {seconds} s: {what}")
-
-
-def free_port():
-    """One of those that the kernel gives to no client, so that none gets in the daemon's way."""
-    while True:
-        port = random.randrange(20_000, 30_000)
-        with socket.socket() as probe, contextlib.suppress(OSError):
-            probe.bind(("", port))
-            return port
 
 
 def signal_samples(frames, start=0, rate=44100, peak=12000):
@@ -104,14 +81,12 @@ class DeviceTest(unittest.TestCase):
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
         self.music = self.folder / "music"
         self.music.mkdir()
-        self.port = free_port()
+        self.port = own_device.free_port()
         self.daemon = None
         self.card("create", *self.card_options)
-        self.environment = dict(
-            os.environ, ALSA_CONFIG_PATH=str(self.folder / "card/asound.conf"),
-            NUVIO_SETTINGS=str(self.folder / "settings.conf"), NUVIO_LOG_STDERR="1",
-            NUVIO_MUSIC_FOLDERS=str(self.folder),
-            DBUS_SESSION_BUS_ADDRESS=f"unix:path={self.folder}/bus")
+        self.environment = own_device.environment(
+            self.folder, self.folder / "card/asound.conf", NUVIO_LOG_STDERR="1")
+        self.environment["NUVIO_MUSIC_FOLDERS"] = str(self.folder)
         self.start_bus()
         self.write_settings(**self.settings)
         self.log_path = self.folder / "daemon.log"
@@ -122,13 +97,8 @@ class DeviceTest(unittest.TestCase):
     def start_bus(self):
         self.bus, _ = own_device.start_bus(self.folder)
         self.addCleanup(self.end, self.bus)
-        wait_for("message bus", (self.folder / "bus").exists)
 
-    @staticmethod
-    def end(process):
-        if process.poll() is None:
-            process.terminate()
-        process.wait(PATIENCE)
+    end = staticmethod(own_device.end)
 
     def write_settings(self, **more):
         own_device.write_settings(self.folder, self.port,
@@ -193,15 +163,10 @@ class DeviceTest(unittest.TestCase):
         return self.run_tool("playerctl", "-p", "nuvio_connect", *words, check=False)
 
     def request(self, method, path, body=None):
-        return own_device.request(self.port, method, path, body, PATIENCE)
+        return own_device.request(self.port, method, path, body)
 
     def answers(self):
-        if self.daemon.poll() is not None:
-            raise AssertionError(f"the daemon ended with {self.daemon.returncode}\n{self.log()}")
-        try:
-            return self.request("GET", "/get-display-info")[0] == 200
-        except OSError:
-            return False
+        return own_device.answers(self.port, self.daemon)
 
     def connect(self, content, **how):
         return own_device.connect(self.port, content, **how)

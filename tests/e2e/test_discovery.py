@@ -50,7 +50,3 @@ class Discovery(DeviceTest):
             wait_for("found again", self.found)
         self.assertEqual(self.player("status"), "Playing")
         self.assertEqual(self.recordings()[0].underruns, 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

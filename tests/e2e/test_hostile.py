@@ -1,4 +1,4 @@
-"""Peers that mean harm, while a 192 kHz/24-bit track plays.
+"""Peers on the network and the message bus that mean harm, while a 192 kHz/24-bit track plays.
 
 Whatever they send: the music goes on without an underrun, memory and descriptors stay bounded and
 come back, and a controller is answered once they have used up their time. That time is 5 s from the
@@ -29,6 +29,7 @@ PATIENCE = 5          # s that the server gives to a connection
 SLACK = 10            # s, for busy machines and sanitizers
 QUEUE = 22            # connections that the server has open at most
 LONG = bool(os.environ.get("NUVIO_LONG"))
+HEARD = 3             # s from a key to what it does, after any storm
 KIB = 1024
 
 DISPLAY_INFO = b"GET /get-display-info HTTP/1.1\r\nHost: localhost\r\n\r\n"
@@ -41,6 +42,22 @@ def post(body, length=None, more=b""):
     length = len(body) if length is None else length
     return (b"POST /connect-to-nconnect HTTP/1.1\r\nHost: localhost\r\n" + more +
             b"Content-Length: %s\r\n\r\n" % str(length).encode() + body)
+
+
+def bus_call(destination, interface, member, text=None):
+    """The bytes of a call on the message bus that wants no answer."""
+    def field(code, kind, value):
+        value = value.encode()
+        length = bytes([len(value)]) if kind == b"g" else struct.pack("<I", len(value))
+        return bytes([code, 1]) + kind + b"\0" + length + value + b"\0"
+    fields = b""
+    path = "/" + interface.removesuffix(".Player").replace(".", "/")
+    for one in (field(1, b"o", path), field(2, b"s", interface), field(3, b"s", member),
+                field(6, b"s", destination), *([] if text is None else [field(8, b"g", "s")])):
+        fields += bytes(-len(fields) % 8) + one
+    body = b"" if text is None else struct.pack("<I", len(text)) + text.encode() + b"\0"
+    header = b"l\1\1\1" + struct.pack("<III", len(body), 1, len(fields)) + fields
+    return header + bytes(-len(header) % 8) + body
 
 
 class Hostile(DeviceTest):
@@ -117,6 +134,16 @@ class Hostile(DeviceTest):
         peer.close()
         return answer
 
+    def flood_the_bus(self, calls):
+        """Sends the calls as fast as the bus takes them."""
+        bus = self.open.enter_context(socket.socket(socket.AF_UNIX))
+        bus.connect(str(self.folder / "bus"))
+        bus.sendall(b"\0AUTH EXTERNAL " + str(os.getuid()).encode().hex().encode() + b"\r\n")
+        self.assertTrue(bus.recv(4096).startswith(b"OK "))
+        bus.sendall(b"BEGIN\r\n" + bus_call("org.freedesktop.DBus", "org.freedesktop.DBus", "Hello"))
+        for first in range(0, len(calls), 1000):
+            bus.sendall(b"".join(calls[first:first + 1000]))
+
     # ---- What must hold -------------------------------------------------------------------------
 
     def usage(self):
@@ -165,6 +192,15 @@ class Hostile(DeviceTest):
         if not self.is_sanitized():  # they are too slow for this rate
             self.assertAlmostEqual(played, time.monotonic() - self.begin[0], delta=3)
             self.assertIn(", 0 underruns\n", self.card("show"))
+
+    def assert_heard(self, line, *key):
+        begin = time.monotonic()
+        before = self.log_count(line)
+        self.player(*key)
+        self.wait_for_log(line, before + 1)
+        taken = time.monotonic() - begin
+        print(f"{key[0]} heard after {taken:.2f} s", end=" ", file=sys.stderr)
+        self.assertLess(taken, HEARD + SLACK)
 
     # ---- The attacks ----------------------------------------------------------------------------
 
@@ -282,6 +318,40 @@ class Hostile(DeviceTest):
         self.assert_bounded()
         self.assert_unharmed()
 
+    def test_a_storm_of_sessions_delays_no_key(self):
+        answers = []
+        for count, seconds in [(100, 1.3), (1900, 10)][:2 if LONG else 1]:
+            begin = time.monotonic()
+            for n in range(count):
+                time.sleep(max(0, begin + n * seconds / count - time.monotonic()))
+                answers.append(self.connect(self.music))
+            print(f"{count} sessions in {time.monotonic() - begin:.1f} s", end=" ", file=sys.stderr)
+            self.assert_heard("Pausing playback", "pause")
+            self.player("play")
+        self.assertEqual(set(answers), {200, 500})
+        self.assert_bounded()
+        self.assertIn(", 0 underruns\n", self.card("show"))
 
-if __name__ == "__main__":
-    unittest.main()
+    def test_a_folder_of_many_folders_is_not_heard(self):
+        folders = 50_000 if LONG else 1_000
+        for n in range(folders):
+            (self.folder / f"many/{n // 500}/{n}").mkdir(parents=True)
+        self.assertEqual(self.connect(self.folder / "many"), 200)
+        self.wait_for_log("Not joining session own: nothing to play")
+        self.assert_unharmed()
+
+    def test_floods_on_the_bus_grow_nothing_and_delay_no_key(self):
+        host = ("org.nuvioconnect.Host1",) * 2
+        renames = [bus_call(*host, "Rename", f"Kitchen {n}") for n in range(167_000 if LONG else 20_000)]
+        player = "org.mpris.MediaPlayer2.nuvio_connect", "org.mpris.MediaPlayer2.Player"
+        keys = [bus_call(*player, "Play")] * (50_000 if LONG else 5_000)
+        for calls in renames, keys:
+            begin = time.monotonic()
+            self.flood_the_bus(calls)
+            print(f"{len(calls)} calls in {time.monotonic() - begin:.1f} s", end=" ", file=sys.stderr)
+            self.assert_heard("Seek is in progress", "position", "50")  # the flood may still come in
+            print(f"{self.usage()['resident'] - self.before['resident']} KiB more", end=" ",
+                  file=sys.stderr)
+            self.assert_bounded()
+        self.wait_for_log(f"Starting Avahi advertising, name: Kitchen {len(renames) - 1},")
+        self.assertIn(", 0 underruns\n", self.card("show"))

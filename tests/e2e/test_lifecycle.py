@@ -3,11 +3,13 @@
 A round takes the device to one point of a session and ends it there a random moment later.
 NUVIO_SEED repeats a run; NUVIO_LONG=1 makes it some hundred rounds.
 """
+import ctypes
 import itertools
 import json
 import os
 import pathlib
 import random
+import re
 import signal
 import socket
 import subprocess
@@ -15,11 +17,12 @@ import threading
 import time
 import unittest
 
-from device import DeviceTest, program, signal_samples, wait_for, write_wav
+from device import EMULATOR, PATIENCE, DeviceTest, program, signal_samples, wait_for, write_wav
 
 CD = 44100
 PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
 ROUNDS = 300 if "NUVIO_LONG" in os.environ else 22
+PTRACE_ATTACH, PTRACE_DETACH, WALL = 16, 17, 0x40000000
 MAX_SECONDS = 10  # to end, on a busy machine with sanitizers
 
 
@@ -135,6 +138,33 @@ class Lifecycle(DeviceTest):
             self.assertRegex(os.readlink(f"/proc/{self.daemon.pid}/fd/{n}"), "/dev/null$")
         self.assertEqual(self.stop()[0], 0)
 
+    def test_a_taken_port_is_asked_for_again_and_nothing_is_announced_before(self):
+        with socket.create_server(("", self.port)):
+            self.start(wait=False)
+            self.wait_for_log("asking again in 2 s")
+            self.assertEqual(self.log_count("Unable to start HTTP server"), 2)
+            self.assertEqual(self.log_count("Starting Avahi advertising"), 0)
+        wait_for("HTTP answers", self.answers)
+        self.wait_for_log("Starting Avahi advertising")
+
+    def test_with_too_few_threads_it_ends_as_failed_or_asks_again(self):
+        limited = ["setpriv", "--reuid=61183", "--regid=61183", "--clear-groups", "--inh-caps=-all"]
+        daemon = program("nuvio-connect")
+        if EMULATOR or subprocess.run([*limited, "test", "-x", *daemon], check=False).returncode:
+            self.skipTest("needs root, and a build that others may run")
+        subprocess.run(["chmod", "-R", "a+rwX", self.folder], check=True)
+        for limit in itertools.count(1):
+            with self.log_path.open("wb") as log:
+                self.daemon = subprocess.Popen([*limited, "prlimit", f"--nproc={limit}", *daemon],
+                                               env=self.environment, stdout=log, stderr=log)
+            wait_for("an end, a line or an answer", lambda: self.daemon.poll() is not None or
+                     self.log_count("asking again") or self.answers())
+            status, _ = self.stop()
+            failed = re.search("no thread to be had|thread not started", self.log())
+            self.assertEqual(status, 1 if failed else 0, self.log())
+            if not failed and not self.log_count("asking again"):
+                return
+
     def test_the_journal_is_told_the_level_of_each_line(self):
         self.log_path.touch()
         log = self.log_path.stat()
@@ -142,6 +172,45 @@ class Lifecycle(DeviceTest):
         self.start()
         self.assertRegex(self.log(), r"(?m)^<6>\d{8} .*\] INFO ")
         self.assertNotRegex(self.log(), r"(?m)^\d{8} ")
+
+    def test_a_service_manager_is_told_what_plays_and_whether_the_loop_turns(self):
+        self.environment |= {"NOTIFY_SOCKET": str(self.folder / "notify"), "WATCHDOG_USEC": "600000"}
+        manager = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(manager.close)
+        manager.bind(self.environment["NOTIFY_SOCKET"])
+        manager.settimeout(PATIENCE)
+
+        def heard(seconds):
+            end = time.monotonic() + seconds
+            messages = []
+            while (left := end - time.monotonic()) > 0:
+                manager.settimeout(left)
+                try:
+                    messages.append(manager.recv(1000).decode())
+                except TimeoutError:
+                    pass
+            return messages
+
+        self.start()
+        self.assertEqual(manager.recv(1000), b"WATCHDOG_USEC=0", "watched before there is a loop")
+        self.play(self.long)
+        text = "\n".join(heard(4))
+        self.assertRegex(text, "WATCHDOG_USEC=600000\nWATCHDOG=1\n")
+        self.assertRegex(text, "READY=1\nSTATUS=Running")
+        self.assertIn("STATUS=Playing: long", text)
+        # The loop's thread alone is stopped, as a hung library would.
+        tasks = pathlib.Path(f"/proc/{self.daemon.pid}/task")
+        loop = next(int(task.name) for task in tasks.iterdir()
+                    if (task / "comm").read_text() == "NuvioConnectSta\n")
+        libc = ctypes.CDLL(None, use_errno=True)
+        self.assertEqual(libc.ptrace(PTRACE_ATTACH, loop, None, None), 0, "may not be traced here")
+        os.waitpid(loop, WALL)
+        heard(0.1)
+        self.assertNotIn("WATCHDOG=1", heard(2))
+        libc.ptrace(PTRACE_DETACH, loop, None, None)
+        self.assertIn("WATCHDOG=1", heard(4))
+        self.assertEqual(self.stop()[0], 0)
+        self.assertEqual(heard(0.1)[-2:], ["STOPPING=1", "WATCHDOG_USEC=0"])
 
     def test_the_end_is_quick_and_clean_at_every_point_of_a_session(self):
         points = itertools.chain(self.POINTS, iter(lambda: self.random.choice(self.POINTS), None))
@@ -157,7 +226,3 @@ class Lifecycle(DeviceTest):
                 self.assertNotIn("loop not closed", self.log())
         self.start()
         self.play(self.long)
-
-
-if __name__ == "__main__":
-    unittest.main()

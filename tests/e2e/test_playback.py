@@ -2,7 +2,7 @@
 import os
 import unittest
 
-from device import EMULATOR, WebServer, DeviceTest, signal_samples, wait_for, write_wav
+from device import WebServer, DeviceTest, signal_samples, wait_for, write_wav
 
 CD = 44100  # frames a second
 FRAME = 4   # bytes of a 16-bit stereo frame
@@ -58,13 +58,10 @@ class Files:
         self.wait_for_end()
 
         recordings = wait_for("both recordings", lambda: self.recordings()[1:] and self.recordings())
-        self.assertEqual([(r.format, r.rate) for r in recordings],
-                         [("S16_LE", CD), ("S24_LE", 96000)])
+        self.assertEqual([(r.format, r.rate, r.underruns) for r in recordings],
+                         [("S16_LE", CD, 0), ("S24_LE", 96000, 0)])
         self.assertTrue(recordings[0].data == first + second, "not the two tracks end to end")
         self.assertTrue(recordings[1].data == third, "not the high-resolution track")
-        # An emulator, or a machine with more to do, may let the card run dry.
-        if not EMULATOR and os.getloadavg()[0] < os.cpu_count():
-            self.assertEqual([r.underruns for r in recordings], [0, 0])
 
     def test_tracks_shorter_than_the_cards_buffer_all_come_out(self):
         expected = b"".join(self.track(f"{n:02}.wav", 0.1 + 0.03 * n, n * CD) for n in range(8))
@@ -163,7 +160,7 @@ class Sessions(Player):
         self.assertEqual(self.recordings()[0].underruns, 0)
 
     def test_a_card_that_vanishes_ends_the_session_for_everyone_and_the_next_one_plays(self):
-        expected = self.track("1.wav", 20)
+        expected = self.track("1.wav", 40)  # longer than anything is waited for
         self.start()
         self.play(self.music)
         self.card("gone")
@@ -187,7 +184,3 @@ class Sessions(Player):
                  self.request("GET", "/get-connect-info")[1])
         self.wait_for_end()
         self.assertTrue(self.recordings()[-1].data == expected)
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -3,6 +3,7 @@
 #include <atomic>
 #include <thread>
 
+#include "fakes/echo.h"
 #include "platform/Binder.h"
 #include "platform/Environment.h"
 #include "platform/UIManager.h"
@@ -22,6 +23,7 @@ void take_time() {
 }
 
 void record(const std::string& call) {
+    fakes::echo("-> platform", call);
     state()->calls.push_back(call);
     take_time();
 }
@@ -108,6 +110,10 @@ using namespace fake_platform;
 void GetEnvItemByName(const char* key, std::string& value) {
     value = state()->items[key];
 }
+void GetEnvItemByName(const char* key, char* value) {
+    const std::string text = state()->items[key];
+    value[text.copy(value, kEnvItemBufferSize - 1)] = '\0';
+}
 bool getFriendlyName(std::string& value) {
     return answer(state()->friendly_name, value);
 }
@@ -168,6 +174,9 @@ void NeshHelper::getNetworkStatus(int iface, int* status) {
 
 bool SourceSwitchClient::PlayMySource(const sp<BnSourceSwitchListener>&, int sourceType) {
     record("play_my_source " + std::to_string(sourceType));
+    if (const auto wait = state()->when_asked_for_output) {
+        wait();
+    }
     return state()->grants_output;
 }
 void SourceSwitchClient::UpdatePlayerState(const sp<BnSourceSwitchListener>&, EPlayState playing) {

@@ -4,6 +4,9 @@
 #include <sstream>
 #include <utility>
 
+#include "fakes/echo.h"
+#include "fakes/locked.h"
+
 struct nuv_connect {};
 
 namespace fake_sdk {
@@ -22,10 +25,14 @@ std::mutex g_mutex;
 State g_state;
 nuv_connect g_core;
 
+fakes::Locked<State> state() {
+    return {std::unique_lock(g_mutex), &g_state};
+}
+
 nuv_error result_of(const std::string& name) {
-    const std::scoped_lock lock(g_mutex);
-    const auto found = g_state.results.find(name);
-    return found == g_state.results.end() ? NUV_ERROR_OK : found->second;
+    const auto locked = state();
+    const auto found = locked->results.find(name);
+    return found == locked->results.end() ? NUV_ERROR_OK : found->second;
 }
 
 template <typename... Arguments>
@@ -33,13 +40,9 @@ nuv_error record(const std::string& name, const Arguments&... arguments) {
     std::ostringstream line;
     line << std::boolalpha << name;
     ((line << ' ' << arguments), ...);
-    void (*hook)(const std::string&) = nullptr;
-    {
-        const std::scoped_lock lock(g_mutex);
-        g_state.calls.push_back(line.str());
-        hook = g_state.hook;
-    }
-    if (hook != nullptr) {
+    state()->calls.push_back(line.str());
+    fakes::echo("-> sdk", line.str());
+    if (const auto hook = state()->hook; hook != nullptr) {
         hook(line.str());
     }
     return result_of(name);
@@ -49,8 +52,7 @@ template <typename T>
 nuv_error answer(const std::string& name, T* out, T Values::*value) {
     const nuv_error result = result_of(name);
     if (result == NUV_ERROR_OK) {
-        const std::scoped_lock lock(g_mutex);
-        *out = g_state.values.*value;
+        *out = state()->values.*value;
     }
     return result;
 }
@@ -58,52 +60,31 @@ nuv_error answer(const std::string& name, T* out, T Values::*value) {
 }  // namespace
 
 void reset() {
-    const std::scoped_lock lock(g_mutex);
-    g_state = State();
+    *state().state = State();
 }
-
 std::vector<std::string> calls() {
-    const std::scoped_lock lock(g_mutex);
-    return g_state.calls;
+    return state()->calls;
 }
-
 std::vector<std::string> take_calls() {
-    const std::scoped_lock lock(g_mutex);
-    return std::exchange(g_state.calls, {});
+    return std::exchange(state()->calls, {});
 }
-
 void set_result(const std::string& name, nuv_error result) {
-    const std::scoped_lock lock(g_mutex);
-    g_state.results[name] = result;
+    state()->results[name] = result;
 }
-
 void on_call(void (*hook)(const std::string& call)) {
-    const std::scoped_lock lock(g_mutex);
-    g_state.hook = hook;
+    state()->hook = hook;
 }
-
-Values values() {
-    const std::scoped_lock lock(g_mutex);
-    return g_state.values;
-}
-
 void set_values(const Values& values) {
-    const std::scoped_lock lock(g_mutex);
-    g_state.values = values;
+    state()->values = values;
 }
-
 nuv_connect* core() {
     return &g_core;
 }
-
 nuv_connect_config config() {
-    const std::scoped_lock lock(g_mutex);
-    return g_state.config;
+    return state()->config;
 }
-
 nuv_log_delegate log_delegate() {
-    const std::scoped_lock lock(g_mutex);
-    return g_state.log_delegate;
+    return state()->log_delegate;
 }
 
 }  // namespace fake_sdk
@@ -112,37 +93,41 @@ using namespace fake_sdk;
 
 nuv_connect* nuv_connect_create(uv_loop_t*, nuv_connect_config config, nuv_error* error) {
     *error = record("create", config.device_name);
-    const std::scoped_lock lock(g_mutex);
-    g_state.config = config;
+    state()->config = config;
     return *error == NUV_ERROR_OK ? &g_core : nullptr;
 }
-
 void nuv_connect_free(nuv_connect*) {
     record("free");
 }
-
 const char* nuv_connect_get_sdk_version() {
-    const std::scoped_lock lock(g_mutex);
-    return g_state.values.version;
+    return state()->values.version;
 }
-
 nuv_error nuv_connect_set_log_delegate(nuv_connect*, nuv_log_delegate delegate) {
-    const std::scoped_lock lock(g_mutex);
-    g_state.log_delegate = delegate;
+    state()->log_delegate = delegate;
     return NUV_ERROR_OK;
 }
-
 nuv_error nuv_connect_connect(nuv_connect*, const char* session_id, const char* api_endpoint,
                               const char* api_jwt, uint64_t api_exp, const char* nconnect_endpoint,
                               const char* nconnect_jwt, uint64_t nconnect_exp, bool become_active) {
     return record("connect", session_id, api_endpoint, api_jwt, api_exp, nconnect_endpoint,
                   nconnect_jwt, nconnect_exp, become_active);
 }
+nuv_error nuv_connect_notify_playback_initiated(nuv_connect*, nuv_audio_format format) {
+    return record("notify_playback_initiated", format.sample_rate, format.channel_count,
+                  static_cast<int>(format.sample_format));
+}
+nuv_error nuv_connect_get_stream_metadata(nuv_connect*, uint64_t, nuv_stream_metadata* metadata) {
+    return answer("get_stream_metadata", metadata, &Values::metadata);
+}
 
-// The calls without an argument, and the queries.
+// The calls without an argument, with one, and the queries.
 #define NUV_RECORDED(name)                       \
     nuv_error nuv_connect_##name(nuv_connect*) { \
         return record(#name);                    \
+    }
+#define NUV_RECORDED_WITH(name, type)                     \
+    nuv_error nuv_connect_##name(nuv_connect*, type as) { \
+        return record(#name, as);                         \
     }
 #define NUV_ANSWERED(name, value)                                              \
     nuv_error nuv_connect_##name(nuv_connect*, decltype(Values::value)* out) { \
@@ -158,6 +143,14 @@ NUV_RECORDED(notify_playback_paused)
 NUV_RECORDED(notify_playback_resumed)
 NUV_RECORDED(notify_playback_stopped)
 NUV_RECORDED(notify_playback_error)
+NUV_RECORDED_WITH(notify_playback_finished, bool)
+NUV_RECORDED_WITH(resume_audio_delivery, uint64_t)
+NUV_RECORDED_WITH(set_volume, uint32_t)
+NUV_RECORDED_WITH(set_mute_state, bool)
+NUV_RECORDED_WITH(set_shuffle_mode, bool)
+NUV_RECORDED_WITH(set_loop_mode, nuv_loop_mode)
+NUV_RECORDED_WITH(seek_time, uint64_t)
+NUV_RECORDED_WITH(set_device_name, const char*)
 NUV_ANSWERED(get_session_id, session_id)
 NUV_ANSWERED(get_device_uuid, uuid)
 NUV_ANSWERED(get_volume, volume)
@@ -166,42 +159,6 @@ NUV_ANSWERED(get_shuffle_mode, shuffle)
 NUV_ANSWERED(get_loop_mode, loop_mode)
 NUV_ANSWERED(get_renderer_active_state, active)
 NUV_ANSWERED(get_playback_state, playback_state)
-#undef NUV_RECORDED
-#undef NUV_ANSWERED
-
-nuv_error nuv_connect_set_volume(nuv_connect*, uint32_t volume) {
-    return record("set_volume", volume);
-}
-nuv_error nuv_connect_set_mute_state(nuv_connect*, bool muted) {
-    return record("set_mute_state", muted);
-}
-nuv_error nuv_connect_set_shuffle_mode(nuv_connect*, bool shuffle) {
-    return record("set_shuffle_mode", shuffle);
-}
-nuv_error nuv_connect_set_loop_mode(nuv_connect*, nuv_loop_mode loop_mode) {
-    return record("set_loop_mode", static_cast<int>(loop_mode));
-}
-nuv_error nuv_connect_seek_time(nuv_connect*, uint64_t position_ms) {
-    return record("seek_time", position_ms);
-}
-nuv_error nuv_connect_set_device_name(nuv_connect*, const char* device_name) {
-    return record("set_device_name", device_name);
-}
-
-nuv_error nuv_connect_get_stream_metadata(nuv_connect*, uint64_t, nuv_stream_metadata* metadata) {
-    return answer("get_stream_metadata", metadata, &Values::metadata);
-}
-
-nuv_error nuv_connect_notify_playback_initiated(nuv_connect*, nuv_audio_format format) {
-    return record("notify_playback_initiated", format.sample_rate, format.channel_count,
-                  static_cast<int>(format.sample_format));
-}
-nuv_error nuv_connect_notify_playback_finished(nuv_connect*, bool no_next_track) {
-    return record("notify_playback_finished", no_next_track);
-}
-nuv_error nuv_connect_resume_audio_delivery(nuv_connect*, uint64_t stream_id) {
-    return record("resume_audio_delivery", stream_id);
-}
 
 const char* nuv_error_to_string(nuv_error error) {
     return error == NUV_ERROR_OK ? "ok" : "fake error";

@@ -37,7 +37,6 @@ void set_result(const std::string& name, nuv_error result);
 // Runs inside every recorded call, after it was recorded, on the caller's thread; null for none.
 void on_call(void (*hook)(const std::string& call));
 
-Values values();
 void set_values(const Values& values);
 
 // The core that nuv_connect_create returns, and the configuration it was given last.

@@ -10,24 +10,21 @@
 #include "fakes/fake_sdk.h"
 #include "faults/loop_watch.h"
 #include "faults/scripted_sdk.h"
+#include "loop_fixture.h"
 #include "media/audio_renderer.h"
 #include "temp_dir.h"
 #include "tools/simcard/simcard.h"
 
-class CardSessions : public testing::Test {
+class CardSessions : public LoopTest {
   protected:
     CardSessions() {
         alarm(stuck_after_s);  // a blocked loop can't end the test by itself
         fake_sdk::reset();
-        uv_loop_init(&loop_);
     }
     ~CardSessions() override {
         if (renderer_ != nullptr) {
             audio_renderer_free(renderer_);
         }
-        uv_run(&loop_, UV_RUN_DEFAULT);
-        EXPECT_EQ(uv_loop_close(&loop_), 0) << "a handle was left open";
-        alarm(0);
     }
 
     static constexpr double speed = 4;
@@ -71,7 +68,6 @@ class CardSessions : public testing::Test {
         return static_cast<size_t>(std::distance(begin(entries), end(entries)));
     }
 
-    uv_loop_t loop_{};
     audio_renderer* renderer_ = nullptr;
 
   private:

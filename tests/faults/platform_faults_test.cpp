@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <mutex>
 #include <random>
 #include <string>
 #include <thread>
@@ -87,6 +88,35 @@ TEST_F(PlatformFaults, SlowServicesHoldUpCommandsButNotTheLoop) {
     EXPECT_LT(calls * 10, passes - passes_before) << "the loop waited for the platform";
     EXPECT_EQ(end(), 0) << "not before the call in progress, but without the queue";
     EXPECT_LE(fake_platform::state()->calls.size(), calls_before + calls + 10);
+}
+
+// The output is granted under the lock that notifications are sent with: the loop waits for a
+// notification, that for its turn to post, and the turn for the loop's answer.
+TEST_F(PlatformFaults, APlatformThatGrantsAndNotifiesUnderOneLockStopsNothing) {
+    static std::atomic<bool> plays;
+    plays = false;
+    fake_modules::state()->tracks = {{"Title", {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT}, 1000}};
+    fake_modules::state()->on_tick = [] {
+        if (plays.exchange(false)) {
+            host_report_playback_status(NUV_PLAYBACK_STATE_PLAYING);
+            host_allow_source();
+        }
+    };
+    std::mutex lock_of_the_platform;
+    fake_platform::state()->when_asked_for_output = [&] {
+        const std::scoped_lock lock(lock_of_the_platform);
+    };
+    run_until_initialized();
+    {
+        const std::scoped_lock lock(lock_of_the_platform);
+        plays = true;
+        ASSERT_TRUE(captured_log::wait_for("update playbackstatus"));
+        NuvioSSListener::getInstance()->OnSourceEvent("NEXT");
+    }
+    process({});
+    EXPECT_THAT(fake_sdk::calls(), Contains("next_track"));
+    EXPECT_EQ(countLines("the event loop does not answer, no metadata"), 2U);
+    EXPECT_EQ(end(), 0);
 }
 
 // ---- Services that come and go -----------------------------------------------------------------

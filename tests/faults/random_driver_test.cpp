@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <cstring>
 #include <deque>
 #include <optional>
 #include <random>
@@ -27,9 +28,10 @@ constexpr size_t events_an_episode = 400;
 constexpr unsigned max_streams = 4;
 constexpr size_t trace_length = 60;
 
-constexpr std::array<nuv_audio_format, 4> formats{{
+constexpr std::array<nuv_audio_format, 5> formats{{
     cd,
     cd,
+    {44100, 1, NUV_AUDIO_SAMPLE_FORMAT_16_BIT},
     {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT},
     {96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT},
 }};
@@ -456,6 +458,9 @@ void RandomDriver::check() {
     expect((playing != nullptr) == !stopped, "a source plays unless stopped");
     expect(playing == nullptr || playing == active || playing == next,
            "the playing source is the active or the next one");
+    expect(playing == nullptr || std::memcmp(&playing->format, &fake_sink::state().format,
+                                             sizeof playing->format) == 0,
+           "the sink is open for what plays");
     const auto source_at = [&](size_t index) {
         return index < live_.size()
                    ? audio_source_manager_get_source_by_stream_id(manager, live_[index].id)
@@ -486,6 +491,7 @@ void RandomDriver::check() {
 // What is open is delivered, what is due happens: the last stream must be heard to its end.
 void RandomDriver::play_to_the_end() {
     fake_sink::state() = {.open = fake_sink::state().open,
+                          .format = fake_sink::state().format,
                           .waits_for_space = fake_sink::state().waits_for_space};
     const std::vector<Event>& all = events();
     const auto event = [&](const char* name) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <utility>
 
 #include "fakes/fake_sdk.h"
 #include "utility/uv_utilities.h"
@@ -9,6 +10,7 @@
 namespace {
 
 constexpr size_t offer_bytes = 6000;  // whole frames of both formats
+constexpr size_t silence_bytes = 800'000;
 constexpr unsigned seek_duration_ms = 10;
 
 size_t frame_size_of(const nuv_audio_format& format) {
@@ -19,7 +21,7 @@ size_t frame_size_of(const nuv_audio_format& format) {
 // right.
 std::vector<uint8_t> make_pcm(const Track& track, uint64_t id) {
     std::vector<uint32_t> words;
-    for (uint32_t frame = 0; frame < track.frames(); ++frame) {
+    for (uint32_t frame = 0; !track.is_silent && frame < track.frames(); ++frame) {
         if (frame_size_of(track.format) == sizeof(uint32_t)) {
             words.push_back((static_cast<uint32_t>(id) << 24) | frame);
         } else {
@@ -60,11 +62,13 @@ ScriptedSdk::~ScriptedSdk() {
     uv_timer_free(timer_);
 }
 
-void ScriptedSdk::play(const std::vector<Track>& tracks) {
+void ScriptedSdk::play(const std::vector<Track>& tracks, uint64_t position_ms) {
     for (const Track& track : tracks) {
         const uint64_t id = ++last_id_;
-        streams_[id] = {track.format, make_pcm(track, id)};
-        stream_delegate_.started(core_, id, {track.format, track.ms}, 0, stream_delegate_.context);
+        streams_[id] = {track.format, make_pcm(track, id),
+                        track.frames() * frame_size_of(track.format)};
+        stream_delegate_.started(core_, id, {track.format, track.ms}, std::exchange(position_ms, 0),
+                                 stream_delegate_.context);
     }
     reach(Point::opening);
     media_.initiate_playback(core_, NUV_PLAYBACK_STATE_PLAYING, media_.context);
@@ -77,12 +81,24 @@ void ScriptedSdk::pause_for(unsigned ms) {
 
 void ScriptedSdk::seek_ahead(unsigned ms) {
     const Stream& first = streams_.begin()->second;
-    const uint64_t delivered_ms =
-        first.delivered / frame_size_of(first.format) * 1000 / first.format.sample_rate;
+    const uint64_t delivered_ms = taken_since_seek() * 1000 / first.format.sample_rate;
     seek_ms_ = static_cast<unsigned>(delivered_ms) + ms;
     is_seeking_ = true;
     media_.seek_in_progress(core_, media_.context);
     after(seek_duration_ms, [](ScriptedSdk& sdk) { sdk.complete_seek(); });
+}
+
+void ScriptedSdk::seek_to(uint64_t position_ms, uint64_t frames) {
+    auto& [id, stream] = *streams_.begin();
+    media_.seek_in_progress(core_, media_.context);
+    stream.size = frames * frame_size_of(stream.format);
+    stream.delivered = 0;
+    stream_delegate_.seeked(core_, id, position_ms, stream_delegate_.context);
+}
+
+uint64_t ScriptedSdk::taken_since_seek() const {
+    const Stream& first = streams_.begin()->second;
+    return first.delivered / frame_size_of(first.format);
 }
 
 void ScriptedSdk::complete_seek() {
@@ -148,25 +164,27 @@ void ScriptedSdk::pass() {
 }
 
 void ScriptedSdk::offer(uint64_t id, Stream& stream) {
-    const size_t size = std::min(stream.pcm.size() - stream.delivered, offer_bytes);
+    static const std::vector<uint8_t> silence(silence_bytes);
+    const bool is_silent = stream.pcm.empty();
+    const auto size = static_cast<size_t>(std::min<uint64_t>(
+        stream.size - stream.delivered, is_silent ? silence_bytes : offer_bytes));
+    const uint8_t* data = is_silent ? silence.data() : &stream.pcm[stream.delivered];
     const size_t taken =
-        size == 0 ? 0
-                  : stream_delegate_.data(core_, id, stream.pcm.data() + stream.delivered, size,
-                                          stream_delegate_.context);
+        size == 0 ? 0 : stream_delegate_.data(core_, id, data, size, stream_delegate_.context);
     stream.delivered += taken;
     taken_ += taken / frame_size_of(stream.format);
     stream.open = taken == size;
     if (errors_ > 0) {
         return;
     }
-    if (stream.delivered == stream.pcm.size()) {
+    if (stream.delivered == stream.size) {
         stream.open = false;
         stream_delegate_.finished(core_, id, stream_delegate_.context);
         if (id == last_id_) {
             reach(Point::delivered);
         }
     } else if (!stream.open && id == streams_.begin()->first && !waited_) {
-        waited_ = true;
+        waited_ = !is_silent;
         reach(Point::waiting);
     }
 }

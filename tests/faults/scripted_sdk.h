@@ -19,16 +19,18 @@ inline constexpr nuv_audio_format hi_res{96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BI
 
 struct Track {
     nuv_audio_format format;
-    unsigned ms;
+    uint64_t ms;
+    bool is_silent = false;  // and of any length: its frames are not numbered, nor held
 
-    uint64_t frames() const { return uint64_t{format.sample_rate} * ms / 1000; }
+    uint64_t frames() const { return format.sample_rate * ms / 1000; }
 };
 
 // Where a session is. The first three are reached on the SDK's own pass, where its delegate may be
 // called; the others from inside a call of the renderer.
 enum class Point {
     opening,          // all streams started, before playback is initiated
-    waiting,          // the first stream found no more room, with a part of it left to deliver
+    waiting,          // the first stream found no more room, with a part of it left to deliver: the
+                      // first time, or each time of a silent one
     delivered,        // the last stream has been taken whole
     handing_over,     // the second stream's delivery was opened while the first still plays
     changing_format,  // the first stream was heard to its end, and another one follows
@@ -45,17 +47,21 @@ class ScriptedSdk {
 
     // Before play.
     void at(std::function<void(Point)> observer) { observer_ = std::move(observer); }
-    void play(const std::vector<Track>& tracks);
+    // The first one's start is told as a position in a longer track.
+    void play(const std::vector<Track>& tracks, uint64_t position_ms = 0);
     // Pauses now and resumes some time later.
     void pause_for(unsigned ms);
     // Announces a seek now and moves the first stream forward a few passes later.
     void seek_ahead(unsigned ms);
+    // Moves the first stream, a silent one, at once, and gives it so many frames from there on.
+    void seek_to(uint64_t position_ms, uint64_t frames);
 
     // Every stream has been disposed of.
     bool is_over() const { return streams_.empty(); }
     unsigned errors() const { return errors_; }           // playback errors reported
     bool ended() const { return ended_; }                 // the last track was reported finished
     uint64_t frames_taken() const { return taken_; }      // of all streams
+    uint64_t taken_since_seek() const;                    // of the first one
     uint64_t frames_skipped() const { return skipped_; }  // by seeks
     bool is_delivering() const { return uv_is_active(reinterpret_cast<uv_handle_t*>(idle_)) != 0; }
 
@@ -65,8 +71,9 @@ class ScriptedSdk {
   private:
     struct Stream {
         nuv_audio_format format;
-        std::vector<uint8_t> pcm;
-        size_t delivered = 0;
+        std::vector<uint8_t> pcm;  // empty: silence
+        uint64_t size;             // bytes
+        uint64_t delivered = 0;
         bool open = false;
     };
 

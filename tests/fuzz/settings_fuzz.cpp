@@ -8,6 +8,7 @@
 #include "common/number.h"
 #include "common/percent_encoding.h"
 #include "configuration/settings.h"
+#include "configuration/settings_edit.h"
 #include "fuzz/expect.h"
 #include "media/sink/alsa/output_quality.h"
 
@@ -39,8 +40,8 @@ void check_value(const Settings& settings, const std::string& key, const std::st
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    const ParsedSettings parsed =
-        parse_settings(std::string_view(reinterpret_cast<const char*>(data), size));
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    const ParsedSettings parsed = parse_settings(text);
     const Settings settings(parsed);
     for (const auto& [key, value] : parsed.values) {
         check_value(settings, key, value);
@@ -48,5 +49,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // What was taken reads back the same.
     const ParsedSettings again = parse_settings(as_file(parsed));
     FUZZ_EXPECT(again.problems.empty() && again.values == parsed.values);
+    // A change is one of its own key.
+    auto changed = parsed.values;
+    changed["alsa.output_device"] = "new";
+    FUZZ_EXPECT(parse_settings(edit_settings(text, {{"alsa.output_device", "new"}})).values ==
+                changed);
     return 0;
 }

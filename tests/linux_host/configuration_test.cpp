@@ -12,6 +12,7 @@
 #include "common/percent_encoding.h"
 #include "configuration/identity.h"
 #include "configuration/settings.h"
+#include "configuration/settings_edit.h"
 #include "configuration/state_store.h"
 #include "platform/Environment.h"
 #include "platform/Kora.h"
@@ -24,6 +25,13 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::UnorderedElementsAre;
+
+TEST(SettingsEdit, ChangesTheLineThatCountsAndNoOther) {
+    const std::string text = "# b = 1\r\n#b = 2\na = 1\n a=2\nno line\n# end";
+    EXPECT_EQ(edit_settings(text, {{"a", "3"}, {"b", "4"}, {"c", "5"}}),
+              "# b = 1\r\n#b = 2\nb = 4\na = 1\na = 3\nno line\n# end\nc = 5\n");
+    EXPECT_EQ(edit_settings("", {{"a", "1"}}), "a = 1\n");
+}
 
 TEST(Settings, LinesAreTakenApartAndBadOnesNamed) {
     const ParsedSettings parsed = parse_settings(

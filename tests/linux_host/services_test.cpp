@@ -117,10 +117,10 @@ TEST_F(HostServices, NotificationsWaitForThePoolAndKeepTheirOrder) {
     messages.write(63, "MUTE");
     messages.write(90, "b");
     controls.request_shutdown();
-    controls.request_shutdown();  // told each time
+    controls.request_shutdown();  // what waits already is told once
     EXPECT_THAT(record.lines(), IsEmpty());
     settle();
-    EXPECT_THAT(record.lines(), ElementsAre("90", "63", "90", "37", "37"));
+    EXPECT_THAT(record.lines(), ElementsAre("90", "63", "37"));
 }
 
 TEST_F(HostServices, NothingReachesAListenerThatHasLeft) {
@@ -132,7 +132,7 @@ TEST_F(HostServices, NothingReachesAListenerThatHasLeft) {
     messages.remove_listener(leaves, {90});
     messages.write(90, "b");
     settle();
-    EXPECT_THAT(record.lines(), ElementsAre("90", "90"));
+    EXPECT_THAT(record.lines(), ElementsAre("90"));
     EXPECT_EQ(leaves->getStrongCount(), 1);
 }
 
@@ -160,32 +160,17 @@ TEST_F(HostServices, ABlockedListenerHoldsUpNoOtherChannel) {
     EXPECT_THAT(record.lines(), IsEmpty());
 }
 
-TEST_F(HostServices, AFloodOfNotificationsIsBounded) {
-    std::atomic<int> delivered{0};
+TEST_F(HostServices, OfAFloodOfNotificationsTheLastOnesCount) {
+    std::vector<int> delivered;
     for (int i = 0; i < 5000; ++i) {
-        pool.post(Channel::network, [&delivered] { ++delivered; });
+        pool.post(Channel::network, [&delivered, i] { delivered.push_back(i); });
     }
+    std::promise<void> end;
+    pool.post(Channel::network, [&end] { end.set_value(); });
     pool.start();
-    while (delivered < 1024) {
-        std::this_thread::yield();
-    }
-    settle();
-    EXPECT_EQ(delivered, 1024);
-}
-
-TEST_F(HostServices, VolumeAndMuteGoToTheSourceAndElseAreKeptForIt) {
-    controls.set_mute(true);
-    controls.set_volume(20);
-    EXPECT_EQ(message(63), "MUTE");
-    EXPECT_EQ(message(64), "20");
-
-    source_switch.request(listener, 31);
-    controls.set_mute(false);
-    controls.set_volume(30);
-    EXPECT_EQ(message(63), "MUTE");  // until the source reports
-    EXPECT_EQ(message(64), "30");
-    settle();
-    EXPECT_THAT(record.lines(), ElementsAre("UNMUTE", "volume 30"));
+    EXPECT_EQ(end.get_future().wait_for(kPatience), std::future_status::ready);
+    EXPECT_EQ(delivered.size(), 63U);
+    EXPECT_EQ(delivered.back(), 4999);
 }
 
 TEST_F(HostServices, WhatMakesNoSenseIsRefused) {
@@ -204,6 +189,8 @@ TEST_F(HostServices, WhatMakesNoSenseIsRefused) {
     for (const int source : {31, 0, 256}) {
         EXPECT_FALSE(controls.take_output(source)) << source;
     }
+    controls.seek(-1);
+    controls.seek(Controls::kMaxSeekMs + 1);
     controls.give_back_output();                  // not another source's
     source_switch.release(new Listener(record));  // not the one that is known
     EXPECT_EQ(message(50), "31");
@@ -211,6 +198,8 @@ TEST_F(HostServices, WhatMakesNoSenseIsRefused) {
     EXPECT_TRUE(controls.write_message(64, "45"));
     EXPECT_TRUE(controls.write_message(50, "7"));
     controls.take_output(5);  // nothing left to take from the service
+    controls.set_mute(true);  // nor to tell it
+    EXPECT_EQ(message(63), "MUTE");
     for (int id = 100; id < 100 + static_cast<int>(kMaxMessages); ++id) {
         messages.write(id, "x");
     }
@@ -244,7 +233,7 @@ TEST_F(PlayerModel, ThePositionRunsOnBetweenReportsButNotAhead) {
     player.set_status(PLAY_STATE_PLAYING, t0);
     player.set_position(5000, t0);
     EXPECT_EQ(player.view(t0 + milliseconds(400)).position_ms, 5400);
-    EXPECT_EQ(player.view(t0 + milliseconds(90000)).position_ms, 6000);
+    EXPECT_EQ(player.view(t0 + milliseconds(90000)).position_ms, 6500);
     player.set_status(PLAY_STATE_PAUSED, t0 + milliseconds(600));
     EXPECT_EQ(player.view(t0 + milliseconds(90000)).position_ms, 5600);
     player.set_status(PLAY_STATE_STOPPED, t0);

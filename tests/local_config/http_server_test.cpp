@@ -2,11 +2,8 @@
 // and the renderer's one answer.
 #include "local_config/http_server.h"
 
-#include <arpa/inet.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <netinet/in.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -22,6 +19,7 @@
 #include <vector>
 
 #include "fakes/fake_sdk.h"
+#include "free_port.h"
 #include "loop_fixture.h"
 
 nuv_audio_quality audio_renderer_get_maximum_supported_audio_quality(audio_renderer*) {
@@ -37,25 +35,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 using Clock = std::chrono::steady_clock;
-
-sockaddr_in loopback(uint16_t port) {
-    return {AF_INET, htons(port), {htonl(INADDR_LOOPBACK)}, {}};
-}
-
-// Below the ports that the kernel gives to clients: one that knocks on a closed port there may be
-// connected to itself.
-uint16_t free_port() {
-    for (uint32_t attempt = 0;; ++attempt) {
-        const auto port = static_cast<uint16_t>(20'000 + (getpid() + attempt) % 10'000);
-        const sockaddr_in address = loopback(port);
-        const int fd = socket(AF_INET, SOCK_STREAM, 0);
-        const int rc = bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
-        close(fd);
-        if (rc == 0) {
-            return port;
-        }
-    }
-}
 
 // A bare socket.
 class Peer {
@@ -158,42 +137,6 @@ class HttpServer : public LoopTest {
     device_info* m_info = nullptr;
     http_server* m_server = nullptr;
 };
-
-TEST_F(HttpServer, DescribesTheDevice) {
-    start();
-    const std::string answer = get("/get-display-info");
-    const std::string body =
-        R"({"friendly_name":"Kitchen","serial_number":"00:01","brand_display_name":"Maker",)"
-        R"("model_display_name":"Model \"X\"","max_audio_quality":"CD","type":"SPEAKER"})";
-    EXPECT_THAT(answer, StartsWith(OK));
-    EXPECT_THAT(answer, HasSubstr("Content-Type: application/json\r\n"));
-    EXPECT_THAT(answer, HasSubstr("Content-Length: " + std::to_string(body.size()) + "\r\n"));
-    EXPECT_THAT(answer, EndsWith("\r\n\r\n" + body));
-}
-
-TEST_F(HttpServer, TellsTheCurrentSession) {
-    start();
-    EXPECT_THAT(get("/get-connect-info"),
-                EndsWith("\r\n\r\n{\"app_id\":\"app-1\",\"current_session_id\":\"session-1\"}"));
-    fake_sdk::set_result("get_session_id", NUV_ERROR_INTERNAL);
-    EXPECT_THAT(get("/get-connect-info"), StartsWith("HTTP/1.1 500 Internal Server Error"));
-}
-
-TEST_F(HttpServer, HandsASessionToTheSdk) {
-    start();
-    testing::internal::CaptureStdout();
-    const std::string answer = exchange(post(SESSION));
-    const std::string log = testing::internal::GetCapturedStdout();
-    EXPECT_THAT(answer, StartsWith(OK));
-    EXPECT_THAT(answer, HasSubstr("Content-Type: application/json\r\nContent-Length: 0\r\n"));
-    EXPECT_THAT(fake_sdk::take_calls(), ElementsAre(CONNECT_CALL));
-    for (const char* line : {"DEBUG SampleApp: Session ID: s1\n", ":     Endpoint: file:///a\n",
-                             ":     JWT: t2\n", ":     Exp: 12\n"}) {
-        EXPECT_THAT(log, HasSubstr(line));
-    }
-    fake_sdk::set_result("connect", NUV_ERROR_TOKEN_EXPIRED);
-    EXPECT_THAT(exchange(post(SESSION)), StartsWith("HTTP/1.1 500 Internal Server Error"));
-}
 
 TEST_F(HttpServer, RefusesWhatItCannotUse) {
     start();

@@ -1,10 +1,7 @@
-// A device around the real core: a renderer without sound, on a loop of its own.
-//
-// It behaves as the renderer does towards the SDK (delivery paused for each new source, the end of
-// the track some time after the last sample, the next stream of the same format opened shortly
-// before) and fails the test when a delegate comes where the renderer could not take it: in a state
-// that does not allow it, for a stream that does not exist, from inside a call or on another
-// thread.
+// A device around the real core: the real renderer, on a sink that the test scripts and on a loop
+// of its own. Delegates are noted on their way to the renderer and fail the test where they must
+// not come: in a state of the renderer that does not allow it, for a stream that does not exist,
+// from inside a call or on another thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -12,11 +9,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstddef>
-#include <cstring>
+#include <cstdlib>
 #include <functional>
-#include <initializer_list>
-#include <map>
 #include <sstream>
 #include <string>
 #include <string_view>
@@ -24,88 +18,81 @@
 #include <utility>
 #include <vector>
 
-#include "sdk/nuvio_connect.h"
+#include "media/audio_renderer_private.h"
+#include "media/source/audio_source_private.h"
+#include "renderer/fake_sink.h"
+#include "renderer/journal.h"
+#include "utility/log_delegate.h"
 
+// One at a time.
 class ScriptedDevice {
   public:
-    struct Source {
-        uint64_t id;
-        nuv_audio_format format;
-        bool open = false;  // asked for data
-        bool finished = false;
-
-        bool has_format_of(const Source& other) const {
-            return std::memcmp(&format, &other.format, sizeof format) == 0;
-        }
-    };
-
     ScriptedDevice() {
         setenv("NUVIO_MUSIC_FOLDERS", "/", 1);
+        log_silence();
+        s_current = this;
+        fake_sink::reset();
+        fake_sink::state().take = [this](size_t offered) { return write(offered); };
         uv_loop_init(&m_loop);
-        for (uv_timer_t* timer : {&m_resume_timer, &m_end_timer, &m_tick_timer}) {
-            uv_timer_init(&m_loop, timer);
-            timer->data = this;
-        }
-        nuv_error error = NUV_ERROR_INTERNAL;
-        guarded([&](nuv_connect*) {
-            m_core = nuv_connect_create(&m_loop, config(), &error);
-            return error;
+        uv_timer_init(&m_loop, &m_room_timer);
+        uv_timer_init(&m_loop, &m_tick_timer);
+        m_renderer = audio_renderer_new(&m_loop, "pcm", "mixer", "element");
+        m_audio = audio_renderer_get_audio_stream_delegate(m_renderer);
+        m_media = audio_renderer_get_media_delegate(m_renderer);
+        const nuv_error result = guarded([this](nuv_connect*) {
+            m_core = nuv_connect_create(&m_loop, config(), nullptr);
+            audio_renderer_set_core(m_renderer, m_core);
+            return nuv_connect_set_log_delegate(
+                m_core, {nullptr, [](uint32_t, const char*, const char* message) {
+                             const std::string_view text(message);
+                             s_joined += text.starts_with("Joining session");
+                             s_not_joined += text.starts_with("Not joining session");
+                         }});
         });
-        EXPECT_EQ(error, NUV_ERROR_OK);
-        nuv_connect_set_log_delegate(m_core,
-                                     {nullptr, [](uint32_t, const char*, const char* message) {
-                                          const std::string_view text(message);
-                                          s_joined += text.starts_with("Joining session");
-                                          s_not_joined += text.starts_with("Not joining session");
-                                      }});
+        EXPECT_EQ(result, NUV_ERROR_OK);
     }
-
     ~ScriptedDevice() {
         ++m_calls_under_way;  // and for ever
         nuv_connect_free(m_core);
-        for (uv_timer_t* timer : {&m_resume_timer, &m_end_timer, &m_tick_timer}) {
-            uv_close(reinterpret_cast<uv_handle_t*>(timer), nullptr);
-        }
+        audio_renderer_free(m_renderer);
+        uv_close(reinterpret_cast<uv_handle_t*>(&m_room_timer), nullptr);
+        uv_close(reinterpret_cast<uv_handle_t*>(&m_tick_timer), nullptr);
         uv_run(&m_loop, UV_RUN_DEFAULT);
-        EXPECT_EQ(uv_loop_close(&m_loop), 0) << "the core left a handle behind";
+        EXPECT_EQ(uv_loop_close(&m_loop), 0) << "a handle was left open";
     }
-
     ScriptedDevice& operator=(ScriptedDevice&&) = delete;
 
     nuv_connect* core() const { return m_core; }
     uv_loop_t* loop() { return &m_loop; }
 
-    // Every delegate call as a line, e.g. "started 1 44100 Hz 2 ch 16 bit 100 ms", "initiate
-    // PLAYING". Offers of data are not among them.
+    // Every delegate call as a line, its name and arguments: "initiate PLAYING", "started 1 44100
+    // Hz 2 ch 16 bit 100 ms"; and "end of track" from the renderer. Offers of data are not among
+    // them.
     std::vector<std::string> lines;
     std::vector<std::string> take_lines() { return std::exchange(lines, {}); }
+    bool has_line(const std::string& line) const { return std::ranges::count(lines, line) > 0; }
 
     // All that has been taken, end to end, over track changes and seeks.
     std::vector<std::byte> heard;
     // Taken of each stream since its start or last seek, by id.
     std::vector<std::vector<std::byte>> pcm_of_stream;
 
-    // How much of an offer is taken; by default all. A short count is followed by a resume later.
+    // How much of a write the sink takes; by default all. Room comes a little later.
     std::function<size_t(size_t offered)> take;
-    uint64_t tail_ms = 4;      // from the last sample of a track to its end
-    bool hands_over = true;    // the next stream of the same format flows behind that tail
-    uint64_t position_ms = 0;  // the answer to a position query
-
-    bool has_line(const std::string& line) const {
-        return std::find(lines.begin(), lines.end(), line) != lines.end();
-    }
+    // What becomes of a write that `take` is asked about.
+    static void fail_playback(bool fails = true) { fake_sink::state().can_write = !fails; }
+    uint64_t tail_ms = 4;          // what the sink holds when a track has been delivered
+    bool holds_hand_over = false;  // the track does not end after that, while its next one flows
 
     // Runs the loop until the condition holds; fails the test when it does not within ten seconds.
     void run_until(const std::function<bool()>& condition) {
         run(condition, 10'000, 10'000);
         ASSERT_TRUE(condition()) << testing::PrintToString(lines);
     }
-
     void run_until_line(const std::string& line) {
         SCOPED_TRACE(line);
         run_until([&] { return has_line(line); });
     }
-
     void run_for_ms(uint64_t ms) {
         run([] { return false; }, ms, 1);
     }
@@ -124,18 +111,6 @@ class ScriptedDevice {
         }
         return s_not_joined != not_joined ? NUV_ERROR_EMPTY_SESSION : error;
     }
-
-    void fail_playback() {
-        close_output();
-        tell_core(nuv_connect_notify_playback_error);
-    }
-
-    Source* active() { return m_sources.empty() ? nullptr : &m_sources.begin()->second; }
-    Source* next() {
-        return m_sources.size() < 2 ? nullptr : &std::next(m_sources.begin())->second;
-    }
-    uint64_t playing_id() const { return m_playing != nullptr ? m_playing->id : 0; }
-
     // A call into the core from the loop's thread, during which no delegate may come.
     template <typename Call>
     nuv_error guarded(Call call) {
@@ -144,303 +119,212 @@ class ScriptedDevice {
         --m_calls_under_way;
         return error;
     }
+    static ScriptedDevice& current() { return *s_current; }
+
+    audio_source* active() const { return active_source_of(m_renderer); }
+    audio_source* next() const {
+        return audio_source_manager_get_next_source(m_renderer->source_manager.get());
+    }
+    bool active_is_finished() const { return active()->state == AUDIO_SOURCE_STATE_FINISHED; }
+    uint64_t playing_id() const {
+        return m_renderer->playing_source != nullptr ? m_renderer->playing_source->id : 0;
+    }
 
   private:
-    enum class State { stopped, playing, playing_seeking, paused, paused_seeking };
+    enum States : unsigned {  // of the renderer
+        stopped = 1U << AUDIO_RENDERER_STATE_STOPPED,
+        playing = 1U << AUDIO_RENDERER_STATE_PLAYING,
+        paused = 1U << AUDIO_RENDERER_STATE_PAUSED,
+        seeking =
+            1U << AUDIO_RENDERER_STATE_PLAYING_SEEKING | 1U << AUDIO_RENDERER_STATE_PAUSED_SEEKING,
+        any = stopped | playing | paused | seeking,
+    };
+    using Audio = nuv_audio_stream_delegate;
+    using Media = nuv_media_delegate;
 
-    static ScriptedDevice& entered(void* context) {
-        auto* const self = static_cast<ScriptedDevice*>(context);
-        EXPECT_EQ(self->m_calls_under_way, 0) << "a delegate came from inside a call or too late";
-        EXPECT_EQ(std::this_thread::get_id(), self->m_loop_thread);
-        return *self;
+    // ---- Lines
+
+    template <typename Value>
+    static void print(std::ostream& out, const Value& value) {
+        if constexpr (std::is_same_v<Value, nuv_playback_state>) {
+            out << " " << nuv_playback_state_to_string(value);
+        } else if constexpr (std::is_same_v<Value, nuv_loop_mode>) {
+            out << " " << nuv_loop_mode_to_string(value);
+        } else if constexpr (std::is_same_v<Value, nuv_audio_stream_info>) {
+            const nuv_audio_format& format = value.format;
+            out << " " << format.sample_rate << " Hz " << format.channel_count << " ch "
+                << (format.sample_format == NUV_AUDIO_SAMPLE_FORMAT_16_BIT ? 16 : 24) << " bit "
+                << value.duration_ms << " ms";
+        } else if constexpr (std::is_same_v<Value, const nuv_stream_metadata*>) {
+            out << " " << value->title << "|" << value->artist << "|" << value->album << "|"
+                << value->album_art_url;
+        } else if constexpr (!std::is_same_v<Value, void*>) {  // the context
+            out << " " << value;
+        }
     }
-    // A method as a delegate.
-    template <auto kMethod>
-    struct Delegate;
-    template <typename Result, typename... Arguments,
-              Result (ScriptedDevice::*kMethod)(Arguments...)>
-    struct Delegate<kMethod> {
-        static Result call(nuv_connect*, Arguments... arguments, void* context) {
-            return (entered(context).*kMethod)(arguments...);
+    template <typename... Arguments>
+    void note(const char* name, const Arguments&... arguments) {
+        std::ostringstream line;
+        line << name;
+        (print(line, arguments), ...);
+        lines.push_back(line.str());
+    }
+
+    // ---- Delegates
+
+    template <size_t size>
+    struct Name {
+        char text[size];
+        // NOLINTNEXTLINE(google-explicit-constructor): a literal becomes one
+        constexpr Name(const char (&literal)[size]) { std::copy_n(literal, size, text); }
+    };
+    template <Name name, unsigned allowed = any>
+    static void check_entry() {
+        EXPECT_EQ(s_current->m_calls_under_way, 0) << name.text << " came from inside a call";
+        EXPECT_EQ(std::this_thread::get_id(), s_current->m_loop_thread);
+        EXPECT_NE(allowed & 1U << s_current->m_renderer->state, 0U)
+            << name.text << " while " << audio_renderer_state_name(s_current->m_renderer->state);
+    }
+    static audio_source* source(uint64_t id) {
+        audio_source_manager* manager = s_current->m_renderer->source_manager.get();
+        audio_source* found = audio_source_manager_get_source_by_stream_id(manager, id);
+        EXPECT_NE(found, nullptr) << "stream " << id << " does not exist";
+        return found;
+    }
+
+    // A delegate of the renderer, checked and noted.
+    template <auto kDelegate, Name kName, unsigned kAllowed, typename Function>
+    struct Noted;
+    template <auto kDelegate, Name kName, unsigned kAllowed, typename Result, typename... Arguments>
+    struct Noted<kDelegate, kName, kAllowed, Result (*)(nuv_connect*, Arguments...)> {
+        static Result call(nuv_connect* core, Arguments... arguments) {
+            check_entry<kName, kAllowed>();
+            if (kName.text[0] != '(') {  // not worth a line
+                s_current->note(kName.text, arguments...);
+            }
+            ++s_current->m_calls_under_way;
+            struct Leave {
+                ~Leave() { --s_current->m_calls_under_way; }
+            } const leave;
+            return (record_of(kDelegate).*kDelegate)(core, arguments...);
         }
     };
-    template <typename... Words>
-    void line(const Words&... words) {
-        std::ostringstream text;
-        ((text << words), ...);
-        lines.push_back(text.str());
+    static const Audio& record_of(auto Audio::*) { return s_current->m_audio; }
+    static const Media& record_of(auto Media::*) { return s_current->m_media; }
+    template <typename Record, typename Function>
+    static Function function_of(Function Record::*);
+    template <auto kDelegate, Name kName, unsigned kAllowed = any>
+    static constexpr auto* noted =
+        Noted<kDelegate, kName, kAllowed, decltype(function_of(kDelegate))>::call;
+
+    static void started(nuv_connect* core, uint64_t id, nuv_audio_stream_info info,
+                        uint64_t position_ms, void* context) {
+        s_current->pcm_of_stream.resize(std::max<size_t>(s_current->pcm_of_stream.size(), id + 1));
+        noted<&Audio::started, "started">(core, id, info, position_ms, context);
+    }
+    static size_t data(nuv_connect* core, uint64_t id, const void* pcm, size_t size,
+                       void* context) {
+        EXPECT_EQ(size % frame_bytes_of(*source(id)), 0U);
+        EXPECT_EQ(source(id)->state, AUDIO_SOURCE_STATE_STREAMING);
+        EXPECT_TRUE(!source(id)->delivery_active || s_current->playing_id() == id);
+        const size_t taken =
+            noted<&Audio::data, "(data)", any & ~seeking>(core, id, pcm, size, context);
+        const auto* const bytes = static_cast<const std::byte*>(pcm);
+        for (auto* taker : {&s_current->heard, &s_current->pcm_of_stream[id]}) {
+            taker->insert(taker->end(), bytes, bytes + taken);
+        }
+        return taken;
+    }
+    static void finished(nuv_connect* core, uint64_t id, void* context) {
+        if (source(id) == s_current->active()) {
+            fake_sink::state().buffered_frames =
+                s_current->tail_ms * source(id)->format.sample_rate / 1000;
+        }
+        noted<&Audio::finished, "finished", any & ~seeking>(core, id, context);
+        uv_timer_t* end = &s_current->m_renderer->playback_finished_timer->timer;
+        if (s_current->holds_hand_over && uv_timer_is_active(end)) {
+            uv_timer_start(end, end->timer_cb, 60'000, 0);
+        }
+    }
+    static void seeked(nuv_connect* core, uint64_t id, uint64_t reached_ms, void* context) {
+        s_current->pcm_of_stream[id].clear();
+        noted<&Audio::seeked, "seeked", seeking>(core, id, reached_ms, context);
+    }
+    static void dispose(nuv_connect* core, uint64_t id, void* context) {
+        EXPECT_NE(source(id), nullptr);
+        noted<&Audio::dispose, "dispose">(core, id, context);
+    }
+    static void initiate(nuv_connect* core, nuv_playback_state initial, void* context) {
+        fake_sink::state().buffered_frames = 0;
+        noted<&Media::initiate_playback, "initiate", stopped>(core, initial, context);
+    }
+    static void state_changed(nuv_connect* core, nuv_playback_state state, void* context) {
+        nuv_playback_state told{};
+        EXPECT_EQ(nuv_connect_get_playback_state(core, &told), NUV_ERROR_OK);
+        EXPECT_EQ(told, state);
+        noted<&Media::playback_state_changed, "state">(core, state, context);
     }
 
-    nuv_connect_config config() {
-        using Self = ScriptedDevice;
+    nuv_connect_config config() const {
         nuv_connect_config config{};
-        config.interface_version = 1;
+        config.interface_version = config.renderer_count = 1;
         config.device_name = "Kitchen";
-        config.manufacturer = "Maker";
-        config.model = "Model";
-        config.serial_number = config.hardware_id = "0001";
+        config.manufacturer = config.model = config.serial_number = config.hardware_id = "text";
         config.app_id = config.app_secret = "app";
-        config.renderer_count = 1;
         config.maximum_audio_quality = NUV_AUDIO_QUALITY_HI_RES_LEVEL_3;
-        config.advertising_delegate = {this, Delegate<&Self::advertise>::call,
-                                       Delegate<&Self::stop_advertising>::call};
-        config.local_config_server_delegate = {
-            this, [](nuv_connect*, void* self) { entered(self).line("start server"); },
-            [](nuv_connect*, void* self) { entered(self).line("stop server"); }};
+        config.advertising_delegate = {
+            nullptr,
+            [](nuv_connect*, const char*, const char*, void*) {
+                check_entry<"start of advertising">();
+                EXPECT_FALSE(std::exchange(s_current->m_is_advertising, true));
+            },
+            [](nuv_connect*, void*) {
+                check_entry<"stop of advertising">();
+                EXPECT_TRUE(std::exchange(s_current->m_is_advertising, false));
+            }};
+        const auto server = [](nuv_connect*, void*) { check_entry<"local server">(); };
+        config.local_config_server_delegate = {nullptr, server, server};
         config.audio_stream_delegate = {
-            this,
-            Delegate<&Self::started>::call,
-            Delegate<&Self::data>::call,
-            Delegate<&Self::metadata>::call,
-            Delegate<&Self::finished>::call,
-            Delegate<&Self::seeked>::call,
-            Delegate<&Self::dispose>::call,
-        };
+            m_audio.context, started, data,   noted<&Audio::metadata, "metadata">,
+            finished,        seeked,  dispose};
         config.media_delegate = {
-            this,
-            Delegate<&Self::initiate>::call,
-            Delegate<&Self::pause>::call,
-            Delegate<&Self::resume>::call,
-            Delegate<&Self::stop>::call,
-            Delegate<&Self::seek_in_progress>::call,
-            [](nuv_connect*, void* self) { return entered(self).position_ms; },
-            [](nuv_connect*, uint32_t, void* self) { entered(self); },
-            [](nuv_connect*, bool, void* self) { entered(self); },
-            Delegate<&Self::state_changed>::call,
-            [](nuv_connect*, nuv_audio_quality, void*) {},
-            [](nuv_connect*, nuv_loop_mode mode, bool shuffle, void* self) {
-                entered(self).line("controls ", nuv_loop_mode_to_string(mode), " ", shuffle);
-            },
-            [](nuv_connect*, bool next, void* self) {
-                entered(self).line("next available ", next);
-            },
-        };
-        config.renderer_state_delegate = {this, [](nuv_connect*, bool active, void* self) {
-                                              entered(self).line("active ", active);
+            m_media.context,
+            initiate,
+            noted<&Media::pause_playback, "pause", playing>,
+            noted<&Media::resume_playback, "resume", paused>,
+            noted<&Media::stop_playback, "stop", any & ~stopped>,
+            noted<&Media::seek_in_progress, "seek in progress", playing | paused>,
+            noted<&Media::get_playback_position, "(position)">,
+            noted<&Media::volume_changed, "(volume)">,
+            noted<&Media::mute_state_changed, "(mute)">,
+            state_changed,
+            noted<&Media::maximum_audio_quality_changed, "(quality)">,
+            noted<&Media::playback_controls_changed, "controls">,
+            noted<&Media::playback_actions_availability_changed, "next available">};
+        config.renderer_state_delegate = {nullptr, [](nuv_connect*, bool active, void*) {
+                                              check_entry<"active">();
+                                              s_current->note("active", active);
                                           }};
         return config;
     }
 
-    void advertise(const char* name, const char* service) {
-        EXPECT_FALSE(std::exchange(m_is_advertising, true));
-        line("advertise ", name, " ", service);
+    // ---- The sink
+
+    static size_t frame_bytes_of(const audio_source& source) {
+        return nuv_audio_sample_format_size(source.format.sample_format) *
+               source.format.channel_count;
     }
-
-    void stop_advertising() {
-        EXPECT_TRUE(std::exchange(m_is_advertising, false));
-        line("stop advertising");
-    }
-
-    // ---- Streams
-
-    void started(uint64_t id, nuv_audio_stream_info info, uint64_t position) {
-        const nuv_audio_format& format = info.format;
-        line("started ", id, " ", format.sample_rate, " Hz ", format.channel_count, " ch ",
-             format.sample_format == NUV_AUDIO_SAMPLE_FORMAT_16_BIT ? 16 : 24, " bit ",
-             info.duration_ms, " ms");
-        EXPECT_EQ(position, 0U);
-        if (m_sources.empty()) {
-            expect_state("a first stream", {State::stopped});
-        }
-        EXPECT_TRUE(m_sources.emplace(id, Source{id, format}).second);
-        pcm_of_stream.resize(std::max<size_t>(pcm_of_stream.size(), id + 1));
-        hand_over();
-    }
-
-    size_t data(uint64_t id, const void* pcm, size_t size) {
-        Source& offering = source(id);
-        const size_t frame_bytes = nuv_audio_sample_format_size(offering.format.sample_format) *
-                                   offering.format.channel_count;
-        EXPECT_GT(size, 0U);
-        EXPECT_EQ(size % frame_bytes, 0U);
-        EXPECT_FALSE(offering.finished);
-        if (!offering.open) {
-            return 0;
-        }
-        EXPECT_EQ(&offering, m_playing);
-        expect_state("data", {State::playing, State::paused});
-        size_t taken = 0;
-        if (m_state == State::playing) {
-            taken = take ? std::min(take(size) / frame_bytes * frame_bytes, size) : size;
-        }
-        const auto* const bytes = static_cast<const std::byte*>(pcm);
-        heard.insert(heard.end(), bytes, bytes + taken);
-        pcm_of_stream[id].insert(pcm_of_stream[id].end(), bytes, bytes + taken);
-        if (taken < size) {
-            offering.open = false;
-            start<&ScriptedDevice::open_playing>(&m_resume_timer, 1);
+    size_t write(size_t offered) {
+        const size_t frame_bytes = frame_bytes_of(*m_renderer->playing_source);
+        const size_t taken = take ? take(offered) / frame_bytes * frame_bytes : offered;
+        const auto signal = [](uv_timer_t*) {
+            s_current->guarded(
+                [](nuv_connect*) { return fake_sink::signal_space(), NUV_ERROR_OK; });
+        };
+        if (taken < offered) {
+            uv_timer_start(&m_room_timer, signal, 1, 0);
         }
         return taken;
-    }
-
-    void metadata(uint64_t id, const nuv_stream_metadata* texts) {
-        source(id);
-        line("metadata ", id, " ", texts->title, "|", texts->artist, "|", texts->album, "|",
-             texts->album_art_url);
-    }
-
-    void finished(uint64_t id) {
-        line("finished ", id);
-        source(id).finished = true;
-        if (&source(id) == active()) {
-            expect_state("finished", {State::playing, State::paused});
-            arm_end();
-        }
-    }
-
-    void seeked(uint64_t id, uint64_t reached_ms) {
-        expect_state("seeked", {State::playing_seeking, State::paused_seeking});
-        line("seeked ", id, " ", reached_ms);
-        source(id).finished = false;
-        pcm_of_stream[id].clear();
-        m_state = m_state == State::playing_seeking ? State::playing : State::paused;
-        // The output has been emptied: it has room, also where the timer fired during the seek.
-        start<&ScriptedDevice::open_playing>(&m_resume_timer, 1);
-    }
-
-    void dispose(uint64_t id) {
-        line("dispose ", id);
-        if (&source(id) == m_playing) {
-            EXPECT_EQ(m_playing, next()) << "the playing stream was disposed of";
-            m_playing = active();
-        }
-        m_sources.erase(id);
-    }
-
-    // ---- Playback
-
-    void initiate(nuv_playback_state initial) {
-        expect_state("initiate", {State::stopped});
-        line("initiate ", nuv_playback_state_to_string(initial));
-        ASSERT_NE(active(), nullptr);
-        m_playing = active();
-        m_state = initial == NUV_PLAYBACK_STATE_PLAYING ? State::playing : State::paused;
-        open_playing();
-        notify_initiated();
-    }
-
-    void pause() {
-        line("pause");
-        expect_state("pause", {State::playing});
-        m_playing->open = false;
-        uv_timer_stop(&m_end_timer);
-        m_state = State::paused;
-        tell_core(nuv_connect_notify_playback_paused);
-    }
-
-    void resume() {
-        line("resume");
-        expect_state("resume", {State::paused});
-        m_state = State::playing;
-        open_playing();
-        if (m_end_armed) {
-            arm_end();
-        }
-        tell_core(nuv_connect_notify_playback_resumed);
-    }
-
-    void stop() {
-        line("stop");
-        EXPECT_NE(m_state, State::stopped);
-        close_output();
-        tell_core(nuv_connect_notify_playback_stopped);
-    }
-
-    void seek_in_progress() {
-        line("seek in progress");
-        expect_state("seek", {State::playing, State::paused});
-        if (m_playing != active()) {
-            m_playing->open = false;
-            m_playing = active();
-        }
-        uv_timer_stop(&m_end_timer);
-        m_end_armed = false;
-        m_state = m_state == State::playing ? State::playing_seeking : State::paused_seeking;
-    }
-
-    void state_changed(nuv_playback_state state) {
-        nuv_playback_state told{};
-        EXPECT_EQ(nuv_connect_get_playback_state(m_core, &told), NUV_ERROR_OK);
-        EXPECT_EQ(told, state);
-        line("state ", nuv_playback_state_to_string(state));
-    }
-
-    // ---- The output
-
-    void open_playing() {
-        if (m_state == State::playing && !std::exchange(m_playing->open, true)) {
-            tell_core([id = m_playing->id](nuv_connect* core) {
-                return nuv_connect_resume_audio_delivery(core, id);
-            });
-        }
-    }
-
-    // Begins, or goes on, once the active track is finished; a pause interrupts it.
-    void arm_end() {
-        m_end_armed = true;
-        if (m_state == State::playing) {
-            start<&ScriptedDevice::end_of_track>(&m_end_timer, tail_ms);
-            hand_over();
-        }
-    }
-
-    void hand_over() {
-        if (hands_over && m_state == State::playing && m_end_armed && next() != nullptr &&
-            m_playing == active() && active()->has_format_of(*next())) {
-            m_playing = next();
-            open_playing();
-        }
-    }
-
-    void end_of_track() {
-        line("end of track");
-        uv_timer_stop(&m_end_timer);
-        m_end_armed = false;
-        Source* const following = next();
-        tell_core([&](nuv_connect* core) {
-            return nuv_connect_notify_playback_finished(core, following == nullptr);
-        });
-        if (following == nullptr) {
-            close_output();
-            return;
-        }
-        if (std::exchange(m_playing, following) != following) {
-            open_playing();
-        }
-        notify_initiated();
-        if (following->finished) {
-            m_end_armed = true;
-            start<&ScriptedDevice::end_of_track>(&m_end_timer, tail_ms);
-        }
-    }
-
-    void notify_initiated() {
-        tell_core([format = m_playing->format](nuv_connect* core) {
-            return nuv_connect_notify_playback_initiated(core, format);
-        });
-    }
-
-    void close_output() {
-        if (m_playing != nullptr) {
-            std::exchange(m_playing, nullptr)->open = false;
-        }
-        uv_timer_stop(&m_end_timer);
-        m_end_armed = false;
-        m_state = State::stopped;
-    }
-
-    void tell_core(const std::function<nuv_error(nuv_connect*)>& call) {
-        EXPECT_EQ(guarded(call), NUV_ERROR_OK);
-    }
-
-    void expect_state(const char* what, std::initializer_list<State> allowed) const {
-        EXPECT_NE(std::find(allowed.begin(), allowed.end(), m_state), allowed.end())
-            << what << " in state " << static_cast<int>(m_state);
-    }
-
-    Source& source(uint64_t id) {
-        EXPECT_EQ(m_sources.count(id), 1U) << "stream " << id << " does not exist";
-        return m_sources[id];
     }
 
     void run(const std::function<bool()>& condition, uint64_t limit_ms, uint64_t tick_ms) {
@@ -450,30 +334,34 @@ class ScriptedDevice {
             &m_tick_timer, [](uv_timer_t*) {}, tick_ms, tick_ms);
         while (!condition() && uv_hrtime() < end) {
             uv_run(&m_loop, UV_RUN_ONCE);
+            journal::take();  // it would grow
         }
         uv_timer_stop(&m_tick_timer);
     }
 
-    template <void (ScriptedDevice::*kMethod)()>
-    void start(uv_timer_t* timer, uint64_t ms) {
-        const auto call = [](uv_timer_t* due) {
-            (static_cast<ScriptedDevice*>(due->data)->*kMethod)();
-        };
-        uv_timer_start(timer, call, ms, 0);
-    }
-
+    static inline ScriptedDevice* s_current = nullptr;
     // By the core's log: sessions since the program's start.
     static inline std::atomic<int> s_joined, s_not_joined;
 
+    const std::thread::id m_loop_thread = std::this_thread::get_id();
     uv_loop_t m_loop{};
-    uv_timer_t m_resume_timer{}, m_end_timer{}, m_tick_timer{};
-    std::thread::id m_loop_thread = std::this_thread::get_id();
+    uv_timer_t m_room_timer{}, m_tick_timer{};
+    audio_renderer* m_renderer = nullptr;
+    Audio m_audio{};  // the renderer's
+    Media m_media{};
     nuv_connect* m_core = nullptr;
     int m_calls_under_way = 0;
-
-    State m_state = State::stopped;
-    std::map<uint64_t, Source> m_sources;  // active, next, further
-    Source* m_playing = nullptr;
-    bool m_end_armed = false;
     bool m_is_advertising = false;
 };
+
+// Called by the renderer's timer: the linker puts it in place of the core's function.
+extern "C" {
+nuv_error __real_nuv_connect_notify_playback_finished(nuv_connect* core, bool no_next_track);
+[[gnu::used]] inline nuv_error __wrap_nuv_connect_notify_playback_finished(nuv_connect*,
+                                                                           bool no_next_track) {
+    ScriptedDevice::current().lines.emplace_back("end of track");
+    return ScriptedDevice::current().guarded([no_next_track](nuv_connect* core) {
+        return __real_nuv_connect_notify_playback_finished(core, no_next_track);
+    });
+}
+}

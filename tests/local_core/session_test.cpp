@@ -12,6 +12,7 @@
 
 #include "common/m3u.h"
 #include "local/content.h"
+#include "local/device_uuid.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
 #include "temp_dir.h"
@@ -87,6 +88,18 @@ TEST(Content, TextsForDisplayAreOneLineOfUtf8) {
     EXPECT_EQ(display_text("\xf0\x9f\x8e\xb5"), "\xf0\x9f\x8e\xb5");
     EXPECT_EQ(display_text("\xed\xa0\x80"), "\xc3\xad\xc2\xa0\xc2\x80");  // a lone surrogate
     EXPECT_EQ(display_text("\xc0\xaf"), "\xc3\x80\xc2\xaf");              // overlong
+}
+
+TEST(DeviceUuid, IsTheSameAtEveryStartAndAnotherOnEachMachineAndInEachFolder) {
+    const TempDir one;
+    const TempDir other;
+    for (const char* machine : {"", "a machine"}) {  // without an id it is kept
+        const std::string uuid = local_core::device_uuid(machine, one.path());
+        EXPECT_EQ(uuid, local_core::device_uuid(machine, one.path()));
+        EXPECT_NE(uuid, local_core::device_uuid(machine, other.path()));
+        EXPECT_NE(uuid, local_core::device_uuid("another machine", one.path()));
+    }
+    EXPECT_EQ(local_core::device_uuid(), local_core::device_uuid());
 }
 
 TEST(Order, EndsAtTheLastPlayableTrackUnlessTheListIsLooped) {

@@ -62,6 +62,7 @@ bool audio_sink_is_open(const audio_sink*) {
 bool audio_sink_open(audio_sink*, const nuv_audio_format* format) {
     journal::add("sink open " + std::to_string(format->sample_rate));
     g_state.open = g_state.can_open;
+    g_state.format = *format;
     return g_state.open;
 }
 void audio_sink_close(audio_sink*) {
@@ -72,8 +73,9 @@ void audio_sink_close(audio_sink*) {
     g_state.waits_for_space = false;
 }
 size_t audio_sink_write(audio_sink*, const void*, size_t size, bool* ok) {
+    const size_t room = g_state.take ? g_state.take(size) : g_state.room;
     *ok = g_state.can_write && g_state.open;
-    const size_t taken = *ok ? std::min(size, g_state.room) : 0;
+    const size_t taken = *ok ? std::min(size, room) : 0;
     g_state.waits_for_space = g_state.waits_for_space || (*ok && taken < size);
     journal::add("sink write " + std::to_string(taken));
     return taken;

@@ -76,20 +76,6 @@ TEST_F(RendererDataFlow, WhatDoesNotFitIsOfferedAgainWhenThereIsRoom) {
                 ElementsAre("sink write 0", "sdk resume_audio_delivery 1", "sink write 3000"));
 }
 
-TEST_F(RendererDataFlow, APauseDropsWhatIsQueuedAndRefusesWhatComes) {
-    play_first_stream(400);
-    pause();
-    EXPECT_THAT(journal::take(), ElementsAre("sink flush", "sdk notify_playback_paused"));
-    EXPECT_EQ(position(), 1000U) << "the dropped audio counts as consumed";
-    fake_sink::signal_space();
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(offer(1, 4000), 0U);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "Audio playback is paused, return audio samples ");
-    resume();
-    EXPECT_EQ(offer(1, 4000), 4000U);
-}
-
 TEST(RendererLife, WithoutASinkThereIsNoRenderer) {
     fake_sink::reset();
     fake_sink::state().exists = false;

@@ -97,17 +97,6 @@ TEST_F(AudioSinkTest, OfferLargerThanRoomIsTakenInPartAndRoomIsSignalledOnce) {
     EXPECT_TRUE(ok);
 }
 
-TEST_F(AudioSinkTest, FramesOfAWriteWhoseRepairCannotStartAreQueuedOnce) {
-    open();
-    ASSERT_EQ(write(2000), 2000);
-    card_->inject({.op = Op::write, .error = EPIPE});
-    card_->inject({.op = Op::start, .error = EIO});
-    EXPECT_EQ(write(1000), 1000);
-    EXPECT_EQ(card_->counters().frames_written, 3000U);
-    EXPECT_EQ(card_->counters().frames_dropped, 2000U) << "by the underrun";
-    EXPECT_EQ(state(), SND_PCM_STATE_RUNNING);
-}
-
 TEST_F(AudioSinkTest, FlushDropsTheQueueAndSignalsTheRoom) {
     open();
     ASSERT_EQ(write(buffer() + 1), buffer());
@@ -132,20 +121,6 @@ TEST_F(AudioSinkTest, PauseOfAnUnstartedPcmPlaysSilenceFirstAndFlushKeepsThePaus
     EXPECT_EQ(state(), SND_PCM_STATE_RUNNING);
     card_->inject({.op = Op::pause, .error = EIO});
     EXPECT_FALSE(audio_sink_pause(sink_));
-}
-
-TEST_F(AudioSinkTest, ClosedSinkRefusesEverythingButIsNotHarmed) {
-    open();
-    EXPECT_FALSE(audio_sink_open(sink_, &kCd)) << "open already";
-    EXPECT_TRUE(audio_sink_is_open(sink_));
-    audio_sink_close(sink_);
-    audio_sink_close(sink_);
-    EXPECT_EQ(write(1), -1);
-    EXPECT_FALSE(audio_sink_pause(sink_) || audio_sink_resume(sink_) || audio_sink_flush(sink_) ||
-                 audio_sink_drain(sink_));
-    bool ok = true;
-    EXPECT_EQ(audio_sink_get_buffered_frame_count(sink_, &ok), 0U);
-    EXPECT_FALSE(ok);
 }
 
 TEST_F(AudioSinkTest, WhatCannotBePlayedOrWatchedFailsTheOpen) {

@@ -104,25 +104,4 @@ TEST_F(DescriptorPollerTest, FailedDescriptorIsReportedOnceForEachStart) {
     descriptor_poller_free(poller);
 }
 
-TEST_F(DescriptorPollerTest, ArrayStaysWithTheCallerWhenADescriptorCannotBeWatched) {
-    const int event = new_event();
-    const int file = keep(open("/dev/null", O_RDWR));  // epoll refuses it
-    EXPECT_EQ(make({{event, POLLIN, 0}, {file, POLLOUT, 0}}), nullptr);
-    EXPECT_NE(array_, nullptr);
-}
-
-TEST_F(DescriptorPollerTest, RefusedStartLeavesNothingPolled) {
-    // The loop takes one active handle for each descriptor: the second start is refused.
-    const int first = new_event();
-    const int twice = new_event();
-    descriptor_poller* poller = make({{first, POLLIN, 0}, {twice, POLLIN, 0}, {twice, POLLIN, 0}});
-    ASSERT_NE(poller, nullptr);
-    signal(first);
-    signal(twice);
-    descriptor_poller_start_polling(poller);
-    run_for(20ms);
-    EXPECT_EQ(event_count_, 0);
-    descriptor_poller_free(poller);
-}
-
 }  // namespace

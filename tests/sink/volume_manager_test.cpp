@@ -69,7 +69,7 @@ TEST_F(VolumeManagerTest, PercentagesMapToTheRawRangeAndBack) {
 }
 
 TEST_F(VolumeManagerTest, WhatTheElementShowsAlreadyIsNotWritten) {
-    make({.volume = 127});
+    make({.volume = 128});  // 50 percent, for which 127 would be written
     volume_manager_set_volume(manager_.get(), 50);
     volume_manager_set_mute_state(manager_.get(), false);
     EXPECT_EQ(calls(Op::write_volume), 0U);

@@ -10,48 +10,18 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <iterator>
 #include <string>
 #include <vector>
 
-#include "bridge/host_hooks.h"
-#include "fakes/fake_sdk.h"
-#include "media/audio_renderer.h"
+#include "faults/card_sessions.h"
 #include "platform/Environment.h"
-#include "temp_dir.h"
-#include "tools/simcard/simcard.h"
-#include "utility/uv_utilities.h"
+#include "renderer/journal.h"
 
-// ---- The host -----------------------------------------------------------------------------------
-
-namespace {
-
-struct {
-    uint64_t reports = 0;
-    uint64_t last_ms = 0;
-    uint64_t furthest_back_ms = 0;
-} g_host;
-
-}  // namespace
-
+// The settings name the default device.
 void GetEnvItemByName(const char* /*key*/, char* value) {
     std::strcpy(value, "default");
 }
-bool host_allow_source() {
-    return true;
-}
-void host_report_playback_position(uint64_t position_ms) {
-    ++g_host.reports;
-    if (position_ms < g_host.last_ms) {
-        g_host.furthest_back_ms = std::max(g_host.furthest_back_ms, g_host.last_ms - position_ms);
-    }
-    g_host.last_ms = position_ms;
-}
-void host_report_mute_state() {}
-void host_report_volume() {}
-void host_report_shuffle_repeat() {}
-void host_report_playback_status(int /*status*/) {}
 
 namespace {
 
@@ -99,9 +69,7 @@ void report(double hours, std::chrono::steady_clock::time_point since, const Pro
 // ---- The stream --------------------------------------------------------------------------------
 
 constexpr nuv_audio_format format{192000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
-constexpr size_t frame_bytes = 8;
 constexpr unsigned buffer_ms = 400;
-constexpr uint64_t hour_frames = uint64_t{format.sample_rate} * 3600;
 
 // Beyond 2^32 frames, which is 32 GiB, also in the short form.
 double soak_hours() {
@@ -115,122 +83,45 @@ uint64_t frames_at(uint64_t ms) {
     return format.sample_rate * ms / 1000;
 }
 
-// The SDK with one stream, delivered in large pieces on passes of the loop while delivery is open.
-// The frames are silence: their number is what counts.
-class OneStream {
-  public:
-    OneStream(uv_loop_t* loop, audio_renderer* renderer)
-        : idle_(uv_idle_new(loop, this)),
-          streams_(audio_renderer_get_audio_stream_delegate(renderer)),
-          media_(audio_renderer_get_media_delegate(renderer)) {
-        g_current = this;
-        fake_sdk::on_call([](const std::string& call) { g_current->on_call(call); });
-    }
-    ~OneStream() {
-        fake_sdk::on_call(nullptr);
-        uv_idle_free(idle_);
-    }
-    OneStream(const OneStream&) = delete;
-    OneStream& operator=(const OneStream&) = delete;
-
-    // Called each time the sink is full.
-    void when_full(std::function<void()> observer) { when_full_ = std::move(observer); }
-    void play(uint64_t from_ms, uint64_t frames) {
-        begin_at(from_ms, frames);
-        const uint64_t duration_ms = end_ * 1000 / format.sample_rate;
-        streams_.started(core_, id, {format, duration_ms}, from_ms, streams_.context);
-        media_.initiate_playback(core_, NUV_PLAYBACK_STATE_PLAYING, media_.context);
-    }
-    // Goes on from there, with as much to deliver as is given.
-    void seek(uint64_t to_ms, uint64_t frames) {
-        media_.seek_in_progress(core_, media_.context);
-        begin_at(to_ms, frames);
-        streams_.seeked(core_, id, to_ms, streams_.context);
-    }
-    bool is_over() const { return over_; }
-    // In frames of the track: what the renderer has taken.
-    uint64_t position() const { return position_; }
-    uint64_t taken_since_seek() const { return position_ - begin_; }
-    uint64_t heard_ms() { return media_.get_playback_position(core_, media_.context); }
-
-  private:
-    static constexpr uint64_t id = 1;
-
-    void begin_at(uint64_t ms, uint64_t frames) {
-        begin_ = position_ = frames_at(ms);
-        end_ = begin_ + frames;
-    }
-
-    void on_call(const std::string& call) {
-        if (call.starts_with("resume_audio_delivery")) {
-            uv_idle_start(idle_,
-                          [](uv_idle_t* idle) { static_cast<OneStream*>(idle->data)->pass(); });
-        }
-        over_ = over_ || call.starts_with("notify_playback_finished") ||
-                call.starts_with("notify_playback_error");
-    }
-
-    void pass() {
-        fake_sdk::take_calls();  // they would add up
-        const uint64_t frames = std::min<uint64_t>(piece_.size() / frame_bytes, end_ - position_);
-        const auto size = static_cast<size_t>(frames) * frame_bytes;
-        const size_t taken = streams_.data(core_, id, piece_.data(), size, streams_.context);
-        EXPECT_EQ(taken % frame_bytes, 0U);
-        position_ += taken / frame_bytes;
-        if (taken < size) {
-            uv_idle_stop(idle_);
-            when_full_();
-        } else if (position_ == end_) {
-            uv_idle_stop(idle_);
-            streams_.finished(core_, id, streams_.context);
-        }
-    }
-
-    static inline OneStream* g_current = nullptr;
-    const std::vector<uint8_t> piece_ = std::vector<uint8_t>(100'000 * frame_bytes);
-    nuv_connect* core_ = fake_sdk::core();
-    uv_idle_t* idle_;
-    nuv_audio_stream_delegate streams_;
-    nuv_media_delegate media_;
-    std::function<void()> when_full_ = [] {};
-    uint64_t begin_ = 0;
-    uint64_t position_ = 0;
-    uint64_t end_ = 0;
-    bool over_ = false;
-};
-
-class LongStream : public testing::Test {
+class LongStream : public CardSessions {
   protected:
     LongStream() {
-        card_.use_in_this_process();
-        fake_sdk::reset();
-        g_host = {};
-        uv_loop_init(&loop_);
-        renderer_ = audio_renderer_new(&loop_, "simcard", "simcard", "Master");
-        audio_renderer_set_core(renderer_, fake_sdk::core());
+        alarm(0);  // as long as it takes
+        journal::observe([this](const std::string& line) {
+            const std::string report = "host position ";
+            if (line.starts_with(report)) {
+                ++reports_;
+                const auto ms = std::stoull(line.substr(report.size()));
+                furthest_back_ms_ = std::max(furthest_back_ms_, last_ms_ - std::min(ms, last_ms_));
+                last_ms_ = ms;
+            }
+        });
+        make_renderer();
     }
-    ~LongStream() override {
-        audio_renderer_free(renderer_);
-        uv_run(&loop_, UV_RUN_DEFAULT);
-        EXPECT_EQ(uv_loop_close(&loop_), 0);
-    }
+    ~LongStream() override { journal::observe(nullptr); }
 
-    void run(const OneStream& stream) {
-        while (!stream.is_over()) {
+    void run(const ScriptedSdk& sdk) {
+        while (!sdk.is_over()) {
             uv_run(&loop_, UV_RUN_ONCE);
+            fake_sdk::take_calls();  // these would add up
+            journal::take();
         }
-        EXPECT_THAT(fake_sdk::calls(), testing::Contains("notify_playback_finished true"));
+        EXPECT_TRUE(sdk.ended());
+    }
+    uint64_t heard_ms() {
+        const nuv_media_delegate media = audio_renderer_get_media_delegate(renderer_);
+        return media.get_playback_position(fake_sdk::core(), media.context);
     }
 
     // The answer is made from the card's own count, which nothing moves between the two.
-    void check_position(OneStream& stream) {
-        const uint64_t heard_ms = stream.heard_ms();
+    void check_position(uint64_t taken_frames) {
+        const uint64_t heard = heard_ms();
         const simcard::Stream card = card_.stream();
         const uint64_t queued = card.written - card.played - card_.counters().frames_dropped;
-        const uint64_t exact_ms = (stream.position() - queued) * 1000 / format.sample_rate;
+        const uint64_t exact_ms = (taken_frames - queued) * 1000 / format.sample_rate;
         // Both terms of the renderer's difference are whole milliseconds.
-        ASSERT_GE(heard_ms, exact_ms);
-        ASSERT_LE(heard_ms, exact_ms + 1);
+        ASSERT_GE(heard, exact_ms);
+        ASSERT_LE(heard, exact_ms + 1);
     }
 
     static simcard::Settings fast_card() {
@@ -242,29 +133,33 @@ class LongStream : public testing::Test {
         return settings;
     }
 
-    const TempDir directory_;
-    simcard::Card card_ = simcard::Card::create(directory_.path(), fast_card());
-    uv_loop_t loop_{};
-    audio_renderer* renderer_ = nullptr;
+    simcard::Card card_ = make_card(fast_card());
+    // To the host.
+    uint64_t reports_ = 0;
+    unsigned long long last_ms_ = 0;
+    unsigned long long furthest_back_ms_ = 0;
 };
 
 TEST_F(LongStream, HoursOfOneStreamAreCountedToTheFrameAndUseNothingUp) {
     constexpr uint64_t allowed_growth_kib = 256;
     const double hours = soak_hours();
-    const auto frames = static_cast<uint64_t>(hours * static_cast<double>(hour_frames));
+    const Track track{format, static_cast<uint64_t>(hours * 3'600'000), true};
+    const uint64_t frames = track.frames();
     const auto since = std::chrono::steady_clock::now();
-    OneStream stream(&loop_, renderer_);
+    ScriptedSdk sdk(&loop_, renderer_);
     std::vector<ProcessFigures> samples;
     uint64_t checks = 0;
-    stream.when_full([&] {
-        check_position(stream);
-        ++checks;
-        if (stream.position() > frames / 50 * (samples.size() + 1)) {
-            samples.emplace_back();
+    sdk.at([&](Point point) {
+        if (point == Point::waiting) {
+            check_position(sdk.frames_taken());
+            ++checks;
+            if (sdk.frames_taken() > frames / 50 * (samples.size() + 1)) {
+                samples.emplace_back();
+            }
         }
     });
-    stream.play(0, frames);
-    run(stream);
+    sdk.play({track});
+    run(sdk);
     ASSERT_GE(samples.size(), 48U);
     const ProcessFigures& settled = samples[4];
     const ProcessFigures& last = samples.back();
@@ -275,9 +170,9 @@ TEST_F(LongStream, HoursOfOneStreamAreCountedToTheFrameAndUseNothingUp) {
     EXPECT_EQ(counters.frames_dropped, 0U);
     EXPECT_EQ(counters.underruns, 0U);
     std::printf("soak: %" PRIu64 " frames, %" PRIu64 " positions checked, %" PRIu64 " reported\n",
-                frames, checks, g_host.reports - checks);
+                frames, checks, reports_ - checks);
     // A report from inside a write comes before the write's frames count.
-    EXPECT_LE(g_host.furthest_back_ms, buffer_ms + 1);
+    EXPECT_LE(furthest_back_ms_, buffer_ms + 1);
 
     EXPECT_GT(checks, frames / format.sample_rate);
     EXPECT_EQ(last.threads, settled.threads);
@@ -289,21 +184,25 @@ TEST_F(LongStream, HoursOfOneStreamAreCountedToTheFrameAndUseNothingUp) {
 
 TEST_F(LongStream, PositionsGoOnBeyondThirtyTwoBitsOfMilliseconds) {
     constexpr uint64_t edge_ms = uint64_t{1} << 32;
-    constexpr uint64_t ten_seconds = uint64_t{format.sample_rate} * 10;
-    OneStream stream(&loop_, renderer_);
+    constexpr Track ten_seconds{format, 10'000, true};
+    ScriptedSdk sdk(&loop_, renderer_);
+    uint64_t start_ms = edge_ms - 5000;
     std::vector<uint64_t> seeks = {edge_ms / 2 - 5000, 3 * edge_ms - 5000, 1000, edge_ms + 7};
-    stream.when_full([&] {
-        check_position(stream);
-        if (!seeks.empty() && stream.taken_since_seek() > ten_seconds * 9 / 10) {
-            stream.seek(seeks.back(), ten_seconds);
-            ASSERT_EQ(stream.heard_ms(), seeks.back());
+    sdk.at([&](Point point) {
+        if (point != Point::waiting) {
+            return;
+        }
+        check_position(frames_at(start_ms) + sdk.taken_since_seek());
+        if (!seeks.empty() && sdk.taken_since_seek() > ten_seconds.frames() * 9 / 10) {
+            start_ms = seeks.back();
             seeks.pop_back();
+            sdk.seek_to(start_ms, ten_seconds.frames());
+            ASSERT_EQ(heard_ms(), start_ms);
         }
     });
-    stream.play(edge_ms - 5000, ten_seconds);
-    run(stream);
+    sdk.play({ten_seconds}, start_ms);
+    run(sdk);
     EXPECT_THAT(seeks, testing::IsEmpty());
-    EXPECT_EQ(stream.position(), frames_at(edge_ms / 2 - 5000) + ten_seconds);
 }
 
 }  // namespace

@@ -161,7 +161,3 @@ class LongSession(DeviceTest):
         if MEMORY_IS_ITS_OWN:
             self.assertLess(max(sample.memory_kib for sample in end),
                             max(sample.memory_kib for sample in begin) + ALLOWED_GROWTH_KIB)
-
-
-if __name__ == "__main__":
-    unittest.main()

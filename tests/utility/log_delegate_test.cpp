@@ -29,30 +29,6 @@ TEST(LogDelegate, LineHasDateTimeIdsLevelCategoryAndMessage) {
     EXPECT_THAT(written_by([] { app_log(7, "x"); }), testing::HasSubstr(" FATAL SampleApp: x\n"));
 }
 
-TEST(LogDelegate, SdkChatterIsDroppedByExactCategoryAndLevel) {
-    struct {
-        uint32_t level;
-        const char* category;
-        const char* written;  // what the line ends in; null: dropped
-    } const rows[] = {
-        {1, "HttpClient", nullptr},
-        {2, "HttpClient", "INFO HttpClient: m\n"},
-        {0, "httpclient", "TRACE httpclient: m\n"},
-        {0, "Other", "TRACE Other: m\n"},
-        {1, "ContentFetcher", nullptr},
-        {7, "AudioDecoder", "FATAL AudioDecoder: m\n"},
-    };
-    for (const auto& row : rows) {
-        const std::string line =
-            written_by([&] { sdk_log_callback(row.level, row.category, "m"); });
-        if (row.written == nullptr) {
-            EXPECT_EQ(line, "") << row.category << row.level;
-        } else {
-            EXPECT_THAT(line, testing::EndsWith(row.written));
-        }
-    }
-}
-
 TEST(LogDelegate, NoForeignTextBeginsALineOfItsOwn) {
     EXPECT_THAT(
         written_by([] { app_log(LOG_LEVEL_INFO, "id %s.\n", "a\n20260101 x\x1b[2J\t\xc3\xa9"); }),

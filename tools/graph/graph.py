@@ -10,8 +10,8 @@ import subprocess
 import sys
 
 INCLUDE = re.compile(r'^\s*#include "([^"]+)"', re.MULTILINE)
-TREES = ("common", "src", "cores", "hosts", "tools/simcard", "controller")
-ROOTS = ("src", "cores", "hosts/linux", "tools/simcard", ".")
+TREES = ("common", "src", "cores", "hosts", "controller", "kit", "tools/simcard")
+ROOTS = ("src", "cores", "hosts/linux", "kit", "tools/simcard", ".")
 
 
 def read_rooms(path):

@@ -4,12 +4,14 @@
   tools/mutants/mutants.py [--list] [AREA|TEXT...]   all of them, or those of an area or with a text
 
 Works in a copy of the tree under build/mutants, which it keeps, so that only what a fault touches is
-built again. A fault whose text stands nowhere, or that does not compile, is no measure of anything:
-the run fails and names it. Those that survive fail it too.
+built again, and runs the tests of the fault's area until one fails, which it names. A fault whose
+text stands nowhere, or that does not compile, is no measure of anything: the run fails and names it.
+Those that survive fail it too.
 """
 import collections
 import os
 import pathlib
+import re
 import signal
 import subprocess
 import sys
@@ -17,17 +19,29 @@ import time
 
 TOP = pathlib.Path(__file__).resolve().parents[2]
 TREE = TOP / "build/mutants"
-PATIENCE = 300  # s for an area's tests; a fault that hangs them is seen
+PATIENCE = 400  # s for one test; a fault that hangs it is seen
 
-# The folders with the texts, and the fast tests of them.
-Area = collections.namedtuple("Area", "folders targets tests")
+# The folders with the texts, and the tests of them, the quickest first.
+Area = collections.namedtuple("Area", "folders tests")
 AREAS = {
-    "media": Area(["src/media"], ["renderer_test", "random_driver_test"],
-                  ["renderer_test", "random_driver_test"]),
-    "bridge": Area(["src/bridge", "src/startup"], ["bridge_test"], ["bridge_test"]),
-    "advertising": Area(["src/advertising"], ["avahi_libuv_poll_test", "advertiser_host"],
-                        ["avahi_libuv_poll_test", "advertising_test"]),
+    "media": Area(["src/media"], ["renderer_test", "random_driver_test"]),
+    "utility": Area(["src/utility"], ["renderer_test", "random_driver_test"]),
+    "sink": Area(["src/media/sink"], ["sink_descriptor_poller_test", "sink_volume_manager_test",
+                                      "sink_alsa_audio_sink_test", "fault_matrix_test"]),
+    "bridge": Area(["src/bridge", "src/startup"], ["bridge_test", "golden_log_test",
+                                                  "platform_faults_test"]),
+    "advertising": Area(["src/advertising"], ["avahi_libuv_poll_test", "advertising_test"]),
+    "core": Area(["cores/local"], ["local_core_parts_test", "local_core_test"]),
+    "host": Area(["hosts/linux"], ["linux_host_configuration_test", "linux_host_services_test",
+                                   "bus_test"]),
+    "card": Area(["tools/simcard"], ["simcard_test", "fault_matrix_test"]),
 }
+DEVICE = ["nuvio-connect", "simcardctl"]  # the targets of what drives it from outside
+TARGETS = {"advertising_test": ["advertiser_host"], "bus_test": DEVICE,
+           "golden_log_test": ["golden_life"],
+           "test_playback": DEVICE, "test_host": DEVICE, "test_long_session": DEVICE}
+
+Mutant = collections.namedtuple("Mutant", "area tests found planted")
 
 
 def read_mutants(words):
@@ -35,15 +49,16 @@ def read_mutants(words):
     for block in text.split("\n\n"):
         lines = [line for line in block.splitlines() if not line.startswith("# ") and line]
         if lines:
-            area, found, planted = lines
-            if not words or area in words or any(word in found for word in words):
-                yield area, found, planted
+            head, found, planted = lines
+            area, *more = head.split()
+            if not words or area in words or any(word in found for word in set(words) - set(AREAS)):
+                yield Mutant(area, AREAS[area].tests + more, found, planted)
 
 
-def place_of(area, text):
-    for folder in AREAS[area].folders:
-        for path in sorted((TREE / folder).rglob("*")):
-            if path.suffix in (".cpp", ".h") and text in path.read_text():
+def place_of(tree, mutant):
+    for folder in AREAS[mutant.area].folders:
+        for path in sorted((tree / folder).rglob("*")):
+            if path.suffix in (".cpp", ".h") and mutant.found in path.read_text():
                 return path
     return None
 
@@ -63,34 +78,43 @@ def copy_tree():
             target.chmod((TOP / name).stat().st_mode)
 
 
-def build(targets):
+def build(tests):
+    targets = [target for test in tests for target in TARGETS.get(test, [test])]
     command = ["cmake", "--build", "--preset", "debug", "--target", *targets]
     return subprocess.run(command, cwd=TREE, capture_output=True, text=True)
 
 
-def tests_fail(area):
-    command = ["ctest", "--test-dir", "build/debug", "--stop-on-failure",
-               "-R", "^(" + "|".join(AREAS[area].tests) + ")$"]
-    run = subprocess.Popen(command, cwd=TREE, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
-                           start_new_session=True)
+def failure_of(test):
+    """What of a test fails first, or None."""
+    run = subprocess.Popen(["ctest", "--test-dir", "build/debug", "--output-on-failure", "-R",
+                            f"^{test}$"], cwd=TREE, text=True, errors="replace",
+                           env=dict(os.environ, GTEST_FAIL_FAST="1"), start_new_session=True,
+                           stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
     try:
-        return run.wait(PATIENCE) != 0
+        output, _ = run.communicate(timeout=PATIENCE)
     except subprocess.TimeoutExpired:
         os.killpg(run.pid, signal.SIGKILL)
-        run.wait()
-        return True
+        run.communicate()
+        return f"{test}: no end"
+    if run.returncode == 0:
+        return None
+    names = re.findall(r"(?m)^(?:\[  FAILED  \]|FAIL:|ERROR:|\[ RUN      \]) ([^\s,]+)", output)
+    return f"{test}: {names[-1] if names else 'fails'}"
 
 
-def outcome_of(area, found, planted):
-    path = place_of(area, found)
-    if path is None:
-        return "found nowhere"
+def first_failure(tests):
+    return next(filter(None, map(failure_of, tests)), None)
+
+
+def outcome_of(mutant):
+    path = place_of(TREE, mutant)
     content = path.read_text()
-    path.write_text(content.replace(found, planted, 1))
+    path.write_text(content.replace(mutant.found, mutant.planted, 1))
     try:
-        if build(AREAS[area].targets).returncode != 0:
-            return "does not compile"
-        return "killed" if tests_fail(area) else "survived"
+        if build(mutant.tests).returncode != 0:
+            return "does not compile", None
+        failure = first_failure(mutant.tests)
+        return "killed" if failure else "survived", failure
     finally:
         path.write_text(content)
 
@@ -100,21 +124,27 @@ def main():
     mutants = list(read_mutants(words))
     if "--list" in sys.argv:
         for mutant in mutants:
-            print("{}: {} -> {}".format(*(text.strip() for text in mutant)))
+            print(f"{mutant.area}: {mutant.found.strip()} -> {mutant.planted.strip()}")
         return 0
+    lost = [mutant.found for mutant in mutants if place_of(TOP, mutant) is None]
+    if lost:
+        sys.exit("\n".join(["mutants: found nowhere:", *lost]))
     copy_tree()
     subprocess.run(["cmake", "--preset", "debug"], cwd=TREE, check=True, stdout=subprocess.DEVNULL)
-    for area in sorted({mutant[0] for mutant in mutants}):
-        result = build(AREAS[area].targets)
-        if result.returncode != 0 or tests_fail(area):
-            sys.exit(f"mutants: the tests of {area} fail without any fault\n{result.stdout[-2000:]}")
+    tests = sorted({test for mutant in mutants for test in mutant.tests})
+    result = build(tests)
+    if result.returncode != 0:
+        sys.exit(f"mutants: does not compile without any fault\n{result.stdout[-2000:]}")
+    if failure := first_failure(tests):
+        sys.exit(f"mutants: fails without any fault: {failure}")
     counts = collections.Counter()
-    for area, found, planted in mutants:
+    for mutant in mutants:
         begin = time.monotonic()
-        outcome = outcome_of(area, found, planted)
+        outcome, failure = outcome_of(mutant)
         counts[outcome] += 1
-        print(f"{outcome:16} {time.monotonic() - begin:4.0f} s  {area}: {found.strip()} -> "
-              f"{planted.strip()}", flush=True)
+        print(f"{outcome:16} {time.monotonic() - begin:4.0f} s  {mutant.area}: "
+              f"{mutant.found.strip()} -> {mutant.planted.strip()}" +
+              (f"  by {failure}" if failure else ""), flush=True)
     print(f"mutants: {counts['killed']} of {len(mutants)} killed" +
           "".join(f", {count} {name}" for name, count in counts.items() if name != "killed"))
     return 0 if counts["killed"] == len(mutants) else 1

@@ -7,12 +7,13 @@ build=$(realpath "$1")
 here=$(dirname "$(realpath "$0")")
 out="$build/packages"
 
-mandoc -Tlint -W warning "$here"/../../packaging/man/*
+mandoc -Tlint -W warning "$here"/../../packaging/man/* "$here"/../../kit/*.1
 rm -rf "$out"
 (cd "$build" && cpack -B "$out" >"$build/cpack.log" 2>&1) || { cat "$build/cpack.log"; exit 1; }
 rm -rf "$out/_CPack_Packages"
 echo "package: in $out"
 "$here/sizes.sh" "$out"/*.deb
+"$here/../recipes/check.py" "$build"
 echo "package: installing into a clean root"
 "$here/make_root.sh" "$build/root" "$out"/*.deb >"$build/make_root.log" 2>&1 ||
     { cat "$build/make_root.log"; exit 1; }

@@ -1,15 +1,70 @@
-"""What it takes to have a device of one's own on this machine: its settings, a message bus, and the
-requests of a controller. For tests and the bench."""
+"""What it takes to have a device of one's own on this machine: its settings, a message bus, its
+surroundings, and the requests of a controller. For tests and the bench."""
+import contextlib
 import http.client
 import json
+import os
+import random
+import socket
 import subprocess
+import time
+
+PATIENCE = 30  # s, for what should take a moment: sanitizers and busy machines are slow
+
+
+def wait_for(what, condition, seconds=PATIENCE, pause=0.02):
+    """Returns the condition's first true value; fails naming `what` when there is none in time."""
+    end = time.monotonic() + seconds
+    while time.monotonic() < end:
+        value = condition()
+        if value:
+            return value
+        time.sleep(pause)
+    raise AssertionError(f"not within {seconds} s: {what}")
+
+
+def free_port():
+    """One of those that the kernel gives to no client, so that none gets in the daemon's way."""
+    while True:
+        port = random.randrange(20_000, 30_000)
+        with socket.socket() as probe, contextlib.suppress(OSError):
+            probe.bind(("", port))
+            return port
+
+
+def end(process):
+    """The exit status of a process that is asked to end, or made to."""
+    if process.poll() is None:
+        process.terminate()
+    try:
+        return process.wait(PATIENCE)
+    except subprocess.TimeoutExpired:
+        process.kill()
+        return process.wait()
+
+
+def environment(folder, card, **more):
+    """Of the device of `folder`, on the card of that ALSA configuration."""
+    return dict(os.environ, ALSA_CONFIG_PATH=str(card), NUVIO_MUSIC_FOLDERS="/",
+                NUVIO_SETTINGS=str(folder / "settings.conf"),
+                DBUS_SESSION_BUS_ADDRESS=f"unix:path={folder}/bus", **more)
+
+
+def answers(port, process):
+    """Whether the device does; fails when it has ended."""
+    if process.poll() is not None:
+        raise AssertionError(f"the daemon ended with {process.returncode}")
+    with contextlib.suppress(OSError):
+        return request(port, "GET", "/get-display-info")[0] == 200
+    return False
 
 
 def start_bus(folder):
-    """A session bus in the folder; its process and its address, which is soon there."""
+    """A session bus in the folder: its process, and its address."""
     address = f"unix:path={folder}/bus"
     process = subprocess.Popen(["dbus-daemon", "--session", "--nofork", "--nopidfile",
                                 f"--address={address}"], stderr=subprocess.DEVNULL)
+    wait_for("message bus", (folder / "bus").exists)
     return process, address
 
 
@@ -30,7 +85,7 @@ def write_settings(folder, port, **more):
         "".join(f"{name} = {value}\n" for name, value in settings.items()))
 
 
-def request(port, method, path, body=None, timeout=30):
+def request(port, method, path, body=None, timeout=PATIENCE):
     """Status and body of the answer."""
     connection = http.client.HTTPConnection("127.0.0.1", port, timeout=timeout)
     try:

@@ -15,6 +15,14 @@ done
 mkdir -p "$folder"
 cd "$folder"
 
+# What the base must have: the list, and what the packages depend on but one another.
+wanted=$({
+    sed '/^#/d' "$here/packages.txt"
+    for package in "${packages[@]}"; do
+        dpkg-deb -f "$package" Depends | tr , '\n' | sed 's/[|(].*//; s/ //g'
+    done
+} | grep -v '^nuvio-connect' | sort -u | paste -sd,)
+
 # shellcheck disable=SC2016  # the hooks expand $1
 make_base() {
     local mirror
@@ -25,7 +33,7 @@ make_base() {
     mmdebstrap --quiet --mode=root --variant=apt --dpkgopt=force-unsafe-io \
         --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-exclude=/usr/share/man/*' \
         --dpkgopt='path-exclude=/usr/share/locale/*' \
-        --include="$(sed '/^#/d' "$here/packages.txt" | paste -sd,)" \
+        --include="$wanted" \
         --essential-hook='mkdir -p "$1/etc/initramfs-tools/conf.d"' \
         --essential-hook='echo MODULES=list >"$1/etc/initramfs-tools/conf.d/vm"' \
         --customize-hook='printf "virtio_pci\nvirtio_blk\next4\n" >>"$1/etc/initramfs-tools/modules"' \
@@ -33,7 +41,7 @@ make_base() {
         bookworm base "$mirror"
 }
 
-key=$({ cat "$here/packages.txt"; declare -f make_base; } | sha256sum)
+key=$({ echo "$wanted"; declare -f make_base; } | sha256sum)
 if [ "$(cat base.key 2>/dev/null)" != "$key" ]; then
     rm -f base.key
     make_base
@@ -48,7 +56,7 @@ chroot root sh -c "DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-ins
     /packages/*.deb"
 rm -r root/packages
 cp -a "$here/files/." root
-chown -R root:root root/etc/systemd/system root/etc/asound.conf root/etc/modprobe.d root/etc/modules-load.d
+chown -R root:root root/etc/systemd/system root/etc/modprobe.d root/etc/modules-load.d root/usr/local/sbin
 chroot root systemctl enable vm-test.service
 echo vm >root/etc/hostname
 echo "/dev/vda / ext4 defaults 0 1" >root/etc/fstab

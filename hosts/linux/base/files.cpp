@@ -26,6 +26,22 @@ int write_all(int fd, std::string_view text) {
     return ::fsync(fd) == 0 ? 0 : errno;
 }
 
+// Gives the file owner and mode of the one that it replaces: whoever may read that one may read
+// this one, and nobody else. Asks the kernel for no more than that takes; the unit may change no
+// owner.
+int take_after(int fd, const std::string& path) {
+    struct stat old {};
+    struct stat now {};
+    if (::stat(path.c_str(), &old) != 0) {
+        return 0;
+    }
+    const bool done = ::fstat(fd, &now) == 0 &&
+                      ((now.st_uid == old.st_uid && now.st_gid == old.st_gid) ||
+                       ::fchown(fd, old.st_uid, old.st_gid) == 0) &&
+                      (now.st_mode == old.st_mode || ::fchmod(fd, old.st_mode & 07777) == 0);
+    return done ? 0 : errno;
+}
+
 // Makes the rename itself last; a file system that cannot is no reason to fail.
 void sync_folder(const std::string& folder) {
     const UniqueFd fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
@@ -83,7 +99,8 @@ int replace_file(const std::string& path, std::string_view text) {
     if (!fd) {
         return errno;
     }
-    int error = write_all(fd.get(), text);
+    int error = take_after(fd.get(), path);
+    error = error != 0 ? error : write_all(fd.get(), text);
     if (error == 0 && ::rename(draft.c_str(), path.c_str()) != 0) {
         error = errno;
     }

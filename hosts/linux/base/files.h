@@ -18,7 +18,8 @@ struct FileText {
 FileText read_file(const std::string& path, size_t limit);
 
 // Replaces the file so that at any moment, also after a power cut, either the old or the new text
-// is there. Missing folders are made. Returns 0 or an errno value. Waits for the disk.
+// is there; owner and mode stay. Missing folders are made. Returns 0 or an errno value. Waits for
+// the disk.
 int replace_file(const std::string& path, std::string_view text);
 
 }  // namespace nuvio::host

@@ -13,6 +13,7 @@
 
 #include "bus/bus_address.h"
 #include "bus/bus_name.h"
+#include "bus/service_status.h"
 #include "platform/Kora.h"
 
 namespace nuvio::host {
@@ -135,6 +136,9 @@ void Dispatcher::publish() {
     const Notices notices = take_notices();
     sd_bus* const bus = m_link.ready();
     m_mpris.publish(bus, notices.player);
+    if ((notices.player & (kPlayerStatus | kPlayerTrack)) != 0) {
+        report_status(m_mpris.view());
+    }
     if (bus == nullptr) {
         return;
     }

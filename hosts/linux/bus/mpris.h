@@ -9,7 +9,6 @@
 
 #include <cstdint>
 #include <optional>
-#include <string>
 
 #include "device/controls.h"
 
@@ -29,10 +28,9 @@ class Mpris {
     // The device has another name.
     static void publish_name(sd_bus* bus);
 
-    // What the bus asks for.
-    std::string identity() const { return m_controls.device_name(); }
+    // What the bus asks for (mpris_interface.h).
+    Controls& controls() { return m_controls; }
     PlayerView view() const { return m_controls.player().view(); }
-    bool command(const char* word);
     void preview_start();
     void play_pause();
     void seek_by(int64_t offset_us);

@@ -6,7 +6,9 @@
 #include <array>
 #include <cstdint>
 #include <cstdlib>
+#include <iterator>
 #include <system_error>
+#include <utility>
 
 #include "base/files.h"
 #include "base/text.h"
@@ -94,11 +96,6 @@ const KnownKey* find_key(std::string_view key) {
     return found == kKnownKeys.end() ? nullptr : found;
 }
 
-std::string settings_path() {
-    const char* named = std::getenv("NUVIO_SETTINGS");
-    return named != nullptr && *named != '\0' ? named : kDefaultPath;
-}
-
 bool is_key(std::string_view text) {
     const auto allowed = [](char c) {
         return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' || c == '_';
@@ -107,7 +104,7 @@ bool is_key(std::string_view text) {
 }
 
 // Why the line cannot be taken; null when key and value are good.
-const char* fault_of(bool has_equals, std::string_view key, std::string_view value) {
+const char* syntax_fault_of(bool has_equals, std::string_view key, std::string_view value) {
     if (!has_equals) {
         return "no '=' in it";
     }
@@ -132,7 +129,7 @@ void parse_line(std::string_view line, size_t number, ParsedSettings& result) {
     const std::string_view key = trim(line.substr(0, equals));
     const std::string_view value =
         equals == std::string_view::npos ? std::string_view() : trim(line.substr(equals + 1));
-    if (const char* fault = fault_of(equals != std::string_view::npos, key, value)) {
+    if (const char* fault = syntax_fault_of(equals != std::string_view::npos, key, value)) {
         result.problems.push_back({number, fault});
         return;
     }
@@ -140,47 +137,51 @@ void parse_line(std::string_view line, size_t number, ParsedSettings& result) {
     result.lines.insert_or_assign(std::string(key), number);
 }
 
-// Lines that are left out, and values that are not what their key asks for, in their order.
+// Why the value stands for nothing, or not for what was meant; empty when it is good.
+std::string fault_of(const std::string& key, const std::string& value) {
+    const KnownKey* known = find_key(key);
+    if (known == nullptr) {
+        return "nothing is known by the key " + key;
+    }
+    const char* why = value.empty() ? nullptr : known->check(value);
+    return why == nullptr ? std::string() : key + " = " + value + ": " + why;
+}
+
+// In the order of their lines: those that are left out, and what is wrong with the others.
 std::vector<SettingsProblem> find_faults(const ParsedSettings& parsed) {
-    std::vector<SettingsProblem> findings;
+    std::vector<SettingsProblem> faults;
     for (const SettingsProblem& problem : parsed.problems) {
-        findings.push_back({problem.line, "line ignored: " + problem.text});
+        faults.push_back({problem.line, "line ignored: " + problem.text});
     }
     for (const auto& [key, value] : parsed.values) {
-        const KnownKey* known = find_key(key);
-        const char* why = known == nullptr || value.empty() ? nullptr : known->check(value);
-        if (why != nullptr) {
-            findings.push_back(
-                {parsed.lines.find(key)->second,
-                 std::string(key).append(" = ").append(value).append(": ").append(why)});
+        if (std::string fault = fault_of(key, value); !fault.empty()) {
+            faults.push_back({parsed.lines.find(key)->second, std::move(fault)});
         }
     }
-    std::ranges::sort(findings, {}, &SettingsProblem::line);
-    return findings;
+    std::ranges::sort(faults, {}, &SettingsProblem::line);
+    return faults;
 }
 
-void log_findings(const std::string& path, const std::vector<SettingsProblem>& findings) {
-    const size_t shown = std::min(findings.size(), kMaxProblemsLogged);
+// A line each, of many the first few and their number.
+std::vector<std::string> describe(const std::string& path,
+                                  const std::vector<SettingsProblem>& faults) {
+    std::vector<std::string> lines;
+    const size_t shown = std::min(faults.size(), kMaxProblemsLogged);
     for (size_t i = 0; i < shown; ++i) {
-        syslog(LOG_ERR, "nuvio-host: %s:%zu: %s", path.c_str(), findings[i].line,
-               findings[i].text.c_str());
+        lines.push_back(path + ":" + std::to_string(faults[i].line) + ": " + faults[i].text);
     }
-    if (findings.size() > shown) {
-        syslog(LOG_ERR, "nuvio-host: %s: %zu more faults", path.c_str(), findings.size() - shown);
+    if (faults.size() > shown) {
+        lines.push_back(path + ": " + std::to_string(faults.size() - shown) + " more faults");
     }
-}
-
-void log_unknown_keys(const std::string& path, const ParsedSettings& parsed) {
-    size_t unknown = 0;
-    for (const auto& [key, value] : parsed.values) {
-        if (find_key(key) == nullptr && ++unknown <= kMaxProblemsLogged) {
-            syslog(LOG_WARNING, "nuvio-host: %s: nothing is known by the key %s", path.c_str(),
-                   key.c_str());
-        }
-    }
+    return lines;
 }
 
 }  // namespace
+
+std::string settings_path() {
+    const char* named = std::getenv("NUVIO_SETTINGS");
+    return named != nullptr && *named != '\0' ? named : kDefaultPath;
+}
 
 ParsedSettings parse_settings(std::string_view text) {
     ParsedSettings result;
@@ -198,24 +199,35 @@ ParsedSettings parse_settings(std::string_view text) {
 Settings Settings::load() {
     const std::string path = settings_path();
     FileText file = read_file(path, kMaxSettingsBytes);
+    Settings settings;
     if (file.error != 0) {
-        Settings settings;
         settings.m_error = "cannot read the settings in " + path + ": " +
                            std::generic_category().message(file.error);
         settings.m_values.emplace(kFeatureNuvioConnect, "1");
-        syslog(LOG_ERR, "nuvio-host: %s", settings.m_error.c_str());
+        settings.tell({settings.m_error});
         return settings;
     }
+    std::vector<std::string> faults;
     if (file.cut) {
-        syslog(LOG_ERR, "nuvio-host: %s is larger than %zu bytes, the rest is ignored",
-               path.c_str(), kMaxSettingsBytes);
+        faults.push_back(path + " is larger than " + std::to_string(kMaxSettingsBytes) +
+                         " bytes, the rest is ignored");
         // The cut may have left half a line, which could read as a wrong value.
         file.text.resize(file.text.rfind('\n') + 1);
     }
     ParsedSettings parsed = parse_settings(file.text);
-    log_findings(path, find_faults(parsed));
-    log_unknown_keys(path, parsed);
-    return Settings(std::move(parsed));
+    std::ranges::move(describe(path, find_faults(parsed)), std::back_inserter(faults));
+    settings.m_values = std::move(parsed.values);
+    settings.tell(faults);
+    return settings;
+}
+
+void Settings::tell(const std::vector<std::string>& faults) {
+    std::string all;
+    for (const std::string& fault : faults) {
+        syslog(LOG_ERR, "nuvio-host: %s", fault.c_str());
+        all += (all.empty() ? "" : "\n") + fault;
+    }
+    m_values.insert_or_assign(kConfigurationFaults, std::move(all));
 }
 
 const std::string& Settings::get(std::string_view key) const {

@@ -35,6 +35,9 @@ inline constexpr char kLocalAuthorities[] = "local.authorities";
 inline constexpr size_t kMaxSettingsBytes = size_t{64} * 1024;
 inline constexpr size_t kMaxValueBytes = 1024;
 
+// The environment variable NUVIO_SETTINGS, else /etc/nuvio-connect/settings.conf.
+std::string settings_path();
+
 struct SettingsProblem {
     size_t line;  // from 1; 0 for the file as a whole
     std::string text;
@@ -61,8 +64,9 @@ class Settings {
     // Reads the file named in the environment variable NUVIO_SETTINGS, else
     // /etc/nuvio-connect/settings.conf. A file that cannot be read leaves every item unset but the
     // service's switch, which nobody has turned off: the start then fails and says why. A value
-    // that is not what its key asks for is kept, as its reader may make sense of it. Each problem
-    // is one line in the system log (of many, the first few and their number).
+    // that is not what its key asks for is kept, as its reader may make sense of it. Each fault,
+    // a key that nobody knows among them, is one line in the system log and of the item
+    // kConfigurationFaults (of many, the first few and their number).
     static Settings load();
 
     // The item's value; empty when it is not set.
@@ -71,6 +75,8 @@ class Settings {
     bool is_on(std::string_view key) const;
 
   private:
+    void tell(const std::vector<std::string>& faults);
+
     std::map<std::string, std::string, std::less<>> m_values;
     std::string m_error;
 };

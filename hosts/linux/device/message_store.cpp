@@ -56,9 +56,10 @@ bool MessageStore::write(int id, std::string_view text) {
     if (m_observer) {
         m_observer(id, held);
     }
-    for (const Registration& registration : m_registrations) {
-        if (std::find(registration.ids.begin(), registration.ids.end(), id) !=
-            registration.ids.end()) {
+    for (Registration& registration : m_registrations) {
+        // An alert carries no value: one that waits tells of this change, too.
+        if (std::ranges::count(registration.ids, id) > 0 &&
+            registration.waiting.insert(id).second) {
             alert(registration.listener, id);
         }
     }
@@ -67,26 +68,24 @@ bool MessageStore::write(int id, std::string_view text) {
 
 void MessageStore::alert(const android::sp<android::IKoraAlerts>& listener, int id) {
     m_pool.post(Channel::messages, [this, listener, id] {
-        if (is_registered(listener, id)) {
+        if (take_waiting(listener, id)) {
             listener->MessageBoxAlert(static_cast<uint16_t>(id), 0);
         }
     });
 }
 
-bool MessageStore::is_registered(const android::sp<android::IKoraAlerts>& listener, int id) const {
+// False when the listener has left meanwhile.
+bool MessageStore::take_waiting(const android::sp<android::IKoraAlerts>& listener, int id) {
     const std::lock_guard lock(m_mutex);
-    return std::any_of(m_registrations.begin(), m_registrations.end(),
-                       [&](const Registration& registration) {
-                           return registration.listener == listener &&
-                                  std::find(registration.ids.begin(), registration.ids.end(), id) !=
-                                      registration.ids.end();
-                       });
+    return std::ranges::any_of(m_registrations, [&](Registration& registration) {
+        return registration.listener == listener && registration.waiting.erase(id) > 0;
+    });
 }
 
 void MessageStore::add_listener(const android::sp<android::IKoraAlerts>& listener,
                                 std::vector<int> ids) {
     const std::lock_guard lock(m_mutex);
-    m_registrations.push_back({listener, std::move(ids)});
+    m_registrations.push_back({listener, std::move(ids), {}});
 }
 
 void MessageStore::remove_listener(const android::sp<android::IKoraAlerts>& listener,

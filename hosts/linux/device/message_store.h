@@ -8,6 +8,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -39,8 +40,9 @@ class MessageStore {
     int read_number(int id, int fallback) const;
 
     // Replaces the value and tells the observer and the id's listeners, unless it was the same
-    // already (a shutdown request is told each time). False, nothing changed, for an id that is not
-    // a 16-bit number, a text of more than kMaxMessageBytes or more than kMaxMessages ids.
+    // already (a shutdown request is news each time). Of several changes that a listener has yet to
+    // be told of it is told once, and finds the last one. False, nothing changed, for an id that is
+    // not a 16-bit number, a text of more than kMaxMessageBytes or more than kMaxMessages ids.
     bool write(int id, std::string_view text);
 
     void add_listener(const android::sp<android::IKoraAlerts>& listener, std::vector<int> ids);
@@ -53,10 +55,11 @@ class MessageStore {
     struct Registration {
         android::sp<android::IKoraAlerts> listener;
         std::vector<int> ids;
+        std::set<int> waiting;  // of these, whose alert has not begun
     };
 
     void alert(const android::sp<android::IKoraAlerts>& listener, int id);
-    bool is_registered(const android::sp<android::IKoraAlerts>& listener, int id) const;
+    bool take_waiting(const android::sp<android::IKoraAlerts>& listener, int id);
 
     NotificationPool& m_pool;
     Observer m_observer;

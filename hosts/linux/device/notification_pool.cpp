@@ -10,7 +10,8 @@ namespace nuvio::host {
 
 namespace {
 
-constexpr size_t kMaxWaiting = 1024;
+// More than a person presses, and taken within a second.
+constexpr size_t kMaxWaiting = 64;
 constexpr std::array<const char*, 3> kThreadNames = {"host-source", "host-messages",
                                                      "host-network"};
 
@@ -33,6 +34,7 @@ void NotificationPool::start() {
 }
 
 void NotificationPool::post(Channel channel, Task task) {
+    Task oldest;  // freed without the lock
     const std::lock_guard lock(m_mutex);
     Lane& lane = m_lanes[static_cast<size_t>(channel)];
     if (m_stopped) {
@@ -40,12 +42,15 @@ void NotificationPool::post(Channel channel, Task task) {
     }
     if (lane.tasks.size() >= kMaxWaiting) {
         if (!std::exchange(lane.overflowing, true)) {
-            syslog(LOG_ERR, "nuvio-host: %zu notifications wait to be taken, more are dropped",
+            syslog(LOG_ERR,
+                   "nuvio-host: %zu notifications wait to be taken, older ones are dropped",
                    kMaxWaiting);
         }
-        return;
+        oldest = std::move(lane.tasks.front());
+        lane.tasks.pop_front();
+    } else {
+        lane.overflowing = false;
     }
-    lane.overflowing = false;
     lane.tasks.push_back(std::move(task));
     lane.wake.notify_one();
 }

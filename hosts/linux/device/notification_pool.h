@@ -30,8 +30,8 @@ class NotificationPool {
     // Starts the threads; what was posted before is delivered now. A second call does nothing.
     void start();
 
-    // Queues the task; dropped once the pool is stopped, and, with one log line, while the channel
-    // has 1024 waiting. Never waits for a task.
+    // Queues the task; dropped once the pool is stopped. Where 64 wait in the channel, the oldest
+    // makes room, with one log line: what is asked for last counts. Never waits for a task.
     void post(Channel channel, Task task);
 
     // Begins no task any more and drops those that wait. Gives running ones `patience` to end; true

@@ -12,8 +12,10 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// Reports come once a second, so the position never runs further ahead of the last one.
-constexpr int64_t kReportIntervalMs = 1000;
+// Reports come once a second, or a little later: the position never runs further ahead of the last.
+constexpr int64_t kReportIntervalMs = 1500;
+// In a track's last half second the service may report as much too little.
+constexpr int64_t kHandOverMs = 550;
 // A report that differs from what was expected by more than this is a jump.
 constexpr int64_t kJumpMs = 1500;
 constexpr int64_t kMaxPositionMs = int64_t{1} << 40;  // in microseconds still far from overflow
@@ -78,6 +80,11 @@ void Player::set_status(android::EPlayState status, Clock::time_point now) {
 void Player::set_position(int64_t position_ms, Clock::time_point now) {
     const std::lock_guard lock(m_mutex);
     const int64_t expected = position_at(now);
+    const int64_t length = m_view.track ? m_view.track->length_ms : 0;
+    if (expected + kHandOverMs > length && position_ms < expected &&
+        position_ms + kHandOverMs > expected && length > 0) {
+        return;
+    }
     m_view.position_ms = std::clamp<int64_t>(position_ms, 0, kMaxPositionMs);
     m_reported = now;
     const bool jumped = m_view.status != android::PLAY_STATE_STOPPED &&

@@ -2,7 +2,8 @@
 // this machine really has.
 //
 // Message 50 holds the number of the owner, 0 for none. Any thread; no call waits for the listener,
-// which is called on the notification pool.
+// which is called on the notification pool. Its lock is taken before those of messages, player and
+// pool.
 #pragma once
 
 #include <functional>
@@ -52,7 +53,7 @@ class SourceSwitch {
     MessageStore& m_messages;
     Player& m_player;
 
-    std::mutex m_mutex;  // taken before the locks of messages, player and pool
+    std::mutex m_mutex;
     Listener m_listener;
     bool m_refuse_next = false;
 };

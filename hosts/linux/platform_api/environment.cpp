@@ -2,7 +2,9 @@
 #include "platform/Environment.h"
 
 #include "configuration/identity.h"
+#include "configuration/settings_edit.h"
 #include "host.h"
+#include "platform/SettingsFile.h"
 
 using nuvio::host::Host;
 
@@ -29,4 +31,12 @@ bool getManufacturer(std::string& value) {
 bool getModel(std::string& value) {
     value = nuvio::host::model(Host::instance().settings());
     return !value.empty();
+}
+
+bool ChangeSettings(const SettingsChange& change, std::string& told) {
+    const bool changed = nuvio::host::change_settings(change.items, change.alsaConfiguration, told);
+    if (changed) {
+        Host::instance().reload_settings();
+    }
+    return changed;
 }

@@ -1,10 +1,10 @@
 // Bounds the time that any peer can take from the HTTP server.
 //
-// The library has one worker, and it waits 30 s for a silent peer and for as long as it takes for
-// one that sends a byte now and then; everyone else queues behind. The guard ends the reading side
-// of each connection that is open for longer than its patience: the worker finds the end of the
-// stream and goes on. What has arrived by then is still read and answered, so a peer that merely
-// had to queue loses nothing.
+// The library has one worker, and it waits 30 s for a peer that is silent or slow with its headers,
+// and for as long as it takes for one that sends a byte of its body now and then; everyone else
+// queues behind. The guard ends the reading side of each connection that is open for longer than
+// its patience: the worker finds the end of the stream and goes on. What has arrived by then is
+// still read and answered, so a peer that merely had to queue loses nothing.
 //
 // Bounds   PATIENCE_MS for a request from its first byte to its last: a few packets lost on a poor
 //          wireless link, and less than controllers wait for an answer. Connections age together,

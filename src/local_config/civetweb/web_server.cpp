@@ -1,5 +1,6 @@
 #include "local_config/civetweb/web_server.h"
 
+#include <array>
 #include <cstdio>
 #include <utility>
 
@@ -15,6 +16,31 @@ constexpr uint64_t LAST_ANSWER_PATIENCE_MS = 1'000;
 int http_server_on_civetweb_log_message(const mg_connection*, const char* message) {
     app_log(LOG_LEVEL_ERROR, "[Civetweb] %s", message);
     return 1;
+}
+
+// Whether the system has as many threads left as the library will ask for. The library goes on
+// without its listener where that could not be started: connections would be taken by the kernel
+// and answered by nobody.
+bool threads_can_be_had() {
+    constexpr size_t LISTENER_AND_WORKER = 2;
+    uv_sem_t end;
+    int rc = uv_sem_init(&end, 0);
+    NUV_CHECK(rc == 0);
+    std::array<uv_thread_t, LISTENER_AND_WORKER> threads{};
+    const auto wait = [](void* until) { uv_sem_wait(static_cast<uv_sem_t*>(until)); };
+    size_t started = 0;
+    while (started < threads.size() && uv_thread_create(&threads[started], wait, &end) == 0) {
+        ++started;
+    }
+    for (size_t i = 0; i < started; ++i) {
+        uv_sem_post(&end);
+    }
+    for (size_t i = 0; i < started; ++i) {
+        rc = uv_thread_join(&threads[i]);
+        NUV_CHECK(rc == 0);
+    }
+    uv_sem_destroy(&end);
+    return started == threads.size();
 }
 
 uint16_t port_in_use(const mg_context* context, uint16_t configured) {
@@ -69,9 +95,12 @@ void web_server::start_now() {
     const char* options[] = {"listening_ports", port_text, "num_threads", "1", nullptr};
 
     m_hand_off.reopen();
-    m_context = mg_start(&callbacks, m_data, options);
+    m_context = threads_can_be_had() ? mg_start(&callbacks, m_data, options) : nullptr;
     if (m_context == nullptr) {
         app_log(LOG_LEVEL_ERROR, "Unable to start HTTP server");
+        if (m_port != 0) {
+            close_server_sockets(m_port);  // the listener, where the worker could not be started
+        }
         return;
     }
     m_state = state::running;

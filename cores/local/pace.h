@@ -1,0 +1,64 @@
+// When a track that plays needs the loop: for new data, once a good part of what the output holds
+// has been played, and for a look at the place that is heard, which the renderer reports to the
+// device when it is asked, once a second.
+//
+// Offering at each frame of room that the renderer announces would wake the process as often as the
+// output's shortest period, some hundred times a second on a sound server.
+//
+// Calls nothing; any thread, unlocked.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
+namespace local_core {
+
+class Pace {
+  public:
+    using Clock = std::chrono::steady_clock;
+    using Time = Clock::time_point;
+
+    // Sound begins: at a track's start, after a seek or a pause. Data is wanted at once, and a look
+    // before it and soon after it.
+    void begin(Time now);
+    // The next track has followed without a gap: as above, but the output is known.
+    void go_on(Time now);
+    // All of the track has been delivered: what comes next waits for nothing.
+    void end_of_data(Time now);
+
+    // The output is full. Places in the track, in ms.
+    void fill(uint64_t delivered_ms, uint64_t heard_ms, Time now);
+    // Worth a call of `fill`: the output is not known to hold too little for that.
+    bool may_hold() const { return !m_is_short; }
+    bool is_offer_due(Time now) const { return now >= m_offer_at; }
+
+    bool is_look_due(Time now) const { return now >= m_look_at; }
+    // After a look, also one for `fill`; with what is left of a track that was delivered wholly.
+    void looked(uint64_t heard_ms, std::optional<uint64_t> left_ms, Time now);
+
+    // A sound server knows only some time after the beginning what it has been given, and takes all
+    // of it for heard: the answer, but no more than can have been heard by then.
+    uint64_t plausible(uint64_t heard_ms, Time now) const;
+    // Data, or its end, had better wait for a better answer.
+    void wait_for_answer(Time now);
+
+    // The first of them that is yet to come.
+    std::optional<Time> next_after(Time now) const;
+
+  private:
+    struct Filled {
+        uint64_t heard_ms;
+        Time at;
+    };
+
+    Time m_offer_at;
+    Time m_look_at = Time::max();
+    Time m_began_at;
+    std::optional<uint64_t> m_began_ms;
+    bool m_is_short = false;       // the output
+    std::optional<Filled> m_full;  // when it was so last
+    double m_rate = 1;             // of the output's clock to ours: more in tests
+};
+
+}  // namespace local_core

@@ -1,0 +1,17 @@
+// What a service manager shows of the device: the state, and what plays.
+#pragma once
+
+#include <string>
+
+#include "device/player.h"
+
+namespace nuvio::host {
+
+// One line of plain text, e.g. "Playing: Title - Artist". What a title brings along ends no line:
+// a line of its own would be a message of its own to the manager.
+std::string status_text(const PlayerView& view);
+
+// Tells the manager; nothing where there is none. The dispatcher's thread: the manager may be slow.
+void report_status(const PlayerView& view);
+
+}  // namespace nuvio::host

@@ -1,0 +1,135 @@
+#include "configuration/settings_edit.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <system_error>
+
+#include "base/files.h"
+#include "base/text.h"
+#include "configuration/settings.h"
+
+namespace nuvio::host {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// What a program finds that is told nothing.
+constexpr char kAlsaStock[] = "/usr/share/alsa/alsa.conf";
+
+fs::path alsa_path() {
+    return fs::path(settings_path()).replace_filename("alsa.conf");
+}
+
+struct Line {
+    std::string text;  // with its end
+    bool is_example = false;
+    std::string key;  // empty: a comment, a blank, a line that cannot be taken
+};
+
+Line line_of(std::string_view text) {
+    std::string_view rest = trim(text);
+    const bool is_example = rest.starts_with('#');
+    rest.remove_prefix(is_example ? 1 : 0);
+    const size_t equals = rest.find('=');
+    const std::string_view key =
+        equals == std::string_view::npos ? std::string_view() : trim(rest.substr(0, equals));
+    return {std::string(text), is_example, std::string(key)};
+}
+
+std::vector<Line> lines_of(std::string_view text) {
+    std::vector<Line> lines;
+    while (!text.empty()) {
+        const size_t end = text.find('\n');
+        const size_t length = end == std::string_view::npos ? text.size() : end + 1;
+        lines.push_back(line_of(text.substr(0, length)));
+        text.remove_prefix(length);
+    }
+    if (!lines.empty() && !lines.back().text.ends_with('\n')) {
+        lines.back().text += '\n';
+    }
+    return lines;
+}
+
+void put(std::vector<Line>& lines, const std::string& key, const std::string& value) {
+    const auto last = [&](bool is_example) {
+        size_t found = lines.size();
+        for (size_t at = 0; at < lines.size(); ++at) {
+            if (lines[at].is_example == is_example && lines[at].key == key) {
+                found = at;
+            }
+        }
+        return found;
+    };
+    const Line line{.text = key + " = " + value + "\n", .is_example = false, .key = key};
+    if (const size_t now = last(false); now < lines.size()) {
+        lines[now] = line;
+        return;
+    }
+    const size_t example = last(true);
+    const size_t place = example < lines.size() ? example + 1 : lines.size();
+    lines.insert(lines.begin() + static_cast<std::ptrdiff_t>(place), line);
+}
+
+bool replaced(const fs::path& path, std::string_view text, std::string& told) {
+    const int error = replace_file(path, text);
+    if (error == 0) {
+        return true;
+    }
+    told = path.string() + ": " + std::generic_category().message(error) +
+           (error == EACCES || error == EPERM ? ": run as root" : "");
+    return false;
+}
+
+}  // namespace
+
+std::string edit_settings(std::string_view text, const SettingsItems& items) {
+    std::vector<Line> lines = lines_of(text);
+    for (const auto& [key, value] : items) {
+        put(lines, key, value);
+    }
+    std::string edited;
+    for (const Line& line : lines) {
+        edited += line.text;
+    }
+    return edited;
+}
+
+bool change_settings(const SettingsItems& items, std::string_view alsa_configuration,
+                     std::string& told) {
+    std::error_code failure;
+    fs::path path = fs::canonical(settings_path(), failure);  // not the link to it
+    path = failure ? fs::path(settings_path()) : path;
+    const FileText file = read_file(path, kMaxSettingsBytes);
+    if (file.cut || (file.error != 0 && file.error != ENOENT)) {
+        told = path.string() + ": " +
+               (file.cut ? "too large" : std::generic_category().message(file.error));
+        return false;
+    }
+    // The output first: settings that name one which is not there yet would be worse.
+    if (!replaced(alsa_path(), alsa_configuration, told) ||
+        !replaced(path, edit_settings(file.text, items), told)) {
+        return false;
+    }
+    ::chmod(alsa_path().c_str(), 0644);  // the service's account reads it, whatever root's mask is
+    told = path.string() + ", " + alsa_path().string();
+    return true;
+}
+
+void use_alsa_configuration() {
+    const fs::path path = alsa_path();
+    std::error_code failure;
+    if (!fs::is_regular_file(path, failure)) {
+        return;
+    }
+    const char* set = std::getenv("ALSA_CONFIG_PATH");
+    const std::string before = set == nullptr || *set == '\0' ? kAlsaStock : set;
+    if (before.find(path.string()) == std::string::npos) {
+        setenv("ALSA_CONFIG_PATH", (before + ":" + path.string()).c_str(), 1);
+    }
+}
+
+}  // namespace nuvio::host

@@ -1,0 +1,405 @@
+// The device's side of the delegates: services, streams, playback, and a card of half a second.
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <iterator>
+#include <utility>
+
+#include "conformance/core_device.h"
+
+namespace nuvio::kit {
+
+namespace {
+
+constexpr size_t kRestBytes = 4096;  // as much of a refused rest is compared
+
+std::string stream(uint64_t id) {
+    return "stream " + std::to_string(id);
+}
+
+// A core may look whether the device's server really listens before it announces it.
+UniqueFd listening_socket() {
+    UniqueFd server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    sockaddr_in here{};
+    here.sin_family = AF_INET;
+    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    if (bind(server.get(), reinterpret_cast<const sockaddr*>(&here), sizeof here) != 0 ||
+        listen(server.get(), 1) != 0) {
+        server.reset();
+    }
+    return server;
+}
+
+}  // namespace
+
+// ---- Server and advertising ---------------------------------------------------------------------
+
+void Device::on_server_start() {
+    note("server");
+    m_server = listening_socket();
+    if (std::exchange(m_serving, true)) {
+        m_breaches.add("services", "the server is started twice");
+    }
+}
+
+void Device::on_server_stop() {
+    m_serving = false;
+    m_server.reset();
+}
+
+void Device::on_advertise(const char* name, const char* service) {
+    note("advertise");
+    if (std::exchange(m_advertising, true)) {
+        m_breaches.add("services", "the advertising is started twice without a stop");
+    }
+    if (name == nullptr || *name == '\0' || service == nullptr || *service == '\0') {
+        m_breaches.add("services", "advertised without a name or a type");
+    }
+}
+
+void Device::on_stop_advertising() {
+    note("stop advertising");
+    m_advertising = false;
+}
+
+// ---- Streams ------------------------------------------------------------------------------------
+
+Track* Device::track(uint64_t id, const char* what) {
+    const auto found = m_tracks.find(id);
+    if (found == m_tracks.end()) {
+        m_breaches.add("streams", std::string(what) + " of " + stream(id) +
+                                      ", which was not started or is disposed of");
+        return nullptr;
+    }
+    return &found->second;
+}
+
+void Device::on_started(uint64_t id, nuv_audio_stream_info info, uint64_t position_ms) {
+    note("started", id, position_ms);
+    const nuv_audio_format& format = info.format;
+    if (format.sample_rate == 0 || format.channel_count == 0 ||
+        nuv_audio_sample_format_size(format.sample_format) == 0) {
+        m_breaches.add("streams", stream(id) + " has a format that cannot be played");
+    }
+    if (m_tracks.empty()) {
+        expect("a first stream", {Phase::stopped});
+    }
+    Track track;
+    track.info = info;
+    track.start_ms = position_ms;
+    if (!m_tracks.emplace(id, std::move(track)).second) {
+        m_breaches.add("streams", stream(id) + " is started twice");
+    }
+    if (m_end_armed && m_next_seen_ms == 0 && next() != 0) {
+        m_next_seen_ms = uv_now(&m_loop);
+    }
+    hand_over();
+}
+
+size_t Device::on_data(uint64_t id, const void* data, size_t size) {
+    Track* const offered = track(id, "data");
+    if (offered == nullptr) {
+        return 0;
+    }
+    if (size == 0 || size % offered->frame_bytes() != 0) {
+        m_breaches.add("frames", std::to_string(size) + " bytes are offered, no whole frames");
+        return 0;
+    }
+    if (offered->finished) {
+        m_breaches.add("streams", "data of " + stream(id) + ", which has finished");
+    }
+    if (offered->refused) {
+        m_breaches.add("delivery",
+                       stream(id) + " is offered on after a short count, delivery not resumed");
+        return 0;
+    }
+    const auto* const bytes = static_cast<const std::byte*>(data);
+    const size_t known = std::min(offered->rest.size(), size);
+    if (!std::equal(bytes, bytes + known, offered->rest.begin())) {
+        m_breaches.add("rest", "what was refused of " + stream(id) + " does not come again first");
+    }
+    size_t taken = 0;
+    if (offered->open && id == m_playing && m_phase == Phase::playing) {
+        const uint64_t frames = std::min<uint64_t>(size / offered->frame_bytes(), m_allowance);
+        m_allowance -= m_allowance == UINT64_MAX ? 0 : frames;
+        taken = frames * offered->frame_bytes();
+    } else if (offered->open) {
+        expect("data", {Phase::playing, Phase::paused});
+    }
+    offered->taken += taken;
+    m_taken += taken;
+    offered->rest.assign(bytes + taken, bytes + std::min(size, taken + kRestBytes));
+    if (taken < size) {
+        offered->open = false;
+        offered->refused = true;
+        if (m_resumes) {
+            uv_timer_start(
+                &m_room, [](uv_timer_t* due) { static_cast<Device*>(due->data)->room(); }, 1, 0);
+        }
+    }
+    return taken;
+}
+
+void Device::on_metadata(uint64_t id, const nuv_stream_metadata* metadata) {
+    note("metadata", id);
+    track(id, "metadata");
+    if (metadata == nullptr || metadata->title == nullptr || metadata->artist == nullptr ||
+        metadata->album == nullptr || metadata->album_art_url == nullptr) {
+        m_breaches.add("streams", "metadata without one of its texts");
+    }
+}
+
+void Device::on_finished(uint64_t id) {
+    note("finished", id);
+    if (Track* const done = track(id, "the end")) {
+        if (!done->rest.empty()) {
+            m_breaches.add("delivery", stream(id) + " ends with its last offer refused");
+        }
+        done->finished = true;
+        if (id == active()) {
+            expect("the end of a stream", {Phase::playing, Phase::paused, Phase::stopped});
+            arm_end();
+        }
+    }
+}
+
+void Device::on_seeked(uint64_t id, uint64_t position_ms) {
+    note("seeked", id, position_ms);
+    expect("the end of a seek", {Phase::playing_seeking, Phase::paused_seeking});
+    m_phase = m_phase == Phase::paused_seeking ? Phase::paused : Phase::playing;
+    if (Track* const moved = track(id, "a seek")) {
+        moved->finished = false;
+        moved->start_ms = position_ms;
+        moved->taken = 0;
+        moved->rest.clear();
+    }
+    // The card has been emptied: it has room.
+    uv_timer_start(
+        &m_room, [](uv_timer_t* due) { static_cast<Device*>(due->data)->room(); }, 1, 0);
+}
+
+void Device::on_dispose(uint64_t id) {
+    note("dispose", id);
+    if (track(id, "the disposal") == nullptr) {
+        return;
+    }
+    if (id == m_playing) {
+        if (id != next()) {
+            m_breaches.add("disposal", stream(id) + " is disposed of while it plays");
+        }
+        m_playing = id == next() ? active() : 0;
+    }
+    m_tracks.erase(id);
+}
+
+void Device::await_disposals() {
+    run_until("disposal of " + stream(active()), [this] { return m_tracks.empty(); });
+}
+
+// ---- Playback -----------------------------------------------------------------------------------
+
+void Device::expect(const char* what, std::initializer_list<Phase> allowed) {
+    static constexpr const char* kNames[] = {"stopped", "playing", "seeking", "paused",
+                                             "seeking while paused"};
+    if (std::find(allowed.begin(), allowed.end(), m_phase) == allowed.end()) {
+        m_breaches.add("states", std::string(what) + " comes while the renderer is " +
+                                     kNames[static_cast<int>(m_phase)]);
+    }
+}
+
+void Device::on_initiate(State initial) {
+    note("initiate", active(), initial);
+    expect("initiate", {Phase::stopped});
+    if (m_tracks.empty()) {
+        m_breaches.add("streams", "playback is initiated before a stream was started");
+        return;
+    }
+    m_playing = active();
+    m_phase = initial == NUV_PLAYBACK_STATE_PAUSED ? Phase::paused : Phase::playing;
+    const nuv_audio_format format = m_tracks[m_playing].info.format;
+    if (m_phase == Phase::playing) {
+        open(m_playing);
+    }
+    tell(
+        [format](nuv_connect* core) { return nuv_connect_notify_playback_initiated(core, format); },
+        "initiated");
+    if (m_tracks[m_playing].finished) {
+        arm_end();
+    }
+}
+
+void Device::on_pause() {
+    note("pause");
+    expect("pause", {Phase::playing});
+    if (m_playing != 0) {
+        m_tracks[m_playing].open = false;
+    }
+    uv_timer_stop(&m_end);
+    m_phase = Phase::paused;
+    tell(nuv_connect_notify_playback_paused, "paused");
+}
+
+void Device::on_resume() {
+    note("resume");
+    expect("resume", {Phase::paused});
+    m_phase = Phase::playing;
+    open(m_playing);
+    if (m_end_armed) {
+        arm_end();
+    }
+    tell(nuv_connect_notify_playback_resumed, "resumed");
+}
+
+void Device::on_stop() {
+    note("stop");
+    expect("stop", {Phase::playing, Phase::playing_seeking, Phase::paused, Phase::paused_seeking});
+    close();
+    tell(nuv_connect_notify_playback_stopped, "stopped");
+}
+
+void Device::on_seek_in_progress() {
+    note("seek");
+    expect("seek", {Phase::playing, Phase::paused});
+    if (m_playing != active() && m_playing != 0) {
+        m_tracks[m_playing].open = false;
+        m_playing = active();
+    }
+    uv_timer_stop(&m_end);
+    m_end_armed = false;
+    m_phase = m_phase == Phase::paused ? Phase::paused_seeking : Phase::playing_seeking;
+}
+
+uint64_t Device::on_position() {
+    if (m_phase == Phase::stopped || m_tracks.empty()) {
+        return 0;
+    }
+    const Track& track = m_tracks.begin()->second;
+    return track.start_ms +
+           track.taken / track.frame_bytes() * 1000 / track.info.format.sample_rate;
+}
+
+void Device::on_volume(uint32_t volume) {
+    note("volume", 0, volume);
+}
+void Device::on_mute(bool muted) {
+    note("mute", 0, muted ? 1 : 0);
+}
+void Device::on_state(State state) {
+    note("state", 0, state);
+}
+void Device::on_quality(nuv_audio_quality) {}
+void Device::on_controls(nuv_loop_mode mode, bool shuffle) {
+    note("loop mode", 0, mode);
+    note("shuffle", 0, shuffle ? 1 : 0);
+}
+void Device::on_actions(bool next) {
+    m_next_available = next;
+}
+
+// ---- The card -----------------------------------------------------------------------------------
+
+void Device::resume_delivery() {
+    room();
+}
+
+void Device::room() {
+    if (m_phase == Phase::playing && m_playing != 0) {
+        open(m_playing);
+    }
+}
+
+void Device::open(uint64_t id) {
+    const auto found = m_tracks.find(id);
+    if (found != m_tracks.end() && !std::exchange(found->second.open, true)) {
+        found->second.refused = false;
+        tell([id](nuv_connect* core) { return nuv_connect_resume_audio_delivery(core, id); },
+             "resumed delivery");
+    }
+}
+
+void Device::arm_end() {
+    m_end_armed = true;
+    if (m_phase != Phase::playing) {
+        return;
+    }
+    m_end_due_ms = uv_now(&m_loop) + kTailMs;
+    m_next_seen_ms = next() == 0 ? 0 : uv_now(&m_loop);
+    uv_timer_start(
+        &m_end, [](uv_timer_t* due) { static_cast<Device*>(due->data)->end_of_track(); }, kTailMs,
+        0);
+    hand_over();
+}
+
+// In the interval before the end of a track the next one of the same format flows already.
+void Device::hand_over() {
+    if (m_phase != Phase::playing || !m_end_armed || next() == 0 || m_playing != active()) {
+        return;
+    }
+    const nuv_audio_format& one = m_tracks[active()].info.format;
+    const nuv_audio_format& other = m_tracks[next()].info.format;
+    if (one.sample_rate == other.sample_rate && one.channel_count == other.channel_count &&
+        one.sample_format == other.sample_format) {
+        m_playing = next();
+        open(m_playing);
+    }
+}
+
+void Device::end_of_track() {
+    note("end of track", active());
+    m_end_armed = false;
+    const uint64_t following = next();
+    if (following == 0 && m_next_available) {
+        m_breaches.add("next-early", "a next track is available, but none started within " +
+                                         std::to_string(kTailMs) + " ms of the end of the data");
+    }
+    if (following != 0) {
+        const auto before = static_cast<unsigned>(m_end_due_ms - m_next_seen_ms);
+        m_earliest_next_ms =
+            m_earliest_next_ms == 0 ? before : std::min(m_earliest_next_ms, before);
+    }
+    tell(
+        [&](nuv_connect* core) {
+            return nuv_connect_notify_playback_finished(core, following == 0);
+        },
+        "finished");
+    if (following == 0) {
+        close();
+        return;
+    }
+    if (std::exchange(m_playing, following) != following) {
+        open(following);
+    }
+    const nuv_audio_format format = m_tracks[following].info.format;
+    tell(
+        [format](nuv_connect* core) { return nuv_connect_notify_playback_initiated(core, format); },
+        "initiated");
+    if (m_tracks[following].finished) {
+        arm_end();
+    }
+}
+
+void Device::close() {
+    if (const auto found = m_tracks.find(m_playing); found != m_tracks.end()) {
+        found->second.open = false;
+    }
+    m_playing = 0;
+    uv_timer_stop(&m_end);
+    m_end_armed = false;
+    m_phase = Phase::stopped;
+}
+
+void Device::fail() {
+    close();
+    tell(nuv_connect_notify_playback_error, "failed");
+}
+
+void Device::tell(const std::function<nuv_error(nuv_connect*)>& notification, const char* what) {
+    const nuv_error error = call(notification);
+    if (error != NUV_ERROR_OK) {
+        m_breaches.add("notices", std::string("told \"") + what + "\" the core answers " +
+                                      nuv_error_to_string(error));
+    }
+}
+
+}  // namespace nuvio::kit

@@ -1,0 +1,46 @@
+#include "utility/service_manager.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+#include "common/number.h"
+#include "common/unique_fd.h"
+
+namespace {
+
+uint64_t number_in(const char* name) {
+    const char* text = std::getenv(name);
+    return text == nullptr ? 0 : nuvio::to_number<uint64_t>(text).value_or(0);
+}
+
+}  // namespace
+
+uint64_t service_manager_watchdog_us() {
+    const uint64_t process = number_in("WATCHDOG_PID");
+    const bool is_other = process != 0 && process != static_cast<uint64_t>(getpid());
+    return is_other ? 0 : number_in("WATCHDOG_USEC");
+}
+
+void service_manager_notify(const char* lines) {
+    const char* const name = std::getenv("NOTIFY_SOCKET");
+    const std::string_view path = name == nullptr ? "" : name;
+    sockaddr_un address{};
+    if (path.empty() || path.size() >= sizeof address.sun_path) {
+        return;
+    }
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, path.size());
+    if (path.front() == '@') {
+        address.sun_path[0] = '\0';  // not in the file system
+    }
+    const nuvio::UniqueFd manager(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sendto(manager.get(), lines, std::strlen(lines), MSG_DONTWAIT | MSG_NOSIGNAL,
+           reinterpret_cast<const sockaddr*>(&address),
+           static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + path.size()));
+}

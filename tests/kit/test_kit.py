@@ -1,0 +1,64 @@
+"""What the conformance program says of the project's own layers, of the smallest and of broken ones."""
+import os
+import pathlib
+import re
+import subprocess
+import tempfile
+import unittest
+
+BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
+EMULATOR = os.environ.get("NUVIO_EMULATOR", "").split()
+SETTINGS = """feature.nuvio_connect = 1
+feature.nuvio_connect.app_id = id
+feature.nuvio_connect.app_secret = secret
+host.bus = none
+"""
+# The broken ones, and the rules that each is at least to fail.
+BROKEN = {
+    ("core", "delegate_inside"): {"not-inside", "loop-thread"},
+    ("core", "lost_disposal"): {"tracks", "stop", "leave"},
+    ("core", "offers_on"): {"delivery"},
+    ("core", "lost_rest"): {"rest"},
+    ("host", "late_answer"): {"messages"},
+    ("host", "told_inside"): {"listeners"},
+    ("host", "told_after_leaving"): {"listeners"},
+    ("host", "told_after_the_end"): {"end"},
+}
+
+
+class Kit(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        settings = pathlib.Path(folder.name, "settings.conf")
+        settings.write_text(SETTINGS)
+        self.environment = {**os.environ, "NUVIO_SETTINGS": str(settings),
+                            "NUVIO_STATE_DIR": folder.name}
+
+    def start(self, layer, library, *options):
+        return subprocess.Popen([*EMULATOR, BUILD / "bin/nuvio-connect-conformance", f"--{layer}",
+                                 BUILD / f"lib/lib{library}.so", *options], text=True,
+                                env=self.environment, stdout=subprocess.PIPE,
+                                stderr=subprocess.DEVNULL)
+
+    def test_the_projects_own_layers_and_the_smallest_hold_every_rule(self):
+        runs = {run: self.start(*run) for run in (
+            ("core", "nuvio_connect", "--all"), ("host", "nuvio_host", "--all"),
+            ("core", "minimal_core"), ("host", "minimal_host", "--all"))}
+        for run, program in runs.items():
+            with self.subTest(run):
+                text = program.communicate(timeout=250)[0]
+                self.assertEqual(program.returncode, 0, text)
+
+    def test_a_broken_one_fails_the_rule_that_it_breaks(self):
+        runs = {run: self.start(run[0], f"broken_{run[1]}", "--patience", "2") for run in BROKEN}
+        for run, program in runs.items():
+            with self.subTest(run):
+                text = program.communicate(timeout=250)[0]
+                failed = set(re.findall(r"(?m)^FAIL +(\S+)", text))
+                self.assertLessEqual(BROKEN[run], failed, text)
+                self.assertEqual(program.returncode, 1)
+
+
+if __name__ == "__main__":
+    unittest.main()

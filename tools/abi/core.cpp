@@ -1,0 +1,4 @@
+#include "abi/core.h"
+
+extern const CoreInterface kInterface;
+const CoreInterface kInterface{};

@@ -1,0 +1,4 @@
+#include "abi/host.h"
+
+extern const HostInterface kInterface;
+const HostInterface kInterface{};
