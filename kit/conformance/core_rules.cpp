@@ -38,7 +38,7 @@ std::string ms(uint64_t value) {
 void join(Device& device, const Run& run, bool become_active = true) {
     const nuv_error error = device.call([&](nuv_connect* core) {
         return nuv_connect_connect(core, "conformance", run.endpoint.c_str(), "token", 0,
-                                   "wss://localhost/", "token", 0, become_active);
+                                   "ws://localhost:9/", "token", 0, become_active);
     });
     if (error != NUV_ERROR_OK) {
         throw Broken(std::string("connect answers ") + nuv_error_to_string(error));
