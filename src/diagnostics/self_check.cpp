@@ -40,21 +40,21 @@ constexpr char kAvahi[] = "avahi";
 // ---- Settings -------------------------------------------------------------------------------
 
 Finding checkSettings() {
-    if (std::string faults = envItem(kConfigurationFaults); !faults.empty()) {
+    if (std::string faults = env_item(kConfigurationFaults); !faults.empty()) {
         std::ranges::replace(faults, '\n', ';');
         return bad(kSettings, faults);
     }
-    if (nuvio::leading_number(envItem(kFeatureNuvioConnect)) == 0) {
+    if (nuvio::leading_number(env_item(kFeatureNuvioConnect)) == 0) {
         return bad(kSettings, std::string("the service is off: set ") + kFeatureNuvioConnect +
                                   " = 1 in the settings file");
     }
     for (const char* key : {KFeatureNuvioConnectApp_id, KFeatureNuvioConnectApp_secret}) {
-        if (envItem(key).empty()) {
+        if (env_item(key).empty()) {
             return bad(kSettings, std::string(key) +
                                       " is not set: put in what the streaming service gave you");
         }
     }
-    const std::string port = envItem(KFeatureNuvioConnectHttpPort, kDefaultHttpPort);
+    const std::string port = env_item(KFeatureNuvioConnectHttpPort, kDefaultHttpPort);
     const auto number = nuvio::to_number<uint16_t>(port);
     if (number.value_or(0) == 0) {
         return bad(kSettings, std::string(KFeatureNuvioConnectHttpPort) + " = " + port +

@@ -134,7 +134,7 @@ std::string text_of_state(snd_mixer_elem_t* element) {
 }  // namespace
 
 Finding check_output() {
-    const std::string device = envItem(kALSAOutputDeviceName, kDefaultOutputDevice);
+    const std::string device = env_item(kALSAOutputDeviceName, kDefaultOutputDevice);
     const std::string named = std::string(kALSAOutputDeviceName) + " " + quoted(device);
     snd_pcm_t* opened = nullptr;
     // Never waits for one that is in use.
@@ -161,8 +161,8 @@ Finding check_output() {
 }
 
 Finding check_mixer() {
-    const std::string device = envItem(KFeatureNuvioConnectVolume_Device, kDefaultVolumeDevice);
-    const std::string name = envItem(KFeatureNuvioConnectVolume_Element, kDefaultVolumeElement);
+    const std::string device = env_item(KFeatureNuvioConnectVolume_Device, kDefaultVolumeDevice);
+    const std::string name = env_item(KFeatureNuvioConnectVolume_Element, kDefaultVolumeElement);
     const std::string choose =
         std::string(": set another ") + KFeatureNuvioConnectVolume_Element +
         "; 'nuvio-connect --list-devices' shows those there are, 'nuvio-connect "

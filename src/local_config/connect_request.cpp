@@ -8,60 +8,60 @@
 
 namespace {
 
-constexpr const char* INVALID_JSON = "connect-to-nconnect: Invalid JSON";
+constexpr const char* kInvalidJson = "connect-to-nconnect: Invalid JSON";
 
-enum class Kind { Text, Object, Number, Boolean };
+enum class member_kind { Text, Object, Number, Boolean };
 
 // One member, in the order of checking. An Object row also leads into the object: the rows below it
 // that have it as their parent are looked up there.
-struct MemberRule {
+struct member_rule {
     const char* parent;  // null: the document itself
     const char* name;
-    Kind kind;
+    member_kind kind;
     const char* missing;
     const char* wrong_type;  // null: any type will do
 };
 
-constexpr std::array RULES{
-    MemberRule{nullptr, "session_id", Kind::Text,
-               "connect-to-nconnect: Request does not contain \"session_id\"",
-               "connect-to-nconnect: session_id is not a string"},
-    MemberRule{nullptr, "jwt_api", Kind::Object,
-               "connect-to-nconnect: Request does not contain \"jwt_api\"",
-               "connect-to-nconnect: jwt_api is not an object"},
-    MemberRule{"jwt_api", "endpoint", Kind::Text,
-               "connect-to-nconnect: jwt_api does not have \"endpoint\" field",
-               "connect-to-nconnect: jwt_api's \"endpoint\" field is not a string"},
-    MemberRule{"jwt_api", "jwt", Kind::Text,
-               "connect-to-nconnect: jwt_api does not have \"jwt\" field",
-               "connect-to-nconnect: jwt_api's \"jwt\" field is not a string"},
-    MemberRule{"jwt_api", "exp", Kind::Number,
-               "connect-to-nconnect: jwt_api does not have \"exp\" field", nullptr},
-    MemberRule{nullptr, "jwt_nconnect", Kind::Object,
-               "connect-to-nconnect: Request does not contain \"jwt_nconnect\"",
-               "connect-to-nconnect: jwt_nconnect is not an object"},
-    MemberRule{"jwt_nconnect", "endpoint", Kind::Text,
-               "connect-to-nconnect: jwt_nconnect does not have \"endpoint\" field",
-               "connect-to-nconnect: jwt_nconnect's \"endpoint\" field is not a string"},
-    MemberRule{"jwt_nconnect", "jwt", Kind::Text,
-               "connect-to-nconnect: jwt_nconnect does not have \"jwt\" field",
-               "connect-to-nconnect: jwt_nconnect's \"jwt\" field is not a string"},
-    MemberRule{"jwt_nconnect", "exp", Kind::Number,
-               "connect-to-nconnect: jwt_nconnect does not have \"exp\" field", nullptr},
-    MemberRule{nullptr, "become_active", Kind::Boolean,
-               "connect-to-nconnect: Request does not contain \"become_active\"",
-               "connect-to-nconnect: become_active is not a boolean value"},
+constexpr std::array kRules{
+    member_rule{nullptr, "session_id", member_kind::Text,
+                "connect-to-nconnect: Request does not contain \"session_id\"",
+                "connect-to-nconnect: session_id is not a string"},
+    member_rule{nullptr, "jwt_api", member_kind::Object,
+                "connect-to-nconnect: Request does not contain \"jwt_api\"",
+                "connect-to-nconnect: jwt_api is not an object"},
+    member_rule{"jwt_api", "endpoint", member_kind::Text,
+                "connect-to-nconnect: jwt_api does not have \"endpoint\" field",
+                "connect-to-nconnect: jwt_api's \"endpoint\" field is not a string"},
+    member_rule{"jwt_api", "jwt", member_kind::Text,
+                "connect-to-nconnect: jwt_api does not have \"jwt\" field",
+                "connect-to-nconnect: jwt_api's \"jwt\" field is not a string"},
+    member_rule{"jwt_api", "exp", member_kind::Number,
+                "connect-to-nconnect: jwt_api does not have \"exp\" field", nullptr},
+    member_rule{nullptr, "jwt_nconnect", member_kind::Object,
+                "connect-to-nconnect: Request does not contain \"jwt_nconnect\"",
+                "connect-to-nconnect: jwt_nconnect is not an object"},
+    member_rule{"jwt_nconnect", "endpoint", member_kind::Text,
+                "connect-to-nconnect: jwt_nconnect does not have \"endpoint\" field",
+                "connect-to-nconnect: jwt_nconnect's \"endpoint\" field is not a string"},
+    member_rule{"jwt_nconnect", "jwt", member_kind::Text,
+                "connect-to-nconnect: jwt_nconnect does not have \"jwt\" field",
+                "connect-to-nconnect: jwt_nconnect's \"jwt\" field is not a string"},
+    member_rule{"jwt_nconnect", "exp", member_kind::Number,
+                "connect-to-nconnect: jwt_nconnect does not have \"exp\" field", nullptr},
+    member_rule{nullptr, "become_active", member_kind::Boolean,
+                "connect-to-nconnect: Request does not contain \"become_active\"",
+                "connect-to-nconnect: become_active is not a boolean value"},
 };
 
-bool has_kind(const cJSON* member, Kind kind) {
+bool has_kind(const cJSON* member, member_kind kind) {
     switch (kind) {
-        case Kind::Text:
+        case member_kind::Text:
             return cJSON_GetStringValue(member) != nullptr;
-        case Kind::Object:
+        case member_kind::Object:
             return cJSON_IsObject(member) != 0;
-        case Kind::Boolean:
+        case member_kind::Boolean:
             return cJSON_IsBool(member) != 0;
-        case Kind::Number:
+        case member_kind::Number:
             return true;
     }
     return false;
@@ -69,7 +69,7 @@ bool has_kind(const cJSON* member, Kind kind) {
 
 // Text of the first rule that the document breaks, or null.
 const char* broken_rule(const cJSON* document) {
-    for (const MemberRule& rule : RULES) {
+    for (const member_rule& rule : kRules) {
         const cJSON* parent =
             rule.parent == nullptr ? document : cJSON_GetObjectItem(document, rule.parent);
         const cJSON* member = cJSON_GetObjectItem(parent, rule.name);
@@ -85,9 +85,9 @@ const char* broken_rule(const cJSON* document) {
 
 // Where the parser begins to read: behind a byte order mark and what it takes for white space.
 const char* first_value(const char* body) {
-    constexpr std::string_view BYTE_ORDER_MARK = "\xEF\xBB\xBF";
+    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
     const char* at =
-        std::string_view(body).starts_with(BYTE_ORDER_MARK) ? body + BYTE_ORDER_MARK.size() : body;
+        std::string_view(body).starts_with(kByteOrderMark) ? body + kByteOrderMark.size() : body;
     while (*at != '\0' && static_cast<unsigned char>(*at) <= ' ') {
         ++at;
     }
@@ -109,7 +109,7 @@ bool nests_too_deep(const char* body) {
         } else if (*at == '"') {
             in_string = !in_string;
         } else if (!in_string && (*at == '[' || *at == '{')) {
-            if (++depth > CONNECT_REQUEST_MAXIMUM_NESTING) {
+            if (++depth > kConnectRequestMaximumNesting) {
                 return true;
             }
         } else if (!in_string && (*at == ']' || *at == '}')) {
@@ -123,11 +123,11 @@ bool nests_too_deep(const char* body) {
 
 // Truncates toward zero; what the type can't hold becomes its nearest value.
 uint64_t to_seconds(double value) {
-    constexpr double TOO_LARGE = 18446744073709551616.0;  // 2^64
+    constexpr double kTooLarge = 18446744073709551616.0;  // 2^64
     if (!(value > 0)) {                                   // NaN too
         return 0;
     }
-    return value >= TOO_LARGE ? std::numeric_limits<uint64_t>::max() : static_cast<uint64_t>(value);
+    return value >= kTooLarge ? std::numeric_limits<uint64_t>::max() : static_cast<uint64_t>(value);
 }
 
 connect_token read_token(const cJSON* document, const char* name) {
@@ -156,7 +156,7 @@ parsed_connect_request parse_connect_request(const char* body) {
     if (!nests_too_deep(body)) {
         parsed.document.reset(cJSON_Parse(body));
     }
-    parsed.error = parsed.document == nullptr ? INVALID_JSON : broken_rule(parsed.document.get());
+    parsed.error = parsed.document == nullptr ? kInvalidJson : broken_rule(parsed.document.get());
     if (parsed.error == nullptr) {
         parsed.request = read_request(parsed.document.get());
     }

@@ -42,4 +42,4 @@ parsed_connect_request parse_connect_request(const char* body);
 
 // Deepest nesting of arrays and objects that is parsed. The parser recurses once a level, and
 // CivetWeb's worker has a stack of 100 KiB, which some 900 levels overrun.
-constexpr int CONNECT_REQUEST_MAXIMUM_NESTING = 32;
+constexpr int kConnectRequestMaximumNesting = 32;

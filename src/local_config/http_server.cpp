@@ -24,18 +24,18 @@
 
 namespace {
 
-constexpr const char* BASE_SERVICE_PATH = "/";
-constexpr const char* CONNECT_ENDPOINT = "connect-to-nconnect";
+constexpr const char* kBaseServicePath = "/";
+constexpr const char* kConnectEndpoint = "connect-to-nconnect";
 using endpoint_path = std::array<char, 128>;
-constexpr size_t RESPONSE_SIZE = 2048;  // bytes, terminator included
-constexpr long long MAXIMUM_BODY_SIZE = 65'536;
+constexpr size_t kResponseSize = 2048;  // bytes, terminator included
+constexpr long long kMaximumBodySize = 65'536;
 
 using async_ptr = std::unique_ptr<uv_async_t, nuvio::ReleasedBy<uv_async_free>>;
 
 struct get_endpoint {
     const char* name;
     async_ptr async{};
-    char response[RESPONSE_SIZE] = {};
+    char response[kResponseSize] = {};
     size_t response_length = 0;
 };
 
@@ -53,7 +53,7 @@ struct http_server {
     uint16_t port;
     struct device_info* device_info;
     struct audio_renderer* audio_renderer;
-    const char* base_service_path = BASE_SERVICE_PATH;
+    const char* base_service_path = kBaseServicePath;
     nuv_connect* core = nullptr;
 
     endpoint_path get_display_info_endpoint{};
@@ -104,21 +104,21 @@ int http_server_on_civetweb_handle_get_connect_info(mg_connection* connection, v
     return handle_get(connection, self, self->get_connect_info);
 }
 
-struct TextMember {
+struct text_member {
     const char* key;
     const char* value;
 };
 
 // Loop thread: prints the members, compact, into the endpoint's response.
-bool respond(get_endpoint& endpoint, std::span<const TextMember> members) {
+bool respond(get_endpoint& endpoint, std::span<const text_member> members) {
     const json_ptr document(cJSON_CreateObject());
-    const bool is_complete = std::ranges::all_of(members, [&](const TextMember& member) {
+    const bool is_complete = std::ranges::all_of(members, [&](const text_member& member) {
         return cJSON_AddStringToObject(document.get(), member.key, member.value) != nullptr;
     });
-    if (!is_complete || cJSON_PrintPreallocated(document.get(), endpoint.response, RESPONSE_SIZE,
+    if (!is_complete || cJSON_PrintPreallocated(document.get(), endpoint.response, kResponseSize,
                                                 static_cast<cJSON_bool>(false)) == 0) {
         app_log(LOG_LEVEL_ERROR, "%s: Response does not fit in %zu bytes", endpoint.name,
-                RESPONSE_SIZE);
+                kResponseSize);
         return false;
     }
     endpoint.response_length = std::strlen(endpoint.response);
@@ -139,12 +139,12 @@ bool compose_display_info(http_server* self) {
     NUV_CHECK(serial_number != NULL);
 
     const std::array members{
-        TextMember{"friendly_name", device_name},
-        TextMember{"serial_number", serial_number},
-        TextMember{"brand_display_name", manufacturer},
-        TextMember{"model_display_name", model},
-        TextMember{"max_audio_quality", nuv_audio_quality_to_string(quality)},
-        TextMember{"type", nuv_device_type_to_string(device_type)},
+        text_member{"friendly_name", device_name},
+        text_member{"serial_number", serial_number},
+        text_member{"brand_display_name", manufacturer},
+        text_member{"model_display_name", model},
+        text_member{"max_audio_quality", nuv_audio_quality_to_string(quality)},
+        text_member{"type", nuv_device_type_to_string(device_type)},
     };
     return respond(self->get_display_info, members);
 }
@@ -161,8 +161,8 @@ bool compose_connect_info(http_server* self) {
     NUV_CHECK(session_id != NULL);
 
     const std::array members{
-        TextMember{"app_id", app_id},
-        TextMember{"current_session_id", session_id},
+        text_member{"app_id", app_id},
+        text_member{"current_session_id", session_id},
     };
     return respond(self->get_connect_info, members);
 }
@@ -197,17 +197,17 @@ int http_server_on_civetweb_handle_connect_to_nconnect(mg_connection* connection
     auto* self = static_cast<http_server*>(context);
     const loop_hand_off::request running(self->shared_data);
     request_body body(connection, self->server.listening_port());
-    if (!is_meant_for_controllers(connection, CONNECT_ENDPOINT)) {
+    if (!is_meant_for_controllers(connection, kConnectEndpoint)) {
         return 403;
     }
-    if (!accepts_method(connection, CONNECT_ENDPOINT, "POST")) {
+    if (!accepts_method(connection, kConnectEndpoint, "POST")) {
         return 405;
     }
     if (body.length() < 0) {
         return reject(connection, "connect-to-nconnect: Missing content length", 411,
                       "Length Required");
     }
-    if (body.length() > MAXIMUM_BODY_SIZE) {
+    if (body.length() > kMaximumBodySize) {
         return reject(connection, "connect-to-nconnect: Request body is too large", 413,
                       "Payload Too Large");
     }
@@ -258,7 +258,7 @@ void register_endpoints(mg_context* server, void* data) {
     auto* self = static_cast<http_server*>(data);
     format_endpoint(self, self->get_display_info.name, self->get_display_info_endpoint);
     format_endpoint(self, self->get_connect_info.name, self->get_connect_info_endpoint);
-    format_endpoint(self, CONNECT_ENDPOINT, self->connect_to_nconnect_endpoint);
+    format_endpoint(self, kConnectEndpoint, self->connect_to_nconnect_endpoint);
     mg_set_request_handler(server, self->get_display_info_endpoint.data(),
                            http_server_on_civetweb_handle_get_display_info, self);
     mg_set_request_handler(server, self->get_connect_info_endpoint.data(),

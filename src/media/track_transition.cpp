@@ -12,9 +12,9 @@
 
 namespace {
 
-constexpr uint64_t nearly_finished_lead_ms = 500;
-constexpr uint64_t short_rest_ms = 20;  // left to the drain
-constexpr uint64_t tolerated_lateness_ms = 40;
+constexpr uint64_t kNearlyFinishedLeadMs = 500;
+constexpr uint64_t kShortRestMs = 20;  // left to the drain
+constexpr uint64_t kToleratedLatenessMs = 40;
 
 unsigned long long printable(uint64_t value) {
     return value;
@@ -49,8 +49,7 @@ void bring_loop_time_up_to_date(const audio_renderer* self) {
 
 void schedule_playback_nearly_finished_timer(audio_renderer* self) {
     const uint64_t buffered = audio_renderer_get_buffered_duration(self);
-    const uint64_t lead =
-        buffered > nearly_finished_lead_ms ? buffered - nearly_finished_lead_ms : 0;
+    const uint64_t lead = buffered > kNearlyFinishedLeadMs ? buffered - kNearlyFinishedLeadMs : 0;
     app_log(LOG_LEVEL_DEBUG, "Scheduling playback nearly finished timer: %llums", printable(lead));
     uv_pausable_timer_start(self->playback_nearly_finished_timer.get(),
                             audio_renderer_on_playback_nearly_finished_timer_timeout, lead, 0);
@@ -95,7 +94,7 @@ bool is_late(audio_renderer* self) {
     const uint64_t expected = uv_timer_get_due_in(&self->playback_finished_timer->timer);
     const uint64_t rest = audio_renderer_get_buffered_duration(self);
     const bool stands_still = self->is_late && rest >= self->awaited_rest;
-    return rest > expected + tolerated_lateness_ms && !stands_still;
+    return rest > expected + kToleratedLatenessMs && !stands_still;
 }
 
 // The device was late before. One that has not moved at all since is waited for no longer, and
@@ -105,7 +104,7 @@ bool is_still_heard(audio_renderer* self) {
         return false;
     }
     const uint64_t rest = audio_renderer_get_buffered_duration(self);
-    return rest > short_rest_ms && rest < self->awaited_rest;
+    return rest > kShortRestMs && rest < self->awaited_rest;
 }
 
 // Not to the very end: the drain waits out the last bit, and the card does not run dry.
@@ -115,7 +114,7 @@ void wait_for_the_rest(audio_renderer* self) {
     self->awaited_rest = audio_renderer_get_buffered_duration(self);
     uv_pausable_timer_start(self->playback_finished_timer.get(),
                             audio_renderer_on_playback_finished_timer_timeout,
-                            self->awaited_rest - std::min(self->awaited_rest, short_rest_ms), 0);
+                            self->awaited_rest - std::min(self->awaited_rest, kShortRestMs), 0);
 }
 
 void start_playing(audio_renderer* self, audio_source* source) {
@@ -240,7 +239,7 @@ void audio_renderer_on_playback_nearly_finished_timer_timeout(uv_timer_t* timer)
     }
     if (is_late(self)) {
         wait_for_the_rest(self);
-        if (self->awaited_rest > nearly_finished_lead_ms + tolerated_lateness_ms) {
+        if (self->awaited_rest > kNearlyFinishedLeadMs + kToleratedLatenessMs) {
             schedule_playback_nearly_finished_timer(self);
             return;
         }

@@ -69,18 +69,18 @@ std::optional<std::vector<std::string>> gatherDeviceInfo(KORAHelper& kora,
     std::vector<std::string> info(DEVICE_INFO_COUNT);
     info[DEVICE_INFO_DEVICE_NAME] = readFriendlyName(kora);
     std::string serialNumber = readSerialNumber(wifiAddressPath);
-    info[DEVICE_INFO_OUTPUT_DEVICE] = envItem(kALSAOutputDeviceName, kDefaultOutputDevice);
+    info[DEVICE_INFO_OUTPUT_DEVICE] = env_item(kALSAOutputDeviceName, kDefaultOutputDevice);
     info[DEVICE_INFO_MANUFACTURER] =
         identity(getManufacturer, "Vanta Wireless Technologies", "Vanta Wireless Technologies");
     info[DEVICE_INFO_MODEL] = identity(getModel, "VantaSync", "Alexa_Vanta");
-    info[DEVICE_INFO_LOG_LEVEL] = envItem(KFeatureNuvioConnectLog);
-    info[DEVICE_INFO_HTTP_PORT] = envItem(KFeatureNuvioConnectHttpPort, kDefaultHttpPort);
-    info[DEVICE_INFO_APP_ID] = envItem(KFeatureNuvioConnectApp_id);
-    info[DEVICE_INFO_APP_SECRET] = envItem(KFeatureNuvioConnectApp_secret);
+    info[DEVICE_INFO_LOG_LEVEL] = env_item(KFeatureNuvioConnectLog);
+    info[DEVICE_INFO_HTTP_PORT] = env_item(KFeatureNuvioConnectHttpPort, kDefaultHttpPort);
+    info[DEVICE_INFO_APP_ID] = env_item(KFeatureNuvioConnectApp_id);
+    info[DEVICE_INFO_APP_SECRET] = env_item(KFeatureNuvioConnectApp_secret);
     info[DEVICE_INFO_VOLUME_ELEMENT] =
-        envItem(KFeatureNuvioConnectVolume_Element, kDefaultVolumeElement);
+        env_item(KFeatureNuvioConnectVolume_Element, kDefaultVolumeElement);
     info[DEVICE_INFO_VOLUME_DEVICE] =
-        envItem(KFeatureNuvioConnectVolume_Device, kDefaultVolumeDevice);
+        env_item(KFeatureNuvioConnectVolume_Device, kDefaultVolumeDevice);
 
     if (info[DEVICE_INFO_APP_ID].empty() || info[DEVICE_INFO_APP_SECRET].empty()) {
         syslog(LOG_ERR, "NuvioKora: APPID or Appsecret is empty");

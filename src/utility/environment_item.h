@@ -13,7 +13,7 @@ inline constexpr char kDefaultVolumeElement[] = "Master";
 inline constexpr char kDefaultVolumeDevice[] = "default";
 
 // The item's value, or `fallback` where it is empty or not set.
-inline std::string envItem(const char* key, const char* fallback = "") {
+inline std::string env_item(const char* key, const char* fallback = "") {
     std::string value;
     GetEnvItemByName(key, value);
     return value.empty() ? fallback : value;

@@ -38,7 +38,7 @@ extern "C" const char* __tsan_default_suppressions() {
 
 namespace {
 
-struct host {
+struct Host {
     http_server server;
     nuv_advertising_delegate advertising{};
     std::string uuid;
@@ -46,7 +46,7 @@ struct host {
     std::array<char, 4096> buffer{};
 };
 
-void execute(host& self, const std::string& line) {
+void execute(Host& self, const std::string& line) {
     std::istringstream words(line);
     std::string verb;
     words >> verb >> std::ws;
@@ -72,12 +72,12 @@ void execute(host& self, const std::string& line) {
 }
 
 void on_allocate(uv_handle_t* handle, size_t, uv_buf_t* buffer) {
-    auto& memory = static_cast<host*>(handle->data)->buffer;
+    auto& memory = static_cast<Host*>(handle->data)->buffer;
     *buffer = uv_buf_init(memory.data(), static_cast<unsigned>(memory.size()));
 }
 
 void on_input(uv_stream_t* stream, ssize_t count, const uv_buf_t* buffer) {
-    auto* self = static_cast<host*>(stream->data);
+    auto* self = static_cast<Host*>(stream->data);
     if (count < 0) {
         uv_close(reinterpret_cast<uv_handle_t*>(stream), nullptr);
         uv_stop(stream->loop);
@@ -94,7 +94,7 @@ void on_input(uv_stream_t* stream, ssize_t count, const uv_buf_t* buffer) {
 
 int main() {
     uv_loop_t* loop = uv_default_loop();
-    host self;
+    Host self;
     device_info* info =
         device_info_new("Host", NUV_DEVICE_TYPE_SPEAKER, "Maker", "Model", "00:00", "app", nullptr);
     avahi_advertiser* advertiser = avahi_advertiser_new(loop, info, &self.server);

@@ -18,7 +18,7 @@
 class CardSessions : public LoopTest {
   protected:
     CardSessions() {
-        alarm(stuck_after_s);  // a blocked loop can't end the test by itself
+        alarm(kStuckAfterS);  // a blocked loop can't end the test by itself
         fake_sdk::reset();
     }
     ~CardSessions() override {
@@ -27,17 +27,17 @@ class CardSessions : public LoopTest {
         }
     }
 
-    static constexpr double speed = 4;
+    static constexpr double kSpeed = 4;
     // Of the card that a session is played on by default.
     static simcard::Settings settings() {
         simcard::Settings settings;
         settings.default_buffer_ms = 100;
-        settings.speed = speed;
+        settings.speed = kSpeed;
         settings.patient = true;  // underruns come from the test, not from a busy machine
         return settings;
     }
     simcard::Card make_card(const simcard::Settings& settings) const {
-        simcard::Card card = simcard::Card::create(directory_.path(), settings);
+        simcard::Card card = simcard::Card::create(m_directory.path(), settings);
         card.use_in_this_process();
         return card;
     }
@@ -49,12 +49,12 @@ class CardSessions : public LoopTest {
 
     // Runs the session to its end.
     void run(const ScriptedSdk& sdk) {
-        LoopWatch watch(&loop_, session_limit_ms, [&] { return sdk.is_delivering(); });
+        LoopWatch watch(&loop_, kSessionLimitMs, [&] { return sdk.is_delivering(); });
         while (!sdk.is_over() && !watch.is_overdue()) {
             uv_run(&loop_, UV_RUN_ONCE);
         }
         EXPECT_FALSE(watch.is_overdue()) << "the session came to no end";
-        EXPECT_LE(watch.wake_ups(), max_wake_ups) << "the loop spins";
+        EXPECT_LE(watch.wake_ups(), kMaxWakeUps) << "the loop spins";
     }
     // Runs what is due now.
     void settle() {
@@ -71,10 +71,10 @@ class CardSessions : public LoopTest {
     audio_renderer* renderer_ = nullptr;
 
   private:
-    static constexpr unsigned stuck_after_s = 60;
-    static constexpr unsigned session_limit_ms = 20000;
+    static constexpr unsigned kStuckAfterS = 60;
+    static constexpr unsigned kSessionLimitMs = 20000;
     // A session is shorter than a second: some 20 wake-ups for room, a few timers.
-    static constexpr uint64_t max_wake_ups = 300;
+    static constexpr uint64_t kMaxWakeUps = 300;
 
-    const TempDir directory_;
+    const TempDir m_directory;
 };

@@ -60,18 +60,18 @@ struct Moment {
 const std::vector<Moment>& moments() {
     static const std::vector<Moment> table = {
         // Before playback is initiated.
-        {"open", Point::opening, {{cd, 400}}},
+        {"open", Point::opening, {{kCd, 400}}},
         // The sink waits for room; after that playback pauses, to be resumed; or seeks forward.
-        {"mid", Point::waiting, {{cd, 400}}},
-        {"pause", Point::waiting, {{cd, 400}}, false, Moment::pause},
-        {"seek", Point::waiting, {{cd, 400}}, false, Moment::seek},
+        {"mid", Point::waiting, {{kCd, 400}}},
+        {"pause", Point::waiting, {{kCd, 400}}, false, Moment::pause},
+        {"seek", Point::waiting, {{kCd, 400}}, false, Moment::seek},
         // The next track of the same format starts to flow behind the ending one.
-        {"hand", Point::handing_over, {{cd, 150}, {cd, 250}}},
+        {"hand", Point::handing_over, {{kCd, 150}, {kCd, 250}}},
         // The ending track is drained, the next one has another format.
-        {"format", Point::changing_format, {{cd, 150}, {hi_res, 150}}, true},
+        {"format", Point::changing_format, {{kCd, 150}, {kHiRes, 150}}, true},
         // Everything is queued, the end-of-track timers run; then the rest is drained.
-        {"tail", Point::delivered, {{cd, 150}}, true},
-        {"drain", Point::draining, {{cd, 150}}, true},
+        {"tail", Point::delivered, {{kCd, 150}}, true},
+        {"drain", Point::draining, {{kCd, 150}}, true},
     };
     return table;
 }
@@ -83,10 +83,10 @@ struct Row {
     std::string outcomes;  // a letter a moment
 };
 
-constexpr uint64_t forever = Fault::kForever;
+constexpr uint64_t kForever = Fault::kForever;
 
 Row fails(Op op, int error, uint64_t times, std::string outcomes) {
-    const std::string often = times == forever ? "forever" : std::to_string(times) + "x";
+    const std::string often = times == kForever ? "forever" : std::to_string(times) + "x";
     std::erase(outcomes, ' ');
     return {std::string(simcard::op_name(op)) + "_" + strerrorname_np(error) + "_" + often,
             Fault{op, error, 0, times}, nullptr, std::move(outcomes)};
@@ -114,40 +114,40 @@ const std::vector<Row>& rows() {
         // the next write tries again.
         fails(Op::prepare, EIO, 1,                " E    .    S    S    .    E    .    .  "),
         fails(Op::prepare, EBUSY, 1,              " E    .    S    S    .    E    .    .  "),
-        fails(Op::prepare, EIO, forever,          " E    .    E    E    .    E    .    .  "),
-        fails(Op::prepare, ENODEV, forever,       " E    .    E    E    .    E    .    .  "),
+        fails(Op::prepare, EIO, kForever,          " E    .    E    E    .    E    .    .  "),
+        fails(Op::prepare, ENODEV, kForever,       " E    .    E    E    .    E    .    .  "),
         // The first write into a prepared stream starts it.
         fails(Op::start, EIO, 1,                  " S    .    S    S    .    S    .    .  "),
         fails(Op::start, EPIPE, 1,                " Q    .    Q    Q    .    Q    .    .  "),
         fails(Op::start, ESTRPIPE, 1,             " S    .    S    S    .    S    .    .  "),
-        fails(Op::start, EIO, forever,            " E    .    E    E    .    E    .    .  "),
-        fails(Op::start, ENODEV, forever,         " E    .    E    E    .    E    .    .  "),
+        fails(Op::start, EIO, kForever,            " E    .    E    E    .    E    .    .  "),
+        fails(Op::start, ENODEV, kForever,         " E    .    E    E    .    E    .    .  "),
         // An underrun of an empty stream loses nothing.
         fails(Op::write, EPIPE, 1,                " S    Q    S    S    Q    S    .    .  "),
-        fails(Op::write, EPIPE, forever,          " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, EPIPE, kForever,          " E    E    E    E    E    E    .    .  "),
         fails(Op::write, ESTRPIPE, 1,             " S    S    S    S    S    S    .    .  "),
-        fails(Op::write, ESTRPIPE, forever,       " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, ESTRPIPE, kForever,       " E    E    E    E    E    E    .    .  "),
         fails(Op::write, EINTR, 2,                " S    S    S    S    S    S    .    .  "),
-        fails(Op::write, EINTR, forever,          " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, EINTR, kForever,          " E    E    E    E    E    E    .    .  "),
         fails(Op::write, EAGAIN, 2,               " S    S    S    S    S    S    .    .  "),
-        fails(Op::write, EAGAIN, forever,         " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, EAGAIN, kForever,         " E    E    E    E    E    E    .    .  "),
         fails(Op::write, EIO, 1,                  " S    S    S    S    S    S    .    .  "),
-        fails(Op::write, EIO, forever,            " E    E    E    E    E    E    .    .  "),
-        fails(Op::write, ENODEV, forever,         " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, EIO, kForever,            " E    E    E    E    E    E    .    .  "),
+        fails(Op::write, ENODEV, kForever,         " E    E    E    E    E    E    .    .  "),
         // The space query. snd_pcm_avail makes two calls.
         fails(Op::pointer, EPIPE, 1,              " S    Q    S    S    Q    S    .    .  "),
-        fails(Op::pointer, EPIPE, forever,        " E    E    E    E    E    E    .    .  "),
+        fails(Op::pointer, EPIPE, kForever,        " E    E    E    E    E    E    .    .  "),
         fails(Op::pointer, ESTRPIPE, 1,           " S    S    S    S    S    S    .    .  "),
         fails(Op::pointer, EIO, 2,                " S    S    S    S    S    S    .    .  "),
-        fails(Op::pointer, EIO, forever,          " E    E    E    E    E    E    .    .  "),
-        fails(Op::pointer, ENODEV, forever,       " E    E    E    E    E    E    .    .  "),
+        fails(Op::pointer, EIO, kForever,          " E    E    E    E    E    E    .    .  "),
+        fails(Op::pointer, ENODEV, kForever,       " E    E    E    E    E    E    .    .  "),
         // The position is not worth an error.
         fails(Op::delay, EPIPE, 1,                " Q    Q    S    S    Q    Q    .    .  "),
         fails(Op::delay, ESTRPIPE, 1,             " S    S    S    S    S    S    .    .  "),
-        fails(Op::delay, EIO, forever,            " S    S    S    S    S    S    .    .  "),
-        fails(Op::delay, ENODEV, forever,         " S    S    S    S    S    S    .    .  "),
+        fails(Op::delay, EIO, kForever,            " S    S    S    S    S    S    .    .  "),
+        fails(Op::delay, ENODEV, kForever,         " S    S    S    S    S    S    .    .  "),
         fails(Op::poll_revents, EIO, 1,           " S    S    S    S    S    S    .    .  "),
-        fails(Op::poll_revents, EIO, forever,     " S    S    S    S    S    S    .    .  "),
+        fails(Op::poll_revents, EIO, kForever,     " S    S    S    S    S    S    .    .  "),
         fails(Op::drop, EIO, 1,                   " .    .    S    S    .    .    .    .  "),
         fails(Op::drain, EINTR, 2,                " .    .    .    .    .    S    .    S  "),
         fails(Op::drain, EINTR, 5,                " .    .    .    .    .    Q    .    F  "),
@@ -216,8 +216,8 @@ std::vector<Cell> selected_cells() {
     return selected;
 }
 
-constexpr double slow = 0.5;
-constexpr uint64_t max_calls = 1500;  // of the PCM, in a session
+constexpr double kSlow = 0.5;
+constexpr uint64_t kMaxCalls = 1500;  // of the PCM, in a session
 
 uint64_t pcm_calls(const simcard::Counters& counters) {
     uint64_t sum = 0;
@@ -252,7 +252,7 @@ void FaultMatrix::play(const Cell& cell, Card& card, ScriptedSdk& sdk) {
             sdk.seek_ahead(50);
         }
     });
-    card.set_speed(cell.moment->is_slow ? slow : speed);
+    card.set_speed(cell.moment->is_slow ? kSlow : kSpeed);
     sdk.play(cell.moment->tracks);
 }
 
@@ -262,7 +262,7 @@ void check(const Cell& cell, const Card& card, const ScriptedSdk& sdk) {
         EXPECT_GE(counters.faults[static_cast<size_t>(cell.row->fault->op)], 1U)
             << "the call is not made at this moment";
     }
-    EXPECT_LE(pcm_calls(counters), max_calls);
+    EXPECT_LE(pcm_calls(counters), kMaxCalls);
     for (const simcard::Recording& recording : card.recordings()) {
         EXPECT_TRUE(recording.closed);
         EXPECT_TRUE(ScriptedSdk::is_in_order(Card::data(recording), recording.frame_bytes()))
@@ -309,10 +309,10 @@ TEST_P(FaultMatrix, SessionEndsAsStatedAndTheNextOnePlays) {
 
     card.clear_faults();
     card.plug_in();
-    card.set_speed(speed);
+    card.set_speed(kSpeed);
     card.reset_counters();
     ScriptedSdk sdk(&loop_, renderer_);
-    sdk.play({{cd, 150}});
+    sdk.play({{kCd, 150}});
     run(sdk);
     EXPECT_EQ(sdk.errors(), 0U);
     EXPECT_TRUE(sdk.ended());

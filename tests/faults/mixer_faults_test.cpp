@@ -40,7 +40,7 @@ template <Op op, int error, uint64_t times>
 void fail(Card& card) {
     card.inject({op, error, 0, times});
 }
-constexpr uint64_t forever = Fault::kForever;
+constexpr uint64_t kForever = Fault::kForever;
 
 // Changes by both sides, as long as the fault lasts.
 class MixerFaults : public CardSessions {
@@ -79,7 +79,7 @@ class MixerFaults : public CardSessions {
                 while_playing();
             }
         });
-        sdk.play({{cd, 250}});
+        sdk.play({{kCd, 250}});
         run(sdk);
         EXPECT_EQ(sdk.errors(), 0U);
         EXPECT_TRUE(sdk.ended());
@@ -91,7 +91,7 @@ class MixerFaultsAtCreation : public MixerFaults, public testing::WithParamInter
 class MixerFaultsWhilePlaying : public MixerFaults, public testing::WithParamInterface<Row> {};
 
 // A mixer that could not be set up is tried again by each session.
-const Row creation_rows[] = {
+const Row kCreationRows[] = {
     {"ctl_open_ENODEV", fail<Op::ctl_open, ENODEV, 1>, both, both},
     {"ctl_open_EBUSY", fail<Op::ctl_open, EBUSY, 1>, both, both},
     {"ctl_list_EIO", fail<Op::ctl_list, EIO, 1>, both, both},
@@ -99,21 +99,21 @@ const Row creation_rows[] = {
     {"unplugged", [](Card& card) { card.unplug(); }, both, both},
 };
 
-const Row playing_rows[] = {
+const Row kPlayingRows[] = {
     {"write_volume_EIO_1x", fail<Op::write_volume, EIO, 1>, both, both},
-    {"write_volume_EBUSY_forever", fail<Op::write_volume, EBUSY, forever>, both, both},
+    {"write_volume_EBUSY_forever", fail<Op::write_volume, EBUSY, kForever>, both, both},
     {"write_volume_ENODEV_1x", fail<Op::write_volume, ENODEV, 1>, both, both},
     {"write_switch_EIO_1x", fail<Op::write_switch, EIO, 1>, both, both},
-    {"write_switch_EPERM_forever", fail<Op::write_switch, EPERM, forever>, both, both},
+    {"write_switch_EPERM_forever", fail<Op::write_switch, EPERM, kForever>, both, both},
     {"read_volume_EIO_1x", fail<Op::read_volume, EIO, 1>, both, both},
     // Handling the event of another change fails with it: given up, as below.
-    {"read_volume_EIO_forever", fail<Op::read_volume, EIO, forever>, none, both},
+    {"read_volume_EIO_forever", fail<Op::read_volume, EIO, kForever>, none, both},
     {"read_switch_EIO_1x", fail<Op::read_switch, EIO, 1>, both, both},
     {"read_event_EINTR_1x", fail<Op::read_event, EINTR, 1>, both, both},
     // Given up at once: its next call could wait for ever. The next session takes it up again.
     {"read_event_EIO_1x", fail<Op::read_event, EIO, 1>, none, both},
-    {"read_event_EIO_forever", fail<Op::read_event, EIO, forever>, none, both},
-    {"read_event_ENODEV_forever", fail<Op::read_event, ENODEV, forever>, none, both},
+    {"read_event_EIO_forever", fail<Op::read_event, EIO, kForever>, none, both},
+    {"read_event_ENODEV_forever", fail<Op::read_event, ENODEV, kForever>, none, both},
     {"element_gone", [](Card& card) { card.remove_element(); }, none, both},
 };
 
@@ -154,9 +154,9 @@ TEST_P(MixerFaultsWhilePlaying, PlaybackGoesOnAndTheControlIsWhatIsStated) {
     EXPECT_LE(open_descriptors(), descriptors);
 }
 
-const auto name_of = [](const auto& row) { return row.param.name; };
-INSTANTIATE_TEST_SUITE_P(Mixer, MixerFaultsAtCreation, testing::ValuesIn(creation_rows), name_of);
-INSTANTIATE_TEST_SUITE_P(Mixer, MixerFaultsWhilePlaying, testing::ValuesIn(playing_rows), name_of);
+const auto kNameOf = [](const auto& row) { return row.param.name; };
+INSTANTIATE_TEST_SUITE_P(Mixer, MixerFaultsAtCreation, testing::ValuesIn(kCreationRows), kNameOf);
+INSTANTIATE_TEST_SUITE_P(Mixer, MixerFaultsWhilePlaying, testing::ValuesIn(kPlayingRows), kNameOf);
 
 TEST_F(MixerFaults, ReadOnlyElementIsFollowedButNotSet) {
     simcard::Settings read_only = settings();
@@ -195,7 +195,7 @@ TEST_F(MixerFaults, CardThatComesBackPlaysWithTheVolumeSetLast) {
     settle();
     for (int attempt = 0; attempt < 3; ++attempt) {
         ScriptedSdk sdk(&loop_, renderer_);
-        sdk.play({{cd, 100}});
+        sdk.play({{kCd, 100}});
         run(sdk);
         EXPECT_EQ(sdk.errors(), 1U);
     }

@@ -23,11 +23,11 @@ using testing::Contains;
 
 namespace {
 
-constexpr unsigned stuck_after_s = 100;
+constexpr unsigned kStuckAfterS = 100;
 
 class PlatformFaults : public RunningService {
   protected:
-    PlatformFaults() { alarm(stuck_after_s); }
+    PlatformFaults() { alarm(kStuckAfterS); }
     ~PlatformFaults() override { alarm(0); }
 
     void run_until_initialized() {
@@ -125,26 +125,26 @@ TEST_F(PlatformFaults, APlatformThatGrantsAndNotifiesUnderOneLockStopsNothing) {
 class Storm {
   public:
     explicit Storm(uint64_t seed) {
-        for (unsigned n = 0; n < thread_count; ++n) {
-            threads_.emplace_back([this, seed, n] { blow(std::mt19937_64(seed + n)); });
+        for (unsigned n = 0; n < kThreadCount; ++n) {
+            m_threads.emplace_back([this, seed, n] { blow(std::mt19937_64(seed + n)); });
         }
     }
     // Nothing new begins; what waits for the end of a batch goes on waiting.
-    void calm() { over_ = true; }
+    void calm() { m_over = true; }
     void end() {
         calm();
-        for (std::thread& thread : threads_) {
+        for (std::thread& thread : m_threads) {
             thread.join();
         }
     }
 
   private:
-    static constexpr unsigned thread_count = 3;
+    static constexpr unsigned kThreadCount = 3;
 
     void blow(std::mt19937_64 random) {
         const sp<NuvioSSListener> listener = NuvioSSListener::getInstance();
         const auto below = [&](unsigned bound) { return static_cast<int>(random() % bound); };
-        while (!over_) {
+        while (!m_over) {
             switch (below(8)) {
                 case 0:
                     fake_platform::notify_network(1 + below(2), below(2));
@@ -178,8 +178,8 @@ class Storm {
         }
     }
 
-    std::atomic<bool> over_{false};
-    std::vector<std::thread> threads_;
+    std::atomic<bool> m_over{false};
+    std::vector<std::thread> m_threads;
 };
 
 TEST_F(PlatformFaults, ServiceEndsAtAnyMomentOfAStormOfNotifications) {
@@ -187,7 +187,7 @@ TEST_F(PlatformFaults, ServiceEndsAtAnyMomentOfAStormOfNotifications) {
     const size_t rounds = how_many(20, 300);
     size_t rounds_with_a_bridge = 0;
     for (size_t round = 0; round < rounds; ++round) {
-        alarm(stuck_after_s);
+        alarm(kStuckAfterS);
         resetNetwork();
         fake_platform::reset();
         fake_platform::state()->wired = random() % 2 == 0;

@@ -22,22 +22,22 @@
 
 namespace {
 
-constexpr size_t default_events = 400'000;
-constexpr size_t long_events = 5'000'000;
-constexpr size_t events_an_episode = 400;
-constexpr unsigned max_streams = 4;
-constexpr size_t trace_length = 60;
+constexpr size_t kDefaultEvents = 400'000;
+constexpr size_t kLongEvents = 5'000'000;
+constexpr size_t kEventsAnEpisode = 400;
+constexpr unsigned kMaxStreams = 4;
+constexpr size_t kTraceLength = 60;
 
-constexpr std::array<nuv_audio_format, 5> formats{{
-    cd,
-    cd,
+constexpr std::array<nuv_audio_format, 5> kFormats{{
+    kCd,
+    kCd,
     {44100, 1, NUV_AUDIO_SAMPLE_FORMAT_16_BIT},
     {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT},
     {96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT},
 }};
 
 // The calls that may fail. A fault is over at the end of its episode at the latest.
-constexpr std::array failing_calls{
+constexpr std::array kFailingCalls{
     "notify_playback_initiated",
     "notify_playback_paused",
     "notify_playback_resumed",
@@ -137,7 +137,7 @@ class RandomDriver : public RendererTest {
 
     std::mt19937_64 random_;
     bool is_orderly_ = true;
-    size_t stream_limit_ = max_streams;  // of this episode; with few, a next one comes late
+    size_t stream_limit_ = kMaxStreams;  // of this episode; with few, a next one comes late
     uint64_t next_id_ = 1;
     std::vector<Stream> live_;
     unsigned disposals_due_ = 0;     // of ended streams, from the front
@@ -205,7 +205,7 @@ const std::vector<RandomDriver::Event>& RandomDriver::events() {
 // ---- Streams -----------------------------------------------------------------------------------
 
 void RandomDriver::start_stream() {
-    nuv_audio_format format = any_of(formats);
+    nuv_audio_format format = any_of(kFormats);
     if (!is_orderly_ && one_in(20)) {
         format = {0, below(3), static_cast<nuv_audio_sample_format>(below(2))};
     }
@@ -356,7 +356,7 @@ void RandomDriver::change_sink() {
 }
 
 void RandomDriver::let_calls_fail() {
-    const std::string name = any_of(failing_calls);
+    const std::string name = any_of(kFailingCalls);
     fake_sdk::set_result(name, one_in(3) ? NUV_ERROR_OK : NUV_ERROR_INTERNAL);
     is_let_down_ = true;
 }
@@ -366,7 +366,7 @@ void RandomDriver::let_calls_fail() {
 void RandomDriver::begin_episode() {
     is_orderly_ = !one_in(3);
     has_faults_ = one_in(3);
-    stream_limit_ = 1 + below(max_streams);
+    stream_limit_ = 1 + below(kMaxStreams);
     disposals_due_ = 0;
     ended_with_error_ = is_let_down_ = false;
     playback_paused = false;  // the process's
@@ -407,7 +407,7 @@ void RandomDriver::run_episode() {
     begin_episode();
     const std::vector<unsigned> weights = draw_weights();
     std::discrete_distribution<size_t> draw(weights.begin(), weights.end());
-    for (size_t i = 0; i < events_an_episode && is_whole(); ++i) {
+    for (size_t i = 0; i < kEventsAnEpisode && is_whole(); ++i) {
         const Event& event = events()[draw(random_)];
         const bool in_order = event.is_in_order == nullptr || event.is_in_order(*this);
         if (in_order || !is_orderly_) {
@@ -442,7 +442,7 @@ void RandomDriver::follow_journal() {
     }
     expect(errors <= 1, "a failure is reported once");
     expect(errors == 0 || is(AUDIO_RENDERER_STATE_STOPPED), "a reported failure stops");
-    while (trace_.size() > trace_length) {
+    while (trace_.size() > kTraceLength) {
         trace_.pop_front();
     }
 }
@@ -527,7 +527,7 @@ void RandomDriver::tell_story(const char* broken) {
 
 TEST_F(RandomDriver, RendererStaysInOnePieceWhateverComes) {
     const uint64_t seed = draw_seed();
-    const size_t wanted = how_many(default_events, long_events);
+    const size_t wanted = how_many(kDefaultEvents, kLongEvents);
     random_.seed(seed);
     while (count_ < wanted && is_whole()) {
         testing::internal::CaptureStdout();  // the renderer logs every event

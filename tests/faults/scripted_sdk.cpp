@@ -9,9 +9,9 @@
 
 namespace {
 
-constexpr size_t offer_bytes = 6000;  // whole frames of both formats
-constexpr size_t silence_bytes = 800'000;
-constexpr unsigned seek_duration_ms = 10;
+constexpr size_t kOfferBytes = 6000;  // whole frames of both formats
+constexpr size_t kSilenceBytes = 800'000;
+constexpr unsigned kSeekDurationMs = 10;
 
 size_t frame_size_of(const nuv_audio_format& format) {
     return nuv_audio_sample_format_size(format.sample_format) * format.channel_count;
@@ -45,11 +45,11 @@ uint64_t frame_number(const uint8_t* frame, size_t frame_size) {
 ScriptedSdk* ScriptedSdk::g_current = nullptr;
 
 ScriptedSdk::ScriptedSdk(uv_loop_t* loop, audio_renderer* renderer)
-    : idle_(uv_idle_new(loop, this)),
-      timer_(uv_timer_new(loop, this)),
-      core_(fake_sdk::core()),
-      stream_delegate_(audio_renderer_get_audio_stream_delegate(renderer)),
-      media_(audio_renderer_get_media_delegate(renderer)) {
+    : m_idle(uv_idle_new(loop, this)),
+      m_timer(uv_timer_new(loop, this)),
+      m_core(fake_sdk::core()),
+      m_stream_delegate(audio_renderer_get_audio_stream_delegate(renderer)),
+      m_media(audio_renderer_get_media_delegate(renderer)) {
     g_current = this;
     fake_sdk::on_call([](const std::string& call) { g_current->on_call(call); });
 }
@@ -58,58 +58,59 @@ ScriptedSdk::~ScriptedSdk() {
     fake_sdk::on_call(nullptr);
     fake_sdk::take_calls();
     g_current = nullptr;
-    uv_idle_free(idle_);
-    uv_timer_free(timer_);
+    uv_idle_free(m_idle);
+    uv_timer_free(m_timer);
 }
 
 void ScriptedSdk::play(const std::vector<Track>& tracks, uint64_t position_ms) {
     for (const Track& track : tracks) {
-        const uint64_t id = ++last_id_;
-        streams_[id] = {track.format, make_pcm(track, id),
-                        track.frames() * frame_size_of(track.format)};
-        stream_delegate_.started(core_, id, {track.format, track.ms}, std::exchange(position_ms, 0),
-                                 stream_delegate_.context);
+        const uint64_t id = ++m_last_id;
+        m_streams[id] = {track.format, make_pcm(track, id),
+                         track.frames() * frame_size_of(track.format)};
+        m_stream_delegate.started(m_core, id, {track.format, track.ms},
+                                  std::exchange(position_ms, 0), m_stream_delegate.context);
     }
     reach(Point::opening);
-    media_.initiate_playback(core_, NUV_PLAYBACK_STATE_PLAYING, media_.context);
+    m_media.initiate_playback(m_core, NUV_PLAYBACK_STATE_PLAYING, m_media.context);
 }
 
 void ScriptedSdk::pause_for(unsigned ms) {
-    media_.pause_playback(core_, media_.context);
-    after(ms, [](ScriptedSdk& sdk) { sdk.media_.resume_playback(sdk.core_, sdk.media_.context); });
+    m_media.pause_playback(m_core, m_media.context);
+    after(ms,
+          [](ScriptedSdk& sdk) { sdk.m_media.resume_playback(sdk.m_core, sdk.m_media.context); });
 }
 
 void ScriptedSdk::seek_ahead(unsigned ms) {
-    const Stream& first = streams_.begin()->second;
+    const Stream& first = m_streams.begin()->second;
     const uint64_t delivered_ms = taken_since_seek() * 1000 / first.format.sample_rate;
-    seek_ms_ = static_cast<unsigned>(delivered_ms) + ms;
-    is_seeking_ = true;
-    media_.seek_in_progress(core_, media_.context);
-    after(seek_duration_ms, [](ScriptedSdk& sdk) { sdk.complete_seek(); });
+    m_seek_ms = static_cast<unsigned>(delivered_ms) + ms;
+    m_is_seeking = true;
+    m_media.seek_in_progress(m_core, m_media.context);
+    after(kSeekDurationMs, [](ScriptedSdk& sdk) { sdk.complete_seek(); });
 }
 
 void ScriptedSdk::seek_to(uint64_t position_ms, uint64_t frames) {
-    auto& [id, stream] = *streams_.begin();
-    media_.seek_in_progress(core_, media_.context);
+    auto& [id, stream] = *m_streams.begin();
+    m_media.seek_in_progress(m_core, m_media.context);
     stream.size = frames * frame_size_of(stream.format);
     stream.delivered = 0;
-    stream_delegate_.seeked(core_, id, position_ms, stream_delegate_.context);
+    m_stream_delegate.seeked(m_core, id, position_ms, m_stream_delegate.context);
 }
 
 uint64_t ScriptedSdk::taken_since_seek() const {
-    const Stream& first = streams_.begin()->second;
+    const Stream& first = m_streams.begin()->second;
     return first.delivered / frame_size_of(first.format);
 }
 
 void ScriptedSdk::complete_seek() {
-    auto& [id, stream] = *streams_.begin();
+    auto& [id, stream] = *m_streams.begin();
     const size_t frame_size = frame_size_of(stream.format);
-    const size_t target = size_t{stream.format.sample_rate} * seek_ms_ / 1000 * frame_size;
-    skipped_ += (target - stream.delivered) / frame_size;
+    const size_t target = size_t{stream.format.sample_rate} * m_seek_ms / 1000 * frame_size;
+    m_skipped += (target - stream.delivered) / frame_size;
     stream.delivered = target;
-    is_seeking_ = false;
+    m_is_seeking = false;
     wake_up();
-    stream_delegate_.seeked(core_, id, seek_ms_, stream_delegate_.context);
+    m_stream_delegate.seeked(m_core, id, m_seek_ms, m_stream_delegate.context);
 }
 
 bool ScriptedSdk::is_in_order(const std::vector<uint8_t>& pcm, size_t frame_size) {
@@ -126,88 +127,88 @@ void ScriptedSdk::on_call(const std::string& call) {
     const std::string resume = "resume_audio_delivery ";
     if (call.starts_with(resume)) {
         const uint64_t id = std::stoull(call.substr(resume.size()));
-        const auto stream = streams_.find(id);
-        if (stream == streams_.end()) {
+        const auto stream = m_streams.find(id);
+        if (stream == m_streams.end()) {
             return;
         }
         stream->second.open = true;
-        if (stream != streams_.begin() && disposals_due_ == 0 && stream->second.delivered == 0) {
+        if (stream != m_streams.begin() && m_disposals_due == 0 && stream->second.delivered == 0) {
             reach(Point::handing_over);
         }
     } else if (call == "notify_playback_error") {
-        ++errors_;
-        disposals_due_ = static_cast<unsigned>(streams_.size());
+        ++m_errors;
+        m_disposals_due = static_cast<unsigned>(m_streams.size());
     } else if (call.starts_with("notify_playback_finished")) {
-        disposals_due_ = 1;
-        ended_ = call.ends_with("true");
-        reach(ended_ ? Point::draining : Point::changing_format);
+        m_disposals_due = 1;
+        m_ended = call.ends_with("true");
+        reach(m_ended ? Point::draining : Point::changing_format);
     }
     wake_up();
 }
 
 void ScriptedSdk::pass() {
-    for (; disposals_due_ > 0 && !streams_.empty(); --disposals_due_) {
-        const uint64_t id = streams_.begin()->first;
-        streams_.erase(id);
-        stream_delegate_.dispose(core_, id, stream_delegate_.context);
+    for (; m_disposals_due > 0 && !m_streams.empty(); --m_disposals_due) {
+        const uint64_t id = m_streams.begin()->first;
+        m_streams.erase(id);
+        m_stream_delegate.dispose(m_core, id, m_stream_delegate.context);
     }
     bool busy = false;
-    for (auto& [id, stream] : streams_) {
-        if (stream.open && !is_seeking_) {
+    for (auto& [id, stream] : m_streams) {
+        if (stream.open && !m_is_seeking) {
             offer(id, stream);
             busy = busy || stream.open;
         }
     }
-    if (!busy && disposals_due_ == 0) {
-        uv_idle_stop(idle_);
+    if (!busy && m_disposals_due == 0) {
+        uv_idle_stop(m_idle);
     }
 }
 
 void ScriptedSdk::offer(uint64_t id, Stream& stream) {
-    static const std::vector<uint8_t> silence(silence_bytes);
+    static const std::vector<uint8_t> silence(kSilenceBytes);
     const bool is_silent = stream.pcm.empty();
     const auto size = static_cast<size_t>(std::min<uint64_t>(
-        stream.size - stream.delivered, is_silent ? silence_bytes : offer_bytes));
+        stream.size - stream.delivered, is_silent ? kSilenceBytes : kOfferBytes));
     const uint8_t* data = is_silent ? silence.data() : &stream.pcm[stream.delivered];
     const size_t taken =
-        size == 0 ? 0 : stream_delegate_.data(core_, id, data, size, stream_delegate_.context);
+        size == 0 ? 0 : m_stream_delegate.data(m_core, id, data, size, m_stream_delegate.context);
     stream.delivered += taken;
-    taken_ += taken / frame_size_of(stream.format);
+    m_taken += taken / frame_size_of(stream.format);
     stream.open = taken == size;
-    if (errors_ > 0) {
+    if (m_errors > 0) {
         return;
     }
     if (stream.delivered == stream.size) {
         stream.open = false;
-        stream_delegate_.finished(core_, id, stream_delegate_.context);
-        if (id == last_id_) {
+        m_stream_delegate.finished(m_core, id, m_stream_delegate.context);
+        if (id == m_last_id) {
             reach(Point::delivered);
         }
-    } else if (!stream.open && id == streams_.begin()->first && !waited_) {
-        waited_ = !is_silent;
+    } else if (!stream.open && id == m_streams.begin()->first && !m_waited) {
+        m_waited = !is_silent;
         reach(Point::waiting);
     }
 }
 
 void ScriptedSdk::reach(Point point) {
-    if (observer_) {
-        observer_(point);
+    if (m_observer) {
+        m_observer(point);
     }
 }
 
 void ScriptedSdk::wake_up() {
-    uv_idle_start(idle_, [](uv_idle_t* idle) { static_cast<ScriptedSdk*>(idle->data)->pass(); });
+    uv_idle_start(m_idle, [](uv_idle_t* idle) { static_cast<ScriptedSdk*>(idle->data)->pass(); });
 }
 
 // The step is not taken once playback has failed.
 void ScriptedSdk::after(unsigned ms, void (*step)(ScriptedSdk&)) {
-    next_step_ = step;
+    m_next_step = step;
     uv_timer_start(
-        timer_,
+        m_timer,
         [](uv_timer_t* timer) {
             auto& sdk = *static_cast<ScriptedSdk*>(timer->data);
-            if (sdk.errors_ == 0) {
-                sdk.next_step_(sdk);
+            if (sdk.m_errors == 0) {
+                sdk.m_next_step(sdk);
             }
         },
         ms, 0);

@@ -14,8 +14,8 @@
 
 #include "media/audio_renderer.h"
 
-inline constexpr nuv_audio_format cd{44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT};
-inline constexpr nuv_audio_format hi_res{96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
+inline constexpr nuv_audio_format kCd{44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT};
+inline constexpr nuv_audio_format kHiRes{96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
 
 struct Track {
     nuv_audio_format format;
@@ -46,7 +46,7 @@ class ScriptedSdk {
     ScriptedSdk& operator=(const ScriptedSdk&) = delete;
 
     // Before play.
-    void at(std::function<void(Point)> observer) { observer_ = std::move(observer); }
+    void at(std::function<void(Point)> observer) { m_observer = std::move(observer); }
     // The first one's start is told as a position in a longer track.
     void play(const std::vector<Track>& tracks, uint64_t position_ms = 0);
     // Pauses now and resumes some time later.
@@ -57,13 +57,13 @@ class ScriptedSdk {
     void seek_to(uint64_t position_ms, uint64_t frames);
 
     // Every stream has been disposed of.
-    bool is_over() const { return streams_.empty(); }
-    unsigned errors() const { return errors_; }           // playback errors reported
-    bool ended() const { return ended_; }                 // the last track was reported finished
-    uint64_t frames_taken() const { return taken_; }      // of all streams
-    uint64_t taken_since_seek() const;                    // of the first one
-    uint64_t frames_skipped() const { return skipped_; }  // by seeks
-    bool is_delivering() const { return uv_is_active(reinterpret_cast<uv_handle_t*>(idle_)) != 0; }
+    bool is_over() const { return m_streams.empty(); }
+    unsigned errors() const { return m_errors; }           // playback errors reported
+    bool ended() const { return m_ended; }                 // the last track was reported finished
+    uint64_t frames_taken() const { return m_taken; }      // of all streams
+    uint64_t taken_since_seek() const;                     // of the first one
+    uint64_t frames_skipped() const { return m_skipped; }  // by seeks
+    bool is_delivering() const { return uv_is_active(reinterpret_cast<uv_handle_t*>(m_idle)) != 0; }
 
     // The frames as the card records them, checked to be in order: each later than the one before.
     static bool is_in_order(const std::vector<uint8_t>& pcm, size_t frame_size);
@@ -86,21 +86,21 @@ class ScriptedSdk {
     void after(unsigned ms, void (*step)(ScriptedSdk&));
 
     static ScriptedSdk* g_current;
-    uv_idle_t* idle_;
-    uv_timer_t* timer_;
-    void (*next_step_)(ScriptedSdk&) = nullptr;
-    nuv_connect* core_;
-    nuv_audio_stream_delegate stream_delegate_;
-    nuv_media_delegate media_;
-    std::map<uint64_t, Stream> streams_;  // by id, in order
-    uint64_t last_id_ = 0;
-    bool is_seeking_ = false;  // nothing is delivered
-    unsigned seek_ms_ = 0;
-    std::function<void(Point)> observer_;
-    bool waited_ = false;
-    unsigned disposals_due_ = 0;
-    unsigned errors_ = 0;
-    bool ended_ = false;
-    uint64_t taken_ = 0;
-    uint64_t skipped_ = 0;
+    uv_idle_t* m_idle;
+    uv_timer_t* m_timer;
+    void (*m_next_step)(ScriptedSdk&) = nullptr;
+    nuv_connect* m_core;
+    nuv_audio_stream_delegate m_stream_delegate;
+    nuv_media_delegate m_media;
+    std::map<uint64_t, Stream> m_streams;  // by id, in order
+    uint64_t m_last_id = 0;
+    bool m_is_seeking = false;  // nothing is delivered
+    unsigned m_seek_ms = 0;
+    std::function<void(Point)> m_observer;
+    bool m_waited = false;
+    unsigned m_disposals_due = 0;
+    unsigned m_errors = 0;
+    bool m_ended = false;
+    uint64_t m_taken = 0;
+    uint64_t m_skipped = 0;
 };

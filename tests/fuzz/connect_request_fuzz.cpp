@@ -40,7 +40,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string body(reinterpret_cast<const char*>(data), size);
     const parsed_connect_request parsed = parse_connect_request(body.c_str());
     if (parsed.document != nullptr) {
-        FUZZ_EXPECT(depth_of(parsed.document.get()) <= CONNECT_REQUEST_MAXIMUM_NESTING);
+        FUZZ_EXPECT(depth_of(parsed.document.get()) <= kConnectRequestMaximumNesting);
     }
     if (parsed.error == nullptr) {
         FUZZ_EXPECT(parsed.document != nullptr);

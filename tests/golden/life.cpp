@@ -209,7 +209,7 @@ int live(Life& life, uint16_t port) {
 
     life.step("a session");
     life.on_loop([&] {
-        play({{hi_res, 10'000}});
+        play({{kHiRes, 10'000}});
         become(NUV_PLAYBACK_STATE_PLAYING);
         media.playback_actions_availability_changed(core, true, media.context);
         media.maximum_audio_quality_changed(core, NUV_AUDIO_QUALITY_CD, media.context);
@@ -277,7 +277,7 @@ int live(Life& life, uint16_t port) {
          {simcard::Op::open, simcard::Op::hw_params, simcard::Op::poll_descriptor_count,
           simcard::Op::poll_descriptors}) {
         life.card().inject({op, ENODEV});
-        life.on_loop([&] { play({{cd, 100}}); });
+        life.on_loop([&] { play({{kCd, 100}}); });
     }
 
     life.step("an SDK that takes no notification");
@@ -288,14 +288,14 @@ int live(Life& life, uint16_t port) {
         "get_playback_state",      "deactivate_and_disconnect_renderer"};
     life.on_loop([&] {
         fail(notifications, NUV_ERROR_INTERNAL);
-        play({{cd, 100}});
+        play({{kCd, 100}});
         media.pause_playback(core, media.context);
         media.resume_playback(core, media.context);
         become(NUV_PLAYBACK_STATE_PLAYING);
         media.stop_playback(core, media.context);
         fail({"notify_playback_initiated"}, NUV_ERROR_INTERNAL);
         config.audio_stream_delegate.dispose(core, 1, config.audio_stream_delegate.context);
-        play({{cd, 100}});
+        play({{kCd, 100}});
     });
     life.settle();
     life.on_loop([&] {
@@ -306,7 +306,7 @@ int live(Life& life, uint16_t port) {
 
     life.step("a track, one behind it, one of another format, and the end");
     life.card().set_speed(4);
-    life.on_loop([&] { play({{cd, 1'500}, {cd, 1'500}, {hi_res, 1'500}}); });
+    life.on_loop([&] { play({{kCd, 1'500}, {kCd, 1'500}, {kHiRes, 1'500}}); });
     life.await("Nothing else to play");
     life.await("Audio stream has been disposed of", 3);
 
@@ -328,7 +328,7 @@ int live(Life& life, uint16_t port) {
         platform->grants_output = false;
         platform->messages[KORA_CURRENT_SOURCE] = "none";
     }
-    life.on_loop([&] { play({{cd, 100}}); });
+    life.on_loop([&] { play({{kCd, 100}}); });
     postEventTo_Nuvio("VOLUME_STATUS");
 
     life.step("the end");

@@ -9,12 +9,12 @@
 
 namespace {
 
-const std::string COMPLETE =
+const std::string kComplete =
     R"({"session_id":"s","jwt_api":{"endpoint":"e1","jwt":"t1","exp":11},)"
     R"("jwt_nconnect":{"endpoint":"e2","jwt":"t2","exp":12},"become_active":true})";
 
 std::string replaced(const std::string& from, const std::string& to) {
-    std::string body = COMPLETE;
+    std::string body = kComplete;
     return body.replace(body.find(from), from.size(), to);
 }
 
@@ -26,7 +26,7 @@ std::string error_of(const std::string& body) {
 TEST(ConnectRequest, ForgivesKeyCaseExtraMembersAndTrailingBytes) {
     EXPECT_EQ(error_of(replaced("session_id", "SESSION_ID")), "none");
     EXPECT_EQ(error_of(replaced("{\"session_id", "{\"other\":[{}],\"session_id")), "none");
-    EXPECT_EQ(error_of(COMPLETE + "]]] trailing" + std::string(100, '[')), "none");
+    EXPECT_EQ(error_of(kComplete + "]]] trailing" + std::string(100, '[')), "none");
     const auto twice = replaced("true", "false,\"Become_Active\":true");
     EXPECT_FALSE(parse_connect_request(twice.c_str()).request.become_active) << "the first counts";
 }
@@ -64,7 +64,7 @@ TEST(ConnectRequest, FirstBrokenRuleIsNamed) {
 }
 
 TEST(ConnectRequest, AnyExpiryBecomesANumberOfSeconds) {
-    constexpr uint64_t MAXIMUM = std::numeric_limits<uint64_t>::max();
+    constexpr uint64_t kMaximum = std::numeric_limits<uint64_t>::max();
     const std::pair<const char*, uint64_t> cases[] = {
         {"1.9", 1},
         {"-0.5", 0},
@@ -73,9 +73,9 @@ TEST(ConnectRequest, AnyExpiryBecomesANumberOfSeconds) {
         {"[1]", 0},
         {"4294967296", 4294967296},
         {"1e19", 10000000000000000000U},
-        {"18446744073709551616", MAXIMUM},
-        {"1e300", MAXIMUM},
-        {"1e999", MAXIMUM},
+        {"18446744073709551616", kMaximum},
+        {"1e300", kMaximum},
+        {"1e999", kMaximum},
     };
     for (const auto& [exp, seconds] : cases) {
         const std::string body = replaced("11", exp);
@@ -90,9 +90,8 @@ TEST(ConnectRequest, DeepNestingIsRefusedButBracketsInTextsAreNot) {
         return replaced("{\"session_id", "{\"x\":" + std::string(depth, '[') +
                                              std::string(depth, ']') + ",\"session_id");
     };
-    EXPECT_EQ(error_of(nested(CONNECT_REQUEST_MAXIMUM_NESTING - 1)), "none");
-    EXPECT_EQ(error_of(nested(CONNECT_REQUEST_MAXIMUM_NESTING)),
-              "connect-to-nconnect: Invalid JSON");
+    EXPECT_EQ(error_of(nested(kConnectRequestMaximumNesting - 1)), "none");
+    EXPECT_EQ(error_of(nested(kConnectRequestMaximumNesting)), "connect-to-nconnect: Invalid JSON");
     EXPECT_EQ(error_of(replaced("\"s\"", "\"\\\"" + std::string(500, '[') + "\"")), "none");
     EXPECT_EQ(error_of("{\"a\\"), "connect-to-nconnect: Invalid JSON");
 }

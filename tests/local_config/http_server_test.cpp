@@ -81,11 +81,11 @@ std::string post(const std::string& body) {
                    "Content-Length: " + std::to_string(body.size()) + "\r\n", body);
 }
 
-const std::string SESSION =
+const std::string kSession =
     R"({"session_id":"s1","jwt_api":{"endpoint":"file:///a","jwt":"t1","exp":11},)"
     R"("jwt_nconnect":{"endpoint":"wss://b","jwt":"t2","exp":12},"become_active":true})";
-constexpr const char* OK = "HTTP/1.1 200 OK";
-constexpr const char* CONNECT_CALL = "connect s1 file:///a t1 11 wss://b t2 12 true";
+constexpr const char* kOk = "HTTP/1.1 200 OK";
+constexpr const char* kConnectCall = "connect s1 file:///a t1 11 wss://b t2 12 true";
 
 class HttpServer : public LoopTest {
   protected:
@@ -129,7 +129,7 @@ class HttpServer : public LoopTest {
     std::string get(const std::string& path) { return exchange(request("GET", path)); }
     // A start after a stop takes effect a little later.
     bool comes_up() {
-        return run_until([&] { return get("/get-connect-info").starts_with(OK); });
+        return run_until([&] { return get("/get-connect-info").starts_with(kOk); });
     }
 
     uint16_t m_port = free_port();
@@ -186,7 +186,7 @@ TEST_F(HttpServer, RefusesWhatItCannotUse) {
     for (const char* host : {"192.168.1.7:8000", "[fe80::1]:8000", "kitchen", "Kitchen-2.local."}) {
         EXPECT_THAT(exchange("GET /get-display-info HTTP/1.1\r\nHost: " + std::string(host) +
                              "\r\nOrigin: http://" + host + "\r\n\r\n"),
-                    StartsWith(OK));
+                    StartsWith(kOk));
     }
     EXPECT_THAT(get("/"), StartsWith("HTTP/1.1 404 "));
     EXPECT_THAT(get("/../../../../etc/hostname"), StartsWith("HTTP/1.1 404 "));
@@ -194,29 +194,29 @@ TEST_F(HttpServer, RefusesWhatItCannotUse) {
 
 TEST_F(HttpServer, BodyMayComeInPiecesAndIsReadAsFarAsItCame) {
     start();
-    std::string body = SESSION;
+    std::string body = kSession;
     const std::string bytes = post(body.insert(1, std::string(65536 - body.size(), ' ')));
     const Peer slow(m_port);
     for (size_t at = 0; at < bytes.size(); at += 13'001) {
         slow.send(bytes.substr(at, 13'001));
         std::this_thread::sleep_for(5ms);
     }
-    EXPECT_THAT(answer_to(slow), StartsWith(OK));
+    EXPECT_THAT(answer_to(slow), StartsWith(kOk));
     const Peer polite(m_port, request("POST", "/connect-to-nconnect",
                                       "Content-Length: 10\r\nExpect: 100-continue\r\n"));
     EXPECT_EQ(polite.receive(25), "HTTP/1.1 100 Continue\r\n\r\n");
     polite.send("{        }");
     EXPECT_THAT(answer_to(polite), StartsWith("HTTP/1.1 400 Bad Request"));
 
-    const std::pair<std::string, const char*> cuts[] = {{SESSION, "200 OK"},
-                                                        {SESSION.substr(0, 50), "400 Bad Request"}};
+    const std::pair<std::string, const char*> cuts[] = {
+        {kSession, "200 OK"}, {kSession.substr(0, 50), "400 Bad Request"}};
     for (const auto& [part, status] : cuts) {
         const Peer cut(m_port,
                        request("POST", "/connect-to-nconnect", "Content-Length: 1000\r\n", part));
         cut.finish_sending();
         EXPECT_THAT(answer_to(cut), StartsWith(std::string("HTTP/1.1 ") + status));
     }
-    EXPECT_THAT(fake_sdk::take_calls(), ElementsAre(CONNECT_CALL, CONNECT_CALL));
+    EXPECT_THAT(fake_sdk::take_calls(), ElementsAre(kConnectCall, kConnectCall));
 }
 
 TEST_F(HttpServer, ResponseThatDoesNotFitIsAnErrorAndTheNextRequestWorks) {
@@ -226,7 +226,7 @@ TEST_F(HttpServer, ResponseThatDoesNotFitIsAnErrorAndTheNextRequestWorks) {
     create(std::string(2048, 'n'));
     start();
     EXPECT_THAT(get("/get-display-info"), StartsWith("HTTP/1.1 500 Internal Server Error"));
-    EXPECT_THAT(get("/get-connect-info"), StartsWith(OK));
+    EXPECT_THAT(get("/get-connect-info"), StartsWith(kOk));
 }
 
 TEST_F(HttpServer, StartRightAfterStopWaitsItsTurnAndAStopInBetweenCancelsIt) {
@@ -265,7 +265,7 @@ TEST_F(HttpServer, PortInUseIsLoggedAndALaterStartWorks) {
 
 TEST_F(HttpServer, StopAnswersARequestThatWaitsForTheLoop) {
     start();
-    for (const std::string& bytes : {post(SESSION), request("GET", "/get-display-info")}) {
+    for (const std::string& bytes : {post(kSession), request("GET", "/get-display-info")}) {
         const Peer peer(m_port, bytes);
         // The loop does not run, so the request waits; its wake-up is stale when the loop goes on.
         std::this_thread::sleep_for(100ms);
@@ -280,10 +280,10 @@ TEST_F(HttpServer, StopAnswersARequestThatWaitsForTheLoop) {
 TEST_F(HttpServer, RequestThatTheLoopHasAnsweredIsFinishedBeforeTheStop) {
     start();
     for (int round = 0; round < 20; ++round) {
-        const Peer peer(m_port, post(SESSION));
+        const Peer peer(m_port, post(kSession));
         ASSERT_TRUE(run_until([] { return !fake_sdk::take_calls().empty(); }));
         stop();
-        EXPECT_THAT(answer_to(peer), StartsWith(OK));
+        EXPECT_THAT(answer_to(peer), StartsWith(kOk));
         start();
         ASSERT_TRUE(comes_up());
     }
@@ -294,13 +294,13 @@ TEST_F(HttpServer, StopsAndStartsAtAnyMomentOfARequest) {
     std::atomic<bool> done = false;
     std::atomic<int> good = 0;
     std::vector<std::future<void>> clients;
-    for (const std::string& bytes : {post(SESSION), request("GET", "/get-display-info")}) {
+    for (const std::string& bytes : {post(kSession), request("GET", "/get-display-info")}) {
         clients.push_back(std::async(std::launch::async, [&, bytes] {
             while (!done) {
                 // Cut off, stopping, or started and not yet complete.
                 const std::string answer = Peer(m_port, bytes).receive().substr(0, 15);
-                EXPECT_THAT(answer, testing::AnyOf("", "HTTP/1.1 500 In", "HTTP/1.1 404 No", OK));
-                good += answer == OK ? 1 : 0;
+                EXPECT_THAT(answer, testing::AnyOf("", "HTTP/1.1 500 In", "HTTP/1.1 404 No", kOk));
+                good += answer == kOk ? 1 : 0;
             }
         }));
     }
@@ -342,7 +342,7 @@ TEST_F(HttpServer, FreeIsQuickAndLeavesNoSocketWhateverThePeersDo) {
 
 TEST_F(HttpServer, LoopSleepsOnceNobodyIsConnected) {
     start();
-    EXPECT_THAT(get("/get-connect-info"), StartsWith(OK));
+    EXPECT_THAT(get("/get-connect-info"), StartsWith(kOk));
     run_for(2s);
     uv_timer_t second;
     uv_timer_init(&loop_, &second);

@@ -4,7 +4,7 @@
 
 namespace {
 
-[[maybe_unused]] const int g_server = [] {
+[[maybe_unused]] const int kServer = [] {
     const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     listen(server, 1);
     return server;

@@ -214,13 +214,13 @@ class ScriptedDevice {
     template <typename Record, typename Function>
     static Function function_of(Function Record::*);
     template <auto kDelegate, Name kName, unsigned kAllowed = any>
-    static constexpr auto* noted =
+    static constexpr auto* kNoted =
         Noted<kDelegate, kName, kAllowed, decltype(function_of(kDelegate))>::call;
 
     static void started(nuv_connect* core, uint64_t id, nuv_audio_stream_info info,
                         uint64_t position_ms, void* context) {
         s_current->pcm_of_stream.resize(std::max<size_t>(s_current->pcm_of_stream.size(), id + 1));
-        noted<&Audio::started, "started">(core, id, info, position_ms, context);
+        kNoted<&Audio::started, "started">(core, id, info, position_ms, context);
     }
     static size_t data(nuv_connect* core, uint64_t id, const void* pcm, size_t size,
                        void* context) {
@@ -228,7 +228,7 @@ class ScriptedDevice {
         EXPECT_EQ(source(id)->state, AUDIO_SOURCE_STATE_STREAMING);
         EXPECT_TRUE(!source(id)->delivery_active || s_current->playing_id() == id);
         const size_t taken =
-            noted<&Audio::data, "(data)", any & ~seeking>(core, id, pcm, size, context);
+            kNoted<&Audio::data, "(data)", any & ~seeking>(core, id, pcm, size, context);
         const auto* const bytes = static_cast<const std::byte*>(pcm);
         for (auto* taker : {&s_current->heard, &s_current->pcm_of_stream[id]}) {
             taker->insert(taker->end(), bytes, bytes + taken);
@@ -240,7 +240,7 @@ class ScriptedDevice {
             fake_sink::state().buffered_frames =
                 s_current->tail_ms * source(id)->format.sample_rate / 1000;
         }
-        noted<&Audio::finished, "finished", any & ~seeking>(core, id, context);
+        kNoted<&Audio::finished, "finished", any & ~seeking>(core, id, context);
         uv_timer_t* end = &s_current->m_renderer->playback_finished_timer->timer;
         if (s_current->holds_hand_over && uv_timer_is_active(end)) {
             uv_timer_start(end, end->timer_cb, 60'000, 0);
@@ -248,21 +248,21 @@ class ScriptedDevice {
     }
     static void seeked(nuv_connect* core, uint64_t id, uint64_t reached_ms, void* context) {
         s_current->pcm_of_stream[id].clear();
-        noted<&Audio::seeked, "seeked", seeking>(core, id, reached_ms, context);
+        kNoted<&Audio::seeked, "seeked", seeking>(core, id, reached_ms, context);
     }
     static void dispose(nuv_connect* core, uint64_t id, void* context) {
         EXPECT_NE(source(id), nullptr);
-        noted<&Audio::dispose, "dispose">(core, id, context);
+        kNoted<&Audio::dispose, "dispose">(core, id, context);
     }
     static void initiate(nuv_connect* core, nuv_playback_state initial, void* context) {
         fake_sink::state().buffered_frames = 0;
-        noted<&Media::initiate_playback, "initiate", stopped>(core, initial, context);
+        kNoted<&Media::initiate_playback, "initiate", stopped>(core, initial, context);
     }
     static void state_changed(nuv_connect* core, nuv_playback_state state, void* context) {
         nuv_playback_state told{};
         EXPECT_EQ(nuv_connect_get_playback_state(core, &told), NUV_ERROR_OK);
         EXPECT_EQ(told, state);
-        noted<&Media::playback_state_changed, "state">(core, state, context);
+        kNoted<&Media::playback_state_changed, "state">(core, state, context);
     }
 
     nuv_connect_config config() const {
@@ -285,22 +285,22 @@ class ScriptedDevice {
         const auto server = [](nuv_connect*, void*) { check_entry<"local server">(); };
         config.local_config_server_delegate = {nullptr, server, server};
         config.audio_stream_delegate = {
-            m_audio.context, started, data,   noted<&Audio::metadata, "metadata">,
+            m_audio.context, started, data,   kNoted<&Audio::metadata, "metadata">,
             finished,        seeked,  dispose};
         config.media_delegate = {
             m_media.context,
             initiate,
-            noted<&Media::pause_playback, "pause", playing>,
-            noted<&Media::resume_playback, "resume", paused>,
-            noted<&Media::stop_playback, "stop", any & ~stopped>,
-            noted<&Media::seek_in_progress, "seek in progress", playing | paused>,
-            noted<&Media::get_playback_position, "(position)">,
-            noted<&Media::volume_changed, "(volume)">,
-            noted<&Media::mute_state_changed, "(mute)">,
+            kNoted<&Media::pause_playback, "pause", playing>,
+            kNoted<&Media::resume_playback, "resume", paused>,
+            kNoted<&Media::stop_playback, "stop", any & ~stopped>,
+            kNoted<&Media::seek_in_progress, "seek in progress", playing | paused>,
+            kNoted<&Media::get_playback_position, "(position)">,
+            kNoted<&Media::volume_changed, "(volume)">,
+            kNoted<&Media::mute_state_changed, "(mute)">,
             state_changed,
-            noted<&Media::maximum_audio_quality_changed, "(quality)">,
-            noted<&Media::playback_controls_changed, "controls">,
-            noted<&Media::playback_actions_availability_changed, "next available">};
+            kNoted<&Media::maximum_audio_quality_changed, "(quality)">,
+            kNoted<&Media::playback_controls_changed, "controls">,
+            kNoted<&Media::playback_actions_availability_changed, "next available">};
         config.renderer_state_delegate = {nullptr, [](nuv_connect*, bool active, void*) {
                                               check_entry<"active">();
                                               s_current->note("active", active);

@@ -10,8 +10,8 @@
 #include "renderer/fake_sink.h"
 #include "renderer/journal.h"
 
-inline constexpr nuv_audio_format cd{44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT};
-inline constexpr size_t cd_second = 44100UL * 2 * 2;  // bytes
+inline constexpr nuv_audio_format kCd{44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT};
+inline constexpr size_t kCdSecond = 44100UL * 2 * 2;  // bytes
 
 class RendererTest : public testing::Test {
   protected:
@@ -37,11 +37,11 @@ class RendererTest : public testing::Test {
         journal::take();
     }
 
-    void start(uint64_t id, nuv_audio_format format = cd, uint64_t position_ms = 0) {
+    void start(uint64_t id, nuv_audio_format format = kCd, uint64_t position_ms = 0) {
         streams.started(core, id, {format, 180000}, position_ms, streams.context);
     }
     size_t offer(uint64_t id, size_t size) {
-        static const std::vector<char> pcm(16 * cd_second);
+        static const std::vector<char> pcm(16 * kCdSecond);
         return streams.data(core, id, pcm.data(), size, streams.context);
     }
     void finish(uint64_t id) { streams.finished(core, id, streams.context); }
@@ -61,7 +61,7 @@ class RendererTest : public testing::Test {
     void play_first_stream(uint64_t heard_ms = 0) {
         start(1);
         initiate();
-        ASSERT_EQ(offer(1, cd_second), cd_second);
+        ASSERT_EQ(offer(1, kCdSecond), kCdSecond);
         hold_ms(1000 - heard_ms);
         journal::take();
     }

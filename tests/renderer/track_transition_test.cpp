@@ -7,7 +7,7 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr nuv_audio_format hi_res{96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
+constexpr nuv_audio_format kHiRes{96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
 
 class TrackTransition : public RendererTest {
   protected:
@@ -155,17 +155,17 @@ TEST_F(PlaybackPosition, TheHostHearsOfEachWholeSecondOnce) {
         return lines;
     };
     // A report comes from inside a delivery, which does not count yet.
-    EXPECT_THAT(reports(cd_second - 4), IsEmpty());
+    EXPECT_THAT(reports(kCdSecond - 4), IsEmpty());
     EXPECT_THAT(reports(4), IsEmpty()) << "999 ms: below one second at first";
-    EXPECT_THAT(reports(cd_second / 2), ElementsAre("host position 1000"));
-    EXPECT_THAT(reports(cd_second), IsEmpty()) << "1500 ms";
+    EXPECT_THAT(reports(kCdSecond / 2), ElementsAre("host position 1000"));
+    EXPECT_THAT(reports(kCdSecond), IsEmpty()) << "1500 ms";
     EXPECT_THAT(reports(400), ElementsAre("host position 2500"));
     position();
     position();
     EXPECT_THAT(journal::take(), ElementsAre("host position 2502", "host position 2502"))
         << "the SDK's own queries always report";
     fake_sink::state().buffered_is_known = false;
-    EXPECT_THAT(reports(2 * cd_second), IsEmpty()) << "not known";
+    EXPECT_THAT(reports(2 * kCdSecond), IsEmpty()) << "not known";
     stop();
     dispose(1);
     start(1);

@@ -42,8 +42,9 @@ class SimcardPcm : public CardTest {
     static std::vector<std::uint8_t> noise(std::size_t bytes) {
         std::mt19937 random(static_cast<unsigned>(bytes));
         std::vector<std::uint8_t> data(bytes);
-        for (std::uint8_t& byte : data)
+        for (std::uint8_t& byte : data) {
             byte = static_cast<std::uint8_t>(random());
+        }
         return data;
     }
 
@@ -71,8 +72,9 @@ class SimcardPcm : public CardTest {
                          snd_pcm_uframes_t buffer = 0) {
         snd_pcm_hw_params_t* params = nullptr;
         snd_pcm_hw_params_alloca(&params);
-        if (const int error = snd_pcm_hw_params_any(pcm, params); error < 0)
+        if (const int error = snd_pcm_hw_params_any(pcm, params); error < 0) {
             return error;
+        }
         EXPECT_EQ(snd_pcm_hw_params_set_access(pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED), 0);
         EXPECT_EQ(snd_pcm_hw_params_set_format(pcm, params, format), 0);
         EXPECT_EQ(snd_pcm_hw_params_set_channels(pcm, params, channels), 0);
@@ -176,10 +178,11 @@ TEST_F(SimcardPcm, UnderrunStopsTheStreamUntilItIsPreparedAgain) {
     const PcmPtr pcm = open();
     for (const bool by_command : {false, true}) {
         ASSERT_EQ(write(pcm, 100), 100);
-        if (by_command)
+        if (by_command) {
             card.underrun();
-        else
+        } else {
             card.play(100);
+        }
         EXPECT_EQ(snd_pcm_avail(pcm.get()), -EPIPE);
         EXPECT_EQ(snd_pcm_state(pcm.get()), SND_PCM_STATE_XRUN);
         EXPECT_EQ(delay(pcm), -EPIPE);
@@ -270,8 +273,9 @@ TEST_F(SimcardPcm, DeviceThatIsGoneIsGoneForTheHandleAndBackForANewOne) {
     EXPECT_EQ(snd_pcm_state(pcm.get()), SND_PCM_STATE_DISCONNECTED);
     for (const long error : {snd_pcm_avail(pcm.get()), delay(pcm), write(pcm, 1),
                              snd_pcm_sframes_t{snd_pcm_prepare(pcm.get())},
-                             snd_pcm_sframes_t{snd_pcm_drain(pcm.get())}})
+                             snd_pcm_sframes_t{snd_pcm_drain(pcm.get())}}) {
         EXPECT_EQ(error, -ENODEV);
+    }
     snd_pcm_t* none = nullptr;
     EXPECT_EQ(snd_pcm_open(&none, "simcard", SND_PCM_STREAM_PLAYBACK, 0), -ENODEV);
 
@@ -317,8 +321,9 @@ TEST_F(SimcardPcm, CommandLineDrivesTheCard) {
     EXPECT_TRUE(control("play", "40"));
     EXPECT_EQ(delay(pcm), 60);
     EXPECT_TRUE(control("fault", "delay EIO 1 2"));
-    for (const long expected : {60, -EIO, -EIO, 60})
+    for (const long expected : {60, -EIO, -EIO, 60}) {
         EXPECT_EQ(delay(pcm), expected);
+    }
     EXPECT_TRUE(control("volume", "40"));
     EXPECT_TRUE(control("volume", "off"));
     EXPECT_EQ(card.volume(), 40);
@@ -327,8 +332,9 @@ TEST_F(SimcardPcm, CommandLineDrivesTheCard) {
     EXPECT_TRUE(control("gone"));
     EXPECT_EQ(delay(pcm), -ENODEV);
     EXPECT_TRUE(shell(SIMCARDCTL " --help"));
-    for (const char* bad : {"fault", "nonsense", "volume -x"})
+    for (const char* bad : {"fault", "nonsense", "volume -x"}) {
         EXPECT_FALSE(control(bad, "delay")) << bad;
+    }
     EXPECT_FALSE(control("create", "--rates 44100,x"));
 }
 

@@ -20,12 +20,12 @@ using Events = std::vector<short>;
 class DescriptorPollerTest : public LoopTest {
   protected:
     ~DescriptorPollerTest() override {
-        for (const int descriptor : descriptors_) {
+        for (const int descriptor : m_descriptors) {
             close(descriptor);
         }
     }
 
-    int keep(int descriptor) { return descriptors_.emplace_back(descriptor); }
+    int keep(int descriptor) { return m_descriptors.emplace_back(descriptor); }
     int new_event() { return keep(eventfd(0, EFD_NONBLOCK)); }
     static void signal(int event) { eventfd_write(event, 1); }
 
@@ -56,7 +56,7 @@ class DescriptorPollerTest : public LoopTest {
     bool stop_on_event_ = true;
 
   private:
-    std::vector<int> descriptors_;
+    std::vector<int> m_descriptors;
 };
 
 TEST_F(DescriptorPollerTest, OnlyTheFiringEntryIsRewrittenAndUnusableEntriesAreLeftOut) {

@@ -30,7 +30,7 @@ namespace {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 constexpr bool has_sanitizer = true;
 #else
-constexpr bool has_sanitizer = false;
+constexpr bool kHasSanitizer = false;
 #endif
 
 // 0 when the kernel does not tell.
@@ -68,8 +68,8 @@ void report(double hours, std::chrono::steady_clock::time_point since, const Pro
 
 // ---- The stream --------------------------------------------------------------------------------
 
-constexpr nuv_audio_format format{192000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
-constexpr unsigned buffer_ms = 400;
+constexpr nuv_audio_format kFormat{192000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
+constexpr unsigned kBufferMs = 400;
 
 // Beyond 2^32 frames, which is 32 GiB, also in the short form.
 double soak_hours() {
@@ -80,7 +80,7 @@ double soak_hours() {
 }
 
 uint64_t frames_at(uint64_t ms) {
-    return format.sample_rate * ms / 1000;
+    return kFormat.sample_rate * ms / 1000;
 }
 
 class LongStream : public CardSessions {
@@ -118,7 +118,7 @@ class LongStream : public CardSessions {
         const uint64_t heard = heard_ms();
         const simcard::Stream card = card_.stream();
         const uint64_t queued = card.written - card.played - card_.counters().frames_dropped;
-        const uint64_t exact_ms = (taken_frames - queued) * 1000 / format.sample_rate;
+        const uint64_t exact_ms = (taken_frames - queued) * 1000 / kFormat.sample_rate;
         // Both terms of the renderer's difference are whole milliseconds.
         ASSERT_GE(heard, exact_ms);
         ASSERT_LE(heard, exact_ms + 1);
@@ -129,7 +129,7 @@ class LongStream : public CardSessions {
         settings.patient = true;
         settings.record = false;
         settings.speed = 100'000;
-        settings.default_buffer_ms = buffer_ms;
+        settings.default_buffer_ms = kBufferMs;
         return settings;
     }
 
@@ -141,9 +141,9 @@ class LongStream : public CardSessions {
 };
 
 TEST_F(LongStream, HoursOfOneStreamAreCountedToTheFrameAndUseNothingUp) {
-    constexpr uint64_t allowed_growth_kib = 256;
+    constexpr uint64_t kAllowedGrowthKib = 256;
     const double hours = soak_hours();
-    const Track track{format, static_cast<uint64_t>(hours * 3'600'000), true};
+    const Track track{kFormat, static_cast<uint64_t>(hours * 3'600'000), true};
     const uint64_t frames = track.frames();
     const auto since = std::chrono::steady_clock::now();
     ScriptedSdk sdk(&loop_, renderer_);
@@ -172,35 +172,35 @@ TEST_F(LongStream, HoursOfOneStreamAreCountedToTheFrameAndUseNothingUp) {
     std::printf("soak: %" PRIu64 " frames, %" PRIu64 " positions checked, %" PRIu64 " reported\n",
                 frames, checks, reports_ - checks);
     // A report from inside a write comes before the write's frames count.
-    EXPECT_LE(furthest_back_ms_, buffer_ms + 1);
+    EXPECT_LE(furthest_back_ms_, kBufferMs + 1);
 
-    EXPECT_GT(checks, frames / format.sample_rate);
+    EXPECT_GT(checks, frames / kFormat.sample_rate);
     EXPECT_EQ(last.threads, settled.threads);
     EXPECT_EQ(last.descriptors, settled.descriptors);
-    if (!has_sanitizer) {
-        EXPECT_LE(last.memory_kib, settled.memory_kib + allowed_growth_kib);
+    if (!kHasSanitizer) {
+        EXPECT_LE(last.memory_kib, settled.memory_kib + kAllowedGrowthKib);
     }
 }
 
 TEST_F(LongStream, PositionsGoOnBeyondThirtyTwoBitsOfMilliseconds) {
-    constexpr uint64_t edge_ms = uint64_t{1} << 32;
-    constexpr Track ten_seconds{format, 10'000, true};
+    constexpr uint64_t kEdgeMs = uint64_t{1} << 32;
+    constexpr Track kTenSeconds{kFormat, 10'000, true};
     ScriptedSdk sdk(&loop_, renderer_);
-    uint64_t start_ms = edge_ms - 5000;
-    std::vector<uint64_t> seeks = {edge_ms / 2 - 5000, 3 * edge_ms - 5000, 1000, edge_ms + 7};
+    uint64_t start_ms = kEdgeMs - 5000;
+    std::vector<uint64_t> seeks = {kEdgeMs / 2 - 5000, 3 * kEdgeMs - 5000, 1000, kEdgeMs + 7};
     sdk.at([&](Point point) {
         if (point != Point::waiting) {
             return;
         }
         check_position(frames_at(start_ms) + sdk.taken_since_seek());
-        if (!seeks.empty() && sdk.taken_since_seek() > ten_seconds.frames() * 9 / 10) {
+        if (!seeks.empty() && sdk.taken_since_seek() > kTenSeconds.frames() * 9 / 10) {
             start_ms = seeks.back();
             seeks.pop_back();
-            sdk.seek_to(start_ms, ten_seconds.frames());
+            sdk.seek_to(start_ms, kTenSeconds.frames());
             ASSERT_EQ(heard_ms(), start_ms);
         }
     });
-    sdk.play({ten_seconds}, start_ms);
+    sdk.play({kTenSeconds}, start_ms);
     run(sdk);
     EXPECT_THAT(seeks, testing::IsEmpty());
 }

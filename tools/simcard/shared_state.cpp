@@ -15,7 +15,7 @@ namespace simcard {
 
 namespace {
 
-constexpr const char* op_names[] = {
+constexpr const char* kOpNames[] = {
     "open",
     "hw_params",
     "prepare",
@@ -38,14 +38,14 @@ constexpr const char* op_names[] = {
     "write_switch",
     "read_event",
 };
-static_assert(std::size(op_names) == kOpCount);
+static_assert(std::size(kOpNames) == kOpCount);
 
 constexpr Watchers kAllWatchers[] = {Watchers::streams, Watchers::controls};
 
 }  // namespace
 
 const char* op_name(Op op) {
-    return op_names[static_cast<std::size_t>(op)];
+    return kOpNames[static_cast<std::size_t>(op)];
 }
 
 int begin_call(OpState& op) {

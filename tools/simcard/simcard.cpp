@@ -23,7 +23,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr const char* plugin_dir_variable = "NUVIO_SIMCARD_PLUGIN_DIR";
+constexpr const char* kPluginDirVariable = "NUVIO_SIMCARD_PLUGIN_DIR";
 constexpr double kFastestSpeed = 1e6;
 
 [[noreturn]] void fail(const std::string& what) {
@@ -150,7 +150,7 @@ std::string alsa_configuration(const fs::path& directory, const std::string& plu
 }
 
 std::string plugin_dir(const char* built) {
-    const char* const installed = std::getenv(plugin_dir_variable);
+    const char* const installed = std::getenv(kPluginDirVariable);
     return installed != nullptr && *installed != '\0' ? installed : built;
 }
 
@@ -458,7 +458,7 @@ std::vector<std::uint8_t> Card::data(const Recording& recording) {
 }
 
 Recording Card::wait_closed(std::chrono::milliseconds timeout) const {
-    constexpr std::chrono::milliseconds pause(5);
+    constexpr std::chrono::milliseconds kPause(5);
     const auto end = std::chrono::steady_clock::now() + timeout;
     for (;;) {
         const std::vector<Recording> all = recordings();
@@ -466,7 +466,7 @@ Recording Card::wait_closed(std::chrono::milliseconds timeout) const {
             return all.back();
         }
         check(std::chrono::steady_clock::now() < end, "the newest recording is still open");
-        std::this_thread::sleep_for(pause);
+        std::this_thread::sleep_for(kPause);
     }
 }
 

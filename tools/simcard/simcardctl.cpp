@@ -24,7 +24,7 @@ namespace {
 using simcard::Card;
 using Arguments = std::vector<std::string>;
 
-constexpr const char* usage_text =
+constexpr const char* kUsageText =
     R"(Usage: simcardctl COMMAND DIR [ARGUMENT...]
 
 Makes and drives a simulated sound card. Programs use the card through ALSA:
@@ -141,9 +141,9 @@ bool parse_switch(const std::string& text) {
 }
 
 simcard::Resume parse_resume(const std::string& text) {
-    constexpr const char* names[] = {"works", "unsupported", "stuck"};
-    for (unsigned i = 0; i < std::size(names); ++i) {
-        if (text == names[i]) {
+    constexpr const char* kNames[] = {"works", "unsupported", "stuck"};
+    for (unsigned i = 0; i < std::size(kNames); ++i) {
+        if (text == kNames[i]) {
             return static_cast<simcard::Resume>(i);
         }
     }
@@ -352,7 +352,7 @@ void run(const std::string& name, const Arguments& arguments) {
 int main(int argc, char** argv) {
     const Arguments arguments(argv + 1, argv + argc);
     if (!arguments.empty() && (arguments[0] == "--help" || arguments[0] == "-h")) {
-        std::fputs(usage_text, stdout);
+        std::fputs(kUsageText, stdout);
         return EXIT_SUCCESS;
     }
     if (!arguments.empty() && arguments[0] == "--version") {
@@ -366,7 +366,7 @@ int main(int argc, char** argv) {
         run(arguments[0], Arguments(arguments.begin() + 1, arguments.end()));
         return EXIT_SUCCESS;
     } catch (const UsageError& error) {
-        std::fprintf(stderr, "simcardctl: %s\n%s", error.what(), usage_text);
+        std::fprintf(stderr, "simcardctl: %s\n%s", error.what(), kUsageText);
         return 2;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "simcardctl: %s\n", error.what());

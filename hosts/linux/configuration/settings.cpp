@@ -231,9 +231,9 @@ void Settings::tell(const std::vector<std::string>& faults) {
 }
 
 const std::string& Settings::get(std::string_view key) const {
-    static const std::string kUnset;
+    static const std::string unset;
     const auto found = m_values.find(key);
-    return found == m_values.end() ? kUnset : found->second;
+    return found == m_values.end() ? unset : found->second;
 }
 
 bool Settings::is_on(std::string_view key) const {

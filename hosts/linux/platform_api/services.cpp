@@ -62,8 +62,8 @@ void NeshHelper::getNetworkStatus(int iface, int* status) {
     *status = Host::instance().network().is_usable(iface) ? 1 : 0;
 }
 
-bool SourceSwitchClient::PlayMySource(const sp<BnSourceSwitchListener>& listener, int sourceType) {
-    return Host::instance().source_switch().request(listener, sourceType);
+bool SourceSwitchClient::PlayMySource(const sp<BnSourceSwitchListener>& listener, int source_type) {
+    return Host::instance().source_switch().request(listener, source_type);
 }
 
 void SourceSwitchClient::UpdatePlayerState(const sp<BnSourceSwitchListener>&, EPlayState state) {

@@ -11,7 +11,7 @@
 namespace {
 
 // Ignored where nobody waits for it, and used by nothing else.
-constexpr int CONNECTION_SIGNAL = SIGURG;
+constexpr int kConnectionSignal = SIGURG;
 
 template <typename Handle>
 connection_guard* guard_of(Handle* handle) {
@@ -25,9 +25,9 @@ connection_guard::connection_guard(uv_loop_t* event_loop, uint16_t port)
     : m_signal(uv_signal_new(event_loop, this)),
       m_timer(uv_timer_new(event_loop, this)),
       m_port(port) {
-    const int rc = uv_signal_start(m_signal, on_connection, CONNECTION_SIGNAL);
+    const int rc = uv_signal_start(m_signal, on_connection, kConnectionSignal);
     NUV_CHECK(rc == 0);
-    signal_connections(port, CONNECTION_SIGNAL);
+    signal_connections(port, kConnectionSignal);
     watch();  // someone may have connected already
 }
 
@@ -47,13 +47,13 @@ void connection_guard::on_tick(uv_timer_t* timer) {
 void connection_guard::watch() {
     m_expects_connections = true;
     if (!uv_timer_is_active(m_timer)) {
-        uv_timer_start(m_timer, on_tick, TICK_MS, TICK_MS);
+        uv_timer_start(m_timer, on_tick, kTickMs, kTickMs);
     }
 }
 
 void connection_guard::look() {
     const uint64_t now = uv_now(m_timer->loop);
-    const uint64_t patience = m_first_seen.size() >= CROWD ? CROWD_PATIENCE_MS : PATIENCE_MS;
+    const uint64_t patience = m_first_seen.size() >= kCrowd ? kCrowdPatienceMs : kPatienceMs;
     std::map<uint64_t, uint64_t> still_open;
     unsigned cut = 0;
     shut_down_connections(m_port, [&](uint64_t id) {

@@ -6,9 +6,9 @@
 // its patience: the worker finds the end of the stream and goes on. What has arrived by then is
 // still read and answered, so a peer that merely had to queue loses nothing.
 //
-// Bounds   PATIENCE_MS for a request from its first byte to its last: a few packets lost on a poor
+// Bounds   kPatienceMs for a request from its first byte to its last: a few packets lost on a poor
 //          wireless link, and less than controllers wait for an answer. Connections age together,
-//          so several bad ones cost no more than one. From CROWD connections on, those without a
+//          so several bad ones cost no more than one. From kCrowd connections on, those without a
 //          request are cut at the next look, some 20 (the library's queue) at a time: a request
 //          that came with its connection is served all the same.
 // Idle     nothing runs while no connection is open. The kernel's signal for a new connection
@@ -24,10 +24,10 @@
 
 class connection_guard {
   public:
-    static constexpr uint64_t PATIENCE_MS = 5'000;
-    static constexpr size_t CROWD = 8;
-    static constexpr uint64_t CROWD_PATIENCE_MS = 200;
-    static constexpr uint64_t TICK_MS = 250;  // between looks
+    static constexpr uint64_t kPatienceMs = 5'000;
+    static constexpr size_t kCrowd = 8;
+    static constexpr uint64_t kCrowdPatienceMs = 200;
+    static constexpr uint64_t kTickMs = 250;  // between looks
 
     // For the server that listens on `port`. Destroy it before the server is stopped.
     connection_guard(uv_loop_t* event_loop, uint16_t port);

@@ -4,12 +4,12 @@
 
 namespace {
 
-class Lock {
+class held_lock {
   public:
-    explicit Lock(uv_mutex_t* mutex) : m_mutex(mutex) { uv_mutex_lock(m_mutex); }
-    ~Lock() { uv_mutex_unlock(m_mutex); }
-    Lock(const Lock&) = delete;
-    Lock& operator=(const Lock&) = delete;
+    explicit held_lock(uv_mutex_t* mutex) : m_mutex(mutex) { uv_mutex_lock(m_mutex); }
+    ~held_lock() { uv_mutex_unlock(m_mutex); }
+    held_lock(const held_lock&) = delete;
+    held_lock& operator=(const held_lock&) = delete;
 
   private:
     uv_mutex_t* m_mutex;
@@ -30,13 +30,13 @@ loop_hand_off::~loop_hand_off() {
 }
 
 loop_hand_off::request::request(loop_hand_off& owner) : m_owner(owner) {
-    const Lock lock(&m_owner.mutex);
+    const held_lock lock(&m_owner.mutex);
     m_owner.handler_is_running = true;
 }
 
 loop_hand_off::request::~request() {
     {
-        const Lock lock(&m_owner.mutex);
+        const held_lock lock(&m_owner.mutex);
         m_owner.handler_is_running = false;
     }
     uv_cond_broadcast(&m_owner.condition);
@@ -44,7 +44,7 @@ loop_hand_off::request::~request() {
 
 bool loop_hand_off::hand_off(uv_async_t* async) {
     {
-        const Lock lock(&mutex);
+        const held_lock lock(&mutex);
         NUV_CHECK(!result_available);
         if (cancelled) {
             return false;
@@ -54,7 +54,7 @@ bool loop_hand_off::hand_off(uv_async_t* async) {
     const int rc = uv_async_send(async);
     NUV_CHECK(rc == 0);
 
-    const Lock lock(&mutex);
+    const held_lock lock(&mutex);
     while (!result_available && (taken || waiting != nullptr)) {
         uv_cond_wait(&condition, &mutex);
     }
@@ -62,7 +62,7 @@ bool loop_hand_off::hand_off(uv_async_t* async) {
 }
 
 bool loop_hand_off::take(const uv_async_t* async) {
-    const Lock lock(&mutex);
+    const held_lock lock(&mutex);
     if (waiting != async) {
         return false;
     }
@@ -73,7 +73,7 @@ bool loop_hand_off::take(const uv_async_t* async) {
 
 void loop_hand_off::report(bool success) {
     {
-        const Lock lock(&mutex);
+        const held_lock lock(&mutex);
         result = success;
         taken = false;
         result_available = true;
@@ -83,7 +83,7 @@ void loop_hand_off::report(bool success) {
 
 void loop_hand_off::cancel() {
     {
-        const Lock lock(&mutex);
+        const held_lock lock(&mutex);
         cancelled = true;
         waiting = nullptr;
     }
@@ -91,14 +91,14 @@ void loop_hand_off::cancel() {
 }
 
 void loop_hand_off::reopen() {
-    const Lock lock(&mutex);
+    const held_lock lock(&mutex);
     cancelled = false;
 }
 
 void loop_hand_off::wait_until_idle(uint64_t patience_ms) {
-    constexpr uint64_t NS_PER_MS = 1'000'000;
-    const uint64_t deadline_ns = uv_hrtime() + patience_ms * NS_PER_MS;
-    const Lock lock(&mutex);
+    constexpr uint64_t kNsPerMs = 1'000'000;
+    const uint64_t deadline_ns = uv_hrtime() + patience_ms * kNsPerMs;
+    const held_lock lock(&mutex);
     while (handler_is_running) {
         const uint64_t now_ns = uv_hrtime();
         if (now_ns >= deadline_ns ||

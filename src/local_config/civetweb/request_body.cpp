@@ -17,7 +17,7 @@ request_body::request_body(mg_connection* connection, uint16_t port)
 
 request_body::~request_body() {
     if (is_unread()) {
-        m_socket->close_gently(LINGER_MS);
+        m_socket->close_gently(kLingerMs);
     }
 }
 

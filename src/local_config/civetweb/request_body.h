@@ -19,7 +19,7 @@
 class request_body {
   public:
     // For a peer that still sends after its answer.
-    static constexpr int LINGER_MS = 1'000;
+    static constexpr int kLingerMs = 1'000;
 
     // `port`: the local one, of the connection.
     request_body(mg_connection* connection, uint16_t port);

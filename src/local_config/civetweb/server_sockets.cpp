@@ -35,10 +35,10 @@ uint16_t port_of(const sockaddr_storage& address) {
     }
 }
 
-using AddressOf = int (*)(int, sockaddr*, socklen_t*);
+using address_call = int (*)(int, sockaddr*, socklen_t*);
 
 // Port of one end, with getsockname or getpeername; 0 when there is none.
-uint16_t port_of(int fd, AddressOf address_of) {
+uint16_t port_of(int fd, address_call address_of) {
     sockaddr_storage address{};
     socklen_t size = sizeof(address);
     const bool known = address_of(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0;
@@ -54,13 +54,13 @@ int socket_option(int fd, int option) {
 // The number in "socket:[4711]", which the kernel tells without asking anybody; none where the link
 // names anything else. (To follow it would ask the server of a file on the network.)
 std::optional<uint64_t> socket_number(DIR* directory, const dirent* entry) {
-    constexpr std::string_view SOCKET = "socket:[";
+    constexpr std::string_view kSocket = "socket:[";
     std::array<char, 64> link{};
     const ssize_t length = readlinkat(dirfd(directory), entry->d_name, link.data(), link.size());
     const std::string_view text(link.data(), length < 0 ? 0 : static_cast<size_t>(length));
-    return text.starts_with(SOCKET) && text.ends_with(']')
+    return text.starts_with(kSocket) && text.ends_with(']')
                ? nuvio::to_number<uint64_t>(
-                     text.substr(SOCKET.size(), text.size() - SOCKET.size() - 1))
+                     text.substr(kSocket.size(), text.size() - kSocket.size() - 1))
                : std::nullopt;
 }
 

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr uint64_t LAST_ANSWER_PATIENCE_MS = 1'000;
+constexpr uint64_t kLastAnswerPatienceMs = 1'000;
 
 int http_server_on_civetweb_log_message(const mg_connection*, const char* message) {
     app_log(LOG_LEVEL_ERROR, "[Civetweb] %s", message);
@@ -22,11 +22,11 @@ int http_server_on_civetweb_log_message(const mg_connection*, const char* messag
 // without its listener where that could not be started: connections would be taken by the kernel
 // and answered by nobody.
 bool threads_can_be_had() {
-    constexpr size_t LISTENER_AND_WORKER = 2;
+    constexpr size_t kListenerAndWorker = 2;
     uv_sem_t end;
     int rc = uv_sem_init(&end, 0);
     NUV_CHECK(rc == 0);
-    std::array<uv_thread_t, LISTENER_AND_WORKER> threads{};
+    std::array<uv_thread_t, kListenerAndWorker> threads{};
     const auto wait = [](void* until) { uv_sem_wait(static_cast<uv_sem_t*>(until)); };
     size_t started = 0;
     while (started < threads.size() && uv_thread_create(&threads[started], wait, &end) == 0) {
@@ -131,7 +131,7 @@ void web_server::stop() {
 void web_server::stop_context(void* data) {
     auto* self = static_cast<web_server*>(data);
     shut_down_server_sockets(self->m_listening_port);
-    self->m_hand_off.wait_until_idle(LAST_ANSWER_PATIENCE_MS);
+    self->m_hand_off.wait_until_idle(kLastAnswerPatienceMs);
     mg_stop(self->m_context);
     close_server_sockets(self->m_listening_port);
     const int rc = uv_async_send(self->m_on_stopped.get());

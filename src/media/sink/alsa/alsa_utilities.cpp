@@ -72,7 +72,7 @@ int open_playback_pcm(pcm_ptr& pcm, const char* device) {
         into.reset(result < 0 ? nullptr : handle);
         return result;
     };
-    const int rc = bounded_call(opened, open, alsa_open_patience);
+    const int rc = bounded_call(opened, open, kAlsaOpenPatience);
     if (rc >= 0) {
         pcm = std::move(opened);
     }

@@ -17,17 +17,17 @@
 #include <utility>
 
 // How long a call may hold the loop, from the moment at which it is begun.
-inline constexpr std::chrono::milliseconds alsa_call_patience{100};
+inline constexpr std::chrono::milliseconds kAlsaCallPatience{100};
 // The same for the opening of a device, which may have to be woken.
-inline constexpr std::chrono::milliseconds alsa_open_patience{1000};
+inline constexpr std::chrono::milliseconds kAlsaOpenPatience{1000};
 // How long a busy machine may take to begin it.
-inline constexpr std::chrono::milliseconds alsa_thread_patience{1000};
+inline constexpr std::chrono::milliseconds kAlsaThreadPatience{1000};
 
 // Runs `call` with the handle. Its result; -ETIMEDOUT when it did not return in time: the handle is
 // then null here and is freed over there when the call returns.
 template <typename Handle, typename Call>
 int bounded_call(Handle& handle, Call call,
-                 std::chrono::milliseconds patience = alsa_call_patience) {
+                 std::chrono::milliseconds patience = kAlsaCallPatience) {
     struct shared {
         std::mutex mutex;
         std::condition_variable news;
@@ -59,7 +59,7 @@ int bounded_call(Handle& handle, Call call,
         run();
     }
     std::unique_lock lock(record->mutex);
-    record->news.wait_for(lock, alsa_thread_patience, [&] { return record->has_begun; });
+    record->news.wait_for(lock, kAlsaThreadPatience, [&] { return record->has_begun; });
     if (!record->news.wait_for(lock, patience, [&] { return record->result.has_value(); })) {
         record->is_given_up = true;
         return -ETIMEDOUT;
