@@ -23,6 +23,7 @@ import wave
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tools/run"))
 import own_device  # noqa: E402
+import sound_servers  # noqa: E402
 from own_device import end, wait_for  # noqa: E402
 
 OWN_DAEMON = pathlib.Path(__file__).resolve().parents[1] / "tools/run/own_daemon.sh"
@@ -149,6 +150,36 @@ class Card:
     def recordings(self):
         """What was played, a stretch of bytes from one opening to the next."""
         return [path.read_bytes() for path in sorted((self.folder / "recordings").glob("*.raw"))]
+
+
+class ServerCard:
+    """A sound server of its own, in the place of a card; a context manager."""
+
+    def __init__(self, lab, kind, rate, bits, period_us):
+        folder = lab.new_folder("server")
+        defaults = f"defaults.pcm.minperiodtime {period_us}\n" if period_us else ""
+        self.server = kind(folder, rate, "s16le" if bits == 16 else "s24-32le", defaults)
+        self.bus = Bus(folder)
+        self.server.environment["DBUS_SESSION_BUS_ADDRESS"] = self.bus.address
+
+    def __enter__(self):
+        self.server.start()
+        return self
+
+    def __exit__(self, *error):
+        self.server.kill()
+        self.bus.end()
+
+    def environment(self, tool=False):
+        own_bus = () if tool else ("DBUS_SESSION_BUS_ADDRESS",)
+        return {name: value for name, value in self.server.environment.items()
+                if name not in own_bus}
+
+    def state(self):
+        return "RUNNING" if self.server.pactl("list", "short", "sink-inputs") else "SETUP"
+
+    def underruns(self):
+        return 0  # a server keeps them to itself
 
 
 # ---- Players ------------------------------------------------------------------------------------

@@ -15,20 +15,23 @@ import subprocess
 import threading
 import time
 
-from lab import (Aplay, Device, Mpd, Window, cpu_ns, end, memory_kb, one_second, read_once, to_flac,
+from lab import (Aplay, Device, Mpd, ServerCard, Window, cpu_ns, end, memory_kb, one_second, read_once, sound_servers, to_flac,
                  wait_for, write_wav)
 import raw_websocket  # noqa: I001  lab has told where it is
 from web_server import WebServer
 
 # A ring buffer of one second, as sound cards have: a program without wishes gets periods of 125 ms,
-# which is what aplay asks for.
+# which is what aplay asks for. The device fills it when half has played, and wakes for its room.
 CARD = ("--buffer", "1000")
-PERIODS_PER_SECOND = 8
+WAKEUPS_PER_SECOND = 4
 # s from one turn of the local core's decoder to the next, at 44.1/16: a window of this length holds one
 # turn, wherever it begins.
 DECODER_TURN = 3.715
 SETTLED = 4  # s after which a player has shown the track and kept its settings
 LOOP_THREAD = "NuvioConnectSta"  # as its name is cut by the kernel
+# What an ALSA configuration of the device's own sets as the shortest period by default, in us: the
+# plug-ins of the sound servers then ask for less of their servers' attention.
+LONG_PERIOD_US = 125_000
 SHORT_PERIODS_CARD = ("--buffer", "400")
 
 CD = (44100, 16)
@@ -123,8 +126,8 @@ def playing(lab, music, rounds, seconds):
     by_thread = {name: statistics.median(window.by_thread.get(name, 0) for window in ours)
                  for name in sorted(ours[0].by_thread)}
     loop = by_thread[LOOP_THREAD]
-    yield Row("wake-ups a second, playing, the loop's thread", f"<= {PERIODS_PER_SECOND} periods + 1",
-              f"{loop:.1f}", loop <= PERIODS_PER_SECOND + 1.05)
+    yield Row("wake-ups a second, playing, the loop's thread", f"<= {WAKEUPS_PER_SECOND} + 1",
+              f"{loop:.1f}", loop <= WAKEUPS_PER_SECOND + 1.05)
     threads = ", ".join(f"{name} {count:.1f}" for name, count in by_thread.items() if count >= 0.1)
     yield Row("... all threads", "", f"{median_of(ours, 'wakeups'):.1f} ({threads})")
     dirty = max(window.dirty_kb for window in ours)
@@ -172,6 +175,31 @@ def idle(lab, seconds):
     yield Row("wake-ups a second, idle, all threads", "<= 1",
               f"{window.wakeups:.1f} ({threads})", window.wakeups <= 1)
     yield Row("CPU idle", "", f"{window.cpu_ms:.3f} ms a second")
+
+
+def on_servers(lab, music, seconds):
+    """With ALSA's stock defaults, and with longer periods by its configuration."""
+    for kind in (sound_servers.PulseAudio, sound_servers.PipeWire):
+        for period_us in (None, LONG_PERIOD_US):
+            means = {}
+            for player in (Device, Aplay, Mpd):
+                windows = []
+                for format in (CD, HI_RES):
+                    with (ServerCard(lab, kind, *format, period_us) as card,
+                          player(lab, card) as running):
+                        running.play(music.wav[format])
+                        time.sleep(SETTLED)
+                        windows.append(Window(running.pid, seconds))
+                        running.stop()
+                means[player] = statistics.mean(window.cpu_ms for window in windows)
+                wakeups = ", ".join(f"{window.wakeups:.0f}" for window in windows)
+                yield Row(f"{kind.plug_in}, {'stock' if period_us is None else 'long'} periods, "
+                          f"{player.name}: wake-ups a second at 44.1/16 and 192/24, of all threads",
+                          "", wakeups)
+            ours, others = means[Device], means[Aplay]
+            yield Row("... CPU per second of audio, mean of both", "<= aplay" if period_us else "",
+                      f"{ours:.2f} ms, aplay {others:.2f} ms, mpd {means[Mpd]:.2f} ms",
+                      ours <= others if period_us else None)
 
 
 # ---- The way of a sample ------------------------------------------------------------------------

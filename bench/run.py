@@ -28,6 +28,7 @@ def measurements(lab, options):
     return {
         "playing": lambda: rows.playing(lab, music, rounds, window),
         "network": lambda: rows.network(lab, music, 1 if quick else 3),
+        "servers": lambda: rows.on_servers(lab, music, 5 if quick else 10),
         "instructions": lambda: rows.instructions(lab, 3, 5 if quick else 9),
         "offers": lambda: rows.offers(lab, music),
         "system-calls": lambda: rows.system_calls(lab, music, 3),

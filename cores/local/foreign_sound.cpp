@@ -6,10 +6,22 @@ namespace local_core {
 
 namespace {
 
+// Beside the core's own library, else where libraries are.
+void* load_module() {
+    Dl_info own{};
+    std::string path;
+    if (dladdr(reinterpret_cast<void*>(&load_module), &own) != 0 && own.dli_fname != nullptr) {
+        path = own.dli_fname;
+        path = path.substr(0, path.rfind('/') + 1) + kForeignSoundModule;
+    }
+    void* const module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    return module != nullptr ? module : dlopen(kForeignSoundModule, RTLD_NOW | RTLD_LOCAL);
+}
+
 // Loaded once, for good: decoders of it may be left behind with a thread that hangs.
 OpenForeignSound* module_function() {
     static OpenForeignSound* const function = [] {
-        void* const module = dlopen(kForeignSoundModule, RTLD_NOW | RTLD_LOCAL);
+        void* const module = load_module();
         void* const symbol = module != nullptr ? dlsym(module, kForeignSoundFunction) : nullptr;
         return reinterpret_cast<OpenForeignSound*>(symbol);
     }();

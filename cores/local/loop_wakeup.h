@@ -19,8 +19,9 @@ namespace local_core {
 template <typename Handle>
 struct LoopHandleCloser {
     void operator()(Handle* handle) const {
-        uv_close(reinterpret_cast<uv_handle_t*>(handle),
-                 [](uv_handle_t* closed) { delete reinterpret_cast<Handle*>(closed); });
+        uv_close(reinterpret_cast<uv_handle_t*>(handle), [](uv_handle_t* closed) {
+            delete static_cast<Handle*>(static_cast<void*>(closed));
+        });
     }
 };
 template <typename Handle>

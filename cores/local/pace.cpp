@@ -16,6 +16,7 @@ constexpr milliseconds kSettling{300};
 constexpr milliseconds kRetry{20};
 constexpr milliseconds kLongestWait{1000};
 constexpr uint64_t kShortOutputMs = 200;  // filled as soon as there is room
+constexpr uint64_t kReserveMs = 500;      // that stays in the output, for a machine that is busy
 constexpr uint64_t kMeasurableMs = 100;
 // The end of the track is near: the device runs on by itself.
 constexpr double kNoMoreLooksMs = 1300;
@@ -51,9 +52,10 @@ void Pace::fill(uint64_t delivered_ms, uint64_t heard_ms, Time now) {
     }
     m_full = {heard_ms, now};
     if (!m_is_short) {
-        const FloatMs half(static_cast<double>(held_ms) / 2);
+        const uint64_t spare_ms = held_ms - std::min(held_ms, kReserveMs);
+        const FloatMs wait(static_cast<double>(std::max(spare_ms, held_ms / 4)));
         m_offer_at = now + std::chrono::duration_cast<Clock::duration>(
-                               std::min<FloatMs>(half, kLongestWait) / m_rate);
+                               std::min<FloatMs>(wait, kLongestWait) / m_rate);
     }
 }
 

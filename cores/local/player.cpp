@@ -21,7 +21,7 @@ constexpr int kMaxUnreachable = 3;
 }  // namespace
 
 Player::Player(const PlayerDelegates& delegates, Control& control,
-               std::shared_ptr<const Logger> logger, std::function<void()> on_news)
+               const std::shared_ptr<const Logger>& logger, std::function<void()> on_news)
     : m_delegates(delegates),
       m_logger(logger),
       m_streams(delegates, control, logger, std::move(on_news)) {}
@@ -105,7 +105,7 @@ void Player::go_back(const Command&) {
     const bool is_heard = m_playback.is_active() && !m_playback.replaces_streams();
     uint64_t position_ms = m_playback.seek_goal_ms().value_or(0);
     if (is_heard && !m_playback.seek_goal_ms()) {
-        position_ms = heard_ms();
+        position_ms = m_streams.heard_position_ms();
     }
     if (position_ms <= kRestartAfterMs && m_session->previous()) {
         m_goes_backwards = true;
@@ -218,6 +218,21 @@ void Player::consider_failure(const Stream& stream) {
     }
 }
 
+// An output that went during a pause or a seek (a sound server that was restarted) is opened anew,
+// and the track goes on at its place; not twice without sound between.
+bool Player::begin_anew() {
+    const auto place_ms = std::exchange(m_resumed_ms, std::nullopt);
+    if (!place_ms || m_playback.is_to_stop() || !m_session) {
+        return false;
+    }
+    if (std::exchange(m_has_begun_anew, true)) {
+        return false;
+    }
+    skip_to(m_session->current());
+    m_playback.set_seek_goal_ms(*place_ms);
+    return true;
+}
+
 // When nothing of the track was taken it may be its format, and the next one may be played. False
 // when the renderer can play none: the session is then where it was.
 bool Player::pass_over_refused() {
@@ -254,6 +269,9 @@ nuv_error Player::playback_paused() {
 }
 
 nuv_error Player::playback_resumed() {
+    if (m_streams.current() != nullptr) {
+        m_resumed_ms = m_streams.delivered_position_ms();
+    }
     m_pace.begin(Pace::Clock::now());
     return m_playback.confirm_resumed();
 }
@@ -265,7 +283,7 @@ nuv_error Player::playback_error() {
     m_logger->write(LogLevel::error, kAudioStreamManager, "The renderer reports a playback error");
     m_playback.forget_seek_goal();
     note_trouble({"playback_failed", std::nullopt, "the sound card can't play"});
-    if (!pass_over_refused()) {
+    if (!begin_anew() && !pass_over_refused()) {
         m_playback.set_goal(NUV_PLAYBACK_STATE_STOPPED);
     }
     return m_playback.confirm_stopped();

@@ -49,8 +49,8 @@ struct Trouble {
 class Player {
   public:
     // `on_news` comes from a decoding thread: the next pass has something to do.
-    Player(const PlayerDelegates& delegates, Control& control, std::shared_ptr<const Logger> logger,
-           std::function<void()> on_news);
+    Player(const PlayerDelegates& delegates, Control& control,
+           const std::shared_ptr<const Logger>& logger, std::function<void()> on_news);
     // Calls no delegate.
     ~Player();
     Player(const Player&) = delete;
@@ -139,6 +139,7 @@ class Player {
     bool pass_over_refused();
     void note_trouble(Trouble trouble);
     void consider_failure(const Stream& stream);
+    bool begin_anew();
     TrackPlace place_of(size_t track) const { return {track, m_session_count}; }
 
     const PlayerDelegates m_delegates;
@@ -164,6 +165,9 @@ class Player {
     StreamQueue m_streams;
     Pace m_pace;
     Pace::Time m_paused_at;
+    // Where sound begins after a pause or a seek, until the renderer takes something.
+    std::optional<uint64_t> m_resumed_ms;
+    bool m_has_begun_anew = false;  // without sound since
 };
 
 }  // namespace local_core

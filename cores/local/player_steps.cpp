@@ -195,6 +195,7 @@ bool Player::end_seek() {
     }
     m_playback.end_seek();
     ++m_seek_count;
+    m_resumed_ms = m_playback.seek_target_ms();
     m_pace.begin(Pace::Clock::now());
     // A frame lies between two milliseconds: where it is the one that was asked for, so is its
     // position, and the renderer counts on from there exactly.
@@ -319,6 +320,8 @@ void Player::deliver_one(Role role, bool* has_more) {
     const StreamQueue::Offered offered = m_streams.offer(role);
     if (offered.taken_bytes > 0) {
         m_refused_count = 0;
+        m_resumed_ms.reset();
+        m_has_begun_anew = false;
     }
     if (offered.is_at_end) {
         if (is_end_to_wait(role)) {

@@ -138,7 +138,8 @@ nuv_error Session::edit(QueueEdit& edit) {
         &Session::replace, &Session::insert, &Session::remove, &Session::move, &Session::jump};
     const nuv_error error = check(edit);
     if (error == NUV_ERROR_OK) {
-        (this->*kChanges[static_cast<size_t>(edit.kind)])(edit);
+        const auto change = kChanges[static_cast<size_t>(edit.kind)];
+        (this->*change)(edit);
         m_revision += edit.kind != QueueEdit::Kind::jump ? 1 : 0;
         look_around();
     }

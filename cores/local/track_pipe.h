@@ -35,6 +35,9 @@ struct PcmBlock {
     size_t size_bytes = 0;
 };
 
+class TrackWork;
+struct CrewShared;
+
 class TrackPipe {
   public:
     static constexpr size_t kBlockBytes = size_t{64} << 10;
@@ -79,10 +82,9 @@ class TrackPipe {
 
   private:
     friend class DecodeCrew;
-    class Work;
-    explicit TrackPipe(std::shared_ptr<Work> work);
+    explicit TrackPipe(std::shared_ptr<TrackWork> work);
 
-    const std::shared_ptr<Work> m_work;
+    const std::shared_ptr<TrackWork> m_work;
 };
 
 // The threads of one core's pipes. Pipes must be gone before it.
@@ -105,9 +107,7 @@ class DecodeCrew {
     std::unique_ptr<TrackPipe> open(Track track);
 
   private:
-    friend class TrackPipe;
-    struct Shared;
-    const std::shared_ptr<Shared> m_shared;
+    const std::shared_ptr<CrewShared> m_shared;
 };
 
 }  // namespace local_core

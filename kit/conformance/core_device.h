@@ -16,6 +16,7 @@
 #include <initializer_list>
 #include <map>
 #include <mutex>
+#include <random>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -120,11 +121,14 @@ class Device {
     // Frames still to be taken; more are refused. No number: all.
     void take_only(uint64_t frames) { m_allowance = frames; }
     void take_all() { m_allowance = UINT64_MAX; }
+    // From now on some of each offer.
+    void take_at_random() { m_at_random = true; }
     // Opens delivery after a short count, as room in the card does, at once from now on or on call.
     void resume_by_itself(bool yes) { m_resumes = yes; }
     void resume_delivery();
-    // The card fails: playback ends with an error.
+    // The card fails, at once or in the next offer: playback ends with an error.
     void fail();
+    void fail_in_an_offer() { m_fails = true; }
 
     const std::map<uint64_t, Track>& tracks() const { return m_tracks; }
     uint64_t taken() const { return m_taken; }  // bytes, of all streams
@@ -205,6 +209,9 @@ class Device {
     bool m_next_available = false;
     uint64_t m_allowance = UINT64_MAX;
     uint64_t m_taken = 0;
+    bool m_at_random = false;
+    bool m_fails = false;
+    std::minstd_rand m_random;
     bool m_resumes = true;
 };
 

@@ -121,7 +121,14 @@ size_t Device::on_data(uint64_t id, const void* data, size_t size) {
     }
     size_t taken = 0;
     if (offered->open && id == m_playing && m_phase == Phase::playing) {
-        const uint64_t frames = std::min<uint64_t>(size / offered->frame_bytes(), m_allowance);
+        if (std::exchange(m_fails, false)) {
+            fail();
+            return 0;
+        }
+        uint64_t frames = std::min<uint64_t>(size / offered->frame_bytes(), m_allowance);
+        if (m_at_random && m_random() % 3 == 0) {
+            frames = m_random() % (frames + 1);
+        }
         m_allowance -= m_allowance == UINT64_MAX ? 0 : frames;
         taken = frames * offered->frame_bytes();
     } else if (offered->open) {

@@ -134,7 +134,7 @@ class Alerts : public IKoraAlerts {
     void MessageBoxAlert(uint16_t, uint16_t, uint32_t) override {}
     std::shared_ptr<std::atomic<bool>> gone() const { return m_gone; }
 
-    std::function<void(int)> on_alert;  // before it is registered
+    std::function<void(int)> on_alert;  // set while nothing is on its way
 
   private:
     const std::shared_ptr<Record> m_record;
@@ -315,9 +315,20 @@ std::string check_listeners() {
     write_other_state(kora);
     expect(record->await(KORA_PLAY_STATE), "a listener is not told of a change of message 51");
     expect(!record->on_own_thread(), "a listener is told from inside a call");
+    // Of three changes the first is being taken when it leaves: the others come no more.
+    std::atomic<bool> taken{false};
+    alerts->on_alert = [&taken](int) {
+        taken = true;
+        std::this_thread::sleep_for(kQuiet);
+    };
+    for (int i = 0; i < 3; ++i) {
+        write_other_state(kora);
+    }
+    expect(comes([&] { return taken.load(); }), "no notification");
     kora.unregisterListener(alerts, ids);
-    const size_t told = record->ids().size();
+    const size_t told = record->ids().size() + 1;
     write_other_state(kora);
+    std::this_thread::sleep_for(2 * kQuiet);
     std::this_thread::sleep_for(kQuiet);
     expect(record->ids().size() == told, "a listener that has left is still told");
     expect(others->ids().empty(), "a listener is told of an id that it did not name");

@@ -3,6 +3,7 @@
 #include <avahi-client/client.h>
 #include <avahi-common/error.h>
 #include <avahi-common/simple-watch.h>
+#include <cjson/cJSON.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include <string_view>
 
 #include "common/number.h"
+#include "common/released_by.h"
 #include "common/unique_fd.h"
 #include "diagnostics/finding.h"
 #include "diagnostics/port_check.h"
@@ -127,6 +129,14 @@ Finding checkAvahi() {
                             (host == nullptr ? "this machine" : host));
 }
 
+constexpr std::array kChecks = {checkSettings, check_output, check_mixer, checkBus, checkAvahi};
+
+// The findings say it all.
+void beQuiet() {
+    silence_alsa();
+    log_silence();
+}
+
 bool report(const Finding& finding) {
     std::printf("%-4s  %-8s  %s\n", finding.ok ? "ok" : "FAIL", finding.subject,
                 finding.text.c_str());
@@ -137,10 +147,28 @@ bool report(const Finding& finding) {
 }  // namespace
 
 int runSelfCheck() {
-    silence_alsa();  // the findings say it all
-    log_silence();
-    constexpr std::array kChecks = {checkSettings, check_output, check_mixer, checkBus, checkAvahi};
+    beQuiet();
     const auto failed =
         std::ranges::count_if(kChecks, [](Finding (*check)()) { return !report(check()); });
     return failed == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
+}
+
+int runSelfCheckForPrograms() {
+    beQuiet();
+    const std::unique_ptr<cJSON, nuvio::ReleasedBy<cJSON_Delete>> answer(cJSON_CreateObject());
+    bool ok = true;
+    cJSON* const checks = cJSON_AddArrayToObject(answer.get(), "checks");
+    for (Finding (*check)() : kChecks) {
+        const Finding finding = check();
+        ok = ok && finding.ok;
+        cJSON* const entry = cJSON_CreateObject();
+        cJSON_AddStringToObject(entry, "subject", finding.subject);
+        cJSON_AddBoolToObject(entry, "ok", finding.ok);
+        cJSON_AddStringToObject(entry, "text", finding.text.c_str());
+        cJSON_AddItemToArray(checks, entry);
+    }
+    cJSON_AddBoolToObject(answer.get(), "ok", ok);
+    const std::unique_ptr<char, nuvio::ReleasedBy<cJSON_free>> text(
+        cJSON_PrintUnformatted(answer.get()));
+    return text != nullptr && std::puts(text.get()) >= 0 && ok ? EXIT_SUCCESS : EXIT_FAILURE;
 }

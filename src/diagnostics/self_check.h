@@ -6,3 +6,6 @@
 // and what there is, or "FAIL", what is missing and what to do. Plays nothing and changes nothing.
 // Returns the process's exit status, EXIT_FAILURE when a line says FAIL. The main thread's.
 int runSelfCheck();
+
+// The same as one line of JSON at the end: {"checks":[{"subject","ok","text"},...],"ok":...}.
+int runSelfCheckForPrograms();

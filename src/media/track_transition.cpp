@@ -93,7 +93,9 @@ audio_renderer* playing_renderer_of(uv_timer_t* timer, const char* point,
 // that is asked then has underrun.
 bool is_late(audio_renderer* self) {
     const uint64_t expected = uv_timer_get_due_in(&self->playback_finished_timer->timer);
-    return audio_renderer_get_buffered_duration(self) > expected + tolerated_lateness_ms;
+    const uint64_t rest = audio_renderer_get_buffered_duration(self);
+    const bool stands_still = self->is_late && rest >= self->awaited_rest;
+    return rest > expected + tolerated_lateness_ms && !stands_still;
 }
 
 // The device was late before. One that has not moved at all since is waited for no longer, and

@@ -19,7 +19,8 @@ namespace {
 constexpr int kUsageError = 2;
 
 constexpr char kUsage[] =
-    "Usage: nuvio-connect [--setup [--card NAME] | --check | --list-devices | --help | --version]\n"
+    "Usage: nuvio-connect [--setup [--card NAME] | --check [--json] | --list-devices | --help |\n"
+    "                     --version]\n"
     "\n"
     "Makes this device a Nuvio Connect renderer: controllers on the local network\n"
     "discover it and play on it. Runs until SIGTERM or SIGINT.\n"
@@ -27,7 +28,8 @@ constexpr char kUsage[] =
     "  --setup         make an output that plays right on the sound card, set it, and check;\n"
     "                  --card NAME says on which one, where there are several\n"
     "  --check         say whether this machine has what the service needs, and what\n"
-    "                  to do where it has not; exit status 0 when all is well\n"
+    "                  to do where it has not; exit status 0 when all is well; with\n"
+    "                  --json as one line of JSON\n"
     "  --list-devices  show the sound devices and mixer elements there are to choose from\n"
     "  --help          show this text\n"
     "  --version       show the version\n"
@@ -53,15 +55,19 @@ int serve() {
     return runService();
 }
 
-// What is wrong with the settings file is said by whoever reads it.
-int check() {
-    openSystemLog(SystemLog::onStderrToo);
-    return runSelfCheck();
-}
-
 int refuse(const char* argument) {
     std::fprintf(stderr, "nuvio-connect: unknown option '%s'\n\n%s", argument, kUsage);
     return kUsageError;
+}
+
+// Without words behind it, or with "--json". What is wrong with the settings file is said by
+// whoever reads it.
+int check(int count, char** words) {
+    if (count > 1 || (count == 1 && std::string_view(words[0]) != "--json")) {
+        return refuse(words[count - 1]);
+    }
+    openSystemLog(SystemLog::onStderrToo);
+    return count == 1 ? runSelfCheckForPrograms() : runSelfCheck();
 }
 
 // Without words behind it, or with "--card NAME".
@@ -86,7 +92,6 @@ struct Option {
 };
 
 constexpr std::array kOptions = {
-    Option{"--check", check},
     Option{"--list-devices", listDevices},
     Option{"--help", showHelp},
     Option{"--version", showVersion},
@@ -113,6 +118,9 @@ int main(int argc, char** argv) {
     }
     if (std::string_view(argv[1]) == "--setup") {
         return setUp(argc - 2, argv + 2);
+    }
+    if (std::string_view(argv[1]) == "--check") {
+        return check(argc - 2, argv + 2);
     }
     const auto option = std::ranges::find(kOptions, argv[1], &Option::name);
     if (option == kOptions.end()) {

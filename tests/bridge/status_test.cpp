@@ -105,6 +105,26 @@ TEST_F(Status, AStopClearsTheUiUnlessTheRendererIsActiveOrLostTheOutput) {
     EXPECT_FALSE(clears_while_active(false));
 }
 
+TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
+    fake_sdk::Values values;
+    values.muted = true;
+    fake_sdk::set_values(values);
+    fake_platform::state()->messages[KORA_CURRENT_SOURCE] = "31";
+    NuvioSSListener::setSource();
+    startBridge();
+    process({"VOLUME_STATUS"});  // the SDK has not reported one
+    EXPECT_THAT(fake_platform::state()->take_calls(), testing::ElementsAre("play_my_source 31"));
+    onLoop([] { EXPECT_TRUE(host_allow_source()); });
+    onLoop(host_report_volume);
+    onLoop(host_report_mute_state);
+    process({});
+    EXPECT_THAT(fake_platform::state()->calls,
+                testing::ElementsAre("play_my_source 31", "app_volume 30", "write 63 MUTE"));
+    fake_sdk::set_result("get_volume", NUV_ERROR_NOT_CONNECTED);
+    process({"VOLUME_STATUS"});
+    EXPECT_THAT(fake_platform::state()->calls, testing::Contains("app_volume 0"));
+}
+
 // The meeting that must not deadlock: the command thread, its turn at the queue in hand, waits for
 // the loop, while the loop posts at every chance and a platform thread waits for its own turn.
 TEST_F(Status, TheLoopNeverWaitsForTheCommandThread) {

@@ -11,47 +11,27 @@ import sys
 import time
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
+TREE = pathlib.Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(TREE / "tests/e2e"), str(TREE / "tools/run")]
+import sound_servers  # noqa: E402
 from device import DeviceTest, program, signal_samples, wait_for, write_wav  # noqa: E402
 
-CD = 44100   # frames a second
-FRAME = 4    # bytes
+CD = 44100  # frames a second
+FRAME = 4   # bytes
 REPEATED = CD * FRAME // 50  # bytes of 20 ms
-ENDING = 64 * FRAME
-SIGNAL = signal_samples(40 * CD)
-PLUG_INS = pathlib.Path(os.environ.get("NUVIO_ALSA_PLUG_INS", "/nowhere"))
+SIGNAL = signal_samples(27 * CD)
 
 
-class SoundServer:
-    """The cases; a class below for each server says how to start it."""
+class OnServer:
+    """The cases; a class below for each server."""
 
     def setUp(self):
         super().setUp()
-        self.run_dir = self.folder / "run"
-        self.run_dir.mkdir(mode=0o700)
-        self.pulse = f"unix:{self.run_dir}/pulse/native"
-        self.environment |= {"XDG_RUNTIME_DIR": str(self.run_dir), "PULSE_SERVER": self.pulse,
-                             "XDG_CONFIG_HOME": str(self.folder / "config"),
-                             "HOME": str(self.folder),
-                             "ALSA_CONFIG_PATH": str(self.folder / "asound.conf")}
-        (self.folder / "asound.conf").write_text(self.plug_ins() + (
-            f"pcm.default {{ type {self.plug_in} }}\nctl.default {{ type {self.plug_in} }}\n"))
-        self.start_server()
-
-    def plug_ins(self):
-        """Where those are that Debian's package can't install beside the other server's."""
-        return "".join(f'{kind}_type.{self.plug_in} {{ lib "{library}" }}\n'
-                       for kind in ("pcm", "ctl") for library in
-                       PLUG_INS.rglob(f"libasound_module_{kind}_{self.plug_in}.so"))
-
-    def spawn(self, *command):
-        with open(self.folder / "server.log", "ab") as log:
-            process = subprocess.Popen(command, env=self.environment, stdout=log, stderr=log)
-        self.addCleanup(self.end, process)
-        return process
-
-    def pactl(self, *words, check=False):
-        return self.run_tool("pactl", *words, check=check)
+        self.server = self.make_server(self.folder, CD)
+        self.server.environment["DBUS_SESSION_BUS_ADDRESS"] = self.environment["DBUS_SESSION_BUS_ADDRESS"]
+        self.environment |= self.server.environment
+        self.addCleanup(self.server.kill)
+        self.server.start()
 
     def record(self):
         """Starts a recording of what is heard; where it is written."""
@@ -61,7 +41,7 @@ class SoundServer:
                 ["parec", "--raw", "--device=null.monitor", "--format=s16le", f"--rate={CD}",
                  "--channels=2", "--latency-msec=10"], env=self.environment, stdout=out)
         self.addCleanup(self.end, recorder)
-        wait_for("recorder", lambda: "Source Output #" in (self.pactl("list", "source-outputs") or ""))
+        wait_for("recorder", lambda: "Source Output #" in (self.server.pactl("list", "source-outputs")))
         return path
 
     def track(self, name, begin, end):
@@ -93,7 +73,7 @@ class SoundServer:
         for begin, end in parts or [(0, len(self.source) / FRAME / CD)]:
             place, end = int(begin * CD) * FRAME, int(end * CD) * FRAME
             first = place = len(self.source) - len(self.source[place:].lstrip(b"\0"))
-            while place < end - ENDING:
+            while place < end - 64 * FRAME:
                 at = (len(heard) - len(heard[at:].lstrip(b"\0"))) // FRAME * FRAME
                 piece = heard[at:at + 64 * FRAME]
                 again = self.source.find(piece, max(first, place - REPEATED))
@@ -144,6 +124,7 @@ class SoundServer:
         self.pause()
         self.resume()
         self.wait_for_end()
+        wait_for("silence", lambda: not self.heard.read_bytes()[-CD:].strip(b"\0"))
         self.expect_all_heard()
 
     def test_seek_next_and_stop(self):
@@ -162,112 +143,81 @@ class SoundServer:
         self.pause()
         self.player("stop")
         self.status("Stopped")
-        time.sleep(0.3)
-        self.assertEqual(self.heard.read_bytes()[-CD:].strip(b"\0"), b"", "silence")
+        wait_for("silence", lambda: not self.heard.read_bytes()[-CD:].strip(b"\0"))
 
-    def test_the_position_is_what_is_heard(self):
-        self.begin(6, 6)
-        errors = {}
-        while self.place() < 11:
-            at = self.place()
-            if at is not True:
-                errors[at] = self.position() + (6 if at > 6 else 0) - at
-            time.sleep(0.1)
-        print({round(at, 2): round(error, 3) for at, error in errors.items()})
+    def test_the_position_is_what_is_heard_all_through_two_tracks(self):
+        self.begin(5, 5)
+        errors = []
+        while (at := self.place()) < 9:
+            # The change is told up to a fifth of a second late, and then the title is looked for.
+            if at is not True and not 5 < at < 5.3:
+                errors.append(abs(self.position() - at % 5))
+            time.sleep(0.05)
+        # Asking takes time, in which the music goes on.
+        self.assertLess(sorted(errors)[len(errors) * 3 // 4], 0.15, errors)
 
     def test_volume_goes_both_ways(self):
         self.begin(20)
         self.player("volume", "0.4")
-        wait_for("sink at 40 %", lambda: " 40% " in (self.pactl("get-sink-volume", "null") or ""))
-        self.pactl("set-sink-volume", "null", "70%")
+        wait_for("sink at 40 %", lambda: " 40% " in self.server.pactl("get-sink-volume", "null"))
+        self.server.pactl("set-sink-volume", "null", "70%")
         wait_for("player at 0.7", lambda: abs(float(self.player("volume")) - 0.7) < 0.015)
 
     def test_a_server_that_is_killed_ends_the_session_or_is_replaced_during_a_pause(self):
         self.begin(8)
-        self.kill_server()
+        self.server.kill()
         self.status("Stopped")
-        self.start_server()
+        self.server.start()
         self.heard = self.record()
         self.play(self.music)
         wait_for("sound", lambda: self.place() > 1)
+        place = self.place()
         self.pause()
-        self.kill_server()
-        self.start_server()
+        self.server.kill()
+        self.server.start()
         self.heard = self.record()
         self.resume()
-        self.wait_for_end()
-        self.assertIn(self.source[-5 * CD * FRAME:].strip(b"\0"), self.heard.read_bytes())
+        # All from the place to the end of the track; bit for bit is shown elsewhere.
+        self.status("Stopped")
+        wait_for("silence", lambda: not self.heard.read_bytes()[-CD:].strip(b"\0"))
+        seconds = len(self.heard.read_bytes().strip(b"\0")) / FRAME / CD
+        self.assertAlmostEqual(seconds, 8 - place, delta=0.7)
 
     def test_a_server_that_comes_late_plays_with_its_volume(self):
-        self.kill_server()
+        self.server.kill()
         self.track("1.wav", 0, 20)
         self.start()
         self.connect(self.music)
         self.wait_for_log("Unable to open ALSA audio sink")
-        self.start_server()
+        self.server.start()
         self.play(self.music)
         self.player("volume", "0.4")
-        wait_for("sink at 40 %", lambda: " 40% " in (self.pactl("get-sink-volume", "null") or ""))
+        wait_for("sink at 40 %", lambda: " 40% " in self.server.pactl("get-sink-volume", "null"))
 
     def test_a_server_that_hangs_holds_nothing_up(self):
-        for verb in ("pause", "next", "stop", "volume"):
-            with self.subTest(verb):
-                self.begin(10, 10)
-                self.signal_server(signal.SIGSTOP)
-                self.player(verb, *["0.3"] * (verb == "volume"))
+        self.track("1.wav", 0, 20)
+        self.track("2.wav", 20, 27)
+        for words in (["pause"], ["next"], ["stop"], ["volume", "0.3"]):
+            with self.subTest(words[0]):
+                self.start()
+                self.play(self.music)
+                self.server.signal(signal.SIGSTOP)
+                self.addCleanup(self.server.signal, signal.SIGCONT)
+                self.player(*words)
                 time.sleep(0.5)
-                begin = time.monotonic()
                 self.assertTrue(self.answers())
-                self.assertLess(time.monotonic() - begin, 1)
                 status, seconds = self.stop()
-                self.signal_server(signal.SIGCONT)
+                self.server.signal(signal.SIGCONT)
                 self.assertEqual(status, 0)
-                print(verb, seconds)
+                self.assertLess(seconds, 5)
 
 
-class PulseAudio(SoundServer, DeviceTest):
-    plug_in = "pulse"
-
-    def start_server(self):
-        (self.run_dir / "pulse").mkdir(exist_ok=True)
-        self.server = self.spawn(
-            "pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
-            "--disable-shm", "-L", f"module-native-protocol-unix socket={self.run_dir}/pulse/native",
-            "-L", f"module-null-sink sink_name=null rate={CD} format=s16le norewinds=1")
-        wait_for("sound server", lambda: "null" in (self.pactl("list", "short", "sinks") or ""))
-
-    def signal_server(self, number):
-        self.server.send_signal(number)
-
-    def kill_server(self):
-        self.server.kill()
-        self.server.wait()
+class PulseAudio(OnServer, DeviceTest):
+    make_server = sound_servers.PulseAudio
 
 
-class PipeWire(SoundServer, DeviceTest):
-    """With its PulseAudio side, which pactl and parec use."""
-    plug_in = "pipewire"
-
-    def start_server(self):
-        # At any other rate than the track's the server converts.
-        rate = self.folder / "config/pipewire/pipewire.conf.d/rate.conf"
-        rate.parent.mkdir(parents=True, exist_ok=True)
-        rate.write_text(f"context.properties = {{ default.clock.rate = {CD} }}\n")
-        self.server = [self.spawn("pipewire"), self.spawn("wireplumber"),
-                       self.spawn("pipewire-pulse")]
-        wait_for("sound server", lambda: self.pactl("info"))
-        self.pactl("load-module", "module-null-sink", "sink_name=null", f"rate={CD}", check=True)
-        self.pactl("set-default-sink", "null", check=True)
-        wait_for("sink", lambda: "null" in (self.pactl("list", "short", "sinks") or ""))
-
-    def signal_server(self, number):
-        for process in self.server:
-            process.send_signal(number)
-
-    def kill_server(self):
-        for process in self.server:
-            process.kill()
-            process.wait()
+class PipeWire(OnServer, DeviceTest):
+    make_server = sound_servers.PipeWire
 
 
 if __name__ == "__main__":

@@ -19,9 +19,11 @@ import time
 import unittest
 import wave
 
-sys.path.insert(0, str(pathlib.Path(__file__).parents[2] / "tools/run"))
+sys.path[:0] = [str(pathlib.Path(__file__).parents[2] / "tools/run"),
+                str(pathlib.Path(__file__).parents[1])]
 import own_device  # noqa: E402
 from own_device import PATIENCE, wait_for  # noqa: E402,F401
+from scripted_server import ScriptedServer  # noqa: E402, F401
 from web_server import WebServer  # noqa: E402, F401
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])

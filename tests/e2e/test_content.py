@@ -1,17 +1,14 @@
 """Content from a network that fails: what the card played is compared with what the server has."""
-import contextlib
 import fcntl
-import http.server
 import itertools
 import json
 import pathlib
 import signal
 import subprocess
-import threading
 import time
 import unittest
 
-from device import DeviceTest, WebServer, signal_samples, wait_for, write_wav
+from device import DeviceTest, ScriptedServer, WebServer, signal_samples, wait_for, write_wav
 
 CD = 44100
 SERVER = """
@@ -25,38 +22,6 @@ SERVER = """
         location /refused/ {{ alias {d}/music/; if ($uri ~ "2.wav") {{ return 401; }} }}
     }}
 """
-
-
-class ScriptedServer(http.server.ThreadingHTTPServer):
-    """Answers as no web server does: `answer(handler, first byte asked, count of the request)`."""
-
-    def __init__(self, answer):
-        count = itertools.count(1)
-
-        class Handler(http.server.BaseHTTPRequestHandler):
-            def do_GET(self):
-                first = int(self.headers.get("Range", "bytes=0-")[6:].rstrip("-"))
-                with contextlib.suppress(ConnectionError):
-                    answer(self, first, next(count))
-                self.close_connection = True
-
-            def head(self, first, total, **fields):
-                self.send_response(206 if first else 200)
-                for name, value in {"Content-Length": total - first, **fields,
-                                    "Content-Range": f"bytes {first}-{total - 1}/{total}"}.items():
-                    self.send_header(name.replace("_", "-"), value)
-                self.end_headers()
-
-            def log_message(self, *_):
-                pass
-        super().__init__(("127.0.0.1", 0), Handler)
-        self.daemon_threads = True
-        self.url = f"http://127.0.0.1:{self.server_port}/"
-        threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
-
-    def __exit__(self, *arguments):
-        self.shutdown()
-        super().__exit__(*arguments)
 
 
 class Content(DeviceTest):
@@ -95,21 +60,22 @@ class Content(DeviceTest):
         source = self.track("1.wav", 9)
         content = (self.music / "1.wav").read_bytes()
 
-        def stalls(handler, first, count):
-            handler.head(first, len(content))
-            handler.wfile.write(content[first:700_000] if count < 3 else content[first:])
-            time.sleep(20 if count < 3 else 0)
+        count = itertools.count()
 
-        def breaks_off(handler, first, _count):
-            handler.head(first, len(content))
+        def stalls(handler, first):
+            stops = next(count) < 2
+            handler.head_from(first, len(content))
+            handler.wfile.write(content[first:700_000] if stops else content[first:])
+            time.sleep(20 if stops else 0)
+
+        def breaks_off(handler, first):
+            handler.head_from(first, len(content))
             handler.wfile.write(content[first:first + 250_000])
 
-        def says_too_much(handler, first, _count):
+        def says_too_much(handler, first):
             if first >= len(content):
-                handler.send_response(416)
-                handler.send_header("Content-Range", f"bytes */{len(content)}")
-                return handler.end_headers()
-            handler.head(first, len(content) + 90_000)
+                return handler.head(416, Content_Range=f"bytes */{len(content)}")
+            handler.head_from(first, len(content) + 90_000)
             return handler.wfile.write(content[first:])
 
         self.start()
@@ -164,11 +130,8 @@ class Content(DeviceTest):
         source = self.track("1.wav", 30)
         content = (self.music / "1.wav").read_bytes()
 
-        def radio(handler, _first, _count):
-            handler.send_response(200)
-            for name, value in [("icy-name", "Station"), ("icy-metaint", "16000")]:
-                handler.send_header(name, value)
-            handler.end_headers()
+        def radio(handler, _first):
+            handler.head(200, icy_name="Station", icy_metaint="16000")
             for at in range(0, len(content), 16000):
                 title = f"StreamTitle='It's {at // 800_000}';".encode()
                 title += bytes(-len(title) % 16)

@@ -36,9 +36,12 @@ class HostTest(DeviceTest):
 class SelfCheck(DeviceTest):
     settings = {"alsa__output_rates": "44100,192000"}
 
+    def run_daemon(self, *words):
+        return subprocess.run([*program("nuvio-connect"), *words], env=self.environment,
+                              text=True, capture_output=True, timeout=PATIENCE)
+
     def findings(self, *words):
-        result = subprocess.run([*program("nuvio-connect"), *(words or ["--check"])], env=self.environment,
-                                text=True, capture_output=True, timeout=PATIENCE)
+        result = self.run_daemon(*(words or ["--check"]))
         return {subject: (word, text) for word, subject, text in
                 re.findall(r"(?m)^(ok|FAIL) +(\w+) +(.*)$", result.stdout)}
 
@@ -48,6 +51,10 @@ class SelfCheck(DeviceTest):
         self.assertRegex(str(found["output"]), r"'ok'.* up to 192000 Hz, 24 bit; buffer \d+ ms, "
                                                r"period \d+ ms")
         self.assertRegex(str(found["mixer"]), r"'ok'.*'Master' of 'default': volume \d+ of 0 to ")
+        told = self.run_daemon("--check", "--json")
+        self.assertEqual({check["subject"]: ("ok" if check["ok"] else "FAIL", check["text"])
+                          for check in json.loads(told.stdout)["checks"]}, found)
+        self.assertEqual(json.loads(told.stdout)["ok"], told.returncode == 0)
         self.start()  # the service itself holds the port; an emulator hides who that is
         if not EMULATOR:
             self.assertEqual(self.findings()["settings"][0], "ok")

@@ -175,8 +175,8 @@ class Hostile(DeviceTest):
         self.assert_memory(now)
 
     def assert_memory(self, now):
-        # Sanitizers keep what was freed.
-        limit = (64 if self.is_sanitized() else 2) * KIB
+        # Sanitizers keep what was freed, up to 256 MiB.
+        limit = (300 if self.is_sanitized() else 2) * KIB
         for kind in ("resident", "dirty", "peak"):
             self.assertLess(now[kind], self.before[kind] + limit, kind)
 

@@ -134,16 +134,16 @@ class Bus(DeviceTest):
             ("playerctl position 30.5", "SEEK:30500"),
             ("playerctl position 10+", "SEEK:40500"),  # from where it will be
             ("playerctl position 100-", "SEEK:0"),
+            ("playerctl previous", "PREV"),
             ("playerctl position 300+", "NEXT"),  # past the end
             ("playerctl next", "NEXT"),
-            ("playerctl previous", "PREV"),
             ("playerctl shuffle on", "SHUFFLE:ON"),
             ("playerctl shuffle off", "SHUFFLE:OFF"),
             ("playerctl loop none", "REPEAT:OFF"),
             ("playerctl loop track", "REPEAT:ONE"),
             ("playerctl loop playlist", "REPEAT:ALL")])
         self.assertEqual(self.client("playerctl volume"), "1.000000")
-        self.wait_for_answer("playerctl status", "Paused")
+        self.wait_for_answer("playerctl metadata title", "Three")  # and its state before it
         self.assert_become([
             ("playerctl play-pause", "RESUME"),
             ("playerctl play-pause", "PAUSE"),  # although it may not have reported

@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cerrno>
 #include <future>
 #include <mutex>
 #include <string>
@@ -16,7 +15,6 @@
 #include "device/notification_pool.h"
 #include "device/player.h"
 #include "device/source_switch.h"
-#include "platform/Thread.h"
 
 using namespace android;
 using namespace nuvio::host;
@@ -98,14 +96,6 @@ class HostServices : public testing::Test {
     const SourceSwitch::Listener listener = new Listener(record);
 };
 
-class Worker : public Thread {
-  public:
-    std::atomic<int> rounds{0};
-
-  private:
-    bool threadLoop() override { return ++rounds < 3; }
-};
-
 }  // namespace
 
 TEST_F(HostServices, NotificationsWaitForThePoolAndKeepTheirOrder) {
@@ -121,19 +111,6 @@ TEST_F(HostServices, NotificationsWaitForThePoolAndKeepTheirOrder) {
     EXPECT_THAT(record.lines(), IsEmpty());
     settle();
     EXPECT_THAT(record.lines(), ElementsAre("90", "63", "37"));
-}
-
-TEST_F(HostServices, NothingReachesAListenerThatHasLeft) {
-    const sp<IKoraAlerts> stays = new Alerts(record);
-    const sp<IKoraAlerts> leaves = new Alerts(record);
-    messages.add_listener(stays, {90});
-    messages.add_listener(leaves, {90});
-    messages.write(90, "a");  // on its way to both
-    messages.remove_listener(leaves, {90});
-    messages.write(90, "b");
-    settle();
-    EXPECT_THAT(record.lines(), ElementsAre("90"));
-    EXPECT_EQ(leaves->getStrongCount(), 1);
 }
 
 TEST_F(HostServices, ABlockedListenerHoldsUpNoOtherChannel) {
@@ -253,14 +230,4 @@ TEST_F(PlayerModel, TheSameTrackSentAgainKeepsItsNumber) {
     player.clear();
     EXPECT_FALSE(player.view().track.has_value());
     EXPECT_EQ(player.view().modes, Modes());
-}
-
-TEST(PlatformThread, RunsUntilToldToStopAndOutlivesItsOwner) {
-    const sp<Worker> worker = new Worker();
-    worker->join();  // has not run yet
-    EXPECT_EQ(worker->run("a name longer than the kernel takes", -16, 0), 0);
-    EXPECT_EQ(worker->run("again"), -EALREADY);
-    worker->join();
-    EXPECT_EQ(worker->rounds, 3);
-    sp<Worker>(new Worker())->run("alone");  // keeps itself alive
 }

@@ -24,8 +24,10 @@ constexpr size_t kFrames = 3 * kRate + 123;
 std::vector<int32_t> signal(int bits) {
     std::vector<int32_t> samples(kFrames * kChannels);
     for (size_t i = 0; i < samples.size(); ++i) {
-        const double t = static_cast<double>(i / kChannels) / kRate;
-        const double tone = std::sin(2 * std::numbers::pi * (200 + 300 * t + 50.0 * (i % 2)) * t);
+        const size_t frame = i / kChannels;
+        const double t = static_cast<double>(frame) / kRate;
+        const double lowest = i % 2 == 0 ? 200 : 250;
+        const double tone = std::sin(2 * std::numbers::pi * (lowest + 300 * t) * t);
         samples[i] = static_cast<int32_t>(tone * 0x60000000) & -(int32_t{1} << (32 - bits));
     }
     return samples;
@@ -179,7 +181,8 @@ TEST(ForeignSound, AacIsTheSignalWithoutItsRunIn) {
         ASSERT_EQ(decoder->seek(from), from);
         const auto heard = samples_of<int16_t>(all_of(*decoder));
         EXPECT_EQ(heard.size(), 2 * (decoder->info().frame_count - from));
-        EXPECT_NEAR(static_cast<double>(heard.size() / 2), kFrames - from, 1024);
+        EXPECT_LE(heard.size(), 2 * (kFrames - from + 1024));
+        EXPECT_GE(heard.size(), 2 * (kFrames - from));
         double error = 0;
         double power = 0;
         for (size_t i = 8192; i < kRate; ++i) {  // the encoder too has a run-in

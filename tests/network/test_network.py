@@ -1,6 +1,4 @@
 """Content over the network: every case compares what arrives with what the server has."""
-import contextlib
-import http.server
 import os
 import random
 import shlex
@@ -8,12 +6,12 @@ import socket
 import subprocess
 import sys
 import tempfile
-import threading
 import time
 import unittest
 import wave
 
-sys.path.insert(0, os.path.join(os.path.dirname(__file__), "../../tools/run"))
+sys.path[:0] = [os.path.join(os.path.dirname(__file__), place) for place in ("..", "../../tools/run")]
+from scripted_server import ScriptedServer  # noqa: E402
 from web_server import WebServer, free_ports  # noqa: E402
 
 PROBE = [*shlex.split(os.environ.get("NUVIO_EMULATOR", "")),
@@ -70,35 +68,6 @@ class Result:
 def start(command, url, *arguments):
     return subprocess.Popen([*PROBE, command, url, *arguments], stdout=subprocess.PIPE,
                             stderr=subprocess.PIPE)
-
-
-class ScriptedServer(http.server.ThreadingHTTPServer):
-    """Answers as no sound server does: `answer(handler, first byte asked)`, per request."""
-
-    def __init__(self, answer):
-        class Handler(http.server.BaseHTTPRequestHandler):
-            def do_GET(self):
-                asked = self.headers.get("Range", "bytes=0-")
-                with contextlib.suppress(ConnectionError):
-                    answer(self, int(asked.split("=")[1].rstrip("-")))
-                self.close_connection = True
-
-            def head(self, status, **fields):
-                self.send_response(status)
-                for name, value in fields.items():
-                    self.send_header(name.replace("_", "-"), value)
-                self.end_headers()
-
-            def log_message(self, *_):
-                pass
-        super().__init__(("127.0.0.1", 0), Handler)
-        self.daemon_threads = True
-        self.url = f"http://127.0.0.1:{self.server_port}/"
-        threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
-
-    def __exit__(self, *arguments):
-        self.shutdown()
-        super().__exit__(*arguments)
 
 
 class Network(unittest.TestCase):
@@ -212,14 +181,11 @@ class Network(unittest.TestCase):
         def too_long(handler, first):
             if first >= len(content):
                 return handler.head(416, Content_Range=f"bytes */{len(content)}")
-            handler.head(206 if first else 200, Content_Length=90000 - first,
-                         Content_Range=f"bytes {first}-89999/90000")
+            handler.head_from(first, 90000)
             handler.wfile.write(content[first:])
 
         def in_pieces(handler, first):  # the connection breaks each 7000 bytes
-            total = len(content)
-            handler.head(206 if first else 200, Content_Length=total - first,
-                         Content_Range=f"bytes {first}-{total - 1}/{total}")
+            handler.head_from(first, len(content))
             handler.wfile.write(content[first:first + 7000])
 
         def without(handler, first):
@@ -237,9 +203,7 @@ class Network(unittest.TestCase):
 
         def answer(handler, first):
             requests.append(first)
-            total = len(content)
-            handler.head(206 if first else 200, Content_Length=total - first,
-                         Content_Range=f"bytes {first}-{total - 1}/{total}")
+            handler.head_from(first, len(content))
             handler.wfile.write(content[first:first + 20000] if len(requests) == 1
                                 else content[first:])
             if len(requests) == 1:

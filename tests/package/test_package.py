@@ -17,9 +17,9 @@ ROOT = pathlib.Path(os.environ["NUVIO_ROOT"])
 PATIENCE = 30  # s
 CARD = "/var/lib/nuvio-connect/card"
 PATH = "PATH=/usr/sbin:/usr/bin:/sbin:/bin"
-PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-host-linux",
-            "nuvio-connect-tools", "nuvio-connect-controller", "nuvio-connect-dev",
-            "nuvio-connect-core-ffmpeg"]
+PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-core-ffmpeg",
+            "nuvio-connect-host-linux", "nuvio-connect-tools",
+            "nuvio-connect-controller", "nuvio-connect-dev"]
 UNIT = "usr/lib/systemd/system/nuvio-connect.service"
 
 
@@ -72,8 +72,11 @@ class Installed(unittest.TestCase):
 
     def test_3_the_unit_is_sound_and_lets_the_service_do_little(self):
         result = run("systemd-analyze", "verify", "--man=no", f"--root={ROOT}",
-                     "nuvio-connect.service", "nuvio-connect-controller.service")
+                     "nuvio-connect.service", "nuvio-connect@kitchen.service",
+                     "nuvio-connect-controller.service")
         self.assertNotIn("nuvio-connect", result.stderr)
+        self.assertIn("\nEnvironment=NUVIO_SETTINGS=/etc/nuvio-connect/%i.conf ",
+                      (ROOT / UNIT.replace(".", "@.")).read_text())
         for unit in UNIT, UNIT.replace(".service", "-controller.service"):
             exposure = run("systemd-analyze", "security", "--offline=true", "--threshold=18",
                            "--no-pager", ROOT / unit)
@@ -111,7 +114,7 @@ class Installed(unittest.TestCase):
             shutil.copy(build / library, libraries)
         in_root("dpkg-deb", "-b", "/maker", "/maker.deb")
         self.addCleanup((ROOT / "maker.deb").unlink)
-        in_root("dpkg", "-r", "--force-depends", *PACKAGES[1:3])
+        in_root("dpkg", "-r", "--force-depends", *PACKAGES[1:4])
         in_root("dpkg", "-i", "/maker.deb")
         self.assertEqual(in_root("dpkg", "--audit").stdout, "")
         for layer, library in (("core", "libnuvio_connect.so.1"), ("host", "libnuvio_host.so.1")):

@@ -30,7 +30,8 @@ make_base() {
     [ -n "$mirror" ] || mirror=$(awk '$1 == "deb" {sub(/\[[^]]*\] */, ""); print $2; exit}' /etc/apt/sources.list)
     rm -rf --one-file-system base
     # The disk is all that must be found before there is a root: a small initial one starts sooner.
-    mmdebstrap --quiet --mode=root --variant=apt --dpkgopt=force-unsafe-io \
+    mmdebstrap --quiet --mode=root --variant=apt --skip=cleanup/apt/lists \
+        --dpkgopt=force-unsafe-io \
         --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-exclude=/usr/share/man/*' \
         --dpkgopt='path-exclude=/usr/share/locale/*' \
         --include="$wanted" \

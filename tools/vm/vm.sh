@@ -19,6 +19,7 @@ command -v qemu-system-x86_64 >/dev/null || cannot "no qemu-system-x86_64 (./dev
 rm -rf "$folder/packages"
 (cd "$build" && cpack -B "$folder/packages" >"$folder/cpack.log" 2>&1) ||
     { cat "$folder/cpack.log"; exit 1; }
+rm -f "$folder/packages"/nuvio-connect-dev_*.deb  # nothing is built there
 "$here/make_image.sh" "$folder" "$folder/packages"/*.deb >"$folder/make_image.log" 2>&1 ||
     { tail -n 20 "$folder/make_image.log"; cannot "the machine's disk could not be made"; }
 exec "$here/run.py" "$folder"

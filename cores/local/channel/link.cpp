@@ -3,6 +3,9 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -19,6 +22,32 @@ constexpr int kMaxThreads = 4;  // of this process that may hang at a time
 
 std::atomic<int> threads_running{0};
 
+// libwebsockets loses its TLS context when another thread makes or ends one at the same time: a new
+// session's link waits for the old one's end. Not for one that hangs on a name.
+class TlsTurn {
+  public:
+    explicit TlsTurn(bool is_needed) {
+        std::unique_lock lock(s_mutex);
+        m_is_mine = is_needed && s_freed.wait_for(lock, kPatience, [] { return !s_is_taken; });
+        s_is_taken |= m_is_mine;
+    }
+    ~TlsTurn() {
+        const std::lock_guard lock(s_mutex);
+        s_is_taken &= !m_is_mine;
+        s_freed.notify_all();
+    }
+    TlsTurn(const TlsTurn&) = delete;
+    TlsTurn& operator=(const TlsTurn&) = delete;
+
+  private:
+    static constexpr std::chrono::seconds kPatience{4};
+
+    static inline std::mutex s_mutex;
+    static inline std::condition_variable s_freed;
+    static inline bool s_is_taken = false;  // guarded by the mutex
+    bool m_is_mine = false;
+};
+
 }  // namespace
 
 Link::Link(LinkTarget target, std::function<void()> on_news, Log log)
@@ -29,7 +58,10 @@ Link::Link(LinkTarget target, std::function<void()> on_news, Log log)
         throw std::system_error(EAGAIN, std::generic_category());
     }
     const auto run = [shared = m_shared, target = std::move(target)]() mutable {
-        Worker(shared, std::move(target)).run();
+        {
+            const TlsTurn turn(target.tls);
+            Worker(shared, std::move(target)).run();
+        }
         --threads_running;
         const std::lock_guard lock(shared->mutex);
         shared->connection = 0;

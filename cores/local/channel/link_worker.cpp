@@ -16,6 +16,7 @@ constexpr int kConnectSeconds = 10;
 constexpr lws_usec_t kSecond = LWS_US_PER_SEC;
 constexpr lws_usec_t kStallTime = 20 * kSecond;
 constexpr lws_usec_t kClosingTime = 2 * kSecond;
+constexpr lws_usec_t kKillingTime = kSecond / 2;
 constexpr lws_usec_t kStableTime = 10 * kSecond;
 constexpr lws_usec_t kLongestWait = 3600 * kSecond;  // for a moment by the wall clock, which is set
 
@@ -36,6 +37,20 @@ void Link::Worker::run() {
     connect();
     heed_the_loop();  // what it asked for before there was anything to wake
     while (!m_over && lws_service(m_context, 0) >= 0) {
+    }
+    end_connections();
+}
+
+// The library never frees a TLS connection that it still shuts down when its context goes.
+void Link::Worker::end_connections() {
+    m_over = true;
+    cancel_alarms();
+    for (lws* const connection : m_living) {
+        lws_set_timeout(connection, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_ASYNC);
+    }
+    set(m_patience, kKillingTime);
+    m_is_patient = true;
+    while (!m_living.empty() && m_is_patient && lws_service(m_context, 0) >= 0) {
     }
 }
 
@@ -72,10 +87,14 @@ void Link::Worker::destroy() {
     }
     m_over = true;
     if (m_context != nullptr) {
-        for (Alarm* const alarm : {&m_retry, &m_resume, &m_stall, &m_expiry, &m_patience}) {
-            lws_sul_cancel(&alarm->entry);
-        }
+        cancel_alarms();
         lws_context_destroy(m_context);
+    }
+}
+
+void Link::Worker::cancel_alarms() {
+    for (Alarm* const alarm : {&m_retry, &m_resume, &m_stall, &m_expiry, &m_patience}) {
+        lws_sul_cancel(&alarm->entry);
     }
 }
 
@@ -90,6 +109,9 @@ void Link::Worker::set(Alarm& alarm, lws_usec_t delay) {
 int Link::Worker::on_event(lws* connection, lws_callback_reasons reason, void* /*user*/, void* in,
                            size_t length) {
     auto* const self = static_cast<Worker*>(lws_context_user(lws_get_context(connection)));
+    if (self != nullptr && reason == LWS_CALLBACK_WSI_DESTROY) {
+        std::erase(self->m_living, connection);
+    }
     return self != nullptr && self->m_context != nullptr && !self->m_over
                ? self->handle_event(connection, reason, in, length)
                : 0;
@@ -152,7 +174,9 @@ void Link::Worker::connect() {
     info.pwsi = &m_connection;
     info.retry_and_idle_policy = &kPolicy;
     lws_sul_cancel(&m_retry.entry);
-    if (lws_client_connect_via_info(&info) == nullptr) {
+    if (lws* const made = lws_client_connect_via_info(&info)) {
+        m_living.push_back(made);
+    } else {
         fail(nullptr, "can't connect");
     }
 }
@@ -371,6 +395,7 @@ void Link::Worker::end_expired() {
 
 void Link::Worker::end() {
     m_over = true;
+    m_is_patient = false;
 }
 
 }  // namespace local_core

@@ -8,6 +8,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "local/channel/link_shared.h"
 
@@ -39,6 +40,8 @@ class Link::Worker {
     void set(Alarm& alarm, lws_usec_t delay);
     bool create();
     void destroy();
+    void end_connections();
+    void cancel_alarms();
     void connect();
     int add_token(lws* connection, void* in, size_t length) const;
     bool speaks_the_protocol(lws* connection) const;
@@ -60,9 +63,11 @@ class Link::Worker {
     const LinkTarget m_target;
     lws_context* m_context = nullptr;
     lws* m_connection = nullptr;  // made, or being made
+    std::vector<lws*> m_living;   // those that the library has not freed
     bool m_established = false;
     bool m_over = false;
     bool m_closing = false;
+    bool m_is_patient = true;
     bool m_failing = false;  // since the last connection, told of in the log
     bool m_stalled = false;
     uint16_t m_tries = 0;

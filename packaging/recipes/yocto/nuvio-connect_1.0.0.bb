@@ -11,7 +11,7 @@ S = "${WORKDIR}/git"
 
 inherit cmake pkgconfig systemd useradd
 
-DEPENDS = "alsa-lib avahi cjson civetweb curl expat libsndfile1 libuv libwebsockets systemd taglib"
+DEPENDS = "alsa-lib avahi cjson civetweb curl expat libsndfile1 libuv libwebsockets sqlite3 systemd taglib"
 EXTRA_OECMAKE = "-DNUVIO_TESTS=OFF"
 
 # Without one of them a package of the maker's own brings the library of this soname.
@@ -54,5 +54,6 @@ FILES:${PN}-host-linux = "${libdir}/libnuvio_host.so.* \
     ${nonarch_libdir}/sysusers.d/nuvio-connect.conf"
 FILES:${PN} = "${bindir}/nuvio-connect \
     ${systemd_system_unitdir}/nuvio-connect.service \
+    ${systemd_system_unitdir}/nuvio-connect@.service \
     ${datadir}/bash-completion/completions/nuvio-connect \
     ${mandir}/man8/nuvio-connect.8"

@@ -1,6 +1,7 @@
 #include "media/sink/alsa/alsa_audio_sink.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <optional>
 #include <string>
 
@@ -17,6 +18,7 @@ struct audio_sink {
     std::string output_device;
     volume_control control{};
     volume_manager_ptr volume_manager;  // null: no volume control
+    uint64_t next_renewal = 0;          // loop time, ms; of a lost one; 0: none is due
     // Tells the listener of a volume control that was found late, from the loop.
     std::unique_ptr<uv_timer_t, nuvio::ReleasedBy<uv_timer_free>> volume_news;
 
@@ -25,7 +27,8 @@ struct audio_sink {
     audio_sink_volume_changed_callback volume_changed_callback = nullptr;
     audio_sink_mute_state_changed_callback mute_state_changed_callback = nullptr;
 
-    // These are set exactly while the sink is open. The watch goes before the PCM.
+    // These are set exactly while the sink is open, the watch not on a PCM that is lost. The watch
+    // goes before the PCM.
     alsa_pcm_ptr pcm;
     space_watch_ptr space;
 };
@@ -34,6 +37,7 @@ namespace {
 
 constexpr unsigned kPauseSilenceMs = 10;
 constexpr uint32_t kVolumeWithoutControl = 50;
+constexpr uint64_t kRenewalPauseMs = 5000;
 
 void on_space_available(void* user_data) {
     auto* self = static_cast<audio_sink*>(user_data);
@@ -71,6 +75,22 @@ void tell_volume(uv_timer_t* timer) {
     alsa_audio_sink_on_volume_manager_volume_changed(manager, audio_sink_get_volume(self), self);
     alsa_audio_sink_on_volume_manager_mute_state_changed(manager, audio_sink_get_mute_state(self),
                                                          self);
+}
+
+// A mixer that failed, perhaps only because its server was slow, is looked for again some time
+// later, when it is needed.
+void renew_lost_control(audio_sink* self) {
+    if (!self->volume_manager || !volume_manager_is_lost(self->volume_manager.get())) {
+        self->next_renewal = 0;
+        return;
+    }
+    const uint64_t now = uv_now(self->event_loop);
+    if (self->next_renewal == 0) {
+        self->next_renewal = now + kRenewalPauseMs;
+    } else if (now >= self->next_renewal) {
+        self->next_renewal = 0;
+        renew_volume_manager(self->volume_manager, self->control);
+    }
 }
 
 // Opens the device once to learn what it can do. One that does not open may do so later.
@@ -223,7 +243,8 @@ bool audio_sink_resume(audio_sink* self) {
         app_log(LOG_LEVEL_ERROR, "Unable to resume ALSA audio sink: device is not open");
         return false;
     }
-    return alsa_ok(snd_pcm_pause(alsa_pcm_get_handle(self->pcm.get()), 0),
+    snd_pcm_t* handle = alsa_pcm_get_handle(self->pcm.get());
+    return alsa_ok(handle == nullptr ? -ENODEV : snd_pcm_pause(handle, 0),
                    "Unable to resume ALSA audio sink");
 }
 
@@ -234,10 +255,15 @@ bool audio_sink_flush(audio_sink* self) {
                 "Unable to drop buffered PCM audio data from ALSA audio sink: device is not open");
         return false;
     }
-    space_watch_look_at_once(self->space.get());
-    const bool was_paused =
-        snd_pcm_state(alsa_pcm_get_handle(self->pcm.get())) == SND_PCM_STATE_PAUSED;
-    return alsa_pcm_drop(self->pcm.get()) && (!was_paused || audio_sink_pause(self));
+    if (self->space) {
+        space_watch_look_at_once(self->space.get());
+    }
+    const bool was_paused = alsa_pcm_get_state(self->pcm.get()) == SND_PCM_STATE_PAUSED;
+    const bool dropped = alsa_pcm_drop(self->pcm.get());
+    if (alsa_pcm_get_handle(self->pcm.get()) == nullptr) {
+        self->space.reset();  // lost: its descriptors are no longer to be watched
+    }
+    return dropped && (!was_paused || audio_sink_pause(self));
 }
 
 bool audio_sink_drain(audio_sink* self) {
@@ -275,6 +301,7 @@ uint32_t audio_sink_get_volume(audio_sink* self) {
 
 void audio_sink_set_volume(audio_sink* self, uint32_t volume) {
     NUV_CHECK(self != NULL);
+    renew_lost_control(self);
     if (self->volume_manager) {
         volume_manager_set_volume(self->volume_manager.get(), volume);
     }
@@ -287,6 +314,7 @@ bool audio_sink_get_mute_state(audio_sink* self) {
 
 void audio_sink_set_mute_state(audio_sink* self, bool muted) {
     NUV_CHECK(self != NULL);
+    renew_lost_control(self);
     if (self->volume_manager) {
         volume_manager_set_mute_state(self->volume_manager.get(), muted);
     }

@@ -69,7 +69,8 @@ bool audio_sink_drain(audio_sink* self);
 uint64_t audio_sink_get_buffered_frame_count(audio_sink* self, bool* ok);
 
 // 50 and unmuted where the device has no usable mixer element; the setters do nothing there. An
-// element that went, with its card, and one that was never there, is looked for again by each open;
+// element that went, with its card, and one that was never there, is looked for again by each open
+// (one that went also by the setters, every 5 s);
 // the callbacks tell the values of one that is found so for the first time.
 uint32_t audio_sink_get_volume(audio_sink* self);
 void audio_sink_set_volume(audio_sink* self, uint32_t volume);

@@ -3,13 +3,15 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <vector>
 
+#include "media/sink/alsa/bounded_call.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
 
 struct alsa_pcm {
-    pcm_ptr handle;
+    pcm_ptr handle;            // null once a call on it has not returned
     unsigned sample_rate = 0;  // frames a second, as asked for
     unsigned channel_count = 0;
     snd_pcm_format_t format = SND_PCM_FORMAT_UNKNOWN;
@@ -21,6 +23,8 @@ namespace {
 constexpr int kMaxPrepares = 3;           // in one repair
 constexpr int kMaxFruitlessWrites = 5;    // in one write
 constexpr int kMaxInterruptedDrains = 5;  // in one drain
+
+constexpr std::chrono::seconds kDrainPatience{1};  // beyond what the device holds at most
 
 // ---- States ---------------------------------------------------------------------------------
 
@@ -64,6 +68,27 @@ state_rule rule_of(snd_pcm_state_t state) {
     return rule == kStateRules.end() ? state_rule{state, readiness::failed, nullptr} : *rule;
 }
 
+// ---- Calls that wait for a sound server -------------------------------------------------------
+
+int prepare(alsa_pcm* self) {
+    return bounded_call(self->handle,
+                        [](const pcm_ptr& pcm) { return snd_pcm_prepare(pcm.get()); });
+}
+
+int drop(alsa_pcm* self) {
+    return bounded_call(self->handle, [](const pcm_ptr& pcm) { return snd_pcm_drop(pcm.get()); });
+}
+
+bool is_lost(const alsa_pcm* self) {
+    return !self->handle;
+}
+
+bool is_in_use(alsa_pcm* self) {
+    const snd_pcm_state_t state = alsa_pcm_get_state(self);
+    return state != SND_PCM_STATE_OPEN && state != SND_PCM_STATE_SETUP &&
+           state != SND_PCM_STATE_DISCONNECTED;
+}
+
 // ---- Repair ---------------------------------------------------------------------------------
 
 // snd_pcm_recover sleeps for as long as a suspended device is being resumed; the loop must not. A
@@ -78,6 +103,9 @@ int recover_without_waiting(snd_pcm_t* pcm, int error) {
 // Asks the PCM for a count of frames, a second time after a repair. `what` completes the log lines.
 template <typename Query>
 std::optional<size_t> query_with_recovery(alsa_pcm* self, const char* what, Query query) {
+    if (is_lost(self)) {
+        return std::nullopt;
+    }
     snd_pcm_sframes_t frames = query(self->handle.get());
     if (frames >= 0) {
         return static_cast<size_t>(frames);
@@ -216,12 +244,20 @@ alsa_pcm* alsa_pcm_new(const char* device, const nuv_audio_format* format) {
 }
 
 void alsa_pcm_free(alsa_pcm* self) {
+    if (self != nullptr && is_in_use(self)) {
+        drop(self);  // or the close would, and wait for it
+    }
     delete self;
 }
 
 snd_pcm_t* alsa_pcm_get_handle(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
     return self->handle.get();
+}
+
+snd_pcm_state_t alsa_pcm_get_state(alsa_pcm* self) {
+    NUV_CHECK(self != NULL);
+    return is_lost(self) ? SND_PCM_STATE_DISCONNECTED : snd_pcm_state(self->handle.get());
 }
 
 size_t alsa_pcm_get_frame_size(const alsa_pcm* self) {
@@ -240,26 +276,30 @@ uint64_t alsa_pcm_get_buffer_duration(const alsa_pcm* self) {
 
 bool alsa_audio_sink_recover_pcm(alsa_pcm* self, int error) {
     NUV_CHECK(self != NULL);
-    snd_pcm_t* pcm = self->handle.get();
-    if (recover_without_waiting(pcm, error) == 0) {
+    if (is_lost(self)) {
+        return false;
+    }
+    const int rc = bounded_call(self->handle, [error](const pcm_ptr& pcm) {
+        return recover_without_waiting(pcm.get(), error);
+    });
+    if (rc == 0) {
         app_log(LOG_LEVEL_DEBUG, "ALSA audio sink recovery successful");
         return true;
     }
     log_alsa_error(error, "Unable to recover ALSA audio sink");
-    const snd_pcm_state_t state = snd_pcm_state(pcm);
+    const snd_pcm_state_t state = alsa_pcm_get_state(self);
     app_log(LOG_LEVEL_INFO, "pcm state = %d\n", static_cast<int>(state));
     const state_rule rule = rule_of(state);
     if (state == SND_PCM_STATE_SETUP) {
-        return alsa_ok(snd_pcm_prepare(pcm), "%s", rule.prepare_failure);
+        return alsa_ok(prepare(self), "%s", rule.prepare_failure);
     }
     return rule.is != readiness::failed;
 }
 
 bool alsa_audio_sink_ensure_pcm_has_runnable_state(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
-    snd_pcm_t* pcm = self->handle.get();
     for (int prepares = 0;; ++prepares) {
-        const state_rule rule = rule_of(snd_pcm_state(pcm));
+        const state_rule rule = rule_of(alsa_pcm_get_state(self));
         if (rule.is != readiness::needs_prepare) {
             return rule.is == readiness::ready;
         }
@@ -268,7 +308,7 @@ bool alsa_audio_sink_ensure_pcm_has_runnable_state(alsa_pcm* self) {
                     kMaxPrepares);
             return false;
         }
-        if (!alsa_ok(snd_pcm_prepare(pcm), "%s", rule.prepare_failure)) {
+        if (!alsa_ok(prepare(self), "%s", rule.prepare_failure)) {
             return false;
         }
     }
@@ -303,22 +343,29 @@ bool alsa_audio_sink_write_silence(alsa_pcm* self, unsigned duration_ms) {
 
 bool alsa_pcm_drop(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
-    return alsa_ok(snd_pcm_drop(self->handle.get()),
-                   "Unable to drop buffered PCM audio data from ALSA audio sink") &&
+    if (is_lost(self)) {
+        return false;
+    }
+    return alsa_ok(drop(self), "Unable to drop buffered PCM audio data from ALSA audio sink") &&
            alsa_audio_sink_ensure_pcm_has_runnable_state(self);
 }
 
 bool alsa_pcm_drain(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
+    if (is_lost(self)) {
+        return false;
+    }
     if (snd_pcm_state(self->handle.get()) == SND_PCM_STATE_XRUN) {
         return true;  // it has run dry already: nothing is left to be heard
     }
-    // libuv made the descriptors non-blocking, and with that a drain would return at once.
-    int rc = snd_pcm_nonblock(self->handle.get(), 0);
-    if (rc == 0) {
-        rc = drain_despite_signals(self->handle.get());
-    }
-    return alsa_ok(rc, "Unable to drain buffered PCM audio data from ALSA audio sink");
+    const auto drain = [](const pcm_ptr& pcm) {
+        // libuv made the descriptors non-blocking, and with that a drain would return at once.
+        const int rc = snd_pcm_nonblock(pcm.get(), 0);
+        return rc == 0 ? drain_despite_signals(pcm.get()) : rc;
+    };
+    const std::chrono::milliseconds longest(alsa_pcm_get_buffer_duration(self));
+    return alsa_ok(bounded_call(self->handle, drain, longest + kDrainPatience),
+                   "Unable to drain buffered PCM audio data from ALSA audio sink");
 }
 
 std::optional<size_t> alsa_pcm_get_delay(alsa_pcm* self) {

@@ -4,6 +4,9 @@
 // Threads     the loop's only.
 // Errors      logged here, then returned as false or none: a suspended or vanished device without a
 //             line. Null arguments are fatal.
+// Waits       opening, preparing, dropping and closing are held to a time (bounded_call.h). A PCM
+// on
+//             which one of them has not returned is lost: everything fails from then on.
 #pragma once
 
 #include <cstddef>
@@ -23,8 +26,10 @@ alsa_pcm* alsa_pcm_new(const char* device, const nuv_audio_format* format);
 // What is queued is lost. Null does nothing.
 void alsa_pcm_free(alsa_pcm* self);
 
-// Borrowed: for its descriptors and its state. It stays the PCM's to close.
+// Borrowed: for its descriptors. It stays the PCM's to close; null once it is lost.
 snd_pcm_t* alsa_pcm_get_handle(alsa_pcm* self);
+// Disconnected once it is lost.
+snd_pcm_state_t alsa_pcm_get_state(alsa_pcm* self);
 // Bytes of one frame.
 size_t alsa_pcm_get_frame_size(const alsa_pcm* self);
 
@@ -50,7 +55,7 @@ bool alsa_audio_sink_write_silence(alsa_pcm* self, unsigned duration_ms);
 
 // Drops what is queued and makes the PCM ready again.
 bool alsa_pcm_drop(alsa_pcm* self);
-// Blocks until what is queued has been heard.
+// Blocks until what is queued has been heard, at most a second longer than the device can hold.
 bool alsa_pcm_drain(alsa_pcm* self);
 
 using alsa_pcm_ptr = std::unique_ptr<alsa_pcm, nuvio::ReleasedBy<alsa_pcm_free>>;

@@ -1,10 +1,13 @@
 #include "media/sink/alsa/alsa_utilities.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
+#include <string>
 #include <utility>
 
+#include "media/sink/alsa/bounded_call.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
 
@@ -62,13 +65,18 @@ selem_id_ptr new_selem_id() {
 }
 
 int open_playback_pcm(pcm_ptr& pcm, const char* device) {
-    snd_pcm_t* opened = nullptr;
-    const int rc = snd_pcm_open(&opened, device, SND_PCM_STREAM_PLAYBACK, 0);
-    if (rc < 0) {
-        return rc;
+    pcm_ptr opened;
+    const auto open = [name = std::string(device)](pcm_ptr& into) {
+        snd_pcm_t* handle = nullptr;
+        const int result = snd_pcm_open(&handle, name.c_str(), SND_PCM_STREAM_PLAYBACK, 0);
+        into.reset(result < 0 ? nullptr : handle);
+        return result;
+    };
+    const int rc = bounded_call(opened, open, alsa_open_patience);
+    if (rc >= 0) {
+        pcm = std::move(opened);
     }
-    pcm.reset(opened);
-    return 0;
+    return std::min(rc, 0);
 }
 
 int open_simple_mixer(mixer_ptr& mixer, const char* device) {
@@ -78,18 +86,29 @@ int open_simple_mixer(mixer_ptr& mixer, const char* device) {
         return rc;
     }
     mixer_ptr owner(opened);
-    rc = snd_mixer_attach(opened, device);
+    rc = attach_mixer(owner, device);
     if (rc >= 0) {
-        rc = snd_mixer_selem_register(opened, nullptr, nullptr);
+        rc = snd_mixer_selem_register(owner.get(), nullptr, nullptr);
     }
     if (rc >= 0) {
-        rc = snd_mixer_load(opened);
+        rc = load_mixer(owner);
     }
     if (rc < 0) {
         return rc;
     }
     mixer = std::move(owner);
     return 0;
+}
+
+int attach_mixer(mixer_ptr& mixer, const char* device) {
+    return bounded_call(mixer, [name = std::string(device)](const mixer_ptr& opened) {
+        return snd_mixer_attach(opened.get(), name.c_str());
+    });
+}
+
+int load_mixer(mixer_ptr& mixer) {
+    return bounded_call(mixer,
+                        [](const mixer_ptr& opened) { return snd_mixer_load(opened.get()); });
 }
 
 void silence_alsa() {

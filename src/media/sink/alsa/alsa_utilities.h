@@ -21,11 +21,15 @@ hw_params_ptr new_hw_params();
 format_mask_ptr new_format_mask();
 selem_id_ptr new_selem_id();
 
-// Opens a playback PCM in blocking mode: 0, or ALSA's error with `pcm` left alone.
+// Opens a playback PCM in blocking mode: 0, or ALSA's error with `pcm` left alone. Held to a time,
+// as all here that may wait for a sound server (bounded_call.h).
 int open_playback_pcm(pcm_ptr& pcm, const char* device);
 
 // Opens the mixer of a device with its simple elements: 0, or ALSA's error with `mixer` left alone.
 int open_simple_mixer(mixer_ptr& mixer, const char* device);
+// Steps of that. The mixer is null after -ETIMEDOUT.
+int attach_mixer(mixer_ptr& mixer, const char* device);
+int load_mixer(mixer_ptr& mixer);
 
 // ALSA explains its errors on standard error unless told otherwise. For the whole process.
 void silence_alsa();

@@ -63,7 +63,7 @@ bool space_may_come(space_watch* self, std::optional<size_t> space) {
         self->failed_queries = 0;
         return *space == 0;
     }
-    return snd_pcm_state(handle_of(self)) == SND_PCM_STATE_RUNNING &&
+    return alsa_pcm_get_state(self->pcm) == SND_PCM_STATE_RUNNING &&
            ++self->failed_queries < kMaxFailedQueries;
 }
 

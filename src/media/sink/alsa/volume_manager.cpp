@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "media/sink/alsa/alsa_utilities.h"
+#include "media/sink/alsa/bounded_call.h"
 #include "media/sink/alsa/descriptor_poller.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
@@ -31,6 +32,7 @@ constexpr uint32_t kMaxPercent = 100;
 constexpr auto kReadChannel = static_cast<snd_mixer_selem_channel_id_t>(0);
 // An unplugged control device may report an error at every pass of the loop.
 constexpr int kMaxFailedPolls = 10;
+constexpr char kLost[] = "ALSA mixer has failed; the volume is out of reach until the next session";
 
 const char* mute_text(bool muted) {
     return muted ? "muted" : "unmuted";
@@ -64,6 +66,29 @@ long raw_from_percent(const volume_manager* self, uint32_t percent) {
 template <typename Operation, typename... Arguments>
 int on_element(volume_manager* self, Operation operation, Arguments... arguments) {
     return volume_manager_is_lost(self) ? -ENODEV : operation(self->volume_element, arguments...);
+}
+
+int volume_manager_on_alsa_volume_element_changed(snd_mixer_elem_t* element, unsigned mask);
+
+// The same for a write, for which a sound server may have to be waited for. A mixer that does not
+// return is lost.
+template <typename Operation, typename Value>
+int write_element(volume_manager* self, Operation operation, Value value) {
+    if (volume_manager_is_lost(self)) {
+        return -ENODEV;
+    }
+    snd_mixer_elem_t* element = self->volume_element;
+    snd_mixer_elem_set_callback(element, nullptr);  // its end, over there, is nobody's business
+    const int rc = bounded_call(
+        self->mixer, [=](const mixer_ptr& /*mixer*/) { return operation(element, value); });
+    if (self->mixer) {
+        snd_mixer_elem_set_callback(element, volume_manager_on_alsa_volume_element_changed);
+        return rc;
+    }
+    self->volume_element = nullptr;
+    self->descriptor_poller.reset();
+    app_log(LOG_LEVEL_WARNING, kLost);
+    return rc;
 }
 
 void report_changes(volume_manager* self) {
@@ -132,9 +157,7 @@ void volume_manager_on_descriptor_poll_event(descriptor_poller* poller, pollfd* 
         self->failed_polls = 0;
         report_own_changes(self);
     } else if (self->is_lost || ++self->failed_polls == kMaxFailedPolls) {
-        app_log(LOG_LEVEL_WARNING,
-                "ALSA mixer has failed; the volume is out of reach until the "
-                "next session");
+        app_log(LOG_LEVEL_WARNING, kLost);
         self->is_lost = true;
         descriptor_poller_stop_polling(poller);
         return;
@@ -149,11 +172,11 @@ bool open_mixer(volume_manager* self, const char* control_device) {
         return false;
     }
     self->mixer.reset(opened);
-    return alsa_ok(snd_mixer_attach(opened, control_device),
+    return alsa_ok(attach_mixer(self->mixer, control_device),
                    "Unable to attach ALSA mixer to device '%s'", control_device) &&
            alsa_ok(snd_mixer_selem_register(opened, nullptr, nullptr),
                    "Unable to register ALSA simple element mixer class") &&
-           alsa_ok(snd_mixer_load(opened), "Unable to load ALSA mixer elements");
+           alsa_ok(load_mixer(self->mixer), "Unable to load ALSA mixer elements");
 }
 
 snd_mixer_elem_t* find_element(snd_mixer_t* mixer, const char* name, unsigned index) {
@@ -254,10 +277,12 @@ void volume_manager_set_volume(volume_manager* self, uint32_t volume) {
     if (volume == volume_manager_get_volume(self)) {
         return;
     }
-    if (alsa_ok(on_element(self, snd_mixer_selem_set_playback_volume_all,
-                           raw_from_percent(self, volume)),
+    if (alsa_ok(write_element(self, snd_mixer_selem_set_playback_volume_all,
+                              raw_from_percent(self, volume)),
                 "Unable to set ALSA playback volume to %d", static_cast<int>(volume))) {
         self->has_written = true;
+    } else if (volume_manager_is_lost(self)) {
+        self->volume = volume;
     }
 }
 
@@ -279,9 +304,11 @@ void volume_manager_set_mute_state(volume_manager* self, bool muted) {
     if (muted == volume_manager_get_mute_state(self)) {
         return;
     }
-    if (alsa_ok(on_element(self, snd_mixer_selem_set_playback_switch_all, muted ? 0 : 1),
+    if (alsa_ok(write_element(self, snd_mixer_selem_set_playback_switch_all, muted ? 0 : 1),
                 "Unable to set ALSA mute state to '%s'", mute_text(muted))) {
         self->has_written = true;
+    } else if (volume_manager_is_lost(self)) {
+        self->muted = muted;
     }
 }
 

@@ -1,0 +1,69 @@
+// Calls of ALSA that may wait for another process (a sound server that hangs), held to a time: each
+// runs on a thread of its own, and the loop waits for that thread a moment only.
+//
+// Threads     called on the loop's; the call and, where it came too late, the end of the handle run
+// on
+//             the other thread, which nobody waits for any longer.
+#pragma once
+
+#include <cerrno>
+#include <chrono>
+#include <condition_variable>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+// How long a call may hold the loop, from the moment at which it is begun.
+inline constexpr std::chrono::milliseconds alsa_call_patience{100};
+// The same for the opening of a device, which may have to be woken.
+inline constexpr std::chrono::milliseconds alsa_open_patience{1000};
+// How long a busy machine may take to begin it.
+inline constexpr std::chrono::milliseconds alsa_thread_patience{1000};
+
+// Runs `call` with the handle. Its result; -ETIMEDOUT when it did not return in time: the handle is
+// then null here and is freed over there when the call returns.
+template <typename Handle, typename Call>
+int bounded_call(Handle& handle, Call call,
+                 std::chrono::milliseconds patience = alsa_call_patience) {
+    struct shared {
+        std::mutex mutex;
+        std::condition_variable news;
+        bool has_begun = false;
+        std::optional<int> result;
+        bool is_given_up = false;
+        Handle handle;
+    };
+    const auto record = std::make_shared<shared>();
+    record->handle = std::move(handle);
+    const auto run = [record, call] {
+        {
+            const std::lock_guard lock(record->mutex);
+            record->has_begun = true;
+            record->news.notify_one();
+        }
+        const int result = call(record->handle);
+        Handle unclaimed;
+        const std::lock_guard lock(record->mutex);
+        record->result = result;
+        if (record->is_given_up) {
+            unclaimed = std::move(record->handle);
+        }
+        record->news.notify_one();
+    };
+    try {
+        std::thread(run).detach();
+    } catch (const std::system_error&) {
+        run();
+    }
+    std::unique_lock lock(record->mutex);
+    record->news.wait_for(lock, alsa_thread_patience, [&] { return record->has_begun; });
+    if (!record->news.wait_for(lock, patience, [&] { return record->result.has_value(); })) {
+        record->is_given_up = true;
+        return -ETIMEDOUT;
+    }
+    handle = std::move(record->handle);
+    return *record->result;
+}
