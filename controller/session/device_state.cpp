@@ -62,6 +62,7 @@ bool DeviceState::apply_state(const cJSON* message, Clock::time_point now, int64
     if (playback != "stopped" && playback != "playing" && playback != "paused") {
         return false;
     }
+    ++m_state_count;
     m_playback = playback;
     m_is_active = bool_member(message, "active").value_or(false);
     m_item = number_member(message, "item");

@@ -39,7 +39,8 @@ class DeviceState {
 
     // Heard now: a position advances while it plays.
     int64_t position_ms(Clock::time_point now) const;
-    int64_t revision() const { return m_revision; }  // of the queue
+    int64_t revision() const { return m_revision; }        // of the queue
+    int64_t state_count() const { return m_state_count; }  // messages of that type
     bool is_playing() const { return m_playback == "playing"; }
     // The queue's first place that no message has told of yet; none when all is there.
     std::optional<int64_t> missing_place() const;
@@ -63,6 +64,7 @@ class DeviceState {
 
     std::string m_playback = "stopped";
     std::string m_loop = "off";
+    int64_t m_state_count = 0;
     bool m_is_active = false, m_is_muted = false, m_is_shuffled = false;
     bool m_has_next = false, m_has_previous = false;
     std::optional<int64_t> m_item, m_volume;

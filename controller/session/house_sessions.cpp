@@ -13,10 +13,13 @@ namespace nuvio::controller {
 
 namespace {
 
-// Devices answer these before they tell of the queue: who reads it next is to see the new one.
+// Devices answer these before they tell what came of them: who asks next is to see that. A volume
+// that was so before is not told again.
 const std::set<std::string> kChangesQueue{"queue_replace", "queue_insert", "queue_remove",
                                           "queue_move"};
-constexpr std::chrono::seconds kQueuePatience{1};
+const std::set<std::string> kChangesState{"volume", "seek"};
+constexpr std::chrono::milliseconds kQueuePatience{1000};
+constexpr std::chrono::milliseconds kStatePatience{300};
 constexpr int64_t kSessionSeconds = int64_t{7} * 24 * 3600;
 
 int64_t unix_ms() {
@@ -189,6 +192,7 @@ Outcome House::command(const std::string& id, const std::string& name, JsonPtr a
     add(arguments.get(), "command", name);
     m_waiting[command_id] = {id, std::nullopt};
     const int64_t revision = device->second.state.revision();
+    const int64_t states = device->second.state.state_count();
     device->second.link->send(print_json(arguments.get()));
     m_on_change.wait_for(lock, kPatience,
                          [&] { return m_is_closed || m_waiting[command_id].outcome.has_value(); });
@@ -198,6 +202,10 @@ Outcome House::command(const std::string& id, const std::string& name, JsonPtr a
     if (outcome.is_ok && kChangesQueue.contains(name)) {
         m_on_change.wait_for(lock, kQueuePatience, [&] {
             return m_is_closed || m_devices[id].state.revision() != revision;
+        });
+    } else if (outcome.is_ok && kChangesState.contains(name)) {
+        m_on_change.wait_for(lock, kStatePatience, [&] {
+            return m_is_closed || m_devices[id].state.state_count() != states;
         });
     }
     return outcome;
