@@ -12,6 +12,8 @@ namespace nuvio::controller {
 namespace {
 
 constexpr long kLookMs = 4'000;
+constexpr int kTries = 5;
+constexpr std::chrono::seconds kPause{2};
 // Devices that are away are remembered while the controller runs, so many at most.
 constexpr size_t kMaxDevices = 128;
 
@@ -60,7 +62,7 @@ void House::set_found(const std::vector<FoundDevice>& devices) {
         if (device.found != found || device.reach == Reach::failed) {
             device.found = found;
             device.reach = Reach::asking;
-            m_errands.insert(found.id);
+            m_errands[found.id] = {};
         }
     }
     change();
@@ -70,7 +72,7 @@ void House::look_again() {
     const std::scoped_lock lock(m_mutex);
     for (const auto& [id, device] : m_devices) {
         if (device.is_present) {
-            m_errands.insert(id);
+            m_errands[id] = {};
         }
     }
     m_on_change.notify_all();
@@ -84,8 +86,15 @@ void House::run_errands() {
         if (m_is_closed) {
             return;
         }
-        const std::string id = *m_errands.begin();
-        m_errands.erase(m_errands.begin());
+        const auto next = std::ranges::min_element(
+            m_errands, {}, [](const auto& errand) { return errand.second; });
+        const auto due = next->second;
+        if (due > DeviceState::Clock::now()) {
+            m_on_change.wait_until(lock, due);
+            continue;
+        }
+        const std::string id = next->first;
+        m_errands.erase(next);
         const auto device = m_devices.find(id);
         if (device != m_devices.end()) {
             const FoundDevice found = device->second.found;
@@ -110,10 +119,15 @@ void House::look_at(const FoundDevice& found) {
     Device& device = entry->second;
     if (connect.status != 200 || info == nullptr || session == nullptr) {
         device.reach = Reach::failed;
+        // It may have been announced a moment before it listens.
+        if (device.is_present && ++device.tries <= kTries) {
+            m_errands.try_emplace(found.id, DeviceState::Clock::now() + kPause * device.tries);
+        }
         device.failure =
             connect.status == 0 ? connect.failure : "answered " + std::to_string(connect.status);
     } else {
         device.reach = Reach::reached;
+        device.tries = 0;
         device.failure.clear();
         device.brand = text_member(info.get(), "brand_display_name").value_or("");
         device.model = text_member(info.get(), "model_display_name").value_or("");

@@ -100,6 +100,7 @@ class House {
         bool is_present = false;
         Reach reach = Reach::asking;
         std::string failure;  // why it can't be reached
+        int tries = 0;        // that failed one after the other
         std::string brand, model, quality, kind;
         Owner owner = Owner::nobody;
         std::shared_ptr<ChannelLink> link;
@@ -136,9 +137,9 @@ class House {
     // All below under m_mutex.
     bool m_is_closed = false;
     SessionStore m_sessions;
-    std::map<std::string, Device> m_devices;   // by id
-    std::set<std::string> m_errands;           // devices to be asked
-    std::map<std::string, Waiting> m_waiting;  // by the command's id
+    std::map<std::string, Device> m_devices;                          // by id
+    std::map<std::string, DeviceState::Clock::time_point> m_errands;  // whom to ask, and when
+    std::map<std::string, Waiting> m_waiting;                         // by the command's id
     uint64_t m_command_count = 0;
 
     std::thread m_errand_thread;

@@ -136,7 +136,7 @@ Outcome House::begin_session(const std::string& id, const FoundDevice& found,
     const auto device = m_devices.find(id);
     if (answer.status != 200) {
         m_sessions.set(id, before);
-        m_errands.insert(id);
+        m_errands[id] = {};
         change();
         return {false, refusal(answer)};
     }
@@ -330,7 +330,7 @@ void House::channel_closed(const ChannelLink* link) {
     }
     entry->second.link.reset();
     entry->second.reach = Reach::asking;
-    m_errands.insert(entry->first);
+    m_errands[entry->first] = {};
     for (auto& [id, waiting] : m_waiting) {
         if (waiting.device == entry->first && !waiting.outcome) {
             waiting.outcome = Outcome{false, "the device's connection broke"};
