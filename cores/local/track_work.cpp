@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cinttypes>
+#include <new>
 #include <utility>
 
 namespace local_core {
@@ -191,7 +192,13 @@ void TrackWork::provide_blocks() {
         std::clamp<uint64_t>(bytes_of_ms(info, kAheadMs) / m_fill_bytes, 2, kMaxBlocksAhead));
     const size_t count = m_blocks_ahead + kBlocksInHand;
     // Always whole blocks: lossy samples are decoded in twice the room they need in the end.
-    m_memory.reset(new std::byte[count * TrackPipe::kBlockBytes]);
+    const size_t bytes = count * TrackPipe::kBlockBytes;
+    void* const memory =
+        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        throw std::bad_alloc();
+    }
+    m_memory = {static_cast<std::byte*>(memory), Unmap{bytes}};
     m_blocks.resize(count);
     m_free_blocks.reserve(count);
     for (size_t i = count; i > 0; --i) {

@@ -1,6 +1,8 @@
 // What a pipe and its thread share: the inside of track_pipe.h, for its two sources alone.
 #pragma once
 
+#include <sys/mman.h>
+
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -47,6 +49,13 @@ struct CrewShared {
             on_news();
         }
     }
+};
+
+// Blocks are given back to the system with their track: the heap of the thread that asked for them
+// would keep the pages for a later one.
+struct Unmap {
+    size_t bytes = 0;
+    void operator()(std::byte* memory) const { munmap(memory, bytes); }
 };
 
 // Belongs to the pipe and to its thread; the last of them frees it.
@@ -135,7 +144,7 @@ class TrackWork {
     TrackTexts m_latest_texts;  // of what is decoded
     std::string m_title;        // of a radio, as known last
     TrackCover m_cover;
-    std::unique_ptr<std::byte[]> m_memory;
+    std::unique_ptr<std::byte, Unmap> m_memory;
     size_t m_fill_bytes = 0;
     uint64_t m_decoded_frames = 0;  // the place in the file
 
