@@ -113,6 +113,8 @@ void Control::note(Command command) {
     if (repeats_seek) {
         m_commands.pop_back();
     }
+    command.loop_mode = m_settings.loop_mode;
+    command.shuffle = m_settings.shuffle;
     m_commands.push_back(std::move(command));
 }
 

@@ -37,6 +37,9 @@ struct Command {
     bool become_active = false;        // connect
     RemoteOffer remote;                // connect
     std::unique_ptr<QueueEdit> edit;   // edit
+    // As they were when it was given: a "next" before a "shuffle" is the next in the old order.
+    nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
+    bool shuffle = false;
 };
 
 // Values that a call sets and a later pass of the loop acts on.

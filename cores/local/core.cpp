@@ -134,10 +134,9 @@ void Core::take_requests() {
     if (!m_control.take_attention()) {
         return;
     }
-    m_settings = m_control.settings();
-    m_player.set_modes(m_settings.loop_mode, m_settings.shuffle);
     for (Command& command : m_control.take_commands()) {
         m_view_noted = true;
+        m_player.set_modes(command.loop_mode, command.shuffle);
         switch (command.verb) {
             case Verb::edit:
                 m_remote.answer_edit(m_player.edit(*command.edit));
@@ -153,6 +152,8 @@ void Core::take_requests() {
         }
         m_player.apply(std::move(command));
     }
+    m_settings = m_control.settings();
+    m_player.set_modes(m_settings.loop_mode, m_settings.shuffle);
 }
 
 // What the device has been told of is told its server.
