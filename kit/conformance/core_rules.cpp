@@ -223,7 +223,7 @@ std::string check_next_early(const Run& run) {
 
 std::string check_pause(const Run& run) {
     Device device(run.breaches, run.patience);
-    play(device, run, UINT64_MAX / 2);
+    play(device, run);
     size_t since = device.mark();
     expect_answer("pause", device.command(nuv_connect_pause_playback));
     device.await("pause", since);
@@ -238,6 +238,7 @@ std::string check_pause(const Run& run) {
     expect_answer("resume", device.command(nuv_connect_resume_playback));
     device.await("resume", since);
     device.await_state(NUV_PLAYBACK_STATE_PLAYING, since);
+    device.take_only(UINT64_MAX);
     device.run_until("sound after the pause", [&] { return device.taken() > before; });
     return "paused and resumed, the state told and answered each time";
 }

@@ -28,7 +28,7 @@ namespace {
 // ---- What a long run must not use up -----------------------------------------------------------
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool has_sanitizer = true;
+constexpr bool kHasSanitizer = true;
 #else
 constexpr bool kHasSanitizer = false;
 #endif
