@@ -238,7 +238,7 @@ std::string check_pause(const Run& run) {
     expect_answer("resume", device.command(nuv_connect_resume_playback));
     device.await("resume", since);
     device.await_state(NUV_PLAYBACK_STATE_PLAYING, since);
-    device.take_only(UINT64_MAX);
+    device.take_all();
     device.run_until("sound after the pause", [&] { return device.taken() > before; });
     return "paused and resumed, the state told and answered each time";
 }
