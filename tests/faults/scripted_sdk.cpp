@@ -29,9 +29,8 @@ std::vector<uint8_t> make_pcm(const Track& track, uint64_t id) {
             words.push_back(static_cast<uint32_t>(id));
         }
     }
-    std::vector<uint8_t> pcm(words.size() * sizeof(uint32_t));
-    std::memcpy(pcm.data(), words.data(), pcm.size());
-    return pcm;
+    const auto* const bytes = reinterpret_cast<const uint8_t*>(words.data());
+    return {bytes, bytes + words.size() * sizeof(uint32_t)};
 }
 
 uint64_t frame_number(const uint8_t* frame, size_t frame_size) {
