@@ -12,7 +12,7 @@ void* load_module() {
     std::string path;
     if (dladdr(reinterpret_cast<void*>(&load_module), &own) != 0 && own.dli_fname != nullptr) {
         path = own.dli_fname;
-        path = path.substr(0, path.rfind('/') + 1) + kForeignSoundModule;
+        path.replace(path.rfind('/') + 1, std::string::npos, kForeignSoundModule);
     }
     void* const module = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     return module != nullptr ? module : dlopen(kForeignSoundModule, RTLD_NOW | RTLD_LOCAL);

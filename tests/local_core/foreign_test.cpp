@@ -89,7 +89,8 @@ class Encoder {
         } else if (frame.format == AV_SAMPLE_FMT_S32P) {
             reinterpret_cast<int32_t*>(plane)[index] = sample;
         } else {
-            reinterpret_cast<float*>(plane)[index] = static_cast<float>(sample) / 0x1p31F;
+            const float value = static_cast<float>(sample) / 0x1p31F;
+            std::memcpy(plane + index * sizeof value, &value, sizeof value);
         }
     }
 
