@@ -7,8 +7,6 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr nuv_audio_format kHiRes{96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
-
 class TrackTransition : public RendererTest {
   protected:
     // Stream 1 has been delivered whole; the sink still holds so many ms of it.
