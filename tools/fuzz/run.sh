@@ -12,7 +12,7 @@ cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 build=$(realpath "$1")
 seconds=${2:-600}
 targets=("${@:3}")
-[ ${#targets[@]} = 0 ] && mapfile -t targets < <(ls tests/fuzz/corpus)
+[ ${#targets[@]} = 0 ] && mapfile -t targets < <(cd "$build/bin" && ls -d fuzz_* | sed s/fuzz_//)
 
 fuzz() {
     local target=$1 work=$build/fuzz
