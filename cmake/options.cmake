@@ -13,7 +13,7 @@ add_compile_options(
     -D_FILE_OFFSET_BITS=64)
 
 if(NUVIO_SANITIZE)
-    add_compile_options(-fsanitize=${NUVIO_SANITIZE} -fno-omit-frame-pointer -g)
+    add_compile_options(-fsanitize=${NUVIO_SANITIZE} -fno-omit-frame-pointer -g1)
     add_link_options(-fsanitize=${NUVIO_SANITIZE})
     if(NUVIO_SANITIZE MATCHES "undefined")
         add_compile_options(-fno-sanitize-recover=undefined)

@@ -191,6 +191,10 @@ class Hostile(DeviceTest):
         self.assertGreater(played, 0)
         if not self.is_sanitized():  # they are too slow for this rate
             self.assertAlmostEqual(played, time.monotonic() - self.begin[0], delta=3)
+        self.assert_no_underrun()
+
+    def assert_no_underrun(self):
+        if not self.is_sanitized() and not EMULATOR:  # as are emulators
             self.assertIn(", 0 underruns\n", self.card("show"))
 
     def assert_heard(self, line, *key):
@@ -330,7 +334,7 @@ class Hostile(DeviceTest):
             self.player("play")
         self.assertEqual(set(answers), {200, 500})
         self.assert_bounded()
-        self.assertIn(", 0 underruns\n", self.card("show"))
+        self.assert_no_underrun()
 
     def test_a_folder_of_many_folders_is_not_heard(self):
         folders = 50_000 if LONG else 1_000
@@ -354,4 +358,4 @@ class Hostile(DeviceTest):
                   file=sys.stderr)
             self.assert_bounded()
         self.wait_for_log(f"Starting Avahi advertising, name: Kitchen {len(renames) - 1},")
-        self.assertIn(", 0 underruns\n", self.card("show"))
+        self.assert_no_underrun()

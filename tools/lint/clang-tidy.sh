@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
-# clang-tidy over every source file, each as the first of the given build trees that has it compiles
-# it: tools/lint/clang-tidy.sh BUILD...
+# clang-tidy over every source file, or those below the folders in NUVIO_TIDY, each as the first of
+# the given build trees that has it compiles it: tools/lint/clang-tidy.sh BUILD...
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 
@@ -9,7 +9,8 @@ compiled_in() {
 }
 
 status=0
-left=$(git ls-files -co --exclude-standard -- '*.cpp' | xargs -r realpath | sort)
+read -ra folders <<<"${NUVIO_TIDY:-.}"
+left=$(git ls-files -co --exclude-standard -- "${folders[@]}" | grep '\.cpp$' | xargs -r realpath | sort)
 for build in "$@"; do
     comm -12 <(echo "$left") <(compiled_in "$build") |
         xargs -r -n 1 -P "$(nproc)" clang-tidy -p "$build" --quiet 2>/dev/null || status=1
