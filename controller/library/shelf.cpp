@@ -117,6 +117,12 @@ std::vector<Artist> Shelf::artists(Page page) {
     return read_artists(rows.with(page.count, page.first));
 }
 
+std::string Shelf::artist_name(int64_t id) {
+    const std::scoped_lock lock(m_mutex);
+    Statement row = m_database.prepare("SELECT name FROM artists WHERE id = ?");
+    return row.with(id).step() ? row.text(0) : std::string();
+}
+
 std::optional<Album> Shelf::album(int64_t id) {
     const std::scoped_lock lock(m_mutex);
     Statement row = m_database.prepare(std::string(kAlbumColumns) + "WHERE albums.id = ?");

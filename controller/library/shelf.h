@@ -67,6 +67,7 @@ class Shelf {
     std::vector<Album> albums(Page page);
     std::vector<Album> albums_of_artist(int64_t artist);
     std::vector<Artist> artists(Page page);
+    std::string artist_name(int64_t id);
     std::optional<Album> album(int64_t id);
     // 0: the music folders.
     FolderPage folder(int64_t id);

@@ -1,9 +1,10 @@
 // The page: which screen is shown, and that it is up to date.
 import { show_devices } from "./devices.js";
-import { scan_line, show_library } from "./library.js";
+import { scan_line, show_library, target_text } from "./library.js";
 import { run_position, show_mini, show_playing, show_queue } from "./player.js";
 import { devices, on_change, selected, start, state } from "./state.js";
 
+const kTitles = { library: "Library · ", queue: "Queue · ", playing: "Playing · " };
 const main = document.getElementById("main");
 let shown = "";  // the screen's hash
 let visit = 0;
@@ -32,7 +33,8 @@ function show_banner() {
 function keeping_focus(work) {
   const key = document.activeElement && document.activeElement.dataset.key;
   work();
-  const again = key && document.querySelector(`[data-key="${CSS.escape(key)}"]`);
+  if (!key) return;
+  const again = document.querySelector(`[data-key="${CSS.escape(key)}"]:enabled`) || main.querySelector("h1");
   if (again && again !== document.activeElement) again.focus({ preventScroll: true });
 }
 
@@ -44,9 +46,23 @@ function what_is_seen() {
                         (key, value) => (key === "position_ms" ? undefined : value));
 }
 
+// A slider under a finger, and a list that is open, stay until they are let go. Not every browser
+// gives what a finger holds the focus.
+const kListOpenMs = 15000;  // longer: it was left without a choice
+let held = null;
+function hold(event) {
+  held = event.target.closest(event.type === "keydown" ? "select" : "input[type=range], select");
+  const now = held;
+  if (held && held.matches("select")) setTimeout(() => { if (held === now) let_go(); }, kListOpenMs);
+}
+function let_go(event) {
+  if (!held || (event && event.type === "pointerup" && held.matches("select"))) return;
+  held = null;
+  refresh();
+}
+
 function is_held() {
-  const held = document.activeElement;
-  return held && held.matches("input[type=range]:active, select:active");
+  return held !== null && held.isConnected;
 }
 
 function refresh() {
@@ -67,6 +83,8 @@ function refresh() {
   if (screen === "library") {
     const line = document.getElementById("scan");
     if (line) line.replaceChildren(scan_line());
+    const target = document.getElementById("target");
+    if (target) target.textContent = target_text();
     if (library_revision !== null && library_revision !== state.library.revision &&
         !state.library.scanning && window.scrollY < 200) {
       show_screen();
@@ -86,6 +104,7 @@ function show_screen() {
     if (link.hash === "#" + words[0]) link.setAttribute("aria-current", "page");
     else link.removeAttribute("aria-current");
   }
+  document.title = (kTitles[words[0]] || "") + "Nuvio Connect";
   if (words[0] === "library") {
     if (is_other) main.replaceChildren();
     show_library(main, words.slice(1), () => own === visit);
@@ -98,6 +117,8 @@ function show_screen() {
 
 on_change(refresh);
 window.addEventListener("hashchange", show_screen);
+for (const name of ["pointerdown", "keydown"]) document.addEventListener(name, hold);
+for (const name of ["pointerup", "pointercancel", "change", "focusout"]) document.addEventListener(name, let_go);
 start();
 show_screen();
 if ("serviceWorker" in navigator) {

@@ -17,11 +17,25 @@ function what_it_does(device) {
   return [{ playing: "Playing", paused: "Paused", stopped: "Stopped" }[device.playback], "quiet"];
 }
 
+// A key is one step of the device's own mixer, however wide that is.
+let is_stepping = false;
+async function step_by_key(event, device) {
+  const by = { ArrowUp: 1, ArrowRight: 1, ArrowDown: -1, ArrowLeft: -1, PageUp: 10, PageDown: -10 }[event.key];
+  if (!by) return;
+  event.preventDefault();
+  if (is_stepping) return;
+  is_stepping = true;
+  await command(device, "volume", { by });
+  is_stepping = false;
+}
+
 // A slider that follows the device but not under the finger; the device has the last word.
 export function volume_row(device) {
   const label = "Volume of " + device.name;
-  const slider = element("input", { type: "range", min: 0, max: 100, value: device.volume ?? 0,
-                                    "aria-label": label, "data-key": "volume-" + device.id });
+  const is_known = device.volume !== undefined;
+  const slider = element("input", { type: "range", min: 0, max: 100, value: device.volume ?? 0, disabled: !is_known,
+                                    "aria-label": label, "data-key": "volume-" + device.id,
+                                    onkeydown: (event) => step_by_key(event, device) });
   let last = 0;
   const send = (at_once) => {
     if (!at_once && performance.now() - last < 150) return;
@@ -35,7 +49,7 @@ export function volume_row(device) {
                 () => command(device, "mute", { muted: !device.muted }, { muted: !device.muted }),
                 { "aria-pressed": String(Boolean(device.muted)), "data-key": "mute-" + device.id }),
     slider,
-    element("span", { class: "number" }, device.volume === undefined ? "–" : String(device.volume)));
+    element("span", { class: "number" }, is_known ? String(device.volume) : "–"));
 }
 
 function card(device, is_selected) {
@@ -45,9 +59,9 @@ function card(device, is_selected) {
   return element("article", { class: "card" + (is_selected ? " selected" : ""), "aria-label": device.name },
     element("div", { class: "row" },
       element("div", { class: "grow" },
-        element("h2", { class: "cut" }, device.name),
-        element("p", { class: "quiet cut" },
-                [device.brand, device.model, kQualities[device.quality]].filter(Boolean).join(" · "))),
+        element("h2", {}, device.name),
+        element("p", { class: "quiet" }, [device.brand, device.model].filter(Boolean).join(" ")),
+        element("p", { class: "quiet" }, kQualities[device.quality] ? "up to " + kQualities[device.quality] : null)),
       element("button", { type: "button", "aria-pressed": String(is_selected), "data-key": "select-" + device.id,
                           onclick: () => select(device.id) }, is_selected ? "Chosen" : "Choose")),
     element("p", { class: tone }, text),
@@ -66,7 +80,7 @@ export function show_devices(main) {
   const chosen = selected();
   const all = devices();
   main.replaceChildren(
-    element("div", { class: "row" }, element("h1", { tabindex: -1, class: "grow" }, "Devices"),
+    element("div", { class: "row title" }, element("h1", { tabindex: -1, class: "grow" }, "Devices"),
             icon_button("scan", "Ask all devices again", () => request("devices/look", {}).catch(() => {}),
                         { "data-key": "look" })),
     ...all.map((device) => card(device, chosen !== null && device.id === chosen.id)),

@@ -1,6 +1,6 @@
 // The library: albums, artists, folders, and the search.
 import { attempt, cover, element, icon, icon_button, request, time_text } from "./elements.js";
-import { play, state } from "./state.js";
+import { play, selected, state } from "./state.js";
 
 const kPage = 100;
 const kTypingMs = 150;
@@ -61,7 +61,13 @@ function empty_library() {
     return element("p", {}, "No music folder was named. Start the controller with --music and a folder.");
   }
   return state.library.tracks === 0 && !state.library.scanning
-    ? element("p", {}, "No music was found in the folders that were named.") : null;
+    ? element("p", {}, "No music was found in the folders that were named. Put some there: it appears here by itself.") : null;
+}
+
+// Where a press on "Play" will be heard.
+export function target_text() {
+  const device = selected();
+  return device ? "On " + device.name : "No device";
 }
 
 // Stays in place while the rest of the screen changes.
@@ -101,13 +107,14 @@ async function search(text) {
     ...section("Tracks", element("ul", { class: "list" },
       found.tracks.map((track) => track_row(track, 0, { what: "track:" + track.id, start: 0 })))),
   ];
-  return parts.length ? parts : [element("p", {}, "Nothing has all of these words.")];
+  return parts.length ? parts : [element("p", {},
+    "Nothing in the library has all of these words. Beginnings of words are enough; fewer find more.")];
 }
 
 async function album(id) {
   const page = await request("library/albums/" + id);
   return [element("div", { class: "head" }, cover("cover/" + id),
-    element("div", { class: "grow" }, element("h2", {}, page.title || "Untitled"),
+    element("div", { class: "grow" }, element("h2", { class: "first" }, page.title || "Untitled"),
       element("p", { class: "quiet" }, [page.artist, page.year || ""].filter(Boolean).join(" · ")),
       actions("album:" + id))),
     element("ul", { class: "list" }, page.tracks.map((track, start) =>
@@ -116,7 +123,7 @@ async function album(id) {
 
 async function artist(id) {
   const page = await request("library/albums?artist=" + id);
-  return [actions("artist:" + id), element("h2", {}, "Albums"),
+  return [element("h2", { class: "first" }, page.artist || "Unknown"), actions("artist:" + id), element("h2", {}, "Albums"),
           element("ul", { class: "grid" }, page.albums.map(album_tile))];
 }
 
@@ -149,7 +156,9 @@ export async function show_library(main, words, is_current) {
       main.querySelector("#found").replaceWith(content);
     } else {
       main.replaceChildren(
-        element("div", { class: "row" }, element("h1", { tabindex: -1, class: "grow" }, "Library"),
+        element("div", { class: "row title" }, element("h1", { tabindex: -1, class: "grow" }, "Library"),
+                element("a", { class: "button", href: "#devices" }, icon("speaker"),
+                        element("span", { id: "target", class: "cut" }, target_text())),
                 icon_button("scan", "Read the folders again", () => attempt(() => request("library/scan", {})))),
         field, element("div", { class: "tabs" }), content, scan);
     }

@@ -1,16 +1,21 @@
 // The queue, what plays now, and the small line about it above the screens' names.
-import { attempt, cover, element, icon, icon_button, request, time_text } from "./elements.js";
+import { attempt, cover, element, icon, icon_button, request, time_text, toast } from "./elements.js";
 import { command, devices, position_ms, select, selected, state } from "./state.js";
 import { volume_row } from "./devices.js";
 
 const kLoops = ["off", "all", "one"];
-let queue = { device: null, revision: null, items: [] };
+const kRows = 300;
+const kKept = "nuvio-connect-queue";
+const kNothing = { device: null, revision: null, items: [] };
+let queue = kNothing;
+let rows_wanted = kRows;
+let built = "";  // what the rows that stand there were made of
 
 function nothing_here(device, text) {
   return [element("h1", { tabindex: -1 }, text),
           element("p", {}, device ? "Nothing of this controller plays on " + device.name + ". "
                                   : "No device is on the network. "),
-          element("p", {}, element("a", { href: device ? "#library" : "#devices" },
+          element("p", {}, element("a", { class: "button", href: device ? "#library" : "#devices" },
                                    device ? "Choose some music" : "Look at the devices"))];
 }
 
@@ -25,7 +30,10 @@ function move(device, item, before) {
   return command(device, "queue_move", before === null ? { items: [item] } : { items: [item], before });
 }
 
-// The row follows the finger; the order is sent when it is let go.
+// The row follows the finger, and the list moves on where that comes to the screen's edge; the order
+// is sent when it is let go.
+const kEdge = 130;
+const kEdgeStep = 9;
 function start_drag(event, row, device, item) {
   const handle = event.currentTarget;
   const list = row.parentElement;
@@ -33,14 +41,26 @@ function start_drag(event, row, device, item) {
   handle.setPointerCapture(event.pointerId);
   row.classList.add("dragged");
   list.dataset.dragging = "1";
-  handle.onpointermove = (at) => {
-    const rows = [...list.children].filter((each) => each !== row);
-    const under = rows.find((each) => {
+  let y = event.clientY;
+  const follow = () => {
+    const under = [...list.children].find((each) => {
       const box = each.getBoundingClientRect();
-      return at.clientY < box.top + box.height / 2;
+      return each !== row && y < box.top + box.height / 2;
     });
     if (row.nextElementSibling !== (under || null)) list.insertBefore(row, under || null);
   };
+  handle.onpointermove = (at) => {
+    y = at.clientY;
+    follow();
+  };
+  const scroll = () => {
+    if (!list.dataset.dragging) return;
+    const before = window.scrollY;
+    window.scrollBy(0, y < kEdge / 2 ? -kEdgeStep : y > window.innerHeight - kEdge ? kEdgeStep : 0);
+    if (window.scrollY !== before) follow();
+    requestAnimationFrame(scroll);
+  };
+  scroll();
   const end = async (is_done) => {
     handle.onpointermove = handle.onpointerup = handle.onpointercancel = null;
     row.classList.remove("dragged");
@@ -60,11 +80,11 @@ function move_by_key(event, device, place) {
   event.preventDefault();
   const before = queue.items[step < 0 ? target : target + 1];
   move(device, queue.items[place].item, before ? before.item : null);
+  toast(queue.items[place].title + ": place " + (target + 1) + " of " + queue.items.length);
 }
 
 function queue_row(device, entry, place) {
-  const row = element("li", { class: entry.item === device.item ? "now" : "", "data-item": entry.item,
-                              "aria-current": entry.item === device.item ? "true" : undefined });
+  const row = element("li", { "data-item": entry.item });
   row.append(
     element("button", { type: "button", class: "open", "data-key": "jump-" + entry.item,
                         onclick: () => command(device, "queue_jump", { item: entry.item }, { item: entry.item }) },
@@ -81,27 +101,59 @@ function queue_row(device, entry, place) {
   return row;
 }
 
+function mark_current(list, item) {
+  for (const row of list.children) {
+    const is_current = Number(row.dataset.item) === item;
+    row.classList.toggle("now", is_current);
+    if (is_current) row.setAttribute("aria-current", "true");
+    else row.removeAttribute("aria-current");
+  }
+}
+
+// Without a connection: what was last seen.
+async function read_queue({ id, queue_revision }) {
+  if (!state.connected) {
+    const kept = JSON.parse(localStorage.getItem(kKept) || "null");
+    if (kept && kept.device === id) queue = kept;
+    return;
+  }
+  const answer = await request("devices/" + encodeURIComponent(id) + "/queue");
+  queue = { device: id, revision: queue_revision, items: answer.items };
+  try {
+    localStorage.setItem(kKept, JSON.stringify({ ...queue, revision: null, items: queue.items.slice(0, kRows) }));
+  } catch {
+    // Shown as long as the page stays open only.
+  }
+}
+
 export async function show_queue(main, is_current, keeping_focus) {
   const device = selected();
   if (!device || device.session !== "us" || !device.queue_length) {
-    queue = { device: null, revision: null, items: [] };
+    queue = kNothing;
     main.replaceChildren(...nothing_here(device, "Queue"));
     return;
   }
   if (queue.device !== device.id || queue.revision !== device.queue_revision ||
       queue.items.length < device.queue_length) {
-    const { id, queue_revision } = device;
-    await attempt(async () => {
-      const answer = await request("devices/" + encodeURIComponent(id) + "/queue");
-      queue = { device: id, revision: queue_revision, items: answer.items };
-    });
+    if (queue.device !== device.id) rows_wanted = kRows;
+    await attempt(() => read_queue(device));
     if (!is_current()) return;
   }
   if (main.querySelector("[data-dragging]")) return;
-  keeping_focus(() => main.replaceChildren(
-    element("h1", { tabindex: -1 }, "Queue"),
-    element("p", { class: "quiet" }, device.name + " · " + device.queue_length + " tracks"),
-    element("ul", { class: "list" }, queue.items.map((entry, place) => queue_row(device, entry, place)))));
+  const wanted = JSON.stringify([device.id, device.name, queue.revision, queue.items.length, rows_wanted]);
+  if (!main.querySelector("#queue") || built !== wanted) {
+    built = wanted;
+    keeping_focus(() => main.replaceChildren(
+      element("h1", { tabindex: -1 }, "Queue"),
+      element("p", { class: "quiet" }, device.name + " · " + device.queue_length + (device.queue_length === 1 ? " track" : " tracks")),
+      element("ul", { class: "list", id: "queue" },
+        queue.items.slice(0, rows_wanted).map((entry, place) => queue_row(device, entry, place))),
+      queue.items.length > rows_wanted ? element("button", { type: "button", "data-key": "more", onclick: () => {
+        rows_wanted += kRows;
+        show_queue(main, is_current, keeping_focus);
+      } }, "Show more") : ""));
+  }
+  mark_current(main.querySelector("#queue"), device.item);
 }
 
 // ---- Now playing --------------------------------------------------------------------------------

@@ -5,6 +5,7 @@ import { attempt, request, toast } from "./elements.js";
 const kKept = "nuvio-connect-last";
 const kSelected = "nuvio-connect-device";
 const kPatienceMs = 8000;
+const kConfirmedMs = 700;  // after the answer the device's own state is on its way
 
 export const state = { devices: [], library: {}, received: 0, connected: false, at: null };
 const listeners = new Set();
@@ -134,11 +135,16 @@ export async function command(device, name, body = {}, shown = {}) {
     pressed[key] = { value, until: performance.now() + kPatienceMs };
   }
   announce();
+  setTimeout(announce, kPatienceMs + 1);
   const path = "devices/" + encodeURIComponent(device.id) + "/command";
   const done = await attempt(() => request(path, { command: name, ...body }));
   if (!done) {
     for (const key of Object.keys(shown)) delete pressed[key];
     announce();
+  } else if (name === "volume" && pressed.volume && pressed.volume.value === shown.volume) {
+    // The mixer may have no such step: then its nearest one is shown.
+    pressed.volume.until = performance.now() + kConfirmedMs;
+    setTimeout(announce, kConfirmedMs + 1);
   }
   return done;
 }

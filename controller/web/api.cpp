@@ -205,9 +205,13 @@ int Api::post_look(Exchange& exchange, const std::string&) {
 
 int Api::get_albums(Exchange& exchange, const std::string&) {
     const int64_t artist = exchange.number_parameter("artist", 0);
-    return exchange.reply_json(in_object(
-        "albums", describe_all(artist != 0 ? m_library.shelf().albums_of_artist(artist)
-                                           : m_library.shelf().albums(page_of(exchange)))));
+    if (artist == 0) {
+        return exchange.reply_json(
+            in_object("albums", describe_all(m_library.shelf().albums(page_of(exchange)))));
+    }
+    JsonPtr object = in_object("albums", describe_all(m_library.shelf().albums_of_artist(artist)));
+    add(object.get(), "artist", m_library.shelf().artist_name(artist));
+    return exchange.reply_json(object);
 }
 
 int Api::get_album(Exchange& exchange, const std::string& id) {

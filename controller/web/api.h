@@ -1,13 +1,17 @@
 // What the page and the command line ask and do, as JSON over HTTP.
 //
-//   GET  /api/state?after=VERSION        devices and library; with `after` only once that has
-//   changed GET  /api/devices/ID/queue POST /api/devices/ID/play            {"what": [texts],
-//   "where": "now"|"next"|"end", "start": 0} POST /api/devices/ID/command         {"command": ...,
-//   its arguments}: docs/session.md POST /api/devices/look               asks all devices how they
-//   are GET  /api/library/albums             ?first= ?count= or ?artist=ID GET
-//   /api/library/albums/ID GET  /api/library/artists            ?first= ?count= GET
-//   /api/library/folders/ID         0: the music folders GET  /api/library/search             ?q=
-//   POST /api/library/scan
+// - GET /api/state, ?after=VERSION: devices and library; with `after` only once that has changed
+// - GET /api/devices/ID/queue
+// - POST /api/devices/ID/play: {"what": [texts], "where": "now"|"next"|"end", "start": 0}
+// - POST /api/devices/ID/command: {"command": ..., its arguments}, of docs/session.md; "volume" may
+//   have "by" instead of "volume": from where it is, and at least one step of the device's mixer
+// - POST /api/devices/look: asks all devices how they are
+// - GET /api/library/albums, ?first= &count= or ?artist=ID
+// - GET /api/library/albums/ID
+// - GET /api/library/artists, ?first= &count=
+// - GET /api/library/folders/ID; 0: the music folders
+// - GET /api/library/search, ?q=
+// - POST /api/library/scan
 //
 // ID of a device may be its name. A failure is {"error": text for people} with a status: 400 the
 // request is wrong, 404 no such thing, 409 the device can't or won't.
