@@ -56,7 +56,8 @@ void show(const FoundDevice& device) {
         const HttpAnswer answer = ask_device(device, "GET", endpoint);
         std::printf("  %s  %s\n", endpoint,
                     answer.status == 200 ? answer.body.c_str()
-                                         : ("no answer (" + answer.failure + ")").c_str());
+                    : answer.status == 0 ? ("no answer (" + answer.failure + ")").c_str()
+                                         : ("answers " + std::to_string(answer.status)).c_str());
     }
 }
 

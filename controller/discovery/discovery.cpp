@@ -29,8 +29,9 @@ constexpr unsigned kLongestPauseMs = 60'000;
 
 using ResolverPtr = std::unique_ptr<AvahiServiceResolver, ReleasedBy<avahi_service_resolver_free>>;
 
-bool is_ipv4(const std::string& address) {
-    return address.find(':') == std::string::npos;
+// What is tried first: devices serve IPv4 above all, and hardly an address of link scope alone.
+int rank_of(const std::string& address) {
+    return address.find(':') == std::string::npos ? 0 : address.starts_with("fe80:") ? 2 : 1;
 }
 
 // A link-local IPv6 address means nothing without its interface.
@@ -207,7 +208,7 @@ class Discovery::Browser {
         }
         std::vector<FoundDevice> all;
         for (auto& [id, device] : devices) {
-            std::stable_partition(device.addresses.begin(), device.addresses.end(), is_ipv4);
+            std::ranges::stable_sort(device.addresses, {}, rank_of);
             all.push_back(std::move(device));
         }
         if (all != m_reported) {

@@ -28,8 +28,8 @@ int64_t unix_ms() {
         .count();
 }
 
-std::string url_address(const std::string& address) {
-    return address.find(':') == std::string::npos ? address : "[" + address + "]";
+bool is_ipv6(const std::string& address) {
+    return address.find(':') != std::string::npos;
 }
 
 // The body of the POST. Content and channel have one token.
@@ -121,8 +121,13 @@ Outcome House::begin_session(const std::string& id, const FoundDevice& found,
     if (reached.status != 200) {
         return {false, refusal(reached)};
     }
+    if (is_ipv6(reached.local_address)) {  // the web server has none
+        return {false,
+                "the device is reached by IPv6 only, and fetches music from here by IPv4 only: "
+                "give it an IPv4 address"};
+    }
     Session session{new_token(), new_token(), std::time(nullptr) + kSessionSeconds, {}, {}};
-    session.here = "http://" + url_address(reached.local_address) + ":" + std::to_string(m_port);
+    session.here = "http://" + reached.local_address + ":" + std::to_string(m_port);
     session.playlist = playlist_of(items, session.here);
     Session before;
     {

@@ -3,8 +3,7 @@
 // - GET /api/state, ?after=VERSION: devices and library; with `after` only once that has changed
 // - GET /api/devices/ID/queue
 // - POST /api/devices/ID/play: {"what": [texts], "where": "now"|"next"|"end", "start": 0}
-// - POST /api/devices/ID/command: {"command": ..., its arguments}, of docs/session.md; "volume" may
-//   have "by" instead of "volume": from where it is, and at least one step of the device's mixer
+// - POST /api/devices/ID/command: {"command": ..., its arguments}, of docs/session.md
 // - POST /api/devices/look: asks all devices how they are
 // - GET /api/library/albums, ?first= &count= or ?artist=ID
 // - GET /api/library/albums/ID

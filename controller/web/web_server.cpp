@@ -154,6 +154,9 @@ int WebServer::serve(Exchange& exchange) {
     }
     const std::string& method = exchange.method();
     const std::string& path = exchange.path();
+    if (!m_settings.base.empty() && path == m_settings.base) {
+        return exchange.reply(308, "text/plain", {}, "Location: " + m_settings.base + "/\r\n");
+    }
     if (method != "GET" && method != "HEAD" && method != "POST") {
         return exchange.fail(405, "not by this method");
     }

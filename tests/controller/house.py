@@ -12,16 +12,19 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
 import device as e2e  # noqa: E402
 import music  # noqa: E402
-from device import PATIENCE, wait_for  # noqa: E402
+from device import PATIENCE, WebServer, wait_for  # noqa: E402, F401
 
 OWN_DAEMON = pathlib.Path(__file__).resolve().parents[2] / "tools/run/own_daemon.sh"
 SECONDS = 20  # of each track
+SESAME = {"Authorization": "Basic eDpzZXNhbWU="}  # the password that some of the tests set
 ALBUMS = [("Night Boats", "Ada Fern", (30, 90, 140)), ("Köln, früh", "Trio Laub", (150, 80, 30)),
           ("<script>alert(1)</script>", "<img src=x onerror=alert(2)>", (60, 120, 60))]
 
 
 class Room(e2e.DeviceTest):
-    """One device; its owner is another test."""
+    """One device; its owner is another test. Its mixer has a step for every fifth percent."""
+
+    card_options = ["--range", "0..20"]
 
     def runTest(self):
         """What a TestCase must have; never run."""
@@ -117,7 +120,7 @@ class HouseTest(unittest.TestCase):
 
     def state(self):
         try:
-            status, _, body = self.ask("/api/state")
+            status, _, body = self.ask("/api/state", headers=SESAME)
         except OSError:
             return None
         return json.loads(body) if status == 200 else None

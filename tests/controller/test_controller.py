@@ -1,14 +1,17 @@
 """The controller from outside: by its command line, as a device, and as a peer that means no good."""
+import http.server
 import json
 import os
 import pathlib
 import signal
 import socket
 import struct
+import subprocess
+import threading
 import time
 import unittest
 
-from house import PATIENCE, SECONDS, HouseTest, wait_for
+from house import PATIENCE, SECONDS, SESAME, HouseTest, wait_for
 
 
 class CommandLine(HouseTest):
@@ -71,15 +74,44 @@ class CommandLine(HouseTest):
         wait_for("taken back", lambda: self.shown("Kitchen").get("playback") == "playing")
 
 
+class Sixth(http.server.BaseHTTPRequestHandler):
+    """A device's two GETs, at an IPv6 address."""
+
+    def do_GET(self):
+        self.send_response(200)
+        self.end_headers()
+        self.wfile.write(b'{"model_display_name": "Sixth", "current_session_id": ""}')
+
+    def log_message(self, *_):
+        """Nobody reads it."""
+
+
+class Addresses(HouseTest):
+    rooms = ["Kitchen"]
+
+    def test_a_device_at_an_ipv6_address_alone_is_shown_with_what_it_lacks(self):
+        subprocess.run(["ip", "address", "add", "fd00::5/128", "dev", "lo"], check=True)
+        self.start_all()
+        server_class = type("Server", (http.server.ThreadingHTTPServer,), {"address_family": socket.AF_INET6})
+        server = server_class(("::", 0), Sixth)
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        self.addCleanup(server.server_close)
+        self.addCleanup(server.shutdown)
+        port = str(server.server_port)
+        for words in (["-a", "-R", "sixth.local", "fd00::5"],
+                      ["-s", "-H", "sixth.local", "Sixth", "_nuvio-connect._tcp", port, "path=/"]):
+            process = subprocess.Popen(["avahi-publish", *words], env=self.environment, stderr=subprocess.DEVNULL)
+            self.addCleanup(process.wait)
+            self.addCleanup(process.kill)
+        wait_for("the device", lambda: self.shown("Sixth").get("reach") == "reached")
+        self.assertEqual([self.shown("Sixth")[key] for key in ("model", "addresses")], ["Sixth", ["fd00::5"]])
+        status, _, body = self.ask("/api/devices/Sixth/play", {"what": ["album:1"]})
+        self.assertEqual((status, "IPv4" in json.loads(body)["error"]), (409, True), body)
+
+
 class Peers(HouseTest):
     rooms = ["Kitchen"]
     options = ["--password", "sesame", "--base", "/music"]
-
-    def state(self):
-        try:
-            return json.loads(self.ask("/api/state", headers={"Authorization": "Basic eDpzZXNhbWU="})[2])
-        except OSError:
-            return None
 
     def token(self):
         sessions = json.loads((self.folder / "state-of-controller/sessions.json").read_text())
@@ -117,7 +149,7 @@ class Peers(HouseTest):
                 upgrade = {"Upgrade": "websocket", "Connection": "Upgrade", "Sec-WebSocket-Version": "13",
                            "Sec-WebSocket-Key": "dGhlIHNhbXBsZSBub25jZQ=="}
                 self.assertEqual(self.ask(path, headers={**headers, **upgrade})[0], 401, path)
-        page = self.ask("/music/", headers={"Authorization": "Basic eDpzZXNhbWU="})
+        page = self.ask("/music/", headers=SESAME)
         self.assertEqual(self.ask("/api/state", headers={"Cookie": page[1]["Set-Cookie"].split(";")[0]})[0], 200)
         for foreign in ({"Origin": "http://evil.example"}, {"Host": "evil.example"},
                         {"Sec-Fetch-Site": "cross-site"}):
