@@ -17,30 +17,20 @@ function what_it_does(device) {
   return [{ playing: "Playing", paused: "Paused", stopped: "Stopped" }[device.playback], "quiet"];
 }
 
-// A key is one step of the device's own mixer, however wide that is.
-let is_stepping = false;
-async function step_by_key(event, device) {
-  const by = { ArrowUp: 1, ArrowRight: 1, ArrowDown: -1, ArrowLeft: -1, PageUp: 10, PageDown: -10 }[event.key];
-  if (!by) return;
-  event.preventDefault();
-  if (is_stepping) return;
-  is_stepping = true;
-  await command(device, "volume", { by });
-  is_stepping = false;
-}
-
 // A slider that follows the device but not under the finger; the device has the last word.
 export function volume_row(device) {
   const label = "Volume of " + device.name;
   const is_known = device.volume !== undefined;
   const slider = element("input", { type: "range", min: 0, max: 100, value: device.volume ?? 0, disabled: !is_known,
-                                    "aria-label": label, "data-key": "volume-" + device.id,
-                                    onkeydown: (event) => step_by_key(event, device) });
+                                    "aria-label": label, "data-key": "volume-" + device.id });
   let last = 0;
+  let sent = null;  // not twice: where a mixer has no such step, the second one is not corrected
   const send = (at_once) => {
-    if (!at_once && performance.now() - last < 150) return;
+    const volume = Number(slider.value);
+    if (volume === sent || (!at_once && performance.now() - last < 150)) return;
     last = performance.now();
-    command(device, "volume", { volume: Number(slider.value) }, { volume: Number(slider.value) });
+    sent = volume;
+    command(device, "volume", { volume }, { volume });
   };
   slider.addEventListener("input", () => send(false));
   slider.addEventListener("change", () => send(true));

@@ -1,8 +1,14 @@
 // Keeps the page's files, so that the page opens without the controller and says what it last knew.
 // Browsers run it over HTTPS and on the controller's own machine only.
 const kStore = "nuvio-connect";
+const kFiles = ["./", "style.css", "app.js", "state.js", "devices.js", "library.js", "player.js", "elements.js",
+                "icon.svg", "manifest.json"];
 
-self.addEventListener("install", () => self.skipWaiting());
+// From the first visit on: the page that brought this worker was fetched without it.
+self.addEventListener("install", (event) => {
+  self.skipWaiting();
+  event.waitUntil(caches.open(kStore).then((store) => store.addAll(kFiles)));
+});
 
 self.addEventListener("fetch", (event) => {
   const url = new URL(event.request.url);

@@ -3,10 +3,11 @@ import json
 import os
 import pathlib
 import signal
+import subprocess
 import unittest
 
 import axe
-from house import ALBUMS, HouseTest, wait_for
+from house import ALBUMS, SESAME, HouseTest, WebServer, wait_for
 from selenium import webdriver
 from selenium.webdriver import ActionChains, ChromeOptions, Keys
 from selenium.webdriver.chrome.service import Service
@@ -33,10 +34,11 @@ axe.run(document, {rules, resultTypes: ["violations"]}).then((result) => argumen
 
 
 class Browser:
-    def __init__(self, test, kind):
+    def __init__(self, test, kind, url=None, headers=None):
         options = ChromeOptions()
         options.binary_location = "/usr/bin/chromium"
         for argument in ("headless=new", "no-sandbox", "disable-dev-shm-usage", "disable-gpu", "hide-scrollbars",
+                         "host-resolver-rules=MAP *.test 127.0.0.1", "ignore-certificate-errors",
                          f"user-data-dir={test.folder}/{kind}"):
             options.add_argument(f"--{argument}")
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
@@ -46,8 +48,11 @@ class Browser:
         self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
             "width": width, "height": height, "deviceScaleFactor": 1, "mobile": kind == "phone"})
         self.kind = kind
-        self.url = f"http://127.0.0.1:{test.port}/"
+        self.url = url or f"http://127.0.0.1:{test.port}/"
+        self.driver.execute_cdp_cmd("Network.enable", {})
+        self.driver.execute_cdp_cmd("Network.setExtraHTTPHeaders", {"headers": headers or {}})
         self.driver.get(self.url)
+        self.driver.execute_cdp_cmd("Network.setExtraHTTPHeaders", {"headers": {}})
 
     def open(self, screen):
         self.driver.execute_script("location.hash = arguments[0]", screen)
@@ -137,6 +142,8 @@ class Page(HouseTest):
         wait_for("the card's volume", lambda: "[35%]" in kitchen.amixer("sget", "Master"))
         kitchen.amixer("sset", "Master", "20%")
         wait_for("the slider", lambda: phone.value("input[data-key^=volume]") == 20)
+        phone.slide("input[data-key^=volume]", 18)
+        wait_for("what the mixer has", lambda: phone.value("input[data-key^=volume]") == 15, 5)
         phone.press("Pause")
         wait_for("a pause", lambda: kitchen.player("status") == "Paused")
 
@@ -182,6 +189,10 @@ class Page(HouseTest):
         phone.shows("Night Boats 1")
         kitchen.run_tool(pathlib.Path(__file__).parents[2] / "tools/panel/panel", "rename", "Larder")
         phone.shows("Larder")
+        phone.open("#queue")
+        wait_for("the queue", lambda: len(phone.titles()) == 2)
+        phone.open("#devices")
+        phone.driver.execute_async_script("navigator.serviceWorker.ready.then(arguments[0])")
         attic.daemon.send_signal(signal.SIGKILL)
         attic.daemon.wait()
         self.ask("/api/devices/look", {})
@@ -191,7 +202,12 @@ class Page(HouseTest):
 
         self.stop_controller(signal.SIGKILL)
         phone.shows("No connection to the controller")
-        self.assertIn("Larder", phone.text())
+        phone.driver.refresh()
+        phone.shows("No connection to the controller")
+        phone.shows("Larder")
+        phone.open("#queue")
+        self.assertEqual(phone.titles(), ["Night Boats 1", "Night Boats 2"])
+        phone.open("#devices")
         before = kitchen.position()
         wait_for("music all the while", lambda: kitchen.position() > before + 1)
         self.start_controller()
@@ -234,6 +250,41 @@ class Page(HouseTest):
                 self.assertEqual(found, [], (browser.kind, screen, scheme))
             if PICTURES and screen in ("devices", "library", "queue", "playing"):
                 browser.driver.save_screenshot(f"{PICTURES}/{browser.kind}-{screen}.png")
+
+
+PROXY = """server {{
+    listen 127.0.0.1:{port} ssl; server_name music.test; ssl_certificate {d}/cert.pem; ssl_certificate_key {d}/key.pem;
+    location /music {{
+        proxy_pass http://127.0.0.1:{controller}; proxy_http_version 1.1; proxy_set_header Host $http_host;
+        proxy_set_header Upgrade $http_upgrade; proxy_set_header Connection "upgrade"; proxy_read_timeout 1h;
+    }}
+}}"""
+
+
+class BehindAProxy(HouseTest):
+    rooms = ["Kitchen"]
+    options = ["--password", "sesame", "--base", "/music", "--public-name", "music.test"]
+
+    def test_the_page_lives_below_a_path_of_a_tls_proxy_and_asks_for_its_password_once(self):
+        self.start_all()
+        folder = self.folder / "proxy"
+        folder.mkdir()
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-subj", "/CN=music.test", "-days",
+                        "9", "-keyout", "key.pem", "-out", "cert.pem"], cwd=folder, check=True, capture_output=True)
+        proxy = WebServer(str(folder), PROXY, controller=self.port)
+        self.addCleanup(proxy.kill)
+        url = f"https://music.test:{proxy.port}/music"
+        phone = Browser(self, "phone", url, SESAME)
+        phone.shows("Kitchen")
+        self.assertEqual(phone.run("return document.baseURI"), url + "/")
+        phone.find("article button").click()
+        phone.open("#library/album/1")
+        phone.press("Play")
+        wait_for("sound", lambda: self.shown("Kitchen").get("position_ms", 0) > 500)
+        phone.open("#playing")
+        phone.press("Pause")
+        wait_for("a pause", lambda: self.shown("Kitchen").get("playback") == "paused")
+        self.assertEqual(phone.faults(), [])
 
 
 if __name__ == "__main__":
