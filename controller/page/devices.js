@@ -12,7 +12,9 @@ function what_it_does(device) {
   }
   if (device.reach === "asking" && !device.connected) return ["Is being reached …", "quiet"];
   if (device.session === "other") return ["Another controller plays here. Playing something takes it over.", "warn"];
-  if (device.session !== "us") return ["Free", "quiet"];
+  if (device.session !== "us") {
+    return ["Free" + (kQualities[device.quality] ? ", up to " + kQualities[device.quality] : ""), "quiet"];
+  }
   if (!device.connected) return ["Plays on; its connection is expected back …", "warn"];
   return [{ playing: "Playing", paused: "Paused", stopped: "Stopped" }[device.playback], "quiet"];
 }
@@ -50,8 +52,7 @@ function card(device, is_selected) {
     element("div", { class: "row" },
       element("div", { class: "grow" },
         element("h2", {}, device.name),
-        element("p", { class: "quiet" }, [device.brand, device.model].filter(Boolean).join(" ")),
-        element("p", { class: "quiet" }, kQualities[device.quality] ? "up to " + kQualities[device.quality] : null)),
+        element("p", { class: "quiet cut" }, [device.brand, device.model].filter(Boolean).join(" "))),
       element("button", { type: "button", "aria-pressed": String(is_selected), "data-key": "select-" + device.id,
                           onclick: () => select(device.id) }, is_selected ? "Chosen" : "Choose")),
     element("p", { class: tone }, text),

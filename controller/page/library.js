@@ -74,7 +74,7 @@ export function target_text() {
 export function scan_line() {
   const library = state.library;
   if (library.failure) return element("p", { class: "warn" }, "The library can't be written: " + library.failure);
-  if (!library.scanning) return element("p", { class: "quiet" }, (library.tracks || 0) + " tracks");
+  if (!library.scanning) return element("p", { class: "quiet" }, (library.tracks || 0) + " tracks in the library");
   return element("div", { role: "status" }, element("p", { class: "quiet" },
     "The folders are being read: " + library.seen + " files so far"), element("progress", { "aria-label": "Reading the folders" }));
 }
@@ -163,6 +163,8 @@ export async function show_library(main, words, is_current) {
         field, element("div", { class: "tabs" }), content, scan);
     }
   }
+  const field = main.querySelector("input[type=search]");
+  if (field !== document.activeElement) field.value = text;
   main.querySelector(".tabs").replaceChildren(...kTabs.map(([name, title]) =>
     element("a", { class: "button", href: "#library/" + name,
                    "aria-current": kind === name ? "page" : undefined }, title)));

@@ -213,7 +213,7 @@ export function show_playing(main) {
   main.replaceChildren(element("div", { class: "player" + (device.pending ? " pending" : "") },
     cover(track.cover),
     element("div", {}, element("h1", { tabindex: -1 }, track.title || "Untitled"),
-      element("p", {}, track.artist), element("p", { class: "quiet" }, track.album),
+      element("p", { class: "cut" }, track.artist), element("p", { class: "quiet cut" }, track.album),
       element("p", { class: "quiet", id: "format" }, format_text(device))),
     seek_row(device),
     element("div", { class: "transport" }, shuffle,
