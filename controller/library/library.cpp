@@ -140,7 +140,10 @@ Selection Library::select(const std::string& what) {
                                          : std::vector<Track>{});
     }
     if (selection.items.empty()) {
-        selection.failure = "nothing to play: " + what;
+        selection.failure =
+            (kind == "search" ? "nothing in the library has all of these words: " + rest
+                              : "not in the library any longer: " + what) +
+            (m_scanner.progress().is_scanning ? " (it is being read)" : "");
     }
     return selection;
 }

@@ -81,7 +81,7 @@ export function scan_line() {
 
 function search_field(text) {
   const field = element("input", { type: "search", value: text, placeholder: "Search, or an http:// address",
-                                   "aria-label": "Search the library, or a radio's address",
+                                   "aria-label": "Search the library, or a radio's address or a playlist's path",
                                    autocomplete: "off", "data-key": "search" });
   let timer = 0;
   field.addEventListener("input", () => {
@@ -96,7 +96,8 @@ function search_field(text) {
 }
 
 async function search(text) {
-  if (/^https?:\/\//i.test(text)) {
+  // A radio, or a playlist file of the controller's machine.
+  if (/^(https?:\/\/|\/.)/i.test(text)) {
     return [element("p", {}, text), actions(text)];
   }
   const found = await request("library/search?q=" + encodeURIComponent(text));
