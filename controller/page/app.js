@@ -4,7 +4,7 @@ import { scan_line, show_library, target_text } from "./library.js";
 import { run_position, show_mini, show_playing, show_queue } from "./player.js";
 import { devices, on_change, selected, start, state } from "./state.js";
 
-const kTitles = { library: "Library · ", queue: "Queue · ", playing: "Playing · " };
+const kTitles = { devices: "", library: "Library · ", queue: "Queue · ", playing: "Playing · " };
 const main = document.getElementById("main");
 let shown = "";  // the screen's hash
 let visit = 0;
@@ -12,13 +12,14 @@ let seen = "";  // what the screen was last made of
 let library_revision = null;
 
 function words_of_hash() {
-  return (location.hash.slice(1) || "devices").split("/").map((word) => {
+  const words = location.hash.slice(1).split("/").map((word) => {
     try {
       return decodeURIComponent(word);
     } catch {
       return word;
     }
   });
+  return words[0] in kTitles ? words : ["devices"];
 }
 
 function show_banner() {
@@ -104,7 +105,7 @@ function show_screen() {
     if (link.hash === "#" + words[0]) link.setAttribute("aria-current", "page");
     else link.removeAttribute("aria-current");
   }
-  document.title = (kTitles[words[0]] || "") + "Nuvio Connect";
+  document.title = kTitles[words[0]] + "Nuvio Connect";
   if (words[0] === "library") {
     if (is_other) main.replaceChildren();
     show_library(main, words.slice(1), () => own === visit);
@@ -117,6 +118,10 @@ function show_screen() {
 
 on_change(refresh);
 window.addEventListener("hashchange", show_screen);
+document.querySelector(".skip").addEventListener("click", (event) => {
+  event.preventDefault();
+  main.focus();
+});
 for (const name of ["pointerdown", "keydown"]) document.addEventListener(name, hold);
 for (const name of ["pointerup", "pointercancel", "change", "focusout"]) document.addEventListener(name, let_go);
 start();

@@ -54,6 +54,7 @@ function card(device, is_selected) {
         element("h2", {}, device.name),
         element("p", { class: "quiet cut" }, [device.brand, device.model].filter(Boolean).join(" "))),
       element("button", { type: "button", "aria-pressed": String(is_selected), "data-key": "select-" + device.id,
+                          "aria-label": (is_selected ? "Chosen: " : "Choose ") + device.name,
                           onclick: () => select(device.id) }, is_selected ? "Chosen" : "Choose")),
     element("p", { class: tone }, text),
     plays ? element("div", { class: "row" + (device.pending ? " pending" : "") },

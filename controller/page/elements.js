@@ -49,11 +49,11 @@ export function time_text(ms) {
 }
 
 let toast_timer = 0;
-export function toast(text) {
+export function toast(text, shown_ms = 5000) {
   const line = document.getElementById("toast");
   line.textContent = text;
   clearTimeout(toast_timer);
-  toast_timer = setTimeout(() => { line.textContent = ""; }, 5000);
+  toast_timer = setTimeout(() => { line.textContent = ""; }, shown_ms);
 }
 
 // The answer of the controller; throws what is to be shown.

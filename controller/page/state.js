@@ -5,6 +5,7 @@ import { attempt, request, toast } from "./elements.js";
 const kKept = "nuvio-connect-last";
 const kSelected = "nuvio-connect-device";
 const kPatienceMs = 8000;
+const kAskingMs = 30000;  // a device that does not answer is given up before
 const kConfirmedMs = 700;  // after the answer the device's own state is on its way
 
 export const state = { devices: [], library: {}, received: 0, connected: false, at: null };
@@ -155,7 +156,8 @@ export async function play(what, { where = "now", start = 0 } = {}) {
     toast("No device is on the network. Switch one on, and it appears here.");
     return false;
   }
-  toast(where === "now" ? "Asking " + device.name + " …" : "Adding to the queue of " + device.name + " …");
+  toast(where === "now" ? "Asking " + device.name + " …" : "Adding to the queue of " + device.name + " …",
+        kAskingMs);
   const path = "devices/" + encodeURIComponent(device.id) + "/play";
   const done = await attempt(() => request(path, { what: [what], where, start }));
   if (done) toast(where === "now" ? "Plays on " + device.name : "Added");
