@@ -25,9 +25,9 @@ function words_of_hash() {
 function show_banner() {
   const banner = document.getElementById("banner");
   banner.hidden = state.connected;
-  banner.textContent = state.at === null ? "Connecting to the controller …"
+  banner.textContent = state.refusal || (state.at === null ? "Connecting to the controller …"
     : "No connection to the controller. This is what was known at " +
-      new Date(state.at).toLocaleTimeString() + ".";
+      new Date(state.at).toLocaleTimeString() + ".");
 }
 
 // What is made anew keeps the focus and what is held by a finger.

@@ -8,7 +8,7 @@ const kPatienceMs = 8000;
 const kAskingMs = 30000;  // a device that does not answer is given up before
 const kConfirmedMs = 700;  // after the answer the device's own state is on its way
 
-export const state = { devices: [], library: {}, received: 0, connected: false, at: null };
+export const state = { devices: [], library: {}, received: 0, connected: false, at: null, refusal: "" };
 const listeners = new Set();
 const presses = new Map();  // device id -> {key: {value, until}}
 const problems = new Map();  // device id -> how many it has told of
@@ -44,12 +44,25 @@ function take(text, received) {
   }
 }
 
+// A socket does not say why it was refused; a question does. A controller that was started again wants
+// its password again: the browser asks for it where the page is loaded, and not here and now.
+async function ask_why() {
+  try {
+    const answer = await fetch("api/state", { credentials: "omit" });
+    state.refusal = answer.status === 401 ? "The controller asks for its password: load this page again." : "";
+  } catch {
+    state.refusal = "";
+  }
+  announce();
+}
+
 function open() {
   const url = new URL("api/events", document.baseURI);
   url.protocol = url.protocol === "https:" ? "wss:" : "ws:";
   const socket = new WebSocket(url);
   socket.onmessage = (event) => {
     state.connected = true;
+    state.refusal = "";
     pause_ms = 500;
     take(event.data, performance.now());
     announce();
@@ -58,6 +71,8 @@ function open() {
     if (state.connected) {
       state.connected = false;
       announce();
+    } else {
+      ask_why();
     }
     setTimeout(open, pause_ms);
     pause_ms = Math.min(pause_ms * 2, 15000);

@@ -287,6 +287,9 @@ class BehindAProxy(HouseTest):
         phone.press("Pause")
         wait_for("a pause", lambda: self.shown("Kitchen").get("playback") == "paused")
         self.assertEqual(phone.faults(), [])
+        self.stop_controller()
+        self.start_controller()
+        phone.shows("asks for its password: load this page again")
 
 
 if __name__ == "__main__":
