@@ -147,6 +147,11 @@ class HouseTest(unittest.TestCase):
         wait_for("library", lambda: self.state()["library"]["tracks"] == 2 * len(ALBUMS) and
                  not self.state()["library"]["scanning"])
 
+    def assert_position(self, device, seconds):
+        """What `seconds` tells is where the device is, however long asking takes."""
+        before, told, after = device.position(), seconds(), device.position()
+        self.assertTrue(before - 1 < told < after + 1, (before, told, after))
+
     def heard(self, device, number, track, seconds=2):
         """Whether a card's recordings have this much of a track from its beginning, bit for bit."""
         wanted = self.played[number, track][:int(seconds * 44100) * 4]

@@ -28,7 +28,7 @@ class CommandLine(HouseTest):
 
         self.command("seek", "Kitchen", SECONDS - 3)
         wait_for("the next track", lambda: self.shown("Kitchen").get("item") == 1, 10)
-        self.assertAlmostEqual(self.shown("Kitchen")["position_ms"] / 1000, kitchen.position(), delta=1)
+        self.assert_position(kitchen, lambda: self.shown("Kitchen")["position_ms"] / 1000)
         self.command("volume", "Kitchen", 30)
         wait_for("the card's volume", lambda: "[30%]" in kitchen.amixer("sget", "Master"))
         self.command("volume", "Kitchen", "-10")

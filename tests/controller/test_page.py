@@ -132,7 +132,7 @@ class Page(HouseTest):
 
         phone.open("#playing")
         phone.shows("44.1 kHz · 16 bit · stereo · bit-exact")
-        self.assertAlmostEqual(phone.value("#seek") / 1000, kitchen.position(), delta=1)
+        self.assert_position(kitchen, lambda: phone.value("#seek") / 1000)
         before = phone.value("#seek")
         wait_for("a running position", lambda: phone.value("#seek") > before + 300)
         phone.slide("#seek", 15_000)
