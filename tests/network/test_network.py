@@ -224,43 +224,6 @@ class Network(unittest.TestCase):
                     self.assertEqual(self.read(url, "cancel_after_ms=300").failure, "cancelled")
                     self.assertLess(time.monotonic() - begun, 5)  # others wait for 10 and 60
 
-    def test_radio(self):
-        connections = []
-
-        def answer(handler, _first):
-            self.assertEqual(handler.headers["Icy-MetaData"], "1")
-            connections.append(1)
-            handler.head(200, icy_name="Station", icy_metaint="1000", Content_Type="audio/mpeg")
-            for number in range(3):
-                title = f"StreamTitle='It's {len(connections)}.{number}';".encode()
-                title += bytes(-len(title) % 16)
-                handler.wfile.write(self.file[:1000] + bytes([len(title) // 16]) + title)
-                handler.wfile.write(self.file[:1000] + b"\0")
-
-        with ScriptedServer(answer) as server:
-            result = self.read(server.url, "0:10000")  # 6000 a connection
-        self.assertEqual(result.body, self.file[:1000] * 10, result.log)
-        self.assertIn("It's 2.1", result.titles)
-        self.assertIn("radio=1", result.log)
-
-    def test_a_radio_is_joined_in_the_middle_of_a_frame(self):
-        Result(start("encode", f"{self.d}/tone.mp3"))
-        with open(f"{self.d}/tone.mp3", "rb") as file:
-            tone = file.read()
-        wanted = Result(start("decode", f"{self.base}/plain/tone.mp3")).body
-        joined = []
-
-        def answer(handler, _first):
-            joined.append(1)
-            handler.head(200, icy_name="Station", Content_Type="audio/mpeg")
-            handler.wfile.write(tone[5555:] if len(joined) == 1 else b"")
-
-        with ScriptedServer(answer) as server:
-            result = Result(start("decode", server.url, "give_up_ms=1500"))
-        self.assertGreater(len(result.body), 100_000, result.log)
-        if not os.environ.get("NUVIO_EMULATOR"):  # 32-bit ARM's decoder rounds by where it began
-            self.assertIn(result.body[20_000:40_000], wanted)
-
     def test_playlists(self):
         other = f"http://127.0.0.1:{self.other}"
         local = "file:///etc/passwd"
