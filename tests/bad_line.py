@@ -14,7 +14,7 @@ class BadLine:
         self.is_down = False
         self.cuts = 0
         self.listener = socket.create_server(("127.0.0.1", 0))
-        self.url = f"http://127.0.0.1:{self.listener.getsockname()[1]}"
+        self.port = self.listener.getsockname()[1]
         threading.Thread(target=asyncio.run, args=(self.serve(),), daemon=True).start()
 
     async def serve(self):

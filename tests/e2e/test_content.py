@@ -71,7 +71,7 @@ class Content(DeviceTest):
                 ("down for 20 s", 20, BadLine(self.server.port, 0.2, 250_000))]:
             with self.subTest(what):
                 ended, known = self.log_count("Nothing else to play"), len(self.recordings())
-                self.play(line.url + "/music/1.flac")
+                self.play(f"http://127.0.0.1:{line.port}/music/1.flac")
                 line.is_down = down > 0
                 time.sleep(down)
                 line.is_down = False
