@@ -364,9 +364,9 @@ TEST(ForeignSound, DsdIsTheSignalAtAnEighthOfItsRate) {
             constexpr size_t kRunIn = 100;
             constexpr double kDelay = 5.5;  // of the filter, in frames
             std::vector<double> wanted;
-            for (size_t i = 0; i < kChannels * kPcmRate / 2; ++i) {
-                const double frame = static_cast<double>(from + kRunIn + i / kChannels) - kDelay;
-                wanted.push_back(0x800000 * tone(frame / kPcmRate));
+            for (size_t i = 0; i < kPcmRate / 2; ++i) {
+                const double frame = static_cast<double>(from + kRunIn + i) - kDelay;
+                wanted.insert(wanted.end(), kChannels, 0x800000 * tone(frame / kPcmRate));
             }
             EXPECT_LT(error_of<int32_t>(std::span(heard).subspan(kChannels * kRunIn), wanted),
                       0.002);
