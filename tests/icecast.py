@@ -12,7 +12,7 @@ from web_server import free_ports
 
 CONF = """
 <icecast>
-    <limits><source-timeout>5</source-timeout><burst-size>16384</burst-size></limits>
+    <limits><source-timeout>60</source-timeout><burst-size>16384</burst-size></limits>
     <authentication><source-password>source</source-password></authentication>
     <hostname>localhost</hostname>
     <listen-socket><port>{port}</port><bind-address>127.0.0.1</bind-address></listen-socket>
@@ -30,8 +30,8 @@ BEGIN_OF_OGG = b"OggS\0\2"
 
 
 class Radio:
-    """Sends `content` once, `rate` bytes a second. When Icecast is back, it goes on where it was, or
-    with the next Ogg stream."""
+    """Sends `content`, which may grow, once, `rate` bytes a second. When Icecast is back, it goes on
+    where it was, or with the next Ogg stream, which has to be there then."""
 
     def __init__(self, folder, content, content_type, rate):
         self.content, self.content_type, self.rate = content, content_type, rate
@@ -51,8 +51,9 @@ class Radio:
                                         stderr=subprocess.DEVNULL)
 
     def kill(self):
-        self.process.kill()
-        self.process.wait()
+        process, self.process = self.process, None
+        process.kill()
+        process.wait()
 
     def end(self):
         self.has_ended.set()
@@ -70,18 +71,20 @@ class Radio:
         return peer
 
     def feed(self):
-        left = memoryview(self.content)
-        piece = self.rate // 10
-        is_ogg = self.content.startswith(BEGIN_OF_OGG)
-        while left and not self.has_ended.wait(0.3):
+        sent, piece = 0, self.rate // 10
+        while not self.has_ended.wait(0.3):
+            process = self.process
             with contextlib.suppress(OSError), self.ask(
                     "PUT /live HTTP/1.1\r\nHost: localhost\r\nIce-Name: Station\r\n"
                     f"Content-Type: {self.content_type}") as peer:
-                at = self.content.find(BEGIN_OF_OGG, -len(left)) if is_ogg else -len(left)
-                left = memoryview(self.content)[at:]
-                while left and not self.has_ended.wait(0.1):
-                    peer.sendall(left[:piece])
-                    left = left[piece:]
+                if self.content.startswith(BEGIN_OF_OGG):
+                    sent = self.content.index(BEGIN_OF_OGG, sent)
+                while not self.has_ended.wait(0.1):
+                    content = self.content  # it may grow while nobody is there to take it
+                    if self.process is not process:
+                        break
+                    peer.sendall(content[sent:sent + piece])
+                    sent = min(sent + piece, len(content))
 
     def is_on_air(self):
         with contextlib.suppress(OSError), self.ask("GET /live HTTP/1.0"):

@@ -152,6 +152,7 @@ class Content(DeviceTest):
         return file.read_bytes(), heard
 
     def radio(self, content, content_type, seconds):
+        self.environment["NUVIO_NETWORK_PATIENCE_S"] = "30"
         radio = Radio(self.folder, content, content_type, len(content) // seconds)
         self.addCleanup(radio.end)
         return radio
@@ -162,15 +163,15 @@ class Content(DeviceTest):
     def test_an_ogg_radio_plays_on_through_pieces_and_its_servers_death(self):
         self.web()
         pieces = [self.encode(f"{n}.ogg", 5, 5 * n * CD, [f"{n}"]) for n in range(4)]
-        radio = self.radio(b"".join(content for content, _ in pieces), "application/ogg", 16)
+        radio = self.radio(b"".join(content for content, _ in pieces[:3]), "application/ogg", 13)
         self.start()
         wait_for("station", radio.is_on_air)
         self.play(radio.url)
-        for n in [1, 2]:
-            self.wait_for_title(str(n))
+        self.wait_for_title("2")
         self.assertEqual(self.player("metadata", "artist"), "Band")
         self.wait_for_sound(self.position() + 1)
         radio.kill()
+        radio.content += pieces[3][0]
         radio.start()
         self.wait_for_title("3")
         self.wait_for_sound(self.position() + 1)
