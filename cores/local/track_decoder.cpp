@@ -253,12 +253,36 @@ size_t TrackDecoder::read_frames(void* block, size_t capacity_bytes) {
     return got <= 0 ? 0 : static_cast<size_t>(got);
 }
 
+// A radio's next stream, which has to be of the same format.
+bool TrackDecoder::rejoin() {
+    SF_INFO raw{};
+    if (!m_input->rejoin(&raw)) {
+        return false;
+    }
+    SNDFILE* const file = m_input->file();
+    TrackInfo next{};
+    const Conversion conversion = conversion_of(file, raw.format);
+    describe_sndfile(file, raw, is_deep(conversion), true, &next);
+    if (conversion != m_conversion || next.format.sample_rate != m_info.format.sample_rate ||
+        next.format.channel_count != m_info.format.channel_count) {
+        return false;
+    }
+    if (!next.title.empty()) {
+        m_live_title = next.title;
+        m_live_artist = next.artist;
+    }
+    return true;
+}
+
 size_t TrackDecoder::read(void* block, size_t capacity_bytes) {
     if (m_input->foreign() != nullptr) {
         return m_input->foreign()->read(block, capacity_bytes / m_info.frame_bytes) *
                m_info.frame_bytes;
     }
-    const size_t frames = read_frames(block, capacity_bytes);
+    size_t frames = read_frames(block, capacity_bytes);
+    if (frames == 0 && rejoin()) {
+        frames = read_frames(block, capacity_bytes);
+    }
     const size_t samples = frames * m_info.format.channel_count;
     if (m_conversion == Conversion::upper_24) {
         convert_in_place<int32_t, int32_t>(block, samples, [](int32_t s) { return s >> 8; });
@@ -281,7 +305,8 @@ std::optional<uint64_t> TrackDecoder::seek(uint64_t frame) {
 
 std::string TrackDecoder::live_title() const {
     HttpSource* const source = m_input->source();
-    return source != nullptr ? source->title() : "";
+    const std::string title = source != nullptr ? source->title() : "";
+    return title.empty() ? m_live_title : title;
 }
 
 HttpFailure TrackDecoder::failure() const {

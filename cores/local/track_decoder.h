@@ -66,6 +66,8 @@ class TrackDecoder {
 
     // Of a radio, what it plays at the place read last; possibly empty.
     std::string live_title() const;
+    // By whom, where the radio says so apart from the title.
+    const std::optional<std::string>& live_artist() const { return m_live_artist; }
 
     // Why the last read or seek failed: its server, or what libsndfile says; empty when nothing
     // did.
@@ -80,10 +82,13 @@ class TrackDecoder {
     static bool is_deep(Conversion conversion);
     static Conversion conversion_of(sf_private_tag* file, int sndfile_format);
     size_t read_frames(void* block, size_t capacity_bytes);
+    bool rejoin();
 
     const std::unique_ptr<TrackInput> m_input;
     TrackInfo m_info;
     Conversion m_conversion;
+    std::string m_live_title;  // of an Ogg radio's second and further streams
+    std::optional<std::string> m_live_artist;
 };
 
 }  // namespace local_core

@@ -70,6 +70,16 @@ bool TrackInput::is_endless() const {
     return m_remote && m_remote->is_endless();
 }
 
+bool TrackInput::rejoin(SF_INFO* info) {
+    const auto content = m_remote ? m_source->open() : std::nullopt;
+    if (!content || !content->is_radio) {
+        return false;
+    }
+    m_remote.reset();
+    m_remote = RemoteSound::open(*m_source, info);
+    return m_remote != nullptr;
+}
+
 std::unique_ptr<TrackInput> TrackInput::open(const Track& track, Interruption& interruption,
                                              SF_INFO* info, OpenFailure* failure) {
     std::unique_ptr<TrackInput> input(new TrackInput());

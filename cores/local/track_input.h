@@ -46,6 +46,9 @@ class TrackInput {
     HttpSource* source() { return m_source ? &*m_source : nullptr; }
     // Of libsndfile's: of no length that is known.
     bool is_endless() const;
+    // After the end of what libsndfile had of a radio: opens what comes next. False when there is
+    // nothing.
+    bool rejoin(SF_INFO* info);
 
   private:
     struct FileCloser {

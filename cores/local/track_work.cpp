@@ -293,6 +293,9 @@ std::optional<TrackTexts> TrackWork::texts_of_new_title() {
     }
     m_title = title;
     m_latest_texts.title = display_text(title);
+    if (const auto& artist = m_decoder->live_artist()) {
+        m_latest_texts.artist = display_text(*artist);
+    }
     return m_latest_texts;
 }
 

@@ -22,6 +22,8 @@ import wave
 sys.path[:0] = [str(pathlib.Path(__file__).parents[2] / "tools/run"),
                 str(pathlib.Path(__file__).parents[1])]
 import own_device  # noqa: E402
+from bad_line import BadLine  # noqa: E402, F401
+from icecast import Radio  # noqa: E402, F401
 from own_device import PATIENCE, wait_for  # noqa: E402,F401
 from scripted_server import ScriptedServer  # noqa: E402, F401
 from web_server import WebServer  # noqa: E402, F401

@@ -7,6 +7,7 @@
 #include "fuzz/expect.h"
 #include "local/network/icy.h"
 #include "local/network/mpeg_sync.h"
+#include "local/network/ogg_end.h"
 #include "local/network/remote_playlist.h"
 #include "local/texts/display_text.h"
 
@@ -30,6 +31,16 @@ void read_playlists(std::string_view text) {
     }
 }
 
+std::ptrdiff_t end_of_ogg(std::string_view bytes, size_t piece) {
+    OggEnd end;
+    for (size_t i = 0; i < bytes.size(); i += piece) {
+        if (const auto found = end.find(bytes.substr(i, piece))) {
+            return static_cast<std::ptrdiff_t>(i) + *found;
+        }
+    }
+    return -1;
+}
+
 // In one piece or byte by byte, the same comes out, and no more than went in.
 void read_radio(std::string_view bytes) {
     const size_t interval = bytes.empty() ? 0 : static_cast<uint8_t>(bytes[0]);
@@ -46,6 +57,7 @@ void read_radio(std::string_view bytes) {
     FUZZ_EXPECT(whole.size() <= bytes.size());
     FUZZ_EXPECT(whole == filtered(1));
     FUZZ_EXPECT(first_mpeg_frame(bytes) <= bytes.size());
+    FUZZ_EXPECT(end_of_ogg(bytes, bytes.size() + 1) == end_of_ogg(bytes, 1));
 }
 
 }  // namespace

@@ -2,10 +2,11 @@
 //   network_probe read URL [KEY=VALUE ...] [OFFSET:COUNT ...]   bytes to stdout, the outcome to
 //                                                               stderr; COUNT 0 is all that is left
 //   network_probe decode URL [...]     the same in 16-bit frames of two channels
-//   network_probe encode FILE          48,000 frames of a tone in 16-bit stereo MP3
+//   network_probe encode FILE TO [TITLE]    a stereo file as MP3, or as Vorbis with a title
 //   network_probe tracks URL [KEY=VALUE ...]                    a line a track to stdout
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -119,7 +120,7 @@ void decode(const Job& job) {
     HttpSource source(job.request);
     SF_INFO info{};
     const auto sound = RemoteSound::open(source, &info);
-    std::vector<short> piece(size_t{2} * 3000);
+    std::vector<float> piece(size_t{2} * 3000);
     for (auto [offset, count] : job.parts) {
         if (!sound || info.channels != 2 ||
             (info.seekable != 0 &&
@@ -128,11 +129,15 @@ void decode(const Job& job) {
         }
         for (size_t left = count == 0 ? SIZE_MAX : count; left > 0;) {
             const auto frames = static_cast<sf_count_t>(std::min<size_t>(left, 3000));
-            const sf_count_t got = sf_readf_short(sound->file(), piece.data(), frames);
+            const sf_count_t got = sf_readf_float(sound->file(), piece.data(), frames);
             if (got <= 0) {
                 break;
             }
-            std::fwrite(piece.data(), 4, static_cast<size_t>(got), stdout);
+            for (size_t i = 0; i < 2 * static_cast<size_t>(got);
+                 ++i) {  // rounded, as the core does
+                const auto sample = static_cast<short>(std::lrintf(piece[i] * 32768));
+                std::fwrite(&sample, sizeof sample, 1, stdout);
+            }
             left -= static_cast<size_t>(got);
         }
     }
@@ -140,18 +145,22 @@ void decode(const Job& job) {
                  source.error().c_str());
 }
 
-void encode(const Job& job) {
+void encode(const char* from, const char* to, const char* title) {
     SF_INFO info{};
-    info.samplerate = 44100;
-    info.channels = 2;
-    info.format = SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
-    SNDFILE* const file = sf_open(job.request.url.c_str(), SFM_WRITE, &info);
-    std::vector<short> tone(size_t{2} * 48000);
-    for (size_t i = 0; i < tone.size(); ++i) {
-        tone[i] = static_cast<short>(i * i / 50 % 9000);
+    SNDFILE* const source = sf_open(from, SFM_READ, &info);
+    info.format = title != nullptr ? SF_FORMAT_OGG | SF_FORMAT_VORBIS
+                                   : SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
+    SNDFILE* const file = sf_open(to, SFM_WRITE, &info);
+    if (title != nullptr) {
+        sf_set_string(file, SF_STR_TITLE, title);
+        sf_set_string(file, SF_STR_ARTIST, "Band");
     }
-    sf_writef_short(file, tone.data(), 48000);
+    std::vector<float> piece(size_t{2} * 3000);
+    while (const sf_count_t got = sf_readf_float(source, piece.data(), 3000)) {
+        sf_writef_float(file, piece.data(), got);
+    }
     sf_close(file);
+    sf_close(source);
 }
 
 void list_tracks(const Job& job) {
@@ -176,8 +185,11 @@ int main(int argc, char** argv) {
     static constexpr struct {
         std::string_view name;
         void (*run)(const Job& job);
-    } kCommands[] = {
-        {"read", read}, {"decode", decode}, {"encode", encode}, {"tracks", list_tracks}};
+    } kCommands[] = {{"read", read}, {"decode", decode}, {"tracks", list_tracks}};
+    if (argv[1] == std::string_view("encode") && argc >= 4) {
+        encode(argv[2], argv[3], argv[4]);
+        return 0;
+    }
     for (const auto& command : kCommands) {
         if (command.name == argv[1]) {
             command.run(parse(argc, argv));

@@ -1,4 +1,5 @@
-// The module: AAC and ALAC in M4A, AAC streams, WavPack and DSD through FFmpeg's libraries.
+// The module: AAC and ALAC in M4A, AAC streams, WavPack, DSD and FLAC in Ogg through FFmpeg's
+// libraries.
 //
 // Its demuxers and decoders are named: whatever the bytes say, nothing opens a further file or URL.
 extern "C" {
@@ -7,6 +8,8 @@ extern "C" {
 }
 
 #include <algorithm>
+#include <array>
+#include <bit>
 #include <cmath>
 #include <cstring>
 
@@ -16,8 +19,9 @@ namespace local_core {
 
 namespace {
 
-constexpr char kDemuxers[] = "mov,aac,wv,dsf,iff";
-constexpr char kDecoders[] = "aac,alac,wavpack,dsd_lsbf,dsd_msbf,dsd_lsbf_planar,dsd_msbf_planar";
+constexpr char kDemuxers[] = "mov,aac,wv,dsf,iff,ogg";
+constexpr char kDecoders[] =
+    "aac,alac,wavpack,flac,dsd_lsbf,dsd_msbf,dsd_lsbf_planar,dsd_msbf_planar";
 constexpr int kBufferBytes = 32768;
 constexpr uint32_t kMaxRate = 384000;
 constexpr int kMaxChannels = 32;
@@ -62,6 +66,41 @@ int64_t seek_input(void* opaque, int64_t offset, int whence) {
         offset += static_cast<int64_t>(length.value_or(0));
     }
     return offset >= 0 && input.seek(static_cast<uint64_t>(offset)) ? offset : AVERROR(EIO);
+}
+
+// The number of `size` bytes at a place of the input; 0 beyond its end.
+uint64_t number_at(ForeignInput& input, uint64_t place, size_t size, std::endian order) {
+    std::array<uint8_t, 8> bytes{};
+    uint64_t number = 0;
+    if (input.seek(place) && input.read(bytes.data(), size) == size) {
+        for (size_t i = 0; i < size; ++i) {
+            number = number << 8 | bytes[order == std::endian::big ? i : size - 1 - i];
+        }
+    }
+    return number;
+}
+
+// The bytes of sound in a file of DSD, whose length libavformat only guesses; 0 when it is none.
+// Leaves the input at its beginning.
+uint64_t dsd_bytes(ForeignInput& input) {
+    constexpr uint32_t kDsd = 0x44534420;   // "DSD ": a DSF file, or the sound in a DFF file
+    constexpr uint32_t kForm = 0x46524d38;  // "FRM8": a DFF file
+    constexpr int kMaxChunks = 64;
+    constexpr uint64_t kChunkHead = 12;
+    const uint64_t kind = number_at(input, 0, 4, std::endian::big);
+    uint64_t bytes = 0;
+    if (kind == kDsd) {
+        const uint64_t channels = number_at(input, 52, 4, std::endian::little);
+        bytes = channels * (number_at(input, 64, 8, std::endian::little) / 8);
+    }
+    uint64_t at = kChunkHead + 4;
+    for (int chunk = 0; kind == kForm && chunk < kMaxChunks && bytes == 0; ++chunk) {
+        const uint64_t size = number_at(input, at + 4, 8, std::endian::big);
+        bytes = number_at(input, at, 4, std::endian::big) == kDsd ? size : 0;
+        at += kChunkHead + size + size % 2;
+    }
+    input.seek(0);
+    return bytes;
 }
 
 std::string text_of(int error) {
@@ -121,6 +160,7 @@ class FfmpegSound : public ForeignSound {
 
     // False with *error set.
     bool open(std::string* error) {
+        const uint64_t of_dsd = m_input.length() ? dsd_bytes(m_input) : 0;
         const int result = open_container();
         if (result < 0) {
             *error = text_of(result);
@@ -147,6 +187,8 @@ class FfmpegSound : public ForeignSound {
         if (m_info.seekable && stream.duration > 0 && !is_guess) {
             m_info.frames = static_cast<uint64_t>(
                 av_rescale_q(stream.duration, stream.time_base, {1, decoder.sample_rate}));
+        } else if (of_dsd > 0) {
+            m_info.frames = of_dsd / m_info.channels;  // eight bits a frame
         }
         m_info.title = tag(*m_container, stream, "title");
         m_info.artist = tag(*m_container, stream, "artist");
@@ -183,15 +225,21 @@ class FfmpegSound : public ForeignSound {
         const auto go_to = [&](int64_t place) {
             return av_seek_frame(m_container.get(), m_stream, place, AVSEEK_FLAG_BACKWARD) >= 0;
         };
-        if (!m_info.seekable || !(go_to(from) || go_to(std::max<int64_t>(from, 0)))) {
+        // In Ogg a packet's place is not known exactly, so that it is counted from the beginning.
+        const bool counts = std::strcmp(m_container->iformat->name, "ogg") == 0;
+        int64_t counted = 0;
+        if (!m_info.seekable ||
+            !((!counts && go_to(from)) || go_to(counts ? 0 : std::max<int64_t>(from, 0)))) {
             return false;
         }
         avcodec_flush_buffers(m_decoder.get());
         m_used = m_frame->nb_samples = 0;
         const auto target = static_cast<int64_t>(frame);
         while (decode()) {
-            const int64_t first = av_rescale_q(m_frame->pts == AV_NOPTS_VALUE ? 0 : m_frame->pts,
-                                               stream.time_base, per_frame);
+            const int64_t told = av_rescale_q(m_frame->pts == AV_NOPTS_VALUE ? 0 : m_frame->pts,
+                                              stream.time_base, per_frame);
+            const int64_t first = counts ? counted : told;
+            counted += m_frame->nb_samples;
             if (first > target) {
                 return false;
             }

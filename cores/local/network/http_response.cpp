@@ -169,12 +169,14 @@ HttpVerdict judge(const HttpResponse& response, const HttpResponse* first, uint6
                    : refuse(HttpFailure::missing, "the server sent another range than asked");
     }
     std::string reason = "the server answers " + std::to_string(status);
-    if (response.is_passing()) {
+    const bool is_refused = status == 401 || status == 403;
+    // A station that loses its server has no address there until it is back.
+    const bool is_off_air = first != nullptr && first->is_radio && !is_refused;
+    if (response.is_passing() || is_off_air) {
         HttpVerdict verdict = verdict_of(HttpVerdict::Kind::try_again);
         verdict.reason = std::move(reason);
         return verdict;
     }
-    const bool is_refused = status == 401 || status == 403;
     return refuse(is_refused ? HttpFailure::refused : HttpFailure::missing, std::move(reason));
 }
 

@@ -63,8 +63,8 @@ bool HttpTransfer::start(const Request& request) {
     curl_easy_reset(easy);
     curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
-    // One stream at a time gains nothing from HTTP/2, whose window would be a second buffer.
-    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_1_1);
+    // HTTP/2 where a TLS server offers it; plain HTTP is spoken as ever, for radios.
+    curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, CURL_HTTP_VERSION_2TLS);
     // Redirects are followed here, so that each request's token is decided here.
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(easy, CURLOPT_USERAGENT, "nuvio-connect");

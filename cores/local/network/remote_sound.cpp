@@ -1,7 +1,10 @@
 #include "local/network/remote_sound.h"
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <string>
+#include <string_view>
 
 #include "local/network/mpeg_sync.h"
 
@@ -15,12 +18,19 @@ constexpr sf_count_t kUnknownLength = sf_count_t{1} << 60;
 // Further ahead nobody goes in a source of unknown length.
 constexpr uint64_t kMaxStep = uint64_t{1} << 20;
 
-// Where the sound of a radio begins, which may be in the middle of a frame.
-uint64_t first_byte_of_radio(HttpSource& source) {
+// Goes to where the sound of a radio begins: MPEG may be joined in the middle of a frame.
+bool find_sound(HttpSource& source) {
+    constexpr std::string_view kOgg = "OggS";
+    const uint64_t from = source.position();
     std::string head(kMpegHeadBytes, '\0');
-    head.resize(source.read(head.data(), head.size()));
-    const size_t first = head.starts_with("OggS") ? 0 : first_mpeg_frame(head);
-    return source.seek(first) ? first : source.position();
+    size_t got = source.read(head.data(), kOgg.size());
+    const bool is_ogg = head.starts_with(kOgg);
+    if (!is_ogg) {
+        got += source.read(head.data() + got, head.size() - got);
+        head.resize(got);
+    }
+    source.seek(from + (is_ogg ? 0 : first_mpeg_frame(head)));
+    return is_ogg;
 }
 
 }  // namespace
@@ -35,21 +45,38 @@ sf_count_t RemoteSound::position(void* data) {
 }
 
 sf_count_t RemoteSound::seek(sf_count_t offset, int whence, void* data) {
-    HttpSource& source = self(data).m_source;
+    RemoteSound& sound = self(data);
+    HttpSource& source = sound.m_source;
     const sf_count_t from = whence == SEEK_CUR   ? position(data)
                             : whence == SEEK_END ? length(data)
                                                  : 0;
     const sf_count_t wanted = from + offset;
-    const uint64_t place = static_cast<uint64_t>(wanted) + self(data).m_first;
-    if (wanted < 0 || (!source.length() && place > source.position() + kMaxStep)) {
+    const uint64_t place = static_cast<uint64_t>(wanted) + sound.m_first;
+    if (wanted < 0 || sound.m_is_over ||
+        (!source.length() && place > source.position() + kMaxStep)) {
         return -1;
+    }
+    if (sound.m_ogg) {
+        sound.m_ogg.emplace();
     }
     return source.seek(place) ? wanted : -1;
 }
 
 sf_count_t RemoteSound::read(void* to, sf_count_t size, void* data) {
-    const size_t wanted = size > 0 ? static_cast<size_t>(size) : 0;
-    return static_cast<sf_count_t>(self(data).m_source.read(to, wanted));
+    RemoteSound& sound = self(data);
+    if (size <= 0 || sound.m_is_over) {
+        return 0;
+    }
+    const size_t got = sound.m_source.read(to, static_cast<size_t>(size));
+    const auto count = static_cast<std::ptrdiff_t>(got);
+    const auto end =
+        sound.m_ogg ? sound.m_ogg->find({static_cast<const char*>(to), got}) : std::nullopt;
+    if (!end) {
+        return count;
+    }
+    sound.m_is_over = true;
+    sound.m_source.seek(sound.m_source.position() - static_cast<uint64_t>(count - *end));
+    return std::max<std::ptrdiff_t>(*end, 0);
 }
 
 std::unique_ptr<RemoteSound> RemoteSound::open(HttpSource& source, SF_INFO* info) {
@@ -60,7 +87,10 @@ std::unique_ptr<RemoteSound> RemoteSound::open(HttpSource& source, SF_INFO* info
     }
     std::unique_ptr<RemoteSound> sound(new RemoteSound(source));
     if (content->is_radio) {
-        sound->m_first = first_byte_of_radio(source);
+        if (find_sound(source)) {
+            sound->m_ogg.emplace();
+        }
+        sound->m_first = source.position();
     }
     SF_VIRTUAL_IO io{};
     io.get_filelen = length;
