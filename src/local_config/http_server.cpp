@@ -20,6 +20,7 @@
 #include "local_config/http_answers.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
+#include "utility/service_record.h"
 #include "utility/uv_utilities.h"
 
 namespace {
@@ -234,10 +235,15 @@ int http_server_on_civetweb_handle_connect_to_nconnect(mg_connection* connection
 bool connect_session(http_server* self) {
     NUV_CHECK(self->core != NULL);
     const connect_request& request = self->connect_to_nconnect.request;
-    return nuv_connect_connect(self->core, request.session_id, request.jwt_api.endpoint,
-                               request.jwt_api.jwt, request.jwt_api.exp,
-                               request.jwt_nconnect.endpoint, request.jwt_nconnect.jwt,
-                               request.jwt_nconnect.exp, request.become_active) == NUV_ERROR_OK;
+    const bool taken =
+        nuv_connect_connect(self->core, request.session_id, request.jwt_api.endpoint,
+                            request.jwt_api.jwt, request.jwt_api.exp, request.jwt_nconnect.endpoint,
+                            request.jwt_nconnect.jwt, request.jwt_nconnect.exp,
+                            request.become_active) == NUV_ERROR_OK;
+    if (taken) {
+        service_record_session();
+    }
+    return taken;
 }
 
 void http_server_on_handle_connect_to_nconnect_synchronized(uv_async_t* async) {

@@ -11,6 +11,7 @@
 
 #include "diagnostics/device_list.h"
 #include "diagnostics/self_check.h"
+#include "diagnostics/service_report.h"
 #include "diagnostics/sound_setup.h"
 #include "startup/service.h"
 
@@ -52,6 +53,7 @@ int serve() {
     // A reader of a pipe or the journal sees each line at once.
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     openSystemLog(SystemLog::asEnvironmentSays);
+    offerServiceReport();
     return runService();
 }
 

@@ -20,10 +20,12 @@
 #include "common/utf8.h"
 #include "utility/check.h"
 #include "utility/repeat_filter.h"
+#include "utility/service_record.h"
 
 namespace {
 
 constexpr size_t kMessageBufferSize = 2048;  // bytes, terminator included
+constexpr char kOwnCategory[] = "SampleApp";
 
 constexpr std::array<const char*, LOG_LEVEL_FATAL + 1> kLevelNames = {"TRACE",   "DEBUG", "INFO",
                                                                       "WARNING", "ERROR", "FATAL"};
@@ -129,6 +131,12 @@ void write_count(const repeat_filter::count& held_back) {
     write_line(held_back.category, held_back.level, message.data());
 }
 
+void keep_error(uint32_t level, const char* message) {
+    if (level >= LOG_LEVEL_ERROR) {
+        service_record_error(message);
+    }
+}
+
 }  // namespace
 
 void log_write(const char* category, uint32_t level, const char* message) {
@@ -162,7 +170,18 @@ void app_log(uint32_t level, const char* format, ...) {
     va_start(arguments, format);
     std::vsnprintf(message.data(), message.size(), format, arguments);
     va_end(arguments);
-    log_write("SampleApp", level, message.data());
+    keep_error(level, message.data());
+    log_write(kOwnCategory, level, message.data());
+}
+
+void app_log_news(const char* format, ...) {
+    NUV_CHECK(format != NULL);
+    std::array<char, kMessageBufferSize> message;
+    va_list arguments;
+    va_start(arguments, format);
+    std::vsnprintf(message.data(), message.size(), format, arguments);
+    va_end(arguments);
+    log_write(kOwnCategory, LOG_LEVEL_ERROR, message.data());
 }
 
 void sdk_log_callback(uint32_t level, const char* category, const char* message) {
@@ -173,6 +192,7 @@ void sdk_log_callback(uint32_t level, const char* category, const char* message)
         return std::strcmp(row.category, category) == 0 && level < row.minimum_level;
     });
     if (!dropped) {
+        keep_error(level, message);
         log_write(category, known_level(level), message);
     }
 }

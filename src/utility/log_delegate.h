@@ -24,7 +24,11 @@ enum log_level : uint32_t {
 };
 
 // Writes one line of a device module. printf-style; a message longer than 2047 bytes is cut.
+// One at ERROR or above is kept as the last error (service_record.h), as is the SDK's.
 [[gnu::format(printf, 2, 3)]] void app_log(uint32_t level, const char* format, ...);
+
+// The same at ERROR for what is none: so the platform wants some of its news. Not kept as one.
+[[gnu::format(printf, 1, 2)]] void app_log_news(const char* format, ...);
 
 // The callback for nuv_log_delegate: writes one line of the SDK, without the low-level chatter of
 // its network and decoding categories (levels below INFO there).

@@ -140,6 +140,34 @@ class Panel(HostTest):
         wait_for("mixer at 35 % again", lambda: "[35%]" in self.amixer("sget", "Master"))
 
 
+class Status(HostTest):
+    def status(self):
+        return json.loads(self.panel("status", "--json"))
+
+    def test_it_tells_what_the_card_was_granted_and_what_went_wrong(self):
+        self.start()
+        idle = self.status()
+        self.assertEqual((idle["state"], idle["track"], idle["format"], idle["output"]),
+                         ("stopped", None, None, None))
+        self.assertEqual((idle["underruns"], idle["sessions"]), (0, {"taken": 0, "active": False}))
+        title = 'a "quoted\\ tra\u00e7k'
+        write_wav(self.folder / f"{title}.wav", signal_samples(20 * CD), CD)
+        self.play(self.folder / f"{title}.wav")
+        self.card("underrun")
+        wait_for("one underrun", lambda: self.status()["underruns"] == 1)
+        playing = wait_for("track", lambda: self.status()["track"] and self.status())
+        self.assertEqual(playing["track"]["title"], title)
+        self.assertEqual(playing["format"], {"rate": CD, "bits": 16, "channels": 2})
+        self.assertEqual((playing["output"]["granted"], playing["output"]["path"]),
+                         (playing["format"], "Simulated sound card"))
+        self.assertIsNone(playing["output"]["bit_exact"])
+        self.assertEqual(playing["sessions"], {"taken": 1, "active": True})
+        self.card("fault", "write", "EIO", "0", "forever")
+        wait_for("stopped", lambda: self.status()["state"] == "stopped")
+        self.assertEqual(self.status()["last_error"]["text"], "The renderer reports a playback error")
+        self.assertIsNone(self.status()["output"])
+
+
 class Network(HostTest):
     def test_a_start_without_a_network_waits_for_one(self):
         namespace = ["unshare", "--net", "--map-root-user"]

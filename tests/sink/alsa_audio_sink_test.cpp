@@ -2,11 +2,14 @@
 
 #include <cstring>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
+#include "media/sink/alsa/output_path.h"
 #include "platform/Environment.h"
 #include "simcard/card_fixture.h"
+#include "utility/service_record.h"
 
 using namespace std::chrono_literals;
 using simcard::Op;
@@ -147,6 +150,49 @@ TEST_F(AudioSinkTest, RateThatIsOnlyApproximatedStillPlays) {
     ASSERT_TRUE(audio_sink_open(sink_, &kCd));
     EXPECT_EQ(write(1000), 1000);
     EXPECT_EQ(card_->stream().rate, 48000U);
+    const service_output noted = service_record_read().output.value();
+    const output_path path =
+        read_output_path({noted.rate, noted.bits, noted.channels, {}}, noted.set_up);
+    EXPECT_EQ(path.bit_exact, false);
+    EXPECT_EQ(path.why, "44100 Hz become 48000");
+    free_sink();
+    EXPECT_FALSE(service_record_read().output);
+}
+
+TEST(OutputPathTest, LayersAreReadFromWhatAlsaTells) {
+    const auto layer = [](const std::string& name, const char* format, int bits) {
+        return name + "\nIts setup is:\n  format       : " + format +
+               "\n  channels     : 2\n  rate         : 44100\n  exact rate   : 44100 (44100/1)\n"
+               "  msbits       : " +
+               std::to_string(bits) + "\n";
+    };
+    const std::string card =
+        layer("Slave: Hardware PCM card 0 'USB' device 0 subdevice 0", "S32_LE", 24);
+    const std::string wide = layer("Plug PCM: Linear conversion PCM (S32_LE)", "S24_LE", 24) + card;
+    const std::string software =
+        layer("Soft volume PCM\nControl: Nuvio\nmin_dB: -51", "S24_LE", 24);
+    const std::string mixed = layer("Direct Stream Mixing PCM\n", "S32_LE", 32) + card.substr(7);
+    const std::string narrow = layer("Linear conversion PCM (S16_LE)", "S24_LE", 24) +
+                               layer("Slave: Null PCM", "S16_LE", 16);
+    struct Case {
+        std::string description;
+        std::optional<bool> exact;
+        std::string why;
+    };
+    for (const Case& one : {Case{wide, true, ""},
+                            Case{software + card, {}, "not known what this does: Soft volume PCM"},
+                            Case{mixed, false, "mixed with what other programs play"},
+                            Case{narrow, false, "24 bits become 16"},
+                            Case{"", {}, "ALSA does not tell what it set up"}}) {
+        const output_path path = read_output_path({44100, 24, 2, {}}, one.description);
+        EXPECT_EQ(path.bit_exact, one.exact) << one.description;
+        EXPECT_EQ(path.why, one.why);
+    }
+    const output_path path = read_output_path({44100, 24, 2, {}}, wide);
+    EXPECT_EQ(path.layers,
+              (std::vector<std::string>{"Linear conversion PCM (S32_LE)",
+                                        "Hardware PCM card 0 'USB' device 0 subdevice 0"}));
+    EXPECT_EQ(path.last.value().name, "S32_LE");
 }
 
 TEST_F(AudioSinkTest, DeviceThatCanNeverPlayGivesNoSink) {

@@ -40,8 +40,9 @@ Dispatcher::Dispatcher(Controls& controls, NetworkMonitor& network, StateStore& 
     : m_network(network),
       m_state(state),
       m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      m_status(controls),
       m_mpris(controls),
-      m_panel(controls),
+      m_panel(controls, m_status),
       m_link(bus_addresses(bus_choice), [this](sd_bus* bus) { return set_up(bus); }) {}
 
 void Dispatcher::start() {

@@ -74,6 +74,7 @@ class Dispatcher {
     std::thread m_thread;
 
     // The thread's own.
+    const DeviceStatus m_status;
     Mpris m_mpris;
     Panel m_panel;
     BusLink m_link;

@@ -129,6 +129,11 @@ int on_override_network(sd_bus_message* call, void* userdata, sd_bus_error* erro
     return done(call);
 }
 
+int on_status(sd_bus_message* call, void* userdata, sd_bus_error*) {
+    const std::string status = static_cast<Panel*>(userdata)->status().json();
+    return sd_bus_reply_method_return(call, "s", status.c_str());
+}
+
 // --- properties ---
 
 #define NUVIO_GETTER(name)                                                          \
@@ -180,6 +185,7 @@ const sd_bus_vtable kTable[] = {
                              SD_BUS_PARAM(status), on_network_status, kOpen),
     SD_BUS_METHOD_WITH_NAMES("OverrideNetwork", "ii", SD_BUS_PARAM(interface) SD_BUS_PARAM(status),
                              "", , on_override_network, kOpen),
+    SD_BUS_METHOD_WITH_NAMES("Status", "", , "s", SD_BUS_PARAM(json), on_status, kOpen),
     SD_BUS_SIGNAL_WITH_NAMES("MessageChanged", "is", SD_BUS_PARAM(id) SD_BUS_PARAM(text), 0),
     SD_BUS_PROPERTY("DeviceName", "s", get_device_name, 0, kChanges),
     SD_BUS_PROPERTY("CurrentSource", "i", get_current_source, 0, kChanges),

@@ -10,6 +10,7 @@
 #include <string>
 
 #include "device/controls.h"
+#include "watch/device_status.h"
 
 namespace nuvio::host {
 
@@ -17,7 +18,8 @@ class Panel {
   public:
     static constexpr char kBusName[] = "org.nuvioconnect.Host1";
 
-    explicit Panel(Controls& controls) : m_controls(controls) {}
+    Panel(Controls& controls, const DeviceStatus& status)
+        : m_controls(controls), m_status(status) {}
 
     // Puts the object on the connection, for the connection's life. Negative errno on failure.
     int attach(sd_bus* bus);
@@ -27,9 +29,11 @@ class Panel {
     static void publish_network(sd_bus* bus);
 
     Controls& controls() { return m_controls; }
+    const DeviceStatus& status() const { return m_status; }
 
   private:
     Controls& m_controls;
+    const DeviceStatus& m_status;
 };
 
 }  // namespace nuvio::host

@@ -1,10 +1,12 @@
-// Configuration items and identity.
+// Configuration items and identity, and what the service tells of itself.
 #include "platform/Environment.h"
 
 #include "configuration/identity.h"
 #include "configuration/settings_edit.h"
 #include "host.h"
+#include "platform/ServiceReport.h"
 #include "platform/SettingsFile.h"
+#include "watch/device_status.h"
 
 using nuvio::host::Host;
 
@@ -39,4 +41,8 @@ bool ChangeSettings(const SettingsChange& change, std::string& told) {
         Host::instance().reload_settings();
     }
     return changed;
+}
+
+void OfferServiceReport(ServiceReport report) {
+    nuvio::host::set_service_report(report);
 }

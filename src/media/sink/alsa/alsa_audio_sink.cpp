@@ -11,6 +11,7 @@
 #include "media/sink/alsa/volume_control.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
+#include "utility/service_record.h"
 #include "utility/uv_utilities.h"
 
 struct audio_sink {
@@ -101,6 +102,16 @@ bool can_ever_play(const std::string& device, const output_settings& settings, i
            probe_quality(probe.get(), device.c_str(), settings, maximum_rate).has_value();
 }
 
+// For those who look after the device. A few microseconds; plug-ins are not asked.
+void note_opened(const std::string& device, const nuv_audio_format& format, snd_pcm_t* pcm) {
+    snd_pcm_uframes_t buffer = 0;
+    snd_pcm_uframes_t period = 0;
+    snd_pcm_get_params(pcm, &buffer, &period);
+    const unsigned bits = format.sample_format == NUV_AUDIO_SAMPLE_FORMAT_16_BIT ? 16 : 24;
+    service_record_output_opened({device, format.sample_rate, bits, format.channel_count, buffer,
+                                  period, describe_pcm(pcm)});
+}
+
 }  // namespace
 
 audio_sink* audio_sink_new(uv_loop_t* event_loop, const char* output_device,
@@ -180,6 +191,7 @@ bool audio_sink_open(audio_sink* self, const nuv_audio_format* format) {
     if (renew_volume_manager(self->volume_manager, self->control) == renewal::first) {
         uv_timer_start(self->volume_news.get(), tell_volume, 0, 0);
     }
+    note_opened(self->output_device, *format, alsa_pcm_get_handle(self->pcm.get()));
     return true;
 }
 
@@ -187,6 +199,7 @@ void audio_sink_close(audio_sink* self) {
     NUV_CHECK(self != NULL);
     self->space.reset();
     self->pcm.reset();
+    service_record_output_closed();
 }
 
 size_t audio_sink_write(audio_sink* self, const void* data, size_t size, bool* ok) {

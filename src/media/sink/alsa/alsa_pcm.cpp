@@ -9,6 +9,7 @@
 #include "media/sink/alsa/bounded_call.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
+#include "utility/service_record.h"
 
 struct alsa_pcm {
     pcm_ptr handle;            // null once a call on it has not returned
@@ -283,6 +284,9 @@ bool alsa_audio_sink_recover_pcm(alsa_pcm* self, int error) {
         return recover_without_waiting(pcm.get(), error);
     });
     if (rc == 0) {
+        if (error == -EPIPE) {
+            service_record_underrun();
+        }
         app_log(LOG_LEVEL_DEBUG, "ALSA audio sink recovery successful");
         return true;
     }
@@ -310,6 +314,9 @@ bool alsa_audio_sink_ensure_pcm_has_runnable_state(alsa_pcm* self) {
         }
         if (!alsa_ok(prepare(self), "%s", rule.prepare_failure)) {
             return false;
+        }
+        if (rule.state == SND_PCM_STATE_XRUN) {
+            service_record_underrun();
         }
     }
 }

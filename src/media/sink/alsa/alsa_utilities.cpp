@@ -111,6 +111,18 @@ int load_mixer(mixer_ptr& mixer) {
                         [](const mixer_ptr& opened) { return snd_mixer_load(opened.get()); });
 }
 
+std::string describe_pcm(snd_pcm_t* pcm) {
+    snd_output_t* opened = nullptr;
+    if (snd_output_buffer_open(&opened) < 0) {
+        return {};
+    }
+    const std::unique_ptr<snd_output_t, nuvio::ReleasedBy<snd_output_close>> output(opened);
+    snd_pcm_dump(pcm, opened);
+    char* text = nullptr;
+    const size_t size = snd_output_buffer_string(opened, &text);
+    return text == nullptr ? std::string() : std::string(text, size);
+}
+
 void silence_alsa() {
     snd_lib_error_set_handler(say_nothing);
 }

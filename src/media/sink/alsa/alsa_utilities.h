@@ -4,6 +4,7 @@
 #include <alsa/asoundlib.h>
 
 #include <memory>
+#include <string>
 
 #include "common/released_by.h"
 
@@ -30,6 +31,9 @@ int open_simple_mixer(mixer_ptr& mixer, const char* device);
 // Steps of that. The mixer is null after -ETIMEDOUT.
 int attach_mixer(mixer_ptr& mixer, const char* device);
 int load_mixer(mixer_ptr& mixer);
+
+// ALSA's description of the PCM and of all layers below it (output_path.h). Empty when it has none.
+std::string describe_pcm(snd_pcm_t* pcm);
 
 // ALSA explains its errors on standard error unless told otherwise. For the whole process.
 void silence_alsa();

@@ -53,7 +53,7 @@ std::string read_item(const char* key, const char* label, unset_items unset) {
         return value.data();
     }
     if (unset == unset_items::are_logged) {
-        app_log(LOG_LEVEL_ERROR, "Nuvio %s = Invalid :: Setting %s to %s\n", label, label, kUnset);
+        app_log_news("Nuvio %s = Invalid :: Setting %s to %s\n", label, label, kUnset);
     }
     return kUnset;
 }
@@ -112,8 +112,8 @@ nuv_audio_quality quality_of_hardware(const hardware_limits& limits) {
         return NUV_AUDIO_QUALITY_CD;
     }
     const int rate = static_cast<int>(std::min<unsigned>(limits.maximum_rate, INT_MAX));
-    app_log(LOG_LEVEL_ERROR, "SND_PCM_FORMAT_S24_LE supportted in the HW max_sample_rate %d, %u \n",
-            rate, limits.maximum_rate);
+    app_log_news("SND_PCM_FORMAT_S24_LE supportted in the HW max_sample_rate %d, %u \n", rate,
+                 limits.maximum_rate);
     const quality_threshold* row = find_threshold(kHardwareThresholds, rate);
     return row == nullptr ? NUV_AUDIO_QUALITY_CD : row->quality;
 }
@@ -150,7 +150,7 @@ std::optional<nuv_audio_quality> quality_from_settings(const output_settings& se
     if (contains(settings.device, "fixed48k")) {
         return NUV_AUDIO_QUALITY_CD;
     }
-    app_log(LOG_LEVEL_ERROR, "Nuvio use default Audio quality \n");
+    app_log_news("Nuvio use default Audio quality \n");
     return std::nullopt;
 }
 
