@@ -62,7 +62,7 @@ Host::Host()
       m_network(m_pool, m_settings.is_on(kHostAllowLoopback)),
       m_state(state_directory(m_settings)),
       m_controls(m_settings, m_messages, m_player, m_source_switch, m_network),
-      m_dispatcher(m_controls, m_network, m_state, m_settings.get(kHostBus)) {
+      m_dispatcher(m_controls, m_network, m_state, m_settings) {
     tell_core();
     use_alsa_configuration();
     preset_messages();

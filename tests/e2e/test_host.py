@@ -144,8 +144,30 @@ class Status(HostTest):
     def status(self):
         return json.loads(self.panel("status", "--json"))
 
+    def metrics(self):
+        """By name and labels."""
+        page = subprocess.run(["curl", "-sSi", "--unix-socket", self.folder / "metrics",
+                               "http://localhost/metrics"], capture_output=True, text=True,
+                              timeout=PATIENCE, check=True).stdout
+        head, body = page.split("\n\n")
+        self.assertRegex(head, r"^HTTP/1.1 200 OK\nContent-Type: text/plain; version=0.0.4;")
+        self.assertRegex(body, r'^((# (HELP|TYPE) \w+ .+|\w+(\{.+="(\\.|[^"])*"\})? [-+.e\d]+)\n)+$')
+        return dict(line.rsplit(" ", 1) for line in body.splitlines() if line[0] != "#")
+
     def test_it_tells_what_the_card_was_granted_and_what_went_wrong(self):
+        (self.folder / "metrics").touch()
+        self.write_settings(host__metrics_socket=self.folder / "metrics")
         self.start()
+        self.wait_for_log("no metrics at")  # a file in its place stays
+        self.stop()
+        (self.folder / "metrics").unlink()
+        with socket.socket(socket.AF_UNIX) as left:  # as by a process that died
+            left.bind(str(self.folder / "metrics"))
+        self.start()
+        peers = [socket.socket(socket.AF_UNIX) for _ in range(6)]  # that have nothing to say
+        for peer in peers:
+            self.addCleanup(peer.close)
+            peer.connect(str(self.folder / "metrics"))
         idle = self.status()
         self.assertEqual((idle["state"], idle["track"], idle["format"], idle["output"]),
                          ("stopped", None, None, None))
@@ -162,6 +184,12 @@ class Status(HostTest):
                          (playing["format"], "Simulated sound card"))
         self.assertIsNone(playing["output"]["bit_exact"])
         self.assertEqual(playing["sessions"], {"taken": 1, "active": True})
+        metrics = {name.removeprefix("nuvio_connect_"): value
+                   for name, value in self.metrics().items()}
+        for name, value in (('state{state="playing"}', "1"), ("underruns_total", "1"),
+                            ("card_rate_hertz", str(CD)), ("sessions_total", "1")):
+            self.assertEqual(metrics[name], value, name)
+        self.assertNotIn("bit_exact", metrics)  # nobody knows
         self.card("fault", "write", "EIO", "0", "forever")
         wait_for("stopped", lambda: self.status()["state"] == "stopped")
         self.assertEqual(self.status()["last_error"]["text"], "The renderer reports a playback error")

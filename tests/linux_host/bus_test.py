@@ -27,6 +27,7 @@ class Bus(DeviceTest):
     def setUp(self):
         super().setUp()
         self.environment["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.folder}/none"
+        self.write_settings(host__metrics_socket=self.folder / "metrics")
         self.events_seen = 0
 
     def begin_session(self):

@@ -36,14 +36,15 @@ int timeout_until(const std::optional<std::chrono::steady_clock::time_point>& de
 }  // namespace
 
 Dispatcher::Dispatcher(Controls& controls, NetworkMonitor& network, StateStore& state,
-                       const std::string& bus_choice)
+                       const Settings& settings)
     : m_network(network),
       m_state(state),
       m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       m_status(controls),
       m_mpris(controls),
       m_panel(controls, m_status),
-      m_link(bus_addresses(bus_choice), [this](sd_bus* bus) { return set_up(bus); }) {}
+      m_link(bus_addresses(settings.get(kHostBus)), [this](sd_bus* bus) { return set_up(bus); }),
+      m_metrics(settings.get(kHostMetricsSocket), m_status) {}
 
 void Dispatcher::start() {
     m_thread = std::thread([this] { run(); });
@@ -110,6 +111,7 @@ int Dispatcher::set_up(sd_bus* bus) {
 }
 
 void Dispatcher::run() {
+    m_metrics.open();
     m_link.open();
     while (!m_stop) {
         publish();
@@ -117,6 +119,7 @@ void Dispatcher::run() {
         save_when_due();
     }
     m_link.close();
+    m_metrics.close();
 }
 
 // Nothing while the bus has yet to take what it was told before: what changes meanwhile is told
@@ -158,6 +161,7 @@ void Dispatcher::wait_for_events() {
     std::optional<Clock::time_point> deadline = m_save_at;
     std::vector<pollfd> descriptors = {{m_wake.get(), POLLIN, 0}, {m_network.fd(), POLLIN, 0}};
     m_link.prepare(descriptors, deadline);
+    m_metrics.prepare(descriptors, deadline);
     if (::poll(descriptors.data(), descriptors.size(), timeout_until(deadline)) < 0) {
         return;
     }
@@ -169,6 +173,7 @@ void Dispatcher::wait_for_events() {
         m_network.handle_events();
     }
     m_link.dispatch();
+    m_metrics.dispatch(descriptors);
 }
 
 void Dispatcher::save_when_due() {

@@ -1,5 +1,5 @@
-// Dispatcher: the host's own thread - network reports from the kernel, the message bus, and saving
-// the state. Sleeps unless something happens.
+// Dispatcher: the host's own thread - network reports from the kernel, the message bus, the
+// metrics' socket, and saving the state. Sleeps unless something happens.
 //
 // start, stop and the three notices may come from any thread; the notices take only a lock of
 // their own and never wait.
@@ -20,16 +20,19 @@
 #include "bus/mpris.h"
 #include "bus/panel.h"
 #include "common/unique_fd.h"
+#include "configuration/settings.h"
 #include "configuration/state_store.h"
 #include "device/controls.h"
 #include "device/network_monitor.h"
+#include "watch/device_status.h"
+#include "watch/metrics_socket.h"
 
 namespace nuvio::host {
 
 class Dispatcher {
   public:
     Dispatcher(Controls& controls, NetworkMonitor& network, StateStore& state,
-               const std::string& bus_choice);
+               const Settings& settings);
     ~Dispatcher() { stop(); }
     Dispatcher(const Dispatcher&) = delete;
     Dispatcher& operator=(const Dispatcher&) = delete;
@@ -78,6 +81,7 @@ class Dispatcher {
     Mpris m_mpris;
     Panel m_panel;
     BusLink m_link;
+    MetricsSocket m_metrics;
     std::optional<Clock::time_point> m_save_at;
 };
 

@@ -67,7 +67,7 @@ struct KnownKey {
     std::string_view key;
     Checker check;
 };
-constexpr std::array<KnownKey, 20> kKnownKeys = {{
+constexpr std::array<KnownKey, 21> kKnownKeys = {{
     {kFeatureNuvioConnect, check_number},
     {KFeatureNuvioConnectLog, check_number},
     {KFeatureNuvioConnectHttpPort, check_port},
@@ -84,6 +84,7 @@ constexpr std::array<KnownKey, 20> kKnownKeys = {{
     {kHostStateDir, check_folder},
     {kHostBus, check_bus},
     {kHostInitialVolume, check_percent},
+    {kHostMetricsSocket, check_folder},
     {kLocalMusicFolders, check_folder},
     {kLocalReadAhead, check_number},
     {kLocalNetworkPatience, check_number},
