@@ -62,11 +62,15 @@ Host::Host()
       m_network(m_pool, m_settings.is_on(kHostAllowLoopback)),
       m_state(state_directory(m_settings)),
       m_controls(m_settings, m_messages, m_player, m_source_switch, m_network),
-      m_dispatcher(m_controls, m_network, m_state, m_settings) {
+      m_dispatcher(m_controls, m_network, m_state, m_settings),
+      m_hooks(m_settings, m_player) {
     tell_core();
     use_alsa_configuration();
     preset_messages();
-    m_player.set_observer([this](uint32_t changes) { m_dispatcher.player_changed(changes); });
+    m_player.set_observer([this](uint32_t changes) {
+        m_dispatcher.player_changed(changes);
+        m_hooks.changed(changes);
+    });
     m_network.set_observer([this] { m_dispatcher.network_changed(); });
     m_messages.set_observer([this](int id, const std::string& text) { on_message(id, text); });
 }
@@ -145,6 +149,7 @@ void Host::start() {
     try {
         m_pool.start();
         m_dispatcher.start();
+        m_hooks.start();
     } catch (const std::system_error& error) {
         // A device that hears nothing is worse than none, which a service manager starts again.
         syslog(LOG_ERR, "nuvio-host: no thread to be had: %s", error.what());
@@ -198,8 +203,10 @@ void Host::report_stopping() const {
     sd_notify(0, "STOPPING=1");
 }
 
+// The service has ended by now, and what follows it, an amplifier, goes off behind it.
 void Host::stop_for_good() {
     stop();
+    m_hooks.stop();
     m_pool.join();
 }
 

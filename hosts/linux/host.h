@@ -17,6 +17,7 @@
 #include "device/notification_pool.h"
 #include "device/player.h"
 #include "device/source_switch.h"
+#include "watch/hooks.h"
 
 namespace nuvio::host {
 
@@ -64,6 +65,7 @@ class Host {
     StateStore m_state;
     Controls m_controls;
     Dispatcher m_dispatcher;
+    Hooks m_hooks;
     std::mutex m_lifecycle;  // start and stop, one at a time
     bool m_started = false;  // guarded by m_lifecycle
     std::atomic<bool> m_stopped{false};

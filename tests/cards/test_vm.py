@@ -5,6 +5,7 @@ USB, which the emulator records and tools/vm/run.py compares. The machine is boo
 AfterReboot is the second time's.
 """
 import ctypes
+import json
 import os
 import pathlib
 import re
@@ -160,7 +161,24 @@ class Unit(unittest.TestCase):
             run(*as_nobody, "--clear-groups", *pause)
         run(*as_nobody, "--groups=audio", *pause)
 
-    def test_4_a_loop_that_stands_still_is_started_again(self):
+    def test_4_a_hook_runs_in_the_sandbox_and_metrics_are_for_the_accounts_group(self):
+        folder = pathlib.Path("/run/nuvio-connect")
+        told = folder / "told"
+        settings(host__metrics_socket=folder / "metrics", host__hook__session=
+                 f"/usr/bin/id -un > {told}; touch /etc/x 2>> {told}; echo $NUVIO_VALUE >> {told}")
+        self.addCleanup(settings, host__hook__session="", host__metrics_socket="")
+        run("systemctl", "restart", UNIT)
+        wait("the hook", lambda: told.exists() and told.read_text().endswith("end\n"))
+        self.assertRegex(told.read_text(), f"^{UNIT}\n.*Read-only file system\nend\n$")
+        ask = ("setpriv", "--reuid=nobody", "--clear-groups", f"--regid={UNIT}", "python3", "-c",
+               "import socket; s = socket.socket(socket.AF_UNIX); "
+               f"s.connect('{folder}/metrics'); s.send(b'GET /metrics HTTP/1.0\\r\\n\\r\\n'); "
+               "print(s.recv(8192).decode())")
+        self.assertIn('state{state="stopped"} 1', run(*ask))
+        with self.assertRaises(AssertionError):
+            run(*(word.replace(UNIT, "nogroup") if "regid" in word else word for word in ask))
+
+    def test_5_a_loop_that_stands_still_is_started_again(self):
         drop_in = pathlib.Path("/run/systemd/system/nuvio-connect.service.d/watchdog.conf")
         drop_in.parent.mkdir(parents=True)
         drop_in.write_text("[Service]\nWatchdogSec=9\n")
@@ -179,7 +197,7 @@ class Unit(unittest.TestCase):
         self.assertIn("Watchdog timeout", run("journalctl", "-u", UNIT, "-g", "Watchdog timeout"))
         wait("HTTP answers", answers)
 
-    def test_5_switched_off_it_counts_as_started_and_ended(self):
+    def test_6_switched_off_it_counts_as_started_and_ended(self):
         settings(feature__nuvio_connect=0)
         self.addCleanup(settings, feature__nuvio_connect=1)
         run("systemctl", "restart", UNIT)  # fails where the start counts as failed
@@ -265,6 +283,11 @@ class Cards(unittest.TestCase):
                 run("amixer", "-c", card, "sset", element, "100%", "unmute")
                 play("card")
                 sounds_on(card)
+                output = json.loads(run("nuvio-connect-panel", "status", "--json"))["output"]
+                self.assertEqual(output["granted"]["rate"], 48000)
+                self.assertIn(f"Hardware PCM card {os.readlink(f'/proc/asound/{card}')[4:]} ",
+                              output["path"])
+                self.assertIsNot(output["bit_exact"], False, output)  # null with softvol
                 wait_for_end()
 
     def test_2_without_a_name_it_lists_the_cards(self):

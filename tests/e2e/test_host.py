@@ -66,6 +66,7 @@ class SelfCheck(DeviceTest):
         for key, value, problem in (
                 ("feature.nuvio_connect.http_port", 80, "for root alone"),
                 ("feature.nuvio_connect.http_port", "80o0", r"settings.conf:4: .* not a port"),
+                ("host.hook.paused", "relay off", r"settings.conf:\d+: .* neither a command"),
                 ("host.bus", "sesion", r"settings.conf:\d+: host.bus = sesion: neither "),
                 ("hots.bus", "none", r"settings.conf:\d+: nothing is known by the key hots.bus")):
             self.write_settings(**{key: value})
@@ -176,7 +177,7 @@ class Status(HostTest):
         write_wav(self.folder / f"{title}.wav", signal_samples(20 * CD), CD)
         self.play(self.folder / f"{title}.wav")
         self.card("underrun")
-        wait_for("one underrun", lambda: self.status()["underruns"] == 1)
+        wait_for("the underrun", lambda: self.status()["underruns"] > 0)
         playing = wait_for("track", lambda: self.status()["track"] and self.status())
         self.assertEqual(playing["track"]["title"], title)
         self.assertEqual(playing["format"], {"rate": CD, "bits": 16, "channels": 2})
@@ -186,14 +187,56 @@ class Status(HostTest):
         self.assertEqual(playing["sessions"], {"taken": 1, "active": True})
         metrics = {name.removeprefix("nuvio_connect_"): value
                    for name, value in self.metrics().items()}
-        for name, value in (('state{state="playing"}', "1"), ("underruns_total", "1"),
+        for name, value in (('state{state="playing"}', "1"), ('state{state="paused"}', "0"),
                             ("card_rate_hertz", str(CD)), ("sessions_total", "1")):
             self.assertEqual(metrics[name], value, name)
+        self.assertGreaterEqual(int(metrics["underruns_total"]), playing["underruns"])
         self.assertNotIn("bit_exact", metrics)  # nobody knows
         self.card("fault", "write", "EIO", "0", "forever")
         wait_for("stopped", lambda: self.status()["state"] == "stopped")
         self.assertEqual(self.status()["last_error"]["text"], "The renderer reports a playback error")
         self.assertIsNone(self.status()["output"])
+
+
+class Hooks(HostTest):
+    settings = {"host__hook__off_delay": 6, "host__hook__session": "lamp@.service"}
+
+    def test_they_follow_the_device_and_one_that_hangs_holds_up_nothing(self):
+        told, hung = self.folder / "told", self.folder / "hung"
+        hook, systemctl = self.folder / "hook", self.folder / "systemctl"
+        hook.write_text(f'#!/bin/sh\necho "$NUVIO_EVENT $NUVIO_VALUE" >> {told}\n'
+                        f'[ $NUVIO_EVENT != volume ] || {{ sleep 999 & echo $! >> {hung}; yes; }}')
+        systemctl.write_text(f'#!/bin/sh\necho "${{*##* }}" >> {told}; exit 5')
+        for script in hook, systemctl:
+            script.chmod(0o755)
+        self.environment["PATH"] = f"{self.folder}:{os.environ['PATH']}"
+        self.write_settings(**self.settings, **{f"host__hook__{event}": hook for event in (
+            "playing", "paused", "stopped", "volume")})
+        lines = lambda *kinds: [line for line in told.read_text().split("\n")  # noqa: E731
+                                if line.startswith(kinds)]
+        self.start()
+        wait_for("how things stand", lambda: told.exists() and len(lines("stopped", "lamp")) == 2)
+        self.play(self.music)
+        wait_for("playing", lambda: lines("playing") and lines("lamp@begin.service"))
+        for words, status in (("pause", "Paused"), ("play", "Playing")):  # no click between
+            self.player(words)
+            self.wait_for_status(status)
+        wait_for("a hook that hangs", lambda: lines("volume"))  # for the mixer's
+        for percent in 10, 30, 70:
+            self.player("volume", str(percent / 100))
+        wait_for("the last volume", lambda: lines("volume")[1:])
+        self.assertEqual(lines("volume")[1:], ["volume 70"])
+        self.player("pause")
+        wait_for("paused", lambda: lines("paused"))
+        self.assertEqual(self.stop()[0], 0)
+        self.assertEqual(lines("p", "s"), ["stopped stopped", "playing playing", "paused paused",
+                                           "stopped stopped"])
+        self.assertEqual(lines("lamp"), [f"lamp@{when}.service" for when in ("end", "begin", "end")])
+        self.assertEqual((self.log_count("host.hook.session: ended with status 5"),
+                          self.log_count("host.hook.volume: killed")), (1, 1))
+        for child in hung.read_text().split():
+            stat = pathlib.Path(f"/proc/{child}/stat")
+            self.assertTrue(not stat.exists() or ") Z " in stat.read_text(), "its child lives on")
 
 
 class Network(HostTest):

@@ -52,6 +52,15 @@ std::optional<int> to_percent(std::string_view text) {
     return number && *number >= 0 && *number <= 100 ? number : std::nullopt;
 }
 
+bool is_unit_name(std::string_view text) {
+    const auto in_names = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               std::string_view(":_.\\@-").find(c) != std::string_view::npos;
+    };
+    return (text.ends_with(".service") || text.ends_with(".target")) && text.front() != '-' &&
+           std::ranges::all_of(text, in_names);
+}
+
 std::string to_url(std::string_view place) {
     if (place.find("://") != std::string_view::npos) {
         return to_utf8(place);

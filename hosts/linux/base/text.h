@@ -19,6 +19,9 @@ bool is_printable_utf8(std::string_view text);
 // A whole number in plain decimal from 0 to 100, nothing before or behind it.
 std::optional<int> to_percent(std::string_view text);
 
+// The name of a systemd service or target.
+bool is_unit_name(std::string_view text);
+
 // A place as a URL: one with a scheme as it is, an absolute path as "file://", else empty.
 std::string to_url(std::string_view place);
 

@@ -41,6 +41,17 @@ const char* check_percent(std::string_view value) {
 const char* check_folder(std::string_view value) {
     return value.starts_with('/') ? nullptr : "not an absolute path";
 }
+const char* check_hook(std::string_view value) {
+    return value.starts_with('/') || is_unit_name(value)
+               ? nullptr
+               : "neither a command with an absolute path nor a service's or target's name";
+}
+const char* check_delay(std::string_view value) {
+    constexpr uint16_t kLongest = 3600;
+    return to_number<uint16_t>(value).value_or(kLongest + 1) <= kLongest
+               ? nullptr
+               : "not a number of seconds from 0 to 3600";
+}
 const char* check_bus(std::string_view value) {
     constexpr std::array<std::string_view, 4> kWords = {"auto", "session", "system", "none"};
     const bool known = std::find(kWords.begin(), kWords.end(), value) != kWords.end();
@@ -67,7 +78,7 @@ struct KnownKey {
     std::string_view key;
     Checker check;
 };
-constexpr std::array<KnownKey, 21> kKnownKeys = {{
+constexpr std::array<KnownKey, 27> kKnownKeys = {{
     {kFeatureNuvioConnect, check_number},
     {KFeatureNuvioConnectLog, check_number},
     {KFeatureNuvioConnectHttpPort, check_port},
@@ -85,6 +96,12 @@ constexpr std::array<KnownKey, 21> kKnownKeys = {{
     {kHostBus, check_bus},
     {kHostInitialVolume, check_percent},
     {kHostMetricsSocket, check_folder},
+    {kHostHookPlaying, check_hook},
+    {kHostHookPaused, check_hook},
+    {kHostHookStopped, check_hook},
+    {kHostHookVolume, check_hook},
+    {kHostHookSession, check_hook},
+    {kHostHookOffDelay, check_delay},
     {kLocalMusicFolders, check_folder},
     {kLocalReadAhead, check_number},
     {kLocalNetworkPatience, check_number},

@@ -24,6 +24,13 @@ inline constexpr char kHostStateDir[] = "host.state_dir";
 inline constexpr char kHostBus[] = "host.bus";  // auto, session, system, none or an address
 inline constexpr char kHostMetricsSocket[] = "host.metrics_socket";  // path; none: no metrics
 inline constexpr char kHostInitialVolume[] = "host.initial_volume";  // percent
+// Commands or units that follow the device, and after how many seconds what goes off does.
+inline constexpr char kHostHookPlaying[] = "host.hook.playing";
+inline constexpr char kHostHookPaused[] = "host.hook.paused";
+inline constexpr char kHostHookStopped[] = "host.hook.stopped";
+inline constexpr char kHostHookVolume[] = "host.hook.volume";
+inline constexpr char kHostHookSession[] = "host.hook.session";
+inline constexpr char kHostHookOffDelay[] = "host.hook.off_delay";
 // Absolute paths with colons between: where the local core's content may lie.
 inline constexpr char kLocalMusicFolders[] = "local.music_folders";
 // The local core's content over the network: what is kept in memory of each track (KiB), after how

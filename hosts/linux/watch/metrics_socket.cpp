@@ -18,7 +18,7 @@ namespace {
 
 constexpr size_t kMaxPeers = 4;
 constexpr size_t kMaxRequestBytes = 4096;
-constexpr std::chrono::seconds kPatience{2};
+constexpr std::chrono::seconds kPatience{10};
 constexpr std::chrono::seconds kWithoutDescriptors{5};
 
 UniqueFd make_socket() {

@@ -4,7 +4,7 @@
 //
 // Belongs to one thread, which polls what prepare names and then calls dispatch. Nothing is done
 // and nothing put together before somebody asks. At most four peers are served at a time, each for
-// two seconds: a fifth takes the place of the one that came first.
+// ten seconds: a fifth takes the place of the one that came first.
 #pragma once
 
 #include <poll.h>
