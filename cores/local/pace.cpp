@@ -11,7 +11,8 @@ using std::chrono::milliseconds;
 using FloatMs = std::chrono::duration<double, std::milli>;
 
 constexpr milliseconds kBetweenLooks{1000};
-constexpr milliseconds kFirstLooks[] = {milliseconds{50}, milliseconds{200}};  // after a beginning
+// After a beginning.
+constexpr milliseconds kFirstLooks[] = {milliseconds{20}, milliseconds{50}, milliseconds{200}};
 constexpr milliseconds kSettling{300};
 constexpr milliseconds kRetry{20};
 constexpr milliseconds kLongestWait{1000};
@@ -27,6 +28,7 @@ void Pace::begin(Time now) {
     m_offer_at = now;
     m_look_at = now;
     m_began_at = now;
+    m_track_began_at = now;
     m_began_ms.reset();
     m_is_short = false;
     m_full.reset();
@@ -35,6 +37,7 @@ void Pace::begin(Time now) {
 void Pace::go_on(Time now) {
     m_offer_at = now;
     m_look_at = now;
+    m_track_began_at = now;
     m_full.reset();
 }
 
@@ -66,8 +69,8 @@ void Pace::looked(uint64_t heard_ms, std::optional<uint64_t> left_ms, Time now) 
         return;
     }
     const auto* const first = std::ranges::find_if(
-        kFirstLooks, [&](milliseconds after) { return now < m_began_at + after; });
-    m_look_at = first == std::end(kFirstLooks) ? now + kBetweenLooks : m_began_at + *first;
+        kFirstLooks, [&](milliseconds after) { return now < m_track_began_at + after; });
+    m_look_at = first == std::end(kFirstLooks) ? now + kBetweenLooks : m_track_began_at + *first;
 }
 
 uint64_t Pace::plausible(uint64_t heard_ms, Time now) const {
