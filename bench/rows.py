@@ -33,6 +33,9 @@ LOOP_THREAD = "NuvioConnectSta"  # as its name is cut by the kernel
 # plug-ins of the sound servers then ask for less of their servers' attention.
 LONG_PERIOD_US = 125_000
 SHORT_PERIODS_CARD = ("--buffer", "400")
+# As ALSA's stock defaults make it of a USB card: the smallest period of at least 5 ms, then the largest
+# buffer.
+STOCK_CARD = ("--buffer", "2000", "--periods", "400")
 
 CD = (44100, 16)
 HI_RES = (192000, 24)
@@ -164,6 +167,25 @@ def network(lab, music, rounds):
               f"{median_of(web, 'dirty_kb') / 1024:.1f} MB, file "
               f"{median_of(disk, 'dirty_kb') / 1024:.1f} MB",
               median_of(web, "dirty_kb") <= median_of(disk, "dirty_kb") + 5 * 1024)
+
+
+def stock(lab, music, rounds, seconds):
+    """A card with ALSA's stock defaults, beside players that ask for periods of their own."""
+    means = {player: [] for player in (Device, Aplay, Mpd)}
+    wakeups = {player: [] for player in means}
+    for format in (CD, HI_RES):
+        windows = in_turn(lab, means, music.wav[format], STOCK_CARD, rounds, seconds)
+        for player, measured in windows.items():
+            means[player].append(median_of(measured, "cpu_ms"))
+            wakeups[player].append(median_of(measured, "wakeups"))
+    ours, aplay, mpd = (statistics.mean(cpu) for cpu in means.values())
+    yield Row("card with ALSA's stock defaults (periods of 5 ms, buffer of 2 s), WAV: CPU per second "
+              "of audio, mean of 44.1/16 and 192/24", "<= aplay",
+              f"{ours:.2f} ms, aplay {aplay:.2f} ms, mpd {mpd:.2f} ms", ours <= aplay)
+    most = max(wakeups[Device])
+    yield Row("... wake-ups a second at 44.1/16 and 192/24, of all threads", "<= 12", "; ".join(
+        f"{player.name} {', '.join(f'{count:.0f}' for count in counts)}"
+        for player, counts in wakeups.items()), most <= 12)
 
 
 def idle(lab, seconds):

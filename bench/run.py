@@ -27,6 +27,7 @@ def measurements(lab, options):
     armhf = HERE.parent / "build/armhf"
     return {
         "playing": lambda: rows.playing(lab, music, rounds, window),
+        "stock": lambda: rows.stock(lab, music, 1 if quick else 3, window),
         "network": lambda: rows.network(lab, music, 1 if quick else 3),
         "servers": lambda: rows.on_servers(lab, music, 5 if quick else 10),
         "instructions": lambda: rows.instructions(lab, 3, 5 if quick else 9),
