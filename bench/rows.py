@@ -29,9 +29,9 @@ WAKEUPS_PER_SECOND = 4
 DECODER_TURN = 3.715
 SETTLED = 4  # s after which a player has shown the track and kept its settings
 LOOP_THREAD = "NuvioConnectSta"  # as its name is cut by the kernel
-# What an ALSA configuration of the device's own sets as the shortest period by default, in us: the
-# plug-ins of the sound servers then ask for less of their servers' attention.
-LONG_PERIOD_US = 125_000
+# What `nuvio-connect --setup --card default` sets as the shortest period by default, in us: the plug-ins
+# of the sound servers then ask for less of their servers' attention.
+SETUP_PERIOD_US = 100_000
 SHORT_PERIODS_CARD = ("--buffer", "400")
 # As ALSA's stock defaults make it of a USB card: the smallest period of at least 5 ms, then the largest
 # buffer.
@@ -200,9 +200,9 @@ def idle(lab, seconds):
 
 
 def on_servers(lab, music, seconds):
-    """With ALSA's stock defaults, and with longer periods by its configuration."""
+    """With ALSA's stock defaults, and with the periods that --setup makes."""
     for kind in (sound_servers.PulseAudio, sound_servers.PipeWire):
-        for period_us in (None, LONG_PERIOD_US):
+        for period_us in (None, SETUP_PERIOD_US):
             means = {}
             for player in (Device, Aplay, Mpd):
                 windows = []
@@ -215,7 +215,10 @@ def on_servers(lab, music, seconds):
                         running.stop()
                 means[player] = statistics.mean(window.cpu_ms for window in windows)
                 wakeups = ", ".join(f"{window.wakeups:.0f}" for window in windows)
-                yield Row(f"{kind.plug_in}, {'stock' if period_us is None else 'long'} periods, "
+                if player is Device:
+                    wakeups += "; of the loop's thread " + ", ".join(
+                        f"{window.by_thread[LOOP_THREAD]:.0f}" for window in windows)
+                yield Row(f"{kind.plug_in}, {'stock periods' if period_us is None else '--setup'}, "
                           f"{player.name}: wake-ups a second at 44.1/16 and 192/24, of all threads",
                           "", wakeups)
             ours, others = means[Device], means[Aplay]
