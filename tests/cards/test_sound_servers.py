@@ -181,6 +181,8 @@ class OnServer:
         wait_for("silence", lambda: not self.heard.read_bytes()[-CD:].strip(b"\0"))
         seconds = len(self.heard.read_bytes().strip(b"\0")) / FRAME / CD
         self.assertAlmostEqual(seconds, 8 - place, delta=0.7)
+        self.player("volume", "0.4")
+        wait_for("sink at 40 %", lambda: " 40% " in self.server.pactl("get-sink-volume", "null"))
 
     def test_a_server_that_comes_late_plays_with_its_volume(self):
         self.server.kill()

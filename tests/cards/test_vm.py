@@ -275,6 +275,7 @@ class Cards(unittest.TestCase):
                 play("card")
                 sounds_on(card)
                 wait_for_end()
+        self.assertNotIn("Unable to drain", run("journalctl", "-u", UNIT))
 
     def test_2_without_a_name_it_lists_the_cards(self):
         self.assertRegex(run("nuvio-connect", "--list-devices"),
