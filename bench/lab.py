@@ -88,13 +88,15 @@ def cpu_ns(pid):
 
 
 def wakeups(pid):
-    """Voluntary context switches by thread; the threads of one name together."""
+    """Voluntary context switches by thread: the first of a name, and all the others of it as "NAME
+    etc.", as a library's threads that got no name of their own have that of their maker."""
     counts = {}
-    for task in tasks(pid):
+    for task in sorted(tasks(pid), key=lambda task: int(task.name)):
         with contextlib.suppress(OSError):
             status = (task / "status").read_text()
             name = re.search(r"^Name:\s*(.*)$", status, re.M)[1]
             count = int(re.search(r"^voluntary_ctxt_switches:\s*(\d+)", status, re.M)[1])
+            name += " etc." if name in counts else ""
             counts[name] = counts.get(name, 0) + count
     return counts
 
@@ -156,7 +158,7 @@ class ServerCard:
     """A sound server of its own, in the place of a card; a context manager."""
 
     def __init__(self, lab, kind, rate, bits, period_us):
-        folder = lab.new_folder("server")
+        self.folder = folder = lab.new_folder("server")
         defaults = f"defaults.pcm.minperiodtime {period_us}\n" if period_us else ""
         self.server = kind(folder, rate, "s16le" if bits == 16 else "s24-32le", defaults)
         self.bus = Bus(folder)
@@ -365,7 +367,7 @@ class Device:
     def __enter__(self):
         self.bus = Bus(self.folder)
         environment = own_device.environment(self.folder, self.card.folder / "asound.conf",
-                                             **self.lab.discovery)
+                                             **self.lab.discovery) | self.card.environment()
         if self.probe:
             environment |= {"LD_PRELOAD": str(self.lab.build / "lib/libbench_probe.so"),
                             "NUVIO_PROBE": str(self.probe.path)}

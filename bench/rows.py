@@ -29,10 +29,13 @@ WAKEUPS_PER_SECOND = 4
 DECODER_TURN = 3.715
 SETTLED = 4  # s after which a player has shown the track and kept its settings
 LOOP_THREAD = "NuvioConnectSta"  # as its name is cut by the kernel
-# What an ALSA configuration of the device's own sets as the shortest period by default, in us: the
-# plug-ins of the sound servers then ask for less of their servers' attention.
-LONG_PERIOD_US = 125_000
+# What `nuvio-connect --setup --card default` sets as the shortest period by default, in us: the plug-ins
+# of the sound servers then ask for less of their servers' attention.
+SETUP_PERIOD_US = 100_000
 SHORT_PERIODS_CARD = ("--buffer", "400")
+# As ALSA's stock defaults make it of a USB card: the smallest period of at least 5 ms, then the largest
+# buffer.
+STOCK_CARD = ("--buffer", "2000", "--periods", "400")
 
 CD = (44100, 16)
 HI_RES = (192000, 24)
@@ -166,6 +169,25 @@ def network(lab, music, rounds):
               median_of(web, "dirty_kb") <= median_of(disk, "dirty_kb") + 5 * 1024)
 
 
+def stock(lab, music, rounds, seconds):
+    """A card with ALSA's stock defaults, beside players that ask for periods of their own."""
+    means = {player: [] for player in (Device, Aplay, Mpd)}
+    wakeups = {player: [] for player in means}
+    for format in (CD, HI_RES):
+        windows = in_turn(lab, means, music.wav[format], STOCK_CARD, rounds, seconds)
+        for player, measured in windows.items():
+            means[player].append(median_of(measured, "cpu_ms"))
+            wakeups[player].append(median_of(measured, "wakeups"))
+    ours, aplay, mpd = (statistics.mean(cpu) for cpu in means.values())
+    yield Row("card with ALSA's stock defaults (periods of 5 ms, buffer of 2 s), WAV: CPU per second "
+              "of audio, mean of 44.1/16 and 192/24", "<= aplay",
+              f"{ours:.2f} ms, aplay {aplay:.2f} ms, mpd {mpd:.2f} ms", ours <= aplay)
+    most = max(wakeups[Device])
+    yield Row("... wake-ups a second at 44.1/16 and 192/24, of all threads", "<= 12", "; ".join(
+        f"{player.name} {', '.join(f'{count:.0f}' for count in counts)}"
+        for player, counts in wakeups.items()), most <= 12)
+
+
 def idle(lab, seconds):
     with Device(lab, lab.card(*CARD)) as device:
         time.sleep(2)
@@ -178,9 +200,9 @@ def idle(lab, seconds):
 
 
 def on_servers(lab, music, seconds):
-    """With ALSA's stock defaults, and with longer periods by its configuration."""
+    """With ALSA's stock defaults, and with the periods that --setup makes."""
     for kind in (sound_servers.PulseAudio, sound_servers.PipeWire):
-        for period_us in (None, LONG_PERIOD_US):
+        for period_us in (None, SETUP_PERIOD_US):
             means = {}
             for player in (Device, Aplay, Mpd):
                 windows = []
@@ -193,7 +215,10 @@ def on_servers(lab, music, seconds):
                         running.stop()
                 means[player] = statistics.mean(window.cpu_ms for window in windows)
                 wakeups = ", ".join(f"{window.wakeups:.0f}" for window in windows)
-                yield Row(f"{kind.plug_in}, {'stock' if period_us is None else 'long'} periods, "
+                if player is Device:
+                    wakeups += "; of the loop's thread " + ", ".join(
+                        f"{window.by_thread[LOOP_THREAD]:.0f}" for window in windows)
+                yield Row(f"{kind.plug_in}, {'stock periods' if period_us is None else '--setup'}, "
                           f"{player.name}: wake-ups a second at 44.1/16 and 192/24, of all threads",
                           "", wakeups)
             ours, others = means[Device], means[Aplay]

@@ -1,7 +1,8 @@
 #include "local/pace.h"
 
 #include <algorithm>
-#include <iterator>
+#include <array>
+#include <span>
 
 namespace local_core {
 
@@ -11,7 +12,9 @@ using std::chrono::milliseconds;
 using FloatMs = std::chrono::duration<double, std::milli>;
 
 constexpr milliseconds kBetweenLooks{1000};
-constexpr milliseconds kFirstLooks[] = {milliseconds{50}, milliseconds{200}};  // after a beginning
+// After a beginning. The first is for a track that follows: at the beginning of the sound a server
+// would still tell nonsense.
+constexpr std::array kFirstLooks = {milliseconds{20}, milliseconds{50}, milliseconds{200}};
 constexpr milliseconds kSettling{300};
 constexpr milliseconds kRetry{20};
 constexpr milliseconds kLongestWait{1000};
@@ -27,6 +30,7 @@ void Pace::begin(Time now) {
     m_offer_at = now;
     m_look_at = now;
     m_began_at = now;
+    m_track_began_at = now;
     m_began_ms.reset();
     m_is_short = false;
     m_full.reset();
@@ -35,6 +39,7 @@ void Pace::begin(Time now) {
 void Pace::go_on(Time now) {
     m_offer_at = now;
     m_look_at = now;
+    m_track_began_at = now;
     m_full.reset();
 }
 
@@ -65,9 +70,11 @@ void Pace::looked(uint64_t heard_ms, std::optional<uint64_t> left_ms, Time now) 
         m_look_at = Time::max();
         return;
     }
-    const auto* const first = std::ranges::find_if(
-        kFirstLooks, [&](milliseconds after) { return now < m_began_at + after; });
-    m_look_at = first == std::end(kFirstLooks) ? now + kBetweenLooks : m_began_at + *first;
+    const std::span looks(kFirstLooks.begin() + (m_track_began_at == m_began_at ? 1 : 0),
+                          kFirstLooks.end());
+    const auto first = std::ranges::find_if(
+        looks, [&](milliseconds after) { return now < m_track_began_at + after; });
+    m_look_at = first == looks.end() ? now + kBetweenLooks : m_track_began_at + *first;
 }
 
 uint64_t Pace::plausible(uint64_t heard_ms, Time now) const {

@@ -22,7 +22,8 @@ class Pace {
     // Sound begins: at a track's start, after a seek or a pause. Data is wanted at once, and a look
     // before it and soon after it.
     void begin(Time now);
-    // The next track has followed without a gap: as above, but the output is known.
+    // The next track has followed without a gap: as above, but the output is known. It may count a
+    // little more than it has been given, and then there is no place to be told yet.
     void go_on(Time now);
     // All of the track has been delivered: what comes next waits for nothing.
     void end_of_data(Time now);
@@ -55,6 +56,7 @@ class Pace {
     Time m_offer_at;
     Time m_look_at = Time::max();
     Time m_began_at;
+    Time m_track_began_at;  // the same, or later: this track's beginning
     std::optional<uint64_t> m_began_ms;
     bool m_is_short = false;       // the output
     std::optional<Filled> m_full;  // when it was so last

@@ -152,15 +152,13 @@ std::optional<OutputAbilities> probe_output(const std::string& pcm, int& error) 
 
 std::string find_volume_element(const std::string& mixer) {
     mixer_ptr owner;
-    if (open_simple_mixer(owner, mixer.c_str()) < 0) {
+    if (open_simple_mixer(owner, mixer.c_str())) {
         return {};
     }
     std::vector<std::string> usable;
     for (snd_mixer_elem_t* element = snd_mixer_first_elem(owner.get()); element != nullptr;
          element = snd_mixer_elem_next(element)) {
-        if (snd_mixer_selem_get_index(element) == 0 &&
-            snd_mixer_selem_has_playback_volume(element) == 1 &&
-            snd_mixer_selem_has_playback_switch(element) == 1) {
+        if (snd_mixer_selem_get_index(element) == 0 && has_volume_and_switch(element)) {
             usable.emplace_back(snd_mixer_selem_get_name(element));
         }
     }

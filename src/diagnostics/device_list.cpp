@@ -83,7 +83,7 @@ std::vector<std::string> mixerDevices() {
 // What the service can set is marked; the rest is there for the search.
 size_t listElements(const std::string& device) {
     mixer_ptr mixer;
-    if (open_simple_mixer(mixer, device.c_str()) < 0) {
+    if (open_simple_mixer(mixer, device.c_str())) {
         return 0;
     }
     std::printf("  %s\n", device.c_str());

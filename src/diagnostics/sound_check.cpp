@@ -26,20 +26,14 @@ constexpr char kMixer[] = "mixer";
 
 // ---- Output ---------------------------------------------------------------------------------
 
-struct Stream {
-    unsigned rate;  // Hz
-    snd_pcm_format_t format;
-    unsigned channels;
-};
-
-std::string text_of(const Stream& stream) {
+std::string text_of(const pcm_stream& stream) {
     return std::to_string(stream.rate) + " Hz, " +
            (stream.format == SND_PCM_FORMAT_S16_LE ? "16" : "24") + " bit" +
            (stream.channels == 1 ? ", mono" : "");
 }
 
 // What tracks of the announced quality come as, the best last.
-std::vector<Stream> announced_streams() {
+std::vector<pcm_stream> announced_streams() {
     struct Row {
         unsigned rate;
         nuv_audio_quality from;  // announced at this quality and above
@@ -57,37 +51,27 @@ std::vector<Stream> announced_streams() {
     const output_settings settings = read_output_settings(unset_items::are_silent);
     const nuv_audio_quality quality = quality_from_settings(settings, parse_maximum_rate(settings))
                                           .value_or(NUV_AUDIO_QUALITY_CD);
-    std::vector<Stream> streams;
+    std::vector<pcm_stream> streams;
     for (const Row& row : kRates) {
         if (row.from <= quality) {
-            streams.push_back({row.rate, SND_PCM_FORMAT_S16_LE, 2});
+            streams.push_back({row.rate, 2, SND_PCM_FORMAT_S16_LE});
         }
         if (row.from <= quality && quality > NUV_AUDIO_QUALITY_CD) {
-            streams.push_back({row.rate, SND_PCM_FORMAT_S24_LE, 2});
+            streams.push_back({row.rate, 2, SND_PCM_FORMAT_S24_LE});
         }
     }
-    streams.insert(streams.begin() + 1, {kRates.front().rate, SND_PCM_FORMAT_S16_LE, 1});
+    streams.insert(streams.begin() + 1, {kRates.front().rate, 1, SND_PCM_FORMAT_S16_LE});
     return streams;
 }
 
 // What stands in the way of such a stream; nothing when the PCM is set up for it.
-std::optional<std::string> set_up(snd_pcm_t* pcm, const Stream& stream) {
-    const hw_params_ptr owner = new_hw_params();
-    snd_pcm_hw_params_t* params = owner.get();
-    unsigned rate = stream.rate;
-    if (snd_pcm_hw_params_any(pcm, params) < 0 ||
-        snd_pcm_hw_params_set_rate_resample(pcm, params, 1) < 0 ||
-        snd_pcm_hw_params_set_access(pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED) < 0 ||
-        snd_pcm_hw_params_set_rate_near(pcm, params, &rate, nullptr) < 0) {
-        return "refuses";
+std::optional<std::string> obstacle_to(snd_pcm_t* pcm, const pcm_stream& stream) {
+    unsigned granted = 0;
+    const auto refusal = set_up_pcm(pcm, stream, granted);
+    if (granted != 0 && granted != stream.rate) {
+        return "plays at " + std::to_string(granted) + " Hz";
     }
-    if (rate != stream.rate) {
-        return "plays at " + std::to_string(rate) + " Hz";
-    }
-    const bool taken = snd_pcm_hw_params_set_channels(pcm, params, stream.channels) >= 0 &&
-                       snd_pcm_hw_params_set_format(pcm, params, stream.format) >= 0 &&
-                       snd_pcm_hw_params(pcm, params) >= 0;
-    return taken ? std::nullopt : std::optional<std::string>("refuses");
+    return refusal ? std::optional<std::string>("refuses") : std::nullopt;
 }
 
 // The service sleeps on the descriptors until there is room; some PCMs have none that can be
@@ -107,7 +91,7 @@ bool can_be_waited_for(snd_pcm_t* pcm) {
     });
 }
 
-std::string text_of_buffer(snd_pcm_t* pcm, const Stream& stream) {
+std::string text_of_buffer(snd_pcm_t* pcm, const pcm_stream& stream) {
     snd_pcm_uframes_t buffer = 0;
     snd_pcm_uframes_t period = 0;
     snd_pcm_get_params(pcm, &buffer, &period);
@@ -144,9 +128,9 @@ Finding check_output() {
         return bad(kOutput, named + ": " + snd_strerror(error) + ": " + advice_for_opening(error));
     }
     const pcm_ptr pcm(opened);
-    const std::vector<Stream> streams = announced_streams();
-    for (const Stream& stream : streams) {
-        if (const auto obstacle = set_up(pcm.get(), stream)) {
+    const std::vector<pcm_stream> streams = announced_streams();
+    for (const pcm_stream& stream : streams) {
+        if (const auto obstacle = obstacle_to(pcm.get(), stream)) {
             return bad(kOutput, named + " " + *obstacle + " what is announced as " +
                                     text_of(stream) +
                                     ": run 'nuvio-connect --setup' as root, which makes an output "
@@ -168,20 +152,17 @@ Finding check_mixer() {
         "; 'nuvio-connect --list-devices' shows those there are, 'nuvio-connect "
         "--setup' as root chooses";
     mixer_ptr mixer;
-    const int error = open_simple_mixer(mixer, device.c_str());
-    if (error < 0) {
+    if (const auto refusal = open_simple_mixer(mixer, device.c_str())) {
         return bad(kMixer, std::string(KFeatureNuvioConnectVolume_Device) + " " + quoted(device) +
-                               ": " + snd_strerror(error) + ": set the card's name, such as hw:0");
+                               ": " + snd_strerror(refusal->error) +
+                               ": set the card's name, such as hw:0");
     }
-    const selem_id_ptr id = new_selem_id();
-    snd_mixer_selem_id_set_name(id.get(), name.c_str());
-    snd_mixer_elem_t* element = snd_mixer_find_selem(mixer.get(), id.get());
+    snd_mixer_elem_t* element = find_element(mixer.get(), name.c_str(), 0);
     const std::string named = quoted(name) + " of " + quoted(device);
     if (element == nullptr) {
         return bad(kMixer, "there is no element " + named + choose);
     }
-    if (snd_mixer_selem_has_playback_volume(element) != 1 ||
-        snd_mixer_selem_has_playback_switch(element) != 1) {
+    if (!has_volume_and_switch(element)) {
         return bad(kMixer, named + " has not both a volume and a switch" + choose);
     }
     return good(kMixer, named + ": " + text_of_state(element));

@@ -148,13 +148,12 @@ class OnServer:
     def test_the_position_is_what_is_heard_all_through_two_tracks(self):
         self.begin(5, 5)
         errors = []
-        while (at := self.place()) < 9:
-            # The change is told up to a fifth of a second late, and then the title is looked for.
-            if at is not True and not 5 < at < 5.3:
-                errors.append(abs(self.position() - at % 5))
-            time.sleep(0.05)
-        # Asking takes time, in which the music goes on.
-        self.assertLess(sorted(errors)[len(errors) * 3 // 4], 0.15, errors)
+        while (before := self.place()) < 9:
+            told, after = self.position(), self.place()  # asking takes time: the music goes on
+            if True not in (before, after) and before // 5 == after // 5:
+                errors.append(max(before % 5 - told, told - after % 5, 0))
+        # A twentieth is the busy machine's, which hands the recording on late.
+        self.assertLess(sorted(errors)[len(errors) * 19 // 20], 0.05, errors)
 
     def test_volume_goes_both_ways(self):
         self.begin(20)
@@ -182,6 +181,8 @@ class OnServer:
         wait_for("silence", lambda: not self.heard.read_bytes()[-CD:].strip(b"\0"))
         seconds = len(self.heard.read_bytes().strip(b"\0")) / FRAME / CD
         self.assertAlmostEqual(seconds, 8 - place, delta=0.7)
+        self.player("volume", "0.4")
+        wait_for("sink at 40 %", lambda: " 40% " in self.server.pactl("get-sink-volume", "null"))
 
     def test_a_server_that_comes_late_plays_with_its_volume(self):
         self.server.kill()

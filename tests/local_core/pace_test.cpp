@@ -58,6 +58,9 @@ TEST_F(PaceTest, LooksComeSoonThenOnceASecondAndNotAtTheVeryEnd) {
     EXPECT_TRUE(pace.is_look_due(later));
     pace.looked(5000, 3000, later);
     EXPECT_EQ(pace.next_after(later), later + milliseconds(1000));
+    pace.go_on(later);
+    pace.looked(0, {}, later);
+    EXPECT_EQ(pace.next_after(later), later + milliseconds(20)) << "the place was not known yet";
     pace.looked(7000, 1000, later);
     EXPECT_EQ(pace.next_after(later), std::nullopt);
 }

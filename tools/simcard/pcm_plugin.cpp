@@ -301,7 +301,7 @@ int Pcm::restrict_parameters() {
                                         kMaximumBufferBytes),
         snd_pcm_ioplug_set_param_minmax(&m_io, SND_PCM_IOPLUG_HW_BUFFER_BYTES, kMinimumBufferBytes,
                                         kMaximumBufferBytes),
-        snd_pcm_ioplug_set_param_minmax(&m_io, SND_PCM_IOPLUG_HW_PERIODS, 2, kDefaultPeriods),
+        snd_pcm_ioplug_set_param_minmax(&m_io, SND_PCM_IOPLUG_HW_PERIODS, 2, fixed.maximum_periods),
     };
     return std::min(0, *std::min_element(std::begin(results), std::end(results)));
 }

@@ -19,12 +19,11 @@
 namespace simcard {
 
 inline constexpr std::uint32_t kStateMagic = 0x4e53494d;
-inline constexpr std::uint32_t kStateVersion = 1;
+inline constexpr std::uint32_t kStateVersion = 2;
 inline constexpr unsigned kMaximumFormats = 8;
 inline constexpr unsigned kMaximumRates = 32;
 inline constexpr unsigned kElementChannels = 2;
 inline constexpr unsigned kElementNameSize = 32;
-inline constexpr unsigned kDefaultPeriods = 8;
 // The clock's speed is kept in millionths.
 inline constexpr double kSpeedUnit = 1e6;
 
@@ -51,6 +50,7 @@ struct FixedState {
     std::uint32_t rates[kMaximumRates];
     std::uint32_t minimum_rate, maximum_rate;
     std::uint32_t minimum_channels, maximum_channels;
+    std::uint32_t maximum_periods, padding;
     std::uint32_t exclusive, impossible, patient;
     char element_name[kElementNameSize];
     std::uint32_t has_volume, has_switch, read_only;
@@ -106,9 +106,9 @@ struct SharedState {
 };
 // Processes of 32 and of 64 bits use one card.
 static_assert(alignof(Shared<std::uint64_t>) == 8);
-static_assert(offsetof(FixedState, minimum_volume) == 240);
-static_assert(offsetof(SharedState, ops) == 264 && offsetof(SharedState, plugged) == 1144);
-static_assert(offsetof(SharedState, stream) == 1272 && sizeof(SharedState) == 1376);
+static_assert(offsetof(FixedState, minimum_volume) == 248);
+static_assert(offsetof(SharedState, ops) == 272 && offsetof(SharedState, plugged) == 1152);
+static_assert(offsetof(SharedState, stream) == 1280 && sizeof(SharedState) == 1384);
 
 // Counts the call and returns 0, or the negative errno it must fail with.
 int begin_call(OpState& op);

@@ -49,6 +49,8 @@ void check(const Settings& settings) {
           "bad range of channels");
     check(settings.default_buffer_ms >= 8 && settings.default_buffer_ms <= 4000,
           "default buffer must be 8 to 4000 ms");
+    check(settings.default_periods >= 2 && settings.default_periods <= settings.default_buffer_ms,
+          "needs 2 periods or more, of 1 ms or more");
     check(!element.name.empty() && element.name.size() < kElementNameSize,
           "element's name must have 1 to 31 bytes");
     check(element.minimum <= element.volume && element.volume <= element.maximum,
@@ -70,6 +72,7 @@ void fill_fixed(FixedState& fixed, const Settings& settings) {
     fixed.maximum_rate = settings.maximum_rate;
     fixed.minimum_channels = settings.minimum_channels;
     fixed.maximum_channels = settings.maximum_channels;
+    fixed.maximum_periods = settings.default_periods;
     fixed.exclusive = settings.exclusive ? 1 : 0;
     fixed.impossible = settings.impossible ? 1 : 0;
     fixed.patient = settings.patient ? 1 : 0;
@@ -137,7 +140,7 @@ std::string alsa_configuration(const fs::path& directory, const std::string& plu
         return quoted(plugin_dir + "/libasound_module_" + kind + "_nuviosim.so");
     };
     const std::string device = "{ type nuviosim dir " + quoted(directory.string()) + " }\n";
-    const unsigned period_us = settings.default_buffer_ms * 1000 / kDefaultPeriods;
+    const unsigned period_us = settings.default_buffer_ms * 1000 / settings.default_periods;
     return "pcm_type.nuviosim { lib " + library("pcm") + " }\n" + "ctl_type.nuviosim { lib " +
            library("ctl") + " }\n" + "pcm.simcard " + device + "ctl.simcard " + device +
            "pcm.default " + device + "ctl.default " + device +

@@ -94,8 +94,10 @@ struct Settings {
     unsigned maximum_rate = 384000;
     unsigned minimum_channels = 1;
     unsigned maximum_channels = 8;
-    // Buffer that a program without wishes gets, as 8 periods; 8 to 4000 ms.
+    // Buffer that a program without wishes gets, 8 to 4000 ms, and the periods in it: at least 2,
+    // of at least 1 ms.
     unsigned default_buffer_ms = 400;
+    unsigned default_periods = 8;
     // One open PCM handle at a time, a second open is -EBUSY.
     bool exclusive = false;
     // No configuration at all fits the card: snd_pcm_hw_params_any is -EINVAL.

@@ -37,6 +37,7 @@ Commands:
     --rates LIST              these rates in Hz only; default 8000 to 384000
     --channels MIN-MAX        default 1-8
     --buffer MS               buffer of programs without wishes, default 400
+    --periods COUNT           periods in it, default 8
     --speed FACTOR            default 1; 0 stops the clock
     --patient                 wait for data instead of underrunning
     --no-record               keep no recordings
@@ -186,6 +187,7 @@ const std::vector<Option>& creation_options() {
              std::tie(s.minimum_channels, s.maximum_channels) = parse_range<unsigned>(v, "-");
          }},
         {"--buffer", true, [](Settings& s, Value v) { s.default_buffer_ms = parse<unsigned>(v); }},
+        {"--periods", true, [](Settings& s, Value v) { s.default_periods = parse<unsigned>(v); }},
         {"--speed", true, [](Settings& s, Value v) { s.speed = parse<double>(v); }},
         {"--patient", false, [](Settings& s, Value) { s.patient = true; }},
         {"--no-record", false, [](Settings& s, Value) { s.record = false; }},

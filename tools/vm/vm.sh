@@ -1,12 +1,16 @@
 #!/usr/bin/env bash
 # Makes the packages of a build tree, installs them into a virtual machine and tests them there on
-# the kernel's own sound drivers: vm.sh BUILD-TREE FOLDER. Needs root, not KVM. Called by ./dev vm.
+# the kernel's own sound drivers: vm.sh BUILD-TREE FOLDER [--short]. Needs root, not KVM. Called by
+# ./dev vm.
 set -euo pipefail
 
 build=$(realpath "$1")
 mkdir -p "$2"
 folder=$(realpath "$2")
 here=$(dirname "$(realpath "$0")")
+# Those of a device as the README installs it. The others bring a hundred libraries, or nothing that
+# plays; that they install is ./dev package's.
+components="daemon;core;host"
 
 cannot() { # Without CI a machine that can't be made fails nobody's work.
     echo "vm: not run: $*"
@@ -14,12 +18,19 @@ cannot() { # Without CI a machine that can't be made fails nobody's work.
     exit 1
 }
 
+took() { # What, and how long since the last time
+    echo "vm: $1 in $((SECONDS - began)) s"
+    began=$SECONDS
+}
+
 [ "$(id -u)" = 0 ] || cannot "needs root to make the machine's disk"
 command -v qemu-system-x86_64 >/dev/null || cannot "no qemu-system-x86_64 (./dev setup)"
+began=$SECONDS
 rm -rf "$folder/packages"
-(cd "$build" && cpack -B "$folder/packages" >"$folder/cpack.log" 2>&1) ||
-    { cat "$folder/cpack.log"; exit 1; }
-rm -f "$folder/packages"/nuvio-connect-dev_*.deb  # nothing is built there
+(cd "$build" && cpack -D CPACK_COMPONENTS_ALL="$components" -B "$folder/packages" \
+    >"$folder/cpack.log" 2>&1) || { cat "$folder/cpack.log"; exit 1; }
+took "packages made"
 "$here/make_image.sh" "$folder" "$folder/packages"/*.deb >"$folder/make_image.log" 2>&1 ||
     { tail -n 20 "$folder/make_image.log"; cannot "the machine's disk could not be made"; }
-exec "$here/run.py" "$folder"
+took "disk made"
+exec "$here/run.py" "$folder" "${@:3}"

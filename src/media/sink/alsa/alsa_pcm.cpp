@@ -188,36 +188,18 @@ snd_pcm_format_t nuvio_format_to_alsa_format(nuv_audio_sample_format format) {
     return SND_PCM_FORMAT_UNKNOWN;
 }
 
-bool set_rate(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, unsigned requested) {
-    unsigned granted = requested;
-    if (!alsa_ok(snd_pcm_hw_params_set_rate_near(pcm, params, &granted, nullptr),
-                 "Unable to set ALSA PCM's sample rate to %u", requested)) {
-        return false;
-    }
-    if (granted != requested) {
+bool set_up(snd_pcm_t* pcm, const pcm_stream& stream) {
+    unsigned granted = 0;
+    const auto refusal = set_up_pcm(pcm, stream, granted);
+    if (granted != 0 && granted != stream.rate) {
         app_log(LOG_LEVEL_WARNING,
-                "Requested ALSA PCM's sample rate to be set to %u, got %u instead", requested,
+                "Requested ALSA PCM's sample rate to be set to %u, got %u instead", stream.rate,
                 granted);
     }
-    return true;
-}
-
-// Buffer, period and software parameters stay ALSA's defaults.
-bool set_hw_params(snd_pcm_t* pcm, unsigned rate, unsigned channels, snd_pcm_format_t format) {
-    const hw_params_ptr owner = new_hw_params();
-    snd_pcm_hw_params_t* params = owner.get();
-    return alsa_ok(snd_pcm_hw_params_any(pcm, params),
-                   "Unable to get any playback configurations from ALSA") &&
-           alsa_ok(snd_pcm_hw_params_set_rate_resample(pcm, params, 1),
-                   "Unable to enable ALSA PCM's resampling") &&
-           alsa_ok(snd_pcm_hw_params_set_access(pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
-                   "Unable to set ALSA PCM's access to interleaved") &&
-           set_rate(pcm, params, rate) &&
-           alsa_ok(snd_pcm_hw_params_set_channels(pcm, params, channels),
-                   "Unable to set ALSA PCM's channel count to %u", channels) &&
-           alsa_ok(snd_pcm_hw_params_set_format(pcm, params, format),
-                   "Unable to set ALSA PCM's format to %s", snd_pcm_format_name(format)) &&
-           alsa_ok(snd_pcm_hw_params(pcm, params), "Unable to set ALSA PCM's HW params");
+    if (refusal) {
+        log_alsa_error(refusal->error, "%s", refusal->what.c_str());
+    }
+    return !refusal;
 }
 
 }  // namespace
@@ -234,8 +216,7 @@ alsa_pcm* alsa_pcm_new(const char* device, const nuv_audio_format* format) {
     alsa_pcm_ptr self(new alsa_pcm);
     if (!alsa_ok(open_playback_pcm(self->handle, device), "Unable to open ALSA audio sink '%s'",
                  device) ||
-        !set_hw_params(self->handle.get(), format->sample_rate, format->channel_count,
-                       alsa_format)) {
+        !set_up(self->handle.get(), {format->sample_rate, format->channel_count, alsa_format})) {
         return nullptr;
     }
     self->sample_rate = format->sample_rate;

@@ -39,6 +39,25 @@ poll_descriptors query_poll_descriptors(Handle* handle, const char* owner,
     return {std::move(entries), expected};
 }
 
+// Keeps what was refused. True when nothing was.
+bool is_granted(int result, std::optional<alsa_refusal>& refusal, std::string what) {
+    if (result < 0) {
+        refusal = alsa_refusal{result, std::move(what)};
+    }
+    return result >= 0;
+}
+
+int attach_mixer(mixer_ptr& mixer, const char* device) {
+    return bounded_call(mixer, [name = std::string(device)](const mixer_ptr& opened) {
+        return snd_mixer_attach(opened.get(), name.c_str());
+    });
+}
+
+int load_mixer(mixer_ptr& mixer) {
+    return bounded_call(mixer,
+                        [](const mixer_ptr& opened) { return snd_mixer_load(opened.get()); });
+}
+
 void say_nothing(const char*, int, const char*, int, const char*, ...) {}
 
 }  // namespace
@@ -79,36 +98,62 @@ int open_playback_pcm(pcm_ptr& pcm, const char* device) {
     return std::min(rc, 0);
 }
 
-int open_simple_mixer(mixer_ptr& mixer, const char* device) {
+std::optional<alsa_refusal> set_up_pcm(snd_pcm_t* pcm, const pcm_stream& stream,
+                                       unsigned& granted_rate) {
+    const hw_params_ptr owner = new_hw_params();
+    snd_pcm_hw_params_t* params = owner.get();
+    std::optional<alsa_refusal> refusal;
+    unsigned rate = stream.rate;
+    granted_rate = 0;
+    if (!is_granted(snd_pcm_hw_params_any(pcm, params), refusal,
+                    "Unable to get any playback configurations from ALSA") ||
+        !is_granted(snd_pcm_hw_params_set_rate_resample(pcm, params, 1), refusal,
+                    "Unable to enable ALSA PCM's resampling") ||
+        !is_granted(snd_pcm_hw_params_set_access(pcm, params, SND_PCM_ACCESS_RW_INTERLEAVED),
+                    refusal, "Unable to set ALSA PCM's access to interleaved") ||
+        !is_granted(snd_pcm_hw_params_set_rate_near(pcm, params, &rate, nullptr), refusal,
+                    "Unable to set ALSA PCM's sample rate to " + std::to_string(stream.rate))) {
+        return refusal;
+    }
+    granted_rate = rate;
+    if (is_granted(
+            snd_pcm_hw_params_set_channels(pcm, params, stream.channels), refusal,
+            "Unable to set ALSA PCM's channel count to " + std::to_string(stream.channels)) &&
+        is_granted(snd_pcm_hw_params_set_format(pcm, params, stream.format), refusal,
+                   std::string("Unable to set ALSA PCM's format to ") +
+                       snd_pcm_format_name(stream.format))) {
+        is_granted(snd_pcm_hw_params(pcm, params), refusal, "Unable to set ALSA PCM's HW params");
+    }
+    return refusal;
+}
+
+std::optional<alsa_refusal> open_simple_mixer(mixer_ptr& mixer, const char* device) {
+    std::optional<alsa_refusal> refusal;
     snd_mixer_t* opened = nullptr;
-    int rc = snd_mixer_open(&opened, 0);
-    if (rc < 0) {
-        return rc;
+    if (!is_granted(snd_mixer_open(&opened, 0), refusal, "Unable to open ALSA mixer")) {
+        return refusal;
     }
     mixer_ptr owner(opened);
-    rc = attach_mixer(owner, device);
-    if (rc >= 0) {
-        rc = snd_mixer_selem_register(owner.get(), nullptr, nullptr);
+    if (is_granted(attach_mixer(owner, device), refusal,
+                   std::string("Unable to attach ALSA mixer to device '") + device + "'") &&
+        is_granted(snd_mixer_selem_register(opened, nullptr, nullptr), refusal,
+                   "Unable to register ALSA simple element mixer class") &&
+        is_granted(load_mixer(owner), refusal, "Unable to load ALSA mixer elements")) {
+        mixer = std::move(owner);
     }
-    if (rc >= 0) {
-        rc = load_mixer(owner);
-    }
-    if (rc < 0) {
-        return rc;
-    }
-    mixer = std::move(owner);
-    return 0;
+    return refusal;
 }
 
-int attach_mixer(mixer_ptr& mixer, const char* device) {
-    return bounded_call(mixer, [name = std::string(device)](const mixer_ptr& opened) {
-        return snd_mixer_attach(opened.get(), name.c_str());
-    });
+snd_mixer_elem_t* find_element(snd_mixer_t* mixer, const char* name, unsigned index) {
+    const selem_id_ptr id = new_selem_id();
+    snd_mixer_selem_id_set_name(id.get(), name);
+    snd_mixer_selem_id_set_index(id.get(), index);
+    return snd_mixer_find_selem(mixer, id.get());
 }
 
-int load_mixer(mixer_ptr& mixer) {
-    return bounded_call(mixer,
-                        [](const mixer_ptr& opened) { return snd_mixer_load(opened.get()); });
+bool has_volume_and_switch(snd_mixer_elem_t* element) {
+    return snd_mixer_selem_has_playback_volume(element) == 1 &&
+           snd_mixer_selem_has_playback_switch(element) == 1;
 }
 
 std::string describe_pcm(snd_pcm_t* pcm) {

@@ -4,6 +4,7 @@
 #include <alsa/asoundlib.h>
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "common/released_by.h"
@@ -26,11 +27,32 @@ selem_id_ptr new_selem_id();
 // as all here that may wait for a sound server (bounded_call.h).
 int open_playback_pcm(pcm_ptr& pcm, const char* device);
 
-// Opens the mixer of a device with its simple elements: 0, or ALSA's error with `mixer` left alone.
-int open_simple_mixer(mixer_ptr& mixer, const char* device);
-// Steps of that. The mixer is null after -ETIMEDOUT.
-int attach_mixer(mixer_ptr& mixer, const char* device);
-int load_mixer(mixer_ptr& mixer);
+// A step that ALSA refused: its error, and what was tried, in the words of the log.
+struct alsa_refusal {
+    int error;
+    std::string what;
+};
+
+// What a PCM is set up for.
+struct pcm_stream {
+    unsigned rate;  // frames a second
+    unsigned channels;
+    snd_pcm_format_t format;
+};
+
+// Sets an open PCM up: interleaved, resampling allowed, all the rest ALSA's defaults.
+// `granted_rate` becomes the rate nearest to the wanted one, 0 where it was not come to. None: it
+// is set up.
+std::optional<alsa_refusal> set_up_pcm(snd_pcm_t* pcm, const pcm_stream& stream,
+                                       unsigned& granted_rate);
+
+// Opens the mixer of a device with its simple elements. None: it is open; else `mixer` is left
+// alone.
+std::optional<alsa_refusal> open_simple_mixer(mixer_ptr& mixer, const char* device);
+
+// The mixer's, or null where there is none of that name.
+snd_mixer_elem_t* find_element(snd_mixer_t* mixer, const char* name, unsigned index);
+bool has_volume_and_switch(snd_mixer_elem_t* element);
 
 // ALSA's description of the PCM and of all layers below it (output_path.h). Empty when it has none.
 std::string describe_pcm(snd_pcm_t* pcm);

@@ -16,14 +16,11 @@ namespace {
 // session.
 bool is_there(const volume_control& control) {
     mixer_ptr mixer;
-    if (open_simple_mixer(mixer, control.device.c_str()) < 0) {
+    if (open_simple_mixer(mixer, control.device.c_str())) {
         return false;
     }
-    const selem_id_ptr id = new_selem_id();
-    snd_mixer_selem_id_set_name(id.get(), control.element.c_str());
-    snd_mixer_elem_t* element = snd_mixer_find_selem(mixer.get(), id.get());
-    return element != nullptr && snd_mixer_selem_has_playback_volume(element) == 1 &&
-           snd_mixer_selem_has_playback_switch(element) == 1;
+    snd_mixer_elem_t* element = find_element(mixer.get(), control.element.c_str(), 0);
+    return element != nullptr && has_volume_and_switch(element);
 }
 
 }  // namespace

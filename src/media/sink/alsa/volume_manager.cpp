@@ -167,23 +167,11 @@ void volume_manager_on_descriptor_poll_event(descriptor_poller* poller, pollfd* 
 }
 
 bool open_mixer(volume_manager* self, const char* control_device) {
-    snd_mixer_t* opened = nullptr;
-    if (!alsa_ok(snd_mixer_open(&opened, 0), "Unable to open ALSA mixer")) {
-        return false;
+    const auto refusal = open_simple_mixer(self->mixer, control_device);
+    if (refusal) {
+        log_alsa_error(refusal->error, "%s", refusal->what.c_str());
     }
-    self->mixer.reset(opened);
-    return alsa_ok(attach_mixer(self->mixer, control_device),
-                   "Unable to attach ALSA mixer to device '%s'", control_device) &&
-           alsa_ok(snd_mixer_selem_register(opened, nullptr, nullptr),
-                   "Unable to register ALSA simple element mixer class") &&
-           alsa_ok(load_mixer(self->mixer), "Unable to load ALSA mixer elements");
-}
-
-snd_mixer_elem_t* find_element(snd_mixer_t* mixer, const char* name, unsigned index) {
-    const selem_id_ptr id = new_selem_id();
-    snd_mixer_selem_id_set_name(id.get(), name);
-    snd_mixer_selem_id_set_index(id.get(), index);
-    return snd_mixer_find_selem(mixer, id.get());
+    return !refusal;
 }
 
 bool take_element(volume_manager* self, const char* name, unsigned index) {
