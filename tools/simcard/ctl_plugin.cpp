@@ -438,12 +438,6 @@ int Ctl::poll_revents(unsigned short* revents) {
     return 0;
 }
 
-int open_from_configuration(snd_ctl_t** ctl, const char* name, snd_config_t* configuration,
-                            int mode) {
-    const char* directory = card_directory(configuration);
-    return directory == nullptr ? -EINVAL : Ctl::open(ctl, name, directory, mode);
-}
-
 }  // namespace
 
 }  // namespace simcard
@@ -453,7 +447,7 @@ extern "C" {
 
 SND_CTL_PLUGIN_DEFINE_FUNC(nuviosim) {
     (void)root;
-    return simcard::open_from_configuration(handlep, name, conf, mode);
+    return simcard::open_from_configuration<simcard::Ctl>(handlep, name, conf, mode);
 }
 
 SND_CTL_PLUGIN_SYMBOL(nuviosim)

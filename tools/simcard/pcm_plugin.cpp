@@ -871,12 +871,6 @@ void Pcm::arm(std::int64_t deadline) {
     timerfd_settime(m_timer.get(), TFD_TIMER_ABSTIME, &timer, nullptr);
 }
 
-int open_from_configuration(snd_pcm_t** pcm, const char* name, snd_config_t* configuration,
-                            snd_pcm_stream_t stream, int mode) {
-    const char* directory = card_directory(configuration);
-    return directory == nullptr ? -EINVAL : Pcm::open(pcm, name, directory, stream, mode);
-}
-
 }  // namespace
 
 }  // namespace simcard
@@ -886,7 +880,7 @@ extern "C" {
 
 SND_PCM_PLUGIN_DEFINE_FUNC(nuviosim) {
     (void)root;
-    return simcard::open_from_configuration(pcmp, name, conf, stream, mode);
+    return simcard::open_from_configuration<simcard::Pcm>(pcmp, name, conf, stream, mode);
 }
 
 SND_PCM_PLUGIN_SYMBOL(nuviosim)
