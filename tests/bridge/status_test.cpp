@@ -12,12 +12,12 @@
 
 using namespace android;
 using namespace service_test;
-using fake_modules::Track;
+using fake_modules::Song;
 
 namespace {
 
-const Track kSong = {"Song", {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT}, 215000};
-const Track kOther = {"Other", {96000, 6, NUV_AUDIO_SAMPLE_FORMAT_24_BIT}, 99999999999};
+const Song kSong = {"Song", {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT}, 215000};
+const Song kOther = {"Other", {96000, 6, NUV_AUDIO_SAMPLE_FORMAT_24_BIT}, 99999999999};
 
 class Status : public Service {
   protected:
