@@ -7,12 +7,10 @@ import random
 import signal
 import subprocess
 import time
-import unittest
 
-from device import (EMULATOR, BadLine, DeviceTest, Radio, ScriptedServer, WebServer, program,
+from device import (CD, EMULATOR, BadLine, DeviceTest, Radio, ScriptedServer, WebServer, program,
                     signal_samples, wait_for, write_wav)
 
-CD = 44100
 SERVER = """
     server {{
         listen 127.0.0.1:{port};
@@ -31,17 +29,11 @@ class Content(DeviceTest):
         super().setUp()
         self.environment.update(NUVIO_READ_AHEAD_KIB="128", NUVIO_NETWORK_PATIENCE_S="6")
 
-    def track(self, name, seconds, start=0):
-        return write_wav(self.music / name, signal_samples(int(seconds * CD), start), CD)
-
     def web(self, *tracks):
         (self.music / "list.m3u").write_text("".join(f"{name}\n" for name in tracks))
         self.server = WebServer(str(self.folder), SERVER)
         self.addCleanup(self.server.kill)
         return self.server.url
-
-    def played(self):
-        return b"".join(recording.data for recording in self.recordings())
 
     def wait_for_sound(self, seconds):
         wait_for(f"{seconds} s of sound", lambda: self.position() >= seconds)
@@ -263,7 +255,3 @@ class Content(DeviceTest):
             wait_for("sound", lambda: len(self.recordings()) == 4 and not self.open_recordings())
             self.assertTrue([r.data for r in self.recordings()] == [first, other, first, third])
             self.assertLess(self.stop()[1], 10, "the end waits for the disk")
-
-
-if __name__ == "__main__":
-    unittest.main()

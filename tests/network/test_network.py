@@ -279,7 +279,3 @@ class Network(unittest.TestCase):
                 result = Result(start("tracks", f"{p}/{name}"))
                 self.assertEqual(result.body.decode().splitlines(), tracks, result.log)
                 self.assertEqual(result.failure == "none", bool(tracks), result.log)
-
-
-if __name__ == "__main__":
-    unittest.main()
