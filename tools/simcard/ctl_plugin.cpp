@@ -1,5 +1,5 @@
 // The simulated card's control device: the volume and the switch of one simple mixer element, kept
-// in the card's shared state.
+// in the card's shared state. One object and its callbacks, so one file, long as it is.
 //
 // Poll descriptors: a watch of the card's control events, which stays readable while an event waits
 // to be read, and the writing end of a pipe, whose reading end is closed when a read finds the card

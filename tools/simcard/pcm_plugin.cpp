@@ -1,5 +1,5 @@
 // The simulated card's PCM: a playback device of alsa-lib's I/O plug-in kind whose hardware pointer
-// follows the clock.
+// follows the clock. One object under one lock, so one file, long as it is.
 //
 // The poll descriptor is an epoll descriptor over a timer (room for avail_min frames, end of a
 // drain) and a watch of the card's stream events. Once readable it stays so until
