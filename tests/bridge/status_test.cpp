@@ -57,13 +57,6 @@ TEST_F(Status, PositionsAndSeeksPassWhileATrackPlays) {
     }
 }
 
-TEST_F(Status, MissingMetadataIsAskedForTwice) {
-    startBridge();
-    report(1);
-    EXPECT_EQ(fake_modules::state()->questions, 2U);
-    EXPECT_EQ(fake_platform::state()->count("ui_"), 0U);
-}
-
 // Each change of state waits a second for its title; of a storm of them only the last one does.
 TEST_F(Status, AStormOfChangesHoldsNobodyUp) {
     fake_modules::state()->tracks = {kSong, kSong, kSong};
