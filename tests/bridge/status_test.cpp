@@ -155,6 +155,9 @@ TEST_F(Status, TheLoopNeverWaitsForTheCommandThread) {
     }
     EXPECT_TRUE(loop_went_on);
     EXPECT_EQ(fake_modules::state()->questions, 3U);
+    EXPECT_THAT(fake_platform::state()->calls,
+                testing::Contains(testing::HasSubstr("totalTime=2147483647")))
+        << "the most there is";
     done = true;
     platform.join();
 }
