@@ -18,6 +18,7 @@ struct nuv_connect {
 
 namespace {
 
+using local_core::Control;
 using local_core::kCloudClient;
 using local_core::LogLevel;
 using local_core::Player;
@@ -76,6 +77,17 @@ nuv_error query(nuv_connect* core, Value* out, Read read) {
         return NUV_ERROR_INVALID_ARGUMENT;
     }
     *out = read(core->core.control());
+    return NUV_ERROR_OK;
+}
+
+// Sets one value of the control, if it is one that may be set.
+template <typename Value>
+nuv_error set(nuv_connect* core, void (Control::*setter)(Value), Value value,
+              bool is_valid = true) {
+    if (core == nullptr || !is_valid) {
+        return NUV_ERROR_INVALID_ARGUMENT;
+    }
+    (core->core.control().*setter)(value);
     return NUV_ERROR_OK;
 }
 
@@ -191,43 +203,21 @@ nuv_error nuv_connect_seek_time(nuv_connect* core, uint64_t position_ms) {
 }
 
 nuv_error nuv_connect_set_volume(nuv_connect* core, uint32_t volume) {
-    if (core == nullptr || volume > kMaxVolume) {
-        return NUV_ERROR_INVALID_ARGUMENT;
-    }
-    core->core.control().set_volume(volume);
-    return NUV_ERROR_OK;
+    return set(core, &Control::set_volume, volume, volume <= kMaxVolume);
 }
-
 nuv_error nuv_connect_set_mute_state(nuv_connect* core, bool muted) {
-    if (core == nullptr) {
-        return NUV_ERROR_INVALID_ARGUMENT;
-    }
-    core->core.control().set_muted(muted);
-    return NUV_ERROR_OK;
+    return set(core, &Control::set_muted, muted);
 }
-
 nuv_error nuv_connect_set_shuffle_mode(nuv_connect* core, bool shuffle) {
-    if (core == nullptr) {
-        return NUV_ERROR_INVALID_ARGUMENT;
-    }
-    core->core.control().set_shuffle(shuffle);
-    return NUV_ERROR_OK;
+    return set(core, &Control::set_shuffle, shuffle);
 }
-
 nuv_error nuv_connect_set_loop_mode(nuv_connect* core, nuv_loop_mode loop_mode) {
-    if (core == nullptr || static_cast<unsigned>(loop_mode) > NUV_LOOP_MODE_ALL) {
-        return NUV_ERROR_INVALID_ARGUMENT;
-    }
-    core->core.control().set_loop_mode(loop_mode);
-    return NUV_ERROR_OK;
+    return set(core, &Control::set_loop_mode, loop_mode,
+               static_cast<unsigned>(loop_mode) <= NUV_LOOP_MODE_ALL);
 }
-
 nuv_error nuv_connect_set_device_name(nuv_connect* core, const char* device_name) {
-    if (core == nullptr || device_name == nullptr || *device_name == '\0') {
-        return NUV_ERROR_INVALID_ARGUMENT;
-    }
-    core->core.control().set_device_name(device_name);
-    return NUV_ERROR_OK;
+    return set(core, &Control::set_device_name, device_name,
+               device_name != nullptr && *device_name != '\0');
 }
 
 // ---- Queries ----------------------------------------------------------------------------------

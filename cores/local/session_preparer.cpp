@@ -1,16 +1,13 @@
 #include "local/session_preparer.h"
 
-#include <pthread.h>
-
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <system_error>
-#include <thread>
 #include <utility>
 
-#include "common/signals_blocked.h"
+#include "common/detached_thread.h"
 #include "local/network/interruption.h"
 #include "local/texts/display_text.h"
 #include "local/track_decoder.h"
@@ -120,10 +117,7 @@ bool SessionPreparer::begin(SessionRequest request) {
         shared->thread_ended.notify_all();
     };
     try {
-        const nuvio::SignalsBlocked no_signals;
-        std::thread thread(prepare);
-        pthread_setname_np(thread.native_handle(), "nuv-session");
-        thread.detach();
+        nuvio::start_detached("nuv-session", prepare);
     } catch (const std::system_error&) {
         const std::lock_guard lock(m_shared->mutex);
         --m_shared->threads;

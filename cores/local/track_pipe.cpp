@@ -1,12 +1,9 @@
 #include "local/track_pipe.h"
 
-#include <pthread.h>
-
 #include <system_error>
-#include <thread>
 #include <utility>
 
-#include "common/signals_blocked.h"
+#include "common/detached_thread.h"
 #include "local/track_work.h"
 
 namespace local_core {
@@ -95,14 +92,11 @@ std::unique_ptr<TrackPipe> DecodeCrew::open(Track track) {
         return pipe;
     }
     try {
-        const nuvio::SignalsBlocked no_signals;
-        std::thread thread([crew = m_shared, work]() mutable {
+        nuvio::start_detached("nuv-decoder", [crew = m_shared, work]() mutable {
             work->run();
             work.reset();
             crew->remove_thread();
         });
-        pthread_setname_np(thread.native_handle(), "nuv-decoder");
-        thread.detach();
     } catch (const std::system_error& error) {
         m_shared->remove_thread();
         work->fail(error.what());

@@ -58,16 +58,16 @@ Host& Host::instance() {
 Host::Host()
     : m_settings(Settings::load()),
       m_messages(m_pool),
-      m_source_switch(m_pool, m_messages, m_player),
+      m_source_switch(m_pool, m_messages, m_now_playing),
       m_network(m_pool, m_settings.is_on(kHostAllowLoopback)),
       m_state(state_directory(m_settings)),
-      m_controls(m_settings, m_messages, m_player, m_source_switch, m_network),
+      m_controls(m_settings, m_messages, m_now_playing, m_source_switch, m_network),
       m_dispatcher(m_controls, m_network, m_state, m_settings),
-      m_hooks(m_settings, m_player) {
+      m_hooks(m_settings, m_now_playing) {
     tell_core();
     use_alsa_configuration();
     preset_messages();
-    m_player.set_observer([this](uint32_t changes) {
+    m_now_playing.set_observer([this](uint32_t changes) {
         m_dispatcher.player_changed(changes);
         m_hooks.changed(changes);
     });
@@ -112,7 +112,7 @@ void Host::preset_messages() {
     for (auto& [id, text] : m_state.load()) {
         m_messages.preset(id, text);
     }
-    m_player.set_volume(m_messages.read_number(android::KORA_VOLUME, 0));
+    m_now_playing.set_volume(m_messages.read_number(android::KORA_VOLUME, 0));
 }
 
 void Host::on_message(int id, const std::string& text) {
@@ -120,10 +120,10 @@ void Host::on_message(int id, const std::string& text) {
         case android::KORA_PLAYBACK_POSITION:
             // Once a second while music plays: whoever shows it asks for it, as MPRIS has it. Only
             // a jump is signalled, by the player.
-            m_player.set_position(to_number<int64_t>(text).value_or(0));
+            m_now_playing.set_position(to_number<int64_t>(text).value_or(0));
             return;
         case android::KORA_VOLUME:
-            m_player.set_volume(to_percent(text).value_or(0));
+            m_now_playing.set_volume(to_percent(text).value_or(0));
             break;
         default:
             break;

@@ -15,7 +15,7 @@
 #include "device/message_store.h"
 #include "device/network_monitor.h"
 #include "device/notification_pool.h"
-#include "device/player.h"
+#include "device/now_playing.h"
 #include "device/source_switch.h"
 #include "watch/hooks.h"
 
@@ -42,7 +42,7 @@ class Host {
     MessageStore& messages() { return m_messages; }
     NetworkMonitor& network() { return m_network; }
     SourceSwitch& source_switch() { return m_source_switch; }
-    Player& player() { return m_player; }
+    NowPlaying& now_playing() { return m_now_playing; }
 
   private:
     Host();
@@ -59,7 +59,7 @@ class Host {
     Settings m_settings;  // const once started
     NotificationPool m_pool;
     MessageStore m_messages;
-    Player m_player;
+    NowPlaying m_now_playing;
     SourceSwitch m_source_switch;
     NetworkMonitor m_network;
     StateStore m_state;

@@ -182,6 +182,7 @@ class Device {
     void hand_over();
     void end_of_track();
     void close();
+    void tell_initiated(uint64_t id);
     void tell(const std::function<nuv_error(nuv_connect*)>& notification, const char* what);
 
     Breaches& m_breaches;

@@ -1,4 +1,5 @@
-// The device's side of the delegates: services, streams, playback, and a card of half a second.
+// The device's side of the delegates: services, streams, playback, and a card of half a second. One
+// machine of states, so one file, long as it is.
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -222,18 +223,12 @@ void Device::on_initiate(State initial) {
         m_breaches.add("streams", "playback is initiated before a stream was started");
         return;
     }
-    m_playing = active();
+    const uint64_t id = m_playing = active();
     m_phase = initial == NUV_PLAYBACK_STATE_PAUSED ? Phase::paused : Phase::playing;
-    const nuv_audio_format format = m_tracks[m_playing].info.format;
     if (m_phase == Phase::playing) {
-        open(m_playing);
+        open(id);
     }
-    tell(
-        [format](nuv_connect* core) { return nuv_connect_notify_playback_initiated(core, format); },
-        "initiated");
-    if (m_tracks[m_playing].finished) {
-        arm_end();
-    }
+    tell_initiated(id);
 }
 
 void Device::on_pause() {
@@ -377,11 +372,16 @@ void Device::end_of_track() {
     if (std::exchange(m_playing, following) != following) {
         open(following);
     }
-    const nuv_audio_format format = m_tracks[following].info.format;
+    tell_initiated(following);
+}
+
+// The track has begun; one that was delivered whole by then comes to its end by itself.
+void Device::tell_initiated(uint64_t id) {
+    const nuv_audio_format format = m_tracks[id].info.format;
     tell(
         [format](nuv_connect* core) { return nuv_connect_notify_playback_initiated(core, format); },
         "initiated");
-    if (m_tracks[following].finished) {
+    if (m_tracks[id].finished) {
         arm_end();
     }
 }

@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/released_by.h"
 #include "media/sink/alsa/alsa_utilities.h"
 #include "platform/Environment.h"
 #include "utility/environment_item.h"
@@ -17,10 +18,7 @@ namespace {
 
 using namespace android;
 
-struct FreeText {
-    void operator()(char* text) const { std::free(text); }
-};
-using Text = std::unique_ptr<char, FreeText>;
+using Text = std::unique_ptr<char, nuvio::ReleasedBy<std::free>>;
 
 Text hint(const void* of, const char* id) {
     return Text(snd_device_name_get_hint(of, id));

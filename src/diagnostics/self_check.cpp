@@ -68,13 +68,6 @@ Finding checkSettings() {
 
 // ---- Bus and Avahi --------------------------------------------------------------------------
 
-struct FreePoll {
-    void operator()(AvahiSimplePoll* poll) const { avahi_simple_poll_free(poll); }
-};
-struct FreeClient {
-    void operator()(AvahiClient* client) const { avahi_client_free(client); }
-};
-
 // Of "unix:path=/run/dbus/system_bus_socket,guid=..." the path; empty for a bus of another kind.
 std::string systemBusSocket() {
     constexpr std::string_view kPath = "unix:path=";
@@ -111,10 +104,11 @@ Finding checkBus() {
 }
 
 Finding checkAvahi() {
-    const std::unique_ptr<AvahiSimplePoll, FreePoll> poll(avahi_simple_poll_new());
+    const std::unique_ptr<AvahiSimplePoll, nuvio::ReleasedBy<avahi_simple_poll_free>> poll(
+        avahi_simple_poll_new());
     int error = AVAHI_ERR_NO_MEMORY;
     const auto ignore = [](AvahiClient*, AvahiClientState, void*) {};
-    const std::unique_ptr<AvahiClient, FreeClient> client(
+    const std::unique_ptr<AvahiClient, nuvio::ReleasedBy<avahi_client_free>> client(
         poll == nullptr ? nullptr
                         : avahi_client_new(avahi_simple_poll_get(poll.get()), AvahiClientFlags{},
                                            ignore, nullptr, &error));

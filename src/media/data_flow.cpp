@@ -1,5 +1,6 @@
 // The listener of the sources and of the sink's room: what arrives is written, what the sink cannot
 // take waits for its signal; sources come, move up and go.
+#include <cinttypes>
 #include <cstdio>
 
 #include "media/audio_renderer_private.h"
@@ -18,8 +19,8 @@ size_t audio_renderer_on_audio_source_data_produced(audio_source* source, const 
                                                     size_t size, void* renderer) {
     audio_renderer* self = renderer_of(renderer);
     if (source != self->playing_source) {
-        app_log(LOG_LEVEL_ERROR, "Ignoring audio data of stream %llu, which is not playing",
-                static_cast<unsigned long long>(audio_source_get_id(source)));
+        app_log(LOG_LEVEL_ERROR, "Ignoring audio data of stream %" PRIu64 ", which is not playing",
+                audio_source_get_id(source));
         return 0;
     }
     if (refuses_data(self)) {
@@ -83,8 +84,9 @@ void audio_renderer_on_audio_source_dispose(audio_source* source, void* renderer
     audio_renderer* self = renderer_of(renderer);
     switch (classify(self, source)) {
         case disposed::track_that_plays:
-            app_log(LOG_LEVEL_ERROR, "Audio stream %llu was disposed of while it was playing",
-                    static_cast<unsigned long long>(audio_source_get_id(source)));
+            app_log(LOG_LEVEL_ERROR,
+                    "Audio stream %" PRIu64 " was disposed of while it was playing",
+                    audio_source_get_id(source));
             audio_renderer_stop_and_report_playback_error(self);
             break;
         case disposed::next_that_flows:

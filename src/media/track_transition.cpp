@@ -5,6 +5,7 @@
 // The SDK disposes of the ended source some time later, and only then does the next one become the
 // active source. Its own end may come before that: it is kept back until the disposal.
 #include <algorithm>
+#include <cinttypes>
 
 #include "media/audio_renderer_private.h"
 #include "utility/check.h"
@@ -15,10 +16,6 @@ namespace {
 constexpr uint64_t kNearlyFinishedLeadMs = 500;
 constexpr uint64_t kShortRestMs = 20;  // left to the drain
 constexpr uint64_t kToleratedLatenessMs = 40;
-
-unsigned long long printable(uint64_t value) {
-    return value;
-}
 
 audio_source* next_source_of(const audio_renderer* self) {
     return audio_source_manager_get_next_source(self->source_manager.get());
@@ -50,7 +47,7 @@ void bring_loop_time_up_to_date(const audio_renderer* self) {
 void schedule_playback_nearly_finished_timer(audio_renderer* self) {
     const uint64_t buffered = audio_renderer_get_buffered_duration(self);
     const uint64_t lead = buffered > kNearlyFinishedLeadMs ? buffered - kNearlyFinishedLeadMs : 0;
-    app_log(LOG_LEVEL_DEBUG, "Scheduling playback nearly finished timer: %llums", printable(lead));
+    app_log(LOG_LEVEL_DEBUG, "Scheduling playback nearly finished timer: %" PRIu64 "ms", lead);
     uv_pausable_timer_start(self->playback_nearly_finished_timer.get(),
                             audio_renderer_on_playback_nearly_finished_timer_timeout, lead, 0);
 }
@@ -180,8 +177,9 @@ void audio_renderer_on_audio_source_state_changed(audio_source* source,
         return;
     }
     if (!is_playing_or_paused(self)) {
-        app_log(LOG_LEVEL_WARNING, "Audio stream %llu finished while %s, its end is not awaited",
-                printable(audio_source_get_id(source)), audio_renderer_state_name(self->state));
+        app_log(LOG_LEVEL_WARNING,
+                "Audio stream %" PRIu64 " finished while %s, its end is not awaited",
+                audio_source_get_id(source), audio_renderer_state_name(self->state));
         return;
     }
     bring_loop_time_up_to_date(self);
@@ -195,7 +193,7 @@ void audio_renderer_on_audio_source_state_changed(audio_source* source,
 void audio_renderer_schedule_playback_finished_timer(audio_renderer* self) {
     const uint64_t buffered = audio_renderer_get_buffered_duration(self);
     self->is_late = false;
-    app_log(LOG_LEVEL_DEBUG, "Scheduling playback finished timer for: %llums", printable(buffered));
+    app_log(LOG_LEVEL_DEBUG, "Scheduling playback finished timer for: %" PRIu64 "ms", buffered);
     uv_pausable_timer_start(self->playback_finished_timer.get(),
                             audio_renderer_on_playback_finished_timer_timeout, buffered, 0);
 }
@@ -263,8 +261,8 @@ void audio_renderer_on_playback_finished_timer_timeout(uv_timer_t* timer) {
     }
     if (!is_finished(active)) {
         app_log(LOG_LEVEL_ERROR,
-                "Playback is finished while audio stream %llu streams, ignoring it",
-                printable(audio_source_get_id(active)));
+                "Playback is finished while audio stream %" PRIu64 " streams, ignoring it",
+                audio_source_get_id(active));
         return;
     }
     if (is_still_heard(self)) {

@@ -25,7 +25,6 @@ import device as e2e  # noqa: E402
 SKIPPED = 77
 INSIDE = "--inside-namespaces"
 RUN = pathlib.Path("/run")  # a tmpfs of our own
-OWN_DAEMON = pathlib.Path(__file__).resolve().parents[2] / "tools/run/own_daemon.sh"
 SERVICE_TYPE = "_nuvio-connect._tcp"
 UUID = "0a1b2c3d-0000-4000-8000-000000000001"
 ENTRIES = ["path=/", f"device_uuid={UUID}", "sdk_version=1.2.3", "type=SPEAKER"]
@@ -73,7 +72,7 @@ class Host:
     def start_bus(self):
         socket = self.directory / "system-bus"
         socket.unlink(missing_ok=True)
-        self.bus = self.spawn(self.directory / "bus.log", OWN_DAEMON, "system-bus", self.directory)
+        self.bus = self.spawn(self.directory / "bus.log", e2e.OWN_DAEMON, "system-bus", self.directory)
         wait_for("a bus", socket.exists)
 
     def start_avahi(self):

@@ -13,7 +13,7 @@ namespace {
 
 std::mutex g_mutex;
 State g_state;
-Track g_playing;  // loop's thread: the answer given last
+Song g_playing;  // loop's thread: the answer given last
 
 void note(const std::string& line) {
     state()->journal.push_back(line);

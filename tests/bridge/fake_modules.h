@@ -11,7 +11,7 @@
 
 namespace fake_modules {
 
-struct Track {
+struct Song {
     std::string title;
     nuv_audio_format format;
     uint64_t duration_ms;
@@ -21,7 +21,7 @@ struct State {
     bool no_renderer = false;
     std::function<void()> on_tick;  // every millisecond on the loop's thread; set before the start
     // The playing source: the next one at each question, the last one from then on.
-    std::deque<Track> tracks;
+    std::deque<Song> tracks;
     size_t questions = 0;  // asked for the playing source's metadata so far
     // "renderer new default default Master", "http new 8000", "advertiser set_core", ...
     std::vector<std::string> journal;

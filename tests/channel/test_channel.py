@@ -1,34 +1,24 @@
 """A session controlled from elsewhere: commands, answers, what the device tells, and how it takes a
 server that dies, storms or lies."""
 import contextlib
-import functools
-import http.server
 import json
 import pathlib
 import random
-import re
 import socket
 import ssl
 import struct
 import subprocess
 import sys
-import threading
 import time
-import unittest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
-from device import EMULATOR, DeviceTest, signal_samples, wait_for, write_wav  # noqa: E402
+from device import (CD, EMULATOR, DeviceTest, WebServer, memory_of, signal_samples,  # noqa: E402
+                    wait_for, write_wav)
 from raw_websocket import RawServer  # noqa: E402
 from raw_websocket import command as raw_command  # noqa: E402
 from server import Server  # noqa: E402
 
-CD = 44100
 SECONDS = 20
-
-
-class Quiet(http.server.SimpleHTTPRequestHandler):
-    def log_message(self, *words):
-        pass
 
 
 class Channel(DeviceTest):
@@ -53,10 +43,6 @@ class Channel(DeviceTest):
     def tracks(self, names):
         return [{"url": f"file://{self.music}/{name}.wav", "title": name.upper()}
                 for name in names]
-
-    def memory_kb(self):
-        status = pathlib.Path(f"/proc/{self.daemon.pid}/status").read_text()
-        return int(re.search(r"VmRSS:\s+(\d+)", status)[1])
 
     # ---- What is told and asked -------------------------------------------------------------
 
@@ -146,13 +132,9 @@ class Channel(DeviceTest):
         self.assertEqual([m["item"] for m in server.said if m["type"] == "error"], [8, 9])
 
     def test_what_a_session_may_name_is_what_its_own_content_may_be(self):
-        handler = functools.partial(Quiet, directory=self.music)
-        web = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
-        web.handle_error = lambda *words: None  # the device breaks off what it has no use for
-        threading.Thread(target=web.serve_forever, daemon=True).start()
-        self.addCleanup(web.server_close)
-        self.addCleanup(web.shutdown)
-        root = f"http://127.0.0.1:{web.server_port}"
+        web = WebServer(str(self.folder))
+        self.addCleanup(web.kill)
+        root = f"{web.url}/music"
         server = self.server()
         self.hand_over(server)
         remote = [{"url": f"{root}/b.wav", "title": "B", "artist": "me", "duration_ms": 7}]
@@ -345,7 +327,7 @@ class Channel(DeviceTest):
     def test_storms_neither_stop_the_music_nor_grow_the_device(self):
         server = self.server(max_size=None)
         self.hand_over(server, "")
-        before = self.memory_kb()
+        before = memory_of(self.daemon)
         rng = random.Random(5)
 
         def storm():
@@ -369,9 +351,5 @@ class Channel(DeviceTest):
                 wait_for("the end", lambda: self.log_count("the server does not read"), 60)
         # Sanitizers keep what was freed, and an emulator's memory is its own.
         limit_mb = 512 if self.is_sanitized() or EMULATOR else 12
-        self.assertLess(self.memory_kb() - before, limit_mb * 1024)
+        self.assertLess(memory_of(self.daemon) - before, limit_mb * 1024)
         self.assertEqual(sum(r.underruns for r in self.recordings()), 0)
-
-
-if __name__ == "__main__":
-    unittest.main()

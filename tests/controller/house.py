@@ -2,7 +2,6 @@
 all of them real, on the loopback interface of this machine."""
 import http.client
 import json
-import os
 import pathlib
 import signal
 import subprocess
@@ -12,9 +11,8 @@ import unittest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
 import device as e2e  # noqa: E402
 import music  # noqa: E402
-from device import PATIENCE, WebServer, wait_for  # noqa: E402, F401
+from device import PATIENCE, WebServer, memory_of, wait_for  # noqa: E402, F401
 
-OWN_DAEMON = pathlib.Path(__file__).resolve().parents[2] / "tools/run/own_daemon.sh"
 SECONDS = 20  # of each track
 SESAME = {"Authorization": "Basic eDpzZXNhbWU="}  # the password that some of the tests set
 ALBUMS = [("Night Boats", "Ada Fern", (30, 90, 140)), ("Köln, früh", "Trio Laub", (150, 80, 30)),
@@ -38,31 +36,20 @@ class HouseTest(unittest.TestCase):
     options = []
 
     def setUp(self):
-        if os.geteuid() != 0 or subprocess.run(["unshare", "--mount", "true"],
-                                               capture_output=True).returncode != 0:
-            self.skipTest("no mount namespaces here")
         self.devices = [self.make_room(name) for name in self.rooms]
         self.folder = self.devices[0].folder
         self.environment = self.devices[0].environment
-        self.start_daemon("system-bus")
-        wait_for("system bus", (self.folder / "system-bus").exists)
+        self.devices[0].start_discovery()
         for each in self.devices:
-            each.environment["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.folder}/system-bus"
-        self.start_daemon("avahi")
+            each.environment["DBUS_SYSTEM_BUS_ADDRESS"] = self.environment["DBUS_SYSTEM_BUS_ADDRESS"]
         self.music = self.folder / "library"
         self.make_music()
         self.port = e2e.own_device.free_port()
         self.log_path = self.folder / "controller.log"
         self.controller = None
-        self.addCleanup(self.show_logs_of_a_failure)
+        self.addCleanup(e2e.show_failure_of, self, self.log_path,
+                        *(each.log_path for each in self.devices))
         self.addCleanup(self.stop_controller)
-
-    def show_logs_of_a_failure(self):
-        result = self._outcome.result
-        if any(test is self for test, _ in [*result.failures, *result.errors]):
-            for path in [self.log_path, *(each.log_path for each in self.devices)]:
-                if path.exists():
-                    print(path, *path.read_text(errors="replace").splitlines()[-40:], sep="\n")
 
     def make_room(self, name):
         room = Room()
@@ -70,11 +57,6 @@ class HouseTest(unittest.TestCase):
         self.addCleanup(room.doCleanups)
         room.setUp()
         return room
-
-    def start_daemon(self, what):
-        process = subprocess.Popen([OWN_DAEMON, what, self.folder], env=self.environment,
-                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(Room.end, process)
 
     def make_music(self):
         """Three albums of two tracks; played: what a card plays of each, by album and track."""
@@ -104,7 +86,7 @@ class HouseTest(unittest.TestCase):
             status = self.controller.wait(PATIENCE)
             self.controller = None
             log = self.log_path.read_text(errors="replace")
-            self.assertNotRegex(log, "(Thread|Address|Leak)Sanitizer|runtime error:")
+            self.assertNotRegex(log, e2e.SANITIZER)
             self.assertIn(status, (0, -signal.SIGKILL), log)
 
     def ask(self, path, body=None, headers=None, method=None):

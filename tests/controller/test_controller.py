@@ -2,16 +2,14 @@
 import http.server
 import json
 import os
-import pathlib
 import signal
 import socket
 import struct
 import subprocess
 import threading
 import time
-import unittest
 
-from house import PATIENCE, SECONDS, SESAME, HouseTest, wait_for
+from house import PATIENCE, SECONDS, SESAME, HouseTest, memory_of, wait_for
 
 
 class CommandLine(HouseTest):
@@ -123,10 +121,6 @@ class Peers(HouseTest):
         connection.sendall(data)
         return connection
 
-    def memory(self):
-        status = pathlib.Path(f"/proc/{self.controller.pid}/status").read_text()
-        return int(status.split("VmRSS:")[1].split()[0]) / 1024  # MB
-
     def test_content_is_for_a_sessions_token_and_the_page_for_who_knows_the_password(self):
         self.start_all()
         self.environment["NUVIO_CONTROLLER_PASSWORD"] = "sesame"
@@ -163,7 +157,7 @@ class Peers(HouseTest):
         self.command("play", "Kitchen", "night boats")
         upgrade = ("Upgrade: websocket\r\nConnection: Upgrade\r\nSec-WebSocket-Version: 13\r\n"
                    "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n")
-        before = self.memory()
+        before = memory_of(self.controller)
         frames = [b"\x81\xff" + struct.pack(">Q", 1 << 30) + b"abcd", b"\x81\xff" + b"\xff" * 12,
                   b"\x81\xfe\xff\xffabcd", b"\x00\x80abcd" * 1000]
         request = f"HTTP/1.1\r\nHost: 127.0.0.1\r\n{upgrade}"
@@ -198,9 +192,5 @@ class Peers(HouseTest):
                                      f"Content-Length: {len(body)}\r\n\r\n{body}".encode())
             self.assertRegex(connection.recv(65536), rb"^HTTP/1.1 4\d\d ")
         if "NUVIO_SANITIZE" not in os.environ:
-            self.assertLess(self.memory(), before + 15)
+            self.assertLess(memory_of(self.controller), before + 15 * 1024)
         self.assertEqual(self.shown("Kitchen")["name"], "Kitchen")
-
-
-if __name__ == "__main__":
-    unittest.main()

@@ -4,7 +4,6 @@ import os
 import pathlib
 import signal
 import subprocess
-import unittest
 
 import axe
 from house import ALBUMS, SESAME, HouseTest, WebServer, wait_for
@@ -291,7 +290,3 @@ class BehindAProxy(HouseTest):
         self.stop_controller()
         self.start_controller()
         phone.shows("asks for its password: load this page again")
-
-
-if __name__ == "__main__":
-    unittest.main()

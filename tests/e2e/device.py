@@ -19,8 +19,8 @@ import time
 import unittest
 import wave
 
-sys.path[:0] = [str(pathlib.Path(__file__).parents[2] / "tools/run"),
-                str(pathlib.Path(__file__).parents[1])]
+TREE = pathlib.Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(TREE / "tools/run"), str(TREE / "tests")]
 import own_device  # noqa: E402
 from bad_line import BadLine  # noqa: E402, F401
 from icecast import Radio  # noqa: E402, F401
@@ -30,7 +30,10 @@ from web_server import WebServer  # noqa: E402, F401
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
 EMULATOR = shlex.split(os.environ.get("NUVIO_EMULATOR", ""))
-FRAME_BYTES = {"S16_LE": 2, "S24_LE": 4, "S32_LE": 4}
+PANEL = TREE / "tools/panel/panel"
+OWN_DAEMON = TREE / "tools/run/own_daemon.sh"
+CD = 44100  # frames a second
+SANITIZER = "(Thread|Address|Leak)Sanitizer|runtime error:"
 
 
 def program(name):
@@ -61,6 +64,20 @@ def write_wav(path, samples, rate, sample_bytes=2):
             played = samples.tobytes()
             out.writeframes(b"".join((s & 0xFFFFFF).to_bytes(3, "little") for s in samples))
     return played
+
+
+def show_failure_of(test, *logs):
+    """The last lines of these files, where the test has failed."""
+    result = test._outcome.result
+    if any(each is test for each, _ in [*result.failures, *result.errors]):
+        for log in filter(pathlib.Path.exists, logs):
+            print(log, *log.read_text(errors="replace").splitlines()[-60:], sep="\n")
+
+
+def memory_of(process, field="VmRSS"):
+    """KiB of a running process."""
+    status = pathlib.Path(f"/proc/{process.pid}/status").read_text()
+    return int(re.search(rf"(?m)^{field}:\s+(\d+) kB$", status)[1])
 
 
 class Recording:
@@ -104,6 +121,24 @@ class DeviceTest(unittest.TestCase):
 
     end = staticmethod(own_device.end)
 
+    def start_own(self, what):
+        """A daemon of the machine's a second time: "system-bus" or, on that, "avahi"."""
+        process = subprocess.Popen([OWN_DAEMON, what, self.folder], env=self.environment,
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(self.end, process)
+        if what == "system-bus":
+            wait_for("system bus", (self.folder / what).exists)
+            self.environment["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.folder}/{what}"
+        return process
+
+    def start_discovery(self):
+        """A system bus and, which is returned, an Avahi daemon; skips the test where none can be."""
+        if os.geteuid() != 0 or subprocess.run(["unshare", "--mount", "true"],
+                                               capture_output=True).returncode != 0:
+            self.skipTest("no mount namespaces here")
+        self.start_own("system-bus")
+        return self.start_own("avahi")
+
     def write_settings(self, **more):
         own_device.write_settings(self.folder, self.port,
                                   **{"host.friendly_name": "Kitchen", **more})
@@ -131,7 +166,7 @@ class DeviceTest(unittest.TestCase):
             if self.daemon is not None and self.daemon.poll() is None:
                 self.assertEqual(self.stop()[0], 0, "the daemon did not end well")
             if self.log_path.exists():
-                self.assertNotRegex(self.log(), "(Thread|Address|Leak)Sanitizer|runtime error:")
+                self.assertNotRegex(self.log(), SANITIZER)
         finally:
             if self.daemon is not None and self.daemon.poll() is None:
                 self.daemon.kill()
@@ -139,12 +174,13 @@ class DeviceTest(unittest.TestCase):
             self.show_log_of_a_failure()
 
     def show_log_of_a_failure(self):
-        result = self._outcome.result
-        failed = any(test is self for test, _ in [*result.failures, *result.errors])
-        if failed and self.log_path.exists():
-            print("\n".join(self.log().splitlines()[-60:]))
+        show_failure_of(self, self.log_path)
 
     # ---- What people do ---------------------------------------------------------------------
+
+    def track(self, name, seconds, start=0):
+        """A piece of the signal among the music; the bytes that the card plays for it."""
+        return write_wav(self.music / name, signal_samples(int(seconds * CD), start), CD)
 
     def run_tool(self, *command, check=True):
         result = subprocess.run([str(word) for word in command], env=self.environment, text=True,
@@ -199,6 +235,10 @@ class DeviceTest(unittest.TestCase):
 
     def recordings(self):
         return [Recording(path) for path in sorted((self.folder / "card/recordings").glob("*.txt"))]
+
+    def played(self):
+        """All that the card has played, end to end."""
+        return b"".join(recording.data for recording in self.recordings())
 
     def wait_for_end(self, seconds=PATIENCE):
         """Until all has been heard: the card is drained and closed after the log says so."""

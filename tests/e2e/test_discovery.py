@@ -1,13 +1,8 @@
 """The playing device on the network, while the Avahi daemon under it goes and comes back."""
-import os
-import pathlib
 import signal
-import subprocess
-import unittest
 
 from device import DeviceTest, program, signal_samples, wait_for, write_wav
 
-OWN_DAEMON = pathlib.Path(__file__).parents[2] / "tools/run/own_daemon.sh"
 CONTROLLER = program("nuvio-connect-controller")
 NAME = "Bath & Böden."
 
@@ -17,19 +12,7 @@ class Discovery(DeviceTest):
 
     def setUp(self):
         super().setUp()
-        if os.geteuid() != 0 or subprocess.run(["unshare", "--mount", "true"],
-                                               capture_output=True).returncode != 0:
-            self.skipTest("no mount namespaces here")
-        system_bus = subprocess.Popen([OWN_DAEMON, "system-bus", self.folder])
-        self.addCleanup(self.end, system_bus)
-        wait_for("system bus", (self.folder / "system-bus").exists)
-        self.environment["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.folder}/system-bus"
-        self.start_avahi()
-
-    def start_avahi(self):
-        self.avahi = subprocess.Popen([OWN_DAEMON, "avahi", self.folder], env=self.environment,
-                                      stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(self.end, self.avahi)
+        self.avahi = self.start_discovery()
 
     def found(self):
         return NAME in (self.run_tool(*CONTROLLER, "find", check=False) or "")
@@ -46,7 +29,7 @@ class Discovery(DeviceTest):
         for end in signal.SIGKILL, signal.SIGTERM:
             self.avahi.send_signal(end)
             self.avahi.wait()
-            self.start_avahi()
+            self.avahi = self.start_own("avahi")
             wait_for("found again", self.found)
         self.assertEqual(self.player("status"), "Playing")
         self.assertEqual(self.recordings()[0].underruns, 0)

@@ -1,24 +1,19 @@
 """The device as the machine's owner sees it: front panel, other sources, network, what plays now."""
 import json
 import os
-import pathlib
 import re
 import shutil
 import socket
 import subprocess
-import unittest
 
-from device import EMULATOR, PATIENCE, DeviceTest, program, signal_samples, wait_for, write_wav
-
-CD = 44100
-PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
+from device import CD, EMULATOR, PANEL, PATIENCE, DeviceTest, program, wait_for
 
 
 class HostTest(DeviceTest):
     def setUp(self):
         super().setUp()
         for n in range(2):
-            write_wav(self.music / f"track {n}.wav", signal_samples(40 * CD, n * CD), CD)
+            self.track(f"track {n}.wav", 40, n * CD)
 
     def panel(self, *words):
         return self.run_tool(PANEL, *words)

@@ -18,7 +18,6 @@ import struct
 import sys
 import threading
 import time
-import unittest
 import wave
 
 from device import EMULATOR, DeviceTest, wait_for

@@ -15,12 +15,10 @@ import socket
 import subprocess
 import threading
 import time
-import unittest
 
-from device import EMULATOR, PATIENCE, DeviceTest, program, signal_samples, wait_for, write_wav
+from device import (CD, EMULATOR, PANEL, PATIENCE, DeviceTest, program, signal_samples, wait_for,
+                    write_wav)
 
-CD = 44100
-PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
 ROUNDS = 300 if "NUVIO_LONG" in os.environ else 22
 PTRACE_ATTACH, PTRACE_DETACH, WALL = 16, 17, 0x40000000
 MAX_SECONDS = 10  # to end, on a busy machine with sanitizers

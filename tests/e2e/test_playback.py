@@ -1,17 +1,12 @@
 """From a controller's POST to sound, and the controls on the way."""
 import os
-import unittest
 
-from device import WebServer, DeviceTest, signal_samples, wait_for, write_wav
+from device import CD, DeviceTest, WebServer, signal_samples, wait_for, write_wav
 
-CD = 44100  # frames a second
-FRAME = 4   # bytes of a 16-bit stereo frame
+FRAME = 4  # bytes of a 16-bit stereo frame
 
 
 class Player(DeviceTest):
-    def track(self, name, seconds, start=0):
-        return write_wav(self.music / name, signal_samples(int(seconds * CD), start), CD)
-
     def content(self):
         """What the session names: the folder of the tracks."""
         return self.music
@@ -68,7 +63,7 @@ class Files:
         self.start()
         self.connect(self.content())
         self.wait_for_end()
-        self.assertTrue(b"".join(r.data for r in self.recordings()) == expected)
+        self.assertTrue(self.played() == expected)
 
     def test_pauses_lose_nothing(self):
         source = self.track("1.wav", 4) + self.track("2.wav", 3, 4 * CD)
@@ -80,7 +75,7 @@ class Files:
         self.wait_for_log("Audio stream finished")
         self.pause_and_resume()
         self.wait_for_end()
-        self.assert_nothing_lost(b"".join(r.data for r in self.recordings()), source)
+        self.assert_nothing_lost(self.played(), source)
 
     def test_seek_goes_on_at_the_frame_asked_for(self):
         track = self.track("long.wav", 30)

@@ -51,7 +51,7 @@ enum class Outcome : char {
 struct Moment {
     const char* name;
     Point point;
-    std::vector<Track> tracks;
+    std::vector<Clip> tracks;
     // So slow a card that something is left to drain when the end-of-track timer fires.
     bool is_slow = false;
     enum Then { go_on, pause, seek } then = go_on;
@@ -276,7 +276,7 @@ void check(const Cell& cell, const Card& card, const ScriptedSdk& sdk) {
         return;
     }
     uint64_t frames = 0;
-    for (const Track& track : cell.moment->tracks) {
+    for (const Clip& track : cell.moment->tracks) {
         frames += track.frames();
     }
     EXPECT_EQ(sdk.frames_taken() + sdk.frames_skipped(), frames) << "the tracks are taken whole";

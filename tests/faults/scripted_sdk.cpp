@@ -19,7 +19,7 @@ size_t frame_size_of(const nuv_audio_format& format) {
 
 // 16 bit: one word of eight bits of stream and 24 of frame. 24 bit: the frame left, the stream
 // right.
-std::vector<uint8_t> make_pcm(const Track& track, uint64_t id) {
+std::vector<uint8_t> make_pcm(const Clip& track, uint64_t id) {
     std::vector<uint32_t> words;
     for (uint32_t frame = 0; !track.is_silent && frame < track.frames(); ++frame) {
         if (frame_size_of(track.format) == sizeof(uint32_t)) {
@@ -61,8 +61,8 @@ ScriptedSdk::~ScriptedSdk() {
     uv_timer_free(m_timer);
 }
 
-void ScriptedSdk::play(const std::vector<Track>& tracks, uint64_t position_ms) {
-    for (const Track& track : tracks) {
+void ScriptedSdk::play(const std::vector<Clip>& tracks, uint64_t position_ms) {
+    for (const Clip& track : tracks) {
         const uint64_t id = ++m_last_id;
         m_streams[id] = {track.format, make_pcm(track, id),
                          track.frames() * frame_size_of(track.format)};

@@ -17,7 +17,7 @@
 inline constexpr nuv_audio_format kCd{44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT};
 inline constexpr nuv_audio_format kHiRes{96000, 2, NUV_AUDIO_SAMPLE_FORMAT_24_BIT};
 
-struct Track {
+struct Clip {
     nuv_audio_format format;
     uint64_t ms;
     bool is_silent = false;  // and of any length: its frames are not numbered, nor held
@@ -48,7 +48,7 @@ class ScriptedSdk {
     // Before play.
     void at(std::function<void(Point)> observer) { m_observer = std::move(observer); }
     // The first one's start is told as a position in a longer track.
-    void play(const std::vector<Track>& tracks, uint64_t position_ms = 0);
+    void play(const std::vector<Clip>& tracks, uint64_t position_ms = 0);
     // Pauses now and resumes some time later.
     void pause_for(unsigned ms);
     // Announces a seek now and moves the first stream forward a few passes later.

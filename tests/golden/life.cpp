@@ -165,7 +165,7 @@ int live(Life& life, uint16_t port) {
     const nuv_advertising_delegate& advertising = config.advertising_delegate;
     const nuv_local_config_server_delegate& server = config.local_config_server_delegate;
     std::unique_ptr<ScriptedSdk> sdk;
-    const auto play = [&](const std::vector<Track>& tracks) {
+    const auto play = [&](const std::vector<Clip>& tracks) {
         sdk.reset();
         sdk = std::make_unique<ScriptedSdk>(uv_default_loop(),
                                             static_cast<audio_renderer*>(media.context));

@@ -58,7 +58,3 @@ class Kit(unittest.TestCase):
                 failed = set(re.findall(r"(?m)^FAIL +(\S+)", text))
                 self.assertLessEqual(BROKEN[run], failed, text)
                 self.assertEqual(program.returncode, 1)
-
-
-if __name__ == "__main__":
-    unittest.main()

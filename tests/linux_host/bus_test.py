@@ -1,7 +1,6 @@
 """The device on a message bus of the test's own, driven by ordinary clients: playerctl, busctl and
 the panel script. What becomes of their calls is read from the daemon's log.
 """
-import os
 import pathlib
 import re
 import shlex
@@ -9,13 +8,11 @@ import socket
 import subprocess
 import sys
 import time
-import unittest
 import wave
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "e2e"))
-from device import PATIENCE, DeviceTest, own_device, program, wait_for  # noqa: E402
+from device import PANEL, PATIENCE, DeviceTest, own_device, program, wait_for  # noqa: E402
 
-PANEL = pathlib.Path(__file__).parents[2] / "tools/panel/panel"
 HOST = "org.nuvioconnect.Host1 /org/nuvioconnect/Host1 org.nuvioconnect.Host1"
 MPRIS = "org.mpris.MediaPlayer2.nuvio_connect /org/mpris/MediaPlayer2 org.mpris.MediaPlayer2"
 PLAYER = f"{MPRIS}.Player"

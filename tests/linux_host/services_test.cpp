@@ -1,4 +1,4 @@
-// The services in process: notifications, messages, source switch, player model, threads.
+// The services in process: notifications, messages, source switch, what plays now, threads.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -13,7 +13,7 @@
 #include "device/message_store.h"
 #include "device/network_monitor.h"
 #include "device/notification_pool.h"
-#include "device/player.h"
+#include "device/now_playing.h"
 #include "device/source_switch.h"
 
 using namespace android;
@@ -88,11 +88,11 @@ class HostServices : public testing::Test {
     Record record;
     NotificationPool pool;
     MessageStore messages{pool};
-    Player player;
-    SourceSwitch source_switch{pool, messages, player};
+    NowPlaying now_playing;
+    SourceSwitch source_switch{pool, messages, now_playing};
     NetworkMonitor network{pool, true};
     Settings settings;
-    Controls controls{settings, messages, player, source_switch, network};
+    Controls controls{settings, messages, now_playing, source_switch, network};
     const SourceSwitch::Listener listener = new Listener(record);
 };
 
@@ -186,10 +186,10 @@ TEST_F(HostServices, WhatMakesNoSenseIsRefused) {
     EXPECT_THAT(record.lines(), ElementsAre("volume 45", "switch"));
 }
 
-class PlayerModel : public testing::Test {
+class WhatPlays : public testing::Test {
   protected:
-    PlayerModel() {
-        player.set_observer([this](uint32_t changes) { seen.push_back(changes); });
+    WhatPlays() {
+        now_playing.set_observer([this](uint32_t changes) { seen.push_back(changes); });
     }
     void show(const std::string& title, int repeat = 0) {
         AMessage info(0, 0);
@@ -197,37 +197,37 @@ class PlayerModel : public testing::Test {
         info.setString("coverArt", "defaultArt.jpg", 14);
         info.setInt32("totalTime", 10000);
         info.setInt32("repeat", repeat);
-        player.show(info);
+        now_playing.show(info);
     }
     std::vector<uint32_t> changes() { return std::exchange(seen, {}); }
 
-    Player player;
+    NowPlaying now_playing;
     std::vector<uint32_t> seen;
-    const Player::Clock::time_point t0 = Player::Clock::now();
+    const NowPlaying::Clock::time_point t0 = NowPlaying::Clock::now();
 };
 
-TEST_F(PlayerModel, ThePositionRunsOnBetweenReportsButNotAhead) {
-    player.set_status(PLAY_STATE_PLAYING, t0);
-    player.set_position(5000, t0);
-    EXPECT_EQ(player.view(t0 + milliseconds(400)).position_ms, 5400);
-    EXPECT_EQ(player.view(t0 + milliseconds(90000)).position_ms, 6500);
-    player.set_status(PLAY_STATE_PAUSED, t0 + milliseconds(600));
-    EXPECT_EQ(player.view(t0 + milliseconds(90000)).position_ms, 5600);
-    player.set_status(PLAY_STATE_STOPPED, t0);
-    EXPECT_EQ(player.view(t0).position_ms, 0);
+TEST_F(WhatPlays, ThePositionRunsOnBetweenReportsButNotAhead) {
+    now_playing.set_status(PLAY_STATE_PLAYING, t0);
+    now_playing.set_position(5000, t0);
+    EXPECT_EQ(now_playing.view(t0 + milliseconds(400)).position_ms, 5400);
+    EXPECT_EQ(now_playing.view(t0 + milliseconds(90000)).position_ms, 6500);
+    now_playing.set_status(PLAY_STATE_PAUSED, t0 + milliseconds(600));
+    EXPECT_EQ(now_playing.view(t0 + milliseconds(90000)).position_ms, 5600);
+    now_playing.set_status(PLAY_STATE_STOPPED, t0);
+    EXPECT_EQ(now_playing.view(t0).position_ms, 0);
 }
 
-TEST_F(PlayerModel, TheSameTrackSentAgainKeepsItsNumber) {
+TEST_F(WhatPlays, TheSameTrackSentAgainKeepsItsNumber) {
     show("a");
     EXPECT_THAT(changes(), ElementsAre(kPlayerTrack));
-    const uint32_t number = player.view().track->number;
+    const uint32_t number = now_playing.view().track->number;
     show("a", 2);
     EXPECT_THAT(changes(), ElementsAre(kPlayerModes));
-    EXPECT_EQ(player.view().track->number, number);
-    EXPECT_EQ(player.view().track->art_url, "");
+    EXPECT_EQ(now_playing.view().track->number, number);
+    EXPECT_EQ(now_playing.view().track->art_url, "");
     show("b", 2);
-    EXPECT_NE(player.view().track->number, number);
-    player.clear();
-    EXPECT_FALSE(player.view().track.has_value());
-    EXPECT_EQ(player.view().modes, Modes());
+    EXPECT_NE(now_playing.view().track->number, number);
+    now_playing.clear();
+    EXPECT_FALSE(now_playing.view().track.has_value());
+    EXPECT_EQ(now_playing.view().modes, Modes());
 }

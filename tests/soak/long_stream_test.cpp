@@ -143,7 +143,7 @@ class LongStream : public CardSessions {
 TEST_F(LongStream, HoursOfOneStreamAreCountedToTheFrameAndUseNothingUp) {
     constexpr uint64_t kAllowedGrowthKib = 256;
     const double hours = soak_hours();
-    const Track track{kFormat, static_cast<uint64_t>(hours * 3'600'000), true};
+    const Clip track{kFormat, static_cast<uint64_t>(hours * 3'600'000), true};
     const uint64_t frames = track.frames();
     const auto since = std::chrono::steady_clock::now();
     ScriptedSdk sdk(&loop_, renderer_);
@@ -184,7 +184,7 @@ TEST_F(LongStream, HoursOfOneStreamAreCountedToTheFrameAndUseNothingUp) {
 
 TEST_F(LongStream, PositionsGoOnBeyondThirtyTwoBitsOfMilliseconds) {
     constexpr uint64_t kEdgeMs = uint64_t{1} << 32;
-    constexpr Track kTenSeconds{kFormat, 10'000, true};
+    constexpr Clip kTenSeconds{kFormat, 10'000, true};
     ScriptedSdk sdk(&loop_, renderer_);
     uint64_t start_ms = kEdgeMs - 5000;
     std::vector<uint64_t> seeks = {kEdgeMs / 2 - 5000, 3 * kEdgeMs - 5000, 1000, kEdgeMs + 7};

@@ -11,14 +11,12 @@ import re
 import subprocess
 import sys
 import time
-import unittest
 import wave
 
 sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "e2e"))
-from device import EMULATOR, DeviceTest, wait_for  # noqa: E402
+from device import CD, EMULATOR, DeviceTest, memory_of, wait_for  # noqa: E402
 
 HOURS = float(os.environ.get("NUVIO_SOAK_HOURS", 24 if "NUVIO_LONG" in os.environ else 1.75))
-CD = 44100
 HIGH = 96000
 ROUND_SECONDS = 2100  # of audio
 # The host takes a second or two to show a track: none may be shorter than that.
@@ -57,11 +55,10 @@ def in_containers(samples):
 class Figures:
     """What the daemon holds at one moment."""
 
-    def __init__(self, pid):
-        status = pathlib.Path(f"/proc/{pid}/status").read_text()
-        self.memory_kib = int(re.search(r"^RssAnon:\s+(\d+)", status, re.M)[1])
-        self.threads = int(re.search(r"^Threads:\s+(\d+)", status, re.M)[1])
-        self.descriptors = len(os.listdir(f"/proc/{pid}/fd"))
+    def __init__(self, process):
+        self.memory_kib = memory_of(process, "RssAnon")
+        self.threads = len(os.listdir(f"/proc/{process.pid}/task"))
+        self.descriptors = len(os.listdir(f"/proc/{process.pid}/fd"))
 
 
 class LongSession(DeviceTest):
@@ -125,7 +122,7 @@ class LongSession(DeviceTest):
             self.check_recordings()
             self.look_in(len(samples))
             if played > self.round_frames:
-                samples.append(Figures(self.daemon.pid))
+                samples.append(Figures(self.daemon))
             time.sleep(0.05)
         self.player("loop", "None")
         wait_for("the session's end", lambda: self.log_count("nothing is left to play"), 300)

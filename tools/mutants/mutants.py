@@ -122,13 +122,13 @@ def outcome_of(mutant):
 def main():
     words = [word for word in sys.argv[1:] if word != "--list"]
     mutants = list(read_mutants(words))
+    lost = [mutant.found for mutant in mutants if place_of(TOP, mutant) is None]
+    if lost:
+        sys.exit("\n".join(["mutants: found nowhere:", *lost]))
     if "--list" in sys.argv:
         for mutant in mutants:
             print(f"{mutant.area}: {mutant.found.strip()} -> {mutant.planted.strip()}")
         return 0
-    lost = [mutant.found for mutant in mutants if place_of(TOP, mutant) is None]
-    if lost:
-        sys.exit("\n".join(["mutants: found nowhere:", *lost]))
     copy_tree()
     subprocess.run(["cmake", "--preset", "debug"], cwd=TREE, check=True, stdout=subprocess.DEVNULL)
     tests = sorted({test for mutant in mutants for test in mutant.tests})

@@ -1,5 +1,5 @@
 // The simulated card's control device: the volume and the switch of one simple mixer element, kept
-// in the card's shared state.
+// in the card's shared state. One object and its callbacks, so one file, long as it is.
 //
 // Poll descriptors: a watch of the card's control events, which stays readable while an event waits
 // to be read, and the writing end of a pipe, whose reading end is closed when a read finds the card
@@ -438,12 +438,6 @@ int Ctl::poll_revents(unsigned short* revents) {
     return 0;
 }
 
-int open_from_configuration(snd_ctl_t** ctl, const char* name, snd_config_t* configuration,
-                            int mode) {
-    const char* directory = card_directory(configuration);
-    return directory == nullptr ? -EINVAL : Ctl::open(ctl, name, directory, mode);
-}
-
 }  // namespace
 
 }  // namespace simcard
@@ -453,7 +447,7 @@ extern "C" {
 
 SND_CTL_PLUGIN_DEFINE_FUNC(nuviosim) {
     (void)root;
-    return simcard::open_from_configuration(handlep, name, conf, mode);
+    return simcard::open_from_configuration<simcard::Ctl>(handlep, name, conf, mode);
 }
 
 SND_CTL_PLUGIN_SYMBOL(nuviosim)

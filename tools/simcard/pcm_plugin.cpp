@@ -1,5 +1,5 @@
 // The simulated card's PCM: a playback device of alsa-lib's I/O plug-in kind whose hardware pointer
-// follows the clock.
+// follows the clock. One object under one lock, so one file, long as it is.
 //
 // The poll descriptor is an epoll descriptor over a timer (room for avail_min frames, end of a
 // drain) and a watch of the card's stream events. Once readable it stays so until
@@ -85,6 +85,7 @@ class Pcm {
     // Entry and exit of callbacks.
     int count_call(Op op);
     int enter(Op op);
+    int enter_sound(Op op);
     int state_error() const;
     int leave(snd_pcm_state_t state, int result = 0);
     void publish(snd_pcm_state_t state);
@@ -338,6 +339,12 @@ int Pcm::enter(Op op) {
     return m_io.state == SND_PCM_STATE_DISCONNECTED ? -ENODEV : fault;
 }
 
+// The same for calls that need a stream which neither ran dry nor sleeps.
+int Pcm::enter_sound(Op op) {
+    const int error = enter(op);
+    return error == 0 ? state_error() : error;
+}
+
 int Pcm::state_error() const {
     switch (m_io.state) {
         case SND_PCM_STATE_XRUN:
@@ -564,11 +571,7 @@ int Pcm::prepare() {
 
 int Pcm::start() {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    int error = enter(Op::start);
-    if (error == 0) {
-        error = state_error();
-    }
-    if (error < 0) {
+    if (const int error = enter_sound(Op::start); error < 0) {
         return leave(m_io.state, error);
     }
     m_clock.start(now_ns());
@@ -587,11 +590,7 @@ int Pcm::stop() {
 
 int Pcm::pause(bool enable) {
     const std::lock_guard<std::mutex> lock(m_mutex);
-    int error = enter(Op::pause);
-    if (error == 0) {
-        error = state_error();
-    }
-    if (error < 0) {
+    if (const int error = enter_sound(Op::pause); error < 0) {
         return leave(m_io.state, error);
     }
     if (!enable) {
@@ -628,17 +627,14 @@ snd_pcm_sframes_t Pcm::transfer(const snd_pcm_channel_area_t* areas, snd_pcm_ufr
     const bool begins = offset == 0;  // of one snd_pcm_writei, which may transfer in several pieces
     int error = 0;
     if (begins) {
-        error = enter(Op::write);
+        error = enter_sound(Op::write);
         const int cut = begin_call(m_card->short_writes);
         m_write_cut = cut < 0;
         if (m_write_cut) {
             size = std::min(size, static_cast<snd_pcm_uframes_t>(-cut));
         }
-    } else if (m_write_cut) {
-        error = -EAGAIN;
-    }
-    if (error == 0) {
-        error = state_error();
+    } else {
+        error = m_write_cut ? -EAGAIN : state_error();
     }
     size = std::min<snd_pcm_uframes_t>(size, m_io.buffer_size - queued());
     if (error == 0 && size == 0) {
@@ -665,10 +661,7 @@ snd_pcm_sframes_t Pcm::transfer(const snd_pcm_channel_area_t* areas, snd_pcm_ufr
 // answer is -EAGAIN as from a driver: the queue plays on as long as the handle is left alone.
 int Pcm::drain() {
     std::unique_lock<std::mutex> lock(m_mutex);
-    int error = enter(Op::drain);
-    if (error == 0) {
-        error = state_error();
-    }
+    int error = enter_sound(Op::drain);
     if (error < 0) {
         return give_up_drain(error);
     }
@@ -871,12 +864,6 @@ void Pcm::arm(std::int64_t deadline) {
     timerfd_settime(m_timer.get(), TFD_TIMER_ABSTIME, &timer, nullptr);
 }
 
-int open_from_configuration(snd_pcm_t** pcm, const char* name, snd_config_t* configuration,
-                            snd_pcm_stream_t stream, int mode) {
-    const char* directory = card_directory(configuration);
-    return directory == nullptr ? -EINVAL : Pcm::open(pcm, name, directory, stream, mode);
-}
-
 }  // namespace
 
 }  // namespace simcard
@@ -886,7 +873,7 @@ extern "C" {
 
 SND_PCM_PLUGIN_DEFINE_FUNC(nuviosim) {
     (void)root;
-    return simcard::open_from_configuration(pcmp, name, conf, stream, mode);
+    return simcard::open_from_configuration<simcard::Pcm>(pcmp, name, conf, stream, mode);
 }
 
 SND_PCM_PLUGIN_SYMBOL(nuviosim)

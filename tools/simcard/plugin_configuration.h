@@ -1,21 +1,25 @@
-// What the configuration of both plug-ins holds.
+// What both plug-ins are opened from.
 #pragma once
 
 #include <alsa/asoundlib.h>
 
+#include <cerrno>
+
 namespace simcard {
 
-// `dir`, the card's directory, as long as the configuration lives; null, and told on ALSA's error
-// channel, when there is none.
-inline const char* card_directory(const snd_config_t* configuration) {
+// Opens a Device of the card whose directory the configuration names as `dir`; `how` is what its
+// kind is opened with. Without a `dir` it says so on ALSA's error channel and returns -EINVAL.
+template <typename Device, typename Handle, typename... How>
+int open_from_configuration(Handle** handle, const char* name, snd_config_t* configuration,
+                            How... how) {
     const char* directory = nullptr;
     snd_config_t* node = nullptr;
-    if (snd_config_search(const_cast<snd_config_t*>(configuration), "dir", &node) < 0 ||
+    if (snd_config_search(configuration, "dir", &node) < 0 ||
         snd_config_get_string(node, &directory) < 0) {
         SNDERR("simulated card: the configuration names no dir");
-        return nullptr;
+        return -EINVAL;
     }
-    return directory;
+    return Device::open(handle, name, directory, how...);
 }
 
 }  // namespace simcard

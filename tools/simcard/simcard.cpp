@@ -1,3 +1,4 @@
+// The client: a function a wish over the one mapped state of a card. One file, long as it is.
 #include "tools/simcard/simcard.h"
 
 #include <fcntl.h>

@@ -1,16 +1,13 @@
 #include "local/channel/link.h"
 
-#include <pthread.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
 #include <system_error>
-#include <thread>
 #include <utility>
 
-#include "common/signals_blocked.h"
+#include "common/detached_thread.h"
 #include "local/channel/link_shared.h"
 #include "local/channel/link_worker.h"
 
@@ -70,10 +67,7 @@ Link::Link(LinkTarget target, std::function<void()> on_news, Log log)
         shared->thread_ended.notify_all();
     };
     try {
-        const nuvio::SignalsBlocked no_signals;
-        std::thread thread(run);
-        pthread_setname_np(thread.native_handle(), "nuv-channel");
-        thread.detach();
+        nuvio::start_detached("nuv-channel", run);
     } catch (const std::system_error&) {
         --threads_running;
         throw;

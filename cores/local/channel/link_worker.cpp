@@ -351,11 +351,8 @@ void Link::Worker::heed_the_loop() {
             set(m_patience, m_shared->goodbye.empty() ? 0 : kClosingTime);
         }
     }
-    if (m_closing && !m_established) {
-        m_over = true;
-        return;
-    }
     if (!m_established) {
+        m_over = m_over || m_closing;
         return;
     }
     if (m_closing || m_shared->has_text()) {

@@ -16,14 +16,12 @@
 #include <vector>
 
 #include "bus/bus_address.h"
+#include "common/released_by.h"
 #include "common/unique_fd.h"
 
 namespace nuvio::host {
 
-struct CloseBus {
-    void operator()(sd_bus* bus) const { sd_bus_close_unref(bus); }
-};
-using BusHandle = std::unique_ptr<sd_bus, CloseBus>;
+using BusHandle = std::unique_ptr<sd_bus, ReleasedBy<sd_bus_close_unref>>;
 
 class BusLink {
   public:

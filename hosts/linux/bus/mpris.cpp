@@ -73,12 +73,12 @@ void Mpris::publish_name(sd_bus* bus) {
 
 // Whatever is gone back to begins at its start.
 void Mpris::preview_start() {
-    m_controls.player().preview_seek(0);
+    m_controls.now_playing().preview_seek(0);
 }
 
 // Two presses in quick succession undo each other, although the service has not reported yet.
 void Mpris::play_pause() {
-    const auto now = Player::Clock::now();
+    const auto now = NowPlaying::Clock::now();
     if (now >= m_expected_until) {
         m_expected.reset();  // the service has refused
     }
@@ -92,17 +92,17 @@ void Mpris::play_pause() {
 void Mpris::seek(int64_t position_ms) {
     m_controls.seek(position_ms);
     m_seek_target_ms = position_ms;
-    m_seek_counts_until = Player::Clock::now() + kReportDelay;
+    m_seek_counts_until = NowPlaying::Clock::now() + kReportDelay;
 }
 
 // Past the end means the next track. Steps in quick succession add up, although the service has not
 // reported the first one yet.
 void Mpris::seek_by(int64_t offset_us) {
-    const PlayerView now = view();
+    const NowPlayingView now = view();
     if (!now.actions.seek) {
         return;
     }
-    const bool stepping = Player::Clock::now() < m_seek_counts_until;
+    const bool stepping = NowPlaying::Clock::now() < m_seek_counts_until;
     const int64_t from = stepping ? m_seek_target_ms : now.position_ms;
     // Both far from overflow: a position a seek can carry, and a 64-bit count of microseconds.
     const int64_t target =
@@ -117,7 +117,7 @@ void Mpris::seek_by(int64_t offset_us) {
 
 // A request for a track that has ended meanwhile, or for a place outside of it, is ignored.
 void Mpris::seek_to(const char* track, int64_t position_us) {
-    const PlayerView now = view();
+    const NowPlayingView now = view();
     if (!now.actions.seek || !now.track || track_path(*now.track) != track || position_us < 0 ||
         (now.track->length_ms > 0 && position_us > now.track->length_ms * kUsPerMs)) {
         return;

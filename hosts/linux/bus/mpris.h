@@ -30,7 +30,7 @@ class Mpris {
 
     // What the bus asks for (mpris_interface.h).
     Controls& controls() { return m_controls; }
-    PlayerView view() const { return m_controls.player().view(); }
+    NowPlayingView view() const { return m_controls.now_playing().view(); }
     void preview_start();
     void play_pause();
     void seek_by(int64_t offset_us);
@@ -44,11 +44,11 @@ class Mpris {
     // After a play-pause key, until the service reports or should have: what it has been asked to
     // become.
     std::optional<android::EPlayState> m_expected;
-    Player::Clock::time_point m_expected_until;
+    NowPlaying::Clock::time_point m_expected_until;
 
     // Where the last seek went, and until when that counts as the position for a step from there.
     int64_t m_seek_target_ms = 0;
-    Player::Clock::time_point m_seek_counts_until;
+    NowPlaying::Clock::time_point m_seek_counts_until;
 };
 
 }  // namespace nuvio::host

@@ -162,7 +162,7 @@ NUVIO_GETTER(get_action) {
 
 // Without a track the map is empty; entries without a value are left out.
 NUVIO_GETTER(get_metadata) {
-    const std::optional<Track> track = self(userdata).view().track;
+    const std::optional<ShownTrack> track = self(userdata).view().track;
     int r = sd_bus_message_open_container(reply, 'a', "{sv}");
     if (r >= 0 && track) {
         r = sd_bus_message_append(reply, "{sv}{sv}", "mpris:trackid", "o",
@@ -291,7 +291,7 @@ const sd_bus_vtable kPlayerTable[] = {
 
 }  // namespace
 
-std::string track_path(const Track& track) {
+std::string track_path(const ShownTrack& track) {
     return "/org/nuvioconnect/track/" + std::to_string(track.number);
 }
 

@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "device/player.h"
+#include "device/now_playing.h"
 
 namespace nuvio::host {
 
@@ -19,7 +19,7 @@ inline constexpr char kMprisPlayer[] = "org.mpris.MediaPlayer2.Player";
 inline constexpr int64_t kUsPerMs = 1000;
 
 // What the track is called on the bus.
-std::string track_path(const Track& track);
+std::string track_path(const ShownTrack& track);
 
 // Puts the object on the connection, for the connection's life. Negative errno on failure.
 int attach_mpris(sd_bus* bus, Mpris& player);

@@ -8,7 +8,7 @@
 
 namespace nuvio::host {
 
-std::string status_text(const PlayerView& view) {
+std::string status_text(const NowPlayingView& view) {
     static constexpr const char* kStates[] = {"Playing", "Stopped", "Paused"};
     std::string text = kStates[view.status];
     if (view.track && view.status != android::PLAY_STATE_STOPPED) {
@@ -22,7 +22,7 @@ std::string status_text(const PlayerView& view) {
     return text;
 }
 
-void report_status(const PlayerView& view) {
+void report_status(const NowPlayingView& view) {
     sd_notify(0, ("STATUS=" + status_text(view)).c_str());
 }
 

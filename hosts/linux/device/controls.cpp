@@ -19,7 +19,7 @@ constexpr int kMaxSource = 255;
 void Controls::seek(int64_t position_ms) {
     if (position_ms >= 0 && position_ms <= kMaxSeekMs &&
         command("SEEK:" + std::to_string(position_ms))) {
-        m_player.preview_seek(position_ms);
+        m_now_playing.preview_seek(position_ms);
     }
 }
 

@@ -9,18 +9,18 @@
 #include "configuration/settings.h"
 #include "device/message_store.h"
 #include "device/network_monitor.h"
-#include "device/player.h"
+#include "device/now_playing.h"
 #include "device/source_switch.h"
 
 namespace nuvio::host {
 
 class Controls {
   public:
-    Controls(const Settings& settings, MessageStore& messages, Player& player,
+    Controls(const Settings& settings, MessageStore& messages, NowPlaying& now_playing,
              SourceSwitch& source_switch, NetworkMonitor& network)
         : m_settings(settings),
           m_messages(messages),
-          m_player(player),
+          m_now_playing(now_playing),
           m_source_switch(source_switch),
           m_network(network) {}
 
@@ -56,13 +56,13 @@ class Controls {
     std::string device_name() const;
 
     const MessageStore& messages() const { return m_messages; }
-    Player& player() { return m_player; }
+    NowPlaying& now_playing() { return m_now_playing; }
     NetworkMonitor& network() { return m_network; }
 
   private:
     const Settings& m_settings;
     MessageStore& m_messages;
-    Player& m_player;
+    NowPlaying& m_now_playing;
     SourceSwitch& m_source_switch;
     NetworkMonitor& m_network;
 };

@@ -20,14 +20,13 @@
 #include <system_error>
 #include <utility>
 
+#include "common/released_by.h"
+
 namespace nuvio::host {
 
 namespace {
 
-struct FreeAddresses {
-    void operator()(ifaddrs* list) const { freeifaddrs(list); }
-};
-using Addresses = std::unique_ptr<ifaddrs, FreeAddresses>;
+using Addresses = std::unique_ptr<ifaddrs, ReleasedBy<freeifaddrs>>;
 
 Addresses read_addresses() {
     ifaddrs* list = nullptr;

@@ -10,7 +10,7 @@ bool SourceSwitch::request(const Listener& listener, int source) {
     Listener previous;  // let go of without the lock
     const std::lock_guard lock(m_mutex);
     previous = std::exchange(m_listener, listener);
-    m_player.set_has_source(listener != nullptr);
+    m_now_playing.set_has_source(listener != nullptr);
     if (std::exchange(m_refuse_next, false) || listener == nullptr) {
         return false;
     }
@@ -25,8 +25,8 @@ void SourceSwitch::release(const Listener& listener) {
         return;
     }
     std::swap(previous, m_listener);
-    m_player.set_has_source(false);
-    m_player.set_status(android::PLAY_STATE_STOPPED);
+    m_now_playing.set_has_source(false);
+    m_now_playing.set_status(android::PLAY_STATE_STOPPED);
     if (owns_output()) {
         set_owner(0);
     }

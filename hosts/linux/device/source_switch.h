@@ -12,7 +12,7 @@
 
 #include "device/message_store.h"
 #include "device/notification_pool.h"
-#include "device/player.h"
+#include "device/now_playing.h"
 #include "platform/SourceSwitch.h"
 
 namespace nuvio::host {
@@ -21,8 +21,8 @@ class SourceSwitch {
   public:
     using Listener = android::sp<android::BnSourceSwitchListener>;
 
-    SourceSwitch(NotificationPool& pool, MessageStore& messages, Player& player)
-        : m_pool(pool), m_messages(messages), m_player(player) {}
+    SourceSwitch(NotificationPool& pool, MessageStore& messages, NowPlaying& now_playing)
+        : m_pool(pool), m_messages(messages), m_now_playing(now_playing) {}
 
     // The service asks for the output; the newest request wins, unless it is to be refused.
     bool request(const Listener& listener, int source);
@@ -51,7 +51,7 @@ class SourceSwitch {
 
     NotificationPool& m_pool;
     MessageStore& m_messages;
-    Player& m_player;
+    NowPlaying& m_now_playing;
 
     std::mutex m_mutex;
     Listener m_listener;

@@ -17,10 +17,10 @@ class UIManager : public IUIManager, public IBinder {
   public:
     void updatePlayBackInfo(const sp<AMessage>& info) override {
         if (info != nullptr) {
-            Host::instance().player().show(*info);
+            Host::instance().now_playing().show(*info);
         }
     }
-    void clearPlayBackInfo(const sp<AMessage>&) override { Host::instance().player().clear(); }
+    void clearPlayBackInfo(const sp<AMessage>&) override { Host::instance().now_playing().clear(); }
 };
 
 class ServiceManager : public IServiceManager {

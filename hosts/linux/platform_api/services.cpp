@@ -67,7 +67,7 @@ bool SourceSwitchClient::PlayMySource(const sp<BnSourceSwitchListener>& listener
 }
 
 void SourceSwitchClient::UpdatePlayerState(const sp<BnSourceSwitchListener>&, EPlayState state) {
-    Host::instance().player().set_status(state);
+    Host::instance().now_playing().set_status(state);
 }
 
 // The device's volume is that of its one source.
@@ -78,7 +78,7 @@ void SourceSwitchClient::UpdateAppVolume(const std::string& volume) {
 }
 
 void SourceSwitchClient::NotifyPlaybackStopped(const sp<BnSourceSwitchListener>&) {
-    Host::instance().player().set_status(PLAY_STATE_STOPPED);
+    Host::instance().now_playing().set_status(PLAY_STATE_STOPPED);
 }
 
 void SourceSwitchClient::DisconnectMySource(const sp<BnSourceSwitchListener>& listener) {

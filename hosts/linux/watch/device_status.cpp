@@ -78,7 +78,7 @@ cJSON* add_object_if(bool condition, cJSON* object, const char* key) {
                      : (cJSON_AddNullToObject(object, key), nullptr);
 }
 
-void add_track(cJSON* status, const PlayerView& view) {
+void add_track(cJSON* status, const NowPlayingView& view) {
     cJSON* const track = add_object_if(view.track.has_value(), status, "track");
     if (track != nullptr) {
         add(track, "title", view.track->title);
@@ -194,7 +194,7 @@ void set_service_report(ServiceReport report) {
 
 std::string DeviceStatus::json() const {
     const Facts facts;
-    const PlayerView view = m_controls.player().view();
+    const NowPlayingView view = m_controls.now_playing().view();
     const std::unique_ptr<cJSON, nuvio::ReleasedBy<cJSON_Delete>> made(cJSON_CreateObject());
     cJSON* const status = made.get();
     add(status, "name", m_controls.device_name());
@@ -220,7 +220,7 @@ std::string DeviceStatus::json() const {
 
 std::string DeviceStatus::metrics() const {
     const Facts facts;
-    const PlayerView view = m_controls.player().view();
+    const NowPlayingView view = m_controls.now_playing().view();
     Page page;
     page.begin("info", "gauge", "Name and versions.");
     page.sample("info",

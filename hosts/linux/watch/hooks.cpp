@@ -56,8 +56,10 @@ std::string fault_of(int status, bool killed) {
 
 }  // namespace
 
-Hooks::Hooks(const Settings& settings, const Player& player)
-    : m_settings(settings), m_player(player), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+Hooks::Hooks(const Settings& settings, const NowPlaying& now_playing)
+    : m_settings(settings),
+      m_now_playing(now_playing),
+      m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 void Hooks::start() {
     if (std::ranges::all_of(kKeys,
@@ -67,7 +69,7 @@ void Hooks::start() {
     m_off_delay = std::chrono::seconds(
         to_number<int>(m_settings.get(kHostHookOffDelay)).value_or(kDefaultOffDelay));
     m_environment = HookProcess::environment();
-    m_slots[kVolume].wanted = m_slots[kVolume].told = std::to_string(m_player.view().volume);
+    m_slots[kVolume].wanted = m_slots[kVolume].told = std::to_string(m_now_playing.view().volume);
     m_thread = std::thread([this] { run(); });
     pthread_setname_np(m_thread.native_handle(), "host-hooks");
 }
@@ -111,7 +113,7 @@ void Hooks::look(Clock::time_point now) {
         want(m_slots[kSession], kEnd, now);
         return;
     }
-    const PlayerView view = m_player.view();
+    const NowPlayingView view = m_now_playing.view();
     want(m_slots[kState], kStates[view.status], now);
     want(m_slots[kVolume], std::to_string(view.volume), now);
     want(m_slots[kSession], view.actions.control ? kBegin : kEnd, now);

@@ -1,5 +1,7 @@
 #include "media/source/audio_source.h"
 
+#include <cinttypes>
+
 #include "media/source/audio_source_manager.h"
 #include "media/source/audio_source_private.h"
 #include "utility/check.h"
@@ -62,8 +64,8 @@ void audio_source_resume(audio_source* self) {
     self->delivery_active = true;
     nuv_connect* core = audio_source_manager_get_core(self->manager);
     if (nuv_connect_resume_audio_delivery(core, self->id) != NUV_ERROR_OK) {
-        app_log(LOG_LEVEL_ERROR, "Failed to resume audio delivery of audio stream %llu",
-                static_cast<unsigned long long>(self->id));
+        app_log(LOG_LEVEL_ERROR, "Failed to resume audio delivery of audio stream %" PRIu64,
+                self->id);
     }
 }
 

@@ -1,6 +1,7 @@
 #include "media/source/audio_source_manager.h"
 
 #include <algorithm>
+#include <cinttypes>
 #include <iterator>
 #include <list>
 
@@ -18,10 +19,6 @@ struct audio_source_manager {
 
 namespace {
 
-unsigned long long printable(uint64_t value) {
-    return value;
-}
-
 audio_source_manager* manager_of(void* context, const nuv_connect* core,
                                  const char* caller = __builtin_FUNCTION()) {
     auto* self = static_cast<audio_source_manager*>(context);
@@ -34,8 +31,8 @@ audio_source_manager* manager_of(void* context, const nuv_connect* core,
 audio_source* live_source(audio_source_manager* self, uint64_t stream_id, const char* event) {
     audio_source* source = audio_source_manager_get_source_by_stream_id(self, stream_id);
     if (source == nullptr) {
-        app_log(LOG_LEVEL_ERROR, "[Stream %llu]: No such audio stream, ignoring its %s",
-                printable(stream_id), event);
+        app_log(LOG_LEVEL_ERROR, "[Stream %" PRIu64 "]: No such audio stream, ignoring its %s",
+                stream_id, event);
     }
     return source;
 }
@@ -79,8 +76,8 @@ void audio_source_manager_on_audio_stream_started(nuv_connect* core, uint64_t st
     source.format = info.format;
     source.duration = info.duration_ms;
     audio_source_update_consumed_bytes_from_position(&source, start_position_ms);
-    app_log(LOG_LEVEL_INFO, "[Stream %llu]: New audio stream (starting from %llums)",
-            printable(stream_id), printable(start_position_ms));
+    app_log(LOG_LEVEL_INFO, "[Stream %" PRIu64 "]: New audio stream (starting from %" PRIu64 "ms)",
+            stream_id, start_position_ms);
 
     audio_source* added = &self->sources.emplace_back(source);
     designate(self, added);
@@ -116,8 +113,7 @@ void audio_source_manager_on_audio_stream_metadata(nuv_connect* core, uint64_t s
     if (live_source(self, stream_id, "metadata") == nullptr) {
         return;
     }
-    app_log(LOG_LEVEL_INFO,
-            "[Stream %llu]: Stream metadata became available:", printable(stream_id));
+    app_log(LOG_LEVEL_INFO, "[Stream %" PRIu64 "]: Stream metadata became available:", stream_id);
     app_log(LOG_LEVEL_INFO, "      Title: %s", metadata->title);
     app_log(LOG_LEVEL_INFO, "      Artist: %s", metadata->artist);
     app_log(LOG_LEVEL_INFO, "      Album: %s", metadata->album);
@@ -131,7 +127,7 @@ void audio_source_manager_on_audio_stream_finished(nuv_connect* core, uint64_t s
     if (source == nullptr) {
         return;
     }
-    app_log(LOG_LEVEL_INFO, "[Stream %llu]: Audio stream finished", printable(stream_id));
+    app_log(LOG_LEVEL_INFO, "[Stream %" PRIu64 "]: Audio stream finished", stream_id);
     audio_source_set_state(source, AUDIO_SOURCE_STATE_FINISHED);
 }
 
@@ -142,8 +138,8 @@ void audio_source_manager_on_audio_stream_seeked(nuv_connect* core, uint64_t str
     if (source == nullptr) {
         return;
     }
-    app_log(LOG_LEVEL_INFO, "[Stream %llu]: Audio stream seeked: %llums", printable(stream_id),
-            printable(position_ms));
+    app_log(LOG_LEVEL_INFO, "[Stream %" PRIu64 "]: Audio stream seeked: %" PRIu64 "ms", stream_id,
+            position_ms);
     audio_source_update_consumed_bytes_from_position(source, position_ms);
     const audio_source_event_listener& to = source->event_listener;
     if (to.seek_complete != nullptr) {
@@ -159,8 +155,7 @@ void audio_source_manager_on_audio_stream_dispose(nuv_connect* core, uint64_t st
     if (source == nullptr) {
         return;
     }
-    app_log(LOG_LEVEL_INFO, "[Stream %llu]: Audio stream has been disposed of",
-            printable(stream_id));
+    app_log(LOG_LEVEL_INFO, "[Stream %" PRIu64 "]: Audio stream has been disposed of", stream_id);
     if (source->event_listener.dispose != nullptr) {
         source->event_listener.dispose(source, source->event_listener.listener);
     }

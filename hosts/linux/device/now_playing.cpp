@@ -1,4 +1,4 @@
-#include "device/player.h"
+#include "device/now_playing.h"
 
 #include <algorithm>
 #include <cstdlib>
@@ -50,13 +50,13 @@ LoopMode loop_of(int mode) {
 
 }  // namespace
 
-void Player::changed(uint32_t changes) const {
+void NowPlaying::changed(uint32_t changes) const {
     if (changes != 0 && m_observer) {
         m_observer(changes);
     }
 }
 
-int64_t Player::position_at(Clock::time_point now) const {
+int64_t NowPlaying::position_at(Clock::time_point now) const {
     if (m_view.status != android::PLAY_STATE_PLAYING) {
         return m_view.position_ms;
     }
@@ -66,7 +66,7 @@ int64_t Player::position_at(Clock::time_point now) const {
     return length > 0 ? std::max(std::min(position, length), m_view.position_ms) : position;
 }
 
-void Player::set_status(android::EPlayState status, Clock::time_point now) {
+void NowPlaying::set_status(android::EPlayState status, Clock::time_point now) {
     const std::lock_guard lock(m_mutex);
     if (m_view.status == status) {
         return;
@@ -77,7 +77,7 @@ void Player::set_status(android::EPlayState status, Clock::time_point now) {
     changed(kPlayerStatus);
 }
 
-void Player::set_position(int64_t position_ms, Clock::time_point now) {
+void NowPlaying::set_position(int64_t position_ms, Clock::time_point now) {
     const std::lock_guard lock(m_mutex);
     const int64_t expected = position_at(now);
     const int64_t length = m_view.track ? m_view.track->length_ms : 0;
@@ -92,7 +92,7 @@ void Player::set_position(int64_t position_ms, Clock::time_point now) {
     changed(bit_if(jumped, kPlayerSeeked));
 }
 
-void Player::preview_seek(int64_t position_ms) {
+void NowPlaying::preview_seek(int64_t position_ms) {
     const std::lock_guard lock(m_mutex);
     if (m_view.status == android::PLAY_STATE_PAUSED) {
         m_view.position_ms = position_ms;
@@ -100,14 +100,14 @@ void Player::preview_seek(int64_t position_ms) {
     }
 }
 
-void Player::set_volume(int percent) {
+void NowPlaying::set_volume(int percent) {
     const std::lock_guard lock(m_mutex);
     if (std::exchange(m_view.volume, percent) != percent) {
         changed(kPlayerVolume);
     }
 }
 
-void Player::set_has_source(bool has_source) {
+void NowPlaying::set_has_source(bool has_source) {
     const std::lock_guard lock(m_mutex);
     if (m_view.actions.control != has_source) {
         // Everything goes until a track says otherwise.
@@ -116,8 +116,8 @@ void Player::set_has_source(bool has_source) {
     }
 }
 
-void Player::show(const android::AMessage& info) {
-    Track track;
+void NowPlaying::show(const android::AMessage& info) {
+    ShownTrack track;
     track.title = text_of(info, "trackName");
     track.artist = text_of(info, "artist");
     track.album = text_of(info, "album");
@@ -151,7 +151,7 @@ void Player::show(const android::AMessage& info) {
     changed(changes);
 }
 
-void Player::clear() {
+void NowPlaying::clear() {
     const std::lock_guard lock(m_mutex);
     const uint32_t changes = bit_if(m_view.track.has_value(), kPlayerTrack) |
                              bit_if(m_view.modes != Modes(), kPlayerModes);
@@ -161,9 +161,9 @@ void Player::clear() {
     changed(changes);
 }
 
-PlayerView Player::view(Clock::time_point now) const {
+NowPlayingView NowPlaying::view(Clock::time_point now) const {
     const std::lock_guard lock(m_mutex);
-    PlayerView view = m_view;
+    NowPlayingView view = m_view;
     view.position_ms = position_at(now);
     return view;
 }

@@ -1,4 +1,4 @@
-// Player: what the device shows about its playback - the model behind the desktop's player
+// NowPlaying: what the device shows about its playback - the model behind the desktop's player
 // controls.
 //
 // Any thread. The observer is told which fields have changed, with the model's lock held; it must
@@ -19,14 +19,14 @@ namespace nuvio::host {
 
 enum class LoopMode { none, track, playlist };
 
-struct Track {
+struct ShownTrack {
     uint32_t number = 0;  // of the track since start; another track, another number
     std::string title;
     std::string artist;
     std::string album;
     std::string art_url;  // empty: none
     int64_t length_ms = 0;
-    bool operator==(const Track&) const = default;
+    bool operator==(const ShownTrack&) const = default;
 };
 
 struct Modes {
@@ -52,16 +52,16 @@ inline constexpr uint32_t kPlayerActions = 1U << 3U;
 inline constexpr uint32_t kPlayerVolume = 1U << 4U;
 inline constexpr uint32_t kPlayerSeeked = 1U << 5U;  // the position has jumped
 
-struct PlayerView {
+struct NowPlayingView {
     android::EPlayState status = android::PLAY_STATE_STOPPED;
-    std::optional<Track> track;
+    std::optional<ShownTrack> track;
     Modes modes;
     Actions actions;
     int volume = 0;  // percent
     int64_t position_ms = 0;
 };
 
-class Player {
+class NowPlaying {
   public:
     using Clock = std::chrono::steady_clock;
     using Observer = std::function<void(uint32_t changes)>;
@@ -85,7 +85,7 @@ class Player {
     // Nothing plays any more: no track, modes off, position 0.
     void clear();
 
-    PlayerView view(Clock::time_point now = Clock::now()) const;
+    NowPlayingView view(Clock::time_point now = Clock::now()) const;
 
   private:
     int64_t position_at(Clock::time_point now) const;
@@ -94,7 +94,7 @@ class Player {
     Observer m_observer;
     mutable std::mutex m_mutex;
     // All guarded by m_mutex.
-    PlayerView m_view;  // its position_ms as of m_reported, its actions for a source
+    NowPlayingView m_view;  // its position_ms as of m_reported, its actions for a source
     Clock::time_point m_reported;
     uint32_t m_tracks_shown = 0;
 };
