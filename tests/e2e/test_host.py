@@ -1,6 +1,7 @@
 """The device as the machine's owner sees it: front panel, other sources, network, what plays now."""
 import json
 import os
+import pathlib
 import re
 import shutil
 import socket
@@ -169,8 +170,8 @@ class Status(HostTest):
                          ("stopped", None, None, None))
         self.assertEqual((idle["underruns"], idle["sessions"]), (0, {"taken": 0, "active": False}))
         title = 'a "quoted\\ tra\u00e7k'
-        write_wav(self.folder / f"{title}.wav", signal_samples(20 * CD), CD)
-        self.play(self.folder / f"{title}.wav")
+        self.track(f"{title}.wav", 20)
+        self.play(self.music / f"{title}.wav")
         self.card("underrun")
         wait_for("the underrun", lambda: self.status()["underruns"] > 0)
         playing = wait_for("track", lambda: self.status()["track"] and self.status())
