@@ -150,12 +150,13 @@ class LongSession(DeviceTest):
     def assert_flat(self, samples):
         """What is held at the least, and memory at the most, is in the last half as in the first
         one, of a round each at least: a request or a change of track may hold a descriptor and a
-        track's blocks more for a moment."""
+        track's blocks more for a moment. And one less, which may be seen in one half alone: the card
+        between two formats. What is lost with each track is three a round."""
         half = len(samples) // 2
         begin, end = samples[:half], samples[-half:]
         for name in "threads", "descriptors":
             self.assertLessEqual(min(getattr(sample, name) for sample in end),
-                                 min(getattr(sample, name) for sample in begin), name)
+                                 min(getattr(sample, name) for sample in begin) + 1, name)
         if MEMORY_IS_ITS_OWN:
             self.assertLess(max(sample.memory_kib for sample in end),
                             max(sample.memory_kib for sample in begin) + ALLOWED_GROWTH_KIB)
