@@ -131,6 +131,14 @@ void write_count(const repeat_filter::count& held_back) {
     write_line(held_back.category, held_back.level, message.data());
 }
 
+using message_buffer = std::array<char, kMessageBufferSize>;
+
+[[gnu::format(printf, 1, 0)]] message_buffer compose(const char* format, va_list arguments) {
+    message_buffer message;
+    std::vsnprintf(message.data(), message.size(), format, arguments);
+    return message;
+}
+
 void keep_error(uint32_t level, const char* message) {
     if (level >= LOG_LEVEL_ERROR) {
         service_record_error(message);
@@ -165,10 +173,9 @@ void log_silence() {
 
 void app_log(uint32_t level, const char* format, ...) {
     NUV_CHECK(format != NULL);
-    std::array<char, kMessageBufferSize> message;
     va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(message.data(), message.size(), format, arguments);
+    const message_buffer message = compose(format, arguments);
     va_end(arguments);
     keep_error(level, message.data());
     log_write(kOwnCategory, level, message.data());
@@ -176,12 +183,10 @@ void app_log(uint32_t level, const char* format, ...) {
 
 void app_log_news(const char* format, ...) {
     NUV_CHECK(format != NULL);
-    std::array<char, kMessageBufferSize> message;
     va_list arguments;
     va_start(arguments, format);
-    std::vsnprintf(message.data(), message.size(), format, arguments);
+    log_write(kOwnCategory, LOG_LEVEL_ERROR, compose(format, arguments).data());
     va_end(arguments);
-    log_write(kOwnCategory, LOG_LEVEL_ERROR, message.data());
 }
 
 void sdk_log_callback(uint32_t level, const char* category, const char* message) {
