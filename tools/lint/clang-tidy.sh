@@ -8,12 +8,17 @@ compiled_in() {
     sed -n 's/^ *"file": "\(.*\)",\{0,1\}$/\1/p' "$1/compile_commands.json" | sort -u
 }
 
+# The commands of a build tree without GCC's precompiled headers, which clang can't read.
+commands=$(mktemp -d)
+trap 'rm -r "$commands"' EXIT
 status=0
 read -ra folders <<<"${NUVIO_TIDY:-.}"
 left=$(git ls-files -co --exclude-standard -- "${folders[@]}" | grep '\.cpp$' | xargs -r realpath | sort)
 for build in "$@"; do
+    sed 's/ -Winvalid-pch -include [^ ]*cmake_pch.hxx//' "$build/compile_commands.json" \
+        >"$commands/compile_commands.json"
     comm -12 <(echo "$left") <(compiled_in "$build") |
-        xargs -r -n 1 -P "$(nproc)" clang-tidy -p "$build" --quiet 2>/dev/null || status=1
+        xargs -r -n 1 -P "$(nproc)" clang-tidy -p "$commands" --quiet 2>/dev/null || status=1
     left=$(comm -23 <(echo "$left") <(compiled_in "$build"))
 done
 if [ -n "$left" ]; then
