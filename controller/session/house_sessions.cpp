@@ -18,6 +18,8 @@ namespace {
 const std::set<std::string> kChangesQueue{"queue_replace", "queue_insert", "queue_remove",
                                           "queue_move"};
 const std::set<std::string> kChangesState{"volume", "seek"};
+// A session that has just begun opens its channel a moment later.
+constexpr std::chrono::milliseconds kChannelPatience{3000};
 constexpr std::chrono::milliseconds kQueuePatience{1000};
 constexpr std::chrono::milliseconds kStatePatience{300};
 constexpr int64_t kSessionSeconds = int64_t{7} * 24 * 3600;
@@ -180,6 +182,11 @@ Outcome House::insert(const std::string& id, const std::vector<Playable>& items,
 
 Outcome House::command(const std::string& id, const std::string& name, JsonPtr arguments) {
     std::unique_lock lock(m_mutex);
+    m_on_change.wait_for(lock, kChannelPatience, [&] {
+        const auto device = m_devices.find(id);
+        return m_is_closed || device == m_devices.end() || device->second.link != nullptr ||
+               device->second.owner != Owner::us;
+    });
     const auto device = m_devices.find(id);
     if (device == m_devices.end()) {
         return {false, "no such device"};
