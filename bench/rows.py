@@ -31,7 +31,7 @@ SETTLED = 4  # s after which a player has shown the track and kept its settings
 LOOP_THREAD = "NuvioConnectSta"  # as its name is cut by the kernel
 # What `nuvio-connect --setup --card default` sets as the shortest period by default, in us: the plug-ins
 # of the sound servers then ask for less of their servers' attention.
-SETUP_PERIOD_US = 100_000
+SETUP_PERIOD_US = 250_000
 SHORT_PERIODS_CARD = ("--buffer", "400")
 # As ALSA's stock defaults make it of a USB card: the smallest period of at least 5 ms, then the largest
 # buffer.

@@ -18,7 +18,10 @@ namespace {
 
 // A shorter one interrupts the machine 200 times a second for nothing: what is queued is some
 // seconds anyway, and what is heard is asked of the card, not counted in periods.
-constexpr unsigned kPeriodUs = 100'000;
+constexpr unsigned kCardPeriodUs = 100'000;
+// A sound server knows the place within a period, a card's driver not always: longer ones halve
+// what it and its plug-in's thread do.
+constexpr unsigned kServerPeriodUs = 250'000;
 // In all of the configuration item's buffer, with "default_" before it.
 constexpr size_t kMaxNameBytes = 40;
 constexpr char kSoftElement[] = "Nuvio";
@@ -91,12 +94,13 @@ std::string soft_stage(const SoundCard& card, const char* half, const char* more
 
 // A rate converter hands on whole periods, and at the end of the last track the rest of one is
 // lost: with the shortest periods, which are ALSA's own, that is nothing that could be heard.
-std::string text_of_period(const OutputAbilities& abilities) {
+std::string text_of_period(const SoundCard& card, const OutputAbilities& abilities) {
     return abilities.converts_rates
                ? std::string()
                : "# The shortest period in microseconds, where the card has such.\n"
                  "defaults.pcm.minperiodtime " +
-                     std::to_string(kPeriodUs) + "\n\n";
+                     std::to_string(is_kernel_card(card) ? kCardPeriodUs : kServerPeriodUs) +
+                     "\n\n";
 }
 
 std::string text_of_slave(const SoundCard& card, bool soft_volume) {
@@ -121,7 +125,8 @@ std::string alsa_configuration(const SoundCard& card, const OutputAbilities& abi
     std::string text =
         "# Made by 'nuvio-connect --setup', which makes it anew. Only nuvio-connect\n"
         "# reads it, behind ALSA's own configuration.\n\n";
-    text.append(text_of_period(abilities)).append("# Converts what the card does not have.\n");
+    text.append(text_of_period(card, abilities))
+        .append("# Converts what the card does not have.\n");
     text.append("pcm.!").append(output_name(card)).append(" {\n    type plug\n    slave.pcm ");
     text.append(text_of_slave(card, soft_volume)).append("\n    hint { show on description \"");
     return text.append(description).append("\" }\n}\n");
