@@ -61,6 +61,8 @@ class Channel(DeviceTest):
         rows = [
             ("pause", {}, "invalid_state", {"playback": "stopped"}),
             ("next", {}, "not_found", {"playback": "stopped"}),
+            ("previous", {}, "not_found", {"playback": "stopped"}),
+            ("stop", {}, "invalid_state", {"playback": "stopped"}),
             ("play", {}, "ok", {"playback": "playing", "active": True}),
             ("seek", {"position_ms": 5000}, "ok", {"playback": "playing"}),
             ("pause", {}, "ok", {"playback": "paused"}),
