@@ -182,6 +182,8 @@ TEST_F(Control, WhatMakesNoSenseIsAnErrorResult) {
     EXPECT_EQ(nuv_connect_resume_audio_delivery(core(), 1), NUV_ERROR_NOT_FOUND);
     EXPECT_EQ(nuv_connect_connect(core(), "id", nullptr, "", 0, "", "", 0, true),
               NUV_ERROR_INVALID_ARGUMENT);
+    EXPECT_EQ(play(folder.path(), false), NUV_ERROR_OK);
+    EXPECT_EQ(call(nuv_connect_pause_playback), NUV_ERROR_INVALID_STATE) << "asked for no playing";
     EXPECT_EQ(play("ftp://example.org/a.wav"), NUV_ERROR_EMPTY_SESSION);
 }
 

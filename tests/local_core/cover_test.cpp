@@ -98,10 +98,10 @@ TEST(Cover, TheFrontOneIsFoundInEveryKindOfFile) {
 TEST(Cover, IsAFileAsLongAsOneOfThoseWhoKeepItLives) {
     const TempDir folder;
     setenv("NUVIO_STATE_DIR", folder.path().c_str(), 1);
-    auto first = KeptCover::keep({kFront});
-    const auto again = KeptCover::keep({kFront});
+    const auto first = KeptCover::keep({kFront});
+    auto again = KeptCover::keep({kFront});
     EXPECT_NE(KeptCover::keep({kBack})->url(), first->url());
-    first.reset();
+    again.reset();
     const std::filesystem::directory_iterator files(folder.path());
     EXPECT_EQ(std::distance(files, {}), 1) << "the end of the last: test_content.py";
     EXPECT_EQ(KeptCover::keep({"<svg>"}), nullptr) << "nothing that can run is handed on";

@@ -90,11 +90,11 @@ class ScriptedDevice : public LoopTest {
     }
     // Connects to an endpoint, as "session", with no expiry, and waits until it is joined or, with
     // NUV_ERROR_EMPTY_SESSION, found to have nothing to play.
-    nuv_error play(const std::string& endpoint) {
+    nuv_error play(const std::string& endpoint, bool become_active = true) {
         const int joined = s_joined;
         const int not_joined = s_not_joined;
-        const nuv_error error =
-            nuv_connect_connect(m_core, "session", endpoint.c_str(), "", 0, "", "", 0, true);
+        const nuv_error error = nuv_connect_connect(m_core, "session", endpoint.c_str(), "", 0, "",
+                                                    "", 0, become_active);
         if (error == NUV_ERROR_OK) {
             run_until([&] { return s_joined != joined || s_not_joined != not_joined; });
         }
