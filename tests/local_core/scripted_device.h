@@ -212,6 +212,7 @@ class ScriptedDevice : public LoopTest {
         nuv_media_delegate& media = config.media_delegate = m_media;
         media.initiate_playback = initiate;
         media.pause_playback = kNoted<&Media::pause_playback, "pause">;
+        media.stop_playback = kNoted<&Media::stop_playback, "stop">;
         media.seek_in_progress = kNoted<&Media::seek_in_progress, "seek in progress">;
         media.playback_state_changed = kNoted<&Media::playback_state_changed, "state">;
         media.playback_controls_changed = kNoted<&Media::playback_controls_changed, "controls">;
