@@ -5,7 +5,6 @@ import http
 import json
 import pathlib
 import threading
-import time
 
 import jsonschema
 import websockets
@@ -124,8 +123,3 @@ class Server:
         self.thread.join(PATIENCE)
         self.loop.close()
         assert not self.faults, f"against the schema: {self.faults[:3]}"
-
-    def seconds_of(self, act):
-        begin = time.monotonic()
-        act()
-        return time.monotonic() - begin

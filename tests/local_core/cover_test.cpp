@@ -3,7 +3,6 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sndfile.h>
 #include <taglib/aifffile.h>
 #include <taglib/attachedpictureframe.h>
 #include <taglib/fileref.h>
@@ -83,7 +82,7 @@ TEST(Cover, TheFrontOneIsFoundInEveryKindOfFile) {
                                        {"a.ogg", SF_FORMAT_OGG | SF_FORMAT_VORBIS},
                                        {"a.wav", SF_FORMAT_WAV | SF_FORMAT_PCM_16},
                                        {"a.aiff", SF_FORMAT_AIFF | SF_FORMAT_PCM_16}}) {
-        write_audio(folder, name, {format});
+        write_audio(folder, name, 4410, format);
     }
     // As little as an MPEG-4 file can be.
     folder.write("a.m4a", "\0\0\0\x10"s + "ftypM4A \0\0\0\0"s + "\0\0\0\x08moov"s);
@@ -96,21 +95,15 @@ TEST(Cover, TheFrontOneIsFoundInEveryKindOfFile) {
     EXPECT_FALSE(cover_of(folder.write("none.flac", "fLaC is not enough")));
 }
 
-TEST(Cover, IsAFileAsLongAsItIsKept) {
+TEST(Cover, IsAFileAsLongAsOneOfThoseWhoKeepItLives) {
     const TempDir folder;
     setenv("NUVIO_STATE_DIR", folder.path().c_str(), 1);
-    const auto files = [&] {
-        return std::distance(std::filesystem::directory_iterator(folder.path()), {});
-    };
-    auto first = KeptCover::keep({kFront});
+    const auto first = KeptCover::keep({kFront});
     auto again = KeptCover::keep({kFront});
-    EXPECT_EQ(first, again);
     EXPECT_NE(KeptCover::keep({kBack})->url(), first->url());
-    EXPECT_EQ(files(), 1);
-    first.reset();
-    EXPECT_EQ(files(), 1);
     again.reset();
-    EXPECT_EQ(files(), 0);
+    const std::filesystem::directory_iterator files(folder.path());
+    EXPECT_EQ(std::distance(files, {}), 1) << "the end of the last: test_content.py";
     EXPECT_EQ(KeptCover::keep({"<svg>"}), nullptr) << "nothing that can run is handed on";
 }
 

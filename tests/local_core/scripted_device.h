@@ -1,10 +1,10 @@
-// A device around the real core: the real renderer, on a sink that the test scripts and on a loop
-// of its own. Delegates are noted on their way to the renderer and fail the test where they come
-// from inside a call or on another thread. That each is one for the renderer's state and for a
-// stream that lives is a rule of kit/conformance.
+// A device around the real core: the real renderer, on a sink that the test scripts. Delegates are
+// noted on their way to the renderer. That each comes on the loop's thread, from outside of any
+// call, and is one for the renderer's state and for a stream that lives are rules of
+// kit/conformance.
 #pragma once
 
-#include <gtest/gtest.h>
+#include <sys/socket.h>
 #include <uv.h>
 
 #include <algorithm>
@@ -14,66 +14,59 @@
 #include <sstream>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "loop_fixture.h"
 #include "media/audio_renderer_private.h"
 #include "media/source/audio_source_private.h"
 #include "renderer/fake_sink.h"
 #include "renderer/journal.h"
 #include "utility/log_delegate.h"
 
-// One at a time.
-class ScriptedDevice {
+class ScriptedDevice : public LoopTest {
   public:
+    // Called by the renderer's timer, in the place of the core's function.
+    static void end_of_track() { s_current->lines.emplace_back("end of track"); }
+
+  protected:
     ScriptedDevice() {
         setenv("NUVIO_MUSIC_FOLDERS", "/", 1);
         log_silence();
         s_current = this;
         fake_sink::reset();
         fake_sink::state().take = [this](size_t offered) { return write(offered); };
-        uv_loop_init(&m_loop);
-        uv_timer_init(&m_loop, &m_room_timer);
-        uv_timer_init(&m_loop, &m_tick_timer);
-        m_renderer = audio_renderer_new(&m_loop, "pcm", "mixer", "element");
+        uv_timer_init(&loop_, &m_room_timer);
+        m_renderer = audio_renderer_new(&loop_, "pcm", "mixer", "element");
         m_audio = audio_renderer_get_audio_stream_delegate(m_renderer);
         m_media = audio_renderer_get_media_delegate(m_renderer);
-        const nuv_error result = guarded([this](nuv_connect*) {
-            m_core = nuv_connect_create(&m_loop, config(), nullptr);
-            audio_renderer_set_core(m_renderer, m_core);
-            return nuv_connect_set_log_delegate(
-                m_core, {nullptr, [](uint32_t, const char*, const char* message) {
-                             const std::string_view text(message);
-                             s_joined += text.starts_with("Joining session");
-                             s_not_joined += text.starts_with("Not joining session");
-                         }});
-        });
-        EXPECT_EQ(result, NUV_ERROR_OK);
+        // What the core takes for its local configuration server: it asks until something listens.
+        static const int server = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        listen(server, 1);
+        m_core = nuv_connect_create(&loop_, config(), nullptr);
+        audio_renderer_set_core(m_renderer, m_core);
+        nuv_connect_set_log_delegate(m_core,
+                                     {nullptr, [](uint32_t, const char*, const char* message) {
+                                          const std::string_view text(message);
+                                          s_joined += text.starts_with("Joining session");
+                                          s_not_joined += text.starts_with("Not joining session");
+                                      }});
     }
-    ~ScriptedDevice() {
-        ++m_calls_under_way;  // and for ever
+    ~ScriptedDevice() override {
         nuv_connect_free(m_core);
         audio_renderer_free(m_renderer);
         uv_close(reinterpret_cast<uv_handle_t*>(&m_room_timer), nullptr);
-        uv_close(reinterpret_cast<uv_handle_t*>(&m_tick_timer), nullptr);
-        uv_run(&m_loop, UV_RUN_DEFAULT);
-        EXPECT_EQ(uv_loop_close(&m_loop), 0) << "a handle was left open";
+        uv_run(&loop_, UV_RUN_DEFAULT);
     }
-    ScriptedDevice& operator=(ScriptedDevice&&) = delete;
 
     nuv_connect* core() const { return m_core; }
-    uv_loop_t* loop() { return &m_loop; }
 
-    // Every delegate call as a line, its name and arguments: "initiate PLAYING", "started 1 44100
-    // Hz 2 ch 16 bit 100 ms"; and "end of track" from the renderer. Offers of data are not among
-    // them.
+    // What the renderer is told of the playback, its name and arguments: "initiate PLAYING",
+    // "metadata 1 'title'"; and "end of track" from the renderer.
     std::vector<std::string> lines;
     std::vector<std::string> take_lines() { return std::exchange(lines, {}); }
     bool has_line(const std::string& line) const { return std::ranges::count(lines, line) > 0; }
 
-    // All that has been taken, end to end, over track changes and seeks.
-    std::vector<std::byte> heard;
     // Taken of each stream since its start or last seek, by id.
     std::vector<std::vector<std::byte>> pcm_of_stream;
 
@@ -84,42 +77,29 @@ class ScriptedDevice {
     uint64_t tail_ms = 4;          // what the sink holds when a track has been delivered
     bool holds_hand_over = false;  // the track does not end after that, while its next one flows
 
-    // Runs the loop until the condition holds; fails the test when it does not within ten seconds.
+    // Fails the test when the condition does not hold within ten seconds.
     void run_until(const std::function<bool()>& condition) {
-        run(condition, 10'000, 10'000);
-        ASSERT_TRUE(condition()) << testing::PrintToString(lines);
+        ASSERT_TRUE(LoopTest::run_until([&] {
+            journal::take();  // it would grow
+            return condition();
+        })) << testing::PrintToString(lines);
     }
     void run_until_line(const std::string& line) {
         SCOPED_TRACE(line);
         run_until([&] { return has_line(line); });
     }
-    void run_for_ms(uint64_t ms) {
-        run([] { return false; }, ms, 1);
-    }
-
     // Connects to an endpoint, as "session", with no expiry, and waits until it is joined or, with
     // NUV_ERROR_EMPTY_SESSION, found to have nothing to play.
     nuv_error play(const std::string& endpoint, bool become_active = true) {
         const int joined = s_joined;
         const int not_joined = s_not_joined;
-        const nuv_error error = guarded([&](nuv_connect* core) {
-            return nuv_connect_connect(core, "session", endpoint.c_str(), "", 0, "", "", 0,
-                                       become_active);
-        });
+        const nuv_error error = nuv_connect_connect(m_core, "session", endpoint.c_str(), "", 0, "",
+                                                    "", 0, become_active);
         if (error == NUV_ERROR_OK) {
             run_until([&] { return s_joined != joined || s_not_joined != not_joined; });
         }
         return s_not_joined != not_joined ? NUV_ERROR_EMPTY_SESSION : error;
     }
-    // A call into the core from the loop's thread, during which no delegate may come.
-    template <typename Call>
-    nuv_error guarded(Call call) {
-        ++m_calls_under_way;
-        const nuv_error error = call(m_core);
-        --m_calls_under_way;
-        return error;
-    }
-    static ScriptedDevice& current() { return *s_current; }
 
     audio_source* active() const { return active_source_of(m_renderer); }
     audio_source* next() const {
@@ -142,26 +122,12 @@ class ScriptedDevice {
             out << " " << nuv_playback_state_to_string(value);
         } else if constexpr (std::is_same_v<Value, nuv_loop_mode>) {
             out << " " << nuv_loop_mode_to_string(value);
-        } else if constexpr (std::is_same_v<Value, nuv_audio_stream_info>) {
-            const nuv_audio_format& format = value.format;
-            out << " " << format.sample_rate << " Hz " << format.channel_count << " ch "
-                << (format.sample_format == NUV_AUDIO_SAMPLE_FORMAT_16_BIT ? 16 : 24) << " bit "
-                << value.duration_ms << " ms";
         } else if constexpr (std::is_same_v<Value, const nuv_stream_metadata*>) {
-            out << " " << value->title << "|" << value->artist << "|" << value->album << "|"
-                << value->album_art_url;
-        } else if constexpr (!std::is_same_v<Value, void*>) {  // the context
+            out << " '" << value->title << "'";
+        } else if constexpr (std::is_integral_v<Value>) {
             out << " " << value;
         }
     }
-    template <typename... Arguments>
-    void note(const char* name, const Arguments&... arguments) {
-        std::ostringstream line;
-        line << name;
-        (print(line, arguments), ...);
-        lines.push_back(line.str());
-    }
-
     // ---- Delegates
 
     template <size_t size>
@@ -170,25 +136,16 @@ class ScriptedDevice {
         // NOLINTNEXTLINE(google-explicit-constructor): a literal becomes one
         constexpr Name(const char (&literal)[size]) { std::copy_n(literal, size, text); }
     };
-    static void check_entry(const char* name) {
-        EXPECT_EQ(s_current->m_calls_under_way, 0) << name << " came from inside a call";
-        EXPECT_EQ(std::this_thread::get_id(), s_current->m_loop_thread);
-    }
-
-    // A delegate of the renderer, checked and noted.
+    // A delegate of the renderer, noted.
     template <auto kDelegate, Name kName, typename Function>
     struct Noted;
     template <auto kDelegate, Name kName, typename Result, typename... Arguments>
     struct Noted<kDelegate, kName, Result (*)(nuv_connect*, Arguments...)> {
         static Result call(nuv_connect* core, Arguments... arguments) {
-            check_entry(kName.text);
-            if (kName.text[0] != '(') {  // not worth a line
-                s_current->note(kName.text, arguments...);
-            }
-            ++s_current->m_calls_under_way;
-            struct Leave {
-                ~Leave() { --s_current->m_calls_under_way; }
-            } const leave;
+            std::ostringstream line;
+            line << kName.text;
+            (print(line, arguments), ...);
+            s_current->lines.push_back(line.str());
             return (record_of(kDelegate).*kDelegate)(core, arguments...);
         }
     };
@@ -206,11 +163,10 @@ class ScriptedDevice {
     }
     static size_t data(nuv_connect* core, uint64_t id, const void* pcm, size_t size,
                        void* context) {
-        const size_t taken = kNoted<&Audio::data, "(data)">(core, id, pcm, size, context);
+        const size_t taken = s_current->m_audio.data(core, id, pcm, size, context);
         const auto* const bytes = static_cast<const std::byte*>(pcm);
-        for (auto* taker : {&s_current->heard, &s_current->pcm_of_stream[id]}) {
-            taker->insert(taker->end(), bytes, bytes + taken);
-        }
+        std::vector<std::byte>& heard = s_current->pcm_of_stream[id];
+        heard.insert(heard.end(), bytes, bytes + taken);
         return taken;
     }
     static void finished(nuv_connect* core, uint64_t id, void* context) {
@@ -246,87 +202,55 @@ class ScriptedDevice {
                                        [](nuv_connect*, void*) {}};
         const auto server = [](nuv_connect*, void*) {};
         config.local_config_server_delegate = {nullptr, server, server};
-        config.audio_stream_delegate = {m_audio.context,
-                                        started,
-                                        data,
-                                        kNoted<&Audio::metadata, "metadata">,
-                                        finished,
-                                        seeked,
-                                        kNoted<&Audio::dispose, "dispose">};
-        config.media_delegate = {
-            m_media.context,
-            initiate,
-            kNoted<&Media::pause_playback, "pause">,
-            kNoted<&Media::resume_playback, "resume">,
-            kNoted<&Media::stop_playback, "stop">,
-            kNoted<&Media::seek_in_progress, "seek in progress">,
-            kNoted<&Media::get_playback_position, "(position)">,
-            kNoted<&Media::volume_changed, "(volume)">,
-            kNoted<&Media::mute_state_changed, "(mute)">,
-            kNoted<&Media::playback_state_changed, "state">,
-            kNoted<&Media::maximum_audio_quality_changed, "(quality)">,
-            kNoted<&Media::playback_controls_changed, "controls">,
-            kNoted<&Media::playback_actions_availability_changed, "next available">};
-        config.renderer_state_delegate = {nullptr, [](nuv_connect*, bool active, void*) {
-                                              check_entry("active");
-                                              s_current->note("active", active);
-                                          }};
+        nuv_audio_stream_delegate& audio = config.audio_stream_delegate = m_audio;
+        audio.started = started;
+        audio.data = data;
+        audio.metadata = kNoted<&Audio::metadata, "metadata">;
+        audio.finished = finished;
+        audio.seeked = seeked;
+        audio.dispose = kNoted<&Audio::dispose, "dispose">;
+        nuv_media_delegate& media = config.media_delegate = m_media;
+        media.initiate_playback = initiate;
+        media.pause_playback = kNoted<&Media::pause_playback, "pause">;
+        media.stop_playback = kNoted<&Media::stop_playback, "stop">;
+        media.seek_in_progress = kNoted<&Media::seek_in_progress, "seek in progress">;
+        media.playback_state_changed = kNoted<&Media::playback_state_changed, "state">;
+        media.playback_controls_changed = kNoted<&Media::playback_controls_changed, "controls">;
+        config.renderer_state_delegate = {nullptr, [](nuv_connect*, bool, void*) {}};
         return config;
     }
 
     // ---- The sink
 
-    static size_t frame_bytes_of(const audio_source& source) {
-        return nuv_audio_sample_format_size(source.format.sample_format) *
-               source.format.channel_count;
-    }
     size_t write(size_t offered) {
-        const size_t frame_bytes = frame_bytes_of(*m_renderer->playing_source);
+        const nuv_audio_format& format = m_renderer->playing_source->format;
+        const size_t frame_bytes =
+            nuv_audio_sample_format_size(format.sample_format) * format.channel_count;
         const size_t taken = take ? take(offered) / frame_bytes * frame_bytes : offered;
-        const auto signal = [](uv_timer_t*) {
-            s_current->guarded(
-                [](nuv_connect*) { return fake_sink::signal_space(), NUV_ERROR_OK; });
-        };
         if (taken < offered) {
-            uv_timer_start(&m_room_timer, signal, 1, 0);
+            uv_timer_start(
+                &m_room_timer, [](uv_timer_t*) { fake_sink::signal_space(); }, 1, 0);
         }
         return taken;
-    }
-
-    void run(const std::function<bool()>& condition, uint64_t limit_ms, uint64_t tick_ms) {
-        const uint64_t end = uv_hrtime() + limit_ms * 1'000'000;
-        // Repeated: one that is due before the loop waits would leave it waiting for ever.
-        uv_timer_start(
-            &m_tick_timer, [](uv_timer_t*) {}, tick_ms, tick_ms);
-        while (!condition() && uv_hrtime() < end) {
-            uv_run(&m_loop, UV_RUN_ONCE);
-            journal::take();  // it would grow
-        }
-        uv_timer_stop(&m_tick_timer);
     }
 
     static inline ScriptedDevice* s_current = nullptr;
     // By the core's log: sessions since the program's start.
     static inline std::atomic<int> s_joined, s_not_joined;
 
-    const std::thread::id m_loop_thread = std::this_thread::get_id();
-    uv_loop_t m_loop{};
-    uv_timer_t m_room_timer{}, m_tick_timer{};
+    uv_timer_t m_room_timer{};
     audio_renderer* m_renderer = nullptr;
     Audio m_audio{};  // the renderer's
     Media m_media{};
     nuv_connect* m_core = nullptr;
-    int m_calls_under_way = 0;
 };
 
-// Called by the renderer's timer: the linker puts it in place of the core's function.
+// The linker puts it in place of the core's.
 extern "C" {
 nuv_error __real_nuv_connect_notify_playback_finished(nuv_connect* core, bool no_next_track);
-[[gnu::used]] inline nuv_error __wrap_nuv_connect_notify_playback_finished(nuv_connect*,
+[[gnu::used]] inline nuv_error __wrap_nuv_connect_notify_playback_finished(nuv_connect* core,
                                                                            bool no_next_track) {
-    ScriptedDevice::current().lines.emplace_back("end of track");
-    return ScriptedDevice::current().guarded([no_next_track](nuv_connect* core) {
-        return __real_nuv_connect_notify_playback_finished(core, no_next_track);
-    });
+    ScriptedDevice::end_of_track();
+    return __real_nuv_connect_notify_playback_finished(core, no_next_track);
 }
 }

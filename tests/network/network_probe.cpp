@@ -1,14 +1,16 @@
-// Drives the network's content as a decoder would, for test_network.py:
+// Drives the core's content as a decoder's thread would, for test_network.py:
 //   network_probe read URL [KEY=VALUE ...] [OFFSET:COUNT ...]   bytes to stdout, the outcome to
 //                                                               stderr; COUNT 0 is all that is left
-//   network_probe decode URL [...]     the same in 16-bit frames of two channels
+//   network_probe decode PATH|URL [...]     the same in frames, as the device gets them
 //   network_probe encode FILE TO [TITLE]    a stereo file as MP3, or as Vorbis with a title
 //   network_probe tracks URL [KEY=VALUE ...]                    a line a track to stdout
+#include <sndfile.h>
+
 #include <algorithm>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -16,8 +18,8 @@
 #include <vector>
 
 #include "local/network/http_source.h"
-#include "local/network/remote_sound.h"
 #include "local/network/remote_tracks.h"
+#include "local/track_decoder.h"
 
 using namespace local_core;
 
@@ -25,6 +27,11 @@ namespace {
 
 const char* const kFailures[] = {"none",    "cancelled", "unusable",   "refused",
                                  "missing", "changed",   "unreachable"};
+
+void tell(HttpFailure failure, const std::string& error) {
+    std::fprintf(stderr, "failure=%s\nerror=%s\n", kFailures[static_cast<int>(failure)],
+                 error.c_str());
+}
 
 size_t number(std::string_view text) {
     return std::strtoull(std::string(text).c_str(), nullptr, 10);
@@ -71,29 +78,21 @@ Job parse(int argc, char** argv) {
     return job;
 }
 
-void read_parts(HttpSource& source, const Job& job) {
-    std::vector<char> piece(10000);  // no divisor of anything
-    std::string title;
-    bool has_paused = job.pause_ms == 0;
+// What is asked for of `source`, a unit of so many bytes.
+template <typename Source>
+void read_parts(Source& source, const Job& job, size_t unit) {
+    std::vector<int32_t> piece(2500);  // no divisor of anything
+    size_t pause_ms = job.pause_ms;
     for (auto [offset, count] : job.parts) {
-        if (!source.seek(offset)) {
-            std::fprintf(stderr, "seek=false\n");
-        }
-        for (size_t left = count == 0 ? SIZE_MAX : count; left > 0;) {
-            const size_t got = source.read(piece.data(), std::min(left, piece.size()));
-            std::fwrite(piece.data(), 1, got, stdout);
-            left -= got;
-            if (source.title() != title) {
-                title = source.title();
-                std::fprintf(stderr, "title=%s\n", title.c_str());
-            }
+        source.seek(offset);
+        for (size_t left = count == 0 ? SIZE_MAX : count * unit; left > 0;) {
+            const size_t got = source.read(piece.data(), piece.size() * sizeof piece[0]);
             if (got == 0) {
                 break;
             }
-            if (!has_paused) {
-                std::this_thread::sleep_for(std::chrono::milliseconds(job.pause_ms));
-                has_paused = true;
-            }
+            std::fwrite(piece.data(), 1, std::min(left, got), stdout);
+            left -= std::min(left, got);
+            std::this_thread::sleep_for(std::chrono::milliseconds(std::exchange(pause_ms, 0)));
         }
     }
 }
@@ -106,43 +105,32 @@ void read(const Job& job) {
             source.cancel();
         }
     });
-    if (const auto content = source.open()) {
-        std::fprintf(stderr, "type=%s\nurl=%s\nradio=%d\n", content->content_type.c_str(),
-                     content->url.c_str(), content->is_radio ? 1 : 0);
-        read_parts(source, job);
+    if (source.open()) {
+        read_parts(source, job, 1);
     }
     canceller.join();
-    std::fprintf(stderr, "failure=%s\nerror=%s\n", kFailures[static_cast<int>(source.failure())],
-                 source.error().c_str());
+    tell(source.failure(), source.error());
 }
 
 void decode(const Job& job) {
-    HttpSource source(job.request);
-    SF_INFO info{};
-    const auto sound = RemoteSound::open(source, &info);
-    std::vector<float> piece(size_t{2} * 3000);
-    for (auto [offset, count] : job.parts) {
-        if (!sound || info.channels != 2 ||
-            (info.seekable != 0 &&
-             sf_seek(sound->file(), static_cast<sf_count_t>(offset), SEEK_SET) < 0)) {
-            break;
-        }
-        for (size_t left = count == 0 ? SIZE_MAX : count; left > 0;) {
-            const auto frames = static_cast<sf_count_t>(std::min<size_t>(left, 3000));
-            const sf_count_t got = sf_readf_float(sound->file(), piece.data(), frames);
-            if (got <= 0) {
-                break;
-            }
-            for (size_t i = 0; i < 2 * static_cast<size_t>(got);
-                 ++i) {  // rounded, as the core does
-                const auto sample = static_cast<short>(std::lrintf(piece[i] * 32768));
-                std::fwrite(&sample, sizeof sample, 1, stdout);
-            }
-            left -= static_cast<size_t>(got);
-        }
+    Track track{.location = job.request.url};
+    if (track.location.find("://") != std::string::npos) {
+        track.remote = std::make_shared<const HttpRequest>(job.request);
     }
-    std::fprintf(stderr, "failure=%s\nerror=%s\n", kFailures[static_cast<int>(source.failure())],
-                 source.error().c_str());
+    Interruption none;
+    OpenFailure failure;
+    const auto decoder =
+        TrackDecoder::open(track, NUV_AUDIO_QUALITY_HI_RES_LEVEL_3, none, &failure);
+    if (!decoder) {
+        tell(failure.network, failure.reason);
+        return;
+    }
+    const TrackInfo& info = decoder->info();
+    std::fprintf(stderr, "about=%u Hz %zu frames %d%d %s%s\n", info.format.sample_rate,
+                 info.is_endless ? 0 : static_cast<size_t>(info.frame_count), info.is_endless,
+                 info.seekable, info.title.c_str(), info.station.c_str());
+    read_parts(*decoder, job, info.frame_bytes);
+    tell(decoder->failure(), decoder->last_error());
 }
 
 void encode(const char* from, const char* to, const char* title) {
@@ -172,8 +160,7 @@ void list_tracks(const Job& job) {
                     track.creator.c_str(), track.album.c_str(), track.image.c_str(),
                     static_cast<long long>(track.duration_ms.value_or(0)));
     }
-    std::fprintf(stderr, "failure=%s\nerror=%s\n", kFailures[static_cast<int>(failure)],
-                 error.c_str());
+    tell(failure, error);
 }
 
 }  // namespace

@@ -1,26 +1,35 @@
 """Content over the network: every case compares what arrives with what the server has."""
+import array
+import itertools
+import math
 import os
+import pathlib
 import random
-import shlex
 import socket
+import struct
 import subprocess
 import sys
 import tempfile
 import time
 import unittest
-import wave
 
-sys.path[:0] = [os.path.join(os.path.dirname(__file__), place) for place in ("..", "../../tools/run")]
-from bad_line import BadLine  # noqa: E402
-from scripted_server import ScriptedServer  # noqa: E402
-from web_server import WebServer, free_ports  # noqa: E402
+sys.path[:0] = [os.path.join(os.path.dirname(__file__), place) for place in ("..", "../e2e")]
+from certificate import make_certificate  # noqa: E402
+from device import (BUILD, CD, BadLine, ScriptedServer, WebServer, program, signal_samples,  # noqa: E402
+                    write_wav)
+from web_server import free_ports  # noqa: E402
 
-PROBE = [*shlex.split(os.environ.get("NUVIO_EMULATOR", "")),
-         os.path.join(os.environ["NUVIO_BUILD"], "bin", "network_probe")]
+HAS_MODULE = bool(list(BUILD.glob("lib/libnuvio_connect_ffmpeg.so*")))
+# What the module reads, by how it is encoded.
+ENCODED = {"16.m4a": "alac", "24.m4a": "alac", "16.wv": "wavpack",
+           "24.wv": "wavpack", "16.oga": "flac"}
+# The last two would play if the module opened what a file names.
+NO_SOUND = {"none.wav": "RIFF", "hls.m4a": "#EXTM3U\n#EXT-X-TARGETDURATION:5\n#EXTINF:5,\n16.wav\n",
+            "list.m4a": "ffconcat version 1.0\nfile 16.wav\n"}
 SERVERS = """
     server {{
         listen 127.0.0.1:{port}; listen 127.0.0.1:{tls} ssl http2;
-        ssl_certificate {d}/cert.pem; ssl_certificate_key {d}/key.pem;
+        ssl_certificate {d}/cert; ssl_certificate_key {d}/key;
         location /plain/ {{ alias {d}/; }}
         location /noranges/ {{ alias {d}/; max_ranges 0; }}
         location /slow/ {{ alias {d}/; limit_rate 400k; }}
@@ -43,19 +52,6 @@ SERVERS = """
 """
 
 
-def openssl(directory):
-    def run(*arguments):
-        subprocess.run(["openssl", *arguments], cwd=directory, check=True, capture_output=True)
-    run("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-        "-keyout", "ca.key", "-out", "ca.pem", "-subj", "/CN=authority", "-days", "9")
-    run("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes",
-        "-keyout", "key.pem", "-out", "request.pem", "-subj", "/CN=server")
-    with open(f"{directory}/names", "w") as names:
-        names.write("subjectAltName=IP:127.0.0.1\n")
-    run("x509", "-req", "-in", "request.pem", "-CA", "ca.pem", "-CAkey", "ca.key",
-        "-CAcreateserial", "-extfile", "names", "-out", "cert.pem", "-days", "9")
-
-
 class Result:
     def __init__(self, process):
         self.body, log = process.communicate(timeout=60)
@@ -64,12 +60,55 @@ class Result:
             raise AssertionError(self.log)
         fields = dict(line.split("=", 1) for line in self.log.splitlines() if "=" in line)
         self.failure, self.error = fields.get("failure"), fields.get("error")
-        self.titles = [line[6:] for line in self.log.splitlines() if line.startswith("title=")]
 
 
 def start(command, url, *arguments, wrapper=()):
-    return subprocess.Popen([*wrapper, *PROBE, command, url, *arguments], stdout=subprocess.PIPE,
-                            stderr=subprocess.PIPE)
+    return subprocess.Popen([*wrapper, *program("network_probe"), command, url, *arguments],
+                            stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+
+def pieces(content, parts, unit=1):
+    """Of some content what "FIRST:COUNT" name, of so many bytes each; 0: all that is left."""
+    pairs = [[unit * int(number) for number in part.split(":")] for part in parts]
+    return b"".join(content[first:first + count if count else None] for first, count in pairs)
+
+
+def error_of(heard, wanted):
+    """How much of half a second's power is missing or too much."""
+    pairs = list(zip(heard[:CD], wanted[:CD], strict=True))
+    return sum((h - w) ** 2 for h, w in pairs) / sum(w * w for _, w in pairs)
+
+
+def tone(seconds):
+    return 0.4 * math.sin(2 * math.pi * 441 * seconds)
+
+
+def dsd_files(count):
+    """A second-order modulator's bits of the tone on both channels, `count` bytes each, and something
+    behind the sound, as files have it."""
+    rate, first, second, lowest_first = 64 * CD, 0, 0, bytearray()
+    for at in range(0, 8 * count, 8):
+        bits = 0
+        for bit in range(8):
+            out = 1 if second >= 0 else -1
+            first += tone((at + bit) / rate) - out
+            second += first - 2 * out
+            bits |= (out > 0) << bit
+        lowest_first.append(bits)
+    highest_first = lowest_first.translate(bytes(int(f"{n:08b}"[::-1], 2) for n in range(256)))
+    blocks = b"".join(2 * lowest_first[n:n + 4096] for n in range(0, count, 4096))
+
+    def chunk(name, body):
+        return name + struct.pack(">Q", len(body)) + body
+
+    about = b"SND " + chunk(b"FS  ", struct.pack(">I", rate)) + chunk(b"CHNL", b"\0\2SLFTSRGT") + \
+        chunk(b"CMPR", b"DSD \x0fnot compressed.")
+    sound = b"".join(bytes([byte, byte]) for byte in highest_first)
+    return {"a.dsf": b"DSD " + struct.pack("<Q16x", 28) + b"fmt " + struct.pack(
+                "<Q6IQI4x", 52, 1, 0, 2, 2, rate, 1, 8 * count, 4096) + b"data" + struct.pack(
+                "<Q", 12 + len(blocks)) + blocks + b"x" * 30000,
+            "a.dff": chunk(b"FRM8", b"DSD " + chunk(b"FVER", b"\1\5\0\0") + chunk(b"PROP", about) +
+                           chunk(b"DSD ", sound) + chunk(b"ID3 ", b"x" * 30000))}
 
 
 class Network(unittest.TestCase):
@@ -78,7 +117,7 @@ class Network(unittest.TestCase):
         cls.directory = tempfile.TemporaryDirectory()
         cls.addClassCleanup(cls.directory.cleanup)
         cls.d = cls.directory.name
-        openssl(cls.d)
+        make_certificate(cls.d, "IP:127.0.0.1")
         cls.tls, cls.other = free_ports(2)
         cls.file = random.Random(1).randbytes(1_500_000)
         cls.write("file", cls.file)
@@ -86,7 +125,8 @@ class Network(unittest.TestCase):
         cls.addClassCleanup(cls.server.kill)
         cls.base = cls.server.url
         cls.secure = f"https://127.0.0.1:{cls.tls}"
-        cls.authority = f"authorities={cls.d}/ca.pem"
+        cls.places = [cls.d, f"{cls.base}/plain"]
+        cls.authority = f"authorities={cls.d}/cert"
 
     @classmethod
     def write(cls, name, content):
@@ -98,8 +138,7 @@ class Network(unittest.TestCase):
 
     def test_bytes_are_the_files(self):
         parts = ["0:5000", "1400000:20000", "1499990:100", "100:4000", "700000:300000", "0:1000"]
-        wanted = b"".join(self.file[int(p):int(p) + int(n)]
-                          for p, n in (part.split(":") for part in parts))
+        wanted = pieces(self.file, parts)
         for url, arguments, body in [
                 ("/plain/file", [], self.file),
                 ("/plain/file", ["read_ahead=1", "pause_ms=500"], self.file),
@@ -118,23 +157,85 @@ class Network(unittest.TestCase):
                 result = self.read(url, *arguments)
                 self.assertEqual((result.failure, result.body == body), ("none", True), result.log)
 
-    def test_decoded_bit_for_bit(self):
-        samples = self.file[:1_200_000]
-        with wave.open(f"{self.d}/sound.wav", "wb") as sound:
-            sound.setparams((2, 2, 44100, 0, "NONE", ""))
-            sound.writeframes(samples)
-        subprocess.run(["flac", "--silent", f"{self.d}/sound.wav"], check=True)
-        parts = ["200000:5000", "10:2000", "299000:1000"]
-        wanted = b"".join(samples[4 * int(p):4 * (int(p) + int(n))]
-                          for p, n in (part.split(":") for part in parts))
-        for place in ["plain", "noranges"]:
-            for name in ["sound.wav", "sound.flac"]:
-                for arguments, body in [([], samples), (["read_ahead=1", *parts], wanted)]:
-                    with self.subTest(place=place, name=name, arguments=arguments):
-                        result = Result(start("decode", f"{self.base}/{place}/{name}", *arguments))
-                        self.assertEqual((result.failure, result.body == body), ("none", True),
-                                         result.log)
-        self.assertEqual(Result(start("decode", f"{self.base}/plain/nginx.conf")).body, b"")
+    def decode(self, name, *arguments, tells="", place=None):
+        """What is heard of a file on the disk, or of the URL; it is told as it is."""
+        result = Result(start("decode", f"{place or self.d}/{name}", *arguments))
+        self.assertEqual(result.failure, "none", result.log)
+        self.assertIn(tells, result.log)
+        return result.body
+
+    def ffmpeg(self, source, name, *options, before=()):
+        subprocess.run(["ffmpeg", "-v", "error", *before, "-i", source, *options, "-metadata",
+                        "title=Song", name], cwd=self.d, check=True)
+
+    def test_lossless_files_are_bit_exact_from_any_frame_on(self):
+        noise = array.array("h", self.file[:1_200_000])
+        deep = array.array("i", [256 * sample + sample % 256 for sample in noise])
+        heard = {"16": write_wav(f"{self.d}/16.wav", noise, CD),
+                 "24": write_wav(f"{self.d}/24.wav", deep, CD, 3)}
+        subprocess.run(["flac", "--silent", "16.wav", "24.wav"], cwd=self.d, check=True)
+        names = ["16.wav", "16.flac", "24.wav", "24.flac", *(ENCODED if HAS_MODULE else ())]
+        for name in names[4:]:
+            self.ffmpeg(f"{name[:2]}.wav", name, "-c:a", ENCODED[name])
+        parts = ["0:0", "200000:5000", "1:2000", "299990:0", "10:5000"]
+        for name, place in itertools.product(names, [*self.places, f"{self.base}/noranges"]):
+            whole, title = heard[name[:2]], "Song" * (name in ENCODED)
+            body = self.decode(name, "read_ahead=1", *parts, place=place,
+                               tells=f"44100 Hz 300000 frames 01 {title}\n")
+            self.assertTrue(body == pieces(whole, parts, len(whole) // 300_000), (name, place))
+        some = self.file[:240_000]
+        for name, channels, codec, content, samples in [
+                ("1.wav", "1", "u8", some, array.array("h", [256 * (b - 128) for b in some])),
+                ("3.wav", "3", "s32le", array.array("i", [256 * s + 7 for s in deep[:60_000]])
+                 .tobytes(), deep[:60_000]),
+                ("8.aiff", "8", "s16be", some, array.array("h", noise[:120_000])),
+                ("float.wav", "1", "f32le", struct.pack("<6f", 0, 0.5, -0.5, 1.5, -1.5, math.nan),
+                 array.array("i", [0, 1 << 22, -1 << 22, (1 << 23) - 1, -1 << 23, 0]))]:
+            self.write("raw", content)
+            self.ffmpeg("raw", name, "-c:a", f"pcm_{codec}",
+                        before=("-f", codec.replace("be", "le"), "-ar", "384000", "-ac", channels))
+            self.assertTrue(self.decode(name, tells="384000 Hz") == samples.tobytes(), name)
+        for name, text in NO_SOUND.items():
+            self.write(name, text)
+            self.assertEqual(Result(start("decode", f"{self.d}/{name}")).body, b"")
+
+    @unittest.skipUnless(HAS_MODULE, "no libavformat for this machine")
+    def test_lossy_sound_is_the_signal_and_an_aac_radio_is_joined_in_a_frame(self):
+        frames, frame = 3 * CD + 123, 2 * 1024
+        source = signal_samples(frames)
+        write_wav(f"{self.d}/signal.wav", source, CD)
+        for name, codec in [("a.m4a", "aac"), ("a.aac", "aac"), ("a.ogg", "libvorbis")]:
+            self.ffmpeg("signal.wav", name, "-c:a", codec, "-b:a", "256k")
+        for name, place, first in itertools.product(["a.m4a", "a.ogg"], self.places, [0, 70001]):
+            heard = array.array("h", self.decode(name, f"{first}:0", place=place))
+            self.assertIn(len(heard), range(2 * (frames - first), 2 * (frames - first + 1024)))
+            skipped = 0 if first else 4 * frame  # the encoder too has a run-in
+            wanted = source[2 * first + skipped:]
+            self.assertLess(error_of(heard[skipped:], wanted), 0.001, "a shift by a frame is more")
+        content = pathlib.Path(self.d, "a.aac").read_bytes()[777:]
+
+        def on_air(handler, _):
+            handler.head(200, icy_name="Station", Content_Type="audio/aac")
+            handler.wfile.write(content)
+
+        with ScriptedServer(on_air) as server:
+            heard = array.array("h", self.decode("", f"0:{2 * CD}", place=server.url,
+                                                 tells="44100 Hz 0 frames 10 Station\n"))
+        self.assertEqual(len(heard), 4 * CD)
+        errors = [error_of(heard[4 * frame:], source[n * frame:]) for n in range(4, 12)]
+        self.assertLess(min(errors), 0.001)  # of one it is where it was joined
+
+    @unittest.skipUnless(HAS_MODULE, "no libavformat for this machine")
+    def test_dsd_is_the_signal_at_an_eighth_of_its_rate(self):
+        frames, rate, delay = 40 * 4096, 8 * CD, 5.5  # of the filter, in frames
+        for name, content in dsd_files(frames).items():
+            self.write(name, content)
+        for name, place, first in itertools.product(["a.dsf", "a.dff"], self.places, [0, 50001]):
+            heard = array.array("i", self.decode(name, f"{first}:0", place=place, tells=(
+                f"{rate} Hz {frames} frames 01")))
+            self.assertEqual(len(heard), 2 * (frames - first))
+            wanted = [2**23 * tone((first + 100 + n // 2 - delay) / rate) for n in range(2 * CD)]
+            self.assertLess(error_of(heard[200:], wanted), 0.002)
 
     def test_the_token_reaches_its_own_origin_alone(self):
         for url, body in [("/echo", b"Bearer good"), ("/here", b"Bearer good"),
@@ -188,7 +289,7 @@ class Network(unittest.TestCase):
                                  result.log)
                 self.assertGreater(line.cuts, 1)
 
-    def test_wrong_lengths(self):
+    def test_servers_that_break_off_or_say_a_wrong_length(self):
         content = self.file[:60000]
 
         def too_long(handler, first):
@@ -205,27 +306,16 @@ class Network(unittest.TestCase):
             handler.head(200)
             handler.wfile.write(content)
 
-        for answer in [too_long, in_pieces, without]:
+        def stalled(handler, first):
+            handler.head_from(first, len(content))
+            handler.wfile.write(content[first:first + 40000])
+            time.sleep(90)  # longer than anybody here waits
+
+        for answer in [too_long, in_pieces, without, stalled]:
             with self.subTest(answer=answer.__name__), ScriptedServer(answer) as server:
-                result = self.read(server.url)
+                result = self.read(server.url, "stalled_s=1", "give_up_ms=9000")
                 self.assertEqual((result.failure, result.body == content), ("none", True),
                                  result.log)
-
-    def test_a_stalled_connection_is_made_anew(self):
-        content, requests = self.file[:50000], []
-
-        def answer(handler, first):
-            requests.append(first)
-            handler.head_from(first, len(content))
-            handler.wfile.write(content[first:first + 20000] if len(requests) == 1
-                                else content[first:])
-            if len(requests) == 1:
-                time.sleep(30)
-
-        with ScriptedServer(answer) as server:
-            result = self.read(server.url, "stalled_s=1", "give_up_ms=9000")
-            self.assertEqual((result.failure, result.body == content), ("none", True), result.log)
-            self.assertEqual(requests, [0, 20000])
 
     def test_cancel_ends_every_wait(self):
         with socket.create_server(("127.0.0.1", 0)) as silent:

@@ -2,7 +2,9 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
+#include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -12,58 +14,54 @@
 
 namespace {
 
-using testing::internal::CaptureStdout;
-using testing::internal::GetCapturedStdout;
-
 std::string written_by(const std::function<void()>& writer) {
-    CaptureStdout();
+    testing::internal::CaptureStdout();
     writer();
-    return GetCapturedStdout();
+    return testing::internal::GetCapturedStdout();
 }
 
-TEST(LogDelegate, LineHasDateTimeIdsLevelCategoryAndMessage) {
-    EXPECT_THAT(written_by([] { app_log(LOG_LEVEL_INFO, "Renderer is now %s", "active"); }),
+// Level, category and message of each line.
+std::vector<std::string> lines_of(const std::function<void()>& writer) {
+    std::vector<std::string> lines;
+    std::istringstream output(written_by(writer));
+    for (std::string line; std::getline(output, line);) {
+        if (!line.empty()) {  // some messages bring their own line's end
+            lines.push_back(line.substr(line.find("] ") + 2));
+        }
+    }
+    return lines;
+}
+
+TEST(LogDelegate, ALineIsWholeCutAndFreeOfWhatCouldBeginAnother) {
+    EXPECT_THAT(written_by([] { app_log(7, "Renderer is now %s", "active"); }),
                 testing::MatchesRegex("[0-9]{8} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} "
-                                      "\\[[0-9]+\\.[0-9]+\\] INFO SampleApp: Renderer is now "
+                                      "\\[[0-9]+\\.[0-9]+\\] FATAL SampleApp: Renderer is now "
                                       "active\n"));
-    EXPECT_THAT(written_by([] { app_log(7, "x"); }), testing::HasSubstr(" FATAL SampleApp: x\n"));
-}
-
-TEST(LogDelegate, NoForeignTextBeginsALineOfItsOwn) {
     EXPECT_THAT(
         written_by([] { app_log(LOG_LEVEL_INFO, "id %s.\n", "a\n20260101 x\x1b[2J\t\xc3\xa9"); }),
         testing::EndsWith("id a\\x0a20260101 x\\x1b[2J\t\xc3\xa9.\n\n"));
-}
-
-TEST(LogDelegate, LongMessageIsCutAt2047Bytes) {
-    const std::string line =
-        written_by([] { app_log(LOG_LEVEL_DEBUG, "%s", std::string(3000, 'x').c_str()); });
-    EXPECT_THAT(line, testing::EndsWith("SampleApp: " + std::string(2047, 'x') + "\n"));
+    EXPECT_THAT(lines_of([] { app_log(LOG_LEVEL_DEBUG, "%s", std::string(3000, 'x').c_str()); }),
+                testing::ElementsAre("DEBUG SampleApp: " + std::string(2047, 'x')));
 }
 
 TEST(LogDelegate, LinesOfTwoThreadsNeverMix) {
     constexpr int kLines = 2000;
-    const std::string output = written_by([] {
+    const auto lines = lines_of([] {
         const auto write = [](char letter) {
-            const std::string message(100, letter);
             for (int i = 0; i < kLines; i++) {
-                app_log(LOG_LEVEL_INFO, "%d %s", i, message.c_str());
+                app_log(LOG_LEVEL_INFO, "%d %s", i, std::string(100, letter).c_str());
             }
         };
         std::jthread other(write, 'a');
         write('b');
     });
-    int whole = 0;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        const std::string message = line.substr(line.size() - 100);
-        whole += message == std::string(100, 'a') || message == std::string(100, 'b');
-    }
-    EXPECT_EQ(whole, 2 * kLines);
+    EXPECT_EQ(lines.size(), size_t{2} * kLines);
+    EXPECT_THAT(lines,
+                testing::Each(testing::MatchesRegex("INFO SampleApp: [0-9]+ (a{100}|b{100})")));
 }
 
 TEST(LogDelegate, CallsThatFailInTurnWithoutEndAreCountedInsteadOfWritten) {
-    const std::string output = written_by([] {
+    const auto lines = lines_of([] {
         for (int i = 0; i < 1000; i++) {
             app_log(LOG_LEVEL_ERROR, "write failed");
             sdk_log_callback(LOG_LEVEL_WARNING, "Other", "trying again\n");
@@ -72,17 +70,16 @@ TEST(LogDelegate, CallsThatFailInTurnWithoutEndAreCountedInsteadOfWritten) {
         app_log(LOG_LEVEL_DEBUG, "last");
     });
     log_set_clock(repeat_filter::clock::now);
-    std::vector<std::string> ends;
-    std::istringstream lines(output);
-    for (std::string line; std::getline(lines, line);) {
-        if (!line.empty()) {  // "trying again" brings its own
-            ends.push_back(line.substr(line.find("] ") + 2));
-        }
-    }
-    ASSERT_EQ(ends.size(), 2 * repeat_filter::kPassing + 3);
-    EXPECT_THAT(ends, testing::IsSupersetOf({"ERROR SampleApp: write failed (990 more times)",
-                                             "WARNING Other: trying again (990 more times)"}));
-    EXPECT_EQ(ends.back(), "DEBUG SampleApp: last");
+    ASSERT_EQ(lines.size(), 2 * repeat_filter::kPassing + 3);
+    EXPECT_THAT(lines, testing::IsSupersetOf({"ERROR SampleApp: write failed (990 more times)",
+                                              "WARNING Other: trying again (990 more times)"}));
+    EXPECT_EQ(lines.back(), "DEBUG SampleApp: last");
+}
+
+TEST(LogDelegate, ABrokenPreconditionEndsTheProcessAndSaysWhich) {
+    // The line goes to standard output; death tests look at standard error.
+    EXPECT_DEATH((dup2(2, 1), log_write("A", LOG_LEVEL_INFO, nullptr)),
+                 "log_write: check failed: message != NULL");
 }
 
 }  // namespace
