@@ -64,9 +64,7 @@ void audio_renderer_free(audio_renderer* self) {
     delete self;
 }
 
-void audio_renderer_set_core(audio_renderer*, nuv_connect*) {
-    note("renderer set_core");
-}
+void audio_renderer_set_core(audio_renderer*, nuv_connect*) {}
 nuv_audio_stream_delegate audio_renderer_get_audio_stream_delegate(audio_renderer* self) {
     return {self, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
 }
@@ -111,9 +109,7 @@ void http_server_free(http_server* self) {
     note("http free");
     delete self;
 }
-void http_server_set_core(http_server*, nuv_connect*) {
-    note("http set_core");
-}
+void http_server_set_core(http_server*, nuv_connect*) {}
 nuv_local_config_server_delegate http_server_get_local_config_server_delegate(http_server* self) {
     return {self, nullptr, nullptr};
 }
@@ -128,9 +124,7 @@ void avahi_advertiser_free(avahi_advertiser* self) {
     note("advertiser free");
     delete self;
 }
-void avahi_advertiser_set_core(avahi_advertiser*, nuv_connect*) {
-    note("advertiser set_core");
-}
+void avahi_advertiser_set_core(avahi_advertiser*, nuv_connect*) {}
 nuv_advertising_delegate avahi_advertiser_get_advertising_delegate(avahi_advertiser* self) {
     return {self, nullptr, nullptr};
 }

@@ -36,8 +36,6 @@ TEST_F(StartUp, SetItemsComeInTheOrderOfTheArray) {
     }
     EXPECT_THAT(gather(), ElementsAre("9000", "id", "secret", "Kitchen", "half known", "VantaSync",
                                       "3", "hw:0", "PCM", HasSubstr("Vanta_"), "hw:1"));
-    fake_platform::state()->messages[KORA_DEVICE_NAME] = "Den";
-    EXPECT_EQ(gather()[DEVICE_INFO_DEVICE_NAME], "Den");
 }
 
 TEST_F(StartUp, SerialNumberIsTheWifiAddressOnlyIfItLooksLikeOne) {
@@ -68,14 +66,6 @@ TEST_F(StartUp, OnlyANonZeroEnableItemStartsTheService) {
         EXPECT_EQ(runService(), 0);
     }
     EXPECT_TRUE(fake_platform::state()->nesh == nullptr);
-}
-
-TEST_F(RunningService, EndsWhileItStillWaitsForTheNetwork) {
-    fake_platform::state()->wired = false;
-    run();
-    ASSERT_TRUE(captured_log::wait_for("MAIN TO START NUVIO CONNECT END"));
-    EXPECT_EQ(end(), 0);
-    EXPECT_TRUE(fake_modules::state()->journal.empty());
 }
 
 TEST_F(RunningService, EndsWithoutWaitingForARenameOrForWhoWaitsToPostOne) {
