@@ -100,10 +100,20 @@ TEST_F(Bridge, StopsAtAnyPoint) {
 
 // ---- Commands
 
-TEST_F(Bridge, PostsMadeDuringABatchWaitForItAndJoinTheNext) {
+// The loop's posts make the next batch ready before this one ends; what waits is taken in all the
+// same.
+TEST_F(Bridge, PostsMadeDuringABatchWaitForItAndGoBeforeABatchOfTheLoops) {
+    static std::atomic<bool> loop_posts;
+    loop_posts = false;
+    fake_modules::state()->on_tick = [] {
+        if (loop_posts) {
+            host_report_volume();
+        }
+    };
     startBridge();
     postEventTo_Nuvio("DEVICENAME:Den");
     ASSERT_TRUE(captured_log::wait_for("[DEVICENAME] Waiting 500ms before update\n"));
+    loop_posts = true;
     std::array<std::thread, 3> posters;
     for (std::thread& poster : posters) {
         poster = std::thread([] {
@@ -117,32 +127,26 @@ TEST_F(Bridge, PostsMadeDuringABatchWaitForItAndJoinTheNext) {
     process({});
     EXPECT_THAT(fake_sdk::calls(), ElementsAre("create Den", "set_device_name Den", "next_track",
                                                "next_track", "next_track"));
-}
-
-// The loop's posts make the next batch ready before this one ends; a waiting post is taken in all
-// the same.
-TEST_F(Bridge, APostOfThePlatformGoesBeforeABatchOfTheLoops) {
-    static std::atomic<bool> loop_posts;
-    loop_posts = false;
-    fake_modules::state()->on_tick = [] {
-        if (loop_posts) {
-            host_report_volume();
-        }
-    };
-    startBridge();
-    postEventTo_Nuvio("DEVICENAME:Den");
-    ASSERT_TRUE(captured_log::wait_for("[DEVICENAME] Waiting 500ms before update\n"));
-    loop_posts = true;
-    std::thread poster([] { postEventTo_Nuvio("NEXT"); });
-    ASSERT_TRUE(captured_log::wait_for("Received event = NEXT"));
-    poster.join();
-    process({});
     const Lines lines = captured_log::lines_with("vent = ");
     const auto first = [&lines](const std::string& text) {
         return std::ranges::find_if(
             lines, [&text](const std::string& line) { return line.find(text) != line.npos; });
     };
     EXPECT_LT(first("Pushed event = NEXT"), first("Processing event = VOLUME_STATUS"));
+}
+
+TEST_F(Bridge, AStopCutsTheRenameShortAndDropsWhatIsQueued) {
+    fake_sdk::on_call([](const std::string& call) {
+        if (call == "pause_playback") {  // on the command thread, so both are in the next batch
+            postEventTo_Nuvio("DEVICENAME:Attic");
+            postEventTo_Nuvio("NEXT");
+        }
+    });
+    startBridge();
+    postEventTo_Nuvio("PAUSE");
+    ASSERT_TRUE(captured_log::wait_for("[DEVICENAME] Waiting 500ms before update\n"));
+    stopNuvioConnect();
+    EXPECT_THAT(fake_sdk::calls(), ElementsAre("create Den", "pause_playback", "free"));
 }
 
 }  // namespace
