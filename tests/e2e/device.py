@@ -22,10 +22,8 @@ import wave
 TREE = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(TREE / "tools/run"), str(TREE / "tests")]
 import own_device  # noqa: E402
-from bad_line import BadLine  # noqa: E402, F401
 from icecast import Radio  # noqa: E402, F401
 from own_device import PATIENCE, wait_for  # noqa: E402,F401
-from scripted_server import ScriptedServer  # noqa: E402, F401
 from web_server import WebServer  # noqa: E402, F401
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
@@ -54,9 +52,7 @@ def signal_samples(frames, start=0, rate=44100, peak=12000):
 def write_wav(path, samples, rate, sample_bytes=2):
     """Writes stereo samples; returns the bytes that the card must play for them."""
     with wave.open(str(path), "wb") as out:
-        out.setnchannels(2)
-        out.setsampwidth(sample_bytes)
-        out.setframerate(rate)
+        out.setparams((2, sample_bytes, rate, 0, "NONE", ""))
         if sample_bytes == 2:
             played = array.array("h", samples).tobytes()
             out.writeframes(played)
@@ -104,10 +100,10 @@ class DeviceTest(unittest.TestCase):
         self.music.mkdir()
         self.port = own_device.free_port()
         self.daemon = None
-        self.card("create", *self.card_options)
         self.environment = own_device.environment(
             self.folder, self.folder / "card/asound.conf", NUVIO_LOG_STDERR="1")
         self.environment["NUVIO_MUSIC_FOLDERS"] = str(self.folder)
+        self.card("create", *self.card_options)
         self.start_bus()
         self.write_settings(**self.settings)
         self.log_path = self.folder / "daemon.log"
@@ -190,13 +186,11 @@ class DeviceTest(unittest.TestCase):
         return result.stdout.strip() if result.returncode == 0 else None
 
     def card(self, verb, *words):
-        return subprocess.run([*program("simcardctl"), verb, self.folder / "card", *words],
-                              check=True, text=True, capture_output=True).stdout
+        return self.run_tool(*program("simcardctl"), verb, self.folder / "card", *words)
 
     def amixer(self, *words):
         config = self.folder / "card/asound-tools.conf"
-        return subprocess.run(["amixer", *words], check=True, text=True, capture_output=True,
-                              env=dict(self.environment, ALSA_CONFIG_PATH=str(config))).stdout
+        return self.run_tool("env", f"ALSA_CONFIG_PATH={config}", "amixer", *words)
 
     def player(self, *words):
         """Output of playerctl, or None when it fails."""
