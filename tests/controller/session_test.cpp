@@ -71,15 +71,8 @@ TEST_F(DeviceStateTest, a_queue_comes_in_any_parts_and_a_new_revision_replaces_i
     EXPECT_EQ(m_state.missing_place(), std::nullopt);
 }
 
-TEST_F(DeviceStateTest, whatever_a_device_sends_is_passed_over_or_bounded) {
-    for (const char* text :
-         {"", "[]", "{}", R"({"type":5})", R"({"type":"state"})", R"({"type":"queue","items":5})",
-          R"({"type":"state","playback":"<b>"})", R"({"type":"other","items":[]})"}) {
-        EXPECT_FALSE(say(text)) << text;
-    }
-    EXPECT_TRUE(say(R"({"type":"queue","revision":-1,"length":1e300,"first":1e18,
-                        "items":[null,5,{"item":"x","title":[]}]})"));
-    EXPECT_TRUE(say(R"({"type":"track","item":1,"title":5,"format":[],"duration_ms":-5})"));
+TEST_F(DeviceStateTest, whatever_a_device_sends_is_bounded) {
+    EXPECT_FALSE(say(R"({"type":"state","playback":"<b>"})"));
     EXPECT_TRUE(say(R"({"type":"state","playback":"playing","volume":1e99,"position_ms":1e15,
                         "taken_ms":-9007199254740992})"));
     EXPECT_GE(position_at(1'000), 0);
