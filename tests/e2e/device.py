@@ -196,6 +196,19 @@ class DeviceTest(unittest.TestCase):
         """Output of playerctl, or None when it fails."""
         return self.run_tool("playerctl", "-p", "nuvio_connect", *words, check=False)
 
+    def wait_for_status(self, status):
+        wait_for(f"status {status}", lambda: self.player("status") == status)
+
+    def pause(self):
+        pauses = self.log_count("Pausing playback")
+        self.player("pause")
+        self.wait_for_log("Pausing playback", pauses + 1)
+        self.wait_for_status("Paused")
+
+    def resume(self):
+        self.player("play")
+        self.wait_for_status("Playing")
+
     def request(self, method, path, body=None):
         return own_device.request(self.port, method, path, body)
 

@@ -19,9 +19,6 @@ class HostTest(DeviceTest):
     def panel(self, *words):
         return self.run_tool(PANEL, *words)
 
-    def wait_for_status(self, status):
-        wait_for(f"status {status}", lambda: self.player("status") == status)
-
     def metadata(self):
         return self.player("metadata") or ""
 
