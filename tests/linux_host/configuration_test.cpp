@@ -18,7 +18,6 @@
 using namespace nuvio;
 using namespace nuvio::host;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Pair;
 using testing::UnorderedElementsAre;
