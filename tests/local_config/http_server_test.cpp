@@ -4,7 +4,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -18,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/unique_fd.h"
 #include "fakes/fake_sdk.h"
 #include "free_port.h"
 #include "loop_fixture.h"
@@ -42,31 +42,28 @@ class Peer {
         : m_fd(socket(AF_INET, SOCK_STREAM, 0)) {
         const sockaddr_in address = loopback(port);
         m_is_connected =
-            connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+            connect(m_fd.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
         send(bytes);
     }
-    ~Peer() { close(m_fd); }
-    Peer(const Peer&) = delete;
-    Peer& operator=(const Peer&) = delete;
 
     bool is_connected() const { return m_is_connected; }
     void send(const std::string& bytes) const {
-        ::send(m_fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        ::send(m_fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
-    void finish_sending() const { shutdown(m_fd, SHUT_WR); }
+    void finish_sending() const { shutdown(m_fd.get(), SHUT_WR); }
     // All that comes until the server closes, or so many bytes.
     std::string receive(size_t most = SIZE_MAX) const {
         std::string answer;
         char bytes[4096];
         for (ssize_t count = 1; count > 0 && answer.size() < most;) {
-            count = recv(m_fd, bytes, std::min(sizeof(bytes), most - answer.size()), 0);
+            count = recv(m_fd.get(), bytes, std::min(sizeof(bytes), most - answer.size()), 0);
             answer.append(bytes, static_cast<size_t>(std::max<ssize_t>(count, 0)));
         }
         return answer;
     }
 
   private:
-    int m_fd;
+    const nuvio::UniqueFd m_fd;
     bool m_is_connected;
 };
 
