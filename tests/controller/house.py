@@ -38,12 +38,6 @@ class Room(e2e.DeviceTest):
 
     card_options = ["--range", "0..20"]
 
-    def runTest(self):
-        """What a TestCase must have; never run."""
-
-    def show_log_of_a_failure(self):
-        """The owner shows it."""
-
 
 class HouseTest(unittest.TestCase):
     rooms = ["Kitchen", "Attic"]

@@ -63,9 +63,9 @@ def write_wav(path, samples, rate, sample_bytes=2):
 
 
 def show_failure_of(test, *logs):
-    """The last lines of these files, where the test has failed."""
-    result = test._outcome.result
-    if any(each is test for each, _ in [*result.failures, *result.errors]):
+    """The last lines of these files, where the test has failed, if it is one that is run."""
+    result = test._outcome and test._outcome.result
+    if result and any(each is test for each, _ in [*result.failures, *result.errors]):
         for log in filter(pathlib.Path.exists, logs):
             print(log, *log.read_text(errors="replace").splitlines()[-60:], sep="\n")
 
@@ -167,10 +167,7 @@ class DeviceTest(unittest.TestCase):
             if self.daemon is not None and self.daemon.poll() is None:
                 self.daemon.kill()
                 self.daemon.wait()
-            self.show_log_of_a_failure()
-
-    def show_log_of_a_failure(self):
-        show_failure_of(self, self.log_path)
+            show_failure_of(self, self.log_path)
 
     # ---- What people do ---------------------------------------------------------------------
 
