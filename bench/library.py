@@ -4,18 +4,17 @@
   bench/library.py BUILD [TRACKS]    BUILD: build/release; TRACKS: 50000
 """
 import http.client
-import os
 import pathlib
 import random
+import struct
 import subprocess
 import sys
 import tempfile
 import time
+import wave
 
 HERE = pathlib.Path(__file__).resolve().parents[1]
-sys.path[:0] = [str(HERE / "tests/controller"), str(HERE / "tools/run")]
-os.environ.setdefault("NUVIO_BUILD", "")
-import music  # noqa: E402
+sys.path.insert(0, str(HERE / "tools/run"))
 from own_device import free_port  # noqa: E402
 
 WORDS = ("amber boat cedar delta ember ferry garden harbour island juniper kite lantern meadow night orchard "
@@ -24,10 +23,30 @@ PAGE = "/ /style.css /app.js /state.js /devices.js /library.js /player.js /eleme
        "/manifest.json".split()
 
 
+def tagged(flac, **tags):
+    """The same sound with these tags: far quicker than a program for each of so many files."""
+    def text(value):
+        value = str(value).encode()
+        return struct.pack("<I", len(value)) + value
+    comments = text("bench") + struct.pack("<I", len(tags)) + b"".join(
+        text(f"{name}={value}") for name, value in tags.items())
+    head = 4 + 4 + 34  # "fLaC" and the block that describes the stream, here the last but one
+    return (flac[:4] + b"\0" + flac[5:head] + struct.pack(">I", 0x84 << 24 | len(comments)) + comments +
+            flac[head:])
+
+
 def make(folder, tracks):
     """Albums of eight tracks or nine, one or two to an artist, with words that many of them share."""
     chance = random.Random(1)
-    flac, _ = music.encode(0.05)
+    folder.mkdir(parents=True)
+    wav, track = folder / "a.wav", folder / "a.flac"
+    with wave.open(str(wav), "wb") as out:
+        out.setparams((2, 2, 44100, 0, "NONE", ""))
+        out.writeframes(bytes(2205 * 4))
+    subprocess.run(["flac", "-s", "--no-padding", "--no-seektable", "--delete-input-file", wav], check=True)
+    subprocess.run(["metaflac", "--remove-all", "--dont-use-padding", track], check=True)
+    flac = track.read_bytes()
+    track.unlink()
     made = albums = 0
     while made < tracks:
         artist = " ".join(chance.sample(WORDS, 2)).title() + f" {albums // 2}"
@@ -36,7 +55,7 @@ def make(folder, tracks):
         place.mkdir(parents=True)
         for number in range(min(8 + albums % 2, tracks - made)):
             title = " ".join(chance.sample(WORDS, 3)).title()
-            (place / f"{number:02}.flac").write_bytes(music.tagged(
+            (place / f"{number:02}.flac").write_bytes(tagged(
                 flac, title=title, artist=artist, album=album, albumartist=artist, tracknumber=number + 1, date=2001))
             made += 1
         albums += 1

@@ -3,6 +3,7 @@
 //
 //   port NUMBER | ipv6 0|1 | uuid [TEXT]     what is published from now on; no TEXT: the SDK fails
 //   start NAME | stop                        what the SDK asks for
+#include <unistd.h>
 #include <uv.h>
 
 #include <array>
@@ -43,7 +44,6 @@ struct Host {
     nuv_advertising_delegate advertising{};
     std::string uuid;
     std::string input;
-    std::array<char, 4096> buffer{};
 };
 
 void execute(Host& self, const std::string& line) {
@@ -71,19 +71,16 @@ void execute(Host& self, const std::string& line) {
     }
 }
 
-void on_allocate(uv_handle_t* handle, size_t, uv_buf_t* buffer) {
-    auto& memory = static_cast<Host*>(handle->data)->buffer;
-    *buffer = uv_buf_init(memory.data(), static_cast<unsigned>(memory.size()));
-}
-
-void on_input(uv_stream_t* stream, ssize_t count, const uv_buf_t* buffer) {
-    auto* self = static_cast<Host*>(stream->data);
-    if (count < 0) {
-        uv_close(reinterpret_cast<uv_handle_t*>(stream), nullptr);
-        uv_stop(stream->loop);
+void on_input(uv_poll_t* handle, int, int) {
+    auto* self = static_cast<Host*>(handle->data);
+    std::array<char, 4096> bytes;
+    const ssize_t count = read(STDIN_FILENO, bytes.data(), bytes.size());
+    if (count <= 0) {
+        uv_close(reinterpret_cast<uv_handle_t*>(handle), nullptr);
+        uv_stop(handle->loop);
         return;
     }
-    self->input.append(buffer->base, static_cast<size_t>(count));
+    self->input.append(bytes.data(), static_cast<size_t>(count));
     for (size_t end = 0; (end = self->input.find('\n')) != std::string::npos;) {
         execute(*self, self->input.substr(0, end));
         self->input.erase(0, end + 1);
@@ -101,11 +98,10 @@ int main() {
     avahi_advertiser_set_core(advertiser, fake_sdk::core());
     self.advertising = avahi_advertiser_get_advertising_delegate(advertiser);
 
-    uv_pipe_t input;
-    uv_pipe_init(loop, &input, 0);
+    uv_poll_t input;
+    uv_poll_init(loop, &input, STDIN_FILENO);
     input.data = &self;
-    uv_pipe_open(&input, 0);
-    uv_read_start(reinterpret_cast<uv_stream_t*>(&input), on_allocate, on_input);
+    uv_poll_start(&input, UV_READABLE, on_input);
     uv_run(loop, UV_RUN_DEFAULT);
 
     avahi_advertiser_free(advertiser);

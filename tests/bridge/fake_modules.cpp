@@ -64,9 +64,7 @@ void audio_renderer_free(audio_renderer* self) {
     delete self;
 }
 
-void audio_renderer_set_core(audio_renderer*, nuv_connect*) {
-    note("renderer set_core");
-}
+void audio_renderer_set_core(audio_renderer*, nuv_connect*) {}
 nuv_audio_stream_delegate audio_renderer_get_audio_stream_delegate(audio_renderer* self) {
     return {self, nullptr, nullptr, nullptr, nullptr, nullptr, nullptr};
 }
@@ -101,36 +99,27 @@ uint64_t audio_renderer_get_playing_duration(audio_renderer* self) {
     return g_playing.duration_ms;
 }
 
-struct http_server {};
+// What is made, set up and freed beside the renderer, and does nothing.
+#define NUV_IDLE_MODULE(module, name, delegate, getter) \
+    struct module {};                                   \
+    void module##_free(module* self) {                  \
+        note(name " free");                             \
+        delete self;                                    \
+    }                                                   \
+    void module##_set_core(module*, nuv_connect*) {}    \
+    delegate getter(module* self) {                     \
+        return {self, nullptr, nullptr};                \
+    }
+NUV_IDLE_MODULE(http_server, "http", nuv_local_config_server_delegate,
+                http_server_get_local_config_server_delegate)
+NUV_IDLE_MODULE(avahi_advertiser, "advertiser", nuv_advertising_delegate,
+                avahi_advertiser_get_advertising_delegate)
 
 http_server* http_server_new(uv_loop_t*, uint16_t port, device_info*, audio_renderer*) {
     note("http new " + std::to_string(port));
     return new http_server;
 }
-void http_server_free(http_server* self) {
-    note("http free");
-    delete self;
-}
-void http_server_set_core(http_server*, nuv_connect*) {
-    note("http set_core");
-}
-nuv_local_config_server_delegate http_server_get_local_config_server_delegate(http_server* self) {
-    return {self, nullptr, nullptr};
-}
-
-struct avahi_advertiser {};
-
 avahi_advertiser* avahi_advertiser_new(uv_loop_t*, device_info*, http_server*) {
     note("advertiser new");
     return new avahi_advertiser;
-}
-void avahi_advertiser_free(avahi_advertiser* self) {
-    note("advertiser free");
-    delete self;
-}
-void avahi_advertiser_set_core(avahi_advertiser*, nuv_connect*) {
-    note("advertiser set_core");
-}
-nuv_advertising_delegate avahi_advertiser_get_advertising_delegate(avahi_advertiser* self) {
-    return {self, nullptr, nullptr};
 }

@@ -23,7 +23,7 @@ struct State {
     // The playing source: the next one at each question, the last one from then on.
     std::deque<Song> tracks;
     size_t questions = 0;  // asked for the playing source's metadata so far
-    // "renderer new default default Master", "http new 8000", "advertiser set_core", ...
+    // "renderer new default default Master", "http new 8000", "advertiser free", ...
     std::vector<std::string> journal;
 };
 

@@ -1,7 +1,6 @@
 // From the process's entry to the bridge: settings, network, the platform's notifications.
 #include <cstdio>
 #include <fstream>
-#include <thread>
 
 #include "bridge/service_fixture.h"
 #include "platform/Environment.h"
@@ -36,8 +35,6 @@ TEST_F(StartUp, SetItemsComeInTheOrderOfTheArray) {
     }
     EXPECT_THAT(gather(), ElementsAre("9000", "id", "secret", "Kitchen", "half known", "VantaSync",
                                       "3", "hw:0", "PCM", HasSubstr("Vanta_"), "hw:1"));
-    fake_platform::state()->messages[KORA_DEVICE_NAME] = "Den";
-    EXPECT_EQ(gather()[DEVICE_INFO_DEVICE_NAME], "Den");
 }
 
 TEST_F(StartUp, SerialNumberIsTheWifiAddressOnlyIfItLooksLikeOne) {
@@ -68,28 +65,6 @@ TEST_F(StartUp, OnlyANonZeroEnableItemStartsTheService) {
         EXPECT_EQ(runService(), 0);
     }
     EXPECT_TRUE(fake_platform::state()->nesh == nullptr);
-}
-
-TEST_F(RunningService, EndsWhileItStillWaitsForTheNetwork) {
-    fake_platform::state()->wired = false;
-    run();
-    ASSERT_TRUE(captured_log::wait_for("MAIN TO START NUVIO CONNECT END"));
-    EXPECT_EQ(end(), 0);
-    EXPECT_TRUE(fake_modules::state()->journal.empty());
-}
-
-TEST_F(RunningService, EndsWithoutWaitingForARenameOrForWhoWaitsToPostOne) {
-    run();
-    ASSERT_TRUE(captured_log::wait_for("Nuvio Connect has been initialized"));
-    fake_platform::state()->messages[KORA_DEVICE_NAME] = "Den";
-    fake_platform::notify_message(KORA_DEVICE_NAME);
-    ASSERT_TRUE(captured_log::wait_for("[DEVICENAME] Waiting 500ms before update\n"));
-    fake_platform::state()->messages[KORA_DEVICE_NAME] = "Attic";
-    std::thread platform([] { fake_platform::notify_message(KORA_DEVICE_NAME); });
-    EXPECT_TRUE(captured_log::wait_for("Received event = DEVICENAME:Attic"));
-    EXPECT_EQ(end(), 0);
-    platform.join();
-    EXPECT_THAT(fake_sdk::calls(), ElementsAre("create VantaSyncTR12", "free"));
 }
 
 }  // namespace

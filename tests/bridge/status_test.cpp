@@ -57,24 +57,6 @@ TEST_F(Status, PositionsAndSeeksPassWhileATrackPlays) {
     }
 }
 
-// Each change of state waits a second for its title; of a storm of them only the last one does.
-TEST_F(Status, AStormOfChangesHoldsNobodyUp) {
-    fake_modules::state()->tracks = {kSong, kSong, kSong};
-    startBridge();
-    process({});
-    onLoop([] {
-        for (int i = 0; i < 100; ++i) {
-            host_report_playback_status(1);
-            host_report_shuffle_repeat();
-        }
-    });
-    const auto start = std::chrono::steady_clock::now();
-    process({"PAUSE"});
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
-    EXPECT_EQ(countLines("playbackstatus in update = 1"), 100U);
-    EXPECT_EQ(fake_platform::state()->count("ui_update"), 1U);
-}
-
 TEST_F(Status, AStopClearsTheUiUnlessTheRendererIsActiveOrLostTheOutput) {
     const auto clears_while_active = [&](bool active) {
         fake_sdk::Values values;
@@ -96,26 +78,6 @@ TEST_F(Status, AStopClearsTheUiUnlessTheRendererIsActiveOrLostTheOutput) {
     EXPECT_EQ(fake_platform::state()->count("ui_update"), 1U);
     fake_sdk::set_result("get_renderer_active_state", NUV_ERROR_INTERNAL);
     EXPECT_FALSE(clears_while_active(false));
-}
-
-TEST_F(Status, VolumeAndMuteAreReadBackFromTheSdk) {
-    fake_sdk::Values values;
-    values.muted = true;
-    fake_sdk::set_values(values);
-    fake_platform::state()->messages[KORA_CURRENT_SOURCE] = "31";
-    NuvioSSListener::setSource();
-    startBridge();
-    process({"VOLUME_STATUS"});  // the SDK has not reported one
-    EXPECT_THAT(fake_platform::state()->take_calls(), testing::ElementsAre("play_my_source 31"));
-    onLoop([] { EXPECT_TRUE(host_allow_source()); });
-    onLoop(host_report_volume);
-    onLoop(host_report_mute_state);
-    process({});
-    EXPECT_THAT(fake_platform::state()->calls,
-                testing::ElementsAre("play_my_source 31", "app_volume 30", "write 63 MUTE"));
-    fake_sdk::set_result("get_volume", NUV_ERROR_NOT_CONNECTED);
-    process({"VOLUME_STATUS"});
-    EXPECT_THAT(fake_platform::state()->calls, testing::Contains("app_volume 0"));
 }
 
 // The meeting that must not deadlock: the command thread, its turn at the queue in hand, waits for

@@ -66,37 +66,21 @@ class OnServer:
         at = self.source.find(tail)
         return at < 0 or not tail.strip(b"\0") or (at + len(tail)) / FRAME / CD
 
-    def expect_all_heard(self, *parts):
-        """These seconds of the signal, from ... to ..., one after the other, with silence between; at
-        most 20 ms of it twice wherever it was cut."""
-        heard = self.heard.read_bytes()
-        at = 0
-        for begin, end in parts or [(0, len(self.source) / FRAME / CD)]:
-            place, end = int(begin * CD) * FRAME, int(end * CD) * FRAME
-            first = place = len(self.source) - len(self.source[place:].lstrip(b"\0"))
-            while place < end - 64 * FRAME:
-                at = (len(heard) - len(heard[at:].lstrip(b"\0"))) // FRAME * FRAME
-                piece = heard[at:at + 64 * FRAME]
-                again = self.source.find(piece, max(first, place - REPEATED))
-                if not piece or not first <= again <= place:
-                    seen = self.source.find(piece) if piece else len(self.source)
-                    self.fail(f"{(seen - place) / FRAME / CD:.3f} s are left out after "
-                              f"{place / FRAME / CD:.3f} s of the signal")
-                same = len(os.path.commonprefix([heard[at:], self.source[again:end]]))
-                at, place = at + same, again + same
-
-    def status(self, wanted):
-        wait_for(wanted, lambda: self.player("status") == wanted)
-
-    def pause(self):
-        pauses = self.log_count("Pausing playback")
-        self.player("pause")
-        self.wait_for_log("Pausing playback", pauses + 1)
-        self.status("Paused")
-
-    def resume(self):
-        self.player("play")
-        self.status("Playing")
+    def expect_all_heard(self):
+        """The signal from start to end, at most 20 ms of it twice wherever it was cut."""
+        heard, end = self.heard.read_bytes(), len(self.source)
+        at, first = 0, end - len(self.source.lstrip(b"\0"))
+        place = first
+        while place < end - 64 * FRAME:
+            at = (len(heard) - len(heard[at:].lstrip(b"\0"))) // FRAME * FRAME
+            piece = heard[at:at + 64 * FRAME]
+            again = self.source.find(piece, max(first, place - REPEATED))
+            if not piece or not first <= again <= place:
+                seen = self.source.find(piece) if piece else end
+                self.fail(f"{(seen - place) / FRAME / CD:.3f} s are left out after "
+                          f"{place / FRAME / CD:.3f} s of the signal")
+            same = len(os.path.commonprefix([heard[at:], self.source[again:]]))
+            at, place = at + same, again + same
 
     # ---- The cases ---------------------------------------------------------------------------
 
@@ -143,7 +127,7 @@ class OnServer:
         wait_for("the last track", lambda: self.place() > 25.2)
         self.pause()
         self.player("stop")
-        self.status("Stopped")
+        self.wait_for_status("Stopped")
         wait_for("silence", lambda: not self.heard.read_bytes()[-CD:].strip(b"\0"))
 
     def test_the_position_is_what_is_heard_all_through_two_tracks(self):
@@ -166,7 +150,7 @@ class OnServer:
     def test_a_server_that_is_killed_ends_the_session_or_is_replaced_during_a_pause(self):
         self.begin(8)
         self.server.kill()
-        self.status("Stopped")
+        self.wait_for_status("Stopped")
         self.server.start()
         self.heard = self.record()
         self.play(self.music)
@@ -178,7 +162,7 @@ class OnServer:
         self.heard = self.record()
         self.resume()
         # All from the place to the end of the track; bit for bit is shown elsewhere.
-        self.status("Stopped")
+        self.wait_for_status("Stopped")
         wait_for("silence", lambda: not self.heard.read_bytes()[-CD:].strip(b"\0"))
         seconds = len(self.heard.read_bytes().strip(b"\0")) / FRAME / CD
         self.assertAlmostEqual(seconds, 8 - place, delta=0.7)

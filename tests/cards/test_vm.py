@@ -103,26 +103,19 @@ def usb(what):
     run("udevadm", "settle")
 
 
-class Recorder:
-    """What the loop card's other end hears from now on."""
-
-    def __init__(self, sample_format, rate):
-        self.path = SHARE / f"heard.{rate}"
-        self.path.unlink(missing_ok=True)
-        self.process = subprocess.Popen(
+@contextlib.contextmanager
+def recorder(sample_format, rate):
+    """Gives the function that tells what the loop card's other end has heard since."""
+    path = SHARE / f"heard.{rate}"
+    path.unlink(missing_ok=True)
+    with subprocess.Popen(
             ["arecord", "-q", "-D", "hw:Loop,1", "-t", "raw", "-f", sample_format, "-r", str(rate),
-             "-c", "2", "--buffer-time=4000000", self.path])
-        wait("recorder", self.path.exists)
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
-
-    def heard(self):
-        return self.path.read_bytes()
+             "-c", "2", "--buffer-time=4000000", path]) as process:
+        try:
+            wait("recorder", path.exists)
+            yield path.read_bytes
+        finally:
+            process.kill()
 
 
 def expected_of(music):
@@ -228,9 +221,9 @@ class Loop(unittest.TestCase):
             # In a drain the driver silences the beginning of its last piece instead of what lies
             # behind the music's end. A piece is what its timer was late: 190 ms were seen.
             expected = expected_of(music)[:-frame * rate]
-            with self.subTest(music), Recorder(sample_format, rate) as recorder:
+            with self.subTest(music), recorder(sample_format, rate) as heard:
                 play(music)
-                wait("every bit", lambda: expected in recorder.heard())
+                wait("every bit", lambda: expected in heard())
                 wait_for_end()
 
     def test_2_its_volume_is_the_players(self):
@@ -246,7 +239,7 @@ class Loop(unittest.TestCase):
         wait_for_end()
 
     def test_3_a_pause_is_silent_and_loses_nothing_and_a_new_session_takes_over(self):
-        with Recorder("S16_LE", 48000) as recorder:
+        with recorder("S16_LE", 48000) as heard:
             play("long")
             sounds_on("Loop")
             run("nuvio-connect-panel", "pause")
@@ -254,7 +247,7 @@ class Loop(unittest.TestCase):
             run("nuvio-connect-panel", "play")
             sounds_on("Loop")
             paused, resumed = wait("the music around the pause",
-                                   lambda: around_the_gap(recorder.heard(), expected_of("long")))
+                                   lambda: around_the_gap(heard(), expected_of("long")))
         self.assertLessEqual(resumed, paused)
         self.assertLess(paused - resumed, 48000 // 4)  # 20 ms where the processor is no emulated one
         play("cd")
@@ -356,15 +349,14 @@ class Network(unittest.TestCase):
         self.addCleanup(server.kill)
 
     def test_nothing_is_left_out_when_the_line_is_down_for_20_seconds(self):
-        with Recorder("S16_LE", 44100) as recorder:
+        with recorder("S16_LE", 44100) as heard:
             play("http://198.51.100.2/0.flac")
-            wait("10 s of sound", lambda: len(recorder.heard().strip(b"\0")) > 10 * 44100 * 4)
+            wait("10 s of sound", lambda: len(heard().strip(b"\0")) > 10 * 44100 * 4)
             run("ip", "link", "set", "here", "down")
             time.sleep(20)
             run("ip", "link", "set", "here", "up")
             wait_for_end(120)
-            heard, expected = recorder.heard(), expected_of("line")
-        lost = left_out(heard, expected)
+            lost = left_out(heard(), expected_of("line"))
         print(f"pieces of sound: {len(lost)}; frames left out before each: {lost}")
         self.assertLess(sum(lost), 441 * len(lost))  # the driver may cut the first milliseconds
 

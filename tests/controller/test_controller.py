@@ -1,26 +1,26 @@
 """The controller from outside: by its command line, as a device, and as a peer that means no good."""
-import http.server
+import contextlib
 import json
 import os
 import signal
 import socket
 import struct
 import subprocess
-import threading
-import time
 
-from house import PATIENCE, SECONDS, SESAME, HouseTest, memory_of, wait_for
+from house import PATIENCE, SECONDS, SESAME, HouseTest, free_port, memory_of, wait_for
 
 
 class CommandLine(HouseTest):
+    rooms = ["Kitchen", "Bath & Böden"]
+
     def test_music_is_handed_to_two_devices_and_driven_from_a_shell(self):
-        kitchen, attic = self.devices
+        kitchen, bath = self.devices
         self.start_all()
         self.command("play", "Kitchen", "night boats")
-        self.command("play", "Attic", self.music / "1")
+        self.command("play", self.rooms[1], self.music / "1")
         for name in self.rooms:
             wait_for("sound", lambda name=name: self.shown(name).get("position_ms", 0) > 2500)
-        for device, album in (kitchen, 0), (attic, 1):
+        for device, album in (kitchen, 0), (bath, 1):
             wait_for("the recording", lambda: self.heard(device, album, 0))
         self.assertTrue(self.shown("Kitchen")["bit_exact"])
 
@@ -33,8 +33,8 @@ class CommandLine(HouseTest):
         wait_for("the card's volume", lambda: "[20%]" in kitchen.amixer("sget", "Master"))
         self.command("pause", "Kitchen")
         wait_for("a pause", lambda: "paused" in self.command("status", "Kitchen"))
-        self.command("mute", "Attic", "on")
-        wait_for("silence", lambda: self.shown("Attic")["muted"])
+        self.command("mute", self.rooms[1], "on")
+        wait_for("silence", lambda: self.shown(self.rooms[1])["muted"])
 
         self.command("queue", "Kitchen", "add", "köln")
         self.command("queue", "Kitchen", "move", 3, 1)
@@ -51,37 +51,20 @@ class CommandLine(HouseTest):
                       ["play", "Kitchen", "no such words"], ["loop", "Kitchen", "twice"]):
             self.assertIsNone(self.command(*words, check=False), words)
 
-    def test_sessions_outlive_the_controller_and_end_with_another_ones(self):
-        kitchen, _ = self.devices
-        self.start_all()
-        self.command("play", "Kitchen", "night boats")
-        wait_for("sound", lambda: self.shown("Kitchen").get("position_ms", 0) > 500)
-        self.stop_controller(signal.SIGKILL)
+        # The Avahi daemon under them goes and comes back, and the music does not notice.
+        self.command("loop", "Kitchen", "all")
+        for end in signal.SIGKILL, signal.SIGTERM:
+            self.avahi.send_signal(end)
+            self.avahi.wait()
+            self.avahi = kitchen.start_own("avahi")
+            wait_for("both found again", lambda: all(
+                f'"friendly_name":"{name}"' in (self.command("find", check=False) or "") for name in self.rooms))
         before = kitchen.position()
-        wait_for("music without a controller", lambda: kitchen.position() > before + 2)
-        self.start_controller()
-        wait_for("the channel", lambda: self.shown("Kitchen").get("connected"))
-        self.command("next", "Kitchen")
-        wait_for("the next track", lambda: self.shown("Kitchen").get("item") == 1)
-        self.assertTrue(self.heard(kitchen, 0, 0, 2.5), "something was left out")
-
-        kitchen.play(kitchen.folder / "library/1/0.flac")  # as another controller does
+        wait_for("music", lambda: abs(kitchen.position() - before) > 0.5)
+        self.assertEqual({recording.underruns for recording in kitchen.recordings()}, {0})
+        self.command("connect", "Kitchen", kitchen.folder / "library/1")
         wait_for("that it is said", lambda: "another controller" in self.command("status", "Kitchen"))
-        self.assertIsNone(self.command("pause", "Kitchen", check=False))
-        self.command("play", "Kitchen", "köln")
-        wait_for("taken back", lambda: self.shown("Kitchen").get("playback") == "playing")
-
-
-class Sixth(http.server.BaseHTTPRequestHandler):
-    """A device's two GETs, at an IPv6 address."""
-
-    def do_GET(self):
-        self.send_response(200)
-        self.end_headers()
-        self.wfile.write(b'{"model_display_name": "Sixth", "current_session_id": ""}')
-
-    def log_message(self, *_):
-        """Nobody reads it."""
+        self.assertIsNone(self.command("connect", "Cellar", "x", check=False))
 
 
 class Addresses(HouseTest):
@@ -90,15 +73,14 @@ class Addresses(HouseTest):
     def test_a_device_at_an_ipv6_address_alone_is_shown_with_what_it_lacks(self):
         subprocess.run(["ip", "address", "add", "fd00::5/128", "dev", "lo"], check=True)
         self.start_all()
-        server_class = type("Server", (http.server.ThreadingHTTPServer,), {"address_family": socket.AF_INET6})
-        server = server_class(("::", 0), Sixth)
-        threading.Thread(target=server.serve_forever, daemon=True).start()
-        self.addCleanup(server.server_close)
-        self.addCleanup(server.shutdown)
-        port = str(server.server_port)
-        for words in (["-a", "-R", "sixth.local", "fd00::5"],
-                      ["-s", "-H", "sixth.local", "Sixth", "_nuvio-connect._tcp", port, "path=/"]):
-            process = subprocess.Popen(["avahi-publish", *words], env=self.environment, stderr=subprocess.DEVNULL)
+        port = str(free_port())
+        for path in "get-display-info", "get-connect-info":
+            (self.folder / path).write_text('{"model_display_name": "Sixth", "current_session_id": ""}')
+        for words in (["python3", "-m", "http.server", "--bind", "::", "--directory", self.folder, port],
+                      ["avahi-publish", "-a", "-R", "sixth.local", "fd00::5"],
+                      ["avahi-publish", "-s", "-H", "sixth.local", "Sixth", "_nuvio-connect._tcp", port, "path=/"]):
+            process = subprocess.Popen(words, env=self.environment, stdout=subprocess.DEVNULL,
+                                       stderr=subprocess.DEVNULL)
             self.addCleanup(process.wait)
             self.addCleanup(process.kill)
         wait_for("the device", lambda: self.shown("Sixth").get("reach") == "reached")
@@ -134,7 +116,10 @@ class Peers(HouseTest):
                 ({"Range": "bytes=100-199"}, 206, whole[100:200]), ({"Range": "bytes=-5"}, 206, whole[-5:]),
                 ({"Range": f"bytes={len(whole)}-"}, 416, None), ({"If-None-Match": headers["ETag"]}, 304, b""),
                 ({"Range": "bytes=0-9", "If-Range": headers["ETag"]}, 206, whole[:10]),
-                ({"Range": "bytes=0-9", "If-Range": '"another"'}, 200, whole)]:
+                ({"Range": "bytes=0-9", "If-Range": '"another"'}, 200, whole),
+                ({"Range": "bytes=-99999999"}, 206, whole), ({"Range": "bytes=0-99999999"}, 206, whole),
+                ({"Range": "bytes=-0"}, 416, None), *(({"Range": text}, 200, whole) for text in (
+                    "bytes=5-4", "bytes=0-1,5-6", "items=0-1", "bytes=--5", "bytes=-", "bytes=9999999999999999999-"))]:
             answer = self.ask(track, headers={**bearer, **more})
             self.assertEqual((answer[0], answer[2] if body is not None else None), (status, body), more)
         self.assertEqual(self.ask(track, headers=bearer, method="HEAD")[1]["Content-Length"], str(len(whole)))
@@ -166,26 +151,17 @@ class Peers(HouseTest):
             device = self.socket(f"GET /channel {request}Authorization: Bearer {self.token()}\r\n"
                                  "Sec-WebSocket-Protocol: nuvio-session.v1\r\n\r\n".encode() + frame)
             for each in page, device:
-                try:
+                with contextlib.suppress(OSError):
                     for _ in range(200):
                         each.sendall(b"\xaa" * 65536)
-                except OSError:
-                    pass
         slow = [self.socket(b"GET / HTTP/1.1\r\nX: ") for _ in range(100)]
-        begin = time.monotonic()
-        while True:
-            try:
-                if self.ask("/")[0] == 200:
-                    break
-            except OSError:
-                pass
-            self.assertLess(time.monotonic() - begin, PATIENCE)
+
+        def is_answered():
             for each in slow:
-                try:
+                with contextlib.suppress(OSError):
                     each.send(b"x")
-                except OSError:
-                    pass
-            time.sleep(0.2)
+            return self.state()
+        wait_for("an answer beside slow peers", is_answered, pause=0.2)
         deep = '{"a":' * 5000 + "1" + "}" * 5000
         for body in (deep, "[]", "", "{" + '"x":1,' * 20_000 + '"y":1}', '{"what":[5,null,"album:-1"]}'):
             connection = self.socket(f"POST /api/devices/Kitchen/play HTTP/1.1\r\nHost: 127.0.0.1\r\n"

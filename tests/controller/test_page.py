@@ -220,6 +220,9 @@ class Page(HouseTest):
 
         kitchen.play(kitchen.folder / "library/1/0.flac")  # as another controller does
         phone.shows("Another controller plays here")
+        self.assertIsNone(self.command("pause", "Larder", check=False))
+        self.command("play", "Larder", "köln")
+        wait_for("taken back", lambda: self.shown("Larder").get("playback") == "playing")
         self.assertEqual(phone.faults(), [])
 
     def test_every_screen_can_be_read_and_reached_and_runs_nothing_that_a_file_says(self):

@@ -22,10 +22,8 @@ import wave
 TREE = pathlib.Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(TREE / "tools/run"), str(TREE / "tests")]
 import own_device  # noqa: E402
-from bad_line import BadLine  # noqa: E402, F401
 from icecast import Radio  # noqa: E402, F401
 from own_device import PATIENCE, wait_for  # noqa: E402,F401
-from scripted_server import ScriptedServer  # noqa: E402, F401
 from web_server import WebServer  # noqa: E402, F401
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
@@ -54,9 +52,7 @@ def signal_samples(frames, start=0, rate=44100, peak=12000):
 def write_wav(path, samples, rate, sample_bytes=2):
     """Writes stereo samples; returns the bytes that the card must play for them."""
     with wave.open(str(path), "wb") as out:
-        out.setnchannels(2)
-        out.setsampwidth(sample_bytes)
-        out.setframerate(rate)
+        out.setparams((2, sample_bytes, rate, 0, "NONE", ""))
         if sample_bytes == 2:
             played = array.array("h", samples).tobytes()
             out.writeframes(played)
@@ -67,9 +63,9 @@ def write_wav(path, samples, rate, sample_bytes=2):
 
 
 def show_failure_of(test, *logs):
-    """The last lines of these files, where the test has failed."""
-    result = test._outcome.result
-    if any(each is test for each, _ in [*result.failures, *result.errors]):
+    """The last lines of these files, where the test has failed, if it is one that is run."""
+    result = test._outcome and test._outcome.result
+    if result and any(each is test for each, _ in [*result.failures, *result.errors]):
         for log in filter(pathlib.Path.exists, logs):
             print(log, *log.read_text(errors="replace").splitlines()[-60:], sep="\n")
 
@@ -104,10 +100,10 @@ class DeviceTest(unittest.TestCase):
         self.music.mkdir()
         self.port = own_device.free_port()
         self.daemon = None
-        self.card("create", *self.card_options)
         self.environment = own_device.environment(
             self.folder, self.folder / "card/asound.conf", NUVIO_LOG_STDERR="1")
         self.environment["NUVIO_MUSIC_FOLDERS"] = str(self.folder)
+        self.card("create", *self.card_options)
         self.start_bus()
         self.write_settings(**self.settings)
         self.log_path = self.folder / "daemon.log"
@@ -171,10 +167,7 @@ class DeviceTest(unittest.TestCase):
             if self.daemon is not None and self.daemon.poll() is None:
                 self.daemon.kill()
                 self.daemon.wait()
-            self.show_log_of_a_failure()
-
-    def show_log_of_a_failure(self):
-        show_failure_of(self, self.log_path)
+            show_failure_of(self, self.log_path)
 
     # ---- What people do ---------------------------------------------------------------------
 
@@ -190,17 +183,28 @@ class DeviceTest(unittest.TestCase):
         return result.stdout.strip() if result.returncode == 0 else None
 
     def card(self, verb, *words):
-        return subprocess.run([*program("simcardctl"), verb, self.folder / "card", *words],
-                              check=True, text=True, capture_output=True).stdout
+        return self.run_tool(*program("simcardctl"), verb, self.folder / "card", *words)
 
     def amixer(self, *words):
         config = self.folder / "card/asound-tools.conf"
-        return subprocess.run(["amixer", *words], check=True, text=True, capture_output=True,
-                              env=dict(self.environment, ALSA_CONFIG_PATH=str(config))).stdout
+        return self.run_tool("env", f"ALSA_CONFIG_PATH={config}", "amixer", *words)
 
     def player(self, *words):
         """Output of playerctl, or None when it fails."""
         return self.run_tool("playerctl", "-p", "nuvio_connect", *words, check=False)
+
+    def wait_for_status(self, status):
+        wait_for(f"status {status}", lambda: self.player("status") == status)
+
+    def pause(self):
+        pauses = self.log_count("Pausing playback")
+        self.player("pause")
+        self.wait_for_log("Pausing playback", pauses + 1)
+        self.wait_for_status("Paused")
+
+    def resume(self):
+        self.player("play")
+        self.wait_for_status("Playing")
 
     def request(self, method, path, body=None):
         return own_device.request(self.port, method, path, body)

@@ -15,6 +15,7 @@ import socket
 import subprocess
 import threading
 import time
+from functools import partial
 
 from device import (CD, EMULATOR, PANEL, PATIENCE, DeviceTest, program, signal_samples, wait_for,
                     write_wav)
@@ -32,17 +33,11 @@ class Lifecycle(DeviceTest):
         print(f"NUVIO_SEED={self.seed}", flush=True)
         self.long = self.folder / "long.wav"
         write_wav(self.long, signal_samples(20 * CD), CD)
-        self.short = self.folder / "short.wav"
-        write_wav(self.short, signal_samples(CD // 2), CD)
-        self.album = self.tracks("album", [(CD, 2), (CD, 2)])
-        self.mixed = self.tracks("mixed", [(CD, 2), (96000, 3)])
-
-    def tracks(self, name, formats):
-        folder = self.folder / name
-        folder.mkdir()
-        for n, (rate, sample_bytes) in enumerate(formats):
-            write_wav(folder / f"{n}.wav", signal_samples(rate, 0, rate), rate, sample_bytes)
-        return folder
+        write_wav(self.folder / "short.wav", signal_samples(CD // 2), CD)
+        for name, *formats in ("album", (CD, 2), (CD, 2)), ("mixed", (CD, 2), (96000, 3)):
+            (self.folder / name).mkdir()
+            for n, (rate, size) in enumerate(formats):
+                write_wav(self.folder / f"{name}/{n}.wav", signal_samples(rate, 0, rate), rate, size)
 
     # ---- Where the end finds the device: each returns the longest time it waits there, in s --
 
@@ -69,15 +64,9 @@ class Lifecycle(DeviceTest):
 
     def connect_quietly(self):
         try:
-            self.connect(self.album)
+            self.connect(self.folder / "album")
         except (OSError, json.JSONDecodeError):
             pass  # the device ended first
-
-    def waiting_for_track_info(self):
-        self.start()
-        self.connect(self.long)
-        self.wait_for_log("update playbackstatus")
-        return 2.2
 
     def waiting_to_rename(self):
         self.start()
@@ -100,32 +89,24 @@ class Lifecycle(DeviceTest):
         self.player("position", "15")
         return 0.05
 
-    def draining(self):
-        self.start()
-        self.connect(self.short)
-        self.wait_for_log("Playback has finished")
-        return 0.2
-
-    def handing_over(self):
-        self.start()
-        self.connect(self.album)
-        self.wait_for_log("Playback is nearly finished")
-        return 0.8
-
-    def changing_format(self):
-        self.start()
-        self.connect(self.mixed)
-        self.wait_for_log("Playback has finished")
-        return 0.3
-
     def losing_the_output(self):
         self.playing()
         self.run_tool(PANEL, "take-output")
         return 0.1
 
-    POINTS = [starting, idle, in_a_request, joining_a_session, waiting_for_track_info,
-              waiting_to_rename, playing, paused, seeking, draining, handing_over, changing_format,
-              losing_the_output]
+    def on_the_way(self, content, line, longest):
+        self.start()
+        self.connect(self.folder / content)
+        self.wait_for_log(line)
+        return longest
+
+    POINTS = [starting, idle, in_a_request, joining_a_session, waiting_to_rename, playing, paused,
+              seeking, losing_the_output,
+              # Waits for a title, drains, hands over, changes the format.
+              partial(on_the_way, content="long.wav", line="update playbackstatus", longest=2.2),
+              partial(on_the_way, content="short.wav", line="Playback has finished", longest=0.2),
+              partial(on_the_way, content="album", line="Playback is nearly finished", longest=0.8),
+              partial(on_the_way, content="mixed", line="Playback has finished", longest=0.3)]
 
     def test_it_does_without_standard_descriptors(self):
         self.daemon = subprocess.Popen(
@@ -214,7 +195,7 @@ class Lifecycle(DeviceTest):
     def test_the_end_is_quick_and_clean_at_every_point_of_a_session(self):
         points = itertools.chain(self.POINTS, iter(lambda: self.random.choice(self.POINTS), None))
         for number, point in enumerate(itertools.islice(points, ROUNDS)):
-            with self.subTest(round=number, point=point.__name__, seed=self.seed):
+            with self.subTest(round=number, point=str(point), seed=self.seed):
                 self.log_path.unlink(missing_ok=True)
                 time.sleep(self.random.uniform(0, point(self)))
                 status, seconds = self.stop()

@@ -1,6 +1,7 @@
 """The device on a message bus of the test's own, driven by ordinary clients: playerctl, busctl and
 the panel script. What becomes of their calls is read from the daemon's log.
 """
+import os
 import pathlib
 import re
 import shlex
@@ -110,11 +111,13 @@ class Bus(DeviceTest):
         self.assertEqual(self.client("playerctl metadata --format "
                                      "'{{artist}}|{{album}}|{{mpris:length}}|{{mpris:artUrl}}'"),
                          f"Band|Album|200000000|file://{self.folder}/one%201/cover.jpg")
+        track = self.client("playerctl metadata mpris:trackid")
         for word, value in ("shuffle", "On"), ("loop", "Playlist"), ("volume", "0.400000"):
             self.player(word, value)
             self.wait_for_answer(f"playerctl {word}", value)
         self.player("pause")
         wait_for("follower", lambda: "One/Paused" in shown.read_text())
+        self.assertEqual(self.client("playerctl metadata mpris:trackid"), track)
         self.player("position", "61.25")
         self.wait_for_answer("playerctl position", "61.250000")
         self.run_tool(PANEL, "standby")
@@ -196,7 +199,11 @@ class Bus(DeviceTest):
         self.wait_for_log("NeshAlert iface = 2 , Status = 1")
         self.assertIn("Wireless        true", self.client(f"{PANEL} status"))
         self.assertIn("no value", self.client(f"{PANEL} read 9999"))
-        for command, status in (("seek 5", 1), ("rename ''", 1), ("write 70000 x", 1),
+        for message in ("-1 x", f"1 {'x' * 9000}", "64 loud", "50 31", "63 mute",  # 50: its own
+                        "90 'a VOLUME:90 room'", "90 ' blank at the front'"):
+            self.assertFalse(self.succeeds(f"busctl --user call {HOST} WriteMessage is -- {message}"))
+        for command, status in (("take-output 31", 1), ("take-output 0", 1), ("take-output 256", 1),
+                                ("seek 5", 1), ("rename ''", 1), ("write 70000 x", 1),
                                 ("volume 101", 2), ("frobnicate", 2)):
             self.assertEqual(self.call(f"{PANEL} {command}").returncode, status, command)
         self.assertEqual(self.events(), [])
@@ -207,16 +214,23 @@ class Bus(DeviceTest):
         self.environment["DBUS_SESSION_BUS_ADDRESS"] = f"unix:path={self.folder}/run/deep/bus"
         return self.folder / "run/deep"
 
-    def test_a_bus_that_comes_later_is_found_and_nothing_is_polled_meanwhile(self):
+    def test_a_bus_that_comes_later_or_anew_is_found_and_nothing_is_polled_meanwhile(self):
         folder = self.without_bus()
         self.start(player=False)
         time.sleep(3)  # past the few tries after the start
         self.assert_idle()
         folder.mkdir(parents=True)
-        self.addCleanup(self.end, own_device.start_bus(folder)[0])
+        bus, _ = own_device.start_bus(folder)
         self.wait_for_host()
         time.sleep(0.5)
         self.assert_idle()
+        self.end(bus)
+        self.track("one.wav", 40)
+        self.assertEqual(self.connect(self.music), 200)
+        self.wait_for_log("Playback state changed")
+        self.addCleanup(self.end, own_device.start_bus(folder)[0])
+        self.wait_for_answer("playerctl status", "Playing")
+        self.wait_for_answer("playerctl metadata title", "one")
 
     def test_a_bus_that_drops_the_first_connection_is_found(self):
         folder = self.without_bus()
@@ -235,12 +249,11 @@ class Bus(DeviceTest):
         self.wait_for_host()
 
     def test_without_settings_it_fails_and_says_why(self):
-        answer = subprocess.run(
-            program("nuvio-connect"), text=True, stderr=subprocess.PIPE,
-            env=self.environment | {"NUVIO_SETTINGS": str(self.folder / "absent.conf")},
-            stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL, timeout=PATIENCE)
-        self.assertIn("cannot read the settings", answer.stderr)
-        self.assertEqual(answer.returncode, 1)
+        os.mkfifo(self.folder / "pipe")
+        for path in self.folder / "absent", self.folder, self.folder / "pipe":
+            answer = self.call(f"env NUVIO_SETTINGS={path} {shlex.join(program('nuvio-connect'))}")
+            self.assertIn(f"cannot read the settings in {path}:", answer.stdout)
+            self.assertEqual(answer.returncode, 1)
 
     def test_a_second_device_takes_a_name_of_its_own(self):
         self.start()

@@ -38,22 +38,10 @@ TEST(ConnectRequest, FirstBrokenRuleIsNamed) {
     } cases[] = {
         {"", "Invalid JSON"},
         {"\xEF\xBB\xBF 1 " + std::string(500, '['), "Request does not contain \"session_id\""},
-        {"[]", "Request does not contain \"session_id\""},
-        {replaced("session_id", "x"), "Request does not contain \"session_id\""},
         {replaced("\"s\"", "null"), "session_id is not a string"},
-        {replaced("jwt_api", "x"), "Request does not contain \"jwt_api\""},
         {R"({"session_id":"s","jwt_api":[]})", "jwt_api is not an object"},
-        {replaced("endpoint", "x"), "jwt_api does not have \"endpoint\" field"},
         {replaced("\"e1\"", "1"), "jwt_api's \"endpoint\" field is not a string"},
-        {replaced("\"jwt\"", "\"x\""), "jwt_api does not have \"jwt\" field"},
-        {replaced("\"t1\"", "{}"), "jwt_api's \"jwt\" field is not a string"},
-        {replaced("exp", "x"), "jwt_api does not have \"exp\" field"},
-        {replaced("jwt_nconnect", "x"), "Request does not contain \"jwt_nconnect\""},
-        {R"({"session_id":"s","jwt_api":{"endpoint":"","jwt":"","exp":0},"jwt_nconnect":"x"})",
-         "jwt_nconnect is not an object"},
-        {replaced("\"t2\"", "true"), "jwt_nconnect's \"jwt\" field is not a string"},
         {replaced(",\"exp\":12", ""), "jwt_nconnect does not have \"exp\" field"},
-        {replaced("become_active", "x"), "Request does not contain \"become_active\""},
         {replaced("true", "1"), "become_active is not a boolean value"},
         // Of several faults the first in order is told.
         {R"({"become_active":1,"jwt_api":1,"session_id":1})", "session_id is not a string"},
@@ -67,14 +55,10 @@ TEST(ConnectRequest, AnyExpiryBecomesANumberOfSeconds) {
     constexpr uint64_t kMaximum = std::numeric_limits<uint64_t>::max();
     const std::pair<const char*, uint64_t> cases[] = {
         {"1.9", 1},
-        {"-0.5", 0},
         {"-1e300", 0},
-        {"\"17\"", 0},
         {"[1]", 0},
-        {"4294967296", 4294967296},
         {"1e19", 10000000000000000000U},
         {"18446744073709551616", kMaximum},
-        {"1e300", kMaximum},
         {"1e999", kMaximum},
     };
     for (const auto& [exp, seconds] : cases) {

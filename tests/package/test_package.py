@@ -1,20 +1,21 @@
 """The packages as a device has them: installed into a clean root, looked at there, and removed. That
 they play, and the unit, are ./dev vm's.
 """
-import http.client
-import json
 import os
 import pathlib
 import re
 import shutil
 import subprocess
+import sys
 import tempfile
-import time
 import unittest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tools/run"))
+import own_device  # noqa: E402
+from own_device import PATIENCE  # noqa: E402
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
 ROOT = pathlib.Path(os.environ["NUVIO_ROOT"])
-PATIENCE = 30  # s
 CARD = "/var/lib/nuvio-connect/card"
 PATH = "PATH=/usr/sbin:/usr/bin:/sbin:/bin"
 PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-core-ffmpeg",
@@ -130,32 +131,12 @@ class Installed(unittest.TestCase):
         service = subprocess.Popen(["chroot", ROOT, "env", "-i", PATH,
                                     f"ALSA_CONFIG_PATH={CARD}/asound.conf", "nuvio-connect"])
         self.addCleanup(service.kill)
-        body = {"session_id": "s", "become_active": True,
-                "jwt_api": {"endpoint": "tone", "jwt": "a", "exp": 4102444800},
-                "jwt_nconnect": {"endpoint": "wss://x/", "jwt": "b", "exp": 4102444800}}
-        self.wait_for(lambda: self.request("GET", "/get-display-info") == 200)
-        self.assertEqual(self.request("POST", "/connect-to-nconnect", json.dumps(body)), 200)
+        own_device.wait_for("HTTP answers", lambda: own_device.answers(8000, service))
+        self.assertEqual(own_device.connect(8000, "tone"), 200)
         recordings = ROOT / CARD[1:] / "recordings"
-        self.wait_for(lambda: any(raw.stat().st_size > 44100 * 4 for raw in recordings.iterdir()))
-        service.terminate()
-        self.assertEqual(service.wait(PATIENCE), 0)
-
-    def wait_for(self, condition):
-        end = time.monotonic() + PATIENCE
-        while not condition():
-            self.assertLess(time.monotonic(), end)
-            time.sleep(0.05)
-
-    @staticmethod
-    def request(method, path, body=None):
-        connection = http.client.HTTPConnection("127.0.0.1", 8000, timeout=PATIENCE)
-        try:
-            connection.request(method, path, body)
-            return connection.getresponse().status
-        except OSError:
-            return None
-        finally:
-            connection.close()
+        own_device.wait_for("a second of sound", lambda: any(
+            raw.stat().st_size > 44100 * 4 for raw in recordings.iterdir()))
+        self.assertEqual(own_device.end(service), 0)
 
     def test_6_nothing_is_left_after_a_purge(self):
         (ROOT / "etc/nuvio-connect/alsa.conf").write_text("# as --setup makes it\n")

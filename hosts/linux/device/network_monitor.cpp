@@ -17,6 +17,7 @@
 #include <cstring>
 #include <map>
 #include <memory>
+#include <string>
 #include <system_error>
 #include <utility>
 
@@ -87,6 +88,12 @@ void gather(const ifaddrs& entry, Link& link) {
     }
 }
 
+bool is_wireless(const std::string& name) {
+    const std::string folder = "/sys/class/net/" + name;
+    return ::access((folder + "/wireless").c_str(), F_OK) == 0 ||
+           ::access((folder + "/phy80211").c_str(), F_OK) == 0;
+}
+
 constexpr size_t index_of(int iface) {
     return static_cast<size_t>(iface - kWired);
 }
@@ -96,10 +103,9 @@ constexpr bool is_interface(int iface) {
 
 }  // namespace
 
-NetworkMonitor::NetworkMonitor(NotificationPool& pool, bool allow_loopback, std::string sysfs)
+NetworkMonitor::NetworkMonitor(NotificationPool& pool, bool allow_loopback)
     : m_pool(pool),
       m_allow_loopback(allow_loopback),
-      m_sysfs(std::move(sysfs)),
       // Before the first look, so that no change is missed in between.
       m_socket(open_event_socket()),
       m_kernel(scan()) {}
@@ -122,12 +128,6 @@ NetworkMonitor::Status NetworkMonitor::scan() const {
         status[index_of(is_wireless(name) ? kWireless : kWired)] = true;
     }
     return status;
-}
-
-bool NetworkMonitor::is_wireless(const std::string& name) const {
-    const std::string folder = m_sysfs + "/" + name;
-    return ::access((folder + "/wireless").c_str(), F_OK) == 0 ||
-           ::access((folder + "/phy80211").c_str(), F_OK) == 0;
 }
 
 bool NetworkMonitor::is_usable(int iface) const {

@@ -11,7 +11,6 @@
 #include <functional>
 #include <mutex>
 #include <optional>
-#include <string>
 #include <vector>
 
 #include "common/unique_fd.h"
@@ -25,10 +24,8 @@ inline constexpr int kWireless = 2;
 
 class NetworkMonitor {
   public:
-    // With `allow_loopback` the loopback interface counts as wired. `sysfs` is the folder with one
-    // entry an interface, in which wireless ones have a "wireless" or "phy80211" of their own.
-    NetworkMonitor(NotificationPool& pool, bool allow_loopback,
-                   std::string sysfs = "/sys/class/net");
+    // With `allow_loopback` the loopback interface counts as wired.
+    NetworkMonitor(NotificationPool& pool, bool allow_loopback);
 
     // Called after each change of the status, with the monitor's lock held, so it must not call the
     // monitor. Before any other call.
@@ -53,14 +50,12 @@ class NetworkMonitor {
     using Status = std::array<bool, 2>;  // wired, wireless
 
     Status scan() const;
-    bool is_wireless(const std::string& name) const;
     Status effective() const;
     void tell_changes(const Status& before);
     bool is_registered(const android::sp<android::INeshAlerts>& listener) const;
 
     NotificationPool& m_pool;
     const bool m_allow_loopback;
-    const std::string m_sysfs;
     UniqueFd m_socket;
     std::function<void()> m_observer;
 
