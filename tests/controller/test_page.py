@@ -8,6 +8,7 @@ import subprocess
 import axe
 from house import ALBUMS, SESAME, HouseTest, WebServer, wait_for
 from selenium import webdriver
+from selenium.common.exceptions import StaleElementReferenceException
 from selenium.webdriver import ActionChains, ChromeOptions, Keys
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
@@ -168,9 +169,16 @@ class Page(HouseTest):
         ActionChains(phone.driver).send_keys(Keys.ENTER, *[Keys.TAB] * 12, Keys.ARROW_UP).perform()
         order[2:] = reversed(order[2:])
         wait_for("the last one before the third", lambda: phone.titles() == order)
-        rows = phone.driver.find_elements(By.CSS_SELECTOR, ".drag")
-        ActionChains(phone.driver).click_and_hold(rows[3]).move_to_element_with_offset(
-            rows[1], 0, -15).pause(0.2).release().perform()
+
+        def drag():
+            rows = phone.driver.find_elements(By.CSS_SELECTOR, ".drag")
+            try:  # news may make the list anew before it is held
+                ActionChains(phone.driver).click_and_hold(rows[3]).move_to_element_with_offset(
+                    rows[1], 0, -15).pause(0.2).release().perform()
+            except StaleElementReferenceException:
+                return False
+            return True
+        wait_for("the row in hand", drag)
         order.insert(1, order.pop())
         wait_for("the last one second", lambda: phone.titles() == order)
         phone.press("Remove Night Boats 2")
