@@ -8,9 +8,7 @@
 #include <cinttypes>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -33,38 +31,18 @@ constexpr bool kHasSanitizer = true;
 constexpr bool kHasSanitizer = false;
 #endif
 
-// 0 when the kernel does not tell.
 uint64_t anonymous_memory_kib() {
-    std::ifstream status("/proc/self/status");
-    const std::string key = "RssAnon:";
-    for (std::string line; std::getline(status, line);) {
-        if (line.starts_with(key)) {
-            return std::stoull(line.substr(key.size()));
-        }
-    }
-    return 0;
+    std::ifstream statm("/proc/self/statm");
+    uint64_t size = 0, resident = 0, of_files = 0;  // pages
+    statm >> size >> resident >> of_files;
+    return (resident - of_files) * static_cast<uint64_t>(sysconf(_SC_PAGESIZE)) / 1024;
 }
 
 struct ProcessFigures {
     uint64_t memory_kib = anonymous_memory_kib();
-    size_t descriptors = entries("/proc/self/fd");
-    size_t threads = entries("/proc/self/task");
-
-    static size_t entries(const char* directory) {
-        const std::filesystem::directory_iterator all(directory);
-        return static_cast<size_t>(std::distance(begin(all), end(all)));
-    }
+    size_t descriptors = entries_of("/proc/self/fd");
+    size_t threads = entries_of("/proc/self/task");
 };
-
-// Prints what a run used from `before` to `after`.
-void report(double hours, std::chrono::steady_clock::time_point since, const ProcessFigures& before,
-            const ProcessFigures& after) {
-    const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - since;
-    std::printf("soak: %.2f h of audio in %.1f s; memory %" PRIu64 " -> %" PRIu64
-                " KiB, descriptors %zu -> %zu, threads %zu -> %zu\n",
-                hours, wall.count(), before.memory_kib, after.memory_kib, before.descriptors,
-                after.descriptors, before.threads, after.threads);
-}
 
 // ---- The stream --------------------------------------------------------------------------------
 
@@ -163,8 +141,11 @@ TEST_F(LongStream, HoursOfOneStreamAreCountedToTheFrameAndUseNothingUp) {
     ASSERT_GE(samples.size(), 48U);
     const ProcessFigures& settled = samples[4];
     const ProcessFigures& last = samples.back();
-    report(hours, since, settled, last);
-
+    const std::chrono::duration<double> wall = std::chrono::steady_clock::now() - since;
+    std::printf("soak: %.2f h of audio in %.1f s; memory %" PRIu64 " -> %" PRIu64
+                " KiB, descriptors %zu -> %zu, threads %zu -> %zu\n",
+                hours, wall.count(), settled.memory_kib, last.memory_kib, settled.descriptors,
+                last.descriptors, settled.threads, last.threads);
     const simcard::Counters counters = card_.counters();
     EXPECT_EQ(counters.frames_played, frames);
     EXPECT_EQ(counters.frames_dropped, 0U);
