@@ -9,7 +9,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -27,26 +26,14 @@ namespace {
 std::stop_source g_stop;
 bool g_idle = false;
 
-bool starts_with(const char* text, const char* prefix) {
-    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
-}
-
 // `format` is the bridge's own text, which no input can imitate.
-void on_log_line(const char* format, const char* line) {
-    if (starts_with(format, "NuvioConnect: New device_name") ||
-        starts_with(format, "NuvioConnect: update playbackstatus")) {
-        g_stop.request_stop();
-    } else if (starts_with(format, "NuvioConnect: handleNuvioPlaybackEvents: Waking up") &&
-               std::strstr(line, "m_beventReady = 0") != nullptr) {
-        g_idle = true;
+void on_log_line(std::string_view format, std::string_view line) {
+    g_idle |= format.starts_with("NuvioConnect: handleNuvioPlaybackEvents: Waking up") &&
+              line.find("m_beventReady = 0") != line.npos;
+    if (g_idle || format.starts_with("NuvioConnect: New device_name") ||
+        format.starts_with("NuvioConnect: update playbackstatus")) {
         g_stop.request_stop();
     }
-}
-
-[[gnu::format(printf, 1, 0)]] void write_log(const char* format, va_list arguments) {
-    char line[1024];
-    std::vsnprintf(line, sizeof line, format, arguments);
-    on_log_line(format, line);
 }
 
 void work_off(android::NuvioConnect& bridge) {
@@ -80,15 +67,13 @@ std::vector<std::string> lines_of(std::string_view text) {
 
 }  // namespace
 
-extern "C" {
-
-[[gnu::format(printf, 2, 3)]] void syslog(int, const char* format, ...);
-void syslog(int, const char* format, ...) {
+extern "C" [[gnu::format(printf, 2, 3)]] void syslog(int, const char* format, ...) {
+    char line[1024];
     va_list arguments;
     va_start(arguments, format);
-    write_log(format, arguments);
+    std::vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
-}
+    on_log_line(format, line);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
