@@ -230,31 +230,29 @@ uint64_t pcm_calls(const simcard::Counters& counters) {
 class FaultMatrix : public CardSessions, public testing::WithParamInterface<Cell> {
   protected:
     // The first session of a cell.
-    void play(const Cell& cell, Card& card, ScriptedSdk& sdk);
+    void play(const Cell& cell, Card& card, ScriptedSdk& sdk) {
+        sdk.at([&](Point point) {
+            if (struck_ || point != cell.moment->point) {
+                return;
+            }
+            struck_ = true;
+            if (cell.row->fault) {
+                card.inject(*cell.row->fault);
+            } else {
+                cell.row->event(card);
+            }
+            if (cell.moment->then == Moment::pause) {
+                sdk.pause_for(30);
+            } else if (cell.moment->then == Moment::seek) {
+                sdk.seek_ahead(50);
+            }
+        });
+        card.set_speed(cell.moment->is_slow ? kSlow : kSpeed);
+        sdk.play(cell.moment->tracks);
+    }
 
     bool struck_ = false;
 };
-
-void FaultMatrix::play(const Cell& cell, Card& card, ScriptedSdk& sdk) {
-    sdk.at([&](Point point) {
-        if (struck_ || point != cell.moment->point) {
-            return;
-        }
-        struck_ = true;
-        if (cell.row->fault) {
-            card.inject(*cell.row->fault);
-        } else {
-            cell.row->event(card);
-        }
-        if (cell.moment->then == Moment::pause) {
-            sdk.pause_for(30);
-        } else if (cell.moment->then == Moment::seek) {
-            sdk.seek_ahead(50);
-        }
-    });
-    card.set_speed(cell.moment->is_slow ? kSlow : kSpeed);
-    sdk.play(cell.moment->tracks);
-}
 
 void check(const Cell& cell, const Card& card, const ScriptedSdk& sdk) {
     const simcard::Counters counters = card.counters();

@@ -63,8 +63,7 @@ void check_number(const std::string& text) {
 void check_trimming(std::string_view text) {
     const std::string_view trimmed = trim(text);
     FUZZ_EXPECT(trim(trimmed) == trimmed && text.find(trimmed) != std::string_view::npos);
-    FUZZ_EXPECT(equals_ignoring_case(text, text) &&
-                starts_with_ignoring_case(text, trimmed.substr(0, 0)));
+    FUZZ_EXPECT(starts_with_ignoring_case(text, text.substr(0, text.size() / 2)));
 }
 
 void check_host_texts(const std::string& text) {
