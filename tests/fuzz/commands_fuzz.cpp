@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <sstream>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -54,17 +55,6 @@ android::NuvioConnect* make_playing_bridge() {
     return bridge;
 }
 
-std::vector<std::string> lines_of(std::string_view text) {
-    constexpr size_t kMaxLines = 32;
-    std::vector<std::string> lines;
-    while (!text.empty() && lines.size() < kMaxLines) {
-        const size_t end = text.find('\n');
-        lines.emplace_back(text.substr(0, end));
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    }
-    return lines;
-}
-
 }  // namespace
 
 extern "C" [[gnu::format(printf, 2, 3)]] void syslog(int, const char* format, ...) {
@@ -78,8 +68,12 @@ extern "C" [[gnu::format(printf, 2, 3)]] void syslog(int, const char* format, ..
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static android::NuvioConnect* const bridge = make_playing_bridge();
-    const std::vector<std::string> lines =
-        lines_of(std::string_view(reinterpret_cast<const char*>(data), size));
+    constexpr size_t kMaxLines = 32;
+    std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
+    std::vector<std::string> lines;
+    for (std::string line; lines.size() < kMaxLines && std::getline(input, line);) {
+        lines.push_back(line);
+    }
     const android::sp<android::NuvioSSListener> listener = android::NuvioSSListener::getInstance();
     fake_sdk::take_calls();
     fake_platform::state()->take_calls();
