@@ -36,18 +36,12 @@ constexpr std::array<nuv_audio_format, 5> kFormats{{
 }};
 
 // The calls that may fail. A fault is over at the end of its episode at the latest.
-constexpr std::array kFailingCalls{"notify_playback_initiated",
-                                   "notify_playback_paused",
-                                   "notify_playback_resumed",
-                                   "notify_playback_stopped",
-                                   "notify_playback_error",
-                                   "notify_playback_finished",
-                                   "resume_audio_delivery",
-                                   "set_volume",
-                                   "set_mute_state",
-                                   "get_playback_state",
-                                   "get_stream_metadata",
-                                   "deactivate_and_disconnect_renderer"};
+constexpr std::array kFailingCalls{
+    "notify_playback_initiated", "notify_playback_paused",
+    "notify_playback_resumed",   "notify_playback_stopped",
+    "notify_playback_error",     "notify_playback_finished",
+    "resume_audio_delivery",     "get_playback_state",
+    "get_stream_metadata",       "deactivate_and_disconnect_renderer"};
 
 // As the SDK keeps it.
 struct Stream {
@@ -416,8 +410,6 @@ const std::vector<RandomDriver::Event>& RandomDriver::events() {
          [](const D&) { return room_is_due(); }},
         {"time", 12, [](D& d) { d.let_time_pass(); }, nullptr},
         {"sink", 8, [](D& d) { d.change_sink(); }, nullptr},
-        {"volume", 1, [](D& d) { fake_sink::change_volume(d.below(101)); }, nullptr},
-        {"mute", 1, [](D& d) { fake_sink::change_mute_state(d.one_in(2)); }, nullptr},
         {"faults", 1, [](D& d) { d.let_calls_fail(); }, [](const D& d) { return d.has_faults_; }},
         {"host", 1, [](D& d) { journal::host_allows_source = !d.one_in(4); }, nullptr},
     };
