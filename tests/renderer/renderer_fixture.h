@@ -5,6 +5,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <chrono>
+#include <string>
+#include <thread>
+
 #include "fakes/fake_sdk.h"
 #include "media/audio_renderer_private.h"
 #include "renderer/fake_sink.h"
@@ -57,19 +62,20 @@ class RendererTest : public testing::Test {
     void announce_seek() { media.seek_in_progress(core, media.context); }
     uint64_t position() { return media.get_playback_position(core, media.context); }
 
-    // Runs the loop until the renderer does something that begins so, and no further; false when it
-    // has nothing left to wait for.
+    // Runs the loop until the renderer has done something that begins so since the last take;
+    // false when it has nothing left to wait for.
     bool run_until(const std::string& beginning) {
-        bool seen = false;
-        journal::observe([&](const std::string& line) {
-            if (line.starts_with(beginning)) {
-                seen = true;
-                uv_stop(&loop);
-            }
-        });
-        uv_run(&loop, UV_RUN_DEFAULT);
-        journal::observe(nullptr);
-        return seen;
+        const auto is_seen = [&] {
+            return std::ranges::any_of(journal::g_lines, [&](const std::string& line) {
+                return line.starts_with(beginning);
+            });
+        };
+        for (int pass = 0; pass < 1000 && !is_seen() && uv_loop_alive(&loop) != 0; ++pass) {
+            // One pass that does not wait runs what is due once, UV_RUN_ONCE may twice.
+            std::this_thread::sleep_for(std::chrono::milliseconds(uv_backend_timeout(&loop)));
+            run_due();
+        }
+        return is_seen();
     }
     // Runs what is due now.
     void run_due() { uv_run(&loop, UV_RUN_NOWAIT); }

@@ -21,6 +21,12 @@ class TrackTransition : public RendererTest {
         finish(1);
         journal::take();
     }
+    // And stream 2 flows behind its last 20 ms.
+    void hand_over() {
+        end_first_stream(20);
+        start(2);
+        ASSERT_TRUE(run_until("sdk resume_audio_delivery 2"));
+    }
     static void hold_ms(uint64_t ms) { fake_sink::state().buffered_frames = ms * 44100 / 1000; }
     uint64_t end_due_in() { return uv_timer_get_due_in(&renderer->playback_finished_timer->timer); }
     uint64_t nearly_due_in() {
@@ -123,11 +129,10 @@ TEST_F(TrackTransition, ANextTrackThatArrivesInTheIntervalFlowsAtOnce) {
 }
 
 TEST_F(TrackTransition, ANextTrackShorterThanTheQueueEndsInItsTurn) {
-    end_first_stream(20);
-    start(2);
-    ASSERT_TRUE(run_until("sdk resume_audio_delivery 2"));
-    hold_ms(60000);
-    finish(2);  // the end of stream 1 comes no later for it
+    hand_over();
+    hold_ms(2000);
+    finish(2);
+    EXPECT_LE(end_due_in(), 20U) << "the end of stream 1 comes no later for it";
     hold_ms(20);
     ASSERT_TRUE(run_until("sdk notify_playback_initiated"));
     EXPECT_TRUE(any_timer_armed()) << "stream 2 has been delivered";
@@ -139,6 +144,17 @@ TEST_F(TrackTransition, ANextTrackShorterThanTheQueueEndsInItsTurn) {
         << "stream 2 is in its interval already";
     ASSERT_TRUE(run_until("sdk notify_playback_initiated"));
     EXPECT_THAT(journal::take(), Contains("sdk notify_playback_finished false"));
+}
+
+TEST_F(TrackTransition, ATrackThatIsOverBeforeItsForerunnerIsDisposedOfEndsOnce) {
+    hand_over();
+    finish(2);
+    hold_ms(0);
+    ASSERT_TRUE(run_until("sdk notify_playback_initiated"));
+    journal::take();
+    EXPECT_FALSE(run_until("sdk"));
+    dispose(1);
+    EXPECT_TRUE(run_until("sdk notify_playback_finished true"));
 }
 
 TEST_F(TrackTransition, AnEndingTrackThatGoesEarlyDoesNotEndItsSuccessor) {
