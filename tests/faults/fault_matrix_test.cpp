@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <numeric>
 #include <optional>
 #include <string>
 #include <vector>
@@ -219,42 +220,32 @@ std::vector<Cell> selected_cells() {
 constexpr double kSlow = 0.5;
 constexpr uint64_t kMaxCalls = 1500;  // of the PCM, in a session
 
-uint64_t pcm_calls(const simcard::Counters& counters) {
-    uint64_t sum = 0;
-    for (size_t op = 0; op <= static_cast<size_t>(Op::poll_revents); ++op) {
-        sum += counters.calls[op];
-    }
-    return sum;
-}
-
 class FaultMatrix : public CardSessions, public testing::WithParamInterface<Cell> {
   protected:
     // The first session of a cell.
-    void play(const Cell& cell, Card& card, ScriptedSdk& sdk);
+    void play(const Cell& cell, Card& card, ScriptedSdk& sdk) {
+        sdk.at([&](Point point) {
+            if (struck_ || point != cell.moment->point) {
+                return;
+            }
+            struck_ = true;
+            if (cell.row->fault) {
+                card.inject(*cell.row->fault);
+            } else {
+                cell.row->event(card);
+            }
+            if (cell.moment->then == Moment::pause) {
+                sdk.pause_for(30);
+            } else if (cell.moment->then == Moment::seek) {
+                sdk.seek_ahead(50);
+            }
+        });
+        card.set_speed(cell.moment->is_slow ? kSlow : kSpeed);
+        sdk.play(cell.moment->tracks);
+    }
 
     bool struck_ = false;
 };
-
-void FaultMatrix::play(const Cell& cell, Card& card, ScriptedSdk& sdk) {
-    sdk.at([&](Point point) {
-        if (struck_ || point != cell.moment->point) {
-            return;
-        }
-        struck_ = true;
-        if (cell.row->fault) {
-            card.inject(*cell.row->fault);
-        } else {
-            cell.row->event(card);
-        }
-        if (cell.moment->then == Moment::pause) {
-            sdk.pause_for(30);
-        } else if (cell.moment->then == Moment::seek) {
-            sdk.seek_ahead(50);
-        }
-    });
-    card.set_speed(cell.moment->is_slow ? kSlow : kSpeed);
-    sdk.play(cell.moment->tracks);
-}
 
 void check(const Cell& cell, const Card& card, const ScriptedSdk& sdk) {
     const simcard::Counters counters = card.counters();
@@ -262,7 +253,8 @@ void check(const Cell& cell, const Card& card, const ScriptedSdk& sdk) {
         EXPECT_GE(counters.faults[static_cast<size_t>(cell.row->fault->op)], 1U)
             << "the call is not made at this moment";
     }
-    EXPECT_LE(pcm_calls(counters), kMaxCalls);
+    const auto* const mixer_calls = &counters.calls[static_cast<size_t>(Op::poll_revents) + 1];
+    EXPECT_LE(std::accumulate(counters.calls, mixer_calls, uint64_t{0}), kMaxCalls);
     for (const simcard::Recording& recording : card.recordings()) {
         EXPECT_TRUE(recording.closed);
         EXPECT_TRUE(ScriptedSdk::is_in_order(Card::data(recording), recording.frame_bytes()))

@@ -7,6 +7,7 @@
 #include <chrono>
 #include <mutex>
 #include <random>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <vector>
@@ -126,25 +127,23 @@ class Storm {
   public:
     explicit Storm(uint64_t seed) {
         for (unsigned n = 0; n < kThreadCount; ++n) {
-            m_threads.emplace_back([this, seed, n] { blow(std::mt19937_64(seed + n)); });
+            m_threads.emplace_back(blow, std::mt19937_64(seed + n));
         }
     }
     // Nothing new begins; what waits for the end of a batch goes on waiting.
-    void calm() { m_over = true; }
-    void end() {
-        calm();
-        for (std::thread& thread : m_threads) {
-            thread.join();
+    void calm() {
+        for (std::jthread& thread : m_threads) {
+            thread.request_stop();
         }
     }
 
   private:
     static constexpr unsigned kThreadCount = 3;
 
-    void blow(std::mt19937_64 random) {
+    static void blow(const std::stop_token& over, std::mt19937_64 random) {
         const sp<NuvioSSListener> listener = NuvioSSListener::getInstance();
         const auto below = [&](unsigned bound) { return static_cast<int>(random() % bound); };
-        while (!m_over) {
+        while (!over.stop_requested()) {
             switch (below(8)) {
                 case 0:
                     fake_platform::notify_network(1 + below(2), below(2));
@@ -178,8 +177,7 @@ class Storm {
         }
     }
 
-    std::atomic<bool> m_over{false};
-    std::vector<std::thread> m_threads;
+    std::vector<std::jthread> m_threads;
 };
 
 TEST_F(PlatformFaults, ServiceEndsAtAnyMomentOfAStormOfNotifications) {
@@ -199,15 +197,15 @@ TEST_F(PlatformFaults, ServiceEndsAtAnyMomentOfAStormOfNotifications) {
         };
         run();
         ASSERT_TRUE(captured_log::wait_for("MAIN TO START NUVIO CONNECT END"));
-        Storm storm(random());
-        std::this_thread::sleep_for(std::chrono::microseconds(random() % 200000));
-        const bool ends_in_the_storm = random() % 2 == 0;
-        if (!ends_in_the_storm) {
-            storm.calm();
+        {
+            Storm storm(random());
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 200000));
+            if (random() % 2 == 0) {
+                storm.calm();
+            }
+            // Not after the storm's end: each status report in a batch may take seconds.
+            EXPECT_EQ(end(), 0);
         }
-        // Not after the storm's end: each status report in a batch may take seconds.
-        EXPECT_EQ(end(), 0);
-        storm.end();
         rounds_with_a_bridge += countLines("Nuvio Connect has been initialized") > 0 ? 1 : 0;
         EXPECT_TRUE(fake_platform::state()->kora_ids.empty());
         EXPECT_TRUE(fake_platform::state()->nesh == nullptr);

@@ -61,13 +61,13 @@ ScriptedSdk::~ScriptedSdk() {
     uv_timer_free(m_timer);
 }
 
-void ScriptedSdk::play(const std::vector<Clip>& tracks, uint64_t position_ms) {
+void ScriptedSdk::play(const std::vector<Clip>& tracks) {
     for (const Clip& track : tracks) {
         const uint64_t id = ++m_last_id;
         m_streams[id] = {track.format, make_pcm(track, id),
                          track.frames() * frame_size_of(track.format)};
-        m_stream_delegate.started(m_core, id, {track.format, track.ms},
-                                  std::exchange(position_ms, 0), m_stream_delegate.context);
+        m_stream_delegate.started(m_core, id, {track.format, track.ms}, 0,
+                                  m_stream_delegate.context);
     }
     reach(Point::opening);
     m_media.initiate_playback(m_core, NUV_PLAYBACK_STATE_PLAYING, m_media.context);
@@ -81,24 +81,12 @@ void ScriptedSdk::pause_for(unsigned ms) {
 
 void ScriptedSdk::seek_ahead(unsigned ms) {
     const Stream& first = m_streams.begin()->second;
-    const uint64_t delivered_ms = taken_since_seek() * 1000 / first.format.sample_rate;
+    const uint64_t delivered_ms =
+        first.delivered / frame_size_of(first.format) * 1000 / first.format.sample_rate;
     m_seek_ms = static_cast<unsigned>(delivered_ms) + ms;
     m_is_seeking = true;
     m_media.seek_in_progress(m_core, m_media.context);
     after(kSeekDurationMs, [](ScriptedSdk& sdk) { sdk.complete_seek(); });
-}
-
-void ScriptedSdk::seek_to(uint64_t position_ms, uint64_t frames) {
-    auto& [id, stream] = *m_streams.begin();
-    m_media.seek_in_progress(m_core, m_media.context);
-    stream.size = frames * frame_size_of(stream.format);
-    stream.delivered = 0;
-    m_stream_delegate.seeked(m_core, id, position_ms, m_stream_delegate.context);
-}
-
-uint64_t ScriptedSdk::taken_since_seek() const {
-    const Stream& first = m_streams.begin()->second;
-    return first.delivered / frame_size_of(first.format);
 }
 
 void ScriptedSdk::complete_seek() {

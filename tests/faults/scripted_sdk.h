@@ -47,21 +47,17 @@ class ScriptedSdk {
 
     // Before play.
     void at(std::function<void(Point)> observer) { m_observer = std::move(observer); }
-    // The first one's start is told as a position in a longer track.
-    void play(const std::vector<Clip>& tracks, uint64_t position_ms = 0);
+    void play(const std::vector<Clip>& tracks);
     // Pauses now and resumes some time later.
     void pause_for(unsigned ms);
     // Announces a seek now and moves the first stream forward a few passes later.
     void seek_ahead(unsigned ms);
-    // Moves the first stream, a silent one, at once, and gives it so many frames from there on.
-    void seek_to(uint64_t position_ms, uint64_t frames);
 
     // Every stream has been disposed of.
     bool is_over() const { return m_streams.empty(); }
     unsigned errors() const { return m_errors; }           // playback errors reported
     bool ended() const { return m_ended; }                 // the last track was reported finished
     uint64_t frames_taken() const { return m_taken; }      // of all streams
-    uint64_t taken_since_seek() const;                     // of the first one
     uint64_t frames_skipped() const { return m_skipped; }  // by seeks
     bool is_delivering() const { return uv_is_active(reinterpret_cast<uv_handle_t*>(m_idle)) != 0; }
 

@@ -9,7 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
+#include <sstream>
 #include <stop_token>
 #include <string>
 #include <string_view>
@@ -27,26 +27,14 @@ namespace {
 std::stop_source g_stop;
 bool g_idle = false;
 
-bool starts_with(const char* text, const char* prefix) {
-    return std::strncmp(text, prefix, std::strlen(prefix)) == 0;
-}
-
 // `format` is the bridge's own text, which no input can imitate.
-void on_log_line(const char* format, const char* line) {
-    if (starts_with(format, "NuvioConnect: New device_name") ||
-        starts_with(format, "NuvioConnect: update playbackstatus")) {
-        g_stop.request_stop();
-    } else if (starts_with(format, "NuvioConnect: handleNuvioPlaybackEvents: Waking up") &&
-               std::strstr(line, "m_beventReady = 0") != nullptr) {
-        g_idle = true;
+void on_log_line(std::string_view format, std::string_view line) {
+    g_idle |= format.starts_with("NuvioConnect: handleNuvioPlaybackEvents: Waking up") &&
+              line.find("m_beventReady = 0") != line.npos;
+    if (g_idle || format.starts_with("NuvioConnect: New device_name") ||
+        format.starts_with("NuvioConnect: update playbackstatus")) {
         g_stop.request_stop();
     }
-}
-
-[[gnu::format(printf, 1, 0)]] void write_log(const char* format, va_list arguments) {
-    char line[1024];
-    std::vsnprintf(line, sizeof line, format, arguments);
-    on_log_line(format, line);
 }
 
 void work_off(android::NuvioConnect& bridge) {
@@ -67,34 +55,25 @@ android::NuvioConnect* make_playing_bridge() {
     return bridge;
 }
 
-std::vector<std::string> lines_of(std::string_view text) {
-    constexpr size_t kMaxLines = 32;
-    std::vector<std::string> lines;
-    while (!text.empty() && lines.size() < kMaxLines) {
-        const size_t end = text.find('\n');
-        lines.emplace_back(text.substr(0, end));
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-    }
-    return lines;
-}
-
 }  // namespace
 
-extern "C" {
-
-[[gnu::format(printf, 2, 3)]] void syslog(int, const char* format, ...);
-void syslog(int, const char* format, ...) {
+extern "C" [[gnu::format(printf, 2, 3)]] void syslog(int, const char* format, ...) {
+    char line[1024];
     va_list arguments;
     va_start(arguments, format);
-    write_log(format, arguments);
+    std::vsnprintf(line, sizeof line, format, arguments);
     va_end(arguments);
-}
+    on_log_line(format, line);
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static android::NuvioConnect* const bridge = make_playing_bridge();
-    const std::vector<std::string> lines =
-        lines_of(std::string_view(reinterpret_cast<const char*>(data), size));
+    constexpr size_t kMaxLines = 32;
+    std::istringstream input(std::string(reinterpret_cast<const char*>(data), size));
+    std::vector<std::string> lines;
+    for (std::string line; lines.size() < kMaxLines && std::getline(input, line);) {
+        lines.push_back(line);
+    }
     const android::sp<android::NuvioSSListener> listener = android::NuvioSSListener::getInstance();
     fake_sdk::take_calls();
     fake_platform::state()->take_calls();

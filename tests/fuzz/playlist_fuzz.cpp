@@ -1,4 +1,5 @@
-// A playlist's entries, their titles and locations, before a file is touched.
+// Playlists of the disk before a file is touched, those of a server in every format, and a radio's
+// texts between its audio bytes.
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -6,24 +7,80 @@
 
 #include "common/m3u.h"
 #include "fuzz/expect.h"
+#include "local/network/icy.h"
+#include "local/network/mpeg_sync.h"
+#include "local/network/ogg_end.h"
+#include "local/network/remote_playlist.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
 
 using namespace local_core;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    constexpr size_t kMaxEntries = 100;
-    const std::string_view text(reinterpret_cast<const char*>(data), size);
-    const auto entries = nuvio::parse_m3u(text, kMaxEntries);
-    FUZZ_EXPECT(entries.size() <= kMaxEntries);
+namespace {
+
+constexpr size_t kMaxTracks = 100;
+
+void read_own_playlist(std::string_view text) {
+    const auto entries = nuvio::parse_m3u(text, kMaxTracks);
+    FUZZ_EXPECT(entries.size() <= kMaxTracks);
     for (const nuvio::PlaylistEntry& entry : entries) {
         FUZZ_EXPECT(!entry.location.empty());
         FUZZ_EXPECT(entry.location.find_first_of(std::string_view("\r\n\0", 3)) ==
                     std::string::npos);
-        // What is fit for display stays as it is.
-        const std::string title = display_text(entry.title);
-        FUZZ_EXPECT(display_text(title) == title);
         path_from_file_url(entry.location);
     }
+}
+
+void read_playlists(std::string_view text) {
+    playlist_format("", text.substr(0, kPlaylistHeadBytes));
+    for (const PlaylistFormat format :
+         {PlaylistFormat::m3u, PlaylistFormat::pls, PlaylistFormat::xspf, PlaylistFormat::jspf}) {
+        const auto tracks =
+            parse_remote_playlist(format, text, "https://host/folder/list", kMaxTracks);
+        FUZZ_EXPECT(tracks.size() <= kMaxTracks);
+        for (const RemoteTrack& track : tracks) {
+            FUZZ_EXPECT(track.url.starts_with("http://") || track.url.starts_with("https://"));
+            FUZZ_EXPECT(track.image.empty() || track.image.starts_with("http"));
+            FUZZ_EXPECT(display_text(track.title) == track.title);
+        }
+    }
+}
+
+std::ptrdiff_t end_of_ogg(std::string_view bytes, size_t piece) {
+    OggEnd end;
+    for (size_t i = 0; i < bytes.size(); i += piece) {
+        if (const auto found = end.find(bytes.substr(i, piece))) {
+            return static_cast<std::ptrdiff_t>(i) + *found;
+        }
+    }
+    return -1;
+}
+
+// In one piece or byte by byte, the same comes out, and no more than went in.
+void read_radio(std::string_view bytes) {
+    const size_t interval = bytes.empty() ? 0 : static_cast<uint8_t>(bytes[0]);
+    const auto filtered = [&](size_t piece) {
+        IcyFilter filter(interval);
+        std::string out;
+        const auto keep = [&](std::string_view text) { out += text; };
+        for (size_t i = 0; i < bytes.size(); i += piece) {
+            filter.feed(bytes.substr(i, piece), keep, keep);
+        }
+        return out;
+    };
+    const std::string whole = filtered(bytes.size() + 1);
+    FUZZ_EXPECT(whole.size() <= bytes.size());
+    FUZZ_EXPECT(whole == filtered(1));
+    FUZZ_EXPECT(first_mpeg_frame(bytes) <= bytes.size());
+    FUZZ_EXPECT(end_of_ogg(bytes, bytes.size() + 1) == end_of_ogg(bytes, 1));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    const std::string_view input(reinterpret_cast<const char*>(data), size);
+    read_own_playlist(input);
+    read_playlists(input);
+    read_radio(input);
     return 0;
 }

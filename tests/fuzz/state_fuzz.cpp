@@ -42,7 +42,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     // A damaged file is whole again after the next change, and nothing good in it is lost.
     const bool was_muted =
         values.contains(android::KORA_MUTE) && values.at(android::KORA_MUTE) == "MUTE";
-    FUZZ_EXPECT(store.set(android::KORA_MUTE, was_muted ? "UNMUTE" : "MUTE"));
+    const bool is_set = store.set(android::KORA_MUTE, was_muted ? "UNMUTE" : "MUTE");
+    FUZZ_EXPECT(is_set);
     store.save();
     std::map<int, std::string> expected = values;
     expected[android::KORA_MUTE] = was_muted ? "UNMUTE" : "MUTE";

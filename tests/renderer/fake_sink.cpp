@@ -8,8 +8,6 @@
 struct audio_sink {
     void* listener = nullptr;
     audio_sink_space_available_callback space_available = nullptr;
-    audio_sink_volume_changed_callback volume_changed = nullptr;
-    audio_sink_mute_state_changed_callback mute_state_changed = nullptr;
 };
 
 namespace fake_sink {
@@ -29,12 +27,6 @@ void signal_space() {
     g_state.waits_for_space = false;
     g_sink.space_available(&g_sink, g_sink.listener);
 }
-void change_volume(uint32_t volume) {
-    g_sink.volume_changed(&g_sink, volume, g_sink.listener);
-}
-void change_mute_state(bool muted) {
-    g_sink.mute_state_changed(&g_sink, muted, g_sink.listener);
-}
 
 }  // namespace fake_sink
 
@@ -48,9 +40,9 @@ void audio_sink_free(audio_sink* self) {
 }
 void audio_sink_set_event_listener(audio_sink* self, void* listener,
                                    audio_sink_space_available_callback space_available,
-                                   audio_sink_volume_changed_callback volume_changed,
-                                   audio_sink_mute_state_changed_callback mute_state_changed) {
-    *self = {listener, space_available, volume_changed, mute_state_changed};
+                                   audio_sink_volume_changed_callback,
+                                   audio_sink_mute_state_changed_callback) {
+    *self = {listener, space_available};
 }
 nuv_audio_quality audio_sink_get_maximum_supported_audio_quality(audio_sink*) {
     return NUV_AUDIO_QUALITY_HI_RES_LEVEL_1;
@@ -87,7 +79,6 @@ bool audio_sink_resume(audio_sink*) {
     return true;
 }
 bool audio_sink_flush(audio_sink*) {
-    journal::add("sink flush");
     g_state.buffered_frames = 0;
     return true;
 }
@@ -104,12 +95,8 @@ uint64_t audio_sink_get_buffered_frame_count(audio_sink*, bool* ok) {
 uint32_t audio_sink_get_volume(audio_sink*) {
     return 50;
 }
-void audio_sink_set_volume(audio_sink*, uint32_t volume) {
-    journal::add("sink volume " + std::to_string(volume));
-}
+void audio_sink_set_volume(audio_sink*, uint32_t) {}
 bool audio_sink_get_mute_state(audio_sink*) {
     return false;
 }
-void audio_sink_set_mute_state(audio_sink*, bool muted) {
-    journal::add(muted ? "sink mute" : "sink unmute");
-}
+void audio_sink_set_mute_state(audio_sink*, bool) {}

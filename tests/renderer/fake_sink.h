@@ -1,5 +1,5 @@
 // The ALSA sink in a test's hands: takes as much as the test gives it room for, and holds as much
-// as the test says. Every call but the queries becomes a line of the journal.
+// as the test says. What it opens, writes, drains and closes become lines of the journal.
 #pragma once
 
 #include <functional>
@@ -25,7 +25,5 @@ struct State {
 void reset();
 State& state();
 void signal_space();
-void change_volume(uint32_t volume);
-void change_mute_state(bool muted);
 
 }  // namespace fake_sink

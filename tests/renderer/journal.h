@@ -2,7 +2,6 @@
 // SDK), "host ..." (host hooks), "sink ..." (the fake sink).
 #pragma once
 
-#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,20 +11,10 @@ namespace journal {
 // What the host hook answers when the renderer asks for the output.
 inline bool host_allows_source = true;
 
-using Observer = std::function<void(const std::string& line)>;
-
 inline std::vector<std::string> g_lines;
-inline Observer g_observer;  // called with each line that is added
-
-inline void observe(Observer observer) {
-    g_observer = std::move(observer);
-}
 
 inline void add(const std::string& line) {
     g_lines.push_back(line);
-    if (g_observer) {
-        g_observer(line);
-    }
 }
 
 // What was added since the last call.

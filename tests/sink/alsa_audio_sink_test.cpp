@@ -1,14 +1,22 @@
 #include "media/sink/alsa/alsa_audio_sink.h"
 
+#include <chrono>
 #include <cstring>
+#include <functional>
+#include <future>
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
+#include "loop_fixture.h"
 #include "media/sink/alsa/output_path.h"
 #include "platform/Environment.h"
-#include "simcard/card_fixture.h"
+#include "temp_dir.h"
+#include "tools/simcard/simcard.h"
 #include "utility/service_record.h"
 
 using namespace std::chrono_literals;
@@ -32,11 +40,27 @@ namespace {
 constexpr nuv_audio_format kCd = {44100, 2, NUV_AUDIO_SAMPLE_FORMAT_16_BIT};
 constexpr size_t kFrame = 4;  // bytes of a CD frame
 
-class AudioSinkTest : public CardTest {
+class AudioSinkTest : public LoopTest {
   protected:
     AudioSinkTest() { g_items.clear(); }
-    ~AudioSinkTest() override { free_sink(); }
+    ~AudioSinkTest() override {
+        free_sink();
+        snd_config_update_free_global();
+    }
 
+    // A simulated card, reached through ALSA as any card. Its clock stands still unless a test
+    // moves it.
+    static simcard::Settings stopped_clock() {
+        simcard::Settings settings;
+        settings.speed = 0;
+        return settings;
+    }
+    void make_card(const simcard::Settings& settings = stopped_clock()) {
+        card_.emplace(simcard::Card::create(directory_.path(), settings));
+        snd_config_update_free_global();
+        card_->use_in_this_process();
+    }
+    uint64_t calls(Op op) const { return card_->counters()[op]; }
     void free_sink() {
         if (sink_ != nullptr) {
             audio_sink_free(std::exchange(sink_, nullptr));
@@ -49,7 +73,12 @@ class AudioSinkTest : public CardTest {
             audio_sink_set_event_listener(
                 sink_, this,
                 [](audio_sink*, void* test) { ++static_cast<AudioSinkTest*>(test)->signals_; },
-                [](audio_sink*, uint32_t, void*) {}, [](audio_sink*, bool, void*) {});
+                [](audio_sink*, uint32_t volume, void* test) {
+                    static_cast<AudioSinkTest*>(test)->changes_.insert(std::to_string(volume));
+                },
+                [](audio_sink*, bool muted, void* test) {
+                    static_cast<AudioSinkTest*>(test)->changes_.insert(muted ? "muted" : "unmuted");
+                });
         }
         return sink_;
     }
@@ -72,8 +101,17 @@ class AudioSinkTest : public CardTest {
     long period() const { return static_cast<long>(card_->stream().period_frames); }
     snd_pcm_state_t state() const { return card_->stream().state; }
 
+    // Of volume and mute that were reported since the last call, in any order.
+    std::multiset<std::string> changes() {
+        run_for(30ms);
+        return std::exchange(changes_, {});
+    }
+
+    const TempDir directory_;
+    std::optional<simcard::Card> card_;
     audio_sink* sink_ = nullptr;
     int signals_ = 0;
+    std::multiset<std::string> changes_;
 };
 
 TEST_F(AudioSinkTest, OfferLargerThanRoomIsTakenInPartAndRoomIsSignalledOnce) {
@@ -98,18 +136,12 @@ TEST_F(AudioSinkTest, OfferLargerThanRoomIsTakenInPartAndRoomIsSignalledOnce) {
     bool ok = false;
     EXPECT_EQ(audio_sink_get_buffered_frame_count(sink_, &ok), buffer());
     EXPECT_TRUE(ok);
-}
-
-TEST_F(AudioSinkTest, FlushDropsTheQueueAndSignalsTheRoom) {
-    open();
-    ASSERT_EQ(write(buffer() + 1), buffer());
-    run_for(20ms);
     EXPECT_TRUE(audio_sink_flush(sink_));
-    EXPECT_EQ(signals_, 0) << "never from inside a call";
-    EXPECT_TRUE(run_until([&] { return signals_ == 1; }));
+    EXPECT_EQ(signals_, 1) << "never from inside a call";
+    EXPECT_TRUE(run_until([&] { return signals_ == 2; })) << "of the room of what was dropped";
     EXPECT_EQ(write(buffer()), buffer());
     run_for(20ms);
-    EXPECT_EQ(signals_, 1);
+    EXPECT_EQ(signals_, 2);
 }
 
 TEST_F(AudioSinkTest, PauseOfAnUnstartedPcmPlaysSilenceFirstAndFlushKeepsThePause) {
@@ -124,6 +156,50 @@ TEST_F(AudioSinkTest, PauseOfAnUnstartedPcmPlaysSilenceFirstAndFlushKeepsThePaus
     EXPECT_EQ(state(), SND_PCM_STATE_RUNNING);
     card_->inject({.op = Op::pause, .error = EIO});
     EXPECT_FALSE(audio_sink_pause(sink_));
+}
+
+// On which the proofs of the other tests rest.
+TEST_F(AudioSinkTest, TheCardDoesWhatItIsToldWhenItIsTold) {
+    open();
+    const auto soon = [](const std::function<void()>& change) {
+        return std::async(std::launch::async, [change] {
+            std::this_thread::sleep_for(50ms);
+            change();
+        });
+    };
+    ASSERT_EQ(write(100), 100);
+    card_->play(100);
+    ASSERT_EQ(write(100), 100);
+    EXPECT_EQ(calls(Op::prepare), 2U) << "it ran dry";
+    const uint64_t writes = calls(Op::write);
+    card_->shorten_writes(7, 2);
+    ASSERT_EQ(write(100), 100);
+    EXPECT_EQ(calls(Op::write), writes + 3);
+
+    card_->inject({.op = Op::drain, .error = EIO});
+    EXPECT_FALSE(audio_sink_drain(sink_));
+    EXPECT_EQ(state(), SND_PCM_STATE_SETUP);
+    ASSERT_EQ(write(8820), 8820);
+    card_->inject({.op = Op::drain, .error = EINTR});
+    const auto since = std::chrono::steady_clock::now();
+    auto later = soon([&] { card_->set_speed(1); });
+    EXPECT_TRUE(audio_sink_drain(sink_));
+    EXPECT_GE(std::chrono::steady_clock::now() - since, 200ms) << "of audio";
+    EXPECT_EQ(card_->counters().frames_played, 8920U);
+
+    later.get();
+    card_->set_speed(0);
+    ASSERT_EQ(write(100), 100);
+    later = soon([&] { card_->unplug(); });
+    EXPECT_FALSE(audio_sink_drain(sink_));
+    EXPECT_EQ(state(), SND_PCM_STATE_DISCONNECTED) << "it does not wait any longer";
+    later.get();
+    card_->plug_in();
+    audio_sink_close(sink_);
+    ASSERT_TRUE(audio_sink_open(sink_, &kCd));
+    card_->unplug();  // and back before anyone looks
+    card_->plug_in();
+    EXPECT_EQ(write(100), -1) << "gone for good for whoever had it open";
 }
 
 TEST_F(AudioSinkTest, WhatCannotBePlayedOrWatchedFailsTheOpen) {
@@ -223,12 +299,9 @@ TEST_F(AudioSinkTest, AnnouncedQualityFollowsTheOutputSettings) {
         nuv_audio_quality quality;
     } rows[] = {
         {"", "", NUV_AUDIO_QUALITY_HI_RES_LEVEL_2},
-        {"default", "default", NUV_AUDIO_QUALITY_HI_RES_LEVEL_2},
-        {"default", "44100,48000,96000,192000", NUV_AUDIO_QUALITY_HI_RES_LEVEL_2},
         {"my_default_out", "44100,176400,", NUV_AUDIO_QUALITY_HI_RES_LEVEL_2},
         {"default", "96000,176399", NUV_AUDIO_QUALITY_HI_RES_LEVEL_1},
         {"default", "192000,96000", NUV_AUDIO_QUALITY_HI_RES_LEVEL_1},
-        {"default", "44100,48000", NUV_AUDIO_QUALITY_CD},
         {"default", "22050", NUV_AUDIO_QUALITY_CD},
         {"default", "44100,fast", NUV_AUDIO_QUALITY_HI_RES_LEVEL_2},
         {"default", ",,,", NUV_AUDIO_QUALITY_HI_RES_LEVEL_2},
@@ -244,6 +317,59 @@ TEST_F(AudioSinkTest, AnnouncedQualityFollowsTheOutputSettings) {
         EXPECT_EQ(audio_sink_get_maximum_supported_audio_quality(sink_), row.quality)
             << row.device << " " << row.rates;
     }
+}
+
+TEST_F(AudioSinkTest, PercentagesMapToTheRawRangeAndBack) {
+    const struct {
+        long minimum, maximum;
+        uint32_t set;
+        long raw;
+        uint32_t read;
+    } rows[] = {{0, 255, 1, 2, 1},
+                {0, 255, 101, 255, 100},
+                {-10239, 400, 50, -4919, 50},
+                {-10239, 400, 0, -10239, 0},
+                {0, 31, 50, 15, 48}};
+    for (const auto& row : rows) {
+        simcard::Settings settings = stopped_clock();
+        settings.element = {.minimum = row.minimum,
+                            .maximum = row.maximum,
+                            .volume = row.set < 100 ? row.maximum : row.minimum};
+        make_card(settings);
+        ASSERT_NE(new_sink(), nullptr);
+        audio_sink_set_volume(sink_, row.set);
+        EXPECT_EQ(card_->volume(0), row.raw);
+        EXPECT_EQ(card_->volume(1), row.raw);
+        EXPECT_EQ(audio_sink_get_volume(sink_), row.read) << row.maximum << ": " << row.set;
+        free_sink();
+    }
+}
+
+TEST_F(AudioSinkTest, EachChangeOfTheMixerIsReportedOnceWhoeverMadeIt) {
+    using Changes = std::multiset<std::string>;
+    make_card();
+    ASSERT_NE(new_sink(), nullptr);
+    audio_sink_set_volume(sink_, 50);  // 128 already, for which 127 would be written
+    audio_sink_set_mute_state(sink_, false);
+    EXPECT_EQ(calls(Op::write_volume) + calls(Op::write_switch), 0U);
+    card_->set_volume(255);
+    EXPECT_EQ(changes(), Changes{"100"});
+    card_->set_volume(254);  // 99.6 percent, which reads as 100 too
+    EXPECT_EQ(changes(), Changes{});
+    card_->set_switch(false);
+    EXPECT_EQ(changes(), Changes{"muted"});
+
+    audio_sink_set_volume(sink_, 40);
+    audio_sink_set_mute_state(sink_, false);
+    EXPECT_EQ(changes_, Changes{}) << "never from inside a call";
+    EXPECT_EQ(changes(), (Changes{"40", "unmuted"}));
+    // The value that was last reported before our own write is a change again.
+    card_->set_volume(255);
+    EXPECT_EQ(changes(), Changes{"100"});
+
+    const uint64_t idle = calls(Op::read_event);
+    run_for(50ms);
+    EXPECT_EQ(calls(Op::read_event), idle) << "a quiet mixer wakes nobody";
 }
 
 }  // namespace

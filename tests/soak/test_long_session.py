@@ -21,58 +21,36 @@ HIGH = 96000
 ROUND_SECONDS = 2100  # of audio
 # The host takes a second or two to show a track: none may be shorter than that.
 SPEED = 300
-SIGN_BYTES = bytes(0xFF if n & 0x80 else 0 for n in range(256))
 # What an allocator may keep of a daemon's worst moment. An emulator's and a sanitizer's own memory
 # is no part of the promise.
 ALLOWED_GROWTH_KIB = 1024
 MEMORY_IS_ITS_OWN = not EMULATOR and not os.environ.get("NUVIO_SANITIZE")
 
 
-def write_noise(path, seconds, rate, sample_bytes, *heard):
-    """Writes stereo noise and adds what the card plays of it to the digests."""
-    noise = random.Random(str(path.name))
+def write_noise(path, seconds, rate, *heard):
+    """Writes stereo noise of 16 bits and adds it to the digests."""
+    noise = random.Random(path.name)
     with wave.open(str(path), "wb") as out:
-        out.setnchannels(2)
-        out.setsampwidth(sample_bytes)
-        out.setframerate(rate)
+        out.setparams((2, 2, rate, 0, "NONE", None))
         for _ in range(seconds):
-            samples = noise.randbytes(rate * 2 * sample_bytes)
+            samples = noise.randbytes(rate * 4)
             out.writeframesraw(samples)
-            played = samples if sample_bytes == 2 else in_containers(samples)
             for each in heard:
-                each.update(played)
-
-
-def in_containers(samples):
-    """24-bit samples as the card has them, sign-extended to four bytes each."""
-    wide = bytearray(len(samples) // 3 * 4)
-    for n in range(3):
-        wide[n::4] = samples[n::3]
-    wide[3::4] = samples[2::3].translate(SIGN_BYTES)
-    return wide
-
-
-class Figures:
-    """What the daemon holds at one moment."""
-
-    def __init__(self, process):
-        self.memory_kib = memory_of(process, "RssAnon")
-        self.threads = len(os.listdir(f"/proc/{process.pid}/task"))
-        self.descriptors = len(os.listdir(f"/proc/{process.pid}/fd"))
+                each.update(samples)
 
 
 class LongSession(DeviceTest):
     card_options = ["--patient"]
 
     def make_playlist(self):
-        """Two tracks of one format, one of them packed, and one of another. Notes what a round of
-        them has of frames, and the frames of each recording that may come of it by their digest:
+        """Two tracks of one format, one of them packed, and one of another. Notes how many frames a
+        round of them has, and the frames of each recording that may come of it by their digest:
         the first two join, unless the second is opened so late on a busy machine that the card,
         hundreds of times as fast, has played all of the first."""
         first, second, joined, alone = (hashlib.blake2b() for _ in range(4))
-        write_noise(self.music / "1.wav", 900, CD, 2, first, joined)
-        write_noise(self.music / "2.wav", 600, CD, 2, second, joined)
-        write_noise(self.music / "3.wav", 600, HIGH, 3, alone)
+        write_noise(self.music / "1.wav", 900, CD, first, joined)
+        write_noise(self.music / "2.wav", 600, CD, second, joined)
+        write_noise(self.music / "3.wav", 600, HIGH, alone)
         subprocess.run(["flac", "-s", "-0", "--delete-input-file", self.music / "2.wav"], check=True)
         (self.music / "all.m3u").write_text("1.wav\n2.flac\n3.wav\n")
         self.expected = {first.hexdigest(): 900 * CD, second.hexdigest(): 600 * CD,
@@ -122,7 +100,9 @@ class LongSession(DeviceTest):
             self.check_recordings()
             self.look_in(len(samples))
             if played > self.round_frames:
-                samples.append(Figures(self.daemon))
+                of = pathlib.Path(f"/proc/{self.daemon.pid}")
+                samples.append((memory_of(self.daemon, "RssAnon"), len(os.listdir(of / "task")),
+                                len(os.listdir(of / "fd"))))
             time.sleep(0.05)
         self.player("loop", "None")
         wait_for("the session's end", lambda: self.log_count("nothing is left to play"), 300)
@@ -139,13 +119,10 @@ class LongSession(DeviceTest):
         self.assertEqual(self.stop()[0], 0)
 
     def report(self, seconds, samples):
-        first, last = samples[len(samples) // 4], samples[-1]
         hours = sum(self.compared) / self.round_frames * ROUND_SECONDS / 3600
         print(f"\nsoak: {hours:.2f} h of audio, all compared with the files, in {seconds:.0f} s: "
-              f"{sum(self.compared)} frames, {len(self.compared)} openings of the card; "
-              f"memory {first.memory_kib} -> {last.memory_kib} KiB, descriptors "
-              f"{first.descriptors} -> {last.descriptors}, threads {first.threads} -> "
-              f"{last.threads}, {len(samples)} samples")
+              f"{sum(self.compared)} frames, {len(self.compared)} openings of the card; KiB, threads "
+              f"and descriptors {samples[len(samples) // 4]} -> {samples[-1]}, {len(samples)} samples")
 
     def assert_flat(self, samples):
         """What is held at the least, and memory at the most, is in the last half as in the first
@@ -153,10 +130,8 @@ class LongSession(DeviceTest):
         track's blocks more for a moment. And one less, which may be seen in one half alone: the card
         between two formats. What is lost with each track is three a round."""
         half = len(samples) // 2
-        begin, end = samples[:half], samples[-half:]
-        for name in "threads", "descriptors":
-            self.assertLessEqual(min(getattr(sample, name) for sample in end),
-                                 min(getattr(sample, name) for sample in begin) + 1, name)
+        memory, *others = zip(*samples)
+        for name, held in zip(("threads", "descriptors"), others):
+            self.assertLessEqual(min(held[-half:]), min(held[:half]) + 1, name)
         if MEMORY_IS_ITS_OWN:
-            self.assertLess(max(sample.memory_kib for sample in end),
-                            max(sample.memory_kib for sample in begin) + ALLOWED_GROWTH_KIB)
+            self.assertLess(max(memory[-half:]), max(memory[:half]) + ALLOWED_GROWTH_KIB)

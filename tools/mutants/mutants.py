@@ -26,15 +26,14 @@ Area = collections.namedtuple("Area", "folders tests")
 AREAS = {
     "media": Area(["src/media"], ["renderer_test", "random_driver_test"]),
     "utility": Area(["src/utility"], ["renderer_test", "random_driver_test"]),
-    "sink": Area(["src/media/sink"], ["sink_descriptor_poller_test", "sink_volume_manager_test",
-                                      "sink_alsa_audio_sink_test", "fault_matrix_test"]),
+    "sink": Area(["src/media/sink"], ["sink_test", "fault_matrix_test"]),
     "bridge": Area(["src/bridge", "src/startup"], ["bridge_test", "golden_log_test",
                                                   "platform_faults_test"]),
     "advertising": Area(["src/advertising"], ["avahi_libuv_poll_test", "advertising_test"]),
     "core": Area(["cores/local"], ["local_core_parts_test", "local_core_test"]),
     "host": Area(["hosts/linux"], ["linux_host_configuration_test", "linux_host_services_test",
                                    "bus_test"]),
-    "card": Area(["tools/simcard"], ["simcard_test", "fault_matrix_test"]),
+    "card": Area(["tools/simcard"], ["sink_test", "fault_matrix_test"]),
 }
 DEVICE = ["nuvio-connect", "simcardctl"]  # the targets of what drives it from outside
 TARGETS = {"advertising_test": ["advertiser_host"], "bus_test": DEVICE,
