@@ -39,7 +39,7 @@ class Content(DeviceTest):
         wait_for(f"{seconds} s of sound", lambda: self.position() >= seconds)
 
     def test_a_server_that_dies_at_random_costs_no_sample(self):
-        source = self.track("1.wav", 14) + self.track("2.wav", 3, 14 * CD)
+        source = self.track("1.wav", 20) + self.track("2.wav", 3, 20 * CD)  # longer than all of this
         seed = random.randrange(10**6)
         dice = random.Random(seed)
         self.start()

@@ -14,9 +14,10 @@ import time
 import unittest
 
 sys.path[:0] = [os.path.join(os.path.dirname(__file__), place) for place in ("..", "../e2e")]
+from bad_line import BadLine  # noqa: E402
 from certificate import make_certificate  # noqa: E402
-from device import (BUILD, CD, BadLine, ScriptedServer, WebServer, program, signal_samples,  # noqa: E402
-                    write_wav)
+from device import BUILD, CD, WebServer, program, signal_samples, write_wav  # noqa: E402
+from scripted_server import ScriptedServer  # noqa: E402
 from web_server import free_ports  # noqa: E402
 
 HAS_MODULE = bool(list(BUILD.glob("lib/libnuvio_connect_ffmpeg.so*")))
