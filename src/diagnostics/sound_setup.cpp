@@ -19,8 +19,8 @@ namespace {
 // A shorter one interrupts the machine 200 times a second for nothing: what is queued is some
 // seconds anyway, and what is heard is asked of the card, not counted in periods.
 constexpr unsigned kCardPeriodUs = 100'000;
-// A sound server knows the place within a period, a card's driver not always: longer ones halve
-// what it and its plug-in's thread do.
+// For any other name of ALSA's, as a rule a sound server's, which knows the place within a period;
+// a card's driver does not always. Longer ones halve what server and plug-in do.
 constexpr unsigned kServerPeriodUs = 250'000;
 // In all of the configuration item's buffer, with "default_" before it.
 constexpr size_t kMaxNameBytes = 40;
