@@ -25,7 +25,8 @@ class CommandLine(HouseTest):
         self.assertTrue(self.shown("Kitchen")["bit_exact"])
 
         self.command("seek", "Kitchen", SECONDS - 3)
-        wait_for("the next track", lambda: self.shown("Kitchen").get("item") == 1, 10)
+        wait_for("the next track, on both sides", lambda: self.shown("Kitchen").get("item") == 1 and
+                 kitchen.position() < SECONDS / 2, 10)
         self.assert_position(kitchen, lambda: self.shown("Kitchen")["position_ms"] / 1000)
         self.command("volume", "Kitchen", 30)
         wait_for("the card's volume", lambda: "[30%]" in kitchen.amixer("sget", "Master"))
