@@ -16,8 +16,7 @@ namespace nuvio::controller {
 
 using JsonPtr = std::unique_ptr<cJSON, ReleasedBy<cJSON_Delete>>;
 
-// Null for what is no JSON, is nested deeper than 32 levels (the parser recurses, and a web
-// server's worker has a small stack) or has anything behind its end.
+// Null for what is no JSON, nests too deep (common/json_nesting.h) or has anything behind its end.
 JsonPtr parse_json(std::string_view text);
 
 // Compact. Empty when memory ran out.

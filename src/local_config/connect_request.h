@@ -37,9 +37,6 @@ struct parsed_connect_request {
 };
 
 // Parses a NUL-terminated body. What follows a complete JSON value is ignored, and so are unknown
-// members; key case does not matter, and of equal keys the first counts.
+// members; key case does not matter, and of equal keys the first counts. What nests deeper than
+// kMaxJsonNesting is refused: CivetWeb's worker has a stack of 100 KiB.
 parsed_connect_request parse_connect_request(const char* body);
-
-// Deepest nesting of arrays and objects that is parsed. The parser recurses once a level, and
-// CivetWeb's worker has a stack of 100 KiB, which some 900 levels overrun.
-constexpr int kConnectRequestMaximumNesting = 32;

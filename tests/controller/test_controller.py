@@ -164,7 +164,7 @@ class Peers(HouseTest):
             return self.state()
         wait_for("an answer beside slow peers", is_answered, pause=0.2)
         deep = '{"a":' * 5000 + "1" + "}" * 5000
-        for body in (deep, "[]", "", "{" + '"x":1,' * 20_000 + '"y":1}', '{"what":[5,null,"album:-1"]}'):
+        for body in (deep, r'{"a":"\\","what":' + "[" * 999, "[]", "", "{" + '"x":1,' * 20_000 + '"y":1}', '{"what":[5,null,"album:-1"]}'):
             connection = self.socket(f"POST /api/devices/Kitchen/play HTTP/1.1\r\nHost: 127.0.0.1\r\n"
                                      f"Content-Length: {len(body)}\r\n\r\n{body}".encode())
             self.assertRegex(connection.recv(65536), rb"^HTTP/1.1 4\d\d ")

@@ -3,6 +3,7 @@
 #include <iterator>
 #include <utility>
 
+#include "common/json_nesting.h"
 #include "common/utf8.h"
 #include "local/channel/json.h"
 #include "local/channel/messages.h"
@@ -199,9 +200,8 @@ bool has_nul(std::string_view text) {
 }  // namespace
 
 std::variant<RemoteCommand, Refusal> read_command(std::string_view text) {
-    const Json message(has_nul(text) || !nuvio::is_utf8(text)
-                           ? nullptr
-                           : cJSON_ParseWithLength(text.data(), text.size()));
+    const bool is_fit = !has_nul(text) && nuvio::is_utf8(text) && !nuvio::nests_too_deep(text);
+    const Json message(is_fit ? cJSON_ParseWithLength(text.data(), text.size()) : nullptr);
     if (!cJSON_IsObject(message.get())) {
         return Refusal{"bad_message", "not a JSON object"};
     }

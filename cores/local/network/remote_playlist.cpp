@@ -8,6 +8,7 @@
 #include <memory>
 #include <utility>
 
+#include "common/json_nesting.h"
 #include "common/m3u.h"
 #include "common/number.h"
 #include "common/released_by.h"
@@ -205,7 +206,7 @@ std::string json_text(const cJSON* value) {
 
 std::vector<Entry> parse_jspf(std::string_view text, size_t max_entries) {
     const std::unique_ptr<cJSON, nuvio::ReleasedBy<cJSON_Delete>> root(
-        cJSON_ParseWithLength(text.data(), text.size()));
+        nuvio::nests_too_deep(text) ? nullptr : cJSON_ParseWithLength(text.data(), text.size()));
     const cJSON* playlist = cJSON_GetObjectItemCaseSensitive(root.get(), "playlist");
     const cJSON* tracks = cJSON_GetObjectItemCaseSensitive(playlist, "track");
     std::vector<Entry> entries;
