@@ -2,6 +2,7 @@
 server that dies, storms or lies."""
 import contextlib
 import json
+import os
 import pathlib
 import random
 import socket
@@ -14,7 +15,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "e2e"))
 from device import (CD, EMULATOR, DeviceTest, WebServer, memory_of, signal_samples,  # noqa: E402
                     wait_for, write_wav)
 from certificate import make_certificate  # noqa: E402
-from raw_websocket import RawServer  # noqa: E402
+from raw_websocket import RawServer, frame, frames, head  # noqa: E402
 from raw_websocket import command as raw_command  # noqa: E402
 from server import Server  # noqa: E402
 
@@ -234,16 +235,20 @@ class Channel(DeviceTest):
         self.assertEqual(server.connections, count)
         self.assertEqual(self.request("GET", "/get-connect-info")[0], 200)
 
-    def test_tls_and_its_authorities_and_no_redirections(self):
+    def tls(self):
+        """A server's, which the device trusts from its next start on."""
         make_certificate(self.folder, "DNS:localhost")
+        self.environment["NUVIO_NETWORK_AUTHORITIES"] = str(self.folder / "cert")
         tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         tls.load_cert_chain(self.folder / "cert", self.folder / "key")
-        server = self.server(tls=tls)
+        return tls
+
+    def test_tls_and_its_authorities_and_no_redirections(self):
+        server = self.server(tls=self.tls())
         self.connect(self.music / "a.wav", remote=server.url)
         self.wait_for_log("can't reach localhost")
         self.assertEqual(server.paths, [])
         self.stop()
-        self.environment["NUVIO_NETWORK_AUTHORITIES"] = str(self.folder / "cert")
         self.start(player=False)
         self.hand_over(server)
         self.connect(self.music / "a.wav", remote=server.url.replace("localhost", "127.0.0.1"))
@@ -277,6 +282,24 @@ class Channel(DeviceTest):
         self.hand_over(server)
         self.assertEqual(server.ask("shuffle", shuffle=True), "ok")
         server.until("state", shuffle=True)
+
+    def test_the_device_ends_well_in_every_state_of_its_channels(self):
+        speaking, rng = self.server(tls=self.tls()), random.Random(3)
+        with RawServer() as silent, RawServer() as gone:
+            gone.listener.close()
+            urls = [speaking.url, silent.url, "wss://no-such-host.invalid/",
+                    *(server.url.replace("ws:", "wss:") for server in (silent, gone))]
+            for n in range(150 if "NUVIO_LONG" in os.environ else 15):
+                self.assertEqual(self.stop()[0], 0, n)
+                # The system's authorities take a while to read.
+                trust = {} if n % 2 else {"NUVIO_NETWORK_AUTHORITIES": str(self.folder / "cert")}
+                self.environment = {**self.environment, "NUVIO_NETWORK_AUTHORITIES": "", **trust}
+                self.start(player=False)
+                for url in rng.choices(urls, [16, 1, 1, 1, 1], k=rng.choice([1, 3, 4])):
+                    self.connect(self.music / "a.wav", session=url, remote=url)
+                    time.sleep(rng.choice([0, 0.1, 0.26]))
+                # The others wait for one whose server does not answer.
+                speaking.loop.call_soon_threadsafe(time.sleep, rng.choice([0, 0, 0.8, 1.5]))
 
     # ---- Hostile servers --------------------------------------------------------------------
 
@@ -313,12 +336,67 @@ class Channel(DeviceTest):
         answers = [server.answer(f"r{n}")["error"] for n in range(len(refused))]
         self.assertEqual(answers, ["unknown_command"] + ["bad_message"] * (len(refused) - 1))
         self.assertEqual(len([m for m in server.said if m["type"] == "error"]), len(cases))
-        # These end the connection, which comes back.
-        for n, (fault, code) in enumerate([(b"{}", 1003), ("x" * 70_000, 1009)]):
-            server.send(fault)
-            server.wait("the end", lambda: len(server.closes) > n and server.closes[n] == code)
-            server.wait("again", lambda: server.connections == n + 2 and server.last("state"))
+        # This one ends the connection, which comes back.
+        server.send("x" * 70_000)
+        server.wait("the end", lambda: server.closes == [1009])
+        server.wait("again", lambda: server.connections == 2 and server.last("state"))
         self.assertEqual(server.last("state")["playback"], "playing")
+
+    def test_frames_of_any_size_cut_anywhere_end_no_more_than_their_connection(self):
+        text, binary, more, close, ping, pong = 0x81, 0x82, 0x80, 0x88, 0x89, 0x8a
+        open_text, open_more = 0x01, 0x00
+        taken, gone = "taken", None  # else the code that the device closes with
+        limit, mb = 65536, 1 << 20
+        def of(kind, size):
+            return frame(b"x" * size, kind)
+        # What is sent, and what becomes of it.
+        rows = [(of(text, size), taken) for size in (0, 1, 125, 126, limit - 1, limit)]
+        rows += [(of(text, size), 1009) for size in (limit + 1, 2 * limit, 200_000, mb, 100 * mb)]
+        rows += [(of(binary, size), 1003) for size in (0, 1, limit, limit + 1, 200_000, 100 * mb)]
+        rows += [
+            (frame(b"\xff" * 100), 1007), (frame(b"\xff" * limit), 1007),
+            (frame(b"\xff" * limit) + of(text, limit) * 3 + of(ping, 125), 1007),
+            # In pieces, with others between them.
+            (of(open_text, 100) + of(open_more, 0) * 1000 + of(ping, 125) + of(more, 100), taken),
+            (of(open_text, limit) + of(ping, 125) + of(more, 0), taken),
+            (of(open_text, limit) + of(ping, 125) + of(open_more, 1) + of(more, 200_000), 1009),
+            (of(open_text, 1000) + of(open_more, 1000) * 1000, 1009),
+            (of(open_text, 10) + of(text, 10), gone), (of(more, 10), gone),
+            # What the library answers itself, also behind what is refused.
+            (of(ping, 0) + of(ping, 125) * 500 + of(pong, 0) + of(pong, 125), taken),
+            (of(ping, 126), gone), (of(close, 126), gone), (head(ping, limit), gone),
+            (of(close, 0), gone), (frame(struct.pack(">H", 3000) + b"x" * 123, close), 3000),
+            (of(binary, 200_000) + frame(struct.pack(">H", 3000) + b"x" * 123, close), 1003),
+            (of(text, mb) + of(ping, 125) * 100 + of(close, 125), 1009),
+            # What is no frame, and lengths that do not come.
+            (b"\x83\x00", gone), (b"\x8f\x00", gone), (b"\xf1\x01x", gone), (b"\xff" * mb, gone),
+            (b"\x81\x7f" + b"\xff" * 8 + b"x" * mb, gone),
+            (b"\x81\x7f\x7f" + b"\xff" * 7 + b"x" * mb, 1009),
+            (b"\x82\xff\x00\x00\x00\x01" + b"\x00" * 4 + b"\x05" * 4 + b"x" * mb, 1003),
+        ]
+        rng = random.Random(11)
+        for n, (sent, outcome) in enumerate(rows):
+            with self.subTest(sent=sent[:16], size=len(sent)), RawServer() as server:
+                time.sleep(0.26)  # four sessions a second are taken
+                self.assertEqual(self.connect(self.music / "a.wav", session=f"s{n}",
+                                              remote=server.url), 200)
+                with server.accept() as peer:
+                    with contextlib.suppress(ConnectionError):
+                        rest = sent + raw_command("shuffle", shuffle=True)
+                        for _ in range(3):
+                            cut = rng.randrange(len(rest))
+                            peer.sendall(rest[:cut])
+                            rest = rest[cut:]
+                            time.sleep(0.01)
+                        peer.sendall(rest)
+                    heard = next((code for kind, data in frames(peer) for code in [
+                        taken if kind == 1 and b'"answer"' in data else
+                        struct.unpack(">H", data[:2])[0] if kind == 8 and data else None]
+                        if code), gone)
+                    self.assertEqual(heard, outcome)
+                self.assertIsNone(self.daemon.poll(), "the device has ended")
+        time.sleep(0.26)
+        self.hand_over(self.server())
 
     def test_storms_neither_stop_the_music_nor_grow_the_device(self):
         server = self.server(max_size=None)

@@ -1,6 +1,7 @@
 """The bare end of a session's channel, for what a library would not do: send without a pause, never
 read, break off, and note the time of the very call."""
 import base64
+import contextlib
 import hashlib
 import json
 import re
@@ -43,12 +44,28 @@ class RawServer:
         return peer
 
 
-def frame(text, kind=TEXT):
-    data = text.encode()
-    size = len(data)
+def head(kind, size):
+    """What stands before a frame's bytes; `kind`: its first byte."""
     length = bytes([size]) if size < 126 else b"\x7e" + struct.pack(">H", size) \
         if size < 65536 else b"\x7f" + struct.pack(">Q", size)
-    return bytes([kind]) + length + data
+    return bytes([kind]) + length
+
+
+def frame(text, kind=TEXT):
+    data = text.encode() if isinstance(text, str) else text
+    return head(kind, len(data)) + data
+
+
+def frames(peer):
+    """What a device sends, until it is gone: kind and bytes of each frame."""
+    with contextlib.suppress(ConnectionError), peer.makefile("rb") as stream:
+        while len(begin := stream.read(2)) == 2:
+            size = begin[1] & 0x7f
+            if size > 125:
+                size = int.from_bytes(stream.read(2 if size == 126 else 8), "big")
+            mask = stream.read(4)
+            data = stream.read(size)
+            yield begin[0] & 0xf, bytes(b ^ mask[i % 4] for i, b in enumerate(data))
 
 
 def command(name, id="1", **arguments):

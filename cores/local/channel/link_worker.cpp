@@ -117,7 +117,8 @@ int Link::Worker::on_event(lws* connection, lws_callback_reasons reason, void* /
                : 0;
 }
 
-// Not 0: the library ends the connection.
+// Not 0: the library ends the connection. It is left at that in the handshake and in write(); of
+// what was read, see refuse().
 int Link::Worker::handle_event(lws* connection, lws_callback_reasons reason, void* in,
                                size_t length) {
     switch (reason) {
@@ -132,7 +133,8 @@ int Link::Worker::handle_event(lws* connection, lws_callback_reasons reason, voi
             fail(connection, static_cast<const char*>(in));
             return 0;
         case LWS_CALLBACK_CLIENT_RECEIVE:
-            return receive(connection, static_cast<const char*>(in), length);
+            receive(connection, static_cast<const char*>(in), length);
+            return 0;
         case LWS_CALLBACK_CLIENT_WRITEABLE:
             return write(connection);
         case LWS_CALLBACK_WS_PEER_INITIATED_CLOSE: {
@@ -218,17 +220,24 @@ void Link::Worker::end_connection() {
             m_tries = 0;
         }
         if (!m_closing && !m_over) {
-            m_shared->log(true, std::string("Remote control: ") +
-                                    (m_stalled ? "the server does not read" : "connection lost"));
+            m_shared->log(true, "Remote control: " + why_lost());
         }
     }
     m_stalled = false;
+    m_refusal.reset();
     if (m_closing || m_over) {
         m_over = true;
         return;
     }
     set(m_retry,
         lws_usec_t{lws_retry_get_delay_ms(m_context, &kPolicy, &m_tries, nullptr)} * LWS_US_PER_MS);
+}
+
+std::string Link::Worker::why_lost() const {
+    if (m_stalled) {
+        return "the server does not read";
+    }
+    return m_refusal ? std::string("closed for ") + m_refusal->why : "connection lost";
 }
 
 // `connection` may be null. The library may report one failure twice.
@@ -257,27 +266,38 @@ void Link::Worker::give_up(const std::string& why) {
 
 // ---- Reading ----------------------------------------------------------------------------------
 
-int Link::Worker::receive(lws* connection, const char* bytes, size_t length) {
-    const auto end_with = [connection](lws_close_status status) {
-        lws_close_reason(connection, status, nullptr, 0);
-        return -1;
-    };
+void Link::Worker::receive(lws* connection, const char* bytes, size_t length) {
+    if (m_refusal) {
+        return;  // passed over until the connection is closed
+    }
     if (lws_frame_is_binary(connection) != 0) {
-        return end_with(LWS_CLOSE_STATUS_UNACCEPTABLE_OPCODE);
+        refuse(connection, LWS_CLOSE_STATUS_UNACCEPTABLE_OPCODE, "a message that is no text");
+        return;
     }
     if (m_incoming.size() + length > kMaxMessageBytes) {
-        return end_with(LWS_CLOSE_STATUS_MESSAGE_TOO_LARGE);
+        refuse(connection, LWS_CLOSE_STATUS_MESSAGE_TOO_LARGE, "a message that is too large");
+        return;
     }
     lws_validity_confirmed(connection);  // one that speaks needs no ping
     m_incoming.append(bytes, length);
     if (lws_remaining_packet_payload(connection) != 0 || lws_is_final_fragment(connection) == 0) {
-        return 0;
+        return;
     }
     if (!nuvio::is_utf8(m_incoming)) {
-        return end_with(LWS_CLOSE_STATUS_INVALID_PAYLOAD);
+        refuse(connection, LWS_CLOSE_STATUS_INVALID_PAYLOAD, "a message that is no UTF-8");
+        return;
     }
     take_message();
-    return 0;
+}
+
+// The connection is closed when next something could be written, and not by the answer to what was
+// read: at any but 0 the library leaves what it has of the frame in its buffer and, while it waits
+// for the server to close too, adds what follows, beyond the buffer's end.
+void Link::Worker::refuse(lws* connection, lws_close_status status, const char* why) {
+    m_refusal = {status, why};
+    m_incoming.clear();
+    set(m_stall, kStallTime);
+    lws_callback_on_writable(connection);
 }
 
 void Link::Worker::take_message() {
@@ -321,6 +341,10 @@ void Link::Worker::pace_reading() {
 // ---- Writing ----------------------------------------------------------------------------------
 
 int Link::Worker::write(lws* connection) {
+    if (m_refusal) {
+        lws_close_reason(connection, m_refusal->status, nullptr, 0);
+        return -1;
+    }
     const std::string text = m_shared->next_text();
     if (text.empty()) {
         lws_sul_cancel(&m_stall.entry);

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,6 +27,12 @@ class Link::Worker {
     void run();
 
   private:
+    // Why a connection is about to be closed for what its server has sent.
+    struct WhyRefused {
+        lws_close_status status;
+        const char* why;
+    };
+
     // A moment at which one of the worker's functions is called.
     struct Alarm {
         lws_sorted_usec_list_t entry;  // first: the library hands it back
@@ -47,9 +54,11 @@ class Link::Worker {
     bool speaks_the_protocol(lws* connection) const;
     void begin_connection();
     void end_connection();
+    std::string why_lost() const;
     void fail(lws* connection, const char* why);
     void give_up(const std::string& why);
-    int receive(lws* connection, const char* bytes, size_t length);
+    void receive(lws* connection, const char* bytes, size_t length);
+    void refuse(lws* connection, lws_close_status status, const char* why);
     void take_message();
     int write(lws* connection);
     void heed_the_loop();
@@ -70,6 +79,7 @@ class Link::Worker {
     bool m_is_patient = true;
     bool m_failing = false;  // since the last connection, told of in the log
     bool m_stalled = false;
+    std::optional<WhyRefused> m_refusal;
     uint16_t m_tries = 0;
     uint64_t m_number = 0;
     lws_usec_t m_begin = 0;  // of the connection
