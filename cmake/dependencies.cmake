@@ -11,6 +11,7 @@ pkg_check_modules(TAGLIB REQUIRED IMPORTED_TARGET taglib>=1.12)
 pkg_check_modules(EXPAT REQUIRED IMPORTED_TARGET expat)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3>=3.38)
 pkg_check_modules(WEBSOCKETS REQUIRED IMPORTED_TARGET libwebsockets>=4.1)
+pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET libcrypto>=3.0)
 # Of a module that a device may leave out.
 pkg_check_modules(FFMPEG IMPORTED_TARGET libavformat libavcodec libavutil)
 pkg_check_modules(SYSTEMD REQUIRED IMPORTED_TARGET libsystemd)

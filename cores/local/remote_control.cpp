@@ -83,8 +83,8 @@ RemoteControl::RemoteControl(uv_loop_t* loop, HelloMessage device, Control& cont
 RemoteControl::~RemoteControl() {
     if (m_link) {
         m_link->close(write_goodbye("shutdown"));
-        m_link->wait_closed(kGoodbyePatience);
     }
+    Link::wait_all_closed(kGoodbyePatience);
 }
 
 // ---- The session ------------------------------------------------------------------------------

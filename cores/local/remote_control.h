@@ -30,7 +30,8 @@ class RemoteControl {
     // Throws std::runtime_error when the loop has no handle left.
     RemoteControl(uv_loop_t* loop, HelloMessage device, Control& control, const Player& player,
                   std::shared_ptr<const Logger> logger, std::function<void()> wake);
-    // Says goodbye; waits for it a second at most.
+    // Says goodbye; waits for it, and for what earlier sessions' servers still hear, a second at
+    // most.
     ~RemoteControl();
     RemoteControl(const RemoteControl&) = delete;
     RemoteControl& operator=(const RemoteControl&) = delete;

@@ -26,7 +26,8 @@ LIBRARIES = {"libuv": ("libuv", "libuv"), "avahi-client": ("avahi", "avahi"),
              "sndfile": ("libsndfile", "libsndfile1"), "libcurl": ("libcurl", "curl"),
              "taglib": ("taglib", "taglib"), "expat": ("expat", "expat"),
              "libwebsockets": ("libwebsockets", "libwebsockets"),
-             "libsystemd": ("systemd", "systemd"), "sqlite3": ("sqlite", "sqlite3"),
+             "libsystemd": ("systemd", "systemd"), "libcrypto": ("openssl", "openssl"),
+             "sqlite3": ("sqlite", "sqlite3"),
              "civetweb": ("civetweb", "civetweb")}
 # Yocto's variables for folders, as on a machine with a merged /usr.
 FOLDERS = {"bindir": "/usr/bin", "libdir": "/usr/lib", "datadir": "/usr/share", "sysconfdir": "/etc",

@@ -1,6 +1,5 @@
 #include "local/channel/link.h"
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -16,71 +15,79 @@ namespace local_core {
 namespace {
 
 constexpr int kMaxThreads = 4;  // of this process that may hang at a time
+constexpr std::chrono::seconds kTlsPatience{4};
 
-std::atomic<int> threads_running{0};
+// The links' threads of this process. Never destroyed: one that hangs on a name may outlive main.
+struct Threads {
+    std::mutex mutex;  // guards what follows
+    std::condition_variable news;
+    int running = 0;
+    bool tls_is_taken = false;
+};
+
+Threads& threads() {
+    static auto* const all = new Threads;
+    return *all;
+}
 
 // libwebsockets loses its TLS context when another thread makes or ends one at the same time: a new
-// session's link waits for the old one's end. Not for one that hangs on a name.
-class TlsTurn {
-  public:
-    explicit TlsTurn(bool is_needed) {
-        std::unique_lock lock(s_mutex);
-        m_is_mine = is_needed && s_freed.wait_for(lock, kPatience, [] { return !s_is_taken; });
-        s_is_taken |= m_is_mine;
-    }
-    ~TlsTurn() {
-        const std::lock_guard lock(s_mutex);
-        s_is_taken &= !m_is_mine;
-        s_freed.notify_all();
-    }
-    TlsTurn(const TlsTurn&) = delete;
-    TlsTurn& operator=(const TlsTurn&) = delete;
+// session's link waits for the old one's end. Not for one that hangs on a name, and not where
+// nobody wants it any more.
+template <typename IsUnwanted>
+bool take_tls_turn(IsUnwanted is_unwanted) {
+    Threads& all = threads();
+    std::unique_lock lock(all.mutex);
+    all.news.wait_for(lock, kTlsPatience, [&] { return !all.tls_is_taken || is_unwanted(); });
+    return !std::exchange(all.tls_is_taken, true);
+}
 
-  private:
-    static constexpr std::chrono::seconds kPatience{4};
-
-    static inline std::mutex s_mutex;
-    static inline std::condition_variable s_freed;
-    static inline bool s_is_taken = false;  // guarded by the mutex
-    bool m_is_mine = false;
-};
+void leave(bool had_tls_turn) {
+    Threads& all = threads();
+    const std::lock_guard lock(all.mutex);
+    --all.running;
+    all.tls_is_taken &= !had_tls_turn;
+    all.news.notify_all();
+}
 
 }  // namespace
 
 Link::Link(LinkTarget target, std::function<void()> on_news, Log log)
     : m_shared(std::make_shared<Shared>(std::move(log))) {
     m_shared->on_news = std::move(on_news);
-    if (threads_running.fetch_add(1) >= kMaxThreads) {
-        --threads_running;
-        throw std::system_error(EAGAIN, std::generic_category());
+    {
+        const std::lock_guard lock(threads().mutex);
+        if (threads().running == kMaxThreads) {
+            throw std::system_error(EAGAIN, std::generic_category());
+        }
+        ++threads().running;
     }
     const auto run = [shared = m_shared, target = std::move(target)]() mutable {
-        {
-            const TlsTurn turn(target.tls);
+        const bool tls = target.tls;
+        const bool has_tls_turn = tls && take_tls_turn([&] { return shared->is_closing(); });
+        if (!tls || !shared->is_closing()) {
             Worker(shared, std::move(target)).run();
         }
-        --threads_running;
-        const std::lock_guard lock(shared->mutex);
-        shared->connection = 0;
-        shared->ended = true;
-        shared->news();
-        shared->thread_ended.notify_all();
+        {
+            const std::lock_guard lock(shared->mutex);
+            shared->connection = 0;
+            shared->news();
+        }
+        leave(has_tls_turn);
     };
     try {
         nuvio::start_detached("nuv-channel", run);
     } catch (const std::system_error&) {
-        --threads_running;
+        leave(false);
         throw;
     }
 }
 
 Link::~Link() {
-    const std::lock_guard lock(m_shared->mutex);
-    m_shared->on_news = nullptr;
-    if (!m_shared->closing) {
-        m_shared->closing = true;
-        m_shared->wake();
+    {
+        const std::lock_guard lock(m_shared->mutex);
+        m_shared->on_news = nullptr;
     }
+    close("");
 }
 
 uint64_t Link::connection() const {
@@ -119,17 +126,22 @@ void Link::say(uint64_t connection, std::string text) {
 }
 
 void Link::close(std::string goodbye) {
-    const std::lock_guard lock(m_shared->mutex);
-    if (!m_shared->closing) {
-        m_shared->closing = true;
+    {
+        const std::lock_guard lock(m_shared->mutex);
+        if (std::exchange(m_shared->closing, true)) {
+            return;
+        }
         m_shared->goodbye = std::move(goodbye);
         m_shared->wake();
     }
+    // Where it waits for its turn still.
+    const std::lock_guard lock(threads().mutex);
+    threads().news.notify_all();
 }
 
-void Link::wait_closed(std::chrono::milliseconds patience) {
-    std::unique_lock lock(m_shared->mutex);
-    m_shared->thread_ended.wait_for(lock, patience, [this] { return m_shared->ended; });
+void Link::wait_all_closed(std::chrono::milliseconds patience) {
+    std::unique_lock lock(threads().mutex);
+    threads().news.wait_for(lock, patience, [] { return threads().running == 0; });
 }
 
 }  // namespace local_core

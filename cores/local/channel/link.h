@@ -1,7 +1,8 @@
 // One WebSocket to a session's server, made anew whenever it breaks.
 //
 // Threads     a thread of its own does all that can wait: names, connecting, TLS, writing. Every
-//             public call belongs to the loop's thread and returns at once, but for wait_closed.
+//             public call belongs to the loop's thread and returns at once, but for
+//             wait_all_closed.
 //             `on_news` and `log` come from the link's thread; `on_news` never after the
 //             destructor.
 // Bounds      nothing grows, whatever the server sends or does not read: a message's bytes, the
@@ -74,8 +75,8 @@ class Link {
 
     // Says what waits, then goodbye, and ends. A server that does not listen has two seconds.
     void close(std::string goodbye);
-    // Waits for that end.
-    void wait_closed(std::chrono::milliseconds patience);
+    // Waits for the end of all that were closed, so long at most: before the process ends.
+    static void wait_all_closed(std::chrono::milliseconds patience);
 
   private:
     struct Shared;

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <condition_variable>
 #include <deque>
 #include <mutex>
 #include <string>
@@ -26,10 +25,8 @@ struct Link::Shared {
 
     const Log log;
     mutable std::mutex mutex;
-    std::condition_variable thread_ended;
     std::function<void()> on_news;
     lws_context* context = nullptr;  // null: the thread has not begun, or is ending
-    bool ended = false;
     bool closing = false;
     std::string goodbye;  // to be said
 
@@ -39,6 +36,11 @@ struct Link::Shared {
     size_t answer_bytes = 0;
     std::deque<Incoming> inbox;
     bool reading = true;
+
+    bool is_closing() const {
+        const std::lock_guard lock(mutex);
+        return closing;
+    }
 
     bool has_room() const {
         return inbox.size() < kMaxWaitingCommands && answers.size() < kMaxWaitingAnswers &&

@@ -11,7 +11,7 @@ S = "${WORKDIR}/git"
 
 inherit cmake pkgconfig systemd useradd
 
-DEPENDS = "alsa-lib avahi cjson civetweb curl expat libsndfile1 libuv libwebsockets sqlite3 systemd taglib"
+DEPENDS = "alsa-lib avahi cjson civetweb curl expat libsndfile1 libuv libwebsockets openssl sqlite3 systemd taglib"
 EXTRA_OECMAKE = "-DNUVIO_TESTS=OFF"
 
 # Without one of them a package of the maker's own brings the library of this soname.
