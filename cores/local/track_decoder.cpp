@@ -222,12 +222,7 @@ std::unique_ptr<TrackDecoder> TrackDecoder::open(const Track& track, nuv_audio_q
         return nullptr;
     }
     if (HttpSource* const source = input->source()) {
-        const auto content = source->open();
-        if (!content) {  // it has failed, or been cancelled, since it was opened
-            *failure = {source->error(), source->failure()};
-            return nullptr;
-        }
-        info.station = nuvio::beginning(content->station, kMaxTagBytes);
+        info.station = nuvio::beginning(input->station(), kMaxTagBytes);
         info.live_title = source->title();
     }
     return std::unique_ptr<TrackDecoder>(

@@ -108,17 +108,20 @@ bool TrackInput::open_remote(const Track& track, Interruption& interruption, SF_
     m_source.emplace(track.request());
     m_watch.emplace(interruption, *m_source);
     m_remote = RemoteSound::open(*m_source, info);
-    if (m_remote) {
-        return true;
+    bool is_open = m_remote != nullptr;
+    if (!is_open && m_source->failure() == HttpFailure::none) {
+        failure->reason = sf_strerror(nullptr);
+        m_bytes = std::make_unique<RemoteInput>(*m_source);
+        is_open = m_source->seek(0) && open_foreign(failure);
     }
-    failure->network = m_source->failure();
-    if (failure->network != HttpFailure::none) {
-        failure->reason = m_source->error();
+    // What failed or was cancelled on the way counts, also where a parser was content with less.
+    const auto content = m_source->open();
+    if (!content) {
+        *failure = {m_source->error(), m_source->failure()};
         return false;
     }
-    failure->reason = sf_strerror(nullptr);
-    m_bytes = std::make_unique<RemoteInput>(*m_source);
-    return m_source->seek(0) && open_foreign(failure);
+    m_station = content->station;
+    return is_open;
 }
 
 bool TrackInput::open_foreign(OpenFailure* failure) {

@@ -44,6 +44,8 @@ class TrackInput {
     ForeignSound* foreign() const { return m_foreign.get(); }
     // Null for a file of this machine.
     HttpSource* source() { return m_source ? &*m_source : nullptr; }
+    // A radio's name, as sent; possibly empty.
+    const std::string& station() const { return m_station; }
     // Of libsndfile's: of no length that is known.
     bool is_endless() const;
     // After the end of what libsndfile had of a radio: opens what comes next. False when there is
@@ -63,6 +65,7 @@ class TrackInput {
 
     std::unique_ptr<sf_private_tag, FileCloser> m_local;
     std::optional<HttpSource> m_source;
+    std::string m_station;
     std::optional<Interruption::Watch> m_watch;
     std::unique_ptr<RemoteSound> m_remote;
     std::unique_ptr<ForeignInput> m_bytes;

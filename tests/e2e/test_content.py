@@ -1,15 +1,18 @@
 """Content from a network that fails: what the card played is compared with what the server has."""
 import fcntl
+import itertools
 import json
 import os
 import pathlib
 import random
 import signal
 import subprocess
+import threading
 import time
 
 from device import (CD, EMULATOR, DeviceTest, Radio, WebServer, program, signal_samples, wait_for,
                     write_wav)
+from scripted_server import ScriptedServer
 
 SERVER = """
     server {{
@@ -78,6 +81,53 @@ class Content(DeviceTest):
         self.assertTrue(len(self.played()) > CD and source.startswith(self.played()))
         self.assertEqual([self.log_count(f"Skipping {self.server.url}/slow/{n}.wav")
                           for n in range(1, 6)], [0, 1, 1, 0, 0])
+
+    def test_what_a_server_does_while_a_track_is_opened_ends_no_more_than_that_track(self):
+        self.track("a.wav", 4)
+        for name in ("a.mp3", "a.ogg", "a.flac", "a.m4a", "b.wav"):
+            self.run_tool("ffmpeg", "-v", "error", "-i", self.music / "a.wav", self.music / name)
+        reached = threading.Event()
+
+        def answer(handler, first):
+            name, kind, place = handler.path.strip("/").split(",")
+            content, place = (self.music / name).read_bytes(), int(place)
+            lie = {"long": 100_000, "short": 3000 - len(content)}.get(kind, 0)
+            if kind == "error" and first >= place or place < 0:
+                reached.set()
+                return handler.head(500) if kind == "error" else time.sleep(2)
+            if kind == "blind":  # no length, no ranges: nothing tells that it is the same again
+                handler.head(200)
+                first = 0
+            else:
+                handler.head_from(first, len(content) + lie + first % 7 * (kind == "other"))
+            if first < place:
+                handler.wfile.write(content[first:place])
+            reached.set()
+            if kind in ("stall", "blind"):
+                time.sleep(1)
+            elif kind == "drip":
+                for n in range(max(first, place), len(content)):
+                    handler.wfile.write(content[n:n + 1])
+                    time.sleep(0.01)
+            elif kind != "cut":
+                handler.wfile.write(content[max(first, place):])
+
+        cells = list(itertools.product(
+            ("a.wav", "a.mp3", "a.ogg", "a.flac", "a.m4a"),
+            ("stall", "blind", "cut", "drip", "error", "long", "short", "other"),
+            (-1, 0, 10, 200, 5000, 60_000)))
+        dice = random.Random(4)
+        self.start()
+        with ScriptedServer(answer) as server:
+            for cell in cells if "NUVIO_LONG" in os.environ else dice.sample(cells, 40):
+                reached.clear()
+                self.connect(server.url + ",".join(map(str, cell)), session=str(cell))
+                reached.wait(1)
+                time.sleep(0.26 + dice.random() / 10)  # four sessions a second are taken
+                self.connect(self.music / "b.wav", session="b")
+                time.sleep(0.26)
+                self.assertIsNone(self.daemon.poll(), cell)
+        self.play(self.music / "b.wav")
 
     def test_the_token_opens_its_endpoint_and_one_that_is_over_ends_the_session(self):
         source = self.track("1.wav", 2) + self.track("2.wav", 2, 2 * CD)
