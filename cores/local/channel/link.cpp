@@ -139,9 +139,9 @@ void Link::close(std::string goodbye) {
     threads().news.notify_all();
 }
 
-void Link::wait_all_closed(std::chrono::milliseconds patience) {
+bool Link::wait_all_closed(std::chrono::milliseconds patience) {
     std::unique_lock lock(threads().mutex);
-    threads().news.wait_for(lock, patience, [] { return threads().running == 0; });
+    return threads().news.wait_for(lock, patience, [] { return threads().running == 0; });
 }
 
 }  // namespace local_core

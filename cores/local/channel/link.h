@@ -75,8 +75,9 @@ class Link {
 
     // Says what waits, then goodbye, and ends. A server that does not listen has two seconds.
     void close(std::string goodbye);
-    // Waits for the end of all that were closed, so long at most: before the process ends.
-    static void wait_all_closed(std::chrono::milliseconds patience);
+    // Waits for the end of all that were closed, so long at most: before the process ends. False:
+    // one of them hangs.
+    static bool wait_all_closed(std::chrono::milliseconds patience);
 
   private:
     struct Shared;

@@ -52,6 +52,7 @@ void Link::Worker::end_connections() {
     m_is_patient = true;
     while (!m_living.empty() && m_is_patient && lws_service(m_context, 0) >= 0) {
     }
+    m_is_patient = false;
 }
 
 bool Link::Worker::create() {
@@ -111,6 +112,9 @@ int Link::Worker::on_event(lws* connection, lws_callback_reasons reason, void* /
     auto* const self = static_cast<Worker*>(lws_context_user(lws_get_context(connection)));
     if (self != nullptr && reason == LWS_CALLBACK_WSI_DESTROY) {
         std::erase(self->m_living, connection);
+        if (self->m_over && self->m_is_patient && self->m_living.empty()) {
+            lws_cancel_service(self->m_context);  // else it waits for the next alarm first
+        }
     }
     return self != nullptr && self->m_context != nullptr && !self->m_over
                ? self->handle_event(connection, reason, in, length)
