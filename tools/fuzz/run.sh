@@ -40,6 +40,7 @@ row() {
 
 export -f fuzz
 export build seconds
+export LSAN_OPTIONS=print_suppressions=0:suppressions=$PWD/tests/lsan.supp
 printf '%s\n' "${targets[@]}" | xargs -P "$(nproc)" -I{} bash -euo pipefail -c 'fuzz {}'
 
 printf '%-18s %14s %10s %10s %9s\n' target executions 'a second' 'branches' findings
