@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "common/json_nesting.h"
 #include "common/text.h"
 #include "common/utf8.h"
 
@@ -11,27 +12,6 @@ namespace nuvio::controller {
 namespace {
 
 constexpr int kMaxNesting = 32;
-
-// Brackets inside of texts do not nest.
-bool is_nested_too_deeply(std::string_view text) {
-    int depth = 0;
-    bool in_text = false;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (in_text) {
-            i += text[i] == '\\' ? 1 : 0;
-            in_text = i >= text.size() || text[i] != '"' || text[i - 1] == '\\';
-        } else if (text[i] == '"') {
-            in_text = true;
-        } else if (text[i] == '[' || text[i] == '{') {
-            if (++depth > kMaxNesting) {
-                return true;
-            }
-        } else if (text[i] == ']' || text[i] == '}') {
-            --depth;
-        }
-    }
-    return false;
-}
 
 std::string well_formed(std::string_view text) {
     std::string out;
@@ -51,7 +31,7 @@ std::string well_formed(std::string_view text) {
 }  // namespace
 
 JsonPtr parse_json(std::string_view text) {
-    if (is_nested_too_deeply(text)) {
+    if (nests_deeper_than(text, kMaxNesting)) {
         return nullptr;
     }
     const char* end = nullptr;

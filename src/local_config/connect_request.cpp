@@ -2,8 +2,8 @@
 
 #include <array>
 #include <limits>
-#include <string_view>
 
+#include "common/json_nesting.h"
 #include "utility/check.h"
 
 namespace {
@@ -83,44 +83,6 @@ const char* broken_rule(const cJSON* document) {
     return nullptr;
 }
 
-// Where the parser begins to read: behind a byte order mark and what it takes for white space.
-const char* first_value(const char* body) {
-    constexpr std::string_view kByteOrderMark = "\xEF\xBB\xBF";
-    const char* at =
-        std::string_view(body).starts_with(kByteOrderMark) ? body + kByteOrderMark.size() : body;
-    while (*at != '\0' && static_cast<unsigned char>(*at) <= ' ') {
-        ++at;
-    }
-    return at;
-}
-
-// Counts brackets outside strings, up to the end of the outermost value; what follows that is not
-// parsed. Right for any bytes: where the counts could go wrong, the parser has stopped already.
-bool nests_too_deep(const char* body) {
-    body = first_value(body);
-    if (*body != '[' && *body != '{') {
-        return false;
-    }
-    int depth = 0;
-    bool in_string = false;
-    for (const char* at = body; *at != '\0'; ++at) {
-        if (in_string && *at == '\\' && at[1] != '\0') {
-            ++at;
-        } else if (*at == '"') {
-            in_string = !in_string;
-        } else if (!in_string && (*at == '[' || *at == '{')) {
-            if (++depth > kConnectRequestMaximumNesting) {
-                return true;
-            }
-        } else if (!in_string && (*at == ']' || *at == '}')) {
-            if (--depth <= 0) {
-                return false;
-            }
-        }
-    }
-    return false;
-}
-
 // Truncates toward zero; what the type can't hold becomes its nearest value.
 uint64_t to_seconds(double value) {
     constexpr double kTooLarge = 18446744073709551616.0;  // 2^64
@@ -153,7 +115,7 @@ connect_request read_request(const cJSON* document) {
 parsed_connect_request parse_connect_request(const char* body) {
     NUV_CHECK(body != NULL);
     parsed_connect_request parsed{};
-    if (!nests_too_deep(body)) {
+    if (!nuvio::nests_deeper_than(body, kConnectRequestMaximumNesting)) {
         parsed.document.reset(cJSON_Parse(body));
     }
     parsed.error = parsed.document == nullptr ? kInvalidJson : broken_rule(parsed.document.get());
