@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <memory>
 
 #include "common/released_by.h"
@@ -13,6 +14,15 @@ namespace {
 constexpr size_t kMaxAnswer = size_t{4} << 20U;
 constexpr long kConnectMs = 3'000;
 
+std::atomic<bool> is_over{false};
+
+// libcurl asks once a second at least, also while nothing comes, and ends the request at once with
+// CURLE_ABORTED_BY_CALLBACK.
+int on_progress(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return is_over ? 1 : 0;
+}
+
+// A count other than `size` ends the request with CURLE_WRITE_ERROR; it is not called again.
 size_t on_data(const char* data, size_t, size_t size, void* context) {
     auto* body = static_cast<std::string*>(context);
     if (body->size() + size > kMaxAnswer) {
@@ -38,6 +48,10 @@ void start_http() {
     curl_global_init(CURL_GLOBAL_DEFAULT);
 }
 
+void end_http() {
+    is_over = true;
+}
+
 HttpAnswer ask(const HttpRequest& request) {
     const std::unique_ptr<CURL, ReleasedBy<curl_easy_cleanup>> curl(curl_easy_init());
     const std::unique_ptr<curl_slist, ReleasedBy<curl_slist_free_all>> headers(
@@ -54,6 +68,8 @@ HttpAnswer ask(const HttpRequest& request) {
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, kConnectMs);
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, request.timeout_ms);
+    curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, on_progress);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, on_data);
     curl_easy_setopt(handle, CURLOPT_WRITEDATA, &answer.body);
     if (std::string_view(request.method) == "POST") {

@@ -11,6 +11,8 @@
 namespace nuvio::controller {
 
 void start_http();
+// For good: what is under way fails within a second, what is asked later at once.
+void end_http();
 
 struct HttpRequest {
     std::string url;
