@@ -222,7 +222,12 @@ std::unique_ptr<TrackDecoder> TrackDecoder::open(const Track& track, nuv_audio_q
         return nullptr;
     }
     if (HttpSource* const source = input->source()) {
-        info.station = nuvio::beginning(source->open()->station, kMaxTagBytes);
+        const auto content = source->open();
+        if (!content) {  // it has failed, or been cancelled, since it was opened
+            *failure = {source->error(), source->failure()};
+            return nullptr;
+        }
+        info.station = nuvio::beginning(content->station, kMaxTagBytes);
         info.live_title = source->title();
     }
     return std::unique_ptr<TrackDecoder>(
