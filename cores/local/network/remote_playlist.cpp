@@ -140,6 +140,9 @@ class XspfReader {
         reader.m_text.clear();
     }
 
+    // After XML_StopParser expat calls the end of an empty element that it was stopped in the start
+    // of, and ends of namespaces; nothing further for this handler. Its stack of open elements is
+    // on the heap, however deep they are.
     static void on_end(void* data, const char* /*name*/) {
         XspfReader& reader = self(data);
         const size_t depth = --reader.m_depth;
@@ -163,7 +166,8 @@ class XspfReader {
         }
     }
 
-    // No playlist needs one, and entities are what grows.
+    // No playlist needs one, and entities are what grows. Expat comes here before it reads what the
+    // brackets declare, and stops where it is.
     static void on_doctype(void* data, const char*, const char*, const char*, int) {
         XML_StopParser(self(data).m_parser.get(), XML_FALSE);
     }
