@@ -33,6 +33,7 @@ void run(const Settings& settings, const sigset_t& signals) {
             [&house](const std::vector<FoundDevice>& found) { house.set_found(found); });
         int signal = 0;
         sigwait(&signals, &signal);
+        end_http();  // a device that does not answer would hold up the end
     }
     house.close();
     changes.close();

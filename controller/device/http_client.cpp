@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <atomic>
 #include <memory>
 
 #include "common/released_by.h"
@@ -10,15 +11,29 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr size_t kMaxAnswer = size_t{4} << 20U;
+constexpr size_t kMaxDeviceAnswer = size_t{64} << 10U;
 constexpr long kConnectMs = 3'000;
 
+std::atomic<bool> is_over{false};
+
+// libcurl asks once a second at least, also while nothing comes, and ends the request at once with
+// CURLE_ABORTED_BY_CALLBACK.
+int on_progress(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
+    return is_over ? 1 : 0;
+}
+
+struct Body {
+    std::string& text;
+    size_t limit;
+};
+
+// A count other than `size` ends the request with CURLE_WRITE_ERROR; it is not called again.
 size_t on_data(const char* data, size_t, size_t size, void* context) {
-    auto* body = static_cast<std::string*>(context);
-    if (body->size() + size > kMaxAnswer) {
+    const auto* body = static_cast<Body*>(context);
+    if (body->text.size() + size > body->limit) {
         return 0;
     }
-    body->append(data, size);
+    body->text.append(data, size);
     return size;
 }
 
@@ -38,6 +53,10 @@ void start_http() {
     curl_global_init(CURL_GLOBAL_DEFAULT);
 }
 
+void end_http() {
+    is_over = true;
+}
+
 HttpAnswer ask(const HttpRequest& request) {
     const std::unique_ptr<CURL, ReleasedBy<curl_easy_cleanup>> curl(curl_easy_init());
     const std::unique_ptr<curl_slist, ReleasedBy<curl_slist_free_all>> headers(
@@ -54,8 +73,11 @@ HttpAnswer ask(const HttpRequest& request) {
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
     curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, kConnectMs);
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, request.timeout_ms);
+    curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, on_progress);
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, on_data);
-    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &answer.body);
+    Body body{answer.body, request.max_answer};
+    curl_easy_setopt(handle, CURLOPT_WRITEDATA, &body);
     if (std::string_view(request.method) == "POST") {
         curl_easy_setopt(handle, CURLOPT_HTTPHEADER, headers.get());
         curl_easy_setopt(handle, CURLOPT_POSTFIELDSIZE_LARGE,
@@ -89,7 +111,8 @@ HttpAnswer ask_device(const FoundDevice& device, const char* method, const std::
                       .method = method,
                       .body = body,
                       .user = {},
-                      .timeout_ms = timeout_ms});
+                      .timeout_ms = timeout_ms,
+                      .max_answer = kMaxDeviceAnswer});
         if (answer.status != 0) {
             break;
         }

@@ -11,13 +11,16 @@
 namespace nuvio::controller {
 
 void start_http();
+// For good: what is under way fails within a second, what is asked later at once.
+void end_http();
 
 struct HttpRequest {
     std::string url;
     const char* method = "GET";
-    std::string body;          // JSON, where the method is POST
-    std::string user;          // "name:password"; empty: none
-    long timeout_ms = 10'000;  // for all of it; the connection has 3 s
+    std::string body;                      // JSON, where the method is POST
+    std::string user;                      // "name:password"; empty: none
+    long timeout_ms = 10'000;              // for all of it; the connection has 3 s
+    size_t max_answer = size_t{4} << 20U;  // bytes; a longer one is none
 };
 
 struct HttpAnswer {
@@ -29,7 +32,8 @@ struct HttpAnswer {
 
 HttpAnswer ask(const HttpRequest& request);
 
-// By the first of the device's addresses that takes the connection.
+// By the first of the device's addresses that takes the connection. An answer has 64 KiB: as JSON
+// it can take 40 times as much.
 HttpAnswer ask_device(const FoundDevice& device, const char* method, const std::string& endpoint,
                       const std::string& body = {}, long timeout_ms = 10'000);
 

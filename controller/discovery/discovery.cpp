@@ -135,6 +135,7 @@ class Discovery::Browser {
         }
     }
 
+    // Resolvers may be freed in here: Avahi touches none afterwards.
     static void on_browse(AvahiServiceBrowser* browser, AvahiIfIndex interface,
                           AvahiProtocol protocol, AvahiBrowserEvent event, const char* name,
                           const char* type, const char* domain, AvahiLookupResultFlags,

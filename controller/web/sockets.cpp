@@ -3,9 +3,11 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
+#include <system_error>
 #include <thread>
 
 #include "common/text.h"
+#include "controller/base/log.h"
 #include "controller/web/allocation_limit.h"
 
 namespace nuvio::controller {
@@ -197,16 +199,33 @@ std::shared_ptr<Kind> Sockets::find(std::map<const mg_connection*, std::shared_p
     return socket;
 }
 
-void Sockets::on_page_ready(mg_connection* connection, void* context) {
-    auto* self = static_cast<Sockets*>(context);
+// What a socket has between handshake and close, its thread with it. Null, and the connection cut
+// off, where the system has none left: nothing may be thrown through CivetWeb, which closes the
+// connection as for any that has ended.
+template <typename Kind>
+std::shared_ptr<Kind> Sockets::begin(mg_connection* connection) {
     limit_allocations(kMaxAllocation);
-    self->m_guard.clear_deadline(connection);
-    auto page = std::make_shared<Page>(*self, connection);
-    const std::scoped_lock lock(self->m_mutex);
-    self->m_pages[connection] = std::move(page);
+    m_guard.clear_deadline(connection);
+    try {
+        return std::make_shared<Kind>(*this, connection);
+    } catch (const std::system_error& error) {
+        log_line(LogLevel::error, std::string("No thread for a socket: ") + error.what());
+        m_guard.cut(connection);
+        return nullptr;
+    }
 }
 
-// A page says nothing; its pongs keep the connection.
+void Sockets::on_page_ready(mg_connection* connection, void* context) {
+    auto* self = static_cast<Sockets*>(context);
+    if (auto page = self->begin<Page>(connection)) {
+        const std::scoped_lock lock(self->m_mutex);
+        self->m_pages[connection] = std::move(page);
+    }
+}
+
+// A page says nothing; its pongs keep the connection. On 0, and after a close frame whatever is
+// returned, CivetWeb leaves its loop, calls the closed handler once and shuts the socket: what the
+// peer sent behind that frame is not looked at, and no close frame is answered.
 int Sockets::on_page_data(mg_connection*, int bits, char*, size_t, void*) {
     return is_control(bits) && (bits & 0x0f) != MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE ? 1 : 0;
 }
@@ -219,9 +238,10 @@ void Sockets::on_page_closed(const mg_connection* connection, void* context) {
 
 void Sockets::on_channel_ready(mg_connection* connection, void* context) {
     auto* self = static_cast<Sockets*>(context);
-    limit_allocations(kMaxAllocation);
-    self->m_guard.clear_deadline(connection);
-    auto channel = std::make_shared<Channel>(*self, connection);
+    const auto channel = self->begin<Channel>(connection);
+    if (channel == nullptr) {
+        return;
+    }
     {
         const std::scoped_lock lock(self->m_mutex);
         self->m_channels[connection] = channel;
@@ -231,6 +251,10 @@ void Sockets::on_channel_ready(mg_connection* connection, void* context) {
     }
 }
 
+// CivetWeb hands over whole frames, fragments one by one, also such as are not masked. Pings it
+// answers itself, however long they are. A frame that announces more than 2 GB ends the connection;
+// `allocation_limit.h` has the rest. One whose bytes do not come holds a worker and kMaxAllocation,
+// for no time-out is looked at inside a frame, until something written to the peer is not taken.
 int Sockets::on_channel_data(mg_connection* connection, int bits, char* data, size_t size,
                              void* context) {
     auto* self = static_cast<Sockets*>(context);

@@ -43,6 +43,8 @@ class Sockets {
     class Page;
 
     template <typename Kind>
+    std::shared_ptr<Kind> begin(mg_connection* connection);
+    template <typename Kind>
     std::shared_ptr<Kind> find(std::map<const mg_connection*, std::shared_ptr<Kind>>& sockets,
                                const mg_connection* connection, bool take);
 

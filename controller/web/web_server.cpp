@@ -110,17 +110,22 @@ int WebServer::on_log(const mg_connection*, const char* message) {
     return 1;
 }
 
+// Its result is not looked at.
 int WebServer::on_connection(const mg_connection* connection, void**) {
     auto* self = static_cast<WebServer*>(mg_get_user_data(mg_get_context(connection)));
     self->m_guard.look();
     return 0;
 }
 
+// The socket is open still, the connection's lock held.
 void WebServer::on_connection_end(const mg_connection* connection) {
     auto* self = static_cast<WebServer*>(mg_get_user_data(mg_get_context(connection)));
     self->m_guard.end(connection);
 }
 
+// Above 0 it has been answered: CivetWeb reads what is left of the body until the guard cuts it
+// off, and closes. At 0 it goes on, to a WebSocket's handshake or to files, of which there are
+// none. Nothing may be thrown through it.
 int WebServer::on_request(mg_connection* connection) {
     const mg_request_info* info = mg_get_request_info(connection);
     auto* self = static_cast<WebServer*>(info->user_data);

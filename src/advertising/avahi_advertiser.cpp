@@ -146,6 +146,7 @@ void avahi_advertiser_handle_collision(avahi_advertiser* self) {
     avahi_advertiser_create_service(self);
 }
 
+// Avahi does not touch the group afterwards: what fails in here may free it.
 void avahi_advertiser_on_entry_group_callback(AvahiEntryGroup* group, AvahiEntryGroupState state,
                                               void* user_data) {
     auto* self = static_cast<avahi_advertiser*>(user_data);

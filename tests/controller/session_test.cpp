@@ -91,6 +91,8 @@ TEST_F(DeviceStateTest, whatever_a_device_sends_is_bounded) {
 
 TEST(JsonTest, what_is_nested_deeply_or_no_text_is_refused_and_what_goes_out_is_utf8) {
     EXPECT_EQ(parse_json(std::string(100'000, '[')), nullptr);
+    EXPECT_EQ(parse_json(R"({"a":"\\","b":)" + std::string(40, '[') + std::string(40, ']') + "}"),
+              nullptr);
     EXPECT_EQ(parse_json("{} x"), nullptr);
     EXPECT_NE(parse_json(R"({"a":"[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[[","b":"\\\""})"),
               nullptr);

@@ -6,6 +6,8 @@ import signal
 import socket
 import struct
 import subprocess
+import threading
+import time
 
 from house import PATIENCE, SECONDS, SESAME, HouseTest, free_port, memory_of, wait_for
 
@@ -136,6 +138,21 @@ class Peers(HouseTest):
             for path in (track, "/", "/api/state", "/channel"):
                 self.assertEqual(self.ask(path, headers={**bearer, **foreign})[0], 403, (path, foreign))
         self.assertEqual(self.ask("/content/../../etc/passwd", headers=bearer)[0] // 100, 4)
+
+    def test_a_device_that_never_answers_does_not_hold_up_the_end(self):
+        self.start_all()
+        silent = socket.create_server(("", 0))
+        self.addCleanup(silent.close)
+        process = subprocess.Popen(["avahi-publish", "-s", "Silent", "_nuvio-connect._tcp",
+                                    str(silent.getsockname()[1]), "path=/"], env=self.environment,
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(self.devices[0].end, process)
+        held = [silent.accept()]
+        threading.Thread(target=self.ask, args=("/api/devices/Silent/play", {"what": ["http://x/"]}, SESAME)).start()
+        held.append(silent.accept())
+        begin = time.monotonic()
+        self.stop_controller()
+        self.assertLess(time.monotonic() - begin, 6)
 
     def test_no_peer_can_hold_grow_or_end_it(self):
         self.options = []

@@ -356,6 +356,9 @@ class Network(unittest.TestCase):
                    f'"album":"A","image":"i","duration":7}},{{"location":"{local}"}},{{"a":1}},{{"location":"y"}}]}}}}')
         self.write("bomb.xspf", '<!DOCTYPE p [<!ENTITY a "aaaa">]><playlist><trackList><track>'
                    '<location>&a;</location></track></trackList></playlist>')
+        track = "<trackList><track><location>file</location></track></trackList>"
+        self.write("deep.xspf", f"<playlist>{track}{'<a>' * 100_000}{'</a>' * 100_000}{track}</playlist>")
+        self.write("wide", '{"playlist":{"x":[' + "1," * 70_000 + '1],"track":[{"location":"file"}]}}')
         self.write("self.m3u", "self.m3u\n")
         self.write("nested.m3u", "a.m3u\nd\n")
         self.write("hls.m3u", "#EXTM3U\n#EXT-X-TARGETDURATION:5\npiece\n")
@@ -365,6 +368,7 @@ class Network(unittest.TestCase):
                 ("file", [f"{p}/file|||||0"]), ("a.m3u", a),
                 ("b", [f"{other}/echo|||||0", f"{p}/two|Two||||4000"]),
                 ("c.xspf", [f"{self.base}/c?a=1&b=2|T|C|A|{p}/i.png|5", f"{p}/e|||||0"]),
+                ("deep.xspf", [f"{p}/file|||||0"]), ("wide", []),
                 ("d", [f"{p}/x|J|C|A|{p}/i|7", f"{p}/y|||||0"]), ("bomb.xspf", []), ("self.m3u", []), ("hls.m3u", []),
                 ("nested.m3u", [*a, f"{p}/d|||||0"])]:
             with self.subTest(name=name):

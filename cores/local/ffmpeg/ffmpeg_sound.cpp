@@ -48,11 +48,15 @@ using Decoder = std::unique_ptr<AVCodecContext, ReleasedByAddress<avcodec_free_c
 using Packet = std::unique_ptr<AVPacket, ReleasedByAddress<av_packet_free>>;
 using Frame = std::unique_ptr<AVFrame, ReleasedByAddress<av_frame_free>>;
 
+// After AVERROR_EOF libavformat does not read again before it has sought; 0 is not allowed. What it
+// calls is C: neither of the two may throw.
 int read_input(void* opaque, uint8_t* to, int size) {
     const size_t got = static_cast<ForeignInput*>(opaque)->read(to, static_cast<size_t>(size));
     return got > 0 ? static_cast<int>(got) : AVERROR_EOF;
 }
 
+// Asked for places from the beginning, for the length, and where there is none for the last byte
+// (SEEK_END, -1). A failure leaves libavformat where it was, with what it had in its buffer.
 int64_t seek_input(void* opaque, int64_t offset, int whence) {
     auto& input = *static_cast<ForeignInput*>(opaque);
     const auto length = input.length();

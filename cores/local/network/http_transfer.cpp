@@ -127,12 +127,18 @@ void HttpTransfer::wake() {
     curl_multi_wakeup(m_handles->multi.get());
 }
 
+// On a count other than `size` libcurl ends the transfer with CURLE_WRITE_ERROR and calls neither
+// function again. Of a head of 1xx each line comes, too; behind the body those of a trailer,
+// without an empty one at the end.
 size_t HttpTransfer::on_header(char* bytes, size_t, size_t size, void* self) {
     std::string_view line(bytes, size);
     line = line.substr(0, line.find_last_not_of("\r\n") + 1);
     return static_cast<HttpTransfer*>(self)->m_handlers.on_line(line) ? size : 0;
 }
 
+// At most 16 KiB at a time. Of what is paused libcurl keeps a copy and reads no more from the
+// server; curl_easy_pause shows it again before it returns, and what is refused then is gone,
+// whatever the result that nobody looks at: only what is over anyway answers `stop`.
 size_t HttpTransfer::on_body(char* bytes, size_t, size_t size, void* self) {
     using Answer = Handlers::Answer;
     const Answer answer = static_cast<HttpTransfer*>(self)->m_handlers.on_body({bytes, size});

@@ -2,8 +2,10 @@
 
 #include <cjson/cJSON.h>
 #include <expat.h>
+#include <malloc.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <utility>
@@ -100,11 +102,38 @@ constexpr struct {
     {"album", &Entry::album},       {"image", &Entry::image},
 };
 
+// Expat keeps all open elements, all names and the whole of a tag: 50 times the bytes of a playlist
+// that is made for it. Where it gets no more than this it stops with XML_ERROR_NO_MEMORY.
+constexpr size_t kMaxParserBytes = size_t{8} << 20U;
+
+thread_local size_t t_parser_bytes = 0;  // held by this thread's parser
+
+void* resize_for_parser(void* memory, size_t size) {
+    const size_t others = t_parser_bytes - malloc_usable_size(memory);
+    void* const moved = others + size <= kMaxParserBytes ? std::realloc(memory, size) : nullptr;
+    if (moved != nullptr) {
+        t_parser_bytes = others + malloc_usable_size(moved);
+    }
+    return moved;
+}
+
+void* allocate_for_parser(size_t size) {
+    return resize_for_parser(nullptr, size);
+}
+
+void free_of_parser(void* memory) {
+    t_parser_bytes -= malloc_usable_size(memory);
+    std::free(memory);
+}
+
+constexpr XML_Memory_Handling_Suite kParserMemory = {allocate_for_parser, resize_for_parser,
+                                                     free_of_parser};
+
 // Gathers playlist/trackList/track/FIELD.
 class XspfReader {
   public:
     explicit XspfReader(size_t max_entries)
-        : m_parser(XML_ParserCreateNS(nullptr, ' ')), m_max_entries(max_entries) {}
+        : m_parser(XML_ParserCreate_MM(nullptr, &kParserMemory, " ")), m_max_entries(max_entries) {}
 
     std::vector<Entry> read(std::string_view text) {
         XML_Parser parser = m_parser.get();
@@ -141,6 +170,9 @@ class XspfReader {
         reader.m_text.clear();
     }
 
+    // After XML_StopParser expat calls the end of an empty element that it was stopped in the start
+    // of, and ends of namespaces; nothing further for this handler. Its stack of open elements is
+    // on the heap, however deep they are.
     static void on_end(void* data, const char* /*name*/) {
         XspfReader& reader = self(data);
         const size_t depth = --reader.m_depth;
@@ -164,7 +196,8 @@ class XspfReader {
         }
     }
 
-    // No playlist needs one, and entities are what grows.
+    // No playlist needs one, and entities are what grows. Expat comes here before it reads what the
+    // brackets declare, and stops where it is.
     static void on_doctype(void* data, const char*, const char*, const char*, int) {
         XML_StopParser(self(data).m_parser.get(), XML_FALSE);
     }
@@ -204,7 +237,13 @@ std::string json_text(const cJSON* value) {
     return text != nullptr ? text : "";
 }
 
+// A value takes up to 150 bytes, and all but one have a comma at a side.
+constexpr std::ptrdiff_t kMaxJsonValues = 65'536;
+
 std::vector<Entry> parse_jspf(std::string_view text, size_t max_entries) {
+    if (std::ranges::count(text, ',') > kMaxJsonValues) {
+        return {};
+    }
     const std::unique_ptr<cJSON, nuvio::ReleasedBy<cJSON_Delete>> root(
         nuvio::nests_too_deep(text) ? nullptr : cJSON_ParseWithLength(text.data(), text.size()));
     const cJSON* playlist = cJSON_GetObjectItemCaseSensitive(root.get(), "playlist");

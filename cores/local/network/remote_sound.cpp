@@ -35,6 +35,7 @@ bool find_sound(HttpSource& source) {
 
 }  // namespace
 
+// libsndfile believes it and no more: sound that a head announces behind it is left off.
 sf_count_t RemoteSound::length(void* data) {
     const auto length = self(data).m_source.length();
     return length ? static_cast<sf_count_t>(*length) : kUnknownLength;
@@ -44,6 +45,8 @@ sf_count_t RemoteSound::position(void* data) {
     return static_cast<sf_count_t>(self(data).m_source.position() - self(data).m_first);
 }
 
+// On -1 sf_seek fails. The parsers of heads do not look at it: they read on from where the source
+// stands, and fail by what they find there.
 sf_count_t RemoteSound::seek(sf_count_t offset, int whence, void* data) {
     RemoteSound& sound = self(data);
     HttpSource& source = sound.m_source;
@@ -62,6 +65,8 @@ sf_count_t RemoteSound::seek(sf_count_t offset, int whence, void* data) {
     return source.seek(place) ? wanted : -1;
 }
 
+// Fewer bytes than asked for are the end to libsndfile, which knows of no errors here; a piece of a
+// sample or number among them is lost to it. It asks again when it is asked for more sound.
 sf_count_t RemoteSound::read(void* to, sf_count_t size, void* data) {
     RemoteSound& sound = self(data);
     if (size <= 0 || sound.m_is_over) {

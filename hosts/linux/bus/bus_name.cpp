@@ -42,6 +42,7 @@ int on_instance_answer(sd_bus_message* answer, void* userdata, sd_bus_error*) {
     return 0;
 }
 
+// The library writes a negative result into its debug log and goes on.
 int on_answer(sd_bus_message* answer, void* userdata, sd_bus_error*) {
     uint32_t result = 0;
     if (is_refused(answer, to_name(userdata)) || sd_bus_message_read(answer, "u", &result) < 0 ||

@@ -53,6 +53,9 @@ constexpr std::array<CommandWord, 5> kCommandWords = {{
 }};
 
 // --- methods ---
+//
+// A negative result, here and of the properties, is the error that the caller is answered with, and
+// no end of anything; with several properties asked for at once the first one that fails.
 
 int do_nothing(sd_bus_message* call, void*, sd_bus_error*) {
     return sd_bus_reply_method_return(call, "");

@@ -249,9 +249,10 @@ void Settings::tell(const std::vector<std::string>& faults) {
 }
 
 const std::string& Settings::get(std::string_view key) const {
-    static const std::string unset;
+    // Never destroyed: the hooks' thread asks until the last exit handler of the host.
+    static const auto* const unset = new std::string();
     const auto found = m_values.find(key);
-    return found == m_values.end() ? unset : found->second;
+    return found == m_values.end() ? *unset : found->second;
 }
 
 bool Settings::is_on(std::string_view key) const {
