@@ -75,13 +75,15 @@ class AudioSinkTest : public LoopTest {
         if (sink_ != nullptr) {
             audio_sink_set_event_listener(
                 sink_, this,
-                [](audio_sink*, void* user_data) {
-                    auto* test = static_cast<AudioSinkTest*>(user_data);
-                    ++test->signals_;
-                    std::exchange(test->on_signal_, [] {})();
+                [](audio_sink*, void* test) {
+                    auto* self = static_cast<AudioSinkTest*>(test);
+                    ++self->signals_;
+                    std::exchange(self->on_report_, [] {})();
                 },
                 [](audio_sink*, uint32_t volume, void* test) {
-                    static_cast<AudioSinkTest*>(test)->changes_.insert(std::to_string(volume));
+                    auto* self = static_cast<AudioSinkTest*>(test);
+                    self->changes_.insert(std::to_string(volume));
+                    std::exchange(self->on_report_, [] {})();
                 },
                 [](audio_sink*, bool muted, void* test) {
                     static_cast<AudioSinkTest*>(test)->changes_.insert(muted ? "muted" : "unmuted");
@@ -125,7 +127,7 @@ class AudioSinkTest : public LoopTest {
     std::optional<simcard::Card> card_;
     audio_sink* sink_ = nullptr;
     int signals_ = 0;
-    std::function<void()> on_signal_ = [] {};  // once
+    std::function<void()> on_report_ = [] {};  // of room or volume, once
     std::multiset<std::string> changes_;
 };
 
@@ -220,7 +222,7 @@ TEST_F(AudioSinkTest, PcmOnWhichACallHangsIsLeftAloneAtOnceAndTellsThatOnce) {
             card_->play(waits ? period() : 1);
             ASSERT_TRUE(state != 'P' || audio_sink_pause(sink_));
             ASSERT_TRUE(state != 'F' || audio_sink_flush(sink_));
-            on_signal_ = [&] {
+            on_report_ = [&] {
                 if (row.first) {
                     card_->inject(*row.first);
                     ok = row.first->op == Op::prepare && audio_sink_flush(sink_);
@@ -231,7 +233,7 @@ TEST_F(AudioSinkTest, PcmOnWhichACallHangsIsLeftAloneAtOnceAndTellsThatOnce) {
                 EXPECT_EQ(polled(), without_pcm);
             };
             if (state != 'C') {
-                std::exchange(on_signal_, [] {})();
+                std::exchange(on_report_, [] {})();
             }
             EXPECT_TRUE(run_until([&] { return card_->counters().closes == 1; }));
             EXPECT_EQ(signals_, waits ? 1 : 0);
@@ -243,6 +245,33 @@ TEST_F(AudioSinkTest, PcmOnWhichACallHangsIsLeftAloneAtOnceAndTellsThatOnce) {
     }
     ASSERT_TRUE(audio_sink_open(sink_, &kCd));
     EXPECT_EQ(write(100), 100);
+}
+
+TEST_F(AudioSinkTest, MixerThatHangsOnASetFromItsOwnReportIsLeftAloneUntilTheNextSession) {
+    make_card();
+    run_for(1ms);
+    const long without_mixer = polled();
+    for (const bool is_own_change : {false, true}) {
+        ASSERT_NE(new_sink(), nullptr);
+        audio_sink_set_mute_state(sink_, true);
+        run_for(30ms);
+        changes_.clear();
+        on_report_ = [&] {
+            card_->inject({.op = Op::write_volume, .error = EIO, .ms = 150});
+            audio_sink_set_volume(sink_, 10);
+            EXPECT_EQ(polled(), without_mixer);
+        };
+        if (is_own_change) {
+            audio_sink_set_volume(sink_, 40);
+        } else {
+            card_->set_volume(102);
+        }
+        run_for(200ms);
+        EXPECT_EQ(changes_, std::multiset<std::string>{"40"}) << "a lost one tells nothing";
+        ASSERT_TRUE(audio_sink_open(sink_, &kCd));
+        EXPECT_EQ(audio_sink_get_volume(sink_), 10U);
+        EXPECT_TRUE(audio_sink_get_mute_state(sink_));
+    }
 }
 
 // On which the proofs of the other tests rest.
