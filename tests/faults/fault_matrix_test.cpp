@@ -98,7 +98,7 @@ Row fails(Op op, int error, uint64_t times, std::string outcomes) {
 // After the failure of the row this call, its repair or itself, takes longer than it may.
 Row hangs(Op op, Row row) {
     row.name += std::string("_then_") + simcard::op_name(op) + "_hangs";
-    row.faults.push_back({.op = op, .error = EIO, .ms = op == Op::drain ? 1500U : 150U});
+    row.faults.push_back({.op = op, .error = EIO, .ms = op == Op::drain ? 1500U : 250U});
     return row;
 }
 

@@ -195,19 +195,19 @@ TEST_F(AudioSinkTest, PcmOnWhichACallHangsIsLeftAloneAtOnceAndTellsThatOnce) {
         Op hangs;
         std::function<void()> call;
         std::string states;
-        uint32_t ms = 150;
+        uint32_t ms = 250;
     } rows[] = {
         {{{Op::delay, EPIPE}}, Op::prepare, delay, "IWCPF"},
-        {{{Op::delay, ESTRPIPE}}, Op::resume, delay, "IWCPF"},
-        {{{Op::prepare, EIO}}, Op::prepare, delay, "IWCPF"},
-        {{{Op::pointer, EPIPE}}, Op::prepare, more, "IWCPF"},
-        {{{Op::write, EPIPE}}, Op::prepare, more, "IWCPF"},
-        {{{Op::prepare, EIO}}, Op::prepare, more, "IWCPF"},
+        {{{Op::delay, ESTRPIPE}}, Op::resume, delay, "WP"},
+        {{{Op::prepare, EIO}}, Op::prepare, delay, "IF"},
+        {{{Op::pointer, EPIPE}}, Op::prepare, more, "WC"},
+        {{{Op::write, EPIPE}}, Op::prepare, more, "CP"},
+        {{{Op::prepare, EIO}}, Op::prepare, more, "IW"},
         {{{Op::pointer, EPIPE}}, Op::prepare, look, "WPF"},
-        {{}, Op::prepare, flush, "IWCPF"},
-        {{}, Op::drop, flush, "IWCPF"},
+        {{}, Op::prepare, flush, "WP"},
+        {{}, Op::drop, flush, "WCF"},
         {{}, Op::drop, close, "IC"},
-        {{}, Op::drain, drain, "W", 1500},
+        {{}, Op::drain, drain, "W", 1800},
     };
     for (const auto& row : rows) {
         for (const char state : row.states) {
@@ -257,7 +257,7 @@ TEST_F(AudioSinkTest, MixerThatHangsOnASetFromItsOwnReportIsLeftAloneUntilTheNex
         run_for(30ms);
         changes_.clear();
         on_report_ = [&] {
-            card_->inject({.op = Op::write_volume, .error = EIO, .ms = 150});
+            card_->inject({.op = Op::write_volume, .error = EIO, .ms = 250});
             audio_sink_set_volume(sink_, 10);
             EXPECT_EQ(polled(), without_mixer);
         };
@@ -266,7 +266,7 @@ TEST_F(AudioSinkTest, MixerThatHangsOnASetFromItsOwnReportIsLeftAloneUntilTheNex
         } else {
             card_->set_volume(102);
         }
-        run_for(200ms);
+        run_for(400ms);
         EXPECT_EQ(changes_, std::multiset<std::string>{"40"}) << "a lost one tells nothing";
         ASSERT_TRUE(audio_sink_open(sink_, &kCd));
         EXPECT_EQ(audio_sink_get_volume(sink_), 10U);
