@@ -1,9 +1,12 @@
 #include "media/sink/alsa/alsa_audio_sink.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <fstream>
 #include <functional>
 #include <future>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <set>
@@ -72,9 +75,15 @@ class AudioSinkTest : public LoopTest {
         if (sink_ != nullptr) {
             audio_sink_set_event_listener(
                 sink_, this,
-                [](audio_sink*, void* test) { ++static_cast<AudioSinkTest*>(test)->signals_; },
+                [](audio_sink*, void* test) {
+                    auto* self = static_cast<AudioSinkTest*>(test);
+                    ++self->signals_;
+                    std::exchange(self->on_report_, [] {})();
+                },
                 [](audio_sink*, uint32_t volume, void* test) {
-                    static_cast<AudioSinkTest*>(test)->changes_.insert(std::to_string(volume));
+                    auto* self = static_cast<AudioSinkTest*>(test);
+                    self->changes_.insert(std::to_string(volume));
+                    std::exchange(self->on_report_, [] {})();
                 },
                 [](audio_sink*, bool muted, void* test) {
                     static_cast<AudioSinkTest*>(test)->changes_.insert(muted ? "muted" : "unmuted");
@@ -101,6 +110,13 @@ class AudioSinkTest : public LoopTest {
     long period() const { return static_cast<long>(card_->stream().period_frames); }
     snd_pcm_state_t state() const { return card_->stream().state; }
 
+    // Descriptors that the loop polls now.
+    long polled() const {
+        std::ifstream info("/proc/self/fdinfo/" + std::to_string(uv_backend_fd(&loop_)));
+        const std::istream_iterator<std::string> words(info);
+        return std::count(words, {}, "tfd:");
+    }
+
     // Of volume and mute that were reported since the last call, in any order.
     std::multiset<std::string> changes() {
         run_for(30ms);
@@ -111,6 +127,7 @@ class AudioSinkTest : public LoopTest {
     std::optional<simcard::Card> card_;
     audio_sink* sink_ = nullptr;
     int signals_ = 0;
+    std::function<void()> on_report_ = [] {};  // of room or volume, once
     std::multiset<std::string> changes_;
 };
 
@@ -156,6 +173,105 @@ TEST_F(AudioSinkTest, PauseOfAnUnstartedPcmPlaysSilenceFirstAndFlushKeepsThePaus
     EXPECT_EQ(state(), SND_PCM_STATE_RUNNING);
     card_->inject({.op = Op::pause, .error = EIO});
     EXPECT_FALSE(audio_sink_pause(sink_));
+}
+
+// A row: what fails first (the prepare: that of a flush), the call that hangs then, and whose it
+// is; in which states of the sink: Idle, Waiting for room, in the Callback, Paused and Flushed
+// waiting.
+TEST_F(AudioSinkTest, PcmOnWhichACallHangsIsLeftAloneAtOnceAndTellsThatOnce) {
+    make_card();
+    ASSERT_NE(new_sink(), nullptr);
+    run_for(1ms);
+    const long without_pcm = polled();
+    bool ok = false;
+    const auto delay = [&] { audio_sink_get_buffered_frame_count(sink_, &ok); };
+    const auto more = [&] { ok = write(1) >= 0; };
+    const auto flush = [&] { ok = audio_sink_flush(sink_); };
+    const auto drain = [&] { ok = audio_sink_drain(sink_); };
+    const auto close = [&] { audio_sink_close(sink_); };
+    const auto look = [&] { run_until([&] { return signals_ > 0; }); };
+    const struct {
+        std::optional<simcard::Fault> first;
+        Op hangs;
+        std::function<void()> call;
+        std::string states;
+        uint32_t ms = 250;
+    } rows[] = {
+        {{{Op::delay, EPIPE}}, Op::prepare, delay, "IWCPF"},
+        {{{Op::delay, ESTRPIPE}}, Op::resume, delay, "WP"},
+        {{{Op::prepare, EIO}}, Op::prepare, delay, "IF"},
+        {{{Op::pointer, EPIPE}}, Op::prepare, more, "WC"},
+        {{{Op::write, EPIPE}}, Op::prepare, more, "CP"},
+        {{{Op::prepare, EIO}}, Op::prepare, more, "IW"},
+        {{{Op::pointer, EPIPE}}, Op::prepare, look, "WPF"},
+        {{}, Op::prepare, flush, "WP"},
+        {{}, Op::drop, flush, "WCF"},
+        {{}, Op::drop, close, "IC"},
+        {{}, Op::drain, drain, "W", 1800},
+    };
+    for (const auto& row : rows) {
+        for (const char state : row.states) {
+            SCOPED_TRACE(std::to_string(&row - rows) + state);
+            ASSERT_TRUE(audio_sink_open(sink_, &kCd));
+            card_->reset_counters();
+            signals_ = 0;
+            const bool waits = state != 'I';
+            ASSERT_GT(write(waits ? buffer() + 1 : 100), 0);
+            run_for(1ms);
+            ASSERT_EQ(polled(), without_pcm + (waits ? 1 : 0));
+            card_->play(waits ? period() : 1);
+            ASSERT_TRUE(state != 'P' || audio_sink_pause(sink_));
+            ASSERT_TRUE(state != 'F' || audio_sink_flush(sink_));
+            on_report_ = [&] {
+                if (row.first) {
+                    card_->inject(*row.first);
+                    ok = row.first->op == Op::prepare && audio_sink_flush(sink_);
+                }
+                card_->inject({.op = row.hangs, .error = EIO, .ms = row.ms});
+                row.call();
+                EXPECT_FALSE(ok);
+                EXPECT_EQ(polled(), without_pcm);
+            };
+            if (state != 'C') {
+                std::exchange(on_report_, [] {})();
+            }
+            EXPECT_TRUE(run_until([&] { return card_->counters().closes == 1; }));
+            EXPECT_EQ(signals_, waits ? 1 : 0);
+            EXPECT_EQ(write(1), -1);
+            EXPECT_FALSE(audio_sink_pause(sink_) || audio_sink_resume(sink_));
+            audio_sink_close(sink_);
+            card_->clear_faults();
+        }
+    }
+    ASSERT_TRUE(audio_sink_open(sink_, &kCd));
+    EXPECT_EQ(write(100), 100);
+}
+
+TEST_F(AudioSinkTest, MixerThatHangsOnASetFromItsOwnReportIsLeftAloneUntilTheNextSession) {
+    make_card();
+    run_for(1ms);
+    const long without_mixer = polled();
+    for (const bool is_own_change : {false, true}) {
+        ASSERT_NE(new_sink(), nullptr);
+        audio_sink_set_mute_state(sink_, true);
+        run_for(30ms);
+        changes_.clear();
+        on_report_ = [&] {
+            card_->inject({.op = Op::write_volume, .error = EIO, .ms = 250});
+            audio_sink_set_volume(sink_, 10);
+            EXPECT_EQ(polled(), without_mixer);
+        };
+        if (is_own_change) {
+            audio_sink_set_volume(sink_, 40);
+        } else {
+            card_->set_volume(102);
+        }
+        run_for(400ms);
+        EXPECT_EQ(changes_, std::multiset<std::string>{"40"}) << "a lost one tells nothing";
+        ASSERT_TRUE(audio_sink_open(sink_, &kCd));
+        EXPECT_EQ(audio_sink_get_volume(sink_), 10U);
+        EXPECT_TRUE(audio_sink_get_mute_state(sink_));
+    }
 }
 
 // On which the proofs of the other tests rest.

@@ -8,7 +8,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <iterator>
+#include <thread>
 #include <utility>
 
 namespace simcard {
@@ -55,6 +57,7 @@ int begin_call(OpState& op) {
         return 0;
     }
     op.faults.fetch_add(1);
+    std::this_thread::sleep_for(std::chrono::milliseconds(op.fault_ms));
     return -static_cast<int>(op.fault_error.load());
 }
 
@@ -62,9 +65,11 @@ int begin_call(SharedState& state, Op op) {
     return begin_call(state.ops[static_cast<std::size_t>(op)]);
 }
 
-void arm_fault(OpState& op, std::uint32_t error, std::uint64_t after, std::uint64_t times) {
+void arm_fault(OpState& op, std::uint32_t error, std::uint64_t after, std::uint64_t times,
+               std::uint32_t ms) {
     clear_fault(op);
     op.fault_error = error;
+    op.fault_ms = ms;
     op.fault_times = times;
     op.fault_first = op.calls.load() + 1 + after;
 }

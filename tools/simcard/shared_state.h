@@ -39,7 +39,7 @@ struct OpState {
     Shared<std::uint64_t> fault_first;  // number of the first call to fail; 0: none
     Shared<std::uint64_t> fault_times;
     Shared<std::uint32_t> fault_error;  // positive errno
-    std::uint32_t padding;
+    Shared<std::uint32_t> fault_ms;     // how long a call that fails takes
 };
 
 // Written once, before the file gets its name.
@@ -110,10 +110,12 @@ static_assert(offsetof(FixedState, minimum_volume) == 248);
 static_assert(offsetof(SharedState, ops) == 272 && offsetof(SharedState, plugged) == 1152);
 static_assert(offsetof(SharedState, stream) == 1280 && sizeof(SharedState) == 1384);
 
-// Counts the call and returns 0, or the negative errno it must fail with.
+// Counts the call and returns 0, or the negative errno it must fail with, after the time it must
+// take.
 int begin_call(OpState& op);
 int begin_call(SharedState& state, Op op);
-void arm_fault(OpState& op, std::uint32_t error, std::uint64_t after, std::uint64_t times);
+void arm_fault(OpState& op, std::uint32_t error, std::uint64_t after, std::uint64_t times,
+               std::uint32_t ms = 0);
 void clear_fault(OpState& op);
 
 // Which watchers to wake.

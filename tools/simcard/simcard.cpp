@@ -259,7 +259,7 @@ std::string Card::tool_environment() const {
 void Card::inject(const Fault& fault) {
     check(fault.error > 0, "a fault's error is a positive errno");
     arm_fault(m_impl->state->ops[static_cast<std::size_t>(fault.op)],
-              static_cast<std::uint32_t>(fault.error), fault.after, fault.times);
+              static_cast<std::uint32_t>(fault.error), fault.after, fault.times, fault.ms);
 }
 
 void Card::clear_faults() {

@@ -122,6 +122,7 @@ struct Fault {
     int error;
     std::uint64_t after = 0;  // calls that still succeed
     std::uint64_t times = 1;  // calls that then fail
+    std::uint32_t ms = 0;     // that each of them takes to do so
 };
 
 // What snd_pcm_resume, and with it snd_pcm_recover, finds after Card::suspend. It returns 0 in all

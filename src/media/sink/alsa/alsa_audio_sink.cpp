@@ -28,8 +28,7 @@ struct audio_sink {
     audio_sink_volume_changed_callback volume_changed_callback = nullptr;
     audio_sink_mute_state_changed_callback mute_state_changed_callback = nullptr;
 
-    // These are set exactly while the sink is open, the watch not on a PCM that is lost. The watch
-    // goes before the PCM.
+    // These are set exactly while the sink is open. The watch goes before the PCM.
     alsa_pcm_ptr pcm;
     space_watch_ptr space;
 };
@@ -268,15 +267,9 @@ bool audio_sink_flush(audio_sink* self) {
                 "Unable to drop buffered PCM audio data from ALSA audio sink: device is not open");
         return false;
     }
-    if (self->space) {
-        space_watch_look_at_once(self->space.get());
-    }
+    space_watch_look_at_once(self->space.get());
     const bool was_paused = alsa_pcm_get_state(self->pcm.get()) == SND_PCM_STATE_PAUSED;
-    const bool dropped = alsa_pcm_drop(self->pcm.get());
-    if (alsa_pcm_get_handle(self->pcm.get()) == nullptr) {
-        self->space.reset();  // lost: its descriptors are no longer to be watched
-    }
-    return dropped && (!was_paused || audio_sink_pause(self));
+    return alsa_pcm_drop(self->pcm.get()) && (!was_paused || audio_sink_pause(self));
 }
 
 bool audio_sink_drain(audio_sink* self) {

@@ -12,7 +12,8 @@
 #include "utility/service_record.h"
 
 struct alsa_pcm {
-    pcm_ptr handle;            // null once a call on it has not returned
+    pcm_ptr handle;  // null once a call on it has not returned
+    alsa_pcm_loss_listener loss_listener{};
     unsigned sample_rate = 0;  // frames a second, as asked for
     unsigned channel_count = 0;
     snd_pcm_format_t format = SND_PCM_FORMAT_UNKNOWN;
@@ -71,17 +72,27 @@ state_rule rule_of(snd_pcm_state_t state) {
 
 // ---- Calls that wait for a sound server -------------------------------------------------------
 
+bool is_lost(const alsa_pcm* self) {
+    return !self->handle;
+}
+
+// The one way to such a call on a PCM that is open: none may lose it without a word.
+template <typename Call>
+int call_in_time(alsa_pcm* self, Call call,
+                 std::chrono::milliseconds patience = kAlsaCallPatience) {
+    return bounded_call(self->handle, call, patience, [self] {
+        if (self->loss_listener.lost_callback != nullptr) {
+            self->loss_listener.lost_callback(self->loss_listener.user_data);
+        }
+    });
+}
+
 int prepare(alsa_pcm* self) {
-    return bounded_call(self->handle,
-                        [](const pcm_ptr& pcm) { return snd_pcm_prepare(pcm.get()); });
+    return call_in_time(self, [](const pcm_ptr& pcm) { return snd_pcm_prepare(pcm.get()); });
 }
 
 int drop(alsa_pcm* self) {
-    return bounded_call(self->handle, [](const pcm_ptr& pcm) { return snd_pcm_drop(pcm.get()); });
-}
-
-bool is_lost(const alsa_pcm* self) {
-    return !self->handle;
+    return call_in_time(self, [](const pcm_ptr& pcm) { return snd_pcm_drop(pcm.get()); });
 }
 
 bool is_in_use(alsa_pcm* self) {
@@ -232,6 +243,11 @@ void alsa_pcm_free(alsa_pcm* self) {
     delete self;
 }
 
+void alsa_pcm_set_loss_listener(alsa_pcm* self, alsa_pcm_loss_listener listener) {
+    NUV_CHECK(self != NULL);
+    self->loss_listener = listener;
+}
+
 snd_pcm_t* alsa_pcm_get_handle(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
     return self->handle.get();
@@ -261,9 +277,8 @@ bool alsa_audio_sink_recover_pcm(alsa_pcm* self, int error) {
     if (is_lost(self)) {
         return false;
     }
-    const int rc = bounded_call(self->handle, [error](const pcm_ptr& pcm) {
-        return recover_without_waiting(pcm.get(), error);
-    });
+    const int rc = call_in_time(
+        self, [error](const pcm_ptr& pcm) { return recover_without_waiting(pcm.get(), error); });
     if (rc == 0) {
         if (error == -EPIPE) {
             service_record_underrun();
@@ -352,7 +367,7 @@ bool alsa_pcm_drain(alsa_pcm* self) {
         return rc == 0 ? drain_despite_signals(pcm.get()) : rc;
     };
     const std::chrono::milliseconds longest(alsa_pcm_get_buffer_duration(self));
-    return alsa_ok(bounded_call(self->handle, drain, longest + kDrainPatience),
+    return alsa_ok(call_in_time(self, drain, longest + kDrainPatience),
                    "Unable to drain buffered PCM audio data from ALSA audio sink");
 }
 

@@ -26,6 +26,15 @@ alsa_pcm* alsa_pcm_new(const char* device, const nuv_audio_format* format);
 // What is queued is lost. Null does nothing.
 void alsa_pcm_free(alsa_pcm* self);
 
+// For who watches the PCM's descriptors. The callback comes once, from inside the call that did not
+// return, and calls nothing of this header. Another thread closes the descriptors at any time after
+// it; whoever knows them forgets them there.
+struct alsa_pcm_loss_listener {
+    void* user_data;
+    void (*lost_callback)(void* user_data);  // null: nobody listens
+};
+void alsa_pcm_set_loss_listener(alsa_pcm* self, alsa_pcm_loss_listener listener);
+
 // Borrowed: for its descriptors. It stays the PCM's to close; null once it is lost.
 snd_pcm_t* alsa_pcm_get_handle(alsa_pcm* self);
 // Disconnected once it is lost.

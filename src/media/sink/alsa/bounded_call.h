@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -24,10 +25,12 @@ inline constexpr std::chrono::milliseconds kAlsaOpenPatience{1000};
 inline constexpr std::chrono::milliseconds kAlsaThreadPatience{1000};
 
 // Runs `call` with the handle. Its result; -ETIMEDOUT when it did not return in time: the handle is
-// then null here and is freed over there when the call returns.
+// then null here and is freed over there when the call returns, but not before `let_go` has: that
+// is where descriptors of the handle are forgotten.
 template <typename Handle, typename Call>
-int bounded_call(Handle& handle, Call call,
-                 std::chrono::milliseconds patience = kAlsaCallPatience) {
+int bounded_call(
+    Handle& handle, Call call, std::chrono::milliseconds patience = kAlsaCallPatience,
+    const std::function<void()>& let_go = [] {}) {
     struct shared {
         std::mutex mutex;
         std::condition_variable news;
@@ -62,6 +65,7 @@ int bounded_call(Handle& handle, Call call,
     record->news.wait_for(lock, kAlsaThreadPatience, [&] { return record->has_begun; });
     if (!record->news.wait_for(lock, patience, [&] { return record->result.has_value(); })) {
         record->is_given_up = true;
+        let_go();
         return -ETIMEDOUT;
     }
     handle = std::move(record->handle);

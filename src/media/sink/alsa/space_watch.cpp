@@ -14,7 +14,7 @@ struct space_watch {
     alsa_pcm* pcm;  // borrowed
     space_watch_delegate delegate;
     std::vector<pollfd> descriptors;  // those of the poller
-    descriptor_poller_ptr poller;
+    descriptor_poller_ptr poller;     // null once the PCM is lost
     std::unique_ptr<uv_timer_t, nuvio::ReleasedBy<uv_timer_free>> timer;
     bool waits = false;               // the callback is due
     unsigned failed_queries = 0;      // in a row, while waiting
@@ -52,7 +52,9 @@ bool take_back_wake_up(space_watch* self) {
 void stop_waiting(space_watch* self) {
     self->waits = false;
     uv_timer_stop(self->timer.get());
-    descriptor_poller_stop_polling(self->poller.get());
+    if (self->poller) {
+        descriptor_poller_stop_polling(self->poller.get());
+    }
 }
 
 // Room can only come from a device that runs. One that does not, or that cannot tell its room again
@@ -100,6 +102,14 @@ void look_in(space_watch* self, uint64_t delay_ms) {
 void look_later(space_watch* self, uint64_t delay_ms) {
     descriptor_poller_stop_polling(self->poller.get());
     look_in(self, delay_ms);
+}
+
+// Freed, not just stopped: a poller that is freed later takes its descriptors' numbers off the
+// loop, whoever has got them by then.
+void on_pcm_lost(void* user_data) {
+    auto* self = static_cast<space_watch*>(user_data);
+    self->poller.reset();
+    space_watch_look_at_once(self);
 }
 
 uint64_t fruitless_wait_ms(const space_watch* self) {
@@ -156,10 +166,14 @@ space_watch* space_watch_new(uv_loop_t* event_loop, alsa_pcm* pcm, space_watch_d
         return nullptr;
     }
     self->timer.reset(uv_timer_new(event_loop, self.get()));
+    alsa_pcm_set_loss_listener(pcm, {self.get(), on_pcm_lost});
     return self.release();
 }
 
 void space_watch_free(space_watch* self) {
+    if (self != nullptr) {
+        alsa_pcm_set_loss_listener(self->pcm, {});
+    }
     delete self;
 }
 

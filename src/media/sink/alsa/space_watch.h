@@ -1,7 +1,8 @@
 // Waits on the event loop until a PCM has room: its descriptors where they are of use, a timer
 // where they are not.
 //
-// Creation    space_watch_new; idle until started. The PCM is borrowed and must live longer.
+// Creation    space_watch_new; idle until started. The PCM is borrowed and must live longer; its
+//             descriptors are let go at once when it is lost, whichever call on it that is.
 // Threads     every function and the callback: the loop's only.
 // Errors      logged here; null arguments are fatal.
 #pragma once

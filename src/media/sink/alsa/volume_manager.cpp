@@ -20,7 +20,7 @@ struct volume_manager {
     long max_volume;
     uint32_t volume;   // last reported, percent
     bool muted;        // last reported
-    bool has_written;  // since the last mixer event
+    bool may_differ;   // from what was last reported
     int failed_polls;  // in a row
     bool is_lost;      // the mixer failed for good: not called any longer
 };
@@ -80,22 +80,29 @@ int write_element(volume_manager* self, Operation operation, Value value) {
     snd_mixer_elem_t* element = self->volume_element;
     snd_mixer_elem_set_callback(element, nullptr);  // its end, over there, is nobody's business
     const int rc = bounded_call(
-        self->mixer, [=](const mixer_ptr& /*mixer*/) { return operation(element, value); });
+        self->mixer, [=](const mixer_ptr& /*mixer*/) { return operation(element, value); },
+        kAlsaCallPatience, [self] { self->descriptor_poller.reset(); });
     if (self->mixer) {
         snd_mixer_elem_set_callback(element, volume_manager_on_alsa_volume_element_changed);
         return rc;
     }
     self->volume_element = nullptr;
-    self->descriptor_poller.reset();
     app_log(LOG_LEVEL_WARNING, kLost);
     return rc;
 }
 
+// Not from inside alsa-lib: a listener may write, and lose the mixer by that.
 void report_changes(volume_manager* self) {
+    if (volume_manager_is_lost(self) || !std::exchange(self->may_differ, false)) {
+        return;
+    }
     const uint32_t volume = volume_manager_get_volume(self);
     if (volume != self->volume) {
         self->volume = volume;
         self->delegate.volume_changed_callback(self, volume, self->delegate.user_data);
+    }
+    if (volume_manager_is_lost(self)) {
+        return;
     }
     const bool muted = volume_manager_get_mute_state(self);
     if (muted != self->muted) {
@@ -104,14 +111,8 @@ void report_changes(volume_manager* self) {
     }
 }
 
-// alsa-lib calls the element back for what others changed only; the event that a write through this
-// mixer brings ends inside alsa-lib.
-void report_own_changes(volume_manager* self) {
-    if (std::exchange(self->has_written, false) && self->volume_element != nullptr) {
-        report_changes(self);
-    }
-}
-
+// For what others changed only: the event that a write through this mixer brings ends inside
+// alsa-lib.
 int volume_manager_on_alsa_volume_element_changed(snd_mixer_elem_t* element, unsigned mask) {
     NUV_CHECK(element != NULL);
     auto* self = static_cast<volume_manager*>(snd_mixer_elem_get_callback_private(element));
@@ -120,7 +121,7 @@ int volume_manager_on_alsa_volume_element_changed(snd_mixer_elem_t* element, uns
     if (mask == SND_CTL_EVENT_MASK_REMOVE) {
         self->volume_element = nullptr;  // the mixer frees it after this call
     } else if ((mask & SND_CTL_EVENT_MASK_VALUE) != 0) {
-        report_changes(self);
+        self->may_differ = true;
     }
     return 0;
 }
@@ -153,9 +154,13 @@ void volume_manager_on_descriptor_poll_event(descriptor_poller* poller, pollfd* 
     NUV_CHECK(self != NULL);
     NUV_CHECK(descriptors != NULL);
     NUV_CHECK(poller == self->descriptor_poller.get());
-    if (handle_mixer_events(self, descriptors, count)) {
+    const bool is_handled = handle_mixer_events(self, descriptors, count);
+    report_changes(self);
+    if (!self->descriptor_poller) {
+        return;  // lost by a listener's write
+    }
+    if (is_handled) {
         self->failed_polls = 0;
-        report_own_changes(self);
     } else if (self->is_lost || ++self->failed_polls == kMaxFailedPolls) {
         app_log(LOG_LEVEL_WARNING, kLost);
         self->is_lost = true;
@@ -268,7 +273,7 @@ void volume_manager_set_volume(volume_manager* self, uint32_t volume) {
     if (alsa_ok(write_element(self, snd_mixer_selem_set_playback_volume_all,
                               raw_from_percent(self, volume)),
                 "Unable to set ALSA playback volume to %d", static_cast<int>(volume))) {
-        self->has_written = true;
+        self->may_differ = true;
     } else if (volume_manager_is_lost(self)) {
         self->volume = volume;
     }
@@ -294,7 +299,7 @@ void volume_manager_set_mute_state(volume_manager* self, bool muted) {
     }
     if (alsa_ok(write_element(self, snd_mixer_selem_set_playback_switch_all, muted ? 0 : 1),
                 "Unable to set ALSA mute state to '%s'", mute_text(muted))) {
-        self->has_written = true;
+        self->may_differ = true;
     } else if (volume_manager_is_lost(self)) {
         self->muted = muted;
     }
