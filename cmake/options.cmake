@@ -10,7 +10,9 @@ add_compile_options(
     $<$<COMPILE_LANGUAGE:CXX>:-Woverloaded-virtual>
     # A 64-bit off_t also where long has 32 bits. time_t stays what the system's libraries were
     # built with: its width is part of Avahi's and ALSA's interfaces.
-    -D_FILE_OFFSET_BITS=64)
+    -D_FILE_OFFSET_BITS=64
+    # An element that isn't there, a look into an empty optional or pointer end the process.
+    -D_GLIBCXX_ASSERTIONS)
 
 if(NUVIO_SANITIZE)
     add_compile_options(-fsanitize=${NUVIO_SANITIZE} -fno-omit-frame-pointer -g1)
@@ -22,7 +24,8 @@ if(NUVIO_SANITIZE)
         add_compile_options(-fsanitize=fuzzer-no-link)
     endif()
 else()
-    set(hardening -D_FORTIFY_SOURCE=2)
+    # Distributions' compilers and flags may define a level of their own.
+    set(hardening -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
     # Not every target has them.
     foreach(flag stack-clash-protection cf-protection)
         check_cxx_compiler_flag(-f${flag} NUVIO_HAS_${flag})

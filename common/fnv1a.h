@@ -9,13 +9,13 @@ namespace nuvio {
 
 inline constexpr uint64_t kFnv1aStart = 0xcbf29ce484222325;
 
-inline constexpr uint64_t fnv1a(uint64_t state, uint8_t byte) {
+constexpr uint64_t fnv1a(uint64_t state, uint8_t byte) {
     constexpr uint64_t kPrime = 0x100000001b3;
     return (state ^ byte) * kPrime;
 }
 
 // `state` is kFnv1aStart or the hash of what came before.
-inline constexpr uint64_t fnv1a(uint64_t state, std::string_view bytes) {
+constexpr uint64_t fnv1a(uint64_t state, std::string_view bytes) {
     for (const char byte : bytes) {
         state = fnv1a(state, static_cast<uint8_t>(byte));
     }

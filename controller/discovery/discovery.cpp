@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <stdexcept>
 #include <tuple>
 
 #include "common/released_by.h"
@@ -60,6 +61,9 @@ class Discovery::Browser {
   public:
     explicit Browser(OnChange on_change)
         : m_on_change(std::move(on_change)), m_poll(avahi_threaded_poll_new()) {
+        if (m_poll == nullptr) {
+            throw std::runtime_error("no memory or descriptors for Avahi");
+        }
         const AvahiPoll* api = avahi_threaded_poll_get(m_poll.get());
         m_again = api->timeout_new(api, nullptr, on_again, this);
         connect();

@@ -141,6 +141,7 @@ void Scanner::finish(const std::string& failure) {
 void Scanner::scan_everything() {
     m_changed.clear();
     std::vector<std::string> roots;
+    roots.reserve(m_folders.count());
     for (size_t i = 0; i < m_folders.count(); ++i) {
         roots.push_back(m_folders.path(i));
     }

@@ -139,7 +139,8 @@ std::string picture_of(TagLib::File* file) {
         return aiff->hasID3v2Tag() ? picture_of(aiff->tag()) : std::string();
     }
     if (auto* mp4 = dynamic_cast<TagLib::MP4::File*>(file)) {
-        const auto covers = mp4->tag()->item("covr").toCoverArtList();
+        const auto covers = mp4->tag() != nullptr ? mp4->tag()->item("covr").toCoverArtList()
+                                                  : TagLib::MP4::CoverArtList();
         return covers.isEmpty() ? std::string() : bytes_of(covers.front().data());
     }
     auto* xiph = dynamic_cast<TagLib::Ogg::XiphComment*>(file->tag());

@@ -177,6 +177,7 @@ void House::describe(cJSON* object, const std::string& id, const Device& device)
 JsonPtr House::describe_devices() const {
     const std::scoped_lock lock(m_mutex);
     std::vector<std::pair<std::string, const std::string*>> order;
+    order.reserve(m_devices.size());
     for (const auto& [id, device] : m_devices) {
         order.emplace_back(device.found.name, &id);
     }

@@ -94,10 +94,10 @@ void Player::stop(const Command&) {
 }
 
 void Player::go_to_next(const Command&) {
-    if (m_session->next()) {
+    if (const auto next = m_session->next()) {
         m_gives_session_up = false;
         m_goes_backwards = false;
-        skip_to(*m_session->next());
+        skip_to(*next);
     }
 }
 
@@ -107,9 +107,10 @@ void Player::go_back(const Command&) {
     if (is_heard && !m_playback.seek_goal_ms()) {
         position_ms = m_streams.heard_position_ms();
     }
-    if (position_ms <= kRestartAfterMs && m_session->previous()) {
+    const auto previous = m_session->previous();
+    if (position_ms <= kRestartAfterMs && previous) {
         m_goes_backwards = true;
-        skip_to(*m_session->previous());
+        skip_to(*previous);
     } else if (is_heard && m_streams.current()->info().seekable) {
         m_playback.set_seek_goal_ms(0);
     } else {
@@ -171,8 +172,9 @@ void Player::go_on_after_last_sample() {
     }
     m_goes_backwards = false;
     // The next track was not announced in time to be queued behind this one.
-    if (m_session->follower() && !m_gives_session_up) {
-        skip_to(*m_session->follower());
+    const auto follower = m_session->follower();
+    if (follower && !m_gives_session_up) {
+        skip_to(*follower);
     } else {
         end_session();
     }
@@ -243,8 +245,9 @@ bool Player::pass_over_refused() {
     if (m_refused_count == 0) {
         m_first_refused = m_session->current();
     }
-    if (++m_refused_count < kMaxRefused && m_session->next()) {
-        skip_to(*m_session->next());
+    const auto next = m_session->next();
+    if (++m_refused_count < kMaxRefused && next) {
+        skip_to(*next);
         return true;
     }
     skip_to(m_first_refused);

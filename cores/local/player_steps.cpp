@@ -221,7 +221,11 @@ bool Player::withdraw_next() {
 }
 
 bool Player::start_next() {
-    if (!plays_undisturbed() || !m_session->follower()) {
+    if (!plays_undisturbed()) {
+        return false;
+    }
+    const auto follower = m_session->follower();
+    if (!follower) {
         return false;
     }
     if (m_streams.next() == nullptr) {
@@ -232,8 +236,7 @@ bool Player::start_next() {
         if (m_gives_session_up) {
             return false;
         }
-        const size_t track = *m_session->follower();
-        m_streams.open(Role::next, m_session->track(track), place_of(track));
+        m_streams.open(Role::next, m_session->track(*follower), place_of(*follower));
     }
     if (m_streams.next()->is_announced()) {
         return false;

@@ -57,7 +57,7 @@ std::optional<Arguments> parse(int argc, char** argv) {
         } else if (word == "--endpoint") {
             result.options.endpoint = value;
         } else if (const auto seconds = nuvio::to_number<unsigned>(value);
-                   word == "--patience" && seconds.value_or(0) > 0) {
+                   word == "--patience" && seconds && *seconds > 0) {
             result.options.patience_s = *seconds;
         } else {
             return std::nullopt;

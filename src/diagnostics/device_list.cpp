@@ -28,7 +28,7 @@ Text hint(const void* of, const char* id) {
 void printIndented(std::string_view text) {
     while (!text.empty()) {
         const size_t end = std::min(text.find('\n'), text.size());
-        std::printf("      %.*s\n", static_cast<int>(end), text.data());
+        std::printf("      %s\n", std::string(text.substr(0, end)).c_str());
         text.remove_prefix(std::min(end + 1, text.size()));
     }
 }

@@ -56,7 +56,7 @@ Finding checkSettings() {
     }
     const std::string port = env_item(KFeatureNuvioConnectHttpPort, kDefaultHttpPort);
     const auto number = nuvio::to_number<uint16_t>(port);
-    if (number.value_or(0) == 0) {
+    if (!number || *number == 0) {
         return bad(kSettings, std::string(KFeatureNuvioConnectHttpPort) + " = " + port +
                                   " is no port: set a number from 1 to 65535");
     }

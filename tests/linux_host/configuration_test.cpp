@@ -2,7 +2,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <iterator>
 
 #include "base/files.h"
 #include "base/text.h"
@@ -49,9 +51,7 @@ TEST(Settings, LinesAreTakenApartAndBadOnesNamed) {
                                                     Pair("a.b", "later wins"), Pair("empty", ""),
                                                     Pair("last", "without a line end")));
     std::vector<size_t> lines;
-    for (const SettingsProblem& problem : parsed.problems) {
-        lines.push_back(problem.line);
-    }
+    std::ranges::transform(parsed.problems, std::back_inserter(lines), &SettingsProblem::line);
     EXPECT_THAT(lines, ElementsAre(6, 7, 8, 9, 10, 11, 12));
 }
 

@@ -24,9 +24,28 @@ check() {
     expect "$file" 'stack that is not executable' 'GNU_STACK.* RW ' --program-headers
     expect "$file" 'stack protector' '__stack_chk_fail' --dyn-syms
     expect "$file" 'fortified calls' '__[a-z]+_chk(@|$| )' --dyn-syms
+    expect "$file" 'assertions of the standard library' '__glibcxx_assert_fail' --dyn-syms
+}
+
+# A binary shows that some of its sources were compiled so, but not that all were, nor the level of
+# the fortified calls: what the headers made of each source's flags tells the preprocessor.
+check_sources() {
+    local commands command macros macro
+    mapfile -t commands < <(sed -n 's/^ *"command": "\(.*\.cpp\)",$/\1/p' \
+        "$build/compile_commands.json" | sed 's/\\\(.\)/\1/g')
+    for command in "${commands[@]:?no sources in $build}"; do
+        macros=$(eval "${command% -o *} -E -dM -include cstdlib -x c++ /dev/null")
+        for macro in '_GLIBCXX_ASSERTIONS 1' '__USE_FORTIFY_LEVEL 3'; do
+            grep -qxF "#define $macro" <<<"$macros" || {
+                echo "${command##* }: compiled without $macro"
+                failed=1
+            }
+        done
+    done
 }
 
 for file in "$build"/bin/nuvio-connect{,-controller} "$build"/lib/libnuvio_{connect,host}.so; do
     check "$file"
 done
+check_sources
 exit $failed

@@ -38,7 +38,7 @@ struct ReleasedByAddress {
 };
 struct IoFreer {
     void operator()(AVIOContext* io) const {
-        av_freep(&io->buffer);
+        av_freep(static_cast<void*>(&io->buffer));
         avio_context_free(&io);
     }
 };

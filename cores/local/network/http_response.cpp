@@ -136,8 +136,10 @@ bool HttpResponse::differs_from(const HttpResponse& first) const {
     const auto differ = [](const std::string& a, const std::string& b) {
         return !a.empty() && !b.empty() && a != b;
     };
+    const auto length = file_length();
+    const auto first_length = first.file_length();
     return differ(etag, first.etag) || differ(last_modified, first.last_modified) ||
-           (file_length() && first.file_length() && *file_length() != *first.file_length());
+           (length && first_length && *length != *first_length);
 }
 
 const std::string& HttpResponse::strong_validator() const {

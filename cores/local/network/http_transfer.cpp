@@ -54,12 +54,15 @@ HttpTransfer::~HttpTransfer() {
 }
 
 bool HttpTransfer::start(const Request& request) {
+    CURL* easy = m_handles->easy.get();
+    if (easy == nullptr) {
+        return false;
+    }
     m_handles->error[0] = '\0';
     m_handles->lines.reset();
     for (const std::string& line : request.lines) {
         add_line(m_handles->lines, line);
     }
-    CURL* easy = m_handles->easy.get();
     curl_easy_reset(easy);
     curl_easy_setopt(easy, CURLOPT_URL, request.url.c_str());
     curl_easy_setopt(easy, CURLOPT_PROTOCOLS_STR, "http,https");
@@ -87,8 +90,7 @@ bool HttpTransfer::start(const Request& request) {
     curl_easy_setopt(easy, CURLOPT_HEADERDATA, this);
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, on_body);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
-    m_is_active =
-        easy != nullptr && curl_multi_add_handle(m_handles->multi.get(), easy) == CURLM_OK;
+    m_is_active = curl_multi_add_handle(m_handles->multi.get(), easy) == CURLM_OK;
     return m_is_active;
 }
 

@@ -30,27 +30,22 @@ const char* status_text(android::EPlayState status) {
 }
 
 struct LoopWord {
-    LoopMode mode;
     const char* text;     // on the bus
     const char* command;  // to the service
 };
+// In the order of LoopMode.
 constexpr std::array<LoopWord, 3> kLoopWords = {{
-    {LoopMode::none, "None", "REPEAT:OFF"},
-    {LoopMode::track, "Track", "REPEAT:ONE"},
-    {LoopMode::playlist, "Playlist", "REPEAT:ALL"},
+    {"None", "REPEAT:OFF"},
+    {"Track", "REPEAT:ONE"},
+    {"Playlist", "REPEAT:ALL"},
 }};
 
-struct CommandWord {
-    std::string_view method;
-    const char* command;
-};
-constexpr std::array<CommandWord, 5> kCommandWords = {{
-    {"Play", "RESUME"},
-    {"Pause", "PAUSE"},
-    {"Stop", "STOP"},
-    {"Next", "NEXT"},
-    {"Previous", "PREV"},
-}};
+// To the service.
+constexpr char kResume[] = "RESUME";
+constexpr char kPause[] = "PAUSE";
+constexpr char kStop[] = "STOP";
+constexpr char kNext[] = "NEXT";
+constexpr char kPrevious[] = "PREV";
 
 // --- methods ---
 //
@@ -66,12 +61,11 @@ int on_open_uri(sd_bus_message*, void*, sd_bus_error* error) {
                                   "What plays is chosen in the controller application");
 }
 
+template <const char* command>
 int on_command(sd_bus_message* call, void* userdata, sd_bus_error*) {
     const int sent = sd_bus_reply_method_return(call, "");
-    const std::string_view method = sd_bus_message_get_member(call);
-    const auto word = std::ranges::find(kCommandWords, method, &CommandWord::method);
-    const bool taken = self(userdata).controls().command(word->command);
-    if (taken && method == "Previous") {
+    const bool taken = self(userdata).controls().command(command);
+    if (taken && command == kPrevious) {
         self(userdata).preview_start();
     }
     return sent;
@@ -135,10 +129,8 @@ NUVIO_GETTER(get_status) {
 }
 
 NUVIO_GETTER(get_loop) {
-    const LoopMode mode = self(userdata).view().modes.loop;
-    const auto word = std::find_if(kLoopWords.begin(), kLoopWords.end(),
-                                   [mode](const LoopWord& one) { return one.mode == mode; });
-    return sd_bus_message_append(reply, "s", word->text);
+    const auto mode = static_cast<size_t>(self(userdata).view().modes.loop);
+    return sd_bus_message_append(reply, "s", kLoopWords[mode].text);
 }
 
 NUVIO_GETTER(get_shuffle) {
@@ -263,12 +255,12 @@ const sd_bus_vtable kRootTable[] = {
 
 const sd_bus_vtable kPlayerTable[] = {
     SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD("Next", "", "", on_command, kOpen),
-    SD_BUS_METHOD("Previous", "", "", on_command, kOpen),
-    SD_BUS_METHOD("Pause", "", "", on_command, kOpen),
+    SD_BUS_METHOD("Next", "", "", on_command<kNext>, kOpen),
+    SD_BUS_METHOD("Previous", "", "", on_command<kPrevious>, kOpen),
+    SD_BUS_METHOD("Pause", "", "", on_command<kPause>, kOpen),
     SD_BUS_METHOD("PlayPause", "", "", on_play_pause, kOpen),
-    SD_BUS_METHOD("Stop", "", "", on_command, kOpen),
-    SD_BUS_METHOD("Play", "", "", on_command, kOpen),
+    SD_BUS_METHOD("Stop", "", "", on_command<kStop>, kOpen),
+    SD_BUS_METHOD("Play", "", "", on_command<kResume>, kOpen),
     SD_BUS_METHOD_WITH_NAMES("Seek", "x", SD_BUS_PARAM(Offset), "", , on_seek, kOpen),
     SD_BUS_METHOD_WITH_NAMES("SetPosition", "ox", SD_BUS_PARAM(TrackId) SD_BUS_PARAM(Position), "",
                              , on_set_position, kOpen),

@@ -168,6 +168,7 @@ std::string fault_of(const std::string& key, const std::string& value) {
 // In the order of their lines: those that are left out, and what is wrong with the others.
 std::vector<SettingsProblem> find_faults(const ParsedSettings& parsed) {
     std::vector<SettingsProblem> faults;
+    faults.reserve(parsed.problems.size());
     for (const SettingsProblem& problem : parsed.problems) {
         faults.push_back({problem.line, "line ignored: " + problem.text});
     }
@@ -185,6 +186,7 @@ std::vector<std::string> describe(const std::string& path,
                                   const std::vector<SettingsProblem>& faults) {
     std::vector<std::string> lines;
     const size_t shown = std::min(faults.size(), kMaxProblemsLogged);
+    lines.reserve(shown + 1);
     for (size_t i = 0; i < shown; ++i) {
         lines.push_back(path + ":" + std::to_string(faults[i].line) + ": " + faults[i].text);
     }

@@ -79,14 +79,16 @@ cJSON* add_object_if(bool condition, cJSON* object, const char* key) {
 }
 
 void add_track(cJSON* status, const NowPlayingView& view) {
-    cJSON* const track = add_object_if(view.track.has_value(), status, "track");
-    if (track != nullptr) {
-        add(track, "title", view.track->title);
-        add(track, "artist", view.track->artist);
-        add(track, "album", view.track->album);
-        add(track, "length_ms", static_cast<double>(view.track->length_ms));
-        add(track, "position_ms", static_cast<double>(view.position_ms));
+    if (!view.track) {
+        cJSON_AddNullToObject(status, "track");
+        return;
     }
+    cJSON* const track = cJSON_AddObjectToObject(status, "track");
+    add(track, "title", view.track->title);
+    add(track, "artist", view.track->artist);
+    add(track, "album", view.track->album);
+    add(track, "length_ms", static_cast<double>(view.track->length_ms));
+    add(track, "position_ms", static_cast<double>(view.position_ms));
 }
 
 void add_format(cJSON* parent, const char* key, const Facts& facts, const std::string& prefix) {
