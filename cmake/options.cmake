@@ -34,8 +34,17 @@ else()
         endif()
     endforeach()
     add_compile_options("$<$<CONFIG:Release,RelWithDebInfo>:${hardening}>")
+    # What nothing refers to is left out.
+    add_compile_options(-ffunction-sections -fdata-sections)
+    add_link_options(-Wl,--gc-sections)
 endif()
 
 add_link_options(-Wl,-z,relro,-z,now -Wl,--as-needed)
+# Relocations in a thirtieth of the room, where the linker and the C library know how.
+include(CheckLinkerFlag)
+check_linker_flag(CXX -Wl,--fatal-warnings,-z,pack-relative-relocs NUVIO_HAS_PACKED_RELOCATIONS)
+if(NUVIO_HAS_PACKED_RELOCATIONS)
+    add_link_options(-Wl,-z,pack-relative-relocs)
+endif()
 include(CheckPIESupported)
 check_pie_supported()
