@@ -71,7 +71,10 @@ bool TrackInput::is_endless() const {
 }
 
 bool TrackInput::rejoin(SF_INFO* info) {
-    const auto content = m_remote ? m_source->open() : std::nullopt;
+    if (!m_remote || !m_source) {
+        return false;
+    }
+    const auto content = m_source->open();
     if (!content || !content->is_radio) {
         return false;
     }

@@ -138,7 +138,7 @@ void TrackWork::close() {
 void TrackWork::work_or_wait(std::unique_lock<std::mutex>& lock) {
     const bool is_to_work = !m_is_given_up;
     if (is_to_work && m_seek_target) {
-        position(lock);
+        position(*m_seek_target, lock);
     } else if (is_to_work && wants_blocks() && !m_free_blocks.empty()) {
         decode_block(lock);
     } else if (is_to_work && m_cover.is_fetching()) {
@@ -224,8 +224,8 @@ void TrackWork::wake_if_wanted() {
     }
 }
 
-void TrackWork::position(std::unique_lock<std::mutex>& lock) {
-    const uint64_t target = *std::exchange(m_seek_target, std::nullopt);
+void TrackWork::position(uint64_t target, std::unique_lock<std::mutex>& lock) {
+    m_seek_target.reset();
     const uint64_t end = m_decoder->info().frame_count;
     lock.unlock();
     const auto reached = target < end ? m_decoder->seek(target) : std::nullopt;

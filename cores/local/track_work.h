@@ -127,7 +127,7 @@ class TrackWork {
     void provide_blocks();
     bool wants_blocks();
     void wake_if_wanted();
-    void position(std::unique_lock<std::mutex>& lock);
+    void position(uint64_t target, std::unique_lock<std::mutex>& lock);
     void decode_block(std::unique_lock<std::mutex>& lock);
     std::optional<TrackTexts> texts_of_new_title();
     void drop_blocks();

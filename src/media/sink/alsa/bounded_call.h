@@ -29,7 +29,7 @@ inline constexpr std::chrono::milliseconds kAlsaThreadPatience{1000};
 // is where descriptors of the handle are forgotten.
 template <typename Handle, typename Call>
 int bounded_call(
-    Handle& handle, Call call, std::chrono::milliseconds patience = kAlsaCallPatience,
+    Handle& handle, const Call& call, std::chrono::milliseconds patience = kAlsaCallPatience,
     const std::function<void()>& let_go = [] {}) {
     struct shared {
         std::mutex mutex;
@@ -63,7 +63,8 @@ int bounded_call(
     }
     std::unique_lock lock(record->mutex);
     record->news.wait_for(lock, kAlsaThreadPatience, [&] { return record->has_begun; });
-    if (!record->news.wait_for(lock, patience, [&] { return record->result.has_value(); })) {
+    record->news.wait_for(lock, patience, [&] { return record->result.has_value(); });
+    if (!record->result) {
         record->is_given_up = true;
         let_go();
         return -ETIMEDOUT;
