@@ -195,7 +195,7 @@ class MixedUse(house.HouseTest):
 
     def be_a_bad_card(self, rng):
         fault = ["fault", rng.choice(OPERATIONS), rng.choice(ERRORS), str(rng.randrange(20)),
-                 rng.choice(["1", "3", "20", "forever"])]
+                 rng.choice(["1", "3", "20", "forever"]), rng.choice(["0", "0", "150"])]
         self.kitchen.card(*rng.choice([
             ["underrun"], ["gone"], ["suspend", rng.choice(["works", "unsupported", "stuck"])],
             ["short", "7", "9", "99"], ["element", "remove"], ["volume", "7"], ["speed", "0.1"], *[fault] * 5]))
