@@ -8,7 +8,6 @@ NUVIO_SEED has each player do again what it did.
 """
 import collections
 import contextlib
-import functools
 import http.client
 import os
 import pathlib
@@ -39,11 +38,10 @@ from test_hostile import DISPLAY_INFO, SESSION, post  # noqa: E402
 MINUTES = float(os.environ.get("NUVIO_MIXED_MINUTES", 10 if os.environ.keys() & {
     "NUVIO_LONG", "NUVIO_SOAK_HOURS"} else 0.5))
 SEED = int(os.environ.get("NUVIO_SEED", random.randrange(10**6)))
-# Private memory. The unit allows 64 MB.
-PEAK_KIB, KEPT_KIB = 40 * 1024, 12 * 1024
+# Private memory: of a device, whose unit allows 64 MB, 19 MB were seen at most and 5 afterwards; of the
+# controller, whose unit allows 128, 29.
+PEAK_KIB, KEPT_KIB, CONTROLLER_KIB = 32 * 1024, 8 * 1024, 64 * 1024
 ERRORS = "EIO EPIPE ENODEV EBADFD EAGAIN EINTR ESTRPIPE EBUSY".split()
-OPERATIONS = ("open hw_params prepare start write pointer delay pause resume drop drain poll_revents ctl_open "
-              "ctl_list read_volume write_volume read_switch write_switch read_event").split()
 COMMANDS = [("play", {}), ("pause", {}), ("next", {}), ("previous", {}), ("seek", {"position_ms": 9000}),
             ("volume", {"volume": 40}), ("mute", {"muted": False}), ("loop", {"loop": "all"}),
             ("shuffle", {"shuffle": True}), ("queue_jump", {"item": 1}), ("queue_read", {"first": 0}),
@@ -194,7 +192,8 @@ class MixedUse(house.HouseTest):
             time.sleep(rng.random() * 2)
 
     def be_a_bad_card(self, rng):
-        fault = ["fault", rng.choice(OPERATIONS), rng.choice(ERRORS), str(rng.randrange(20)),
+        operations = self.kitchen.card("operations").split()
+        fault = ["fault", rng.choice(operations), rng.choice(ERRORS), str(rng.randrange(20)),
                  rng.choice(["1", "3", "20", "forever"]), rng.choice(["0", "0", "150"])]
         self.kitchen.card(*rng.choice([
             ["underrun"], ["gone"], ["suspend", rng.choice(["works", "unsupported", "stuck"])],
@@ -238,7 +237,8 @@ class MixedUse(house.HouseTest):
         wait_for("a session", lambda: room.connect(f"{self.honest[0]}/{album}/{track}.flac") == 200)
         wait_for(f"{album}/{track} heard", lambda: self.heard(room, album, track), pause=1)
         heard = self.played[album, track][:CD]
-        underruns = sum(each.underruns for each in room.recordings() if heard in each.data)
+        # The last one: before it a bad server may have had the same track.
+        underruns = [each.underruns for each in room.recordings() if heard in each.data][-1]
         self.assertTrue(room.is_sanitized() or EMULATOR or underruns == 0, f"{underruns} underruns")
 
     def idle(self, room):
@@ -263,23 +263,23 @@ class MixedUse(house.HouseTest):
         self.findings.append(what)
         print(f"soak: {what}", flush=True)
 
-    def look_at(self, name, life, process, start, log):
+    def look_around(self):
         """Notes what is used, and starts again who has ended unasked."""
-        with life, contextlib.suppress(ProcessLookupError):
-            if process() is None or process().poll() is not None:
-                if process() is not None:  # who has ended badly when asked to has been noted
-                    self.find(f"{name} ended with {process().returncode}: {excerpt(log)}")
-                start()
-            self.peaks[name] = max(self.peaks[name], usage(process())[0])
+        for name, owner, field, start in self.watched:
+            with owner.life, contextlib.suppress(ProcessLookupError, FileNotFoundError):
+                process = getattr(owner, field)
+                if process is None or process.poll() is not None:
+                    if process is not None:  # who has ended badly when asked to has been noted
+                        self.find(f"{name} ended with {process.returncode}: {excerpt(owner.log_path)}")
+                    start()
+                self.peaks[name] = max(self.peaks[name], usage(getattr(owner, field))[0])
 
     def test_nobody_ends_nothing_grows_and_a_track_is_a_track(self):
-        print(f"soak: seed {SEED}", flush=True)
+        print(f"\nsoak: seed {SEED}", flush=True)
         self.start_all()
         before = [self.idle(room) for room in self.devices]
-        looks = [functools.partial(self.look_at, name, room.life, lambda room=room: room.daemon, room.start, room.log_path)
-                 for name, room in zip(self.rooms, self.devices)]
-        looks.append(functools.partial(self.look_at, "controller", self.life, lambda: self.controller,
-                                       self.start_controller, self.log_path))
+        self.watched = [("controller", self, "controller", self.start_controller), *(
+            (name, room, "daemon", room.start) for name, room in zip(self.rooms, self.devices))]
         players = [threading.Thread(target=self.act, args=(getattr(self, name),))
                    for name in dir(self) if name.startswith("be_")]
         for player in players:
@@ -287,15 +287,13 @@ class MixedUse(house.HouseTest):
         end = time.monotonic() + MINUTES * 60
         try:
             while time.monotonic() < end:
-                for look in looks:
-                    look()
+                self.look_around()
                 time.sleep(0.2)
         finally:
             self.over.set()
             for player in players:
                 player.join()
-        for look in looks:
-            look()
+        self.look_around()
         after = [self.idle(room) for room in self.devices]
         print(f"\nsoak: mixed use for {MINUTES:g} min: {dict(self.counts)}; KiB, threads and descriptors "
               f"{before} -> {after}, at most {dict(self.peaks)} KiB")
@@ -304,5 +302,6 @@ class MixedUse(house.HouseTest):
             wait_for("as much as before", lambda: all(
                 now <= then + 1 for now, then in zip(usage(room.daemon)[1:], held)))
         if not self.attic.is_sanitized() and not EMULATOR:
+            self.assertLess(self.peaks.pop("controller"), CONTROLLER_KIB)
             self.assertLess(max(self.peaks.values()), PEAK_KIB)
             self.assertLess(max(memory for memory, *_ in after), KEPT_KIB)
