@@ -82,12 +82,6 @@ class Hostile(DeviceTest):
             for _ in range(seconds):
                 out.writeframes(second)
 
-    def put_first(self):
-        """Peers are other machines: they don't take the device's processor time, nor do others."""
-        for thread in os.listdir(f"/proc/{self.daemon.pid}/task"):
-            with contextlib.suppress(OSError):
-                os.setpriority(os.PRIO_PROCESS, int(thread), -19)
-
     # ---- What they do ---------------------------------------------------------------------------
 
     def peer(self, data=b"", source="127.0.0.2"):

@@ -48,8 +48,8 @@ Commands:
   show DIR                    state, counters and recordings
   volume DIR [RAW|on|off]     show or set the element
   element DIR remove|restore  take the element away or put it back
-  fault DIR OPERATION ERROR [AFTER [TIMES|forever]]
-                              fail calls, e.g. fault DIR write EIO 10 1
+  fault DIR OPERATION ERROR [AFTER [TIMES|forever [MS]]]
+                              fail calls, e.g. fault DIR write EIO 10 1; MS: what each takes
   short DIR FRAMES [AFTER [TIMES]]
                               short writes
   clear DIR                   no more faults
@@ -286,6 +286,9 @@ void fault(Card& card, const Arguments& arguments) {
     if (arguments.size() > 4) {
         fault.times = parse_times(arguments[4]);
     }
+    if (arguments.size() > 5) {
+        fault.ms = parse<std::uint32_t>(arguments[5]);
+    }
     card.inject(fault);
 }
 
@@ -306,7 +309,7 @@ const std::vector<Command>& commands() {
         {"show", 1, 1, [](Card& card, const Arguments&) { show(card); }},
         {"volume", 1, 2, volume},
         {"element", 2, 2, element},
-        {"fault", 3, 5, fault},
+        {"fault", 3, 6, fault},
         {"short", 2, 4, shorten},
         {"clear", 1, 1, [](Card& card, const Arguments&) { card.clear_faults(); }},
         {"underrun", 1, 1, [](Card& card, const Arguments&) { card.underrun(); }},
