@@ -41,7 +41,12 @@ sf_count_t RemoteSound::length(void* data) {
     return length ? static_cast<sf_count_t>(*length) : kUnknownLength;
 }
 
+// Of a source that broke off the end: libsndfile's parsers look at the place alone before they go
+// on with a head, and would note the chunk that they stand in again and again, without end.
 sf_count_t RemoteSound::position(void* data) {
+    if (self(data).m_is_broken) {
+        return length(data);
+    }
     return static_cast<sf_count_t>(self(data).m_source.position() - self(data).m_first);
 }
 
@@ -73,6 +78,8 @@ sf_count_t RemoteSound::read(void* to, sf_count_t size, void* data) {
         return 0;
     }
     const size_t got = sound.m_source.read(to, static_cast<size_t>(size));
+    sound.m_is_broken =
+        got < static_cast<size_t>(size) && sound.m_source.failure() != HttpFailure::none;
     const auto count = static_cast<std::ptrdiff_t>(got);
     const auto end =
         sound.m_ogg ? sound.m_ogg->find({static_cast<const char*>(to), got}) : std::nullopt;

@@ -43,6 +43,7 @@ class RemoteSound {
     uint64_t m_first = 0;         // byte of the source that is libsndfile's byte 0
     std::optional<OggEnd> m_ogg;  // of an Ogg radio
     bool m_is_over = false;       // another Ogg stream begins where the source is
+    bool m_is_broken = false;     // its source has failed, and nothing more of it comes
     bool m_is_endless = false;
     std::unique_ptr<SNDFILE, nuvio::ReleasedBy<sf_close>> m_file;
 };
