@@ -5,7 +5,6 @@ import json
 import os
 import pathlib
 import random
-import socket
 import ssl
 import struct
 import sys
@@ -261,27 +260,6 @@ class Channel(DeviceTest):
                 self.wait_for_log("can't reach localhost", 2)
             with self.assertRaises(TimeoutError):
                 elsewhere.accept()
-
-    def test_servers_that_die_at_any_moment_take_nothing_with_them(self):
-        rng = random.Random(7)
-        for n in range(12):
-            with RawServer() as server:
-                self.connect(self.music, session=f"s{n}", remote=server.url)
-                with server.accept() as peer, contextlib.suppress(OSError):
-                    if n % 3 == 0:  # closed with a reset
-                        peer.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER,
-                                        struct.pack("ii", 1, 0))
-                    words = b"".join(
-                        raw_command(name, str(i), **arguments) for i, (name, arguments) in
-                        enumerate(rng.choices([("next", {}), ("pause", {}), ("play", {}), (
-                            "queue_insert", {"tracks": self.tracks("abcd")}), (
-                            "queue_jump", {"item": 1}), ("leave", {})], [9, 9, 9, 9, 9, 1], k=60)))
-                    peer.sendall(words[:rng.randrange(len(words))])
-                    time.sleep(0.26 + rng.random() / 4)  # four sessions a second are taken
-        server = self.server()
-        self.hand_over(server)
-        self.assertEqual(server.ask("shuffle", shuffle=True), "ok")
-        server.until("state", shuffle=True)
 
     def test_the_device_ends_well_in_every_state_of_its_channels(self):
         speaking, rng = self.server(tls=self.tls()), random.Random(3)

@@ -10,10 +10,16 @@ namespace {
 
 TEST(JsonNesting, CountsBracketsBehindTextsThatEndInEveryKindOfEscape) {
     const std::string deep(999, '[');
-    for (const std::string end : {"", "a", R"(\")", R"(\\)", R"(\\\")", R"(\\\\)", R"(\/)",
+    const auto behind = [&](const std::string& end) {
+        return json_nesting(R"({"a":")" + end + R"(","b":)" + deep);
+    };
+    const auto within = [&](const std::string& end) {
+        return json_nesting(R"({"a":")" + end + deep + R"("})");
+    };
+    for (const char* const end : {"", "a", R"(\")", R"(\\)", R"(\\\")", R"(\\\\)", R"(\/)",
                                   R"(\u005c)", R"(\u0022)", R"([\")", R"(}\\)"}) {
-        EXPECT_EQ(json_nesting(R"({"a":")" + end + R"(","b":)" + deep), 1000U) << end;
-        EXPECT_EQ(json_nesting(R"({"a":")" + end + deep + R"("})"), 1U) << end;
+        EXPECT_EQ(behind(end), 1000U) << end;
+        EXPECT_EQ(within(end), 1U) << end;
     }
     // No text ends there, and none is parsed behind it.
     EXPECT_EQ(json_nesting("[\"\\" + deep), 1U);

@@ -64,11 +64,12 @@ int bounded_call(
     std::unique_lock lock(record->mutex);
     record->news.wait_for(lock, kAlsaThreadPatience, [&] { return record->has_begun; });
     record->news.wait_for(lock, patience, [&] { return record->result.has_value(); });
-    if (!record->result) {
+    const std::optional<int> result = record->result;
+    if (!result) {
         record->is_given_up = true;
         let_go();
         return -ETIMEDOUT;
     }
     handle = std::move(record->handle);
-    return *record->result;
+    return *result;
 }
