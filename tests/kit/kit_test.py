@@ -39,7 +39,7 @@ class Kit(unittest.TestCase):
         return subprocess.Popen([*EMULATOR, BUILD / "bin/nuvio-connect-conformance", f"--{layer}",
                                  BUILD / f"lib/lib{library}.so", *options], text=True,
                                 env=self.environment, stdout=subprocess.PIPE,
-                                stderr=subprocess.DEVNULL)
+                                stderr=subprocess.STDOUT)
 
     def test_the_projects_own_layers_and_the_smallest_hold_every_rule(self):
         runs = {run: self.start(*run) for run in (
