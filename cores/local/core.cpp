@@ -8,11 +8,11 @@
 #include <utility>
 
 #include "common/utf8.h"
-#include "local/content.h"
+#include "local/base/files.h"
 #include "local/device_uuid.h"
-#include "local/files.h"
-#include "local/remote_settings.h"
+#include "local/network/remote_settings.h"
 #include "local/texts/display_text.h"
+#include "local/track/content.h"
 
 namespace local_core {
 

@@ -19,13 +19,13 @@
 #include <string>
 #include <vector>
 
-#include "local/control.h"
+#include "local/base/logger.h"
+#include "local/base/loop_wakeup.h"
 #include "local/local_server.h"
-#include "local/logger.h"
-#include "local/loop_wakeup.h"
-#include "local/player.h"
+#include "local/playback/control.h"
+#include "local/playback/player.h"
+#include "local/playback/session_preparer.h"
 #include "local/remote_control.h"
-#include "local/session_preparer.h"
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {

@@ -13,8 +13,8 @@
 #include <cstdint>
 #include <functional>
 
-#include "local/logger.h"
-#include "local/loop_wakeup.h"
+#include "local/base/logger.h"
+#include "local/base/loop_wakeup.h"
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {

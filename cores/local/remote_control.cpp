@@ -7,8 +7,8 @@
 #include <system_error>
 #include <utility>
 
+#include "local/network/remote_settings.h"
 #include "local/network/url.h"
-#include "local/remote_settings.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
 

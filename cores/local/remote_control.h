@@ -14,12 +14,12 @@
 #include <optional>
 #include <string>
 
+#include "local/base/logger.h"
+#include "local/base/loop_wakeup.h"
 #include "local/channel/link.h"
 #include "local/channel/messages.h"
-#include "local/control.h"
-#include "local/logger.h"
-#include "local/loop_wakeup.h"
-#include "local/player.h"
+#include "local/playback/control.h"
+#include "local/playback/player.h"
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {

@@ -12,7 +12,7 @@
 #include <vector>
 
 #include "fuzz/scripted_peer.h"
-#include "local/track_decoder.h"
+#include "local/track/track_decoder.h"
 
 using namespace local_core;
 

@@ -1,5 +1,5 @@
 // Covers inside files of every kind that has them.
-#include "local/cover.h"
+#include "local/track/cover.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // When a track that plays needs the loop, on a clock of the test's own.
-#include "local/pace.h"
+#include "local/playback/pace.h"
 
 #include <gtest/gtest.h>
 

@@ -1,5 +1,5 @@
 // What an endpoint names, and the order in which it plays.
-#include "local/session.h"
+#include "local/playback/session.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -9,10 +9,10 @@
 #include <filesystem>
 #include <random>
 
-#include "local/content.h"
 #include "local/device_uuid.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
+#include "local/track/content.h"
 #include "temp_dir.h"
 
 namespace {

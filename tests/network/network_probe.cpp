@@ -19,7 +19,7 @@
 
 #include "local/network/http_source.h"
 #include "local/network/remote_tracks.h"
-#include "local/track_decoder.h"
+#include "local/track/track_decoder.h"
 
 using namespace local_core;
 

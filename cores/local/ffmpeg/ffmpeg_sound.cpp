@@ -13,7 +13,7 @@ extern "C" {
 #include <cmath>
 #include <cstring>
 
-#include "local/foreign_sound.h"
+#include "local/track/foreign_sound.h"
 
 namespace local_core {
 

@@ -1,0 +1,39 @@
+#include "local/network/remote_settings.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "common/number.h"
+
+namespace local_core {
+
+namespace {
+
+// The variable's number, kept within the bounds; `otherwise` where it is none.
+unsigned number_from(const char* variable, unsigned lowest, unsigned highest, unsigned otherwise) {
+    const char* const text = std::getenv(variable);
+    const auto number = nuvio::to_number<unsigned>(text != nullptr ? text : "");
+    return number ? std::clamp(*number, lowest, highest) : otherwise;
+}
+
+}  // namespace
+
+const HttpRequest& remote_request_defaults() {
+    // Never destroyed: a thread that hangs may outlive the process's end of the rest.
+    static const auto* const defaults = new HttpRequest([] {
+        HttpRequest request;
+        request.read_ahead_bytes =
+            size_t{number_from("NUVIO_READ_AHEAD_KIB", 128, 16384, 4096)} * 1024;
+        request.give_up_after =
+            std::chrono::seconds(number_from("NUVIO_NETWORK_PATIENCE_S", 1, 3600, 60));
+        request.stalled_after =
+            std::min(request.stalled_after,
+                     std::chrono::ceil<std::chrono::seconds>(request.give_up_after / 3));
+        const char* const authorities = std::getenv("NUVIO_NETWORK_AUTHORITIES");
+        request.authorities = authorities != nullptr ? authorities : "";
+        return request;
+    }());
+    return *defaults;
+}
+
+}  // namespace local_core

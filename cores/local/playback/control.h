@@ -1,0 +1,130 @@
+// What the control and query calls see and ask for, from any thread.
+//
+// A control call is checked against what the controller was told last, noted and answered at once;
+// the loop's thread takes the notes on a later pass and carries them out in order. Every call may
+// come from any thread unless it says otherwise; none waits for the loop or for decoding.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "local/playback/session.h"
+#include "local/track/track_texts.h"
+#include "sdk/nuvio_connect.h"
+
+namespace local_core {
+
+enum class Verb { pause, resume, stop, next, previous, seek, deactivate, connect, edit };
+
+// The server from which a session is controlled, as the controller named it.
+struct RemoteOffer {
+    std::string endpoint;
+    std::string token;
+    uint64_t expiry_s = 0;  // since 1970; 0: none
+};
+
+struct Command {
+    Verb verb = Verb::stop;
+    uint64_t position_ms = 0;          // seek
+    std::unique_ptr<Session> session;  // connect
+    bool become_active = false;        // connect
+    RemoteOffer remote;                // connect
+    std::unique_ptr<QueueEdit> edit;   // edit
+    // As they were when it was given: a "next" before a "shuffle" is the next in the old order.
+    nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
+    bool shuffle = false;
+};
+
+// Values that a call sets and a later pass of the loop acts on.
+struct PlaybackSettings {
+    std::string device_name;
+    uint32_t volume = 50;  // percent
+    bool muted = false;
+    // Set at least once: before that the value is only a guess.
+    bool volume_known = false;
+    bool mute_known = false;
+    bool shuffle = false;
+    nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
+
+    bool operator==(const PlaybackSettings&) const = default;
+};
+
+// How the player stands, for the queries and the checks of later control calls.
+struct PlayerView {
+    nuv_playback_state state = NUV_PLAYBACK_STATE_STOPPED;   // as the renderer confirmed it
+    nuv_playback_state wanted = NUV_PLAYBACK_STATE_STOPPED;  // when all notes are carried out
+    bool active = false;
+    bool has_next = false;
+    bool has_previous = false;
+    std::optional<size_t> track;  // the current one of the session
+    uint64_t list_revision = 0;   // of the session
+    uint64_t stream_id = 0;       // of the stream that is heard; 0: none
+    uint64_t text_count = 0;      // of changes of its texts so far
+    uint64_t seek_count = 0;      // so far
+
+    bool operator==(const PlayerView&) const = default;
+};
+
+class Control {
+  public:
+    // `wake` gets the loop's thread to take the notes; it must be callable from any thread.
+    Control(std::string device_name, std::function<void()> wake);
+
+    // Any verb but connect and edit.
+    nuv_error command(Verb verb, uint64_t position_ms = 0);
+    void connect(std::unique_ptr<Session> session, bool become_active, RemoteOffer remote);
+    // NUV_ERROR_OK: noted; what comes of it is known when it is carried out.
+    nuv_error edit(QueueEdit edit);
+
+    // Arguments must have been checked.
+    void set_device_name(const char* name);
+    void set_volume(uint32_t percent);
+    void set_muted(bool muted);
+    void set_shuffle(bool shuffle);
+    void set_loop_mode(nuv_loop_mode loop_mode);
+
+    PlaybackSettings settings() const;
+    PlayerView view() const;
+    bool connected() const;
+
+    // The texts stay the caller's, who removes them before they go. Loop thread.
+    void add_texts(uint64_t stream_id, const TrackTexts* texts);
+    void remove_texts(uint64_t stream_id);
+    nuv_error get_texts(uint64_t stream_id, nuv_stream_metadata* metadata) const;
+
+    // True, once, when a note or a setting came since the last call. Loop thread.
+    bool take_attention() { return m_attention.exchange(false, std::memory_order_acquire); }
+    std::vector<Command> take_commands();
+    void publish(const PlayerView& view);
+
+  private:
+    // Enough for any person or script, little enough for memory.
+    static constexpr size_t kMaxCommands = 1024;
+
+    nuv_error check(Verb verb) const;
+    nuv_error check_and_note(Command command);
+    void note(Command command);
+    template <typename Change>
+    void change_settings(Change change);
+    void call_attention();
+
+    const std::function<void()> m_wake;
+    std::atomic<bool> m_attention{false};
+
+    // Guards everything below; held for a few copies only, never while anything is called.
+    mutable std::mutex m_mutex;
+    std::vector<Command> m_commands;
+    PlaybackSettings m_settings;
+    PlayerView m_view;
+    bool m_connected = false;
+    std::vector<std::pair<uint64_t, const TrackTexts*>> m_texts;
+};
+
+}  // namespace local_core

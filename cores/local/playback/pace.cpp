@@ -1,0 +1,102 @@
+#include "local/playback/pace.h"
+
+#include <algorithm>
+#include <array>
+#include <span>
+
+namespace local_core {
+
+namespace {
+
+using std::chrono::milliseconds;
+using FloatMs = std::chrono::duration<double, std::milli>;
+
+constexpr milliseconds kBetweenLooks{1000};
+// After a beginning. The first is for a track that follows: at the beginning of the sound a server
+// would still tell nonsense.
+constexpr std::array kFirstLooks = {milliseconds{20}, milliseconds{50}, milliseconds{200}};
+constexpr milliseconds kSettling{300};
+constexpr milliseconds kRetry{20};
+constexpr milliseconds kLongestWait{1000};
+constexpr uint64_t kShortOutputMs = 200;  // filled as soon as there is room
+constexpr uint64_t kReserveMs = 500;      // that stays in the output, for a machine that is busy
+constexpr uint64_t kMeasurableMs = 100;
+// The end of the track is near: the device runs on by itself.
+constexpr double kNoMoreLooksMs = 1300;
+
+}  // namespace
+
+void Pace::begin(Time now) {
+    m_offer_at = now;
+    m_look_at = now;
+    m_began_at = now;
+    m_track_began_at = now;
+    m_began_ms.reset();
+    m_is_short = false;
+    m_full.reset();
+}
+
+void Pace::go_on(Time now) {
+    m_offer_at = now;
+    m_look_at = now;
+    m_track_began_at = now;
+    m_full.reset();
+}
+
+void Pace::end_of_data(Time now) {
+    m_offer_at = now;
+    m_look_at = now;
+}
+
+void Pace::fill(uint64_t delivered_ms, uint64_t heard_ms, Time now) {
+    const uint64_t held_ms = delivered_ms - std::min(heard_ms, delivered_ms);
+    m_is_short = held_ms < kShortOutputMs;
+    if (m_full && heard_ms >= m_full->heard_ms + kMeasurableMs) {
+        const double passed_ms = FloatMs(now - m_full->at).count();
+        m_rate = std::max(1.0, static_cast<double>(heard_ms - m_full->heard_ms) / passed_ms);
+    }
+    m_full = {heard_ms, now};
+    if (!m_is_short) {
+        const uint64_t spare_ms = held_ms - std::min(held_ms, kReserveMs);
+        const FloatMs wait(static_cast<double>(std::max(spare_ms, held_ms / 4)));
+        m_offer_at = now + std::chrono::duration_cast<Clock::duration>(
+                               std::min<FloatMs>(wait, kLongestWait) / m_rate);
+    }
+}
+
+void Pace::looked(uint64_t heard_ms, std::optional<uint64_t> left_ms, Time now) {
+    m_began_ms = m_began_ms.value_or(heard_ms);
+    if (left_ms && static_cast<double>(*left_ms) < kNoMoreLooksMs * m_rate) {
+        m_look_at = Time::max();
+        return;
+    }
+    const std::span looks(kFirstLooks.begin() + (m_track_began_at == m_began_at ? 1 : 0),
+                          kFirstLooks.end());
+    const auto first = std::ranges::find_if(
+        looks, [&](milliseconds after) { return now < m_track_began_at + after; });
+    m_look_at = first == looks.end() ? now + kBetweenLooks : m_track_began_at + *first;
+}
+
+uint64_t Pace::plausible(uint64_t heard_ms, Time now) const {
+    if (!m_began_ms || now >= m_began_at + kSettling) {
+        return heard_ms;
+    }
+    const double passed_ms = FloatMs(now - m_began_at).count() * m_rate;
+    return std::min(heard_ms, *m_began_ms + static_cast<uint64_t>(passed_ms));
+}
+
+void Pace::wait_for_answer(Time now) {
+    m_offer_at = now + kRetry;
+}
+
+std::optional<Pace::Time> Pace::next_after(Time now) const {
+    Time next = Time::max();
+    for (const Time time : {m_offer_at, m_look_at}) {
+        if (time > now) {
+            next = std::min(next, time);
+        }
+    }
+    return next == Time::max() ? std::nullopt : std::optional(next);
+}
+
+}  // namespace local_core

@@ -1,0 +1,173 @@
+// Plays a session on the device's renderer.
+//
+// Commands change the goals (PlaybackState: playing, paused or stopped, a position to go to; the
+// session: which track); the passes of the loop take the steps that lead from what the renderer has
+// confirmed to them, on the streams of the queue (StreamQueue), as far as the renderer's present
+// state allows.
+//
+// player.cpp has the commands, the notifications and which track comes; player_steps.cpp the steps.
+//
+// Loop thread only. Delegates are called from `advance` and `deliver` (and `apply`, which asks for
+// the position), never from the notifications.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "local/base/logger.h"
+#include "local/network/remote_settings.h"
+#include "local/playback/control.h"
+#include "local/playback/pace.h"
+#include "local/playback/playback_state.h"
+#include "local/playback/session.h"
+#include "local/playback/stream_queue.h"
+#include "sdk/nuvio_connect.h"
+
+namespace local_core {
+
+// The track that is heard; the pointers hold until the next pass.
+struct HeardTrack {
+    size_t track;  // of the session
+    const TrackInfo* info;
+    const TrackTexts* texts;
+};
+
+// What went wrong and goes on without it; `error` as the session's channel has it.
+struct Trouble {
+    const char* error;
+    std::optional<size_t> track;
+    std::string reason;
+};
+
+class Player {
+  public:
+    // `on_news` comes from a decoding thread: the next pass has something to do.
+    Player(const PlayerDelegates& delegates, Control& control,
+           const std::shared_ptr<const Logger>& logger, std::function<void()> on_news);
+    // Calls no delegate.
+    ~Player();
+    Player(const Player&) = delete;
+    Player& operator=(const Player&) = delete;
+
+    void apply(Command command);
+    void set_modes(nuv_loop_mode loop_mode, bool shuffle);
+
+    // Takes the first step that is due; true when there was one.
+    bool advance();
+    // Offers each stream's data once; true when there may be more.
+    bool deliver();
+
+    // When the next pass has something to do although nothing has happened; none while nothing
+    // plays.
+    std::optional<Pace::Time> next_time() const;
+    // Passes over what does not answer; when to call it again, none where nothing is waited for.
+    std::optional<std::chrono::steady_clock::time_point> give_up_hanging() {
+        return m_streams.give_up_hanging(remote_request_defaults().give_up_after);
+    }
+
+    PlayerView view() const;
+    // Null without one.
+    const Session* session() const { return m_session.get(); }
+    nuv_error edit(QueueEdit& edit);
+    // None while nothing of the session is heard.
+    std::optional<HeardTrack> heard() const;
+    // In the track that is heard; 0 without one. Calls a delegate.
+    uint64_t position_ms() const;
+    // The oldest that has not been taken.
+    std::optional<Trouble> take_trouble();
+    // True, once, after the renderer has begun to play anew: everything about it is worth a report.
+    bool take_fresh_start() { return m_playback.take_fresh_start(); }
+    // True, once, after the texts of what is heard have changed.
+    bool take_new_texts() { return std::exchange(m_has_new_texts, false); }
+
+    // From the renderer.
+    nuv_error playback_initiated();
+    nuv_error playback_paused();
+    nuv_error playback_resumed();
+    nuv_error playback_stopped() { return m_playback.confirm_stopped(); }
+    nuv_error playback_error();
+    nuv_error playback_finished(bool no_next_track);
+    nuv_error resume_delivery(uint64_t stream_id) { return m_streams.open_delivery(stream_id); }
+
+  private:
+    using Role = StreamQueue::Role;
+    using Stream = StreamQueue::Stream;
+
+    // Steps of `advance`, in order; true when a delegate was called.
+    bool stop_unwanted_playback();
+    bool dispose_unwanted_streams();
+    bool start_current();
+    bool initiate_playback();
+    bool pause_or_resume();
+    bool begin_seek();
+    bool end_seek();
+    bool withdraw_next();
+    bool start_next();
+    // Parts of them.
+    bool keep_place();
+    void refresh_place();
+    bool plays_undisturbed() const;
+    bool is_heard() const;
+    void deliver_one(Role role, bool* has_more);
+    void follow_full_output();
+    uint64_t heard_ms() const;
+    bool is_end_to_wait(Role role) const;
+    void look();
+
+    // Commands.
+    void join_session(Command& command);
+    void leave_session();
+    void pause(const Command&);
+    void resume(const Command&);
+    void stop(const Command&);
+    void go_to_next(const Command&);
+    void go_back(const Command&);
+    void seek(const Command& command);
+
+    // Which track comes.
+    void skip_to(size_t track);
+    void end_session();
+    void go_on_after_last_sample();
+    void pass_over(const Stream& stream);
+    bool pass_over_refused();
+    void note_trouble(Trouble trouble);
+    void consider_failure(const Stream& stream);
+    bool begin_anew();
+    TrackPlace place_of(size_t track) const { return {track, m_session_count}; }
+
+    const PlayerDelegates m_delegates;
+    const std::shared_ptr<const Logger> m_logger;
+
+    std::unique_ptr<Session> m_session;
+    uint64_t m_session_count = 0;
+    nuv_loop_mode m_loop_mode = NUV_LOOP_MODE_OFF;
+    bool m_shuffle = false;
+    bool m_is_active = false;
+    bool m_goes_backwards = false;     // the last skip did: so are unplayable tracks passed over
+    int m_refused_count = 0;           // tracks in a row of which the renderer took nothing
+    size_t m_first_refused = 0;        // of these
+    int m_unreachable_count = 0;       // tracks in a row whose server was gone
+    bool m_gives_session_up = false;   // nothing more of it is opened
+    uint64_t m_considered_stream = 0;  // whose failure counts already
+    bool m_has_new_texts = false;
+    uint64_t m_seek_count = 0;
+    uint64_t m_text_count = 0;
+    std::deque<Trouble> m_troubles;  // at most kMaxTroubles, later ones are not kept
+
+    PlaybackState m_playback;
+    StreamQueue m_streams;
+    Pace m_pace;
+    Pace::Time m_paused_at;
+    // Where sound begins after a pause or a seek, until the renderer takes something.
+    std::optional<uint64_t> m_resumed_ms;
+    bool m_has_begun_anew = false;  // without sound since
+};
+
+}  // namespace local_core

@@ -1,0 +1,350 @@
+// The steps by which the player comes from what the renderer has confirmed to its goals.
+#include <algorithm>
+#include <cinttypes>
+#include <iterator>
+
+#include "local/playback/player.h"
+
+namespace local_core {
+
+namespace {
+
+// The renderer's position is a difference of rounded times, one of which a sound server estimates:
+// so much it may lie ahead of the sound.
+constexpr uint64_t kPositionErrorMs = 8;
+
+constexpr std::chrono::milliseconds kShortPause{100};
+
+}  // namespace
+
+// First what must be gone before anything new can come: playback, then streams. Only then the
+// current stream, which the playback that is initiated needs. A pause comes before a seek, which it
+// makes itself to keep its place, and both before the next stream, which a seek may take back.
+bool Player::advance() {
+    static constexpr bool (Player::*kSteps[])() = {
+        &Player::stop_unwanted_playback,
+        &Player::dispose_unwanted_streams,
+        &Player::start_current,
+        &Player::initiate_playback,
+        &Player::pause_or_resume,
+        &Player::begin_seek,
+        &Player::end_seek,
+        &Player::withdraw_next,
+        &Player::start_next,
+    };
+    return std::any_of(std::begin(kSteps), std::end(kSteps),
+                       [this](const auto step) { return (this->*step)(); });
+}
+
+// The renderer plays the current stream, and nothing is about to change that.
+bool Player::plays_undisturbed() const {
+    return m_playback.is_active() && !m_playback.is_to_stop() && !m_playback.is_seeking() &&
+           !m_streams.has_retired() && m_streams.current() != nullptr && m_session;
+}
+
+// ---- Away with what is not wanted -------------------------------------------------------------
+
+bool Player::stop_unwanted_playback() {
+    if (m_playback.is_stopped() || !m_playback.is_to_stop()) {
+        return false;
+    }
+    m_delegates.media.stop_playback(m_delegates.core, m_delegates.media.context);
+    if (!m_playback.is_stopped()) {
+        m_logger->write(LogLevel::warning, kAudioStreamManager,
+                        "The renderer did not confirm the stop");
+        m_playback.confirm_stopped();
+    }
+    return true;
+}
+
+bool Player::dispose_unwanted_streams() {
+    bool progress = m_streams.dispose_retired();
+    if (!m_playback.is_stopped() || !m_playback.is_to_stop()) {
+        return progress;
+    }
+    // A skip to the track that was coming anyway keeps what has been decoded of it.
+    const Stream* const next = m_streams.next();
+    const bool skips_to_next = m_playback.goal() != NUV_PLAYBACK_STATE_STOPPED && next != nullptr &&
+                               m_session && next->place() == place_of(m_session->current()) &&
+                               !next->has_flowed();
+    if (skips_to_next) {
+        progress |= m_streams.dispose_current_keeping_next();
+    } else {
+        progress |= m_streams.dispose(Role::next);
+        progress |= m_streams.dispose(Role::current);
+    }
+    m_playback.unwanted_streams_are_gone();
+    return progress;
+}
+
+// ---- On with what is --------------------------------------------------------------------------
+
+bool Player::start_current() {
+    if (m_playback.is_to_stop() || !m_session || !m_playback.is_stopped()) {
+        return false;
+    }
+    if (m_streams.current() == nullptr) {
+        const size_t track = m_session->current();
+        m_streams.open(Role::current, m_session->track(track), place_of(track));
+    }
+    if (m_streams.current()->is_announced()) {
+        return false;
+    }
+    const StreamQueue::Start start = m_streams.start(Role::current);
+    if (start != StreamQueue::Start::failed) {
+        return start == StreamQueue::Start::announced;
+    }
+    consider_failure(*m_streams.current());
+    pass_over(*m_streams.current());
+    m_streams.dispose(Role::current);
+    const auto onward =
+        m_goes_backwards && m_session->previous() ? m_session->previous() : m_session->next();
+    if (onward && !m_gives_session_up) {
+        m_session->move_to(*onward);
+    } else {
+        end_session();
+    }
+    return true;
+}
+
+bool Player::initiate_playback() {
+    const Stream* const current = m_streams.current();
+    if (m_playback.is_to_stop() || !m_playback.is_stopped() || current == nullptr ||
+        !current->is_announced()) {
+        return false;
+    }
+    m_delegates.media.initiate_playback(m_delegates.core, m_playback.begin_initiation(),
+                                        m_delegates.media.context);
+    return true;
+}
+
+bool Player::pause_or_resume() {
+    const nuv_media_delegate& media = m_delegates.media;
+    if (m_playback.is_to_pause()) {
+        if (keep_place()) {
+            return true;
+        }
+        m_playback.await_answer();
+        media.pause_playback(m_delegates.core, media.context);
+        return true;
+    }
+    if (m_playback.is_to_resume()) {
+        m_playback.await_answer();
+        media.resume_playback(m_delegates.core, media.context);
+        refresh_place();
+        return true;
+    }
+    return false;
+}
+
+// PulseAudio takes the time since an output was emptied for time played, and answers with places
+// that lie ahead by that: a seek to the same place empties it anew.
+void Player::refresh_place() {
+    if (is_heard() && !m_playback.seek_goal_ms() && m_streams.current()->info().seekable &&
+        Pace::Clock::now() - m_paused_at > kShortPause) {
+        m_playback.set_seek_goal_ms(m_streams.delivered_position_ms());
+    }
+}
+
+// A pause drops what the output still holds. The stream is positioned at what is heard before it:
+// while the renderer plays, for only then does it know that place and report it.
+bool Player::keep_place() {
+    if (m_playback.is_place_kept() || !plays_undisturbed() ||
+        !m_streams.current()->info().seekable) {
+        return false;
+    }
+    if (!m_playback.seek_goal_ms()) {
+        const uint64_t position_ms = heard_ms();
+        m_playback.set_seek_goal_ms(position_ms - std::min(position_ms, kPositionErrorMs));
+    }
+    m_playback.set_place_kept(true);
+    return begin_seek();
+}
+
+bool Player::begin_seek() {
+    if (!m_playback.seek_goal_ms() || m_playback.awaits_answer() || !plays_undisturbed()) {
+        return false;
+    }
+    const TrackInfo& info = m_streams.current()->info();
+    if (!info.seekable) {
+        m_playback.forget_seek_goal();
+        m_logger->write(LogLevel::warning, kAudioStreamManager,
+                        "[Stream %" PRIu64 "]: can't be positioned", m_streams.current()->id());
+        return false;
+    }
+    const uint64_t target_ms = m_playback.begin_seek();
+    m_delegates.media.seek_in_progress(m_delegates.core, m_delegates.media.context);
+    if (!m_playback.is_active()) {
+        return true;  // an error ended the playback
+    }
+    m_streams.seek_current(info.frame_at(target_ms));
+    // What the renderer has taken of the next track was dropped with the rest of its buffer.
+    if (m_streams.next() != nullptr && m_streams.next()->has_flowed()) {
+        m_streams.dispose(Role::next);
+    }
+    return true;
+}
+
+bool Player::end_seek() {
+    if (!m_playback.is_seeking()) {
+        return false;
+    }
+    const auto frame = m_streams.seek_result();
+    if (!frame) {
+        return false;
+    }
+    m_playback.end_seek();
+    ++m_seek_count;
+    m_resumed_ms = m_playback.seek_target_ms();
+    m_pace.begin(Pace::Clock::now());
+    // A frame lies between two milliseconds: where it is the one that was asked for, so is its
+    // position, and the renderer counts on from there exactly.
+    const TrackInfo& info = m_streams.current()->info();
+    const uint64_t target_ms = m_playback.seek_target_ms();
+    const bool is_exact = *frame == info.frame_at(target_ms) && target_ms <= info.duration_ms();
+    m_streams.report_seeked(is_exact ? target_ms : info.position_ms(*frame));
+    return true;
+}
+
+// ---- The next stream --------------------------------------------------------------------------
+
+// The modes may have changed what follows; a stream that already flows stays.
+bool Player::withdraw_next() {
+    const Stream* const next = m_streams.next();
+    if (!plays_undisturbed() || next == nullptr || next->has_flowed() ||
+        m_session->follower() == next->place().track) {
+        return false;
+    }
+    const bool was_announced = next->is_announced();
+    m_streams.dispose(Role::next);
+    return was_announced;
+}
+
+bool Player::start_next() {
+    if (!plays_undisturbed()) {
+        return false;
+    }
+    const auto follower = m_session->follower();
+    if (!follower) {
+        return false;
+    }
+    if (m_streams.next() == nullptr) {
+        if (!m_streams.current()->is_decoded_wholly()) {
+            return false;
+        }
+        consider_failure(*m_streams.current());
+        if (m_gives_session_up) {
+            return false;
+        }
+        m_streams.open(Role::next, m_session->track(*follower), place_of(*follower));
+    }
+    if (m_streams.next()->is_announced()) {
+        return false;
+    }
+    const StreamQueue::Start start = m_streams.start(Role::next);
+    if (start != StreamQueue::Start::failed) {
+        return start == StreamQueue::Start::announced;
+    }
+    consider_failure(*m_streams.next());
+    pass_over(*m_streams.next());
+    m_streams.dispose(Role::next);
+    return true;
+}
+
+// ---- Delivery ---------------------------------------------------------------------------------
+
+bool Player::is_heard() const {
+    return plays_undisturbed() && m_playback.confirmed() == NUV_PLAYBACK_STATE_PLAYING;
+}
+
+bool Player::deliver() {
+    const Pace::Time now = Pace::Clock::now();
+    if (m_pace.is_look_due(now)) {
+        look();
+    }
+    bool has_more = false;
+    if (!m_pace.is_offer_due(now)) {
+        return false;
+    }
+    if (m_streams.current() != nullptr) {
+        deliver_one(Role::current, &has_more);
+    }
+    if (m_streams.next() != nullptr) {
+        deliver_one(Role::next, &has_more);
+    }
+    return has_more;
+}
+
+// In a hand-over the renderer's answer is too small by the next stream's share: it is not asked,
+// for it would tell the device that, too.
+void Player::look() {
+    if (!is_heard() || m_streams.is_handing_over()) {
+        return;
+    }
+    const uint64_t heard = heard_ms();
+    std::optional<uint64_t> left_ms;
+    if (m_streams.current()->is_finished()) {
+        const uint64_t duration_ms = m_streams.current()->info().duration_ms();
+        left_ms = duration_ms - std::min(heard, duration_ms);
+    }
+    m_pace.looked(heard, left_ms, Pace::Clock::now());
+}
+
+uint64_t Player::heard_ms() const {
+    return m_pace.plausible(m_streams.heard_position_ms(), Pace::Clock::now());
+}
+
+// The renderer asks the output at the end of a track what it still has to play.
+bool Player::is_end_to_wait(Role role) const {
+    if (role != Role::current || !is_heard()) {
+        return false;
+    }
+    const uint64_t told = m_streams.heard_position_ms();
+    return told > m_pace.plausible(told, Pace::Clock::now());
+}
+
+void Player::follow_full_output() {
+    if (is_heard() && !m_streams.is_handing_over() && m_pace.may_hold()) {
+        const Pace::Time now = Pace::Clock::now();
+        const uint64_t heard = heard_ms();
+        m_pace.fill(m_streams.delivered_position_ms(), heard, now);
+        m_pace.looked(heard, std::nullopt, now);
+    }
+}
+
+std::optional<Pace::Time> Player::next_time() const {
+    return is_heard() ? m_pace.next_after(Pace::Clock::now()) : std::nullopt;
+}
+
+void Player::deliver_one(Role role, bool* has_more) {
+    if (!plays_undisturbed()) {
+        return;
+    }
+    const StreamQueue::Offered offered = m_streams.offer(role);
+    if (offered.taken_bytes > 0) {
+        m_refused_count = 0;
+        m_resumed_ms.reset();
+        m_has_begun_anew = false;
+    }
+    if (offered.is_at_end) {
+        if (is_end_to_wait(role)) {
+            m_pace.wait_for_answer(Pace::Clock::now());
+            return;
+        }
+        const Stream& stream = role == Role::current ? *m_streams.current() : *m_streams.next();
+        if (!stream.has_flowed()) {
+            // Or repeating it would never pause for breath.
+            m_session->mark_unplayable(stream.place().track);
+        }
+        m_streams.finish(role);
+        m_pace.end_of_data(Pace::Clock::now());
+    }
+    if (offered.is_output_full && role == Role::current) {
+        follow_full_output();
+    }
+    m_has_new_texts |= offered.has_new_texts;
+    m_text_count += offered.has_new_texts ? 1 : 0;
+    *has_more |= offered.has_more;
+}
+
+}  // namespace local_core

@@ -1,0 +1,185 @@
+#include "local/track/content.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <iterator>
+#include <optional>
+#include <string_view>
+#include <system_error>
+#include <utility>
+
+#include "common/m3u.h"
+#include "common/text.h"
+#include "local/base/files.h"
+#include "local/network/remote_settings.h"
+#include "local/network/remote_tracks.h"
+#include "local/network/url.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
+
+namespace local_core {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr size_t kMaxTracks = 20000;
+constexpr size_t kMaxDirectoryEntries = 50000;
+constexpr size_t kMaxTextBytes = size_t{8} << 20;  // paths and titles of all tracks together
+constexpr int kMaxDepth = 16;
+constexpr size_t kMaxPlaylistBytes = size_t{4} << 20;
+
+constexpr std::string_view kPlaylistEndings[] = {".m3u", ".m3u8"};
+constexpr std::string_view kAudioEndings[] = {".wav", ".flac", ".ogg", ".oga", ".opus", ".mp3",
+                                              ".aif", ".aiff", ".aifc", ".au", ".w64", ".caf",
+                                              ".rf64",
+                                              // With the module alone.
+                                              ".m4a", ".aac", ".wv", ".dsf", ".dff"};
+
+template <size_t N>
+bool ends_in(const fs::path& path, const std::string_view (&endings)[N]) {
+    const std::string ending = path.extension().string();
+    return std::any_of(std::begin(endings), std::end(endings), [&](std::string_view known) {
+        return nuvio::equals_ignoring_case(ending, known);
+    });
+}
+
+bool is_hidden(const fs::path& path) {
+    return path.filename().string().starts_with('.');
+}
+
+// An absolute path, or none for an address that is not on this machine.
+std::optional<fs::path> local_path(const std::string& location) {
+    if (is_file_url(location)) {
+        const auto path = path_from_file_url(location);
+        return path ? std::optional<fs::path>(*path) : std::nullopt;
+    }
+    if (location.empty() || is_remote_url(location)) {
+        return std::nullopt;
+    }
+    return fs::path(location);
+}
+
+std::vector<Track> tracks_below(const fs::path& folder, const Logger& logger) {
+    std::vector<Track> tracks;
+    std::error_code error;
+    size_t visited = 0;
+    size_t text_bytes = 0;
+    fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied,
+                                        error);
+    for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
+        if (++visited > kMaxDirectoryEntries || tracks.size() == kMaxTracks ||
+            text_bytes > kMaxTextBytes) {
+            logger.write(LogLevel::warning, kContentFetcher,
+                         "%s: too large, only the first %zu tracks found are played",
+                         folder.c_str(), tracks.size());
+            break;
+        }
+        const fs::path& path = it->path();
+        if (is_hidden(path) || it.depth() >= kMaxDepth) {
+            it.disable_recursion_pending();
+        }
+        if (!is_hidden(path) && ends_in(path, kAudioEndings)) {
+            tracks.push_back({path.string()});
+            text_bytes += path.native().size();
+        }
+    }
+    if (error) {
+        logger.write(LogLevel::warning, kContentFetcher, "%s: %s", folder.c_str(),
+                     error.message().c_str());
+    }
+    std::sort(tracks.begin(), tracks.end(),
+              [](const Track& a, const Track& b) { return a.location < b.location; });
+    return tracks;
+}
+
+std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& logger) {
+    std::string error;
+    const auto text = read_file(playlist.string(), kMaxPlaylistBytes, &error);
+    if (!text) {
+        logger.write(LogLevel::warning, kContentFetcher, "Can't read playlist %s: %s",
+                     playlist.c_str(), error.c_str());
+        return {};
+    }
+    std::vector<Track> tracks;
+    size_t remote = 0;
+    size_t text_bytes = 0;
+    for (const nuvio::PlaylistEntry& entry : nuvio::parse_m3u(*text, kMaxTracks)) {
+        const auto path = local_path(entry.location);
+        if (!path) {
+            ++remote;
+            continue;
+        }
+        Track track{(playlist.parent_path() / *path).string(), display_text(entry.title)};
+        text_bytes += track.location.size() + track.title.size();
+        if (text_bytes > kMaxTextBytes) {
+            logger.write(LogLevel::warning, kContentFetcher,
+                         "%s: too large, only the first %zu tracks are played", playlist.c_str(),
+                         tracks.size());
+            break;
+        }
+        tracks.push_back(std::move(track));
+    }
+    if (remote > 0) {
+        logger.write(LogLevel::warning, kContentFetcher, "%s: skipping %zu not on this machine",
+                     playlist.c_str(), remote);
+    }
+    return tracks;
+}
+
+std::vector<Track> local_tracks(const std::string& endpoint, const Logger& logger) {
+    const auto relative = local_path(endpoint);
+    std::error_code error;
+    const fs::path path = relative ? fs::absolute(*relative, error) : fs::path();
+    if (path.empty()) {
+        logger.write(LogLevel::error, kContentFetcher, "%s: not on this machine",
+                     display_text(endpoint).c_str());
+        return {};
+    }
+    std::string refusal;
+    if (!look_at(path.string(), &refusal)) {
+        logger.write(LogLevel::warning, kContentFetcher, "%s: %s", path.c_str(), refusal.c_str());
+        return {};
+    }
+    if (fs::is_directory(path, error)) {
+        return tracks_below(path, logger);
+    }
+    if (ends_in(path, kPlaylistEndings)) {
+        return tracks_of_playlist(path, logger);
+    }
+    return {{path.string()}};
+}
+
+std::vector<Track> remote_tracks(const std::string& url, const std::string& token,
+                                 Interruption& interruption, const Logger& logger) {
+    auto request = std::make_shared<HttpRequest>(remote_request_defaults());
+    request->url = request->token_origin = url;
+    request->token = token;
+    HttpFailure failure = HttpFailure::none;
+    std::string error;
+    std::vector<Track> tracks;
+    for (RemoteTrack& found : find_remote_tracks(*request, {}, interruption, &failure, &error)) {
+        tracks.push_back({std::move(found.url), std::move(found.title), std::move(found.creator),
+                          std::move(found.album), std::move(found.image),
+                          found.duration_ms.value_or(0), request});
+    }
+    if (tracks.empty() && failure != HttpFailure::cancelled) {
+        logger.write(LogLevel::warning, kContentFetcher, "%s: %s", display_text(url).c_str(),
+                     display_text(error).c_str());
+    }
+    return tracks;
+}
+
+}  // namespace
+
+bool is_findable(const std::string& endpoint) {
+    return local_path(endpoint) || resolve_url("", endpoint);
+}
+
+std::vector<Track> find_tracks(const std::string& endpoint, const std::string& token,
+                               Interruption& interruption, const Logger& logger) {
+    const auto url = resolve_url("", endpoint);
+    return url ? remote_tracks(*url, token, interruption, logger) : local_tracks(endpoint, logger);
+}
+
+}  // namespace local_core

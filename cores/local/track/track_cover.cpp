@@ -1,0 +1,52 @@
+#include "local/track/track_cover.h"
+
+#include <utility>
+
+#include "local/base/files.h"
+#include "local/network/url.h"
+
+namespace local_core {
+
+namespace {
+
+constexpr std::chrono::seconds kPatience{20};
+
+}  // namespace
+
+void TrackCover::find(const Track& track, TrackTexts* texts) {
+    if (!track.remote && texts->album_art_url.empty()) {
+        std::string error;
+        nuvio::UniqueFd file = open_regular_file(track.location, &error);
+        const auto image = file ? embedded_cover(std::move(file)) : std::nullopt;
+        m_kept = image ? KeptCover::keep(*image) : nullptr;
+        texts->album_art_url = m_kept ? m_kept->url() : "";
+    } else if (track.remote && !track.remote->token.empty() &&
+               same_origin(texts->album_art_url, track.remote->token_origin)) {
+        HttpRequest request = track.request();
+        request.url = std::exchange(texts->album_art_url, "");
+        request.read_ahead_bytes = kMaxCoverBytes;
+        request.give_up_after = kPatience;
+        m_source = std::make_unique<HttpSource>(std::move(request));
+        m_until = std::chrono::steady_clock::now() + kPatience;
+    }
+}
+
+std::optional<std::string> TrackCover::take_fetched() {
+    const bool is_there = m_source->is_settled();
+    if (!is_there && std::chrono::steady_clock::now() < m_until) {
+        return std::nullopt;
+    }
+    CoverImage image;
+    image.bytes.resize(is_there ? kMaxCoverBytes : 0);
+    image.bytes.resize(m_source->read(image.bytes.data(), image.bytes.size()));
+    m_source.reset();
+    m_kept = KeptCover::keep(image);
+    return m_kept ? std::optional(m_kept->url()) : std::nullopt;
+}
+
+void TrackCover::reset() {
+    m_source.reset();
+    m_kept.reset();
+}
+
+}  // namespace local_core

@@ -1,0 +1,70 @@
+#include "local/track/track_texts.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <initializer_list>
+#include <string_view>
+#include <system_error>
+
+#include "common/percent_encoding.h"
+#include "local/texts/display_text.h"
+#include "local/texts/file_url.h"
+
+namespace local_core {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kArtNames[] = {"cover.jpg",  "folder.jpg", "Cover.jpg",
+                                     "Folder.jpg", "cover.png",  "folder.png"};
+
+std::string find_art(const fs::path& folder) {
+    for (const char* name : kArtNames) {
+        std::error_code error;
+        const fs::path path = folder / name;
+        if (fs::is_regular_file(path, error)) {
+            return file_url_from_path(path.string());
+        }
+    }
+    return {};
+}
+
+// The first that is not empty.
+std::string first_filled(std::initializer_list<std::string> texts) {
+    const auto* const filled =
+        std::ranges::find_if(texts, [](const std::string& text) { return !text.empty(); });
+    return filled == texts.end() ? "" : *filled;
+}
+
+// The last part of a URL's path.
+std::string name_in_url(std::string_view url) {
+    url = url.substr(0, url.find_first_of("?#"));
+    url.remove_prefix(std::min(url.rfind('/') + 1, url.size()));
+    return nuvio::percent_decode(url).value_or(std::string(url));
+}
+
+std::string stem(const std::string& name) {
+    return display_text(fs::path(name).stem().string());
+}
+
+TrackTexts describe_remote(const Track& track, const TrackInfo& info) {
+    const std::string station = display_text(info.station);
+    return {first_filled({display_text(info.live_title), track.title, display_text(info.title),
+                          station, stem(name_in_url(track.location)), track.location}),
+            first_filled({track.artist, display_text(info.artist)}),
+            first_filled({track.album, display_text(info.album), station}), track.album_art_url};
+}
+
+}  // namespace
+
+TrackTexts describe_track(const Track& track, const TrackInfo& info) {
+    if (track.remote) {
+        return describe_remote(track, info);
+    }
+    const fs::path path(track.location);
+    return {first_filled({display_text(info.title), track.title, stem(track.location)}),
+            display_text(info.artist), display_text(info.album), find_art(path.parent_path())};
+}
+
+}  // namespace local_core

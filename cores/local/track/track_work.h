@@ -1,0 +1,174 @@
+// What a pipe and its thread share: the inside of track_pipe.h, for its two sources alone.
+#pragma once
+
+#include <sys/mman.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "local/network/interruption.h"
+#include "local/texts/display_text.h"
+#include "local/track/track_cover.h"
+#include "local/track/track_pipe.h"
+
+namespace local_core {
+
+// What the threads share with the core, and use without it when they are left behind.
+struct CrewShared {
+    nuv_audio_quality highest;
+    std::shared_ptr<const Logger> logger;
+
+    std::mutex mutex;  // guards what follows; also held while on_news is called
+    std::condition_variable thread_ended;
+    std::function<void()> on_news;
+    int threads = 0;
+
+    bool add_thread() {
+        const std::lock_guard lock(mutex);
+        return threads < DecodeCrew::kMaxThreads && ++threads > 0;
+    }
+    void remove_thread() {
+        const std::lock_guard lock(mutex);
+        --threads;
+        thread_ended.notify_all();
+    }
+    void tell_news() {
+        const std::lock_guard lock(mutex);
+        if (on_news) {
+            on_news();
+        }
+    }
+};
+
+// Blocks are given back to the system with their track: the heap of the thread that asked for them
+// would keep the pages for a later one.
+struct Unmap {
+    size_t bytes = 0;
+    void operator()(std::byte* memory) const { munmap(memory, bytes); }
+};
+
+// Belongs to the pipe and to its thread; the last of them frees it.
+class TrackWork {
+  public:
+    using Clock = std::chrono::steady_clock;
+    using Opening = TrackPipe::Opening;
+    using Taken = TrackPipe::Taken;
+
+    TrackWork(Track track, std::shared_ptr<CrewShared> crew)
+        : m_track(std::move(track)), m_crew(std::move(crew)) {}
+
+    // ---- The thread's
+
+    void run();
+    // Instead of run().
+    void fail(std::string error);
+
+    // ---- The reader's, see TrackPipe
+
+    Opening opening() const;
+    const TrackInfo& info() const { return m_decoder->info(); }
+    const TrackTexts& texts() const { return m_texts; }
+    const std::string& open_error() const { return m_failure.reason; }
+    bool is_decoded_wholly() const { return m_is_decoded_wholly.load(std::memory_order_acquire); }
+
+    HttpFailure failure() const;
+    Taken take(PcmBlock* block);
+    void give_back(const PcmBlock& block);
+    std::optional<TrackTexts> take_new_texts();
+    void seek(uint64_t frame);
+    std::optional<uint64_t> seek_result() const {
+        const std::lock_guard lock(m_mutex);
+        return m_seek_result;
+    }
+
+    std::optional<Clock::time_point> waiting_since() const;
+    void give_up();
+    void close();
+
+  private:
+    // A queue in memory that is taken once.
+    class Blocks {
+      public:
+        void resize(size_t capacity) { m_ring.resize(capacity); }
+        bool empty() const { return m_count == 0; }
+        size_t size() const { return m_count; }
+        const PcmBlock& front() const { return m_ring[m_first]; }
+        void push_back(const PcmBlock& block) {
+            m_ring[(m_first + m_count++) % m_ring.size()] = block;
+        }
+        void pop_front() {
+            m_first = (m_first + 1) % m_ring.size();
+            --m_count;
+        }
+
+      private:
+        std::vector<PcmBlock> m_ring;
+        size_t m_first = 0;
+        size_t m_count = 0;
+    };
+
+    // Under the lock, which they give back for what may take time.
+    void work_or_wait(std::unique_lock<std::mutex>& lock);
+    void take_fetched_cover(std::unique_lock<std::mutex>& lock);
+    void open();
+
+    // How many bytes go into a block, and how many blocks get the pipe kAheadMs ahead.
+    void provide_blocks();
+    bool wants_blocks();
+    void wake_if_wanted();
+    void position(uint64_t target, std::unique_lock<std::mutex>& lock);
+    void decode_block(std::unique_lock<std::mutex>& lock);
+    std::optional<TrackTexts> texts_of_new_title();
+    void drop_blocks();
+    void log_early_end() const;
+    std::string name() const { return display_text(m_track.location); }
+
+    const Track m_track;
+    const std::shared_ptr<CrewShared> m_crew;
+    Interruption m_interruption;
+
+    // The thread's alone; what the pointers lead to is constant once opening is over.
+    std::unique_ptr<TrackDecoder> m_decoder;
+    TrackTexts m_texts;
+    TrackTexts m_latest_texts;  // of what is decoded
+    std::string m_title;        // of a radio, as known last
+    TrackCover m_cover;
+    std::unique_ptr<std::byte, Unmap> m_memory;
+    size_t m_fill_bytes = 0;
+    uint64_t m_decoded_frames = 0;  // the place in the file
+
+    mutable std::mutex m_mutex;  // guards what follows
+    std::condition_variable m_work;
+    Opening m_opening = Opening::in_progress;
+    OpenFailure m_failure;
+    size_t m_blocks_ahead = 0;
+    Blocks m_blocks;
+    std::vector<std::byte*> m_free_blocks;
+    uint64_t m_taken_count = 0;
+    // With the count of blocks that are taken before them.
+    std::deque<std::pair<uint64_t, TrackTexts>> m_new_texts;
+    bool m_is_filling = false;  // from nearly empty until as far ahead as it may
+    bool m_reader_waits = false;
+    Clock::time_point m_waiting_since = Clock::now();  // of the last wait
+    bool m_is_closed = false;
+    bool m_is_given_up = false;  // by the reader: the thread does nothing more
+    std::optional<uint64_t> m_seek_target;
+    std::optional<uint64_t> m_seek_result;
+    uint64_t m_seek_count = 0;  // what was decoded before the last seek is stale
+
+    // Written under the mutex, read without.
+    std::atomic<bool> m_is_decoded_wholly{false};
+};
+
+}  // namespace local_core
