@@ -108,7 +108,7 @@ def main(action):
             else:
                 failed = True
                 print(f"abi: {layer}: not as described in {committed.name}; what may change when: "
-                      f"docs/interfaces.md\n{text}")
+                      f"docs/integrating.md\n{text}")
     return 1 if failed else 0
 
 
