@@ -364,10 +364,15 @@ def instructions(lab, short, long):
                   for case, (a, b) in jobs.items()}
     for ours, theirs in zip(cases[::2], cases[1::2]):
         rate, bits, suffix = ours[1]
-        a, b = counts[ours], counts[theirs]
         yield Row(f"user instructions per second of audio, {suffix[1:].upper()} "
                   f"{label(rate, bits)}", "",
-                  f"{a / 1e6:.2f} M, {theirs[0].name} {b / 1e6:.2f} M: {a / b:.2f} x")
+                  f"{millions(counts[ours])}, {theirs[0].name} {millions(counts[theirs])}")
+
+
+def millions(count):
+    """What start and end of a run vary by is more than some players need for a second."""
+    smallest = 100_000
+    return "fewer than 0.1 M" if count < smallest else f"{count / 1e6:.2f} M"
 
 
 def count_instructions(lab, player, file):
