@@ -317,6 +317,17 @@ class Network(unittest.TestCase):
                 result = self.read(server.url, "stalled_s=1", "give_up_ms=9000")
                 self.assertEqual((result.failure, result.body == content), ("none", True),
                                  result.log)
+        asked = []
+
+        def too_long_from_the_start(handler, first):
+            asked.append(first)
+            handler.head(200, Content_Length=90000)
+            handler.wfile.write(content)
+
+        with ScriptedServer(too_long_from_the_start) as server:
+            result = self.read(server.url, "give_up_ms=2000")
+        self.assertEqual((result.failure, result.body == content), ("unreachable", True), result.log)
+        self.assertLess(len(asked), 12, "each time it sends all of it")
 
     def test_cancel_ends_every_wait(self):
         with socket.create_server(("127.0.0.1", 0)) as silent:

@@ -187,7 +187,7 @@ bool HttpSource::step() {
     if (const auto outcome = m_transfer.perform()) {
         finish(*outcome);
     }
-    if (wants_bytes && Clock::now() >= m_progress_at + m_request.give_up_after) {
+    if (wants_bytes && !is_reading_on() && Clock::now() >= given_up_at()) {
         fail(HttpFailure::unreachable, m_reason.empty() ? "no answer" : m_reason);
     }
     return true;
@@ -201,16 +201,25 @@ void HttpSource::reposition() {
     m_retry_at = m_progress_at = Clock::now();
 }
 
+// On the way to the place from a server that begins at 0: nothing new comes, but the transfer itself
+// watches for a stall.
+bool HttpSource::is_reading_on() const {
+    return m_transfer.is_active() && m_skip > 0;
+}
+
+HttpSource::Clock::time_point HttpSource::given_up_at() const {
+    return m_progress_at + m_request.give_up_after;
+}
+
 HttpSource::Clock::time_point HttpSource::next_event() const {
     const std::lock_guard lock(m_mutex);
     if (m_failure != HttpFailure::none) {
         return Clock::now();
     }
-    if (m_is_paused || is_complete()) {
+    if (m_is_paused || is_complete() || is_reading_on()) {
         return Clock::now() + kUntilWoken;
     }
-    const Clock::time_point given_up_at = m_progress_at + m_request.give_up_after;
-    return m_transfer.is_active() ? given_up_at : std::min(given_up_at, m_retry_at);
+    return m_transfer.is_active() ? given_up_at() : std::min(given_up_at(), m_retry_at);
 }
 
 std::vector<std::string> HttpSource::request_lines() const {
@@ -313,6 +322,7 @@ void HttpSource::accept() {
 
 HttpTransfer::Handlers::Answer HttpSource::take_body(std::string_view bytes) {
     using Answer = HttpTransfer::Handlers::Answer;
+    bool is_new = false;
     {
         const std::lock_guard lock(m_mutex);
         if (m_failure != HttpFailure::none) {
@@ -324,6 +334,7 @@ HttpTransfer::Handlers::Answer HttpSource::take_body(std::string_view bytes) {
         }
         const auto skipped = static_cast<size_t>(std::min<uint64_t>(m_skip, bytes.size()));
         m_skip -= skipped;
+        is_new = skipped < bytes.size();
         m_icy.feed(
             bytes.substr(skipped), [&](std::string_view audio) { append_audio(audio); },
             [&](std::string_view title) {
@@ -335,9 +346,12 @@ HttpTransfer::Handlers::Answer HttpSource::take_body(std::string_view bytes) {
                 }
             });
     }
-    m_progress_at = Clock::now();
-    m_pause = kFirstPause;
-    m_changed.notify_all();
+    // Else a server that says too great a length would be read from the start for ever.
+    if (is_new) {
+        m_progress_at = Clock::now();
+        m_pause = kFirstPause;
+        m_changed.notify_all();
+    }
     return Answer::taken;
 }
 

@@ -113,6 +113,8 @@ class HttpSource {
     void finish(const HttpTransfer::Outcome& outcome);
     void follow_redirect();
     void try_again(const std::string& reason);
+    bool is_reading_on() const;
+    Clock::time_point given_up_at() const;
     Clock::time_point next_event() const;
     std::vector<std::string> request_lines() const;
     bool take_line(std::string_view line);
@@ -147,7 +149,7 @@ class HttpSource {
     IcyFilter m_icy;
     Clock::duration m_pause{};  // before the next try
     Clock::time_point m_retry_at;
-    Clock::time_point m_progress_at;  // the last byte, or since when one is wanted
+    Clock::time_point m_progress_at;  // the last new byte, or since when one is wanted
 
     std::thread m_thread;  // last: it uses all of the above
 };
