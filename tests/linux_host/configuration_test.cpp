@@ -31,6 +31,15 @@ TEST(SettingsEdit, ChangesTheLineThatCountsAndNoOther) {
     EXPECT_EQ(edit_settings("", {{"a", "1"}}), "a = 1\n");
 }
 
+TEST(SettingsEdit, ATextOfADevicesMakerIsNoSecondSetting) {
+    const TempDir folder;
+    setenv("NUVIO_SETTINGS", (folder / "settings.conf").c_str(), 1);
+    std::string told;
+    EXPECT_FALSE(change_settings({{"volume", "PCM\nhost.hook.stopped = /bin/x"}}, "", told));
+    EXPECT_TRUE(std::filesystem::is_empty(folder.path()));
+    unsetenv("NUVIO_SETTINGS");
+}
+
 TEST(Settings, LinesAreTakenApartAndBadOnesNamed) {
     const ParsedSettings parsed = parse_settings(
         "\xEF\xBB\xBF# a comment\r\n"

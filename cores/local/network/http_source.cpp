@@ -201,8 +201,8 @@ void HttpSource::reposition() {
     m_retry_at = m_progress_at = Clock::now();
 }
 
-// On the way to the place from a server that begins at 0: nothing new comes, but the transfer itself
-// watches for a stall.
+// On the way to the place from a server that begins at 0: nothing new comes, but the transfer
+// itself watches for a stall.
 bool HttpSource::is_reading_on() const {
     return m_transfer.is_active() && m_skip > 0;
 }

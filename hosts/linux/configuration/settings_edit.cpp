@@ -74,6 +74,18 @@ void put(std::vector<Line>& lines, const std::string& key, const std::string& va
     lines.insert(lines.begin() + static_cast<std::ptrdiff_t>(place), line);
 }
 
+// A line end in a value would be a setting of its writer's choice: the name of a mixer element,
+// say, is its device's.
+bool is_writable(const SettingsItems& items, std::string& told) {
+    for (const auto& [key, value] : items) {
+        if (!is_printable_utf8(value)) {
+            told = key + ": not a text that a setting can hold";
+            return false;
+        }
+    }
+    return true;
+}
+
 bool replaced(const fs::path& path, std::string_view text, std::string& told) {
     const int error = replace_file(path, text);
     if (error == 0) {
@@ -100,6 +112,9 @@ std::string edit_settings(std::string_view text, const SettingsItems& items) {
 
 bool change_settings(const SettingsItems& items, std::string_view alsa_configuration,
                      std::string& told) {
+    if (!is_writable(items, told)) {
+        return false;
+    }
     std::error_code failure;
     fs::path path = fs::canonical(settings_path(), failure);  // not the link to it
     path = failure ? fs::path(settings_path()) : path;
