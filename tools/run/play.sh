@@ -114,13 +114,15 @@ show_buses() {
 
 # The device as a controller on the network sees it; the announcement takes a second or two.
 show_discovery() {
+    local found=''
     [ -n "$avahi" ] || busctl --system status org.freedesktop.Avahi >/dev/null 2>&1 || return 0
     for _ in $(seq 10); do
-        "$build/bin/nuvio-connect-controller" find >"$work/found" 2>/dev/null && grep -q "port $port" "$work/found" && break
+        found=$(avahi-browse --resolve --parsable --terminate _nuvio-connect._tcp 2>/dev/null |
+            awk -F';' -v port="$port" '$1 == "=" && $9 == port { print $7 ", " $8 ", port " $9; exit }') || true
+        [ -z "$found" ] || break
         sleep 0.5
     done
-    echo "run: found on the network:"
-    sed 's/^/  /' "$work/found"
+    echo "run: found on the network: ${found:-nothing}"
 }
 
 start_device() {
