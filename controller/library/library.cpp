@@ -1,11 +1,6 @@
 #include "controller/library/library.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
-#include <filesystem>
-
+#include "common/files/files.h"
 #include "common/m3u.h"
 #include "common/number.h"
 #include "common/text.h"
@@ -22,20 +17,6 @@ std::string made_database(const std::string& state_folder) {
     std::string path = state_folder + "/library.db";
     static_cast<void>(Catalogue(path));
     return path;
-}
-
-// Empty: larger than `limit`, or not to be read.
-std::string read_whole(const UniqueFd& fd, size_t limit) {
-    std::string data;
-    std::array<char, 16384> buffer{};
-    ssize_t got = 0;
-    while (fd && (got = read(fd.get(), buffer.data(), buffer.size())) > 0) {
-        data.append(buffer.data(), static_cast<size_t>(got));
-        if (data.size() > limit) {
-            return {};
-        }
-    }
-    return got < 0 ? std::string() : data;
 }
 
 std::string parent_of(const std::string& below) {
@@ -92,10 +73,10 @@ std::optional<Picture> Library::picture_beside(const Track& track) {
         }
         for (const char* name : {"cover.jpg", "folder.jpg", "front.jpg", "cover.png", "folder.png",
                                  "front.png", "Cover.jpg", "Folder.jpg", "Front.jpg"}) {
-            std::string data = read_whole(m_folders.open_file(i, folder + name), kMaxPictureFile);
-            const std::string_view type = picture_type_of(data);
-            if (!type.empty()) {
-                return Picture{std::move(data), type};
+            FileText file = read_file(m_folders.open_file(i, folder + name), kMaxPictureFile);
+            const std::string_view type = picture_type_of(file.text);
+            if (!type.empty() && !file.cut) {
+                return Picture{std::move(file.text), type};
             }
         }
     }
@@ -181,10 +162,10 @@ Selection Library::select_path(const std::string& path) {
 
 // Entries that are no music of the library are passed over.
 Selection Library::select_playlist(const MusicFolders::Place& place) {
-    const std::string text =
-        read_whole(m_folders.open_file(place.folder, place.below), kMaxPlaylistFile);
+    const FileText file =
+        read_file(m_folders.open_file(place.folder, place.below), kMaxPlaylistFile);
     Selection selection;
-    for (const PlaylistEntry& entry : parse_m3u(text, kMaxSelection)) {
+    for (const PlaylistEntry& entry : parse_m3u(file.whole_lines(), kMaxSelection)) {
         if (is_url(entry.location)) {
             selection.items.push_back({entry.location, entry.title, {}});
             continue;

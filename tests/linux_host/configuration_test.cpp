@@ -6,9 +6,9 @@
 #include <cstdlib>
 #include <iterator>
 
-#include "base/files.h"
 #include "base/text.h"
 #include "bus/bus_address.h"
+#include "common/files/files.h"
 #include "configuration/identity.h"
 #include "configuration/settings.h"
 #include "configuration/settings_edit.h"

@@ -8,6 +8,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/files/files.h"
 #include "common/m3u.h"
 #include "common/text.h"
 #include "local/base/files.h"
@@ -95,8 +96,10 @@ std::vector<Track> tracks_below(const fs::path& folder, const Logger& logger) {
 
 std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& logger) {
     std::string error;
-    const auto text = read_file(playlist.string(), kMaxPlaylistBytes, &error);
-    if (!text) {
+    const nuvio::UniqueFd file = open_regular_file(playlist.string(), &error);
+    const nuvio::FileText text = nuvio::read_file(file, kMaxPlaylistBytes);
+    if (text.error != 0) {
+        error = file ? std::generic_category().message(text.error) : error;
         logger.write(LogLevel::warning, kContentFetcher, "Can't read playlist %s: %s",
                      playlist.c_str(), error.c_str());
         return {};
@@ -104,7 +107,7 @@ std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& lo
     std::vector<Track> tracks;
     size_t remote = 0;
     size_t text_bytes = 0;
-    for (const nuvio::PlaylistEntry& entry : nuvio::parse_m3u(*text, kMaxTracks)) {
+    for (const nuvio::PlaylistEntry& entry : nuvio::parse_m3u(text.whole_lines(), kMaxTracks)) {
         const auto path = local_path(entry.location);
         if (!path) {
             ++remote;

@@ -1,6 +1,5 @@
 #include "local/track/cover.h"
 
-#include <fcntl.h>
 #include <taglib/aifffile.h>
 #include <taglib/attachedpictureframe.h>
 #include <taglib/fileref.h>
@@ -20,6 +19,7 @@
 #include <string_view>
 #include <system_error>
 
+#include "common/files/files.h"
 #include "common/fnv1a.h"
 #include "local/texts/file_url.h"
 
@@ -140,23 +140,6 @@ void remove_old_covers(const fs::path& folder) {
     }
 }
 
-bool write_file(const std::string& path, std::string_view bytes) {
-    const nuvio::UniqueFd file(
-        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));
-    while (file && !bytes.empty()) {
-        const ssize_t written = write(file.get(), bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            unlink(path.c_str());
-            return false;
-        }
-        bytes.remove_prefix(static_cast<size_t>(written));
-    }
-    return static_cast<bool>(file);
-}
-
 }  // namespace
 
 std::optional<CoverImage> embedded_cover(nuvio::UniqueFd file) {
@@ -186,7 +169,7 @@ std::shared_ptr<const KeptCover> KeptCover::keep(const CoverImage& image) {
     const std::string path = folder + "/" + std::string(kPrefix) +
                              std::to_string(nuvio::fnv1a(nuvio::kFnv1aStart, image.bytes)) + ending;
     const std::string written = path + "." + std::to_string(gettid());
-    if (!write_file(written, image.bytes)) {
+    if (nuvio::make_file(written, image.bytes) != 0) {
         return nullptr;
     }
     const std::lock_guard lock(kept().mutex);
