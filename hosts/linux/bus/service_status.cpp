@@ -2,6 +2,7 @@
 
 #include <systemd/sd-daemon.h>
 
+#include "base/text.h"
 #include "common/utf8.h"
 
 namespace nuvio::host {
@@ -15,7 +16,7 @@ std::string status_text(const NowPlayingView& view) {
             text += " - " + view.track->artist;
         }
     }
-    return printable(text);
+    return printable(to_utf8(text));
 }
 
 void report_status(const NowPlayingView& view) {
