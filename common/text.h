@@ -21,6 +21,11 @@ inline bool starts_with_ignoring_case(std::string_view text, std::string_view pr
     return equals_ignoring_case(text.substr(0, prefix.size()), prefix);
 }
 
+inline bool ends_with_ignoring_case(std::string_view text, std::string_view end) {
+    return text.size() >= end.size() &&
+           equals_ignoring_case(text.substr(text.size() - end.size()), end);
+}
+
 // Without blanks, tabs and line ends at either side.
 inline std::string_view trim(std::string_view text) {
     constexpr std::string_view kBlanks = " \t\r\n";

@@ -44,6 +44,12 @@ inline size_t character_length(std::string_view text) {
     return lead->length;
 }
 
+// C0, DEL or C1, which a terminal obeys. `character` is one well-formed character.
+inline bool is_control_character(std::string_view character) {
+    return character.size() == 1 ? is_control(character.front())
+                                 : character >= "\xC2\x80" && character <= "\xC2\x9F";
+}
+
 // U+FDD0 to U+FDEF, and the last two of each plane: well formed, but a message bus takes none.
 // `character` is one well-formed character.
 inline bool is_noncharacter(std::string_view character) {
@@ -74,6 +80,20 @@ inline std::string_view beginning(std::string_view text, size_t max_bytes) {
         --end;
     }
     return text.substr(0, end);
+}
+
+// The text as a terminal, a log or a display takes it: on one line of well-formed UTF-8. Each
+// control character becomes a blank, each byte that is no part of a character U+FFFD.
+inline std::string printable(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    while (!text.empty()) {
+        const size_t length = character_length(text);
+        const std::string_view character = text.substr(0, length);
+        out += length == 0 ? "\xEF\xBF\xBD" : is_control_character(character) ? " " : character;
+        text.remove_prefix(std::max<size_t>(length, 1));
+    }
+    return out;
 }
 
 inline std::string utf8_from_latin1(std::string_view text) {

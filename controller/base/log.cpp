@@ -14,10 +14,7 @@ void log_line(LogLevel level, std::string_view text) {
     static const bool has_journal = std::getenv("JOURNAL_STREAM") != nullptr;
     std::string line =
         has_journal ? "<" + std::to_string(static_cast<int>(level)) + ">" : std::string();
-    for (const char c : beginning(text, 1000)) {
-        line += is_control(c) ? '?' : c;
-    }
-    line += '\n';
+    line += printable(beginning(text, 1000)) + '\n';
     // One call a line, so that lines of several threads do not mix; nothing helps where it fails.
     if (write(STDERR_FILENO, line.data(), line.size()) < 0) {
         return;

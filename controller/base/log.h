@@ -1,5 +1,5 @@
-// Log lines on standard error, for a terminal or the journal. Any thread. Control characters of
-// foreign texts are made visible; a line has at most 1000 bytes.
+// Log lines on standard error, for a terminal or the journal. Any thread. A text is made printable
+// (common/utf8.h); a line has at most 1000 bytes of it.
 #pragma once
 
 #include <string_view>

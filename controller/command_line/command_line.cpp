@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "common/percent_encoding.h"
+#include "common/utf8.h"
 #include "controller/base/json.h"
 #include "controller/command_line/arguments.h"
 #include "controller/command_line/direct.h"
@@ -70,7 +71,7 @@ const cJSON* device_in(const cJSON* state, const std::string& name) {
 }
 
 std::string shown(const cJSON* object, const char* key) {
-    return text_member(object, key).value_or("");
+    return printable(text_member(object, key).value_or(""));
 }
 
 void show_device(const cJSON* device) {
@@ -256,7 +257,7 @@ int64_t show_status(int64_t version, const std::string& device, bool is_json) {
         return now;
     }
     if (is_json) {
-        std::printf("%s\n", print_json(one != nullptr ? one : state.get()).c_str());
+        std::printf("%s\n", printable(print_json(one != nullptr ? one : state.get())).c_str());
     } else if (one != nullptr) {
         show_device(one);
     } else {
@@ -349,7 +350,7 @@ int run_command(const std::vector<std::string>& words) {
         return 0;
     } catch (const Failure& failure) {
         if (!failure.text.empty()) {
-            std::fprintf(stderr, "%s: %s\n", command->name, failure.text.c_str());
+            std::fprintf(stderr, "%s: %s\n", command->name, printable(failure.text).c_str());
         }
         return 1;
     } catch (const Misuse&) {

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <system_error>
 
+#include "common/utf8.h"
 #include "controller/base/json.h"
 #include "controller/base/token.h"
 #include "controller/device/http_client.h"
@@ -45,17 +46,17 @@ std::vector<FoundDevice> browse() {
 }
 
 void show(const FoundDevice& device) {
-    std::printf("%s\n", device.name.c_str());
+    std::printf("%s\n", printable(device.name).c_str());
     for (const std::string& address : device.addresses) {
         std::printf("  address  %s port %d\n", address.c_str(), int{device.port});
     }
     for (const std::string& entry : device.txt) {
-        std::printf("  TXT      %s\n", entry.c_str());
+        std::printf("  TXT      %s\n", printable(entry).c_str());
     }
     for (const char* endpoint : {"get-display-info", "get-connect-info"}) {
         const HttpAnswer answer = ask_device(device, "GET", endpoint);
         std::printf("  %s  %s\n", endpoint,
-                    answer.status == 200 ? answer.body.c_str()
+                    answer.status == 200 ? printable(answer.body).c_str()
                     : answer.status == 0 ? ("no answer (" + answer.failure + ")").c_str()
                                          : ("answers " + std::to_string(answer.status)).c_str());
     }
@@ -95,7 +96,7 @@ int connect_device(const std::string& name, const std::string& what) {
     if (device == devices.end()) {
         std::fprintf(stderr, "connect: no device '%s' on the network; found:\n", name.c_str());
         for (const FoundDevice& found : devices) {
-            std::fprintf(stderr, "  %s\n", found.name.c_str());
+            std::fprintf(stderr, "  %s\n", printable(found.name).c_str());
         }
         return 1;
     }
@@ -109,7 +110,7 @@ int connect_device(const std::string& name, const std::string& what) {
     if (answer.status != 200) {
         std::fprintf(stderr, "connect: %s\n",
                      answer.status == 0 ? answer.failure.c_str()
-                                        : ("the device refused: " + answer.body).c_str());
+                                        : printable("the device refused: " + answer.body).c_str());
         return 1;
     }
     std::printf("%s: joined session %s\n", name.c_str(), session.c_str());

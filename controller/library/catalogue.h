@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "common/music/tags.h"
 #include "controller/library/database.h"
-#include "controller/library/tags.h"
 
 namespace nuvio::controller {
 

@@ -1,12 +1,9 @@
 #include "controller/library/library.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <array>
-#include <filesystem>
-
+#include "common/files/files.h"
 #include "common/m3u.h"
+#include "common/music/names.h"
+#include "common/music/pictures.h"
 #include "common/number.h"
 #include "common/text.h"
 
@@ -14,7 +11,6 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr size_t kMaxPictureFile = size_t{8} << 20U;
 constexpr size_t kMaxPlaylistFile = size_t{1} << 20U;
 
 // Makes the file where it is missing or of another version.
@@ -22,20 +18,6 @@ std::string made_database(const std::string& state_folder) {
     std::string path = state_folder + "/library.db";
     static_cast<void>(Catalogue(path));
     return path;
-}
-
-// Empty: larger than `limit`, or not to be read.
-std::string read_whole(const UniqueFd& fd, size_t limit) {
-    std::string data;
-    std::array<char, 16384> buffer{};
-    ssize_t got = 0;
-    while (fd && (got = read(fd.get(), buffer.data(), buffer.size())) > 0) {
-        data.append(buffer.data(), static_cast<size_t>(got));
-        if (data.size() > limit) {
-            return {};
-        }
-    }
-    return got < 0 ? std::string() : data;
 }
 
 std::string parent_of(const std::string& below) {
@@ -57,10 +39,6 @@ bool is_url(std::string_view text) {
            starts_with_ignoring_case(text, "https://");
 }
 
-bool is_playlist_name(std::string_view name) {
-    return name.ends_with(".m3u") || name.ends_with(".m3u8");
-}
-
 }  // namespace
 
 Library::Library(const std::vector<std::string>& folders, const std::string& state_folder,
@@ -76,7 +54,8 @@ std::optional<Library::File> Library::open_track(int64_t id) {
         if (m_folders.path(i) == track->root) {
             UniqueFd fd = m_folders.open_file(i, track->below);
             std::string name = track->below.substr(track->below.rfind('/') + 1);
-            std::string type(audio_type_of(name));
+            const AudioKind* const kind = audio_kind_of(name);
+            std::string type(kind != nullptr ? kind->type : "application/octet-stream");
             return fd ? std::optional(File{std::move(fd), std::move(name), std::move(type)})
                       : std::nullopt;
         }
@@ -84,34 +63,32 @@ std::optional<Library::File> Library::open_track(int64_t id) {
     return std::nullopt;
 }
 
-std::optional<Picture> Library::picture_beside(const Track& track) {
+std::optional<std::string> Library::picture_beside(const Track& track) {
     const std::string folder = parent_of(track.below);
     for (size_t i = 0; i < m_folders.count(); ++i) {
         if (m_folders.path(i) != track.root) {
             continue;
         }
-        for (const char* name : {"cover.jpg", "folder.jpg", "front.jpg", "cover.png", "folder.png",
-                                 "front.png", "Cover.jpg", "Folder.jpg", "Front.jpg"}) {
-            std::string data = read_whole(m_folders.open_file(i, folder + name), kMaxPictureFile);
-            const std::string_view type = picture_type_of(data);
-            if (!type.empty()) {
-                return Picture{std::move(data), type};
+        for (const std::string& name : pictures_in(m_folders.open_folder(i, folder))) {
+            FileText file = read_file(m_folders.open_file(i, folder + name), kMaxPictureBytes);
+            if (picture_kind_of(file.text) != nullptr && !file.cut) {
+                return std::move(file.text);
             }
         }
     }
     return std::nullopt;
 }
 
-std::optional<Picture> Library::cover_of_album(int64_t id) {
+std::optional<std::string> Library::cover_of_album(int64_t id) {
     const std::vector<Track> tracks = m_shelf.tracks_of_album(id, 3);
-    std::optional<Picture> picture;
+    std::optional<std::string> picture;
     if (!tracks.empty()) {
         picture = picture_beside(tracks.front());
     }
     for (const Track& track : tracks) {
         if (!picture) {
             std::optional<File> file = open_track(track.id);
-            picture = file ? read_embedded_picture(std::move(file->fd)) : std::nullopt;
+            picture = file ? embedded_picture(std::move(file->fd)) : std::nullopt;
         }
     }
     return picture;
@@ -181,10 +158,10 @@ Selection Library::select_path(const std::string& path) {
 
 // Entries that are no music of the library are passed over.
 Selection Library::select_playlist(const MusicFolders::Place& place) {
-    const std::string text =
-        read_whole(m_folders.open_file(place.folder, place.below), kMaxPlaylistFile);
+    const FileText file =
+        read_file(m_folders.open_file(place.folder, place.below), kMaxPlaylistFile);
     Selection selection;
-    for (const PlaylistEntry& entry : parse_m3u(text, kMaxSelection)) {
+    for (const PlaylistEntry& entry : parse_m3u(file.whole_lines(), kMaxSelection)) {
         if (is_url(entry.location)) {
             selection.items.push_back({entry.location, entry.title, {}});
             continue;

@@ -14,7 +14,6 @@
 #include "controller/library/music_folders.h"
 #include "controller/library/scanner.h"
 #include "controller/library/shelf.h"
-#include "controller/library/tags.h"
 
 namespace nuvio::controller {
 
@@ -50,9 +49,9 @@ class Library {
     };
     // None: no such track, or its file is gone.
     std::optional<File> open_track(int64_t id);
-    // The picture beside the album's tracks (cover, folder or front, .jpg or .png), else the one
-    // embedded in one of the first three.
-    std::optional<Picture> cover_of_album(int64_t id);
+    // The picture beside the album's tracks, else the one inside one of the first three
+    // (common/music/pictures.h).
+    std::optional<std::string> cover_of_album(int64_t id);
 
     // "track:ID", "album:ID", "artist:ID", "folder:ID", "search:WORDS" (an album, else an
     // artist, else tracks), an http(s) URL, or a path of
@@ -66,7 +65,7 @@ class Library {
     std::vector<Track> best_match(const std::string& words);
     Selection select_path(const std::string& path);
     Selection select_playlist(const MusicFolders::Place& place);
-    std::optional<Picture> picture_beside(const Track& track);
+    std::optional<std::string> picture_beside(const Track& track);
 
     const MusicFolders m_folders;
     const std::string m_database;  // made by the time its readers open it

@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "common/music/names.h"
 #include "common/released_by.h"
 #include "controller/base/log.h"
 
@@ -209,7 +210,7 @@ bool Scanner::list(size_t root, const std::string& below, int64_t id, Listing* l
         }
         if (S_ISDIR(status.st_mode)) {
             listing->folders.insert(name);
-        } else if (S_ISREG(status.st_mode) && is_audio_name(name)) {
+        } else if (S_ISREG(status.st_mode) && audio_kind_of(name) != nullptr) {
             listing->files[name] = {0, status.st_size, nanoseconds(status.st_mtim)};
         }
         errno = 0;

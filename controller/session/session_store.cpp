@@ -1,17 +1,9 @@
 #include "controller/session/session_store.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <ctime>
-#include <fstream>
-#include <iterator>
+#include <system_error>
 
-#include "common/unique_fd.h"
+#include "common/files/files.h"
 #include "controller/base/json.h"
 #include "controller/base/log.h"
 #include "controller/base/token.h"
@@ -21,13 +13,12 @@ namespace nuvio::controller {
 namespace {
 
 constexpr size_t kMaxSessions = 64;
+constexpr size_t kMaxFile = size_t{1} << 20U;
 
 }  // namespace
 
 SessionStore::SessionStore(std::string path) : m_path(std::move(path)) {
-    std::ifstream file(m_path, std::ios::binary);
-    const std::string text{std::istreambuf_iterator<char>(file), {}};
-    const JsonPtr document = parse_json(text);
+    const JsonPtr document = parse_json(read_file(m_path, kMaxFile).text);
     const cJSON* entry = nullptr;
     cJSON_ArrayForEach(entry, document.get()) {
         const std::string device = text_member(entry, "device").value_or("");
@@ -63,7 +54,6 @@ std::string SessionStore::device_of_token(std::string_view token) const {
     return found;
 }
 
-// Either the old or the new file is there at any moment.
 void SessionStore::write() const {
     JsonPtr document = new_array();
     for (const auto& [device, session] : m_sessions) {
@@ -76,13 +66,9 @@ void SessionStore::write() const {
         append(document.get(), std::move(entry));
     }
     const std::string text = print_json(document.get());
-    const std::string beside = m_path + ".new";
-    UniqueFd file(open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600));
-    const bool is_written =
-        file && ::write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    file.reset();
-    if (!is_written || rename(beside.c_str(), m_path.c_str()) != 0) {
-        log_line(LogLevel::error, m_path + ": " + std::strerror(errno));
+    const int error = replace_file(m_path, text, 0600);
+    if (error != 0) {
+        log_line(LogLevel::error, m_path + ": " + std::generic_category().message(error));
     }
 }
 

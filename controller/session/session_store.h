@@ -25,8 +25,8 @@ class SessionStore {
 
     // By the device's id. At most one a device, at most 64.
     const std::map<std::string, Session>& all() const { return m_sessions; }
-    // Replaces the device's session; one without an id: it has none any more. A file that can't be
-    // written is logged.
+    // Replaces the device's session; one without an id: it has none any more. The file is the
+    // old or the new one, also after a power cut; one that can't be written is logged.
     void set(const std::string& device, const Session& session);
     // Whose session has this token and is not over; empty: nobody's.
     std::string device_of_token(std::string_view token) const;

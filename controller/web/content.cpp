@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "common/fnv1a.h"
+#include "common/music/pictures.h"
 #include "common/number.h"
 #include "controller/web/byte_range.h"
 
@@ -109,18 +110,19 @@ int Content::serve_file(Exchange& exchange, const Library::File& file) {
 
 int Content::serve_cover(Exchange& exchange, std::string_view id) {
     const std::optional<int64_t> album = to_number<int64_t>(id);
-    const std::optional<Picture> picture = album ? m_library.cover_of_album(*album) : std::nullopt;
+    const std::optional<std::string> picture =
+        album ? m_library.cover_of_album(*album) : std::nullopt;
     if (!picture) {
         return exchange.fail(404, "no cover");
     }
     std::array<char, 32> etag{};
     std::snprintf(etag.data(), etag.size(), "\"%016llx\"",
-                  static_cast<unsigned long long>(fnv1a(kFnv1aStart, picture->data)));
+                  static_cast<unsigned long long>(fnv1a(kFnv1aStart, *picture)));
     const std::string headers =
         std::string("ETag: ") + etag.data() + "\r\nCache-Control: private, max-age=86400\r\n";
     return has_value(exchange.header("If-None-Match"), etag.data())
                ? exchange.reply(304, {}, {}, headers)
-               : exchange.reply(200, picture->type, picture->data, headers);
+               : exchange.reply(200, picture_kind_of(*picture)->type, *picture, headers);
 }
 
 }  // namespace nuvio::controller

@@ -1,19 +1,15 @@
 #include "local/device_uuid.h"
 
-#include <fcntl.h>
 #include <systemd/sd-id128.h>
-#include <unistd.h>
 
 #include <array>
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <system_error>
 
+#include "common/files/files.h"
 #include "common/fnv1a.h"
-#include "common/unique_fd.h"
 
 namespace local_core {
 
@@ -28,41 +24,20 @@ constexpr uint64_t kVariant = 0x8000000000000000;
 constexpr sd_id128_t kApplication = {.bytes = {0x5d, 0x0f, 0x6e, 0x2b, 0x8c, 0x41, 0x4f, 0x37, 0xa9,
                                                0x13, 0x7e, 0xc4, 0x60, 0x2d, 0x91, 0xb8}};
 
+constexpr size_t kIdLength = SD_ID128_STRING_MAX - 1;
+
 std::string text_of(const sd_id128_t& id) {
     std::array<char, SD_ID128_STRING_MAX> text{};
     return sd_id128_to_string(id, text.data());
 }
 
-// A file in a folder that only the service writes to: its text, or empty.
-std::string read_kept(const std::string& path) {
-    const nuvio::UniqueFd file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
-    std::array<char, SD_ID128_STRING_MAX - 1> text{};
-    const bool whole =
-        file && read(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size());
-    return whole ? std::string(text.data(), text.size()) : std::string();
-}
-
-void keep(const std::string& path, const std::string& text) {
-    const std::string draft = path + ".new";
-    const nuvio::UniqueFd file(
-        open(draft.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0644));
-    const bool written =
-        file && write(file.get(), text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-        fsync(file.get()) == 0;
-    if (written) {
-        std::rename(draft.c_str(), path.c_str());
-    }
-}
-
 std::string kept_id(const std::string& folder) {
     const std::string path = folder + "/device_uuid";
-    std::string id = read_kept(path);
+    std::string id = nuvio::read_file(path, kIdLength).text;
     sd_id128_t random;
-    if (id.empty() && sd_id128_randomize(&random) == 0) {
+    if (id.size() != kIdLength && sd_id128_randomize(&random) == 0) {
         id = text_of(random);
-        std::error_code failure;  // shows as a draft that cannot be opened
-        std::filesystem::create_directories(folder, failure);
-        keep(path, id);
+        nuvio::replace_file(path, id);
     }
     return id;
 }

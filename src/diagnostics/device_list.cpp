@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "common/released_by.h"
+#include "common/utf8.h"
 #include "media/sink/alsa/alsa_utilities.h"
 #include "platform/Environment.h"
 #include "utility/environment_item.h"
@@ -28,7 +29,7 @@ Text hint(const void* of, const char* id) {
 void printIndented(std::string_view text) {
     while (!text.empty()) {
         const size_t end = std::min(text.find('\n'), text.size());
-        std::printf("      %s\n", std::string(text.substr(0, end)).c_str());
+        std::printf("      %s\n", nuvio::printable(text.substr(0, end)).c_str());
         text.remove_prefix(std::min(end + 1, text.size()));
     }
 }
@@ -47,7 +48,7 @@ size_t listPcms() {
             (direction != nullptr && std::strcmp(direction.get(), "Output") != 0)) {
             continue;
         }
-        std::printf("  %s\n", name.get());
+        std::printf("  %s\n", nuvio::printable(name.get()).c_str());
         if (const Text description = hint(*one, "DESC")) {
             printIndented(description.get());
         }
@@ -84,7 +85,7 @@ size_t listElements(const std::string& device) {
     if (open_simple_mixer(mixer, device.c_str())) {
         return 0;
     }
-    std::printf("  %s\n", device.c_str());
+    std::printf("  %s\n", nuvio::printable(device).c_str());
     size_t count = 0;
     for (snd_mixer_elem_t* element = snd_mixer_first_elem(mixer.get()); element != nullptr;
          element = snd_mixer_elem_next(element)) {
@@ -92,7 +93,7 @@ size_t listElements(const std::string& device) {
             continue;
         }
         const bool hasSwitch = snd_mixer_selem_has_playback_switch(element) == 1;
-        std::printf("      %s%s\n", snd_mixer_selem_get_name(element),
+        std::printf("      %s%s\n", nuvio::printable(snd_mixer_selem_get_name(element)).c_str(),
                     hasSwitch ? "" : " (no mute switch, cannot be used)");
         ++count;
     }

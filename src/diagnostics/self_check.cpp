@@ -21,6 +21,7 @@
 #include "common/number.h"
 #include "common/released_by.h"
 #include "common/unique_fd.h"
+#include "common/utf8.h"
 #include "diagnostics/finding.h"
 #include "diagnostics/port_check.h"
 #include "diagnostics/sound_check.h"
@@ -133,7 +134,7 @@ void beQuiet() {
 
 bool report(const Finding& finding) {
     std::printf("%-4s  %-8s  %s\n", finding.ok ? "ok" : "FAIL", finding.subject,
-                finding.text.c_str());
+                nuvio::printable(finding.text).c_str());
     std::fflush(stdout);  // the next check may hang
     return finding.ok;
 }
@@ -158,7 +159,7 @@ int runSelfCheckForPrograms() {
         cJSON* const entry = cJSON_CreateObject();
         cJSON_AddStringToObject(entry, "subject", finding.subject);
         cJSON_AddBoolToObject(entry, "ok", finding.ok);
-        cJSON_AddStringToObject(entry, "text", finding.text.c_str());
+        cJSON_AddStringToObject(entry, "text", nuvio::printable(finding.text).c_str());
         cJSON_AddItemToArray(checks, entry);
     }
     cJSON_AddBoolToObject(answer.get(), "ok", ok);

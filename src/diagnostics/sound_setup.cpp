@@ -7,6 +7,7 @@
 #include <optional>
 #include <string_view>
 
+#include "common/utf8.h"
 #include "diagnostics/card_probe.h"
 #include "diagnostics/self_check.h"
 #include "media/sink/alsa/alsa_utilities.h"
@@ -27,7 +28,7 @@ constexpr size_t kMaxNameBytes = 40;
 constexpr char kSoftElement[] = "Nuvio";
 
 int fail(const std::string& why) {
-    std::fprintf(stderr, "nuvio-connect: %s\n", why.c_str());
+    std::fprintf(stderr, "nuvio-connect: %s\n", nuvio::printable(why).c_str());
     return EXIT_FAILURE;
 }
 
@@ -36,7 +37,7 @@ int fail(const std::string& why) {
 int list_cards(const std::vector<SoundCard>& cards) {
     std::puts(cards.empty() ? "No sound card here." : "Which card? Say --card and its name:");
     for (const SoundCard& card : cards) {
-        std::printf("  %-16s  %s\n", card.id.c_str(), card.description.c_str());
+        std::printf("  %-16s  %s\n", card.id.c_str(), nuvio::printable(card.description).c_str());
     }
     std::puts("'--card default' takes ALSA's default: on a desktop the sound server.");
     return EXIT_FAILURE;
@@ -158,13 +159,13 @@ SettingsChange change_for(const SoundCard& card, const OutputAbilities& abilitie
 }
 
 void tell(const SoundCard& card, const OutputAbilities& abilities, const Volume& volume) {
-    std::printf("card    %s: %s\n", card.pcm.c_str(), card.description.c_str());
+    std::printf("card    %s: %s\n", card.pcm.c_str(), nuvio::printable(card.description).c_str());
     std::printf("plays   %s Hz with %s bit; the rest is converted\n",
                 text_of(abilities.rates).c_str(), abilities.has_24_bit ? "16 and 24" : "16");
-    std::printf(
-        "volume  %s%s\n",
-        volume.element.empty() ? "none: it stays as the device has it" : volume.element.c_str(),
-        volume.in_software ? " (in software: this card has none)" : "");
+    std::printf("volume  %s%s\n",
+                volume.element.empty() ? "none: it stays as the device has it"
+                                       : nuvio::printable(volume.element).c_str(),
+                volume.in_software ? " (in software: this card has none)" : "");
 }
 
 }  // namespace

@@ -80,30 +80,31 @@ const char* priority_of(uint32_t level) {
     return wanted ? kJournalPriorities[known_level(level)] : "";
 }
 
-// Where a foreign text could begin a line of its own or move a terminal's cursor. Line ends at the
-// end of a message, and tabs, are its author's.
-bool is_hidden(char c) {
-    return nuvio::is_control(c) && c != '\t';
-}
+constexpr size_t kLongestEscape = 16;  // of a character of four bytes
 
-constexpr size_t kLongestEscape = 4;
-
-// The message with what is hidden written as \xNN; most have nothing of the kind and are handed
-// back as they are. `room` holds a longer one, cut where it is full.
+// The message with what could begin a line of its own or move a terminal's cursor, and with what is
+// no text, written as \xNN. Line ends at its end, and tabs, are its author's. Most have nothing of
+// the kind and are handed back as they are; `room` holds another one, cut where it is full.
 const char* visible(const char* message, std::array<char, 2 * kMessageBufferSize>& room) {
-    const std::string_view text = message;
-    const std::string_view body = text.substr(0, text.find_last_not_of('\n') + 1);
-    if (std::ranges::none_of(body, is_hidden)) {
+    std::string_view rest = message;
+    const size_t body = rest.find_last_not_of('\n') + 1;
+    const size_t line_ends = rest.size() - body;
+    if (std::ranges::all_of(rest.substr(0, body),
+                            [](char c) { return (c >= ' ' && c < 0x7f) || c == '\t'; })) {
         return message;
     }
     size_t used = 0;
-    for (size_t i = 0; i < text.size() && used + kLongestEscape < room.size(); ++i) {
-        if (i < body.size() && is_hidden(text[i])) {
-            used += static_cast<size_t>(std::snprintf(&room[used], room.size() - used, "\\x%02x",
-                                                      static_cast<unsigned char>(text[i])));
-        } else {
-            room[used++] = text[i];
+    while (!rest.empty() && used + kLongestEscape < room.size()) {
+        const size_t length = nuvio::character_length(rest);
+        const std::string_view character = rest.substr(0, std::max<size_t>(length, 1));
+        const bool is_hidden = length == 0 || (nuvio::is_control_character(character) &&
+                                               character != "\t" && rest.size() > line_ends);
+        for (const char c : character) {
+            used += static_cast<size_t>(std::snprintf(&room[used], room.size() - used,
+                                                      is_hidden ? "\\x%02x" : "%c",
+                                                      static_cast<unsigned char>(c)));
         }
+        rest.remove_prefix(character.size());
     }
     room[used] = '\0';
     return room.data();

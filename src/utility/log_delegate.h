@@ -5,9 +5,10 @@
 // (local date and time with milliseconds, process and kernel thread id, level, category, message).
 // Every function may be called from any thread; lines of two threads never mix, and each reaches
 // the reader of a pipe at once, in the journal with its level as priority. Control characters
-// inside a message are shown as \\xNN: texts of peers get into it. Nothing is allocated. Every line
-// is written, but for floods of one and the same WARNING or worse: what a call that fails thousands
-// of times a second has to say is counted instead (repeat_filter.h).
+// inside a message (C0, DEL, C1), and bytes that are no UTF-8, are shown as \\xNN: texts of peers
+// get into it. Nothing is allocated. Every line is written, but for floods of one and the same
+// WARNING or worse: what a call that fails thousands of times a second has to say is counted
+// instead (repeat_filter.h).
 #pragma once
 
 #include <chrono>

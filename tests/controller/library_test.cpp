@@ -154,6 +154,17 @@ TEST_F(LibraryTest, what_it_knew_is_there_at_the_next_start_unless_it_is_damaged
     EXPECT_TRUE(wait_for_tracks(1));
 }
 
+TEST_F(LibraryTest, an_album_shows_the_first_picture_beside_it_that_is_one) {
+    m_dir.write("music/a/1.AIFC", "x");
+    m_dir.write("music/a/cover.jpg", "");
+    m_dir.write("music/a/Front.GIF", "GIF89a");
+    m_dir.write("secret.jpg", "\xFF\xD8\xFF");
+    std::filesystem::create_symlink(m_dir / "secret.jpg", m_dir / "music/a/folder.jpg");
+    open({m_dir / "music"});
+    ASSERT_TRUE(wait_for_tracks(1));
+    EXPECT_EQ(m_library->cover_of_album(m_library->shelf().albums({0, 1}).at(0).id), "GIF89a");
+}
+
 TEST_F(LibraryTest, a_playlist_of_the_folders_plays_what_it_names_of_them) {
     m_dir.write("music/a/1.wav", "x");
     m_dir.write("secret/2.wav", "x");

@@ -4,7 +4,6 @@
 #include <map>
 #include <string>
 
-#include "base/files.h"
 #include "base/text.h"
 #include "configuration/device_name.h"
 #include "configuration/state_store.h"

@@ -87,6 +87,7 @@ void check_file_urls(const std::string& text) {
         FUZZ_EXPECT(path_from_file_url(file_url_from_path("/" + text)) == "/" + text);
     }
     const std::string shown = display_text(text);
+    FUZZ_EXPECT(is_utf8(shown) && printable(shown) == shown);
     FUZZ_EXPECT(display_text(shown) == shown);
     FUZZ_EXPECT(shown.find_first_of("\r\n") == std::string::npos);
 }

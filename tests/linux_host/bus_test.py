@@ -32,7 +32,7 @@ class Bus(DeviceTest):
         """The track "One" of 200 s by "Band" plays, two others follow."""
         album = self.folder / "one 1"
         album.mkdir()
-        (album / "cover.jpg").touch()
+        (album / "cover.jpg").write_bytes(b"\xff\xd8\xff")
         for n, title in enumerate(("One", "Two", "Three")):
             path = album / f"{n}.wav"
             with wave.open(str(path), "wb") as out:

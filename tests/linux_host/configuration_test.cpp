@@ -6,9 +6,10 @@
 #include <cstdlib>
 #include <iterator>
 
-#include "base/files.h"
 #include "base/text.h"
 #include "bus/bus_address.h"
+#include "common/files/files.h"
+#include "common/utf8.h"
 #include "configuration/identity.h"
 #include "configuration/settings.h"
 #include "configuration/settings_edit.h"
@@ -132,6 +133,8 @@ TEST(Text, OnlyWellFormedUtf8GoesOut) {
     const std::string good = "a\xC3\xBC\xE2\x82\xAC\xEF\xBF\xBD\xF0\x9F\xBF\xBD";
     const std::string bad = "\xEF\xBF\xBD";
     EXPECT_EQ(to_utf8(good), good);
+    EXPECT_FALSE(is_printable_utf8("\xC2\x9B"));
+    EXPECT_EQ(printable("a\x1B[\xC2\x9B\x9B\n" + good), "a [ " + bad + " " + good);
     EXPECT_EQ(to_utf8("\xC0\x80"), bad + bad);            // overlong
     EXPECT_EQ(to_utf8("\xED\xA0\x80"), bad + bad + bad);  // surrogate
     EXPECT_EQ(to_utf8("x\xE2\x82"), "x" + bad + bad);     // cut

@@ -72,8 +72,9 @@ TEST(Content, FileUrlsAreDecodedOrRefused) {
 TEST(Content, TextsForDisplayAreOneLineOfUtf8) {
     EXPECT_EQ(display_text(" a\nb\x7f "), "a b");
     EXPECT_EQ(display_text("\xf0\x9f\x8e\xb5"), "\xf0\x9f\x8e\xb5");
-    EXPECT_EQ(display_text("\xed\xa0\x80"), "\xc3\xad\xc2\xa0\xc2\x80");  // a lone surrogate
-    EXPECT_EQ(display_text("\xc0\xaf"), "\xc3\x80\xc2\xaf");              // overlong
+    EXPECT_EQ(display_text("a\xc2\x9b\xc2\xa0z"), "a \xc2\xa0z");    // C1 and no C1
+    EXPECT_EQ(display_text("\xed\xa0\x80."), "\xc3\xad\xc2\xa0 .");  // a lone surrogate
+    EXPECT_EQ(display_text("\xc0\xaf"), "\xc3\x80\xc2\xaf");         // overlong
 }
 
 TEST(DeviceUuid, IsTheSameAtEveryStartAndAnotherOnEachMachineAndInEachFolder) {

@@ -37,9 +37,11 @@ TEST(LogDelegate, ALineIsWholeCutAndFreeOfWhatCouldBeginAnother) {
                 testing::MatchesRegex("[0-9]{8} [0-9]{2}:[0-9]{2}:[0-9]{2}\\.[0-9]{3} "
                                       "\\[[0-9]+\\.[0-9]+\\] FATAL SampleApp: Renderer is now "
                                       "active\n"));
-    EXPECT_THAT(
-        written_by([] { app_log(LOG_LEVEL_INFO, "id %s.\n", "a\n20260101 x\x1b[2J\t\xc3\xa9"); }),
-        testing::EndsWith("id a\\x0a20260101 x\\x1b[2J\t\xc3\xa9.\n\n"));
+    EXPECT_THAT(written_by([] {
+                    app_log(LOG_LEVEL_INFO, "id %s.\n",
+                            "a\n20260101 x\x1b[2J\t\xc3\xa9\xc2\x9b\x9b");
+                }),
+                testing::EndsWith("id a\\x0a20260101 x\\x1b[2J\t\xc3\xa9\\xc2\\x9b\\x9b.\n\n"));
     EXPECT_THAT(lines_of([] { app_log(LOG_LEVEL_DEBUG, "%s", std::string(3000, 'x').c_str()); }),
                 testing::ElementsAre("DEBUG SampleApp: " + std::string(2047, 'x')));
 }

@@ -33,6 +33,7 @@ AREAS = {
     "core": Area(["cores/local"], ["local_core_parts_test", "local_core_test"]),
     "host": Area(["hosts/linux"], ["linux_host_configuration_test", "linux_host_services_test",
                                    "bus_test"]),
+    "common": Area(["common"], ["files_test", "music_test", "linux_host_configuration_test"]),
     "card": Area(["tools/simcard"], ["sink_test", "fault_matrix_test"]),
 }
 DEVICE = ["nuvio-connect", "simcardctl"]  # the targets of what drives it from outside

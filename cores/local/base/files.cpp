@@ -88,30 +88,4 @@ nuvio::UniqueFd open_regular_file(const std::string& path, std::string* error) {
     return file;
 }
 
-std::optional<std::string> read_file(const std::string& path, size_t max_bytes,
-                                     std::string* error) {
-    const nuvio::UniqueFd file = open_regular_file(path, error);
-    if (!file) {
-        return std::nullopt;
-    }
-    std::string text;
-    char buffer[16384];
-    while (text.size() < max_bytes) {
-        const ssize_t got = read(file.get(), buffer, sizeof buffer);
-        if (got < 0 && errno == EINTR) {
-            continue;
-        }
-        if (got < 0) {
-            *error = error_text(errno);
-            return std::nullopt;
-        }
-        if (got == 0) {
-            break;
-        }
-        text.append(buffer, static_cast<size_t>(got));
-    }
-    text.resize(text.size() < max_bytes ? text.size() : max_bytes);
-    return text;
-}
-
 }  // namespace local_core

@@ -3,8 +3,6 @@
 // leaks into a child process. Any thread; each call may block on the disk, but for the first.
 #pragma once
 
-#include <cstddef>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,8 +21,5 @@ nuvio::UniqueFd look_at(const std::string& path, std::string* error);
 // Opens a regular file for reading. None, with *error set, when that fails or `path` names
 // anything else.
 nuvio::UniqueFd open_regular_file(const std::string& path, std::string* error);
-
-// The file's first `max_bytes` bytes; none, with *error set, when it can't be read.
-std::optional<std::string> read_file(const std::string& path, size_t max_bytes, std::string* error);
 
 }  // namespace local_core

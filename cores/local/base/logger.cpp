@@ -1,9 +1,7 @@
 #include "local/base/logger.h"
 
-#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 
 #include "common/utf8.h"
 
@@ -20,8 +18,7 @@ void Logger::write(LogLevel level, const char* category, const char* format, ...
     std::vsnprintf(message, sizeof message, format, arguments);
     va_end(arguments);
     // Names of files and sessions: none may begin a line of its own.
-    std::replace_if(message, message + std::strlen(message), nuvio::is_control, ' ');
-    callback(static_cast<uint32_t>(level), category, message);
+    callback(static_cast<uint32_t>(level), category, nuvio::printable(message).c_str());
 }
 
 }  // namespace local_core

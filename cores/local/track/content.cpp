@@ -2,14 +2,14 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <iterator>
 #include <optional>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "common/files/files.h"
 #include "common/m3u.h"
-#include "common/text.h"
+#include "common/music/names.h"
 #include "local/base/files.h"
 #include "local/network/remote_settings.h"
 #include "local/network/remote_tracks.h"
@@ -28,21 +28,6 @@ constexpr size_t kMaxDirectoryEntries = 50000;
 constexpr size_t kMaxTextBytes = size_t{8} << 20;  // paths and titles of all tracks together
 constexpr int kMaxDepth = 16;
 constexpr size_t kMaxPlaylistBytes = size_t{4} << 20;
-
-constexpr std::string_view kPlaylistEndings[] = {".m3u", ".m3u8"};
-constexpr std::string_view kAudioEndings[] = {".wav", ".flac", ".ogg", ".oga", ".opus", ".mp3",
-                                              ".aif", ".aiff", ".aifc", ".au", ".w64", ".caf",
-                                              ".rf64",
-                                              // With the module alone.
-                                              ".m4a", ".aac", ".wv", ".dsf", ".dff"};
-
-template <size_t N>
-bool ends_in(const fs::path& path, const std::string_view (&endings)[N]) {
-    const std::string ending = path.extension().string();
-    return std::any_of(std::begin(endings), std::end(endings), [&](std::string_view known) {
-        return nuvio::equals_ignoring_case(ending, known);
-    });
-}
 
 bool is_hidden(const fs::path& path) {
     return path.filename().string().starts_with('.');
@@ -79,7 +64,7 @@ std::vector<Track> tracks_below(const fs::path& folder, const Logger& logger) {
         if (is_hidden(path) || it.depth() >= kMaxDepth) {
             it.disable_recursion_pending();
         }
-        if (!is_hidden(path) && ends_in(path, kAudioEndings)) {
+        if (!is_hidden(path) && nuvio::audio_kind_of(path.native()) != nullptr) {
             tracks.push_back({path.string()});
             text_bytes += path.native().size();
         }
@@ -95,8 +80,10 @@ std::vector<Track> tracks_below(const fs::path& folder, const Logger& logger) {
 
 std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& logger) {
     std::string error;
-    const auto text = read_file(playlist.string(), kMaxPlaylistBytes, &error);
-    if (!text) {
+    const nuvio::UniqueFd file = open_regular_file(playlist.string(), &error);
+    const nuvio::FileText text = nuvio::read_file(file, kMaxPlaylistBytes);
+    if (text.error != 0) {
+        error = file ? std::generic_category().message(text.error) : error;
         logger.write(LogLevel::warning, kContentFetcher, "Can't read playlist %s: %s",
                      playlist.c_str(), error.c_str());
         return {};
@@ -104,7 +91,7 @@ std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& lo
     std::vector<Track> tracks;
     size_t remote = 0;
     size_t text_bytes = 0;
-    for (const nuvio::PlaylistEntry& entry : nuvio::parse_m3u(*text, kMaxTracks)) {
+    for (const nuvio::PlaylistEntry& entry : nuvio::parse_m3u(text.whole_lines(), kMaxTracks)) {
         const auto path = local_path(entry.location);
         if (!path) {
             ++remote;
@@ -144,7 +131,7 @@ std::vector<Track> local_tracks(const std::string& endpoint, const Logger& logge
     if (fs::is_directory(path, error)) {
         return tracks_below(path, logger);
     }
-    if (ends_in(path, kPlaylistEndings)) {
+    if (nuvio::is_playlist_name(path.native())) {
         return tracks_of_playlist(path, logger);
     }
     return {{path.string()}};

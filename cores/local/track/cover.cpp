@@ -1,16 +1,5 @@
 #include "local/track/cover.h"
 
-#include <fcntl.h>
-#include <taglib/aifffile.h>
-#include <taglib/attachedpictureframe.h>
-#include <taglib/fileref.h>
-#include <taglib/flacfile.h>
-#include <taglib/id3v2tag.h>
-#include <taglib/mp4file.h>
-#include <taglib/mpegfile.h>
-#include <taglib/tfilestream.h>
-#include <taglib/wavfile.h>
-#include <taglib/xiphcomment.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -20,7 +9,9 @@
 #include <string_view>
 #include <system_error>
 
+#include "common/files/files.h"
 #include "common/fnv1a.h"
+#include "common/music/pictures.h"
 #include "local/texts/file_url.h"
 
 namespace local_core {
@@ -28,71 +19,6 @@ namespace local_core {
 namespace {
 
 namespace fs = std::filesystem;
-
-// ---- Inside a file ------------------------------------------------------------------------------
-
-using Bytes = TagLib::ByteVector;
-
-// The front cover, else the first picture: of FLAC and ID3 the kinds have the same numbers.
-template <typename List, typename Picture>
-Bytes choose(const List& pictures, Bytes (*bytes_of)(Picture&), int (*kind_of)(Picture&)) {
-    constexpr int kFrontCover = 3;
-    Bytes chosen;
-    for (auto* const entry : pictures) {
-        auto* const picture = dynamic_cast<Picture*>(entry);
-        if (picture != nullptr && (chosen.isEmpty() || kind_of(*picture) == kFrontCover)) {
-            chosen = bytes_of(*picture);
-        }
-    }
-    return chosen;
-}
-
-Bytes cover_of(const TagLib::List<TagLib::FLAC::Picture*>& pictures) {
-    using Picture = TagLib::FLAC::Picture;
-    return choose<decltype(pictures), Picture>(
-        pictures, [](Picture& picture) { return picture.data(); },
-        [](Picture& picture) { return static_cast<int>(picture.type()); });
-}
-
-Bytes cover_of(const TagLib::ID3v2::Tag* tag) {
-    using Picture = TagLib::ID3v2::AttachedPictureFrame;
-    if (tag == nullptr) {
-        return {};
-    }
-    const TagLib::ID3v2::FrameList& frames = tag->frameList("APIC");
-    return choose<decltype(frames), Picture>(
-        frames, [](Picture& picture) { return picture.picture(); },
-        [](Picture& picture) { return static_cast<int>(picture.type()); });
-}
-
-Bytes cover_of(TagLib::MP4::Tag* tag) {
-    const TagLib::MP4::CoverArtList covers =
-        tag != nullptr ? tag->item("covr").toCoverArtList() : TagLib::MP4::CoverArtList();
-    return covers.isEmpty() ? Bytes() : covers.front().data();
-}
-
-Bytes cover_in(TagLib::File& file) {
-    if (auto* const flac = dynamic_cast<TagLib::FLAC::File*>(&file)) {
-        const Bytes cover = cover_of(flac->pictureList());
-        return cover.isEmpty() ? cover_of(flac->ID3v2Tag()) : cover;
-    }
-    if (auto* const mpeg = dynamic_cast<TagLib::MPEG::File*>(&file)) {
-        return cover_of(mpeg->ID3v2Tag());
-    }
-    if (auto* const mp4 = dynamic_cast<TagLib::MP4::File*>(&file)) {
-        return cover_of(mp4->tag());
-    }
-    if (auto* const wav = dynamic_cast<TagLib::RIFF::WAV::File*>(&file)) {
-        return cover_of(wav->ID3v2Tag());
-    }
-    if (auto* const aiff = dynamic_cast<TagLib::RIFF::AIFF::File*>(&file)) {
-        return cover_of(aiff->tag());
-    }
-    auto* const comment = dynamic_cast<TagLib::Ogg::XiphComment*>(file.tag());
-    return comment != nullptr ? cover_of(comment->pictureList()) : Bytes();
-}
-
-// ---- As a file ----------------------------------------------------------------------------------
 
 constexpr std::string_view kPrefix = "cover-";
 
@@ -105,22 +31,6 @@ Kept& kept() {
     // Never destroyed: a thread that hangs may outlive the process's end of the rest.
     static auto* const covers = new Kept();
     return *covers;
-}
-
-// By what the bytes are: display programs go by the ending.
-const char* ending_of(std::string_view bytes) {
-    static constexpr struct {
-        size_t at;
-        std::string_view magic;
-        const char* ending;
-    } kKinds[] = {
-        {0, "\xff\xd8\xff", ".jpg"}, {0, "\x89PNG\r\n\x1a\n", ".png"}, {8, "WEBP", ".webp"}};
-    for (const auto& kind : kKinds) {
-        if (bytes.size() > kind.at && bytes.substr(kind.at).starts_with(kind.magic)) {
-            return kind.ending;
-        }
-    }
-    return nullptr;
 }
 
 std::string state_directory() {
@@ -140,42 +50,12 @@ void remove_old_covers(const fs::path& folder) {
     }
 }
 
-bool write_file(const std::string& path, std::string_view bytes) {
-    const nuvio::UniqueFd file(
-        open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0644));
-    while (file && !bytes.empty()) {
-        const ssize_t written = write(file.get(), bytes.data(), bytes.size());
-        if (written < 0 && errno == EINTR) {
-            continue;
-        }
-        if (written <= 0) {
-            unlink(path.c_str());
-            return false;
-        }
-        bytes.remove_prefix(static_cast<size_t>(written));
-    }
-    return static_cast<bool>(file);
-}
-
 }  // namespace
 
-std::optional<CoverImage> embedded_cover(nuvio::UniqueFd file) {
-    TagLib::FileStream stream(file.release(), true);  // closes it
-    const TagLib::FileRef reference(&stream, false);
-    if (reference.isNull()) {
-        return std::nullopt;
-    }
-    const Bytes cover = cover_in(*reference.file());
-    if (cover.isEmpty() || cover.size() > kMaxCoverBytes) {
-        return std::nullopt;
-    }
-    return CoverImage{std::string(cover.data(), cover.size())};
-}
-
-std::shared_ptr<const KeptCover> KeptCover::keep(const CoverImage& image) {
+std::shared_ptr<const KeptCover> KeptCover::keep(std::string_view picture) {
     const std::string folder = state_directory();
-    const char* const ending = ending_of(image.bytes);
-    if (folder.empty() || ending == nullptr || image.bytes.size() > kMaxCoverBytes) {
+    const nuvio::PictureKind* const kind = nuvio::picture_kind_of(picture);
+    if (folder.empty() || kind == nullptr) {
         return nullptr;
     }
     std::error_code error;
@@ -184,9 +64,10 @@ std::shared_ptr<const KeptCover> KeptCover::keep(const CoverImage& image) {
     std::call_once(once, [&] { remove_old_covers(folder); });
 
     const std::string path = folder + "/" + std::string(kPrefix) +
-                             std::to_string(nuvio::fnv1a(nuvio::kFnv1aStart, image.bytes)) + ending;
+                             std::to_string(nuvio::fnv1a(nuvio::kFnv1aStart, picture)) +
+                             std::string(kind->ending);
     const std::string written = path + "." + std::to_string(gettid());
-    if (!write_file(written, image.bytes)) {
+    if (nuvio::make_file(written, picture) != 0) {
         return nullptr;
     }
     const std::lock_guard lock(kept().mutex);

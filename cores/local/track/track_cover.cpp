@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "common/music/pictures.h"
 #include "local/base/files.h"
 #include "local/network/url.h"
 
@@ -10,6 +11,7 @@ namespace local_core {
 namespace {
 
 constexpr std::chrono::seconds kPatience{20};
+constexpr size_t kMaxFetchedBytes = size_t{2} << 20U;  // in memory at once, beside the sound
 
 }  // namespace
 
@@ -17,14 +19,14 @@ void TrackCover::find(const Track& track, TrackTexts* texts) {
     if (!track.remote && texts->album_art_url.empty()) {
         std::string error;
         nuvio::UniqueFd file = open_regular_file(track.location, &error);
-        const auto image = file ? embedded_cover(std::move(file)) : std::nullopt;
-        m_kept = image ? KeptCover::keep(*image) : nullptr;
+        const auto picture = file ? nuvio::embedded_picture(std::move(file)) : std::nullopt;
+        m_kept = picture ? KeptCover::keep(*picture) : nullptr;
         texts->album_art_url = m_kept ? m_kept->url() : "";
     } else if (track.remote && !track.remote->token.empty() &&
                same_origin(texts->album_art_url, track.remote->token_origin)) {
         HttpRequest request = track.request();
         request.url = std::exchange(texts->album_art_url, "");
-        request.read_ahead_bytes = kMaxCoverBytes;
+        request.read_ahead_bytes = kMaxFetchedBytes;
         request.give_up_after = kPatience;
         m_source = std::make_unique<HttpSource>(std::move(request));
         m_until = std::chrono::steady_clock::now() + kPatience;
@@ -36,11 +38,10 @@ std::optional<std::string> TrackCover::take_fetched() {
     if (!is_there && std::chrono::steady_clock::now() < m_until) {
         return std::nullopt;
     }
-    CoverImage image;
-    image.bytes.resize(is_there ? kMaxCoverBytes : 0);
-    image.bytes.resize(m_source->read(image.bytes.data(), image.bytes.size()));
+    std::string picture(is_there ? kMaxFetchedBytes : 0, '\0');
+    picture.resize(m_source->read(picture.data(), picture.size()));
     m_source.reset();
-    m_kept = KeptCover::keep(image);
+    m_kept = KeptCover::keep(picture);
     return m_kept ? std::optional(m_kept->url()) : std::nullopt;
 }
 

@@ -1,12 +1,16 @@
 #include "local/track/track_texts.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <filesystem>
 #include <initializer_list>
 #include <string_view>
-#include <system_error>
 
+#include "common/files/files.h"
+#include "common/music/pictures.h"
 #include "common/percent_encoding.h"
+#include "local/base/files.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
 
@@ -16,15 +20,15 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kArtNames[] = {"cover.jpg",  "folder.jpg", "Cover.jpg",
-                                     "Folder.jpg", "cover.png",  "folder.png"};
-
 std::string find_art(const fs::path& folder) {
-    for (const char* name : kArtNames) {
-        std::error_code error;
-        const fs::path path = folder / name;
-        if (fs::is_regular_file(path, error)) {
-            return file_url_from_path(path.string());
+    constexpr size_t kStart = 16;  // shows of what kind it is
+    for (const std::string& name : nuvio::pictures_in(
+             nuvio::UniqueFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)))) {
+        std::string error;
+        const std::string path = folder / name;
+        const nuvio::FileText file = nuvio::read_file(open_regular_file(path, &error), kStart);
+        if (nuvio::picture_kind_of(file.text) != nullptr) {
+            return file_url_from_path(path);
         }
     }
     return {};

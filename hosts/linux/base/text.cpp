@@ -39,7 +39,7 @@ std::string to_utf8(std::string_view text) {
 bool is_printable_utf8(std::string_view text) {
     while (!text.empty()) {
         const size_t length = sendable_length(text);
-        if (length == 0 || is_control(text.front())) {
+        if (length == 0 || is_control_character(text.substr(0, length))) {
             return false;
         }
         text.remove_prefix(length);

@@ -2,9 +2,8 @@
 
 #include <systemd/sd-daemon.h>
 
-#include <algorithm>
-
 #include "base/text.h"
+#include "common/utf8.h"
 
 namespace nuvio::host {
 
@@ -12,14 +11,12 @@ std::string status_text(const NowPlayingView& view) {
     static constexpr const char* kStates[] = {"Playing", "Stopped", "Paused"};
     std::string text = kStates[view.status];
     if (view.track && view.status != android::PLAY_STATE_STOPPED) {
-        text += ": " + to_utf8(view.track->title);
+        text += ": " + view.track->title;
         if (!view.track->artist.empty()) {
-            text += " - " + to_utf8(view.track->artist);
+            text += " - " + view.track->artist;
         }
     }
-    std::ranges::replace_if(
-        text, [](unsigned char byte) { return byte < ' ' || byte == 0x7F; }, ' ');
-    return text;
+    return printable(to_utf8(text));
 }
 
 void report_status(const NowPlayingView& view) {

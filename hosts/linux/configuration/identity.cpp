@@ -7,8 +7,8 @@
 #include <climits>
 #include <string_view>
 
-#include "base/files.h"
 #include "base/text.h"
+#include "common/files/files.h"
 
 namespace nuvio::host {
 

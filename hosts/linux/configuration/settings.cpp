@@ -10,8 +10,8 @@
 #include <system_error>
 #include <utility>
 
-#include "base/files.h"
 #include "base/text.h"
+#include "common/files/files.h"
 #include "common/number.h"
 #include "common/text.h"
 #include "platform/Environment.h"
@@ -218,7 +218,7 @@ ParsedSettings parse_settings(std::string_view text) {
 
 Settings Settings::load() {
     const std::string path = settings_path();
-    FileText file = read_file(path, kMaxSettingsBytes);
+    const FileText file = read_file(path, kMaxSettingsBytes);
     Settings settings;
     if (file.error != 0) {
         settings.m_error = "cannot read the settings in " + path + ": " +
@@ -231,10 +231,8 @@ Settings Settings::load() {
     if (file.cut) {
         faults.push_back(path + " is larger than " + std::to_string(kMaxSettingsBytes) +
                          " bytes, the rest is ignored");
-        // The cut may have left half a line, which could read as a wrong value.
-        file.text.resize(file.text.rfind('\n') + 1);
     }
-    ParsedSettings parsed = parse_settings(file.text);
+    ParsedSettings parsed = parse_settings(file.whole_lines());
     std::ranges::move(describe(path, find_faults(parsed)), std::back_inserter(faults));
     settings.m_values = std::move(parsed.values);
     settings.tell(faults);

@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <system_error>
 
-#include "base/files.h"
 #include "base/text.h"
+#include "common/files/files.h"
 #include "configuration/settings.h"
 
 namespace nuvio::host {

@@ -9,8 +9,8 @@
 #include <system_error>
 #include <utility>
 
-#include "base/files.h"
 #include "base/text.h"
+#include "common/files/files.h"
 #include "configuration/device_name.h"
 #include "platform/Kora.h"
 
@@ -81,7 +81,7 @@ std::map<int, std::string> StateStore::load() {
                std::generic_category().message(file.error).c_str());
         return {};
     }
-    ParsedSettings parsed = parse_settings(file.text);
+    ParsedSettings parsed = parse_settings(file.whole_lines());
     std::map<int, std::string> values;
     size_t refused = parsed.problems.size();
     for (const Item& item : kItems) {
