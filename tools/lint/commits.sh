@@ -18,7 +18,7 @@ complain() {
 }
 for commit in $(git rev-list --no-merges "$since..HEAD"); do
     subject=$(git log -1 --format=%s "$commit")
-    [[ $subject != *'; '* && $subject != *', and '* ]] || complain "$commit" "joins two changes"
+    [[ $subject != *'; '* ]] || complain "$commit" "joins two changes"
     [ -n "$(git log -1 --format=%b "$commit")" ] ||
         [ "$(git show --format= --name-only "$commit" | wc -l)" -le 3 ] ||
         complain "$commit" "more than three files, and no word why"
