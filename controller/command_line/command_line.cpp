@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "common/json/json.h"
 #include "common/percent_encoding.h"
 #include "common/utf8.h"
-#include "controller/base/json.h"
 #include "controller/command_line/arguments.h"
 #include "controller/command_line/direct.h"
 #include "controller/device/http_client.h"

@@ -9,8 +9,8 @@
 #include <mutex>
 #include <system_error>
 
+#include "common/json/json.h"
 #include "common/utf8.h"
-#include "controller/base/json.h"
 #include "controller/base/token.h"
 #include "controller/device/http_client.h"
 #include "controller/discovery/discovery.h"

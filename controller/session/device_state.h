@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "controller/base/json.h"
+#include "common/json/json.h"
 
 namespace nuvio::controller {
 

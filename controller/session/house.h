@@ -20,8 +20,8 @@
 #include <thread>
 #include <vector>
 
+#include "common/json/json.h"
 #include "controller/base/changes.h"
-#include "controller/base/json.h"
 #include "controller/discovery/discovery.h"
 #include "controller/library/library.h"
 #include "controller/session/device_state.h"

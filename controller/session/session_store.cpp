@@ -4,7 +4,7 @@
 #include <system_error>
 
 #include "common/files/files.h"
-#include "controller/base/json.h"
+#include "common/json/json.h"
 #include "controller/base/log.h"
 #include "controller/base/token.h"
 

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "controller/base/json.h"
+#include "common/json/json.h"
 #include "controller/library/library.h"
 
 namespace nuvio::controller {

@@ -14,7 +14,7 @@ namespace {
 constexpr int64_t kMaxBody = int64_t{64} << 10;
 // A value takes up to 150 bytes as long as its request waits for a device, and all but one have a
 // comma at a side.
-constexpr std::ptrdiff_t kMaxValues = 6'000;
+constexpr size_t kMaxValues = 6'000;
 
 constexpr char kSafeHeaders[] =
     "Content-Security-Policy: default-src 'none'; script-src 'self'; style-src 'self'; "
@@ -70,10 +70,9 @@ JsonPtr Exchange::body() {
         }
         have += static_cast<size_t>(got);
     }
-    const bool is_modest = std::ranges::count(text, ',') <= kMaxValues;
-    JsonPtr document = is_modest ? parse_json({text.data(), have}) : nullptr;
+    JsonPtr document = parse_json({text.data(), have}, kMaxValues);
     if (have < text.size() || cJSON_IsObject(document.get()) == 0) {
-        fail(400, is_modest ? "the body is no JSON object" : "at most 6,000 values");
+        fail(400, "the body is no JSON object, or has more than 6,000 values");
         return nullptr;
     }
     return document;

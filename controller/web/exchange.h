@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-#include "controller/base/json.h"
+#include "common/json/json.h"
 
 namespace nuvio::controller {
 

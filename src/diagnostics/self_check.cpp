@@ -3,7 +3,6 @@
 #include <avahi-client/client.h>
 #include <avahi-common/error.h>
 #include <avahi-common/simple-watch.h>
-#include <cjson/cJSON.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -17,7 +16,9 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
+#include "common/json/json.h"
 #include "common/number.h"
 #include "common/released_by.h"
 #include "common/unique_fd.h"
@@ -150,20 +151,20 @@ int runSelfCheck() {
 
 int runSelfCheckForPrograms() {
     beQuiet();
-    const std::unique_ptr<cJSON, nuvio::ReleasedBy<cJSON_Delete>> answer(cJSON_CreateObject());
+    nuvio::JsonPtr checks = nuvio::new_array();
     bool ok = true;
-    cJSON* const checks = cJSON_AddArrayToObject(answer.get(), "checks");
     for (Finding (*check)() : kChecks) {
         const Finding finding = check();
         ok = ok && finding.ok;
-        cJSON* const entry = cJSON_CreateObject();
-        cJSON_AddStringToObject(entry, "subject", finding.subject);
-        cJSON_AddBoolToObject(entry, "ok", finding.ok);
-        cJSON_AddStringToObject(entry, "text", nuvio::printable(finding.text).c_str());
-        cJSON_AddItemToArray(checks, entry);
+        nuvio::JsonPtr entry = nuvio::new_object();
+        nuvio::add(entry.get(), "subject", finding.subject);
+        nuvio::add(entry.get(), "ok", finding.ok);
+        nuvio::add(entry.get(), "text", nuvio::printable(finding.text));
+        nuvio::append(checks.get(), std::move(entry));
     }
-    cJSON_AddBoolToObject(answer.get(), "ok", ok);
-    const std::unique_ptr<char, nuvio::ReleasedBy<cJSON_free>> text(
-        cJSON_PrintUnformatted(answer.get()));
-    return text != nullptr && std::puts(text.get()) >= 0 && ok ? EXIT_SUCCESS : EXIT_FAILURE;
+    const nuvio::JsonPtr answer = nuvio::new_object();
+    nuvio::add(answer.get(), "checks", std::move(checks));
+    nuvio::add(answer.get(), "ok", ok);
+    const std::string text = nuvio::print_json(answer.get());
+    return std::puts(text.c_str()) >= 0 && ok ? EXIT_SUCCESS : EXIT_FAILURE;
 }

@@ -4,7 +4,7 @@
 #include <limits>
 #include <string_view>
 
-#include "common/json_nesting.h"
+#include "common/json/shape.h"
 #include "utility/check.h"
 
 namespace {

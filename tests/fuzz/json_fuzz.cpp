@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <string_view>
 
-#include "common/json_nesting.h"
+#include "common/json/shape.h"
 #include "fuzz/expect.h"
 
 namespace {
@@ -33,6 +33,14 @@ size_t depth_of(const cJSON* value) {
     return deepest + (cJSON_IsArray(value) != 0 || cJSON_IsObject(value) != 0 ? 1 : 0);
 }
 
+size_t count_of(const cJSON* value) {
+    size_t count = 1;
+    for (const cJSON* child = value->child; child != nullptr; child = child->next) {
+        count += count_of(child);
+    }
+    return count;
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -42,10 +50,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const char* const here = static_cast<const char*>(__builtin_frame_address(0));
     g_lowest = here;
     cJSON* const document = cJSON_ParseWithLength(text.data(), text.size());
-    const size_t nesting = nuvio::json_nesting(text);
-    FUZZ_EXPECT(static_cast<size_t>(here - g_lowest) <= nesting * kLevelBytes + kOtherBytes);
+    const nuvio::JsonShape shape = nuvio::json_shape(text);
+    FUZZ_EXPECT(static_cast<size_t>(here - g_lowest) <= shape.nesting * kLevelBytes + kOtherBytes);
     if (document != nullptr) {
-        FUZZ_EXPECT(depth_of(document) == nesting);
+        FUZZ_EXPECT(depth_of(document) == shape.nesting);
+        FUZZ_EXPECT(count_of(document) <= shape.values);
     }
     cJSON_Delete(document);
     return 0;

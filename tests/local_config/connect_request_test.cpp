@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "common/json_nesting.h"
+#include "common/json/shape.h"
 
 namespace {
 

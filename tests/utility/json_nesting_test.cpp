@@ -1,12 +1,14 @@
-#include "common/json_nesting.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
 
-using nuvio::json_nesting;
+#include "common/json/shape.h"
 
 namespace {
+
+size_t json_nesting(std::string_view text) {
+    return nuvio::json_shape(text).nesting;
+}
 
 TEST(JsonNesting, CountsBracketsBehindTextsThatEndInEveryKindOfEscape) {
     const std::string deep(999, '[');
@@ -32,6 +34,11 @@ TEST(JsonNesting, LooksAtTheFirstValueAlone) {
     EXPECT_EQ(json_nesting("[{}][[[[["), 2U);
     EXPECT_EQ(json_nesting("\"[[[\" [["), 0U);
     EXPECT_EQ(json_nesting("]["), 0U);
+}
+
+TEST(JsonShape, CountsNoFewerValuesThanThereAre) {
+    EXPECT_EQ(nuvio::json_shape(R"([1,"a,b,[",{"x":[]},2])").values, 7U);
+    EXPECT_EQ(nuvio::json_shape("7").values, 1U);
 }
 
 }  // namespace

@@ -72,7 +72,7 @@ struct Refusal {
 
 std::variant<RemoteCommand, Refusal> read_command(std::string_view text);
 
-// What the device says. Texts that are no UTF-8 lose what is not.
+// What the device says. Bytes that are no UTF-8 go out as U+FFFD.
 struct HelloMessage {
     std::string session;
     std::string uuid;

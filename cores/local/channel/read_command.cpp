@@ -1,51 +1,42 @@
 #include <algorithm>
-#include <cmath>
 #include <iterator>
 #include <utility>
 
-#include "common/json_nesting.h"
-#include "common/utf8.h"
-#include "local/channel/json.h"
+#include "common/json/json.h"
+#include "local/channel/loop_texts.h"
 #include "local/channel/messages.h"
 
 namespace local_core {
 
 namespace {
 
+using nuvio::member;
+
 // What is missing or wrong, for the answer.
 struct Wrong {
     std::string what;
 };
 
-const cJSON* member(const cJSON* object, const char* name) {
-    return cJSON_GetObjectItemCaseSensitive(object, name);
-}
-
 std::optional<uint64_t> integer_of(const cJSON* value) {
-    if (!cJSON_IsNumber(value)) {
-        return std::nullopt;
-    }
-    const double number = value->valuedouble;
-    if (!(number >= 0 && number <= kMaxInteger) || number != std::floor(number)) {
-        return std::nullopt;
-    }
-    return static_cast<uint64_t>(number);
+    const std::optional<int64_t> number = nuvio::number_of(value);
+    return number && *number >= 0 ? std::optional(static_cast<uint64_t>(*number)) : std::nullopt;
 }
 
-uint64_t required_integer(const cJSON* object, const char* name, double highest = kMaxInteger) {
+uint64_t required_integer(const cJSON* object, const char* name,
+                          uint64_t highest = nuvio::kMaxJsonNumber) {
     const std::optional<uint64_t> number = integer_of(member(object, name));
-    if (!number || static_cast<double>(*number) > highest) {
+    if (!number || *number > highest) {
         throw Wrong{std::string(name) + " is not an integer in its range"};
     }
     return *number;
 }
 
 bool required_flag(const cJSON* object, const char* name) {
-    const cJSON* const value = member(object, name);
-    if (!cJSON_IsBool(value)) {
+    const std::optional<bool> flag = nuvio::bool_member(object, name);
+    if (!flag) {
         throw Wrong{std::string(name) + " is not a boolean"};
     }
-    return cJSON_IsTrue(value) != 0;
+    return *flag;
 }
 
 std::string text_of(const cJSON* object, const char* name, size_t max_bytes) {
@@ -183,25 +174,10 @@ constexpr CommandRow kCommands[] = {
     {"leave", RemoteVerb::leave},
 };
 
-// "\u0000" would cut a text short; nothing that means well has it.
-bool has_nul(std::string_view text) {
-    if (text.find('\0') != std::string_view::npos) {
-        return true;
-    }
-    for (size_t i = 0; i + 1 < text.size(); ++i) {
-        if (text[i] == '\\' && text.substr(i + 1).starts_with("u0000")) {
-            return true;
-        }
-        i += text[i] == '\\' ? 1 : 0;
-    }
-    return false;
-}
-
 }  // namespace
 
 std::variant<RemoteCommand, Refusal> read_command(std::string_view text) {
-    const bool is_fit = !has_nul(text) && nuvio::is_utf8(text) && !nuvio::nests_too_deep(text);
-    const Json message(is_fit ? cJSON_ParseWithLength(text.data(), text.size()) : nullptr);
+    const nuvio::JsonPtr message = nuvio::parse_json(text);
     if (!cJSON_IsObject(message.get())) {
         return Refusal{"bad_message", "not a JSON object"};
     }

@@ -1,6 +1,5 @@
 #include "local/network/remote_playlist.h"
 
-#include <cjson/cJSON.h>
 #include <expat.h>
 #include <malloc.h>
 
@@ -10,7 +9,7 @@
 #include <memory>
 #include <utility>
 
-#include "common/json_nesting.h"
+#include "common/json/json.h"
 #include "common/m3u.h"
 #include "common/number.h"
 #include "common/released_by.h"
@@ -237,17 +236,9 @@ std::string json_text(const cJSON* value) {
     return text != nullptr ? text : "";
 }
 
-// A value takes up to 150 bytes, and all but one have a comma at a side.
-constexpr std::ptrdiff_t kMaxJsonValues = 65'536;
-
 std::vector<Entry> parse_jspf(std::string_view text, size_t max_entries) {
-    if (std::ranges::count(text, ',') > kMaxJsonValues) {
-        return {};
-    }
-    const std::unique_ptr<cJSON, nuvio::ReleasedBy<cJSON_Delete>> root(
-        nuvio::nests_too_deep(text) ? nullptr : cJSON_ParseWithLength(text.data(), text.size()));
-    const cJSON* playlist = cJSON_GetObjectItemCaseSensitive(root.get(), "playlist");
-    const cJSON* tracks = cJSON_GetObjectItemCaseSensitive(playlist, "track");
+    const nuvio::JsonPtr root = nuvio::parse_json(text);
+    const cJSON* tracks = nuvio::member(nuvio::member(root.get(), "playlist"), "track");
     std::vector<Entry> entries;
     const cJSON* track = nullptr;
     cJSON_ArrayForEach(track, tracks) {
@@ -256,10 +247,9 @@ std::vector<Entry> parse_jspf(std::string_view text, size_t max_entries) {
         }
         Entry entry;
         for (const auto& field : kTexts) {
-            entry.*field.text =
-                json_text(cJSON_GetObjectItemCaseSensitive(track, std::string(field.name).c_str()));
+            entry.*field.text = json_text(nuvio::member(track, std::string(field.name).c_str()));
         }
-        const cJSON* duration = cJSON_GetObjectItemCaseSensitive(track, "duration");
+        const cJSON* duration = nuvio::member(track, "duration");
         constexpr double kMaxMilliseconds = 1e12;
         if (cJSON_IsNumber(duration) && duration->valuedouble >= 0 &&
             duration->valuedouble <= kMaxMilliseconds) {

@@ -1,7 +1,5 @@
 #include "watch/device_status.h"
 
-#include <cjson/cJSON.h>
-
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -12,8 +10,8 @@
 #include <string_view>
 
 #include "base/text.h"
+#include "common/json/json.h"
 #include "common/number.h"
-#include "common/released_by.h"
 #include "platform/Kora.h"
 
 namespace nuvio::host {
@@ -64,26 +62,19 @@ bool is_muted(const Controls& controls) {
 
 // ---- JSON -----------------------------------------------------------------------------------
 
-void add(cJSON* object, const char* key, std::optional<double> number) {
-    number ? cJSON_AddNumberToObject(object, key, *number) : cJSON_AddNullToObject(object, key);
-}
-
-void add(cJSON* object, const char* key, const std::optional<std::string>& text) {
-    text ? cJSON_AddStringToObject(object, key, text->c_str()) : cJSON_AddNullToObject(object, key);
-}
-
 // An object under the key, or null in its place where the condition does not hold.
 cJSON* add_object_if(bool condition, cJSON* object, const char* key) {
-    return condition ? cJSON_AddObjectToObject(object, key)
-                     : (cJSON_AddNullToObject(object, key), nullptr);
+    if (!condition) {
+        add(object, key, nullptr);
+    }
+    return condition ? add_object(object, key) : nullptr;
 }
 
 void add_track(cJSON* status, const NowPlayingView& view) {
-    if (!view.track) {
-        cJSON_AddNullToObject(status, "track");
+    cJSON* const track = add_object_if(view.track.has_value(), status, "track");
+    if (track == nullptr) {
         return;
     }
-    cJSON* const track = cJSON_AddObjectToObject(status, "track");
     add(track, "title", view.track->title);
     add(track, "artist", view.track->artist);
     add(track, "album", view.track->album);
@@ -111,8 +102,7 @@ void add_output(cJSON* status, const Facts& facts) {
     add_format(output, "granted", facts, "card_");
     add(output, "granted_format", facts.text("card_format"));
     const auto exact = facts.number("bit_exact");
-    exact ? cJSON_AddBoolToObject(output, "bit_exact", *exact)
-          : cJSON_AddNullToObject(output, "bit_exact");
+    add(output, "bit_exact", exact ? std::optional(*exact != 0) : std::nullopt);
     add(output, "why", facts.text("bit_exact_why"));
     add(output, "buffer_frames", facts.number("buffer_frames"));
     add(output, "period_frames", facts.number("period_frames"));
@@ -197,27 +187,26 @@ void set_service_report(ServiceReport report) {
 std::string DeviceStatus::json() const {
     const Facts facts;
     const NowPlayingView view = m_controls.now_playing().view();
-    const std::unique_ptr<cJSON, nuvio::ReleasedBy<cJSON_Delete>> made(cJSON_CreateObject());
-    cJSON* const status = made.get();
+    const JsonPtr document = new_object();
+    cJSON* const status = document.get();
     add(status, "name", m_controls.device_name());
-    add(status, "state", std::string(kStates[view.status]));
+    add(status, "state", kStates[view.status]);
     add_track(status, view);
     add_output(status, facts);
     add(status, "volume", volume_of(m_controls));
-    cJSON_AddBoolToObject(status, "muted", is_muted(m_controls));
+    add(status, "muted", is_muted(m_controls));
     add(status, "underruns", facts.number("underruns"));
     add_error(status, facts);
-    cJSON* const sessions = cJSON_AddObjectToObject(status, "sessions");
+    cJSON* const sessions = add_object(status, "sessions");
     add(sessions, "taken", facts.number("sessions"));
-    cJSON_AddBoolToObject(sessions, "active", view.actions.control);
+    add(sessions, "active", view.actions.control);
     add(status, "uptime_s", static_cast<double>(uptime().count()));
-    cJSON* const versions = cJSON_AddObjectToObject(status, "versions");
-    add(versions, "host", std::string(NUVIO_VERSION));
+    cJSON* const versions = add_object(status, "versions");
+    add(versions, "host", NUVIO_VERSION);
     add(versions, "service", facts.text("service_version"));
     add(versions, "sdk", facts.text("sdk_version"));
     add(versions, "alsa", facts.text("alsa_version"));
-    const std::unique_ptr<char, nuvio::ReleasedBy<cJSON_free>> text(cJSON_PrintUnformatted(status));
-    return text == nullptr ? std::string() : text.get();
+    return print_json(status);
 }
 
 std::string DeviceStatus::metrics() const {
