@@ -39,8 +39,7 @@ inline bool is_own_name(std::string_view name) {
 }
 
 inline bool ends_with(std::string_view name, std::string_view domain) {
-    return name.size() > domain.size() &&
-           equals_ignoring_case(name.substr(name.size() - domain.size()), domain);
+    return name.size() > domain.size() && ends_with_ignoring_case(name, domain);
 }
 
 inline bool is_of_the_house(std::string_view host) {

@@ -1,9 +1,9 @@
 #include "controller/base/settings.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <sstream>
 
+#include "common/environment.h"
 #include "common/number.h"
 
 namespace nuvio::controller {
@@ -53,23 +53,18 @@ constexpr Option kOptions[] = {
     {"--public-name", "NUVIO_CONTROLLER_PUBLIC_NAME", set_text<&Settings::public_name>},
 };
 
-std::string variable(const char* name) {
-    const char* value = std::getenv(name);
-    return value != nullptr ? value : "";
-}
-
 // Where the service manager says, else where a person's programs keep such things.
 std::string default_state_folder() {
-    const std::string given = variable("STATE_DIRECTORY");
-    const std::string state = variable("XDG_STATE_HOME");
+    const std::string given = environment_text("STATE_DIRECTORY");
+    const std::string state = environment_text("XDG_STATE_HOME");
     return !given.empty()  ? given
-           : state.empty() ? variable("HOME") + "/.local/state/nuvio-connect-controller"
+           : state.empty() ? environment_text("HOME") + "/.local/state/nuvio-connect-controller"
                            : state + "/nuvio-connect-controller";
 }
 
 // Several folders have colons between.
 bool read_variable(const Option& option, Settings* settings) {
-    const std::string value = variable(option.variable);
+    const std::string value = environment_text(option.variable);
     if (option.set != set_music) {
         return value.empty() || option.set(*settings, value);
     }

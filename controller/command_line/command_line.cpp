@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 
+#include "common/environment.h"
 #include "common/json/json.h"
 #include "common/percent_encoding.h"
 #include "common/utf8.h"
@@ -17,6 +17,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 constexpr long kPatienceMs = 40'000;
+constexpr size_t kMaxAnswerValues = 1'000'000;
 
 // Ends the command with status 1 and a line.
 struct Failure {
@@ -26,19 +27,19 @@ struct Failure {
 struct Misuse {};
 
 JsonPtr ask_controller(const char* method, const std::string& path, const std::string& body = {}) {
-    const char* place = std::getenv("NUVIO_CONTROLLER");
-    const char* password = std::getenv("NUVIO_CONTROLLER_PASSWORD");
-    const std::string url = place != nullptr && *place != '\0' ? place : "http://127.0.0.1:8090";
+    const std::string url = environment_text("NUVIO_CONTROLLER", "http://127.0.0.1:8090");
+    const std::string password = environment_text("NUVIO_CONTROLLER_PASSWORD");
     const HttpAnswer answer = ask({.url = url + "/api/" + path,
                                    .method = method,
                                    .body = body,
-                                   .user = password != nullptr ? std::string("x:") + password : "",
+                                   .user = password.empty() ? "" : "x:" + password,
                                    .timeout_ms = kPatienceMs});
     if (answer.status == 0) {
         throw Failure{"no controller at " + url + " (" + answer.failure +
                       "): is `nuvio-connect-controller serve` running?"};
     }
-    JsonPtr document = parse_json(answer.body);
+    // A queue of 20,000 tracks is such an answer.
+    JsonPtr document = parse_json(answer.body, kMaxAnswerValues);
     if (answer.status != 200 || document == nullptr) {
         throw Failure{text_member(document.get(), "error")
                           .value_or("the controller answered " + std::to_string(answer.status))};

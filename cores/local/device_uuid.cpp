@@ -6,8 +6,8 @@
 #include <cinttypes>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 
+#include "common/environment.h"
 #include "common/files/files.h"
 #include "common/fnv1a.h"
 
@@ -47,8 +47,7 @@ std::string kept_id(const std::string& folder) {
 std::string device_uuid() {
     sd_id128_t machine;
     const bool known = sd_id128_get_machine_app_specific(kApplication, &machine) == 0;
-    const char* folder = std::getenv("NUVIO_STATE_DIR");
-    return device_uuid(known ? text_of(machine) : "", folder == nullptr ? "" : folder);
+    return device_uuid(known ? text_of(machine) : "", nuvio::environment_text("NUVIO_STATE_DIR"));
 }
 
 std::string device_uuid(const std::string& machine, const std::string& state_folder) {

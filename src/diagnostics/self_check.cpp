@@ -18,6 +18,7 @@
 #include <string_view>
 #include <utility>
 
+#include "common/environment.h"
 #include "common/json/json.h"
 #include "common/number.h"
 #include "common/released_by.h"
@@ -73,10 +74,8 @@ Finding checkSettings() {
 // Of "unix:path=/run/dbus/system_bus_socket,guid=..." the path; empty for a bus of another kind.
 std::string systemBusSocket() {
     constexpr std::string_view kPath = "unix:path=";
-    const char* set = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    if (set == nullptr) {
-        return "/run/dbus/system_bus_socket";
-    }
+    const std::string set =
+        nuvio::environment_text("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/dbus/system_bus_socket");
     const std::string_view address = set;
     return std::string(
         address.starts_with(kPath)

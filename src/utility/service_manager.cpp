@@ -5,18 +5,17 @@
 #include <unistd.h>
 
 #include <cstddef>
-#include <cstdlib>
 #include <cstring>
 #include <string_view>
 
+#include "common/environment.h"
 #include "common/number.h"
 #include "common/unique_fd.h"
 
 namespace {
 
 uint64_t number_in(const char* name) {
-    const char* text = std::getenv(name);
-    return text == nullptr ? 0 : nuvio::to_number<uint64_t>(text).value_or(0);
+    return nuvio::to_number<uint64_t>(nuvio::environment_text(name)).value_or(0);
 }
 
 }  // namespace
@@ -28,8 +27,7 @@ uint64_t service_manager_watchdog_us() {
 }
 
 void service_manager_notify(const char* lines) {
-    const char* const name = std::getenv("NOTIFY_SOCKET");
-    const std::string_view path = name == nullptr ? "" : name;
+    const std::string path = nuvio::environment_text("NOTIFY_SOCKET");
     sockaddr_un address{};
     if (path.empty() || path.size() >= sizeof address.sun_path) {
         return;

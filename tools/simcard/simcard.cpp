@@ -16,6 +16,7 @@
 #include <thread>
 #include <utility>
 
+#include "common/environment.h"
 #include "tools/simcard/shared_state.h"
 
 namespace simcard {
@@ -154,8 +155,7 @@ std::string alsa_configuration(const fs::path& directory, const std::string& plu
 }
 
 std::string plugin_dir(const char* built) {
-    const char* const installed = std::getenv(kPluginDirVariable);
-    return installed != nullptr && *installed != '\0' ? installed : built;
+    return nuvio::environment_text(kPluginDirVariable, built);
 }
 
 // ---- Reading recordings -------------------------------------------------------------------------

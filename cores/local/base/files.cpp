@@ -6,10 +6,11 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <sstream>
 #include <system_error>
+
+#include "common/environment.h"
 
 namespace local_core {
 
@@ -38,8 +39,8 @@ bool is_below(const std::filesystem::path& path, const std::filesystem::path& fo
 const std::vector<std::string>& music_folders() {
     // Never destroyed: a thread that hangs may outlive the process's end of the rest.
     static const auto* const folders = new std::vector<std::string>([] {
-        const char* const named = std::getenv("NUVIO_MUSIC_FOLDERS");
-        std::istringstream list(named != nullptr && *named != '\0' ? named : kDefaultMusicFolders);
+        std::istringstream list(
+            nuvio::environment_text("NUVIO_MUSIC_FOLDERS", kDefaultMusicFolders));
         std::vector<std::string> found;
         for (std::string folder; std::getline(list, folder, ':');) {
             if (folder.starts_with('/')) {

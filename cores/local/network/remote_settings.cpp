@@ -1,8 +1,8 @@
 #include "local/network/remote_settings.h"
 
 #include <algorithm>
-#include <cstdlib>
 
+#include "common/environment.h"
 #include "common/number.h"
 
 namespace local_core {
@@ -11,8 +11,7 @@ namespace {
 
 // The variable's number, kept within the bounds; `otherwise` where it is none.
 unsigned number_from(const char* variable, unsigned lowest, unsigned highest, unsigned otherwise) {
-    const char* const text = std::getenv(variable);
-    const auto number = nuvio::to_number<unsigned>(text != nullptr ? text : "");
+    const auto number = nuvio::to_number<unsigned>(nuvio::environment_text(variable));
     return number ? std::clamp(*number, lowest, highest) : otherwise;
 }
 
@@ -29,8 +28,7 @@ const HttpRequest& remote_request_defaults() {
         request.stalled_after =
             std::min(request.stalled_after,
                      std::chrono::ceil<std::chrono::seconds>(request.give_up_after / 3));
-        const char* const authorities = std::getenv("NUVIO_NETWORK_AUTHORITIES");
-        request.authorities = authorities != nullptr ? authorities : "";
+        request.authorities = nuvio::environment_text("NUVIO_NETWORK_AUTHORITIES");
         return request;
     }());
     return *defaults;

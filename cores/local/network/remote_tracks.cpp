@@ -15,8 +15,7 @@ bool may_be_playlist(const std::string& url) {
     constexpr std::string_view kEndings[] = {".m3u", ".m3u8", ".pls", ".xspf", ".jspf"};
     const std::string_view path = std::string_view(url).substr(0, url.find('?'));
     return std::ranges::any_of(kEndings, [&](std::string_view ending) {
-        return path.size() > ending.size() &&
-               nuvio::equals_ignoring_case(path.substr(path.size() - ending.size()), ending);
+        return nuvio::ends_with_ignoring_case(path, ending);
     });
 }
 

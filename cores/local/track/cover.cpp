@@ -2,13 +2,13 @@
 
 #include <unistd.h>
 
-#include <cstdlib>
 #include <filesystem>
 #include <map>
 #include <mutex>
 #include <string_view>
 #include <system_error>
 
+#include "common/environment.h"
 #include "common/files/files.h"
 #include "common/fnv1a.h"
 #include "common/music/pictures.h"
@@ -34,8 +34,7 @@ Kept& kept() {
 }
 
 std::string state_directory() {
-    const char* const named = std::getenv("NUVIO_STATE_DIR");
-    return named != nullptr ? named : "";
+    return nuvio::environment_text("NUVIO_STATE_DIR");
 }
 
 // What a process that was killed has left.

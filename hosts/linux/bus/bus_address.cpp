@@ -1,19 +1,14 @@
 #include "bus/bus_address.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <string_view>
 
+#include "common/environment.h"
 #include "common/percent_encoding.h"
 
 namespace nuvio::host {
 
 namespace {
-
-std::string environment(const char* name) {
-    const char* value = std::getenv(name);
-    return value == nullptr ? std::string() : std::string(value);
-}
 
 // Calls `take` with each piece between separators that is not empty.
 template <typename Take>
@@ -64,15 +59,15 @@ void append(std::vector<BusAddress>& addresses, std::string_view list) {
 }
 
 void append_session(std::vector<BusAddress>& addresses) {
-    if (const std::string named = environment("DBUS_SESSION_BUS_ADDRESS"); !named.empty()) {
+    if (const std::string named = environment_text("DBUS_SESSION_BUS_ADDRESS"); !named.empty()) {
         append(addresses, named);
-    } else if (const std::string folder = environment("XDG_RUNTIME_DIR"); !folder.empty()) {
+    } else if (const std::string folder = environment_text("XDG_RUNTIME_DIR"); !folder.empty()) {
         append(addresses, "unix:path=" + percent_encode(folder) + "/bus");
     }
 }
 
 void append_system(std::vector<BusAddress>& addresses) {
-    const std::string named = environment("DBUS_SYSTEM_BUS_ADDRESS");
+    const std::string named = environment_text("DBUS_SYSTEM_BUS_ADDRESS");
     append(addresses, named.empty() ? "unix:path=/run/dbus/system_bus_socket" : named);
 }
 

@@ -5,12 +5,12 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <cstdlib>
 #include <iterator>
 #include <system_error>
 #include <utility>
 
 #include "base/text.h"
+#include "common/environment.h"
 #include "common/files/files.h"
 #include "common/number.h"
 #include "common/text.h"
@@ -199,8 +199,7 @@ std::vector<std::string> describe(const std::string& path,
 }  // namespace
 
 std::string settings_path() {
-    const char* named = std::getenv("NUVIO_SETTINGS");
-    return named != nullptr && *named != '\0' ? named : kDefaultPath;
+    return environment_text("NUVIO_SETTINGS", kDefaultPath);
 }
 
 ParsedSettings parse_settings(std::string_view text) {

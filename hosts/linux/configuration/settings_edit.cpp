@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "base/text.h"
+#include "common/environment.h"
 #include "common/files/files.h"
 #include "configuration/settings.h"
 
@@ -140,8 +141,7 @@ void use_alsa_configuration() {
     if (!fs::is_regular_file(path, failure)) {
         return;
     }
-    const char* set = std::getenv("ALSA_CONFIG_PATH");
-    const std::string before = set == nullptr || *set == '\0' ? kAlsaStock : set;
+    const std::string before = environment_text("ALSA_CONFIG_PATH", kAlsaStock);
     if (before.find(path.string()) == std::string::npos) {
         setenv("ALSA_CONFIG_PATH", (before + ":" + path.string()).c_str(), 1);
     }

@@ -5,11 +5,11 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <system_error>
 #include <utility>
 
 #include "base/text.h"
+#include "common/environment.h"
 #include "common/files/files.h"
 #include "configuration/device_name.h"
 #include "platform/Kora.h"
@@ -46,30 +46,25 @@ const Item* find_item(int id) {
     return nullptr;
 }
 
-std::string environment(const char* name) {
-    const char* value = std::getenv(name);
-    return value == nullptr ? std::string() : std::string(value);
-}
-
 }  // namespace
 
 std::string state_directory(const Settings& settings) {
-    if (std::string folder = environment("NUVIO_STATE_DIR"); !folder.empty()) {
+    if (std::string folder = environment_text("NUVIO_STATE_DIR"); !folder.empty()) {
         return folder;
     }
     if (!settings.get(kHostStateDir).empty()) {
         return settings.get(kHostStateDir);
     }
-    if (std::string folder = environment("STATE_DIRECTORY"); !folder.empty()) {
+    if (std::string folder = environment_text("STATE_DIRECTORY"); !folder.empty()) {
         return folder;
     }
     if (::geteuid() == 0) {
         return "/var/lib/nuvio-connect";
     }
-    if (const std::string home = environment("XDG_STATE_HOME"); home.starts_with('/')) {
+    if (const std::string home = environment_text("XDG_STATE_HOME"); home.starts_with('/')) {
         return home + "/nuvio-connect";
     }
-    return environment("HOME") + "/.local/state/nuvio-connect";
+    return environment_text("HOME") + "/.local/state/nuvio-connect";
 }
 
 StateStore::StateStore(std::string folder) : m_path(std::move(folder) + "/state") {}
