@@ -11,7 +11,7 @@ int main(int argc, char** argv) {
     const std::vector<std::string> words(argv + 1, argv + argc);
     const std::string first = words.empty() ? "" : words[0];
     if (first == "--help" || first == "-h" || first == "help") {
-        std::printf("%s", nuvio::controller::command_help());
+        std::printf("%s", nuvio::controller::command_help().c_str());
         return 0;
     }
     if (first == "--version") {

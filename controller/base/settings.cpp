@@ -1,10 +1,13 @@
 #include "controller/base/settings.h"
 
 #include <algorithm>
+#include <iterator>
 #include <sstream>
+#include <string_view>
 
 #include "common/environment.h"
 #include "common/number.h"
+#include "common/options/options.h"
 
 namespace nuvio::controller {
 
@@ -12,8 +15,8 @@ namespace {
 
 using Setter = bool (*)(Settings&, const std::string& value);
 
-struct Option {
-    const char* name;
+struct Row {
+    Option option;
     const char* variable;  // in the environment
     Setter set;
 };
@@ -43,15 +46,33 @@ bool set_text(Settings& settings, const std::string& value) {
     return !value.empty();
 }
 
-constexpr Option kOptions[] = {
-    {"--music", "NUVIO_CONTROLLER_MUSIC", set_music},
-    {"--port", "NUVIO_CONTROLLER_PORT", set_port},
-    {"--address", "NUVIO_CONTROLLER_ADDRESS", set_text<&Settings::address>},
-    {"--state", "NUVIO_CONTROLLER_STATE", set_text<&Settings::state_folder>},
-    {"--password", "NUVIO_CONTROLLER_PASSWORD", set_text<&Settings::password>},
-    {"--base", "NUVIO_CONTROLLER_BASE", set_base},
-    {"--public-name", "NUVIO_CONTROLLER_PUBLIC_NAME", set_text<&Settings::public_name>},
+constexpr Row kRows[] = {
+    {{"music", "DIR", "music below this folder is offered; may be given several times"},
+     "NUVIO_CONTROLLER_MUSIC",
+     set_music},
+    {{"port", "PORT", "of page, content and channel (8090)"}, "NUVIO_CONTROLLER_PORT", set_port},
+    {{"address", "ADDRESS", "listen on this one only"},
+     "NUVIO_CONTROLLER_ADDRESS",
+     set_text<&Settings::address>},
+    {{"state", "DIR", "where the library and the sessions are kept"},
+     "NUVIO_CONTROLLER_STATE",
+     set_text<&Settings::state_folder>},
+    {{"password", "WORD", "page and commands ask for it"},
+     "NUVIO_CONTROLLER_PASSWORD",
+     set_text<&Settings::password>},
+    {{"base", "PATH", "where the page lies behind a proxy: /music"},
+     "NUVIO_CONTROLLER_BASE",
+     set_base},
+    {{"public-name", "NAME", "that a proxy goes by"},
+     "NUVIO_CONTROLLER_PUBLIC_NAME",
+     set_text<&Settings::public_name>},
 };
+
+std::vector<Option> options() {
+    std::vector<Option> all;
+    std::ranges::transform(kRows, std::back_inserter(all), &Row::option);
+    return all;
+}
 
 // Where the service manager says, else where a person's programs keep such things.
 std::string default_state_folder() {
@@ -63,10 +84,10 @@ std::string default_state_folder() {
 }
 
 // Several folders have colons between.
-bool read_variable(const Option& option, Settings* settings) {
-    const std::string value = environment_text(option.variable);
-    if (option.set != set_music) {
-        return value.empty() || option.set(*settings, value);
+bool read_variable(const Row& row, Settings* settings) {
+    const std::string value = environment_text(row.variable);
+    if (row.set != set_music) {
+        return value.empty() || row.set(*settings, value);
     }
     std::istringstream folders(value);
     for (std::string folder; std::getline(folders, folder, ':');) {
@@ -82,28 +103,30 @@ bool read_variable(const Option& option, Settings* settings) {
 bool read_settings(const std::vector<std::string>& words, Settings* settings,
                    std::string* failure) {
     settings->state_folder = default_state_folder();
-    for (const Option& option : kOptions) {
-        if (!read_variable(option, settings)) {
-            *failure = std::string(option.variable) + ": not a value for it";
+    for (const Row& row : kRows) {
+        if (!read_variable(row, settings)) {
+            *failure = std::string(row.variable) + ": not a value for it";
             return false;
         }
     }
-    if (std::ranges::find(words, "--music") != words.end()) {
+    const GivenOptions given = read_options(options(), words, Words::refused);
+    *failure = given.failure;
+    if (given.has("music")) {
         settings->music.clear();
     }
-    for (size_t i = 0; i < words.size(); i += 2) {
-        const auto* option = std::ranges::find_if(
-            kOptions, [&](const Option& each) { return each.name == words[i]; });
-        if (option == std::end(kOptions)) {
-            *failure = words[i] + ": no such option";
-            return false;
-        }
-        if (i + 1 == words.size() || !option->set(*settings, words[i + 1])) {
-            *failure = words[i] + ": not a value for it";
-            return false;
+    for (const GivenOption& each : given.options) {
+        const auto* const row = std::ranges::find_if(kRows, [&](const Row& candidate) {
+            return std::string_view(candidate.option.name) == each.name;
+        });
+        if (failure->empty() && !row->set(*settings, each.value)) {
+            *failure = "--" + std::string(each.name) + ": not a value for it";
         }
     }
-    return true;
+    return failure->empty();
+}
+
+std::string describe_settings() {
+    return describe_options(options());
 }
 
 }  // namespace nuvio::controller

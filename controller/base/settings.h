@@ -20,4 +20,7 @@ struct Settings {
 // Reads what follows "serve". False, with *failure set, for what is not understood.
 bool read_settings(const std::vector<std::string>& words, Settings* settings, std::string* failure);
 
+// Its options, a line or more each.
+std::string describe_settings();
+
 }  // namespace nuvio::controller

@@ -5,8 +5,10 @@
 
 #include "common/environment.h"
 #include "common/json/json.h"
+#include "common/options/options.h"
 #include "common/percent_encoding.h"
 #include "common/utf8.h"
+#include "controller/base/settings.h"
 #include "controller/command_line/arguments.h"
 #include "controller/command_line/direct.h"
 #include "controller/device/http_client.h"
@@ -15,7 +17,7 @@ namespace nuvio::controller {
 
 namespace {
 
-using Words = std::vector<std::string>;
+using Arguments = std::vector<std::string>;
 constexpr long kPatienceMs = 40'000;
 constexpr size_t kMaxAnswerValues = 1'000'000;
 
@@ -23,8 +25,10 @@ constexpr size_t kMaxAnswerValues = 1'000'000;
 struct Failure {
     std::string text;
 };
-// With status 2 and the command's usage.
-struct Misuse {};
+// With status 2, what is wrong where that is known, and the command's usage.
+struct Misuse {
+    std::string text = {};
+};
 
 JsonPtr ask_controller(const char* method, const std::string& path, const std::string& body = {}) {
     const std::string url = environment_text("NUVIO_CONTROLLER", "http://127.0.0.1:8090");
@@ -101,7 +105,7 @@ void show_device(const cJSON* device) {
 
 // ---- The commands -------------------------------------------------------------------------------
 
-void list_devices(const Words&) {
+void list_devices(const Arguments&) {
     const JsonPtr state = ask_controller("GET", "state");
     const cJSON* device = nullptr;
     cJSON_ArrayForEach(device, member(state.get(), "devices")) {
@@ -109,7 +113,7 @@ void list_devices(const Words&) {
     }
 }
 
-void play(const Words& words) {
+void play(const Arguments& words) {
     JsonPtr what = new_array();
     for (size_t i = 1; i < words.size(); ++i) {
         append(what.get(), to_what(words[i]));
@@ -120,7 +124,7 @@ void play(const Words& words) {
 }
 
 template <const char* command>
-void plain(const Words& words) {
+void plain(const Arguments& words) {
     command_device(words[0], command, new_object());
 }
 
@@ -137,13 +141,13 @@ int64_t resolve(const std::optional<Amount>& amount, const std::string& device, 
     return std::max<int64_t>(0, base + amount->number);
 }
 
-void seek(const Words& words) {
+void seek(const Arguments& words) {
     JsonPtr arguments = new_object();
     add(arguments.get(), "position_ms", resolve(to_time(words[1]), words[0], "position_ms"));
     command_device(words[0], "seek", std::move(arguments));
 }
 
-void volume(const Words& words) {
+void volume(const Arguments& words) {
     JsonPtr arguments = new_object();
     add(arguments.get(), "volume",
         std::min<int64_t>(100, resolve(to_amount(words[1]), words[0], "volume")));
@@ -151,7 +155,7 @@ void volume(const Words& words) {
 }
 
 template <const char* command, const char* key>
-void turn(const Words& words) {
+void turn(const Arguments& words) {
     const std::optional<bool> is_on = to_switch(words[1]);
     if (!is_on) {
         throw Misuse{};
@@ -161,7 +165,7 @@ void turn(const Words& words) {
     command_device(words[0], command, std::move(arguments));
 }
 
-void loop(const Words& words) {
+void loop(const Arguments& words) {
     JsonPtr arguments = new_object();
     add(arguments.get(), "loop", words[1]);
     command_device(words[0], "loop", std::move(arguments));
@@ -198,7 +202,7 @@ int64_t item_at(const cJSON* queue, const std::string& place) {
     return *id;
 }
 
-void add_to_queue(const Words& words) {
+void add_to_queue(const Arguments& words) {
     JsonPtr what = new_array();
     for (size_t i = 2; i < words.size(); ++i) {
         append(what.get(), to_what(words[i]));
@@ -209,7 +213,7 @@ void add_to_queue(const Words& words) {
     ask_controller("POST", device_path(words[0], "play"), print_json(body.get()));
 }
 
-void edit_queue(const Words& words) {
+void edit_queue(const Arguments& words) {
     const JsonPtr queue = read_queue(words[0]);
     JsonPtr arguments = new_object();
     JsonPtr items = new_array();
@@ -236,7 +240,7 @@ void edit_queue(const Words& words) {
     }
 }
 
-void queue(const Words& words) {
+void queue(const Arguments& words) {
     if (words.size() == 1) {
         show_queue(words[0]);
     } else if (words.size() < 3) {
@@ -270,31 +274,32 @@ int64_t show_status(int64_t version, const std::string& device, bool is_json) {
     return now;
 }
 
-// With --follow again at each change, until it is interrupted or the controller is gone.
-void status(const Words& words) {
-    bool is_json = false;
-    bool follows = false;
-    std::string device;
-    for (const std::string& word : words) {
-        is_json = is_json || word == "--json";
-        follows = follows || word == "--follow";
-        device = word.starts_with("--") ? device : word;
+constexpr Option kStatusOptions[] = {
+    {"json", nullptr, "all that is known, as one line of JSON"},
+    {"follow", nullptr, "again at each change, until it is interrupted or the controller is gone"},
+};
+
+void status(const Arguments& words) {
+    const GivenOptions given = read_options(kStatusOptions, words, nuvio::Words::taken);
+    if (!given.failure.empty() || given.words.size() > 1) {
+        throw Misuse{given.failure};
     }
+    const std::string device = given.words.empty() ? "" : given.words[0];
     for (int64_t version = -1;;) {
-        version = show_status(version, device, is_json);
-        if (!follows) {
+        version = show_status(version, device, given.has("json"));
+        if (!given.has("follow")) {
             return;
         }
     }
 }
 
-void find(const Words&) {
+void find(const Arguments&) {
     if (find_devices() != 0) {
         throw Failure{};
     }
 }
 
-void connect(const Words& words) {
+void connect(const Arguments& words) {
     if (connect_device(words[0], words[1]) != 0) {
         throw Failure{};
     }
@@ -308,28 +313,32 @@ struct Command {
     const char* name;
     size_t least, most;  // words behind it
     const char* usage;
-    void (*run)(const Words& words);
+    const char* text;  // for people
+    void (*run)(const Arguments& words);
 };
 
 constexpr size_t kAny = 100'000;
 constexpr Command kCommands[] = {
-    {"devices", 0, 0, "", list_devices},
-    {"play", 2, kAny, "DEVICE WHAT...", play},
-    {"pause", 1, 1, "DEVICE", plain<kPause>},
-    {"resume", 1, 1, "DEVICE", plain<kResume>},
-    {"next", 1, 1, "DEVICE", plain<kNext>},
-    {"previous", 1, 1, "DEVICE", plain<kPrevious>},
-    {"stop", 1, 1, "DEVICE", plain<kStop>},
-    {"leave", 1, 1, "DEVICE", plain<kLeave>},
-    {"seek", 2, 2, "DEVICE [+|-]TIME", seek},
-    {"volume", 2, 2, "DEVICE [+|-]PERCENT", volume},
-    {"mute", 2, 2, "DEVICE on|off", turn<kMute, kMuted>},
-    {"shuffle", 2, 2, "DEVICE on|off", turn<kShuffle, kShuffle>},
-    {"loop", 2, 2, "DEVICE off|one|all", loop},
-    {"queue", 1, kAny, "DEVICE [add|next WHAT... | jump N | remove N... | move N M|end]", queue},
-    {"status", 0, 3, "[DEVICE] [--json] [--follow]", status},
-    {"find", 0, 0, "", find},
-    {"connect", 2, 2, "DEVICE PATH-OR-URL", connect},
+    {"devices", 0, 0, "", "what there is, and what it does", list_devices},
+    {"play", 2, kAny, "DEVICE WHAT...", "a file, a folder, a playlist, a URL, or words to look for",
+     play},
+    {"pause", 1, 1, "DEVICE", "", plain<kPause>},
+    {"resume", 1, 1, "DEVICE", "", plain<kResume>},
+    {"next", 1, 1, "DEVICE", "", plain<kNext>},
+    {"previous", 1, 1, "DEVICE", "", plain<kPrevious>},
+    {"stop", 1, 1, "DEVICE", "", plain<kStop>},
+    {"leave", 1, 1, "DEVICE", "ends its session", plain<kLeave>},
+    {"seek", 2, 2, "DEVICE [+|-]TIME", "90, 1:30, +10", seek},
+    {"volume", 2, 2, "DEVICE [+|-]PERCENT", "0 to 100", volume},
+    {"mute", 2, 2, "DEVICE on|off", "", turn<kMute, kMuted>},
+    {"shuffle", 2, 2, "DEVICE on|off", "", turn<kShuffle, kShuffle>},
+    {"loop", 2, 2, "DEVICE off|one|all", "", loop},
+    {"queue", 1, kAny, "DEVICE [add|next WHAT... | jump N | remove N... | move N M|end]",
+     "shows it, each track with its place N, or changes it", queue},
+    {"status", 0, 3, "[DEVICE] [--json] [--follow]", "what plays; --follow: again at each change",
+     status},
+    {"find", 0, 0, "", "without a controller: what answers on the network", find},
+    {"connect", 2, 2, "DEVICE PATH-OR-URL", "without a controller: hands over a session", connect},
 };
 
 }  // namespace
@@ -338,10 +347,13 @@ int run_command(const std::vector<std::string>& words) {
     const auto* command = std::ranges::find_if(
         kCommands, [&](const Command& each) { return !words.empty() && each.name == words[0]; });
     if (command == std::end(kCommands)) {
-        std::fprintf(stderr, "%s", command_help());
-        return 2;
+        std::fprintf(
+            stderr, "nuvio-connect-controller: %s\n\n%s",
+            words.empty() ? "no command" : printable("unknown command '" + words[0] + "'").c_str(),
+            command_help().c_str());
+        return kUsageError;
     }
-    const Words arguments(words.begin() + 1, words.end());
+    const Arguments arguments(words.begin() + 1, words.end());
     try {
         if (arguments.size() < command->least || arguments.size() > command->most) {
             throw Misuse{};
@@ -354,39 +366,32 @@ int run_command(const std::vector<std::string>& words) {
             std::fprintf(stderr, "%s: %s\n", command->name, printable(failure.text).c_str());
         }
         return 1;
-    } catch (const Misuse&) {
+    } catch (const Misuse& misuse) {
+        if (!misuse.text.empty()) {
+            std::fprintf(stderr, "nuvio-connect-controller: %s\n", printable(misuse.text).c_str());
+        }
         std::fprintf(stderr, "usage: nuvio-connect-controller %s %s\n", command->name,
                      command->usage);
-        return 2;
+        return kUsageError;
     }
 }
 
-const char* command_help() {
-    return R"(usage: nuvio-connect-controller COMMAND ...
-
-  serve --music DIR... [--port PORT] [--address ADDRESS] [--state DIR]
-        [--password WORD] [--base PATH] [--public-name NAME]
-
-  devices                             what there is, and what it does
-  play DEVICE WHAT...                 a file, a folder, a playlist, a URL, or words to look for
-  pause|resume|next|previous|stop DEVICE
-  seek DEVICE [+|-]TIME               90, 1:30, +10
-  volume DEVICE [+|-]PERCENT
-  mute|shuffle DEVICE on|off
-  loop DEVICE off|one|all
-  queue DEVICE                        shows it, each track with its place N
-  queue DEVICE add|next WHAT...
-  queue DEVICE jump N | remove N... | move N M|end
-  leave DEVICE                        ends its session
-  status [DEVICE] [--json] [--follow]
-
-Without a running controller:
-  find                                the devices on the network, and what they answer
-  connect DEVICE PATH-OR-URL          hands it a session, PATH-OR-URL as the device sees it
-
-NUVIO_CONTROLLER (http://127.0.0.1:8090) says where the controller runs, NUVIO_CONTROLLER_PASSWORD
-what it asks for. See nuvio-connect-controller(1).
-)";
+std::string command_help() {
+    std::string help =
+        "usage: nuvio-connect-controller COMMAND ...\n\n"
+        "  serve --music DIR... [OPTION...]    runs the controller\n";
+    for (const Command& command : kCommands) {
+        constexpr size_t kColumn = 38;
+        std::string line = std::string("  ") + command.name + " " + command.usage;
+        if (*command.text != '\0') {
+            line += line.size() < kColumn - 1 ? "" : "\n";
+            line.resize(line.ends_with('\n') ? line.size() + kColumn : kColumn, ' ');
+        }
+        help += line + command.text + "\n";
+    }
+    return help + "\nOptions of serve:\n" + describe_settings() +
+           "\nNUVIO_CONTROLLER (http://127.0.0.1:8090) says where the controller runs, "
+           "NUVIO_CONTROLLER_PASSWORD\nwhat it asks for. See nuvio-connect-controller(1).\n";
 }
 
 }  // namespace nuvio::controller

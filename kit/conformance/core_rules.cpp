@@ -5,6 +5,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <random>
@@ -639,6 +640,12 @@ bool check(Report& report, const Rule& rule, const Run& run) {
 extern "C" __attribute__((visibility("default"))) void nuvio_check_rules(
     nuvio::kit::Report& report, const nuvio::kit::Options& options) {
     using namespace nuvio::kit;
+    std::vector<const char*> names;
+    std::ranges::transform(kRules, std::back_inserter(names), &Rule::name);
+    std::ranges::transform(kThroughout, std::back_inserter(names), &Throughout::name);
+    if (is_only_asked(report, options, names)) {
+        return;
+    }
     std::optional<WavFolder> tracks;
     if (options.endpoint.empty()) {
         tracks.emplace();
@@ -649,8 +656,11 @@ extern "C" __attribute__((visibility("default"))) void nuvio_check_rules(
     const Run run{breaches, tracks ? tracks->path() : options.endpoint,
                   std::chrono::seconds(options.patience_s)};
     std::vector<const char*> watched;  // what the rules behind them may still break
+    // What holds throughout is watched in all that is done.
+    const bool all = std::ranges::any_of(
+        kThroughout, [&](const Throughout& each) { return options.wants(each.name); });
     for (const Rule& rule : kRules) {
-        if (!check(report, rule, run)) {
+        if ((all || options.wants(rule.name)) && !check(report, rule, run)) {
             watched.push_back(rule.name);
         }
     }
@@ -660,6 +670,9 @@ extern "C" __attribute__((visibility("default"))) void nuvio_check_rules(
         }
     }
     for (const auto& [name, holds] : kThroughout) {
+        if (!options.wants(name)) {
+            continue;
+        }
         const std::string breach = breaches.of(name);
         report.line(name, breach.empty() ? Verdict::holds : Verdict::broken,
                     breach.empty() ? holds : breach);

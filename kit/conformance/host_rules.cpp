@@ -581,8 +581,16 @@ constexpr std::array kRules = {
 extern "C" __attribute__((visibility("default"))) void nuvio_check_rules(
     nuvio::kit::Report& report, const nuvio::kit::Options& options) {
     using namespace nuvio::kit;
+    std::vector<const char*> names;
+    std::ranges::transform(kRules, std::back_inserter(names), &Rule::name);
+    if (is_only_asked(report, options, names)) {
+        return;
+    }
     g_patience = std::chrono::seconds(options.patience_s);
     for (const Rule& rule : kRules) {
+        if (!options.wants(rule.name)) {
+            continue;
+        }
         report.begin(rule.name, 3 * options.patience_s);
         try {
             report.line(rule.name, Verdict::holds, rule.check());

@@ -6,11 +6,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <optional>
 #include <string>
 #include <string_view>
 
 #include "common/number.h"
+#include "common/options/options.h"
+#include "common/utf8.h"
 #include "conformance/report.h"
 
 namespace {
@@ -19,18 +20,26 @@ using nuvio::kit::Options;
 using nuvio::kit::Report;
 using nuvio::kit::Verdict;
 
-constexpr int kUsageError = 2;
-constexpr char kUsage[] =
-    "usage: nuvio-connect-conformance --core LIBRARY | --host LIBRARY [OPTIONS]\n"
+constexpr char kWhat[] =
+    "usage: nuvio-connect-conformance --core LIBRARY | --host LIBRARY [OPTION...]\n"
     "\n"
     "Runs what the service asks of a core (sdk/nuvio_connect.h) or of a host (platform/*.h)\n"
     "against the library and prints a line a rule: ok, FAIL, or - where it did not come to it.\n"
     "Exit status 0 when none fails.\n"
-    "\n"
-    "  --endpoint WHAT  what the core's sessions name as their content, three tracks or more of\n"
-    "                   some seconds; default: a folder of three WAV files, made for the run\n"
-    "  --patience S     how long to wait for what is to come (10)\n"
-    "  --all            a rule that was not come to counts as one that fails\n";
+    "\n";
+
+constexpr nuvio::Option kOptions[] = {
+    {"core", "LIBRARY", "implements sdk/nuvio_connect.h"},
+    {"host", "LIBRARY", "implements platform/*.h"},
+    {"rule", "NAME", "only this rule; may be given several times"},
+    {"list", nullptr, "the names of the rules, and nothing else"},
+    {"endpoint", "WHAT",
+     "what the core's sessions name as their content, three tracks or more\n"
+     "of some seconds; default: a folder of three WAV files, made for the run"},
+    {"patience", "SECONDS", "how long to wait for what is to come (10)"},
+    {"all", nullptr, "a rule that was not come to counts as one that fails"},
+    {"help", nullptr, "show this text"},
+};
 
 struct Arguments {
     std::string module;
@@ -39,31 +48,31 @@ struct Arguments {
     bool all = false;
 };
 
-std::optional<Arguments> parse(int argc, char** argv) {
+// With `failure`, for people, where the options are none that go together.
+Arguments understand(const nuvio::GivenOptions& given, std::string& failure) {
     Arguments result;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view word = argv[i];
-        if (word == "--all") {
-            result.all = true;
-            continue;
-        }
-        const char* const value = ++i < argc ? argv[i] : nullptr;
-        if (value == nullptr) {
-            return std::nullopt;
-        }
-        if ((word == "--core" || word == "--host") && result.library.empty()) {
-            result.module = word == "--core" ? "nuvio_core_rules.so" : "nuvio_host_rules.so";
-            result.library = value;
-        } else if (word == "--endpoint") {
-            result.options.endpoint = value;
-        } else if (const auto seconds = nuvio::to_number<unsigned>(value);
-                   word == "--patience" && seconds && *seconds > 0) {
-            result.options.patience_s = *seconds;
-        } else {
-            return std::nullopt;
+    const bool is_core = given.has("core");
+    result.module = is_core ? "nuvio_core_rules.so" : "nuvio_host_rules.so";
+    result.library = given.value_of(is_core ? "core" : "host");
+    result.all = given.has("all");
+    result.options.endpoint = given.value_of("endpoint");
+    result.options.lists = given.has("list");
+    for (const nuvio::GivenOption& each : given.options) {
+        if (std::string_view(each.name) == "rule") {
+            result.options.rules.push_back(each.value);
         }
     }
-    return result.library.empty() ? std::nullopt : std::optional(result);
+    const auto seconds = nuvio::to_number<unsigned>(given.value_of("patience", "10"));
+    result.options.patience_s = seconds.value_or(0);
+    failure = !given.failure.empty()           ? given.failure
+              : is_core == given.has("host")   ? "one of --core and --host"
+              : result.options.patience_s == 0 ? "--patience needs whole SECONDS"
+                                               : "";
+    return result;
+}
+
+std::string usage() {
+    return kWhat + nuvio::describe_options(kOptions);
 }
 
 Report g_report;
@@ -115,26 +124,39 @@ nuvio::kit::RulesFunction load(const Arguments& arguments) {
         g_report.line("load", Verdict::broken, dlerror());
         return nullptr;
     }
-    g_report.line("load", Verdict::holds, "everything that the service calls is there");
+    if (!arguments.options.lists) {
+        g_report.line("load", Verdict::holds, "everything that the service calls is there");
+    }
     return reinterpret_cast<nuvio::kit::RulesFunction>(function);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const auto arguments = parse(argc, argv);
-    if (!arguments) {
-        std::fputs(kUsage, argc == 2 && std::string_view(argv[1]) == "--help" ? stdout : stderr);
-        return argc == 2 && std::string_view(argv[1]) == "--help" ? EXIT_SUCCESS : kUsageError;
+    const nuvio::GivenOptions given =
+        nuvio::read_options(kOptions, {argv + 1, argv + argc}, nuvio::Words::refused);
+    if (given.has("help")) {
+        std::fputs(usage().c_str(), stdout);
+        return EXIT_SUCCESS;
+    }
+    std::string failure;
+    const Arguments arguments = understand(given, failure);
+    if (!failure.empty()) {
+        std::fprintf(stderr, "nuvio-connect-conformance: %s\n\n%s",
+                     nuvio::printable(failure).c_str(), usage().c_str());
+        return nuvio::kUsageError;
     }
     set_up_signals();
-    if (const auto check_rules = load(*arguments)) {
-        check_rules(g_report, arguments->options);
+    if (const auto check_rules = load(arguments)) {
+        check_rules(g_report, arguments.options);
     }
     alarm(0);
+    if (arguments.options.lists && g_report.broken() == 0) {
+        return EXIT_SUCCESS;
+    }
     std::printf("%d rules fail, %d not come to\n", g_report.broken(), g_report.unseen());
     std::fflush(stdout);
-    const bool holds = g_report.broken() == 0 && !(arguments->all && g_report.unseen() != 0);
+    const bool holds = g_report.broken() == 0 && !(arguments.all && g_report.unseen() != 0);
     if (!holds) {
         std::_Exit(EXIT_FAILURE);  // the library may not be able to end either
     }

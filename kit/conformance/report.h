@@ -7,8 +7,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace nuvio::kit {
 
@@ -44,8 +46,32 @@ class Report {
 
 struct Options {
     std::string endpoint;  // what a session of the core plays; empty: tracks of the module's own
-    unsigned patience_s = 10;  // for whatever is to come
+    unsigned patience_s = 10;        // for whatever is to come
+    std::vector<std::string> rules;  // these alone; empty: all
+    bool lists = false;              // the rules' names are printed, and none is looked at
+
+    bool wants(const char* rule) const {
+        return rules.empty() || std::ranges::find(rules, rule) != rules.end();
+    }
 };
+
+// True, with a line that names it, where a rule is wanted that is none of `names`. With `lists` the
+// names are printed.
+template <typename Names>
+bool is_only_asked(Report& report, const Options& options, const Names& names) {
+    for (const char* name : names) {
+        if (options.lists) {
+            std::printf("%s\n", name);
+        }
+    }
+    for (const std::string& rule : options.rules) {
+        if (std::ranges::find(names, rule) == std::ranges::end(names)) {
+            report.line(rule.c_str(), Verdict::broken, "there is no such rule");
+            return true;
+        }
+    }
+    return options.lists;
+}
 
 // The name under which a module shows its only function.
 inline constexpr char kRulesFunction[] = "nuvio_check_rules";

@@ -8,8 +8,11 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 #include <string_view>
 
+#include "common/options/options.h"
+#include "common/utf8.h"
 #include "diagnostics/device_list.h"
 #include "diagnostics/self_check.h"
 #include "diagnostics/service_report.h"
@@ -18,23 +21,29 @@
 
 namespace {
 
-constexpr int kUsageError = 2;
-
-constexpr char kUsage[] =
-    "Usage: nuvio-connect [--setup [--card NAME] | --check [--json] | --list-devices | --help |\n"
-    "                     --version]\n"
+constexpr char kWhat[] =
+    "Usage: nuvio-connect [OPTION...]\n"
     "\n"
     "Makes this device a Nuvio Connect renderer: controllers on the local network\n"
     "discover it and play on it. Runs until SIGTERM or SIGINT.\n"
-    "\n"
-    "  --setup         make an output that plays right on the sound card, set it, and check;\n"
-    "                  --card NAME says on which one, where there are several\n"
-    "  --check         say whether this machine has what the service needs, and what\n"
-    "                  to do where it has not; exit status 0 when all is well; with\n"
-    "                  --json as one line of JSON\n"
-    "  --list-devices  show the sound devices and mixer elements there are to choose from\n"
-    "  --help          show this text\n"
-    "  --version       show the version\n"
+    "\n";
+
+constexpr std::array kOptions = {
+    nuvio::Option{"setup", nullptr,
+                  "make an output that plays right on the sound card, set it, and\n"
+                  "check"},
+    nuvio::Option{"card", "NAME", "with --setup: on which one, where there are several"},
+    nuvio::Option{"check", nullptr,
+                  "say whether this machine has what the service needs, and what\n"
+                  "to do where it lacks it; exit status 0 when all is well"},
+    nuvio::Option{"json", nullptr, "with --check: as one line of JSON"},
+    nuvio::Option{"list-devices", nullptr,
+                  "show the sound devices and mixer elements there are to choose from"},
+    nuvio::Option{"help", nullptr, "show this text"},
+    nuvio::Option{"version", nullptr, "show the version"},
+};
+
+constexpr char kMore[] =
     "\n"
     "Environment:\n"
     "  NUVIO_LOG_STDERR  when set, system-log lines go to standard error too, as they\n"
@@ -70,47 +79,59 @@ int serve() {
     return runService();
 }
 
-int refuse(const char* argument) {
-    std::fprintf(stderr, "nuvio-connect: unknown option '%s'\n\n%s", argument, kUsage);
-    return kUsageError;
+std::string usage() {
+    return kWhat + nuvio::describe_options(kOptions) + kMore;
 }
 
-// Without words behind it, or with "--json". What is wrong with the settings file is said by
-// whoever reads it.
-int check(int count, char** words) {
-    if (count > 1 || (count == 1 && std::string_view(words[0]) != "--json")) {
-        return refuse(words[count - 1]);
-    }
+int refuse(const std::string& why) {
+    std::fprintf(stderr, "nuvio-connect: %s\n\n%s", nuvio::printable(why).c_str(), usage().c_str());
+    return nuvio::kUsageError;
+}
+
+// What is wrong with the settings file is said by whoever reads it.
+int check(const nuvio::GivenOptions& given) {
     openSystemLog(SystemLog::onStderrToo);
-    return count == 1 ? runSelfCheckForPrograms() : runSelfCheck();
+    return given.has("json") ? runSelfCheckForPrograms() : runSelfCheck();
 }
 
-// Without words behind it, or with "--card NAME".
-int setUp(int count, char** words) {
-    if (count != 0 && (count != 2 || std::string_view(words[0]) != "--card")) {
-        return refuse(words[0]);
-    }
-    return setUpSound(count == 0 ? "" : words[1]);
+int setUp(const nuvio::GivenOptions& given) {
+    return setUpSound(given.value_of("card"));
 }
 
-int showHelp() {
-    return std::fputs(kUsage, stdout) < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+int list(const nuvio::GivenOptions&) {
+    return listDevices();
 }
 
-int showVersion() {
+int showHelp(const nuvio::GivenOptions&) {
+    return std::fputs(usage().c_str(), stdout) < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
+}
+
+int showVersion(const nuvio::GivenOptions&) {
     return std::puts("nuvio-connect " NUVIO_VERSION) < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
 }
 
-struct Option {
+struct Task {
     std::string_view name;
-    int (*run)();  // the exit status
+    std::string_view with;                         // the option that goes with it
+    int (*run)(const nuvio::GivenOptions& given);  // the exit status
 };
 
-constexpr std::array kOptions = {
-    Option{"--list-devices", listDevices},
-    Option{"--help", showHelp},
-    Option{"--version", showVersion},
+constexpr std::array kTasks = {
+    Task{"setup", "card", setUp}, Task{"check", "json", check},     Task{"list-devices", "", list},
+    Task{"help", "", showHelp},   Task{"version", "", showVersion},
 };
+
+int run(const nuvio::GivenOptions& given) {
+    const auto* const task =
+        std::ranges::find_if(kTasks, [&](const Task& each) { return given.has(each.name.data()); });
+    for (const nuvio::GivenOption& each : given.options) {
+        if (task == kTasks.end() || (each.name != task->name && each.name != task->with)) {
+            return refuse(std::string("--") + each.name + " does not go with " +
+                          (task == kTasks.end() ? "the service" : "--" + std::string(task->name)));
+        }
+    }
+    return task->run(given);
+}
 
 // Started without them, their numbers would go to the loop and to sockets, and log lines into
 // those.
@@ -131,15 +152,7 @@ int main(int argc, char** argv) {
     if (argc < 2) {
         return serve();
     }
-    if (std::string_view(argv[1]) == "--setup") {
-        return setUp(argc - 2, argv + 2);
-    }
-    if (std::string_view(argv[1]) == "--check") {
-        return check(argc - 2, argv + 2);
-    }
-    const auto option = std::ranges::find(kOptions, argv[1], &Option::name);
-    if (option == kOptions.end()) {
-        return refuse(argv[1]);
-    }
-    return argc > 2 ? refuse(argv[2]) : option->run();
+    const nuvio::GivenOptions given =
+        nuvio::read_options(kOptions, {argv + 1, argv + argc}, nuvio::Words::refused);
+    return given.failure.empty() ? run(given) : refuse(given.failure);
 }

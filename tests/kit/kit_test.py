@@ -7,6 +7,7 @@ import tempfile
 import unittest
 
 BUILD = pathlib.Path(os.environ["NUVIO_BUILD"])
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
 EMULATOR = os.environ.get("NUVIO_EMULATOR", "").split()
 SETTINGS = """feature.nuvio_connect = 1
 feature.nuvio_connect.app_id = id
@@ -58,3 +59,32 @@ class Kit(unittest.TestCase):
                 failed = set(re.findall(r"(?m)^FAIL +(\S+)", text))
                 self.assertLessEqual(BROKEN[run], failed, text)
                 self.assertEqual(program.returncode, 1)
+
+    def test_rules_are_listed_and_looked_at_one_by_one(self):
+        rules = {"core": 27, "host": 12}
+        for layer, count in rules.items():
+            library = "nuvio_connect" if layer == "core" else "nuvio_host"
+            listed = self.start(layer, library, "--list").communicate(timeout=60)[0].split()
+            self.assertEqual(len(set(listed)), count, listed)
+            self.assertLessEqual(set().union(*(rules for (of, _), rules in BROKEN.items()
+                                               if of == layer)), set(listed))
+            self.assertIn("FAIL  nonsense", self.start(layer, library, "--rule", "nonsense")
+                          .communicate(timeout=60)[0])
+        lost = self.start("core", "broken_lost_disposal", "--rule=stop", "--rule=texts", "--patience=2")
+        self.assertRegex(lost.communicate(timeout=60)[0],
+                         r"(?s)^ok +load[^\n]*\nok +texts[^\n]*\nFAIL +stop[^\n]*\n1 rules fail")
+
+
+class Options(unittest.TestCase):
+    def test_the_manual_has_each_option_and_no_other_is_taken(self):
+        for program, manual in [("nuvio-connect", "packaging/man/nuvio-connect.8"),
+                                ("nuvio-connect-controller", "packaging/man/nuvio-connect-controller.1"),
+                                ("nuvio-connect-conformance", "kit/nuvio-connect-conformance.1")]:
+            command = [*EMULATOR, BUILD / "bin" / program]
+            told = subprocess.run([*command, "--help"], text=True, capture_output=True, check=True)
+            text = (SOURCE / manual).read_text().replace("\\-", "-")
+            for option in set(re.findall(r"(?m)^  --([a-z-]+)", told.stdout)) - {"help"}:
+                self.assertRegex(text, rf"(Fl )?-{option}\b", (program, option))
+            wrong = subprocess.run([*command, "--nonsense"], text=True, capture_output=True)
+            self.assertEqual(wrong.returncode, 2, program)
+            self.assertIn("'--nonsense'", wrong.stderr)
