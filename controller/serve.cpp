@@ -30,7 +30,7 @@ void run(const Settings& settings, const sigset_t& signals) {
     log_line(LogLevel::info, "The page is on port " + std::to_string(settings.port));
     {
         const Discovery discovery(
-            [&house](const std::vector<FoundDevice>& found) { house.set_found(found); });
+            [&house](const std::vector<FoundDevice>& found) { house.devices().set_found(found); });
         int signal = 0;
         sigwait(&signals, &signal);
         end_http();  // a device that does not answer would hold up the end

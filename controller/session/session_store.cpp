@@ -33,6 +33,12 @@ SessionStore::SessionStore(std::string path) : m_path(std::move(path)) {
     }
 }
 
+const Session& SessionStore::of(const std::string& device) const {
+    static const Session kNone;
+    const auto found = m_sessions.find(device);
+    return found != m_sessions.end() ? found->second : kNone;
+}
+
 void SessionStore::set(const std::string& device, const Session& session) {
     m_sessions.erase(device);
     if (!session.id.empty()) {
@@ -41,7 +47,6 @@ void SessionStore::set(const std::string& device, const Session& session) {
         }
         m_sessions[device] = session;
     }
-    write();
 }
 
 std::string SessionStore::device_of_token(std::string_view token) const {
@@ -54,7 +59,7 @@ std::string SessionStore::device_of_token(std::string_view token) const {
     return found;
 }
 
-void SessionStore::write() const {
+std::string SessionStore::text() const {
     JsonPtr document = new_array();
     for (const auto& [device, session] : m_sessions) {
         JsonPtr entry = new_object();
@@ -65,7 +70,10 @@ void SessionStore::write() const {
         add(entry.get(), "here", session.here);
         append(document.get(), std::move(entry));
     }
-    const std::string text = print_json(document.get());
+    return print_json(document.get());
+}
+
+void SessionStore::write(const std::string& text) const {
     const int error = replace_file(m_path, text, 0600);
     if (error != 0) {
         log_line(LogLevel::error, m_path + ": " + std::generic_category().message(error));

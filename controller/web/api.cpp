@@ -130,7 +130,7 @@ std::string Api::state(uint64_t version) {
     add(library.get(), "failure", progress.failure);
     JsonPtr document = new_object();
     add(document.get(), "version", static_cast<int64_t>(version));
-    add(document.get(), "devices", m_house.describe_devices());
+    add(document.get(), "devices", m_house.devices().describe());
     add(document.get(), "library", std::move(library));
     return print_json(document.get());
 }
@@ -143,7 +143,7 @@ int Api::get_state(Exchange& exchange, const std::string&) {
 }
 
 int Api::get_queue(Exchange& exchange, const std::string& id) {
-    const JsonPtr queue = m_house.describe_queue(m_house.device_named(id));
+    const JsonPtr queue = m_house.devices().describe_queue(m_house.devices().named(id));
     return queue != nullptr ? exchange.reply_json(queue) : exchange.fail(404, "no such device");
 }
 
@@ -156,7 +156,7 @@ int Api::post_play(Exchange& exchange, const std::string& id) {
     if (body == nullptr) {
         return 400;
     }
-    const std::string device = m_house.device_named(id);
+    const std::string device = m_house.devices().named(id);
     if (device.empty()) {
         return exchange.fail(404, "no such device, or several of that name");
     }
@@ -174,7 +174,7 @@ int Api::post_play(Exchange& exchange, const std::string& id) {
     }
     const std::string where = text_member(body.get(), "where").value_or("now");
     const int64_t start = std::max<int64_t>(0, number_member(body.get(), "start").value_or(0));
-    return answer(exchange, m_house.play(device, items,
+    return answer(exchange, m_house.sessions().play(device, items,
                                          where == "next"  ? Where::next
                                          : where == "end" ? Where::end
                                                           : Where::now,
@@ -186,7 +186,7 @@ int Api::post_command(Exchange& exchange, const std::string& id) {
     if (body == nullptr) {
         return 400;
     }
-    const std::string device = m_house.device_named(id);
+    const std::string device = m_house.devices().named(id);
     const std::string name = text_member(body.get(), "command").value_or("");
     if (device.empty() || name.empty()) {
         return device.empty() ? exchange.fail(404, "no such device, or several of that name")
@@ -195,11 +195,11 @@ int Api::post_command(Exchange& exchange, const std::string& id) {
     for (const char* own : {"command", "id", "type"}) {
         cJSON_DeleteItemFromObjectCaseSensitive(body.get(), own);
     }
-    return answer(exchange, m_house.command(device, name, std::move(body)));
+    return answer(exchange, m_house.commands().run(device, name, std::move(body)));
 }
 
 int Api::post_look(Exchange& exchange, const std::string&) {
-    m_house.look_again();
+    m_house.devices().ask_again();
     return exchange.reply_json(new_object());
 }
 

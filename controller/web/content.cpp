@@ -35,14 +35,14 @@ bool has_value(const char* header, const std::string& value) {
 
 int Content::serve(Exchange& exchange, std::string_view name) {
     const std::string_view token = exchange.bearer();
-    if (m_house.device_of_token(token).empty()) {
+    if (m_house.sessions().device_of_token(token).empty()) {
         return exchange.fail(401, "a session's token is needed",
                              "WWW-Authenticate: Bearer realm=\"content\"\r\n");
     }
     const size_t dot = name.find('.');
     const std::string_view stem = name.substr(0, dot);
     if (dot != std::string_view::npos && name.substr(dot) == ".jspf") {
-        const std::optional<std::string> playlist = m_house.playlist(std::string(stem), token);
+        const std::optional<std::string> playlist = m_house.sessions().playlist(std::string(stem), token);
         return playlist ? exchange.reply(200, "application/jspf+json", *playlist)
                         : exchange.fail(404, "no such session");
     }

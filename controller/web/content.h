@@ -22,7 +22,7 @@ namespace nuvio::controller {
 class Content {
   public:
     // Borrows all.
-    Content(Library& library, const House& house, ConnectionGuard& guard)
+    Content(Library& library, House& house, ConnectionGuard& guard)
         : m_library(library), m_house(house), m_guard(guard) {}
 
     // `name`: what stands behind "/content/".
@@ -33,7 +33,7 @@ class Content {
     int serve_file(Exchange& exchange, const Library::File& file);
 
     Library& m_library;
-    const House& m_house;
+    House& m_house;
     ConnectionGuard& m_guard;
     std::atomic<int> m_being_sent = 0;
 };

@@ -246,7 +246,7 @@ void Sockets::on_channel_ready(mg_connection* connection, void* context) {
         const std::scoped_lock lock(self->m_mutex);
         self->m_channels[connection] = channel;
     }
-    if (!self->m_house.channel_opened(bearer_of(connection), channel)) {
+    if (!self->m_house.channels().opened(bearer_of(connection), channel)) {
         channel->close();
     }
 }
@@ -269,7 +269,7 @@ int Sockets::on_channel_data(mg_connection* connection, int bits, char* data, si
     }
     channel->message.append(data, size);
     if (is_final(bits)) {
-        self->m_house.channel_said(channel.get(), channel->message);
+        self->m_house.channels().said(channel.get(), channel->message);
         channel->message.clear();
     }
     return 1;
@@ -279,7 +279,7 @@ void Sockets::on_channel_closed(const mg_connection* connection, void* context) 
     auto* self = static_cast<Sockets*>(context);
     const auto channel = self->find(self->m_channels, connection, true);
     if (channel != nullptr) {
-        self->m_house.channel_closed(channel.get());
+        self->m_house.channels().closed(channel.get());
         channel->end();
     }
     limit_allocations(0);

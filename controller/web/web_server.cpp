@@ -188,7 +188,7 @@ int WebServer::serve_socket(Exchange& exchange) {
         return exchange.fail(426, "a WebSocket lives here", "Upgrade: websocket\r\n");
     }
     if (exchange.path() == "/channel") {
-        if (m_house.device_of_token(exchange.bearer()).empty()) {
+        if (m_house.sessions().device_of_token(exchange.bearer()).empty()) {
             return exchange.fail(401, "a session's token is needed",
                                  "WWW-Authenticate: Bearer realm=\"channel\"\r\n");
         }
@@ -231,7 +231,7 @@ bool WebServer::is_allowed(const Exchange& exchange) const {
     return m_settings.password.empty() || has_cookie(exchange) || has_password(exchange) ||
            // A device that shows a cover.
            (exchange.path().starts_with("/cover/") &&
-            !m_house.device_of_token(exchange.bearer()).empty());
+            !m_house.sessions().device_of_token(exchange.bearer()).empty());
 }
 
 bool WebServer::has_cookie(const Exchange& exchange) const {

@@ -1,0 +1,39 @@
+// What devices say over their sessions' channels.
+//
+// Threads  any; `said` may read the library, so waits for the disk.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "controller/library/library.h"
+#include "controller/session/commands.h"
+#include "controller/session/house_state.h"
+
+namespace nuvio::controller {
+
+class Channels {
+  public:
+    // Borrows all.
+    Channels(HouseState& house, Commands& commands, Library& library)
+        : m_house(house), m_commands(commands), m_library(library) {}
+
+    // False: not wanted. The device's link before this one is closed.
+    bool opened(std::string_view token, const std::shared_ptr<ChannelLink>& link);
+    void said(const ChannelLink* link, std::string_view text);
+    void closed(const ChannelLink* link);
+
+  private:
+    using Entry = std::map<std::string, Device>::value_type;
+
+    Entry* entry_of(const ChannelLink* link);
+    bool take(Device& device, const std::string& type, const cJSON* message);
+    void judge_track(const ChannelLink* link);
+
+    HouseState& m_house;
+    Commands& m_commands;
+    Library& m_library;
+};
+
+}  // namespace nuvio::controller

@@ -1,0 +1,98 @@
+#include "controller/session/commands.h"
+
+#include <set>
+#include <utility>
+
+namespace nuvio::controller {
+
+namespace {
+
+// Devices answer these before they tell what came of them: who asks next is to see that. A volume
+// that was so before is not told again.
+const std::set<std::string> kChangesQueue{"queue_replace", "queue_insert", "queue_remove",
+                                          "queue_move"};
+const std::set<std::string> kChangesState{"volume", "seek"};
+// A session that has just begun opens its channel a moment later.
+constexpr std::chrono::milliseconds kChannelPatience{3000};
+constexpr std::chrono::milliseconds kQueuePatience{1000};
+constexpr std::chrono::milliseconds kStatePatience{300};
+
+const char* why_not(const Device& device) {
+    switch (device.owner) {
+        case Owner::other:
+            return "another controller uses the device; play something to take it over";
+        case Owner::us:
+            return "the device does not answer just now; it is expected back";
+        case Owner::nobody:
+            break;
+    }
+    return "nothing plays there; play something first";
+}
+
+}  // namespace
+
+Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr arguments) {
+    std::unique_lock lock(m_house.mutex);
+    m_house.on_change.wait_for(lock, kChannelPatience, [&] {
+        const Device* const device = m_house.find(id);
+        return m_house.is_closed || device == nullptr || device->link != nullptr ||
+               device->owner != Owner::us;
+    });
+    const Device* const device = m_house.find(id);
+    if (device == nullptr || device->link == nullptr) {
+        return {false, device == nullptr ? "no such device" : why_not(*device)};
+    }
+    const std::string command_id = std::to_string(++m_count);
+    m_waiting[command_id] = {id, std::nullopt};
+    const int64_t revision = device->state.revision();
+    const int64_t states = device->state.state_count();
+    send(*device, name.c_str(), command_id, std::move(arguments));
+    const Outcome outcome = wait_for_answer(lock, command_id);
+    if (outcome.is_ok && kChangesQueue.contains(name)) {
+        m_house.on_change.wait_for(lock, kQueuePatience, [&] {
+            const Device* const now = m_house.find(id);
+            return m_house.is_closed || now == nullptr || now->state.revision() != revision;
+        });
+    } else if (outcome.is_ok && kChangesState.contains(name)) {
+        m_house.on_change.wait_for(lock, kStatePatience, [&] {
+            const Device* const now = m_house.find(id);
+            return m_house.is_closed || now == nullptr || now->state.state_count() != states;
+        });
+    }
+    return outcome;
+}
+
+Outcome Commands::wait_for_answer(std::unique_lock<std::mutex>& lock, const std::string& id) {
+    m_house.on_change.wait_for(
+        lock, kPatience, [&] { return m_house.is_closed || m_waiting[id].outcome.has_value(); });
+    const auto waiting = m_waiting.extract(id);
+    return waiting.mapped().outcome.value_or(Outcome{
+        false, "the device has not answered within " + std::to_string(kPatience.count()) + " s"});
+}
+
+void Commands::send(const Device& device, const char* name, const std::string& id,
+                    JsonPtr arguments) {
+    add(arguments.get(), "type", "command");
+    add(arguments.get(), "id", id);
+    add(arguments.get(), "command", name);
+    device.link->send(print_json(arguments.get()));
+}
+
+void Commands::take_answer(const cJSON* message) {
+    const auto waiting = m_waiting.find(text_member(message, "id").value_or(""));
+    if (waiting != m_waiting.end()) {
+        waiting->second.outcome =
+            Outcome{bool_member(message, "ok").value_or(false),
+                    text_member(message, "reason").value_or("the device refused")};
+    }
+}
+
+void Commands::fail_all_of(const std::string& device) {
+    for (auto& [id, waiting] : m_waiting) {
+        if (waiting.device == device && !waiting.outcome) {
+            waiting.outcome = Outcome{false, "the device's connection broke"};
+        }
+    }
+}
+
+}  // namespace nuvio::controller

@@ -1,0 +1,52 @@
+// Commands to devices over their channels: each has an id, its answer is waited for.
+//
+// Threads  any. `run` waits for the device, kPatience at most and some seconds for its channel.
+#pragma once
+
+#include <chrono>
+#include <map>
+#include <optional>
+#include <string>
+
+#include "common/json/json.h"
+#include "controller/session/house_state.h"
+
+namespace nuvio::controller {
+
+struct Outcome {
+    bool is_ok = false;
+    std::string reason;  // for people, where it is not
+};
+
+class Commands {
+  public:
+    static constexpr std::chrono::seconds kPatience{10};
+
+    explicit Commands(HouseState& house) : m_house(house) {}
+
+    // A command of the channel, with its arguments. Comes back once its effect can be seen, where
+    // it has one.
+    Outcome run(const std::string& device, const std::string& name, JsonPtr arguments);
+
+    // ---- With the house's lock held
+
+    void take_answer(const cJSON* message);
+    void fail_all_of(const std::string& device);
+    // One that nobody waits for.
+    static void send(const Device& device, const char* name, const std::string& id,
+                     JsonPtr arguments);
+
+  private:
+    struct Waiting {
+        std::string device;
+        std::optional<Outcome> outcome;
+    };
+
+    Outcome wait_for_answer(std::unique_lock<std::mutex>& lock, const std::string& id);
+
+    HouseState& m_house;
+    std::map<std::string, Waiting> m_waiting;  // by the command's id; under the house's lock
+    uint64_t m_count = 0;                      // the same
+};
+
+}  // namespace nuvio::controller

@@ -1,0 +1,189 @@
+#include "controller/session/devices.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "common/text.h"
+#include "controller/device/http_client.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+constexpr long kAnswerMs = 4'000;
+constexpr int kTries = 5;
+constexpr std::chrono::seconds kPause{2};
+// Devices that are away are remembered while the controller runs, so many at most.
+constexpr size_t kMaxDevices = 128;
+
+void describe_device(cJSON* object, const std::string& id, const Device& device) {
+    constexpr std::array kReach{"asking", "reached", "failed"};
+    constexpr std::array kOwner{"nobody", "us", "other"};
+    add(object, "id", id);
+    add(object, "name", device.found.name);
+    add(object, "brand", device.brand);
+    add(object, "model", device.model);
+    add(object, "quality", device.quality);
+    add(object, "kind", device.kind);
+    add(object, "present", device.is_present);
+    add(object, "reach", kReach[static_cast<size_t>(device.reach)]);
+    add(object, "failure", device.failure);
+    add(object, "session", kOwner[static_cast<size_t>(device.owner)]);
+    add(object, "connected", device.link != nullptr);
+    add(object, "port", int{device.found.port});
+    JsonPtr addresses = new_array();
+    for (const std::string& address : device.found.addresses) {
+        append(addresses.get(), address);
+    }
+    add(object, "addresses", std::move(addresses));
+    if (device.owner == Owner::us) {
+        device.state.describe(object, DeviceState::Clock::now());
+        add(object, "bit_exact", device.is_bit_exact);
+    }
+}
+
+}  // namespace
+
+Devices::Devices(HouseState& house) : m_house(house), m_thread([this] { run(); }) {}
+
+Devices::~Devices() {
+    m_thread.join();
+}
+
+void Devices::set_found(const std::vector<FoundDevice>& all) {
+    const std::scoped_lock lock(m_house.mutex);
+    for (auto& [id, device] : m_house.devices) {
+        device.is_present = false;
+    }
+    for (const FoundDevice& found : all) {
+        if (!m_house.devices.contains(found.id) && m_house.devices.size() >= kMaxDevices) {
+            std::erase_if(m_house.devices, [](const auto& entry) {
+                return !entry.second.is_present && entry.second.link == nullptr;
+            });
+        }
+        Device& device = m_house.devices[found.id];
+        device.is_present = true;
+        if (device.found != found || device.reach == Reach::failed) {
+            device.found = found;
+            device.reach = Reach::asking;
+            m_house.errands[found.id] = {};
+        }
+    }
+    m_house.change();
+}
+
+void Devices::ask_again() {
+    const std::scoped_lock lock(m_house.mutex);
+    for (const auto& [id, device] : m_house.devices) {
+        if (device.is_present) {
+            m_house.errands[id] = {};
+        }
+    }
+    m_house.on_change.notify_all();
+}
+
+void Devices::run() {
+    std::unique_lock lock(m_house.mutex);
+    while (true) {
+        m_house.on_change.wait(lock,
+                               [this] { return m_house.is_closed || !m_house.errands.empty(); });
+        if (m_house.is_closed) {
+            return;
+        }
+        const auto next = std::ranges::min_element(
+            m_house.errands, {}, [](const auto& errand) { return errand.second; });
+        const auto due = next->second;
+        if (due > DeviceState::Clock::now()) {
+            m_house.on_change.wait_until(lock, due);
+            continue;
+        }
+        const Device* const device = m_house.find(next->first);
+        m_house.errands.erase(next);
+        if (device != nullptr) {
+            const FoundDevice found = device->found;
+            lock.unlock();
+            ask(found);
+            lock.lock();
+        }
+    }
+}
+
+void Devices::ask(const FoundDevice& found) {
+    const HttpAnswer display = ask_device(found, "GET", "get-display-info", {}, kAnswerMs);
+    const HttpAnswer connect = display.status == 200
+                                   ? ask_device(found, "GET", "get-connect-info", {}, kAnswerMs)
+                                   : display;
+    const JsonPtr info = parse_json(display.body);
+    const JsonPtr session = parse_json(connect.body);
+    const std::scoped_lock lock(m_house.mutex);
+    Device* const device = m_house.find(found.id);
+    if (device == nullptr) {
+        return;
+    }
+    if (connect.status != 200 || info == nullptr || session == nullptr) {
+        device->reach = Reach::failed;
+        // It may have been announced a moment before it listens.
+        if (device->is_present && ++device->tries <= kTries) {
+            m_house.errands.try_emplace(found.id,
+                                        DeviceState::Clock::now() + kPause * device->tries);
+        }
+        device->failure =
+            connect.status == 0 ? connect.failure : "answered " + std::to_string(connect.status);
+    } else {
+        device->reach = Reach::reached;
+        device->tries = 0;
+        device->failure.clear();
+        device->brand = text_member(info.get(), "brand_display_name").value_or("");
+        device->model = text_member(info.get(), "model_display_name").value_or("");
+        device->quality = text_member(info.get(), "max_audio_quality").value_or("");
+        device->kind = text_member(info.get(), "type").value_or("");
+        const std::string current = text_member(session.get(), "current_session_id").value_or("");
+        device->owner = current.empty()                               ? Owner::nobody
+                        : m_house.sessions.of(found.id).id == current ? Owner::us
+                                                                      : Owner::other;
+    }
+    m_house.change();
+}
+
+std::string Devices::named(const std::string& name) const {
+    const std::scoped_lock lock(m_house.mutex);
+    if (m_house.devices.contains(name)) {
+        return name;
+    }
+    std::string found;
+    for (const auto& [id, device] : m_house.devices) {
+        if (equals_ignoring_case(device.found.name, name) && device.is_present) {
+            if (!found.empty()) {
+                return {};
+            }
+            found = id;
+        }
+    }
+    return found;
+}
+
+JsonPtr Devices::describe() const {
+    const std::scoped_lock lock(m_house.mutex);
+    std::vector<std::pair<std::string, const std::string*>> order;
+    order.reserve(m_house.devices.size());
+    for (const auto& [id, device] : m_house.devices) {
+        order.emplace_back(device.found.name, &id);
+    }
+    std::ranges::sort(order);
+    JsonPtr all = new_array();
+    for (const auto& [name, id] : order) {
+        JsonPtr object = new_object();
+        describe_device(object.get(), *id, m_house.devices.at(*id));
+        append(all.get(), std::move(object));
+    }
+    return all;
+}
+
+JsonPtr Devices::describe_queue(const std::string& id) const {
+    const std::scoped_lock lock(m_house.mutex);
+    const Device* const device = m_house.find(id);
+    return device != nullptr ? device->state.describe_queue() : nullptr;
+}
+
+}  // namespace nuvio::controller

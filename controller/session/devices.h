@@ -1,0 +1,41 @@
+// Which devices there are, and how they are: those that discovery tells of are asked over HTTP, and
+// asked again after a channel has broken.
+//
+// Threads  any, for every function; none waits. One thread of its own asks the devices.
+#pragma once
+
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "common/json/json.h"
+#include "controller/session/house_state.h"
+
+namespace nuvio::controller {
+
+class Devices {
+  public:
+    // Borrows the state, which is to be closed before the end.
+    explicit Devices(HouseState& house);
+    ~Devices();
+    Devices(const Devices&) = delete;
+    Devices& operator=(const Devices&) = delete;
+
+    void set_found(const std::vector<FoundDevice>& found);
+    // Asks all that are there how they are; soon.
+    void ask_again();
+    // By id, or by name where case does not matter; empty: none of that name, or several.
+    std::string named(const std::string& name) const;
+    // An array, by name.
+    JsonPtr describe() const;
+    JsonPtr describe_queue(const std::string& id) const;  // null: no such device
+
+  private:
+    void run();
+    void ask(const FoundDevice& found);
+
+    HouseState& m_house;
+    std::thread m_thread;
+};
+
+}  // namespace nuvio::controller

@@ -1,0 +1,192 @@
+#include "controller/session/sessions.h"
+
+#include <algorithm>
+#include <ctime>
+#include <utility>
+
+#include "controller/base/token.h"
+#include "controller/device/http_client.h"
+#include "controller/session/tracks.h"
+
+namespace nuvio::controller {
+
+namespace {
+
+constexpr int64_t kSessionSeconds = int64_t{7} * 24 * 3600;
+
+bool is_ipv6(const std::string& address) {
+    return address.find(':') != std::string::npos;
+}
+
+// The body of the POST. Content and channel have one token.
+std::string offer(const Session& session) {
+    const auto token = [&](const std::string& endpoint) {
+        JsonPtr object = new_object();
+        add(object.get(), "endpoint", endpoint);
+        add(object.get(), "jwt", session.token);
+        add(object.get(), "exp", session.expires);
+        return object;
+    };
+    JsonPtr document = new_object();
+    add(document.get(), "session_id", session.id);
+    add(document.get(), "jwt_api", token(session.here + "/content/" + session.id + ".jspf"));
+    add(document.get(), "jwt_nconnect",
+        token("ws" + session.here.substr(std::string_view("http").size()) + "/channel"));
+    add(document.get(), "become_active", true);
+    return print_json(document.get());
+}
+
+std::string refusal(const HttpAnswer& answer) {
+    const std::string text = answer.body.substr(0, answer.body.find('\n'));
+    return answer.status == 0 ? answer.failure
+                              : "the device refused (" + std::to_string(answer.status) +
+                                    "): " + text.substr(0, 200);
+}
+
+}  // namespace
+
+Outcome Sessions::play(const std::string& id, const std::vector<Playable>& items, Where where,
+                       size_t start) {
+    FoundDevice found;
+    bool is_linked = false;
+    {
+        const std::scoped_lock lock(m_house.mutex);
+        const Device* const device = m_house.find(id);
+        if (device == nullptr || !device->is_present) {
+            return {false, "the device is not on the network: is it switched on?"};
+        }
+        found = device->found;
+        is_linked = device->owner == Owner::us && device->link != nullptr;
+    }
+    if (items.empty()) {
+        return {false, "nothing to play"};
+    }
+    start = std::min(start, items.size() - 1);
+    if (is_linked && where != Where::now) {
+        return insert(id, items, where);
+    }
+    if (is_linked) {
+        std::vector<JsonPtr> lists = track_lists(items, address_here(id));
+        if (lists.size() == 1) {
+            return replace(id, std::move(lists.front()), start);
+        }
+    }
+    // A session begins with its first track: what stands before `start` is put there afterwards.
+    const auto first = items.begin() + static_cast<std::ptrdiff_t>(start);
+    Outcome outcome = begin(id, found, {first, items.end()});
+    if (outcome.is_ok && start > 0 && has_queue(id)) {
+        insert(id, {items.begin(), first}, Where::front);
+    }
+    return outcome;
+}
+
+std::string Sessions::device_of_token(std::string_view token) const {
+    const std::scoped_lock lock(m_house.mutex);
+    return m_house.sessions.device_of_token(token);
+}
+
+std::optional<std::string> Sessions::playlist(const std::string& session,
+                                              std::string_view token) const {
+    const std::scoped_lock lock(m_house.mutex);
+    const Session& found = m_house.sessions.of(m_house.sessions.device_of_token(token));
+    return found.id != session || found.playlist.empty() ? std::nullopt
+                                                         : std::optional(found.playlist);
+}
+
+// The session is known before the device is asked, which fetches its content at once.
+Outcome Sessions::begin(const std::string& id, const FoundDevice& found,
+                        const std::vector<Playable>& items) {
+    const HttpAnswer reached = ask_device(found, "GET", "get-connect-info");
+    if (reached.status != 200) {
+        return {false, refusal(reached)};
+    }
+    if (is_ipv6(reached.local_address)) {  // the web server has none
+        return {false,
+                "the device is reached by IPv6 only, and fetches music from here by IPv4 only: "
+                "give it an IPv4 address"};
+    }
+    Session session{new_token(), new_token(), std::time(nullptr) + kSessionSeconds, {}, {}};
+    session.here = "http://" + reached.local_address + ":" + std::to_string(m_port);
+    session.playlist = playlist_of(items, session.here);
+    Session before;
+    {
+        const std::scoped_lock lock(m_house.mutex);
+        before = m_house.sessions.of(id);
+    }
+    keep(id, session);
+    const HttpAnswer answer = ask_device(found, "POST", "connect-to-nconnect", offer(session));
+    const bool is_taken = answer.status == 200;
+    if (!is_taken) {
+        keep(id, before);
+    }
+    const std::scoped_lock lock(m_house.mutex);
+    Device* const device = m_house.find(id);
+    if (!is_taken) {
+        m_house.errands[id] = {};
+    } else if (device != nullptr) {
+        device->owner = Owner::us;
+        device->reach = Reach::reached;
+    }
+    m_house.change();
+    return is_taken ? Outcome{true, {}} : Outcome{false, refusal(answer)};
+}
+
+Outcome Sessions::replace(const std::string& id, JsonPtr tracks, size_t start) {
+    JsonPtr arguments = new_object();
+    add(arguments.get(), "tracks", std::move(tracks));
+    add(arguments.get(), "start", static_cast<int64_t>(start));
+    const Outcome outcome = m_commands.run(id, "queue_replace", std::move(arguments));
+    return outcome.is_ok ? m_commands.run(id, "play", new_object()) : outcome;
+}
+
+Outcome Sessions::insert(const std::string& id, const std::vector<Playable>& items, Where where) {
+    std::optional<int64_t> before;
+    {
+        const std::scoped_lock lock(m_house.mutex);
+        if (const Device* const device = m_house.find(id)) {
+            before = where == Where::next    ? device->state.item_after_current()
+                     : where == Where::front ? device->state.first_item()
+                                             : std::nullopt;
+        }
+    }
+    for (JsonPtr& tracks : track_lists(items, address_here(id))) {
+        JsonPtr arguments = new_object();
+        add(arguments.get(), "tracks", std::move(tracks));
+        if (before) {
+            add(arguments.get(), "before", *before);
+        }
+        Outcome outcome = m_commands.run(id, "queue_insert", std::move(arguments));
+        if (!outcome.is_ok) {
+            return outcome;
+        }
+    }
+    return {true, {}};
+}
+
+// Once the device's channel has told of its queue.
+bool Sessions::has_queue(const std::string& id) {
+    std::unique_lock lock(m_house.mutex);
+    return m_house.on_change.wait_for(lock, Commands::kPatience, [&] {
+        const Device* const device = m_house.find(id);
+        return m_house.is_closed ||
+               (device != nullptr && device->link != nullptr && device->state.has_queue());
+    });
+}
+
+std::string Sessions::address_here(const std::string& id) const {
+    const std::scoped_lock lock(m_house.mutex);
+    return m_house.sessions.of(id).here;
+}
+
+void Sessions::keep(const std::string& id, const Session& session) {
+    const std::scoped_lock writing(m_writing);
+    std::string text;
+    {
+        const std::scoped_lock lock(m_house.mutex);
+        m_house.sessions.set(id, session);
+        text = m_house.sessions.text();
+    }
+    m_house.sessions.write(text);
+}
+
+}  // namespace nuvio::controller
