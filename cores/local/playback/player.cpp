@@ -4,19 +4,12 @@
 #include <iterator>
 #include <utility>
 
-#include "local/texts/display_text.h"
-
 namespace local_core {
 
 namespace {
 
 // Going back later in a track than this leads to its own beginning.
 constexpr uint64_t kRestartAfterMs = 3000;
-// So many tracks in a row that the renderer can't play are a renderer that can't play.
-constexpr int kMaxRefused = 3;
-constexpr size_t kMaxTroubles = 16;
-// So many tracks in a row whose server is gone end the session.
-constexpr int kMaxUnreachable = 3;
 
 }  // namespace
 
@@ -24,6 +17,7 @@ Player::Player(const PlayerDelegates& delegates, Control& control,
                const std::shared_ptr<const Logger>& logger, std::function<void()> on_news)
     : m_delegates(delegates),
       m_logger(logger),
+      m_misses(logger),
       m_streams(delegates, control, logger, std::move(on_news)) {}
 
 Player::~Player() = default;
@@ -62,9 +56,7 @@ void Player::join_session(Command& command) {
     m_playback.forget_seek_goal();
     m_is_active = command.become_active;
     m_goes_backwards = false;
-    m_refused_count = 0;  // the first of them was a track of the old session
-    m_unreachable_count = 0;
-    m_gives_session_up = false;
+    m_misses.begin_session();
 }
 
 void Player::leave_session() {
@@ -81,7 +73,7 @@ void Player::pause(const Command&) {
 }
 
 void Player::resume(const Command&) {
-    m_gives_session_up = false;
+    m_misses.try_once_more();
     m_playback.set_goal(NUV_PLAYBACK_STATE_PLAYING);
     m_playback.set_place_kept(false);
     m_is_active = true;
@@ -95,7 +87,7 @@ void Player::stop(const Command&) {
 
 void Player::go_to_next(const Command&) {
     if (const auto next = m_session->next()) {
-        m_gives_session_up = false;
+        m_misses.try_once_more();
         m_goes_backwards = false;
         skip_to(*next);
     }
@@ -140,7 +132,7 @@ nuv_error Player::edit(QueueEdit& edit) {
     const bool jumps = edit.kind == QueueEdit::Kind::jump;
     const nuv_error error = m_session->edit(edit);
     if (error == NUV_ERROR_OK && (jumps || m_session->current() != before)) {
-        m_gives_session_up = false;
+        m_misses.try_once_more();
         m_goes_backwards = false;
         skip_to(m_session->current());
     }
@@ -162,8 +154,7 @@ void Player::end_session() {
     m_playback.set_goal(NUV_PLAYBACK_STATE_STOPPED);
     m_playback.forget_seek_goal();
     m_is_active = false;
-    m_unreachable_count = 0;
-    m_gives_session_up = false;
+    m_misses.end_session();
 }
 
 void Player::go_on_after_last_sample() {
@@ -173,50 +164,10 @@ void Player::go_on_after_last_sample() {
     m_goes_backwards = false;
     // The next track was not announced in time to be queued behind this one.
     const auto follower = m_session->follower();
-    if (follower && !m_gives_session_up) {
+    if (follower && !m_misses.gives_session_up()) {
         skip_to(*follower);
     } else {
         end_session();
-    }
-}
-
-void Player::pass_over(const Stream& stream) {
-    const size_t track = stream.place().track;
-    m_logger->write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
-                    display_text(m_session->track(track).location).c_str(),
-                    display_text(stream.open_error()).c_str());
-    m_session->mark_unplayable(track);
-    note_trouble({"track_failed", track, stream.open_error()});
-}
-
-void Player::note_trouble(Trouble trouble) {
-    if (m_troubles.size() < kMaxTroubles) {
-        m_troubles.push_back(std::move(trouble));
-    }
-}
-
-std::optional<Trouble> Player::take_trouble() {
-    if (m_troubles.empty()) {
-        return std::nullopt;
-    }
-    Trouble trouble = std::move(m_troubles.front());
-    m_troubles.pop_front();
-    return trouble;
-}
-
-// What the end of a track's bytes says of those that follow.
-void Player::consider_failure(const Stream& stream) {
-    if (stream.is_announced() && std::exchange(m_considered_stream, stream.id()) == stream.id()) {
-        return;
-    }
-    const HttpFailure failure = stream.failure();
-    m_unreachable_count = failure == HttpFailure::unreachable ? m_unreachable_count + 1 : 0;
-    if (failure == HttpFailure::refused || m_unreachable_count == kMaxUnreachable) {
-        m_gives_session_up = true;
-        m_logger->write(LogLevel::warning, kCloudClient, "Session %s ends: %s",
-                        display_text(m_session->id()).c_str(),
-                        failure == HttpFailure::refused ? "its token is not accepted any more"
-                                                        : "its server or disk is gone");
     }
 }
 
@@ -242,17 +193,9 @@ bool Player::pass_over_refused() {
     if (m_playback.is_to_stop() || !m_session || current == nullptr || current->has_flowed()) {
         return false;
     }
-    if (m_refused_count == 0) {
-        m_first_refused = m_session->current();
-    }
-    const auto next = m_session->next();
-    if (++m_refused_count < kMaxRefused && next) {
-        skip_to(*next);
-        return true;
-    }
-    skip_to(m_first_refused);
-    m_refused_count = 0;
-    return false;
+    const auto next = m_misses.next_after_refusal(*m_session);
+    skip_to(next.value_or(m_misses.first_refused()));
+    return next.has_value();
 }
 
 // ---- From the renderer ------------------------------------------------------------------------
@@ -285,7 +228,7 @@ nuv_error Player::playback_error() {
     }
     m_logger->write(LogLevel::error, kAudioStreamManager, "The renderer reports a playback error");
     m_playback.forget_seek_goal();
-    note_trouble({"playback_failed", std::nullopt, "the sound card can't play"});
+    m_misses.note({"playback_failed", std::nullopt, "the sound card can't play"});
     if (!begin_anew() && !pass_over_refused()) {
         m_playback.set_goal(NUV_PLAYBACK_STATE_STOPPED);
     }

@@ -14,7 +14,6 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -24,6 +23,7 @@
 #include "local/base/logger.h"
 #include "local/network/remote_settings.h"
 #include "local/playback/control.h"
+#include "local/playback/misses.h"
 #include "local/playback/pace.h"
 #include "local/playback/playback_state.h"
 #include "local/playback/session.h"
@@ -37,13 +37,6 @@ struct HeardTrack {
     size_t track;  // of the session
     const TrackInfo* info;
     const TrackTexts* texts;
-};
-
-// What went wrong and goes on without it; `error` as the session's channel has it.
-struct Trouble {
-    const char* error;
-    std::optional<size_t> track;
-    std::string reason;
 };
 
 class Player {
@@ -81,7 +74,7 @@ class Player {
     // In the track that is heard; 0 without one. Calls a delegate.
     uint64_t position_ms() const;
     // The oldest that has not been taken.
-    std::optional<Trouble> take_trouble();
+    std::optional<Trouble> take_trouble() { return m_misses.take(); }
     // True, once, after the renderer has begun to play anew: everything about it is worth a report.
     bool take_fresh_start() { return m_playback.take_fresh_start(); }
     // True, once, after the texts of what is heard have changed.
@@ -135,10 +128,7 @@ class Player {
     void skip_to(size_t track);
     void end_session();
     void go_on_after_last_sample();
-    void pass_over(const Stream& stream);
     bool pass_over_refused();
-    void note_trouble(Trouble trouble);
-    void consider_failure(const Stream& stream);
     bool begin_anew();
     TrackPlace place_of(size_t track) const { return {track, m_session_count}; }
 
@@ -150,17 +140,12 @@ class Player {
     nuv_loop_mode m_loop_mode = NUV_LOOP_MODE_OFF;
     bool m_shuffle = false;
     bool m_is_active = false;
-    bool m_goes_backwards = false;     // the last skip did: so are unplayable tracks passed over
-    int m_refused_count = 0;           // tracks in a row of which the renderer took nothing
-    size_t m_first_refused = 0;        // of these
-    int m_unreachable_count = 0;       // tracks in a row whose server was gone
-    bool m_gives_session_up = false;   // nothing more of it is opened
-    uint64_t m_considered_stream = 0;  // whose failure counts already
+    bool m_goes_backwards = false;  // the last skip did: so are unplayable tracks passed over
     bool m_has_new_texts = false;
     uint64_t m_seek_count = 0;
     uint64_t m_text_count = 0;
-    std::deque<Trouble> m_troubles;  // at most kMaxTroubles, later ones are not kept
 
+    Misses m_misses;
     PlaybackState m_playback;
     StreamQueue m_streams;
     Pace m_pace;

@@ -94,12 +94,12 @@ bool Player::start_current() {
     if (start != StreamQueue::Start::failed) {
         return start == StreamQueue::Start::announced;
     }
-    consider_failure(*m_streams.current());
-    pass_over(*m_streams.current());
+    m_misses.consider(*m_streams.current(), *m_session);
+    m_misses.pass_over(*m_streams.current(), *m_session);
     m_streams.dispose(Role::current);
     const auto onward =
         m_goes_backwards && m_session->previous() ? m_session->previous() : m_session->next();
-    if (onward && !m_gives_session_up) {
+    if (onward && !m_misses.gives_session_up()) {
         m_session->move_to(*onward);
     } else {
         end_session();
@@ -232,8 +232,8 @@ bool Player::start_next() {
         if (!m_streams.current()->is_decoded_wholly()) {
             return false;
         }
-        consider_failure(*m_streams.current());
-        if (m_gives_session_up) {
+        m_misses.consider(*m_streams.current(), *m_session);
+        if (m_misses.gives_session_up()) {
             return false;
         }
         m_streams.open(Role::next, m_session->track(*follower), place_of(*follower));
@@ -245,8 +245,8 @@ bool Player::start_next() {
     if (start != StreamQueue::Start::failed) {
         return start == StreamQueue::Start::announced;
     }
-    consider_failure(*m_streams.next());
-    pass_over(*m_streams.next());
+    m_misses.consider(*m_streams.next(), *m_session);
+    m_misses.pass_over(*m_streams.next(), *m_session);
     m_streams.dispose(Role::next);
     return true;
 }
@@ -322,7 +322,7 @@ void Player::deliver_one(Role role, bool* has_more) {
     }
     const StreamQueue::Offered offered = m_streams.offer(role);
     if (offered.taken_bytes > 0) {
-        m_refused_count = 0;
+        m_misses.something_was_taken();
         m_resumed_ms.reset();
         m_has_begun_anew = false;
     }
