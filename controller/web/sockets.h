@@ -15,8 +15,8 @@
 #include <mutex>
 #include <string>
 
+#include "common/http_guard/http_guard.h"
 #include "controller/session/house.h"
-#include "controller/web/connection_guard.h"
 
 namespace nuvio::controller {
 
@@ -26,7 +26,7 @@ class Sockets {
     static constexpr size_t kMaxChannels = 16;
 
     // Borrows all. `state`: the message for pages at a version.
-    Sockets(House& house, Changes& changes, ConnectionGuard& guard,
+    Sockets(House& house, Changes& changes, HttpGuard& guard,
             std::function<std::string(uint64_t)> state);
     ~Sockets();
     Sockets(const Sockets&) = delete;
@@ -58,7 +58,7 @@ class Sockets {
 
     House& m_house;
     Changes& m_changes;
-    ConnectionGuard& m_guard;
+    HttpGuard& m_guard;
     const std::function<std::string(uint64_t)> m_state;
     mutable std::mutex m_mutex;
     std::map<const mg_connection*, std::shared_ptr<Page>> m_pages;
