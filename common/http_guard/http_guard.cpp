@@ -73,15 +73,15 @@ void HttpGuard::cut_where(const std::function<bool(SocketNumber)>& is_meant) con
 // True: it has been cut off just now for want of a request.
 bool HttpGuard::end_if_over(const TcpSocket& socket, Connection& connection,
                             std::chrono::milliseconds patience, Clock::time_point now) const {
-    const bool has_request = connection.has_request;
-    // A newcomer's deadline is the longer patience's end.
-    const auto sooner = has_request ? std::chrono::milliseconds(0) : m_settings.patience - patience;
-    if (connection.is_cut || connection.deadline == kNever || connection.deadline - sooner > now) {
+    // A newcomer's deadline is the end of the longer patience.
+    const auto end = connection.has_request ? connection.deadline
+                                            : connection.deadline - m_settings.patience + patience;
+    if (connection.is_cut || end > now) {
         return false;
     }
     connection.is_cut = true;
-    shutdown(socket.own.get(), has_request ? SHUT_RDWR : SHUT_RD);
-    return !has_request;
+    shutdown(socket.own.get(), connection.has_request ? SHUT_RDWR : SHUT_RD);
+    return !connection.has_request;
 }
 
 bool HttpGuard::look() {
