@@ -60,7 +60,7 @@ int Content::serve(Exchange& exchange, std::string_view name) {
         return exchange.fail(503, "too many at once", "Retry-After: 1\r\n");
     }
     // A device reads ahead and then not for long: it has a token, so it may.
-    m_guard.clear_deadline(exchange.connection());
+    exchange.guarded().clear_deadline();
     return serve_file(exchange, *file);
 }
 

@@ -14,7 +14,6 @@
 
 #include "controller/library/library.h"
 #include "controller/session/house.h"
-#include "controller/web/connection_guard.h"
 #include "controller/web/exchange.h"
 
 namespace nuvio::controller {
@@ -22,8 +21,7 @@ namespace nuvio::controller {
 class Content {
   public:
     // Borrows all.
-    Content(Library& library, House& house, ConnectionGuard& guard)
-        : m_library(library), m_house(house), m_guard(guard) {}
+    Content(Library& library, House& house) : m_library(library), m_house(house) {}
 
     // `name`: what stands behind "/content/".
     int serve(Exchange& exchange, std::string_view name);
@@ -34,7 +32,6 @@ class Content {
 
     Library& m_library;
     House& m_house;
-    ConnectionGuard& m_guard;
     std::atomic<int> m_being_sent = 0;
 };
 

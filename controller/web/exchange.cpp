@@ -27,10 +27,15 @@ constexpr char kSafeHeaders[] =
 
 }  // namespace
 
-Exchange::Exchange(mg_connection* connection, std::string path)
+Exchange::Exchange(mg_connection* connection, HttpGuard& guard, std::string path)
     : m_connection(connection),
+      m_guarded(guard, connection),
       m_method(mg_get_request_info(connection)->request_method),
-      m_path(std::move(path)) {}
+      m_path(std::move(path)) {
+    const bool has_body = mg_get_request_info(connection)->content_length > 0 ||
+                          header("Transfer-Encoding") != nullptr;
+    m_guarded.set_deadline(has_body ? kBodyPatience : kAnswerPatience);
+}
 
 std::string Exchange::parameter(const char* name) const {
     const char* query = mg_get_request_info(m_connection)->query_string;
@@ -70,6 +75,7 @@ JsonPtr Exchange::body() {
         }
         have += static_cast<size_t>(got);
     }
+    m_guarded.set_deadline(kAnswerPatience);
     JsonPtr document = parse_json({text.data(), have}, kMaxValues);
     if (have < text.size() || cJSON_IsObject(document.get()) == 0) {
         fail(400, "the body is no JSON object, or has more than 6,000 values");

@@ -12,17 +12,23 @@
 #include <string_view>
 
 #include "common/json/json.h"
+#include "controller/web/guarded_connection.h"
 
 namespace nuvio::controller {
 
 class Exchange {
   public:
-    // `path`: the request's, without the base path; begins with '/'.
-    Exchange(mg_connection* connection, std::string path);
+    // What the answer to a request that has come may take, and what a body may take to come.
+    static constexpr std::chrono::seconds kAnswerPatience{45};
+    static constexpr std::chrono::seconds kBodyPatience{5};
+
+    // Gives the connection its deadline. `path`: the request's, without the base path; begins with
+    // '/'.
+    Exchange(mg_connection* connection, HttpGuard& guard, std::string path);
 
     const std::string& method() const { return m_method; }
     const std::string& path() const { return m_path; }
-    mg_connection* connection() const { return m_connection; }
+    GuardedConnection& guarded() { return m_guarded; }
     // Null: absent.
     const char* header(const char* name) const { return mg_get_header(m_connection, name); }
     // The value of a parameter of the URL, decoded; empty: absent.
@@ -48,6 +54,7 @@ class Exchange {
 
   private:
     mg_connection* const m_connection;
+    GuardedConnection m_guarded;
     const std::string m_method;
     const std::string m_path;
 };

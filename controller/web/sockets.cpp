@@ -9,6 +9,7 @@
 #include "common/text.h"
 #include "controller/base/log.h"
 #include "controller/web/allocation_limit.h"
+#include "controller/web/guarded_connection.h"
 
 namespace nuvio::controller {
 
@@ -46,22 +47,22 @@ std::string_view bearer_of(const mg_connection* connection) {
 // Writes to one socket.
 class Sockets::Writer {
   public:
-    Writer(mg_connection* connection, ConnectionGuard& guard)
-        : m_connection(connection), m_guard(guard) {}
+    Writer(mg_connection* connection, HttpGuard& guard)
+        : m_connection(connection), m_guarded(guard, connection) {}
 
     // False: the peer is gone, or has been cut off.
     bool write(const std::string& message) {
-        m_guard.set_deadline(m_connection, kWritePatience);
+        m_guarded.set_deadline(kWritePatience);
         const int sent = mg_websocket_write(m_connection, MG_WEBSOCKET_OPCODE_TEXT, message.data(),
                                             message.size());
-        m_guard.clear_deadline(m_connection);
+        m_guarded.clear_deadline();
         return sent > 0;
     }
-    void cut() { m_guard.cut(m_connection); }
+    void cut() { m_guarded.cut(); }
 
   private:
     mg_connection* const m_connection;
-    ConnectionGuard& m_guard;
+    GuardedConnection m_guarded;
 };
 
 class Sockets::Page {
@@ -158,7 +159,7 @@ class Sockets::Channel : public ChannelLink {
     std::thread m_thread;
 };
 
-Sockets::Sockets(House& house, Changes& changes, ConnectionGuard& guard,
+Sockets::Sockets(House& house, Changes& changes, HttpGuard& guard,
                  std::function<std::string(uint64_t)> state)
     : m_house(house), m_changes(changes), m_guard(guard), m_state(std::move(state)) {}
 
@@ -185,8 +186,8 @@ bool Sockets::has_room_for_channel() const {
 }
 
 template <typename Kind>
-std::shared_ptr<Kind> Sockets::find(std::map<const mg_connection*, std::shared_ptr<Kind>>& sockets,
-                                    const mg_connection* connection, bool take) {
+std::shared_ptr<Kind> Sockets::find(Map<Kind>& sockets, const mg_connection* connection,
+                                    bool take) {
     const std::scoped_lock lock(m_mutex);
     const auto found = sockets.find(connection);
     if (found == sockets.end()) {
@@ -200,27 +201,28 @@ std::shared_ptr<Kind> Sockets::find(std::map<const mg_connection*, std::shared_p
 }
 
 // What a socket has between handshake and close, its thread with it. Null, and the connection cut
-// off, where the system has none left: nothing may be thrown through CivetWeb, which closes the
-// connection as for any that has ended.
+// off, where there are too many or the system has no thread left: nothing may be thrown through
+// CivetWeb, which closes the connection as for any that has ended.
 template <typename Kind>
-std::shared_ptr<Kind> Sockets::begin(mg_connection* connection) {
+std::shared_ptr<Kind> Sockets::begin(Map<Kind>& sockets, size_t most, mg_connection* connection) {
     limit_allocations(kMaxAllocation);
-    m_guard.clear_deadline(connection);
+    GuardedConnection guarded(m_guard, connection);
+    guarded.clear_deadline();
     try {
-        return std::make_shared<Kind>(*this, connection);
+        const std::scoped_lock lock(m_mutex);
+        if (sockets.size() < most) {
+            return sockets[connection] = std::make_shared<Kind>(*this, connection);
+        }
     } catch (const std::system_error& error) {
         log_line(LogLevel::error, std::string("No thread for a socket: ") + error.what());
-        m_guard.cut(connection);
-        return nullptr;
     }
+    guarded.cut();
+    return nullptr;
 }
 
 void Sockets::on_page_ready(mg_connection* connection, void* context) {
     auto* self = static_cast<Sockets*>(context);
-    if (auto page = self->begin<Page>(connection)) {
-        const std::scoped_lock lock(self->m_mutex);
-        self->m_pages[connection] = std::move(page);
-    }
+    self->begin(self->m_pages, kMaxPages, connection);
 }
 
 // A page says nothing; its pongs keep the connection. On 0, and after a close frame whatever is
@@ -238,15 +240,8 @@ void Sockets::on_page_closed(const mg_connection* connection, void* context) {
 
 void Sockets::on_channel_ready(mg_connection* connection, void* context) {
     auto* self = static_cast<Sockets*>(context);
-    const auto channel = self->begin<Channel>(connection);
-    if (channel == nullptr) {
-        return;
-    }
-    {
-        const std::scoped_lock lock(self->m_mutex);
-        self->m_channels[connection] = channel;
-    }
-    if (!self->m_house.channels().opened(bearer_of(connection), channel)) {
+    const auto channel = self->begin(self->m_channels, kMaxChannels, connection);
+    if (channel != nullptr && !self->m_house.channels().opened(bearer_of(connection), channel)) {
         channel->close();
     }
 }

@@ -15,8 +15,8 @@
 #include <mutex>
 #include <string>
 
+#include "common/http_guard/http_guard.h"
 #include "controller/session/house.h"
-#include "controller/web/connection_guard.h"
 
 namespace nuvio::controller {
 
@@ -26,7 +26,7 @@ class Sockets {
     static constexpr size_t kMaxChannels = 16;
 
     // Borrows all. `state`: the message for pages at a version.
-    Sockets(House& house, Changes& changes, ConnectionGuard& guard,
+    Sockets(House& house, Changes& changes, HttpGuard& guard,
             std::function<std::string(uint64_t)> state);
     ~Sockets();
     Sockets(const Sockets&) = delete;
@@ -34,6 +34,7 @@ class Sockets {
 
     // Registers both; handshakes have been looked at by then. Before the first request.
     void put_on(mg_context* context);
+    // Those that ask at once may all be told that there is room; one too many is cut off then.
     bool has_room_for_page() const;
     bool has_room_for_channel() const;
 
@@ -43,10 +44,12 @@ class Sockets {
     class Page;
 
     template <typename Kind>
-    std::shared_ptr<Kind> begin(mg_connection* connection);
+    using Map = std::map<const mg_connection*, std::shared_ptr<Kind>>;
+
     template <typename Kind>
-    std::shared_ptr<Kind> find(std::map<const mg_connection*, std::shared_ptr<Kind>>& sockets,
-                               const mg_connection* connection, bool take);
+    std::shared_ptr<Kind> begin(Map<Kind>& sockets, size_t most, mg_connection* connection);
+    template <typename Kind>
+    std::shared_ptr<Kind> find(Map<Kind>& sockets, const mg_connection* connection, bool take);
 
     static void on_page_ready(mg_connection* connection, void* self);
     static int on_page_data(mg_connection*, int bits, char*, size_t, void*);
@@ -58,11 +61,11 @@ class Sockets {
 
     House& m_house;
     Changes& m_changes;
-    ConnectionGuard& m_guard;
+    HttpGuard& m_guard;
     const std::function<std::string(uint64_t)> m_state;
     mutable std::mutex m_mutex;
-    std::map<const mg_connection*, std::shared_ptr<Page>> m_pages;
-    std::map<const mg_connection*, std::shared_ptr<Channel>> m_channels;
+    Map<Page> m_pages;
+    Map<Channel> m_channels;
 };
 
 }  // namespace nuvio::controller

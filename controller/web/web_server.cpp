@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "common/fnv1a.h"
+#include "common/http_guard/thread_clock.h"
 #include "common/request_origin.h"
 #include "common/text.h"
 #include "controller/base/log.h"
@@ -19,7 +20,12 @@ namespace {
 
 // Pages and channels hold a worker each, and so does what is being sent.
 constexpr char kWorkers[] = "64";
-constexpr std::chrono::seconds kRequestPatience{45};
+// A peer's time for its request's head; less from so many of them on.
+constexpr std::chrono::milliseconds kPatience{5'000};
+constexpr size_t kCrowd = 32;
+constexpr std::chrono::milliseconds kCrowdPatience{200};
+// What a peer may still send of a body that nobody has read.
+constexpr std::chrono::milliseconds kLinger{1'000};
 // CivetWeb's own, for a write that waits: a device may have read ahead, and be paused. Whoever has
 // no token is cut off by the guard.
 constexpr char kWriteTimeoutMs[] = "3600000";
@@ -56,10 +62,11 @@ std::string_view text_of(const char* text) {
 WebServer::WebServer(const Settings& settings, Library& library, House& house, Changes& changes)
     : m_settings(settings),
       m_cookie(new_token()),
-      m_guard(settings.port),
+      m_guard(settings.port, {kPatience, kCrowd, kCrowdPatience, {}},
+              std::make_unique<ThreadClock>()),
       m_api(library, house, changes),
       m_house(house),
-      m_content(library, house, m_guard),
+      m_content(library, house),
       m_sockets(house, changes, m_guard,
                 [this](uint64_t version) { return m_api.state(version); }) {
     mg_init_library(0);
@@ -91,7 +98,6 @@ bool WebServer::start() {
                              nullptr};
     mg_callbacks callbacks{};
     callbacks.init_connection = on_connection;
-    callbacks.connection_close = on_connection_end;
     callbacks.begin_request = on_request;
     callbacks.log_message = on_log;
     m_context.reset(mg_start(&callbacks, this, options));
@@ -113,14 +119,8 @@ int WebServer::on_log(const mg_connection*, const char* message) {
 // Its result is not looked at.
 int WebServer::on_connection(const mg_connection* connection, void**) {
     auto* self = static_cast<WebServer*>(mg_get_user_data(mg_get_context(connection)));
-    self->m_guard.look();
+    self->m_guard.announce();
     return 0;
-}
-
-// The socket is open still, the connection's lock held.
-void WebServer::on_connection_end(const mg_connection* connection) {
-    auto* self = static_cast<WebServer*>(mg_get_user_data(mg_get_context(connection)));
-    self->m_guard.end(connection);
 }
 
 // Above 0 it has been answered: CivetWeb reads what is left of the body until the guard cuts it
@@ -129,10 +129,18 @@ void WebServer::on_connection_end(const mg_connection* connection) {
 int WebServer::on_request(mg_connection* connection) {
     const mg_request_info* info = mg_get_request_info(connection);
     auto* self = static_cast<WebServer*>(info->user_data);
-    self->m_guard.begin(connection, kRequestPatience);
-    Exchange exchange(connection, self->own_path(info->local_uri));
+    GuardedConnection::introduce(self->m_guard, connection);
+    Exchange exchange(connection, self->m_guard, self->own_path(info->local_uri));
+    const int status = self->answer(exchange);
+    if (status > 0) {
+        exchange.guarded().set_deadline(kLinger);
+    }
+    return status;
+}
+
+int WebServer::answer(Exchange& exchange) {
     try {
-        return self->serve(exchange);
+        return serve(exchange);
     } catch (const DatabaseError& error) {
         log_line(LogLevel::error, std::string("The library can't be read: ") + error.what());
         return exchange.fail(503, "the library can't be read just now");

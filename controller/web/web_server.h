@@ -13,11 +13,11 @@
 #include <memory>
 #include <string>
 
+#include "common/http_guard/http_guard.h"
 #include "common/released_by.h"
 #include "controller/base/settings.h"
 #include "controller/session/house.h"
 #include "controller/web/api.h"
-#include "controller/web/connection_guard.h"
 #include "controller/web/content.h"
 #include "controller/web/exchange.h"
 #include "controller/web/sockets.h"
@@ -38,10 +38,10 @@ class WebServer {
 
   private:
     static int on_connection(const mg_connection* connection, void** data);
-    static void on_connection_end(const mg_connection* connection);
     static int on_request(mg_connection* connection);
     static int on_log(const mg_connection*, const char* message);
 
+    int answer(Exchange& exchange);
     int serve(Exchange& exchange);
     int serve_socket(Exchange& exchange);
     int serve_page(Exchange& exchange);
@@ -53,7 +53,7 @@ class WebServer {
 
     const Settings& m_settings;
     const std::string m_cookie;  // for who knew the password; another one each start
-    ConnectionGuard m_guard;
+    HttpGuard m_guard;
     Api m_api;
     House& m_house;
     Content m_content;

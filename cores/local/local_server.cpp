@@ -1,41 +1,22 @@
 #include "local/local_server.h"
 
-#include <sys/socket.h>
-
 #include <algorithm>
-#include <filesystem>
-#include <system_error>
 #include <utility>
 
-#include "common/number.h"
+#include "common/sockets/process_sockets.h"
 
 namespace local_core {
 
 namespace {
 
-int socket_option(int fd, int option) {
-    int value = 0;
-    socklen_t size = sizeof value;
-    return getsockopt(fd, SOL_SOCKET, option, &value, &size) == 0 ? value : 0;
-}
-
-bool accepts_tcp_connections(int fd) {
-    const int domain = socket_option(fd, SO_DOMAIN);
-    return (domain == AF_INET || domain == AF_INET6) && socket_option(fd, SO_ACCEPTCONN) == 1;
-}
-
 // Where it cannot be seen it is taken for granted.
 bool this_process_listens() {
-    std::error_code error;
-    std::filesystem::directory_iterator entry("/proc/self/fd", error);
-    const bool is_unknown = static_cast<bool>(error);
-    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
-        const auto fd = nuvio::to_number<int>(entry->path().filename().native());
-        if (fd && accepts_tcp_connections(*fd)) {
-            return true;
-        }
-    }
-    return is_unknown;
+    bool is_found = false;
+    const bool is_known = nuvio::for_each_tcp_socket([&](const nuvio::TcpSocket& socket) {
+        is_found = nuvio::is_listener(socket.own.get());
+        return !is_found;
+    });
+    return is_found || !is_known;
 }
 
 }  // namespace

@@ -12,6 +12,8 @@
 #include <system_error>
 #include <vector>
 
+#include "common/number.h"
+#include "common/sockets/process_sockets.h"
 #include "common/unique_fd.h"
 
 namespace {
@@ -34,10 +36,10 @@ int take(uint16_t port) {
     return taken ? 0 : errno;
 }
 
-// The kernel's names of the sockets that listen on the port: "socket:[4711]".
-std::vector<std::string> listeners(uint16_t port) {
+// The sockets that listen on the port, in whatever process.
+std::vector<nuvio::SocketNumber> listeners(uint16_t port) {
     constexpr char kListening[] = "0A";
-    std::vector<std::string> names;
+    std::vector<nuvio::SocketNumber> numbers;
     for (const char* table : {"/proc/net/tcp", "/proc/net/tcp6"}) {
         std::ifstream file(table);
         std::string line;
@@ -49,24 +51,20 @@ std::vector<std::string> listeners(uint16_t port) {
                 user >> timeout >> inode;
             const std::string hex = local.substr(local.find(':') + 1);
             if (state == kListening && std::strtoul(hex.c_str(), nullptr, 16) == port) {
-                names.push_back("socket:[" + inode + "]");
+                numbers.push_back(nuvio::to_number<nuvio::SocketNumber>(inode).value_or(0));
             }
         }
     }
-    return names;
+    return numbers;
 }
 
-bool has_one_of(const fs::path& process, const std::vector<std::string>& sockets) {
-    std::error_code error;
-    fs::directory_iterator fd(process / "fd", error);
-    for (; !error && fd != fs::directory_iterator(); fd.increment(error)) {
-        std::error_code gone;
-        const std::string name = fs::read_symlink(fd->path(), gone).string();
-        if (std::ranges::find(sockets, name) != sockets.end()) {
-            return true;
-        }
-    }
-    return false;
+bool has_one_of(const fs::path& process, const std::vector<nuvio::SocketNumber>& sockets) {
+    bool is_found = false;
+    nuvio::for_each_socket_of((process / "fd").c_str(), [&](int, nuvio::SocketNumber number) {
+        is_found = std::ranges::find(sockets, number) != sockets.end();
+        return !is_found;
+    });
+    return is_found;
 }
 
 struct Holder {
@@ -75,7 +73,7 @@ struct Holder {
 };
 
 Holder holder_of(uint16_t port) {
-    const std::vector<std::string> sockets = listeners(port);
+    const std::vector<nuvio::SocketNumber> sockets = listeners(port);
     std::error_code error;
     fs::directory_iterator process("/proc", error);
     for (; !error && process != fs::directory_iterator(); process.increment(error)) {

@@ -99,9 +99,13 @@ class Peers(HouseTest):
         sessions = json.loads((self.folder / "state-of-controller/sessions.json").read_text())
         return sessions[0]["token"]
 
-    def socket(self, data=b""):
-        connection = socket.create_connection(("127.0.0.1", self.port), timeout=PATIENCE)
+    def socket(self, data=b"", address="127.0.0.1", source=("127.0.0.3", 0)):
+        connection = socket.socket()
         self.addCleanup(connection.close)
+        connection.settimeout(PATIENCE)
+        connection.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        connection.bind(source)
+        connection.connect((address, self.port))
         connection.sendall(data)
         return connection
 
@@ -171,6 +175,26 @@ class Peers(HouseTest):
                 with contextlib.suppress(OSError):
                     for _ in range(200):
                         each.sendall(b"\xaa" * 65536)
+        # Two pages from one place, the first of which leaves its descriptor to a third: that one stays
+        # when the second goes.
+        first = self.socket()
+        second = self.socket(f"GET /api/events {request}\r\n".encode(), "127.0.0.2", first.getsockname())
+        self.assertIn(b" 101 ", second.recv(64))
+        first.shutdown(socket.SHUT_WR)
+        while first.recv(1):
+            pass
+        third = self.socket(f"GET /api/events {request}\r\n".encode())
+        self.assertIn(b" 101 ", third.recv(64))
+        second.close()
+        unread = self.socket(b"POST /api/library/scan HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 9\r\n\r\n")
+        while unread.recv(65536):
+            pass  # it ends within PATIENCE, though none of the body comes
+        third.sendall(b"\x89\x80abcd")
+        said = b""
+        while b"\x8a\0" not in said:  # the ping's answer, among states
+            piece = third.recv(65536)
+            self.assertTrue(piece, "cut off in the second's place")
+            said += piece
         slow = [self.socket(b"GET / HTTP/1.1\r\nX: ") for _ in range(100)]
 
         def is_answered():

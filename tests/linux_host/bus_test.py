@@ -99,10 +99,12 @@ class Bus(DeviceTest):
                    for state in states if re.search(rf"^Name:\thost-|^Pid:\t{main}$", state, re.M))
 
     def assert_idle(self):
-        """Sleeps through a time in which a poll of any kind would show."""
-        before = self.sleeps()
-        time.sleep(2.5)
-        self.assertEqual(self.sleeps(), before)
+        """Comes to sleep through a time in which a poll of any kind would show."""
+        def is_asleep():
+            before = self.sleeps()
+            time.sleep(2.5)
+            return self.sleeps() == before
+        wait_for("sleep", is_asleep)
 
     def test_players_show_what_the_service_reports(self):
         self.begin_session()
@@ -217,12 +219,10 @@ class Bus(DeviceTest):
     def test_a_bus_that_comes_later_or_anew_is_found_and_nothing_is_polled_meanwhile(self):
         folder = self.without_bus()
         self.start(player=False)
-        time.sleep(3)  # past the few tries after the start
         self.assert_idle()
         folder.mkdir(parents=True)
         bus, _ = own_device.start_bus(folder)
         self.wait_for_host()
-        time.sleep(0.5)
         self.assert_idle()
         self.end(bus)
         self.track("one.wav", 40)

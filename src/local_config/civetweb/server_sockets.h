@@ -1,4 +1,4 @@
-// The HTTP library's own sockets, reached through the process's descriptor table.
+// The HTTP library's own sockets, reached through the process's descriptor table (common/sockets).
 //
 // The library hides its descriptors, yet some waits inside it can only be ended from outside:
 // mg_stop lets its threads sleep out their polls (up to 2 s), and a peer that sends its body one
@@ -10,17 +10,14 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <string_view>
+
+#include "common/unique_fd.h"
 
 // From now on the calling thread gets `signal` for each connection that is made to the server,
 // whether or not the library has accepted it by then. (Readiness of the listener would be missed
 // whenever the library is the faster one to accept.)
 void signal_connections(uint16_t port, int signal);
-
-// Shows `is_over` each open connection, by a number of its own, and ends the stream from the peer
-// where it returns true: what has arrived can still be read, and answers can be sent.
-void shut_down_connections(uint16_t port, const std::function<bool(uint64_t id)>& is_over);
 
 // Ends the waits of a server that is about to be stopped: its listeners accept nothing more, its
 // connections read the end of their streams. Answers under way are still sent.
@@ -35,9 +32,6 @@ class connection_socket {
   public:
     // `remote_address`: in digits, as the library gives it.
     connection_socket(uint16_t local_port, const char* remote_address, uint16_t remote_port);
-    ~connection_socket();
-    connection_socket(const connection_socket&) = delete;
-    connection_socket& operator=(const connection_socket&) = delete;
 
     // Bytes that can be read without waiting.
     int readable_bytes() const;
@@ -52,5 +46,5 @@ class connection_socket {
     void close_gently(int patience_ms) const;
 
   private:
-    int m_fd;  // -1: not found
+    nuvio::UniqueFd m_socket;  // none: not found
 };
