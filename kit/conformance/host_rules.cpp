@@ -366,6 +366,7 @@ std::string check_listeners() {
 
 // The service's listener may wait for seconds, and calls back.
 std::string check_waiting() {
+    ProcessState::self()->startThreadPool();
     Stopwatch watch;
     KORAHelper kora;
     const auto record = std::make_shared<Record>();
@@ -545,6 +546,7 @@ std::string check_any_thread() {
 // SIGTERM, which the process has blocked, may have come before. No notification begins after the
 // return.
 std::string check_end() {
+    ProcessState::self()->startThreadPool();
     KORAHelper kora;
     const auto record = std::make_shared<Record>();
     const sp<Alerts> alerts = new Alerts(record);
@@ -575,14 +577,20 @@ constexpr std::array kRules = {
     Rule{"any-thread", check_any_thread}, Rule{"end", check_end},
 };
 
-}  // namespace
-}  // namespace nuvio::kit
+std::vector<std::string> names() {
+    std::vector<std::string> result;
+    for (const Rule& rule : kRules) {
+        result.emplace_back(rule.name);
+    }
+    return result;
+}
 
-extern "C" __attribute__((visibility("default"))) void nuvio_check_rules(
-    nuvio::kit::Report& report, const nuvio::kit::Options& options) {
-    using namespace nuvio::kit;
+void check_all(Report& report, const Options& options) {
     g_patience = std::chrono::seconds(options.patience_s);
     for (const Rule& rule : kRules) {
+        if (!options.wants(rule.name)) {
+            continue;
+        }
         report.begin(rule.name, 3 * options.patience_s);
         try {
             report.line(rule.name, Verdict::holds, rule.check());
@@ -590,4 +598,11 @@ extern "C" __attribute__((visibility("default"))) void nuvio_check_rules(
             report.line(rule.name, Verdict::broken, broken.what());
         }
     }
+}
+
+}  // namespace
+}  // namespace nuvio::kit
+
+extern "C" __attribute__((visibility("default"))) nuvio::kit::Rules nuvio_rules() {
+    return {nuvio::kit::names(), nuvio::kit::check_all};
 }

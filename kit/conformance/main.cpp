@@ -2,15 +2,15 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <optional>
 #include <string>
-#include <string_view>
 
 #include "common/number.h"
+#include "common/options/options.h"
 #include "conformance/report.h"
 
 namespace {
@@ -19,51 +19,60 @@ using nuvio::kit::Options;
 using nuvio::kit::Report;
 using nuvio::kit::Verdict;
 
-constexpr int kUsageError = 2;
-constexpr char kUsage[] =
+constexpr char kProgram[] = "nuvio-connect-conformance";
+constexpr char kHead[] =
     "usage: nuvio-connect-conformance --core LIBRARY | --host LIBRARY [OPTIONS]\n"
     "\n"
     "Runs what the service asks of a core (sdk/nuvio_connect.h) or of a host (platform/*.h)\n"
     "against the library and prints a line a rule: ok, FAIL, or - where it did not come to it.\n"
     "Exit status 0 when none fails.\n"
-    "\n"
-    "  --endpoint WHAT  what the core's sessions name as their content, three tracks or more of\n"
-    "                   some seconds; default: a folder of three WAV files, made for the run\n"
-    "  --patience S     how long to wait for what is to come (10)\n"
-    "  --all            a rule that was not come to counts as one that fails\n";
+    "\n";
 
 struct Arguments {
     std::string module;
     std::string library;
     Options options;
     bool all = false;
+    bool list = false;
 };
 
-std::optional<Arguments> parse(int argc, char** argv) {
-    Arguments result;
-    for (int i = 1; i < argc; ++i) {
-        const std::string_view word = argv[i];
-        if (word == "--all") {
-            result.all = true;
-            continue;
-        }
-        const char* const value = ++i < argc ? argv[i] : nullptr;
-        if (value == nullptr) {
-            return std::nullopt;
-        }
-        if ((word == "--core" || word == "--host") && result.library.empty()) {
-            result.module = word == "--core" ? "nuvio_core_rules.so" : "nuvio_host_rules.so";
-            result.library = value;
-        } else if (word == "--endpoint") {
-            result.options.endpoint = value;
-        } else if (const auto seconds = nuvio::to_number<unsigned>(value);
-                   word == "--patience" && seconds && *seconds > 0) {
-            result.options.patience_s = *seconds;
-        } else {
-            return std::nullopt;
-        }
-    }
-    return result.library.empty() ? std::nullopt : std::optional(result);
+nuvio::CommandLine command_line(Arguments& arguments) {
+    const auto layer = [&](const char* module) {
+        return [&arguments, module](const std::string& library) {
+            const bool is_first = arguments.library.empty();
+            arguments.module = module;
+            arguments.library = library;
+            return is_first && !library.empty();
+        };
+    };
+    const auto flag = [](bool& set) { return [&set](const std::string&) { return set = true; }; };
+    const auto set_patience = [&](const std::string& value) {
+        arguments.options.patience_s = nuvio::to_number<unsigned>(value).value_or(0);
+        return arguments.options.patience_s > 0;
+    };
+    const auto add_rule = [&](const std::string& name) {
+        arguments.options.rules.push_back(name);
+        return true;
+    };
+    const auto set_endpoint = [&](const std::string& value) {
+        arguments.options.endpoint = value;
+        return true;
+    };
+    return {
+        kProgram,
+        NUVIO_VERSION,
+        kHead,
+        "",
+        {{"core", "LIBRARY", "a core", layer("nuvio_core_rules.so")},
+         {"host", "LIBRARY", "a host", layer("nuvio_host_rules.so")},
+         {"list", "", "name the rules, and look at none", flag(arguments.list)},
+         {"rule", "NAME", "look at this rule alone; several times for several rules", add_rule},
+         {"endpoint", "WHAT",
+          "what the core's sessions name as their content, three tracks or more of\n"
+          "some seconds; default: a folder of three WAV files, made for the run",
+          set_endpoint},
+         {"patience", "S", "how long to wait for what is to come (10)", set_patience},
+         {"all", "", "a rule that was not come to counts as one that fails", flag(arguments.all)}}};
 }
 
 Report g_report;
@@ -115,26 +124,42 @@ nuvio::kit::RulesFunction load(const Arguments& arguments) {
         g_report.line("load", Verdict::broken, dlerror());
         return nullptr;
     }
-    g_report.line("load", Verdict::holds, "everything that the service calls is there");
     return reinterpret_cast<nuvio::kit::RulesFunction>(function);
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    const auto arguments = parse(argc, argv);
-    if (!arguments) {
-        std::fputs(kUsage, argc == 2 && std::string_view(argv[1]) == "--help" ? stdout : stderr);
-        return argc == 2 && std::string_view(argv[1]) == "--help" ? EXIT_SUCCESS : kUsageError;
+    Arguments arguments;
+    if (const auto status = nuvio::parse_options(command_line(arguments), argc, argv)) {
+        return *status;
+    }
+    if (arguments.library.empty()) {
+        return nuvio::refuse_use(kProgram, "--core or --host is needed");
     }
     set_up_signals();
-    if (const auto check_rules = load(*arguments)) {
-        check_rules(g_report, arguments->options);
+    if (const auto rules_of_module = load(arguments)) {
+        const nuvio::kit::Rules rules = rules_of_module();
+        if (arguments.list) {
+            for (const std::string& name : rules.names) {
+                std::puts(name.c_str());
+            }
+            return EXIT_SUCCESS;
+        }
+        for (const std::string& name : arguments.options.rules) {
+            if (std::find(rules.names.begin(), rules.names.end(), name) == rules.names.end()) {
+                return nuvio::refuse_use(kProgram, "unknown rule '" + name + "'");
+            }
+        }
+        if (arguments.options.wants("load")) {
+            g_report.line("load", Verdict::holds, "everything that the service calls is there");
+        }
+        rules.check(g_report, arguments.options);
     }
     alarm(0);
     std::printf("%d rules fail, %d not come to\n", g_report.broken(), g_report.unseen());
     std::fflush(stdout);
-    const bool holds = g_report.broken() == 0 && !(arguments->all && g_report.unseen() != 0);
+    const bool holds = g_report.broken() == 0 && !(arguments.all && g_report.unseen() != 0);
     if (!holds) {
         std::_Exit(EXIT_FAILURE);  // the library may not be able to end either
     }

@@ -7,8 +7,10 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace nuvio::kit {
 
@@ -44,11 +46,22 @@ class Report {
 
 struct Options {
     std::string endpoint;  // what a session of the core plays; empty: tracks of the module's own
-    unsigned patience_s = 10;  // for whatever is to come
+    unsigned patience_s = 10;        // for whatever is to come
+    std::vector<std::string> rules;  // the names of those to look at; none: all
+
+    bool wants(const std::string& rule) const {
+        return rules.empty() || std::find(rules.begin(), rules.end(), rule) != rules.end();
+    }
+};
+
+// A module's rules.
+struct Rules {
+    std::vector<std::string> names;
+    void (*check)(Report& report, const Options& options);
 };
 
 // The name under which a module shows its only function.
-inline constexpr char kRulesFunction[] = "nuvio_check_rules";
-using RulesFunction = void (*)(Report& report, const Options& options);
+inline constexpr char kRulesFunction[] = "nuvio_rules";
+using RulesFunction = Rules (*)();
 
 }  // namespace nuvio::kit
