@@ -4,12 +4,12 @@
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <array>
 #include <cstdio>
 #include <cstdlib>
-#include <string_view>
+#include <optional>
+#include <string>
 
+#include "common/options/options.h"
 #include "diagnostics/device_list.h"
 #include "diagnostics/self_check.h"
 #include "diagnostics/service_report.h"
@@ -18,29 +18,53 @@
 
 namespace {
 
-constexpr int kUsageError = 2;
-
-constexpr char kUsage[] =
+constexpr char kProgram[] = "nuvio-connect";
+constexpr char kHead[] =
     "Usage: nuvio-connect [--setup [--card NAME] | --check [--json] | --list-devices | --help |\n"
     "                     --version]\n"
     "\n"
     "Makes this device a Nuvio Connect renderer: controllers on the local network\n"
     "discover it and play on it. Runs until SIGTERM or SIGINT.\n"
-    "\n"
-    "  --setup         make an output that plays right on the sound card, set it, and check;\n"
-    "                  --card NAME says on which one, where there are several\n"
-    "  --check         say whether this machine has what the service needs, and what\n"
-    "                  to do where it has not; exit status 0 when all is well; with\n"
-    "                  --json as one line of JSON\n"
-    "  --list-devices  show the sound devices and mixer elements there are to choose from\n"
-    "  --help          show this text\n"
-    "  --version       show the version\n"
+    "\n";
+constexpr char kTail[] =
     "\n"
     "Environment:\n"
     "  NUVIO_LOG_STDERR  when set, system-log lines go to standard error too, as they\n"
     "                    do on a terminal\n"
     "\n"
     "See nuvio-connect(8) and nuvio-connect-settings(5).\n";
+
+// What the command line asks for; nothing: to serve.
+struct Asked {
+    bool setUp = false;
+    std::optional<std::string> card;
+    bool check = false;
+    bool json = false;
+    bool listDevices = false;
+};
+
+nuvio::CommandLine commandLine(Asked& asked) {
+    const auto flag = [](bool& set) { return [&set](const std::string&) { return set = true; }; };
+    const auto setCard = [&asked](const std::string& name) {
+        asked.card = name;
+        return true;
+    };
+    return {
+        kProgram,
+        NUVIO_VERSION,
+        kHead,
+        kTail,
+        {{"setup", "", "make an output that plays right on the sound card, set it, and check",
+          flag(asked.setUp)},
+         {"card", "NAME", "with --setup: on which card, where there are several", setCard},
+         {"check", "",
+          "say whether this machine has what the service needs, and what to do\n"
+          "where it lacks something; exit status 0 when all is well",
+          flag(asked.check)},
+         {"json", "", "with --check: as one line of JSON", flag(asked.json)},
+         {"list-devices", "", "show the sound devices and mixer elements there are to choose from",
+          flag(asked.listDevices)}}};
+}
 
 enum class SystemLog { asEnvironmentSays, onStderrToo };
 
@@ -70,47 +94,11 @@ int serve() {
     return runService();
 }
 
-int refuse(const char* argument) {
-    std::fprintf(stderr, "nuvio-connect: unknown option '%s'\n\n%s", argument, kUsage);
-    return kUsageError;
-}
-
-// Without words behind it, or with "--json". What is wrong with the settings file is said by
-// whoever reads it.
-int check(int count, char** words) {
-    if (count > 1 || (count == 1 && std::string_view(words[0]) != "--json")) {
-        return refuse(words[count - 1]);
-    }
+// What is wrong with the settings file is said by whoever reads it.
+int check(bool asJson) {
     openSystemLog(SystemLog::onStderrToo);
-    return count == 1 ? runSelfCheckForPrograms() : runSelfCheck();
+    return asJson ? runSelfCheckForPrograms() : runSelfCheck();
 }
-
-// Without words behind it, or with "--card NAME".
-int setUp(int count, char** words) {
-    if (count != 0 && (count != 2 || std::string_view(words[0]) != "--card")) {
-        return refuse(words[0]);
-    }
-    return setUpSound(count == 0 ? "" : words[1]);
-}
-
-int showHelp() {
-    return std::fputs(kUsage, stdout) < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
-}
-
-int showVersion() {
-    return std::puts("nuvio-connect " NUVIO_VERSION) < 0 ? EXIT_FAILURE : EXIT_SUCCESS;
-}
-
-struct Option {
-    std::string_view name;
-    int (*run)();  // the exit status
-};
-
-constexpr std::array kOptions = {
-    Option{"--list-devices", listDevices},
-    Option{"--help", showHelp},
-    Option{"--version", showVersion},
-};
 
 // Started without them, their numbers would go to the loop and to sockets, and log lines into
 // those.
@@ -128,18 +116,21 @@ void keepStandardDescriptors() {
 
 int main(int argc, char** argv) {
     keepStandardDescriptors();
-    if (argc < 2) {
-        return serve();
+    Asked asked;
+    if (const auto status = nuvio::parse_options(commandLine(asked), argc, argv)) {
+        return *status;
     }
-    if (std::string_view(argv[1]) == "--setup") {
-        return setUp(argc - 2, argv + 2);
+    if (asked.setUp + asked.check + asked.listDevices > 1) {
+        return nuvio::refuse_use(kProgram, "one of --setup, --check and --list-devices at a time");
     }
-    if (std::string_view(argv[1]) == "--check") {
-        return check(argc - 2, argv + 2);
+    if (asked.card && !asked.setUp) {
+        return nuvio::refuse_use(kProgram, "--card goes with --setup only");
     }
-    const auto option = std::ranges::find(kOptions, argv[1], &Option::name);
-    if (option == kOptions.end()) {
-        return refuse(argv[1]);
+    if (asked.json && !asked.check) {
+        return nuvio::refuse_use(kProgram, "--json goes with --check only");
     }
-    return argc > 2 ? refuse(argv[2]) : option->run();
+    return asked.setUp         ? setUpSound(asked.card.value_or(""))
+           : asked.check       ? check(asked.json)
+           : asked.listDevices ? listDevices()
+                               : serve();
 }
