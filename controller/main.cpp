@@ -11,7 +11,7 @@ int main(int argc, char** argv) {
     const std::vector<std::string> words(argv + 1, argv + argc);
     const std::string first = words.empty() ? "" : words[0];
     if (first == "--help" || first == "-h" || first == "help") {
-        std::printf("%s", nuvio::controller::command_help());
+        std::fputs(nuvio::controller::command_help().c_str(), stdout);
         return 0;
     }
     if (first == "--version") {
@@ -22,10 +22,9 @@ int main(int argc, char** argv) {
         return nuvio::controller::run_command(words);
     }
     nuvio::controller::Settings settings;
-    std::string failure;
-    if (!nuvio::controller::read_settings({words.begin() + 1, words.end()}, &settings, &failure)) {
-        std::fprintf(stderr, "nuvio-connect-controller: %s\n", failure.c_str());
-        return 2;
+    if (const auto status =
+            nuvio::controller::read_settings({words.begin() + 1, words.end()}, &settings)) {
+        return *status;
     }
     return nuvio::controller::serve(settings);
 }

@@ -1,24 +1,26 @@
 #include "controller/base/settings.h"
 
-#include <algorithm>
 #include <cstdlib>
 #include <sstream>
+#include <utility>
 
 #include "common/number.h"
+#include "common/options/options.h"
 
 namespace nuvio::controller {
 
 namespace {
 
-using Setter = bool (*)(Settings&, const std::string& value);
-
-struct Option {
+// An option, and the variable of the environment that counts where it is not given.
+struct Setting {
     const char* name;
-    const char* variable;  // in the environment
-    Setter set;
+    const char* variable;
+    const char* value;
+    const char* text;
+    bool (*set)(Settings& settings, const std::string& value);
 };
 
-bool set_music(Settings& settings, const std::string& value) {
+bool add_music(Settings& settings, const std::string& value) {
     settings.music.push_back(value);
     return !value.empty();
 }
@@ -43,14 +45,19 @@ bool set_text(Settings& settings, const std::string& value) {
     return !value.empty();
 }
 
-constexpr Option kOptions[] = {
-    {"--music", "NUVIO_CONTROLLER_MUSIC", set_music},
-    {"--port", "NUVIO_CONTROLLER_PORT", set_port},
-    {"--address", "NUVIO_CONTROLLER_ADDRESS", set_text<&Settings::address>},
-    {"--state", "NUVIO_CONTROLLER_STATE", set_text<&Settings::state_folder>},
-    {"--password", "NUVIO_CONTROLLER_PASSWORD", set_text<&Settings::password>},
-    {"--base", "NUVIO_CONTROLLER_BASE", set_base},
-    {"--public-name", "NUVIO_CONTROLLER_PUBLIC_NAME", set_text<&Settings::public_name>},
+constexpr Setting kSettings[] = {
+    {"music", "NUVIO_CONTROLLER_MUSIC", "DIR",
+     "offer the music below it; several times for several", add_music},
+    {"port", "NUVIO_CONTROLLER_PORT", "PORT", "of page, content and channel (8090)", set_port},
+    {"address", "NUVIO_CONTROLLER_ADDRESS", "ADDRESS", "listen on this IPv4 address only",
+     set_text<&Settings::address>},
+    {"state", "NUVIO_CONTROLLER_STATE", "DIR", "where the library and the sessions are kept",
+     set_text<&Settings::state_folder>},
+    {"password", "NUVIO_CONTROLLER_PASSWORD", "WORD", "page and commands ask for it",
+     set_text<&Settings::password>},
+    {"base", "NUVIO_CONTROLLER_BASE", "PATH", "where the page lies behind a proxy", set_base},
+    {"public-name", "NUVIO_CONTROLLER_PUBLIC_NAME", "NAME", "the name that a TLS proxy goes by",
+     set_text<&Settings::public_name>},
 };
 
 std::string variable(const char* name) {
@@ -68,10 +75,10 @@ std::string default_state_folder() {
 }
 
 // Several folders have colons between.
-bool read_variable(const Option& option, Settings* settings) {
-    const std::string value = variable(option.variable);
-    if (option.set != set_music) {
-        return value.empty() || option.set(*settings, value);
+bool read_variable(const Setting& setting, Settings* settings) {
+    const std::string value = variable(setting.variable);
+    if (setting.set != add_music) {
+        return value.empty() || setting.set(*settings, value);
     }
     std::istringstream folders(value);
     for (std::string folder; std::getline(folders, folder, ':');) {
@@ -82,33 +89,36 @@ bool read_variable(const Option& option, Settings* settings) {
     return true;
 }
 
+CommandLine command_line(Settings* settings) {
+    CommandLine line;
+    line.program = "nuvio-connect-controller serve";
+    line.head = "usage: nuvio-connect-controller serve --music DIR... [OPTIONS]\n\n";
+    line.tail = "\nEach has a variable of the environment. See nuvio-connect-controller(1).\n";
+    bool music_is_named = false;
+    for (const Setting& setting : kSettings) {
+        // The first folder named here takes the place of those of the environment.
+        const auto take = [=](const std::string& value) mutable {
+            if (setting.set == add_music && !std::exchange(music_is_named, true)) {
+                settings->music.clear();
+            }
+            return setting.set(*settings, value);
+        };
+        line.options.push_back({setting.name, setting.value, setting.text, take});
+    }
+    return line;
+}
+
 }  // namespace
 
-bool read_settings(const std::vector<std::string>& words, Settings* settings,
-                   std::string* failure) {
+std::optional<int> read_settings(const std::vector<std::string>& words, Settings* settings) {
     settings->state_folder = default_state_folder();
-    for (const Option& option : kOptions) {
-        if (!read_variable(option, settings)) {
-            *failure = std::string(option.variable) + ": not a value for it";
-            return false;
+    const CommandLine line = command_line(settings);
+    for (const Setting& setting : kSettings) {
+        if (!read_variable(setting, settings)) {
+            return refuse_use(line.program, std::string("no value for it in ") + setting.variable);
         }
     }
-    if (std::ranges::find(words, "--music") != words.end()) {
-        settings->music.clear();
-    }
-    for (size_t i = 0; i < words.size(); i += 2) {
-        const auto* option = std::ranges::find_if(
-            kOptions, [&](const Option& each) { return each.name == words[i]; });
-        if (option == std::end(kOptions)) {
-            *failure = words[i] + ": no such option";
-            return false;
-        }
-        if (i + 1 == words.size() || !option->set(*settings, words[i + 1])) {
-            *failure = words[i] + ": not a value for it";
-            return false;
-        }
-    }
-    return true;
+    return parse_options(line, words);
 }
 
 }  // namespace nuvio::controller

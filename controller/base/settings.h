@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,7 +18,8 @@ struct Settings {
     std::string public_name;  // the proxy's, "music.example.org"
 };
 
-// Reads what follows "serve". False, with *failure set, for what is not understood.
-bool read_settings(const std::vector<std::string>& words, Settings* settings, std::string* failure);
+// Reads what follows "serve". Returns the status with which the program is to end, as parse_options
+// does; nothing where it is to serve.
+std::optional<int> read_settings(const std::vector<std::string>& words, Settings* settings);
 
 }  // namespace nuvio::controller

@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
+#include "common/options/options.h"
 #include "common/percent_encoding.h"
 #include "controller/base/json.h"
 #include "controller/command_line/arguments.h"
@@ -23,6 +25,10 @@ struct Failure {
 };
 // With status 2 and the command's usage.
 struct Misuse {};
+// With this status; all has been said.
+struct Ended {
+    int status;
+};
 
 JsonPtr ask_controller(const char* method, const std::string& path, const std::string& body = {}) {
     const char* place = std::getenv("NUVIO_CONTROLLER");
@@ -273,10 +279,19 @@ void status(const Words& words) {
     bool is_json = false;
     bool follows = false;
     std::string device;
-    for (const std::string& word : words) {
-        is_json = is_json || word == "--json";
-        follows = follows || word == "--follow";
-        device = word.starts_with("--") ? device : word;
+    const auto flag = [](bool& set) { return [&set](const std::string&) { return set = true; }; };
+    const auto take_device = [&device](const std::string& word) {
+        return std::exchange(device, word).empty();
+    };
+    const CommandLine line{"nuvio-connect-controller status",
+                           "",
+                           "usage: nuvio-connect-controller status [DEVICE] [OPTIONS]\n\n",
+                           "",
+                           {{"json", "", "as one line of JSON", flag(is_json)},
+                            {"follow", "", "again at each change", flag(follows)}},
+                           take_device};
+    if (const auto ended = parse_options(line, words)) {
+        throw Ended{*ended};
     }
     for (int64_t version = -1;;) {
         version = show_status(version, device, is_json);
@@ -336,8 +351,9 @@ int run_command(const std::vector<std::string>& words) {
     const auto* command = std::ranges::find_if(
         kCommands, [&](const Command& each) { return !words.empty() && each.name == words[0]; });
     if (command == std::end(kCommands)) {
-        std::fprintf(stderr, "%s", command_help());
-        return 2;
+        return refuse_use("nuvio-connect-controller", words.empty()
+                                                          ? "a command is needed"
+                                                          : "unknown command '" + words[0] + "'");
     }
     const Words arguments(words.begin() + 1, words.end());
     try {
@@ -352,6 +368,8 @@ int run_command(const std::vector<std::string>& words) {
             std::fprintf(stderr, "%s: %s\n", command->name, failure.text.c_str());
         }
         return 1;
+    } catch (const Ended& ended) {
+        return ended.status;
     } catch (const Misuse&) {
         std::fprintf(stderr, "usage: nuvio-connect-controller %s %s\n", command->name,
                      command->usage);
@@ -359,11 +377,10 @@ int run_command(const std::vector<std::string>& words) {
     }
 }
 
-const char* command_help() {
+std::string command_help() {
     return R"(usage: nuvio-connect-controller COMMAND ...
 
-  serve --music DIR... [--port PORT] [--address ADDRESS] [--state DIR]
-        [--password WORD] [--base PATH] [--public-name NAME]
+  serve --music DIR... [OPTIONS]      the controller itself; serve --help lists its options
 
   devices                             what there is, and what it does
   play DEVICE WHAT...                 a file, a folder, a playlist, a URL, or words to look for

@@ -12,6 +12,6 @@ namespace nuvio::controller {
 int run_command(const std::vector<std::string>& words);
 
 // What there is to say on the command line, for --help.
-const char* command_help();
+std::string command_help();
 
 }  // namespace nuvio::controller
