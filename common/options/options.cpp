@@ -66,6 +66,7 @@ int refuse_use(const std::string& program, const std::string& what) {
 std::optional<int> parse_options(const CommandLine& line, std::vector<std::string> words) {
     const std::vector<Option> all = all_options(line);
     std::vector<option> known;
+    known.reserve(all.size() + 1);
     for (const Option& each : all) {
         known.push_back({each.name.c_str(), each.value.empty() ? no_argument : required_argument,
                          nullptr, kFirst + static_cast<int>(known.size())});
@@ -73,6 +74,7 @@ std::optional<int> parse_options(const CommandLine& line, std::vector<std::strin
     known.push_back({});
     words.insert(words.begin(), line.program);
     std::vector<char*> argv;
+    argv.reserve(words.size() + 1);
     for (std::string& word : words) {
         argv.push_back(word.data());
     }
