@@ -1,22 +1,22 @@
-// Rules of how things end: a stop, a failure, leaving, threads that call at once, a core that is
-// freed.
+// How playback ends: on request, by an error, beside other threads, with the core itself.
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <random>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "conformance/core_rules.h"
 
 namespace nuvio::kit {
-
-using std::chrono::milliseconds;
+namespace {
 
 std::string check_stop(const Run& run) {
     Device device(run.breaches, run.patience);
     play(device, run);
-    const size_t since = device.mark();
-    expect_answer("stop", device.command(nuv_connect_stop_playback));
+    const size_t since = device.record().mark();
+    expect_answer("stop", device.loop().command(nuv_connect_stop_playback));
     device.await("stop", since);
     device.await_state(NUV_PLAYBACK_STATE_STOPPED, since);
     device.await_disposals();
@@ -27,47 +27,47 @@ std::string check_error(const Run& run) {
     Device device(run.breaches, run.patience);
     play(device, run);
     // Before there was sound a core may look for a track that does play.
-    device.run_until("sound", [&] { return device.taken() > 0; });
-    size_t since = device.mark();
-    device.fail();
+    device.loop().run_until("sound", [&] { return device.renderer().taken() > 0; });
+    size_t since = device.record().mark();
+    device.renderer().fail();
     device.await_state(NUV_PLAYBACK_STATE_STOPPED, since);
     device.await_disposals();
-    if (device.find("stop", since) != nullptr) {
+    if (device.record().find("stop", since) != nullptr) {
         throw Broken("a renderer that has failed is told to stop");
     }
-    since = device.mark();
-    device.fail_in_an_offer();
-    device.take_all();
+    since = device.record().mark();
+    device.renderer().fail_in_an_offer();
+    device.renderer().take_all();
     join(device, run);
     device.await("initiate", since);
     device.await_state(NUV_PLAYBACK_STATE_STOPPED, since);
     device.await_disposals();
-    const uint64_t before = device.taken();
+    const uint64_t before = device.renderer().taken();
     play(device, run);
-    device.run_until("sound of the next session", [&] { return device.taken() > before; });
+    device.loop().run_until("sound of the next session",
+                            [&] { return device.renderer().taken() > before; });
     return "between offers and in one: playback ends, the next session plays";
 }
 
 std::string check_leave(const Run& run) {
     Device device(run.breaches, run.patience);
     play(device, run);
-    const size_t since = device.mark();
-    expect_answer("leaving", device.command(nuv_connect_deactivate_and_disconnect_renderer));
+    const size_t since = device.record().mark();
+    expect_answer("leaving", device.loop().command(nuv_connect_deactivate_and_disconnect_renderer));
     device.await("stop", since);
     device.await_state(NUV_PLAYBACK_STATE_STOPPED, since);
     device.await_disposals();
     bool active = true;
     const char* session = "none";
-    device.command(
+    device.loop().command(
         [&](nuv_connect* core) { return nuv_connect_get_renderer_active_state(core, &active); });
-    device.call([&](nuv_connect* core) { return nuv_connect_get_session_id(core, &session); });
+    device.loop().call(
+        [&](nuv_connect* core) { return nuv_connect_get_session_id(core, &session); });
     if (active || std::string(session) != "none") {
         throw Broken("after leaving it is active, or still has a session");
     }
     return "stops, disposes of every stream, is active no more";
 }
-
-namespace {
 
 // Whatever the command thread may call, by number.
 void call_any(nuv_connect* core, unsigned which, unsigned value) {
@@ -120,20 +120,18 @@ void call_any(nuv_connect* core, unsigned which, unsigned value) {
     }
 }
 
-}  // namespace
-
 // Two threads work while the loop plays. Whatever was asked for last, a session plays then.
 std::string check_threads(const Run& run) {
     Device device(run.breaches, run.patience);
     play(device, run);
-    device.take_all();
-    device.take_at_random();
+    device.renderer().take_all();
+    device.renderer().take_at_random();
     static constexpr int kCalls = 2000;
     std::atomic<int> running{2};
     const auto work = [&](unsigned seed) {
         std::minstd_rand random(seed);
         for (int i = 0; i < kCalls; ++i) {
-            call_any(device.core(), random(), random());
+            call_any(device.loop().core(), random(), random());
             if (i % 8 == 0) {
                 std::this_thread::sleep_for(std::chrono::microseconds(random() % 500));
             }
@@ -143,7 +141,7 @@ std::string check_threads(const Run& run) {
     std::thread first(work, 1);
     std::thread second(work, 2);
     try {
-        device.run_until("end of the calls", [&] { return running == 0; });
+        device.loop().run_until("end of the calls", [&] { return running == 0; });
     } catch (const Broken&) {
         first.detach();  // a call never returns
         second.detach();
@@ -151,12 +149,12 @@ std::string check_threads(const Run& run) {
     }
     first.join();
     second.join();
-    device.call(
+    device.loop().call(
         [](nuv_connect* core) { return nuv_connect_set_loop_mode(core, NUV_LOOP_MODE_OFF); });
-    device.call([](nuv_connect* core) { return nuv_connect_set_shuffle_mode(core, false); });
-    expect_answer("leaving", device.command(nuv_connect_deactivate_and_disconnect_renderer));
+    device.loop().call([](nuv_connect* core) { return nuv_connect_set_shuffle_mode(core, false); });
+    expect_answer("leaving", device.loop().command(nuv_connect_deactivate_and_disconnect_renderer));
     device.await_disposals();
-    const size_t since = device.mark();
+    const size_t since = device.record().mark();
     join(device, run);
     device.await("initiate", since);
     device.await("end of track", since);
@@ -173,16 +171,25 @@ std::string check_free(const Run& run) {
             join(device, run);
         } else if (round % 3 == 2) {
             play(device, run);
-            device.take_all();
+            device.renderer().take_all();
         }
         for (unsigned passes = round == 0 ? 0 : random() % 20; passes > 0; --passes) {
             if (random() % 4 == 0) {
-                call_any(device.core(), random(), random());
+                call_any(device.loop().core(), random(), random());
             }
-            device.run_for(milliseconds(random() % 4 == 0 ? 1 : 0));
+            device.loop().run_for(milliseconds(random() % 4 == 0 ? 1 : 0));
         }
     }
     return std::to_string(kRounds) + " moments: no delegate after it, nothing left on the loop";
+}
+
+}  // namespace
+
+std::vector<Rule> end_rules() {
+    return {
+        {"stop", check_stop},       {"error", check_error}, {"leave", check_leave},
+        {"threads", check_threads}, {"free", check_free},
+    };
 }
 
 }  // namespace nuvio::kit

@@ -1,13 +1,7 @@
-// The device's side of the delegates: services, streams, playback, and a card of half a second. One
-// machine of states, so one file, long as it is.
-#include <netinet/in.h>
-#include <sys/socket.h>
+#include "conformance/core_renderer.h"
 
 #include <algorithm>
-#include <iterator>
 #include <utility>
-
-#include "conformance/core_device.h"
 
 namespace nuvio::kit {
 
@@ -19,54 +13,52 @@ std::string stream(uint64_t id) {
     return "stream " + std::to_string(id);
 }
 
-// A core may look whether the device's server really listens before it announces it.
-UniqueFd listening_socket() {
-    UniqueFd server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    sockaddr_in here{};
-    here.sin_family = AF_INET;
-    here.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(server.get(), reinterpret_cast<const sockaddr*>(&here), sizeof here) != 0 ||
-        listen(server.get(), 1) != 0) {
-        server.reset();
-    }
-    return server;
-}
-
 }  // namespace
 
-// ---- Server and advertising ---------------------------------------------------------------------
+void Renderer::install(nuv_connect_config& config) {
+    for (uv_timer_t* timer : {&m_room, &m_end}) {
+        uv_timer_init(m_loop.uv(), timer);
+        timer->data = this;
+    }
+    config.audio_stream_delegate = {this,
+                                    Delegate<&Renderer::on_started>::call,
+                                    Delegate<&Renderer::on_data>::call,
+                                    Delegate<&Renderer::on_metadata>::call,
+                                    Delegate<&Renderer::on_finished>::call,
+                                    Delegate<&Renderer::on_seeked>::call,
+                                    Delegate<&Renderer::on_dispose>::call};
+    config.media_delegate = {this,
+                             Delegate<&Renderer::on_initiate>::call,
+                             Delegate<&Renderer::on_pause>::call,
+                             Delegate<&Renderer::on_resume>::call,
+                             Delegate<&Renderer::on_stop>::call,
+                             Delegate<&Renderer::on_seek_in_progress>::call,
+                             Delegate<&Renderer::on_position>::call,
+                             Delegate<&Renderer::on_volume>::call,
+                             Delegate<&Renderer::on_mute>::call,
+                             Delegate<&Renderer::on_state>::call,
+                             Delegate<&Renderer::on_quality>::call,
+                             Delegate<&Renderer::on_controls>::call,
+                             Delegate<&Renderer::on_actions>::call};
+    // renderer_state_delegate stays all zero: the service installs none.
+}
 
-void Device::on_server_start() {
-    note("server");
-    m_server = listening_socket();
-    if (std::exchange(m_serving, true)) {
-        m_breaches.add("services", "the server is started twice");
+void Renderer::close_timers() {
+    for (uv_timer_t* timer : {&m_room, &m_end}) {
+        uv_close(reinterpret_cast<uv_handle_t*>(timer), nullptr);
     }
 }
 
-void Device::on_server_stop() {
-    m_serving = false;
-    m_server.reset();
-}
-
-void Device::on_advertise(const char* name, const char* service) {
-    note("advertise");
-    if (std::exchange(m_advertising, true)) {
-        m_breaches.add("services", "the advertising is started twice without a stop");
+void Renderer::note(const char* what, uint64_t id, uint64_t value) {
+    if (m_loop.is_inside_a_call()) {
+        m_breaches.add("not-inside", std::string("... which was \"") + what + "\"");
     }
-    if (name == nullptr || *name == '\0' || service == nullptr || *service == '\0') {
-        m_breaches.add("services", "advertised without a name or a type");
-    }
-}
-
-void Device::on_stop_advertising() {
-    note("stop advertising");
-    m_advertising = false;
+    m_record.add({what, id, value});
 }
 
 // ---- Streams ------------------------------------------------------------------------------------
 
-Track* Device::track(uint64_t id, const char* what) {
+Track* Renderer::track(uint64_t id, const char* what) {
     const auto found = m_tracks.find(id);
     if (found == m_tracks.end()) {
         m_breaches.add("streams", std::string(what) + " of " + stream(id) +
@@ -76,7 +68,7 @@ Track* Device::track(uint64_t id, const char* what) {
     return &found->second;
 }
 
-void Device::on_started(uint64_t id, nuv_audio_stream_info info, uint64_t position_ms) {
+void Renderer::on_started(uint64_t id, nuv_audio_stream_info info, uint64_t position_ms) {
     note("started", id, position_ms);
     const nuv_audio_format& format = info.format;
     if (format.sample_rate == 0 || format.channel_count == 0 ||
@@ -93,12 +85,12 @@ void Device::on_started(uint64_t id, nuv_audio_stream_info info, uint64_t positi
         m_breaches.add("streams", stream(id) + " is started twice");
     }
     if (m_end_armed && m_next_seen_ms == 0 && next() != 0) {
-        m_next_seen_ms = uv_now(&m_loop);
+        m_next_seen_ms = uv_now(m_loop.uv());
     }
     hand_over();
 }
 
-size_t Device::on_data(uint64_t id, const void* data, size_t size) {
+size_t Renderer::on_data(uint64_t id, const void* data, size_t size) {
     Track* const offered = track(id, "data");
     if (offered == nullptr) {
         return 0;
@@ -143,13 +135,13 @@ size_t Device::on_data(uint64_t id, const void* data, size_t size) {
         offered->refused = true;
         if (m_resumes) {
             uv_timer_start(
-                &m_room, [](uv_timer_t* due) { static_cast<Device*>(due->data)->room(); }, 1, 0);
+                &m_room, [](uv_timer_t* due) { static_cast<Renderer*>(due->data)->room(); }, 1, 0);
         }
     }
     return taken;
 }
 
-void Device::on_metadata(uint64_t id, const nuv_stream_metadata* metadata) {
+void Renderer::on_metadata(uint64_t id, const nuv_stream_metadata* metadata) {
     note("metadata", id);
     track(id, "metadata");
     if (metadata == nullptr || metadata->title == nullptr || metadata->artist == nullptr ||
@@ -158,7 +150,7 @@ void Device::on_metadata(uint64_t id, const nuv_stream_metadata* metadata) {
     }
 }
 
-void Device::on_finished(uint64_t id) {
+void Renderer::on_finished(uint64_t id) {
     note("finished", id);
     if (Track* const done = track(id, "the end")) {
         if (!done->rest.empty()) {
@@ -172,7 +164,7 @@ void Device::on_finished(uint64_t id) {
     }
 }
 
-void Device::on_seeked(uint64_t id, uint64_t position_ms) {
+void Renderer::on_seeked(uint64_t id, uint64_t position_ms) {
     note("seeked", id, position_ms);
     expect("the end of a seek", {Phase::playing_seeking, Phase::paused_seeking});
     m_phase = m_phase == Phase::paused_seeking ? Phase::paused : Phase::playing;
@@ -184,10 +176,10 @@ void Device::on_seeked(uint64_t id, uint64_t position_ms) {
     }
     // The card has been emptied: it has room.
     uv_timer_start(
-        &m_room, [](uv_timer_t* due) { static_cast<Device*>(due->data)->room(); }, 1, 0);
+        &m_room, [](uv_timer_t* due) { static_cast<Renderer*>(due->data)->room(); }, 1, 0);
 }
 
-void Device::on_dispose(uint64_t id) {
+void Renderer::on_dispose(uint64_t id) {
     note("dispose", id);
     if (track(id, "the disposal") == nullptr) {
         return;
@@ -201,13 +193,9 @@ void Device::on_dispose(uint64_t id) {
     m_tracks.erase(id);
 }
 
-void Device::await_disposals() {
-    run_until("disposal of " + stream(active()), [this] { return m_tracks.empty(); });
-}
-
 // ---- Playback -----------------------------------------------------------------------------------
 
-void Device::expect(const char* what, std::initializer_list<Phase> allowed) {
+void Renderer::expect(const char* what, std::initializer_list<Phase> allowed) {
     static constexpr const char* kNames[] = {"stopped", "playing", "seeking", "paused",
                                              "seeking while paused"};
     if (std::find(allowed.begin(), allowed.end(), m_phase) == allowed.end()) {
@@ -216,7 +204,7 @@ void Device::expect(const char* what, std::initializer_list<Phase> allowed) {
     }
 }
 
-void Device::on_initiate(State initial) {
+void Renderer::on_initiate(State initial) {
     note("initiate", active(), initial);
     expect("initiate", {Phase::stopped});
     if (m_tracks.empty()) {
@@ -231,7 +219,7 @@ void Device::on_initiate(State initial) {
     tell_initiated(id);
 }
 
-void Device::on_pause() {
+void Renderer::on_pause() {
     note("pause");
     expect("pause", {Phase::playing});
     if (m_playing != 0) {
@@ -242,7 +230,7 @@ void Device::on_pause() {
     tell(nuv_connect_notify_playback_paused, "paused");
 }
 
-void Device::on_resume() {
+void Renderer::on_resume() {
     note("resume");
     expect("resume", {Phase::paused});
     m_phase = Phase::playing;
@@ -253,14 +241,14 @@ void Device::on_resume() {
     tell(nuv_connect_notify_playback_resumed, "resumed");
 }
 
-void Device::on_stop() {
+void Renderer::on_stop() {
     note("stop");
     expect("stop", {Phase::playing, Phase::playing_seeking, Phase::paused, Phase::paused_seeking});
     close();
     tell(nuv_connect_notify_playback_stopped, "stopped");
 }
 
-void Device::on_seek_in_progress() {
+void Renderer::on_seek_in_progress() {
     note("seek");
     expect("seek", {Phase::playing, Phase::paused});
     if (m_playing != active() && m_playing != 0) {
@@ -272,7 +260,7 @@ void Device::on_seek_in_progress() {
     m_phase = m_phase == Phase::paused ? Phase::paused_seeking : Phase::playing_seeking;
 }
 
-uint64_t Device::on_position() {
+uint64_t Renderer::on_position() {
     if (m_phase == Phase::stopped || m_tracks.empty()) {
         return 0;
     }
@@ -281,37 +269,37 @@ uint64_t Device::on_position() {
            track.taken / track.frame_bytes() * 1000 / track.info.format.sample_rate;
 }
 
-void Device::on_volume(uint32_t volume) {
+void Renderer::on_volume(uint32_t volume) {
     note("volume", 0, volume);
 }
-void Device::on_mute(bool muted) {
+void Renderer::on_mute(bool muted) {
     note("mute", 0, muted ? 1 : 0);
 }
-void Device::on_state(State state) {
+void Renderer::on_state(State state) {
     note("state", 0, state);
 }
-void Device::on_quality(nuv_audio_quality) {}
-void Device::on_controls(nuv_loop_mode mode, bool shuffle) {
+void Renderer::on_quality(nuv_audio_quality) {}
+void Renderer::on_controls(nuv_loop_mode mode, bool shuffle) {
     note("loop mode", 0, mode);
     note("shuffle", 0, shuffle ? 1 : 0);
 }
-void Device::on_actions(bool next) {
+void Renderer::on_actions(bool next) {
     m_next_available = next;
 }
 
 // ---- The card -----------------------------------------------------------------------------------
 
-void Device::resume_delivery() {
+void Renderer::resume_delivery() {
     room();
 }
 
-void Device::room() {
+void Renderer::room() {
     if (m_phase == Phase::playing && m_playing != 0) {
         open(m_playing);
     }
 }
 
-void Device::open(uint64_t id) {
+void Renderer::open(uint64_t id) {
     const auto found = m_tracks.find(id);
     if (found != m_tracks.end() && !std::exchange(found->second.open, true)) {
         found->second.refused = false;
@@ -320,21 +308,21 @@ void Device::open(uint64_t id) {
     }
 }
 
-void Device::arm_end() {
+void Renderer::arm_end() {
     m_end_armed = true;
     if (m_phase != Phase::playing) {
         return;
     }
-    m_end_due_ms = uv_now(&m_loop) + kTailMs;
-    m_next_seen_ms = next() == 0 ? 0 : uv_now(&m_loop);
+    m_end_due_ms = uv_now(m_loop.uv()) + kTailMs;
+    m_next_seen_ms = next() == 0 ? 0 : uv_now(m_loop.uv());
     uv_timer_start(
-        &m_end, [](uv_timer_t* due) { static_cast<Device*>(due->data)->end_of_track(); }, kTailMs,
+        &m_end, [](uv_timer_t* due) { static_cast<Renderer*>(due->data)->end_of_track(); }, kTailMs,
         0);
     hand_over();
 }
 
 // In the interval before the end of a track the next one of the same format flows already.
-void Device::hand_over() {
+void Renderer::hand_over() {
     if (m_phase != Phase::playing || !m_end_armed || next() == 0 || m_playing != active()) {
         return;
     }
@@ -347,7 +335,7 @@ void Device::hand_over() {
     }
 }
 
-void Device::end_of_track() {
+void Renderer::end_of_track() {
     note("end of track", active());
     m_end_armed = false;
     const uint64_t following = next();
@@ -376,7 +364,7 @@ void Device::end_of_track() {
 }
 
 // The track has begun; one that was delivered whole by then comes to its end by itself.
-void Device::tell_initiated(uint64_t id) {
+void Renderer::tell_initiated(uint64_t id) {
     const nuv_audio_format format = m_tracks[id].info.format;
     tell(
         [format](nuv_connect* core) { return nuv_connect_notify_playback_initiated(core, format); },
@@ -386,7 +374,7 @@ void Device::tell_initiated(uint64_t id) {
     }
 }
 
-void Device::close() {
+void Renderer::close() {
     if (const auto found = m_tracks.find(m_playing); found != m_tracks.end()) {
         found->second.open = false;
     }
@@ -396,13 +384,13 @@ void Device::close() {
     m_phase = Phase::stopped;
 }
 
-void Device::fail() {
+void Renderer::fail() {
     close();
     tell(nuv_connect_notify_playback_error, "failed");
 }
 
-void Device::tell(const std::function<nuv_error(nuv_connect*)>& notification, const char* what) {
-    const nuv_error error = call(notification);
+void Renderer::tell(const std::function<nuv_error(nuv_connect*)>& notification, const char* what) {
+    const nuv_error error = m_loop.call(notification);
     if (error != NUV_ERROR_OK) {
         m_breaches.add("notices", std::string("told \"") + what + "\" the core answers " +
                                       nuv_error_to_string(error));

@@ -1,88 +1,15 @@
-// What the service relies on a core for, a rule a function: which there are, and what is made of
-// them.
+// Looks at a core's rules, one by one, and at what the device watches meanwhile.
 #include "conformance/core_rules.h"
 
-#include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <iterator>
-#include <memory>
 #include <optional>
-#include <string>
-#include <vector>
 
 #include "conformance/report.h"
 #include "conformance/wav_folder.h"
 
 namespace nuvio::kit {
-
-std::string ms(uint64_t value) {
-    return std::to_string(value) + " ms";
-}
-
-void join(Device& device, const Run& run, bool become_active) {
-    const nuv_error error = device.call([&](nuv_connect* core) {
-        return nuv_connect_connect(core, "conformance", run.endpoint.c_str(), "token", 0,
-                                   "ws://localhost:9/", "token", 0, become_active);
-    });
-    if (error != NUV_ERROR_OK) {
-        throw Broken(std::string("connect answers ") + nuv_error_to_string(error));
-    }
-}
-
-void play(Device& device, const Run& run, uint64_t frames) {
-    const size_t since = device.mark();
-    device.take_only(frames);
-    join(device, run);
-    device.await_state(NUV_PLAYBACK_STATE_PLAYING, since);
-}
-
-void expect_answer(const std::string& what, nuv_error answer) {
-    if (answer != NUV_ERROR_OK) {
-        throw Broken(what + " answers " + nuv_error_to_string(answer));
-    }
-}
-
-void expect_order(const Device& device, size_t since, const std::vector<std::string>& names) {
-    size_t place = since;
-    for (const std::string& name : names) {
-        const Event* const event = device.find(name, place);
-        if (event == nullptr) {
-            throw Broken("\"" + name + "\" does not come after what precedes it: " + names.front() +
-                         " ... " + names.back());
-        }
-        place = static_cast<size_t>(event - device.events().data()) + 1;
-    }
-}
-
 namespace {
-
-struct Rule {
-    const char* name;
-    std::string (*check)(const Run& run);
-};
-
-constexpr std::array kRules = {
-    Rule{"texts", check_texts},
-    Rule{"services", check_services},
-    Rule{"no-session", check_without_session},
-    Rule{"session", check_session},
-    Rule{"delivery", check_delivery},
-    Rule{"tracks", check_tracks},
-    Rule{"next-early", check_next_early},
-    Rule{"pause", check_pause},
-    Rule{"presses", check_presses},
-    Rule{"seek", check_seek},
-    Rule{"skip", check_skip},
-    Rule{"volume", check_volume},
-    Rule{"modes", check_modes},
-    Rule{"name", check_name},
-    Rule{"stop", check_stop},
-    Rule{"error", check_error},
-    Rule{"leave", check_leave},
-    Rule{"threads", check_threads},
-    Rule{"free", check_free},
-};
 
 struct Throughout {
     const char* name;
@@ -99,6 +26,33 @@ constexpr std::array kThroughout = {
     Throughout{"rest", "what was refused came again first"},
     Throughout{"notices", "the renderer's notices were taken"},
 };
+
+std::vector<Rule> rules() {
+    std::vector<Rule> all = session_rules();
+    for (const auto& topic : {control_rules(), end_rules()}) {
+        all.insert(all.end(), topic.begin(), topic.end());
+    }
+    return all;
+}
+
+std::vector<std::string> names() {
+    std::vector<std::string> result;
+    for (const Rule& rule : rules()) {
+        result.emplace_back(rule.name);
+    }
+    for (const Throughout& rule : kThroughout) {
+        result.emplace_back(rule.name);
+    }
+    return result;
+}
+
+// What to look at for the rules that are wanted: for none but those that are watched throughout,
+// everything.
+std::vector<Rule> chosen(const Options& options) {
+    std::vector<Rule> result = rules();
+    std::erase_if(result, [&](const Rule& rule) { return !options.wants(rule.name); });
+    return result.empty() ? rules() : result;
+}
 
 // True when the rule is seen broken.
 bool check(Report& report, const Rule& rule, const Run& run) {
@@ -119,18 +73,7 @@ bool check(Report& report, const Rule& rule, const Run& run) {
     }
 }
 
-}  // namespace
-}  // namespace nuvio::kit
-
-extern "C" __attribute__((visibility("default"))) void nuvio_check_rules(
-    nuvio::kit::Report& report, const nuvio::kit::Options& options) {
-    using namespace nuvio::kit;
-    std::vector<const char*> names;
-    std::ranges::transform(kRules, std::back_inserter(names), &Rule::name);
-    std::ranges::transform(kThroughout, std::back_inserter(names), &Throughout::name);
-    if (is_only_asked(report, options, names)) {
-        return;
-    }
+void check_all(Report& report, const Options& options) {
     std::optional<WavFolder> tracks;
     if (options.endpoint.empty()) {
         tracks.emplace();
@@ -141,11 +84,8 @@ extern "C" __attribute__((visibility("default"))) void nuvio_check_rules(
     const Run run{breaches, tracks ? tracks->path() : options.endpoint,
                   std::chrono::seconds(options.patience_s)};
     std::vector<const char*> watched;  // what the rules behind them may still break
-    // What holds throughout is watched in all that is done.
-    const bool all = std::ranges::any_of(
-        kThroughout, [&](const Throughout& each) { return options.wants(each.name); });
-    for (const Rule& rule : kRules) {
-        if ((all || options.wants(rule.name)) && !check(report, rule, run)) {
+    for (const Rule& rule : chosen(options)) {
+        if (!check(report, rule, run)) {
             watched.push_back(rule.name);
         }
     }
@@ -155,11 +95,17 @@ extern "C" __attribute__((visibility("default"))) void nuvio_check_rules(
         }
     }
     for (const auto& [name, holds] : kThroughout) {
-        if (!options.wants(name)) {
-            continue;
-        }
         const std::string breach = breaches.of(name);
-        report.line(name, breach.empty() ? Verdict::holds : Verdict::broken,
-                    breach.empty() ? holds : breach);
+        if (options.wants(name)) {
+            report.line(name, breach.empty() ? Verdict::holds : Verdict::broken,
+                        breach.empty() ? holds : breach);
+        }
     }
+}
+
+}  // namespace
+}  // namespace nuvio::kit
+
+extern "C" __attribute__((visibility("default"))) nuvio::kit::Rules nuvio_rules() {
+    return {nuvio::kit::names(), nuvio::kit::check_all};
 }

@@ -2,6 +2,7 @@
 #include <dlfcn.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
@@ -46,6 +47,7 @@ struct Arguments {
     std::string library;
     Options options;
     bool all = false;
+    bool lists = false;
 };
 
 // With `failure`, for people, where the options are none that go together.
@@ -56,7 +58,7 @@ Arguments understand(const nuvio::GivenOptions& given, std::string& failure) {
     result.library = given.value_of(is_core ? "core" : "host");
     result.all = given.has("all");
     result.options.endpoint = given.value_of("endpoint");
-    result.options.lists = given.has("list");
+    result.lists = given.has("list");
     for (const nuvio::GivenOption& each : given.options) {
         if (std::string_view(each.name) == "rule") {
             result.options.rules.push_back(each.value);
@@ -73,6 +75,12 @@ Arguments understand(const nuvio::GivenOptions& given, std::string& failure) {
 
 std::string usage() {
     return kWhat + nuvio::describe_options(kOptions);
+}
+
+int refuse(const std::string& why) {
+    std::fprintf(stderr, "nuvio-connect-conformance: %s\n\n%s", nuvio::printable(why).c_str(),
+                 usage().c_str());
+    return nuvio::kUsageError;
 }
 
 Report g_report;
@@ -124,9 +132,6 @@ nuvio::kit::RulesFunction load(const Arguments& arguments) {
         g_report.line("load", Verdict::broken, dlerror());
         return nullptr;
     }
-    if (!arguments.options.lists) {
-        g_report.line("load", Verdict::holds, "everything that the service calls is there");
-    }
     return reinterpret_cast<nuvio::kit::RulesFunction>(function);
 }
 
@@ -142,18 +147,27 @@ int main(int argc, char** argv) {
     std::string failure;
     const Arguments arguments = understand(given, failure);
     if (!failure.empty()) {
-        std::fprintf(stderr, "nuvio-connect-conformance: %s\n\n%s",
-                     nuvio::printable(failure).c_str(), usage().c_str());
-        return nuvio::kUsageError;
+        return refuse(failure);
     }
     set_up_signals();
-    if (const auto check_rules = load(arguments)) {
-        check_rules(g_report, arguments.options);
+    if (const auto rules_of_module = load(arguments)) {
+        const nuvio::kit::Rules rules = rules_of_module();
+        if (arguments.lists) {
+            std::ranges::for_each(rules.names,
+                                  [](const std::string& name) { std::puts(name.c_str()); });
+            return EXIT_SUCCESS;
+        }
+        for (const std::string& name : arguments.options.rules) {
+            if (std::ranges::find(rules.names, name) == rules.names.end()) {
+                return refuse("unknown rule '" + name + "'");
+            }
+        }
+        if (arguments.options.wants("load")) {
+            g_report.line("load", Verdict::holds, "everything that the service calls is there");
+        }
+        rules.check(g_report, arguments.options);
     }
     alarm(0);
-    if (arguments.options.lists && g_report.broken() == 0) {
-        return EXIT_SUCCESS;
-    }
     std::printf("%d rules fail, %d not come to\n", g_report.broken(), g_report.unseen());
     std::fflush(stdout);
     const bool holds = g_report.broken() == 0 && !(arguments.all && g_report.unseen() != 0);

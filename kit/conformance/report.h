@@ -47,34 +47,21 @@ class Report {
 struct Options {
     std::string endpoint;  // what a session of the core plays; empty: tracks of the module's own
     unsigned patience_s = 10;        // for whatever is to come
-    std::vector<std::string> rules;  // these alone; empty: all
-    bool lists = false;              // the rules' names are printed, and none is looked at
+    std::vector<std::string> rules;  // the names of those to look at; none: all
 
-    bool wants(const char* rule) const {
-        return rules.empty() || std::ranges::find(rules, rule) != rules.end();
+    bool wants(const std::string& rule) const {
+        return rules.empty() || std::find(rules.begin(), rules.end(), rule) != rules.end();
     }
 };
 
-// True, with a line that names it, where a rule is wanted that is none of `names`. With `lists` the
-// names are printed.
-template <typename Names>
-bool is_only_asked(Report& report, const Options& options, const Names& names) {
-    for (const char* name : names) {
-        if (options.lists) {
-            std::printf("%s\n", name);
-        }
-    }
-    for (const std::string& rule : options.rules) {
-        if (std::ranges::find(names, rule) == std::ranges::end(names)) {
-            report.line(rule.c_str(), Verdict::broken, "there is no such rule");
-            return true;
-        }
-    }
-    return options.lists;
-}
+// A module's rules.
+struct Rules {
+    std::vector<std::string> names;
+    void (*check)(Report& report, const Options& options);
+};
 
 // The name under which a module shows its only function.
-inline constexpr char kRulesFunction[] = "nuvio_check_rules";
-using RulesFunction = void (*)(Report& report, const Options& options);
+inline constexpr char kRulesFunction[] = "nuvio_rules";
+using RulesFunction = Rules (*)();
 
 }  // namespace nuvio::kit

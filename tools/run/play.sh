@@ -30,7 +30,7 @@ while [ $# -gt 0 ]; do
             ;;
         --log) show_log=1; shift ;;
         --help | -h) usage; exit 0 ;;
-        *) usage >&2; exit 2 ;;
+        *) echo "run: unknown option '$1'; see ./dev run --help" >&2; exit 2 ;;
     esac
 done
 

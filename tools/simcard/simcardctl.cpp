@@ -349,7 +349,7 @@ void run(const std::string& name, const Arguments& arguments) {
         Card card = Card::attach(arguments[0]);
         return command.run(card, arguments);
     }
-    throw UsageError("unknown command: " + name);
+    throw UsageError("unknown command '" + name + "'");
 }
 
 }  // namespace
@@ -371,7 +371,7 @@ int main(int argc, char** argv) {
         run(arguments[0], Arguments(arguments.begin() + 1, arguments.end()));
         return EXIT_SUCCESS;
     } catch (const UsageError& error) {
-        std::fprintf(stderr, "simcardctl: %s\n%s", error.what(), kUsageText);
+        std::fprintf(stderr, "simcardctl: %s; see simcardctl --help\n", error.what());
         return 2;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "simcardctl: %s\n", error.what());
