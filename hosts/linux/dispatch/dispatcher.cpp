@@ -1,4 +1,4 @@
-#include "bus/dispatcher.h"
+#include "dispatch/dispatcher.h"
 
 #include <poll.h>
 #include <pthread.h>
@@ -14,8 +14,8 @@
 #include "bus/bus_address.h"
 #include "bus/bus_name.h"
 #include "bus/raw_messages.h"
-#include "bus/service_status.h"
 #include "platform/Kora.h"
+#include "watch/service_status.h"
 
 namespace nuvio::host {
 
