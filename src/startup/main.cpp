@@ -12,9 +12,9 @@
 
 #include "diagnostics/device_list.h"
 #include "diagnostics/self_check.h"
-#include "diagnostics/service_report.h"
 #include "diagnostics/sound_setup.h"
 #include "startup/service.h"
+#include "startup/service_report.h"
 
 namespace {
 
