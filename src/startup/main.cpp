@@ -82,7 +82,7 @@ int check(int count, char** words) {
         return refuse(words[count - 1]);
     }
     openSystemLog(SystemLog::onStderrToo);
-    return count == 1 ? runSelfCheckForPrograms() : runSelfCheck();
+    return count == 1 ? run_self_check_for_programs() : run_self_check();
 }
 
 // Without words behind it, or with "--card NAME".
@@ -90,7 +90,7 @@ int setUp(int count, char** words) {
     if (count != 0 && (count != 2 || std::string_view(words[0]) != "--card")) {
         return refuse(words[0]);
     }
-    return setUpSound(count == 0 ? "" : words[1]);
+    return set_up_sound(count == 0 ? "" : words[1]);
 }
 
 int showHelp() {
@@ -107,7 +107,7 @@ struct Option {
 };
 
 constexpr std::array kOptions = {
-    Option{"--list-devices", listDevices},
+    Option{"--list-devices", list_devices},
     Option{"--help", showHelp},
     Option{"--version", showVersion},
 };
