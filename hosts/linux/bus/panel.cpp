@@ -125,9 +125,7 @@ NUVIO_GETTER(get_current_source) {
 }
 
 NUVIO_GETTER(get_muted) {
-    std::string text;
-    controls(userdata).messages().read(android::KORA_MUTE, text);
-    return sd_bus_message_append(reply, "b", text == "MUTE" ? 1 : 0);
+    return sd_bus_message_append(reply, "b", controls(userdata).is_muted() ? 1 : 0);
 }
 
 NUVIO_GETTER(get_wired) {
