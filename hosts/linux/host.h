@@ -8,7 +8,6 @@
 #include <mutex>
 #include <string>
 
-#include "bus/dispatcher.h"
 #include "configuration/settings.h"
 #include "configuration/state_store.h"
 #include "device/controls.h"
@@ -17,6 +16,7 @@
 #include "device/notification_pool.h"
 #include "device/now_playing.h"
 #include "device/source_switch.h"
+#include "dispatch/dispatcher.h"
 #include "watch/hooks.h"
 
 namespace nuvio::host {

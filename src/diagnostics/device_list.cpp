@@ -26,7 +26,7 @@ Text hint(const void* of, const char* id) {
 }
 
 // A description may have several lines.
-void printIndented(std::string_view text) {
+void print_indented(std::string_view text) {
     while (!text.empty()) {
         const size_t end = std::min(text.find('\n'), text.size());
         std::printf("      %s\n", nuvio::printable(text.substr(0, end)).c_str());
@@ -34,7 +34,7 @@ void printIndented(std::string_view text) {
     }
 }
 
-size_t listPcms() {
+size_t list_pcms() {
     std::printf("Playback devices (%s):\n", kALSAOutputDeviceName);
     void** hints = nullptr;
     if (snd_device_name_hint(-1, "pcm", &hints) < 0) {
@@ -50,7 +50,7 @@ size_t listPcms() {
         }
         std::printf("  %s\n", nuvio::printable(name.get()).c_str());
         if (const Text description = hint(*one, "DESC")) {
-            printIndented(description.get());
+            print_indented(description.get());
         }
         ++count;
     }
@@ -61,7 +61,7 @@ size_t listPcms() {
     return count;
 }
 
-std::vector<std::string> mixerDevices() {
+std::vector<std::string> mixer_devices() {
     std::vector<std::string> devices;
     const auto add = [&devices](const std::string& name) {
         if (!name.empty() && std::ranges::find(devices, name) == devices.end()) {
@@ -80,7 +80,7 @@ std::vector<std::string> mixerDevices() {
 }
 
 // What the service can set is marked; the rest is there for the search.
-size_t listElements(const std::string& device) {
+size_t list_elements(const std::string& device) {
     mixer_ptr mixer;
     if (open_simple_mixer(mixer, device.c_str())) {
         return 0;
@@ -92,20 +92,20 @@ size_t listElements(const std::string& device) {
         if (snd_mixer_selem_has_playback_volume(element) != 1) {
             continue;
         }
-        const bool hasSwitch = snd_mixer_selem_has_playback_switch(element) == 1;
+        const bool has_switch = snd_mixer_selem_has_playback_switch(element) == 1;
         std::printf("      %s%s\n", nuvio::printable(snd_mixer_selem_get_name(element)).c_str(),
-                    hasSwitch ? "" : " (no mute switch, cannot be used)");
+                    has_switch ? "" : " (no mute switch, cannot be used)");
         ++count;
     }
     return count;
 }
 
-size_t listMixers() {
+size_t list_mixers() {
     std::printf("Mixer devices (%s) and their elements (%s):\n", KFeatureNuvioConnectVolume_Device,
                 KFeatureNuvioConnectVolume_Element);
     size_t count = 0;
-    for (const std::string& device : mixerDevices()) {
-        count += listElements(device);
+    for (const std::string& device : mixer_devices()) {
+        count += list_elements(device);
     }
     if (count == 0) {
         std::puts("  none");
@@ -115,13 +115,13 @@ size_t listMixers() {
 
 }  // namespace
 
-int listDevices() {
+int list_devices() {
     silence_alsa();
     // First: a platform may tell ALSA what to read when it reads its settings.
     std::string configured;
     GetEnvItemByName(kALSAOutputDeviceName, configured);
-    const size_t pcms = listPcms();
-    const size_t elements = listMixers();
+    const size_t pcms = list_pcms();
+    const size_t elements = list_mixers();
     if (pcms + elements == 0) {
         std::puts("ALSA knows no sound card here.");
     }

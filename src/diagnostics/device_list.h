@@ -5,4 +5,4 @@
 // playback volume of the configured mixer device, of "default" and of each card, on standard
 // output. Returns the process's exit status, EXIT_FAILURE when there is nothing to list. The main
 // thread's.
-int listDevices();
+int list_devices();

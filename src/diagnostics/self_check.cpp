@@ -42,7 +42,7 @@ constexpr char kAvahi[] = "avahi";
 
 // ---- Settings -------------------------------------------------------------------------------
 
-Finding checkSettings() {
+Finding check_settings() {
     if (std::string faults = env_item(kConfigurationFaults); !faults.empty()) {
         std::ranges::replace(faults, '\n', ';');
         return bad(kSettings, faults);
@@ -72,7 +72,7 @@ Finding checkSettings() {
 // ---- Bus and Avahi --------------------------------------------------------------------------
 
 // Of "unix:path=/run/dbus/system_bus_socket,guid=..." the path; empty for a bus of another kind.
-std::string systemBusSocket() {
+std::string system_bus_socket() {
     constexpr std::string_view kPath = "unix:path=";
     const std::string set =
         nuvio::environment_text("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/run/dbus/system_bus_socket");
@@ -83,8 +83,8 @@ std::string systemBusSocket() {
             : std::string_view());
 }
 
-Finding checkBus() {
-    const std::string path = systemBusSocket();
+Finding check_bus() {
+    const std::string path = system_bus_socket();
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     if (path.empty() || path.size() >= sizeof address.sun_path) {
@@ -104,7 +104,7 @@ Finding checkBus() {
     return good(kBus, "the system bus answers at " + path);
 }
 
-Finding checkAvahi() {
+Finding check_avahi() {
     const std::unique_ptr<AvahiSimplePoll, nuvio::ReleasedBy<avahi_simple_poll_free>> poll(
         avahi_simple_poll_new());
     int error = AVAHI_ERR_NO_MEMORY;
@@ -124,10 +124,10 @@ Finding checkAvahi() {
                             (host == nullptr ? "this machine" : host));
 }
 
-constexpr std::array kChecks = {checkSettings, check_output, check_mixer, checkBus, checkAvahi};
+constexpr std::array kChecks = {check_settings, check_output, check_mixer, check_bus, check_avahi};
 
 // The findings say it all.
-void beQuiet() {
+void be_quiet() {
     silence_alsa();
     log_silence();
 }
@@ -141,15 +141,15 @@ bool report(const Finding& finding) {
 
 }  // namespace
 
-int runSelfCheck() {
-    beQuiet();
+int run_self_check() {
+    be_quiet();
     const auto failed =
         std::ranges::count_if(kChecks, [](Finding (*check)()) { return !report(check()); });
     return failed == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-int runSelfCheckForPrograms() {
-    beQuiet();
+int run_self_check_for_programs() {
+    be_quiet();
     nuvio::JsonPtr checks = nuvio::new_array();
     bool ok = true;
     for (Finding (*check)() : kChecks) {

@@ -170,7 +170,7 @@ void tell(const SoundCard& card, const OutputAbilities& abilities, const Volume&
 
 }  // namespace
 
-int setUpSound(const std::string& wanted) {
+int set_up_sound(const std::string& wanted) {
     silence_alsa();
     log_silence();
     if (ChangeSettings == nullptr) {
@@ -202,5 +202,5 @@ int setUpSound(const std::string& wanted) {
     std::printf("wrote   %s\n\n", told.c_str());
     std::fflush(stdout);
     snd_config_update_free_global();  // ALSA reads its configuration anew
-    return runSelfCheck();
+    return run_self_check();
 }

@@ -10,4 +10,4 @@
 // empty for the only card there is. Says on standard output what it does, then checks it as --check
 // does. Returns the process's exit status: EXIT_FAILURE when nothing was written or a check says
 // FAIL. The main thread's.
-int setUpSound(const std::string& card);
+int set_up_sound(const std::string& card);

@@ -15,9 +15,9 @@
 #include "common/utf8.h"
 #include "diagnostics/device_list.h"
 #include "diagnostics/self_check.h"
-#include "diagnostics/service_report.h"
 #include "diagnostics/sound_setup.h"
 #include "startup/service.h"
+#include "startup/service_report.h"
 
 namespace {
 
@@ -91,15 +91,15 @@ int refuse(const std::string& why) {
 // What is wrong with the settings file is said by whoever reads it.
 int check(const nuvio::GivenOptions& given) {
     openSystemLog(SystemLog::onStderrToo);
-    return given.has("json") ? runSelfCheckForPrograms() : runSelfCheck();
+    return given.has("json") ? run_self_check_for_programs() : run_self_check();
 }
 
 int setUp(const nuvio::GivenOptions& given) {
-    return setUpSound(given.value_of("card"));
+    return set_up_sound(given.value_of("card"));
 }
 
 int list(const nuvio::GivenOptions&) {
-    return listDevices();
+    return list_devices();
 }
 
 int showHelp(const nuvio::GivenOptions&) {

@@ -15,6 +15,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "e2e"))
 from device import PANEL, PATIENCE, DeviceTest, own_device, program, wait_for  # noqa: E402
 
 HOST = "org.nuvioconnect.Host1 /org/nuvioconnect/Host1 org.nuvioconnect.Host1"
+MESSAGES = f"{HOST}.Messages"
 MPRIS = "org.mpris.MediaPlayer2.nuvio_connect /org/mpris/MediaPlayer2 org.mpris.MediaPlayer2"
 PLAYER = f"{MPRIS}.Player"
 # Posted by the device itself.
@@ -25,7 +26,7 @@ class Bus(DeviceTest):
     def setUp(self):
         super().setUp()
         self.environment["DBUS_SYSTEM_BUS_ADDRESS"] = f"unix:path={self.folder}/none"
-        self.write_settings(host__metrics_socket=self.folder / "metrics")
+        self.write_settings(host__metrics_socket=self.folder / "metrics", host__bus_messages=1)
         self.events_seen = 0
 
     def begin_session(self):
@@ -178,7 +179,7 @@ class Bus(DeviceTest):
         self.player("position", "90")
         wait_for("Seeked", lambda: re.search(r"member=Seeked\n +int64 (89|90)\d{6}\n",
                                              signals.read_text()))
-        self.assertTrue(self.succeeds(f"busctl --user call {HOST} WriteMessage is 200 twelve"))
+        self.assertTrue(self.succeeds(f"busctl --user call {MESSAGES} WriteMessage is 200 twelve"))
         wait_for("message", lambda: re.search(r'member=MessageChanged\n +int32 200\n +string "twelve"',
                                               signals.read_text()))
         self.assertNotIn('"Position"', signals.read_text())
@@ -203,12 +204,19 @@ class Bus(DeviceTest):
         self.assertIn("no value", self.client(f"{PANEL} read 9999"))
         for message in ("-1 x", f"1 {'x' * 9000}", "64 loud", "50 31", "63 mute",  # 50: its own
                         "90 'a VOLUME:90 room'", "90 ' blank at the front'"):
-            self.assertFalse(self.succeeds(f"busctl --user call {HOST} WriteMessage is -- {message}"))
+            self.assertFalse(self.succeeds(f"busctl --user call {MESSAGES} WriteMessage is -- {message}"))
         for command, status in (("take-output 31", 1), ("take-output 0", 1), ("take-output 256", 1),
                                 ("seek 5", 1), ("rename ''", 1), ("write 70000 x", 1),
                                 ("volume 101", 2), ("frobnicate", 2)):
             self.assertEqual(self.call(f"{PANEL} {command}").returncode, status, command)
         self.assertEqual(self.events(), [])
+
+    def test_raw_messages_are_offered_only_where_a_setting_says_so(self):
+        self.write_settings()
+        self.start()
+        wait_for("host", lambda: self.succeeds(f"busctl --user get-property {HOST} Muted"))
+        for command in "read 50", "write 200 x":
+            self.assertIn("Unknown", self.client(f"{PANEL} {command}"))
 
     def without_bus(self):
         """Not even the folder of its socket is there."""

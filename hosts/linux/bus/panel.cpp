@@ -3,16 +3,14 @@
 #include <array>
 #include <cstdint>
 #include <optional>
-#include <string_view>
+#include <string>
 
-#include "base/text.h"
 #include "platform/Kora.h"
 
 namespace nuvio::host {
 
 namespace {
 
-constexpr char kPath[] = "/org/nuvioconnect/Host1";
 constexpr char kInterface[] = "org.nuvioconnect.Host1";
 constexpr char kErrorNoSource[] = "org.nuvioconnect.Host1.Error.NoSource";
 
@@ -29,29 +27,6 @@ int done(sd_bus_message* call) {
 }
 
 // --- methods ---
-
-int on_read_message(sd_bus_message* call, void* userdata, sd_bus_error* error) {
-    int32_t id = 0;
-    if (const int r = sd_bus_message_read(call, "i", &id); r < 0) {
-        return r;
-    }
-    std::string text;
-    if (!controls(userdata).messages().read(id, text)) {
-        return refuse(error, "The message has no value");
-    }
-    return sd_bus_reply_method_return(call, "s", to_utf8(text).c_str());
-}
-
-int on_write_message(sd_bus_message* call, void* userdata, sd_bus_error* error) {
-    int32_t id = 0;
-    const char* text = nullptr;
-    if (const int r = sd_bus_message_read(call, "is", &id, &text); r < 0) {
-        return r;
-    }
-    return controls(userdata).write_message(id, text)
-               ? done(call)
-               : refuse(error, "The message does not take this text");
-}
 
 int on_take_output(sd_bus_message* call, void* userdata, sd_bus_error* error) {
     int32_t source = 0;
@@ -150,9 +125,7 @@ NUVIO_GETTER(get_current_source) {
 }
 
 NUVIO_GETTER(get_muted) {
-    std::string text;
-    controls(userdata).messages().read(android::KORA_MUTE, text);
-    return sd_bus_message_append(reply, "b", text == "MUTE" ? 1 : 0);
+    return sd_bus_message_append(reply, "b", controls(userdata).is_muted() ? 1 : 0);
 }
 
 NUVIO_GETTER(get_wired) {
@@ -170,10 +143,6 @@ constexpr uint64_t kChanges = SD_BUS_VTABLE_PROPERTY_EMITS_CHANGE;
 
 const sd_bus_vtable kTable[] = {
     SD_BUS_VTABLE_START(0),
-    SD_BUS_METHOD_WITH_NAMES("ReadMessage", "i", SD_BUS_PARAM(id), "s", SD_BUS_PARAM(text),
-                             on_read_message, kOpen),
-    SD_BUS_METHOD_WITH_NAMES("WriteMessage", "is", SD_BUS_PARAM(id) SD_BUS_PARAM(text), "", ,
-                             on_write_message, kOpen),
     SD_BUS_METHOD_WITH_NAMES("TakeOutput", "i", SD_BUS_PARAM(source), "", , on_take_output, kOpen),
     SD_BUS_METHOD("GiveBackOutput", "", "", on_give_back_output, kOpen),
     SD_BUS_METHOD("RefuseNextRequest", "", "", on_refuse_next_request, kOpen),
@@ -186,7 +155,6 @@ const sd_bus_vtable kTable[] = {
     SD_BUS_METHOD_WITH_NAMES("OverrideNetwork", "ii", SD_BUS_PARAM(interface) SD_BUS_PARAM(status),
                              "", , on_override_network, kOpen),
     SD_BUS_METHOD_WITH_NAMES("Status", "", , "s", SD_BUS_PARAM(json), on_status, kOpen),
-    SD_BUS_SIGNAL_WITH_NAMES("MessageChanged", "is", SD_BUS_PARAM(id) SD_BUS_PARAM(text), 0),
     SD_BUS_PROPERTY("DeviceName", "s", get_device_name, 0, kChanges),
     SD_BUS_PROPERTY("CurrentSource", "i", get_current_source, 0, kChanges),
     SD_BUS_PROPERTY("Muted", "b", get_muted, 0, kChanges),
@@ -211,8 +179,7 @@ int Panel::attach(sd_bus* bus) {
     return sd_bus_add_object_vtable(bus, nullptr, kPath, kInterface, kTable, this);
 }
 
-void Panel::publish_message(sd_bus* bus, int id, const std::string& text) {
-    sd_bus_emit_signal(bus, kPath, kInterface, "MessageChanged", "is", id, to_utf8(text).c_str());
+void Panel::publish_message(sd_bus* bus, int id) {
     for (const MessageProperty& property : kMessageProperties) {
         if (property.id == id) {
             sd_bus_emit_properties_changed(bus, kPath, kInterface, property.name, nullptr);

@@ -7,8 +7,6 @@
 
 #include <systemd/sd-bus.h>
 
-#include <string>
-
 #include "device/controls.h"
 #include "watch/device_status.h"
 
@@ -17,6 +15,7 @@ namespace nuvio::host {
 class Panel {
   public:
     static constexpr char kBusName[] = "org.nuvioconnect.Host1";
+    static constexpr char kPath[] = "/org/nuvioconnect/Host1";
 
     Panel(Controls& controls, const DeviceStatus& status)
         : m_controls(controls), m_status(status) {}
@@ -24,8 +23,8 @@ class Panel {
     // Puts the object on the connection, for the connection's life. Negative errno on failure.
     int attach(sd_bus* bus);
 
-    // Signals a message's new text, and the property that goes with it. The bus is there.
-    static void publish_message(sd_bus* bus, int id, const std::string& text);
+    // Signals the property that shows the message, where there is one. The bus is there.
+    static void publish_message(sd_bus* bus, int id);
     static void publish_network(sd_bus* bus);
 
     Controls& controls() { return m_controls; }

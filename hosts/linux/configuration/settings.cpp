@@ -78,7 +78,7 @@ struct KnownKey {
     std::string_view key;
     Checker check;
 };
-constexpr std::array<KnownKey, 27> kKnownKeys = {{
+constexpr std::array<KnownKey, 28> kKnownKeys = {{
     {kFeatureNuvioConnect, check_number},
     {KFeatureNuvioConnectLog, check_number},
     {KFeatureNuvioConnectHttpPort, check_port},
@@ -94,6 +94,7 @@ constexpr std::array<KnownKey, 27> kKnownKeys = {{
     {kHostModel, check_any},
     {kHostStateDir, check_folder},
     {kHostBus, check_bus},
+    {kHostBusMessages, check_number},
     {kHostInitialVolume, check_percent},
     {kHostMetricsSocket, check_folder},
     {kHostHookPlaying, check_hook},

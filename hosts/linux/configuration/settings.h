@@ -22,6 +22,7 @@ inline constexpr char kHostManufacturer[] = "host.manufacturer";
 inline constexpr char kHostModel[] = "host.model";
 inline constexpr char kHostStateDir[] = "host.state_dir";
 inline constexpr char kHostBus[] = "host.bus";  // auto, session, system, none or an address
+inline constexpr char kHostBusMessages[] = "host.bus_messages";      // number, not 0: raw ones too
 inline constexpr char kHostMetricsSocket[] = "host.metrics_socket";  // path; none: no metrics
 inline constexpr char kHostInitialVolume[] = "host.initial_volume";  // percent
 // Commands or units that follow the device, and after how many seconds what goes off does.

@@ -84,4 +84,16 @@ std::string Controls::device_name() const {
     return name.empty() ? friendly_name(m_settings) : to_utf8(name);
 }
 
+std::optional<int> Controls::volume() const {
+    std::string text;
+    m_messages.read(android::KORA_VOLUME, text);
+    return to_percent(text);
+}
+
+bool Controls::is_muted() const {
+    std::string text;
+    m_messages.read(android::KORA_MUTE, text);
+    return text == "MUTE";
+}
+
 }  // namespace nuvio::host

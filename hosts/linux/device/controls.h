@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "configuration/settings.h"
@@ -54,6 +55,9 @@ class Controls {
 
     // The name given to the device, else the machine's.
     std::string device_name() const;
+    // In percent; none while nobody has set one.
+    std::optional<int> volume() const;
+    bool is_muted() const;
 
     const MessageStore& messages() const { return m_messages; }
     NowPlaying& now_playing() { return m_now_playing; }

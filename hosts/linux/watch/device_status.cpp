@@ -12,7 +12,6 @@
 #include "base/text.h"
 #include "common/json/json.h"
 #include "common/number.h"
-#include "platform/Kora.h"
 
 namespace nuvio::host {
 
@@ -47,18 +46,6 @@ class Facts {
   private:
     android::sp<android::AMessage> m_report;
 };
-
-std::optional<int> volume_of(const Controls& controls) {
-    std::string text;
-    controls.messages().read(android::KORA_VOLUME, text);
-    return to_percent(text);
-}
-
-bool is_muted(const Controls& controls) {
-    std::string text;
-    controls.messages().read(android::KORA_MUTE, text);
-    return text == "MUTE";
-}
 
 // ---- JSON -----------------------------------------------------------------------------------
 
@@ -193,8 +180,8 @@ std::string DeviceStatus::json() const {
     add(status, "state", kStates[view.status]);
     add_track(status, view);
     add_output(status, facts);
-    add(status, "volume", volume_of(m_controls));
-    add(status, "muted", is_muted(m_controls));
+    add(status, "volume", m_controls.volume());
+    add(status, "muted", m_controls.is_muted());
     add(status, "underruns", facts.number("underruns"));
     add_error(status, facts);
     cJSON* const sessions = add_object(status, "sessions");
@@ -233,8 +220,8 @@ std::string DeviceStatus::metrics() const {
              facts.number("underruns"));
     page.add("last_error_timestamp_seconds", "gauge", "When the last error was logged.",
              time_of(facts.text("error_time")));
-    page.add("volume_percent", "gauge", "The volume control.", volume_of(m_controls));
-    page.add("muted", "gauge", "1: no sound.", is_muted(m_controls) ? 1 : 0);
+    page.add("volume_percent", "gauge", "The volume control.", m_controls.volume());
+    page.add("muted", "gauge", "1: no sound.", m_controls.is_muted() ? 1 : 0);
     add_output(page, facts);
     return page.text();
 }

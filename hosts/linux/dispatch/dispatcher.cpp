@@ -1,4 +1,4 @@
-#include "bus/dispatcher.h"
+#include "dispatch/dispatcher.h"
 
 #include <poll.h>
 #include <pthread.h>
@@ -13,8 +13,9 @@
 
 #include "bus/bus_address.h"
 #include "bus/bus_name.h"
-#include "bus/service_status.h"
+#include "bus/raw_messages.h"
 #include "platform/Kora.h"
+#include "watch/service_status.h"
 
 namespace nuvio::host {
 
@@ -43,6 +44,7 @@ Dispatcher::Dispatcher(Controls& controls, NetworkMonitor& network, StateStore& 
       m_status(controls),
       m_mpris(controls),
       m_panel(controls, m_status),
+      m_shows_raw_messages(settings.is_on(kHostBusMessages)),
       m_link(bus_addresses(settings.get(kHostBus)), [this](sd_bus* bus) { return set_up(bus); }),
       m_metrics(settings.get(kHostMetricsSocket), m_status) {}
 
@@ -101,6 +103,9 @@ int Dispatcher::set_up(sd_bus* bus) {
     if (r >= 0) {
         r = m_panel.attach(bus);
     }
+    if (r >= 0 && m_shows_raw_messages) {
+        r = attach_raw_messages(bus, m_panel.controls());
+    }
     if (r >= 0) {
         r = request_bus_name(bus, Mpris::kBusName);
     }
@@ -147,7 +152,10 @@ void Dispatcher::publish() {
         return;
     }
     for (const auto& [id, text] : notices.messages) {
-        Panel::publish_message(bus, id, text);
+        Panel::publish_message(bus, id);
+        if (m_shows_raw_messages) {
+            publish_raw_message(bus, id, text);
+        }
         if (id == android::KORA_DEVICE_NAME) {
             Mpris::publish_name(bus);
         }

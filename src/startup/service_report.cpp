@@ -1,4 +1,4 @@
-#include "diagnostics/service_report.h"
+#include "startup/service_report.h"
 
 #include <alsa/asoundlib.h>
 

@@ -1,4 +1,4 @@
-#include "bus/service_status.h"
+#include "watch/service_status.h"
 
 #include <systemd/sd-daemon.h>
 

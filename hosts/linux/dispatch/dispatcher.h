@@ -80,6 +80,7 @@ class Dispatcher {
     const DeviceStatus m_status;
     Mpris m_mpris;
     Panel m_panel;
+    const bool m_shows_raw_messages;
     BusLink m_link;
     MetricsSocket m_metrics;
     std::optional<Clock::time_point> m_save_at;
