@@ -71,14 +71,11 @@ std::optional<Track> track_of(const NamedTrack& named, const Session& session) {
 RemoteControl::RemoteControl(uv_loop_t* loop, HelloMessage device, Control& control,
                              const Player& player, std::shared_ptr<const Logger> logger,
                              std::function<void()> wake)
-    : m_loop(loop),
-      m_device(std::move(device)),
-      m_control(control),
+    : m_control(control),
       m_player(player),
       m_logger(std::move(logger)),
       m_wake(std::move(wake)),
-      m_timer(make_loop_handle<uv_timer_t>(
-          this, [loop](uv_timer_t* timer) { return uv_timer_init(loop, timer); })) {}
+      m_report(loop, std::move(device), player, m_wake) {}
 
 RemoteControl::~RemoteControl() {
     if (m_link) {
@@ -96,7 +93,7 @@ void RemoteControl::begin(const std::string& session_id, const RemoteOffer& offe
         return;
     }
     target->authorities = remote_request_defaults().authorities;
-    m_device.session = session_id;
+    m_report.set_session(session_id);
     const auto log = [logger = m_logger](bool is_trouble, const std::string& line) {
         logger->write(is_trouble ? LogLevel::warning : LogLevel::info, kCloudClient, "%s",
                       line.c_str());
@@ -119,9 +116,8 @@ void RemoteControl::end(const char* reason) {
     m_link.reset();
     m_has_news = false;
     m_connection = 0;
-    m_told.reset();
+    m_report.end();
     m_edit_id.clear();
-    uv_timer_stop(m_timer.get());
 }
 
 // ---- Commands ---------------------------------------------------------------------------------
@@ -131,7 +127,7 @@ bool RemoteControl::take_command() {
         return false;
     }
     if (std::exchange(m_connection, m_link->connection()) != m_connection) {
-        m_told.reset();
+        m_report.begin_anew();
     }
     auto incoming = m_link->take();
     if (!incoming) {
@@ -156,7 +152,7 @@ bool RemoteControl::take_command() {
     }
     answer(id, error);
     if (error == NUV_ERROR_OK && command.verb == RemoteVerb::queue_read) {
-        say(queue_text(place(command.number)));
+        say(m_report.queue_text(place(command.number)));
     }
     return true;
 }
@@ -270,6 +266,20 @@ void RemoteControl::answer(const std::string& id, nuv_error error) {
 
 void RemoteControl::say(std::string text) {
     m_link->say(m_connection, std::move(text));
+}
+
+// ---- Reports ----------------------------------------------------------------------------------
+
+void RemoteControl::tell(const PlaybackSettings& settings, const PlayerView& view) {
+    if (m_connection != 0) {
+        m_report.tell(*m_link, m_connection, settings, view);
+    }
+}
+
+void RemoteControl::tell_trouble(const Trouble& trouble) {
+    if (m_connection != 0) {
+        say(write_error(trouble.error, trouble.track, trouble.reason));
+    }
 }
 
 }  // namespace local_core
