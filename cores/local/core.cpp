@@ -193,14 +193,14 @@ bool Core::advertise() {
 bool Core::report_player() {
     const PlayerView view = m_player.view();
     const bool begun = m_player.take_fresh_start();
-    const bool retitled = m_player.take_new_texts();
+    const bool retitled = view.text_count != m_published.text_count;
     const bool changed = view != m_published;
     if (changed || std::exchange(m_view_noted, false)) {
         // Before the delegates, which may ask.
         m_control.publish(view);
         m_published = view;
     }
-    if (!changed && !begun && !retitled) {
+    if (!changed && !begun) {
         return false;
     }
     if (begun) {

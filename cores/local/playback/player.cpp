@@ -12,11 +12,6 @@ namespace {
 
 // Going back later in a track than this leads to its own beginning.
 constexpr uint64_t kRestartAfterMs = 3000;
-// So many tracks in a row that the renderer can't play are a renderer that can't play.
-constexpr int kMaxRefused = 3;
-constexpr size_t kMaxTroubles = 16;
-// So many tracks in a row whose server is gone end the session.
-constexpr int kMaxUnreachable = 3;
 
 }  // namespace
 
@@ -24,7 +19,9 @@ Player::Player(const PlayerDelegates& delegates, Control& control,
                const std::shared_ptr<const Logger>& logger, std::function<void()> on_news)
     : m_delegates(delegates),
       m_logger(logger),
-      m_streams(delegates, control, logger, std::move(on_news)) {}
+      m_streams(delegates, control, logger, std::move(on_news)),
+      m_delivery(m_streams, [this] { return is_heard(); }),
+      m_misses(logger) {}
 
 Player::~Player() = default;
 
@@ -62,9 +59,7 @@ void Player::join_session(Command& command) {
     m_playback.forget_seek_goal();
     m_is_active = command.become_active;
     m_goes_backwards = false;
-    m_refused_count = 0;  // the first of them was a track of the old session
-    m_unreachable_count = 0;
-    m_gives_session_up = false;
+    m_misses.begin_session();
 }
 
 void Player::leave_session() {
@@ -81,7 +76,7 @@ void Player::pause(const Command&) {
 }
 
 void Player::resume(const Command&) {
-    m_gives_session_up = false;
+    m_misses.try_again();
     m_playback.set_goal(NUV_PLAYBACK_STATE_PLAYING);
     m_playback.set_place_kept(false);
     m_is_active = true;
@@ -95,7 +90,7 @@ void Player::stop(const Command&) {
 
 void Player::go_to_next(const Command&) {
     if (const auto next = m_session->next()) {
-        m_gives_session_up = false;
+        m_misses.try_again();
         m_goes_backwards = false;
         skip_to(*next);
     }
@@ -140,7 +135,7 @@ nuv_error Player::edit(QueueEdit& edit) {
     const bool jumps = edit.kind == QueueEdit::Kind::jump;
     const nuv_error error = m_session->edit(edit);
     if (error == NUV_ERROR_OK && (jumps || m_session->current() != before)) {
-        m_gives_session_up = false;
+        m_misses.try_again();
         m_goes_backwards = false;
         skip_to(m_session->current());
     }
@@ -162,8 +157,7 @@ void Player::end_session() {
     m_playback.set_goal(NUV_PLAYBACK_STATE_STOPPED);
     m_playback.forget_seek_goal();
     m_is_active = false;
-    m_unreachable_count = 0;
-    m_gives_session_up = false;
+    m_misses.end_session();
 }
 
 void Player::go_on_after_last_sample() {
@@ -173,7 +167,7 @@ void Player::go_on_after_last_sample() {
     m_goes_backwards = false;
     // The next track was not announced in time to be queued behind this one.
     const auto follower = m_session->follower();
-    if (follower && !m_gives_session_up) {
+    if (follower && !m_misses.gives_session_up()) {
         skip_to(*follower);
     } else {
         end_session();
@@ -186,48 +180,14 @@ void Player::pass_over(const Stream& stream) {
                     display_text(m_session->track(track).location).c_str(),
                     display_text(stream.open_error()).c_str());
     m_session->mark_unplayable(track);
-    note_trouble({"track_failed", track, stream.open_error()});
-}
-
-void Player::note_trouble(Trouble trouble) {
-    if (m_troubles.size() < kMaxTroubles) {
-        m_troubles.push_back(std::move(trouble));
-    }
-}
-
-std::optional<Trouble> Player::take_trouble() {
-    if (m_troubles.empty()) {
-        return std::nullopt;
-    }
-    Trouble trouble = std::move(m_troubles.front());
-    m_troubles.pop_front();
-    return trouble;
-}
-
-// What the end of a track's bytes says of those that follow.
-void Player::consider_failure(const Stream& stream) {
-    if (stream.is_announced() && std::exchange(m_considered_stream, stream.id()) == stream.id()) {
-        return;
-    }
-    const HttpFailure failure = stream.failure();
-    m_unreachable_count = failure == HttpFailure::unreachable ? m_unreachable_count + 1 : 0;
-    if (failure == HttpFailure::refused || m_unreachable_count == kMaxUnreachable) {
-        m_gives_session_up = true;
-        m_logger->write(LogLevel::warning, kCloudClient, "Session %s ends: %s",
-                        display_text(m_session->id()).c_str(),
-                        failure == HttpFailure::refused ? "its token is not accepted any more"
-                                                        : "its server or disk is gone");
-    }
+    m_misses.note({"track_failed", track, stream.open_error()});
 }
 
 // An output that went during a pause or a seek (a sound server that was restarted) is opened anew,
 // and the track goes on at its place; not twice without sound between.
 bool Player::begin_anew() {
     const auto place_ms = std::exchange(m_resumed_ms, std::nullopt);
-    if (!place_ms || m_playback.is_to_stop() || !m_session) {
-        return false;
-    }
-    if (std::exchange(m_has_begun_anew, true)) {
+    if (!place_ms || m_playback.is_to_stop() || !m_session || !m_misses.may_begin_anew()) {
         return false;
     }
     skip_to(m_session->current());
@@ -242,16 +202,12 @@ bool Player::pass_over_refused() {
     if (m_playback.is_to_stop() || !m_session || current == nullptr || current->has_flowed()) {
         return false;
     }
-    if (m_refused_count == 0) {
-        m_first_refused = m_session->current();
-    }
     const auto next = m_session->next();
-    if (++m_refused_count < kMaxRefused && next) {
+    if (m_misses.refused(m_session->current(), next)) {
         skip_to(*next);
         return true;
     }
-    skip_to(m_first_refused);
-    m_refused_count = 0;
+    skip_to(m_misses.first_refused());
     return false;
 }
 
@@ -259,9 +215,9 @@ bool Player::pass_over_refused() {
 
 nuv_error Player::playback_initiated() {
     if (m_playback.is_active()) {
-        m_pace.go_on(Pace::Clock::now());
+        m_delivery.go_on();
     } else {
-        m_pace.begin(Pace::Clock::now());
+        m_delivery.begin();
     }
     return m_playback.confirm_initiated();
 }
@@ -275,7 +231,7 @@ nuv_error Player::playback_resumed() {
     if (m_streams.current() != nullptr) {
         m_resumed_ms = m_streams.delivered_position_ms();
     }
-    m_pace.begin(Pace::Clock::now());
+    m_delivery.begin();
     return m_playback.confirm_resumed();
 }
 
@@ -285,7 +241,7 @@ nuv_error Player::playback_error() {
     }
     m_logger->write(LogLevel::error, kAudioStreamManager, "The renderer reports a playback error");
     m_playback.forget_seek_goal();
-    note_trouble({"playback_failed", std::nullopt, "the sound card can't play"});
+    m_misses.note({"playback_failed", std::nullopt, "the sound card can't play"});
     if (!begin_anew() && !pass_over_refused()) {
         m_playback.set_goal(NUV_PLAYBACK_STATE_STOPPED);
     }
