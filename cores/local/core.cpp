@@ -146,18 +146,14 @@ void Core::take_requests() {
     for (Command& command : m_control.take_commands()) {
         m_view_noted = true;
         m_player.set_modes(command.loop_mode, command.shuffle);
-        switch (command.verb) {
-            case Verb::edit:
-                m_remote.answer_edit(m_player.edit(*command.edit));
-                continue;
-            case Verb::connect:
-                m_remote.begin(command.session->id(), command.remote);
-                break;
-            case Verb::deactivate:
-                m_remote.end("left");
-                break;
-            default:
-                break;
+        if (command.edit) {
+            m_remote.answer_edit(m_player.edit(*command.edit));
+            continue;
+        }
+        if (command.verb == Verb::connect) {
+            m_remote.begin(command.session->id(), command.remote);
+        } else if (command.verb == Verb::deactivate) {
+            m_remote.end("left");
         }
         m_player.apply(std::move(command));
     }

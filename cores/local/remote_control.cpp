@@ -151,7 +151,7 @@ bool RemoteControl::take_command() {
         return true;
     }
     answer(id, error);
-    if (error == NUV_ERROR_OK && command.verb == RemoteVerb::queue_read) {
+    if (error == NUV_ERROR_OK && command.verb == Verb::queue_read) {
         say(m_report.queue_text(place(command.number)));
     }
     return true;
@@ -159,35 +159,28 @@ bool RemoteControl::take_command() {
 
 // *is_noted: the answer is known when the change of the list is carried out.
 nuv_error RemoteControl::carry_out(RemoteCommand& command, bool* is_noted) {
-    static constexpr struct {
-        RemoteVerb verb;
-        Verb control;
-    } kControls[] = {
-        {RemoteVerb::play, Verb::resume},       {RemoteVerb::pause, Verb::pause},
-        {RemoteVerb::stop, Verb::stop},         {RemoteVerb::next, Verb::next},
-        {RemoteVerb::previous, Verb::previous}, {RemoteVerb::seek, Verb::seek},
-        {RemoteVerb::leave, Verb::deactivate},
-    };
-    const auto* const row =
-        std::find_if(std::begin(kControls), std::end(kControls),
-                     [&](const auto& known) { return known.verb == command.verb; });
-    if (row != std::end(kControls)) {
-        return m_control.command(row->control, command.number);
-    }
     switch (command.verb) {
-        case RemoteVerb::volume:
+        case Verb::deactivate:
+        case Verb::resume:
+        case Verb::pause:
+        case Verb::stop:
+        case Verb::next:
+        case Verb::previous:
+        case Verb::seek:
+            return m_control.command(command.verb, command.number);
+        case Verb::volume:
             m_control.set_volume(static_cast<uint32_t>(command.number));
             return NUV_ERROR_OK;
-        case RemoteVerb::mute:
+        case Verb::mute:
             m_control.set_muted(command.flag);
             return NUV_ERROR_OK;
-        case RemoteVerb::shuffle:
+        case Verb::shuffle:
             m_control.set_shuffle(command.flag);
             return NUV_ERROR_OK;
-        case RemoteVerb::loop:
+        case Verb::loop:
             m_control.set_loop_mode(command.loop_mode);
             return NUV_ERROR_OK;
-        case RemoteVerb::queue_read:
+        case Verb::queue_read:
             return m_player.session() != nullptr ? NUV_ERROR_OK : NUV_ERROR_NOT_CONNECTED;
         default:
             return edit(command, is_noted);
@@ -209,22 +202,8 @@ nuv_error RemoteControl::edit(RemoteCommand& command, bool* is_noted) {
 
 // None where a track is not allowed.
 std::optional<QueueEdit> RemoteControl::edit_of(RemoteCommand& command) const {
-    static constexpr struct {
-        RemoteVerb verb;
-        QueueEdit::Kind kind;
-    } kKinds[] = {
-        {RemoteVerb::queue_replace, QueueEdit::Kind::replace},
-        {RemoteVerb::queue_insert, QueueEdit::Kind::insert},
-        {RemoteVerb::queue_remove, QueueEdit::Kind::remove},
-        {RemoteVerb::queue_move, QueueEdit::Kind::move},
-        {RemoteVerb::queue_jump, QueueEdit::Kind::jump},
-    };
     QueueEdit edit;
-    for (const auto& [verb, kind] : kKinds) {
-        if (verb == command.verb) {
-            edit.kind = kind;
-        }
-    }
+    edit.verb = command.verb;
     for (const NamedTrack& named_track : command.tracks) {
         std::optional<Track> track = track_of(named_track, *m_player.session());
         if (!track) {
@@ -235,7 +214,7 @@ std::optional<QueueEdit> RemoteControl::edit_of(RemoteCommand& command) const {
     edit.start = place(command.number);
     std::transform(command.items.begin(), command.items.end(), std::back_inserter(edit.items),
                    place);
-    if (edit.kind == QueueEdit::Kind::jump) {
+    if (edit.verb == Verb::queue_jump) {
         edit.items = {place(command.number)};
     }
     if (command.before) {

@@ -132,7 +132,7 @@ nuv_error Player::edit(QueueEdit& edit) {
         return NUV_ERROR_NOT_CONNECTED;
     }
     const size_t before = m_session->current();
-    const bool jumps = edit.kind == QueueEdit::Kind::jump;
+    const bool jumps = edit.verb == Verb::queue_jump;
     const nuv_error error = m_session->edit(edit);
     if (error == NUV_ERROR_OK && (jumps || m_session->current() != before)) {
         m_misses.try_again();
