@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "local/base/logger.h"
 #include "local/playback/stream_queue.h"
