@@ -146,18 +146,14 @@ void Core::take_requests() {
     for (Command& command : m_control.take_commands()) {
         m_view_noted = true;
         m_player.set_modes(command.loop_mode, command.shuffle);
-        switch (command.verb) {
-            case Verb::edit:
-                m_remote.answer_edit(m_player.edit(*command.edit));
-                continue;
-            case Verb::connect:
-                m_remote.begin(command.session->id(), command.remote);
-                break;
-            case Verb::deactivate:
-                m_remote.end("left");
-                break;
-            default:
-                break;
+        if (command.edit) {
+            m_remote.answer_edit(m_player.edit(*command.edit));
+            continue;
+        }
+        if (command.verb == Verb::connect) {
+            m_remote.begin(command.session->id(), command.remote);
+        } else if (command.verb == Verb::deactivate) {
+            m_remote.end("left");
         }
         m_player.apply(std::move(command));
     }
@@ -193,14 +189,14 @@ bool Core::advertise() {
 bool Core::report_player() {
     const PlayerView view = m_player.view();
     const bool begun = m_player.take_fresh_start();
-    const bool retitled = m_player.take_new_texts();
+    const bool retitled = view.text_count != m_published.text_count;
     const bool changed = view != m_published;
     if (changed || std::exchange(m_view_noted, false)) {
         // Before the delegates, which may ask.
         m_control.publish(view);
         m_published = view;
     }
-    if (!changed && !begun && !retitled) {
+    if (!changed && !begun) {
         return false;
     }
     if (begun) {

@@ -71,14 +71,11 @@ std::optional<Track> track_of(const NamedTrack& named, const Session& session) {
 RemoteControl::RemoteControl(uv_loop_t* loop, HelloMessage device, Control& control,
                              const Player& player, std::shared_ptr<const Logger> logger,
                              std::function<void()> wake)
-    : m_loop(loop),
-      m_device(std::move(device)),
-      m_control(control),
+    : m_control(control),
       m_player(player),
       m_logger(std::move(logger)),
       m_wake(std::move(wake)),
-      m_timer(make_loop_handle<uv_timer_t>(
-          this, [loop](uv_timer_t* timer) { return uv_timer_init(loop, timer); })) {}
+      m_report(loop, std::move(device), player, m_wake) {}
 
 RemoteControl::~RemoteControl() {
     if (m_link) {
@@ -96,7 +93,7 @@ void RemoteControl::begin(const std::string& session_id, const RemoteOffer& offe
         return;
     }
     target->authorities = remote_request_defaults().authorities;
-    m_device.session = session_id;
+    m_report.set_session(session_id);
     const auto log = [logger = m_logger](bool is_trouble, const std::string& line) {
         logger->write(is_trouble ? LogLevel::warning : LogLevel::info, kCloudClient, "%s",
                       line.c_str());
@@ -119,9 +116,8 @@ void RemoteControl::end(const char* reason) {
     m_link.reset();
     m_has_news = false;
     m_connection = 0;
-    m_told.reset();
+    m_report.end();
     m_edit_id.clear();
-    uv_timer_stop(m_timer.get());
 }
 
 // ---- Commands ---------------------------------------------------------------------------------
@@ -131,7 +127,7 @@ bool RemoteControl::take_command() {
         return false;
     }
     if (std::exchange(m_connection, m_link->connection()) != m_connection) {
-        m_told.reset();
+        m_report.begin_anew();
     }
     auto incoming = m_link->take();
     if (!incoming) {
@@ -155,43 +151,36 @@ bool RemoteControl::take_command() {
         return true;
     }
     answer(id, error);
-    if (error == NUV_ERROR_OK && command.verb == RemoteVerb::queue_read) {
-        say(queue_text(place(command.number)));
+    if (error == NUV_ERROR_OK && command.verb == Verb::queue_read) {
+        say(m_report.queue_text(place(command.number)));
     }
     return true;
 }
 
 // *is_noted: the answer is known when the change of the list is carried out.
 nuv_error RemoteControl::carry_out(RemoteCommand& command, bool* is_noted) {
-    static constexpr struct {
-        RemoteVerb verb;
-        Verb control;
-    } kControls[] = {
-        {RemoteVerb::play, Verb::resume},       {RemoteVerb::pause, Verb::pause},
-        {RemoteVerb::stop, Verb::stop},         {RemoteVerb::next, Verb::next},
-        {RemoteVerb::previous, Verb::previous}, {RemoteVerb::seek, Verb::seek},
-        {RemoteVerb::leave, Verb::deactivate},
-    };
-    const auto* const row =
-        std::find_if(std::begin(kControls), std::end(kControls),
-                     [&](const auto& known) { return known.verb == command.verb; });
-    if (row != std::end(kControls)) {
-        return m_control.command(row->control, command.number);
-    }
     switch (command.verb) {
-        case RemoteVerb::volume:
+        case Verb::deactivate:
+        case Verb::resume:
+        case Verb::pause:
+        case Verb::stop:
+        case Verb::next:
+        case Verb::previous:
+        case Verb::seek:
+            return m_control.command(command.verb, command.number);
+        case Verb::volume:
             m_control.set_volume(static_cast<uint32_t>(command.number));
             return NUV_ERROR_OK;
-        case RemoteVerb::mute:
+        case Verb::mute:
             m_control.set_muted(command.flag);
             return NUV_ERROR_OK;
-        case RemoteVerb::shuffle:
+        case Verb::shuffle:
             m_control.set_shuffle(command.flag);
             return NUV_ERROR_OK;
-        case RemoteVerb::loop:
+        case Verb::loop:
             m_control.set_loop_mode(command.loop_mode);
             return NUV_ERROR_OK;
-        case RemoteVerb::queue_read:
+        case Verb::queue_read:
             return m_player.session() != nullptr ? NUV_ERROR_OK : NUV_ERROR_NOT_CONNECTED;
         default:
             return edit(command, is_noted);
@@ -213,22 +202,8 @@ nuv_error RemoteControl::edit(RemoteCommand& command, bool* is_noted) {
 
 // None where a track is not allowed.
 std::optional<QueueEdit> RemoteControl::edit_of(RemoteCommand& command) const {
-    static constexpr struct {
-        RemoteVerb verb;
-        QueueEdit::Kind kind;
-    } kKinds[] = {
-        {RemoteVerb::queue_replace, QueueEdit::Kind::replace},
-        {RemoteVerb::queue_insert, QueueEdit::Kind::insert},
-        {RemoteVerb::queue_remove, QueueEdit::Kind::remove},
-        {RemoteVerb::queue_move, QueueEdit::Kind::move},
-        {RemoteVerb::queue_jump, QueueEdit::Kind::jump},
-    };
     QueueEdit edit;
-    for (const auto& [verb, kind] : kKinds) {
-        if (verb == command.verb) {
-            edit.kind = kind;
-        }
-    }
+    edit.verb = command.verb;
     for (const NamedTrack& named_track : command.tracks) {
         std::optional<Track> track = track_of(named_track, *m_player.session());
         if (!track) {
@@ -239,7 +214,7 @@ std::optional<QueueEdit> RemoteControl::edit_of(RemoteCommand& command) const {
     edit.start = place(command.number);
     std::transform(command.items.begin(), command.items.end(), std::back_inserter(edit.items),
                    place);
-    if (edit.kind == QueueEdit::Kind::jump) {
+    if (edit.verb == Verb::queue_jump) {
         edit.items = {place(command.number)};
     }
     if (command.before) {
@@ -270,6 +245,20 @@ void RemoteControl::answer(const std::string& id, nuv_error error) {
 
 void RemoteControl::say(std::string text) {
     m_link->say(m_connection, std::move(text));
+}
+
+// ---- Reports ----------------------------------------------------------------------------------
+
+void RemoteControl::tell(const PlaybackSettings& settings, const PlayerView& view) {
+    if (m_connection != 0) {
+        m_report.tell(*m_link, m_connection, settings, view);
+    }
+}
+
+void RemoteControl::tell_trouble(const Trouble& trouble) {
+    if (m_connection != 0) {
+        say(write_error(trouble.error, trouble.track, trouble.reason));
+    }
 }
 
 }  // namespace local_core

@@ -1,5 +1,5 @@
 // A session's channel on the loop's side: carries out what its server asks for by the same controls
-// that the device uses, and tells it what has changed (docs/session.md).
+// that the device uses (docs/session.md). What the server is told is RemoteReport's.
 //
 // Loop thread only. Calls no delegate but the one that tells the position, in `tell`. What can wait
 // is the link's.
@@ -15,11 +15,11 @@
 #include <string>
 
 #include "local/base/logger.h"
-#include "local/base/loop_wakeup.h"
 #include "local/channel/link.h"
 #include "local/channel/messages.h"
 #include "local/playback/control.h"
 #include "local/playback/player.h"
+#include "local/remote_report.h"
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {
@@ -52,39 +52,22 @@ class RemoteControl {
     void tell_trouble(const Trouble& trouble);
 
   private:
-    // What the server knows.
-    struct Told {
-        PlaybackSettings settings;
-        PlayerView view;
-    };
-
     nuv_error carry_out(RemoteCommand& command, bool* is_noted);
     nuv_error edit(RemoteCommand& command, bool* is_noted);
     std::optional<QueueEdit> edit_of(RemoteCommand& command) const;
     void answer(const std::string& id, nuv_error error);
     void say(std::string text);
-    void put(Link::Slot slot, std::string text);
-    void set_timer(uint64_t due_ms);
 
-    std::string hello_text(const PlaybackSettings& settings) const;
-    std::string queue_text(std::optional<size_t> first) const;
-    std::string track_text() const;
-    std::string state_text(const PlaybackSettings& settings, const PlayerView& view) const;
-
-    uv_loop_t* const m_loop;
-    HelloMessage m_device;
     Control& m_control;
     const Player& m_player;
     const std::shared_ptr<const Logger> m_logger;
     const std::function<void()> m_wake;
-    LoopHandle<uv_timer_t> m_timer;
+    RemoteReport m_report;
 
     std::unique_ptr<Link> m_link;         // null: not controlled from elsewhere
     std::atomic<bool> m_has_news{false};  // of the link, set by its thread
     uint64_t m_connection = 0;
-    std::optional<Told> m_told;  // none: nothing yet by this connection
-    uint64_t m_told_ms = 0;      // when, by the loop's clock
-    std::string m_edit_id;       // of the command whose change is noted
+    std::string m_edit_id;  // of the command whose change is noted
     uint64_t m_edit_connection = 0;
 };
 

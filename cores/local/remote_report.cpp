@@ -1,8 +1,9 @@
-// What a session's server is told of: the other half of remote_control.h.
+#include "local/remote_report.h"
+
 #include <algorithm>
 #include <chrono>
+#include <utility>
 
-#include "local/remote_control.h"
 #include "local/texts/file_url.h"
 
 namespace local_core {
@@ -23,10 +24,22 @@ NamedTrack named(const Track& track) {
 
 }  // namespace
 
-void RemoteControl::tell(const PlaybackSettings& settings, const PlayerView& view) {
-    if (m_connection == 0) {
-        return;
-    }
+RemoteReport::RemoteReport(uv_loop_t* loop, HelloMessage device, const Player& player,
+                           std::function<void()> wake)
+    : m_loop(loop),
+      m_device(std::move(device)),
+      m_player(player),
+      m_wake(std::move(wake)),
+      m_timer(make_loop_handle<uv_timer_t>(
+          this, [loop](uv_timer_t* timer) { return uv_timer_init(loop, timer); })) {}
+
+void RemoteReport::end() {
+    m_told.reset();
+    uv_timer_stop(m_timer.get());
+}
+
+void RemoteReport::tell(Link& link, uint64_t connection, const PlaybackSettings& settings,
+                        const PlayerView& view) {
     const uint64_t now_ms = uv_now(m_loop);
     const bool is_first = !m_told;
     const bool plays = view.state == NUV_PLAYBACK_STATE_PLAYING;
@@ -39,16 +52,16 @@ void RemoteControl::tell(const PlaybackSettings& settings, const PlayerView& vie
         return;
     }
     if (is_first || m_told->settings.device_name != settings.device_name) {
-        put(Link::Slot::hello, hello_text(settings));
+        link.put(connection, Link::Slot::hello, hello_text(settings));
     }
     if (is_first || m_told->view.list_revision != view.list_revision) {
-        put(Link::Slot::queue, queue_text(std::nullopt));
+        link.put(connection, Link::Slot::queue, queue_text(std::nullopt));
     }
     if (is_first || m_told->view.stream_id != view.stream_id ||
         m_told->view.text_count != view.text_count) {
-        put(Link::Slot::track, track_text());
+        link.put(connection, Link::Slot::track, track_text());
     }
-    put(Link::Slot::state, state_text(settings, view));
+    link.put(connection, Link::Slot::state, state_text(settings, view));
     m_told = Told{settings, view};
     m_told_ms = now_ms;
     if (plays) {
@@ -58,25 +71,14 @@ void RemoteControl::tell(const PlaybackSettings& settings, const PlayerView& vie
     }
 }
 
-void RemoteControl::tell_trouble(const Trouble& trouble) {
-    if (m_connection != 0) {
-        say(write_error(trouble.error, trouble.track, trouble.reason));
-    }
-}
-
-void RemoteControl::put(Link::Slot slot, std::string text) {
-    m_link->put(m_connection, slot, std::move(text));
-}
-
-void RemoteControl::set_timer(uint64_t due_ms) {
+void RemoteReport::set_timer(uint64_t due_ms) {
     const uint64_t now_ms = uv_now(m_loop);
     uv_timer_start(
-        m_timer.get(),
-        [](uv_timer_t* timer) { static_cast<RemoteControl*>(timer->data)->m_wake(); },
+        m_timer.get(), [](uv_timer_t* timer) { static_cast<RemoteReport*>(timer->data)->m_wake(); },
         due_ms - std::min(due_ms, now_ms), 0);
 }
 
-std::string RemoteControl::hello_text(const PlaybackSettings& settings) const {
+std::string RemoteReport::hello_text(const PlaybackSettings& settings) const {
     HelloMessage hello = m_device;
     hello.name = settings.device_name;
     hello.commands_per_second = Link::kCommandsASecond;
@@ -86,7 +88,7 @@ std::string RemoteControl::hello_text(const PlaybackSettings& settings) const {
 }
 
 // None: from the beginning, or from the current track where that would leave it out.
-std::string RemoteControl::queue_text(std::optional<size_t> first) const {
+std::string RemoteReport::queue_text(std::optional<size_t> first) const {
     const Session* const session = m_player.session();
     if (session == nullptr) {
         return QueueMessage(0, 0, 0).text();
@@ -103,7 +105,7 @@ std::string RemoteControl::queue_text(std::optional<size_t> first) const {
     return first || current_place < end ? message.text() : queue_text(current_place);
 }
 
-std::string RemoteControl::track_text() const {
+std::string RemoteReport::track_text() const {
     const std::optional<HeardTrack> heard = m_player.heard();
     if (!heard) {
         return write_track(nullptr);
@@ -115,8 +117,8 @@ std::string RemoteControl::track_text() const {
     return write_track(&track);
 }
 
-std::string RemoteControl::state_text(const PlaybackSettings& settings,
-                                      const PlayerView& view) const {
+std::string RemoteReport::state_text(const PlaybackSettings& settings,
+                                     const PlayerView& view) const {
     StateMessage state;
     state.playback = view.state;
     state.active = view.active;

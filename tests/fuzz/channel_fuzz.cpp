@@ -20,9 +20,8 @@ void expect_within_bounds(const RemoteCommand& command) {
     FUZZ_EXPECT(nuvio::is_utf8(command.id));
     FUZZ_EXPECT(command.tracks.size() <= kMaxTracksACommand);
     FUZZ_EXPECT(command.items.size() <= kMaxTracksACommand);
-    FUZZ_EXPECT(command.verb != RemoteVerb::volume || command.number <= 100);
-    FUZZ_EXPECT(command.verb != RemoteVerb::queue_replace ||
-                command.number < command.tracks.size());
+    FUZZ_EXPECT(command.verb != Verb::volume || command.number <= 100);
+    FUZZ_EXPECT(command.verb != Verb::queue_replace || command.number < command.tracks.size());
     for (const NamedTrack& track : command.tracks) {
         FUZZ_EXPECT(!track.url.empty() && track.url.size() <= kMaxUrlBytes);
         FUZZ_EXPECT(nuvio::is_utf8(track.title) && track.title.size() <= kMaxTextBytes);

@@ -116,8 +116,8 @@ TEST(Order, AListThatIsChangedStillPlaysEachTrackOnce) {
     for (int round = 0; round < 2000; ++round) {
         const std::vector<size_t> list = session.list();
         QueueEdit edit;
-        edit.kind = static_cast<QueueEdit::Kind>(chance(5));
-        if (edit.kind == QueueEdit::Kind::replace || edit.kind == QueueEdit::Kind::insert) {
+        edit.verb = static_cast<Verb>(static_cast<size_t>(Verb::queue_replace) + chance(5));
+        if (edit.verb == Verb::queue_replace || edit.verb == Verb::queue_insert) {
             edit.tracks.resize(1 + chance(4));
             edit.start = chance(edit.tracks.size());
         } else {
@@ -128,10 +128,9 @@ TEST(Order, AListThatIsChangedStillPlaysEachTrackOnce) {
         if (chance(2) == 0) {
             edit.before = list[chance(list.size())];
         }
-        const size_t wanted =
-            edit.kind == QueueEdit::Kind::jump ? edit.items[0] : session.current();
+        const size_t wanted = edit.verb == Verb::queue_jump ? edit.items[0] : session.current();
         const bool removes_all =
-            edit.kind == QueueEdit::Kind::remove && edit.items.size() == list.size();
+            edit.verb == Verb::queue_remove && edit.items.size() == list.size();
         ASSERT_EQ(session.edit(edit), removes_all ? NUV_ERROR_INVALID_STATE : NUV_ERROR_OK);
         const bool is_there = testing::Matches(testing::Contains(wanted))(session.list());
         ASSERT_THAT(session.list(), testing::Contains(session.current()));

@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+#include "local/playback/verb.h"
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {
@@ -31,30 +32,10 @@ struct NamedTrack {
     uint64_t duration_ms = 0;
 };
 
-enum class RemoteVerb {
-    play,
-    pause,
-    stop,
-    next,
-    previous,
-    seek,
-    volume,
-    mute,
-    shuffle,
-    loop,
-    queue_replace,
-    queue_insert,
-    queue_remove,
-    queue_move,
-    queue_jump,
-    queue_read,
-    leave
-};
-
 // Checked: what its verb needs is there and in its range.
 struct RemoteCommand {
     std::string id;
-    RemoteVerb verb = RemoteVerb::play;
+    Verb verb = Verb::resume;
     uint64_t number = 0;  // position_ms, volume, start, item, first
     bool flag = false;    // muted, shuffle
     nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;

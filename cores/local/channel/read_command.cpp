@@ -150,28 +150,28 @@ constexpr char kShuffle[] = "shuffle";
 
 struct CommandRow {
     const char* name;
-    RemoteVerb verb;
+    Verb verb;
     ReadArgument arguments[2] = {};  // null: none
 };
 
 constexpr CommandRow kCommands[] = {
-    {"play", RemoteVerb::play},
-    {"pause", RemoteVerb::pause},
-    {"stop", RemoteVerb::stop},
-    {"next", RemoteVerb::next},
-    {"previous", RemoteVerb::previous},
-    {"seek", RemoteVerb::seek, {read_number<kPosition>}},
-    {"volume", RemoteVerb::volume, {read_volume}},
-    {"mute", RemoteVerb::mute, {read_flag<kMuted>}},
-    {"shuffle", RemoteVerb::shuffle, {read_flag<kShuffle>}},
-    {"loop", RemoteVerb::loop, {read_loop}},
-    {"queue_replace", RemoteVerb::queue_replace, {read_tracks, read_start}},
-    {"queue_insert", RemoteVerb::queue_insert, {read_tracks, read_before}},
-    {"queue_remove", RemoteVerb::queue_remove, {read_items}},
-    {"queue_move", RemoteVerb::queue_move, {read_items, read_before}},
-    {"queue_jump", RemoteVerb::queue_jump, {read_number<kItem>}},
-    {"queue_read", RemoteVerb::queue_read, {read_number<kFirst>}},
-    {"leave", RemoteVerb::leave},
+    {"play", Verb::resume},
+    {"pause", Verb::pause},
+    {"stop", Verb::stop},
+    {"next", Verb::next},
+    {"previous", Verb::previous},
+    {"seek", Verb::seek, {read_number<kPosition>}},
+    {"volume", Verb::volume, {read_volume}},
+    {"mute", Verb::mute, {read_flag<kMuted>}},
+    {"shuffle", Verb::shuffle, {read_flag<kShuffle>}},
+    {"loop", Verb::loop, {read_loop}},
+    {"queue_replace", Verb::queue_replace, {read_tracks, read_start}},
+    {"queue_insert", Verb::queue_insert, {read_tracks, read_before}},
+    {"queue_remove", Verb::queue_remove, {read_items}},
+    {"queue_move", Verb::queue_move, {read_items, read_before}},
+    {"queue_jump", Verb::queue_jump, {read_number<kItem>}},
+    {"queue_read", Verb::queue_read, {read_number<kFirst>}},
+    {"leave", Verb::deactivate},
 };
 
 }  // namespace

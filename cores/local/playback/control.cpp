@@ -23,13 +23,9 @@ nuv_error Control::check(Verb verb) const {
         case Verb::previous:
             // While something plays there is always its own beginning to go back to.
             return stopped && !m_view.has_previous ? NUV_ERROR_NOT_FOUND : NUV_ERROR_OK;
-        case Verb::resume:
-        case Verb::deactivate:
-        case Verb::connect:
-        case Verb::edit:
-            break;
+        default:
+            return NUV_ERROR_OK;
     }
-    return NUV_ERROR_OK;
 }
 
 nuv_error Control::command(Verb verb, uint64_t position_ms) {
@@ -41,7 +37,7 @@ nuv_error Control::command(Verb verb, uint64_t position_ms) {
 
 nuv_error Control::edit(QueueEdit edit) {
     Command command;
-    command.verb = Verb::edit;
+    command.verb = edit.verb;
     command.edit = std::make_unique<QueueEdit>(std::move(edit));
     return check_and_note(std::move(command));
 }
@@ -102,10 +98,7 @@ void Control::note(Command command) {
             m_connected = false;
             m_view.wanted = NUV_PLAYBACK_STATE_STOPPED;
             break;
-        case Verb::next:
-        case Verb::previous:
-        case Verb::seek:
-        case Verb::edit:
+        default:
             break;
     }
     const bool repeats_seek =

@@ -16,12 +16,11 @@
 #include <vector>
 
 #include "local/playback/session.h"
+#include "local/playback/verb.h"
 #include "local/track/track_texts.h"
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {
-
-enum class Verb { pause, resume, stop, next, previous, seek, deactivate, connect, edit };
 
 // The server from which a session is controlled, as the controller named it.
 struct RemoteOffer {
@@ -36,7 +35,7 @@ struct Command {
     std::unique_ptr<Session> session;  // connect
     bool become_active = false;        // connect
     RemoteOffer remote;                // connect
-    std::unique_ptr<QueueEdit> edit;   // edit
+    std::unique_ptr<QueueEdit> edit;   // a change of the list, else null
     // As they were when it was given: a "next" before a "shuffle" is the next in the old order.
     nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
     bool shuffle = false;
@@ -77,7 +76,7 @@ class Control {
     // `wake` gets the loop's thread to take the notes; it must be callable from any thread.
     Control(std::string device_name, std::function<void()> wake);
 
-    // Any verb but connect and edit.
+    // From deactivate to seek.
     nuv_error command(Verb verb, uint64_t position_ms = 0);
     void connect(std::unique_ptr<Session> session, bool become_active, RemoteOffer remote);
     // NUV_ERROR_OK: noted; what comes of it is known when it is carried out.

@@ -26,7 +26,12 @@ void Misses::end_session() {
     m_gives_session_up = false;
 }
 
-void Misses::consider(const Stream& stream, const Session& session) {
+void Misses::sound_flows() {
+    m_refused_count = 0;
+    m_has_begun_anew = false;
+}
+
+void Misses::consider(const StreamQueue::Stream& stream, const std::string& session_id) {
     if (stream.is_announced() && std::exchange(m_considered_stream, stream.id()) == stream.id()) {
         return;
     }
@@ -35,31 +40,25 @@ void Misses::consider(const Stream& stream, const Session& session) {
     if (failure == HttpFailure::refused || m_unreachable_count == kMaxUnreachable) {
         m_gives_session_up = true;
         m_logger->write(LogLevel::warning, kCloudClient, "Session %s ends: %s",
-                        display_text(session.id()).c_str(),
+                        display_text(session_id).c_str(),
                         failure == HttpFailure::refused ? "its token is not accepted any more"
                                                         : "its server or disk is gone");
     }
 }
 
-void Misses::pass_over(const Stream& stream, Session& session) {
-    const size_t track = stream.place().track;
-    m_logger->write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
-                    display_text(session.track(track).location).c_str(),
-                    display_text(stream.open_error()).c_str());
-    session.mark_unplayable(track);
-    note({"track_failed", track, stream.open_error()});
-}
-
-std::optional<size_t> Misses::next_after_refusal(const Session& session) {
+bool Misses::refused(size_t track, std::optional<size_t> next) {
     if (m_refused_count == 0) {
-        m_first_refused = session.current();
+        m_first_refused = track;
     }
-    const auto next = session.next();
     if (++m_refused_count < kMaxRefused && next) {
-        return next;
+        return true;
     }
     m_refused_count = 0;
-    return std::nullopt;
+    return false;
+}
+
+bool Misses::may_begin_anew() {
+    return !std::exchange(m_has_begun_anew, true);
 }
 
 void Misses::note(Trouble trouble) {

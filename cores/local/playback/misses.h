@@ -1,5 +1,5 @@
-// The tracks of a session that do not play, and what follows from several in a row: which one is
-// tried next, when the session is given up, and what is to be told of it.
+// What went wrong with a session's tracks, and what follows from it: failures in a row, of the
+// renderer or of a server, after which a session is given up; and what its channel is told of them.
 //
 // Loop thread only. Calls no delegate.
 #pragma once
@@ -10,9 +10,9 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "local/base/logger.h"
-#include "local/playback/session.h"
 #include "local/playback/stream_queue.h"
 
 namespace local_core {
@@ -26,34 +26,31 @@ struct Trouble {
 
 class Misses {
   public:
-    using Stream = StreamQueue::Stream;
-
     explicit Misses(std::shared_ptr<const Logger> logger) : m_logger(std::move(logger)) {}
 
-    // Another session, whose tracks nothing is known of.
+    // Another session begins, with no miss yet; the session has nothing left to play.
     void begin_session();
-    // Somebody has asked for music: what was given up is tried once more.
-    void try_once_more() { m_gives_session_up = false; }
-    // The session has come to its end.
     void end_session();
-    // The renderer has taken something.
-    void something_was_taken() { m_refused_count = 0; }
+    // The renderer has taken samples.
+    void sound_flows();
 
-    // Nothing more of the session is to be opened.
+    // Nothing more of the session is opened, until someone asks for it again.
     bool gives_session_up() const { return m_gives_session_up; }
+    void try_again() { m_gives_session_up = false; }
 
-    // What the end of a stream's bytes says of the tracks that follow. Each counts once.
-    void consider(const Stream& stream, const Session& session);
-    // It does not play, and is passed over from now on.
-    void pass_over(const Stream& stream, Session& session);
-    // The renderer took nothing of the session's current track. The one to try now; none when the
-    // renderer can play none: the session then goes back to `first_refused`.
-    std::optional<size_t> next_after_refusal(const Session& session);
+    // What the end of a stream's bytes says of the tracks that follow; a stream counts once.
+    void consider(const StreamQueue::Stream& stream, const std::string& session_id);
+    // The renderer took nothing of `track`, which may be its format. True when `next`, where there
+    // is one, may still be played; false when the renderer can play none, the next count begins
+    // then anew.
+    bool refused(size_t track, std::optional<size_t> next);
+    // The first track of those refused in a row.
     size_t first_refused() const { return m_first_refused; }
+    // True when playback may begin anew at its place: not twice without sound between.
+    bool may_begin_anew();
 
-    // At most 16 are kept, later ones are not.
     void note(Trouble trouble);
-    // The oldest.
+    // The oldest that has not been taken.
     std::optional<Trouble> take();
 
   private:
@@ -63,7 +60,8 @@ class Misses {
     int m_unreachable_count = 0;       // tracks in a row whose server was gone
     bool m_gives_session_up = false;   // nothing more of it is opened
     uint64_t m_considered_stream = 0;  // whose failure counts already
-    std::deque<Trouble> m_troubles;
+    bool m_has_begun_anew = false;     // without sound since
+    std::deque<Trouble> m_troubles;    // at most kMaxTroubles, later ones are not kept
 };
 
 }  // namespace local_core

@@ -4,6 +4,8 @@
 #include <iterator>
 #include <utility>
 
+#include "local/texts/display_text.h"
+
 namespace local_core {
 
 namespace {
@@ -17,8 +19,9 @@ Player::Player(const PlayerDelegates& delegates, Control& control,
                const std::shared_ptr<const Logger>& logger, std::function<void()> on_news)
     : m_delegates(delegates),
       m_logger(logger),
-      m_misses(logger),
-      m_streams(delegates, control, logger, std::move(on_news)) {}
+      m_streams(delegates, control, logger, std::move(on_news)),
+      m_delivery(m_streams, [this] { return is_heard(); }),
+      m_misses(logger) {}
 
 Player::~Player() = default;
 
@@ -73,7 +76,7 @@ void Player::pause(const Command&) {
 }
 
 void Player::resume(const Command&) {
-    m_misses.try_once_more();
+    m_misses.try_again();
     m_playback.set_goal(NUV_PLAYBACK_STATE_PLAYING);
     m_playback.set_place_kept(false);
     m_is_active = true;
@@ -87,7 +90,7 @@ void Player::stop(const Command&) {
 
 void Player::go_to_next(const Command&) {
     if (const auto next = m_session->next()) {
-        m_misses.try_once_more();
+        m_misses.try_again();
         m_goes_backwards = false;
         skip_to(*next);
     }
@@ -129,10 +132,10 @@ nuv_error Player::edit(QueueEdit& edit) {
         return NUV_ERROR_NOT_CONNECTED;
     }
     const size_t before = m_session->current();
-    const bool jumps = edit.kind == QueueEdit::Kind::jump;
+    const bool jumps = edit.verb == Verb::queue_jump;
     const nuv_error error = m_session->edit(edit);
     if (error == NUV_ERROR_OK && (jumps || m_session->current() != before)) {
-        m_misses.try_once_more();
+        m_misses.try_again();
         m_goes_backwards = false;
         skip_to(m_session->current());
     }
@@ -171,14 +174,20 @@ void Player::go_on_after_last_sample() {
     }
 }
 
+void Player::pass_over(const Stream& stream) {
+    const size_t track = stream.place().track;
+    m_logger->write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
+                    display_text(m_session->track(track).location).c_str(),
+                    display_text(stream.open_error()).c_str());
+    m_session->mark_unplayable(track);
+    m_misses.note({"track_failed", track, stream.open_error()});
+}
+
 // An output that went during a pause or a seek (a sound server that was restarted) is opened anew,
 // and the track goes on at its place; not twice without sound between.
 bool Player::begin_anew() {
     const auto place_ms = std::exchange(m_resumed_ms, std::nullopt);
-    if (!place_ms || m_playback.is_to_stop() || !m_session) {
-        return false;
-    }
-    if (std::exchange(m_has_begun_anew, true)) {
+    if (!place_ms || m_playback.is_to_stop() || !m_session || !m_misses.may_begin_anew()) {
         return false;
     }
     skip_to(m_session->current());
@@ -193,18 +202,22 @@ bool Player::pass_over_refused() {
     if (m_playback.is_to_stop() || !m_session || current == nullptr || current->has_flowed()) {
         return false;
     }
-    const auto next = m_misses.next_after_refusal(*m_session);
-    skip_to(next.value_or(m_misses.first_refused()));
-    return next.has_value();
+    const auto next = m_session->next();
+    if (m_misses.refused(m_session->current(), next)) {
+        skip_to(*next);
+        return true;
+    }
+    skip_to(m_misses.first_refused());
+    return false;
 }
 
 // ---- From the renderer ------------------------------------------------------------------------
 
 nuv_error Player::playback_initiated() {
     if (m_playback.is_active()) {
-        m_pace.go_on(Pace::Clock::now());
+        m_delivery.go_on();
     } else {
-        m_pace.begin(Pace::Clock::now());
+        m_delivery.begin();
     }
     return m_playback.confirm_initiated();
 }
@@ -218,7 +231,7 @@ nuv_error Player::playback_resumed() {
     if (m_streams.current() != nullptr) {
         m_resumed_ms = m_streams.delivered_position_ms();
     }
-    m_pace.begin(Pace::Clock::now());
+    m_delivery.begin();
     return m_playback.confirm_resumed();
 }
 

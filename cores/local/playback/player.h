@@ -3,7 +3,7 @@
 // Commands change the goals (PlaybackState: playing, paused or stopped, a position to go to; the
 // session: which track); the passes of the loop take the steps that lead from what the renderer has
 // confirmed to them, on the streams of the queue (StreamQueue), as far as the renderer's present
-// state allows.
+// state allows. Samples are offered by Delivery; Misses knows what failed so far.
 //
 // player.cpp has the commands, the notifications and which track comes; player_steps.cpp the steps.
 //
@@ -17,12 +17,11 @@
 #include <functional>
 #include <memory>
 #include <optional>
-#include <string>
-#include <utility>
 
 #include "local/base/logger.h"
 #include "local/network/remote_settings.h"
 #include "local/playback/control.h"
+#include "local/playback/delivery.h"
 #include "local/playback/misses.h"
 #include "local/playback/pace.h"
 #include "local/playback/playback_state.h"
@@ -59,7 +58,7 @@ class Player {
 
     // When the next pass has something to do although nothing has happened; none while nothing
     // plays.
-    std::optional<Pace::Time> next_time() const;
+    std::optional<Pace::Time> next_time() const { return m_delivery.next_time(); }
     // Passes over what does not answer; when to call it again, none where nothing is waited for.
     std::optional<std::chrono::steady_clock::time_point> give_up_hanging() {
         return m_streams.give_up_hanging(remote_request_defaults().give_up_after);
@@ -77,8 +76,6 @@ class Player {
     std::optional<Trouble> take_trouble() { return m_misses.take(); }
     // True, once, after the renderer has begun to play anew: everything about it is worth a report.
     bool take_fresh_start() { return m_playback.take_fresh_start(); }
-    // True, once, after the texts of what is heard have changed.
-    bool take_new_texts() { return std::exchange(m_has_new_texts, false); }
 
     // From the renderer.
     nuv_error playback_initiated();
@@ -108,11 +105,7 @@ class Player {
     void refresh_place();
     bool plays_undisturbed() const;
     bool is_heard() const;
-    void deliver_one(Role role, bool* has_more);
-    void follow_full_output();
-    uint64_t heard_ms() const;
-    bool is_end_to_wait(Role role) const;
-    void look();
+    bool deliver_one(Role role);
 
     // Commands.
     void join_session(Command& command);
@@ -128,6 +121,7 @@ class Player {
     void skip_to(size_t track);
     void end_session();
     void go_on_after_last_sample();
+    void pass_over(const Stream& stream);
     bool pass_over_refused();
     bool begin_anew();
     TrackPlace place_of(size_t track) const { return {track, m_session_count}; }
@@ -141,18 +135,16 @@ class Player {
     bool m_shuffle = false;
     bool m_is_active = false;
     bool m_goes_backwards = false;  // the last skip did: so are unplayable tracks passed over
-    bool m_has_new_texts = false;
     uint64_t m_seek_count = 0;
     uint64_t m_text_count = 0;
 
-    Misses m_misses;
     PlaybackState m_playback;
     StreamQueue m_streams;
-    Pace m_pace;
+    Delivery m_delivery;
+    Misses m_misses;
     Pace::Time m_paused_at;
     // Where sound begins after a pause or a seek, until the renderer takes something.
     std::optional<uint64_t> m_resumed_ms;
-    bool m_has_begun_anew = false;  // without sound since
 };
 
 }  // namespace local_core

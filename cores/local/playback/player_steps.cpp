@@ -94,8 +94,8 @@ bool Player::start_current() {
     if (start != StreamQueue::Start::failed) {
         return start == StreamQueue::Start::announced;
     }
-    m_misses.consider(*m_streams.current(), *m_session);
-    m_misses.pass_over(*m_streams.current(), *m_session);
+    m_misses.consider(*m_streams.current(), m_session->id());
+    pass_over(*m_streams.current());
     m_streams.dispose(Role::current);
     const auto onward =
         m_goes_backwards && m_session->previous() ? m_session->previous() : m_session->next();
@@ -154,7 +154,7 @@ bool Player::keep_place() {
         return false;
     }
     if (!m_playback.seek_goal_ms()) {
-        const uint64_t position_ms = heard_ms();
+        const uint64_t position_ms = m_delivery.heard_ms();
         m_playback.set_seek_goal_ms(position_ms - std::min(position_ms, kPositionErrorMs));
     }
     m_playback.set_place_kept(true);
@@ -196,7 +196,7 @@ bool Player::end_seek() {
     m_playback.end_seek();
     ++m_seek_count;
     m_resumed_ms = m_playback.seek_target_ms();
-    m_pace.begin(Pace::Clock::now());
+    m_delivery.begin();
     // A frame lies between two milliseconds: where it is the one that was asked for, so is its
     // position, and the renderer counts on from there exactly.
     const TrackInfo& info = m_streams.current()->info();
@@ -232,7 +232,7 @@ bool Player::start_next() {
         if (!m_streams.current()->is_decoded_wholly()) {
             return false;
         }
-        m_misses.consider(*m_streams.current(), *m_session);
+        m_misses.consider(*m_streams.current(), m_session->id());
         if (m_misses.gives_session_up()) {
             return false;
         }
@@ -245,8 +245,8 @@ bool Player::start_next() {
     if (start != StreamQueue::Start::failed) {
         return start == StreamQueue::Start::announced;
     }
-    m_misses.consider(*m_streams.next(), *m_session);
-    m_misses.pass_over(*m_streams.next(), *m_session);
+    m_misses.consider(*m_streams.next(), m_session->id());
+    pass_over(*m_streams.next());
     m_streams.dispose(Role::next);
     return true;
 }
@@ -258,93 +258,35 @@ bool Player::is_heard() const {
 }
 
 bool Player::deliver() {
-    const Pace::Time now = Pace::Clock::now();
-    if (m_pace.is_look_due(now)) {
-        look();
-    }
-    bool has_more = false;
-    if (!m_pace.is_offer_due(now)) {
+    if (!m_delivery.follow()) {
         return false;
     }
-    if (m_streams.current() != nullptr) {
-        deliver_one(Role::current, &has_more);
-    }
+    bool has_more = m_streams.current() != nullptr && deliver_one(Role::current);
     if (m_streams.next() != nullptr) {
-        deliver_one(Role::next, &has_more);
+        has_more |= deliver_one(Role::next);
     }
     return has_more;
 }
 
-// In a hand-over the renderer's answer is too small by the next stream's share: it is not asked,
-// for it would tell the device that, too.
-void Player::look() {
-    if (!is_heard() || m_streams.is_handing_over()) {
-        return;
-    }
-    const uint64_t heard = heard_ms();
-    std::optional<uint64_t> left_ms;
-    if (m_streams.current()->is_finished()) {
-        const uint64_t duration_ms = m_streams.current()->info().duration_ms();
-        left_ms = duration_ms - std::min(heard, duration_ms);
-    }
-    m_pace.looked(heard, left_ms, Pace::Clock::now());
-}
-
-uint64_t Player::heard_ms() const {
-    return m_pace.plausible(m_streams.heard_position_ms(), Pace::Clock::now());
-}
-
-// The renderer asks the output at the end of a track what it still has to play.
-bool Player::is_end_to_wait(Role role) const {
-    if (role != Role::current || !is_heard()) {
+bool Player::deliver_one(Role role) {
+    if (!plays_undisturbed()) {
         return false;
     }
-    const uint64_t told = m_streams.heard_position_ms();
-    return told > m_pace.plausible(told, Pace::Clock::now());
-}
-
-void Player::follow_full_output() {
-    if (is_heard() && !m_streams.is_handing_over() && m_pace.may_hold()) {
-        const Pace::Time now = Pace::Clock::now();
-        const uint64_t heard = heard_ms();
-        m_pace.fill(m_streams.delivered_position_ms(), heard, now);
-        m_pace.looked(heard, std::nullopt, now);
-    }
-}
-
-std::optional<Pace::Time> Player::next_time() const {
-    return is_heard() ? m_pace.next_after(Pace::Clock::now()) : std::nullopt;
-}
-
-void Player::deliver_one(Role role, bool* has_more) {
-    if (!plays_undisturbed()) {
-        return;
-    }
-    const StreamQueue::Offered offered = m_streams.offer(role);
+    const StreamQueue::Offered offered = m_delivery.offer(role);
     if (offered.taken_bytes > 0) {
-        m_misses.something_was_taken();
+        m_misses.sound_flows();
         m_resumed_ms.reset();
-        m_has_begun_anew = false;
     }
     if (offered.is_at_end) {
-        if (is_end_to_wait(role)) {
-            m_pace.wait_for_answer(Pace::Clock::now());
-            return;
-        }
         const Stream& stream = role == Role::current ? *m_streams.current() : *m_streams.next();
         if (!stream.has_flowed()) {
             // Or repeating it would never pause for breath.
             m_session->mark_unplayable(stream.place().track);
         }
-        m_streams.finish(role);
-        m_pace.end_of_data(Pace::Clock::now());
+        m_delivery.finish(role);
     }
-    if (offered.is_output_full && role == Role::current) {
-        follow_full_output();
-    }
-    m_has_new_texts |= offered.has_new_texts;
     m_text_count += offered.has_new_texts ? 1 : 0;
-    *has_more |= offered.has_more;
+    return offered.has_more;
 }
 
 }  // namespace local_core

@@ -134,15 +134,29 @@ std::optional<size_t> Session::search(bool forward) const {
 // ---- Changes of the list ----------------------------------------------------------------------
 
 nuv_error Session::edit(QueueEdit& edit) {
-    static constexpr void (Session::*kChanges[])(QueueEdit & edit) = {
-        &Session::replace, &Session::insert, &Session::remove, &Session::move, &Session::jump};
     const nuv_error error = check(edit);
-    if (error == NUV_ERROR_OK) {
-        const auto change = kChanges[static_cast<size_t>(edit.kind)];
-        (this->*change)(edit);
-        m_revision += edit.kind != QueueEdit::Kind::jump ? 1 : 0;
-        look_around();
+    if (error != NUV_ERROR_OK) {
+        return error;
     }
+    switch (edit.verb) {
+        case Verb::queue_replace:
+            replace(edit);
+            break;
+        case Verb::queue_insert:
+            insert(edit);
+            break;
+        case Verb::queue_remove:
+            remove(edit);
+            break;
+        case Verb::queue_move:
+            move(edit);
+            break;
+        default:
+            jump(edit);
+            break;
+    }
+    m_revision += edit.verb != Verb::queue_jump ? 1 : 0;
+    look_around();
     return error;
 }
 
@@ -152,13 +166,13 @@ nuv_error Session::check(const QueueEdit& edit) const {
         (edit.before && is_unknown(*edit.before))) {
         return NUV_ERROR_NOT_FOUND;
     }
-    if (edit.kind == QueueEdit::Kind::remove && edit.items.size() == m_list.size()) {
+    if (edit.verb == Verb::queue_remove && edit.items.size() == m_list.size()) {
         return NUV_ERROR_INVALID_STATE;
     }
     const auto add = [](size_t sum, const Track& track) { return sum + text_bytes(track); };
     size_t count = edit.tracks.size();
     size_t bytes = std::accumulate(edit.tracks.begin(), edit.tracks.end(), size_t{0}, add);
-    if (edit.kind == QueueEdit::Kind::insert) {
+    if (edit.verb == Verb::queue_insert) {
         count += m_list.size();
         bytes =
             std::accumulate(m_entries.begin(), m_entries.end(), bytes,

@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "local/playback/verb.h"
 #include "local/track/content.h"
 #include "sdk/nuvio_connect.h"
 
@@ -21,8 +22,7 @@ namespace local_core {
 
 // A change of the list.
 struct QueueEdit {
-    enum class Kind { replace, insert, remove, move, jump };
-    Kind kind = Kind::jump;
+    Verb verb = Verb::queue_jump;  // one of the changes of a list
     std::vector<Track> tracks;     // replace (not none), insert
     size_t start = 0;              // replace: the place in `tracks` that is current
     std::vector<size_t> items;     // remove, move: none twice; jump: the one that is current

@@ -1,0 +1,77 @@
+#include "local/playback/delivery.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace local_core {
+
+Delivery::Delivery(StreamQueue& streams, std::function<bool()> is_heard)
+    : m_streams(streams), m_is_heard(std::move(is_heard)) {}
+
+bool Delivery::follow() {
+    const Pace::Time now = Pace::Clock::now();
+    if (m_pace.is_look_due(now)) {
+        ask_place();
+    }
+    return m_pace.is_offer_due(now);
+}
+
+// In a hand-over the renderer's answer is too small by the next stream's share: it is not asked,
+// for it would tell the device that, too.
+void Delivery::ask_place() {
+    if (!m_is_heard() || m_streams.is_handing_over()) {
+        return;
+    }
+    const uint64_t heard = heard_ms();
+    std::optional<uint64_t> left_ms;
+    if (m_streams.current()->is_finished()) {
+        const uint64_t duration_ms = m_streams.current()->info().duration_ms();
+        left_ms = duration_ms - std::min(heard, duration_ms);
+    }
+    m_pace.looked(heard, left_ms, Pace::Clock::now());
+}
+
+StreamQueue::Offered Delivery::offer(Role role) {
+    StreamQueue::Offered offered = m_streams.offer(role);
+    if (offered.is_at_end && is_end_to_wait(role)) {
+        m_pace.wait_for_answer(Pace::Clock::now());
+        return {};
+    }
+    if (offered.is_output_full && role == Role::current) {
+        follow_full_output();
+    }
+    return offered;
+}
+
+void Delivery::finish(Role role) {
+    m_streams.finish(role);
+    m_pace.end_of_data(Pace::Clock::now());
+}
+
+uint64_t Delivery::heard_ms() const {
+    return m_pace.plausible(m_streams.heard_position_ms(), Pace::Clock::now());
+}
+
+// The renderer asks the output at the end of a track what it still has to play.
+bool Delivery::is_end_to_wait(Role role) const {
+    if (role != Role::current || !m_is_heard()) {
+        return false;
+    }
+    const uint64_t told = m_streams.heard_position_ms();
+    return told > m_pace.plausible(told, Pace::Clock::now());
+}
+
+void Delivery::follow_full_output() {
+    if (m_is_heard() && !m_streams.is_handing_over() && m_pace.may_hold()) {
+        const Pace::Time now = Pace::Clock::now();
+        const uint64_t heard = heard_ms();
+        m_pace.fill(m_streams.delivered_position_ms(), heard, now);
+        m_pace.looked(heard, std::nullopt, now);
+    }
+}
+
+std::optional<Pace::Time> Delivery::next_time() const {
+    return m_is_heard() ? m_pace.next_after(Pace::Clock::now()) : std::nullopt;
+}
+
+}  // namespace local_core
