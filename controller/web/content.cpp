@@ -42,7 +42,8 @@ int Content::serve(Exchange& exchange, std::string_view name) {
     const size_t dot = name.find('.');
     const std::string_view stem = name.substr(0, dot);
     if (dot != std::string_view::npos && name.substr(dot) == ".jspf") {
-        const std::optional<std::string> playlist = m_house.sessions().playlist(std::string(stem), token);
+        const std::optional<std::string> playlist =
+            m_house.sessions().playlist(std::string(stem), token);
         return playlist ? exchange.reply(200, "application/jspf+json", *playlist)
                         : exchange.fail(404, "no such session");
     }
