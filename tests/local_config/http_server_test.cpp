@@ -127,7 +127,7 @@ class HttpServer : public LoopTest {
     // Until a connection's worker wakes the loop, which does not run; it has run before.
     void wait_for_hand_off() {
         constexpr int kConnectionAndWakeUp = 2;
-        const auto deadline = Clock::now() + 10s;
+        const auto deadline = Clock::now() + std::chrono::seconds(10);
         epoll_event ready[kConnectionAndWakeUp];
         while (epoll_wait(uv_backend_fd(&loop_), ready, kConnectionAndWakeUp, 0) <
                kConnectionAndWakeUp) {

@@ -16,7 +16,7 @@ namespace {
 
 // A page's first bytes: its mark, version and flags, then something of a body.
 std::string page(char flags, const std::string& body) {
-    return "OggS\0"s + flags + body;
+    return std::string("OggS\0", 5) + flags + body;
 }
 
 TEST(NetworkParts, AnOggStreamEndsWhereTheNextOneBeginsHoweverItsBytesAreCut) {
