@@ -62,6 +62,7 @@ GivenOptions read_options(std::span<const Option> table, const std::vector<std::
     std::vector<std::string> texts = {""};  // the program's name
     texts.insert(texts.end(), arguments.begin(), arguments.end());
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         pointers.push_back(text.data());
     }
