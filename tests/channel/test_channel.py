@@ -162,9 +162,11 @@ class Channel(DeviceTest):
                                 len(seen) and server.items())
         self.assertEqual(seen, list(range(3001)))
         self.assertEqual(server.ask("queue_jump", item=2900), "ok")
+        before = len(server.said)
         self.assertEqual(server.ask("queue_move", items=[0]), "ok")
-        self.assertIn(2900, server.wait("a part", lambda: server.last("queue")["first"] > 0 and
-                                        server.items()))
+        part = server.wait("a part", lambda: [message for message in server.said[before:]
+                                              if message["type"] == "queue"])[-1]
+        self.assertIn(2900, [track["item"] for track in part["items"]])
 
     # ---- Connections ------------------------------------------------------------------------
 
