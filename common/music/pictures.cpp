@@ -13,7 +13,6 @@
 #include <algorithm>
 #include <iterator>
 #include <memory>
-#include <ranges>
 #include <utility>
 
 #include "common/music/open_music.h"
@@ -126,7 +125,8 @@ std::vector<std::string> pictures_in(UniqueFd folder) {
         return a.first != b.first ? a.first < b.first : a.second > b.second;
     });
     std::vector<std::string> names;
-    std::ranges::move(found | std::views::values, std::back_inserter(names));
+    std::ranges::transform(found, std::back_inserter(names),
+                           [](auto& picture) { return std::move(picture.second); });
     return names;
 }
 

@@ -99,7 +99,9 @@ TEST(Files, WhoMayReadTheOldMayReadTheNewAndNobodyElse) {
 
 TEST(Files, AReaderGetsNoMoreThanItAskedForAndNeverWaits) {
     const TempDir dir;
-    const std::string big = dir.write("big", std::string(40'000, 'x') + "\nlast");
+    std::string lines(40'000, 'x');
+    lines.append("\nlast");
+    const std::string big = dir.write("big", lines);
     EXPECT_EQ(read_file(big, 40'005).text.size(), 40'005U);
     EXPECT_FALSE(read_file(big, 40'005).cut);
     const FileText cut = read_file(big, 40'004);

@@ -9,6 +9,7 @@
 #include "controller/web/byte_range.h"
 #include "fuzz/expect.h"
 
+using namespace nuvio;
 using namespace nuvio::controller;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
