@@ -35,8 +35,9 @@ TEST(NetworkParts, AnOggStreamEndsWhereTheNextOneBeginsHoweverItsBytesAreCut) {
 }
 
 TEST(NetworkParts, TitlesAreTakenOutOfARadiosBytesHoweverTheyAreCut) {
-    const std::string text = "StreamTitle='It's one';Url='x';";
-    const std::string bytes = "abcd\2"s + text + std::string(32 - text.size(), '\0') + "efgh\0ij"s;
+    std::string text = "StreamTitle='It's one';Url='x';";
+    text.resize(32, '\0');
+    const std::string bytes = "abcd\2" + text + "efgh\0ij"s;
     for (size_t piece = 1; piece <= bytes.size(); ++piece) {
         IcyFilter filter(4);
         std::string audio;
