@@ -111,8 +111,8 @@ int showVersion(const nuvio::GivenOptions&) {
 }
 
 struct Task {
-    std::string_view name;
-    std::string_view with;                         // the option that goes with it
+    const char* name;
+    const char* with;                              // the option that goes with it
     int (*run)(const nuvio::GivenOptions& given);  // the exit status
 };
 
@@ -123,9 +123,10 @@ constexpr std::array kTasks = {
 
 int run(const nuvio::GivenOptions& given) {
     const auto* const task =
-        std::ranges::find_if(kTasks, [&](const Task& each) { return given.has(each.name.data()); });
+        std::ranges::find_if(kTasks, [&](const Task& each) { return given.has(each.name); });
     for (const nuvio::GivenOption& each : given.options) {
-        if (task == kTasks.end() || (each.name != task->name && each.name != task->with)) {
+        const std::string_view name = each.name;
+        if (task == kTasks.end() || (name != task->name && name != task->with)) {
             return refuse(std::string("--") + each.name + " does not go with " +
                           (task == kTasks.end() ? "the service" : "--" + std::string(task->name)));
         }

@@ -203,12 +203,9 @@ bool Player::pass_over_refused() {
         return false;
     }
     const auto next = m_session->next();
-    if (m_misses.refused(m_session->current(), next)) {
-        skip_to(*next);
-        return true;
-    }
-    skip_to(m_misses.first_refused());
-    return false;
+    const bool goes_on = m_misses.refused(m_session->current(), next);
+    skip_to(goes_on && next ? *next : m_misses.first_refused());
+    return goes_on;
 }
 
 // ---- From the renderer ------------------------------------------------------------------------

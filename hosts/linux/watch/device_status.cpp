@@ -58,10 +58,11 @@ cJSON* add_object_if(bool condition, cJSON* object, const char* key) {
 }
 
 void add_track(cJSON* status, const NowPlayingView& view) {
-    cJSON* const track = add_object_if(view.track.has_value(), status, "track");
-    if (track == nullptr) {
+    if (!view.track) {
+        add(status, "track", nullptr);
         return;
     }
+    cJSON* const track = add_object(status, "track");
     add(track, "title", view.track->title);
     add(track, "artist", view.track->artist);
     add(track, "album", view.track->album);
