@@ -15,8 +15,11 @@ namespace {
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
 
 std::string well_formed(std::string_view text) {
+    if (is_utf8(text) && text.find('\0') == std::string_view::npos) {
+        return std::string(text);
+    }
     std::string out;
-    out.reserve(text.size());
+    out.reserve(kReplacement.size() * text.size());  // once: who reads may not allocate at will
     while (!text.empty()) {
         const size_t length = text.front() == '\0' ? 0 : character_length(text);
         out += length == 0 ? kReplacement : text.substr(0, length);

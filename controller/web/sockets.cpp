@@ -3,7 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <deque>
-#include <system_error>
+#include <exception>
 #include <thread>
 
 #include "common/text.h"
@@ -40,6 +40,19 @@ std::string_view bearer_of(const mg_connection* connection) {
     const std::string_view text = value != nullptr ? value : "";
     return starts_with_ignoring_case(text, kScheme) ? trim(text.substr(kScheme.size()))
                                                     : std::string_view();
+}
+
+// Nothing may be thrown through CivetWeb or out of a thread, and a peer decides how much there is
+// to allocate. False: it failed, with a log line.
+template <typename Work>
+bool attempt(const char* what, const Work& work) {
+    try {
+        work();
+        return true;
+    } catch (const std::exception& error) {
+        log_line(LogLevel::error, std::string(what) + ": " + error.what());
+        return false;
+    }
 }
 
 }  // namespace
@@ -85,7 +98,10 @@ class Sockets::Page {
         uint64_t seen = 0;
         while (!m_is_ending && !m_sockets.m_changes.is_closed()) {
             const uint64_t version = m_sockets.m_changes.wait(seen, std::chrono::hours(1));
-            if (m_is_ending || !m_writer.write(m_sockets.m_state(version))) {
+            std::string state;
+            if (m_is_ending ||
+                !attempt("No state for a page", [&] { state = m_sockets.m_state(version); }) ||
+                !m_writer.write(state)) {
                 break;
             }
             seen = version;
@@ -208,16 +224,24 @@ std::shared_ptr<Kind> Sockets::begin(Map<Kind>& sockets, size_t most, mg_connect
     limit_allocations(kMaxAllocation);
     GuardedConnection guarded(m_guard, connection);
     guarded.clear_deadline();
-    try {
+    std::shared_ptr<Kind> begun;
+    attempt("No socket", [&] {
         const std::scoped_lock lock(m_mutex);
         if (sockets.size() < most) {
-            return sockets[connection] = std::make_shared<Kind>(*this, connection);
+            const auto place = sockets.try_emplace(connection).first;  // before there is a thread
+            try {
+                place->second = std::make_shared<Kind>(*this, connection);
+            } catch (...) {
+                sockets.erase(place);
+                throw;
+            }
+            begun = place->second;
         }
-    } catch (const std::system_error& error) {
-        log_line(LogLevel::error, std::string("No thread for a socket: ") + error.what());
+    });
+    if (begun == nullptr) {
+        guarded.cut();
     }
-    guarded.cut();
-    return nullptr;
+    return begun;
 }
 
 void Sockets::on_page_ready(mg_connection* connection, void* context) {
@@ -241,7 +265,13 @@ void Sockets::on_page_closed(const mg_connection* connection, void* context) {
 void Sockets::on_channel_ready(mg_connection* connection, void* context) {
     auto* self = static_cast<Sockets*>(context);
     const auto channel = self->begin(self->m_channels, kMaxChannels, connection);
-    if (channel != nullptr && !self->m_house.channels().opened(bearer_of(connection), channel)) {
+    if (channel == nullptr) {
+        return;
+    }
+    bool is_wanted = false;
+    attempt("No channel",
+            [&] { is_wanted = self->m_house.channels().opened(bearer_of(connection), channel); });
+    if (!is_wanted) {
         channel->close();
     }
 }
@@ -262,12 +292,14 @@ int Sockets::on_channel_data(mg_connection* connection, int bits, char* data, si
         channel->message.size() + size > kMaxMessage) {
         return 0;
     }
-    channel->message.append(data, size);
-    if (is_final(bits)) {
-        self->m_house.channels().said(channel.get(), channel->message);
-        channel->message.clear();
-    }
-    return 1;
+    const bool is_taken = attempt("A device's message", [&] {
+        channel->message.append(data, size);
+        if (is_final(bits)) {
+            self->m_house.channels().said(channel.get(), channel->message);
+            channel->message.clear();
+        }
+    });
+    return is_taken ? 1 : 0;
 }
 
 void Sockets::on_channel_closed(const mg_connection* connection, void* context) {

@@ -165,7 +165,8 @@ class Peers(HouseTest):
                    "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\n")
         before = memory_of(self.controller)
         frames = [b"\x81\xff" + struct.pack(">Q", 1 << 30) + b"abcd", b"\x81\xff" + b"\xff" * 12,
-                  b"\x81\xfe\xff\xffabcd", b"\x00\x80abcd" * 1000]
+                  b"\x81\xfe\xff\xffabcd", b"\x81\xff" + struct.pack(">Q", 65536) + b"abcd",
+                  b"\x00\x80abcd" * 1000]
         request = f"HTTP/1.1\r\nHost: 127.0.0.1\r\n{upgrade}"
         for frame in frames:
             page = self.socket(f"GET /api/events {request}\r\n".encode() + frame)
