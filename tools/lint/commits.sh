@@ -5,7 +5,7 @@
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/../.."
 
-since=$(git log --diff-filter=A --format=%H -- tools/lint/commits.sh 2>/dev/null | tail -n 1)
+since=$({ git log --diff-filter=A --format=%H -- tools/lint/commits.sh 2>/dev/null || true; } | tail -n 1)
 if [ -z "$since" ] || [ "$(git rev-parse --is-shallow-repository)" = true ]; then
     echo "commits: no history here to look at"
     exit 0
