@@ -8,6 +8,7 @@
 #include <system_error>
 
 #include "common/number.h"
+#include "common/url/url.h"
 
 namespace nuvio::controller {
 
@@ -54,9 +55,9 @@ std::string time_text(int64_t ms) {
 }
 
 std::string to_what(const std::string& text) {
-    constexpr std::array kKinds{
-        "http://", "https://", "track:", "album:", "artist:", "folder:", "search:"};
-    if (std::ranges::any_of(kKinds, [&](const char* kind) { return text.starts_with(kind); })) {
+    constexpr std::array kKinds{"track:", "album:", "artist:", "folder:", "search:"};
+    if (is_web_address(text) ||
+        std::ranges::any_of(kKinds, [&](const char* kind) { return text.starts_with(kind); })) {
         return text;
     }
     std::error_code error;

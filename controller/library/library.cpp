@@ -5,7 +5,7 @@
 #include "common/music/names.h"
 #include "common/music/pictures.h"
 #include "common/number.h"
-#include "common/text.h"
+#include "common/url/url.h"
 
 namespace nuvio::controller {
 
@@ -32,11 +32,6 @@ std::vector<Playable> playables(std::vector<Track> tracks) {
         items.push_back({{}, {}, std::move(track)});
     }
     return items;
-}
-
-bool is_url(std::string_view text) {
-    return starts_with_ignoring_case(text, "http://") ||
-           starts_with_ignoring_case(text, "https://");
 }
 
 }  // namespace
@@ -95,7 +90,7 @@ std::optional<std::string> Library::cover_of_album(int64_t id) {
 }
 
 Selection Library::select(const std::string& what) {
-    if (is_url(what)) {
+    if (is_web_address(what)) {
         return {{{what, {}, {}}}, {}};
     }
     if (what.starts_with('/')) {
@@ -162,7 +157,7 @@ Selection Library::select_playlist(const MusicFolders::Place& place) {
         read_file(m_folders.open_file(place.folder, place.below), kMaxPlaylistFile);
     Selection selection;
     for (const PlaylistEntry& entry : parse_m3u(file.whole_lines(), kMaxSelection)) {
-        if (is_url(entry.location)) {
+        if (is_web_address(entry.location)) {
             selection.items.push_back({entry.location, entry.title, {}});
             continue;
         }

@@ -4,8 +4,8 @@
 #include <array>
 #include <vector>
 
+#include "common/bearer.h"
 #include "common/number.h"
-#include "common/text.h"
 
 namespace nuvio::controller {
 
@@ -52,12 +52,7 @@ int64_t Exchange::number_parameter(const char* name, int64_t otherwise) const {
 }
 
 std::string_view Exchange::bearer() const {
-    constexpr std::string_view kScheme = "Bearer ";
-    const char* value = header("Authorization");
-    const std::string_view text = value != nullptr ? value : "";
-    return starts_with_ignoring_case(text, kScheme) && text.size() > kScheme.size()
-               ? trim(text.substr(kScheme.size()))
-               : std::string_view();
+    return bearer_token(header("Authorization"));
 }
 
 JsonPtr Exchange::body() {

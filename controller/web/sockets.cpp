@@ -6,7 +6,7 @@
 #include <exception>
 #include <thread>
 
-#include "common/text.h"
+#include "common/bearer.h"
 #include "controller/base/log.h"
 #include "controller/web/allocation_limit.h"
 #include "controller/web/guarded_connection.h"
@@ -32,14 +32,6 @@ bool is_control(int bits) {
 
 bool is_final(int bits) {
     return (bits & 0x80) != 0;
-}
-
-std::string_view bearer_of(const mg_connection* connection) {
-    constexpr std::string_view kScheme = "Bearer ";
-    const char* value = mg_get_header(connection, "Authorization");
-    const std::string_view text = value != nullptr ? value : "";
-    return starts_with_ignoring_case(text, kScheme) ? trim(text.substr(kScheme.size()))
-                                                    : std::string_view();
 }
 
 // Nothing may be thrown through CivetWeb or out of a thread, and a peer decides how much there is
@@ -269,8 +261,10 @@ void Sockets::on_channel_ready(mg_connection* connection, void* context) {
         return;
     }
     bool is_wanted = false;
-    attempt("No channel",
-            [&] { is_wanted = self->m_house.channels().opened(bearer_of(connection), channel); });
+    attempt("No channel", [&] {
+        is_wanted = self->m_house.channels().opened(
+            bearer_token(mg_get_header(connection, "Authorization")), channel);
+    });
     if (!is_wanted) {
         channel->close();
     }

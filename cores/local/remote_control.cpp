@@ -7,8 +7,8 @@
 #include <system_error>
 #include <utility>
 
+#include "common/url/url.h"
 #include "local/network/remote_settings.h"
-#include "local/network/url.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
 
@@ -43,11 +43,11 @@ std::optional<Track> track_of(const NamedTrack& named, const Session& session) {
     track.artist = display_text(named.artist);
     track.album = display_text(named.album);
     if (!named.cover.empty()) {
-        track.album_art_url = resolve_url("", named.cover).value_or("");
+        track.album_art_url = nuvio::resolve_url("", named.cover).value_or("");
     }
     track.duration_ms = named.duration_ms;
     if (is_remote_url(named.url) && !is_file_url(named.url)) {
-        const auto url = resolve_url("", named.url);
+        const auto url = nuvio::resolve_url("", named.url);
         if (!url) {
             return std::nullopt;
         }

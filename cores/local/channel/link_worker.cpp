@@ -6,6 +6,7 @@
 #include <mutex>
 #include <string_view>
 
+#include "common/bearer.h"
 #include "common/utf8.h"
 
 namespace local_core {
@@ -191,7 +192,7 @@ int Link::Worker::add_token(lws* connection, void* in, size_t length) const {
     if (m_target.token.empty()) {
         return 0;
     }
-    const std::string value = "Bearer " + m_target.token;
+    const std::string value = nuvio::bearer_value(m_target.token);
     auto** const at = static_cast<unsigned char**>(in);
     return lws_add_http_header_by_token(connection, WSI_TOKEN_HTTP_AUTHORIZATION,
                                         reinterpret_cast<const unsigned char*>(value.data()),

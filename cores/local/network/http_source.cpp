@@ -4,8 +4,9 @@
 #include <system_error>
 #include <utility>
 
+#include "common/bearer.h"
+#include "common/url/url.h"
 #include "common/utf8.h"
-#include "local/network/url.h"
 
 namespace local_core {
 
@@ -28,7 +29,7 @@ HttpSource::HttpSource(HttpRequest request)
       m_buffer(m_request.read_ahead_bytes),
       m_transfer({[this](std::string_view line) { return take_line(line); },
                   [this](std::string_view bytes) { return take_body(bytes); }}) {
-    const auto url = resolve_url("", m_request.url);
+    const auto url = nuvio::resolve_url("", m_request.url);
     if (!url) {
         fail(HttpFailure::unusable, "not a URL of http or https");
     } else if (std::ranges::any_of(m_request.token, nuvio::is_control)) {
@@ -227,8 +228,8 @@ std::vector<std::string> HttpSource::request_lines() const {
     if (m_asked_from > 0 && m_first && !m_first->strong_validator().empty()) {
         lines.push_back("If-Range: " + m_first->strong_validator());
     }
-    if (!m_request.token.empty() && same_origin(m_url, m_request.token_origin)) {
-        lines.push_back("Authorization: Bearer " + m_request.token);
+    if (!m_request.token.empty() && nuvio::same_origin(m_url, m_request.token_origin)) {
+        lines.push_back("Authorization: " + nuvio::bearer_value(m_request.token));
     }
     return lines;
 }
@@ -269,7 +270,7 @@ void HttpSource::finish(const HttpTransfer::Outcome& outcome) {
 }
 
 void HttpSource::follow_redirect() {
-    const auto next = resolve_url(m_url, m_response.location);
+    const auto next = nuvio::resolve_url(m_url, m_response.location);
     if (!next || ++m_redirects > kMaxRedirects) {
         fail(HttpFailure::unusable, next ? "too many redirects" : "redirected to no web address");
         return;
@@ -284,7 +285,7 @@ void HttpSource::try_again(const std::string& reason) {
     m_pause = std::min<Clock::duration>(
         {2 * m_pause, kLongestPause, m_request.give_up_after / kTriesAtLeast});
     // Where redirects led may be over.
-    m_url = resolve_url("", m_request.url).value_or(m_request.url);
+    m_url = nuvio::resolve_url("", m_request.url).value_or(m_request.url);
     m_redirects = 0;
 }
 

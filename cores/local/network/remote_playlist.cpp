@@ -14,8 +14,8 @@
 #include "common/number.h"
 #include "common/released_by.h"
 #include "common/text.h"
+#include "common/url/url.h"
 #include "common/utf8.h"
-#include "local/network/url.h"
 #include "local/texts/display_text.h"
 
 namespace local_core {
@@ -284,11 +284,6 @@ constexpr struct {
     {"application/jspf+json", PlaylistFormat::jspf},
 };
 
-bool is_web_address(std::string_view text) {
-    return nuvio::starts_with_ignoring_case(text, "http://") ||
-           nuvio::starts_with_ignoring_case(text, "https://");
-}
-
 }  // namespace
 
 PlaylistFormat playlist_format(std::string_view content_type, std::string_view head) {
@@ -296,7 +291,7 @@ PlaylistFormat playlist_format(std::string_view content_type, std::string_view h
     if (nuvio::starts_with_ignoring_case(head, "[playlist]")) {
         return PlaylistFormat::pls;
     }
-    if (head.starts_with("#EXTM3U") || is_web_address(head)) {
+    if (head.starts_with("#EXTM3U") || nuvio::is_web_address(head)) {
         return PlaylistFormat::m3u;
     }
     if (head.starts_with('<') && head.find("<playlist") != std::string_view::npos) {
@@ -323,11 +318,12 @@ std::vector<RemoteTrack> parse_remote_playlist(PlaylistFormat format, std::strin
     }
     std::vector<RemoteTrack> tracks;
     for (const Entry& entry : parser->parse(without_byte_order_mark(text), max_tracks)) {
-        auto url = resolve_url(base, entry.location);
+        auto url = nuvio::resolve_url(base, entry.location);
         if (url) {
             tracks.push_back({std::move(*url), text_for_display(entry.title),
                               text_for_display(entry.creator), text_for_display(entry.album),
-                              resolve_url(base, entry.image).value_or(""), entry.duration_ms});
+                              nuvio::resolve_url(base, entry.image).value_or(""),
+                              entry.duration_ms});
         }
     }
     return tracks;

@@ -10,10 +10,10 @@
 #include "common/files/files.h"
 #include "common/m3u.h"
 #include "common/music/names.h"
+#include "common/url/url.h"
 #include "local/base/files.h"
 #include "local/network/remote_settings.h"
 #include "local/network/remote_tracks.h"
-#include "local/network/url.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
 
@@ -160,12 +160,12 @@ std::vector<Track> remote_tracks(const std::string& url, const std::string& toke
 }  // namespace
 
 bool is_findable(const std::string& endpoint) {
-    return local_path(endpoint) || resolve_url("", endpoint);
+    return local_path(endpoint) || nuvio::resolve_url("", endpoint);
 }
 
 std::vector<Track> find_tracks(const std::string& endpoint, const std::string& token,
                                Interruption& interruption, const Logger& logger) {
-    const auto url = resolve_url("", endpoint);
+    const auto url = nuvio::resolve_url("", endpoint);
     return url ? remote_tracks(*url, token, interruption, logger) : local_tracks(endpoint, logger);
 }
 

@@ -3,8 +3,8 @@
 #include <utility>
 
 #include "common/music/pictures.h"
+#include "common/url/url.h"
 #include "local/base/files.h"
-#include "local/network/url.h"
 
 namespace local_core {
 
@@ -23,7 +23,7 @@ void TrackCover::find(const Track& track, TrackTexts* texts) {
         m_kept = picture ? KeptCover::keep(*picture) : nullptr;
         texts->album_art_url = m_kept ? m_kept->url() : "";
     } else if (track.remote && !track.remote->token.empty() &&
-               same_origin(texts->album_art_url, track.remote->token_origin)) {
+               nuvio::same_origin(texts->album_art_url, track.remote->token_origin)) {
         HttpRequest request = track.request();
         request.url = std::exchange(texts->album_art_url, "");
         request.read_ahead_bytes = kMaxFetchedBytes;
