@@ -9,10 +9,10 @@
 #include <mutex>
 #include <system_error>
 
-#include "common/json/json.h"
 #include "common/utf8.h"
 #include "controller/base/token.h"
 #include "controller/device/http_client.h"
+#include "controller/device/offer.h"
 #include "controller/discovery/discovery.h"
 
 namespace nuvio::controller {
@@ -62,22 +62,6 @@ void show(const FoundDevice& device) {
     }
 }
 
-std::string offer(const std::string& session, const std::string& content) {
-    const auto token = [](const std::string& endpoint) {
-        JsonPtr object = new_object();
-        add(object.get(), "endpoint", endpoint);
-        add(object.get(), "jwt", "local");
-        add(object.get(), "exp", std::time(nullptr) + kSessionSeconds);
-        return object;
-    };
-    JsonPtr document = new_object();
-    add(document.get(), "session_id", session);
-    add(document.get(), "jwt_api", token(content));
-    add(document.get(), "jwt_nconnect", token("none"));
-    add(document.get(), "become_active", true);
-    return print_json(document.get());
-}
-
 }  // namespace
 
 int find_devices() {
@@ -105,8 +89,9 @@ int connect_device(const std::string& name, const std::string& what) {
                                     ? what
                                     : std::filesystem::absolute(what, error).string();
     const std::string session = new_token();
-    const HttpAnswer answer =
-        ask_device(*device, "POST", "connect-to-nconnect", offer(session, content));
+    const HttpAnswer answer = ask_device(
+        *device, "POST", "connect-to-nconnect",
+        offer_body({session, content, "none", "local", std::time(nullptr) + kSessionSeconds}));
     if (answer.status != 200) {
         std::fprintf(stderr, "connect: %s\n",
                      answer.status == 0 ? answer.failure.c_str()

@@ -2,10 +2,12 @@
 
 #include <algorithm>
 #include <ctime>
+#include <memory>
 #include <utility>
 
 #include "controller/base/token.h"
 #include "controller/device/http_client.h"
+#include "controller/device/offer.h"
 #include "controller/session/tracks.h"
 
 namespace nuvio::controller {
@@ -16,24 +18,6 @@ constexpr int64_t kSessionSeconds = int64_t{7} * 24 * 3600;
 
 bool is_ipv6(const std::string& address) {
     return address.find(':') != std::string::npos;
-}
-
-// The body of the POST. Content and channel have one token.
-std::string offer(const Session& session) {
-    const auto token = [&](const std::string& endpoint) {
-        JsonPtr object = new_object();
-        add(object.get(), "endpoint", endpoint);
-        add(object.get(), "jwt", session.token);
-        add(object.get(), "exp", session.expires);
-        return object;
-    };
-    JsonPtr document = new_object();
-    add(document.get(), "session_id", session.id);
-    add(document.get(), "jwt_api", token(session.here + "/content/" + session.id + ".jspf"));
-    add(document.get(), "jwt_nconnect",
-        token("ws" + session.here.substr(std::string_view("http").size()) + "/channel"));
-    add(document.get(), "become_active", true);
-    return print_json(document.get());
 }
 
 std::string refusal(const HttpAnswer& answer) {
@@ -93,8 +77,29 @@ std::optional<std::string> Sessions::playlist(const std::string& session,
                                                          : std::optional(found.playlist);
 }
 
-// The session is known before the device is asked, which fetches its content at once.
+// One at a time: where the device refuses, the session before it is put back.
 Outcome Sessions::begin(const std::string& id, const FoundDevice& found,
+                        const std::vector<Playable>& items) {
+    {
+        std::unique_lock lock(m_house.mutex);
+        if (!m_house.on_change.wait_for(lock, Commands::kPatience, [&] {
+                return m_house.is_closed || !m_offered_to.contains(id);
+            })) {
+            return {false, "the device is still being offered something else"};
+        }
+        m_offered_to.insert(id);
+    }
+    const auto done = [&](Sessions*) {
+        const std::scoped_lock lock(m_house.mutex);
+        m_offered_to.erase(id);
+        m_house.on_change.notify_all();
+    };
+    const std::unique_ptr<Sessions, decltype(done)> offering(this, done);
+    return offer(id, found, items);
+}
+
+// The session is known before the device is asked, which fetches its content at once.
+Outcome Sessions::offer(const std::string& id, const FoundDevice& found,
                         const std::vector<Playable>& items) {
     const HttpAnswer reached = ask_device(found, "GET", "get-connect-info");
     if (reached.status != 200) {
@@ -114,7 +119,11 @@ Outcome Sessions::begin(const std::string& id, const FoundDevice& found,
         before = m_house.sessions.of(id);
     }
     keep(id, session);
-    const HttpAnswer answer = ask_device(found, "POST", "connect-to-nconnect", offer(session));
+    const HttpAnswer answer = ask_device(
+        found, "POST", "connect-to-nconnect",
+        offer_body({session.id, session.here + "/content/" + session.id + ".jspf",
+                    "ws" + session.here.substr(std::string_view("http").size()) + "/channel",
+                    session.token, session.expires}));
     const bool is_taken = answer.status == 200;
     if (!is_taken) {
         keep(id, before);

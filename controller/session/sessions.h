@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,6 +38,8 @@ class Sessions {
   private:
     Outcome begin(const std::string& id, const FoundDevice& found,
                   const std::vector<Playable>& items);
+    Outcome offer(const std::string& id, const FoundDevice& found,
+                  const std::vector<Playable>& items);
     Outcome insert(const std::string& id, const std::vector<Playable>& items, Where where);
     Outcome replace(const std::string& id, JsonPtr tracks, size_t start);
     bool has_queue(const std::string& id);
@@ -46,7 +49,8 @@ class Sessions {
     HouseState& m_house;
     Commands& m_commands;
     const uint16_t m_port;
-    std::mutex m_writing;  // before the house's: whoever has it writes what is newest
+    std::set<std::string> m_offered_to;  // devices that are asked just now; under the house's mutex
+    std::mutex m_writing;                // before the house's: whoever has it writes what is newest
 };
 
 }  // namespace nuvio::controller
