@@ -132,10 +132,14 @@ class Discovery::Browser {
         } else if ((state == AVAHI_CLIENT_S_RUNNING || state == AVAHI_CLIENT_S_REGISTERING ||
                     state == AVAHI_CLIENT_S_COLLISION) &&
                    self->m_browser == nullptr) {
-            self->m_pause_ms = kFirstPauseMs;
             self->m_browser.reset(
                 avahi_service_browser_new(client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, kServiceType,
                                           nullptr, AvahiLookupFlags{}, on_browse, self));
+            if (self->m_browser == nullptr) {
+                self->again_later(avahi_client_errno(client));
+            } else {
+                self->m_pause_ms = kFirstPauseMs;
+            }
         }
     }
 
