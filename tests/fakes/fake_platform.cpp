@@ -1,7 +1,6 @@
 #include "fakes/fake_platform.h"
 
 #include <atomic>
-#include <thread>
 
 #include "fakes/echo.h"
 #include "platform/Binder.h"
@@ -18,8 +17,9 @@ State g_state;
 std::atomic<bool> g_ending{false};
 
 void take_time() {
-    const std::chrono::milliseconds duration = state()->answer_time;
-    std::this_thread::sleep_for(duration);
+    if (const auto work = state()->in_each_call) {
+        work();
+    }
 }
 
 void record(const std::string& call) {

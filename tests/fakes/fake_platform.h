@@ -4,7 +4,6 @@
 #pragma once
 
 #include <algorithm>
-#include <chrono>
 #include <functional>
 #include <map>
 #include <string>
@@ -33,10 +32,10 @@ struct State {
     bool wired = true;
     bool grants_output = true;
     bool has_ui = true;
-    int unreachable_nesh = 0;                     // so many checks of the network service fail
-    int unreachable_kora = 0;                     // the same of the message service
-    bool loses_messages = false;                  // reading and writing them fails
-    std::chrono::milliseconds answer_time{0};     // each call takes so long
+    int unreachable_nesh = 0;     // so many checks of the network service fail
+    int unreachable_kora = 0;     // the same of the message service
+    bool loses_messages = false;  // reading and writing them fails
+    std::function<void()> in_each_call;
     std::function<void()> when_asked_for_output;  // within the call
 
     // Who listens.

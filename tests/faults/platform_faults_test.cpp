@@ -71,7 +71,9 @@ TEST_F(PlatformFaults, AbsentServicesLeaveDefaultsAndAWorkingBridge) {
 // What the loop reports during a batch of slow calls waits in the queue, and the loop goes on.
 TEST_F(PlatformFaults, SlowServicesHoldUpCommandsButNotTheLoop) {
     static std::atomic<size_t> passes;
+    static std::atomic<bool> ends;
     passes = 0;
+    ends = false;
     fake_modules::state()->on_tick = [] {
         ++passes;
         host_report_volume();
@@ -79,16 +81,23 @@ TEST_F(PlatformFaults, SlowServicesHoldUpCommandsButNotTheLoop) {
         host_report_playback_status(NUV_PLAYBACK_STATE_STOPPED);
     };
     run_until_initialized();
-    fake_platform::state()->answer_time = 100ms;
-    const size_t calls_before = fake_platform::state()->calls.size();
-    const size_t passes_before = passes;
-    while (passes < passes_before + 500) {
+    // A call takes until the loop has gone on.
+    fake_platform::state()->in_each_call = [] {
+        const size_t wanted = passes + 20;
+        for (int ms = 0; passes < wanted && ms < 1000; ++ms) {
+            std::this_thread::sleep_for(1ms);
+        }
+        EXPECT_TRUE(passes >= wanted || ends) << "the loop waited for the platform";
+    };
+    const auto calls = [] { return fake_platform::state()->calls.size(); };
+    const size_t calls_before = calls();
+    while (calls() < calls_before + 10) {
         std::this_thread::sleep_for(1ms);
     }
-    const size_t calls = fake_platform::state()->calls.size() - calls_before;
-    EXPECT_LT(calls * 10, passes - passes_before) << "the loop waited for the platform";
+    ends = true;
+    const size_t calls_at_end = calls();
     EXPECT_EQ(end(), 0) << "not before the call in progress, but without the queue";
-    EXPECT_LE(fake_platform::state()->calls.size(), calls_before + calls + 10);
+    EXPECT_LE(calls(), calls_at_end + 10);
 }
 
 // The output is granted under the lock that notifications are sent with: the loop waits for a
