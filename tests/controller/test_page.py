@@ -49,6 +49,7 @@ class Browser:
         width, height = SCREENS[kind]
         self.driver.execute_cdp_cmd("Emulation.setDeviceMetricsOverride", {
             "width": width, "height": height, "deviceScaleFactor": 1, "mobile": kind == "phone"})
+        self.driver.execute_cdp_cmd("Emulation.setTouchEmulationEnabled", {"enabled": kind == "phone"})
         self.kind = kind
         self.url = url or f"http://127.0.0.1:{test.port}/"
         self.driver.execute_cdp_cmd("Network.enable", {})
@@ -81,6 +82,23 @@ class Browser:
         self.run("""const it = document.querySelector(arguments[0]); it.value = arguments[1];
                     it.dispatchEvent(new Event("input")); it.dispatchEvent(new Event("change"));""",
                  selector, value)
+
+    def drag(self, selector, *events):
+        """A finger on a slider: parts of its width, and scripts to run between them."""
+        left, top, width, height = self.run("""const box = document.querySelector(arguments[0]).getBoundingClientRect();
+            return [box.left, box.top, box.width, box.height]""", selector)
+        kind = "touchStart"
+        for event in events:
+            if isinstance(event, str):
+                self.run(event)
+                continue
+            self.driver.execute_cdp_cmd("Input.dispatchTouchEvent", {
+                "type": kind, "touchPoints": [{"x": left + width * event, "y": top + height / 2}]})
+            kind = "touchMove"
+        self.driver.execute_cdp_cmd("Input.dispatchTouchEvent", {"type": "touchEnd", "touchPoints": []})
+
+    def toast(self):
+        return self.run("return document.getElementById('toast').textContent")
 
     def value(self, selector):
         return self.run("const it = document.querySelector(arguments[0]); return it && Number(it.value)", selector)
@@ -156,6 +174,37 @@ class Page(HouseTest):
             for each in (phone, second)))
         self.assertEqual(phone.faults() + second.faults(), [])
 
+    def test_a_finger_on_the_volume_asks_at_a_pace_and_a_refused_press_is_taken_back(self):
+        kitchen = self.devices[0]
+        self.start_all()
+        self.command("play", "Kitchen", "night boats")
+        self.command("loop", "Kitchen", "all")  # it plays as long as this takes
+        phone = Browser(self, "phone")
+        phone.shows("Playing")
+        # The page's time stands still but where the test moves it: no patience of the page's ends.
+        phone.run("""const asked = window.asked = [], ask = window.fetch;
+                     window.fetch = (path, options) => {
+                       if (path.endsWith("/command")) asked.push(JSON.parse(options.body).volume);
+                       return ask(path, options);
+                     };
+                     window.clock = performance.now() + 1000;
+                     performance.now = () => window.clock;""")
+        volume = "main input[data-key^=volume]"
+        phone.drag(volume, *(n / 40 for n in range(8, 18)), "window.clock += 150",
+                   *(n / 40 for n in range(18, 30)), 0.9)
+        asked = phone.run("return asked")
+        self.assertEqual(len(asked), 3, "the first, one when it was time, the one it was let go at")
+        self.assertEqual(asked, sorted(asked))
+        wait_for("the last one on the card", lambda: f"[{asked[-1] // 5 * 5}%]" in kitchen.amixer("sget", "Master"))
+
+        phone.driver.execute_cdp_cmd("Network.setBlockedURLs", {"urls": ["*/command"]})
+        phone.press("Pause Kitchen")
+        wait_for("a failure", lambda: "No connection to the controller" in phone.toast())
+        wait_for("it still plays", lambda: phone.run(
+            "return document.querySelector('main [data-key^=play-]').ariaLabel") == "Pause Kitchen")
+        self.assertEqual(kitchen.player("status"), "Playing")
+        self.assertEqual(phone.faults(), [])
+
     def test_the_queue_is_edited_by_finger_and_by_key(self):
         self.start_all()
         self.command("play", "Kitchen", "night boats")
@@ -207,6 +256,15 @@ class Page(HouseTest):
         attic.daemon.send_signal(signal.SIGKILL)
         attic.daemon.wait()
         phone.shows("Not on the network")
+        phone.press("Choose Attic")
+        phone.open("#library/album/1")
+        phone.press("Play")
+        wait_for("an answer", lambda: phone.toast() not in ("", "Asking Attic …"))
+        self.assertEqual(phone.toast(), "the device is not on the network: is it switched on?")
+        [refusal] = phone.faults()
+        self.assertIn("409 (Conflict)", refusal)
+        phone.open("#devices")
+        phone.press("Choose Larder")
         attic.start()
         phone.shows("Free")
 

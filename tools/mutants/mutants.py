@@ -34,11 +34,13 @@ AREAS = {
     "host": Area(["hosts/linux"], ["linux_host_configuration_test", "linux_host_services_test",
                                    "bus_test"]),
     "common": Area(["common"], ["files_test", "music_test", "linux_host_configuration_test"]),
+    "controller": Area(["controller"], ["controller_session_test", "controller_library_test"]),
+    "page": Area(["controller/page"], ["test_page"]),
     "card": Area(["tools/simcard"], ["sink_test", "fault_matrix_test"]),
 }
 DEVICE = ["nuvio-connect", "simcardctl"]  # the targets of what drives it from outside
 TARGETS = {"advertising_test": ["advertiser_host"], "bus_test": DEVICE,
-           "golden_log_test": ["golden_life"],
+           "golden_log_test": ["golden_life"], "test_page": [*DEVICE, "nuvio-connect-controller"],
            "test_playback": DEVICE, "test_host": DEVICE, "test_long_session": DEVICE}
 
 Mutant = collections.namedtuple("Mutant", "area tests found planted")
@@ -58,7 +60,7 @@ def read_mutants(words):
 def place_of(tree, mutant):
     for folder in AREAS[mutant.area].folders:
         for path in sorted((tree / folder).rglob("*")):
-            if path.suffix in (".cpp", ".h") and mutant.found in path.read_text():
+            if path.suffix in (".cpp", ".h", ".js") and mutant.found in path.read_text():
                 return path
     return None
 
