@@ -2,7 +2,7 @@
 // they are found by. A cache of what the music folders hold: a file of another version, or a
 // damaged one, is made anew.
 //
-// Threads  one at a time; the scanner's. Readers have connections of their own (`Shelf`).
+// Threads  one at a time; the scanner's. Readers have connections of their own (`LibraryView`).
 // Errors   DatabaseError.
 #pragma once
 

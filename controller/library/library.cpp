@@ -40,11 +40,11 @@ Library::Library(const std::vector<std::string>& folders, const std::string& sta
                  std::function<void()> on_change)
     : m_folders(folders),
       m_database(made_database(state_folder)),
-      m_shelf(m_database),
+      m_view(m_database),
       m_scanner(m_folders, m_database, std::move(on_change)) {}
 
 std::optional<Library::File> Library::open_track(int64_t id) {
-    const std::optional<Track> track = m_shelf.track(id);
+    const std::optional<Track> track = m_view.track(id);
     for (size_t i = 0; track && i < m_folders.count(); ++i) {
         if (m_folders.path(i) == track->root) {
             UniqueFd fd = m_folders.open_file(i, track->below);
@@ -75,7 +75,7 @@ std::optional<std::string> Library::picture_beside(const Track& track) {
 }
 
 std::optional<std::string> Library::cover_of_album(int64_t id) {
-    const std::vector<Track> tracks = m_shelf.tracks_of_album(id, 3);
+    const std::vector<Track> tracks = m_view.tracks_of_album(id, 3);
     std::optional<std::string> picture;
     if (!tracks.empty()) {
         picture = picture_beside(tracks.front());
@@ -103,13 +103,12 @@ Selection Library::select(const std::string& what) {
     if (kind == "search") {
         selection.items = playables(best_match(rest));
     } else if (const std::optional<int64_t> id = to_number<int64_t>(rest)) {
-        const std::optional<Track> track = kind == "track" ? m_shelf.track(*id) : std::nullopt;
-        selection.items =
-            playables(kind == "album"    ? m_shelf.tracks_of_album(*id, kMaxSelection)
-                      : kind == "artist" ? m_shelf.tracks_of_artist(*id, kMaxSelection)
-                      : kind == "folder" ? m_shelf.tracks_below(*id, kMaxSelection)
-                      : track            ? std::vector<Track>{*track}
-                                         : std::vector<Track>{});
+        const std::optional<Track> track = kind == "track" ? m_view.track(*id) : std::nullopt;
+        selection.items = playables(kind == "album"    ? m_view.tracks_of_album(*id, kMaxSelection)
+                                    : kind == "artist" ? m_view.tracks_of_artist(*id, kMaxSelection)
+                                    : kind == "folder" ? m_view.tracks_below(*id, kMaxSelection)
+                                    : track            ? std::vector<Track>{*track}
+                                                       : std::vector<Track>{});
     }
     if (selection.items.empty()) {
         selection.failure =
@@ -122,13 +121,12 @@ Selection Library::select(const std::string& what) {
 
 // An album or an artist of that name rather than all tracks that have the words.
 std::vector<Track> Library::best_match(const std::string& words) {
-    Found found = m_shelf.search(words, 500);
+    Found found = m_view.search(words, 500);
     if (!found.albums.empty()) {
-        return m_shelf.tracks_of_album(found.albums.front().id, kMaxSelection);
+        return m_view.tracks_of_album(found.albums.front().id, kMaxSelection);
     }
-    return found.artists.empty()
-               ? std::move(found.tracks)
-               : m_shelf.tracks_of_artist(found.artists.front().id, kMaxSelection);
+    return found.artists.empty() ? std::move(found.tracks)
+                                 : m_view.tracks_of_artist(found.artists.front().id, kMaxSelection);
 }
 
 Selection Library::select_path(const std::string& path) {
@@ -137,9 +135,9 @@ Selection Library::select_path(const std::string& path) {
         const std::string& root = m_folders.path(place.folder);
         if (is_playlist_name(place.below)) {
             selection = select_playlist(place);
-        } else if (const auto folder = m_shelf.folder_at(root, place.below)) {
-            selection.items = playables(m_shelf.tracks_below(*folder, kMaxSelection));
-        } else if (auto track = m_shelf.track_at(root, place.below)) {
+        } else if (const auto folder = m_view.folder_at(root, place.below)) {
+            selection.items = playables(m_view.tracks_below(*folder, kMaxSelection));
+        } else if (auto track = m_view.track_at(root, place.below)) {
             selection.items.push_back({{}, {}, std::move(track)});
         }
         if (!selection.items.empty()) {
@@ -166,7 +164,7 @@ Selection Library::select_playlist(const MusicFolders::Place& place) {
                 ? entry.location
                 : m_folders.path(place.folder) + "/" + parent_of(place.below) + entry.location;
         for (const MusicFolders::Place& at : m_folders.places_of(full)) {
-            if (auto track = m_shelf.track_at(m_folders.path(at.folder), at.below)) {
+            if (auto track = m_view.track_at(m_folders.path(at.folder), at.below)) {
                 selection.items.push_back({{}, {}, std::move(track)});
                 break;
             }

@@ -11,9 +11,9 @@
 #include <vector>
 
 #include "common/unique_fd.h"
+#include "controller/library/library_view.h"
 #include "controller/library/music_folders.h"
 #include "controller/library/scanner.h"
-#include "controller/library/shelf.h"
 
 namespace nuvio::controller {
 
@@ -37,7 +37,7 @@ class Library {
     Library(const std::vector<std::string>& folders, const std::string& state_folder,
             std::function<void()> on_change);
 
-    Shelf& shelf() { return m_shelf; }
+    LibraryView& view() { return m_view; }
     ScanProgress progress() const { return m_scanner.progress(); }
     void request_scan() { m_scanner.request_scan(); }
     size_t folder_count() const { return m_folders.count(); }
@@ -69,7 +69,7 @@ class Library {
 
     const MusicFolders m_folders;
     const std::string m_database;  // made by the time its readers open it
-    Shelf m_shelf;
+    LibraryView m_view;
     Scanner m_scanner;
 };
 

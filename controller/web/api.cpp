@@ -78,7 +78,7 @@ JsonPtr describe_all(const std::vector<Item>& items) {
     return array;
 }
 
-Shelf::Page page_of(const Exchange& exchange) {
+LibraryView::Page page_of(const Exchange& exchange) {
     return {std::max<int64_t>(0, exchange.number_parameter("first", 0)),
             std::clamp<int64_t>(exchange.number_parameter("count", 100), 1, kMaxPage)};
 }
@@ -207,32 +207,32 @@ int Api::get_albums(Exchange& exchange, const std::string&) {
     const int64_t artist = exchange.number_parameter("artist", 0);
     if (artist == 0) {
         return exchange.reply_json(
-            in_object("albums", describe_all(m_library.shelf().albums(page_of(exchange)))));
+            in_object("albums", describe_all(m_library.view().albums(page_of(exchange)))));
     }
-    JsonPtr object = in_object("albums", describe_all(m_library.shelf().albums_of_artist(artist)));
-    add(object.get(), "artist", m_library.shelf().artist_name(artist));
+    JsonPtr object = in_object("albums", describe_all(m_library.view().albums_of_artist(artist)));
+    add(object.get(), "artist", m_library.view().artist_name(artist));
     return exchange.reply_json(object);
 }
 
 int Api::get_album(Exchange& exchange, const std::string& id) {
     const int64_t number = to_number<int64_t>(id).value_or(0);
-    const std::optional<Album> album = m_library.shelf().album(number);
+    const std::optional<Album> album = m_library.view().album(number);
     if (!album) {
         return exchange.fail(404, "no such album");
     }
     JsonPtr object = describe(*album);
     cJSON_DeleteItemFromObjectCaseSensitive(object.get(), "tracks");
-    add(object.get(), "tracks", describe_all(m_library.shelf().tracks_of_album(number, 2000)));
+    add(object.get(), "tracks", describe_all(m_library.view().tracks_of_album(number, 2000)));
     return exchange.reply_json(object);
 }
 
 int Api::get_artists(Exchange& exchange, const std::string&) {
     return exchange.reply_json(
-        in_object("artists", describe_all(m_library.shelf().artists(page_of(exchange)))));
+        in_object("artists", describe_all(m_library.view().artists(page_of(exchange)))));
 }
 
 int Api::get_folder(Exchange& exchange, const std::string& id) {
-    const FolderPage page = m_library.shelf().folder(to_number<int64_t>(id).value_or(0));
+    const FolderPage page = m_library.view().folder(to_number<int64_t>(id).value_or(0));
     JsonPtr object = new_object();
     add(object.get(), "id", page.id);
     add(object.get(), "parent", page.parent);
@@ -243,7 +243,7 @@ int Api::get_folder(Exchange& exchange, const std::string& id) {
 }
 
 int Api::get_search(Exchange& exchange, const std::string&) {
-    const Found found = m_library.shelf().search(exchange.parameter("q"), kFound);
+    const Found found = m_library.view().search(exchange.parameter("q"), kFound);
     JsonPtr object = new_object();
     add(object.get(), "artists", describe_all(found.artists));
     add(object.get(), "albums", describe_all(found.albums));

@@ -1,4 +1,4 @@
-#include "controller/library/shelf.h"
+#include "controller/library/library_view.h"
 
 #include "common/utf8.h"
 
@@ -76,7 +76,7 @@ std::string match_of(const std::string& text) {
 
 }  // namespace
 
-std::vector<Track> Shelf::read_tracks(Statement& rows) {
+std::vector<Track> LibraryView::read_tracks(Statement& rows) {
     std::vector<Track> tracks;
     while (rows.step()) {
         tracks.push_back({rows.number(0), rows.text(1), rows.text(2), rows.text(3), rows.number(4),
@@ -87,20 +87,20 @@ std::vector<Track> Shelf::read_tracks(Statement& rows) {
     return tracks;
 }
 
-std::vector<Track> Shelf::tracks(const char* condition, int64_t id, int64_t limit) {
+std::vector<Track> LibraryView::tracks(const char* condition, int64_t id, int64_t limit) {
     const std::scoped_lock lock(m_mutex);
     Statement rows = m_database.prepare(std::string(kTrackColumns) + condition);
     return read_tracks(rows.with(id, limit));
 }
 
-std::vector<Album> Shelf::albums(Page page) {
+std::vector<Album> LibraryView::albums(Page page) {
     const std::scoped_lock lock(m_mutex);
     Statement rows = m_database.prepare(std::string(kAlbumColumns) +
                                         "ORDER BY albums.title COLLATE NOCASE LIMIT ? OFFSET ?");
     return read_albums(rows.with(page.count, page.first));
 }
 
-std::vector<Album> Shelf::albums_of_artist(int64_t artist) {
+std::vector<Album> LibraryView::albums_of_artist(int64_t artist) {
     const std::scoped_lock lock(m_mutex);
     Statement rows = m_database.prepare(
         std::string(kAlbumColumns) +
@@ -109,7 +109,7 @@ std::vector<Album> Shelf::albums_of_artist(int64_t artist) {
     return read_albums(rows.with(artist));
 }
 
-std::vector<Artist> Shelf::artists(Page page) {
+std::vector<Artist> LibraryView::artists(Page page) {
     const std::scoped_lock lock(m_mutex);
     Statement rows =
         m_database.prepare(std::string(kArtistColumns) +
@@ -117,19 +117,19 @@ std::vector<Artist> Shelf::artists(Page page) {
     return read_artists(rows.with(page.count, page.first));
 }
 
-std::string Shelf::artist_name(int64_t id) {
+std::string LibraryView::artist_name(int64_t id) {
     const std::scoped_lock lock(m_mutex);
     Statement row = m_database.prepare("SELECT name FROM artists WHERE id = ?");
     return row.with(id).step() ? row.text(0) : std::string();
 }
 
-std::optional<Album> Shelf::album(int64_t id) {
+std::optional<Album> LibraryView::album(int64_t id) {
     const std::scoped_lock lock(m_mutex);
     Statement row = m_database.prepare(std::string(kAlbumColumns) + "WHERE albums.id = ?");
     return row.with(id).step() ? std::optional(read_album(row)) : std::nullopt;
 }
 
-FolderPage Shelf::folder(int64_t id) {
+FolderPage LibraryView::folder(int64_t id) {
     FolderPage page;
     {
         const std::scoped_lock lock(m_mutex);
@@ -148,18 +148,18 @@ FolderPage Shelf::folder(int64_t id) {
     return page;
 }
 
-std::optional<int64_t> Shelf::folder_at(const std::string& root, const std::string& below) {
+std::optional<int64_t> LibraryView::folder_at(const std::string& root, const std::string& below) {
     const std::scoped_lock lock(m_mutex);
     Statement row = m_database.prepare("SELECT id FROM folders WHERE root = ? AND below = ?");
     return row.with(root, below).step() ? std::optional(row.number(0)) : std::nullopt;
 }
 
-std::optional<Track> Shelf::track(int64_t id) {
+std::optional<Track> LibraryView::track(int64_t id) {
     const std::vector<Track> found = tracks("WHERE tracks.id = ? LIMIT ?", id, 1);
     return found.empty() ? std::nullopt : std::optional(found.front());
 }
 
-std::optional<Track> Shelf::track_at(const std::string& root, const std::string& below) {
+std::optional<Track> LibraryView::track_at(const std::string& root, const std::string& below) {
     const size_t slash = below.rfind('/');
     const std::string folder = slash == std::string::npos ? "" : below.substr(0, slash);
     const std::string name = slash == std::string::npos ? below : below.substr(slash + 1);
@@ -171,19 +171,19 @@ std::optional<Track> Shelf::track_at(const std::string& root, const std::string&
     return found.empty() ? std::nullopt : std::optional(found.front());
 }
 
-std::vector<Track> Shelf::tracks_of_album(int64_t album, int64_t limit) {
+std::vector<Track> LibraryView::tracks_of_album(int64_t album, int64_t limit) {
     return tracks("WHERE tracks.album = ? ORDER BY disc, number, tracks.name LIMIT ?", album,
                   limit);
 }
 
-std::vector<Track> Shelf::tracks_of_artist(int64_t artist, int64_t limit) {
+std::vector<Track> LibraryView::tracks_of_artist(int64_t artist, int64_t limit) {
     return tracks(
         "WHERE tracks.artist = ?1 OR albums.artist = ?1"
         " ORDER BY albums.year, albums.title, disc, number, tracks.name LIMIT ?2",
         artist, limit);
 }
 
-std::vector<Track> Shelf::tracks_below(int64_t folder, int64_t limit) {
+std::vector<Track> LibraryView::tracks_below(int64_t folder, int64_t limit) {
     return tracks(
         "JOIN folders AS top ON top.id = ?1 WHERE folders.root = top.root AND (top.below = '' OR"
         " folders.below = top.below OR substr(folders.below, 1, length(top.below) + 1) ="
@@ -191,7 +191,7 @@ std::vector<Track> Shelf::tracks_below(int64_t folder, int64_t limit) {
         folder, limit);
 }
 
-Found Shelf::search(const std::string& text, int64_t limit) {
+Found LibraryView::search(const std::string& text, int64_t limit) {
     const std::string match = match_of(text);
     Found found;
     if (match.empty()) {

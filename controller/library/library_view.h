@@ -53,10 +53,10 @@ struct Found {
     std::vector<Track> tracks;
 };
 
-class Shelf {
+class LibraryView {
   public:
     // The file that a Catalogue has made.
-    explicit Shelf(const std::string& path) : m_database(path) {}
+    explicit LibraryView(const std::string& path) : m_database(path) {}
 
     struct Page {
         int64_t first = 0;
