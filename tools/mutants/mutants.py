@@ -34,7 +34,6 @@ AREAS = {
     "host": Area(["hosts/linux"], ["linux_host_configuration_test", "linux_host_services_test",
                                    "bus_test"]),
     "common": Area(["common"], ["files_test", "music_test", "linux_host_configuration_test"]),
-    "controller": Area(["controller"], ["controller_session_test", "controller_library_test"]),
     "page": Area(["controller/page"], ["test_page"]),
     "card": Area(["tools/simcard"], ["sink_test", "fault_matrix_test"]),
 }
