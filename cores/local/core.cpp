@@ -163,8 +163,8 @@ void Core::take_requests() {
 
 // What the device has been told of is told its server.
 void Core::tell_remote_control() {
-    while (const std::optional<Trouble> trouble = m_player.take_trouble()) {
-        m_remote.tell_trouble(*trouble);
+    while (const std::optional<Failure> failure = m_player.take_failure()) {
+        m_remote.tell_failure(*failure);
     }
     m_remote.tell(m_settings, m_published);
 }

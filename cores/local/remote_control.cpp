@@ -94,16 +94,16 @@ void RemoteControl::begin(const std::string& session_id, const RemoteOffer& offe
     }
     target->authorities = remote_request_defaults().authorities;
     m_report.set_session(session_id);
-    const auto log = [logger = m_logger](bool is_trouble, const std::string& line) {
-        logger->write(is_trouble ? LogLevel::warning : LogLevel::info, kCloudClient, "%s",
+    const auto log = [logger = m_logger](bool is_warning, const std::string& line) {
+        logger->write(is_warning ? LogLevel::warning : LogLevel::info, kCloudClient, "%s",
                       line.c_str());
     };
-    const auto on_news = [this] {
-        m_has_news = true;
+    const auto on_change = [this] {
+        m_has_changed = true;
         m_wake();
     };
     try {
-        m_link = std::make_unique<Link>(std::move(*target), on_news, log);
+        m_link = std::make_unique<Link>(std::move(*target), on_change, log);
     } catch (const std::system_error& failure) {
         m_logger->write(LogLevel::warning, kCloudClient, "No remote control: %s", failure.what());
     }
@@ -114,7 +114,7 @@ void RemoteControl::end(const char* reason) {
         m_link->close(write_goodbye(reason));
     }
     m_link.reset();
-    m_has_news = false;
+    m_has_changed = false;
     m_connection = 0;
     m_report.end();
     m_edit_id.clear();
@@ -123,7 +123,7 @@ void RemoteControl::end(const char* reason) {
 // ---- Commands ---------------------------------------------------------------------------------
 
 bool RemoteControl::take_command() {
-    if (!m_has_news.exchange(false) || !m_link) {
+    if (!m_has_changed.exchange(false) || !m_link) {
         return false;
     }
     if (std::exchange(m_connection, m_link->connection()) != m_connection) {
@@ -133,7 +133,7 @@ bool RemoteControl::take_command() {
     if (!incoming) {
         return false;
     }
-    m_has_news = true;  // there may be more
+    m_has_changed = true;  // there may be more
     if (incoming->connection != m_connection) {
         return true;
     }
@@ -255,9 +255,9 @@ void RemoteControl::tell(const PlaybackSettings& settings, const PlayerView& vie
     }
 }
 
-void RemoteControl::tell_trouble(const Trouble& trouble) {
+void RemoteControl::tell_failure(const Failure& failure) {
     if (m_connection != 0) {
-        say(write_error(trouble.error, trouble.track, trouble.reason));
+        say(write_error(failure.error, failure.track, failure.reason));
     }
 }
 

@@ -49,7 +49,7 @@ class RemoteControl {
 
     // Tells what is new, each kind at most ten times a second.
     void tell(const PlaybackSettings& settings, const PlayerView& view);
-    void tell_trouble(const Trouble& trouble);
+    void tell_failure(const Failure& failure);
 
   private:
     nuv_error carry_out(RemoteCommand& command, bool* is_noted);
@@ -64,8 +64,8 @@ class RemoteControl {
     const std::function<void()> m_wake;
     RemoteReport m_report;
 
-    std::unique_ptr<Link> m_link;         // null: not controlled from elsewhere
-    std::atomic<bool> m_has_news{false};  // of the link, set by its thread
+    std::unique_ptr<Link> m_link;            // null: not controlled from elsewhere
+    std::atomic<bool> m_has_changed{false};  // of the link, set by its thread
     uint64_t m_connection = 0;
     std::string m_edit_id;  // of the command whose change is noted
     uint64_t m_edit_connection = 0;

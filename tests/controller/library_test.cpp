@@ -75,7 +75,7 @@ class LibraryTest : public testing::Test {
     }
     std::vector<std::string> found(const std::string& text) {
         std::vector<std::string> titles;
-        for (const Track& track : m_library->shelf().search(text, 50).tracks) {
+        for (const Track& track : m_library->view().search(text, 50).tracks) {
             titles.push_back(track.title);
         }
         return titles;
@@ -104,7 +104,7 @@ TEST_F(LibraryTest, words_are_found_by_their_beginnings_and_nothing_else_is_aske
          {"\"", "stop\"* OR rain*", "NEAR(stop", "title:stop", "(", "-", "\xFF", "", "nothing"}) {
         EXPECT_THAT(found(text), IsEmpty()) << text;
     }
-    const std::vector<Album> albums = m_library->shelf().albums({0, 10});
+    const std::vector<Album> albums = m_library->view().albums({0, 10});
     ASSERT_EQ(albums.size(), 2U);
     EXPECT_EQ(albums[0].title, "Café Noir");
     EXPECT_EQ(albums[0].track_count, 2);
@@ -115,7 +115,7 @@ TEST_F(LibraryTest, it_follows_the_disk_without_being_asked) {
     m_dir.write("music/a/2.wav", "x");
     open({m_dir / "music"});
     ASSERT_TRUE(wait_for_tracks(2));
-    const int64_t id = m_library->shelf().search("1", 1).tracks.at(0).id;
+    const int64_t id = m_library->view().search("1", 1).tracks.at(0).id;
 
     m_dir.write("music/b/deep/3.wav", "x");
     ASSERT_TRUE(wait_for_tracks(3)) << "a new folder";
@@ -125,7 +125,7 @@ TEST_F(LibraryTest, it_follows_the_disk_without_being_asked) {
     ASSERT_TRUE(wait_for_tracks(3)) << "a file less";
     std::filesystem::rename(m_dir / "music/b", m_dir / "music/c");
     ASSERT_TRUE(wait_for(
-        [&] { return m_library->shelf().track_at(m_dir / "music", "c/deep/3.wav").has_value(); }));
+        [&] { return m_library->view().track_at(m_dir / "music", "c/deep/3.wav").has_value(); }));
     m_dir.write("music/c/deep/5.wav", "x");
     ASSERT_TRUE(wait_for_tracks(4)) << "the folder under its new name is followed";
     std::filesystem::rename(m_dir / "music/c", m_dir / "elsewhere");
@@ -133,8 +133,7 @@ TEST_F(LibraryTest, it_follows_the_disk_without_being_asked) {
     m_dir.write("music/a/1.wav", "longer");
     m_library->request_scan();
     ASSERT_TRUE(wait_for([&] { return m_library->progress().revision > 0; }));
-    EXPECT_EQ(m_library->shelf().search("1", 1).tracks.at(0).id, id)
-        << "a changed file is the same";
+    EXPECT_EQ(m_library->view().search("1", 1).tracks.at(0).id, id) << "a changed file is the same";
 }
 
 TEST_F(LibraryTest, what_it_knew_is_there_at_the_next_start_unless_it_is_damaged_or_not_named) {
@@ -142,11 +141,11 @@ TEST_F(LibraryTest, what_it_knew_is_there_at_the_next_start_unless_it_is_damaged
     m_dir.write("two/2.wav", "x");
     open({m_dir / "one", m_dir / "two"});
     ASSERT_TRUE(wait_for_tracks(2));
-    const int64_t id = m_library->shelf().search("1", 1).tracks.at(0).id;
+    const int64_t id = m_library->view().search("1", 1).tracks.at(0).id;
     m_library.reset();
     open({m_dir / "one"});
     ASSERT_TRUE(wait_for_tracks(1));
-    EXPECT_EQ(m_library->shelf().track(id)->title, "1");
+    EXPECT_EQ(m_library->view().track(id)->title, "1");
     EXPECT_FALSE(m_library->select("/etc").failure.empty());
     m_library.reset();
     m_dir.write("library.db", std::string(8192, 'x'));
@@ -162,7 +161,7 @@ TEST_F(LibraryTest, an_album_shows_the_first_picture_beside_it_that_is_one) {
     std::filesystem::create_symlink(m_dir / "secret.jpg", m_dir / "music/a/folder.jpg");
     open({m_dir / "music"});
     ASSERT_TRUE(wait_for_tracks(1));
-    EXPECT_EQ(m_library->cover_of_album(m_library->shelf().albums({0, 1}).at(0).id), "GIF89a");
+    EXPECT_EQ(m_library->cover_of_album(m_library->view().albums({0, 1}).at(0).id), "GIF89a");
 }
 
 TEST_F(LibraryTest, a_playlist_of_the_folders_plays_what_it_names_of_them) {

@@ -99,7 +99,7 @@ struct Server {
     std::vector<Plan> plans;  // one a connection; the last one goes on
     Interruption& interruption;
     std::mutex mutex;
-    std::condition_variable news;
+    std::condition_variable changed;
     bool is_over = false;
 
     void run() {
@@ -138,7 +138,7 @@ struct Server {
         }
         if (plan.kind == Plan::stall) {
             std::unique_lock lock(mutex);
-            news.wait_for(lock, 2 * kPatience, [this] { return is_over; });
+            changed.wait_for(lock, 2 * kPatience, [this] { return is_over; });
         } else if (sent && plan.kind != Plan::cut && plan.kind != Plan::error) {
             send_all(peer, std::string_view(file).substr(place));
         }
@@ -188,7 +188,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     {
         const std::lock_guard lock(server.mutex);
         server.is_over = true;
-        server.news.notify_all();
+        server.changed.notify_all();
     }
     server.listener.close();
     thread.join();

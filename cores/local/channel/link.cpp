@@ -20,7 +20,7 @@ constexpr std::chrono::seconds kTlsPatience{4};
 // The links' threads of this process. Never destroyed: one that hangs on a name may outlive main.
 struct Threads {
     std::mutex mutex;  // guards what follows
-    std::condition_variable news;
+    std::condition_variable changed;
     int running = 0;
     bool tls_is_taken = false;
 };
@@ -37,7 +37,7 @@ template <typename IsUnwanted>
 bool take_tls_turn(IsUnwanted is_unwanted) {
     Threads& all = threads();
     std::unique_lock lock(all.mutex);
-    all.news.wait_for(lock, kTlsPatience, [&] { return !all.tls_is_taken || is_unwanted(); });
+    all.changed.wait_for(lock, kTlsPatience, [&] { return !all.tls_is_taken || is_unwanted(); });
     return !std::exchange(all.tls_is_taken, true);
 }
 
@@ -46,14 +46,14 @@ void leave(bool had_tls_turn) {
     const std::lock_guard lock(all.mutex);
     --all.running;
     all.tls_is_taken &= !had_tls_turn;
-    all.news.notify_all();
+    all.changed.notify_all();
 }
 
 }  // namespace
 
-Link::Link(LinkTarget target, std::function<void()> on_news, Log log)
+Link::Link(LinkTarget target, std::function<void()> on_change, Log log)
     : m_shared(std::make_shared<Shared>(std::move(log))) {
-    m_shared->on_news = std::move(on_news);
+    m_shared->on_change = std::move(on_change);
     {
         const std::lock_guard lock(threads().mutex);
         if (threads().running == kMaxThreads) {
@@ -70,7 +70,7 @@ Link::Link(LinkTarget target, std::function<void()> on_news, Log log)
         {
             const std::lock_guard lock(shared->mutex);
             shared->connection = 0;
-            shared->news();
+            shared->tell_change();
         }
         leave(has_tls_turn);
     };
@@ -85,7 +85,7 @@ Link::Link(LinkTarget target, std::function<void()> on_news, Log log)
 Link::~Link() {
     {
         const std::lock_guard lock(m_shared->mutex);
-        m_shared->on_news = nullptr;
+        m_shared->on_change = nullptr;
     }
     close("");
 }
@@ -136,12 +136,12 @@ void Link::close(std::string goodbye) {
     }
     // Where it waits for its turn still.
     const std::lock_guard lock(threads().mutex);
-    threads().news.notify_all();
+    threads().changed.notify_all();
 }
 
 bool Link::wait_all_closed(std::chrono::milliseconds patience) {
     std::unique_lock lock(threads().mutex);
-    return threads().news.wait_for(lock, patience, [] { return threads().running == 0; });
+    return threads().changed.wait_for(lock, patience, [] { return threads().running == 0; });
 }
 
 }  // namespace local_core

@@ -3,7 +3,7 @@
 // Threads     a thread of its own does all that can wait: names, connecting, TLS, writing. Every
 //             public call belongs to the loop's thread and returns at once, but for
 //             wait_all_closed.
-//             `on_news` and `log` come from the link's thread; `on_news` never after the
+//             `on_change` and `log` come from the link's thread; `on_change` never after the
 //             destructor.
 // Bounds      nothing grows, whatever the server sends or does not read: a message's bytes, the
 //             commands and answers that wait. What is above stays in the network's buffers.
@@ -56,15 +56,15 @@ class Link {
         std::variant<RemoteCommand, Refusal> message;
     };
 
-    using Log = std::function<void(bool trouble, const std::string& line)>;
+    using Log = std::function<void(bool is_warning, const std::string& line)>;
 
     // Throws std::system_error when there is no thread to be had, or too many still hang.
-    Link(LinkTarget target, std::function<void()> on_news, Log log);
+    Link(LinkTarget target, std::function<void()> on_change, Log log);
     ~Link();
     Link(const Link&) = delete;
     Link& operator=(const Link&) = delete;
 
-    // The connection's number, another one after each break; 0 while there is none. `on_news`
+    // The connection's number, another one after each break; 0 while there is none. `on_change`
     // follows a change.
     uint64_t connection() const;
     std::optional<Incoming> take();

@@ -14,8 +14,8 @@
 
 namespace local_core {
 
-// What the loop and the link's thread share. The mutex is held for moves only, and while on_news is
-// called, which must not call back. The log is called without it.
+// What the loop and the link's thread share. The mutex is held for moves only, and while on_change
+// is called, which must not call back. The log is called without it.
 struct Link::Shared {
     static constexpr size_t kMaxWaitingCommands = 16;
     static constexpr size_t kMaxWaitingAnswers = 256;
@@ -25,7 +25,7 @@ struct Link::Shared {
 
     const Log log;
     mutable std::mutex mutex;
-    std::function<void()> on_news;
+    std::function<void()> on_change;
     lws_context* context = nullptr;  // null: the thread has not begun, or is ending
     bool closing = false;
     std::string goodbye;  // to be said
@@ -54,9 +54,9 @@ struct Link::Shared {
         }
     }
 
-    void news() const {
-        if (on_news) {
-            on_news();
+    void tell_change() const {
+        if (on_change) {
+            on_change();
         }
     }
 
@@ -68,7 +68,7 @@ struct Link::Shared {
         answers.clear();
         answer_bytes = 0;
         inbox.clear();
-        news();
+        tell_change();
     }
 
     // The next thing to say; empty when there is none.

@@ -312,7 +312,7 @@ void Link::Worker::take_message() {
     if (!m_closing) {
         const std::lock_guard lock(m_shared->mutex);
         m_shared->inbox.push_back(std::move(incoming));
-        m_shared->news();
+        m_shared->tell_change();
     }
     pace_reading();
 }

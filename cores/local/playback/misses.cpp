@@ -12,7 +12,7 @@ namespace {
 constexpr int kMaxRefused = 3;
 // So many tracks in a row whose server is gone end the session.
 constexpr int kMaxUnreachable = 3;
-constexpr size_t kMaxTroubles = 16;
+constexpr size_t kMaxFailures = 16;
 
 }  // namespace
 
@@ -61,19 +61,19 @@ bool Misses::may_begin_anew() {
     return !std::exchange(m_has_begun_anew, true);
 }
 
-void Misses::note(Trouble trouble) {
-    if (m_troubles.size() < kMaxTroubles) {
-        m_troubles.push_back(std::move(trouble));
+void Misses::note(Failure failure) {
+    if (m_failures.size() < kMaxFailures) {
+        m_failures.push_back(std::move(failure));
     }
 }
 
-std::optional<Trouble> Misses::take() {
-    if (m_troubles.empty()) {
+std::optional<Failure> Misses::take() {
+    if (m_failures.empty()) {
         return std::nullopt;
     }
-    Trouble trouble = std::move(m_troubles.front());
-    m_troubles.pop_front();
-    return trouble;
+    Failure failure = std::move(m_failures.front());
+    m_failures.pop_front();
+    return failure;
 }
 
 }  // namespace local_core

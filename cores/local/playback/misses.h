@@ -18,7 +18,7 @@
 namespace local_core {
 
 // What went wrong and goes on without it; `error` as the session's channel has it.
-struct Trouble {
+struct Failure {
     const char* error;
     std::optional<size_t> track;
     std::string reason;
@@ -49,9 +49,9 @@ class Misses {
     // True when playback may begin anew at its place: not twice without sound between.
     bool may_begin_anew();
 
-    void note(Trouble trouble);
+    void note(Failure failure);
     // The oldest that has not been taken.
-    std::optional<Trouble> take();
+    std::optional<Failure> take();
 
   private:
     const std::shared_ptr<const Logger> m_logger;
@@ -61,7 +61,7 @@ class Misses {
     bool m_gives_session_up = false;   // nothing more of it is opened
     uint64_t m_considered_stream = 0;  // whose failure counts already
     bool m_has_begun_anew = false;     // without sound since
-    std::deque<Trouble> m_troubles;    // at most kMaxTroubles, later ones are not kept
+    std::deque<Failure> m_failures;    // at most kMaxFailures, later ones are not kept
 };
 
 }  // namespace local_core

@@ -16,10 +16,10 @@ constexpr uint64_t kRestartAfterMs = 3000;
 }  // namespace
 
 Player::Player(const PlayerDelegates& delegates, Control& control,
-               const std::shared_ptr<const Logger>& logger, std::function<void()> on_news)
+               const std::shared_ptr<const Logger>& logger, std::function<void()> on_change)
     : m_delegates(delegates),
       m_logger(logger),
-      m_streams(delegates, control, logger, std::move(on_news)),
+      m_streams(delegates, control, logger, std::move(on_change)),
       m_delivery(m_streams, [this] { return is_heard(); }),
       m_misses(logger) {}
 

@@ -40,9 +40,9 @@ struct HeardTrack {
 
 class Player {
   public:
-    // `on_news` comes from a decoding thread: the next pass has something to do.
+    // `on_change` comes from a decoding thread: the next pass has something to do.
     Player(const PlayerDelegates& delegates, Control& control,
-           const std::shared_ptr<const Logger>& logger, std::function<void()> on_news);
+           const std::shared_ptr<const Logger>& logger, std::function<void()> on_change);
     // Calls no delegate.
     ~Player();
     Player(const Player&) = delete;
@@ -73,7 +73,7 @@ class Player {
     // In the track that is heard; 0 without one. Calls a delegate.
     uint64_t position_ms() const;
     // The oldest that has not been taken.
-    std::optional<Trouble> take_trouble() { return m_misses.take(); }
+    std::optional<Failure> take_failure() { return m_misses.take(); }
     // True, once, after the renderer has begun to play anew: everything about it is worth a report.
     bool take_fresh_start() { return m_playback.take_fresh_start(); }
 

@@ -20,9 +20,9 @@ struct SessionPreparer::Shared {
     std::shared_ptr<const Logger> logger;
     std::atomic<uint64_t> newest{0};  // number of the session begun last; others may give up
 
-    std::mutex mutex;  // guards what follows; also held while on_news is called
+    std::mutex mutex;  // guards what follows; also held while on_change is called
     std::condition_variable thread_ended;
-    std::function<void()> on_news;
+    std::function<void()> on_change;
     std::optional<PreparedSession> ready;
     std::shared_ptr<Interruption> interruption;  // of the session begun last
     int threads = 0;
@@ -66,18 +66,18 @@ void probe(PreparedSession& session, nuv_audio_quality highest, Interruption& in
 
 }  // namespace
 
-SessionPreparer::SessionPreparer(std::function<void()> on_news, nuv_audio_quality highest,
+SessionPreparer::SessionPreparer(std::function<void()> on_change, nuv_audio_quality highest,
                                  std::shared_ptr<const Logger> logger)
     : m_shared(std::make_shared<Shared>()) {
     m_shared->highest = highest;
     m_shared->logger = std::move(logger);
-    m_shared->on_news = std::move(on_news);
+    m_shared->on_change = std::move(on_change);
 }
 
 SessionPreparer::~SessionPreparer() {
     ++m_shared->newest;
     std::unique_lock lock(m_shared->mutex);
-    m_shared->on_news = nullptr;
+    m_shared->on_change = nullptr;
     m_shared->interrupt();
     m_shared->thread_ended.wait_for(lock, kPatience, [this] { return m_shared->threads == 0; });
 }
@@ -110,9 +110,9 @@ bool SessionPreparer::begin(SessionRequest request) {
         }
         const std::lock_guard lock(shared->mutex);
         --shared->threads;
-        if (!gives_up() && shared->on_news) {
+        if (!gives_up() && shared->on_change) {
             shared->ready = std::move(session);
-            shared->on_news();
+            shared->on_change();
         }
         shared->thread_ended.notify_all();
     };

@@ -6,7 +6,7 @@
 // kMaxThreads. One that waits for the network ends with the next session. Of several sessions only
 // the one begun last is handed out.
 //
-// Threads: the loop's; no call waits, but for the destructor, at most kPatience. `on_news` comes
+// Threads: the loop's; no call waits, but for the destructor, at most kPatience. `on_change` comes
 // from the preparing threads, never after the destructor.
 #pragma once
 
@@ -46,7 +46,7 @@ class SessionPreparer {
     static constexpr std::chrono::seconds kPatience{1};
 
     // Tracks above `highest` are not played.
-    SessionPreparer(std::function<void()> on_news, nuv_audio_quality highest,
+    SessionPreparer(std::function<void()> on_change, nuv_audio_quality highest,
                     std::shared_ptr<const Logger> logger);
     ~SessionPreparer();
     SessionPreparer(const SessionPreparer&) = delete;

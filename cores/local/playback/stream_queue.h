@@ -82,9 +82,9 @@ class StreamQueue {
     };
     enum class Role { current, next };
 
-    // `on_news` comes from the decoding thread: a stream can go on.
+    // `on_change` comes from the decoding thread: a stream can go on.
     StreamQueue(const PlayerDelegates& delegates, Control& control,
-                std::shared_ptr<const Logger> logger, std::function<void()> on_news);
+                std::shared_ptr<const Logger> logger, std::function<void()> on_change);
     // Calls no delegate.
     ~StreamQueue();
     StreamQueue(const StreamQueue&) = delete;

@@ -70,17 +70,17 @@ void TrackPipe::give_up() {
 
 // ---- The crew -----------------------------------------------------------------------------------
 
-DecodeCrew::DecodeCrew(std::function<void()> on_news, nuv_audio_quality highest,
+DecodeCrew::DecodeCrew(std::function<void()> on_change, nuv_audio_quality highest,
                        std::shared_ptr<const Logger> logger)
     : m_shared(std::make_shared<CrewShared>()) {
     m_shared->highest = highest;
     m_shared->logger = std::move(logger);
-    m_shared->on_news = std::move(on_news);
+    m_shared->on_change = std::move(on_change);
 }
 
 DecodeCrew::~DecodeCrew() {
     std::unique_lock lock(m_shared->mutex);
-    m_shared->on_news = nullptr;
+    m_shared->on_change = nullptr;
     m_shared->thread_ended.wait_for(lock, kPatience, [this] { return m_shared->threads == 0; });
 }
 

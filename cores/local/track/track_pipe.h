@@ -62,7 +62,7 @@ class TrackPipe {
     HttpFailure failure() const;
 
     enum class Taken { block, wait, end };
-    // Takes the next block, to be given back. `wait`: news follow when there is one.
+    // Takes the next block, to be given back. `wait`: it is told when there is one.
     Taken take(PcmBlock* block);
     void give_back(const PcmBlock& block);
     // Other texts that belong to the sound from the block taken last on; each is told of once.
@@ -94,9 +94,9 @@ class DecodeCrew {
     static constexpr int kMaxThreads = 16;
     static constexpr std::chrono::seconds kPatience{1};
 
-    // `on_news` is called on the pipes' threads when something that a reader waits for has
+    // `on_change` is called on the pipes' threads when something that a reader waits for has
     // happened, never after the destructor. Tracks above `highest` fail to open.
-    DecodeCrew(std::function<void()> on_news, nuv_audio_quality highest,
+    DecodeCrew(std::function<void()> on_change, nuv_audio_quality highest,
                std::shared_ptr<const Logger> logger);
     // Waits for the threads, which may have to finish a block, but no longer than kPatience.
     ~DecodeCrew();

@@ -181,7 +181,7 @@ void TrackWork::open() {
         }
         m_opening = m_decoder ? Opening::ready : Opening::failed;
     }
-    m_crew->tell_news();
+    m_crew->tell_change();
 }
 
 void TrackWork::provide_blocks() {
@@ -242,7 +242,7 @@ void TrackWork::position(uint64_t target, std::unique_lock<std::mutex>& lock) {
     m_is_decoded_wholly = !reached;
     m_seek_result = m_decoded_frames;
     lock.unlock();
-    m_crew->tell_news();
+    m_crew->tell_change();
     lock.lock();
 }
 
@@ -281,7 +281,7 @@ void TrackWork::decode_block(std::unique_lock<std::mutex>& lock) {
         log_early_end();
     }
     if (tells) {
-        m_crew->tell_news();
+        m_crew->tell_change();
     }
     lock.lock();
 }

@@ -29,9 +29,9 @@ struct CrewShared {
     nuv_audio_quality highest;
     std::shared_ptr<const Logger> logger;
 
-    std::mutex mutex;  // guards what follows; also held while on_news is called
+    std::mutex mutex;  // guards what follows; also held while on_change is called
     std::condition_variable thread_ended;
-    std::function<void()> on_news;
+    std::function<void()> on_change;
     int threads = 0;
 
     bool add_thread() {
@@ -43,10 +43,10 @@ struct CrewShared {
         --threads;
         thread_ended.notify_all();
     }
-    void tell_news() {
+    void tell_change() {
         const std::lock_guard lock(mutex);
-        if (on_news) {
-            on_news();
+        if (on_change) {
+            on_change();
         }
     }
 };

@@ -21,7 +21,7 @@ struct audio_sink {
     volume_manager_ptr volume_manager;  // null: no volume control
     uint64_t next_renewal = 0;          // loop time, ms; of a lost one; 0: none is due
     // Tells the listener of a volume control that was found late, from the loop.
-    std::unique_ptr<uv_timer_t, nuvio::ReleasedBy<uv_timer_free>> volume_news;
+    std::unique_ptr<uv_timer_t, nuvio::ReleasedBy<uv_timer_free>> volume_told;
 
     void* listener = nullptr;
     audio_sink_space_available_callback space_available_callback = nullptr;
@@ -131,7 +131,7 @@ audio_sink* audio_sink_new(uv_loop_t* event_loop, const char* output_device,
                      volume_control_element,
                      {self.get(), alsa_audio_sink_on_volume_manager_volume_changed,
                       alsa_audio_sink_on_volume_manager_mute_state_changed}};
-    self->volume_news.reset(uv_timer_new(event_loop, self.get()));
+    self->volume_told.reset(uv_timer_new(event_loop, self.get()));
     self->volume_manager = new_volume_manager(self->control);
     if (!self->volume_manager) {
         app_log(LOG_LEVEL_WARNING,
@@ -188,7 +188,7 @@ bool audio_sink_open(audio_sink* self, const nuv_audio_format* format) {
         return false;
     }
     if (renew_volume_manager(self->volume_manager, self->control) == renewal::first) {
-        uv_timer_start(self->volume_news.get(), tell_volume, 0, 0);
+        uv_timer_start(self->volume_told.get(), tell_volume, 0, 0);
     }
     note_opened(self->output_device, *format, alsa_pcm_get_handle(self->pcm.get()));
     return true;

@@ -33,7 +33,7 @@ int bounded_call(
     const std::function<void()>& let_go = [] {}) {
     struct shared {
         std::mutex mutex;
-        std::condition_variable news;
+        std::condition_variable changed;
         bool has_begun = false;
         std::optional<int> result;
         bool is_given_up = false;
@@ -45,7 +45,7 @@ int bounded_call(
         {
             const std::lock_guard lock(record->mutex);
             record->has_begun = true;
-            record->news.notify_one();
+            record->changed.notify_one();
         }
         const int result = call(record->handle);
         Handle unclaimed;
@@ -54,7 +54,7 @@ int bounded_call(
         if (record->is_given_up) {
             unclaimed = std::move(record->handle);
         }
-        record->news.notify_one();
+        record->changed.notify_one();
     };
     try {
         std::thread(run).detach();
@@ -62,8 +62,8 @@ int bounded_call(
         run();
     }
     std::unique_lock lock(record->mutex);
-    record->news.wait_for(lock, kAlsaThreadPatience, [&] { return record->has_begun; });
-    record->news.wait_for(lock, patience, [&] { return record->result.has_value(); });
+    record->changed.wait_for(lock, kAlsaThreadPatience, [&] { return record->has_begun; });
+    record->changed.wait_for(lock, patience, [&] { return record->result.has_value(); });
     const std::optional<int> result = record->result;
     if (!result) {
         record->is_given_up = true;
