@@ -61,8 +61,9 @@ Host::Host()
       m_source_switch(m_pool, m_messages, m_now_playing),
       m_network(m_pool, m_settings.is_on(kHostAllowLoopback)),
       m_state(state_directory(m_settings)),
-      m_controls(m_settings, m_messages, m_now_playing, m_source_switch, m_network),
-      m_dispatcher(m_controls, m_network, m_state, m_settings),
+      m_controls(m_messages, m_now_playing, m_source_switch, m_network),
+      m_device(m_settings, m_messages, m_now_playing, m_network),
+      m_dispatcher(m_controls, m_device, m_network, m_state, m_settings),
       m_hooks(m_settings, m_now_playing) {
     tell_core();
     use_alsa_configuration();

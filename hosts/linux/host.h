@@ -11,6 +11,7 @@
 #include "configuration/settings.h"
 #include "configuration/state_store.h"
 #include "device/controls.h"
+#include "device/device_model.h"
 #include "device/message_store.h"
 #include "device/network_monitor.h"
 #include "device/notification_pool.h"
@@ -64,6 +65,7 @@ class Host {
     NetworkMonitor m_network;
     StateStore m_state;
     Controls m_controls;
+    const DeviceModel m_device;
     Dispatcher m_dispatcher;
     Hooks m_hooks;
     std::mutex m_lifecycle;  // start and stop, one at a time

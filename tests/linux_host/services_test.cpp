@@ -88,8 +88,7 @@ class HostServices : public testing::Test {
     NowPlaying now_playing;
     SourceSwitch source_switch{pool, messages, now_playing};
     NetworkMonitor network{pool, true};
-    Settings settings;
-    Controls controls{settings, messages, now_playing, source_switch, network};
+    Controls controls{messages, now_playing, source_switch, network};
     const SourceSwitch::Listener listener = new Listener(record);
 };
 

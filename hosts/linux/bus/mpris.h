@@ -11,6 +11,7 @@
 #include <optional>
 
 #include "device/controls.h"
+#include "device/device_model.h"
 
 namespace nuvio::host {
 
@@ -18,7 +19,7 @@ class Mpris {
   public:
     static constexpr char kBusName[] = "org.mpris.MediaPlayer2.nuvio_connect";
 
-    explicit Mpris(Controls& controls) : m_controls(controls) {}
+    Mpris(Controls& controls, const DeviceModel& device) : m_controls(controls), m_device(device) {}
 
     // Puts the object on the connection, for the connection's life. Negative errno on failure.
     int attach(sd_bus* bus);
@@ -30,7 +31,8 @@ class Mpris {
 
     // What the bus asks for (mpris_interface.h).
     Controls& controls() { return m_controls; }
-    NowPlayingView view() const { return m_controls.now_playing().view(); }
+    const DeviceModel& device() const { return m_device; }
+    NowPlayingView view() const { return m_device.playing(); }
     void preview_start();
     void play_pause();
     void seek_by(int64_t offset_us);
@@ -41,6 +43,7 @@ class Mpris {
     void seek(int64_t position_ms);
 
     Controls& m_controls;
+    const DeviceModel& m_device;
     // After a play-pause key, until the service reports or should have: what it has been asked to
     // become.
     std::optional<android::EPlayState> m_expected;

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "bus/append.h"
 #include "bus/mpris.h"
 
 namespace nuvio::host {
@@ -15,18 +16,6 @@ namespace {
 
 Mpris& self(void* userdata) {
     return *static_cast<Mpris*>(userdata);
-}
-
-const char* status_text(android::EPlayState status) {
-    switch (status) {
-        case android::PLAY_STATE_PLAYING:
-            return "Playing";
-        case android::PLAY_STATE_PAUSED:
-            return "Paused";
-        case android::PLAY_STATE_STOPPED:
-            break;
-    }
-    return "Stopped";
 }
 
 struct LoopWord {
@@ -100,59 +89,48 @@ int on_set_position(sd_bus_message* call, void* userdata, sd_bus_error*) {
 
 // --- properties ---
 
-#define NUVIO_GETTER(name)                                                             \
-    int name(sd_bus*, const char*, const char*, [[maybe_unused]] const char* property, \
-             sd_bus_message* reply, [[maybe_unused]] void* userdata, sd_bus_error*)
+#define NUVIO_GETTER(name)                                                          \
+    int name(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, \
+             [[maybe_unused]] void* userdata, sd_bus_error*)
 #define NUVIO_SETTER(name)                                                          \
     int name(sd_bus*, const char*, const char*, const char*, sd_bus_message* value, \
              void* userdata, [[maybe_unused]] sd_bus_error* error)
 
-NUVIO_GETTER(get_true) {
-    return sd_bus_message_append(reply, "b", 1);
-}
-NUVIO_GETTER(get_false) {
-    return sd_bus_message_append(reply, "b", 0);
+template <auto value>
+NUVIO_GETTER(get_always) {
+    return append(reply, value);
 }
 NUVIO_GETTER(get_no_list) {
     return sd_bus_message_append(reply, "as", 0);
 }
-NUVIO_GETTER(get_rate) {
-    return sd_bus_message_append(reply, "d", 1.0);
-}
 
 NUVIO_GETTER(get_identity) {
-    return sd_bus_message_append(reply, "s", self(userdata).controls().device_name().c_str());
+    return append(reply, self(userdata).device().name());
 }
 
-NUVIO_GETTER(get_status) {
-    return sd_bus_message_append(reply, "s", status_text(self(userdata).view().status));
+template <auto of_view>
+NUVIO_GETTER(get) {
+    return append(reply, of_view(self(userdata).view()));
 }
 
-NUVIO_GETTER(get_loop) {
-    const auto mode = static_cast<size_t>(self(userdata).view().modes.loop);
-    return sd_bus_message_append(reply, "s", kLoopWords[mode].text);
+std::string status(const NowPlayingView& view) {
+    return word_of(view.status).text;
 }
-
-NUVIO_GETTER(get_shuffle) {
-    return sd_bus_message_append(reply, "b", self(userdata).view().modes.shuffle ? 1 : 0);
+std::string loop(const NowPlayingView& view) {
+    return kLoopWords[static_cast<size_t>(view.modes.loop)].text;
 }
-
-NUVIO_GETTER(get_volume) {
-    return sd_bus_message_append(reply, "d", self(userdata).view().volume / 100.0);
+bool shuffle(const NowPlayingView& view) {
+    return view.modes.shuffle;
 }
-
-NUVIO_GETTER(get_position) {
-    return sd_bus_message_append(reply, "x", self(userdata).view().position_ms * kUsPerMs);
+double volume(const NowPlayingView& view) {
+    return view.volume / 100.0;
 }
-
-NUVIO_GETTER(get_action) {
-    const Actions actions = self(userdata).view().actions;
-    const std::string_view name = property;
-    const bool can = name == "CanGoNext"       ? actions.next
-                     : name == "CanGoPrevious" ? actions.previous
-                     : name == "CanSeek"       ? actions.seek
-                                               : actions.control;
-    return sd_bus_message_append(reply, "b", can ? 1 : 0);
+int64_t position_us(const NowPlayingView& view) {
+    return view.position_ms * kUsPerMs;
+}
+template <auto action>
+bool can(const NowPlayingView& view) {
+    return view.actions.*action;
 }
 
 // Without a track the map is empty; entries without a value are left out.
@@ -242,11 +220,12 @@ const sd_bus_vtable kRootTable[] = {
     SD_BUS_VTABLE_START(0),
     SD_BUS_METHOD("Raise", "", "", do_nothing, kOpen),
     SD_BUS_METHOD("Quit", "", "", do_nothing, kOpen),
-    SD_BUS_PROPERTY("CanQuit", "b", get_false, 0, kConst),
-    SD_BUS_PROPERTY("CanRaise", "b", get_false, 0, kConst),
-    SD_BUS_WRITABLE_PROPERTY("Fullscreen", "b", get_false, set_fullscreen, 0, kOpen | kChanges),
-    SD_BUS_PROPERTY("CanSetFullscreen", "b", get_false, 0, kConst),
-    SD_BUS_PROPERTY("HasTrackList", "b", get_false, 0, kConst),
+    SD_BUS_PROPERTY("CanQuit", "b", get_always<false>, 0, kConst),
+    SD_BUS_PROPERTY("CanRaise", "b", get_always<false>, 0, kConst),
+    SD_BUS_WRITABLE_PROPERTY("Fullscreen", "b", get_always<false>, set_fullscreen, 0,
+                             kOpen | kChanges),
+    SD_BUS_PROPERTY("CanSetFullscreen", "b", get_always<false>, 0, kConst),
+    SD_BUS_PROPERTY("HasTrackList", "b", get_always<false>, 0, kConst),
     SD_BUS_PROPERTY("Identity", "s", get_identity, 0, kChanges),
     SD_BUS_PROPERTY("SupportedUriSchemes", "as", get_no_list, 0, kConst),
     SD_BUS_PROPERTY("SupportedMimeTypes", "as", get_no_list, 0, kConst),
@@ -266,21 +245,21 @@ const sd_bus_vtable kPlayerTable[] = {
                              , on_set_position, kOpen),
     SD_BUS_METHOD_WITH_NAMES("OpenUri", "s", SD_BUS_PARAM(Uri), "", , on_open_uri, kOpen),
     SD_BUS_SIGNAL_WITH_NAMES("Seeked", "x", SD_BUS_PARAM(Position), 0),
-    SD_BUS_PROPERTY("PlaybackStatus", "s", get_status, 0, kChanges),
-    SD_BUS_WRITABLE_PROPERTY("LoopStatus", "s", get_loop, set_loop, 0, kOpen | kChanges),
-    SD_BUS_WRITABLE_PROPERTY("Rate", "d", get_rate, set_rate, 0, kOpen | kChanges),
-    SD_BUS_WRITABLE_PROPERTY("Shuffle", "b", get_shuffle, set_shuffle, 0, kOpen | kChanges),
+    SD_BUS_PROPERTY("PlaybackStatus", "s", get<status>, 0, kChanges),
+    SD_BUS_WRITABLE_PROPERTY("LoopStatus", "s", get<loop>, set_loop, 0, kOpen | kChanges),
+    SD_BUS_WRITABLE_PROPERTY("Rate", "d", get_always<1.0>, set_rate, 0, kOpen | kChanges),
+    SD_BUS_WRITABLE_PROPERTY("Shuffle", "b", get<shuffle>, set_shuffle, 0, kOpen | kChanges),
     SD_BUS_PROPERTY("Metadata", "a{sv}", get_metadata, 0, kChanges),
-    SD_BUS_WRITABLE_PROPERTY("Volume", "d", get_volume, set_volume, 0, kOpen | kChanges),
-    SD_BUS_PROPERTY("Position", "x", get_position, 0, 0),
-    SD_BUS_PROPERTY("MinimumRate", "d", get_rate, 0, kConst),
-    SD_BUS_PROPERTY("MaximumRate", "d", get_rate, 0, kConst),
-    SD_BUS_PROPERTY("CanGoNext", "b", get_action, 0, kChanges),
-    SD_BUS_PROPERTY("CanGoPrevious", "b", get_action, 0, kChanges),
-    SD_BUS_PROPERTY("CanPlay", "b", get_action, 0, kChanges),
-    SD_BUS_PROPERTY("CanPause", "b", get_action, 0, kChanges),
-    SD_BUS_PROPERTY("CanSeek", "b", get_action, 0, kChanges),
-    SD_BUS_PROPERTY("CanControl", "b", get_true, 0, 0),
+    SD_BUS_WRITABLE_PROPERTY("Volume", "d", get<volume>, set_volume, 0, kOpen | kChanges),
+    SD_BUS_PROPERTY("Position", "x", get<position_us>, 0, 0),
+    SD_BUS_PROPERTY("MinimumRate", "d", get_always<1.0>, 0, kConst),
+    SD_BUS_PROPERTY("MaximumRate", "d", get_always<1.0>, 0, kConst),
+    SD_BUS_PROPERTY("CanGoNext", "b", get<can<&Actions::next>>, 0, kChanges),
+    SD_BUS_PROPERTY("CanGoPrevious", "b", get<can<&Actions::previous>>, 0, kChanges),
+    SD_BUS_PROPERTY("CanPlay", "b", get<can<&Actions::control>>, 0, kChanges),
+    SD_BUS_PROPERTY("CanPause", "b", get<can<&Actions::control>>, 0, kChanges),
+    SD_BUS_PROPERTY("CanSeek", "b", get<can<&Actions::seek>>, 0, kChanges),
+    SD_BUS_PROPERTY("CanControl", "b", get_always<true>, 0, 0),
     SD_BUS_VTABLE_END,
 };
 

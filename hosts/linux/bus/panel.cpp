@@ -2,10 +2,13 @@
 
 #include <array>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
+#include "bus/append.h"
 #include "platform/Kora.h"
+#include "watch/status_json.h"
 
 namespace nuvio::host {
 
@@ -16,6 +19,10 @@ constexpr char kErrorNoSource[] = "org.nuvioconnect.Host1.Error.NoSource";
 
 Controls& controls(void* userdata) {
     return static_cast<Panel*>(userdata)->controls();
+}
+
+const DeviceModel& device(void* userdata) {
+    return static_cast<Panel*>(userdata)->device();
 }
 
 int refuse(sd_bus_error* error, const char* why) {
@@ -86,8 +93,7 @@ int on_network_status(sd_bus_message* call, void* userdata, sd_bus_error* error)
     if (iface != kWired && iface != kWireless) {
         return refuse(error, "Interface 1 is wired, 2 is wireless");
     }
-    return sd_bus_reply_method_return(call, "i",
-                                      controls(userdata).network().is_usable(iface) ? 1 : 0);
+    return sd_bus_reply_method_return(call, "i", device(userdata).is_usable(iface) ? 1 : 0);
 }
 
 int on_override_network(sd_bus_message* call, void* userdata, sd_bus_error* error) {
@@ -105,37 +111,23 @@ int on_override_network(sd_bus_message* call, void* userdata, sd_bus_error* erro
 }
 
 int on_status(sd_bus_message* call, void* userdata, sd_bus_error*) {
-    const std::string status = static_cast<Panel*>(userdata)->status().json();
+    const std::string status = status_json(device(userdata).state());
     return sd_bus_reply_method_return(call, "s", status.c_str());
 }
 
 // --- properties ---
 
-#define NUVIO_GETTER(name)                                                          \
-    int name(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, \
-             void* userdata, sd_bus_error*)
-
-NUVIO_GETTER(get_device_name) {
-    return sd_bus_message_append(reply, "s", controls(userdata).device_name().c_str());
+bool wired(const DeviceModel& device) {
+    return device.is_usable(kWired);
+}
+bool wireless(const DeviceModel& device) {
+    return device.is_usable(kWireless);
 }
 
-NUVIO_GETTER(get_current_source) {
-    return sd_bus_message_append(
-        reply, "i", controls(userdata).messages().read_number(android::KORA_CURRENT_SOURCE, 0));
-}
-
-NUVIO_GETTER(get_muted) {
-    return sd_bus_message_append(reply, "b", controls(userdata).is_muted() ? 1 : 0);
-}
-
-NUVIO_GETTER(get_wired) {
-    return sd_bus_message_append(reply, "b",
-                                 controls(userdata).network().is_usable(kWired) ? 1 : 0);
-}
-
-NUVIO_GETTER(get_wireless) {
-    return sd_bus_message_append(reply, "b",
-                                 controls(userdata).network().is_usable(kWireless) ? 1 : 0);
+template <auto part>
+int get(sd_bus*, const char*, const char*, const char*, sd_bus_message* reply, void* userdata,
+        sd_bus_error*) {
+    return append(reply, std::invoke(part, device(userdata)));
 }
 
 constexpr uint64_t kOpen = SD_BUS_VTABLE_UNPRIVILEGED;
@@ -155,11 +147,11 @@ const sd_bus_vtable kTable[] = {
     SD_BUS_METHOD_WITH_NAMES("OverrideNetwork", "ii", SD_BUS_PARAM(interface) SD_BUS_PARAM(status),
                              "", , on_override_network, kOpen),
     SD_BUS_METHOD_WITH_NAMES("Status", "", , "s", SD_BUS_PARAM(json), on_status, kOpen),
-    SD_BUS_PROPERTY("DeviceName", "s", get_device_name, 0, kChanges),
-    SD_BUS_PROPERTY("CurrentSource", "i", get_current_source, 0, kChanges),
-    SD_BUS_PROPERTY("Muted", "b", get_muted, 0, kChanges),
-    SD_BUS_PROPERTY("Wired", "b", get_wired, 0, kChanges),
-    SD_BUS_PROPERTY("Wireless", "b", get_wireless, 0, kChanges),
+    SD_BUS_PROPERTY("DeviceName", "s", get<&DeviceModel::name>, 0, kChanges),
+    SD_BUS_PROPERTY("CurrentSource", "i", get<&DeviceModel::current_source>, 0, kChanges),
+    SD_BUS_PROPERTY("Muted", "b", get<&DeviceModel::is_muted>, 0, kChanges),
+    SD_BUS_PROPERTY("Wired", "b", get<wired>, 0, kChanges),
+    SD_BUS_PROPERTY("Wireless", "b", get<wireless>, 0, kChanges),
     SD_BUS_VTABLE_END,
 };
 

@@ -8,7 +8,7 @@
 #include <systemd/sd-bus.h>
 
 #include "device/controls.h"
-#include "watch/device_status.h"
+#include "device/device_model.h"
 
 namespace nuvio::host {
 
@@ -17,8 +17,7 @@ class Panel {
     static constexpr char kBusName[] = "org.nuvioconnect.Host1";
     static constexpr char kPath[] = "/org/nuvioconnect/Host1";
 
-    Panel(Controls& controls, const DeviceStatus& status)
-        : m_controls(controls), m_status(status) {}
+    Panel(Controls& controls, const DeviceModel& device) : m_controls(controls), m_device(device) {}
 
     // Puts the object on the connection, for the connection's life. Negative errno on failure.
     int attach(sd_bus* bus);
@@ -28,11 +27,11 @@ class Panel {
     static void publish_network(sd_bus* bus);
 
     Controls& controls() { return m_controls; }
-    const DeviceStatus& status() const { return m_status; }
+    const DeviceModel& device() const { return m_device; }
 
   private:
     Controls& m_controls;
-    const DeviceStatus& m_status;
+    const DeviceModel& m_device;
 };
 
 }  // namespace nuvio::host

@@ -5,7 +5,6 @@
 #include "base/text.h"
 #include "common/number.h"
 #include "configuration/device_name.h"
-#include "configuration/identity.h"
 #include "platform/Kora.h"
 
 namespace nuvio::host {
@@ -76,24 +75,6 @@ bool Controls::take_output(int source) {
 
 void Controls::request_shutdown() {
     m_messages.write(android::KORA_SHUTDOWN_REQUEST, "1");
-}
-
-std::string Controls::device_name() const {
-    std::string name;
-    m_messages.read(android::KORA_DEVICE_NAME, name);
-    return name.empty() ? friendly_name(m_settings) : to_utf8(name);
-}
-
-std::optional<int> Controls::volume() const {
-    std::string text;
-    m_messages.read(android::KORA_VOLUME, text);
-    return to_percent(text);
-}
-
-bool Controls::is_muted() const {
-    std::string text;
-    m_messages.read(android::KORA_MUTE, text);
-    return text == "MUTE";
 }
 
 }  // namespace nuvio::host

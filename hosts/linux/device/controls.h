@@ -4,10 +4,8 @@
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
-#include "configuration/settings.h"
 #include "device/message_store.h"
 #include "device/network_monitor.h"
 #include "device/now_playing.h"
@@ -17,10 +15,9 @@ namespace nuvio::host {
 
 class Controls {
   public:
-    Controls(const Settings& settings, MessageStore& messages, NowPlaying& now_playing,
-             SourceSwitch& source_switch, NetworkMonitor& network)
-        : m_settings(settings),
-          m_messages(messages),
+    Controls(MessageStore& messages, NowPlaying& now_playing, SourceSwitch& source_switch,
+             NetworkMonitor& network)
+        : m_messages(messages),
           m_now_playing(now_playing),
           m_source_switch(source_switch),
           m_network(network) {}
@@ -53,18 +50,11 @@ class Controls {
 
     void request_shutdown();
 
-    // The name given to the device, else the machine's.
-    std::string device_name() const;
-    // In percent; none while nobody has set one.
-    std::optional<int> volume() const;
-    bool is_muted() const;
-
     const MessageStore& messages() const { return m_messages; }
     NowPlaying& now_playing() { return m_now_playing; }
     NetworkMonitor& network() { return m_network; }
 
   private:
-    const Settings& m_settings;
     MessageStore& m_messages;
     NowPlaying& m_now_playing;
     SourceSwitch& m_source_switch;

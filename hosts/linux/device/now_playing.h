@@ -5,6 +5,7 @@
 // not call the model.
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -16,6 +17,23 @@
 #include "platform/SourceSwitch.h"
 
 namespace nuvio::host {
+
+// What a state is called: to people and on the bus, and as a key for machines.
+struct PlayStateWord {
+    const char* text;
+    const char* key;
+};
+inline constexpr std::array<PlayStateWord, 3> kPlayStateWords = {{
+    {"Playing", "playing"},
+    {"Stopped", "stopped"},
+    {"Paused", "paused"},
+}};
+// One that the platform's enumeration lacks is shown as stopped.
+constexpr const PlayStateWord& word_of(android::EPlayState state) {
+    const auto index = static_cast<size_t>(state);
+    return kPlayStateWords[index < kPlayStateWords.size() ? index
+                                                          : size_t{android::PLAY_STATE_STOPPED}];
+}
 
 enum class LoopMode { none, track, playlist };
 

@@ -36,17 +36,16 @@ int timeout_until(const std::optional<std::chrono::steady_clock::time_point>& de
 
 }  // namespace
 
-Dispatcher::Dispatcher(Controls& controls, NetworkMonitor& network, StateStore& state,
-                       const Settings& settings)
+Dispatcher::Dispatcher(Controls& controls, const DeviceModel& device, NetworkMonitor& network,
+                       StateStore& state, const Settings& settings)
     : m_network(network),
       m_state(state),
       m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      m_status(controls),
-      m_mpris(controls),
-      m_panel(controls, m_status),
+      m_mpris(controls, device),
+      m_panel(controls, device),
       m_shows_raw_messages(settings.is_on(kHostBusMessages)),
       m_link(bus_addresses(settings.get(kHostBus)), [this](sd_bus* bus) { return set_up(bus); }),
-      m_metrics(settings.get(kHostMetricsSocket), m_status) {}
+      m_metrics(settings.get(kHostMetricsSocket), device) {}
 
 void Dispatcher::start() {
     m_thread = std::thread([this] { run(); });

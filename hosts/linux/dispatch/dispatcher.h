@@ -23,16 +23,16 @@
 #include "configuration/settings.h"
 #include "configuration/state_store.h"
 #include "device/controls.h"
+#include "device/device_model.h"
 #include "device/network_monitor.h"
-#include "watch/device_status.h"
 #include "watch/metrics_socket.h"
 
 namespace nuvio::host {
 
 class Dispatcher {
   public:
-    Dispatcher(Controls& controls, NetworkMonitor& network, StateStore& state,
-               const Settings& settings);
+    Dispatcher(Controls& controls, const DeviceModel& device, NetworkMonitor& network,
+               StateStore& state, const Settings& settings);
     ~Dispatcher() { stop(); }
     Dispatcher(const Dispatcher&) = delete;
     Dispatcher& operator=(const Dispatcher&) = delete;
@@ -77,7 +77,6 @@ class Dispatcher {
     std::thread m_thread;
 
     // The thread's own.
-    const DeviceStatus m_status;
     Mpris m_mpris;
     Panel m_panel;
     const bool m_shows_raw_messages;

@@ -3,10 +3,10 @@
 
 #include "configuration/identity.h"
 #include "configuration/settings_edit.h"
+#include "device/device_model.h"
 #include "host.h"
 #include "platform/ServiceReport.h"
 #include "platform/SettingsFile.h"
-#include "watch/device_status.h"
 
 using nuvio::host::Host;
 

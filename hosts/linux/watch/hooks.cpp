@@ -25,11 +25,11 @@ constexpr milliseconds kPause{100};  // between two of a kind
 constexpr int kDefaultOffDelay = 5;  // s
 constexpr uint32_t kWatched = kPlayerStatus | kPlayerVolume | kPlayerActions;
 
-constexpr char kPlaying[] = "playing";
-constexpr char kStopped[] = "stopped";
+constexpr const char* kPlaying = word_of(android::PLAY_STATE_PLAYING).key;
+constexpr const char* kPaused = word_of(android::PLAY_STATE_PAUSED).key;
+constexpr const char* kStopped = word_of(android::PLAY_STATE_STOPPED).key;
 constexpr char kBegin[] = "begin";
 constexpr char kEnd[] = "end";
-constexpr std::array kStates = {kPlaying, kStopped, "paused"};  // by EPlayState
 
 constexpr std::array kKeys = {kHostHookPlaying, kHostHookPaused, kHostHookStopped, kHostHookVolume,
                               kHostHookSession};
@@ -39,7 +39,7 @@ bool is_on(std::string_view value) {
 }
 
 bool is_off(std::string_view value) {
-    return value == kEnd || value == kStopped || value == kStates[android::PLAY_STATE_PAUSED];
+    return value == kEnd || value == kStopped || value == kPaused;
 }
 
 // What is wrong with how a hook ended; empty when nothing is.
@@ -114,7 +114,7 @@ void Hooks::look(Clock::time_point now) {
         return;
     }
     const NowPlayingView view = m_now_playing.view();
-    want(m_slots[kState], kStates[view.status], now);
+    want(m_slots[kState], word_of(view.status).key, now);
     want(m_slots[kVolume], std::to_string(view.volume), now);
     want(m_slots[kSession], view.actions.control ? kBegin : kEnd, now);
 }

@@ -12,6 +12,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "watch/metrics_page.h"
+
 namespace nuvio::host {
 
 namespace {
@@ -146,7 +148,7 @@ std::string MetricsSocket::answer_to(const std::string& request) const {
     if (!request.starts_with("GET ")) {
         return response("405 Method Not Allowed", "");
     }
-    return request.starts_with("GET /metrics ") ? response("200 OK", m_status.metrics())
+    return request.starts_with("GET /metrics ") ? response("200 OK", metrics_page(m_device.state()))
                                                 : response("404 Not Found", "");
 }
 

@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "common/unique_fd.h"
-#include "watch/device_status.h"
+#include "device/device_model.h"
 
 namespace nuvio::host {
 
@@ -26,9 +26,9 @@ class MetricsSocket {
   public:
     using Clock = std::chrono::steady_clock;
 
-    // Without a path there is no socket. The status is borrowed.
-    MetricsSocket(std::string path, const DeviceStatus& status)
-        : m_path(std::move(path)), m_status(status) {}
+    // Without a path there is no socket. The model is borrowed.
+    MetricsSocket(std::string path, const DeviceModel& device)
+        : m_path(std::move(path)), m_device(device) {}
     ~MetricsSocket() { close(); }
     MetricsSocket(const MetricsSocket&) = delete;
     MetricsSocket& operator=(const MetricsSocket&) = delete;
@@ -58,7 +58,7 @@ class MetricsSocket {
     bool serve(Peer& peer) const;
 
     const std::string m_path;
-    const DeviceStatus& m_status;
+    const DeviceModel& m_device;
     UniqueFd m_listener;
     std::list<Peer> m_peers;                  // the oldest first
     size_t m_first = 0;                       // of the descriptors, which are ours

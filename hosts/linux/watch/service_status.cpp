@@ -8,8 +8,7 @@
 namespace nuvio::host {
 
 std::string status_text(const NowPlayingView& view) {
-    static constexpr const char* kStates[] = {"Playing", "Stopped", "Paused"};
-    std::string text = kStates[view.status];
+    std::string text = word_of(view.status).text;
     if (view.track && view.status != android::PLAY_STATE_STOPPED) {
         text += ": " + view.track->title;
         if (!view.track->artist.empty()) {

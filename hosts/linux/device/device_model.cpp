@@ -1,0 +1,94 @@
+#include "device/device_model.h"
+
+#include <atomic>
+
+#include "base/text.h"
+#include "common/number.h"
+#include "configuration/identity.h"
+#include "platform/Kora.h"
+
+namespace nuvio::host {
+
+namespace {
+
+constinit std::atomic<ServiceReport> service_report{nullptr};
+
+std::optional<int32_t> number_in(const android::AMessage& report, const std::string& key) {
+    int32_t value = 0;
+    return report.findInt32(key.c_str(), &value) ? std::optional(value) : std::nullopt;
+}
+
+std::optional<std::string> text_in(const android::AMessage& report, const char* key) {
+    std::string value;
+    return report.findString(key, &value) ? std::optional(to_utf8(value)) : std::nullopt;
+}
+
+AudioFormat format_in(const android::AMessage& report, const std::string& prefix) {
+    return {number_in(report, prefix + "rate"), number_in(report, prefix + "bits"),
+            number_in(report, prefix + "channels")};
+}
+
+ServiceState ask_service() {
+    const ServiceReport ask = service_report;
+    const android::sp<android::AMessage> message = ask != nullptr ? ask() : nullptr;
+    if (message == nullptr) {
+        return {};
+    }
+    const android::AMessage& report = *message;
+    const auto exact = number_in(report, "bit_exact");
+    return {.version = text_in(report, "service_version"),
+            .sdk_version = text_in(report, "sdk_version"),
+            .alsa_version = text_in(report, "alsa_version"),
+            .sessions = number_in(report, "sessions"),
+            .underruns = number_in(report, "underruns"),
+            .error = text_in(report, "error"),
+            .error_time = text_in(report, "error_time"),
+            .stream = format_in(report, ""),
+            .device = text_in(report, "device"),
+            .path = text_in(report, "path"),
+            .card = format_in(report, "card_"),
+            .card_format = text_in(report, "card_format"),
+            .bit_exact = exact ? std::optional(*exact != 0) : std::nullopt,
+            .bit_exact_why = text_in(report, "bit_exact_why"),
+            .buffer_frames = number_in(report, "buffer_frames"),
+            .period_frames = number_in(report, "period_frames")};
+}
+
+}  // namespace
+
+void set_service_report(ServiceReport report) {
+    service_report = report;
+}
+
+DeviceState DeviceModel::state() const {
+    return {.name = name(),
+            .uptime = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_started),
+            .playing = playing(),
+            .volume = volume(),
+            .muted = is_muted(),
+            .service = ask_service()};
+}
+
+std::string DeviceModel::name() const {
+    std::string name;
+    m_messages.read(android::KORA_DEVICE_NAME, name);
+    return name.empty() ? friendly_name(m_settings) : to_utf8(name);
+}
+
+std::optional<int> DeviceModel::volume() const {
+    std::string text;
+    m_messages.read(android::KORA_VOLUME, text);
+    return to_percent(text);
+}
+
+bool DeviceModel::is_muted() const {
+    std::string text;
+    m_messages.read(android::KORA_MUTE, text);
+    return text == "MUTE";
+}
+
+int DeviceModel::current_source() const {
+    return m_messages.read_number(android::KORA_CURRENT_SOURCE, 0);
+}
+
+}  // namespace nuvio::host
