@@ -36,12 +36,9 @@ std::vector<Rule> rules() {
 }
 
 std::vector<std::string> names() {
-    std::vector<std::string> result;
-    for (const Rule& rule : rules()) {
-        result.emplace_back(rule.name);
-    }
-    for (const Throughout& rule : kThroughout) {
-        result.emplace_back(rule.name);
+    std::vector<std::string> result = names_of(rules());
+    for (const std::string& name : names_of(kThroughout)) {
+        result.push_back(name);
     }
     return result;
 }

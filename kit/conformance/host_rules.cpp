@@ -14,14 +14,6 @@ std::vector<Rule> rules() {
     return all;
 }
 
-std::vector<std::string> names() {
-    std::vector<std::string> result;
-    for (const Rule& rule : rules()) {
-        result.emplace_back(rule.name);
-    }
-    return result;
-}
-
 void check_all(Report& report, const Options& options) {
     g_patience = std::chrono::seconds(options.patience_s);
     for (const Rule& rule : rules()) {
@@ -41,5 +33,5 @@ void check_all(Report& report, const Options& options) {
 }  // namespace nuvio::kit
 
 extern "C" __attribute__((visibility("default"))) nuvio::kit::Rules nuvio_rules() {
-    return {nuvio::kit::names(), nuvio::kit::check_all};
+    return {nuvio::kit::names_of(nuvio::kit::rules()), nuvio::kit::check_all};
 }

@@ -60,6 +60,15 @@ struct Rules {
     void (*check)(Report& report, const Options& options);
 };
 
+template <typename List>
+std::vector<std::string> names_of(const List& rules) {
+    std::vector<std::string> names;
+    for (const auto& rule : rules) {
+        names.emplace_back(rule.name);
+    }
+    return names;
+}
+
 // The name under which a module shows its only function.
 inline constexpr char kRulesFunction[] = "nuvio_rules";
 using RulesFunction = Rules (*)();
