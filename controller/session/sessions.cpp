@@ -87,6 +87,9 @@ Outcome Sessions::begin(const std::string& id, const FoundDevice& found,
             })) {
             return {false, "the device is still being offered something else"};
         }
+        if (m_house.is_closed) {
+            return {false, "the controller ends"};
+        }
         m_offered_to.insert(id);
     }
     const auto done = [&](Sessions*) {

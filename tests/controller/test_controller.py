@@ -1,5 +1,6 @@
 """The controller from outside: by its command line, as a device, and as a peer that means no good."""
 import contextlib
+import http.server
 import json
 import signal
 import socket
@@ -95,9 +96,16 @@ class Peers(HouseTest):
     rooms = ["Kitchen"]
     options = ["--password", "sesame", "--base", "/music"]
 
+    def sessions(self):
+        return json.loads((self.folder / "state-of-controller/sessions.json").read_text())
+
     def token(self):
-        sessions = json.loads((self.folder / "state-of-controller/sessions.json").read_text())
-        return sessions[0]["token"]
+        return self.sessions()[0]["token"]
+
+    def publish(self, name, port):
+        process = subprocess.Popen(["avahi-publish", "-s", name, "_nuvio-connect._tcp", str(port), "path=/"],
+                                   env=self.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(self.devices[0].end, process)
 
     def socket(self, data=b"", address="127.0.0.1", source=("127.0.0.3", 0)):
         connection = socket.socket()
@@ -142,14 +150,47 @@ class Peers(HouseTest):
                 self.assertEqual(self.ask(path, headers={**bearer, **foreign})[0], 403, (path, foreign))
         self.assertEqual(self.ask("/content/../../etc/passwd", headers=bearer)[0] // 100, 4)
 
+    def test_a_late_refusal_takes_back_no_session_that_came_after_it(self):
+        offers, second_is_taken = [], threading.Event()
+
+        class Device(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                self.send_response(200)
+                self.end_headers()
+
+            def do_POST(self):
+                offers.append(json.loads(self.rfile.read(int(self.headers["Content-Length"])))["session_id"])
+                if len(offers) == 1:
+                    second_is_taken.wait(1)
+                    time.sleep(0.1)
+                    self.send_error(500)
+                else:
+                    self.do_GET()
+                    second_is_taken.set()
+
+            def log_message(self, *_):
+                pass
+
+        self.start_all()
+        server = http.server.ThreadingHTTPServer(("", 0), Device)
+        self.addCleanup(server.server_close)
+        self.addCleanup(server.shutdown)
+        threading.Thread(target=server.serve_forever).start()
+        self.publish("Late", server.server_port)
+        wait_for("Late", lambda: self.shown("Late"))
+        play = ("/api/devices/Late/play", {"what": ["http://x/"]}, SESAME)
+        first = threading.Thread(target=self.ask, args=play)
+        first.start()
+        wait_for("the first offer", lambda: offers)
+        self.assertEqual(self.ask(*play)[0], 200)
+        first.join()
+        self.assertEqual([each["id"] for each in self.sessions()], offers[1:])
+
     def test_a_device_that_never_answers_does_not_hold_up_the_end(self):
         self.start_all()
         silent = socket.create_server(("", 0))
         self.addCleanup(silent.close)
-        process = subprocess.Popen(["avahi-publish", "-s", "Silent", "_nuvio-connect._tcp",
-                                    str(silent.getsockname()[1]), "path=/"], env=self.environment,
-                                   stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        self.addCleanup(self.devices[0].end, process)
+        self.publish("Silent", silent.getsockname()[1])
         held = [silent.accept()]
         threading.Thread(target=self.ask, args=("/api/devices/Silent/play", {"what": ["http://x/"]}, SESAME)).start()
         held.append(silent.accept())
