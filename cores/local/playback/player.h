@@ -1,11 +1,9 @@
 // Plays a session on the device's renderer.
 //
-// Commands change the goals (PlaybackState: playing, paused or stopped, a position to go to; the
-// session: which track); the passes of the loop take the steps that lead from what the renderer has
-// confirmed to them, on the streams of the queue (StreamQueue), as far as the renderer's present
-// state allows. Samples are offered by Delivery; Misses knows what failed so far.
-//
-// player.cpp has the commands, the notifications and which track comes; player_steps.cpp the steps.
+// The course says where it is to go (the session, the track, the goals: playing, paused or stopped,
+// a position); the passes of the loop take the steps that lead there from what the renderer has
+// confirmed (PlaybackState), on the streams of the queue (StreamQueue), as far as the renderer's
+// present state allows. Samples are offered by Delivery.
 //
 // Loop thread only. Delegates are called from `advance` and `deliver` (and `apply`, which asks for
 // the position), never from the notifications.
@@ -17,12 +15,13 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <utility>
 
 #include "local/base/logger.h"
 #include "local/network/remote_settings.h"
 #include "local/playback/control.h"
+#include "local/playback/course.h"
 #include "local/playback/delivery.h"
-#include "local/playback/misses.h"
 #include "local/playback/pace.h"
 #include "local/playback/playback_state.h"
 #include "local/playback/session.h"
@@ -48,8 +47,11 @@ class Player {
     Player(const Player&) = delete;
     Player& operator=(const Player&) = delete;
 
-    void apply(Command command);
-    void set_modes(nuv_loop_mode loop_mode, bool shuffle);
+    void apply(Command command) { m_course.apply(std::move(command)); }
+    void set_modes(nuv_loop_mode loop_mode, bool shuffle) {
+        m_course.set_modes(loop_mode, shuffle);
+    }
+    nuv_error edit(QueueEdit& edit) { return m_course.edit(edit); }
 
     // Takes the first step that is due; true when there was one.
     bool advance();
@@ -66,14 +68,13 @@ class Player {
 
     PlayerView view() const;
     // Null without one.
-    const Session* session() const { return m_session.get(); }
-    nuv_error edit(QueueEdit& edit);
+    const Session* session() const { return m_course.session(); }
     // None while nothing of the session is heard.
     std::optional<HeardTrack> heard() const;
     // In the track that is heard; 0 without one. Calls a delegate.
     uint64_t position_ms() const;
     // The oldest that has not been taken.
-    std::optional<Failure> take_failure() { return m_misses.take(); }
+    std::optional<Failure> take_failure() { return m_course.take_failure(); }
     // True, once, after the renderer has begun to play anew: everything about it is worth a report.
     bool take_fresh_start() { return m_playback.take_fresh_start(); }
 
@@ -107,41 +108,16 @@ class Player {
     bool is_heard() const;
     bool deliver_one(Role role);
 
-    // Commands.
-    void join_session(Command& command);
-    void leave_session();
-    void pause(const Command&);
-    void resume(const Command&);
-    void stop(const Command&);
-    void go_to_next(const Command&);
-    void go_back(const Command&);
-    void seek(const Command& command);
-
-    // Which track comes.
-    void skip_to(size_t track);
-    void end_session();
-    void go_on_after_last_sample();
-    void pass_over(const Stream& stream);
-    bool pass_over_refused();
-    bool begin_anew();
-    TrackPlace place_of(size_t track) const { return {track, m_session_count}; }
+    std::optional<Course::Heard> heard_on_the_way_back() const;
 
     const PlayerDelegates m_delegates;
     const std::shared_ptr<const Logger> m_logger;
 
-    std::unique_ptr<Session> m_session;
-    uint64_t m_session_count = 0;
-    nuv_loop_mode m_loop_mode = NUV_LOOP_MODE_OFF;
-    bool m_shuffle = false;
-    bool m_is_active = false;
-    bool m_goes_backwards = false;  // the last skip did: so are unplayable tracks passed over
     uint64_t m_seek_count = 0;
-    uint64_t m_text_count = 0;
-
     PlaybackState m_playback;
+    Course m_course;
     StreamQueue m_streams;
     Delivery m_delivery;
-    Misses m_misses;
     Pace::Time m_paused_at;
     // Where sound begins after a pause or a seek, until the renderer takes something.
     std::optional<uint64_t> m_resumed_ms;

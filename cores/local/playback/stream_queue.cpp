@@ -127,7 +127,7 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
             case TrackPipe::Taken::wait:
                 return {};
             case TrackPipe::Taken::end:
-                return {0, true, true, false};
+                return {0, true, true};
             case TrackPipe::Taken::block:
                 break;
         }
@@ -149,14 +149,17 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
     if (stream.m_offered_bytes == stream.m_block.size_bytes) {
         give_back_block(stream);
     }
-    return {taken, stream.m_is_open, false, renew_texts(stream), taken < left};
+    const bool has_more = stream.m_is_open;
+    renew_texts(stream);
+    return {taken, has_more, false, taken < left};
 }
 
-bool StreamQueue::renew_texts(Stream& stream) {
+void StreamQueue::renew_texts(Stream& stream) {
     auto texts = stream.m_pipe->take_new_texts();
     if (!texts) {
-        return false;
+        return;
     }
+    ++m_text_count;
     stream.m_texts.push_back(std::move(*texts));
     m_control.remove_texts(stream.m_id);
     m_control.add_texts(stream.m_id, &stream.m_texts.back());
@@ -165,7 +168,6 @@ bool StreamQueue::renew_texts(Stream& stream) {
     }
     const nuv_stream_metadata metadata = stream.m_texts.back().view();
     m_delegates.audio.metadata(m_delegates.core, stream.m_id, &metadata, m_delegates.audio.context);
-    return true;
 }
 
 size_t StreamQueue::wanted_of_next() const {

@@ -112,13 +112,14 @@ class StreamQueue {
 
     struct Offered {
         size_t taken_bytes = 0;
-        bool has_more = false;       // that may be taken at once
-        bool is_at_end = false;      // to be finished
-        bool has_new_texts = false;  // told of
+        bool has_more = false;   // that may be taken at once
+        bool is_at_end = false;  // to be finished
         bool is_output_full = false;
     };
     // Offers the stream's next block, or what is left of the last one.
     Offered offer(Role role);
+    // How often a stream's texts were told anew.
+    uint64_t text_count() const { return m_text_count; }
     // Reports it as delivered wholly.
     void finish(Role role);
     // NUV_ERROR_NOT_FOUND for an unknown stream.
@@ -151,7 +152,7 @@ class StreamQueue {
     void withdraw(Stream& stream);
     void release(StreamPtr stream);
     void give_back_block(Stream& stream);
-    bool renew_texts(Stream& stream);
+    void renew_texts(Stream& stream);
 
     const PlayerDelegates m_delegates;
     Control& m_control;
@@ -160,6 +161,7 @@ class StreamQueue {
     std::chrono::steady_clock::time_point m_hand_over_time;
 
     uint64_t m_last_stream_id = 0;
+    uint64_t m_text_count = 0;
     DecodeCrew m_crew;
     StreamPtr m_current;
     StreamPtr m_next;
