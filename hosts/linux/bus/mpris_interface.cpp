@@ -119,6 +119,9 @@ std::string status(const NowPlayingView& view) {
 std::string loop(const NowPlayingView& view) {
     return kLoopWords[static_cast<size_t>(view.modes.loop)].text;
 }
+double rate(const NowPlayingView&) {
+    return 1;
+}
 bool shuffle(const NowPlayingView& view) {
     return view.modes.shuffle;
 }
@@ -247,13 +250,13 @@ const sd_bus_vtable kPlayerTable[] = {
     SD_BUS_SIGNAL_WITH_NAMES("Seeked", "x", SD_BUS_PARAM(Position), 0),
     SD_BUS_PROPERTY("PlaybackStatus", "s", get<status>, 0, kChanges),
     SD_BUS_WRITABLE_PROPERTY("LoopStatus", "s", get<loop>, set_loop, 0, kOpen | kChanges),
-    SD_BUS_WRITABLE_PROPERTY("Rate", "d", get_always<1.0>, set_rate, 0, kOpen | kChanges),
+    SD_BUS_WRITABLE_PROPERTY("Rate", "d", get<rate>, set_rate, 0, kOpen | kChanges),
     SD_BUS_WRITABLE_PROPERTY("Shuffle", "b", get<shuffle>, set_shuffle, 0, kOpen | kChanges),
     SD_BUS_PROPERTY("Metadata", "a{sv}", get_metadata, 0, kChanges),
     SD_BUS_WRITABLE_PROPERTY("Volume", "d", get<volume>, set_volume, 0, kOpen | kChanges),
     SD_BUS_PROPERTY("Position", "x", get<position_us>, 0, 0),
-    SD_BUS_PROPERTY("MinimumRate", "d", get_always<1.0>, 0, kConst),
-    SD_BUS_PROPERTY("MaximumRate", "d", get_always<1.0>, 0, kConst),
+    SD_BUS_PROPERTY("MinimumRate", "d", get<rate>, 0, kConst),
+    SD_BUS_PROPERTY("MaximumRate", "d", get<rate>, 0, kConst),
     SD_BUS_PROPERTY("CanGoNext", "b", get<can<&Actions::next>>, 0, kChanges),
     SD_BUS_PROPERTY("CanGoPrevious", "b", get<can<&Actions::previous>>, 0, kChanges),
     SD_BUS_PROPERTY("CanPlay", "b", get<can<&Actions::control>>, 0, kChanges),
