@@ -57,7 +57,8 @@ std::optional<Url> split_url(const std::string& url) {
         return std::nullopt;
     }
     Url parts{part(handle, CURLUPART_SCHEME), part(handle, CURLUPART_HOST), 0,
-              part(handle, CURLUPART_PATH), !part(handle, CURLUPART_USER).empty()};
+              part(handle, CURLUPART_PATH),
+              !(part(handle, CURLUPART_USER) + part(handle, CURLUPART_PASSWORD)).empty()};
     const auto* const scheme =
         std::ranges::find_if(kSchemes, [&](const auto& row) { return row.scheme == parts.scheme; });
     if (scheme == std::end(kSchemes)) {

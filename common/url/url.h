@@ -10,11 +10,11 @@
 namespace nuvio {
 
 struct Url {
-    std::string scheme;  // http, https, ws or wss
-    std::string host;    // a name or an address, the latter without brackets
-    uint16_t port = 0;   // the scheme's own where the URL names none
-    std::string path;    // with the query; at least "/"
-    bool has_user = false;
+    std::string scheme;     // http, https, ws or wss
+    std::string host;       // a name or an address, the latter without brackets
+    uint16_t port = 0;      // the scheme's own where the URL names none
+    std::string path;       // with the query; at least "/"
+    bool has_user = false;  // or a password
 };
 
 // Absolute; blanks and control characters are refused, a fragment is left out.

@@ -12,6 +12,7 @@ namespace nuvio::host {
 inline int append(sd_bus_message* reply, const std::string& text) {
     return sd_bus_message_append(reply, "s", text.c_str());
 }
+int append(sd_bus_message* reply, const char* text) = delete;  // it would be a bool
 inline int append(sd_bus_message* reply, bool value) {
     return sd_bus_message_append(reply, "b", value ? 1 : 0);
 }

@@ -3,7 +3,8 @@
 // which name.
 //
 // Any thread. Each part is read under its owner's lock, one after the other, and none is held when
-// a call returns. Asks no card, wakes nothing and never waits.
+// a call returns. Asks no card and wakes nothing; `state` and `name` may read the machine's name
+// from the disk.
 #pragma once
 
 #include <chrono>
