@@ -44,6 +44,8 @@ publish-hinfo=no
 class Host:
     """A machine on the network; host a is where this program runs itself."""
 
+    starts = itertools.count(1)
+
     def __init__(self, name, interface, address, process):
         self.address = address
         self.directory = RUN / name
@@ -71,9 +73,12 @@ class Host:
         wait_for("a bus", socket.exists)
 
     def start_avahi(self):
-        self.avahi = self.spawn(
-            self.directory / "avahi.log", "avahi-daemon", "--no-drop-root", "--no-chroot",
-            "--no-rlimits", f"--file={self.directory}/avahi.conf")
+        """Until it is up: one that is ended while it starts can leave an empty file for its process
+        id, and then none starts any more, or never ends because its bus went."""
+        log = self.directory / f"avahi-{next(self.starts)}.log"
+        self.avahi = self.spawn(log, "avahi-daemon", "--no-drop-root", "--no-chroot",
+                                "--no-rlimits", f"--file={self.directory}/avahi.conf")
+        wait_for("Avahi", lambda: "Server startup complete" in log.read_text())
 
     def start(self):
         self.start_bus()
