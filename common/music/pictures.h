@@ -1,9 +1,9 @@
-// Pictures of music: beside it, in its files, and what kind they are. Whoever shows a file's
-// picture finds it here, so that every display shows the same one. Any thread.
+// Pictures of music: those beside it, and what kind they are; the one inside a file is read by
+// reader/client/music_reader.h. Whoever shows a file's picture finds it by these two, so that every
+// display shows the same one. Any thread.
 #pragma once
 
 #include <cstddef>
-#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -26,10 +26,5 @@ const PictureKind* picture_kind_of(std::string_view bytes);
 // The names in a folder that say they are its picture (cover, folder, front; jpg, jpeg, png, webp,
 // gif; in whatever case), the one to be shown first; each may be no picture. Waits for the disk.
 std::vector<std::string> pictures_in(UniqueFd folder);
-
-// The picture inside an audio file (FLAC, MP3, AAC, Ogg, M4A, WAV, AIFF): its first front cover,
-// else its first one. One of no known kind, or beyond kMaxPictureBytes, is as none. Waits for the
-// disk.
-std::optional<std::string> embedded_picture(UniqueFd file);
 
 }  // namespace nuvio

@@ -10,7 +10,7 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr int64_t kVersion = 1;
+constexpr int64_t kVersion = 2;
 
 // An album is what has one title and one album artist, or, where no album artist is said, one title
 // in one folder. `artist` null: several.
@@ -28,16 +28,17 @@ CREATE TABLE tracks(id INTEGER PRIMARY KEY, folder INTEGER NOT NULL, name TEXT N
     size INTEGER NOT NULL, modified INTEGER NOT NULL, title TEXT NOT NULL, artist INTEGER NOT NULL,
     album INTEGER NOT NULL, disc INTEGER NOT NULL, number INTEGER NOT NULL,
     duration INTEGER NOT NULL, rate INTEGER NOT NULL, channels INTEGER NOT NULL,
-    bits INTEGER NOT NULL, UNIQUE(folder, name));
+    bits INTEGER NOT NULL, failure TEXT NOT NULL, UNIQUE(folder, name));
 CREATE INDEX tracks_by_album ON tracks(album, disc, number);
 CREATE INDEX tracks_by_artist ON tracks(artist);
+CREATE INDEX unreadable_tracks ON tracks(id) WHERE failure != '';
 CREATE VIRTUAL TABLE track_words USING fts5(title, artist, album,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
 CREATE VIRTUAL TABLE album_words USING fts5(title, artist,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
 CREATE VIRTUAL TABLE artist_words USING fts5(name,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
-PRAGMA user_version = 1;
+PRAGMA user_version = 2;
 COMMIT;
 )";
 
@@ -83,12 +84,13 @@ Catalogue::Catalogue(const std::string& path)
           m_database.prepare("INSERT INTO albums(title, maker, artist, year) VALUES(?, ?, ?, ?)")),
       m_put(m_database.prepare(
           "INSERT INTO tracks(folder, name, size, modified, title, artist, album, disc, number,"
-          " duration, rate, channels, bits) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
+          " duration, rate, channels, bits, failure)"
+          " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
           " ON CONFLICT(folder, name) DO UPDATE SET size = excluded.size,"
           " modified = excluded.modified, title = excluded.title, artist = excluded.artist,"
           " album = excluded.album, disc = excluded.disc, number = excluded.number,"
           " duration = excluded.duration, rate = excluded.rate, channels = excluded.channels,"
-          " bits = excluded.bits RETURNING id")),
+          " bits = excluded.bits, failure = excluded.failure RETURNING id")),
       m_unword(m_database.prepare("DELETE FROM track_words WHERE rowid = ?")),
       m_word(m_database.prepare(
           "INSERT INTO track_words(rowid, title, artist, album) VALUES(?, ?, ?, ?)")),
@@ -178,13 +180,13 @@ int64_t Catalogue::album(const std::string& title, const std::string& album_arti
 }
 
 void Catalogue::put(int64_t folder, std::string_view folder_name, const std::string& name,
-                    const KnownFile& file, const Tags& tags) {
+                    const KnownFile& file, const reader::Tags& tags, const std::string& failure) {
     const std::string title = tags.title.empty() ? name.substr(0, name.rfind('.')) : tags.title;
     const std::string album_title = tags.album.empty() ? std::string(folder_name) : tags.album;
     const int64_t artist_id = artist(tags.artist);
     const int64_t album_id = album(album_title, tags.album_artist, folder, tags.year);
     m_put.with(folder, name, file.size, file.modified_ns, title, artist_id, album_id, tags.disc,
-               tags.number, tags.duration_ms, tags.rate_hz, tags.channels, tags.bits);
+               tags.number, tags.duration_ms, tags.rate_hz, tags.channels, tags.bits, failure);
     const int64_t id = m_put.step() ? m_put.number(0) : 0;
     m_put.run();
     m_unword.with(id).run();
@@ -207,8 +209,8 @@ void Catalogue::remove_folder(int64_t id, std::vector<int64_t>* gone) {
     gone->push_back(id);
 }
 
-int64_t Catalogue::track_count() {
-    Statement row = m_database.prepare("SELECT count(*) FROM tracks");
+int64_t Catalogue::count(const char* what) {
+    Statement row = m_database.prepare(std::string("SELECT count(*) FROM ") + what);
     return row.step() ? row.number(0) : 0;
 }
 

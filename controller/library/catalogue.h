@@ -12,8 +12,8 @@
 #include <string_view>
 #include <vector>
 
-#include "common/music/tags.h"
 #include "controller/library/database.h"
+#include "reader/client/music_reader.h"
 
 namespace nuvio::controller {
 
@@ -46,19 +46,22 @@ class Catalogue {
     std::map<std::string, KnownFile> files_in(int64_t folder);
     std::map<std::string, int64_t> folders_in(int64_t folder);
 
-    // A new file, or one that has changed: then it keeps its id.
+    // A new file, or one that has changed: then it keeps its id. `failure`: why nothing of it could
+    // be read; else empty.
     void put(int64_t folder, std::string_view folder_name, const std::string& name,
-             const KnownFile& file, const Tags& tags);
+             const KnownFile& file, const reader::Tags& tags, const std::string& failure);
     void remove_file(int64_t id);
     // With everything below; appends the ids of all folders that are gone.
     void remove_folder(int64_t id, std::vector<int64_t>* gone);
 
-    int64_t track_count();
+    int64_t track_count() { return count("tracks"); }
+    int64_t unreadable_count() { return count("tracks WHERE failure != ''"); }
 
     // After changes: albums and artists without tracks go, an album of several artists says so.
     void tidy();
 
   private:
+    int64_t count(const char* what);
     int64_t artist(const std::string& name);
     int64_t album(const std::string& title, const std::string& album_artist, int64_t folder,
                   uint32_t year);

@@ -6,6 +6,8 @@
 #include "common/music/pictures.h"
 #include "common/number.h"
 #include "common/url/url.h"
+#include "controller/base/log.h"
+#include "reader/client/music_reader.h"
 
 namespace nuvio::controller {
 
@@ -74,6 +76,21 @@ std::optional<std::string> Library::picture_beside(const Track& track) {
     return std::nullopt;
 }
 
+std::optional<std::string> Library::picture_inside(const Track& track) {
+    const std::optional<File> file = open_track(track.id);
+    if (!file) {
+        return std::nullopt;
+    }
+    reader::MusicReader reader;  // of its own: what a reader has taken goes with it
+    const auto picture = reader.picture(file->fd);
+    if (const auto* const failure = std::get_if<reader::Failure>(&picture)) {
+        log_line(LogLevel::warning, "No picture from " + track.below + ": " + failure->reason);
+        return std::nullopt;
+    }
+    const auto& bytes = std::get<std::string>(picture);
+    return bytes.empty() ? std::nullopt : std::optional(bytes);
+}
+
 std::optional<std::string> Library::cover_of_album(int64_t id) {
     const std::vector<Track> tracks = m_view.tracks_of_album(id, 3);
     std::optional<std::string> picture;
@@ -81,9 +98,8 @@ std::optional<std::string> Library::cover_of_album(int64_t id) {
         picture = picture_beside(tracks.front());
     }
     for (const Track& track : tracks) {
-        if (!picture) {
-            std::optional<File> file = open_track(track.id);
-            picture = file ? embedded_picture(std::move(file->fd)) : std::nullopt;
+        if (!picture && track.is_readable) {
+            picture = picture_inside(track);
         }
     }
     return picture;

@@ -50,7 +50,7 @@ class Library {
     // None: no such track, or its file is gone.
     std::optional<File> open_track(int64_t id);
     // The picture beside the album's tracks, else the one inside one of the first three
-    // (common/music/pictures.h).
+    // (reader/client/music_reader.h).
     std::optional<std::string> cover_of_album(int64_t id);
 
     // "track:ID", "album:ID", "artist:ID", "folder:ID", "search:WORDS" (an album, else an
@@ -66,6 +66,7 @@ class Library {
     Selection select_path(const std::string& path);
     Selection select_playlist(const MusicFolders::Place& place);
     std::optional<std::string> picture_beside(const Track& track);
+    std::optional<std::string> picture_inside(const Track& track);
 
     const MusicFolders m_folders;
     const std::string m_database;  // made by the time its readers open it

@@ -11,7 +11,8 @@ constexpr size_t kMaxWords = 8;
 
 constexpr char kTrackColumns[] =
     "SELECT tracks.id, tracks.title, artists.name, albums.title, tracks.album, tracks.artist,"
-    " folders.root, folders.below, tracks.name, disc, number, duration, rate, channels, bits"
+    " folders.root, folders.below, tracks.name, disc, number, duration, rate, channels, bits,"
+    " failure = ''"
     " FROM tracks JOIN folders ON folders.id = tracks.folder"
     " JOIN artists ON artists.id = tracks.artist JOIN albums ON albums.id = tracks.album ";
 
@@ -82,7 +83,7 @@ std::vector<Track> LibraryView::read_tracks(Statement& rows) {
         tracks.push_back({rows.number(0), rows.text(1), rows.text(2), rows.text(3), rows.number(4),
                           rows.number(5), rows.text(6), join_path(rows.text(7), rows.text(8)),
                           rows.number(9), rows.number(10), rows.number(11), rows.number(12),
-                          rows.number(13), rows.number(14)});
+                          rows.number(13), rows.number(14), rows.number(15) != 0});
     }
     return tracks;
 }
@@ -91,6 +92,21 @@ std::vector<Track> LibraryView::tracks(const char* condition, int64_t id, int64_
     const std::scoped_lock lock(m_mutex);
     Statement rows = m_database.prepare(std::string(kTrackColumns) + condition);
     return read_tracks(rows.with(id, limit));
+}
+
+std::vector<UnreadableFile> LibraryView::unreadable(int64_t limit) {
+    const std::scoped_lock lock(m_mutex);
+    Statement rows = m_database.prepare(
+        "SELECT root, below, tracks.name, failure FROM tracks JOIN folders"
+        " ON folders.id = tracks.folder WHERE failure != '' ORDER BY root, below, tracks.name"
+        " LIMIT ?");
+    rows.with(limit);
+    std::vector<UnreadableFile> files;
+    while (rows.step()) {
+        files.push_back(
+            {join_path(join_path(rows.text(0), rows.text(1)), rows.text(2)), rows.text(3)});
+    }
+    return files;
 }
 
 std::vector<Album> LibraryView::albums(Page page) {

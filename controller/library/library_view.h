@@ -21,6 +21,7 @@ struct Track {
     int64_t album_id = 0, artist_id = 0;
     std::string root, below;  // music folder, and path below it
     int64_t disc = 0, number = 0, duration_ms = 0, rate_hz = 0, channels = 0, bits = 0;
+    bool is_readable = true;
 };
 
 struct Album {
@@ -53,6 +54,10 @@ struct Found {
     std::vector<Track> tracks;
 };
 
+struct UnreadableFile {
+    std::string path, failure;
+};
+
 class LibraryView {
   public:
     // The file that a Catalogue has made.
@@ -80,6 +85,9 @@ class LibraryView {
     std::vector<Track> tracks_of_album(int64_t album, int64_t limit);
     std::vector<Track> tracks_of_artist(int64_t artist, int64_t limit);
     std::vector<Track> tracks_below(int64_t folder, int64_t limit);
+
+    // Files of which nothing could be read, by their paths.
+    std::vector<UnreadableFile> unreadable(int64_t limit);
 
     // What has all words of the text, each as the beginning of a word; case and accents do not
     // matter. At most `limit` of each kind.

@@ -60,6 +60,7 @@ Scanner::Scanner(const MusicFolders& folders, const std::string& catalogue_path,
 
 Scanner::~Scanner() {
     m_is_ending = true;
+    m_reader.interrupt();
     eventfd_write(m_wake_up.get(), 1);
     m_thread.join();
 }
@@ -102,7 +103,7 @@ void Scanner::scan(Work work) {
         m_progress.files_seen = m_progress.files_changed = 0;
     }
     m_on_change();
-    std::string failure;
+    m_failure.clear();
     try {
         if (m_catalogue == nullptr) {
             m_catalogue = std::make_unique<Catalogue>(m_path);
@@ -116,25 +117,30 @@ void Scanner::scan(Work work) {
         m_catalogue->commit();
         note_tracks();
     } catch (const DatabaseError& error) {
-        failure = error.what();
-        log_line(LogLevel::error, "The library can't be written: " + failure);
+        m_failure = std::string("The library can't be written: ") + error.what();
         m_catalogue.reset();
     }
-    finish(failure);
+    m_reader.rest();
+    if (!m_failure.empty()) {
+        log_line(LogLevel::error, m_failure);
+    }
+    finish();
 }
 
 void Scanner::note_tracks() {
     const int64_t tracks = m_catalogue->track_count();
+    const int64_t unreadable = m_catalogue->unreadable_count();
     const std::scoped_lock lock(m_mutex);
     m_progress.tracks = tracks;
+    m_progress.unreadable = unreadable;
     m_progress.revision += m_progress.files_changed > 0 ? 1 : 0;
 }
 
-void Scanner::finish(const std::string& failure) {
+void Scanner::finish() {
     {
         const std::scoped_lock lock(m_mutex);
         m_progress.is_scanning = false;
-        m_progress.failure = failure;
+        m_progress.failure = m_failure;
     }
     m_on_change();
 }
@@ -224,14 +230,11 @@ bool Scanner::compare(const std::string& root, const std::string& below, int64_t
     int64_t changed = 0;
     std::vector<int64_t> gone;
     const auto known_files = m_catalogue->files_in(id);
-    const std::string_view folder_name = last_name(below.empty() ? root : below);
     for (const auto& [name, file] : listing.files) {
         const auto known = known_files.find(name);
         const bool is_same = known != known_files.end() && known->second.size == file.size &&
                              known->second.modified_ns == file.modified_ns;
-        if (!is_same && !m_is_ending) {
-            m_catalogue->put(id, folder_name, name, file,
-                             read_tags(m_folders.open_file(root_index(root), joined(below, name))));
+        if (!is_same && !m_is_ending && put(root, below, id, name, file)) {
             ++changed;
             write_what_is_due();
         }
@@ -256,6 +259,25 @@ bool Scanner::compare(const std::string& root, const std::string& below, int64_t
     }
     write_what_is_due();
     return changed != 0;
+}
+
+// False where it could not be tried: what is known of it stays, and it is read in the next scan.
+bool Scanner::put(const std::string& root, const std::string& below, int64_t id,
+                  const std::string& name, const Catalogue::KnownFile& file) {
+    const std::string path = joined(below, name);
+    const auto tags = m_reader.tags(m_folders.open_file(root_index(root), path));
+    const auto* const failure = std::get_if<reader::Failure>(&tags);
+    if (failure != nullptr && !m_is_ending) {
+        log_line(LogLevel::warning, "Not read: " + joined(root, path) + ": " + failure->reason);
+    }
+    if (failure != nullptr && failure->kind != reader::Failure::Kind::file) {
+        m_failure = "Files can't be read: " + failure->reason;
+        return false;
+    }
+    m_catalogue->put(id, last_name(below.empty() ? root : below), name, file,
+                     failure != nullptr ? reader::Tags{} : std::get<reader::Tags>(tags),
+                     failure != nullptr ? failure->reason : "");
+    return true;
 }
 
 // What has been read so far can be found while the rest is read.

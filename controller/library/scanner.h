@@ -4,6 +4,8 @@
 // Threads  one of its own, from construction to destruction; request_scan and progress from any.
 //          `on_change` is called on it, at most twice a second while it reads.
 // Disks    a folder that can't be read keeps what is known of it: a disk may be away for a while.
+// Files    are read by a process of its own, the same for the whole of a scan. One that ends it is
+//          listed by its name, and not read again until it has changed.
 #pragma once
 
 #include <atomic>
@@ -21,6 +23,7 @@
 #include "common/unique_fd.h"
 #include "controller/library/catalogue.h"
 #include "controller/library/music_folders.h"
+#include "reader/client/music_reader.h"
 
 namespace nuvio::controller {
 
@@ -30,6 +33,7 @@ struct ScanProgress {
     int64_t files_changed = 0;  // of these read, or gone
     int64_t tracks = 0;         // in the library
     int64_t revision = 0;       // grows when something in the library may have changed
+    int64_t unreadable = 0;     // of the tracks: nothing could be read of their files
     std::string failure;        // of the last scan: the library's file can't be written, say
 };
 
@@ -56,13 +60,15 @@ class Scanner {
     void scan_below(const std::string& root, const std::string& below, int64_t id, bool deep);
     bool compare(const std::string& root, const std::string& below, int64_t id,
                  const Listing& listing);
+    bool put(const std::string& root, const std::string& below, int64_t id, const std::string& name,
+             const Catalogue::KnownFile& file);
     bool list(size_t root, const std::string& below, int64_t id, Listing* listing);
     void watch(int64_t folder, int fd);
     void unwatch(const std::vector<int64_t>& folders);
     void read_reports();
     void write_what_is_due();
     void note_tracks();
-    void finish(const std::string& failure);
+    void finish();
     size_t root_index(const std::string& root) const;
     template <typename Work>
     void scan(Work work);
@@ -78,7 +84,10 @@ class Scanner {
     mutable std::mutex m_mutex;
     ScanProgress m_progress;  // under m_mutex
 
+    reader::MusicReader m_reader;  // the thread's, but for its interruption
+
     // The thread's own.
+    std::string m_failure;  // of this scan, which goes on
     std::unique_ptr<Catalogue> m_catalogue;
     std::map<int, int64_t> m_folder_of_watch;
     std::map<int64_t, int> m_watch_of_folder;

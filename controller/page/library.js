@@ -73,8 +73,11 @@ export function target_text() {
 // Stays in place while the rest of the screen changes.
 export function scan_line() {
   const library = state.library;
-  if (library.failure) return element("p", { class: "warn" }, "The library can't be written: " + library.failure);
-  if (!library.scanning) return element("p", { class: "quiet" }, (library.tracks || 0) + " tracks in the library");
+  if (library.failure) return element("p", { class: "warn" }, library.failure);
+  if (!library.scanning) {
+    return element("p", { class: "quiet" }, (library.tracks || 0) + " tracks in the library", library.unreadable
+      ? element("a", { class: "button", href: "#library/unreadable" }, library.unreadable + " of them can't be read") : "");
+  }
   return element("div", { role: "status" }, element("p", { class: "quiet" },
     "The folders are being read: " + library.seen + " files so far"), element("progress", { "aria-label": "Reading the folders" }));
 }
@@ -143,6 +146,14 @@ async function folder(id) {
   ].filter(Boolean);
 }
 
+async function unreadable() {
+  const page = await request("library/unreadable");
+  return [element("h2", { class: "first" }, "Files that can't be read"),
+          element("ul", { class: "list" }, page.files.map((file) => element("li", {},
+            element("span", { class: "grow" }, element("span", {}, file.path),
+                    element("span", { class: "quiet" }, file.failure)))))];
+}
+
 // `words`: what follows "#library/".
 export async function show_library(main, words, is_current) {
   const kind = words[0] || "albums";
@@ -170,7 +181,8 @@ export async function show_library(main, words, is_current) {
     element("a", { class: "button", href: "#library/" + name,
                    "aria-current": kind === name ? "page" : undefined }, title)));
   const pages = { album: () => album(words[1]), artist: () => artist(words[1]),
-                  folders: () => folder(words[1] || 0), search: () => search(text) };
+                  folders: () => folder(words[1] || 0), search: () => search(text),
+                  unreadable };
   if (pages[kind]) {
     await attempt(async () => {
       const parts = await pages[kind]();

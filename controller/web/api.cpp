@@ -62,6 +62,13 @@ JsonPtr describe(const Artist& artist) {
     return object;
 }
 
+JsonPtr describe(const UnreadableFile& file) {
+    JsonPtr object = new_object();
+    add(object.get(), "path", file.path);
+    add(object.get(), "failure", file.failure);
+    return object;
+}
+
 JsonPtr describe(const SubFolder& folder) {
     JsonPtr object = new_object();
     add(object.get(), "id", folder.id);
@@ -102,6 +109,7 @@ const Api::Route Api::kRoutes[] = {
     {"GET", "/api/library/artists", &Api::get_artists},
     {"GET", "/api/library/folders/*", &Api::get_folder},
     {"GET", "/api/library/search", &Api::get_search},
+    {"GET", "/api/library/unreadable", &Api::get_unreadable},
     {"POST", "/api/library/scan", &Api::post_scan},
 };
 
@@ -127,6 +135,7 @@ std::string Api::state(uint64_t version) {
     add(library.get(), "seen", progress.files_seen);
     add(library.get(), "changed", progress.files_changed);
     add(library.get(), "revision", progress.revision);
+    add(library.get(), "unreadable", progress.unreadable);
     add(library.get(), "failure", progress.failure);
     JsonPtr document = new_object();
     add(document.get(), "version", static_cast<int64_t>(version));
@@ -240,6 +249,11 @@ int Api::get_folder(Exchange& exchange, const std::string& id) {
     add(object.get(), "folders", describe_all(page.folders));
     add(object.get(), "tracks", describe_all(page.tracks));
     return exchange.reply_json(object);
+}
+
+int Api::get_unreadable(Exchange& exchange, const std::string&) {
+    return exchange.reply_json(
+        in_object("files", describe_all(m_library.view().unreadable(kMaxPage))));
 }
 
 int Api::get_search(Exchange& exchange, const std::string&) {

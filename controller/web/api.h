@@ -10,6 +10,7 @@
 // - GET /api/library/artists, ?first= &count=
 // - GET /api/library/folders/ID; 0: the music folders
 // - GET /api/library/search, ?q=
+// - GET /api/library/unreadable
 // - POST /api/library/scan
 //
 // ID of a device may be its name. A failure is {"error": text for people} with a status: 400 the
@@ -56,6 +57,7 @@ class Api {
     int get_artists(Exchange& exchange, const std::string& id);
     int get_folder(Exchange& exchange, const std::string& id);
     int get_search(Exchange& exchange, const std::string& id);
+    int get_unreadable(Exchange& exchange, const std::string& id);
     int post_scan(Exchange& exchange, const std::string& id);
     static int answer(Exchange& exchange, const Outcome& outcome);
 

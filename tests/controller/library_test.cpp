@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include "reader/harmful_files.h"
 #include "temp_dir.h"
 
 namespace nuvio::controller {
@@ -162,6 +163,25 @@ TEST_F(LibraryTest, an_album_shows_the_first_picture_beside_it_that_is_one) {
     open({m_dir / "music"});
     ASSERT_TRUE(wait_for_tracks(1));
     EXPECT_EQ(m_library->cover_of_album(m_library->view().albums({0, 1}).at(0).id), "GIF89a");
+}
+
+TEST_F(LibraryTest, a_file_that_ends_its_reader_is_listed_said_and_left_alone) {
+    m_dir.write("music/a/1.wav", "x");
+    m_dir.write("music/a/bad.m4a", m4a_of_nested_atoms(100'000));
+    m_dir.write("music/a/z.wav", "x");
+    for (const int64_t changed : {3, 0}) {
+        open({m_dir / "music"});
+        ASSERT_TRUE(wait_for_tracks(3));
+        EXPECT_EQ(m_library->progress().files_changed, changed);
+        EXPECT_EQ(m_library->progress().unreadable, 1);
+        const std::vector<UnreadableFile> unreadable = m_library->view().unreadable(10);
+        ASSERT_EQ(unreadable.size(), 1U);
+        EXPECT_EQ(unreadable[0].path, m_dir / "music/a/bad.m4a");
+        EXPECT_THAT(unreadable[0].failure, testing::StartsWith("its reader was ended by signal"));
+        EXPECT_EQ(m_library->cover_of_album(m_library->view().albums({0, 1}).at(0).id),
+                  std::nullopt);
+        m_library.reset();
+    }
 }
 
 TEST_F(LibraryTest, a_playlist_of_the_folders_plays_what_it_names_of_them) {

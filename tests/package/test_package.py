@@ -19,7 +19,7 @@ ROOT = pathlib.Path(os.environ["NUVIO_ROOT"])
 CARD = "/var/lib/nuvio-connect/card"
 PATH = "PATH=/usr/sbin:/usr/bin:/sbin:/bin"
 PACKAGES = ["nuvio-connect", "nuvio-connect-core-local", "nuvio-connect-core-ffmpeg",
-            "nuvio-connect-host-linux", "nuvio-connect-tools",
+            "nuvio-connect-host-linux", "nuvio-connect-reader", "nuvio-connect-tools",
             "nuvio-connect-controller", "nuvio-connect-dev"]
 UNIT = "usr/lib/systemd/system/nuvio-connect.service"
 
@@ -63,9 +63,10 @@ class Installed(unittest.TestCase):
     def test_2_programs_name_their_libraries_and_nothing_of_the_machine_that_built_them(self):
         binaries = [ROOT / "usr/bin/nuvio-connect", ROOT / "usr/bin/simcardctl",
                     ROOT / "usr/bin/nuvio-connect-controller",
+                    ROOT / "usr/libexec/nuvio-connect-reader",
                     *ROOT.glob("usr/lib/*/libnuvio_*.so.?"),
                     *ROOT.glob("usr/lib/*/nuvio-connect/simcard/*.so")]
-        self.assertEqual(len(binaries), 8)
+        self.assertEqual(len(binaries), 9)
         for path in binaries:
             self.assertNotRegex(run("readelf", "-d", path).stdout, "RPATH|RUNPATH", path)
             self.assertFalse(str(BUILD.parents[1]).encode() in path.read_bytes(), path)
@@ -142,7 +143,7 @@ class Installed(unittest.TestCase):
         (ROOT / "etc/nuvio-connect/alsa.conf").write_text("# as --setup makes it\n")
         in_root("dpkg", "-P", *PACKAGES)
         left = [path for pattern in ("etc/nuvio-connect*", "var/lib/nuvio-connect*",
-                                     "usr/bin/nuvio*", "usr/include/nuvio*", "usr/lib/*/*nuvio*", "usr/share/*/*nuvio*",
+                                     "usr/bin/nuvio*", "usr/libexec/nuvio*", "usr/include/nuvio*", "usr/lib/*/*nuvio*", "usr/share/*/*nuvio*",
                                      "etc/systemd/system/*/nuvio*", "usr/lib/systemd/system/nuvio*")
                 for path in ROOT.glob(pattern)]
         self.assertEqual(left, [])

@@ -19,18 +19,19 @@ BUILDROOT = RECIPES / "buildroot"
 MAKEFILE = BUILDROOT / "package/nuvio-connect/nuvio-connect.mk"
 BITBAKE = next((RECIPES / "yocto").glob("*.bb"))
 DOCKERFILE = RECIPES / "container/Dockerfile"
-SHIPPED = ("daemon", "core", "host")  # what is on a device
+SHIPPED = ("daemon", "core", "reader", "host")  # what is on a device
 # A library as cmake/dependencies.cmake names it: its package in Buildroot and in Yocto.
 LIBRARIES = {"libuv": ("libuv", "libuv"), "avahi-client": ("avahi", "avahi"),
              "libcjson": ("cjson", "cjson"), "alsa": ("alsa-lib", "alsa-lib"),
              "sndfile": ("libsndfile", "libsndfile1"), "libcurl": ("libcurl", "curl"),
              "taglib": ("taglib", "taglib"), "expat": ("expat", "expat"),
+             "libseccomp": ("libseccomp", "libseccomp"),
              "libwebsockets": ("libwebsockets", "libwebsockets"),
              "libsystemd": ("systemd", "systemd"), "libcrypto": ("openssl", "openssl"),
              "sqlite3": ("sqlite", "sqlite3"),
              "civetweb": ("civetweb", "civetweb")}
 # Yocto's variables for folders, as on a machine with a merged /usr.
-FOLDERS = {"bindir": "/usr/bin", "libdir": "/usr/lib", "datadir": "/usr/share", "sysconfdir": "/etc",
+FOLDERS = {"bindir": "/usr/bin", "libdir": "/usr/lib", "libexecdir": "/usr/libexec", "datadir": "/usr/share", "sysconfdir": "/etc",
            "mandir": "/usr/share/man", "nonarch_libdir": "/usr/lib",
            "systemd_system_unitdir": "/usr/lib/systemd/system"}
 

@@ -2,9 +2,9 @@
 
 #include <utility>
 
-#include "common/music/pictures.h"
 #include "common/url/url.h"
 #include "local/base/files.h"
+#include "reader/client/music_reader.h"
 
 namespace local_core {
 
@@ -15,12 +15,15 @@ constexpr size_t kMaxFetchedBytes = size_t{2} << 20U;  // in memory at once, bes
 
 }  // namespace
 
-void TrackCover::find(const Track& track, TrackTexts* texts) {
+std::string TrackCover::find(const Track& track, TrackTexts* texts) {
     if (!track.remote && texts->album_art_url.empty()) {
         std::string error;
-        nuvio::UniqueFd file = open_regular_file(track.location, &error);
-        const auto picture = file ? nuvio::embedded_picture(std::move(file)) : std::nullopt;
-        m_kept = picture ? KeptCover::keep(*picture) : nullptr;
+        nuvio::reader::MusicReader reader;
+        const auto picture = reader.picture(open_regular_file(track.location, &error));
+        if (const auto* const failure = std::get_if<nuvio::reader::Failure>(&picture)) {
+            return failure->reason;
+        }
+        m_kept = KeptCover::keep(std::get<std::string>(picture));
         texts->album_art_url = m_kept ? m_kept->url() : "";
     } else if (track.remote && !track.remote->token.empty() &&
                nuvio::same_origin(texts->album_art_url, track.remote->token_origin)) {
@@ -31,6 +34,7 @@ void TrackCover::find(const Track& track, TrackTexts* texts) {
         m_source = std::make_unique<HttpSource>(std::move(request));
         m_until = std::chrono::steady_clock::now() + kPatience;
     }
+    return {};
 }
 
 std::optional<std::string> TrackCover::take_fetched() {

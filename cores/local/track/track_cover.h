@@ -19,8 +19,9 @@ namespace local_core {
 
 class TrackCover {
   public:
-    // Completes the track's texts, or begins to fetch; blocks on the disk.
-    void find(const Track& track, TrackTexts* texts);
+    // Completes the track's texts, or begins to fetch; blocks on the disk. Why the picture inside
+    // its file could not be read, possibly empty.
+    std::string find(const Track& track, TrackTexts* texts);
 
     // On its way, for at most 20 s.
     bool is_fetching() const { return m_source != nullptr; }

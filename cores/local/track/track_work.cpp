@@ -167,7 +167,10 @@ void TrackWork::open() {
     if (m_decoder) {
         m_texts = describe_track(m_track, m_decoder->info());
         m_title = m_decoder->live_title();
-        m_cover.find(m_track, &m_texts);
+        if (const std::string failed = m_cover.find(m_track, &m_texts); !failed.empty()) {
+            m_crew->logger->write(LogLevel::warning, kAudioDecoder, "%s: no picture: %s",
+                                  name().c_str(), failed.c_str());
+        }
         m_latest_texts = m_texts;
     }
     {

@@ -11,7 +11,7 @@ S = "${WORKDIR}/git"
 
 inherit cmake pkgconfig systemd useradd
 
-DEPENDS = "alsa-lib avahi cjson civetweb curl expat libsndfile1 libuv libwebsockets openssl sqlite3 systemd taglib"
+DEPENDS = "alsa-lib avahi cjson civetweb curl expat libseccomp libsndfile1 libuv libwebsockets openssl sqlite3 systemd taglib"
 EXTRA_OECMAKE = "-DNUVIO_TESTS=OFF"
 
 # Without one of them a package of the maker's own brings the library of this soname.
@@ -20,7 +20,7 @@ PACKAGECONFIG[core-local] = ""
 PACKAGECONFIG[host-linux] = ""
 
 do_install() {
-    for component in daemon ${@bb.utils.contains('PACKAGECONFIG', 'core-local', 'core', '', d)} \
+    for component in daemon ${@bb.utils.contains('PACKAGECONFIG', 'core-local', 'core reader', '', d)} \
             ${@bb.utils.contains('PACKAGECONFIG', 'host-linux', 'host', '', d)}; do
         DESTDIR="${D}" cmake --install "${B}" --component "$component"
     done
@@ -43,7 +43,7 @@ RDEPENDS:${PN}-host-linux += "bash dbus"
 RPROVIDES:${PN}-core-local = "nuvio-connect-core"
 RPROVIDES:${PN}-host-linux = "nuvio-connect-host"
 CONFFILES:${PN}-host-linux = "${sysconfdir}/nuvio-connect/settings.conf"
-FILES:${PN}-core-local = "${libdir}/libnuvio_connect.so.*"
+FILES:${PN}-core-local = "${libdir}/libnuvio_connect.so.* ${libexecdir}/nuvio-connect-reader"
 FILES:${PN}-host-linux = "${libdir}/libnuvio_host.so.* \
     ${bindir}/nuvio-connect-panel \
     ${sysconfdir}/nuvio-connect/settings.conf \

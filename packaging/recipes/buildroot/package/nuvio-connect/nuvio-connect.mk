@@ -11,12 +11,12 @@ NUVIO_CONNECT_SITE_METHOD = local
 NUVIO_CONNECT_LICENSE = MIT
 NUVIO_CONNECT_LICENSE_FILES = LICENSE
 NUVIO_CONNECT_DEPENDENCIES = host-pkgconf alsa-lib avahi civetweb cjson expat \
-	libcurl libsndfile libuv libwebsockets openssl sqlite systemd taglib
+	libcurl libseccomp libsndfile libuv libwebsockets openssl sqlite systemd taglib
 NUVIO_CONNECT_CONF_OPTS = -DNUVIO_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr
 
 NUVIO_CONNECT_COMPONENTS = daemon
 ifeq ($(BR2_PACKAGE_NUVIO_CONNECT_CORE_LOCAL),y)
-NUVIO_CONNECT_COMPONENTS += core
+NUVIO_CONNECT_COMPONENTS += core reader
 endif
 ifeq ($(BR2_PACKAGE_NUVIO_CONNECT_HOST_LINUX),y)
 NUVIO_CONNECT_COMPONENTS += host

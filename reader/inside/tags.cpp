@@ -1,4 +1,4 @@
-#include "common/music/tags.h"
+#include "reader/inside/tags.h"
 
 #include <aifffile.h>
 #include <flacfile.h>
@@ -8,28 +8,30 @@
 #include <wavpackfile.h>
 
 #include <algorithm>
-#include <utility>
+#include <string>
 
-#include "common/music/open_music.h"
 #include "common/number.h"
 #include "common/text.h"
 #include "common/utf8.h"
+#include "reader/inside/music_file.h"
 
-namespace nuvio {
+namespace nuvio::reader {
 
 namespace {
 
-constexpr size_t kMaxText = 300;
-
-std::string to_text(const TagLib::String& text) {
-    const std::string utf8 = text.to8Bit(true);
+std::string text_of(const TagLib::PropertyMap& properties, const char* name) {
+    const auto found = properties.find(name);
+    if (found == properties.end() || found->second.isEmpty()) {
+        return {};
+    }
+    // Characters of at most kMaxText bytes, and some white space before them.
+    const std::string utf8 = found->second.front().substr(0, 2 * kMaxText).to8Bit(true);
     return std::string(beginning(trim(utf8), kMaxText));
 }
 
-std::string property(const TagLib::PropertyMap& properties, const char* name) {
-    const auto found = properties.find(name);
-    return found == properties.end() || found->second.isEmpty() ? std::string()
-                                                                : to_text(found->second.front());
+// The answer is zeros so far.
+void put(const std::string& text, char (&to)[kMaxText]) {
+    std::copy(text.begin(), text.end(), to);
 }
 
 // "3/12" is 3.
@@ -58,28 +60,26 @@ uint32_t bits_of(TagLib::AudioProperties* properties) {
 
 }  // namespace
 
-Tags read_tags(UniqueFd fd) {
-    const OpenMusic music(std::move(fd));
+void read_tags(const UniqueFd& fd, TagsAnswer* answer) {
+    const MusicFile music(fd);
     TagLib::File* const file = music.file();
-    Tags tags;
     if (file == nullptr) {
-        return tags;
+        return;
     }
     const TagLib::PropertyMap properties = file->properties();
-    tags.title = property(properties, "TITLE");
-    tags.artist = property(properties, "ARTIST");
-    tags.album = property(properties, "ALBUM");
-    tags.album_artist = property(properties, "ALBUMARTIST");
-    tags.disc = count_of(property(properties, "DISCNUMBER"));
-    tags.number = count_of(property(properties, "TRACKNUMBER"));
-    tags.year = count_of(property(properties, "DATE"));
+    put(text_of(properties, "TITLE"), answer->title);
+    put(text_of(properties, "ARTIST"), answer->artist);
+    put(text_of(properties, "ALBUM"), answer->album);
+    put(text_of(properties, "ALBUMARTIST"), answer->album_artist);
+    answer->disc = count_of(text_of(properties, "DISCNUMBER"));
+    answer->number = count_of(text_of(properties, "TRACKNUMBER"));
+    answer->year = count_of(text_of(properties, "DATE"));
     if (TagLib::AudioProperties* audio = file->audioProperties()) {
-        tags.duration_ms = std::max(0, audio->lengthInMilliseconds());
-        tags.rate_hz = static_cast<uint32_t>(std::max(0, audio->sampleRate()));
-        tags.channels = static_cast<uint32_t>(std::max(0, audio->channels()));
-        tags.bits = bits_of(audio);
+        answer->duration_ms = std::max(0, audio->lengthInMilliseconds());
+        answer->rate_hz = static_cast<uint32_t>(std::max(0, audio->sampleRate()));
+        answer->channels = static_cast<uint32_t>(std::max(0, audio->channels()));
+        answer->bits = bits_of(audio);
     }
-    return tags;
 }
 
-}  // namespace nuvio
+}  // namespace nuvio::reader

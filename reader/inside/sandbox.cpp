@@ -1,0 +1,154 @@
+#include "reader/inside/sandbox.h"
+
+#include <seccomp.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <memory>
+
+#include "common/released_by.h"
+
+namespace nuvio::reader {
+
+namespace {
+
+#ifdef NUVIO_SANITIZED
+constexpr bool kIsSanitized = true;  // its runtime has terabytes of address space, and reports
+#else
+constexpr bool kIsSanitized = false;
+#endif
+
+constexpr rlim_t kMemoryBytes = rlim_t{72} << 20U;  // address space, the libraries' included
+constexpr rlim_t kStackBytes = rlim_t{1} << 20U;
+constexpr rlim_t kMaxFiles = 8;
+
+struct Limit {
+    __rlimit_resource_t what;
+    rlim_t most;
+};
+constexpr Limit kLimits[] = {
+    {RLIMIT_STACK, kStackBytes}, {RLIMIT_FSIZE, 0}, {RLIMIT_NPROC, 0}, {RLIMIT_CORE, 0},
+    {RLIMIT_NOFILE, kMaxFiles},
+};
+
+// What the allocator, the standard library and the way of a job need.
+constexpr int kAllowed[] = {
+    SCMP_SYS(read),          SCMP_SYS(pread64),
+    SCMP_SYS(lseek),         SCMP_SYS(_llseek),
+    SCMP_SYS(recvmsg),       SCMP_SYS(sendmsg),
+    SCMP_SYS(close),         SCMP_SYS(brk),
+    SCMP_SYS(munmap),        SCMP_SYS(mremap),
+    SCMP_SYS(madvise),       SCMP_SYS(futex),
+    SCMP_SYS(futex_time64),  SCMP_SYS(getrandom),
+    SCMP_SYS(clock_gettime), SCMP_SYS(clock_gettime64),
+    SCMP_SYS(setitimer),     SCMP_SYS(rt_sigreturn),
+    SCMP_SYS(exit_group),    SCMP_SYS(restart_syscall),
+    SCMP_SYS(getrusage),
+};
+// Memory, but none that can be executed.
+constexpr int kAllowedUnlessExecutable[] = {SCMP_SYS(mmap), SCMP_SYS(mmap2), SCMP_SYS(mprotect)};
+// What a sanitizer's runtime does besides.
+constexpr int kAllowedToSanitizer[] = {
+    SCMP_SYS(write),        SCMP_SYS(getpid),      SCMP_SYS(gettid),
+    SCMP_SYS(sched_yield),  SCMP_SYS(sigaltstack), SCMP_SYS(rt_sigprocmask),
+    SCMP_SYS(rt_sigaction), SCMP_SYS(nanosleep),   SCMP_SYS(clock_nanosleep),
+    SCMP_SYS(pipe2),
+};
+
+bool allow(scmp_filter_ctx filter, int call) {
+    const int failure = seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 0);
+    return failure == 0 || failure == -EDOM;  // this machine has no such call
+}
+
+bool allow_unless_executable(scmp_filter_ctx filter, int call) {
+    const scmp_arg_cmp not_executable = SCMP_A2_64(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0);
+    const int failure = seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, call, 1, &not_executable);
+    return failure == 0 || failure == -EDOM;
+}
+
+bool add_rules(scmp_filter_ctx filter) {
+    for (const int call : kAllowed) {
+        if (!allow(filter, call)) {
+            return false;
+        }
+    }
+    for (const int call : kAllowedUnlessExecutable) {
+        if (!allow_unless_executable(filter, call)) {
+            return false;
+        }
+    }
+    if (kIsSanitized) {
+        for (const int call : kAllowedToSanitizer) {
+            if (!allow(filter, call)) {
+                return false;
+            }
+        }
+    }
+    return true;
+}
+
+bool limit(const Limit& row, std::string* error) {
+    const rlimit both{row.most, row.most};
+    if (setrlimit(row.what, &both) == 0) {
+        return true;
+    }
+    *error = std::string("no limits: ") + std::strerror(errno);
+    return false;
+}
+
+bool set_limits(std::string* error) {
+    for (const Limit& row : kLimits) {
+        if (!limit(row, error)) {
+            return false;
+        }
+    }
+    return kIsSanitized || limit({RLIMIT_AS, kMemoryBytes}, error);
+}
+
+void set_timers(time_t real_s, time_t processor_s) {
+    const itimerval real{{0, 0}, {real_s, 0}};
+    setitimer(ITIMER_REAL, &real, nullptr);
+    const itimerval processor{{0, 0}, {processor_s, 0}};
+    setitimer(ITIMER_PROF, &processor, nullptr);
+}
+
+}  // namespace
+
+bool shut_in(bool filtered, std::string* error) {
+    if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) {
+        *error = std::strerror(errno);
+        return false;
+    }
+    if (!filtered) {
+        return set_limits(error);
+    }
+    const std::unique_ptr<void, ReleasedBy<seccomp_release>> filter(
+        seccomp_init(SCMP_ACT_KILL_PROCESS));
+    if (filter == nullptr || !add_rules(filter.get()) || !set_limits(error)) {
+        *error = error->empty() ? "no filter of system calls can be made" : *error;
+        return false;
+    }
+    if (const int failure = seccomp_load(filter.get()); failure != 0) {
+        *error =
+            std::string("this kernel has no filter of system calls: ") + std::strerror(-failure);
+        return false;
+    }
+    return true;
+}
+
+// The signals of both end the process.
+Clock::Clock() {
+    set_timers(kLongestJob.count(), kWorkingTime.count());
+}
+
+Clock::~Clock() {
+    set_timers(0, 0);
+}
+
+}  // namespace nuvio::reader

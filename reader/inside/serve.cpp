@@ -1,0 +1,122 @@
+#include "reader/inside/serve.h"
+
+#include <sys/mman.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cstdio>
+#include <cstring>
+#include <new>
+#include <string>
+#include <string_view>
+#include <utility>
+
+#include "common/music/pictures.h"
+#include "reader/inside/sandbox.h"
+
+namespace nuvio::reader {
+
+namespace {
+
+struct Received {
+    Request request{};
+    UniqueFd file, memory;
+};
+
+// False at the socket's end.
+bool receive(Received* received) {
+    std::array<int, 2> descriptors{-1, -1};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptors)> control{};
+    iovec part{&received->request, sizeof received->request};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control.data();
+    message.msg_controllen = control.size();
+    if (recvmsg(kSocket, &message, MSG_CMSG_CLOEXEC) !=
+        static_cast<ssize_t>(sizeof received->request)) {
+        return false;
+    }
+    const cmsghdr* const rights = CMSG_FIRSTHDR(&message);
+    if (rights != nullptr && rights->cmsg_type == SCM_RIGHTS) {
+        std::memcpy(descriptors.data(), CMSG_DATA(rights),
+                    std::min(rights->cmsg_len - CMSG_LEN(0), sizeof descriptors));
+    }
+    received->file = UniqueFd(descriptors[0]);
+    received->memory = UniqueFd(descriptors[1]);
+    return true;
+}
+
+// The shared memory of a picture, mapped.
+class Shared {
+  public:
+    explicit Shared(const UniqueFd& memory)
+        : m_bytes(mmap(nullptr, kMaxPictureBytes, PROT_READ | PROT_WRITE, MAP_SHARED, memory.get(),
+                       0)) {
+        if (m_bytes == MAP_FAILED) {
+            throw std::bad_alloc();
+        }
+    }
+    ~Shared() { munmap(m_bytes, kMaxPictureBytes); }
+    Shared(const Shared&) = delete;
+    Shared& operator=(const Shared&) = delete;
+    char* bytes() const { return static_cast<char*>(m_bytes); }
+
+  private:
+    void* const m_bytes;
+};
+
+void work(const Received& received, const Jobs& jobs, Answer* answer) {
+    const Clock clock;
+    try {
+        if (received.request.job == Job::tags) {
+            answer->tags = {};
+            jobs.tags(received.file, &answer->tags);
+        } else {
+            answer->picture = {};
+            const Shared shared(received.memory);
+            jobs.picture(received.file, shared.bytes(), &answer->picture);
+        }
+    } catch (const std::bad_alloc&) {
+        answer->status = Status::too_big;
+    }
+}
+
+bool send(const Answer& answer) {
+    iovec part{const_cast<Answer*>(&answer), sizeof answer};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    return sendmsg(kSocket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof answer);
+}
+
+}  // namespace
+
+int serve(int argc, char** argv, const Jobs& jobs) {
+    const bool filtered = argc < 2 || std::string_view(argv[1]) != "--unfiltered";
+    int type = 0;
+    socklen_t size = sizeof type;
+    if (getsockopt(kSocket, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_SEQPACKET) {
+        std::fputs("nuvio-connect-reader is started by the programs that have something read\n",
+                   stderr);
+        return 2;
+    }
+    std::string error;
+    if (!shut_in(filtered, &error)) {
+        std::fprintf(stderr, "nuvio-connect-reader: not started: %s\n", error.c_str());
+        return kNoWalls;
+    }
+    Received received;
+    while (receive(&received)) {
+        Answer answer{};
+        answer.number = received.request.number;
+        work(received, jobs, &answer);
+        received = {};
+        if (!send(answer)) {
+            break;
+        }
+    }
+    return 0;
+}
+
+}  // namespace nuvio::reader
