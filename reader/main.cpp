@@ -4,6 +4,6 @@
 #include "reader/inside/tags.h"
 
 int main(int argc, char** argv) {
-    return nuvio::reader::serve(argc, argv,
-                                {nuvio::reader::read_tags, nuvio::reader::read_picture});
+    return nuvio::reader::serve(
+        argc, argv, {.tags = nuvio::reader::read_tags, .picture = nuvio::reader::read_picture});
 }

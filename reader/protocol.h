@@ -16,12 +16,13 @@ constexpr int kSocket = 0;
 // The exit status of a reader that this machine does not let work as it should.
 constexpr int kNoWalls = 70;
 
-enum class Job : uint32_t { tags, picture };
+enum class Job : uint32_t { tags, picture, scaled_picture };
 
 struct Request {
     Job job;
-    uint32_t number;  // the answer's too
-    // With it come descriptors: the file; for a picture a shared memory of kMaxPictureBytes.
+    uint32_t number = 0;  // the answer's too
+    uint32_t edge = 0;    // of a scaled picture: no side is longer, in pixels
+    // With it come descriptors: the file; for pictures a shared memory of kMaxPictureBytes.
 };
 
 enum class Status : uint32_t {

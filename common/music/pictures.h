@@ -19,7 +19,9 @@ struct PictureKind {
     std::string_view ending;  // of a file's name
 };
 
-// JPEG, PNG, GIF or WebP, by the first 12 bytes; null for anything else: nothing that could run is
+constexpr size_t kPictureStart = 16;  // bytes that show of what kind it is
+
+// JPEG, PNG, GIF or WebP, by the first bytes; null for anything else: nothing that could run is
 // handed on.
 const PictureKind* picture_kind_of(std::string_view bytes);
 

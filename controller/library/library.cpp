@@ -3,11 +3,8 @@
 #include "common/files/files.h"
 #include "common/m3u.h"
 #include "common/music/names.h"
-#include "common/music/pictures.h"
 #include "common/number.h"
 #include "common/url/url.h"
-#include "controller/base/log.h"
-#include "reader/client/music_reader.h"
 
 namespace nuvio::controller {
 
@@ -43,66 +40,25 @@ Library::Library(const std::vector<std::string>& folders, const std::string& sta
     : m_folders(folders),
       m_database(made_database(state_folder)),
       m_view(m_database),
+      m_covers(m_folders, state_folder + "/covers"),
       m_scanner(m_folders, m_database, std::move(on_change)) {}
 
 std::optional<Library::File> Library::open_track(int64_t id) {
     const std::optional<Track> track = m_view.track(id);
-    for (size_t i = 0; track && i < m_folders.count(); ++i) {
-        if (m_folders.path(i) == track->root) {
-            UniqueFd fd = m_folders.open_file(i, track->below);
-            std::string name = track->below.substr(track->below.rfind('/') + 1);
-            const AudioKind* const kind = audio_kind_of(name);
-            std::string type(kind != nullptr ? kind->type : "application/octet-stream");
-            return fd ? std::optional(File{std::move(fd), std::move(name), std::move(type)})
-                      : std::nullopt;
-        }
-    }
-    return std::nullopt;
-}
-
-std::optional<std::string> Library::picture_beside(const Track& track) {
-    const std::string folder = parent_of(track.below);
-    for (size_t i = 0; i < m_folders.count(); ++i) {
-        if (m_folders.path(i) != track.root) {
-            continue;
-        }
-        for (const std::string& name : pictures_in(m_folders.open_folder(i, folder))) {
-            FileText file = read_file(m_folders.open_file(i, folder + name), kMaxPictureBytes);
-            if (picture_kind_of(file.text) != nullptr && !file.cut) {
-                return std::move(file.text);
-            }
-        }
-    }
-    return std::nullopt;
-}
-
-std::optional<std::string> Library::picture_inside(const Track& track) {
-    const std::optional<File> file = open_track(track.id);
-    if (!file) {
+    if (!track) {
         return std::nullopt;
     }
-    reader::MusicReader reader;  // of its own: what a reader has taken goes with it
-    const auto picture = reader.picture(file->fd);
-    if (const auto* const failure = std::get_if<reader::Failure>(&picture)) {
-        log_line(LogLevel::warning, "No picture from " + track.below + ": " + failure->reason);
+    const std::optional<size_t> root = m_folders.index_of(track->root);
+    UniqueFd fd = root ? m_folders.open_file(*root, track->below) : UniqueFd();
+    if (!fd) {
         return std::nullopt;
     }
-    const auto& bytes = std::get<std::string>(picture);
-    return bytes.empty() ? std::nullopt : std::optional(bytes);
+    const AudioKind* const kind = audio_kind_of(track->below);
+    return File{std::move(fd), kind != nullptr ? kind->type : "application/octet-stream"};
 }
 
-std::optional<std::string> Library::cover_of_album(int64_t id) {
-    const std::vector<Track> tracks = m_view.tracks_of_album(id, 3);
-    std::optional<std::string> picture;
-    if (!tracks.empty()) {
-        picture = picture_beside(tracks.front());
-    }
-    for (const Track& track : tracks) {
-        if (!picture && track.is_readable) {
-            picture = picture_inside(track);
-        }
-    }
-    return picture;
+Covers::Found Library::open_cover(int64_t album, CoverSize size) {
+    return m_covers.open(m_view.tracks_of_album(album, 3), size);
 }
 
 Selection Library::select(const std::string& what) {

@@ -8,9 +8,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "common/unique_fd.h"
+#include "controller/library/covers.h"
 #include "controller/library/library_view.h"
 #include "controller/library/music_folders.h"
 #include "controller/library/scanner.h"
@@ -44,14 +46,12 @@ class Library {
 
     struct File {
         UniqueFd fd;
-        std::string name;  // the last one of its path
-        std::string type;  // Content-Type
+        std::string_view type;  // Content-Type
     };
     // None: no such track, or its file is gone.
     std::optional<File> open_track(int64_t id);
-    // The picture beside the album's tracks, else the one inside one of the first three
-    // (reader/client/music_reader.h).
-    std::optional<std::string> cover_of_album(int64_t id);
+    // Of the album's first three tracks, see Covers.
+    Covers::Found open_cover(int64_t album, CoverSize size);
 
     // "track:ID", "album:ID", "artist:ID", "folder:ID", "search:WORDS" (an album, else an
     // artist, else tracks), an http(s) URL, or a path of
@@ -65,12 +65,11 @@ class Library {
     std::vector<Track> best_match(const std::string& words);
     Selection select_path(const std::string& path);
     Selection select_playlist(const MusicFolders::Place& place);
-    std::optional<std::string> picture_beside(const Track& track);
-    std::optional<std::string> picture_inside(const Track& track);
 
     const MusicFolders m_folders;
     const std::string m_database;  // made by the time its readers open it
     LibraryView m_view;
+    Covers m_covers;
     Scanner m_scanner;
 };
 

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <system_error>
 
@@ -31,6 +32,12 @@ MusicFolders::MusicFolders(const std::vector<std::string>& paths) {
             log_line(LogLevel::warning, "No folder, so no music from it: " + path);
         }
     }
+}
+
+std::optional<size_t> MusicFolders::index_of(std::string_view path) const {
+    const auto found = std::ranges::find(m_folders, path, &Folder::path);
+    return found == m_folders.end() ? std::nullopt
+                                    : std::optional(static_cast<size_t>(found - m_folders.begin()));
 }
 
 UniqueFd MusicFolders::walk(size_t folder, std::string_view below, int flags) const {

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <cstddef>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -23,6 +24,8 @@ class MusicFolders {
 
     size_t count() const { return m_folders.size(); }
     const std::string& path(size_t folder) const { return m_folders[folder].path; }
+
+    std::optional<size_t> index_of(std::string_view path) const;
 
     // None where there is no such thing, it is of another kind, or a link is on the way.
     UniqueFd open_folder(size_t folder, std::string_view below) const;

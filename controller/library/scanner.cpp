@@ -75,14 +75,6 @@ ScanProgress Scanner::progress() const {
     return m_progress;
 }
 
-size_t Scanner::root_index(const std::string& root) const {
-    size_t index = 0;
-    while (index < m_folders.count() && m_folders.path(index) != root) {
-        ++index;
-    }
-    return index;
-}
-
 void Scanner::run() {
     while (!m_is_ending) {
         if (m_is_scan_wanted.exchange(false)) {
@@ -178,7 +170,7 @@ void Scanner::scan_below(const std::string& root, const std::string& below, int6
         const Task task = std::move(tasks.back());
         tasks.pop_back();
         Listing listing;
-        if (!list(root_index(root), task.below, task.id, &listing)) {
+        if (!list(root, task.below, task.id, &listing)) {
             continue;
         }
         const auto known = m_catalogue->folders_in(task.id);
@@ -195,8 +187,10 @@ void Scanner::scan_below(const std::string& root, const std::string& below, int6
 }
 
 // Watched before it is read, so that no change falls between.
-bool Scanner::list(size_t root, const std::string& below, int64_t id, Listing* listing) {
-    UniqueFd fd = root < m_folders.count() ? m_folders.open_folder(root, below) : UniqueFd();
+bool Scanner::list(const std::string& root, const std::string& below, int64_t id,
+                   Listing* listing) {
+    const std::optional<size_t> index = m_folders.index_of(root);
+    UniqueFd fd = index ? m_folders.open_folder(*index, below) : UniqueFd();
     if (!fd) {
         return false;
     }
@@ -261,11 +255,16 @@ bool Scanner::compare(const std::string& root, const std::string& below, int64_t
     return changed != 0;
 }
 
+UniqueFd Scanner::open_file(const std::string& root, const std::string& below) const {
+    const std::optional<size_t> index = m_folders.index_of(root);
+    return index ? m_folders.open_file(*index, below) : UniqueFd();
+}
+
 // False where it could not be tried: what is known of it stays, and it is read in the next scan.
 bool Scanner::put(const std::string& root, const std::string& below, int64_t id,
                   const std::string& name, const Catalogue::KnownFile& file) {
     const std::string path = joined(below, name);
-    const auto tags = m_reader.tags(m_folders.open_file(root_index(root), path));
+    const auto tags = m_reader.tags(open_file(root, path));
     const auto* const failure = std::get_if<reader::Failure>(&tags);
     if (failure != nullptr && !m_is_ending) {
         log_line(LogLevel::warning, "Not read: " + joined(root, path) + ": " + failure->reason);

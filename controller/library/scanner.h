@@ -62,14 +62,14 @@ class Scanner {
                  const Listing& listing);
     bool put(const std::string& root, const std::string& below, int64_t id, const std::string& name,
              const Catalogue::KnownFile& file);
-    bool list(size_t root, const std::string& below, int64_t id, Listing* listing);
+    UniqueFd open_file(const std::string& root, const std::string& below) const;
+    bool list(const std::string& root, const std::string& below, int64_t id, Listing* listing);
     void watch(int64_t folder, int fd);
     void unwatch(const std::vector<int64_t>& folders);
     void read_reports();
     void write_what_is_due();
     void note_tracks();
     void finish();
-    size_t root_index(const std::string& root) const;
     template <typename Work>
     void scan(Work work);
 

@@ -29,11 +29,11 @@ export function icon_button(name, label, onclick, properties = {}) {
                              onclick, ...properties }, icon(name));
 }
 
-// `path`: "cover/ID", or empty. A picture that does not come leaves the icon.
+// `path`: "cover/ID", or empty; `size`: "small", "large" or that of a tile. A picture that does not come leaves the icon.
 export function cover(path, size = "") {
   const frame = element("span", { class: "cover " + size }, icon("library"));
   if (path) {
-    const image = element("img", { src: path, alt: "", loading: "lazy" });
+    const image = element("img", { src: path + "?size=" + (size === "large" ? 1000 : 320), alt: "", loading: "lazy" });
     image.addEventListener("error", () => image.remove());
     frame.append(image);
   }

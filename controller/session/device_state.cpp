@@ -24,10 +24,11 @@ int64_t count_of(const cJSON* object, const char* key) {
     return std::max<int64_t>(0, number_member(object, key).value_or(0));
 }
 
-// Of "http://here/base/cover/17" what the page can ask for; nothing of a foreign one.
+// Of "http://here/base/cover/17?size=1000" what the page can ask for; nothing of a foreign one.
 std::string own_cover(const std::string& url) {
     const size_t at = url.rfind("/cover/");
-    const std::string id = at == std::string::npos ? "" : url.substr(at + 7);
+    const std::string id =
+        at == std::string::npos ? "" : url.substr(at + 7, url.find('?', at) - at - 7);
     return id.empty() || id.find_first_not_of("0123456789") != std::string::npos ? ""
                                                                                  : "cover/" + id;
 }

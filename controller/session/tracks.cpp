@@ -44,7 +44,7 @@ JsonPtr describe(const Playable& item, const std::string& here, const Names& nam
     add(entry.get(), names.title, track.title);
     add(entry.get(), names.artist, track.artist);
     add(entry.get(), names.album, track.album);
-    add(entry.get(), names.cover, here + "/cover/" + std::to_string(track.album_id));
+    add(entry.get(), names.cover, here + "/cover/" + std::to_string(track.album_id) + "?size=1000");
     if (track.duration_ms > 0) {
         add(entry.get(), names.duration, track.duration_ms);
     }

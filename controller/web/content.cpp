@@ -3,11 +3,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cstdio>
 
-#include "common/fnv1a.h"
-#include "common/music/pictures.h"
 #include "common/number.h"
 #include "controller/web/byte_range.h"
 
@@ -29,6 +28,30 @@ std::string etag_of(const struct stat& status) {
 
 bool has_value(const char* header, const std::string& value) {
     return header != nullptr && header == value;
+}
+
+// None where none of the sizes is asked for.
+std::optional<CoverSize> size_asked(const Exchange& exchange) {
+    const std::string text = exchange.parameter("size");
+    for (const CoverSize size : {CoverSize::list, CoverSize::screen}) {
+        if (text == std::to_string(static_cast<uint32_t>(size))) {
+            return size;
+        }
+    }
+    return text.empty() ? std::optional(CoverSize::original) : std::nullopt;
+}
+
+// A file that has become shorter ends the connection early, which tells the peer.
+void send(Exchange& exchange, const UniqueFd& file, ByteRange range) {
+    std::array<char, 32768> buffer;
+    while (exchange.method() != "HEAD" && range.first < range.end) {
+        const size_t wanted = std::min(buffer.size(), static_cast<size_t>(range.end - range.first));
+        const ssize_t got = pread(file.get(), buffer.data(), wanted, range.first);
+        if (got <= 0 || !exchange.write(buffer.data(), static_cast<size_t>(got))) {
+            break;
+        }
+        range.first += got;
+    }
 }
 
 }  // namespace
@@ -93,37 +116,31 @@ int Content::serve_file(Exchange& exchange, const Library::File& file) {
                                  std::to_string(range.end - 1) + "/" +
                                  std::to_string(status.st_size) + "\r\n"
                            : headers);
-    if (exchange.method() == "HEAD") {
-        return 200;
-    }
-    std::array<char, 32768> buffer;
-    while (range.first < range.end) {
-        const size_t wanted = std::min(buffer.size(), static_cast<size_t>(range.end - range.first));
-        const ssize_t got = pread(file.fd.get(), buffer.data(), wanted, range.first);
-        // A file that has become shorter ends the connection early, which tells the device.
-        if (got <= 0 || !exchange.write(buffer.data(), static_cast<size_t>(got))) {
-            break;
-        }
-        range.first += got;
-    }
+    send(exchange, file.fd, range);
     return is_part ? 206 : 200;
 }
 
 int Content::serve_cover(Exchange& exchange, std::string_view id) {
+    const std::optional<CoverSize> size = size_asked(exchange);
+    if (!size) {
+        return exchange.fail(400, "size is 320 or 1000");
+    }
     const std::optional<int64_t> album = to_number<int64_t>(id);
-    const std::optional<std::string> picture =
-        album ? m_library.cover_of_album(*album) : std::nullopt;
-    if (!picture) {
+    const Covers::Found found = album ? m_library.open_cover(*album, *size) : Covers::Found{};
+    if (found.is_busy) {
+        return exchange.fail(503, "too many covers at once", "Retry-After: 1\r\n");
+    }
+    if (!found.cover) {
         return exchange.fail(404, "no cover");
     }
-    std::array<char, 32> etag{};
-    std::snprintf(etag.data(), etag.size(), "\"%016llx\"",
-                  static_cast<unsigned long long>(fnv1a(kFnv1aStart, *picture)));
-    const std::string headers =
-        std::string("ETag: ") + etag.data() + "\r\nCache-Control: private, max-age=86400\r\n";
-    return has_value(exchange.header("If-None-Match"), etag.data())
-               ? exchange.reply(304, {}, {}, headers)
-               : exchange.reply(200, picture_kind_of(*picture)->type, *picture, headers);
+    const std::string etag = "\"" + found.cover->tag + "\"";
+    const std::string headers = "ETag: " + etag + "\r\nCache-Control: private, max-age=86400\r\n";
+    if (has_value(exchange.header("If-None-Match"), etag)) {
+        return exchange.reply(304, {}, {}, headers);
+    }
+    exchange.begin(200, found.cover->type, static_cast<int64_t>(found.cover->size), headers);
+    send(exchange, found.cover->file, {0, static_cast<int64_t>(found.cover->size)});
+    return 200;
 }
 
 }  // namespace nuvio::controller

@@ -2,7 +2,7 @@
 //
 //   GET /content/SESSION.jspf   the playlist that the session was begun with
 //   GET /content/ID.EXTENSION   a track of the library
-//   GET /cover/ID               an album's picture
+//   GET /cover/ID               an album's picture; with ?size=320 or ?size=1000 a smaller one
 //
 // The first two need the bearer token of a session that is not over.
 //

@@ -1,53 +1,14 @@
 #include "reader/client/music_reader.h"
 
-#include <fcntl.h>
-#include <poll.h>
-#include <sys/eventfd.h>
-#include <sys/mman.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <array>
-#include <cerrno>
 #include <cstring>
 #include <string_view>
 
-#include "common/music/pictures.h"
 #include "common/utf8.h"
 
 namespace nuvio::reader {
 
 namespace {
-
-constexpr char kLied[] = "its reader lied";
-
-// Memory that both have and none can make smaller: what is mapped of it stays there.
-UniqueFd shared_memory(size_t bytes) {
-    UniqueFd memory(memfd_create("nuvio-reader", MFD_CLOEXEC | MFD_ALLOW_SEALING));
-    const bool is_made =
-        memory && ftruncate(memory.get(), static_cast<off_t>(bytes)) == 0 &&
-        fcntl(memory.get(), F_ADD_SEALS, F_SEAL_SHRINK | F_SEAL_GROW | F_SEAL_SEAL) == 0;
-    return is_made ? std::move(memory) : UniqueFd();
-}
-
-bool send(int socket, const Request& request, const UniqueFd& file, const UniqueFd& memory) {
-    const std::array<int, 2> descriptors{file.get(), memory.get()};
-    const size_t bytes = memory ? sizeof descriptors : sizeof(int);
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptors)> control{};
-    iovec part{const_cast<Request*>(&request), sizeof request};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = CMSG_SPACE(bytes);
-    cmsghdr* const rights = CMSG_FIRSTHDR(&message);
-    rights->cmsg_level = SOL_SOCKET;
-    rights->cmsg_type = SCM_RIGHTS;
-    rights->cmsg_len = CMSG_LEN(bytes);
-    std::memcpy(CMSG_DATA(rights), descriptors.data(), bytes);
-    return sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof request);
-}
 
 // What the reader may have put there; empty where it is no text.
 std::string text_in(const char (&field)[kMaxText]) {
@@ -74,91 +35,14 @@ Tags tags_in(const TagsAnswer& answer) {
 
 }  // namespace
 
-MusicReader::MusicReader() : m_interruption(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
-
-void MusicReader::rest() {
-    m_process.reset();
-}
-
-void MusicReader::interrupt() {
-    eventfd_write(m_interruption.get(), 1);
-}
-
-// True when the reader has said something, or has ended.
-bool MusicReader::wait() {
-    std::array<pollfd, 2> waits{
-        {{m_process->socket().get(), POLLIN, 0}, {m_interruption.get(), POLLIN, 0}}};
-    const auto patience = std::chrono::duration_cast<std::chrono::milliseconds>(kPatience);
-    int ready = 0;
-    do {
-        ready = poll(waits.data(), waits.size(), static_cast<int>(patience.count()));
-    } while (ready < 0 && errno == EINTR);
-    return ready > 0 && waits[1].revents == 0;
-}
-
-Outcome<Answer> MusicReader::ask(Job job, const UniqueFd& file, const UniqueFd& memory) {
-    std::string error;
-    if (!m_process) {
-        m_process = std::make_unique<ReaderProcess>(&error);
-    }
-    const int socket = m_process->socket().get();
-    if (socket < 0) {
-        m_process.reset();
-        return Failure{Failure::Kind::machine, error};
-    }
-    const Request request{job, ++m_number};
-    Answer answer{};
-    // Descriptors that come with an answer are dropped by the kernel: there is no room for them.
-    const bool is_told = send(socket, request, file, memory);
-    const bool is_late = is_told && !wait();
-    const ssize_t got =
-        is_told && !is_late ? recv(socket, &answer, sizeof answer, MSG_TRUNC | MSG_DONTWAIT) : 0;
-    const bool is_answered =
-        got == static_cast<ssize_t>(sizeof answer) && answer.number == request.number;
-    if (is_answered && answer.status == Status::done) {
-        return answer;
-    }
-    const ReaderProcess::End end = m_process->end();
-    m_process.reset();
-    if (is_late) {
-        return Failure{Failure::Kind::disk, "no answer from its disk"};
-    }
-    if (got > 0) {
-        return Failure{Failure::Kind::file, is_answered && answer.status == Status::too_big
-                                                ? "it takes too much memory to be read"
-                                                : kLied};
-    }
-    return Failure{end.is_by_what_it_read ? Failure::Kind::file : Failure::Kind::machine,
-                   "its reader " + end.reason};
-}
-
 Outcome<Tags> MusicReader::tags(const UniqueFd& file) {
-    const Outcome<Answer> answer = file ? ask(Job::tags, file, {}) : Answer{};
+    const Outcome<Answer> answer = file ? m_questions.ask({Job::tags}, file) : Answer{};
     const auto* const failure = std::get_if<Failure>(&answer);
     return failure != nullptr ? Outcome<Tags>(*failure) : tags_in(std::get<Answer>(answer).tags);
 }
 
-Outcome<std::string> MusicReader::picture(const UniqueFd& file) {
-    const UniqueFd memory = shared_memory(kMaxPictureBytes);
-    if (!file || !memory) {
-        return file ? Outcome<std::string>(Failure{Failure::Kind::machine, std::strerror(errno)})
-                    : std::string();
-    }
-    const Outcome<Answer> answer = ask(Job::picture, file, memory);
-    if (const auto* const failure = std::get_if<Failure>(&answer)) {
-        return *failure;
-    }
-    const uint64_t size = std::get<Answer>(answer).picture.size;
-    if (size == 0) {
-        return std::string();
-    }
-    std::string picture(std::min<uint64_t>(size, kMaxPictureBytes), '\0');
-    const bool is_read = pread(memory.get(), picture.data(), picture.size(), 0) ==
-                         static_cast<ssize_t>(picture.size());
-    const bool is_picture =
-        is_read && size <= kMaxPictureBytes && picture_kind_of(picture) != nullptr;
-    return is_picture ? Outcome<std::string>(std::move(picture))
-                      : Failure{Failure::Kind::file, kLied};
+Outcome<Picture> MusicReader::picture(const UniqueFd& file) {
+    return file ? m_questions.ask_for_picture({Job::picture}, file) : Picture{};
 }
 
 }  // namespace nuvio::reader

@@ -53,16 +53,15 @@ LeftBehind& left_behind() {
     return *processes;
 }
 
-std::string program() {
-    std::string named = environment_text("NUVIO_READER");
+std::string path_of(const char* program) {
+    namespace fs = std::filesystem;
+    const fs::path named = environment_text("NUVIO_READERS");
     if (!named.empty()) {
-        return named;
+        return named / program;
     }
     std::error_code error;
-    const auto beside = std::filesystem::read_symlink("/proc/self/exe", error).parent_path() /
-                        "nuvio-connect-reader";
-    return !error && std::filesystem::exists(beside, error) ? beside.string()
-                                                            : NUVIO_READER_PROGRAM;
+    const fs::path beside = fs::read_symlink("/proc/self/exe", error).parent_path() / program;
+    return !error && fs::exists(beside, error) ? beside : fs::path(NUVIO_READERS) / program;
 }
 
 // Of the environment, which may hold secrets, what the loader, sanitizers and emulators read.
@@ -129,7 +128,7 @@ ReaderProcess::End ending(int status) {
 
 }  // namespace
 
-ReaderProcess::ReaderProcess(std::string* error) {
+ReaderProcess::ReaderProcess(const char* program, std::string* error) {
     std::array<int, 2> pair{};
     if (left_behind().count() >= kMaxLeftBehind) {
         *error = "too many before it still wait for their disks";
@@ -141,7 +140,7 @@ ReaderProcess::ReaderProcess(std::string* error) {
     }
     UniqueFd own(pair[0]);
     const UniqueFd its(pair[1]);
-    std::string path = program();
+    std::string path = path_of(program);
     std::string option = "--unfiltered";
     const bool filtered = environment_text("NUVIO_READER_UNFILTERED").empty();
     const std::array<char*, 3> arguments{path.data(), filtered ? nullptr : option.data(), nullptr};

@@ -1,6 +1,7 @@
-// One process of nuvio-connect-reader, from its start to its end.
+// One process of a reader, from its start to its end.
 //
-// Which program: $NUVIO_READER, else the one beside this process's program, else the installed one.
+// Which program: the one of its name in the folder that $NUVIO_READERS names, else beside this
+// process's program, else where they are installed.
 // Without NUVIO_READER_UNFILTERED in the environment it refuses to work where the kernel has no
 // filter of system calls.
 #pragma once
@@ -21,7 +22,7 @@ class ReaderProcess {
 
     // Starts it; has no socket, and says why in *error, where that fails. What fails after that,
     // the program missing included, shows as the socket's end.
-    explicit ReaderProcess(std::string* error);
+    ReaderProcess(const char* program, std::string* error);
     // Kills it.
     ~ReaderProcess();
     ReaderProcess(const ReaderProcess&) = delete;

@@ -69,13 +69,18 @@ class Shared {
 void work(const Received& received, const Jobs& jobs, Answer* answer) {
     const Clock clock;
     try {
-        if (received.request.job == Job::tags) {
+        const Request& request = received.request;
+        if (request.job == Job::tags) {
             answer->tags = {};
             jobs.tags(received.file, &answer->tags);
-        } else {
-            answer->picture = {};
-            const Shared shared(received.memory);
+            return;
+        }
+        answer->picture = {};
+        const Shared shared(received.memory);
+        if (request.job == Job::picture) {
             jobs.picture(received.file, shared.bytes(), &answer->picture);
+        } else {
+            jobs.scaled_picture(received.file, request.edge, shared.bytes(), &answer->picture);
         }
     } catch (const std::bad_alloc&) {
         answer->status = Status::too_big;

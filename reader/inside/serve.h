@@ -6,12 +6,14 @@
 
 namespace nuvio::reader {
 
-// What answers, by job. Each is called after the walls are up; std::bad_alloc is answered as
-// Status::too_big.
+// What answers, by job; null where this program is not asked for it. Each is called after the walls
+// are up; std::bad_alloc is answered as Status::too_big.
 struct Jobs {
-    void (*tags)(const UniqueFd& file, TagsAnswer* answer);
+    void (*tags)(const UniqueFd& file, TagsAnswer* answer) = nullptr;
     // `picture`: kMaxPictureBytes of shared memory.
-    void (*picture)(const UniqueFd& file, char* picture, PictureAnswer* answer);
+    void (*picture)(const UniqueFd& file, char* picture, PictureAnswer* answer) = nullptr;
+    void (*scaled_picture)(const UniqueFd& file, uint32_t edge, char* picture,
+                           PictureAnswer* answer) = nullptr;
 };
 
 // The program: its exit status, 0 when the socket has ended. `--unfiltered` among the arguments

@@ -137,6 +137,14 @@ class Peers(HouseTest):
             answer = self.ask(track, headers={**bearer, **more})
             self.assertEqual((answer[0], answer[2] if body is not None else None), (status, body), more)
         self.assertEqual(self.ask(track, headers=bearer, method="HEAD")[1]["Content-Length"], str(len(whole)))
+        cover = "/music/cover/1"
+        self.assertEqual(self.ask(cover, headers=bearer)[2][:4], b"\x89PNG")
+        for size in (320, 1000):
+            status, headers, small = self.ask(f"{cover}?size={size}", headers=bearer)
+            self.assertEqual((status, headers["Content-Type"], small[:3]), (200, "image/jpeg", b"\xff\xd8\xff"))
+            known = {**bearer, "If-None-Match": headers["ETag"]}
+            self.assertEqual(self.ask(f"{cover}?size={size}", headers=known)[0], 304)
+        self.assertEqual(self.ask(f"{cover}?size=7", headers=bearer)[0], 400)
         for path in (track, "/content/1.jspf", "/channel", "/api/events", "/api/state", "/", "/cover/1"):
             for headers in ({}, {"Authorization": "Bearer x"}, {"Authorization": "Basic eDp4"}):
                 upgrade = {"Upgrade": "websocket", "Connection": "Upgrade", "Sec-WebSocket-Version": "13",

@@ -185,5 +185,5 @@ void picture(const nuvio::UniqueFd& file, char* shared, PictureAnswer* answer) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    return serve(argc, argv, {tags, picture});
+    return serve(argc, argv, {.tags = tags, .picture = picture});
 }

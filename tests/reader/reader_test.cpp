@@ -10,8 +10,12 @@
 #include <id3v2tag.h>
 #include <mp4file.h>
 #include <mpegfile.h>
+#include <png.h>
+#include <turbojpeg.h>
 #include <unistd.h>
 #include <wavfile.h>
+#include <webp/decode.h>
+#include <webp/encode.h>
 #include <xiphcomment.h>
 
 #include <chrono>
@@ -24,6 +28,7 @@
 #include "common/music/pictures.h"
 #include "local_core/audio_files.h"
 #include "reader/client/music_reader.h"
+#include "reader/client/picture_scaler.h"
 #include "reader/harmful_files.h"
 
 namespace {
@@ -94,27 +99,28 @@ UniqueFd open_file(const std::string& path) {
     return UniqueFd(open(path.c_str(), O_RDONLY | O_CLOEXEC));
 }
 
-// Fail the test where there is none.
-Tags tags_of(MusicReader& reader, const std::string& path) {
-    const auto tags = reader.tags(open_file(path));
-    const auto* const failure = std::get_if<Failure>(&tags);
-    EXPECT_EQ(failure, nullptr) << path << ": " << failure->reason;
-    return failure != nullptr ? Tags{} : std::get<Tags>(tags);
-}
-
-std::string picture_of(MusicReader& reader, const std::string& path) {
-    const auto picture = reader.picture(open_file(path));
-    const auto* const failure = std::get_if<Failure>(&picture);
-    EXPECT_EQ(failure, nullptr) << path << ": " << failure->reason;
-    return failure != nullptr ? "" : std::get<std::string>(picture);
-}
-
 template <typename Result>
 std::string failure_of(const Outcome<Result>& outcome) {
     const auto* const failure = std::get_if<Failure>(&outcome);
     return failure == nullptr                     ? "none"
            : failure->kind == Failure::Kind::file ? failure->reason
                                                   : "not the file's: " + failure->reason;
+}
+
+// Fail the test where there is none.
+template <typename Result>
+Result result_of(Outcome<Result> outcome, const std::string& path) {
+    EXPECT_EQ(failure_of(outcome), "none") << path;
+    auto* const result = std::get_if<Result>(&outcome);
+    return result != nullptr ? std::move(*result) : Result{};
+}
+
+Tags tags_of(MusicReader& reader, const std::string& path) {
+    return result_of(reader.tags(open_file(path)), path);
+}
+
+std::string picture_of(MusicReader& reader, const std::string& path) {
+    return result_of(reader.picture(open_file(path)), path).bytes();
 }
 
 TEST(Reader, TheFirstFrontCoverThatCanBeShownIsFoundInEveryKindOfFile) {
@@ -171,12 +177,123 @@ TEST(Music, NamesAreReadByTheirEndings) {
     EXPECT_TRUE(is_playlist_name("List.M3U8"));
 }
 
+// ---- Pictures -----------------------------------------------------------------------------------
+
+constexpr int kWidth = 2000;
+constexpr int kHeight = 1000;
+using Bytes = std::vector<uint8_t>;
+
+// Red, the right half blue, which covers a third: blue, green, red and cover of each pixel.
+Bytes red_and_pale_blue() {
+    Bytes pixels;
+    for (int i = 0; i < kWidth * kHeight; ++i) {
+        const bool is_left = i % kWidth < kWidth / 2;
+        pixels.insert(pixels.end(), {static_cast<uint8_t>(is_left ? 0 : 255), 0,
+                                     static_cast<uint8_t>(is_left ? 255 : 0),
+                                     static_cast<uint8_t>(is_left ? 255 : 85)});
+    }
+    return pixels;
+}
+
+std::string text_of(const uint8_t* bytes, size_t size) {
+    return {reinterpret_cast<const char*>(bytes), size};
+}
+
+std::string as_jpeg(const Bytes& pixels) {
+    const tjhandle encoder = tjInitCompress();
+    unsigned char* bytes = nullptr;
+    unsigned long size = 0;
+    tjCompress2(encoder, pixels.data(), kWidth, 0, kHeight, TJPF_BGRX, &bytes, &size, TJSAMP_420,
+                90, 0);
+    std::string text = text_of(bytes, size);
+    tjFree(bytes);
+    tjDestroy(encoder);
+    return text;
+}
+
+std::string as_png(const Bytes& pixels) {
+    png_image image{};
+    image.version = PNG_IMAGE_VERSION;
+    image.width = kWidth;
+    image.height = kHeight;
+    image.format = PNG_FORMAT_BGRA;
+    Bytes bytes(kWidth * kHeight * 4);
+    png_alloc_size_t size = bytes.size();
+    png_image_write_to_memory(&image, bytes.data(), &size, 0, pixels.data(), 0, nullptr);
+    return text_of(bytes.data(), size);
+}
+
+std::string as_webp(const Bytes& pixels) {
+    uint8_t* bytes = nullptr;
+    const size_t size = WebPEncodeLosslessBGRA(pixels.data(), kWidth, kHeight, kWidth * 4, &bytes);
+    std::string text = text_of(bytes, size);
+    WebPFree(bytes);
+    return text;
+}
+
+struct Seen {
+    int width = 0, height = 0;
+    int left = 0, right = 0;  // 0xRGB, from 0 to 3 each
+};
+
+Seen look_at(const std::string& jpeg) {
+    Seen seen;
+    const tjhandle decoder = tjInitDecompress();
+    const auto* const bytes = reinterpret_cast<const uint8_t*>(jpeg.data());
+    int ignored = 0;
+    tjDecompressHeader3(decoder, bytes, jpeg.size(), &seen.width, &seen.height, &ignored, &ignored);
+    Bytes pixels(static_cast<size_t>(3) * static_cast<size_t>(seen.width * seen.height));
+    tjDecompress2(decoder, bytes, jpeg.size(), pixels.data(), seen.width, 0, seen.height, TJPF_RGB,
+                  0);
+    tjDestroy(decoder);
+    const auto colour = [&pixels](int at) {
+        int rounded = 0;
+        for (int i = 0; i < 3; ++i) {
+            rounded = rounded << 4 | (pixels[static_cast<size_t>(3 * at + i)] + 42) / 85;
+        }
+        return rounded;
+    };
+    const int middle = seen.height / 2 * seen.width;
+    seen.left = colour(middle + seen.width / 4);
+    seen.right = colour(middle + seen.width * 3 / 4);
+    return seen;
+}
+
+TEST(Scaler, EveryKindOfPictureBecomesAJpegOfTheSizeAskedFor) {
+    const TempDir folder;
+    const Bytes pixels = red_and_pale_blue();
+    constexpr int kRed = 0x300;
+    for (const auto& [name, bytes, right] : {std::tuple("a.jpg", as_jpeg(pixels), 0x003),
+                                             {"a.png", as_png(pixels), 0x223},
+                                             {"a.webp", as_webp(pixels), 0x223}}) {
+        for (const uint32_t edge : {320U, 1000U, 4000U}) {
+            PictureScaler scaler;
+            const auto scaled = scaler.scaled(open_file(folder.write(name, bytes)), edge);
+            ASSERT_EQ(failure_of(scaled), "none") << name;
+            const Seen seen = look_at(std::get<Picture>(scaled).bytes());
+            EXPECT_EQ(seen.width, std::min<int>(static_cast<int>(edge), kWidth)) << name;
+            EXPECT_EQ(seen.height, seen.width / 2) << name;
+            EXPECT_EQ(seen.left, kRed) << name << std::hex << seen.left;
+            EXPECT_EQ(seen.right, right) << name << std::hex << seen.right;
+        }
+        PictureScaler scaler;
+        const std::string damaged = bytes.substr(0, 300);
+        const auto nothing = scaler.scaled(open_file(folder.write(name, damaged)), 320);
+        EXPECT_EQ(failure_of(nothing), "none") << name;
+    }
+    PictureScaler scaler;
+    for (const std::string& other : {kFront, kUnknown, ""s}) {
+        const auto none = scaler.scaled(open_file(folder.write("other", other)), 320);
+        EXPECT_EQ(std::get<Picture>(none).size, 0U) << other;
+    }
+}
+
 // ---- Files that are made to harm ----------------------------------------------------------------
 
 #ifdef NUVIO_SANITIZED
 // Its runtime has its own way to end, which the walls end, and room without a limit.
 constexpr char kCrash[] = "signal 31";
-constexpr char kNoMemory[] = "status 0";
+constexpr char kNoMemory[] = "its reader";
 #else
 constexpr char kCrash[] = "signal 11";
 constexpr char kNoMemory[] = "too much memory";
@@ -214,9 +331,9 @@ class TakenOver : public testing::Test {
             GTEST_SKIP() << "this kernel has no filter of system calls";
         }
         const auto here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
-        setenv("NUVIO_READER", (here / "attacking_reader").c_str(), 1);
+        setenv("NUVIO_READERS", (here / "attacking").c_str(), 1);
     }
-    void TearDown() override { setenv("NUVIO_READER", m_program.c_str(), 1); }
+    void TearDown() override { setenv("NUVIO_READERS", m_readers.c_str(), 1); }
 
     UniqueFd file(const std::string& what) { return open_file(m_folder.write("file", what)); }
 
@@ -225,7 +342,7 @@ class TakenOver : public testing::Test {
         return static_cast<size_t>(std::distance(begin(all), end(all)));
     }
 
-    const std::string m_program = environment_text("NUVIO_READER");
+    const std::string m_readers = environment_text("NUVIO_READERS");
     const TempDir m_folder;
     MusicReader m_reader;
     const size_t m_descriptors = open_descriptors();
@@ -268,7 +385,7 @@ TEST_F(TakenOver, NothingItSaysIsBelieved) {
                     testing::AnyOf(HasSubstr("signal 31"), HasSubstr("lied")))
             << attack;
     }
-    EXPECT_EQ(std::get<std::string>(m_reader.picture(file(""))), "GIF89a");
+    EXPECT_EQ(std::get<Picture>(m_reader.picture(file(""))).bytes(), "GIF89a");
 
     // What it says unasked is not taken for the next file's.
     for (const char* attack : {"a flood", "a descriptor"}) {
@@ -292,7 +409,7 @@ TEST_F(TakenOver, OneThatSaysNothingIsWaitedForNoLongerThanWanted) {
 }
 
 TEST_F(TakenOver, WithoutAReaderNothingIsRead) {
-    setenv("NUVIO_READER", "/nowhere/nuvio-connect-reader", 1);
+    setenv("NUVIO_READERS", "/nowhere", 1);
     EXPECT_THAT(failure_of(m_reader.tags(file("a title"))),
                 HasSubstr("not the file's: /nowhere/nuvio-connect-reader: No such file"));
 }

@@ -8,4 +8,4 @@ cppcheck --quiet --error-exitcode=1 -j "$(nproc)" --std=c++20 --language=c++ \
     --library=posix,gnu,googletest --library=tools/lint/cppcheck.cfg \
     --suppressions-list=tools/lint/cppcheck-suppressions.txt \
     -I src -I cores -I hosts/linux -I tests -I . \
-    common src cores hosts controller tools bench tests
+    common reader src cores hosts controller tools bench tests

@@ -33,7 +33,8 @@ AREAS = {
     "core": Area(["cores/local"], ["local_core_parts_test", "local_core_test"]),
     "host": Area(["hosts/linux"], ["linux_host_configuration_test", "linux_host_services_test",
                                    "bus_test"]),
-    "common": Area(["common"], ["files_test", "music_test", "linux_host_configuration_test"]),
+    "common": Area(["common"], ["files_test", "reader_test", "linux_host_configuration_test"]),
+    "reader": Area(["reader"], ["reader_test"]),
     "page": Area(["controller/page"], ["test_page"]),
     "card": Area(["tools/simcard"], ["sink_test", "fault_matrix_test"]),
 }

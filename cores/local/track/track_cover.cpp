@@ -23,7 +23,7 @@ std::string TrackCover::find(const Track& track, TrackTexts* texts) {
         if (const auto* const failure = std::get_if<nuvio::reader::Failure>(&picture)) {
             return failure->reason;
         }
-        m_kept = KeptCover::keep(std::get<std::string>(picture));
+        m_kept = KeptCover::keep(std::get<nuvio::reader::Picture>(picture).bytes());
         texts->album_art_url = m_kept ? m_kept->url() : "";
     } else if (track.remote && !track.remote->token.empty() &&
                nuvio::same_origin(texts->album_art_url, track.remote->token_origin)) {

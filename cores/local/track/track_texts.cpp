@@ -21,12 +21,12 @@ namespace {
 namespace fs = std::filesystem;
 
 std::string find_art(const fs::path& folder) {
-    constexpr size_t kStart = 16;  // shows of what kind it is
     for (const std::string& name : nuvio::pictures_in(
              nuvio::UniqueFd(open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)))) {
         std::string error;
         const std::string path = folder / name;
-        const nuvio::FileText file = nuvio::read_file(open_regular_file(path, &error), kStart);
+        const nuvio::FileText file =
+            nuvio::read_file(open_regular_file(path, &error), nuvio::kPictureStart);
         if (nuvio::picture_kind_of(file.text) != nullptr) {
             return file_url_from_path(path);
         }

@@ -11,7 +11,8 @@ S = "${WORKDIR}/git"
 
 inherit cmake pkgconfig systemd useradd
 
-DEPENDS = "alsa-lib avahi cjson civetweb curl expat libseccomp libsndfile1 libuv libwebsockets openssl sqlite3 systemd taglib"
+DEPENDS = "alsa-lib avahi cjson civetweb curl expat libjpeg-turbo libpng libseccomp libsndfile1 libuv \
+    libwebp libwebsockets openssl sqlite3 systemd taglib"
 EXTRA_OECMAKE = "-DNUVIO_TESTS=OFF"
 
 # Without one of them a package of the maker's own brings the library of this soname.
@@ -43,7 +44,7 @@ RDEPENDS:${PN}-host-linux += "bash dbus"
 RPROVIDES:${PN}-core-local = "nuvio-connect-core"
 RPROVIDES:${PN}-host-linux = "nuvio-connect-host"
 CONFFILES:${PN}-host-linux = "${sysconfdir}/nuvio-connect/settings.conf"
-FILES:${PN}-core-local = "${libdir}/libnuvio_connect.so.* ${libexecdir}/nuvio-connect-reader"
+FILES:${PN}-core-local = "${libdir}/libnuvio_connect.so.* ${libexecdir}/nuvio-connect/nuvio-connect-reader"
 FILES:${PN}-host-linux = "${libdir}/libnuvio_host.so.* \
     ${bindir}/nuvio-connect-panel \
     ${sysconfdir}/nuvio-connect/settings.conf \
