@@ -13,9 +13,6 @@ namespace nuvio::reader {
 // The reader's descriptors: the socket is its only one.
 constexpr int kSocket = 0;
 
-// The exit status of a reader that this machine does not let work as it should.
-constexpr int kNoWalls = 70;
-
 enum class Job : uint32_t { tags, picture, scaled_picture };
 
 struct Request {

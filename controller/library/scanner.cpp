@@ -266,12 +266,12 @@ bool Scanner::put(const std::string& root, const std::string& below, int64_t id,
     const std::string path = joined(below, name);
     const auto tags = m_reader.tags(open_file(root, path));
     const auto* const failure = std::get_if<reader::Failure>(&tags);
-    if (failure != nullptr && !m_is_ending) {
-        log_line(LogLevel::warning, "Not read: " + joined(root, path) + ": " + failure->reason);
-    }
     if (failure != nullptr && failure->kind != reader::Failure::Kind::file) {
         m_failure = "Files can't be read: " + failure->reason;
         return false;
+    }
+    if (failure != nullptr) {
+        log_line(LogLevel::warning, "Not read: " + joined(root, path) + ": " + failure->reason);
     }
     m_catalogue->put(id, last_name(below.empty() ? root : below), name, file,
                      failure != nullptr ? reader::Tags{} : std::get<reader::Tags>(tags),

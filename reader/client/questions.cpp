@@ -45,7 +45,9 @@ bool send(int socket, const Request& request, const UniqueFd& file, const Unique
     rights->cmsg_type = SCM_RIGHTS;
     rights->cmsg_len = CMSG_LEN(bytes);
     std::memcpy(CMSG_DATA(rights), descriptors.data(), bytes);
-    return sendmsg(socket, &message, MSG_NOSIGNAL) == static_cast<ssize_t>(sizeof request);
+    // One that has not taken the questions before this one is not waited for.
+    return sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT) ==
+           static_cast<ssize_t>(sizeof request);
 }
 
 }  // namespace

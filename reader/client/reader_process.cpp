@@ -20,7 +20,6 @@
 #include <vector>
 
 #include "common/environment.h"
-#include "reader/protocol.h"
 
 namespace nuvio::reader {
 
@@ -120,10 +119,11 @@ ReaderProcess::End ending(int status) {
     if (WIFSIGNALED(status)) {
         const int signal = WTERMSIG(status);
         return {"was ended by signal " + std::to_string(signal) + " (" + strsignal(signal) + ")",
-                true};
+                signal != SIGKILL};  // as the kernel does where memory is short
     }
+    // Another one where a library is missing, or the walls.
     const int code = WEXITSTATUS(status);
-    return {"ended with status " + std::to_string(code), code != kNoWalls};
+    return {"ended with status " + std::to_string(code), code == 0};
 }
 
 }  // namespace

@@ -49,7 +49,6 @@ constexpr int kAllowed[] = {
     SCMP_SYS(clock_gettime), SCMP_SYS(clock_gettime64),
     SCMP_SYS(setitimer),     SCMP_SYS(rt_sigreturn),
     SCMP_SYS(exit_group),    SCMP_SYS(restart_syscall),
-    SCMP_SYS(getrusage),
 };
 // Memory, but none that can be executed.
 constexpr int kAllowedUnlessExecutable[] = {SCMP_SYS(mmap), SCMP_SYS(mmap2), SCMP_SYS(mprotect)};

@@ -23,8 +23,9 @@ struct Received {
     UniqueFd file, memory;
 };
 
-// False at the socket's end.
-bool receive(Received* received) {
+enum class Receipt { request, end, other_build };
+
+Receipt receive(Received* received) {
     std::array<int, 2> descriptors{-1, -1};
     alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptors)> control{};
     iovec part{&received->request, sizeof received->request};
@@ -33,9 +34,9 @@ bool receive(Received* received) {
     message.msg_iovlen = 1;
     message.msg_control = control.data();
     message.msg_controllen = control.size();
-    if (recvmsg(kSocket, &message, MSG_CMSG_CLOEXEC) !=
-        static_cast<ssize_t>(sizeof received->request)) {
-        return false;
+    const ssize_t got = recvmsg(kSocket, &message, MSG_CMSG_CLOEXEC);
+    if (got != static_cast<ssize_t>(sizeof received->request)) {
+        return got <= 0 ? Receipt::end : Receipt::other_build;
     }
     const cmsghdr* const rights = CMSG_FIRSTHDR(&message);
     if (rights != nullptr && rights->cmsg_type == SCM_RIGHTS) {
@@ -44,7 +45,7 @@ bool receive(Received* received) {
     }
     received->file = UniqueFd(descriptors[0]);
     received->memory = UniqueFd(descriptors[1]);
-    return true;
+    return Receipt::request;
 }
 
 // The shared memory of a picture, mapped.
@@ -109,10 +110,11 @@ int serve(int argc, char** argv, const Jobs& jobs) {
     std::string error;
     if (!shut_in(filtered, &error)) {
         std::fprintf(stderr, "nuvio-connect-reader: not started: %s\n", error.c_str());
-        return kNoWalls;
+        return 1;
     }
     Received received;
-    while (receive(&received)) {
+    Receipt receipt = Receipt::end;
+    while ((receipt = receive(&received)) == Receipt::request) {
         Answer answer{};
         answer.number = received.request.number;
         work(received, jobs, &answer);
@@ -121,7 +123,7 @@ int serve(int argc, char** argv, const Jobs& jobs) {
             break;
         }
     }
-    return 0;
+    return receipt == Receipt::other_build ? 1 : 0;
 }
 
 }  // namespace nuvio::reader

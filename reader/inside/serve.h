@@ -16,8 +16,9 @@ struct Jobs {
                            PictureAnswer* answer) = nullptr;
 };
 
-// The program: its exit status, 0 when the socket has ended. `--unfiltered` among the arguments
-// stands for a kernel without a filter of system calls. What it can't do it says on standard error.
+// The program: its exit status, 0 when the socket has ended, another one where this machine does
+// not let it work. `--unfiltered` among the arguments stands for a kernel without a filter of
+// system calls. What it can't do it says on standard error.
 int serve(int argc, char** argv, const Jobs& jobs);
 
 }  // namespace nuvio::reader
