@@ -75,7 +75,7 @@ export function scan_line() {
   const library = state.library;
   if (library.failure) return element("p", { class: "warn" }, library.failure);
   if (!library.scanning) {
-    return element("p", { class: "quiet" }, (library.tracks || 0) + " tracks in the library", library.unreadable
+    return element("p", { class: "row wrap quiet" }, (library.tracks || 0) + " tracks in the library", library.unreadable
       ? element("a", { class: "button", href: "#library/unreadable" }, library.unreadable + " of them can't be read") : "");
   }
   return element("div", { role: "status" }, element("p", { class: "quiet" },
@@ -150,8 +150,8 @@ async function unreadable() {
   const page = await request("library/unreadable");
   return [element("h2", { class: "first" }, "Files that can't be read"),
           element("ul", { class: "list" }, page.files.map((file) => element("li", {},
-            element("span", { class: "grow" }, element("span", {}, file.path),
-                    element("span", { class: "quiet" }, file.failure)))))];
+            element("div", { class: "grow" }, element("div", {}, file.path),
+                    element("div", { class: "quiet" }, file.failure)))))];
 }
 
 // `words`: what follows "#library/".
