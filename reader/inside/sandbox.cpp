@@ -66,8 +66,8 @@ bool allow(scmp_filter_ctx filter, int call) {
 }
 
 bool allow_unless_executable(scmp_filter_ctx filter, int call) {
-    const scmp_arg_cmp not_executable = SCMP_A2_64(SCMP_CMP_MASKED_EQ, PROT_EXEC, 0);
-    const int failure = seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, call, 1, &not_executable);
+    constexpr scmp_arg_cmp kNotExecutable{2, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0};
+    const int failure = seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, call, 1, &kNotExecutable);
     return failure == 0 || failure == -EDOM;
 }
 
