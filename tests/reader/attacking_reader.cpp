@@ -124,7 +124,11 @@ const std::map<std::string, std::function<void()>> kOfTags = {
          succeed();
      }},
     {"take the stack", [] { expect_no_return(static_cast<long>(go_deeper(0))); }},
-    {"touch nothing", [] { static_cast<void>(*reinterpret_cast<volatile int*>(8)); }},
+    {"touch nothing",
+     [] {
+         void* const wall = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+         *static_cast<volatile char*>(wall) = 1;
+     }},
     {"half an answer", [] { answer_as(1, sizeof(Answer) / 2); }},
     {"an answer of another's", [] { answer_as(7, sizeof(Answer)); }},
     {"a flood",
@@ -137,7 +141,7 @@ const std::map<std::string, std::function<void()>> kOfTags = {
     {"silence",
      [] {
          Request none{};
-         read(kSocket, &none, sizeof none);
+         expect_no_return(read(kSocket, &none, sizeof none));
      }},
     {"leave", succeed},
 };
@@ -161,7 +165,7 @@ void tags(const nuvio::UniqueFd& file, TagsAnswer* answer) {
 
 void picture(const nuvio::UniqueFd& file, char* shared, PictureAnswer* answer) {
     char what = 0;
-    pread(file.get(), &what, 1, 0);
+    static_cast<void>(pread(file.get(), &what, 1, 0) == 1);
     std::memcpy(shared, "GIF89a", 6);
     switch (what) {
         case 's':  // take it from under the parent

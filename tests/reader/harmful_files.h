@@ -24,9 +24,10 @@ inline std::string syncsafe(size_t number) {
 }
 
 inline std::string m4a_of_nested_atoms(size_t depth) {
-    std::string file = "\0\0\0\x10"s + "ftypM4A \0\0\0\0"s;
+    std::string file = "\0\0\0\020ftypM4A \0\0\0\0"s;
     for (size_t left = depth; left > 0; --left) {
-        file += big_endian(8 * left) + "moov";
+        file += big_endian(8 * left);
+        file += "moov";
     }
     return file;
 }
@@ -39,7 +40,10 @@ inline std::string mp3_of_nested_chapters(size_t depth) {
     constexpr size_t kFrame = 27;
     std::string frames;
     for (size_t left = depth; left > 0; --left) {
-        frames += "CHAP" + syncsafe(kFrame * left - 10) + "\0\0"s + "\0"s + std::string(16, '\1');
+        frames += "CHAP";
+        frames += syncsafe(kFrame * left - 10);
+        frames += "\0\0\0"s;  // flags, and a name of no characters
+        frames.append(16, '\1');
     }
     return id3(frames, frames.size());
 }

@@ -10,7 +10,7 @@ folder=$(realpath "$2")
 here=$(dirname "$(realpath "$0")")
 # Those of a device as the README installs it. The others bring a hundred libraries, or nothing that
 # plays; that they install is ./dev package's.
-components="daemon;core;host"
+components="daemon;core;reader;host"
 
 cannot() { # Without CI a machine that can't be made fails nobody's work.
     echo "vm: not run: $*"
