@@ -10,10 +10,13 @@ import json
 import os
 import pathlib
 import re
+import shutil
+import struct
 import subprocess
 import sys
 import time
 import unittest
+import zlib
 
 SHARE = pathlib.Path("/srv/share")
 sys.path.insert(0, str(SHARE / "tools/run"))
@@ -21,6 +24,7 @@ import own_device  # noqa: E402
 
 SETTINGS = pathlib.Path("/etc/nuvio-connect/settings.conf")
 UNIT = "nuvio-connect"
+CONTROLLER = "nuvio-connect-controller"
 PATIENCE = 60  # s: the processor is emulated
 PORT = 8000
 NAME = "Kitchen of the machine"
@@ -125,6 +129,7 @@ def expected_of(music):
 class Unit(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
+        run("systemctl", "stop", CONTROLLER)  # until its test
         settings(feature__nuvio_connect__app_id="id", feature__nuvio_connect__app_secret="secret",
                  feature__nuvio_connect__log=1, host__allow_loopback=1)
         set_up("Loop")
@@ -205,6 +210,28 @@ class Unit(unittest.TestCase):
         run("systemctl", "restart", UNIT)  # fails where the start counts as failed
         wait("end", lambda: state("ActiveState") == ["inactive"])
         self.assertEqual(state("Result"), ["success"])
+
+    def test_7_the_controllers_unit_lets_its_readers_work(self):
+        def chunk(kind, data):
+            return struct.pack(">I", len(data)) + kind + data + struct.pack(">I", zlib.crc32(kind + data))
+
+        def ask(path):
+            try:
+                return own_device.request(8090, "GET", path)[1]
+            except OSError:
+                return b""
+
+        album = pathlib.Path("/srv/music/album")
+        album.mkdir(parents=True)
+        shutil.copy(SHARE / "music/cd/0.wav", album)
+        (album / "cover.png").write_bytes(
+            b"\x89PNG\r\n\x1a\n" + chunk(b"IHDR", struct.pack(">IIBBBBB", 1, 1, 8, 2, 0, 0, 0)) +
+            chunk(b"IDAT", zlib.compress(bytes(4))) + chunk(b"IEND", b""))
+        run("systemctl", "start", CONTROLLER)
+        self.addCleanup(run, "systemctl", "stop", CONTROLLER)
+        wait("the music", lambda: b'"tracks":1' in ask("/api/state"))
+        self.assertIn(b'"unreadable":0', ask("/api/state"))
+        self.assertEqual(ask("/cover/1?size=320")[:3], b"\xff\xd8\xff")
 
 
 class Loop(unittest.TestCase):

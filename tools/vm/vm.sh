@@ -8,9 +8,9 @@ build=$(realpath "$1")
 mkdir -p "$2"
 folder=$(realpath "$2")
 here=$(dirname "$(realpath "$0")")
-# Those of a device as the README installs it. The others bring a hundred libraries, or nothing that
-# plays; that they install is ./dev package's.
-components="daemon;core;reader;host"
+# Those of a device as the README installs it, and the controller, for its unit. The others bring a
+# hundred libraries, or nothing that plays; that they install is ./dev package's.
+components="daemon;core;reader;host;controller"
 
 cannot() { # Without CI a machine that can't be made fails nobody's work.
     echo "vm: not run: $*"
