@@ -80,11 +80,6 @@ std::string name_of(const std::string& hash, CoverSize size) {
     return hash + "-" + std::to_string(static_cast<uint32_t>(size)) + ".jpg";
 }
 
-std::string parent_of(const std::string& below) {
-    const size_t slash = below.rfind('/');
-    return slash == std::string::npos ? std::string() : below.substr(0, slash + 1);
-}
-
 // A place that was acquired, until it is given back.
 using Room = std::shared_ptr<void>;
 

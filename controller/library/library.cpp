@@ -19,11 +19,6 @@ std::string made_database(const std::string& state_folder) {
     return path;
 }
 
-std::string parent_of(const std::string& below) {
-    const size_t slash = below.rfind('/');
-    return slash == std::string::npos ? std::string() : below.substr(0, slash + 1);
-}
-
 std::vector<Playable> playables(std::vector<Track> tracks) {
     std::vector<Playable> items;
     items.reserve(tracks.size());

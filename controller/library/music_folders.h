@@ -15,6 +15,13 @@
 
 namespace nuvio::controller {
 
+// Of a path below a music folder the folder that it is in, with '/' at its end; empty: the music
+// folder itself.
+inline std::string parent_of(std::string_view below) {
+    const size_t slash = below.rfind('/');
+    return std::string(below.substr(0, slash == std::string_view::npos ? 0 : slash + 1));
+}
+
 // Paths below a folder are relative, their names joined by '/'; empty is the folder itself.
 class MusicFolders {
   public:
