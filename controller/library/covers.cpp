@@ -219,20 +219,27 @@ std::optional<Cover> Covers::kept(const std::string& hash, CoverSize size) const
 
 // None: it can't be made smaller.
 std::optional<Cover> Covers::smaller(const Original& original, CoverSize size) {
-    {
-        const std::scoped_lock lock(m_mutex);
-        if (size == CoverSize::original || m_unscalable.contains(original.hash)) {
-            return std::nullopt;
-        }
+    // Discs of one album, and pages of two people, ask for the same at once: the second finds it.
+    const std::scoped_lock one_at_a_time(m_scaling);
+    if (size == CoverSize::original || m_unscalable.contains(original.hash)) {
+        return std::nullopt;
     }
     if (auto cover = kept(original.hash, size)) {
         return cover;
     }
     reader::PictureScaler scaler;
     auto scaled = scaler.scaled(original.file, static_cast<uint32_t>(size));
+    if (const auto* const failure = std::get_if<reader::Failure>(&scaled)) {
+        log_line(LogLevel::warning, "A cover is not made smaller: " + failure->reason);
+        if (failure->kind != reader::Failure::Kind::file) {
+            return std::nullopt;
+        }
+    }
     auto* const picture = std::get_if<reader::Picture>(&scaled);
     if (picture == nullptr || picture->size == 0) {
-        const std::scoped_lock lock(m_mutex);
+        if (m_unscalable.size() >= kMaxKnown) {
+            m_unscalable.clear();
+        }
         m_unscalable.insert(original.hash);
         return std::nullopt;
     }
@@ -247,7 +254,6 @@ std::optional<Cover> Covers::smaller(const Original& original, CoverSize size) {
 
 // Of the files that are kept the oldest go.
 void Covers::make_room() {
-    const std::scoped_lock lock(m_mutex);
     if (++m_kept_count <= kMaxKept) {
         return;
     }

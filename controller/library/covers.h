@@ -71,9 +71,11 @@ class Covers {
     std::counting_semaphore<> m_workers;
     std::counting_semaphore<> m_room;
 
-    std::mutex m_mutex;  // guards what follows
+    std::mutex m_mutex;  // guards the hashes
     // By what a file is; empty: there is no picture in it.
     std::unordered_map<std::string, std::string> m_hashes;
+
+    std::mutex m_scaling;  // guards what follows, and the files in the folder
     std::unordered_set<std::string> m_unscalable;  // hashes
     size_t m_kept_count;
 };

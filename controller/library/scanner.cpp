@@ -267,7 +267,7 @@ bool Scanner::put(const std::string& root, const std::string& below, int64_t id,
     const auto tags = m_reader.tags(open_file(root, path));
     const auto* const failure = std::get_if<reader::Failure>(&tags);
     if (failure != nullptr && failure->kind != reader::Failure::Kind::file) {
-        m_failure = "Files can't be read: " + failure->reason;
+        m_failure = m_is_ending ? "" : "Files can't be read: " + failure->reason;
         return false;
     }
     if (failure != nullptr) {
