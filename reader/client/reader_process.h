@@ -1,9 +1,8 @@
 // One process of a reader, from its start to its end.
 //
 // Which program: the one of its name in the folder that $NUVIO_READERS names, else beside this
-// process's program, else where they are installed.
-// Without NUVIO_READER_UNFILTERED in the environment it refuses to work where the kernel has no
-// filter of system calls.
+// process's program, else where they are installed. Without NUVIO_READER_UNFILTERED in the
+// environment it refuses to work where the kernel has no filter of system calls.
 #pragma once
 
 #include <sys/types.h>
@@ -20,8 +19,8 @@ class ReaderProcess {
     // Processes at a time that were killed and are still there: their disk does not answer.
     static constexpr int kMaxLeftBehind = 16;
 
-    // Starts it; has no socket, and says why in *error, where that fails. What fails after that,
-    // the program missing included, shows as the socket's end.
+    // Starts it; has no socket, and says why in *error, where that fails. What fails after that
+    // shows as the socket's end.
     ReaderProcess(const char* program, std::string* error);
     // Kills it.
     ~ReaderProcess();

@@ -1,5 +1,6 @@
 #include "reader/inside/sandbox.h"
 
+#include <fcntl.h>
 #include <seccomp.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
@@ -11,8 +12,10 @@
 #include <cstddef>
 #include <cstring>
 #include <memory>
+#include <string_view>
 
 #include "common/released_by.h"
+#include "common/unique_fd.h"
 
 namespace nuvio::reader {
 
@@ -110,6 +113,14 @@ bool set_limits(std::string* error) {
     return kIsSanitized || limit({RLIMIT_AS, kMemoryBytes}, error);
 }
 
+// Where memory is short the kernel takes this process first, and not who started it. It goes on
+// without: its limit is what counts.
+void offer_to_the_kernel() {
+    constexpr std::string_view kMost = "1000";
+    const UniqueFd score(open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
+    static_cast<void>(write(score.get(), kMost.data(), kMost.size()) > 0);
+}
+
 void set_timers(time_t real_s, time_t processor_s) {
     const itimerval real{{0, 0}, {real_s, 0}};
     setitimer(ITIMER_REAL, &real, nullptr);
@@ -120,6 +131,7 @@ void set_timers(time_t real_s, time_t processor_s) {
 }  // namespace
 
 bool shut_in(bool filtered, std::string* error) {
+    offer_to_the_kernel();
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) {
         *error = std::strerror(errno);
         return false;

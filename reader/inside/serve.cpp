@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 
 #include <array>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <new>
@@ -103,13 +104,13 @@ int serve(int argc, char** argv, const Jobs& jobs) {
     int type = 0;
     socklen_t size = sizeof type;
     if (getsockopt(kSocket, SOL_SOCKET, SO_TYPE, &type, &size) != 0 || type != SOCK_SEQPACKET) {
-        std::fputs("nuvio-connect-reader is started by the programs that have something read\n",
-                   stderr);
+        std::fprintf(stderr, "%s is started by the programs that have something read\n",
+                     program_invocation_short_name);
         return 2;
     }
     std::string error;
     if (!shut_in(filtered, &error)) {
-        std::fprintf(stderr, "nuvio-connect-reader: not started: %s\n", error.c_str());
+        std::fprintf(stderr, "%s: not started: %s\n", program_invocation_short_name, error.c_str());
         return 1;
     }
     Received received;

@@ -21,6 +21,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "common/environment.h"
@@ -337,6 +339,15 @@ class TakenOver : public testing::Test {
 
     UniqueFd file(const std::string& what) { return open_file(m_folder.write("file", what)); }
 
+    // Of the only process that this one has, as the kernel would choose it.
+    static std::string out_of_memory_score() {
+        std::string child;
+        for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+            std::ifstream(task.path() / "children") >> child;
+        }
+        std::ifstream score("/proc/" + child + "/oom_score_adj");
+        return {std::istreambuf_iterator<char>(score), {}};
+    }
     static size_t open_descriptors() {
         const std::filesystem::directory_iterator all("/proc/self/fd");
         return static_cast<size_t>(std::distance(begin(all), end(all)));
@@ -400,7 +411,10 @@ TEST_F(TakenOver, NothingItSaysIsBelieved) {
 
 TEST_F(TakenOver, OneThatSaysNothingIsWaitedForNoLongerThanWanted) {
     std::thread impatient([this] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        for (int i = 0; i < 1000 && out_of_memory_score() != "1000\n"; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        EXPECT_EQ(out_of_memory_score(), "1000\n");
         m_reader.interrupt();
     });
     EXPECT_EQ(failure_of(m_reader.tags(file("silence"))),
