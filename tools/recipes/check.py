@@ -32,7 +32,8 @@ LIBRARIES = {"libuv": ("libuv", "libuv"), "avahi-client": ("avahi", "avahi"),
              "sqlite3": ("sqlite", "sqlite3"),
              "civetweb": ("civetweb", "civetweb")}
 # Yocto's variables for folders, as on a machine with a merged /usr.
-FOLDERS = {"bindir": "/usr/bin", "libdir": "/usr/lib", "libexecdir": "/usr/libexec", "datadir": "/usr/share", "sysconfdir": "/etc",
+FOLDERS = {"bindir": "/usr/bin", "libdir": "/usr/lib", "libexecdir": "/usr/libexec",
+           "datadir": "/usr/share", "sysconfdir": "/etc",
            "mandir": "/usr/share/man", "nonarch_libdir": "/usr/lib",
            "systemd_system_unitdir": "/usr/lib/systemd/system"}
 
