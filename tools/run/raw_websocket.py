@@ -34,7 +34,9 @@ class RawServer:
         peer.settimeout(self.timeout)
         head = b""
         while not head.endswith(b"\r\n\r\n"):
-            head += peer.recv(4096)
+            if not (piece := peer.recv(4096)):
+                raise ConnectionError("gone before it had asked")
+            head += piece
         key = re.search(rb"Sec-WebSocket-Key: (\S+)", head, re.I)[1]
         accept = base64.b64encode(hashlib.sha1(key + MAGIC).digest()).decode()
         peer.sendall(answer or (
