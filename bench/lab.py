@@ -78,13 +78,25 @@ def read_once(path):
 # ---- Readings of a process ----------------------------------------------------------------------
 
 
+def family(pid):
+    """A process and those that it has started: a device's readers do a part of its work."""
+    children = "".join(path.read_text() for path in pathlib.Path(f"/proc/{pid}/task").glob("*/children"))
+    return [pid, *map(int, children.split())]
+
+
 def tasks(pid):
-    return pathlib.Path(f"/proc/{pid}/task").iterdir()
+    for each in family(pid):
+        with contextlib.suppress(OSError):
+            yield from pathlib.Path(f"/proc/{each}/task").iterdir()
 
 
 def cpu_ns(pid):
-    """CPU time of all threads, also those that have ended: the process's own clock."""
-    return time.clock_gettime_ns((~pid << 3) | 2)
+    """CPU time of all threads, also those that have ended: the processes' own clocks."""
+    total = 0
+    for each in family(pid):
+        with contextlib.suppress(OSError):
+            total += time.clock_gettime_ns((~each << 3) | 2)
+    return total
 
 
 def wakeups(pid):
@@ -103,8 +115,11 @@ def wakeups(pid):
 
 def memory_kb(pid):
     """Resident and private dirty."""
-    text = pathlib.Path(f"/proc/{pid}/smaps_rollup").read_text()
-    return tuple(int(re.search(rf"^{key}:\s*(\d+) kB", text, re.M)[1])
+    texts = []
+    for each in family(pid):
+        with contextlib.suppress(OSError):
+            texts.append(pathlib.Path(f"/proc/{each}/smaps_rollup").read_text())
+    return tuple(sum(int(re.search(rf"^{key}:\s*(\d+) kB", text, re.M)[1]) for text in texts)
                  for key in ("Rss", "Private_Dirty"))
 
 
