@@ -38,6 +38,9 @@ struct Picture {
     std::string bytes() const;
 };
 
+// Of a reader whose answers can't be.
+inline constexpr char kReaderLied[] = "its reader lied";
+
 class Questions {
   public:
     static constexpr std::chrono::seconds kPatience{30};
@@ -47,23 +50,46 @@ class Questions {
     Questions(const Questions&) = delete;
     Questions& operator=(const Questions&) = delete;
 
+    // What goes on until the answer comes.
+    class Meanwhile {
+      public:
+        virtual ~Meanwhile() = default;
+        // How long to wait for the next word, at most; negative: for ever.
+        virtual std::chrono::milliseconds patience() { return kPatience; }
+        // After that: waits again, or it is a failure of the disk.
+        virtual bool waits_on() { return false; }
+        // The reader says something that is no answer.
+        enum class Heard { lie, news, question };
+        virtual Heard heard(const Answer& /*said*/, Request* /*reply, to a question*/) {
+            return Heard::lie;
+        }
+    };
     // The answer is the asked reader's, and to be believed in nothing.
-    Outcome<Answer> ask(Request request, const UniqueFd& file, const UniqueFd& memory = {});
+    Outcome<Answer> ask(const Request& request, const UniqueFd& file, const UniqueFd& memory = {});
+    Outcome<Answer> ask(Request request, const UniqueFd& file, const UniqueFd& memory,
+                        Meanwhile& meanwhile);
     // For a job that leads to a picture.
     Outcome<Picture> ask_for_picture(const Request& request, const UniqueFd& file);
 
     // Gives the process back until the next question.
     void rest();
+    // And the next one has this argument.
+    void rest(const char* option);
     // A question that is under way, and each one from now on, is a failure of the disk. Any thread.
     void interrupt();
 
   private:
-    bool wait();
+    bool wait(std::chrono::milliseconds patience);
+    enum class Word { answer, lie, end, none };
+    Word next_word(Meanwhile& meanwhile, Answer* answer);
+    Failure fail(Word last, const Answer& answer);
 
     const char* const m_program;
+    const char* m_option = nullptr;
     const UniqueFd m_interruption;  // an eventfd
     std::unique_ptr<ReaderProcess> m_process;
     uint32_t m_number = 0;
+    bool m_is_interrupted = false;
 };
 
 }  // namespace nuvio::reader

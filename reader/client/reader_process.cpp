@@ -128,7 +128,7 @@ ReaderProcess::End ending(int status) {
 
 }  // namespace
 
-ReaderProcess::ReaderProcess(const char* program, std::string* error) {
+ReaderProcess::ReaderProcess(const char* program, const char* option, std::string* error) {
     std::array<int, 2> pair{};
     if (left_behind().count() >= kMaxLeftBehind) {
         *error = "too many before it still wait for their disks";
@@ -140,10 +140,16 @@ ReaderProcess::ReaderProcess(const char* program, std::string* error) {
     }
     UniqueFd own(pair[0]);
     const UniqueFd its(pair[1]);
-    std::string path = path_of(program);
-    std::string option = "--unfiltered";
-    const bool filtered = environment_text("NUVIO_READER_UNFILTERED").empty();
-    const std::array<char*, 3> arguments{path.data(), filtered ? nullptr : option.data(), nullptr};
+    const std::string path = path_of(program);
+    std::vector<std::string> words{path};
+    if (option != nullptr) {
+        words.emplace_back(option);
+    }
+    if (!environment_text("NUVIO_READER_UNFILTERED").empty()) {
+        words.emplace_back("--unfiltered");
+    }
+    std::vector<char*> arguments(words.size() + 1);
+    std::ranges::transform(words, arguments.begin(), [](std::string& word) { return word.data(); });
     SpawnPlan plan(its.get());
     if (const int failure = plan.start(path, arguments.data(), &m_process); failure != 0) {
         m_process = -1;

@@ -19,9 +19,9 @@ class ReaderProcess {
     // Processes at a time that were killed and are still there: their disk does not answer.
     static constexpr int kMaxLeftBehind = 16;
 
-    // Starts it; has no socket, and says why in *error, where that fails. What fails after that
-    // shows as the socket's end.
-    ReaderProcess(const char* program, std::string* error);
+    // Starts it, with an argument where that is not null; has no socket, and says why in *error,
+    // where that fails. What fails after that shows as the socket's end.
+    ReaderProcess(const char* program, const char* option, std::string* error);
     // Kills it.
     ~ReaderProcess();
     ReaderProcess(const ReaderProcess&) = delete;

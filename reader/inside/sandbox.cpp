@@ -8,14 +8,28 @@
 #include <sys/time.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <string_view>
 
+#include "common/files/files.h"
 #include "common/released_by.h"
 #include "common/unique_fd.h"
+
+#ifdef NUVIO_SANITIZED
+// What a sanitizer finds ends the process as it would without one: by a signal.
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
+    return "abort_on_error=1";
+}
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
+    return "abort_on_error=1";
+}
+#endif
 
 namespace nuvio::reader {
 
@@ -27,7 +41,7 @@ constexpr bool kIsSanitized = true;  // its runtime has terabytes of address spa
 constexpr bool kIsSanitized = false;
 #endif
 
-constexpr rlim_t kMemoryBytes = rlim_t{72} << 20U;  // address space, the libraries' included
+constexpr rlim_t kMemoryBytes = rlim_t{64} << 20U;  // address space, beside the libraries'
 constexpr rlim_t kStackBytes = rlim_t{1} << 20U;
 constexpr rlim_t kMaxFiles = 8;
 
@@ -36,7 +50,8 @@ struct Limit {
     rlim_t most;
 };
 constexpr Limit kLimits[] = {
-    {RLIMIT_STACK, kStackBytes}, {RLIMIT_FSIZE, 0}, {RLIMIT_NPROC, 0}, {RLIMIT_CORE, 0},
+    {RLIMIT_STACK, kStackBytes}, {RLIMIT_FSIZE, kIsSanitized ? RLIM_INFINITY : 0},
+    {RLIMIT_NPROC, 0},           {RLIMIT_CORE, 0},
     {RLIMIT_NOFILE, kMaxFiles},
 };
 
@@ -52,9 +67,26 @@ constexpr int kAllowed[] = {
     SCMP_SYS(clock_gettime), SCMP_SYS(clock_gettime64),
     SCMP_SYS(setitimer),     SCMP_SYS(rt_sigreturn),
     SCMP_SYS(exit_group),    SCMP_SYS(restart_syscall),
+    SCMP_SYS(sysinfo),       SCMP_SYS(gettimeofday),
+    SCMP_SYS(time),
 };
 // Memory, but none that can be executed.
 constexpr int kAllowedUnlessExecutable[] = {SCMP_SYS(mmap), SCMP_SYS(mmap2), SCMP_SYS(mprotect)};
+// What libraries try, and go on without: libsndfile looks for a file beside the one it reads, the
+// standard library at what its output leads to, FFmpeg for processors.
+constexpr int kRefused[] = {
+    SCMP_SYS(open),
+    SCMP_SYS(openat),
+    SCMP_SYS(stat),
+    SCMP_SYS(stat64),
+    SCMP_SYS(newfstatat),
+    SCMP_SYS(fstat),
+    SCMP_SYS(fstat64),
+    SCMP_SYS(fstatat64),
+    SCMP_SYS(statx),
+    SCMP_SYS(ioctl),
+    SCMP_SYS(sched_getaffinity),
+};
 // What a sanitizer's runtime does besides.
 constexpr int kAllowedToSanitizer[] = {
     SCMP_SYS(write),        SCMP_SYS(getpid),      SCMP_SYS(gettid),
@@ -63,8 +95,8 @@ constexpr int kAllowedToSanitizer[] = {
     SCMP_SYS(pipe2),
 };
 
-bool allow(scmp_filter_ctx filter, int call) {
-    const int failure = seccomp_rule_add(filter, SCMP_ACT_ALLOW, call, 0);
+bool add_rule(scmp_filter_ctx filter, uint32_t action, int call) {
+    const int failure = seccomp_rule_add(filter, action, call, 0);
     return failure == 0 || failure == -EDOM;  // this machine has no such call
 }
 
@@ -74,9 +106,17 @@ bool allow_unless_executable(scmp_filter_ctx filter, int call) {
     return failure == 0 || failure == -EDOM;
 }
 
+// Which both lead nowhere: libraries complain of what they read.
+bool allow_output(scmp_filter_ctx filter) {
+    return std::ranges::all_of(std::array{STDOUT_FILENO, STDERR_FILENO}, [&](int output) {
+        const scmp_arg_cmp to{0, SCMP_CMP_EQ, static_cast<scmp_datum_t>(output), 0};
+        return seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, SCMP_SYS(write), 1, &to) == 0;
+    });
+}
+
 bool add_rules(scmp_filter_ctx filter) {
     for (const int call : kAllowed) {
-        if (!allow(filter, call)) {
+        if (!add_rule(filter, SCMP_ACT_ALLOW, call)) {
             return false;
         }
     }
@@ -85,9 +125,17 @@ bool add_rules(scmp_filter_ctx filter) {
             return false;
         }
     }
+    for (const int call : kRefused) {
+        if (!add_rule(filter, SCMP_ACT_ERRNO(EACCES), call)) {
+            return false;
+        }
+    }
+    if (!kIsSanitized && !allow_output(filter)) {
+        return false;
+    }
     if (kIsSanitized) {
         for (const int call : kAllowedToSanitizer) {
-            if (!allow(filter, call)) {
+            if (!add_rule(filter, SCMP_ACT_ALLOW, call)) {
                 return false;
             }
         }
@@ -104,13 +152,19 @@ bool limit(const Limit& row, std::string* error) {
     return false;
 }
 
+// What the program and its libraries take, in bytes.
+rlim_t address_space() {
+    const FileText text = read_file(UniqueFd(open("/proc/self/statm", O_RDONLY | O_CLOEXEC)), 64);
+    return std::strtoull(text.text.c_str(), nullptr, 10) * static_cast<rlim_t>(getpagesize());
+}
+
 bool set_limits(std::string* error) {
     for (const Limit& row : kLimits) {
         if (!limit(row, error)) {
             return false;
         }
     }
-    return kIsSanitized || limit({RLIMIT_AS, kMemoryBytes}, error);
+    return kIsSanitized || limit({RLIMIT_AS, address_space() + kMemoryBytes}, error);
 }
 
 // Where memory is short the kernel takes this process first, and not who started it. It goes on
@@ -121,11 +175,9 @@ void offer_to_the_kernel() {
     static_cast<void>(write(score.get(), kMost.data(), kMost.size()) > 0);
 }
 
-void set_timers(time_t real_s, time_t processor_s) {
-    const itimerval real{{0, 0}, {real_s, 0}};
-    setitimer(ITIMER_REAL, &real, nullptr);
-    const itimerval processor{{0, 0}, {processor_s, 0}};
-    setitimer(ITIMER_PROF, &processor, nullptr);
+void set_timer(__itimer_which_t which, std::chrono::seconds time) {
+    const itimerval once{{0, 0}, {static_cast<time_t>(time.count()), 0}};
+    setitimer(which, &once, nullptr);
 }
 
 }  // namespace
@@ -154,12 +206,22 @@ bool shut_in(bool filtered, std::string* error) {
 }
 
 // The signals of both end the process.
-Clock::Clock() {
-    set_timers(kLongestJob.count(), kWorkingTime.count());
+Clock::Clock(const JobTimes& times) : m_times(times) {
+    if (m_times.longest.count() > 0) {
+        set_timer(ITIMER_REAL, m_times.longest);
+    }
+    if (m_times.working.count() > 0) {
+        set_timer(ITIMER_PROF, m_times.working);
+    }
 }
 
 Clock::~Clock() {
-    set_timers(0, 0);
+    if (m_times.longest.count() > 0) {
+        set_timer(ITIMER_REAL, {});
+    }
+    if (m_times.working.count() > 0) {
+        set_timer(ITIMER_PROF, {});
+    }
 }
 
 }  // namespace nuvio::reader

@@ -144,6 +144,19 @@ class Lifecycle(DeviceTest):
             if not failed and not self.log_count("asking again"):
                 return
 
+    def test_a_device_that_is_killed_leaves_no_reader(self):
+        self.start()
+        self.play(self.long)
+        self.pause()
+        tasks = pathlib.Path(f"/proc/{self.daemon.pid}/task")
+        readers = [pathlib.Path(f"/proc/{pid}/exe") for task in tasks.iterdir()
+                   for pid in (task / "children").read_text().split()]
+        self.assertEqual(len(readers), 1)
+        self.daemon.kill()
+        self.daemon.wait()
+        self.daemon = None
+        wait_for("no reader", lambda: not any(os.path.exists(reader) for reader in readers))
+
     def test_the_journal_is_told_the_level_of_each_line(self):
         self.log_path.touch()
         log = self.log_path.stat()

@@ -147,13 +147,27 @@ struct Server {
 
 void use(TrackDecoder& decoder, Script& script) {
     FUZZ_EXPECT(decoder.info().frame_bytes > 0 && decoder.info().format.sample_rate > 0);
-    alignas(8) char block[8192];
+    constexpr size_t kBytes = 8192;
     for (int n = 0; n < 4; ++n) {
-        const size_t got = decoder.read(block, sizeof block);
-        FUZZ_EXPECT(got <= sizeof block);
+        decoder.begin_read();
+        decoder.give(0);
+        decoder.give(7);
+        decoder.await_block();
+        decoder.read(kBytes, [&] {
+            if (decoder.done() == 2) {
+                decoder.stop();
+            }
+            decoder.await_block();
+            return std::chrono::milliseconds(-1);
+        });
+        for (size_t i = 0; i < decoder.done(); ++i) {
+            const size_t bytes = decoder.bytes_of(i, kBytes);
+            FUZZ_EXPECT(bytes <= kBytes);
+            decoder.live_title(i);
+        }
+        decoder.take_own_texts();
         decoder.seek(script.word());
     }
-    decoder.live_title();
     FUZZ_EXPECT(decoder.failure() == HttpFailure::none || !decoder.last_error().empty());
 }
 

@@ -8,13 +8,14 @@
 #include "common/m3u.h"
 #include "fuzz/expect.h"
 #include "local/network/icy.h"
-#include "local/network/mpeg_sync.h"
-#include "local/network/ogg_end.h"
 #include "local/network/remote_playlist.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
+#include "reader/inside/sound/mpeg_sync.h"
+#include "reader/inside/sound/ogg_end.h"
 
 using namespace local_core;
+using namespace nuvio::reader;
 
 namespace {
 

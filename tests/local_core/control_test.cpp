@@ -267,4 +267,40 @@ TEST_F(Control, UnplayableTracksArePassedOverAndCutOnesPlayedAsFarAsTheyGo) {
     EXPECT_TRUE(pcm_of_stream[3] == tracks[3].pcm);
 }
 
+TEST_F(Control, WhatASoundDoesToItsReaderCostsThatTrackAlone) {
+    if (getenv("NUVIO_READER_UNFILTERED") != nullptr) {
+        GTEST_SKIP() << "this kernel has no filter of system calls";
+    }
+    const char* const before = getenv("NUVIO_READERS");
+    const std::string readers = before != nullptr ? before : "";
+    const auto here = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+    setenv("NUVIO_READERS", (here / "attacking").c_str(), 1);
+    const std::vector<std::string> attacks = {
+        "bytes beyond a block", "half a frame", "a block of nothing", "more blocks than there are",
+        "blocks that come again", "news that nobody waits for", "bytes of a file",
+        "another's answer", "take the ring away", "write beyond the ring", "nothing for an answer",
+        "open a file", "make a file", "make a socket", "connect", "listen", "execute", "fork",
+        "trace the parent", "kill the parent", "make code", "take memory", "take the stack",
+        "touch nothing", "half an answer", "leave",
+        // Not even opened:
+        "any rate", "any channels", "any length"};
+    constexpr size_t kNotOpened = 3;
+    std::string list = "1.wav\n";
+    for (size_t i = 0; i < attacks.size(); ++i) {
+        const std::string name = std::to_string(i) + ".flac";
+        folder.write(name, "attack: " + attacks[i]);
+        list += name + "\n";
+    }
+    folder.write("list.m3u", list + "2.wav\n");
+    ASSERT_EQ(play(folder / "list.m3u"), NUV_ERROR_OK);
+    run_until_line("state STOPPED");
+    setenv("NUVIO_READERS", readers.c_str(), 1);
+    ASSERT_EQ(pcm_of_stream.size(), 1 + 1 + attacks.size() - kNotOpened + 1);
+    EXPECT_TRUE(pcm_of_stream[1] == tracks[1].pcm);
+    for (size_t id = 2; id < pcm_of_stream.size() - 1; ++id) {
+        EXPECT_LE(pcm_of_stream[id].size(), 8U) << attacks[id - 2];
+    }
+    EXPECT_TRUE(pcm_of_stream.back() == tracks[2].pcm);
+}
+
 }  // namespace

@@ -6,10 +6,11 @@
 
 #include "local/network/http_response.h"
 #include "local/network/icy.h"
-#include "local/network/mpeg_sync.h"
-#include "local/network/ogg_end.h"
+#include "reader/inside/sound/mpeg_sync.h"
+#include "reader/inside/sound/ogg_end.h"
 
 using namespace local_core;
+using namespace nuvio::reader;
 using namespace std::string_literals;
 
 namespace {

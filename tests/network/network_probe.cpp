@@ -97,6 +97,35 @@ void read_parts(Source& source, const Job& job, size_t unit) {
     }
 }
 
+// A track as a source of its bytes, a block at a time.
+struct Sound {
+    TrackDecoder& decoder;
+    bool is_over = false;
+
+    void seek(size_t frame) {
+        decoder.seek(frame);
+        is_over = false;
+    }
+    size_t read(void* to, size_t size) {
+        const size_t whole = size - size % decoder.info().frame_bytes;
+        if (is_over) {
+            return 0;
+        }
+        decoder.begin_read();
+        decoder.give(3);
+        decoder.await_block();
+        is_over = decoder.read(whole, [&] {
+            if (decoder.done() > 0) {
+                decoder.stop();
+            }
+            return std::chrono::milliseconds(-1);
+        });
+        const size_t got = decoder.done() > 0 ? decoder.bytes_of(0, whole) : 0;
+        std::copy_n(decoder.block(3), got, static_cast<std::byte*>(to));
+        return got;
+    }
+};
+
 void read(const Job& job) {
     HttpSource source(job.request);
     std::thread canceller([&] {
@@ -129,7 +158,8 @@ void decode(const Job& job) {
     std::fprintf(stderr, "about=%u Hz %zu frames %d%d %s%s\n", info.format.sample_rate,
                  info.is_endless ? 0 : static_cast<size_t>(info.frame_count), info.is_endless,
                  info.seekable, info.title.c_str(), info.station.c_str());
-    read_parts(*decoder, job, info.frame_bytes);
+    Sound sound{*decoder};
+    read_parts(sound, job, info.frame_bytes);
     tell(decoder->failure(), decoder->last_error());
 }
 

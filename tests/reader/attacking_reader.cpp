@@ -1,4 +1,5 @@
 // A reader inside its walls that the file it reads has taken over: it does what stands in the file.
+// Sound it reads as it should, until it comes to a file that begins with kAttack.
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -21,6 +22,7 @@
 
 #include "common/music/pictures.h"
 #include "reader/inside/serve.h"
+#include "reader/inside/sound/sound_work.h"
 
 namespace {
 
@@ -82,9 +84,17 @@ void expect_no_return(long) {
     succeed();
 }
 
+// What is told to be refused; the end comes by what it tries next.
+void expect_refusal(long got) {
+    if (got < 0) {
+        syscall(SYS_getppid);
+    }
+    succeed();
+}
+
 const std::map<std::string, std::function<void()>> kOfTags = {
-    {"open a file", [] { expect_no_return(open("/etc/passwd", O_RDONLY)); }},
-    {"make a file", [] { expect_no_return(open("made", O_WRONLY | O_CREAT, 0644)); }},
+    {"open a file", [] { expect_refusal(open("/etc/passwd", O_RDONLY)); }},
+    {"make a file", [] { expect_refusal(open("made", O_WRONLY | O_CREAT, 0644)); }},
     {"make a socket", [] { expect_no_return(socket(AF_INET, SOCK_STREAM, 0)); }},
     {"connect",
      [] {
@@ -146,10 +156,14 @@ const std::map<std::string, std::function<void()>> kOfTags = {
     {"leave", succeed},
 };
 
-void tags(const nuvio::UniqueFd& file, TagsAnswer* answer) {
+std::string text_of(const nuvio::UniqueFd& file) {
     std::array<char, 64> text{};
     const ssize_t got = pread(file.get(), text.data(), text.size(), 0);
-    const std::string what(text.data(), static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    return {text.data(), static_cast<size_t>(std::max<ssize_t>(got, 0))};
+}
+
+void tags(const nuvio::UniqueFd& file, TagsAnswer* answer) {
+    const std::string what = text_of(file);
     if (what == "lie") {
         std::fill_n(answer->title, kMaxText, '\xff');
         std::fill_n(answer->artist, kMaxText, 'a');
@@ -186,8 +200,105 @@ void picture(const nuvio::UniqueFd& file, char* shared, PictureAnswer* answer) {
     }
 }
 
+constexpr char kAttack[] = "attack: ";
+
+// What the second block of a sound comes to. `page` tells of the first one, with silence in it.
+using OfSound = void (*)(SoundPage& page, Parent& parent);
+const std::map<std::string, OfSound> kOfSound = {
+    {"bytes beyond a block", [](SoundPage& page, Parent&) { page.blocks[1].bytes = UINT_MAX; }},
+    {"half a frame", [](SoundPage& page, Parent&) { page.blocks[1].bytes = 1023; }},
+    {"a block of nothing", [](SoundPage& page, Parent&) { page.blocks[1].bytes = 0; }},
+    {"more blocks than there are", [](SoundPage& page, Parent&) { page.done = UINT_MAX - 1; }},
+    {"blocks that come again", [](SoundPage& page, Parent&) { page.done = 0; }},
+    {"news that nobody waits for",
+     [](SoundPage&, Parent& parent) {
+         for (;;) {
+             Answer news{};
+             news.status = Status::progress;
+             parent.tell(news);
+         }
+     }},
+    {"bytes of a file",
+     [](SoundPage&, Parent& parent) {
+         Answer question{};
+         question.status = Status::wants_bytes;
+         parent.ask(question);
+         succeed();
+     }},
+    {"another's answer",
+     [](SoundPage&, Parent&) {
+         answer_as(99, sizeof(Answer));
+         succeed();
+     }},
+    {"take the ring away",
+     [](SoundPage&, Parent&) {
+         for (int descriptor = 1; descriptor < 8; ++descriptor) {
+             expect_no_return(ftruncate(descriptor, 0));
+         }
+     }},
+    {"write beyond the ring",
+     [](SoundPage& page, Parent&) {
+         auto* const beyond = reinterpret_cast<volatile char*>(&page) + kSoundBytes;
+         for (size_t i = 0; i < (size_t{1} << 30U); ++i) {
+             beyond[i] = 1;
+         }
+     }},
+};
+
+class AttackingSound : public SoundWork {
+  public:
+    void open(const Request& request, nuvio::UniqueFd file, char* shared, Parent& parent,
+              SoundAnswer* answer) override {
+        const std::string text = file ? text_of(file) : "";
+        if (!text.starts_with(kAttack)) {
+            SoundWork::open(request, std::move(file), shared, parent, answer);
+            return;
+        }
+        m_page = &sound_page(shared);
+        m_attack = text.substr(std::strlen(kAttack));
+        answer->is_readable = 1;
+        answer->is_seekable = 0xff;
+        answer->rate_hz = m_attack == "any rate" ? UINT_MAX : 44100;
+        answer->channels = m_attack == "any channels" ? UINT_MAX : 2;
+        answer->frames = m_attack == "any length" ? uint64_t{1} << 62U : 20'000'000;
+        std::fill_n(answer->title, kMaxSoundText, '\xff');
+    }
+
+    void read(const Request& request, Parent& parent, ReadAnswer* answer) override {
+        if (m_attack.empty()) {
+            SoundWork::read(request, parent, answer);
+            return;
+        }
+        if (m_attack == "say nothing") {
+            for (;;) {
+                m_page->is_awaited = 0;
+            }
+        }
+        if (m_attack == "nothing for an answer") {
+            answer->has_new_texts = 1;
+            return;
+        }
+        for (uint32_t n = 0; n < 2; ++n) {
+            m_page->blocks[n].bytes = 4;
+        }
+        m_page->done = 1;
+        if (const auto attack = kOfSound.find(m_attack); attack != kOfSound.end()) {
+            m_page->done = 2;
+            attack->second(*m_page, parent);
+        } else {
+            kOfTags.at(m_attack)();
+        }
+    }
+
+  private:
+    SoundPage* m_page = nullptr;
+    std::string m_attack;
+};
+
 }  // namespace
 
 int main(int argc, char** argv) {
-    return serve(argc, argv, {.tags = tags, .picture = picture});
+    AttackingSound sound;
+    return serve(argc, argv,
+                 {.tags = tags, .picture = picture, .sound = &sound, .load_module = [] {}});
 }

@@ -77,6 +77,10 @@ size_t HttpSource::read(void* to, size_t size) {
     return done;
 }
 
+size_t HttpSource::look_ahead(void* to, size_t size) const {
+    return locked([&] { return m_buffer.copy(m_position, to, size); });
+}
+
 bool HttpSource::seek(uint64_t position) {
     const std::lock_guard lock(m_mutex);
     const bool is_radio = m_content && m_content->is_radio;
@@ -112,11 +116,11 @@ std::string HttpSource::error() const {
     return locked([&] { return m_error; });
 }
 
-std::string HttpSource::title() const {
+std::string HttpSource::title_at(uint64_t position) const {
     const std::lock_guard lock(m_mutex);
     std::string title;
     for (const auto& [from, text] : m_titles) {
-        if (from <= m_position) {
+        if (from <= position) {
             title = text;
         }
     }

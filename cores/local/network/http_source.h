@@ -69,6 +69,9 @@ class HttpSource {
     // Reads `size` bytes, fewer only at the end or where it failed.
     size_t read(void* to, size_t size);
 
+    // What is there behind the place; the place stays.
+    size_t look_ahead(void* to, size_t size) const;
+
     // The next read begins there; nothing is transferred until then. A server without ranges is
     // read on to that place, for one further back from the beginning. Of a radio only what is still
     // in memory can be gone to: false for the rest.
@@ -79,8 +82,8 @@ class HttpSource {
     // What is left to read can be read without waiting: it is all there, or nothing more will come.
     bool is_settled() const;
 
-    // What the radio says it plays at the place that is read, as sent; possibly empty.
-    std::string title() const;
+    // What the radio says it plays at the place, as sent; possibly empty.
+    std::string title_at(uint64_t position) const;
 
     // Ends whatever waits, for good.
     void cancel();

@@ -1,9 +1,10 @@
-// Lets any thread end what another one waits for in remote sources, for good.
+// Lets any thread end what another one waits for, for good.
 #pragma once
 
+#include <functional>
+#include <list>
 #include <mutex>
-
-#include "local/network/http_source.h"
+#include <utility>
 
 namespace local_core {
 
@@ -13,36 +14,42 @@ class Interruption {
     void interrupt() {
         const std::lock_guard lock(m_mutex);
         m_is_interrupted = true;
-        if (m_source != nullptr) {
-            m_source->cancel();
+        for (const auto& cancel : m_watched) {
+            cancel();
         }
     }
+    bool is_interrupted() const {
+        const std::lock_guard lock(m_mutex);
+        return m_is_interrupted;
+    }
 
-    // As long as it lives, an interruption cancels the source, which must live longer. One at a
-    // time.
+    // As long as it lives, an interruption calls `cancel`, on whichever thread.
     class Watch {
       public:
-        Watch(Interruption& interruption, HttpSource& source) : m_interruption(interruption) {
+        Watch(Interruption& interruption, std::function<void()> cancel)
+            : m_interruption(interruption) {
             const std::lock_guard lock(m_interruption.m_mutex);
-            m_interruption.m_source = &source;
+            m_place =
+                m_interruption.m_watched.insert(m_interruption.m_watched.end(), std::move(cancel));
             if (m_interruption.m_is_interrupted) {
-                source.cancel();
+                (*m_place)();
             }
         }
         ~Watch() {
             const std::lock_guard lock(m_interruption.m_mutex);
-            m_interruption.m_source = nullptr;
+            m_interruption.m_watched.erase(m_place);
         }
         Watch(const Watch&) = delete;
         Watch& operator=(const Watch&) = delete;
 
       private:
         Interruption& m_interruption;
+        std::list<std::function<void()>>::iterator m_place;
     };
 
   private:
-    std::mutex m_mutex;
-    HttpSource* m_source = nullptr;
+    mutable std::mutex m_mutex;
+    std::list<std::function<void()>> m_watched;
     bool m_is_interrupted = false;
 };
 

@@ -56,7 +56,7 @@ class Finder {
     bool look_at(const std::string& url, Found* found) {
         m_request.url = url;
         HttpSource source(m_request);
-        const Interruption::Watch watch(m_interruption, source);
+        const Interruption::Watch watch(m_interruption, [&source] { source.cancel(); });
         const auto content = source.open();
         found->text.resize(content ? kPlaylistHeadBytes : 0);
         found->text.resize(source.read(found->text.data(), found->text.size()));

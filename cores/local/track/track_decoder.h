@@ -1,27 +1,32 @@
-// One open audio file or radio, decoded to the SDK's two sample formats.
+// One open audio file or radio, decoded by a reader of its own (reader/client/sound_reader.h) to
+// the SDK's two sample formats: 16 bits, or 24 bits sign-extended in 4 bytes. Rate and channel
+// count are the file's.
 //
-// Files of 16 bits or fewer and lossy ones come out as 16 bits; deeper ones as 24 bits
-// sign-extended in 4 bytes, of a 32-bit integer sample the upper 24. Integer samples are exact,
-// floating-point ones are scaled by 2^23 (lossy: 2^15), rounded and clipped. Rate and channel count
-// are the file's.
-//
-// Any one thread at a time. Every call may block on the file, or on a server until the
-// interruption.
+// Any one thread at a time, unless said otherwise. Every call of that thread may block on the file,
+// or on a server, until the interruption.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "local/network/http_failure.h"
 #include "local/network/interruption.h"
 #include "local/track/content.h"
-#include "local/track/track_input.h"
+#include "reader/client/sound_reader.h"
 #include "sdk/nuvio_connect.h"
 
 namespace local_core {
+
+// Why a track can't be opened.
+struct OpenFailure {
+    std::string reason;
+    HttpFailure network = HttpFailure::none;  // none: it is the file itself
+};
 
 struct TrackInfo {
     nuv_audio_format format;
@@ -54,41 +59,68 @@ class TrackDecoder {
     static std::unique_ptr<TrackDecoder> open(const Track& track, nuv_audio_quality highest,
                                               Interruption& interruption, OpenFailure* failure);
     ~TrackDecoder();
+    TrackDecoder(const TrackDecoder&) = delete;
+    TrackDecoder& operator=(const TrackDecoder&) = delete;
 
     const TrackInfo& info() const { return m_info; }
 
-    // Decodes as many whole frames as fit; returns the bytes written, 0 at the end of the file or
-    // at a place that can't be decoded. `block` must be aligned for a 4-byte sample.
-    size_t read(void* block, size_t capacity_bytes);
+    // Decodes into the blocks that are given, each as many whole frames as fit into `block_bytes`;
+    // returns at the end of the track or at a place that can't be decoded, where a radio's own
+    // texts change, or soon after stop(). True: nothing more will come. `on_news`: see SoundReader.
+    bool read(size_t block_bytes, const nuvio::reader::SoundReader::OnNews& on_news);
+    // Any thread, one at a time: see SoundReader. bytes_of(): whole frames, at most `block_bytes`.
+    std::byte* block(size_t number) const { return m_sound->block(number); }
+    void begin_read() { m_sound->begin_read(); }
+    void give(size_t block) { m_sound->give(block); }
+    void wake() { m_sound->wake(); }
+    size_t done() const { return m_sound->done(); }
+    size_t bytes_of(size_t index, size_t block_bytes);
+    void await_block() { m_sound->await_block(); }
+    void stop() { m_sound->stop(); }
+    bool is_fetching() const { return m_sound->is_fetching(); }
+    // Of a radio, what its server says it plays at the end of a block of the present read; possibly
+    // empty.
+    std::string live_title(size_t index) const;
 
     // Goes to a frame; returns the one reached, none when the file can't be positioned.
     std::optional<uint64_t> seek(uint64_t frame);
 
-    // Of a radio, what it plays at the place read last; possibly empty.
-    std::string live_title() const;
-    // By whom, where the radio says so apart from the title.
-    const std::optional<std::string>& live_artist() const { return m_live_artist; }
+    // Of a radio, what it plays from the last block of the last read on, where it says that itself;
+    // once.
+    struct Texts {
+        std::string title, artist;
+    };
+    std::optional<Texts> take_own_texts() { return std::exchange(m_own_texts, std::nullopt); }
 
-    // Why the last read or seek failed: its server, or what libsndfile says; empty when nothing
-    // did.
+    // Why the last read or seek failed: its server, its reader or what libsndfile says; empty when
+    // nothing did.
     HttpFailure failure() const;
     std::string last_error() const;
+    // It ended though it is not over.
+    bool is_broken() const { return m_is_broken || m_has_lied || failure() != HttpFailure::none; }
+    // What bytes_of() found; nothing more of it is to be read.
+    bool has_lied() const { return m_has_lied; }
 
   private:
-    // How samples are read and turned into the delivered format.
-    enum class Conversion { none_16, unpack_24, upper_24, float_to_24, float_to_16 };
+    class SourceBytes;
 
-    TrackDecoder(std::unique_ptr<TrackInput> input, TrackInfo info, Conversion conversion);
-    static bool is_deep(Conversion conversion);
-    static Conversion conversion_of(sf_private_tag* file, int sndfile_format);
-    size_t read_frames(void* block, size_t capacity_bytes);
-    bool rejoin();
+    TrackDecoder();
+    bool open_local(const Track& track, Interruption& interruption, OpenFailure* failure);
+    bool open_remote(const Track& track, Interruption& interruption, OpenFailure* failure);
+    bool open_sound(Interruption& interruption, OpenFailure* failure);
+    bool describe(nuv_audio_quality highest, OpenFailure* failure);
+    void fail(const nuvio::reader::Failure& failure);
 
-    const std::unique_ptr<TrackInput> m_input;
-    TrackInfo m_info;
-    Conversion m_conversion;
-    std::string m_live_title;  // of an Ogg radio's second and further streams
-    std::optional<std::string> m_live_artist;
+    std::unique_ptr<HttpSource> m_source;  // null for a file of this machine
+    std::unique_ptr<SourceBytes> m_bytes;
+    std::unique_ptr<nuvio::reader::SoundReader> m_sound;
+    std::optional<Interruption::Watch> m_source_watch, m_sound_watch;
+    nuvio::reader::Sound m_read;
+    TrackInfo m_info{};
+    std::optional<Texts> m_own_texts;
+    std::string m_error;
+    bool m_is_broken = false;
+    std::atomic<bool> m_has_lied{false};
 };
 
 }  // namespace local_core

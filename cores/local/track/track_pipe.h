@@ -1,14 +1,14 @@
-// One track on its way to the renderer: opened, decoded ahead of its reader and positioned by a
-// thread of its own, so that the loop never waits for a file or a server, and no track for another
-// one's.
+// One track on its way to the renderer: decoded ahead of the loop by a process of its own, which a
+// thread of its own opens, serves and positions, so that the loop never waits for a file or a
+// server, and no track for another one's.
 //
-// The thread gets up to five seconds ahead of the reader. Then it sleeps until the reader has used
-// up most of what is ready, and fills it up again in one go. The blocks are the pipe's own, taken
-// once the track is open: the reader borrows one and gives it back; nothing is copied between
-// decoder and reader, nothing allocated while decoding.
+// The reader gets up to five seconds ahead of the loop. Then it sleeps until the loop has used up
+// most of what is ready, and fills it up again in one go. The blocks are memory that both processes
+// see: the loop borrows one and gives it back; nothing is copied between decoder and loop, nothing
+// allocated while decoding.
 //
-// A thread whose file hangs is left to itself when its pipe goes: it touches nothing but its own
-// track then, and ends when the disk answers.
+// A thread whose file hangs while it is opened is left to itself when its pipe goes: it touches
+// nothing but its own track then, and ends when the disk answers.
 //
 // Threads: every public call belongs to the loop's thread and returns at once, but for the crew's
 // destructor.
@@ -42,7 +42,7 @@ class TrackPipe {
   public:
     static constexpr size_t kBlockBytes = size_t{64} << 10;
 
-    // The blocks that the reader still holds must have been given back.
+    // The blocks that the loop still holds must have been given back.
     ~TrackPipe();
     TrackPipe(const TrackPipe&) = delete;
     TrackPipe& operator=(const TrackPipe&) = delete;
@@ -94,7 +94,7 @@ class DecodeCrew {
     static constexpr int kMaxThreads = 16;
     static constexpr std::chrono::seconds kPatience{1};
 
-    // `on_change` is called on the pipes' threads when something that a reader waits for has
+    // `on_change` is called on the pipes' threads when something that the loop waits for has
     // happened, never after the destructor. Tracks above `highest` fail to open.
     DecodeCrew(std::function<void()> on_change, nuv_audio_quality highest,
                std::shared_ptr<const Logger> logger);

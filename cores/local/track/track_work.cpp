@@ -2,17 +2,17 @@
 
 #include <algorithm>
 #include <cinttypes>
-#include <new>
 #include <utility>
 
 namespace local_core {
 
 namespace {
 
-constexpr uint64_t kAheadMs = 5000;    // how far a pipe gets ahead of its reader
+constexpr uint64_t kAheadMs = 5000;    // how far a pipe gets ahead of the loop
 constexpr uint64_t kMaxBlockMs = 500;  // a block of a slow format is not filled
-constexpr uint64_t kMaxBlocksAhead = 28;
-constexpr size_t kBlocksInHand = 2;                   // the decoder's and the reader's
+constexpr uint64_t kLowMs = 300;       // more than an output takes at once
+constexpr size_t kBlocksInHand = 1;    // the loop's
+constexpr uint64_t kMaxBlocksAhead = nuvio::reader::kMaxBlocks - kBlocksInHand;
 constexpr size_t kMaxNewTexts = 16;                   // that wait for their block
 constexpr std::chrono::milliseconds kCoverLook{200};  // while one is fetched
 
@@ -52,27 +52,33 @@ HttpFailure TrackWork::failure() const {
 
 TrackPipe::Taken TrackWork::take(PcmBlock* block) {
     const std::lock_guard lock(m_mutex);
+    collect();
+    if (m_blocks.empty() && !m_is_decoded_wholly) {
+        m_decoder->await_block();
+        collect();  // what came between the two
+    }
     if (!m_blocks.empty()) {
+        m_loop_waits = false;
         *block = m_blocks.front();
         m_blocks.pop_front();
         ++m_taken_count;
-        wake_if_wanted();
+        wake_if_low();
         return Taken::block;
     }
     if (m_is_decoded_wholly) {
         return Taken::end;
     }
-    if (!std::exchange(m_reader_waits, true)) {
+    if (!std::exchange(m_loop_waits, true)) {
         m_waiting_since = Clock::now();
     }
-    wake_if_wanted();
+    wake_if_low();
     return Taken::wait;
 }
 
 void TrackWork::give_back(const PcmBlock& block) {
     const std::lock_guard lock(m_mutex);
-    m_free_blocks.push_back(block.data);
-    wake_if_wanted();
+    give(block.data);
+    wake_if_low();
 }
 
 std::optional<TrackTexts> TrackWork::take_new_texts() {
@@ -88,6 +94,7 @@ std::optional<TrackTexts> TrackWork::take_new_texts() {
 void TrackWork::seek(uint64_t frame) {
     {
         const std::lock_guard lock(m_mutex);
+        m_decoder->stop();
         drop_blocks();
         m_seek_target = frame;
         m_seek_result.reset();
@@ -104,19 +111,28 @@ void TrackWork::seek(uint64_t frame) {
 std::optional<TrackWork::Clock::time_point> TrackWork::waiting_since() const {
     const std::lock_guard lock(m_mutex);
     const bool waits =
-        m_opening == Opening::in_progress || m_reader_waits || (m_seek_count > 0 && !m_seek_result);
-    return waits && !m_track.remote && !m_is_given_up ? std::optional(m_waiting_since)
-                                                      : std::nullopt;
+        m_opening == Opening::in_progress || m_loop_waits || (m_seek_count > 0 && !m_seek_result);
+    // A server may take its time: of a remote track it is the reader that may hang.
+    const bool is_blamed = !m_track.remote || (m_opening == Opening::ready && m_loop_waits &&
+                                               !m_decoder->is_fetching());
+    return waits && is_blamed && !m_is_given_up ? std::optional(m_waiting_since) : std::nullopt;
 }
 
 void TrackWork::give_up() {
-    const std::lock_guard lock(m_mutex);
-    m_is_given_up = true;
-    m_failure = {"its disk does not answer", HttpFailure::unreachable};
-    if (m_opening == Opening::in_progress) {
-        m_opening = Opening::failed;
-        return;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_is_given_up = true;
+        m_failure = {"its disk does not answer", HttpFailure::unreachable};
+        if (m_opening == Opening::in_progress) {
+            m_opening = Opening::failed;
+        } else {
+            end_here();
+        }
     }
+    m_interruption.interrupt();
+}
+
+void TrackWork::end_here() {
     drop_blocks();
     m_is_decoded_wholly = true;
     if (!m_seek_result) {
@@ -139,8 +155,8 @@ void TrackWork::work_or_wait(std::unique_lock<std::mutex>& lock) {
     const bool is_to_work = !m_is_given_up;
     if (is_to_work && m_seek_target) {
         position(*m_seek_target, lock);
-    } else if (is_to_work && wants_blocks() && !m_free_blocks.empty()) {
-        decode_block(lock);
+    } else if (is_to_work && !m_is_decoded_wholly) {
+        decode(lock);
     } else if (is_to_work && m_cover.is_fetching()) {
         m_work.wait_for(lock, kCoverLook);
         take_fetched_cover(lock);
@@ -152,11 +168,9 @@ void TrackWork::work_or_wait(std::unique_lock<std::mutex>& lock) {
 void TrackWork::take_fetched_cover(std::unique_lock<std::mutex>& lock) {
     lock.unlock();
     const auto url = m_cover.take_fetched();
-    if (url) {
-        m_latest_texts.album_art_url = *url;
-    }
     lock.lock();
     if (url) {
+        m_latest_texts.album_art_url = *url;
         m_new_texts.emplace_back(m_taken_count, m_latest_texts);
     }
 }
@@ -166,7 +180,7 @@ void TrackWork::open() {
     m_decoder = TrackDecoder::open(m_track, m_crew->highest, m_interruption, &failure);
     if (m_decoder) {
         m_texts = describe_track(m_track, m_decoder->info());
-        m_title = m_decoder->live_title();
+        m_title = m_decoder->info().live_title;
         if (const std::string failed = m_cover.find(m_track, &m_texts); !failed.empty()) {
             m_crew->logger->write(LogLevel::warning, kAudioDecoder, "%s: no picture: %s",
                                   name().c_str(), failed.c_str());
@@ -193,37 +207,22 @@ void TrackWork::provide_blocks() {
         std::min<uint64_t>(TrackPipe::kBlockBytes, bytes_of_ms(info, kMaxBlockMs)));
     m_blocks_ahead = static_cast<size_t>(
         std::clamp<uint64_t>(bytes_of_ms(info, kAheadMs) / m_fill_bytes, 2, kMaxBlocksAhead));
+    m_low_blocks =
+        std::max(m_blocks_ahead / 4, static_cast<size_t>(bytes_of_ms(info, kLowMs) / m_fill_bytes));
     const size_t count = m_blocks_ahead + kBlocksInHand;
-    // Always whole blocks: lossy samples are decoded in twice the room they need in the end.
-    const size_t bytes = count * TrackPipe::kBlockBytes;
-    void* const memory =
-        mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) {
-        throw std::bad_alloc();
-    }
-    m_memory = {static_cast<std::byte*>(memory), Unmap{bytes}};
     m_blocks.resize(count);
+    m_read.blocks.resize(count);
     m_free_blocks.reserve(count);
     for (size_t i = count; i > 0; --i) {
-        m_free_blocks.push_back(m_memory.get() + (i - 1) * TrackPipe::kBlockBytes);
+        m_free_blocks.push_back(m_decoder->block(i - 1));
     }
 }
 
-bool TrackWork::wants_blocks() {
-    if (m_opening != Opening::ready || m_is_decoded_wholly) {
-        return false;
-    }
-    if (m_blocks.size() >= m_blocks_ahead) {
-        m_is_filling = false;
-    } else if (m_blocks.size() <= m_blocks_ahead / 4) {
-        m_is_filling = true;
-    }
-    return m_is_filling;
-}
-
-void TrackWork::wake_if_wanted() {
-    if (wants_blocks()) {
-        m_work.notify_one();
+// The reader fills up what it was given in one go, and rests until most of it is used up.
+void TrackWork::wake_if_low() {
+    if (m_blocks.size() <= m_low_blocks && !m_read.blocks.empty() && !m_read.is_awake) {
+        m_read.is_awake = true;
+        m_decoder->wake();
     }
 }
 
@@ -249,38 +248,85 @@ void TrackWork::position(uint64_t target, std::unique_lock<std::mutex>& lock) {
     lock.lock();
 }
 
-void TrackWork::decode_block(std::unique_lock<std::mutex>& lock) {
-    PcmBlock block{m_free_blocks.back(), 0};
-    m_free_blocks.pop_back();
-    const uint64_t seek_count = m_seek_count;
-    const TrackInfo& info = m_decoder->info();
-    lock.unlock();
-    block.size_bytes = m_decoder->read(block.data, m_fill_bytes);
-    const uint64_t decoded = m_decoded_frames + block.size_bytes / info.frame_bytes;
-    const bool is_at_end = block.size_bytes == 0 || decoded >= info.frame_count;
-    std::optional<TrackTexts> new_texts = texts_of_new_title();
-    lock.lock();
-    if (m_is_closed || m_is_given_up) {
-        return;
-    }
-    if (block.size_bytes == 0 || m_seek_count != seek_count) {
-        m_free_blocks.push_back(block.data);
+// ---- What the reader decodes
+// ----------------------------------------------------------------------
+
+void TrackWork::give(std::byte* block) {
+    if (m_read.is_under_way) {
+        m_read.blocks.push_back({block, 0});
+        m_decoder->give(static_cast<size_t>(block - m_decoder->block(0)) / TrackPipe::kBlockBytes);
     } else {
-        m_blocks.push_back(block);
+        m_free_blocks.push_back(block);
     }
-    if (m_seek_count != seek_count) {
+}
+
+void TrackWork::begin_read() {
+    m_read.is_under_way = true;
+    m_read.is_awake = false;
+    m_read.collected = 0;
+    m_read.seek_count = m_seek_count;
+    m_decoder->begin_read();
+    for (; !m_free_blocks.empty(); m_free_blocks.pop_back()) {
+        give(m_free_blocks.back());
+    }
+}
+
+// Takes what there is.
+void TrackWork::collect() {
+    if (!m_read.is_under_way) {
         return;
     }
-    m_decoded_frames = decoded;
-    m_failure.network = is_at_end ? m_decoder->failure() : HttpFailure::none;
-    m_is_decoded_wholly = is_at_end;
-    if (new_texts && m_new_texts.size() < kMaxNewTexts) {
-        m_new_texts.emplace_back(m_taken_count + m_blocks.size(), std::move(*new_texts));
+    const TrackInfo& info = m_decoder->info();
+    const bool is_stale = m_is_given_up || m_read.seek_count != m_seek_count;
+    for (; m_read.collected < m_decoder->done(); ++m_read.collected) {
+        const PcmBlock block{m_read.blocks.front().data,
+                             m_decoder->bytes_of(m_read.collected, m_fill_bytes)};
+        m_read.blocks.pop_front();
+        m_read.is_awake = false;
+        if (is_stale || block.size_bytes == 0) {
+            m_free_blocks.push_back(block.data);
+            continue;
+        }
+        m_blocks.push_back(block);
+        m_decoded_frames += block.size_bytes / info.frame_bytes;
+        if (info.is_endless) {
+            note_title(m_decoder->live_title(m_read.collected), nullptr);
+        }
     }
-    const bool tells = std::exchange(m_reader_waits, false);
+    if (!is_stale && m_decoded_frames >= info.frame_count) {
+        m_is_decoded_wholly = true;
+        m_decoder->stop();
+    }
+}
+
+void TrackWork::end_read() {
+    collect();
+    for (; !m_read.blocks.empty(); m_read.blocks.pop_front()) {
+        m_free_blocks.push_back(m_read.blocks.front().data);
+    }
+    m_read.is_under_way = false;
+}
+
+void TrackWork::decode(std::unique_lock<std::mutex>& lock) {
+    begin_read();
     lock.unlock();
-    const bool has_failed = m_decoder->failure() != HttpFailure::none;
-    if (is_at_end && decoded < info.frame_count && (has_failed || !info.is_endless)) {
+    const bool is_over = m_decoder->read(m_fill_bytes, [this] { return take_news(); });
+    lock.lock();
+    end_read();
+    if (m_is_closed || m_is_given_up || m_read.seek_count != m_seek_count) {
+        return;
+    }
+    if (const auto texts = m_decoder->take_own_texts()) {
+        note_title(texts->title, &texts->artist);
+    }
+    const TrackInfo& info = m_decoder->info();
+    const bool is_whole = m_decoded_frames >= info.frame_count;
+    m_is_decoded_wholly = is_whole || is_over || m_decoder->has_lied() || m_read.collected == 0;
+    m_failure.network = m_is_decoded_wholly ? m_decoder->failure() : HttpFailure::none;
+    const bool ends_early = m_is_decoded_wholly && !is_whole;
+    const bool tells = std::exchange(m_loop_waits, false);
+    lock.unlock();
+    if (ends_early && (m_decoder->is_broken() || !info.is_endless)) {
         log_early_end();
     }
     if (tells) {
@@ -289,24 +335,43 @@ void TrackWork::decode_block(std::unique_lock<std::mutex>& lock) {
     lock.lock();
 }
 
-std::optional<TrackTexts> TrackWork::texts_of_new_title() {
-    const std::string title = m_decoder->live_title();
+// On the way through a read: when to look again.
+std::chrono::milliseconds TrackWork::take_news() {
+    std::unique_lock lock(m_mutex);
+    collect();
+    m_waiting_since = m_track.remote ? Clock::now() : m_waiting_since;
+    const bool tells = m_loop_waits && !m_blocks.empty();
+    m_loop_waits = m_loop_waits && !tells;
+    if (m_cover.is_fetching()) {
+        take_fetched_cover(lock);
+    }
+    lock.unlock();
+    if (tells) {
+        m_crew->tell_change();
+    }
+    return m_cover.is_fetching() ? kCoverLook : std::chrono::milliseconds(-1);
+}
+
+// Of a radio: what it plays from the block decoded last on.
+void TrackWork::note_title(const std::string& title, const std::string* artist) {
     if (title.empty() || title == m_title) {
-        return std::nullopt;
+        return;
     }
     m_title = title;
     m_latest_texts.title = display_text(title);
-    if (const auto& artist = m_decoder->live_artist()) {
+    if (artist != nullptr) {
         m_latest_texts.artist = display_text(*artist);
     }
-    return m_latest_texts;
+    if (m_new_texts.size() < kMaxNewTexts) {
+        m_new_texts.emplace_back(m_taken_count + m_blocks.size(), m_latest_texts);
+    }
 }
 
 void TrackWork::drop_blocks() {
     for (; !m_blocks.empty(); m_blocks.pop_front()) {
-        m_free_blocks.push_back(m_blocks.front().data);
+        give(m_blocks.front().data);
     }
-    m_reader_waits = false;
+    m_loop_waits = false;
 }
 
 void TrackWork::log_early_end() const {

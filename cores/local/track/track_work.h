@@ -1,8 +1,6 @@
 // What a pipe and its thread share: the inside of track_pipe.h, for its two sources alone.
 #pragma once
 
-#include <sys/mman.h>
-
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -51,13 +49,6 @@ struct CrewShared {
     }
 };
 
-// Blocks are given back to the system with their track: the heap of the thread that asked for them
-// would keep the pages for a later one.
-struct Unmap {
-    size_t bytes = 0;
-    void operator()(std::byte* memory) const { munmap(memory, bytes); }
-};
-
 // Belongs to the pipe and to its thread; the last of them frees it.
 class TrackWork {
   public:
@@ -74,7 +65,7 @@ class TrackWork {
     // Instead of run().
     void fail(std::string error);
 
-    // ---- The reader's, see TrackPipe
+    // ---- The loop's, see TrackPipe
 
     Opening opening() const;
     const TrackInfo& info() const { return m_decoder->info(); }
@@ -125,12 +116,17 @@ class TrackWork {
 
     // How many bytes go into a block, and how many blocks get the pipe kAheadMs ahead.
     void provide_blocks();
-    bool wants_blocks();
-    void wake_if_wanted();
     void position(uint64_t target, std::unique_lock<std::mutex>& lock);
-    void decode_block(std::unique_lock<std::mutex>& lock);
-    std::optional<TrackTexts> texts_of_new_title();
+    void decode(std::unique_lock<std::mutex>& lock);
+    void begin_read();
+    void end_read();
+    void give(std::byte* block);
+    void collect();
+    void wake_if_low();
+    std::chrono::milliseconds take_news();
+    void note_title(const std::string& title, const std::string* artist);
     void drop_blocks();
+    void end_here();
     void log_early_end() const;
     std::string name() const { return display_text(m_track.location); }
 
@@ -141,28 +137,34 @@ class TrackWork {
     // The thread's alone; what the pointers lead to is constant once opening is over.
     std::unique_ptr<TrackDecoder> m_decoder;
     TrackTexts m_texts;
-    TrackTexts m_latest_texts;  // of what is decoded
-    std::string m_title;        // of a radio, as known last
     TrackCover m_cover;
-    std::unique_ptr<std::byte, Unmap> m_memory;
-    size_t m_fill_bytes = 0;
-    uint64_t m_decoded_frames = 0;  // the place in the file
 
     mutable std::mutex m_mutex;  // guards what follows
     std::condition_variable m_work;
     Opening m_opening = Opening::in_progress;
     OpenFailure m_failure;
-    size_t m_blocks_ahead = 0;
+    size_t m_blocks_ahead = 0, m_low_blocks = 0;
+    size_t m_fill_bytes = 0;
     Blocks m_blocks;
     std::vector<std::byte*> m_free_blocks;
+    uint64_t m_decoded_frames = 0;  // the place in the file
+    // What the decoder is at: the blocks that it was given and that are not collected, in turn.
+    struct Read {
+        bool is_under_way = false;
+        bool is_awake = false;  // told that it may go on, and nothing has come since
+        Blocks blocks;
+        size_t collected = 0;  // so far
+        uint64_t seek_count = 0;
+    } m_read;
     uint64_t m_taken_count = 0;
+    TrackTexts m_latest_texts;  // of what is decoded
+    std::string m_title;        // of a radio, as known last
     // With the count of blocks that are taken before them.
     std::deque<std::pair<uint64_t, TrackTexts>> m_new_texts;
-    bool m_is_filling = false;  // from nearly empty until as far ahead as it may
-    bool m_reader_waits = false;
+    bool m_loop_waits = false;
     Clock::time_point m_waiting_since = Clock::now();  // of the last wait
     bool m_is_closed = false;
-    bool m_is_given_up = false;  // by the reader: the thread does nothing more
+    bool m_is_given_up = false;  // by the loop: the thread does nothing more
     std::optional<uint64_t> m_seek_target;
     std::optional<uint64_t> m_seek_result;
     uint64_t m_seek_count = 0;  // what was decoded before the last seek is stale

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace local_core {
+namespace nuvio::reader {
 
 // Looks at one stream's bytes in their order. One thread at a time.
 class OggEnd {
@@ -20,4 +20,4 @@ class OggEnd {
     bool m_has_begun = false;  // pages came that are no stream's first
 };
 
-}  // namespace local_core
+}  // namespace nuvio::reader

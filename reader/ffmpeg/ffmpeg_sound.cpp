@@ -13,9 +13,9 @@ extern "C" {
 #include <cmath>
 #include <cstring>
 
-#include "local/track/foreign_sound.h"
+#include "reader/inside/sound/foreign_sound.h"
 
-namespace local_core {
+namespace nuvio::reader {
 
 namespace {
 
@@ -51,14 +51,14 @@ using Frame = std::unique_ptr<AVFrame, ReleasedByAddress<av_frame_free>>;
 // After AVERROR_EOF libavformat does not read again before it has sought; 0 is not allowed. What it
 // calls is C: neither of the two may throw.
 int read_input(void* opaque, uint8_t* to, int size) {
-    const size_t got = static_cast<ForeignInput*>(opaque)->read(to, static_cast<size_t>(size));
+    const size_t got = static_cast<Input*>(opaque)->read(to, static_cast<size_t>(size));
     return got > 0 ? static_cast<int>(got) : AVERROR_EOF;
 }
 
 // Asked for places from the beginning, for the length, and where there is none for the last byte
 // (SEEK_END, -1). A failure leaves libavformat where it was, with what it had in its buffer.
 int64_t seek_input(void* opaque, int64_t offset, int whence) {
-    auto& input = *static_cast<ForeignInput*>(opaque);
+    auto& input = *static_cast<Input*>(opaque);
     const auto length = input.length();
     whence &= ~AVSEEK_FORCE;
     if (whence == AVSEEK_SIZE) {
@@ -73,7 +73,7 @@ int64_t seek_input(void* opaque, int64_t offset, int whence) {
 }
 
 // The number of `size` bytes at a place of the input; 0 beyond its end.
-uint64_t number_at(ForeignInput& input, uint64_t place, size_t size, std::endian order) {
+uint64_t number_at(Input& input, uint64_t place, size_t size, std::endian order) {
     std::array<uint8_t, 8> bytes{};
     uint64_t number = 0;
     if (input.seek(place) && input.read(bytes.data(), size) == size) {
@@ -86,7 +86,7 @@ uint64_t number_at(ForeignInput& input, uint64_t place, size_t size, std::endian
 
 // The bytes of sound in a file of DSD, whose length libavformat only guesses; 0 when it is none.
 // Leaves the input at its beginning.
-uint64_t dsd_bytes(ForeignInput& input) {
+uint64_t dsd_bytes(Input& input) {
     constexpr uint32_t kDsd = 0x44534420;   // "DSD ": a DSF file, or the sound in a DFF file
     constexpr uint32_t kForm = 0x46524d38;  // "FRM8": a DFF file
     constexpr int kMaxChunks = 64;
@@ -160,7 +160,7 @@ Out sample_of(const AVFrame& frame, int channel, int index, int channels) {
 
 class FfmpegSound : public ForeignSound {
   public:
-    explicit FfmpegSound(ForeignInput& input) : m_input(input) {}
+    explicit FfmpegSound(Input& input) : m_input(input) {}
 
     // False with *error set.
     bool open(std::string* error) {
@@ -350,7 +350,7 @@ class FfmpegSound : public ForeignSound {
         }
     }
 
-    ForeignInput& m_input;
+    Input& m_input;
     ForeignInfo m_info;
     Io m_io;
     Container m_container;
@@ -364,11 +364,11 @@ class FfmpegSound : public ForeignSound {
 
 }  // namespace
 
-}  // namespace local_core
+}  // namespace nuvio::reader
 
-extern "C" __attribute__((visibility("default"))) local_core::ForeignSound*
-nuvio_open_foreign_sound(local_core::ForeignInput& input, std::string* error) {
+extern "C" __attribute__((visibility("default"))) nuvio::reader::ForeignSound*
+nuvio_open_foreign_sound(nuvio::reader::Input& input, std::string* error) {
     av_log_set_level(AV_LOG_QUIET);
-    auto sound = std::make_unique<local_core::FfmpegSound>(input);
+    auto sound = std::make_unique<nuvio::reader::FfmpegSound>(input);
     return sound->open(error) ? sound.release() : nullptr;
 }

@@ -1,9 +1,9 @@
-#include "local/network/mpeg_sync.h"
+#include "reader/inside/sound/mpeg_sync.h"
 
 #include <array>
 #include <cstdint>
 
-namespace local_core {
+namespace nuvio::reader {
 
 namespace {
 
@@ -72,4 +72,4 @@ size_t first_mpeg_frame(std::string_view bytes) {
     return 0;
 }
 
-}  // namespace local_core
+}  // namespace nuvio::reader

@@ -1,8 +1,8 @@
-#include "local/network/ogg_end.h"
+#include "reader/inside/sound/ogg_end.h"
 
 #include <algorithm>
 
-namespace local_core {
+namespace nuvio::reader {
 
 std::optional<std::ptrdiff_t> OggEnd::find(std::string_view bytes) {
     // A page begins with these and its flags.
@@ -23,4 +23,4 @@ std::optional<std::ptrdiff_t> OggEnd::find(std::string_view bytes) {
     return std::nullopt;
 }
 
-}  // namespace local_core
+}  // namespace nuvio::reader

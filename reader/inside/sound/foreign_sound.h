@@ -1,4 +1,4 @@
-// Audio that libsndfile can't read, decoded by a module that is loaded when it is first needed.
+// Sound that libsndfile can't read, decoded by a module.
 //
 // A decoder is used by one thread at a time; every call may block on its input.
 #pragma once
@@ -9,19 +9,9 @@
 #include <optional>
 #include <string>
 
-namespace local_core {
+#include "reader/inside/sound/input.h"
 
-// The bytes to decode.
-class ForeignInput {
-  public:
-    virtual ~ForeignInput() = default;
-    // Bytes read, fewer than asked only at the end or where it failed.
-    virtual size_t read(void* to, size_t size) = 0;
-    virtual bool seek(uint64_t position) = 0;
-    virtual uint64_t position() const = 0;
-    // None while it is unknown, and of a stream that has no end.
-    virtual std::optional<uint64_t> length() const = 0;
-};
+namespace nuvio::reader {
 
 struct ForeignInfo {
     uint32_t sample_rate = 0;
@@ -44,13 +34,18 @@ class ForeignSound {
     virtual bool seek(uint64_t frame) = 0;
 };
 
-// Null, with *error set, when the module is not installed or can't read it. `input`, which is at
-// its beginning, must outlive the result.
-std::unique_ptr<ForeignSound> open_foreign_sound(ForeignInput& input, std::string* error);
+// Loads the module, if it is there. Before the walls: nothing is opened behind them.
+void load_foreign_sound();
+// The process was told to load it.
+bool is_foreign_reader();
+
+// Null, with *error set, when the module is not there or can't read it. `input`, which is at its
+// beginning, must outlive the result.
+std::unique_ptr<ForeignSound> open_foreign_sound(Input& input, std::string* error);
 
 // What the module exports, under this name. Both are of one version: they come from one build.
-using OpenForeignSound = ForeignSound*(ForeignInput& input, std::string* error);
+using OpenForeignSound = ForeignSound*(Input& input, std::string* error);
 inline constexpr char kForeignSoundFunction[] = "nuvio_open_foreign_sound";
 inline constexpr char kForeignSoundModule[] = "libnuvio_connect_ffmpeg.so.1";
 
-}  // namespace local_core
+}  // namespace nuvio::reader

@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string_view>
 
-namespace local_core {
+namespace nuvio::reader {
 
 // Bytes that are sure to hold a few frames.
 constexpr size_t kMpegHeadBytes = 8192;
@@ -13,4 +13,4 @@ constexpr size_t kMpegHeadBytes = 8192;
 // whoever reads on decides. Any bytes; pure.
 size_t first_mpeg_frame(std::string_view bytes);
 
-}  // namespace local_core
+}  // namespace nuvio::reader

@@ -1,0 +1,289 @@
+#include "reader/inside/sound/decoder.h"
+
+#ifdef __x86_64__
+#include <tmmintrin.h>
+#endif
+
+#include <algorithm>
+#include <bit>
+#include <cmath>
+#include <cstring>
+#include <utility>
+
+#include "common/utf8.h"
+#include "reader/inside/sound/foreign_sound.h"
+#include "reader/inside/sound/sndfile_sound.h"
+
+namespace nuvio::reader {
+
+namespace {
+
+static_assert(std::endian::native == std::endian::little, "PCM is delivered little-endian");
+
+std::string tag(SNDFILE* file, int which) {
+    const char* text = sf_get_string(file, which);
+    return text != nullptr ? std::string(beginning(text, kMaxSoundText)) : "";
+}
+
+SoundInfo describe(const SndfileSound& sound, const SF_INFO& raw, bool is_deep) {
+    SoundInfo info;
+    info.rate_hz = static_cast<uint32_t>(std::max(raw.samplerate, 0));
+    info.channels = static_cast<uint32_t>(std::max(raw.channels, 0));
+    info.is_deep = is_deep;
+    info.is_endless = sound.is_endless();
+    info.frames = info.is_endless ? 0 : static_cast<uint64_t>(std::max<sf_count_t>(raw.frames, 0));
+    info.is_seekable = raw.seekable != 0;
+    info.title = tag(sound.file(), SF_STR_TITLE);
+    info.artist = tag(sound.file(), SF_STR_ARTIST);
+    info.album = tag(sound.file(), SF_STR_ALBUM);
+    return info;
+}
+
+SoundInfo describe(const ForeignInfo& foreign) {
+    return {foreign.sample_rate,
+            foreign.channels,
+            foreign.is_deep,
+            !foreign.frames,
+            foreign.frames.value_or(0),
+            foreign.seekable && foreign.frames,
+            foreign.title,
+            foreign.artist,
+            foreign.album};
+}
+
+// The nearest integer of `bits` bits; silence for what is no number.
+template <int bits>
+int32_t to_integer(float sample) {
+    constexpr float kScale = static_cast<float>(int32_t{1} << (bits - 1));
+    if (std::isnan(sample)) {
+        return 0;
+    }
+    return static_cast<int32_t>(std::lrintf(std::clamp(sample * kScale, -kScale, kScale - 1.0F)));
+}
+
+// The conversions work in place, front to back: a sample never grows, so that none is overwritten
+// before it was read.
+template <typename From, typename To, typename Convert>
+void convert_in_place(void* block, size_t sample_count, Convert convert) {
+    static_assert(sizeof(To) <= sizeof(From));
+    auto* bytes = static_cast<std::byte*>(block);
+    for (size_t i = 0; i < sample_count; ++i) {
+        From from;
+        std::memcpy(&from, bytes + i * sizeof(From), sizeof from);
+        const To to = convert(from);
+        std::memcpy(bytes + i * sizeof(To), &to, sizeof to);
+    }
+}
+
+// Samples of 3 bytes, little-endian, as they are in the file: read at once and unpacked here, for
+// libsndfile reads and unpacks them in pieces of 8 KiB.
+bool has_packed_24(SNDFILE* file, int sndfile_format) {
+    const int container = sndfile_format & SF_FORMAT_TYPEMASK;
+    const bool is_plain = container == SF_FORMAT_WAV || container == SF_FORMAT_WAVEX ||
+                          container == SF_FORMAT_RF64 || container == SF_FORMAT_W64;
+    return is_plain && (sndfile_format & SF_FORMAT_SUBMASK) == SF_FORMAT_PCM_24 &&
+           sf_command(file, SFC_RAW_DATA_NEEDS_ENDSWAP, nullptr, 0) == SF_FALSE;
+}
+
+#ifdef __x86_64__
+// Four samples at a time, which compilers do not come to by themselves: a quarter of the time.
+// Returns how many were unpacked.
+[[gnu::target("ssse3")]] size_t unpack_fours(std::byte* to, const std::byte* from, size_t count) {
+    const __m128i places = _mm_setr_epi8(-1, 0, 1, 2, -1, 3, 4, 5, -1, 6, 7, 8, -1, 9, 10, 11);
+    size_t done = 0;
+    for (; done + 6 <= count; done += 4) {  // 16 bytes are read for the 12 of four samples
+        const __m128i packed = _mm_loadu_si128(reinterpret_cast<const __m128i*>(from + 3 * done));
+        const __m128i samples = _mm_srai_epi32(_mm_shuffle_epi8(packed, places), 8);
+        _mm_storeu_si128(reinterpret_cast<__m128i*>(to + 4 * done), samples);
+    }
+    return done;
+}
+#endif
+
+// From the block's last three quarters to the whole of it. Front to back, each sample is read
+// before its bytes are written: the gap between the two shrinks to nothing at the last one.
+void unpack_in_place(void* block, size_t sample_count) {
+    auto* to = static_cast<std::byte*>(block);
+    const std::byte* from = to + sample_count;
+    size_t i = 0;
+#ifdef __x86_64__
+    if (__builtin_cpu_supports("ssse3")) {
+        i = unpack_fours(to, from, sample_count);
+    }
+#endif
+    for (; i < sample_count; ++i) {
+        int32_t sample;  // its lowest byte is not the sample's
+        std::memcpy(&sample, from + 3 * i - 1, sizeof sample);
+        sample >>= 8;
+        std::memcpy(to + 4 * i, &sample, sizeof sample);
+    }
+}
+
+size_t read_packed_24(SNDFILE* file, void* block, size_t capacity_bytes, size_t channels) {
+    const size_t packed_frame = 3 * channels;
+    const size_t frames = capacity_bytes / (4 * channels);
+    auto* const packed = static_cast<std::byte*>(block) + frames * channels;
+    const sf_count_t got =
+        sf_read_raw(file, packed, static_cast<sf_count_t>(frames * packed_frame));
+    const size_t got_frames = got <= 0 ? 0 : static_cast<size_t>(got) / packed_frame;
+    if (got_frames < frames) {
+        std::memmove(static_cast<std::byte*>(block) + got_frames * channels, packed,
+                     got_frames * packed_frame);
+    }
+    unpack_in_place(block, got_frames * channels);
+    return got_frames;
+}
+
+}  // namespace
+
+Decoder::Decoder(Input& input) : m_input(input) {}
+
+Decoder::~Decoder() = default;
+
+Decoder::Conversion Decoder::conversion_of(SNDFILE* file, int sndfile_format) {
+    if (has_packed_24(file, sndfile_format)) {
+        return Conversion::unpack_24;
+    }
+    static constexpr struct {
+        int encoding;
+        Conversion conversion;
+    } kDeepOrLossy[] = {
+        {SF_FORMAT_PCM_24, Conversion::upper_24},
+        {SF_FORMAT_PCM_32, Conversion::upper_24},
+        {SF_FORMAT_DWVW_24, Conversion::upper_24},
+        {SF_FORMAT_ALAC_20, Conversion::upper_24},
+        {SF_FORMAT_ALAC_24, Conversion::upper_24},
+        {SF_FORMAT_ALAC_32, Conversion::upper_24},
+        {SF_FORMAT_FLOAT, Conversion::float_to_24},
+        {SF_FORMAT_DOUBLE, Conversion::float_to_24},
+        {SF_FORMAT_VORBIS, Conversion::float_to_16},
+        {SF_FORMAT_OPUS, Conversion::float_to_16},
+        {SF_FORMAT_MPEG_LAYER_I, Conversion::float_to_16},
+        {SF_FORMAT_MPEG_LAYER_II, Conversion::float_to_16},
+        {SF_FORMAT_MPEG_LAYER_III, Conversion::float_to_16},
+    };
+    for (const auto& row : kDeepOrLossy) {
+        if ((sndfile_format & SF_FORMAT_SUBMASK) == row.encoding) {
+            return row.conversion;
+        }
+    }
+    return Conversion::none_16;
+}
+
+bool Decoder::is_deep(Conversion conversion) {
+    return conversion == Conversion::unpack_24 || conversion == Conversion::upper_24 ||
+           conversion == Conversion::float_to_24;
+}
+
+std::unique_ptr<Decoder> Decoder::open(Input& input, std::string* error) {
+    std::unique_ptr<Decoder> decoder(new Decoder(input));
+    if (is_foreign_reader()) {
+        decoder->m_foreign = open_foreign_sound(input, error);
+        if (!decoder->m_foreign) {
+            return nullptr;
+        }
+        decoder->m_info = describe(decoder->m_foreign->info());
+        return decoder;
+    }
+    SF_INFO raw{};
+    decoder->m_sound = SndfileSound::open(input, &raw);
+    if (!decoder->m_sound) {
+        *error = sf_strerror(nullptr);
+        return nullptr;
+    }
+    decoder->m_conversion = conversion_of(decoder->m_sound->file(), raw.format);
+    decoder->m_info = describe(*decoder->m_sound, raw, is_deep(decoder->m_conversion));
+    return decoder;
+}
+
+size_t Decoder::read_frames(void* block, size_t capacity_bytes) {
+    // Lossy samples are read as 4-byte numbers before they are narrowed.
+    const bool narrows = m_conversion == Conversion::float_to_16;
+    const size_t read_bytes = narrows ? 2 * m_info.frame_bytes() : m_info.frame_bytes();
+    const auto frames = static_cast<sf_count_t>(capacity_bytes / read_bytes);
+    SNDFILE* const file = m_sound->file();
+    sf_count_t got = 0;
+    switch (m_conversion) {
+        case Conversion::unpack_24:
+            return read_packed_24(file, block, capacity_bytes, m_info.channels);
+        case Conversion::none_16:
+            got = sf_readf_short(file, static_cast<short*>(block), frames);
+            break;
+        case Conversion::upper_24:
+            got = sf_readf_int(file, static_cast<int*>(block), frames);
+            break;
+        case Conversion::float_to_24:
+        case Conversion::float_to_16:
+            got = sf_readf_float(file, static_cast<float*>(block), frames);
+            break;
+    }
+    return got <= 0 ? 0 : static_cast<size_t>(got);
+}
+
+// A radio's next stream, which has to be of the same format.
+bool Decoder::rejoin() {
+    if (!m_input.is_radio() || m_input.has_failed()) {
+        return false;
+    }
+    m_sound.reset();
+    SF_INFO raw{};
+    m_sound = SndfileSound::open(m_input, &raw);
+    if (!m_sound) {
+        return false;
+    }
+    const Conversion conversion = conversion_of(m_sound->file(), raw.format);
+    const SoundInfo next = describe(*m_sound, raw, is_deep(conversion));
+    if (conversion != m_conversion || next.rate_hz != m_info.rate_hz ||
+        next.channels != m_info.channels) {
+        return false;
+    }
+    if (!next.title.empty()) {
+        m_new_texts = {next.title, next.artist};
+    }
+    return true;
+}
+
+size_t Decoder::read(void* block, size_t capacity_bytes) {
+    if (m_foreign) {
+        return m_foreign->read(block, capacity_bytes / m_info.frame_bytes()) * m_info.frame_bytes();
+    }
+    if (!m_sound) {
+        return 0;  // a radio's, that could not be opened again
+    }
+    size_t frames = read_frames(block, capacity_bytes);
+    if (frames == 0 && rejoin()) {
+        frames = read_frames(block, capacity_bytes);
+    }
+    const size_t samples = frames * m_info.channels;
+    if (m_conversion == Conversion::upper_24) {
+        convert_in_place<int32_t, int32_t>(block, samples, [](int32_t s) { return s >> 8; });
+    } else if (m_conversion == Conversion::float_to_24) {
+        convert_in_place<float, int32_t>(block, samples, to_integer<24>);
+    } else if (m_conversion == Conversion::float_to_16) {
+        convert_in_place<float, int16_t>(
+            block, samples, [](float s) { return static_cast<int16_t>(to_integer<16>(s)); });
+    }
+    return frames * m_info.frame_bytes();
+}
+
+std::optional<uint64_t> Decoder::seek(uint64_t frame) {
+    if (m_foreign) {
+        return m_foreign->seek(frame) ? std::optional(frame) : std::nullopt;
+    }
+    if (!m_sound) {
+        return std::nullopt;
+    }
+    const sf_count_t reached = sf_seek(m_sound->file(), static_cast<sf_count_t>(frame), SEEK_SET);
+    return reached < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(reached));
+}
+
+std::optional<Decoder::Texts> Decoder::take_new_texts() {
+    return std::exchange(m_new_texts, std::nullopt);
+}
+
+std::string Decoder::last_error() const {
+    SNDFILE* const file = m_sound ? m_sound->file() : nullptr;
+    return file == nullptr || sf_error(file) == SF_ERR_NO_ERROR ? "" : sf_strerror(file);
+}
+
+}  // namespace nuvio::reader

@@ -1,0 +1,86 @@
+// One open sound, decoded to the two sample formats that are delivered.
+//
+// Sound of 16 bits or fewer and lossy sound comes out as 16 bits; deeper sound as 24 bits
+// sign-extended in 4 bytes, of a 32-bit integer sample the upper 24. Integer samples are exact,
+// floating-point ones are scaled by 2^23 (lossy: 2^15), rounded and clipped. Rate and channel count
+// are the file's.
+//
+// One thread; every call may block on the input.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "reader/inside/sound/input.h"
+
+// libsndfile's; its header stays inside the implementation.
+struct sf_private_tag;
+
+namespace nuvio::reader {
+
+class ForeignSound;
+class SndfileSound;
+
+struct SoundInfo {
+    uint32_t rate_hz = 0;
+    uint32_t channels = 0;
+    bool is_deep = false;
+    bool is_endless = false;
+    uint64_t frames = 0;  // 0 of an endless one
+    bool is_seekable = false;
+    // Tags as the file has them, their first kilobyte; empty where it has none.
+    std::string title;
+    std::string artist;
+    std::string album;
+
+    size_t frame_bytes() const { return (is_deep ? sizeof(int32_t) : sizeof(int16_t)) * channels; }
+};
+
+class Decoder {
+  public:
+    // Null, with *error set, when it can't be read: by the module in a process that was told to
+    // load it, by libsndfile in every other one. The input must outlive the decoder.
+    static std::unique_ptr<Decoder> open(Input& input, std::string* error);
+    ~Decoder();
+    Decoder(const Decoder&) = delete;
+    Decoder& operator=(const Decoder&) = delete;
+
+    const SoundInfo& info() const { return m_info; }
+
+    // Decodes as many whole frames as fit; returns the bytes written, 0 at the end or at a place
+    // that can't be decoded. `block` must be aligned for a 4-byte sample.
+    size_t read(void* block, size_t capacity_bytes);
+    // Goes to a frame; returns the one reached, none when the sound can't be positioned.
+    std::optional<uint64_t> seek(uint64_t frame);
+
+    struct Texts {
+        std::string title, artist;
+    };
+    // Of a radio's second and further Ogg streams, once each.
+    std::optional<Texts> take_new_texts();
+
+    // What libsndfile says of the last read or seek; empty when nothing failed.
+    std::string last_error() const;
+
+  private:
+    // How samples are read and turned into the delivered format.
+    enum class Conversion { none_16, unpack_24, upper_24, float_to_24, float_to_16 };
+
+    explicit Decoder(Input& input);
+    static bool is_deep(Conversion conversion);
+    static Conversion conversion_of(sf_private_tag* file, int sndfile_format);
+    size_t read_frames(void* block, size_t capacity_bytes);
+    bool rejoin();
+
+    Input& m_input;
+    std::unique_ptr<SndfileSound> m_sound;  // one of the two
+    std::unique_ptr<ForeignSound> m_foreign;
+    SoundInfo m_info;
+    Conversion m_conversion = Conversion::none_16;
+    std::optional<Texts> m_new_texts;
+};
+
+}  // namespace nuvio::reader

@@ -1,0 +1,74 @@
+// The bytes of a sound: of a file, or remote ones that the parent fetches.
+//
+// One thread; reading blocks on the file, or on the parent.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "common/unique_fd.h"
+#include "reader/inside/serve.h"
+#include "reader/protocol.h"
+
+namespace nuvio::reader {
+
+class Input {
+  public:
+    virtual ~Input() = default;
+    // Bytes read, fewer than asked only at the end or where it failed.
+    virtual size_t read(void* to, size_t size) = 0;
+    // False where a radio can't go to, or nobody.
+    virtual bool seek(uint64_t position) = 0;
+    virtual uint64_t position() const = 0;
+    // None while it is unknown, and of a stream that has no end.
+    virtual std::optional<uint64_t> length() = 0;
+    // Nothing more of it will come.
+    virtual bool has_failed() const = 0;
+    // Endless: does not seek.
+    virtual bool is_radio() const = 0;
+};
+
+class FileInput : public Input {
+  public:
+    explicit FileInput(UniqueFd file);
+
+    size_t read(void* to, size_t size) override;
+    bool seek(uint64_t position) override;
+    uint64_t position() const override { return m_position; }
+    std::optional<uint64_t> length() override { return m_length; }
+    bool has_failed() const override { return m_has_failed; }
+    bool is_radio() const override { return false; }
+
+  private:
+    const UniqueFd m_file;
+    const uint64_t m_length;
+    uint64_t m_position = 0;
+    bool m_has_failed = false;
+};
+
+class RemoteInput : public Input {
+  public:
+    // `window`: kWindowBytes, where the parent puts the bytes.
+    RemoteInput(Parent& parent, const char* window, bool is_radio)
+        : m_parent(parent), m_window(window), m_is_radio(is_radio) {}
+
+    size_t read(void* to, size_t size) override;
+    bool seek(uint64_t position) override;
+    uint64_t position() const override { return m_position; }
+    std::optional<uint64_t> length() override;
+    bool has_failed() const override { return m_bytes.has_failed; }
+    bool is_radio() const override { return m_is_radio; }
+
+  private:
+    void ask(uint64_t place, size_t size);
+    bool has(uint64_t place) const;
+
+    Parent& m_parent;
+    const char* const m_window;
+    const bool m_is_radio;
+    Bytes m_bytes{0, Bytes::kUnknown, 0, true, false};
+    uint64_t m_position = 0;
+};
+
+}  // namespace nuvio::reader

@@ -1,0 +1,50 @@
+// Sound as libsndfile reads it. A radio that is joined anew, or begins another Ogg stream, ends for
+// libsndfile, which knows of neither: it is opened once more then.
+#pragma once
+
+#include <sndfile.h>
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "common/released_by.h"
+#include "reader/inside/sound/input.h"
+#include "reader/inside/sound/ogg_end.h"
+
+namespace nuvio::reader {
+
+// What libsndfile is told of: the input from a first byte on.
+class SndfileSound {
+  public:
+    // Null when `input` is nothing that libsndfile knows, or when it failed; sf_strerror(nullptr)
+    // says why. `input` must outlive the result, which is read by one thread at a time and blocks
+    // as Input::read() does. A sound that ends early because its input failed looks like its end to
+    // libsndfile: ask input.has_failed() then. A radio is opened where its input stands, which need
+    // not be the beginning.
+    static std::unique_ptr<SndfileSound> open(Input& input, SF_INFO* info);
+
+    SNDFILE* file() const { return m_file.get(); }
+    // A radio, or of a length that nobody knows yet: `frames` of SF_INFO is none, and it does not
+    // seek.
+    bool is_endless() const { return m_is_endless; }
+
+  private:
+    explicit SndfileSound(Input& input) : m_input(input) {}
+
+    static SndfileSound& self(void* data) { return *static_cast<SndfileSound*>(data); }
+    static sf_count_t length(void* data);
+    static sf_count_t seek(sf_count_t offset, int whence, void* data);
+    static sf_count_t read(void* to, sf_count_t size, void* data);
+    static sf_count_t position(void* data);
+
+    Input& m_input;
+    uint64_t m_first = 0;         // byte of the input that is libsndfile's byte 0
+    std::optional<OggEnd> m_ogg;  // of an Ogg radio
+    bool m_is_over = false;       // another Ogg stream begins where the input is
+    bool m_is_broken = false;     // its input has failed, and nothing more of it comes
+    bool m_is_endless = false;
+    std::unique_ptr<SNDFILE, ReleasedBy<sf_close>> m_file;
+};
+
+}  // namespace nuvio::reader
