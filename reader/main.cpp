@@ -1,5 +1,6 @@
 // The program that takes files apart, for those that must not be harmed by what is in them.
 #include "reader/inside/picture.h"
+#include "reader/inside/playlist.h"
 #include "reader/inside/serve.h"
 #include "reader/inside/sound/foreign_sound.h"
 #include "reader/inside/sound/sound_work.h"
@@ -11,6 +12,7 @@ int main(int argc, char** argv) {
     return serve(argc, argv,
                  {.tags = read_tags,
                   .picture = read_picture,
+                  .playlist = read_playlist,
                   .sound = &sound,
                   .load_module = load_foreign_sound});
 }

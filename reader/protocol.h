@@ -19,6 +19,7 @@ enum class Job : uint32_t {
     tags,
     picture,
     scaled_picture,
+    playlist,
     open_sound,
     read_sound,
     seek_sound,
@@ -68,19 +69,32 @@ struct Bytes {
     bool has_failed;  // nothing more will come
 };
 
+// ---- Playlists: their text in the shared memory, and behind that what they say (playlist.h)
+
+enum class PlaylistFormat : uint32_t { none, m3u, pls, xspf, jspf };
+
+constexpr size_t kMaxPlaylistBytes = size_t{4} << 20U;
+// What is in a text and the lengths, of a thousand tracks.
+constexpr size_t kMaxRecordBytes = kMaxPlaylistBytes + (size_t{256} << 10U);
+constexpr size_t kPlaylistMemoryBytes = kMaxPlaylistBytes + kMaxRecordBytes;
+
 // ---- The two records
 
 struct Request {
     Job job;
     uint32_t number = 0;  // the answer's too
     uint32_t edge = 0;    // of a scaled picture: no side is longer, in pixels
+    // Of a playlist.
+    PlaylistFormat format = PlaylistFormat::none;
+    uint32_t text_bytes = 0, max_tracks = 0;
     // Of a sound that is opened.
     bool is_remote = false, is_radio = false;
     uint32_t block_bytes = 0;  // to be read into each block
     uint64_t frame = 0;        // to be gone to
     Bytes bytes{};
     // With it come descriptors: the file, unless the sound is remote; for pictures a shared memory
-    // of kMaxPictureBytes, for a sound that is opened one of kSoundBytes.
+    // of kMaxPictureBytes, for a sound that is opened one of kSoundBytes; for a playlist one of
+    // kPlaylistMemoryBytes and no file.
 };
 
 enum class Status : uint32_t {
@@ -106,6 +120,10 @@ struct TagsAnswer {
 
 struct PictureAnswer {
     uint64_t size;  // of what stands in the shared memory; 0: none
+};
+
+struct PlaylistAnswer {
+    uint32_t bytes;  // of the records
 };
 
 struct SoundAnswer {
@@ -143,6 +161,7 @@ struct Answer {
     union {
         TagsAnswer tags;
         PictureAnswer picture;
+        PlaylistAnswer playlist;
         SoundAnswer sound;
         ReadAnswer read;
         SeekAnswer seek;

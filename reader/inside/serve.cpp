@@ -108,6 +108,11 @@ void work(Received& received, const Jobs& jobs, Parent& parent, Answer* answer) 
                 answer->picture = {};
                 make_picture(received, jobs, &answer->picture);
                 break;
+            case Job::playlist:
+                answer->playlist = {};
+                jobs.playlist(request, Shared(received.file, kPlaylistMemoryBytes).bytes(),
+                              &answer->playlist);
+                break;
             case Job::open_sound:
                 answer->sound = {};
                 open_sound(received, jobs, parent, &answer->sound);

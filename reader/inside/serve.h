@@ -40,6 +40,8 @@ struct Jobs {
     void (*picture)(const UniqueFd& file, char* picture, PictureAnswer* answer) = nullptr;
     void (*scaled_picture)(const UniqueFd& file, uint32_t edge, char* picture,
                            PictureAnswer* answer) = nullptr;
+    // `shared`: kPlaylistMemoryBytes.
+    void (*playlist)(const Request& request, char* shared, PlaylistAnswer* answer) = nullptr;
     SoundJobs* sound = nullptr;
     // Before the walls, where the arguments ask for it.
     void (*load_module)() = nullptr;

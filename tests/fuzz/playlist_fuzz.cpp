@@ -11,6 +11,7 @@
 #include "local/network/remote_playlist.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
+#include "reader/inside/playlist.h"
 #include "reader/inside/sound/mpeg_sync.h"
 #include "reader/inside/sound/ogg_end.h"
 
@@ -35,9 +36,15 @@ void read_own_playlist(std::string_view text) {
 void read_playlists(std::string_view text) {
     playlist_format("", text.substr(0, kPlaylistHeadBytes));
     for (const PlaylistFormat format :
-         {PlaylistFormat::m3u, PlaylistFormat::pls, PlaylistFormat::xspf, PlaylistFormat::jspf}) {
-        const auto tracks =
-            parse_remote_playlist(format, text, "https://host/folder/list", kMaxTracks);
+         {PlaylistFormat::none, PlaylistFormat::m3u, PlaylistFormat::pls, PlaylistFormat::xspf,
+          PlaylistFormat::jspf}) {
+        std::string records;
+        for (const ListedTrack& track : parse_playlist(format, text, kMaxTracks)) {
+            records += record_of(track);
+        }
+        // What a reader says, and what one could say that a playlist has taken over.
+        const auto listed = tracks_in(format == PlaylistFormat::none ? text : records, kMaxTracks);
+        const auto tracks = resolved_tracks(listed, "https://host/folder/list");
         FUZZ_EXPECT(tracks.size() <= kMaxTracks);
         for (const RemoteTrack& track : tracks) {
             FUZZ_EXPECT(track.url.starts_with("http://") || track.url.starts_with("https://"));

@@ -9,9 +9,12 @@
 #include <string_view>
 #include <vector>
 
+#include "reader/playlist.h"
+#include "reader/protocol.h"
+
 namespace local_core {
 
-enum class PlaylistFormat { none, m3u, pls, xspf, jspf };
+using nuvio::reader::PlaylistFormat;
 
 struct RemoteTrack {
     std::string url;  // absolute
@@ -27,9 +30,9 @@ struct RemoteTrack {
 constexpr size_t kPlaylistHeadBytes = 4096;
 PlaylistFormat playlist_format(std::string_view content_type, std::string_view head);
 
-// Entries without a usable URL are passed over; any bytes are accepted. `base` is the playlist's
-// own URL. Pure; any thread.
-std::vector<RemoteTrack> parse_remote_playlist(PlaylistFormat format, std::string_view text,
-                                               const std::string& base, size_t max_tracks);
+// Of what a playlist says, whatever that is: entries without a usable URL are passed over. `base`
+// is the playlist's own URL. Pure; any thread.
+std::vector<RemoteTrack> resolved_tracks(const std::vector<nuvio::reader::ListedTrack>& listed,
+                                         const std::string& base);
 
 }  // namespace local_core

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "common/text.h"
+#include "reader/client/playlist_reader.h"
 
 namespace local_core {
 
@@ -36,8 +37,7 @@ class Finder {
         if (found.format == PlaylistFormat::none) {
             add(std::move(track));
         } else {
-            add_all(parse_remote_playlist(found.format, found.text, found.base, m_left.tracks),
-                    depth);
+            add_all(read_playlist(found), depth);
         }
         return true;
     }
@@ -79,6 +79,21 @@ class Finder {
         }
         m_left.bytes -= std::min(m_left.bytes, found->text.size());
         return failure == HttpFailure::none;
+    }
+
+    // By a reader; one that fails costs this playlist.
+    std::vector<RemoteTrack> read_playlist(const Found& found) {
+        nuvio::reader::PlaylistReader reader;
+        const Interruption::Watch watch(m_interruption, [&reader] { reader.interrupt(); });
+        const auto listed = reader.read(found.format, found.text, m_left.tracks);
+        if (const auto* const failed = std::get_if<nuvio::reader::Failure>(&listed)) {
+            failure =
+                m_interruption.is_interrupted() ? HttpFailure::cancelled : HttpFailure::unusable;
+            error = "the playlist can't be read: " + failed->reason;
+            return {};
+        }
+        return resolved_tracks(std::get<std::vector<nuvio::reader::ListedTrack>>(listed),
+                               found.base);
     }
 
     // One byte more than is allowed shows that it is too large.

@@ -1,0 +1,41 @@
+#include "reader/client/playlist_reader.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+
+#include "reader/client/packets.h"
+
+namespace nuvio::reader {
+
+Outcome<std::vector<ListedTrack>> PlaylistReader::read(PlaylistFormat format, std::string_view text,
+                                                       size_t max_tracks) {
+    if (text.size() > kMaxPlaylistBytes) {
+        return Failure{Failure::Kind::file, "the playlist is too large"};
+    }
+    const UniqueFd memory = shared_memory(kPlaylistMemoryBytes);
+    if (!memory ||
+        pwrite(memory.get(), text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) {
+        return Failure{Failure::Kind::machine, std::strerror(errno)};
+    }
+    Request request{Job::playlist};
+    request.format = format;
+    request.text_bytes = static_cast<uint32_t>(text.size());
+    request.max_tracks = static_cast<uint32_t>(max_tracks);
+    const Outcome<Answer> answer = m_questions.ask(request, memory);
+    m_questions.rest();
+    if (const auto* const failure = std::get_if<Failure>(&answer)) {
+        return *failure;
+    }
+    std::string records(std::min<size_t>(std::get<Answer>(answer).playlist.bytes, kMaxRecordBytes),
+                        '\0');
+    const ssize_t got =
+        pread(memory.get(), records.data(), records.size(), static_cast<off_t>(kMaxPlaylistBytes));
+    records.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
+    return tracks_in(records, max_tracks);
+}
+
+}  // namespace nuvio::reader
