@@ -67,7 +67,6 @@ void SoundReader::begin_read() {
     page().done = 0;
     page().is_stopped = 0;
     m_given = 0;
-    m_is_stopped = false;
 }
 
 void SoundReader::give(size_t block) {
@@ -97,7 +96,6 @@ void SoundReader::await_block() {
 }
 
 void SoundReader::stop() {
-    m_is_stopped = true;
     page().is_stopped = 1;
     page().given = m_given + 1;  // no value that it could wait on
     wake();
@@ -187,8 +185,7 @@ Outcome<SoundReader::ReadEnd> SoundReader::read(size_t block_bytes, const OnNews
         return *failure;
     }
     const ReadAnswer& end = std::get<Answer>(answer).read;
-    const bool has_reason = m_is_stopped || end.has_new_texts != 0;
-    return ReadEnd{end.is_at_end != 0 || !has_reason, text_in(end.error), end.has_new_texts != 0,
+    return ReadEnd{end.is_at_end != 0, text_in(end.error), end.has_new_texts != 0,
                    text_in(end.title), text_in(end.artist)};
 }
 

@@ -117,7 +117,7 @@ class SoundReader {
     Questions m_questions{"nuvio-connect-reader"};
     bool m_is_over = false;  // it has failed
     std::atomic<uint32_t> m_given{0}, m_awaited{0};
-    std::atomic<bool> m_is_stopped{false}, m_is_fetching{false};
+    std::atomic<bool> m_is_fetching{false};
 };
 
 }  // namespace nuvio::reader
