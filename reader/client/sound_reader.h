@@ -22,7 +22,7 @@
 
 namespace nuvio::reader {
 
-// As the reader says it: texts are UTF-8, all else may be anything.
+// As the reader says it: all of it may be anything, texts any bytes.
 struct Sound {
     uint32_t rate_hz = 0;
     uint32_t channels = 0;

@@ -248,8 +248,7 @@ void TrackWork::position(uint64_t target, std::unique_lock<std::mutex>& lock) {
     lock.lock();
 }
 
-// ---- What the reader decodes
-// ----------------------------------------------------------------------
+// ---- What the reader decodes --------------------------------------------------------------------
 
 void TrackWork::give(std::byte* block) {
     if (m_read.is_under_way) {
