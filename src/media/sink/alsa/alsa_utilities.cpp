@@ -48,14 +48,15 @@ bool is_granted(int result, std::optional<alsa_refusal>& refusal, std::string wh
 }
 
 int attach_mixer(mixer_ptr& mixer, const char* device) {
-    return bounded_call(mixer, [name = std::string(device)](const mixer_ptr& opened) {
+    const auto attach = [name = std::string(device)](const mixer_ptr& opened) {
         return snd_mixer_attach(opened.get(), name.c_str());
-    });
+    };
+    return bounded_call(mixer, attach, kAlsaOpenPatience);
 }
 
 int load_mixer(mixer_ptr& mixer) {
-    return bounded_call(mixer,
-                        [](const mixer_ptr& opened) { return snd_mixer_load(opened.get()); });
+    const auto load = [](const mixer_ptr& opened) { return snd_mixer_load(opened.get()); };
+    return bounded_call(mixer, load, kAlsaOpenPatience);
 }
 
 void say_nothing(const char*, int, const char*, int, const char*, ...) {}
