@@ -22,9 +22,10 @@
 #include "common/unique_fd.h"
 
 #ifdef NUVIO_SANITIZED
-// What a sanitizer finds ends the process as it would without one: by a signal.
+// What a sanitizer finds ends the process as it would without one: by a signal. No piece of memory
+// is as large as all that a reader may have.
 extern "C" __attribute__((visibility("default"))) const char* __asan_default_options() {
-    return "abort_on_error=1";
+    return "abort_on_error=1:max_allocation_size_mb=64:allocator_may_return_null=1";
 }
 extern "C" __attribute__((visibility("default"))) const char* __tsan_default_options() {
     return "abort_on_error=1";

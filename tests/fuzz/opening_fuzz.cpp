@@ -1,7 +1,6 @@
 // The opening of a remote track whose server stalls, lies, fails and breaks off where the input
 // says, and which is cancelled where the input says: the real parsers, libcurl and a server on
 // loopback.
-#include <sndfile.h>
 #include <sys/socket.h>
 
 #include <chrono>
@@ -12,6 +11,7 @@
 #include <vector>
 
 #include "fuzz/scripted_peer.h"
+#include "fuzz/small_files.h"
 #include "local/track/track_decoder.h"
 
 using namespace local_core;
@@ -19,70 +19,6 @@ using namespace local_core;
 namespace {
 
 constexpr std::chrono::milliseconds kPatience{40};
-
-// A short file of the format, in memory.
-std::string sound_of(int format) {
-    std::string file;
-    sf_count_t at = 0;
-    struct State {
-        std::string& file;
-        sf_count_t& at;
-    } state{file, at};
-    SF_VIRTUAL_IO io{};
-    io.get_filelen = [](void* data) {
-        return static_cast<sf_count_t>(static_cast<State*>(data)->file.size());
-    };
-    io.tell = [](void* data) { return static_cast<State*>(data)->at; };
-    io.seek = [](sf_count_t offset, int whence, void* data) {
-        auto* const to = static_cast<State*>(data);
-        to->at = offset + (whence == SEEK_CUR   ? to->at
-                           : whence == SEEK_END ? static_cast<sf_count_t>(to->file.size())
-                                                : 0);
-        return to->at;
-    };
-    io.read = [](void* into, sf_count_t size, void* data) {
-        auto* const from = static_cast<State*>(data);
-        const size_t got = from->file.copy(static_cast<char*>(into), static_cast<size_t>(size),
-                                           static_cast<size_t>(from->at));
-        from->at += static_cast<sf_count_t>(got);
-        return static_cast<sf_count_t>(got);
-    };
-    io.write = [](const void* bytes, sf_count_t size, void* data) {
-        auto* const to = static_cast<State*>(data);
-        const auto place = static_cast<size_t>(to->at);
-        to->file.resize(std::max(to->file.size(), place + static_cast<size_t>(size)));
-        to->file.replace(place, static_cast<size_t>(size), static_cast<const char*>(bytes),
-                         static_cast<size_t>(size));
-        to->at += size;
-        return size;
-    };
-    SF_INFO info{};
-    info.samplerate = 48000;
-    info.channels = 2;
-    info.format = format;
-    SNDFILE* const sound = sf_open_virtual(&io, SFM_WRITE, &info, &state);
-    FUZZ_EXPECT(sound != nullptr);
-    sf_set_string(sound, SF_STR_TITLE, "a");
-    std::vector<short> samples(size_t{2} * 8000);
-    for (size_t i = 0; i < samples.size(); ++i) {
-        samples[i] = static_cast<short>(i * i);
-    }
-    sf_writef_short(sound, samples.data(), 8000);
-    sf_close(sound);
-    return file;
-}
-
-const std::vector<std::string>& sounds() {
-    static const auto* const all =
-        new std::vector<std::string>{sound_of(SF_FORMAT_WAV | SF_FORMAT_PCM_16),
-                                     sound_of(SF_FORMAT_FLAC | SF_FORMAT_PCM_16),
-                                     sound_of(SF_FORMAT_OGG | SF_FORMAT_VORBIS),
-                                     sound_of(SF_FORMAT_OGG | SF_FORMAT_OPUS),
-                                     sound_of(SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III),
-                                     sound_of(SF_FORMAT_AIFF | SF_FORMAT_PCM_24),
-                                     sound_of(SF_FORMAT_CAF | SF_FORMAT_ALAC_16)};
-    return *all;
-}
 
 // What the server does with one request.
 struct Plan {
@@ -176,9 +112,13 @@ void use(TrackDecoder& decoder, Script& script) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Script script(data, size);
     Interruption interruption;
-    Server server{
-        {}, sounds()[script.byte() % sounds().size()], script.byte() % 4 == 1, {}, interruption, {},
-        {}};
+    Server server{{},
+                  small_sounds()[script.byte() % small_sounds().size()],
+                  script.byte() % 4 == 1,
+                  {},
+                  interruption,
+                  {},
+                  {}};
     for (int n = 1 + script.byte() % 3; n > 0; --n) {
         const uint8_t choice = script.byte();
         server.plans.push_back({static_cast<Plan::Kind>(choice % Plan::kinds), choice >= 192,

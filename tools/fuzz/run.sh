@@ -40,6 +40,9 @@ row() {
 
 export -f fuzz
 export build seconds
+# Of where memory was taken only the last two steps: what libraries without frame pointers leave of the
+# others is another trace each time, and all are kept.
+export ASAN_OPTIONS=malloc_context_size=2
 export LSAN_OPTIONS=print_suppressions=0:suppressions=$PWD/tests/lsan.supp
 printf '%s\n' "${targets[@]}" | xargs -P "$(nproc)" -I{} bash -euo pipefail -c 'fuzz {}'
 
