@@ -109,6 +109,22 @@ TEST_F(HostServices, WhatWaitsIsToldOnceAndOfAFloodTheLastOnesCount) {
     EXPECT_EQ(flood.back(), 4999);
 }
 
+// A slider that is moved and keys that are hit while the listener is busy.
+TEST_F(HostServices, NoFloodTakesTheNewsOfAnotherSourceAway) {
+    source_switch.request(listener, 31);
+    controls.take_output(3);
+    for (int i = 0; i < 100; ++i) {
+        controls.set_volume(i);
+        source_switch.send_command(std::to_string(i));
+    }
+    settle();
+    const std::vector<std::string> told = record.lines();
+    ASSERT_EQ(told.size(), 2U + 63U);  // settling takes a place
+    EXPECT_THAT(std::vector(told.begin(), told.begin() + 3),
+                ElementsAre("switch", "volume 99", "37"));
+    EXPECT_EQ(told.back(), "99");
+}
+
 TEST_F(HostServices, ABlockedListenerHoldsUpNoOtherChannel) {
     pool.start();
     std::binary_semaphore blocked{0};

@@ -67,11 +67,14 @@ bool MessageStore::write(int id, std::string_view text) {
 }
 
 void MessageStore::alert(const android::sp<android::IKoraAlerts>& listener, int id) {
-    m_pool.post(Channel::messages, [this, listener, id] {
-        if (take_waiting(listener, id)) {
-            listener->MessageBoxAlert(static_cast<uint16_t>(id), 0);
-        }
-    });
+    m_pool.post(
+        Channel::messages,
+        [this, listener, id] {
+            if (take_waiting(listener, id)) {
+                listener->MessageBoxAlert(static_cast<uint16_t>(id), 0);
+            }
+        },
+        Waiting::certain);
 }
 
 // False when the listener has left meanwhile.

@@ -4,6 +4,7 @@
 #include <syslog.h>
 
 #include <algorithm>
+#include <cstddef>
 #include <utility>
 
 namespace nuvio::host {
@@ -11,7 +12,7 @@ namespace nuvio::host {
 namespace {
 
 // More than a person presses, and taken within a second.
-constexpr size_t kMaxWaiting = 64;
+constexpr std::ptrdiff_t kMaxWaiting = 64;
 constexpr std::array<const char*, 3> kThreadNames = {"host-source", "host-messages",
                                                      "host-network"};
 
@@ -33,30 +34,46 @@ void NotificationPool::start() {
     }
 }
 
-void NotificationPool::post(Channel channel, Task task) {
-    Task oldest;  // freed without the lock
+void NotificationPool::post(Channel channel, Task task, Waiting waiting) {
+    Task replaced;  // freed without the lock
     const std::lock_guard lock(m_mutex);
     Lane& lane = m_lanes[static_cast<size_t>(channel)];
     if (m_stopped) {
         return;
     }
-    if (lane.tasks.size() >= kMaxWaiting) {
-        if (!std::exchange(lane.overflowing, true)) {
-            syslog(LOG_ERR,
-                   "nuvio-host: %zu notifications wait to be taken, older ones are dropped",
-                   kMaxWaiting);
+    if (waiting == Waiting::latest) {
+        const auto value = std::ranges::find(lane.tasks, Waiting::latest, &Entry::waiting);
+        if (value != lane.tasks.end()) {
+            replaced = std::exchange(value->task, std::move(task));
+            return;
         }
-        oldest = std::move(lane.tasks.front());
-        lane.tasks.pop_front();
-    } else {
-        lane.overflowing = false;
+    } else if (waiting == Waiting::limited) {
+        replaced = make_room(lane);
     }
-    lane.tasks.push_back(std::move(task));
+    lane.tasks.push_back({std::move(task), waiting});
     lane.wake.notify_one();
 }
 
+// What had to go for one more, if anything.
+NotificationPool::Task NotificationPool::make_room(Lane& lane) {
+    const bool is_full =
+        std::ranges::count(lane.tasks, Waiting::limited, &Entry::waiting) >= kMaxWaiting;
+    if (is_full && !lane.overflowing) {
+        syslog(LOG_ERR, "nuvio-host: %td notifications wait to be taken, older ones are dropped",
+               kMaxWaiting);
+    }
+    lane.overflowing = is_full;
+    if (!is_full) {
+        return nullptr;
+    }
+    const auto oldest = std::ranges::find(lane.tasks, Waiting::limited, &Entry::waiting);
+    Task dropped = std::move(oldest->task);
+    lane.tasks.erase(oldest);
+    return dropped;
+}
+
 bool NotificationPool::stop(std::chrono::milliseconds patience) {
-    std::array<std::deque<Task>, kChannels> dropped;  // freed without the lock
+    std::array<std::deque<Entry>, kChannels> dropped;  // freed without the lock
     std::unique_lock lock(m_mutex);
     m_stopped = true;
     for (size_t i = 0; i < kChannels; ++i) {
@@ -93,7 +110,7 @@ void NotificationPool::serve(Lane& lane) {
         if (m_stopped) {
             return;
         }
-        Task task = std::move(lane.tasks.front());
+        Task task = std::move(lane.tasks.front().task);
         lane.tasks.pop_front();
         lane.running = true;
         lock.unlock();

@@ -41,9 +41,11 @@ bool SourceSwitch::send_command(const std::string& command) {
 
 bool SourceSwitch::send_volume(int percent) {
     const std::lock_guard lock(m_mutex);
-    return notify([text = std::to_string(percent)](android::BnSourceSwitchListener& listener) {
-        listener.OnVolumeChangeEvent(text.c_str());
-    });
+    return notify(
+        [text = std::to_string(percent)](android::BnSourceSwitchListener& listener) {
+            listener.OnVolumeChangeEvent(text.c_str());
+        },
+        Waiting::latest);
 }
 
 bool SourceSwitch::has_output() {
@@ -56,7 +58,8 @@ void SourceSwitch::take_output(int source) {
     const bool taken_away = owns_output();
     set_owner(source);
     if (taken_away) {
-        notify([](android::BnSourceSwitchListener& listener) { listener.OnSourceSwitchEvent(); });
+        notify([](android::BnSourceSwitchListener& listener) { listener.OnSourceSwitchEvent(); },
+               Waiting::certain);
     }
 }
 
@@ -72,14 +75,16 @@ void SourceSwitch::refuse_next_request() {
     m_refuse_next = true;
 }
 
-bool SourceSwitch::notify(Notification notification) {
+bool SourceSwitch::notify(Notification notification, Waiting waiting) {
     if (m_listener == nullptr) {
         return false;
     }
-    m_pool.post(Channel::source_switch,
-                [listener = m_listener, notification = std::move(notification)] {
-                    notification(*listener);
-                });
+    m_pool.post(
+        Channel::source_switch,
+        [listener = m_listener, notification = std::move(notification)] {
+            notification(*listener);
+        },
+        waiting);
     return true;
 }
 

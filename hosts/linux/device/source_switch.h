@@ -45,7 +45,7 @@ class SourceSwitch {
   private:
     using Notification = std::function<void(android::BnSourceSwitchListener&)>;
 
-    bool notify(Notification notification);
+    bool notify(Notification notification, Waiting waiting = Waiting::limited);
     bool owns_output() const;
     void set_owner(int source);
 
