@@ -22,6 +22,9 @@ class HostTest(DeviceTest):
     def metadata(self):
         return self.player("metadata") or ""
 
+    def status(self):
+        return json.loads(self.panel("status", "--json"))
+
     def display_name(self):
         return json.loads(self.request("GET", "/get-display-info")[1])["friendly_name"]
 
@@ -106,21 +109,20 @@ class Panel(HostTest):
         self.panel("refuse-next")
         self.assertEqual(self.connect(self.music), 200)
         self.wait_for_log("Playback stopped and renderer disconnected")
-        self.assertEqual(self.recordings(), [])
+        self.assertEqual((self.recordings(), self.status()["sessions"]["active"]), ([], False))
         for number, request in enumerate(("take-output", "standby", "shutdown"), 1):
             self.play(self.music)
+            self.assertTrue(self.status()["sessions"]["active"])
             self.panel(request)
             self.wait_for_status("Stopped")
             self.wait_for_log("Stopping playback", number)
             wait_for("nothing shown", lambda: "xesam:title" not in self.metadata())
+            self.assertFalse(self.status()["sessions"]["active"])
             self.assertEqual(len(self.recordings()), number)
         self.assertEqual(self.display_name(), "Kitchen")
 
 
 class Status(HostTest):
-    def status(self):
-        return json.loads(self.panel("status", "--json"))
-
     def metrics(self):
         """By name and labels."""
         page = subprocess.run(["curl", "-sSi", "--unix-socket", self.folder / "metrics",

@@ -169,6 +169,32 @@ TEST_F(HostServices, WhatMakesNoSenseIsRefused) {
     EXPECT_THAT(record.lines(), ElementsAre("volume 45", "switch"));
 }
 
+TEST_F(HostServices, ASessionLastsFromItsFirstSoundToTheEndOfItsMusic) {
+    const auto is_on = [&] { return now_playing.view().has_session; };
+    const auto play = [&] {
+        now_playing.set_status(PLAY_STATE_PLAYING);
+        now_playing.show(*sp<AMessage>(new AMessage(0, 0)));
+        return is_on();
+    };
+    source_switch.refuse_next_request();
+    EXPECT_FALSE(source_switch.request(listener, 31) || play());
+    now_playing.set_status(PLAY_STATE_STOPPED);
+    source_switch.request(listener, 31);
+    EXPECT_FALSE(is_on());
+    EXPECT_TRUE(play());
+    now_playing.set_status(PLAY_STATE_STOPPED);
+    EXPECT_TRUE(is_on()) << "between two tracks";
+    now_playing.clear();
+    EXPECT_FALSE(is_on()) << "the playlist's end";
+    EXPECT_TRUE(play());
+    now_playing.clear();
+    now_playing.set_status(PLAY_STATE_STOPPED);
+    EXPECT_FALSE(is_on()) << "the other way round";
+    EXPECT_TRUE(play());
+    controls.take_output(3);
+    EXPECT_FALSE(is_on());
+}
+
 TEST_F(HostServices, ThePositionRunsOnBetweenReportsButNotAhead) {
     const NowPlaying::Clock::time_point t0 = NowPlaying::Clock::now();
     const auto position_at = [&](int ms) {

@@ -74,7 +74,7 @@ void NowPlaying::set_status(android::EPlayState status, Clock::time_point now) {
     m_view.position_ms = status == android::PLAY_STATE_STOPPED ? 0 : position_at(now);
     m_reported = now;
     m_view.status = status;
-    changed(kPlayerStatus);
+    changed(kPlayerStatus | look_for_session());
 }
 
 void NowPlaying::set_position(int64_t position_ms, Clock::time_point now) {
@@ -114,6 +114,19 @@ void NowPlaying::set_has_source(bool has_source) {
         m_view.actions = {has_source, has_source, has_source, has_source};
         changed(kPlayerActions);
     }
+}
+
+void NowPlaying::set_has_output(bool has_output) {
+    const std::lock_guard lock(m_mutex);
+    m_has_output = has_output;
+    changed(look_for_session());
+}
+
+uint32_t NowPlaying::look_for_session() {
+    const bool is_stopped = m_view.status == android::PLAY_STATE_STOPPED;
+    const bool goes_on = m_view.has_session && m_view.track.has_value();
+    const bool has_session = m_has_output && (!is_stopped || goes_on);
+    return bit_if(std::exchange(m_view.has_session, has_session) != has_session, kPlayerSession);
 }
 
 void NowPlaying::show(const android::AMessage& info) {
@@ -158,7 +171,7 @@ void NowPlaying::clear() {
     m_view.track.reset();
     m_view.modes = {};
     m_view.position_ms = 0;
-    changed(changes);
+    changed(changes | look_for_session());
 }
 
 NowPlayingView NowPlaying::view(Clock::time_point now) const {

@@ -69,6 +69,7 @@ inline constexpr uint32_t kPlayerModes = 1U << 2U;
 inline constexpr uint32_t kPlayerActions = 1U << 3U;
 inline constexpr uint32_t kPlayerVolume = 1U << 4U;
 inline constexpr uint32_t kPlayerSeeked = 1U << 5U;  // the position has jumped
+inline constexpr uint32_t kPlayerSession = 1U << 6U;
 
 struct NowPlayingView {
     android::EPlayState status = android::PLAY_STATE_STOPPED;
@@ -77,6 +78,9 @@ struct NowPlayingView {
     Actions actions;
     int volume = 0;  // percent
     int64_t position_ms = 0;
+    // From the first sound that is more than stopped with the output in hand until the music is
+    // over (stopped, and cleared) or the output is another's.
+    bool has_session = false;
 };
 
 class NowPlaying {
@@ -96,6 +100,8 @@ class NowPlaying {
     void preview_seek(int64_t position_ms);
     void set_volume(int percent);
     void set_has_source(bool has_source);
+    // The service owns the device's output, or no longer.
+    void set_has_output(bool has_output);
 
     // The track and the modes in the message of the user-interface manager; absent entries are
     // empty, "codec" and the other technical ones are not shown.
@@ -107,6 +113,7 @@ class NowPlaying {
 
   private:
     int64_t position_at(Clock::time_point now) const;
+    uint32_t look_for_session();
     void changed(uint32_t changes) const;
 
     Observer m_observer;
@@ -114,6 +121,7 @@ class NowPlaying {
     // All guarded by m_mutex.
     NowPlayingView m_view;  // its position_ms as of m_reported, its actions for a source
     Clock::time_point m_reported;
+    bool m_has_output = false;
     uint32_t m_tracks_shown = 0;
 };
 

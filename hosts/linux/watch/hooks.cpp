@@ -23,7 +23,7 @@ constexpr std::chrono::seconds kPatience{10};
 constexpr std::chrono::seconds kPatienceAtTheEnd{3};
 constexpr milliseconds kPause{100};  // between two of a kind
 constexpr int kDefaultOffDelay = 5;  // s
-constexpr uint32_t kWatched = kPlayerStatus | kPlayerVolume | kPlayerActions;
+constexpr uint32_t kWatched = kPlayerStatus | kPlayerVolume | kPlayerSession;
 
 constexpr const char* kPlaying = word_of(android::PLAY_STATE_PLAYING).key;
 constexpr const char* kPaused = word_of(android::PLAY_STATE_PAUSED).key;
@@ -116,7 +116,7 @@ void Hooks::look(Clock::time_point now) {
     const NowPlayingView view = m_now_playing.view();
     want(m_slots[kState], word_of(view.status).key, now);
     want(m_slots[kVolume], std::to_string(view.volume), now);
-    want(m_slots[kSession], view.actions.control ? kBegin : kEnd, now);
+    want(m_slots[kSession], view.has_session ? kBegin : kEnd, now);
 }
 
 void Hooks::want(Slot& slot, const std::string& value, Clock::time_point now) const {

@@ -32,7 +32,7 @@ constexpr std::array<Metric, 13> kMetrics = {{
     {"uptime_seconds", "gauge", "Since the start.",
      [](const DeviceState& of) -> Value { return of.uptime.count(); }},
     {"session_active", "gauge", "1: a session has the device.",
-     [](const DeviceState& of) -> Value { return of.playing.actions.control ? 1 : 0; }},
+     [](const DeviceState& of) -> Value { return of.playing.has_session ? 1 : 0; }},
     {"sessions_total", "counter", "Sessions taken since the start.",
      [](const DeviceState& of) -> Value { return of.service.sessions; }},
     {"underruns_total", "counter", "Underruns of the output since the start.",

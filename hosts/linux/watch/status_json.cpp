@@ -72,7 +72,7 @@ std::string status_json(const DeviceState& state) {
     add_error(status, service);
     cJSON* const sessions = add_object(status, "sessions");
     add(sessions, "taken", service.sessions);
-    add(sessions, "active", state.playing.actions.control);
+    add(sessions, "active", state.playing.has_session);
     add(status, "uptime_s", int64_t{state.uptime.count()});
     cJSON* const versions = add_object(status, "versions");
     add(versions, "host", NUVIO_VERSION);
