@@ -1,18 +1,24 @@
 // The services in process: notifications that wait, what is refused, the running position.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <mutex>
 #include <semaphore>
 #include <string>
 #include <vector>
 
+#include "bus/bus_link.h"
+#include "common/unique_fd.h"
 #include "device/controls.h"
 #include "device/message_store.h"
 #include "device/network_monitor.h"
 #include "device/notification_pool.h"
 #include "device/now_playing.h"
 #include "device/source_switch.h"
+#include "temp_dir.h"
 
 using namespace android;
 using namespace nuvio::host;
@@ -208,4 +214,29 @@ TEST_F(HostServices, ThePositionRunsOnBetweenReportsButNotAhead) {
     EXPECT_EQ(position_at(90000), 5600);
     now_playing.set_status(PLAY_STATE_STOPPED, t0);
     EXPECT_EQ(position_at(0), 0);
+}
+
+// Whoever is at the socket does not welcome anybody; no file tells when that changes.
+TEST(BusLink, AsksAgainWhereItWasRefusedAtOnce) {
+    const TempDir folder;
+    const std::string path = folder / "bus";
+    const nuvio::UniqueFd other(socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    ASSERT_EQ(bind(other.get(), reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+
+    BusLink link({{"unix:path=" + path, path}}, [](sd_bus*) { return 0; });
+    link.open();
+    std::optional<BusLink::Clock::time_point> due;
+    do {  // the first tries follow closely
+        std::vector<pollfd> descriptors;
+        due.reset();
+        link.prepare(descriptors, due);
+        ASSERT_TRUE(due);
+        const auto left = std::chrono::ceil<milliseconds>(*due - BusLink::Clock::now());
+        poll(nullptr, 0, std::min(1000, static_cast<int>(left.count())));
+        link.dispatch();
+    } while (BusLink::Clock::now() >= *due);
+    EXPECT_GT(*due - BusLink::Clock::now(), milliseconds(10000));
 }

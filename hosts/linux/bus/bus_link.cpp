@@ -51,6 +51,9 @@ void BusLink::open() {
 }
 
 bool BusLink::try_from(size_t index) {
+    if (index == 0) {
+        m_was_there = false;
+    }
     for (; index < m_addresses.size(); ++index) {
         if (try_address(m_addresses[index])) {
             m_current = index;
@@ -66,8 +69,12 @@ bool BusLink::try_address(const BusAddress& address) {
         return false;
     }
     BusHandle bus(made);
-    if (sd_bus_set_address(made, address.text.c_str()) < 0 || sd_bus_set_bus_client(made, 1) < 0 ||
-        sd_bus_start(made) < 0 || m_setup(made) < 0) {
+    if (sd_bus_set_address(made, address.text.c_str()) < 0 || sd_bus_set_bus_client(made, 1) < 0) {
+        return false;
+    }
+    const int started = sd_bus_start(made);
+    if (started < 0 || m_setup(made) < 0) {
+        m_was_there = m_was_there || (started != -ENOENT && started != -ECONNREFUSED);
         return false;
     }
     m_bus = std::move(bus);
@@ -141,13 +148,9 @@ void BusLink::lose(int error) {
         wait_for_bus(kTries);
         return;
     }
-    // There was a socket but no welcome behind it: a bus that is busy or still starting. No file
-    // event will tell when it is ready, so it is asked again, slowly in the end.
+    m_was_there = true;
     if (!try_from(m_current + 1)) {
         wait_for_bus(std::max(m_tries_left - 1, 0));
-        if (!m_next_try) {
-            m_next_try = Clock::now() + kNoWelcomeInterval;
-        }
     }
 }
 
@@ -165,6 +168,10 @@ void BusLink::wait_for_bus(int tries) {
         m_next_try = Clock::now() + kBetweenTries;
     } else if (blind) {
         m_next_try = Clock::now() + kBlindInterval;
+    } else if (m_was_there) {
+        // A socket but no welcome behind it: a bus that is busy or still starting. No file event
+        // will tell when it is ready.
+        m_next_try = Clock::now() + kNoWelcomeInterval;
     }
     // Watches stay while tries are counted down: what comes after the last one is seen.
     if (tries == kTries || !m_folders) {

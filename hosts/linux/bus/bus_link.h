@@ -75,6 +75,7 @@ class BusLink {
     UniqueFd m_folders;  // inotify
     std::vector<Watch> m_watches;
     int m_tries_left = 0;
+    bool m_was_there = false;  // at the last try somebody, who did not welcome it
     std::optional<Clock::time_point> m_next_try;
 };
 

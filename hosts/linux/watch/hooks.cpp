@@ -21,8 +21,9 @@ using std::chrono::milliseconds;
 
 constexpr std::chrono::seconds kPatience{10};
 constexpr std::chrono::seconds kPatienceAtTheEnd{3};
-constexpr milliseconds kPause{100};  // between two of a kind
-constexpr int kDefaultOffDelay = 5;  // s
+constexpr milliseconds kPause{100};                // between two of a kind
+constexpr milliseconds kPauseAfterShortage{1000};  // of processes or memory
+constexpr int kDefaultOffDelay = 5;                // s
 constexpr uint32_t kWatched = kPlayerStatus | kPlayerVolume | kPlayerSession;
 
 constexpr const char* kPlaying = word_of(android::PLAY_STATE_PLAYING).key;
@@ -150,7 +151,7 @@ void Hooks::look_after(Kind kind, Clock::time_point now) {
 
 void Hooks::begin(Kind kind, Clock::time_point now) {
     Slot& slot = m_slots[kind];
-    slot.told = slot.wanted;
+    const std::string told_before = std::exchange(slot.told, slot.wanted);
     const std::string event = event_of(kind, slot);
     const std::string& hook = m_settings.get("host.hook." + event);
     if (hook.empty()) {
@@ -160,7 +161,11 @@ void Hooks::begin(Kind kind, Clock::time_point now) {
     slot.kill_at = now + (m_stop ? kPatienceAtTheEnd : kPatience);
     if (const int error = slot.process.start(hook, event, slot.told, m_environment); error != 0) {
         report(slot, event, std::string("cannot be run: ") + std::strerror(error));
-        slot.rest_until = now + kPause;
+        const bool is_for_now = (error == EAGAIN || error == ENOMEM) && !m_stop;
+        slot.rest_until = now + (is_for_now ? kPauseAfterShortage : kPause);
+        if (is_for_now) {
+            slot.told = told_before;
+        }
     }
 }
 
