@@ -15,6 +15,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).parents[1] / "e2e"))
 from device import PANEL, PATIENCE, DeviceTest, own_device, program, wait_for  # noqa: E402
 
 HOST = "org.nuvioconnect.Host1 /org/nuvioconnect/Host1 org.nuvioconnect.Host1"
+POLICY = pathlib.Path(__file__).parents[2] / "packaging/dbus/nuvio-connect.conf"
 MESSAGES = f"{HOST}.Messages"
 MPRIS = "org.mpris.MediaPlayer2.nuvio_connect /org/mpris/MediaPlayer2 org.mpris.MediaPlayer2"
 PLAYER = f"{MPRIS}.Player"
@@ -263,7 +264,30 @@ class Bus(DeviceTest):
             self.assertIn(f"cannot read the settings in {path}:", answer.stdout)
             self.assertEqual(answer.returncode, 1)
 
+    def on_a_bus_with_our_policy(self):
+        """As the system's: nobody may own or call what no policy names. We are the account."""
+        self.end(self.bus)
+        policy = POLICY.read_text()
+        (self.folder / "policy.conf").write_text(
+            policy.replace('user="root"', f'user="{os.geteuid()}"'))
+        address = f"unix:path={self.folder}/system-bus"
+        (self.folder / "bus.conf").write_text(
+            f"""<busconfig><type>system</type><listen>{address}</listen><auth>EXTERNAL</auth>
+            <policy context="default"><allow user="*"/><deny own="*"/>
+            <deny send_type="method_call"/><allow receive_type="method_call"/>
+            <allow send_type="signal"/><allow receive_type="signal"/>
+            <allow send_type="method_return"/><allow send_type="error"/>
+            <allow receive_type="method_return"/><allow receive_type="error"/>
+            <allow send_destination="org.freedesktop.DBus"/></policy>
+            <include>policy.conf</include></busconfig>""")
+        bus = subprocess.Popen(["dbus-daemon", "--nofork", "--nopidfile", "--config-file",
+                                self.folder / "bus.conf"], stderr=subprocess.DEVNULL)
+        self.addCleanup(self.end, bus)
+        wait_for("bus", (self.folder / "system-bus").exists)
+        self.environment["DBUS_SESSION_BUS_ADDRESS"] = address
+
     def test_a_second_device_takes_a_name_of_its_own(self):
+        self.on_a_bus_with_our_policy()
         self.start()
         folder = self.folder / "second"
         folder.mkdir()
@@ -272,5 +296,10 @@ class Bus(DeviceTest):
                                   stderr=subprocess.DEVNULL, env=self.environment |
                                   {"NUVIO_SETTINGS": str(folder / "settings.conf")})
         self.addCleanup(self.end, second)
-        self.wait_for_answer("playerctl -l", "nuvio_connect\nnuvio_connect.instance"
-                             f"{second.pid}")
+        instance = f"nuvio_connect.instance{second.pid}"
+        self.wait_for_answer("playerctl -l", f"nuvio_connect\n{instance}")
+        for player in "nuvio_connect", instance:
+            self.assertEqual(self.client(f"playerctl -p {player} status"), "Stopped")
+        host = HOST.replace(" ", f".instance{second.pid} ", 1)
+        self.assertEqual(self.client(f"busctl --user call {host} SetMute b true"), "")
+        self.wait_for_answer(f"busctl --user get-property {host} Muted", "b true")
