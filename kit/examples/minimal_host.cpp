@@ -95,16 +95,23 @@ class Registry : public android::IServiceManager {
     const sp<android::IBinder> m_display = new Display();
 };
 
+sigset_t end_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGTERM);
+    sigaddset(&signals, SIGINT);
+    return signals;
+}
+
 class Pool : public android::ProcessState, public android::IPCThreadState {
   public:
     void startThreadPool() override {
+        const sigset_t signals = end_signals();
+        pthread_sigmask(SIG_BLOCK, &signals, nullptr);  // joinThreadPool takes them
         std::call_once(m_once, [] { std::thread(tell_listeners).detach(); });
     }
     void joinThreadPool(bool) override {
-        sigset_t signals;
-        sigemptyset(&signals);
-        sigaddset(&signals, SIGTERM);
-        sigaddset(&signals, SIGINT);
+        const sigset_t signals = end_signals();
         sigwaitinfo(&signals, nullptr);
         const std::scoped_lock lock(device().mutex);
         device().stopped = true;

@@ -24,6 +24,8 @@ class ProcessState : public virtual RefBase {
     static sp<ProcessState> self();
 
     // Starts the threads that deliver the platform's notifications. A second call does nothing.
+    // Called by the process's only thread, with SIGTERM and SIGINT as they were found: a platform
+    // that takes them in joinThreadPool blocks them here, before it has a thread.
     virtual void startThreadPool() = 0;
 };
 
@@ -32,11 +34,10 @@ class IPCThreadState {
     // The calling thread's view of the pool; never null.
     static IPCThreadState* self();
 
-    // Gives the calling thread to the pool. Returns only when the process is asked to end (SIGTERM
-    // or SIGINT, which every thread of this process blocks from its first line on: take them with
-    // sigwait, one that came before included); no notification begins any more once it has
-    // returned. One that waits for a lock of this process may still be going on; it ends when that
-    // lock is let go of.
+    // Gives the calling thread to the pool. Returns only when the process is asked to end (by
+    // SIGTERM or SIGINT, where the platform takes them with sigwait; else they end it at once); no
+    // notification begins any more once it has returned. One that waits for a lock of this process
+    // may still be going on; it ends when that lock is let go of.
     virtual void joinThreadPool(bool isMain) = 0;
 
   protected:

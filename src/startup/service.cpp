@@ -56,20 +56,22 @@ void shutDown(sp<NuvioConnectStart>& start) {
     NuvioSSListener::releaseInstance();
 }
 
-// The signals that end the process wait until the pool takes them: an end at any moment of the
-// start is an orderly one. The threads made from here on inherit this.
-void holdEndSignals() {
+// The signals that end the process wait until the platform is there to take them. Returns what was
+// blocked before.
+sigset_t holdEndSignals() {
     sigset_t signals;
+    sigset_t before;
     sigemptyset(&signals);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    pthread_sigmask(SIG_BLOCK, &signals, &before);
+    return before;
 }
 
 }  // namespace
 
 int runService() {
-    holdEndSignals();
+    const sigset_t signalsBefore = holdEndSignals();
     std::signal(SIGPIPE, SIG_IGN);
     if (!isEnabled()) {
         syslog(LOG_ERR, "nuvio-connect: Nuvio Connect is not enabled");
@@ -81,6 +83,8 @@ int runService() {
         return -1;
     }
     syslog(LOG_ERR, "nuvio-connect: \n\nMAIN TO START Nuvio START\n\n");
+    // A platform that takes them blocks them itself; with any other one they end the process.
+    pthread_sigmask(SIG_SETMASK, &signalsBefore, nullptr);
     ProcessState::self()->startThreadPool();
     const bool started = startStartUpThread(start);
     syslog(LOG_ERR, "nuvio-connect: \n\nMAIN TO START NUVIO CONNECT END\n\n");

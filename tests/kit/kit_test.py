@@ -2,6 +2,7 @@
 import os
 import pathlib
 import re
+import signal
 import subprocess
 import tempfile
 import unittest
@@ -63,6 +64,19 @@ class Kit(unittest.TestCase):
                 self.assertEqual(set(told), fails | besides, text)
                 self.assertEqual({rule for rule, word in told.items() if word == "FAIL"}, fails)
                 self.assertEqual(program.returncode, 1)
+
+    def test_the_signals_end_the_service_on_a_platform_that_leaves_them_alone(self):
+        folder = pathlib.Path(self.environment["NUVIO_STATE_DIR"])
+        (folder / "libnuvio_host.so.1").symlink_to(BUILD / "lib/libbroken_serves_for_ever.so")
+        libraries = f"{folder}:{os.environ.get('LD_LIBRARY_PATH', '')}"
+        service = subprocess.Popen([*EMULATOR, BUILD / "bin/nuvio-connect"], text=True,
+                                   env={**self.environment, "LD_LIBRARY_PATH": libraries,
+                                        "NUVIO_LOG_STDERR": "1"},
+                                   stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        self.addCleanup(service.stderr.close)
+        self.assertTrue(any("MAIN TO START NUVIO CONNECT END" in line for line in service.stderr))
+        service.terminate()
+        self.assertEqual(service.wait(timeout=60), -signal.SIGTERM)
 
     def test_it_lists_the_rules_and_refuses_others(self):
         for layer in ("core", "host"):
