@@ -41,6 +41,26 @@ TEST(SettingsEdit, ATextOfADevicesMakerIsNoSecondSetting) {
     unsetenv("NUVIO_SETTINGS");
 }
 
+TEST(SettingsEdit, EachDevicesOutputIsItsOwnAndStaysWhereItsSettingsDo) {
+    const TempDir folder;
+    std::string told;
+    const auto set_up = [&](const char* name, const char* output) {
+        setenv("NUVIO_SETTINGS", (folder / name).c_str(), 1);
+        return change_settings({{"output", output}}, output, told);
+    };
+    EXPECT_TRUE(set_up("settings.conf", "first"));
+    EXPECT_TRUE(set_up("kitchen.conf", "second"));
+    EXPECT_EQ(folder.read("alsa.conf"), "first");
+    folder.write("kitchen.conf.new/in the way", "");
+    folder.write("hall.conf.new/in the way", "");
+    EXPECT_FALSE(set_up("kitchen.conf", "third") || set_up("hall.conf", "fourth"));
+    EXPECT_EQ(folder.read("kitchen.alsa.conf"), "second");
+    EXPECT_EQ(folder.read("kitchen.conf"), "output = second\n");
+    EXPECT_FALSE(std::filesystem::exists(folder / "hall.alsa.conf") ||
+                 std::filesystem::exists(folder / "kitchen.alsa.conf.old"));
+    unsetenv("NUVIO_SETTINGS");
+}
+
 TEST(Settings, LinesAreTakenApartAndBadOnesNamed) {
     const ParsedSettings parsed = parse_settings(
         "\xEF\xBB\xBF# a comment\r\n"

@@ -140,7 +140,8 @@ class Installed(unittest.TestCase):
         self.assertEqual(own_device.end(service), 0)
 
     def test_6_nothing_is_left_after_a_purge(self):
-        (ROOT / "etc/nuvio-connect/alsa.conf").write_text("# as --setup makes it\n")
+        for made in "alsa.conf", "kitchen.alsa.conf":
+            (ROOT / "etc/nuvio-connect" / made).write_text("# as --setup makes it\n")
         in_root("dpkg", "-P", *PACKAGES)
         left = [path for pattern in ("etc/nuvio-connect*", "var/lib/nuvio-connect*",
                                      "usr/bin/nuvio*", "usr/libexec/nuvio*", "usr/include/nuvio*", "usr/lib/*/*nuvio*", "usr/share/*/*nuvio*",

@@ -21,8 +21,16 @@ namespace fs = std::filesystem;
 // What a program finds that is told nothing.
 constexpr char kAlsaStock[] = "/usr/share/alsa/alsa.conf";
 
-fs::path alsa_path() {
+fs::path shared_alsa_path() {
     return fs::path(settings_path()).replace_filename("alsa.conf");
+}
+
+// Of each of several devices its own: settings.conf's is alsa.conf, kitchen.conf's
+// kitchen.alsa.conf.
+fs::path alsa_path() {
+    const fs::path settings = settings_path();
+    return settings.stem() == "settings" ? shared_alsa_path()
+                                         : fs::path(settings).replace_extension(".alsa.conf");
 }
 
 struct Line {
@@ -97,6 +105,27 @@ bool replaced(const fs::path& path, std::string_view text, std::string& told) {
     return false;
 }
 
+// A file as it was, while it is replaced: to put it back takes no room on the disk.
+class Former {
+  public:
+    explicit Former(const fs::path& path) : m_path(path), m_kept(path.string() + ".old") {
+        fs::remove(m_kept, m_failure);  // what a power cut has left
+        fs::create_hard_link(m_path, m_kept, m_failure);
+    }
+    ~Former() { fs::remove(m_kept, m_failure); }
+    Former(const Former&) = delete;
+    Former& operator=(const Former&) = delete;
+
+    void put_back() {
+        fs::remove(m_path, m_failure);
+        fs::rename(m_kept, m_path, m_failure);
+    }
+
+  private:
+    const fs::path m_path, m_kept;
+    std::error_code m_failure;  // of a file that is not there; of no matter
+};
+
 }  // namespace
 
 std::string edit_settings(std::string_view text, const SettingsItems& items) {
@@ -126,8 +155,10 @@ bool change_settings(const SettingsItems& items, std::string_view alsa_configura
         return false;
     }
     // The output first: settings that name one which is not there yet would be worse.
+    Former former(alsa_path());
     if (!replaced(alsa_path(), alsa_configuration, told) ||
         !replaced(path, edit_settings(file.text, items), told)) {
+        former.put_back();
         return false;
     }
     ::chmod(alsa_path().c_str(), 0644);  // the service's account reads it, whatever root's mask is
@@ -136,8 +167,10 @@ bool change_settings(const SettingsItems& items, std::string_view alsa_configura
 }
 
 void use_alsa_configuration() {
-    const fs::path path = alsa_path();
     std::error_code failure;
+    fs::path path = alsa_path();
+    // Several devices had one for all of them.
+    path = fs::is_regular_file(path, failure) ? path : shared_alsa_path();
     if (!fs::is_regular_file(path, failure)) {
         return;
     }

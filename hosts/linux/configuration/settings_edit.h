@@ -1,4 +1,5 @@
-// Changing the settings file, and the ALSA configuration file beside it. Any thread.
+// Changing the settings file, and the ALSA configuration file beside it: alsa.conf of
+// settings.conf, NAME.alsa.conf of NAME.conf. Any thread.
 #pragma once
 
 #include <string>
@@ -16,8 +17,8 @@ using SettingsItems = std::vector<std::pair<std::string, std::string>>;  // key 
 std::string edit_settings(std::string_view text, const SettingsItems& items);
 
 // Replaces both files, each at once and whole; owner and mode of one that is there stay. True:
-// `told` names both; else what was in the way, such as a value with control characters. Waits for
-// the disk.
+// `told` names both; else what was in the way, such as a value with control characters, and both
+// are as they were. Waits for the disk.
 bool change_settings(const SettingsItems& items, std::string_view alsa_configuration,
                      std::string& told);
 
