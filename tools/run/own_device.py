@@ -24,12 +24,18 @@ def wait_for(what, condition, seconds=PATIENCE, pause=0.02):
 
 
 def free_port():
-    """One of those that the kernel gives to no client, so that none gets in the daemon's way."""
+    """One of those that the kernel gives to no client, so that none gets in the daemon's way, and
+    that nobody else who asks here gets before it is in use: he finds UDP's of that number taken, for
+    as long as this process lives."""
     while True:
         port = random.randrange(20_000, 30_000)
+        mark = socket.socket(type=socket.SOCK_DGRAM)
         with socket.socket() as probe, contextlib.suppress(OSError):
             probe.bind(("", port))
+            mark.bind(("", port))
+            mark.detach()
             return port
+        mark.close()
 
 
 def end(process):
