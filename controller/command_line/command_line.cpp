@@ -7,6 +7,7 @@
 #include "common/json/json.h"
 #include "common/options/options.h"
 #include "common/percent_encoding.h"
+#include "common/text.h"
 #include "common/utf8.h"
 #include "controller/base/settings.h"
 #include "controller/command_line/arguments.h"
@@ -68,7 +69,8 @@ void command_device(const std::string& device, const char* command, JsonPtr argu
 const cJSON* device_in(const cJSON* state, const std::string& name) {
     const cJSON* device = nullptr;
     cJSON_ArrayForEach(device, member(state, "devices")) {
-        if (text_member(device, "name") == name || text_member(device, "id") == name) {
+        if (equals_ignoring_case(text_member(device, "name").value_or(""), name) ||
+            text_member(device, "id") == name) {
             return device;
         }
     }

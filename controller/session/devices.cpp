@@ -2,6 +2,8 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
+#include <string_view>
 #include <utility>
 
 #include "common/text.h"
@@ -16,6 +18,14 @@ constexpr int kTries = 5;
 constexpr std::chrono::seconds kPause{2};
 // Devices that are away are remembered while the controller runs, so many at most.
 constexpr size_t kMaxDevices = 128;
+
+// As devices are numbered, and nobody names one.
+bool is_uuid(std::string_view text) {
+    constexpr std::string_view kForm = "xxxxxxxx-xxxx-xxxx-xxxx-xxxxxxxxxxxx";
+    return std::ranges::equal(text, kForm, [](char given, char wanted) {
+        return wanted == '-' ? given == '-' : std::isxdigit(static_cast<unsigned char>(given)) != 0;
+    });
+}
 
 void describe_device(cJSON* object, const std::string& id, const Device& device) {
     constexpr std::array kReach{"asking", "reached", "failed"};
@@ -148,12 +158,14 @@ void Devices::ask(const FoundDevice& found) {
 
 std::string Devices::named(const std::string& name) const {
     const std::scoped_lock lock(m_house.mutex);
-    if (m_house.devices.contains(name)) {
-        return name;
+    if (is_uuid(name)) {
+        return m_house.devices.contains(name) ? name : "";
     }
     std::string found;
     for (const auto& [id, device] : m_house.devices) {
-        if (equals_ignoring_case(device.found.name, name) && device.is_present) {
+        const bool is_called_so =
+            equals_ignoring_case(device.found.name, name) && device.is_present;
+        if (is_called_so || id == name) {
             if (!found.empty()) {
                 return {};
             }

@@ -24,7 +24,8 @@ class Devices {
     void set_found(const std::vector<FoundDevice>& found);
     // Asks all that are there how they are; soon.
     void ask_again();
-    // By id, or by name where case does not matter; empty: none of that name, or several.
+    // By id, or by name where case does not matter; empty: none of that name, or several. An id is
+    // what a device says of itself: one that is no UUID counts as a name.
     std::string named(const std::string& name) const;
     // An array, by name.
     JsonPtr describe() const;

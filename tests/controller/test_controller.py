@@ -32,7 +32,7 @@ class CommandLine(HouseTest):
         self.assert_position(kitchen, lambda: self.shown("Kitchen")["position_ms"] / 1000)
         self.command("volume", "Kitchen", 30)
         wait_for("the card's volume", lambda: "[30%]" in kitchen.amixer("sget", "Master"))
-        self.command("volume", "Kitchen", "-10")
+        self.command("volume", "kitchen", "-10")
         wait_for("the card's volume", lambda: "[20%]" in kitchen.amixer("sget", "Master"))
         self.command("pause", "Kitchen")
         wait_for("a pause", lambda: "paused" in self.command("status", "Kitchen"))
@@ -102,8 +102,8 @@ class Peers(HouseTest):
     def token(self):
         return self.sessions()[0]["token"]
 
-    def publish(self, name, port):
-        process = subprocess.Popen(["avahi-publish", "-s", name, "_nuvio-connect._tcp", str(port), "path=/"],
+    def publish(self, name, port, *entries):
+        process = subprocess.Popen(["avahi-publish", "-s", name, "_nuvio-connect._tcp", str(port), "path=/", *entries],
                                    env=self.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(self.devices[0].end, process)
 
@@ -198,8 +198,10 @@ class Peers(HouseTest):
         self.start_all()
         silent = socket.create_server(("", 0))
         self.addCleanup(silent.close)
-        self.publish("Silent", silent.getsockname()[1])
+        self.publish("Silent", silent.getsockname()[1], "device_uuid=Kitchen")
         held = [silent.accept()]
+        # What it says of itself brings it nothing that is meant for another one.
+        self.assertEqual(self.ask("/api/devices/Kitchen/play", {"what": ["http://x/"]}, SESAME)[0], 404)
         threading.Thread(target=self.ask, args=("/api/devices/Silent/play", {"what": ["http://x/"]}, SESAME)).start()
         held.append(silent.accept())
         begin = time.monotonic()
