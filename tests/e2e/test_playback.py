@@ -12,7 +12,8 @@ class Player(DeviceTest):
         return self.music
 
     def assert_nothing_lost(self, played, source):
-        """The source from start to end, at most 20 ms of it twice wherever it was cut."""
+        """The source from start to end, at most 100 ms of it twice wherever it was cut: so long a busy
+        machine may take from the look at the queue to its drop."""
         at = place = 0
         while True:
             same = len(os.path.commonprefix([played[at:], source[place:]]))
@@ -20,7 +21,7 @@ class Player(DeviceTest):
             if at == len(played):
                 break
             again = source.find(played[at:at + 256])
-            self.assertIn(place - again, range(CD * FRAME // 50), f"bytes, after byte {at}")
+            self.assertIn(place - again, range(CD * FRAME // 10), f"bytes, after byte {at}")
             place = again
         self.assertEqual(place, len(source))
 
