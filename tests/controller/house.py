@@ -34,9 +34,10 @@ def png(colour, size=300):
 
 
 class Room(e2e.DeviceTest):
-    """One device; its owner is another test. Its mixer has a step for every fifth percent."""
+    """One device; its owner is another test. Its mixer has a step for every fifth percent, and its
+    card the buffer for a machine that does a house's work: all devices, the controller, a browser."""
 
-    card_options = ["--range", "0..20"]
+    card_options = ["--range", "0..20", "--buffer", "1000"]
 
 
 class HouseTest(unittest.TestCase):
