@@ -58,6 +58,9 @@ TEST(SettingsEdit, EachDevicesOutputIsItsOwnAndStaysWhereItsSettingsDo) {
     EXPECT_EQ(folder.read("kitchen.conf"), "output = second\n");
     EXPECT_FALSE(std::filesystem::exists(folder / "hall.alsa.conf") ||
                  std::filesystem::exists(folder / "kitchen.alsa.conf.old"));
+    folder.write("kitchen.alsa.conf.old/in the way", "");  // as where there are no links
+    EXPECT_FALSE(set_up("kitchen.conf", "fifth"));
+    EXPECT_EQ(folder.read("kitchen.alsa.conf"), "fifth") << "better than none";
     unsetenv("NUVIO_SETTINGS");
 }
 

@@ -108,22 +108,30 @@ bool replaced(const fs::path& path, std::string_view text, std::string& told) {
 // A file as it was, while it is replaced: to put it back takes no room on the disk.
 class Former {
   public:
-    explicit Former(const fs::path& path) : m_path(path), m_kept(path.string() + ".old") {
+    explicit Former(const fs::path& path)
+        : m_path(path), m_kept(path.string() + ".old"), m_was_there(fs::exists(path, m_failure)) {
         fs::remove(m_kept, m_failure);  // what a power cut has left
         fs::create_hard_link(m_path, m_kept, m_failure);
+        m_is_kept = !m_failure;
     }
     ~Former() { fs::remove(m_kept, m_failure); }
     Former(const Former&) = delete;
     Former& operator=(const Former&) = delete;
 
+    // On a file system without links the new one stays.
     void put_back() {
-        fs::remove(m_path, m_failure);
-        fs::rename(m_kept, m_path, m_failure);
+        if (m_is_kept) {
+            fs::rename(m_kept, m_path, m_failure);
+        } else if (!m_was_there) {
+            fs::remove(m_path, m_failure);
+        }
     }
 
   private:
     const fs::path m_path, m_kept;
-    std::error_code m_failure;  // of a file that is not there; of no matter
+    std::error_code m_failure;
+    const bool m_was_there;
+    bool m_is_kept = false;
 };
 
 }  // namespace

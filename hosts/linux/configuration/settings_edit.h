@@ -18,7 +18,7 @@ std::string edit_settings(std::string_view text, const SettingsItems& items);
 
 // Replaces both files, each at once and whole; owner and mode of one that is there stay. True:
 // `told` names both; else what was in the way, such as a value with control characters, and both
-// are as they were. Waits for the disk.
+// are as they were (on a file system without links ALSA's is the new one). Waits for the disk.
 bool change_settings(const SettingsItems& items, std::string_view alsa_configuration,
                      std::string& told);
 
