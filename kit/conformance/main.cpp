@@ -97,13 +97,8 @@ void fail_in_the_rules_name(int signal) {
     _exit(EXIT_FAILURE);
 }
 
-// As the service does it: the signals that end a process wait for the host.
+// As for the service: those that end a process are the host's, if it takes them.
 void set_up_signals() {
-    sigset_t end;
-    sigemptyset(&end);
-    sigaddset(&end, SIGTERM);
-    sigaddset(&end, SIGINT);
-    pthread_sigmask(SIG_BLOCK, &end, nullptr);
     for (const int signal : {SIGALRM, SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL}) {
         std::signal(signal, fail_in_the_rules_name);
     }
