@@ -181,6 +181,13 @@ class Status(HostTest):
 class Hooks(HostTest):
     settings = {"host__hook__off_delay": 6, "host__hook__session": "lamp@.service"}
 
+    @staticmethod
+    def is_over(process):
+        try:
+            return ") Z " in pathlib.Path(f"/proc/{process}/stat").read_text()
+        except OSError:
+            return True
+
     def test_they_follow_the_device_and_one_that_hangs_holds_up_nothing(self):
         told, hung = self.folder / "told", self.folder / "hung"
         hook, systemctl = self.folder / "hook", self.folder / "systemctl"
@@ -215,8 +222,7 @@ class Hooks(HostTest):
         self.assertEqual((self.log_count("host.hook.session: ended with status 5"),
                           self.log_count("host.hook.volume: killed")), (1, 1))
         for child in hung.read_text().split():
-            stat = pathlib.Path(f"/proc/{child}/stat")
-            self.assertTrue(not stat.exists() or ") Z " in stat.read_text(), "its child lives on")
+            wait_for("the end of a hook's child", lambda child=child: self.is_over(child))
 
 
 class Network(HostTest):
