@@ -95,10 +95,19 @@ Row fails(Op op, int error, uint64_t times, std::string outcomes) {
             std::move(outcomes)};
 }
 
+// This call is well, and takes a quarter of a second.
+Row is_slow(Op op, std::string outcomes) {
+    std::erase(outcomes, ' ');
+    return {std::string(simcard::op_name(op)) + "_is_slow",
+            {{.op = op, .ms = 250}},
+            nullptr,
+            std::move(outcomes)};
+}
+
 // After the failure of the row this call, its repair or itself, takes longer than it may.
 Row hangs(Op op, Row row) {
     row.name += std::string("_then_") + simcard::op_name(op) + "_hangs";
-    row.faults.push_back({.op = op, .error = EIO, .ms = op == Op::drain ? 1500U : 250U});
+    row.faults.push_back({.op = op, .error = EIO, .ms = op == Op::drain ? 1500U : 1300U});
     return row;
 }
 
@@ -166,7 +175,9 @@ const std::vector<Row>& rows() {
         fails(Op::drain, ESTRPIPE, 1,             " .    .    .    .    .    Q    .    F  "),
         fails(Op::drain, EIO, 1,                  " .    .    .    .    .    Q    .    F  "),
         fails(Op::drain, ENODEV, 1,               " .    .    .    .    .    Q    .    F  "),
-        // The PCM is lost. In a new set-up and after a drop a prepare is made before all else.
+        is_slow(Op::prepare,                      " S    .    S    S    .    S    .    .  "),
+        is_slow(Op::drop,                         " .    .    S    S    .    .    .    .  "),
+        // The PCM is away. In a new set-up and after a drop a prepare is made before all else.
         hangs(Op::prepare, fails(Op::delay, EPIPE, 1,
                                                   " .    E    .    .    E    .    .    .  ")),
         hangs(Op::prepare, fails(Op::pointer, EPIPE, 1,

@@ -257,7 +257,7 @@ std::string Card::tool_environment() const {
 // ---- Faults and conditions ----------------------------------------------------------------------
 
 void Card::inject(const Fault& fault) {
-    check(fault.error > 0, "a fault's error is a positive errno");
+    check(fault.error > 0 || fault.ms > 0, "a fault has a positive errno, or makes a call late");
     arm_fault(m_impl->state->ops[static_cast<std::size_t>(fault.op)],
               static_cast<std::uint32_t>(fault.error), fault.after, fault.times, fault.ms);
 }

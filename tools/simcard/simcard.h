@@ -111,18 +111,18 @@ struct Settings {
     Element element;
 };
 
-// Fails calls of one operation. One fault an operation; a new one replaces it.
+// Fails calls of one operation, or makes them late. One fault an operation; a new one replaces it.
 struct Fault {
     static constexpr std::uint64_t kForever = std::numeric_limits<std::uint64_t>::max();
 
     Op op;
     // Positive errno; the ALSA call returns its negative. EPIPE also puts a stream in XRUN and
     // ESTRPIPE in SUSPENDED, as a driver does when it returns them. A drain that fails stops the
-    // stream, unless with EINTR or EAGAIN: then it goes on draining.
-    int error;
+    // stream, unless with EINTR or EAGAIN: then it goes on draining. 0: the call is only late.
+    int error = 0;
     std::uint64_t after = 0;  // calls that still succeed
     std::uint64_t times = 1;  // calls that then fail
-    std::uint32_t ms = 0;     // that each of them takes to do so
+    std::uint32_t ms = 0;     // that each of them takes longer
 };
 
 // What snd_pcm_resume, and with it snd_pcm_recover, finds after Card::suspend. It returns 0 in all

@@ -241,12 +241,11 @@ bool audio_sink_pause(audio_sink* self) {
         return false;
     }
     // ALSA pauses only what runs.
-    snd_pcm_t* handle = alsa_pcm_get_handle(self->pcm.get());
-    if (snd_pcm_state(handle) == SND_PCM_STATE_PREPARED &&
+    if (alsa_pcm_get_state(self->pcm.get()) == SND_PCM_STATE_PREPARED &&
         !alsa_audio_sink_write_silence(self->pcm.get(), kPauseSilenceMs)) {
         return false;
     }
-    return alsa_ok(snd_pcm_pause(handle, 1), "Unable to pause ALSA audio sink");
+    return alsa_ok(alsa_pcm_pause(self->pcm.get(), true), "Unable to pause ALSA audio sink");
 }
 
 bool audio_sink_resume(audio_sink* self) {
@@ -255,9 +254,7 @@ bool audio_sink_resume(audio_sink* self) {
         app_log(LOG_LEVEL_ERROR, "Unable to resume ALSA audio sink: device is not open");
         return false;
     }
-    snd_pcm_t* handle = alsa_pcm_get_handle(self->pcm.get());
-    return alsa_ok(handle == nullptr ? -ENODEV : snd_pcm_pause(handle, 0),
-                   "Unable to resume ALSA audio sink");
+    return alsa_ok(alsa_pcm_pause(self->pcm.get(), false), "Unable to resume ALSA audio sink");
 }
 
 bool audio_sink_flush(audio_sink* self) {

@@ -4,16 +4,18 @@
 #include <array>
 #include <cerrno>
 #include <chrono>
+#include <memory>
+#include <utility>
 #include <vector>
 
-#include "media/sink/alsa/bounded_call.h"
+#include "media/sink/alsa/bounded_handle.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
 #include "utility/service_record.h"
 
 struct alsa_pcm {
-    pcm_ptr handle;  // null once a call on it has not returned
-    alsa_pcm_loss_listener loss_listener{};
+    bounded_handle<pcm_ptr> handle;
+    alsa_pcm_away_listener away_listener{};
     unsigned sample_rate = 0;  // frames a second, as asked for
     unsigned channel_count = 0;
     snd_pcm_format_t format = SND_PCM_FORMAT_UNKNOWN;
@@ -72,27 +74,19 @@ state_rule rule_of(snd_pcm_state_t state) {
 
 // ---- Calls that wait for a sound server -------------------------------------------------------
 
-bool is_lost(const alsa_pcm* self) {
-    return !self->handle;
-}
-
-// The one way to such a call on a PCM that is open: none may lose it without a word.
+// The one way to such a call on a PCM that is open: none may take it away without a word.
 template <typename Call>
-int call_in_time(alsa_pcm* self, Call call,
-                 std::chrono::milliseconds patience = kAlsaCallPatience) {
-    return bounded_call(self->handle, call, patience, [self] {
-        if (self->loss_listener.lost_callback != nullptr) {
-            self->loss_listener.lost_callback(self->loss_listener.user_data);
-        }
-    });
+int call_in_time(alsa_pcm* self, const Call& call,
+                 std::chrono::milliseconds patience = kAlsaPatience) {
+    const int rc = self->handle.call(call, patience);
+    if (self->handle.is_away() && self->away_listener.away_callback != nullptr) {
+        self->away_listener.away_callback(self->away_listener.user_data);
+    }
+    return rc;
 }
 
 int prepare(alsa_pcm* self) {
     return call_in_time(self, [](const pcm_ptr& pcm) { return snd_pcm_prepare(pcm.get()); });
-}
-
-int drop(alsa_pcm* self) {
-    return call_in_time(self, [](const pcm_ptr& pcm) { return snd_pcm_drop(pcm.get()); });
 }
 
 bool is_in_use(alsa_pcm* self) {
@@ -115,7 +109,7 @@ int recover_without_waiting(snd_pcm_t* pcm, int error) {
 // Asks the PCM for a count of frames, a second time after a repair. `what` completes the log lines.
 template <typename Query>
 std::optional<size_t> query_with_recovery(alsa_pcm* self, const char* what, Query query) {
-    if (is_lost(self)) {
+    if (self->handle.is_away()) {
         return std::nullopt;
     }
     snd_pcm_sframes_t frames = query(self->handle.get());
@@ -175,8 +169,9 @@ bool may_write_again(size_t placed, int& fruitless_writes) {
 // A driver that fails to start with what it was given may keep that to itself; a PCM that does not
 // run never has room again.
 bool ensure_started(alsa_pcm* self) {
-    return snd_pcm_state(self->handle.get()) != SND_PCM_STATE_PREPARED ||
-           alsa_ok(snd_pcm_start(self->handle.get()), "Unable to start ALSA audio sink");
+    const auto start = [](const pcm_ptr& pcm) { return snd_pcm_start(pcm.get()); };
+    return alsa_pcm_get_state(self) != SND_PCM_STATE_PREPARED ||
+           alsa_ok(call_in_time(self, start), "Unable to start ALSA audio sink");
 }
 
 int drain_despite_signals(snd_pcm_t* pcm) {
@@ -199,18 +194,28 @@ snd_pcm_format_t nuvio_format_to_alsa_format(nuv_audio_sample_format format) {
     return SND_PCM_FORMAT_UNKNOWN;
 }
 
-bool set_up(snd_pcm_t* pcm, const pcm_stream& stream) {
-    unsigned granted = 0;
-    const auto refusal = set_up_pcm(pcm, stream, granted);
-    if (granted != 0 && granted != stream.rate) {
+bool set_up(alsa_pcm* self, const pcm_stream& stream) {
+    struct outcome {
+        std::optional<alsa_refusal> refusal;
+        unsigned granted_rate = 0;
+    };
+    const auto result = std::make_shared<outcome>();  // a late call's as well
+    const int rc = call_in_time(self, [stream, result](const pcm_ptr& pcm) {
+        result->refusal = set_up_pcm(pcm.get(), stream, result->granted_rate);
+        return 0;
+    });
+    if (rc < 0) {
+        return alsa_ok(rc, "Unable to set ALSA PCM's HW params");
+    }
+    if (result->granted_rate != 0 && result->granted_rate != stream.rate) {
         app_log(LOG_LEVEL_WARNING,
                 "Requested ALSA PCM's sample rate to be set to %u, got %u instead", stream.rate,
-                granted);
+                result->granted_rate);
     }
-    if (refusal) {
-        log_alsa_error(refusal->error, "%s", refusal->what.c_str());
+    if (result->refusal) {
+        log_alsa_error(result->refusal->error, "%s", result->refusal->what.c_str());
     }
-    return !refusal;
+    return !result->refusal;
 }
 
 }  // namespace
@@ -225,9 +230,13 @@ alsa_pcm* alsa_pcm_new(const char* device, const nuv_audio_format* format) {
         return nullptr;
     }
     alsa_pcm_ptr self(new alsa_pcm);
-    if (!alsa_ok(open_playback_pcm(self->handle, device), "Unable to open ALSA audio sink '%s'",
-                 device) ||
-        !set_up(self->handle.get(), {format->sample_rate, format->channel_count, alsa_format})) {
+    pcm_ptr opened;
+    if (!alsa_ok(open_playback_pcm(opened, device), "Unable to open ALSA audio sink '%s'",
+                 device)) {
+        return nullptr;
+    }
+    self->handle = bounded_handle(std::move(opened));
+    if (!set_up(self.get(), {format->sample_rate, format->channel_count, alsa_format})) {
         return nullptr;
     }
     self->sample_rate = format->sample_rate;
@@ -237,15 +246,22 @@ alsa_pcm* alsa_pcm_new(const char* device, const nuv_audio_format* format) {
 }
 
 void alsa_pcm_free(alsa_pcm* self) {
-    if (self != nullptr && is_in_use(self)) {
-        drop(self);  // or the close would, and wait for it
+    if (self != nullptr && self->handle.get() != nullptr) {
+        const bool drops = is_in_use(self);  // or the close would, and wait for it
+        self->handle.call([drops](pcm_ptr& pcm) {
+            if (drops) {
+                snd_pcm_drop(pcm.get());
+            }
+            pcm.reset();
+            return 0;
+        });
     }
     delete self;
 }
 
-void alsa_pcm_set_loss_listener(alsa_pcm* self, alsa_pcm_loss_listener listener) {
+void alsa_pcm_set_away_listener(alsa_pcm* self, alsa_pcm_away_listener listener) {
     NUV_CHECK(self != NULL);
-    self->loss_listener = listener;
+    self->away_listener = listener;
 }
 
 snd_pcm_t* alsa_pcm_get_handle(alsa_pcm* self) {
@@ -255,7 +271,8 @@ snd_pcm_t* alsa_pcm_get_handle(alsa_pcm* self) {
 
 snd_pcm_state_t alsa_pcm_get_state(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
-    return is_lost(self) ? SND_PCM_STATE_DISCONNECTED : snd_pcm_state(self->handle.get());
+    snd_pcm_t* pcm = self->handle.get();
+    return pcm == nullptr ? SND_PCM_STATE_DISCONNECTED : snd_pcm_state(pcm);
 }
 
 size_t alsa_pcm_get_frame_size(const alsa_pcm* self) {
@@ -264,17 +281,18 @@ size_t alsa_pcm_get_frame_size(const alsa_pcm* self) {
     return bits / 8 * self->channel_count;
 }
 
-uint64_t alsa_pcm_get_buffer_duration(const alsa_pcm* self) {
+uint64_t alsa_pcm_get_buffer_duration(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
     snd_pcm_uframes_t buffer = 0;
     snd_pcm_uframes_t period = 0;
-    const int rc = snd_pcm_get_params(self->handle.get(), &buffer, &period);
+    snd_pcm_t* pcm = self->handle.get();
+    const int rc = pcm == nullptr ? -ENODEV : snd_pcm_get_params(pcm, &buffer, &period);
     return rc < 0 || self->sample_rate == 0 ? 0 : uint64_t{buffer} * 1000 / self->sample_rate;
 }
 
 bool alsa_audio_sink_recover_pcm(alsa_pcm* self, int error) {
     NUV_CHECK(self != NULL);
-    if (is_lost(self)) {
+    if (self->handle.is_away()) {
         return false;
     }
     const int rc = call_in_time(
@@ -287,6 +305,9 @@ bool alsa_audio_sink_recover_pcm(alsa_pcm* self, int error) {
         return true;
     }
     log_alsa_error(error, "Unable to recover ALSA audio sink");
+    if (self->handle.is_away()) {
+        return false;
+    }
     const snd_pcm_state_t state = alsa_pcm_get_state(self);
     app_log(LOG_LEVEL_INFO, "pcm state = %d\n", static_cast<int>(state));
     const state_rule rule = rule_of(state);
@@ -346,19 +367,27 @@ bool alsa_audio_sink_write_silence(alsa_pcm* self, unsigned duration_ms) {
 
 bool alsa_pcm_drop(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
-    if (is_lost(self)) {
+    if (self->handle.is_away()) {
         return false;
     }
-    return alsa_ok(drop(self), "Unable to drop buffered PCM audio data from ALSA audio sink") &&
+    const auto drop = [](const pcm_ptr& pcm) { return snd_pcm_drop(pcm.get()); };
+    return alsa_ok(call_in_time(self, drop),
+                   "Unable to drop buffered PCM audio data from ALSA audio sink") &&
            alsa_audio_sink_ensure_pcm_has_runnable_state(self);
+}
+
+int alsa_pcm_pause(alsa_pcm* self, bool paused) {
+    NUV_CHECK(self != NULL);
+    return call_in_time(
+        self, [paused](const pcm_ptr& pcm) { return snd_pcm_pause(pcm.get(), paused ? 1 : 0); });
 }
 
 bool alsa_pcm_drain(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
-    if (is_lost(self)) {
+    if (self->handle.is_away()) {
         return false;
     }
-    if (snd_pcm_state(self->handle.get()) == SND_PCM_STATE_XRUN) {
+    if (alsa_pcm_get_state(self) == SND_PCM_STATE_XRUN) {
         return true;  // it has run dry already: nothing is left to be heard
     }
     const auto drain = [](const pcm_ptr& pcm) {

@@ -4,9 +4,9 @@
 // Threads     the loop's only.
 // Errors      logged here, then returned as false or none: a suspended or vanished device without a
 //             line. Null arguments are fatal.
-// Waits       opening, preparing, dropping and closing are held to a time (bounded_call.h). A PCM
-// on
-//             which one of them has not returned is lost: everything fails from then on.
+// Waits       opening, preparing, starting, pausing, dropping, draining and closing are held to a
+//             time (bounded_handle.h). Until the call that was late returns the PCM is away, and
+//             everything fails.
 #pragma once
 
 #include <cstddef>
@@ -26,24 +26,24 @@ alsa_pcm* alsa_pcm_new(const char* device, const nuv_audio_format* format);
 // What is queued is lost. Null does nothing.
 void alsa_pcm_free(alsa_pcm* self);
 
-// For who watches the PCM's descriptors. The callback comes once, from inside the call that did not
-// return, and calls nothing of this header. Another thread closes the descriptors at any time after
-// it; whoever knows them forgets them there.
-struct alsa_pcm_loss_listener {
+// For who watches the PCM's descriptors. The callback comes once each time the PCM goes away, from
+// inside the call that did not return, and calls nothing of this header. The descriptors stay open,
+// but until the PCM is back their events are of no use.
+struct alsa_pcm_away_listener {
     void* user_data;
-    void (*lost_callback)(void* user_data);  // null: nobody listens
+    void (*away_callback)(void* user_data);  // null: nobody listens
 };
-void alsa_pcm_set_loss_listener(alsa_pcm* self, alsa_pcm_loss_listener listener);
+void alsa_pcm_set_away_listener(alsa_pcm* self, alsa_pcm_away_listener listener);
 
-// Borrowed: for its descriptors. It stays the PCM's to close; null once it is lost.
+// Borrowed: for its descriptors. It stays the PCM's to close. Null while it is away.
 snd_pcm_t* alsa_pcm_get_handle(alsa_pcm* self);
-// Disconnected once it is lost.
+// Disconnected while it is away.
 snd_pcm_state_t alsa_pcm_get_state(alsa_pcm* self);
 // Bytes of one frame.
 size_t alsa_pcm_get_frame_size(const alsa_pcm* self);
 
-// How much audio the device holds at most, in ms.
-uint64_t alsa_pcm_get_buffer_duration(const alsa_pcm* self);
+// How much audio the device holds at most, in ms. 0 while it is away.
+uint64_t alsa_pcm_get_buffer_duration(alsa_pcm* self);
 
 // Brings a PCM that was dropped or ran dry back to where it can be written. False when it is in a
 // state that this does not repair.
@@ -64,6 +64,8 @@ bool alsa_audio_sink_write_silence(alsa_pcm* self, unsigned duration_ms);
 
 // Drops what is queued and makes the PCM ready again.
 bool alsa_pcm_drop(alsa_pcm* self);
+// Pauses or goes on: ALSA's result.
+int alsa_pcm_pause(alsa_pcm* self, bool paused);
 // Blocks until what is queued has been heard, at most a second longer than the device can hold.
 bool alsa_pcm_drain(alsa_pcm* self);
 

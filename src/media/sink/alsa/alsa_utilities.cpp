@@ -7,7 +7,7 @@
 #include <string>
 #include <utility>
 
-#include "media/sink/alsa/bounded_call.h"
+#include "media/sink/alsa/bounded_handle.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
 
@@ -47,16 +47,19 @@ bool is_granted(int result, std::optional<alsa_refusal>& refusal, std::string wh
     return result >= 0;
 }
 
-int attach_mixer(mixer_ptr& mixer, const char* device) {
-    const auto attach = [name = std::string(device)](const mixer_ptr& opened) {
+int attach_mixer(bounded_handle<mixer_ptr>& mixer, const char* device) {
+    return mixer.call([name = std::string(device)](const mixer_ptr& opened) {
         return snd_mixer_attach(opened.get(), name.c_str());
-    };
-    return bounded_call(mixer, attach, kAlsaOpenPatience);
+    });
 }
 
-int load_mixer(mixer_ptr& mixer) {
-    const auto load = [](const mixer_ptr& opened) { return snd_mixer_load(opened.get()); };
-    return bounded_call(mixer, load, kAlsaOpenPatience);
+int load_mixer(bounded_handle<mixer_ptr>& mixer) {
+    return mixer.call([](const mixer_ptr& opened) { return snd_mixer_load(opened.get()); });
+}
+
+// Whatever stands still is most likely a server that the next one would wait for, too.
+int may_open() {
+    return running_alsa_calls() < kMaxAlsaCalls ? 0 : -EAGAIN;
 }
 
 void say_nothing(const char*, int, const char*, int, const char*, ...) {}
@@ -85,16 +88,19 @@ selem_id_ptr new_selem_id() {
 }
 
 int open_playback_pcm(pcm_ptr& pcm, const char* device) {
-    pcm_ptr opened;
+    bounded_handle<pcm_ptr> opened;
     const auto open = [name = std::string(device)](pcm_ptr& into) {
         snd_pcm_t* handle = nullptr;
         const int result = snd_pcm_open(&handle, name.c_str(), SND_PCM_STREAM_PLAYBACK, 0);
         into.reset(result < 0 ? nullptr : handle);
         return result;
     };
-    const int rc = bounded_call(opened, open, kAlsaOpenPatience);
+    int rc = may_open();
     if (rc >= 0) {
-        pcm = std::move(opened);
+        rc = opened.call(open);
+    }
+    if (rc >= 0) {
+        pcm = opened.take();
     }
     return std::min(rc, 0);
 }
@@ -131,16 +137,17 @@ std::optional<alsa_refusal> set_up_pcm(snd_pcm_t* pcm, const pcm_stream& stream,
 std::optional<alsa_refusal> open_simple_mixer(mixer_ptr& mixer, const char* device) {
     std::optional<alsa_refusal> refusal;
     snd_mixer_t* opened = nullptr;
-    if (!is_granted(snd_mixer_open(&opened, 0), refusal, "Unable to open ALSA mixer")) {
+    if (!is_granted(may_open(), refusal, "Unable to open ALSA mixer") ||
+        !is_granted(snd_mixer_open(&opened, 0), refusal, "Unable to open ALSA mixer")) {
         return refusal;
     }
-    mixer_ptr owner(opened);
+    bounded_handle<mixer_ptr> owner{mixer_ptr(opened)};
     if (is_granted(attach_mixer(owner, device), refusal,
                    std::string("Unable to attach ALSA mixer to device '") + device + "'") &&
         is_granted(snd_mixer_selem_register(opened, nullptr, nullptr), refusal,
                    "Unable to register ALSA simple element mixer class") &&
         is_granted(load_mixer(owner), refusal, "Unable to load ALSA mixer elements")) {
-        mixer = std::move(owner);
+        mixer = owner.take();
     }
     return refusal;
 }

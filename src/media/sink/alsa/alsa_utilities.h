@@ -24,7 +24,7 @@ format_mask_ptr new_format_mask();
 selem_id_ptr new_selem_id();
 
 // Opens a playback PCM in blocking mode: 0, or ALSA's error with `pcm` left alone. Held to a time,
-// as all here that may wait for a sound server (bounded_call.h).
+// as the opening of a mixer is, and refused where too many calls stand still (bounded_handle.h).
 int open_playback_pcm(pcm_ptr& pcm, const char* device);
 
 // A step that ALSA refused: its error, and what was tried, in the words of the log.

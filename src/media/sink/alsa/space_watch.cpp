@@ -14,7 +14,7 @@ struct space_watch {
     alsa_pcm* pcm;  // borrowed
     space_watch_delegate delegate;
     std::vector<pollfd> descriptors;  // those of the poller
-    descriptor_poller_ptr poller;     // null once the PCM is lost
+    descriptor_poller_ptr poller;
     std::unique_ptr<uv_timer_t, nuvio::ReleasedBy<uv_timer_free>> timer;
     bool waits = false;               // the callback is due
     unsigned failed_queries = 0;      // in a row, while waiting
@@ -52,9 +52,7 @@ bool take_back_wake_up(space_watch* self) {
 void stop_waiting(space_watch* self) {
     self->waits = false;
     uv_timer_stop(self->timer.get());
-    if (self->poller) {
-        descriptor_poller_stop_polling(self->poller.get());
-    }
+    descriptor_poller_stop_polling(self->poller.get());
 }
 
 // Room can only come from a device that runs. One that does not, or that cannot tell its room again
@@ -104,11 +102,9 @@ void look_later(space_watch* self, uint64_t delay_ms) {
     look_in(self, delay_ms);
 }
 
-// Freed, not just stopped: a poller that is freed later takes its descriptors' numbers off the
-// loop, whoever has got them by then.
-void on_pcm_lost(void* user_data) {
+void on_pcm_away(void* user_data) {
     auto* self = static_cast<space_watch*>(user_data);
-    self->poller.reset();
+    descriptor_poller_stop_polling(self->poller.get());
     space_watch_look_at_once(self);
 }
 
@@ -166,13 +162,13 @@ space_watch* space_watch_new(uv_loop_t* event_loop, alsa_pcm* pcm, space_watch_d
         return nullptr;
     }
     self->timer.reset(uv_timer_new(event_loop, self.get()));
-    alsa_pcm_set_loss_listener(pcm, {self.get(), on_pcm_lost});
+    alsa_pcm_set_away_listener(pcm, {self.get(), on_pcm_away});
     return self.release();
 }
 
 void space_watch_free(space_watch* self) {
     if (self != nullptr) {
-        alsa_pcm_set_loss_listener(self->pcm, {});
+        alsa_pcm_set_away_listener(self->pcm, {});
     }
     delete self;
 }

@@ -2,7 +2,7 @@
 // where they are not.
 //
 // Creation    space_watch_new; idle until started. The PCM is borrowed and must live longer; its
-//             descriptors are let go at once when it is lost, whichever call on it that is.
+//             descriptors are left alone at once when it goes away, whichever call takes it.
 // Threads     every function and the callback: the loop's only.
 // Errors      logged here; null arguments are fatal.
 #pragma once

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "media/sink/alsa/alsa_utilities.h"
-#include "media/sink/alsa/bounded_call.h"
+#include "media/sink/alsa/bounded_handle.h"
 #include "media/sink/alsa/descriptor_poller.h"
 #include "utility/check.h"
 #include "utility/log_delegate.h"
@@ -14,7 +14,7 @@ struct volume_manager {
     uv_loop_t* event_loop;  // borrowed
     volume_manager_delegate delegate;
     descriptor_poller_ptr descriptor_poller;
-    mixer_ptr mixer;
+    bounded_handle<mixer_ptr> mixer;
     snd_mixer_elem_t* volume_element;  // the mixer's; null once it has gone
     long min_volume;                   // raw, as ALSA counts
     long max_volume;
@@ -32,7 +32,7 @@ constexpr uint32_t kMaxPercent = 100;
 constexpr auto kReadChannel = static_cast<snd_mixer_selem_channel_id_t>(0);
 // An unplugged control device may report an error at every pass of the loop.
 constexpr int kMaxFailedPolls = 10;
-constexpr char kLost[] = "ALSA mixer has failed; the volume is out of reach until the next session";
+constexpr char kLost[] = "ALSA mixer has failed; the volume is out of reach for now";
 
 const char* mute_text(bool muted) {
     return muted ? "muted" : "unmuted";
@@ -71,7 +71,7 @@ int on_element(volume_manager* self, Operation operation, Arguments... arguments
 int volume_manager_on_alsa_volume_element_changed(snd_mixer_elem_t* element, unsigned mask);
 
 // The same for a write, for which a sound server may have to be waited for. A mixer that does not
-// return is lost.
+// return is lost, and closed when it does: its successor is given what was set meanwhile.
 template <typename Operation, typename Value>
 int write_element(volume_manager* self, Operation operation, Value value) {
     if (volume_manager_is_lost(self)) {
@@ -79,13 +79,14 @@ int write_element(volume_manager* self, Operation operation, Value value) {
     }
     snd_mixer_elem_t* element = self->volume_element;
     snd_mixer_elem_set_callback(element, nullptr);  // its end, over there, is nobody's business
-    const int rc = bounded_call(
-        self->mixer, [=](const mixer_ptr& /*mixer*/) { return operation(element, value); },
-        kAlsaCallPatience, [self] { self->descriptor_poller.reset(); });
-    if (self->mixer) {
+    const int rc =
+        self->mixer.call([=](const mixer_ptr& /*mixer*/) { return operation(element, value); });
+    if (!self->mixer.is_away()) {
         snd_mixer_elem_set_callback(element, volume_manager_on_alsa_volume_element_changed);
         return rc;
     }
+    self->descriptor_poller.reset();
+    self->mixer.reset();
     self->volume_element = nullptr;
     app_log(LOG_LEVEL_WARNING, kLost);
     return rc;
@@ -172,10 +173,12 @@ void volume_manager_on_descriptor_poll_event(descriptor_poller* poller, pollfd* 
 }
 
 bool open_mixer(volume_manager* self, const char* control_device) {
-    const auto refusal = open_simple_mixer(self->mixer, control_device);
+    mixer_ptr opened;
+    const auto refusal = open_simple_mixer(opened, control_device);
     if (refusal) {
         log_alsa_error(refusal->error, "%s", refusal->what.c_str());
     }
+    self->mixer = bounded_handle(std::move(opened));
     return !refusal;
 }
 
