@@ -59,6 +59,13 @@ class OnServer:
         self.start()
         self.play(self.music)
 
+    def expect_it_is_well(self):
+        """It answers and ends. A loop that waited for the server would do so after some 30 s."""
+        begin = time.monotonic()
+        self.assertTrue(self.answers())
+        self.assertEqual(self.stop()[0], 0)
+        self.assertLess(time.monotonic() - begin, 10)
+
     def place(self):
         """How many seconds of the signal have been heard: the end of the recording, in the source."""
         tail = self.heard.read_bytes()
@@ -191,11 +198,23 @@ class OnServer:
                 self.addCleanup(self.server.signal, signal.SIGCONT)
                 self.player(*words)
                 time.sleep(0.5)
-                self.assertTrue(self.answers())
-                status, seconds = self.stop()
+                self.expect_it_is_well()
                 self.server.signal(signal.SIGCONT)
-                self.assertEqual(status, 0)
-                self.assertLess(seconds, 5)
+
+    def test_a_server_that_hung_in_a_pause_holds_nothing_up_that_begins_without_a_seek(self):
+        self.track("1.wav", 0, 20)
+        # More than a server takes at once.
+        subprocess.run(["ffmpeg", "-loglevel", "error", "-stream_loop", "5",
+                        "-i", self.music / "1.wav", self.music / "1.aac"], check=True)
+        self.start()
+        self.play(self.music / "1.aac")
+        self.pause()
+        time.sleep(1.5)
+        self.server.signal(signal.SIGSTOP)
+        self.addCleanup(self.server.signal, signal.SIGCONT)
+        self.player("play")
+        time.sleep(1)
+        self.expect_it_is_well()
 
 
 class PulseAudio(OnServer, DeviceTest):

@@ -256,6 +256,28 @@ TEST_F(AudioSinkTest, PcmOnWhichACallHangsIsLeftAloneUntilItReturns) {
     EXPECT_EQ(write(100), 100);
 }
 
+// In a start, which a write brings, ALSA waits for a server without end.
+TEST_F(AudioSinkTest, ServerThatMayHaveHungSinceThePauseIsAskedBeforeTheMusicStarts) {
+    open();
+    ASSERT_EQ(write(100), 100);
+    ASSERT_TRUE(audio_sink_flush(sink_));
+    const uint64_t prepares = calls(Op::prepare);
+    ASSERT_EQ(write(100), 100) << "a seek";
+    EXPECT_EQ(calls(Op::prepare), prepares);
+    ASSERT_TRUE(audio_sink_flush(sink_));
+    std::this_thread::sleep_for(1100ms);
+    card_->inject({.op = Op::prepare, .ms = 300});  // it is slow
+    EXPECT_EQ(write(100), 100);
+    EXPECT_EQ(calls(Op::prepare), prepares + 2);
+    ASSERT_TRUE(audio_sink_flush(sink_));
+    std::this_thread::sleep_for(1100ms);
+    card_->inject({.op = Op::prepare, .ms = 1500});
+    EXPECT_EQ(write(100), -1);
+    audio_sink_close(sink_);
+    card_->inject({.op = Op::hw_params, .ms = 1500});
+    EXPECT_FALSE(audio_sink_open(sink_, &kCd));
+}
+
 TEST(BoundedHandle, WhereCallsStandStillNoFurtherDeviceIsOpened) {
     std::promise<void> end;
     std::vector<bounded_handle<pcm_ptr>> handles(kMaxAlsaCalls);

@@ -16,7 +16,8 @@
 struct alsa_pcm {
     bounded_handle<pcm_ptr> handle;
     alsa_pcm_away_listener away_listener{};
-    unsigned sample_rate = 0;  // frames a second, as asked for
+    std::chrono::steady_clock::time_point prepared_at;  // or set up, which prepares
+    unsigned sample_rate = 0;                           // frames a second, as asked for
     unsigned channel_count = 0;
     snd_pcm_format_t format = SND_PCM_FORMAT_UNKNOWN;
 };
@@ -29,6 +30,7 @@ constexpr int kMaxFruitlessWrites = 5;    // in one write
 constexpr int kMaxInterruptedDrains = 5;  // in one drain
 
 constexpr std::chrono::seconds kDrainPatience{1};  // beyond what the device holds at most
+constexpr std::chrono::seconds kStaleAfter{1};     // of a PCM that is prepared and not started
 
 // ---- States ---------------------------------------------------------------------------------
 
@@ -86,7 +88,18 @@ int call_in_time(alsa_pcm* self, const Call& call,
 }
 
 int prepare(alsa_pcm* self) {
-    return call_in_time(self, [](const pcm_ptr& pcm) { return snd_pcm_prepare(pcm.get()); });
+    const int rc =
+        call_in_time(self, [](const pcm_ptr& pcm) { return snd_pcm_prepare(pcm.get()); });
+    self->prepared_at = std::chrono::steady_clock::now();
+    return rc;
+}
+
+// The start of a sound server's stream, which a write may bring, waits for the server's answer, and
+// that call cannot be held to a time: what it reads is the caller's. So a server that may have hung
+// since the stream was prepared is asked first.
+bool has_stood_long(const alsa_pcm* self, snd_pcm_state_t state) {
+    return state == SND_PCM_STATE_PREPARED &&
+           std::chrono::steady_clock::now() - self->prepared_at > kStaleAfter;
 }
 
 bool is_in_use(alsa_pcm* self) {
@@ -215,6 +228,7 @@ bool set_up(alsa_pcm* self, const pcm_stream& stream) {
     if (result->refusal) {
         log_alsa_error(result->refusal->error, "%s", result->refusal->what.c_str());
     }
+    self->prepared_at = std::chrono::steady_clock::now();
     return !result->refusal;
 }
 
@@ -320,7 +334,9 @@ bool alsa_audio_sink_recover_pcm(alsa_pcm* self, int error) {
 bool alsa_audio_sink_ensure_pcm_has_runnable_state(alsa_pcm* self) {
     NUV_CHECK(self != NULL);
     for (int prepares = 0;; ++prepares) {
-        const state_rule rule = rule_of(alsa_pcm_get_state(self));
+        const snd_pcm_state_t state = alsa_pcm_get_state(self);
+        const state_rule rule =
+            has_stood_long(self, state) ? rule_of(SND_PCM_STATE_SETUP) : rule_of(state);
         if (rule.is != readiness::needs_prepare) {
             return rule.is == readiness::ready;
         }

@@ -45,8 +45,9 @@ size_t alsa_pcm_get_frame_size(const alsa_pcm* self);
 // How much audio the device holds at most, in ms. 0 while it is away.
 uint64_t alsa_pcm_get_buffer_duration(alsa_pcm* self);
 
-// Brings a PCM that was dropped or ran dry back to where it can be written. False when it is in a
-// state that this does not repair.
+// Brings a PCM that was dropped or ran dry back to where it can be written, and sees to it that the
+// server behind one that was prepared a while ago still answers. False when it is in a state that
+// this does not repair.
 bool alsa_audio_sink_ensure_pcm_has_runnable_state(alsa_pcm* self);
 // Repairs after a call that failed with `error`. True: that call may be made again.
 bool alsa_audio_sink_recover_pcm(alsa_pcm* self, int error);
