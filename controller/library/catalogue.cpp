@@ -10,21 +10,21 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr int64_t kVersion = 2;
+constexpr int64_t kVersion = 3;
 
 // An album is what has one title and one album artist, or, where no album artist is said, one title
 // in one folder. `artist` null: several.
 constexpr char kSchema[] = R"(
 BEGIN;
-CREATE TABLE folders(id INTEGER PRIMARY KEY, root TEXT NOT NULL, below TEXT NOT NULL,
+CREATE TABLE folders(id INTEGER PRIMARY KEY AUTOINCREMENT, root TEXT NOT NULL, below TEXT NOT NULL,
     name TEXT NOT NULL, parent INTEGER NOT NULL, UNIQUE(root, below));
 CREATE INDEX folders_by_parent ON folders(parent, name);
-CREATE TABLE artists(id INTEGER PRIMARY KEY, name TEXT NOT NULL UNIQUE);
-CREATE TABLE albums(id INTEGER PRIMARY KEY, title TEXT NOT NULL, artist INTEGER,
+CREATE TABLE artists(id INTEGER PRIMARY KEY AUTOINCREMENT, name TEXT NOT NULL UNIQUE);
+CREATE TABLE albums(id INTEGER PRIMARY KEY AUTOINCREMENT, title TEXT NOT NULL, artist INTEGER,
     maker TEXT NOT NULL, year INTEGER NOT NULL, UNIQUE(title, maker));
 CREATE INDEX albums_by_artist ON albums(artist);
 CREATE INDEX albums_by_title ON albums(title COLLATE NOCASE);
-CREATE TABLE tracks(id INTEGER PRIMARY KEY, folder INTEGER NOT NULL, name TEXT NOT NULL,
+CREATE TABLE tracks(id INTEGER PRIMARY KEY AUTOINCREMENT, folder INTEGER NOT NULL, name TEXT NOT NULL,
     size INTEGER NOT NULL, modified INTEGER NOT NULL, title TEXT NOT NULL, artist INTEGER NOT NULL,
     album INTEGER NOT NULL, disc INTEGER NOT NULL, number INTEGER NOT NULL,
     duration INTEGER NOT NULL, rate INTEGER NOT NULL, channels INTEGER NOT NULL,
@@ -38,7 +38,9 @@ CREATE VIRTUAL TABLE album_words USING fts5(title, artist,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
 CREATE VIRTUAL TABLE artist_words USING fts5(name,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
-PRAGMA user_version = 2;
+INSERT INTO sqlite_sequence(name, seq) VALUES('tracks', abs(random() % 2000000000)),
+    ('albums', abs(random() % 2000000000));
+PRAGMA user_version = 3;
 COMMIT;
 )";
 

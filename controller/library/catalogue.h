@@ -2,6 +2,8 @@
 // they are found by. A cache of what the music folders hold: a file of another version, or a
 // damaged one, is made anew.
 //
+// Numbers  an id is given once; those of tracks and albums, which devices keep in their queues,
+//          also begin elsewhere in a file that is made anew.
 // Threads  one at a time; the scanner's. Readers have connections of their own (`LibraryView`).
 // Errors   DatabaseError.
 #pragma once

@@ -124,6 +124,11 @@ class HouseTest(unittest.TestCase):
         """What the controller says of a device; {} before it is known."""
         return next((each for each in self.state()["devices"] if each["name"] == name), {})
 
+    def first_album(self):
+        """What the API tells of it: its id, its tracks."""
+        [album] = json.loads(self.ask("/api/library/albums?count=1", headers=SESAME)[2])["albums"]
+        return json.loads(self.ask(f"/api/library/albums/{album['id']}", headers=SESAME)[2])
+
     def command(self, *words, check=True):
         """Output of the command line; None when it fails."""
         result = subprocess.run(

@@ -133,11 +133,13 @@ TEST_F(LibraryTest, it_follows_the_disk_without_being_asked) {
     ASSERT_TRUE(wait_for_tracks(4)) << "a new file in it";
     std::filesystem::remove(m_dir / "music/a/2.wav");
     ASSERT_TRUE(wait_for_tracks(3)) << "a file less";
+    const int64_t left = m_library->view().track_at(m_dir / "music", "b/deep/4.wav")->id;
     std::filesystem::rename(m_dir / "music/b", m_dir / "music/c");
     ASSERT_TRUE(wait_for(
         [&] { return m_library->view().track_at(m_dir / "music", "c/deep/3.wav").has_value(); }));
     m_dir.write("music/c/deep/5.wav", "x");
     ASSERT_TRUE(wait_for_tracks(4)) << "the folder under its new name is followed";
+    EXPECT_FALSE(m_library->view().track(left)) << "its number is not given to another";
     std::filesystem::rename(m_dir / "music/c", m_dir / "elsewhere");
     ASSERT_TRUE(wait_for_tracks(1)) << "a folder that has left";
     m_dir.write("music/a/1.wav", "longer");
@@ -161,6 +163,7 @@ TEST_F(LibraryTest, what_it_knew_is_there_at_the_next_start_unless_it_is_damaged
     m_dir.write("library.db", std::string(8192, 'x'));
     open({m_dir / "one"});
     EXPECT_TRUE(wait_for_tracks(1));
+    EXPECT_FALSE(m_library->view().track(id)) << "a device's queue means what was there before";
 }
 
 TEST_F(LibraryTest, an_album_shows_the_first_picture_beside_it_that_is_one) {

@@ -46,7 +46,8 @@ class CommandLine(HouseTest):
         queue = json.loads(self.ask("/api/devices/Kitchen/queue")[2])["items"]
         self.assertEqual([item["title"] for item in queue], ["Köln, früh 1", "Night Boats 2", "Köln, früh 2"])
         # In a library's order, from its second track on.
-        status, _, _ = self.ask("/api/devices/Kitchen/play", {"what": ["album:1"], "start": 1})
+        album = f"album:{self.first_album()['id']}"
+        status, _, _ = self.ask("/api/devices/Kitchen/play", {"what": [album], "start": 1})
         self.assertEqual(status, 200)
         wait_for("two tracks, the second one playing", lambda: [
             line[0] for line in self.command("queue", "Kitchen").splitlines()] == [" ", ">"])
@@ -88,7 +89,7 @@ class Addresses(HouseTest):
             self.addCleanup(process.kill)
         wait_for("the device", lambda: self.shown("Sixth").get("reach") == "reached")
         self.assertEqual([self.shown("Sixth")[key] for key in ("model", "addresses")], ["Sixth", ["fd00::5"]])
-        status, _, body = self.ask("/api/devices/Sixth/play", {"what": ["album:1"]})
+        status, _, body = self.ask("/api/devices/Sixth/play", {"what": [str(self.music)]})
         self.assertEqual((status, "IPv4" in json.loads(body)["error"]), (409, True), body)
 
 
@@ -122,7 +123,8 @@ class Peers(HouseTest):
         self.environment["NUVIO_CONTROLLER_PASSWORD"] = "sesame"
         self.command("play", "Kitchen", "night boats")
         wait_for("sound", lambda: self.shown("Kitchen").get("position_ms", 0) > 500)
-        track = "/music/content/1.flac"
+        album = self.first_album()
+        track = f"/music/content/{album['tracks'][0]['id']}.flac"
         bearer = {"Authorization": f"Bearer {self.token()}"}
         _, headers, whole = self.ask(track, headers=bearer)
         self.assertIn(whole, [path.read_bytes() for path in self.music.glob("*/*.flac")])
@@ -137,7 +139,7 @@ class Peers(HouseTest):
             answer = self.ask(track, headers={**bearer, **more})
             self.assertEqual((answer[0], answer[2] if body is not None else None), (status, body), more)
         self.assertEqual(self.ask(track, headers=bearer, method="HEAD")[1]["Content-Length"], str(len(whole)))
-        cover = "/music/cover/1"
+        cover = f"/music/cover/{album['id']}"
         self.assertEqual(self.ask(cover, headers=bearer)[2][:4], b"\x89PNG")
         for size in (320, 1000):
             status, headers, small = self.ask(f"{cover}?size={size}", headers=bearer)

@@ -257,7 +257,7 @@ class Page(HouseTest):
         attic.daemon.wait()
         phone.shows("Not on the network")
         phone.press("Choose Attic")
-        phone.open("#library/album/1")
+        phone.open(f"#library/album/{self.first_album()['id']}")
         phone.press("Play")
         wait_for("an answer", lambda: phone.toast() not in ("", "Asking Attic …"))
         self.assertEqual(phone.toast(), "the device is not on the network: is it switched on?")
@@ -305,7 +305,8 @@ class Page(HouseTest):
         for browser in browsers.values():
             browser.open("#devices")
             browser.shows("Night Boats 1")
-            self.judge_screens(browser, "devices", "library", "library/album/1", "library/artist/1",
+            album = f"library/album/{self.first_album()['id']}"
+            self.judge_screens(browser, "devices", "library", album, "library/artist/1",
                                "library/artists", "library/folders", "library/search/b", "library/search/zz",
                                "library/search/http%3A%2F%2Fradio", "queue", "playing")
             browser.open("#library")
@@ -349,7 +350,7 @@ class BehindAProxy(HouseTest):
         phone = Browser(self, "phone", url, SESAME)
         phone.shows("Kitchen")
         self.assertEqual(phone.run("return document.baseURI"), url + "/")
-        phone.open("#library/album/1")
+        phone.open(f"#library/album/{self.first_album()['id']}")
         phone.press("Play")
         wait_for("sound", lambda: self.shown("Kitchen").get("position_ms", 0) > 500)
         phone.open("#playing")
