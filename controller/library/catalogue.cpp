@@ -10,22 +10,23 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr int64_t kVersion = 3;
+constexpr int64_t kVersion = 4;
 
 // An album is what has one title and one album artist, or, where no album artist is said, one title
 // in one folder. `artist` null: several.
 constexpr char kSchema[] = R"(
 BEGIN;
 CREATE TABLE folders(id INTEGER PRIMARY KEY AUTOINCREMENT, root TEXT NOT NULL, below TEXT NOT NULL,
-    name TEXT NOT NULL, parent INTEGER NOT NULL, UNIQUE(root, below));
+    name TEXT NOT NULL, parent INTEGER NOT NULL, device INTEGER NOT NULL DEFAULT 0,
+    UNIQUE(root, below));
 CREATE INDEX folders_by_parent ON folders(parent, name);
 CREATE TABLE artists(id INTEGER PRIMARY KEY AUTOINCREMENT, name TEXT NOT NULL UNIQUE);
 CREATE TABLE albums(id INTEGER PRIMARY KEY AUTOINCREMENT, title TEXT NOT NULL, artist INTEGER,
     maker TEXT NOT NULL, year INTEGER NOT NULL, UNIQUE(title, maker));
 CREATE INDEX albums_by_artist ON albums(artist);
 CREATE INDEX albums_by_title ON albums(title COLLATE NOCASE);
-CREATE TABLE tracks(id INTEGER PRIMARY KEY AUTOINCREMENT, folder INTEGER NOT NULL, name TEXT NOT NULL,
-    size INTEGER NOT NULL, modified INTEGER NOT NULL, title TEXT NOT NULL, artist INTEGER NOT NULL,
+CREATE TABLE tracks(id INTEGER PRIMARY KEY AUTOINCREMENT,
+    folder INTEGER NOT NULL, name TEXT NOT NULL, size INTEGER NOT NULL, modified INTEGER NOT NULL, title TEXT NOT NULL, artist INTEGER NOT NULL,
     album INTEGER NOT NULL, disc INTEGER NOT NULL, number INTEGER NOT NULL,
     duration INTEGER NOT NULL, rate INTEGER NOT NULL, channels INTEGER NOT NULL,
     bits INTEGER NOT NULL, failure TEXT NOT NULL, UNIQUE(folder, name));
@@ -40,7 +41,7 @@ CREATE VIRTUAL TABLE artist_words USING fts5(name,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
 INSERT INTO sqlite_sequence(name, seq) VALUES('tracks', abs(random() % 2000000000)),
     ('albums', abs(random() % 2000000000));
-PRAGMA user_version = 3;
+PRAGMA user_version = 4;
 COMMIT;
 )";
 
@@ -76,6 +77,8 @@ Catalogue::Catalogue(const std::string& path)
       m_add_folder(
           m_database.prepare("INSERT INTO folders(root, below, name, parent) VALUES(?, ?, ?, ?)")),
       m_folder_at(m_database.prepare("SELECT root, below FROM folders WHERE id = ?")),
+      m_device_of(m_database.prepare("SELECT device FROM folders WHERE id = ?")),
+      m_set_device(m_database.prepare("UPDATE folders SET device = ?2 WHERE id = ?1")),
       m_files_in(
           m_database.prepare("SELECT name, id, size, modified FROM tracks WHERE folder = ?")),
       m_folders_in(m_database.prepare("SELECT name, id FROM folders WHERE parent = ?")),
@@ -132,6 +135,16 @@ Catalogue::Folder Catalogue::folder_at(int64_t id) {
     }
     m_folder_at.reset();
     return folder;
+}
+
+int64_t Catalogue::device_of(int64_t folder) {
+    const int64_t device = m_device_of.with(folder).step() ? m_device_of.number(0) : 0;
+    m_device_of.reset();
+    return device;
+}
+
+void Catalogue::set_device(int64_t folder, int64_t device) {
+    m_set_device.with(folder, device).run();
 }
 
 std::map<std::string, Catalogue::KnownFile> Catalogue::files_in(int64_t folder) {

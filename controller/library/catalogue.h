@@ -45,6 +45,9 @@ class Catalogue {
     int64_t folder(const std::string& root, const std::string& below, std::string_view name,
                    int64_t parent);
     Folder folder_at(int64_t id);
+    // The file system (st_dev) that it was read from; 0: it never was.
+    int64_t device_of(int64_t folder);
+    void set_device(int64_t folder, int64_t device);
     std::map<std::string, KnownFile> files_in(int64_t folder);
     std::map<std::string, int64_t> folders_in(int64_t folder);
 
@@ -69,7 +72,8 @@ class Catalogue {
                   uint32_t year);
 
     Database m_database;
-    Statement m_find_folder, m_add_folder, m_folder_at, m_files_in, m_folders_in;
+    Statement m_find_folder, m_add_folder, m_folder_at, m_device_of, m_set_device, m_files_in,
+        m_folders_in;
     Statement m_find_artist, m_add_artist, m_find_album, m_add_album;
     Statement m_put, m_unword, m_word, m_remove_file, m_remove_folder;
 };

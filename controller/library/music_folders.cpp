@@ -13,10 +13,8 @@ namespace nuvio::controller {
 
 namespace {
 
-// `folder` is "/" or has no '/' at its end.
-bool starts_with_folder(std::string_view path, std::string_view folder) {
-    return path.starts_with(folder) &&
-           (path.size() == folder.size() || folder.ends_with('/') || path[folder.size()] == '/');
+UniqueFd opened(const std::string& folder) {
+    return UniqueFd(open(folder.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
 }
 
 }  // namespace
@@ -24,25 +22,24 @@ bool starts_with_folder(std::string_view path, std::string_view folder) {
 MusicFolders::MusicFolders(const std::vector<std::string>& paths) {
     for (const std::string& path : paths) {
         std::error_code error;
-        const std::string real = std::filesystem::canonical(path, error);
-        UniqueFd fd(error ? -1 : open(real.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
-        if (fd) {
-            m_folders.push_back({real, std::move(fd)});
-        } else {
-            log_line(LogLevel::warning, "No folder, so no music from it: " + path);
+        const std::filesystem::path whole =
+            std::filesystem::absolute(path, error).lexically_normal();
+        const bool has_slash = !whole.has_filename() && whole.has_relative_path();
+        m_paths.push_back(has_slash ? whole.parent_path() : whole);
+        if (!opened(m_paths.back())) {
+            log_line(LogLevel::warning, "No folder now, so no music from it: " + path);
         }
     }
 }
 
 std::optional<size_t> MusicFolders::index_of(std::string_view path) const {
-    const auto found = std::ranges::find(m_folders, path, &Folder::path);
-    return found == m_folders.end() ? std::nullopt
-                                    : std::optional(static_cast<size_t>(found - m_folders.begin()));
+    const auto found = std::ranges::find(m_paths, path);
+    return found == m_paths.end() ? std::nullopt
+                                  : std::optional(static_cast<size_t>(found - m_paths.begin()));
 }
 
 UniqueFd MusicFolders::walk(size_t folder, std::string_view below, int flags) const {
-    const UniqueFd* at = &m_folders[folder].fd;
-    UniqueFd held;
+    UniqueFd held = opened(m_paths[folder]);
     while (true) {
         const size_t end = below.find('/');
         const std::string name(below.substr(0, end));
@@ -50,12 +47,11 @@ UniqueFd MusicFolders::walk(size_t folder, std::string_view below, int flags) co
         if (name == ".." || name.find('\0') != std::string::npos || (name.empty() && !is_last)) {
             return {};
         }
-        held = UniqueFd(openat(at->get(), name.empty() ? "." : name.c_str(),
+        held = UniqueFd(openat(held.get(), name.empty() ? "." : name.c_str(),
                                O_NOFOLLOW | O_CLOEXEC | (is_last ? flags : O_PATH | O_DIRECTORY)));
         if (is_last || !held) {
             return held;
         }
-        at = &held;
         below.remove_prefix(end + 1);
     }
 }
@@ -78,9 +74,10 @@ std::vector<MusicFolders::Place> MusicFolders::places_of(const std::string& path
     std::error_code error;
     const std::string real = std::filesystem::canonical(path, error);
     std::vector<Place> places;
-    for (size_t i = 0; !error && i < m_folders.size(); ++i) {
-        const std::string& folder = m_folders[i].path;
-        if (starts_with_folder(real, folder)) {
+    for (size_t i = 0; !error && i < m_paths.size(); ++i) {
+        std::error_code is_missing;
+        const std::string folder = std::filesystem::canonical(m_paths[i], is_missing);
+        if (!is_missing && is_within(real, folder)) {
             std::string below = real.substr(folder.size());
             below.erase(0, below.starts_with('/') ? 1 : 0);
             places.push_back({i, std::move(below)});

@@ -45,6 +45,7 @@ int64_t nanoseconds(const timespec& time) {
 }  // namespace
 
 struct Scanner::Listing {
+    int64_t device = 0;  // the file system that the folder is on
     std::map<std::string, Catalogue::KnownFile> files;
     std::set<std::string> folders;
 };
@@ -54,6 +55,7 @@ Scanner::Scanner(const MusicFolders& folders, const std::string& catalogue_path,
     : m_folders(folders),
       m_path(catalogue_path),
       m_on_change(std::move(on_change)),
+      m_mounts(folders.paths()),
       m_reports(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
       m_wake_up(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)),
       m_thread([this] { run(); }) {}
@@ -139,13 +141,8 @@ void Scanner::finish() {
 
 void Scanner::scan_everything() {
     m_changed.clear();
-    std::vector<std::string> roots;
-    roots.reserve(m_folders.count());
-    for (size_t i = 0; i < m_folders.count(); ++i) {
-        roots.push_back(m_folders.path(i));
-    }
-    m_catalogue->keep_only(roots);
-    for (const std::string& root : roots) {
+    m_catalogue->keep_only(m_folders.paths());
+    for (const std::string& root : m_folders.paths()) {
         scan_below(root, "", m_catalogue->folder(root, "", last_name(root), 0), true);
     }
 }
@@ -170,7 +167,7 @@ void Scanner::scan_below(const std::string& root, const std::string& below, int6
         const Task task = std::move(tasks.back());
         tasks.pop_back();
         Listing listing;
-        if (!list(root, task.below, task.id, &listing)) {
+        if (!list(root, task.below, task.id, &listing) || is_disk_away(task.id, listing)) {
             continue;
         }
         const auto known = m_catalogue->folders_in(task.id);
@@ -200,6 +197,11 @@ bool Scanner::list(const std::string& root, const std::string& below, int64_t id
         return false;
     }
     const int folder_fd = fd.release();  // the DIR's now
+    struct stat own {};
+    if (fstat(folder_fd, &own) != 0) {
+        return false;
+    }
+    listing->device = static_cast<int64_t>(own.st_dev);
     errno = 0;
     while (const dirent* entry = readdir(folder.get())) {
         const std::string name = entry->d_name;
@@ -216,6 +218,20 @@ bool Scanner::list(const std::string& root, const std::string& below, int64_t id
         errno = 0;
     }
     return errno == 0;
+}
+
+// What is not away is noted. A disk's number may be another one at each mount, so what has
+// something in it is taken for the disk.
+bool Scanner::is_disk_away(int64_t id, const Listing& listing) {
+    const int64_t known = m_catalogue->device_of(id);
+    if (known == listing.device) {
+        return false;
+    }
+    if (known != 0 && listing.files.empty() && listing.folders.empty()) {
+        return true;
+    }
+    m_catalogue->set_device(id, listing.device);
+    return false;
 }
 
 // Brings the catalogue's folder in line with the disk's; true when something was to be done.
@@ -323,7 +339,8 @@ void Scanner::unwatch(const std::vector<int64_t>& folders) {
 
 // Until there is something to do; after the first report until a pause in them.
 void Scanner::wait_and_follow() {
-    std::array<pollfd, 2> waits{{{m_reports.get(), POLLIN, 0}, {m_wake_up.get(), POLLIN, 0}}};
+    std::array<pollfd, 3> waits{
+        {{m_reports.get(), POLLIN, 0}, {m_wake_up.get(), POLLIN, 0}, {m_mounts.fd(), POLLPRI, 0}}};
     const auto begin = Clock::now();
     while (!m_is_ending && !m_is_scan_wanted) {
         const bool has_changes = !m_changed.empty();
@@ -336,6 +353,9 @@ void Scanner::wait_and_follow() {
         }
         eventfd_t ignored = 0;
         eventfd_read(m_wake_up.get(), &ignored);
+        if (waits[2].revents != 0 && m_mounts.have_come()) {
+            m_is_scan_wanted = true;
+        }
         read_reports();
     }
 }
@@ -356,8 +376,13 @@ void Scanner::read_reports() {
                 continue;
             }
             if ((report.mask & IN_IGNORED) != 0) {
-                m_watch_of_folder.erase(folder->second);
+                const auto watch = m_watch_of_folder.find(folder->second);
+                if (watch != m_watch_of_folder.end() && watch->second == report.wd) {
+                    m_watch_of_folder.erase(watch);  // else it is watched on another disk by now
+                }
                 m_folder_of_watch.erase(folder);
+            } else if ((report.mask & IN_UNMOUNT) != 0) {
+                continue;  // a disk that is away: looking for it could mount it again
             } else if ((report.mask & (IN_CREATE | IN_ISDIR)) != IN_CREATE) {
                 m_changed.insert(folder->second);  // a new file is read when it has been written
             }

@@ -1,9 +1,11 @@
 // Keeps the catalogue true: reads the music folders in the background, then follows the kernel's
-// reports of changes (inotify).
+// reports of changes (inotify) and of disks that are mounted.
 //
 // Threads  one of its own, from construction to destruction; request_scan and progress from any.
 //          `on_change` is called on it, at most twice a second while it reads.
-// Disks    a folder that can't be read keeps what is known of it: a disk may be away for a while.
+// Disks    a folder that can't be read keeps what is known of it, and so does one that is empty
+//          and on another file system than it was read from, where a disk is mounted at other
+//          times: a disk may be away for a while. Between scans none is held.
 // Files    are read by a process of its own, the same for the whole of a scan. One that ends it is
 //          listed by its name, and not read again until it has changed.
 #pragma once
@@ -22,6 +24,7 @@
 
 #include "common/unique_fd.h"
 #include "controller/library/catalogue.h"
+#include "controller/library/mounts.h"
 #include "controller/library/music_folders.h"
 #include "reader/client/music_reader.h"
 
@@ -64,6 +67,7 @@ class Scanner {
              const Catalogue::KnownFile& file);
     UniqueFd open_file(const std::string& root, const std::string& below) const;
     bool list(const std::string& root, const std::string& below, int64_t id, Listing* listing);
+    bool is_disk_away(int64_t id, const Listing& listing);
     void watch(int64_t folder, int fd);
     void unwatch(const std::vector<int64_t>& folders);
     void read_reports();
@@ -76,6 +80,7 @@ class Scanner {
     const MusicFolders& m_folders;
     const std::string m_path;
     const std::function<void()> m_on_change;
+    Mounts m_mounts;
     UniqueFd m_reports;  // inotify
     UniqueFd m_wake_up;
     std::atomic<bool> m_is_ending = false;

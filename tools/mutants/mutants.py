@@ -35,6 +35,7 @@ AREAS = {
                                    "bus_test"]),
     "common": Area(["common"], ["files_test", "reader_test", "linux_host_configuration_test"]),
     "reader": Area(["reader"], ["reader_test"]),
+    "library": Area(["controller/library"], ["controller_library_test"]),
     "page": Area(["controller/page"], ["test_page"]),
     "card": Area(["tools/simcard"], ["sink_test", "fault_matrix_test"]),
 }
