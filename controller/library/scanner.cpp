@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
+#include <ctime>
 
 #include "common/music/names.h"
 #include "common/released_by.h"
@@ -367,26 +368,52 @@ void Scanner::read_reports() {
         for (ssize_t at = 0; at < got;) {
             inotify_event report{};
             std::memcpy(&report, buffer.data() + at, sizeof report);
+            const char* const name = buffer.data() + at + sizeof report;
             at += static_cast<ssize_t>(sizeof report + report.len);
-            if ((report.mask & IN_Q_OVERFLOW) != 0) {
-                m_is_scan_wanted = true;
-            }
-            const auto folder = m_folder_of_watch.find(report.wd);
-            if (folder == m_folder_of_watch.end()) {
-                continue;
-            }
-            if ((report.mask & IN_IGNORED) != 0) {
-                const auto watch = m_watch_of_folder.find(folder->second);
-                if (watch != m_watch_of_folder.end() && watch->second == report.wd) {
-                    m_watch_of_folder.erase(watch);  // else it is watched on another disk by now
-                }
-                m_folder_of_watch.erase(folder);
-            } else if ((report.mask & IN_UNMOUNT) != 0) {
-                continue;  // a disk that is away: looking for it could mount it again
-            } else if ((report.mask & (IN_CREATE | IN_ISDIR)) != IN_CREATE) {
-                m_changed.insert(folder->second);  // a new file is read when it has been written
-            }
+            take(report, report.len > 0 ? name : "");
         }
+    }
+}
+
+void Scanner::take(const inotify_event& report, const std::string& name) {
+    if ((report.mask & IN_Q_OVERFLOW) != 0) {
+        m_is_scan_wanted = true;
+    }
+    const auto found = m_folder_of_watch.find(report.wd);
+    if (found == m_folder_of_watch.end()) {
+        return;
+    }
+    const int64_t folder = found->second;
+    if ((report.mask & IN_IGNORED) != 0) {
+        const auto watch = m_watch_of_folder.find(folder);
+        if (watch != m_watch_of_folder.end() && watch->second == report.wd) {
+            m_watch_of_folder.erase(watch);  // else it is watched on another disk by now
+        }
+        m_folder_of_watch.erase(found);
+    } else if ((report.mask & IN_UNMOUNT) == 0 &&  // to look for a disk could mount it again
+               ((report.mask & (IN_CREATE | IN_ISDIR)) != IN_CREATE || came_whole(folder, name))) {
+        m_changed.insert(folder);
+    }
+}
+
+// Of a file that is new in a folder. One that is being written is read when it has been, which is
+// reported; a hard link, and what takes its one name by way of a link, reports nothing more.
+bool Scanner::came_whole(int64_t folder, const std::string& name) {
+    if (audio_kind_of(name) == nullptr) {
+        return false;
+    }
+    try {
+        const Catalogue::Folder at =
+            m_catalogue ? m_catalogue->folder_at(folder) : Catalogue::Folder{};
+        const UniqueFd file = open_file(at.root, joined(at.below, name));
+        struct stat status {};
+        timespec now{};
+        clock_gettime(CLOCK_REALTIME, &now);
+        return fstat(file.get(), &status) == 0 &&
+               (status.st_nlink > 1 || nanoseconds(now) - nanoseconds(status.st_mtim) >
+                                           int64_t{kLongestSettleMs} * 1'000'000);
+    } catch (const DatabaseError&) {
+        return true;  // the scan says it
     }
 }
 

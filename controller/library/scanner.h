@@ -28,6 +28,8 @@
 #include "controller/library/music_folders.h"
 #include "reader/client/music_reader.h"
 
+struct inotify_event;
+
 namespace nuvio::controller {
 
 struct ScanProgress {
@@ -71,6 +73,8 @@ class Scanner {
     void watch(int64_t folder, int fd);
     void unwatch(const std::vector<int64_t>& folders);
     void read_reports();
+    void take(const inotify_event& report, const std::string& name);
+    bool came_whole(int64_t folder, const std::string& name);
     void write_what_is_due();
     void note_tracks();
     void finish();

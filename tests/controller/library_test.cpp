@@ -143,6 +143,8 @@ TEST_F(LibraryTest, it_follows_the_disk_without_being_asked) {
     EXPECT_FALSE(m_library->view().track(left)) << "its number is not given to another";
     std::filesystem::rename(m_dir / "music/c", m_dir / "elsewhere");
     ASSERT_TRUE(wait_for_tracks(1)) << "a folder that has left";
+    std::filesystem::create_hard_link(m_dir / "elsewhere/deep/5.wav", m_dir / "music/a/2.wav");
+    ASSERT_TRUE(wait_for_tracks(2)) << "a hard link";
     m_dir.write("music/a/1.wav", "longer");
     m_library->request_scan();
     ASSERT_TRUE(wait_for([&] { return m_library->progress().revision > 0; }));
