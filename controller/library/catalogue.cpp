@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-#include "controller/base/log.h"
-
 namespace nuvio::controller {
 
 namespace {
@@ -45,34 +43,26 @@ PRAGMA user_version = 4;
 COMMIT;
 )";
 
-void remove_files(const std::string& path) {
-    for (const char* end : {"", "-wal", "-shm"}) {
-        unlink((path + end).c_str());
-    }
-}
-
-Database open_or_make(const std::string& path) {
-    try {
-        Database database(path);
-        if (database.user_version() == kVersion) {
-            Statement check = database.prepare("PRAGMA quick_check(1)");
-            if (check.step() && check.text(0) == "ok") {
-                return database;
-            }
-        }
-    } catch (const DatabaseError& error) {
-        log_line(LogLevel::warning, std::string("The library is read anew: ") + error.what());
-    }
-    remove_files(path);
+Database opened(const std::string& path) {
     Database database(path);
-    database.run(kSchema);
+    if (!database.prepare("SELECT 1 FROM sqlite_master").step()) {
+        database.run(kSchema);
+        return database;
+    }
+    if (database.user_version() != kVersion) {
+        throw DatabaseError(SQLITE_NOTADB, "its file is of another version");
+    }
+    Statement check = database.prepare("PRAGMA quick_check(1)");
+    if (check.step() && check.text(0) != "ok") {
+        throw DatabaseError(SQLITE_CORRUPT, check.text(0));
+    }
     return database;
 }
 
 }  // namespace
 
 Catalogue::Catalogue(const std::string& path)
-    : m_database(open_or_make(path)),
+    : m_database(opened(path)),
       m_find_folder(m_database.prepare("SELECT id FROM folders WHERE root = ? AND below = ?")),
       m_add_folder(
           m_database.prepare("INSERT INTO folders(root, below, name, parent) VALUES(?, ?, ?, ?)")),
@@ -101,6 +91,12 @@ Catalogue::Catalogue(const std::string& path)
           "INSERT INTO track_words(rowid, title, artist, album) VALUES(?, ?, ?, ?)")),
       m_remove_file(m_database.prepare("DELETE FROM tracks WHERE id = ?")),
       m_remove_folder(m_database.prepare("DELETE FROM folders WHERE id = ?")) {}
+
+void Catalogue::remove(const std::string& path) {
+    for (const char* end : {"", "-wal", "-shm"}) {
+        unlink((path + end).c_str());
+    }
+}
 
 void Catalogue::keep_only(const std::vector<std::string>& roots) {
     std::vector<int64_t> unwanted;

@@ -1,11 +1,11 @@
 // The library's tables as the scanner writes them: folders, tracks, albums, artists, and the words
-// they are found by. A cache of what the music folders hold: a file of another version, or a
-// damaged one, is made anew.
+// they are found by. A cache of what the music folders hold, so a file of another version, or a
+// damaged one, may be removed and made anew.
 //
 // Numbers  an id is given once; those of tracks and albums, which devices keep in their queues,
 //          also begin elsewhere in a file that is made anew.
 // Threads  one at a time; the scanner's. Readers have connections of their own (`LibraryView`).
-// Errors   DatabaseError.
+// Errors   DatabaseError; a file of another version counts as damaged.
 #pragma once
 
 #include <cstdint>
@@ -21,8 +21,10 @@ namespace nuvio::controller {
 
 class Catalogue {
   public:
-    // Makes the file, its folders exist.
+    // Makes the file where there is none; its folders exist.
     explicit Catalogue(const std::string& path);
+    // The file; nobody has it open.
+    static void remove(const std::string& path);
 
     struct KnownFile {
         int64_t id;

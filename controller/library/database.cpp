@@ -8,13 +8,14 @@ Statement::Statement(sqlite3* connection, std::string_view sql) {
                                         SQLITE_PREPARE_PERSISTENT, &statement, nullptr);
     m_statement.reset(statement);
     if (code != SQLITE_OK) {
-        throw DatabaseError(sqlite3_errmsg(connection));
+        throw DatabaseError(code == SQLITE_ERROR ? SQLITE_CORRUPT : code,
+                            sqlite3_errmsg(connection));
     }
 }
 
 void Statement::check(int code) const {
     if (code != SQLITE_OK) {
-        throw DatabaseError(sqlite3_errmsg(sqlite3_db_handle(m_statement.get())));
+        throw DatabaseError(code, sqlite3_errmsg(sqlite3_db_handle(m_statement.get())));
     }
 }
 
@@ -64,7 +65,7 @@ Database::Database(const std::string& path) {
                         SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
     m_connection.reset(connection);
     if (code != SQLITE_OK) {
-        throw DatabaseError(path + ": " + sqlite3_errstr(code));
+        throw DatabaseError(code, path + ": " + sqlite3_errstr(code));
     }
     sqlite3_busy_timeout(connection, 10'000);
     run("PRAGMA journal_mode = WAL; PRAGMA synchronous = NORMAL; PRAGMA cache_size = -2000;"
@@ -72,8 +73,9 @@ Database::Database(const std::string& path) {
 }
 
 void Database::run(const char* sql) {
-    if (sqlite3_exec(m_connection.get(), sql, nullptr, nullptr, nullptr) != SQLITE_OK) {
-        throw DatabaseError(sqlite3_errmsg(m_connection.get()));
+    const int code = sqlite3_exec(m_connection.get(), sql, nullptr, nullptr, nullptr);
+    if (code != SQLITE_OK) {
+        throw DatabaseError(code, sqlite3_errmsg(m_connection.get()));
     }
 }
 

@@ -18,12 +18,20 @@ namespace nuvio::controller {
 
 class DatabaseError : public std::runtime_error {
   public:
-    using std::runtime_error::runtime_error;
+    // `code`: SQLite's.
+    DatabaseError(int code, const std::string& text) : std::runtime_error(text), m_code(code) {}
+
+    // The file is no library, or no longer one; anything else may pass.
+    bool is_damage() const { return m_code == SQLITE_CORRUPT || m_code == SQLITE_NOTADB; }
+
+  private:
+    int m_code;
 };
 
 // A statement that may be run any number of times: bind, step until false, reset.
 class Statement {
   public:
+    // A file that lacks what the statement names is damaged.
     Statement(sqlite3* connection, std::string_view sql);
 
     // Binds all parameters from the first on and starts anew. Texts are copied.

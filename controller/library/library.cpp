@@ -12,10 +12,13 @@ namespace {
 
 constexpr size_t kMaxPlaylistFile = size_t{1} << 20U;
 
-// Makes the file where it is missing or of another version.
 std::string made_database(const std::string& state_folder) {
     std::string path = state_folder + "/library.db";
-    static_cast<void>(Catalogue(path));
+    try {
+        static_cast<void>(Catalogue(path));
+    } catch (const DatabaseError&) {
+        return path;  // the first scan makes it anew, or says why it can't be had
+    }
     return path;
 }
 
@@ -34,9 +37,9 @@ Library::Library(const std::vector<std::string>& folders, const std::string& sta
                  std::function<void()> on_change)
     : m_folders(folders),
       m_database(made_database(state_folder)),
-      m_view(m_database),
+      m_view(m_database, [this](const DatabaseError& error) { m_scanner.make_anew(error); }),
       m_covers(m_folders, state_folder + "/covers"),
-      m_scanner(m_folders, m_database, std::move(on_change)) {}
+      m_scanner(m_folders, m_database, m_view, std::move(on_change)) {}
 
 std::optional<Library::File> Library::open_track(int64_t id) {
     const std::optional<Track> track = m_view.track(id);

@@ -67,7 +67,7 @@ class Library {
     Selection select_playlist(const MusicFolders::Place& place);
 
     const MusicFolders m_folders;
-    const std::string m_database;  // made by the time its readers open it
+    const std::string m_database;  // made by the time its readers open it, unless it can't be
     LibraryView m_view;
     Covers m_covers;
     Scanner m_scanner;

@@ -48,6 +48,17 @@ std::string join_path(const std::string& below, const std::string& name) {
     return below.empty() ? name : below + "/" + name;
 }
 
+std::vector<Track> read_tracks(Statement& rows) {
+    std::vector<Track> tracks;
+    while (rows.step()) {
+        tracks.push_back({rows.number(0), rows.text(1), rows.text(2), rows.text(3), rows.number(4),
+                          rows.number(5), rows.text(6), join_path(rows.text(7), rows.text(8)),
+                          rows.number(9), rows.number(10), rows.number(11), rows.number(12),
+                          rows.number(13), rows.number(14), rows.number(15) != 0});
+    }
+    return tracks;
+}
+
 // "don't stop" asks for words that begin with "don", "t" and "stop". What is no letter or digit
 // separates, as the index has it.
 std::string match_of(const std::string& text) {
@@ -77,97 +88,115 @@ std::string match_of(const std::string& text) {
 
 }  // namespace
 
-std::vector<Track> LibraryView::read_tracks(Statement& rows) {
-    std::vector<Track> tracks;
-    while (rows.step()) {
-        tracks.push_back({rows.number(0), rows.text(1), rows.text(2), rows.text(3), rows.number(4),
-                          rows.number(5), rows.text(6), join_path(rows.text(7), rows.text(8)),
-                          rows.number(9), rows.number(10), rows.number(11), rows.number(12),
-                          rows.number(13), rows.number(14), rows.number(15) != 0});
+template <typename Question>
+auto LibraryView::ask(Question question) {
+    const std::scoped_lock lock(m_mutex);
+    try {
+        if (!m_database) {
+            m_database.emplace(m_path);
+        }
+        return question(*m_database);
+    } catch (const DatabaseError& error) {
+        if (error.is_damage()) {
+            m_on_damage(error);
+        }
+        throw;
     }
-    return tracks;
+}
+
+void LibraryView::replace_file(const std::function<void()>& replace) {
+    const std::scoped_lock lock(m_mutex);
+    m_database.reset();
+    replace();
 }
 
 std::vector<Track> LibraryView::tracks(const char* condition, int64_t id, int64_t limit) {
-    const std::scoped_lock lock(m_mutex);
-    Statement rows = m_database.prepare(std::string(kTrackColumns) + condition);
-    return read_tracks(rows.with(id, limit));
+    return ask([&](Database& database) {
+        Statement rows = database.prepare(std::string(kTrackColumns) + condition);
+        return read_tracks(rows.with(id, limit));
+    });
 }
 
 std::vector<UnreadableFile> LibraryView::unreadable(int64_t limit) {
-    const std::scoped_lock lock(m_mutex);
-    Statement rows = m_database.prepare(
-        "SELECT root, below, tracks.name, failure FROM tracks JOIN folders"
-        " ON folders.id = tracks.folder WHERE failure != '' ORDER BY root, below, tracks.name"
-        " LIMIT ?");
-    rows.with(limit);
-    std::vector<UnreadableFile> files;
-    while (rows.step()) {
-        files.push_back(
-            {join_path(join_path(rows.text(0), rows.text(1)), rows.text(2)), rows.text(3)});
-    }
-    return files;
+    return ask([&](Database& database) {
+        Statement rows = database.prepare(
+            "SELECT root, below, tracks.name, failure FROM tracks JOIN folders"
+            " ON folders.id = tracks.folder WHERE failure != '' ORDER BY root, below, tracks.name"
+            " LIMIT ?");
+        rows.with(limit);
+        std::vector<UnreadableFile> files;
+        while (rows.step()) {
+            files.push_back(
+                {join_path(join_path(rows.text(0), rows.text(1)), rows.text(2)), rows.text(3)});
+        }
+        return files;
+    });
 }
 
 std::vector<Album> LibraryView::albums(Page page) {
-    const std::scoped_lock lock(m_mutex);
-    Statement rows = m_database.prepare(std::string(kAlbumColumns) +
-                                        "ORDER BY albums.title COLLATE NOCASE LIMIT ? OFFSET ?");
-    return read_albums(rows.with(page.count, page.first));
+    return ask([&](Database& database) {
+        Statement rows = database.prepare(std::string(kAlbumColumns) +
+                                          "ORDER BY albums.title COLLATE NOCASE LIMIT ? OFFSET ?");
+        return read_albums(rows.with(page.count, page.first));
+    });
 }
 
 std::vector<Album> LibraryView::albums_of_artist(int64_t artist) {
-    const std::scoped_lock lock(m_mutex);
-    Statement rows = m_database.prepare(
-        std::string(kAlbumColumns) +
-        "WHERE albums.artist = ?1 OR albums.id IN (SELECT album FROM tracks WHERE artist = ?1)"
-        " ORDER BY year, albums.title COLLATE NOCASE LIMIT 500");
-    return read_albums(rows.with(artist));
+    return ask([&](Database& database) {
+        Statement rows = database.prepare(
+            std::string(kAlbumColumns) +
+            "WHERE albums.artist = ?1 OR albums.id IN (SELECT album FROM tracks WHERE artist = ?1)"
+            " ORDER BY year, albums.title COLLATE NOCASE LIMIT 500");
+        return read_albums(rows.with(artist));
+    });
 }
 
 std::vector<Artist> LibraryView::artists(Page page) {
-    const std::scoped_lock lock(m_mutex);
-    Statement rows =
-        m_database.prepare(std::string(kArtistColumns) +
-                           "WHERE name != '' ORDER BY name COLLATE NOCASE LIMIT ? OFFSET ?");
-    return read_artists(rows.with(page.count, page.first));
+    return ask([&](Database& database) {
+        Statement rows =
+            database.prepare(std::string(kArtistColumns) +
+                             "WHERE name != '' ORDER BY name COLLATE NOCASE LIMIT ? OFFSET ?");
+        return read_artists(rows.with(page.count, page.first));
+    });
 }
 
 std::string LibraryView::artist_name(int64_t id) {
-    const std::scoped_lock lock(m_mutex);
-    Statement row = m_database.prepare("SELECT name FROM artists WHERE id = ?");
-    return row.with(id).step() ? row.text(0) : std::string();
+    return ask([&](Database& database) {
+        Statement row = database.prepare("SELECT name FROM artists WHERE id = ?");
+        return row.with(id).step() ? row.text(0) : std::string();
+    });
 }
 
 std::optional<Album> LibraryView::album(int64_t id) {
-    const std::scoped_lock lock(m_mutex);
-    Statement row = m_database.prepare(std::string(kAlbumColumns) + "WHERE albums.id = ?");
-    return row.with(id).step() ? std::optional(read_album(row)) : std::nullopt;
+    return ask([&](Database& database) {
+        Statement row = database.prepare(std::string(kAlbumColumns) + "WHERE albums.id = ?");
+        return row.with(id).step() ? std::optional(read_album(row)) : std::nullopt;
+    });
 }
 
 FolderPage LibraryView::folder(int64_t id) {
     FolderPage page;
-    {
-        const std::scoped_lock lock(m_mutex);
-        Statement own = m_database.prepare("SELECT id, parent, name FROM folders WHERE id = ?");
+    ask([&](Database& database) {
+        Statement own = database.prepare("SELECT id, parent, name FROM folders WHERE id = ?");
         if (own.with(id).step()) {
             page = {own.number(0), own.number(1), own.text(2), {}, {}};
         }
-        Statement rows = m_database.prepare(
+        Statement rows = database.prepare(
             "SELECT id, name FROM folders WHERE parent = ? ORDER BY name COLLATE NOCASE");
         rows.with(id);
         while (rows.step()) {
             page.folders.push_back({rows.number(0), rows.text(1)});
         }
-    }
+    });
     page.tracks = tracks("WHERE tracks.folder = ? ORDER BY tracks.name LIMIT ?", id, 5000);
     return page;
 }
 
 std::optional<int64_t> LibraryView::folder_at(const std::string& root, const std::string& below) {
-    const std::scoped_lock lock(m_mutex);
-    Statement row = m_database.prepare("SELECT id FROM folders WHERE root = ? AND below = ?");
-    return row.with(root, below).step() ? std::optional(row.number(0)) : std::nullopt;
+    return ask([&](Database& database) {
+        Statement row = database.prepare("SELECT id FROM folders WHERE root = ? AND below = ?");
+        return row.with(root, below).step() ? std::optional(row.number(0)) : std::nullopt;
+    });
 }
 
 std::optional<Track> LibraryView::track(int64_t id) {
@@ -179,12 +208,13 @@ std::optional<Track> LibraryView::track_at(const std::string& root, const std::s
     const size_t slash = below.rfind('/');
     const std::string folder = slash == std::string::npos ? "" : below.substr(0, slash);
     const std::string name = slash == std::string::npos ? below : below.substr(slash + 1);
-    const std::scoped_lock lock(m_mutex);
-    Statement rows = m_database.prepare(std::string(kTrackColumns) +
-                                        "WHERE root = ? AND below = ? AND "
-                                        "tracks.name = ?");
-    const std::vector<Track> found = read_tracks(rows.with(root, folder, name));
-    return found.empty() ? std::nullopt : std::optional(found.front());
+    return ask([&](Database& database) {
+        Statement rows = database.prepare(std::string(kTrackColumns) +
+                                          "WHERE root = ? AND below = ? AND "
+                                          "tracks.name = ?");
+        const std::vector<Track> found = read_tracks(rows.with(root, folder, name));
+        return found.empty() ? std::nullopt : std::optional(found.front());
+    });
 }
 
 std::vector<Track> LibraryView::tracks_of_album(int64_t album, int64_t limit) {
@@ -213,20 +243,21 @@ Found LibraryView::search(const std::string& text, int64_t limit) {
     if (match.empty()) {
         return found;
     }
-    const std::scoped_lock lock(m_mutex);
-    Statement artists = m_database.prepare(
-        std::string(kArtistColumns) +
-        "WHERE id IN (SELECT rowid FROM artist_words WHERE artist_words MATCH ? LIMIT ?)");
-    found.artists = read_artists(artists.with(match, limit));
-    Statement albums = m_database.prepare(
-        std::string(kAlbumColumns) +
-        "WHERE albums.id IN (SELECT rowid FROM album_words WHERE album_words MATCH ? LIMIT ?)");
-    found.albums = read_albums(albums.with(match, limit));
-    Statement rows = m_database.prepare(
-        std::string(kTrackColumns) +
-        "WHERE tracks.id IN (SELECT rowid FROM track_words WHERE track_words MATCH ? LIMIT ?)");
-    found.tracks = read_tracks(rows.with(match, limit));
-    return found;
+    return ask([&](Database& database) {
+        Statement artists = database.prepare(
+            std::string(kArtistColumns) +
+            "WHERE id IN (SELECT rowid FROM artist_words WHERE artist_words MATCH ? LIMIT ?)");
+        found.artists = read_artists(artists.with(match, limit));
+        Statement albums = database.prepare(
+            std::string(kAlbumColumns) +
+            "WHERE albums.id IN (SELECT rowid FROM album_words WHERE album_words MATCH ? LIMIT ?)");
+        found.albums = read_albums(albums.with(match, limit));
+        Statement rows = database.prepare(
+            std::string(kTrackColumns) +
+            "WHERE tracks.id IN (SELECT rowid FROM track_words WHERE track_words MATCH ? LIMIT ?)");
+        found.tracks = read_tracks(rows.with(match, limit));
+        return found;
+    });
 }
 
 }  // namespace nuvio::controller

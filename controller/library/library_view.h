@@ -2,6 +2,7 @@
 //
 // Threads  any; one question at a time, each on a snapshot of its own. Waits for the disk.
 // Errors   DatabaseError. Unknown ids lead to empty answers.
+// File     opened with the first question, and with the first one after it was replaced.
 #pragma once
 
 #include <cstdint>
@@ -60,8 +61,14 @@ struct UnreadableFile {
 
 class LibraryView {
   public:
-    // The file that a Catalogue has made.
-    explicit LibraryView(const std::string& path) : m_database(path) {}
+    // Of the file that a Catalogue has made. `on_damage` is called from within a question that
+    // finds it damaged, before this throws; it must not ask.
+    LibraryView(std::string path, std::function<void(const DatabaseError&)> on_damage)
+        : m_path(std::move(path)), m_on_damage(std::move(on_damage)) {}
+
+    // Lets go of the file and calls `replace`, which puts another in its place; questions wait.
+    // What it throws goes through.
+    void replace_file(const std::function<void()>& replace);
 
     struct Page {
         int64_t first = 0;
@@ -94,11 +101,14 @@ class LibraryView {
     Found search(const std::string& text, int64_t limit);
 
   private:
+    template <typename Question>
+    auto ask(Question question);
     std::vector<Track> tracks(const char* condition, int64_t id, int64_t limit);
-    std::vector<Track> read_tracks(Statement& rows);
 
+    const std::string m_path;
+    const std::function<void(const DatabaseError&)> m_on_damage;
     std::mutex m_mutex;
-    Database m_database;
+    std::optional<Database> m_database;  // under m_mutex
 };
 
 }  // namespace nuvio::controller

@@ -22,6 +22,7 @@ namespace nuvio::controller {
 
 namespace {
 
+constexpr char kMadeAnew[] = "The library is read anew: ";
 using Clock = std::chrono::steady_clock;
 constexpr auto kBetweenWrites = std::chrono::milliseconds(500);
 // Programs that copy an album report each file: the folder is read when they pause.
@@ -51,10 +52,11 @@ struct Scanner::Listing {
     std::set<std::string> folders;
 };
 
-Scanner::Scanner(const MusicFolders& folders, const std::string& catalogue_path,
+Scanner::Scanner(const MusicFolders& folders, const std::string& catalogue_path, LibraryView& view,
                  std::function<void()> on_change)
     : m_folders(folders),
       m_path(catalogue_path),
+      m_view(view),
       m_on_change(std::move(on_change)),
       m_mounts(folders.paths()),
       m_reports(inotify_init1(IN_NONBLOCK | IN_CLOEXEC)),
@@ -73,6 +75,17 @@ void Scanner::request_scan() {
     eventfd_write(m_wake_up.get(), 1);
 }
 
+void Scanner::make_anew(const DatabaseError& error) {
+    const std::string failure = std::string(kMadeAnew) + error.what();
+    log_line(LogLevel::error, failure);
+    {
+        const std::scoped_lock lock(m_mutex);
+        m_progress.failure = failure;
+    }
+    m_is_damaged = true;
+    request_scan();
+}
+
 ScanProgress Scanner::progress() const {
     const std::scoped_lock lock(m_mutex);
     return m_progress;
@@ -89,7 +102,23 @@ void Scanner::run() {
     }
 }
 
-// Whatever fails is tried again with the next change or request.
+void Scanner::open_catalogue() {
+    if (m_is_damaged) {
+        m_catalogue.reset();
+        m_folder_of_watch.clear();
+        m_watch_of_folder.clear();
+        m_view.replace_file([this] {
+            m_is_damaged = false;  // in here, as readers told of the old file until now
+            Catalogue::remove(m_path);
+            m_catalogue = std::make_unique<Catalogue>(m_path);
+        });
+    } else if (m_catalogue == nullptr) {
+        m_catalogue = std::make_unique<Catalogue>(m_path);
+    }
+}
+
+// What fails is tried again with the next change or request; at once where the file is damaged, but
+// not twice, as then it is the disk.
 template <typename Work>
 void Scanner::scan(Work work) {
     {
@@ -99,10 +128,9 @@ void Scanner::scan(Work work) {
     }
     m_on_change();
     m_failure.clear();
+    const bool is_made_anew = m_is_damaged;
     try {
-        if (m_catalogue == nullptr) {
-            m_catalogue = std::make_unique<Catalogue>(m_path);
-        }
+        open_catalogue();
         m_last_write = Clock::now();
         m_catalogue->begin();
         work();
@@ -112,8 +140,13 @@ void Scanner::scan(Work work) {
         m_catalogue->commit();
         note_tracks();
     } catch (const DatabaseError& error) {
-        m_failure = std::string("The library can't be written: ") + error.what();
+        m_failure = error.is_damage() ? kMadeAnew : "The library can't be written: ";
+        m_failure += error.what();
         m_catalogue.reset();
+        if (error.is_damage()) {
+            m_is_damaged = true;
+            m_is_scan_wanted = m_is_scan_wanted || !is_made_anew;
+        }
     }
     m_reader.rest();
     if (!m_failure.empty()) {

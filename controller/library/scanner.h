@@ -3,6 +3,9 @@
 //
 // Threads  one of its own, from construction to destruction; request_scan and progress from any.
 //          `on_change` is called on it, at most twice a second while it reads.
+// Damage   a library's file that is found damaged, by a scan or by a reader, is removed and made
+// anew
+//          at once; any other error is tried again with the next change or request.
 // Disks    a folder that can't be read keeps what is known of it, and so does one that is empty
 //          and on another file system than it was read from, where a disk is mounted at other
 //          times: a disk may be away for a while. Between scans none is held.
@@ -24,6 +27,7 @@
 
 #include "common/unique_fd.h"
 #include "controller/library/catalogue.h"
+#include "controller/library/library_view.h"
 #include "controller/library/mounts.h"
 #include "controller/library/music_folders.h"
 #include "reader/client/music_reader.h"
@@ -44,8 +48,8 @@ struct ScanProgress {
 
 class Scanner {
   public:
-    // Borrows the folders.
-    Scanner(const MusicFolders& folders, const std::string& catalogue_path,
+    // Borrows the folders, and the readers, who let go of a file that is removed.
+    Scanner(const MusicFolders& folders, const std::string& catalogue_path, LibraryView& view,
             std::function<void()> on_change);
     ~Scanner();
     Scanner(const Scanner&) = delete;
@@ -53,6 +57,8 @@ class Scanner {
 
     // Everything once more; soon.
     void request_scan();
+    // The library's file is damaged; soon. progress() says it at once.
+    void make_anew(const DatabaseError& error);
     ScanProgress progress() const;
 
   private:
@@ -60,6 +66,7 @@ class Scanner {
 
     void run();
     void wait_and_follow();
+    void open_catalogue();
     void scan_everything();
     void scan_changed();
     void scan_below(const std::string& root, const std::string& below, int64_t id, bool deep);
@@ -83,12 +90,14 @@ class Scanner {
 
     const MusicFolders& m_folders;
     const std::string m_path;
+    LibraryView& m_view;
     const std::function<void()> m_on_change;
     Mounts m_mounts;
     UniqueFd m_reports;  // inotify
     UniqueFd m_wake_up;
     std::atomic<bool> m_is_ending = false;
     std::atomic<bool> m_is_scan_wanted = true;
+    std::atomic<bool> m_is_damaged = false;  // the file is to be made anew
 
     mutable std::mutex m_mutex;
     ScanProgress m_progress;  // under m_mutex

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -167,6 +168,41 @@ TEST_F(LibraryTest, what_it_knew_is_there_at_the_next_start_unless_it_is_damaged
     open({m_dir / "one"});
     EXPECT_TRUE(wait_for_tracks(1));
     EXPECT_FALSE(m_library->view().track(id)) << "a device's queue means what was there before";
+}
+
+TEST_F(LibraryTest, one_that_is_damaged_while_it_runs_is_made_anew_and_said) {
+    m_dir.write("one/1.wav", "x");
+    open({m_dir / "one"});
+    ASSERT_TRUE(wait_for_tracks(1));
+    const int64_t id = m_library->view().search("1", 1).tracks.at(0).id;
+    for (const std::string& damaged : {std::string(8192, 'x'), std::string()}) {
+        Database(m_dir / "library.db").run("PRAGMA wal_checkpoint(TRUNCATE)");
+        m_dir.write("library.db", damaged);
+        {
+            const std::scoped_lock nothing_goes_on(m_mutex);
+            EXPECT_THROW(m_library->view().track(id), DatabaseError);
+            EXPECT_THAT(m_library->progress().failure, testing::StartsWith("The library is read"));
+        }
+        ASSERT_TRUE(wait_for([&] { return m_library->progress().failure.empty(); }));
+        EXPECT_EQ(found("1").size(), 1U);
+        EXPECT_FALSE(m_library->view().track(id));
+    }
+    m_dir.write("one/2.wav", "x");
+    EXPECT_TRUE(wait_for_tracks(2)) << "it is followed";
+    m_library.reset();
+
+    rlimit limit{};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    const rlimit none{0, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &none);
+    try {
+        const Catalogue catalogue(m_dir / "library.db");
+        ADD_FAILURE() << "opened without descriptors";
+    } catch (const DatabaseError& error) {
+        EXPECT_FALSE(error.is_damage()) << "what passes costs no library: " << error.what();
+    }
+    setrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_TRUE(std::filesystem::exists(m_dir / "library.db"));
 }
 
 TEST_F(LibraryTest, a_disk_may_be_away_for_a_while_and_is_seen_when_it_comes) {
