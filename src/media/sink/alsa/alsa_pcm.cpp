@@ -225,11 +225,12 @@ bool set_up(alsa_pcm* self, const pcm_stream& stream) {
                 "Requested ALSA PCM's sample rate to be set to %u, got %u instead", stream.rate,
                 result->granted_rate);
     }
-    if (result->refusal) {
-        log_alsa_error(result->refusal->error, "%s", result->refusal->what.c_str());
+    const std::optional<alsa_refusal> refusal = result->refusal;
+    if (refusal) {
+        log_alsa_error(refusal->error, "%s", refusal->what.c_str());
     }
     self->prepared_at = std::chrono::steady_clock::now();
-    return !result->refusal;
+    return !refusal;
 }
 
 }  // namespace

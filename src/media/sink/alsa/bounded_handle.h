@@ -42,7 +42,7 @@ class bounded_handle {
     explicit bounded_handle(Handle handle) : m_handle(std::move(handle)) {}
 
     // Null while a call has not returned.
-    typename Handle::pointer get() { return is_away() ? nullptr : m_handle.get(); }
+    auto* get() { return is_away() ? nullptr : m_handle.get(); }
 
     bool is_away() {
         if (!m_away) {
@@ -86,12 +86,13 @@ class bounded_handle {
         std::unique_lock lock(record->mutex);
         record->changed.wait_for(lock, kAlsaThreadPatience, [&] { return record->has_begun; });
         record->changed.wait_for(lock, patience, [&] { return record->result.has_value(); });
-        if (!record->result) {
+        const std::optional<int> result = record->result;
+        if (!result) {
             m_away = record;
             return -ETIMEDOUT;
         }
         m_handle = std::move(record->handle);
-        return *record->result;
+        return *result;
     }
 
   private:
