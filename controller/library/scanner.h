@@ -13,6 +13,8 @@
 //          listed by its name, and not read again until it has changed.
 #pragma once
 
+#include <sys/inotify.h>
+
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -31,8 +33,6 @@
 #include "controller/library/mounts.h"
 #include "controller/library/music_folders.h"
 #include "reader/client/music_reader.h"
-
-struct inotify_event;
 
 namespace nuvio::controller {
 
