@@ -54,6 +54,15 @@ std::string entry_of(const std::vector<std::string>& txt, const std::string& key
     return {};
 }
 
+std::vector<std::string> entries_of(const AvahiStringList* txt) {
+    std::vector<std::string> entries;
+    for (const AvahiStringList* entry = txt; entry != nullptr; entry = entry->next) {
+        entries.emplace_back(reinterpret_cast<const char*>(entry->text), entry->size);
+    }
+    std::ranges::sort(entries);
+    return entries;
+}
+
 }  // namespace
 
 // All but construction and destruction runs on Avahi's thread.
@@ -85,9 +94,8 @@ class Discovery::Browser {
     struct Instance {
         Browser* browser = nullptr;
         std::vector<ResolverPtr> resolvers;
-        std::string path = "/";
-        uint16_t port = 0;
-        std::vector<std::string> txt;
+        uint64_t place = 0;  // in the order in which they have said their ids
+        FoundDevice device;  // without its addresses
         std::map<AvahiProtocol, std::string> addresses;
     };
 
@@ -176,45 +184,75 @@ class Discovery::Browser {
     }
 
     static void on_resolve(AvahiServiceResolver*, AvahiIfIndex interface, AvahiProtocol,
-                           AvahiResolverEvent event, const char*, const char*, const char*,
+                           AvahiResolverEvent event, const char* name, const char*, const char*,
                            const char*, const AvahiAddress* address, uint16_t port,
                            AvahiStringList* txt, AvahiLookupResultFlags, void* context) {
         auto* instance = static_cast<Instance*>(context);
         if (event != AVAHI_RESOLVER_FOUND || address == nullptr) {
             return;
         }
-        instance->port = port;
-        instance->addresses[address->proto] = text_of(*address, interface);
-        instance->txt.clear();
-        for (const AvahiStringList* entry = txt; entry != nullptr; entry = entry->next) {
-            instance->txt.emplace_back(reinterpret_cast<const char*>(entry->text), entry->size);
+        FoundDevice device{.id = {},
+                           .name = name,
+                           .path = {},
+                           .port = port,
+                           .addresses = {},
+                           .txt = entries_of(txt)};
+        device.id = entry_of(device.txt, "device_uuid");
+        device.id = device.id.empty() ? device.name : device.id;
+        const std::string path = entry_of(device.txt, "path");
+        device.path = path.starts_with('/') ? path : "/";
+        if (device.id != instance->device.id) {
+            instance->place = ++instance->browser->m_places;
         }
-        std::ranges::sort(instance->txt);
-        const std::string path = entry_of(instance->txt, "path");
-        instance->path = path.starts_with('/') ? path : "/";
+        instance->device = std::move(device);
+        instance->addresses[address->proto] = text_of(*address, interface);
         instance->browser->report();
     }
 
+    // Whoever has said an id first has it as long as it is there, and nobody else leads its
+    // requests elsewhere. On another interface or by another protocol it is the same device.
     void report() {
-        std::map<std::string, FoundDevice> devices;
+        std::vector<const Instance*> instances;
         for (const auto& [key, instance] : m_instances) {
-            if (instance.addresses.empty()) {
-                continue;
-            }
-            const std::string& name = std::get<0>(key);
-            const std::string uuid = entry_of(instance.txt, "device_uuid");
-            FoundDevice& device = devices[uuid.empty() ? name : uuid];
-            device.id = uuid.empty() ? name : uuid;
-            device.name = name;
-            device.path = instance.path;
-            device.port = instance.port;
-            device.txt = instance.txt;
-            for (const auto& [protocol, address] : instance.addresses) {
-                if (std::ranges::find(device.addresses, address) == device.addresses.end()) {
-                    device.addresses.push_back(address);
-                }
+            if (!instance.addresses.empty()) {
+                instances.push_back(&instance);
             }
         }
+        std::ranges::sort(instances, {}, &Instance::place);
+        std::map<std::string, FoundDevice> devices;
+        std::map<std::string, std::string> copies;
+        for (const Instance* instance : instances) {
+            const FoundDevice& said = instance->device;
+            FoundDevice& device = devices.try_emplace(said.id, said).first->second;
+            if (device.name != said.name) {
+                copies[said.name] = device.name;
+            } else if (device.port == said.port && device.path == said.path) {
+                add_addresses(&device.addresses, *instance);
+            }
+        }
+        log_new(std::move(copies));
+        hand_over(std::move(devices));
+    }
+
+    static void add_addresses(std::vector<std::string>* addresses, const Instance& instance) {
+        for (const auto& [protocol, address] : instance.addresses) {
+            if (std::ranges::find(*addresses, address) == addresses->end()) {
+                addresses->push_back(address);
+            }
+        }
+    }
+
+    void log_new(std::map<std::string, std::string> copies) {
+        for (const auto& [copy, first] : copies) {
+            if (!m_copies.contains(copy)) {
+                log_line(LogLevel::warning, "'" + copy + "' says that it is the same device as '" +
+                                                first + "': not shown while that one is there");
+            }
+        }
+        m_copies = std::move(copies);
+    }
+
+    void hand_over(std::map<std::string, FoundDevice> devices) {
         std::vector<FoundDevice> all;
         for (auto& [id, device] : devices) {
             std::ranges::stable_sort(device.addresses, {}, rank_of);
@@ -233,6 +271,8 @@ class Discovery::Browser {
     std::unique_ptr<AvahiClient, ReleasedBy<avahi_client_free>> m_client;
     std::unique_ptr<AvahiServiceBrowser, ReleasedBy<avahi_service_browser_free>> m_browser;
     std::map<Key, Instance> m_instances;
+    uint64_t m_places = 0;
+    std::map<std::string, std::string> m_copies;  // left out: names, and whose id they have
     std::vector<FoundDevice> m_reported;
 };
 

@@ -4,7 +4,8 @@
 // Threads  one of its own (Avahi's), from construction to destruction; `on_change` is called on it
 //          with all devices there are, whenever something has changed.
 // Peers    anyone on the network can announce anything: at most 64 instances are followed, texts
-//          are as announced.
+//          are as announced. Of several that say the same id the first one is told of while it is
+//          there; the others are logged.
 #pragma once
 
 #include <functional>

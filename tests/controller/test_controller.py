@@ -201,6 +201,9 @@ class Peers(HouseTest):
         silent = socket.create_server(("", 0))
         self.addCleanup(silent.close)
         self.publish("Silent", silent.getsockname()[1], "device_uuid=Kitchen")
+        self.publish("Z Copy", silent.getsockname()[1], "device_uuid=" + self.shown("Kitchen")["id"])
+        wait_for("what the copy says", lambda: "'Z Copy' says that it is" in self.log_path.read_text())
+        self.assertEqual(self.shown("Kitchen")["port"], self.devices[0].port)
         held = [silent.accept()]
         # What it says of itself brings it nothing that is meant for another one.
         self.assertEqual(self.ask("/api/devices/Kitchen/play", {"what": ["http://x/"]}, SESAME)[0], 404)
