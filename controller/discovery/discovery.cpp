@@ -18,6 +18,7 @@
 
 #include "common/released_by.h"
 #include "controller/base/log.h"
+#include "controller/discovery/announced.h"
 
 namespace nuvio::controller {
 
@@ -35,14 +36,18 @@ int rank_of(const std::string& address) {
     return address.find(':') == std::string::npos ? 0 : address.starts_with("fe80:") ? 2 : 1;
 }
 
-// A link-local IPv6 address means nothing without its interface.
-std::string text_of(const AvahiAddress& address, AvahiIfIndex interface) {
+std::string text_of(const AvahiAddress& address) {
     std::array<char, AVAHI_ADDRESS_STR_MAX> text{};
     avahi_address_snprint(text.data(), text.size(), &address);
+    return text.data();
+}
+
+// A link-local IPv6 address means nothing without its interface.
+std::string with_scope(const std::string& address, AvahiIfIndex interface) {
     std::array<char, IF_NAMESIZE> name{};
-    const bool is_scoped = std::string(text.data()).starts_with("fe80:") &&
+    const bool is_scoped = address.starts_with("fe80:") &&
                            if_indextoname(static_cast<unsigned>(interface), name.data()) != nullptr;
-    return std::string(text.data()) + (is_scoped ? "%" + std::string(name.data()) : "");
+    return address + (is_scoped ? "%" + std::string(name.data()) : "");
 }
 
 std::string entry_of(const std::vector<std::string>& txt, const std::string& key) {
@@ -199,13 +204,16 @@ class Discovery::Browser {
                            .txt = entries_of(txt)};
         device.id = entry_of(device.txt, "device_uuid");
         device.id = device.id.empty() ? device.name : device.id;
-        const std::string path = entry_of(device.txt, "path");
-        device.path = path.starts_with('/') ? path : "/";
+        device.path = path_taken(entry_of(device.txt, "path"));
         if (device.id != instance->device.id) {
             instance->place = ++instance->browser->m_places;
         }
         instance->device = std::move(device);
-        instance->addresses[address->proto] = text_of(*address, interface);
+        instance->addresses.erase(address->proto);
+        const std::string text = text_of(*address);
+        if (is_address_taken(text, static_cast<unsigned>(interface) == if_nametoindex("lo"))) {
+            instance->addresses[address->proto] = with_scope(text, interface);
+        }
         instance->browser->report();
     }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "controller/command_line/arguments.h"
+#include "controller/discovery/announced.h"
 #include "controller/session/device_state.h"
 #include "controller/session/tracks.h"
 #include "controller/web/byte_range.h"
@@ -87,6 +88,24 @@ TEST_F(DeviceStateTest, whatever_a_device_sends_is_bounded) {
     }
     EXPECT_LT(print_json(m_state.describe_queue().get()).size(), size_t{12} << 20U);
     EXPECT_EQ(m_state.missing_place(), std::nullopt) << "no more is asked for";
+}
+
+TEST(AnnouncedTest, an_announcement_leads_requests_to_devices_alone) {
+    for (const char* path : {"", "x", "/a?b=", "/a#", "/a b", "/%2e", "/@", "/\r\n"}) {
+        EXPECT_EQ(path_taken(path), "/") << path;
+    }
+    EXPECT_EQ(path_taken("/a/~b-1._"), "/a/~b-1._");
+    for (const char* address : {"0.0.0.0", "0.1.2.3", "224.0.0.251", "255.255.255.255",
+                                "::", "ff02::fb", "::ffff:224.0.0.1", "x", "::2"}) {
+        EXPECT_FALSE(is_address_taken(address, true)) << address;
+    }
+    for (const char* address : {"127.0.0.1", "127.9.9.9", "::1", "::ffff:127.0.0.1"}) {
+        EXPECT_TRUE(is_address_taken(address, true)) << address;
+        EXPECT_FALSE(is_address_taken(address, false)) << address;
+    }
+    for (const char* address : {"192.168.1.5", "fd00::5", "fe80::1", "::ffff:10.0.0.1"}) {
+        EXPECT_TRUE(is_address_taken(address, false)) << address;
+    }
 }
 
 TEST(JsonTest, what_is_nested_deeply_or_no_text_is_refused_and_what_goes_out_is_utf8) {

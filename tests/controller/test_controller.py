@@ -104,7 +104,7 @@ class Peers(HouseTest):
         return self.sessions()[0]["token"]
 
     def publish(self, name, port, *entries):
-        process = subprocess.Popen(["avahi-publish", "-s", name, "_nuvio-connect._tcp", str(port), "path=/", *entries],
+        process = subprocess.Popen(["avahi-publish", "-s", name, "_nuvio-connect._tcp", str(port), *entries],
                                    env=self.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(self.devices[0].end, process)
 
@@ -161,10 +161,11 @@ class Peers(HouseTest):
         self.assertEqual(self.ask("/content/../../etc/passwd", headers=bearer)[0] // 100, 4)
 
     def test_a_late_refusal_takes_back_no_session_that_came_after_it(self):
-        offers, second_is_taken = [], threading.Event()
+        offers, paths, second_is_taken = [], set(), threading.Event()
 
         class Device(http.server.BaseHTTPRequestHandler):
             def do_GET(self):
+                paths.add(self.path)
                 self.send_response(200)
                 self.end_headers()
 
@@ -186,7 +187,7 @@ class Peers(HouseTest):
         self.addCleanup(server.server_close)
         self.addCleanup(server.shutdown)
         threading.Thread(target=server.serve_forever).start()
-        self.publish("Late", server.server_port)
+        self.publish("Late", server.server_port, "path=/cgi-bin/reboot?now=1&x=")
         wait_for("Late", lambda: self.shown("Late"))
         play = ("/api/devices/Late/play", {"what": ["http://x/"]}, SESAME)
         first = threading.Thread(target=self.ask, args=play)
@@ -195,6 +196,7 @@ class Peers(HouseTest):
         self.assertEqual(self.ask(*play)[0], 200)
         first.join()
         self.assertEqual([each["id"] for each in self.sessions()], offers[1:])
+        self.assertLessEqual(paths, {"/get-display-info", "/get-connect-info", "/connect-to-nconnect"})
 
     def test_a_device_that_never_answers_does_not_hold_up_the_end(self):
         self.start_all()
