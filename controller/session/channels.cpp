@@ -30,7 +30,7 @@ void ask_for_rest(const Device& device) {
 
 bool Channels::opened(std::string_view token, const std::shared_ptr<ChannelLink>& link) {
     const std::scoped_lock lock(m_house.mutex);
-    const std::string id = m_house.sessions.device_of_token(token);
+    const std::string id = m_house.sessions.of_token(token).device;
     if (id.empty() || m_house.is_closed) {
         return false;
     }

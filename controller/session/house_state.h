@@ -43,8 +43,8 @@ struct Device {
     bool is_bit_exact = false;  // what is heard is what the file holds
 };
 
-// Everything but the constructor under `mutex`, which is never held while something waits, be it
-// the disk.
+// Everything but the constructor and `write_sessions` under `mutex`, which is never held while
+// something waits, be it the disk.
 struct HouseState {
     HouseState(Changes& all_changes, const std::string& sessions_path)
         : changes(all_changes), sessions(sessions_path) {}
@@ -60,6 +60,18 @@ struct HouseState {
         return device != devices.end() ? &device->second : nullptr;
     }
 
+    // Without `mutex`. Waits for the disk; whoever writes writes what is newest.
+    void write_sessions() {
+        const std::scoped_lock one_at_a_time(writing);
+        std::string text;
+        {
+            const std::scoped_lock lock(mutex);
+            text = sessions.text();
+        }
+        sessions.write(text);
+    }
+
+    std::mutex writing;  // locked before `mutex`
     std::mutex mutex;
     std::condition_variable on_change;
     Changes& changes;

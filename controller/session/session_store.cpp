@@ -1,5 +1,6 @@
 #include "controller/session/session_store.h"
 
+#include <algorithm>
 #include <ctime>
 #include <system_error>
 
@@ -14,6 +15,7 @@ namespace {
 
 constexpr size_t kMaxSessions = 64;
 constexpr size_t kMaxFile = size_t{1} << 20U;
+const Session kNone;
 
 }  // namespace
 
@@ -21,49 +23,66 @@ SessionStore::SessionStore(std::string path) : m_path(std::move(path)) {
     const JsonPtr document = parse_json(read_file(m_path, kMaxFile).text);
     const cJSON* entry = nullptr;
     cJSON_ArrayForEach(entry, document.get()) {
-        const std::string device = text_member(entry, "device").value_or("");
-        Session session{text_member(entry, "id").value_or(""),
+        Session session{text_member(entry, "device").value_or(""),
+                        text_member(entry, "id").value_or(""),
                         text_member(entry, "token").value_or(""),
                         number_member(entry, "expires").value_or(0),
                         {},
                         text_member(entry, "here").value_or("")};
-        if (!device.empty() && !session.token.empty() && m_sessions.size() < kMaxSessions) {
-            m_sessions[device] = std::move(session);
+        if (!session.device.empty() && !session.id.empty() && !session.token.empty() &&
+            m_sessions.size() < kMaxSessions) {
+            m_sessions.push_back(std::move(session));
         }
     }
 }
 
 const Session& SessionStore::of(const std::string& device) const {
-    static const Session kNone;
-    const auto found = m_sessions.find(device);
-    return found != m_sessions.end() ? found->second : kNone;
+    const auto found = std::ranges::find_if(m_sessions, [&](const Session& session) {
+        return session.device == device && !session.is_offered;
+    });
+    return found != m_sessions.end() ? *found : kNone;
 }
 
-void SessionStore::set(const std::string& device, const Session& session) {
-    m_sessions.erase(device);
-    if (!session.id.empty()) {
-        if (m_sessions.size() >= kMaxSessions) {
-            m_sessions.erase(m_sessions.begin());
-        }
-        m_sessions[device] = session;
-    }
-}
-
-std::string SessionStore::device_of_token(std::string_view token) const {
-    std::string found;
-    for (const auto& [device, session] : m_sessions) {
+const Session& SessionStore::of_token(std::string_view token) const {
+    const Session* found = &kNone;
+    for (const Session& session : m_sessions) {
         if (equals_secret(session.token, token) && session.expires > std::time(nullptr)) {
-            found = device;
+            found = &session;
         }
     }
-    return found;
+    return *found;
+}
+
+void SessionStore::offer(const Session& session) {
+    if (m_sessions.size() >= kMaxSessions) {
+        m_sessions.erase(m_sessions.begin());
+    }
+    m_sessions.push_back(session);
+}
+
+void SessionStore::take(const std::string& id) {
+    const auto taken = std::ranges::find(m_sessions, id, &Session::id);
+    if (taken != m_sessions.end()) {
+        taken->is_offered = false;
+        const std::string device = taken->device;
+        std::erase_if(m_sessions, [&](const Session& session) {
+            return session.device == device && session.id != id;
+        });
+    }
+}
+
+bool SessionStore::end(const std::string& id) {
+    return std::erase_if(m_sessions, [&](const Session& session) { return session.id == id; }) > 0;
 }
 
 std::string SessionStore::text() const {
     JsonPtr document = new_array();
-    for (const auto& [device, session] : m_sessions) {
+    for (const Session& session : m_sessions) {
+        if (session.is_offered) {
+            continue;
+        }
         JsonPtr entry = new_object();
-        add(entry.get(), "device", device);
+        add(entry.get(), "device", session.device);
         add(entry.get(), "id", session.id);
         add(entry.get(), "token", session.token);
         add(entry.get(), "expires", session.expires);

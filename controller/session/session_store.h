@@ -5,17 +5,20 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace nuvio::controller {
 
 struct Session {
+    std::string device;
     std::string id;
-    std::string token;     // for content and channel
-    int64_t expires = 0;   // seconds since 1970
-    std::string playlist;  // JSPF; not kept in the file
-    std::string here;      // how the device reaches this controller
+    std::string token;        // for content and channel
+    int64_t expires = 0;      // seconds since 1970
+    std::string playlist;     // JSPF; not kept in the file
+    std::string here;         // how the device reaches this controller
+    bool is_offered = false;  // the device has not taken it yet; not kept in the file
 };
 
 class SessionStore {
@@ -23,12 +26,17 @@ class SessionStore {
     // Reads `path`, and waits for the disk; what can't be read there is as nothing.
     explicit SessionStore(std::string path);
 
-    // The device's; one without an id: it has none. At most 64 are kept.
+    // The one that the device has taken; one without an id: it has none.
     const Session& of(const std::string& device) const;
-    // Replaces the device's session; one without an id: it has none any more.
-    void set(const std::string& device, const Session& session);
-    // Whose session has this token and is not over; empty: nobody's.
-    std::string device_of_token(std::string_view token) const;
+    // The one with this token that is not over, be it offered only; one without an id: none.
+    const Session& of_token(std::string_view token) const;
+    // Its token counts from now on, beside that of the session that the device has. At most 64
+    // sessions are kept, the newest.
+    void offer(const Session& session);
+    // The device has taken it: its sessions before that are over.
+    void take(const std::string& id);
+    // It is over. False: it was already.
+    bool end(const std::string& id);
 
     // What the file is to hold, and writing it, which waits for the disk and needs no lock: the
     // file is the old or the new one, also after a power cut; one that can't be written is logged.
@@ -37,7 +45,7 @@ class SessionStore {
 
   private:
     const std::string m_path;
-    std::map<std::string, Session> m_sessions;
+    std::vector<Session> m_sessions;  // the oldest first
 };
 
 }  // namespace nuvio::controller

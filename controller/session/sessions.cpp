@@ -66,18 +66,18 @@ Outcome Sessions::play(const std::string& id, const std::vector<Playable>& items
 
 std::string Sessions::device_of_token(std::string_view token) const {
     const std::scoped_lock lock(m_house.mutex);
-    return m_house.sessions.device_of_token(token);
+    return m_house.sessions.of_token(token).device;
 }
 
 std::optional<std::string> Sessions::playlist(const std::string& session,
                                               std::string_view token) const {
     const std::scoped_lock lock(m_house.mutex);
-    const Session& found = m_house.sessions.of(m_house.sessions.device_of_token(token));
+    const Session& found = m_house.sessions.of_token(token);
     return found.id != session || found.playlist.empty() ? std::nullopt
                                                          : std::optional(found.playlist);
 }
 
-// One at a time: where the device refuses, the session before it is put back.
+// One at a time: a device that refuses one has still the session before it.
 Outcome Sessions::begin(const std::string& id, const FoundDevice& found,
                         const std::vector<Playable>& items) {
     {
@@ -113,34 +113,46 @@ Outcome Sessions::offer(const std::string& id, const FoundDevice& found,
                 "the device is reached by IPv6 only, and fetches music from here by IPv4 only: "
                 "give it an IPv4 address"};
     }
-    Session session{new_token(), new_token(), std::time(nullptr) + kSessionSeconds, {}, {}};
-    session.here = "http://" + reached.local_address + ":" + std::to_string(m_port);
+    Session session{.device = id,
+                    .id = new_token(),
+                    .token = new_token(),
+                    .expires = std::time(nullptr) + kSessionSeconds,
+                    .playlist = {},
+                    .here = "http://" + reached.local_address + ":" + std::to_string(m_port),
+                    .is_offered = true};
     session.playlist = playlist_of(items, session.here);
-    Session before;
     {
         const std::scoped_lock lock(m_house.mutex);
-        before = m_house.sessions.of(id);
+        m_house.sessions.offer(session);
     }
-    keep(id, session);
     const HttpAnswer answer = ask_device(
         found, "POST", "connect-to-nconnect",
         offer_body({session.id, session.here + "/content/" + session.id + ".jspf",
                     "ws" + session.here.substr(std::string_view("http").size()) + "/channel",
                     session.token, session.expires}));
-    const bool is_taken = answer.status == 200;
-    if (!is_taken) {
-        keep(id, before);
+    settle(id, session.id, answer.status == 200);
+    return answer.status == 200 ? Outcome{true, {}} : Outcome{false, refusal(answer)};
+}
+
+void Sessions::settle(const std::string& id, const std::string& session, bool is_taken) {
+    {
+        const std::scoped_lock lock(m_house.mutex);
+        Device* const device = m_house.find(id);
+        if (!is_taken) {
+            m_house.sessions.end(session);
+            m_house.errands[id] = {};
+        } else {
+            m_house.sessions.take(session);
+        }
+        if (is_taken && device != nullptr) {
+            device->owner = Owner::us;
+            device->reach = Reach::reached;
+        }
+        m_house.change();
     }
-    const std::scoped_lock lock(m_house.mutex);
-    Device* const device = m_house.find(id);
-    if (!is_taken) {
-        m_house.errands[id] = {};
-    } else if (device != nullptr) {
-        device->owner = Owner::us;
-        device->reach = Reach::reached;
+    if (is_taken) {
+        m_house.write_sessions();
     }
-    m_house.change();
-    return is_taken ? Outcome{true, {}} : Outcome{false, refusal(answer)};
 }
 
 Outcome Sessions::replace(const std::string& id, JsonPtr tracks, size_t start) {
@@ -188,17 +200,6 @@ bool Sessions::has_queue(const std::string& id) {
 std::string Sessions::address_here(const std::string& id) const {
     const std::scoped_lock lock(m_house.mutex);
     return m_house.sessions.of(id).here;
-}
-
-void Sessions::keep(const std::string& id, const Session& session) {
-    const std::scoped_lock writing(m_writing);
-    std::string text;
-    {
-        const std::scoped_lock lock(m_house.mutex);
-        m_house.sessions.set(id, session);
-        text = m_house.sessions.text();
-    }
-    m_house.sessions.write(text);
 }
 
 }  // namespace nuvio::controller

@@ -5,7 +5,6 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -40,17 +39,16 @@ class Sessions {
                   const std::vector<Playable>& items);
     Outcome offer(const std::string& id, const FoundDevice& found,
                   const std::vector<Playable>& items);
+    void settle(const std::string& id, const std::string& session, bool is_taken);
     Outcome insert(const std::string& id, const std::vector<Playable>& items, Where where);
     Outcome replace(const std::string& id, JsonPtr tracks, size_t start);
     bool has_queue(const std::string& id);
     std::string address_here(const std::string& id) const;
-    void keep(const std::string& id, const Session& session);
 
     HouseState& m_house;
     Commands& m_commands;
     const uint16_t m_port;
     std::set<std::string> m_offered_to;  // devices that are asked just now; under the house's mutex
-    std::mutex m_writing;                // before the house's: whoever has it writes what is newest
 };
 
 }  // namespace nuvio::controller

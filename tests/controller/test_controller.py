@@ -161,7 +161,12 @@ class Peers(HouseTest):
         self.assertEqual(self.ask("/content/../../etc/passwd", headers=bearer)[0] // 100, 4)
 
     def test_a_late_refusal_takes_back_no_session_that_came_after_it(self):
-        offers, paths, second_is_taken = [], set(), threading.Event()
+        offers, paths, fetched, second_is_taken = [], set(), [], threading.Event()
+
+        def fetch(offer):
+            content = offer["jwt_api"]
+            path = content["endpoint"].partition(str(self.port))[2]
+            return self.ask(path, headers={"Authorization": "Bearer " + content["jwt"]})[0]
 
         class Device(http.server.BaseHTTPRequestHandler):
             def do_GET(self):
@@ -170,12 +175,13 @@ class Peers(HouseTest):
                 self.end_headers()
 
             def do_POST(self):
-                offers.append(json.loads(self.rfile.read(int(self.headers["Content-Length"])))["session_id"])
+                offers.append(json.loads(self.rfile.read(int(self.headers["Content-Length"]))))
                 if len(offers) == 1:
                     second_is_taken.wait(1)
                     time.sleep(0.1)
                     self.send_error(500)
                 else:
+                    fetched.extend(map(fetch, offers[1:]))
                     self.do_GET()
                     second_is_taken.set()
 
@@ -195,7 +201,10 @@ class Peers(HouseTest):
         wait_for("the first offer", lambda: offers)
         self.assertEqual(self.ask(*play)[0], 200)
         first.join()
-        self.assertEqual([each["id"] for each in self.sessions()], offers[1:])
+        self.assertEqual([each["id"] for each in self.sessions()], [offers[1]["session_id"]])
+        self.assertEqual(self.ask(*play)[0], 200)
+        # Until the third one is taken the second one's music goes on.
+        self.assertEqual(fetched + [fetch(offers[1])], [200, 200, 200, 401])
         self.assertLessEqual(paths, {"/get-display-info", "/get-connect-info", "/connect-to-nconnect"})
 
     def test_a_device_that_never_answers_does_not_hold_up_the_end(self):
