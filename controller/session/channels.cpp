@@ -30,15 +30,16 @@ void ask_for_rest(const Device& device) {
 
 bool Channels::opened(std::string_view token, const std::shared_ptr<ChannelLink>& link) {
     const std::scoped_lock lock(m_house.mutex);
-    const std::string id = m_house.sessions.of_token(token).device;
-    if (id.empty() || m_house.is_closed) {
+    const Session& session = m_house.sessions.of_token(token);
+    if (session.id.empty() || m_house.is_closed) {
         return false;
     }
-    Device& device = m_house.devices[id];
+    Device& device = m_house.devices[session.device];
     if (device.link != nullptr) {
         device.link->close();
     }
     device.link = link;
+    device.link_session = session.id;
     device.owner = Owner::us;
     device.state = {};
     device.is_bit_exact = false;
@@ -52,25 +53,25 @@ void Channels::said(const ChannelLink* link, std::string_view text) {
     {
         const std::scoped_lock lock(m_house.mutex);
         Entry* const entry = entry_of(link);
-        if (entry == nullptr || !take(entry->second, type, message.get())) {
+        if (entry == nullptr || !take(*entry, type, message.get())) {
             return;
         }
         m_house.change();
     }
-    if (type == "track" || type == "queue") {
+    if (type == "goodbye") {
+        m_house.write_sessions();
+    } else if (type == "track" || type == "queue") {
         judge_track(link);
     }
 }
 
 // False: nothing in it was understood.
-bool Channels::take(Device& device, const std::string& type, const cJSON* message) {
+bool Channels::take(Entry& entry, const std::string& type, const cJSON* message) {
+    Device& device = entry.second;
     if (type == "answer") {
         m_commands.take_answer(message);
     } else if (type == "goodbye") {
-        const bool is_taken = text_member(message, "reason") == "taken_over";
-        device.owner = is_taken ? Owner::other : Owner::nobody;
-        device.link.reset();
-        device.state = {};
+        end(entry, text_member(message, "reason") == "taken_over" ? Owner::other : Owner::nobody);
     } else if (type == "hello") {
         // Announced only later, where the controller was started after the device.
         if (device.found.name.empty()) {
@@ -82,6 +83,17 @@ bool Channels::take(Device& device, const std::string& type, const cJSON* messag
         ask_for_rest(device);
     }
     return true;
+}
+
+// What ended the session may be the next one from here, whose channel is about to open.
+void Channels::end(Entry& entry, Owner next) {
+    Device& device = entry.second;
+    m_house.sessions.end(device.link_session);
+    if (m_house.sessions.of(entry.first).id.empty()) {
+        device.owner = next;
+    }
+    device.link.reset();
+    device.state = {};
 }
 
 // Whose device plays now is asked of it: it may be gone, or play on by itself.

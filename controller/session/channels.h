@@ -1,6 +1,6 @@
 // What devices say over their sessions' channels.
 //
-// Threads  any; `said` may read the library, so waits for the disk.
+// Threads  any; `said` may read the library and write the sessions, so waits for the disk.
 #pragma once
 
 #include <memory>
@@ -28,7 +28,8 @@ class Channels {
     using Entry = std::map<std::string, Device>::value_type;
 
     Entry* entry_of(const ChannelLink* link);
-    bool take(Device& device, const std::string& type, const cJSON* message);
+    bool take(Entry& entry, const std::string& type, const cJSON* message);
+    void end(Entry& entry, Owner next);
     void judge_track(const ChannelLink* link);
 
     HouseState& m_house;

@@ -44,6 +44,7 @@ Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr ar
     }
     const std::string command_id = std::to_string(++m_count);
     m_waiting[command_id] = {id, std::nullopt};
+    const std::string session = device->link_session;
     const int64_t revision = device->state.revision();
     const int64_t states = device->state.state_count();
     send(*device, name.c_str(), command_id, std::move(arguments));
@@ -58,6 +59,11 @@ Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr ar
             const Device* const now = m_house.find(id);
             return m_house.is_closed || now == nullptr || now->state.state_count() != states;
         });
+    }
+    if (outcome.is_ok && name == "leave") {
+        m_house.sessions.end(session);
+        lock.unlock();
+        m_house.write_sessions();
     }
     return outcome;
 }

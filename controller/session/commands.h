@@ -25,7 +25,7 @@ class Commands {
     explicit Commands(HouseState& house) : m_house(house) {}
 
     // A command of the channel, with its arguments. Comes back once its effect can be seen, where
-    // it has one.
+    // it has one; what a device has left its token opens no more.
     Outcome run(const std::string& device, const std::string& name, JsonPtr arguments);
 
     // ---- With the house's lock held

@@ -7,7 +7,6 @@
 #include <utility>
 
 #include "common/text.h"
-#include "controller/device/http_client.h"
 
 namespace nuvio::controller {
 
@@ -124,19 +123,26 @@ void Devices::ask(const FoundDevice& found) {
     const HttpAnswer connect = display.status == 200
                                    ? ask_device(found, "GET", "get-connect-info", {}, kAnswerMs)
                                    : display;
+    if (learn(found.id, display, connect)) {
+        m_house.write_sessions();
+    }
+}
+
+// True: a session is over.
+bool Devices::learn(const std::string& id, const HttpAnswer& display, const HttpAnswer& connect) {
     const JsonPtr info = parse_json(display.body);
     const JsonPtr session = parse_json(connect.body);
     const std::scoped_lock lock(m_house.mutex);
-    Device* const device = m_house.find(found.id);
+    Device* const device = m_house.find(id);
     if (device == nullptr) {
-        return;
+        return false;
     }
+    bool is_over = false;
     if (connect.status != 200 || info == nullptr || session == nullptr) {
         device->reach = Reach::failed;
         // It may have been announced a moment before it listens.
         if (device->is_present && ++device->tries <= kTries) {
-            m_house.errands.try_emplace(found.id,
-                                        DeviceState::Clock::now() + kPause * device->tries);
+            m_house.errands.try_emplace(id, DeviceState::Clock::now() + kPause * device->tries);
         }
         device->failure =
             connect.status == 0 ? connect.failure : "answered " + std::to_string(connect.status);
@@ -149,11 +155,15 @@ void Devices::ask(const FoundDevice& found) {
         device->quality = text_member(info.get(), "max_audio_quality").value_or("");
         device->kind = text_member(info.get(), "type").value_or("");
         const std::string current = text_member(session.get(), "current_session_id").value_or("");
-        device->owner = current.empty()                               ? Owner::nobody
-                        : m_house.sessions.of(found.id).id == current ? Owner::us
-                                                                      : Owner::other;
+        device->owner = current.empty()                         ? Owner::nobody
+                        : m_house.sessions.of(id).id == current ? Owner::us
+                                                                : Owner::other;
+        // Taken over while its channel was broken, so that no goodbye came.
+        is_over = !current.empty() && device->link == nullptr && current != device->link_session &&
+                  m_house.sessions.end(device->link_session);
     }
     m_house.change();
+    return is_over;
 }
 
 std::string Devices::named(const std::string& name) const {

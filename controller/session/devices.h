@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/json/json.h"
+#include "controller/device/http_client.h"
 #include "controller/session/house_state.h"
 
 namespace nuvio::controller {
@@ -34,6 +35,7 @@ class Devices {
   private:
     void run();
     void ask(const FoundDevice& found);
+    bool learn(const std::string& id, const HttpAnswer& display, const HttpAnswer& connect);
 
     HouseState& m_house;
     std::thread m_thread;

@@ -39,6 +39,7 @@ struct Device {
     std::string brand, model, quality, kind;
     Owner owner = Owner::nobody;
     std::shared_ptr<ChannelLink> link;
+    std::string link_session;  // whose channel it is, or was the last time
     DeviceState state;
     bool is_bit_exact = false;  // what is heard is what the file holds
 };

@@ -68,6 +68,8 @@ class CommandLine(HouseTest):
         self.assertEqual({recording.underruns for recording in kitchen.recordings()}, {0})
         self.command("connect", "Kitchen", kitchen.folder / "library/1")
         wait_for("that it is said", lambda: "another controller" in self.command("status", "Kitchen"))
+        kept, uuid = self.folder / "state-of-controller/sessions.json", self.shown("Kitchen")["id"]
+        wait_for("its token's end", lambda: uuid not in kept.read_text())
         self.assertIsNone(self.command("connect", "Cellar", "x", check=False))
 
 
@@ -159,6 +161,8 @@ class Peers(HouseTest):
             for path in (track, "/", "/api/state", "/channel"):
                 self.assertEqual(self.ask(path, headers={**bearer, **foreign})[0], 403, (path, foreign))
         self.assertEqual(self.ask("/content/../../etc/passwd", headers=bearer)[0] // 100, 4)
+        self.command("leave", "Kitchen")
+        self.assertEqual((self.ask(track, headers=bearer)[0], self.sessions()), (401, []))
 
     def test_a_late_refusal_takes_back_no_session_that_came_after_it(self):
         offers, paths, fetched, second_is_taken = [], set(), [], threading.Event()
