@@ -13,6 +13,7 @@ namespace nuvio::controller {
 namespace {
 
 constexpr long kAnswerMs = 4'000;
+constexpr size_t kThreads = 4;
 constexpr int kTries = 5;
 constexpr std::chrono::seconds kPause{2};
 // Devices that are away are remembered while the controller runs, so many at most.
@@ -54,10 +55,17 @@ void describe_device(cJSON* object, const std::string& id, const Device& device)
 
 }  // namespace
 
-Devices::Devices(HouseState& house) : m_house(house), m_thread([this] { run(); }) {}
+Devices::Devices(HouseState& house) : m_house(house) {
+    m_threads.reserve(kThreads);
+    while (m_threads.size() < kThreads) {
+        m_threads.emplace_back([this] { run(); });
+    }
+}
 
 Devices::~Devices() {
-    m_thread.join();
+    for (std::thread& thread : m_threads) {
+        thread.join();
+    }
 }
 
 void Devices::set_found(const std::vector<FoundDevice>& all) {
@@ -94,28 +102,40 @@ void Devices::ask_again() {
 
 void Devices::run() {
     std::unique_lock lock(m_house.mutex);
-    while (true) {
-        m_house.on_change.wait(lock,
-                               [this] { return m_house.is_closed || !m_house.errands.empty(); });
-        if (m_house.is_closed) {
-            return;
-        }
-        const auto next = std::ranges::min_element(
-            m_house.errands, {}, [](const auto& errand) { return errand.second; });
-        const auto due = next->second;
-        if (due > DeviceState::Clock::now()) {
+    while (!m_house.is_closed) {
+        const auto next = next_errand();
+        if (next == m_house.errands.end()) {
+            m_house.on_change.wait(lock);
+        } else if (next->second > DeviceState::Clock::now()) {
+            const auto due = next->second;
             m_house.on_change.wait_until(lock, due);
-            continue;
-        }
-        const Device* const device = m_house.find(next->first);
-        m_house.errands.erase(next);
-        if (device != nullptr) {
-            const FoundDevice found = device->found;
-            lock.unlock();
-            ask(found);
-            lock.lock();
+        } else {
+            const std::string id = next->first;
+            m_house.errands.erase(next);
+            if (const Device* const device = m_house.find(id)) {
+                const FoundDevice found = device->found;
+                m_asked.insert(id);
+                lock.unlock();
+                ask(found);
+                lock.lock();
+                m_asked.erase(id);
+            }
         }
     }
+}
+
+// The one that is due first. A device is asked by one thread at a time, so that what it says last
+// counts.
+std::map<std::string, DeviceState::Clock::time_point>::iterator Devices::next_errand() {
+    auto& errands = m_house.errands;
+    auto next = errands.end();
+    for (auto each = errands.begin(); each != errands.end(); ++each) {
+        if (!m_asked.contains(each->first) &&
+            (next == errands.end() || each->second < next->second)) {
+            next = each;
+        }
+    }
+    return next;
 }
 
 void Devices::ask(const FoundDevice& found) {

@@ -1,9 +1,13 @@
 // Which devices there are, and how they are: those that discovery tells of are asked over HTTP, and
 // asked again after a channel has broken.
 //
-// Threads  any, for every function; none waits. One thread of its own asks the devices.
+// Threads  any, for every function; none waits. A few threads of its own ask the devices, so that
+// one
+//          that does not answer holds up few others.
 #pragma once
 
+#include <map>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -34,11 +38,13 @@ class Devices {
 
   private:
     void run();
+    std::map<std::string, DeviceState::Clock::time_point>::iterator next_errand();
     void ask(const FoundDevice& found);
     bool learn(const std::string& id, const HttpAnswer& display, const HttpAnswer& connect);
 
     HouseState& m_house;
-    std::thread m_thread;
+    std::set<std::string> m_asked;  // just now; under the house's mutex
+    std::vector<std::thread> m_threads;
 };
 
 }  // namespace nuvio::controller

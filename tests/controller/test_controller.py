@@ -219,7 +219,14 @@ class Peers(HouseTest):
         self.publish("Z Copy", silent.getsockname()[1], "device_uuid=" + self.shown("Kitchen")["id"])
         wait_for("what the copy says", lambda: "'Z Copy' says that it is" in self.log_path.read_text())
         self.assertEqual(self.shown("Kitchen")["port"], self.devices[0].port)
-        held = [silent.accept()]
+        mute = socket.create_server(("", 0))
+        self.addCleanup(mute.close)
+        self.publish("Mute", mute.getsockname()[1])
+        held = [silent.accept()[0], mute.accept()[0]]
+        for each in held:  # neither waits until the other one is given up
+            each.recv(65536)
+            each.setblocking(False)
+            self.assertRaises(BlockingIOError, each.recv, 1)
         # What it says of itself brings it nothing that is meant for another one.
         self.assertEqual(self.ask("/api/devices/Kitchen/play", {"what": ["http://x/"]}, SESAME)[0], 404)
         threading.Thread(target=self.ask, args=("/api/devices/Silent/play", {"what": ["http://x/"]}, SESAME)).start()
