@@ -2,6 +2,7 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 
@@ -11,8 +12,10 @@ namespace nuvio::controller {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
+constexpr long kMaxConnectMs = 3'000;
 constexpr size_t kMaxDeviceAnswer = size_t{64} << 10U;
-constexpr long kConnectMs = 3'000;
 
 std::atomic<bool> is_over{false};
 
@@ -20,6 +23,13 @@ std::atomic<bool> is_over{false};
 // CURLE_ABORTED_BY_CALLBACK.
 int on_progress(void*, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     return is_over ? 1 : 0;
+}
+
+// libcurl takes 0 for no limit.
+long ms_until(Clock::time_point deadline) {
+    const auto left =
+        std::chrono::duration_cast<std::chrono::milliseconds>(deadline - Clock::now());
+    return std::max<long>(1, static_cast<long>(left.count()));
 }
 
 struct Body {
@@ -71,7 +81,7 @@ HttpAnswer ask(const HttpRequest& request) {
     curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http");
     curl_easy_setopt(handle, CURLOPT_NOPROXY, "*");
     curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, kConnectMs);
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS, request.connect_ms);
     curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, request.timeout_ms);
     curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
     curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, on_progress);
@@ -89,9 +99,12 @@ HttpAnswer ask(const HttpRequest& request) {
     }
     const CURLcode code = curl_easy_perform(handle);
     long status = 0;
+    curl_off_t connected_us = 0;
     const char* local = nullptr;
     curl_easy_getinfo(handle, CURLINFO_RESPONSE_CODE, &status);
     curl_easy_getinfo(handle, CURLINFO_LOCAL_IP, &local);
+    curl_easy_getinfo(handle, CURLINFO_CONNECT_TIME_T, &connected_us);
+    answer.is_connected = connected_us > 0;
     if (code == CURLE_OK) {
         answer.status = static_cast<int>(status);
         answer.local_address = local != nullptr ? local : "";
@@ -102,18 +115,22 @@ HttpAnswer ask(const HttpRequest& request) {
 }
 
 HttpAnswer ask_device(const FoundDevice& device, const char* method, const std::string& endpoint,
-                      const std::string& body, long timeout_ms) {
+                      const std::string& body, std::chrono::milliseconds timeout) {
+    const auto deadline = Clock::now() + timeout;
+    auto addresses_left = static_cast<long>(device.addresses.size());
     HttpAnswer answer;
     answer.failure = "no address is known";
     for (const std::string& address : device.addresses) {
+        const long left_ms = ms_until(deadline);
         answer = ask({.url = "http://" + host_of(address, device.port) + device.path +
                              (device.path.ends_with('/') ? "" : "/") + endpoint,
                       .method = method,
                       .body = body,
                       .user = {},
-                      .timeout_ms = timeout_ms,
+                      .timeout_ms = left_ms,
+                      .connect_ms = std::clamp<long>(left_ms / addresses_left--, 1, kMaxConnectMs),
                       .max_answer = kMaxDeviceAnswer});
-        if (answer.status != 0) {
+        if (answer.is_connected) {
             break;
         }
     }

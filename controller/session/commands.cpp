@@ -1,5 +1,6 @@
 #include "controller/session/commands.h"
 
+#include <algorithm>
 #include <set>
 #include <utility>
 
@@ -12,6 +13,7 @@ namespace {
 const std::set<std::string> kChangesQueue{"queue_replace", "queue_insert", "queue_remove",
                                           "queue_move"};
 const std::set<std::string> kChangesState{"volume", "seek"};
+constexpr char kNoAnswer[] = "the device has not answered in time";
 // A session that has just begun opens its channel a moment later.
 constexpr std::chrono::milliseconds kChannelPatience{3000};
 constexpr std::chrono::milliseconds kQueuePatience{1000};
@@ -31,9 +33,13 @@ const char* why_not(const Device& device) {
 
 }  // namespace
 
-Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr arguments) {
+Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr arguments,
+                      Clock::time_point latest) {
+    const auto within = [latest](Clock::duration patience) {
+        return std::min(Clock::now() + patience, latest);
+    };
     std::unique_lock lock(m_house.mutex);
-    m_house.on_change.wait_for(lock, kChannelPatience, [&] {
+    m_house.on_change.wait_until(lock, within(kChannelPatience), [&] {
         const Device* const device = m_house.find(id);
         return m_house.is_closed || device == nullptr || device->link != nullptr ||
                device->owner != Owner::us;
@@ -42,20 +48,23 @@ Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr ar
     if (device == nullptr || device->link == nullptr) {
         return {false, device == nullptr ? "no such device" : why_not(*device)};
     }
+    if (Clock::now() >= latest) {
+        return {false, kNoAnswer};
+    }
     const std::string command_id = std::to_string(++m_count);
     m_waiting[command_id] = {id, std::nullopt};
     const std::string session = device->link_session;
     const int64_t revision = device->state.revision();
     const int64_t states = device->state.state_count();
     send(*device, name.c_str(), command_id, std::move(arguments));
-    const Outcome outcome = wait_for_answer(lock, command_id);
+    const Outcome outcome = wait_for_answer(lock, command_id, within(kPatience));
     if (outcome.is_ok && kChangesQueue.contains(name)) {
-        m_house.on_change.wait_for(lock, kQueuePatience, [&] {
+        m_house.on_change.wait_until(lock, within(kQueuePatience), [&] {
             const Device* const now = m_house.find(id);
             return m_house.is_closed || now == nullptr || now->state.revision() != revision;
         });
     } else if (outcome.is_ok && kChangesState.contains(name)) {
-        m_house.on_change.wait_for(lock, kStatePatience, [&] {
+        m_house.on_change.wait_until(lock, within(kStatePatience), [&] {
             const Device* const now = m_house.find(id);
             return m_house.is_closed || now == nullptr || now->state.state_count() != states;
         });
@@ -68,12 +77,12 @@ Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr ar
     return outcome;
 }
 
-Outcome Commands::wait_for_answer(std::unique_lock<std::mutex>& lock, const std::string& id) {
-    m_house.on_change.wait_for(
-        lock, kPatience, [&] { return m_house.is_closed || m_waiting[id].outcome.has_value(); });
+Outcome Commands::wait_for_answer(std::unique_lock<std::mutex>& lock, const std::string& id,
+                                  Clock::time_point latest) {
+    m_house.on_change.wait_until(
+        lock, latest, [&] { return m_house.is_closed || m_waiting[id].outcome.has_value(); });
     const auto waiting = m_waiting.extract(id);
-    return waiting.mapped().outcome.value_or(Outcome{
-        false, "the device has not answered within " + std::to_string(kPatience.count()) + " s"});
+    return waiting.mapped().outcome.value_or(Outcome{false, kNoAnswer});
 }
 
 void Commands::send(const Device& device, const char* name, const std::string& id,

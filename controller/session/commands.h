@@ -1,6 +1,7 @@
 // Commands to devices over their channels: each has an id, its answer is waited for.
 //
-// Threads  any. `run` waits for the device, kPatience at most and some seconds for its channel.
+// Threads  any. `run` waits for the device: its channel has 3 s to open, its answer kPatience, what
+//          comes of it a second.
 #pragma once
 
 #include <chrono>
@@ -20,13 +21,15 @@ struct Outcome {
 
 class Commands {
   public:
+    using Clock = DeviceState::Clock;
     static constexpr std::chrono::seconds kPatience{10};
 
     explicit Commands(HouseState& house) : m_house(house) {}
 
-    // A command of the channel, with its arguments. Comes back once its effect can be seen, where
-    // it has one; what a device has left its token opens no more.
-    Outcome run(const std::string& device, const std::string& name, JsonPtr arguments);
+    // A command of the channel, with its arguments; waits until `latest` at most. Comes back once
+    // its effect can be seen, where it has one; what a device has left its token opens no more.
+    Outcome run(const std::string& device, const std::string& name, JsonPtr arguments,
+                Clock::time_point latest = Clock::time_point::max());
 
     // ---- With the house's lock held
 
@@ -42,7 +45,8 @@ class Commands {
         std::optional<Outcome> outcome;
     };
 
-    Outcome wait_for_answer(std::unique_lock<std::mutex>& lock, const std::string& id);
+    Outcome wait_for_answer(std::unique_lock<std::mutex>& lock, const std::string& id,
+                            Clock::time_point latest);
 
     HouseState& m_house;
     std::map<std::string, Waiting> m_waiting;  // by the command's id; under the house's lock

@@ -12,7 +12,7 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr long kAnswerMs = 4'000;
+constexpr std::chrono::seconds kPatience{4};
 constexpr size_t kThreads = 4;
 constexpr int kTries = 5;
 constexpr std::chrono::seconds kPause{2};
@@ -139,9 +139,9 @@ std::map<std::string, DeviceState::Clock::time_point>::iterator Devices::next_er
 }
 
 void Devices::ask(const FoundDevice& found) {
-    const HttpAnswer display = ask_device(found, "GET", "get-display-info", {}, kAnswerMs);
+    const HttpAnswer display = ask_device(found, "GET", "get-display-info", {}, kPatience);
     const HttpAnswer connect = display.status == 200
-                                   ? ask_device(found, "GET", "get-connect-info", {}, kAnswerMs)
+                                   ? ask_device(found, "GET", "get-connect-info", {}, kPatience)
                                    : display;
     if (learn(found.id, display, connect)) {
         m_house.write_sessions();

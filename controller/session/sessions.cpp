@@ -20,6 +20,13 @@ bool is_ipv6(const std::string& address) {
     return address.find(':') != std::string::npos;
 }
 
+// A request's, of what is left.
+std::chrono::milliseconds patience(Commands::Clock::time_point latest) {
+    const auto left = latest - Commands::Clock::now();
+    return std::min<std::chrono::milliseconds>(
+        Commands::kPatience, std::chrono::duration_cast<std::chrono::milliseconds>(left));
+}
+
 std::string refusal(const HttpAnswer& answer) {
     const std::string text = answer.body.substr(0, answer.body.find('\n'));
     return answer.status == 0 ? answer.failure
@@ -31,6 +38,7 @@ std::string refusal(const HttpAnswer& answer) {
 
 Outcome Sessions::play(const std::string& id, const std::vector<Playable>& items, Where where,
                        size_t start) {
+    const Time latest = Commands::Clock::now() + kPatience;
     FoundDevice found;
     bool is_linked = false;
     {
@@ -47,19 +55,19 @@ Outcome Sessions::play(const std::string& id, const std::vector<Playable>& items
     }
     start = std::min(start, items.size() - 1);
     if (is_linked && where != Where::now) {
-        return insert(id, items, where);
+        return insert(id, items, where, latest);
     }
     if (is_linked) {
         std::vector<JsonPtr> lists = track_lists(items, address_here(id));
         if (lists.size() == 1) {
-            return replace(id, std::move(lists.front()), start);
+            return replace(id, std::move(lists.front()), start, latest);
         }
     }
     // A session begins with its first track: what stands before `start` is put there afterwards.
     const auto first = items.begin() + static_cast<std::ptrdiff_t>(start);
-    Outcome outcome = begin(id, found, {first, items.end()});
-    if (outcome.is_ok && start > 0 && has_queue(id)) {
-        insert(id, {items.begin(), first}, Where::front);
+    Outcome outcome = begin(id, found, {first, items.end()}, latest);
+    if (outcome.is_ok && start > 0 && has_queue(id, latest)) {
+        insert(id, {items.begin(), first}, Where::front, latest);
     }
     return outcome;
 }
@@ -79,7 +87,7 @@ std::optional<std::string> Sessions::playlist(const std::string& session,
 
 // One at a time: a device that refuses one has still the session before it.
 Outcome Sessions::begin(const std::string& id, const FoundDevice& found,
-                        const std::vector<Playable>& items) {
+                        const std::vector<Playable>& items, Time latest) {
     {
         std::unique_lock lock(m_house.mutex);
         if (!m_house.on_change.wait_for(lock, Commands::kPatience, [&] {
@@ -98,13 +106,13 @@ Outcome Sessions::begin(const std::string& id, const FoundDevice& found,
         m_house.on_change.notify_all();
     };
     const std::unique_ptr<Sessions, decltype(done)> offering(this, done);
-    return offer(id, found, items);
+    return offer(id, found, items, latest);
 }
 
 // The session is known before the device is asked, which fetches its content at once.
 Outcome Sessions::offer(const std::string& id, const FoundDevice& found,
-                        const std::vector<Playable>& items) {
-    const HttpAnswer reached = ask_device(found, "GET", "get-connect-info");
+                        const std::vector<Playable>& items, Time latest) {
+    const HttpAnswer reached = ask_device(found, "GET", "get-connect-info", {}, patience(latest));
     if (reached.status != 200) {
         return {false, refusal(reached)};
     }
@@ -129,7 +137,8 @@ Outcome Sessions::offer(const std::string& id, const FoundDevice& found,
         found, "POST", "connect-to-nconnect",
         offer_body({session.id, session.here + "/content/" + session.id + ".jspf",
                     "ws" + session.here.substr(std::string_view("http").size()) + "/channel",
-                    session.token, session.expires}));
+                    session.token, session.expires}),
+        patience(latest));
     settle(id, session.id, answer.status == 200);
     return answer.status == 200 ? Outcome{true, {}} : Outcome{false, refusal(answer)};
 }
@@ -155,15 +164,16 @@ void Sessions::settle(const std::string& id, const std::string& session, bool is
     }
 }
 
-Outcome Sessions::replace(const std::string& id, JsonPtr tracks, size_t start) {
+Outcome Sessions::replace(const std::string& id, JsonPtr tracks, size_t start, Time latest) {
     JsonPtr arguments = new_object();
     add(arguments.get(), "tracks", std::move(tracks));
     add(arguments.get(), "start", static_cast<int64_t>(start));
-    const Outcome outcome = m_commands.run(id, "queue_replace", std::move(arguments));
-    return outcome.is_ok ? m_commands.run(id, "play", new_object()) : outcome;
+    const Outcome outcome = m_commands.run(id, "queue_replace", std::move(arguments), latest);
+    return outcome.is_ok ? m_commands.run(id, "play", new_object(), latest) : outcome;
 }
 
-Outcome Sessions::insert(const std::string& id, const std::vector<Playable>& items, Where where) {
+Outcome Sessions::insert(const std::string& id, const std::vector<Playable>& items, Where where,
+                         Time latest) {
     std::optional<int64_t> before;
     {
         const std::scoped_lock lock(m_house.mutex);
@@ -179,7 +189,7 @@ Outcome Sessions::insert(const std::string& id, const std::vector<Playable>& ite
         if (before) {
             add(arguments.get(), "before", *before);
         }
-        Outcome outcome = m_commands.run(id, "queue_insert", std::move(arguments));
+        Outcome outcome = m_commands.run(id, "queue_insert", std::move(arguments), latest);
         if (!outcome.is_ok) {
             return outcome;
         }
@@ -188,9 +198,10 @@ Outcome Sessions::insert(const std::string& id, const std::vector<Playable>& ite
 }
 
 // Once the device's channel has told of its queue.
-bool Sessions::has_queue(const std::string& id) {
+bool Sessions::has_queue(const std::string& id, Time latest) {
     std::unique_lock lock(m_house.mutex);
-    return m_house.on_change.wait_for(lock, Commands::kPatience, [&] {
+    latest = std::min(latest, Commands::Clock::now() + Commands::kPatience);
+    return m_house.on_change.wait_until(lock, latest, [&] {
         const Device* const device = m_house.find(id);
         return m_house.is_closed ||
                (device != nullptr && device->link != nullptr && device->state.has_queue());

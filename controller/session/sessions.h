@@ -1,9 +1,10 @@
 // The sessions that devices play: begun with a playlist, their queue replaced or added to, kept
 // over a restart; and whose a token is.
 //
-// Threads  any. `play` waits for the device, some seconds.
+// Threads  any. `play` waits for the device, kPatience at most.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <set>
@@ -22,6 +23,9 @@ enum class Where { now, next, end, front };
 
 class Sessions {
   public:
+    // For all that `play` does: a page's request has 45 s, the command line's 40.
+    static constexpr std::chrono::seconds kPatience{30};
+
     // Borrows both. `port`: this controller's, for the URLs that devices get.
     Sessions(HouseState& house, Commands& commands, uint16_t port)
         : m_house(house), m_commands(commands), m_port(port) {}
@@ -35,14 +39,17 @@ class Sessions {
     std::optional<std::string> playlist(const std::string& session, std::string_view token) const;
 
   private:
+    using Time = Commands::Clock::time_point;
+
     Outcome begin(const std::string& id, const FoundDevice& found,
-                  const std::vector<Playable>& items);
+                  const std::vector<Playable>& items, Time latest);
     Outcome offer(const std::string& id, const FoundDevice& found,
-                  const std::vector<Playable>& items);
+                  const std::vector<Playable>& items, Time latest);
     void settle(const std::string& id, const std::string& session, bool is_taken);
-    Outcome insert(const std::string& id, const std::vector<Playable>& items, Where where);
-    Outcome replace(const std::string& id, JsonPtr tracks, size_t start);
-    bool has_queue(const std::string& id);
+    Outcome insert(const std::string& id, const std::vector<Playable>& items, Where where,
+                   Time latest);
+    Outcome replace(const std::string& id, JsonPtr tracks, size_t start, Time latest);
+    bool has_queue(const std::string& id, Time latest);
     std::string address_here(const std::string& id) const;
 
     HouseState& m_house;

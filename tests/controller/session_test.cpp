@@ -2,8 +2,12 @@
 // JSON.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
+#include "common/unique_fd.h"
 #include "controller/command_line/arguments.h"
+#include "controller/device/http_client.h"
 #include "controller/discovery/announced.h"
 #include "controller/session/device_state.h"
 #include "controller/session/tracks.h"
@@ -106,6 +110,24 @@ TEST(AnnouncedTest, an_announcement_leads_requests_to_devices_alone) {
     for (const char* address : {"192.168.1.5", "fd00::5", "fe80::1", "::ffff:10.0.0.1"}) {
         EXPECT_TRUE(is_address_taken(address, false)) << address;
     }
+}
+
+TEST(HttpClientTest, a_device_is_asked_at_the_first_address_that_takes_the_connection) {
+    const UniqueFd listener(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK + 1);
+    auto* const any = reinterpret_cast<sockaddr*>(&address);
+    ASSERT_EQ(bind(listener.get(), any, size) + listen(listener.get(), 8), 0);
+    ASSERT_EQ(getsockname(listener.get(), any, &size), 0);
+    FoundDevice device;
+    device.path = "/";
+    device.port = ntohs(address.sin_port);
+    device.addresses = {"127.0.0.1", "127.0.0.2", "127.0.0.2"};
+    EXPECT_EQ(ask_device(device, "GET", "x", {}, milliseconds(200)).status, 0);
+    EXPECT_TRUE(UniqueFd(accept(listener.get(), nullptr, nullptr)));
+    EXPECT_FALSE(UniqueFd(accept(listener.get(), nullptr, nullptr)));
 }
 
 TEST(JsonTest, what_is_nested_deeply_or_no_text_is_refused_and_what_goes_out_is_utf8) {
