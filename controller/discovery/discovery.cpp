@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <set>
 #include <stdexcept>
 #include <tuple>
 
@@ -25,7 +26,8 @@ namespace nuvio::controller {
 namespace {
 
 constexpr char kServiceType[] = "_nuvio-connect._tcp";
-constexpr size_t kMaxInstances = 64;
+constexpr size_t kMaxDevices = 64;
+constexpr size_t kMaxInstances = 1'024;  // with those that wait
 constexpr unsigned kFirstPauseMs = 1'000;
 constexpr unsigned kLongestPauseMs = 60'000;
 
@@ -98,9 +100,10 @@ class Discovery::Browser {
     using Key = std::tuple<std::string, AvahiIfIndex, AvahiProtocol>;
     struct Instance {
         Browser* browser = nullptr;
-        std::vector<ResolverPtr> resolvers;
-        uint64_t place = 0;  // in the order in which they have said their ids
-        FoundDevice device;  // without its addresses
+        std::string domain;
+        std::vector<ResolverPtr> resolvers;  // none while it waits
+        uint64_t place = 0;                  // in the order in which they have said their ids
+        FoundDevice device;                  // without its addresses
         std::map<AvahiProtocol, std::string> addresses;
     };
 
@@ -159,32 +162,54 @@ class Discovery::Browser {
     // Resolvers may be freed in here: Avahi touches none afterwards.
     static void on_browse(AvahiServiceBrowser* browser, AvahiIfIndex interface,
                           AvahiProtocol protocol, AvahiBrowserEvent event, const char* name,
-                          const char* type, const char* domain, AvahiLookupResultFlags,
-                          void* context) {
+                          const char*, const char* domain, AvahiLookupResultFlags, void* context) {
         auto* self = static_cast<Browser*>(context);
-        if (event == AVAHI_BROWSER_NEW) {
-            self->follow(avahi_service_browser_get_client(browser), {name, interface, protocol},
-                         type, domain);
+        if (event == AVAHI_BROWSER_NEW && self->m_instances.size() < kMaxInstances) {
+            Instance& instance = self->m_instances[{name, interface, protocol}];
+            instance.browser = self;
+            instance.domain = domain;
+            self->follow(avahi_service_browser_get_client(browser));
         } else if (event == AVAHI_BROWSER_REMOVE) {
             self->m_instances.erase({name, interface, protocol});
+            self->follow(avahi_service_browser_get_client(browser));
             self->report();
         } else if (event == AVAHI_BROWSER_FAILURE) {
             self->again_later(avahi_client_errno(avahi_service_browser_get_client(browser)));
         }
     }
 
+    // All that there is room for. What is announced by several interfaces and protocols is one.
+    void follow(AvahiClient* client) {
+        std::set<std::string> followed;
+        for (const auto& [key, instance] : m_instances) {
+            if (!instance.resolvers.empty()) {
+                followed.insert(std::get<0>(key));
+            }
+        }
+        bool is_full = false;
+        for (auto& [key, instance] : m_instances) {
+            const std::string& name = std::get<0>(key);
+            if (followed.size() >= kMaxDevices && !followed.contains(name)) {
+                is_full = true;
+            } else if (instance.resolvers.empty()) {
+                followed.insert(name);
+                resolve(client, key, &instance);
+            }
+        }
+        if (is_full && !m_is_full) {
+            log_line(LogLevel::warning, "More than " + std::to_string(kMaxDevices) +
+                                            " devices are announced: the others wait");
+        }
+        m_is_full = is_full;
+    }
+
     // The resolvers stay, and report a moved device. A device may be shown by IPv6 alone although
     // it serves IPv4 only, so both kinds of address are asked for.
-    void follow(AvahiClient* client, const Key& key, const char* type, const char* domain) {
-        if (m_instances.contains(key) || m_instances.size() >= kMaxInstances) {
-            return;
-        }
-        Instance& instance = m_instances[key];
-        instance.browser = this;
+    static void resolve(AvahiClient* client, const Key& key, Instance* instance) {
         for (const AvahiProtocol addresses : {AVAHI_PROTO_INET, AVAHI_PROTO_INET6}) {
-            instance.resolvers.emplace_back(avahi_service_resolver_new(
-                client, std::get<1>(key), std::get<2>(key), std::get<0>(key).c_str(), type, domain,
-                addresses, AvahiLookupFlags{}, on_resolve, &instance));
+            instance->resolvers.emplace_back(avahi_service_resolver_new(
+                client, std::get<1>(key), std::get<2>(key), std::get<0>(key).c_str(), kServiceType,
+                instance->domain.c_str(), addresses, AvahiLookupFlags{}, on_resolve, instance));
         }
     }
 
@@ -279,6 +304,7 @@ class Discovery::Browser {
     std::unique_ptr<AvahiClient, ReleasedBy<avahi_client_free>> m_client;
     std::unique_ptr<AvahiServiceBrowser, ReleasedBy<avahi_service_browser_free>> m_browser;
     std::map<Key, Instance> m_instances;
+    bool m_is_full = false;
     uint64_t m_places = 0;
     std::map<std::string, std::string> m_copies;  // left out: names, and whose id they have
     std::vector<FoundDevice> m_reported;

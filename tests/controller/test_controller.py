@@ -109,6 +109,7 @@ class Peers(HouseTest):
         process = subprocess.Popen(["avahi-publish", "-s", name, "_nuvio-connect._tcp", str(port), *entries],
                                    env=self.environment, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
         self.addCleanup(self.devices[0].end, process)
+        return process
 
     def socket(self, data=b"", address="127.0.0.1", source=("127.0.0.3", 0)):
         connection = socket.socket()
@@ -210,6 +211,14 @@ class Peers(HouseTest):
         # Until the third one is taken the second one's music goes on.
         self.assertEqual(fetched + [fetch(offers[1])], [200, 200, 200, 401])
         self.assertLessEqual(paths, {"/get-display-info", "/get-connect-info", "/connect-to-nconnect"})
+
+    def test_a_crowd_of_announcements_hides_nobody_for_good(self):
+        crowd = [self.publish(f"Crowd {number}", 9) for number in range(64)]
+        self.start_controller()
+        wait_for("the crowd", lambda: len(self.state()["devices"]) == len(crowd))
+        self.devices[0].start()
+        self.devices[0].end(crowd[0])
+        wait_for("its turn", lambda: self.shown("Kitchen"))
 
     def test_a_device_that_never_answers_does_not_hold_up_the_end(self):
         self.start_all()
