@@ -41,7 +41,7 @@ bool Channels::opened(std::string_view token, const std::shared_ptr<ChannelLink>
     device.link = link;
     device.link_session = session.id;
     device.owner = Owner::us;
-    device.state = {};
+    device.state = DeviceState(session.here);
     device.is_bit_exact = false;
     m_house.change();
     return true;
@@ -125,7 +125,7 @@ void Channels::judge_track(const ChannelLink* link) {
         const std::optional<int64_t> item =
             entry != nullptr ? entry->second.state.track().item : std::nullopt;
         const QueueItem* queued = item ? entry->second.state.find(*item) : nullptr;
-        track_id = queued != nullptr ? track_id_of(queued->url) : 0;
+        track_id = queued != nullptr ? track_id_of(queued->url, entry->second.state.here()) : 0;
     }
     std::optional<Track> file;
     try {

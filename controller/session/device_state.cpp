@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "common/number.h"
 #include "common/utf8.h"
 
 namespace nuvio::controller {
@@ -24,25 +25,27 @@ int64_t count_of(const cJSON* object, const char* key) {
     return std::max<int64_t>(0, number_member(object, key).value_or(0));
 }
 
-// Of "http://here/base/cover/17?size=1000" what the page can ask for; nothing of a foreign one.
-std::string own_cover(const std::string& url) {
-    const size_t at = url.rfind("/cover/");
-    const std::string id =
-        at == std::string::npos ? "" : url.substr(at + 7, url.find('?', at) - at - 7);
-    return id.empty() || id.find_first_not_of("0123456789") != std::string::npos ? ""
-                                                                                 : "cover/" + id;
+// Of "http://here/cover/17?size=1000" what the page can ask for; nothing of a foreign one.
+std::string own_cover(const std::string& url, const std::string& here) {
+    const std::string own = here + "/cover/";
+    if (!url.starts_with(own)) {
+        return {};
+    }
+    const auto album =
+        to_number<uint64_t>(std::string_view(url).substr(own.size(), url.find('?') - own.size()));
+    return album ? "cover/" + std::to_string(*album) : "";
 }
 
-QueueItem item_of(const cJSON* entry) {
+QueueItem item_of(const cJSON* entry, const std::string& here) {
     return {count_of(entry, "item"),       text_of(entry, "url", kMaxUrl),
             text_of(entry, "title"),       text_of(entry, "artist"),
-            text_of(entry, "album"),       own_cover(text_of(entry, "cover", kMaxUrl)),
+            text_of(entry, "album"),       own_cover(text_of(entry, "cover", kMaxUrl), here),
             count_of(entry, "duration_ms")};
 }
 
 size_t bytes_of(const QueueItem& item) {
     return sizeof item + item.url.size() + item.title.size() + item.artist.size() +
-           item.album.size();
+           item.album.size() + item.cover.size();
 }
 
 }  // namespace
@@ -116,7 +119,7 @@ bool DeviceState::apply_queue(const cJSON* message) {
     int64_t place = count_of(message, "first");
     const cJSON* entry = nullptr;
     cJSON_ArrayForEach(entry, items) {
-        QueueItem item = item_of(entry);
+        QueueItem item = item_of(entry, m_here);
         const size_t bytes = bytes_of(item);
         if (place >= m_length || m_queue_bytes + bytes > kMaxQueueBytes) {
             break;

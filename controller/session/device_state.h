@@ -10,6 +10,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "common/json/json.h"
 
@@ -33,6 +34,11 @@ class DeviceState {
   public:
     using Clock = std::chrono::steady_clock;
 
+    DeviceState() = default;
+    // `here`: how the device reaches this controller, "http://192.168.1.5:8090". Covers from
+    // elsewhere are not shown.
+    explicit DeviceState(std::string here) : m_here(std::move(here)) {}
+
     // A message of the types queue, track, state or error; `now` is when it came, by two clocks.
     // True when something in it was understood.
     bool apply(const cJSON* message, Clock::time_point now, int64_t now_unix_ms);
@@ -50,6 +56,7 @@ class DeviceState {
     bool has_queue() const { return m_length > 0 && !missing_place(); }
     std::optional<int64_t> first_item() const;
     const TrackHeard& track() const { return m_track; }
+    const std::string& here() const { return m_here; }
 
     // For the page and the command line: members "playback", "position_ms", "volume", "track" ...
     void describe(cJSON* object, Clock::time_point now) const;
@@ -62,6 +69,7 @@ class DeviceState {
     bool apply_queue(const cJSON* message);
     bool apply_error(const cJSON* message);
 
+    std::string m_here;
     std::string m_playback = "stopped";
     std::string m_loop = "off";
     int64_t m_state_count = 0;

@@ -84,12 +84,12 @@ std::vector<JsonPtr> track_lists(const std::vector<Playable>& items, const std::
     return lists;
 }
 
-int64_t track_id_of(const std::string& url) {
-    const size_t at = url.find(kContent);
-    if (at == std::string::npos) {
+int64_t track_id_of(const std::string& url, const std::string& here) {
+    const std::string own = here + kContent;
+    if (!url.starts_with(own)) {
         return 0;
     }
-    const std::string name = url.substr(at + sizeof kContent - 1);
+    const std::string name = url.substr(own.size());
     return to_number<int64_t>(std::string_view(name).substr(0, name.find('.'))).value_or(0);
 }
 

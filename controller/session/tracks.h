@@ -17,7 +17,7 @@ std::string playlist_of(const std::vector<Playable>& items, const std::string& h
 // that it fits into a message.
 std::vector<JsonPtr> track_lists(const std::vector<Playable>& items, const std::string& here);
 
-// The library's track behind a URL that came from one of the above; 0: none.
-int64_t track_id_of(const std::string& url);
+// The library's track behind a URL that came from one of the above with this `here`; 0: none.
+int64_t track_id_of(const std::string& url, const std::string& here);
 
 }  // namespace nuvio::controller
