@@ -278,8 +278,11 @@ class Discovery::Browser {
     void log_new(std::map<std::string, std::string> copies) {
         for (const auto& [copy, first] : copies) {
             if (!m_copies.contains(copy)) {
-                log_line(LogLevel::warning, "'" + copy + "' says that it is the same device as '" +
-                                                first + "': not shown while that one is there");
+                log_line(LogLevel::warning, std::string("'")
+                                                .append(copy)
+                                                .append("' says that it is the same device as '")
+                                                .append(first)
+                                                .append("': not shown while that one is there"));
             }
         }
         m_copies = std::move(copies);
