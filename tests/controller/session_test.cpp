@@ -72,7 +72,7 @@ TEST_F(DeviceStateTest, a_queue_comes_in_any_parts_and_a_new_revision_replaces_i
     ASSERT_TRUE(say(R"({"type":"state","playback":"stopped","item":13})"));
     EXPECT_EQ(m_state.item_after_current(), 14);
     ASSERT_TRUE(say(R"({"type":"queue","revision":3,"length":2,"first":0,"items":[
-        {"item":98,"cover":"http://radio.example/cover/3"},
+        {"item":98,"cover":"http://away/cover/3"},
         {"item":99,"cover":"http://here/cover/33333333333333333333"}]})"));
     EXPECT_EQ(m_state.find(12), nullptr);
     EXPECT_EQ(m_state.find(98)->cover + m_state.find(99)->cover, "");
@@ -160,7 +160,7 @@ TEST(TracksTest, long_lists_go_in_messages_that_a_device_takes) {
         count += cJSON_GetArraySize(list.get());
     }
     EXPECT_EQ(count, 1'200);
-    EXPECT_EQ(track_id_of("http://radio.example/content/2.flac", "http://here"), 0);
+    EXPECT_EQ(track_id_of("http://away/content/2.flac", "http://here"), 0);
 }
 
 TEST(ByteRangeTest, of_an_empty_file_there_is_no_part) {

@@ -36,12 +36,15 @@ AREAS = {
     "common": Area(["common"], ["files_test", "reader_test", "linux_host_configuration_test"]),
     "reader": Area(["reader"], ["reader_test"]),
     "library": Area(["controller/library"], ["controller_library_test"]),
+    "devices": Area(["controller/session", "controller/discovery", "controller/device"],
+                    ["controller_session_test"]),
     "page": Area(["controller/page"], ["test_page"]),
     "card": Area(["tools/simcard"], ["sink_test", "fault_matrix_test"]),
 }
 DEVICE = ["nuvio-connect", "simcardctl"]  # the targets of what drives it from outside
 TARGETS = {"advertising_test": ["advertiser_host"], "bus_test": DEVICE,
            "golden_log_test": ["golden_life"], "test_page": [*DEVICE, "nuvio-connect-controller"],
+           "test_controller": [*DEVICE, "nuvio-connect-controller"],
            "test_playback": DEVICE, "test_host": DEVICE, "test_long_session": DEVICE}
 
 Mutant = collections.namedtuple("Mutant", "area tests found planted")
