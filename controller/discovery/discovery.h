@@ -3,10 +3,10 @@
 //
 // Threads  one of its own (Avahi's), from construction to destruction; `on_change` is called on it
 //          with all devices there are, whenever something has changed.
-// Peers    anyone on the network can announce anything: at most 64 devices are followed at once, the
-//          next ones when some of them go; names and TXT entries are as announced. Of several that
-//          say the same id the first one is told of while it is there; the others are logged. Paths
-//          and addresses are those that announced.h takes.
+// Peers    anyone on the network can announce anything: at most 64 devices are followed at once,
+//          the next ones when some of them go; names and TXT entries are as announced. Of several
+//          that say the same id the first one is told of while it is there; the others are logged.
+//          Paths and addresses are those that announced.h takes.
 #pragma once
 
 #include <functional>
