@@ -2,8 +2,7 @@
 // asked again after a channel has broken.
 //
 // Threads  any, for every function; none waits. A few threads of its own ask the devices, so that
-// one
-//          that does not answer holds up few others.
+//          one that does not answer holds up few others.
 #pragma once
 
 #include <map>

@@ -60,7 +60,6 @@ TEST(Files, WhatIsReplacedIsOnTheDiskBeforeItsNameIsAndTheNameBeforeTheAnswer) {
     steps_of("text", [](const std::string& folder) { replace_file(folder + "/text", "new"); });
     steps_of("sessions.json", [](const std::string& folder) {
         controller::SessionStore store(folder + "/sessions.json");
-        store.set("device", {"id", "token", 1, {}, {}});
         store.write(store.text());
     });
     steps_of("device_uuid", [](const std::string& folder) { local_core::device_uuid("", folder); });
