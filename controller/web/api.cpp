@@ -146,6 +146,10 @@ std::string Api::state(uint64_t version) {
 
 int Api::get_state(Exchange& exchange, const std::string&) {
     const int64_t after = exchange.number_parameter("after", -1);
+    const Places::Place place = after > 0 ? m_waiting.take(exchange.peer()) : nullptr;
+    if (after > 0 && place == nullptr) {
+        return exchange.fail_as_busy("too many wait for a change");
+    }
     const uint64_t version =
         m_changes.wait(after < 0 ? 0 : static_cast<uint64_t>(after), kLongestWait);
     return exchange.reply(200, "application/json", state(version), "Cache-Control: no-store\r\n");
@@ -163,7 +167,7 @@ int Api::answer(Exchange& exchange, const Outcome& outcome) {
 int Api::post_play(Exchange& exchange, const std::string& id) {
     const JsonPtr body = exchange.body();
     if (body == nullptr) {
-        return 400;
+        return exchange.status();
     }
     const std::string device = m_house.devices().named(id);
     if (device.empty()) {
@@ -193,7 +197,7 @@ int Api::post_play(Exchange& exchange, const std::string& id) {
 int Api::post_command(Exchange& exchange, const std::string& id) {
     JsonPtr body = exchange.body();
     if (body == nullptr) {
-        return 400;
+        return exchange.status();
     }
     const std::string device = m_house.devices().named(id);
     const std::string name = text_member(body.get(), "command").value_or("");

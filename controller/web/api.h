@@ -24,6 +24,7 @@
 #include "controller/library/library.h"
 #include "controller/session/house.h"
 #include "controller/web/exchange.h"
+#include "controller/web/places.h"
 
 namespace nuvio::controller {
 
@@ -64,6 +65,7 @@ class Api {
     Library& m_library;
     House& m_house;
     Changes& m_changes;
+    Places m_waiting{16, 12};  // for a change
 };
 
 }  // namespace nuvio::controller

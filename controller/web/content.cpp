@@ -14,9 +14,6 @@ namespace nuvio::controller {
 
 namespace {
 
-// Of the web server's workers; a device has two connections at most while it changes tracks.
-constexpr int kMaxSentAtOnce = 24;
-
 std::string etag_of(const struct stat& status) {
     std::array<char, 64> text{};
     std::snprintf(text.data(), text.size(), "\"%llx-%llx-%lx\"",
@@ -75,13 +72,9 @@ int Content::serve(Exchange& exchange, std::string_view name) {
     if (!file) {
         return exchange.fail(404, "no such track");
     }
-    struct Count {
-        std::atomic<int>& count;
-        ~Count() { --count; }
-    };
-    const Count count{m_being_sent};
-    if (++m_being_sent > kMaxSentAtOnce) {
-        return exchange.fail(503, "too many at once", "Retry-After: 1\r\n");
+    const Places::Place place = m_being_sent.take(std::string(token));
+    if (place == nullptr) {
+        return exchange.fail_as_busy("too many at once");
     }
     // A device reads ahead and then not for long: it has a token, so it may.
     exchange.guarded().clear_deadline();
@@ -128,7 +121,7 @@ int Content::serve_cover(Exchange& exchange, std::string_view id) {
     const std::optional<int64_t> album = to_number<int64_t>(id);
     const Covers::Found found = album ? m_library.open_cover(*album, *size) : Covers::Found{};
     if (found.is_busy) {
-        return exchange.fail(503, "too many covers at once", "Retry-After: 1\r\n");
+        return exchange.fail_as_busy("too many covers at once");
     }
     if (!found.cover) {
         return exchange.fail(404, "no cover");

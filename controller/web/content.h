@@ -9,12 +9,12 @@
 // Threads  any; waits for disk and peer.
 #pragma once
 
-#include <atomic>
 #include <string_view>
 
 #include "controller/library/library.h"
 #include "controller/session/house.h"
 #include "controller/web/exchange.h"
+#include "controller/web/places.h"
 
 namespace nuvio::controller {
 
@@ -32,7 +32,8 @@ class Content {
 
     Library& m_library;
     House& m_house;
-    std::atomic<int> m_being_sent = 0;
+    // By token; a device has two connections at most while it changes tracks.
+    Places m_being_sent{24, 3};
 };
 
 }  // namespace nuvio::controller

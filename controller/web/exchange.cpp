@@ -27,9 +27,10 @@ constexpr char kSafeHeaders[] =
 
 }  // namespace
 
-Exchange::Exchange(mg_connection* connection, HttpGuard& guard, std::string path)
+Exchange::Exchange(mg_connection* connection, HttpGuard& guard, Places& bodies, std::string path)
     : m_connection(connection),
       m_guarded(guard, connection),
+      m_bodies(bodies),
       m_method(mg_get_request_info(connection)->request_method),
       m_path(std::move(path)) {
     const bool has_body = mg_get_request_info(connection)->content_length > 0 ||
@@ -61,6 +62,11 @@ JsonPtr Exchange::body() {
         fail(size < 0 ? 411 : 413, size < 0 ? "a body needs its length" : "at most 64 KiB");
         return nullptr;
     }
+    Places::Place place = m_bodies.take(peer());
+    if (place == nullptr) {
+        fail_as_busy("too many bodies at once");
+        return nullptr;
+    }
     std::vector<char> text(static_cast<size_t>(size));
     size_t have = 0;
     while (have < text.size()) {
@@ -70,6 +76,7 @@ JsonPtr Exchange::body() {
         }
         have += static_cast<size_t>(got);
     }
+    place.reset();
     m_guarded.set_deadline(kAnswerPatience);
     JsonPtr document = parse_json({text.data(), have}, kMaxValues);
     if (have < text.size() || cJSON_IsObject(document.get()) == 0) {
@@ -101,6 +108,7 @@ int Exchange::fail(int status, std::string_view text, const std::string& headers
 }
 
 void Exchange::begin(int status, std::string_view type, int64_t size, const std::string& headers) {
+    m_status = status;
     std::string head = "HTTP/1.1 " + std::to_string(status) + " " +
                        mg_get_response_code_text(m_connection, status) + "\r\n" + kSafeHeaders +
                        headers;

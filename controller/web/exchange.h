@@ -13,6 +13,7 @@
 
 #include "common/json/json.h"
 #include "controller/web/guarded_connection.h"
+#include "controller/web/places.h"
 
 namespace nuvio::controller {
 
@@ -22,12 +23,13 @@ class Exchange {
     static constexpr std::chrono::seconds kAnswerPatience{45};
     static constexpr std::chrono::seconds kBodyPatience{5};
 
-    // Gives the connection its deadline. `path`: the request's, without the base path; begins with
-    // '/'.
-    Exchange(mg_connection* connection, HttpGuard& guard, std::string path);
+    // Gives the connection its deadline. `bodies`: places for those that are being read; borrowed.
+    // `path`: the request's, without the base path; begins with '/'.
+    Exchange(mg_connection* connection, HttpGuard& guard, Places& bodies, std::string path);
 
     const std::string& method() const { return m_method; }
     const std::string& path() const { return m_path; }
+    const mg_connection* connection() const { return m_connection; }
     GuardedConnection& guarded() { return m_guarded; }
     // Null: absent.
     const char* header(const char* name) const { return mg_get_header(m_connection, name); }
@@ -36,10 +38,15 @@ class Exchange {
     int64_t number_parameter(const char* name, int64_t otherwise) const;
     // Of "Authorization: Bearer TOKEN".
     std::string_view bearer() const;
-    // The JSON object of the body. Null: there is none, and the request has been answered.
+    // The peer's address.
+    std::string peer() const { return mg_get_request_info(m_connection)->remote_addr; }
+    // The JSON object of the body. Null: there is none, and the request has been answered with
+    // status().
     JsonPtr body();
 
     // ---- Answers: one of these, once; the status comes back ----
+
+    int status() const { return m_status; }  // 0 before
 
     // `headers`: further ones, "Name: value\r\n" each. Without the body where the method is HEAD.
     int reply(int status, std::string_view type, std::string_view body,
@@ -47,6 +54,8 @@ class Exchange {
     int reply_json(const JsonPtr& document);
     // {"error": text}, for people.
     int fail(int status, std::string_view text, const std::string& headers = {});
+    // 503: it may be asked again.
+    int fail_as_busy(std::string_view text) { return fail(503, text, "Retry-After: 1\r\n"); }
     // The head alone; `size` bytes follow by `write`, in any number of calls.
     void begin(int status, std::string_view type, int64_t size, const std::string& headers);
     // Waits for the peer. False: it is gone.
@@ -55,8 +64,10 @@ class Exchange {
   private:
     mg_connection* const m_connection;
     GuardedConnection m_guarded;
+    Places& m_bodies;
     const std::string m_method;
     const std::string m_path;
+    int m_status = 0;
 };
 
 }  // namespace nuvio::controller

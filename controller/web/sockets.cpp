@@ -183,14 +183,27 @@ void Sockets::put_on(mg_context* context) {
                                                this);
 }
 
-bool Sockets::has_room_for_page() const {
-    const std::scoped_lock lock(m_mutex);
-    return m_pages.size() < kMaxPages;
+bool Sockets::reserve_page(const mg_connection* connection, const std::string& address) {
+    return reserve(m_page_places, connection, address);
 }
 
-bool Sockets::has_room_for_channel() const {
+bool Sockets::reserve_channel(const mg_connection* connection, const std::string& token) {
+    return reserve(m_channel_places, connection, token);
+}
+
+bool Sockets::reserve(Places& places, const mg_connection* connection, const std::string& peer) {
+    Places::Place place = places.take(peer);
+    const bool is_taken = place != nullptr;
+    if (is_taken) {
+        const std::scoped_lock lock(m_mutex);
+        m_places[connection] = std::move(place);
+    }
+    return is_taken;
+}
+
+void Sockets::give_back(const mg_connection* connection) {
     const std::scoped_lock lock(m_mutex);
-    return m_channels.size() < kMaxChannels;
+    m_places.erase(connection);
 }
 
 template <typename Kind>
@@ -209,26 +222,24 @@ std::shared_ptr<Kind> Sockets::find(Map<Kind>& sockets, const mg_connection* con
 }
 
 // What a socket has between handshake and close, its thread with it. Null, and the connection cut
-// off, where there are too many or the system has no thread left: nothing may be thrown through
-// CivetWeb, which closes the connection as for any that has ended.
+// off, where the system has no thread left: nothing may be thrown through CivetWeb, which closes
+// the connection as for any that has ended.
 template <typename Kind>
-std::shared_ptr<Kind> Sockets::begin(Map<Kind>& sockets, size_t most, mg_connection* connection) {
+std::shared_ptr<Kind> Sockets::begin(Map<Kind>& sockets, mg_connection* connection) {
     limit_allocations(kMaxAllocation);
     GuardedConnection guarded(m_guard, connection);
     guarded.clear_deadline();
     std::shared_ptr<Kind> begun;
     attempt("No socket", [&] {
         const std::scoped_lock lock(m_mutex);
-        if (sockets.size() < most) {
-            const auto place = sockets.try_emplace(connection).first;  // before there is a thread
-            try {
-                place->second = std::make_shared<Kind>(*this, connection);
-            } catch (...) {
-                sockets.erase(place);
-                throw;
-            }
-            begun = place->second;
+        const auto place = sockets.try_emplace(connection).first;  // before there is a thread
+        try {
+            place->second = std::make_shared<Kind>(*this, connection);
+        } catch (...) {
+            sockets.erase(place);
+            throw;
         }
+        begun = place->second;
     });
     if (begun == nullptr) {
         guarded.cut();
@@ -238,7 +249,7 @@ std::shared_ptr<Kind> Sockets::begin(Map<Kind>& sockets, size_t most, mg_connect
 
 void Sockets::on_page_ready(mg_connection* connection, void* context) {
     auto* self = static_cast<Sockets*>(context);
-    self->begin(self->m_pages, kMaxPages, connection);
+    self->begin(self->m_pages, connection);
 }
 
 // A page says nothing; its pongs keep the connection. On 0, and after a close frame whatever is
@@ -256,7 +267,7 @@ void Sockets::on_page_closed(const mg_connection* connection, void* context) {
 
 void Sockets::on_channel_ready(mg_connection* connection, void* context) {
     auto* self = static_cast<Sockets*>(context);
-    const auto channel = self->begin(self->m_channels, kMaxChannels, connection);
+    const auto channel = self->begin(self->m_channels, connection);
     if (channel == nullptr) {
         return;
     }

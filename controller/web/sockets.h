@@ -17,14 +17,12 @@
 
 #include "common/http_guard/http_guard.h"
 #include "controller/session/house.h"
+#include "controller/web/places.h"
 
 namespace nuvio::controller {
 
 class Sockets {
   public:
-    static constexpr size_t kMaxPages = 16;
-    static constexpr size_t kMaxChannels = 16;
-
     // Borrows all. `state`: the message for pages at a version.
     Sockets(House& house, Changes& changes, HttpGuard& guard,
             std::function<std::string(uint64_t)> state);
@@ -34,9 +32,12 @@ class Sockets {
 
     // Registers both; handshakes have been looked at by then. Before the first request.
     void put_on(mg_context* context);
-    // Those that ask at once may all be told that there is room; one too many is cut off then.
-    bool has_room_for_page() const;
-    bool has_room_for_channel() const;
+    // A place for a socket before its handshake: false, there is none for that peer, by its address
+    // or its token.
+    bool reserve_page(const mg_connection* connection, const std::string& address);
+    bool reserve_channel(const mg_connection* connection, const std::string& token);
+    // The request is over, whatever became of it, and its socket closed.
+    void give_back(const mg_connection* connection);
 
   private:
     class Writer;
@@ -47,9 +48,11 @@ class Sockets {
     using Map = std::map<const mg_connection*, std::shared_ptr<Kind>>;
 
     template <typename Kind>
-    std::shared_ptr<Kind> begin(Map<Kind>& sockets, size_t most, mg_connection* connection);
+    std::shared_ptr<Kind> begin(Map<Kind>& sockets, mg_connection* connection);
     template <typename Kind>
     std::shared_ptr<Kind> find(Map<Kind>& sockets, const mg_connection* connection, bool take);
+
+    bool reserve(Places& places, const mg_connection* connection, const std::string& peer);
 
     static void on_page_ready(mg_connection* connection, void* self);
     static int on_page_data(mg_connection*, int bits, char*, size_t, void*);
@@ -63,7 +66,10 @@ class Sockets {
     Changes& m_changes;
     HttpGuard& m_guard;
     const std::function<std::string(uint64_t)> m_state;
-    mutable std::mutex m_mutex;
+    Places m_page_places{16, 12};
+    Places m_channel_places{16, 3};  // a device may be back before its old one is known to be gone
+    std::mutex m_mutex;              // of what follows
+    std::map<const mg_connection*, Places::Place> m_places;
     Map<Page> m_pages;
     Map<Channel> m_channels;
 };

@@ -20,12 +20,16 @@ namespace {
 
 // Pages and channels hold a worker each, and so does what is being sent.
 constexpr char kWorkers[] = "64";
+constexpr size_t kMostAnswered = 64;
+constexpr size_t kMostOfAPeer = 32;  // a proxy is one for all who come through it
 // A peer's time for its request's head; less from so many of them on.
 constexpr std::chrono::milliseconds kPatience{5'000};
 constexpr size_t kCrowd = 32;
 constexpr std::chrono::milliseconds kCrowdPatience{200};
-// What a peer may still send of a body that nobody has read.
+// What a peer may still send of a body that nobody has read; where there are too many already,
+// less.
 constexpr std::chrono::milliseconds kLinger{1'000};
+constexpr std::chrono::milliseconds kCrowdLinger{200};
 // CivetWeb's own, for a write that waits: a device may have read ahead, and be paused. Whoever has
 // no token is cut off by the guard.
 constexpr char kWriteTimeoutMs[] = "3600000";
@@ -67,8 +71,8 @@ WebServer::WebServer(const Settings& settings, Library& library, House& house, C
       m_api(library, house, changes),
       m_house(house),
       m_content(library, house),
-      m_sockets(house, changes, m_guard,
-                [this](uint64_t version) { return m_api.state(version); }) {
+      m_sockets(house, changes, m_guard, [this](uint64_t version) { return m_api.state(version); }),
+      m_being_answered(kMostAnswered, kMostOfAPeer) {
     mg_init_library(0);
 }
 
@@ -99,6 +103,7 @@ bool WebServer::start() {
     mg_callbacks callbacks{};
     callbacks.init_connection = on_connection;
     callbacks.begin_request = on_request;
+    callbacks.end_request = on_request_over;
     callbacks.log_message = on_log;
     m_context.reset(mg_start(&callbacks, this, options));
     if (m_context == nullptr) {
@@ -130,12 +135,18 @@ int WebServer::on_request(mg_connection* connection) {
     const mg_request_info* info = mg_get_request_info(connection);
     auto* self = static_cast<WebServer*>(info->user_data);
     GuardedConnection::introduce(self->m_guard, connection);
-    Exchange exchange(connection, self->m_guard, self->own_path(info->local_uri));
+    Exchange exchange(connection, self->m_guard, self->m_bodies, self->own_path(info->local_uri));
     const int status = self->answer(exchange);
     if (status > 0) {
-        exchange.guarded().set_deadline(kLinger);
+        exchange.guarded().set_deadline(status == 503 ? kCrowdLinger : kLinger);
     }
     return status;
+}
+
+// After the handler of a WebSocket that has closed, too.
+void WebServer::on_request_over(const mg_connection* connection, int) {
+    static_cast<WebServer*>(mg_get_user_data(mg_get_context(connection)))
+        ->m_sockets.give_back(connection);
 }
 
 int WebServer::answer(Exchange& exchange) {
@@ -173,13 +184,20 @@ int WebServer::serve(Exchange& exchange) {
     if (method != "GET" && method != "HEAD" && method != "POST") {
         return exchange.fail(405, "not by this method");
     }
-    if (path == "/channel" || path == "/api/events") {
-        return serve_socket(exchange);
-    }
     constexpr std::string_view kContent = "/content/";
-    constexpr std::string_view kCover = "/cover/";
     if (path.starts_with(kContent)) {
         return m_content.serve(exchange, std::string_view(path).substr(kContent.size()));
+    }
+    const Places::Place place = m_being_answered.take(exchange.peer());
+    return place != nullptr ? serve_house(exchange)
+                            : exchange.fail_as_busy("too many requests at once from one address");
+}
+
+int WebServer::serve_house(Exchange& exchange) {
+    constexpr std::string_view kCover = "/cover/";
+    const std::string& path = exchange.path();
+    if (path == "/channel" || path == "/api/events") {
+        return serve_socket(exchange);
     }
     if (!is_allowed(exchange)) {
         return ask_for_password(exchange);
@@ -200,12 +218,16 @@ int WebServer::serve_socket(Exchange& exchange) {
             return exchange.fail(401, "a session's token is needed",
                                  "WWW-Authenticate: Bearer realm=\"channel\"\r\n");
         }
-        return m_sockets.has_room_for_channel() ? 0 : exchange.fail(503, "too many devices");
+        return m_sockets.reserve_channel(exchange.connection(), std::string(exchange.bearer()))
+                   ? 0
+                   : exchange.fail_as_busy("too many devices");
     }
     if (!is_allowed(exchange)) {
         return ask_for_password(exchange);
     }
-    return m_sockets.has_room_for_page() ? 0 : exchange.fail(503, "too many pages are open");
+    return m_sockets.reserve_page(exchange.connection(), exchange.peer())
+               ? 0
+               : exchange.fail_as_busy("too many pages are open");
 }
 
 int WebServer::serve_page(Exchange& exchange) {

@@ -20,6 +20,7 @@
 #include "controller/web/api.h"
 #include "controller/web/content.h"
 #include "controller/web/exchange.h"
+#include "controller/web/places.h"
 #include "controller/web/sockets.h"
 
 namespace nuvio::controller {
@@ -39,10 +40,12 @@ class WebServer {
   private:
     static int on_connection(const mg_connection* connection, void** data);
     static int on_request(mg_connection* connection);
+    static void on_request_over(const mg_connection* connection, int);
     static int on_log(const mg_connection*, const char* message);
 
     int answer(Exchange& exchange);
     int serve(Exchange& exchange);
+    int serve_house(Exchange& exchange);
     int serve_socket(Exchange& exchange);
     int serve_page(Exchange& exchange);
     int ask_for_password(Exchange& exchange);
@@ -58,6 +61,8 @@ class WebServer {
     House& m_house;
     Content m_content;
     Sockets m_sockets;
+    Places m_bodies{16, 12};  // on their way
+    Places m_being_answered;  // but devices that fetch, which have a bound of their own
     std::unique_ptr<mg_context, ReleasedBy<mg_stop>> m_context;
 };
 

@@ -2,6 +2,8 @@
 import contextlib
 import http.server
 import json
+import os
+import select
 import signal
 import socket
 import struct
@@ -116,10 +118,24 @@ class Peers(HouseTest):
         self.addCleanup(connection.close)
         connection.settimeout(PATIENCE)
         connection.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        connection.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4096)
         connection.bind(source)
         connection.connect((address, self.port))
         connection.sendall(data)
         return connection
+
+    def assert_shared(self, request, share, most):
+        """Of so many at once those of one address have `share`, all have `most`, and the others a refusal."""
+        held = [self.socket(request.encode(), source=(f"127.0.0.{3 + i // 20}", 0)) for i in range(40)]
+
+        def is_shared():
+            heard = select.select(held, [], [], 0)[0]
+            refused = [each in heard and b" 503 " in each.recv(20, socket.MSG_PEEK) for each in held]
+            return 20 - share <= sum(refused[:20]) < 20 and 40 - most <= sum(refused) < 40
+        wait_for(f"refusals of {request}", is_shared)
+        self.assertIsNotNone(self.state())
+        for each in held:
+            each.close()
 
     def test_content_is_for_a_sessions_token_and_the_page_for_who_knows_the_password(self):
         self.start_all()
@@ -255,6 +271,7 @@ class Peers(HouseTest):
                   b"\x81\xfe\xff\xffabcd", b"\x81\xff" + struct.pack(">Q", 65536) + b"abcd",
                   b"\x00\x80abcd" * 1000]
         request = f"HTTP/1.1\r\nHost: 127.0.0.1\r\n{upgrade}"
+        post = "HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nContent-Length: "
         for frame in frames:
             page = self.socket(f"GET /api/events {request}\r\n".encode() + frame)
             device = self.socket(f"GET /channel {request}Authorization: Bearer {self.token()}\r\n"
@@ -274,7 +291,7 @@ class Peers(HouseTest):
         third = self.socket(f"GET /api/events {request}\r\n".encode())
         self.assertIn(b" 101 ", third.recv(64))
         second.close()
-        unread = self.socket(b"POST /api/library/scan HTTP/1.1\r\nHost: 127.0.0.1\r\nContent-Length: 9\r\n\r\n")
+        unread = self.socket(f"POST /api/library/scan {post}9\r\n\r\n".encode())
         while unread.recv(65536):
             pass  # it ends within PATIENCE, though none of the body comes
         third.sendall(b"\x89\x80abcd")
@@ -291,10 +308,27 @@ class Peers(HouseTest):
                     each.send(b"x")
             return self.state()
         wait_for("an answer beside slow peers", is_answered, pause=0.2)
+        self.command("pause", "Kitchen")
+        events = f"GET /api/events {request}\r\n"
+        for _ in range(20):  # what fails after a place was found for it gives that back
+            failed = self.socket(events.replace("Version: 13", "Version: 1").encode())
+            while failed.recv(99):
+                pass
+        self.assert_shared(events, 12, 16)
+        version = -1
+        while version != self.state()["version"]:
+            version = self.state()["version"]
+            time.sleep(1)
+        self.assert_shared(f"GET /api/state?after={version} HTTP/1.1\r\nHost: x\r\n\r\n", 12, 16)
+        self.assert_shared(f"POST /api/devices/x/play {post}9\r\n\r\n{{", 12, 16)
+        self.assert_shared(events, 12, 16)
+        for path in self.music.glob("*/*.flac"):
+            os.truncate(path, 1 << 28)  # more than any buffer holds
+        self.assert_shared("GET /content/1.flac HTTP/1.1\r\nHost: x\r\n"
+                           f"Authorization: Bearer {self.token()}\r\n\r\n", 3, 3)
         deep = '{"a":' * 5000 + "1" + "}" * 5000
         for body in (deep, r'{"a":"\\","what":' + "[" * 999, "[]", "", "{" + '"x":1,' * 20_000 + '"y":1}', '{"what":[5,null,"album:-1"]}'):
-            connection = self.socket(f"POST /api/devices/Kitchen/play HTTP/1.1\r\nHost: 127.0.0.1\r\n"
-                                     f"Content-Length: {len(body)}\r\n\r\n{body}".encode())
+            connection = self.socket(f"POST /api/devices/Kitchen/play {post}{len(body)}\r\n\r\n{body}".encode())
             self.assertRegex(connection.recv(65536), rb"^HTTP/1.1 4\d\d ")
         if not self.devices[0].is_sanitized():
             self.assertLess(memory_of(self.controller), before + 15 * 1024)
