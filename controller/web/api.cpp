@@ -14,7 +14,8 @@ constexpr int64_t kMaxPage = 500;
 constexpr int64_t kFound = 50;
 constexpr std::chrono::seconds kLongestWait{25};
 
-// The rest of `path` that stands for the '*' in `pattern`; none: they do not match.
+// The rest of the encoded `path` that stands for the '*' in `pattern`, decoded; none: they do not
+// match.
 std::optional<std::string> match(std::string_view pattern, std::string_view path) {
     const size_t star = pattern.find('*');
     if (star == std::string_view::npos) {
@@ -116,7 +117,7 @@ const Api::Route Api::kRoutes[] = {
 int Api::serve(Exchange& exchange) {
     bool is_known = false;
     for (const Route& route : kRoutes) {
-        const std::optional<std::string> id = match(route.path, exchange.path());
+        const std::optional<std::string> id = match(route.path, exchange.encoded_path());
         is_known = is_known || id.has_value();
         if (id && exchange.method() == route.method) {
             return (this->*route.handler)(exchange, *id);

@@ -6,6 +6,7 @@
 
 #include "common/bearer.h"
 #include "common/number.h"
+#include "common/percent_encoding.h"
 
 namespace nuvio::controller {
 
@@ -27,12 +28,14 @@ constexpr char kSafeHeaders[] =
 
 }  // namespace
 
-Exchange::Exchange(mg_connection* connection, HttpGuard& guard, Places& bodies, std::string path)
+Exchange::Exchange(mg_connection* connection, HttpGuard& guard, Places& bodies,
+                   std::string encoded_path)
     : m_connection(connection),
       m_guarded(guard, connection),
       m_bodies(bodies),
       m_method(mg_get_request_info(connection)->request_method),
-      m_path(std::move(path)) {
+      m_encoded_path(std::move(encoded_path)),
+      m_path(percent_decode_leniently(m_encoded_path)) {
     const bool has_body = mg_get_request_info(connection)->content_length > 0 ||
                           header("Transfer-Encoding") != nullptr;
     m_guarded.set_deadline(has_body ? kBodyPatience : kAnswerPatience);

@@ -24,11 +24,12 @@ class Exchange {
     static constexpr std::chrono::seconds kBodyPatience{5};
 
     // Gives the connection its deadline. `bodies`: places for those that are being read; borrowed.
-    // `path`: the request's, without the base path; begins with '/'.
-    Exchange(mg_connection* connection, HttpGuard& guard, Places& bodies, std::string path);
+    // `encoded_path`: the request's, as it came but for the base path; begins with '/'.
+    Exchange(mg_connection* connection, HttpGuard& guard, Places& bodies, std::string encoded_path);
 
     const std::string& method() const { return m_method; }
-    const std::string& path() const { return m_path; }
+    const std::string& path() const { return m_path; }  // decoded
+    const std::string& encoded_path() const { return m_encoded_path; }
     const mg_connection* connection() const { return m_connection; }
     GuardedConnection& guarded() { return m_guarded; }
     // Null: absent.
@@ -66,6 +67,7 @@ class Exchange {
     GuardedConnection m_guarded;
     Places& m_bodies;
     const std::string m_method;
+    const std::string m_encoded_path;
     const std::string m_path;
     int m_status = 0;
 };

@@ -8,6 +8,7 @@
 
 #include "common/fnv1a.h"
 #include "common/http_guard/thread_clock.h"
+#include "common/percent_encoding.h"
 #include "common/request_origin.h"
 #include "common/text.h"
 #include "controller/base/log.h"
@@ -95,6 +96,8 @@ bool WebServer::start() {
                              "30000",
                              "enable_websocket_ping_pong",
                              "yes",
+                             "decode_url",  // a name in a path may have a '/'
+                             "no",
                              "enable_directory_listing",
                              "no",
                              "tcp_nodelay",
@@ -162,11 +165,13 @@ int WebServer::answer(Exchange& exchange) {
 }
 
 std::string WebServer::own_path(const char* path) const {
-    std::string own(text_of(path));
-    if (!m_settings.base.empty() && own.starts_with(m_settings.base + "/")) {
-        own.erase(0, m_settings.base.size());
+    const std::string_view own = text_of(path);
+    for (const std::string& base : {m_settings.base, percent_encode(m_settings.base)}) {
+        if (own.starts_with(base + "/")) {
+            return std::string(own.substr(base.size()));
+        }
     }
-    return own;
+    return std::string(own);
 }
 
 int WebServer::serve(Exchange& exchange) {

@@ -15,7 +15,7 @@ from house import PATIENCE, SECONDS, SESAME, HouseTest, free_port, memory_of, wa
 
 
 class CommandLine(HouseTest):
-    rooms = ["Kitchen", "Bath & Böden"]
+    rooms = ["Kitchen", "Bath & Böden/50%"]
 
     def test_music_is_handed_to_two_devices_and_driven_from_a_shell(self):
         kitchen, bath = self.devices
