@@ -174,9 +174,17 @@ std::string WebServer::own_path(const char* path) const {
     return std::string(own);
 }
 
+// Somebody follows a link to the page, from wherever.
+bool WebServer::is_visit(const Exchange& exchange) const {
+    return exchange.method() == "GET" &&
+           equals_ignoring_case(text_of(exchange.header("Sec-Fetch-Mode")), "navigate") &&
+           (page_file(exchange.path()) != nullptr || exchange.path() == m_settings.base);
+}
+
 int WebServer::serve(Exchange& exchange) {
     if (is_from_a_foreign_page(exchange.header("Host"), exchange.header("Origin"),
-                               exchange.header("Sec-Fetch-Site"), m_settings.public_name)) {
+                               is_visit(exchange) ? nullptr : exchange.header("Sec-Fetch-Site"),
+                               m_settings.public_name)) {
         return exchange.fail(403,
                              "asked by a page of another site, or by a name that is not of "
                              "this house (--public-name)");

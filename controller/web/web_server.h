@@ -1,7 +1,8 @@
 // The controller's web server: the page, its API and its socket; the devices' content and channel.
 // One port, IPv4 (Debian's CivetWeb has no IPv6).
 //
-// What may be asked by whom: nobody from a page of another site (403). Page, API and covers are for
+// What may be asked by whom: nobody from a page of another site (403), but a link there may lead to
+// the page. Page, API and covers are for
 // the house, or, where a password is set, for who has it (Basic, and then a cookie). Content and
 // channel are for devices with a session's token.
 //
@@ -49,6 +50,7 @@ class WebServer {
     int serve_socket(Exchange& exchange);
     int serve_page(Exchange& exchange);
     int ask_for_password(Exchange& exchange);
+    bool is_visit(const Exchange& exchange) const;
     bool is_allowed(const Exchange& exchange) const;
     bool has_password(const Exchange& exchange) const;
     bool has_cookie(const Exchange& exchange) const;
