@@ -54,6 +54,12 @@ inline bool is_of_the_house(std::string_view host) {
 
 }  // namespace request_origin
 
+// Whether the `Host` is that name, with any port. False where either is absent.
+inline bool is_asked_by(const char* host, std::string_view name) {
+    return host != nullptr && !name.empty() &&
+           equals_ignoring_case(request_origin::without_port(host), name);
+}
+
 // True for what only a browser on another site's behalf sends: an `Origin` that is not the server's
 // own, a `Sec-Fetch-Site` of "cross-site", or a `Host` that a name server outside of the house
 // could have given out, as after DNS rebinding. Addresses, names without a dot, the machine's own
@@ -62,8 +68,7 @@ inline bool is_of_the_house(std::string_view host) {
 // Null: the header is absent, as in a controller's request.
 inline bool is_from_a_foreign_page(const char* host, const char* origin, const char* fetch_site,
                                    std::string_view public_name = {}) {
-    const bool is_public = host != nullptr && !public_name.empty() &&
-                           equals_ignoring_case(request_origin::without_port(host), public_name);
+    const bool is_public = is_asked_by(host, public_name);
     if (host != nullptr && !is_public && !request_origin::is_of_the_house(host)) {
         return true;
     }

@@ -26,15 +26,20 @@ constexpr char kSafeHeaders[] =
     "Cross-Origin-Resource-Policy: same-origin\r\n"
     "Connection: close\r\n";
 
+std::string path_behind(const std::string& base, const mg_connection* connection) {
+    const char* path = mg_get_request_info(connection)->local_uri;
+    return path != nullptr ? path + base.size() : "";
+}
+
 }  // namespace
 
-Exchange::Exchange(mg_connection* connection, HttpGuard& guard, Places& bodies,
-                   std::string encoded_path)
+Exchange::Exchange(mg_connection* connection, HttpGuard& guard, Places& bodies, std::string base)
     : m_connection(connection),
       m_guarded(guard, connection),
       m_bodies(bodies),
       m_method(mg_get_request_info(connection)->request_method),
-      m_encoded_path(std::move(encoded_path)),
+      m_base(std::move(base)),
+      m_encoded_path(path_behind(m_base, connection)),
       m_path(percent_decode_leniently(m_encoded_path)) {
     const bool has_body = mg_get_request_info(connection)->content_length > 0 ||
                           header("Transfer-Encoding") != nullptr;

@@ -24,10 +24,12 @@ class Exchange {
     static constexpr std::chrono::seconds kBodyPatience{5};
 
     // Gives the connection its deadline. `bodies`: places for those that are being read; borrowed.
-    // `encoded_path`: the request's, as it came but for the base path; begins with '/'.
-    Exchange(mg_connection* connection, HttpGuard& guard, Places& bodies, std::string encoded_path);
+    // `base`: what the request's path begins with, before its own '/'.
+    Exchange(mg_connection* connection, HttpGuard& guard, Places& bodies, std::string base);
 
     const std::string& method() const { return m_method; }
+    const std::string& base() const { return m_base; }
+    // Behind the base.
     const std::string& path() const { return m_path; }  // decoded
     const std::string& encoded_path() const { return m_encoded_path; }
     const mg_connection* connection() const { return m_connection; }
@@ -67,6 +69,7 @@ class Exchange {
     GuardedConnection m_guarded;
     Places& m_bodies;
     const std::string m_method;
+    const std::string m_base;
     const std::string m_encoded_path;
     const std::string m_path;
     int m_status = 0;

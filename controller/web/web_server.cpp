@@ -1,5 +1,6 @@
 #include "controller/web/web_server.h"
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstdio>
@@ -35,7 +36,7 @@ constexpr std::chrono::milliseconds kCrowdLinger{200};
 // no token is cut off by the guard.
 constexpr char kWriteTimeoutMs[] = "3600000";
 constexpr std::chrono::milliseconds kWrongPasswordPause{500};
-constexpr char kCookieName[] = "nuvio_controller=";
+constexpr std::string_view kCookieName = "nuvio_controller=";
 
 std::string base64_decoded(std::string_view text) {
     constexpr std::string_view kDigits =
@@ -138,7 +139,7 @@ int WebServer::on_request(mg_connection* connection) {
     const mg_request_info* info = mg_get_request_info(connection);
     auto* self = static_cast<WebServer*>(info->user_data);
     GuardedConnection::introduce(self->m_guard, connection);
-    Exchange exchange(connection, self->m_guard, self->m_bodies, self->own_path(info->local_uri));
+    Exchange exchange(connection, self->m_guard, self->m_bodies, self->base_of(info->local_uri));
     const int status = self->answer(exchange);
     if (status > 0) {
         exchange.guarded().set_deadline(status == 503 ? kCrowdLinger : kLinger);
@@ -164,14 +165,14 @@ int WebServer::answer(Exchange& exchange) {
     }
 }
 
-std::string WebServer::own_path(const char* path) const {
-    const std::string_view own = text_of(path);
+// The base path as it stands before `path`; empty, where it does not.
+std::string WebServer::base_of(const char* path) const {
     for (const std::string& base : {m_settings.base, percent_encode(m_settings.base)}) {
-        if (own.starts_with(base + "/")) {
-            return std::string(own.substr(base.size()));
+        if (text_of(path).starts_with(base + "/")) {
+            return base;
         }
     }
-    return std::string(own);
+    return {};
 }
 
 // Somebody follows a link to the page, from wherever.
@@ -257,8 +258,7 @@ int WebServer::serve_page(Exchange& exchange) {
     std::string headers = std::string("ETag: ") + etag.data() +
                           "\r\nCache-Control: no-cache\r\nVary: Accept-Encoding\r\n";
     if (!m_settings.password.empty()) {
-        headers += "Set-Cookie: " + std::string(kCookieName) + m_cookie +
-                   "; Path=/; HttpOnly; SameSite=Strict\r\n";
+        headers += new_cookie(exchange);
     }
     if (text_of(exchange.header("If-None-Match")) == etag.data()) {
         return exchange.reply(304, {}, {}, headers);
@@ -277,11 +277,28 @@ bool WebServer::is_allowed(const Exchange& exchange) const {
             !m_house.sessions().device_of_token(exchange.bearer()).empty());
 }
 
+// For the path by which the page was asked for, which is the proxy's or none. A browser sends
+// Sec-Fetch-Site over TLS alone, which only a proxy can do.
+std::string WebServer::new_cookie(const Exchange& exchange) const {
+    const bool is_secure = exchange.header("Sec-Fetch-Site") != nullptr &&
+                           is_asked_by(exchange.header("Host"), m_settings.public_name);
+    return "Set-Cookie: " + std::string(kCookieName) + m_cookie + "; Path=" + exchange.base() +
+           "/; HttpOnly; SameSite=Strict" + (is_secure ? "; Secure" : "") + "\r\n";
+}
+
+// Others may have the same name: those of a proxy's other paths, and an older start's.
 bool WebServer::has_cookie(const Exchange& exchange) const {
-    const std::string_view cookies = text_of(exchange.header("Cookie"));
-    const size_t at = cookies.find(kCookieName);
-    return at != std::string_view::npos &&
-           equals_secret(cookies.substr(at + sizeof kCookieName - 1, m_cookie.size()), m_cookie);
+    std::string_view rest = text_of(exchange.header("Cookie"));
+    while (!rest.empty()) {
+        const size_t end = std::min(rest.find(';'), rest.size());
+        const std::string_view cookie = trim(rest.substr(0, end));
+        if (cookie.starts_with(kCookieName) &&
+            equals_secret(cookie.substr(kCookieName.size()), m_cookie)) {
+            return true;
+        }
+        rest.remove_prefix(std::min(end + 1, rest.size()));
+    }
+    return false;
 }
 
 // Whatever the user's name.

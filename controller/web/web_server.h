@@ -54,7 +54,8 @@ class WebServer {
     bool is_allowed(const Exchange& exchange) const;
     bool has_password(const Exchange& exchange) const;
     bool has_cookie(const Exchange& exchange) const;
-    std::string own_path(const char* path) const;
+    std::string new_cookie(const Exchange& exchange) const;
+    std::string base_of(const char* path) const;
 
     const Settings& m_settings;
     const std::string m_cookie;  // for who knew the password; another one each start

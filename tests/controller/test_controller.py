@@ -172,7 +172,9 @@ class Peers(HouseTest):
                            "Sec-WebSocket-Key": "dGhlIHNhbXBsZSBub25jZQ=="}
                 self.assertEqual(self.ask(path, headers={**headers, **upgrade})[0], 401, path)
         page = self.ask("/music/", headers=SESAME)
-        self.assertEqual(self.ask("/api/state", headers={"Cookie": page[1]["Set-Cookie"].split(";")[0]})[0], 200)
+        cookie = page[1]["Set-Cookie"].split(";")[0]
+        for others, status in (("", 200), ("x_nuvio_controller=y; nuvio_controller=old; ", 200), ("x_", 401)):
+            self.assertEqual(self.ask("/api/state", headers={"Cookie": others + cookie})[0], status, others)
         for foreign in ({"Origin": "http://evil.example"}, {"Host": "evil.example"},
                         {"Sec-Fetch-Site": "cross-site"}, {"Sec-Fetch-Site": "cross-site", "Sec-Fetch-Mode": "navigate"}):
             for path in (track, "/", "/api/state", "/channel"):

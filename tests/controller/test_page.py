@@ -350,6 +350,8 @@ class BehindAProxy(HouseTest):
         phone = Browser(self, "phone", url, SESAME)
         phone.shows("Kitchen")
         self.assertEqual(phone.run("return document.baseURI"), url + "/")
+        [cookie] = phone.driver.get_cookies()
+        self.assertEqual((cookie["path"], cookie["secure"]), ("/music/", True))
         phone.open(f"#library/album/{self.first_album()['id']}")
         phone.press("Play")
         wait_for("sound", lambda: self.shown("Kitchen").get("position_ms", 0) > 500)
