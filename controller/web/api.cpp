@@ -182,8 +182,9 @@ int Api::post_play(Exchange& exchange, const std::string& id) {
             return exchange.fail(404, selection.failure);
         }
         std::ranges::move(selection.items, std::back_inserter(items));
-        if (items.size() > Library::kMaxSelection) {
+        if (items.size() >= Library::kMaxSelection) {
             items.resize(Library::kMaxSelection);
+            break;
         }
     }
     const std::string where = text_member(body.get(), "where").value_or("now");
