@@ -120,6 +120,10 @@ int Api::serve(Exchange& exchange) {
         const std::optional<std::string> id = match(route.path, exchange.encoded_path());
         is_known = is_known || id.has_value();
         if (id && exchange.method() == route.method) {
+            // A form on another site's page can send other types without asking first.
+            if (exchange.method() == "POST" && !exchange.is_of_type("application/json")) {
+                return exchange.fail(415, "Content-Type must be application/json");
+            }
             return (this->*route.handler)(exchange, *id);
         }
     }

@@ -13,8 +13,9 @@
 // - GET /api/library/unreadable
 // - POST /api/library/scan
 //
-// ID of a device may be its name. A failure is {"error": text for people} with a status: 400 the
-// request is wrong, 404 no such thing, 409 the device can't or won't.
+// A POST has Content-Type: application/json. ID of a device may be its name. A failure is {"error":
+// text for people} with a status: 400 the request is wrong, 404 no such thing, 409 the device can't
+// or won't.
 //
 // Threads  any; waits for disk and devices.
 #pragma once

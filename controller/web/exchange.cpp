@@ -7,6 +7,7 @@
 #include "common/bearer.h"
 #include "common/number.h"
 #include "common/percent_encoding.h"
+#include "common/text.h"
 
 namespace nuvio::controller {
 
@@ -58,6 +59,12 @@ std::string Exchange::parameter(const char* name) const {
 int64_t Exchange::number_parameter(const char* name, int64_t otherwise) const {
     const std::string text = parameter(name);
     return to_number<int64_t>(text).value_or(otherwise);
+}
+
+bool Exchange::is_of_type(std::string_view type) const {
+    const char* given = header("Content-Type");
+    const std::string_view text = given != nullptr ? given : "";
+    return equals_ignoring_case(trim(text.substr(0, text.find(';'))), type);
 }
 
 std::string_view Exchange::bearer() const {

@@ -39,6 +39,8 @@ class Exchange {
     // The value of a parameter of the URL, decoded; empty: absent.
     std::string parameter(const char* name) const;
     int64_t number_parameter(const char* name, int64_t otherwise) const;
+    // Whether the body is, by its Content-Type, whose parameters don't count.
+    bool is_of_type(std::string_view type) const;
     // Of "Authorization: Bearer TOKEN".
     std::string_view bearer() const;
     // The peer's address.

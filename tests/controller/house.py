@@ -107,7 +107,8 @@ class HouseTest(unittest.TestCase):
         connection = http.client.HTTPConnection("127.0.0.1", self.port, timeout=PATIENCE)
         try:
             connection.request(method or ("GET" if body is None else "POST"), path,
-                               None if body is None else json.dumps(body), headers or {})
+                               None if body is None else json.dumps(body),
+                               {**({} if body is None else {"Content-Type": "application/json"}), **(headers or {})})
             answer = connection.getresponse()
             return answer.status, dict(answer.getheaders()), answer.read()
         finally:

@@ -185,6 +185,7 @@ class MixedUse(house.HouseTest):
                            rng.randbytes(5000), DISPLAY_INFO * 50, b"GET / HTTP/1.1\r\nX: " + b"x" * 100_000])
         data = data.replace(b"/connect-to-nconnect", rng.choice([
             b"/connect-to-nconnect", b"/api/devices/Kitchen/play", b"/api/devices/Attic/command"]))
+        data = data.replace(b"Content-Length", b"Content-Type: application/json\r\nContent-Length", 1)
         port = rng.choice([self.port, *(each.port for each in self.devices)])
         with contextlib.ExitStack() as crowd:
             for _ in range(rng.choice([1, 1, 1, 5, 100])):
