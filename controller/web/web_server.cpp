@@ -63,6 +63,14 @@ std::string_view text_of(const char* text) {
     return text != nullptr ? text : "";
 }
 
+// CivetWeb, too, looks no closer at "keep-alive, Upgrade".
+bool asks_for_websocket(const Exchange& exchange) {
+    return equals_ignoring_case(text_of(exchange.header("Upgrade")), "websocket") &&
+           !std::ranges::search(text_of(exchange.header("Connection")), std::string_view("upgrade"),
+                                {}, to_lower)
+                .empty();
+}
+
 }  // namespace
 
 WebServer::WebServer(const Settings& settings, Library& library, House& house, Changes& changes)
@@ -224,7 +232,7 @@ int WebServer::serve_house(Exchange& exchange) {
 
 // 0: CivetWeb goes on with the handshake.
 int WebServer::serve_socket(Exchange& exchange) {
-    if (!equals_ignoring_case(text_of(exchange.header("Upgrade")), "websocket")) {
+    if (!asks_for_websocket(exchange)) {
         return exchange.fail(426, "a WebSocket lives here", "Upgrade: websocket\r\n");
     }
     if (exchange.path() == "/channel") {
