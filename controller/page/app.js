@@ -19,7 +19,7 @@ function words_of_hash() {
       return word;
     }
   });
-  return words[0] in kTitles ? words : ["devices"];
+  return Object.hasOwn(kTitles, words[0]) ? words : ["devices"];
 }
 
 function show_banner() {

@@ -183,7 +183,7 @@ export async function show_library(main, words, is_current) {
   const pages = { album: () => album(words[1]), artist: () => artist(words[1]),
                   folders: () => folder(words[1] || 0), search: () => search(text),
                   unreadable };
-  if (pages[kind]) {
+  if (Object.hasOwn(pages, kind)) {
     await attempt(async () => {
       const parts = await pages[kind]();
       if (is_current()) content.replaceChildren(...parts);
