@@ -15,14 +15,15 @@ self.addEventListener("fetch", (event) => {
   const is_page = event.request.method === "GET" && url.origin === location.origin &&
                   !/\/(api|content|cover)\//.test(url.pathname);
   if (!is_page) return;
+  const file = url.origin + url.pathname;  // whatever was asked of it
   event.respondWith((async () => {
     const store = await caches.open(kStore);
     try {
       const answer = await fetch(event.request);
-      if (answer.ok) await store.put(event.request, answer.clone());
+      if (answer.ok) await store.put(file, answer.clone());
       return answer;
     } catch (failure) {
-      const kept = await store.match(event.request);
+      const kept = await store.match(file);
       if (kept) return kept;
       throw failure;
     }
