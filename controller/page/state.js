@@ -48,8 +48,8 @@ function take(text, received) {
 // its password again: the browser asks for it where the page is loaded, and not here and now.
 async function ask_why() {
   try {
-    const answer = await fetch("api/state", { credentials: "omit" });
-    state.refusal = answer.status === 401 ? "The controller asks for its password: load this page again." : "";
+    const answer = await fetch("api/events");
+    state.refusal = answer.status === 403 ? "The controller asks for its password: load this page again." : "";
   } catch {
     state.refusal = "";
   }

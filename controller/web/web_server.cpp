@@ -233,6 +233,12 @@ int WebServer::serve_house(Exchange& exchange) {
 // 0: CivetWeb goes on with the handshake.
 int WebServer::serve_socket(Exchange& exchange) {
     if (!asks_for_websocket(exchange)) {
+        // A page whose socket was refused asks why: the cookie alone goes with that, and a 401
+        // would have the browser ask for the password.
+        if (exchange.path() != "/channel" && !m_settings.password.empty() &&
+            !has_cookie(exchange)) {
+            return exchange.fail(403, "a WebSocket lives here, for pages with the cookie");
+        }
         return exchange.fail(426, "a WebSocket lives here", "Upgrade: websocket\r\n");
     }
     if (exchange.path() == "/channel") {

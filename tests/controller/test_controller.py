@@ -180,8 +180,9 @@ class Peers(HouseTest):
             for path in (track, "/", "/api/state", "/channel"):
                 status = 200 if path == "/" and "Sec-Fetch-Mode" in foreign else 403
                 self.assertEqual(self.ask(path, headers={**SESAME, **foreign})[0], status, (path, foreign))
-        for headers in SESAME, {**SESAME, "Upgrade": "websocket"}:
-            self.assertEqual(self.ask("/api/events", headers=headers)[0], 426, headers)
+        known = {"Cookie": cookie}
+        for headers, status in (SESAME, 403), (known, 426), ({**known, "Upgrade": "websocket"}, 426):
+            self.assertEqual(self.ask("/api/events", headers=headers)[0], status, headers)
         form = {**SESAME, "Content-Type": "text/plain; x=application/json"}
         self.assertEqual(self.ask("/api/library/scan", {}, form)[0], 415)
         self.assertEqual(self.ask("/content/../../etc/passwd", headers=bearer)[0] // 100, 4)
