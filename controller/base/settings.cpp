@@ -1,17 +1,23 @@
 #include "controller/base/settings.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
 #include <sstream>
 #include <string_view>
 
 #include "common/environment.h"
+#include "common/files/files.h"
 #include "common/number.h"
 #include "common/options/options.h"
+#include "common/text.h"
 
 namespace nuvio::controller {
 
 namespace {
+
+constexpr char kCredential[] = "nuvio-connect-controller.password";
+constexpr size_t kMaxPassword = 1024;
 
 using Setter = bool (*)(Settings&, const std::string& value);
 
@@ -98,11 +104,26 @@ bool read_variable(const Row& row, Settings* settings) {
     return true;
 }
 
+// What the service manager hands to this program alone. True where it has none.
+bool read_credential(Settings* settings) {
+    const std::string folder = environment_text("CREDENTIALS_DIRECTORY");
+    if (folder.empty()) {
+        return true;
+    }
+    const FileText file = read_file(folder + "/" + kCredential, kMaxPassword);
+    settings->password = trim(file.text);
+    return file.error == ENOENT || !settings->password.empty();
+}
+
 }  // namespace
 
 bool read_settings(const std::vector<std::string>& words, Settings* settings,
                    std::string* failure) {
     settings->state_folder = default_state_folder();
+    if (!read_credential(settings)) {
+        *failure = std::string(kCredential) + ": no password in it";
+        return false;
+    }
     for (const Row& row : kRows) {
         if (!read_variable(row, settings)) {
             *failure = std::string(row.variable) + ": not a value for it";

@@ -1,4 +1,5 @@
-// What `serve` is told by its command line and, below that, by the environment.
+// What `serve` is told by its command line, below that by the environment, and, the password alone,
+// below that by a credential of the service manager.
 #pragma once
 
 #include <cstdint>

@@ -2,8 +2,9 @@
 // length, up to 2 GB, and allocates it before a byte of the frame has come and before any handler
 // of ours is asked; there is no setting against that.
 //
-// So the program's malloc refuses larger requests on threads that ask for it, and CivetWeb closes
-// the connection. Without effect in builds with a sanitizer, which brings a malloc of its own.
+// So the program's malloc, which needs glibc's behind it, refuses larger requests on threads that
+// ask for it, and CivetWeb closes the connection. Without effect in builds with a sanitizer, which
+// brings a malloc of its own.
 #pragma once
 
 #include <cstddef>

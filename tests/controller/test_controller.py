@@ -138,6 +138,9 @@ class Peers(HouseTest):
             each.close()
 
     def test_content_is_for_a_sessions_token_and_the_page_for_who_knows_the_password(self):
+        self.options = ["--base", "/music"]
+        (self.folder / "nuvio-connect-controller.password").write_text("sesame\n")
+        self.environment["CREDENTIALS_DIRECTORY"] = str(self.folder)
         self.start_all()
         self.environment["NUVIO_CONTROLLER_PASSWORD"] = "sesame"
         self.command("play", "Kitchen", "night boats")
