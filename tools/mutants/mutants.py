@@ -39,6 +39,7 @@ AREAS = {
     "devices": Area(["controller/session", "controller/discovery", "controller/device"],
                     ["controller_session_test"]),
     "page": Area(["controller/page"], ["test_page"]),
+    "web": Area(["controller/web"], ["test_controller", "test_page"]),
     "card": Area(["tools/simcard"], ["sink_test", "fault_matrix_test"]),
 }
 DEVICE = ["nuvio-connect", "simcardctl"]  # the targets of what drives it from outside
