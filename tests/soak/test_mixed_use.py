@@ -9,6 +9,7 @@ NUVIO_SEED has each player do again what it did.
 import collections
 import contextlib
 import http.client
+import json
 import os
 import pathlib
 import random
@@ -47,8 +48,8 @@ COMMANDS = [("play", {}), ("pause", {}), ("next", {}), ("previous", {}), ("seek"
             ("volume", {"volume": 40}), ("mute", {"muted": False}), ("loop", {"loop": "all"}),
             ("shuffle", {"shuffle": True}), ("queue_jump", {"item": 1}), ("queue_read", {"first": 0}),
             ("queue_move", {"items": [1]}), ("queue_remove", {"items": [2]}), ("stop", {}), ("leave", {})]
-WORDS = ["pause", "play", "next", "previous", "seek +5", "volume +3", "status", "queue", "queue add album:1",
-         "queue jump 1", "play album:2", "loop all"]
+WORDS = ["pause", "play", "next", "previous", "seek +5", "volume +3", "status", "queue", "queue add ALBUM",
+         "queue jump 1", "play ALBUM", "loop all"]
 
 
 def usage(process):
@@ -105,10 +106,18 @@ class MixedUse(house.HouseTest):
         return rng.choice([self.music / path, self.music, *(f"{url}/{path}" for url in self.honest),
                            *[f"{self.lying.url}{rng.randrange(10**6)}.{kind}" for kind in ("flac", "m3u")] * 2])
 
+    def knows_albums(self):
+        said = json.loads(self.ask("/api/library/albums?count=3")[2])
+        self.albums = [each["id"] for each in said["albums"]]
+        return len(self.albums) == 3
+
+    def album(self, rng):
+        return f"album:{rng.choice(self.albums)}"
+
     def be_a_listener(self, rng):
         with self.room(rng) as room:
             path = f"/api/devices/{room.settings['host.friendly_name']}"
-            self.ask(f"{path}/play", {"what": [f"album:{rng.randrange(1, 4)}"],
+            self.ask(f"{path}/play", {"what": [self.album(rng)],
                                       "where": rng.choice(["now", "now", "next", "end"])})
             for name, arguments in rng.choices(COMMANDS, k=rng.randrange(5)):
                 self.ask(f"{path}/command", {"command": name, **arguments})
@@ -116,7 +125,7 @@ class MixedUse(house.HouseTest):
 
     def be_at_a_shell(self, rng):
         with self.room(rng) as room:
-            word, *more = rng.choice(WORDS).split()
+            word, *more = rng.choice(WORDS).replace("ALBUM", self.album(rng)).split()
             self.command(word, room.settings["host.friendly_name"], *more, check=False)
             room.player(*rng.choice(["play-pause", "next", "position 5", "volume 0.3", "metadata"]).split())
 
@@ -282,6 +291,7 @@ class MixedUse(house.HouseTest):
     def test_nobody_ends_nothing_grows_and_a_track_is_a_track(self):
         print(f"\nsoak: seed {SEED}", flush=True)
         self.start_all()
+        wait_for("the library", self.knows_albums)
         before = [self.idle(room) for room in self.devices]
         self.watched = [("controller", self, "controller", self.start_controller), *(
             (name, room, "daemon", room.start) for name, room in zip(self.rooms, self.devices))]
