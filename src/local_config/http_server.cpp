@@ -83,11 +83,11 @@ http_server* server_of(uv_async_t* async) {
 int handle_get(mg_connection* connection, http_server* self, get_endpoint& endpoint) {
     const loop_hand_off::request running(self->shared_data);
     const request_body body(connection, self->server.listening_port());
-    if (!is_meant_for_controllers(connection, endpoint.name)) {
-        return 403;
-    }
     if (!accepts_method(connection, endpoint.name, "GET")) {
         return 405;
+    }
+    if (!is_meant_for_controllers(connection, endpoint.name)) {
+        return 403;
     }
     if (!self->shared_data.hand_off(endpoint.async.get())) {
         return send_internal_error(connection);
@@ -198,11 +198,11 @@ int http_server_on_civetweb_handle_connect_to_nconnect(mg_connection* connection
     auto* self = static_cast<http_server*>(context);
     const loop_hand_off::request running(self->shared_data);
     request_body body(connection, self->server.listening_port());
-    if (!is_meant_for_controllers(connection, kConnectEndpoint)) {
-        return 403;
-    }
     if (!accepts_method(connection, kConnectEndpoint, "POST")) {
         return 405;
+    }
+    if (!is_meant_for_controllers(connection, kConnectEndpoint)) {
+        return 403;
     }
     if (body.length() < 0) {
         return reject(connection, "connect-to-nconnect: Missing content length", 411,

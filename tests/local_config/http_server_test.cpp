@@ -156,7 +156,7 @@ TEST_F(HttpServer, RefusesWhatItCannotUse) {
         const char* status;
         const char* error;
     } cases[] = {
-        {request("HEAD", path), "405 Method Not Allowed",
+        {request("HEAD", path, "Origin: http://device.example\r\n"), "405 Method Not Allowed",
          "connect-to-nconnect: Method not allowed: 'HEAD'"},
         {request("POST", "/get-display-info", huge), "405 Method Not Allowed",
          "get-display-info: Method not allowed: 'POST'"},
