@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdio>
 #include <exception>
+#include <span>
 #include <thread>
 
 #include "common/fnv1a.h"
@@ -191,9 +192,9 @@ bool WebServer::is_visit(const Exchange& exchange) const {
 }
 
 int WebServer::serve(Exchange& exchange) {
-    if (is_from_a_foreign_page(exchange.header("Host"), exchange.header("Origin"),
-                               is_visit(exchange) ? nullptr : exchange.header("Sec-Fetch-Site"),
-                               m_settings.public_name)) {
+    if (foreign_header(exchange.header("Host"), exchange.header("Origin"),
+                       is_visit(exchange) ? nullptr : exchange.header("Sec-Fetch-Site"),
+                       std::span(&m_settings.public_name, 1)) != nullptr) {
         return exchange.fail(403,
                              "asked by a page of another site, or by a name that is not of "
                              "this house (--public-name)");

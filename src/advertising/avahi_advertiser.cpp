@@ -11,6 +11,7 @@
 #include <cstdio>
 #include <memory>
 #include <optional>
+#include <string>
 #include <utility>
 
 #include "advertising/avahi_libuv_poll.h"
@@ -198,8 +199,12 @@ void commit_group(avahi_advertiser* self) {
 // RUNNING report or the next start.
 void avahi_advertiser_create_service(avahi_advertiser* self) {
     NUV_CHECK(self != NULL);
-    const AvahiClient* client = self->client.get();
+    AvahiClient* client = self->client.get();
     NUV_CHECK(client != NULL);
+    // Controllers ask by the host name that is published: the daemon's may be in any domain.
+    if (const char* domain = avahi_client_get_domain_name(client)) {
+        http_server_add_own_names(self->http_server, std::string(".") + domain);
+    }
     if (!prepare_group(self)) {
         return;
     }

@@ -1,10 +1,11 @@
 // Publishes the device as a DNS-SD service through the system's Avahi daemon.
 //
 // The SDK decides when, and under which name and type, through the advertising delegate; port and
-// TXT entries (path, device_uuid, sdk_version, type) come from the device. A name that is taken on
-// the network is replaced by an alternative one; a daemon that is absent, or goes and comes back,
-// is waited for without polling. Only while there is no system bus at all, which leaves nothing to
-// wait on, the attempt is repeated, after 3 s at first and in the end once a minute.
+// TXT entries (path, device_uuid, sdk_version, type) come from the device, whose server is told the
+// domain that Avahi publishes in. A name that is taken on the network is replaced by an alternative
+// one; a daemon that is absent, or goes and comes back, is waited for without polling. Only while
+// there is no system bus at all, which leaves nothing to wait on, the attempt is repeated, after 3
+// s at first and in the end once a minute.
 //
 // Threads: the loop thread only. Null arguments are fatal, and so is a second start without a stop.
 // Errors:  logged; what cannot be published now is tried again when the daemon is back or at the

@@ -8,6 +8,7 @@
 #include "bridge/bridge.h"
 #include "bridge/bridge_private.h"
 #include "common/number.h"
+#include "utility/environment_item.h"
 #include "utility/log_delegate.h"
 #include "utility/uv_utilities.h"
 
@@ -107,8 +108,10 @@ bool NuvioConnect::createHttpServer() {
     m_httpServer = m_teardown.httpServer.get();
     if (m_httpServer == nullptr) {
         handleException("http_server is null");
+        return false;
     }
-    return m_httpServer != nullptr;
+    http_server_add_own_names(m_httpServer, env_item(KFeatureNuvioConnectHttpNames));
+    return true;
 }
 
 bool NuvioConnect::createAdvertiser() {

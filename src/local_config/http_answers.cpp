@@ -27,15 +27,18 @@ int reject(mg_connection* connection, const char* reason, int status, const char
     return send_error(connection, status, text);
 }
 
-bool is_meant_for_controllers(mg_connection* connection, const char* endpoint) {
-    const bool meant = !nuvio::is_from_a_foreign_page(mg_get_header(connection, "Host"),
-                                                      mg_get_header(connection, "Origin"),
-                                                      mg_get_header(connection, "Sec-Fetch-Site"));
-    if (!meant) {
-        app_log(LOG_LEVEL_ERROR, "%s: Refused: asked by a web page of another site", endpoint);
-        send_error(connection, 403, "Forbidden");
+bool is_meant_for_controllers(mg_connection* connection, const char* endpoint,
+                              std::span<const std::string> own_names) {
+    const char* foreign = nuvio::foreign_header(
+        mg_get_header(connection, "Host"), mg_get_header(connection, "Origin"),
+        mg_get_header(connection, "Sec-Fetch-Site"), own_names);
+    if (foreign == nullptr) {
+        return true;
     }
-    return meant;
+    app_log(LOG_LEVEL_ERROR, "%s: Refused: %s is '%.200s', none of this device's", endpoint,
+            foreign, mg_get_header(connection, foreign));
+    send_error(connection, 403, "Forbidden");
+    return false;
 }
 
 bool accepts_method(mg_connection* connection, const char* endpoint, const char* expected) {

@@ -9,10 +9,14 @@
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <span>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "common/released_by.h"
+#include "common/text.h"
 #include "local_config/civetweb/loop_hand_off.h"
 #include "local_config/civetweb/request_body.h"
 #include "local_config/civetweb/web_server.h"
@@ -56,6 +60,8 @@ struct http_server {
     struct audio_renderer* audio_renderer;
     const char* base_service_path = kBaseServicePath;
     nuv_connect* core = nullptr;
+    std::mutex own_names_mutex;
+    std::vector<std::string> own_names;  // the worker's and the loop's, under the mutex
 
     endpoint_path get_display_info_endpoint{};
     endpoint_path get_connect_info_endpoint{};
@@ -78,6 +84,11 @@ http_server* server_of(uv_async_t* async) {
     return self;
 }
 
+std::vector<std::string> own_names_of(http_server* self) {
+    const std::lock_guard<std::mutex> lock(self->own_names_mutex);
+    return self->own_names;
+}
+
 // ---- The two GET endpoints ----------------------------------------------------------------------
 
 int handle_get(mg_connection* connection, http_server* self, get_endpoint& endpoint) {
@@ -86,7 +97,7 @@ int handle_get(mg_connection* connection, http_server* self, get_endpoint& endpo
     if (!accepts_method(connection, endpoint.name, "GET")) {
         return 405;
     }
-    if (!is_meant_for_controllers(connection, endpoint.name)) {
+    if (!is_meant_for_controllers(connection, endpoint.name, own_names_of(self))) {
         return 403;
     }
     if (!self->shared_data.hand_off(endpoint.async.get())) {
@@ -201,7 +212,7 @@ int http_server_on_civetweb_handle_connect_to_nconnect(mg_connection* connection
     if (!accepts_method(connection, kConnectEndpoint, "POST")) {
         return 405;
     }
-    if (!is_meant_for_controllers(connection, kConnectEndpoint)) {
+    if (!is_meant_for_controllers(connection, kConnectEndpoint, own_names_of(self))) {
         return 403;
     }
     if (body.length() < 0) {
@@ -317,6 +328,19 @@ void http_server_free(http_server* self) {
 void http_server_set_core(http_server* self, nuv_connect* core) {
     NUV_CHECK(self != NULL);
     self->core = core;
+}
+
+void http_server_add_own_names(http_server* self, std::string_view names) {
+    NUV_CHECK(self != NULL);
+    const std::lock_guard<std::mutex> lock(self->own_names_mutex);
+    while (!names.empty()) {
+        const size_t end = std::min(names.find(','), names.size());
+        const std::string_view name = nuvio::trim(names.substr(0, end));
+        if (std::ranges::find(self->own_names, name) == self->own_names.end()) {
+            self->own_names.emplace_back(name);
+        }
+        names.remove_prefix(std::min(end + 1, names.size()));
+    }
 }
 
 nuv_local_config_server_delegate http_server_get_local_config_server_delegate(http_server* self) {

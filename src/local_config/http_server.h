@@ -23,6 +23,7 @@
 #include <uv.h>
 
 #include <cstdint>
+#include <string_view>
 
 #include "device_info/device_info.h"
 #include "media/audio_renderer.h"
@@ -38,6 +39,10 @@ void http_server_free(http_server* self);
 
 // Borrows the core; before the SDK can ask for the server to start.
 void http_server_set_core(http_server* self, nuv_connect* core);
+
+// Further names by which controllers may ask for the device, comma separated; ".name": all below
+// that domain. One that is known already is no second one. Also while the server runs.
+void http_server_add_own_names(http_server* self, std::string_view names);
 
 nuv_local_config_server_delegate http_server_get_local_config_server_delegate(http_server* self);
 void http_server_on_start_local_config_server(nuv_connect* core, void* context);

@@ -8,6 +8,8 @@
 inline constexpr char kFeatureNuvioConnect[] = "feature.nuvio_connect";  // number, 0: disabled
 inline constexpr char KFeatureNuvioConnectLog[] = "feature.nuvio_connect.log";
 inline constexpr char KFeatureNuvioConnectHttpPort[] = "feature.nuvio_connect.http_port";
+// Further names by which controllers may ask for the device, comma separated; ".name": a domain.
+inline constexpr char KFeatureNuvioConnectHttpNames[] = "feature.nuvio_connect.http_names";
 inline constexpr char KFeatureNuvioConnectApp_id[] = "feature.nuvio_connect.app_id";
 inline constexpr char KFeatureNuvioConnectApp_secret[] = "feature.nuvio_connect.app_secret";
 inline constexpr char KFeatureNuvioConnectVolume_Element[] = "feature.nuvio_connect.volume_element";

@@ -14,6 +14,7 @@
 #include "advertising/avahi_advertiser.h"
 #include "device_info/device_info.h"
 #include "fakes/fake_sdk.h"
+#include "utility/log_delegate.h"
 
 // Stands in for the real server, which needs a renderer.
 struct http_server {
@@ -29,6 +30,9 @@ uint16_t http_server_get_port(const http_server* self) {
 }
 const char* http_server_get_base_service_path(const http_server*) {
     return "/";
+}
+void http_server_add_own_names(http_server*, std::string_view names) {
+    app_log(LOG_LEVEL_DEBUG, "Asked for by %.*s", static_cast<int>(names.size()), names.data());
 }
 
 // libdbus takes two of its locks in either order; on the loop's one thread that cannot deadlock.

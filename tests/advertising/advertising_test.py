@@ -34,6 +34,7 @@ wait_for = functools.partial(e2e.wait_for, seconds=PATIENCE_S)
 AVAHI_CONFIG = """
 [server]
 host-name={name}
+domain-name=house
 allow-interfaces={interface}
 [publish]
 publish-workstation=no
@@ -187,6 +188,7 @@ class Advertising(unittest.TestCase):
     def test_publishes_what_is_asked_for_as_long_as_it_is_asked_for(self):
         device = self.device(self.b, "stop", "port 4711", "start Kitchen")
         self.a.sees_kitchen_as({"IPv4", "IPv6"}, 4711)
+        device.says("Asked for by .house")
         self.assert_sleeps(device)
         device.tell("stop", "start Bath.")
         self.a.sees("Bath\\.")

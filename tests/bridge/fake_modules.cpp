@@ -119,6 +119,7 @@ http_server* http_server_new(uv_loop_t*, uint16_t port, device_info*, audio_rend
     note("http new " + std::to_string(port));
     return new http_server;
 }
+void http_server_add_own_names(http_server*, std::string_view) {}
 avahi_advertiser* avahi_advertiser_new(uv_loop_t*, device_info*, http_server*) {
     note("advertiser new");
     return new avahi_advertiser;

@@ -147,7 +147,9 @@ class HttpServer : public LoopTest {
 };
 
 TEST_F(HttpServer, RefusesWhatItCannotUse) {
+    setenv("LOCALDOMAIN", "a.example router.example", 1);  // as a line of the resolver's file
     start();
+    http_server_add_own_names(m_server, "other.example, .alocal");
     const std::string huge = "Content-Length: 9999999999999999\r\n";
     const std::string chunked = "Transfer-Encoding: chunked\r\n";
     const std::string path = "/connect-to-nconnect";
@@ -166,9 +168,13 @@ TEST_F(HttpServer, RefusesWhatItCannotUse) {
          "connect-to-nconnect: Request body is too large"},
         {request("POST", path, huge), "413 ", "connect-to-nconnect: Request body is too large"},
         {request("GET", "/get-connect-info", "Sec-Fetch-Site: cross-site\r\n"), "403 Forbidden",
-         "get-connect-info: Refused: asked by a web page of another site"},
+         "get-connect-info: Refused: Sec-Fetch-Site is 'cross-site', none of this device's"},
         {request("POST", path, "Origin: http://device.example\r\n" + huge), "403 Forbidden",
-         "connect-to-nconnect: Refused: asked by a web page of another site"},
+         "connect-to-nconnect: Refused: Origin is 'http://device.example', none of this device's"},
+        {"GET /get-connect-info HTTP/1.1\r\nHost: [evil].example:80\r\n\r\n", "403 Forbidden",
+         "get-connect-info: Refused: Host is '[evil].example:80', none of this device's"},
+        {"GET /get-connect-info HTTP/1.1\r\nHost: one.other.example\r\n\r\n", "403 Forbidden",
+         "get-connect-info: Refused: Host is 'one.other.example', none of this device's"},
         {post(""), "400 Bad Request", "connect-to-nconnect: Invalid JSON"},
         {post(std::string(65536, ' ')), "400 Bad Request", "connect-to-nconnect: Invalid JSON"},
     };
@@ -180,7 +186,9 @@ TEST_F(HttpServer, RefusesWhatItCannotUse) {
         EXPECT_THAT(answer, StartsWith(std::string("HTTP/1.1 ") + status));
     }
     EXPECT_THAT(fake_sdk::take_calls(), IsEmpty());
-    for (const char* host : {"192.168.1.7:8000", "[fe80::1]:8000", "kitchen", "Kitchen-2.local."}) {
+    for (const char* host :
+         {"192.168.1.7:8000", "[fe80::1]:8000", "kitchen", "Kitchen-2.local.", "music.localhost",
+          "kitchen.router.example", "Other.example:8000", "kitchen.alocal"}) {
         EXPECT_THAT(exchange("GET /get-display-info HTTP/1.1\r\nHost: " + std::string(host) +
                              "\r\nOrigin: http://" + host + "\r\n\r\n"),
                     StartsWith(kOk));

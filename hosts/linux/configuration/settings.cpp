@@ -78,10 +78,11 @@ struct KnownKey {
     std::string_view key;
     Checker check;
 };
-constexpr std::array<KnownKey, 28> kKnownKeys = {{
+constexpr std::array<KnownKey, 29> kKnownKeys = {{
     {kFeatureNuvioConnect, check_number},
     {KFeatureNuvioConnectLog, check_number},
     {KFeatureNuvioConnectHttpPort, check_port},
+    {KFeatureNuvioConnectHttpNames, check_any},
     {KFeatureNuvioConnectApp_id, check_any},
     {KFeatureNuvioConnectApp_secret, check_any},
     {KFeatureNuvioConnectVolume_Element, check_any},
