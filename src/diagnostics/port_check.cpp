@@ -9,18 +9,18 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <system_error>
 #include <vector>
 
 #include "common/number.h"
 #include "common/sockets/process_sockets.h"
 #include "common/unique_fd.h"
+#include "diagnostics/holders.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kService[] = "nuvio-connect";
+constexpr char kAdvice[] = ": end that one, or set another port";
 
 // 0, or the error of taking the port as a server does.
 int take(uint16_t port) {
@@ -58,32 +58,13 @@ std::vector<nuvio::SocketNumber> listeners(uint16_t port) {
     return numbers;
 }
 
-bool has_one_of(const fs::path& process, const std::vector<nuvio::SocketNumber>& sockets) {
+bool has_one_of(const fs::path& descriptors, const std::vector<nuvio::SocketNumber>& sockets) {
     bool is_found = false;
-    nuvio::for_each_socket_of((process / "fd").c_str(), [&](int, nuvio::SocketNumber number) {
+    nuvio::for_each_socket_of(descriptors.c_str(), [&](int, nuvio::SocketNumber number) {
         is_found = std::ranges::find(sockets, number) != sockets.end();
         return !is_found;
     });
     return is_found;
-}
-
-struct Holder {
-    std::string name;  // empty: not known
-    std::string pid;
-};
-
-Holder holder_of(uint16_t port) {
-    const std::vector<nuvio::SocketNumber> sockets = listeners(port);
-    std::error_code error;
-    fs::directory_iterator process("/proc", error);
-    for (; !error && process != fs::directory_iterator(); process.increment(error)) {
-        if (has_one_of(process->path(), sockets)) {
-            Holder holder{.name = {}, .pid = process->path().filename()};
-            std::getline(std::ifstream(process->path() / "comm") >> std::ws, holder.name);
-            return holder;
-        }
-    }
-    return {};
 }
 
 // From where on any account may take a port.
@@ -95,26 +76,31 @@ unsigned first_free_for_all() {
 
 }  // namespace
 
-std::string port_problem(uint16_t port) {
+Finding check_port(const char* subject, uint16_t port) {
     const std::string named = "port " + std::to_string(port);
     // The service's account is not the one that checks.
     if (port < first_free_for_all()) {
-        return named + " is for root alone: set one from " + std::to_string(first_free_for_all()) +
-               " on";
+        return bad(subject, named + " is for root alone: set one from " +
+                                std::to_string(first_free_for_all()) + " on");
     }
     const int error = take(port);
     if (error == 0) {
-        return {};
+        return good(subject, named);
     }
     if (error != EADDRINUSE) {
-        return named + ": " + std::strerror(error) + ": set another one";
+        return bad(subject, named + ": " + std::strerror(error) + ": set another one");
     }
-    const Holder holder = holder_of(port);
-    if (holder.name == kService) {
-        return {};
+    const std::vector<nuvio::SocketNumber> sockets = listeners(port);
+    const std::vector<Holder> holders =
+        find_holders([&](const fs::path& descriptors) { return has_one_of(descriptors, sockets); });
+    if (holders.empty()) {
+        return bad(
+            subject,
+            named + " is in use by another program ('ss -ltnp' as root says which)" + kAdvice);
     }
-    return named + " is in use by " +
-           (holder.name.empty() ? "another program ('ss -ltnp' as root says which)"
-                                : holder.name + " (process " + holder.pid + ")") +
-           ": end that one, or set another port";
+    const std::string used = named + " is in use by " + holders.front().text();
+    return holders.front().is_service()
+               ? doubtful(subject,
+                          used + "; if that is another device than this one, set another port")
+               : bad(subject, used + kAdvice);
 }

@@ -2,8 +2,9 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
-// What is wrong and what to do; empty when the port is free, or held by the service itself. Who
-// holds it is known for processes of the caller's own account, to root for all.
-std::string port_problem(uint16_t port);
+#include "diagnostics/finding.h"
+
+// Doubtful where a nuvio-connect holds it, this device or another one. Who holds it is known for
+// processes of the caller's own account, to root for all.
+Finding check_port(const char* subject, uint16_t port);

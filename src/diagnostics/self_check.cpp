@@ -63,10 +63,10 @@ Finding check_settings() {
         return bad(kSettings, std::string(KFeatureNuvioConnectHttpPort) + " = " + port +
                                   " is no port: set a number from 1 to 65535");
     }
-    if (const std::string problem = port_problem(*number); !problem.empty()) {
-        return bad(kSettings, std::string(KFeatureNuvioConnectHttpPort) + ": " + problem);
-    }
-    return good(kSettings, "on, application id and secret are set, HTTP port " + port);
+    Finding finding = check_port(kSettings, *number);
+    finding.text.insert(0, finding.ok ? "on, application id and secret are set, HTTP "
+                                      : std::string(KFeatureNuvioConnectHttpPort) + ": ");
+    return finding;
 }
 
 // ---- Bus and Avahi --------------------------------------------------------------------------
@@ -132,8 +132,15 @@ void be_quiet() {
     log_silence();
 }
 
+const char* word_for(const Finding& finding) {
+    if (finding.is_doubtful) {
+        return "warn";
+    }
+    return finding.ok ? "ok" : "FAIL";
+}
+
 bool report(const Finding& finding) {
-    std::printf("%-4s  %-8s  %s\n", finding.ok ? "ok" : "FAIL", finding.subject,
+    std::printf("%-4s  %-8s  %s\n", word_for(finding), finding.subject,
                 nuvio::printable(finding.text).c_str());
     std::fflush(stdout);  // the next check may hang
     return finding.ok;
