@@ -90,26 +90,43 @@ bool has_rate(snd_pcm_t* pcm, unsigned rate, bool wide) {
 
 // ---- Who has it -----------------------------------------------------------------------------
 
-// "mpd (process 4711)" for each stream that a kernel card plays now, with commas between.
-std::string players() {
-    std::string found;
+// Of "/proc/asound/card0/pcm1p/sub0" "/dev/snd/pcmC0D1p"; empty for a stream that records.
+std::string device_of(const fs::path& substream) {
+    const std::string card = substream.parent_path().parent_path().filename();
+    const std::string pcm = substream.parent_path().filename();
+    constexpr std::string_view kCard = "card";
+    constexpr std::string_view kPcm = "pcm";
+    return card.starts_with(kCard) && pcm.starts_with(kPcm) && pcm.ends_with('p')
+               ? "/dev/snd/pcmC" + card.substr(kCard.size()) + "D" + pcm.substr(kPcm.size())
+               : std::string();
+}
+
+// The devices of the kernel's streams that play now.
+std::vector<std::string> devices_in_use() {
+    std::vector<std::string> devices;
     std::error_code error;
     fs::recursive_directory_iterator entry("/proc/asound", error);
     for (; !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-        const std::string path = entry->path();
-        if (entry->path().filename() != "status" || path.find("p/sub") == std::string::npos) {
-            continue;
-        }
-        std::ifstream status(path);
-        std::string key, colon, pid, name;
-        while (status >> key && key != "owner_pid") {
-        }
-        if (status >> colon >> pid && std::getline(std::ifstream("/proc/" + pid + "/comm"), name)) {
-            found.append(found.empty() ? "" : ", ").append(name).append(" (process ");
-            found.append(pid).append(")");
+        std::string state;
+        if (entry->path().filename() == "status" &&
+            std::getline(std::ifstream(entry->path()), state) && state != "closed") {
+            devices.push_back(device_of(entry->path().parent_path()));
         }
     }
-    return found;
+    return devices;
+}
+
+bool has_open(const fs::path& descriptors, const std::vector<std::string>& files) {
+    std::error_code error;
+    fs::directory_iterator entry(descriptors, error);
+    for (; !error && entry != fs::directory_iterator(); entry.increment(error)) {
+        std::error_code gone;
+        const std::string file = fs::read_symlink(entry->path(), gone);
+        if (!file.empty() && std::ranges::find(files, file) != files.end()) {
+            return true;
+        }
+    }
+    return false;
 }
 
 }  // namespace
@@ -171,10 +188,20 @@ std::string find_volume_element(const std::string& mixer) {
     return usable.empty() ? std::string() : usable.front();
 }
 
+// The stream's own owner_pid is the number of the thread that opened it, which may have ended.
+std::vector<Holder> players() {
+    const std::vector<std::string> devices = devices_in_use();
+    return find_holders(
+        [&](const fs::path& descriptors) { return has_open(descriptors, devices); });
+}
+
 std::string advice_for_opening(int error) {
     switch (-error) {
         case EBUSY: {
-            const std::string who = players();
+            std::string who;
+            for (const Holder& player : players()) {
+                who.append(who.empty() ? "" : ", ").append(player.text());
+            }
             return (who.empty() ? "another program plays on it ('fuser -v /dev/snd/*' says which)"
                                 : "in use: " + who + " plays now") +
                    ": end that one, or set a device that mixes";

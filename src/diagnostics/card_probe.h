@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "diagnostics/holders.h"
 #include "sdk/nuvio_connect.h"
 
 struct SoundCard {
@@ -33,6 +34,10 @@ std::optional<OutputAbilities> probe_output(const std::string& pcm, int& error);
 // The mixer device's element with a playback volume and a playback switch: one of the names that
 // usually are the output's, else the first. Empty where there is none.
 std::string find_volume_element(const std::string& mixer);
+
+// Who has a playback device of the kernel's cards open that is in use. Known for processes of the
+// caller's own account, to root for all.
+std::vector<Holder> players();
 
 // What to do about an output that could not be opened; names who plays on a card of the kernel.
 std::string advice_for_opening(int error);

@@ -124,6 +124,13 @@ Finding check_output() {
     // Never waits for one that is in use.
     const int error =
         snd_pcm_open(&opened, device.c_str(), SND_PCM_STREAM_PLAYBACK, SND_PCM_NONBLOCK);
+    const auto found = error == -EBUSY ? players() : std::vector<Holder>();
+    if (const auto service = std::ranges::find_if(found, &Holder::is_service);
+        service != found.end()) {
+        return doubtful(kOutput, named + ": " + service->text() +
+                                     " plays on it now, so it is not tried; if that is another "
+                                     "device than this one, set another output");
+    }
     if (error < 0) {
         return bad(kOutput, named + ": " + snd_strerror(error) + ": " + advice_for_opening(error));
     }

@@ -355,6 +355,8 @@ class Cards(unittest.TestCase):
             other.kill()
         play("card")
         sounds_on("HDA")
+        self.assertRegex(run("nuvio-connect", "--check", check=False),
+                         r"warn +output .* nuvio-connect \(process \d+\) plays on it now")
         wait_for_end()
 
 
