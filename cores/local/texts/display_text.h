@@ -10,4 +10,11 @@ namespace local_core {
 // blanks at both ends go. Pure; any thread, any bytes.
 std::string display_text(std::string_view raw);
 
+// The same of a path or an address, for a log: of an address without user, password and query,
+// which a server may have its secrets in.
+std::string display_location(std::string_view location);
+
+// Of an address its scheme, host and port.
+std::string display_server(std::string_view address);
+
 }  // namespace local_core

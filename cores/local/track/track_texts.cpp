@@ -54,10 +54,11 @@ std::string stem(const std::string& name) {
 
 TrackTexts describe_remote(const Track& track, const TrackInfo& info) {
     const std::string station = display_text(info.station);
-    return {first_filled({display_text(info.live_title), track.title, display_text(info.title),
-                          station, stem(name_in_url(track.location)), track.location}),
-            first_filled({track.artist, display_text(info.artist)}),
-            first_filled({track.album, display_text(info.album), station}), track.album_art_url};
+    return {
+        first_filled({display_text(info.live_title), track.title, display_text(info.title), station,
+                      stem(name_in_url(track.location)), display_server(track.location)}),
+        first_filled({track.artist, display_text(info.artist)}),
+        first_filled({track.album, display_text(info.album), station}), track.album_art_url};
 }
 
 }  // namespace
