@@ -75,7 +75,7 @@ nuv_error Core::connect(const char* session_id, const char* endpoint, const char
     if (!is_findable(endpoint)) {
         m_logger->write(LogLevel::error, kContentFetcher,
                         "%s: neither on this machine nor on the web",
-                        display_text(endpoint).c_str());
+                        display_location(endpoint).c_str());
         return NUV_ERROR_EMPTY_SESSION;
     }
     const auto now = std::chrono::steady_clock::now();
@@ -101,9 +101,9 @@ void Core::join_prepared_session() {
     }
     SessionRequest& request = prepared->request;
     if (prepared->tracks.empty()) {
-        m_logger->write(LogLevel::warning, kCloudClient,
-                        "Not joining session %s: nothing to play in %s",
-                        display_text(request.id).c_str(), display_text(request.endpoint).c_str());
+        m_logger->write(
+            LogLevel::warning, kCloudClient, "Not joining session %s: nothing to play in %s",
+            display_text(request.id).c_str(), display_location(request.endpoint).c_str());
         return;
     }
     const PlaybackSettings settings = m_control.settings();

@@ -160,7 +160,7 @@ void Course::pass_over(const Stream& stream) {
     m_misses.consider(stream, m_session->id());
     const size_t track = stream.place().track;
     m_logger->write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
-                    display_text(m_session->track(track).location).c_str(),
+                    display_location(m_session->track(track).location).c_str(),
                     display_text(stream.open_error()).c_str());
     m_session->mark_unplayable(track);
     m_misses.note({"track_failed", track, stream.open_error()});

@@ -54,7 +54,7 @@ void probe(PreparedSession& session, nuv_audio_quality highest, Interruption& in
             break;
         }
         logger.write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
-                     display_text(session.tracks[i].location).c_str(),
+                     display_location(session.tracks[i].location).c_str(),
                      display_text(failure.reason).c_str());
         if (failure.network == HttpFailure::unreachable ||
             failure.network == HttpFailure::refused) {
@@ -106,7 +106,8 @@ bool SessionPreparer::begin(SessionRequest request) {
         } catch (const std::exception& failure) {
             session.tracks.clear();
             shared->logger->write(LogLevel::error, kContentFetcher, "Can't list %s: %s",
-                                  display_text(session.request.endpoint).c_str(), failure.what());
+                                  display_location(session.request.endpoint).c_str(),
+                                  failure.what());
         }
         const std::lock_guard lock(shared->mutex);
         --shared->threads;

@@ -120,7 +120,7 @@ std::vector<Track> local_tracks(const std::string& endpoint, const Logger& logge
     const fs::path path = relative ? fs::absolute(*relative, error) : fs::path();
     if (path.empty()) {
         logger.write(LogLevel::error, kContentFetcher, "%s: not on this machine",
-                     display_text(endpoint).c_str());
+                     display_location(endpoint).c_str());
         return {};
     }
     std::string refusal;
@@ -151,7 +151,7 @@ std::vector<Track> remote_tracks(const std::string& url, const std::string& toke
                           found.duration_ms.value_or(0), request});
     }
     if (tracks.empty() && failure != HttpFailure::cancelled) {
-        logger.write(LogLevel::warning, kContentFetcher, "%s: %s", display_text(url).c_str(),
+        logger.write(LogLevel::warning, kContentFetcher, "%s: %s", display_location(url).c_str(),
                      display_text(error).c_str());
     }
     return tracks;

@@ -128,7 +128,7 @@ class TrackWork {
     void drop_blocks();
     void end_here();
     void log_early_end() const;
-    std::string name() const { return display_text(m_track.location); }
+    std::string name() const { return display_location(m_track.location); }
 
     const Track m_track;
     const std::shared_ptr<CrewShared> m_crew;
