@@ -317,6 +317,16 @@ class Network(unittest.TestCase):
                 result = self.read(server.url, "stalled_s=1", "give_up_ms=9000")
                 self.assertEqual((result.failure, result.body == content), ("none", True),
                                  result.log)
+
+        def dripping(handler, first):
+            handler.head_from(first, len(content))
+            for at in range(first, first + 200):
+                handler.wfile.write(content[at:at + 1])
+                time.sleep(0.1)
+
+        with ScriptedServer(dripping) as server:
+            result = self.read(server.url, "give_up_ms=2000", "0:60")
+        self.assertIn("failure=unreachable\nerror=too slow", result.log)
         asked = []
 
         def too_long_from_the_start(handler, first):

@@ -19,6 +19,9 @@ constexpr int kTriesAtLeast = 8;  // before it is given up
 constexpr std::chrono::steady_clock::duration kUntilWoken = std::chrono::hours(1);
 // A place this little ahead is sooner reached by reading on than by another request.
 constexpr uint64_t kReadOnBytes = uint64_t{256} * 1024;
+// Bytes a second. Half of what the thinnest speech takes; the silence of a lossless radio is less.
+constexpr int64_t kLeastRate = 250;
+constexpr int64_t kLeastRadioRate = 32;
 constexpr size_t kMaxTitles = 64;
 constexpr uint64_t kMaxPosition = INT64_MAX;
 
@@ -193,7 +196,8 @@ bool HttpSource::step() {
         finish(*outcome);
     }
     if (wants_bytes && !is_reading_on() && Clock::now() >= given_up_at()) {
-        fail(HttpFailure::unreachable, m_reason.empty() ? "no answer" : m_reason);
+        const char* const otherwise = m_first ? "too slow" : "no answer";
+        fail(HttpFailure::unreachable, m_reason.empty() ? otherwise : m_reason);
     }
     return true;
 }
@@ -327,7 +331,7 @@ void HttpSource::accept() {
 
 HttpTransfer::Handlers::Answer HttpSource::take_body(std::string_view bytes) {
     using Answer = HttpTransfer::Handlers::Answer;
-    bool is_new = false;
+    size_t added = 0;
     {
         const std::lock_guard lock(m_mutex);
         if (m_failure != HttpFailure::none) {
@@ -339,7 +343,7 @@ HttpTransfer::Handlers::Answer HttpSource::take_body(std::string_view bytes) {
         }
         const auto skipped = static_cast<size_t>(std::min<uint64_t>(m_skip, bytes.size()));
         m_skip -= skipped;
-        is_new = skipped < bytes.size();
+        added = bytes.size() - skipped;
         m_icy.feed(
             bytes.substr(skipped), [&](std::string_view audio) { append_audio(audio); },
             [&](std::string_view title) {
@@ -352,12 +356,20 @@ HttpTransfer::Handlers::Answer HttpSource::take_body(std::string_view bytes) {
             });
     }
     // Else a server that says too great a length would be read from the start for ever.
-    if (is_new) {
-        m_progress_at = Clock::now();
+    if (added > 0) {
+        note_progress(added);
         m_pause = kFirstPause;
         m_changed.notify_all();
     }
     return Answer::taken;
+}
+
+// Not later than now: what came in a burst is no credit for a drip after it.
+void HttpSource::note_progress(size_t bytes) {
+    const int64_t rate = m_response.is_radio ? kLeastRadioRate : kLeastRate;
+    m_progress_at = std::min<Clock::time_point>(
+        Clock::now(),
+        m_progress_at + std::chrono::milliseconds(static_cast<int64_t>(bytes) * 1000 / rate));
 }
 
 void HttpSource::append_audio(std::string_view bytes) {

@@ -5,7 +5,7 @@
 // It reads ahead up to a bound and rests until three quarters of that are used up, so that the
 // network is busy in bursts. What it has read stays readable while the server is away; it connects
 // again from the byte where it broke, with growing pauses, until there was no byte for
-// `give_up_after`.
+// `give_up_after`. Fewer bytes than anything that sounds has count for so little as they are.
 //
 // Constructed, read and destroyed by one thread at a time; cancel() is for any thread at any time.
 // Never for the loop's thread: open() and read() block, until cancel() at the latest.
@@ -124,6 +124,7 @@ class HttpSource {
     void accept();
     HttpTransfer::Handlers::Answer take_body(std::string_view bytes);
     void append_audio(std::string_view bytes);
+    void note_progress(size_t bytes);
 
     const HttpRequest m_request;
 
@@ -152,7 +153,8 @@ class HttpSource {
     IcyFilter m_icy;
     Clock::duration m_pause{};  // before the next try
     Clock::time_point m_retry_at;
-    Clock::time_point m_progress_at;  // the last new byte, or since when one is wanted
+    // The last new byte, or since when one is wanted; of bytes that drip, as far as they last.
+    Clock::time_point m_progress_at;
 
     std::thread m_thread;  // last: it uses all of the above
 };
