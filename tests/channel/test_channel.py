@@ -40,6 +40,10 @@ class Channel(DeviceTest):
                                       **how), 200)
         server.wait("state", lambda: server.connections > count and server.last("state"))
 
+    def cpu_s(self):
+        times = pathlib.Path(f"/proc/{self.daemon.pid}/stat").read_text().rsplit(")")[1].split()[11:13]
+        return sum(map(int, times)) / os.sysconf("SC_CLK_TCK")
+
     def tracks(self, names):
         return [{"url": f"file://{self.music}/{name}.wav", "title": name.upper()}
                 for name in names]
@@ -394,6 +398,14 @@ class Channel(DeviceTest):
         self.assertGreater(time.monotonic() - begin, 400 / 50 * 0.6, "more than the rate were taken")
         self.assertEqual([m["id"] for m in server.said if m["type"] == "answer"], ids)
         server.until("state", playback="playing")
+        # What is no command: it takes the device no more than a part of a core.
+        with RawServer(timeout=4) as pinging:
+            self.connect(self.music / "a.wav", remote=pinging.url)
+            with pinging.accept() as peer:
+                used, begin, sent = self.cpu_s(), time.monotonic(), 0
+                while time.monotonic() - begin < 4:
+                    sent += peer.send((b"\x89\0\x8a\0" * 50_000)[sent % 4:])
+                self.assertLess((self.cpu_s() - used) / (time.monotonic() - begin), 0.4)
         # A server that does not read the answers to what it asks.
         (self.music / "long.m3u").write_text("a.wav\n" * 2000)
         with RawServer(timeout=1) as silent:

@@ -6,7 +6,8 @@
 //             `on_change` and `log` come from the link's thread; `on_change` never after the
 //             destructor.
 // Bounds      nothing grows, whatever the server sends or does not read: a message's bytes, the
-//             commands and answers that wait. What is above stays in the network's buffers.
+//             commands and answers that wait. What is above stays in the network's buffers. So does
+//             what would take more than a tenth of a core.
 // Destruction ends the connection without a word where close() has not been called; does not wait.
 //             A thread that hangs (on a name) is left to itself and ends when it is answered.
 #pragma once

@@ -1,10 +1,13 @@
 #include "local/channel/link_worker.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cmath>
 #include <ctime>
 #include <iterator>
 #include <mutex>
 #include <string_view>
+#include <thread>
 
 #include "common/bearer.h"
 #include "common/utf8.h"
@@ -19,11 +22,21 @@ constexpr lws_usec_t kStallTime = 20 * kSecond;
 constexpr lws_usec_t kClosingTime = 2 * kSecond;
 constexpr lws_usec_t kKillingTime = kSecond / 2;
 constexpr lws_usec_t kStableTime = 10 * kSecond;
+// What the thread may use of a core: a share of the time, and so much at once (a handshake).
+constexpr double kShareOfACore = 0.1;
+constexpr double kCpuBurst = 0.2 * static_cast<double>(kSecond);
 constexpr lws_usec_t kLongestWait = 3600 * kSecond;  // for a moment by the wall clock, which is set
 
 constexpr uint32_t kPausesMs[] = {500, 1000, 2000, 4000, 8000, 16000, 32000, 60000};
 constexpr lws_retry_bo_t kPolicy = {
     kPausesMs, std::size(kPausesMs), LWS_RETRY_CONCEAL_ALWAYS, 30, 45, 25};
+
+double thread_cpu_usecs() {
+    timespec used{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &used);
+    return static_cast<double>(used.tv_sec) * static_cast<double>(kSecond) +
+           static_cast<double>(used.tv_nsec) / 1000;
+}
 
 }  // namespace
 
@@ -38,8 +51,23 @@ void Link::Worker::run() {
     connect();
     heed_the_loop();  // what it asked for before there was anything to wake
     while (!m_over && lws_service(m_context, 0) >= 0) {
+        rest();
     }
     end_connections();
+}
+
+// After what was more than its share. Pings and pongs are the library's own affair, which takes
+// them as fast as they come; meanwhile they wait in the network.
+void Link::Worker::rest() {
+    const lws_usec_t now = lws_now_usecs();
+    const double cpu = thread_cpu_usecs();
+    const auto passed = static_cast<double>(now - std::exchange(m_rest_time, now));
+    m_cpu_left = std::min(m_cpu_left + passed * kShareOfACore, kCpuBurst) -
+                 (cpu - std::exchange(m_cpu_used, cpu));
+    if (m_cpu_left < 0) {
+        std::this_thread::sleep_for(
+            std::chrono::microseconds(std::llround(-m_cpu_left / kShareOfACore)));
+    }
 }
 
 // The library never frees a TLS connection that it still shuts down when its context goes.

@@ -47,6 +47,7 @@ class Link::Worker {
     void set(Alarm& alarm, lws_usec_t delay);
     bool create();
     void destroy();
+    void rest();
     void end_connections();
     void cancel_alarms();
     void connect();
@@ -86,6 +87,9 @@ class Link::Worker {
     std::string m_incoming;
     double m_turns = kCommandBurst;  // commands that may be read now
     lws_usec_t m_turns_time = 0;     // when they were counted
+    double m_cpu_left = 0;           // microseconds that may be used now
+    double m_cpu_used = 0;           // by the thread, when they were counted
+    lws_usec_t m_rest_time = 0;
     Alarm m_retry{{}, this, &Worker::connect};
     Alarm m_resume{{}, this, &Worker::pace_reading};
     Alarm m_stall{{}, this, &Worker::end_stalled};
