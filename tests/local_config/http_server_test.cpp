@@ -48,6 +48,13 @@ class Peer {
     }
 
     bool is_connected() const { return m_is_connected; }
+    // Its own; 0: its descriptor was closed under it.
+    uint16_t port() const {
+        sockaddr_in own{};
+        socklen_t size = sizeof(own);
+        getsockname(m_fd.get(), reinterpret_cast<sockaddr*>(&own), &size);
+        return ntohs(own.sin_port);
+    }
     void send(const std::string& bytes) const {
         ::send(m_fd.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
     }
@@ -251,6 +258,15 @@ TEST_F(HttpServer, StartRightAfterStopWaitsItsTurnAndAStopInBetweenCancelsIt) {
     EXPECT_FALSE(Peer(m_port).is_connected());
     start();
     EXPECT_TRUE(comes_up());
+}
+
+TEST_F(HttpServer, PortOfAConnectionOfTheProcessIsLeftToIt) {
+    start();
+    const Peer elsewhere(m_port);
+    m_port = elsewhere.port();
+    create("Kitchen");
+    start();
+    EXPECT_EQ(elsewhere.port(), m_port);
 }
 
 TEST_F(HttpServer, StopAnswersARequestThatWaitsForTheLoop) {

@@ -59,6 +59,14 @@ void close_server_sockets(uint16_t port) {
     for_each_socket(port, [](const TcpSocket& socket) { close(socket.fd); });
 }
 
+void close_listeners(uint16_t port) {
+    for_each_socket(port, [](const TcpSocket& socket) {
+        if (is_listener(socket.own.get())) {
+            close(socket.fd);
+        }
+    });
+}
+
 connection_socket::connection_socket(uint16_t local_port, const char* remote_address,
                                      uint16_t remote_port) {
     nuvio::for_each_tcp_socket(local_port, [&](const TcpSocket& socket) {

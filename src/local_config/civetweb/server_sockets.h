@@ -27,6 +27,10 @@ void shut_down_server_sockets(uint16_t port);
 // the worker. Only once mg_stop has returned, and before the next server starts.
 void close_server_sockets(uint16_t port);
 
+// The same for a server that could not be started, which has had no connections: its listeners
+// alone. The port may be that of a connection that this process has made to somebody.
+void close_listeners(uint16_t port);
+
 // A connection of this process by its local port and its peer; holds a second descriptor on it.
 class connection_socket {
   public:

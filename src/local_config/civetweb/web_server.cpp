@@ -99,7 +99,7 @@ void web_server::start_now() {
     if (m_context == nullptr) {
         app_log(LOG_LEVEL_ERROR, "Unable to start HTTP server");
         if (m_port != 0) {
-            close_server_sockets(m_port);  // the listener, where the worker could not be started
+            close_listeners(m_port);  // where the worker could not be started
         }
         return;
     }
