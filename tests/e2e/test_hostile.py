@@ -50,12 +50,13 @@ def bus_call(destination, interface, member, text=None, answered=False):
         length = bytes([len(value)]) if kind == b"g" else struct.pack("<I", len(value))
         return bytes([code, 1]) + kind + b"\0" + length + value + b"\0"
     fields = b""
-    path = "/" + interface.removesuffix(".Player").replace(".", "/")
+    path = "/" + destination.removesuffix(".nuvio_connect").replace(".", "/")
     for one in (field(1, b"o", path), field(2, b"s", interface), field(3, b"s", member),
                 field(6, b"s", destination), *([] if text is None else [field(8, b"g", "s")])):
         fields += bytes(-len(fields) % 8) + one
     body = b"" if text is None else struct.pack("<I", len(text)) + text.encode() + b"\0"
-    header = b"l\1" + bytes([not answered]) + b"\1" + struct.pack("<III", len(body), 1, len(fields)) + fields
+    header = b"l\1" + bytes([not answered]) + b"\1" + struct.pack(
+        "<III", len(body), 1 + len(body), len(fields)) + fields  # answers that wait differ by it
     return header + bytes(-len(header) % 8) + body
 
 
@@ -132,13 +133,13 @@ class Hostile(DeviceTest):
         bus.connect(str(self.folder / "bus"))
         bus.sendall(b"\0AUTH EXTERNAL " + str(os.getuid()).encode().hex().encode() + b"\r\n")
         self.assertTrue(bus.recv(4096).startswith(b"OK "))
-        bus.sendall(b"BEGIN\r\n" + bus_call("org.freedesktop.DBus", "org.freedesktop.DBus", "Hello"))
+        bus.sendall(b"BEGIN\r\n" + bus_call("org.freedesktop.DBus", "org.freedesktop.DBus", "Hello", answered=True))
         for first in range(0, len(calls), 1000):
             bus.sendall(b"".join(calls[first:first + 1000]))
         bus.sendall(bus_call("org.nuvioconnect.Host1", "org.freedesktop.DBus.Peer", "Ping", answered=True))
         bus.settimeout(30)
         said = b""
-        while b"l\2" not in said:  # an answer's head
+        while said.count(b"l\2\1\1") < 2:  # the heads of the bus's own answer and of the device's
             said += bus.recv(4096)
 
     # ---- What must hold -------------------------------------------------------------------------
@@ -355,3 +356,8 @@ class Hostile(DeviceTest):
             self.assert_bounded()
         self.wait_for_log(f"Starting Avahi advertising, name: Kitchen {len(renames) - 1},")
         self.assert_no_underrun()
+        # A name of megabytes takes their room, and no more of it for the answer.
+        self.flood_the_bus([bus_call(player[0], "org.freedesktop.DBus.Properties", "GetAll", 
+                                     "x" * 30 * KIB * KIB, answered=True)])
+        if not self.is_sanitized() and not EMULATOR:
+            self.assertLess(self.usage()["peak"], self.before["peak"] + 45 * KIB)

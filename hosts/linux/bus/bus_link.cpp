@@ -36,6 +36,23 @@ std::chrono::steady_clock::time_point from_bus_time(uint64_t microseconds) {
     return std::chrono::steady_clock::time_point(std::chrono::microseconds(microseconds));
 }
 
+// Everybody may ask for a property, and the library answers an unknown name with texts that have it
+// in them: of one of megabytes these would be what the service has memory for.
+int refuse_long_names(sd_bus_message* call, void*, sd_bus_error* error) {
+    constexpr size_t kLongestName = 255;  // of an interface or a property, as D-Bus has it
+    if (sd_bus_message_is_method_call(call, "org.freedesktop.DBus.Properties", nullptr) <= 0) {
+        return 0;
+    }
+    const char* name = nullptr;
+    while (sd_bus_message_read_basic(call, SD_BUS_TYPE_STRING, &name) > 0) {
+        if (std::strlen(name) > kLongestName) {
+            return sd_bus_error_set_const(error, SD_BUS_ERROR_INVALID_ARGS,
+                                          "There is no such name");
+        }
+    }
+    return std::min(sd_bus_message_rewind(call, 1), 0);
+}
+
 void move_forward(std::optional<std::chrono::steady_clock::time_point>& deadline,
                   std::chrono::steady_clock::time_point due) {
     deadline = deadline ? std::min(*deadline, due) : due;
@@ -73,7 +90,8 @@ bool BusLink::try_address(const BusAddress& address) {
         return false;
     }
     const int started = sd_bus_start(made);
-    if (started < 0 || m_setup(made) < 0) {
+    if (started < 0 || sd_bus_add_filter(made, nullptr, refuse_long_names, nullptr) < 0 ||
+        m_setup(made) < 0) {
         m_was_there = m_was_there || (started != -ENOENT && started != -ECONNREFUSED);
         return false;
     }

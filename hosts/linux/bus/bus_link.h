@@ -3,6 +3,7 @@
 // Belongs to one thread, which polls what prepare names and then calls dispatch. While there is no
 // bus nothing is polled for: the folder that its socket will appear in is watched, and a few tries
 // follow each change there. Only a bus without a place in the file system is tried every 5 s.
+// Whoever asks for a property by a name longer than names can be is refused before Setup's objects.
 #pragma once
 
 #include <poll.h>
