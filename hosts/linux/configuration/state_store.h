@@ -1,7 +1,8 @@
 // StateStore: what the device remembers across restarts, in the file "state" of the state
 // directory: its name, volume and mute.
 //
-// set may be called from any thread and never waits for the disk; load and save are for one thread.
+// set may be called from any thread and never waits for the disk; load and save are for one thread
+// at a time.
 #pragma once
 
 #include <functional>
