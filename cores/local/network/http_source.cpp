@@ -247,9 +247,9 @@ void HttpSource::start() {
     m_skip = 0;
     m_response = {};
     m_verdict = {};
-    if (!m_transfer.start({m_url, request_lines(), m_asked_from, m_request.stalled_after,
-                           m_request.authorities})) {
-        try_again("libcurl takes no request");
+    if (const char* why_not = m_transfer.start({m_url, request_lines(), m_asked_from,
+                                                m_request.stalled_after, m_request.authorities})) {
+        try_again(why_not);
     }
 }
 

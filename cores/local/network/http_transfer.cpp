@@ -1,13 +1,19 @@
 #include "local/network/http_transfer.h"
 
+#include <arpa/inet.h>
 #include <curl/curl.h>
+#include <netinet/in.h>
 
 #include <algorithm>
 #include <array>
+#include <deque>
 #include <mutex>
+#include <system_error>
 #include <utility>
 
+#include "common/detached_thread.h"
 #include "common/released_by.h"
+#include "common/url/url.h"
 
 namespace local_core {
 
@@ -16,6 +22,8 @@ namespace {
 using Easy = std::unique_ptr<CURL, nuvio::ReleasedBy<curl_easy_cleanup>>;
 using Multi = std::unique_ptr<CURLM, nuvio::ReleasedBy<curl_multi_cleanup>>;
 using Lines = std::unique_ptr<curl_slist, nuvio::ReleasedBy<curl_slist_free_all>>;
+
+constexpr char kRefusal[] = "libcurl takes no request";
 
 // What another try can't mend.
 constexpr std::array kFinalErrors = {
@@ -35,6 +43,13 @@ void initialise_library() {
     std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
+bool has_a_name(const std::string& url) {
+    const auto parts = nuvio::split_url(url);
+    in6_addr address{};
+    return parts && inet_pton(AF_INET, parts->host.c_str(), &address) != 1 &&
+           inet_pton(AF_INET6, parts->host.c_str(), &address) != 1;
+}
+
 }  // namespace
 
 struct HttpTransfer::Handles {
@@ -42,6 +57,66 @@ struct HttpTransfer::Handles {
     Easy easy{curl_easy_init()};
     Lines lines;
     char error[CURL_ERROR_SIZE] = "";
+
+    bool is_looking_up() const {
+        curl_off_t taken = 0;
+        curl_easy_getinfo(easy.get(), CURLINFO_NAMELOOKUP_TIME_T, &taken);
+        return taken == 0;
+    }
+    // Waits for a name's lookup.
+    void end() {
+        curl_easy_setopt(easy.get(), CURLOPT_QUICK_EXIT, 0L);
+        curl_multi_remove_handle(multi.get(), easy.get());
+        easy.reset();
+        multi.reset();
+    }
+};
+
+// Transfers that went while their name was being looked up: libcurl does so on a thread of its own,
+// which lasts as long as the system asks its name servers. One thread waits for all of them.
+class HttpTransfer::AbandonedLookups {
+  public:
+    // Never destroyed: its thread may outlive the process's end of the rest.
+    static AbandonedLookups& instance() {
+        static auto* const lookups = new AbandonedLookups;
+        return *lookups;
+    }
+
+    bool is_full() {
+        const std::lock_guard lock(m_mutex);
+        return m_handles.size() >= kMost;
+    }
+
+    // Where there is no thread to be had, libcurl's is left to itself.
+    void add(std::unique_ptr<Handles> handles) {
+        const std::lock_guard lock(m_mutex);
+        m_handles.push_back(std::move(handles));
+        if (m_handles.size() == 1) {
+            try {
+                nuvio::start_detached("names", [this] { wait_for_all(); });
+            } catch (const std::system_error&) {
+                m_handles.clear();
+            }
+        }
+    }
+
+  private:
+    static constexpr size_t kMost = 12;
+
+    // The one that is waited for counts until its thread has ended.
+    void wait_for_all() {
+        std::unique_lock lock(m_mutex);
+        while (!m_handles.empty()) {
+            Handles& oldest = *m_handles.front();
+            lock.unlock();
+            oldest.end();
+            lock.lock();
+            m_handles.pop_front();
+        }
+    }
+
+    std::mutex m_mutex;
+    std::deque<std::unique_ptr<Handles>> m_handles;
 };
 
 HttpTransfer::HttpTransfer(Handlers handlers) : m_handlers(std::move(handlers)) {
@@ -50,13 +125,20 @@ HttpTransfer::HttpTransfer(Handlers handlers) : m_handlers(std::move(handlers)) 
 }
 
 HttpTransfer::~HttpTransfer() {
-    stop();
+    if (m_is_active && m_handles->is_looking_up()) {
+        AbandonedLookups::instance().add(std::move(m_handles));
+    } else {
+        stop();
+    }
 }
 
-bool HttpTransfer::start(const Request& request) {
+const char* HttpTransfer::start(const Request& request) {
     CURL* easy = m_handles->easy.get();
     if (easy == nullptr) {
-        return false;
+        return kRefusal;
+    }
+    if (has_a_name(request.url) && AbandonedLookups::instance().is_full()) {
+        return "no name server answers";
     }
     m_handles->error[0] = '\0';
     m_handles->lines.reset();
@@ -91,7 +173,7 @@ bool HttpTransfer::start(const Request& request) {
     curl_easy_setopt(easy, CURLOPT_WRITEFUNCTION, on_body);
     curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
     m_is_active = curl_multi_add_handle(m_handles->multi.get(), easy) == CURLM_OK;
-    return m_is_active;
+    return m_is_active ? nullptr : kRefusal;
 }
 
 void HttpTransfer::stop() {

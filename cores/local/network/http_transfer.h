@@ -37,13 +37,15 @@ class HttpTransfer {
 
     // None of the handlers is called but from perform() and resume().
     explicit HttpTransfer(Handlers handlers);
-    // Does not wait, not even for a name that is being looked up.
+    // Does not wait, not even for a name that is being looked up. What looks it up lasts until the
+    // system gives up; of so many that were left behind another one has to wait, see start().
     ~HttpTransfer();
     HttpTransfer(const HttpTransfer&) = delete;
     HttpTransfer& operator=(const HttpTransfer&) = delete;
 
-    // False when libcurl takes it not; nothing is active then.
-    bool start(const Request& request);
+    // Null, or why nothing is active: libcurl takes it not, or it has a name while a dozen lookups
+    // of transfers that are gone still wait for their name servers.
+    const char* start(const Request& request);
     void stop();
     bool is_active() const { return m_is_active; }
     void resume();
@@ -56,6 +58,7 @@ class HttpTransfer {
 
   private:
     struct Handles;
+    class AbandonedLookups;
 
     static size_t on_header(char* bytes, size_t, size_t size, void* self);
     static size_t on_body(char* bytes, size_t, size_t size, void* self);
