@@ -23,6 +23,7 @@ using namespace android;
 
 constexpr char kOutput[] = "output";
 constexpr char kMixer[] = "mixer";
+constexpr uint64_t kShortBufferMs = 100;
 
 // ---- Output ---------------------------------------------------------------------------------
 
@@ -91,14 +92,19 @@ bool can_be_waited_for(snd_pcm_t* pcm) {
     });
 }
 
-std::string text_of_buffer(snd_pcm_t* pcm, const pcm_stream& stream) {
+// What a PCM that is set up for the stream holds.
+Finding found_of_buffer(snd_pcm_t* pcm, const pcm_stream& stream, std::string before) {
     snd_pcm_uframes_t buffer = 0;
     snd_pcm_uframes_t period = 0;
     snd_pcm_get_params(pcm, &buffer, &period);
-    const auto ms = [&](snd_pcm_uframes_t frames) {
-        return std::to_string(uint64_t{frames} * 1000 / stream.rate) + " ms";
-    };
-    return "buffer " + ms(buffer) + ", period " + ms(period) + " at " + text_of(stream);
+    const auto ms = [&](snd_pcm_uframes_t frames) { return uint64_t{frames} * 1000 / stream.rate; };
+    before += "buffer " + std::to_string(ms(buffer)) + " ms, period " + std::to_string(ms(period)) +
+              " ms at " + text_of(stream);
+    return ms(buffer) < kShortBufferMs
+               ? doubtful(kOutput, before +
+                                       ": the music may break off whenever the machine is "
+                                       "busy for longer; only another card mends that")
+               : good(kOutput, before);
 }
 
 // ---- Mixer ----------------------------------------------------------------------------------
@@ -147,8 +153,9 @@ Finding check_output() {
     if (!can_be_waited_for(pcm.get())) {
         return bad(kOutput, named + " cannot be waited for: set a device of a sound card");
     }
-    return good(kOutput, named + " takes all that is announced, up to " + text_of(streams.back()) +
-                             "; " + text_of_buffer(pcm.get(), streams.back()));
+    return found_of_buffer(
+        pcm.get(), streams.back(),
+        named + " takes all that is announced, up to " + text_of(streams.back()) + "; ");
 }
 
 Finding check_mixer() {

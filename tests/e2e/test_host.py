@@ -84,6 +84,11 @@ class SelfCheck(DeviceTest):
             self.assertRegex(str(found["mixer"]), "'ok', .*'Digital'")
             self.assertIn("host.friendly_name = Kitchen # 2\n",
                           (self.folder / "settings.conf").read_text())
+        shutil.rmtree(self.folder / "card")
+        self.card("create", "--buffer", "26")
+        (self.folder / "alsa.conf").unlink()
+        self.write_settings(**self.settings)
+        self.assertRegex(str(self.findings()["output"]), "'warn', .*; buffer 26 ms, .* may break off")
 
 
 class Panel(HostTest):
