@@ -278,7 +278,8 @@ TEST_F(AudioSinkTest, ServerThatMayHaveHungSinceThePauseIsAskedBeforeTheMusicSta
     EXPECT_FALSE(audio_sink_open(sink_, &kCd));
 }
 
-TEST(BoundedHandle, WhereCallsStandStillNoFurtherDeviceIsOpened) {
+TEST_F(AudioSinkTest, WhereCallsStandStillNoFurtherDeviceIsOpened) {
+    make_card();
     std::promise<void> end;
     std::vector<bounded_handle<pcm_ptr>> handles(kMaxAlsaCalls);
     const auto wait = [ended = end.get_future().share()](const pcm_ptr& /*pcm*/) {
@@ -289,12 +290,12 @@ TEST(BoundedHandle, WhereCallsStandStillNoFurtherDeviceIsOpened) {
         EXPECT_EQ(handle.call(wait, 0ms), -ETIMEDOUT);
     }
     pcm_ptr pcm;
-    EXPECT_EQ(open_playback_pcm(pcm, "null"), -EAGAIN);
+    EXPECT_EQ(open_playback_pcm(pcm, "default"), -EAGAIN);
     end.set_value();
     while (handles.back().is_away() || running_alsa_calls() > 0) {
         std::this_thread::sleep_for(1ms);
     }
-    EXPECT_EQ(open_playback_pcm(pcm, "null"), 0);
+    EXPECT_EQ(open_playback_pcm(pcm, "default"), 0);
 }
 
 TEST_F(AudioSinkTest, MixerThatHangsOnASetFromItsOwnReportIsLeftAloneUntilTheNextSession) {
