@@ -22,9 +22,10 @@ constexpr lws_usec_t kStallTime = 20 * kSecond;
 constexpr lws_usec_t kClosingTime = 2 * kSecond;
 constexpr lws_usec_t kKillingTime = kSecond / 2;
 constexpr lws_usec_t kStableTime = 10 * kSecond;
-// What the thread may use of a core: a share of the time, and so much at once (a handshake).
+// What the thread may use of a core: a share of the time, and so much at once (a handshake for TLS
+// takes a slow processor some tenths of a second).
 constexpr double kShareOfACore = 0.1;
-constexpr double kCpuBurst = 0.2 * static_cast<double>(kSecond);
+constexpr double kCpuBurst = 0.5 * static_cast<double>(kSecond);
 constexpr lws_usec_t kLongestWait = 3600 * kSecond;  // for a moment by the wall clock, which is set
 
 constexpr uint32_t kPausesMs[] = {500, 1000, 2000, 4000, 8000, 16000, 32000, 60000};
