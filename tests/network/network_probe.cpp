@@ -155,9 +155,9 @@ void decode(const Job& job) {
         return;
     }
     const TrackInfo& info = decoder->info();
-    std::fprintf(stderr, "about=%u Hz %zu frames %d%d %s%s\n", info.format.sample_rate,
+    std::fprintf(stderr, "about=%u Hz %zu frames %d%d %s%s%s\n", info.format.sample_rate,
                  info.is_endless ? 0 : static_cast<size_t>(info.frame_count), info.is_endless,
-                 info.seekable, info.title.c_str(), info.station.c_str());
+                 info.seekable, info.title.c_str(), info.live_title.c_str(), info.station.c_str());
     Sound sound{*decoder};
     read_parts(sound, job, info.frame_bytes);
     tell(decoder->failure(), decoder->last_error());

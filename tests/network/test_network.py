@@ -216,12 +216,13 @@ class Network(unittest.TestCase):
         content = pathlib.Path(self.d, "a.aac").read_bytes()[777:]
 
         def on_air(handler, _):
-            handler.head(200, icy_name="Station", Content_Type="audio/aac")
-            handler.wfile.write(content)
+            handler.wfile.write(b"ICY 200 OK\r\nicy-name:Station\r\nicy-metaint:999\r\n\r\n")
+            for at in range(0, len(content), 999):
+                handler.wfile.write(content[at:at + 999] + b"\2StreamTitle='On air';".ljust(33, b"\0"))
 
         with ScriptedServer(on_air) as server:
             heard = array.array("h", self.decode("", f"0:{2 * CD}", place=server.url,
-                                                 tells="44100 Hz 0 frames 10 Station\n"))
+                                                 tells="44100 Hz 0 frames 10 On airStation\n"))
         self.assertEqual(len(heard), 4 * CD)
         errors = [error_of(heard[4 * frame:], source[n * frame:]) for n in range(4, 12)]
         self.assertLess(min(errors), 0.001)  # of one it is where it was joined

@@ -22,7 +22,7 @@ struct HttpResponse {
     // From Content-Range: the first byte sent, the whole file's length.
     std::optional<uint64_t> range_first;
     std::optional<uint64_t> range_total;
-    bool is_radio = false;  // any "icy-" line
+    bool is_radio = false;  // any "icy-" line, or "ICY" in the place of "HTTP/1.0"
     std::string station;    // icy-name
     size_t icy_interval = 0;
 
@@ -30,6 +30,8 @@ struct HttpResponse {
     // passed over.
     void take_line(std::string_view line);
 
+    // The head of the answer itself is still to come. A radio has but one.
+    bool is_interim() const { return status < 200 && !is_radio; }
     bool is_redirect() const;
     // The length of the whole file, where the response tells it.
     std::optional<uint64_t> file_length() const;

@@ -302,7 +302,7 @@ bool HttpSource::take_line(std::string_view line) {
         m_response.take_line(line);
         return true;
     }
-    if (m_response.status < 200) {
+    if (m_response.is_interim()) {
         return true;
     }
     m_verdict = judge(m_response, m_first ? &*m_first : nullptr, m_asked_from);

@@ -56,6 +56,8 @@ struct HttpTransfer::Handles {
     Multi multi{curl_multi_init()};
     Easy easy{curl_easy_init()};
     Lines lines;
+    // Old radios say so in the place of "HTTP/1.0", with any status.
+    Lines radio_status{curl_slist_append(nullptr, "ICY ")};
     char error[CURL_ERROR_SIZE] = "";
 
     bool is_looking_up() const {
@@ -153,6 +155,7 @@ const char* HttpTransfer::start(const Request& request) {
     // Redirects are followed here, so that each request's token is decided here.
     curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
     curl_easy_setopt(easy, CURLOPT_USERAGENT, "nuvio-connect");
+    curl_easy_setopt(easy, CURLOPT_HTTP200ALIASES, m_handles->radio_status.get());
     curl_easy_setopt(easy, CURLOPT_HTTPHEADER, m_handles->lines.get());
     curl_easy_setopt(easy, CURLOPT_HEADEROPT, CURLHEADER_SEPARATE);  // none of them to a proxy
     curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
@@ -213,7 +216,8 @@ void HttpTransfer::wake() {
 
 // On a count other than `size` libcurl ends the transfer with CURLE_WRITE_ERROR and calls neither
 // function again. Of a head of 1xx each line comes, too; behind the body those of a trailer,
-// without an empty one at the end.
+// without an empty one at the end. An answer that begins with "ICY " is one of HTTP/1.0 with status
+// 200 to libcurl: its body comes whatever status the line has.
 size_t HttpTransfer::on_header(char* bytes, size_t, size_t size, void* self) {
     std::string_view line(bytes, size);
     line = line.substr(0, line.find_last_not_of("\r\n") + 1);
