@@ -200,6 +200,25 @@ class Network(unittest.TestCase):
             self.write(name, text)
             self.assertEqual(Result(start("decode", f"{self.d}/{name}")).body, b"")
 
+    def test_what_lies_before_a_place_in_an_mp3_is_not_fetched(self):
+        write_wav(f"{self.d}/noise.wav", 3 * array.array("h", self.file[:1_200_000]), CD)
+        parts = ["800000:2000", "880000:0", "700000:3000"]
+        for is_constant, rate in [(True, ["-b:a", "320k"]), (False, ["-q:a", "0"]),
+                                  (False, ["-q:a", "0", "-write_xing", "0"])]:
+            self.ffmpeg("noise.wav", "a.mp3", *rate, "-y")
+            content, asked = pathlib.Path(self.d, "a.mp3").read_bytes(), []
+
+            def in_pieces(handler, first, content=content, asked=asked):
+                asked.append(first / len(content))
+                handler.head_from(first, len(content))
+                handler.wfile.write(content[first:first + 100_000])
+
+            with ScriptedServer(in_pieces) as server:
+                heard, wanted = [array.array("h", self.decode(name, "read_ahead=1", *parts, place=place))
+                                 for name, place in [("", server.url), ("a.mp3", self.d)]]
+            self.assertLessEqual(max(abs(h - w) for h, w in zip(heard, wanted, strict=True)), 1)
+            self.assertEqual(any(0.3 < place < 0.7 for place in asked), not is_constant, asked)
+
     @unittest.skipUnless(HAS_MODULE, "no libavformat for this machine")
     def test_lossy_sound_is_the_signal_and_an_aac_radio_is_joined_in_a_frame(self):
         frames, frame = 3 * CD + 123, 2 * 1024

@@ -12,6 +12,7 @@
 
 #include "common/utf8.h"
 #include "reader/inside/sound/foreign_sound.h"
+#include "reader/inside/sound/mpeg_shortcut.h"
 #include "reader/inside/sound/sndfile_sound.h"
 
 namespace nuvio::reader {
@@ -248,7 +249,7 @@ size_t Decoder::read(void* block, size_t capacity_bytes) {
         return m_foreign->read(block, capacity_bytes / m_info.frame_bytes()) * m_info.frame_bytes();
     }
     if (!m_sound) {
-        return 0;  // a radio's, that could not be opened again
+        return 0;  // it could not be opened again
     }
     size_t frames = read_frames(block, capacity_bytes);
     if (frames == 0 && rejoin()) {
@@ -266,11 +267,33 @@ size_t Decoder::read(void* block, size_t capacity_bytes) {
     return frames * m_info.frame_bytes();
 }
 
+// False: the sound is lost. It is opened anew for each place, as MpegShortcut asks for.
+bool Decoder::take_shortcut(uint64_t frame) {
+    SF_INFO raw{};
+    sf_command(m_sound->file(), SFC_GET_CURRENT_SF_INFO, &raw, sizeof raw);
+    if (m_input.is_at_hand() || !m_info.is_seekable || frame > static_cast<uint64_t>(raw.frames) ||
+        raw.format != (SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III)) {
+        return true;
+    }
+    const uint64_t place = m_input.position();
+    if (!m_shortcut) {
+        m_shortcut = std::make_unique<MpegShortcut>(m_input);
+    }
+    if (!m_shortcut->is_open()) {
+        return m_input.seek(place);
+    }
+    m_sound.reset();
+    m_shortcut->restart();
+    m_sound = SndfileSound::open(*m_shortcut, &raw);
+    m_shortcut->aim(frame);
+    return m_sound != nullptr;
+}
+
 std::optional<uint64_t> Decoder::seek(uint64_t frame) {
     if (m_foreign) {
         return m_foreign->seek(frame) ? std::optional(frame) : std::nullopt;
     }
-    if (!m_sound) {
+    if (!m_sound || !take_shortcut(frame)) {
         return std::nullopt;
     }
     const sf_count_t reached = sf_seek(m_sound->file(), static_cast<sf_count_t>(frame), SEEK_SET);

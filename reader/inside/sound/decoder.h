@@ -22,6 +22,7 @@ struct sf_private_tag;
 namespace nuvio::reader {
 
 class ForeignSound;
+class MpegShortcut;
 class SndfileSound;
 
 struct SoundInfo {
@@ -53,7 +54,8 @@ class Decoder {
     // Decodes as many whole frames as fit; returns the bytes written, 0 at the end or at a place
     // that can't be decoded. `block` must be aligned for a 4-byte sample.
     size_t read(void* block, size_t capacity_bytes);
-    // Goes to a frame; returns the one reached, none when the sound can't be positioned.
+    // Goes to a frame; returns the one reached, none when the sound can't be positioned. Of a
+    // remote MP3 whose frames have one bit rate what lies before is not fetched.
     std::optional<uint64_t> seek(uint64_t frame);
 
     struct Texts {
@@ -74,9 +76,11 @@ class Decoder {
     static Conversion conversion_of(sf_private_tag* file, int sndfile_format);
     size_t read_frames(void* block, size_t capacity_bytes);
     bool rejoin();
+    bool take_shortcut(uint64_t frame);
 
     Input& m_input;
-    std::unique_ptr<SndfileSound> m_sound;  // one of the two
+    std::unique_ptr<MpegShortcut> m_shortcut;  // of a remote MP3 that was sought
+    std::unique_ptr<SndfileSound> m_sound;     // one of the two
     std::unique_ptr<ForeignSound> m_foreign;
     SoundInfo m_info;
     Conversion m_conversion = Conversion::none_16;

@@ -27,6 +27,8 @@ class Input {
     virtual bool has_failed() const = 0;
     // Endless: does not seek.
     virtual bool is_radio() const = 0;
+    // All of it can be read without a network's delay.
+    virtual bool is_at_hand() const = 0;
 };
 
 class FileInput : public Input {
@@ -39,6 +41,7 @@ class FileInput : public Input {
     std::optional<uint64_t> length() override { return m_length; }
     bool has_failed() const override { return m_has_failed; }
     bool is_radio() const override { return false; }
+    bool is_at_hand() const override { return true; }
 
   private:
     const UniqueFd m_file;
@@ -59,6 +62,7 @@ class RemoteInput : public Input {
     std::optional<uint64_t> length() override;
     bool has_failed() const override { return m_bytes.has_failed; }
     bool is_radio() const override { return m_is_radio; }
+    bool is_at_hand() const override { return false; }
 
   private:
     void ask(uint64_t place, size_t size);

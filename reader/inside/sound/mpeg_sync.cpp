@@ -9,8 +9,26 @@ namespace {
 
 constexpr int kFramesInARow = 3;
 
-// The length of the layer III frame with this header, 0 when it is none.
-size_t frame_bytes(uint32_t header) {
+bool begins_frames(std::string_view bytes, size_t at) {
+    // Version, layer and rate stay; bit rate and padding may change.
+    constexpr uint32_t kKind = 0xfffe0c00;
+    const uint32_t kind = bytes.size() >= at + 4 ? mpeg_header_at(bytes, at) & kKind : 0;
+    for (int frame = 0; frame < kFramesInARow; ++frame) {
+        if (at + 4 > bytes.size() || (mpeg_header_at(bytes, at) & kKind) != kind) {
+            return false;
+        }
+        const size_t length = mpeg_frame(mpeg_header_at(bytes, at)).bytes;
+        if (length == 0) {
+            return false;
+        }
+        at += length;
+    }
+    return true;
+}
+
+}  // namespace
+
+MpegFrame mpeg_frame(uint32_t header) {
     // By version (2.5, reserved, 2, 1), in Hz; by bit-rate index, in kbit/s.
     constexpr std::array<uint32_t, 4> kFirstRates = {11025, 0, 22050, 44100};
     constexpr std::array<uint32_t, 16> kBitRates1 = {0,   32,  40,  48,  56,  64,  80,  96,
@@ -24,7 +42,7 @@ size_t frame_bytes(uint32_t header) {
     const uint32_t rate_index = header >> 10 & 3;
     if ((header & kSync) != kSync || (header >> 17 & 3) != kLayer3 || rate_index == 3 ||
         kFirstRates[version] == 0) {
-        return 0;
+        return {};
     }
     // 44100, 48000, 32000 and their halves and quarters.
     constexpr std::array<uint32_t, 3> kPer147 = {147, 160, 0};
@@ -32,36 +50,20 @@ size_t frame_bytes(uint32_t header) {
                                           : kFirstRates[version] / 147 * kPer147[rate_index];
     const auto& bit_rates = version == kVersion1 ? kBitRates1 : kBitRates2;
     const uint32_t bit_rate = bit_rates[header >> 12 & 15] * 1000;
-    const uint32_t bytes_a_bit_rate = version == kVersion1 ? 144 : 72;
-    return bit_rate == 0 ? 0 : bytes_a_bit_rate * bit_rate / rate + (header >> 9 & 1);
+    const uint32_t samples = version == kVersion1 ? 1152 : 576;
+    if (bit_rate == 0) {
+        return {};
+    }
+    return {samples / 8 * bit_rate / rate + (header >> 9 & 1), samples, rate, bit_rate};
 }
 
-uint32_t header_at(std::string_view bytes, size_t at) {
+uint32_t mpeg_header_at(std::string_view bytes, size_t at) {
     uint32_t header = 0;
     for (size_t i = 0; i < 4; ++i) {
         header = header << 8 | static_cast<uint8_t>(bytes[at + i]);
     }
     return header;
 }
-
-bool begins_frames(std::string_view bytes, size_t at) {
-    // Version, layer and rate stay; bit rate and padding may change.
-    constexpr uint32_t kKind = 0xfffe0c00;
-    const uint32_t kind = bytes.size() >= at + 4 ? header_at(bytes, at) & kKind : 0;
-    for (int frame = 0; frame < kFramesInARow; ++frame) {
-        if (at + 4 > bytes.size() || (header_at(bytes, at) & kKind) != kind) {
-            return false;
-        }
-        const size_t length = frame_bytes(header_at(bytes, at));
-        if (length == 0) {
-            return false;
-        }
-        at += length;
-    }
-    return true;
-}
-
-}  // namespace
 
 size_t first_mpeg_frame(std::string_view bytes) {
     for (size_t at = 0; at + 4 <= bytes.size(); ++at) {
