@@ -130,6 +130,7 @@ struct SoundAnswer {
     Truth is_readable;  // else `error` says why not
     Truth is_deep;      // 24 bits sign-extended in 4 bytes, else 16 bits
     Truth is_endless, is_seekable;
+    Truth is_guess;  // `frames`: there may be fewer, or more
     uint32_t rate_hz, channels;
     uint64_t frames;
     char title[kMaxSoundText], artist[kMaxSoundText], album[kMaxSoundText];

@@ -23,8 +23,9 @@ std::string text_in(const char (&field)[size]) {
 
 Sound sound_in(const SoundAnswer& answer) {
     return {answer.rate_hz,         answer.channels,         answer.is_deep != 0,
-            answer.is_endless != 0, answer.is_seekable != 0, answer.frames,
-            text_in(answer.title),  text_in(answer.artist),  text_in(answer.album)};
+            answer.is_endless != 0, answer.is_seekable != 0, answer.is_guess != 0,
+            answer.frames,          text_in(answer.title),   text_in(answer.artist),
+            text_in(answer.album)};
 }
 
 }  // namespace

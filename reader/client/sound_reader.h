@@ -29,6 +29,7 @@ struct Sound {
     bool is_deep = false;  // 24 bits sign-extended in 4 bytes, else 16 bits
     bool is_endless = false;
     bool is_seekable = false;
+    bool is_guess = false;  // of `frames`: there may be fewer, or more
     uint64_t frames = 0;
     std::string title, artist, album;  // a kilobyte each at most; empty: not said
 };

@@ -246,6 +246,18 @@ class Network(unittest.TestCase):
         errors = [error_of(heard[4 * frame:], source[n * frame:]) for n in range(4, 12)]
         self.assertLess(min(errors), 0.001)  # of one it is where it was joined
 
+    def test_lossy_files_are_heard_whole_and_the_same_from_any_frame_on(self):
+        loud = self.file[:20 * CD]
+        write_wav(f"{self.d}/uneven.wav", array.array("h", bytes(40 * CD) + loud), CD)
+        self.ffmpeg("uneven.wav", "uneven.mp3", "-q:a", "4", "-write_xing", "0")
+        for name, frames in [("uneven.mp3", 576 * 1152)]:
+            whole = self.decode(name, tells=f"{frames} frames 01 Song\n")
+            parts = [f"{frame}:3000" for frame in (frames - 4000, 1, frames - 500_000, 555_555)]
+            for place in self.places:
+                self.assertTrue(self.decode(name, place=place) == whole, (name, place))
+                heard = self.decode(name, *parts, place=place)
+                self.assertTrue(heard == pieces(whole, parts, 4), (name, place))
+
     @unittest.skipUnless(HAS_MODULE, "no libavformat for this machine")
     def test_dsd_is_the_signal_at_an_eighth_of_its_rate(self):
         frames, rate, delay = 40 * 4096, 8 * CD, 5.5  # of the filter, in frames

@@ -24,8 +24,9 @@ void Delivery::ask_place() {
     }
     const uint64_t heard = heard_ms();
     std::optional<uint64_t> left_ms;
-    if (m_streams.current()->is_finished()) {
-        const uint64_t duration_ms = m_streams.current()->info().duration_ms();
+    const TrackInfo& info = m_streams.current()->info();
+    if (m_streams.current()->is_finished() && !info.is_guess) {
+        const uint64_t duration_ms = info.duration_ms();
         left_ms = duration_ms - std::min(heard, duration_ms);
     }
     m_pace.looked(heard, left_ms, Pace::Clock::now());

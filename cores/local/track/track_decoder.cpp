@@ -55,9 +55,13 @@ class TrackDecoder::SourceBytes : public reader::RemoteBytes {
     const bool m_is_radio;
 };
 
+uint64_t TrackInfo::most_frames() const {
+    return is_guess ? kMaxFrames : frame_count;
+}
+
 uint64_t TrackInfo::frame_at(uint64_t position_ms) const {
-    const uint64_t limited = std::min(position_ms, duration_ms() + 1);
-    return std::min(limited * format.sample_rate / 1000, frame_count);
+    const uint64_t limited = std::min(position_ms, this->position_ms(most_frames()) + 1);
+    return std::min(limited * format.sample_rate / 1000, most_frames());
 }
 
 TrackDecoder::TrackDecoder() = default;
@@ -131,6 +135,7 @@ bool TrackDecoder::describe(nuv_audio_quality highest, OpenFailure* failure) {
         m_read.is_deep ? NUV_AUDIO_SAMPLE_FORMAT_24_BIT : NUV_AUDIO_SAMPLE_FORMAT_16_BIT;
     m_info.frame_bytes = sample_bytes * m_read.channels;
     m_info.frame_count = frames;
+    m_info.is_guess = m_read.is_guess;
     m_info.is_endless = m_read.is_endless;
     m_info.seekable = m_read.is_seekable;
     m_info.title = m_read.title;
@@ -188,7 +193,7 @@ std::optional<uint64_t> TrackDecoder::seek(uint64_t frame) {
     }
     const auto& place = std::get<reader::SoundReader::Place>(outcome);
     m_error = place.error;
-    return place.frame && *place.frame <= m_info.frame_count ? place.frame : std::nullopt;
+    return place.frame && *place.frame <= m_info.most_frames() ? place.frame : std::nullopt;
 }
 
 HttpFailure TrackDecoder::failure() const {

@@ -32,6 +32,7 @@ struct TrackInfo {
     nuv_audio_format format;
     size_t frame_bytes;
     uint64_t frame_count;  // of an endless one more than anybody hears
+    bool is_guess;         // of `frame_count`: it is played to its end, wherever that is
     bool is_endless;
     bool seekable;
     // Tags as the file has them, their first kilobyte; empty where it has none.
@@ -45,6 +46,8 @@ struct TrackInfo {
     // 0 of an endless one.
     uint64_t duration_ms() const { return is_endless ? 0 : position_ms(frame_count); }
     uint64_t position_ms(uint64_t frame) const { return frame * 1000 / format.sample_rate; }
+    // Of a guess, there may be frames behind `frame_count`.
+    uint64_t most_frames() const;
     // Truncated, and never beyond the end.
     uint64_t frame_at(uint64_t position_ms) const;
 };

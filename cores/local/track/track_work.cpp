@@ -228,7 +228,7 @@ void TrackWork::wake_if_low() {
 
 void TrackWork::position(uint64_t target, std::unique_lock<std::mutex>& lock) {
     m_seek_target.reset();
-    const uint64_t end = m_decoder->info().frame_count;
+    const uint64_t end = m_decoder->info().most_frames();
     lock.unlock();
     const auto reached = target < end ? m_decoder->seek(target) : std::nullopt;
     if (target < end && !reached) {
@@ -292,7 +292,7 @@ void TrackWork::collect() {
             note_title(m_decoder->live_title(m_read.collected), nullptr);
         }
     }
-    if (!is_stale && m_decoded_frames >= info.frame_count) {
+    if (!is_stale && !info.is_guess && m_decoded_frames >= info.frame_count) {
         m_is_decoded_wholly = true;
         m_decoder->stop();
     }
@@ -319,7 +319,8 @@ void TrackWork::decode(std::unique_lock<std::mutex>& lock) {
         note_title(texts->title, &texts->artist);
     }
     const TrackInfo& info = m_decoder->info();
-    const bool is_whole = m_decoded_frames >= info.frame_count;
+    const bool is_whole =
+        info.is_guess ? is_over && !m_decoder->is_broken() : m_decoded_frames >= info.frame_count;
     m_is_decoded_wholly = is_whole || is_over || m_decoder->has_lied() || m_read.collected == 0;
     m_failure.network = m_is_decoded_wholly ? m_decoder->failure() : HttpFailure::none;
     const bool ends_early = m_is_decoded_wholly && !is_whole;

@@ -33,6 +33,7 @@ SoundInfo describe(const SndfileSound& sound, const SF_INFO& raw, bool is_deep) 
     info.is_deep = is_deep;
     info.is_endless = sound.is_endless();
     info.frames = info.is_endless ? 0 : static_cast<uint64_t>(std::max<sf_count_t>(raw.frames, 0));
+    info.is_guess = sound.is_guess();
     info.is_seekable = raw.seekable != 0;
     info.title = tag(sound.file(), SF_STR_TITLE);
     info.artist = tag(sound.file(), SF_STR_ARTIST);
@@ -46,6 +47,7 @@ SoundInfo describe(const ForeignInfo& foreign) {
             foreign.is_deep,
             !foreign.frames,
             foreign.frames.value_or(0),
+            false,
             foreign.seekable && foreign.frames,
             foreign.title,
             foreign.artist,

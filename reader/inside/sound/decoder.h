@@ -30,7 +30,8 @@ struct SoundInfo {
     uint32_t channels = 0;
     bool is_deep = false;
     bool is_endless = false;
-    uint64_t frames = 0;  // 0 of an endless one
+    uint64_t frames = 0;    // 0 of an endless one
+    bool is_guess = false;  // of `frames`: there may be fewer, or more
     bool is_seekable = false;
     // Tags as the file has them, their first kilobyte; empty where it has none.
     std::string title;

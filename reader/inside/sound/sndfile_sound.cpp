@@ -1,6 +1,7 @@
 #include "reader/inside/sound/sndfile_sound.h"
 
 #include <algorithm>
+#include <array>
 #include <cstddef>
 #include <cstdio>
 #include <string>
@@ -15,6 +16,13 @@ namespace {
 // What an input of unknown length says: libsndfile asks for one, and goes to the end of some
 // formats, which then fails.
 constexpr sf_count_t kUnknownLength = sf_count_t{1} << 60;
+// What MPEG audio says, by whose guess more frames than kMaxGuess come of it, of few enough bits
+// that they can be counted.
+constexpr sf_count_t kStretchedLength = sf_count_t{1} << 50;
+constexpr sf_count_t kMaxGuess = sf_count_t{1} << 40;
+// Longer files are not read through before they play: a slow disk takes seconds for this many
+// bytes.
+constexpr uint64_t kMaxMeasured = uint64_t{32} << 20;
 // Further ahead nobody goes in an input of unknown length.
 constexpr uint64_t kMaxStep = uint64_t{1} << 20;
 
@@ -33,11 +41,26 @@ bool find_sound(Input& input) {
     return is_ogg;
 }
 
+// What libsndfile may take for MPEG; what stands behind a tag need not be it.
+bool may_be_mpeg(Input& input) {
+    constexpr std::string_view kTag = "ID3";
+    constexpr unsigned kSync = 0xe0;
+    std::array<char, 3> head{};
+    const uint64_t from = input.position();
+    input.read(head.data(), head.size());
+    input.seek(from);
+    return std::string_view(head.data(), head.size()) == kTag ||
+           (head[0] == '\xff' && (static_cast<unsigned char>(head[1]) & kSync) == kSync);
+}
+
 }  // namespace
 
 // libsndfile believes it and no more: sound that a head announces behind it is left off.
 sf_count_t SndfileSound::length(void* data) {
     const auto length = self(data).m_input.length();
+    if (self(data).m_is_stretched) {
+        return kStretchedLength;
+    }
     return length ? static_cast<sf_count_t>(*length) : kUnknownLength;
 }
 
@@ -59,7 +82,12 @@ sf_count_t SndfileSound::seek(sf_count_t offset, int whence, void* data) {
                             : whence == SEEK_END ? length(data)
                                                  : 0;
     const sf_count_t wanted = from + offset;
-    const uint64_t place = static_cast<uint64_t>(wanted) + sound.m_first;
+    // What stands at the end of a stretched one, a tag, is at the real end.
+    const auto length_told = static_cast<uint64_t>(length(data));
+    const uint64_t too_far = whence == SEEK_END && sound.m_is_stretched
+                                 ? length_told - input.length().value_or(length_told)
+                                 : 0;
+    const uint64_t place = static_cast<uint64_t>(wanted) + sound.m_first - too_far;
     if (wanted < 0 || sound.m_is_over || (!input.length() && place > input.position() + kMaxStep)) {
         return -1;
     }
@@ -89,8 +117,18 @@ sf_count_t SndfileSound::read(void* to, sf_count_t size, void* data) {
     return std::max<std::ptrdiff_t>(*end, 0);
 }
 
-std::unique_ptr<SndfileSound> SndfileSound::open(Input& input, SF_INFO* info) {
+bool SndfileSound::open_file(SF_INFO* info) {
     *info = {};
+    SF_VIRTUAL_IO io{};
+    io.get_filelen = length;
+    io.seek = seek;
+    io.read = read;
+    io.tell = position;
+    m_file.reset(sf_open_virtual(&io, SFM_READ, info, this));
+    return m_file != nullptr;
+}
+
+std::unique_ptr<SndfileSound> SndfileSound::open(Input& input, SF_INFO* info) {
     std::unique_ptr<SndfileSound> sound(new SndfileSound(input));
     if (input.is_radio()) {
         if (find_sound(input)) {
@@ -98,20 +136,56 @@ std::unique_ptr<SndfileSound> SndfileSound::open(Input& input, SF_INFO* info) {
         }
         sound->m_first = input.position();
     }
-    SF_VIRTUAL_IO io{};
-    io.get_filelen = length;
-    io.seek = seek;
-    io.read = read;
-    io.tell = position;
-    sound->m_file.reset(sf_open_virtual(&io, SFM_READ, info, sound.get()));
-    if (!sound->m_file) {
+    sound->m_is_stretched = !input.is_radio() && input.length() && may_be_mpeg(input);
+    bool is_open = sound->open_file(info);
+    if (sound->m_is_stretched && (info->format & SF_FORMAT_TYPEMASK) != SF_FORMAT_MPEG) {
+        sound->m_is_stretched = false;
+        is_open = input.seek(sound->m_first) && sound->open_file(info);
+    }
+    if (!is_open) {
         return nullptr;
     }
     sound->m_is_endless = input.is_radio() || (!input.length() && info->frames > kUnknownLength);
     if (sound->m_is_endless) {
         info->seekable = 0;
     }
+    if (sound->m_is_stretched && info->frames > kMaxGuess) {
+        sound->find_length(info);
+    }
     return sound;
+}
+
+bool SndfileSound::has(sf_count_t frame) const {
+    std::array<float, 2> samples{};  // MPEG has no more channels
+    return sf_seek(m_file.get(), frame, SEEK_SET) == frame &&
+           sf_readf_float(m_file.get(), samples.data(), 1) == 1;
+}
+
+// How many frames there are, fewer than `end`: on the way beyond their end libsndfile reads all
+// frames' heads and notes where they stand, so that going back is quick, and exact from then on.
+sf_count_t SndfileSound::measure(sf_count_t end) const {
+    sf_count_t begin = 0;
+    while (begin < end) {
+        const sf_count_t middle = begin + (end - begin) / 2;
+        if (has(middle)) {
+            begin = middle + 1;
+        } else {
+            end = middle;
+        }
+    }
+    sf_seek(m_file.get(), 0, SEEK_SET);
+    return begin;
+}
+
+// Instead of libsndfile's guess, which is of the stretched input.
+void SndfileSound::find_length(SF_INFO* info) {
+    constexpr sf_count_t kMaxFramesAByte = 1152;
+    const auto bytes = static_cast<sf_count_t>(m_input.length().value_or(0));
+    m_is_guess = !m_input.is_at_hand() || static_cast<uint64_t>(bytes) > kMaxMeasured;
+    info->frames = m_is_guess ? static_cast<sf_count_t>(static_cast<double>(info->frames) /
+                                                        static_cast<double>(kStretchedLength) *
+                                                        static_cast<double>(bytes))
+                              : measure(bytes * kMaxFramesAByte);
 }
 
 }  // namespace nuvio::reader

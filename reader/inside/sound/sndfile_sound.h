@@ -1,5 +1,9 @@
 // Sound as libsndfile reads it. A radio that is joined anew, or begins another Ogg stream, ends for
 // libsndfile, which knows of neither: it is opened once more then.
+//
+// Of MPEG audio without a count of its frames in its head libsndfile guesses the length by the
+// first ones, and reads no further. It is told of an input of far more bytes, reads to the real
+// end, and the length is measured, or guessed, here.
 #pragma once
 
 #include <sndfile.h>
@@ -28,11 +32,18 @@ class SndfileSound {
     // A radio, or of a length that nobody knows yet: `frames` of SF_INFO is none, and it does not
     // seek.
     bool is_endless() const { return m_is_endless; }
+    // `frames` of SF_INFO is a guess: the sound may end before, and go on behind.
+    bool is_guess() const { return m_is_guess; }
 
   private:
     explicit SndfileSound(Input& input) : m_input(input) {}
 
     static SndfileSound& self(void* data) { return *static_cast<SndfileSound*>(data); }
+    bool open_file(SF_INFO* info);
+    bool has(sf_count_t frame) const;
+    sf_count_t measure(sf_count_t end) const;
+    void find_length(SF_INFO* info);
+
     static sf_count_t length(void* data);
     static sf_count_t seek(sf_count_t offset, int whence, void* data);
     static sf_count_t read(void* to, sf_count_t size, void* data);
@@ -44,6 +55,8 @@ class SndfileSound {
     bool m_is_over = false;       // another Ogg stream begins where the input is
     bool m_is_broken = false;     // its input has failed, and nothing more of it comes
     bool m_is_endless = false;
+    bool m_is_stretched = false;  // libsndfile is told of kStretchedLength
+    bool m_is_guess = false;
     std::unique_ptr<SNDFILE, ReleasedBy<sf_close>> m_file;
 };
 

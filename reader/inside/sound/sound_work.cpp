@@ -50,6 +50,7 @@ void SoundWork::open(const Request& request, UniqueFd file, char* shared, Parent
     answer->is_readable = 1;
     answer->is_deep = static_cast<Truth>(info.is_deep);
     answer->is_endless = static_cast<Truth>(info.is_endless);
+    answer->is_guess = static_cast<Truth>(info.is_guess);
     answer->is_seekable = static_cast<Truth>(info.is_seekable);
     answer->rate_hz = info.rate_hz;
     answer->channels = info.channels;
