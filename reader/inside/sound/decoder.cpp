@@ -13,6 +13,7 @@
 #include "common/utf8.h"
 #include "reader/inside/sound/foreign_sound.h"
 #include "reader/inside/sound/mpeg_shortcut.h"
+#include "reader/inside/sound/ogg_chain.h"
 #include "reader/inside/sound/sndfile_sound.h"
 
 namespace nuvio::reader {
@@ -188,15 +189,42 @@ std::unique_ptr<Decoder> Decoder::open(Input& input, std::string* error) {
         decoder->m_info = describe(decoder->m_foreign->info());
         return decoder;
     }
-    SF_INFO raw{};
-    decoder->m_sound = SndfileSound::open(input, &raw);
-    if (!decoder->m_sound) {
-        *error = sf_strerror(nullptr);
-        return nullptr;
+    return decoder->open(error) ? std::move(decoder) : nullptr;
+}
+
+bool Decoder::open(std::string* error) {
+    for (const auto& [begin, end] : ogg_pieces(m_input)) {
+        m_pieces.push_back({begin, end, 0});
     }
-    decoder->m_conversion = conversion_of(decoder->m_sound->file(), raw.format);
-    decoder->m_info = describe(*decoder->m_sound, raw, is_deep(decoder->m_conversion));
-    return decoder;
+    SF_INFO raw{};
+    m_sound = SndfileSound::open(m_input, &raw, present_bytes());
+    if (!m_sound) {
+        *error = sf_strerror(nullptr);
+        return false;
+    }
+    m_conversion = conversion_of(m_sound->file(), raw.format);
+    m_info = describe(*m_sound, raw, is_deep(m_conversion));
+    if (m_pieces.size() > 1) {
+        count_frames();
+    }
+    return m_pieces.size() <= 1 || join();
+}
+
+// A piece that can't be read has one frame: the sound ends there with a word why.
+void Decoder::count_frames() {
+    m_info.frames = 0;
+    for (Piece& piece : m_pieces) {
+        SF_INFO raw{};
+        const auto sound = SndfileSound::open(m_input, &raw, {piece.begin, piece.end});
+        piece.first_frame = m_info.frames;
+        const bool is_known = sound && raw.frames > 0 && raw.frames < SF_COUNT_MAX;
+        m_info.frames += is_known ? static_cast<uint64_t>(raw.frames) : 1;
+    }
+}
+
+ByteRange Decoder::present_bytes() const {
+    return m_pieces.empty() ? ByteRange{}
+                            : ByteRange{m_pieces[m_piece].begin, m_pieces[m_piece].end};
 }
 
 size_t Decoder::read_frames(void* block, size_t capacity_bytes) {
@@ -223,27 +251,34 @@ size_t Decoder::read_frames(void* block, size_t capacity_bytes) {
     return got <= 0 ? 0 : static_cast<size_t>(got);
 }
 
-// A radio's next stream, which has to be of the same format.
-bool Decoder::rejoin() {
-    if (!m_input.is_radio() || m_input.has_failed()) {
-        return false;
-    }
+// A radio's next stream, or the present piece, which has to be of the same format.
+bool Decoder::join() {
     m_sound.reset();
+    m_join_error.clear();
     SF_INFO raw{};
-    m_sound = SndfileSound::open(m_input, &raw);
-    if (!m_sound) {
+    auto sound = SndfileSound::open(m_input, &raw, present_bytes());
+    if (!sound) {
+        m_join_error = sf_strerror(nullptr);
         return false;
     }
-    const Conversion conversion = conversion_of(m_sound->file(), raw.format);
-    const SoundInfo next = describe(*m_sound, raw, is_deep(conversion));
+    const Conversion conversion = conversion_of(sound->file(), raw.format);
+    const SoundInfo next = describe(*sound, raw, is_deep(conversion));
     if (conversion != m_conversion || next.rate_hz != m_info.rate_hz ||
         next.channels != m_info.channels) {
+        m_join_error = "it goes on in another format";
         return false;
     }
-    if (!next.title.empty()) {
+    m_sound = std::move(sound);
+    if (m_input.is_radio() && !next.title.empty()) {
         m_new_texts = {next.title, next.artist};
     }
     return true;
+}
+
+bool Decoder::go_on() {
+    const bool has_piece = m_piece + 1 < m_pieces.size();
+    m_piece += has_piece ? 1 : 0;
+    return (has_piece || m_input.is_radio()) && !m_input.has_failed() && join();
 }
 
 size_t Decoder::read(void* block, size_t capacity_bytes) {
@@ -251,10 +286,10 @@ size_t Decoder::read(void* block, size_t capacity_bytes) {
         return m_foreign->read(block, capacity_bytes / m_info.frame_bytes()) * m_info.frame_bytes();
     }
     if (!m_sound) {
-        return 0;  // it could not be opened again
+        return 0;  // it could not go on
     }
     size_t frames = read_frames(block, capacity_bytes);
-    if (frames == 0 && rejoin()) {
+    if (frames == 0 && go_on()) {
         frames = read_frames(block, capacity_bytes);
     }
     const size_t samples = frames * m_info.channels;
@@ -295,11 +330,24 @@ std::optional<uint64_t> Decoder::seek(uint64_t frame) {
     if (m_foreign) {
         return m_foreign->seek(frame) ? std::optional(frame) : std::nullopt;
     }
-    if (!m_sound || !take_shortcut(frame)) {
+    if (!go_to_piece_of(frame) || !take_shortcut(frame)) {
         return std::nullopt;
     }
-    const sf_count_t reached = sf_seek(m_sound->file(), static_cast<sf_count_t>(frame), SEEK_SET);
-    return reached < 0 ? std::nullopt : std::optional<uint64_t>(static_cast<uint64_t>(reached));
+    const uint64_t first = m_pieces.empty() ? 0 : m_pieces[m_piece].first_frame;
+    const sf_count_t reached =
+        sf_seek(m_sound->file(), static_cast<sf_count_t>(frame - first), SEEK_SET);
+    return reached < 0 ? std::nullopt : std::optional(first + static_cast<uint64_t>(reached));
+}
+
+bool Decoder::go_to_piece_of(uint64_t frame) {
+    size_t piece = m_pieces.empty() ? 0 : m_pieces.size() - 1;
+    for (; piece > 0 && m_pieces[piece].first_frame > frame; --piece) {
+    }
+    if (m_pieces.empty() || (piece == m_piece && m_sound)) {
+        return m_sound != nullptr;
+    }
+    m_piece = piece;
+    return join();
 }
 
 std::optional<Decoder::Texts> Decoder::take_new_texts() {
@@ -308,7 +356,10 @@ std::optional<Decoder::Texts> Decoder::take_new_texts() {
 
 std::string Decoder::last_error() const {
     SNDFILE* const file = m_sound ? m_sound->file() : nullptr;
-    return file == nullptr || sf_error(file) == SF_ERR_NO_ERROR ? "" : sf_strerror(file);
+    if (file == nullptr) {
+        return m_join_error;
+    }
+    return sf_error(file) == SF_ERR_NO_ERROR ? "" : sf_strerror(file);
 }
 
 }  // namespace nuvio::reader

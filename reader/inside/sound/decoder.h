@@ -13,6 +13,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "reader/inside/sound/input.h"
 
@@ -24,6 +25,7 @@ namespace nuvio::reader {
 class ForeignSound;
 class MpegShortcut;
 class SndfileSound;
+struct ByteRange;
 
 struct SoundInfo {
     uint32_t rate_hz = 0;
@@ -65,25 +67,40 @@ class Decoder {
     // Of a radio's second and further Ogg streams, once each.
     std::optional<Texts> take_new_texts();
 
-    // What libsndfile says of the last read or seek; empty when nothing failed.
+    // What libsndfile says of the last read or seek, or why the sound does not go on behind a
+    // piece; empty when nothing failed.
     std::string last_error() const;
 
   private:
     // How samples are read and turned into the delivered format.
     enum class Conversion { none_16, unpack_24, upper_24, float_to_24, float_to_16 };
 
+    // Of an Ogg file.
+    struct Piece {
+        uint64_t begin, end;   // in bytes
+        uint64_t first_frame;  // of the whole
+    };
+
     explicit Decoder(Input& input);
+    bool open(std::string* error);
     static bool is_deep(Conversion conversion);
     static Conversion conversion_of(sf_private_tag* file, int sndfile_format);
     size_t read_frames(void* block, size_t capacity_bytes);
-    bool rejoin();
     bool take_shortcut(uint64_t frame);
+    void count_frames();
+    ByteRange present_bytes() const;
+    bool join();
+    bool go_on();
+    bool go_to_piece_of(uint64_t frame);
 
     Input& m_input;
     std::unique_ptr<MpegShortcut> m_shortcut;  // of a remote MP3 that was sought
     std::unique_ptr<SndfileSound> m_sound;     // one of the two
     std::unique_ptr<ForeignSound> m_foreign;
     SoundInfo m_info;
+    std::vector<Piece> m_pieces;  // none of any other sound
+    size_t m_piece = 0;           // that m_sound is
+    std::string m_join_error;
     Conversion m_conversion = Conversion::none_16;
     std::optional<Texts> m_new_texts;
 };

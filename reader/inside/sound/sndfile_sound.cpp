@@ -55,12 +55,17 @@ bool may_be_mpeg(Input& input) {
 
 }  // namespace
 
+std::optional<uint64_t> SndfileSound::real_length() const {
+    const auto end = m_bytes.end ? m_bytes.end : m_input.length();
+    return end ? std::optional(*end - std::min(*end, m_bytes.begin)) : std::nullopt;
+}
+
 // libsndfile believes it and no more: sound that a head announces behind it is left off.
 sf_count_t SndfileSound::length(void* data) {
-    const auto length = self(data).m_input.length();
     if (self(data).m_is_stretched) {
         return kStretchedLength;
     }
+    const auto length = self(data).real_length();
     return length ? static_cast<sf_count_t>(*length) : kUnknownLength;
 }
 
@@ -70,7 +75,7 @@ sf_count_t SndfileSound::position(void* data) {
     if (self(data).m_is_broken) {
         return length(data);
     }
-    return static_cast<sf_count_t>(self(data).m_input.position() - self(data).m_first);
+    return static_cast<sf_count_t>(self(data).m_input.position() - self(data).m_bytes.begin);
 }
 
 // On -1 sf_seek fails. The parsers of heads do not look at it: they read on from where the input
@@ -85,10 +90,11 @@ sf_count_t SndfileSound::seek(sf_count_t offset, int whence, void* data) {
     // What stands at the end of a stretched one, a tag, is at the real end.
     const auto length_told = static_cast<uint64_t>(length(data));
     const uint64_t too_far = whence == SEEK_END && sound.m_is_stretched
-                                 ? length_told - input.length().value_or(length_told)
+                                 ? length_told - sound.real_length().value_or(length_told)
                                  : 0;
-    const uint64_t place = static_cast<uint64_t>(wanted) + sound.m_first - too_far;
-    if (wanted < 0 || sound.m_is_over || (!input.length() && place > input.position() + kMaxStep)) {
+    const uint64_t place = static_cast<uint64_t>(wanted) + sound.m_bytes.begin - too_far;
+    if (wanted < 0 || sound.m_is_over ||
+        (!sound.real_length() && place > input.position() + kMaxStep)) {
         return -1;
     }
     if (sound.m_ogg) {
@@ -104,17 +110,20 @@ sf_count_t SndfileSound::read(void* to, sf_count_t size, void* data) {
     if (size <= 0 || sound.m_is_over) {
         return 0;
     }
-    const size_t got = sound.m_input.read(to, static_cast<size_t>(size));
-    sound.m_is_broken = got < static_cast<size_t>(size) && sound.m_input.has_failed();
+    const uint64_t end = sound.m_bytes.end.value_or(UINT64_MAX);
+    const uint64_t left = end - std::min(end, sound.m_input.position());
+    const auto wanted = static_cast<size_t>(std::min(static_cast<uint64_t>(size), left));
+    const size_t got = sound.m_input.read(to, wanted);
+    sound.m_is_broken = got < wanted && sound.m_input.has_failed();
     const auto count = static_cast<std::ptrdiff_t>(got);
-    const auto end =
+    const auto next =
         sound.m_ogg ? sound.m_ogg->find({static_cast<const char*>(to), got}) : std::nullopt;
-    if (!end) {
+    if (!next) {
         return count;
     }
     sound.m_is_over = true;
-    sound.m_input.seek(sound.m_input.position() - static_cast<uint64_t>(count - *end));
-    return std::max<std::ptrdiff_t>(*end, 0);
+    sound.m_input.seek(sound.m_input.position() - static_cast<uint64_t>(count - *next));
+    return std::max<std::ptrdiff_t>(*next, 0);
 }
 
 bool SndfileSound::open_file(SF_INFO* info) {
@@ -128,19 +137,22 @@ bool SndfileSound::open_file(SF_INFO* info) {
     return m_file != nullptr;
 }
 
-std::unique_ptr<SndfileSound> SndfileSound::open(Input& input, SF_INFO* info) {
-    std::unique_ptr<SndfileSound> sound(new SndfileSound(input));
+std::unique_ptr<SndfileSound> SndfileSound::open(Input& input, SF_INFO* info,
+                                                 const ByteRange& bytes) {
+    std::unique_ptr<SndfileSound> sound(new SndfileSound(input, bytes));
     if (input.is_radio()) {
         if (find_sound(input)) {
             sound->m_ogg.emplace();
         }
-        sound->m_first = input.position();
+        sound->m_bytes = {input.position(), std::nullopt};
+    } else if (!input.seek(bytes.begin)) {
+        return nullptr;
     }
     sound->m_is_stretched = !input.is_radio() && input.length() && may_be_mpeg(input);
     bool is_open = sound->open_file(info);
     if (sound->m_is_stretched && (info->format & SF_FORMAT_TYPEMASK) != SF_FORMAT_MPEG) {
         sound->m_is_stretched = false;
-        is_open = input.seek(sound->m_first) && sound->open_file(info);
+        is_open = input.seek(bytes.begin) && sound->open_file(info);
     }
     if (!is_open) {
         return nullptr;

@@ -18,15 +18,22 @@
 
 namespace nuvio::reader {
 
-// What libsndfile is told of: the input from a first byte on.
+// Some bytes of an input.
+struct ByteRange {
+    uint64_t begin = 0;
+    std::optional<uint64_t> end;  // none: the input's
+};
+
+// What libsndfile is told of: the input from a first byte on, or a part of it.
 class SndfileSound {
   public:
     // Null when `input` is nothing that libsndfile knows, or when it failed; sf_strerror(nullptr)
     // says why. `input` must outlive the result, which is read by one thread at a time and blocks
     // as Input::read() does. A sound that ends early because its input failed looks like its end to
     // libsndfile: ask input.has_failed() then. A radio is opened where its input stands, which need
-    // not be the beginning.
-    static std::unique_ptr<SndfileSound> open(Input& input, SF_INFO* info);
+    // not be the beginning; of any other input these bytes are.
+    static std::unique_ptr<SndfileSound> open(Input& input, SF_INFO* info,
+                                              const ByteRange& bytes = {});
 
     SNDFILE* file() const { return m_file.get(); }
     // A radio, or of a length that nobody knows yet: `frames` of SF_INFO is none, and it does not
@@ -36,7 +43,7 @@ class SndfileSound {
     bool is_guess() const { return m_is_guess; }
 
   private:
-    explicit SndfileSound(Input& input) : m_input(input) {}
+    SndfileSound(Input& input, const ByteRange& bytes) : m_input(input), m_bytes(bytes) {}
 
     static SndfileSound& self(void* data) { return *static_cast<SndfileSound*>(data); }
     bool open_file(SF_INFO* info);
@@ -44,13 +51,14 @@ class SndfileSound {
     sf_count_t measure(sf_count_t end) const;
     void find_length(SF_INFO* info);
 
+    std::optional<uint64_t> real_length() const;
     static sf_count_t length(void* data);
     static sf_count_t seek(sf_count_t offset, int whence, void* data);
     static sf_count_t read(void* to, sf_count_t size, void* data);
     static sf_count_t position(void* data);
 
     Input& m_input;
-    uint64_t m_first = 0;         // byte of the input that is libsndfile's byte 0
+    ByteRange m_bytes;            // of the input; the first is libsndfile's byte 0
     std::optional<OggEnd> m_ogg;  // of an Ogg radio
     bool m_is_over = false;       // another Ogg stream begins where the input is
     bool m_is_broken = false;     // its input has failed, and nothing more of it comes
