@@ -334,8 +334,7 @@ std::optional<uint64_t> Decoder::seek(uint64_t frame) {
         return std::nullopt;
     }
     const uint64_t first = m_pieces.empty() ? 0 : m_pieces[m_piece].first_frame;
-    const sf_count_t reached =
-        sf_seek(m_sound->file(), static_cast<sf_count_t>(frame - first), SEEK_SET);
+    const sf_count_t reached = m_sound->go_to(static_cast<sf_count_t>(frame - first));
     return reached < 0 ? std::nullopt : std::optional(first + static_cast<uint64_t>(reached));
 }
 

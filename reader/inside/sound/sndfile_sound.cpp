@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "reader/inside/sound/mpeg_sync.h"
 
@@ -164,7 +165,32 @@ std::unique_ptr<SndfileSound> SndfileSound::open(Input& input, SF_INFO* info,
     if (sound->m_is_stretched && info->frames > kMaxGuess) {
         sound->find_length(info);
     }
+    sound->m_info = *info;
     return sound;
+}
+
+// In Vorbis the first frames after libsndfile's own seek are not the file's, and those of the last
+// page, which counts them from its end, lie beside their place: it has to begin earlier.
+sf_count_t SndfileSound::go_to(sf_count_t frame) const {
+    constexpr sf_count_t kLongestBlock = 8192;
+    constexpr sf_count_t kMaxPageFrames = 255 * kLongestBlock / 2;
+    if ((m_info.format & SF_FORMAT_SUBMASK) != SF_FORMAT_VORBIS) {
+        return sf_seek(m_file.get(), frame, SEEK_SET);
+    }
+    const sf_count_t before_last_page = std::min(frame, m_info.frames - kMaxPageFrames);
+    const sf_count_t from = std::max<sf_count_t>(before_last_page - 2 * kLongestBlock, 0);
+    const bool is_there = sf_seek(m_file.get(), from, SEEK_SET) == from && skip(frame - from);
+    return is_there ? frame : -1;
+}
+
+bool SndfileSound::skip(sf_count_t frames) const {
+    constexpr sf_count_t kPieceFrames = 4096;
+    std::vector<float> piece(static_cast<size_t>(kPieceFrames * m_info.channels));
+    sf_count_t got = 1;
+    for (; frames > 0 && got > 0; frames -= got) {
+        got = sf_readf_float(m_file.get(), piece.data(), std::min(frames, kPieceFrames));
+    }
+    return frames == 0;
 }
 
 bool SndfileSound::has(sf_count_t frame) const {

@@ -36,6 +36,9 @@ class SndfileSound {
                                               const ByteRange& bytes = {});
 
     SNDFILE* file() const { return m_file.get(); }
+    // Goes to a frame, from which on comes what decoding all before it would give; returns the one
+    // reached, negative when none was.
+    sf_count_t go_to(sf_count_t frame) const;
     // A radio, or of a length that nobody knows yet: `frames` of SF_INFO is none, and it does not
     // seek.
     bool is_endless() const { return m_is_endless; }
@@ -49,6 +52,7 @@ class SndfileSound {
     bool open_file(SF_INFO* info);
     bool has(sf_count_t frame) const;
     sf_count_t measure(sf_count_t end) const;
+    bool skip(sf_count_t frames) const;
     void find_length(SF_INFO* info);
 
     std::optional<uint64_t> real_length() const;
@@ -62,6 +66,7 @@ class SndfileSound {
     std::optional<OggEnd> m_ogg;  // of an Ogg radio
     bool m_is_over = false;       // another Ogg stream begins where the input is
     bool m_is_broken = false;     // its input has failed, and nothing more of it comes
+    SF_INFO m_info{};
     bool m_is_endless = false;
     bool m_is_stretched = false;  // libsndfile is told of kStretchedLength
     bool m_is_guess = false;
