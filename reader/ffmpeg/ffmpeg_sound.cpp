@@ -10,7 +10,10 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cinttypes>
 #include <cmath>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "reader/inside/sound/foreign_sound.h"
@@ -107,6 +110,40 @@ uint64_t dsd_bytes(Input& input) {
     return bytes;
 }
 
+// The ticks a second of an MPEG-4 file's clock, to which the lengths of its edits are rounded; 0
+// when it is none. Leaves the input at its beginning.
+uint64_t edit_rate(Input& input) {
+    constexpr uint32_t kMovie = 0x6d6f6f76;  // "moov", which begins with its head
+    constexpr uint32_t kHead = 0x6d766864;   // "mvhd"
+    constexpr int kMaxAtoms = 64;
+    uint64_t rate = 0;
+    uint64_t at = 0;
+    for (int atom = 0; atom < kMaxAtoms && rate == 0; ++atom) {
+        const uint64_t size = number_at(input, at, 4, std::endian::big);
+        const uint64_t kind = number_at(input, at + 4, 4, std::endian::big);
+        if (kind == kHead) {
+            const bool is_long = number_at(input, at + 8, 1, std::endian::big) == 1;
+            rate = number_at(input, at + (is_long ? 28 : 20), 4, std::endian::big);
+        }
+        at += kind == kMovie ? 8 : size == 1 ? number_at(input, at + 8, 8, std::endian::big) : size;
+        if (size == 0) {
+            break;
+        }
+    }
+    input.seek(0);
+    return rate;
+}
+
+// How many frames an encoder says that its delay and padding leave; none when it does not.
+std::optional<int64_t> frames_told(const AVFormatContext& container) {
+    const AVDictionaryEntry* const entry = av_dict_get(container.metadata, "iTunSMPB", nullptr, 0);
+    uint64_t frames = 0;
+    const bool is_told =
+        entry != nullptr && std::sscanf(entry->value, "%*x %*x %*x %" SCNx64, &frames) == 1;
+    return is_told && frames > 0 && frames < INT64_MAX ? std::optional(static_cast<int64_t>(frames))
+                                                       : std::nullopt;
+}
+
 std::string text_of(int error) {
     char text[AV_ERROR_MAX_STRING_SIZE];
     return av_strerror(error, text, sizeof text) == 0 ? text : "unreadable";
@@ -165,7 +202,9 @@ class FfmpegSound : public ForeignSound {
     // False with *error set.
     bool open(std::string* error) {
         const uint64_t of_dsd = m_input.length() ? dsd_bytes(m_input) : 0;
-        const int result = open_container();
+        const uint64_t edits_a_second = m_input.length() ? edit_rate(m_input) : 0;
+        int result = edits_a_second > 0 ? note_media() : 0;
+        result = result < 0 ? result : open_container();
         if (result < 0) {
             *error = text_of(result);
             return false;
@@ -189,8 +228,7 @@ class FfmpegSound : public ForeignSound {
         const bool is_guess =
             m_container->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
         if (m_info.seekable && stream.duration > 0 && !is_guess) {
-            m_info.frames = static_cast<uint64_t>(
-                av_rescale_q(stream.duration, stream.time_base, {1, decoder.sample_rate}));
+            m_info.frames = static_cast<uint64_t>(frames_of(stream, edits_a_second));
         } else if (of_dsd > 0) {
             m_info.frames = of_dsd / m_info.channels;  // eight bits a frame
         }
@@ -224,8 +262,8 @@ class FfmpegSound : public ForeignSound {
         const AVStream& stream = *m_container->streams[m_stream];
         const AVRational per_frame{1, static_cast<int>(m_info.sample_rate)};
         // Below 0 lies what a decoder runs in with; not every format has such places.
-        const int64_t from =
-            av_rescale_q(static_cast<int64_t>(frame) - kRunUpFrames, per_frame, stream.time_base);
+        const int64_t from = av_rescale_q(static_cast<int64_t>(frame) + m_delay - kRunUpFrames,
+                                          per_frame, stream.time_base);
         const auto go_to = [&](int64_t place) {
             return av_seek_frame(m_container.get(), m_stream, place, AVSEEK_FLAG_BACKWARD) >= 0;
         };
@@ -242,7 +280,7 @@ class FfmpegSound : public ForeignSound {
         while (decode()) {
             const int64_t told = av_rescale_q(m_frame->pts == AV_NOPTS_VALUE ? 0 : m_frame->pts,
                                               stream.time_base, per_frame);
-            const int64_t first = counts ? counted : told;
+            const int64_t first = counts ? counted : told - m_delay;
             counted += m_frame->nb_samples;
             if (first > target) {
                 return false;
@@ -257,7 +295,8 @@ class FfmpegSound : public ForeignSound {
     }
 
   private:
-    int open_container() {
+    // The next to be read from.
+    int open_input(AVDictionary** options) {
         auto* const buffer = static_cast<unsigned char*>(av_malloc(kBufferBytes));
         m_io.reset(
             avio_alloc_context(buffer, kBufferBytes, 0, &m_input, read_input, nullptr, seek_input));
@@ -271,11 +310,64 @@ class FfmpegSound : public ForeignSound {
         container->format_whitelist = av_strdup(kDemuxers);
         container->codec_whitelist = av_strdup(kDecoders);
         container->protocol_whitelist = av_strdup("none");
-        const int opened = avformat_open_input(&container, "", nullptr, nullptr);
+        const int opened = avformat_open_input(&container, "", nullptr, options);
         if (opened < 0) {
             return opened;  // it is freed
         }
         m_container.reset(container);
+        return 0;
+    }
+
+    // Of an MPEG-4 file, whose edits hide it.
+    int note_media() {
+        AVDictionary* options = nullptr;
+        av_dict_set(&options, "advanced_editlist", "0", 0);
+        const int opened = open_input(&options);
+        av_dict_free(&options);
+        const int number = opened < 0 ? opened
+                                      : av_find_best_stream(m_container.get(), AVMEDIA_TYPE_AUDIO,
+                                                            -1, -1, nullptr, 0);
+        if (number >= 0) {
+            AVStream* const stream = m_container->streams[number];
+            const AVIndexEntry* const first = avformat_index_get_entry(stream, 0);
+            m_media_duration = stream->duration;
+            m_edit_begin = first != nullptr ? -first->timestamp : 0;
+        }
+        m_container.reset();
+        return number < 0 ? number : m_input.seek(0) ? 0 : AVERROR(EIO);
+    }
+
+    // The edits' length is rounded: where the media's own or what an encoder tells is meant by it,
+    // it is that. Without edits the delay that is told is left out.
+    int64_t frames_of(const AVStream& stream, uint64_t edits_a_second) {
+        const AVRational per_frame{1, m_decoder->sample_rate};
+        const auto in_frames = [&](int64_t duration) {
+            return av_rescale_q(duration, stream.time_base, per_frame);
+        };
+        const int64_t frames = in_frames(stream.duration);
+        const auto told = frames_told(*m_container);
+        if (edits_a_second == 0) {
+            return frames;
+        }
+        if (told && m_edit_begin == 0 && m_media_duration == stream.duration && *told < frames) {
+            m_delay = in_frames(std::max<int64_t>(stream.start_time, 0));
+            return *told;
+        }
+        const int64_t tick = m_decoder->sample_rate / static_cast<int64_t>(edits_a_second) + 1;
+        for (const int64_t meant : {told.value_or(0), in_frames(m_media_duration - m_edit_begin)}) {
+            if (std::abs(meant - frames) < tick) {
+                return meant;
+            }
+        }
+        return frames;
+    }
+
+    int open_container() {
+        const int opened = open_input(nullptr);
+        if (opened < 0) {
+            return opened;
+        }
+        AVFormatContext* const container = m_container.get();
         const int known = avformat_find_stream_info(container, nullptr);
         if (known < 0) {
             return known;
@@ -358,8 +450,11 @@ class FfmpegSound : public ForeignSound {
     Packet m_packet;
     Frame m_frame;
     int m_stream = -1;
-    int m_used = 0;           // of m_frame, read already
-    uint64_t m_position = 0;  // of the next frame to be read
+    int64_t m_media_duration = 0;  // in the stream's time, without edits
+    int64_t m_edit_begin = 0;      // in it
+    int64_t m_delay = 0;           // of the first frame to be heard, which is not its time
+    int m_used = 0;                // of m_frame, read already
+    uint64_t m_position = 0;       // of the next frame to be read
 };
 
 }  // namespace
