@@ -209,6 +209,7 @@ class FfmpegSound : public ForeignSound {
             *error = text_of(result);
             return false;
         }
+        look_ahead();
         const AVCodecContext& decoder = *m_decoder;
         const AVStream& stream = *m_container->streams[m_stream];
         const bool is_shallow =
@@ -275,6 +276,7 @@ class FfmpegSound : public ForeignSound {
             return false;
         }
         avcodec_flush_buffers(m_decoder.get());
+        av_frame_unref(m_ahead.get());
         m_used = m_frame->nb_samples = 0;
         const auto target = static_cast<int64_t>(frame);
         while (decode()) {
@@ -389,7 +391,8 @@ class FfmpegSound : public ForeignSound {
         m_decoder.reset(avcodec_alloc_context3(codec));
         m_packet.reset(av_packet_alloc());
         m_frame.reset(av_frame_alloc());
-        if (!m_decoder || !m_packet || !m_frame) {
+        m_ahead.reset(av_frame_alloc());
+        if (!m_decoder || !m_packet || !m_frame || !m_ahead) {
             return AVERROR(ENOMEM);
         }
         const int taken = avcodec_parameters_to_context(m_decoder.get(), stream.codecpar);
@@ -399,14 +402,35 @@ class FfmpegSound : public ForeignSound {
         return taken < 0 ? taken : avcodec_open2(m_decoder.get(), codec, nullptr);
     }
 
-    // The next frame of the file's format; false at the end.
+    // The first frame may lack a channel or half the rate that the second one shows there are (AAC
+    // with extensions); the decoder then says what that has. One of another rate is left out.
+    void look_ahead() {
+        if (receive(*m_frame) && receive(*m_ahead) &&
+            m_frame->sample_rate != m_ahead->sample_rate) {
+            take_ahead();
+        }
+    }
+
+    void take_ahead() {
+        av_frame_unref(m_frame.get());
+        av_frame_move_ref(m_frame.get(), m_ahead.get());
+    }
+
+    // The next frame, of the file's rate; false at the end.
     bool decode() {
         m_used = 0;
+        if (m_ahead->nb_samples > 0) {
+            take_ahead();
+            return true;
+        }
+        return receive(*m_frame) && m_frame->sample_rate == static_cast<int>(m_info.sample_rate);
+    }
+
+    bool receive(AVFrame& frame) {
         for (;;) {
-            const int received = avcodec_receive_frame(m_decoder.get(), m_frame.get());
-            if (received == 0 && m_frame->nb_samples > 0) {
-                return m_frame->sample_rate == static_cast<int>(m_info.sample_rate) &&
-                       m_frame->ch_layout.nb_channels == static_cast<int>(m_info.channels);
+            const int received = avcodec_receive_frame(m_decoder.get(), &frame);
+            if (received == 0 && frame.nb_samples > 0) {
+                return true;
             }
             if (received != 0 && received != AVERROR(EAGAIN)) {
                 return false;
@@ -432,12 +456,15 @@ class FfmpegSound : public ForeignSound {
         }
     }
 
+    // A frame of one channel is heard on all; channels that another one lacks are silent.
     template <typename Out>
     void convert(Out* to, int count) const {
         const int channels = static_cast<int>(m_info.channels);
+        const int own = m_frame->ch_layout.nb_channels;
         for (int i = 0; i < count; ++i) {
             for (int channel = 0; channel < channels; ++channel) {
-                *to++ = sample_of<Out>(*m_frame, channel, m_used + i, channels);
+                const int from = own == 1 ? 0 : channel;
+                *to++ = from < own ? sample_of<Out>(*m_frame, from, m_used + i, own) : Out{0};
             }
         }
     }
@@ -449,6 +476,7 @@ class FfmpegSound : public ForeignSound {
     Decoder m_decoder;
     Packet m_packet;
     Frame m_frame;
+    Frame m_ahead;  // the one behind it, or none
     int m_stream = -1;
     int64_t m_media_duration = 0;  // in the stream's time, without edits
     int64_t m_edit_begin = 0;      // in it

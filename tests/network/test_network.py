@@ -250,7 +250,13 @@ class Network(unittest.TestCase):
             skipped = 0 if first else 4 * frame  # the encoder too has a run-in
             wanted = source[2 * first + skipped:]
             self.assertLess(error_of(heard[skipped:], wanted), 0.001, "a shift by a frame is more")
-        content = pathlib.Path(self.d, "a.aac").read_bytes()[777:]
+        content = pathlib.Path(self.d, "a.aac").read_bytes()
+        self.ffmpeg("signal.wav", "mono.aac", "-ac", "1")
+        mono = pathlib.Path(self.d, "mono.aac").read_bytes()
+        self.write("b.aac", mono[:int.from_bytes(mono[3:6], "big") >> 5 & 0x1fff] + content)
+        heard = array.array("h", self.decode("b.aac"))  # its first frame alone lacks a channel
+        self.assertLess(error_of(heard[6 * frame:], source[4 * frame:]), 0.001)
+        content = content[777:]
 
         def on_air(handler, _):
             handler.wfile.write(b"ICY 200 OK\r\nicy-name:Station\r\nicy-metaint:999\r\n\r\n")
