@@ -260,44 +260,41 @@ class FfmpegSound : public ForeignSound {
     }
 
     bool seek(uint64_t frame) override {
+        // Below 0 lies what a decoder runs in with; not every format has such places.
+        const auto target = static_cast<int64_t>(frame);
+        const int64_t from = target - kRunUpFrames;
+        return m_info.seekable && (go_to(from, target) ||
+                                   go_to(std::max<int64_t>(from, 0), target) || go_to(0, target));
+    }
+
+  private:
+    // Goes to a frame, and decodes on from there to the target; false when it begins behind that.
+    bool go_to(int64_t from, int64_t target) {
         const AVStream& stream = *m_container->streams[m_stream];
         const AVRational per_frame{1, static_cast<int>(m_info.sample_rate)};
-        // Below 0 lies what a decoder runs in with; not every format has such places.
-        const int64_t from = av_rescale_q(static_cast<int64_t>(frame) + m_delay - kRunUpFrames,
-                                          per_frame, stream.time_base);
-        const auto go_to = [&](int64_t place) {
-            return av_seek_frame(m_container.get(), m_stream, place, AVSEEK_FLAG_BACKWARD) >= 0;
-        };
-        // In Ogg a packet's place is not known exactly, so that it is counted from the beginning.
-        const bool counts = std::strcmp(m_container->iformat->name, "ogg") == 0;
-        int64_t counted = 0;
-        if (!m_info.seekable ||
-            !((!counts && go_to(from)) || go_to(counts ? 0 : std::max<int64_t>(from, 0)))) {
+        const int64_t place = av_rescale_q(from + m_delay, per_frame, stream.time_base);
+        if (av_seek_frame(m_container.get(), m_stream, place, AVSEEK_FLAG_BACKWARD) < 0) {
             return false;
         }
         avcodec_flush_buffers(m_decoder.get());
         av_frame_unref(m_ahead.get());
         m_used = m_frame->nb_samples = 0;
-        const auto target = static_cast<int64_t>(frame);
         while (decode()) {
             const int64_t told = av_rescale_q(m_frame->pts == AV_NOPTS_VALUE ? 0 : m_frame->pts,
                                               stream.time_base, per_frame);
-            const int64_t first = counts ? counted : told - m_delay;
-            counted += m_frame->nb_samples;
+            const int64_t first = m_flac_place.value_or(told - m_delay);
             if (first > target) {
                 return false;
             }
             if (target < first + m_frame->nb_samples) {
                 m_used = static_cast<int>(target - first);
-                m_position = frame;
+                m_position = static_cast<uint64_t>(target);
                 return true;
             }
         }
         return false;
     }
 
-  private:
-    // The next to be read from.
     int open_input(AVDictionary** options) {
         auto* const buffer = static_cast<unsigned char*>(av_malloc(kBufferBytes));
         m_io.reset(
@@ -441,6 +438,25 @@ class FfmpegSound : public ForeignSound {
         }
     }
 
+    // Of an Ogg packet libavformat guesses the place; a frame of FLAC has it in its head. A packet
+    // is one frame.
+    std::optional<int64_t> flac_place_of(const AVPacket& packet) const {
+        constexpr int kNumber = 4;  // coded as UTF-8 codes a character
+        constexpr int kMaxNumber = 7;
+        if (m_decoder->codec_id != AV_CODEC_ID_FLAC || packet.size < kNumber + kMaxNumber ||
+            m_decoder->extradata_size < 2) {
+            return std::nullopt;
+        }
+        const int bytes = std::countl_one(packet.data[kNumber]);
+        int64_t number = packet.data[kNumber] & (0xff >> (bytes + 1));
+        for (int i = 1; i < bytes && i < kMaxNumber; ++i) {
+            number = number << 6 | (packet.data[kNumber + i] & 0x3f);
+        }
+        const bool is_of_samples = (packet.data[1] & 1) != 0;
+        const int block_frames = m_decoder->extradata[0] << 8 | m_decoder->extradata[1];
+        return is_of_samples ? number : number * block_frames;
+    }
+
     // A packet that can't be decoded costs its own sound alone.
     bool feed() {
         for (;;) {
@@ -449,6 +465,7 @@ class FfmpegSound : public ForeignSound {
             const int sent = got < 0   ? avcodec_send_packet(m_decoder.get(), nullptr)
                              : is_ours ? avcodec_send_packet(m_decoder.get(), m_packet.get())
                                        : AVERROR_INVALIDDATA;
+            m_flac_place = is_ours ? flac_place_of(*m_packet) : std::nullopt;
             av_packet_unref(m_packet.get());
             if (sent == 0 || got < 0) {
                 return sent == 0;
@@ -478,11 +495,12 @@ class FfmpegSound : public ForeignSound {
     Frame m_frame;
     Frame m_ahead;  // the one behind it, or none
     int m_stream = -1;
-    int64_t m_media_duration = 0;  // in the stream's time, without edits
-    int64_t m_edit_begin = 0;      // in it
-    int64_t m_delay = 0;           // of the first frame to be heard, which is not its time
-    int m_used = 0;                // of m_frame, read already
-    uint64_t m_position = 0;       // of the next frame to be read
+    int64_t m_media_duration = 0;         // in the stream's time, without edits
+    int64_t m_edit_begin = 0;             // in it
+    std::optional<int64_t> m_flac_place;  // of the packet that was decoded last
+    int64_t m_delay = 0;                  // of the first frame to be heard, which is not its time
+    int m_used = 0;                       // of m_frame, read already
+    uint64_t m_position = 0;              // of the next frame to be read
 };
 
 }  // namespace
