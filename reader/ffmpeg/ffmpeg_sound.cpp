@@ -10,9 +10,7 @@ extern "C" {
 #include <algorithm>
 #include <array>
 #include <bit>
-#include <cinttypes>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -136,12 +134,15 @@ uint64_t edit_rate(Input& input) {
 
 // How many frames an encoder says that its delay and padding leave; none when it does not.
 std::optional<int64_t> frames_told(const AVFormatContext& container) {
+    constexpr int kFrames = 3;  // of its hexadecimal numbers
     const AVDictionaryEntry* const entry = av_dict_get(container.metadata, "iTunSMPB", nullptr, 0);
-    uint64_t frames = 0;
-    const bool is_told =
-        entry != nullptr && std::sscanf(entry->value, "%*x %*x %*x %" SCNx64, &frames) == 1;
-    return is_told && frames > 0 && frames < INT64_MAX ? std::optional(static_cast<int64_t>(frames))
-                                                       : std::nullopt;
+    char* rest = entry != nullptr ? entry->value : nullptr;
+    unsigned long long frames = 0;
+    for (int i = 0; rest != nullptr && i <= kFrames; ++i) {
+        frames = std::strtoull(rest, &rest, 16);
+    }
+    return frames > 0 && frames < INT64_MAX ? std::optional(static_cast<int64_t>(frames))
+                                            : std::nullopt;
 }
 
 std::string text_of(int error) {

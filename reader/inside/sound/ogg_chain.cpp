@@ -71,21 +71,18 @@ class Chain {
     // The first page that begins at a place or behind it, before `end`; what looks like one has
     // another one behind it.
     std::optional<Page> page_after(uint64_t place, uint64_t end) {
-        while (place < end) {
-            const std::string bytes = bytes_at(place, 2 * kMaxPageBytes);
-            const size_t at = bytes.find(kName);
-            if (at == std::string::npos) {
-                place += bytes.size() > 3 ? bytes.size() - 3 : end;
-                continue;
+        for (; place < end; place += kMaxPageBytes) {
+            const std::string bytes = bytes_at(place, 2 * kMaxPageBytes + kName.size());
+            for (size_t at = bytes.find(kName); at < kMaxPageBytes;
+                 at = bytes.find(kName, at + 1)) {
+                const auto page = page_in(bytes, at, place + at);
+                if (page && page->place < end &&
+                    (page->end == m_length ||
+                     bytes.compare(std::min<size_t>(page->end - place, bytes.size()), kName.size(),
+                                   kName) == 0)) {
+                    return page;
+                }
             }
-            const auto page = page_in(bytes, at, place + at);
-            const size_t next = page ? page->end - place : bytes.size();
-            if (page && page->place < end &&
-                (page->end == m_length ||
-                 bytes.substr(std::min(next, bytes.size()), kName.size()) == kName)) {
-                return page;
-            }
-            place += at + 1;
         }
         return std::nullopt;
     }
