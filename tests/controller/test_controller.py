@@ -320,7 +320,7 @@ class Peers(HouseTest):
                     each.send(b"x")
             return self.state()
         wait_for("an answer beside slow peers", is_answered, pause=0.2)
-        self.command("pause", "Kitchen")
+        self.command("pause", "Kitchen", check=False)  # a slow machine's music is over by now
         events = f"GET /api/events {request}\r\n"
         for _ in range(20):  # what fails after a place was found for it gives that back
             failed = self.socket(events.replace("Version: 13", "Version: 1").encode())
