@@ -14,10 +14,10 @@ class LoopTest : public testing::Test {
         EXPECT_EQ(uv_loop_close(&loop_), 0) << "a handle was left open";
     }
 
-    // Runs the loop until the condition holds; false when it does not within ten seconds.
+    // Runs the loop until the condition holds; false when it does not within thirty seconds.
     template <typename Condition>
     bool run_until(Condition condition) {
-        return run(std::chrono::seconds(10), condition);
+        return run(std::chrono::seconds(30), condition);
     }
     void run_for(std::chrono::milliseconds duration) {
         run(duration, [] { return false; });

@@ -77,7 +77,7 @@ class ScriptedDevice : public LoopTest {
     uint64_t tail_ms = 4;          // what the sink holds when a track has been delivered
     bool holds_hand_over = false;  // the track does not end after that, while its next one flows
 
-    // Fails the test when the condition does not hold within ten seconds.
+    // Fails the test when the condition does not hold within thirty seconds.
     void run_until(const std::function<bool()>& condition) {
         ASSERT_TRUE(LoopTest::run_until([&] {
             journal::take();  // it would grow
