@@ -231,7 +231,8 @@ class Unit(unittest.TestCase):
         self.addCleanup(run, "systemctl", "stop", CONTROLLER)
         wait("the music", lambda: b'"tracks":1' in ask("/api/state"))
         self.assertIn(b'"unreadable":0', ask("/api/state"))
-        self.assertEqual(ask("/cover/1?size=320")[:3], b"\xff\xd8\xff")
+        [shown] = json.loads(ask("/api/library/albums"))["albums"]
+        self.assertEqual(ask(f"/cover/{shown['id']}?size=320")[:3], b"\xff\xd8\xff")
 
 
 class Loop(unittest.TestCase):
