@@ -44,7 +44,7 @@ int refuse_long_names(sd_bus_message* call, void*, sd_bus_error* error) {
         return 0;
     }
     const char* name = nullptr;
-    while (sd_bus_message_read_basic(call, SD_BUS_TYPE_STRING, &name) > 0) {
+    while (sd_bus_message_read_basic(call, SD_BUS_TYPE_STRING, static_cast<void*>(&name)) > 0) {
         if (std::strlen(name) > kLongestName) {
             return sd_bus_error_set_const(error, SD_BUS_ERROR_INVALID_ARGS,
                                           "There is no such name");
