@@ -22,6 +22,8 @@ SECONDS = 20
 
 
 class Channel(DeviceTest):
+    card_options = ["--buffer", "1000"]  # a flood takes of a busy machine what is left of it
+
     def setUp(self):
         super().setUp()
         second = signal_samples(CD)
@@ -192,7 +194,7 @@ class Channel(DeviceTest):
         self.assertEqual({**before, "position_ms": 0, "taken_ms": 0},
                          {**after, "position_ms": 0, "taken_ms": 0})
         self.assertGreaterEqual(clock, 9_900)
-        self.assertLess(abs(place - clock), 500)
+        self.assertLess(abs(place - clock), 500, (before, after))
         self.assertEqual(again.ask("pause"), "ok")
         again.until("state", playback="paused")
         # The device ends: it says so, and does not wait for anyone.
