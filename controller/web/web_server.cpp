@@ -66,10 +66,10 @@ std::string_view text_of(const char* text) {
 
 // CivetWeb, too, looks no closer at "keep-alive, Upgrade".
 bool asks_for_websocket(const Exchange& exchange) {
+    std::string connection(text_of(exchange.header("Connection")));
+    std::ranges::transform(connection, connection.begin(), to_lower);
     return equals_ignoring_case(text_of(exchange.header("Upgrade")), "websocket") &&
-           !std::ranges::search(text_of(exchange.header("Connection")), std::string_view("upgrade"),
-                                {}, to_lower)
-                .empty();
+           connection.find("upgrade") != std::string::npos;
 }
 
 }  // namespace
