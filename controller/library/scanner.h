@@ -4,8 +4,7 @@
 // Threads  one of its own, from construction to destruction; request_scan and progress from any.
 //          `on_change` is called on it, at most twice a second while it reads.
 // Damage   a library's file that is found damaged, by a scan or by a reader, is removed and made
-// anew
-//          at once; any other error is tried again with the next change or request.
+//          anew at once; any other error is tried again with the next change or request.
 // Disks    a folder that can't be read keeps what is known of it, and so does one that is empty
 //          and on another file system than it was read from, where a disk is mounted at other
 //          times: a disk may be away for a while. Between scans none is held.

@@ -81,7 +81,8 @@ template <typename Call>
 int call_in_time(alsa_pcm* self, const Call& call,
                  std::chrono::milliseconds patience = kAlsaPatience) {
     const int rc = self->handle.call(call, patience);
-    if (self->handle.is_away() && self->away_listener.away_callback != nullptr) {
+    if (rc == -ETIMEDOUT && self->handle.is_away() &&
+        self->away_listener.away_callback != nullptr) {
         self->away_listener.away_callback(self->away_listener.user_data);
     }
     return rc;
