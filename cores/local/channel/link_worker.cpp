@@ -26,6 +26,7 @@ constexpr lws_usec_t kStableTime = 10 * kSecond;
 // takes a slow processor some tenths of a second).
 constexpr double kShareOfACore = 0.1;
 constexpr double kCpuBurst = 0.5 * static_cast<double>(kSecond);
+constexpr double kLongestRest = static_cast<double>(kSecond);  // what the loop asks for waits, too
 constexpr lws_usec_t kLongestWait = 3600 * kSecond;  // for a moment by the wall clock, which is set
 
 constexpr uint32_t kPausesMs[] = {500, 1000, 2000, 4000, 8000, 16000, 32000, 60000};
@@ -66,8 +67,8 @@ void Link::Worker::rest() {
     m_cpu_left = std::min(m_cpu_left + passed * kShareOfACore, kCpuBurst) -
                  (cpu - std::exchange(m_cpu_used, cpu));
     if (m_cpu_left < 0) {
-        std::this_thread::sleep_for(
-            std::chrono::microseconds(std::llround(-m_cpu_left / kShareOfACore)));
+        const double wanted = std::min(-m_cpu_left / kShareOfACore, kLongestRest);
+        std::this_thread::sleep_for(std::chrono::microseconds(std::llround(wanted)));
     }
 }
 
