@@ -14,6 +14,12 @@ constexpr uint64_t kMaxPosition = INT64_MAX;
 
 }  // namespace
 
+std::string bytes_at(Input& input, uint64_t place, size_t size) {
+    std::string bytes(size, '\0');
+    bytes.resize(input.seek(place) ? input.read(bytes.data(), size) : 0);
+    return bytes;
+}
+
 // ---- A file -------------------------------------------------------------------------------------
 
 FileInput::FileInput(UniqueFd file)

@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <string>
 
 #include "common/unique_fd.h"
 #include "reader/inside/serve.h"
@@ -30,6 +31,9 @@ class Input {
     // All of it can be read without a network's delay.
     virtual bool is_at_hand() const = 0;
 };
+
+// The bytes from a place on, fewer at the end; none where it can't go there.
+std::string bytes_at(Input& input, uint64_t place, size_t size);
 
 class FileInput : public Input {
   public:

@@ -37,12 +37,6 @@ bool has_varying_rate(std::string_view first_frame) {
            first_frame.find("VBRI") != std::string_view::npos;
 }
 
-std::string bytes_at(Input& input, uint64_t place, size_t size) {
-    std::string bytes(size, '\0');
-    bytes.resize(input.seek(place) ? input.read(bytes.data(), size) : 0);
-    return bytes;
-}
-
 // How long the tag is that an MP3 begins with; 0: there is none.
 uint64_t tag_bytes(std::string_view head) {
     constexpr uint8_t kHasFooter = 0x10;

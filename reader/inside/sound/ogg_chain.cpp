@@ -62,17 +62,11 @@ class Chain {
     }
 
   private:
-    std::string bytes_at(uint64_t place, size_t size) {
-        std::string bytes(size, '\0');
-        bytes.resize(m_input.seek(place) ? m_input.read(bytes.data(), size) : 0);
-        return bytes;
-    }
-
     // The first page that begins at a place or behind it, before `end`; what looks like one has
     // another one behind it.
     std::optional<Page> page_after(uint64_t place, uint64_t end) {
         for (; place < end; place += kMaxPageBytes) {
-            const std::string bytes = bytes_at(place, 2 * kMaxPageBytes + kName.size());
+            const std::string bytes = bytes_at(m_input, place, 2 * kMaxPageBytes + kName.size());
             for (size_t at = bytes.find(kName); at < kMaxPageBytes;
                  at = bytes.find(kName, at + 1)) {
                 const auto page = page_in(bytes, at, place + at);
@@ -99,7 +93,7 @@ class Chain {
 
     // The input's, or before the page that its end cuts off.
     uint64_t end_behind(const Page& last) {
-        const std::string rest = bytes_at(last.end, kMaxPageBytes);
+        const std::string rest = bytes_at(m_input, last.end, kMaxPageBytes);
         const auto page = page_in(rest, 0, last.end);
         const bool is_cut = page ? page->end > m_length : rest.starts_with(kName);
         return is_cut ? last.end : m_length;
