@@ -8,12 +8,12 @@ extern "C" {
 }
 
 #include <algorithm>
-#include <array>
 #include <bit>
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
 
+#include "reader/ffmpeg/lengths.h"
 #include "reader/inside/sound/foreign_sound.h"
 
 namespace nuvio::reader {
@@ -71,65 +71,6 @@ int64_t seek_input(void* opaque, int64_t offset, int whence) {
         offset += static_cast<int64_t>(length.value_or(0));
     }
     return offset >= 0 && input.seek(static_cast<uint64_t>(offset)) ? offset : AVERROR(EIO);
-}
-
-// The number of `size` bytes at a place of the input; 0 beyond its end.
-uint64_t number_at(Input& input, uint64_t place, size_t size, std::endian order) {
-    std::array<uint8_t, 8> bytes{};
-    uint64_t number = 0;
-    if (input.seek(place) && input.read(bytes.data(), size) == size) {
-        for (size_t i = 0; i < size; ++i) {
-            number = number << 8 | bytes[order == std::endian::big ? i : size - 1 - i];
-        }
-    }
-    return number;
-}
-
-// The bytes of sound in a file of DSD, whose length libavformat only guesses; 0 when it is none.
-// Leaves the input at its beginning.
-uint64_t dsd_bytes(Input& input) {
-    constexpr uint32_t kDsd = 0x44534420;   // "DSD ": a DSF file, or the sound in a DFF file
-    constexpr uint32_t kForm = 0x46524d38;  // "FRM8": a DFF file
-    constexpr int kMaxChunks = 64;
-    constexpr uint64_t kChunkHead = 12;
-    const uint64_t kind = number_at(input, 0, 4, std::endian::big);
-    uint64_t bytes = 0;
-    if (kind == kDsd) {
-        const uint64_t channels = number_at(input, 52, 4, std::endian::little);
-        bytes = channels * (number_at(input, 64, 8, std::endian::little) / 8);
-    }
-    uint64_t at = kChunkHead + 4;
-    for (int chunk = 0; kind == kForm && chunk < kMaxChunks && bytes == 0; ++chunk) {
-        const uint64_t size = number_at(input, at + 4, 8, std::endian::big);
-        bytes = number_at(input, at, 4, std::endian::big) == kDsd ? size : 0;
-        at += kChunkHead + size + size % 2;
-    }
-    input.seek(0);
-    return bytes;
-}
-
-// The ticks a second of an MPEG-4 file's clock, to which the lengths of its edits are rounded; 0
-// when it is none. Leaves the input at its beginning.
-uint64_t edit_rate(Input& input) {
-    constexpr uint32_t kMovie = 0x6d6f6f76;  // "moov", which begins with its head
-    constexpr uint32_t kHead = 0x6d766864;   // "mvhd"
-    constexpr int kMaxAtoms = 64;
-    uint64_t rate = 0;
-    uint64_t at = 0;
-    for (int atom = 0; atom < kMaxAtoms && rate == 0; ++atom) {
-        const uint64_t size = number_at(input, at, 4, std::endian::big);
-        const uint64_t kind = number_at(input, at + 4, 4, std::endian::big);
-        if (kind == kHead) {
-            const bool is_long = number_at(input, at + 8, 1, std::endian::big) == 1;
-            rate = number_at(input, at + (is_long ? 28 : 20), 4, std::endian::big);
-        }
-        at += kind == kMovie ? 8 : size == 1 ? number_at(input, at + 8, 8, std::endian::big) : size;
-        if (size == 0) {
-            break;
-        }
-    }
-    input.seek(0);
-    return rate;
 }
 
 // How many frames an encoder says that its delay and padding leave; none when it does not.
