@@ -69,6 +69,17 @@ struct Bytes {
     bool has_failed;  // nothing more will come
 };
 
+// What the output takes. Sound of another kind is converted; without rates all is left as it is.
+struct OutputFormats {
+    static constexpr size_t kMaxRates = 16;
+
+    uint32_t rates_hz[kMaxRates];  // in any order
+    uint32_t rate_count;
+    bool is_deep;  // 24 bits, else 16
+};
+// It has two channels then.
+constexpr uint32_t kOutputChannels = 2;
+
 // ---- Playlists: their text in the shared memory, and behind that what they say (playlist.h)
 
 enum class PlaylistFormat : uint32_t { none, m3u, pls, xspf, jspf };
@@ -89,6 +100,7 @@ struct Request {
     uint32_t text_bytes = 0, max_tracks = 0;
     // Of a sound that is opened.
     bool is_remote = false, is_radio = false;
+    OutputFormats output{};
     uint32_t block_bytes = 0;  // to be read into each block
     uint64_t frame = 0;        // to be gone to
     Bytes bytes{};
@@ -133,6 +145,9 @@ struct SoundAnswer {
     Truth is_guess;  // `frames`: there may be fewer, or more
     uint32_t rate_hz, channels;
     uint64_t frames;
+    // As it is in the file, where it is converted; else as above.
+    Truth is_deep_inside;
+    uint32_t rate_inside_hz, channels_inside;
     char title[kMaxSoundText], artist[kMaxSoundText], album[kMaxSoundText];
     char error[kMaxText];
 };

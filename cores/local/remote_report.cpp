@@ -112,8 +112,9 @@ std::string RemoteReport::track_text() const {
     }
     const TrackInfo& info = *heard->info;
     const TrackTexts& texts = *heard->texts;
-    const TrackMessage track{heard->track,        texts.title,        texts.artist,  texts.album,
-                             texts.album_art_url, info.duration_ms(), info.seekable, info.format};
+    const TrackMessage track{heard->track,  texts.title,         texts.artist,
+                             texts.album,   texts.album_art_url, info.duration_ms(),
+                             info.seekable, info.format,         info.conversion()};
     return write_track(&track);
 }
 

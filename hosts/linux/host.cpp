@@ -91,6 +91,8 @@ void Host::tell_core() const {
         {kLocalReadAhead, "NUVIO_READ_AHEAD_KIB"},
         {kLocalNetworkPatience, "NUVIO_NETWORK_PATIENCE_S"},
         {kLocalAuthorities, "NUVIO_NETWORK_AUTHORITIES"},
+        {kLocalConvert, "NUVIO_CONVERT"},
+        {kOutputFS, "NUVIO_OUTPUT_RATES"},
     };
     for (const auto& row : kVariables) {
         if (const std::string& value = m_settings.get(row.key); !value.empty()) {

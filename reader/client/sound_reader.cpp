@@ -22,9 +22,12 @@ std::string text_in(const char (&field)[size]) {
 }
 
 Sound sound_in(const SoundAnswer& answer) {
-    return {answer.rate_hz,         answer.channels,         answer.is_deep != 0,
-            answer.is_endless != 0, answer.is_seekable != 0, answer.is_guess != 0,
-            answer.frames,          text_in(answer.title),   text_in(answer.artist),
+    return {answer.rate_hz,          answer.channels,
+            answer.is_deep != 0,     answer.is_endless != 0,
+            answer.is_seekable != 0, answer.is_guess != 0,
+            answer.frames,           answer.is_deep_inside != 0,
+            answer.rate_inside_hz,   answer.channels_inside,
+            text_in(answer.title),   text_in(answer.artist),
             text_in(answer.album)};
 }
 
@@ -155,11 +158,12 @@ Outcome<Answer> SoundReader::ask(const Request& request, const OnNews& on_news) 
 }
 
 // What libsndfile does not know another reader may, with the module for it.
-Outcome<Sound> SoundReader::open() {
+Outcome<Sound> SoundReader::open(const OutputFormats& output) {
     if (!make_memory()) {
         return Failure{Failure::Kind::machine, std::strerror(errno)};
     }
     Request request{Job::open_sound};
+    request.output = output;
     request.is_remote = m_remote != nullptr;
     request.is_radio = request.is_remote && m_remote->is_radio();
     std::string reason;

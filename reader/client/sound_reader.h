@@ -1,5 +1,6 @@
-// The sound of one file, or of remote bytes, decoded by a reader of its own: inside/sound/decoder.h
-// says to which formats. It goes to memory that both processes see: nothing is copied.
+// The sound of one file, or of remote bytes, decoded by a reader of its own:
+// inside/sound/decoder.h and output_sound.h say to which formats. It goes to memory that both
+// processes see: nothing is copied.
 //
 // Errors  Failure: whatever the bytes do to the reader, it costs this sound alone. After one the
 //         sound is over.
@@ -31,6 +32,9 @@ struct Sound {
     bool is_seekable = false;
     bool is_guess = false;  // of `frames`: there may be fewer, or more
     uint64_t frames = 0;
+    // As it is in the file, where it is converted; else as above.
+    bool is_deep_inside = false;
+    uint32_t rate_inside_hz = 0, channels_inside = 0;
     std::string title, artist, album;  // a kilobyte each at most; empty: not said
 };
 
@@ -54,8 +58,9 @@ class SoundReader {
     SoundReader(const SoundReader&) = delete;
     SoundReader& operator=(const SoundReader&) = delete;
 
-    // Once, first. A sound that no reader knows is a failure of the file.
-    Outcome<Sound> open();
+    // Once, first. A sound that no reader knows is a failure of the file. What comes is as the
+    // output takes it.
+    Outcome<Sound> open(const OutputFormats& output);
 
     // Where a block's samples are, of kBlockBytes.
     std::byte* block(size_t number) const;

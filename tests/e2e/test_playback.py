@@ -1,4 +1,5 @@
 """From a controller's POST to sound, and the controls on the way."""
+import array
 import os
 
 from device import CD, DeviceTest, WebServer, signal_samples, wait_for, write_wav
@@ -94,6 +95,32 @@ class OverHttp(Files, Player):
 
 
 class Sessions(Player):
+    def test_what_the_output_lacks_is_converted_or_passed_over_where_that_is_set(self):
+        write_wav(self.music / "1.wav", signal_samples(2 * 96000 + 1, 0, 96000, 3_000_000), 96000,
+                  sample_bytes=3)
+        second = write_wav(self.music / "2.wav", signal_samples(48000, 0, 48000), 48000)
+        self.write_settings(alsa__output_rates="48000")
+        self.start(player=False)
+        self.connect(self.music)
+        self.wait_for_end()
+        recording, = wait_for("the recording", self.recordings)
+        self.assertEqual((recording.format, recording.rate, recording.underruns),
+                         ("S16_LE", 48000, 0))
+        self.assertEqual(len(recording.data), FRAME * 96001 + len(second))
+        self.assertTrue(recording.data.endswith(second), "not joined, or changed too")
+        heard = array.array("h", recording.data)
+        for was, wanted in zip(heard[960:-960], signal_samples(95000, 480, 48000, 3_000_000 / 256)):
+            self.assertLess(abs(was - wanted), 4)
+        self.assertIn("96 kHz/24 bit, converted to 48 kHz/16 bit", self.log())
+        self.assertEqual(self.stop()[0], 0)
+
+        self.write_settings(alsa__output_rates="48000", local__convert=0)
+        self.start(player=False)
+        self.connect(self.music)
+        self.wait_for_log("above the quality that the output takes")
+        self.wait_for_end()
+        self.assertTrue(self.recordings()[-1].data == second)
+
     def test_a_session_that_cannot_play_is_refused_and_the_music_goes_on(self):
         self.track("long.wav", 60)
         (self.folder / "empty").mkdir()

@@ -133,8 +133,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     request->give_up_after = kPatience;
     track.remote = request;
     OpenFailure failure;
-    if (const auto decoder =
-            TrackDecoder::open(track, NUV_AUDIO_QUALITY_HI_RES_LEVEL_2, interruption, &failure)) {
+    if (const auto decoder = TrackDecoder::open(track, output_of(NUV_AUDIO_QUALITY_HI_RES_LEVEL_2),
+                                                interruption, &failure)) {
         use(*decoder, script);
     } else {
         FUZZ_EXPECT(!failure.reason.empty());

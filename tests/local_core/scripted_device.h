@@ -197,6 +197,7 @@ class ScriptedDevice : public LoopTest {
         config.manufacturer = config.model = config.serial_number = config.hardware_id = "text";
         config.app_id = config.app_secret = "app";
         config.maximum_audio_quality = NUV_AUDIO_QUALITY_HI_RES_LEVEL_3;
+        setenv("NUVIO_OUTPUT_RATES", "8000,11025,16000,44100,48000,96000", 1);
         config.advertising_delegate = {nullptr,
                                        [](nuv_connect*, const char*, const char*, void*) {},
                                        [](nuv_connect*, void*) {}};

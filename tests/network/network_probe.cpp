@@ -149,7 +149,7 @@ void decode(const Job& job) {
     Interruption none;
     OpenFailure failure;
     const auto decoder =
-        TrackDecoder::open(track, NUV_AUDIO_QUALITY_HI_RES_LEVEL_3, none, &failure);
+        TrackDecoder::open(track, {NUV_AUDIO_QUALITY_HI_RES_LEVEL_3, {}}, none, &failure);
     if (!decoder) {
         tell(failure.network, failure.reason);
         return;

@@ -23,7 +23,8 @@ SHIPPED = ("daemon", "core", "reader", "host")  # what is on a device
 # A library as cmake/dependencies.cmake names it: its package in Buildroot and in Yocto.
 LIBRARIES = {"libuv": ("libuv", "libuv"), "avahi-client": ("avahi", "avahi"),
              "libcjson": ("cjson", "cjson"), "alsa": ("alsa-lib", "alsa-lib"),
-             "sndfile": ("libsndfile", "libsndfile1"), "libcurl": ("libcurl", "curl"),
+             "sndfile": ("libsndfile", "libsndfile1"), "soxr": ("libsoxr", "soxr"),
+             "libcurl": ("libcurl", "curl"),
              "taglib": ("taglib", "taglib"), "expat": ("expat", "expat"),
              "libseccomp": ("libseccomp", "libseccomp"), "libpng": ("libpng", "libpng"),
              "libturbojpeg": ("jpeg-turbo", "libjpeg-turbo"), "libwebp": ("webp", "libwebp"),

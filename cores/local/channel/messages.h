@@ -77,6 +77,7 @@ struct TrackMessage {
     uint64_t duration_ms = 0;
     bool seekable = false;
     nuv_audio_format format{};
+    std::string converted;  // from what to what; empty: it is heard as it was decoded
 };
 
 struct StateMessage {

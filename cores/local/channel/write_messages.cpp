@@ -67,6 +67,10 @@ std::string write_track(const TrackMessage* track) {
     add(format, "rate_hz", track->format.sample_rate);
     add(format, "channels", track->format.channel_count);
     add(format, "bits", track->format.sample_format == NUV_AUDIO_SAMPLE_FORMAT_16_BIT ? 16 : 24);
+    add(message.get(), "bit_exact", track->converted.empty());
+    if (!track->converted.empty()) {
+        add(message.get(), "why", track->converted);
+    }
     return text_of(message);
 }
 

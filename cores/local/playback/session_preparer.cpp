@@ -16,7 +16,7 @@ namespace local_core {
 
 // Outlives the preparer as long as a thread hangs.
 struct SessionPreparer::Shared {
-    nuv_audio_quality highest;
+    Output output;
     std::shared_ptr<const Logger> logger;
     std::atomic<uint64_t> newest{0};  // number of the session begun last; others may give up
 
@@ -40,14 +40,14 @@ namespace {
 // Finds the first track that can be played; leaves no tracks when there is none among the first
 // kMaxProbes, or when their server is to blame: of that there is but one.
 template <typename GivesUp>
-void probe(PreparedSession& session, nuv_audio_quality highest, Interruption& interruption,
+void probe(PreparedSession& session, const Output& output, Interruption& interruption,
            const Logger& logger, GivesUp gives_up) {
     for (size_t& i = session.first; i < session.tracks.size() && !gives_up(); ++i) {
         if (i == SessionPreparer::kMaxProbes) {
             break;
         }
         OpenFailure failure;
-        if (TrackDecoder::open(session.tracks[i], highest, interruption, &failure)) {
+        if (TrackDecoder::open(session.tracks[i], output, interruption, &failure)) {
             return;
         }
         if (failure.network == HttpFailure::cancelled) {
@@ -66,10 +66,10 @@ void probe(PreparedSession& session, nuv_audio_quality highest, Interruption& in
 
 }  // namespace
 
-SessionPreparer::SessionPreparer(std::function<void()> on_change, nuv_audio_quality highest,
+SessionPreparer::SessionPreparer(std::function<void()> on_change, const Output& output,
                                  std::shared_ptr<const Logger> logger)
     : m_shared(std::make_shared<Shared>()) {
-    m_shared->highest = highest;
+    m_shared->output = output;
     m_shared->logger = std::move(logger);
     m_shared->on_change = std::move(on_change);
 }
@@ -102,7 +102,7 @@ bool SessionPreparer::begin(SessionRequest request) {
         try {
             session.tracks = find_tracks(session.request.endpoint, session.request.token,
                                          *interruption, *shared->logger);
-            probe(session, shared->highest, *interruption, *shared->logger, gives_up);
+            probe(session, shared->output, *interruption, *shared->logger, gives_up);
         } catch (const std::exception& failure) {
             session.tracks.clear();
             shared->logger->write(LogLevel::error, kContentFetcher, "Can't list %s: %s",

@@ -45,8 +45,8 @@ class SessionPreparer {
     static constexpr size_t kMaxProbes = 256;  // tracks opened for one session
     static constexpr std::chrono::seconds kPatience{1};
 
-    // Tracks above `highest` are not played.
-    SessionPreparer(std::function<void()> on_change, nuv_audio_quality highest,
+    // Tracks that the output does not take are not played.
+    SessionPreparer(std::function<void()> on_change, const Output& output,
                     std::shared_ptr<const Logger> logger);
     ~SessionPreparer();
     SessionPreparer(const SessionPreparer&) = delete;

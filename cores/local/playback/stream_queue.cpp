@@ -18,7 +18,7 @@ StreamQueue::StreamQueue(const PlayerDelegates& delegates, Control& control,
                          std::shared_ptr<const Logger> logger, std::function<void()> on_change)
     : m_delegates(delegates),
       m_control(control),
-      m_crew(std::move(on_change), delegates.highest_quality, std::move(logger)) {}
+      m_crew(std::move(on_change), delegates.output, std::move(logger)) {}
 
 StreamQueue::~StreamQueue() = default;
 

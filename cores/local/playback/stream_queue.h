@@ -30,7 +30,7 @@ struct PlayerDelegates {
     nuv_connect* core;  // handed to every callback
     nuv_audio_stream_delegate audio;
     nuv_media_delegate media;
-    nuv_audio_quality highest_quality;  // that the renderer takes
+    Output output;  // what the renderer takes
 };
 
 // Which track of which session a stream plays.

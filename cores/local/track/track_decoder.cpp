@@ -18,11 +18,9 @@ constexpr uint64_t kMaxFrames = uint64_t{1} << 48;
 
 constexpr size_t kMaxStationBytes = 1024;
 
-bool is_above(const nuv_audio_format& format, nuv_audio_quality quality) {
-    static constexpr uint32_t kHighestRates[] = {48000, 96000, 192000, 384000};
-    const bool is_cd = quality == NUV_AUDIO_QUALITY_CD;
-    return format.sample_rate > kHighestRates[std::min<size_t>(quality, 3)] ||
-           (is_cd && format.sample_format != NUV_AUDIO_SAMPLE_FORMAT_16_BIT);
+nuv_audio_format format_of(uint32_t rate_hz, uint32_t channels, bool is_deep) {
+    return {rate_hz, channels,
+            is_deep ? NUV_AUDIO_SAMPLE_FORMAT_24_BIT : NUV_AUDIO_SAMPLE_FORMAT_16_BIT};
 }
 
 }  // namespace
@@ -55,6 +53,12 @@ class TrackDecoder::SourceBytes : public reader::RemoteBytes {
     const bool m_is_radio;
 };
 
+std::string TrackInfo::conversion() const {
+    return is_converted(inside, format)
+               ? format_text(inside) + ", converted to " + format_text(format)
+               : "";
+}
+
 uint64_t TrackInfo::most_frames() const {
     return is_guess ? kMaxFrames : frame_count;
 }
@@ -64,17 +68,17 @@ uint64_t TrackInfo::frame_at(uint64_t position_ms) const {
     return std::min(limited * format.sample_rate / 1000, most_frames());
 }
 
-TrackDecoder::TrackDecoder() = default;
+TrackDecoder::TrackDecoder(const Output& output) : m_output(output) {}
 TrackDecoder::~TrackDecoder() = default;
 
 // ---- Opening ------------------------------------------------------------------------------------
 
-std::unique_ptr<TrackDecoder> TrackDecoder::open(const Track& track, nuv_audio_quality highest,
+std::unique_ptr<TrackDecoder> TrackDecoder::open(const Track& track, const Output& output,
                                                  Interruption& interruption, OpenFailure* failure) {
-    std::unique_ptr<TrackDecoder> decoder(new TrackDecoder());
+    std::unique_ptr<TrackDecoder> decoder(new TrackDecoder(output));
     const bool is_open = track.remote ? decoder->open_remote(track, interruption, failure)
                                       : decoder->open_local(track, interruption, failure);
-    return is_open && decoder->describe(highest, failure) ? std::move(decoder) : nullptr;
+    return is_open && decoder->describe(failure) ? std::move(decoder) : nullptr;
 }
 
 bool TrackDecoder::open_local(const Track& track, Interruption& interruption,
@@ -110,7 +114,7 @@ bool TrackDecoder::open_remote(const Track& track, Interruption& interruption,
 
 bool TrackDecoder::open_sound(Interruption& interruption, OpenFailure* failure) {
     m_sound_watch.emplace(interruption, [this] { m_sound->interrupt(); });
-    reader::Outcome<reader::Sound> sound = m_sound->open();
+    reader::Outcome<reader::Sound> sound = m_sound->open(m_output.formats);
     if (const auto* const failed = std::get_if<reader::Failure>(&sound)) {
         *failure = {failed->reason,
                     interruption.is_interrupted() ? HttpFailure::cancelled : HttpFailure::none};
@@ -121,7 +125,7 @@ bool TrackDecoder::open_sound(Interruption& interruption, OpenFailure* failure) 
 }
 
 // Whoever said it may have been anyone.
-bool TrackDecoder::describe(nuv_audio_quality highest, OpenFailure* failure) {
+bool TrackDecoder::describe(OpenFailure* failure) {
     const size_t sample_bytes = m_read.is_deep ? sizeof(int32_t) : sizeof(int16_t);
     const uint64_t frames = m_read.is_endless ? kMaxFrames : m_read.frames;
     if (m_read.rate_hz == 0 || m_read.channels == 0 || frames == 0 || frames > kMaxFrames ||
@@ -129,10 +133,8 @@ bool TrackDecoder::describe(nuv_audio_quality highest, OpenFailure* failure) {
         failure->reason = "nothing to play, or of unknown length";
         return false;
     }
-    m_info.format.sample_rate = m_read.rate_hz;
-    m_info.format.channel_count = m_read.channels;
-    m_info.format.sample_format =
-        m_read.is_deep ? NUV_AUDIO_SAMPLE_FORMAT_24_BIT : NUV_AUDIO_SAMPLE_FORMAT_16_BIT;
+    m_info.format = format_of(m_read.rate_hz, m_read.channels, m_read.is_deep);
+    m_info.inside = format_of(m_read.rate_inside_hz, m_read.channels_inside, m_read.is_deep_inside);
     m_info.frame_bytes = sample_bytes * m_read.channels;
     m_info.frame_count = frames;
     m_info.is_guess = m_read.is_guess;
@@ -141,11 +143,12 @@ bool TrackDecoder::describe(nuv_audio_quality highest, OpenFailure* failure) {
     m_info.title = m_read.title;
     m_info.artist = m_read.artist;
     m_info.album = m_read.album;
-    if (is_above(m_info.format, highest)) {
-        failure->reason = "above the quality that the output takes";
-        return false;
+    if (m_output.formats.rate_count > 0) {
+        failure->reason = reader::kReaderLied;
+        return is_among(m_info.format, m_output.formats);
     }
-    return true;
+    failure->reason = "above the quality that the output takes";
+    return !is_above(m_info.format, m_output.highest);
 }
 
 // ---- Sound --------------------------------------------------------------------------------------

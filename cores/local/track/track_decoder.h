@@ -1,6 +1,6 @@
 // One open audio file or radio, decoded by a reader of its own (reader/client/sound_reader.h) to
-// the SDK's two sample formats: 16 bits, or 24 bits sign-extended in 4 bytes. Rate and channel
-// count are the file's.
+// the SDK's two sample formats: 16 bits, or 24 bits sign-extended in 4 bytes. What the output does
+// not take is converted, where it says to what; else rate and channel count are the file's.
 //
 // Any one thread at a time, unless said otherwise. Every call of that thread may block on the file,
 // or on a server, until the interruption.
@@ -17,6 +17,7 @@
 #include "local/network/http_failure.h"
 #include "local/network/interruption.h"
 #include "local/track/content.h"
+#include "local/track/output.h"
 #include "reader/client/sound_reader.h"
 #include "sdk/nuvio_connect.h"
 
@@ -30,6 +31,7 @@ struct OpenFailure {
 
 struct TrackInfo {
     nuv_audio_format format;
+    nuv_audio_format inside;  // the file's, as the reader says
     size_t frame_bytes;
     uint64_t frame_count;  // of an endless one more than anybody hears
     bool is_guess;         // of `frame_count`: it is played to its end, wherever that is
@@ -43,6 +45,8 @@ struct TrackInfo {
     std::string station;
     std::string live_title;
 
+    // "96 kHz/24 bit, converted to 48 kHz/16 bit"; empty: what is heard are the samples inside.
+    std::string conversion() const;
     // 0 of an endless one.
     uint64_t duration_ms() const { return is_endless ? 0 : position_ms(frame_count); }
     uint64_t position_ms(uint64_t frame) const { return frame * 1000 / format.sample_rate; }
@@ -58,8 +62,8 @@ class TrackDecoder {
     static constexpr size_t kMaxFrameBytes = 4096;
 
     // Null, with *failure set, when the track can't be read, has nothing to play or is above
-    // `highest`. The interruption must outlive the decoder.
-    static std::unique_ptr<TrackDecoder> open(const Track& track, nuv_audio_quality highest,
+    // what the output takes. The interruption must outlive the decoder.
+    static std::unique_ptr<TrackDecoder> open(const Track& track, const Output& output,
                                               Interruption& interruption, OpenFailure* failure);
     ~TrackDecoder();
     TrackDecoder(const TrackDecoder&) = delete;
@@ -107,13 +111,14 @@ class TrackDecoder {
   private:
     class SourceBytes;
 
-    TrackDecoder();
+    explicit TrackDecoder(const Output& output);
     bool open_local(const Track& track, Interruption& interruption, OpenFailure* failure);
     bool open_remote(const Track& track, Interruption& interruption, OpenFailure* failure);
     bool open_sound(Interruption& interruption, OpenFailure* failure);
-    bool describe(nuv_audio_quality highest, OpenFailure* failure);
+    bool describe(OpenFailure* failure);
     void fail(const nuvio::reader::Failure& failure);
 
+    const Output m_output;
     std::unique_ptr<HttpSource> m_source;  // null for a file of this machine
     std::unique_ptr<SourceBytes> m_bytes;
     std::unique_ptr<nuvio::reader::SoundReader> m_sound;

@@ -70,10 +70,10 @@ void TrackPipe::give_up() {
 
 // ---- The crew -----------------------------------------------------------------------------------
 
-DecodeCrew::DecodeCrew(std::function<void()> on_change, nuv_audio_quality highest,
+DecodeCrew::DecodeCrew(std::function<void()> on_change, const Output& output,
                        std::shared_ptr<const Logger> logger)
     : m_shared(std::make_shared<CrewShared>()) {
-    m_shared->highest = highest;
+    m_shared->output = output;
     m_shared->logger = std::move(logger);
     m_shared->on_change = std::move(on_change);
 }

@@ -95,8 +95,9 @@ class DecodeCrew {
     static constexpr std::chrono::seconds kPatience{1};
 
     // `on_change` is called on the pipes' threads when something that the loop waits for has
-    // happened, never after the destructor. Tracks above `highest` fail to open.
-    DecodeCrew(std::function<void()> on_change, nuv_audio_quality highest,
+    // happened, never after the destructor. Tracks that the output
+    // does not take fail to open.
+    DecodeCrew(std::function<void()> on_change, const Output& output,
                std::shared_ptr<const Logger> logger);
     // Waits for the threads, which may have to finish a block, but no longer than kPatience.
     ~DecodeCrew();

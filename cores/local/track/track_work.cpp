@@ -177,7 +177,7 @@ void TrackWork::take_fetched_cover(std::unique_lock<std::mutex>& lock) {
 
 void TrackWork::open() {
     OpenFailure failure;
-    m_decoder = TrackDecoder::open(m_track, m_crew->highest, m_interruption, &failure);
+    m_decoder = TrackDecoder::open(m_track, m_crew->output, m_interruption, &failure);
     if (m_decoder) {
         m_texts = describe_track(m_track, m_decoder->info());
         m_title = m_decoder->info().live_title;
@@ -186,6 +186,10 @@ void TrackWork::open() {
                                   name().c_str(), failed.c_str());
         }
         m_latest_texts = m_texts;
+        if (const std::string done = m_decoder->info().conversion(); !done.empty()) {
+            m_crew->logger->write(LogLevel::info, kAudioDecoder, "%s: %s", name().c_str(),
+                                  done.c_str());
+        }
     }
     {
         const std::lock_guard lock(m_mutex);

@@ -24,7 +24,7 @@ namespace local_core {
 
 // What the threads share with the core, and use without it when they are left behind.
 struct CrewShared {
-    nuv_audio_quality highest;
+    Output output;
     std::shared_ptr<const Logger> logger;
 
     std::mutex mutex;  // guards what follows; also held while on_change is called

@@ -78,7 +78,7 @@ struct KnownKey {
     std::string_view key;
     Checker check;
 };
-constexpr std::array<KnownKey, 29> kKnownKeys = {{
+constexpr std::array<KnownKey, 30> kKnownKeys = {{
     {kFeatureNuvioConnect, check_number},
     {KFeatureNuvioConnectLog, check_number},
     {KFeatureNuvioConnectHttpPort, check_port},
@@ -108,6 +108,7 @@ constexpr std::array<KnownKey, 29> kKnownKeys = {{
     {kLocalReadAhead, check_number},
     {kLocalNetworkPatience, check_number},
     {kLocalAuthorities, check_folder},
+    {kLocalConvert, check_number},
 }};
 
 const KnownKey* find_key(std::string_view key) {

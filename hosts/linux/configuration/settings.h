@@ -40,6 +40,8 @@ inline constexpr char kLocalMusicFolders[] = "local.music_folders";
 inline constexpr char kLocalReadAhead[] = "local.read_ahead";
 inline constexpr char kLocalNetworkPatience[] = "local.network_patience";
 inline constexpr char kLocalAuthorities[] = "local.authorities";
+// Number, 0: tracks that the output does not take are passed over, not converted.
+inline constexpr char kLocalConvert[] = "local.convert";
 
 inline constexpr size_t kMaxSettingsBytes = size_t{64} * 1024;
 inline constexpr size_t kMaxValueBytes = 1024;

@@ -41,12 +41,14 @@ void SoundWork::open(const Request& request, UniqueFd file, char* shared, Parent
         input = m_file.get();
     }
     std::string error;
-    m_decoder = Decoder::open(*input, &error);
+    auto decoder = Decoder::open(*input, &error);
+    m_sound = decoder ? OutputSound::open(std::move(decoder), request.output, &error) : nullptr;
     put(error, answer->error);
-    if (!m_decoder) {
+    if (!m_sound) {
         return;
     }
-    const SoundInfo& info = m_decoder->info();
+    const SoundInfo& info = m_sound->info();
+    const SoundInfo& inside = m_sound->info_inside();
     answer->is_readable = 1;
     answer->is_deep = static_cast<Truth>(info.is_deep);
     answer->is_endless = static_cast<Truth>(info.is_endless);
@@ -55,6 +57,9 @@ void SoundWork::open(const Request& request, UniqueFd file, char* shared, Parent
     answer->rate_hz = info.rate_hz;
     answer->channels = info.channels;
     answer->frames = info.frames;
+    answer->is_deep_inside = static_cast<Truth>(inside.is_deep);
+    answer->rate_inside_hz = inside.rate_hz;
+    answer->channels_inside = inside.channels;
     put(info.title, answer->title);
     put(info.artist, answer->artist);
     put(info.album, answer->album);
@@ -66,8 +71,8 @@ void SoundWork::read(const Request& request, Parent& parent, ReadAnswer* answer)
     for (uint32_t n = 0; answer->has_new_texts == 0 && wait_for_block(page, n); ++n) {
         const Clock clock(kSoundTimes);
         SoundPage::Block& block = page.blocks[n % kMaxBlocks];
-        const size_t bytes = m_decoder->read(m_shared + kBlocksPlace + block.number * kBlockBytes,
-                                             request.block_bytes);
+        const size_t bytes = m_sound->read(m_shared + kBlocksPlace + block.number * kBlockBytes,
+                                           request.block_bytes);
         if (bytes == 0) {
             answer->is_at_end = 1;
             break;
@@ -80,20 +85,20 @@ void SoundWork::read(const Request& request, Parent& parent, ReadAnswer* answer)
             news.status = Status::progress;
             parent.tell(news);
         }
-        if (const auto texts = m_decoder->take_new_texts()) {
+        if (const auto texts = m_sound->take_new_texts()) {
             answer->has_new_texts = 1;
             put(texts->title, answer->title);
             put(texts->artist, answer->artist);
         }
     }
-    put(m_decoder->last_error(), answer->error);
+    put(m_sound->last_error(), answer->error);
 }
 
 void SoundWork::seek(const Request& request, SeekAnswer* answer) {
-    const auto reached = m_decoder->seek(request.frame);
+    const auto reached = m_sound->seek(request.frame);
     answer->is_reached = static_cast<Truth>(reached.has_value());
     answer->frame = reached.value_or(0);
-    put(m_decoder->last_error(), answer->error);
+    put(m_sound->last_error(), answer->error);
 }
 
 }  // namespace nuvio::reader
