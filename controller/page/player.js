@@ -160,7 +160,7 @@ export async function show_queue(main, is_current, keeping_focus) {
 
 function format_text(device) {
   const track = device.track;
-  if (!track.rate_hz) return "";
+  if (!track.rate_hz || track.changed) return track.changed || "";
   const parts = [track.rate_hz / 1000 + " kHz", track.bits + " bit",
                  { 1: "mono", 2: "stereo" }[track.channels] || track.channels + " channels"];
   return parts.join(" · ") + (device.bit_exact ? " · bit-exact" : "");

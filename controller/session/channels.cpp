@@ -136,8 +136,8 @@ void Channels::judge_track(const ChannelLink* link) {
     const std::scoped_lock lock(m_house.mutex);
     if (Entry* const entry = entry_of(link)) {
         const TrackHeard& heard = entry->second.state.track();
-        entry->second.is_bit_exact =
-            file && file->bits != 0 && file->bits == heard.bits && file->rate_hz == heard.rate_hz;
+        entry->second.is_bit_exact = file && file->bits != 0 && file->bits == heard.bits &&
+                                     file->rate_hz == heard.rate_hz && heard.changed.empty();
         m_house.change();
     }
 }

@@ -99,6 +99,7 @@ bool DeviceState::apply_track(const cJSON* message) {
         m_track.rate_hz = count_of(format, "rate_hz");
         m_track.channels = count_of(format, "channels");
         m_track.bits = count_of(format, "bits");
+        m_track.changed = text_of(message, "why");
     }
     return true;
 }
@@ -220,6 +221,7 @@ void DeviceState::describe(cJSON* object, Clock::time_point now) const {
     add(track.get(), "rate_hz", m_track.rate_hz);
     add(track.get(), "channels", m_track.channels);
     add(track.get(), "bits", m_track.bits);
+    add(track.get(), "changed", m_track.changed);
     add(object, "track", std::move(track));
 }
 

@@ -27,6 +27,7 @@ struct TrackHeard {
     std::optional<int64_t> item;  // none: nothing is heard
     std::string title, artist, album;
     int64_t duration_ms = 0, rate_hz = 0, channels = 0, bits = 0;
+    std::string changed;  // what was done to its samples; empty: nothing that the device tells
     bool is_seekable = false;
 };
 
