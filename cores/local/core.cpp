@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "common/sound_note.h"
 #include "common/utf8.h"
 #include "local/base/files.h"
 #include "local/device_uuid.h"
@@ -130,6 +131,7 @@ void Core::pass() {
     // What a step has changed is reported before the next step is taken.
     more |= m_player.advance() || m_player.deliver();
     tell_remote_control();
+    tell_platform();
     auto next_time = m_player.next_time();
     if (more) {
         m_wakeup.run_each_pass();
@@ -184,6 +186,16 @@ bool Core::advertise() {
         m_handle, std::string(nuvio::beginning(m_advertised_name, kMaxInstanceNameBytes)).c_str(),
         kServiceName, advertising.context);
     return true;
+}
+
+// What is heard may be another track, or have begun or ended.
+void Core::tell_platform() {
+    if (nuvio_note_sound == nullptr ||
+        std::exchange(m_noted_stream, m_published.stream_id) == m_published.stream_id) {
+        return;
+    }
+    const auto heard = m_player.heard();
+    nuvio_note_sound(heard ? heard->info->conversion().c_str() : "");
 }
 
 bool Core::report_player() {

@@ -78,6 +78,7 @@ class Core {
     void join_prepared_session();
     void take_requests();
     void tell_remote_control();
+    void tell_platform();
     bool advertise();
     bool report_player();
     bool report_settings();
@@ -95,6 +96,7 @@ class Core {
 
     PlaybackSettings m_settings;  // as taken from control last
     PlayerView m_published;       // as given to control last
+    uint64_t m_noted_stream = 0;  // of which the platform was told
     bool m_view_noted = false;    // control has changed its view since, by the commands it noted
     Reported m_reported;
     bool m_advertised = false;

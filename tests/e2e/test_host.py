@@ -7,7 +7,8 @@ import shutil
 import socket
 import subprocess
 
-from device import CD, EMULATOR, PANEL, PATIENCE, DeviceTest, program, wait_for
+from device import (CD, EMULATOR, PANEL, PATIENCE, DeviceTest, program, signal_samples, wait_for,
+                    write_wav)
 
 
 class HostTest(DeviceTest):
@@ -181,7 +182,13 @@ class Status(HostTest):
         self.assertRegex(self.status()["last_error"]["text"], "playback error|No such device")
         self.assertIsNone(self.status()["output"])
         self.card("plug")
-        self.play(self.music)
+        (self.music / "other").mkdir()
+        write_wav(self.music / "other/32.wav", signal_samples(32000 * 5, 0, 32000), 32000)
+        self.play(self.music / "other")
+        wait_for("the core's word", lambda: (self.status()["output"] or {}).get("bit_exact") is False)
+        self.assertIn("32 kHz/16 bit, converted to 48 kHz/24 bit", self.status()["output"]["why"])
+        self.play(self.music / f"{title}.wav")
+        wait_for("as it is", lambda: (self.status()["output"] or {"bit_exact": 0})["bit_exact"] is None)
 
 
 class Hooks(HostTest):

@@ -1,6 +1,7 @@
 #include "device/device_model.h"
 
 #include <atomic>
+#include <mutex>
 
 #include "base/text.h"
 #include "common/number.h"
@@ -28,6 +29,20 @@ AudioFormat format_in(const android::AMessage& report, const std::string& prefix
             number_in(report, prefix + "channels")};
 }
 
+std::mutex sound_note_mutex;
+std::string sound_note;  // guarded by sound_note_mutex
+
+// The service sees what it is given by the core, and knows nothing of what that did before.
+void add_sound_note(ServiceState& service) {
+    const std::lock_guard lock(sound_note_mutex);
+    if (sound_note.empty() || !service.device) {
+        return;
+    }
+    const std::string why = service.bit_exact_why.value_or("");
+    service.bit_exact = false;
+    service.bit_exact_why = why.empty() ? sound_note : sound_note + "; " + why;
+}
+
 ServiceState ask_service() {
     const ServiceReport ask = service_report;
     const android::sp<android::AMessage> message = ask != nullptr ? ask() : nullptr;
@@ -36,28 +51,35 @@ ServiceState ask_service() {
     }
     const android::AMessage& report = *message;
     const auto exact = number_in(report, "bit_exact");
-    return {.version = text_in(report, "service_version"),
-            .sdk_version = text_in(report, "sdk_version"),
-            .alsa_version = text_in(report, "alsa_version"),
-            .sessions = number_in(report, "sessions"),
-            .underruns = number_in(report, "underruns"),
-            .error = text_in(report, "error"),
-            .error_time = text_in(report, "error_time"),
-            .stream = format_in(report, ""),
-            .device = text_in(report, "device"),
-            .path = text_in(report, "path"),
-            .card = format_in(report, "card_"),
-            .card_format = text_in(report, "card_format"),
-            .bit_exact = exact ? std::optional(*exact != 0) : std::nullopt,
-            .bit_exact_why = text_in(report, "bit_exact_why"),
-            .buffer_frames = number_in(report, "buffer_frames"),
-            .period_frames = number_in(report, "period_frames")};
+    ServiceState state{.version = text_in(report, "service_version"),
+                       .sdk_version = text_in(report, "sdk_version"),
+                       .alsa_version = text_in(report, "alsa_version"),
+                       .sessions = number_in(report, "sessions"),
+                       .underruns = number_in(report, "underruns"),
+                       .error = text_in(report, "error"),
+                       .error_time = text_in(report, "error_time"),
+                       .stream = format_in(report, ""),
+                       .device = text_in(report, "device"),
+                       .path = text_in(report, "path"),
+                       .card = format_in(report, "card_"),
+                       .card_format = text_in(report, "card_format"),
+                       .bit_exact = exact ? std::optional(*exact != 0) : std::nullopt,
+                       .bit_exact_why = text_in(report, "bit_exact_why"),
+                       .buffer_frames = number_in(report, "buffer_frames"),
+                       .period_frames = number_in(report, "period_frames")};
+    add_sound_note(state);
+    return state;
 }
 
 }  // namespace
 
 void set_service_report(ServiceReport report) {
     service_report = report;
+}
+
+void set_sound_note(const std::string& changed) {
+    const std::lock_guard lock(sound_note_mutex);
+    sound_note = to_utf8(changed);
 }
 
 DeviceState DeviceModel::state() const {

@@ -58,6 +58,9 @@ struct DeviceState {
 // What the service offers to tell; null, as at first, where it tells nothing.
 void set_service_report(ServiceReport report);
 
+// What the core says of the sound that is heard (common/sound_note.h); empty at first.
+void set_sound_note(const std::string& changed);
+
 class DeviceModel {
   public:
     // All borrowed. The device counts as started now.

@@ -1,6 +1,7 @@
-// Configuration items and identity, and what the service tells of itself.
+// Configuration items and identity, and what the service tells of itself and the core of the sound.
 #include "platform/Environment.h"
 
+#include "common/sound_note.h"
 #include "configuration/identity.h"
 #include "configuration/settings_edit.h"
 #include "device/device_model.h"
@@ -45,4 +46,8 @@ bool ChangeSettings(const SettingsChange& change, std::string& told) {
 
 void OfferServiceReport(ServiceReport report) {
     nuvio::host::set_service_report(report);
+}
+
+void nuvio_note_sound(const char* changed) {
+    nuvio::host::set_sound_note(changed);
 }
