@@ -214,7 +214,12 @@ class FfmpegSound : public ForeignSound {
     bool go_to(int64_t from, int64_t target) {
         const AVStream& stream = *m_container->streams[m_stream];
         const AVRational per_frame{1, static_cast<int>(m_info.sample_rate)};
-        const int64_t place = av_rescale_q(from + m_delay, per_frame, stream.time_base);
+        // Before the first packet that it knows of libavformat goes nowhere.
+        const AVIndexEntry* const first_packet =
+            avformat_index_get_entry(m_container->streams[m_stream], 0);
+        const int64_t place =
+            std::max(av_rescale_q(from + m_delay, per_frame, stream.time_base),
+                     first_packet != nullptr ? first_packet->timestamp : INT64_MIN);
         if (av_seek_frame(m_container.get(), m_stream, place, AVSEEK_FLAG_BACKWARD) < 0) {
             return false;
         }
