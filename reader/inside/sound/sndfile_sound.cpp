@@ -169,18 +169,48 @@ std::unique_ptr<SndfileSound> SndfileSound::open(Input& input, SF_INFO* info,
     return sound;
 }
 
-// In Vorbis the first frames after libsndfile's own seek are not the file's, and those of the last
-// page, which counts them from its end, lie beside their place: it has to begin earlier.
-sf_count_t SndfileSound::go_to(sf_count_t frame) const {
-    constexpr sf_count_t kLongestBlock = 8192;
-    constexpr sf_count_t kMaxPageFrames = 255 * kLongestBlock / 2;
-    if ((m_info.format & SF_FORMAT_SUBMASK) != SF_FORMAT_VORBIS) {
-        return sf_seek(m_file.get(), frame, SEEK_SET);
+// In Vorbis and Opus the first frames after libsndfile's own seek are not the file's, and those of
+// the last page, which counts them from its end, lie beside their place: it has to begin earlier.
+sf_count_t SndfileSound::go_to(sf_count_t frame) {
+    constexpr sf_count_t kRunIn = 16384;  // two of Vorbis's longest blocks
+    constexpr sf_count_t kMaxPagePackets = 255;
+    const int encoding = m_info.format & SF_FORMAT_SUBMASK;
+    const bool is_opus = encoding == SF_FORMAT_OPUS;
+    if (!is_opus && encoding != SF_FORMAT_VORBIS) {
+        const sf_count_t reached = sf_seek(m_file.get(), frame, SEEK_SET);
+        const bool is_flac = (m_info.format & SF_FORMAT_TYPEMASK) == SF_FORMAT_FLAC;
+        return reached < 0 && is_flac && frame < m_info.frames ? approach(frame) : reached;
     }
-    const sf_count_t before_last_page = std::min(frame, m_info.frames - kMaxPageFrames);
-    const sf_count_t from = std::max<sf_count_t>(before_last_page - 2 * kLongestBlock, 0);
-    const bool is_there = sf_seek(m_file.get(), from, SEEK_SET) == from && skip(frame - from);
-    return is_there ? frame : -1;
+    const sf_count_t page_frames = kMaxPagePackets * (is_opus ? 2880 : 4096);
+    const sf_count_t before_last_page = std::min(frame, m_info.frames - page_frames);
+    const sf_count_t from = std::max<sf_count_t>(before_last_page - kRunIn, 0);
+    const bool is_begun = is_opus && from == 0 ? reopen()  // a seek leaves what was there before
+                                               : sf_seek(m_file.get(), from, SEEK_SET) == from;
+    return is_begun && skip(frame - from) ? frame : -1;
+}
+
+bool SndfileSound::reopen() {
+    SF_INFO info{};
+    m_file.reset();
+    return m_input.seek(m_bytes.begin) && open_file(&info);
+}
+
+// Of a FLAC file with a tag behind its sound: libFLAC looks for a place by the file's bytes, finds
+// no frame in the tag, and nothing any more from then on.
+sf_count_t SndfileSound::approach(sf_count_t frame) {
+    constexpr sf_count_t kLongestBlock = 65535;
+    for (sf_count_t distance = kLongestBlock;; distance *= 2) {
+        const sf_count_t from = std::max<sf_count_t>(frame - distance, 0);
+        if (!reopen()) {
+            return -1;
+        }
+        if (sf_seek(m_file.get(), from, SEEK_SET) == from) {
+            return skip(frame - from) ? frame : -1;
+        }
+        if (from == 0) {
+            return -1;
+        }
+    }
 }
 
 bool SndfileSound::skip(sf_count_t frames) const {

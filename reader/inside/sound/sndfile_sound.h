@@ -38,7 +38,7 @@ class SndfileSound {
     SNDFILE* file() const { return m_file.get(); }
     // Goes to a frame, from which on comes what decoding all before it would give; returns the one
     // reached, negative when none was.
-    sf_count_t go_to(sf_count_t frame) const;
+    sf_count_t go_to(sf_count_t frame);
     // A radio, or of a length that nobody knows yet: `frames` of SF_INFO is none, and it does not
     // seek.
     bool is_endless() const { return m_is_endless; }
@@ -50,9 +50,11 @@ class SndfileSound {
 
     static SndfileSound& self(void* data) { return *static_cast<SndfileSound*>(data); }
     bool open_file(SF_INFO* info);
+    bool reopen();
     bool has(sf_count_t frame) const;
     sf_count_t measure(sf_count_t end) const;
     bool skip(sf_count_t frames) const;
+    sf_count_t approach(sf_count_t frame);
     void find_length(SF_INFO* info);
 
     std::optional<uint64_t> real_length() const;
