@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "common/utf8.h"
+#include "reader/inside/sound/channel_order.h"
 #include "reader/inside/sound/foreign_sound.h"
 #include "reader/inside/sound/mpeg_shortcut.h"
 #include "reader/inside/sound/ogg_chain.h"
@@ -227,6 +228,9 @@ bool Decoder::open(std::string* error) {
     }
     m_conversion = conversion_of(m_sound->file(), raw.format);
     m_info = describe(*m_sound, raw, is_deep(m_conversion));
+    const int encoding = raw.format & SF_FORMAT_SUBMASK;
+    const bool is_in_ogg_order = encoding == SF_FORMAT_VORBIS || encoding == SF_FORMAT_OPUS;
+    m_order = is_in_ogg_order ? ogg_order_of(m_info.channels) : nullptr;
     if (m_pieces.size() > 1) {
         count_frames();
     }
@@ -324,6 +328,9 @@ size_t Decoder::read(void* block, size_t capacity_bytes) {
     } else if (m_conversion == Conversion::float_to_16) {
         convert_in_place<float, int16_t>(
             block, samples, [](float s) { return static_cast<int16_t>(to_integer<16>(s)); });
+        if (m_order != nullptr) {
+            put_in_order(static_cast<int16_t*>(block), frames, m_info.channels, m_order);
+        }
     }
     return frames * m_info.frame_bytes();
 }

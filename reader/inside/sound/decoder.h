@@ -3,7 +3,7 @@
 // Sound of 16 bits or fewer and lossy sound comes out as 16 bits; deeper sound as 24 bits
 // sign-extended in 4 bytes, of a 32-bit integer sample the upper 24. Integer samples are exact,
 // floating-point ones are scaled by 2^23 (lossy: 2^15), rounded and clipped. Rate and channel count
-// are the file's.
+// are the file's, the order of channels is a WAV file's.
 //
 // One thread; every call may block on the input.
 #pragma once
@@ -104,6 +104,7 @@ class Decoder {
     size_t m_piece = 0;           // that m_sound is
     std::string m_join_error;
     Conversion m_conversion = Conversion::none_16;
+    const uint8_t* m_order = nullptr;  // of the channels, where it is not a WAV file's
     std::optional<Texts> m_new_texts;
 };
 
