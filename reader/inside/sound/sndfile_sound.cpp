@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "reader/inside/sound/heads.h"
 #include "reader/inside/sound/mpeg_sync.h"
 
 namespace nuvio::reader {
@@ -114,7 +115,9 @@ sf_count_t SndfileSound::read(void* to, sf_count_t size, void* data) {
     const uint64_t end = sound.m_bytes.end.value_or(UINT64_MAX);
     const uint64_t left = end - std::min(end, sound.m_input.position());
     const auto wanted = static_cast<size_t>(std::min(static_cast<uint64_t>(size), left));
+    const uint64_t place = sound.m_input.position();
     const size_t got = sound.m_input.read(to, wanted);
+    sound.show_format(place, static_cast<char*>(to), got);
     sound.m_is_broken = got < wanted && sound.m_input.has_failed();
     const auto count = static_cast<std::ptrdiff_t>(got);
     const auto next =
@@ -125,6 +128,15 @@ sf_count_t SndfileSound::read(void* to, sf_count_t size, void* data) {
     sound.m_is_over = true;
     sound.m_input.seek(sound.m_input.position() - static_cast<uint64_t>(count - *next));
     return std::max<std::ptrdiff_t>(*next, 0);
+}
+
+void SndfileSound::show_format(uint64_t place, char* bytes, size_t count) const {
+    for (uint64_t i = 0; m_hidden_format && i < sizeof kFloatFormat; ++i) {
+        const uint64_t at = *m_hidden_format + i - place;
+        if (at < count) {
+            bytes[at] = static_cast<char>(kFloatFormat >> (8 * i));
+        }
+    }
 }
 
 bool SndfileSound::open_file(SF_INFO* info) {
@@ -149,6 +161,9 @@ std::unique_ptr<SndfileSound> SndfileSound::open(Input& input, SF_INFO* info,
     } else if (!input.seek(bytes.begin)) {
         return nullptr;
     }
+    if (!input.is_radio() && bytes.begin == 0) {
+        sound->m_hidden_format = hidden_float_format(input);
+    }
     sound->m_is_stretched = !input.is_radio() && input.length() && may_be_mpeg(input);
     bool is_open = sound->open_file(info);
     if (sound->m_is_stretched && (info->format & SF_FORMAT_TYPEMASK) != SF_FORMAT_MPEG) {
@@ -164,6 +179,10 @@ std::unique_ptr<SndfileSound> SndfileSound::open(Input& input, SF_INFO* info,
     }
     if (sound->m_is_stretched && info->frames > kMaxGuess) {
         sound->find_length(info);
+    }
+    if (!sound->m_is_endless && info->frames == SF_COUNT_MAX &&
+        (info->format & SF_FORMAT_TYPEMASK) == SF_FORMAT_FLAC) {
+        sound->count_blocks(info);
     }
     sound->m_info = *info;
     return sound;
@@ -243,6 +262,16 @@ sf_count_t SndfileSound::measure(sf_count_t end) const {
     }
     sf_seek(m_file.get(), 0, SEEK_SET);
     return begin;
+}
+
+// There may be more where the last block's head is not whole.
+void SndfileSound::count_blocks(SF_INFO* info) {
+    const uint64_t place = m_input.position();
+    if (const auto frames = flac_frames(m_input)) {
+        info->frames = static_cast<sf_count_t>(*frames);
+        m_is_guess = true;
+    }
+    m_input.seek(place);
 }
 
 // Instead of libsndfile's guess, which is of the stretched input.

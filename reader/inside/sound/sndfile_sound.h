@@ -3,7 +3,7 @@
 //
 // Of MPEG audio without a count of its frames in its head libsndfile guesses the length by the
 // first ones, and reads no further. It is told of an input of far more bytes, reads to the real
-// end, and the length is measured, or guessed, here.
+// end, and the length is measured, or guessed, here. So is that of a FLAC file without one.
 #pragma once
 
 #include <sndfile.h>
@@ -56,6 +56,8 @@ class SndfileSound {
     bool skip(sf_count_t frames) const;
     sf_count_t approach(sf_count_t frame);
     void find_length(SF_INFO* info);
+    void count_blocks(SF_INFO* info);
+    void show_format(uint64_t place, char* bytes, size_t count) const;
 
     std::optional<uint64_t> real_length() const;
     static sf_count_t length(void* data);
@@ -72,6 +74,7 @@ class SndfileSound {
     bool m_is_endless = false;
     bool m_is_stretched = false;  // libsndfile is told of kStretchedLength
     bool m_is_guess = false;
+    std::optional<uint64_t> m_hidden_format;  // libsndfile reads kFloatFormat there
     std::unique_ptr<SNDFILE, ReleasedBy<sf_close>> m_file;
 };
 
