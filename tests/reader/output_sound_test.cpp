@@ -165,7 +165,7 @@ TEST_F(Output, ChannelsBecomeTwo) {
     const double part = std::sqrt(0.5), all = 1 + 2 * part;
     EXPECT_NEAR(heard[10], (0.01 + part * 0.04 + part * 0.16) / all, 1e-6);
     EXPECT_NEAR(heard[11], (0.02 + part * 0.04 + part * 0.32) / all, 1e-6);
-    // Vorbis has them in another order: the second is the center's.
+    // In Vorbis the second is the center's.
     auto vorbis = open(48000, 6, SF_FORMAT_VORBIS, 48000, output, [](double time, int channel) {
         return channel == 1 ? 0.5 * sine(440, time) : 0;
     });

@@ -28,14 +28,6 @@ std::string tag(SNDFILE* file, int which) {
     return text != nullptr ? std::string(beginning(text, kMaxSoundText)) : "";
 }
 
-// What is not the usual order: Vorbis and Opus keep theirs.
-std::vector<Speaker> speakers_of(const SF_INFO& raw) {
-    const int encoding = raw.format & SF_FORMAT_SUBMASK;
-    return encoding == SF_FORMAT_VORBIS || encoding == SF_FORMAT_OPUS
-               ? vorbis_speakers(static_cast<size_t>(std::max(raw.channels, 0)))
-               : std::vector<Speaker>();
-}
-
 SoundInfo describe(const SndfileSound& sound, const SF_INFO& raw, bool is_deep) {
     SoundInfo info;
     info.rate_hz = static_cast<uint32_t>(std::max(raw.samplerate, 0));
@@ -45,7 +37,6 @@ SoundInfo describe(const SndfileSound& sound, const SF_INFO& raw, bool is_deep) 
     info.frames = info.is_endless ? 0 : static_cast<uint64_t>(std::max<sf_count_t>(raw.frames, 0));
     info.is_guess = sound.is_guess();
     info.is_seekable = raw.seekable != 0;
-    info.speakers = speakers_of(raw);
     info.title = tag(sound.file(), SF_STR_TITLE);
     info.artist = tag(sound.file(), SF_STR_ARTIST);
     info.album = tag(sound.file(), SF_STR_ALBUM);
@@ -60,7 +51,6 @@ SoundInfo describe(const ForeignInfo& foreign) {
             foreign.frames.value_or(0),
             false,
             foreign.seekable && foreign.frames,
-            {},
             foreign.title,
             foreign.artist,
             foreign.album};

@@ -16,7 +16,6 @@
 #include <vector>
 
 #include "reader/inside/sound/input.h"
-#include "reader/inside/sound/mixing.h"
 
 // libsndfile's; its header stays inside the implementation.
 struct sf_private_tag;
@@ -36,7 +35,6 @@ struct SoundInfo {
     uint64_t frames = 0;    // 0 of an endless one
     bool is_guess = false;  // of `frames`: there may be fewer, or more
     bool is_seekable = false;
-    std::vector<Speaker> speakers;  // one a channel; empty: the usual ones
     // Tags as the file has them, their first kilobyte; empty where it has none.
     std::string title;
     std::string artist;

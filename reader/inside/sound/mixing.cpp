@@ -7,81 +7,47 @@ namespace nuvio::reader {
 
 namespace {
 
-using enum Speaker;
-
-// For each number of channels.
-using Orders = std::array<std::vector<Speaker>, 9>;
+// A channel's part of left and right.
+using Factors = std::array<float, 2>;
 
 constexpr float kMinus3Db = 0.70710678F;
-
-// To left and right, in the order of Speaker.
-constexpr std::array<std::array<float, 2>, 8> kFactors = {{
-    {1, 0},
-    {0, 1},
-    {kMinus3Db, kMinus3Db},
-    {0, 0},
-    {kMinus3Db, 0},
-    {0, kMinus3Db},
-    {0.5F, 0.5F},
-    {0.5F, 0.5F},
-}};
+constexpr Factors kLeft{1, 0}, kRight{0, 1};
+constexpr Factors kCenter{kMinus3Db, kMinus3Db}, kLow{0, 0};
+constexpr Factors kBesideLeft{kMinus3Db, 0}, kBesideRight{0, kMinus3Db};
+constexpr Factors kBehind{0.5F, 0.5F};
 
 template <typename Sample>
 constexpr float kFullScale = 1U << (sizeof(Sample) == sizeof(int16_t) ? 15U : 23U);
 
-std::vector<Speaker> speakers_of(const Orders& orders, size_t channels) {
-    std::vector<Speaker> speakers = orders[std::min(channels, orders.size() - 1)];
-    speakers.resize(channels, elsewhere);
-    return speakers;
+std::vector<Factors> factors_of(size_t channels) {
+    static const std::array<std::vector<Factors>, 9> kFactors = {{
+        {},
+        {{1, 1}},
+        {kLeft, kRight},
+        {kLeft, kRight, kCenter},
+        {kLeft, kRight, kBesideLeft, kBesideRight},
+        {kLeft, kRight, kCenter, kBesideLeft, kBesideRight},
+        {kLeft, kRight, kCenter, kLow, kBesideLeft, kBesideRight},
+        {kLeft, kRight, kCenter, kLow, kBehind, kBesideLeft, kBesideRight},
+        {kLeft, kRight, kCenter, kLow, kBesideLeft, kBesideRight, kBesideLeft, kBesideRight},
+    }};
+    std::vector<Factors> factors = kFactors[std::min(channels, kFactors.size() - 1)];
+    factors.resize(channels, kBehind);
+    return factors;
 }
 
 }  // namespace
 
-std::vector<Speaker> usual_speakers(size_t channels) {
-    static const Orders kUsual = {{
-        {},
-        {front_center},
-        {front_left, front_right},
-        {front_left, front_right, front_center},
-        {front_left, front_right, left, right},
-        {front_left, front_right, front_center, left, right},
-        {front_left, front_right, front_center, low_frequency, left, right},
-        {front_left, front_right, front_center, low_frequency, back_center, left, right},
-        {front_left, front_right, front_center, low_frequency, left, right, left, right},
-    }};
-    return speakers_of(kUsual, channels);
-}
-
-std::vector<Speaker> vorbis_speakers(size_t channels) {
-    static const Orders kVorbis = {{
-        {},
-        {front_center},
-        {front_left, front_right},
-        {front_left, front_center, front_right},
-        {front_left, front_right, left, right},
-        {front_left, front_center, front_right, left, right},
-        {front_left, front_center, front_right, left, right, low_frequency},
-        {front_left, front_center, front_right, left, right, back_center, low_frequency},
-        {front_left, front_center, front_right, left, right, left, right, low_frequency},
-    }};
-    return speakers_of(kVorbis, channels);
-}
-
-Mixer::Mixer(const std::vector<Speaker>& speakers) {
-    if (speakers.size() <= 2) {
-        m_factors.assign(1, {1, 1});
-        if (speakers.size() == 2) {
-            m_factors = {{1, 0}, {0, 1}};
-        }
+Mixer::Mixer(size_t channels) : m_factors(factors_of(channels)) {
+    if (!changes()) {
         return;
     }
-    std::array<float, 2> sums{};
-    for (const Speaker speaker : speakers) {
-        m_factors.push_back(kFactors[static_cast<size_t>(speaker)]);
-        sums[0] += m_factors.back()[0];
-        sums[1] += m_factors.back()[1];
+    Factors sums{};
+    for (const auto& [left, right] : m_factors) {
+        sums[0] += left;
+        sums[1] += right;
     }
-    const float most = std::max({sums[0], sums[1], 1.0F});
+    const float most = std::max(sums[0], sums[1]);
     for (auto& [left, right] : m_factors) {
         left /= most;
         right /= most;

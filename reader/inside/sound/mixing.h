@@ -8,30 +8,13 @@
 
 namespace nuvio::reader {
 
-// Where a channel belongs in the room.
-enum class Speaker : uint8_t {
-    front_left,
-    front_right,
-    front_center,
-    low_frequency,
-    left,
-    right,
-    back_center,
-    elsewhere
-};
-
-// Which those of a file are that does not say it, in the usual order; `elsewhere` beyond eight.
-std::vector<Speaker> usual_speakers(size_t channels);
-// The order of Vorbis, which Opus has too.
-std::vector<Speaker> vorbis_speakers(size_t channels);
-
 // To two channels: one goes to both as it is, of more each goes to its side by the factors of ITU-R
 // BS.775 (the center and what is beside or behind by 3 dB less, low frequencies to none), all of it
 // made so quiet that nothing can be above full scale.
 class Mixer {
   public:
-    // At least one.
-    explicit Mixer(const std::vector<Speaker>& speakers);
+    // Channels in the order of a WAV file, at least one; beyond eight each goes to both sides.
+    explicit Mixer(size_t channels);
     // What comes out are not the samples that came in.
     bool changes() const { return m_factors.size() > 2; }
     // `from`: of 16 bits, or 24 in 4 bytes; `to`: two channels, full scale is 1.
