@@ -64,15 +64,12 @@ Host::Host()
       m_controls(m_messages, m_now_playing, m_source_switch, m_network),
       m_device(m_settings, m_messages, m_now_playing, m_network),
       m_dispatcher(m_controls, m_device, m_network, m_state, m_settings),
-      m_hooks(m_settings, m_now_playing) {
+      m_hooks(m_settings, m_device) {
     tell_core();
     use_alsa_configuration();
     preset_messages();
-    m_now_playing.set_observer([this](uint32_t changes) {
-        m_dispatcher.player_changed(changes);
-        m_hooks.changed(changes);
-    });
-    m_network.set_observer([this] { m_dispatcher.network_changed(); });
+    m_now_playing.set_observer([this](uint32_t changes) { on_change(changes); });
+    m_network.set_observer([this] { on_change(kDeviceNetwork); });
     m_messages.set_observer([this](int id, const std::string& text) { on_message(id, text); });
 }
 
@@ -115,26 +112,27 @@ void Host::preset_messages() {
     for (auto& [id, text] : m_state.load()) {
         m_messages.preset(id, text);
     }
-    m_now_playing.set_volume(m_messages.read_number(android::KORA_VOLUME, 0));
 }
 
 void Host::on_message(int id, const std::string& text) {
-    switch (id) {
-        case android::KORA_PLAYBACK_POSITION:
-            // Once a second while music plays: whoever shows it asks for it, as MPRIS has it. Only
-            // a jump is signalled, by the player.
-            m_now_playing.set_position(to_number<int64_t>(text).value_or(0));
-            return;
-        case android::KORA_VOLUME:
-            m_now_playing.set_volume(to_percent(text).value_or(0));
-            break;
-        default:
-            break;
+    if (id == android::KORA_PLAYBACK_POSITION) {
+        // Once a second while music plays: whoever shows it asks for it, as MPRIS has it. Only a
+        // jump is signalled, by the player.
+        m_now_playing.set_position(to_number<int64_t>(text).value_or(0));
+        return;
     }
     if (m_state.set(id, text)) {
         m_dispatcher.save_soon();
     }
+    if (const uint32_t changes = changes_of_message(id); changes != 0) {
+        on_change(changes);
+    }
     m_dispatcher.message_changed(id, text);
+}
+
+void Host::on_change(uint32_t changes) {
+    m_dispatcher.changed(changes);
+    m_hooks.changed(changes);
 }
 
 void Host::start() {

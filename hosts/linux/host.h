@@ -5,11 +5,13 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <mutex>
 #include <string>
 
 #include "configuration/settings.h"
 #include "configuration/state_store.h"
+#include "device/changes.h"
 #include "device/controls.h"
 #include "device/device_model.h"
 #include "device/message_store.h"
@@ -52,6 +54,7 @@ class Host {
     void tell_core() const;
     void preset_messages();
     void on_message(int id, const std::string& text);
+    void on_change(uint32_t changes);
     void stop();
     void stop_for_good();
     void report_stopping() const;

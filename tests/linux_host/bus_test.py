@@ -171,7 +171,7 @@ class Bus(DeviceTest):
         self.assert_become([(f"{call} Seek x -- -9223372036854775808", "SEEK:0"),
                             (f"{call} Seek x 9223372036854775807", "NEXT")])
 
-    def test_jumps_of_the_position_and_changes_of_messages_are_signalled(self):
+    def test_what_changes_is_signalled_and_of_the_position_the_jumps(self):
         self.begin_session()
         signals = self.follow("dbus-monitor", "--session",
                               "type=signal,path=/org/mpris/MediaPlayer2",
@@ -183,6 +183,14 @@ class Bus(DeviceTest):
         self.assertTrue(self.succeeds(f"busctl --user call {MESSAGES} WriteMessage is 200 twelve"))
         wait_for("message", lambda: re.search(r'member=MessageChanged\n +int32 200\n +string "twelve"',
                                               signals.read_text()))
+        for command, names in (("rename Attic", ("Identity", "DeviceName")), ("mute", ("Muted",)),
+                               ("volume 35", ("Volume",)), ("network down", ("Wired", "Wireless")),
+                               ("take-output 4", ("CurrentSource", "PlaybackStatus"))):
+            before = len(signals.read_text())
+            self.assertTrue(self.succeeds(f"{PANEL} {command}"), command)
+            for name in names:
+                wait_for(name, lambda name=name, before=before: re.search(
+                    rf'member=PropertiesChanged(\n .*)*"{name}"', signals.read_text()[before:]))
         self.assertNotIn('"Position"', signals.read_text())
 
     def test_the_panel_does_the_rest(self):

@@ -1,11 +1,10 @@
 #include "bus/mpris.h"
 
 #include <algorithm>
-#include <array>
 #include <chrono>
 #include <cmath>
-#include <vector>
 
+#include "bus/changed_properties.h"
 #include "bus/mpris_interface.h"
 
 namespace nuvio::host {
@@ -15,22 +14,13 @@ namespace {
 // The service reports its position once a second.
 constexpr std::chrono::milliseconds kReportDelay{1000};
 
-struct ChangedProperty {
-    uint32_t change;
-    const char* name;
-};
-constexpr std::array<ChangedProperty, 10> kChangedProperties = {{
-    {kPlayerStatus, "PlaybackStatus"},
-    {kPlayerTrack, "Metadata"},
-    {kPlayerModes, "Shuffle"},
-    {kPlayerModes, "LoopStatus"},
-    {kPlayerVolume, "Volume"},
-    {kPlayerActions, "CanGoNext"},
-    {kPlayerActions, "CanGoPrevious"},
-    {kPlayerActions, "CanPlay"},
-    {kPlayerActions, "CanPause"},
+constexpr ChangedProperty kRootProperties[] = {{kDeviceName, "Identity"}};
+constexpr ChangedProperty kPlayerProperties[] = {
+    {kPlayerStatus, "PlaybackStatus"}, {kPlayerTrack, "Metadata"},  {kPlayerModes, "Shuffle"},
+    {kPlayerModes, "LoopStatus"},      {kDeviceVolume, "Volume"},   {kPlayerActions, "CanGoNext"},
+    {kPlayerActions, "CanGoPrevious"}, {kPlayerActions, "CanPlay"}, {kPlayerActions, "CanPause"},
     {kPlayerActions, "CanSeek"},
-}};
+};
 
 }  // namespace
 
@@ -48,26 +38,11 @@ void Mpris::publish(sd_bus* bus, uint32_t changes) {
     if (bus == nullptr) {
         return;
     }
-    std::vector<char*> names;
-    for (const ChangedProperty& property : kChangedProperties) {
-        if ((changes & property.change) != 0) {
-            // The library takes an array of char* and leaves the texts alone.
-            names.push_back(const_cast<char*>(property.name));
-        }
-    }
-    if (!names.empty()) {
-        names.push_back(nullptr);
-        sd_bus_emit_properties_changed_strv(bus, kMprisPath, kMprisPlayer, names.data());
-    }
+    emit_changed(bus, kMprisPath, kMprisRoot, kRootProperties, changes);
+    emit_changed(bus, kMprisPath, kMprisPlayer, kPlayerProperties, changes);
     if ((changes & kPlayerSeeked) != 0) {
         sd_bus_emit_signal(bus, kMprisPath, kMprisPlayer, "Seeked", "x",
                            view().position_ms * kUsPerMs);
-    }
-}
-
-void Mpris::publish_name(sd_bus* bus) {
-    if (bus != nullptr) {
-        sd_bus_emit_properties_changed(bus, kMprisPath, kMprisRoot, "Identity", nullptr);
     }
 }
 

@@ -24,11 +24,8 @@ class Mpris {
     // Puts the object on the connection, for the connection's life. Negative errno on failure.
     int attach(sd_bus* bus);
 
-    // Signals the changes (kPlayerStatus and so on) to the bus; `bus` may be null, while there is
-    // none.
+    // Signals the changes (device/changes.h) to the bus; `bus` may be null, while there is none.
     void publish(sd_bus* bus, uint32_t changes);
-    // The device has another name.
-    static void publish_name(sd_bus* bus);
 
     // What the bus asks for (mpris_interface.h).
     Controls& controls() { return m_controls; }

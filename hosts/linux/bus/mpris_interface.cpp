@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -104,41 +105,37 @@ NUVIO_GETTER(get_no_list) {
     return sd_bus_message_append(reply, "as", 0);
 }
 
-NUVIO_GETTER(get_identity) {
-    return append(reply, self(userdata).device().name());
-}
-
-template <auto of_view>
+template <auto of_device>
 NUVIO_GETTER(get) {
-    return append(reply, of_view(self(userdata).view()));
+    return append(reply, std::invoke(of_device, self(userdata).device()));
 }
 
-std::string status(const NowPlayingView& view) {
-    return word_of(view.status).text;
+std::string status(const DeviceModel& device) {
+    return word_of(device.playing().status).text;
 }
-std::string loop(const NowPlayingView& view) {
-    return kLoopWords[static_cast<size_t>(view.modes.loop)].text;
+std::string loop(const DeviceModel& device) {
+    return kLoopWords[static_cast<size_t>(device.playing().modes.loop)].text;
 }
-double rate(const NowPlayingView&) {
+double rate(const DeviceModel&) {
     return 1;
 }
-bool shuffle(const NowPlayingView& view) {
-    return view.modes.shuffle;
+bool shuffle(const DeviceModel& device) {
+    return device.playing().modes.shuffle;
 }
-double volume(const NowPlayingView& view) {
-    return view.volume / 100.0;
+double volume(const DeviceModel& device) {
+    return device.volume().value_or(0) / 100.0;
 }
-int64_t position_us(const NowPlayingView& view) {
-    return view.position_ms * kUsPerMs;
+int64_t position_us(const DeviceModel& device) {
+    return device.playing().position_ms * kUsPerMs;
 }
 template <auto action>
-bool can(const NowPlayingView& view) {
-    return view.actions.*action;
+bool can(const DeviceModel& device) {
+    return device.playing().actions.*action;
 }
 
 // Without a track the map is empty; entries without a value are left out.
 NUVIO_GETTER(get_metadata) {
-    const std::optional<ShownTrack> track = self(userdata).view().track;
+    const std::optional<ShownTrack> track = self(userdata).device().playing().track;
     int r = sd_bus_message_open_container(reply, 'a', "{sv}");
     if (r >= 0 && track) {
         r = sd_bus_message_append(reply, "{sv}{sv}", "mpris:trackid", "o",
@@ -229,7 +226,7 @@ const sd_bus_vtable kRootTable[] = {
                              kOpen | kChanges),
     SD_BUS_PROPERTY("CanSetFullscreen", "b", get_always<false>, 0, kConst),
     SD_BUS_PROPERTY("HasTrackList", "b", get_always<false>, 0, kConst),
-    SD_BUS_PROPERTY("Identity", "s", get_identity, 0, kChanges),
+    SD_BUS_PROPERTY("Identity", "s", get<&DeviceModel::name>, 0, kChanges),
     SD_BUS_PROPERTY("SupportedUriSchemes", "as", get_no_list, 0, kConst),
     SD_BUS_PROPERTY("SupportedMimeTypes", "as", get_no_list, 0, kConst),
     SD_BUS_VTABLE_END,

@@ -1,13 +1,12 @@
 #include "bus/panel.h"
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <optional>
 #include <string>
 
 #include "bus/append.h"
-#include "platform/Kora.h"
+#include "bus/changed_properties.h"
 #include "watch/status_json.h"
 
 namespace nuvio::host {
@@ -155,15 +154,10 @@ const sd_bus_vtable kTable[] = {
     SD_BUS_VTABLE_END,
 };
 
-struct MessageProperty {
-    int id;
-    const char* name;
+constexpr ChangedProperty kProperties[] = {
+    {kDeviceName, "DeviceName"}, {kDeviceSource, "CurrentSource"}, {kDeviceMute, "Muted"},
+    {kDeviceNetwork, "Wired"},   {kDeviceNetwork, "Wireless"},
 };
-constexpr std::array<MessageProperty, 3> kMessageProperties = {{
-    {android::KORA_DEVICE_NAME, "DeviceName"},
-    {android::KORA_CURRENT_SOURCE, "CurrentSource"},
-    {android::KORA_MUTE, "Muted"},
-}};
 
 }  // namespace
 
@@ -171,16 +165,8 @@ int Panel::attach(sd_bus* bus) {
     return sd_bus_add_object_vtable(bus, nullptr, kPath, kInterface, kTable, this);
 }
 
-void Panel::publish_message(sd_bus* bus, int id) {
-    for (const MessageProperty& property : kMessageProperties) {
-        if (property.id == id) {
-            sd_bus_emit_properties_changed(bus, kPath, kInterface, property.name, nullptr);
-        }
-    }
-}
-
-void Panel::publish_network(sd_bus* bus) {
-    sd_bus_emit_properties_changed(bus, kPath, kInterface, "Wired", "Wireless", nullptr);
+void Panel::publish(sd_bus* bus, uint32_t changes) {
+    emit_changed(bus, kPath, kInterface, kProperties, changes);
 }
 
 }  // namespace nuvio::host

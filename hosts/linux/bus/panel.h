@@ -7,6 +7,8 @@
 
 #include <systemd/sd-bus.h>
 
+#include <cstdint>
+
 #include "device/controls.h"
 #include "device/device_model.h"
 
@@ -22,9 +24,8 @@ class Panel {
     // Puts the object on the connection, for the connection's life. Negative errno on failure.
     int attach(sd_bus* bus);
 
-    // Signals the property that shows the message, where there is one. The bus is there.
-    static void publish_message(sd_bus* bus, int id);
-    static void publish_network(sd_bus* bus);
+    // Signals the changes (device/changes.h). The bus is there.
+    static void publish(sd_bus* bus, uint32_t changes);
 
     Controls& controls() { return m_controls; }
     const DeviceModel& device() const { return m_device; }

@@ -100,13 +100,6 @@ void NowPlaying::preview_seek(int64_t position_ms) {
     }
 }
 
-void NowPlaying::set_volume(int percent) {
-    const std::lock_guard lock(m_mutex);
-    if (std::exchange(m_view.volume, percent) != percent) {
-        changed(kPlayerVolume);
-    }
-}
-
 void NowPlaying::set_has_source(bool has_source) {
     const std::lock_guard lock(m_mutex);
     if (m_view.actions.control != has_source) {

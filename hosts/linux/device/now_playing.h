@@ -1,8 +1,8 @@
 // NowPlaying: what the device shows about its playback - the model behind the desktop's player
 // controls.
 //
-// Any thread. The observer is told which fields have changed, with the model's lock held; it must
-// not call the model.
+// Any thread. The observer is told what has changed (device/changes.h), with the model's lock held;
+// it must not call the model.
 #pragma once
 
 #include <array>
@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 
+#include "device/changes.h"
 #include "platform/AMessage.h"
 #include "platform/SourceSwitch.h"
 
@@ -62,21 +63,11 @@ struct Actions {
     bool operator==(const Actions&) const = default;
 };
 
-// Bits of a change.
-inline constexpr uint32_t kPlayerStatus = 1U << 0U;
-inline constexpr uint32_t kPlayerTrack = 1U << 1U;
-inline constexpr uint32_t kPlayerModes = 1U << 2U;
-inline constexpr uint32_t kPlayerActions = 1U << 3U;
-inline constexpr uint32_t kPlayerVolume = 1U << 4U;
-inline constexpr uint32_t kPlayerSeeked = 1U << 5U;  // the position has jumped
-inline constexpr uint32_t kPlayerSession = 1U << 6U;
-
 struct NowPlayingView {
     android::EPlayState status = android::PLAY_STATE_STOPPED;
     std::optional<ShownTrack> track;
     Modes modes;
     Actions actions;
-    int volume = 0;  // percent
     int64_t position_ms = 0;
     // From the first sound that is more than stopped with the output in hand until the music is
     // over (stopped, and cleared) or the output is another's.
@@ -98,7 +89,6 @@ class NowPlaying {
     // A seek has been asked for. The service reports no position while paused, so there the one
     // asked for is shown until playback goes on.
     void preview_seek(int64_t position_ms);
-    void set_volume(int percent);
     void set_has_source(bool has_source);
     // The service owns the device's output, or no longer.
     void set_has_output(bool has_output);

@@ -14,7 +14,6 @@
 #include "bus/bus_address.h"
 #include "bus/bus_name.h"
 #include "bus/raw_messages.h"
-#include "platform/Kora.h"
 #include "watch/service_status.h"
 
 namespace nuvio::host {
@@ -65,26 +64,21 @@ void Dispatcher::wake() {
     ::eventfd_write(m_wake.get(), 1);
 }
 
-void Dispatcher::player_changed(uint32_t changes) {
+void Dispatcher::changed(uint32_t changes) {
     {
         const std::lock_guard lock(m_mutex);
-        m_notices.player |= changes;
+        m_notices.changes |= changes;
     }
     wake();
 }
 
 void Dispatcher::message_changed(int id, const std::string& text) {
+    if (!m_shows_raw_messages) {
+        return;
+    }
     {
         const std::lock_guard lock(m_mutex);
         m_notices.messages.insert_or_assign(id, text);
-    }
-    wake();
-}
-
-void Dispatcher::network_changed() {
-    {
-        const std::lock_guard lock(m_mutex);
-        m_notices.network = true;
     }
     wake();
 }
@@ -143,24 +137,16 @@ Dispatcher::Notices Dispatcher::take_notices() {
 void Dispatcher::publish() {
     const Notices notices = take_notices();
     sd_bus* const bus = m_link.ready();
-    m_mpris.publish(bus, notices.player);
-    if ((notices.player & (kPlayerStatus | kPlayerTrack)) != 0) {
+    m_mpris.publish(bus, notices.changes);
+    if ((notices.changes & (kPlayerStatus | kPlayerTrack)) != 0) {
         report_status(m_mpris.view());
     }
     if (bus == nullptr) {
         return;
     }
+    Panel::publish(bus, notices.changes);
     for (const auto& [id, text] : notices.messages) {
-        Panel::publish_message(bus, id);
-        if (m_shows_raw_messages) {
-            publish_raw_message(bus, id, text);
-        }
-        if (id == android::KORA_DEVICE_NAME) {
-            Mpris::publish_name(bus);
-        }
-    }
-    if (notices.network) {
-        Panel::publish_network(bus);
+        publish_raw_message(bus, id, text);
     }
 }
 

@@ -1,7 +1,7 @@
 // Dispatcher: the host's own thread - network reports from the kernel, the message bus, the
 // metrics' socket, and saving the state. Sleeps unless something happens.
 //
-// start, stop and the three notices may come from any thread; the notices take only a lock of
+// start, stop and the notices may come from any thread; the notices take only a lock of
 // their own and never wait.
 #pragma once
 
@@ -42,9 +42,10 @@ class Dispatcher {
     // Leaves the bus, saves the state and waits for the thread, which is never long in anything.
     void stop();
 
-    void player_changed(uint32_t changes);
+    // What has changed of the device (device/changes.h).
+    void changed(uint32_t changes);
+    // For those who follow the raw messages; nothing where there are none.
     void message_changed(int id, const std::string& text);
-    void network_changed();
     // Saves within a second, so that a moving volume control is one save.
     void save_soon();
 
@@ -52,9 +53,8 @@ class Dispatcher {
     using Clock = std::chrono::steady_clock;
 
     struct Notices {
-        uint32_t player = 0;
+        uint32_t changes = 0;
         std::map<int, std::string> messages;  // the latest text, by id
-        bool network = false;
         bool save = false;
     };
 

@@ -24,7 +24,7 @@ constexpr std::chrono::seconds kPatienceAtTheEnd{3};
 constexpr milliseconds kPause{100};                // between two of a kind
 constexpr milliseconds kPauseAfterShortage{1000};  // of processes or memory
 constexpr int kDefaultOffDelay = 5;                // s
-constexpr uint32_t kWatched = kPlayerStatus | kPlayerVolume | kPlayerSession;
+constexpr uint32_t kWatched = kPlayerStatus | kDeviceVolume | kPlayerSession;
 
 constexpr const char* kPlaying = word_of(android::PLAY_STATE_PLAYING).key;
 constexpr const char* kPaused = word_of(android::PLAY_STATE_PAUSED).key;
@@ -55,12 +55,16 @@ std::string fault_of(int status, bool killed) {
                                     : "ended with status " + std::to_string(WEXITSTATUS(status));
 }
 
+// As a hook is told it; empty while nobody has set one.
+std::string volume_text(const DeviceModel& device) {
+    const std::optional<int> volume = device.volume();
+    return volume ? std::to_string(*volume) : std::string();
+}
+
 }  // namespace
 
-Hooks::Hooks(const Settings& settings, const NowPlaying& now_playing)
-    : m_settings(settings),
-      m_now_playing(now_playing),
-      m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
+Hooks::Hooks(const Settings& settings, const DeviceModel& device)
+    : m_settings(settings), m_device(device), m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {}
 
 void Hooks::start() {
     if (std::ranges::all_of(kKeys,
@@ -70,7 +74,7 @@ void Hooks::start() {
     m_off_delay = std::chrono::seconds(
         to_number<int>(m_settings.get(kHostHookOffDelay)).value_or(kDefaultOffDelay));
     m_environment = HookProcess::environment();
-    m_slots[kVolume].wanted = m_slots[kVolume].told = std::to_string(m_now_playing.view().volume);
+    m_slots[kVolume].wanted = m_slots[kVolume].told = volume_text(m_device);
     m_thread = std::thread([this] { run(); });
     pthread_setname_np(m_thread.native_handle(), "host-hooks");
 }
@@ -114,9 +118,9 @@ void Hooks::look(Clock::time_point now) {
         want(m_slots[kSession], kEnd, now);
         return;
     }
-    const NowPlayingView view = m_now_playing.view();
+    const NowPlayingView view = m_device.playing();
     want(m_slots[kState], word_of(view.status).key, now);
-    want(m_slots[kVolume], std::to_string(view.volume), now);
+    want(m_slots[kVolume], volume_text(m_device), now);
     want(m_slots[kSession], view.has_session ? kBegin : kEnd, now);
 }
 

@@ -21,7 +21,7 @@
 
 #include "common/unique_fd.h"
 #include "configuration/settings.h"
-#include "device/now_playing.h"
+#include "device/device_model.h"
 #include "watch/hook_process.h"
 
 namespace nuvio::host {
@@ -29,7 +29,7 @@ namespace nuvio::host {
 class Hooks {
   public:
     // Both borrowed.
-    Hooks(const Settings& settings, const NowPlaying& now_playing);
+    Hooks(const Settings& settings, const DeviceModel& device);
     ~Hooks() { stop(); }
     Hooks(const Hooks&) = delete;
     Hooks& operator=(const Hooks&) = delete;
@@ -37,7 +37,7 @@ class Hooks {
     // Once; the main thread's. Does nothing where no hook is set. Throws std::system_error without
     // a thread.
     void start();
-    // The observer of what plays: any thread, its lock held.
+    // What has changed of the device (device/changes.h); any thread, with locks held.
     void changed(uint32_t changes);
     // Tells the end of playback and session without a delay, gives each hook three seconds, and
     // waits for the thread.
@@ -73,7 +73,7 @@ class Hooks {
     static void report(Slot& slot, const std::string& event, const std::string& fault);
 
     const Settings& m_settings;
-    const NowPlaying& m_now_playing;
+    const DeviceModel& m_device;
     UniqueFd m_wake;  // eventfd
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
