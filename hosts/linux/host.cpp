@@ -105,7 +105,7 @@ void Host::preset_messages() {
     m_messages.preset(android::KORA_PLAYBACK_POSITION, "0");
     m_messages.preset(android::KORA_CURRENT_SOURCE, "0");
     m_messages.preset(android::KORA_PLAY_STATE, std::to_string(android::PLAY_STATE_STOPPED));
-    m_messages.preset(android::KORA_MUTE, "UNMUTE");
+    m_messages.preset(android::KORA_MUTE, mute_text(false));
     if (const auto volume = to_percent(m_settings.get(kHostInitialVolume))) {
         m_messages.preset(android::KORA_VOLUME, std::to_string(*volume));
     }

@@ -52,6 +52,15 @@ std::optional<int> to_percent(std::string_view text) {
     return number && *number >= 0 && *number <= 100 ? number : std::nullopt;
 }
 
+std::optional<bool> to_muted(std::string_view text) {
+    for (const bool muted : {true, false}) {
+        if (text == mute_text(muted)) {
+            return muted;
+        }
+    }
+    return std::nullopt;
+}
+
 bool is_unit_name(std::string_view text) {
     const auto in_names = [](char c) {
         return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||

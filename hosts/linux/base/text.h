@@ -19,6 +19,12 @@ bool is_printable_utf8(std::string_view text);
 // A whole number in plain decimal from 0 to 100, nothing before or behind it.
 std::optional<int> to_percent(std::string_view text);
 
+// The mute state as a message, and as the command for it; none for any other text.
+constexpr const char* mute_text(bool muted) {
+    return muted ? "MUTE" : "UNMUTE";
+}
+std::optional<bool> to_muted(std::string_view text);
+
 // The name of a systemd service or target.
 bool is_unit_name(std::string_view text);
 

@@ -22,7 +22,7 @@ bool is_volume(std::string_view text) {
     return to_percent(text).has_value();
 }
 bool is_mute(std::string_view text) {
-    return text == "MUTE" || text == "UNMUTE";
+    return to_muted(text).has_value();
 }
 
 struct Item {

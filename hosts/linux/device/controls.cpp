@@ -28,8 +28,8 @@ void Controls::set_volume(int percent) {
 }
 
 void Controls::set_mute(bool muted) {
-    if (!m_source_switch.has_output() || !command(muted ? "MUTE" : "UNMUTE")) {
-        m_messages.write(android::KORA_MUTE, muted ? "MUTE" : "UNMUTE");
+    if (!m_source_switch.has_output() || !command(mute_text(muted))) {
+        m_messages.write(android::KORA_MUTE, mute_text(muted));
     }
 }
 
@@ -44,12 +44,13 @@ bool Controls::write_message(int id, const std::string& text) {
             }
             return percent.has_value();
         }
-        case android::KORA_MUTE:
-            if (text != "MUTE" && text != "UNMUTE") {
-                return false;
+        case android::KORA_MUTE: {
+            const auto muted = to_muted(text);
+            if (muted) {
+                set_mute(*muted);
             }
-            set_mute(text == "MUTE");
-            return true;
+            return muted.has_value();
+        }
         case android::KORA_CURRENT_SOURCE:
             if (text == "0") {
                 give_back_output();

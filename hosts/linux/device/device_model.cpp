@@ -106,7 +106,7 @@ std::optional<int> DeviceModel::volume() const {
 bool DeviceModel::is_muted() const {
     std::string text;
     m_messages.read(android::KORA_MUTE, text);
-    return text == "MUTE";
+    return to_muted(text).value_or(false);
 }
 
 int DeviceModel::current_source() const {

@@ -95,7 +95,7 @@ bool SourceSwitch::owns_output() const {
 
 void SourceSwitch::set_owner(int source) {
     m_messages.write(android::KORA_CURRENT_SOURCE, std::to_string(source));
-    m_now_playing.set_has_output(source == android::SOURCE_TYPE_NUVIO_CONNECT);
+    m_now_playing.set_has_output(owns_output());
 }
 
 }  // namespace nuvio::host
