@@ -158,24 +158,12 @@ void Host::start() {
     }
 }
 
-// The item without which the service has nothing to run; empty when all is set.
-std::string Host::unset_credential() const {
-    for (const char* key : {KFeatureNuvioConnectApp_id, KFeatureNuvioConnectApp_secret}) {
-        if (m_settings.get(key).empty()) {
-            return key;
-        }
-    }
-    return {};
-}
-
 void Host::wait_for_end() {
     if (m_stopped) {
         return;
     }
     m_reported_ready = true;
-    const std::string unset = unset_credential();
-    sd_notifyf(0, "READY=1\nSTATUS=%s",
-               unset.empty() ? "Running" : ("Not set up: " + unset + " is not set").c_str());
+    sd_notify(0, "READY=1");
     const sigset_t signals = end_signals();
     while (sigwaitinfo(&signals, nullptr) < 0 && errno == EINTR) {
     }

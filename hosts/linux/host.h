@@ -58,7 +58,6 @@ class Host {
     void stop();
     void stop_for_good();
     void report_stopping() const;
-    std::string unset_credential() const;
 
     Settings m_settings;  // const once started
     NotificationPool m_pool;

@@ -82,7 +82,7 @@ void Mpris::seek_by(int64_t offset_us) {
     // Both far from overflow: a position a seek can carry, and a 64-bit count of microseconds.
     const int64_t target =
         std::clamp<int64_t>(from + offset_us / kUsPerMs, 0, Controls::kMaxSeekMs);
-    const int64_t length = now.track ? now.track->length_ms : 0;
+    const int64_t length = now.length_ms();
     if (length > 0 && target > length) {
         m_controls.command("NEXT");
     } else {
@@ -94,7 +94,7 @@ void Mpris::seek_by(int64_t offset_us) {
 void Mpris::seek_to(const char* track, int64_t position_us) {
     const NowPlayingView now = view();
     if (!now.actions.seek || !now.track || track_path(*now.track) != track || position_us < 0 ||
-        (now.track->length_ms > 0 && position_us > now.track->length_ms * kUsPerMs)) {
+        (now.length_ms() > 0 && position_us > now.length_ms() * kUsPerMs)) {
         return;
     }
     seek(position_us / kUsPerMs);

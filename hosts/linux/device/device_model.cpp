@@ -6,6 +6,7 @@
 #include "base/text.h"
 #include "common/number.h"
 #include "configuration/identity.h"
+#include "platform/Environment.h"
 #include "platform/Kora.h"
 
 namespace nuvio::host {
@@ -89,6 +90,15 @@ DeviceState DeviceModel::state() const {
             .volume = volume(),
             .muted = is_muted(),
             .service = ask_service()};
+}
+
+std::string DeviceModel::missing_setting() const {
+    for (const char* key : {KFeatureNuvioConnectApp_id, KFeatureNuvioConnectApp_secret}) {
+        if (m_settings.get(key).empty()) {
+            return key;
+        }
+    }
+    return {};
 }
 
 std::string DeviceModel::name() const {

@@ -73,6 +73,8 @@ class DeviceModel {
 
     DeviceState state() const;
 
+    // The setting without which the service has nothing to run; empty when all is set.
+    std::string missing_setting() const;
     // The name given to the device, else the machine's.
     std::string name() const;
     // In percent; none while nobody has set one.

@@ -57,12 +57,12 @@ void NowPlaying::changed(uint32_t changes) const {
 }
 
 int64_t NowPlaying::position_at(Clock::time_point now) const {
-    if (m_view.status != android::PLAY_STATE_PLAYING) {
+    if (!m_view.is_playing()) {
         return m_view.position_ms;
     }
     const int64_t passed = std::chrono::duration_cast<milliseconds>(now - m_reported).count();
     const int64_t position = m_view.position_ms + std::clamp<int64_t>(passed, 0, kReportIntervalMs);
-    const int64_t length = m_view.track ? m_view.track->length_ms : 0;
+    const int64_t length = m_view.length_ms();
     return length > 0 ? std::max(std::min(position, length), m_view.position_ms) : position;
 }
 
@@ -80,15 +80,14 @@ void NowPlaying::set_status(android::EPlayState status, Clock::time_point now) {
 void NowPlaying::set_position(int64_t position_ms, Clock::time_point now) {
     const std::lock_guard lock(m_mutex);
     const int64_t expected = position_at(now);
-    const int64_t length = m_view.track ? m_view.track->length_ms : 0;
+    const int64_t length = m_view.length_ms();
     if (expected + kHandOverMs > length && position_ms < expected &&
         position_ms + kHandOverMs > expected && length > 0) {
         return;
     }
     m_view.position_ms = std::clamp<int64_t>(position_ms, 0, kMaxPositionMs);
     m_reported = now;
-    const bool jumped = m_view.status != android::PLAY_STATE_STOPPED &&
-                        std::abs(m_view.position_ms - expected) > kJumpMs;
+    const bool jumped = !m_view.is_stopped() && std::abs(m_view.position_ms - expected) > kJumpMs;
     changed(bit_if(jumped, kPlayerSeeked));
 }
 
@@ -116,9 +115,8 @@ void NowPlaying::set_has_output(bool has_output) {
 }
 
 uint32_t NowPlaying::look_for_session() {
-    const bool is_stopped = m_view.status == android::PLAY_STATE_STOPPED;
     const bool goes_on = m_view.has_session && m_view.track.has_value();
-    const bool has_session = m_has_output && (!is_stopped || goes_on);
+    const bool has_session = m_has_output && (!m_view.is_stopped() || goes_on);
     return bit_if(std::exchange(m_view.has_session, has_session) != has_session, kPlayerSession);
 }
 

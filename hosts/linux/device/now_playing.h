@@ -72,6 +72,11 @@ struct NowPlayingView {
     // From the first sound that is more than stopped with the output in hand until the music is
     // over (stopped, and cleared) or the output is another's.
     bool has_session = false;
+
+    bool is_stopped() const { return status == android::PLAY_STATE_STOPPED; }
+    bool is_playing() const { return status == android::PLAY_STATE_PLAYING; }
+    // 0: not known.
+    int64_t length_ms() const { return track ? track->length_ms : 0; }
 };
 
 class NowPlaying {

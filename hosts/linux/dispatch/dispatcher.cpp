@@ -37,7 +37,8 @@ int timeout_until(const std::optional<std::chrono::steady_clock::time_point>& de
 
 Dispatcher::Dispatcher(Controls& controls, const DeviceModel& device, NetworkMonitor& network,
                        StateStore& state, const Settings& settings)
-    : m_network(network),
+    : m_device(device),
+      m_network(network),
       m_state(state),
       m_wake(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       m_mpris(controls, device),
@@ -109,6 +110,7 @@ int Dispatcher::set_up(sd_bus* bus) {
 }
 
 void Dispatcher::run() {
+    report_status(m_device);
     m_metrics.open();
     m_link.open();
     while (!m_stop) {
@@ -139,7 +141,7 @@ void Dispatcher::publish() {
     sd_bus* const bus = m_link.ready();
     m_mpris.publish(bus, notices.changes);
     if ((notices.changes & (kPlayerStatus | kPlayerTrack)) != 0) {
-        report_status(m_mpris.view());
+        report_status(m_device);
     }
     if (bus == nullptr) {
         return;

@@ -66,6 +66,7 @@ class Dispatcher {
     void wake();
     int set_up(sd_bus* bus);
 
+    const DeviceModel& m_device;
     NetworkMonitor& m_network;
     StateStore& m_state;
     UniqueFd m_wake;  // eventfd
