@@ -1,6 +1,7 @@
 #include "device/device_model.h"
 
 #include <atomic>
+#include <ctime>
 #include <mutex>
 
 #include "base/text.h"
@@ -74,6 +75,18 @@ ServiceState ask_service() {
 
 }  // namespace
 
+std::optional<int64_t> ServiceState::error_unix_time() const {
+    tm parts{};
+    const bool is_time =
+        error_time && strptime(error_time->c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts) != nullptr;
+    return is_time ? std::optional<int64_t>(timegm(&parts)) : std::nullopt;
+}
+
+std::optional<double> ServiceState::buffer_seconds() const {
+    const bool is_known = buffer_frames && stream.rate && *stream.rate > 0;
+    return is_known ? std::optional(1.0 * *buffer_frames / *stream.rate) : std::nullopt;
+}
+
 void set_service_report(ServiceReport report) {
     service_report = report;
 }
@@ -85,6 +98,7 @@ void set_sound_note(const std::string& changed) {
 
 DeviceState DeviceModel::state() const {
     return {.name = name(),
+            .version = NUVIO_VERSION,
             .uptime = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - m_started),
             .playing = playing(),
             .volume = volume(),

@@ -44,10 +44,14 @@ struct ServiceState {
     std::optional<std::string> bit_exact_why;
     std::optional<int32_t> buffer_frames;
     std::optional<int32_t> period_frames;
+
+    std::optional<int64_t> error_unix_time() const;  // s since 1970
+    std::optional<double> buffer_seconds() const;
 };
 
 struct DeviceState {
     std::string name;
+    std::string version;  // of the host
     std::chrono::seconds uptime;
     NowPlayingView playing;
     std::optional<int> volume;

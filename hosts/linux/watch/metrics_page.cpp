@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdio>
-#include <ctime>
 #include <string_view>
 
 namespace nuvio::host {
@@ -10,17 +9,6 @@ namespace nuvio::host {
 namespace {
 
 using Value = std::optional<double>;
-
-Value seconds_of(std::optional<int32_t> frames, std::optional<int32_t> rate) {
-    return frames && rate && *rate > 0 ? Value(1.0 * *frames / *rate) : std::nullopt;
-}
-
-Value time_of(const std::optional<std::string>& utc) {
-    tm parts{};
-    return utc && strptime(utc->c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts) != nullptr
-               ? Value(timegm(&parts))
-               : std::nullopt;
-}
 
 struct Metric {
     const char* name;
@@ -38,7 +26,7 @@ constexpr std::array<Metric, 13> kMetrics = {{
     {"underruns_total", "counter", "Underruns of the output since the start.",
      [](const DeviceState& of) -> Value { return of.service.underruns; }},
     {"last_error_timestamp_seconds", "gauge", "When the last error was logged.",
-     [](const DeviceState& of) -> Value { return time_of(of.service.error_time); }},
+     [](const DeviceState& of) -> Value { return of.service.error_unix_time(); }},
     {"volume_percent", "gauge", "The volume control.",
      [](const DeviceState& of) -> Value { return of.volume; }},
     {"muted", "gauge", "1: no sound.",
@@ -54,9 +42,7 @@ constexpr std::array<Metric, 13> kMetrics = {{
     {"bit_exact", "gauge", "1: samples reach the card unchanged.",
      [](const DeviceState& of) -> Value { return of.service.bit_exact; }},
     {"buffer_seconds", "gauge", "What the output holds at most.",
-     [](const DeviceState& of) {
-         return seconds_of(of.service.buffer_frames, of.service.stream.rate);
-     }},
+     [](const DeviceState& of) -> Value { return of.service.buffer_seconds(); }},
 }};
 
 // The two lines of explanation.
@@ -87,7 +73,7 @@ std::string label(const char* name, std::string_view value) {
 std::string metrics_page(const DeviceState& state) {
     std::string page = head("info", "gauge", "Name and versions.");
     page += sample("info",
-                   label("name", state.name) + "," + label("host", NUVIO_VERSION) + "," +
+                   label("name", state.name) + "," + label("host", state.version) + "," +
                        label("service", state.service.version.value_or("")) + "," +
                        label("sdk", state.service.sdk_version.value_or("")),
                    1);

@@ -75,7 +75,7 @@ std::string status_json(const DeviceState& state) {
     add(sessions, "active", state.playing.has_session);
     add(status, "uptime_s", int64_t{state.uptime.count()});
     cJSON* const versions = add_object(status, "versions");
-    add(versions, "host", NUVIO_VERSION);
+    add(versions, "host", state.version);
     add(versions, "service", service.version);
     add(versions, "sdk", service.sdk_version);
     add(versions, "alsa", service.alsa_version);
