@@ -212,7 +212,7 @@ export function show_playing(main) {
   const track = device.track;
   main.replaceChildren(element("div", { class: "player" + (device.pending ? " pending" : "") },
     cover(track.cover, "large"),
-    element("div", {}, element("h1", { tabindex: -1 }, track.title || "Untitled"),
+    element("div", {}, element("h1", { tabindex: -1 }, track.title),
       element("p", { class: "cut" }, track.artist), element("p", { class: "quiet cut" }, track.album),
       element("p", { class: "quiet", id: "format" }, format_text(device))),
     seek_row(device),

@@ -48,6 +48,11 @@ size_t bytes_of(const QueueItem& item) {
            item.album.size() + item.cover.size();
 }
 
+// What the track is called where it is shown.
+std::string title_of(const QueueItem& item) {
+    return !item.title.empty() ? item.title : !item.url.empty() ? item.url : "Untitled";
+}
+
 }  // namespace
 
 bool DeviceState::apply(const cJSON* message, Clock::time_point now, int64_t now_unix_ms) {
@@ -136,7 +141,7 @@ bool DeviceState::apply_error(const cJSON* message) {
     m_problem = text_of(message, "reason");
     const std::optional<int64_t> item = number_member(message, "item");
     if (const QueueItem* about = item ? find(*item) : nullptr) {
-        m_problem = about->title + ": " + m_problem;
+        m_problem = title_of(*about) + ": " + m_problem;
     }
     ++m_problem_count;
     return true;
@@ -201,22 +206,21 @@ void DeviceState::describe(cJSON* object, Clock::time_point now) const {
     add(object, "queue_length", m_length);
     add(object, "problem_count", m_problem_count);
     add(object, "problem", m_problem);
-    const QueueItem* queued = m_item ? find(*m_item) : nullptr;
+    const QueueItem* found = m_item ? find(*m_item) : nullptr;
     const bool is_heard = m_track.item.has_value();
-    if (!is_heard && queued == nullptr) {
+    if (!is_heard && found == nullptr) {
         return;
     }
+    const QueueItem queued = found != nullptr ? *found : QueueItem();
     JsonPtr track = new_object();
-    const auto text = [&](const char* key, const std::string& heard,
-                          std::string QueueItem::*asked) {
-        add(track.get(), key, heard.empty() && queued != nullptr ? queued->*asked : heard);
+    const auto text = [&](const char* key, const std::string& heard, const std::string& asked) {
+        add(track.get(), key, heard.empty() ? asked : heard);
     };
-    text("title", m_track.title, &QueueItem::title);
-    text("artist", m_track.artist, &QueueItem::artist);
-    text("album", m_track.album, &QueueItem::album);
-    text("cover", "", &QueueItem::cover);
-    add(track.get(), "duration_ms",
-        is_heard || queued == nullptr ? m_track.duration_ms : queued->duration_ms);
+    text("title", m_track.title, title_of(queued));
+    text("artist", m_track.artist, queued.artist);
+    text("album", m_track.album, queued.album);
+    add(track.get(), "cover", queued.cover);
+    add(track.get(), "duration_ms", is_heard ? m_track.duration_ms : queued.duration_ms);
     add(track.get(), "seekable", m_track.is_seekable);
     add(track.get(), "rate_hz", m_track.rate_hz);
     add(track.get(), "channels", m_track.channels);
@@ -231,7 +235,7 @@ JsonPtr DeviceState::describe_queue() const {
     for (const auto& [place, item] : m_queue) {
         JsonPtr entry = new_object();
         add(entry.get(), "item", item.item);
-        add(entry.get(), "title", item.title.empty() ? item.url : item.title);
+        add(entry.get(), "title", title_of(item));
         add(entry.get(), "artist", item.artist);
         add(entry.get(), "album", item.album);
         add(entry.get(), "cover", item.cover);

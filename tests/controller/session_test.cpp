@@ -79,6 +79,21 @@ TEST_F(DeviceStateTest, a_queue_comes_in_any_parts_and_a_new_revision_replaces_i
     EXPECT_EQ(m_state.missing_place(), std::nullopt);
 }
 
+// The device has found none, and nobody who asked for the track has said one.
+TEST_F(DeviceStateTest, a_track_without_a_title_is_called_the_same_wherever_it_is_shown) {
+    ASSERT_TRUE(say(R"({"type":"queue","revision":1,"length":1,"first":0,"items":[
+        {"item":98,"url":"http://away/a"}]})"));
+    ASSERT_TRUE(say(R"({"type":"state","playback":"playing","item":98})"));
+    ASSERT_TRUE(say(R"({"type":"track","item":98})"));
+    ASSERT_TRUE(say(R"({"type":"error","item":98,"reason":"gone"})"));
+    const JsonPtr shown = new_object();
+    m_state.describe(shown.get(), m_start);
+    EXPECT_EQ(text_member(member(shown.get(), "track"), "title"), "http://away/a");
+    EXPECT_EQ(text_member(shown.get(), "problem"), "http://away/a: gone");
+    EXPECT_THAT(print_json(m_state.describe_queue().get()),
+                testing::HasSubstr(R"("title":"http://away/a")"));
+}
+
 TEST_F(DeviceStateTest, whatever_a_device_sends_is_bounded) {
     EXPECT_FALSE(say(R"({"type":"state","playback":"<b>"})"));
     EXPECT_TRUE(say(R"({"type":"state","playback":"playing","volume":1e99,"position_ms":1e15,
