@@ -81,16 +81,20 @@ std::string shown(const cJSON* object, const char* key) {
     return printable(text_member(object, key).value_or(""));
 }
 
+std::string status_text(const cJSON* device) {
+    const std::string status = shown(device, "status");
+    return status == "absent"   ? "not on the network"
+           : status == "failed" ? "can't be reached: " + shown(device, "failure")
+           : status == "asking" ? "is being reached"
+           : status == "other"  ? "used by another controller"
+           : status == "apart"  ? "plays on, its connection is expected back"
+           : status == "ours"   ? shown(device, "playback")
+                                : "free";
+}
+
 void show_device(const cJSON* device) {
-    const std::string session = shown(device, "session");
-    const std::string reach = shown(device, "reach");
     const cJSON* track = member(device, "track");
-    std::string doing = bool_member(device, "present") == false ? "not on the network"
-                        : reach == "failed"  ? "can't be reached: " + shown(device, "failure")
-                        : reach == "asking"  ? "is being reached"
-                        : session == "other" ? "used by another controller"
-                        : session == "us"    ? shown(device, "playback")
-                                             : "free";
+    std::string doing = status_text(device);
     if (track != nullptr) {
         doing += "  " + shown(track, "title");
         const std::string artist = shown(track, "artist");

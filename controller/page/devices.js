@@ -1,22 +1,21 @@
 // The devices: what each plays, its volume; which one the other screens are about.
 import { cover, element, icon_button, request } from "./elements.js";
-import { command, devices, select, selected, state } from "./state.js";
+import { command, devices, select, selected, state, toggle_play } from "./state.js";
 
 const kQualities = { CD: "16 bit / 48 kHz", HI_RES_LEVEL_1: "24 bit / 96 kHz",
                      HI_RES_LEVEL_2: "24 bit / 192 kHz", HI_RES_LEVEL_3: "24 bit / 768 kHz" };
 
 function what_it_does(device) {
-  if (!device.present && !device.connected) return ["Not on the network", "quiet"];
-  if (device.reach === "failed") {
-    return ["Can't be reached: " + device.failure + ". Is it switched on and in this network?", "warn"];
-  }
-  if (device.reach === "asking" && !device.connected) return ["Is being reached …", "quiet"];
-  if (device.session === "other") return ["Another controller plays here. Playing something takes it over.", "warn"];
-  if (device.session !== "us") {
-    return ["Free" + (kQualities[device.quality] ? ", up to " + kQualities[device.quality] : ""), "quiet"];
-  }
-  if (!device.connected) return ["Plays on; its connection is expected back …", "warn"];
-  return [{ playing: "Playing", paused: "Paused", stopped: "Stopped" }[device.playback], "quiet"];
+  const texts = {
+    absent: ["Not on the network", "quiet"],
+    failed: ["Can't be reached: " + device.failure + ". Is it switched on and in this network?", "warn"],
+    asking: ["Is being reached …", "quiet"],
+    other: ["Another controller plays here. Playing something takes it over.", "warn"],
+    free: ["Free" + (kQualities[device.quality] ? ", up to " + kQualities[device.quality] : ""), "quiet"],
+    apart: ["Plays on; its connection is expected back …", "warn"],
+    ours: [{ playing: "Playing", paused: "Paused", stopped: "Stopped" }[device.playback], "quiet"],
+  };
+  return texts[device.status] || ["", "quiet"];  // kept by an older page
 }
 
 // A slider that follows the device but not under the finger; the device has the last word.
@@ -62,9 +61,7 @@ function card(device, is_selected) {
       element("span", { class: "grow" }, element("span", { class: "cut" }, device.track.title),
               element("span", { class: "cut quiet" }, device.track.artist)),
       icon_button(is_playing ? "pause" : "play", (is_playing ? "Pause " : "Play ") + device.name,
-                  () => command(device, is_playing ? "pause" : "play", {},
-                                { playback: is_playing ? "paused" : "playing" }),
-                  { "data-key": "play-" + device.id })) : null,
+                  () => toggle_play(device), { "data-key": "play-" + device.id })) : null,
     device.connected ? volume_row(device) : null);
 }
 

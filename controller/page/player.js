@@ -1,6 +1,6 @@
 // The queue, what plays now, and the small line about it above the screens' names.
 import { attempt, cover, element, icon, icon_button, request, time_text, toast } from "./elements.js";
-import { command, devices, position_ms, select, selected, state } from "./state.js";
+import { command, devices, position_ms, select, selected, state, toggle_play } from "./state.js";
 import { volume_row } from "./devices.js";
 
 const kLoops = ["off", "all", "one"];
@@ -17,11 +17,6 @@ function nothing_here(device, text) {
                                   : "No device is on the network. "),
           element("p", {}, element("a", { class: "button", href: device ? "#library" : "#devices" },
                                    device ? "Choose some music" : "Look at the devices"))];
-}
-
-function toggle_play(device) {
-  const is_playing = device.playback === "playing";
-  command(device, is_playing ? "pause" : "play", {}, { playback: is_playing ? "paused" : "playing" });
 }
 
 // ---- Queue --------------------------------------------------------------------------------------

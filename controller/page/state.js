@@ -165,6 +165,11 @@ export async function command(device, name, body = {}, shown = {}) {
   return done;
 }
 
+export function toggle_play(device) {
+  const is_playing = device.playback === "playing";
+  return command(device, is_playing ? "pause" : "play", {}, { playback: is_playing ? "paused" : "playing" });
+}
+
 export async function play(what, { where = "now", start = 0 } = {}) {
   const device = selected();
   if (!device) {

@@ -27,6 +27,19 @@ bool is_uuid(std::string_view text) {
     });
 }
 
+// The one thing about it that a person is told first. What is connected plays here, whatever else
+// is heard of it.
+const char* status_of(const Device& device) {
+    const bool is_connected = device.link != nullptr;
+    return !is_connected && !device.is_present              ? "absent"
+           : !is_connected && device.reach == Reach::failed ? "failed"
+           : !is_connected && device.reach == Reach::asking ? "asking"
+           : device.owner == Owner::other                   ? "other"
+           : device.owner == Owner::nobody                  ? "free"
+           : is_connected                                   ? "ours"
+                                                            : "apart";
+}
+
 void describe_device(cJSON* object, const std::string& id, const Device& device) {
     constexpr std::array kReach{"asking", "reached", "failed"};
     constexpr std::array kOwner{"nobody", "us", "other"};
@@ -36,6 +49,7 @@ void describe_device(cJSON* object, const std::string& id, const Device& device)
     add(object, "model", device.model);
     add(object, "quality", device.quality);
     add(object, "kind", device.kind);
+    add(object, "status", status_of(device));
     add(object, "present", device.is_present);
     add(object, "reach", kReach[static_cast<size_t>(device.reach)]);
     add(object, "failure", device.failure);

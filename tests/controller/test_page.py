@@ -256,6 +256,7 @@ class Page(HouseTest):
         attic.daemon.send_signal(signal.SIGKILL)
         attic.daemon.wait()
         phone.shows("Not on the network")
+        self.assertRegex(self.command("devices"), r"(?m)^Attic +not on the network$")
         phone.press("Choose Attic")
         phone.open(f"#library/album/{self.first_album()['id']}")
         phone.press("Play")
@@ -286,6 +287,7 @@ class Page(HouseTest):
 
         kitchen.play(kitchen.folder / "library/1/0.flac")  # as another controller does
         phone.shows("Another controller plays here")
+        self.assertRegex(self.command("devices"), r"(?m)^Larder +used by another controller$")
         self.assertIsNone(self.command("pause", "Larder", check=False))
         self.command("play", "Larder", "köln")
         wait_for("taken back", lambda: self.shown("Larder").get("playback") == "playing")
