@@ -246,14 +246,14 @@ bool Core::report_settings() {
                                         media.context);
         progress = true;
     }
-    if (m_settings.volume_known && m_reported.volume != m_settings.volume) {
+    if (m_settings.volume && m_reported.volume != m_settings.volume) {
         m_reported.volume = m_settings.volume;
-        media.volume_changed(m_handle, m_settings.volume, media.context);
+        media.volume_changed(m_handle, *m_settings.volume, media.context);
         progress = true;
     }
-    if (m_settings.mute_known && m_reported.muted != m_settings.muted) {
+    if (m_settings.muted && m_reported.muted != m_settings.muted) {
         m_reported.muted = m_settings.muted;
-        media.mute_state_changed(m_handle, m_settings.muted, media.context);
+        media.mute_state_changed(m_handle, *m_settings.muted, media.context);
         progress = true;
     }
     return progress;

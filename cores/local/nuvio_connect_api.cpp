@@ -223,10 +223,13 @@ nuv_error nuv_connect_set_device_name(nuv_connect* core, const char* device_name
 // ---- Queries ----------------------------------------------------------------------------------
 
 nuv_error nuv_connect_get_volume(nuv_connect* core, uint32_t* volume) {
-    return query(core, volume, [](const auto& control) { return control.settings().volume; });
+    return query(core, volume, [](const auto& control) {
+        return control.settings().volume.value_or(local_core::PlaybackSettings::kAssumedVolume);
+    });
 }
 nuv_error nuv_connect_get_mute_state(nuv_connect* core, bool* muted) {
-    return query(core, muted, [](const auto& control) { return control.settings().muted; });
+    return query(core, muted,
+                 [](const auto& control) { return control.settings().muted.value_or(false); });
 }
 nuv_error nuv_connect_get_shuffle_mode(nuv_connect* core, bool* shuffle) {
     return query(core, shuffle, [](const auto& control) { return control.settings().shuffle; });

@@ -13,6 +13,12 @@ namespace {
 constexpr uint64_t kTellingPauseMs = 100;
 constexpr uint64_t kPositionPauseMs = 10'000;
 
+uint64_t unix_ms() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(
+        std::max<int64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count(), 0));
+}
+
 NamedTrack named(const Track& track) {
     return {track.remote ? track.location : file_url_from_path(track.location),
             track.title,
@@ -61,7 +67,8 @@ void RemoteReport::tell(Link& link, uint64_t connection, const PlaybackSettings&
         m_told->view.text_count != view.text_count) {
         link.put(connection, Link::Slot::track, track_text());
     }
-    link.put(connection, Link::Slot::state, state_text(settings, view));
+    const uint64_t position_ms = m_player.position_ms();
+    link.put(connection, Link::Slot::state, write_state(view, settings, position_ms, unix_ms()));
     m_told = Told{settings, view};
     m_told_ms = now_ms;
     if (plays) {
@@ -116,27 +123,6 @@ std::string RemoteReport::track_text() const {
                              texts.album,   texts.album_art_url, info.duration_ms(),
                              info.seekable, info.format,         info.conversion()};
     return write_track(&track);
-}
-
-std::string RemoteReport::state_text(const PlaybackSettings& settings,
-                                     const PlayerView& view) const {
-    StateMessage state;
-    state.playback = view.state;
-    state.active = view.active;
-    state.item = view.track;
-    state.position_ms = m_player.position_ms();
-    const auto now = std::chrono::system_clock::now().time_since_epoch();
-    state.taken_ms = static_cast<uint64_t>(
-        std::max<int64_t>(std::chrono::duration_cast<std::chrono::milliseconds>(now).count(), 0));
-    if (settings.volume_known) {
-        state.volume = settings.volume;
-    }
-    state.muted = settings.muted;
-    state.shuffle = settings.shuffle;
-    state.loop_mode = settings.loop_mode;
-    state.has_next = view.has_next;
-    state.has_previous = view.has_previous;
-    return write_state(state);
 }
 
 }  // namespace local_core

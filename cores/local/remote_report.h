@@ -51,7 +51,6 @@ class RemoteReport {
     void set_timer(uint64_t due_ms);
     std::string hello_text(const PlaybackSettings& settings) const;
     std::string track_text() const;
-    std::string state_text(const PlaybackSettings& settings, const PlayerView& view) const;
 
     uv_loop_t* const m_loop;
     HelloMessage m_device;

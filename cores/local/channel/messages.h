@@ -10,6 +10,7 @@
 #include <variant>
 #include <vector>
 
+#include "local/playback/player_view.h"
 #include "local/playback/verb.h"
 #include "sdk/nuvio_connect.h"
 
@@ -80,23 +81,11 @@ struct TrackMessage {
     std::string converted;  // from what to what; empty: it is heard as it was decoded
 };
 
-struct StateMessage {
-    nuv_playback_state playback = NUV_PLAYBACK_STATE_STOPPED;
-    bool active = false;
-    std::optional<uint64_t> item;
-    uint64_t position_ms = 0;
-    uint64_t taken_ms = 0;  // since 1970
-    std::optional<uint32_t> volume;
-    bool muted = false;
-    bool shuffle = false;
-    nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
-    bool has_next = false;
-    bool has_previous = false;
-};
-
 std::string write_hello(const HelloMessage& hello);
 std::string write_track(const TrackMessage* track);  // null: nothing is heard
-std::string write_state(const StateMessage& state);
+// `taken_ms`: when the position was that, since 1970.
+std::string write_state(const PlayerView& view, const PlaybackSettings& settings,
+                        uint64_t position_ms, uint64_t taken_ms);
 std::string write_done(const std::string& id);
 std::string write_refused(const Refusal& refusal);  // without an id: an error message
 std::string write_error(const std::string& error, std::optional<uint64_t> item,

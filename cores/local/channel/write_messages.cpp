@@ -74,20 +74,21 @@ std::string write_track(const TrackMessage* track) {
     return text_of(message);
 }
 
-std::string write_state(const StateMessage& state) {
+std::string write_state(const PlayerView& view, const PlaybackSettings& settings,
+                        uint64_t position_ms, uint64_t taken_ms) {
     const JsonPtr message = message_of("state");
     cJSON* const object = message.get();
-    add(object, "playback", kPlaybackTexts[state.playback]);
-    add(object, "active", state.active);
-    add(object, "item", state.item);
-    add(object, "position_ms", state.position_ms);
-    add(object, "taken_ms", state.taken_ms);
-    add(object, "volume", state.volume);
-    add(object, "muted", state.muted);
-    add(object, "shuffle", state.shuffle);
-    add(object, "loop", kLoopTexts[state.loop_mode]);
-    add(object, "has_next", state.has_next);
-    add(object, "has_previous", state.has_previous);
+    add(object, "playback", kPlaybackTexts[view.state]);
+    add(object, "active", view.active);
+    add(object, "item", view.track);
+    add(object, "position_ms", position_ms);
+    add(object, "taken_ms", taken_ms);
+    add(object, "volume", settings.volume);
+    add(object, "muted", settings.muted.value_or(false));
+    add(object, "shuffle", settings.shuffle);
+    add(object, "loop", kLoopTexts[settings.loop_mode]);
+    add(object, "has_next", view.has_next);
+    add(object, "has_previous", view.has_previous);
     return text_of(message);
 }
 

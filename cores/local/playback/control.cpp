@@ -125,17 +125,11 @@ void Control::set_device_name(const char* name) {
 }
 
 void Control::set_volume(uint32_t percent) {
-    change_settings([percent](PlaybackSettings& settings) {
-        settings.volume = percent;
-        settings.volume_known = true;
-    });
+    change_settings([percent](PlaybackSettings& settings) { settings.volume = percent; });
 }
 
 void Control::set_muted(bool muted) {
-    change_settings([muted](PlaybackSettings& settings) {
-        settings.muted = muted;
-        settings.mute_known = true;
-    });
+    change_settings([muted](PlaybackSettings& settings) { settings.muted = muted; });
 }
 
 void Control::set_shuffle(bool shuffle) {

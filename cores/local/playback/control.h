@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "local/playback/player_view.h"
 #include "local/playback/session.h"
 #include "local/playback/verb.h"
 #include "local/track/track_texts.h"
@@ -39,36 +40,6 @@ struct Command {
     // As they were when it was given: a "next" before a "shuffle" is the next in the old order.
     nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
     bool shuffle = false;
-};
-
-// Values that a call sets and a later pass of the loop acts on.
-struct PlaybackSettings {
-    std::string device_name;
-    uint32_t volume = 50;  // percent
-    bool muted = false;
-    // Set at least once: before that the value is only a guess.
-    bool volume_known = false;
-    bool mute_known = false;
-    bool shuffle = false;
-    nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
-
-    bool operator==(const PlaybackSettings&) const = default;
-};
-
-// How the player stands, for the queries and the checks of later control calls.
-struct PlayerView {
-    nuv_playback_state state = NUV_PLAYBACK_STATE_STOPPED;   // as the renderer confirmed it
-    nuv_playback_state wanted = NUV_PLAYBACK_STATE_STOPPED;  // when all notes are carried out
-    bool active = false;
-    bool has_next = false;
-    bool has_previous = false;
-    std::optional<size_t> track;  // the current one of the session
-    uint64_t list_revision = 0;   // of the session
-    uint64_t stream_id = 0;       // of the stream that is heard; 0: none
-    uint64_t text_count = 0;      // of changes of its texts so far
-    uint64_t seek_count = 0;      // so far
-
-    bool operator==(const PlayerView&) const = default;
 };
 
 class Control {
