@@ -1,12 +1,16 @@
 #include "controller/serve.h"
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <csignal>
 #include <exception>
 #include <filesystem>
 #include <system_error>
 
+#include "common/unique_fd.h"
 #include "controller/base/changes.h"
 #include "controller/base/log.h"
 #include "controller/device/http_client.h"
@@ -19,7 +23,18 @@ namespace nuvio::controller {
 
 namespace {
 
+// Two would take each other's library for damaged. Held until the process ends; a file system that
+// knows no locks keeps nobody out.
+UniqueFd only_one_at(const std::string& state_folder) {
+    UniqueFd folder(open(state_folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (folder && flock(folder.get(), LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {
+        throw std::runtime_error("another controller keeps its state in " + state_folder);
+    }
+    return folder;
+}
+
 void run(const Settings& settings, const sigset_t& signals) {
+    const UniqueFd only_one = only_one_at(settings.state_folder);
     Changes changes;
     Library library(settings.music, settings.state_folder, [&changes] { changes.announce(); });
     House house(library, changes, settings.state_folder, settings.port);

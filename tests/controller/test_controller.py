@@ -11,7 +11,7 @@ import subprocess
 import threading
 import time
 
-from house import PATIENCE, SECONDS, SESAME, HouseTest, free_port, memory_of, wait_for
+from house import PATIENCE, SECONDS, SESAME, HouseTest, e2e, free_port, memory_of, wait_for
 
 
 class CommandLine(HouseTest):
@@ -73,6 +73,11 @@ class CommandLine(HouseTest):
         kept, uuid = self.folder / "state-of-controller/sessions.json", self.shown("Kitchen")["id"]
         wait_for("its token's end", lambda: uuid not in kept.read_text())
         self.assertIsNone(self.command("connect", "Cellar", "x", check=False))
+        second = subprocess.run([*e2e.program("nuvio-connect-controller"), "serve", "--music", self.music, "--port",
+                                 str(free_port()), "--state", kept.parent], env=self.environment,
+                                capture_output=True, text=True, timeout=30)
+        self.assertEqual(second.returncode, 1)
+        self.assertIn("another controller keeps its state in", second.stderr)
 
 
 class Addresses(HouseTest):
