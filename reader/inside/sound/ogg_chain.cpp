@@ -91,12 +91,10 @@ class Chain {
         return last;
     }
 
-    // The input's, or before the page that its end cuts off.
+    // Of the page behind it, where that is whole: what stands behind a sound, a tag, is no page.
     uint64_t end_behind(const Page& last) {
-        const std::string rest = bytes_at(m_input, last.end, kMaxPageBytes);
-        const auto page = page_in(rest, 0, last.end);
-        const bool is_cut = page ? page->end > m_length : rest.starts_with(kName);
-        return is_cut ? last.end : m_length;
+        const auto page = page_in(bytes_at(m_input, last.end, kMaxPageBytes), 0, last.end);
+        return page && page->end <= m_length ? page->end : last.end;
     }
 
     // The streams that begin there.

@@ -8,7 +8,7 @@
 
 namespace nuvio::reader {
 
-// In bytes; without a page that was cut off.
+// In bytes; without a page that was cut off, or a tag behind the last one.
 struct OggPiece {
     uint64_t begin, end;
 };
