@@ -85,8 +85,9 @@ class Browser:
 
     def drag(self, selector, *events):
         """A finger on a slider: parts of its width, and scripts to run between them."""
-        left, top, width, height = self.run("""const box = document.querySelector(arguments[0]).getBoundingClientRect();
-            return [box.left, box.top, box.width, box.height]""", selector)
+        left, top, width, height = wait_for(selector, lambda: self.run("""
+            const box = document.querySelector(arguments[0])?.getBoundingClientRect();
+            return box && [box.left, box.top, box.width, box.height]""", selector))
         kind = "touchStart"
         for event in events:
             if isinstance(event, str):
