@@ -216,12 +216,13 @@ class Hooks(HostTest):
                                 if line.startswith(kinds)]
         self.start()
         wait_for("how things stand", lambda: told.exists() and len(lines("stopped", "lamp")) == 2)
+        self.player("volume", "0")  # the first that there is
+        wait_for("a hook that hangs", lambda: lines("volume 0"))
         self.play(self.music)
         wait_for("playing", lambda: lines("playing") and lines("lamp@begin.service"))
         for words, status in (("pause", "Paused"), ("play", "Playing")):  # no click between
             self.player(words)
             self.wait_for_status(status)
-        wait_for("a hook that hangs", lambda: lines("volume"))  # for the mixer's
         for percent in 10, 30, 70:
             self.player("volume", str(percent / 100))
         wait_for("the last volume", lambda: lines("volume")[1:])

@@ -30,7 +30,6 @@ class Mpris {
     // What the bus asks for (mpris_interface.h).
     Controls& controls() { return m_controls; }
     const DeviceModel& device() const { return m_device; }
-    NowPlayingView view() const { return m_device.playing(); }
     void preview_start();
     void play_pause();
     void seek_by(int64_t offset_us);
@@ -38,6 +37,7 @@ class Mpris {
     void set_volume(double volume);
 
   private:
+    NowPlayingView view() const { return m_device.playing(); }
     void seek(int64_t position_ms);
 
     Controls& m_controls;
