@@ -22,14 +22,12 @@ constexpr uint64_t kReadOnBytes = uint64_t{256} * 1024;
 // Bytes a second. Half of what the thinnest speech takes; the silence of a lossless radio is less.
 constexpr int64_t kLeastRate = 250;
 constexpr int64_t kLeastRadioRate = 32;
-constexpr size_t kMaxTitles = 64;
-constexpr uint64_t kMaxPosition = INT64_MAX;
 
 }  // namespace
 
 HttpSource::HttpSource(HttpRequest request)
-    : m_request(std::move(request)),
-      m_buffer(m_request.read_ahead_bytes),
+    : RemoteSource(request.read_ahead_bytes),
+      m_request(std::move(request)),
       m_transfer({[this](std::string_view line) { return take_line(line); },
                   [this](std::string_view bytes) { return take_body(bytes); }}) {
     const auto url = nuvio::resolve_url("", m_request.url);
@@ -62,86 +60,6 @@ std::optional<HttpContent> HttpSource::open() {
     return m_failure == HttpFailure::none ? m_content : std::nullopt;
 }
 
-size_t HttpSource::read(void* to, size_t size) {
-    std::unique_lock lock(m_mutex);
-    size_t done = 0;
-    while (done < size && m_failure != HttpFailure::cancelled) {
-        const size_t got = m_buffer.copy(m_position, static_cast<char*>(to) + done, size - done);
-        m_position += got;
-        done += got;
-        wake_when_needed();
-        if (got == 0) {
-            if (m_failure != HttpFailure::none || (m_length && m_position >= *m_length)) {
-                break;
-            }
-            m_changed.wait(lock);
-        }
-    }
-    return done;
-}
-
-size_t HttpSource::look_ahead(void* to, size_t size) const {
-    return locked([&] { return m_buffer.copy(m_position, to, size); });
-}
-
-bool HttpSource::seek(uint64_t position) {
-    const std::lock_guard lock(m_mutex);
-    const bool is_radio = m_content && m_content->is_radio;
-    if (position > kMaxPosition ||
-        (is_radio && (position < m_buffer.begin() || position > m_buffer.end()))) {
-        return false;
-    }
-    m_position = position;
-    return true;
-}
-
-uint64_t HttpSource::position() const {
-    return locked([&] { return m_position; });
-}
-
-std::optional<uint64_t> HttpSource::length() const {
-    return locked([&] { return m_length; });
-}
-
-bool HttpSource::is_settled() const {
-    return locked([&] { return m_failure != HttpFailure::none || is_complete(); });
-}
-
-void HttpSource::cancel() {
-    fail(HttpFailure::cancelled, "cancelled");
-}
-
-HttpFailure HttpSource::failure() const {
-    return locked([&] { return m_failure; });
-}
-
-std::string HttpSource::error() const {
-    return locked([&] { return m_error; });
-}
-
-std::string HttpSource::title_at(uint64_t position) const {
-    const std::lock_guard lock(m_mutex);
-    std::string title;
-    for (const auto& [from, text] : m_titles) {
-        if (from <= position) {
-            title = text;
-        }
-    }
-    return title;
-}
-
-void HttpSource::fail(HttpFailure failure, const std::string& error) {
-    {
-        const std::lock_guard lock(m_mutex);
-        if (m_failure == HttpFailure::none || failure == HttpFailure::cancelled) {
-            m_failure = failure;
-            m_error = error;
-        }
-    }
-    m_changed.notify_all();
-    m_transfer.wake();
-}
-
 // A place that the present transfer will not come to, or not soon.
 bool HttpSource::is_out_of_reach() const {
     if (m_length && m_position >= *m_length) {
@@ -151,14 +69,8 @@ bool HttpSource::is_out_of_reach() const {
            (m_has_ranges && m_position > m_buffer.end() + kReadOnBytes);
 }
 
-// Less than a quarter is left to read.
-bool HttpSource::may_resume() const {
-    return m_is_paused &&
-           (m_position >= m_buffer.end() || m_buffer.end() - m_position < m_buffer.capacity() / 4);
-}
-
-void HttpSource::wake_when_needed() {
-    if (may_resume() || is_out_of_reach()) {
+void HttpSource::on_moved() {
+    if ((m_is_paused && is_low()) || is_out_of_reach()) {
         m_transfer.wake();
     }
 }
@@ -180,7 +92,7 @@ bool HttpSource::step() {
         if (is_out_of_reach()) {
             reposition();
         }
-        resumes = may_resume();
+        resumes = m_is_paused && is_low();
         m_is_paused = m_is_paused && !resumes;
         wants_bytes = !m_is_paused && !is_complete();
     }
@@ -322,6 +234,7 @@ void HttpSource::accept() {
         if (!m_first) {
             m_first = m_response;
             m_length = m_response.file_length();
+            m_is_radio = m_response.is_radio;
             m_content = {m_url, m_response.content_type, m_length, m_response.is_radio,
                          m_response.station};
         }
@@ -346,14 +259,7 @@ HttpTransfer::Handlers::Answer HttpSource::take_body(std::string_view bytes) {
         added = bytes.size() - skipped;
         m_icy.feed(
             bytes.substr(skipped), [&](std::string_view audio) { append_audio(audio); },
-            [&](std::string_view title) {
-                if (m_titles.empty() || m_titles.back().second != title) {
-                    m_titles.emplace_back(m_buffer.end(), title);
-                }
-                if (m_titles.size() > kMaxTitles) {
-                    m_titles.pop_front();
-                }
-            });
+            [&](std::string_view title) { note_title(title); });
     }
     // Else a server that says too great a length would be read from the start for ever.
     if (added > 0) {

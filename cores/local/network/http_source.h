@@ -7,28 +7,23 @@
 // again from the byte where it broke, with growing pauses, until there was no byte for
 // `give_up_after`. Fewer bytes than anything that sounds has count for so little as they are.
 //
-// Constructed, read and destroyed by one thread at a time; cancel() is for any thread at any time.
-// Never for the loop's thread: open() and read() block, until cancel() at the latest.
+// Constructed, read and destroyed by one thread at a time. Never for the loop's thread: open() and
+// read() block, until cancel() at the latest.
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
-#include <utility>
 #include <vector>
 
-#include "local/network/http_failure.h"
 #include "local/network/http_response.h"
 #include "local/network/http_transfer.h"
 #include "local/network/icy.h"
-#include "local/network/stream_buffer.h"
+#include "local/network/remote_source.h"
 
 namespace local_core {
 
@@ -54,59 +49,23 @@ struct HttpContent {
     std::string station;             // its name, as sent; possibly empty
 };
 
-class HttpSource {
+class HttpSource final : public RemoteSource {
   public:
     // Starts to connect; returns at once.
     explicit HttpSource(HttpRequest request);
-    // Does not wait for the network.
-    ~HttpSource();
-    HttpSource(const HttpSource&) = delete;
-    HttpSource& operator=(const HttpSource&) = delete;
+    ~HttpSource() override;
 
     // Waits until the content is known; none when it failed.
     std::optional<HttpContent> open();
 
-    // Reads `size` bytes, fewer only at the end or where it failed.
-    size_t read(void* to, size_t size);
-
-    // What is there behind the place; the place stays.
-    size_t look_ahead(void* to, size_t size) const;
-
-    // The next read begins there; nothing is transferred until then. A server without ranges is
-    // read on to that place, for one further back from the beginning. Of a radio only what is still
-    // in memory can be gone to: false for the rest.
-    bool seek(uint64_t position);
-    uint64_t position() const;
-    // Known at the end at the latest.
-    std::optional<uint64_t> length() const;
-    // What is left to read can be read without waiting: it is all there, or nothing more will come.
-    bool is_settled() const;
-
-    // What the radio says it plays at the place, as sent; possibly empty.
-    std::string title_at(uint64_t position) const;
-
-    // Ends whatever waits, for good.
-    void cancel();
-
-    HttpFailure failure() const;
-    // For people; empty without a failure. Never has the token in it.
-    std::string error() const;
-
   private:
     using Clock = std::chrono::steady_clock;
 
-    template <typename Get>
-    auto locked(Get get) const {
-        const std::lock_guard lock(m_mutex);
-        return get();
-    }
-    void fail(HttpFailure failure, const std::string& error);
+    void on_moved() override;
+    void on_failure() override { m_transfer.wake(); }
 
     // Under the lock.
-    bool is_complete() const { return m_length && m_buffer.end() >= *m_length; }
     bool is_out_of_reach() const;
-    bool may_resume() const;
-    void wake_when_needed();
 
     // The network's thread.
     void run();
@@ -128,16 +87,8 @@ class HttpSource {
 
     const HttpRequest m_request;
 
-    mutable std::mutex m_mutex;
-    std::condition_variable m_changed;
     // Under the lock from here.
-    StreamBuffer m_buffer;
-    uint64_t m_position = 0;
-    std::optional<uint64_t> m_length;
     std::optional<HttpContent> m_content;
-    std::deque<std::pair<uint64_t, std::string>> m_titles;  // from which position on
-    HttpFailure m_failure = HttpFailure::none;
-    std::string m_error;
     bool m_is_paused = false;  // libcurl's transfer, for want of room
     bool m_has_ranges = true;  // until the server shows otherwise
     // The network's thread alone from here.
