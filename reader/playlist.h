@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "reader/records.h"
+
 namespace nuvio::reader {
 
 // One track, as written: nothing is resolved, unescaped or fit for display.
@@ -29,28 +31,14 @@ inline constexpr struct {
     {"image", &ListedTrack::image},
 };
 
-// Bytes of a track's record: its duration, then each text behind its length.
+// Bytes of a track's record: its duration, then each text.
 inline std::string record_of(const ListedTrack& track) {
-    const uint64_t duration = track.duration_ms.value_or(UINT64_MAX);
-    std::string record(reinterpret_cast<const char*>(&duration), sizeof duration);
+    std::string record;
+    put_number(&record, track.duration_ms.value_or(UINT64_MAX));
     for (const auto& field : kListedTexts) {
-        const std::string& text = track.*field.text;
-        const auto size = static_cast<uint32_t>(text.size());
-        record.append(reinterpret_cast<const char*>(&size), sizeof size).append(text);
+        put_text(&record, track.*field.text);
     }
     return record;
-}
-
-// Takes the number that `bytes` begin with; none where they are too short.
-template <typename Number>
-std::optional<Number> take_number(std::string_view* bytes) {
-    Number number = 0;
-    if (bytes->size() < sizeof number) {
-        return std::nullopt;
-    }
-    bytes->copy(reinterpret_cast<char*>(&number), sizeof number);
-    bytes->remove_prefix(sizeof number);
-    return number;
 }
 
 // The tracks of records in a row, as far as they are some; any bytes.
@@ -64,12 +52,11 @@ inline std::vector<ListedTrack> tracks_in(std::string_view records, size_t max_t
         ListedTrack track;
         track.duration_ms = *duration != UINT64_MAX ? duration : std::nullopt;
         for (const auto& field : kListedTexts) {
-            const auto size = take_number<uint32_t>(&records);
-            if (!size || *size > records.size()) {
+            auto text = take_text(&records);
+            if (!text) {
                 return tracks;
             }
-            track.*field.text = records.substr(0, *size);
-            records.remove_prefix(*size);
+            track.*field.text = std::move(*text);
         }
         tracks.push_back(std::move(track));
     }

@@ -80,9 +80,10 @@ struct OutputFormats {
 // It has two channels then.
 constexpr uint32_t kOutputChannels = 2;
 
-// ---- Playlists: their text in the shared memory, and behind that what they say (playlist.h)
+// ---- Playlists: their text in the shared memory, and behind that what they say (playlist.h; of
+// HLS media_playlist.h)
 
-enum class PlaylistFormat : uint32_t { none, m3u, pls, xspf, jspf };
+enum class PlaylistFormat : uint32_t { none, m3u, pls, xspf, jspf, hls };
 
 constexpr size_t kMaxPlaylistBytes = size_t{4} << 20U;
 // What is in a text and the lengths, of a thousand tracks.
@@ -97,7 +98,7 @@ struct Request {
     uint32_t edge = 0;    // of a scaled picture: no side is longer, in pixels
     // Of a playlist.
     PlaylistFormat format = PlaylistFormat::none;
-    uint32_t text_bytes = 0, max_tracks = 0;
+    uint32_t text_bytes = 0, max_tracks = 0;  // or segments
     // Of a sound that is opened.
     bool is_remote = false, is_radio = false;
     OutputFormats output{};

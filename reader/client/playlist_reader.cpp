@@ -5,14 +5,13 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <string>
 
 #include "reader/client/packets.h"
 
 namespace nuvio::reader {
 
-Outcome<std::vector<ListedTrack>> PlaylistReader::read(PlaylistFormat format, std::string_view text,
-                                                       size_t max_tracks) {
+Outcome<std::string> PlaylistReader::records_of(PlaylistFormat format, std::string_view text,
+                                                size_t max_tracks) {
     if (text.size() > kMaxPlaylistBytes) {
         return Failure{Failure::Kind::file, "the playlist is too large"};
     }
@@ -26,7 +25,6 @@ Outcome<std::vector<ListedTrack>> PlaylistReader::read(PlaylistFormat format, st
     request.text_bytes = static_cast<uint32_t>(text.size());
     request.max_tracks = static_cast<uint32_t>(max_tracks);
     const Outcome<Answer> answer = m_questions.ask(request, memory);
-    m_questions.rest();
     if (const auto* const failure = std::get_if<Failure>(&answer)) {
         return *failure;
     }
@@ -35,7 +33,25 @@ Outcome<std::vector<ListedTrack>> PlaylistReader::read(PlaylistFormat format, st
     const ssize_t got =
         pread(memory.get(), records.data(), records.size(), static_cast<off_t>(kMaxPlaylistBytes));
     records.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    return tracks_in(records, max_tracks);
+    return records;
+}
+
+Outcome<std::vector<ListedTrack>> PlaylistReader::read(PlaylistFormat format, std::string_view text,
+                                                       size_t max_tracks) {
+    const Outcome<std::string> records = records_of(format, text, max_tracks);
+    m_questions.rest();
+    if (const auto* const failure = std::get_if<Failure>(&records)) {
+        return *failure;
+    }
+    return tracks_in(std::get<std::string>(records), max_tracks);
+}
+
+Outcome<MediaPlaylist> PlaylistReader::read_media(std::string_view text, size_t max_segments) {
+    const Outcome<std::string> record = records_of(PlaylistFormat::hls, text, max_segments);
+    if (const auto* const failure = std::get_if<Failure>(&record)) {
+        return *failure;
+    }
+    return media_playlist_in(std::get<std::string>(record), max_segments);
 }
 
 }  // namespace nuvio::reader

@@ -2,10 +2,12 @@
 #pragma once
 
 #include <cstddef>
+#include <string>
 #include <string_view>
 #include <vector>
 
 #include "reader/client/questions.h"
+#include "reader/media_playlist.h"
 #include "reader/playlist.h"
 
 namespace nuvio::reader {
@@ -18,10 +20,15 @@ class PlaylistReader {
     // format. `text`: kMaxPlaylistBytes at most.
     Outcome<std::vector<ListedTrack>> read(PlaylistFormat format, std::string_view text,
                                            size_t max_tracks);
+    // What an HLS playlist says. The process stays for the next one.
+    Outcome<MediaPlaylist> read_media(std::string_view text, size_t max_segments);
     // See Questions.
     void interrupt() { m_questions.interrupt(); }
 
   private:
+    Outcome<std::string> records_of(PlaylistFormat format, std::string_view text,
+                                    size_t max_tracks);
+
     Questions m_questions{"nuvio-connect-reader"};
 };
 

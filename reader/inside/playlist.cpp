@@ -14,6 +14,7 @@
 #include "common/number.h"
 #include "common/released_by.h"
 #include "common/text.h"
+#include "reader/inside/media_playlist.h"
 
 namespace nuvio::reader {
 
@@ -254,9 +255,12 @@ std::vector<ListedTrack> parse_playlist(PlaylistFormat format, std::string_view 
 }
 
 void read_playlist(const Request& request, char* shared, PlaylistAnswer* answer) {
+    const std::string_view text(shared, request.text_bytes);
     std::string records;
-    for (const ListedTrack& track :
-         parse_playlist(request.format, {shared, request.text_bytes}, request.max_tracks)) {
+    if (request.format == PlaylistFormat::hls) {
+        records = record_of(parse_media_playlist(text, request.max_tracks));
+    }
+    for (const ListedTrack& track : parse_playlist(request.format, text, request.max_tracks)) {
         records += record_of(track);
     }
     answer->bytes =

@@ -11,6 +11,7 @@
 #include "local/network/remote_playlist.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
+#include "reader/inside/media_playlist.h"
 #include "reader/inside/playlist.h"
 #include "reader/inside/sound/mpeg_sync.h"
 #include "reader/inside/sound/ogg_end.h"
@@ -54,6 +55,21 @@ void read_playlists(std::string_view text) {
     }
 }
 
+void expect_sound(const MediaPlaylist& playlist) {
+    FUZZ_EXPECT(playlist.segments.size() <= kMaxTracks);
+    const std::string record = record_of(playlist);
+    FUZZ_EXPECT(record_of(media_playlist_in(record, kMaxTracks)) == record);
+}
+
+void read_media_playlist(std::string_view text) {
+    const MediaPlaylist playlist = parse_media_playlist(text, kMaxTracks);
+    expect_sound(playlist);
+    for (const MediaSegment& segment : playlist.segments) {
+        FUZZ_EXPECT(segment.init == MediaSegment::kNoInit || segment.init < playlist.inits.size());
+    }
+    expect_sound(media_playlist_in(text, kMaxTracks));  // of a reader that is not one any more
+}
+
 std::ptrdiff_t end_of_ogg(std::string_view bytes, size_t piece) {
     OggEnd end;
     for (size_t i = 0; i < bytes.size(); i += piece) {
@@ -89,6 +105,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const std::string_view input(reinterpret_cast<const char*>(data), size);
     read_own_playlist(input);
     read_playlists(input);
+    read_media_playlist(input);
     read_radio(input);
     return 0;
 }
