@@ -1,5 +1,5 @@
-// The module: AAC and ALAC in M4A, AAC streams, WavPack, DSD and FLAC in Ogg through FFmpeg's
-// libraries.
+// The module: AAC and ALAC in M4A, AAC streams (also in MPEG-TS), WavPack, DSD and FLAC in Ogg
+// through FFmpeg's libraries.
 //
 // Its demuxers and decoders are named: whatever the bytes say, nothing opens a further file or URL.
 extern "C" {
@@ -12,7 +12,9 @@ extern "C" {
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
+#include "reader/ffmpeg/id3.h"
 #include "reader/ffmpeg/lengths.h"
 #include "reader/inside/sound/foreign_sound.h"
 
@@ -20,10 +22,12 @@ namespace nuvio::reader {
 
 namespace {
 
-constexpr char kDemuxers[] = "mov,aac,wv,dsf,iff,ogg";
+constexpr char kDemuxers[] = "mov,aac,mpegts,wv,dsf,iff,ogg";
 constexpr char kDecoders[] =
     "aac,alac,wavpack,flac,dsd_lsbf,dsd_msbf,dsd_lsbf_planar,dsd_msbf_planar";
 constexpr int kBufferBytes = 32768;
+// Of a radio: what is read is what its titles are shown by.
+constexpr int kRadioBufferBytes = 4096;
 constexpr uint32_t kMaxRate = 384000;
 constexpr int kMaxChannels = 32;
 constexpr int kShallowBits = 16;
@@ -178,6 +182,10 @@ class FfmpegSound : public ForeignSound {
         m_info.title = tag(*m_container, stream, "title");
         m_info.artist = tag(*m_container, stream, "artist");
         m_info.album = tag(*m_container, stream, "album");
+        if (const auto texts = take_new_texts()) {
+            m_info.title = texts->title;
+            m_info.artist = texts->artist;
+        }
         return true;
     }
 
@@ -208,6 +216,12 @@ class FfmpegSound : public ForeignSound {
         return m_info.seekable && (go_to(from, target) ||
                                    go_to(std::max<int64_t>(from, 0), target) || go_to(0, target));
     }
+
+    std::optional<Texts> take_new_texts() override {
+        return std::exchange(m_new_texts, std::nullopt);
+    }
+
+    std::string last_error() const override { return m_error; }
 
   private:
     // Goes to a frame, and decodes on from there to the target; false when it begins behind that.
@@ -243,9 +257,9 @@ class FfmpegSound : public ForeignSound {
     }
 
     int open_input(AVDictionary** options) {
-        auto* const buffer = static_cast<unsigned char*>(av_malloc(kBufferBytes));
-        m_io.reset(
-            avio_alloc_context(buffer, kBufferBytes, 0, &m_input, read_input, nullptr, seek_input));
+        const int bytes = m_input.is_radio() ? kRadioBufferBytes : kBufferBytes;
+        auto* const buffer = static_cast<unsigned char*>(av_malloc(static_cast<size_t>(bytes)));
+        m_io.reset(avio_alloc_context(buffer, bytes, 0, &m_input, read_input, nullptr, seek_input));
         AVFormatContext* container = avformat_alloc_context();
         if (!m_io || container == nullptr) {
             return AVERROR(ENOMEM);
@@ -324,8 +338,8 @@ class FfmpegSound : public ForeignSound {
             return m_stream;
         }
         for (unsigned i = 0; i < container->nb_streams; ++i) {
-            container->streams[i]->discard =
-                static_cast<int>(i) == m_stream ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
+            const bool is_wanted = static_cast<int>(i) == m_stream || is_timed_id3(i);
+            container->streams[i]->discard = is_wanted ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
         }
         return open_decoder(codec);
     }
@@ -367,7 +381,12 @@ class FfmpegSound : public ForeignSound {
             take_ahead();
             return true;
         }
-        return receive(*m_frame) && m_frame->sample_rate == static_cast<int>(m_info.sample_rate);
+        if (!receive(*m_frame)) {
+            return false;
+        }
+        const bool is_same = m_frame->sample_rate == static_cast<int>(m_info.sample_rate);
+        m_error = is_same ? m_error : "it goes on in another format";
+        return is_same;
     }
 
     bool receive(AVFrame& frame) {
@@ -404,10 +423,30 @@ class FfmpegSound : public ForeignSound {
         return is_of_samples ? number : number * block_frames;
     }
 
+    bool is_timed_id3(unsigned stream) const {
+        return m_container->streams[stream]->codecpar->codec_id == AV_CODEC_ID_TIMED_ID3;
+    }
+
+    // A tag before frames of AAC is the container's, one among packets of MPEG-TS a packet.
+    void note_texts(bool has_packet) {
+        if ((m_container->event_flags & AVFMT_EVENT_FLAG_METADATA_UPDATED) != 0) {
+            m_container->event_flags &= ~AVFMT_EVENT_FLAG_METADATA_UPDATED;
+            const AVStream& stream = *m_container->streams[m_stream];
+            m_new_texts = {tag(*m_container, stream, "title"), tag(*m_container, stream, "artist")};
+        }
+        if (has_packet && is_timed_id3(static_cast<unsigned>(m_packet->stream_index))) {
+            auto texts = texts_in_id3({reinterpret_cast<const char*>(m_packet->data),
+                                       static_cast<size_t>(m_packet->size)});
+            m_new_texts = texts ? std::move(texts) : std::move(m_new_texts);
+        }
+    }
+
     // A packet that can't be decoded costs its own sound alone.
     bool feed() {
         for (;;) {
             const int got = av_read_frame(m_container.get(), m_packet.get());
+            m_error = got < 0 && got != AVERROR_EOF ? text_of(got) : "";
+            note_texts(got >= 0);
             const bool is_ours = got >= 0 && m_packet->stream_index == m_stream;
             const int sent = got < 0   ? avcodec_send_packet(m_decoder.get(), nullptr)
                              : is_ours ? avcodec_send_packet(m_decoder.get(), m_packet.get())
@@ -446,8 +485,10 @@ class FfmpegSound : public ForeignSound {
     int64_t m_edit_begin = 0;             // in it
     std::optional<int64_t> m_flac_place;  // of the packet that was decoded last
     int64_t m_delay = 0;                  // of the first frame to be heard, which is not its time
-    int m_used = 0;                       // of m_frame, read already
-    uint64_t m_position = 0;              // of the next frame to be read
+    std::optional<Texts> m_new_texts;
+    std::string m_error;
+    int m_used = 0;           // of m_frame, read already
+    uint64_t m_position = 0;  // of the next frame to be read
 };
 
 }  // namespace

@@ -12,7 +12,6 @@
 
 #include "common/utf8.h"
 #include "reader/inside/sound/channel_order.h"
-#include "reader/inside/sound/foreign_sound.h"
 #include "reader/inside/sound/mpeg_shortcut.h"
 #include "reader/inside/sound/ogg_chain.h"
 #include "reader/inside/sound/sndfile_sound.h"
@@ -371,10 +370,13 @@ bool Decoder::go_to_piece_of(uint64_t frame) {
 }
 
 std::optional<Decoder::Texts> Decoder::take_new_texts() {
-    return std::exchange(m_new_texts, std::nullopt);
+    return m_foreign ? m_foreign->take_new_texts() : std::exchange(m_new_texts, std::nullopt);
 }
 
 std::string Decoder::last_error() const {
+    if (m_foreign) {
+        return m_foreign->last_error();
+    }
     SNDFILE* const file = m_sound ? m_sound->file() : nullptr;
     if (file == nullptr) {
         return m_join_error;

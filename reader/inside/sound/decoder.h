@@ -15,6 +15,7 @@
 #include <string>
 #include <vector>
 
+#include "reader/inside/sound/foreign_sound.h"
 #include "reader/inside/sound/input.h"
 
 // libsndfile's; its header stays inside the implementation.
@@ -22,7 +23,6 @@ struct sf_private_tag;
 
 namespace nuvio::reader {
 
-class ForeignSound;
 class MpegShortcut;
 class SndfileSound;
 struct ByteRange;
@@ -61,13 +61,11 @@ class Decoder {
     // remote MP3 whose frames have one bit rate what lies before is not fetched.
     std::optional<uint64_t> seek(uint64_t frame);
 
-    struct Texts {
-        std::string title, artist;
-    };
-    // Of a radio's second and further Ogg streams, once each.
+    // Of a radio's second and further Ogg streams, or of what a stream says on the way, once each.
+    using Texts = ForeignSound::Texts;
     std::optional<Texts> take_new_texts();
 
-    // What libsndfile says of the last read or seek, or why the sound does not go on behind a
+    // What the library says of the last read or seek, or why the sound does not go on behind a
     // piece; empty when nothing failed.
     std::string last_error() const;
 

@@ -32,6 +32,13 @@ class ForeignSound {
     virtual size_t read(void* to, size_t frames) = 0;
     // Goes to a frame, exactly; false when it can't.
     virtual bool seek(uint64_t frame) = 0;
+    struct Texts {
+        std::string title, artist;
+    };
+    // What is played from the last read on, where the sound itself says something new; once each.
+    virtual std::optional<Texts> take_new_texts() = 0;
+    // Why the last read came to no more; empty at the end.
+    virtual std::string last_error() const = 0;
 };
 
 // Loads the module, if it is there. Before the walls: nothing is opened behind them.
