@@ -44,7 +44,7 @@ PlaylistFormat playlist_format(std::string_view content_type, std::string_view h
     if (nuvio::starts_with_ignoring_case(head, "[playlist]")) {
         return PlaylistFormat::pls;
     }
-    if (head.starts_with("#EXTM3U") || nuvio::is_web_address(head)) {
+    if (head.starts_with(kStreamPlaylistMark) || nuvio::is_web_address(head)) {
         return PlaylistFormat::m3u;
     }
     if (head.starts_with('<') && head.find("<playlist") != std::string_view::npos) {
@@ -60,6 +60,10 @@ PlaylistFormat playlist_format(std::string_view content_type, std::string_view h
         }
     }
     return PlaylistFormat::none;
+}
+
+bool is_stream_playlist(std::string_view text) {
+    return text.starts_with(kStreamPlaylistMark) && text.find("#EXT-X-") != std::string_view::npos;
 }
 
 std::vector<RemoteTrack> resolved_tracks(const std::vector<nuvio::reader::ListedTrack>& listed,

@@ -30,6 +30,11 @@ struct RemoteTrack {
 constexpr size_t kPlaylistHeadBytes = 4096;
 PlaylistFormat playlist_format(std::string_view content_type, std::string_view head);
 
+// Not of tracks but of the segments of one stream, or of its versions (HLS): its tags say so. It
+// begins with the mark.
+constexpr std::string_view kStreamPlaylistMark = "#EXTM3U";
+bool is_stream_playlist(std::string_view text);
+
 // Of what a playlist says, whatever that is: entries without a usable URL are passed over. `base`
 // is the playlist's own URL. Pure; any thread.
 std::vector<RemoteTrack> resolved_tracks(const std::vector<nuvio::reader::ListedTrack>& listed,

@@ -5,6 +5,7 @@ namespace local_core {
 namespace {
 
 constexpr size_t kMaxTitles = 64;
+constexpr size_t kMaxNotes = 8;
 constexpr uint64_t kMaxPosition = INT64_MAX;
 
 }  // namespace
@@ -79,6 +80,23 @@ void RemoteSource::note_title(std::string_view title) {
     if (m_titles.size() > kMaxTitles) {
         m_titles.pop_front();
     }
+}
+
+void RemoteSource::note(std::string text) {
+    const std::lock_guard lock(m_mutex);
+    if (m_notes.size() < kMaxNotes) {
+        m_notes.push_back(std::move(text));
+    }
+}
+
+std::optional<std::string> RemoteSource::take_note() {
+    const std::lock_guard lock(m_mutex);
+    if (m_notes.empty()) {
+        return std::nullopt;
+    }
+    std::string text = std::move(m_notes.front());
+    m_notes.pop_front();
+    return text;
 }
 
 void RemoteSource::fail(HttpFailure failure, const std::string& error) {

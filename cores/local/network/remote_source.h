@@ -46,6 +46,9 @@ class RemoteSource {
     // What the radio says it plays at the place, as sent; possibly empty.
     std::string title_at(uint64_t position) const;
 
+    // What it had to leave out, for people; once each.
+    std::optional<std::string> take_note();
+
     // Ends whatever waits, for good.
     void cancel() { fail(HttpFailure::cancelled, "cancelled"); }
 
@@ -63,6 +66,9 @@ class RemoteSource {
     }
     // The first one counts, but for a cancel.
     void fail(HttpFailure failure, const std::string& error);
+
+    // Forgotten where nobody takes the ones before.
+    void note(std::string text);
 
     // On the reader's thread and under the lock: it has read on, or waits.
     virtual void on_moved() = 0;
@@ -87,6 +93,7 @@ class RemoteSource {
 
   private:
     std::deque<std::pair<uint64_t, std::string>> m_titles;  // from which position on
+    std::deque<std::string> m_notes;
     std::string m_error;
 };
 

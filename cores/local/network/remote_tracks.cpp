@@ -34,7 +34,7 @@ class Finder {
         if (!look_at(track.url, &found)) {
             return false;
         }
-        if (found.format == PlaylistFormat::none) {
+        if (found.format == PlaylistFormat::none || is_stream_playlist(found.text)) {
             add(std::move(track));
         } else {
             add_all(read_playlist(found), depth);

@@ -5,7 +5,7 @@
 
 #include "common/utf8.h"
 #include "local/base/files.h"
-#include "local/network/http_source.h"
+#include "local/network/hls_source.h"
 
 namespace local_core {
 
@@ -28,7 +28,7 @@ nuv_audio_format format_of(uint32_t rate_hz, uint32_t channels, bool is_deep) {
 // What its source has of a remote track.
 class TrackDecoder::SourceBytes : public reader::RemoteBytes {
   public:
-    SourceBytes(HttpSource& source, bool is_radio) : m_source(source), m_is_radio(is_radio) {}
+    SourceBytes(RemoteSource& source, bool is_radio) : m_source(source), m_is_radio(is_radio) {}
 
     bool is_radio() const override { return m_is_radio; }
 
@@ -45,11 +45,12 @@ class TrackDecoder::SourceBytes : public reader::RemoteBytes {
 
   private:
     reader::Bytes said_of(uint64_t place, size_t got, bool is_reached) const {
-        return {place, m_source.length().value_or(reader::Bytes::kUnknown),
-                static_cast<uint32_t>(got), is_reached, m_source.failure() != HttpFailure::none};
+        const auto length = m_is_radio ? std::nullopt : m_source.length();
+        return {place, length.value_or(reader::Bytes::kUnknown), static_cast<uint32_t>(got),
+                is_reached, m_source.failure() != HttpFailure::none};
     }
 
-    HttpSource& m_source;
+    RemoteSource& m_source;
     const bool m_is_radio;
 };
 
@@ -91,11 +92,31 @@ bool TrackDecoder::open_local(const Track& track, Interruption& interruption,
     return open_sound(interruption, failure);
 }
 
+// What the URL leads to, or the stream whose playlist that is.
+std::optional<HttpContent> TrackDecoder::open_source(const HttpRequest& request,
+                                                     Interruption& interruption) {
+    auto file = std::make_unique<HttpSource>(request);
+    HttpSource& source = *file;
+    const auto watch = [&] {
+        m_source_watch.emplace(interruption, [this] { m_source->cancel(); });
+    };
+    m_source = std::move(file);
+    watch();
+    auto content = source.open();
+    if (content && !content->is_radio) {
+        if (auto playlist = HlsSource::playlist_in(source)) {
+            m_source_watch.reset();
+            m_source = std::make_unique<HlsSource>(request, content->url, std::move(*playlist));
+            watch();
+            content->is_radio = true;
+        }
+    }
+    return content;
+}
+
 bool TrackDecoder::open_remote(const Track& track, Interruption& interruption,
                                OpenFailure* failure) {
-    m_source = std::make_unique<HttpSource>(track.request());
-    m_source_watch.emplace(interruption, [this] { m_source->cancel(); });
-    const auto content = m_source->open();
+    const auto content = open_source(track.request(), interruption);
     bool is_open = false;
     if (content) {
         m_bytes = std::make_unique<SourceBytes>(*m_source, content->is_radio);

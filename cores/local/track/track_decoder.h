@@ -15,7 +15,9 @@
 #include <utility>
 
 #include "local/network/http_failure.h"
+#include "local/network/http_source.h"
 #include "local/network/interruption.h"
+#include "local/network/remote_source.h"
 #include "local/track/content.h"
 #include "local/track/output.h"
 #include "reader/client/sound_reader.h"
@@ -99,6 +101,11 @@ class TrackDecoder {
     };
     std::optional<Texts> take_own_texts() { return std::exchange(m_own_texts, std::nullopt); }
 
+    // What its server lacked and was left out; once each.
+    std::optional<std::string> take_note() {
+        return m_source ? m_source->take_note() : std::nullopt;
+    }
+
     // Why the last read or seek failed: its server, its reader or what libsndfile says; empty when
     // nothing did.
     HttpFailure failure() const;
@@ -113,13 +120,14 @@ class TrackDecoder {
 
     explicit TrackDecoder(const Output& output);
     bool open_local(const Track& track, Interruption& interruption, OpenFailure* failure);
+    std::optional<HttpContent> open_source(const HttpRequest& request, Interruption& interruption);
     bool open_remote(const Track& track, Interruption& interruption, OpenFailure* failure);
     bool open_sound(Interruption& interruption, OpenFailure* failure);
     bool describe(OpenFailure* failure);
     void fail(const nuvio::reader::Failure& failure);
 
     const Output m_output;
-    std::unique_ptr<HttpSource> m_source;  // null for a file of this machine
+    std::unique_ptr<RemoteSource> m_source;  // null for a file of this machine
     std::unique_ptr<SourceBytes> m_bytes;
     std::unique_ptr<nuvio::reader::SoundReader> m_sound;
     std::optional<Interruption::Watch> m_source_watch, m_sound_watch;

@@ -180,7 +180,7 @@ void TrackWork::open() {
     m_decoder = TrackDecoder::open(m_track, m_crew->output, m_interruption, &failure);
     if (m_decoder) {
         m_texts = describe_track(m_track, m_decoder->info());
-        m_title = m_decoder->info().live_title;
+        m_title = m_live_title = m_decoder->info().live_title;
         if (const std::string failed = m_cover.find(m_track, &m_texts); !failed.empty()) {
             m_crew->logger->write(LogLevel::warning, kAudioDecoder, "%s: no picture: %s",
                                   name().c_str(), failed.c_str());
@@ -293,7 +293,7 @@ void TrackWork::collect() {
         m_blocks.push_back(block);
         m_decoded_frames += block.size_bytes / info.frame_bytes;
         if (info.is_endless) {
-            note_title(m_decoder->live_title(m_read.collected), nullptr);
+            note_live_title(m_decoder->live_title(m_read.collected));
         }
     }
     if (!is_stale && !info.is_guess && m_decoded_frames >= info.frame_count) {
@@ -314,6 +314,7 @@ void TrackWork::decode(std::unique_lock<std::mutex>& lock) {
     begin_read();
     lock.unlock();
     const bool is_over = m_decoder->read(m_fill_bytes, [this] { return take_news(); });
+    log_notes();
     lock.lock();
     end_read();
     if (m_is_closed || m_is_given_up || m_read.seek_count != m_seek_count) {
@@ -330,7 +331,8 @@ void TrackWork::decode(std::unique_lock<std::mutex>& lock) {
     const bool ends_early = m_is_decoded_wholly && !is_whole;
     const bool tells = std::exchange(m_loop_waits, false);
     lock.unlock();
-    if (ends_early && (m_decoder->is_broken() || !info.is_endless)) {
+    const bool is_told = m_decoder->is_broken() || !m_decoder->last_error().empty();
+    if (ends_early && (is_told || !info.is_endless)) {
         log_early_end();
     }
     if (tells) {
@@ -341,6 +343,7 @@ void TrackWork::decode(std::unique_lock<std::mutex>& lock) {
 
 // On the way through a read: when to look again.
 std::chrono::milliseconds TrackWork::take_news() {
+    log_notes();
     std::unique_lock lock(m_mutex);
     collect();
     m_waiting_since = m_track.remote ? Clock::now() : m_waiting_since;
@@ -354,6 +357,14 @@ std::chrono::milliseconds TrackWork::take_news() {
         m_crew->tell_change();
     }
     return m_cover.is_fetching() ? kCoverLook : std::chrono::milliseconds(-1);
+}
+
+// What the server says, where that is something new: the sound may say it otherwise.
+void TrackWork::note_live_title(const std::string& title) {
+    if (title != m_live_title) {
+        m_live_title = title;
+        note_title(title, nullptr);
+    }
 }
 
 // Of a radio: what it plays from the block decoded last on.
@@ -376,6 +387,13 @@ void TrackWork::drop_blocks() {
         give(m_blocks.front().data);
     }
     m_loop_waits = false;
+}
+
+void TrackWork::log_notes() const {
+    while (const auto note = m_decoder->take_note()) {
+        m_crew->logger->write(LogLevel::warning, kAudioDecoder, "%s: %s", name().c_str(),
+                              display_text(*note).c_str());
+    }
 }
 
 void TrackWork::log_early_end() const {

@@ -124,9 +124,11 @@ class TrackWork {
     void collect();
     void wake_if_low();
     std::chrono::milliseconds take_news();
+    void note_live_title(const std::string& title);
     void note_title(const std::string& title, const std::string* artist);
     void drop_blocks();
     void end_here();
+    void log_notes() const;
     void log_early_end() const;
     std::string name() const { return display_location(m_track.location); }
 
@@ -159,6 +161,7 @@ class TrackWork {
     uint64_t m_taken_count = 0;
     TrackTexts m_latest_texts;  // of what is decoded
     std::string m_title;        // of a radio, as known last
+    std::string m_live_title;   // its server's
     // With the count of blocks that are taken before them.
     std::deque<std::pair<uint64_t, TrackTexts>> m_new_texts;
     bool m_loop_waits = false;
