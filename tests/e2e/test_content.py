@@ -9,11 +9,13 @@ import signal
 import subprocess
 import threading
 import time
+import unittest
 
-from device import (CD, EMULATOR, DeviceTest, Radio, WebServer, program, signal_samples, wait_for,
+from device import (BUILD, CD, EMULATOR, DeviceTest, Radio, WebServer, program, signal_samples, wait_for,
                     write_wav)
 from scripted_server import ScriptedServer
 
+HAS_MODULE = bool(list(BUILD.glob("lib/libnuvio_connect_ffmpeg.so*")))
 SERVER = """
     server {{
         listen 127.0.0.1:{port};
@@ -211,6 +213,29 @@ class Content(DeviceTest):
             there = source.find(played[at:at + 256], place)
             place, found = (there, found + 1) if there >= 0 else (place, found)
         self.assertTrue(found > 0.95 * len(pieces) or EMULATOR, f"{found} of {len(pieces)} pieces")
+
+    @unittest.skipUnless(HAS_MODULE, "no libavformat for this machine")
+    def test_a_radio_in_segments_plays_what_its_station_sends(self):
+        self.track("a.wav", 60)
+        station = subprocess.Popen(
+            ["ffmpeg", "-v", "error", "-re", "-i", "a.wav", "-c:a", "aac", "-f", "hls", "-hls_time", "1",
+             "-hls_list_size", "6", "live.m3u8"], cwd=self.music, stdin=subprocess.DEVNULL)
+        self.addCleanup(self.end, station)
+        url = self.web()
+        wait_for("station", (self.music / "live4.ts").exists)
+        self.start()
+        self.play(f"{url}/music/live.m3u8")
+        self.wait_for_sound(12)
+        played = self.heard_until_now()
+
+        def sent_from(first):
+            names = "|".join(f"live{n}.ts" for n in range(first, 30) if (self.music / f"live{n}.ts").exists())
+            return subprocess.run(["ffmpeg", "-v", "error", "-i", f"concat:{names}", "-f", "s16le", "-"],
+                                  cwd=self.music, stdout=subprocess.PIPE, check=True).stdout
+
+        self.assertGreater(len(played), 11 * 4 * CD)
+        self.assertTrue(EMULATOR or any(sent_from(n).startswith(played) for n in range(1, 8)))
+        self.assertEqual(self.log_count("left out") + self.log_count("unheard"), 0)
 
     def test_covers_are_shown_whatever_keeps_them(self):
         picture = b"\x89PNG\r\n\x1a\n" + bytes(range(256)) * 9

@@ -100,7 +100,22 @@ void read_parts(Source& source, const Job& job, size_t unit) {
 // A track as a source of its bytes, a block at a time.
 struct Sound {
     TrackDecoder& decoder;
+    std::string title = decoder.info().live_title;
     bool is_over = false;
+
+    // What it plays from here on.
+    void tell_news() {
+        if (const std::string now = decoder.live_title(0); now != title) {
+            std::fprintf(stderr, "live_title=%s\n", now.c_str());
+            title = now;
+        }
+        if (const auto texts = decoder.take_own_texts()) {
+            std::fprintf(stderr, "own_title=%s|%s\n", texts->title.c_str(), texts->artist.c_str());
+        }
+        while (const auto note = decoder.take_note()) {
+            std::fprintf(stderr, "note=%s\n", note->c_str());
+        }
+    }
 
     void seek(size_t frame) {
         decoder.seek(frame);
@@ -121,6 +136,9 @@ struct Sound {
             return std::chrono::milliseconds(-1);
         });
         const size_t got = decoder.done() > 0 ? decoder.bytes_of(0, whole) : 0;
+        if (got > 0) {
+            tell_news();
+        }
         std::copy_n(decoder.block(3), got, static_cast<std::byte*>(to));
         return got;
     }

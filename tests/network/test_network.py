@@ -448,7 +448,8 @@ class Network(unittest.TestCase):
                 ("b", [f"{other}/echo|||||0", f"{p}/two|Two||||4000"]),
                 ("c.xspf", [f"{self.base}/c?a=1&b=2|T|C|A|{p}/i.png|5", f"{p}/e|||||0"]),
                 ("deep.xspf", [f"{p}/file|||||0"]), ("wide", []),
-                ("d", [f"{p}/x|J|C|A|{p}/i|7", f"{p}/y|||||0"]), ("bomb.xspf", []), ("self.m3u", []), ("hls.m3u", []),
+                ("d", [f"{p}/x|J|C|A|{p}/i|7", f"{p}/y|||||0"]), ("bomb.xspf", []), ("self.m3u", []),
+                ("hls.m3u", [f"{p}/hls.m3u|||||0"]),
                 ("nested.m3u", [*a, f"{p}/d|||||0"])]:
             with self.subTest(name=name):
                 result = Result(start("tracks", f"{p}/{name}"))
