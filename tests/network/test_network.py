@@ -21,9 +21,6 @@ from scripted_server import ScriptedServer  # noqa: E402
 from web_server import free_ports  # noqa: E402
 
 HAS_MODULE = bool(list(BUILD.glob("lib/libnuvio_connect_ffmpeg.so*")))
-# What the module reads, by how it is encoded.
-ENCODED = {"16.m4a": "alac", "24.m4a": "alac", "16.wv": "wavpack",
-           "24.wv": "wavpack", "16.oga": "flac"}
 # The last two would play if the module opened what a file names.
 NO_SOUND = {"none.wav": "RIFF", "hls.m4a": "#EXTM3U\n#EXT-X-TARGETDURATION:5\n#EXTINF:5,\n16.wav\n",
             "list.m4a": "ffconcat version 1.0\nfile 16.wav\n"}
@@ -184,26 +181,25 @@ class Network(unittest.TestCase):
         subprocess.run(["ffmpeg", "-v", "error", *before, "-i", source, *options, "-metadata",
                         "title=Song", name], cwd=self.d, check=True)
 
-    def test_lossless_files_are_bit_exact_from_any_frame_on(self):
+    def test_lossless_files_are_exact_without_ranges_with_a_page_lost_and_of_any_width(self):
         noise = array.array("h", self.file[:1_200_000])
+        whole = write_wav(f"{self.d}/16.wav", noise, CD)
         deep = array.array("i", [256 * sample + sample % 256 for sample in noise])
-        heard = {"16": write_wav(f"{self.d}/16.wav", noise, CD),
-                 "24": write_wav(f"{self.d}/24.wav", deep, CD, 3)}
-        subprocess.run(["flac", "--silent", "16.wav", "24.wav"], cwd=self.d, check=True)
-        names = ["16.wav", "16.flac", "24.wav", "24.flac", *(ENCODED if HAS_MODULE else ())]
-        for name in names[4:]:
-            self.ffmpeg(f"{name[:2]}.wav", name, "-c:a", ENCODED[name])
-        parts = ["0:0", "200000:5000", "1:2000", "299990:0", "10:5000"]
-        for name, place in itertools.product(names, [*self.places, f"{self.base}/noranges"]):
-            whole, title = heard[name[:2]], "Song" * (name in ENCODED)
-            body = self.decode(name, "read_ahead=1", *parts, place=place,
-                               tells=f"44100 Hz 300000 frames 01 {title}\n")
-            self.assertTrue(body == pieces(whole, parts, len(whole) // 300_000), (name, place))
-        if HAS_MODULE:  # a frame's place is not counted from the beginning, where a page is lost
+        subprocess.run(["flac", "--silent", "16.wav"], cwd=self.d, check=True)
+        parts, names = ["0:0", "200000:5000", "1:2000", "299990:0", "10:5000"], ["16.flac"]
+        if HAS_MODULE:
+            for name, codec in [("16.m4a", "alac"), ("16.oga", "flac")]:
+                self.ffmpeg("16.wav", name, "-c:a", codec)
+            # A frame's place is not counted from the beginning, where a page is lost.
             torn = bytearray(pathlib.Path(self.d, "16.oga").read_bytes())
             torn[50_000] ^= 1
             self.write("torn.oga", bytes(torn))
-            self.assertTrue(self.decode("torn.oga", parts[1]) == pieces(heard["16"], parts[1:2], 4))
+            self.assertTrue(self.decode("torn.oga", parts[1]) == pieces(whole, parts[1:2], 4))
+            names += ["16.m4a"]
+        for name in names:
+            heard = self.decode(name, "read_ahead=1", *parts, place=f"{self.base}/noranges", tells=(
+                f"44100 Hz 300000 frames 01 {'Song' * (name == '16.m4a')}\n"))
+            self.assertTrue(heard == pieces(whole, parts, 4), name)
         some = self.file[:240_000]
         for name, channels, codec, content, samples in [
                 ("1.wav", "1", "u8", some, array.array("h", [256 * (b - 128) for b in some])),
@@ -244,14 +240,13 @@ class Network(unittest.TestCase):
         frames, frame = 3 * CD + 123, 2 * 1024
         source = signal_samples(frames)
         write_wav(f"{self.d}/signal.wav", source, CD)
-        for name, codec in [("a.m4a", "aac"), ("b.m4a", "aac"), ("a.aac", "aac"), ("a.ogg", "libvorbis")]:
-            self.ffmpeg("signal.wav", name, "-c:a", codec, "-b:a", "256k",
-                        *(["-use_editlist", "0"] * (name == "b.m4a")))
+        for name in ("b.m4a", "a.aac"):
+            self.ffmpeg("signal.wav", name, "-c:a", "aac", "-b:a", "256k", "-use_editlist", "0")
         plain = pathlib.Path(self.d, "b.m4a")
         plain.write_bytes(with_delay_told(plain.read_bytes(), 1024, 700, frames))
-        for name, place, first in itertools.product(["a.m4a", "b.m4a", "a.ogg"], self.places, [0, 70001]):
-            heard = array.array("h", self.decode(name, f"{first}:0", place=place))
-            self.assertEqual(len(heard), 2 * (frames - first), (name, first))
+        for place, first in itertools.product(self.places, [0, 70001]):
+            heard = array.array("h", self.decode("b.m4a", f"{first}:0", place=place))
+            self.assertEqual(len(heard), 2 * (frames - first), first)
             skipped = 0 if first else 4 * frame  # the encoder too has a run-in
             wanted = source[2 * first + skipped:]
             self.assertLess(error_of(heard[skipped:], wanted), 0.001, "a shift by a frame is more")
