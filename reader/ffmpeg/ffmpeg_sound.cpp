@@ -1,5 +1,5 @@
-// The module: AAC and ALAC in M4A, AAC streams (also in MPEG-TS), WavPack, DSD and FLAC in Ogg
-// through FFmpeg's libraries.
+// The module: AAC and ALAC in M4A and CAF, AAC streams (also in MPEG-TS), WavPack, DSD and FLAC in
+// Ogg through FFmpeg's libraries.
 //
 // Its demuxers and decoders are named: whatever the bytes say, nothing opens a further file or URL.
 extern "C" {
@@ -22,7 +22,7 @@ namespace nuvio::reader {
 
 namespace {
 
-constexpr char kDemuxers[] = "mov,aac,mpegts,wv,dsf,iff,ogg";
+constexpr char kDemuxers[] = "mov,caf,aac,mpegts,wv,dsf,iff,ogg";
 constexpr char kDecoders[] =
     "aac,alac,wavpack,flac,dsd_lsbf,dsd_msbf,dsd_lsbf_planar,dsd_msbf_planar";
 constexpr int kBufferBytes = 32768;
