@@ -84,7 +84,7 @@ std::optional<uint64_t> flac_frames(Input& input) {
     const std::string end = bytes_at(input, from, kLookedThrough);
     input.seek(0);
     const uint64_t block_frames =
-        byte_at(head, kBlockFrames) << 8U | byte_at(head, kBlockFrames + 1);
+        uint64_t{byte_at(head, kBlockFrames)} << 8U | byte_at(head, kBlockFrames + 1);
     std::optional<uint64_t> frames;
     for (size_t at = end.size(); head.starts_with("fLaC") && at > 0 && !frames; --at) {
         frames = frames_with_block(std::string_view(end).substr(at - 1), block_frames);
