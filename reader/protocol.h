@@ -139,6 +139,15 @@ struct PlaylistAnswer {
     uint32_t bytes;  // of the records
 };
 
+// Of a FLAC file: the MD5 of its samples, each of so many bits in whole bytes.
+struct SampleSum {
+    static constexpr size_t kBytes = 16;
+
+    uint8_t md5[kBytes];
+    uint32_t bits;    // 0: the file has no sum
+    uint64_t frames;  // 0: not said
+};
+
 struct SoundAnswer {
     Truth is_readable;  // else `error` says why not
     Truth is_deep;      // 24 bits sign-extended in 4 bytes, else 16 bits
@@ -149,6 +158,7 @@ struct SoundAnswer {
     // As it is in the file, where it is converted; else as above.
     Truth is_deep_inside;
     uint32_t rate_inside_hz, channels_inside;
+    SampleSum sum;
     char title[kMaxSoundText], artist[kMaxSoundText], album[kMaxSoundText];
     char error[kMaxText];
 };

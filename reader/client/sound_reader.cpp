@@ -22,12 +22,19 @@ std::string text_in(const char (&field)[size]) {
 }
 
 Sound sound_in(const SoundAnswer& answer) {
-    return {answer.rate_hz,          answer.channels,
-            answer.is_deep != 0,     answer.is_endless != 0,
-            answer.is_seekable != 0, answer.is_guess != 0,
-            answer.frames,           answer.is_deep_inside != 0,
-            answer.rate_inside_hz,   answer.channels_inside,
-            text_in(answer.title),   text_in(answer.artist),
+    return {answer.rate_hz,
+            answer.channels,
+            answer.is_deep != 0,
+            answer.is_endless != 0,
+            answer.is_seekable != 0,
+            answer.is_guess != 0,
+            answer.frames,
+            answer.is_deep_inside != 0,
+            answer.rate_inside_hz,
+            answer.channels_inside,
+            answer.sum,
+            text_in(answer.title),
+            text_in(answer.artist),
             text_in(answer.album)};
 }
 

@@ -35,6 +35,7 @@ struct Sound {
     // As it is in the file, where it is converted; else as above.
     bool is_deep_inside = false;
     uint32_t rate_inside_hz = 0, channels_inside = 0;
+    SampleSum sum{};
     std::string title, artist, album;  // a kilobyte each at most; empty: not said
 };
 

@@ -12,6 +12,7 @@
 
 #include "common/utf8.h"
 #include "reader/inside/sound/channel_order.h"
+#include "reader/inside/sound/heads.h"
 #include "reader/inside/sound/mpeg_shortcut.h"
 #include "reader/inside/sound/ogg_chain.h"
 #include "reader/inside/sound/sndfile_sound.h"
@@ -194,15 +195,21 @@ bool Decoder::is_deep(Conversion conversion) {
 
 std::unique_ptr<Decoder> Decoder::open(Input& input, std::string* error) {
     std::unique_ptr<Decoder> decoder(new Decoder(input));
+    const SampleSum sum = input.is_radio() ? SampleSum{} : flac_sum(input);
     if (is_foreign_reader()) {
         decoder->m_foreign = open_foreign_sound(input, error);
         if (!decoder->m_foreign) {
             return nullptr;
         }
         decoder->m_info = describe(decoder->m_foreign->info());
+        decoder->m_info.sum = sum;
         return decoder;
     }
-    return decoder->open(error) ? std::move(decoder) : nullptr;
+    if (!decoder->open(error)) {
+        return nullptr;
+    }
+    decoder->m_info.sum = decoder->m_pieces.size() > 1 ? SampleSum{} : sum;
+    return decoder;
 }
 
 bool Decoder::open(std::string* error) {

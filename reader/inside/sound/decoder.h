@@ -39,6 +39,7 @@ struct SoundInfo {
     std::string title;
     std::string artist;
     std::string album;
+    SampleSum sum{};  // none of an Ogg file of several pieces
 
     size_t frame_bytes() const { return (is_deep ? sizeof(int32_t) : sizeof(int16_t)) * channels; }
 };

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "reader/inside/sound/input.h"
+#include "reader/protocol.h"
 
 namespace nuvio::reader {
 
@@ -19,5 +20,8 @@ inline constexpr uint16_t kFloatFormat = 3;
 // Of a FLAC file of known length whose head does not count its frames: how many there are by the
 // last block's head; none where that is not found.
 std::optional<uint64_t> flac_frames(Input& input);
+
+// Of a FLAC file, in Ogg too, the sum of its samples that its head has; none of any other file.
+SampleSum flac_sum(Input& input);
 
 }  // namespace nuvio::reader

@@ -60,6 +60,7 @@ void SoundWork::open(const Request& request, UniqueFd file, char* shared, Parent
     answer->is_deep_inside = static_cast<Truth>(inside.is_deep);
     answer->rate_inside_hz = inside.rate_hz;
     answer->channels_inside = inside.channels;
+    answer->sum = inside.sum;
     put(info.title, answer->title);
     put(info.artist, answer->artist);
     put(info.album, answer->album);
