@@ -188,8 +188,18 @@ bool Core::advertise() {
     return true;
 }
 
-// What is heard may be another track, or have begun or ended.
 void Core::tell_platform() {
+    tell_of_sound();
+    const bool is_over =
+        std::exchange(m_noted_played, m_published.played_count) != m_published.played_count;
+    const auto played = m_player.last_played();
+    if (nuvio_note_played != nullptr && is_over && played) {
+        nuvio_note_played(played->title.c_str(), text_of(played->verdict));
+    }
+}
+
+// What is heard may be another track, or have begun or ended.
+void Core::tell_of_sound() {
     if (nuvio_note_sound == nullptr ||
         std::exchange(m_noted_stream, m_published.stream_id) == m_published.stream_id) {
         return;

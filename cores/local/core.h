@@ -79,6 +79,7 @@ class Core {
     void take_requests();
     void tell_remote_control();
     void tell_platform();
+    void tell_of_sound();
     bool advertise();
     bool report_player();
     bool report_settings();
@@ -97,6 +98,7 @@ class Core {
     PlaybackSettings m_settings;  // as taken from control last
     PlayerView m_published;       // as given to control last
     uint64_t m_noted_stream = 0;  // of which the platform was told
+    uint64_t m_noted_played = 0;  // likewise, of tracks that are over
     bool m_view_noted = false;    // control has changed its view since, by the commands it noted
     Reported m_reported;
     bool m_advertised = false;

@@ -67,6 +67,11 @@ void RemoteReport::tell(Link& link, uint64_t connection, const PlaybackSettings&
         m_told->view.text_count != view.text_count) {
         link.put(connection, Link::Slot::track, track_text());
     }
+    const auto played = m_player.last_played();
+    if (played && (is_first || m_told->view.played_count != view.played_count)) {
+        link.put(connection, Link::Slot::played,
+                 write_played(played->place.track, text_of(played->verdict)));
+    }
     const uint64_t position_ms = m_player.position_ms();
     link.put(connection, Link::Slot::state, write_state(view, settings, position_ms, unix_ms()));
     m_told = Told{settings, view};

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <thread>
 
@@ -15,6 +16,7 @@
 namespace {
 
 using testing::ElementsAre;
+using testing::EndsWith;
 using testing::IsEmpty;
 using testing::StartsWith;
 
@@ -301,6 +303,81 @@ TEST_F(Control, WhatASoundDoesToItsReaderCostsThatTrackAlone) {
         EXPECT_LE(pcm_of_stream[id].size(), 8U) << attacks[id - 2];
     }
     EXPECT_TRUE(pcm_of_stream.back() == tracks[2].pcm);
+}
+
+// Noise over the whole width; with its frames 8 kHz where not said otherwise.
+std::string write_flac(const TempDir& to, const std::string& name, int bits, int channels = 2,
+                       int rate = 8000) {
+    std::minstd_rand random(static_cast<unsigned>(bits * channels));
+    std::vector<int> samples(static_cast<size_t>(channels) * 12'345);
+    std::generate(samples.begin(), samples.end(),
+                  [&] { return static_cast<int>(static_cast<uint32_t>(random()) << 1U); });
+    SF_INFO info{};
+    info.samplerate = rate;
+    info.channels = channels;
+    info.format = SF_FORMAT_FLAC | (bits == 8    ? SF_FORMAT_PCM_S8
+                                    : bits == 16 ? SF_FORMAT_PCM_16
+                                                 : SF_FORMAT_PCM_24);
+    const std::string path = to.write(name + ".flac", "");
+    SNDFILE* const out = sf_open(path.c_str(), SFM_WRITE, &info);
+    sf_write_int(out, samples.data(), static_cast<sf_count_t>(samples.size()));
+    sf_close(out);
+    return path;
+}
+
+void change(const std::string& path, std::streamoff place, const std::string& bytes) {
+    std::fstream file(path, std::ios::in | std::ios::out | std::ios::binary);
+    file.seekp(place) << bytes;
+}
+
+TEST_F(Control, OfAFlacTrackTheSamplesThatTheDeviceTookAreCheckedAgainstItsSum) {
+    constexpr std::streamoff kSum = 26;
+    const TempDir flacs;
+    take = [](size_t offered) { return offered > 10'000 ? offered / 3 : offered; };
+    write_flac(flacs, "0 of 8", 8);
+    write_flac(flacs, "1 of 16", 16);
+    write_flac(flacs, "2 of 24", 24);
+    write_flac(flacs, "3 of 1x24", 24, 1);
+    change(write_flac(flacs, "4 none", 16), kSum, std::string(16, '\0'));
+    change(write_flac(flacs, "5 other", 16), kSum, "x");
+    write_flac(flacs, "6 converted", 16, 2, 22050);
+    const std::string cut = write_flac(flacs, "7 cut off", 16);
+    std::filesystem::resize_file(cut, std::filesystem::file_size(cut) * 2 / 3);
+    ASSERT_EQ(play(flacs.path()), NUV_ERROR_OK);
+    run_until([&] { return verdicts.size() == 8; });
+    EXPECT_THAT(
+        verdicts,
+        ElementsAre(EndsWith("8.flac: verified"), EndsWith("16.flac: verified"),
+                    EndsWith("24.flac: verified"), EndsWith("1x24.flac: verified"),
+                    EndsWith("not verified: no sum in the file"),
+                    EndsWith("not verified: its samples are not those of the sum in the "
+                             "file"),
+                    EndsWith("not verified: converted"), EndsWith("not verified: it ended early")));
+}
+
+TEST_F(Control, ATrackThatWasSoughtOrNotPlayedWholeIsNotVerified) {
+    const TempDir flacs;
+    for (const char* name : {"0", "1", "2"}) {
+        write_flac(flacs, name, 16);
+    }
+    take_only(1, 1000);
+    ASSERT_EQ(play(flacs.path()), NUV_ERROR_OK);
+    run_until_taken(1, 1000);
+    EXPECT_EQ(call(nuv_connect_next_track), NUV_ERROR_OK);
+    take_only(2, 1000);
+    run_until_taken(2, 1000);
+    EXPECT_EQ(seek(500), NUV_ERROR_OK);
+    take_only(3, 1000);
+    run_until_line("dispose 2");
+    run_until_taken(3, 1000);
+    EXPECT_EQ(seek(0), NUV_ERROR_OK);
+    run_until_line("seeked 3 0");
+    take = nullptr;
+    run_until([&] { return verdicts.size() == 3; });
+    EXPECT_THAT(verdicts, ElementsAre(EndsWith("not verified: not played to its end"),
+                                      EndsWith("not verified: sought or paused"),
+                                      EndsWith("2.flac: verified")))
+        << "begun anew is played whole";
 }
 
 }  // namespace

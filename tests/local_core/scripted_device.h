@@ -50,6 +50,9 @@ class ScriptedDevice : public LoopTest {
                                           const std::string_view text(message);
                                           s_joined += text.starts_with("Joining session");
                                           s_not_joined += text.starts_with("Not joining session");
+                                          if (text.find("verified") != text.npos) {
+                                              s_current->verdicts.emplace_back(text);
+                                          }
                                       }});
     }
     ~ScriptedDevice() override {
@@ -66,6 +69,9 @@ class ScriptedDevice : public LoopTest {
     std::vector<std::string> lines;
     std::vector<std::string> take_lines() { return std::exchange(lines, {}); }
     bool has_line(const std::string& line) const { return std::ranges::count(lines, line) > 0; }
+
+    // What the core's log says of each track that is over, with its name.
+    std::vector<std::string> verdicts;
 
     // Taken of each stream since its start or last seek, by id.
     std::vector<std::vector<std::byte>> pcm_of_stream;

@@ -48,8 +48,8 @@ class Link {
     static constexpr size_t kCommandBurst = 100;
 
     // Messages of which only the newest counts; in the order of sending.
-    enum class Slot { hello, queue, track, state };
-    static constexpr size_t kSlots = 4;
+    enum class Slot { hello, queue, played, track, state };
+    static constexpr size_t kSlots = 5;
 
     // A command, or why there is none, and the connection that it came by.
     struct Incoming {

@@ -83,6 +83,8 @@ struct TrackMessage {
 
 std::string write_hello(const HelloMessage& hello);
 std::string write_track(const TrackMessage* track);  // null: nothing is heard
+// A track that is over; `verified`: whether the output took its samples.
+std::string write_played(uint64_t item, const std::string& verified);
 // `taken_ms`: when the position was that, since 1970.
 std::string write_state(const PlayerView& view, const PlaybackSettings& settings,
                         uint64_t position_ms, uint64_t taken_ms);

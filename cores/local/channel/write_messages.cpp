@@ -74,6 +74,13 @@ std::string write_track(const TrackMessage* track) {
     return text_of(message);
 }
 
+std::string write_played(uint64_t item, const std::string& verified) {
+    const JsonPtr message = message_of("played");
+    add(message.get(), "item", item);
+    add(message.get(), "verified", verified);
+    return text_of(message);
+}
+
 std::string write_state(const PlayerView& view, const PlaybackSettings& settings,
                         uint64_t position_ms, uint64_t taken_ms) {
     const JsonPtr message = message_of("state");

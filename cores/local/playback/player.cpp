@@ -331,6 +331,7 @@ nuv_error Player::playback_finished(bool no_next_track) {
         !current->is_finished()) {
         return NUV_ERROR_INVALID_STATE;
     }
+    m_streams.note_played_out();
     m_playback.confirm_end_of_track(no_next_track);
     if (no_next_track) {
         m_course.go_on_after_last_sample();
@@ -360,6 +361,7 @@ PlayerView Player::view() const {
         view.stream_id = m_streams.current()->id();
     }
     view.text_count = m_streams.text_count();
+    view.played_count = m_streams.played_count();
     view.seek_count = m_seek_count;
     return view;
 }
@@ -371,6 +373,11 @@ std::optional<HeardTrack> Player::heard() const {
         return std::nullopt;
     }
     return HeardTrack{current->place().track, &current->info(), &current->texts()};
+}
+
+std::optional<PlayedTrack> Player::last_played() const {
+    const auto& played = m_streams.last_played();
+    return played && m_course.is_in_session(played->place) ? played : std::nullopt;
 }
 
 std::optional<Course::Heard> Player::heard_on_the_way_back() const {

@@ -71,6 +71,8 @@ class Player {
     const Session* session() const { return m_course.session(); }
     // None while nothing of the session is heard.
     std::optional<HeardTrack> heard() const;
+    // The one of the session that was over last.
+    std::optional<PlayedTrack> last_played() const;
     // In the track that is heard; 0 without one. Calls a delegate.
     uint64_t position_ms() const;
     // The oldest that has not been taken.

@@ -37,6 +37,7 @@ struct PlayerView {
     uint64_t stream_id = 0;       // of the stream that is heard; 0: none
     uint64_t text_count = 0;      // of changes of its texts so far
     uint64_t seek_count = 0;      // so far
+    uint64_t played_count = 0;    // of tracks that are over
 
     bool operator==(const PlayerView&) const = default;
 };

@@ -71,10 +71,21 @@ void StreamQueue::release(StreamPtr stream) {
     give_back_block(*stream);
 }
 
+void StreamQueue::conclude(Stream& stream) {
+    if (stream.has_flowed()) {
+        m_last_played = {stream.place(), stream.texts().title,
+                         stream.m_pipe->conclude(stream.m_is_played_out)};
+        ++m_played_count;
+    }
+}
+
 bool StreamQueue::dispose(Role role) {
     StreamPtr stream = std::exchange(in(role), nullptr);
     if (!stream) {
         return false;
+    }
+    if (role == Role::current) {
+        conclude(*stream);
     }
     release(std::move(stream));
     return true;
@@ -84,6 +95,7 @@ bool StreamQueue::dispose_retired() {
     if (!m_retired) {
         return false;
     }
+    conclude(*m_retired);
     release(std::exchange(m_retired, nullptr));
     return true;
 }
@@ -142,6 +154,7 @@ StreamQueue::Offered StreamQueue::offer(Role role) {
         std::min(audio.data(m_delegates.core, stream.m_id,
                             stream.m_block.data + stream.m_offered_bytes, left, audio.context),
                  left);
+    stream.m_pipe->add_taken(stream.m_block.data + stream.m_offered_bytes, taken);
     stream.m_has_flowed |= taken > 0;
     stream.m_offered_bytes += taken;
     stream.m_taken_bytes += taken;

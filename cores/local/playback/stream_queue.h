@@ -41,6 +41,13 @@ struct TrackPlace {
     bool operator==(const TrackPlace&) const = default;
 };
 
+// A track of which some was heard, and that is over.
+struct PlayedTrack {
+    TrackPlace place;
+    std::string title;
+    Verdict verdict;
+};
+
 class StreamQueue {
   public:
     class Stream {
@@ -75,10 +82,11 @@ class StreamQueue {
         bool m_is_open = false;
         bool m_is_finished = false;
         bool m_has_flowed = false;
-        PcmBlock m_block{};          // being offered
-        size_t m_offered_bytes = 0;  // of the block, taken by the renderer
-        uint64_t m_taken_bytes = 0;  // since the start or the last seek
-        uint64_t m_begin_ms = 0;     // where that was
+        bool m_is_played_out = false;  // heard to its end
+        PcmBlock m_block{};            // being offered
+        size_t m_offered_bytes = 0;    // of the block, taken by the renderer
+        uint64_t m_taken_bytes = 0;    // since the start or the last seek
+        uint64_t m_begin_ms = 0;       // where that was
     };
     enum class Role { current, next };
 
@@ -107,6 +115,11 @@ class StreamQueue {
     // What has been decoded of the next stream stays: it becomes the current one, to be announced
     // anew.
     bool dispose_current_keeping_next();
+    // All of the current stream was heard.
+    void note_played_out() { m_current->m_is_played_out = true; }
+    // The track that was over last, and how many were.
+    const std::optional<PlayedTrack>& last_played() const { return m_last_played; }
+    uint64_t played_count() const { return m_played_count; }
     // The current stream retires, the announced next one becomes current. False without one.
     bool advance();
 
@@ -150,6 +163,7 @@ class StreamQueue {
     StreamPtr& in(Role role) { return role == Role::current ? m_current : m_next; }
     void announce(Stream& stream);
     void withdraw(Stream& stream);
+    void conclude(Stream& stream);
     void release(StreamPtr stream);
     void give_back_block(Stream& stream);
     void renew_texts(Stream& stream);
@@ -162,6 +176,8 @@ class StreamQueue {
 
     uint64_t m_last_stream_id = 0;
     uint64_t m_text_count = 0;
+    std::optional<PlayedTrack> m_last_played;
+    uint64_t m_played_count = 0;
     DecodeCrew m_crew;
     StreamPtr m_current;
     StreamPtr m_next;

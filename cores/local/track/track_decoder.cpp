@@ -164,6 +164,7 @@ bool TrackDecoder::describe(OpenFailure* failure) {
     m_info.title = m_read.title;
     m_info.artist = m_read.artist;
     m_info.album = m_read.album;
+    m_info.sum = m_read.sum;
     if (m_output.formats.rate_count > 0) {
         failure->reason = reader::kReaderLied;
         return is_among(m_info.format, m_output.formats);

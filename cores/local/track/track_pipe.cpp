@@ -52,6 +52,14 @@ std::optional<TrackTexts> TrackPipe::take_new_texts() {
     return m_work->take_new_texts();
 }
 
+void TrackPipe::add_taken(const std::byte* samples, size_t bytes) {
+    m_work->verification().add(samples, bytes);
+}
+
+Verdict TrackPipe::conclude(bool is_played_out) {
+    return m_work->conclude(is_played_out);
+}
+
 void TrackPipe::seek(uint64_t frame) {
     m_work->seek(frame);
 }

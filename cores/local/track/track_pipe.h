@@ -26,6 +26,7 @@
 #include "local/track/content.h"
 #include "local/track/track_decoder.h"
 #include "local/track/track_texts.h"
+#include "local/track/verification.h"
 
 namespace local_core {
 
@@ -67,6 +68,12 @@ class TrackPipe {
     void give_back(const PcmBlock& block);
     // Other texts that belong to the sound from the block taken last on; each is told of once.
     std::optional<TrackTexts> take_new_texts();
+
+    // What the output has taken of a block, in turn.
+    void add_taken(const std::byte* samples, size_t bytes);
+    // Whether that was the file's, all of it where the track is `played_out`; once, told in the
+    // log too. Of a track that could be opened.
+    Verdict conclude(bool is_played_out);
 
     // Drops what is decoded and goes on at `frame`. The blocks in hand must have been given back;
     // nothing is taken until the seek is done.

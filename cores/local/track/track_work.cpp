@@ -91,7 +91,18 @@ std::optional<TrackTexts> TrackWork::take_new_texts() {
     return texts;
 }
 
+Verdict TrackWork::conclude(bool is_played_out) {
+    const Verdict verdict = m_verification->conclude(is_played_out);
+    const LogLevel level = verdict == Verdict::verified  ? LogLevel::info
+                           : verdict == Verdict::differs ? LogLevel::error
+                                                         : LogLevel::debug;
+    m_crew->logger->write(level, kAudioDecoder, "%s: %s%s", name().c_str(),
+                          verdict == Verdict::verified ? "" : "not verified: ", text_of(verdict));
+    return verdict;
+}
+
 void TrackWork::seek(uint64_t frame) {
+    m_verification->seek(frame);
     {
         const std::lock_guard lock(m_mutex);
         m_decoder->stop();
@@ -186,6 +197,7 @@ void TrackWork::open() {
                                   name().c_str(), failed.c_str());
         }
         m_latest_texts = m_texts;
+        m_verification.emplace(m_decoder->info());
         if (const std::string done = m_decoder->info().conversion(); !done.empty()) {
             m_crew->logger->write(LogLevel::info, kAudioDecoder, "%s: %s", name().c_str(),
                                   done.c_str());

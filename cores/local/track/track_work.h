@@ -19,6 +19,7 @@
 #include "local/texts/display_text.h"
 #include "local/track/track_cover.h"
 #include "local/track/track_pipe.h"
+#include "local/track/verification.h"
 
 namespace local_core {
 
@@ -77,6 +78,8 @@ class TrackWork {
     Taken take(PcmBlock* block);
     void give_back(const PcmBlock& block);
     std::optional<TrackTexts> take_new_texts();
+    Verification& verification() { return *m_verification; }
+    Verdict conclude(bool is_played_out);
     void seek(uint64_t frame);
     std::optional<uint64_t> seek_result() const {
         const std::lock_guard lock(m_mutex);
@@ -140,6 +143,7 @@ class TrackWork {
     std::unique_ptr<TrackDecoder> m_decoder;
     TrackTexts m_texts;
     TrackCover m_cover;
+    std::optional<Verification> m_verification;  // the loop's once opening is over
 
     mutable std::mutex m_mutex;  // guards what follows
     std::condition_variable m_work;
