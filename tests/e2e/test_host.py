@@ -181,6 +181,8 @@ class Status(HostTest):
         wait_for("stopped", lambda: self.status()["state"] == "stopped")
         self.assertRegex(self.status()["last_error"]["text"], "playback error|No such device")
         self.assertIsNone(self.status()["output"])
+        self.assertEqual(self.status()["last_played"],
+                         {"title": title, "verified": "no sum in the file"})
         self.card("plug")
         (self.music / "other").mkdir()
         write_wav(self.music / "other/32.wav", signal_samples(32000 * 5, 0, 32000), 32000)

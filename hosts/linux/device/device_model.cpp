@@ -31,8 +31,14 @@ AudioFormat format_in(const android::AMessage& report, const std::string& prefix
             number_in(report, prefix + "channels")};
 }
 
-std::mutex sound_note_mutex;
-std::string sound_note;  // guarded by sound_note_mutex
+std::mutex sound_note_mutex;  // guards what follows
+std::string sound_note;
+std::optional<PlayedNote> played_note;
+
+std::optional<PlayedNote> last_played() {
+    const std::lock_guard lock(sound_note_mutex);
+    return played_note;
+}
 
 // The service sees what it is given by the core, and knows nothing of what that did before.
 void add_sound_note(ServiceState& service) {
@@ -96,6 +102,11 @@ void set_sound_note(const std::string& changed) {
     sound_note = to_utf8(changed);
 }
 
+void set_played_note(PlayedNote played) {
+    const std::lock_guard lock(sound_note_mutex);
+    played_note = {to_utf8(played.title), to_utf8(played.verified)};
+}
+
 DeviceState DeviceModel::state() const {
     return {.name = name(),
             .version = NUVIO_VERSION,
@@ -103,7 +114,8 @@ DeviceState DeviceModel::state() const {
             .playing = playing(),
             .volume = volume(),
             .muted = is_muted(),
-            .service = ask_service()};
+            .service = ask_service(),
+            .played = last_played()};
 }
 
 std::string DeviceModel::missing_setting() const {

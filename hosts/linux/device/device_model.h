@@ -49,6 +49,12 @@ struct ServiceState {
     std::optional<double> buffer_seconds() const;
 };
 
+// A track that is over, as the core says (common/sound_note.h).
+struct PlayedNote {
+    std::string title;
+    std::string verified;
+};
+
 struct DeviceState {
     std::string name;
     std::string version;  // of the host
@@ -57,6 +63,7 @@ struct DeviceState {
     std::optional<int> volume;
     bool muted;
     ServiceState service;
+    std::optional<PlayedNote> played;  // the last one
 };
 
 // What the service offers to tell; null, as at first, where it tells nothing.
@@ -64,6 +71,7 @@ void set_service_report(ServiceReport report);
 
 // What the core says of the sound that is heard (common/sound_note.h); empty at first.
 void set_sound_note(const std::string& changed);
+void set_played_note(PlayedNote played);
 
 class DeviceModel {
   public:

@@ -51,3 +51,7 @@ void OfferServiceReport(ServiceReport report) {
 void nuvio_note_sound(const char* changed) {
     nuvio::host::set_sound_note(changed);
 }
+
+void nuvio_note_played(const char* title, const char* verified) {
+    nuvio::host::set_played_note({title, verified});
+}

@@ -27,6 +27,13 @@ void add_track(cJSON* status, const NowPlayingView& playing) {
     add(track, "position_ms", playing.position_ms);
 }
 
+void add_played(cJSON* status, const std::optional<PlayedNote>& played) {
+    if (cJSON* const object = add_object_if(played.has_value(), status, "last_played")) {
+        add(object, "title", played->title);
+        add(object, "verified", played->verified);
+    }
+}
+
 void add_format(cJSON* parent, const char* key, const AudioFormat& format) {
     if (cJSON* const object = add_object_if(format.rate.has_value(), parent, key)) {
         add(object, "rate", format.rate);
@@ -66,6 +73,7 @@ std::string status_json(const DeviceState& state) {
     add(status, "state", word_of(state.playing.status).key);
     add_track(status, state.playing);
     add_output(status, service);
+    add_played(status, state.played);
     add(status, "volume", state.volume);
     add(status, "muted", state.muted);
     add(status, "underruns", service.underruns);
