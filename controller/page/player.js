@@ -161,6 +161,11 @@ function format_text(device) {
   return parts.join(" · ") + (device.bit_exact ? " · bit-exact" : "");
 }
 
+// Of a device that says so: whether the output took the samples of which the file has a sum.
+function played_text({ title, verified }) {
+  return "Before: " + title + " · " + (verified === "verified" ? "" : "not verified: ") + verified;
+}
+
 function seek_row(device) {
   const length = device.track.duration_ms;
   const can_seek = device.track.seekable && length > 0;
@@ -209,7 +214,8 @@ export function show_playing(main) {
     cover(track.cover, "large"),
     element("div", {}, element("h1", { tabindex: -1 }, track.title),
       element("p", { class: "cut" }, track.artist), element("p", { class: "quiet cut" }, track.album),
-      element("p", { class: "quiet", id: "format" }, format_text(device))),
+      element("p", { class: "quiet", id: "format" }, format_text(device)),
+      device.played ? element("p", { class: "quiet cut", id: "played" }, played_text(device.played)) : ""),
     seek_row(device),
     element("div", { class: "transport" }, shuffle,
       icon_button("previous", "Previous", () => command(device, "previous"), { "data-key": "previous" }),

@@ -57,11 +57,12 @@ std::string title_of(const QueueItem& item) {
 
 bool DeviceState::apply(const cJSON* message, Clock::time_point now, int64_t now_unix_ms) {
     const std::string type = text_member(message, "type").value_or("");
-    return type == "state"   ? apply_state(message, now, now_unix_ms)
-           : type == "track" ? apply_track(message)
-           : type == "queue" ? apply_queue(message)
-           : type == "error" ? apply_error(message)
-                             : false;
+    return type == "state"    ? apply_state(message, now, now_unix_ms)
+           : type == "track"  ? apply_track(message)
+           : type == "played" ? apply_played(message)
+           : type == "queue"  ? apply_queue(message)
+           : type == "error"  ? apply_error(message)
+                              : false;
 }
 
 // The position was heard a while before the message came. The two clocks need not agree: the
@@ -106,6 +107,12 @@ bool DeviceState::apply_track(const cJSON* message) {
         m_track.bits = count_of(format, "bits");
         m_track.changed = text_of(message, "why");
     }
+    return true;
+}
+
+bool DeviceState::apply_played(const cJSON* message) {
+    const QueueItem* about = find(count_of(message, "item"));
+    m_played = {about != nullptr ? title_of(*about) : "", text_of(message, "verified")};
     return true;
 }
 
@@ -206,6 +213,12 @@ void DeviceState::describe(cJSON* object, Clock::time_point now) const {
     add(object, "queue_length", m_length);
     add(object, "problem_count", m_problem_count);
     add(object, "problem", m_problem);
+    if (m_played) {
+        JsonPtr played = new_object();
+        add(played.get(), "title", m_played->title);
+        add(played.get(), "verified", m_played->verified);
+        add(object, "played", std::move(played));
+    }
     const QueueItem* found = m_item ? find(*m_item) : nullptr;
     const bool is_heard = m_track.item.has_value();
     if (!is_heard && found == nullptr) {

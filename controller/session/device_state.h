@@ -31,6 +31,13 @@ struct TrackHeard {
     bool is_seekable = false;
 };
 
+// A track of the session that is over, as the device says.
+struct TrackPlayed {
+    std::string title;
+    std::string
+        verified;  // "verified": its samples were those of the sum in its file; else why not
+};
+
 class DeviceState {
   public:
     using Clock = std::chrono::steady_clock;
@@ -40,8 +47,8 @@ class DeviceState {
     // elsewhere are not shown.
     explicit DeviceState(std::string here) : m_here(std::move(here)) {}
 
-    // A message of the types queue, track, state or error; `now` is when it came, by two clocks.
-    // True when something in it was understood.
+    // A message of the types queue, track, played, state or error; `now` is when it came, by two
+    // clocks. True when something in it was understood.
     bool apply(const cJSON* message, Clock::time_point now, int64_t now_unix_ms);
 
     // Heard now: a position advances while it plays.
@@ -67,6 +74,7 @@ class DeviceState {
   private:
     bool apply_state(const cJSON* message, Clock::time_point now, int64_t now_unix_ms);
     bool apply_track(const cJSON* message);
+    bool apply_played(const cJSON* message);
     bool apply_queue(const cJSON* message);
     bool apply_error(const cJSON* message);
 
@@ -83,6 +91,7 @@ class DeviceState {
     std::optional<int64_t> m_least_lag_ms;
 
     TrackHeard m_track;
+    std::optional<TrackPlayed> m_played;  // the last one
     int64_t m_revision = 0;
     int64_t m_length = 0;
     size_t m_queue_bytes = 0;

@@ -31,6 +31,8 @@ class CommandLine(HouseTest):
         self.command("seek", "Kitchen", SECONDS - 3)
         wait_for("the next track, on both sides", lambda: self.shown("Kitchen").get("item") == 1 and
                  kitchen.position() < SECONDS / 2, 10)
+        wait_for("the first one's word", lambda: self.shown("Kitchen").get("played") == {
+            "title": "Night Boats 1", "verified": "sought or paused"})
         self.assert_position(kitchen, lambda: self.shown("Kitchen")["position_ms"] / 1000)
         self.command("volume", "Kitchen", 30)
         wait_for("the card's volume", lambda: "[30%]" in kitchen.amixer("sget", "Master"))
@@ -65,6 +67,8 @@ class CommandLine(HouseTest):
             self.avahi = kitchen.start_own("avahi")
             wait_for("both found again", lambda: all(
                 f'"friendly_name":"{name}"' in (self.command("find", check=False) or "") for name in self.rooms))
+        played = wait_for("a track's end", lambda: self.shown(self.rooms[1]).get("played"), SECONDS)
+        self.assertEqual(played, {"title": "Köln, früh 1", "verified": "verified"})
         before = kitchen.position()
         wait_for("music", lambda: abs(kitchen.position() - before) > 0.5)
         self.assertEqual({recording.underruns for recording in kitchen.recordings()}, {0})
