@@ -142,13 +142,13 @@ class OnServer:
 
     def test_the_position_is_what_is_heard_all_through_two_tracks(self):
         self.begin(5, 5)
-        errors = []
+        errors = {}
         while (before := self.place()) < 9:
             told, after = self.position(), self.place()  # asking takes time: the music goes on
             if True not in (before, after) and before // 5 == after // 5:
-                errors.append(max(before % 5 - told, told - after % 5, 0))
-        # A twentieth is the busy machine's, which hands the recording on late.
-        self.assertLess(sorted(errors)[len(errors) * 19 // 20], 0.05, errors)
+                errors.setdefault(before // 0.5, []).append(max(before % 5 - told, told - after % 5, 0))
+        # A busy machine hands the recording on late now and then; a wrong position is so for a while.
+        self.assertLess(max(map(min, errors.values())), 0.05, errors)
 
     def test_volume_goes_both_ways(self):
         self.begin(20)
