@@ -83,10 +83,11 @@ void OutputSound::convert(uint32_t rate_hz, bool to_deep) {
 size_t OutputSound::read_mixed(size_t frames) {
     const size_t frame_bytes = info_inside().frame_bytes();
     const size_t got = m_decoder->read(m_decoded.data(), frames * frame_bytes) / frame_bytes;
+    const void* const decoded = m_decoded.data();
     if (info_inside().is_deep) {
-        m_mixer->mix(reinterpret_cast<const int32_t*>(m_decoded.data()), got, m_mixed.data());
+        m_mixer->mix(static_cast<const int32_t*>(decoded), got, m_mixed.data());
     } else {
-        m_mixer->mix(reinterpret_cast<const int16_t*>(m_decoded.data()), got, m_mixed.data());
+        m_mixer->mix(static_cast<const int16_t*>(decoded), got, m_mixed.data());
     }
     return got;
 }
@@ -118,12 +119,13 @@ size_t OutputSound::read(void* block, size_t capacity_bytes) {
             std::min((capacity_bytes - done) / m_info.frame_bytes(), kFramesAtATime);
         made = m_resampler ? read_resampled(frames) : read_mixed(frames);
         const float* const samples = m_resampler ? m_made.data() : m_mixed.data();
+        void* const to = bytes + done;
         if (m_info.is_deep) {
-            m_rounder.round(samples, made * kOutputChannels,
-                            reinterpret_cast<int32_t*>(bytes + done), m_with_noise);
+            m_rounder.round(samples, made * kOutputChannels, static_cast<int32_t*>(to),
+                            m_with_noise);
         } else {
-            m_rounder.round(samples, made * kOutputChannels,
-                            reinterpret_cast<int16_t*>(bytes + done), m_with_noise);
+            m_rounder.round(samples, made * kOutputChannels, static_cast<int16_t*>(to),
+                            m_with_noise);
         }
     }
     return done;
