@@ -173,6 +173,7 @@ class Page(HouseTest):
         wait_for("both to show it", lambda: all(
             each.run("return document.querySelector('[data-key=toggle]').ariaLabel") == "Pause"
             for each in (phone, second)))
+        phone.shows("Before: Night Boats 1 · not verified: sought or paused")
         self.assertEqual(phone.faults() + second.faults(), [])
 
     def test_a_finger_on_the_volume_asks_at_a_pace_and_a_refused_press_is_taken_back(self):
