@@ -3,16 +3,17 @@
 
 #include <fileref.h>
 
+#include <cstddef>
+
 #include "common/unique_fd.h"
 
 namespace nuvio::reader {
 
-// TagLib's way to the bytes of a descriptor: it reads and goes to places, and asks for nothing
-// else.
-class FileBytes : public TagLib::IOStream {
+// TagLib's way to bytes: it reads and goes to places, and asks for nothing else.
+class TaggedBytes : public TagLib::IOStream {
   public:
-    // Borrows the descriptor of a regular file.
-    explicit FileBytes(const UniqueFd& file);
+    // A negative length: they can't be read.
+    explicit TaggedBytes(long length) : m_length(length) {}
 
     TagLib::FileName name() const override { return ""; }
     TagLib::ByteVector readBlock(unsigned long length) override;
@@ -27,9 +28,22 @@ class FileBytes : public TagLib::IOStream {
     void truncate(long) override {}
 
   private:
-    const int m_file;
-    const long m_length;  // negative: it can't be read
+    // How many there were.
+    virtual size_t read_at(long place, char* to, size_t count) = 0;
+
+    const long m_length;
     long m_place = 0;
+};
+
+class FileBytes : public TaggedBytes {
+  public:
+    // Borrows the descriptor of a regular file.
+    explicit FileBytes(const UniqueFd& file);
+
+  private:
+    size_t read_at(long place, char* to, size_t count) override;
+
+    const int m_file;
 };
 
 class MusicFile {
