@@ -69,13 +69,19 @@ struct Bytes {
     bool has_failed;  // nothing more will come
 };
 
-// What the output takes. Sound of another kind is converted; without rates all is left as it is.
+// Whether a sound is made as loud as its tags say: by those of the track or of the album, or, where
+// there are none, of the other.
+enum class Loudness : uint32_t { own, track, album };
+
+// What the output takes, and how loud. Sound of another kind is converted; without rates all is
+// left as it is.
 struct OutputFormats {
     static constexpr size_t kMaxRates = 16;
 
     uint32_t rates_hz[kMaxRates];  // in any order
     uint32_t rate_count;
     bool is_deep;  // 24 bits, else 16
+    Loudness loudness;
 };
 // It has two channels then.
 constexpr uint32_t kOutputChannels = 2;
@@ -159,6 +165,7 @@ struct SoundAnswer {
     Truth is_deep_inside;
     uint32_t rate_inside_hz, channels_inside;
     SampleSum sum;
+    float gain_db;  // by which it was made louder
     char title[kMaxSoundText], artist[kMaxSoundText], album[kMaxSoundText];
     char error[kMaxText];
 };

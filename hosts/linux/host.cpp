@@ -89,6 +89,7 @@ void Host::tell_core() const {
         {kLocalNetworkPatience, "NUVIO_NETWORK_PATIENCE_S"},
         {kLocalAuthorities, "NUVIO_NETWORK_AUTHORITIES"},
         {kLocalConvert, "NUVIO_CONVERT"},
+        {kLocalLoudness, "NUVIO_LOUDNESS"},
         {kOutputFS, "NUVIO_OUTPUT_RATES"},
     };
     for (const auto& row : kVariables) {

@@ -33,6 +33,7 @@ Sound sound_in(const SoundAnswer& answer) {
             answer.rate_inside_hz,
             answer.channels_inside,
             answer.sum,
+            answer.gain_db,
             text_in(answer.title),
             text_in(answer.artist),
             text_in(answer.album)};

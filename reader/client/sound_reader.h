@@ -36,6 +36,7 @@ struct Sound {
     bool is_deep_inside = false;
     uint32_t rate_inside_hz = 0, channels_inside = 0;
     SampleSum sum{};
+    float gain_db = 0;                 // by which it was made louder
     std::string title, artist, album;  // a kilobyte each at most; empty: not said
 };
 

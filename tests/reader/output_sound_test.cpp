@@ -2,14 +2,19 @@
 #include "reader/inside/sound/output_sound.h"
 
 #include <fcntl.h>
+#include <flacfile.h>
 #include <gtest/gtest.h>
+#include <mpegfile.h>
+#include <opusfile.h>
 #include <sndfile.h>
+#include <tpropertymap.h>
 
 #include <cmath>
 #include <cstring>
 #include <functional>
 #include <numbers>
 
+#include "reader/inside/sound/loudness.h"
 #include "temp_dir.h"
 
 namespace {
@@ -26,14 +31,15 @@ double sine(double hz, double time) {
 class Output : public testing::Test {
   protected:
     static OutputFormats takes(std::initializer_list<uint32_t> rates, bool is_deep) {
-        OutputFormats formats{{}, 0, is_deep};
+        OutputFormats formats{{}, 0, is_deep, Loudness::own};
         for (const uint32_t rate : rates) {
             formats.rates_hz[formats.rate_count++] = rate;
         }
         return formats;
     }
     std::unique_ptr<OutputSound> open(int rate, int channels, int subformat, size_t frames,
-                                      const OutputFormats& output, const Wave& wave) {
+                                      const OutputFormats& output, const Wave& wave,
+                                      float gain_db = 0) {
         const std::string path = m_folder / "sound.wav";
         const bool is_ogg = subformat == SF_FORMAT_VORBIS;
         SF_INFO info{0, rate, channels, (is_ogg ? SF_FORMAT_OGG : SF_FORMAT_WAV) | subformat, 0, 0};
@@ -48,7 +54,7 @@ class Output : public testing::Test {
         sf_close(file);
         m_input.emplace(nuvio::UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)));
         std::string error;
-        return OutputSound::open(Decoder::open(*m_input, &error), output, &error);
+        return OutputSound::open(Decoder::open(*m_input, &error), output, gain_db, &error);
     }
     // All that follows, in parts of many sizes; full scale is 1.
     static std::vector<double> rest_of(OutputSound& sound) {
@@ -192,6 +198,100 @@ TEST_F(Output, WhatItTakesIsLeftAsItIs) {
     EXPECT_EQ(rest_of(*any).size(), 6000U);
     // Too slow for anybody's converter.
     EXPECT_EQ(open(100, 2, SF_FORMAT_PCM_16, 1000, takes({44100}, true), wave), nullptr);
+}
+
+// By what its tags say a sound is so much louder; 0: nothing that can be meant.
+TEST_F(Output, TagsSayHowLoud) {
+    struct Row {
+        int format;
+        std::initializer_list<std::pair<const char*, const char*>> tags;
+        float track_db, album_db;
+    };
+    constexpr int kFlac = SF_FORMAT_FLAC | SF_FORMAT_PCM_16, kOpus = SF_FORMAT_OGG | SF_FORMAT_OPUS;
+    constexpr int kMp3 = SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III;
+    constexpr auto kTrack = "REPLAYGAIN_TRACK_GAIN", kTrackPeak = "REPLAYGAIN_TRACK_PEAK";
+    constexpr auto kAlbum = "REPLAYGAIN_ALBUM_GAIN", kAlbumPeak = "REPLAYGAIN_ALBUM_PEAK";
+    const Row rows[] = {
+        {kFlac, {}, 0, 0},
+        {kFlac, {{kTrack, "-7.35 dB"}, {kAlbum, "+2.5 dB"}}, -7.35F, 2.5F},
+        {kMp3, {{kTrack, "-7.35 dB"}}, -7.35F, -7.35F},
+        {kFlac, {{kAlbum, "-4"}, {kAlbumPeak, "0.5"}}, -4, -4},
+        {kFlac, {{kTrack, "9 dB"}, {kTrackPeak, "0.5"}, {kAlbum, "3 dB"}}, 6.0206F, 3},
+        {kFlac, {{kTrack, "1 dB"}, {kTrackPeak, "1.25"}}, -1.9382F, -1.9382F},
+        {kOpus, {{"R128_TRACK_GAIN", "-1280"}, {"R128_ALBUM_GAIN", "256"}}, 0, 6},
+        {kFlac, {{kTrack, "nan dB"}, {kAlbum, "loud"}}, 0, 0},
+        {kFlac, {{kTrack, "1e30"}, {kAlbum, "-1e30"}, {kTrackPeak, "-1"}}, 15, -60},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        const std::string path = m_folder.write("tagged", "");
+        SF_INFO info{0, 48000, 2, row.format, 0, 0};
+        SNDFILE* const sound = sf_open(path.c_str(), SFM_WRITE, &info);
+        const std::vector<float> silence(2 * 4800);
+        sf_write_float(sound, silence.data(), 2 * 4800);
+        sf_close(sound);
+        std::unique_ptr<TagLib::File> file;
+        if (row.format == kFlac) {
+            file = std::make_unique<TagLib::FLAC::File>(path.c_str());
+        } else if (row.format == kOpus) {
+            file = std::make_unique<TagLib::Ogg::Opus::File>(path.c_str());
+        } else {
+            file = std::make_unique<TagLib::MPEG::File>(path.c_str());
+        }
+        TagLib::PropertyMap tags;
+        for (const auto& [key, text] : row.tags) {
+            tags.insert(key, TagLib::String(text));
+        }
+        file->setProperties(tags);
+        file->save();
+        file.reset();
+        FileInput input(nuvio::UniqueFd(::open(path.c_str(), O_RDONLY | O_CLOEXEC)));
+        EXPECT_NEAR(gain_db(input, Loudness::track), row.track_db, 0.001);
+        EXPECT_NEAR(gain_db(input, Loudness::album), row.album_db, 0.001);
+        EXPECT_EQ(gain_db(input, Loudness::own), 0);
+        EXPECT_EQ(input.position(), 0U);
+    }
+}
+
+// Of the level that was asked for to a tenth of a dB, and where that would be too loud as loud as
+// can be, from a little before to a little after.
+TEST_F(Output, LoudnessIsExactAndNeverAboveFullScale) {
+    const OutputFormats takes_both[] = {takes({48000}, true), takes({48000}, false)};
+    const Wave wave = [](double time, int) {
+        return (time < 1 || time > 1.1 ? 0.1 : 0.9) * sine(997, time);
+    };
+    const auto level_db = [](const std::vector<double>& heard, double from, double to) {
+        double power = 0;
+        for (auto i = static_cast<size_t>(from * 96000); i < static_cast<size_t>(to * 96000); ++i) {
+            power += heard[i] * heard[i] / ((to - from) * 96000);
+        }
+        return 10 * std::log10(2 * power);
+    };
+    for (const OutputFormats& output : takes_both) {
+        for (const int rate : {48000, 96000}) {
+            for (const float gain : {-6.5F, 11.0F}) {
+                SCOPED_TRACE(testing::Message() << rate << " " << gain);
+                auto sound = open(rate, 2, SF_FORMAT_PCM_16, static_cast<size_t>(rate) * 3, output,
+                                  wave, gain);
+                ASSERT_NE(sound, nullptr);
+                EXPECT_EQ(sound->gain_db(), gain);
+                EXPECT_EQ(sound->info().is_deep, output.is_deep);
+                const std::vector<double> heard = rest_of(*sound);
+                ASSERT_EQ(heard.size(), 2 * 3 * 48000U);
+                EXPECT_NEAR(level_db(heard, 0.1, 0.98), -20 + gain, 0.1);
+                EXPECT_NEAR(level_db(heard, 2.5, 2.9), -20 + gain, 0.1);
+                EXPECT_LT(level_db(heard, 1.11, 1.13), -20 + std::min(gain + 0.1F, 2.0F));
+                EXPECT_NEAR(level_db(heard, 1.01, 1.09), std::min(gain - 0.915F, -0.0F), 0.1);
+                for (const double sample : heard) {
+                    ASSERT_LE(std::fabs(sample), 1 - 1.0 / 32768);
+                }
+                EXPECT_EQ(sound->seek(48000 * 2 + 7), 48000U * 2 + 7);
+                const std::vector<double> rest = rest_of(*sound);
+                ASSERT_EQ(rest.size(), 2 * 48000U - 14);
+                EXPECT_NEAR(level_db(rest, 0.1, 0.9), -20 + gain, 0.1);
+            }
+        }
+    }
 }
 
 }  // namespace

@@ -1,6 +1,7 @@
 #include "local/track/output.h"
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <iterator>
 #include <optional>
@@ -14,6 +15,7 @@ namespace local_core {
 
 namespace {
 
+using nuvio::reader::Loudness;
 using nuvio::reader::OutputFormats;
 
 constexpr uint32_t kUsualRates[] = {44100, 48000, 88200, 96000, 176400, 192000, 352800, 384000};
@@ -52,6 +54,10 @@ Output output_of(nuv_audio_quality highest) {
     }
     const uint32_t highest_hz = highest_rate(highest);
     output.formats.is_deep = highest != NUV_AUDIO_QUALITY_CD;
+    const std::string loudness = nuvio::environment_text("NUVIO_LOUDNESS");
+    output.formats.loudness = loudness == "track"   ? Loudness::track
+                              : loudness == "album" ? Loudness::album
+                                                    : Loudness::own;
     add_all(output.formats, nuvio::environment_text("NUVIO_OUTPUT_RATES"), highest_hz);
     if (output.formats.rate_count == 0) {
         for (const uint32_t rate_hz : kUsualRates) {
@@ -86,6 +92,15 @@ std::string format_text(const nuv_audio_format& format) {
     return format.channel_count > 2
                ? whole + ", " + std::to_string(format.channel_count) + " channels"
                : whole;
+}
+
+std::string level_text(float gain_db) {
+    char text[40] = "";
+    if (gain_db != 0) {
+        std::snprintf(text, sizeof text, ", %.1f dB %s", std::abs(static_cast<double>(gain_db)),
+                      gain_db < 0 ? "quieter" : "louder");
+    }
+    return text;
 }
 
 }  // namespace local_core

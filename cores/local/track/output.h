@@ -17,6 +17,8 @@ struct Output {
 // The renderer's, of which the environment says more (read anew at each call):
 //   NUVIO_OUTPUT_RATES  the rates that it has, in Hz with commas between; where none of them is
 //                       within `highest`, it has the usual ones that are
+//   NUVIO_LOUDNESS      "track" or "album": by whose tags tracks are made equally loud; not where
+//                       nothing is converted
 //   NUVIO_CONVERT       0: nothing is converted
 Output output_of(nuv_audio_quality highest);
 
@@ -28,5 +30,7 @@ bool is_converted(const nuv_audio_format& inside, const nuv_audio_format& heard)
 
 // "96 kHz/24 bit"; "48 kHz/16 bit, 6 channels" where there are more than two.
 std::string format_text(const nuv_audio_format& format);
+// ", 7.3 dB quieter"; empty at 0.
+std::string level_text(float gain_db);
 
 }  // namespace local_core

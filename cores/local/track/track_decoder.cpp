@@ -1,6 +1,7 @@
 #include "local/track/track_decoder.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 #include "common/utf8.h"
@@ -55,9 +56,11 @@ class TrackDecoder::SourceBytes : public reader::RemoteBytes {
 };
 
 std::string TrackInfo::conversion() const {
-    return is_converted(inside, format)
-               ? format_text(inside) + ", converted to " + format_text(format)
-               : "";
+    if (!is_converted(inside, format) && gain_db == 0) {
+        return "";
+    }
+    return format_text(inside) + level_text(gain_db) +
+           (is_converted(inside, format) ? ", converted to " + format_text(format) : "");
 }
 
 uint64_t TrackInfo::most_frames() const {
@@ -165,6 +168,7 @@ bool TrackDecoder::describe(OpenFailure* failure) {
     m_info.artist = m_read.artist;
     m_info.album = m_read.album;
     m_info.sum = m_read.sum;
+    m_info.gain_db = std::isfinite(m_read.gain_db) ? m_read.gain_db : 0;
     if (m_output.formats.rate_count > 0) {
         failure->reason = reader::kReaderLied;
         return is_among(m_info.format, m_output.formats);

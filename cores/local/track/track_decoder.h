@@ -46,6 +46,7 @@ struct TrackInfo {
     // Of a radio: its name and what it plays, as sent; possibly empty.
     std::string station;
     std::string live_title;
+    float gain_db;                 // by which it was made louder, as its tags say
     nuvio::reader::SampleSum sum;  // of the file's samples, where it has one
 
     // "96 kHz/24 bit, converted to 48 kHz/16 bit"; empty: what is heard are the samples inside.

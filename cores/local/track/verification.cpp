@@ -25,10 +25,10 @@ Verdict hindrance_of(const TrackInfo& info) {
     const bool is_cut = info.sum.bits > width_of(info.format);
     const bool is_other =
         !info.is_guess && info.sum.frames != 0 && info.sum.frames != info.frame_count;
-    return info.sum.bits == 0                                 ? Verdict::no_sum
-           : is_cut || is_converted(info.inside, info.format) ? Verdict::converted
-           : is_other                                         ? Verdict::no_sum
-                                                              : Verdict::verified;
+    return info.sum.bits == 0                     ? Verdict::no_sum
+           : is_cut || !info.conversion().empty() ? Verdict::converted
+           : is_other                             ? Verdict::no_sum
+                                                  : Verdict::verified;
 }
 
 }  // namespace

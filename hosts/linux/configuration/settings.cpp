@@ -74,11 +74,16 @@ const char* check_rates(std::string_view value) {
     return nullptr;
 }
 
+const char* check_loudness(std::string_view value) {
+    return value == "off" || value == "track" || value == "album" ? nullptr
+                                                                  : "neither off, track nor album";
+}
+
 struct KnownKey {
     std::string_view key;
     Checker check;
 };
-constexpr std::array<KnownKey, 30> kKnownKeys = {{
+constexpr std::array<KnownKey, 31> kKnownKeys = {{
     {kFeatureNuvioConnect, check_number},
     {KFeatureNuvioConnectLog, check_number},
     {KFeatureNuvioConnectHttpPort, check_port},
@@ -109,6 +114,7 @@ constexpr std::array<KnownKey, 30> kKnownKeys = {{
     {kLocalNetworkPatience, check_number},
     {kLocalAuthorities, check_folder},
     {kLocalConvert, check_number},
+    {kLocalLoudness, check_loudness},
 }};
 
 const KnownKey* find_key(std::string_view key) {

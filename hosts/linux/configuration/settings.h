@@ -42,6 +42,8 @@ inline constexpr char kLocalNetworkPatience[] = "local.network_patience";
 inline constexpr char kLocalAuthorities[] = "local.authorities";
 // Number, 0: tracks that the output does not take are passed over, not converted.
 inline constexpr char kLocalConvert[] = "local.convert";
+// "off", "track" or "album": by whose tags tracks are made equally loud.
+inline constexpr char kLocalLoudness[] = "local.loudness";
 
 inline constexpr size_t kMaxSettingsBytes = size_t{64} * 1024;
 inline constexpr size_t kMaxValueBytes = 1024;

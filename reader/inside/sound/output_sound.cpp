@@ -43,32 +43,39 @@ OutputSound::OutputSound(std::unique_ptr<Decoder> decoder)
     : m_decoder(std::move(decoder)), m_info(m_decoder->info()) {}
 
 std::unique_ptr<OutputSound> OutputSound::open(std::unique_ptr<Decoder> decoder,
-                                               const OutputFormats& output, std::string* error) {
+                                               const OutputFormats& output, float gain_db,
+                                               std::string* error) {
     std::unique_ptr<OutputSound> sound(new OutputSound(std::move(decoder)));
     const SoundInfo& inside = sound->info_inside();
     const uint32_t rate_hz = output_rate(inside.rate_hz, output);
     const bool is_resampled = rate_hz != inside.rate_hz;
     const bool is_narrowed = inside.is_deep && !output.is_deep;
     if (rate_hz == 0 || inside.channels == 0 ||
-        (!is_resampled && !is_narrowed && inside.channels == kOutputChannels)) {
+        (!is_resampled && !is_narrowed && inside.channels == kOutputChannels && gain_db == 0)) {
         return sound;
     }
     if (!is_in_reach(inside)) {
         *error = "it can't be converted to what the output takes";
         return nullptr;
     }
-    sound->convert(rate_hz, output.is_deep);
+    sound->convert(rate_hz, output.is_deep, gain_db);
     return sound;
 }
 
-void OutputSound::convert(uint32_t rate_hz, bool to_deep) {
+void OutputSound::convert(uint32_t rate_hz, bool to_deep, float gain_db) {
     const SoundInfo& inside = info_inside();
     m_mixer.emplace(inside.channels);
     if (rate_hz != inside.rate_hz) {
         m_resampler = std::make_unique<Resampler>(inside.rate_hz, rate_hz, kOutputChannels);
         m_info.frames = m_resampler->frames_out_of(inside.frames);
     }
-    const bool is_new = m_resampler != nullptr || m_mixer->changes();
+    if (gain_db != 0) {
+        m_gain_db = gain_db;
+        m_leveler.emplace(gain_db, rate_hz, [this](float* to, size_t frames) {
+            return m_resampler ? read_resampled(to, frames) : read_mixed(to, frames);
+        });
+    }
+    const bool is_new = m_resampler != nullptr || m_leveler || m_mixer->changes();
     m_info.rate_hz = rate_hz;
     m_info.channels = kOutputChannels;
     m_info.is_deep = to_deep && (is_new || inside.is_deep);
@@ -80,29 +87,29 @@ void OutputSound::convert(uint32_t rate_hz, bool to_deep) {
 
 // ---- Sound --------------------------------------------------------------------------------------
 
-size_t OutputSound::read_mixed(size_t frames) {
+size_t OutputSound::read_mixed(float* to, size_t frames) {
     const size_t frame_bytes = info_inside().frame_bytes();
     const size_t got = m_decoder->read(m_decoded.data(), frames * frame_bytes) / frame_bytes;
     const void* const decoded = m_decoded.data();
     if (info_inside().is_deep) {
-        m_mixer->mix(static_cast<const int32_t*>(decoded), got, m_mixed.data());
+        m_mixer->mix(static_cast<const int32_t*>(decoded), got, to);
     } else {
-        m_mixer->mix(static_cast<const int16_t*>(decoded), got, m_mixed.data());
+        m_mixer->mix(static_cast<const int16_t*>(decoded), got, to);
     }
     return got;
 }
 
-size_t OutputSound::read_resampled(size_t frames) {
-    size_t made = m_resampler->read(m_made.data(), frames);
+size_t OutputSound::read_resampled(float* to, size_t frames) {
+    size_t made = m_resampler->read(to, frames);
     while (made == 0 && !m_has_ended && m_resampler->last_error().empty()) {
-        const size_t got = read_mixed(kFramesAtATime);
+        const size_t got = read_mixed(m_mixed.data(), kFramesAtATime);
         m_has_ended = got == 0;
         if (m_has_ended) {
             m_resampler->finish();
         } else {
             m_resampler->give(m_mixed.data(), got);
         }
-        made = m_resampler->read(m_made.data(), frames);
+        made = m_resampler->read(to, frames);
     }
     return made;
 }
@@ -117,8 +124,10 @@ size_t OutputSound::read(void* block, size_t capacity_bytes) {
          done += made * m_info.frame_bytes()) {
         const size_t frames =
             std::min((capacity_bytes - done) / m_info.frame_bytes(), kFramesAtATime);
-        made = m_resampler ? read_resampled(frames) : read_mixed(frames);
-        const float* const samples = m_resampler ? m_made.data() : m_mixed.data();
+        float* const samples = m_made.data();
+        made = m_leveler     ? m_leveler->read(samples, frames)
+               : m_resampler ? read_resampled(samples, frames)
+                             : read_mixed(samples, frames);
         void* const to = bytes + done;
         if (m_info.is_deep) {
             m_rounder.round(samples, made * kOutputChannels, static_cast<int32_t*>(to),
@@ -132,6 +141,9 @@ size_t OutputSound::read(void* block, size_t capacity_bytes) {
 }
 
 std::optional<uint64_t> OutputSound::seek(uint64_t frame) {
+    if (m_leveler) {
+        m_leveler->begin();
+    }
     if (!m_resampler) {
         return m_decoder->seek(frame);
     }

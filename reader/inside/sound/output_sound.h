@@ -1,6 +1,6 @@
 // One open sound as the output takes it: as it is where the output takes that, else at another
-// rate, of two channels, of fewer bits. What it says and where it goes is of the sound that comes
-// out.
+// rate, of two channels, of fewer bits, louder or quieter. What it says and where it goes is of the
+// sound that comes out.
 //
 // One thread; every call may block on the decoder's input.
 #pragma once
@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "reader/inside/sound/decoder.h"
+#include "reader/inside/sound/leveler.h"
 #include "reader/inside/sound/mixing.h"
 #include "reader/inside/sound/resampler.h"
 #include "reader/protocol.h"
@@ -26,13 +27,18 @@ uint32_t output_rate(uint32_t rate_hz, const OutputFormats& output);
 
 class OutputSound {
   public:
-    // Null, with *error set, where the sound can't be converted.
+    // Null, with *error set, where the sound can't be converted. `gain_db`: 0 leaves the loudness;
+    // so does an output without rates.
     static std::unique_ptr<OutputSound> open(std::unique_ptr<Decoder> decoder,
-                                             const OutputFormats& output, std::string* error);
+                                             const OutputFormats& output, float gain_db,
+                                             std::string* error);
 
     const SoundInfo& info() const { return m_info; }
     // As the decoder gives it.
     const SoundInfo& info_inside() const { return m_decoder->info(); }
+
+    // By which it was made louder.
+    float gain_db() const { return m_gain_db; }
 
     // As Decoder has them.
     size_t read(void* block, size_t capacity_bytes);
@@ -43,15 +49,17 @@ class OutputSound {
   private:
     explicit OutputSound(std::unique_ptr<Decoder> decoder);
     bool is_converted() const { return m_mixer.has_value(); }
-    void convert(uint32_t rate_hz, bool to_deep);
-    // Frames of m_mixed and of m_made.
-    size_t read_mixed(size_t frames);
-    size_t read_resampled(size_t frames);
+    void convert(uint32_t rate_hz, bool to_deep, float gain_db);
+    // Frames that were put there, at most kFramesAtATime.
+    size_t read_mixed(float* to, size_t frames);
+    size_t read_resampled(float* to, size_t frames);
 
     const std::unique_ptr<Decoder> m_decoder;
     SoundInfo m_info;
     std::optional<Mixer> m_mixer;
     std::unique_ptr<Resampler> m_resampler;  // null: the rate is its own
+    std::optional<Leveler> m_leveler;        // none: the loudness is its own
+    float m_gain_db = 0;
     bool m_with_noise = false;
     Rounder m_rounder;
     bool m_has_ended = false;

@@ -9,6 +9,7 @@
 
 #include "common/utf8.h"
 #include "reader/inside/sandbox.h"
+#include "reader/inside/sound/loudness.h"
 
 namespace nuvio::reader {
 
@@ -41,8 +42,10 @@ void SoundWork::open(const Request& request, UniqueFd file, char* shared, Parent
         input = m_file.get();
     }
     std::string error;
+    const float gain = gain_db(*input, request.output.loudness);
     auto decoder = Decoder::open(*input, &error);
-    m_sound = decoder ? OutputSound::open(std::move(decoder), request.output, &error) : nullptr;
+    m_sound =
+        decoder ? OutputSound::open(std::move(decoder), request.output, gain, &error) : nullptr;
     put(error, answer->error);
     if (!m_sound) {
         return;
@@ -61,6 +64,7 @@ void SoundWork::open(const Request& request, UniqueFd file, char* shared, Parent
     answer->rate_inside_hz = inside.rate_hz;
     answer->channels_inside = inside.channels;
     answer->sum = inside.sum;
+    answer->gain_db = m_sound->gain_db();
     put(info.title, answer->title);
     put(info.artist, answer->artist);
     put(info.album, answer->album);
