@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "common/text.h"
+#include "common/utf8.h"
 
 namespace nuvio {
 
@@ -44,12 +45,9 @@ inline std::string_view title_of(std::string_view info) {
 // CRLF or CR, a byte order mark, comments. At most `max_entries` entries come back, and lines
 // beyond 4096 bytes or with a NUL are passed over.
 inline std::vector<PlaylistEntry> parse_m3u(std::string_view text, size_t max_entries) {
-    constexpr std::string_view kByteOrderMark = "\xef\xbb\xbf";
     constexpr std::string_view kInfoTag = "#EXTINF:";
     constexpr size_t kMaxLineBytes = 4096;
-    if (text.starts_with(kByteOrderMark)) {
-        text.remove_prefix(kByteOrderMark.size());
-    }
+    text = without_byte_order_mark(text);
     std::vector<PlaylistEntry> entries;
     std::string_view title;
     while (!text.empty() && entries.size() < max_entries) {

@@ -62,6 +62,11 @@ inline bool is_noncharacter(std::string_view character) {
            ends_plane;
 }
 
+inline std::string_view without_byte_order_mark(std::string_view text) {
+    constexpr std::string_view kMark = "\xef\xbb\xbf";
+    return text.starts_with(kMark) ? text.substr(kMark.size()) : text;
+}
+
 inline bool is_utf8(std::string_view text) {
     while (!text.empty()) {
         const size_t length = character_length(text);

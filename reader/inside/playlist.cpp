@@ -14,16 +14,12 @@
 #include "common/number.h"
 #include "common/released_by.h"
 #include "common/text.h"
+#include "common/utf8.h"
 #include "reader/inside/media_playlist.h"
 
 namespace nuvio::reader {
 
 namespace {
-
-std::string_view without_byte_order_mark(std::string_view text) {
-    constexpr std::string_view kMark = "\xef\xbb\xbf";
-    return text.starts_with(kMark) ? text.substr(kMark.size()) : text;
-}
 
 std::vector<ListedTrack> parse_m3u(std::string_view text, size_t max_entries) {
     // A list of one stream's pieces, not of tracks.
@@ -250,8 +246,9 @@ std::vector<ListedTrack> parse_playlist(PlaylistFormat format, std::string_view 
                                         size_t max_tracks) {
     const auto* parser =
         std::ranges::find_if(kParsers, [&](const auto& row) { return row.format == format; });
-    return parser == std::end(kParsers) ? std::vector<ListedTrack>()
-                                        : parser->parse(without_byte_order_mark(text), max_tracks);
+    return parser == std::end(kParsers)
+               ? std::vector<ListedTrack>()
+               : parser->parse(nuvio::without_byte_order_mark(text), max_tracks);
 }
 
 void read_playlist(const Request& request, char* shared, PlaylistAnswer* answer) {

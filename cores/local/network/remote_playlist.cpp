@@ -18,11 +18,6 @@ std::string text_for_display(const std::string& raw) {
     return display_text(nuvio::beginning(raw, kMaxTextBytes));
 }
 
-std::string_view without_byte_order_mark(std::string_view text) {
-    constexpr std::string_view kMark = "\xef\xbb\xbf";
-    return text.starts_with(kMark) ? text.substr(kMark.size()) : text;
-}
-
 constexpr struct {
     std::string_view type;
     PlaylistFormat format;
@@ -40,7 +35,7 @@ constexpr struct {
 }  // namespace
 
 PlaylistFormat playlist_format(std::string_view content_type, std::string_view head) {
-    head = nuvio::trim(without_byte_order_mark(head));
+    head = nuvio::trim(nuvio::without_byte_order_mark(head));
     if (nuvio::starts_with_ignoring_case(head, "[playlist]")) {
         return PlaylistFormat::pls;
     }
@@ -74,8 +69,8 @@ std::vector<RemoteTrack> resolved_tracks(const std::vector<nuvio::reader::Listed
         if (url && !base.empty()) {
             tracks.push_back({std::move(*url), text_for_display(entry.title),
                               text_for_display(entry.creator), text_for_display(entry.album),
-                              nuvio::resolve_url(base, entry.image).value_or(""),
-                              entry.duration_ms});
+                              nuvio::resolve_url(base, entry.image).value_or(""), entry.duration_ms,
+                              nuvio::section_of(entry.location)});
         }
     }
     return tracks;
