@@ -10,6 +10,8 @@
 #include <cstdint>
 #include <type_traits>
 
+#include "common/music/section.h"
+
 namespace nuvio::reader {
 
 // The reader's descriptors: the socket is its only one, beside standard error.
@@ -108,6 +110,7 @@ struct Request {
     // Of a sound that is opened.
     bool is_remote = false, is_radio = false;
     OutputFormats output{};
+    Section section{};
     uint32_t block_bytes = 0;  // to be read into each block
     uint64_t frame = 0;        // to be gone to
     Bytes bytes{};

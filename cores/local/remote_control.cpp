@@ -52,13 +52,17 @@ std::optional<Track> track_of(const NamedTrack& named, const Session& session) {
             return std::nullopt;
         }
         track.location = *url;
+        track.section = nuvio::section_of(named.url);
         track.remote = session.remote()
                            ? session.remote()
                            : std::make_shared<const HttpRequest>(remote_request_defaults());
         return track;
     }
-    const std::optional<std::string> path =
-        is_file_url(named.url) ? path_from_file_url(named.url) : named.url;
+    std::optional<std::string> path = named.url;
+    if (is_file_url(named.url)) {
+        path = path_from_file_url(nuvio::without_section(named.url));
+        track.section = nuvio::section_of(named.url);
+    }
     if (session.remote() || !path || !path->starts_with('/')) {
         return std::nullopt;
     }

@@ -20,7 +20,8 @@ uint64_t unix_ms() {
 }
 
 NamedTrack named(const Track& track) {
-    return {track.remote ? track.location : file_url_from_path(track.location),
+    const std::string url = track.remote ? track.location : file_url_from_path(track.location);
+    return {nuvio::with_section(url, track.section),
             track.title,
             track.artist,
             track.album,

@@ -166,12 +166,13 @@ Outcome<Answer> SoundReader::ask(const Request& request, const OnNews& on_news) 
 }
 
 // What libsndfile does not know another reader may, with the module for it.
-Outcome<Sound> SoundReader::open(const OutputFormats& output) {
+Outcome<Sound> SoundReader::open(const OutputFormats& output, const Section& section) {
     if (!make_memory()) {
         return Failure{Failure::Kind::machine, std::strerror(errno)};
     }
     Request request{Job::open_sound};
     request.output = output;
+    request.section = section;
     request.is_remote = m_remote != nullptr;
     request.is_radio = request.is_remote && m_remote->is_radio();
     std::string reason;

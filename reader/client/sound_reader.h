@@ -61,8 +61,8 @@ class SoundReader {
     SoundReader& operator=(const SoundReader&) = delete;
 
     // Once, first. A sound that no reader knows is a failure of the file. What comes is as the
-    // output takes it.
-    Outcome<Sound> open(const OutputFormats& output);
+    // output takes it, and this part of the sound: its lengths and places are the part's.
+    Outcome<Sound> open(const OutputFormats& output, const Section& section = {});
 
     // Where a block's samples are, of kBlockBytes.
     std::byte* block(size_t number) const;

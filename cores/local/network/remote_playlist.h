@@ -9,6 +9,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/music/section.h"
 #include "reader/playlist.h"
 #include "reader/protocol.h"
 
@@ -24,6 +25,7 @@ struct RemoteTrack {
     std::string album;
     std::string image;  // absolute URL
     std::optional<uint64_t> duration_ms;
+    nuvio::Section section;
 };
 
 // `head`: the content's first bytes, kPlaylistHeadBytes are plenty. Pure; any thread.

@@ -148,7 +148,7 @@ std::vector<Track> remote_tracks(const std::string& url, const std::string& toke
     for (RemoteTrack& found : find_remote_tracks(*request, {}, interruption, &failure, &error)) {
         tracks.push_back({std::move(found.url), std::move(found.title), std::move(found.creator),
                           std::move(found.album), std::move(found.image),
-                          found.duration_ms.value_or(0), request});
+                          found.duration_ms.value_or(0), found.section, request});
     }
     if (tracks.empty() && failure != HttpFailure::cancelled) {
         logger.write(LogLevel::warning, kContentFetcher, "%s: %s", display_location(url).c_str(),

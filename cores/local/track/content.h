@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "common/music/section.h"
 #include "local/base/logger.h"
 #include "local/network/http_source.h"
 #include "local/network/interruption.h"
@@ -22,6 +23,7 @@ struct Track {
     std::string album{};
     std::string album_art_url{};
     uint64_t duration_ms = 0;  // 0: not said
+    nuvio::Section section{};  // which part of what lies there it is
     // How a remote track is asked for, whatever its own URL; null for a file of this machine.
     std::shared_ptr<const HttpRequest> remote{};
 

@@ -92,7 +92,7 @@ bool TrackDecoder::open_local(const Track& track, Interruption& interruption,
         return false;
     }
     m_sound = std::make_unique<reader::SoundReader>(std::move(file));
-    return open_sound(interruption, failure);
+    return open_sound(track, interruption, failure);
 }
 
 // What the URL leads to, or the stream whose playlist that is.
@@ -124,7 +124,7 @@ bool TrackDecoder::open_remote(const Track& track, Interruption& interruption,
     if (content) {
         m_bytes = std::make_unique<SourceBytes>(*m_source, content->is_radio);
         m_sound = std::make_unique<reader::SoundReader>(*m_bytes);
-        is_open = open_sound(interruption, failure);
+        is_open = open_sound(track, interruption, failure);
         m_info.station = nuvio::beginning(content->station, kMaxStationBytes);
         m_info.live_title = m_source->title_at(m_source->position());
     }
@@ -136,9 +136,10 @@ bool TrackDecoder::open_remote(const Track& track, Interruption& interruption,
     return is_open;
 }
 
-bool TrackDecoder::open_sound(Interruption& interruption, OpenFailure* failure) {
+bool TrackDecoder::open_sound(const Track& track, Interruption& interruption,
+                              OpenFailure* failure) {
     m_sound_watch.emplace(interruption, [this] { m_sound->interrupt(); });
-    reader::Outcome<reader::Sound> sound = m_sound->open(m_output.formats);
+    reader::Outcome<reader::Sound> sound = m_sound->open(m_output.formats, track.section);
     if (const auto* const failed = std::get_if<reader::Failure>(&sound)) {
         *failure = {failed->reason,
                     interruption.is_interrupted() ? HttpFailure::cancelled : HttpFailure::none};

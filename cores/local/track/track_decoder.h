@@ -124,7 +124,7 @@ class TrackDecoder {
     bool open_local(const Track& track, Interruption& interruption, OpenFailure* failure);
     std::optional<HttpContent> open_source(const HttpRequest& request, Interruption& interruption);
     bool open_remote(const Track& track, Interruption& interruption, OpenFailure* failure);
-    bool open_sound(Interruption& interruption, OpenFailure* failure);
+    bool open_sound(const Track& track, Interruption& interruption, OpenFailure* failure);
     bool describe(OpenFailure* failure);
     void fail(const nuvio::reader::Failure& failure);
 

@@ -67,9 +67,14 @@ TrackTexts describe_track(const Track& track, const TrackInfo& info) {
     if (track.remote) {
         return describe_remote(track, info);
     }
-    const fs::path path(track.location);
+    const std::string art = find_art(fs::path(track.location).parent_path());
+    if (!track.section.is_whole()) {
+        return {first_filled({track.title, display_text(info.title), stem(track.location)}),
+                first_filled({track.artist, display_text(info.artist)}),
+                first_filled({track.album, display_text(info.album)}), art};
+    }
     return {first_filled({display_text(info.title), track.title, stem(track.location)}),
-            display_text(info.artist), display_text(info.album), find_art(path.parent_path())};
+            display_text(info.artist), display_text(info.album), art};
 }
 
 }  // namespace local_core

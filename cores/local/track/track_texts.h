@@ -22,9 +22,9 @@ struct TrackTexts {
 
 // Of a file of this machine the title is the tag's, the playlist's or the file name without its
 // ending, the art a cover or folder picture beside it, as a file:// URL (the folder is looked
-// into). Of a remote track what its playlist says goes before the tags, and the art is the
-// playlist's. A radio has its own title, else its name, and its name as the album. All fit for
-// display.
+// into); of a part of a file what its sheet says goes before the tags. Of a remote track what its
+// playlist says goes before the tags, and the art is the playlist's. A radio has its own title,
+// else its name, and its name as the album. All fit for display.
 TrackTexts describe_track(const Track& track, const TrackInfo& info);
 
 }  // namespace local_core

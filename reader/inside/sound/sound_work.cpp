@@ -44,8 +44,9 @@ void SoundWork::open(const Request& request, UniqueFd file, char* shared, Parent
     std::string error;
     const float gain = gain_db(*input, request.output.loudness);
     auto decoder = Decoder::open(*input, &error);
-    m_sound =
+    auto sound =
         decoder ? OutputSound::open(std::move(decoder), request.output, gain, &error) : nullptr;
+    m_sound = sound ? SoundSection::open(std::move(sound), request.section, &error) : nullptr;
     put(error, answer->error);
     if (!m_sound) {
         return;
@@ -63,7 +64,7 @@ void SoundWork::open(const Request& request, UniqueFd file, char* shared, Parent
     answer->is_deep_inside = static_cast<Truth>(inside.is_deep);
     answer->rate_inside_hz = inside.rate_hz;
     answer->channels_inside = inside.channels;
-    answer->sum = inside.sum;
+    answer->sum = request.section.is_whole() ? inside.sum : SampleSum{};  // it is of the whole
     answer->gain_db = m_sound->gain_db();
     put(info.title, answer->title);
     put(info.artist, answer->artist);

@@ -4,7 +4,7 @@
 #include <memory>
 
 #include "reader/inside/serve.h"
-#include "reader/inside/sound/output_sound.h"
+#include "reader/inside/sound/sound_section.h"
 
 namespace nuvio::reader {
 
@@ -19,7 +19,7 @@ class SoundWork : public SoundJobs {
     char* m_shared = nullptr;
     std::unique_ptr<RemoteInput> m_remote;
     std::unique_ptr<FileInput> m_file;
-    std::unique_ptr<OutputSound> m_sound;
+    std::unique_ptr<SoundSection> m_sound;
 };
 
 }  // namespace nuvio::reader
