@@ -104,11 +104,12 @@ void Resampler::finish() {
 }
 
 size_t Resampler::process(float* samples, size_t frames) {
+    constexpr float kNothing = 0;  // but no null, as an empty vector has: that is the end
     size_t taken = 0, made = 0;
     const size_t left = frames_in(m_pending) - m_taken;
     const float* const in = left > 0      ? m_pending.data() + m_taken * m_channels
                             : m_has_ended ? nullptr  // the library gives what it still has
-                                          : m_pending.data();
+                                          : &kNothing;
     const soxr_error_t error = soxr_process(m_soxr.get(), in, left, &taken, samples, frames, &made);
     if (error != nullptr) {
         m_error = error;
