@@ -2,6 +2,7 @@
 #include "reader/inside/picture.h"
 #include "reader/inside/playlist.h"
 #include "reader/inside/serve.h"
+#include "reader/inside/sheet.h"
 #include "reader/inside/sound/foreign_sound.h"
 #include "reader/inside/sound/sound_work.h"
 #include "reader/inside/tags.h"
@@ -13,6 +14,7 @@ int main(int argc, char** argv) {
                  {.tags = read_tags,
                   .picture = read_picture,
                   .playlist = read_playlist,
+                  .sheet = read_sheet,
                   .sound = &sound,
                   .load_module = load_foreign_sound});
 }

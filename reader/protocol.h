@@ -22,6 +22,7 @@ enum class Job : uint32_t {
     picture,
     scaled_picture,
     playlist,
+    sheet,
     open_sound,
     read_sound,
     seek_sound,
@@ -98,6 +99,11 @@ constexpr size_t kMaxPlaylistBytes = size_t{4} << 20U;
 constexpr size_t kMaxRecordBytes = kMaxPlaylistBytes + (size_t{256} << 10U);
 constexpr size_t kPlaylistMemoryBytes = kMaxPlaylistBytes + kMaxRecordBytes;
 
+// ---- CUE sheets: in the shared memory what one says (sheet.h)
+
+constexpr size_t kMaxSheetBytes = size_t{256} << 10U;
+constexpr size_t kSheetRecordBytes = size_t{256} << 10U;  // more than 99 tracks take
+
 // ---- The two records
 
 struct Request {
@@ -115,8 +121,8 @@ struct Request {
     uint64_t frame = 0;        // to be gone to
     Bytes bytes{};
     // With it come descriptors: the file, unless the sound is remote; for pictures a shared memory
-    // of kMaxPictureBytes, for a sound that is opened one of kSoundBytes; for a playlist one of
-    // kPlaylistMemoryBytes and no file.
+    // of kMaxPictureBytes, for a sheet one of kSheetRecordBytes, for a sound that is opened one of
+    // kSoundBytes; for a playlist one of kPlaylistMemoryBytes and no file.
 };
 
 enum class Status : uint32_t {
@@ -146,6 +152,11 @@ struct PictureAnswer {
 
 struct PlaylistAnswer {
     uint32_t bytes;  // of the records
+};
+
+struct SheetAnswer {
+    uint32_t bytes;        // of the records
+    char error[kMaxText];  // why there are none, where that is a fault
 };
 
 // Of a FLAC file: the MD5 of its samples, each of so many bits in whole bytes.
@@ -199,6 +210,7 @@ struct Answer {
         TagsAnswer tags;
         PictureAnswer picture;
         PlaylistAnswer playlist;
+        SheetAnswer sheet;
         SoundAnswer sound;
         ReadAnswer read;
         SeekAnswer seek;

@@ -46,4 +46,8 @@ inline bool is_playlist_name(std::string_view name) {
     return ends_with_ignoring_case(name, ".m3u") || ends_with_ignoring_case(name, ".m3u8");
 }
 
+inline bool is_sheet_name(std::string_view name) {
+    return ends_with_ignoring_case(name, ".cue");
+}
+
 }  // namespace nuvio

@@ -1,14 +1,21 @@
 #include "reader/client/music_reader.h"
 
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "common/utf8.h"
+#include "reader/client/packets.h"
 
 namespace nuvio::reader {
 
 namespace {
+
+constexpr uint32_t kMaxCount = 9999;  // of discs, tracks, years
 
 // What the reader may have put there; empty where it is no text.
 std::string text_in(const char (&field)[kMaxText]) {
@@ -18,7 +25,6 @@ std::string text_in(const char (&field)[kMaxText]) {
 
 // Numbers that neither a display nor a database stumbles over.
 Tags tags_in(const TagsAnswer& answer) {
-    constexpr uint32_t kMaxCount = 9999;
     constexpr uint32_t kMaxRate = 10'000'000;
     constexpr int64_t kMaxDuration = int64_t{1} << 40U;
     Tags tags{text_in(answer.title), text_in(answer.artist), text_in(answer.album),
@@ -33,12 +39,52 @@ Tags tags_in(const TagsAnswer& answer) {
     return tags;
 }
 
+// Parts that follow on each other, whatever the reader has said.
+std::vector<SheetTrack> tracks_in(std::string_view records) {
+    std::vector<SheetTrack> tracks;
+    while (tracks.size() < kMaxSheetTracks) {
+        auto track = take_sheet_track(&records);
+        if (!track || track->section.begin_us >= track->section.end_us ||
+            track->section.begin_us > Section::kLongest) {
+            break;
+        }
+        for (const auto text : kSheetTexts) {
+            if (text != &SheetTrack::file) {
+                (*track).*text = printable(beginning((*track).*text, kMaxText));
+            }
+        }
+        for (const auto number : kSheetNumbers) {
+            (*track).*number = std::min((*track).*number, kMaxCount);
+        }
+        tracks.push_back(std::move(*track));
+    }
+    return tracks;
+}
+
 }  // namespace
 
 Outcome<Tags> MusicReader::tags(const UniqueFd& file) {
     const Outcome<Answer> answer = file ? m_questions.ask({Job::tags}, file) : Answer{};
     const auto* const failure = std::get_if<Failure>(&answer);
     return failure != nullptr ? Outcome<Tags>(*failure) : tags_in(std::get<Answer>(answer).tags);
+}
+
+Outcome<std::vector<SheetTrack>> MusicReader::sheet(const UniqueFd& file) {
+    const UniqueFd memory = file ? shared_memory(kSheetRecordBytes) : UniqueFd();
+    if (!memory) {
+        return Failure{file ? Failure::Kind::machine : Failure::Kind::file, std::strerror(errno)};
+    }
+    const Outcome<Answer> answer = m_questions.ask({Job::sheet}, file, memory);
+    if (const auto* const failure = std::get_if<Failure>(&answer)) {
+        return *failure;
+    }
+    const SheetAnswer& said = std::get<Answer>(answer).sheet;
+    if (const std::string fault = text_in(said.error); !fault.empty()) {
+        return Failure{Failure::Kind::file, printable(fault)};
+    }
+    std::string records(std::min<size_t>(said.bytes, kSheetRecordBytes), '\0');
+    const ssize_t got = pread(memory.get(), records.data(), records.size(), 0);
+    return tracks_in({records.data(), static_cast<size_t>(std::max<ssize_t>(got, 0))});
 }
 
 Outcome<Picture> MusicReader::picture(const UniqueFd& file) {

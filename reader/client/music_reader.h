@@ -7,9 +7,11 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "common/unique_fd.h"
 #include "reader/client/questions.h"
+#include "reader/sheet.h"
 
 namespace nuvio::reader {
 
@@ -29,6 +31,11 @@ class MusicReader {
     // The picture inside an audio file (FLAC, MP3, AAC, Ogg, M4A, WAV, AIFF): its first front
     // cover, else its first one; none: none of a known kind, of at most kMaxPictureBytes.
     Outcome<Picture> picture(const UniqueFd& file);
+
+    // The tracks of a CUE sheet, or of the one inside a FLAC file, in their order; none: there is
+    // none inside. Texts are one line of UTF-8 of at most 300 bytes, but for a file's name. A sheet
+    // with a fault is a failure of the file that says it.
+    Outcome<std::vector<SheetTrack>> sheet(const UniqueFd& file);
 
     // See Questions.
     void rest() { m_questions.rest(); }

@@ -113,6 +113,11 @@ void work(Received& received, const Jobs& jobs, Parent& parent, Answer* answer) 
                 jobs.playlist(request, Shared(received.file, kPlaylistMemoryBytes).bytes(),
                               &answer->playlist);
                 break;
+            case Job::sheet:
+                answer->sheet = {};
+                jobs.sheet(received.file, Shared(received.memory, kSheetRecordBytes).bytes(),
+                           &answer->sheet);
+                break;
             case Job::open_sound:
                 answer->sound = {};
                 open_sound(received, jobs, parent, &answer->sound);

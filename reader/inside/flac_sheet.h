@@ -1,0 +1,22 @@
+// The CUE sheet inside a FLAC file: a comment CUESHEET, which has all that a sheet of its own has,
+// else the block of that name, which has places alone.
+//
+// One thread. May throw std::bad_alloc.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "common/unique_fd.h"
+#include "reader/sheet.h"
+
+namespace nuvio::reader {
+
+// By its first bytes.
+bool is_flac(const UniqueFd& file);
+
+// Its tracks, without the name of a file; none where there is no sheet, or one with a fault, which
+// is said.
+std::vector<SheetTrack> flac_sheet(const UniqueFd& file, std::string* fault);
+
+}  // namespace nuvio::reader
