@@ -95,6 +95,86 @@ class OverHttp(Files, Player):
         return f"{server.url}/music/list.m3u"
 
 
+class Sheets(Player):
+    """One file that is four tracks."""
+    BEGINS = [0, 112, 224, 323]  # in 75ths of a second
+    SECONDS = 6
+
+    def make(self, name, *how):
+        """An album in FLAC; what the card plays for all of it."""
+        source = write_wav(self.folder / "album.wav", signal_samples(self.SECONDS * CD), CD)
+        self.sheet = "".join(
+            f"  TRACK {n + 1:02} AUDIO\r\n    TITLE \"Tr\xe4ck {n + 1}\"\r\n"
+            f"    INDEX 01 00:{begin // 75:02}:{begin % 75:02}\r\n"
+            for n, begin in enumerate(self.BEGINS))
+        self.sheet = (f'REM DATE 1999\r\nPERFORMER "Band"\r\nTITLE "Album"\r\n'
+                      f'FILE "C:\\Rips\\{name.upper()}.WAV" WAVE\r\n{self.sheet}')
+        (self.folder / "album.cue").write_text(self.sheet, "latin-1")
+        self.run_tool("flac", "-s", "-f", *how, "-o", self.music / f"{name}.flac",
+                      self.folder / "album.wav")
+        return source
+
+    def heard(self, content):
+        """All of it, in one recording."""
+        ends = self.log_count("Nothing else to play")
+        before = len(self.recordings())
+        self.assertEqual(self.connect(content), 200)
+        self.wait_for_log("Nothing else to play", ends + 1)
+        wait_for("end of the recordings", lambda: not self.open_recordings())
+        self.assertEqual(len(self.recordings()), before + 1)
+        return self.recordings()[-1].data
+
+    def test_the_tracks_of_a_sheet_are_the_file_to_the_sample(self):
+        source = self.make("album")
+        (self.music / "album.cue").write_text(self.sheet, "latin-1")
+        inside = self.make("inside", f"--cuesheet={self.folder}/album.cue")
+        times = [f"{begin / 75:.6f}" for begin in self.BEGINS] + [""]
+        (self.music / "list.m3u").write_text("".join(
+            f"album.flac#t={begin},{end}".rstrip(",") + "\n"
+            for begin, end in zip(times, times[1:])))
+        server = WebServer(str(self.folder))
+        self.addCleanup(server.kill)
+        self.start()
+        for content in [self.music / "album.flac", self.music / "inside.flac",
+                        f"{server.url}/music/list.m3u"]:
+            self.assertTrue(self.heard(content) == (inside if "inside" in str(content) else source),
+                            content)
+        # The third one, by the sheet's own name, from its middle on.
+        self.play(self.music / "album.cue")
+        for title in "Träck 2", "Träck 3":
+            self.player("next")
+            wait_for(title, lambda title=title: self.player("metadata", "title") == title)
+        self.assertEqual(self.player("metadata", "artist"), "Band")
+        self.assertEqual(self.player("metadata", "mpris:length"), "1320000")
+        ends = self.log_count("Nothing else to play")
+        self.player("position", "0.75")
+        self.wait_for_log("Nothing else to play", ends + 1)
+        wait_for("end of the recordings", lambda: not self.open_recordings())
+        place = self.BEGINS[2] * 588 + CD * 3 // 4
+        self.assertTrue(self.recordings()[-1].data.endswith(source[place * FRAME:]))
+        self.assertNotIn("not taken apart", self.log())
+
+    def test_a_broken_sheet_leaves_the_file_whole_and_says_so(self):
+        source = self.make("album")
+        sheets = {
+            "beyond": self.sheet.replace("00:04:23", "00:06:00"),
+            "descending": self.sheet.replace("00:04:23", "00:02:73"),
+            "many": self.sheet + "TRACK 05 AUDIO\nINDEX 01 00:05:00\n" * 200,
+            "rubbish": "\0\xff\x1b" * 4000,
+            "elsewhere": self.sheet.replace("ALBUM.WAV", "other.wav"),
+        }
+        for name, text in sheets.items():
+            (self.music / f"{name}.cue").write_text(text, "latin-1")
+        self.start()
+        self.assertTrue(self.heard(self.music) == source)
+        self.assertEqual([self.log_count(f"{name}.cue: not taken apart") for name in sheets],
+                         [1] * len(sheets))
+        # Among them a good one counts, and what it names is no longer one track.
+        (self.music / "good.cue").write_text(self.sheet, "latin-1")
+        self.play(self.music)
+        wait_for("the first of its tracks", lambda: self.player("metadata", "title") == "Träck 1")
+
+
 class Sessions(Player):
     def test_what_the_output_lacks_is_converted_or_passed_over_where_that_is_set(self):
         write_wav(self.music / "1.wav", signal_samples(2 * 96000 + 1, 0, 96000, 3_000_000), 96000,

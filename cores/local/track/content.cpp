@@ -16,6 +16,7 @@
 #include "local/network/remote_tracks.h"
 #include "local/texts/display_text.h"
 #include "local/texts/file_url.h"
+#include "local/track/sheets.h"
 
 namespace local_core {
 
@@ -23,9 +24,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kMaxTracks = 20000;
-constexpr size_t kMaxDirectoryEntries = 50000;
-constexpr size_t kMaxTextBytes = size_t{8} << 20;  // paths and titles of all tracks together
 constexpr int kMaxDepth = 16;
 constexpr size_t kMaxPlaylistBytes = size_t{4} << 20;
 
@@ -53,8 +51,8 @@ std::vector<Track> tracks_below(const fs::path& folder, const Logger& logger) {
     fs::recursive_directory_iterator it(folder, fs::directory_options::skip_permission_denied,
                                         error);
     for (; !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
-        if (++visited > kMaxDirectoryEntries || tracks.size() == kMaxTracks ||
-            text_bytes > kMaxTextBytes) {
+        if (++visited > ContentLimits::kDirectoryEntries ||
+            tracks.size() == ContentLimits::kTracks || text_bytes > ContentLimits::kTextBytes) {
             logger.write(LogLevel::warning, kContentFetcher,
                          "%s: too large, only the first %zu tracks found are played",
                          folder.c_str(), tracks.size());
@@ -91,7 +89,8 @@ std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& lo
     std::vector<Track> tracks;
     size_t remote = 0;
     size_t text_bytes = 0;
-    for (const nuvio::PlaylistEntry& entry : nuvio::parse_m3u(text.whole_lines(), kMaxTracks)) {
+    for (const nuvio::PlaylistEntry& entry :
+         nuvio::parse_m3u(text.whole_lines(), ContentLimits::kTracks)) {
         const auto path = local_path(entry.location);
         if (!path) {
             ++remote;
@@ -99,7 +98,7 @@ std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& lo
         }
         Track track{(playlist.parent_path() / *path).string(), display_text(entry.title)};
         text_bytes += track.location.size() + track.title.size();
-        if (text_bytes > kMaxTextBytes) {
+        if (text_bytes > ContentLimits::kTextBytes) {
             logger.write(LogLevel::warning, kContentFetcher,
                          "%s: too large, only the first %zu tracks are played", playlist.c_str(),
                          tracks.size());
@@ -114,7 +113,8 @@ std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& lo
     return tracks;
 }
 
-std::vector<Track> local_tracks(const std::string& endpoint, const Logger& logger) {
+std::vector<Track> local_tracks(const std::string& endpoint, Interruption& interruption,
+                                const Logger& logger) {
     const auto relative = local_path(endpoint);
     std::error_code error;
     const fs::path path = relative ? fs::absolute(*relative, error) : fs::path();
@@ -128,13 +128,15 @@ std::vector<Track> local_tracks(const std::string& endpoint, const Logger& logge
         logger.write(LogLevel::warning, kContentFetcher, "%s: %s", path.c_str(), refusal.c_str());
         return {};
     }
+    Sheets sheets(interruption, logger);
     if (fs::is_directory(path, error)) {
-        return tracks_below(path, logger);
+        return sheets.applied_to(tracks_below(path, logger));
     }
     if (nuvio::is_playlist_name(path.native())) {
-        return tracks_of_playlist(path, logger);
+        return sheets.applied_to(tracks_of_playlist(path, logger));
     }
-    return {{path.string()}};
+    return sheets.applied_to(nuvio::is_sheet_name(path.native()) ? sheets.files_of(path.string())
+                                                                 : std::vector<Track>{{path}});
 }
 
 std::vector<Track> remote_tracks(const std::string& url, const std::string& token,
@@ -166,7 +168,8 @@ bool is_findable(const std::string& endpoint) {
 std::vector<Track> find_tracks(const std::string& endpoint, const std::string& token,
                                Interruption& interruption, const Logger& logger) {
     const auto url = nuvio::resolve_url("", endpoint);
-    return url ? remote_tracks(*url, token, interruption, logger) : local_tracks(endpoint, logger);
+    return url ? remote_tracks(*url, token, interruption, logger)
+               : local_tracks(endpoint, interruption, logger);
 }
 
 }  // namespace local_core

@@ -34,6 +34,14 @@ struct Track {
     }
 };
 
+// Of what lies on this machine.
+struct ContentLimits {
+    static constexpr size_t kTracks = 20000;
+    static constexpr size_t kDirectoryEntries = 50000;
+    static constexpr size_t kTextBytes = size_t{8} << 20;  // paths and texts of all tracks together
+    static constexpr size_t kLookedInto = 200;             // files that are opened before one plays
+};
+
 // What find_tracks() may find: a path or file:// URL, or a http:// or https:// one. Looks at
 // nothing but the text; any thread.
 bool is_findable(const std::string& endpoint);
@@ -44,9 +52,12 @@ bool is_findable(const std::string& endpoint);
 //     levels and 50,000 directory entries;
 //   - a playlist (.m3u, .m3u8): its entries, relative ones against the playlist's folder; at most
 //     20,000 of them and 4 MiB; remote addresses are skipped;
+//   - a CUE sheet: the files that it names, in its order;
 //   - anything else: itself.
-// Paths and titles are at most 8 MiB. What lies outside of the music folders (files.h) is left out.
-// On the network: see remote_tracks.h; `token` goes to the endpoint's own origin.
+// A file that a sheet beside it or, of the first ContentLimits::kLookedInto FLAC files, inside it
+// takes apart is its tracks, wherever it is named. Paths and titles are at most 8 MiB. What lies
+// outside of the music folders (files.h) is left out. On the network: see remote_tracks.h; `token`
+// goes to the endpoint's own origin.
 //
 // Logs what it leaves out. Empty when nothing is found. Blocks, where the network is asked until
 // the interruption at the latest.
