@@ -3,15 +3,17 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace nuvio::controller {
 
 namespace {
 
-constexpr int64_t kVersion = 4;
+constexpr int64_t kVersion = 5;
 
 // An album is what has one title and one album artist, or, where no album artist is said, one title
-// in one folder. `artist` null: several.
+// in one folder. `artist` null: several. A file is its part 0, or parts from 1 on, in microseconds;
+// an end of -1 is the file's.
 constexpr char kSchema[] = R"(
 BEGIN;
 CREATE TABLE folders(id INTEGER PRIMARY KEY AUTOINCREMENT, root TEXT NOT NULL, below TEXT NOT NULL,
@@ -27,7 +29,9 @@ CREATE TABLE tracks(id INTEGER PRIMARY KEY AUTOINCREMENT, folder INTEGER NOT NUL
     name TEXT NOT NULL, size INTEGER NOT NULL, modified INTEGER NOT NULL, title TEXT NOT NULL,
     artist INTEGER NOT NULL, album INTEGER NOT NULL, disc INTEGER NOT NULL, number INTEGER NOT NULL,
     duration INTEGER NOT NULL, rate INTEGER NOT NULL, channels INTEGER NOT NULL,
-    bits INTEGER NOT NULL, failure TEXT NOT NULL, UNIQUE(folder, name));
+    bits INTEGER NOT NULL, failure TEXT NOT NULL, part INTEGER NOT NULL, begin_us INTEGER NOT NULL,
+    end_us INTEGER NOT NULL, sheet TEXT NOT NULL, sheets INTEGER NOT NULL,
+    UNIQUE(folder, name, part));
 CREATE INDEX tracks_by_album ON tracks(album, disc, number);
 CREATE INDEX tracks_by_artist ON tracks(artist);
 CREATE INDEX unreadable_tracks ON tracks(id) WHERE failure != '';
@@ -39,7 +43,7 @@ CREATE VIRTUAL TABLE artist_words USING fts5(name,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
 INSERT INTO sqlite_sequence(name, seq) VALUES('tracks', abs(random() % 2000000000)),
     ('albums', abs(random() % 2000000000));
-PRAGMA user_version = 4;
+PRAGMA user_version = 5;
 COMMIT;
 )";
 
@@ -59,6 +63,24 @@ Database opened(const std::string& path) {
     return database;
 }
 
+reader::Tags tags_of(const reader::SheetTrack& track, const reader::Tags& file) {
+    reader::Tags tags = file;
+    for (const auto& [text, said] : {std::pair(&tags.title, &track.title),
+                                     {&tags.artist, &track.artist},
+                                     {&tags.album, &track.album},
+                                     {&tags.album_artist, &track.album_artist}}) {
+        *text = said->empty() ? *text : *said;
+    }
+    tags.number = track.number;
+    tags.disc = track.disc > 0 ? track.disc : file.disc;
+    tags.year = track.year > 0 ? track.year : file.year;
+    const auto length_us = static_cast<uint64_t>(file.duration_ms) * 1000;
+    const uint64_t end_us = std::min(track.section.end_us, length_us);
+    tags.duration_ms =
+        static_cast<int64_t>((end_us - std::min(end_us, track.section.begin_us)) / 1000);
+    return tags;
+}
+
 }  // namespace
 
 Catalogue::Catalogue(const std::string& path)
@@ -69,8 +91,8 @@ Catalogue::Catalogue(const std::string& path)
       m_folder_at(m_database.prepare("SELECT root, below FROM folders WHERE id = ?")),
       m_device_of(m_database.prepare("SELECT device FROM folders WHERE id = ?")),
       m_set_device(m_database.prepare("UPDATE folders SET device = ?2 WHERE id = ?1")),
-      m_files_in(
-          m_database.prepare("SELECT name, id, size, modified FROM tracks WHERE folder = ?")),
+      m_files_in(m_database.prepare(
+          "SELECT DISTINCT name, size, modified, sheets FROM tracks WHERE folder = ?")),
       m_folders_in(m_database.prepare("SELECT name, id FROM folders WHERE parent = ?")),
       m_find_artist(m_database.prepare("SELECT id FROM artists WHERE name = ?")),
       m_add_artist(m_database.prepare("INSERT INTO artists(name) VALUES(?)")),
@@ -79,17 +101,23 @@ Catalogue::Catalogue(const std::string& path)
           m_database.prepare("INSERT INTO albums(title, maker, artist, year) VALUES(?, ?, ?, ?)")),
       m_put(m_database.prepare(
           "INSERT INTO tracks(folder, name, size, modified, title, artist, album, disc, number,"
-          " duration, rate, channels, bits, failure)"
-          " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
-          " ON CONFLICT(folder, name) DO UPDATE SET size = excluded.size,"
+          " duration, rate, channels, bits, failure, part, begin_us, end_us, sheet, sheets)"
+          " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
+          " ON CONFLICT(folder, name, part) DO UPDATE SET size = excluded.size,"
           " modified = excluded.modified, title = excluded.title, artist = excluded.artist,"
           " album = excluded.album, disc = excluded.disc, number = excluded.number,"
           " duration = excluded.duration, rate = excluded.rate, channels = excluded.channels,"
-          " bits = excluded.bits, failure = excluded.failure RETURNING id")),
+          " bits = excluded.bits, failure = excluded.failure,"
+          " begin_us = excluded.begin_us, end_us = excluded.end_us, sheet = excluded.sheet,"
+          " sheets = excluded.sheets RETURNING id")),
       m_unword(m_database.prepare("DELETE FROM track_words WHERE rowid = ?")),
       m_word(m_database.prepare(
           "INSERT INTO track_words(rowid, title, artist, album) VALUES(?, ?, ?, ?)")),
-      m_remove_file(m_database.prepare("DELETE FROM tracks WHERE id = ?")),
+      m_unword_parts(
+          m_database.prepare("DELETE FROM track_words WHERE rowid IN (SELECT id FROM tracks"
+                             " WHERE folder = ? AND name = ? AND part NOT BETWEEN ? AND ?)")),
+      m_remove_parts(m_database.prepare(
+          "DELETE FROM tracks WHERE folder = ? AND name = ? AND part NOT BETWEEN ? AND ?")),
       m_remove_folder(m_database.prepare("DELETE FROM folders WHERE id = ?")) {}
 
 void Catalogue::remove(const std::string& path) {
@@ -190,23 +218,59 @@ int64_t Catalogue::album(const std::string& title, const std::string& album_arti
     return m_database.last_id();
 }
 
+// Where a track is.
+struct Catalogue::Place {
+    int64_t folder;
+    std::string_view folder_name;
+    const std::string& name;
+    size_t part = 0;
+    Section section{};
+    std::string sheet{};
+};
+
 void Catalogue::put(int64_t folder, std::string_view folder_name, const std::string& name,
-                    const KnownFile& file, const reader::Tags& tags, const std::string& failure) {
-    const std::string title = tags.title.empty() ? name.substr(0, name.rfind('.')) : tags.title;
-    const std::string album_title = tags.album.empty() ? std::string(folder_name) : tags.album;
+                    const KnownFile& file, const reader::Tags& tags,
+                    const reader::FolderSheets::Parts& parts, const std::string& failure) {
+    const size_t first = parts.tracks.empty() ? 0 : 1;
+    remove_parts_outside(folder, name, first, parts.tracks.size());
+    if (parts.tracks.empty()) {
+        return put_track({folder, folder_name, name}, file, tags, failure);
+    }
+    for (size_t i = 0; i < parts.tracks.size(); ++i) {
+        const reader::SheetTrack& track = parts.tracks[i];
+        put_track({folder, folder_name, name, i + 1, track.section, parts.sheet}, file,
+                  tags_of(track, tags), failure);
+    }
+}
+
+void Catalogue::put_track(const Place& place, const KnownFile& file, const reader::Tags& tags,
+                          const std::string& failure) {
+    const std::string title =
+        tags.title.empty() ? place.name.substr(0, place.name.rfind('.')) : tags.title;
+    const std::string album_title =
+        tags.album.empty() ? std::string(place.folder_name) : tags.album;
     const int64_t artist_id = artist(tags.artist);
-    const int64_t album_id = album(album_title, tags.album_artist, folder, tags.year);
-    m_put.with(folder, name, file.size, file.modified_ns, title, artist_id, album_id, tags.disc,
-               tags.number, tags.duration_ms, tags.rate_hz, tags.channels, tags.bits, failure);
+    const int64_t album_id = album(album_title, tags.album_artist, place.folder, tags.year);
+    m_put.with(place.folder, place.name, file.size, file.modified_ns, title, artist_id, album_id,
+               tags.disc, tags.number, tags.duration_ms, tags.rate_hz, tags.channels, tags.bits,
+               failure, static_cast<int64_t>(place.part),
+               static_cast<int64_t>(place.section.begin_us),
+               static_cast<int64_t>(place.section.end_us), place.sheet, file.sheets);
     const int64_t id = m_put.step() ? m_put.number(0) : 0;
     m_put.run();
     m_unword.with(id).run();
     m_word.with(id, title, tags.artist, album_title).run();
 }
 
-void Catalogue::remove_file(int64_t id) {
-    m_unword.with(id).run();
-    m_remove_file.with(id).run();
+void Catalogue::remove_file(int64_t folder, const std::string& name) {
+    remove_parts_outside(folder, name, 1, 0);
+}
+
+void Catalogue::remove_parts_outside(int64_t folder, const std::string& name, size_t first,
+                                     size_t last) {
+    for (Statement* const remove : {&m_unword_parts, &m_remove_parts}) {
+        remove->with(folder, name, static_cast<int64_t>(first), static_cast<int64_t>(last)).run();
+    }
 }
 
 void Catalogue::remove_folder(int64_t id, std::vector<int64_t>* gone) {
@@ -214,7 +278,7 @@ void Catalogue::remove_folder(int64_t id, std::vector<int64_t>* gone) {
         remove_folder(child, gone);
     }
     for (const auto& [name, file] : files_in(id)) {
-        remove_file(file.id);
+        remove_file(id, name);
     }
     m_remove_folder.with(id).run();
     gone->push_back(id);

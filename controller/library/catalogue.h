@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "controller/library/database.h"
+#include "reader/client/folder_sheets.h"
 #include "reader/client/music_reader.h"
 
 namespace nuvio::controller {
@@ -27,9 +28,11 @@ class Catalogue {
     static void remove(const std::string& path);
 
     struct KnownFile {
-        int64_t id;
-        int64_t size;
-        int64_t modified_ns;
+        int64_t size = 0;
+        int64_t modified_ns = 0;
+        int64_t sheets = 0;  // what the folder's CUE sheets were then; 0: there were none
+
+        bool operator==(const KnownFile&) const = default;
     };
     struct Folder {
         int64_t id;
@@ -53,11 +56,13 @@ class Catalogue {
     std::map<std::string, KnownFile> files_in(int64_t folder);
     std::map<std::string, int64_t> folders_in(int64_t folder);
 
-    // A new file, or one that has changed: then it keeps its id. `failure`: why nothing of it could
-    // be read; else empty.
+    // A new file, or one that has changed: its tracks keep their ids. It is one track, or, where a
+    // sheet says so, several, which have of the file what the sheet does not say. `failure`: why
+    // nothing of it could be read; else empty.
     void put(int64_t folder, std::string_view folder_name, const std::string& name,
-             const KnownFile& file, const reader::Tags& tags, const std::string& failure);
-    void remove_file(int64_t id);
+             const KnownFile& file, const reader::Tags& tags,
+             const reader::FolderSheets::Parts& parts, const std::string& failure);
+    void remove_file(int64_t folder, const std::string& name);
     // With everything below; appends the ids of all folders that are gone.
     void remove_folder(int64_t id, std::vector<int64_t>* gone);
 
@@ -72,12 +77,16 @@ class Catalogue {
     int64_t artist(const std::string& name);
     int64_t album(const std::string& title, const std::string& album_artist, int64_t folder,
                   uint32_t year);
+    struct Place;
+    void put_track(const Place& place, const KnownFile& file, const reader::Tags& tags,
+                   const std::string& failure);
+    void remove_parts_outside(int64_t folder, const std::string& name, size_t first, size_t last);
 
     Database m_database;
     Statement m_find_folder, m_add_folder, m_folder_at, m_device_of, m_set_device, m_files_in,
         m_folders_in;
     Statement m_find_artist, m_add_artist, m_find_album, m_add_album;
-    Statement m_put, m_unword, m_word, m_remove_file, m_remove_folder;
+    Statement m_put, m_unword, m_word, m_unword_parts, m_remove_parts, m_remove_folder;
 };
 
 }  // namespace nuvio::controller

@@ -1,5 +1,8 @@
 #include "controller/library/library.h"
 
+#include <algorithm>
+#include <iterator>
+
 #include "common/files/files.h"
 #include "common/m3u.h"
 #include "common/music/names.h"
@@ -107,8 +110,8 @@ Selection Library::select_path(const std::string& path) {
             selection = select_playlist(place);
         } else if (const auto folder = m_view.folder_at(root, place.below)) {
             selection.items = playables(m_view.tracks_below(*folder, kMaxSelection));
-        } else if (auto track = m_view.track_at(root, place.below)) {
-            selection.items.push_back({{}, {}, std::move(track)});
+        } else {
+            selection.items = playables(m_view.tracks_at(root, place.below));
         }
         if (!selection.items.empty()) {
             return selection;
@@ -134,8 +137,9 @@ Selection Library::select_playlist(const MusicFolders::Place& place) {
                 ? entry.location
                 : m_folders.path(place.folder) + "/" + parent_of(place.below) + entry.location;
         for (const MusicFolders::Place& at : m_folders.places_of(full)) {
-            if (auto track = m_view.track_at(m_folders.path(at.folder), at.below)) {
-                selection.items.push_back({{}, {}, std::move(track)});
+            auto found = playables(m_view.tracks_at(m_folders.path(at.folder), at.below));
+            if (!found.empty()) {
+                std::ranges::move(found, std::back_inserter(selection.items));
                 break;
             }
         }

@@ -55,8 +55,8 @@ class Library {
 
     // "track:ID", "album:ID", "artist:ID", "folder:ID", "search:WORDS" (an album, else an
     // artist, else tracks), an http(s) URL, or a path of
-    // this machine below a music folder: an audio file, a folder, an M3U playlist. At most
-    // kMaxSelection tracks; the rest is left out.
+    // this machine below a music folder: an audio file, a folder, an M3U playlist, a CUE sheet. At
+    // most kMaxSelection tracks; the rest is left out.
     Selection select(const std::string& what);
 
     static constexpr int64_t kMaxSelection = 5'000;

@@ -12,7 +12,7 @@ constexpr size_t kMaxWords = 8;
 constexpr char kTrackColumns[] =
     "SELECT tracks.id, tracks.title, artists.name, albums.title, tracks.album, tracks.artist,"
     " folders.root, folders.below, tracks.name, disc, number, duration, rate, channels, bits,"
-    " failure = ''"
+    " failure = '', begin_us, end_us"
     " FROM tracks JOIN folders ON folders.id = tracks.folder"
     " JOIN artists ON artists.id = tracks.artist JOIN albums ON albums.id = tracks.album ";
 
@@ -54,7 +54,9 @@ std::vector<Track> read_tracks(Statement& rows) {
         tracks.push_back({rows.number(0), rows.text(1), rows.text(2), rows.text(3), rows.number(4),
                           rows.number(5), rows.text(6), join_path(rows.text(7), rows.text(8)),
                           rows.number(9), rows.number(10), rows.number(11), rows.number(12),
-                          rows.number(13), rows.number(14), rows.number(15) != 0});
+                          rows.number(13), rows.number(14), rows.number(15) != 0,
+                          Section{static_cast<uint64_t>(rows.number(16)),
+                                  static_cast<uint64_t>(rows.number(17))}});
     }
     return tracks;
 }
@@ -188,7 +190,7 @@ FolderPage LibraryView::folder(int64_t id) {
             page.folders.push_back({rows.number(0), rows.text(1)});
         }
     });
-    page.tracks = tracks("WHERE tracks.folder = ? ORDER BY tracks.name LIMIT ?", id, 5000);
+    page.tracks = tracks("WHERE tracks.folder = ? ORDER BY tracks.name, part LIMIT ?", id, 5000);
     return page;
 }
 
@@ -204,28 +206,28 @@ std::optional<Track> LibraryView::track(int64_t id) {
     return found.empty() ? std::nullopt : std::optional(found.front());
 }
 
-std::optional<Track> LibraryView::track_at(const std::string& root, const std::string& below) {
+std::vector<Track> LibraryView::tracks_at(const std::string& root, const std::string& below) {
     const size_t slash = below.rfind('/');
     const std::string folder = slash == std::string::npos ? "" : below.substr(0, slash);
     const std::string name = slash == std::string::npos ? below : below.substr(slash + 1);
     return ask([&](Database& database) {
         Statement rows = database.prepare(std::string(kTrackColumns) +
-                                          "WHERE root = ? AND below = ? AND "
-                                          "tracks.name = ?");
-        const std::vector<Track> found = read_tracks(rows.with(root, folder, name));
-        return found.empty() ? std::nullopt : std::optional(found.front());
+                                          "WHERE root = ?1 AND below = ?2 AND"
+                                          " (tracks.name = ?3 OR sheet = ?3)"
+                                          " ORDER BY tracks.name, part");
+        return read_tracks(rows.with(root, folder, name));
     });
 }
 
 std::vector<Track> LibraryView::tracks_of_album(int64_t album, int64_t limit) {
-    return tracks("WHERE tracks.album = ? ORDER BY disc, number, tracks.name LIMIT ?", album,
+    return tracks("WHERE tracks.album = ? ORDER BY disc, number, tracks.name, part LIMIT ?", album,
                   limit);
 }
 
 std::vector<Track> LibraryView::tracks_of_artist(int64_t artist, int64_t limit) {
     return tracks(
         "WHERE tracks.artist = ?1 OR albums.artist = ?1"
-        " ORDER BY albums.year, albums.title, disc, number, tracks.name LIMIT ?2",
+        " ORDER BY albums.year, albums.title, disc, number, tracks.name, part LIMIT ?2",
         artist, limit);
 }
 
@@ -233,7 +235,7 @@ std::vector<Track> LibraryView::tracks_below(int64_t folder, int64_t limit) {
     return tracks(
         "JOIN folders AS top ON top.id = ?1 WHERE folders.root = top.root AND (top.below = '' OR"
         " folders.below = top.below OR substr(folders.below, 1, length(top.below) + 1) ="
-        " top.below || '/') ORDER BY folders.below, disc, number, tracks.name LIMIT ?2",
+        " top.below || '/') ORDER BY folders.below, disc, number, tracks.name, part LIMIT ?2",
         folder, limit);
 }
 

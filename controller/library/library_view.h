@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "common/music/section.h"
 #include "controller/library/database.h"
 
 namespace nuvio::controller {
@@ -23,6 +24,7 @@ struct Track {
     std::string root, below;  // music folder, and path below it
     int64_t disc = 0, number = 0, duration_ms = 0, rate_hz = 0, channels = 0, bits = 0;
     bool is_readable = true;
+    Section section;  // of the file
 };
 
 struct Album {
@@ -87,7 +89,8 @@ class LibraryView {
     std::optional<int64_t> folder_at(const std::string& root, const std::string& below);
 
     std::optional<Track> track(int64_t id);
-    std::optional<Track> track_at(const std::string& root, const std::string& below);
+    // Of an audio file, or of a CUE sheet beside its file.
+    std::vector<Track> tracks_at(const std::string& root, const std::string& below);
     // In playing order, at most `limit`.
     std::vector<Track> tracks_of_album(int64_t album, int64_t limit);
     std::vector<Track> tracks_of_artist(int64_t artist, int64_t limit);

@@ -13,7 +13,9 @@
 #include <cstddef>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
+#include "common/fnv1a.h"
 #include "common/music/names.h"
 #include "common/released_by.h"
 #include "controller/base/log.h"
@@ -49,7 +51,18 @@ int64_t nanoseconds(const timespec& time) {
 struct Scanner::Listing {
     int64_t device = 0;  // the file system that the folder is on
     std::map<std::string, Catalogue::KnownFile> files;
+    std::map<std::string, Catalogue::KnownFile> sheets;
     std::set<std::string> folders;
+
+    // Another number for other sheets: any of them may name any file.
+    int64_t state_of_sheets() const {
+        uint64_t state = sheets.empty() ? 0 : kFnv1aStart;
+        for (const auto& [name, sheet] : sheets) {
+            state = fnv1a(fnv1a(state, name), std::to_string(sheet.size) + "/" +
+                                                  std::to_string(sheet.modified_ns) + "/");
+        }
+        return static_cast<int64_t>(state);
+    }
 };
 
 Scanner::Scanner(const MusicFolders& folders, const std::string& catalogue_path, LibraryView& view,
@@ -247,11 +260,17 @@ bool Scanner::list(const std::string& root, const std::string& below, int64_t id
         if (S_ISDIR(status.st_mode)) {
             listing->folders.insert(name);
         } else if (S_ISREG(status.st_mode) && audio_kind_of(name) != nullptr) {
-            listing->files[name] = {0, status.st_size, nanoseconds(status.st_mtim)};
+            listing->files[name] = {status.st_size, nanoseconds(status.st_mtim)};
+        } else if (S_ISREG(status.st_mode) && is_sheet_name(name)) {
+            listing->sheets[name] = {status.st_size, nanoseconds(status.st_mtim)};
         }
         errno = 0;
     }
-    return errno == 0;
+    const bool is_whole = errno == 0;
+    for (auto& [name, file] : listing->files) {
+        file.sheets = listing->state_of_sheets();
+    }
+    return is_whole;
 }
 
 // What is not away is noted. A disk's number may be another one at each mount, so what has
@@ -274,18 +293,18 @@ bool Scanner::compare(const std::string& root, const std::string& below, int64_t
     int64_t changed = 0;
     std::vector<int64_t> gone;
     const auto known_files = m_catalogue->files_in(id);
+    reader::FolderSheets sheets = sheets_of(root, below, listing);
     for (const auto& [name, file] : listing.files) {
         const auto known = known_files.find(name);
-        const bool is_same = known != known_files.end() && known->second.size == file.size &&
-                             known->second.modified_ns == file.modified_ns;
-        if (!is_same && !m_is_ending && put(root, below, id, name, file)) {
+        const bool is_same = known != known_files.end() && known->second == file;
+        if (!is_same && !m_is_ending && put(root, below, id, name, file, sheets)) {
             ++changed;
             write_what_is_due();
         }
     }
     for (const auto& [name, file] : known_files) {
         if (!listing.files.contains(name)) {
-            m_catalogue->remove_file(file.id);
+            m_catalogue->remove_file(id, name);
             ++changed;
         }
     }
@@ -310,14 +329,37 @@ UniqueFd Scanner::open_file(const std::string& root, const std::string& below) c
     return index ? m_folders.open_file(*index, below) : UniqueFd();
 }
 
+reader::FolderSheets Scanner::sheets_of(const std::string& root, const std::string& below,
+                                        const Listing& listing) {
+    std::vector<std::string> names;
+    for (const auto* const files : {&listing.files, &listing.sheets}) {
+        for (const auto& [name, file] : *files) {
+            names.push_back(name);
+        }
+    }
+    return {m_reader, std::move(names),
+            [=, this](const std::string& name) { return open_file(root, joined(below, name)); },
+            [=](const std::string& name, const std::string& why) {
+                log_line(LogLevel::warning,
+                         "Not taken apart: " + joined(joined(root, below), name) + ": " + why);
+            }};
+}
+
 // False where it could not be tried: what is known of it stays, and it is read in the next scan.
 bool Scanner::put(const std::string& root, const std::string& below, int64_t id,
-                  const std::string& name, const Catalogue::KnownFile& file) {
+                  const std::string& name, const Catalogue::KnownFile& file,
+                  reader::FolderSheets& sheets) {
     const std::string path = joined(below, name);
     const auto tags = m_reader.tags(open_file(root, path));
+    auto parts = std::holds_alternative<reader::Tags>(tags) ? sheets.parts_of(name)
+                                                            : reader::FolderSheets::Parts{};
     const auto* const failure = std::get_if<reader::Failure>(&tags);
-    if (failure != nullptr && failure->kind != reader::Failure::Kind::file) {
-        m_failure = m_is_ending ? "" : "Files can't be read: " + failure->reason;
+    const auto* const sheets_failure = std::get_if<reader::Failure>(&parts);
+    const auto* const untried = failure != nullptr && failure->kind != reader::Failure::Kind::file
+                                    ? failure
+                                    : sheets_failure;
+    if (untried != nullptr) {
+        m_failure = m_is_ending ? "" : "Files can't be read: " + untried->reason;
         return false;
     }
     if (failure != nullptr) {
@@ -325,6 +367,7 @@ bool Scanner::put(const std::string& root, const std::string& below, int64_t id,
     }
     m_catalogue->put(id, last_name(below.empty() ? root : below), name, file,
                      failure != nullptr ? reader::Tags{} : std::get<reader::Tags>(tags),
+                     std::get<reader::FolderSheets::Parts>(parts),
                      failure != nullptr ? failure->reason : "");
     return true;
 }
@@ -432,7 +475,7 @@ void Scanner::take(const inotify_event& report, const std::string& name) {
 // Of a file that is new in a folder. One that is being written is read when it has been, which is
 // reported; a hard link, and what takes its one name by way of a link, reports nothing more.
 bool Scanner::came_whole(int64_t folder, const std::string& name) {
-    if (audio_kind_of(name) == nullptr) {
+    if (audio_kind_of(name) == nullptr && !is_sheet_name(name)) {
         return false;
     }
     try {

@@ -9,7 +9,8 @@
 //          and on another file system than it was read from, where a disk is mounted at other
 //          times: a disk may be away for a while. Between scans none is held.
 // Files    are read by a process of its own, the same for the whole of a scan. One that ends it is
-//          listed by its name, and not read again until it has changed.
+//          listed by its name, and not read again until it has changed. One that a CUE sheet takes
+//          apart is several tracks; all files of a folder are read anew when a sheet of it changes.
 #pragma once
 
 #include <sys/inotify.h>
@@ -72,7 +73,9 @@ class Scanner {
     bool compare(const std::string& root, const std::string& below, int64_t id,
                  const Listing& listing);
     bool put(const std::string& root, const std::string& below, int64_t id, const std::string& name,
-             const Catalogue::KnownFile& file);
+             const Catalogue::KnownFile& file, reader::FolderSheets& sheets);
+    reader::FolderSheets sheets_of(const std::string& root, const std::string& below,
+                                   const Listing& listing);
     UniqueFd open_file(const std::string& root, const std::string& below) const;
     bool list(const std::string& root, const std::string& below, int64_t id, Listing* listing);
     bool is_disk_away(int64_t id, const Listing& listing);

@@ -1,5 +1,6 @@
 #include "controller/session/tracks.h"
 
+#include "common/music/section.h"
 #include "common/number.h"
 #include "common/utf8.h"
 
@@ -11,13 +12,15 @@ constexpr char kContent[] = "/content/";
 constexpr size_t kMaxListBytes = size_t{48} << 10U;
 constexpr int kMaxListLength = 500;
 
-// With the file's extension, for players that go by it.
+// With the file's extension, for players that go by it, and the part that it is of the file.
 std::string url_of(const Playable& item, const std::string& here) {
     if (!item.track) {
         return item.url;
     }
     const std::string& path = item.track->below;
-    return here + kContent + std::to_string(item.track->id) + path.substr(path.rfind('.'));
+    return with_section(
+        here + kContent + std::to_string(item.track->id) + path.substr(path.rfind('.')),
+        item.track->section);
 }
 
 struct Names {

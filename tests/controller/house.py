@@ -68,7 +68,8 @@ class HouseTest(unittest.TestCase):
         return room
 
     def make_music(self):
-        """Three albums of two tracks; played: what a card plays of each, by album and track."""
+        """Three albums of two tracks, one of them a file with a CUE sheet; played: what a card plays of
+        each, by album and track."""
         self.played = {}
         for number, (album, artist, colour) in enumerate(ALBUMS):
             folder = self.music / f"{number}"
@@ -80,8 +81,19 @@ class HouseTest(unittest.TestCase):
                 self.played[number, track] = e2e.write_wav(wav, samples, e2e.CD)
                 tags = {"title": f"{album} {track + 1}", "artist": artist, "album": album, "albumartist": artist,
                         "tracknumber": track + 1, "date": 2001 + number}
+                if number == 1:
+                    continue
                 subprocess.run(["flac", "-s", f"--picture={cover}", *(f"-T{tag}={tags[tag]}" for tag in tags),
                                 "-o", folder / f"{track}.flac", wav], check=True)
+            if number == 1:
+                samples = [signal_samples(SECONDS * e2e.CD, (2 + track) * 50_000) for track in range(2)]
+                e2e.write_wav(wav, samples[0] + samples[1], e2e.CD)
+                subprocess.run(["flac", "-s", f"--picture={cover}", "-TDATE=2002", "-o", folder / "0.flac", wav],
+                               check=True)
+                (folder / "0.cue").write_text(
+                    f'PERFORMER "{artist}"\nTITLE "{album}"\nFILE "0.wav" WAVE\n' + "".join(
+                        f'TRACK {track + 1} AUDIO\nTITLE "{album} {track + 1}"\n'
+                        f'INDEX 01 00:{track * SECONDS}:00\n' for track in range(2)))
 
     # ---- The controller -----------------------------------------------------------------------
 

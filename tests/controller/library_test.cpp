@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <mutex>
 
+#include "local_core/audio_files.h"
 #include "reader/harmful_files.h"
 #include "temp_dir.h"
 
@@ -135,10 +136,10 @@ TEST_F(LibraryTest, it_follows_the_disk_without_being_asked) {
     ASSERT_TRUE(wait_for_tracks(4)) << "a new file in it";
     std::filesystem::remove(m_dir / "music/a/2.wav");
     ASSERT_TRUE(wait_for_tracks(3)) << "a file less";
-    const int64_t left = m_library->view().track_at(m_dir / "music", "b/deep/4.wav")->id;
+    const int64_t left = m_library->view().tracks_at(m_dir / "music", "b/deep/4.wav").at(0).id;
     std::filesystem::rename(m_dir / "music/b", m_dir / "music/c");
     ASSERT_TRUE(wait_for(
-        [&] { return m_library->view().track_at(m_dir / "music", "c/deep/3.wav").has_value(); }));
+        [&] { return !m_library->view().tracks_at(m_dir / "music", "c/deep/3.wav").empty(); }));
     m_dir.write("music/c/deep/5.wav", "x");
     ASSERT_TRUE(wait_for_tracks(4)) << "the folder under its new name is followed";
     EXPECT_FALSE(m_library->view().track(left)) << "its number is not given to another";
@@ -219,7 +220,7 @@ TEST_F(LibraryTest, a_disk_may_be_away_for_a_while_and_is_seen_when_it_comes) {
     ASSERT_EQ(mount(disk.c_str(), place.c_str(), "", MS_BIND, ""), 0);
     open({place + "/", m_dir / "other"});
     ASSERT_TRUE(wait_for_tracks(2));
-    const int64_t id = m_library->view().track_at(place, "a/1.wav")->id;
+    const int64_t id = m_library->view().tracks_at(place, "a/1.wav").at(0).id;
 
     ASSERT_EQ(umount(place.c_str()), 0) << "nothing holds it";
     m_library.reset();
@@ -265,6 +266,48 @@ TEST_F(LibraryTest, a_file_that_ends_its_reader_is_listed_said_and_left_alone) {
         EXPECT_EQ(cover(CoverSize::list), "");
         m_library.reset();
     }
+}
+
+TEST_F(LibraryTest, the_tracks_of_a_sheet_are_tracks_and_keep_their_numbers) {
+    const auto sheet = [](const std::vector<std::string>& begins) {
+        std::string text = "TITLE Suite\nPERFORMER Band\nREM DATE 1999\nFILE whole.wav WAVE\n";
+        for (size_t i = 0; i < begins.size(); ++i) {
+            text += "TRACK " + std::to_string(i + 1) + " AUDIO\nTITLE Part" +
+                    std::to_string(i + 1) + "\nINDEX 01 " + begins[i] + "\n";
+        }
+        return text;
+    };
+    const auto titles = [this] {
+        std::vector<std::string> found;
+        for (const Playable& item : m_library->select(m_dir / "music/a").items) {
+            found.push_back(item.track->title + " " + std::to_string(item.track->duration_ms));
+        }
+        return found;
+    };
+    m_dir.write("music/a/whole.cue", sheet({"00:00:00", "00:01:00", "00:02:37"}));
+    write_audio(m_dir, "music/a/Whole.FLAC", 3 * 44100, SF_FORMAT_FLAC | SF_FORMAT_PCM_16);
+    std::vector<int64_t> ids;
+    for (const int64_t changed : {1, 0}) {
+        m_library.reset();
+        open({m_dir / "music"});
+        ASSERT_TRUE(wait_for_tracks(3));
+        EXPECT_EQ(m_library->progress().files_changed, changed);
+        EXPECT_THAT(titles(), ElementsAre("Part1 1000", "Part2 1493", "Part3 506"));
+    }
+    const Album album = m_library->view().albums({0, 1}).at(0);
+    EXPECT_TRUE(album.title == "Suite" && album.artist == "Band" && album.year == 1999);
+    const Track second = m_library->view().search("part2 band", 1).tracks.at(0);
+    EXPECT_EQ(second.section, (Section{1'000'000, 2'493'333}));
+    EXPECT_EQ(m_library->select(m_dir / "music/a/whole.cue").items.size(), 3U);
+
+    m_dir.write("music/a/whole.cue", sheet({"00:00:00", "00:01:70"}));
+    ASSERT_TRUE(wait_for_tracks(2)) << "another sheet";
+    EXPECT_THAT(titles(), ElementsAre("Part1 1933", "Part2 1066"));
+    EXPECT_EQ(m_library->view().track(second.id)->duration_ms, 1066) << "it has its number still";
+    EXPECT_THAT(found("part3"), IsEmpty());
+    m_dir.write("music/a/whole.cue", sheet({"00:00:00", "00:03:00"}));
+    ASSERT_TRUE(wait_for_tracks(1)) << "a sheet of another file";
+    EXPECT_THAT(titles(), ElementsAre("Whole 3000"));
 }
 
 TEST_F(LibraryTest, a_playlist_of_the_folders_plays_what_it_names_of_them) {

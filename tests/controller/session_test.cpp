@@ -175,6 +175,11 @@ TEST(TracksTest, long_lists_go_in_messages_that_a_device_takes) {
         count += cJSON_GetArraySize(list.get());
     }
     EXPECT_EQ(count, 1'200);
+    track.id = 7;
+    track.section = {1'500'000, 2'000'000};
+    const std::string list = playlist_of({{{}, {}, track}}, "http://here");
+    EXPECT_THAT(list, testing::HasSubstr("\"http://here/content/7.flac#t=1.500000,2.000000\""));
+    EXPECT_EQ(track_id_of("http://here/content/7.flac#t=1.500000,2.000000", "http://here"), 7);
     EXPECT_EQ(track_id_of("http://away/content/2.flac", "http://here"), 0);
 }
 
