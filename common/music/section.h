@@ -32,7 +32,7 @@ constexpr uint64_t nearest_frame(uint64_t time_us, uint32_t rate_hz) {
     return (time_us * rate_hz + 500'000) / 1'000'000;
 }
 
-// The `count`-th of so many units a second. At most Section::kLongest.
+// The `count`-th of so many units a second, at most sixteen million. At most Section::kLongest.
 constexpr uint64_t time_us_of(uint64_t count, uint32_t units_a_second) {
     const uint64_t most = Section::kLongest / 1'000'000 * units_a_second;
     return (std::min(count, most) * 1'000'000 + units_a_second / 2) / units_a_second;

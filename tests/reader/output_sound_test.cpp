@@ -15,10 +15,12 @@
 #include <numbers>
 
 #include "reader/inside/sound/loudness.h"
+#include "reader/inside/sound/sound_section.h"
 #include "temp_dir.h"
 
 namespace {
 
+using nuvio::Section;
 using namespace nuvio::reader;
 
 // At a time in seconds, of a channel.
@@ -57,7 +59,8 @@ class Output : public testing::Test {
         return OutputSound::open(Decoder::open(*m_input, &error), output, gain_db, &error);
     }
     // All that follows, in parts of many sizes; full scale is 1.
-    static std::vector<double> rest_of(OutputSound& sound) {
+    template <typename Sound>
+    static std::vector<double> rest_of(Sound& sound) {
         std::vector<double> heard;
         std::vector<int32_t> block(5000);
         for (size_t capacity = 4 * block.size(); capacity > 0;) {
@@ -136,6 +139,43 @@ TEST_F(Output, AnotherRateIsCleanAndExactInTime) {
                 ASSERT_NEAR(rest[i], whole[2 * place + i], 1e-6) << i;
             }
         }
+    }
+}
+
+// Cut anywhere, of an exact, a lossy and a converted sound.
+TEST_F(Output, PartsThatFollowOnEachOtherAreTheWhole) {
+    const Wave wave = [](double time, int) { return 0.5 * sine(700 + 100 * time, time); };
+    std::string error;
+    for (const auto& [format, output] : {std::pair{SF_FORMAT_PCM_16, OutputFormats{}},
+                                         {SF_FORMAT_VORBIS, OutputFormats{}},
+                                         {SF_FORMAT_PCM_24, takes({48000}, true)}}) {
+        const auto part = [&, kind = format, &to = output](const Section& section) {
+            return SoundSection::open(open(44100, 2, kind, 88'200, to, wave), section, &error);
+        };
+        const std::vector<double> whole = rest_of(*part({}));
+        std::vector<double> joined;
+        uint64_t begin = 0;
+        for (const uint64_t end : {uint64_t{22}, uint64_t{333'333}, uint64_t{340'000},
+                                   uint64_t{1'999'970}, Section::kToTheEnd}) {
+            const auto sound = part({begin, end});
+            ASSERT_NE(sound, nullptr) << error;
+            const std::vector<double> heard = rest_of(*sound);
+            EXPECT_EQ(heard.size(), 2 * sound->info().frames);
+            EXPECT_EQ(sound->seek(sound->info().frames + 1), std::nullopt);
+            EXPECT_EQ(sound->seek(sound->info().frames / 3), sound->info().frames / 3);
+            const std::vector<double> rest = rest_of(*sound);
+            ASSERT_EQ(rest.size(), 2 * (sound->info().frames - sound->info().frames / 3));
+            EXPECT_NEAR(rest.front(), heard[heard.size() - rest.size()], 1e-6);
+            joined.insert(joined.end(), heard.begin(), heard.end());
+            begin = end;
+        }
+        ASSERT_EQ(joined.size(), whole.size());
+        for (size_t i = 0; i < whole.size(); ++i) {
+            ASSERT_NEAR(joined[i], whole[i], 1e-6) << i;
+        }
+        EXPECT_EQ(part({2'000'000, Section::kToTheEnd}), nullptr);
+        EXPECT_EQ(error, "it ends before this part of it begins");
+        EXPECT_EQ(rest_of(*part({1'000'000, 9'000'000})).size(), whole.size() / 2) << "cut off";
     }
 }
 
