@@ -10,6 +10,7 @@
 #include <turbojpeg.h>
 #include <unistd.h>
 #include <webp/encode.h>
+#include <xiphcomment.h>
 
 #include <algorithm>
 #include <cstring>
@@ -24,6 +25,7 @@
 #include "fuzz/small_files.h"
 #include "reader/inside/picture.h"
 #include "reader/inside/scaled_picture.h"
+#include "reader/inside/sheet.h"
 #include "reader/inside/sound/sound_work.h"
 #include "reader/inside/tags.h"
 
@@ -116,6 +118,39 @@ std::string flac_with_picture() {
     return {stream.data()->data(), stream.data()->size()};
 }
 
+std::string sheet() {
+    return "TITLE " + long_title() +
+           "\nFILE \"a b\" WAVE\nTRACK 1 AUDIO\nINDEX 00 0:0:0\nINDEX 01 0:0:1\n"
+           "TRACK 2 AUDIO\nPERFORMER b\nINDEX 01 0:0:2\nFILE c WAVE\nTRACK 3 AUDIO\nINDEX 1 "
+           "0:0:0\n";
+}
+
+std::string flac_with_sheet_comment() {
+    TagLib::ByteVectorStream stream(bytes_of(small_sounds()[1]));
+    TagLib::FLAC::File file(&stream, TagLib::ID3v2::FrameFactory::instance());
+    file.xiphComment(true)->addField("CUESHEET", {sheet(), TagLib::String::UTF8});
+    FUZZ_EXPECT(file.save());
+    return {stream.data()->data(), stream.data()->size()};
+}
+
+// Behind the first block: three tracks of one index, the last one the lead-out.
+std::string flac_with_sheet_block() {
+    std::string block(396, '\0');
+    block.back() = 3;
+    for (const char number : {1, 2, 3}) {
+        std::string track(36 + 12, '\0');
+        track[7] = static_cast<char>(16 * number);
+        track[8] = number;
+        track[35] = 1;
+        track[44] = 1;
+        block += track;
+    }
+    const std::string head{5, 0, static_cast<char>(block.size() / 256),
+                           static_cast<char>(block.size() % 256)};
+    std::string file = small_sounds()[1];
+    return file.insert(4 + 4 + 34, head + block);
+}
+
 std::string atom(std::string_view name, const std::string& inside) {
     const size_t size = inside.size() + 8;
     return {std::string{static_cast<char>(size >> 24U), static_cast<char>(size >> 16U),
@@ -134,9 +169,16 @@ std::string mp4_with_picture() {
 
 const std::vector<std::string>& files() {
     static const auto* const all = new std::vector<std::string>([] {
-        std::vector<std::string> found{
-            png_file(),          jpeg_file(),        webp_file(), mpeg_with_picture(),
-            flac_with_picture(), mp4_with_picture(), ""};
+        std::vector<std::string> found{png_file(),
+                                       jpeg_file(),
+                                       webp_file(),
+                                       mpeg_with_picture(),
+                                       flac_with_picture(),
+                                       mp4_with_picture(),
+                                       sheet(),
+                                       flac_with_sheet_comment(),
+                                       flac_with_sheet_block(),
+                                       ""};
         found.insert(found.end(), small_sounds().begin(), small_sounds().end());
         return found;
     }());
@@ -208,11 +250,29 @@ void scale_picture_of(const UniqueFd& file, uint32_t edge) {
     FUZZ_EXPECT(answer.size == 0 || has_picture(answer));
 }
 
+// The tracks of one file are the whole of it.
+void read_sheet_of(const UniqueFd& file) {
+    SheetAnswer answer{};
+    read_sheet(file, shared_memory(), &answer);
+    FUZZ_EXPECT(answer.error[0] == '\0' || answer.bytes == 0);
+    std::string_view records(shared_memory(), answer.bytes);
+    size_t count = 0;
+    for (auto track = take_sheet_track(&records); track; track = take_sheet_track(&records)) {
+        FUZZ_EXPECT(++count <= kMaxSheetTracks && track->section.begin_us < track->section.end_us);
+        FUZZ_EXPECT(is_utf8(track->title) && track->title.size() <= kMaxText);
+    }
+    FUZZ_EXPECT(records.empty());
+}
+
 void play(UniqueFd file, Script& places) {
     Parent nobody;  // a file's reader asks for nothing
     SoundWork work;
     SoundAnswer sound{};
-    work.open({.job = Job::open_sound}, std::move(file), shared_memory(), nobody, &sound);
+    Request request{.job = Job::open_sound};
+    request.section = {places.word(),
+                       places.byte() % 2 == 0 ? places.word() * uint64_t{100} : Section::kToTheEnd};
+    request.section.begin_us *= places.byte() % 2;
+    work.open(request, std::move(file), shared_memory(), nobody, &sound);
     if (sound.is_readable == 0) {
         FUZZ_EXPECT(sound.error[0] != '\0');
         return;
@@ -249,6 +309,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     try {
         read_tags_of(file);
         read_picture_of(file);
+        read_sheet_of(file);
         scale_picture_of(file, edge);
         play(UniqueFd(dup(file.get())), places);
     } catch (const std::bad_alloc&) {  // too big for a reader
