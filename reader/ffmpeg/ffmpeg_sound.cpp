@@ -384,9 +384,12 @@ class FfmpegSound : public ForeignSound {
         if (!receive(*m_frame)) {
             return false;
         }
-        const bool is_same = m_frame->sample_rate == static_cast<int>(m_info.sample_rate);
-        m_error = is_same ? m_error : "it goes on in another format";
-        return is_same;
+        if (m_frame->sample_rate != static_cast<int>(m_info.sample_rate)) {
+            m_used = m_frame->nb_samples;  // nobody reads it
+            m_error = "it goes on in another format";
+            return false;
+        }
+        return true;
     }
 
     bool receive(AVFrame& frame) {
