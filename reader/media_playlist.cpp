@@ -29,11 +29,11 @@ std::optional<MediaSegment> take_segment(std::string_view* record) {
     auto part = take_part(record);
     auto title = take_text(record);
     const auto init = take_number<uint32_t>(record);
-    const auto is_gap = take_number<uint8_t>(record);
-    if (!part || !title || !init || !is_gap) {
+    const auto is_cut = take_number<uint8_t>(record);
+    if (!part || !title || !init || !is_cut) {
         return std::nullopt;
     }
-    return MediaSegment{std::move(*part), std::move(*title), *init, *is_gap != 0};
+    return MediaSegment{std::move(*part), std::move(*title), *init, *is_cut != 0};
 }
 
 }  // namespace
@@ -53,7 +53,7 @@ std::string record_of(const MediaPlaylist& playlist) {
         put_part(&record, segment.part);
         put_text(&record, segment.title);
         put_number(&record, segment.init);
-        put_number(&record, static_cast<uint8_t>(segment.is_gap));
+        put_number(&record, static_cast<uint8_t>(segment.is_cut));
     }
     return record;
 }
@@ -67,7 +67,7 @@ MediaPlaylist media_playlist_in(std::string_view record, size_t max_segments) {
     playlist.is_encrypted = take_number<uint8_t>(&record).value_or(0) != 0;
     for (uint32_t left = take_number<uint32_t>(&record).value_or(0); left > 0; --left) {
         auto init = take_part(&record);
-        if (!init) {
+        if (!init || playlist.inits.size() == max_segments) {
             return playlist;
         }
         playlist.inits.push_back(std::move(*init));

@@ -24,7 +24,7 @@ struct MediaSegment {
     MediaPart part;
     std::string title;        // as written
     uint32_t init = kNoInit;  // which of the playlist's, that goes before it
-    bool is_gap = false;      // it is said not to be there
+    bool is_cut = false;      // it does not go on from the one before
 };
 
 struct MediaPlaylist {

@@ -70,6 +70,7 @@ struct Bytes {
     uint32_t size;    // 0: the end, or nothing to be had
     bool is_reached;  // false: it can't be gone to the place
     bool has_failed;  // nothing more will come
+    bool begins_run;  // something else begins at the place, and is to be opened anew
 };
 
 // Whether a sound is made as loud as its tags say: by those of the track or of the album, or, where

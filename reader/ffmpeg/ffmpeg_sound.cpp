@@ -150,6 +150,7 @@ class FfmpegSound : public ForeignSound {
         const uint64_t of_dsd = m_input.length() ? dsd_bytes(m_input) : 0;
         const uint64_t edits_a_second = m_input.length() ? edit_rate(m_input) : 0;
         int result = edits_a_second > 0 ? note_media() : 0;
+        result = result < 0 ? result : allocate();
         result = result < 0 ? result : open_container();
         if (result < 0) {
             *error = text_of(result);
@@ -341,16 +342,32 @@ class FfmpegSound : public ForeignSound {
             const bool is_wanted = static_cast<int>(i) == m_stream || is_timed_id3(i);
             container->streams[i]->discard = is_wanted ? AVDISCARD_DEFAULT : AVDISCARD_ALL;
         }
-        return open_decoder(codec);
+        return decodes_on() ? 0 : open_decoder(codec);
+    }
+
+    // What begins anew is of the same kind to the decoder, which has half a frame of sound in it.
+    bool decodes_on() const {
+        if (!m_decoder) {
+            return false;
+        }
+        const AVCodecParameters& next = *m_container->streams[m_stream]->codecpar;
+        return next.codec_id == m_decoder->codec_id &&
+               next.extradata_size == m_decoder->extradata_size &&
+               std::equal(next.extradata, next.extradata + next.extradata_size,
+                          m_decoder->extradata);
+    }
+
+    int allocate() {
+        m_packet.reset(av_packet_alloc());
+        m_frame.reset(av_frame_alloc());
+        m_ahead.reset(av_frame_alloc());
+        return m_packet && m_frame && m_ahead ? 0 : AVERROR(ENOMEM);
     }
 
     int open_decoder(const AVCodec* codec) {
         const AVStream& stream = *m_container->streams[m_stream];
         m_decoder.reset(avcodec_alloc_context3(codec));
-        m_packet.reset(av_packet_alloc());
-        m_frame.reset(av_frame_alloc());
-        m_ahead.reset(av_frame_alloc());
-        if (!m_decoder || !m_packet || !m_frame || !m_ahead) {
+        if (!m_decoder) {
             return AVERROR(ENOMEM);
         }
         const int taken = avcodec_parameters_to_context(m_decoder.get(), stream.codecpar);
@@ -435,7 +452,10 @@ class FfmpegSound : public ForeignSound {
         if ((m_container->event_flags & AVFMT_EVENT_FLAG_METADATA_UPDATED) != 0) {
             m_container->event_flags &= ~AVFMT_EVENT_FLAG_METADATA_UPDATED;
             const AVStream& stream = *m_container->streams[m_stream];
-            m_new_texts = {tag(*m_container, stream, "title"), tag(*m_container, stream, "artist")};
+            const std::string title = tag(*m_container, stream, "title");
+            if (!title.empty()) {
+                m_new_texts = {title, tag(*m_container, stream, "artist")};
+            }
         }
         if (has_packet && is_timed_id3(static_cast<unsigned>(m_packet->stream_index))) {
             auto texts = texts_in_id3({reinterpret_cast<const char*>(m_packet->data),
@@ -444,10 +464,21 @@ class FfmpegSound : public ForeignSound {
         }
     }
 
+    // Where the container's bytes end others may begin.
+    int read_packet() {
+        int got = av_read_frame(m_container.get(), m_packet.get());
+        while (got == AVERROR_EOF && m_input.next_run()) {
+            m_container.reset();
+            got = open_container();
+            got = got < 0 ? got : av_read_frame(m_container.get(), m_packet.get());
+        }
+        return got;
+    }
+
     // A packet that can't be decoded costs its own sound alone.
     bool feed() {
         for (;;) {
-            const int got = av_read_frame(m_container.get(), m_packet.get());
+            const int got = read_packet();
             m_error = got < 0 && got != AVERROR_EOF ? text_of(got) : "";
             note_texts(got >= 0);
             const bool is_ours = got >= 0 && m_packet->stream_index == m_stream;

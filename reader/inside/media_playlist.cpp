@@ -113,7 +113,7 @@ class Parser {
             {"#EXT-X-BYTERANGE:", &Parser::take_range},
             {"#EXT-X-MAP:", &Parser::take_init},
             {"#EXT-X-KEY:", &Parser::take_key},
-            {"#EXT-X-GAP", &Parser::take_gap},
+            {"#EXT-X-DISCONTINUITY", &Parser::take_cut},
             {"#EXT-X-MEDIA-SEQUENCE:", &Parser::take_first_number},
             {"#EXT-X-TARGETDURATION:", &Parser::take_target},
             {"#EXT-X-STREAM-INF:", &Parser::take_variant},
@@ -134,7 +134,7 @@ class Parser {
     }
 
     void take_info(std::string_view value) { m_next.title = m3u::title_of(value); }
-    void take_gap(std::string_view /*value*/) { m_next.is_gap = true; }
+    void take_cut(std::string_view value) { m_next.is_cut = m_next.is_cut || value.empty(); }
     void take_first_number(std::string_view value) { m_playlist.first_number = number_in(value); }
     void take_target(std::string_view value) { m_playlist.target_s = number_in(value); }
     void take_key(std::string_view value) {
@@ -158,7 +158,7 @@ class Parser {
                              number_in(range)};
         auto& inits = m_playlist.inits;
         const bool is_new = inits.empty() || inits.back() != init;
-        if (is_new && inits.size() < kMaxInits) {
+        if (is_new && inits.size() < std::min(kMaxInits, m_max_segments)) {
             inits.push_back(init);
         }
     }
@@ -174,7 +174,8 @@ class Parser {
     void take_location(std::string_view line) {
         if (m_variant) {
             m_variant->location = line;
-            m_variants.push_back(*std::exchange(m_variant, std::nullopt));
+            m_variants.push_back(*m_variant);
+            m_variant.reset();
             return;
         }
         m_next.part.location = line;

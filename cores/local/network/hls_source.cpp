@@ -20,6 +20,8 @@ constexpr uint64_t kMaxSegmentBytes = uint64_t{32} * 1024 * 1024;
 constexpr size_t kPieceBytes = size_t{16} * 1024;
 constexpr size_t kMaxLeftOut = 8;     // in a row
 constexpr uint64_t kFromLiveEnd = 3;  // segments
+// Before it is sent again, for what reads it notes each part of them.
+constexpr size_t kMostWithInit = 250;
 constexpr uint64_t kMaxNumber = uint64_t{1} << 62;
 // What the longest segment counts for, in seconds, whatever a playlist says.
 constexpr uint64_t kShortestTarget = 1;
@@ -58,6 +60,7 @@ HlsSource::HlsSource(HttpRequest request, std::string url, std::string playlist)
       m_request(std::move(request)),
       m_own_url(m_request.url),
       m_url(std::move(url)),
+      m_base(m_url),
       m_text(std::move(playlist)),
       m_loaded_at(Clock::now()),
       m_progress_at(m_loaded_at) {
@@ -107,7 +110,11 @@ void HlsSource::run() {
 // ---- The playlist -------------------------------------------------------------------------------
 
 bool HlsSource::begin() {
-    if (!take(m_text) || (!m_playlist.variant.empty() && !take_variant())) {
+    if (take(m_text) != HttpFailure::none) {
+        fail(HttpFailure::unusable, m_reason);
+        return false;
+    }
+    if (!m_playlist.variant.empty() && !take_variant()) {
         return false;
     }
     if (m_playlist.segments.empty() && (m_playlist.has_end || m_playlist.target_s == 0)) {
@@ -118,7 +125,7 @@ bool HlsSource::begin() {
 }
 
 bool HlsSource::take_variant() {
-    const auto url = nuvio::resolve_url(m_url, m_playlist.variant);
+    const auto url = nuvio::resolve_url(m_base, m_playlist.variant);
     if (!url) {
         fail(HttpFailure::unusable, "its playlist names no web address");
         return false;
@@ -134,18 +141,16 @@ bool HlsSource::take_variant() {
     return true;
 }
 
-bool HlsSource::take(const std::string& text) {
+HttpFailure HlsSource::take(const std::string& text) {
+    const Interruption::Watch watch(m_interruption, [this] { m_reader.interrupt(); });
     auto outcome = m_reader.read_media(text, kMaxSegments);
     if (const auto* const failed = std::get_if<reader::Failure>(&outcome)) {
-        fail(HttpFailure::unusable, "its playlist can't be read: " + failed->reason);
-        return false;
+        return fail_part(HttpFailure::missing, "its playlist can't be read: " + failed->reason);
     }
     m_playlist = std::get<reader::MediaPlaylist>(std::move(outcome));
     m_playlist.first_number = std::min(m_playlist.first_number, kMaxNumber);
-    if (m_playlist.is_encrypted) {
-        fail(HttpFailure::unusable, "the stream is encrypted");
-    }
-    return !m_playlist.is_encrypted;
+    return m_playlist.is_encrypted ? fail_part(HttpFailure::unusable, "the stream is encrypted")
+                                   : HttpFailure::none;
 }
 
 // While segments come the playlist may be away.
@@ -154,18 +159,25 @@ bool HlsSource::load(bool is_first) {
     m_is_changed = false;
     m_reason.clear();
     std::string text;
-    const HttpFailure failure = fetch_playlist(&text);
-    const bool passes = failure == HttpFailure::missing || failure == HttpFailure::unreachable;
-    if (failure == HttpFailure::none) {
-        m_is_changed = text != m_text;
+    HttpFailure failure = fetch_playlist(&text);
+    if (failure == HttpFailure::none && text != m_text) {
+        failure = take(text);
+        m_is_changed = failure == HttpFailure::none;
+    }
+    if (m_is_changed) {
         m_text = std::move(text);
-        return !m_is_changed || take(m_text);
+    }
+    if (failure == HttpFailure::none) {
+        m_base = m_url;
+        return true;
     }
     m_url = m_own_url;
-    if (is_first || !passes) {
+    const bool passes = !is_first && failure != HttpFailure::refused &&
+                        failure != HttpFailure::unusable && failure != HttpFailure::cancelled;
+    if (!passes) {
         fail(failure, m_reason);
     }
-    return !is_first && passes;
+    return passes;
 }
 
 // The text is read in small pieces, so that one that drips has an end too.
@@ -184,7 +196,7 @@ HttpFailure HlsSource::fetch_playlist(std::string* text) {
             return fail_part(HttpFailure::unreachable, "its playlist comes too slowly");
         }
     }
-    if (file.source.failure() != HttpFailure::none) {
+    if (!content || file.source.failure() != HttpFailure::none) {
         return fail_part(file.source.failure(), file.source.error());
     }
     m_url = content->url;
@@ -222,6 +234,7 @@ uint64_t HlsSource::place_to_begin() const {
 
 // ---- Segments -----------------------------------------------------------------------------------
 
+// Until all are fetched that the playlist has, or it is too old to go by.
 bool HlsSource::fetch_segments() {
     const uint64_t first = m_playlist.first_number;
     const uint64_t end = first + m_playlist.segments.size();
@@ -231,46 +244,59 @@ bool HlsSource::fetch_segments() {
         m_next = place_to_begin();
     }
     if (m_next < first) {
-        note("segments went by unheard: " + std::to_string(first - m_next));
-        m_next = first;
+        note("segments went by unheard: " + std::to_string(place_to_begin() - m_next));
+        m_next = place_to_begin();
     }
     while (m_next < end) {
-        const uint64_t number = m_next++;
-        if (!fetch_segment(m_playlist.segments[static_cast<size_t>(number - first)])) {
+        const HttpFailure failure =
+            fetch_segment(m_playlist.segments[static_cast<size_t>(m_next - first)]);
+        // A server may be behind its own playlist.
+        if (failure == HttpFailure::missing && !m_playlist.has_end && m_asked_again != m_next) {
+            m_asked_again = m_next;
+            return true;
+        }
+        if (failure != HttpFailure::none && !leave_out(failure)) {
             return false;
+        }
+        ++m_next;
+        if (!m_playlist.has_end && Clock::now() - m_loaded_at > kFromLiveEnd * target()) {
+            return true;
         }
     }
     return true;
 }
 
-bool HlsSource::fetch_segment(const reader::MediaSegment& segment) {
-    HttpFailure failure = HttpFailure::none;
-    if (segment.init < m_playlist.inits.size() && m_playlist.inits[segment.init] != m_init) {
-        failure = fetch(m_playlist.inits[segment.init]);
-        m_init = failure == HttpFailure::none ? std::optional(m_playlist.inits[segment.init])
-                                              : std::nullopt;
+HttpFailure HlsSource::fetch_segment(const reader::MediaSegment& segment) {
+    const bool has_init = segment.init < m_playlist.inits.size();
+    const MediaPart* const init = has_init ? &m_playlist.inits[segment.init] : nullptr;
+    const bool is_other = has_init && (*init != m_init || m_sent_with_init >= kMostWithInit);
+    if (is_other || segment.is_cut) {
+        locked([this] { return begin_run(); });
+        m_init.reset();
     }
-    if (failure == HttpFailure::none && segment.is_gap) {
-        failure = fail_part(HttpFailure::missing, "its playlist says so");
-    } else if (failure == HttpFailure::none) {
-        if (!segment.title.empty()) {
-            const std::lock_guard lock(m_mutex);
-            note_title(segment.title);
+    if (has_init && !m_init) {
+        if (const HttpFailure failure = fetch(*init); failure != HttpFailure::none) {
+            return failure;
         }
-        failure = fetch(segment.part);
+        m_init = *init;
+        m_sent_with_init = 0;
     }
-    if (failure == HttpFailure::none) {
-        m_left_out = 0;
-        return true;
+    ++m_sent_with_init;
+    if (!segment.title.empty()) {
+        locked([&] { return note_title(segment.title); });
     }
-    if (failure == HttpFailure::refused) {
-        fail(failure, m_reason);
-    }
-    return failure != HttpFailure::cancelled && failure != HttpFailure::refused &&
-           leave_out(failure);
+    const HttpFailure failure = fetch(segment.part);
+    m_left_out = failure == HttpFailure::none ? 0 : m_left_out;
+    return failure;
 }
 
 bool HlsSource::leave_out(HttpFailure failure) {
+    if (failure == HttpFailure::refused) {
+        fail(failure, m_reason);
+    }
+    if (failure == HttpFailure::refused || failure == HttpFailure::cancelled) {
+        return false;
+    }
     if (m_left_out++ == 0) {
         note("a segment is left out: " + m_reason);
     }
@@ -282,7 +308,7 @@ bool HlsSource::leave_out(HttpFailure failure) {
 
 // Puts the part behind what is there.
 HttpFailure HlsSource::fetch(const MediaPart& part) {
-    const auto url = nuvio::resolve_url(m_url, part.location);
+    const auto url = nuvio::resolve_url(m_base, part.location);
     if (!url) {
         return fail_part(HttpFailure::missing, "no web address");
     }
@@ -306,16 +332,26 @@ HttpFailure HlsSource::fetch(const MediaPart& part) {
         }
         done += got;
     }
-    if (const HttpFailure failure = source.failure(); failure != HttpFailure::none) {
-        const bool is_ours = nuvio::same_origin(*url, m_request.token_origin);
-        return fail_part(
-            failure == HttpFailure::refused && !is_ours ? HttpFailure::missing : failure,
-            source.error());
+    if (source.failure() != HttpFailure::none) {
+        return fail_part(failure_of(source, *url, done > 0), source.error());
     }
-    if (done == 0 || (done == kMaxSegmentBytes && done != part.size)) {
-        return fail_part(HttpFailure::missing, done == 0 ? "it is empty" : "it is too long");
+    if (done == 0) {
+        return fail_part(HttpFailure::missing, "it is empty");
     }
-    return HttpFailure::none;
+    const bool is_cut = done == kMaxSegmentBytes && done != part.size;
+    return is_cut ? fail_part(HttpFailure::changed, "it is too long") : HttpFailure::none;
+}
+
+// The token is to blame on its own origin alone. What has begun is not asked for again.
+HttpFailure HlsSource::failure_of(const HttpSource& source, const std::string& url,
+                                  bool has_begun) const {
+    const HttpFailure failure = source.failure();
+    const bool has_token =
+        !m_request.token.empty() && nuvio::same_origin(url, m_request.token_origin);
+    if (failure == HttpFailure::missing || (failure == HttpFailure::refused && !has_token)) {
+        return has_begun ? HttpFailure::changed : HttpFailure::missing;
+    }
+    return failure;
 }
 
 HttpFailure HlsSource::fail_part(HttpFailure failure, std::string reason) {

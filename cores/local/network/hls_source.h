@@ -4,9 +4,10 @@
 // A thread of its own fetches the segments in their order, each as HttpSource does with what has to
 // go before it, and the playlist again when it is time for more of them. A live stream begins three
 // segments before its end. It reads ahead up to a bound, and rests until three quarters of that are
-// used up. A segment that can't be had is left out with a note; the stream is given up after some
-// in a row, and when there was nothing new for `give_up_after`. Of the versions of a stream one is
-// chosen at the beginning. Titles are those of the segments.
+// used up. A segment that can't be had is left out with a note, of a live stream after it was asked
+// for once more; the stream is given up after some in a row, and when there was nothing new for
+// `give_up_after`. Where segments do not go on from those before them, begins another run. Of the
+// versions of a stream one is chosen at the beginning. Titles are those of the segments.
 #pragma once
 
 #include <chrono>
@@ -48,14 +49,15 @@ class HlsSource final : public RemoteSource {
     // The thread's: false when it is over.
     void run();
     bool begin();
-    bool take(const std::string& text);
+    HttpFailure take(const std::string& text);
     bool take_variant();
     bool load(bool is_first);
     HttpFailure fetch_playlist(std::string* text);
     uint64_t place_to_begin() const;
     bool fetch_segments();
-    bool fetch_segment(const nuvio::reader::MediaSegment& segment);
+    HttpFailure fetch_segment(const nuvio::reader::MediaSegment& segment);
     HttpFailure fetch(const MediaPart& part);
+    HttpFailure failure_of(const HttpSource& source, const std::string& url, bool has_begun) const;
     HttpSource& file_at(const std::string& url);
     HttpFailure fail_part(HttpFailure failure, std::string reason);
     bool leave_out(HttpFailure failure);
@@ -74,16 +76,19 @@ class HlsSource final : public RemoteSource {
     nuvio::reader::PlaylistReader m_reader;
     nuvio::reader::MediaPlaylist m_playlist;
     std::string m_own_url;  // of the playlist of the segments, as it was named
-    std::string m_url;      // where it was found last: what is relative in it refers to that
+    std::string m_url;      // where it is asked for
+    std::string m_base;     // what is relative in it refers to
     std::string m_text;
     bool m_is_changed = true;  // by the last load
     Clock::time_point m_loaded_at;
     uint64_t m_next = 0;              // the number of the segment to be fetched next
     std::optional<MediaPart> m_init;  // what was sent before the segments last
-    std::unique_ptr<File> m_file;     // read last
-    size_t m_left_out = 0;            // in a row
-    std::string m_reason;             // of the last failure; empty after a load
-    Clock::time_point m_progress_at;  // the last byte, or since when one is wanted
+    size_t m_sent_with_init = 0;
+    std::unique_ptr<File> m_file;           // read last
+    std::optional<uint64_t> m_asked_again;  // the number of a segment that was missing
+    size_t m_left_out = 0;                  // in a row
+    std::string m_reason;                   // of the last failure; empty after a load
+    Clock::time_point m_progress_at;        // the last byte, or since when one is wanted
 
     std::thread m_thread;  // last: it uses all of the above
 };

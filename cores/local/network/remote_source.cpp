@@ -1,10 +1,13 @@
 #include "local/network/remote_source.h"
 
+#include <algorithm>
+
 namespace local_core {
 
 namespace {
 
 constexpr size_t kMaxTitles = 64;
+constexpr size_t kMaxRuns = 64;
 constexpr size_t kMaxNotes = 8;
 constexpr uint64_t kMaxPosition = INT64_MAX;
 
@@ -80,6 +83,23 @@ void RemoteSource::note_title(std::string_view title) {
     if (m_titles.size() > kMaxTitles) {
         m_titles.pop_front();
     }
+}
+
+void RemoteSource::begin_run() {
+    m_runs.push_back(m_buffer.end());
+    if (m_runs.size() > kMaxRuns) {
+        m_runs.pop_front();
+    }
+}
+
+bool RemoteSource::begins_run(uint64_t position) const {
+    return locked([&] { return std::ranges::find(m_runs, position) != m_runs.end(); });
+}
+
+std::optional<uint64_t> RemoteSource::run_behind(uint64_t position) const {
+    const std::lock_guard lock(m_mutex);
+    const auto next = std::ranges::upper_bound(m_runs, position);
+    return next == m_runs.end() ? std::nullopt : std::optional(*next);
 }
 
 void RemoteSource::note(std::string text) {

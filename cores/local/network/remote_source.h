@@ -46,6 +46,10 @@ class RemoteSource {
     // What the radio says it plays at the place, as sent; possibly empty.
     std::string title_at(uint64_t position) const;
 
+    // Something else begins at the place, and is to be opened anew. The next such place behind one.
+    bool begins_run(uint64_t position) const;
+    std::optional<uint64_t> run_behind(uint64_t position) const;
+
     // What it had to leave out, for people; once each.
     std::optional<std::string> take_note();
 
@@ -81,6 +85,7 @@ class RemoteSource {
     bool is_low() const;
     // From the end of what is there on.
     void note_title(std::string_view title);
+    void begin_run();
 
     mutable std::mutex m_mutex;
     std::condition_variable m_changed;  // what the reader waits for
@@ -93,6 +98,7 @@ class RemoteSource {
 
   private:
     std::deque<std::pair<uint64_t, std::string>> m_titles;  // from which position on
+    std::deque<uint64_t> m_runs;                            // where they begin
     std::deque<std::string> m_notes;
     std::string m_error;
 };

@@ -41,14 +41,17 @@ class TrackDecoder::SourceBytes : public reader::RemoteBytes {
         if (got == wanted) {
             got += m_source.look_ahead(to + got, room - got);
         }
+        if (const auto next = m_source.run_behind(place)) {
+            got = static_cast<size_t>(std::min<uint64_t>(got, *next - place));
+        }
         return said_of(place, got, true);
     }
 
   private:
     reader::Bytes said_of(uint64_t place, size_t got, bool is_reached) const {
         const auto length = m_is_radio ? std::nullopt : m_source.length();
-        return {place, length.value_or(reader::Bytes::kUnknown), static_cast<uint32_t>(got),
-                is_reached, m_source.failure() != HttpFailure::none};
+        return {place,      length.value_or(reader::Bytes::kUnknown), static_cast<uint32_t>(got),
+                is_reached, m_source.failure() != HttpFailure::none,  m_source.begins_run(place)};
     }
 
     RemoteSource& m_source;

@@ -71,6 +71,9 @@ size_t RemoteInput::read(void* to, size_t size) {
                 break;
             }
         }
+        if (is_at_next_run()) {
+            break;
+        }
         const size_t at = static_cast<size_t>(m_position - m_bytes.place);
         const size_t count = std::min(size - done, m_bytes.size - at);
         std::memcpy(static_cast<char*>(to) + done, m_window + at, count);
@@ -78,6 +81,16 @@ size_t RemoteInput::read(void* to, size_t size) {
         m_position += count;
     }
     return done;
+}
+
+bool RemoteInput::is_at_next_run() const {
+    return m_bytes.begins_run && m_position == m_bytes.place && m_position > m_run;
+}
+
+bool RemoteInput::next_run() {
+    const bool is_there = is_at_next_run();
+    m_run = is_there ? m_position : m_run;
+    return is_there;
 }
 
 bool RemoteInput::seek(uint64_t position) {

@@ -30,6 +30,8 @@ class Input {
     virtual bool is_radio() const = 0;
     // All of it can be read without a network's delay.
     virtual bool is_at_hand() const = 0;
+    // Where it seems to end something else may begin, to be opened anew: goes on to it.
+    virtual bool next_run() { return false; }
 };
 
 // The bytes from a place on, fewer at the end; none where it can't go there.
@@ -67,15 +69,18 @@ class RemoteInput : public Input {
     bool has_failed() const override { return m_bytes.has_failed; }
     bool is_radio() const override { return m_is_radio; }
     bool is_at_hand() const override { return false; }
+    bool next_run() override;
 
   private:
     void ask(uint64_t place, size_t size);
     bool has(uint64_t place) const;
+    bool is_at_next_run() const;
 
     Parent& m_parent;
     const char* const m_window;
     const bool m_is_radio;
-    Bytes m_bytes{0, Bytes::kUnknown, 0, true, false};
+    Bytes m_bytes{0, Bytes::kUnknown, 0, true, false, false};
+    uint64_t m_run = 0;  // where the present one begins
     uint64_t m_position = 0;
 };
 
