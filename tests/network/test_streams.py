@@ -8,7 +8,7 @@ import tempfile
 import time
 import unittest
 
-from test_network import HAS_MODULE, Result, start
+from test_network import HAS_MODULE, Result, error_of, start
 
 from device import CD, WebServer, signal_samples, write_wav
 from scripted_server import ScriptedServer
@@ -96,7 +96,7 @@ class Streams(unittest.TestCase):
         cls.addClassCleanup(cls.server.kill)
 
     def setUp(self):
-        self.answers = {}  # by path: bytes, a status, or a list of them for one request each
+        self.answers = {}  # by path: bytes, a status, where to, or a list of them for one request each
         server = ScriptedServer(self.answer)
         self.addCleanup(server.__exit__, None, None, None)
         self.url = server.url
@@ -110,6 +110,8 @@ class Streams(unittest.TestCase):
             content = content.pop(0) if len(content) > 1 else content[0]
         if isinstance(content, int):
             return handler.head(content)
+        if isinstance(content, str):
+            return handler.head(302, Location=content)
         handler.head(200, Content_Length=len(content), Content_Type="application/vnd.apple.mpegurl")
         handler.wfile.write(content)
 
@@ -156,6 +158,7 @@ class Streams(unittest.TestCase):
         self.assertTrue(self.about.endswith(" 10 Song 0"), self.about)
         (self.d / "heard").write_bytes(b"".join(segments[n] for n in (1, 2, 3, 5, 6, 7)))
         self.assert_heard(result.body, "heard")
+        self.assertEqual([path for path, _ in self.asked].count("4"), 2)
         self.assertEqual({auth for path, auth in self.asked if path == "list"}, {"Bearer good"})
         self.assertEqual({auth for path, auth in self.asked if path != "list"}, {None})
 
@@ -170,15 +173,46 @@ class Streams(unittest.TestCase):
 
     def test_a_live_one_whose_segments_went_by_or_have_other_numbers(self):
         segments = self.segments()
-        self.answers = {f"{n}": content for n, content in enumerate(segments)}
+        self.answers = {f"there/{n}": content for n, content in enumerate(segments)}
         names = [(f"{n}", "") for n in range(SEGMENTS)]
-        self.answers["list"] = [playlist(0, names[:4]), playlist(5, names[5:]),
-                                playlist(0, names[:2], "#EXT-X-ENDLIST\n")]
+        self.answers["there/list"] = [playlist(0, names[:4]), 404, playlist(5, names[5:]),
+                                      playlist(0, names[:2], "#EXT-X-ENDLIST\n")]
+        self.answers["list"] = "there/list"
         result = self.decode(self.url + "list")
         self.assertEqual(self.news, ["note=segments went by unheard: 1", "note=its segments are numbered anew",
                                      "failure=none", "error="])
         (self.d / "heard").write_bytes(b"".join(segments[n] for n in (1, 2, 3, 5, 6, 7, 0, 1)))
         self.assert_heard(result.body, "heard")
+
+    def test_where_it_is_cut_it_is_opened_anew(self):
+        def encode(kind, name, *more):
+            (self.d / name).mkdir()
+            subprocess.run(["ffmpeg", "-v", "error", "-i", "../signal.wav", "-c:a", "aac", *more,
+                            *KINDS[kind]], cwd=self.d / name, check=True)
+
+        def parts(ending, *names):
+            """What is heard of the first segments of each, one after the other."""
+            lines = ["#EXTM3U\n#EXT-X-TARGETDURATION:1\n"]
+            for name in names:
+                init = f"#EXT-X-MAP:URI=\"{name}/init.mp4\"\n" * (self.d / name / "init.mp4").exists()
+                lines += ["#EXT-X-DISCONTINUITY\n", init, *(
+                    f"#EXTINF:1,\n{name}/{ending.format(n)}\n" for n in range(3))]
+            (self.d / "cut.m3u8").write_text("".join(lines) + "#EXT-X-ENDLIST\n")
+            return self.decode(f"{self.server.url}/cut.m3u8").body
+
+        encode("fmp4", "other4", "-b:a", "96k")
+        encode("mpegts", "others", "-b:a", "96k", "-mpegts_start_pid", "0x300")
+        encode("adts", "deep", "-ar", "48000")
+        for kind, other, ending in [("fmp4", "other4", "list{}.m4s"), ("mpegts", "others", "list{}.ts")]:
+            first, second, heard = parts(ending, kind), parts(ending, other), parts(ending, kind, other)
+            self.assertEqual(self.news, ["failure=none", "error="])
+            self.assertEqual(len(heard), len(first) + len(second), kind)
+            self.assertTrue(heard.startswith(first), kind)
+            heard, second = (array.array("h", part) for part in (heard[len(first):], second))
+            self.assertLess(error_of(heard[4096:], second[4096:]), 0.001, kind)
+        self.assertTrue(parts("{}.aac", "adts", "deep") == parts("{}.aac", "adts"))
+        parts("{}.aac", "adts", "deep")
+        self.assertEqual(self.news, ["failure=none", "error=it goes on in another format"])
 
     def test_what_ends_one(self):
         self.answers["0"] = self.segments()[0]
