@@ -2,25 +2,23 @@
 // Ogg through FFmpeg's libraries.
 //
 // Its demuxers and decoders are named: whatever the bytes say, nothing opens a further file or URL.
-extern "C" {
-#include <libavcodec/avcodec.h>
-#include <libavformat/avformat.h>
-}
-
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdlib>
-#include <cstring>
 #include <utility>
 
+#include "reader/ffmpeg/handles.h"
 #include "reader/ffmpeg/id3.h"
 #include "reader/ffmpeg/lengths.h"
+#include "reader/ffmpeg/samples.h"
 #include "reader/inside/sound/foreign_sound.h"
 
 namespace nuvio::reader {
 
 namespace {
+
+using namespace libav;
 
 constexpr char kDemuxers[] = "mov,caf,aac,mpegts,wv,dsf,iff,ogg";
 constexpr char kDecoders[] =
@@ -33,25 +31,6 @@ constexpr int kMaxChannels = 32;
 constexpr int kShallowBits = 16;
 // A decoder of overlapping frames is right from the second one on.
 constexpr int64_t kRunUpFrames = 8192;
-
-template <auto release>
-struct ReleasedByAddress {
-    template <typename Handle>
-    void operator()(Handle* handle) const {
-        release(&handle);
-    }
-};
-struct IoFreer {
-    void operator()(AVIOContext* io) const {
-        av_freep(static_cast<void*>(&io->buffer));
-        avio_context_free(&io);
-    }
-};
-using Io = std::unique_ptr<AVIOContext, IoFreer>;
-using Container = std::unique_ptr<AVFormatContext, ReleasedByAddress<avformat_close_input>>;
-using Decoder = std::unique_ptr<AVCodecContext, ReleasedByAddress<avcodec_free_context>>;
-using Packet = std::unique_ptr<AVPacket, ReleasedByAddress<av_packet_free>>;
-using Frame = std::unique_ptr<AVFrame, ReleasedByAddress<av_frame_free>>;
 
 // After AVERROR_EOF libavformat does not read again before it has sought; 0 is not allowed. What it
 // calls is C: neither of the two may throw.
@@ -102,43 +81,6 @@ std::string tag(const AVFormatContext& container, const AVStream& stream, const 
     }
     constexpr size_t kMaxTagBytes = 1024;
     return entry != nullptr ? std::string(entry->value).substr(0, kMaxTagBytes) : "";
-}
-
-template <int bits>
-int32_t to_integer(double sample) {
-    constexpr double kScale = int32_t{1} << (bits - 1);
-    return std::isnan(sample)
-               ? 0
-               : static_cast<int32_t>(std::lrint(std::clamp(sample * kScale, -kScale, kScale - 1)));
-}
-
-// One sample of a frame as it is delivered. `Out` is int16_t, or int32_t for 24 bits.
-template <typename Out>
-Out sample_of(const AVFrame& frame, int channel, int index, int channels) {
-    const auto format = static_cast<AVSampleFormat>(frame.format);
-    const bool is_planar = av_sample_fmt_is_planar(format) != 0;
-    const uint8_t* const plane = frame.extended_data[is_planar ? channel : 0];
-    const size_t at = static_cast<size_t>(is_planar ? index : index * channels + channel);
-    const auto load = [&](auto value) {
-        std::memcpy(&value, plane + at * sizeof value, sizeof value);
-        return value;
-    };
-    constexpr bool kIsDeep = sizeof(Out) == sizeof(int32_t);
-    constexpr int kBits = kIsDeep ? 24 : 16;
-    switch (av_get_packed_sample_fmt(format)) {
-        case AV_SAMPLE_FMT_U8:
-            return static_cast<Out>((load(uint8_t{}) - 128) * (1 << (kBits - 8)));
-        case AV_SAMPLE_FMT_S16:
-            return static_cast<Out>(load(int16_t{}) * (1 << (kBits - 16)));
-        case AV_SAMPLE_FMT_S32:
-            return static_cast<Out>(load(int32_t{}) >> (32 - kBits));
-        case AV_SAMPLE_FMT_FLT:
-            return static_cast<Out>(to_integer<kBits>(static_cast<double>(load(float{}))));
-        case AV_SAMPLE_FMT_DBL:
-            return static_cast<Out>(to_integer<kBits>(load(double{})));
-        default:
-            return 0;
-    }
 }
 
 class FfmpegSound : public ForeignSound {
