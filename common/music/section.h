@@ -44,10 +44,15 @@ namespace section {
 
 inline constexpr std::string_view kMark = "#t=";
 
+// string_view::find() would do, but for a compiler that takes the texts of constants for endless.
+inline size_t place_of(char c, std::string_view text) {
+    return static_cast<size_t>(std::find(text.begin(), text.end(), c) - text.begin());
+}
+
 // "12.5" are 12,500,000; six digits behind the point at most.
 inline std::optional<uint64_t> time_us(std::string_view seconds) {
     constexpr size_t kDigits = 6;
-    const size_t point = std::min(seconds.find('.'), seconds.size());
+    const size_t point = place_of('.', seconds);
     std::string decimals(seconds.substr(std::min(point + 1, seconds.size())));
     if (decimals.size() > kDigits) {
         return std::nullopt;
@@ -73,7 +78,7 @@ inline Section section_of(std::string_view url) {
         return {};
     }
     const std::string_view times = url.substr(mark + section::kMark.size());
-    const size_t comma = std::min(times.find(','), times.size());
+    const size_t comma = section::place_of(',', times);
     const auto begin = section::time_us(times.substr(0, comma));
     const auto end = comma == times.size() ? std::optional(Section::kToTheEnd)
                                            : section::time_us(times.substr(comma + 1));
