@@ -7,8 +7,7 @@
 // bit"), in UTF-8; empty: nothing, or nothing is heard. Any thread, one at a time; does not wait.
 extern "C" [[gnu::weak, gnu::visibility("default")]] void nuvio_note_sound(const char* changed);
 
-// Of the track of the session that is over: its title, and "verified" where the output took the
-// samples whose sum its file carries, all of them and no others, else why that is not known or not
-// so. Likewise.
+// Of the track that is over: its title, and "verified" where the output took the samples whose sum
+// its file carries, all of them and no others, else why that is not known or not so. Likewise.
 extern "C" [[gnu::weak, gnu::visibility("default")]] void nuvio_note_played(const char* title,
                                                                             const char* verified);

@@ -192,7 +192,7 @@ void Core::tell_platform() {
     tell_of_sound();
     const bool is_over =
         std::exchange(m_noted_played, m_published.played_count) != m_published.played_count;
-    const auto played = m_player.last_played();
+    const auto& played = m_player.last_played();
     if (nuvio_note_played != nullptr && is_over && played) {
         nuvio_note_played(played->title.c_str(), text_of(played->verdict));
     }

@@ -68,8 +68,9 @@ void RemoteReport::tell(Link& link, uint64_t connection, const PlaybackSettings&
         m_told->view.text_count != view.text_count) {
         link.put(connection, Link::Slot::track, track_text());
     }
-    const auto played = m_player.last_played();
-    if (played && (is_first || m_told->view.played_count != view.played_count)) {
+    const auto& played = m_player.last_played();
+    if (played && m_player.has_played_last() &&
+        (is_first || m_told->view.played_count != view.played_count)) {
         link.put(connection, Link::Slot::played,
                  write_played(played->place.track, text_of(played->verdict)));
     }

@@ -301,7 +301,7 @@ TEST_F(Output, LoudnessIsExactAndNeverAboveFullScale) {
         return (time < 1 || time > 1.1 ? 0.1 : 0.9) * sine(997, time);
     };
     const auto level_db = [](const std::vector<double>& heard, double from, double to) {
-        double power = 0;
+        double power = 1e-30;
         for (auto i = static_cast<size_t>(from * 96000); i < static_cast<size_t>(to * 96000); ++i) {
             power += heard[i] * heard[i] / ((to - from) * 96000);
         }

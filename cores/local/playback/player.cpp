@@ -375,11 +375,6 @@ std::optional<HeardTrack> Player::heard() const {
     return HeardTrack{current->place().track, &current->info(), &current->texts()};
 }
 
-std::optional<PlayedTrack> Player::last_played() const {
-    const auto& played = m_streams.last_played();
-    return played && m_course.is_in_session(played->place) ? played : std::nullopt;
-}
-
 std::optional<Course::Heard> Player::heard_on_the_way_back() const {
     if (!m_playback.is_active() || m_playback.replaces_streams()) {
         return std::nullopt;

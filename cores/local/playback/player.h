@@ -71,8 +71,11 @@ class Player {
     const Session* session() const { return m_course.session(); }
     // None while nothing of the session is heard.
     std::optional<HeardTrack> heard() const;
-    // The one of the session that was over last.
-    std::optional<PlayedTrack> last_played() const;
+    // The one that was over last; whether it is of the session that is joined.
+    const std::optional<PlayedTrack>& last_played() const { return m_streams.last_played(); }
+    bool has_played_last() const {
+        return last_played() && m_course.is_in_session(last_played()->place);
+    }
     // In the track that is heard; 0 without one. Calls a delegate.
     uint64_t position_ms() const;
     // The oldest that has not been taken.

@@ -97,7 +97,7 @@ std::string format_text(const nuv_audio_format& format) {
 std::string level_text(float gain_db) {
     char text[40] = "";
     if (gain_db != 0) {
-        std::snprintf(text, sizeof text, ", %.1f dB %s", std::abs(static_cast<double>(gain_db)),
+        std::snprintf(text, sizeof text, ", %.1f dB %s", std::fabs(static_cast<double>(gain_db)),
                       gain_db < 0 ? "quieter" : "louder");
     }
     return text;

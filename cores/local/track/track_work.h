@@ -143,7 +143,7 @@ class TrackWork {
     std::unique_ptr<TrackDecoder> m_decoder;
     TrackTexts m_texts;
     TrackCover m_cover;
-    std::optional<Verification> m_verification;  // the loop's once opening is over
+    std::unique_ptr<Verification> m_verification;  // the loop's once opening is over
 
     mutable std::mutex m_mutex;  // guards what follows
     std::condition_variable m_work;

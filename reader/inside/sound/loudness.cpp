@@ -114,7 +114,7 @@ float gain_db(Input& input, Loudness wanted) {
     try {
         gain = gain_in(input, wanted);
     } catch (const std::bad_alloc&) {
-        // Tags larger than that are no reason not to play.
+        gain = 0;  // tags larger than that are no reason not to play
     }
     input.seek(0);
     return gain;

@@ -64,7 +64,7 @@ std::unique_ptr<OutputSound> OutputSound::open(std::unique_ptr<Decoder> decoder,
 
 void OutputSound::convert(uint32_t rate_hz, bool to_deep, float gain_db) {
     const SoundInfo& inside = info_inside();
-    m_mixer.emplace(inside.channels);
+    m_mixer = std::make_unique<Mixer>(inside.channels);
     if (rate_hz != inside.rate_hz) {
         m_resampler = std::make_unique<Resampler>(inside.rate_hz, rate_hz, kOutputChannels);
         m_info.frames = m_resampler->frames_out_of(inside.frames);

@@ -48,7 +48,7 @@ class OutputSound {
 
   private:
     explicit OutputSound(std::unique_ptr<Decoder> decoder);
-    bool is_converted() const { return m_mixer.has_value(); }
+    bool is_converted() const { return m_mixer != nullptr; }
     void convert(uint32_t rate_hz, bool to_deep, float gain_db);
     // Frames that were put there, at most kFramesAtATime.
     size_t read_mixed(float* to, size_t frames);
@@ -56,7 +56,7 @@ class OutputSound {
 
     const std::unique_ptr<Decoder> m_decoder;
     SoundInfo m_info;
-    std::optional<Mixer> m_mixer;
+    std::unique_ptr<Mixer> m_mixer;          // null: nothing is converted
     std::unique_ptr<Resampler> m_resampler;  // null: the rate is its own
     std::optional<Leveler> m_leveler;        // none: the loudness is its own
     float m_gain_db = 0;
