@@ -114,6 +114,7 @@ struct Request {
     // Of a playlist.
     PlaylistFormat format = PlaylistFormat::none;
     uint32_t text_bytes = 0, max_tracks = 0;  // or segments
+    bool is_inside = false;                   // of a sheet: the file is a FLAC one that may have it
     // Of a sound that is opened.
     bool is_remote = false, is_radio = false;
     OutputFormats output{};

@@ -30,29 +30,31 @@ FolderSheets::FolderSheets(MusicReader& reader, std::vector<std::string> names, 
     }
 }
 
-// None: it is no good, which was told, unless *failure is set.
-std::optional<std::vector<SheetTrack>> FolderSheets::tracks_in(const std::string& name,
-                                                               std::optional<Failure>* failure) {
-    auto tracks = m_reader.sheet(m_open(name));
-    if (auto* const found = std::get_if<std::vector<SheetTrack>>(&tracks)) {
-        return std::move(*found);
+// What came of a sheet; one that is no good, which is told, has no tracks.
+std::vector<SheetTrack> FolderSheets::tracks_of(const std::string& name,
+                                                Outcome<std::vector<SheetTrack>> sheet,
+                                                std::optional<Failure>* failure) {
+    const auto* const failed = std::get_if<Failure>(&sheet);
+    if (failed == nullptr) {
+        return std::get<std::vector<SheetTrack>>(std::move(sheet));
     }
-    const auto& failed = std::get<Failure>(tracks);
-    if (failed.kind == Failure::Kind::file) {
-        m_refuse(name, failed.reason);
+    if (failed->kind == Failure::Kind::file) {
+        m_refuse(name, failed->reason);
     } else {
-        *failure = failed;
+        *failure = *failed;
     }
-    return std::nullopt;
+    return {};
 }
 
 std::optional<Failure> FolderSheets::read_sheets() {
     std::optional<Failure> failure;
     for (auto sheet = m_sheets.begin(); !m_is_read && !failure && sheet != m_sheets.end();
          ++sheet) {
-        if (auto tracks = tracks_in(*sheet, &failure)) {
-            take(*sheet, std::move(*tracks));
+        const UniqueFd file = m_open(*sheet);
+        if (!file) {
+            m_refuse(*sheet, "it can't be opened");
         }
+        take(*sheet, tracks_of(*sheet, m_reader.sheet(file), &failure));
     }
     m_is_read = !failure;
     return failure;
@@ -132,7 +134,7 @@ Outcome<FolderSheets::Parts> FolderSheets::parts_of(const std::string& name, boo
     if (const auto beside = m_parts.find(name); beside != m_parts.end()) {
         parts = beside->second;
     } else if (!failure && looks_inside && ends_with_ignoring_case(name, ".flac")) {
-        parts.tracks = tracks_in(name, &failure).value_or(std::vector<SheetTrack>());
+        parts.tracks = tracks_of(name, m_reader.sheet_inside(m_open(name)), &failure);
         parts.tracks.resize(fits(name, parts) ? parts.tracks.size() : 0);
     }
     if (failure) {

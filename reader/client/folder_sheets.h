@@ -39,15 +39,15 @@ class FolderSheets {
     Outcome<Parts> parts_of(const std::string& name, bool looks_inside = true);
     // The audio files that are there of those that a sheet names, in its order.
     Outcome<std::vector<std::string>> files_of(const std::string& sheet);
-    bool has_sheets() const { return !m_sheets.empty(); }
 
   private:
     std::optional<Failure> read_sheets();
     void take(const std::string& sheet, std::vector<SheetTrack> tracks);
     std::string file_named(const SheetTrack& track, const std::string& sheet, bool is_only) const;
     std::string file_of_stem(std::string_view stem) const;
-    std::optional<std::vector<SheetTrack>> tracks_in(const std::string& name,
-                                                     std::optional<Failure>* failure);
+    std::vector<SheetTrack> tracks_of(const std::string& name,
+                                      Outcome<std::vector<SheetTrack>> sheet,
+                                      std::optional<Failure>* failure);
     bool fits(const std::string& name, const Parts& parts);
 
     MusicReader& m_reader;

@@ -69,12 +69,17 @@ Outcome<Tags> MusicReader::tags(const UniqueFd& file) {
     return failure != nullptr ? Outcome<Tags>(*failure) : tags_in(std::get<Answer>(answer).tags);
 }
 
-Outcome<std::vector<SheetTrack>> MusicReader::sheet(const UniqueFd& file) {
-    const UniqueFd memory = file ? shared_memory(kSheetRecordBytes) : UniqueFd();
-    if (!memory) {
-        return Failure{file ? Failure::Kind::machine : Failure::Kind::file, std::strerror(errno)};
+Outcome<std::vector<SheetTrack>> MusicReader::ask_for_sheet(const UniqueFd& file, bool is_inside) {
+    if (!file) {
+        return std::vector<SheetTrack>();
     }
-    const Outcome<Answer> answer = m_questions.ask({Job::sheet}, file, memory);
+    const UniqueFd memory = shared_memory(kSheetRecordBytes);
+    if (!memory) {
+        return Failure{Failure::Kind::machine, std::strerror(errno)};
+    }
+    Request request{Job::sheet};
+    request.is_inside = is_inside;
+    const Outcome<Answer> answer = m_questions.ask(request, file, memory);
     if (const auto* const failure = std::get_if<Failure>(&answer)) {
         return *failure;
     }

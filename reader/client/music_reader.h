@@ -35,13 +35,20 @@ class MusicReader {
     // The tracks of a CUE sheet, or of the one inside a FLAC file, in their order; none: there is
     // none inside. Texts are one line of UTF-8 of at most 300 bytes, but for a file's name. A sheet
     // with a fault is a failure of the file that says it.
-    Outcome<std::vector<SheetTrack>> sheet(const UniqueFd& file);
+    Outcome<std::vector<SheetTrack>> sheet(const UniqueFd& file) {
+        return ask_for_sheet(file, false);
+    }
+    Outcome<std::vector<SheetTrack>> sheet_inside(const UniqueFd& file) {
+        return ask_for_sheet(file, true);
+    }
 
     // See Questions.
     void rest() { m_questions.rest(); }
     void interrupt() { m_questions.interrupt(); }
 
   private:
+    Outcome<std::vector<SheetTrack>> ask_for_sheet(const UniqueFd& file, bool is_inside);
+
     Questions m_questions{"nuvio-connect-reader"};
 };
 

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <memory>
 #include <string_view>
 
@@ -138,13 +137,6 @@ std::vector<SheetTrack> tracks_in(const FLAC__StreamMetadata_CueSheet& sheet, ui
 }
 
 }  // namespace
-
-bool is_flac(const UniqueFd& file) {
-    std::array<char, 4> head{};
-    const ssize_t got = pread(file.get(), head.data(), head.size(), 0);
-    const std::string_view text(head.data(), static_cast<size_t>(std::max<ssize_t>(got, 0)));
-    return text == "fLaC" || text.starts_with("ID3");
-}
 
 std::vector<SheetTrack> flac_sheet(const UniqueFd& file, std::string* fault) {
     const Blocks blocks = blocks_of(file);

@@ -12,11 +12,8 @@
 
 namespace nuvio::reader {
 
-// By its first bytes.
-bool is_flac(const UniqueFd& file);
-
 // Its tracks, without the name of a file; none where there is no sheet, or one with a fault, which
-// is said.
+// is said; the same of a file that is no FLAC.
 std::vector<SheetTrack> flac_sheet(const UniqueFd& file, std::string* fault);
 
 }  // namespace nuvio::reader

@@ -115,8 +115,8 @@ void work(Received& received, const Jobs& jobs, Parent& parent, Answer* answer) 
                 break;
             case Job::sheet:
                 answer->sheet = {};
-                jobs.sheet(received.file, Shared(received.memory, kSheetRecordBytes).bytes(),
-                           &answer->sheet);
+                jobs.sheet(received.file, request.is_inside,
+                           Shared(received.memory, kSheetRecordBytes).bytes(), &answer->sheet);
                 break;
             case Job::open_sound:
                 answer->sound = {};

@@ -43,7 +43,8 @@ struct Jobs {
     // `shared`: kPlaylistMemoryBytes.
     void (*playlist)(const Request& request, char* shared, PlaylistAnswer* answer) = nullptr;
     // `records`: kSheetRecordBytes of shared memory.
-    void (*sheet)(const UniqueFd& file, char* records, SheetAnswer* answer) = nullptr;
+    void (*sheet)(const UniqueFd& file, bool is_inside, char* records,
+                  SheetAnswer* answer) = nullptr;
     SoundJobs* sound = nullptr;
     // Before the walls, where the arguments ask for it.
     void (*load_module)() = nullptr;

@@ -235,14 +235,10 @@ static std::string text_in(const UniqueFd& file) {
     return text;
 }
 
-void read_sheet(const UniqueFd& file, char* shared, SheetAnswer* answer) {
+void read_sheet(const UniqueFd& file, bool is_inside, char* shared, SheetAnswer* answer) {
     std::string fault;
-    std::vector<SheetTrack> tracks;
-    if (is_flac(file)) {
-        tracks = flac_sheet(file, &fault);
-    } else {
-        tracks = parse_sheet(text_in(file), &fault);
-    }
+    const std::vector<SheetTrack> tracks =
+        is_inside ? flac_sheet(file, &fault) : parse_sheet(text_in(file), &fault);
     std::string records;
     for (const SheetTrack& track : tracks) {
         records += record_of(track);

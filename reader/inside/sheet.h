@@ -24,8 +24,8 @@ struct SheetPlace {
 };
 std::vector<Section> parts_of(const std::vector<SheetPlace>& places);
 
-// The job: `shared`, kSheetRecordBytes, is for the records. A FLAC file without a sheet has no
-// tracks.
-void read_sheet(const UniqueFd& file, char* shared, SheetAnswer* answer);
+// The job: `shared`, kSheetRecordBytes, is for the records. A FLAC file without a sheet inside has
+// no tracks.
+void read_sheet(const UniqueFd& file, bool is_inside, char* shared, SheetAnswer* answer);
 
 }  // namespace nuvio::reader

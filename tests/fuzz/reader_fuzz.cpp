@@ -251,9 +251,9 @@ void scale_picture_of(const UniqueFd& file, uint32_t edge) {
 }
 
 // The tracks of one file are the whole of it.
-void read_sheet_of(const UniqueFd& file) {
+void read_sheet_of(const UniqueFd& file, bool is_inside) {
     SheetAnswer answer{};
-    read_sheet(file, shared_memory(), &answer);
+    read_sheet(file, is_inside, shared_memory(), &answer);
     FUZZ_EXPECT(answer.error[0] == '\0' || answer.bytes == 0);
     std::string_view records(shared_memory(), answer.bytes);
     size_t count = 0;
@@ -309,7 +309,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     try {
         read_tags_of(file);
         read_picture_of(file);
-        read_sheet_of(file);
+        read_sheet_of(file, true);
+        read_sheet_of(file, false);
         scale_picture_of(file, edge);
         play(UniqueFd(dup(file.get())), places);
     } catch (const std::bad_alloc&) {  // too big for a reader
