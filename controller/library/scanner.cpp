@@ -1,6 +1,5 @@
 #include "controller/library/scanner.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -15,9 +14,7 @@
 #include <ctime>
 #include <utility>
 
-#include "common/fnv1a.h"
 #include "common/music/names.h"
-#include "common/released_by.h"
 #include "controller/base/log.h"
 
 namespace nuvio::controller {
@@ -42,28 +39,7 @@ std::string_view last_name(std::string_view path) {
     return path.substr(path.rfind('/') + 1);
 }
 
-int64_t nanoseconds(const timespec& time) {
-    return int64_t{time.tv_sec} * 1'000'000'000 + time.tv_nsec;
-}
-
 }  // namespace
-
-struct Scanner::Listing {
-    int64_t device = 0;  // the file system that the folder is on
-    std::map<std::string, Catalogue::KnownFile> files;
-    std::map<std::string, Catalogue::KnownFile> sheets;
-    std::set<std::string> folders;
-
-    // Another number for other sheets: any of them may name any file.
-    int64_t state_of_sheets() const {
-        uint64_t state = sheets.empty() ? 0 : kFnv1aStart;
-        for (const auto& [name, sheet] : sheets) {
-            state = fnv1a(fnv1a(state, name), std::to_string(sheet.size) + "/" +
-                                                  std::to_string(sheet.modified_ns) + "/");
-        }
-        return static_cast<int64_t>(state);
-    }
-};
 
 Scanner::Scanner(const MusicFolders& folders, const std::string& catalogue_path, LibraryView& view,
                  std::function<void()> on_change)
@@ -239,38 +215,7 @@ bool Scanner::list(const std::string& root, const std::string& below, int64_t id
         return false;
     }
     watch(id, fd.get());
-    const std::unique_ptr<DIR, ReleasedBy<closedir>> folder(fdopendir(fd.get()));
-    if (folder == nullptr) {
-        return false;
-    }
-    const int folder_fd = fd.release();  // the DIR's now
-    struct stat own {};
-    if (fstat(folder_fd, &own) != 0) {
-        return false;
-    }
-    listing->device = static_cast<int64_t>(own.st_dev);
-    errno = 0;
-    while (const dirent* entry = readdir(folder.get())) {
-        const std::string name = entry->d_name;
-        struct stat status {};
-        if (name.starts_with('.') ||
-            fstatat(folder_fd, name.c_str(), &status, AT_SYMLINK_NOFOLLOW) != 0) {
-            continue;
-        }
-        if (S_ISDIR(status.st_mode)) {
-            listing->folders.insert(name);
-        } else if (S_ISREG(status.st_mode) && audio_kind_of(name) != nullptr) {
-            listing->files[name] = {status.st_size, nanoseconds(status.st_mtim)};
-        } else if (S_ISREG(status.st_mode) && is_sheet_name(name)) {
-            listing->sheets[name] = {status.st_size, nanoseconds(status.st_mtim)};
-        }
-        errno = 0;
-    }
-    const bool is_whole = errno == 0;
-    for (auto& [name, file] : listing->files) {
-        file.sheets = listing->state_of_sheets();
-    }
-    return is_whole;
+    return read_listing(std::move(fd), listing);
 }
 
 // What is not away is noted. A disk's number may be another one at each mount, so what has

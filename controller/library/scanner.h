@@ -30,6 +30,7 @@
 #include "common/unique_fd.h"
 #include "controller/library/catalogue.h"
 #include "controller/library/library_view.h"
+#include "controller/library/listing.h"
 #include "controller/library/mounts.h"
 #include "controller/library/music_folders.h"
 #include "reader/client/music_reader.h"
@@ -62,8 +63,6 @@ class Scanner {
     ScanProgress progress() const;
 
   private:
-    struct Listing;
-
     void run();
     void wait_and_follow();
     void open_catalogue();
