@@ -258,7 +258,8 @@ void read_sheet_of(const UniqueFd& file, bool is_inside) {
     std::string_view records(shared_memory(), answer.bytes);
     size_t count = 0;
     for (auto track = take_sheet_track(&records); track; track = take_sheet_track(&records)) {
-        FUZZ_EXPECT(++count <= kMaxSheetTracks && track->section.begin_us < track->section.end_us);
+        ++count;
+        FUZZ_EXPECT(count <= kMaxSheetTracks && track->section.begin_us < track->section.end_us);
         FUZZ_EXPECT(is_utf8(track->title) && track->title.size() <= kMaxText);
     }
     FUZZ_EXPECT(records.empty());
