@@ -74,7 +74,8 @@ class Player {
     // The one that was over last; whether it is of the session that is joined.
     const std::optional<PlayedTrack>& last_played() const { return m_streams.last_played(); }
     bool has_played_last() const {
-        return last_played() && m_course.is_in_session(last_played()->place);
+        const auto& played = last_played();
+        return played && m_course.is_in_session(played->place);
     }
     // In the track that is heard; 0 without one. Calls a delegate.
     uint64_t position_ms() const;
