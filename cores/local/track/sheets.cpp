@@ -1,6 +1,5 @@
 #include "local/track/sheets.h"
 
-#include <algorithm>
 #include <filesystem>
 #include <system_error>
 #include <utility>
@@ -116,15 +115,24 @@ reader::FolderSheets::Parts Sheets::parts_of(const std::string& path) {
     return std::get<reader::FolderSheets::Parts>(std::move(parts));
 }
 
+std::vector<Track> Sheets::tracks_of(Track file) {
+    const auto parts = m_has_failed ? reader::FolderSheets::Parts{} : parts_of(file.location);
+    std::vector<Track> tracks;
+    tracks.reserve(parts.tracks.size());
+    for (const reader::SheetTrack& part : parts.tracks) {
+        tracks.push_back(track_of(file.location, part));
+    }
+    if (tracks.empty()) {
+        tracks.push_back(std::move(file));
+    }
+    return tracks;
+}
+
 std::vector<Track> Sheets::applied_to(std::vector<Track> files) {
     std::vector<Track> tracks;
     size_t text_bytes = 0;
     for (Track& file : files) {
-        const auto parts = m_has_failed ? reader::FolderSheets::Parts{} : parts_of(file.location);
-        const size_t count = std::max<size_t>(parts.tracks.size(), 1);
-        for (size_t i = 0; i < count; ++i) {
-            Track track =
-                parts.tracks.empty() ? std::move(file) : track_of(file.location, parts.tracks[i]);
+        for (Track& track : tracks_of(std::move(file))) {
             text_bytes += track.location.size() + track.title.size() + track.artist.size() +
                           track.album.size();
             if (text_bytes > ContentLimits::kTextBytes || tracks.size() == ContentLimits::kTracks) {

@@ -29,6 +29,7 @@ class Sheets {
   private:
     void enter(const std::string& folder, const std::string& only_sheet);
     nuvio::reader::FolderSheets::Parts parts_of(const std::string& path);
+    std::vector<Track> tracks_of(Track file);
     void fail(const std::string& what, const nuvio::reader::Failure& failure);
 
     Interruption& m_interruption;
