@@ -113,6 +113,7 @@ std::vector<SheetTrack> tracks_in(const FLAC__StreamMetadata_CueSheet& sheet, ui
                                   std::string* fault) {
     const size_t count = sheet.num_tracks > 0 ? sheet.num_tracks - 1 : 0;
     std::vector<SheetPlace> places;
+    places.reserve(count);
     for (size_t i = 0; i < count; ++i) {
         places.push_back({time_us_of(begin_of(sheet.tracks[i]), rate_hz), 0});
     }

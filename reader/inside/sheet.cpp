@@ -130,13 +130,12 @@ class SheetParser {
         if (m_entries.empty() || m_files == 0) {
             return fail("a place of no track, or in no file");
         }
-        const auto before = std::ranges::find_if(m_entries.rbegin(), m_entries.rend(),
-                                                 [](const Entry& entry) { return !!entry.place; });
         const SheetPlace place{*begin_us, m_files - 1};
-        if (before != m_entries.rend() && before->place->file == place.file &&
-            before->place->begin_us >= place.begin_us) {
+        if (m_last_place && m_last_place->file == place.file &&
+            m_last_place->begin_us >= place.begin_us) {
             return fail("a track that does not begin behind the one before it");
         }
+        m_last_place = place;
         m_entries.back().place = place;
         m_entries.back().track.file = m_file;
     }
@@ -190,6 +189,7 @@ class SheetParser {
     std::string m_file;
     size_t m_files = 0;
     std::vector<Entry> m_entries;
+    std::optional<SheetPlace> m_last_place;
     std::vector<SheetTrack> m_found;
     std::string m_fault;
 };

@@ -50,6 +50,7 @@ TEST(Sheet, EachTrackEndsWhereTheNextOneOfItsFileBegins) {
 TEST(Sheet, OneWithAFaultIsNoneAndSaysWhere) {
     const std::string file = "FILE a WAVE\n";
     const std::string track = "TRACK 01 AUDIO\nINDEX 01 00:01:00\n";
+    const std::string twice = track + track;
     std::string many = file;
     for (int n = 0; n < 100; ++n) {
         many += "TRACK 01 AUDIO\nINDEX 01 " + std::to_string(n) + ":00:00\n";
@@ -61,7 +62,7 @@ TEST(Sheet, OneWithAFaultIsNoneAndSaysWhere) {
           {track, "line 2: a place of no track, or in no file"},
           {file + "INDEX 01 00:00:00", "line 2: a place of no track"},
           {file + track + "TRACK 02 AUDIO\nTITLE x", "without a place"},
-          {file + track + track, "line 5: a track that does not begin"},
+          {file + twice, "line 5: a track that does not begin"},
           {file + "TRACK 01 AUDIO\nINDEX 01 00:60:00", "line 3: no time"},
           {file + "TRACK 01 AUDIO\nINDEX 01 00:00:75", "line 3: no time"},
           {file + "TRACK 01 AUDIO\nINDEX 01 -1:00:00", "line 3: no time"},
@@ -88,9 +89,10 @@ TEST(Sheet, AFileIsFoundByWhatItIsCalledNowadays) {
                                       "TRACK 1 AUDIO\nINDEX 01 00:00:00\n"
                                       "TRACK 2 AUDIO\nINDEX 01 00:00:60\n");
         std::string told;
-        FolderSheets sheets(
-            reader, {"B.wav", "a.wav", "other.FLAC", "sheet.flac", "sheet.cue"}, open_file,
-            [&](const std::string& name, const std::string& why) { told += name + ": " + why; });
+        FolderSheets sheets(reader, {"B.wav", "a.wav", "other.FLAC", "sheet.flac", "sheet.cue"},
+                            open_file, [&](const std::string& name, const std::string& why) {
+                                told.append(name).append(": ").append(why);
+                            });
         const auto files = sheets.files_of("sheet.cue");
         EXPECT_THAT(std::get<std::vector<std::string>>(files), ElementsAre(file)) << line;
         const auto parts = std::get<FolderSheets::Parts>(sheets.parts_of(file));
