@@ -102,7 +102,7 @@ void set_sound_note(const std::string& changed) {
     sound_note = to_utf8(changed);
 }
 
-void set_played_note(PlayedNote played) {
+void set_played_note(const PlayedNote& played) {
     const std::lock_guard lock(sound_note_mutex);
     played_note = {to_utf8(played.title), to_utf8(played.verified)};
 }

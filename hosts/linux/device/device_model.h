@@ -71,7 +71,7 @@ void set_service_report(ServiceReport report);
 
 // What the core says of the sound that is heard (common/sound_note.h); empty at first.
 void set_sound_note(const std::string& changed);
-void set_played_note(PlayedNote played);
+void set_played_note(const PlayedNote& played);
 
 class DeviceModel {
   public:
