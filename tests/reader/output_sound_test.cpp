@@ -63,15 +63,16 @@ class Output : public testing::Test {
     static std::vector<double> rest_of(Sound& sound) {
         std::vector<double> heard;
         std::vector<int32_t> block(5000);
+        const bool is_deep = sound.info().is_deep;
         for (size_t capacity = 4 * block.size(); capacity > 0;) {
             const size_t bytes = sound.read(block.data(), capacity);
             for (size_t at = 0; at < bytes;) {
                 int32_t deep = 0;
                 int16_t narrow = 0;
-                std::memcpy(&deep, reinterpret_cast<char*>(block.data()) + at, 4);
-                std::memcpy(&narrow, reinterpret_cast<char*>(block.data()) + at, 2);
-                heard.push_back(sound.info().is_deep ? deep / 8388608.0 : narrow / 32768.0);
-                at += sound.info().is_deep ? 4 : 2;
+                const char* const from = reinterpret_cast<char*>(block.data()) + at;
+                std::memcpy(is_deep ? static_cast<void*>(&deep) : &narrow, from, is_deep ? 4 : 2);
+                heard.push_back(is_deep ? deep / 8388608.0 : narrow / 32768.0);
+                at += is_deep ? 4 : 2;
             }
             capacity = bytes == 0 ? 0 : std::max<size_t>(24, capacity * 7 / 11);
         }

@@ -28,7 +28,8 @@ void add_track(cJSON* status, const NowPlayingView& playing) {
 }
 
 void add_played(cJSON* status, const std::optional<PlayedNote>& played) {
-    if (cJSON* const object = add_object_if(played.has_value(), status, "last_played")) {
+    cJSON* const object = add_object_if(played.has_value(), status, "last_played");
+    if (object != nullptr && played) {
         add(object, "title", played->title);
         add(object, "verified", played->verified);
     }
