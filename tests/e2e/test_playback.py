@@ -139,15 +139,19 @@ class Sheets(Player):
                         f"{server.url}/music/list.m3u"]:
             self.assertTrue(self.heard(content) == (inside if "inside" in str(content) else source),
                             content)
-        # The third one, by the sheet's own name, from its middle on.
+        # The third one, by the sheet's own name, from its middle on; each plays until the next is asked for.
+        self.player("loop", "Track")
         self.play(self.music / "album.cue")
         for title in "Träck 2", "Träck 3":
             self.player("next")
             wait_for(title, lambda title=title: self.player("metadata", "title") == title)
         self.assertEqual(self.player("metadata", "artist"), "Band")
         self.assertEqual(self.player("metadata", "mpris:length"), "1320000")
+        self.pause()
+        self.player("loop", "None")
         ends = self.log_count("Nothing else to play")
         self.player("position", "0.75")
+        self.resume()
         self.wait_for_log("Nothing else to play", ends + 1)
         wait_for("end of the recordings", lambda: not self.open_recordings())
         place = self.BEGINS[2] * 588 + CD * 3 // 4

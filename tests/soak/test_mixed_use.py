@@ -102,7 +102,7 @@ class MixedUse(house.HouseTest):
             room.guests.remove(rng)
 
     def content(self, rng):
-        path = rng.choice(["0/0.flac", "1/1.flac", "2/0.flac"])
+        path = rng.choice(["0/0.flac", "1/0.flac", "2/1.flac"])
         return rng.choice([self.music / path, self.music, *(f"{url}/{path}" for url in self.honest),
                            *[f"{self.lying.url}{rng.randrange(10**6)}.{kind}" for kind in ("flac", "m3u")] * 2])
 
@@ -245,7 +245,7 @@ class MixedUse(house.HouseTest):
         for text in set((room.folder / "card/recordings").glob("*.txt")) - set(room.open_recordings()):
             text.unlink()
             text.with_suffix(".raw").unlink()
-        album, track = rng.randrange(len(house.ALBUMS)), rng.randrange(2)
+        album, track = rng.choice([0, 2]), rng.randrange(2)  # the one between them is a single file
         for patience in (15, 15, PATIENCE):  # on a busy machine that key may come later still
             wait_for("a session", lambda: room.connect(f"{self.honest[0]}/{album}/{track}.flac") == 200)
             with contextlib.suppress(AssertionError if patience < PATIENCE else ()):
