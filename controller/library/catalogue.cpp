@@ -12,8 +12,8 @@ namespace {
 constexpr int64_t kVersion = 5;
 
 // An album is what has one title and one album artist, or, where no album artist is said, one title
-// in one folder. `artist` null: several. A file is its part 0, or parts from 1 on, in microseconds;
-// an end of -1 is the file's.
+// in one folder. `artist` null: several. A row is a whole file (`part` 0) or one of its
+// tracks by a sheet (from 1 on), in microseconds; an end of -1 is the file's.
 constexpr char kSchema[] = R"(
 BEGIN;
 CREATE TABLE folders(id INTEGER PRIMARY KEY AUTOINCREMENT, root TEXT NOT NULL, below TEXT NOT NULL,
