@@ -8,7 +8,7 @@
 #include <climits>
 #include <cmath>
 #include <cstdlib>
-#include <new>
+#include <exception>
 #include <optional>
 #include <string>
 
@@ -113,8 +113,8 @@ float gain_db(Input& input, Loudness wanted) {
     float gain = 0;
     try {
         gain = gain_in(input, wanted);
-    } catch (const std::bad_alloc&) {
-        gain = 0;  // tags larger than that are no reason not to play
+    } catch (const std::exception&) {
+        gain = 0;  // tags too large, or beyond TagLib, are no reason not to play
     }
     input.seek(0);
     return gain;
