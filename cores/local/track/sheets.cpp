@@ -68,8 +68,9 @@ void Sheets::enter(const std::string& folder, const std::string& only_sheet) {
             return open_regular_file(fs::path(folder) / name, &error);
         },
         [folder, this](const std::string& name, const std::string& why) {
-            m_logger.write(LogLevel::warning, kContentFetcher, "%s/%s: not taken apart: %s",
-                           folder.c_str(), name.c_str(), display_text(why).c_str());
+            m_logger.write(LogLevel::warning, kContentFetcher, "%s: not taken apart: %s",
+                           display_location((fs::path(folder) / name).native()).c_str(),
+                           display_text(why).c_str());
         });
 }
 
@@ -77,7 +78,7 @@ void Sheets::fail(const std::string& what, const reader::Failure& failure) {
     m_has_failed = true;
     if (!m_interruption.is_interrupted()) {
         m_logger.write(LogLevel::warning, kContentFetcher, "%s: sheets can't be read: %s",
-                       what.c_str(), failure.reason.c_str());
+                       display_location(what).c_str(), failure.reason.c_str());
     }
 }
 
@@ -105,7 +106,8 @@ reader::FolderSheets::Parts Sheets::parts_of(const std::string& path) {
     const bool looks_inside = is_flac && m_looked_into < ContentLimits::kLookedInto;
     if (is_flac && ++m_looked_into == ContentLimits::kLookedInto + 1) {
         m_logger.write(LogLevel::info, kContentFetcher,
-                       "%s: from here on no FLAC file is looked into for a sheet", path.c_str());
+                       "%s: from here on no FLAC file is looked into for a sheet",
+                       display_location(path).c_str());
     }
     auto parts = m_sheets->parts_of(file.filename(), looks_inside);
     if (const auto* const failure = std::get_if<reader::Failure>(&parts)) {
@@ -138,7 +140,7 @@ std::vector<Track> Sheets::applied_to(std::vector<Track> files) {
             if (text_bytes > ContentLimits::kTextBytes || tracks.size() == ContentLimits::kTracks) {
                 m_logger.write(LogLevel::warning, kContentFetcher,
                                "%s: too large, only the first %zu tracks are played",
-                               track.location.c_str(), tracks.size());
+                               display_location(track.location).c_str(), tracks.size());
                 return tracks;
             }
             tracks.push_back(std::move(track));
