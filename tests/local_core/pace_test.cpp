@@ -17,10 +17,16 @@ class PaceTest : public testing::Test {
     // From there to the next offer, in ms.
     int64_t wait(int64_t from_ms) {
         int64_t ms = 0;
-        while (!pace.is_offer_due(at(from_ms + ms))) {
+        while (!pace.due(at(from_ms + ms)).offer) {
             ++ms;
         }
         return ms;
+    }
+
+    // Told after what is due then.
+    std::optional<Pace::Time> next(int64_t ms) {
+        pace.due(at(ms));
+        return pace.next();
     }
 
     Pace pace;
@@ -50,15 +56,15 @@ TEST_F(PaceTest, AnOutputOnAFasterClockIsFilledSoonerAndWhatItCannotHavePlayedIs
 }
 
 TEST_F(PaceTest, LooksComeSoonThenOnceASecondAndNotAtTheVeryEnd) {
-    EXPECT_EQ(pace.next_after(at(0)), at(50));
-    EXPECT_TRUE(pace.is_look_due(at(5000)));
+    EXPECT_EQ(next(0), at(50));
+    EXPECT_TRUE(pace.due(at(5000)).look);
     pace.looked(5000, 3000, at(5000));
-    EXPECT_EQ(pace.next_after(at(5000)), at(6000));
+    EXPECT_EQ(next(5000), at(6000));
     pace.go_on(at(5000));
     pace.looked(0, {}, at(5000));
-    EXPECT_EQ(pace.next_after(at(5000)), at(5020)) << "the place was not known yet";
+    EXPECT_EQ(next(5000), at(5020)) << "the place was not known yet";
     pace.looked(7000, 1000, at(5000));
-    EXPECT_EQ(pace.next_after(at(5000)), std::nullopt);
+    EXPECT_EQ(next(5000), std::nullopt);
 }
 
 }  // namespace

@@ -9,11 +9,11 @@ Delivery::Delivery(StreamQueue& streams, std::function<bool()> is_heard)
     : m_streams(streams), m_is_heard(std::move(is_heard)) {}
 
 bool Delivery::follow() {
-    const Pace::Time now = Pace::Clock::now();
-    if (m_pace.is_look_due(now)) {
+    const Pace::Due due = m_pace.due(Pace::Clock::now());
+    if (due.look) {
         ask_place();
     }
-    return m_pace.is_offer_due(now);
+    return due.offer;
 }
 
 // In a hand-over the renderer's answer is too small by the next stream's share: it is not asked,
@@ -72,7 +72,7 @@ void Delivery::follow_full_output() {
 }
 
 std::optional<Pace::Time> Delivery::next_time() const {
-    return m_is_heard() ? m_pace.next_after(Pace::Clock::now()) : std::nullopt;
+    return m_is_heard() ? m_pace.next() : std::nullopt;
 }
 
 }  // namespace local_core

@@ -64,6 +64,21 @@ void Pace::fill(uint64_t delivered_ms, uint64_t heard_ms, Time now) {
     }
 }
 
+Pace::Due Pace::due(Time now) {
+    m_told_at = now;
+    return {now >= m_offer_at, now >= m_look_at};
+}
+
+std::optional<Pace::Time> Pace::next() const {
+    Time next = Time::max();
+    for (const Time time : {m_offer_at, m_look_at}) {
+        if (time > m_told_at) {
+            next = std::min(next, time);
+        }
+    }
+    return next == Time::max() ? std::nullopt : std::optional(next);
+}
+
 void Pace::looked(uint64_t heard_ms, std::optional<uint64_t> left_ms, Time now) {
     m_began_ms = m_began_ms.value_or(heard_ms);
     if (left_ms && static_cast<double>(*left_ms) < kNoMoreLooksMs * m_rate) {
@@ -87,16 +102,6 @@ uint64_t Pace::plausible(uint64_t heard_ms, Time now) const {
 
 void Pace::wait_for_answer(Time now) {
     m_offer_at = now + kRetry;
-}
-
-std::optional<Pace::Time> Pace::next_after(Time now) const {
-    Time next = Time::max();
-    for (const Time time : {m_offer_at, m_look_at}) {
-        if (time > now) {
-            next = std::min(next, time);
-        }
-    }
-    return next == Time::max() ? std::nullopt : std::optional(next);
 }
 
 }  // namespace local_core

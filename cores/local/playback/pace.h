@@ -32,9 +32,14 @@ class Pace {
     void fill(uint64_t delivered_ms, uint64_t heard_ms, Time now);
     // Worth a call of `fill`: the output is not known to hold too little for that.
     bool may_hold() const { return !m_is_short; }
-    bool is_offer_due(Time now) const { return now >= m_offer_at; }
 
-    bool is_look_due(Time now) const { return now >= m_look_at; }
+    struct Due {
+        bool offer, look;
+    };
+    Due due(Time now);
+    // The first that `due` did not tell of, which may have come since.
+    std::optional<Time> next() const;
+
     // After a look, also one for `fill`; with what is left of a track that was delivered wholly.
     void looked(uint64_t heard_ms, std::optional<uint64_t> left_ms, Time now);
 
@@ -44,9 +49,6 @@ class Pace {
     // Data, or its end, had better wait for a better answer.
     void wait_for_answer(Time now);
 
-    // The first of them that is yet to come.
-    std::optional<Time> next_after(Time now) const;
-
   private:
     struct Filled {
         uint64_t heard_ms;
@@ -55,6 +57,7 @@ class Pace {
 
     Time m_offer_at;
     Time m_look_at = Time::max();
+    Time m_told_at;  // of what is due
     Time m_began_at;
     Time m_track_began_at;  // the same, or later: this track's beginning
     std::optional<uint64_t> m_began_ms;
