@@ -19,13 +19,13 @@
 namespace simcard {
 
 inline constexpr std::uint32_t kStateMagic = 0x4e53494d;
-inline constexpr std::uint32_t kStateVersion = 2;
+inline constexpr std::uint32_t kStateVersion = 3;
 inline constexpr unsigned kMaximumFormats = 8;
 inline constexpr unsigned kMaximumRates = 32;
 inline constexpr unsigned kElementChannels = 2;
 inline constexpr unsigned kElementNameSize = 32;
-// The clock's speed is kept in millionths.
-inline constexpr double kSpeedUnit = 1e6;
+// The clock's speed is kept in billionths.
+inline constexpr double kSpeedUnit = 1e9;
 
 template <typename T>
 using Shared = std::atomic<T>;

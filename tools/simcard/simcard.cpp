@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cmath>
 #include <cstdlib>
 #include <fstream>
 #include <map>
@@ -61,7 +62,7 @@ void check(const Settings& settings) {
 
 std::uint64_t shared_speed(double speed) {
     check(speed >= 0 && speed <= kFastestSpeed, "speed must be 0 to 1000000");
-    return static_cast<std::uint64_t>(speed * kSpeedUnit);
+    return static_cast<std::uint64_t>(std::llround(speed * kSpeedUnit));
 }
 
 void fill_fixed(FixedState& fixed, const Settings& settings) {
