@@ -36,6 +36,7 @@ class Pace {
     struct Due {
         bool offer, look;
     };
+    // What has come by `now`, to be seen to in this pass of the loop.
     Due due(Time now);
     // The first that `due` did not tell of, which may have come since.
     std::optional<Time> next() const;
