@@ -68,7 +68,7 @@ def show_failure_of(test, *logs):
     result = test._outcome and test._outcome.result
     if result and any(each is test for each, _ in [*result.failures, *result.errors]):
         for log in filter(pathlib.Path.exists, logs):
-            print(log, *log.read_text(errors="replace").splitlines()[-60:], sep="\n")
+            print(log, *log.read_text(errors="replace").splitlines()[-150:], sep="\n")
 
 
 def memory_of(process, field="VmRSS"):
