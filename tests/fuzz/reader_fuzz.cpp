@@ -1,5 +1,6 @@
 // A file in each job of the readers, in this process and without the walls: a fault is found here
 // that costs its file behind them.
+#include <FLAC/stream_encoder.h>
 #include <attachedpictureframe.h>
 #include <flacfile.h>
 #include <id3v2tag.h>
@@ -151,6 +152,28 @@ std::string flac_with_sheet_block() {
     return file.insert(4 + 4 + 34, head + block);
 }
 
+// Of 32 bits, which libsndfile neither writes nor reads.
+std::string deep_flac() {
+    const auto append = [](const FLAC__StreamEncoder*, const FLAC__byte* bytes, size_t count,
+                           uint32_t, uint32_t, void* file) {
+        static_cast<std::string*>(file)->append(reinterpret_cast<const char*>(bytes), count);
+        return FLAC__STREAM_ENCODER_WRITE_STATUS_OK;
+    };
+    std::vector<FLAC__int32> samples(size_t{2} * 8000);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        samples[i] = static_cast<FLAC__int32>(i * i * i);
+    }
+    std::string file;
+    FLAC__StreamEncoder* const encoder = FLAC__stream_encoder_new();
+    FLAC__stream_encoder_set_bits_per_sample(encoder, 32);
+    FUZZ_EXPECT(FLAC__stream_encoder_init_stream(encoder, append, nullptr, nullptr, nullptr,
+                                                 &file) == FLAC__STREAM_ENCODER_INIT_STATUS_OK);
+    FLAC__stream_encoder_process_interleaved(encoder, samples.data(), 8000);
+    FLAC__stream_encoder_finish(encoder);
+    FLAC__stream_encoder_delete(encoder);
+    return file;
+}
+
 std::string atom(std::string_view name, const std::string& inside) {
     const size_t size = inside.size() + 8;
     return {std::string{static_cast<char>(size >> 24U), static_cast<char>(size >> 16U),
@@ -180,6 +203,7 @@ const std::vector<std::string>& files() {
                                        flac_with_sheet_block(),
                                        ""};
         found.insert(found.end(), small_sounds().begin(), small_sounds().end());
+        found.push_back(deep_flac());
         return found;
     }());
     return *all;

@@ -12,6 +12,7 @@
 
 #include "common/utf8.h"
 #include "reader/inside/sound/channel_order.h"
+#include "reader/inside/sound/flac_sound.h"
 #include "reader/inside/sound/heads.h"
 #include "reader/inside/sound/mpeg_shortcut.h"
 #include "reader/inside/sound/ogg_chain.h"
@@ -22,6 +23,8 @@ namespace nuvio::reader {
 namespace {
 
 static_assert(std::endian::native == std::endian::little, "PCM is delivered little-endian");
+
+constexpr uint32_t kMostBits = 24;  // of FLAC, that libsndfile reads
 
 std::string tag(SNDFILE* file, int which) {
     const char* text = sf_get_string(file, which);
@@ -49,7 +52,7 @@ SoundInfo describe(const ForeignInfo& foreign) {
             foreign.is_deep,
             !foreign.frames,
             foreign.frames.value_or(0),
-            false,
+            foreign.is_guess,
             foreign.seekable && foreign.frames,
             foreign.title,
             foreign.artist,
@@ -195,9 +198,11 @@ bool Decoder::is_deep(Conversion conversion) {
 
 std::unique_ptr<Decoder> Decoder::open(Input& input, std::string* error) {
     std::unique_ptr<Decoder> decoder(new Decoder(input));
-    const SampleSum sum = input.is_radio() ? SampleSum{} : flac_sum(input);
-    if (is_foreign_reader()) {
-        decoder->m_foreign = open_foreign_sound(input, error);
+    const FlacHead head = input.is_radio() ? FlacHead{} : flac_head(input);
+    const SampleSum& sum = head.sum;
+    if (is_foreign_reader() || head.bits > kMostBits) {
+        decoder->m_foreign =
+            is_foreign_reader() ? open_foreign_sound(input, error) : open_flac_sound(input, error);
         if (!decoder->m_foreign) {
             return nullptr;
         }

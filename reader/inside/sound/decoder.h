@@ -47,7 +47,7 @@ struct SoundInfo {
 class Decoder {
   public:
     // Null, with *error set, when it can't be read: by the module in a process that was told to
-    // load it, by libsndfile in every other one. The input must outlive the decoder.
+    // load it, by libsndfile or libFLAC in every other one. The input must outlive the decoder.
     static std::unique_ptr<Decoder> open(Input& input, std::string* error);
     ~Decoder();
     Decoder(const Decoder&) = delete;

@@ -1,4 +1,4 @@
-// Sound that libsndfile can't read, decoded by a module.
+// Sound that libsndfile can't read, decoded by another library, most by that of a module.
 //
 // A decoder is used by one thread at a time; every call may block on its input.
 #pragma once
@@ -18,6 +18,7 @@ struct ForeignInfo {
     uint32_t channels = 0;
     bool is_deep = false;            // 24 bits sign-extended in 4 bytes, else 16 bits
     std::optional<uint64_t> frames;  // none: unknown or endless
+    bool is_guess = false;           // of `frames`: there may be fewer, or more
     bool seekable = false;
     std::string title;
     std::string artist;

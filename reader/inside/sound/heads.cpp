@@ -94,30 +94,29 @@ std::optional<uint64_t> flac_frames(Input& input) {
 
 // Its first block's head stands behind the word, then come two sizes each of a block and its bytes,
 // 20 bits of rate, 3 of channels, 5 of a sample's bits, 36 of frames and the sum.
-SampleSum flac_sum(Input& input) {
+FlacHead flac_head(Input& input) {
     constexpr std::string_view kWord = "fLaC";
     constexpr size_t kInOgg = 37;  // of a first page with a packet of FLAC's
     constexpr size_t kBits = 20, kFrames = 21, kSum = 26;
-    const std::string head = bytes_at(input, 0, kHeadBytes);
+    const std::string bytes = bytes_at(input, 0, kHeadBytes);
     input.seek(0);
-    const size_t begin = head.starts_with("OggS") ? kInOgg : 0;
-    SampleSum sum{};
-    if (head.size() < begin + kSum + SampleSum::kBytes ||
-        head.compare(begin, kWord.size(), kWord) != 0) {
-        return sum;
-    }
-    const std::string_view flac = std::string_view(head).substr(begin);
-    std::copy_n(flac.begin() + kSum, SampleSum::kBytes, sum.md5);
-    if (std::all_of(std::begin(sum.md5), std::end(sum.md5),
-                    [](uint8_t byte) { return byte == 0; })) {
+    const size_t begin = bytes.starts_with("OggS") ? kInOgg : 0;
+    if (bytes.size() < begin + kSum + SampleSum::kBytes ||
+        bytes.compare(begin, kWord.size(), kWord) != 0) {
         return {};
     }
-    sum.bits = ((byte_at(flac, kBits) & 1U) << 4U | byte_at(flac, kFrames) >> 4U) + 1;
-    sum.frames = byte_at(flac, kFrames) & 0xfU;
+    const std::string_view flac = std::string_view(bytes).substr(begin);
+    FlacHead head;
+    head.bits = ((byte_at(flac, kBits) & 1U) << 4U | byte_at(flac, kFrames) >> 4U) + 1;
+    SampleSum sum{{}, head.bits, byte_at(flac, kFrames) & 0xfU};
+    std::copy_n(flac.begin() + kSum, SampleSum::kBytes, sum.md5);
     for (size_t at = kFrames + 1; at < kSum; ++at) {
         sum.frames = sum.frames << 8U | byte_at(flac, at);
     }
-    return sum;
+    const bool has_sum =
+        std::any_of(std::begin(sum.md5), std::end(sum.md5), [](uint8_t byte) { return byte != 0; });
+    head.sum = has_sum ? sum : SampleSum{};
+    return head;
 }
 
 }  // namespace nuvio::reader

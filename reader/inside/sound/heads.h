@@ -21,7 +21,11 @@ inline constexpr uint16_t kFloatFormat = 3;
 // last block's head; none where that is not found.
 std::optional<uint64_t> flac_frames(Input& input);
 
-// Of a FLAC file, in Ogg too, the sum of its samples that its head has; none of any other file.
-SampleSum flac_sum(Input& input);
+// Of a FLAC file, in Ogg too, what its head says; nothing of any other file.
+struct FlacHead {
+    uint32_t bits = 0;  // of a sample
+    SampleSum sum{};
+};
+FlacHead flac_head(Input& input);
 
 }  // namespace nuvio::reader
