@@ -1,13 +1,14 @@
 // The module: AAC and ALAC in M4A and CAF, AAC streams (also in MPEG-TS), WavPack, DSD and FLAC in
 // Ogg through FFmpeg's libraries.
-//
-// Its demuxers and decoders are named: whatever the bytes say, nothing opens a further file or URL.
 #include <algorithm>
 #include <bit>
 #include <cmath>
 #include <cstdlib>
+#include <string_view>
 #include <utility>
 
+#include "reader/ffmpeg/adts_index.h"
+#include "reader/ffmpeg/container.h"
 #include "reader/ffmpeg/handles.h"
 #include "reader/ffmpeg/id3.h"
 #include "reader/ffmpeg/lengths.h"
@@ -20,68 +21,11 @@ namespace {
 
 using namespace libav;
 
-constexpr char kDemuxers[] = "mov,caf,aac,mpegts,wv,dsf,iff,ogg";
-constexpr char kDecoders[] =
-    "aac,alac,wavpack,flac,dsd_lsbf,dsd_msbf,dsd_lsbf_planar,dsd_msbf_planar";
-constexpr int kBufferBytes = 32768;
-// Of a radio: what is read is what its titles are shown by.
-constexpr int kRadioBufferBytes = 4096;
 constexpr uint32_t kMaxRate = 384000;
 constexpr int kMaxChannels = 32;
 constexpr int kShallowBits = 16;
 // A decoder of overlapping frames is right from the second one on.
 constexpr int64_t kRunUpFrames = 8192;
-
-// After AVERROR_EOF libavformat does not read again before it has sought; 0 is not allowed. What it
-// calls is C: neither of the two may throw.
-int read_input(void* opaque, uint8_t* to, int size) {
-    const size_t got = static_cast<Input*>(opaque)->read(to, static_cast<size_t>(size));
-    return got > 0 ? static_cast<int>(got) : AVERROR_EOF;
-}
-
-// Asked for places from the beginning, for the length, and where there is none for the last byte
-// (SEEK_END, -1). A failure leaves libavformat where it was, with what it had in its buffer.
-int64_t seek_input(void* opaque, int64_t offset, int whence) {
-    auto& input = *static_cast<Input*>(opaque);
-    const auto length = input.length();
-    whence &= ~AVSEEK_FORCE;
-    if (whence == AVSEEK_SIZE) {
-        return length ? static_cast<int64_t>(*length) : AVERROR(ENOSYS);
-    }
-    if (whence == SEEK_CUR) {
-        offset += static_cast<int64_t>(input.position());
-    } else if (whence == SEEK_END) {
-        offset += static_cast<int64_t>(length.value_or(0));
-    }
-    return offset >= 0 && input.seek(static_cast<uint64_t>(offset)) ? offset : AVERROR(EIO);
-}
-
-// How many frames an encoder says that its delay and padding leave; none when it does not.
-std::optional<int64_t> frames_told(const AVFormatContext& container) {
-    constexpr int kFrames = 3;  // of its hexadecimal numbers
-    const AVDictionaryEntry* const entry = av_dict_get(container.metadata, "iTunSMPB", nullptr, 0);
-    char* rest = entry != nullptr ? entry->value : nullptr;
-    unsigned long long frames = 0;
-    for (int i = 0; rest != nullptr && i <= kFrames; ++i) {
-        frames = std::strtoull(rest, &rest, 16);
-    }
-    return frames > 0 && frames < INT64_MAX ? std::optional(static_cast<int64_t>(frames))
-                                            : std::nullopt;
-}
-
-std::string text_of(int error) {
-    char text[AV_ERROR_MAX_STRING_SIZE];
-    return av_strerror(error, text, sizeof text) == 0 ? text : "unreadable";
-}
-
-std::string tag(const AVFormatContext& container, const AVStream& stream, const char* name) {
-    const AVDictionaryEntry* entry = av_dict_get(container.metadata, name, nullptr, 0);
-    if (entry == nullptr) {
-        entry = av_dict_get(stream.metadata, name, nullptr, 0);
-    }
-    constexpr size_t kMaxTagBytes = 1024;
-    return entry != nullptr ? std::string(entry->value).substr(0, kMaxTagBytes) : "";
-}
 
 class FfmpegSound : public ForeignSound {
   public:
@@ -91,12 +35,16 @@ class FfmpegSound : public ForeignSound {
     bool open(std::string* error) {
         const uint64_t of_dsd = m_input.length() ? dsd_bytes(m_input) : 0;
         const uint64_t edits_a_second = m_input.length() ? edit_rate(m_input) : 0;
+        m_adts = m_input.length() ? AdtsIndex::open(m_input) : std::nullopt;
         int result = edits_a_second > 0 ? note_media() : 0;
         result = result < 0 ? result : allocate();
-        result = result < 0 ? result : open_container();
+        result = result < 0 ? result : open_stream();
         if (result < 0) {
             *error = text_of(result);
             return false;
+        }
+        if (std::string_view(m_container->iformat->name) != "aac") {
+            m_adts.reset();
         }
         look_ahead();
         const AVCodecContext& decoder = *m_decoder;
@@ -117,7 +65,9 @@ class FfmpegSound : public ForeignSound {
         m_info.seekable = m_input.length().has_value();
         const bool is_guess =
             m_container->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
-        if (m_info.seekable && stream.duration > 0 && !is_guess) {
+        if (m_adts) {
+            count_packets();
+        } else if (m_info.seekable && stream.duration > 0 && !is_guess) {
             m_info.frames = static_cast<uint64_t>(frames_of(stream, edits_a_second));
         } else if (of_dsd > 0) {
             m_info.frames = of_dsd / m_info.channels;  // eight bits a frame
@@ -135,7 +85,7 @@ class FfmpegSound : public ForeignSound {
     const ForeignInfo& info() const override { return m_info; }
 
     size_t read(void* to, size_t frames) override {
-        if (m_info.frames) {
+        if (m_info.frames && !m_info.is_guess) {
             frames = static_cast<size_t>(std::min<uint64_t>(frames, *m_info.frames - m_position));
         }
         size_t done = 0;
@@ -153,6 +103,9 @@ class FfmpegSound : public ForeignSound {
     }
 
     bool seek(uint64_t frame) override {
+        if (m_adts) {
+            return go_to_packet_of(frame);
+        }
         // Below 0 lies what a decoder runs in with; not every format has such places.
         const auto target = static_cast<int64_t>(frame);
         const int64_t from = target - kRunUpFrames;
@@ -177,16 +130,42 @@ class FfmpegSound : public ForeignSound {
         const int64_t place =
             std::max(av_rescale_q(from + m_delay, per_frame, stream.time_base),
                      first_packet != nullptr ? first_packet->timestamp : INT64_MIN);
-        if (av_seek_frame(m_container.get(), m_stream, place, AVSEEK_FLAG_BACKWARD) < 0) {
+        const bool is_first = first_packet != nullptr && place == first_packet->timestamp;
+        return av_seek_frame(m_container.get(), m_stream, place, AVSEEK_FLAG_BACKWARD) >= 0 &&
+               decode_up_to(target, is_first);
+    }
+
+    bool go_to_packet_of(uint64_t frame) {
+        constexpr uint64_t kRunUp = kRunUpFrames / AdtsIndex::kPacketFrames;
+        const uint64_t packet = frame / m_packet_frames + m_left_out;
+        const bool is_there = m_adts->place_of(packet).has_value();
+        const auto place =
+            is_there ? m_adts->place_of(packet - std::min(packet, kRunUp)) : std::nullopt;
+        if (!place || av_seek_frame(m_container.get(), m_stream, static_cast<int64_t>(place->byte),
+                                    AVSEEK_FLAG_BYTE) < 0) {
             return false;
         }
-        avcodec_flush_buffers(m_decoder.get());
+        m_next_packet = place->packet;
+        return decode_up_to(static_cast<int64_t>(frame), place->packet == 0);
+    }
+
+    // An overlap stays in a decoder that is flushed, and before the first packet there is none.
+    bool decode_up_to(int64_t target, bool is_first) {
+        const AVStream& stream = *m_container->streams[m_stream];
+        const AVRational per_frame{1, static_cast<int>(m_info.sample_rate)};
+        if (is_first && m_left_out == 0) {
+            if (open_decoder(m_decoder->codec) < 0) {
+                return false;
+            }
+        } else {
+            avcodec_flush_buffers(m_decoder.get());
+        }
         av_frame_unref(m_ahead.get());
         m_used = m_frame->nb_samples = 0;
         while (decode()) {
             const int64_t told = av_rescale_q(m_frame->pts == AV_NOPTS_VALUE ? 0 : m_frame->pts,
                                               stream.time_base, per_frame);
-            const int64_t first = m_flac_place.value_or(told - m_delay);
+            const int64_t first = m_told_place.value_or(told - m_delay);
             if (first > target) {
                 return false;
             }
@@ -199,33 +178,19 @@ class FfmpegSound : public ForeignSound {
         return false;
     }
 
-    int open_input(AVDictionary** options) {
-        const int bytes = m_input.is_radio() ? kRadioBufferBytes : kBufferBytes;
-        auto* const buffer = static_cast<unsigned char*>(av_malloc(static_cast<size_t>(bytes)));
-        m_io.reset(avio_alloc_context(buffer, bytes, 0, &m_input, read_input, nullptr, seek_input));
-        AVFormatContext* container = avformat_alloc_context();
-        if (!m_io || container == nullptr) {
-            return AVERROR(ENOMEM);
-        }
-        m_io->seekable = m_input.length() ? AVIO_SEEKABLE_NORMAL : 0;
-        container->pb = m_io.get();
-        container->max_analyze_duration = AV_TIME_BASE;
-        container->format_whitelist = av_strdup(kDemuxers);
-        container->codec_whitelist = av_strdup(kDecoders);
-        container->protocol_whitelist = av_strdup("none");
-        const int opened = avformat_open_input(&container, "", nullptr, options);
-        if (opened < 0) {
-            return opened;  // it is freed
-        }
-        m_container.reset(container);
-        return 0;
+    void count_packets() {
+        m_packet_frames =
+            uint64_t{AdtsIndex::kPacketFrames} * m_info.sample_rate / m_adts->rate_hz();
+        const AdtsIndex::Count count = m_adts->count();
+        m_info.frames = (count.packets - std::min(count.packets, m_left_out)) * m_packet_frames;
+        m_info.is_guess = count.is_guess;
     }
 
     // Of an MPEG-4 file, whose edits hide it.
     int note_media() {
         AVDictionary* options = nullptr;
         av_dict_set(&options, "advanced_editlist", "0", 0);
-        const int opened = open_input(&options);
+        const int opened = open_container(m_input, &options, &m_io, &m_container);
         av_dict_free(&options);
         const int number = opened < 0 ? opened
                                       : av_find_best_stream(m_container.get(), AVMEDIA_TYPE_AUDIO,
@@ -265,8 +230,8 @@ class FfmpegSound : public ForeignSound {
         return frames;
     }
 
-    int open_container() {
-        const int opened = open_input(nullptr);
+    int open_stream() {
+        const int opened = open_container(m_input, nullptr, &m_io, &m_container);
         if (opened < 0) {
             return opened;
         }
@@ -324,6 +289,7 @@ class FfmpegSound : public ForeignSound {
     void look_ahead() {
         if (receive(*m_frame) && receive(*m_ahead) &&
             m_frame->sample_rate != m_ahead->sample_rate) {
+            m_left_out = 1;
             take_ahead();
         }
     }
@@ -366,8 +332,16 @@ class FfmpegSound : public ForeignSound {
         }
     }
 
-    // Of an Ogg packet libavformat guesses the place; a frame of FLAC has it in its head. A packet
-    // is one frame.
+    // Where the sound of a packet, which is one frame, begins, if libavformat does not know.
+    std::optional<int64_t> place_of(const AVPacket& packet) {
+        if (!m_adts) {
+            return flac_place_of(packet);
+        }
+        const auto number = static_cast<int64_t>(m_next_packet++ - m_left_out);
+        return number * static_cast<int64_t>(m_packet_frames);
+    }
+
+    // Of an Ogg packet libavformat guesses the place; a frame of FLAC has it in its head.
     std::optional<int64_t> flac_place_of(const AVPacket& packet) const {
         constexpr int kNumber = 4;  // coded as UTF-8 codes a character
         constexpr int kMaxNumber = 7;
@@ -411,7 +385,7 @@ class FfmpegSound : public ForeignSound {
         int got = av_read_frame(m_container.get(), m_packet.get());
         while (got == AVERROR_EOF && m_input.next_run()) {
             m_container.reset();
-            got = open_container();
+            got = open_stream();
             got = got < 0 ? got : av_read_frame(m_container.get(), m_packet.get());
         }
         return got;
@@ -427,7 +401,7 @@ class FfmpegSound : public ForeignSound {
             const int sent = got < 0   ? avcodec_send_packet(m_decoder.get(), nullptr)
                              : is_ours ? avcodec_send_packet(m_decoder.get(), m_packet.get())
                                        : AVERROR_INVALIDDATA;
-            m_flac_place = is_ours ? flac_place_of(*m_packet) : std::nullopt;
+            m_told_place = is_ours ? place_of(*m_packet) : std::nullopt;
             av_packet_unref(m_packet.get());
             if (sent == 0 || got < 0) {
                 return sent == 0;
@@ -459,7 +433,11 @@ class FfmpegSound : public ForeignSound {
     int m_stream = -1;
     int64_t m_media_duration = 0;         // in the stream's time, without edits
     int64_t m_edit_begin = 0;             // in it
-    std::optional<int64_t> m_flac_place;  // of the packet that was decoded last
+    std::optional<int64_t> m_told_place;  // of the packet that was decoded last
+    std::optional<AdtsIndex> m_adts;      // of a file that is AAC in ADTS
+    uint64_t m_packet_frames = 0;         // of each of its packets
+    uint64_t m_next_packet = 0;           // of them, to be decoded
+    uint64_t m_left_out = 0;              // packets of them at the beginning
     int64_t m_delay = 0;                  // of the first frame to be heard, which is not its time
     std::optional<Texts> m_new_texts;
     std::string m_error;
