@@ -93,7 +93,7 @@ constexpr uint32_t kOutputChannels = 2;
 // ---- Playlists: their text in the shared memory, and behind that what they say (playlist.h; of
 // HLS media_playlist.h)
 
-enum class PlaylistFormat : uint32_t { none, m3u, pls, xspf, jspf, hls };
+enum class PlaylistFormat : uint32_t { none, m3u, pls, xspf, jspf, cue, hls };
 
 constexpr size_t kMaxPlaylistBytes = size_t{4} << 20U;
 // What is in a text and the lengths, of a thousand tracks.
@@ -153,7 +153,8 @@ struct PictureAnswer {
 };
 
 struct PlaylistAnswer {
-    uint32_t bytes;  // of the records
+    uint32_t bytes;        // of the records
+    char error[kMaxText];  // why there are none, where that is a fault
 };
 
 struct SheetAnswer {

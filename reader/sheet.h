@@ -23,6 +23,11 @@ struct SheetTrack {
     Section section;  // of the file; the tracks of one file are the whole of it
 };
 
+// What it is called where the sheet does not say.
+inline std::string title_of(const SheetTrack& track) {
+    return track.title.empty() ? "Track " + std::to_string(track.number) : track.title;
+}
+
 inline constexpr std::string SheetTrack::*kSheetTexts[] = {&SheetTrack::file, &SheetTrack::title,
                                                            &SheetTrack::artist, &SheetTrack::album,
                                                            &SheetTrack::album_artist};

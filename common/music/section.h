@@ -23,6 +23,10 @@ struct Section {
     uint64_t begin_us = 0;
     uint64_t end_us = kToTheEnd;  // not in it
 
+    // None of one to the end.
+    std::optional<uint64_t> length_ms() const {
+        return end_us == kToTheEnd ? std::nullopt : std::optional((end_us - begin_us) / 1000);
+    }
     bool is_whole() const { return begin_us == 0 && end_us == kToTheEnd; }
     bool operator==(const Section&) const = default;
 };

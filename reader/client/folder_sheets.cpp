@@ -144,9 +144,7 @@ Outcome<FolderSheets::Parts> FolderSheets::parts_of(const std::string& name, boo
         return Parts{};
     }
     for (SheetTrack& track : parts.tracks) {
-        if (track.title.empty()) {
-            track.title = "Track " + std::to_string(track.number);
-        }
+        track.title = title_of(track);
     }
     return parts;
 }

@@ -17,18 +17,12 @@ namespace {
 
 constexpr uint32_t kMaxCount = 9999;  // of discs, tracks, years
 
-// What the reader may have put there; empty where it is no text.
-std::string text_in(const char (&field)[kMaxText]) {
-    const std::string_view text(field, strnlen(field, kMaxText));
-    return is_utf8(text) ? std::string(text) : std::string();
-}
-
 // Numbers that neither a display nor a database stumbles over.
 Tags tags_in(const TagsAnswer& answer) {
     constexpr uint32_t kMaxRate = 10'000'000;
     constexpr int64_t kMaxDuration = int64_t{1} << 40U;
-    Tags tags{text_in(answer.title), text_in(answer.artist), text_in(answer.album),
-              text_in(answer.album_artist)};
+    Tags tags{utf8_in(answer.title), utf8_in(answer.artist), utf8_in(answer.album),
+              utf8_in(answer.album_artist)};
     tags.disc = std::min(answer.disc, kMaxCount);
     tags.number = std::min(answer.number, kMaxCount);
     tags.year = std::min(answer.year, kMaxCount);
@@ -84,7 +78,7 @@ Outcome<std::vector<SheetTrack>> MusicReader::ask_for_sheet(const UniqueFd& file
         return *failure;
     }
     const SheetAnswer& said = std::get<Answer>(answer).sheet;
-    if (const std::string fault = text_in(said.error); !fault.empty()) {
+    if (const std::string fault = utf8_in(said.error); !fault.empty()) {
         return Failure{Failure::Kind::file, printable(fault)};
     }
     std::string records(std::min<size_t>(said.bytes, kSheetRecordBytes), '\0');

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "common/utf8.h"
 #include "reader/client/packets.h"
 
 namespace nuvio::reader {
@@ -28,8 +29,11 @@ Outcome<std::string> PlaylistReader::records_of(PlaylistFormat format, std::stri
     if (const auto* const failure = std::get_if<Failure>(&answer)) {
         return *failure;
     }
-    std::string records(std::min<size_t>(std::get<Answer>(answer).playlist.bytes, kMaxRecordBytes),
-                        '\0');
+    const PlaylistAnswer& said = std::get<Answer>(answer).playlist;
+    if (const std::string fault = utf8_in(said.error); !fault.empty()) {
+        return Failure{Failure::Kind::file, printable(fault)};
+    }
+    std::string records(std::min<size_t>(said.bytes, kMaxRecordBytes), '\0');
     const ssize_t got =
         pread(memory.get(), records.data(), records.size(), static_cast<off_t>(kMaxPlaylistBytes));
     records.resize(static_cast<size_t>(std::max<ssize_t>(got, 0)));

@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "common/music/pictures.h"
+#include "common/utf8.h"
 #include "reader/client/packets.h"
 
 namespace nuvio::reader {
@@ -22,6 +23,11 @@ bool is_interim(const Answer& answer) {
 }
 
 }  // namespace
+
+std::string utf8_in(const char (&field)[kMaxText]) {
+    const std::string_view text(field, strnlen(field, kMaxText));
+    return is_utf8(text) ? std::string(text) : std::string();
+}
 
 Questions::Questions(const char* program)
     : m_program(program), m_interruption(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}

@@ -38,6 +38,9 @@ struct Picture {
     std::string bytes() const;
 };
 
+// A text that the reader may have put there; empty where it is none.
+std::string utf8_in(const char (&field)[kMaxText]);
+
 // Of a reader whose answers can't be.
 inline constexpr char kReaderLied[] = "its reader lied";
 

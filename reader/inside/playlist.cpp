@@ -12,10 +12,12 @@
 #include "common/json/json.h"
 #include "common/m3u.h"
 #include "common/number.h"
+#include "common/percent_encoding.h"
 #include "common/released_by.h"
 #include "common/text.h"
 #include "common/utf8.h"
 #include "reader/inside/media_playlist.h"
+#include "reader/inside/sheet.h"
 
 namespace nuvio::reader {
 
@@ -230,6 +232,16 @@ std::vector<ListedTrack> parse_jspf(std::string_view text, size_t max_entries) {
     return entries;
 }
 
+// As a reference to what lies beside the sheet or below, under whichever system it was written.
+std::string reference_to(std::string name) {
+    if (starts_with_ignoring_case(name, "http://") || starts_with_ignoring_case(name, "https://")) {
+        return name;
+    }
+    std::ranges::replace(name, '\\', '/');
+    const bool is_absolute = name.starts_with('/') || name.find(':') == 1;
+    return percent_encode(is_absolute ? name.substr(name.rfind('/') + 1) : name);
+}
+
 constexpr struct {
     PlaylistFormat format;
     std::vector<ListedTrack> (*parse)(std::string_view text, size_t max_entries);
@@ -251,15 +263,36 @@ std::vector<ListedTrack> parse_playlist(PlaylistFormat format, std::string_view 
                : parser->parse(nuvio::without_byte_order_mark(text), max_tracks);
 }
 
+std::vector<ListedTrack> tracks_of_sheet(std::string_view text, size_t max_tracks,
+                                         std::string* fault) {
+    std::vector<ListedTrack> listed;
+    for (const SheetTrack& track : parse_sheet(text, fault)) {
+        if (listed.size() < max_tracks) {
+            ListedTrack& added = listed.emplace_back();
+            added.location = with_section(reference_to(track.file), track.section);
+            added.title = title_of(track);
+            added.creator = track.artist;
+            added.album = track.album;
+            added.duration_ms = track.section.length_ms();
+        }
+    }
+    return listed;
+}
+
 void read_playlist(const Request& request, char* shared, PlaylistAnswer* answer) {
     const std::string_view text(shared, request.text_bytes);
     std::string records;
     if (request.format == PlaylistFormat::hls) {
         records = record_of(parse_media_playlist(text, request.max_tracks));
     }
-    for (const ListedTrack& track : parse_playlist(request.format, text, request.max_tracks)) {
+    std::string fault;
+    for (const ListedTrack& track :
+         request.format == PlaylistFormat::cue
+             ? tracks_of_sheet(text, request.max_tracks, &fault)
+             : parse_playlist(request.format, text, request.max_tracks)) {
         records += record_of(track);
     }
+    beginning(fault, sizeof answer->error).copy(answer->error, sizeof answer->error);
     answer->bytes =
         static_cast<uint32_t>(records.copy(shared + kMaxPlaylistBytes, kMaxRecordBytes));
 }

@@ -1,4 +1,4 @@
-// Playlists: M3U (M3U8), PLS, XSPF and its JSON form JSPF.
+// Playlists: M3U (M3U8), PLS, XSPF and its JSON form JSPF, and CUE sheets.
 #pragma once
 
 #include <cstddef>
@@ -15,6 +15,11 @@ namespace nuvio::reader {
 // bytes; pure.
 std::vector<ListedTrack> parse_playlist(PlaylistFormat format, std::string_view text,
                                         size_t max_tracks);
+
+// Those of a CUE sheet, each a part of a file beside it; of one with a fault, which is said, none.
+// Any bytes; pure.
+std::vector<ListedTrack> tracks_of_sheet(std::string_view text, size_t max_tracks,
+                                         std::string* fault);
 
 // The job: the text stands in `shared`, kPlaylistMemoryBytes, and the records behind it.
 void read_playlist(const Request& request, char* shared, PlaylistAnswer* answer);

@@ -38,9 +38,11 @@ void read_playlists(std::string_view text) {
     playlist_format("", text.substr(0, kPlaylistHeadBytes));
     for (const PlaylistFormat format :
          {PlaylistFormat::none, PlaylistFormat::m3u, PlaylistFormat::pls, PlaylistFormat::xspf,
-          PlaylistFormat::jspf}) {
-        std::string records;
-        for (const ListedTrack& track : parse_playlist(format, text, kMaxTracks)) {
+          PlaylistFormat::jspf, PlaylistFormat::cue}) {
+        std::string records, fault;
+        for (const ListedTrack& track : format == PlaylistFormat::cue
+                                            ? tracks_of_sheet(text, kMaxTracks, &fault)
+                                            : parse_playlist(format, text, kMaxTracks)) {
             records += record_of(track);
         }
         // What a reader says, and what one could say that a playlist has taken over.

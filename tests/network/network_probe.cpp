@@ -204,7 +204,8 @@ void list_tracks(const Job& job) {
     std::string error;
     Interruption none;
     for (const RemoteTrack& track : find_remote_tracks(job.request, {}, none, &failure, &error)) {
-        std::printf("%s|%s|%s|%s|%s|%lld\n", track.url.c_str(), track.title.c_str(),
+        const std::string url = nuvio::with_section(track.url, track.section);
+        std::printf("%s|%s|%s|%s|%s|%lld\n", url.c_str(), track.title.c_str(),
                     track.creator.c_str(), track.album.c_str(), track.image.c_str(),
                     static_cast<long long>(track.duration_ms.value_or(0)));
     }

@@ -436,6 +436,11 @@ class Network(unittest.TestCase):
         self.write("self.m3u", "self.m3u\n")
         self.write("nested.m3u", "a.m3u\nd\n")
         self.write("hls.m3u", "#EXTM3U\n#EXT-X-TARGETDURATION:5\npiece\n")
+        sheet = ("REM GENRE x\r\nPERFORMER Band\r\nFILE \"CD 1\\a #1.flac\" WAVE\r\n  TRACK 01 AUDIO\r\n"
+                 "    TITLE One\r\n    INDEX 01 00:00:00\r\n  TRACK 02 AUDIO\r\n    INDEX 01 00:01:%s\r\n"
+                 f"FILE {other}/echo WAVE\r\n  TRACK 03 AUDIO\r\n    INDEX 01 00:00:00\r\n")
+        self.write("sheet", sheet % "30")
+        self.write("faulty.cue", sheet % "75")
         p = f"{self.base}/plain"
         a = [f"{p}/file%20one|Ä title||||0", f"{self.base}/etc/x|||||0"]
         for name, tracks in [
@@ -444,9 +449,13 @@ class Network(unittest.TestCase):
                 ("c.xspf", [f"{self.base}/c?a=1&b=2|T|C|A|{p}/i.png|5", f"{p}/e|||||0"]),
                 ("deep.xspf", [f"{p}/file|||||0"]), ("wide", []),
                 ("d", [f"{p}/x|J|C|A|{p}/i|7", f"{p}/y|||||0"]), ("bomb.xspf", []), ("self.m3u", []),
-                ("hls.m3u", [f"{p}/hls.m3u|||||0"]),
+                ("hls.m3u", [f"{p}/hls.m3u|||||0"]), ("faulty.cue", []),
+                ("sheet", [f"{p}/CD%201/a%20%231.flac#t=0.000000,1.400000|One|Band|||1400",
+                           f"{p}/CD%201/a%20%231.flac#t=1.400000|Track 2|Band|||0",
+                           f"{other}/echo|Track 3|Band|||0"]),
                 ("nested.m3u", [*a, f"{p}/d|||||0"])]:
             with self.subTest(name=name):
                 result = Result(start("tracks", f"{p}/{name}"))
                 self.assertEqual(result.body.decode().splitlines(), tracks, result.log)
                 self.assertEqual(result.failure == "none", bool(tracks), result.log)
+                self.assertEqual("line 8: no time" in result.error, name == "faulty.cue", result.log)

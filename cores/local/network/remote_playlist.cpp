@@ -30,7 +30,25 @@ constexpr struct {
     {"application/pls+xml", PlaylistFormat::pls},
     {"application/xspf+xml", PlaylistFormat::xspf},
     {"application/jspf+json", PlaylistFormat::jspf},
+    {"application/x-cue", PlaylistFormat::cue},
 };
+
+// By the word that its first line begins with, and one that begins a line behind it.
+bool is_sheet(std::string_view head) {
+    constexpr std::string_view kFirstWords[] = {"CATALOG", "CDTEXTFILE", "FILE", "PERFORMER",
+                                                "REM",     "SONGWRITER", "TITLE"};
+    const bool begins = std::ranges::any_of(kFirstWords, [&](std::string_view word) {
+        return nuvio::starts_with_ignoring_case(head, std::string(word) + " ");
+    });
+    for (size_t end = head.find_first_of("\r\n"); begins && end != std::string_view::npos;
+         end = head.find_first_of("\r\n")) {
+        head = nuvio::trim(head.substr(end));
+        if (nuvio::starts_with_ignoring_case(head, "TRACK ")) {
+            return true;
+        }
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -47,6 +65,9 @@ PlaylistFormat playlist_format(std::string_view content_type, std::string_view h
     }
     if (head.starts_with('{') && head.find("\"playlist\"") != std::string_view::npos) {
         return PlaylistFormat::jspf;
+    }
+    if (is_sheet(head)) {
+        return PlaylistFormat::cue;
     }
     const std::string_view type = nuvio::trim(content_type.substr(0, content_type.find(';')));
     for (const auto& row : kTypes) {

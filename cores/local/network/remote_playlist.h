@@ -1,5 +1,6 @@
-// Playlists that come from the network: M3U (M3U8), PLS, XSPF and its JSON form JSPF, told apart by
-// Content-Type and bytes. Whatever they hold, only http and https URLs come out.
+// Playlists that come from the network: M3U (M3U8), PLS, XSPF and its JSON form JSPF, and CUE
+// sheets, told apart by Content-Type and bytes. Whatever they hold, only http and https URLs come
+// out.
 #pragma once
 
 #include <cstddef>

@@ -13,7 +13,7 @@ namespace {
 
 // Not what it is, only whether it is worth asking.
 bool may_be_playlist(const std::string& url) {
-    constexpr std::string_view kEndings[] = {".m3u", ".m3u8", ".pls", ".xspf", ".jspf"};
+    constexpr std::string_view kEndings[] = {".m3u", ".m3u8", ".pls", ".xspf", ".jspf", ".cue"};
     const std::string_view path = std::string_view(url).substr(0, url.find('?'));
     return std::ranges::any_of(kEndings, [&](std::string_view ending) {
         return nuvio::ends_with_ignoring_case(path, ending);

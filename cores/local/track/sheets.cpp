@@ -34,9 +34,7 @@ Track track_of(const std::string& path, const reader::SheetTrack& part) {
     Track track{path, display_text(part.title), display_text(part.artist),
                 display_text(part.album)};
     track.section = part.section;
-    if (part.section.end_us != nuvio::Section::kToTheEnd) {
-        track.duration_ms = (part.section.end_us - part.section.begin_us) / 1000;
-    }
+    track.duration_ms = part.section.length_ms().value_or(0);
     return track;
 }
 
