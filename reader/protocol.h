@@ -100,10 +100,12 @@ constexpr size_t kMaxPlaylistBytes = size_t{4} << 20U;
 constexpr size_t kMaxRecordBytes = kMaxPlaylistBytes + (size_t{256} << 10U);
 constexpr size_t kPlaylistMemoryBytes = kMaxPlaylistBytes + kMaxRecordBytes;
 
-// ---- CUE sheets: in the shared memory what one says (sheet.h)
+// ---- CUE sheets: in the shared memory what one says (sheet.h), and behind that the bytes of a
+// remote file
 
 constexpr size_t kMaxSheetBytes = size_t{256} << 10U;
 constexpr size_t kSheetRecordBytes = size_t{256} << 10U;  // more than 99 tracks take
+constexpr size_t kSheetMemoryBytes = kSheetRecordBytes + kWindowBytes;
 
 // ---- The two records
 
@@ -115,15 +117,17 @@ struct Request {
     PlaylistFormat format = PlaylistFormat::none;
     uint32_t text_bytes = 0, max_tracks = 0;  // or segments
     bool is_inside = false;                   // of a sheet: the file is a FLAC one that may have it
+    // Of a sound that is opened, or a FLAC file with a sheet.
+    bool is_remote = false;
     // Of a sound that is opened.
-    bool is_remote = false, is_radio = false;
+    bool is_radio = false;
     OutputFormats output{};
     Section section{};
     uint32_t block_bytes = 0;  // to be read into each block
     uint64_t frame = 0;        // to be gone to
     Bytes bytes{};
-    // With it come descriptors: the file, unless the sound is remote; for pictures a shared memory
-    // of kMaxPictureBytes, for a sheet one of kSheetRecordBytes, for a sound that is opened one of
+    // With it come descriptors: the file, unless it is remote; for pictures a shared memory of
+    // kMaxPictureBytes, for a sheet one of kSheetMemoryBytes, for a sound that is opened one of
     // kSoundBytes; for a playlist one of kPlaylistMemoryBytes and no file.
 };
 

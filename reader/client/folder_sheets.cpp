@@ -123,8 +123,7 @@ bool FolderSheets::fits(const std::string& name, const Parts& parts) {
         begin_us < static_cast<uint64_t>(tags->duration_ms) * 1000) {
         return true;
     }
-    m_refuse(parts.sheet.empty() ? name : parts.sheet,
-             "its last track begins behind the end of " + name);
+    m_refuse(parts.sheet, "its last track begins behind the end of " + name);
     return false;
 }
 
@@ -135,7 +134,6 @@ Outcome<FolderSheets::Parts> FolderSheets::parts_of(const std::string& name, boo
         parts = beside->second;
     } else if (!failure && looks_inside && ends_with_ignoring_case(name, ".flac")) {
         parts.tracks = tracks_of(name, m_reader.sheet_inside(m_open(name)), &failure);
-        parts.tracks.resize(fits(name, parts) ? parts.tracks.size() : 0);
     }
     if (failure) {
         return *failure;

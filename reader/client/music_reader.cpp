@@ -55,6 +55,32 @@ std::vector<SheetTrack> tracks_in(std::string_view records) {
     return tracks;
 }
 
+// Bytes of a remote file on their way to a reader, who needs to ask for a few only.
+class Fetching : public Questions::Meanwhile {
+  public:
+    Fetching(RemoteBytes* bytes, const UniqueFd& memory) : m_bytes(bytes), m_memory(memory) {}
+
+    Heard heard(const Answer& said, Request* reply) override {
+        constexpr int kMostTimes = 500;
+        constexpr size_t kPieceBytes = size_t{64} << 10U;
+        if (said.status != Status::wants_bytes || m_bytes == nullptr || ++m_times > kMostTimes) {
+            return Heard::lie;
+        }
+        const size_t wanted = std::min<size_t>(said.wanted.size, kWindowBytes);
+        m_piece.resize(std::max(wanted, kPieceBytes));
+        reply->bytes = m_bytes->read(said.wanted.place, m_piece.data(), wanted, m_piece.size());
+        const ssize_t put = pwrite(m_memory.get(), m_piece.data(), reply->bytes.size,
+                                   static_cast<off_t>(kSheetRecordBytes));
+        return put == static_cast<ssize_t>(reply->bytes.size) ? Heard::question : Heard::lie;
+    }
+
+  private:
+    RemoteBytes* const m_bytes;
+    const UniqueFd& m_memory;
+    std::string m_piece;
+    int m_times = 0;
+};
+
 }  // namespace
 
 Outcome<Tags> MusicReader::tags(const UniqueFd& file) {
@@ -63,17 +89,31 @@ Outcome<Tags> MusicReader::tags(const UniqueFd& file) {
     return failure != nullptr ? Outcome<Tags>(*failure) : tags_in(std::get<Answer>(answer).tags);
 }
 
-Outcome<std::vector<SheetTrack>> MusicReader::ask_for_sheet(const UniqueFd& file, bool is_inside) {
-    if (!file) {
-        return std::vector<SheetTrack>();
-    }
-    const UniqueFd memory = shared_memory(kSheetRecordBytes);
+Outcome<std::vector<SheetTrack>> MusicReader::sheet(const UniqueFd& file) {
+    return file ? ask_for_sheet({Job::sheet}, file, nullptr) : std::vector<SheetTrack>();
+}
+
+Outcome<std::vector<SheetTrack>> MusicReader::sheet_inside(const UniqueFd& file) {
+    Request request{Job::sheet};
+    request.is_inside = true;
+    return file ? ask_for_sheet(request, file, nullptr) : std::vector<SheetTrack>();
+}
+
+Outcome<std::vector<SheetTrack>> MusicReader::sheet_inside(RemoteBytes& bytes) {
+    Request request{Job::sheet};
+    request.is_inside = request.is_remote = true;
+    return ask_for_sheet(request, {}, &bytes);
+}
+
+Outcome<std::vector<SheetTrack>> MusicReader::ask_for_sheet(const Request& request,
+                                                            const UniqueFd& file,
+                                                            RemoteBytes* bytes) {
+    const UniqueFd memory = shared_memory(kSheetMemoryBytes);
     if (!memory) {
         return Failure{Failure::Kind::machine, std::strerror(errno)};
     }
-    Request request{Job::sheet};
-    request.is_inside = is_inside;
-    const Outcome<Answer> answer = m_questions.ask(request, file, memory);
+    Fetching fetching(bytes, memory);
+    const Outcome<Answer> answer = m_questions.ask(request, file, memory, fetching);
     if (const auto* const failure = std::get_if<Failure>(&answer)) {
         return *failure;
     }

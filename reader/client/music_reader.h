@@ -11,6 +11,7 @@
 
 #include "common/unique_fd.h"
 #include "reader/client/questions.h"
+#include "reader/client/remote_bytes.h"
 #include "reader/sheet.h"
 
 namespace nuvio::reader {
@@ -35,19 +36,18 @@ class MusicReader {
     // The tracks of a CUE sheet, or of the one inside a FLAC file, in their order; none: there is
     // none inside. Texts are one line of UTF-8 of at most 300 bytes, but for a file's name. A sheet
     // with a fault is a failure of the file that says it.
-    Outcome<std::vector<SheetTrack>> sheet(const UniqueFd& file) {
-        return ask_for_sheet(file, false);
-    }
-    Outcome<std::vector<SheetTrack>> sheet_inside(const UniqueFd& file) {
-        return ask_for_sheet(file, true);
-    }
+    Outcome<std::vector<SheetTrack>> sheet(const UniqueFd& file);
+    Outcome<std::vector<SheetTrack>> sheet_inside(const UniqueFd& file);
+    // The same of a remote file, of which little more than its head is asked for.
+    Outcome<std::vector<SheetTrack>> sheet_inside(RemoteBytes& bytes);
 
     // See Questions.
     void rest() { m_questions.rest(); }
     void interrupt() { m_questions.interrupt(); }
 
   private:
-    Outcome<std::vector<SheetTrack>> ask_for_sheet(const UniqueFd& file, bool is_inside);
+    Outcome<std::vector<SheetTrack>> ask_for_sheet(const Request& request, const UniqueFd& file,
+                                                   RemoteBytes* bytes);
 
     Questions m_questions{"nuvio-connect-reader"};
 };

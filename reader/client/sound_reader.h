@@ -19,6 +19,7 @@
 
 #include "common/unique_fd.h"
 #include "reader/client/questions.h"
+#include "reader/client/remote_bytes.h"
 #include "reader/protocol.h"
 
 namespace nuvio::reader {
@@ -38,17 +39,6 @@ struct Sound {
     SampleSum sum{};
     float gain_db = 0;                 // by which it was made louder
     std::string title, artist, album;  // a kilobyte each at most; empty: not said
-};
-
-// Where remote bytes come from. Asked on the thread that asks the reader.
-class RemoteBytes {
-  public:
-    virtual ~RemoteBytes() = default;
-    // Endless: does not seek.
-    virtual bool is_radio() const = 0;
-    // Puts there what begins at `place`: at least `wanted` bytes, which is waited for, unless the
-    // sound ends before, and as many more as are there, at most `room`.
-    virtual Bytes read(uint64_t place, char* to, size_t wanted, size_t room) = 0;
 };
 
 class SoundReader {

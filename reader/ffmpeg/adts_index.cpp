@@ -1,10 +1,10 @@
 #include "reader/ffmpeg/adts_index.h"
 
 #include <algorithm>
-#include <array>
 #include <iterator>
-#include <string_view>
 #include <utility>
+
+#include "reader/inside/id3_tag.h"
 
 namespace nuvio::reader {
 
@@ -17,18 +17,6 @@ constexpr size_t kReadBytes = size_t{32} << 10U;
 // Longer files are not read through before they play; remote ones never.
 constexpr uint64_t kMaxCounted = uint64_t{32} << 20U;
 constexpr uint64_t kGuessedBy = uint64_t{64} << 10U;  // bytes
-
-// Behind a tag; 0 where there is none.
-uint64_t behind_id3(Input& input) {
-    constexpr size_t kSize = 6, kTagHead = 10;
-    std::array<char, kTagHead> head{};
-    input.read(head.data(), head.size());
-    uint64_t size = 0;
-    for (size_t at = kSize; at < kTagHead; ++at) {
-        size = size << 7U | (static_cast<uint8_t>(head[at]) & 0x7fU);
-    }
-    return std::string_view(head.data(), 3) == "ID3" ? kTagHead + size : 0;
-}
 
 }  // namespace
 
@@ -48,8 +36,7 @@ AdtsIndex::Head AdtsIndex::head_in(const char* bytes) {
 std::optional<AdtsIndex::Head> AdtsIndex::head_at(uint64_t place) {
     if (place < m_read_at || place + kHeadBytes > m_read_at + m_read.size()) {
         m_read_at = place;
-        m_read.resize(kReadBytes);
-        m_read.resize(m_input->seek(place) ? m_input->read(m_read.data(), kReadBytes) : 0);
+        m_read = bytes_at(*m_input, place, kReadBytes);
     }
     const uint64_t at = place - m_read_at;
     return at + kHeadBytes <= m_read.size() ? std::optional(head_in(m_read.data() + at))

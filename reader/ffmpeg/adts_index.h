@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "reader/inside/sound/input.h"
+#include "reader/inside/input.h"
 
 namespace nuvio::reader {
 

@@ -8,7 +8,7 @@
 #include <string>
 
 #include "reader/ffmpeg/handles.h"
-#include "reader/inside/sound/input.h"
+#include "reader/inside/input.h"
 
 namespace nuvio::reader::libav {
 

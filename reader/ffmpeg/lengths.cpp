@@ -1,26 +1,6 @@
 #include "reader/ffmpeg/lengths.h"
 
-#include <array>
-#include <bit>
-#include <cstddef>
-
 namespace nuvio::reader {
-
-namespace {
-
-// The number of `size` bytes at a place of the input; 0 beyond its end.
-uint64_t number_at(Input& input, uint64_t place, size_t size, std::endian order) {
-    std::array<uint8_t, 8> bytes{};
-    uint64_t number = 0;
-    if (input.seek(place) && input.read(bytes.data(), size) == size) {
-        for (size_t i = 0; i < size; ++i) {
-            number = number << 8 | bytes[order == std::endian::big ? i : size - 1 - i];
-        }
-    }
-    return number;
-}
-
-}  // namespace
 
 uint64_t dsd_bytes(Input& input) {
     constexpr uint32_t kDsd = 0x44534420;   // "DSD ": a DSF file, or the sound in a DFF file

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include "reader/inside/sound/input.h"
+#include "reader/inside/input.h"
 
 namespace nuvio::reader {
 

@@ -1,153 +1,112 @@
 #include "reader/inside/flac_sheet.h"
 
-#include <FLAC/metadata.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <memory>
 #include <string_view>
 
-#include "common/released_by.h"
 #include "common/text.h"
+#include "reader/inside/flac_blocks.h"
 #include "reader/inside/sheet.h"
 
 namespace nuvio::reader {
 
 namespace {
 
-// libFLAC's way to the bytes of a descriptor.
-constexpr int descriptor(FLAC__IOHandle handle) {
-    return *static_cast<const int*>(handle);
+// The text of a comment; empty: there is none.
+std::string text_in(Input& input, const FlacBlock& comments) {
+    constexpr std::string_view kName = "CUESHEET=";
+    constexpr uint64_t kMaxComments = 10'000;
+    const auto length_at = [&](uint64_t place) {
+        return number_at(input, place, 4, std::endian::little);
+    };
+    const uint64_t end = comments.place + comments.size;
+    uint64_t at = comments.place + 4 + length_at(comments.place);  // behind the encoder's name
+    uint64_t left = std::min(length_at(at), kMaxComments);
+    for (at += 4; left > 0 && at < end; --left) {
+        const uint64_t size = length_at(at);
+        at += 4;
+        if (size >= kName.size() &&
+            starts_with_ignoring_case(bytes_at(input, at, kName.size()), kName)) {
+            return bytes_at(
+                input, at + kName.size(),
+                static_cast<size_t>(std::min<uint64_t>(size - kName.size(), kMaxSheetBytes)));
+        }
+        at += size;
+    }
+    return "";
 }
 
-size_t read_bytes(void* to, size_t size, size_t count, FLAC__IOHandle handle) {
-    const ssize_t got = size == 0 ? 0 : read(descriptor(handle), to, size * count);
-    return got <= 0 ? 0 : static_cast<size_t>(got) / size;
-}
-
-int seek_bytes(FLAC__IOHandle handle, FLAC__int64 offset, int whence) {
-    return lseek(descriptor(handle), static_cast<off_t>(offset), whence) < 0 ? -1 : 0;
-}
-
-FLAC__int64 tell_bytes(FLAC__IOHandle handle) {
-    return lseek(descriptor(handle), 0, SEEK_CUR);
-}
-
-int is_at_end(FLAC__IOHandle handle) {
-    const int file = descriptor(handle);
-    const off_t place = lseek(file, 0, SEEK_CUR);
-    const off_t end = lseek(file, 0, SEEK_END);
-    lseek(file, place, SEEK_SET);
-    return place >= end ? 1 : 0;
-}
-
-using Chain = std::unique_ptr<FLAC__Metadata_Chain, ReleasedBy<FLAC__metadata_chain_delete>>;
-using Iterator =
-    std::unique_ptr<FLAC__Metadata_Iterator, ReleasedBy<FLAC__metadata_iterator_delete>>;
-
-// The blocks of one file; the pointers lead into its chain.
-struct Blocks {
-    Chain chain;
-    const FLAC__StreamMetadata* info = nullptr;
-    const FLAC__StreamMetadata* comments = nullptr;
-    const FLAC__StreamMetadata* sheet = nullptr;
+struct Entry {
+    uint64_t begin = 0;  // in frames: at its index 1, where it has one
+    uint32_t number = 0;
+    bool is_audio = false;
 };
 
-Blocks blocks_of(const UniqueFd& file) {
-    int handle = file.get();
-    lseek(handle, 0, SEEK_SET);
-    Blocks blocks{Chain(FLAC__metadata_chain_new())};
-    const Iterator iterator(FLAC__metadata_iterator_new());
-    const FLAC__IOCallbacks callbacks{read_bytes, nullptr,   seek_bytes,
-                                      tell_bytes, is_at_end, nullptr};
-    if (!blocks.chain || !iterator ||
-        FLAC__metadata_chain_read_with_callbacks(blocks.chain.get(), &handle, callbacks) == 0) {
-        return blocks;
+// Takes a number from the block's bytes; 0 behind their end.
+uint64_t take_number(std::string_view* bytes, size_t size) {
+    uint64_t number = 0;
+    for (const char byte : bytes->substr(0, size)) {
+        number = number << 8U | static_cast<uint8_t>(byte);
     }
-    FLAC__metadata_iterator_init(iterator.get(), blocks.chain.get());
-    do {
-        const FLAC__StreamMetadata* const block = FLAC__metadata_iterator_get_block(iterator.get());
-        switch (block->type) {
-            case FLAC__METADATA_TYPE_STREAMINFO:
-                blocks.info = block;
-                break;
-            case FLAC__METADATA_TYPE_VORBIS_COMMENT:
-                blocks.comments = block;
-                break;
-            case FLAC__METADATA_TYPE_CUESHEET:
-                blocks.sheet = block;
-                break;
-            default:
-                break;
-        }
-    } while (FLAC__metadata_iterator_next(iterator.get()) != 0);
-    return blocks;
+    bytes->remove_prefix(std::min(size, bytes->size()));
+    return number;
 }
 
-// Empty: there is none.
-std::string_view text_in(const FLAC__StreamMetadata* comments) {
-    constexpr std::string_view kName = "CUESHEET=";
-    for (FLAC__uint32 i = 0; comments != nullptr && i < comments->data.vorbis_comment.num_comments;
-         ++i) {
-        const auto& entry = comments->data.vorbis_comment.comments[i];
-        const std::string_view text(reinterpret_cast<const char*>(entry.entry), entry.length);
-        if (starts_with_ignoring_case(text, kName)) {
-            return text.substr(kName.size(), kMaxSheetBytes);
-        }
-    }
-    return {};
+void skip(std::string_view* bytes, size_t size) {
+    bytes->remove_prefix(std::min(size, bytes->size()));
 }
 
-// Where the track's sound begins, in frames: at its index 1.
-uint64_t begin_of(const FLAC__StreamMetadata_CueSheet_Track& track) {
-    for (size_t i = 0; i < track.num_indices; ++i) {
-        if (track.indices[i].number == 1) {
-            return track.offset + track.indices[i].offset;
-        }
+Entry take_entry(std::string_view* bytes) {
+    constexpr size_t kRecordingCode = 12, kReserved = 13, kIndexReserved = 3;
+    constexpr uint64_t kIsData = 0x80;
+    Entry entry;
+    const uint64_t offset = entry.begin = take_number(bytes, 8);
+    entry.number = static_cast<uint32_t>(take_number(bytes, 1));
+    skip(bytes, kRecordingCode);
+    entry.is_audio = (take_number(bytes, 1) & kIsData) == 0;
+    skip(bytes, kReserved);
+    for (uint64_t left = take_number(bytes, 1); left > 0; --left) {
+        const uint64_t place = take_number(bytes, 8);
+        entry.begin = take_number(bytes, 1) == 1 ? offset + place : entry.begin;
+        skip(bytes, kIndexReserved);
     }
-    return track.offset;
+    return entry;
 }
 
 // The last one is the lead-out: where all ends.
-std::vector<SheetTrack> tracks_in(const FLAC__StreamMetadata_CueSheet& sheet, uint32_t rate_hz,
+std::vector<SheetTrack> tracks_in(Input& input, const FlacBlock& sheet, uint32_t rate_hz,
                                   std::string* fault) {
-    const size_t count = sheet.num_tracks > 0 ? sheet.num_tracks - 1 : 0;
+    constexpr size_t kHead = 395;  // up to the number of tracks
+    const std::string block = bytes_at(input, sheet.place, std::min(sheet.size, kMaxSheetBytes));
+    std::string_view bytes = block;
+    skip(&bytes, kHead);
+    const uint64_t count = take_number(&bytes, 1);
+    std::vector<Entry> entries;
     std::vector<SheetPlace> places;
-    places.reserve(count);
-    for (size_t i = 0; i < count; ++i) {
-        places.push_back({time_us_of(begin_of(sheet.tracks[i]), rate_hz), 0});
+    for (uint64_t n = 0; n + 1 < count; ++n) {
+        entries.push_back(take_entry(&bytes));
+        places.push_back({time_us_of(entries.back().begin, rate_hz), 0});
     }
     const bool is_in_order =
         std::ranges::adjacent_find(places, [](const SheetPlace& one, const SheetPlace& next) {
             return one.begin_us >= next.begin_us;
         }) == places.end();
-    if (count > kMaxSheetTracks || !is_in_order) {
+    if (entries.size() > kMaxSheetTracks || !is_in_order) {
         *fault = "its sheet's tracks are not one behind the other";
         return {};
     }
     const std::vector<Section> parts = parts_of(places);
     std::vector<SheetTrack> tracks;
-    for (size_t i = 0; i < count; ++i) {
-        if (sheet.tracks[i].type == 0) {  // audio
+    for (size_t i = 0; i < entries.size(); ++i) {
+        if (entries[i].is_audio) {
             SheetTrack& track = tracks.emplace_back();
-            track.number = sheet.tracks[i].number;
+            track.number = entries[i].number;
             track.section = parts[i];
         }
     }
     return tracks;
 }
 
-}  // namespace
-
-std::vector<SheetTrack> flac_sheet(const UniqueFd& file, std::string* fault) {
-    const Blocks blocks = blocks_of(file);
-    const uint32_t rate_hz = blocks.info != nullptr ? blocks.info->data.stream_info.sample_rate : 0;
-    const std::string_view text = text_in(blocks.comments);
-    if (text.empty()) {
-        return blocks.sheet != nullptr && rate_hz > 0
-                   ? tracks_in(blocks.sheet->data.cue_sheet, rate_hz, fault)
-                   : std::vector<SheetTrack>();
-    }
+std::vector<SheetTrack> tracks_of_text(std::string_view text, std::string* fault) {
     std::vector<SheetTrack> tracks = parse_sheet(text, fault);
     const bool is_of_one_file = std::ranges::all_of(
         tracks, [&](const SheetTrack& track) { return track.file == tracks.front().file; });
@@ -157,6 +116,31 @@ std::vector<SheetTrack> flac_sheet(const UniqueFd& file, std::string* fault) {
     }
     for (SheetTrack& track : tracks) {
         track.file.clear();
+    }
+    return tracks;
+}
+
+}  // namespace
+
+std::vector<SheetTrack> flac_sheet(Input& input, std::string* fault) {
+    const FlacHead head = flac_head(input);
+    const std::vector<FlacBlock> blocks = flac_blocks(input);
+    std::string text;
+    std::vector<SheetTrack> tracks;
+    for (const FlacBlock& block : blocks) {
+        text = text.empty() && block.type == FlacBlockType::comments ? text_in(input, block) : text;
+    }
+    const auto sheet = std::ranges::find(blocks, FlacBlockType::sheet, &FlacBlock::type);
+    if (!text.empty()) {
+        tracks = tracks_of_text(text, fault);
+    } else if (sheet != blocks.end() && head.rate_hz > 0) {
+        tracks = tracks_in(input, *sheet, head.rate_hz, fault);
+    }
+    const bool is_beyond = tracks.size() > 1 && head.frames > 0 && head.rate_hz > 0 &&
+                           tracks.back().section.begin_us >= time_us_of(head.frames, head.rate_hz);
+    if (is_beyond) {
+        *fault = "its sheet's last track begins behind its end";
+        tracks.clear();
     }
     return tracks;
 }

@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "common/unique_fd.h"
+#include "reader/inside/input.h"
 #include "reader/sheet.h"
 
 namespace nuvio::reader {
 
 // Its tracks, without the name of a file; none where there is no sheet, or one with a fault, which
 // is said; the same of a file that is no FLAC.
-std::vector<SheetTrack> flac_sheet(const UniqueFd& file, std::string* fault);
+std::vector<SheetTrack> flac_sheet(Input& input, std::string* fault);
 
 }  // namespace nuvio::reader

@@ -83,6 +83,14 @@ void make_picture(const Received& received, const Jobs& jobs, PictureAnswer* ans
     }
 }
 
+void read_sheet(Received& received, const Jobs& jobs, Parent& parent, SheetAnswer* answer) {
+    if (received.request.is_remote) {
+        std::swap(received.file, received.memory);
+    }
+    const Shared shared(received.memory, kSheetMemoryBytes);
+    jobs.sheet(received.request, std::move(received.file), shared.bytes(), parent, answer);
+}
+
 void open_sound(Received& received, const Jobs& jobs, Parent& parent, SoundAnswer* answer) {
     if (received.request.is_remote) {
         std::swap(received.file, received.memory);
@@ -93,7 +101,8 @@ void open_sound(Received& received, const Jobs& jobs, Parent& parent, SoundAnswe
 
 void work(Received& received, const Jobs& jobs, Parent& parent, Answer* answer) {
     const Request& request = received.request;
-    const bool is_of_sound = request.job == Job::open_sound || request.job == Job::seek_sound;
+    const bool is_of_sound =
+        request.is_remote || request.job == Job::open_sound || request.job == Job::seek_sound;
     const Clock clock(is_of_sound                      ? kSoundTimes
                       : request.job == Job::read_sound ? kNoTimes  // each block has its own
                                                        : kFileTimes);
@@ -115,8 +124,7 @@ void work(Received& received, const Jobs& jobs, Parent& parent, Answer* answer) 
                 break;
             case Job::sheet:
                 answer->sheet = {};
-                jobs.sheet(received.file, request.is_inside,
-                           Shared(received.memory, kSheetRecordBytes).bytes(), &answer->sheet);
+                read_sheet(received, jobs, parent, &answer->sheet);
                 break;
             case Job::open_sound:
                 answer->sound = {};

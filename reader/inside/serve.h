@@ -42,8 +42,8 @@ struct Jobs {
                            PictureAnswer* answer) = nullptr;
     // `shared`: kPlaylistMemoryBytes.
     void (*playlist)(const Request& request, char* shared, PlaylistAnswer* answer) = nullptr;
-    // `records`: kSheetRecordBytes of shared memory.
-    void (*sheet)(const UniqueFd& file, bool is_inside, char* records,
+    // `file`: none of a remote one. `shared`: kSheetMemoryBytes.
+    void (*sheet)(const Request& request, UniqueFd file, char* shared, Parent& parent,
                   SheetAnswer* answer) = nullptr;
     SoundJobs* sound = nullptr;
     // Before the walls, where the arguments ask for it.

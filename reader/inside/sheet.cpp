@@ -1,14 +1,15 @@
 #include "reader/inside/sheet.h"
 
-#include <unistd.h>
-
 #include <algorithm>
+#include <memory>
 #include <optional>
+#include <utility>
 
 #include "common/number.h"
 #include "common/text.h"
 #include "common/utf8.h"
 #include "reader/inside/flac_sheet.h"
+#include "reader/inside/input.h"
 
 namespace nuvio::reader {
 
@@ -224,21 +225,18 @@ std::vector<SheetTrack> parse_sheet(std::string_view text, std::string* fault) {
 }
 
 // What is beyond kMaxSheetBytes no sheet has.
-static std::string text_in(const UniqueFd& file) {
-    std::string text(kMaxSheetBytes, '\0');
-    size_t size = 0;
-    ssize_t got = 1;
-    for (; got > 0 && size < text.size(); size += static_cast<size_t>(std::max<ssize_t>(got, 0))) {
-        got = pread(file.get(), text.data() + size, text.size() - size, static_cast<off_t>(size));
+void read_sheet(const Request& request, UniqueFd file, char* shared, Parent& parent,
+                SheetAnswer* answer) {
+    std::unique_ptr<Input> input;
+    if (request.is_remote) {
+        input = std::make_unique<RemoteInput>(parent, shared + kSheetRecordBytes, false);
+    } else {
+        input = std::make_unique<FileInput>(std::move(file));
     }
-    text.resize(size);
-    return text;
-}
-
-void read_sheet(const UniqueFd& file, bool is_inside, char* shared, SheetAnswer* answer) {
     std::string fault;
     const std::vector<SheetTrack> tracks =
-        is_inside ? flac_sheet(file, &fault) : parse_sheet(text_in(file), &fault);
+        request.is_inside ? flac_sheet(*input, &fault)
+                          : parse_sheet(bytes_at(*input, 0, kMaxSheetBytes), &fault);
     std::string records;
     for (const SheetTrack& track : tracks) {
         records += record_of(track);

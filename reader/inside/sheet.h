@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "common/unique_fd.h"
+#include "reader/inside/serve.h"
 #include "reader/protocol.h"
 #include "reader/sheet.h"
 
@@ -24,8 +25,9 @@ struct SheetPlace {
 };
 std::vector<Section> parts_of(const std::vector<SheetPlace>& places);
 
-// The job: `shared`, kSheetRecordBytes, is for the records. A FLAC file without a sheet inside has
-// no tracks.
-void read_sheet(const UniqueFd& file, bool is_inside, char* shared, SheetAnswer* answer);
+// The job: the records go to `shared`, kSheetMemoryBytes. A FLAC file without a sheet inside has no
+// tracks.
+void read_sheet(const Request& request, UniqueFd file, char* shared, Parent& parent,
+                SheetAnswer* answer);
 
 }  // namespace nuvio::reader

@@ -277,7 +277,10 @@ void scale_picture_of(const UniqueFd& file, uint32_t edge) {
 // The tracks of one file are the whole of it.
 void read_sheet_of(const UniqueFd& file, bool is_inside) {
     SheetAnswer answer{};
-    read_sheet(file, is_inside, shared_memory(), &answer);
+    Request request{.job = Job::sheet};
+    request.is_inside = is_inside;
+    Parent nobody;  // a file's reader asks for nothing
+    read_sheet(request, UniqueFd(dup(file.get())), shared_memory(), nobody, &answer);
     FUZZ_EXPECT(answer.error[0] == '\0' || answer.bytes == 0);
     std::string_view records(shared_memory(), answer.bytes);
     size_t count = 0;

@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "common/utf8.h"
+#include "reader/inside/flac_blocks.h"
 #include "reader/inside/sound/channel_order.h"
 #include "reader/inside/sound/flac_sound.h"
 #include "reader/inside/sound/heads.h"
@@ -199,6 +200,7 @@ bool Decoder::is_deep(Conversion conversion) {
 std::unique_ptr<Decoder> Decoder::open(Input& input, std::string* error) {
     std::unique_ptr<Decoder> decoder(new Decoder(input));
     const FlacHead head = input.is_radio() ? FlacHead{} : flac_head(input);
+    input.seek(0);
     const SampleSum& sum = head.sum;
     if (is_foreign_reader() || head.bits > kMostBits) {
         decoder->m_foreign =

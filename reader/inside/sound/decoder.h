@@ -15,8 +15,8 @@
 #include <string>
 #include <vector>
 
+#include "reader/inside/input.h"
 #include "reader/inside/sound/foreign_sound.h"
-#include "reader/inside/sound/input.h"
 
 // libsndfile's; its header stays inside the implementation.
 struct sf_private_tag;

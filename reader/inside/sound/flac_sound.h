@@ -4,8 +4,8 @@
 #include <memory>
 #include <string>
 
+#include "reader/inside/input.h"
 #include "reader/inside/sound/foreign_sound.h"
-#include "reader/inside/sound/input.h"
 
 namespace nuvio::reader {
 

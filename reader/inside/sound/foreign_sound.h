@@ -9,7 +9,7 @@
 #include <optional>
 #include <string>
 
-#include "reader/inside/sound/input.h"
+#include "reader/inside/input.h"
 
 namespace nuvio::reader {
 

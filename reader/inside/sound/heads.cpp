@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "reader/inside/flac_blocks.h"
+
 namespace nuvio::reader {
 
 namespace {
@@ -76,47 +78,18 @@ std::optional<uint64_t> hidden_float_format(Input& input) {
 }
 
 std::optional<uint64_t> flac_frames(Input& input) {
-    constexpr size_t kBlockFrames = 8;
     constexpr uint64_t kLookedThrough = uint64_t{128} << 10U;
-    const std::string head = bytes_at(input, 0, kHeadBytes);
+    const FlacHead head = flac_head(input);
     const uint64_t length = input.length().value_or(0);
     const uint64_t from = length - std::min(length, kLookedThrough);
-    const std::string end = bytes_at(input, from, kLookedThrough);
+    const bool is_flac = head.bits > 0 && !head.is_in_ogg;
+    const std::string end = is_flac ? bytes_at(input, from, kLookedThrough) : "";
     input.seek(0);
-    const uint64_t block_frames =
-        uint64_t{byte_at(head, kBlockFrames)} << 8U | byte_at(head, kBlockFrames + 1);
     std::optional<uint64_t> frames;
-    for (size_t at = end.size(); head.starts_with("fLaC") && at > 0 && !frames; --at) {
-        frames = frames_with_block(std::string_view(end).substr(at - 1), block_frames);
+    for (size_t at = end.size(); at > 0 && !frames; --at) {
+        frames = frames_with_block(std::string_view(end).substr(at - 1), head.block_frames);
     }
     return frames;
-}
-
-// Its first block's head stands behind the word, then come two sizes each of a block and its bytes,
-// 20 bits of rate, 3 of channels, 5 of a sample's bits, 36 of frames and the sum.
-FlacHead flac_head(Input& input) {
-    constexpr std::string_view kWord = "fLaC";
-    constexpr size_t kInOgg = 37;  // of a first page with a packet of FLAC's
-    constexpr size_t kBits = 20, kFrames = 21, kSum = 26;
-    const std::string bytes = bytes_at(input, 0, kHeadBytes);
-    input.seek(0);
-    const size_t begin = bytes.starts_with("OggS") ? kInOgg : 0;
-    if (bytes.size() < begin + kSum + SampleSum::kBytes ||
-        bytes.compare(begin, kWord.size(), kWord) != 0) {
-        return {};
-    }
-    const std::string_view flac = std::string_view(bytes).substr(begin);
-    FlacHead head;
-    head.bits = ((byte_at(flac, kBits) & 1U) << 4U | byte_at(flac, kFrames) >> 4U) + 1;
-    SampleSum sum{{}, head.bits, byte_at(flac, kFrames) & 0xfU};
-    std::copy_n(flac.begin() + kSum, SampleSum::kBytes, sum.md5);
-    for (size_t at = kFrames + 1; at < kSum; ++at) {
-        sum.frames = sum.frames << 8U | byte_at(flac, at);
-    }
-    const bool has_sum =
-        std::any_of(std::begin(sum.md5), std::end(sum.md5), [](uint8_t byte) { return byte != 0; });
-    head.sum = has_sum ? sum : SampleSum{};
-    return head;
 }
 
 }  // namespace nuvio::reader

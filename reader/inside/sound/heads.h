@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <optional>
 
-#include "reader/inside/sound/input.h"
+#include "reader/inside/input.h"
 #include "reader/protocol.h"
 
 namespace nuvio::reader {
@@ -20,12 +20,5 @@ inline constexpr uint16_t kFloatFormat = 3;
 // Of a FLAC file of known length whose head does not count its frames: how many there are by the
 // last block's head; none where that is not found.
 std::optional<uint64_t> flac_frames(Input& input);
-
-// Of a FLAC file, in Ogg too, what its head says; nothing of any other file.
-struct FlacHead {
-    uint32_t bits = 0;  // of a sample
-    SampleSum sum{};
-};
-FlacHead flac_head(Input& input);
 
 }  // namespace nuvio::reader

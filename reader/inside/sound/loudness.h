@@ -2,7 +2,7 @@
 // LUFS.
 #pragma once
 
-#include "reader/inside/sound/input.h"
+#include "reader/inside/input.h"
 #include "reader/protocol.h"
 
 namespace nuvio::reader {

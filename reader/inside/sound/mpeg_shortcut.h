@@ -13,7 +13,7 @@
 #include <optional>
 #include <string>
 
-#include "reader/inside/sound/input.h"
+#include "reader/inside/input.h"
 
 namespace nuvio::reader {
 

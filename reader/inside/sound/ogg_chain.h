@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "reader/inside/sound/input.h"
+#include "reader/inside/input.h"
 
 namespace nuvio::reader {
 

@@ -13,7 +13,7 @@
 #include <optional>
 
 #include "common/released_by.h"
-#include "reader/inside/sound/input.h"
+#include "reader/inside/input.h"
 #include "reader/inside/sound/ogg_end.h"
 
 namespace nuvio::reader {

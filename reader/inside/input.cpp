@@ -1,4 +1,4 @@
-#include "reader/inside/sound/input.h"
+#include "reader/inside/input.h"
 
 #include <unistd.h>
 
@@ -13,12 +13,6 @@ namespace {
 constexpr uint64_t kMaxPosition = INT64_MAX;
 
 }  // namespace
-
-std::string bytes_at(Input& input, uint64_t place, size_t size) {
-    std::string bytes(size, '\0');
-    bytes.resize(input.seek(place) ? input.read(bytes.data(), size) : 0);
-    return bytes;
-}
 
 // ---- A file -------------------------------------------------------------------------------------
 

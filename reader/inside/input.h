@@ -3,6 +3,7 @@
 // One thread; reading blocks on the file, or on the parent.
 #pragma once
 
+#include <bit>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -35,7 +36,22 @@ class Input {
 };
 
 // The bytes from a place on, fewer at the end; none where it can't go there.
-std::string bytes_at(Input& input, uint64_t place, size_t size);
+inline std::string bytes_at(Input& input, uint64_t place, size_t size) {
+    std::string bytes(size, '\0');
+    bytes.resize(input.seek(place) ? input.read(bytes.data(), size) : 0);
+    return bytes;
+}
+
+// The number of `size` bytes at a place; 0 beyond the end.
+inline uint64_t number_at(Input& input, uint64_t place, size_t size, std::endian order) {
+    uint64_t number = 0;
+    const std::string bytes = bytes_at(input, place, size);
+    for (size_t i = 0; i < size && bytes.size() == size; ++i) {
+        const char byte = bytes[order == std::endian::big ? i : size - 1 - i];
+        number = number << 8U | static_cast<uint8_t>(byte);
+    }
+    return number;
+}
 
 class FileInput : public Input {
   public:
