@@ -414,6 +414,17 @@ class Network(unittest.TestCase):
                     self.assertEqual(self.read(url, "cancel_after_ms=300").failure, "cancelled")
                     self.assertLess(time.monotonic() - begun, 5)  # others wait for 10 and 60
 
+    def flac_with_sheet(self, name, second):
+        """Of two tracks, behind a cover."""
+        write_wav(f"{self.d}/sheet.wav", signal_samples(2 * CD), CD)
+        self.write("inside.cue", "FILE a WAVE\nTRACK 1 AUDIO\nINDEX 1 00:00:00\n"
+                   f"TRACK 2 AUDIO\nINDEX 1 {second}\n")
+        self.write("cover", "x" * 900_000)
+        for command in ([["flac", "-s", "-f", "-o", name, "sheet.wav"],
+                         ["metaflac", "--import-picture-from=3|image/jpeg||9x9x24|cover", name],
+                         ["metaflac", "--import-cuesheet-from=inside.cue", name]]):
+            subprocess.run(command, cwd=self.d, check=True)
+
     def test_playlists(self):
         other = f"http://127.0.0.1:{self.other}"
         local = "file:///etc/passwd"
@@ -441,6 +452,8 @@ class Network(unittest.TestCase):
                  f"FILE {other}/echo WAVE\r\n  TRACK 03 AUDIO\r\n    INDEX 01 00:00:00\r\n")
         self.write("sheet", sheet % "30")
         self.write("faulty.cue", sheet % "75")
+        for name, second in ("inside.flac", "00:01:00"), ("beyond.flac", "59:01:00"):
+            self.flac_with_sheet(name, second)
         p = f"{self.base}/plain"
         a = [f"{p}/file%20one|Ä title||||0", f"{self.base}/etc/x|||||0"]
         for name, tracks in [
@@ -449,6 +462,9 @@ class Network(unittest.TestCase):
                 ("c.xspf", [f"{self.base}/c?a=1&b=2|T|C|A|{p}/i.png|5", f"{p}/e|||||0"]),
                 ("deep.xspf", [f"{p}/file|||||0"]), ("wide", []),
                 ("d", [f"{p}/x|J|C|A|{p}/i|7", f"{p}/y|||||0"]), ("bomb.xspf", []), ("self.m3u", []),
+                ("inside.flac", [f"{p}/inside.flac#t=0.000000,1.000000|Track 1||||1000",
+                                 f"{p}/inside.flac#t=1.000000|Track 2||||0"]),
+                ("beyond.flac", [f"{p}/beyond.flac|||||0"]),
                 ("hls.m3u", [f"{p}/hls.m3u|||||0"]), ("faulty.cue", []),
                 ("sheet", [f"{p}/CD%201/a%20%231.flac#t=0.000000,1.400000|One|Band|||1400",
                            f"{p}/CD%201/a%20%231.flac#t=1.400000|Track 2|Band|||0",
@@ -459,3 +475,4 @@ class Network(unittest.TestCase):
                 self.assertEqual(result.body.decode().splitlines(), tracks, result.log)
                 self.assertEqual(result.failure == "none", bool(tracks), result.log)
                 self.assertEqual("line 8: no time" in result.error, name == "faulty.cue", result.log)
+                self.assertEqual("last track begins" in result.error, name == "beyond.flac", result.log)

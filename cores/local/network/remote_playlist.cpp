@@ -82,6 +82,23 @@ bool is_stream_playlist(std::string_view text) {
     return text.starts_with(kStreamPlaylistMark) && text.find("#EXT-X-") != std::string_view::npos;
 }
 
+std::vector<RemoteTrack> parts_of(RemoteTrack track,
+                                  const std::vector<nuvio::reader::SheetTrack>& sheet) {
+    if (sheet.size() < 2) {
+        return {std::move(track)};
+    }
+    std::vector<RemoteTrack> parts;
+    for (const nuvio::reader::SheetTrack& part : sheet) {
+        RemoteTrack& added = parts.emplace_back(track);
+        added.title = text_for_display(title_of(part));
+        added.creator = part.artist.empty() ? track.creator : text_for_display(part.artist);
+        added.album = part.album.empty() ? track.album : text_for_display(part.album);
+        added.duration_ms = part.section.length_ms();
+        added.section = part.section;
+    }
+    return parts;
+}
+
 std::vector<RemoteTrack> resolved_tracks(const std::vector<nuvio::reader::ListedTrack>& listed,
                                          const std::string& base) {
     std::vector<RemoteTrack> tracks;

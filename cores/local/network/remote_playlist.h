@@ -13,6 +13,7 @@
 #include "common/music/section.h"
 #include "reader/playlist.h"
 #include "reader/protocol.h"
+#include "reader/sheet.h"
 
 namespace local_core {
 
@@ -37,6 +38,10 @@ PlaylistFormat playlist_format(std::string_view content_type, std::string_view h
 // begins with the mark.
 constexpr std::string_view kStreamPlaylistMark = "#EXTM3U";
 bool is_stream_playlist(std::string_view text);
+
+// The track itself, or the tracks that the sheet inside its file makes of it.
+std::vector<RemoteTrack> parts_of(RemoteTrack track,
+                                  const std::vector<nuvio::reader::SheetTrack>& sheet);
 
 // Of what a playlist says, whatever that is: entries without a usable URL are passed over. `base`
 // is the playlist's own URL. Pure; any thread.

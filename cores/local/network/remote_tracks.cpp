@@ -5,6 +5,8 @@
 #include <utility>
 
 #include "common/text.h"
+#include "local/network/source_bytes.h"
+#include "reader/client/music_reader.h"
 #include "reader/client/playlist_reader.h"
 
 namespace local_core {
@@ -35,7 +37,11 @@ class Finder {
             return false;
         }
         if (found.format == PlaylistFormat::none || is_stream_playlist(found.text)) {
-            add(std::move(track));
+            const bool is_part = !track.section.is_whole();
+            for (RemoteTrack& part :
+                 parts_of(std::move(track), is_part ? Sheet() : std::move(found.sheet))) {
+                add(std::move(part));
+            }
         } else {
             add_all(read_playlist(found), depth);
         }
@@ -45,12 +51,15 @@ class Finder {
     std::vector<RemoteTrack> tracks;
     HttpFailure failure = HttpFailure::none;
     std::string error;
+    std::string note;  // on a sheet
 
   private:
+    using Sheet = std::vector<nuvio::reader::SheetTrack>;
     struct Found {
         PlaylistFormat format = PlaylistFormat::none;
         std::string text;  // of a playlist
         std::string base;  // what its relative URLs refer to
+        Sheet sheet;       // inside a file
     };
 
     bool look_at(const std::string& url, Found* found) {
@@ -66,6 +75,8 @@ class Finder {
         }
         if (found->format != PlaylistFormat::none) {
             read_rest(source, &found->text);
+        } else if (found->text.starts_with("fLaC") && !content->is_radio) {
+            found->sheet = sheet_in(source);
         }
         if (source.failure() != HttpFailure::none) {
             failure = source.failure();
@@ -94,6 +105,19 @@ class Finder {
         }
         return resolved_tracks(std::get<std::vector<nuvio::reader::ListedTrack>>(listed),
                                found.base);
+    }
+
+    // One that is no good leaves its file whole.
+    Sheet sheet_in(HttpSource& source) {
+        nuvio::reader::MusicReader reader;
+        const Interruption::Watch watch(m_interruption, [&reader] { reader.interrupt(); });
+        SourceBytes bytes(source, false);
+        auto sheet = reader.sheet_inside(bytes);
+        if (const auto* const failed = std::get_if<nuvio::reader::Failure>(&sheet)) {
+            note = "not taken apart: " + failed->reason;
+            return {};
+        }
+        return std::get<Sheet>(std::move(sheet));
     }
 
     // One byte more than is allowed shows that it is too large.
@@ -139,7 +163,7 @@ std::vector<RemoteTrack> find_remote_tracks(const HttpRequest& request, const Re
     whole.url = request.url;
     finder.find(std::move(whole), 0);
     *failure = finder.tracks.empty() ? finder.failure : HttpFailure::none;
-    *error = finder.tracks.empty() ? finder.error : "";
+    *error = finder.tracks.empty() ? finder.error : finder.note;
     if (finder.tracks.empty() && *failure == HttpFailure::none) {
         *failure = HttpFailure::missing;
         *error = "the playlist names nothing that can be played";

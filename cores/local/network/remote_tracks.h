@@ -19,8 +19,10 @@ struct RemoteLimits {
 };
 
 // What the request's URL names: its tracks in order, or itself as the only one when it is no
-// playlist. A playlist's only entry, and entries named like playlists, are asked what they are. An
-// inner playlist that can't be had is passed over; empty, with *error set, where nothing is left.
+// playlist. A playlist's only entry, and entries named like playlists, are asked what they are. A
+// FLAC file that is asked is its tracks, where a sheet is inside. An inner playlist that can't be
+// had is passed over; empty, with *failure and *error set, where nothing is left. Else *error says
+// which sheet is no good, if one is.
 // The request's token goes with what lies on its origin alone. Blocks as HttpSource::open() does,
 // until the interruption at the latest.
 std::vector<RemoteTrack> find_remote_tracks(const HttpRequest& request, const RemoteLimits& limits,

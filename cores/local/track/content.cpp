@@ -152,7 +152,7 @@ std::vector<Track> remote_tracks(const std::string& url, const std::string& toke
                           std::move(found.album), std::move(found.image),
                           found.duration_ms.value_or(0), found.section, request});
     }
-    if (tracks.empty() && failure != HttpFailure::cancelled) {
+    if (!error.empty() && failure != HttpFailure::cancelled) {
         logger.write(LogLevel::warning, kContentFetcher, "%s: %s", display_location(url).c_str(),
                      display_text(error).c_str());
     }

@@ -26,38 +26,6 @@ nuv_audio_format format_of(uint32_t rate_hz, uint32_t channels, bool is_deep) {
 
 }  // namespace
 
-// What its source has of a remote track.
-class TrackDecoder::SourceBytes : public reader::RemoteBytes {
-  public:
-    SourceBytes(RemoteSource& source, bool is_radio) : m_source(source), m_is_radio(is_radio) {}
-
-    bool is_radio() const override { return m_is_radio; }
-
-    reader::Bytes read(uint64_t place, char* to, size_t wanted, size_t room) override {
-        if (!m_source.seek(place)) {
-            return said_of(place, 0, false);
-        }
-        size_t got = m_source.read(to, wanted);
-        if (got == wanted) {
-            got += m_source.look_ahead(to + got, room - got);
-        }
-        if (const auto next = m_source.run_behind(place)) {
-            got = static_cast<size_t>(std::min<uint64_t>(got, *next - place));
-        }
-        return said_of(place, got, true);
-    }
-
-  private:
-    reader::Bytes said_of(uint64_t place, size_t got, bool is_reached) const {
-        const auto length = m_is_radio ? std::nullopt : m_source.length();
-        return {place,      length.value_or(reader::Bytes::kUnknown), static_cast<uint32_t>(got),
-                is_reached, m_source.failure() != HttpFailure::none,  m_source.begins_run(place)};
-    }
-
-    RemoteSource& m_source;
-    const bool m_is_radio;
-};
-
 std::string TrackInfo::conversion() const {
     if (!is_converted(inside, format) && gain_db == 0) {
         return "";

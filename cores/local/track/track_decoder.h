@@ -18,6 +18,7 @@
 #include "local/network/http_source.h"
 #include "local/network/interruption.h"
 #include "local/network/remote_source.h"
+#include "local/network/source_bytes.h"
 #include "local/track/content.h"
 #include "local/track/output.h"
 #include "reader/client/sound_reader.h"
@@ -118,8 +119,6 @@ class TrackDecoder {
     bool has_lied() const { return m_has_lied; }
 
   private:
-    class SourceBytes;
-
     explicit TrackDecoder(const Output& output);
     bool open_local(const Track& track, Interruption& interruption, OpenFailure* failure);
     std::optional<HttpContent> open_source(const HttpRequest& request, Interruption& interruption);
