@@ -29,7 +29,8 @@ HttpSource::HttpSource(HttpRequest request)
     : RemoteSource(request.read_ahead_bytes),
       m_request(std::move(request)),
       m_transfer({[this](std::string_view line) { return take_line(line); },
-                  [this](std::string_view bytes) { return take_body(bytes); }}) {
+                  [this](std::string_view bytes) { return take_body(bytes); }},
+                 m_request.connections) {
     const auto url = nuvio::resolve_url("", m_request.url);
     if (!url) {
         fail(HttpFailure::unusable, "not a URL of http or https");

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -39,6 +40,8 @@ struct HttpRequest {
     std::chrono::milliseconds give_up_after = std::chrono::seconds(60);
     // A connection without a byte for so long is made anew.
     std::chrono::seconds stalled_after = std::chrono::seconds(10);
+    // Of earlier sources, and for later ones; null: its own.
+    std::shared_ptr<HttpTransfer::Connections> connections{};
 };
 
 struct HttpContent {

@@ -121,9 +121,41 @@ class HttpTransfer::AbandonedLookups {
     std::deque<std::unique_ptr<Handles>> m_handles;
 };
 
-HttpTransfer::HttpTransfer(Handlers handlers) : m_handlers(std::move(handlers)) {
+// The newest ones are taken first: whoever comes again finds its own.
+class HttpTransfer::Connections {
+  public:
+    std::unique_ptr<Handles> take() {
+        const std::lock_guard lock(m_mutex);
+        if (m_handles.empty()) {
+            return std::make_unique<Handles>();
+        }
+        std::unique_ptr<Handles> handles = std::move(m_handles.back());
+        m_handles.pop_back();
+        return handles;
+    }
+
+    void keep(std::unique_ptr<Handles> handles) {
+        const std::lock_guard lock(m_mutex);
+        if (m_handles.size() < kMost) {
+            m_handles.push_back(std::move(handles));
+        }
+    }
+
+  private:
+    static constexpr size_t kMost = 2;
+
+    std::mutex m_mutex;
+    std::vector<std::unique_ptr<Handles>> m_handles;
+};
+
+std::shared_ptr<HttpTransfer::Connections> HttpTransfer::make_connections() {
+    return std::make_shared<Connections>();
+}
+
+HttpTransfer::HttpTransfer(Handlers handlers, std::shared_ptr<Connections> connections)
+    : m_handlers(std::move(handlers)), m_connections(std::move(connections)) {
     initialise_library();
-    m_handles = std::make_unique<Handles>();
+    m_handles = m_connections ? m_connections->take() : std::make_unique<Handles>();
 }
 
 HttpTransfer::~HttpTransfer() {
@@ -131,6 +163,9 @@ HttpTransfer::~HttpTransfer() {
         AbandonedLookups::instance().add(std::move(m_handles));
     } else {
         stop();
+        if (m_connections) {
+            m_connections->keep(std::move(m_handles));
+        }
     }
 }
 

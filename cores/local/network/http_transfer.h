@@ -35,8 +35,12 @@ class HttpTransfer {
         std::string error;
     };
 
+    // Connections that are kept for the next transfer which is given them. Any thread.
+    class Connections;
+    static std::shared_ptr<Connections> make_connections();
+
     // None of the handlers is called but from perform() and resume().
-    explicit HttpTransfer(Handlers handlers);
+    explicit HttpTransfer(Handlers handlers, std::shared_ptr<Connections> connections = nullptr);
     // Does not wait, not even for a name that is being looked up. What looks it up lasts until the
     // system gives up; of so many that were left behind another one has to wait, see start().
     ~HttpTransfer();
@@ -64,6 +68,7 @@ class HttpTransfer {
     static size_t on_body(char* bytes, size_t, size_t size, void* self);
 
     Handlers m_handlers;
+    const std::shared_ptr<Connections> m_connections;
     std::unique_ptr<Handles> m_handles;
     bool m_is_active = false;
 };
