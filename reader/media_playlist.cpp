@@ -28,12 +28,13 @@ std::optional<MediaPart> take_part(std::string_view* record) {
 std::optional<MediaSegment> take_segment(std::string_view* record) {
     auto part = take_part(record);
     auto title = take_text(record);
+    const auto duration_us = take_number<uint64_t>(record);
     const auto init = take_number<uint32_t>(record);
     const auto is_cut = take_number<uint8_t>(record);
-    if (!part || !title || !init || !is_cut) {
+    if (!part || !title || !duration_us || !init || !is_cut) {
         return std::nullopt;
     }
-    return MediaSegment{std::move(*part), std::move(*title), *init, *is_cut != 0};
+    return MediaSegment{std::move(*part), std::move(*title), *duration_us, *init, *is_cut != 0};
 }
 
 }  // namespace
@@ -52,6 +53,7 @@ std::string record_of(const MediaPlaylist& playlist) {
     for (const MediaSegment& segment : playlist.segments) {
         put_part(&record, segment.part);
         put_text(&record, segment.title);
+        put_number(&record, segment.duration_us);
         put_number(&record, segment.init);
         put_number(&record, static_cast<uint8_t>(segment.is_cut));
     }

@@ -22,9 +22,10 @@ struct MediaSegment {
     static constexpr uint32_t kNoInit = UINT32_MAX;
 
     MediaPart part;
-    std::string title;        // as written
-    uint32_t init = kNoInit;  // which of the playlist's, that goes before it
-    bool is_cut = false;      // it does not go on from the one before
+    std::string title;         // as written
+    uint64_t duration_us = 0;  // 0: not said
+    uint32_t init = kNoInit;   // which of the playlist's, that goes before it
+    bool is_cut = false;       // it does not go on from the one before
 };
 
 struct MediaPlaylist {

@@ -66,11 +66,12 @@ struct Bytes {
     static constexpr uint64_t kUnknown = UINT64_MAX;
 
     uint64_t place;
-    uint64_t length;  // of the whole sound
-    uint32_t size;    // 0: the end, or nothing to be had
-    bool is_reached;  // false: it can't be gone to the place
-    bool has_failed;  // nothing more will come
-    bool begins_run;  // something else begins at the place, and is to be opened anew
+    uint64_t length;       // of the whole sound
+    uint32_t size;         // 0: the end, or nothing to be had
+    bool is_reached;       // false: it can't be gone to the place
+    bool has_failed;       // nothing more will come
+    bool begins_run;       // something else begins at the place, and is to be opened anew
+    uint64_t time_us = 0;  // of that, where a time was asked for
 };
 
 // Whether a sound is made as loud as its tags say: by those of the track or of the album, or, where
@@ -121,6 +122,7 @@ struct Request {
     bool is_remote = false;
     // Of a sound that is opened.
     bool is_radio = false;
+    uint64_t duration_us = 0;  // of a radio that has an end; else 0
     OutputFormats output{};
     Section section{};
     uint32_t block_bytes = 0;  // to be read into each block
@@ -208,6 +210,7 @@ struct SeekAnswer {
 struct WantedBytes {
     uint64_t place;
     uint32_t size;  // at least, unless the sound ends before
+    Truth is_time;  // no bytes: `place` is a time in microseconds, to be gone to
 };
 
 struct Answer {

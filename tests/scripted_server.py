@@ -5,15 +5,19 @@ import threading
 
 
 class ScriptedServer(http.server.ThreadingHTTPServer):
-    """Calls `answer(handler, first byte asked)` for each request."""
+    """Calls `answer(handler, first byte asked)` for each request. `keeps`: connections."""
 
-    def __init__(self, answer):
+    def __init__(self, answer, keeps=False):
+        self.connections = 0
+
         class Handler(http.server.BaseHTTPRequestHandler):
+            protocol_version = "HTTP/1.1" if keeps else "HTTP/1.0"
+
             def do_GET(self):
                 asked = self.headers.get("Range", "bytes=0-")
                 with contextlib.suppress(ConnectionError):
                     answer(self, int(asked.split("=")[1].rstrip("-")))
-                self.close_connection = True
+                self.close_connection = not keeps
 
             def head(self, status, **fields):
                 self.send_response(status)
@@ -32,6 +36,10 @@ class ScriptedServer(http.server.ThreadingHTTPServer):
         self.daemon_threads = True
         self.url = f"http://127.0.0.1:{self.server_port}/"
         threading.Thread(target=self.serve_forever, args=(0.05,), daemon=True).start()
+
+    def process_request(self, *arguments):
+        self.connections += 1
+        super().process_request(*arguments)
 
     def __exit__(self, *arguments):
         self.shutdown()

@@ -63,7 +63,8 @@ class Fetching : public Questions::Meanwhile {
     Heard heard(const Answer& said, Request* reply) override {
         constexpr int kMostTimes = 500;
         constexpr size_t kPieceBytes = size_t{64} << 10U;
-        if (said.status != Status::wants_bytes || m_bytes == nullptr || ++m_times > kMostTimes) {
+        if (said.status != Status::wants_bytes || said.wanted.is_time != 0 || m_bytes == nullptr ||
+            ++m_times > kMostTimes) {
             return Heard::lie;
         }
         const size_t wanted = std::min<size_t>(said.wanted.size, kWindowBytes);

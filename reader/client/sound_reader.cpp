@@ -137,9 +137,11 @@ class SoundReader::Waiting : public Questions::Meanwhile {
             m_on_news();
         }
         m_sound.m_is_fetching = true;
-        reply->bytes =
-            m_sound.m_remote->read(said.wanted.place, m_sound.m_shared + kWindowPlace,
-                                   std::min<size_t>(said.wanted.size, kWindowBytes), kWindowBytes);
+        reply->bytes = said.wanted.is_time != 0
+                           ? m_sound.m_remote->go_to_time(said.wanted.place)
+                           : m_sound.m_remote->read(
+                                 said.wanted.place, m_sound.m_shared + kWindowPlace,
+                                 std::min<size_t>(said.wanted.size, kWindowBytes), kWindowBytes);
         if (m_on_news) {
             m_on_news();
         }
@@ -175,6 +177,7 @@ Outcome<Sound> SoundReader::open(const OutputFormats& output, const Section& sec
     request.section = section;
     request.is_remote = m_remote != nullptr;
     request.is_radio = request.is_remote && m_remote->is_radio();
+    request.duration_us = request.is_remote ? m_remote->duration_us().value_or(0) : 0;
     std::string reason;
     for (const char* option : {"--sound", "--module"}) {
         m_questions.rest(option);

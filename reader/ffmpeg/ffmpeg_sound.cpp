@@ -7,6 +7,7 @@
 #include <string_view>
 #include <utility>
 
+#include "common/music/section.h"
 #include "reader/ffmpeg/adts_index.h"
 #include "reader/ffmpeg/container.h"
 #include "reader/ffmpeg/handles.h"
@@ -26,6 +27,7 @@ constexpr int kMaxChannels = 32;
 constexpr int kShallowBits = 16;
 // A decoder of overlapping frames is right from the second one on.
 constexpr int64_t kRunUpFrames = 8192;
+constexpr int64_t kOverlapFrames = 2048;
 
 class FfmpegSound : public ForeignSound {
   public:
@@ -65,7 +67,12 @@ class FfmpegSound : public ForeignSound {
         m_info.seekable = m_input.length().has_value();
         const bool is_guess =
             m_container->duration_estimation_method == AVFMT_DURATION_FROM_BITRATE;
-        if (m_adts) {
+        if (const auto duration_us = m_input.duration_us()) {
+            m_info.frames =
+                nearest_frame(std::min(*duration_us, Section::kLongest), m_info.sample_rate);
+            m_info.is_guess = m_info.seekable = true;
+            m_first_us = time_told_us();
+        } else if (m_adts) {
             count_packets();
         } else if (m_info.seekable && stream.duration > 0 && !is_guess) {
             m_info.frames = static_cast<uint64_t>(frames_of(stream, edits_a_second));
@@ -106,6 +113,9 @@ class FfmpegSound : public ForeignSound {
         if (m_adts) {
             return go_to_packet_of(frame);
         }
+        if (m_input.duration_us()) {
+            return go_to_time_of(frame);
+        }
         // Below 0 lies what a decoder runs in with; not every format has such places.
         const auto target = static_cast<int64_t>(frame);
         const int64_t from = target - kRunUpFrames;
@@ -135,6 +145,80 @@ class FfmpegSound : public ForeignSound {
                decode_up_to(target, is_first);
     }
 
+    // Of a stream in segments, in microseconds; none where its container does not tell times that
+    // go on from one to the next.
+    std::optional<int64_t> time_told_us() const {
+        const std::string_view kind = m_container->iformat->name;
+        const AVStream& stream = *m_container->streams[m_stream];
+        return m_frame->pts == AV_NOPTS_VALUE || kind == "aac"
+                   ? std::nullopt
+                   : std::optional(av_rescale_q(m_frame->pts, stream.time_base, {1, 1'000'000}));
+    }
+
+    // Of the frame that was decoded last, in a segment that begins there by the playlist: lengths
+    // in that are rounded. Behind a cut a container may tell any time.
+    uint64_t time_at(uint64_t begin_us) const {
+        constexpr uint64_t kAlwaysOff = 2'000'000, kOffBy = 16;
+        const uint64_t most = kAlwaysOff + begin_us / kOffBy;
+        const auto told_us = time_told_us();
+        const int64_t since_us = told_us && m_first_us ? *told_us - *m_first_us : -1;
+        const auto now_us = static_cast<uint64_t>(std::max<int64_t>(since_us, 0));
+        const uint64_t off = now_us > begin_us ? now_us - begin_us : begin_us - now_us;
+        return since_us < 0 || off > most ? begin_us : now_us;
+    }
+
+    // Goes to the segment before it, and decodes on from there. Where a segment begins later than
+    // its playlist says, begins with one that is earlier by that.
+    bool go_to_time_of(uint64_t frame) {
+        constexpr int kTries = 3;
+        const auto target = static_cast<int64_t>(frame);
+        int64_t from = std::max<int64_t>(target - kRunUpFrames, 0);
+        bool is_there = false;
+        for (int n = 0; n < kTries && !is_there; ++n) {
+            const auto begin_us =
+                m_input.go_to_time(time_us_of(static_cast<uint64_t>(from), m_info.sample_rate));
+            m_container.reset();
+            if (begin_us == 0U && m_left_out == 0) {
+                m_decoder.reset();
+            }
+            if (!begin_us || open_stream() < 0) {
+                return false;
+            }
+            forget_decoded();
+            if (!decode()) {
+                return false;
+            }
+            const uint64_t now_us = time_at(*begin_us);
+            const auto first = static_cast<int64_t>(
+                nearest_frame(std::min(now_us, Section::kLongest), m_info.sample_rate));
+            is_there = first + kOverlapFrames <= target || from == 0;
+            from = std::max<int64_t>(from - (first - target) - kRunUpFrames, 0);
+            if (is_there && !skip(std::max<int64_t>(target - first, 0))) {
+                return false;
+            }
+        }
+        m_position = frame;
+        return is_there;
+    }
+
+    // From the frame on that was decoded last.
+    bool skip(int64_t frames) {
+        while (frames >= m_frame->nb_samples) {
+            frames -= m_frame->nb_samples;
+            if (!decode()) {
+                return false;
+            }
+        }
+        m_used = static_cast<int>(frames);
+        return true;
+    }
+
+    void forget_decoded() {
+        avcodec_flush_buffers(m_decoder.get());
+        av_frame_unref(m_ahead.get());
+        m_used = m_frame->nb_samples = 0;
+    }
+
     bool go_to_packet_of(uint64_t frame) {
         constexpr uint64_t kRunUp = kRunUpFrames / AdtsIndex::kPacketFrames;
         const uint64_t packet = frame / m_packet_frames + m_left_out;
@@ -157,11 +241,8 @@ class FfmpegSound : public ForeignSound {
             if (open_decoder(m_decoder->codec) < 0) {
                 return false;
             }
-        } else {
-            avcodec_flush_buffers(m_decoder.get());
         }
-        av_frame_unref(m_ahead.get());
-        m_used = m_frame->nb_samples = 0;
+        forget_decoded();
         while (decode()) {
             const int64_t told = av_rescale_q(m_frame->pts == AV_NOPTS_VALUE ? 0 : m_frame->pts,
                                               stream.time_base, per_frame);
@@ -318,7 +399,7 @@ class FfmpegSound : public ForeignSound {
     }
 
     bool receive(AVFrame& frame) {
-        for (;;) {
+        while (m_decoder) {
             const int received = avcodec_receive_frame(m_decoder.get(), &frame);
             if (received == 0 && frame.nb_samples > 0) {
                 return true;
@@ -330,6 +411,7 @@ class FfmpegSound : public ForeignSound {
                 return false;
             }
         }
+        return false;
     }
 
     // Where the sound of a packet, which is one frame, begins, if libavformat does not know.
@@ -382,7 +464,7 @@ class FfmpegSound : public ForeignSound {
 
     // Where the container's bytes end others may begin.
     int read_packet() {
-        int got = av_read_frame(m_container.get(), m_packet.get());
+        int got = m_container ? av_read_frame(m_container.get(), m_packet.get()) : AVERROR_EOF;
         while (got == AVERROR_EOF && m_input.next_run()) {
             m_container.reset();
             got = open_stream();
@@ -396,7 +478,9 @@ class FfmpegSound : public ForeignSound {
         for (;;) {
             const int got = read_packet();
             m_error = got < 0 && got != AVERROR_EOF ? text_of(got) : "";
-            note_texts(got >= 0);
+            if (m_container) {
+                note_texts(got >= 0);
+            }
             const bool is_ours = got >= 0 && m_packet->stream_index == m_stream;
             const int sent = got < 0   ? avcodec_send_packet(m_decoder.get(), nullptr)
                              : is_ours ? avcodec_send_packet(m_decoder.get(), m_packet.get())
@@ -438,6 +522,7 @@ class FfmpegSound : public ForeignSound {
     uint64_t m_packet_frames = 0;         // of each of its packets
     uint64_t m_next_packet = 0;           // of them, to be decoded
     uint64_t m_left_out = 0;              // packets of them at the beginning
+    std::optional<int64_t> m_first_us;    // of a stream in segments, as its container tells times
     int64_t m_delay = 0;                  // of the first frame to be heard, which is not its time
     std::optional<Texts> m_new_texts;
     std::string m_error;

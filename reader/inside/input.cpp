@@ -48,7 +48,7 @@ bool FileInput::seek(uint64_t position) {
 void RemoteInput::ask(uint64_t place, size_t size) {
     Answer question{};
     question.status = Status::wants_bytes;
-    question.wanted = {place, static_cast<uint32_t>(std::min(size, kWindowBytes))};
+    question.wanted = {place, static_cast<uint32_t>(std::min(size, kWindowBytes)), 0};
     m_bytes = m_parent.ask(question).bytes;
 }
 
@@ -85,6 +85,23 @@ bool RemoteInput::next_run() {
     const bool is_there = is_at_next_run();
     m_run = is_there ? m_position : m_run;
     return is_there;
+}
+
+std::optional<uint64_t> RemoteInput::duration_us() const {
+    return m_duration_us > 0 ? std::optional(m_duration_us) : std::nullopt;
+}
+
+std::optional<uint64_t> RemoteInput::go_to_time(uint64_t time_us) {
+    Answer question{};
+    question.status = Status::wants_bytes;
+    question.wanted = {time_us, 0, 1};
+    const Bytes said = m_parent.ask(question).bytes;
+    if (!said.is_reached) {
+        return std::nullopt;
+    }
+    m_bytes = said;
+    m_run = m_position = said.place;
+    return said.time_us;
 }
 
 bool RemoteInput::seek(uint64_t position) {

@@ -31,6 +31,11 @@ class Input {
     virtual bool is_radio() const = 0;
     // All of it can be read without a network's delay.
     virtual bool is_at_hand() const = 0;
+    // Of a radio that has an end, and can be gone to by times.
+    virtual std::optional<uint64_t> duration_us() const { return std::nullopt; }
+    // Goes to where something begins that is to be opened anew, at or before the time, and says
+    // when that is.
+    virtual std::optional<uint64_t> go_to_time(uint64_t /*time_us*/) { return std::nullopt; }
     // Where it seems to end something else may begin, to be opened anew: goes on to it.
     virtual bool next_run() { return false; }
 };
@@ -75,8 +80,9 @@ class FileInput : public Input {
 class RemoteInput : public Input {
   public:
     // `window`: kWindowBytes, where the parent puts the bytes.
-    RemoteInput(Parent& parent, const char* window, bool is_radio)
-        : m_parent(parent), m_window(window), m_is_radio(is_radio) {}
+    // `duration_us`: of a radio that has an end; else 0.
+    RemoteInput(Parent& parent, const char* window, bool is_radio, uint64_t duration_us)
+        : m_parent(parent), m_window(window), m_is_radio(is_radio), m_duration_us(duration_us) {}
 
     size_t read(void* to, size_t size) override;
     bool seek(uint64_t position) override;
@@ -85,6 +91,8 @@ class RemoteInput : public Input {
     bool has_failed() const override { return m_bytes.has_failed; }
     bool is_radio() const override { return m_is_radio; }
     bool is_at_hand() const override { return false; }
+    std::optional<uint64_t> duration_us() const override;
+    std::optional<uint64_t> go_to_time(uint64_t time_us) override;
     bool next_run() override;
 
   private:
@@ -95,6 +103,7 @@ class RemoteInput : public Input {
     Parent& m_parent;
     const char* const m_window;
     const bool m_is_radio;
+    const uint64_t m_duration_us;
     Bytes m_bytes{0, Bytes::kUnknown, 0, true, false, false};
     uint64_t m_run = 0;  // where the present one begins
     uint64_t m_position = 0;

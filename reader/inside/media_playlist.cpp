@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "common/m3u.h"
+#include "common/music/section.h"
 #include "common/number.h"
 #include "common/text.h"
 
@@ -133,7 +134,15 @@ class Parser {
         }
     }
 
-    void take_info(std::string_view value) { m_next.title = m3u::title_of(value); }
+    void take_info(std::string_view value) {
+        constexpr size_t kDecimals = 6;
+        m_next.title = m3u::title_of(value);
+        const std::string_view seconds = trim(value.substr(0, value.find(',')));
+        const size_t point = section::place_of('.', seconds);
+        m_next.duration_us =
+            section::time_us(seconds.substr(0, std::min(point + 1 + kDecimals, seconds.size())))
+                .value_or(0);
+    }
     void take_cut(std::string_view value) { m_next.is_cut = m_next.is_cut || value.empty(); }
     void take_first_number(std::string_view value) { m_playlist.first_number = number_in(value); }
     void take_target(std::string_view value) { m_playlist.target_s = number_in(value); }

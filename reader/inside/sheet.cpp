@@ -229,7 +229,7 @@ void read_sheet(const Request& request, UniqueFd file, char* shared, Parent& par
                 SheetAnswer* answer) {
     std::unique_ptr<Input> input;
     if (request.is_remote) {
-        input = std::make_unique<RemoteInput>(parent, shared + kSheetRecordBytes, false);
+        input = std::make_unique<RemoteInput>(parent, shared + kSheetRecordBytes, false, 0);
     } else {
         input = std::make_unique<FileInput>(std::move(file));
     }

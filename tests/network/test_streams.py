@@ -2,6 +2,7 @@
 import array
 import os
 import pathlib
+import re
 import struct
 import subprocess
 import tempfile
@@ -89,15 +90,15 @@ class Streams(unittest.TestCase):
         write_wav(cls.d / "signal.wav", signal_samples(SEGMENTS * CD), CD)
         for kind, options in KINDS.items():
             (cls.d / kind).mkdir()
-            subprocess.run(["ffmpeg", "-v", "error", "-i", "../signal.wav", "-c:a", "aac", "-b:a", "128k",
-                            *options], cwd=cls.d / kind, check=True)
+            subprocess.run(["ffmpeg", "-v", "error", "-i", "../signal.wav", "-c:a", "aac", "-aac_pns", "0",
+                            "-b:a", "128k", *options], cwd=cls.d / kind, check=True)
         (cls.d / "versions.m3u8").write_text(VERSIONS)
         cls.server = WebServer(cls.d)
         cls.addClassCleanup(cls.server.kill)
 
     def setUp(self):
         self.answers = {}  # by path: bytes, a status, where to, or a list of them for one request each
-        server = ScriptedServer(self.answer)
+        self.scripted = server = ScriptedServer(self.answer, keeps=True)
         self.addCleanup(server.__exit__, None, None, None)
         self.url = server.url
         self.asked = []
@@ -106,12 +107,14 @@ class Streams(unittest.TestCase):
         path = handler.path[1:]
         self.asked.append((path, handler.headers["Authorization"]))
         content = self.answers.get(path, 404)
+        if content is None:
+            time.sleep(12)
         if isinstance(content, list):
             content = content.pop(0) if len(content) > 1 else content[0]
         if isinstance(content, int):
-            return handler.head(content)
+            return handler.head(content, Content_Length=0)
         if isinstance(content, str):
-            return handler.head(302, Location=content)
+            return handler.head(302, Location=content, Content_Length=0)
         handler.head(200, Content_Length=len(content), Content_Type="application/vnd.apple.mpegurl")
         handler.wfile.write(content)
 
@@ -141,8 +144,38 @@ class Streams(unittest.TestCase):
             with self.subTest(name):
                 result = self.decode(f"{self.server.url}/{name}")
                 self.assertEqual(result.failure, "none", result.log)
-                self.assertIn("44100 Hz 0 frames 10", result.log)
+                frames = int(re.search("44100 Hz ([0-9]*) frames 01", result.log)[1])
+                self.assertLess(abs(frames - len(result.body) // 4), CD // 20)
                 self.assert_heard(result.body, source)
+                self.assert_sought(name, result.body)
+
+    def assert_sought(self, name, whole, at_the_end=True):
+        """From there on is heard what is there in the whole."""
+        last = len(whole) // 4
+        places = [100, 5 * CD + 777, 3 * CD, 0, last - 1500, last - 3][:6 if at_the_end else 4]
+        heard = self.decode(f"{self.server.url}/{name}", *(f"{place}:1500" for place in places)).body
+        self.assertTrue(heard == b"".join(whole[4 * place:4 * (place + 1500)] for place in places), name)
+
+    def test_rounded_lengths_are_none_where_the_container_tells_times(self):
+        for kind in "mpegts", "fmp4":
+            whole = self.decode(f"{self.server.url}/{kind}/list.m3u8").body
+            exact = (self.d / kind / "list.m3u8").read_text()
+            for rounded in "1.1", "0.9":
+                (self.d / kind / "rounded.m3u8").write_text(re.sub("EXTINF:[0-9.]*", f"EXTINF:{rounded}", exact))
+                self.assert_sought(f"{kind}/rounded.m3u8", whole, at_the_end=False)
+
+    def test_one_connection_serves_the_segments_and_a_server_that_hangs_holds_no_seek(self):
+        self.answers = {f"{n}": segment for n, segment in enumerate(self.segments())}
+        self.answers["list"] = playlist(0, [(f"{n}", "") for n in range(SEGMENTS)], "#EXT-X-ENDLIST\n")
+        whole = self.decode(self.url + "list")
+        self.assertGreater(len(self.asked), SEGMENTS)
+        self.assertLessEqual(self.scripted.connections, 3)  # of the playlist, before and after a seek
+        self.answers["2"] = None
+        begun = time.monotonic()
+        heard = self.decode(self.url + "list", "0:9000", f"{5 * CD}:9000")
+        at = whole.body.find(heard.body[-4 * 9000:]) // 4
+        self.assertLess(abs(at - 5 * CD), CD // 20)
+        self.assertLess(time.monotonic() - begun, 8)  # a stall lasts 10 s
 
     def play_live(self, segments):
         """Of all segments the fifth is not to be had, and for a while the playlist is not."""

@@ -4,7 +4,6 @@
 #include <array>
 #include <system_error>
 #include <utility>
-#include <variant>
 
 #include "common/url/url.h"
 #include "local/network/remote_playlist.h"
@@ -15,30 +14,21 @@ namespace {
 
 namespace reader = nuvio::reader;
 
-constexpr size_t kMaxSegments = 4000;
 constexpr uint64_t kMaxSegmentBytes = uint64_t{32} * 1024 * 1024;
 constexpr size_t kPieceBytes = size_t{16} * 1024;
 constexpr size_t kMaxLeftOut = 8;     // in a row
 constexpr uint64_t kFromLiveEnd = 3;  // segments
 // Before it is sent again, for what reads it notes each part of them.
 constexpr size_t kMostWithInit = 250;
-constexpr uint64_t kMaxNumber = uint64_t{1} << 62;
-// What the longest segment counts for, in seconds, whatever a playlist says.
-constexpr uint64_t kShortestTarget = 1;
-constexpr uint64_t kLongestTarget = 60;
 constexpr int kPatientTargets = 3;  // without a segment, at least
 
+// Its segments come over the connections of those before.
+HttpRequest with_connections(HttpRequest request) {
+    request.connections = HttpTransfer::make_connections();
+    return request;
+}
+
 }  // namespace
-
-// A file that segments are read from.
-struct HlsSource::File {
-    File(const HttpRequest& request, Interruption& interruption)
-        : url(request.url), source(request), watch(interruption, [this] { source.cancel(); }) {}
-
-    const std::string url;
-    HttpSource source;
-    Interruption::Watch watch;
-};
 
 std::optional<std::string> HlsSource::playlist_in(HttpSource& source) {
     std::string text(kStreamPlaylistMark.size(), '\0');
@@ -57,13 +47,9 @@ std::optional<std::string> HlsSource::playlist_in(HttpSource& source) {
 
 HlsSource::HlsSource(HttpRequest request, std::string url, std::string playlist)
     : RemoteSource(request.read_ahead_bytes),
-      m_request(std::move(request)),
-      m_own_url(m_request.url),
-      m_url(std::move(url)),
-      m_base(m_url),
-      m_text(std::move(playlist)),
-      m_loaded_at(Clock::now()),
-      m_progress_at(m_loaded_at) {
+      m_request(with_connections(std::move(request))),
+      m_playlist(m_request, std::move(url), std::move(playlist), m_interruption),
+      m_progress_at(Clock::now()) {
     m_is_radio = true;
     try {
         m_thread = std::thread([this] { run(); });
@@ -96,121 +82,42 @@ void HlsSource::run() {
     }
     m_next = place_to_begin();
     while (fetch_segments()) {
-        if (m_playlist.has_end) {
-            finish();
+        if (m_playlist.said().has_end) {
+            if (!wait_for_seek()) {
+                return;
+            }
+            continue;
+        }
+        const std::string& reason = m_playlist.reason().empty() ? m_reason : m_playlist.reason();
+        if (is_given_up(reason.empty() ? "nothing new in its playlist" : reason) ||
+            !wait_for_reload()) {
             return;
         }
-        if (is_given_up(m_reason.empty() ? "nothing new in its playlist" : m_reason) ||
-            !wait_for_reload() || !load(false)) {
+        m_reason.clear();
+        if (const HttpFailure failure = m_playlist.load(); failure != HttpFailure::none) {
+            fail(failure, m_playlist.reason());
             return;
         }
     }
 }
-
-// ---- The playlist -------------------------------------------------------------------------------
 
 bool HlsSource::begin() {
-    if (take(m_text) != HttpFailure::none) {
-        fail(HttpFailure::unusable, m_reason);
-        return false;
+    const HttpFailure failure = m_playlist.begin();
+    if (failure != HttpFailure::none) {
+        fail(failure, m_playlist.reason());
     }
-    if (!m_playlist.variant.empty() && !take_variant()) {
-        return false;
+    {
+        const std::lock_guard lock(m_mutex);
+        m_begins_us = m_playlist.begins_us();
+        m_has_begun = true;
     }
-    if (m_playlist.segments.empty() && (m_playlist.has_end || m_playlist.target_s == 0)) {
-        fail(HttpFailure::unusable, "its playlist names nothing that can be played");
-        return false;
-    }
-    return true;
-}
-
-bool HlsSource::take_variant() {
-    const auto url = nuvio::resolve_url(m_base, m_playlist.variant);
-    if (!url) {
-        fail(HttpFailure::unusable, "its playlist names no web address");
-        return false;
-    }
-    m_own_url = m_url = *url;
-    if (!load(true)) {
-        return false;
-    }
-    if (!m_playlist.variant.empty()) {
-        fail(HttpFailure::unusable, "its playlist leads to no segments");
-        return false;
-    }
-    return true;
-}
-
-HttpFailure HlsSource::take(const std::string& text) {
-    const Interruption::Watch watch(m_interruption, [this] { m_reader.interrupt(); });
-    auto outcome = m_reader.read_media(text, kMaxSegments);
-    if (const auto* const failed = std::get_if<reader::Failure>(&outcome)) {
-        return fail_part(HttpFailure::missing, "its playlist can't be read: " + failed->reason);
-    }
-    m_playlist = std::get<reader::MediaPlaylist>(std::move(outcome));
-    m_playlist.first_number = std::min(m_playlist.first_number, kMaxNumber);
-    return m_playlist.is_encrypted ? fail_part(HttpFailure::unusable, "the stream is encrypted")
-                                   : HttpFailure::none;
-}
-
-// While segments come the playlist may be away.
-bool HlsSource::load(bool is_first) {
-    m_loaded_at = Clock::now();
-    m_is_changed = false;
-    m_reason.clear();
-    std::string text;
-    HttpFailure failure = fetch_playlist(&text);
-    if (failure == HttpFailure::none && text != m_text) {
-        failure = take(text);
-        m_is_changed = failure == HttpFailure::none;
-    }
-    if (m_is_changed) {
-        m_text = std::move(text);
-    }
-    if (failure == HttpFailure::none) {
-        m_base = m_url;
-        return true;
-    }
-    m_url = m_own_url;
-    const bool passes = !is_first && failure != HttpFailure::refused &&
-                        failure != HttpFailure::unusable && failure != HttpFailure::cancelled;
-    if (!passes) {
-        fail(failure, m_reason);
-    }
-    return passes;
-}
-
-// The text is read in small pieces, so that one that drips has an end too.
-HttpFailure HlsSource::fetch_playlist(std::string* text) {
-    constexpr size_t kDrips = 1024;
-    File file(request_for(m_url), m_interruption);
-    const auto content = file.source.open();
-    std::array<char, kDrips> piece;
-    for (size_t got = kDrips; content && got == kDrips;) {
-        got = file.source.read(piece.data(), kDrips);
-        text->append(piece.data(), got);
-        if (text->size() > reader::kMaxPlaylistBytes) {
-            return fail_part(HttpFailure::unusable, "its playlist is too large");
-        }
-        if (Clock::now() - m_loaded_at >= m_request.give_up_after) {
-            return fail_part(HttpFailure::unreachable, "its playlist comes too slowly");
-        }
-    }
-    if (!content || file.source.failure() != HttpFailure::none) {
-        return fail_part(file.source.failure(), file.source.error());
-    }
-    m_url = content->url;
-    return is_stream_playlist(*text) ? HttpFailure::none
-                                     : fail_part(HttpFailure::missing, "no playlist where it was");
-}
-
-HlsSource::Clock::duration HlsSource::target() const {
-    return std::chrono::seconds(std::clamp(m_playlist.target_s, kShortestTarget, kLongestTarget));
+    m_changed.notify_all();
+    return failure == HttpFailure::none;
 }
 
 bool HlsSource::is_given_up(const std::string& reason) {
     const Clock::duration patience =
-        std::max<Clock::duration>(m_request.give_up_after, kPatientTargets * target());
+        std::max<Clock::duration>(m_request.give_up_after, kPatientTargets * m_playlist.target());
     const bool is_given_up = Clock::now() - m_progress_at >= patience;
     if (is_given_up) {
         fail(HttpFailure::unreachable, reason);
@@ -218,26 +125,78 @@ bool HlsSource::is_given_up(const std::string& reason) {
     return is_given_up;
 }
 
-// As long as its segments are, from one load to the next; half of that when nothing was new.
 bool HlsSource::wait_for_reload() {
-    const Clock::duration pause = m_is_changed ? target() : target() / 2;
     std::unique_lock lock(m_mutex);
-    return !m_wake.wait_until(lock, m_loaded_at + pause,
+    return !m_wake.wait_until(lock, m_playlist.reload_at(),
                               [this] { return m_failure != HttpFailure::none; });
 }
 
+// ---- Places -------------------------------------------------------------------------------------
+
+std::optional<uint64_t> HlsSource::duration_us() {
+    std::unique_lock lock(m_mutex);
+    m_changed.wait(lock, [this] { return m_has_begun || m_failure != HttpFailure::none; });
+    return m_begins_us.empty() ? std::nullopt : std::optional(m_begins_us.back());
+}
+
+// What was fetched is forgotten; behind it begins another run.
+std::optional<RemoteSource::Run> HlsSource::go_to_time(uint64_t time_us) {
+    const std::lock_guard lock(m_mutex);
+    if (m_failure != HttpFailure::none || m_begins_us.empty() || time_us >= m_begins_us.back()) {
+        return std::nullopt;
+    }
+    const auto next = std::ranges::upper_bound(m_begins_us, time_us);
+    m_wanted = static_cast<size_t>(next - m_begins_us.begin()) - 1;
+    m_length.reset();
+    m_position = m_buffer.end();
+    m_buffer.restart_at(m_position);
+    begin_run();
+    if (m_present != nullptr) {
+        m_present->cancel();
+    }
+    m_wake.notify_one();
+    return Run{m_position, m_begins_us[*m_wanted]};
+}
+
+// At the end, which may be gone back from.
+bool HlsSource::wait_for_seek() {
+    std::unique_lock lock(m_mutex);
+    if (!m_wanted) {
+        m_length = m_buffer.end();
+        m_changed.notify_all();
+    }
+    m_wake.wait(lock, [this] { return m_wanted || m_failure != HttpFailure::none; });
+    return m_failure == HttpFailure::none;
+}
+
+bool HlsSource::is_sought() const {
+    return locked([this] { return m_wanted.has_value(); });
+}
+
+void HlsSource::take_wanted() {
+    if (const auto wanted = locked([this] { return std::exchange(m_wanted, std::nullopt); })) {
+        m_next = m_playlist.said().first_number + *wanted;
+        m_progress_at = Clock::now();
+        m_left_out = 0;
+        m_init.reset();
+        m_file.reset();
+    }
+}
+
 uint64_t HlsSource::place_to_begin() const {
-    const uint64_t count = m_playlist.segments.size();
-    const uint64_t passed_over = m_playlist.has_end ? 0 : count - std::min(count, kFromLiveEnd);
-    return m_playlist.first_number + passed_over;
+    const uint64_t count = m_playlist.said().segments.size();
+    const uint64_t passed_over =
+        m_playlist.said().has_end ? 0 : count - std::min(count, kFromLiveEnd);
+    return m_playlist.said().first_number + passed_over;
 }
 
 // ---- Segments -----------------------------------------------------------------------------------
 
 // Until all are fetched that the playlist has, or it is too old to go by.
 bool HlsSource::fetch_segments() {
-    const uint64_t first = m_playlist.first_number;
-    const uint64_t end = first + m_playlist.segments.size();
+    const reader::MediaPlaylist& said = m_playlist.said();
+    const uint64_t first = said.first_number;
+    const uint64_t end = first + said.segments.size();
     // A playlist a little older than the last one comes from a server that lags behind.
     if (end + kFromLiveEnd < m_next) {
         note("its segments are numbered anew");
@@ -247,11 +206,14 @@ bool HlsSource::fetch_segments() {
         note("segments went by unheard: " + std::to_string(place_to_begin() - m_next));
         m_next = place_to_begin();
     }
-    while (m_next < end) {
+    for (take_wanted(); m_next < end; take_wanted()) {
         const HttpFailure failure =
-            fetch_segment(m_playlist.segments[static_cast<size_t>(m_next - first)]);
+            fetch_segment(said.segments[static_cast<size_t>(m_next - first)]);
+        if (is_sought()) {
+            continue;
+        }
         // A server may be behind its own playlist.
-        if (failure == HttpFailure::missing && !m_playlist.has_end && m_asked_again != m_next) {
+        if (failure == HttpFailure::missing && !said.has_end && m_asked_again != m_next) {
             m_asked_again = m_next;
             return true;
         }
@@ -259,7 +221,8 @@ bool HlsSource::fetch_segments() {
             return false;
         }
         ++m_next;
-        if (!m_playlist.has_end && Clock::now() - m_loaded_at > kFromLiveEnd * target()) {
+        if (!said.has_end &&
+            Clock::now() - m_playlist.loaded_at() > kFromLiveEnd * m_playlist.target()) {
             return true;
         }
     }
@@ -267,8 +230,9 @@ bool HlsSource::fetch_segments() {
 }
 
 HttpFailure HlsSource::fetch_segment(const reader::MediaSegment& segment) {
-    const bool has_init = segment.init < m_playlist.inits.size();
-    const MediaPart* const init = has_init ? &m_playlist.inits[segment.init] : nullptr;
+    const std::vector<MediaPart>& inits = m_playlist.said().inits;
+    const bool has_init = segment.init < inits.size();
+    const MediaPart* const init = has_init ? &inits[segment.init] : nullptr;
     const bool is_other = has_init && (*init != m_init || m_sent_with_init >= kMostWithInit);
     if (is_other || segment.is_cut) {
         locked([this] { return begin_run(); });
@@ -308,11 +272,26 @@ bool HlsSource::leave_out(HttpFailure failure) {
 
 // Puts the part behind what is there.
 HttpFailure HlsSource::fetch(const MediaPart& part) {
-    const auto url = nuvio::resolve_url(m_base, part.location);
+    const auto url = nuvio::resolve_url(m_playlist.base(), part.location);
     if (!url) {
         return fail_part(HttpFailure::missing, "no web address");
     }
     HttpSource& source = file_at(*url);
+    const bool is_overtaken = locked([&] {
+        m_present = &source;
+        return m_wanted.has_value();
+    });
+    const HttpFailure failure =
+        is_overtaken ? HttpFailure::cancelled : read_part(source, part, *url);
+    locked([this] { m_present = nullptr; });
+    if (failure != HttpFailure::none) {
+        m_file.reset();
+    }
+    return failure;
+}
+
+HttpFailure HlsSource::read_part(HttpSource& source, const MediaPart& part,
+                                 const std::string& url) {
     source.seek(part.first);
     const auto content = source.open();
     if (content && content->is_radio) {
@@ -333,7 +312,7 @@ HttpFailure HlsSource::fetch(const MediaPart& part) {
         done += got;
     }
     if (source.failure() != HttpFailure::none) {
-        return fail_part(failure_of(source, *url, done > 0), source.error());
+        return fail_part(failure_of(source, url, done > 0), source.error());
     }
     if (done == 0) {
         return fail_part(HttpFailure::missing, "it is empty");
@@ -356,35 +335,26 @@ HttpFailure HlsSource::failure_of(const HttpSource& source, const std::string& u
 
 HttpFailure HlsSource::fail_part(HttpFailure failure, std::string reason) {
     m_reason = std::move(reason);
-    m_file.reset();
     return failure;
 }
 
 // Parts of one file are read from one that stays open, where it does not grow.
 HttpSource& HlsSource::file_at(const std::string& url) {
-    if (!m_file || m_file->url != url || !m_playlist.has_end) {
+    if (!m_file || m_file->url != url || !m_playlist.said().has_end) {
         m_file.reset();
-        m_file = std::make_unique<File>(request_for(url), m_interruption);
+        m_file = std::make_unique<HlsFile>(m_playlist.request_for(url), m_interruption);
     }
     return m_file->source;
-}
-
-// Of a live stream some patience is left for what comes after.
-HttpRequest HlsSource::request_for(const std::string& url) const {
-    HttpRequest request = m_request;
-    request.url = url;
-    request.read_ahead_bytes = 0;
-    request.give_up_after /= m_playlist.has_end ? 1 : 2;
-    return request;
 }
 
 bool HlsSource::append(std::string_view bytes) {
     {
         std::unique_lock lock(m_mutex);
         if (m_buffer.room(m_position) < bytes.size()) {
-            m_wake.wait(lock, [this] { return is_low() || m_failure != HttpFailure::none; });
+            m_wake.wait(lock,
+                        [this] { return is_low() || m_wanted || m_failure != HttpFailure::none; });
         }
-        if (m_failure != HttpFailure::none) {
+        if (m_wanted || m_failure != HttpFailure::none) {
             return false;
         }
         m_buffer.append(bytes, m_position);
@@ -392,11 +362,6 @@ bool HlsSource::append(std::string_view bytes) {
     m_changed.notify_all();
     m_progress_at = Clock::now();
     return true;
-}
-
-void HlsSource::finish() {
-    locked([this] { return m_length = m_buffer.end(); });
-    m_changed.notify_all();
 }
 
 }  // namespace local_core

@@ -50,6 +50,16 @@ class RemoteSource {
     bool begins_run(uint64_t position) const;
     std::optional<uint64_t> run_behind(uint64_t position) const;
 
+    // Of a stream in segments that has an end: how long it is by what it says.
+    virtual std::optional<uint64_t> duration_us() { return std::nullopt; }
+    // Goes to a run that begins at or before the time, whenever that comes. None beyond the end,
+    // and of whatever has no such times. The reader's thread.
+    struct Run {
+        uint64_t place;
+        uint64_t begin_us;
+    };
+    virtual std::optional<Run> go_to_time(uint64_t /*time_us*/) { return std::nullopt; }
+
     // What it had to leave out, for people; once each.
     std::optional<std::string> take_note();
 

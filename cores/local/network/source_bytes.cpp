@@ -20,6 +20,13 @@ Bytes SourceBytes::read(uint64_t place, char* to, size_t wanted, size_t room) {
     return said_of(place, got, true);
 }
 
+Bytes SourceBytes::go_to_time(uint64_t time_us) {
+    const auto run = m_source.go_to_time(time_us);
+    Bytes said = said_of(run ? run->place : 0, 0, run.has_value());
+    said.time_us = run ? run->begin_us : 0;
+    return said;
+}
+
 Bytes SourceBytes::said_of(uint64_t place, size_t got, bool is_reached) const {
     const auto length = m_is_radio ? std::nullopt : m_source.length();
     return {place,      length.value_or(Bytes::kUnknown),        static_cast<uint32_t>(got),

@@ -14,6 +14,8 @@ class SourceBytes : public nuvio::reader::RemoteBytes {
     SourceBytes(RemoteSource& source, bool is_radio) : m_source(source), m_is_radio(is_radio) {}
 
     bool is_radio() const override { return m_is_radio; }
+    std::optional<uint64_t> duration_us() const override { return m_source.duration_us(); }
+    nuvio::reader::Bytes go_to_time(uint64_t time_us) override;
     nuvio::reader::Bytes read(uint64_t place, char* to, size_t wanted, size_t room) override;
 
   private:

@@ -304,9 +304,7 @@ void TrackWork::collect() {
         }
         m_blocks.push_back(block);
         m_decoded_frames += block.size_bytes / info.frame_bytes;
-        if (info.is_endless) {
-            note_live_title(m_decoder->live_title(m_read.collected));
-        }
+        note_live_title(m_decoder->live_title(m_read.collected));
     }
     if (!is_stale && !info.is_guess && m_decoded_frames >= info.frame_count) {
         m_is_decoded_wholly = true;

@@ -35,7 +35,8 @@ void SoundWork::open(const Request& request, UniqueFd file, char* shared, Parent
     m_shared = shared;
     Input* input = nullptr;
     if (request.is_remote) {
-        m_remote = std::make_unique<RemoteInput>(parent, shared + kWindowPlace, request.is_radio);
+        m_remote = std::make_unique<RemoteInput>(parent, shared + kWindowPlace, request.is_radio,
+                                                 request.duration_us);
         input = m_remote.get();
     } else {
         m_file = std::make_unique<FileInput>(std::move(file));
