@@ -5,6 +5,8 @@ As a test a few kinds. NUVIO_ZOO names kinds or encoders, or "all", with ';' bet
 docs/content.md that they have are written anew (./dev zoo).
 """
 import collections
+import concurrent.futures
+import itertools
 import os
 import random
 import re
@@ -32,7 +34,7 @@ HEAD = """| kind | encoder | files | sound | seam | seeks and pauses | not promi
 
 @unittest.skipUnless(list(BUILD.glob("lib/libnuvio_connect_ffmpeg.so*")), "no libavformat for this machine")
 class TestZoo(DeviceTest):
-    card_options = ["--patient"]
+    card_options = ["--patient", "--buffer", "400" if WANTED else "100"]  # what is in it is waited for
     settings = {"local__convert": 0}  # its card takes every kind as it is
 
     def setUp(self):
@@ -121,9 +123,9 @@ class TestZoo(DeviceTest):
         data = b"".join(each.data for each in self.heard())
         return lost_by_pauses(data, whole, step, rate // 2)
 
-    def visit(self, file):
+    def visit(self, file, made):
         """What is not as it should be, by what it concerns."""
-        paths, wanted = self.zoo.make(file)
+        paths, wanted = made.result()
         wrong = collections.defaultdict(list)
         for place in self.music, self.server.url:
             if place == self.music or WANTED:
@@ -141,9 +143,14 @@ class TestZoo(DeviceTest):
     def test_every_kind_is_heard_as_another_decoder_has_it(self):
         self.start(player=False)
         rows = collections.defaultdict(list)
-        for file in files_of(WANTED):
+        files = files_of(WANTED)
+        maker = concurrent.futures.ThreadPoolExecutor(1)
+        self.addCleanup(maker.shutdown, cancel_futures=True)
+        next_made = maker.submit(self.zoo.make, files[0])
+        for file, next_file in itertools.zip_longest(files, files[1:]):
+            made, next_made = next_made, next_file and maker.submit(self.zoo.make, next_file)
             try:
-                wrong = self.visit(file)
+                wrong = self.visit(file, made)
             except (AssertionError, OSError, ValueError) as error:
                 wrong = {"as": [str(error)[-300:]]}
             rows[file.kind].append((file, wrong))

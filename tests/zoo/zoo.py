@@ -133,6 +133,7 @@ class Zoo:
     def __init__(self, folder, seconds):
         """`seconds`: of the two tracks of each kind, which were one."""
         self.folder, self.seconds, self.sources = folder, seconds, {}
+        self.turn = 0
         (folder / "cue").write_text(CUE)
         run(f"ffmpeg -v error -f lavfi -i color=red:s=300x300 -frames:v 1 {folder}/cover.png")
 
@@ -157,9 +158,9 @@ class Zoo:
 
     def make(self, file):
         """The paths of both tracks, and what each should sound like."""
-        paths, sounds = [], []
+        paths, sounds, self.turn = [], [], 1 - self.turn  # those before may still be played
         for wav, samples in self.source(file.rate, file.samples, file.channels):
-            path = self.folder / f"{len(paths)}.{file.kind.ending}"
+            path = self.folder / f"{self.turn}{len(paths)}.{file.kind.ending}"
             path.unlink(missing_ok=True)
             run(file.kind.command.replace("{options}", file.options), wav=wav, out=path,
                 cue=self.folder / "cue", picture=self.folder / "cover.png")
