@@ -37,9 +37,11 @@ class Finder {
             return false;
         }
         if (found.format == PlaylistFormat::none || is_stream_playlist(found.text)) {
-            const bool is_part = !track.section.is_whole();
-            for (RemoteTrack& part :
-                 parts_of(std::move(track), is_part ? Sheet() : std::move(found.sheet))) {
+            if (!track.section.is_whole()) {
+                found.sheet.clear();
+            }
+            std::vector<RemoteTrack> parts = parts_of(std::move(track), found.sheet);
+            for (RemoteTrack& part : parts) {
                 add(std::move(part));
             }
         } else {
