@@ -36,42 +36,47 @@ AdtsIndex::Head AdtsIndex::head_in(const char* bytes) {
 std::optional<AdtsIndex::Head> AdtsIndex::head_at(uint64_t place) {
     if (place < m_read_at || place + kHeadBytes > m_read_at + m_read.size()) {
         m_read_at = place;
-        m_read = bytes_at(*m_input, place, kReadBytes);
+        m_read = bytes_at(m_input, place, kReadBytes);
     }
     const uint64_t at = place - m_read_at;
     return at + kHeadBytes <= m_read.size() ? std::optional(head_in(m_read.data() + at))
                                             : std::nullopt;
 }
 
-// Over what is no packet of this kind; false at the end.
-bool AdtsIndex::find_next() {
+// Over what is no packet of this kind to one, whose bytes are returned; 0 at the end.
+size_t AdtsIndex::find_next() {
     for (;; ++m_next) {
         const auto head = head_at(m_next);
         if (!head) {
-            return false;
+            return 0;
         }
         if (head->bytes > 0 && head->rate_hz == m_rate_hz) {
-            return m_next + head->bytes <= m_input->length().value_or(0);
+            return m_next + head->bytes <= m_input.length().value_or(0) ? head->bytes : 0;
         }
     }
 }
 
 // Of those that begin before `end`.
 void AdtsIndex::count_up_to(uint64_t packets, uint64_t end) {
-    const uint64_t from = m_input->position();
-    while (m_packets < std::min(packets, kMaxPackets) && m_next < end && find_next()) {
+    const uint64_t from = m_input.position();
+    while (m_packets < std::min(packets, kMaxPackets) && m_next < end) {
+        const size_t bytes = find_next();
+        if (bytes == 0) {
+            break;
+        }
         if (m_packets % kStride == 0) {
             m_places.push_back(m_next);
         }
         ++m_packets;
-        m_next += head_at(m_next)->bytes;
+        m_next += bytes;
     }
-    m_input->seek(from);
+    m_input.seek(from);
 }
 
-std::optional<AdtsIndex> AdtsIndex::open(Input& input) {
+std::unique_ptr<AdtsIndex> AdtsIndex::open(Input& input) {
     constexpr int kInARow = 3;
-    AdtsIndex index(input);
+    std::unique_ptr<AdtsIndex> made(new AdtsIndex(input));
+    AdtsIndex& index = *made;
     index.m_begin = behind_id3(input);
     uint64_t place = index.m_begin;
     for (int n = 0; n < kInARow; ++n) {
@@ -86,12 +91,12 @@ std::optional<AdtsIndex> AdtsIndex::open(Input& input) {
     }
     index.m_next = index.m_begin;
     input.seek(0);
-    return index.m_rate_hz > 0 ? std::optional(std::move(index)) : std::nullopt;
+    return index.m_rate_hz > 0 ? std::move(made) : nullptr;
 }
 
 AdtsIndex::Count AdtsIndex::count() {
-    const uint64_t length = m_input->length().value_or(0);
-    const bool is_guess = !m_input->is_at_hand() || length > kMaxCounted;
+    const uint64_t length = m_input.length().value_or(0);
+    const bool is_guess = !m_input.is_at_hand() || length > kMaxCounted;
     count_up_to(UINT64_MAX, is_guess ? m_begin + kGuessedBy : length);
     const bool is_at_end = m_next >= length;
     if (!is_guess || is_at_end || m_packets == 0) {

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,7 +20,7 @@ class AdtsIndex {
     static constexpr uint32_t kPacketFrames = 1024;  // at the heads' rate
 
     // Null when the input, of known length, is no such file. `input` must outlive it.
-    static std::optional<AdtsIndex> open(Input& input);
+    static std::unique_ptr<AdtsIndex> open(Input& input);
 
     // That the packets' heads say; extensions double it.
     uint32_t rate_hz() const { return m_rate_hz; }
@@ -46,13 +47,13 @@ class AdtsIndex {
         uint32_t rate_hz = 0;
     };
 
-    explicit AdtsIndex(Input& input) : m_input(&input) {}
+    explicit AdtsIndex(Input& input) : m_input(input) {}
     static Head head_in(const char* bytes);
     std::optional<Head> head_at(uint64_t place);
-    bool find_next();
+    size_t find_next();
     void count_up_to(uint64_t packets, uint64_t end);
 
-    Input* m_input;
+    Input& m_input;
     std::string m_read;              // bytes of it
     uint64_t m_read_at = 0;          // from there on
     uint32_t m_rate_hz = 0;          // 0: no packet was found

@@ -35,7 +35,7 @@ class FfmpegSound : public ForeignSound {
     bool open(std::string* error) {
         const uint64_t of_dsd = m_input.length() ? dsd_bytes(m_input) : 0;
         const uint64_t edits_a_second = m_input.length() ? edit_rate(m_input) : 0;
-        m_adts = m_input.length() ? AdtsIndex::open(m_input) : std::nullopt;
+        m_adts = m_input.length() ? AdtsIndex::open(m_input) : nullptr;
         m_frame.reset(av_frame_alloc());
         m_ahead.reset(av_frame_alloc());
         int result = m_frame && m_ahead ? 0 : AVERROR(ENOMEM);
@@ -344,7 +344,7 @@ class FfmpegSound : public ForeignSound {
     Frame m_ahead;                      // the one behind it, or none
     int64_t m_media_duration = 0;       // in the stream's time, without edits
     int64_t m_edit_begin = 0;           // in it
-    std::optional<AdtsIndex> m_adts;    // of a file that is AAC in ADTS
+    std::unique_ptr<AdtsIndex> m_adts;  // of a file that is AAC in ADTS
     uint64_t m_packet_frames = 0;       // of each of its packets
     uint64_t m_left_out = 0;            // packets of them at the beginning
     std::optional<int64_t> m_first_us;  // of a stream in segments, as its container tells times
