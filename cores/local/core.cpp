@@ -105,6 +105,8 @@ void Core::join_prepared_session() {
         m_logger->write(
             LogLevel::warning, kCloudClient, "Not joining session %s: nothing to play in %s",
             display_text(request.id).c_str(), display_location(request.endpoint).c_str());
+        m_remote.decline(request.remote,
+                         prepared->failure.empty() ? "nothing to play" : prepared->failure);
         return;
     }
     const PlaybackSettings settings = m_control.settings();

@@ -92,12 +92,32 @@ RemoteControl::~RemoteControl() {
 
 void RemoteControl::begin(const std::string& session_id, const RemoteOffer& offer) {
     end("taken_over");
+    m_report.set_session(session_id);
+    m_link = link_to(offer, false);
+}
+
+void RemoteControl::decline(const RemoteOffer& offer, const std::string& reason) {
+    m_why_declined = write_error("session_failed", std::nullopt, reason);
+    m_declined = link_to(offer, true);
+}
+
+void RemoteControl::tell_declined() {
+    const uint64_t connection = m_declined ? m_declined->connection() : 0;
+    if (connection != 0) {
+        m_declined->say(connection, m_why_declined);
+        m_declined->close(write_goodbye("not_joined"));
+        m_declined.reset();
+    }
+}
+
+// Null for an offer that can't be used.
+std::unique_ptr<Link> RemoteControl::link_to(const RemoteOffer& offer, bool is_for_once) {
     auto target = link_target(offer.endpoint, offer.token, offer.expiry_s);
     if (!target) {
-        return;
+        return nullptr;
     }
     target->authorities = remote_request_defaults().authorities;
-    m_report.set_session(session_id);
+    target->is_for_once = is_for_once;
     const auto log = [logger = m_logger](bool is_warning, const std::string& line) {
         logger->write(is_warning ? LogLevel::warning : LogLevel::info, kCloudClient, "%s",
                       line.c_str());
@@ -107,9 +127,10 @@ void RemoteControl::begin(const std::string& session_id, const RemoteOffer& offe
         m_wake();
     };
     try {
-        m_link = std::make_unique<Link>(std::move(*target), on_change, log);
+        return std::make_unique<Link>(std::move(*target), on_change, log);
     } catch (const std::system_error& failure) {
         m_logger->write(LogLevel::warning, kCloudClient, "No remote control: %s", failure.what());
+        return nullptr;
     }
 }
 
@@ -127,6 +148,7 @@ void RemoteControl::end(const char* reason) {
 // ---- Commands ---------------------------------------------------------------------------------
 
 bool RemoteControl::take_command() {
+    tell_declined();
     if (!m_has_changed.exchange(false) || !m_link) {
         return false;
     }

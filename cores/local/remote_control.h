@@ -38,6 +38,9 @@ class RemoteControl {
 
     // A session begins; an offer that can't be used means that it is not controlled from elsewhere.
     void begin(const std::string& session_id, const RemoteOffer& offer);
+    // A session is not joined: its server is told why, if it is there now. Changes nothing of the
+    // session that is played.
+    void decline(const RemoteOffer& offer, const std::string& reason);
     // The session is over; does not wait. `reason`: of a goodbye.
     void end(const char* reason);
 
@@ -52,6 +55,8 @@ class RemoteControl {
     void tell_failure(const Failure& failure);
 
   private:
+    std::unique_ptr<Link> link_to(const RemoteOffer& offer, bool is_for_once);
+    void tell_declined();
     nuv_error carry_out(RemoteCommand& command, bool* is_noted);
     nuv_error edit(RemoteCommand& command, bool* is_noted);
     std::optional<QueueEdit> edit_of(RemoteCommand& command) const;
@@ -69,6 +74,9 @@ class RemoteControl {
     uint64_t m_connection = 0;
     std::string m_edit_id;  // of the command whose change is noted
     uint64_t m_edit_connection = 0;
+
+    std::unique_ptr<Link> m_declined;  // of the session that was not joined last, until it is told
+    std::string m_why_declined;        // what it is told
 };
 
 }  // namespace local_core

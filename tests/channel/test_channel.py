@@ -205,11 +205,16 @@ class Channel(DeviceTest):
         self.start(player=False)
 
     def test_a_new_session_takes_over_and_one_that_plays_nothing_does_not(self):
-        first, second = self.server(), self.server()
+        first, second, declined = self.server(), self.server(), self.server()
         self.hand_over(first)
         first.until("state", playback="playing")
-        self.connect(self.music / "none.wav", remote=second.url)
-        self.wait_for_log("Not joining session")
+        (self.music / "none.wav").write_text("no sound")
+        self.connect(self.music / "none.wav", remote=declined.url)
+        declined.wait("goodbye", lambda: declined.closes == [1000])
+        why = declined.said[0].pop("reason")
+        self.assertEqual(declined.said, [{"type": "error", "error": "session_failed"},
+                                         {"type": "goodbye", "reason": "not_joined"}])
+        self.wait_for_log(f"none.wav: {why}")
         self.assertEqual(first.ask("seek", position_ms=1000), "ok")
         self.hand_over(second, "b.wav", session="other")
         first.wait("goodbye", lambda: first.closes == [1000])

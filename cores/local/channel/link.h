@@ -35,6 +35,7 @@ struct LinkTarget {
     uint64_t expiry_s = 0;  // since 1970; 0: none
     // A file of authorities to trust in the place of the system's; empty: the system's.
     std::string authorities;
+    bool is_for_once = false;  // a connection that breaks, or can't be made, is not made anew
 };
 
 // None for a URL that is not ws:// or wss:// with a host, and for a token that no header can hold.

@@ -260,7 +260,7 @@ void Link::Worker::end_connection() {
     }
     m_stalled = false;
     m_refusal.reset();
-    if (m_closing || m_over) {
+    if (m_closing || m_over || m_target.is_for_once) {
         m_over = true;
         return;
     }

@@ -53,9 +53,10 @@ void probe(PreparedSession& session, const Output& output, Interruption& interru
         if (failure.network == HttpFailure::cancelled) {
             break;
         }
+        const std::string reason = display_text(failure.reason);
         logger.write(LogLevel::warning, kContentFetcher, "Skipping %s: %s",
-                     display_location(session.tracks[i].location).c_str(),
-                     display_text(failure.reason).c_str());
+                     display_location(session.tracks[i].location).c_str(), reason.c_str());
+        session.failure = i == 0 ? reason : session.failure;
         if (failure.network == HttpFailure::unreachable ||
             failure.network == HttpFailure::refused) {
             break;
@@ -105,6 +106,7 @@ bool SessionPreparer::begin(SessionRequest request) {
             probe(session, shared->output, *interruption, *shared->logger, gives_up);
         } catch (const std::exception& failure) {
             session.tracks.clear();
+            session.failure = failure.what();
             shared->logger->write(LogLevel::error, kContentFetcher, "Can't list %s: %s",
                                   display_location(session.request.endpoint).c_str(),
                                   failure.what());

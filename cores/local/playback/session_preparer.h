@@ -37,6 +37,7 @@ struct PreparedSession {
     SessionRequest request;
     std::vector<Track> tracks;  // empty: there is nothing to play
     size_t first = 0;           // that can be played; those before it can't
+    std::string failure = {};   // where there is nothing to play: why, as far as that is known
 };
 
 class SessionPreparer {
