@@ -24,7 +24,8 @@ using testing::ElementsAre;
 std::vector<std::string> found_in(const std::string& endpoint) {
     std::vector<std::string> found;
     Interruption none;
-    for (const Track& track : find_tracks(endpoint, "", none, Logger())) {
+    std::string failure;
+    for (const Track& track : find_tracks(endpoint, "", none, Logger(), &failure)) {
         found.push_back(track.location + (track.title.empty() ? "" : "|" + track.title));
     }
     return found;

@@ -102,7 +102,7 @@ bool SessionPreparer::begin(SessionRequest request) {
         PreparedSession session{std::move(request), {}};
         try {
             session.tracks = find_tracks(session.request.endpoint, session.request.token,
-                                         *interruption, *shared->logger);
+                                         *interruption, *shared->logger, &session.failure);
             probe(session, shared->output, *interruption, *shared->logger, gives_up);
         } catch (const std::exception& failure) {
             session.tracks.clear();

@@ -114,7 +114,7 @@ std::vector<Track> tracks_of_playlist(const fs::path& playlist, const Logger& lo
 }
 
 std::vector<Track> local_tracks(const std::string& endpoint, Interruption& interruption,
-                                const Logger& logger) {
+                                const Logger& logger, std::string* failure) {
     const auto relative = local_path(endpoint);
     std::error_code error;
     const fs::path path = relative ? fs::absolute(*relative, error) : fs::path();
@@ -126,6 +126,7 @@ std::vector<Track> local_tracks(const std::string& endpoint, Interruption& inter
     std::string refusal;
     if (!look_at(path.string(), &refusal)) {
         logger.write(LogLevel::warning, kContentFetcher, "%s: %s", path.c_str(), refusal.c_str());
+        *failure = refusal;
         return {};
     }
     Sheets sheets(interruption, logger);
@@ -140,7 +141,8 @@ std::vector<Track> local_tracks(const std::string& endpoint, Interruption& inter
 }
 
 std::vector<Track> remote_tracks(const std::string& url, const std::string& token,
-                                 Interruption& interruption, const Logger& logger) {
+                                 Interruption& interruption, const Logger& logger,
+                                 std::string* why) {
     auto request = std::make_shared<HttpRequest>(remote_request_defaults());
     request->url = request->token_origin = url;
     request->token = token;
@@ -153,8 +155,9 @@ std::vector<Track> remote_tracks(const std::string& url, const std::string& toke
                           found.duration_ms.value_or(0), found.section, request});
     }
     if (!error.empty() && failure != HttpFailure::cancelled) {
+        *why = display_text(error);
         logger.write(LogLevel::warning, kContentFetcher, "%s: %s", display_location(url).c_str(),
-                     display_text(error).c_str());
+                     why->c_str());
     }
     return tracks;
 }
@@ -166,10 +169,11 @@ bool is_findable(const std::string& endpoint) {
 }
 
 std::vector<Track> find_tracks(const std::string& endpoint, const std::string& token,
-                               Interruption& interruption, const Logger& logger) {
+                               Interruption& interruption, const Logger& logger,
+                               std::string* failure) {
     const auto url = nuvio::resolve_url("", endpoint);
-    return url ? remote_tracks(*url, token, interruption, logger)
-               : local_tracks(endpoint, interruption, logger);
+    return url ? remote_tracks(*url, token, interruption, logger, failure)
+               : local_tracks(endpoint, interruption, logger, failure);
 }
 
 }  // namespace local_core

@@ -59,9 +59,10 @@ bool is_findable(const std::string& endpoint);
 // outside of the music folders (files.h) is left out. On the network: see remote_tracks.h; `token`
 // goes to the endpoint's own origin.
 //
-// Logs what it leaves out. Empty when nothing is found. Blocks, where the network is asked until
-// the interruption at the latest.
+// Logs what it leaves out. Empty when nothing is found, *failure then why, as far as that is known.
+// Blocks, where the network is asked until the interruption at the latest.
 std::vector<Track> find_tracks(const std::string& endpoint, const std::string& token,
-                               Interruption& interruption, const Logger& logger);
+                               Interruption& interruption, const Logger& logger,
+                               std::string* failure);
 
 }  // namespace local_core
