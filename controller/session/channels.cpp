@@ -3,13 +3,17 @@
 #include <algorithm>
 #include <chrono>
 #include <optional>
+#include <utility>
 
+#include "common/utf8.h"
 #include "controller/base/log.h"
 #include "controller/session/tracks.h"
 
 namespace nuvio::controller {
 
 namespace {
+
+constexpr size_t kMaxReason = 300;
 
 int64_t unix_ms() {
     return std::chrono::duration_cast<std::chrono::milliseconds>(
@@ -30,35 +34,53 @@ void ask_for_rest(const Device& device) {
 
 bool Channels::opened(std::string_view token, const std::shared_ptr<ChannelLink>& link) {
     const std::scoped_lock lock(m_house.mutex);
-    const Session& session = m_house.sessions.of_token(token);
+    const Session session = m_house.sessions.of_token(token);
     if (session.id.empty() || m_house.is_closed) {
         return false;
     }
-    Device& device = m_house.devices[session.device];
+    Entry& entry = *m_house.devices.try_emplace(session.device).first;
+    Device& device = entry.second;
+    if (session.is_joined) {
+        join(entry, session.id, link);
+        return true;
+    }
+    if (device.offered_link != nullptr) {
+        device.offered_link->close();
+    }
+    device.offered_link = link;
+    device.offered_session = session.id;
+    return true;
+}
+
+void Channels::join(Entry& entry, const std::string& session, std::shared_ptr<ChannelLink> link) {
+    Device& device = entry.second;
     if (device.link != nullptr) {
         device.link->close();
     }
-    device.link = link;
-    device.link_session = session.id;
+    m_house.sessions.join(session);
+    device.link = std::move(link);
+    device.link_session = session;
+    device.has_gone_silent = false;
     device.owner = Owner::us;
-    device.state = DeviceState(session.here);
+    device.state = DeviceState(m_house.sessions.of(entry.first).here);
     device.is_bit_exact = false;
     m_house.change();
-    return true;
 }
 
 void Channels::said(const ChannelLink* link, std::string_view text) {
     const JsonPtr message = parse_json(text);
     const std::string type = text_member(message.get(), "type").value_or("");
+    bool is_joined_now = false;
     {
         const std::scoped_lock lock(m_house.mutex);
         Entry* const entry = entry_of(link);
-        if (entry == nullptr || !take(*entry, type, message.get())) {
+        is_joined_now = type == "hello" && entry != nullptr && entry->second.link.get() != link;
+        if (entry == nullptr || !take(link, *entry, type, message.get())) {
             return;
         }
         m_house.change();
     }
-    if (type == "goodbye") {
+    if (type == "goodbye" || is_joined_now) {
         m_house.write_sessions();
     } else if (type == "track" || type == "queue") {
         judge_track(link);
@@ -66,8 +88,12 @@ void Channels::said(const ChannelLink* link, std::string_view text) {
 }
 
 // False: nothing in it was understood.
-bool Channels::take(Entry& entry, const std::string& type, const cJSON* message) {
+bool Channels::take(const ChannelLink* link, Entry& entry, const std::string& type,
+                    const cJSON* message) {
     Device& device = entry.second;
+    if (link == device.offered_link.get()) {
+        return take_of_offered(entry, type, message);
+    }
     if (type == "answer") {
         m_commands.take_answer(message);
     } else if (type == "goodbye") {
@@ -79,17 +105,47 @@ bool Channels::take(Entry& entry, const std::string& type, const cJSON* message)
         }
     } else if (!device.state.apply(message, DeviceState::Clock::now(), unix_ms())) {
         return false;
-    } else if (type == "queue") {
-        ask_for_rest(device);
+    } else {
+        note_progress(device, type);
     }
     return true;
+}
+
+// A device that joins it says hello, one that does not says why. False as above.
+bool Channels::take_of_offered(Entry& entry, const std::string& type, const cJSON* message) {
+    Device& device = entry.second;
+    if (type == "hello") {
+        join(entry, device.offered_session, std::exchange(device.offered_link, nullptr));
+    } else if (type == "error" && device.is_waiting &&
+               device.asked->session == device.offered_session) {
+        const std::string reason = text_member(message, "reason").value_or("");
+        device.fail(device.asked->title + ": " + std::string(beginning(reason, kMaxReason)));
+    } else if (type == "goodbye") {
+        m_house.sessions.end(device.offered_session);
+        device.offered_link.reset();
+    } else {
+        return false;
+    }
+    return true;
+}
+
+void Channels::note_progress(Device& device, const std::string& type) {
+    if (type == "queue") {
+        ask_for_rest(device);
+    } else if (type == "error") {
+        device.fail(device.state.problem());
+    }
+    if (device.is_asked_heard()) {
+        device.put_off();
+    }
+    device.link->set_playing(device.state.is_playing());
 }
 
 // What ended the session may be the next one from here, whose channel is about to open.
 void Channels::end(Entry& entry, Owner next) {
     Device& device = entry.second;
     m_house.sessions.end(device.link_session);
-    if (m_house.sessions.of(entry.first).id.empty()) {
+    if (!m_house.sessions.has(entry.first)) {
         device.owner = next;
     }
     device.link.reset();
@@ -97,22 +153,30 @@ void Channels::end(Entry& entry, Owner next) {
 }
 
 // Whose device plays now is asked of it: it may be gone, or play on by itself.
-void Channels::closed(const ChannelLink* link) {
+void Channels::closed(const ChannelLink* link, bool is_silent) {
     const std::scoped_lock lock(m_house.mutex);
     Entry* const entry = entry_of(link);
     if (entry == nullptr) {
         return;
     }
-    entry->second.link.reset();
-    entry->second.reach = Reach::asking;
+    Device& device = entry->second;
+    if (link == device.offered_link.get()) {
+        device.offered_link.reset();
+        return;
+    }
+    device.link.reset();
+    device.has_gone_silent = is_silent;
+    device.state.freeze(is_silent ? device.state.told_at() : DeviceState::Clock::now());
+    device.reach = Reach::asking;
     m_house.errands[entry->first] = {};
     m_commands.fail_all_of(entry->first);
     m_house.change();
 }
 
 Channels::Entry* Channels::entry_of(const ChannelLink* link) {
-    const auto found = std::ranges::find_if(
-        m_house.devices, [link](const Entry& entry) { return entry.second.link.get() == link; });
+    const auto found = std::ranges::find_if(m_house.devices, [link](const Entry& entry) {
+        return entry.second.link.get() == link || entry.second.offered_link.get() == link;
+    });
     return found == m_house.devices.end() ? nullptr : &*found;
 }
 

@@ -19,16 +19,21 @@ class Channels {
     Channels(HouseState& house, Commands& commands, Library& library)
         : m_house(house), m_commands(commands), m_library(library) {}
 
-    // False: not wanted. The device's link before this one is closed.
+    // False: not wanted. The device's link before this one is closed, unless the session is one
+    // that the device may not join: its first message tells.
     bool opened(std::string_view token, const std::shared_ptr<ChannelLink>& link);
     void said(const ChannelLink* link, std::string_view text);
-    void closed(const ChannelLink* link);
+    // `is_silent`: the device was asked whether it is there, and did not answer.
+    void closed(const ChannelLink* link, bool is_silent);
 
   private:
     using Entry = std::map<std::string, Device>::value_type;
 
     Entry* entry_of(const ChannelLink* link);
-    bool take(Entry& entry, const std::string& type, const cJSON* message);
+    bool take(const ChannelLink* link, Entry& entry, const std::string& type, const cJSON* message);
+    bool take_of_offered(Entry& entry, const std::string& type, const cJSON* message);
+    void join(Entry& entry, const std::string& session, std::shared_ptr<ChannelLink> link);
+    void note_progress(Device& device, const std::string& type);
     void end(Entry& entry, Owner next);
     void judge_track(const ChannelLink* link);
 

@@ -13,13 +13,31 @@ namespace {
 const std::set<std::string> kChangesQueue{"queue_replace", "queue_insert", "queue_remove",
                                           "queue_move"};
 const std::set<std::string> kChangesState{"volume", "seek"};
+// What is meant to be heard soon, and what is not to be waited for any longer.
+constexpr char kPlay[] = "play";
+const std::set<std::string> kMovesOn{"next", "previous", "queue_jump"};
+const std::set<std::string> kPutsOff{"pause", "stop", "leave"};
 constexpr char kNoAnswer[] = "the device has not answered in time";
 // A session that has just begun opens its channel a moment later.
 constexpr std::chrono::milliseconds kChannelPatience{3000};
 constexpr std::chrono::milliseconds kQueuePatience{1000};
 constexpr std::chrono::milliseconds kStatePatience{300};
 
+// What is pressed takes the place of what went wrong before.
+void note_pressed(Device& device, const std::string& name) {
+    if (name == kPlay && !device.is_waiting && !device.state.is_playing()) {
+        device.ask_for({device.state.current_title(), device.link_session, {}});
+    } else if (kMovesOn.contains(name)) {
+        device.problem.clear();
+    } else if (kPutsOff.contains(name)) {
+        device.put_off();
+    }
+}
+
 const char* why_not(const Device& device) {
+    if (device.is_waiting) {
+        return "the device has not begun to play yet";
+    }
     switch (device.owner) {
         case Owner::other:
             return "another controller uses the device; play something to take it over";
@@ -42,9 +60,9 @@ Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr ar
     m_house.on_change.wait_until(lock, within(kChannelPatience), [&] {
         const Device* const device = m_house.find(id);
         return m_house.is_closed || device == nullptr || device->link != nullptr ||
-               device->owner != Owner::us;
+               (device->owner != Owner::us && !device->is_waiting);
     });
-    const Device* const device = m_house.find(id);
+    Device* const device = m_house.find(id);
     if (device == nullptr || device->link == nullptr) {
         return {false, device == nullptr ? "no such device" : why_not(*device)};
     }
@@ -56,7 +74,10 @@ Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr ar
     const std::string session = device->link_session;
     const int64_t revision = device->state.revision();
     const int64_t states = device->state.state_count();
+    note_pressed(*device, name);
     send(*device, name.c_str(), command_id, std::move(arguments));
+    device->link->expect_word();
+    m_house.change();
     const Outcome outcome = wait_for_answer(lock, command_id, within(kPatience));
     if (outcome.is_ok && kChangesQueue.contains(name)) {
         m_house.on_change.wait_until(lock, within(kQueuePatience), [&] {
@@ -69,12 +90,24 @@ Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr ar
             return m_house.is_closed || now == nullptr || now->state.state_count() != states;
         });
     }
+    if (!outcome.is_ok && name == kPlay) {
+        fail(id, outcome.reason);
+    }
     if (outcome.is_ok && name == "leave") {
         m_house.sessions.end(session);
         lock.unlock();
         m_house.write_sessions();
     }
     return outcome;
+}
+
+// What was asked for is not to be waited for.
+void Commands::fail(const std::string& id, const std::string& reason) {
+    Device* const device = m_house.find(id);
+    if (device != nullptr && device->is_waiting) {
+        device->fail(reason);
+        m_house.change();
+    }
 }
 
 Outcome Commands::wait_for_answer(std::unique_lock<std::mutex>& lock, const std::string& id,

@@ -34,6 +34,7 @@ class Commands {
     // ---- With the house's lock held
 
     void take_answer(const cJSON* message);
+    void fail(const std::string& device, const std::string& reason);
     void fail_all_of(const std::string& device);
     // One that nobody waits for.
     static void send(const Device& device, const char* name, const std::string& id,

@@ -1,6 +1,7 @@
 #include "controller/session/device_state.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 
 #include "common/number.h"
@@ -16,6 +17,11 @@ constexpr int64_t kMaxQueue = 20'000;
 constexpr size_t kMaxQueueBytes = size_t{8} << 20U;
 // A device's clock that was set: what was known of its lag counts for nothing then.
 constexpr int64_t kClockWasSetMs = 5'000;
+// A position that is told twice, so far apart at least, has not advanced.
+constexpr std::chrono::seconds kStandsStill{3};
+// Before the first of a track is heard it is opened.
+constexpr std::chrono::seconds kOpensForLong{15};
+constexpr std::array kPlaybacks{"stopped", "playing", "paused"};
 
 std::string text_of(const cJSON* object, const char* key, size_t limit = kMaxText) {
     return std::string(beginning(text_member(object, key).value_or(""), limit));
@@ -68,12 +74,13 @@ bool DeviceState::apply(const cJSON* message, Clock::time_point now, int64_t now
 // The position was heard a while before the message came. The two clocks need not agree: the
 // quickest message so far tells by how much they differ.
 bool DeviceState::apply_state(const cJSON* message, Clock::time_point now, int64_t now_unix_ms) {
-    const std::string playback = text_of(message, "playback");
-    if (playback != "stopped" && playback != "playing" && playback != "paused") {
+    const auto* const playback = std::ranges::find(kPlaybacks, text_of(message, "playback"));
+    if (playback == kPlaybacks.end()) {
         return false;
     }
     ++m_state_count;
-    m_playback = playback;
+    watch_position(count_of(message, "position_ms"), now);
+    m_playback = static_cast<Playback>(playback - kPlaybacks.begin());
     m_is_active = bool_member(message, "active").value_or(false);
     m_item = number_member(message, "item");
     m_volume = number_member(message, "volume");
@@ -90,6 +97,19 @@ bool DeviceState::apply_state(const cJSON* message, Clock::time_point now, int64
     }
     m_position_at = now - std::chrono::milliseconds(lag - *m_least_lag_ms);
     return true;
+}
+
+// `m_playback` and `m_position_ms` are those of the message before.
+void DeviceState::watch_position(int64_t position_ms, Clock::time_point now) {
+    if (!is_playing() || position_ms != m_position_ms) {
+        m_advanced_at = now;
+    }
+    m_advances = now - m_advanced_at < (is_track_heard() ? kStandsStill : kOpensForLong);
+}
+
+void DeviceState::freeze(Clock::time_point at) {
+    m_position_ms = position_ms(at);
+    m_is_frozen = true;
 }
 
 bool DeviceState::apply_track(const cJSON* message) {
@@ -150,13 +170,12 @@ bool DeviceState::apply_error(const cJSON* message) {
     if (const QueueItem* about = item ? find(*item) : nullptr) {
         m_problem = title_of(*about) + ": " + m_problem;
     }
-    ++m_problem_count;
     return true;
 }
 
 int64_t DeviceState::position_ms(Clock::time_point now) const {
     const int64_t since =
-        is_playing()
+        is_playing() && is_track_heard() && m_advances && !m_is_frozen
             ? std::chrono::duration_cast<std::chrono::milliseconds>(now - m_position_at).count()
             : 0;
     const int64_t position = m_position_ms + since;
@@ -194,8 +213,13 @@ std::optional<int64_t> DeviceState::first_item() const {
     return m_queue.empty() ? std::nullopt : std::optional(m_queue.begin()->second.item);
 }
 
+std::string DeviceState::current_title() const {
+    const QueueItem* const current = m_item ? find(*m_item) : nullptr;
+    return current != nullptr ? title_of(*current) : "";
+}
+
 void DeviceState::describe(cJSON* object, Clock::time_point now) const {
-    add(object, "playback", m_playback);
+    add(object, "playback", kPlaybacks[static_cast<size_t>(m_playback)]);
     add(object, "active", m_is_active);
     add(object, "position_ms", position_ms(now));
     if (m_item) {
@@ -211,8 +235,6 @@ void DeviceState::describe(cJSON* object, Clock::time_point now) const {
     add(object, "has_previous", m_has_previous);
     add(object, "queue_revision", m_revision);
     add(object, "queue_length", m_length);
-    add(object, "problem_count", m_problem_count);
-    add(object, "problem", m_problem);
     if (m_played) {
         JsonPtr played = new_object();
         add(played.get(), "title", m_played->title);
@@ -220,7 +242,7 @@ void DeviceState::describe(cJSON* object, Clock::time_point now) const {
         add(object, "played", std::move(played));
     }
     const QueueItem* found = m_item ? find(*m_item) : nullptr;
-    const bool is_heard = m_track.item.has_value();
+    const bool is_heard = is_track_heard();
     if (!is_heard && found == nullptr) {
         return;
     }

@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "common/json/json.h"
+#include "controller/session/condition.h"
 
 namespace nuvio::controller {
 
@@ -51,11 +52,24 @@ class DeviceState {
     // clocks. True when something in it was understood.
     bool apply(const cJSON* message, Clock::time_point now, int64_t now_unix_ms);
 
-    // Heard now: a position advances while it plays.
+    // Heard now: a position advances while it plays and gets on.
     int64_t position_ms(Clock::time_point now) const;
     int64_t revision() const { return m_revision; }        // of the queue
     int64_t state_count() const { return m_state_count; }  // messages of that type
-    bool is_playing() const { return m_playback == "playing"; }
+    Playback playback() const { return m_playback; }
+    bool is_playing() const { return m_playback == Playback::playing; }
+    bool is_track_heard() const { return m_track.item.has_value(); }
+    // Its position does, while it plays, from one message to a later one.
+    bool advances() const { return m_advances; }
+    // It was heard until `at`, and no longer: its position stays where it was then.
+    void freeze(Clock::time_point at);
+    Clock::time_point told_at() const { return m_position_at; }  // its position
+    // The track that is heard is one of the queue, so not of one before it.
+    bool is_heard_of_queue() const { return m_track.item && find(*m_track.item) != nullptr; }
+    // What the newest error says, with the track that it concerns; empty: there was none.
+    const std::string& problem() const { return m_problem; }
+    // Of the current track; empty: there is none.
+    std::string current_title() const;
     // The queue's first place that no message has told of yet; none when all is there.
     std::optional<int64_t> missing_place() const;
     const QueueItem* find(int64_t item) const;
@@ -73,13 +87,14 @@ class DeviceState {
 
   private:
     bool apply_state(const cJSON* message, Clock::time_point now, int64_t now_unix_ms);
+    void watch_position(int64_t position_ms, Clock::time_point now);
     bool apply_track(const cJSON* message);
     bool apply_played(const cJSON* message);
     bool apply_queue(const cJSON* message);
     bool apply_error(const cJSON* message);
 
     std::string m_here;
-    std::string m_playback = "stopped";
+    Playback m_playback = Playback::stopped;
     std::string m_loop = "off";
     int64_t m_state_count = 0;
     bool m_is_active = false, m_is_muted = false, m_is_shuffled = false;
@@ -87,6 +102,9 @@ class DeviceState {
     std::optional<int64_t> m_item, m_volume;
     int64_t m_position_ms = 0;
     Clock::time_point m_position_at;
+    bool m_advances = true;
+    bool m_is_frozen = false;
+    Clock::time_point m_advanced_at;  // the first message with this position
     // How far behind the device's clock and the network are, at least, in ms.
     std::optional<int64_t> m_least_lag_ms;
 
@@ -97,7 +115,6 @@ class DeviceState {
     size_t m_queue_bytes = 0;
     std::map<int64_t, QueueItem> m_queue;  // by place
 
-    int64_t m_problem_count = 0;
     std::string m_problem;
 };
 

@@ -16,6 +16,9 @@ constexpr std::chrono::seconds kPatience{4};
 constexpr size_t kThreads = 4;
 constexpr int kTries = 5;
 constexpr std::chrono::seconds kPause{2};
+constexpr std::chrono::seconds kAskedPause{20};
+// Devices try for a minute to reach what they are to play.
+constexpr std::chrono::seconds kLongestWait{90};
 // Devices that are away are remembered while the controller runs, so many at most.
 constexpr size_t kMaxDevices = 128;
 
@@ -27,17 +30,14 @@ bool is_uuid(std::string_view text) {
     });
 }
 
-// The one thing about it that a person is told first. What is connected plays here, whatever else
-// is heard of it.
-const char* status_of(const Device& device) {
-    const bool is_connected = device.link != nullptr;
-    return !is_connected && !device.is_present              ? "absent"
-           : !is_connected && device.reach == Reach::failed ? "failed"
-           : !is_connected && device.reach == Reach::asking ? "asking"
-           : device.owner == Owner::other                   ? "other"
-           : device.owner == Owner::nobody                  ? "free"
-           : is_connected                                   ? "ours"
-                                                            : "apart";
+std::string listed(std::vector<std::string> names) {
+    constexpr size_t kMost = 20;
+    std::ranges::sort(names);
+    std::string text;
+    for (size_t i = 0; i < std::min(names.size(), kMost); ++i) {
+        text += (i > 0 ? ", " : "") + names[i];
+    }
+    return text + (names.size() > kMost ? " ..." : "");
 }
 
 void describe_device(cJSON* object, const std::string& id, const Device& device) {
@@ -49,7 +49,15 @@ void describe_device(cJSON* object, const std::string& id, const Device& device)
     add(object, "model", device.model);
     add(object, "quality", device.quality);
     add(object, "kind", device.kind);
-    add(object, "status", status_of(device));
+    add(object, "state", name_of(condition_of(device.known())));
+    add(object, "status", status_of(device.known()));
+    add(object, "problem", device.problem);
+    add(object, "problem_count", device.problem_count);
+    if (device.asked) {
+        JsonPtr asked = new_object();
+        add(asked.get(), "title", device.asked->title);
+        add(object, "asked", std::move(asked));
+    }
     add(object, "present", device.is_present);
     add(object, "reach", kReach[static_cast<size_t>(device.reach)]);
     add(object, "failure", device.failure);
@@ -162,7 +170,20 @@ void Devices::ask(const FoundDevice& found) {
     }
 }
 
-// True: a session is over.
+// What was asked for may never come, without a word from the device: then it is asked until
+// kLongestWait, not for ever.
+void Devices::give_up_waiting(const std::string& id, Device& device) {
+    if (!device.is_waiting) {
+        return;
+    }
+    if (DeviceState::Clock::now() - device.asked->since < kLongestWait) {
+        m_house.errands.try_emplace(id, DeviceState::Clock::now() + kAskedPause);
+    } else {
+        device.fail(device.asked->title + ": nothing is heard of it");
+    }
+}
+
+// True: other sessions are to be kept than before.
 bool Devices::learn(const std::string& id, const HttpAnswer& display, const HttpAnswer& connect) {
     const JsonPtr info = parse_json(display.body);
     const JsonPtr session = parse_json(connect.body);
@@ -189,34 +210,51 @@ bool Devices::learn(const std::string& id, const HttpAnswer& display, const Http
         device->quality = text_member(info.get(), "max_audio_quality").value_or("");
         device->kind = text_member(info.get(), "type").value_or("");
         const std::string current = text_member(session.get(), "current_session_id").value_or("");
-        device->owner = current.empty()                         ? Owner::nobody
-                        : m_house.sessions.of(id).id == current ? Owner::us
-                                                                : Owner::other;
+        device->has_gone_silent = false;
+        device->owner = current.empty()                     ? Owner::nobody
+                        : m_house.sessions.has(id, current) ? Owner::us
+                                                            : Owner::other;
+        is_over = device->owner == Owner::us && m_house.sessions.of(id).id != current;
+        if (is_over) {
+            m_house.sessions.join(current);
+        }
         // Taken over while its channel was broken, so that no goodbye came.
-        is_over = !current.empty() && device->link == nullptr && current != device->link_session &&
-                  m_house.sessions.end(device->link_session);
+        is_over = (!current.empty() && device->link == nullptr && current != device->link_session &&
+                   m_house.sessions.end(device->link_session)) ||
+                  is_over;
     }
+    give_up_waiting(id, *device);
     m_house.change();
     return is_over;
 }
 
-std::string Devices::named(const std::string& name) const {
+Devices::Named Devices::named(const std::string& name) const {
     const std::scoped_lock lock(m_house.mutex);
-    if (is_uuid(name)) {
-        return m_house.devices.contains(name) ? name : "";
+    if (is_uuid(name) && m_house.devices.contains(name)) {
+        return {name, {}};
     }
-    std::string found;
+    std::vector<std::string> ids;
+    std::vector<std::string> names;
     for (const auto& [id, device] : m_house.devices) {
         const bool is_called_so =
             equals_ignoring_case(device.found.name, name) && device.is_present;
-        if (is_called_so || id == name) {
-            if (!found.empty()) {
-                return {};
-            }
-            found = id;
+        if (!is_uuid(name) && (is_called_so || id == name)) {
+            ids.push_back(id);
+        }
+        if (device.is_present) {
+            names.push_back(device.found.name);
         }
     }
-    return found;
+    if (ids.size() == 1) {
+        return {ids.front(), {}};
+    }
+    if (ids.size() > 1) {
+        return {{}, "several devices are called '" + name + "', by id: " + listed(std::move(ids))};
+    }
+    return {
+        {},
+        "no device '" + name + "'; " +
+            (names.empty() ? "none is on the network" : "there are: " + listed(std::move(names)))};
 }
 
 JsonPtr Devices::describe() const {

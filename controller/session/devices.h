@@ -28,9 +28,13 @@ class Devices {
     void set_found(const std::vector<FoundDevice>& found);
     // Asks all that are there how they are; soon.
     void ask_again();
-    // By id, or by name where case does not matter; empty: none of that name, or several. An id is
-    // what a device says of itself: one that is no UUID counts as a name.
-    std::string named(const std::string& name) const;
+    struct Named {
+        std::string id;
+        std::string failure;  // for people; empty: there is one
+    };
+    // By id, or by name where case does not matter; one that is not present by its id alone. An id
+    // is what a device says of itself: one that is no UUID counts as a name.
+    Named named(const std::string& name) const;
     // An array, by name.
     JsonPtr describe() const;
     JsonPtr describe_queue(const std::string& id) const;  // null: no such device
@@ -39,6 +43,7 @@ class Devices {
     void run();
     std::map<std::string, DeviceState::Clock::time_point>::iterator next_errand();
     void ask(const FoundDevice& found);
+    void give_up_waiting(const std::string& id, Device& device);
     bool learn(const std::string& id, const HttpAnswer& display, const HttpAnswer& connect);
 
     HouseState& m_house;

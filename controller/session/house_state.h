@@ -10,12 +10,13 @@
 
 #include "controller/base/changes.h"
 #include "controller/discovery/discovery.h"
+#include "controller/session/condition.h"
 #include "controller/session/device_state.h"
 #include "controller/session/session_store.h"
 
 namespace nuvio::controller {
 
-// The controller's end of a session's channel. Both functions may be called by any thread, return
+// The controller's end of a session's channel. All functions may be called by any thread, return
 // at once and never call back.
 class ChannelLink {
   public:
@@ -25,10 +26,21 @@ class ChannelLink {
     virtual ~ChannelLink() = default;
     virtual void send(std::string message) = 0;
     virtual void close() = 0;
+    // The device is about to say something: where nothing comes it is asked whether it is there,
+    // and without an answer the channel ends. Until it says something.
+    virtual void expect_word() = 0;
+    // The same while it plays, as it tells its position every ten seconds then; else it may say
+    // nothing for longer.
+    virtual void set_playing(bool is_playing) = 0;
 };
 
-enum class Reach { asking, reached, failed };
-enum class Owner { nobody, us, other };
+// What somebody wants to hear on a device.
+struct Asked {
+    std::string title;                // or address
+    std::string session;              // that is to play it; empty: not known yet
+    std::optional<int64_t> revision;  // of the queue before, where another one is to come
+    DeviceState::Clock::time_point since = DeviceState::Clock::now();
+};
 
 struct Device {
     FoundDevice found;
@@ -39,9 +51,43 @@ struct Device {
     std::string brand, model, quality, kind;
     Owner owner = Owner::nobody;
     std::shared_ptr<ChannelLink> link;
-    std::string link_session;  // whose channel it is, or was the last time
+    std::string link_session;                   // whose channel it is, or was the last time
+    std::shared_ptr<ChannelLink> offered_link;  // of a session that it may join yet
+    std::string offered_session;
+    bool has_gone_silent = false;  // its channel did, and nothing was heard of it since
     DeviceState state;
     bool is_bit_exact = false;  // what is heard is what the file holds
+
+    std::optional<Asked> asked;  // last; none: it has been heard, or put off
+    bool is_waiting = false;     // nothing came of it yet
+    std::string problem;         // the last one since then; empty: there was none
+    int64_t problem_count = 0;   // in all
+
+    void ask_for(Asked wanted) {
+        asked = std::move(wanted);
+        is_waiting = true;
+        problem.clear();
+    }
+    void put_off() {
+        asked.reset();
+        is_waiting = false;
+    }
+    void fail(std::string reason) {
+        is_waiting = false;
+        problem = std::move(reason);
+        ++problem_count;
+    }
+    // What was asked for is heard.
+    bool is_asked_heard() const {
+        return is_waiting && link != nullptr && link_session == asked->session &&
+               state.is_playing() && state.is_track_heard() &&
+               (!asked->revision ||
+                (*asked->revision != state.revision() && state.is_heard_of_queue()));
+    }
+    Known known() const {
+        return {link != nullptr, is_present,       has_gone_silent,        reach,           owner,
+                is_waiting,      state.playback(), state.is_track_heard(), state.advances()};
+    }
 };
 
 // Everything but the constructor and `write_sessions` under `mutex`, which is never held while

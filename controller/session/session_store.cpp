@@ -38,9 +38,21 @@ SessionStore::SessionStore(std::string path) : m_path(std::move(path)) {
 
 const Session& SessionStore::of(const std::string& device) const {
     const auto found = std::ranges::find_if(m_sessions, [&](const Session& session) {
-        return session.device == device && !session.is_offered;
+        return session.device == device && session.is_joined;
     });
     return found != m_sessions.end() ? *found : kNone;
+}
+
+bool SessionStore::has(const std::string& device) const {
+    return std::ranges::any_of(m_sessions, [&](const Session& session) {
+        return session.device == device && !session.is_offered;
+    });
+}
+
+bool SessionStore::has(const std::string& device, const std::string& id) const {
+    return std::ranges::any_of(m_sessions, [&](const Session& session) {
+        return session.device == device && session.id == id;
+    });
 }
 
 const Session& SessionStore::of_token(std::string_view token) const {
@@ -60,13 +72,26 @@ void SessionStore::offer(const Session& session) {
     m_sessions.push_back(session);
 }
 
-void SessionStore::take(const std::string& id) {
-    const auto taken = std::ranges::find(m_sessions, id, &Session::id);
-    if (taken != m_sessions.end()) {
-        taken->is_offered = false;
-        const std::string device = taken->device;
+void SessionStore::accept(const std::string& id) {
+    const auto accepted = std::ranges::find(m_sessions, id, &Session::id);
+    if (accepted != m_sessions.end()) {
+        accepted->is_offered = false;
+        const std::string device = accepted->device;
         std::erase_if(m_sessions, [&](const Session& session) {
-            return session.device == device && session.id != id;
+            return session.device == device && session.id != id && !session.is_offered &&
+                   !session.is_joined;
+        });
+    }
+}
+
+void SessionStore::join(const std::string& id) {
+    const auto joined = std::ranges::find(m_sessions, id, &Session::id);
+    if (joined != m_sessions.end()) {
+        joined->is_offered = false;
+        joined->is_joined = true;
+        const std::string device = joined->device;
+        std::erase_if(m_sessions, [&](const Session& session) {
+            return session.device == device && session.id != id && !session.is_offered;
         });
     }
 }

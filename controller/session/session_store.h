@@ -18,7 +18,8 @@ struct Session {
     int64_t expires = 0;      // seconds since 1970
     std::string playlist;     // JSPF; not kept in the file
     std::string here;         // how the device reaches this controller
-    bool is_offered = false;  // the device has not taken it yet; not kept in the file
+    bool is_offered = false;  // the device has not answered yet; not kept in the file
+    bool is_joined = true;    // it is what the device plays; not kept in the file
 };
 
 class SessionStore {
@@ -26,15 +27,21 @@ class SessionStore {
     // Reads `path`, and waits for the disk; what can't be read there is as nothing.
     explicit SessionStore(std::string path);
 
-    // The one that the device has taken; one without an id: it has none.
+    // The one that the device has joined; one without an id: it has none.
     const Session& of(const std::string& device) const;
+    // It may join another one, or has already.
+    bool has(const std::string& device) const;
+    bool has(const std::string& device, const std::string& id) const;
     // The one with this token that is not over, be it offered only; one without an id: none.
     const Session& of_token(std::string_view token) const;
     // Its token counts from now on, beside that of the session that the device has. At most 64
     // sessions are kept, the newest.
     void offer(const Session& session);
-    // The device has taken it: its sessions before that are over.
-    void take(const std::string& id);
+    // The device has answered that it will look at it: what it was offered before that, and has not
+    // joined, is over.
+    void accept(const std::string& id);
+    // The device has joined it: its sessions before that are over.
+    void join(const std::string& id);
     // It is over. False: it was already.
     bool end(const std::string& id);
 

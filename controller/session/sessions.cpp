@@ -15,6 +15,13 @@ namespace nuvio::controller {
 namespace {
 
 constexpr int64_t kSessionSeconds = int64_t{7} * 24 * 3600;
+constexpr size_t kMaxPlaylist = 2'000;  // tracks; devices read 4 MiB
+// Where no channel has told of it, the device is asked then what it plays.
+constexpr std::chrono::seconds kFirstLook{10};
+
+std::string title_of(const Playable& item) {
+    return item.track ? item.track->title : item.title.empty() ? item.url : item.title;
+}
 
 bool is_ipv6(const std::string& address) {
     return address.find(':') != std::string::npos;
@@ -39,37 +46,62 @@ std::string refusal(const HttpAnswer& answer) {
 Outcome Sessions::play(const std::string& id, const std::vector<Playable>& items, Where where,
                        size_t start) {
     const Time latest = Commands::Clock::now() + kPatience;
+    if (items.empty()) {
+        return {false, "nothing to play"};
+    }
+    start = std::min(start, items.size() - 1);
     FoundDevice found;
     bool is_linked = false;
     {
         const std::scoped_lock lock(m_house.mutex);
-        const Device* const device = m_house.find(id);
+        Device* const device = m_house.find(id);
         if (device == nullptr || !device->is_present) {
             return {false, "the device is not on the network: is it switched on?"};
         }
         found = device->found;
         is_linked = device->owner == Owner::us && device->link != nullptr;
+        if (!is_linked || where == Where::now) {
+            device->ask_for({title_of(items[start]), is_linked ? device->link_session : "",
+                             device->state.revision()});
+            m_house.change();
+        }
     }
-    if (items.empty()) {
-        return {false, "nothing to play"};
-    }
-    start = std::min(start, items.size() - 1);
     if (is_linked && where != Where::now) {
         return insert(id, items, where, latest);
     }
+    Outcome outcome = play_now(id, found, items, start, is_linked, latest);
+    if (!outcome.is_ok) {
+        const std::scoped_lock lock(m_house.mutex);
+        m_commands.fail(id, outcome.reason);
+    }
+    return outcome;
+}
+
+Outcome Sessions::play_now(const std::string& id, const FoundDevice& found,
+                           const std::vector<Playable>& items, size_t start, bool is_linked,
+                           Time latest) {
     if (is_linked) {
         std::vector<JsonPtr> lists = track_lists(items, address_here(id));
         if (lists.size() == 1) {
             return replace(id, std::move(lists.front()), start, latest);
         }
     }
-    // A session begins with its first track: what stands before `start` is put there afterwards.
+    // A session begins with its first track and as many more as a device reads of a playlist: what
+    // stands before `start`, and the rest, are put there afterwards.
     const auto first = items.begin() + static_cast<std::ptrdiff_t>(start);
-    Outcome outcome = begin(id, found, {first, items.end()}, latest);
-    if (outcome.is_ok && start > 0 && has_queue(id, latest)) {
-        insert(id, {items.begin(), first}, Where::front, latest);
+    const auto end = first + static_cast<std::ptrdiff_t>(std::min<size_t>(
+                                 kMaxPlaylist, static_cast<size_t>(items.end() - first)));
+    const Outcome begun = begin(id, found, {first, end}, latest);
+    if (!begun.is_ok || (start == 0 && end == items.end())) {
+        return begun;
     }
-    return outcome;
+    if (!has_queue(id, latest)) {
+        return {true, {}};  // its state says why
+    }
+    const Outcome rest =
+        end == items.end() ? Outcome{true, {}} : insert(id, {end, items.end()}, Where::end, latest);
+    return start == 0 || !rest.is_ok ? rest
+                                     : insert(id, {items.begin(), first}, Where::front, latest);
 }
 
 std::string Sessions::device_of_token(std::string_view token) const {
@@ -127,11 +159,17 @@ Outcome Sessions::offer(const std::string& id, const FoundDevice& found,
                     .expires = std::time(nullptr) + kSessionSeconds,
                     .playlist = {},
                     .here = "http://" + reached.local_address + ":" + std::to_string(m_port),
-                    .is_offered = true};
+                    .is_offered = true,
+                    .is_joined = false};
     session.playlist = playlist_of(items, session.here);
     {
         const std::scoped_lock lock(m_house.mutex);
         m_house.sessions.offer(session);
+        Device* const device = m_house.find(id);
+        if (device != nullptr && device->asked) {
+            device->asked->session = session.id;
+            device->asked->revision.reset();
+        }
     }
     const HttpAnswer answer = ask_device(
         found, "POST", "connect-to-nconnect",
@@ -143,23 +181,24 @@ Outcome Sessions::offer(const std::string& id, const FoundDevice& found,
     return answer.status == 200 ? Outcome{true, {}} : Outcome{false, refusal(answer)};
 }
 
-void Sessions::settle(const std::string& id, const std::string& session, bool is_taken) {
+// That it is accepted says that the device looks at it: whether it plays it its channel tells.
+void Sessions::settle(const std::string& id, const std::string& session, bool is_accepted) {
     {
         const std::scoped_lock lock(m_house.mutex);
         Device* const device = m_house.find(id);
-        if (!is_taken) {
+        if (!is_accepted) {
             m_house.sessions.end(session);
             m_house.errands[id] = {};
         } else {
-            m_house.sessions.take(session);
+            m_house.sessions.accept(session);
+            m_house.errands.try_emplace(id, Commands::Clock::now() + kFirstLook);
         }
-        if (is_taken && device != nullptr) {
-            device->owner = Owner::us;
+        if (is_accepted && device != nullptr) {
             device->reach = Reach::reached;
         }
         m_house.change();
     }
-    if (is_taken) {
+    if (is_accepted) {
         m_house.write_sessions();
     }
 }
@@ -197,15 +236,20 @@ Outcome Sessions::insert(const std::string& id, const std::vector<Playable>& ite
     return {true, {}};
 }
 
-// Once the device's channel has told of its queue.
+// Once the device's channel has told of the queue that was asked for; false: it does not come.
 bool Sessions::has_queue(const std::string& id, Time latest) {
     std::unique_lock lock(m_house.mutex);
+    const Device* device = nullptr;
+    const auto has_queue = [&] {
+        return device != nullptr && device->link != nullptr && device->state.has_queue() &&
+               (!device->asked || device->link_session == device->asked->session);
+    };
     latest = std::min(latest, Commands::Clock::now() + Commands::kPatience);
-    return m_house.on_change.wait_until(lock, latest, [&] {
-        const Device* const device = m_house.find(id);
-        return m_house.is_closed ||
-               (device != nullptr && device->link != nullptr && device->state.has_queue());
+    m_house.on_change.wait_until(lock, latest, [&] {
+        device = m_house.find(id);
+        return m_house.is_closed || device == nullptr || !device->problem.empty() || has_queue();
     });
+    return has_queue();
 }
 
 std::string Sessions::address_here(const std::string& id) const {

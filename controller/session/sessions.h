@@ -31,6 +31,7 @@ class Sessions {
         : m_house(house), m_commands(commands), m_port(port) {}
 
     // `start`: place in `items` of the first one to play; for Where::now.
+    // The device has taken it on, not played it: its state tells what comes of it.
     Outcome play(const std::string& device, const std::vector<Playable>& items, Where where,
                  size_t start = 0);
     // Whose token this is; empty: nobody's.
@@ -41,11 +42,13 @@ class Sessions {
   private:
     using Time = Commands::Clock::time_point;
 
+    Outcome play_now(const std::string& id, const FoundDevice& found,
+                     const std::vector<Playable>& items, size_t start, bool is_linked, Time latest);
     Outcome begin(const std::string& id, const FoundDevice& found,
                   const std::vector<Playable>& items, Time latest);
     Outcome offer(const std::string& id, const FoundDevice& found,
                   const std::vector<Playable>& items, Time latest);
-    void settle(const std::string& id, const std::string& session, bool is_taken);
+    void settle(const std::string& id, const std::string& session, bool is_accepted);
     Outcome insert(const std::string& id, const std::vector<Playable>& items, Where where,
                    Time latest);
     Outcome replace(const std::string& id, JsonPtr tracks, size_t start, Time latest);

@@ -161,8 +161,9 @@ int Api::get_state(Exchange& exchange, const std::string&) {
 }
 
 int Api::get_queue(Exchange& exchange, const std::string& id) {
-    const JsonPtr queue = m_house.devices().describe_queue(m_house.devices().named(id));
-    return queue != nullptr ? exchange.reply_json(queue) : exchange.fail(404, "no such device");
+    const Devices::Named device = m_house.devices().named(id);
+    const JsonPtr queue = m_house.devices().describe_queue(device.id);
+    return queue != nullptr ? exchange.reply_json(queue) : exchange.fail(404, device.failure);
 }
 
 int Api::answer(Exchange& exchange, const Outcome& outcome) {
@@ -174,9 +175,9 @@ int Api::post_play(Exchange& exchange, const std::string& id) {
     if (body == nullptr) {
         return exchange.status();
     }
-    const std::string device = m_house.devices().named(id);
-    if (device.empty()) {
-        return exchange.fail(404, "no such device, or several of that name");
+    const Devices::Named device = m_house.devices().named(id);
+    if (device.id.empty()) {
+        return exchange.fail(404, device.failure);
     }
     std::vector<Playable> items;
     const cJSON* what = nullptr;
@@ -193,7 +194,7 @@ int Api::post_play(Exchange& exchange, const std::string& id) {
     }
     const std::string where = text_member(body.get(), "where").value_or("now");
     const int64_t start = std::max<int64_t>(0, number_member(body.get(), "start").value_or(0));
-    return answer(exchange, m_house.sessions().play(device, items,
+    return answer(exchange, m_house.sessions().play(device.id, items,
                                                     where == "next"  ? Where::next
                                                     : where == "end" ? Where::end
                                                                      : Where::now,
@@ -205,16 +206,16 @@ int Api::post_command(Exchange& exchange, const std::string& id) {
     if (body == nullptr) {
         return exchange.status();
     }
-    const std::string device = m_house.devices().named(id);
+    const Devices::Named device = m_house.devices().named(id);
     const std::string name = text_member(body.get(), "command").value_or("");
-    if (device.empty() || name.empty()) {
-        return device.empty() ? exchange.fail(404, "no such device, or several of that name")
-                              : exchange.fail(400, "no command");
+    if (device.id.empty() || name.empty()) {
+        return device.id.empty() ? exchange.fail(404, device.failure)
+                                 : exchange.fail(400, "no command");
     }
     for (const char* own : {"command", "id", "type"}) {
         cJSON_DeleteItemFromObjectCaseSensitive(body.get(), own);
     }
-    return answer(exchange, m_house.commands().run(device, name, std::move(body)));
+    return answer(exchange, m_house.commands().run(device.id, name, std::move(body)));
 }
 
 int Api::post_look(Exchange& exchange, const std::string&) {

@@ -10,14 +10,21 @@
 #include "controller/base/log.h"
 #include "controller/web/allocation_limit.h"
 #include "controller/web/guarded_connection.h"
+#include "controller/web/silence.h"
 
 namespace nuvio::controller {
 
 namespace {
 
+using Clock = std::chrono::steady_clock;
+
 constexpr std::chrono::seconds kWritePatience{20};
 // Pages get no more than this, whatever happens.
 constexpr std::chrono::milliseconds kBetweenStates{80};
+// A page says nothing of its own: it is pinged, and cut off where it does not answer.
+constexpr std::chrono::seconds kBetweenPings{30};
+constexpr std::chrono::seconds kSilenceOfPage{75};
+constexpr size_t kMaxControlFrame = 125;
 constexpr size_t kMaxQueuedBytes = size_t{4} << 20U;
 constexpr size_t kMaxMessage = size_t{64} << 10U;
 constexpr size_t kMaxAllocation = size_t{256} << 10U;
@@ -28,6 +35,14 @@ bool is_text(int bits) {
 
 bool is_control(int bits) {
     return (bits & 0x08) != 0;
+}
+
+// Answers a ping. False: the connection is to end.
+bool take_control(mg_connection* connection, int bits, const char* data, size_t size) {
+    const int kind = bits & 0x0f;
+    return kind != MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE && size <= kMaxControlFrame &&
+           (kind != MG_WEBSOCKET_OPCODE_PING ||
+            mg_websocket_write(connection, MG_WEBSOCKET_OPCODE_PONG, data, size) > 0);
 }
 
 bool is_final(int bits) {
@@ -56,16 +71,18 @@ class Sockets::Writer {
         : m_connection(connection), m_guarded(guard, connection) {}
 
     // False: the peer is gone, or has been cut off.
-    bool write(const std::string& message) {
-        m_guarded.set_deadline(kWritePatience);
-        const int sent = mg_websocket_write(m_connection, MG_WEBSOCKET_OPCODE_TEXT, message.data(),
-                                            message.size());
-        m_guarded.clear_deadline();
-        return sent > 0;
-    }
+    bool write(const std::string& message) { return write(MG_WEBSOCKET_OPCODE_TEXT, message); }
+    bool ping() { return write(MG_WEBSOCKET_OPCODE_PING, {}); }
     void cut() { m_guarded.cut(); }
 
   private:
+    bool write(int kind, const std::string& message) {
+        m_guarded.set_deadline(kWritePatience);
+        const int sent = mg_websocket_write(m_connection, kind, message.data(), message.size());
+        m_guarded.clear_deadline();
+        return sent > 0;
+    }
+
     mg_connection* const m_connection;
     GuardedConnection m_guarded;
 };
@@ -85,15 +102,15 @@ class Sockets::Page {
     Page(const Page&) = delete;
     Page& operator=(const Page&) = delete;
 
+    void heard() { m_heard_at = Clock::now(); }
+
   private:
     void run() {
         uint64_t seen = 0;
-        while (!m_is_ending && !m_sockets.m_changes.is_closed()) {
-            const uint64_t version = m_sockets.m_changes.wait(seen, std::chrono::hours(1));
-            std::string state;
-            if (m_is_ending ||
-                !attempt("No state for a page", [&] { state = m_sockets.m_state(version); }) ||
-                !m_writer.write(state)) {
+        while (!m_is_ending && !m_sockets.m_changes.is_closed() &&
+               Clock::now() - m_heard_at.load() < kSilenceOfPage) {
+            const uint64_t version = m_sockets.m_changes.wait(seen, kBetweenPings);
+            if (m_is_ending || !(version == seen ? m_writer.ping() : show(version))) {
                 break;
             }
             seen = version;
@@ -102,9 +119,16 @@ class Sockets::Page {
         m_writer.cut();
     }
 
+    bool show(uint64_t version) {
+        std::string state;
+        return attempt("No state for a page", [&] { state = m_sockets.m_state(version); }) &&
+               m_writer.write(state);
+    }
+
     Sockets& m_sockets;
     Writer m_writer;
     std::atomic<bool> m_is_ending = false;
+    std::atomic<Clock::time_point> m_heard_at = Clock::now();
     std::thread m_thread;
 };
 
@@ -135,35 +159,71 @@ class Sockets::Channel : public ChannelLink {
         m_on_change.notify_one();
     }
 
+    void expect_word() override {
+        const std::scoped_lock lock(m_mutex);
+        m_silence.expect_word(Clock::now());
+        m_on_change.notify_one();
+    }
+
+    void set_playing(bool is_playing) override {
+        const std::scoped_lock lock(m_mutex);
+        m_silence.set_playing(is_playing);
+        m_on_change.notify_one();
+    }
+
+    // Something has come, be it a pong.
+    void heard() {
+        const std::scoped_lock lock(m_mutex);
+        m_silence.heard(Clock::now());
+    }
+
+    // It ended because nothing came.
+    bool is_silent() {
+        const std::scoped_lock lock(m_mutex);
+        return m_is_silent;
+    }
+
     // The handler's own: a message is put together from its frames.
     std::string message;
 
   private:
     void run() {
         std::unique_lock lock(m_mutex);
-        while (true) {
-            m_on_change.wait(lock, [this] { return m_is_ending || !m_messages.empty(); });
-            if (m_is_ending) {
-                break;
+        while (!m_is_ending) {
+            if (!m_messages.empty()) {
+                const std::string text = std::move(m_messages.front());
+                m_messages.pop_front();
+                m_bytes -= text.size();
+                write(lock, [&] { return m_writer.write(text); });
+            } else if (Clock::now() < m_silence.due()) {
+                m_on_change.wait_until(lock, m_silence.due());
+            } else if (m_silence.is_pinged()) {
+                m_is_silent = m_is_ending = true;
+            } else {
+                m_silence.pinged(Clock::now());
+                write(lock, [&] { return m_writer.ping(); });
             }
-            const std::string text = std::move(m_messages.front());
-            m_messages.pop_front();
-            m_bytes -= text.size();
-            lock.unlock();
-            const bool is_sent = m_writer.write(text);
-            lock.lock();
-            m_is_ending = m_is_ending || !is_sent;
         }
         lock.unlock();
         m_writer.cut();
     }
 
+    template <typename Write>
+    void write(std::unique_lock<std::mutex>& lock, Write write_it) {
+        lock.unlock();
+        const bool is_written = write_it();
+        lock.lock();
+        m_is_ending = m_is_ending || !is_written;
+    }
+
     Writer m_writer;
     std::mutex m_mutex;
     std::condition_variable m_on_change;
-    std::deque<std::string> m_messages;  // under m_mutex, as the next two
+    std::deque<std::string> m_messages;  // under m_mutex, as what follows
     size_t m_bytes = 0;
     bool m_is_ending = false;
+    bool m_is_silent = false;
+    Silence m_silence;
     std::thread m_thread;
 };
 
@@ -255,8 +315,15 @@ void Sockets::on_page_ready(mg_connection* connection, void* context) {
 // A page says nothing; its pongs keep the connection. On 0, and after a close frame whatever is
 // returned, CivetWeb leaves its loop, calls the closed handler once and shuts the socket: what the
 // peer sent behind that frame is not looked at, and no close frame is answered.
-int Sockets::on_page_data(mg_connection*, int bits, char*, size_t, void*) {
-    return is_control(bits) && (bits & 0x0f) != MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE ? 1 : 0;
+int Sockets::on_page_data(mg_connection* connection, int bits, char* data, size_t size,
+                          void* context) {
+    auto* self = static_cast<Sockets*>(context);
+    const auto page = self->find(self->m_pages, connection, false);
+    if (page == nullptr || !is_control(bits) || !take_control(connection, bits, data, size)) {
+        return 0;
+    }
+    page->heard();
+    return 1;
 }
 
 void Sockets::on_page_closed(const mg_connection* connection, void* context) {
@@ -281,20 +348,23 @@ void Sockets::on_channel_ready(mg_connection* connection, void* context) {
     }
 }
 
-// CivetWeb hands over whole frames, fragments one by one, also such as are not masked. Pings it
-// answers itself, however long they are. A frame that announces more than 2 GB ends the connection;
-// `allocation_limit.h` has the rest. One whose bytes do not come holds a worker and kMaxAllocation,
-// for no time-out is looked at inside a frame, until something written to the peer is not taken.
+// CivetWeb hands over whole frames, fragments one by one, also such as are not masked. A frame that
+// announces more than 2 GB ends the connection; `allocation_limit.h` has the rest. One whose bytes
+// do not come holds a worker and kMaxAllocation, for no time-out is looked at inside a frame, until
+// something written to the peer is not taken.
 int Sockets::on_channel_data(mg_connection* connection, int bits, char* data, size_t size,
                              void* context) {
     auto* self = static_cast<Sockets*>(context);
     const auto channel = self->find(self->m_channels, connection, false);
+    if (channel == nullptr) {
+        return 0;
+    }
+    channel->heard();
     if (is_control(bits)) {
-        return (bits & 0x0f) == MG_WEBSOCKET_OPCODE_CONNECTION_CLOSE ? 0 : 1;
+        return take_control(connection, bits, data, size) ? 1 : 0;
     }
     const bool is_next = (bits & 0x0f) == MG_WEBSOCKET_OPCODE_CONTINUATION;
-    if (channel == nullptr || (!is_text(bits) && !is_next) ||
-        channel->message.size() + size > kMaxMessage) {
+    if ((!is_text(bits) && !is_next) || channel->message.size() + size > kMaxMessage) {
         return 0;
     }
     const bool is_taken = attempt("A device's message", [&] {
@@ -311,7 +381,7 @@ void Sockets::on_channel_closed(const mg_connection* connection, void* context) 
     auto* self = static_cast<Sockets*>(context);
     const auto channel = self->find(self->m_channels, connection, true);
     if (channel != nullptr) {
-        self->m_house.channels().closed(channel.get());
+        self->m_house.channels().closed(channel.get(), channel->is_silent());
         channel->end();
     }
     limit_allocations(0);

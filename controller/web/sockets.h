@@ -4,6 +4,8 @@
 // Threads  each socket has a thread of its own that writes, so that a peer that does not read holds
 //          up nobody else; such a peer is cut off after 20 s. The handlers run on CivetWeb's
 //          workers.
+// Silence  who says nothing is pinged, and cut off where no answer comes: a device sooner while it
+//          plays, and when it was asked something.
 #pragma once
 
 #include <civetweb.h>
@@ -55,7 +57,8 @@ class Sockets {
     bool reserve(Places& places, const mg_connection* connection, const std::string& peer);
 
     static void on_page_ready(mg_connection* connection, void* self);
-    static int on_page_data(mg_connection*, int bits, char*, size_t, void*);
+    static int on_page_data(mg_connection* connection, int bits, char* data, size_t size,
+                            void* self);
     static void on_page_closed(const mg_connection* connection, void* self);
     static void on_channel_ready(mg_connection* connection, void* self);
     static int on_channel_data(mg_connection* connection, int bits, char* data, size_t size,

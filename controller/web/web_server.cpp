@@ -104,8 +104,6 @@ bool WebServer::start() {
                              kWriteTimeoutMs,
                              "websocket_timeout_ms",
                              "30000",
-                             "enable_websocket_ping_pong",
-                             "yes",
                              "decode_url",  // a name in a path may have a '/'
                              "no",
                              "enable_directory_listing",

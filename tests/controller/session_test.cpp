@@ -10,6 +10,7 @@
 #include "controller/device/http_client.h"
 #include "controller/discovery/announced.h"
 #include "controller/session/device_state.h"
+#include "controller/session/house_state.h"
 #include "controller/session/tracks.h"
 #include "controller/web/byte_range.h"
 
@@ -51,6 +52,7 @@ class DeviceStateTest : public testing::Test {
 };
 
 TEST_F(DeviceStateTest, a_position_is_right_whatever_the_clocks_and_the_network_do) {
+    ASSERT_TRUE(say(R"({"type":"track","item":7})"));
     ASSERT_TRUE(say_position(1'000, 0, 20));
     EXPECT_EQ(position_at(20), 1'000);
     EXPECT_EQ(position_at(520), 1'500);
@@ -79,6 +81,56 @@ TEST_F(DeviceStateTest, a_queue_comes_in_any_parts_and_a_new_revision_replaces_i
     EXPECT_EQ(m_state.missing_place(), std::nullopt);
 }
 
+TEST_F(DeviceStateTest, one_that_gets_no_further_is_not_said_to_play) {
+    const auto is_said = [this](bool is_asked = false) {
+        Device device;
+        device.owner = Owner::us;
+        device.state = m_state;
+        Known known = device.known();
+        known.is_linked = true;
+        known.is_asked = is_asked;
+        return std::string(name_of(condition_of(known)));
+    };
+    ASSERT_TRUE(say(R"({"type":"state","playback":"playing","item":7,"position_ms":0})"));
+    EXPECT_EQ(is_said(true), "opening");
+    EXPECT_EQ(position_at(5'000), 0) << "nothing is heard yet";
+    ASSERT_TRUE(say(R"({"type":"track","item":7})"));
+    EXPECT_EQ(is_said(true), "asked") << "it may be what was heard before";
+    EXPECT_EQ(is_said(), "playing");
+    ASSERT_TRUE(say_position(1'000, 1'000, 0));
+    ASSERT_TRUE(say_position(1'000, 1'500, 0));
+    EXPECT_EQ(is_said(), "playing");
+    ASSERT_TRUE(say_position(1'000, 11'000, 0));
+    EXPECT_EQ(is_said(), "silent");
+    EXPECT_EQ(position_at(15'000), 1'000);
+    ASSERT_TRUE(say_position(1'200, 12'000, 0));
+    EXPECT_EQ(is_said(), "playing");
+    m_state.freeze(m_start + milliseconds(12'300));
+    EXPECT_EQ(position_at(20'000), 1'500);
+}
+
+TEST(ConditionTest, a_device_is_never_said_to_be_what_it_may_not_be) {
+    constexpr Known kOurs{.is_linked = true, .is_present = true, .owner = Owner::us};
+    constexpr Known kApart{.is_present = true, .reach = Reach::reached, .owner = Owner::us};
+    const auto with = [](Known known, auto... members) {
+        (members(known), ...);
+        return std::string(name_of(condition_of(known)));
+    };
+    const auto plays = [](Known& known) { known.playback = Playback::playing; };
+    const auto asked = [](Known& known) { known.is_asked = true; };
+    const auto failed = [](Known& known) { known.reach = Reach::failed; };
+    const auto nobodys = [](Known& known) { known.owner = Owner::nobody; };
+    EXPECT_EQ(with(kOurs), "stopped");
+    EXPECT_EQ(with(kOurs, plays, failed), "opening") << "its channel tells, whatever HTTP does";
+    EXPECT_EQ(with(kApart, plays), "silent");
+    EXPECT_EQ(with(kApart, plays, failed), "gone");
+    EXPECT_EQ(with(kApart, plays, [](Known& known) { known.has_gone_silent = true; }), "gone");
+    EXPECT_EQ(with(kApart, nobodys), "free");
+    EXPECT_EQ(with(kApart, nobodys, asked), "asked");
+    EXPECT_EQ(with(kApart, asked, [](Known& known) { known.is_present = false; }), "gone");
+    EXPECT_EQ(with(Known{.is_present = true}), "asking");
+}
+
 // The device has found none, and nobody who asked for the track has said one.
 TEST_F(DeviceStateTest, a_track_without_a_title_is_called_the_same_wherever_it_is_shown) {
     ASSERT_TRUE(say(R"({"type":"queue","revision":1,"length":1,"first":0,"items":[
@@ -89,7 +141,7 @@ TEST_F(DeviceStateTest, a_track_without_a_title_is_called_the_same_wherever_it_i
     const JsonPtr shown = new_object();
     m_state.describe(shown.get(), m_start);
     EXPECT_EQ(text_member(member(shown.get(), "track"), "title"), "http://away/a");
-    EXPECT_EQ(text_member(shown.get(), "problem"), "http://away/a: gone");
+    EXPECT_EQ(m_state.problem(), "http://away/a: gone");
     EXPECT_THAT(print_json(m_state.describe_queue().get()),
                 testing::HasSubstr(R"("title":"http://away/a")"));
 }
