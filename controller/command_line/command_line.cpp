@@ -1,17 +1,18 @@
 #include "controller/command_line/command_line.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <numeric>
+#include <span>
 
-#include "common/environment.h"
 #include "common/json/json.h"
 #include "common/options/options.h"
-#include "common/percent_encoding.h"
-#include "common/text.h"
 #include "common/utf8.h"
 #include "controller/base/settings.h"
 #include "controller/command_line/arguments.h"
 #include "controller/command_line/direct.h"
+#include "controller/command_line/running.h"
 #include "controller/device/http_client.h"
 
 namespace nuvio::controller {
@@ -19,88 +20,36 @@ namespace nuvio::controller {
 namespace {
 
 using Arguments = std::vector<std::string>;
-constexpr long kPatienceMs = 40'000;
-constexpr size_t kMaxAnswerValues = 1'000'000;
+constexpr std::chrono::seconds kSoundPatience{100};
 
-// Ends the command with status 1 and a line.
-struct Failure {
-    std::string text;
-};
-// With status 2, what is wrong where that is known, and the command's usage.
-struct Misuse {
-    std::string text = {};
-};
-
-JsonPtr ask_controller(const char* method, const std::string& path, const std::string& body = {}) {
-    const std::string url = environment_text("NUVIO_CONTROLLER", "http://127.0.0.1:8090");
-    const std::string password = environment_text("NUVIO_CONTROLLER_PASSWORD");
-    const HttpAnswer answer = ask({.url = url + "/api/" + path,
-                                   .method = method,
-                                   .body = body,
-                                   .user = password.empty() ? "" : "x:" + password,
-                                   .timeout_ms = kPatienceMs});
-    if (answer.status == 0) {
-        throw Failure{"no controller at " + url + " (" + answer.failure +
-                      "): is `nuvio-connect-controller serve` running?"};
-    }
-    // A queue of 20,000 tracks is such an answer.
-    JsonPtr document = parse_json(answer.body, kMaxAnswerValues);
-    if (answer.status != 200 || document == nullptr) {
-        throw Failure{text_member(document.get(), "error")
-                          .value_or("the controller answered " + std::to_string(answer.status))};
-    }
-    return document;
-}
-
-std::string device_path(const std::string& device, const char* what) {
-    std::string name = percent_encode(device);
-    for (size_t at = name.find('/'); at != std::string::npos; at = name.find('/', at)) {
-        name.replace(at, 1, "%2F");
-    }
-    return "devices/" + name + "/" + what;
-}
-
-void command_device(const std::string& device, const char* command, JsonPtr arguments) {
-    add(arguments.get(), "command", command);
-    ask_controller("POST", device_path(device, "command"), print_json(arguments.get()));
-}
-
-// Of the document that `state` gives, the device of that name or id.
-const cJSON* device_in(const cJSON* state, const std::string& name) {
-    const cJSON* device = nullptr;
-    cJSON_ArrayForEach(device, member(state, "devices")) {
-        if (equals_ignoring_case(text_member(device, "name").value_or(""), name) ||
-            text_member(device, "id") == name) {
-            return device;
-        }
-    }
-    throw Failure{"no device '" + name + "'; `devices` lists them"};
-}
-
-std::string shown(const cJSON* object, const char* key) {
-    return printable(text_member(object, key).value_or(""));
-}
-
-std::string status_text(const cJSON* device) {
-    const std::string status = shown(device, "status");
-    return status == "absent"   ? "not on the network"
-           : status == "failed" ? "can't be reached: " + shown(device, "failure")
-           : status == "asking" ? "is being reached"
-           : status == "other"  ? "used by another controller"
-           : status == "apart"  ? "plays on, its connection is expected back"
-           : status == "ours"   ? shown(device, "playback")
-                                : "free";
+// Of the states that are not called what they are.
+std::string state_text(const cJSON* device) {
+    const std::string state = shown(device, "state");
+    const std::string failure = shown(device, "failure");
+    const std::string asked = shown(member(device, "asked"), "title");
+    const bool is_connected = bool_member(device, "connected").value_or(false);
+    return state == "gone"     ? "gone" + (failure.empty() ? "" : ": " + failure)
+           : state == "asking" ? "is being reached"
+           : state == "other"  ? "used by another controller"
+           : state == "silent" ? is_connected ? "silent: it says that it plays, and gets no further"
+                                              : "silent: its connection is expected back"
+           : state == "asked"  ? "asked for " + asked
+           : state == "opening" ? "opens"
+                                : state;
 }
 
 void show_device(const cJSON* device) {
     const cJSON* track = member(device, "track");
-    std::string doing = status_text(device);
+    std::string doing = state_text(device);
     if (track != nullptr) {
         doing += "  " + shown(track, "title");
         const std::string artist = shown(track, "artist");
         doing += (artist.empty() ? "" : " - " + artist) + "  " +
                  time_text(number_member(device, "position_ms").value_or(0)) + " / " +
                  time_text(number_member(track, "duration_ms").value_or(0));
+    }
+    if (const std::string problem = shown(device, "problem"); !problem.empty()) {
+        doing += "  (" + problem + ")";
     }
     if (const auto volume = number_member(device, "volume")) {
         doing += "  volume " + std::to_string(*volume) +
@@ -119,14 +68,54 @@ void list_devices(const Arguments&) {
     }
 }
 
-void play(const Arguments& words) {
+void ask_to_play(const std::string& device, std::span<const std::string> texts, const char* where) {
     JsonPtr what = new_array();
-    for (size_t i = 1; i < words.size(); ++i) {
-        append(what.get(), to_what(words[i]));
+    for (const std::string& text : texts) {
+        append(what.get(), to_what(text));
     }
     JsonPtr body = new_object();
     add(body.get(), "what", std::move(what));
-    ask_controller("POST", device_path(words[0], "play"), print_json(body.get()));
+    add(body.get(), "where", where);
+    ask_controller("POST", device_path(device, "play"), print_json(body.get()));
+}
+
+// Says what came of it. A device that can't reach what it is to play says so within a minute.
+void wait_for_sound(const std::string& device) {
+    using Clock = std::chrono::steady_clock;
+    const auto latest = Clock::now() + kSoundPatience;
+    for (int64_t version = -1; Clock::now() < latest;) {
+        const JsonPtr state = ask_controller("GET", "state?after=" + std::to_string(version));
+        const cJSON* one = device_in(state.get(), device);
+        const std::string is = shown(one, "state");
+        const std::string problem = shown(one, "problem");
+        if (is == "playing") {
+            std::printf("%s plays %s\n", shown(one, "name").c_str(),
+                        shown(member(one, "track"), "title").c_str());
+            return;
+        }
+        if (!problem.empty() || (is != "asked" && is != "opening")) {
+            throw Failure{problem.empty() ? shown(one, "name") + ": " + state_text(one) : problem};
+        }
+        version = number_member(state.get(), "version").value_or(0);
+    }
+    throw Failure{"nothing is heard yet; `status` tells what comes of it"};
+}
+
+constexpr Option kPlayOptions[] = {
+    {"no-wait", nullptr, "does not wait until something is heard"},
+};
+
+void play(const Arguments& words) {
+    const GivenOptions given = read_options(kPlayOptions, words, nuvio::Words::taken);
+    if (!given.failure.empty() || given.words.size() < 2) {
+        throw Misuse{given.failure};
+    }
+    ask_to_play(given.words[0], std::span(given.words).subspan(1), "now");
+    if (given.has("no-wait")) {
+        std::printf("%s was asked to play it\n", printable(given.words[0]).c_str());
+    } else {
+        wait_for_sound(given.words[0]);
+    }
 }
 
 template <const char* command>
@@ -148,15 +137,26 @@ int64_t resolve(const std::optional<Amount>& amount, const std::string& device, 
 }
 
 void seek(const Arguments& words) {
+    const int64_t position_ms = resolve(to_time(words[1]), words[0], "position_ms");
+    const JsonPtr state = ask_controller("GET", "state");
+    const int64_t length_ms =
+        number_member(member(device_in(state.get(), words[0]), "track"), "duration_ms").value_or(0);
+    if (length_ms > 0 && position_ms >= length_ms) {
+        throw Failure{"the track is over at " + time_text(length_ms)};
+    }
     JsonPtr arguments = new_object();
-    add(arguments.get(), "position_ms", resolve(to_time(words[1]), words[0], "position_ms"));
+    add(arguments.get(), "position_ms", position_ms);
     command_device(words[0], "seek", std::move(arguments));
 }
 
 void volume(const Arguments& words) {
+    constexpr int64_t kLoudest = 100;
+    const std::optional<Amount> amount = to_amount(words[1]);
+    if (amount && !amount->is_relative && amount->number > kLoudest) {
+        throw Misuse{"a volume is 0 to 100, not " + words[1]};
+    }
     JsonPtr arguments = new_object();
-    add(arguments.get(), "volume",
-        std::min<int64_t>(100, resolve(to_amount(words[1]), words[0], "volume")));
+    add(arguments.get(), "volume", std::min(kLoudest, resolve(amount, words[0], "volume")));
     command_device(words[0], "volume", std::move(arguments));
 }
 
@@ -208,17 +208,6 @@ int64_t item_at(const cJSON* queue, const std::string& place) {
     return *id;
 }
 
-void add_to_queue(const Arguments& words) {
-    JsonPtr what = new_array();
-    for (size_t i = 2; i < words.size(); ++i) {
-        append(what.get(), to_what(words[i]));
-    }
-    JsonPtr body = new_object();
-    add(body.get(), "what", std::move(what));
-    add(body.get(), "where", words[1] == "next" ? "next" : "end");
-    ask_controller("POST", device_path(words[0], "play"), print_json(body.get()));
-}
-
 void edit_queue(const Arguments& words) {
     const JsonPtr queue = read_queue(words[0]);
     JsonPtr arguments = new_object();
@@ -252,7 +241,7 @@ void queue(const Arguments& words) {
     } else if (words.size() < 3) {
         throw Misuse{};
     } else if (words[1] == "add" || words[1] == "next") {
-        add_to_queue(words);
+        ask_to_play(words[0], std::span(words).subspan(2), words[1] == "next" ? "next" : "end");
     } else {
         edit_queue(words);
     }
@@ -320,32 +309,47 @@ struct Command {
     size_t least, most;  // words behind it
     const char* usage;
     const char* text;  // for people
+    bool is_change;    // of a device: that it was made is said in a line
     void (*run)(const Arguments& words);
 };
 
 constexpr size_t kAny = 100'000;
 constexpr Command kCommands[] = {
-    {"devices", 0, 0, "", "what there is, and what it does", list_devices},
-    {"play", 2, kAny, "DEVICE WHAT...", "a file, a folder, a playlist, a URL, or words to look for",
+    {"devices", 0, 0, "", "what there is, and what it does", false, list_devices},
+    {"play", 2, kAny, "[--no-wait] DEVICE WHAT...",
+     "a file, a folder, a playlist, a URL, or words to look for; waits until it is heard", false,
      play},
-    {"pause", 1, 1, "DEVICE", "", plain<kPause>},
-    {"resume", 1, 1, "DEVICE", "", plain<kResume>},
-    {"next", 1, 1, "DEVICE", "", plain<kNext>},
-    {"previous", 1, 1, "DEVICE", "", plain<kPrevious>},
-    {"stop", 1, 1, "DEVICE", "", plain<kStop>},
-    {"leave", 1, 1, "DEVICE", "ends its session", plain<kLeave>},
-    {"seek", 2, 2, "DEVICE [+|-]TIME", "90, 1:30, +10", seek},
-    {"volume", 2, 2, "DEVICE [+|-]PERCENT", "0 to 100", volume},
-    {"mute", 2, 2, "DEVICE on|off", "", turn<kMute, kMuted>},
-    {"shuffle", 2, 2, "DEVICE on|off", "", turn<kShuffle, kShuffle>},
-    {"loop", 2, 2, "DEVICE off|one|all", "", loop},
+    {"pause", 1, 1, "DEVICE", "", true, plain<kPause>},
+    {"resume", 1, 1, "DEVICE", "", true, plain<kResume>},
+    {"next", 1, 1, "DEVICE", "", true, plain<kNext>},
+    {"previous", 1, 1, "DEVICE", "", true, plain<kPrevious>},
+    {"stop", 1, 1, "DEVICE", "", true, plain<kStop>},
+    {"leave", 1, 1, "DEVICE", "ends its session", true, plain<kLeave>},
+    {"seek", 2, 2, "DEVICE [+|-]TIME", "90, 1:30, +10", true, seek},
+    {"volume", 2, 2, "DEVICE [+|-]PERCENT", "0 to 100", true, volume},
+    {"mute", 2, 2, "DEVICE on|off", "", true, turn<kMute, kMuted>},
+    {"shuffle", 2, 2, "DEVICE on|off", "", true, turn<kShuffle, kShuffle>},
+    {"loop", 2, 2, "DEVICE off|one|all", "", true, loop},
     {"queue", 1, kAny, "DEVICE [add|next WHAT... | jump N | remove N... | move N M|end]",
-     "shows it, each track with its place N, or changes it", queue},
+     "shows it, each track with its place N, or changes it", true, queue},
     {"status", 0, 3, "[DEVICE] [--json] [--follow]", "what plays; --follow: again at each change",
-     status},
-    {"find", 0, 0, "", "without a controller: what answers on the network", find},
-    {"connect", 2, 2, "DEVICE PATH-OR-URL", "without a controller: hands over a session", connect},
+     false, status},
+    {"find", 0, 0, "", "without a controller: what answers on the network", false, find},
+    {"connect", 2, 2, "DEVICE PATH-OR-URL", "without a controller: hands over a session", false,
+     connect},
 };
+
+// A queue is shown where nothing else is asked of it.
+bool is_question(const Command& command, const Arguments& words) {
+    return command.run == queue && words.size() == 1;
+}
+
+// Behind the device.
+std::string joined(const Arguments& words) {
+    return std::accumulate(
+        words.begin() + 1, words.end(), std::string(),
+        [](const std::string& text, const std::string& word) { return text + " " + word; });
+}
 
 }  // namespace
 
@@ -366,6 +370,10 @@ int run_command(const std::vector<std::string>& words) {
         }
         start_http();
         command->run(arguments);
+        if (command->is_change && !is_question(*command, arguments)) {
+            std::printf("%s: %s%s\n", printable(arguments[0]).c_str(), command->name,
+                        printable(joined(arguments)).c_str());
+        }
         return 0;
     } catch (const Failure& failure) {
         if (!failure.text.empty()) {
