@@ -112,7 +112,7 @@ def main():
                   f"at most {first.memory('VmHWM'):.1f} MB")
         with Controller(build, folder, log) as again:
             print(f"scan without changes  {again.scanned(tracks):6.1f} s")
-            questions = "n ni night night+boat quiet+tide+un zephyr+velvet 0 ferry+123 xyz".split()
+            questions = "n ni night night+boat quiet+tide+un zephyr+velvet 0 ferry+123 xyz 2001".split()
             times = [again.get("/api/library/search?q=" + each)[2] for each in questions]
             print(f"search                {max(times):6.1f} ms  the slowest of {len(times)}, the first {times[0]:.1f} ms")
             for first_album in range(0, 1000, 100):

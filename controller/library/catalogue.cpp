@@ -5,11 +5,13 @@
 #include <algorithm>
 #include <utility>
 
+#include "controller/library/words.h"
+
 namespace nuvio::controller {
 
 namespace {
 
-constexpr int64_t kVersion = 5;
+constexpr int64_t kVersion = 6;
 
 // An album is what has one title and one album artist, or, where no album artist is said, one title
 // in one folder. `artist` null: several. A row is a whole file (`part` 0) or one of its
@@ -30,25 +32,27 @@ CREATE TABLE tracks(id INTEGER PRIMARY KEY AUTOINCREMENT, folder INTEGER NOT NUL
     artist INTEGER NOT NULL, album INTEGER NOT NULL, disc INTEGER NOT NULL, number INTEGER NOT NULL,
     duration INTEGER NOT NULL, rate INTEGER NOT NULL, channels INTEGER NOT NULL,
     bits INTEGER NOT NULL, failure TEXT NOT NULL, part INTEGER NOT NULL, begin_us INTEGER NOT NULL,
-    end_us INTEGER NOT NULL, sheet TEXT NOT NULL, sheets INTEGER NOT NULL,
+    end_us INTEGER NOT NULL, sheet TEXT NOT NULL, sheets INTEGER NOT NULL, genre TEXT NOT NULL,
     UNIQUE(folder, name, part));
 CREATE INDEX tracks_by_album ON tracks(album, disc, number);
 CREATE INDEX tracks_by_artist ON tracks(artist);
 CREATE INDEX unreadable_tracks ON tracks(id) WHERE failure != '';
-CREATE VIRTUAL TABLE track_words USING fts5(title, artist, album,
-    tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
-CREATE VIRTUAL TABLE album_words USING fts5(title, artist,
-    tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
-CREATE VIRTUAL TABLE artist_words USING fts5(name,
-    tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3');
+CREATE VIRTUAL TABLE track_words USING fts5(title, artist, album, more, whole,
+    tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3 4');
+CREATE VIRTUAL TABLE album_words USING fts5(title, artist, more, whole,
+    tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3 4');
+CREATE VIRTUAL TABLE artist_words USING fts5(title, whole,
+    tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3 4');
 INSERT INTO sqlite_sequence(name, seq) VALUES('tracks', abs(random() % 2000000000)),
     ('albums', abs(random() % 2000000000));
-PRAGMA user_version = 5;
+PRAGMA user_version = 6;
 COMMIT;
 )";
 
 Database opened(const std::string& path) {
     Database database(path);
+    database.add_function("folded", folded);
+    database.add_function("as_one_word", as_one_word);
     if (!database.prepare("SELECT 1 FROM sqlite_master").step()) {
         database.run(kSchema);
         return database;
@@ -101,18 +105,18 @@ Catalogue::Catalogue(const std::string& path)
           m_database.prepare("INSERT INTO albums(title, maker, artist, year) VALUES(?, ?, ?, ?)")),
       m_put(m_database.prepare(
           "INSERT INTO tracks(folder, name, size, modified, title, artist, album, disc, number,"
-          " duration, rate, channels, bits, failure, part, begin_us, end_us, sheet, sheets)"
-          " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
+          " duration, rate, channels, bits, failure, part, begin_us, end_us, sheet, sheets, genre)"
+          " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
           " ON CONFLICT(folder, name, part) DO UPDATE SET size = excluded.size,"
           " modified = excluded.modified, title = excluded.title, artist = excluded.artist,"
           " album = excluded.album, disc = excluded.disc, number = excluded.number,"
           " duration = excluded.duration, rate = excluded.rate, channels = excluded.channels,"
           " bits = excluded.bits, failure = excluded.failure,"
           " begin_us = excluded.begin_us, end_us = excluded.end_us, sheet = excluded.sheet,"
-          " sheets = excluded.sheets RETURNING id")),
+          " sheets = excluded.sheets, genre = excluded.genre RETURNING id")),
       m_unword(m_database.prepare("DELETE FROM track_words WHERE rowid = ?")),
-      m_word(m_database.prepare(
-          "INSERT INTO track_words(rowid, title, artist, album) VALUES(?, ?, ?, ?)")),
+      m_word(m_database.prepare("INSERT INTO track_words(rowid, title, artist, album, more, whole) "
+                                "VALUES(?, ?, ?, ?, ?, ?)")),
       m_unword_parts(
           m_database.prepare("DELETE FROM track_words WHERE rowid IN (SELECT id FROM tracks"
                              " WHERE folder = ? AND name = ? AND part NOT BETWEEN ? AND ?)")),
@@ -255,11 +259,15 @@ void Catalogue::put_track(const Place& place, const KnownFile& file, const reade
                tags.disc, tags.number, tags.duration_ms, tags.rate_hz, tags.channels, tags.bits,
                failure, static_cast<int64_t>(place.part),
                static_cast<int64_t>(place.section.begin_us),
-               static_cast<int64_t>(place.section.end_us), place.sheet, file.sheets);
+               static_cast<int64_t>(place.section.end_us), place.sheet, file.sheets, tags.genre);
     const int64_t id = m_put.step() ? m_put.number(0) : 0;
     m_put.run();
     m_unword.with(id).run();
-    m_word.with(id, title, tags.artist, album_title).run();
+    const std::string year = tags.year > 0 ? std::to_string(tags.year) + " " : "";
+    m_word
+        .with(id, folded(title), folded(tags.artist), folded(album_title),
+              folded(year + tags.genre), as_one_word(title))
+        .run();
 }
 
 void Catalogue::remove_file(int64_t folder, const std::string& name) {
@@ -299,10 +307,15 @@ void Catalogue::tidy() {
         DELETE FROM artists WHERE id NOT IN (SELECT artist FROM tracks)
             AND id NOT IN (SELECT artist FROM albums WHERE artist IS NOT NULL);
         DELETE FROM album_words;
-        INSERT INTO album_words(rowid, title, artist) SELECT albums.id, title,
-            coalesce(name, '') FROM albums LEFT JOIN artists ON artists.id = albums.artist;
+        INSERT INTO album_words(rowid, whole, title, artist, more) SELECT albums.id,
+            as_one_word(title), folded(title),
+            folded(coalesce(name, '')), folded(year || ' ' || genres)
+            FROM albums LEFT JOIN artists ON artists.id = albums.artist
+            JOIN (SELECT album, group_concat(DISTINCT genre) AS genres FROM tracks GROUP BY album)
+            ON album = albums.id;
         DELETE FROM artist_words;
-        INSERT INTO artist_words(rowid, name) SELECT id, name FROM artists;
+        INSERT INTO artist_words(rowid, whole, title) SELECT id, as_one_word(name), folded(name)
+            FROM artists;
     )");
 }
 

@@ -1,5 +1,7 @@
 #include "controller/library/database.h"
 
+#include <new>
+
 namespace nuvio::controller {
 
 Statement::Statement(sqlite3* connection, std::string_view sql) {
@@ -74,6 +76,28 @@ Database::Database(const std::string& path) {
 
 void Database::run(const char* sql) {
     const int code = sqlite3_exec(m_connection.get(), sql, nullptr, nullptr, nullptr);
+    if (code != SQLITE_OK) {
+        throw DatabaseError(code, sqlite3_errmsg(m_connection.get()));
+    }
+}
+
+void Database::add_function(const char* name, std::string (*function)(std::string_view text)) {
+    const auto call = [](sqlite3_context* context, int, sqlite3_value** values) {
+        const auto* const text = reinterpret_cast<const char*>(sqlite3_value_text(values[0]));
+        const auto size = static_cast<size_t>(sqlite3_value_bytes(values[0]));
+        auto* const called =
+            reinterpret_cast<std::string (*)(std::string_view)>(sqlite3_user_data(context));
+        try {
+            const std::string result = called({text, text == nullptr ? 0 : size});
+            sqlite3_result_text(context, result.data(), static_cast<int>(result.size()),
+                                SQLITE_TRANSIENT);
+        } catch (const std::bad_alloc&) {
+            sqlite3_result_error_nomem(context);
+        }
+    };
+    const int code =
+        sqlite3_create_function(m_connection.get(), name, 1, SQLITE_UTF8 | SQLITE_DETERMINISTIC,
+                                reinterpret_cast<void*>(function), call, nullptr, nullptr);
     if (code != SQLITE_OK) {
         throw DatabaseError(code, sqlite3_errmsg(m_connection.get()));
     }

@@ -74,6 +74,8 @@ class Database {
     Statement prepare(std::string_view sql) { return {m_connection.get(), sql}; }
     // Any number of statements, without parameters.
     void run(const char* sql);
+    // A function of one text for statements.
+    void add_function(const char* name, std::string (*function)(std::string_view text));
     int64_t last_id() const { return sqlite3_last_insert_rowid(m_connection.get()); }
     int64_t user_version();
 

@@ -94,7 +94,7 @@ Selection Library::select(const std::string& what) {
 
 // An album or an artist of that name rather than all tracks that have the words.
 std::vector<Track> Library::best_match(const std::string& words) {
-    Found found = m_view.search(words, 500);
+    Found found = m_view.search(words, {0, 500});
     if (!found.albums.empty()) {
         return m_view.tracks_of_album(found.albums.front().id, kMaxSelection);
     }

@@ -1,13 +1,14 @@
 #include "controller/library/library_view.h"
 
-#include "common/utf8.h"
+#include <algorithm>
+#include <iterator>
+#include <unordered_set>
+
+#include "controller/library/words.h"
 
 namespace nuvio::controller {
 
 namespace {
-
-constexpr size_t kMaxSearchBytes = 200;
-constexpr size_t kMaxWords = 8;
 
 constexpr char kTrackColumns[] =
     "SELECT tracks.id, tracks.title, artists.name, albums.title, tracks.album, tracks.artist,"
@@ -61,31 +62,44 @@ std::vector<Track> read_tracks(Statement& rows) {
     return tracks;
 }
 
-// "don't stop" asks for words that begin with "don", "t" and "stop". What is no letter or digit
-// separates, as the index has it.
-std::string match_of(const std::string& text) {
-    std::string match;
-    std::string word;
-    size_t words = 0;
-    const auto end_word = [&] {
-        if (!word.empty() && words < kMaxWords) {
-            match += (match.empty() ? "\"" : " \"") + word + "\"*";
-            ++words;
-        }
-        word.clear();
-    };
-    for (const char c : beginning(text, kMaxSearchBytes)) {
-        const bool is_ascii = static_cast<unsigned char>(c) < 0x80;
-        const bool is_letter =
-            (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || !is_ascii;
-        if (is_letter) {
-            word += c;
-        } else {
-            end_word();
+// What stands on the page of those that the index `words` finds, by id: all of a better grade come
+// first, those of one grade by id.
+std::vector<int64_t> ids_of(Database& database, const std::string& words, const Grades& grades,
+                            LibraryView::Page page) {
+    const auto wanted = static_cast<size_t>(page.first + page.count);
+    std::vector<int64_t> ids;
+    std::unordered_set<int64_t> seen;
+    Statement rows =
+        database.prepare("SELECT rowid FROM " + words + " WHERE " + words + " MATCH ? LIMIT ?");
+    for (const std::string& match : grades.match) {
+        rows.with(match, page.first + page.count);
+        while (ids.size() < wanted && rows.step()) {
+            if (seen.insert(rows.number(0)).second) {
+                ids.push_back(rows.number(0));
+            }
         }
     }
-    end_word();
-    return match;
+    rows.reset();
+    ids.erase(ids.begin(), ids.begin() + std::min<std::ptrdiff_t>(page.first, std::ssize(ids)));
+    return ids;
+}
+
+// Each of these things, by a question whose last condition is the id; in their order.
+template <typename Thing, typename Read>
+std::vector<Thing> read_each(Database& database, const std::vector<int64_t>& ids,
+                             const std::string& question, Read read) {
+    std::vector<Thing> things;
+    Statement rows = database.prepare(question + " = ?");
+    for (const int64_t id : ids) {
+        std::ranges::move(read(rows.with(id)), std::back_inserter(things));
+    }
+    return things;
+}
+
+int64_t count_of(Database& database, const std::string& words, const Grades& grades) {
+    Statement row =
+        database.prepare("SELECT count(*) FROM " + words + " WHERE " + words + " MATCH ?");
+    return row.with(grades.widest()).step() ? row.number(0) : 0;
 }
 
 }  // namespace
@@ -239,25 +253,34 @@ std::vector<Track> LibraryView::tracks_below(int64_t folder, int64_t limit) {
         folder, limit);
 }
 
-Found LibraryView::search(const std::string& text, int64_t limit) {
-    const std::string match = match_of(text);
+Found LibraryView::search(const std::string& text, Page page, Kind kind) {
+    const Grades grades = grades_of(text);
     Found found;
-    if (match.empty()) {
+    if (grades.is_empty()) {
         return found;
     }
+    const auto is_wanted = [kind](Kind one) { return kind == Kind::all || kind == one; };
     return ask([&](Database& database) {
-        Statement artists = database.prepare(
-            std::string(kArtistColumns) +
-            "WHERE id IN (SELECT rowid FROM artist_words WHERE artist_words MATCH ? LIMIT ?)");
-        found.artists = read_artists(artists.with(match, limit));
-        Statement albums = database.prepare(
-            std::string(kAlbumColumns) +
-            "WHERE albums.id IN (SELECT rowid FROM album_words WHERE album_words MATCH ? LIMIT ?)");
-        found.albums = read_albums(albums.with(match, limit));
-        Statement rows = database.prepare(
-            std::string(kTrackColumns) +
-            "WHERE tracks.id IN (SELECT rowid FROM track_words WHERE track_words MATCH ? LIMIT ?)");
-        found.tracks = read_tracks(rows.with(match, limit));
+        database.run("BEGIN");  // one state of the library for all of it
+        found.artist_count = count_of(database, "artist_words", grades);
+        found.album_count = count_of(database, "album_words", grades);
+        found.track_count = count_of(database, "track_words", grades);
+        if (is_wanted(Kind::artists)) {
+            found.artists =
+                read_each<Artist>(database, ids_of(database, "artist_words", grades, page),
+                                  std::string(kArtistColumns) + "WHERE id", read_artists);
+        }
+        if (is_wanted(Kind::albums)) {
+            found.albums =
+                read_each<Album>(database, ids_of(database, "album_words", grades, page),
+                                 std::string(kAlbumColumns) + "WHERE albums.id", read_albums);
+        }
+        if (is_wanted(Kind::tracks)) {
+            found.tracks =
+                read_each<Track>(database, ids_of(database, "track_words", grades, page),
+                                 std::string(kTrackColumns) + "WHERE tracks.id", read_tracks);
+        }
+        database.run("COMMIT");
         return found;
     });
 }

@@ -55,6 +55,7 @@ struct Found {
     std::vector<Artist> artists;
     std::vector<Album> albums;
     std::vector<Track> tracks;
+    int64_t artist_count = 0, album_count = 0, track_count = 0;  // in all
 };
 
 struct UnreadableFile {
@@ -99,9 +100,10 @@ class LibraryView {
     // Files of which nothing could be read, by their paths.
     std::vector<UnreadableFile> unreadable(int64_t limit);
 
-    // What has all words of the text, each as the beginning of a word; case and accents do not
-    // matter. At most `limit` of each kind.
-    Found search(const std::string& text, int64_t limit);
+    enum class Kind { all, artists, albums, tracks };
+    // What has all words of the text (words.h), each as the beginning of a word of title, names,
+    // year or genre; the best first. One page of each kind, or of the one.
+    Found search(const std::string& text, Page page, Kind kind = Kind::all);
 
   private:
     template <typename Question>

@@ -11,6 +11,7 @@ namespace nuvio::controller {
 namespace {
 
 constexpr int64_t kMaxPage = 500;
+constexpr int64_t kMaxFirst = 1'000'000;
 constexpr int64_t kFound = 50;
 constexpr std::chrono::seconds kLongestWait{25};
 
@@ -86,10 +87,18 @@ JsonPtr describe_all(const std::vector<Item>& items) {
     return array;
 }
 
-LibraryView::Page page_of(const Exchange& exchange) {
-    return {std::max<int64_t>(0, exchange.number_parameter("first", 0)),
-            std::clamp<int64_t>(exchange.number_parameter("count", 100), 1, kMaxPage)};
+LibraryView::Page page_of(const Exchange& exchange, int64_t count = 100) {
+    return {std::clamp<int64_t>(exchange.number_parameter("first", 0), 0, kMaxFirst),
+            std::clamp<int64_t>(exchange.number_parameter("count", count), 1, kMaxPage)};
 }
+
+constexpr struct {
+    std::string_view name;
+    LibraryView::Kind kind;
+} kKinds[] = {{"", LibraryView::Kind::all},
+              {"artists", LibraryView::Kind::artists},
+              {"albums", LibraryView::Kind::albums},
+              {"tracks", LibraryView::Kind::tracks}};
 
 JsonPtr in_object(const char* key, JsonPtr value) {
     JsonPtr object = new_object();
@@ -268,8 +277,19 @@ int Api::get_unreadable(Exchange& exchange, const std::string&) {
 }
 
 int Api::get_search(Exchange& exchange, const std::string&) {
-    const Found found = m_library.view().search(exchange.parameter("q"), kFound);
-    JsonPtr object = new_object();
+    const std::string kind = exchange.parameter("kind");
+    const auto* const row =
+        std::ranges::find(kKinds, kind, [](const auto& one) { return one.name; });
+    if (row == std::end(kKinds)) {
+        return exchange.fail(400, "kind is artists, albums or tracks");
+    }
+    const Found found =
+        m_library.view().search(exchange.parameter("q"), page_of(exchange, kFound), row->kind);
+    JsonPtr total = new_object();
+    add(total.get(), "artists", found.artist_count);
+    add(total.get(), "albums", found.album_count);
+    add(total.get(), "tracks", found.track_count);
+    JsonPtr object = in_object("total", std::move(total));
     add(object.get(), "artists", describe_all(found.artists));
     add(object.get(), "albums", describe_all(found.albums));
     add(object.get(), "tracks", describe_all(found.tracks));
