@@ -13,7 +13,9 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr size_t kMaxPlaylistFile = size_t{1} << 20U;
+constexpr size_t kMaxPlaylistFile = size_t{4} << 20U;
+// That there are more is seen by the one that is not taken.
+constexpr int64_t kOneTooMany = Library::kMaxSelection + 1;
 
 std::string made_database(const std::string& state_folder) {
     std::string path = state_folder + "/library.db";
@@ -63,6 +65,11 @@ Covers::Found Library::open_cover(int64_t album, CoverSize size) {
 }
 
 Selection Library::select(const std::string& what) {
+    Selection selection = selected(what);
+    return selection.items.size() > kMaxSelection ? Selection{{}, kTooMany} : selection;
+}
+
+Selection Library::selected(const std::string& what) {
     if (is_web_address(what)) {
         return {{{what, {}, {}}}, {}};
     }
@@ -77,9 +84,9 @@ Selection Library::select(const std::string& what) {
         selection.items = playables(best_match(rest));
     } else if (const std::optional<int64_t> id = to_number<int64_t>(rest)) {
         const std::optional<Track> track = kind == "track" ? m_view.track(*id) : std::nullopt;
-        selection.items = playables(kind == "album"    ? m_view.tracks_of_album(*id, kMaxSelection)
-                                    : kind == "artist" ? m_view.tracks_of_artist(*id, kMaxSelection)
-                                    : kind == "folder" ? m_view.tracks_below(*id, kMaxSelection)
+        selection.items = playables(kind == "album"    ? m_view.tracks_of_album(*id, kOneTooMany)
+                                    : kind == "artist" ? m_view.tracks_of_artist(*id, kOneTooMany)
+                                    : kind == "folder" ? m_view.tracks_below(*id, kOneTooMany)
                                     : track            ? std::vector<Track>{*track}
                                                        : std::vector<Track>{});
     }
@@ -92,14 +99,30 @@ Selection Library::select(const std::string& what) {
     return selection;
 }
 
+std::vector<Library::PlaylistFile> Library::playlists_in(int64_t folder) {
+    const std::optional<FolderPlace> place = m_view.place_of(folder);
+    const std::optional<size_t> root = place ? m_folders.index_of(place->root) : std::nullopt;
+    Listing listing;
+    std::vector<PlaylistFile> files;
+    if (root) {
+        read_listing(m_folders.open_folder(*root, place->below), &listing);
+    }
+    for (const std::string& name : listing.playlists) {
+        const std::string folder_path =
+            place->root + (place->below.empty() ? "" : "/" + place->below);
+        files.push_back({name, (folder_path == "/" ? "" : folder_path) + "/" + name});
+    }
+    return files;
+}
+
 // An album or an artist of that name rather than all tracks that have the words.
 std::vector<Track> Library::best_match(const std::string& words) {
     Found found = m_view.search(words, {0, 500});
     if (!found.albums.empty()) {
-        return m_view.tracks_of_album(found.albums.front().id, kMaxSelection);
+        return m_view.tracks_of_album(found.albums.front().id, kOneTooMany);
     }
     return found.artists.empty() ? std::move(found.tracks)
-                                 : m_view.tracks_of_artist(found.artists.front().id, kMaxSelection);
+                                 : m_view.tracks_of_artist(found.artists.front().id, kOneTooMany);
 }
 
 Selection Library::select_path(const std::string& path) {
@@ -109,7 +132,7 @@ Selection Library::select_path(const std::string& path) {
         if (is_playlist_name(place.below)) {
             selection = select_playlist(place);
         } else if (const auto folder = m_view.folder_at(root, place.below)) {
-            selection.items = playables(m_view.tracks_below(*folder, kMaxSelection));
+            selection.items = playables(m_view.tracks_below(*folder, kOneTooMany));
         } else {
             selection.items = playables(m_view.tracks_at(root, place.below));
         }
@@ -127,7 +150,7 @@ Selection Library::select_playlist(const MusicFolders::Place& place) {
     const FileText file =
         read_file(m_folders.open_file(place.folder, place.below), kMaxPlaylistFile);
     Selection selection;
-    for (const PlaylistEntry& entry : parse_m3u(file.whole_lines(), kMaxSelection)) {
+    for (const PlaylistEntry& entry : parse_m3u(file.whole_lines(), kOneTooMany)) {
         if (is_web_address(entry.location)) {
             selection.items.push_back({entry.location, entry.title, {}});
             continue;

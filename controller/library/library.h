@@ -55,13 +55,21 @@ class Library {
 
     // "track:ID", "album:ID", "artist:ID", "folder:ID", "search:WORDS" (an album, else an
     // artist, else tracks), an http(s) URL, or a path of
-    // this machine below a music folder: an audio file, a folder, an M3U playlist, a CUE sheet. At
-    // most kMaxSelection tracks; the rest is left out.
+    // this machine below a music folder: an audio file, a folder, an M3U playlist, a CUE sheet.
+    // More than kMaxSelection tracks are a failure.
     Selection select(const std::string& what);
 
-    static constexpr int64_t kMaxSelection = 5'000;
+    static constexpr int64_t kMaxSelection = 20'000;  // as many as a device's queue takes
+    static constexpr char kTooMany[] = "more than 20,000 tracks: a device takes no more at once";
+
+    // The M3U files in a folder, as the disk has it now.
+    struct PlaylistFile {
+        std::string name, path;
+    };
+    std::vector<PlaylistFile> playlists_in(int64_t folder);
 
   private:
+    Selection selected(const std::string& what);
     std::vector<Track> best_match(const std::string& words);
     Selection select_path(const std::string& path);
     Selection select_playlist(const MusicFolders::Place& place);

@@ -208,6 +208,14 @@ FolderPage LibraryView::folder(int64_t id) {
     return page;
 }
 
+std::optional<FolderPlace> LibraryView::place_of(int64_t folder) {
+    return ask([&](Database& database) {
+        Statement row = database.prepare("SELECT root, below FROM folders WHERE id = ?");
+        return row.with(folder).step() ? std::optional(FolderPlace{row.text(0), row.text(1)})
+                                       : std::nullopt;
+    });
+}
+
 std::optional<int64_t> LibraryView::folder_at(const std::string& root, const std::string& below) {
     return ask([&](Database& database) {
         Statement row = database.prepare("SELECT id FROM folders WHERE root = ? AND below = ?");

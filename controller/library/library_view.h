@@ -44,6 +44,10 @@ struct SubFolder {
     std::string name;
 };
 
+struct FolderPlace {
+    std::string root, below;  // music folder, and path below it
+};
+
 struct FolderPage {
     int64_t id = 0, parent = 0;
     std::string name;
@@ -86,6 +90,7 @@ class LibraryView {
     std::optional<Album> album(int64_t id);
     // 0: the music folders.
     FolderPage folder(int64_t id);
+    std::optional<FolderPlace> place_of(int64_t folder);
     // The folder's id at a place below a music folder.
     std::optional<int64_t> folder_at(const std::string& root, const std::string& below);
 

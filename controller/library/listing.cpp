@@ -52,6 +52,8 @@ bool read_listing(UniqueFd fd, Listing* listing) {
             listing->files[name] = {status.st_size, nanoseconds(status.st_mtim)};
         } else if (S_ISREG(status.st_mode) && is_sheet_name(name)) {
             listing->sheets[name] = {status.st_size, nanoseconds(status.st_mtim)};
+        } else if (S_ISREG(status.st_mode) && is_playlist_name(name)) {
+            listing->playlists.insert(name);
         }
         errno = 0;
     }

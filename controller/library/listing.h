@@ -17,6 +17,7 @@ struct Listing {
     std::map<std::string, Catalogue::KnownFile> files;   // of music
     std::map<std::string, Catalogue::KnownFile> sheets;  // CUE sheets
     std::set<std::string> folders;
+    std::set<std::string> playlists;  // M3U
 };
 
 // Hidden names and links left out. False: the folder can't be read, or not to its end. Any thread;

@@ -78,6 +78,13 @@ JsonPtr describe(const SubFolder& folder) {
     return object;
 }
 
+JsonPtr describe(const Library::PlaylistFile& playlist) {
+    JsonPtr object = new_object();
+    add(object.get(), "name", playlist.name);
+    add(object.get(), "what", playlist.path);
+    return object;
+}
+
 template <typename Item>
 JsonPtr describe_all(const std::vector<Item>& items) {
     JsonPtr array = new_array();
@@ -196,9 +203,8 @@ int Api::post_play(Exchange& exchange, const std::string& id) {
             return exchange.fail(404, selection.failure);
         }
         std::ranges::move(selection.items, std::back_inserter(items));
-        if (items.size() >= Library::kMaxSelection) {
-            items.resize(Library::kMaxSelection);
-            break;
+        if (items.size() > Library::kMaxSelection) {
+            return exchange.fail(409, Library::kTooMany);
         }
     }
     const std::string where = text_member(body.get(), "where").value_or("now");
@@ -268,6 +274,7 @@ int Api::get_folder(Exchange& exchange, const std::string& id) {
     add(object.get(), "name", page.name);
     add(object.get(), "folders", describe_all(page.folders));
     add(object.get(), "tracks", describe_all(page.tracks));
+    add(object.get(), "playlists", describe_all(m_library.playlists_in(page.id)));
     return exchange.reply_json(object);
 }
 

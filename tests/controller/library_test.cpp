@@ -343,7 +343,11 @@ TEST_F(LibraryTest, a_playlist_of_the_folders_plays_what_it_names_of_them) {
                     (m_dir / "music/a/1.wav") + "\n");
     open({m_dir / "music"});
     ASSERT_TRUE(wait_for_tracks(1));
-    const Selection list = m_library->select(m_dir / "music/list.m3u8");
+    const int64_t folder = m_library->view().folder_at(m_dir / "music", "").value_or(0);
+    const auto listed = m_library->playlists_in(folder);
+    ASSERT_EQ(listed.size(), 1U);
+    EXPECT_EQ(listed[0].name, "list.m3u8");
+    const Selection list = m_library->select(listed[0].path);
     ASSERT_EQ(list.items.size(), 3U);
     EXPECT_EQ(list.items[0].url, "http://radio.example/x");
     EXPECT_EQ(list.items[0].title, "Radio");
@@ -353,6 +357,14 @@ TEST_F(LibraryTest, a_playlist_of_the_folders_plays_what_it_names_of_them) {
     EXPECT_EQ(m_library->select("search:a").items.size(), 1U);
     EXPECT_FALSE(m_library->select("album:999").failure.empty());
     EXPECT_FALSE(m_library->select("nonsense").failure.empty());
+    std::string long_list;
+    for (int i = 0; i < 20'000; ++i) {
+        long_list += "http://x/\n";
+    }
+    m_dir.write("music/long.m3u", long_list);
+    EXPECT_EQ(m_library->select(m_dir / "music/long.m3u").items.size(), 20'000U);
+    m_dir.write("music/long.m3u", long_list + "a/1.wav\n");
+    EXPECT_EQ(m_library->select(m_dir / "music/long.m3u").failure, Library::kTooMany);
 }
 
 }  // namespace
