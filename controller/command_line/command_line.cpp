@@ -316,7 +316,7 @@ struct Command {
 constexpr size_t kAny = 100'000;
 constexpr Command kCommands[] = {
     {"devices", 0, 0, "", "what there is, and what it does", false, list_devices},
-    {"play", 2, kAny, "[--no-wait] DEVICE WHAT...",
+    {"play", 2, kAny, "DEVICE WHAT... [--no-wait]",
      "a file, a folder, a playlist, a URL, or words to look for; waits until it is heard", false,
      play},
     {"pause", 1, 1, "DEVICE", "", true, plain<kPause>},

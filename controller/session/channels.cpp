@@ -21,15 +21,6 @@ int64_t unix_ms() {
         .count();
 }
 
-// What the device's list has beyond what one message holds.
-void ask_for_rest(const Device& device) {
-    if (const std::optional<int64_t> place = device.state.missing_place()) {
-        JsonPtr arguments = new_object();
-        add(arguments.get(), "first", *place);
-        Commands::send(device, "queue_read", "rest", std::move(arguments));
-    }
-}
-
 }  // namespace
 
 bool Channels::opened(std::string_view token, const std::shared_ptr<ChannelLink>& link) {
@@ -131,7 +122,7 @@ bool Channels::take_of_offered(Entry& entry, const std::string& type, const cJSO
 
 void Channels::note_progress(Device& device, const std::string& type) {
     if (type == "queue") {
-        ask_for_rest(device);
+        Commands::read_rest(device);
     } else if (type == "error") {
         device.fail(device.state.problem());
     }

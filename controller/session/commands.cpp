@@ -52,7 +52,7 @@ const char* why_not(const Device& device) {
 }  // namespace
 
 Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr arguments,
-                      Clock::time_point latest) {
+                      Clock::time_point latest, Until until) {
     const auto within = [latest](Clock::duration patience) {
         return std::min(Clock::now() + patience, latest);
     };
@@ -79,12 +79,13 @@ Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr ar
     device->link->expect_word();
     m_house.change();
     const Outcome outcome = wait_for_answer(lock, command_id, within(kPatience));
-    if (outcome.is_ok && kChangesQueue.contains(name)) {
+    const bool is_waited_for = outcome.is_ok && until == Until::effect;
+    if (is_waited_for && kChangesQueue.contains(name)) {
         m_house.on_change.wait_until(lock, within(kQueuePatience), [&] {
             const Device* const now = m_house.find(id);
             return m_house.is_closed || now == nullptr || now->state.revision() != revision;
         });
-    } else if (outcome.is_ok && kChangesState.contains(name)) {
+    } else if (is_waited_for && kChangesState.contains(name)) {
         m_house.on_change.wait_until(lock, within(kStatePatience), [&] {
             const Device* const now = m_house.find(id);
             return m_house.is_closed || now == nullptr || now->state.state_count() != states;
@@ -126,6 +127,15 @@ void Commands::send(const Device& device, const char* name, const std::string& i
     device.link->send(print_json(arguments.get()));
 }
 
+void Commands::read_rest(const Device& device) {
+    const std::optional<int64_t> place = device.state.missing_place();
+    if (place && !device.is_being_filled && device.link != nullptr) {
+        JsonPtr arguments = new_object();
+        add(arguments.get(), "first", *place);
+        send(device, "queue_read", "rest", std::move(arguments));
+    }
+}
+
 void Commands::take_answer(const cJSON* message) {
     const auto waiting = m_waiting.find(text_member(message, "id").value_or(""));
     if (waiting != m_waiting.end()) {
@@ -138,7 +148,8 @@ void Commands::take_answer(const cJSON* message) {
 void Commands::fail_all_of(const std::string& device) {
     for (auto& [id, waiting] : m_waiting) {
         if (waiting.device == device && !waiting.outcome) {
-            waiting.outcome = Outcome{false, "the device's connection broke"};
+            waiting.outcome =
+                Outcome{false, "the device does not answer any more, or its connection broke"};
         }
     }
 }

@@ -26,16 +26,20 @@ class Commands {
 
     explicit Commands(HouseState& house) : m_house(house) {}
 
+    enum class Until { effect, answer };
     // A command of the channel, with its arguments; waits until `latest` at most. Comes back once
-    // its effect can be seen, where it has one; what a device has left its token opens no more.
+    // its effect can be seen, where it has one and that is wanted; what a device has left its token
+    // opens no more.
     Outcome run(const std::string& device, const std::string& name, JsonPtr arguments,
-                Clock::time_point latest = Clock::time_point::max());
+                Clock::time_point latest = Clock::time_point::max(), Until until = Until::effect);
 
     // ---- With the house's lock held
 
     void take_answer(const cJSON* message);
     void fail(const std::string& device, const std::string& reason);
     void fail_all_of(const std::string& device);
+    // What the device's list has beyond what one message holds, unless it is being filled.
+    static void read_rest(const Device& device);
     // One that nobody waits for.
     static void send(const Device& device, const char* name, const std::string& id,
                      JsonPtr arguments);

@@ -56,7 +56,8 @@ struct Device {
     std::string offered_session;
     bool has_gone_silent = false;  // its channel did, and nothing was heard of it since
     DeviceState state;
-    bool is_bit_exact = false;  // what is heard is what the file holds
+    bool is_bit_exact = false;     // what is heard is what the file holds
+    bool is_being_filled = false;  // more of its queue is on the way: it is read when all is there
 
     std::optional<Asked> asked;  // last; none: it has been heard, or put off
     bool is_waiting = false;     // nothing came of it yet

@@ -15,7 +15,7 @@ namespace nuvio::controller {
 namespace {
 
 constexpr int64_t kSessionSeconds = int64_t{7} * 24 * 3600;
-constexpr size_t kMaxPlaylist = 2'000;  // tracks; devices read 4 MiB
+constexpr size_t kMaxPlaylist = 500;  // tracks; devices read 1,000, and 4 MiB
 // Where no channel has told of it, the device is asked then what it plays.
 constexpr std::chrono::seconds kFirstLook{10};
 
@@ -222,18 +222,32 @@ Outcome Sessions::insert(const std::string& id, const std::vector<Playable>& ite
                                              : std::nullopt;
         }
     }
-    for (JsonPtr& tracks : track_lists(items, address_here(id))) {
+    std::vector<JsonPtr> lists = track_lists(items, address_here(id));
+    for (JsonPtr& tracks : lists) {
+        const bool is_last = &tracks == &lists.back();
+        set_being_filled(id, !is_last);
         JsonPtr arguments = new_object();
         add(arguments.get(), "tracks", std::move(tracks));
         if (before) {
             add(arguments.get(), "before", *before);
         }
-        Outcome outcome = m_commands.run(id, "queue_insert", std::move(arguments), latest);
+        Outcome outcome =
+            m_commands.run(id, "queue_insert", std::move(arguments), latest,
+                           is_last ? Commands::Until::effect : Commands::Until::answer);
         if (!outcome.is_ok) {
+            set_being_filled(id, false);
             return outcome;
         }
     }
     return {true, {}};
+}
+
+void Sessions::set_being_filled(const std::string& id, bool is_being_filled) {
+    const std::scoped_lock lock(m_house.mutex);
+    if (Device* const device = m_house.find(id)) {
+        device->is_being_filled = is_being_filled;
+        Commands::read_rest(*device);
+    }
 }
 
 // Once the device's channel has told of the queue that was asked for; false: it does not come.

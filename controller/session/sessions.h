@@ -51,6 +51,7 @@ class Sessions {
     void settle(const std::string& id, const std::string& session, bool is_accepted);
     Outcome insert(const std::string& id, const std::vector<Playable>& items, Where where,
                    Time latest);
+    void set_being_filled(const std::string& id, bool is_being_filled);
     Outcome replace(const std::string& id, JsonPtr tracks, size_t start, Time latest);
     bool has_queue(const std::string& id, Time latest);
     std::string address_here(const std::string& id) const;

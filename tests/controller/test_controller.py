@@ -55,9 +55,15 @@ class CommandLine(HouseTest):
         self.assertEqual(status, 200)
         wait_for("two tracks, the second one playing", lambda: [
             line[0] for line in self.command("queue", "Kitchen").splitlines()] == [" ", ">"])
-        for words in (["pause", "Cellar"], ["seek", "Kitchen", "soon"], ["queue", "Kitchen", "jump", 9],
-                      ["play", "Kitchen", "no such words"], ["loop", "Kitchen", "twice"]):
-            self.assertIsNone(self.command(*words, check=False), words)
+        for words, status, why in (
+                ("pause Cellar", 1, "there are: Bath & Böden/50%, Kitchen"), ("seek Kitchen soon", 2, "usage"),
+                ("seek Kitchen 90", 1, "over at 0:20"), ("volume Kitchen 150", 2, "0 to 100, not 150"),
+                ("queue Kitchen jump 9", 1, "no place 9"), ("loop Kitchen twice", 1, "loop"),
+                ("play Kitchen nonsense", 1, "all of these words: nonsense")):
+            result = self.run_command(*words.split())
+            self.assertEqual((result.returncode, why in result.stderr), (status, True), result)
+        found = json.loads(self.ask("/api/library/search?q=shanty&kind=tracks&count=3")[2])
+        self.assertEqual((len(found["tracks"]), found["total"]), (3, {"artists": 0, "albums": 2, "tracks": 4}))
 
         # The Avahi daemon under them goes and comes back, and the music does not notice.
         self.command("loop", "Kitchen", "all")
@@ -83,6 +89,42 @@ class CommandLine(HouseTest):
                                 capture_output=True, text=True, timeout=30)
         self.assertEqual(second.returncode, 1)
         self.assertIn("another controller keeps its state in", second.stderr)
+
+
+class Honesty(HouseTest):
+    rooms = ["Kitchen"]
+
+    def wait_for_state(self, state, seconds=PATIENCE):
+        return wait_for(state, lambda: self.shown("Kitchen").get("state") == state and self.shown("Kitchen"), seconds)
+
+    def test_what_is_not_heard_is_not_said_to_play(self):
+        kitchen = self.devices[0]
+        kitchen.environment["NUVIO_NETWORK_PATIENCE_S"] = "2"
+        self.start_all()
+        nobody = f"http://127.0.0.1:{free_port()}/radio"
+        for state in "free", "stopped":  # without a session, and with one
+            result = self.run_command("play", "Kitchen", nobody)
+            self.assertEqual((result.returncode, result.stderr.startswith(f"play: {nobody}: Failed to connect")),
+                             (1, True), result)
+            self.assertEqual(self.wait_for_state(state)["asked"], {"title": nobody})
+            self.assertEqual(self.command("play", "Kitchen", "night boats"), "Kitchen plays Night Boats 1\n")
+            self.assertEqual([self.shown("Kitchen").get(key) for key in ("state", "asked", "problem")],
+                             ["playing", None, ""])
+        self.command("play", "--no-wait", "Kitchen", nobody)
+        self.assertIn(self.shown("Kitchen")["state"], ("asked", "opening"))
+        self.command("play", "Kitchen", "night boats")
+        # Stopped it is as silent as behind a cable that was pulled.
+        kitchen.daemon.send_signal(signal.SIGSTOP)
+        place = self.wait_for_state("gone", 20)["position_ms"]
+        time.sleep(0.2)
+        self.assertEqual(self.shown("Kitchen")["position_ms"], place)
+        kitchen.daemon.send_signal(signal.SIGCONT)
+        self.wait_for_state("playing", 20)
+        self.command("pause", "Kitchen")
+        kitchen.daemon.send_signal(signal.SIGSTOP)
+        self.assertIn("the device does not answer", self.run_command("volume", "Kitchen", 30).stderr)
+        self.wait_for_state("gone")
+        kitchen.daemon.send_signal(signal.SIGCONT)
 
 
 class Addresses(HouseTest):
