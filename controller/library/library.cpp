@@ -1,6 +1,7 @@
 #include "controller/library/library.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <iterator>
 
 #include "common/files/files.h"
@@ -100,17 +101,15 @@ Selection Library::selected(const std::string& what) {
 }
 
 std::vector<Library::PlaylistFile> Library::playlists_in(int64_t folder) {
-    const std::optional<FolderPlace> place = m_view.place_of(folder);
-    const std::optional<size_t> root = place ? m_folders.index_of(place->root) : std::nullopt;
+    const FolderPlace place = m_view.place_of(folder).value_or(FolderPlace{});
+    const std::optional<size_t> root = m_folders.index_of(place.root);
     Listing listing;
-    std::vector<PlaylistFile> files;
     if (root) {
-        read_listing(m_folders.open_folder(*root, place->below), &listing);
+        read_listing(m_folders.open_folder(*root, place.below), &listing);
     }
+    std::vector<PlaylistFile> files;
     for (const std::string& name : listing.playlists) {
-        const std::string folder_path =
-            place->root + (place->below.empty() ? "" : "/" + place->below);
-        files.push_back({name, (folder_path == "/" ? "" : folder_path) + "/" + name});
+        files.push_back({name, std::filesystem::path(place.root) / place.below / name});
     }
     return files;
 }

@@ -105,12 +105,12 @@ bool Channels::take(const ChannelLink* link, Entry& entry, const std::string& ty
 // A device that joins it says hello, one that does not says why. False as above.
 bool Channels::take_of_offered(Entry& entry, const std::string& type, const cJSON* message) {
     Device& device = entry.second;
+    const Asked* const wanted = device.waiting();
     if (type == "hello") {
         join(entry, device.offered_session, std::exchange(device.offered_link, nullptr));
-    } else if (type == "error" && device.is_waiting &&
-               device.asked->session == device.offered_session) {
+    } else if (type == "error" && wanted != nullptr && wanted->session == device.offered_session) {
         const std::string reason = text_member(message, "reason").value_or("");
-        device.fail(device.asked->title + ": " + std::string(beginning(reason, kMaxReason)));
+        device.fail(wanted->title + ": " + std::string(beginning(reason, kMaxReason)));
     } else if (type == "goodbye") {
         m_house.sessions.end(device.offered_session);
         device.offered_link.reset();

@@ -25,7 +25,7 @@ constexpr std::chrono::milliseconds kStatePatience{300};
 
 // What is pressed takes the place of what went wrong before.
 void note_pressed(Device& device, const std::string& name) {
-    if (name == kPlay && !device.is_waiting && !device.state.is_playing()) {
+    if (name == kPlay && device.waiting() == nullptr && !device.state.is_playing()) {
         device.ask_for({device.state.current_title(), device.link_session, {}});
     } else if (kMovesOn.contains(name)) {
         device.problem.clear();
@@ -35,7 +35,7 @@ void note_pressed(Device& device, const std::string& name) {
 }
 
 const char* why_not(const Device& device) {
-    if (device.is_waiting) {
+    if (device.waiting() != nullptr) {
         return "the device has not begun to play yet";
     }
     switch (device.owner) {
@@ -60,7 +60,7 @@ Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr ar
     m_house.on_change.wait_until(lock, within(kChannelPatience), [&] {
         const Device* const device = m_house.find(id);
         return m_house.is_closed || device == nullptr || device->link != nullptr ||
-               (device->owner != Owner::us && !device->is_waiting);
+               (device->owner != Owner::us && device->waiting() == nullptr);
     });
     Device* const device = m_house.find(id);
     if (device == nullptr || device->link == nullptr) {
@@ -105,7 +105,7 @@ Outcome Commands::run(const std::string& id, const std::string& name, JsonPtr ar
 // What was asked for is not to be waited for.
 void Commands::fail(const std::string& id, const std::string& reason) {
     Device* const device = m_house.find(id);
-    if (device != nullptr && device->is_waiting) {
+    if (device != nullptr && device->waiting() != nullptr) {
         device->fail(reason);
         m_house.change();
     }

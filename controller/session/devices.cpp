@@ -173,13 +173,14 @@ void Devices::ask(const FoundDevice& found) {
 // What was asked for may never come, without a word from the device: then it is asked until
 // kLongestWait, not for ever.
 void Devices::give_up_waiting(const std::string& id, Device& device) {
-    if (!device.is_waiting) {
+    const Asked* const wanted = device.waiting();
+    if (wanted == nullptr) {
         return;
     }
-    if (DeviceState::Clock::now() - device.asked->since < kLongestWait) {
+    if (DeviceState::Clock::now() - wanted->since < kLongestWait) {
         m_house.errands.try_emplace(id, DeviceState::Clock::now() + kAskedPause);
     } else {
-        device.fail(device.asked->title + ": nothing is heard of it");
+        device.fail(wanted->title + ": nothing is heard of it");
     }
 }
 

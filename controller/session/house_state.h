@@ -40,6 +40,7 @@ struct Asked {
     std::string session;              // that is to play it; empty: not known yet
     std::optional<int64_t> revision;  // of the queue before, where another one is to come
     DeviceState::Clock::time_point since = DeviceState::Clock::now();
+    bool is_waiting = true;  // nothing came of it yet
 };
 
 struct Device {
@@ -60,34 +61,34 @@ struct Device {
     bool is_being_filled = false;  // more of its queue is on the way: it is read when all is there
 
     std::optional<Asked> asked;  // last; none: it has been heard, or put off
-    bool is_waiting = false;     // nothing came of it yet
     std::string problem;         // the last one since then; empty: there was none
     int64_t problem_count = 0;   // in all
 
+    // What nothing came of yet; null: nothing is waited for.
+    const Asked* waiting() const { return asked && asked->is_waiting ? &*asked : nullptr; }
     void ask_for(Asked wanted) {
         asked = std::move(wanted);
-        is_waiting = true;
         problem.clear();
     }
-    void put_off() {
-        asked.reset();
-        is_waiting = false;
-    }
+    void put_off() { asked.reset(); }
     void fail(std::string reason) {
-        is_waiting = false;
+        if (asked) {
+            asked->is_waiting = false;
+        }
         problem = std::move(reason);
         ++problem_count;
     }
-    // What was asked for is heard.
     bool is_asked_heard() const {
-        return is_waiting && link != nullptr && link_session == asked->session &&
+        const Asked* const wanted = waiting();
+        return wanted != nullptr && link != nullptr && link_session == wanted->session &&
                state.is_playing() && state.is_track_heard() &&
-               (!asked->revision ||
-                (*asked->revision != state.revision() && state.is_heard_of_queue()));
+               (!wanted->revision ||
+                (*wanted->revision != state.revision() && state.is_heard_of_queue()));
     }
     Known known() const {
-        return {link != nullptr, is_present,       has_gone_silent,        reach,           owner,
-                is_waiting,      state.playback(), state.is_track_heard(), state.advances()};
+        return {link != nullptr, is_present,           has_gone_silent,  reach,
+                owner,           waiting() != nullptr, state.playback(), state.is_track_heard(),
+                state.advances()};
     }
 };
 

@@ -91,17 +91,18 @@ Outcome Sessions::play_now(const std::string& id, const FoundDevice& found,
     const auto first = items.begin() + static_cast<std::ptrdiff_t>(start);
     const auto end = first + static_cast<std::ptrdiff_t>(std::min<size_t>(
                                  kMaxPlaylist, static_cast<size_t>(items.end() - first)));
-    const Outcome begun = begin(id, found, {first, end}, latest);
+    Outcome begun = begin(id, found, {first, end}, latest);
     if (!begun.is_ok || (start == 0 && end == items.end())) {
         return begun;
     }
     if (!has_queue(id, latest)) {
         return {true, {}};  // its state says why
     }
-    const Outcome rest =
-        end == items.end() ? Outcome{true, {}} : insert(id, {end, items.end()}, Where::end, latest);
-    return start == 0 || !rest.is_ok ? rest
-                                     : insert(id, {items.begin(), first}, Where::front, latest);
+    // In front first, while the whole queue is known.
+    const Outcome front =
+        start == 0 ? Outcome{true, {}} : insert(id, {items.begin(), first}, Where::front, latest);
+    return end == items.end() || !front.is_ok ? front
+                                              : insert(id, {end, items.end()}, Where::end, latest);
 }
 
 std::string Sessions::device_of_token(std::string_view token) const {
