@@ -22,18 +22,23 @@ namespace {
 using Arguments = std::vector<std::string>;
 constexpr std::chrono::seconds kSoundPatience{100};
 
-// Of the states that are not called what they are.
+std::string why_gone(const cJSON* device) {
+    const std::string failure = shown(device, "failure");
+    return !bool_member(device, "present").value_or(false) ? "not on the network"
+           : failure.empty()                               ? "does not answer any more"
+                                                           : "can't be reached: " + failure;
+}
+
+// In the words of people, where the state's own name is not that.
 std::string state_text(const cJSON* device) {
     const std::string state = shown(device, "state");
-    const std::string failure = shown(device, "failure");
-    const std::string asked = shown(member(device, "asked"), "title");
     const bool is_connected = bool_member(device, "connected").value_or(false);
-    return state == "gone"     ? "gone" + (failure.empty() ? "" : ": " + failure)
+    return state == "gone"     ? why_gone(device)
            : state == "asking" ? "is being reached"
            : state == "other"  ? "used by another controller"
            : state == "silent" ? is_connected ? "silent: it says that it plays, and gets no further"
                                               : "silent: its connection is expected back"
-           : state == "asked"  ? "asked for " + asked
+           : state == "asked"  ? "asked for " + shown(member(device, "asked"), "title")
            : state == "opening" ? "opens"
                                 : state;
 }

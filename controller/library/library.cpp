@@ -108,6 +108,7 @@ std::vector<Library::PlaylistFile> Library::playlists_in(int64_t folder) {
         read_listing(m_folders.open_folder(*root, place.below), &listing);
     }
     std::vector<PlaylistFile> files;
+    files.reserve(listing.playlists.size());
     for (const std::string& name : listing.playlists) {
         files.push_back({name, std::filesystem::path(place.root) / place.below / name});
     }
