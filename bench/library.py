@@ -19,8 +19,7 @@ from own_device import free_port  # noqa: E402
 
 WORDS = ("amber boat cedar delta ember ferry garden harbour island juniper kite lantern meadow night orchard "
          "paper quiet river still tide under velvet winter yellow zephyr").split()
-PAGE = "/ /style.css /app.js /state.js /devices.js /library.js /player.js /elements.js /worker.js /icon.svg " \
-       "/manifest.json".split()
+PAGE = "/ /style.css /app.js /worker.js /icon.svg /manifest.json".split()
 
 
 def tagged(flac, **tags):

@@ -1,8 +1,7 @@
 // Keeps the page's files, so that the page opens without the controller and says what it last knew.
 // Browsers run it over HTTPS and on the controller's own machine only.
 const kStore = "nuvio-connect";
-const kFiles = ["./", "style.css", "app.js", "state.js", "devices.js", "library.js", "player.js", "elements.js",
-                "icon.svg", "manifest.json"];
+const kFiles = ["./", "style.css", "app.js", "icon.svg", "manifest.json"];
 
 // From the first visit on: the page that brought this worker was fetched without it.
 self.addEventListener("install", (event) => {

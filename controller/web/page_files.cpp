@@ -7,16 +7,11 @@
 // What the build has made of each file: nuvio_page_index_html and nuvio_page_index_html_gz, each
 // with its end. A name can't have the parentheses that a macro's arguments otherwise get.
 // NOLINTBEGIN(bugprone-macro-parentheses)
-#define NUVIO_PAGE_FILES(row)                                                                   \
-    row("/", "text/html; charset=utf-8", index_html) row("/style.css", "text/css", style_css)   \
-        row("/app.js", "text/javascript", app_js) row("/state.js", "text/javascript", state_js) \
-            row("/devices.js", "text/javascript", devices_js)                                   \
-                row("/library.js", "text/javascript", library_js)                               \
-                    row("/player.js", "text/javascript", player_js)                             \
-                        row("/elements.js", "text/javascript", elements_js)                     \
-                            row("/worker.js", "text/javascript", worker_js)                     \
-                                row("/icon.svg", "image/svg+xml", icon_svg) row(                \
-                                    "/manifest.json", "application/manifest+json", manifest_json)
+#define NUVIO_PAGE_FILES(row)                                                                     \
+    row("/", "text/html; charset=utf-8", index_html) row("/style.css", "text/css", style_css)     \
+        row("/app.js", "text/javascript", app_js) row("/worker.js", "text/javascript", worker_js) \
+            row("/icon.svg", "image/svg+xml", icon_svg)                                           \
+                row("/manifest.json", "application/manifest+json", manifest_json)
 
 #define NUVIO_DECLARE(path, type, name)              \
     extern "C" const char nuvio_page_##name[];       \

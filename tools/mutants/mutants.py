@@ -66,7 +66,7 @@ def read_mutants(words):
 def place_of(tree, mutant):
     for folder in AREAS[mutant.area].folders:
         for path in sorted((tree / folder).rglob("*")):
-            if path.suffix in (".cpp", ".h", ".js") and mutant.found in path.read_text():
+            if path.suffix in (".cpp", ".h", ".ts", ".tsx") and mutant.found in path.read_text():
                 return path
     return None
 

@@ -1,0 +1,91 @@
+// The page: which screen is shown, and what stands around it.
+import type { ComponentChildren } from "preact";
+import { render } from "preact";
+import { useErrorBoundary, useLayoutEffect, useRef } from "preact/hooks";
+import { Devices } from "./devices";
+import { Library } from "./library";
+import { Icon } from "./parts";
+import type { Screen } from "./places";
+import { place } from "./places";
+import { Mini, Playing } from "./playing";
+import { Queue } from "./queue";
+import { is_connected, known_at, refusal, start } from "./state";
+import { said, say } from "./talk";
+
+const kScreens: Record<Screen, { title: string; icon: string; Shown: () => ComponentChildren }> = {
+  devices: { title: "Devices", icon: "speaker", Shown: Devices },
+  library: { title: "Library", icon: "library", Shown: Library },
+  queue: { title: "Queue", icon: "queue", Shown: Queue },
+  playing: { title: "Playing", icon: "play", Shown: Playing },
+};
+
+function Banner() {
+  if (is_connected.value) return null;
+  const at = known_at.value;
+  return <p id="banner" role="status">
+    {at === null && !refusal.value && "Connecting to the controller …"}
+    {refusal.value}{refusal.value && " "}
+    {at !== null && "No connection to the controller. This is what was known at " +
+      new Date(at).toLocaleTimeString() + "."}
+  </p>;
+}
+
+// It takes its room from what is above: who was at the page's end stays there.
+function Toast() {
+  const text = said.value;
+  const line = useRef<HTMLParagraphElement>(null);
+  useLayoutEffect(() => {
+    const { scrollHeight, clientHeight } = document.documentElement;
+    const height = line.current?.offsetHeight ?? 0;
+    if (scrollHeight - clientHeight - window.scrollY <= height + 1) window.scrollTo(0, scrollHeight);
+  }, [text !== ""]);
+  return <p id="toast" role="status" aria-live="polite" ref={line} onClick={() => say("")}>{text}</p>;
+}
+
+function Nav({ screen }: { screen: Screen }) {
+  return <nav aria-label="Screens">{Object.entries(kScreens).map(([name, { title, icon }]) =>
+    <a key={name} href={"#" + name} aria-current={name === screen ? "page" : undefined}><Icon name={icon} />{title}</a>)}</nav>;
+}
+
+// A screen that fails is said to have; the others, the connection and what plays go on.
+function Guarded({ children }: { children: ComponentChildren }) {
+  const [failure, again] = useErrorBoundary((error) => console.error(error));
+  if (!failure) return <>{children}</>;
+  return <>
+    <h1 tabIndex={-1}>This screen has failed</h1>
+    <p><button type="button" onClick={again}>Show it again</button></p>
+  </>;
+}
+
+function Page() {
+  const { screen, entry, scroll } = place.value;
+  const main = useRef<HTMLElement>(null);
+  const last = useRef(screen);
+  const { title, Shown } = kScreens[screen];
+  document.title = (screen === "devices" ? "" : title + " · ") + "Nuvio Connect";
+  useLayoutEffect(() => {
+    // The queue finds its own place when it is new.
+    if (scroll !== undefined || screen !== "queue") window.scrollTo(0, scroll ?? 0);
+    if (last.current !== screen) main.current?.querySelector("h1")?.focus({ preventScroll: true });
+    last.current = screen;
+  }, [entry]);
+  return <>
+    <a class="skip" href="#main" onClick={(event) => {
+      event.preventDefault();
+      main.current?.focus();
+    }}>To the content</a>
+    <Banner />
+    <main id="main" tabIndex={-1} ref={main}><Guarded key={screen}><Shown /></Guarded></main>
+    <div class="below">
+      <Toast />
+      {screen !== "playing" && <Mini />}
+      <Nav screen={screen} />
+    </div>
+  </>;
+}
+
+start();
+const app = document.getElementById("app") as HTMLElement;
+app.replaceChildren();
+render(<Page />, app);
+if ("serviceWorker" in navigator) navigator.serviceWorker.register("worker.js").catch(() => {});

@@ -1,0 +1,40 @@
+// The devices: what each plays, its volume; which one the other screens are about.
+import { Cover, Doing, has_music, IconButton, PlayButton, title_of, Two } from "./parts";
+import { VolumeRow } from "./slider";
+import type { Device } from "./state";
+import { devices, is_connected, select, selected } from "./state";
+import { request } from "./talk";
+
+function Card({ device, is_selected }: { device: Device; is_selected: boolean }) {
+  return <article class={"card" + (is_selected ? " selected" : "")} aria-label={device.name}>
+    <div class="row wrap">
+      <div class="grow">
+        <h2>{device.name}</h2>
+        <p class="quiet">{[device.brand, device.model].filter(Boolean).join(" ")}</p>
+      </div>
+      <button type="button" aria-pressed={is_selected} onClick={() => select(device.id)}
+              aria-label={(is_selected ? "Chosen: " : "Choose ") + device.name}>{is_selected ? "Chosen" : "Choose"}</button>
+    </div>
+    <Doing device={device} />
+    {has_music(device) && <div class={"row" + (device.is_pending ? " pending" : "")}>
+      <Cover path={device.track?.cover} size="small" />
+      <Two first={title_of(device)} second={device.track?.artist} />
+      {device.track && <PlayButton device={device} label={" " + device.name} />}
+    </div>}
+    {device.connected && <VolumeRow device={device} />}
+  </article>;
+}
+
+export function Devices() {
+  const all = devices.value;
+  return <>
+    <div class="row title">
+      <h1 tabIndex={-1} class="grow">Devices</h1>
+      <IconButton icon="scan" label="Ask all devices again" onClick={() => request("devices/look", {}).catch(() => {})} />
+    </div>
+    {all.map((device) => <Card key={device.id} device={device} is_selected={device.id === selected.value?.id} />)}
+    {all.length === 0 && <p>{is_connected.value
+      ? "No device has been found yet. Switch one on, in this network; it appears here by itself."
+      : "Nothing is known yet."}</p>}
+  </>;
+}

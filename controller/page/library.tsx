@@ -1,0 +1,244 @@
+// The library: albums, artists, folders, and the search.
+import type { ComponentChildren } from "preact";
+import { useEffect, useRef, useState } from "preact/hooks";
+import { use_answer, use_pages } from "./answers";
+import { Cover, Icon, IconButton, Two } from "./parts";
+import { place, rename_place } from "./places";
+import { library, play, selected } from "./state";
+import { attempt, request, time_text } from "./talk";
+
+const kTypingMs = 150;
+const kSlowMs = 300;  // longer: something is said about it
+const kTabs = [["albums", "Albums"], ["artists", "Artists"], ["folders", "Folders"]] as const;
+
+interface AlbumRow { id: number; title: string; artist: string; year: number }
+interface ArtistRow { id: number; name: string }
+interface TrackRow { id: number; title: string; artist: string; disc: number; number: number; duration_ms: number }
+
+function Album({ album }: { album: AlbumRow }) {
+  return <li><a href={"#library/album/" + album.id}>
+    <Cover path={"cover/" + album.id} />
+    <span class="cut">{album.title || "Untitled"}</span>
+    <span class="cut quiet">{album.artist || album.year || " "}</span>
+  </a></li>;
+}
+
+function Artist({ artist }: { artist: ArtistRow }) {
+  return <li><a class="open button" href={"#library/artist/" + artist.id}>{artist.name || "Unknown"}</a></li>;
+}
+
+// `context`: all of what a press plays, from this track on.
+function Track({ track, number, context }: { track: TrackRow; number?: number; context: [what: string, start: number] }) {
+  const [what, start] = context;
+  return <li>
+    {number !== undefined && <span class="number">{number || ""}</span>}
+    <button type="button" class="open" onClick={() => play(what, { start })}>
+      <Two first={track.title} second={track.artist} />
+      <span class="quiet">{track.duration_ms ? time_text(track.duration_ms) : ""}</span>
+    </button>
+    <IconButton icon="add" label={"Add " + track.title + " to the queue"} onClick={() => play("track:" + track.id, { where: "end" })} />
+  </li>;
+}
+
+function Actions({ what }: { what: string }) {
+  return <div class="row wrap">
+    <button type="button" class="main" onClick={() => play(what)}><Icon name="play" />Play</button>
+    <button type="button" onClick={() => play(what, { where: "next" })}>Play next</button>
+    <button type="button" onClick={() => play(what, { where: "end" })}>Add to queue</button>
+  </div>;
+}
+
+// Until there is an answer: why not, or, where it takes long, that it is on its way.
+function Awaited({ failure }: { failure: string }) {
+  const [is_slow, set_slow] = useState(false);
+  useEffect(() => {
+    const timer = setTimeout(() => set_slow(true), kSlowMs);
+    return () => clearTimeout(timer);
+  }, []);
+  if (failure) return <p class="warn">{failure}</p>;
+  return is_slow ? <p class="quiet" role="status">Being read …</p> : null;
+}
+
+function EndlessList({ path, of, grid = false }: { path: string; of: "albums" | "artists"; grid?: boolean }) {
+  const { items, is_all, failure, end } = use_pages<AlbumRow & ArtistRow>(path, of);
+  if (!items) return <Awaited failure={failure} />;
+  return <ul class={grid ? "grid" : "list"}>
+    {items.map((each) => of === "albums" ? <Album key={each.id} album={each} /> : <Artist key={each.id} artist={each} />)}
+    {!is_all && <li ref={end} class="quiet">…</li>}
+  </ul>;
+}
+
+function EmptyLibrary() {
+  return <p>{library.value.folders === 0
+    ? "No music folder was named. Start the controller with --music and a folder."
+    : "No music was found in the folders that were named. Put some there: it appears here by itself."}</p>;
+}
+
+function Section({ title, list, children }: { title: string; list: string; children: ComponentChildren[] }) {
+  if (children.length === 0) return null;
+  return <><h2>{title}</h2><ul class={list}>{children}</ul></>;
+}
+
+function Search({ text }: { text: string }) {
+  // A radio, or a playlist file of the controller's machine.
+  if (/^(https?:\/\/|\/.)/i.test(text)) return <><p class="address">{text}</p><Actions what={text} /></>;
+  return <SearchWords text={text} />;
+}
+
+interface Found { artists: ArtistRow[]; albums: AlbumRow[]; tracks: TrackRow[] }
+
+function SearchWords({ text }: { text: string }) {
+  const { answer, failure } = use_answer<Found>("library/search?q=" + encodeURIComponent(text));
+  // What was found before stays until there is something newer.
+  const before = useRef<Found | undefined>(undefined);
+  before.current = answer ?? before.current;
+  const found = before.current;
+  if (!found || failure) return <Awaited failure={failure} />;
+  if (found.artists.length + found.albums.length + found.tracks.length === 0) {
+    return <p>Nothing in the library has all of these words. Beginnings of words are enough; fewer find more.</p>;
+  }
+  return <>
+    <Section title="Artists" list="list">{found.artists.map((each) => <Artist key={each.id} artist={each} />)}</Section>
+    <Section title="Albums" list="grid">{found.albums.map((each) => <Album key={each.id} album={each} />)}</Section>
+    <Section title="Tracks" list="list">
+      {found.tracks.map((each) => <Track key={each.id} track={each} context={["track:" + each.id, 0]} />)}
+    </Section>
+  </>;
+}
+
+// Its discs have headings, where there are several.
+function AlbumTracks({ id, tracks }: { id: string; tracks: TrackRow[] }) {
+  const discs = new Set(tracks.map((track) => track.disc));
+  const is_first = (at: number) => discs.size > 1 && tracks[at]?.disc !== tracks[at - 1]?.disc;
+  return <ul class="list">{tracks.map((track, at) => <>
+    {is_first(at) && <li key={"disc-" + track.disc} class="heading"><h3>{track.disc ? "Disc " + track.disc : "Without a disc"}</h3></li>}
+    <Track key={track.id} track={track} number={track.number} context={["album:" + id, at]} />
+  </>)}</ul>;
+}
+
+function OneAlbum({ id }: { id: string }) {
+  const { answer, failure } = use_answer<AlbumRow & { tracks: TrackRow[] }>("library/albums/" + id);
+  if (!answer) return <Awaited failure={failure} />;
+  return <>
+    <div class="head">
+      <Cover path={"cover/" + id} />
+      <div class="grow">
+        <h2 class="first">{answer.title || "Untitled"}</h2>
+        <p class="quiet">{[answer.artist, answer.year || ""].filter(Boolean).join(" · ")}</p>
+        <Actions what={"album:" + id} />
+      </div>
+    </div>
+    <AlbumTracks id={id} tracks={answer.tracks} />
+  </>;
+}
+
+function OneArtist({ id }: { id: string }) {
+  const { answer, failure } = use_answer<{ artist: string; albums: AlbumRow[] }>("library/albums?artist=" + id);
+  if (!answer) return <Awaited failure={failure} />;
+  return <>
+    <h2 class="first">{answer.artist || "Unknown"}</h2>
+    <Actions what={"artist:" + id} />
+    <h2>Albums</h2>
+    <ul class="grid">{answer.albums.map((each) => <Album key={each.id} album={each} />)}</ul>
+  </>;
+}
+
+interface FolderPage {
+  id: number; parent: number; name: string; folders: ArtistRow[]; tracks: TrackRow[];
+  playlists?: { name: string; what: string }[];
+}
+
+function Folder({ id }: { id: string }) {
+  const { answer, failure } = use_answer<FolderPage>("library/folders/" + id);
+  if (!answer) return <Awaited failure={failure} />;
+  return <>
+    {answer.id !== 0 && <p><a class="button" href={"#library/folders/" + answer.parent}><Icon name="back" />{answer.name}</a></p>}
+    {answer.tracks.length > 0 && <Actions what={"folder:" + answer.id} />}
+    <ul class="list">
+      {answer.folders.map((each) => <li key={"f" + each.id}>
+        <a class="open button" href={"#library/folders/" + each.id}><Icon name="folder" /><span class="grow">{each.name}</span></a>
+        <IconButton icon="play" label={"Play " + each.name} onClick={() => play("folder:" + each.id)} />
+      </li>)}
+      {(answer.playlists ?? []).map((each) => <li key={each.what}>
+        <button type="button" class="open" onClick={() => play(each.what)}><Icon name="queue" /><span class="grow">{each.name}</span></button>
+        <IconButton icon="add" label={"Add " + each.name + " to the queue"} onClick={() => play(each.what, { where: "end" })} />
+      </li>)}
+      {answer.tracks.map((each) => <Track key={each.id} track={each} number={each.number} context={["track:" + each.id, 0]} />)}
+    </ul>
+  </>;
+}
+
+function Unreadable() {
+  const { answer, failure } = use_answer<{ files: { path: string; failure: string }[] }>("library/unreadable");
+  if (!answer) return <Awaited failure={failure} />;
+  return <>
+    <h2 class="first">Files that can't be read</h2>
+    <ul class="list">{answer.files.map((file) => <li key={file.path}>
+      <div class="grow address"><div>{file.path}</div><div class="quiet">{file.failure}</div></div>
+    </li>)}</ul>
+  </>;
+}
+
+function ScanLine() {
+  const { failure, scanning, tracks, unreadable, seen } = library.value;
+  if (failure) return <p class="warn">{failure}</p>;
+  if (scanning) {
+    return <div role="status">
+      <p class="quiet">The folders are being read: {seen} files so far</p>
+      <progress aria-label="Reading the folders" />
+    </div>;
+  }
+  return <p class="row wrap quiet">
+    <span>{tracks ?? 0} tracks in the library</span>
+    {unreadable ? <a class="button" href="#library/unreadable">{unreadable} of them can't be read</a> : null}
+  </p>;
+}
+
+function SearchField({ text }: { text: string }) {
+  const field = useRef<HTMLInputElement>(null);
+  const timer = useRef<ReturnType<typeof setTimeout>>(undefined);
+  useEffect(() => {
+    if (field.current && field.current !== document.activeElement) field.current.value = text;
+  }, [text]);
+  const typed = () => {
+    clearTimeout(timer.current);
+    timer.current = setTimeout(() => {
+      const words = field.current?.value.trim() ?? "";
+      rename_place(words ? "#library/search/" + encodeURIComponent(words) : "#library");
+    }, kTypingMs);
+  };
+  return <input ref={field} type="search" placeholder="Search, or an http:// address" autocomplete="off" onInput={typed}
+                defaultValue={text} aria-label="Search the library, or a radio's address or a playlist's path" />;
+}
+
+function Content({ kind, words }: { kind: string; words: string[] }) {
+  const id = words[1] ?? "0";
+  switch (kind) {
+    case "album": return <OneAlbum key={id} id={id} />;
+    case "artist": return <OneArtist key={id} id={id} />;
+    case "artists": return <EndlessList key="artists" path="library/artists" of="artists" />;
+    case "folders": return <Folder key={id} id={id} />;
+    case "search": return <Search text={words.slice(1).join("/")} />;
+    case "unreadable": return <Unreadable />;
+    default: return library.value.tracks || library.value.scanning
+      ? <EndlessList key="albums" path="library/albums" of="albums" grid /> : <EmptyLibrary />;
+  }
+}
+
+export function Library() {
+  const { words } = place.value;
+  const kind = words[0] ?? "albums";
+  const device = selected.value;
+  return <>
+    <div class="row title wrap">
+      <h1 tabIndex={-1} class="grow">Library</h1>
+      <a class="button" href="#devices"><Icon name="speaker" /><span id="target">{device ? "On " + device.name : "No device"}</span></a>
+      <IconButton icon="scan" label="Read the folders again" onClick={() => attempt(() => request("library/scan", {}))} />
+    </div>
+    <SearchField text={kind === "search" ? words.slice(1).join("/") : ""} />
+    <div class="tabs">{kTabs.map(([name, title]) =>
+      <a key={name} class="button" href={"#library/" + name} aria-current={kind === name ? "page" : undefined}>{title}</a>)}</div>
+    <div id="found"><Content kind={kind} words={words} /></div>
+    <ScanLine />
+  </>;
+}

@@ -1,0 +1,116 @@
+// What plays now, and the small line about it above the screens' names.
+import { Cover, Doing, has_music, Icon, IconButton, PlayButton, title_of, Two, use_position } from "./parts";
+import { Slider, VolumeRow } from "./slider";
+import type { Device } from "./state";
+import { command, devices, is_running, select, selected, steer } from "./state";
+import { time_text } from "./talk";
+
+const kLoops = ["off", "all", "one"];
+const kLoopTexts: Record<string, string> = { off: "Repeat: off", all: "Repeat: all", one: "Repeat: this track" };
+// By arrow and by page, in ms.
+const kSeekSteps: Record<string, number> = { ArrowLeft: -5000, ArrowDown: -5000, ArrowRight: 5000, ArrowUp: 5000,
+                                             PageDown: -30000, PageUp: 30000 };
+
+export function NothingHere({ title, device }: { title: string; device: Device | null }) {
+  return <>
+    <h1 tabIndex={-1}>{title}</h1>
+    {device ? <>
+      <p>Nothing of this controller plays on {device.name}.</p>
+      <Doing device={device} />
+    </> : <p>No device is on the network.</p>}
+    <p><a class="button" href={device ? "#library" : "#devices"}>
+      {device ? "Choose some music" : "Look at the devices"}</a></p>
+  </>;
+}
+
+function format_text({ track, bit_exact }: Device): string {
+  if (!track?.rate_hz || track.changed) return track?.changed ?? "";
+  const channels = ({ 1: "mono", 2: "stereo" } as Record<number, string>)[track.channels] ?? track.channels + " channels";
+  return [track.rate_hz / 1000 + " kHz", track.bits + " bit", channels].join(" · ") + (bit_exact ? " · bit-exact" : "");
+}
+
+// Of a device that says so: whether the output took the samples of which the file has a sum.
+function played_text({ title, verified }: { title: string; verified: string }): string {
+  return "Before: " + title + " · " + (verified === "verified" ? "" : "not verified: ") + verified;
+}
+
+function Position({ device }: { device: Device }) {
+  const length = device.track?.duration_ms ?? 0;
+  const now = use_position(device);
+  const text = time_text(now);
+  const can_seek = Boolean(device.track?.seekable) && length > 0 && device.state !== "gone";
+  return <div>
+    <Slider id="seek" label="Position" value={Math.min(now, length)} max={Math.max(1, length)} text={text}
+            disabled={!can_seek} tells_late takes_taps step_of_key={(key) => kSeekSteps[key]}
+            on_value={(position_ms) => steer(device, "seek", { position_ms })} />
+    <div class="times quiet">
+      <span id="position">{text}</span>
+      <span>{length > 0 ? time_text(length) : is_running(device) ? "live" : ""}</span>
+    </div>
+  </div>;
+}
+
+function Transport({ device }: { device: Device }) {
+  const loop = device.loop ?? "off";
+  const next_loop = kLoops[(kLoops.indexOf(loop) + 1) % kLoops.length];
+  const is_gone = device.state === "gone";
+  const shuffle = !device.shuffle;
+  return <div class="transport">
+    <IconButton icon="shuffle" label="Shuffle" aria-pressed={Boolean(device.shuffle)} disabled={is_gone}
+                onClick={() => command(device, "shuffle", { shuffle }, { shuffle })} />
+    <IconButton icon="previous" label="Previous" disabled={is_gone} onClick={() => command(device, "previous")} />
+    <PlayButton device={device} class="main round" />
+    <IconButton icon="next" label="Next" disabled={is_gone || !device.has_next} onClick={() => command(device, "next")} />
+    <IconButton icon={loop === "one" ? "loop-one" : "loop"} label={kLoopTexts[loop] ?? ""} disabled={is_gone}
+                aria-pressed={loop !== "off"}
+                onClick={() => command(device, "loop", { loop: next_loop }, { loop: next_loop })} />
+  </div>;
+}
+
+function DeviceChoice({ device }: { device: Device }) {
+  return <select aria-label="Device" value={device.id} onChange={(event) => select(event.currentTarget.value)}>
+    {devices.value.map((each) => <option key={each.id} value={each.id}>{each.name}</option>)}
+  </select>;
+}
+
+export function Playing() {
+  const device = selected.value;
+  if (!device || !has_music(device)) {
+    return <><NothingHere title="Playing" device={device} />{device && <DeviceChoice device={device} />}</>;
+  }
+  const { track } = device;
+  return <div class={"player" + (device.is_pending ? " pending" : "")}>
+    <Cover path={track?.cover} size="large" />
+    <div>
+      <h1 tabIndex={-1}>{title_of(device)}</h1>
+      <p>{track?.artist}</p>
+      <p class="quiet">{track?.album}</p>
+      <p class="quiet" id="format">{format_text(device)}</p>
+      {device.played && <p class="quiet" id="played">{played_text(device.played)}</p>}
+      <Doing device={device} brief />
+    </div>
+    {track && <Position device={device} />}
+    {track && <Transport device={device} />}
+    {device.connected && <VolumeRow device={device} />}
+    <div class="row">
+      <DeviceChoice device={device} />
+      <IconButton icon="stop" label="Stop" disabled={device.state === "gone"} onClick={() => command(device, "stop")} />
+    </div>
+  </div>;
+}
+
+// Under all screens but that of what plays.
+export function Mini() {
+  const device = selected.value;
+  if (!device || !has_music(device)) return null;
+  const says = { playing: "", paused: "" } as Record<string, string>;
+  const state = says[device.state] ?? { gone: "gone", silent: "silent", asked: "asked", opening: "opening",
+                                        stopped: "stopped" }[device.state as string] ?? "";
+  return <section id="mini" aria-label="What plays">
+    <Cover path={device.track?.cover} size="small" />
+    <a class="grow" href="#playing">
+      <Two first={title_of(device)} second={[device.name, state, device.track?.artist].filter(Boolean).join(" · ")} />
+    </a>
+    {device.track ? <PlayButton device={device} /> : <Icon name="speaker" />}
+  </section>;
+}
