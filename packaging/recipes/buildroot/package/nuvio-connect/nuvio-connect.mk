@@ -13,7 +13,7 @@ NUVIO_CONNECT_LICENSE_FILES = LICENSE
 NUVIO_CONNECT_DEPENDENCIES = host-pkgconf alsa-lib avahi civetweb cjson expat \
 	flac jpeg-turbo libcurl libpng libseccomp libsndfile libsoxr libuv \
 	libwebsockets openssl sqlite systemd taglib webp
-NUVIO_CONNECT_CONF_OPTS = -DNUVIO_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr
+NUVIO_CONNECT_CONF_OPTS = -DNUVIO_TESTS=OFF -DNUVIO_CONTROLLER=OFF -DCMAKE_INSTALL_PREFIX=/usr
 
 NUVIO_CONNECT_COMPONENTS = daemon
 ifeq ($(BR2_PACKAGE_NUVIO_CONNECT_CORE_LOCAL),y)
