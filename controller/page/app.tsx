@@ -6,10 +6,10 @@ import { Devices } from "./devices";
 import { Library } from "./library";
 import { Icon } from "./parts";
 import type { Screen } from "./places";
-import { place } from "./places";
+import { go_and_search, place } from "./places";
 import { Mini, Playing } from "./playing";
 import { Queue } from "./queue";
-import { is_connected, known_at, refusal, start } from "./state";
+import { is_connected, known_at, refusal, selected, start, toggle_play } from "./state";
 import { said, say } from "./talk";
 
 const kScreens: Record<Screen, { title: string; icon: string; Shown: () => ComponentChildren }> = {
@@ -84,7 +84,19 @@ function Page() {
   </>;
 }
 
+// By key, where nothing that has the focus takes it: Space plays and pauses, "/" searches.
+function press_key(event: KeyboardEvent): void {
+  const on = event.target as HTMLElement;
+  if (event.ctrlKey || event.altKey || event.metaKey || on.closest("input, select, button, a")) return;
+  const device = selected.value;
+  if (event.key === " " && device?.track && device.state !== "gone") void toggle_play(device);
+  else if (event.key === "/") go_and_search();
+  else return;
+  event.preventDefault();
+}
+
 start();
+document.addEventListener("keydown", press_key);
 const app = document.getElementById("app") as HTMLElement;
 app.replaceChildren();
 render(<Page />, app);

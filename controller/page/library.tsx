@@ -3,7 +3,7 @@ import type { ComponentChildren } from "preact";
 import { useEffect, useRef, useState } from "preact/hooks";
 import { use_answer, use_pages } from "./answers";
 import { Cover, Icon, IconButton, Two } from "./parts";
-import { place, rename_place } from "./places";
+import { place, rename_place, wants_search } from "./places";
 import { library, play, selected } from "./state";
 import { attempt, request, time_text } from "./talk";
 
@@ -200,6 +200,12 @@ function SearchField({ text }: { text: string }) {
   useEffect(() => {
     if (field.current && field.current !== document.activeElement) field.current.value = text;
   }, [text]);
+  const is_wanted = wants_search.value;
+  useEffect(() => {
+    if (!is_wanted) return;
+    field.current?.focus();
+    wants_search.value = false;
+  }, [is_wanted]);
   const typed = () => {
     clearTimeout(timer.current);
     timer.current = setTimeout(() => {

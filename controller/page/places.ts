@@ -34,6 +34,13 @@ function here(): Place {
 history.scrollRestoration = "manual";
 export const place = signal(here());
 
+// The search field takes the keyboard once it is there.
+export const wants_search = signal(false);
+export function go_and_search(): void {
+  wants_search.value = true;
+  if (place.value.screen !== "library") location.hash = "#library";
+}
+
 // Another address of the same place: what is typed makes no history.
 export function rename_place(hash: string): void {
   history.replaceState(history.state, "", hash);

@@ -1,7 +1,7 @@
 // What plays now, and the small line about it above the screens' names.
 import { Cover, Doing, has_music, Icon, IconButton, PlayButton, title_of, Two, use_position } from "./parts";
 import { Slider, VolumeRow } from "./slider";
-import type { Device } from "./state";
+import type { Device, Track } from "./state";
 import { command, devices, is_running, select, selected, steer } from "./state";
 import { time_text } from "./talk";
 
@@ -32,6 +32,12 @@ function format_text({ track, bit_exact }: Device): string {
 // Of a device that says so: whether the output took the samples of which the file has a sum.
 function played_text({ title, verified }: { title: string; verified: string }): string {
   return "Before: " + title + " · " + (verified === "verified" ? "" : "not verified: ") + verified;
+}
+
+// The address of a cover of the library names its album.
+function AlbumLink({ track }: { track?: Track }) {
+  const album = track?.cover.match(/^cover\/(\d+)$/)?.[1];
+  return <>{album ? <a href={"#library/album/" + album}>{track?.album}</a> : track?.album}</>;
 }
 
 function Position({ device }: { device: Device }) {
@@ -83,8 +89,8 @@ export function Playing() {
     <Cover path={track?.cover} size="large" />
     <div>
       <h1 tabIndex={-1}>{title_of(device)}</h1>
-      <p>{track?.artist}</p>
-      <p class="quiet">{track?.album}</p>
+      <p>{track?.artist && <a href={"#library/search/" + encodeURIComponent(track.artist)}>{track.artist}</a>}</p>
+      <p class="quiet"><AlbumLink track={track} /></p>
       <p class="quiet" id="format">{format_text(device)}</p>
       {device.played && <p class="quiet" id="played">{played_text(device.played)}</p>}
       <Doing device={device} brief />

@@ -196,8 +196,15 @@ class Page(HouseTest):
             ActionChains(phone.driver).send_keys(Keys.ARROW_RIGHT).perform()
         wait_for("ten seconds on", lambda: kitchen.position() > 10)
         self.assertEqual(phone.run("return document.activeElement.id"), "seek")
-        phone.press("Pause")
+        phone.run("document.activeElement.blur()")
+        ActionChains(phone.driver).send_keys(" ", "/", *"laub").perform()
         wait_for("a pause", lambda: kitchen.player("status") == "Paused")
+        phone.shows(ALBUMS[1][0])
+        phone.open("#playing")
+        phone.press(ALBUMS[0][0])
+        phone.shows("Add to queue")
+        phone.driver.back()
+        wait_for("the position", lambda: phone.value("#seek"))
         at = phone.value("#seek") / 20_000
         # What the slider shows from then on, at each frame: it never jumps back.
         phone.slide("#seek", at, at - 0.1, lambda: phone.run("""window.shown = []; (function look() {
