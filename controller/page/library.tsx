@@ -200,6 +200,7 @@ function SearchField({ text }: { text: string }) {
   useEffect(() => {
     if (field.current && field.current !== document.activeElement) field.current.value = text;
   }, [text]);
+  useEffect(() => () => clearTimeout(timer.current), []);
   const is_wanted = wants_search.value;
   useEffect(() => {
     if (!is_wanted) return;
