@@ -1,5 +1,5 @@
 // The library: albums, artists, folders, and the search.
-import type { ComponentChildren } from "preact";
+import type { JSX } from "preact";
 import { useEffect, useRef, useState } from "preact/hooks";
 import { use_answer, use_pages } from "./answers";
 import { Cover, Icon, IconButton, Two } from "./parts";
@@ -59,11 +59,18 @@ function Awaited({ failure }: { failure: string }) {
   return is_slow ? <p class="quiet" role="status">Being read …</p> : null;
 }
 
-function EndlessList({ path, of, grid = false }: { path: string; of: "albums" | "artists"; grid?: boolean }) {
-  const { items, is_all, failure, end } = use_pages<AlbumRow & ArtistRow>(path, of);
+type Kind = "artists" | "albums" | "tracks";
+const kMakers: Record<Kind, (row: AlbumRow & ArtistRow & TrackRow) => JSX.Element> = {
+  artists: (row) => <Artist key={row.id} artist={row} />,
+  albums: (row) => <Album key={row.id} album={row} />,
+  tracks: (row) => <Track key={row.id} track={row} context={["track:" + row.id, 0]} />,
+};
+
+function EndlessList({ path, of }: { path: string; of: Kind }) {
+  const { items, is_all, failure, end } = use_pages<AlbumRow & ArtistRow & TrackRow>(path, of);
   if (!items) return <Awaited failure={failure} />;
-  return <ul class={grid ? "grid" : "list"}>
-    {items.map((each) => of === "albums" ? <Album key={each.id} album={each} /> : <Artist key={each.id} artist={each} />)}
+  return <ul class={of === "albums" ? "grid" : "list"}>
+    {items.map(kMakers[of])}
     {!is_all && <li ref={end} class="quiet">…</li>}
   </ul>;
 }
@@ -74,9 +81,17 @@ function EmptyLibrary() {
     : "No music was found in the folders that were named. Put some there: it appears here by itself."}</p>;
 }
 
-function Section({ title, list, children }: { title: string; list: string; children: ComponentChildren[] }) {
-  if (children.length === 0) return null;
-  return <><h2>{title}</h2><ul class={list}>{children}</ul></>;
+// The first of what was found of a kind, and the way to the rest.
+function Section({ title, kind, found, text }: { title: string; kind: Kind; found: Found; text: string }) {
+  const rows = found[kind] as (AlbumRow & ArtistRow & TrackRow)[];
+  if (rows.length === 0) return null;
+  const total = found.total?.[kind] ?? rows.length;
+  return <>
+    <h2>{title}</h2>
+    <ul class={kind === "albums" ? "grid" : "list"}>{rows.map(kMakers[kind])}</ul>
+    {total > rows.length && <p><a class="button" href={"#library/all/" + kind + "/" + encodeURIComponent(text)}>
+      Show all {total}</a></p>}
+  </>;
 }
 
 function Search({ text }: { text: string }) {
@@ -85,7 +100,7 @@ function Search({ text }: { text: string }) {
   return <SearchWords text={text} />;
 }
 
-interface Found { artists: ArtistRow[]; albums: AlbumRow[]; tracks: TrackRow[] }
+interface Found { artists: ArtistRow[]; albums: AlbumRow[]; tracks: TrackRow[]; total?: Record<Kind, number> }
 
 function SearchWords({ text }: { text: string }) {
   const { answer, failure } = use_answer<Found>("library/search?q=" + encodeURIComponent(text));
@@ -98,11 +113,9 @@ function SearchWords({ text }: { text: string }) {
     return <p>Nothing in the library has all of these words. Beginnings of words are enough; fewer find more.</p>;
   }
   return <>
-    <Section title="Artists" list="list">{found.artists.map((each) => <Artist key={each.id} artist={each} />)}</Section>
-    <Section title="Albums" list="grid">{found.albums.map((each) => <Album key={each.id} album={each} />)}</Section>
-    <Section title="Tracks" list="list">
-      {found.tracks.map((each) => <Track key={each.id} track={each} context={["track:" + each.id, 0]} />)}
-    </Section>
+    <Section title="Artists" kind="artists" found={found} text={text} />
+    <Section title="Albums" kind="albums" found={found} text={text} />
+    <Section title="Tracks" kind="tracks" found={found} text={text} />
   </>;
 }
 
@@ -225,16 +238,22 @@ function Content({ kind, words }: { kind: string; words: string[] }) {
     case "artist": return <OneArtist key={id} id={id} />;
     case "artists": return <EndlessList key="artists" path="library/artists" of="artists" />;
     case "folders": return <Folder key={id} id={id} />;
+    case "all": {
+      const of = words[1] === "artists" || words[1] === "albums" ? words[1] : "tracks";
+      const path = "library/search?kind=" + of + "&q=" + encodeURIComponent(words.slice(2).join("/"));
+      return <EndlessList key={path} path={path} of={of} />;
+    }
     case "search": return <Search text={words.slice(1).join("/")} />;
     case "unreadable": return <Unreadable />;
     default: return library.value.tracks || library.value.scanning
-      ? <EndlessList key="albums" path="library/albums" of="albums" grid /> : <EmptyLibrary />;
+      ? <EndlessList key="albums" path="library/albums" of="albums" /> : <EmptyLibrary />;
   }
 }
 
 export function Library() {
   const { words } = place.value;
   const kind = words[0] ?? "albums";
+  const text = kind === "search" || kind === "all" ? words.slice(kind === "all" ? 2 : 1).join("/") : "";
   const device = selected.value;
   return <>
     <div class="row title wrap">
@@ -242,7 +261,7 @@ export function Library() {
       <a class="button" href="#devices"><Icon name="speaker" /><span id="target">{device ? "On " + device.name : "No device"}</span></a>
       <IconButton icon="scan" label="Read the folders again" onClick={() => attempt(() => request("library/scan", {}))} />
     </div>
-    <SearchField text={kind === "search" ? words.slice(1).join("/") : ""} />
+    <SearchField text={text} />
     <div class="tabs">{kTabs.map(([name, title]) =>
       <a key={name} class="button" href={"#library/" + name} aria-current={kind === name ? "page" : undefined}>{title}</a>)}</div>
     <div id="found"><Content kind={kind} words={words} /></div>
