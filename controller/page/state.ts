@@ -50,16 +50,10 @@ let pause_ms = kFirstPauseMs;
 
 // ---- The socket ---------------------------------------------------------------------------------
 
-function playing_or(device: Device): Doing {
-  if (device.status === "absent" || device.status === "failed" || device.status === "apart") return "gone";
-  return device.session === "us" ? device.playback as Doing : device.status as Doing;
-}
-
 function take(text: string): void {
   const before = new Map(message.value.devices.map((device) => [device.id, device.problem_count ?? 0]));
   const now = JSON.parse(text) as Message;
   for (const device of now.devices) {
-    device.state ??= playing_or(device);
     const count = before.get(device.id);
     if (count !== undefined && (device.problem_count ?? 0) > count) say(device.name + ": " + device.problem);
   }

@@ -6,6 +6,7 @@ import shutil
 import signal
 import socket
 import subprocess
+import time
 
 import axe
 from house import ALBUMS, SESAME, HouseTest, WebServer, wait_for
@@ -454,6 +455,9 @@ class Page(HouseTest):
         kitchen.daemon.wait()
         phone.shows("Not on the network")
         self.assertEqual(phone.run("return document.querySelector('main [data-toggle]').disabled"), True)
+        stands_at = phone.value("#seek")
+        time.sleep(1.5)
+        self.assertEqual(phone.value("#seek"), stands_at)
         self.assertEqual(phone.faults(), [])
 
     def test_every_screen_can_be_read_and_reached_and_runs_nothing_that_a_file_says(self):
