@@ -52,6 +52,7 @@ class Host {
     ~Host() = delete;
 
     void tell_core() const;
+    static void tell_pipewire();
     void preset_messages();
     void on_message(int id, const std::string& text);
     void on_change(uint32_t changes);

@@ -226,7 +226,6 @@ class PulseAudio(OnServer, DeviceTest):
 
 class PipeWire(OnServer, DeviceTest):
     latency_ms = 25
-    repeated_ms = 35  # the round of its graph that was under way goes out too
     make_server = sound_servers.PipeWire
 
 

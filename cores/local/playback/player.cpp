@@ -11,7 +11,7 @@ namespace {
 
 // The renderer's position is a difference of rounded times, one of which a sound server estimates:
 // so much it may lie ahead of the sound.
-constexpr uint64_t kPositionErrorMs = 8;
+constexpr uint64_t kPositionErrorMs = 7;
 
 constexpr std::chrono::milliseconds kShortPause{100};
 
