@@ -5,13 +5,13 @@
 #include <string>
 #include <string_view>
 
+#include "reader/inside/id3_tag.h"
 #include "reader/inside/sound/mpeg_sync.h"
 
 namespace nuvio::reader {
 
 namespace {
 
-constexpr size_t kTagHeadBytes = 10;
 constexpr size_t kHeaderBytes = 4;
 constexpr uint32_t kPadded = 0x200;
 // Version, layer, bit rate and rate of samples.
@@ -37,20 +37,6 @@ bool has_varying_rate(std::string_view first_frame) {
            first_frame.find("VBRI") != std::string_view::npos;
 }
 
-// How long the tag is that an MP3 begins with; 0: there is none.
-uint64_t tag_bytes(std::string_view head) {
-    constexpr uint8_t kHasFooter = 0x10;
-    if (head.size() < kTagHeadBytes || !head.starts_with("ID3")) {
-        return 0;
-    }
-    uint64_t size = 0;
-    for (const char byte : head.substr(kTagHeadBytes - 4, 4)) {
-        size = size << 7U | (static_cast<uint8_t>(byte) & 0x7fU);
-    }
-    const bool has_footer = (static_cast<uint8_t>(head[5]) & kHasFooter) != 0;
-    return size + (has_footer ? 2 : 1) * kTagHeadBytes;
-}
-
 bool begins_frames_of(uint32_t kind, std::string_view bytes) {
     for (int frame = 0; frame < kFramesInARow; ++frame) {
         if (bytes.size() < kHeaderBytes || (mpeg_header_at(bytes, 0) & kKind) != kind) {
@@ -65,7 +51,7 @@ bool begins_frames_of(uint32_t kind, std::string_view bytes) {
 }  // namespace
 
 MpegShortcut::MpegShortcut(Input& input) : m_input(input) {
-    const uint64_t tag = tag_bytes(bytes_at(input, 0, kTagHeadBytes));
+    const uint64_t tag = behind_id3(input);
     m_head = bytes_at(input, tag, kMpegHeadBytes);
     const size_t first = first_mpeg_frame(m_head);
     m_first = tag + first;
