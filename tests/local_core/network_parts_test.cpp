@@ -114,6 +114,11 @@ TEST(NetworkParts, MpegAudioBeginsAtThreeFramesInARowWhateverTheirKind) {
         EXPECT_EQ(first_mpeg_frame(part + frame + frame + head), part.size()) << bytes;
         EXPECT_EQ(first_mpeg_frame(part + frame + frame), 0U) << bytes;
     }
+    const std::string quiet = std::string("\xff\xfb\x90\x00", 4) + std::string(413, '\0');
+    const std::string loud = std::string("\xff\xfb\xe0\x00", 4) + std::string(1040, '\0');
+    EXPECT_DOUBLE_EQ(mpeg_samples_a_byte("a rest" + quiet + loud + quiet + "a tag"),
+                     3 * 1152.0 / (2 * 417 + 1044));
+    EXPECT_EQ(mpeg_samples_a_byte(quiet.substr(4)), 0);
 }
 
 TEST(NetworkParts, AResponsesHeadLeadsToItsVerdict) {

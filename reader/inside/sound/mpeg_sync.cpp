@@ -74,4 +74,19 @@ size_t first_mpeg_frame(std::string_view bytes) {
     return 0;
 }
 
+double mpeg_samples_a_byte(std::string_view bytes) {
+    const size_t first = first_mpeg_frame(bytes);
+    size_t at = first;
+    uint64_t samples = 0;
+    while (at + 4 <= bytes.size()) {
+        const MpegFrame frame = mpeg_frame(mpeg_header_at(bytes, at));
+        if (frame.bytes == 0) {
+            break;
+        }
+        at += frame.bytes;
+        samples += frame.samples;
+    }
+    return at > first ? static_cast<double>(samples) / static_cast<double>(at - first) : 0;
+}
+
 }  // namespace nuvio::reader

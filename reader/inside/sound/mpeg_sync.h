@@ -26,4 +26,8 @@ uint32_t mpeg_header_at(std::string_view bytes, size_t at);
 // whoever reads on decides. Any bytes; pure.
 size_t first_mpeg_frame(std::string_view bytes);
 
+// How many samples of each channel a byte makes, by the frames that follow the first one; 0 where
+// there are none. Any bytes; pure.
+double mpeg_samples_a_byte(std::string_view bytes);
+
 }  // namespace nuvio::reader

@@ -8,6 +8,7 @@
 #include <string_view>
 #include <vector>
 
+#include "reader/inside/id3_tag.h"
 #include "reader/inside/sound/heads.h"
 #include "reader/inside/sound/mpeg_sync.h"
 
@@ -25,6 +26,7 @@ constexpr sf_count_t kMaxGuess = sf_count_t{1} << 40;
 // Longer files are not read through before they play: a slow disk takes seconds for this many
 // bytes.
 constexpr uint64_t kMaxMeasured = uint64_t{32} << 20;
+constexpr size_t kGuessedBy = size_t{64} << 10U;  // bytes
 // Further ahead nobody goes in an input of unknown length.
 constexpr uint64_t kMaxStep = uint64_t{1} << 20;
 
@@ -274,15 +276,23 @@ void SndfileSound::count_blocks(SF_INFO* info) {
     m_input.seek(place);
 }
 
-// Instead of libsndfile's guess, which is of the stretched input.
+// Instead of libsndfile's guess, which is of the stretched input, and by the first frame alone.
 void SndfileSound::find_length(SF_INFO* info) {
     constexpr sf_count_t kMaxFramesAByte = 1152;
-    const auto bytes = static_cast<sf_count_t>(m_input.length().value_or(0));
-    m_is_guess = !m_input.is_at_hand() || static_cast<uint64_t>(bytes) > kMaxMeasured;
-    info->frames = m_is_guess ? static_cast<sf_count_t>(static_cast<double>(info->frames) /
-                                                        static_cast<double>(kStretchedLength) *
-                                                        static_cast<double>(bytes))
-                              : measure(bytes * kMaxFramesAByte);
+    const uint64_t bytes = m_input.length().value_or(0);
+    m_is_guess = !m_input.is_at_hand() || bytes > kMaxMeasured;
+    if (!m_is_guess) {
+        info->frames = measure(static_cast<sf_count_t>(bytes) * kMaxFramesAByte);
+        return;
+    }
+    const uint64_t place = m_input.position();
+    const uint64_t begin = std::min(behind_id3(m_input), bytes);
+    const double by_frames = mpeg_samples_a_byte(bytes_at(m_input, begin, kGuessedBy));
+    const double by_first =
+        static_cast<double>(info->frames) / static_cast<double>(kStretchedLength);
+    info->frames = static_cast<sf_count_t>((by_frames > 0 ? by_frames : by_first) *
+                                           static_cast<double>(bytes - begin));
+    m_input.seek(place);
 }
 
 }  // namespace nuvio::reader
