@@ -140,10 +140,11 @@ void ScriptedSdk::pass() {
         m_stream_delegate.dispose(m_core, id, m_stream_delegate.context);
     }
     bool busy = false;
-    for (auto& [id, stream] : m_streams) {
-        if (stream.open && !m_is_seeking) {
-            offer(id, stream);
-            busy = busy || stream.open;
+    for (uint64_t id = 1; id <= m_last_id; ++id) {
+        const auto is_open = [&] { return m_streams.contains(id) && m_streams.at(id).open; };
+        if (is_open() && !m_is_seeking) {
+            offer(id, m_streams.at(id));  // whose observer may run the loop, which may end streams
+            busy = busy || is_open();
         }
     }
     if (!busy && m_disposals_due == 0) {
