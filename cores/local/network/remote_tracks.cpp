@@ -77,7 +77,7 @@ class Finder {
         }
         if (found->format != PlaylistFormat::none) {
             read_rest(source, &found->text);
-        } else if (found->text.starts_with("fLaC") && !content->is_radio) {
+        } else if (content && !content->is_radio && found->text.starts_with("fLaC")) {
             found->sheet = sheet_in(source);
         }
         if (source.failure() != HttpFailure::none) {
