@@ -33,7 +33,8 @@ class OnServer:
         self.server.start()
 
     latency_ms = 10   # of a recording
-    repeated_ms = 20  # of the signal, at most, wherever it was cut
+    # Of the signal, at most, wherever it was cut: 20, and what a busy machine takes to cut it.
+    repeated_ms = 25
 
     def record(self, latency_ms=None):
         """Starts a recording of what is heard; where it is written. A graph of PipeWire's goes round as
