@@ -136,7 +136,7 @@ class Unit(unittest.TestCase):
 
     def test_1_it_is_active_with_few_rights_and_a_folder_of_its_own(self):
         self.assertEqual(state("Type", "ActiveState", "SubState", "StatusText"),
-                         ["notify", "active", "running", "Running"])
+                         ["notify", "active", "running", "Stopped"])
         status = pathlib.Path(f"/proc/{state('MainPID')[0]}/status").read_text()
         fields = dict(re.findall(r"(?m)^(\w+):\t(.*)$", status))
         self.assertEqual(set(fields["Uid"].split()), {run("id", "-u", UNIT)})
