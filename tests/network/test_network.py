@@ -222,18 +222,44 @@ class Network(unittest.TestCase):
         for is_constant, rate in [(True, ["-b:a", "320k"]), (False, ["-q:a", "0"]),
                                   (False, ["-q:a", "0", "-write_xing", "0"])]:
             self.ffmpeg("noise.wav", "a.mp3", *rate, "-y")
-            content, asked = pathlib.Path(self.d, "a.mp3").read_bytes(), []
-
-            def in_pieces(handler, first, content=content, asked=asked):
-                asked.append(first / len(content))
-                handler.head_from(first, len(content))
-                handler.wfile.write(content[first:first + 100_000])
-
-            with ScriptedServer(in_pieces) as server:
-                heard, wanted = [array.array("h", self.decode(name, "read_ahead=1", *parts, place=place))
-                                 for name, place in [("", server.url), ("a.mp3", self.d)]]
+            heard, wanted, asked = self.far_and_near("a.mp3", parts)
             self.assertLessEqual(max(abs(h - w) for h, w in zip(heard, wanted, strict=True)), 1)
             self.assertEqual(any(0.3 < place < 0.7 for place in asked), not is_constant, asked)
+
+    def test_a_far_place_in_a_long_mp3_of_a_varying_rate_is_gone_to_by_its_table(self):
+        noise = array.array("h", random.Random(1).randbytes(4 * 8_400_000))
+        for begin in range(0, len(noise), 2_400_000):  # some of it quiet, and of fewer bits
+            noise[begin:begin + 1_200_000] = array.array(
+                "h", (sample // 256 for sample in noise[begin:begin + 1_200_000]))
+        write_wav(f"{self.d}/noise.wav", noise, CD)
+        frames = len(noise) // 2
+        self.ffmpeg("noise.wav", "a.mp3", "-q:a", "0", "-y")
+        places = [frames * 8 // 10, frames * 8 // 10 + 90_000, frames * 78 // 100, frames - 90_000]
+        parts = [f"{place}:{n}" for place, n in zip(places, [100_000, 2000, 2000, 0])]
+        heard, _, asked = self.far_and_near("a.mp3", parts)
+        self.assertFalse(any(0.01 < place < 0.76 for place in asked), asked)
+        whole, heard = self.decode("a.mp3"), heard.tobytes()
+        later = []
+        for place, at in zip(places, [0, 100_000, 102_000, 104_000]):  # a pause is behind the first
+            found = whole.find(heard[4 * at + 400:4 * at + 4000])
+            later.append((found - 400) // 4 - place)
+        self.assertTrue(all(0 <= frames < len(whole) // 4 // 100 for frames in later), later)
+        self.assertEqual(later[0], later[1])
+        self.assertIn(whole[-4000:], heard[-14_000:])  # nothing is missing
+
+    def far_and_near(self, name, parts):
+        """What is heard of a file's parts over a network and from the disk, and which places in it, of 1,
+        were asked for."""
+        content, asked = pathlib.Path(self.d, name).read_bytes(), []
+
+        def in_pieces(handler, first):
+            asked.append(first / len(content))
+            handler.head_from(first, len(content))
+            handler.wfile.write(content[first:first + 100_000])
+
+        with ScriptedServer(in_pieces) as server:
+            return *(array.array("h", self.decode(at, "read_ahead=1", *parts, place=place))
+                     for at, place in [("", server.url), (name, self.d)]), asked
 
     @unittest.skipUnless(HAS_MODULE, "no libavformat for this machine")
     def test_lossy_sound_is_the_signal_and_an_aac_radio_is_joined_in_a_frame(self):

@@ -237,6 +237,8 @@ bool Decoder::open(std::string* error) {
     if (m_pieces.size() > 1) {
         count_frames();
     }
+    // A place that is told roughly leaves fewer frames behind it than are said.
+    m_info.is_guess = m_info.is_guess || (has_shortcut() && shortcut().is_rough());
     return m_pieces.size() <= 1 || join();
 }
 
@@ -323,6 +325,8 @@ size_t Decoder::read(void* block, size_t capacity_bytes) {
     if (frames == 0 && go_on()) {
         frames = read_frames(block, capacity_bytes);
     }
+    m_place += frames;
+    m_seen_to = std::max(m_seen_to, m_place);
     const size_t samples = frames * m_info.channels;
     if (m_conversion == Conversion::upper_24) {
         convert_in_place<int32_t, int32_t>(block, samples, [](int32_t s) { return s >> 8; });
@@ -338,25 +342,40 @@ size_t Decoder::read(void* block, size_t capacity_bytes) {
     return frames * m_info.frame_bytes();
 }
 
-// False: the sound is lost. It is opened anew for each place, as MpegShortcut asks for.
-bool Decoder::take_shortcut(uint64_t frame) {
+bool Decoder::has_shortcut() const {
     SF_INFO raw{};
     sf_command(m_sound->file(), SFC_GET_CURRENT_SF_INFO, &raw, sizeof raw);
-    if (m_input.is_at_hand() || !m_info.is_seekable || frame > static_cast<uint64_t>(raw.frames) ||
-        raw.format != (SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III)) {
+    return !m_input.is_at_hand() && m_info.is_seekable &&
+           raw.format == (SF_FORMAT_MPEG | SF_FORMAT_MPEG_LAYER_III);
+}
+
+MpegShortcut& Decoder::shortcut() {
+    if (!m_shortcut) {
+        const uint64_t place = m_input.position();
+        m_shortcut = std::make_unique<MpegShortcut>(m_input);
+        m_input.seek(place);
+    }
+    return *m_shortcut;
+}
+
+// False: the sound is lost. It is opened anew for a place, as MpegShortcut asks for.
+bool Decoder::take_shortcut(uint64_t frame) {
+    const bool is_seen = m_seen_from <= frame && frame <= m_seen_to;
+    const bool is_beyond = frame > m_info.frames && !m_info.is_guess;
+    if (is_seen || is_beyond || !has_shortcut() || (!shortcut().is_open() && m_seen_from == 0)) {
         return true;
     }
-    const uint64_t place = m_input.position();
-    if (!m_shortcut) {
-        m_shortcut = std::make_unique<MpegShortcut>(m_input);
+    const uint64_t from = frame < m_seen_from ? 0 : m_input.position();
+    const auto jump = m_shortcut->is_open() ? m_shortcut->find(frame, from) : std::nullopt;
+    if (!jump && frame >= m_seen_from) {
+        return true;
     }
-    if (!m_shortcut->is_open()) {
-        return m_input.seek(place);
-    }
+    SF_INFO raw{};
     m_sound.reset();
     m_shortcut->restart();
     m_sound = SndfileSound::open(*m_shortcut, &raw);
-    m_shortcut->aim(frame);
+    m_shortcut->take(jump);
+    m_seen_from = m_seen_to = jump ? jump->real_from : 0;
     return m_sound != nullptr;
 }
 
@@ -369,7 +388,12 @@ std::optional<uint64_t> Decoder::seek(uint64_t frame) {
     }
     const uint64_t first = m_pieces.empty() ? 0 : m_pieces[m_piece].first_frame;
     const sf_count_t reached = m_sound->go_to(static_cast<sf_count_t>(frame - first));
-    return reached < 0 ? std::nullopt : std::optional(first + static_cast<uint64_t>(reached));
+    if (reached < 0) {
+        return std::nullopt;
+    }
+    m_place = first + static_cast<uint64_t>(reached);
+    m_seen_to = std::max(m_seen_to, m_place);
+    return m_place;
 }
 
 bool Decoder::go_to_piece_of(uint64_t frame) {

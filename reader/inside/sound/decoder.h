@@ -59,7 +59,8 @@ class Decoder {
     // that can't be decoded. `block` must be aligned for a 4-byte sample.
     size_t read(void* block, size_t capacity_bytes);
     // Goes to a frame; returns the one reached, none when the sound can't be positioned. Of a
-    // remote MP3 whose frames have one bit rate what lies before is not fetched.
+    // remote MP3 what lies before is not fetched. Where its frames have more than one bit rate and
+    // some MiB lie before, what is there is further on, by a hundredth of the whole at most.
     std::optional<uint64_t> seek(uint64_t frame);
 
     // Of a radio's second and further Ogg streams, or of what a stream says on the way, once each.
@@ -85,6 +86,8 @@ class Decoder {
     static bool is_deep(Conversion conversion);
     static Conversion conversion_of(sf_private_tag* file, int sndfile_format);
     size_t read_frames(void* block, size_t capacity_bytes);
+    bool has_shortcut() const;
+    MpegShortcut& shortcut();
     bool take_shortcut(uint64_t frame);
     void count_frames();
     ByteRange present_bytes() const;
@@ -93,8 +96,11 @@ class Decoder {
     bool go_to_piece_of(uint64_t frame);
 
     Input& m_input;
-    std::unique_ptr<MpegShortcut> m_shortcut;  // of a remote MP3 that was sought
-    std::unique_ptr<SndfileSound> m_sound;     // one of the two
+    std::unique_ptr<MpegShortcut> m_shortcut;  // of a remote MP3
+    // Frames that it has seen as they are: there a decoder finds any by itself.
+    uint64_t m_seen_from = 0, m_seen_to = 0;
+    uint64_t m_place = 0;                   // of the next frame to be read
+    std::unique_ptr<SndfileSound> m_sound;  // one of the two
     std::unique_ptr<ForeignSound> m_foreign;
     SoundInfo m_info;
     std::vector<Piece> m_pieces;  // none of any other sound
