@@ -91,6 +91,7 @@ void Host::tell_core() const {
         {kLocalAuthorities, "NUVIO_NETWORK_AUTHORITIES"},
         {kLocalConvert, "NUVIO_CONVERT"},
         {kLocalLoudness, "NUVIO_LOUDNESS"},
+        {kLocalVerify, "NUVIO_VERIFY"},
         {kOutputFS, "NUVIO_OUTPUT_RATES"},
     };
     for (const auto& row : kVariables) {

@@ -10,7 +10,7 @@ namespace {
 
 // Two frames of silence, of which one bit is set or none.
 template <typename Sample>
-Verdict with_bit(uint32_t bits, uint32_t channels_inside, int bit) {
+Verdict with_bit(uint32_t bits, uint32_t channels_inside, int bit, bool with_all = true) {
     constexpr bool kIsDeep = sizeof(Sample) == sizeof(int32_t);
     TrackInfo info{};
     info.format = {44100, 2,
@@ -26,9 +26,14 @@ Verdict with_bit(uint32_t bits, uint32_t channels_inside, int bit) {
     if (bit >= 0) {  // of the second channel's last sample
         samples[3 * sizeof(Sample) + static_cast<size_t>(bit) / 8] |= std::byte{1} << (bit % 8);
     }
-    Verification verification(info);
+    Verification verification(info, with_all);
     verification.add(samples.data(), samples.size());
     return verification.conclude(true);
+}
+
+TEST(Verification, WhatIsAboveCdQualityHasToBeAskedFor) {
+    EXPECT_EQ(with_bit<int16_t>(16, 2, -1, false), Verdict::verified);
+    EXPECT_EQ(with_bit<int32_t>(24, 2, -1, false), Verdict::too_much);
 }
 
 TEST(Verification, EveryBitThatWasTakenCounts) {

@@ -48,7 +48,7 @@ void add_all(OutputFormats& formats, std::string_view rates, uint32_t highest_hz
 }  // namespace
 
 Output output_of(nuv_audio_quality highest) {
-    Output output{highest, {}};
+    Output output{highest, {}, nuvio::environment_text("NUVIO_VERIFY") == "all"};
     if (nuvio::environment_text("NUVIO_CONVERT") == "0") {
         return output;
     }

@@ -12,6 +12,7 @@ struct Output {
     nuv_audio_quality highest;
     // What tracks are converted to; without rates those above `highest` are refused.
     nuvio::reader::OutputFormats formats;
+    bool verifies_all = false;  // tracks above CD quality too, which costs the more the more it is
 };
 
 // The renderer's, of which the environment says more (read anew at each call):
@@ -20,6 +21,7 @@ struct Output {
 //   NUVIO_LOUDNESS      "track" or "album": by whose tags tracks are made equally loud; not where
 //                       nothing is converted
 //   NUVIO_CONVERT       0: nothing is converted
+//   NUVIO_VERIFY        "all": tracks above CD quality are verified too
 Output output_of(nuv_audio_quality highest);
 
 bool is_above(const nuv_audio_format& format, nuv_audio_quality quality);

@@ -197,7 +197,8 @@ void TrackWork::open() {
                                   name().c_str(), failed.c_str());
         }
         m_latest_texts = m_texts;
-        m_verification = std::make_unique<Verification>(m_decoder->info());
+        m_verification =
+            std::make_unique<Verification>(m_decoder->info(), m_crew->output.verifies_all);
         if (const std::string done = m_decoder->info().conversion(); !done.empty()) {
             m_crew->logger->write(LogLevel::info, kAudioDecoder, "%s: %s", name().c_str(),
                                   done.c_str());

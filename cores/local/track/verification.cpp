@@ -21,35 +21,39 @@ unsigned width_of(const nuv_audio_format& format) {
     return format.sample_format == NUV_AUDIO_SAMPLE_FORMAT_16_BIT ? kShallowBits : kDeepBits;
 }
 
-Verdict hindrance_of(const TrackInfo& info) {
+Verdict hindrance_of(const TrackInfo& info, bool with_all) {
     const bool is_cut = info.sum.bits > width_of(info.format);
     const bool is_other =
         !info.is_guess && info.sum.frames != 0 && info.sum.frames != info.frame_count;
-    return info.sum.bits == 0                     ? Verdict::no_sum
-           : is_cut || !info.conversion().empty() ? Verdict::converted
-           : is_other                             ? Verdict::no_sum
-                                                  : Verdict::verified;
+    return info.sum.bits == 0                                         ? Verdict::no_sum
+           : is_cut || !info.conversion().empty()                     ? Verdict::converted
+           : is_other                                                 ? Verdict::no_sum
+           : !with_all && is_above(info.format, NUV_AUDIO_QUALITY_CD) ? Verdict::too_much
+                                                                      : Verdict::verified;
 }
 
 }  // namespace
 
 const char* text_of(Verdict verdict) {
-    static constexpr const char* kTexts[] = {
-        "verified",           "its samples are not those of the sum in the file",
-        "no sum in the file", "converted",
-        "sought or paused",   "not played to its end",
-        "it ended early"};
+    static constexpr const char* kTexts[] = {"verified",
+                                             "its samples are not those of the sum in the file",
+                                             "no sum in the file",
+                                             "above CD quality",
+                                             "converted",
+                                             "sought or paused",
+                                             "not played to its end",
+                                             "it ended early"};
     return kTexts[static_cast<size_t>(verdict)];
 }
 
-Verification::Verification(const TrackInfo& info)
+Verification::Verification(const TrackInfo& info, bool with_all)
     : m_sum(info.sum),
       m_frame_bytes(info.frame_bytes),
       m_channels(info.format.channel_count),
       m_width(width_of(info.format)),
       m_is_doubled(info.inside.channel_count == 1 && m_channels == 2),
       m_packed_bytes((m_sum.bits + kByteBits - 1) / kByteBits),
-      m_hindrance(hindrance_of(info)) {
+      m_hindrance(hindrance_of(info, with_all)) {
     if (m_hindrance == Verdict::verified) {
         m_hash.reset(EVP_MD_CTX_new());
         m_hindrance = m_hash && begin() ? Verdict::verified : Verdict::no_sum;

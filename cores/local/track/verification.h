@@ -21,6 +21,7 @@ enum class Verdict {
     verified,
     differs,     // the samples taken are not those of the sum
     no_sum,      // the file has none
+    too_much,    // above CD quality: summing it up is left out
     converted,   // so that they can't be the file's
     sought,      // the listener did, or paused
     unfinished,  // not played to its end
@@ -32,7 +33,8 @@ const char* text_of(Verdict verdict);
 
 class Verification {
   public:
-    explicit Verification(const TrackInfo& info);
+    // `with_all`: a track above CD quality too. A second of it takes libcrypto 1.5 ms and more.
+    Verification(const TrackInfo& info, bool with_all);
 
     // What the output has taken, whole frames, in turn.
     void add(const std::byte* samples, size_t bytes);

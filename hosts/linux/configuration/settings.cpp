@@ -79,11 +79,15 @@ const char* check_loudness(std::string_view value) {
                                                                   : "neither off, track nor album";
 }
 
+const char* check_verify(std::string_view value) {
+    return value == "cd" || value == "all" ? nullptr : "neither cd nor all";
+}
+
 struct KnownKey {
     std::string_view key;
     Checker check;
 };
-constexpr std::array<KnownKey, 31> kKnownKeys = {{
+constexpr std::array<KnownKey, 32> kKnownKeys = {{
     {kFeatureNuvioConnect, check_number},
     {KFeatureNuvioConnectLog, check_number},
     {KFeatureNuvioConnectHttpPort, check_port},
@@ -115,6 +119,7 @@ constexpr std::array<KnownKey, 31> kKnownKeys = {{
     {kLocalAuthorities, check_folder},
     {kLocalConvert, check_number},
     {kLocalLoudness, check_loudness},
+    {kLocalVerify, check_verify},
 }};
 
 const KnownKey* find_key(std::string_view key) {

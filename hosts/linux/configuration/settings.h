@@ -44,6 +44,8 @@ inline constexpr char kLocalAuthorities[] = "local.authorities";
 inline constexpr char kLocalConvert[] = "local.convert";
 // "off", "track" or "album": by whose tags tracks are made equally loud.
 inline constexpr char kLocalLoudness[] = "local.loudness";
+// "cd" or "all": of which quality tracks are verified.
+inline constexpr char kLocalVerify[] = "local.verify";
 
 inline constexpr size_t kMaxSettingsBytes = size_t{64} * 1024;
 inline constexpr size_t kMaxValueBytes = 1024;
