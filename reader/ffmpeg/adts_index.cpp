@@ -43,9 +43,9 @@ std::optional<AdtsIndex::Head> AdtsIndex::head_at(uint64_t place) {
                                             : std::nullopt;
 }
 
-// Over what is no packet of this kind to one, whose bytes are returned; 0 at the end.
-size_t AdtsIndex::find_next() {
-    for (;; ++m_next) {
+// Over what is no packet of this kind to one before `end`, whose bytes are returned; 0: none is whole.
+size_t AdtsIndex::find_next(uint64_t end) {
+    for (; m_next < end; ++m_next) {
         const auto head = head_at(m_next);
         if (!head) {
             return 0;
@@ -54,13 +54,14 @@ size_t AdtsIndex::find_next() {
             return m_next + head->bytes <= m_input.length().value_or(0) ? head->bytes : 0;
         }
     }
+    return 0;
 }
 
 // Of those that begin before `end`.
 void AdtsIndex::count_up_to(uint64_t packets, uint64_t end) {
     const uint64_t from = m_input.position();
-    while (m_packets < std::min(packets, kMaxPackets) && m_next < end) {
-        const size_t bytes = find_next();
+    while (m_packets < std::min(packets, kMaxPackets)) {
+        const size_t bytes = find_next(end);
         if (bytes == 0) {
             break;
         }

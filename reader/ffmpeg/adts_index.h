@@ -50,7 +50,7 @@ class AdtsIndex {
     explicit AdtsIndex(Input& input) : m_input(input) {}
     static Head head_in(const char* bytes);
     std::optional<Head> head_at(uint64_t place);
-    size_t find_next();
+    size_t find_next(uint64_t end);
     void count_up_to(uint64_t packets, uint64_t end);
 
     Input& m_input;
