@@ -41,6 +41,7 @@ class Exchange {
     int64_t number_parameter(const char* name, int64_t otherwise) const;
     // Whether the body is, by its Content-Type, whose parameters don't count.
     bool is_of_type(std::string_view type) const;
+    bool takes_gzip() const;
     // Of "Authorization: Bearer TOKEN".
     std::string_view bearer() const;
     // The peer's address.
@@ -56,6 +57,7 @@ class Exchange {
     // `headers`: further ones, "Name: value\r\n" each. Without the body where the method is HEAD.
     int reply(int status, std::string_view type, std::string_view body,
               const std::string& headers = {});
+    // Compressed where that is worth it and the peer takes it.
     int reply_json(const JsonPtr& document);
     // {"error": text}, for people.
     int fail(int status, std::string_view text, const std::string& headers = {});

@@ -262,8 +262,7 @@ int WebServer::serve_page(Exchange& exchange) {
     if (file == nullptr) {
         return exchange.fail(404, "no such thing");
     }
-    const bool is_zipped =
-        text_of(exchange.header("Accept-Encoding")).find("gzip") != std::string_view::npos;
+    const bool is_zipped = exchange.takes_gzip();
     std::array<char, 32> etag{};
     std::snprintf(etag.data(), etag.size(), "\"%016llx%s\"",
                   static_cast<unsigned long long>(fnv1a(kFnv1aStart, file->data)),
