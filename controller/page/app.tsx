@@ -74,9 +74,9 @@ function Page() {
       event.preventDefault();
       main.current?.focus();
     }}>To the content</a>
-    <Banner />
     <main id="main" tabIndex={-1} ref={main}><Guarded key={screen}><Shown /></Guarded></main>
     <div class="below">
+      <Banner />
       <Toast />
       {screen !== "playing" && <Mini />}
       <Nav screen={screen} />
