@@ -249,7 +249,8 @@ class Page(HouseTest):
         volume = "main input[data-volume]"
         x, y = phone.place_of(volume, along=0.8)
         phone.finger((x, y), (x + 4, y - 150))
-        wait_for("the list has scrolled", lambda: phone.run("return scrollY") > 50)
+        wait_for("the list has scrolled, and rests", lambda: phone.driver.execute_async_script(
+            "const at = scrollY; setTimeout(() => arguments[0](at > 50 && scrollY === at), 300)"))
         self.assertEqual(phone.run("return asked"), [])
         self.assertEqual(phone.value(volume), 50)
 
