@@ -43,7 +43,8 @@ std::optional<AdtsIndex::Head> AdtsIndex::head_at(uint64_t place) {
                                             : std::nullopt;
 }
 
-// Over what is no packet of this kind to one before `end`, whose bytes are returned; 0: none is whole.
+// Over what is no packet of this kind to one before `end`, whose bytes are returned; 0: none is
+// whole.
 size_t AdtsIndex::find_next(uint64_t end) {
     for (; m_next < end; ++m_next) {
         const auto head = head_at(m_next);
