@@ -182,6 +182,12 @@ void loop(const Arguments& words) {
     command_device(words[0], "loop", std::move(arguments));
 }
 
+void move(const Arguments& words) {
+    JsonPtr body = new_object();
+    add(body.get(), "to", words[1]);
+    ask_controller("POST", device_path(words[0], "move"), print_json(body.get()));
+}
+
 JsonPtr read_queue(const std::string& device) {
     return ask_controller("GET", device_path(device, "queue"));
 }
@@ -335,6 +341,7 @@ constexpr Command kCommands[] = {
     {"mute", 2, 2, "DEVICE on|off", "", true, turn<kMute, kMuted>},
     {"shuffle", 2, 2, "DEVICE on|off", "", true, turn<kShuffle, kShuffle>},
     {"loop", 2, 2, "DEVICE off|one|all", "", true, loop},
+    {"move", 2, 2, "DEVICE OTHER", "its music goes on there", true, move},
     {"queue", 1, kAny, "DEVICE [add|next WHAT... | jump N | remove N... | move N M|end]",
      "shows it, each track with its place N, or changes it", true, queue},
     {"status", 0, 3, "[DEVICE] [--json] [--follow]", "what plays; --follow: again at each change",

@@ -16,7 +16,7 @@ std::string offer_body(const Offer& offer) {
     add(document.get(), "session_id", offer.session);
     add(document.get(), "jwt_api", token(offer.content));
     add(document.get(), "jwt_nconnect", token(offer.channel));
-    add(document.get(), "become_active", true);
+    add(document.get(), "become_active", offer.plays);
     return print_json(document.get());
 }
 

@@ -12,9 +12,9 @@ struct Offer {
     std::string channel;  // URL
     std::string token;    // for both
     int64_t expires = 0;  // seconds since 1970
+    bool plays = true;    // at once; else the device joins it and waits
 };
 
-// The device becomes the active one with it.
 std::string offer_body(const Offer& offer);
 
 }  // namespace nuvio::controller

@@ -60,9 +60,13 @@ const kTexts: Record<string, (device: Device) => [string, Tone]> = {
   gone: (device) => [gone_text(device), "warn"],
 };
 
+export function doing_text(device: Device): [string, Tone] {
+  return (kTexts[device.state] ?? (() => ["Is being reached …", "quiet"]))(device);
+}
+
 // `brief`: not what the button that plays and pauses says too.
 export function Doing({ device, brief = false }: { device: Device; brief?: boolean }) {
-  const [text, tone] = (kTexts[device.state] ?? (() => ["Is being reached …", "quiet"]))(device);
+  const [text, tone] = doing_text(device);
   const is_said = !brief || (device.state !== "playing" && device.state !== "paused");
   return <>
     {is_said && <p class={tone + " doing"}>{text}</p>}

@@ -6,7 +6,7 @@ import { attempt, request, say } from "./talk";
 const kKept = "nuvio-connect-last";
 const kSelected = "nuvio-connect-device";
 const kPatienceMs = 8000;
-const kAskingMs = 30000;  // a device that does not answer is given up before
+const kAskingMs = 45000;  // a device that does not answer is given up before
 const kConfirmedMs = 700;  // after the answer the device's own state is on its way
 const kPaceMs = 150;  // between two requests of one finger
 const kNearMs = 1500;  // a position that the device tells is the one that was asked for
@@ -254,6 +254,14 @@ export function toggle_play(device: Device): Promise<boolean> {
 // What the button that plays and pauses would do.
 export function is_paused(device: Device): boolean {
   return device.state === "paused" || device.state === "stopped" || device.state === "free";
+}
+
+// The page goes with it.
+export async function move_music(device: Device, to: Device): Promise<void> {
+  say("Moving the music to " + to.name + " …", kAskingMs);
+  if (!await attempt(() => request(path_of(device, "move"), { to: to.id }))) return;
+  select(to.id);
+  say("The music is with " + to.name + " now");
 }
 
 export type Where = "now" | "next" | "end";

@@ -180,7 +180,7 @@ void Channels::judge_track(const ChannelLink* link) {
         const std::optional<int64_t> item =
             entry != nullptr ? entry->second.state.track().item : std::nullopt;
         const QueueItem* queued = item ? entry->second.state.find(*item) : nullptr;
-        track_id = queued != nullptr ? track_id_of(queued->url, entry->second.state.here()) : 0;
+        track_id = queued != nullptr ? track_id_of(queued->url) : 0;
     }
     std::optional<Track> file;
     try {

@@ -31,6 +31,11 @@ int64_t count_of(const cJSON* object, const char* key) {
     return std::max<int64_t>(0, number_member(object, key).value_or(0));
 }
 
+// Of "http://here/content/17.flac" what is behind "here"; any other URL as it is.
+std::string below_here(const std::string& url, const std::string& here) {
+    return url.starts_with(here + "/content/") ? url.substr(here.size() + 1) : url;
+}
+
 // Of "http://here/cover/17?size=1000" what the page can ask for; nothing of a foreign one.
 std::string own_cover(const std::string& url, const std::string& here) {
     const std::string own = here + "/cover/";
@@ -43,10 +48,10 @@ std::string own_cover(const std::string& url, const std::string& here) {
 }
 
 QueueItem item_of(const cJSON* entry, const std::string& here) {
-    return {count_of(entry, "item"),       text_of(entry, "url", kMaxUrl),
-            text_of(entry, "title"),       text_of(entry, "artist"),
-            text_of(entry, "album"),       own_cover(text_of(entry, "cover", kMaxUrl), here),
-            count_of(entry, "duration_ms")};
+    return {{below_here(text_of(entry, "url", kMaxUrl), here), text_of(entry, "title"),
+             text_of(entry, "artist"), text_of(entry, "album"),
+             own_cover(text_of(entry, "cover", kMaxUrl), here), count_of(entry, "duration_ms")},
+            count_of(entry, "item")};
 }
 
 size_t bytes_of(const QueueItem& item) {
@@ -200,13 +205,19 @@ const QueueItem* DeviceState::find(int64_t item) const {
     return found == m_queue.end() ? nullptr : &found->second;
 }
 
-std::optional<int64_t> DeviceState::item_after_current() const {
-    auto at = std::ranges::find_if(
+std::optional<int64_t> DeviceState::current_place() const {
+    const auto at = std::ranges::find_if(
         m_queue, [this](const auto& entry) { return entry.second.item == m_item; });
-    if (at == m_queue.end() || ++at == m_queue.end()) {
+    return at == m_queue.end() ? std::nullopt : std::optional(at->first);
+}
+
+std::optional<int64_t> DeviceState::item_after_current() const {
+    const auto place = current_place();
+    if (!place) {
         return std::nullopt;
     }
-    return at->second.item;
+    const auto next = m_queue.upper_bound(*place);
+    return next == m_queue.end() ? std::nullopt : std::optional(next->second.item);
 }
 
 std::optional<int64_t> DeviceState::first_item() const {

@@ -17,11 +17,16 @@
 
 namespace nuvio::controller {
 
-struct QueueItem {
-    int64_t item = 0;
-    std::string url, title, artist, album;
+// A track as devices are told of it, and tell of it.
+struct ToldTrack {
+    std::string url;  // of what this controller serves what is behind its address, "content/7.flac"
+    std::string title, artist, album;
     std::string cover;  // "cover/ID" for one that the controller shows itself; else empty
     int64_t duration_ms = 0;
+};
+
+struct QueueItem : ToldTrack {
+    int64_t item = 0;
 };
 
 struct TrackHeard {
@@ -73,12 +78,18 @@ class DeviceState {
     // The queue's first place that no message has told of yet; none when all is there.
     std::optional<int64_t> missing_place() const;
     const QueueItem* find(int64_t item) const;
+    // By place; all of it where `has_queue`.
+    const std::map<int64_t, QueueItem>& queue() const { return m_queue; }
+    int64_t queue_length() const { return m_length; }
+    // Of the current track in the queue; none: there is none, or it is not known yet.
+    std::optional<int64_t> current_place() const;
     // The item behind the current one in the queue; none: there is none.
     std::optional<int64_t> item_after_current() const;
     bool has_queue() const { return m_length > 0 && !missing_place(); }
     std::optional<int64_t> first_item() const;
     const TrackHeard& track() const { return m_track; }
-    const std::string& here() const { return m_here; }
+    bool is_shuffled() const { return m_is_shuffled; }
+    const std::string& loop() const { return m_loop; }  // "off", "one", "all"
 
     // For the page and the command line: members "playback", "position_ms", "volume", "track" ...
     void describe(cJSON* object, Clock::time_point now) const;

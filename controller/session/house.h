@@ -13,6 +13,7 @@
 #include "controller/session/commands.h"
 #include "controller/session/devices.h"
 #include "controller/session/house_state.h"
+#include "controller/session/mover.h"
 #include "controller/session/sessions.h"
 
 namespace nuvio::controller {
@@ -24,6 +25,7 @@ class House {
         : m_state(changes, state_folder + "/sessions.json"),
           m_commands(m_state),
           m_sessions(m_state, m_commands, port),
+          m_mover(m_state, m_commands, m_sessions),
           m_channels(m_state, m_commands, library),
           m_devices(m_state) {}
     ~House() { close(); }
@@ -33,6 +35,7 @@ class House {
     Devices& devices() { return m_devices; }
     Commands& commands() { return m_commands; }
     Sessions& sessions() { return m_sessions; }
+    Mover& mover() { return m_mover; }
     Channels& channels() { return m_channels; }
 
     // Ends what waits here, for good.
@@ -46,6 +49,7 @@ class House {
     HouseState m_state;
     Commands m_commands;
     Sessions m_sessions;
+    Mover m_mover;
     Channels m_channels;
     Devices m_devices;  // last: its thread uses the state
 };

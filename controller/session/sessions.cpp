@@ -8,7 +8,6 @@
 #include "controller/base/token.h"
 #include "controller/device/http_client.h"
 #include "controller/device/offer.h"
-#include "controller/session/tracks.h"
 
 namespace nuvio::controller {
 
@@ -67,9 +66,9 @@ Outcome Sessions::play(const std::string& id, const std::vector<Playable>& items
         }
     }
     if (is_linked && where != Where::now) {
-        return insert(id, items, where, latest);
+        return insert(id, told(items), where, latest);
     }
-    Outcome outcome = play_now(id, found, items, start, is_linked, latest);
+    Outcome outcome = play_now(id, found, told(items), start, is_linked, latest);
     if (!outcome.is_ok) {
         const std::scoped_lock lock(m_house.mutex);
         m_commands.fail(id, outcome.reason);
@@ -78,31 +77,36 @@ Outcome Sessions::play(const std::string& id, const std::vector<Playable>& items
 }
 
 Outcome Sessions::play_now(const std::string& id, const FoundDevice& found,
-                           const std::vector<Playable>& items, size_t start, bool is_linked,
-                           Time latest) {
+                           const ToldTracks& tracks, size_t start, bool is_linked, Time latest) {
     if (is_linked) {
-        std::vector<JsonPtr> lists = track_lists(items, address_here(id));
+        std::vector<JsonPtr> lists = track_lists(tracks, address_here(id));
         if (lists.size() == 1) {
             return replace(id, std::move(lists.front()), start, latest);
         }
     }
-    // A session begins with its first track and as many more as a device reads of a playlist: what
-    // stands before `start`, and the rest, are put there afterwards.
-    const auto first = items.begin() + static_cast<std::ptrdiff_t>(start);
+    return hand_over(id, found, tracks, start, true, latest).outcome;
+}
+
+// A session begins with its first track and as many more as a device reads of a playlist: what
+// stands before `start`, and the rest, are put there afterwards.
+Sessions::HandedOver Sessions::hand_over(const std::string& id, const FoundDevice& found,
+                                         const ToldTracks& tracks, size_t start, bool plays,
+                                         Time latest) {
+    const auto first = tracks.begin() + static_cast<std::ptrdiff_t>(start);
     const auto end = first + static_cast<std::ptrdiff_t>(std::min<size_t>(
-                                 kMaxPlaylist, static_cast<size_t>(items.end() - first)));
-    Outcome begun = begin(id, found, {first, end}, latest);
-    if (!begun.is_ok || (start == 0 && end == items.end())) {
-        return begun;
-    }
-    if (!has_queue(id, latest)) {
-        return {true, {}};  // its state says why
+                                 kMaxPlaylist, static_cast<size_t>(tracks.end() - first)));
+    HandedOver begun = begin(id, found, {first, end}, plays, latest);
+    if (!begun.outcome.is_ok || (start == 0 && end == tracks.end()) || !has_queue(id, latest)) {
+        return begun;  // its state says what became of it
     }
     // In front first, while the whole queue is known.
-    const Outcome front =
-        start == 0 ? Outcome{true, {}} : insert(id, {items.begin(), first}, Where::front, latest);
-    return end == items.end() || !front.is_ok ? front
-                                              : insert(id, {end, items.end()}, Where::end, latest);
+    if (start > 0) {
+        begun.outcome = insert(id, {tracks.begin(), first}, Where::front, latest);
+    }
+    if (end != tracks.end() && begun.outcome.is_ok) {
+        begun.outcome = insert(id, {end, tracks.end()}, Where::end, latest);
+    }
+    return begun;
 }
 
 std::string Sessions::device_of_token(std::string_view token) const {
@@ -119,17 +123,17 @@ std::optional<std::string> Sessions::playlist(const std::string& session,
 }
 
 // One at a time: a device that refuses one has still the session before it.
-Outcome Sessions::begin(const std::string& id, const FoundDevice& found,
-                        const std::vector<Playable>& items, Time latest) {
+Sessions::HandedOver Sessions::begin(const std::string& id, const FoundDevice& found,
+                                     const ToldTracks& tracks, bool plays, Time latest) {
     {
         std::unique_lock lock(m_house.mutex);
         if (!m_house.on_change.wait_for(lock, Commands::kPatience, [&] {
                 return m_house.is_closed || !m_offered_to.contains(id);
             })) {
-            return {false, "the device is still being offered something else"};
+            return {{false, "the device is still being offered something else"}, {}};
         }
         if (m_house.is_closed) {
-            return {false, "the controller ends"};
+            return {{false, "the controller ends"}, {}};
         }
         m_offered_to.insert(id);
     }
@@ -139,20 +143,21 @@ Outcome Sessions::begin(const std::string& id, const FoundDevice& found,
         m_house.on_change.notify_all();
     };
     const std::unique_ptr<Sessions, decltype(done)> offering(this, done);
-    return offer(id, found, items, latest);
+    return offer(id, found, tracks, plays, latest);
 }
 
 // The session is known before the device is asked, which fetches its content at once.
-Outcome Sessions::offer(const std::string& id, const FoundDevice& found,
-                        const std::vector<Playable>& items, Time latest) {
+Sessions::HandedOver Sessions::offer(const std::string& id, const FoundDevice& found,
+                                     const ToldTracks& tracks, bool plays, Time latest) {
     const HttpAnswer reached = ask_device(found, "GET", "get-connect-info", {}, patience(latest));
     if (reached.status != 200) {
-        return {false, refusal(reached)};
+        return {{false, refusal(reached)}, {}};
     }
     if (is_ipv6(reached.local_address)) {  // the web server has none
-        return {false,
-                "the device is reached by IPv6 only, and fetches music from here by IPv4 only: "
-                "give it an IPv4 address"};
+        return {{false,
+                 "the device is reached by IPv6 only, and fetches music from here by IPv4 only: "
+                 "give it an IPv4 address"},
+                {}};
     }
     Session session{.device = id,
                     .id = new_token(),
@@ -162,7 +167,7 @@ Outcome Sessions::offer(const std::string& id, const FoundDevice& found,
                     .here = "http://" + reached.local_address + ":" + std::to_string(m_port),
                     .is_offered = true,
                     .is_joined = false};
-    session.playlist = playlist_of(items, session.here);
+    session.playlist = playlist_of(tracks, session.here);
     {
         const std::scoped_lock lock(m_house.mutex);
         m_house.sessions.offer(session);
@@ -176,10 +181,10 @@ Outcome Sessions::offer(const std::string& id, const FoundDevice& found,
         found, "POST", "connect-to-nconnect",
         offer_body({session.id, session.here + "/content/" + session.id + ".jspf",
                     "ws" + session.here.substr(std::string_view("http").size()) + "/channel",
-                    session.token, session.expires}),
+                    session.token, session.expires, plays}),
         patience(latest));
     settle(id, session.id, answer.status == 200);
-    return answer.status == 200 ? Outcome{true, {}} : Outcome{false, refusal(answer)};
+    return {answer.status == 200 ? Outcome{true, {}} : Outcome{false, refusal(answer)}, session.id};
 }
 
 // That it is accepted says that the device looks at it: whether it plays it its channel tells.
@@ -212,8 +217,7 @@ Outcome Sessions::replace(const std::string& id, JsonPtr tracks, size_t start, T
     return outcome.is_ok ? m_commands.run(id, "play", new_object(), latest) : outcome;
 }
 
-Outcome Sessions::insert(const std::string& id, const std::vector<Playable>& items, Where where,
-                         Time latest) {
+Outcome Sessions::insert(const std::string& id, const ToldTracks& added, Where where, Time latest) {
     std::optional<int64_t> before;
     {
         const std::scoped_lock lock(m_house.mutex);
@@ -223,7 +227,7 @@ Outcome Sessions::insert(const std::string& id, const std::vector<Playable>& ite
                                              : std::nullopt;
         }
     }
-    std::vector<JsonPtr> lists = track_lists(items, address_here(id));
+    std::vector<JsonPtr> lists = track_lists(added, address_here(id));
     for (JsonPtr& tracks : lists) {
         const bool is_last = &tracks == &lists.back();
         set_being_filled(id, !is_last);

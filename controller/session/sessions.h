@@ -15,6 +15,7 @@
 #include "controller/library/library.h"
 #include "controller/session/commands.h"
 #include "controller/session/house_state.h"
+#include "controller/session/tracks.h"
 
 namespace nuvio::controller {
 
@@ -34,6 +35,15 @@ class Sessions {
     // The device has taken it on, not played it: its state tells what comes of it.
     Outcome play(const std::string& device, const std::vector<Playable>& items, Where where,
                  size_t start = 0);
+    struct HandedOver {
+        Outcome outcome;
+        std::string session;  // that the device was offered; empty: none
+    };
+    // A session of these tracks, which begins with the one at `start` and `plays` at once or waits.
+    // What was asked of the device is known already. Back once its queue is there.
+    HandedOver hand_over(const std::string& device, const FoundDevice& found,
+                         const ToldTracks& tracks, size_t start, bool plays,
+                         Commands::Clock::time_point latest);
     // Whose token this is; empty: nobody's.
     std::string device_of_token(std::string_view token) const;
     // The JSPF of the session with this id and token.
@@ -42,15 +52,14 @@ class Sessions {
   private:
     using Time = Commands::Clock::time_point;
 
-    Outcome play_now(const std::string& id, const FoundDevice& found,
-                     const std::vector<Playable>& items, size_t start, bool is_linked, Time latest);
-    Outcome begin(const std::string& id, const FoundDevice& found,
-                  const std::vector<Playable>& items, Time latest);
-    Outcome offer(const std::string& id, const FoundDevice& found,
-                  const std::vector<Playable>& items, Time latest);
+    Outcome play_now(const std::string& id, const FoundDevice& found, const ToldTracks& tracks,
+                     size_t start, bool is_linked, Time latest);
+    HandedOver begin(const std::string& id, const FoundDevice& found, const ToldTracks& tracks,
+                     bool plays, Time latest);
+    HandedOver offer(const std::string& id, const FoundDevice& found, const ToldTracks& tracks,
+                     bool plays, Time latest);
     void settle(const std::string& id, const std::string& session, bool is_accepted);
-    Outcome insert(const std::string& id, const std::vector<Playable>& items, Where where,
-                   Time latest);
+    Outcome insert(const std::string& id, const ToldTracks& tracks, Where where, Time latest);
     void set_being_filled(const std::string& id, bool is_being_filled);
     Outcome replace(const std::string& id, JsonPtr tracks, size_t start, Time latest);
     bool has_queue(const std::string& id, Time latest);

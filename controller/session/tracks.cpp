@@ -1,5 +1,10 @@
 #include "controller/session/tracks.h"
 
+#include <algorithm>
+#include <iterator>
+#include <string_view>
+#include <utility>
+
 #include "common/music/section.h"
 #include "common/number.h"
 #include "common/utf8.h"
@@ -8,19 +13,29 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr char kContent[] = "/content/";
+constexpr std::string_view kContent = "content/";
 constexpr size_t kMaxListBytes = size_t{48} << 10U;
 constexpr int kMaxListLength = 500;
+constexpr size_t kMaxTitle = 300;  // of an address; the library's are no longer
 
 // With the file's extension, for players that go by it, and the part that it is of the file.
-std::string url_of(const Playable& item, const std::string& here) {
+std::string url_of(const Track& track) {
+    return with_section(std::string(kContent) + std::to_string(track.id) +
+                            track.below.substr(track.below.rfind('.')),
+                        track.section);
+}
+
+ToldTrack told_of(const Playable& item) {
     if (!item.track) {
-        return item.url;
+        return {item.url, std::string(beginning(item.title, kMaxTitle)), {}, {}, {}};
     }
-    const std::string& path = item.track->below;
-    return with_section(
-        here + kContent + std::to_string(item.track->id) + path.substr(path.rfind('.')),
-        item.track->section);
+    const Track& track = *item.track;
+    return {url_of(track),
+            track.title,
+            track.artist,
+            track.album,
+            "cover/" + std::to_string(track.album_id),
+            track.duration_ms};
 }
 
 struct Names {
@@ -28,26 +43,25 @@ struct Names {
 };
 
 // A JSPF's locations are lists.
-JsonPtr describe(const Playable& item, const std::string& here, const Names& names) {
+JsonPtr describe(const ToldTrack& track, const std::string& here, const Names& names) {
     JsonPtr entry = new_object();
+    const std::string url = track.url.starts_with(kContent) ? here + "/" + track.url : track.url;
     if (std::string_view(names.url) == "location") {
         JsonPtr locations = new_array();
-        append(locations.get(), url_of(item, here));
+        append(locations.get(), url);
         add(entry.get(), names.url, std::move(locations));
     } else {
-        add(entry.get(), names.url, url_of(item, here));
+        add(entry.get(), names.url, url);
     }
-    if (!item.track) {
-        if (!item.title.empty()) {
-            add(entry.get(), names.title, beginning(item.title, 300));
+    const auto text = [&](const char* name, const std::string& value) {
+        if (!value.empty()) {
+            add(entry.get(), name, value);
         }
-        return entry;
-    }
-    const Track& track = *item.track;
-    add(entry.get(), names.title, track.title);
-    add(entry.get(), names.artist, track.artist);
-    add(entry.get(), names.album, track.album);
-    add(entry.get(), names.cover, here + "/cover/" + std::to_string(track.album_id) + "?size=1000");
+    };
+    text(names.title, track.title);
+    text(names.artist, track.artist);
+    text(names.album, track.album);
+    text(names.cover, track.cover.empty() ? "" : here + "/" + track.cover + "?size=1000");
     if (track.duration_ms > 0) {
         add(entry.get(), names.duration, track.duration_ms);
     }
@@ -56,25 +70,32 @@ JsonPtr describe(const Playable& item, const std::string& here, const Names& nam
 
 }  // namespace
 
-std::string playlist_of(const std::vector<Playable>& items, const std::string& here) {
+ToldTracks told(const std::vector<Playable>& items) {
+    ToldTracks tracks;
+    tracks.reserve(items.size());
+    std::ranges::transform(items, std::back_inserter(tracks), told_of);
+    return tracks;
+}
+
+std::string playlist_of(const ToldTracks& tracks, const std::string& here) {
     constexpr Names kNames{"location", "title", "creator", "album", "image", "duration"};
-    JsonPtr tracks = new_array();
-    for (const Playable& item : items) {
-        append(tracks.get(), describe(item, here, kNames));
+    JsonPtr list = new_array();
+    for (const ToldTrack& track : tracks) {
+        append(list.get(), describe(track, here, kNames));
     }
     JsonPtr playlist = new_object();
-    add(playlist.get(), "track", std::move(tracks));
+    add(playlist.get(), "track", std::move(list));
     JsonPtr document = new_object();
     add(document.get(), "playlist", std::move(playlist));
     return print_json(document.get());
 }
 
-std::vector<JsonPtr> track_lists(const std::vector<Playable>& items, const std::string& here) {
+std::vector<JsonPtr> track_lists(const ToldTracks& tracks, const std::string& here) {
     constexpr Names kNames{"url", "title", "artist", "album", "cover", "duration_ms"};
     std::vector<JsonPtr> lists;
     size_t bytes = 0;
-    for (const Playable& item : items) {
-        JsonPtr entry = describe(item, here, kNames);
+    for (const ToldTrack& track : tracks) {
+        JsonPtr entry = describe(track, here, kNames);
         const size_t size = print_json(entry.get()).size();
         if (lists.empty() || bytes + size > kMaxListBytes ||
             cJSON_GetArraySize(lists.back().get()) >= kMaxListLength) {
@@ -87,13 +108,12 @@ std::vector<JsonPtr> track_lists(const std::vector<Playable>& items, const std::
     return lists;
 }
 
-int64_t track_id_of(const std::string& url, const std::string& here) {
-    const std::string own = here + kContent;
-    if (!url.starts_with(own)) {
+int64_t track_id_of(const std::string& url) {
+    if (!url.starts_with(kContent)) {
         return 0;
     }
-    const std::string name = url.substr(own.size());
-    return to_number<int64_t>(std::string_view(name).substr(0, name.find('.'))).value_or(0);
+    const std::string_view name = std::string_view(url).substr(kContent.size());
+    return to_number<int64_t>(name.substr(0, name.find('.'))).value_or(0);
 }
 
 }  // namespace nuvio::controller

@@ -120,6 +120,7 @@ const Api::Route Api::kRoutes[] = {
     {"GET", "/api/devices/*/queue", &Api::get_queue},
     {"POST", "/api/devices/*/play", &Api::post_play},
     {"POST", "/api/devices/*/command", &Api::post_command},
+    {"POST", "/api/devices/*/move", &Api::post_move},
     {"POST", "/api/devices/look", &Api::post_look},
     {"GET", "/api/library/albums", &Api::get_albums},
     {"GET", "/api/library/albums/*", &Api::get_album},
@@ -231,6 +232,19 @@ int Api::post_command(Exchange& exchange, const std::string& id) {
         cJSON_DeleteItemFromObjectCaseSensitive(body.get(), own);
     }
     return answer(exchange, m_house.commands().run(device.id, name, std::move(body)));
+}
+
+int Api::post_move(Exchange& exchange, const std::string& id) {
+    const JsonPtr body = exchange.body();
+    if (body == nullptr) {
+        return exchange.status();
+    }
+    const Devices::Named from = m_house.devices().named(id);
+    const Devices::Named to = m_house.devices().named(text_member(body.get(), "to").value_or(""));
+    if (from.id.empty() || to.id.empty()) {
+        return exchange.fail(404, from.id.empty() ? from.failure : to.failure);
+    }
+    return answer(exchange, m_house.mover().move(from.id, to.id));
 }
 
 int Api::post_look(Exchange& exchange, const std::string&) {

@@ -4,6 +4,7 @@
 // - GET /api/devices/ID/queue
 // - POST /api/devices/ID/play: {"what": [texts], "where": "now"|"next"|"end", "start": 0}
 // - POST /api/devices/ID/command: {"command": ..., its arguments}, of docs/session.md
+// - POST /api/devices/ID/move: {"to": ID}
 // - POST /api/devices/look: asks all devices how they are
 // - GET /api/library/albums, ?first= &count= or ?artist=ID
 // - GET /api/library/albums/ID
@@ -53,6 +54,7 @@ class Api {
     int get_queue(Exchange& exchange, const std::string& id);
     int post_play(Exchange& exchange, const std::string& id);
     int post_command(Exchange& exchange, const std::string& id);
+    int post_move(Exchange& exchange, const std::string& id);
     int post_look(Exchange& exchange, const std::string& id);
     int get_albums(Exchange& exchange, const std::string& id);
     int get_album(Exchange& exchange, const std::string& id);
