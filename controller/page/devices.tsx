@@ -1,5 +1,6 @@
 // The devices: what each plays, its volume; which one the other screens are about.
 import { Cover, Doing, has_music, IconButton, PlayButton, title_of, Two } from "./parts";
+import { AllRooms } from "./rooms";
 import { VolumeRow } from "./slider";
 import type { Device } from "./state";
 import { devices, is_connected, select, selected } from "./state";
@@ -32,6 +33,7 @@ export function Devices() {
       <h1 tabIndex={-1} class="grow">Devices</h1>
       <IconButton icon="scan" label="Ask all devices again" onClick={() => request("devices/look", {}).catch(() => {})} />
     </div>
+    <AllRooms />
     {all.map((device) => <Card key={device.id} device={device} is_selected={device.id === selected.value?.id} />)}
     {all.length === 0 && <p>{is_connected.value
       ? "No device has been found yet. Switch one on, in this network; it appears here by itself."

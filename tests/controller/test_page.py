@@ -395,6 +395,33 @@ class Page(HouseTest):
         pages[0].close()
         wait_for("its turn", lambda: "no room" not in phone.text())
 
+    def test_rooms_are_turned_together_and_given_each_others_music(self):
+        kitchen, attic = self.devices
+        self.start_playing()
+        self.command("play", "Attic", "köln")
+        phone = Browser(self, "phone")
+        for device, volume in (kitchen, 80), (attic, 40):
+            device.amixer("sset", "Master", f"{volume}%")
+        wait_for("the loudest one", lambda: phone.value("#all-rooms") == 80)
+        volumes = lambda: [self.shown(name)["volume"] for name in self.rooms]  # noqa: E731
+        phone.slide("#all-rooms", 0.95, 0.0)
+        wait_for("silence", lambda: volumes() == [0, 0])
+        phone.slide("#all-rooms", 0.05, 0.65)
+        wait_for("both", lambda: volumes()[1] > 20)
+        loud, low = wait_for("rest", lambda: volumes() == (time.sleep(1), volumes())[1] and volumes())
+        self.assertAlmostEqual(loud / 2, low, delta=5)
+
+        phone.press("Choose Kitchen")
+        phone.open("#playing")
+        phone.press("Move to …")
+        phone.shows("Instead of Köln, früh 1")
+        phone.press("Attic")
+        wait_for("the page goes along", lambda: phone.run(
+            "return document.querySelector('select').selectedOptions[0].text") == "Attic")
+        phone.shows("Night Boats 1")
+        self.assertEqual([self.shown(name)["state"] for name in self.rooms], ["free", "playing"])
+        self.assertEqual(phone.faults(), [])
+
     def test_what_comes_goes_and_fails_is_shown_with_what_to_do(self):
         kitchen, attic = self.devices
         self.start_playing()
