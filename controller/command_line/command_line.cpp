@@ -66,7 +66,7 @@ void show_device(const cJSON* device) {
 // ---- The commands -------------------------------------------------------------------------------
 
 void list_devices(const Arguments&) {
-    const JsonPtr state = ask_controller("GET", "state");
+    const JsonPtr state = ask_state();
     const cJSON* device = nullptr;
     cJSON_ArrayForEach(device, member(state.get(), "devices")) {
         show_device(device);
@@ -89,8 +89,8 @@ void wait_for_sound(const std::string& device) {
     using Clock = std::chrono::steady_clock;
     const auto latest = Clock::now() + kSoundPatience;
     for (int64_t version = -1; Clock::now() < latest;) {
-        const JsonPtr state = ask_controller("GET", "state?after=" + std::to_string(version));
-        const cJSON* one = device_in(state.get(), device);
+        const JsonPtr state = ask_state(device, version);
+        const cJSON* one = device_in(state.get());
         const std::string is = shown(one, "state");
         const std::string problem = shown(one, "problem");
         if (is == "playing") {
@@ -135,17 +135,17 @@ int64_t resolve(const std::optional<Amount>& amount, const std::string& device, 
     }
     int64_t base = 0;
     if (amount->is_relative) {
-        const JsonPtr state = ask_controller("GET", "state");
-        base = number_member(device_in(state.get(), device), key).value_or(0);
+        const JsonPtr state = ask_state(device);
+        base = number_member(device_in(state.get()), key).value_or(0);
     }
     return std::max<int64_t>(0, base + amount->number);
 }
 
 void seek(const Arguments& words) {
     const int64_t position_ms = resolve(to_time(words[1]), words[0], "position_ms");
-    const JsonPtr state = ask_controller("GET", "state");
+    const JsonPtr state = ask_state(words[0]);
     const int64_t length_ms =
-        number_member(member(device_in(state.get(), words[0]), "track"), "duration_ms").value_or(0);
+        number_member(member(device_in(state.get()), "track"), "duration_ms").value_or(0);
     if (length_ms > 0 && position_ms >= length_ms) {
         throw Failure{"the track is over at " + time_text(length_ms)};
     }
@@ -188,13 +188,19 @@ void move(const Arguments& words) {
     ask_controller("POST", device_path(words[0], "move"), print_json(body.get()));
 }
 
+void rename(const Arguments& words) {
+    JsonPtr body = new_object();
+    add(body.get(), "name", words[1]);
+    ask_controller("POST", device_path(words[0], "name"), print_json(body.get()));
+}
+
 JsonPtr read_queue(const std::string& device) {
     return ask_controller("GET", device_path(device, "queue"));
 }
 
 void show_queue(const std::string& device) {
-    const JsonPtr state = ask_controller("GET", "state");
-    const std::optional<int64_t> current = number_member(device_in(state.get(), device), "item");
+    const JsonPtr state = ask_state(device);
+    const std::optional<int64_t> current = number_member(device_in(state.get()), "item");
     const JsonPtr queue = read_queue(device);
     const cJSON* item = nullptr;
     int place = 0;
@@ -260,9 +266,9 @@ void queue(const Arguments& words) {
 
 // Once it is another one than `version`; a document of nothing new is not shown. What it is then.
 int64_t show_status(int64_t version, const std::string& device, bool is_json) {
-    const JsonPtr state = ask_controller("GET", "state?after=" + std::to_string(version));
+    const JsonPtr state = ask_state(device, version);
     const int64_t now = number_member(state.get(), "version").value_or(0);
-    const cJSON* one = device.empty() ? nullptr : device_in(state.get(), device);
+    const cJSON* one = device.empty() ? nullptr : device_in(state.get());
     const cJSON* each = nullptr;
     if (now == version) {
         return now;
@@ -342,6 +348,7 @@ constexpr Command kCommands[] = {
     {"shuffle", 2, 2, "DEVICE on|off", "", true, turn<kShuffle, kShuffle>},
     {"loop", 2, 2, "DEVICE off|one|all", "", true, loop},
     {"move", 2, 2, "DEVICE OTHER", "its music goes on there", true, move},
+    {"rename", 2, 2, "DEVICE NAME", "what it is called here; '': as it calls itself", true, rename},
     {"queue", 1, kAny, "DEVICE [add|next WHAT... | jump N | remove N... | move N M|end]",
      "shows it, each track with its place N, or changes it", true, queue},
     {"status", 0, 3, "[DEVICE] [--json] [--follow]", "what plays; --follow: again at each change",

@@ -2,7 +2,6 @@
 
 #include "common/environment.h"
 #include "common/percent_encoding.h"
-#include "common/text.h"
 #include "common/utf8.h"
 #include "controller/device/http_client.h"
 
@@ -36,12 +35,20 @@ JsonPtr ask_controller(const char* method, const std::string& path, const std::s
     return document;
 }
 
-std::string device_path(const std::string& device, const char* what) {
+namespace {
+
+std::string encoded(const std::string& device) {
     std::string name = percent_encode(device);
     for (size_t at = name.find('/'); at != std::string::npos; at = name.find('/', at)) {
         name.replace(at, 1, "%2F");
     }
-    return "devices/" + name + "/" + what;
+    return name;
+}
+
+}  // namespace
+
+std::string device_path(const std::string& device, const char* what) {
+    return "devices/" + encoded(device) + "/" + what;
 }
 
 void command_device(const std::string& device, const char* command, JsonPtr arguments) {
@@ -49,29 +56,13 @@ void command_device(const std::string& device, const char* command, JsonPtr argu
     ask_controller("POST", device_path(device, "command"), print_json(arguments.get()));
 }
 
-const cJSON* device_in(const cJSON* state, const std::string& name) {
-    const cJSON* found = nullptr;
-    std::string names;
-    std::string ids;  // of those that are called so
-    int count = 0;
-    const cJSON* device = nullptr;
-    cJSON_ArrayForEach(device, member(state, "devices")) {
-        const std::string own_name = text_member(device, "name").value_or("");
-        const std::string id = text_member(device, "id").value_or("");
-        if (equals_ignoring_case(own_name, name) || id == name) {
-            ids += (found == nullptr ? "" : ", ") + id;
-            found = found == nullptr ? device : found;
-            count += 1;
-        }
-        names += (names.empty() ? "" : ", ") + own_name;
-    }
-    if (found == nullptr) {
-        throw Failure{"no device '" + name + "'; there are: " + names};
-    }
-    if (count > 1) {
-        throw Failure{"several devices are called '" + name + "', by id: " + ids};
-    }
-    return found;
+JsonPtr ask_state(const std::string& device, int64_t version) {
+    return ask_controller("GET",
+                          "state?after=" + std::to_string(version) + "&device=" + encoded(device));
+}
+
+const cJSON* device_in(const cJSON* state) {
+    return cJSON_GetArrayItem(member(state, "devices"), 0);
 }
 
 std::string shown(const cJSON* object, const char* key) {

@@ -5,6 +5,7 @@
 // Errors   Failure, with what the controller says.
 #pragma once
 
+#include <cstdint>
 #include <string>
 
 #include "common/json/json.h"
@@ -25,8 +26,11 @@ JsonPtr ask_controller(const char* method, const std::string& path, const std::s
 // Of a device by name or id, "devices/Kitchen/play".
 std::string device_path(const std::string& device, const char* what);
 void command_device(const std::string& device, const char* command, JsonPtr arguments);
-// Of the document that `state` gives, the device of that name or id. Borrowed from it.
-const cJSON* device_in(const cJSON* state, const std::string& name);
+// What the controller knows once it is more than `version`, within 25 s; -1: at once. `device`, a
+// name or an id: of that one alone.
+JsonPtr ask_state(const std::string& device = {}, int64_t version = -1);
+// Of such a document of one device; borrowed from it.
+const cJSON* device_in(const cJSON* state);
 // A text as a terminal may have it; empty: there is none.
 std::string shown(const cJSON* object, const char* key);
 

@@ -1,5 +1,6 @@
 // The devices: what each plays, its volume; which one the other screens are about.
 import { Cover, Doing, has_music, IconButton, PlayButton, title_of, Two } from "./parts";
+import { Rename } from "./rename";
 import { AllRooms } from "./rooms";
 import { VolumeRow } from "./slider";
 import type { Device } from "./state";
@@ -13,6 +14,7 @@ function Card({ device, is_selected }: { device: Device; is_selected: boolean })
         <h2>{device.name}</h2>
         <p class="quiet">{[device.brand, device.model].filter(Boolean).join(" ")}</p>
       </div>
+      <Rename device={device} />
       <button type="button" aria-pressed={is_selected} onClick={() => select(device.id)}
               aria-label={(is_selected ? "Chosen: " : "Choose ") + device.name}>{is_selected ? "Chosen" : "Choose"}</button>
     </div>

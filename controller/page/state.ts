@@ -23,7 +23,7 @@ export interface Track {
 
 // As docs/api.md has it.
 export interface Device {
-  id: string; name: string; brand: string; model: string; quality: string; status: string; failure: string;
+  id: string; name: string; announced_name: string; brand: string; model: string; quality: string; status: string; failure: string;
   present: boolean; connected: boolean; session: string; state: Doing;
   asked?: { title: string }; problem?: string; problem_count?: number;
   playback?: string; position_ms: number; item?: number; volume?: number; muted?: boolean; shuffle?: boolean;
@@ -262,6 +262,10 @@ export async function move_music(device: Device, to: Device): Promise<void> {
   if (!await attempt(() => request(path_of(device, "move"), { to: to.id }))) return;
   select(to.id);
   say("The music is with " + to.name + " now");
+}
+
+export function rename(device: Device, name: string): Promise<boolean> {
+  return attempt(() => request(path_of(device, "name"), { name }));
 }
 
 export type Where = "now" | "next" | "end";

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "common/text.h"
+#include "common/utf8.h"
 
 namespace nuvio::controller {
 
@@ -21,6 +22,7 @@ constexpr std::chrono::seconds kAskedPause{20};
 constexpr std::chrono::seconds kLongestWait{90};
 // Devices that are away are remembered while the controller runs, so many at most.
 constexpr size_t kMaxDevices = 128;
+constexpr size_t kMaxName = 63;  // bytes, as DNS-SD has it
 
 // As devices are numbered, and nobody names one.
 bool is_uuid(std::string_view text) {
@@ -40,11 +42,13 @@ std::string listed(std::vector<std::string> names) {
     return text + (names.size() > kMost ? " ..." : "");
 }
 
-void describe_device(cJSON* object, const std::string& id, const Device& device) {
+void describe_device(cJSON* object, const std::string& id, const std::string& name,
+                     const Device& device) {
     constexpr std::array kReach{"asking", "reached", "failed"};
     constexpr std::array kOwner{"nobody", "us", "other"};
     add(object, "id", id);
-    add(object, "name", device.found.name);
+    add(object, "name", name);
+    add(object, "announced_name", device.found.name);
     add(object, "brand", device.brand);
     add(object, "model", device.model);
     add(object, "quality", device.quality);
@@ -235,16 +239,19 @@ Devices::Named Devices::named(const std::string& name) const {
         return {name, {}};
     }
     std::vector<std::string> ids;
+    std::vector<std::string> away;
     std::vector<std::string> names;
     for (const auto& [id, device] : m_house.devices) {
-        const bool is_called_so =
-            equals_ignoring_case(device.found.name, name) && device.is_present;
-        if (!is_uuid(name) && (is_called_so || id == name)) {
-            ids.push_back(id);
+        const std::string& own = m_house.name_of(id, device);
+        if (!is_uuid(name) && (equals_ignoring_case(own, name) || id == name)) {
+            (device.is_present ? ids : away).push_back(id);
         }
         if (device.is_present) {
-            names.push_back(device.found.name);
+            names.push_back(own);
         }
+    }
+    if (ids.empty()) {
+        ids = std::move(away);
     }
     if (ids.size() == 1) {
         return {ids.front(), {}};
@@ -258,18 +265,30 @@ Devices::Named Devices::named(const std::string& name) const {
             (names.empty() ? "none is on the network" : "there are: " + listed(std::move(names)))};
 }
 
-JsonPtr Devices::describe() const {
+void Devices::rename(const std::string& id, const std::string& name) {
+    {
+        const std::scoped_lock lock(m_house.mutex);
+        const std::string shown = printable(name);
+        m_house.sessions.set_name(id, std::string(beginning(trim(shown), kMaxName)));
+        m_house.change();
+    }
+    m_house.write_sessions();
+}
+
+JsonPtr Devices::describe(const std::string& wanted) const {
     const std::scoped_lock lock(m_house.mutex);
     std::vector<std::pair<std::string, const std::string*>> order;
     order.reserve(m_house.devices.size());
     for (const auto& [id, device] : m_house.devices) {
-        order.emplace_back(device.found.name, &id);
+        if (wanted.empty() || id == wanted) {
+            order.emplace_back(m_house.name_of(id, device), &id);
+        }
     }
     std::ranges::sort(order);
     JsonPtr all = new_array();
     for (const auto& [name, id] : order) {
         JsonPtr object = new_object();
-        describe_device(object.get(), *id, m_house.devices.at(*id));
+        describe_device(object.get(), *id, name, m_house.devices.at(*id));
         append(all.get(), std::move(object));
     }
     return all;

@@ -1,7 +1,8 @@
 // Which devices there are, and how they are: those that discovery tells of are asked over HTTP, and
 // asked again after a channel has broken.
 //
-// Threads  any, for every function; none waits. A few threads of its own ask the devices, so that
+// Threads  any, for every function; `rename` waits for the disk, no other waits. A few threads of
+// its own ask the devices, so that
 //          one that does not answer holds up few others.
 #pragma once
 
@@ -32,11 +33,13 @@ class Devices {
         std::string id;
         std::string failure;  // for people; empty: there is one
     };
-    // By id, or by name where case does not matter; one that is not present by its id alone. An id
-    // is what a device says of itself: one that is no UUID counts as a name.
+    // By id, or by name where case does not matter; one that is away by name where no other is
+    // called so. An id is what a device says of itself: one that is no UUID counts as a name.
     Named named(const std::string& name) const;
-    // An array, by name.
-    JsonPtr describe() const;
+    // What it is called from now on here; nothing but blanks: what it calls itself.
+    void rename(const std::string& id, const std::string& name);
+    // An array, by name; of all devices, or of one.
+    JsonPtr describe(const std::string& id = {}) const;
     JsonPtr describe_queue(const std::string& id) const;  // null: no such device
 
   private:

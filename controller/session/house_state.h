@@ -109,6 +109,12 @@ struct HouseState {
         return device != devices.end() ? &device->second : nullptr;
     }
 
+    // What people call it here, else what it calls itself.
+    const std::string& name_of(const std::string& id, const Device& device) const {
+        const std::string& given = sessions.name_of(id);
+        return given.empty() ? device.found.name : given;
+    }
+
     // Without `mutex`. Waits for the disk; whoever writes writes what is newest.
     void write_sessions() {
         const std::scoped_lock one_at_a_time(writing);

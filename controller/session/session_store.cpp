@@ -14,8 +14,10 @@ namespace nuvio::controller {
 namespace {
 
 constexpr size_t kMaxSessions = 64;
+constexpr size_t kMaxNames = 128;
 constexpr size_t kMaxFile = size_t{1} << 20U;
 const Session kNone;
+const std::string kNoName;
 
 }  // namespace
 
@@ -32,6 +34,8 @@ SessionStore::SessionStore(std::string path) : m_path(std::move(path)) {
         if (!session.device.empty() && !session.id.empty() && !session.token.empty() &&
             m_sessions.size() < kMaxSessions) {
             m_sessions.push_back(std::move(session));
+        } else if (session.id.empty()) {
+            set_name(session.device, text_member(entry, "name").value_or(""));
         }
     }
 }
@@ -100,6 +104,19 @@ bool SessionStore::end(const std::string& id) {
     return std::erase_if(m_sessions, [&](const Session& session) { return session.id == id; }) > 0;
 }
 
+const std::string& SessionStore::name_of(const std::string& device) const {
+    const auto found = m_names.find(device);
+    return found != m_names.end() ? found->second : kNoName;
+}
+
+void SessionStore::set_name(const std::string& device, const std::string& name) {
+    m_names.erase(device);
+    if (!name.empty() && !device.empty() && m_names.size() < kMaxNames) {
+        m_names[device] = name;
+    }
+}
+
+// Names stand behind the sessions, as entries without an id.
 std::string SessionStore::text() const {
     JsonPtr document = new_array();
     for (const Session& session : m_sessions) {
@@ -112,6 +129,12 @@ std::string SessionStore::text() const {
         add(entry.get(), "token", session.token);
         add(entry.get(), "expires", session.expires);
         add(entry.get(), "here", session.here);
+        append(document.get(), std::move(entry));
+    }
+    for (const auto& [device, name] : m_names) {
+        JsonPtr entry = new_object();
+        add(entry.get(), "device", device);
+        add(entry.get(), "name", name);
         append(document.get(), std::move(entry));
     }
     return print_json(document.get());

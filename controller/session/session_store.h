@@ -1,10 +1,12 @@
 // The sessions that were handed out, kept in a file, so that devices find their way back to a
-// controller that was started again: to their content, and to their channel.
+// controller that was started again: to their content, and to their channel. And what people call
+// their devices here.
 //
 // Threads  its owner sees to locking; what waits for the disk says so.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,6 +47,11 @@ class SessionStore {
     // It is over. False: it was already.
     bool end(const std::string& id);
 
+    // Empty: what it calls itself.
+    const std::string& name_of(const std::string& device) const;
+    // At most 128 are kept.
+    void set_name(const std::string& device, const std::string& name);
+
     // What the file is to hold, and writing it, which waits for the disk and needs no lock: the
     // file is the old or the new one, also after a power cut; one that can't be written is logged.
     std::string text() const;
@@ -52,7 +59,8 @@ class SessionStore {
 
   private:
     const std::string m_path;
-    std::vector<Session> m_sessions;  // the oldest first
+    std::vector<Session> m_sessions;             // the oldest first
+    std::map<std::string, std::string> m_names;  // by device
 };
 
 }  // namespace nuvio::controller

@@ -121,6 +121,7 @@ const Api::Route Api::kRoutes[] = {
     {"POST", "/api/devices/*/play", &Api::post_play},
     {"POST", "/api/devices/*/command", &Api::post_command},
     {"POST", "/api/devices/*/move", &Api::post_move},
+    {"POST", "/api/devices/*/name", &Api::post_name},
     {"POST", "/api/devices/look", &Api::post_look},
     {"GET", "/api/library/albums", &Api::get_albums},
     {"GET", "/api/library/albums/*", &Api::get_album},
@@ -148,7 +149,7 @@ int Api::serve(Exchange& exchange) {
                     : exchange.fail(404, "no such thing");
 }
 
-std::string Api::state(uint64_t version) {
+std::string Api::state(uint64_t version, const std::string& device) {
     const ScanProgress progress = m_library.progress();
     JsonPtr library = new_object();
     add(library.get(), "folders", static_cast<int64_t>(m_library.folder_count()));
@@ -161,12 +162,17 @@ std::string Api::state(uint64_t version) {
     add(library.get(), "failure", progress.failure);
     JsonPtr document = new_object();
     add(document.get(), "version", static_cast<int64_t>(version));
-    add(document.get(), "devices", m_house.devices().describe());
+    add(document.get(), "devices", m_house.devices().describe(device));
     add(document.get(), "library", std::move(library));
     return print_json(document.get());
 }
 
 int Api::get_state(Exchange& exchange, const std::string&) {
+    const std::string name = exchange.parameter("device");
+    const Devices::Named device = name.empty() ? Devices::Named() : m_house.devices().named(name);
+    if (!device.failure.empty()) {
+        return exchange.fail(404, device.failure);
+    }
     const int64_t after = exchange.number_parameter("after", -1);
     const Places::Place place = after > 0 ? m_waiting.take(exchange.peer()) : nullptr;
     if (after > 0 && place == nullptr) {
@@ -174,7 +180,8 @@ int Api::get_state(Exchange& exchange, const std::string&) {
     }
     const uint64_t version =
         m_changes.wait(after < 0 ? 0 : static_cast<uint64_t>(after), kLongestWait);
-    return exchange.reply(200, "application/json", state(version), "Cache-Control: no-store\r\n");
+    return exchange.reply(200, "application/json", state(version, device.id),
+                          "Cache-Control: no-store\r\n");
 }
 
 int Api::get_queue(Exchange& exchange, const std::string& id) {
@@ -245,6 +252,21 @@ int Api::post_move(Exchange& exchange, const std::string& id) {
         return exchange.fail(404, from.id.empty() ? from.failure : to.failure);
     }
     return answer(exchange, m_house.mover().move(from.id, to.id));
+}
+
+int Api::post_name(Exchange& exchange, const std::string& id) {
+    const JsonPtr body = exchange.body();
+    if (body == nullptr) {
+        return exchange.status();
+    }
+    const Devices::Named device = m_house.devices().named(id);
+    const std::optional<std::string> name = text_member(body.get(), "name");
+    if (device.id.empty() || !name) {
+        return device.id.empty() ? exchange.fail(404, device.failure)
+                                 : exchange.fail(400, "no name");
+    }
+    m_house.devices().rename(device.id, *name);
+    return exchange.reply_json(new_object());
 }
 
 int Api::post_look(Exchange& exchange, const std::string&) {

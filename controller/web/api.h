@@ -5,6 +5,7 @@
 // - POST /api/devices/ID/play: {"what": [texts], "where": "now"|"next"|"end", "start": 0}
 // - POST /api/devices/ID/command: {"command": ..., its arguments}, of docs/session.md
 // - POST /api/devices/ID/move: {"to": ID}
+// - POST /api/devices/ID/name: {"name": TEXT}
 // - POST /api/devices/look: asks all devices how they are
 // - GET /api/library/albums, ?first= &count= or ?artist=ID
 // - GET /api/library/albums/ID
@@ -38,8 +39,8 @@ class Api {
 
     // A path that begins with "/api/".
     int serve(Exchange& exchange);
-    // What GET /api/state answers; also what pages are sent.
-    std::string state(uint64_t version);
+    // What GET /api/state answers; also what pages are sent. `device`: of this one alone, by id.
+    std::string state(uint64_t version, const std::string& device = {});
 
   private:
     using Handler = int (Api::*)(Exchange&, const std::string& id);
@@ -55,6 +56,7 @@ class Api {
     int post_play(Exchange& exchange, const std::string& id);
     int post_command(Exchange& exchange, const std::string& id);
     int post_move(Exchange& exchange, const std::string& id);
+    int post_name(Exchange& exchange, const std::string& id);
     int post_look(Exchange& exchange, const std::string& id);
     int get_albums(Exchange& exchange, const std::string& id);
     int get_album(Exchange& exchange, const std::string& id);

@@ -395,7 +395,7 @@ class Page(HouseTest):
         pages[0].close()
         wait_for("its turn", lambda: "no room" not in phone.text())
 
-    def test_rooms_are_turned_together_and_given_each_others_music(self):
+    def test_rooms_are_turned_together_named_and_given_each_others_music(self):
         kitchen, attic = self.devices
         self.start_playing()
         self.command("play", "Attic", "köln")
@@ -410,6 +410,17 @@ class Page(HouseTest):
         wait_for("both", lambda: volumes()[1] > 20)
         loud, low = wait_for("rest", lambda: volumes() == (time.sleep(1), volumes())[1] and volumes())
         self.assertAlmostEqual(loud / 2, low, delta=5)
+
+        phone.press("Rename Attic")
+        phone.run("document.querySelector('dialog input').select()")
+        ActionChains(phone.driver).send_keys("Loft", Keys.ENTER).perform()
+        phone.shows("Loft")
+        self.assertEqual([self.shown("Loft")[key] for key in ("announced_name", "state")], ["Attic", "playing"])
+        self.stop_controller()
+        self.start_controller()
+        wait_for("the name", lambda: self.shown("Loft").get("state") == "playing")
+        self.command("rename", "loft", " ")
+        wait_for("its own", lambda: self.shown("Attic"))
 
         phone.press("Choose Kitchen")
         phone.open("#playing")

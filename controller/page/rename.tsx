@@ -1,0 +1,27 @@
+// What a device is called here.
+import { useRef } from "preact/hooks";
+import { IconButton } from "./parts";
+import { Sheet } from "./sheet";
+import type { Device } from "./state";
+import { rename } from "./state";
+
+function Field({ device, close }: { device: Device; close: () => void }) {
+  const field = useRef<HTMLInputElement>(null);
+  const save = (event: Event) => {
+    event.preventDefault();
+    close();
+    void rename(device, field.current?.value ?? "");
+  };
+  return <form onSubmit={save}>
+    <p><input ref={field} aria-label="Name" defaultValue={device.name} maxLength={60} autocomplete="off" /></p>
+    <p class="quiet">It calls itself {device.announced_name}; without a name here that is shown.</p>
+    <p><button type="submit" class="main">Save</button></p>
+  </form>;
+}
+
+export function Rename({ device }: { device: Device }) {
+  return <Sheet title={"Rename " + device.name} opener={(open) =>
+    <IconButton icon="edit" label={"Rename " + device.name} onClick={open} />}>
+    {(close) => <Field device={device} close={close} />}
+  </Sheet>;
+}
