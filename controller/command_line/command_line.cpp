@@ -60,6 +60,10 @@ void show_device(const cJSON* device) {
         doing += "  volume " + std::to_string(*volume) +
                  (bool_member(device, "muted").value_or(false) ? " (muted)" : "");
     }
+    if (const cJSON* const sleep = member(device, "sleep")) {
+        const auto in_ms = number_member(sleep, "in_ms");
+        doing += in_ms ? "  sleeps in " + time_text(*in_ms) : "  sleeps after this track";
+    }
     std::printf("%-20s %s\n", shown(device, "name").c_str(), doing.c_str());
 }
 
@@ -186,6 +190,19 @@ void move(const Arguments& words) {
     JsonPtr body = new_object();
     add(body.get(), "to", words[1]);
     ask_controller("POST", device_path(words[0], "move"), print_json(body.get()));
+}
+
+void sleep(const Arguments& words) {
+    const std::optional<Amount> minutes = to_amount(words[1] == "off" ? "0" : words[1]);
+    JsonPtr body = new_object();
+    if (words[1] == "end") {
+        add(body.get(), "at_end", true);
+    } else if (minutes && !minutes->is_relative) {
+        add(body.get(), "minutes", minutes->number);
+    } else {
+        throw Misuse{};
+    }
+    ask_controller("POST", device_path(words[0], "sleep"), print_json(body.get()));
 }
 
 void rename(const Arguments& words) {
@@ -349,6 +366,8 @@ constexpr Command kCommands[] = {
     {"loop", 2, 2, "DEVICE off|one|all", "", true, loop},
     {"move", 2, 2, "DEVICE OTHER", "its music goes on there", true, move},
     {"rename", 2, 2, "DEVICE NAME", "what it is called here; '': as it calls itself", true, rename},
+    {"sleep", 2, 2, "DEVICE MINUTES|end|off", "pauses it then, or at the end of the track", true,
+     sleep},
     {"queue", 1, kAny, "DEVICE [add|next WHAT... | jump N | remove N... | move N M|end]",
      "shows it, each track with its place N, or changes it", true, queue},
     {"status", 0, 3, "[DEVICE] [--json] [--follow]", "what plays; --follow: again at each change",

@@ -1,6 +1,7 @@
 // What plays now, and the small line about it above the screens' names.
 import { Cover, Doing, has_music, Icon, IconButton, PlayButton, title_of, Two, use_position } from "./parts";
 import { MoveMusic } from "./rooms";
+import { SleepTimer } from "./sleep";
 import { Slider, VolumeRow } from "./slider";
 import type { Device, Track } from "./state";
 import { command, devices, is_running, select, selected, steer } from "./state";
@@ -103,7 +104,7 @@ export function Playing() {
       <DeviceChoice device={device} />
       <IconButton icon="stop" label="Stop" disabled={device.state === "gone"} onClick={() => command(device, "stop")} />
     </div>
-    <div class="row wrap"><MoveMusic device={device} /></div>
+    <div class="row wrap"><MoveMusic device={device} /><SleepTimer device={device} /></div>
   </div>;
 }
 

@@ -50,7 +50,7 @@ function is_reached(device: Device): boolean {
 
 function Room({ device, on_choice }: { device: Device; on_choice: () => void }) {
   const says = device.track ? "Instead of " + title_of(device) : doing_text(device)[0];
-  return <li><button type="button" class="open" aria-label={device.name} onClick={on_choice}>
+  return <li><button type="button" class="open" onClick={on_choice}>
     <Icon name="speaker" /><Two first={device.name} second={says} />
   </button></li>;
 }

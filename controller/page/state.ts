@@ -29,6 +29,7 @@ export interface Device {
   playback?: string; position_ms: number; item?: number; volume?: number; muted?: boolean; shuffle?: boolean;
   loop?: string; has_next?: boolean; queue_revision: number; queue_length: number; track?: Track;
   bit_exact?: boolean; played?: { title: string; verified: string };
+  sleep?: { in_ms?: number; at_end?: boolean };
   is_pending?: boolean;  // something was pressed and is not confirmed yet
 }
 
@@ -182,6 +183,10 @@ export function position_ms(device: Device): number {
   return duration > 0 ? Math.min(now, duration) : now;
 }
 
+export function sleeps_in_ms({ sleep }: Device): number {
+  return (sleep?.in_ms ?? 0) - (performance.now() - received);
+}
+
 // ---- What is pressed ----------------------------------------------------------------------------
 
 function path_of(device: Device, name: string): string {
@@ -266,6 +271,10 @@ export async function move_music(device: Device, to: Device): Promise<void> {
 
 export function rename(device: Device, name: string): Promise<boolean> {
   return attempt(() => request(path_of(device, "name"), { name }));
+}
+
+export function set_sleep(device: Device, wish: object): Promise<boolean> {
+  return attempt(() => request(path_of(device, "sleep"), wish));
 }
 
 export type Where = "now" | "next" | "end";

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <ctime>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -77,6 +79,20 @@ void describe_device(cJSON* object, const std::string& id, const std::string& na
         device.state.describe(object, DeviceState::Clock::now());
         add(object, "bit_exact", device.is_bit_exact);
     }
+}
+
+void describe_sleep(cJSON* object, const std::optional<Sleep>& sleep) {
+    if (!sleep) {
+        return;
+    }
+    JsonPtr described = new_object();
+    if (sleep->item) {
+        add(described.get(), "at_end", true);
+    } else {
+        const int64_t left_s = std::max<int64_t>(0, sleep->at - std::time(nullptr));
+        add(described.get(), "in_ms", left_s * 1000);
+    }
+    add(object, "sleep", std::move(described));
 }
 
 }  // namespace
@@ -265,14 +281,17 @@ Devices::Named Devices::named(const std::string& name) const {
             (names.empty() ? "none is on the network" : "there are: " + listed(std::move(names)))};
 }
 
-void Devices::rename(const std::string& id, const std::string& name) {
+Outcome Devices::rename(const std::string& id, const std::string& name) {
     {
         const std::scoped_lock lock(m_house.mutex);
         const std::string shown = printable(name);
-        m_house.sessions.set_name(id, std::string(beginning(trim(shown), kMaxName)));
+        if (!m_house.sessions.set_name(id, std::string(beginning(trim(shown), kMaxName)))) {
+            return {false, "too many devices have names or timers here"};
+        }
         m_house.change();
     }
     m_house.write_sessions();
+    return {true, {}};
 }
 
 JsonPtr Devices::describe(const std::string& wanted) const {
@@ -289,6 +308,7 @@ JsonPtr Devices::describe(const std::string& wanted) const {
     for (const auto& [name, id] : order) {
         JsonPtr object = new_object();
         describe_device(object.get(), *id, name, m_house.devices.at(*id));
+        describe_sleep(object.get(), m_house.sessions.wishes_of(*id).sleep);
         append(all.get(), std::move(object));
     }
     return all;

@@ -14,6 +14,7 @@
 
 #include "common/json/json.h"
 #include "controller/device/http_client.h"
+#include "controller/session/commands.h"
 #include "controller/session/house_state.h"
 
 namespace nuvio::controller {
@@ -37,7 +38,7 @@ class Devices {
     // called so. An id is what a device says of itself: one that is no UUID counts as a name.
     Named named(const std::string& name) const;
     // What it is called from now on here; nothing but blanks: what it calls itself.
-    void rename(const std::string& id, const std::string& name);
+    Outcome rename(const std::string& id, const std::string& name);
     // An array, by name; of all devices, or of one.
     JsonPtr describe(const std::string& id = {}) const;
     JsonPtr describe_queue(const std::string& id) const;  // null: no such device

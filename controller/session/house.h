@@ -15,6 +15,7 @@
 #include "controller/session/house_state.h"
 #include "controller/session/mover.h"
 #include "controller/session/sessions.h"
+#include "controller/session/sleeper.h"
 
 namespace nuvio::controller {
 
@@ -27,7 +28,8 @@ class House {
           m_sessions(m_state, m_commands, port),
           m_mover(m_state, m_commands, m_sessions),
           m_channels(m_state, m_commands, library),
-          m_devices(m_state) {}
+          m_devices(m_state),
+          m_sleeper(m_state, m_commands) {}
     ~House() { close(); }
     House(const House&) = delete;
     House& operator=(const House&) = delete;
@@ -36,6 +38,7 @@ class House {
     Commands& commands() { return m_commands; }
     Sessions& sessions() { return m_sessions; }
     Mover& mover() { return m_mover; }
+    Sleeper& sleeper() { return m_sleeper; }
     Channels& channels() { return m_channels; }
 
     // Ends what waits here, for good.
@@ -51,7 +54,8 @@ class House {
     Sessions m_sessions;
     Mover m_mover;
     Channels m_channels;
-    Devices m_devices;  // last: its thread uses the state
+    Devices m_devices;  // last, with the next: their threads use the others
+    Sleeper m_sleeper;
 };
 
 }  // namespace nuvio::controller

@@ -111,7 +111,7 @@ struct HouseState {
 
     // What people call it here, else what it calls itself.
     const std::string& name_of(const std::string& id, const Device& device) const {
-        const std::string& given = sessions.name_of(id);
+        const std::string& given = sessions.wishes_of(id).name;
         return given.empty() ? device.found.name : given;
     }
 

@@ -96,6 +96,7 @@ Outcome Mover::move(const std::string& from, const std::string& to) {
         music.session = handed.session;
         check(std::move(handed.outcome));
         carry_over(music);
+        take_sleep_along(music);
     } catch (const Failed& failed) {
         give_up(music, failed.reason);
         return {false, failed.reason};
@@ -280,6 +281,18 @@ Mover::Spot Mover::spot_of(const Music& music) {
         spot.left_ms = duration_ms > 0 ? std::max<int64_t>(1, duration_ms - spot.position_ms) : 0;
     }
     return spot;
+}
+
+// The sleep timer is for who listens, not for a room.
+void Mover::take_sleep_along(const Music& music) {
+    const std::scoped_lock lock(m_house.mutex);
+    std::optional<Sleep> sleep = m_house.sessions.wishes_of(music.from).sleep;
+    const Device* const to = m_house.find(music.to);
+    if (sleep && sleep->item && to != nullptr) {
+        sleep->item = item_at(to->state, music.place);
+    }
+    m_house.sessions.set_sleep(music.from, std::nullopt);
+    m_house.sessions.set_sleep(music.to, sleep);
 }
 
 // The new device is as free as it was, unless it was told something else meanwhile.

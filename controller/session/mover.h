@@ -1,7 +1,7 @@
 // The music of one device to another: its queue, the place in it, the position, shuffle and loop,
-// and whether it plays. The new device has it ready, paused, before the old one comes to that
-// position; then it begins, and only once it is heard does the old one leave its session. Whatever
-// goes wrong before, the old one plays on.
+// whether it plays, and its sleep timer. The new device has it ready, paused, before the old one
+// comes to that position; then it begins, and only once it is heard does the old one leave its
+// session. Whatever goes wrong before, the old one plays on.
 //
 // Threads  any. `move` waits for both devices, Sessions::kPatience and an answer at most.
 #pragma once
@@ -42,6 +42,7 @@ class Mover {
     void wait_until_cued(const Music& music);
     void wait_for(const Music& music, const std::function<bool(const DeviceState&)>& has_come);
     bool stays(const Music& music, const Spot& spot, Commands::Clock::time_point until);
+    void take_sleep_along(const Music& music);
     Spot spot_of(const Music& music);
 
     void give_up(const Music& music, const std::string& reason);

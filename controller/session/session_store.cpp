@@ -14,10 +14,12 @@ namespace nuvio::controller {
 namespace {
 
 constexpr size_t kMaxSessions = 64;
-constexpr size_t kMaxNames = 128;
+constexpr size_t kMaxWishes = 128;
+// What was due while the controller was away is made up for, but not the next day.
+constexpr int64_t kTooLateSeconds = 3600;
 constexpr size_t kMaxFile = size_t{1} << 20U;
 const Session kNone;
-const std::string kNoName;
+const Wishes kNoWishes;
 
 }  // namespace
 
@@ -35,7 +37,7 @@ SessionStore::SessionStore(std::string path) : m_path(std::move(path)) {
             m_sessions.size() < kMaxSessions) {
             m_sessions.push_back(std::move(session));
         } else if (session.id.empty()) {
-            set_name(session.device, text_member(entry, "name").value_or(""));
+            take_wishes(session.device, entry);
         }
     }
 }
@@ -104,19 +106,48 @@ bool SessionStore::end(const std::string& id) {
     return std::erase_if(m_sessions, [&](const Session& session) { return session.id == id; }) > 0;
 }
 
-const std::string& SessionStore::name_of(const std::string& device) const {
-    const auto found = m_names.find(device);
-    return found != m_names.end() ? found->second : kNoName;
+const Wishes& SessionStore::wishes_of(const std::string& device) const {
+    const auto found = m_wishes.find(device);
+    return found != m_wishes.end() ? found->second : kNoWishes;
 }
 
-void SessionStore::set_name(const std::string& device, const std::string& name) {
-    m_names.erase(device);
-    if (!name.empty() && !device.empty() && m_names.size() < kMaxNames) {
-        m_names[device] = name;
+// Null: there is no room for more.
+Wishes* SessionStore::wishes_for(const std::string& device) {
+    if (m_wishes.size() >= kMaxWishes && !m_wishes.contains(device)) {
+        std::erase_if(m_wishes, [](const auto& entry) {
+            return entry.second.name.empty() && !entry.second.sleep;
+        });
+    }
+    const bool has_room = m_wishes.size() < kMaxWishes || m_wishes.contains(device);
+    return has_room ? &m_wishes[device] : nullptr;
+}
+
+bool SessionStore::set_name(const std::string& device, const std::string& name) {
+    Wishes* const wishes = wishes_for(device);
+    if (wishes != nullptr) {
+        wishes->name = name;
+    }
+    return wishes != nullptr;
+}
+
+bool SessionStore::set_sleep(const std::string& device, const std::optional<Sleep>& sleep) {
+    Wishes* const wishes = wishes_for(device);
+    if (wishes != nullptr) {
+        wishes->sleep = sleep;
+    }
+    return wishes != nullptr;
+}
+
+void SessionStore::take_wishes(const std::string& device, const cJSON* entry) {
+    set_name(device, text_member(entry, "name").value_or(""));
+    const Sleep sleep{.at = number_member(entry, "sleep_at").value_or(0),
+                      .item = number_member(entry, "sleep_after")};
+    if (sleep.item || sleep.at > std::time(nullptr) - kTooLateSeconds) {
+        set_sleep(device, sleep);
     }
 }
 
-// Names stand behind the sessions, as entries without an id.
+// Wishes stand behind the sessions, as entries without an id.
 std::string SessionStore::text() const {
     JsonPtr document = new_array();
     for (const Session& session : m_sessions) {
@@ -131,10 +162,18 @@ std::string SessionStore::text() const {
         add(entry.get(), "here", session.here);
         append(document.get(), std::move(entry));
     }
-    for (const auto& [device, name] : m_names) {
+    for (const auto& [device, wishes] : m_wishes) {
+        if (wishes.name.empty() && !wishes.sleep) {
+            continue;
+        }
         JsonPtr entry = new_object();
         add(entry.get(), "device", device);
-        add(entry.get(), "name", name);
+        add(entry.get(), "name", wishes.name);
+        if (wishes.sleep && wishes.sleep->item) {
+            add(entry.get(), "sleep_after", *wishes.sleep->item);
+        } else if (wishes.sleep) {
+            add(entry.get(), "sleep_at", wishes.sleep->at);
+        }
         append(document.get(), std::move(entry));
     }
     return print_json(document.get());

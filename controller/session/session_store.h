@@ -1,15 +1,18 @@
 // The sessions that were handed out, kept in a file, so that devices find their way back to a
-// controller that was started again: to their content, and to their channel. And what people call
-// their devices here.
+// controller that was started again: to their content, and to their channel. And what people want
+// of their devices whatever they play: how they are called here, and when they sleep.
 //
 // Threads  its owner sees to locking; what waits for the disk says so.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "common/json/json.h"
 
 namespace nuvio::controller {
 
@@ -22,6 +25,17 @@ struct Session {
     std::string here;         // how the device reaches this controller
     bool is_offered = false;  // the device has not answered yet; not kept in the file
     bool is_joined = true;    // it is what the device plays; not kept in the file
+};
+
+// When a device is to be paused.
+struct Sleep {
+    int64_t at = 0;                    // seconds since 1970, without an item
+    std::optional<int64_t> item = {};  // at its end
+};
+
+struct Wishes {
+    std::string name = {};  // empty: what it calls itself
+    std::optional<Sleep> sleep = {};
 };
 
 class SessionStore {
@@ -47,10 +61,12 @@ class SessionStore {
     // It is over. False: it was already.
     bool end(const std::string& id);
 
-    // Empty: what it calls itself.
-    const std::string& name_of(const std::string& device) const;
-    // At most 128 are kept.
-    void set_name(const std::string& device, const std::string& name);
+    // By device; those of 128 at most.
+    const std::map<std::string, Wishes>& wishes() const { return m_wishes; }
+    const Wishes& wishes_of(const std::string& device) const;
+    // False: there is no room for more.
+    bool set_name(const std::string& device, const std::string& name);
+    bool set_sleep(const std::string& device, const std::optional<Sleep>& sleep);
 
     // What the file is to hold, and writing it, which waits for the disk and needs no lock: the
     // file is the old or the new one, also after a power cut; one that can't be written is logged.
@@ -58,9 +74,12 @@ class SessionStore {
     void write(const std::string& text) const;
 
   private:
+    Wishes* wishes_for(const std::string& device);
+    void take_wishes(const std::string& device, const cJSON* entry);
+
     const std::string m_path;
-    std::vector<Session> m_sessions;             // the oldest first
-    std::map<std::string, std::string> m_names;  // by device
+    std::vector<Session> m_sessions;  // the oldest first
+    std::map<std::string, Wishes> m_wishes;
 };
 
 }  // namespace nuvio::controller

@@ -14,6 +14,7 @@ constexpr int64_t kMaxPage = 500;
 constexpr int64_t kMaxFirst = 1'000'000;
 constexpr int64_t kFound = 50;
 constexpr std::chrono::seconds kLongestWait{25};
+constexpr int64_t kLongestSleep = 1440;  // minutes
 
 // The rest of the encoded `path` that stands for the '*' in `pattern`, decoded; none: they do not
 // match.
@@ -122,6 +123,7 @@ const Api::Route Api::kRoutes[] = {
     {"POST", "/api/devices/*/command", &Api::post_command},
     {"POST", "/api/devices/*/move", &Api::post_move},
     {"POST", "/api/devices/*/name", &Api::post_name},
+    {"POST", "/api/devices/*/sleep", &Api::post_sleep},
     {"POST", "/api/devices/look", &Api::post_look},
     {"GET", "/api/library/albums", &Api::get_albums},
     {"GET", "/api/library/albums/*", &Api::get_album},
@@ -265,8 +267,26 @@ int Api::post_name(Exchange& exchange, const std::string& id) {
         return device.id.empty() ? exchange.fail(404, device.failure)
                                  : exchange.fail(400, "no name");
     }
-    m_house.devices().rename(device.id, *name);
-    return exchange.reply_json(new_object());
+    return answer(exchange, m_house.devices().rename(device.id, *name));
+}
+
+int Api::post_sleep(Exchange& exchange, const std::string& id) {
+    const JsonPtr body = exchange.body();
+    if (body == nullptr) {
+        return exchange.status();
+    }
+    const Devices::Named device = m_house.devices().named(id);
+    if (device.id.empty()) {
+        return exchange.fail(404, device.failure);
+    }
+    if (bool_member(body.get(), "at_end").value_or(false)) {
+        return answer(exchange, m_house.sleeper().set_at_end(device.id));
+    }
+    const int64_t minutes = number_member(body.get(), "minutes").value_or(-1);
+    if (minutes < 0 || minutes > kLongestSleep) {
+        return exchange.fail(400, "minutes are 0 to 1440");
+    }
+    return answer(exchange, m_house.sleeper().set(device.id, std::chrono::minutes(minutes)));
 }
 
 int Api::post_look(Exchange& exchange, const std::string&) {

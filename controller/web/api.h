@@ -6,6 +6,7 @@
 // - POST /api/devices/ID/command: {"command": ..., its arguments}, of docs/session.md
 // - POST /api/devices/ID/move: {"to": ID}
 // - POST /api/devices/ID/name: {"name": TEXT}
+// - POST /api/devices/ID/sleep: {"minutes": 1 to 1440; 0: no more} or {"at_end": true}
 // - POST /api/devices/look: asks all devices how they are
 // - GET /api/library/albums, ?first= &count= or ?artist=ID
 // - GET /api/library/albums/ID
@@ -57,6 +58,7 @@ class Api {
     int post_command(Exchange& exchange, const std::string& id);
     int post_move(Exchange& exchange, const std::string& id);
     int post_name(Exchange& exchange, const std::string& id);
+    int post_sleep(Exchange& exchange, const std::string& id);
     int post_look(Exchange& exchange, const std::string& id);
     int get_albums(Exchange& exchange, const std::string& id);
     int get_album(Exchange& exchange, const std::string& id);

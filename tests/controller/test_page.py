@@ -431,6 +431,11 @@ class Page(HouseTest):
             "return document.querySelector('select').selectedOptions[0].text") == "Attic")
         phone.shows("Night Boats 1")
         self.assertEqual([self.shown(name)["state"] for name in self.rooms], ["free", "playing"])
+        phone.press("Sleep")
+        phone.press("In 15 minutes")
+        phone.press("Sleeps in 15 min")
+        phone.press("No sleep timer")
+        phone.shows("Sleep")
         self.assertEqual(phone.faults(), [])
 
     def test_what_comes_goes_and_fails_is_shown_with_what_to_do(self):
@@ -515,6 +520,10 @@ class Page(HouseTest):
             self.judge_screens(browser, "devices", "library", album, "library/artist/1",
                                "library/artists", "library/folders", "library/search/b", "library/search/zz",
                                "library/search/http%3A%2F%2Fradio", "queue", "playing")
+            for sheet in "Move to …", "Sleep":
+                browser.press(sheet)
+                self.assertEqual(browser.judge(), [], sheet)
+                browser.press("Cancel")
             browser.open("#library")
             browser.shows(ALBUMS[2][0])
             self.assertEqual(browser.run("return document.querySelectorAll('main script, [onerror]').length"), 0)

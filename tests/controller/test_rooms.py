@@ -1,5 +1,6 @@
 """What concerns several rooms: the music goes from one to another."""
 import json
+import time
 
 from house import SECONDS, HouseTest, WebServer, e2e, wait_for
 
@@ -63,3 +64,23 @@ class Moves(HouseTest):
         self.command("move", "Kitchen", "Bath")
         self.assertEqual(self.shown("Bath")["track"]["title"], "Night Boats 2")
         self.assertEqual(self.queue("Bath"), queue)
+
+        # Asleep at the track's end, and after minutes, here brought forward; in both the controller goes meanwhile.
+        for words in "sleep Bath end", f"seek Bath {SECONDS - 6}":
+            self.command(*words.split())
+        self.assertIn("sleeps after this track", self.command("status", "Bath"))
+        self.stop_controller()
+        self.start_controller()
+        wait_for("the end", lambda: self.shown("Bath").get("state") == "paused")
+        self.assertEqual([self.shown("Bath")["track"]["title"], self.shown("Bath").get("sleep")], ["Night Boats 2", None])
+        self.assertGreater(self.shown("Bath")["position_ms"], (SECONDS - 1) * 1000)
+        for words in "sleep Bath 1", "seek Bath 1", "resume Bath":
+            self.command(*words.split())
+        self.assertIn("sleeps in ", self.command("status", "Bath"))
+        self.stop_controller()
+        kept = self.folder / "state-of-controller/sessions.json"
+        entries = json.loads(kept.read_text())
+        kept.write_text(json.dumps([{**each, "sleep_at": time.time() // 1} if "sleep_at" in each else each
+                                    for each in entries]))
+        self.start_controller()
+        wait_for("sleep", lambda: self.shown("Bath").get("state") == "paused")

@@ -1,0 +1,44 @@
+// The sleep timer of the device that is shown: when it is paused.
+import { useEffect, useState } from "preact/hooks";
+import { Icon } from "./parts";
+import { Sheet } from "./sheet";
+import type { Device } from "./state";
+import { is_connected, set_sleep, sleeps_in_ms } from "./state";
+
+const kMinutes = [15, 30, 45, 60, 90];
+const kMinuteMs = 60000;
+
+// Told anew each minute.
+function use_minutes(device: Device): number {
+  const [, tell] = useState(0);
+  const left = sleeps_in_ms(device);
+  useEffect(() => {
+    if (left <= 0 || !is_connected.value) return undefined;
+    const timer = setTimeout(() => tell((count) => count + 1), (left - 1) % kMinuteMs + 2);
+    return () => clearTimeout(timer);
+  });
+  return Math.max(1, Math.ceil(left / kMinuteMs));
+}
+
+export function SleepTimer({ device }: { device: Device }) {
+  const minutes = use_minutes(device);
+  const { sleep } = device;
+  const says = !sleep ? "Sleep" : sleep.at_end ? "Sleeps after this track" : "Sleeps in " + minutes + " min";
+  return <Sheet title="Pause the music" opener={(open) =>
+    <button type="button" disabled={!device.connected} aria-pressed={Boolean(sleep)} onClick={open}>
+      <Icon name="sleep" />{says}</button>}>
+    {(close) => {
+      const choose = (wish: object) => () => {
+        close();
+        void set_sleep(device, wish);
+      };
+      const can_end = Boolean(device.track?.duration_ms);
+      return <p class="choices">
+        {kMinutes.map((each) =>
+          <button key={each} type="button" onClick={choose({ minutes: each })}>In {each} minutes</button>)}
+        {can_end && <button type="button" onClick={choose({ at_end: true })}>At the end of this track</button>}
+        {sleep && <button type="button" onClick={choose({ minutes: 0 })}>No sleep timer</button>}
+      </p>;
+    }}
+  </Sheet>;
+}
