@@ -3,6 +3,7 @@ import type { ComponentChildren } from "preact";
 import { render } from "preact";
 import { useErrorBoundary, useLayoutEffect, useRef } from "preact/hooks";
 import { Devices } from "./devices";
+import { offer_keys } from "./keys";
 import { Library } from "./library";
 import { Icon } from "./parts";
 import type { Screen } from "./places";
@@ -96,6 +97,7 @@ function press_key(event: KeyboardEvent): void {
 }
 
 start();
+offer_keys();
 document.addEventListener("keydown", press_key);
 const app = document.getElementById("app") as HTMLElement;
 app.replaceChildren();

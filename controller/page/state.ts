@@ -251,7 +251,11 @@ export async function steer(device: Device, name: string, shown: Shown): Promise
   lanes.delete(key);
 }
 
+// So often was something pressed here that is to be heard.
+export const play_presses = signal(0);
+
 export function toggle_play(device: Device): Promise<boolean> {
+  if (is_paused(device)) play_presses.value++;
   return is_paused(device) ? command(device, "play", {}, { state: "playing" })
                            : command(device, "pause", {}, { state: "paused" });
 }
@@ -285,6 +289,7 @@ export async function play(what: string, { where = "now" as Where, start = 0 } =
     say("No device is on the network. Switch one on, and it appears here.");
     return false;
   }
+  play_presses.value++;
   say(where === "now" ? "Asking " + device.name + " …" : "Adding to the queue of " + device.name + " …", kAskingMs);
   const done = await attempt(() => request(path_of(device, "play"), { what: [what], where, start }));
   // What comes of it, the device's own state tells.

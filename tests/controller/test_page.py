@@ -422,6 +422,10 @@ class Page(HouseTest):
         self.command("rename", "loft", " ")
         wait_for("its own", lambda: self.shown("Attic"))
 
+        phone.driver.execute_cdp_cmd("Page.addScriptToEvaluateOnNewDocument", {
+            "source": """window.keys = {}; navigator.mediaSession.setActionHandler = (name, press) => { keys[name] = press; };
+                         const Made = Audio; window.Audio = function (url) { return window.silence = new Made(url); };"""})
+        phone.driver.refresh()
         phone.press("Choose Kitchen")
         phone.open("#playing")
         phone.press("Move to …")
@@ -435,6 +439,18 @@ class Page(HouseTest):
         phone.press("In 15 minutes")
         phone.press("Sleeps in 15 min")
         phone.press("No sleep timer")
+
+        # What the lock screen shows, and a headset's keys do, once something was pressed here.
+        phone.press("Pause")
+        wait_for("a pause", lambda: attic.player("status") == "Paused")
+        phone.driver.find_element(By.CSS_SELECTOR, "main [data-toggle]").click()
+        wait_for("silence that plays", lambda: phone.run("return window.silence?.currentTime > 0"))
+        session = "const {metadata: it, playbackState} = navigator.mediaSession; return [playbackState, it.title, it.artist, it.artwork.length]"
+        wait_for("the session", lambda: phone.run(session) == ["playing", "Night Boats 1", "Ada Fern", 1])
+        phone.run("keys.seekto({seekTime: 12})")
+        wait_for("the place", lambda: attic.position() > 12)
+        phone.run("keys.pause({})")
+        wait_for("a pause", lambda: attic.player("status") == "Paused")
         phone.shows("Sleep")
         self.assertEqual(phone.faults(), [])
 
