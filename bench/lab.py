@@ -250,8 +250,8 @@ class Lab:
 class Aplay:
     name = "aplay"
 
-    def __init__(self, lab, card, wrapper=()):
-        self.card, self.wrapper, self.process = card, wrapper, None
+    def __init__(self, lab, card, wrapper=(), options=()):
+        self.card, self.wrapper, self.options, self.process = card, wrapper, options, None
 
     def __enter__(self):
         return self
@@ -263,7 +263,7 @@ class Aplay:
         raw = path.with_suffix(".raw")  # where the card does not take the file's samples as they are
         file = ["-t", "raw", "-f", "S24_LE", "-r", path.stem.split("-")[0], "-c", "2", raw] if (
             raw.exists()) else [path]
-        self.process = subprocess.Popen([*self.wrapper, "aplay", "-q", *file],
+        self.process = subprocess.Popen([*self.wrapper, "aplay", "-q", *self.options, *file],
                                         stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                         env=dict(os.environ, **self.card.environment(tool=True)))
         self.pid = self.process.pid

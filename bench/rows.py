@@ -32,7 +32,6 @@ LOOP_THREAD = "NuvioConnectSta"  # as its name is cut by the kernel
 # What `nuvio-connect --setup --card default` sets as the shortest period by default, in us: the plug-ins
 # of the sound servers then ask for less of their servers' attention.
 SETUP_PERIOD_US = 250_000
-SHORT_PERIODS_CARD = ("--buffer", "400")
 # As ALSA's stock defaults make it of a USB card: the smallest period of at least 5 ms, then the largest
 # buffer.
 STOCK_CARD = ("--buffer", "2000", "--periods", "400")
@@ -121,11 +120,6 @@ def playing(lab, music, rounds, seconds):
         ours += windows[Device]
         mpd += windows[Mpd]
         yield row
-    row, _ = against(lab, Aplay, music.wav[CD], f"WAV {label(*CD)}, periods of 50 ms "
-                     "(aplay keeps to 125 ms)", 1.5, SHORT_PERIODS_CARD, max(1, rounds // 2),
-                     seconds)
-    yield Row(row.what, "", row.measured)
-
     by_thread = {name: statistics.median(window.by_thread.get(name, 0) for window in ours)
                  for name in sorted(ours[0].by_thread)}
     loop = by_thread[LOOP_THREAD]

@@ -13,6 +13,7 @@ import subprocess
 import sys
 import time
 
+import periods
 import rows
 from lab import Lab
 
@@ -27,6 +28,7 @@ def measurements(lab, options):
     armhf = HERE.parent / "build/armhf"
     return {
         "playing": lambda: rows.playing(lab, music, rounds, window),
+        "periods": lambda: periods.periods(lab, music, 1 if quick else 2),
         "stock": lambda: rows.stock(lab, music, 1 if quick else 3, window),
         "network": lambda: rows.network(lab, music, 1 if quick else 3),
         "servers": lambda: rows.on_servers(lab, music, 5 if quick else 10),
