@@ -38,11 +38,27 @@ TEST_F(PaceTest, AFullOutputIsLeftAloneAsLongAsItKeepsAReserve) {
     pace.fill(24000, 200, at(200));
     EXPECT_EQ(wait(200), 1000);
     pace.fill(2000, 1200, at(1200));
-    EXPECT_EQ(wait(1200), 300);
+    EXPECT_EQ(wait(1200), 400);
     pace.fill(2000, 1600, at(1600));
-    EXPECT_EQ(wait(1600), 100);
+    EXPECT_EQ(wait(1600), 200);
     pace.fill(2000, 1900, at(1900));
     EXPECT_FALSE(pace.may_hold()) << "it holds too little";
+}
+
+TEST_F(PaceTest, AnOutputThatHasBeenFullIsOfferedWhatItLacksAndNowAndThenMore) {
+    EXPECT_FALSE(pace.knows_capacity());
+    pace.fill(1000, 0, at(0));
+    EXPECT_EQ(pace.room_ms(1000, 500), 490U);
+    EXPECT_EQ(pace.room_ms(1000, 5), 0U);
+    EXPECT_EQ(pace.room_ms(1000, 800), std::nullopt) << "nearly dry";
+    for (int64_t ms = 500; ms <= 10'000; ms += 500) {
+        EXPECT_TRUE(pace.knows_capacity());
+        pace.top_up(990 + ms, ms, at(ms));
+        EXPECT_EQ(wait(ms), 495);
+    }
+    EXPECT_FALSE(pace.knows_capacity()) << "it may be another one by now";
+    pace.fill(300, 150, at(10'500));
+    EXPECT_FALSE(pace.knows_capacity()) << "too short to be left alone";
 }
 
 TEST_F(PaceTest, AnOutputOnAFasterClockIsFilledSoonerAndWhatItCannotHavePlayedIsNotBelieved) {

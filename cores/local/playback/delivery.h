@@ -24,8 +24,8 @@ class Delivery {
 
     // Sound begins: at a start, after a pause or a seek. `go_on`: the next track has followed
     // without a gap.
-    void begin() { m_pace.begin(Pace::Clock::now()); }
-    void go_on() { m_pace.go_on(Pace::Clock::now()); }
+    void begin();
+    void go_on();
 
     // Asks for the place that is heard, where that is due; true when data is to be offered.
     bool follow();
@@ -40,13 +40,22 @@ class Delivery {
     std::optional<Pace::Time> next_time() const;
 
   private:
+    // What a filling of the output may still offer it.
+    struct Filling {
+        uint64_t heard_ms;  // when it began
+        size_t bytes;
+    };
+
     void ask_place();
     bool is_end_to_wait(Role role) const;
+    std::optional<Filling> known_room() const;
+    StreamQueue::Offered offer_current();
     void follow_full_output();
 
     StreamQueue& m_streams;
     const std::function<bool()> m_is_heard;
     Pace m_pace;
+    std::optional<Filling> m_filling;  // under way, of an output whose room is known
 };
 
 }  // namespace local_core

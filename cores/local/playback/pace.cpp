@@ -19,10 +19,16 @@ constexpr milliseconds kSettling{300};
 constexpr milliseconds kRetry{20};
 constexpr milliseconds kLongestWait{1000};
 constexpr uint64_t kShortOutputMs = 200;  // filled as soon as there is room
-constexpr uint64_t kReserveMs = 500;      // that stays in the output, for a machine that is busy
+constexpr uint64_t kReserveMs = 500;      // or half of it stays in the output, for a busy machine
 constexpr uint64_t kMeasurableMs = 100;
+constexpr int kTopUpsOfCapacity = 20;   // a server may change its mind
+constexpr uint64_t kPlaceErrorMs = 10;  // of what is told as heard
 // The end of the track is near: the device runs on by itself.
 constexpr double kNoMoreLooksMs = 1300;
+
+uint64_t held_ms(uint64_t delivered_ms, uint64_t heard_ms) {
+    return delivered_ms - std::min(heard_ms, delivered_ms);
+}
 
 }  // namespace
 
@@ -34,6 +40,7 @@ void Pace::begin(Time now) {
     m_began_ms.reset();
     m_is_short = false;
     m_full.reset();
+    m_capacity_ms.reset();
 }
 
 void Pace::go_on(Time now) {
@@ -41,6 +48,7 @@ void Pace::go_on(Time now) {
     m_look_at = now;
     m_track_began_at = now;
     m_full.reset();
+    m_capacity_ms.reset();
 }
 
 void Pace::end_of_data(Time now) {
@@ -49,19 +57,39 @@ void Pace::end_of_data(Time now) {
 }
 
 void Pace::fill(uint64_t delivered_ms, uint64_t heard_ms, Time now) {
-    const uint64_t held_ms = delivered_ms - std::min(heard_ms, delivered_ms);
-    m_is_short = held_ms < kShortOutputMs;
+    const uint64_t held = held_ms(delivered_ms, heard_ms);
+    m_capacity_ms = held;
+    m_is_short = held < kShortOutputMs;
+    top_up(delivered_ms, heard_ms, now);
+    m_top_ups = 0;
+}
+
+void Pace::top_up(uint64_t delivered_ms, uint64_t heard_ms, Time now) {
+    const uint64_t held = held_ms(delivered_ms, heard_ms);
+    ++m_top_ups;
     if (m_full && heard_ms >= m_full->heard_ms + kMeasurableMs) {
         const double passed_ms = FloatMs(now - m_full->at).count();
         m_rate = std::max(1.0, static_cast<double>(heard_ms - m_full->heard_ms) / passed_ms);
     }
     m_full = {heard_ms, now};
     if (!m_is_short) {
-        const uint64_t spare_ms = held_ms - std::min(held_ms, kReserveMs);
-        const FloatMs wait(static_cast<double>(std::max(spare_ms, held_ms / 4)));
+        const uint64_t spare_ms = held - std::min(held, kReserveMs);
+        const FloatMs wait(static_cast<double>(std::max(spare_ms, held / 2)));
         m_offer_at = now + std::chrono::duration_cast<Clock::duration>(
                                std::min<FloatMs>(wait, kLongestWait) / m_rate);
     }
+}
+
+bool Pace::knows_capacity() const {
+    return m_capacity_ms && !m_is_short && m_top_ups < kTopUpsOfCapacity;
+}
+
+std::optional<uint64_t> Pace::room_ms(uint64_t delivered_ms, uint64_t heard_ms) const {
+    const uint64_t held = held_ms(delivered_ms, heard_ms);
+    if (!knows_capacity() || held < *m_capacity_ms / 4) {
+        return std::nullopt;
+    }
+    return *m_capacity_ms - std::min(*m_capacity_ms, held + kPlaceErrorMs);
 }
 
 Pace::Due Pace::due(Time now) {

@@ -3,7 +3,10 @@
 // device when it is asked, once a second.
 //
 // Offering at each frame of room that the renderer announces would wake the process as often as the
-// output's shortest period, some hundred times a second on a sound server.
+// output's shortest period, some hundred times a second on a sound server. And an offer of more
+// than there is room for makes the renderer watch for the rest of it, which wakes the process once
+// more: what an output holds is known once it has been full, and no more than it lacks is offered
+// then.
 //
 // Calls nothing; any thread, unlocked.
 #pragma once
@@ -30,6 +33,14 @@ class Pace {
 
     // The output is full. Places in the track, in ms.
     void fill(uint64_t delivered_ms, uint64_t heard_ms, Time now);
+    // It has taken all that it was known to have room for.
+    void top_up(uint64_t delivered_ms, uint64_t heard_ms, Time now);
+    // Worth a call of `room_ms`: not from a beginning to the next `fill`, nor too many times after
+    // it.
+    bool knows_capacity() const;
+    // What the output is known to have room for, in ms: none where that is not known, and where it
+    // holds so little that it had better be filled for certain.
+    std::optional<uint64_t> room_ms(uint64_t delivered_ms, uint64_t heard_ms) const;
     // Worth a call of `fill`: the output is not known to hold too little for that.
     bool may_hold() const { return !m_is_short; }
 
@@ -63,8 +74,10 @@ class Pace {
     Time m_track_began_at;  // the same, or later: this track's beginning
     std::optional<uint64_t> m_began_ms;
     bool m_is_short = false;       // the output
-    std::optional<Filled> m_full;  // when it was so last
-    double m_rate = 1;             // of the output's clock to ours: more in tests
+    std::optional<Filled> m_full;  // when it was filled last
+    std::optional<uint64_t> m_capacity_ms;
+    int m_top_ups = 0;  // since it was measured
+    double m_rate = 1;  // of the output's clock to ours: more in tests
 };
 
 }  // namespace local_core

@@ -124,13 +124,13 @@ void StreamQueue::give_back_block(Stream& stream) {
     stream.m_offered_bytes = 0;
 }
 
-StreamQueue::Offered StreamQueue::offer(Role role) {
+StreamQueue::Offered StreamQueue::offer(Role role, size_t most_bytes) {
     Stream& stream = *in(role);
     const nuv_audio_stream_delegate& audio = m_delegates.audio;
     if (!stream.m_is_open || stream.m_is_finished) {
         return {};
     }
-    const size_t wanted = role == Role::next ? wanted_of_next() : SIZE_MAX;
+    const size_t wanted = role == Role::next ? std::min(most_bytes, wanted_of_next()) : most_bytes;
     if (wanted == 0) {
         return {};
     }

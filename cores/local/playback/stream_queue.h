@@ -129,8 +129,9 @@ class StreamQueue {
         bool is_at_end = false;  // to be finished
         bool is_output_full = false;
     };
-    // Offers the stream's next block, or what is left of the last one.
-    Offered offer(Role role);
+    // Offers the stream's next block, or what is left of the last one: so many bytes at most, in
+    // whole frames.
+    Offered offer(Role role, size_t most_bytes = SIZE_MAX);
     // How often a stream's texts were told anew.
     uint64_t text_count() const { return m_text_count; }
     // Reports it as delivered wholly.
