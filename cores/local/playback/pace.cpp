@@ -40,7 +40,7 @@ void Pace::begin(Time now) {
     m_began_ms.reset();
     m_is_short = false;
     m_full.reset();
-    m_capacity_ms.reset();
+    m_capacity_ms = 0;
 }
 
 void Pace::go_on(Time now) {
@@ -48,7 +48,7 @@ void Pace::go_on(Time now) {
     m_look_at = now;
     m_track_began_at = now;
     m_full.reset();
-    m_capacity_ms.reset();
+    m_capacity_ms = 0;
 }
 
 void Pace::end_of_data(Time now) {
@@ -81,15 +81,15 @@ void Pace::top_up(uint64_t delivered_ms, uint64_t heard_ms, Time now) {
 }
 
 bool Pace::knows_capacity() const {
-    return m_capacity_ms && !m_is_short && m_top_ups < kTopUpsOfCapacity;
+    return m_capacity_ms > 0 && !m_is_short && m_top_ups < kTopUpsOfCapacity;
 }
 
 std::optional<uint64_t> Pace::room_ms(uint64_t delivered_ms, uint64_t heard_ms) const {
     const uint64_t held = held_ms(delivered_ms, heard_ms);
-    if (!knows_capacity() || held < *m_capacity_ms / 4) {
+    if (!knows_capacity() || held < m_capacity_ms / 4) {
         return std::nullopt;
     }
-    return *m_capacity_ms - std::min(*m_capacity_ms, held + kPlaceErrorMs);
+    return m_capacity_ms - std::min(m_capacity_ms, held + kPlaceErrorMs);
 }
 
 Pace::Due Pace::due(Time now) {

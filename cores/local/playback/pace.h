@@ -75,9 +75,9 @@ class Pace {
     std::optional<uint64_t> m_began_ms;
     bool m_is_short = false;       // the output
     std::optional<Filled> m_full;  // when it was filled last
-    std::optional<uint64_t> m_capacity_ms;
-    int m_top_ups = 0;  // since it was measured
-    double m_rate = 1;  // of the output's clock to ours: more in tests
+    uint64_t m_capacity_ms = 0;    // 0: not known
+    int m_top_ups = 0;             // since it was measured
+    double m_rate = 1;             // of the output's clock to ours: more in tests
 };
 
 }  // namespace local_core
