@@ -372,17 +372,19 @@ class Device:
 
     name = "nuvio-connect"
 
-    def __init__(self, lab, card, wrapper=(), probe=False, marks=False):
+    def __init__(self, lab, card, wrapper=(), probe=False, marks=False, environment=None):
         self.lab, self.card, self.wrapper, self.marks = lab, card, wrapper, marks
+        self.environment = environment or {}
         self.folder = lab.new_folder("device")
         self.port = own_device.free_port()
         self.probe = Probe(self.folder / "probe") if probe else None
-        own_device.write_settings(self.folder, self.port)
+        # Of its own, and as long as the others': no other device of this bench has to give way.
+        own_device.write_settings(self.folder, self.port, host__friendly_name=f"Device on {self.port}")
 
     def __enter__(self):
         self.bus = Bus(self.folder)
         environment = own_device.environment(self.folder, self.card.folder / "asound.conf",
-                                             **self.lab.discovery) | self.card.environment()
+                                             **self.lab.discovery) | self.card.environment() | self.environment
         if self.probe:
             environment |= {"LD_PRELOAD": str(self.lab.build / "lib/libbench_probe.so"),
                             "NUVIO_PROBE": str(self.probe.path)}

@@ -332,54 +332,6 @@ def inside(lab):
     yield Row("a log line", "", f"{times['BM_LogLine']:.0f} ns")
 
 
-def instructions(lab, short, long):
-    """User-space instructions per second of audio, by callgrind: free of the machine's noise. A
-    longer track less a shorter one leaves out the start and the end."""
-    if shutil.which("valgrind") is None:
-        yield Row("user instructions per second of audio", "", "no valgrind here")
-        return
-    tracks = {}
-    for rate, bits in (CD, HI_RES):
-        second = one_second(rate, bits)
-        for seconds in (short, long):
-            folder = lab.new_folder("track")
-            path = write_wav(folder / f"{rate}-{bits}.wav", second, rate, bits, seconds)
-            if bits == 24:
-                path.with_suffix(".raw").write_bytes(second * seconds)
-            else:
-                tracks.setdefault((rate, bits, ".flac"), []).append(to_flac(path))
-            tracks.setdefault((rate, bits, ".wav"), []).append(path)
-    cases = [(Device, (*CD, ".wav")), (Aplay, (*CD, ".wav")), (Device, (*HI_RES, ".wav")),
-             (Aplay, (*HI_RES, ".wav")), (Device, (*CD, ".flac")), (Mpd, (*CD, ".flac"))]
-    with concurrent.futures.ThreadPoolExecutor(2) as pool:
-        jobs = {case: [pool.submit(count_instructions, lab, case[0], path)
-                       for path in tracks[case[1]]] for case in cases}
-        counts = {case: (b.result() - a.result()) / (long - short)
-                  for case, (a, b) in jobs.items()}
-    for ours, theirs in zip(cases[::2], cases[1::2]):
-        rate, bits, suffix = ours[1]
-        yield Row(f"user instructions per second of audio, {suffix[1:].upper()} "
-                  f"{label(rate, bits)}", "",
-                  f"{millions(counts[ours])}, {theirs[0].name} {millions(counts[theirs])}")
-
-
-def millions(count):
-    """What start and end of a run vary by is more than some players need for a second."""
-    smallest = 100_000
-    return "fewer than 0.1 M" if count < smallest else f"{count / 1e6:.2f} M"
-
-
-def count_instructions(lab, player, file):
-    folder = lab.new_folder("callgrind")
-    wrapper = ["valgrind", "-q", "--tool=callgrind", f"--callgrind-out-file={folder}/out"]
-    with player(lab, lab.card(*CARD, "--speed", "4", "--patient"), wrapper=wrapper) as running:
-        running.play(file)
-        wait_for("end of the track", running.is_over, 60, 0.1)
-        running.stop()
-    return sum(int(re.search(r"^totals: (\d+)", path.read_text(), re.M)[1])
-               for path in folder.glob("out*"))
-
-
 # ---- Start, commands, HTTP ----------------------------------------------------------------------
 
 

@@ -13,6 +13,7 @@ import subprocess
 import sys
 import time
 
+import cost
 import periods
 import rows
 from lab import Lab
@@ -32,7 +33,7 @@ def measurements(lab, options):
         "stock": lambda: rows.stock(lab, music, 1 if quick else 3, window),
         "network": lambda: rows.network(lab, music, 1 if quick else 3),
         "servers": lambda: rows.on_servers(lab, music, 5 if quick else 10),
-        "instructions": lambda: rows.instructions(lab, 3, 5 if quick else 9),
+        "instructions": lambda: instructions(lab),
         "offers": lambda: rows.offers(lab, music),
         "system-calls": lambda: rows.system_calls(lab, music, 3),
         "allocations": lambda: rows.steady_allocations(lab, music, 3 if quick else 6),
@@ -49,6 +50,11 @@ def measurements(lab, options):
         "size": lambda: [*rows.sizes(lab, lab.build, "amd64", "strip"),
                          *rows.sizes(lab, armhf, "armhf", "arm-linux-gnueabihf-strip")],
     }
+
+
+def instructions(lab):
+    for name, figure in cost.measure(lab, cost.ROWS).items():
+        yield rows.Row(f"instructions, the daemon's and its readers', {name}", "", f"{figure / 1e6:.2f} M")
 
 
 def machine():
