@@ -1,6 +1,5 @@
 """The card's period, and what ours and aplay, on the same one and the same buffer, cost on it."""
 import functools
-import statistics
 
 from lab import Aplay, Device
 from rows import CD, DECODER_TURN, HI_RES, Row, in_turn, label, median_of
