@@ -269,9 +269,15 @@ void edit_queue(const Arguments& words) {
     }
 }
 
+void undo(const Arguments& words) {
+    ask_controller("POST", device_path(words[0], "undo"), "{}");
+}
+
 void queue(const Arguments& words) {
     if (words.size() == 1) {
         show_queue(words[0]);
+    } else if (words.size() == 2 && words[1] == "clear") {
+        ask_controller("POST", device_path(words[0], "clear"), "{}");
     } else if (words.size() < 3) {
         throw Misuse{};
     } else if (words[1] == "add" || words[1] == "next") {
@@ -368,8 +374,9 @@ constexpr Command kCommands[] = {
     {"rename", 2, 2, "DEVICE NAME", "what it is called here; '': as it calls itself", true, rename},
     {"sleep", 2, 2, "DEVICE MINUTES|end|off", "pauses it then, or at the end of the track", true,
      sleep},
-    {"queue", 1, kAny, "DEVICE [add|next WHAT... | jump N | remove N... | move N M|end]",
+    {"queue", 1, kAny, "DEVICE [add|next WHAT... | jump N | remove N... | move N M|end | clear]",
      "shows it, each track with its place N, or changes it", true, queue},
+    {"undo", 1, 1, "DEVICE", "puts back what was last taken away from its queue", true, undo},
     {"status", 0, 3, "[DEVICE] [--json] [--follow]", "what plays; --follow: again at each change",
      false, status},
     {"find", 0, 0, "", "without a controller: what answers on the network", false, find},

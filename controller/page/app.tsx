@@ -12,6 +12,7 @@ import { Mini, Playing } from "./playing";
 import { Queue } from "./queue";
 import { is_connected, known_at, refusal, selected, start, toggle_play } from "./state";
 import { said, say } from "./talk";
+import { Undo } from "./undo";
 
 const kScreens: Record<Screen, { title: string; icon: string; Shown: () => ComponentChildren }> = {
   devices: { title: "Devices", icon: "speaker", Shown: Devices },
@@ -40,7 +41,7 @@ function Toast() {
     const height = line.current?.offsetHeight ?? 0;
     if (scrollHeight - clientHeight - window.scrollY <= height + 1) window.scrollTo(0, scrollHeight);
   }, [text !== ""]);
-  return <p id="toast" role="status" aria-live="polite" ref={line} onClick={() => say("")}>{text}</p>;
+  return <p id="toast" role="status" aria-live="polite" ref={line} onClick={() => say("")}>{text}<Undo /></p>;
 }
 
 function Nav({ screen }: { screen: Screen }) {

@@ -10,6 +10,7 @@ import { NothingHere } from "./playing";
 import type { Device } from "./state";
 import { command, selected, version } from "./state";
 import { say } from "./talk";
+import { take_away } from "./undo";
 import { row_height, use_rows } from "./windowed";
 
 const kEdgePx = 130;  // so near the screen's end a row in hand has the list move on
@@ -90,7 +91,8 @@ function Row({ device, entry, at, count, is_in_hand, on_key }: RowProps) {
       <Cover path={entry.cover} size="small" />
       <Two first={title} second={entry.artist} />
     </button>
-    <IconButton icon="remove" label={"Remove " + title} onClick={() => command(device, "queue_remove", { items: [item] })} />
+    <IconButton icon="remove" label={"Remove " + title}
+                onClick={() => take_away(device, "command", { command: "queue_remove", items: [item] }, title + " was removed")} />
     <IconButton icon="handle" label={"Move " + title + " (arrow keys)"} class="plain drag" onKeyDown={on_key} />
   </li>;
 }
@@ -164,7 +166,11 @@ export function Queue() {
   useEffect(() => { if (device) follow(device); });
   if (!device || !device.track || !device.queue_length) return <NothingHere title="Queue" device={device} />;
   return <>
-    <h1 tabIndex={-1}>Queue</h1>
+    <div class="row wrap title">
+      <h1 tabIndex={-1} class="grow">Queue</h1>
+      {device.queue_length > 1 && <button type="button" onClick={() =>
+        take_away(device, "clear", {}, "Removed: all but the current track")}>Clear</button>}
+    </div>
     <p class="quiet">{device.name} · {device.queue_length}{device.queue_length === 1 ? " track" : " tracks"}</p>
     {known === device.id && items.length > 0 ? <Rows key={device.id} device={device} items={items} />
       : <p class="quiet" role="status">Being read …</p>}

@@ -2,6 +2,7 @@
 // ago and is not confirmed yet.
 import { batch, computed, signal } from "@preact/signals";
 import { attempt, request, say } from "./talk";
+import { take_away } from "./undo";
 
 const kKept = "nuvio-connect-last";
 const kSelected = "nuvio-connect-device";
@@ -291,8 +292,7 @@ export async function play(what: string, { where = "now" as Where, start = 0 } =
   }
   play_presses.value++;
   say(where === "now" ? "Asking " + device.name + " …" : "Adding to the queue of " + device.name + " …", kAskingMs);
-  const done = await attempt(() => request(path_of(device, "play"), { what: [what], where, start }));
   // What comes of it, the device's own state tells.
-  if (done) say(where === "now" ? device.name + " was asked to play" : "Added to the queue of " + device.name);
-  return done;
+  return take_away(device, "play", { what: [what], where, start },
+                   where === "now" ? device.name + " was asked to play" : "Added to the queue of " + device.name);
 }

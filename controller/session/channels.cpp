@@ -138,6 +138,7 @@ void Channels::end(Entry& entry, Owner next) {
     m_house.sessions.end(device.link_session);
     if (!m_house.sessions.has(entry.first)) {
         device.owner = next;
+        device.taken.reset();
     }
     device.link.reset();
     device.state = {};

@@ -12,7 +12,7 @@ namespace {
 // that was so before is not told again.
 const std::set<std::string> kChangesQueue{"queue_replace", "queue_insert", "queue_remove",
                                           "queue_move"};
-const std::set<std::string> kChangesState{"volume", "seek"};
+const std::set<std::string> kChangesState{"volume", "seek", "queue_jump"};
 // What is meant to be heard soon, and what is not to be waited for any longer.
 constexpr char kPlay[] = "play";
 const std::set<std::string> kMovesOn{"next", "previous", "queue_jump"};

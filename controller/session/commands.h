@@ -17,6 +17,7 @@ namespace nuvio::controller {
 struct Outcome {
     bool is_ok = false;
     std::string reason;  // for people, where it is not
+    int64_t undo = 0;    // the number that takes it back (Queues); 0: nothing does
 };
 
 class Commands {

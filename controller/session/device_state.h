@@ -81,6 +81,7 @@ class DeviceState {
     // By place; all of it where `has_queue`.
     const std::map<int64_t, QueueItem>& queue() const { return m_queue; }
     int64_t queue_length() const { return m_length; }
+    std::optional<int64_t> item() const { return m_item; }  // the current track
     // Of the current track in the queue; none: there is none, or it is not known yet.
     std::optional<int64_t> current_place() const;
     // The item behind the current one in the queue; none: there is none.

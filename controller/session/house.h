@@ -14,6 +14,7 @@
 #include "controller/session/devices.h"
 #include "controller/session/house_state.h"
 #include "controller/session/mover.h"
+#include "controller/session/queues.h"
 #include "controller/session/sessions.h"
 #include "controller/session/sleeper.h"
 
@@ -27,6 +28,7 @@ class House {
           m_commands(m_state),
           m_sessions(m_state, m_commands, port),
           m_mover(m_state, m_commands, m_sessions),
+          m_queues(m_state, m_commands, m_sessions),
           m_channels(m_state, m_commands, library),
           m_devices(m_state),
           m_sleeper(m_state, m_commands) {}
@@ -39,6 +41,7 @@ class House {
     Sessions& sessions() { return m_sessions; }
     Mover& mover() { return m_mover; }
     Sleeper& sleeper() { return m_sleeper; }
+    Queues& queues() { return m_queues; }
     Channels& channels() { return m_channels; }
 
     // Ends what waits here, for good.
@@ -53,6 +56,7 @@ class House {
     Commands m_commands;
     Sessions m_sessions;
     Mover m_mover;
+    Queues m_queues;
     Channels m_channels;
     Devices m_devices;  // last, with the next: their threads use the others
     Sleeper m_sleeper;

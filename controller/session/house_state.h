@@ -13,6 +13,7 @@
 #include "controller/session/condition.h"
 #include "controller/session/device_state.h"
 #include "controller/session/session_store.h"
+#include "controller/session/taken.h"
 
 namespace nuvio::controller {
 
@@ -63,6 +64,8 @@ struct Device {
     std::optional<Asked> asked;  // last; none: it has been heard, or put off
     std::string problem;         // the last one since then; empty: there was none
     int64_t problem_count = 0;   // in all
+
+    std::optional<Taken> taken;  // of its queue, last; none: nothing that could be put back
 
     // What nothing came of yet; null: nothing is waited for.
     const Asked* waiting() const { return asked && asked->is_waiting ? &*asked : nullptr; }

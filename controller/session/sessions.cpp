@@ -18,8 +18,8 @@ constexpr size_t kMaxPlaylist = 500;  // tracks; devices read 1,000, and 4 MiB
 // Where no channel has told of it, the device is asked then what it plays.
 constexpr std::chrono::seconds kFirstLook{10};
 
-std::string title_of(const Playable& item) {
-    return item.track ? item.track->title : item.title.empty() ? item.url : item.title;
+std::string title_of(const ToldTrack& track) {
+    return track.title.empty() ? track.url : track.title;
 }
 
 bool is_ipv6(const std::string& address) {
@@ -42,13 +42,12 @@ std::string refusal(const HttpAnswer& answer) {
 
 }  // namespace
 
-Outcome Sessions::play(const std::string& id, const std::vector<Playable>& items, Where where,
-                       size_t start) {
+Outcome Sessions::play(const std::string& id, const ToldTracks& tracks, Where where, size_t start) {
     const Time latest = Commands::Clock::now() + kPatience;
-    if (items.empty()) {
+    if (tracks.empty()) {
         return {false, "nothing to play"};
     }
-    start = std::min(start, items.size() - 1);
+    start = std::min(start, tracks.size() - 1);
     FoundDevice found;
     bool is_linked = false;
     {
@@ -60,15 +59,15 @@ Outcome Sessions::play(const std::string& id, const std::vector<Playable>& items
         found = device->found;
         is_linked = device->owner == Owner::us && device->link != nullptr;
         if (!is_linked || where == Where::now) {
-            device->ask_for({title_of(items[start]), is_linked ? device->link_session : "",
+            device->ask_for({title_of(tracks[start]), is_linked ? device->link_session : "",
                              device->state.revision()});
             m_house.change();
         }
     }
     if (is_linked && where != Where::now) {
-        return insert(id, told(items), where, latest);
+        return insert(id, tracks, where, latest);
     }
-    Outcome outcome = play_now(id, found, told(items), start, is_linked, latest);
+    Outcome outcome = play_now(id, found, tracks, start, is_linked, latest);
     if (!outcome.is_ok) {
         const std::scoped_lock lock(m_house.mutex);
         m_commands.fail(id, outcome.reason);
@@ -225,6 +224,18 @@ Outcome Sessions::insert(const std::string& id, const ToldTracks& added, Where w
             before = where == Where::next    ? device->state.item_after_current()
                      : where == Where::front ? device->state.first_item()
                                              : std::nullopt;
+        }
+    }
+    return insert_before(id, added, before, latest);
+}
+
+Outcome Sessions::insert_before(const std::string& id, const ToldTracks& added,
+                                std::optional<int64_t> before, Time latest) {
+    {
+        const std::scoped_lock lock(m_house.mutex);
+        const Device* const device = m_house.find(id);
+        if (before && device != nullptr && device->state.find(*before) == nullptr) {
+            before.reset();
         }
     }
     std::vector<JsonPtr> lists = track_lists(added, address_here(id));

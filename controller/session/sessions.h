@@ -34,7 +34,16 @@ class Sessions {
     // `start`: place in `items` of the first one to play; for Where::now.
     // The device has taken it on, not played it: its state tells what comes of it.
     Outcome play(const std::string& device, const std::vector<Playable>& items, Where where,
-                 size_t start = 0);
+                 size_t start = 0) {
+        return play(device, told(items), where, start);
+    }
+    Outcome play(const std::string& device, const ToldTracks& tracks, Where where, size_t start);
+    // Into the queue of a device whose channel stands, in front of an item or, where there is none
+    // such, at the end.
+    Outcome insert_before(const std::string& device, const ToldTracks& tracks,
+                          std::optional<int64_t> before, Commands::Clock::time_point latest);
+    // More of its queue changes at once: it is read when all is there.
+    void set_being_filled(const std::string& device, bool is_being_filled);
     struct HandedOver {
         Outcome outcome;
         std::string session;  // that the device was offered; empty: none
@@ -60,7 +69,6 @@ class Sessions {
                      bool plays, Time latest);
     void settle(const std::string& id, const std::string& session, bool is_accepted);
     Outcome insert(const std::string& id, const ToldTracks& tracks, Where where, Time latest);
-    void set_being_filled(const std::string& id, bool is_being_filled);
     Outcome replace(const std::string& id, JsonPtr tracks, size_t start, Time latest);
     bool has_queue(const std::string& id, Time latest);
     std::string address_here(const std::string& id) const;

@@ -124,6 +124,8 @@ const Api::Route Api::kRoutes[] = {
     {"POST", "/api/devices/*/move", &Api::post_move},
     {"POST", "/api/devices/*/name", &Api::post_name},
     {"POST", "/api/devices/*/sleep", &Api::post_sleep},
+    {"POST", "/api/devices/*/clear", &Api::post_clear},
+    {"POST", "/api/devices/*/undo", &Api::post_undo},
     {"POST", "/api/devices/look", &Api::post_look},
     {"GET", "/api/library/albums", &Api::get_albums},
     {"GET", "/api/library/albums/*", &Api::get_album},
@@ -193,7 +195,11 @@ int Api::get_queue(Exchange& exchange, const std::string& id) {
 }
 
 int Api::answer(Exchange& exchange, const Outcome& outcome) {
-    return outcome.is_ok ? exchange.reply_json(new_object()) : exchange.fail(409, outcome.reason);
+    JsonPtr object = new_object();
+    if (outcome.undo != 0) {
+        add(object.get(), "undo", outcome.undo);
+    }
+    return outcome.is_ok ? exchange.reply_json(object) : exchange.fail(409, outcome.reason);
 }
 
 int Api::post_play(Exchange& exchange, const std::string& id) {
@@ -219,11 +225,11 @@ int Api::post_play(Exchange& exchange, const std::string& id) {
     }
     const std::string where = text_member(body.get(), "where").value_or("now");
     const int64_t start = std::max<int64_t>(0, number_member(body.get(), "start").value_or(0));
-    return answer(exchange, m_house.sessions().play(device.id, items,
-                                                    where == "next"  ? Where::next
-                                                    : where == "end" ? Where::end
-                                                                     : Where::now,
-                                                    static_cast<size_t>(start)));
+    return answer(exchange, m_house.queues().play(device.id, items,
+                                                  where == "next"  ? Where::next
+                                                  : where == "end" ? Where::end
+                                                                   : Where::now,
+                                                  static_cast<size_t>(start)));
 }
 
 int Api::post_command(Exchange& exchange, const std::string& id) {
@@ -240,7 +246,27 @@ int Api::post_command(Exchange& exchange, const std::string& id) {
     for (const char* own : {"command", "id", "type"}) {
         cJSON_DeleteItemFromObjectCaseSensitive(body.get(), own);
     }
-    return answer(exchange, m_house.commands().run(device.id, name, std::move(body)));
+    return answer(exchange, m_house.queues().run(device.id, name, std::move(body)));
+}
+
+int Api::post_clear(Exchange& exchange, const std::string& id) {
+    if (exchange.body() == nullptr) {
+        return exchange.status();
+    }
+    const Devices::Named device = m_house.devices().named(id);
+    return device.id.empty() ? exchange.fail(404, device.failure)
+                             : answer(exchange, m_house.queues().clear(device.id));
+}
+
+int Api::post_undo(Exchange& exchange, const std::string& id) {
+    const JsonPtr body = exchange.body();
+    if (body == nullptr) {
+        return exchange.status();
+    }
+    const Devices::Named device = m_house.devices().named(id);
+    return device.id.empty() ? exchange.fail(404, device.failure)
+                             : answer(exchange, m_house.queues().undo(
+                                                    device.id, number_member(body.get(), "undo")));
 }
 
 int Api::post_move(Exchange& exchange, const std::string& id) {

@@ -7,6 +7,8 @@
 // - POST /api/devices/ID/move: {"to": ID}
 // - POST /api/devices/ID/name: {"name": TEXT}
 // - POST /api/devices/ID/sleep: {"minutes": 1 to 1440; 0: no more} or {"at_end": true}
+// - POST /api/devices/ID/clear: its queue, but for the current track
+// - POST /api/devices/ID/undo, {"undo": number}
 // - POST /api/devices/look: asks all devices how they are
 // - GET /api/library/albums, ?first= &count= or ?artist=ID
 // - GET /api/library/albums/ID
@@ -59,6 +61,8 @@ class Api {
     int post_move(Exchange& exchange, const std::string& id);
     int post_name(Exchange& exchange, const std::string& id);
     int post_sleep(Exchange& exchange, const std::string& id);
+    int post_clear(Exchange& exchange, const std::string& id);
+    int post_undo(Exchange& exchange, const std::string& id);
     int post_look(Exchange& exchange, const std::string& id);
     int get_albums(Exchange& exchange, const std::string& id);
     int get_album(Exchange& exchange, const std::string& id);

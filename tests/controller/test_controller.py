@@ -27,9 +27,18 @@ class CommandLine(HouseTest):
         for device, album in (kitchen, 0), (bath, 1):
             wait_for("the recording", lambda: self.heard(device, album, 0))
         self.assertTrue(self.shown("Kitchen")["bit_exact"])
+        self.command("queue", "Kitchen", "add", "köln")
+        whole = self.command("queue", "Kitchen")
+        self.command("queue", "Kitchen", "clear")
+        self.assertEqual(self.command("queue", "Kitchen"), whole.splitlines()[0] + "\n")
+        self.command("undo", "Kitchen")
+        self.assertEqual(self.command("queue", "Kitchen"), whole)
+        self.assertIn("nothing to undo", self.run_command("undo", "Kitchen").stderr)
+        self.command("queue", "Kitchen", "remove", 3, 4)
+        wait_for("all of it without a break", lambda: self.heard(kitchen, 0, 0, 7))
 
         self.command("seek", "Kitchen", SECONDS - 3)
-        wait_for("the next track, on both sides", lambda: self.shown("Kitchen").get("item") == 1 and
+        wait_for("the next track, on both sides", lambda: self.shown("Kitchen")["track"]["title"].endswith("2") and
                  kitchen.position() < SECONDS / 2, 10)
         wait_for("the first one's word", lambda: self.shown("Kitchen").get("played") == {
             "title": "Night Boats 1", "verified": "sought or paused"})

@@ -290,6 +290,10 @@ class Page(HouseTest):
         def drag(begin, end, *between):
             x, y = phone.place_of(".drag", end)
             phone.finger(phone.place_of(".drag", begin), (x, y), *between)
+
+        def undo():
+            phone.finger(phone.place_of("#toast button"))
+            wait_for("its answer", lambda: phone.toast() == "It is back")
         is_so()
         drag(3, 1)
         order.insert(1, order.pop())
@@ -314,9 +318,33 @@ class Page(HouseTest):
         wait_for("a failure", lambda: "No connection to the controller" in phone.toast())
         is_so()
         phone.block()
-        phone.press(f"Remove {order[1]}")
+        whole = list(order)
+        phone.finger(phone.place_of(f"[aria-label='Remove {order[1]}']"))
         order.pop(1)
         is_so()
+        undo()
+        order = list(whole)
+        is_so()
+        current = next(item["title"] for item in self.queue() if item["item"] == self.shown("Kitchen")["item"])
+        phone.press("Clear")
+        order = [current]
+        is_so()
+        undo()
+        order = list(whole)
+        is_so()
+        # Another album in its place, and back: at the track, and where in it, it was.
+        self.post("command", command="queue_jump", item=self.queue()[2]["item"])
+        self.post("command", command="pause")
+        self.post("command", command="seek", position_ms=9_000)
+        wait_for("the place", lambda: abs(self.shown("Kitchen").get("position_ms", 0) - 9_000) < 100)
+        self.play_album(phone, 2)
+        phone.press("Play")
+        wait_for("it", lambda: len(self.queue()) == 2)
+        undo()
+        phone.open("#queue")
+        is_so()
+        back = wait_for("the place", lambda: (now := self.shown("Kitchen"))["state"] == "paused" and now)
+        self.assertEqual((back["track"]["title"], round(back["position_ms"], -2)), (whole[2], 9_000))
         self.assertEqual(phone.faults(), [])
 
     def test_a_long_queue_opens_where_it_plays_and_a_row_is_carried_over_the_edge(self):

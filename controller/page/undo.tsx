@@ -1,0 +1,39 @@
+// What was taken away can be had back, as long as the line at the bottom says that it was.
+import { signal } from "@preact/signals";
+import { attempt, request, said, say } from "./talk";
+
+const kOfferedMs = 10000;
+
+interface Offer { text: string; take_back: () => Promise<unknown> }
+const offer = signal<Offer | null>(null);
+
+// `take_back`: what a press on "Undo" asks of the controller.
+export function say_with_undo(text: string, take_back: () => Promise<unknown>): void {
+  offer.value = { text, take_back };
+  say(text, kOfferedMs);
+}
+
+// What a change of a device's queue answers: the number that takes it back.
+export interface Undoable { undo?: number }
+
+export function say_done(device: { id: string }, text: string, { undo }: Undoable): void {
+  if (undo === undefined) say(text);
+  else say_with_undo(text, () => request("devices/" + encodeURIComponent(device.id) + "/undo", { undo }));
+}
+
+// Asks it of the device, and says `text` once it is done.
+export function take_away(device: { id: string }, what: string, body: object, text: string): Promise<boolean> {
+  return attempt(async () =>
+    say_done(device, text, await request<Undoable>("devices/" + encodeURIComponent(device.id) + "/" + what, body)));
+}
+
+export function Undo() {
+  const now = offer.value;
+  if (!now || said.value !== now.text) return null;
+  const press = async (event: Event) => {
+    event.stopPropagation();
+    say("Being put back …", kOfferedMs);
+    if (await attempt(now.take_back)) say("It is back");
+  };
+  return <button type="button" onClick={press}>Undo</button>;
+}
