@@ -1,6 +1,7 @@
-// M3U playlists. Pure functions, any thread; input may be any bytes.
+// M3U playlists, read and written. Pure functions, any thread; input may be any bytes.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <string>
 #include <string_view>
@@ -17,6 +18,9 @@ struct PlaylistEntry {
 };
 
 namespace m3u {
+
+inline constexpr size_t kMaxLineBytes = 4096;
+inline constexpr std::string_view kInfoTag = "#EXTINF:";
 
 // Up to the next line's end, which is taken off as well.
 inline std::string_view take_line(std::string_view& text) {
@@ -39,14 +43,20 @@ inline std::string_view title_of(std::string_view info) {
     return {};
 }
 
+// As a line of its own, and so that it is read again.
+inline bool is_location(std::string_view text) {
+    return !text.empty() && text.size() <= kMaxLineBytes && trim(text) == text &&
+           !text.starts_with('#') && std::ranges::none_of(text, is_control);
+}
+
 }  // namespace m3u
 
 // Reads the text of an M3U playlist, plain or extended: one location a line, lines that end in LF,
 // CRLF or CR, a byte order mark, comments. At most `max_entries` entries come back, and lines
 // beyond 4096 bytes or with a NUL are passed over.
 inline std::vector<PlaylistEntry> parse_m3u(std::string_view text, size_t max_entries) {
-    constexpr std::string_view kInfoTag = "#EXTINF:";
-    constexpr size_t kMaxLineBytes = 4096;
+    using m3u::kInfoTag;
+    using m3u::kMaxLineBytes;
     text = without_byte_order_mark(text);
     std::vector<PlaylistEntry> entries;
     std::string_view title;
@@ -64,6 +74,19 @@ inline std::vector<PlaylistEntry> parse_m3u(std::string_view text, size_t max_en
         }
     }
     return entries;
+}
+
+// The text of a playlist of these, in UTF-8 where they are; locations that none can name are left
+// out.
+inline std::string write_m3u(const std::vector<PlaylistEntry>& entries) {
+    std::string text = "#EXTM3U\n";
+    for (const PlaylistEntry& entry : entries) {
+        if (m3u::is_location(entry.location)) {
+            text.append(m3u::kInfoTag).append("-1,").append(printable(entry.title)).append("\n");
+            text.append(entry.location).append("\n");
+        }
+    }
+    return text;
 }
 
 }  // namespace nuvio

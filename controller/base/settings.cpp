@@ -60,7 +60,7 @@ constexpr Row kRows[] = {
     {{"address", "ADDRESS", "listen on this one only"},
      "NUVIO_CONTROLLER_ADDRESS",
      set_text<&Settings::address>},
-    {{"state", "DIR", "where the library and the sessions are kept"},
+    {{"state", "DIR", "where the library, sessions and playlists are kept"},
      "NUVIO_CONTROLLER_STATE",
      set_text<&Settings::state_folder>},
     {{"password", "WORD", "page and commands ask for it"},

@@ -12,6 +12,7 @@
 #include "controller/base/settings.h"
 #include "controller/command_line/arguments.h"
 #include "controller/command_line/direct.h"
+#include "controller/command_line/lists.h"
 #include "controller/command_line/running.h"
 #include "controller/device/http_client.h"
 
@@ -377,6 +378,10 @@ constexpr Command kCommands[] = {
     {"queue", 1, kAny, "DEVICE [add|next WHAT... | jump N | remove N... | move N M|end | clear]",
      "shows it, each track with its place N, or changes it", true, queue},
     {"undo", 1, 1, "DEVICE", "puts back what was last taken away from its queue", true, undo},
+    {"playlists", 0, 3, "[save DEVICE NAME | rename NAME NEW | delete NAME]",
+     "shows them, or changes one of the controller's own", false, playlists},
+    {"stations", 0, 3, "[add NAME URL | rename NAME NEW | delete NAME]",
+     "radios that have a name here", false, stations},
     {"status", 0, 3, "[DEVICE] [--json] [--follow]", "what plays; --follow: again at each change",
      false, status},
     {"find", 0, 0, "", "without a controller: what answers on the network", false, find},

@@ -37,8 +37,8 @@ JsonPtr ask_controller(const char* method, const std::string& path, const std::s
 
 namespace {
 
-std::string encoded(const std::string& device) {
-    std::string name = percent_encode(device);
+std::string encoded(const std::string& one) {
+    std::string name = percent_encode(one);
     for (size_t at = name.find('/'); at != std::string::npos; at = name.find('/', at)) {
         name.replace(at, 1, "%2F");
     }
@@ -47,8 +47,12 @@ std::string encoded(const std::string& device) {
 
 }  // namespace
 
+std::string path_below(const std::string& kind, const std::string& one, const char* what) {
+    return kind + "/" + encoded(one) + "/" + what;
+}
+
 std::string device_path(const std::string& device, const char* what) {
-    return "devices/" + encoded(device) + "/" + what;
+    return path_below("devices", device, what);
 }
 
 void command_device(const std::string& device, const char* command, JsonPtr arguments) {

@@ -23,6 +23,8 @@ struct Misuse {
 
 // The answer's document; `path` is below /api/.
 JsonPtr ask_controller(const char* method, const std::string& path, const std::string& body = {});
+// "playlists/Evening/rename", of any name.
+std::string path_below(const std::string& kind, const std::string& one, const char* what);
 // Of a device by name or id, "devices/Kitchen/play".
 std::string device_path(const std::string& device, const char* what);
 void command_device(const std::string& device, const char* command, JsonPtr arguments);

@@ -11,7 +11,7 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr int64_t kVersion = 6;
+constexpr int64_t kVersion = 7;
 
 // An album is what has one title and one album artist, or, where no album artist is said, one title
 // in one folder. `artist` null: several. A row is a whole file (`part` 0) or one of its
@@ -37,15 +37,20 @@ CREATE TABLE tracks(id INTEGER PRIMARY KEY AUTOINCREMENT, folder INTEGER NOT NUL
 CREATE INDEX tracks_by_album ON tracks(album, disc, number);
 CREATE INDEX tracks_by_artist ON tracks(artist);
 CREATE INDEX unreadable_tracks ON tracks(id) WHERE failure != '';
+CREATE TABLE playlists(id INTEGER PRIMARY KEY AUTOINCREMENT, folder INTEGER NOT NULL,
+    name TEXT NOT NULL, UNIQUE(folder, name));
+CREATE INDEX playlists_by_name ON playlists(name COLLATE NOCASE);
 CREATE VIRTUAL TABLE track_words USING fts5(title, artist, album, more, whole,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3 4');
 CREATE VIRTUAL TABLE album_words USING fts5(title, artist, more, whole,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3 4');
 CREATE VIRTUAL TABLE artist_words USING fts5(title, whole,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3 4');
+CREATE VIRTUAL TABLE playlist_words USING fts5(title, whole,
+    tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3 4');
 INSERT INTO sqlite_sequence(name, seq) VALUES('tracks', abs(random() % 2000000000)),
     ('albums', abs(random() % 2000000000));
-PRAGMA user_version = 6;
+PRAGMA user_version = 7;
 COMMIT;
 )";
 
@@ -122,6 +127,9 @@ Catalogue::Catalogue(const std::string& path)
                              " WHERE folder = ? AND name = ? AND part NOT BETWEEN ? AND ?)")),
       m_remove_parts(m_database.prepare(
           "DELETE FROM tracks WHERE folder = ? AND name = ? AND part NOT BETWEEN ? AND ?")),
+      m_playlists_in(m_database.prepare("SELECT name FROM playlists WHERE folder = ?")),
+      m_add_playlist(m_database.prepare("INSERT INTO playlists(folder, name) VALUES(?, ?)")),
+      m_remove_playlist(m_database.prepare("DELETE FROM playlists WHERE folder = ? AND name = ?")),
       m_remove_folder(m_database.prepare("DELETE FROM folders WHERE id = ?")) {}
 
 void Catalogue::remove(const std::string& path) {
@@ -194,6 +202,29 @@ std::map<std::string, int64_t> Catalogue::folders_in(int64_t folder) {
     }
     m_folders_in.reset();
     return folders;
+}
+
+int64_t Catalogue::put_playlists(int64_t folder, const std::set<std::string>& names) {
+    std::set<std::string> known;
+    m_playlists_in.with(folder);
+    while (m_playlists_in.step()) {
+        known.insert(m_playlists_in.text(0));
+    }
+    m_playlists_in.reset();
+    int64_t changed = 0;
+    for (const std::string& name : names) {
+        if (!known.contains(name)) {
+            m_add_playlist.with(folder, name).run();
+            ++changed;
+        }
+    }
+    for (const std::string& name : known) {
+        if (!names.contains(name)) {
+            m_remove_playlist.with(folder, name).run();
+            ++changed;
+        }
+    }
+    return changed;
 }
 
 int64_t Catalogue::artist(const std::string& name) {
@@ -288,6 +319,7 @@ void Catalogue::remove_folder(int64_t id, std::vector<int64_t>* gone) {
     for (const auto& [name, file] : files_in(id)) {
         remove_file(id, name);
     }
+    put_playlists(id, {});
     m_remove_folder.with(id).run();
     gone->push_back(id);
 }
@@ -316,6 +348,9 @@ void Catalogue::tidy() {
         DELETE FROM artist_words;
         INSERT INTO artist_words(rowid, whole, title) SELECT id, as_one_word(name), folded(name)
             FROM artists;
+        DELETE FROM playlist_words;
+        INSERT INTO playlist_words(rowid, whole, title) SELECT id, as_one_word(name), folded(name)
+            FROM playlists;
     )");
 }
 

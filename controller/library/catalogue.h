@@ -1,6 +1,6 @@
-// The library's tables as the scanner writes them: folders, tracks, albums, artists, and the words
-// they are found by. A cache of what the music folders hold, so a file of another version, or a
-// damaged one, may be removed and made anew.
+// The library's tables as the scanner writes them: folders, tracks, albums, artists, playlists, and
+// the words they are found by. A cache of what the music folders hold, so a file of another
+// version, or a damaged one, may be removed and made anew.
 //
 // Numbers  an id is given once; those of tracks and albums, which devices keep in their queues,
 //          also begin elsewhere in a file that is made anew.
@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -63,6 +64,8 @@ class Catalogue {
              const KnownFile& file, const reader::Tags& tags,
              const reader::FolderSheets::Parts& parts, const std::string& failure);
     void remove_file(int64_t folder, const std::string& name);
+    // The M3U files of the folder; how many of them came or went.
+    int64_t put_playlists(int64_t folder, const std::set<std::string>& names);
     // With everything below; appends the ids of all folders that are gone.
     void remove_folder(int64_t id, std::vector<int64_t>* gone);
 
@@ -86,7 +89,8 @@ class Catalogue {
     Statement m_find_folder, m_add_folder, m_folder_at, m_device_of, m_set_device, m_files_in,
         m_folders_in;
     Statement m_find_artist, m_add_artist, m_find_album, m_add_album;
-    Statement m_put, m_unword, m_word, m_unword_parts, m_remove_parts, m_remove_folder;
+    Statement m_put, m_unword, m_word, m_unword_parts, m_remove_parts;
+    Statement m_playlists_in, m_add_playlist, m_remove_playlist, m_remove_folder;
 };
 
 }  // namespace nuvio::controller

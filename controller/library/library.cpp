@@ -8,7 +8,9 @@
 #include "common/m3u.h"
 #include "common/music/names.h"
 #include "common/number.h"
+#include "common/text.h"
 #include "common/url/url.h"
+#include "controller/library/words.h"
 
 namespace nuvio::controller {
 
@@ -45,6 +47,7 @@ Library::Library(const std::vector<std::string>& folders, const std::string& sta
       m_database(made_database(state_folder)),
       m_view(m_database, [this](const DatabaseError& error) { m_scanner.make_anew(error); }),
       m_covers(m_folders, state_folder + "/covers"),
+      m_own_lists(state_folder),
       m_scanner(m_folders, m_database, m_view, std::move(on_change)) {}
 
 std::optional<Library::File> Library::open_track(int64_t id) {
@@ -80,6 +83,9 @@ Selection Library::selected(const std::string& what) {
     const size_t colon = what.find(':');
     const std::string kind = what.substr(0, colon);
     const std::string rest = colon == std::string::npos ? "" : what.substr(colon + 1);
+    if (std::optional<Selection> own = select_own(kind, rest)) {
+        return std::move(*own);
+    }
     Selection selection;
     if (kind == "search") {
         selection.items = playables(best_match(rest));
@@ -100,7 +106,7 @@ Selection Library::selected(const std::string& what) {
     return selection;
 }
 
-std::vector<Library::PlaylistFile> Library::playlists_in(int64_t folder) {
+std::vector<PlaylistFile> Library::playlists_in(int64_t folder) {
     const FolderPlace place = m_view.place_of(folder).value_or(FolderPlace{});
     const std::optional<size_t> root = m_folders.index_of(place.root);
     Listing listing;
@@ -145,29 +151,120 @@ Selection Library::select_path(const std::string& path) {
     return selection;
 }
 
-// Entries that are no music of the library are passed over.
 Selection Library::select_playlist(const MusicFolders::Place& place) {
     const FileText file =
         read_file(m_folders.open_file(place.folder, place.below), kMaxPlaylistFile);
+    return select_entries(parse_m3u(file.whole_lines(), kOneTooMany),
+                          m_folders.path(place.folder) + "/" + parent_of(place.below));
+}
+
+// None: no list of its own is meant.
+std::optional<Selection> Library::select_own(const std::string& kind, const std::string& name) {
+    const auto is_so = [&](const std::string& own) {
+        return equals_ignoring_case(own, clean_name(name));
+    };
+    const bool is_any = kind == "search";
+    if (is_any || kind == "playlist") {
+        const std::vector<std::string> all = m_own_lists.playlists();
+        const auto found = std::ranges::find_if(all, is_so);
+        const auto entries =
+            found != all.end() ? m_own_lists.entries(*found, kOneTooMany) : std::nullopt;
+        if (entries) {
+            Selection selection = select_entries(*entries, "/");
+            selection.failure = selection.items.empty() ? "nothing of it is there: " + *found : "";
+            return selection;
+        }
+    }
+    if (is_any || kind == "station") {
+        const std::vector<PlaylistEntry> all = m_own_lists.stations();
+        const auto found = std::ranges::find_if(all, is_so, &PlaylistEntry::title);
+        if (found != all.end()) {
+            return Selection{{{found->location, found->title, {}}}, {}};
+        }
+    }
+    return kind == "playlist" || kind == "station"
+               ? std::optional(Selection{{}, "there is no " + kind + " '" + name + "'"})
+               : std::nullopt;
+}
+
+// Entries that are no music of the library are passed over. `folder`: with '/' at its end, what
+// relative ones begin at.
+Selection Library::select_entries(const std::vector<PlaylistEntry>& entries,
+                                  const std::string& folder) {
     Selection selection;
-    for (const PlaylistEntry& entry : parse_m3u(file.whole_lines(), kOneTooMany)) {
+    for (const PlaylistEntry& entry : entries) {
         if (is_web_address(entry.location)) {
             selection.items.push_back({entry.location, entry.title, {}});
             continue;
         }
-        const std::string full =
-            entry.location.starts_with('/')
-                ? entry.location
-                : m_folders.path(place.folder) + "/" + parent_of(place.below) + entry.location;
-        for (const MusicFolders::Place& at : m_folders.places_of(full)) {
-            auto found = playables(m_view.tracks_at(m_folders.path(at.folder), at.below));
-            if (!found.empty()) {
-                std::ranges::move(found, std::back_inserter(selection.items));
-                break;
-            }
-        }
+        auto found = playables(tracks_named(
+            entry.location.starts_with('/') ? entry.location : folder + entry.location));
+        std::ranges::move(found, std::back_inserter(selection.items));
     }
     return selection;
+}
+
+// Of a file, or of a part of it that its name ends with.
+std::vector<Track> Library::tracks_named(const std::string& path) {
+    for (const MusicFolders::Place& at : m_folders.places_of(path)) {
+        std::vector<Track> found = m_view.tracks_at(m_folders.path(at.folder), at.below);
+        if (!found.empty()) {
+            return found;
+        }
+    }
+    const Section section = section_of(path);
+    if (section.is_whole()) {
+        return {};
+    }
+    std::vector<Track> found = tracks_named(std::string(without_section(path)));
+    std::erase_if(found, [&](const Track& track) { return track.section != section; });
+    return found;
+}
+
+Found Library::search(const std::string& text, LibraryView::Page page, LibraryView::Kind kind) {
+    std::vector<PlaylistFile> own;
+    for (const std::string& name : m_own_lists.playlists()) {
+        own.push_back({name, "playlist:" + name});
+    }
+    for (const PlaylistEntry& station : m_own_lists.stations()) {
+        own.push_back({station.title, "station:" + station.title});
+    }
+    std::erase_if(own, [&](const PlaylistFile& list) { return !has_words(list.name, text); });
+    const bool is_alone = kind == LibraryView::Kind::playlists;
+    const int64_t first = page.first;
+    page.first = is_alone ? std::max<int64_t>(0, first - std::ssize(own)) : first;
+    Found found = m_view.search(text, page, kind);
+    found.playlist_count += std::ssize(own);
+    if (is_alone || kind == LibraryView::Kind::all) {
+        own.erase(own.begin(), own.begin() + std::min<std::ptrdiff_t>(first, std::ssize(own)));
+        std::ranges::move(found.playlists, std::back_inserter(own));
+        own.resize(std::min<size_t>(own.size(), static_cast<size_t>(page.count)));
+        found.playlists = std::move(own);
+    }
+    return found;
+}
+
+std::vector<PlaylistEntry> Library::entries_of(const std::vector<Queued>& items) {
+    std::vector<int64_t> ids;
+    for (const Queued& item : items) {
+        if (item.track != 0) {
+            ids.push_back(item.track);
+        }
+    }
+    const std::vector<Track> tracks = m_view.tracks_of(ids);
+    std::vector<PlaylistEntry> entries;
+    auto track = tracks.begin();
+    for (const Queued& item : items) {
+        if (item.track == 0) {
+            entries.push_back({item.url, item.title});
+        } else if (track != tracks.end() && track->id == item.track) {
+            entries.push_back(
+                {with_section(std::filesystem::path(track->root) / track->below, track->section),
+                 (track->artist.empty() ? "" : track->artist + " - ") + track->title});
+            ++track;
+        }
+    }
+    return entries;
 }
 
 }  // namespace nuvio::controller

@@ -15,6 +15,7 @@
 #include "controller/library/covers.h"
 #include "controller/library/library_view.h"
 #include "controller/library/music_folders.h"
+#include "controller/library/own_lists.h"
 #include "controller/library/scanner.h"
 
 namespace nuvio::controller {
@@ -53,31 +54,45 @@ class Library {
     // Of the album's first three tracks, see Covers.
     Covers::Found open_cover(int64_t album, CoverSize size);
 
-    // "track:ID", "album:ID", "artist:ID", "folder:ID", "search:WORDS" (an album, else an
-    // artist, else tracks), an http(s) URL, or a path of
-    // this machine below a music folder: an audio file, a folder, an M3U playlist, a CUE sheet.
+    // "track:ID", "album:ID", "artist:ID", "folder:ID", "playlist:NAME" and "station:NAME" of the
+    // own lists, "search:WORDS" (an own list of that very name, an album, else an artist, else
+    // tracks), an http(s) URL, or a path of this machine below a music folder: an audio file, a
+    // folder, an M3U playlist, a CUE sheet.
     // More than kMaxSelection tracks are a failure.
     Selection select(const std::string& what);
+
+    // As LibraryView's, with the own playlists and stations before the files.
+    Found search(const std::string& text, LibraryView::Page page,
+                 LibraryView::Kind kind = LibraryView::Kind::all);
 
     static constexpr int64_t kMaxSelection = 20'000;  // as many as a device's queue takes
     static constexpr char kTooMany[] = "more than 20,000 tracks: a device takes no more at once";
 
     // The M3U files in a folder, as the disk has it now.
-    struct PlaylistFile {
-        std::string name, path;
-    };
     std::vector<PlaylistFile> playlists_in(int64_t folder);
+
+    OwnLists& own_lists() { return m_own_lists; }
+    // What a playlist of these is to hold; what is no longer in the library is left out.
+    struct Queued {
+        int64_t track = 0;       // of the library; 0: `url`
+        std::string url, title;  // on the network
+    };
+    std::vector<PlaylistEntry> entries_of(const std::vector<Queued>& items);
 
   private:
     Selection selected(const std::string& what);
     std::vector<Track> best_match(const std::string& words);
     Selection select_path(const std::string& path);
     Selection select_playlist(const MusicFolders::Place& place);
+    std::optional<Selection> select_own(const std::string& kind, const std::string& name);
+    Selection select_entries(const std::vector<PlaylistEntry>& entries, const std::string& folder);
+    std::vector<Track> tracks_named(const std::string& path);
 
     const MusicFolders m_folders;
     const std::string m_database;  // made by the time its readers open it, unless it can't be
     LibraryView m_view;
     Covers m_covers;
+    OwnLists m_own_lists;
     Scanner m_scanner;
 };
 

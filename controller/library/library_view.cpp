@@ -25,6 +25,9 @@ constexpr char kAlbumColumns[] =
 constexpr char kArtistColumns[] =
     "SELECT id, name, (SELECT count(*) FROM albums WHERE artist = artists.id) FROM artists ";
 
+constexpr char kPlaylistColumns[] =
+    "SELECT root, below, playlists.name FROM playlists JOIN folders ON folders.id = folder ";
+
 Album read_album(const Statement& row) {
     return {row.number(0), row.text(1), row.text(2), row.number(3), row.number(4), row.number(5)};
 }
@@ -60,6 +63,15 @@ std::vector<Track> read_tracks(Statement& rows) {
                                   static_cast<uint64_t>(rows.number(17))}});
     }
     return tracks;
+}
+
+std::vector<PlaylistFile> read_playlists(Statement& rows) {
+    std::vector<PlaylistFile> playlists;
+    while (rows.step()) {
+        playlists.push_back(
+            {rows.text(2), join_path(join_path(rows.text(0), rows.text(1)), rows.text(2))});
+    }
+    return playlists;
 }
 
 // What stands on the page of those that the index `words` finds, by id: all of a better grade come
@@ -228,6 +240,22 @@ std::optional<Track> LibraryView::track(int64_t id) {
     return found.empty() ? std::nullopt : std::optional(found.front());
 }
 
+std::vector<Track> LibraryView::tracks_of(const std::vector<int64_t>& ids) {
+    return ask([&](Database& database) {
+        return read_each<Track>(database, ids, std::string(kTrackColumns) + "WHERE tracks.id",
+                                read_tracks);
+    });
+}
+
+std::vector<PlaylistFile> LibraryView::playlists(Page page) {
+    return ask([&](Database& database) {
+        Statement rows =
+            database.prepare(std::string(kPlaylistColumns) +
+                             "ORDER BY playlists.name COLLATE NOCASE LIMIT ? OFFSET ?");
+        return read_playlists(rows.with(page.count, page.first));
+    });
+}
+
 std::vector<Track> LibraryView::tracks_at(const std::string& root, const std::string& below) {
     const size_t slash = below.rfind('/');
     const std::string folder = slash == std::string::npos ? "" : below.substr(0, slash);
@@ -273,6 +301,7 @@ Found LibraryView::search(const std::string& text, Page page, Kind kind) {
         found.artist_count = count_of(database, "artist_words", grades);
         found.album_count = count_of(database, "album_words", grades);
         found.track_count = count_of(database, "track_words", grades);
+        found.playlist_count = count_of(database, "playlist_words", grades);
         if (is_wanted(Kind::artists)) {
             found.artists =
                 read_each<Artist>(database, ids_of(database, "artist_words", grades, page),
@@ -287,6 +316,11 @@ Found LibraryView::search(const std::string& text, Page page, Kind kind) {
             found.tracks =
                 read_each<Track>(database, ids_of(database, "track_words", grades, page),
                                  std::string(kTrackColumns) + "WHERE tracks.id", read_tracks);
+        }
+        if (is_wanted(Kind::playlists)) {
+            found.playlists = read_each<PlaylistFile>(
+                database, ids_of(database, "playlist_words", grades, page),
+                std::string(kPlaylistColumns) + "WHERE playlists.id", read_playlists);
         }
         database.run("COMMIT");
         return found;

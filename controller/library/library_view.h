@@ -55,11 +55,17 @@ struct FolderPage {
     std::vector<Track> tracks;
 };
 
+struct PlaylistFile {
+    std::string name;
+    std::string what;  // for Library::select: its path, say
+};
+
 struct Found {
     std::vector<Artist> artists;
     std::vector<Album> albums;
     std::vector<Track> tracks;
-    int64_t artist_count = 0, album_count = 0, track_count = 0;  // in all
+    std::vector<PlaylistFile> playlists;
+    int64_t artist_count = 0, album_count = 0, track_count = 0, playlist_count = 0;  // in all
 };
 
 struct UnreadableFile {
@@ -102,10 +108,16 @@ class LibraryView {
     std::vector<Track> tracks_of_artist(int64_t artist, int64_t limit);
     std::vector<Track> tracks_below(int64_t folder, int64_t limit);
 
+    // In the order of the ids; what is no longer there is left out.
+    std::vector<Track> tracks_of(const std::vector<int64_t>& ids);
+
+    // The M3U files of the music folders, by name.
+    std::vector<PlaylistFile> playlists(Page page);
+
     // Files of which nothing could be read, by their paths.
     std::vector<UnreadableFile> unreadable(int64_t limit);
 
-    enum class Kind { all, artists, albums, tracks };
+    enum class Kind { all, artists, albums, tracks, playlists };
     // What has all words of the text (words.h), each as the beginning of a word of title, names,
     // year or genre; the best first. One page of each kind, or of the one.
     Found search(const std::string& text, Page page, Kind kind = Kind::all);

@@ -235,7 +235,7 @@ bool Scanner::is_disk_away(int64_t id, const Listing& listing) {
 // Brings the catalogue's folder in line with the disk's; true when something was to be done.
 bool Scanner::compare(const std::string& root, const std::string& below, int64_t id,
                       const Listing& listing) {
-    int64_t changed = 0;
+    int64_t changed = m_catalogue->put_playlists(id, listing.playlists);
     std::vector<int64_t> gone;
     const auto known_files = m_catalogue->files_in(id);
     reader::FolderSheets sheets = sheets_of(root, below, listing);
@@ -420,7 +420,7 @@ void Scanner::take(const inotify_event& report, const std::string& name) {
 // Of a file that is new in a folder. One that is being written is read when it has been, which is
 // reported; a hard link, and what takes its one name by way of a link, reports nothing more.
 bool Scanner::came_whole(int64_t folder, const std::string& name) {
-    if (audio_kind_of(name) == nullptr && !is_sheet_name(name)) {
+    if (audio_kind_of(name) == nullptr && !is_sheet_name(name) && !is_playlist_name(name)) {
         return false;
     }
     try {

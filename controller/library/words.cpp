@@ -2,8 +2,10 @@
 
 #include <algorithm>
 #include <iterator>
+#include <sstream>
 #include <vector>
 
+#include "common/text.h"
 #include "common/utf8.h"
 
 namespace nuvio::controller {
@@ -128,6 +130,23 @@ Grades grades_of(std::string_view text) {
     const std::string whole = "whole : \"" + joined(words) + "\"";
     return {{whole, whole + " *", "title : (" + each_of(words, "") + ")",
              "- whole : (" + each_of(words, " *") + ")"}};
+}
+
+bool has_words(std::string_view name, std::string_view text) {
+    const auto split = [](std::string_view joined_text) {
+        std::vector<std::string> all;
+        for (const std::string& word : words_of(beginning(joined_text, kMaxSearchBytes))) {
+            std::istringstream parts(word);
+            std::copy(std::istream_iterator<std::string>(parts), {}, std::back_inserter(all));
+        }
+        return all;
+    };
+    const std::vector<std::string> own = split(name);
+    const std::vector<std::string> wanted = split(text);
+    return !wanted.empty() && std::ranges::all_of(wanted, [&](const std::string& word) {
+        return std::ranges::any_of(
+            own, [&](const std::string& each) { return starts_with_ignoring_case(each, word); });
+    });
 }
 
 }  // namespace nuvio::controller

@@ -32,4 +32,8 @@ struct Grades {
 // bytes and eight words count.
 Grades grades_of(std::string_view text);
 
+// Whether each word of `text` is the beginning of one of the name's, for what no index holds; case
+// of ASCII letters does not count. None where the text has no words.
+bool has_words(std::string_view name, std::string_view text);
+
 }  // namespace nuvio::controller

@@ -1,15 +1,18 @@
 // The library: albums, artists, folders, and the search.
 import type { JSX } from "preact";
-import { useEffect, useRef, useState } from "preact/hooks";
+import { useEffect, useRef } from "preact/hooks";
 import { use_answer, use_pages } from "./answers";
+import { Awaited } from "./awaited";
 import { Cover, Icon, IconButton, Two } from "./parts";
 import { place, rename_place, wants_search } from "./places";
+import type { PlaylistRow } from "./playlists";
+import { Playlist, Playlists } from "./playlists";
 import { library, play, selected } from "./state";
 import { attempt, request, time_text } from "./talk";
 
 const kTypingMs = 150;
-const kSlowMs = 300;  // longer: something is said about it
-const kTabs = [["albums", "Albums"], ["artists", "Artists"], ["folders", "Folders"]] as const;
+const kTabs = [["albums", "Albums"], ["artists", "Artists"], ["folders", "Folders"],
+               ["playlists", "Playlists"]] as const;
 
 interface AlbumRow { id: number; title: string; artist: string; year: number }
 interface ArtistRow { id: number; name: string }
@@ -48,26 +51,17 @@ function Actions({ what }: { what: string }) {
   </div>;
 }
 
-// Until there is an answer: why not, or, where it takes long, that it is on its way.
-function Awaited({ failure }: { failure: string }) {
-  const [is_slow, set_slow] = useState(false);
-  useEffect(() => {
-    const timer = setTimeout(() => set_slow(true), kSlowMs);
-    return () => clearTimeout(timer);
-  }, []);
-  if (failure) return <p class="warn">{failure}</p>;
-  return is_slow ? <p class="quiet" role="status">Being read …</p> : null;
-}
-
-type Kind = "artists" | "albums" | "tracks";
-const kMakers: Record<Kind, (row: AlbumRow & ArtistRow & TrackRow) => JSX.Element> = {
+type Kind = "artists" | "albums" | "tracks" | "playlists";
+type Row = AlbumRow & ArtistRow & TrackRow & PlaylistRow;
+const kMakers: Record<Kind, (row: Row) => JSX.Element> = {
   artists: (row) => <Artist key={row.id} artist={row} />,
   albums: (row) => <Album key={row.id} album={row} />,
   tracks: (row) => <Track key={row.id} track={row} context={["track:" + row.id, 0]} />,
+  playlists: (row) => <Playlist key={row.what} list={row} />,
 };
 
 function EndlessList({ path, of }: { path: string; of: Kind }) {
-  const { items, is_all, failure, end } = use_pages<AlbumRow & ArtistRow & TrackRow>(path, of);
+  const { items, is_all, failure, end } = use_pages<Row>(path, of);
   if (!items) return <Awaited failure={failure} />;
   return <ul class={of === "albums" ? "grid" : "list"}>
     {items.map(kMakers[of])}
@@ -83,7 +77,7 @@ function EmptyLibrary() {
 
 // The first of what was found of a kind, and the way to the rest.
 function Section({ title, kind, found, text }: { title: string; kind: Kind; found: Found; text: string }) {
-  const rows = found[kind] as (AlbumRow & ArtistRow & TrackRow)[];
+  const rows = found[kind] as Row[];
   if (rows.length === 0) return null;
   const total = found.total?.[kind] ?? rows.length;
   return <>
@@ -100,7 +94,9 @@ function Search({ text }: { text: string }) {
   return <SearchWords text={text} />;
 }
 
-interface Found { artists: ArtistRow[]; albums: AlbumRow[]; tracks: TrackRow[]; total?: Record<Kind, number> }
+interface Found {
+  artists: ArtistRow[]; albums: AlbumRow[]; tracks: TrackRow[]; playlists: PlaylistRow[]; total?: Record<Kind, number>;
+}
 
 function SearchWords({ text }: { text: string }) {
   const { answer, failure } = use_answer<Found>("library/search?q=" + encodeURIComponent(text));
@@ -109,10 +105,11 @@ function SearchWords({ text }: { text: string }) {
   before.current = answer ?? before.current;
   const found = before.current;
   if (!found || failure) return <Awaited failure={failure} />;
-  if (found.artists.length + found.albums.length + found.tracks.length === 0) {
+  if (found.artists.length + found.albums.length + found.tracks.length + found.playlists.length === 0) {
     return <p>Nothing in the library has all of these words. Beginnings of words are enough; fewer find more.</p>;
   }
   return <>
+    <Section title="Playlists and stations" kind="playlists" found={found} text={text} />
     <Section title="Artists" kind="artists" found={found} text={text} />
     <Section title="Albums" kind="albums" found={found} text={text} />
     <Section title="Tracks" kind="tracks" found={found} text={text} />
@@ -158,7 +155,7 @@ function OneArtist({ id }: { id: string }) {
 
 interface FolderPage {
   id: number; parent: number; name: string; folders: ArtistRow[]; tracks: TrackRow[];
-  playlists?: { name: string; what: string }[];
+  playlists?: PlaylistRow[];
 }
 
 function Folder({ id }: { id: string }) {
@@ -172,10 +169,7 @@ function Folder({ id }: { id: string }) {
         <a class="open button" href={"#library/folders/" + each.id}><Icon name="folder" /><span class="grow">{each.name}</span></a>
         <IconButton icon="play" label={"Play " + each.name} onClick={() => play("folder:" + each.id)} />
       </li>)}
-      {(answer.playlists ?? []).map((each) => <li key={each.what}>
-        <button type="button" class="open" onClick={() => play(each.what)}><Icon name="queue" /><span class="grow">{each.name}</span></button>
-        <IconButton icon="add" label={"Add " + each.name + " to the queue"} onClick={() => play(each.what, { where: "end" })} />
-      </li>)}
+      {(answer.playlists ?? []).map((each) => <Playlist key={each.what} list={each} />)}
       {answer.tracks.map((each) => <Track key={each.id} track={each} number={each.number} context={["track:" + each.id, 0]} />)}
     </ul>
   </>;
@@ -239,11 +233,12 @@ function Content({ kind, words }: { kind: string; words: string[] }) {
     case "artists": return <EndlessList key="artists" path="library/artists" of="artists" />;
     case "folders": return <Folder key={id} id={id} />;
     case "all": {
-      const of = words[1] === "artists" || words[1] === "albums" ? words[1] : "tracks";
+      const of = (Object.keys(kMakers) as Kind[]).find((each) => each === words[1]) ?? "tracks";
       const path = "library/search?kind=" + of + "&q=" + encodeURIComponent(words.slice(2).join("/"));
       return <EndlessList key={path} path={path} of={of} />;
     }
     case "search": return <Search text={words.slice(1).join("/")} />;
+    case "playlists": return <Playlists />;
     case "unreadable": return <Unreadable />;
     default: return library.value.tracks || library.value.scanning
       ? <EndlessList key="albums" path="library/albums" of="albums" /> : <EmptyLibrary />;

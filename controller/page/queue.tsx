@@ -7,6 +7,7 @@ import { follow, move, order } from "./order";
 import { Cover, IconButton, Two } from "./parts";
 import { place } from "./places";
 import { NothingHere } from "./playing";
+import { save_queue } from "./playlists";
 import type { Device } from "./state";
 import { command, selected, version } from "./state";
 import { say } from "./talk";
@@ -168,6 +169,7 @@ export function Queue() {
   return <>
     <div class="row wrap title">
       <h1 tabIndex={-1} class="grow">Queue</h1>
+      <button type="button" aria-label="Save this queue as a playlist" onClick={() => save_queue(device)}>Save</button>
       {device.queue_length > 1 && <button type="button" onClick={() =>
         take_away(device, "clear", {}, "Removed: all but the current track")}>Clear</button>}
     </div>

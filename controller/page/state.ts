@@ -35,7 +35,7 @@ export interface Device {
 }
 
 export interface LibraryState {
-  folders: number; tracks: number; scanning: boolean; seen: number; revision: number; unreadable: number;
+  folders: number; tracks: number; scanning: boolean; seen: number; revision: number; unreadable: number; lists: number;
   failure: string;
 }
 

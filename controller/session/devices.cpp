@@ -10,6 +10,7 @@
 
 #include "common/text.h"
 #include "common/utf8.h"
+#include "controller/session/tracks.h"
 
 namespace nuvio::controller {
 
@@ -312,6 +313,19 @@ JsonPtr Devices::describe(const std::string& wanted) const {
         append(all.get(), std::move(object));
     }
     return all;
+}
+
+std::optional<std::vector<Library::Queued>> Devices::queued(const std::string& id) const {
+    const std::scoped_lock lock(m_house.mutex);
+    const Device* const device = m_house.find(id);
+    if (device == nullptr || !device->state.has_queue()) {
+        return std::nullopt;
+    }
+    std::vector<Library::Queued> items;
+    for (const auto& [place, item] : device->state.queue()) {
+        items.push_back({track_id_of(item.url), item.url, item.title});
+    }
+    return items;
 }
 
 JsonPtr Devices::describe_queue(const std::string& id) const {

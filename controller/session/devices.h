@@ -7,6 +7,7 @@
 #pragma once
 
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -14,6 +15,7 @@
 
 #include "common/json/json.h"
 #include "controller/device/http_client.h"
+#include "controller/library/library.h"
 #include "controller/session/commands.h"
 #include "controller/session/house_state.h"
 
@@ -41,6 +43,8 @@ class Devices {
     Outcome rename(const std::string& id, const std::string& name);
     // An array, by name; of all devices, or of one.
     JsonPtr describe(const std::string& id = {}) const;
+    // A device's queue; none: no such device, or not all of it is known just now.
+    std::optional<std::vector<Library::Queued>> queued(const std::string& id) const;
     JsonPtr describe_queue(const std::string& id) const;  // null: no such device
 
   private:

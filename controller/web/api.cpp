@@ -3,16 +3,12 @@
 #include <algorithm>
 #include <chrono>
 
-#include "common/number.h"
 #include "common/percent_encoding.h"
 
 namespace nuvio::controller {
 
 namespace {
 
-constexpr int64_t kMaxPage = 500;
-constexpr int64_t kMaxFirst = 1'000'000;
-constexpr int64_t kFound = 50;
 constexpr std::chrono::seconds kLongestWait{25};
 constexpr int64_t kLongestSleep = 1440;  // minutes
 
@@ -34,86 +30,6 @@ std::optional<std::string> match(std::string_view pattern, std::string_view path
     return name.find('/') == std::string_view::npos ? percent_decode(name) : std::nullopt;
 }
 
-JsonPtr describe(const Track& track) {
-    JsonPtr object = new_object();
-    add(object.get(), "id", track.id);
-    add(object.get(), "title", track.title);
-    add(object.get(), "artist", track.artist);
-    add(object.get(), "album", track.album);
-    add(object.get(), "album_id", track.album_id);
-    add(object.get(), "disc", track.disc);
-    add(object.get(), "number", track.number);
-    add(object.get(), "duration_ms", track.duration_ms);
-    return object;
-}
-
-JsonPtr describe(const Album& album) {
-    JsonPtr object = new_object();
-    add(object.get(), "id", album.id);
-    add(object.get(), "title", album.title);
-    add(object.get(), "artist", album.artist);
-    add(object.get(), "year", album.year);
-    add(object.get(), "tracks", album.track_count);
-    return object;
-}
-
-JsonPtr describe(const Artist& artist) {
-    JsonPtr object = new_object();
-    add(object.get(), "id", artist.id);
-    add(object.get(), "name", artist.name);
-    add(object.get(), "albums", artist.album_count);
-    return object;
-}
-
-JsonPtr describe(const UnreadableFile& file) {
-    JsonPtr object = new_object();
-    add(object.get(), "path", file.path);
-    add(object.get(), "failure", file.failure);
-    return object;
-}
-
-JsonPtr describe(const SubFolder& folder) {
-    JsonPtr object = new_object();
-    add(object.get(), "id", folder.id);
-    add(object.get(), "name", folder.name);
-    return object;
-}
-
-JsonPtr describe(const Library::PlaylistFile& playlist) {
-    JsonPtr object = new_object();
-    add(object.get(), "name", playlist.name);
-    add(object.get(), "what", playlist.path);
-    return object;
-}
-
-template <typename Item>
-JsonPtr describe_all(const std::vector<Item>& items) {
-    JsonPtr array = new_array();
-    for (const Item& item : items) {
-        append(array.get(), describe(item));
-    }
-    return array;
-}
-
-LibraryView::Page page_of(const Exchange& exchange, int64_t count = 100) {
-    return {std::clamp<int64_t>(exchange.number_parameter("first", 0), 0, kMaxFirst),
-            std::clamp<int64_t>(exchange.number_parameter("count", count), 1, kMaxPage)};
-}
-
-constexpr struct {
-    std::string_view name;
-    LibraryView::Kind kind;
-} kKinds[] = {{"", LibraryView::Kind::all},
-              {"artists", LibraryView::Kind::artists},
-              {"albums", LibraryView::Kind::albums},
-              {"tracks", LibraryView::Kind::tracks}};
-
-JsonPtr in_object(const char* key, JsonPtr value) {
-    JsonPtr object = new_object();
-    add(object.get(), key, std::move(value));
-    return object;
-}
-
 }  // namespace
 
 const Api::Route Api::kRoutes[] = {
@@ -127,13 +43,25 @@ const Api::Route Api::kRoutes[] = {
     {"POST", "/api/devices/*/clear", &Api::post_clear},
     {"POST", "/api/devices/*/undo", &Api::post_undo},
     {"POST", "/api/devices/look", &Api::post_look},
-    {"GET", "/api/library/albums", &Api::get_albums},
-    {"GET", "/api/library/albums/*", &Api::get_album},
-    {"GET", "/api/library/artists", &Api::get_artists},
-    {"GET", "/api/library/folders/*", &Api::get_folder},
-    {"GET", "/api/library/search", &Api::get_search},
-    {"GET", "/api/library/unreadable", &Api::get_unreadable},
-    {"POST", "/api/library/scan", &Api::post_scan},
+    {"GET", "/api/library/albums", &Api::library<&LibraryApi::get_albums>},
+    {"GET", "/api/library/albums/*", &Api::library<&LibraryApi::get_album>},
+    {"GET", "/api/library/artists", &Api::library<&LibraryApi::get_artists>},
+    {"GET", "/api/library/folders/*", &Api::library<&LibraryApi::get_folder>},
+    {"GET", "/api/library/search", &Api::library<&LibraryApi::get_search>},
+    {"GET", "/api/library/unreadable", &Api::library<&LibraryApi::get_unreadable>},
+    {"POST", "/api/library/scan", &Api::library<&LibraryApi::post_scan>},
+    {"GET", "/api/library/playlists", &Api::library<&LibraryApi::get_playlist_files>},
+    {"GET", "/api/playlists", &Api::library<&LibraryApi::get_playlists>},
+    {"POST", "/api/playlists", &Api::library<&LibraryApi::post_playlist>},
+    {"POST", "/api/playlists/*/rename", &Api::library<&LibraryApi::rename<&OwnLists::rename>>},
+    {"POST", "/api/playlists/*/delete", &Api::library<&LibraryApi::change<&OwnLists::remove>>},
+    {"POST", "/api/playlists/*/restore", &Api::library<&LibraryApi::change<&OwnLists::restore>>},
+    {"GET", "/api/stations", &Api::library<&LibraryApi::get_stations>},
+    {"POST", "/api/stations", &Api::library<&LibraryApi::post_station>},
+    {"POST", "/api/stations/*/rename",
+     &Api::library<&LibraryApi::rename<&OwnLists::rename_station>>},
+    {"POST", "/api/stations/*/delete",
+     &Api::library<&LibraryApi::change<&OwnLists::remove_station>>},
 };
 
 int Api::serve(Exchange& exchange) {
@@ -164,6 +92,7 @@ std::string Api::state(uint64_t version, const std::string& device) {
     add(library.get(), "revision", progress.revision);
     add(library.get(), "unreadable", progress.unreadable);
     add(library.get(), "failure", progress.failure);
+    add(library.get(), "lists", m_library.own_lists().revision());
     JsonPtr document = new_object();
     add(document.get(), "version", static_cast<int64_t>(version));
     add(document.get(), "devices", m_house.devices().describe(device));
@@ -317,76 +246,6 @@ int Api::post_sleep(Exchange& exchange, const std::string& id) {
 
 int Api::post_look(Exchange& exchange, const std::string&) {
     m_house.devices().ask_again();
-    return exchange.reply_json(new_object());
-}
-
-int Api::get_albums(Exchange& exchange, const std::string&) {
-    const int64_t artist = exchange.number_parameter("artist", 0);
-    if (artist == 0) {
-        return exchange.reply_json(
-            in_object("albums", describe_all(m_library.view().albums(page_of(exchange)))));
-    }
-    JsonPtr object = in_object("albums", describe_all(m_library.view().albums_of_artist(artist)));
-    add(object.get(), "artist", m_library.view().artist_name(artist));
-    return exchange.reply_json(object);
-}
-
-int Api::get_album(Exchange& exchange, const std::string& id) {
-    const int64_t number = to_number<int64_t>(id).value_or(0);
-    const std::optional<Album> album = m_library.view().album(number);
-    if (!album) {
-        return exchange.fail(404, "no such album");
-    }
-    JsonPtr object = describe(*album);
-    cJSON_DeleteItemFromObjectCaseSensitive(object.get(), "tracks");
-    add(object.get(), "tracks", describe_all(m_library.view().tracks_of_album(number, 2000)));
-    return exchange.reply_json(object);
-}
-
-int Api::get_artists(Exchange& exchange, const std::string&) {
-    return exchange.reply_json(
-        in_object("artists", describe_all(m_library.view().artists(page_of(exchange)))));
-}
-
-int Api::get_folder(Exchange& exchange, const std::string& id) {
-    const FolderPage page = m_library.view().folder(to_number<int64_t>(id).value_or(0));
-    JsonPtr object = new_object();
-    add(object.get(), "id", page.id);
-    add(object.get(), "parent", page.parent);
-    add(object.get(), "name", page.name);
-    add(object.get(), "folders", describe_all(page.folders));
-    add(object.get(), "tracks", describe_all(page.tracks));
-    add(object.get(), "playlists", describe_all(m_library.playlists_in(page.id)));
-    return exchange.reply_json(object);
-}
-
-int Api::get_unreadable(Exchange& exchange, const std::string&) {
-    return exchange.reply_json(
-        in_object("files", describe_all(m_library.view().unreadable(kMaxPage))));
-}
-
-int Api::get_search(Exchange& exchange, const std::string&) {
-    const std::string kind = exchange.parameter("kind");
-    const auto* const row =
-        std::ranges::find(kKinds, kind, [](const auto& one) { return one.name; });
-    if (row == std::end(kKinds)) {
-        return exchange.fail(400, "kind is artists, albums or tracks");
-    }
-    const Found found =
-        m_library.view().search(exchange.parameter("q"), page_of(exchange, kFound), row->kind);
-    JsonPtr total = new_object();
-    add(total.get(), "artists", found.artist_count);
-    add(total.get(), "albums", found.album_count);
-    add(total.get(), "tracks", found.track_count);
-    JsonPtr object = in_object("total", std::move(total));
-    add(object.get(), "artists", describe_all(found.artists));
-    add(object.get(), "albums", describe_all(found.albums));
-    add(object.get(), "tracks", describe_all(found.tracks));
-    return exchange.reply_json(object);
-}
-
-int Api::post_scan(Exchange& exchange, const std::string&) {
-    m_library.request_scan();
     return exchange.reply_json(new_object());
 }
 

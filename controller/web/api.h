@@ -10,13 +10,7 @@
 // - POST /api/devices/ID/clear: its queue, but for the current track
 // - POST /api/devices/ID/undo, {"undo": number}
 // - POST /api/devices/look: asks all devices how they are
-// - GET /api/library/albums, ?first= &count= or ?artist=ID
-// - GET /api/library/albums/ID
-// - GET /api/library/artists, ?first= &count=
-// - GET /api/library/folders/ID; 0: the music folders
-// - GET /api/library/search, ?q=
-// - GET /api/library/unreadable
-// - POST /api/library/scan
+// - the rest: LibraryApi
 //
 // A POST has Content-Type: application/json. ID of a device may be its name. A failure is {"error":
 // text for people} with a status: 400 the request is wrong, 404 no such thing, 409 the device can't
@@ -30,6 +24,7 @@
 #include "controller/library/library.h"
 #include "controller/session/house.h"
 #include "controller/web/exchange.h"
+#include "controller/web/library_api.h"
 #include "controller/web/places.h"
 
 namespace nuvio::controller {
@@ -38,7 +33,10 @@ class Api {
   public:
     // Borrows all.
     Api(Library& library, House& house, Changes& changes)
-        : m_library(library), m_house(house), m_changes(changes) {}
+        : m_library(library),
+          m_house(house),
+          m_changes(changes),
+          m_library_api(library, house, changes) {}
 
     // A path that begins with "/api/".
     int serve(Exchange& exchange);
@@ -64,18 +62,16 @@ class Api {
     int post_clear(Exchange& exchange, const std::string& id);
     int post_undo(Exchange& exchange, const std::string& id);
     int post_look(Exchange& exchange, const std::string& id);
-    int get_albums(Exchange& exchange, const std::string& id);
-    int get_album(Exchange& exchange, const std::string& id);
-    int get_artists(Exchange& exchange, const std::string& id);
-    int get_folder(Exchange& exchange, const std::string& id);
-    int get_search(Exchange& exchange, const std::string& id);
-    int get_unreadable(Exchange& exchange, const std::string& id);
-    int post_scan(Exchange& exchange, const std::string& id);
+    template <auto handler>
+    int library(Exchange& exchange, const std::string& id) {
+        return (m_library_api.*handler)(exchange, id);
+    }
     static int answer(Exchange& exchange, const Outcome& outcome);
 
     Library& m_library;
     House& m_house;
     Changes& m_changes;
+    LibraryApi m_library_api;
     Places m_waiting{16, 12};  // for a change
 };
 

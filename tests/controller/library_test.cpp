@@ -86,9 +86,12 @@ class LibraryTest : public testing::Test {
                    ? bytes
                    : "cut";
     }
+    std::vector<Track> found_tracks(const std::string& text) {
+        return m_library->view().search(text, {0, 50}).tracks;
+    }
     std::vector<std::string> found(const std::string& text) {
         std::vector<std::string> titles;
-        for (const Track& track : m_library->view().search(text, {0, 50}).tracks) {
+        for (const Track& track : found_tracks(text)) {
             titles.push_back(track.title);
         }
         return titles;
@@ -324,6 +327,10 @@ TEST_F(LibraryTest, the_tracks_of_a_sheet_are_tracks_and_keep_their_numbers) {
     EXPECT_EQ(m_library->view().search("1999", {0, 1}).albums.size(), 1U);
     EXPECT_EQ(second.section, (Section{1'000'000, 2'493'333}));
     EXPECT_EQ(m_library->select(m_dir / "music/a/whole.cue").items.size(), 3U);
+    EXPECT_EQ(m_library->own_lists().save("Part", m_library->entries_of({{second.id, "", ""}})),
+              "");
+    const Selection part = m_library->select("playlist:Part");
+    EXPECT_TRUE(part.items.size() == 1 && part.items[0].track->id == second.id);
 
     m_dir.write("music/a/whole.cue", sheet({"00:00:00", "00:01:70"}));
     ASSERT_TRUE(wait_for_tracks(2)) << "another sheet";
@@ -347,7 +354,7 @@ TEST_F(LibraryTest, a_playlist_of_the_folders_plays_what_it_names_of_them) {
     const auto listed = m_library->playlists_in(folder);
     ASSERT_EQ(listed.size(), 1U);
     EXPECT_EQ(listed[0].name, "list.m3u8");
-    const Selection list = m_library->select(listed[0].path);
+    const Selection list = m_library->select(listed[0].what);
     ASSERT_EQ(list.items.size(), 3U);
     EXPECT_EQ(list.items[0].url, "http://radio.example/x");
     EXPECT_EQ(list.items[0].title, "Radio");
@@ -365,6 +372,49 @@ TEST_F(LibraryTest, a_playlist_of_the_folders_plays_what_it_names_of_them) {
     EXPECT_EQ(m_library->select(m_dir / "music/long.m3u").items.size(), 20'000U);
     m_dir.write("music/long.m3u", long_list + "a/1.wav\n");
     EXPECT_EQ(m_library->select(m_dir / "music/long.m3u").failure, Library::kTooMany);
+}
+
+TEST_F(LibraryTest, own_lists_are_files_that_no_name_leads_out_of) {
+    m_dir.write("music/a/one.wav", "x");
+    m_dir.write("music/a/two.wav", "x");
+    m_dir.write("music/a/Evening mix.m3u", "one.wav");
+    open({m_dir / "music"});
+    ASSERT_TRUE(wait_for_tracks(2));
+    OwnLists& lists = m_library->own_lists();
+    const int64_t two = found_tracks("two").at(0).id;
+    const auto entries = m_library->entries_of({{two, "", "x"},
+                                                {999'999, "", "gone"},
+                                                {0, "http://radio.example/", "A\nB"},
+                                                {two, "", ""}});
+    for (const char* name : {"", "..", "/", " . "}) {
+        EXPECT_EQ(lists.save(name, entries).empty(), std::string(name) == "/") << name;
+    }
+    EXPECT_EQ(lists.save("../Evening/\n1", entries), "");
+    EXPECT_THAT(lists.playlists(), ElementsAre("-", "-Evening- 1"));
+    EXPECT_THAT(lists.save("-Evening- 1", {}), testing::HasSubstr("already"));
+    EXPECT_EQ(lists.rename("-Evening- 1", "Evening"), "");
+    const Selection evening = m_library->select("search:evening");
+    ASSERT_EQ(evening.items.size(), 3U);
+    EXPECT_EQ(evening.items[0].track->id, two);
+    EXPECT_EQ(evening.items[1].title, "A B");
+    EXPECT_EQ(lists.add_station("Evening FM", "http://fm.example/"), "");
+    EXPECT_NE(lists.add_station("evening fm", "http://fm.example/"), "");
+    for (const char* url : {"file:///etc/passwd", "http://x/ y", "http://x/\n#", ""}) {
+        EXPECT_NE(lists.add_station("No", url), "") << url;
+    }
+    const Found found = m_library->search("even", {1, 5}, LibraryView::Kind::playlists);
+    ASSERT_EQ(found.playlists.size(), 2U);
+    EXPECT_EQ(found.playlists[0].what, "station:Evening FM");
+    EXPECT_EQ(found.playlists[1].what, m_dir / "music/a/Evening mix.m3u");
+    EXPECT_EQ(lists.rename("Evening", "-"), "there is a playlist '-' already");
+    EXPECT_EQ(lists.remove("Evening"), "");
+    EXPECT_EQ(lists.restore("Evening"), "");
+    EXPECT_EQ(lists.remove("-"), "");
+    EXPECT_EQ(lists.remove("Evening"), "");
+    EXPECT_NE(lists.restore("-"), "") << "one only";
+    m_dir.write("stations.m3u8", "#EXTINF:1,FM\nhttp://a/\n/etc/passwd\n");
+    EXPECT_EQ(lists.stations().size(), 1U);
+    EXPECT_FALSE(m_library->select("playlist:../stations").failure.empty());
 }
 
 }  // namespace

@@ -58,6 +58,14 @@ class CommandLine(HouseTest):
         self.command("queue", "Kitchen", "jump", 1)
         queue = json.loads(self.ask("/api/devices/Kitchen/queue")[2])["items"]
         self.assertEqual([item["title"] for item in queue], ["Köln, früh 1", "Night Boats 2", "Köln, früh 2"])
+        self.command("playlists", "save", "Kitchen", "Night/Köln")
+        self.command("stations", "add", "Nobody", "http://127.0.0.1:9/")
+        self.assertIn("http://127.0.0.1:9/", self.command("stations"))
+        self.command("play", "--no-wait", "Kitchen", "nobody")
+        self.assertEqual(self.shown("Kitchen")["asked"], {"title": "Nobody"})
+        self.command("play", "Kitchen", "night-köln")
+        again = json.loads(self.ask("/api/devices/Kitchen/queue")[2])["items"]
+        self.assertEqual([item["title"] for item in again], [item["title"] for item in queue])
         # In a library's order, from its second track on.
         album = f"album:{self.first_album()['id']}"
         status, _, _ = self.ask("/api/devices/Kitchen/play", {"what": [album], "start": 1})
@@ -72,7 +80,7 @@ class CommandLine(HouseTest):
             result = self.run_command(*words.split())
             self.assertEqual((result.returncode, why in result.stderr), (status, True), result)
         found = json.loads(self.ask("/api/library/search?q=shanty&kind=tracks&count=3")[2])
-        self.assertEqual((len(found["tracks"]), found["total"]), (3, {"artists": 0, "albums": 2, "tracks": 4}))
+        self.assertEqual((len(found["tracks"]), found["total"]), (3, {"artists": 0, "albums": 2, "tracks": 4, "playlists": 0}))
 
         # The Avahi daemon under them goes and comes back, and the music does not notice.
         self.command("loop", "Kitchen", "all")

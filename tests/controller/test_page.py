@@ -14,6 +14,7 @@ from selenium import webdriver
 from selenium.webdriver import ActionChains, ChromeOptions, Keys
 from selenium.webdriver.chrome.service import Service
 from selenium.webdriver.common.by import By
+from selenium.webdriver.support import expected_conditions
 
 # Where pictures of the screens go, when they are wanted: docs/pictures.
 PICTURES = os.environ.get("NUVIO_PICTURES")
@@ -379,6 +380,39 @@ class Page(HouseTest):
         wait_for("the place it was left at", lambda: phone.run("return scrollY") == 1000 * 56)
         self.assertEqual(phone.faults(), [])
 
+    def test_a_queue_is_kept_as_a_playlist_and_a_radio_by_its_name(self):
+        self.start_playing()
+        (self.music / "Files.m3u").write_text("0/0.flac\n")
+        phone = Browser(self, "phone")
+
+        def answer(button, text):
+            phone.finger(phone.place_of(f"[aria-label='{button}']"))
+            prompt = wait_for("the question", lambda: expected_conditions.alert_is_present()(phone.driver))
+            prompt.send_keys(text)
+            prompt.accept()
+        phone.open("#queue")
+        answer("Save this queue as a playlist", "Boats & <b>")
+        phone.open("#library/playlists")
+        phone.shows("Boats & <b>")
+        phone.shows("Files.m3u")
+        for label, text in ("A station's name", "Nobody"), ("Its address", "http://127.0.0.1:9/"):
+            phone.driver.find_element(By.CSS_SELECTOR, f'[aria-label="{label}"]').send_keys(text)
+        phone.press("Add")
+        answer("Rename Boats & <b>", "Evening")
+        phone.shows("It is called Evening now")
+        shown = "return [...document.querySelectorAll('.list .open')].map((each) => each.innerText.trim())"
+        for name in "Nobody", "Evening":
+            phone.finger(phone.place_of(f"[aria-label='Delete {name}']"))
+            wait_for("its end", lambda: name not in phone.run(shown))
+            phone.finger(phone.place_of("#toast button"))
+            wait_for("it again", lambda: name in phone.run(shown))
+        phone.press("Files.m3u")
+        wait_for("one track", lambda: len(self.queue()) == 1)
+        phone.open("#library/search/eve")
+        phone.press("Evening")
+        wait_for("both", lambda: len(self.queue()) == 2)
+        self.assertEqual(phone.faults(), [])
+
     def test_the_library_changes_while_it_is_shown_and_going_back_finds_the_place(self):
         self.start_all()
         phone = Browser(self, "phone", screen="#library", size=(390, 420))
@@ -557,12 +591,14 @@ class Page(HouseTest):
             self.judge_screens(browser, "queue", "playing")
         self.command("play", "Kitchen", "night boats")
         self.command("queue", "Kitchen", "add", self.music)
+        self.command("stations", "add", "A station with a long name", "http://127.0.0.1:9/")
+        self.command("playlists", "save", "Kitchen", "Everything that there is to hear in this house")
         for browser in browsers.values():
             browser.open("#devices")
             browser.shows("Night Boats 1")
             album = f"library/album/{self.first_album()['id']}"
             self.judge_screens(browser, "devices", "library", album, "library/artist/1",
-                               "library/artists", "library/folders", "library/search/b", "library/search/zz",
+                               "library/artists", "library/folders", "library/playlists", "library/search/b", "library/search/zz",
                                "library/search/http%3A%2F%2Fradio", "queue", "playing")
             for sheet in "Move to …", "Sleep":
                 browser.press(sheet)
@@ -576,7 +612,7 @@ class Page(HouseTest):
         phone = browsers["phone"]
         phone.size(320, 640)
         phone.run("document.documentElement.style.fontSize = '200%'")
-        for screen in ("devices", "library", album, "library/artists", "library/folders", "library/search/b", "queue", "playing"):
+        for screen in ("devices", "library", album, "library/artists", "library/folders", "library/playlists", "library/search/b", "queue", "playing"):
             phone.show(screen, "light")
             self.assertEqual(phone.run(AUDIT + READABLE + "return wrong;"), [], screen)
 

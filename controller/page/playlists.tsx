@@ -1,0 +1,105 @@
+// Playlists and stations: those that are kept here, and the playlist files of the music folders.
+import type { ComponentChildren } from "preact";
+import { useRef } from "preact/hooks";
+import { use_answer, use_pages } from "./answers";
+import { Awaited } from "./awaited";
+import { Icon, IconButton } from "./parts";
+import { library, play } from "./state";
+import { attempt, request, say } from "./talk";
+import { say_with_undo } from "./undo";
+
+export interface PlaylistRow { name: string; what: string }
+interface StationRow extends PlaylistRow { url: string }
+
+// `children`: what else can be done with it.
+export function Playlist({ list, children }: { list: PlaylistRow; children?: ComponentChildren }) {
+  const { name, what } = list;
+  return <li>
+    <button type="button" class="open" onClick={() => play(what)}><Icon name="queue" /><span class="grow">{name}</span></button>
+    <IconButton icon="add" label={"Add " + name + " to the queue"} onClick={() => play(what, { where: "end" })} />
+    {children}
+  </li>;
+}
+
+function path_of(kind: "playlists" | "stations", name: string, what: string): string {
+  return kind + "/" + encodeURIComponent(name) + "/" + what;
+}
+
+async function rename(kind: "playlists" | "stations", name: string): Promise<void> {
+  const wanted = prompt("Another name for " + name, name);
+  if (wanted && wanted !== name && await attempt(() => request(path_of(kind, name, "rename"), { name: wanted }))) {
+    say("It is called " + wanted + " now");
+  }
+}
+
+async function remove(kind: "playlists" | "stations", name: string, take_back: () => Promise<unknown>): Promise<void> {
+  if (await attempt(() => request(path_of(kind, name, "delete"), {}))) say_with_undo(name + " was deleted", take_back);
+}
+
+function Changes({ kind, name, take_back }: { kind: "playlists" | "stations"; name: string; take_back: () => Promise<unknown> }) {
+  return <>
+    <IconButton icon="rename" label={"Rename " + name} onClick={() => rename(kind, name)} />
+    <IconButton icon="remove" label={"Delete " + name} onClick={() => remove(kind, name, take_back)} />
+  </>;
+}
+
+function AddStation() {
+  const form = useRef<HTMLFormElement>(null);
+  const add = async (event: Event) => {
+    event.preventDefault();
+    const fields = Object.fromEntries(new FormData(form.current as HTMLFormElement));
+    if (!await attempt(() => request("stations", fields))) return;
+    say(fields.name + " was added");
+    form.current?.reset();
+  };
+  return <form ref={form} class="row wrap" onSubmit={add}>
+    <input class="grow" name="name" required placeholder="A station's name" aria-label="A station's name" />
+    <input class="grow" name="url" type="url" required placeholder="http://…" aria-label="Its address" />
+    <button><Icon name="add" />Add</button>
+  </form>;
+}
+
+function Own() {
+  // Asked for anew when one of them has changed, here or elsewhere.
+  const known = "?" + library.value.lists;
+  const stations = use_answer<{ stations: StationRow[] }>("stations" + known);
+  const playlists = use_answer<{ playlists: PlaylistRow[] }>("playlists" + known);
+  const before = useRef<[StationRow[], PlaylistRow[]]>(undefined);
+  if (stations.answer && playlists.answer) before.current = [stations.answer.stations, playlists.answer.playlists];
+  if (!before.current) return <Awaited failure={stations.failure || playlists.failure} />;
+  const [radios, own] = before.current;
+  return <>
+    <h2 class="first">Stations</h2>
+    <ul class="list">{radios.map((each) => <Playlist key={each.name} list={each}>
+      <Changes kind="stations" name={each.name} take_back={() => request("stations", { name: each.name, url: each.url })} />
+    </Playlist>)}</ul>
+    <AddStation />
+    <h2>Playlists</h2>
+    {own.length === 0 && <p class="quiet">None yet. A queue can be saved as one.</p>}
+    <ul class="list">{own.map((each) => <Playlist key={each.name} list={each}>
+      <Changes kind="playlists" name={each.name} take_back={() => request(path_of("playlists", each.name, "restore"), {})} />
+    </Playlist>)}</ul>
+  </>;
+}
+
+function Files() {
+  const { items, is_all, end } = use_pages<PlaylistRow>("library/playlists", "playlists");
+  if (!items || items.length === 0) return null;
+  return <>
+    <h2>In the music folders</h2>
+    <ul class="list">
+      {items.map((each) => <Playlist key={each.what} list={each} />)}
+      {!is_all && <li ref={end} class="quiet">…</li>}
+    </ul>
+  </>;
+}
+
+export function Playlists() {
+  return <><Own /><Files /></>;
+}
+
+// Asks for a name, and keeps a device's queue under it.
+export async function save_queue(device: { id: string }): Promise<void> {
+  const name = prompt("Save this queue as a playlist called");
+  if (name && await attempt(() => request("playlists", { name, device: device.id }))) say("Saved as " + name);
+}
