@@ -149,7 +149,7 @@ using Truth = uint8_t;
 // A text that fills its room has no 0 at its end.
 struct TagsAnswer {
     char title[kMaxText], artist[kMaxText], album[kMaxText], album_artist[kMaxText],
-        genre[kMaxText];
+        genre[kMaxText], composer[kMaxText];
     uint32_t disc, number, year;
     uint32_t rate_hz, channels, bits;
     int64_t duration_ms;

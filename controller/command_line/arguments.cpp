@@ -55,8 +55,8 @@ std::string time_text(int64_t ms) {
 }
 
 std::string to_what(const std::string& text) {
-    constexpr std::array kKinds{
-        "track:", "album:", "artist:", "folder:", "playlist:", "station:", "search:"};
+    constexpr std::array kKinds{"track:",    "album:",    "artist:",  "folder:", "genre:",
+                                "composer:", "playlist:", "station:", "search:"};
     if (is_web_address(text) ||
         std::ranges::any_of(kKinds, [&](const char* kind) { return text.starts_with(kind); })) {
         return text;

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <ctime>
 #include <utility>
 
 #include "controller/library/words.h"
@@ -11,7 +12,7 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr int64_t kVersion = 7;
+constexpr int64_t kVersion = 8;
 
 // An album is what has one title and one album artist, or, where no album artist is said, one title
 // in one folder. `artist` null: several. A row is a whole file (`part` 0) or one of its
@@ -24,18 +25,24 @@ CREATE TABLE folders(id INTEGER PRIMARY KEY AUTOINCREMENT, root TEXT NOT NULL, b
 CREATE INDEX folders_by_parent ON folders(parent, name);
 CREATE TABLE artists(id INTEGER PRIMARY KEY AUTOINCREMENT, name TEXT NOT NULL UNIQUE);
 CREATE TABLE albums(id INTEGER PRIMARY KEY AUTOINCREMENT, title TEXT NOT NULL, artist INTEGER,
-    maker TEXT NOT NULL, year INTEGER NOT NULL, UNIQUE(title, maker));
+    maker TEXT NOT NULL, year INTEGER NOT NULL, added INTEGER NOT NULL DEFAULT 0,
+    UNIQUE(title, maker));
 CREATE INDEX albums_by_artist ON albums(artist);
 CREATE INDEX albums_by_title ON albums(title COLLATE NOCASE);
+CREATE INDEX albums_by_year ON albums(year, title COLLATE NOCASE);
+CREATE INDEX albums_by_added ON albums(added);
 CREATE TABLE tracks(id INTEGER PRIMARY KEY AUTOINCREMENT, folder INTEGER NOT NULL,
     name TEXT NOT NULL, size INTEGER NOT NULL, modified INTEGER NOT NULL, title TEXT NOT NULL,
     artist INTEGER NOT NULL, album INTEGER NOT NULL, disc INTEGER NOT NULL, number INTEGER NOT NULL,
     duration INTEGER NOT NULL, rate INTEGER NOT NULL, channels INTEGER NOT NULL,
     bits INTEGER NOT NULL, failure TEXT NOT NULL, part INTEGER NOT NULL, begin_us INTEGER NOT NULL,
-    end_us INTEGER NOT NULL, sheet TEXT NOT NULL, sheets INTEGER NOT NULL, genre TEXT NOT NULL,
-    UNIQUE(folder, name, part));
+    end_us INTEGER NOT NULL, sheet TEXT NOT NULL, sheets INTEGER NOT NULL,
+    genre TEXT NOT NULL COLLATE NOCASE, composer TEXT NOT NULL COLLATE NOCASE,
+    added INTEGER NOT NULL, UNIQUE(folder, name, part));
 CREATE INDEX tracks_by_album ON tracks(album, disc, number);
 CREATE INDEX tracks_by_artist ON tracks(artist);
+CREATE INDEX tracks_by_genre ON tracks(genre, album);
+CREATE INDEX tracks_by_composer ON tracks(composer, album);
 CREATE INDEX unreadable_tracks ON tracks(id) WHERE failure != '';
 CREATE TABLE playlists(id INTEGER PRIMARY KEY AUTOINCREMENT, folder INTEGER NOT NULL,
     name TEXT NOT NULL, UNIQUE(folder, name));
@@ -50,7 +57,7 @@ CREATE VIRTUAL TABLE playlist_words USING fts5(title, whole,
     tokenize = 'unicode61 remove_diacritics 2', prefix = '1 2 3 4');
 INSERT INTO sqlite_sequence(name, seq) VALUES('tracks', abs(random() % 2000000000)),
     ('albums', abs(random() % 2000000000));
-PRAGMA user_version = 7;
+PRAGMA user_version = 8;
 COMMIT;
 )";
 
@@ -110,15 +117,17 @@ Catalogue::Catalogue(const std::string& path)
           m_database.prepare("INSERT INTO albums(title, maker, artist, year) VALUES(?, ?, ?, ?)")),
       m_put(m_database.prepare(
           "INSERT INTO tracks(folder, name, size, modified, title, artist, album, disc, number,"
-          " duration, rate, channels, bits, failure, part, begin_us, end_us, sheet, sheets, genre)"
-          " VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)"
+          " duration, rate, channels, bits, failure, part, begin_us, end_us, sheet, sheets, genre,"
+          " composer, added) VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?,"
+          " ?)"
           " ON CONFLICT(folder, name, part) DO UPDATE SET size = excluded.size,"
           " modified = excluded.modified, title = excluded.title, artist = excluded.artist,"
           " album = excluded.album, disc = excluded.disc, number = excluded.number,"
           " duration = excluded.duration, rate = excluded.rate, channels = excluded.channels,"
           " bits = excluded.bits, failure = excluded.failure,"
           " begin_us = excluded.begin_us, end_us = excluded.end_us, sheet = excluded.sheet,"
-          " sheets = excluded.sheets, genre = excluded.genre RETURNING id")),
+          " sheets = excluded.sheets, genre = excluded.genre, composer = excluded.composer"
+          " RETURNING id")),
       m_unword(m_database.prepare("DELETE FROM track_words WHERE rowid = ?")),
       m_word(m_database.prepare("INSERT INTO track_words(rowid, title, artist, album, more, whole) "
                                 "VALUES(?, ?, ?, ?, ?, ?)")),
@@ -130,7 +139,8 @@ Catalogue::Catalogue(const std::string& path)
       m_playlists_in(m_database.prepare("SELECT name FROM playlists WHERE folder = ?")),
       m_add_playlist(m_database.prepare("INSERT INTO playlists(folder, name) VALUES(?, ?)")),
       m_remove_playlist(m_database.prepare("DELETE FROM playlists WHERE folder = ? AND name = ?")),
-      m_remove_folder(m_database.prepare("DELETE FROM folders WHERE id = ?")) {}
+      m_remove_folder(m_database.prepare("DELETE FROM folders WHERE id = ?")),
+      m_is_new(track_count() == 0) {}
 
 void Catalogue::remove(const std::string& path) {
     for (const char* end : {"", "-wal", "-shm"}) {
@@ -286,18 +296,19 @@ void Catalogue::put_track(const Place& place, const KnownFile& file, const reade
         tags.album.empty() ? std::string(place.folder_name) : tags.album;
     const int64_t artist_id = artist(tags.artist);
     const int64_t album_id = album(album_title, tags.album_artist, place.folder, tags.year);
-    m_put.with(place.folder, place.name, file.size, file.modified_ns, title, artist_id, album_id,
-               tags.disc, tags.number, tags.duration_ms, tags.rate_hz, tags.channels, tags.bits,
-               failure, static_cast<int64_t>(place.part),
-               static_cast<int64_t>(place.section.begin_us),
-               static_cast<int64_t>(place.section.end_us), place.sheet, file.sheets, tags.genre);
+    m_put.with(
+        place.folder, place.name, file.size, file.modified_ns, title, artist_id, album_id,
+        tags.disc, tags.number, tags.duration_ms, tags.rate_hz, tags.channels, tags.bits, failure,
+        static_cast<int64_t>(place.part), static_cast<int64_t>(place.section.begin_us),
+        static_cast<int64_t>(place.section.end_us), place.sheet, file.sheets, tags.genre,
+        tags.composer, m_is_new ? file.modified_ns / 1'000'000'000 : int64_t{std::time(nullptr)});
     const int64_t id = m_put.step() ? m_put.number(0) : 0;
     m_put.run();
     m_unword.with(id).run();
     const std::string year = tags.year > 0 ? std::to_string(tags.year) + " " : "";
     m_word
         .with(id, folded(title), folded(tags.artist), folded(album_title),
-              folded(year + tags.genre), as_one_word(title))
+              folded(year + tags.genre + " " + tags.composer), as_one_word(title))
         .run();
 }
 
@@ -336,14 +347,18 @@ void Catalogue::tidy() {
             (SELECT album, CASE WHEN min(artist) = max(artist) THEN min(artist) END AS artist
              FROM tracks GROUP BY album) AS one
             WHERE one.album = albums.id AND maker LIKE '/%' AND albums.artist IS NOT one.artist;
+        UPDATE albums SET added = one.added FROM
+            (SELECT album, max(added) AS added FROM tracks GROUP BY album) AS one
+            WHERE one.album = albums.id AND albums.added != one.added;
         DELETE FROM artists WHERE id NOT IN (SELECT artist FROM tracks)
             AND id NOT IN (SELECT artist FROM albums WHERE artist IS NOT NULL);
         DELETE FROM album_words;
         INSERT INTO album_words(rowid, whole, title, artist, more) SELECT albums.id,
             as_one_word(title), folded(title),
-            folded(coalesce(name, '')), folded(year || ' ' || genres)
+            folded(coalesce(name, '')), folded(year || ' ' || genres || ' ' || composers)
             FROM albums LEFT JOIN artists ON artists.id = albums.artist
-            JOIN (SELECT album, group_concat(DISTINCT genre) AS genres FROM tracks GROUP BY album)
+            JOIN (SELECT album, group_concat(DISTINCT genre) AS genres,
+                group_concat(DISTINCT composer) AS composers FROM tracks GROUP BY album)
             ON album = albums.id;
         DELETE FROM artist_words;
         INSERT INTO artist_words(rowid, whole, title) SELECT id, as_one_word(name), folded(name)

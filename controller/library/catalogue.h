@@ -72,6 +72,8 @@ class Catalogue {
     int64_t track_count() { return count("tracks"); }
     int64_t unreadable_count() { return count("tracks WHERE failure != ''"); }
 
+    // All that is there has been read: what is new from now on came now.
+    void end_first_scan() { m_is_new = false; }
     // After changes: albums and artists without tracks go, an album of several artists says so.
     void tidy();
 
@@ -91,6 +93,7 @@ class Catalogue {
     Statement m_find_artist, m_add_artist, m_find_album, m_add_album;
     Statement m_put, m_unword, m_word, m_unword_parts, m_remove_parts;
     Statement m_playlists_in, m_add_playlist, m_remove_playlist, m_remove_folder;
+    bool m_is_new;  // when its tracks came is told by their files
 };
 
 }  // namespace nuvio::controller

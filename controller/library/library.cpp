@@ -48,6 +48,7 @@ Library::Library(const std::vector<std::string>& folders, const std::string& sta
       m_view(m_database, [this](const DatabaseError& error) { m_scanner.make_anew(error); }),
       m_covers(m_folders, state_folder + "/covers"),
       m_own_lists(state_folder),
+      m_heard(state_folder + "/heard.m3u8"),
       m_scanner(m_folders, m_database, m_view, std::move(on_change)) {}
 
 std::optional<Library::File> Library::open_track(int64_t id) {
@@ -89,6 +90,10 @@ Selection Library::selected(const std::string& what) {
     Selection selection;
     if (kind == "search") {
         selection.items = playables(best_match(rest));
+    } else if (kind == "genre" || kind == "composer") {
+        selection.items = playables(m_view.tracks_on(
+            kind == "genre" ? LibraryView::ShelfKind::genre : LibraryView::ShelfKind::composer,
+            rest, kOneTooMany));
     } else if (const std::optional<int64_t> id = to_number<int64_t>(rest)) {
         const std::optional<Track> track = kind == "track" ? m_view.track(*id) : std::nullopt;
         selection.items = playables(kind == "album"    ? m_view.tracks_of_album(*id, kOneTooMany)
@@ -242,6 +247,22 @@ Found Library::search(const std::string& text, LibraryView::Page page, LibraryVi
         found.playlists = std::move(own);
     }
     return found;
+}
+
+std::vector<Album> Library::albums_heard(LibraryView::Page page) {
+    std::vector<Album> albums;
+    for (const PlaylistEntry& heard : m_heard.albums()) {
+        const std::vector<Track> tracks = tracks_named(heard.location);
+        const std::optional<Album> album =
+            tracks.empty() ? std::nullopt : m_view.album(tracks.front().album_id);
+        if (album && std::ranges::find(albums, album->id, &Album::id) == albums.end()) {
+            albums.push_back(*album);
+        }
+    }
+    const auto first = std::min<std::ptrdiff_t>(page.first, std::ssize(albums));
+    albums.erase(albums.begin(), albums.begin() + first);
+    albums.resize(std::min(albums.size(), static_cast<size_t>(page.count)));
+    return albums;
 }
 
 std::vector<PlaylistEntry> Library::entries_of(const std::vector<Queued>& items) {

@@ -13,6 +13,7 @@
 
 #include "common/unique_fd.h"
 #include "controller/library/covers.h"
+#include "controller/library/heard.h"
 #include "controller/library/library_view.h"
 #include "controller/library/music_folders.h"
 #include "controller/library/own_lists.h"
@@ -54,7 +55,8 @@ class Library {
     // Of the album's first three tracks, see Covers.
     Covers::Found open_cover(int64_t album, CoverSize size);
 
-    // "track:ID", "album:ID", "artist:ID", "folder:ID", "playlist:NAME" and "station:NAME" of the
+    // "track:ID", "album:ID", "artist:ID", "folder:ID", "genre:NAME", "composer:NAME",
+    // "playlist:NAME" and "station:NAME" of the
     // own lists, "search:WORDS" (an own list of that very name, an album, else an artist, else
     // tracks), an http(s) URL, or a path of this machine below a music folder: an audio file, a
     // folder, an M3U playlist, a CUE sheet.
@@ -72,6 +74,12 @@ class Library {
     std::vector<PlaylistFile> playlists_in(int64_t folder);
 
     OwnLists& own_lists() { return m_own_lists; }
+    // A device plays it.
+    void note_heard(const Track& track) { m_heard.note(track); }
+    // What of it is in the library.
+    std::vector<Album> albums_heard(LibraryView::Page page);
+    // Grows when the own lists or the albums heard are others.
+    int64_t lists_revision() const { return m_own_lists.revision() + m_heard.revision(); }
     // What a playlist of these is to hold; what is no longer in the library is left out.
     struct Queued {
         int64_t track = 0;       // of the library; 0: `url`
@@ -93,6 +101,7 @@ class Library {
     LibraryView m_view;
     Covers m_covers;
     OwnLists m_own_lists;
+    Heard m_heard;
     Scanner m_scanner;
 };
 

@@ -28,6 +28,23 @@ constexpr char kArtistColumns[] =
 constexpr char kPlaylistColumns[] =
     "SELECT root, below, playlists.name FROM playlists JOIN folders ON folders.id = folder ";
 
+struct OrderRow {
+    const char *key, *by;
+    bool of_artists, has_letters;
+};
+
+// By LibraryView::Order.
+constexpr OrderRow kOrders[] = {
+    {"albums.title COLLATE NOCASE", "albums.title COLLATE NOCASE, albums.id", false, true},
+    {"coalesce(artists.name, '') COLLATE NOCASE",
+     "coalesce(artists.name, '') COLLATE NOCASE, year, albums.id", true, true},
+    {"''", "year DESC, albums.title COLLATE NOCASE, albums.id", false, false},
+    {"''", "added DESC, albums.id DESC", false, false}};
+
+constexpr const char* column_of(LibraryView::ShelfKind kind) {
+    return kind == LibraryView::ShelfKind::genre ? "genre" : "composer";
+}
+
 Album read_album(const Statement& row) {
     return {row.number(0), row.text(1), row.text(2), row.number(3), row.number(4), row.number(5)};
 }
@@ -138,10 +155,12 @@ void LibraryView::replace_file(const std::function<void()>& replace) {
     replace();
 }
 
-std::vector<Track> LibraryView::tracks(const char* condition, int64_t id, int64_t limit) {
+template <typename Value>
+std::vector<Track> LibraryView::tracks(const std::string& condition, const Value& value,
+                                       int64_t limit) {
     return ask([&](Database& database) {
-        Statement rows = database.prepare(std::string(kTrackColumns) + condition);
-        return read_tracks(rows.with(id, limit));
+        Statement rows = database.prepare(kTrackColumns + condition);
+        return read_tracks(rows.with(value, limit));
     });
 }
 
@@ -161,11 +180,36 @@ std::vector<UnreadableFile> LibraryView::unreadable(int64_t limit) {
     });
 }
 
-std::vector<Album> LibraryView::albums(Page page) {
+// What stands on the page is found first, as to count an album's tracks takes longer.
+std::vector<Album> LibraryView::albums(Page page, const AlbumList& list) {
+    const OrderRow& order = kOrders[static_cast<size_t>(list.order)];
+    std::string found = "SELECT albums.id FROM albums";
+    found += order.of_artists ? " LEFT JOIN artists ON artists.id = albums.artist" : "";
+    found += std::string(" WHERE ") + order.key + " >= ?3";
+    found += list.kind ? " AND albums.id IN (SELECT album FROM tracks WHERE " +
+                             std::string(column_of(*list.kind)) + " = ?4)"
+                       : " AND ?4 = ''";
     return ask([&](Database& database) {
-        Statement rows = database.prepare(std::string(kAlbumColumns) +
-                                          "ORDER BY albums.title COLLATE NOCASE LIMIT ? OFFSET ?");
-        return read_albums(rows.with(page.count, page.first));
+        const std::string by = std::string(" ORDER BY ") + order.by;
+        Statement rows = database.prepare(kAlbumColumns + ("WHERE albums.id IN (" + found) + by +
+                                          " LIMIT ?1 OFFSET ?2)" + by);
+        return read_albums(
+            rows.with(page.count, page.first, order.has_letters ? list.from : "", list.shelf));
+    });
+}
+
+std::vector<Shelf> LibraryView::shelves(ShelfKind kind, Page page) {
+    return ask([&](Database& database) {
+        const std::string name = column_of(kind);
+        Statement rows =
+            database.prepare("SELECT " + name + ", count(DISTINCT album) FROM tracks WHERE " +
+                             name + " != '' GROUP BY " + name + " LIMIT ? OFFSET ?");
+        rows.with(page.count, page.first);
+        std::vector<Shelf> shelves;
+        while (rows.step()) {
+            shelves.push_back({rows.text(0), rows.number(1)});
+        }
+        return shelves;
     });
 }
 
@@ -179,12 +223,12 @@ std::vector<Album> LibraryView::albums_of_artist(int64_t artist) {
     });
 }
 
-std::vector<Artist> LibraryView::artists(Page page) {
+std::vector<Artist> LibraryView::artists(Page page, const std::string& from) {
     return ask([&](Database& database) {
-        Statement rows =
-            database.prepare(std::string(kArtistColumns) +
-                             "WHERE name != '' ORDER BY name COLLATE NOCASE LIMIT ? OFFSET ?");
-        return read_artists(rows.with(page.count, page.first));
+        Statement rows = database.prepare(std::string(kArtistColumns) +
+                                          "WHERE name != '' AND name COLLATE NOCASE >= ?3"
+                                          " ORDER BY name COLLATE NOCASE LIMIT ?1 OFFSET ?2");
+        return read_artists(rows.with(page.count, page.first, from));
     });
 }
 
@@ -279,6 +323,13 @@ std::vector<Track> LibraryView::tracks_of_artist(int64_t artist, int64_t limit) 
         "WHERE tracks.artist = ?1 OR albums.artist = ?1"
         " ORDER BY albums.year, albums.title, disc, number, tracks.name, part LIMIT ?2",
         artist, limit);
+}
+
+std::vector<Track> LibraryView::tracks_on(ShelfKind kind, const std::string& shelf, int64_t limit) {
+    return tracks(std::string("WHERE tracks.") + column_of(kind) +
+                      " = ?1 ORDER BY albums.title, tracks.album, disc, number, tracks.name, part"
+                      " LIMIT ?2",
+                  shelf, limit);
 }
 
 std::vector<Track> LibraryView::tracks_below(int64_t folder, int64_t limit) {

@@ -39,6 +39,12 @@ struct Artist {
     int64_t album_count = 0;
 };
 
+// A genre or a composer.
+struct Shelf {
+    std::string name;
+    int64_t album_count = 0;
+};
+
 struct SubFolder {
     int64_t id = 0;
     std::string name;
@@ -88,10 +94,21 @@ class LibraryView {
         int64_t count = 100;
     };
 
-    // By title; of one artist (his own, and those that he plays on) by year.
-    std::vector<Album> albums(Page page);
+    enum class Order { title, artist, year, added };  // the newest first in the latter two
+    enum class ShelfKind { genre, composer };
+    struct AlbumList {
+        Order order = Order::title;
+        std::string from = {};  // by title or artist: not what comes before it
+        std::optional<ShelfKind> kind = {};
+        std::string shelf = {};  // with a track of that kind alone
+    };
+    std::vector<Album> albums(Page page) { return albums(page, {}); }
+    std::vector<Album> albums(Page page, const AlbumList& list);
+    // His own, and those that he plays on, by year.
     std::vector<Album> albums_of_artist(int64_t artist);
-    std::vector<Artist> artists(Page page);
+    // By name, not what comes before `from`.
+    std::vector<Artist> artists(Page page, const std::string& from = {});
+    std::vector<Shelf> shelves(ShelfKind kind, Page page);
     std::string artist_name(int64_t id);
     std::optional<Album> album(int64_t id);
     // 0: the music folders.
@@ -106,6 +123,7 @@ class LibraryView {
     // In playing order, at most `limit`.
     std::vector<Track> tracks_of_album(int64_t album, int64_t limit);
     std::vector<Track> tracks_of_artist(int64_t artist, int64_t limit);
+    std::vector<Track> tracks_on(ShelfKind kind, const std::string& shelf, int64_t limit);
     std::vector<Track> tracks_below(int64_t folder, int64_t limit);
 
     // In the order of the ids; what is no longer there is left out.
@@ -125,7 +143,8 @@ class LibraryView {
   private:
     template <typename Question>
     auto ask(Question question);
-    std::vector<Track> tracks(const char* condition, int64_t id, int64_t limit);
+    template <typename Value>
+    std::vector<Track> tracks(const std::string& condition, const Value& value, int64_t limit);
 
     const std::string m_path;
     const std::function<void(const DatabaseError&)> m_on_damage;

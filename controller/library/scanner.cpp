@@ -127,6 +127,7 @@ void Scanner::scan(Work work) {
             m_catalogue->tidy();
         }
         m_catalogue->commit();
+        m_catalogue->end_first_scan();
         note_tracks();
     } catch (const DatabaseError& error) {
         m_failure = error.is_damage() ? kMadeAnew : "The library can't be written: ";

@@ -11,8 +11,8 @@ import { library, play, selected } from "./state";
 import { attempt, request, time_text } from "./talk";
 
 const kTypingMs = 150;
-const kTabs = [["albums", "Albums"], ["artists", "Artists"], ["folders", "Folders"],
-               ["playlists", "Playlists"]] as const;
+const kTabs = [["albums", "Albums"], ["artists", "Artists"], ["genres", "Genres"], ["composers", "Composers"],
+               ["folders", "Folders"], ["playlists", "Playlists"]] as const;
 
 interface AlbumRow { id: number; title: string; artist: string; year: number }
 interface ArtistRow { id: number; name: string }
@@ -28,6 +28,12 @@ function Album({ album }: { album: AlbumRow }) {
 
 function Artist({ artist }: { artist: ArtistRow }) {
   return <li><a class="open button" href={"#library/artist/" + artist.id}>{artist.name || "Unknown"}</a></li>;
+}
+
+type ShelfKind = "genre" | "composer";
+
+function Shelf({ kind, name }: { kind: ShelfKind; name: string }) {
+  return <li><a class="open button" href={"#library/" + kind + "/" + encodeURIComponent(name)}>{name}</a></li>;
 }
 
 // `context`: all of what a press plays, from this track on.
@@ -51,22 +57,61 @@ function Actions({ what }: { what: string }) {
   </div>;
 }
 
-type Kind = "artists" | "albums" | "tracks" | "playlists";
+const kFound = ["artists", "albums", "tracks", "playlists"] as const;
+type FoundKind = typeof kFound[number];
+type Kind = FoundKind | "genres" | "composers";
 type Row = AlbumRow & ArtistRow & TrackRow & PlaylistRow;
 const kMakers: Record<Kind, (row: Row) => JSX.Element> = {
   artists: (row) => <Artist key={row.id} artist={row} />,
   albums: (row) => <Album key={row.id} album={row} />,
   tracks: (row) => <Track key={row.id} track={row} context={["track:" + row.id, 0]} />,
   playlists: (row) => <Playlist key={row.what} list={row} />,
+  genres: (row) => <Shelf key={row.name} kind="genre" name={row.name} />,
+  composers: (row) => <Shelf key={row.name} kind="composer" name={row.name} />,
 };
 
 function EndlessList({ path, of }: { path: string; of: Kind }) {
   const { items, is_all, failure, end } = use_pages<Row>(path, of);
   if (!items) return <Awaited failure={failure} />;
+  if (items.length === 0) return <p class="quiet">There are none.</p>;
   return <ul class={of === "albums" ? "grid" : "list"}>
     {items.map(kMakers[of])}
     {!is_all && <li ref={end} class="quiet">…</li>}
   </ul>;
+}
+
+const kOrders = { title: "By title", artist: "By artist", year: "By year", added: "Recently added", played: "Recently played" };
+const kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
+
+// The ways into a long list: where it begins. `place`: its address without a letter.
+function Letters({ place: list, from }: { place: string; from: string }) {
+  return <div class="strip">{["", ...kLetters].map((letter) =>
+    <a key={letter} class="button" href={list + letter} aria-current={letter === from ? "true" : undefined}>{letter || "All"}</a>)}</div>;
+}
+
+function Albums({ order, from }: { order: string; from: string }) {
+  // Those played last are others without a change of the library.
+  const path = "library/albums?sort=" + order + "&from=" + encodeURIComponent(from) + (order === "played" ? "&" + library.value.lists : "");
+  return <>
+    <select aria-label="Order" value={order} onChange={(event) => { location.hash = "#library/albums/" + event.currentTarget.value; }}>
+      {Object.entries(kOrders).map(([name, title]) => <option key={name} value={name}>{title}</option>)}
+    </select>
+    {(order === "title" || order === "artist") && <Letters place={"#library/albums/" + order + "/"} from={from} />}
+    <EndlessList key={path} path={path} of="albums" />
+  </>;
+}
+
+function Artists({ from }: { from: string }) {
+  return <><Letters place="#library/artists/" from={from} /><EndlessList key={from} path={"library/artists?from=" + encodeURIComponent(from)} of="artists" /></>;
+}
+
+function OneShelf({ kind, name }: { kind: ShelfKind; name: string }) {
+  return <>
+    <h2 class="first">{name}</h2>
+    <Actions what={kind + ":" + name} />
+    <h2>Albums</h2>
+    <EndlessList path={"library/albums?sort=artist&" + kind + "=" + encodeURIComponent(name)} of="albums" />
+  </>;
 }
 
 function EmptyLibrary() {
@@ -76,7 +121,7 @@ function EmptyLibrary() {
 }
 
 // The first of what was found of a kind, and the way to the rest.
-function Section({ title, kind, found, text }: { title: string; kind: Kind; found: Found; text: string }) {
+function Section({ title, kind, found, text }: { title: string; kind: FoundKind; found: Found; text: string }) {
   const rows = found[kind] as Row[];
   if (rows.length === 0) return null;
   const total = found.total?.[kind] ?? rows.length;
@@ -95,7 +140,7 @@ function Search({ text }: { text: string }) {
 }
 
 interface Found {
-  artists: ArtistRow[]; albums: AlbumRow[]; tracks: TrackRow[]; playlists: PlaylistRow[]; total?: Record<Kind, number>;
+  artists: ArtistRow[]; albums: AlbumRow[]; tracks: TrackRow[]; playlists: PlaylistRow[]; total?: Record<FoundKind, number>;
 }
 
 function SearchWords({ text }: { text: string }) {
@@ -230,10 +275,14 @@ function Content({ kind, words }: { kind: string; words: string[] }) {
   switch (kind) {
     case "album": return <OneAlbum key={id} id={id} />;
     case "artist": return <OneArtist key={id} id={id} />;
-    case "artists": return <EndlessList key="artists" path="library/artists" of="artists" />;
+    case "artists": return <Artists from={words[1] ?? ""} />;
+    case "genres":
+    case "composers": return <EndlessList key={kind} path={"library/" + kind} of={kind} />;
+    case "genre":
+    case "composer": return <OneShelf key={id} kind={kind} name={words.slice(1).join("/")} />;
     case "folders": return <Folder key={id} id={id} />;
     case "all": {
-      const of = (Object.keys(kMakers) as Kind[]).find((each) => each === words[1]) ?? "tracks";
+      const of = kFound.find((each) => each === words[1]) ?? "tracks";
       const path = "library/search?kind=" + of + "&q=" + encodeURIComponent(words.slice(2).join("/"));
       return <EndlessList key={path} path={path} of={of} />;
     }
@@ -241,7 +290,7 @@ function Content({ kind, words }: { kind: string; words: string[] }) {
     case "playlists": return <Playlists />;
     case "unreadable": return <Unreadable />;
     default: return library.value.tracks || library.value.scanning
-      ? <EndlessList key="albums" path="library/albums" of="albums" /> : <EmptyLibrary />;
+      ? <Albums order={kind === "albums" && words[1] || "title"} from={words[2] ?? ""} /> : <EmptyLibrary />;
   }
 }
 

@@ -186,6 +186,9 @@ void Channels::judge_track(const ChannelLink* link) {
     std::optional<Track> file;
     try {
         file = track_id != 0 ? m_library.view().track(track_id) : std::nullopt;
+        if (file) {
+            m_library.note_heard(*file);
+        }
     } catch (const DatabaseError& error) {
         log_line(LogLevel::error, std::string("The library can't be read: ") + error.what());
     }

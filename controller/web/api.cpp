@@ -46,6 +46,8 @@ const Api::Route Api::kRoutes[] = {
     {"GET", "/api/library/albums", &Api::library<&LibraryApi::get_albums>},
     {"GET", "/api/library/albums/*", &Api::library<&LibraryApi::get_album>},
     {"GET", "/api/library/artists", &Api::library<&LibraryApi::get_artists>},
+    {"GET", "/api/library/genres", &Api::library<&LibraryApi::get_genres>},
+    {"GET", "/api/library/composers", &Api::library<&LibraryApi::get_composers>},
     {"GET", "/api/library/folders/*", &Api::library<&LibraryApi::get_folder>},
     {"GET", "/api/library/search", &Api::library<&LibraryApi::get_search>},
     {"GET", "/api/library/unreadable", &Api::library<&LibraryApi::get_unreadable>},
@@ -92,7 +94,7 @@ std::string Api::state(uint64_t version, const std::string& device) {
     add(library.get(), "revision", progress.revision);
     add(library.get(), "unreadable", progress.unreadable);
     add(library.get(), "failure", progress.failure);
-    add(library.get(), "lists", m_library.own_lists().revision());
+    add(library.get(), "lists", m_library.lists_revision());
     JsonPtr document = new_object();
     add(document.get(), "version", static_cast<int64_t>(version));
     add(document.get(), "devices", m_house.devices().describe(device));

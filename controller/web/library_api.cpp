@@ -43,6 +43,13 @@ JsonPtr describe(const Artist& artist) {
     return object;
 }
 
+JsonPtr describe(const Shelf& shelf) {
+    JsonPtr object = new_object();
+    add(object.get(), "name", shelf.name);
+    add(object.get(), "albums", shelf.album_count);
+    return object;
+}
+
 JsonPtr describe(const UnreadableFile& file) {
     JsonPtr object = new_object();
     add(object.get(), "path", file.path);
@@ -87,6 +94,33 @@ constexpr struct {
               {"tracks", LibraryView::Kind::tracks},
               {"playlists", LibraryView::Kind::playlists}};
 
+constexpr struct {
+    std::string_view name;
+    LibraryView::Order order;
+} kOrders[] = {{"", LibraryView::Order::title},
+               {"title", LibraryView::Order::title},
+               {"artist", LibraryView::Order::artist},
+               {"year", LibraryView::Order::year},
+               {"added", LibraryView::Order::added}};
+
+// None: there is no such order.
+std::optional<LibraryView::AlbumList> list_of(const Exchange& exchange, const std::string& sort) {
+    const auto* const row =
+        std::ranges::find(kOrders, sort, [](const auto& one) { return one.name; });
+    if (row == std::end(kOrders)) {
+        return std::nullopt;
+    }
+    LibraryView::AlbumList list{row->order, exchange.parameter("from")};
+    const std::string genre = exchange.parameter("genre");
+    const std::string composer = exchange.parameter("composer");
+    if (!genre.empty() || !composer.empty()) {
+        list.kind =
+            genre.empty() ? LibraryView::ShelfKind::composer : LibraryView::ShelfKind::genre;
+        list.shelf = genre.empty() ? composer : genre;
+    }
+    return list;
+}
+
 JsonPtr in_object(const char* key, JsonPtr value) {
     JsonPtr object = new_object();
     add(object.get(), key, std::move(value));
@@ -97,9 +131,17 @@ JsonPtr in_object(const char* key, JsonPtr value) {
 
 int LibraryApi::get_albums(Exchange& exchange, const std::string&) {
     const int64_t artist = exchange.number_parameter("artist", 0);
-    if (artist == 0) {
+    const std::string sort = exchange.parameter("sort");
+    if (sort == "played") {
         return exchange.reply_json(
-            in_object("albums", describe_all(m_library.view().albums(page_of(exchange)))));
+            in_object("albums", describe_all(m_library.albums_heard(page_of(exchange)))));
+    }
+    if (artist == 0) {
+        const std::optional<LibraryView::AlbumList> list = list_of(exchange, sort);
+        return list
+                   ? exchange.reply_json(in_object(
+                         "albums", describe_all(m_library.view().albums(page_of(exchange), *list))))
+                   : exchange.fail(400, "sort is title, artist, year, added or played");
     }
     JsonPtr object = in_object("albums", describe_all(m_library.view().albums_of_artist(artist)));
     add(object.get(), "artist", m_library.view().artist_name(artist));
@@ -119,8 +161,21 @@ int LibraryApi::get_album(Exchange& exchange, const std::string& id) {
 }
 
 int LibraryApi::get_artists(Exchange& exchange, const std::string&) {
+    return exchange.reply_json(in_object(
+        "artists",
+        describe_all(m_library.view().artists(page_of(exchange), exchange.parameter("from")))));
+}
+
+int LibraryApi::get_genres(Exchange& exchange, const std::string&) {
+    return exchange.reply_json(in_object(
+        "genres",
+        describe_all(m_library.view().shelves(LibraryView::ShelfKind::genre, page_of(exchange)))));
+}
+
+int LibraryApi::get_composers(Exchange& exchange, const std::string&) {
     return exchange.reply_json(
-        in_object("artists", describe_all(m_library.view().artists(page_of(exchange)))));
+        in_object("composers", describe_all(m_library.view().shelves(
+                                   LibraryView::ShelfKind::composer, page_of(exchange)))));
 }
 
 int LibraryApi::get_folder(Exchange& exchange, const std::string& id) {

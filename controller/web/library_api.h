@@ -1,8 +1,9 @@
 // The part of the API that is about music: the library, own playlists and stations.
 //
-// - GET /api/library/albums, ?first= &count= or ?artist=ID
+// - GET /api/library/albums, ?first= &count= &sort= &from= &genre= &composer= or ?artist=ID
 // - GET /api/library/albums/ID
-// - GET /api/library/artists, ?first= &count=
+// - GET /api/library/artists, ?first= &count= &from=
+// - GET /api/library/genres, /api/library/composers, ?first= &count=
 // - GET /api/library/folders/ID; 0: the music folders
 // - GET /api/library/playlists, ?first= &count=: M3U files of the music folders
 // - GET /api/library/search, ?q=
@@ -34,6 +35,8 @@ class LibraryApi {
     int get_albums(Exchange& exchange, const std::string& id);
     int get_album(Exchange& exchange, const std::string& id);
     int get_artists(Exchange& exchange, const std::string& id);
+    int get_genres(Exchange& exchange, const std::string& id);
+    int get_composers(Exchange& exchange, const std::string& id);
     int get_folder(Exchange& exchange, const std::string& id);
     int get_search(Exchange& exchange, const std::string& id);
     int get_unreadable(Exchange& exchange, const std::string& id);

@@ -21,8 +21,8 @@ constexpr uint32_t kMaxCount = 9999;  // of discs, tracks, years
 Tags tags_in(const TagsAnswer& answer) {
     constexpr uint32_t kMaxRate = 10'000'000;
     constexpr int64_t kMaxDuration = int64_t{1} << 40U;
-    Tags tags{utf8_in(answer.title), utf8_in(answer.artist), utf8_in(answer.album),
-              utf8_in(answer.album_artist), utf8_in(answer.genre)};
+    Tags tags{utf8_in(answer.title),        utf8_in(answer.artist), utf8_in(answer.album),
+              utf8_in(answer.album_artist), utf8_in(answer.genre),  utf8_in(answer.composer)};
     tags.disc = std::min(answer.disc, kMaxCount);
     tags.number = std::min(answer.number, kMaxCount);
     tags.year = std::min(answer.year, kMaxCount);

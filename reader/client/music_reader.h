@@ -18,8 +18,8 @@ namespace nuvio::reader {
 
 // Texts of at most 300 bytes of UTF-8.
 struct Tags {
-    std::string title, artist, album, album_artist, genre;  // empty: not said
-    uint32_t disc = 0, number = 0, year = 0;                // 0: not said
+    std::string title, artist, album, album_artist, genre, composer;  // empty: not said
+    uint32_t disc = 0, number = 0, year = 0;                          // 0: not said
     int64_t duration_ms = 0;
     uint32_t rate_hz = 0, channels = 0;  // 0: not known
     uint32_t bits = 0;                   // 0: lossy, or not known

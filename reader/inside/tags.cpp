@@ -72,6 +72,7 @@ void read_tags(const UniqueFd& fd, TagsAnswer* answer) {
     put(text_of(properties, "ALBUM"), answer->album);
     put(text_of(properties, "ALBUMARTIST"), answer->album_artist);
     put(text_of(properties, "GENRE"), answer->genre);
+    put(text_of(properties, "COMPOSER"), answer->composer);
     answer->disc = count_of(text_of(properties, "DISCNUMBER"));
     answer->number = count_of(text_of(properties, "TRACKNUMBER"));
     answer->year = count_of(text_of(properties, "DATE"));

@@ -80,7 +80,7 @@ class HouseTest(unittest.TestCase):
                 samples = signal_samples(SECONDS * e2e.CD, (number * 2 + track) * 50_000)
                 self.played[number, track] = e2e.write_wav(wav, samples, e2e.CD)
                 tags = {"title": f"{album} {track + 1}", "artist": artist, "album": album, "albumartist": artist,
-                        "tracknumber": track + 1, "date": 2001 + number, "genre": "Shanty"}
+                        "tracknumber": track + 1, "date": 2001 + number, "genre": "Shanty", "composer": "Ida Quill"}
                 if number == 1:
                     continue
                 subprocess.run(["flac", "-s", f"--picture={cover}", *(f"-T{tag}={tags[tag]}" for tag in tags),

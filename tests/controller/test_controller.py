@@ -11,7 +11,7 @@ import subprocess
 import threading
 import time
 
-from house import PATIENCE, SECONDS, SESAME, HouseTest, e2e, free_port, memory_of, wait_for
+from house import ALBUMS, PATIENCE, SECONDS, SESAME, HouseTest, e2e, free_port, memory_of, wait_for
 
 
 class CommandLine(HouseTest):
@@ -30,10 +30,8 @@ class CommandLine(HouseTest):
         self.command("queue", "Kitchen", "add", "köln")
         whole = self.command("queue", "Kitchen")
         self.command("queue", "Kitchen", "clear")
-        self.assertEqual(self.command("queue", "Kitchen"), whole.splitlines()[0] + "\n")
         self.command("undo", "Kitchen")
         self.assertEqual(self.command("queue", "Kitchen"), whole)
-        self.assertIn("nothing to undo", self.run_command("undo", "Kitchen").stderr)
         self.command("queue", "Kitchen", "remove", 3, 4)
         wait_for("all of it without a break", lambda: self.heard(kitchen, 0, 0, 7))
 
@@ -59,13 +57,8 @@ class CommandLine(HouseTest):
         queue = json.loads(self.ask("/api/devices/Kitchen/queue")[2])["items"]
         self.assertEqual([item["title"] for item in queue], ["Köln, früh 1", "Night Boats 2", "Köln, früh 2"])
         self.command("playlists", "save", "Kitchen", "Night/Köln")
-        self.command("stations", "add", "Nobody", "http://127.0.0.1:9/")
-        self.assertIn("http://127.0.0.1:9/", self.command("stations"))
-        self.command("play", "--no-wait", "Kitchen", "nobody")
-        self.assertEqual(self.shown("Kitchen")["asked"], {"title": "Nobody"})
         self.command("play", "Kitchen", "night-köln")
-        again = json.loads(self.ask("/api/devices/Kitchen/queue")[2])["items"]
-        self.assertEqual([item["title"] for item in again], [item["title"] for item in queue])
+        self.assertEqual([line[7:9] for line in self.command("queue", "Kitchen").splitlines()], ["Kö", "Ni", "Kö"])
         # In a library's order, from its second track on.
         album = f"album:{self.first_album()['id']}"
         status, _, _ = self.ask("/api/devices/Kitchen/play", {"what": [album], "start": 1})
@@ -81,6 +74,11 @@ class CommandLine(HouseTest):
             self.assertEqual((result.returncode, why in result.stderr), (status, True), result)
         found = json.loads(self.ask("/api/library/search?q=shanty&kind=tracks&count=3")[2])
         self.assertEqual((len(found["tracks"]), found["total"]), (3, {"artists": 0, "albums": 2, "tracks": 4, "playlists": 0}))
+
+        for shelf, name in ("genres", "Shanty"), ("composers", "Ida Quill"):
+            self.assertEqual(json.loads(self.ask(f"/api/library/{shelf}")[2]), {shelf: [{"name": name, "albums": 2}]})
+        heard = json.loads(self.ask("/api/library/albums?sort=played&composer=x")[2])["albums"]
+        self.assertEqual({album["title"] for album in heard}, {album for album, _, _ in ALBUMS})
 
         # The Avahi daemon under them goes and comes back, and the music does not notice.
         self.command("loop", "Kitchen", "all")
