@@ -47,5 +47,13 @@ export function rename_place(hash: string): void {
   place.value = here();
 }
 
-window.addEventListener("hashchange", () => { place.value = here(); });
-window.addEventListener("scroll", () => { scrolled.set(place.value.entry, window.scrollY); }, { passive: true });
+function note_scroll(): void {
+  scrolled.set(place.value.entry, window.scrollY);
+}
+
+// A busy browser may tell of the last scrolling only when the place is another one.
+window.addEventListener("hashchange", () => {
+  note_scroll();
+  place.value = here();
+});
+window.addEventListener("scroll", note_scroll, { passive: true });
