@@ -231,12 +231,11 @@ Outcome Sessions::insert(const std::string& id, const ToldTracks& added, Where w
 
 Outcome Sessions::insert_before(const std::string& id, const ToldTracks& added,
                                 std::optional<int64_t> before, Time latest) {
+    bool is_there = false;
     {
         const std::scoped_lock lock(m_house.mutex);
         const Device* const device = m_house.find(id);
-        if (before && device != nullptr && device->state.find(*before) == nullptr) {
-            before.reset();
-        }
+        is_there = before && device != nullptr && device->state.find(*before) != nullptr;
     }
     std::vector<JsonPtr> lists = track_lists(added, address_here(id));
     for (JsonPtr& tracks : lists) {
@@ -244,7 +243,7 @@ Outcome Sessions::insert_before(const std::string& id, const ToldTracks& added,
         set_being_filled(id, !is_last);
         JsonPtr arguments = new_object();
         add(arguments.get(), "tracks", std::move(tracks));
-        if (before) {
+        if (is_there) {
             add(arguments.get(), "before", *before);
         }
         Outcome outcome =

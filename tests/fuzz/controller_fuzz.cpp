@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (parse_range(text, 1000, &range) == RangeKind::part) {
         FUZZ_EXPECT(range.first >= 0 && range.first < range.end && range.end <= 1000);
     }
-    track_id_of(std::string(text), "");
+    track_id_of(std::string(text));
     // A message a line.
     DeviceState state("http://here");
     const auto now = DeviceState::Clock::now();
