@@ -30,7 +30,7 @@ LIBRARIES = {"libuv": ("libuv", "libuv"), "avahi-client": ("avahi", "avahi"),
              "libturbojpeg": ("jpeg-turbo", "libjpeg-turbo"), "libwebp": ("webp", "libwebp"),
              "libwebsockets": ("libwebsockets", "libwebsockets"),
              "libsystemd": ("systemd", "systemd"), "libcrypto": ("openssl", "openssl"),
-             "sqlite3": ("sqlite", "sqlite3"),
+             "sqlite3": ("sqlite", "sqlite3"), "zlib": ("zlib", "zlib"),
              "civetweb": ("civetweb", "civetweb")}
 # Yocto's variables for folders, as on a machine with a merged /usr.
 FOLDERS = {"bindir": "/usr/bin", "libdir": "/usr/lib", "libexecdir": "/usr/libexec",
