@@ -147,7 +147,7 @@ class Bus(DeviceTest):
             ("playerctl loop none", "REPEAT:OFF"),
             ("playerctl loop track", "REPEAT:ONE"),
             ("playerctl loop playlist", "REPEAT:ALL")])
-        self.assertEqual(self.client("playerctl volume"), "1.000000")
+        self.wait_for_answer("playerctl volume", "1.000000")  # a report of the one before may come late
         self.wait_for_answer("playerctl metadata title", "Three")  # and its state before it
         self.assert_become([
             ("playerctl play-pause", "RESUME"),
