@@ -222,8 +222,7 @@ int LibraryApi::post_scan(Exchange& exchange, const std::string&) {
     return exchange.reply_json(new_object());
 }
 
-// ---- Own lists
-// ------------------------------------------------------------------------------------
+// ---- Own lists ----------------------------------------------------------------------------------
 
 int LibraryApi::get_playlist_files(Exchange& exchange, const std::string&) {
     return exchange.reply_json(
