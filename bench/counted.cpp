@@ -2,9 +2,8 @@
 // its sum where a process ends: a reader is asked to end instead of killed, and has no limits. Of
 // the daemon it counts from cost_begins to cost_ends, which are called
 //
-//   NUVIO_COUNT_FRAMES=FROM-TO   where that many have been written to the card; how many there
-//   really
-//                                were in between goes to the file NUVIO_COUNTED
+//   NUVIO_COUNT_FRAMES=FROM-TO   where that many have been written to the card; how many it were in
+//                                between goes to the file NUVIO_COUNTED
 //   NUVIO_COUNT_MS=FROM-TO       that long after its start, on a thread that does nothing else
 #include <alsa/asoundlib.h>
 #include <dlfcn.h>
