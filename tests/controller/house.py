@@ -168,7 +168,8 @@ class HouseTest(unittest.TestCase):
         before, told, after = device.position(), seconds(), device.position()
         self.assertTrue(before - 1 < told < after + 1, (before, told, after))
 
-    def heard(self, device, number, track, seconds=2):
-        """Whether a card's recordings have this much of a track from its beginning, bit for bit."""
+    def heard(self, device, number, track, seconds=2, since=None):
+        """Whether a card's recordings have this much of a track from its beginning, bit for bit; `since`:
+        the bytes of a recording, by its name, that were there before."""
         wanted = self.played[number, track][:int(seconds * e2e.CD) * 4]
-        return any(wanted in recording.data for recording in device.recordings())
+        return any(wanted in recording.data[(since or {}).get(recording.name, 0):] for recording in device.recordings())

@@ -81,6 +81,7 @@ class Recording:
     """What the card played between one opening and the next."""
 
     def __init__(self, text_path):
+        self.name = text_path.stem
         fields = dict(re.findall(r"^(\w+)[ =:]+(\S+)", text_path.read_text(), re.M))
         self.format = fields["format"]
         self.rate = int(fields["rate"])
