@@ -4,31 +4,31 @@ import { render } from "preact";
 import { useErrorBoundary, useLayoutEffect, useRef } from "preact/hooks";
 import { Devices } from "./devices";
 import { offer_keys } from "./keys";
+import { clock_text, texts } from "./language";
 import { Library } from "./library";
 import { Icon } from "./parts";
 import type { Screen } from "./places";
-import { go_and_search, place } from "./places";
+import { go_and_search, kScreens as kNames, place } from "./places";
 import { Mini, Playing } from "./playing";
 import { Queue } from "./queue";
 import { is_connected, known_at, refusal, selected, start, toggle_play } from "./state";
 import { said, say } from "./talk";
 import { Undo } from "./undo";
 
-const kScreens: Record<Screen, { title: string; icon: string; Shown: () => ComponentChildren }> = {
-  devices: { title: "Devices", icon: "speaker", Shown: Devices },
-  library: { title: "Library", icon: "library", Shown: Library },
-  queue: { title: "Queue", icon: "queue", Shown: Queue },
-  playing: { title: "Playing", icon: "play", Shown: Playing },
+const kScreens: Record<Screen, { icon: string; Shown: () => ComponentChildren }> = {
+  devices: { icon: "speaker", Shown: Devices },
+  library: { icon: "library", Shown: Library },
+  queue: { icon: "queue", Shown: Queue },
+  playing: { icon: "play", Shown: Playing },
 };
 
 function Banner() {
   if (is_connected.value) return null;
   const at = known_at.value;
   return <p id="banner" role="status">
-    {at === null && !refusal.value && "Connecting to the controller …"}
+    {at === null && !refusal.value && texts.connecting}
     {refusal.value}{refusal.value && " "}
-    {at !== null && "No connection to the controller. This is what was known at " +
-      new Date(at).toLocaleTimeString() + "."}
+    {at !== null && texts.known_at(clock_text(at))}
   </p>;
 }
 
@@ -45,8 +45,9 @@ function Toast() {
 }
 
 function Nav({ screen }: { screen: Screen }) {
-  return <nav aria-label="Screens">{Object.entries(kScreens).map(([name, { title, icon }]) =>
-    <a key={name} href={"#" + name} aria-current={name === screen ? "page" : undefined}><Icon name={icon} />{title}</a>)}</nav>;
+  return <nav aria-label={texts.list_of_screens}>{kNames.map((name) =>
+    <a key={name} href={"#" + name} aria-current={name === screen ? "page" : undefined}>
+      <Icon name={kScreens[name].icon} />{texts.screens[name]}</a>)}</nav>;
 }
 
 // A screen that fails is said to have; the others, the connection and what plays go on.
@@ -54,8 +55,8 @@ function Guarded({ children }: { children: ComponentChildren }) {
   const [failure, again] = useErrorBoundary((error) => console.error(error));
   if (!failure) return <>{children}</>;
   return <>
-    <h1 tabIndex={-1}>This screen has failed</h1>
-    <p><button type="button" onClick={again}>Show it again</button></p>
+    <h1 tabIndex={-1}>{texts.screen_failed}</h1>
+    <p><button type="button" onClick={again}>{texts.show_it_again}</button></p>
   </>;
 }
 
@@ -63,8 +64,8 @@ function Page() {
   const { screen, entry, scroll } = place.value;
   const main = useRef<HTMLElement>(null);
   const last = useRef(screen);
-  const { title, Shown } = kScreens[screen];
-  document.title = (screen === "devices" ? "" : title + " · ") + "Nuvio Connect";
+  const { Shown } = kScreens[screen];
+  document.title = (screen === "devices" ? "" : texts.screens[screen] + " · ") + "Nuvio Connect";
   useLayoutEffect(() => {
     // The queue finds its own place when it is new.
     if (scroll !== undefined || screen !== "queue") window.scrollTo(0, scroll ?? 0);
@@ -75,7 +76,7 @@ function Page() {
     <a class="skip" href="#main" onClick={(event) => {
       event.preventDefault();
       main.current?.focus();
-    }}>To the content</a>
+    }}>{texts.to_the_content}</a>
     <main id="main" tabIndex={-1} ref={main}><Guarded key={screen}><Shown /></Guarded></main>
     <div class="below">
       <Banner />

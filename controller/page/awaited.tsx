@@ -1,5 +1,6 @@
 // What stands where an answer is awaited.
 import { useEffect, useState } from "preact/hooks";
+import { texts } from "./language";
 
 const kSlowMs = 300;  // longer: something is said about it
 
@@ -11,5 +12,5 @@ export function Awaited({ failure }: { failure: string }) {
     return () => clearTimeout(timer);
   }, []);
   if (failure) return <p class="warn">{failure}</p>;
-  return is_slow ? <p class="quiet" role="status">Being read …</p> : null;
+  return is_slow ? <p class="quiet" role="status">{texts.being_read}</p> : null;
 }

@@ -1,4 +1,5 @@
 // The devices: what each plays, its volume; which one the other screens are about.
+import { texts } from "./language";
 import { Cover, Doing, has_music, IconButton, PlayButton, title_of, Two } from "./parts";
 import { Rename } from "./rename";
 import { AllRooms } from "./rooms";
@@ -16,13 +17,14 @@ function Card({ device, is_selected }: { device: Device; is_selected: boolean })
       </div>
       <Rename device={device} />
       <button type="button" aria-pressed={is_selected} onClick={() => select(device.id)}
-              aria-label={(is_selected ? "Chosen: " : "Choose ") + device.name}>{is_selected ? "Chosen" : "Choose"}</button>
+              aria-label={(is_selected ? texts.chosen_device : texts.choose_device)(device.name)}>
+        {is_selected ? texts.chosen : texts.choose}</button>
     </div>
     <Doing device={device} />
     {has_music(device) && <div class={"row" + (device.is_pending ? " pending" : "")}>
       <Cover path={device.track?.cover} size="small" />
       <Two first={title_of(device)} second={device.track?.artist} />
-      {device.track && <PlayButton device={device} label={" " + device.name} />}
+      {device.track && <PlayButton device={device} is_named />}
     </div>}
     {device.connected && <VolumeRow device={device} />}
   </article>;
@@ -32,13 +34,11 @@ export function Devices() {
   const all = devices.value;
   return <>
     <div class="row title">
-      <h1 tabIndex={-1} class="grow">Devices</h1>
-      <IconButton icon="scan" label="Ask all devices again" onClick={() => request("devices/look", {}).catch(() => {})} />
+      <h1 tabIndex={-1} class="grow">{texts.screens.devices}</h1>
+      <IconButton icon="scan" label={texts.ask_all} onClick={() => request("devices/look", {}).catch(() => {})} />
     </div>
     <AllRooms />
     {all.map((device) => <Card key={device.id} device={device} is_selected={device.id === selected.value?.id} />)}
-    {all.length === 0 && <p>{is_connected.value
-      ? "No device has been found yet. Switch one on, in this network; it appears here by itself."
-      : "Nothing is known yet."}</p>}
+    {all.length === 0 && <p>{is_connected.value ? texts.none_found : texts.nothing_known}</p>}
   </>;
 }

@@ -3,6 +3,7 @@ import type { JSX } from "preact";
 import { useEffect, useRef } from "preact/hooks";
 import { use_answer, use_pages } from "./answers";
 import { Awaited } from "./awaited";
+import { counted, number_text, texts } from "./language";
 import { Cover, Icon, IconButton, Two } from "./parts";
 import { place, rename_place, wants_search } from "./places";
 import type { PlaylistRow } from "./playlists";
@@ -11,8 +12,6 @@ import { library, play, selected } from "./state";
 import { attempt, request, time_text } from "./talk";
 
 const kTypingMs = 150;
-const kTabs = [["albums", "Albums"], ["artists", "Artists"], ["genres", "Genres"], ["composers", "Composers"],
-               ["folders", "Folders"], ["playlists", "Playlists"]] as const;
 
 interface AlbumRow { id: number; title: string; artist: string; year: number }
 interface ArtistRow { id: number; name: string }
@@ -21,13 +20,13 @@ interface TrackRow { id: number; title: string; artist: string; disc: number; nu
 function Album({ album }: { album: AlbumRow }) {
   return <li><a href={"#library/album/" + album.id}>
     <Cover path={"cover/" + album.id} />
-    <span class="cut">{album.title || "Untitled"}</span>
+    <span class="cut">{album.title || texts.untitled}</span>
     <span class="cut quiet">{album.artist || album.year || " "}</span>
   </a></li>;
 }
 
 function Artist({ artist }: { artist: ArtistRow }) {
-  return <li><a class="open button" href={"#library/artist/" + artist.id}>{artist.name || "Unknown"}</a></li>;
+  return <li><a class="open button" href={"#library/artist/" + artist.id}>{artist.name || texts.unknown}</a></li>;
 }
 
 type ShelfKind = "genre" | "composer";
@@ -45,19 +44,19 @@ function Track({ track, number, context }: { track: TrackRow; number?: number; c
       <Two first={track.title} second={track.artist} />
       <span class="quiet">{track.duration_ms ? time_text(track.duration_ms) : ""}</span>
     </button>
-    <IconButton icon="add" label={"Add " + track.title + " to the queue"} onClick={() => play("track:" + track.id, { where: "end" })} />
+    <IconButton icon="add" label={texts.add_title(track.title)} onClick={() => play("track:" + track.id, { where: "end" })} />
   </li>;
 }
 
 function Actions({ what }: { what: string }) {
   return <div class="row wrap">
-    <button type="button" class="main" onClick={() => play(what)}><Icon name="play" />Play</button>
-    <button type="button" onClick={() => play(what, { where: "next" })}>Play next</button>
-    <button type="button" onClick={() => play(what, { where: "end" })}>Add to queue</button>
+    <button type="button" class="main" onClick={() => play(what)}><Icon name="play" />{texts.play}</button>
+    <button type="button" onClick={() => play(what, { where: "next" })}>{texts.play_next}</button>
+    <button type="button" onClick={() => play(what, { where: "end" })}>{texts.add_to_queue}</button>
   </div>;
 }
 
-const kFound = ["artists", "albums", "tracks", "playlists"] as const;
+const kFound = ["playlists", "artists", "albums", "tracks"] as const;
 type FoundKind = typeof kFound[number];
 type Kind = FoundKind | "genres" | "composers";
 type Row = AlbumRow & ArtistRow & TrackRow & PlaylistRow;
@@ -73,28 +72,27 @@ const kMakers: Record<Kind, (row: Row) => JSX.Element> = {
 function EndlessList({ path, of }: { path: string; of: Kind }) {
   const { items, is_all, failure, end } = use_pages<Row>(path, of);
   if (!items) return <Awaited failure={failure} />;
-  if (items.length === 0) return <p class="quiet">There are none.</p>;
+  if (items.length === 0) return <p class="quiet">{texts.there_are_none}</p>;
   return <ul class={of === "albums" ? "grid" : "list"}>
     {items.map(kMakers[of])}
     {!is_all && <li ref={end} class="quiet">…</li>}
   </ul>;
 }
 
-const kOrders = { title: "By title", artist: "By artist", year: "By year", added: "Recently added", played: "Recently played" };
 const kLetters = "ABCDEFGHIJKLMNOPQRSTUVWXYZ";
 
 // The ways into a long list: where it begins. `place`: its address without a letter.
 function Letters({ place: list, from }: { place: string; from: string }) {
   return <div class="strip">{["", ...kLetters].map((letter) =>
-    <a key={letter} class="button" href={list + letter} aria-current={letter === from ? "true" : undefined}>{letter || "All"}</a>)}</div>;
+    <a key={letter} class="button" href={list + letter} aria-current={letter === from ? "true" : undefined}>{letter || texts.all_letters}</a>)}</div>;
 }
 
 function Albums({ order, from }: { order: string; from: string }) {
   // Those played last are others without a change of the library.
   const path = "library/albums?sort=" + order + "&from=" + encodeURIComponent(from) + (order === "played" ? "&" + library.value.lists : "");
   return <>
-    <select aria-label="Order" value={order} onChange={(event) => { location.hash = "#library/albums/" + event.currentTarget.value; }}>
-      {Object.entries(kOrders).map(([name, title]) => <option key={name} value={name}>{title}</option>)}
+    <select aria-label={texts.order} value={order} onChange={(event) => { location.hash = "#library/albums/" + event.currentTarget.value; }}>
+      {Object.entries(texts.orders).map(([name, title]) => <option key={name} value={name}>{title}</option>)}
     </select>
     {(order === "title" || order === "artist") && <Letters place={"#library/albums/" + order + "/"} from={from} />}
     <EndlessList key={path} path={path} of="albums" />
@@ -109,27 +107,25 @@ function OneShelf({ kind, name }: { kind: ShelfKind; name: string }) {
   return <>
     <h2 class="first">{name}</h2>
     <Actions what={kind + ":" + name} />
-    <h2>Albums</h2>
+    <h2>{texts.tabs.albums}</h2>
     <EndlessList path={"library/albums?sort=artist&" + kind + "=" + encodeURIComponent(name)} of="albums" />
   </>;
 }
 
 function EmptyLibrary() {
-  return <p>{library.value.folders === 0
-    ? "No music folder was named. Start the controller with --music and a folder."
-    : "No music was found in the folders that were named. Put some there: it appears here by itself."}</p>;
+  return <p>{library.value.folders === 0 ? texts.no_folders : texts.no_music}</p>;
 }
 
 // The first of what was found of a kind, and the way to the rest.
-function Section({ title, kind, found, text }: { title: string; kind: FoundKind; found: Found; text: string }) {
+function Section({ kind, found, text }: { kind: FoundKind; found: Found; text: string }) {
   const rows = found[kind] as Row[];
   if (rows.length === 0) return null;
   const total = found.total?.[kind] ?? rows.length;
   return <>
-    <h2>{title}</h2>
+    <h2>{texts.found[kind]}</h2>
     <ul class={kind === "albums" ? "grid" : "list"}>{rows.map(kMakers[kind])}</ul>
     {total > rows.length && <p><a class="button" href={"#library/all/" + kind + "/" + encodeURIComponent(text)}>
-      Show all {total}</a></p>}
+      {counted(texts.show_all, total)}</a></p>}
   </>;
 }
 
@@ -151,13 +147,10 @@ function SearchWords({ text }: { text: string }) {
   const found = before.current;
   if (!found || failure) return <Awaited failure={failure} />;
   if (found.artists.length + found.albums.length + found.tracks.length + found.playlists.length === 0) {
-    return <p>Nothing in the library has all of these words. Beginnings of words are enough; fewer find more.</p>;
+    return <p>{texts.nothing_found}</p>;
   }
   return <>
-    <Section title="Playlists and stations" kind="playlists" found={found} text={text} />
-    <Section title="Artists" kind="artists" found={found} text={text} />
-    <Section title="Albums" kind="albums" found={found} text={text} />
-    <Section title="Tracks" kind="tracks" found={found} text={text} />
+    {kFound.map((kind) => <Section key={kind} kind={kind} found={found} text={text} />)}
   </>;
 }
 
@@ -166,7 +159,7 @@ function AlbumTracks({ id, tracks }: { id: string; tracks: TrackRow[] }) {
   const discs = new Set(tracks.map((track) => track.disc));
   const is_first = (at: number) => discs.size > 1 && tracks[at]?.disc !== tracks[at - 1]?.disc;
   return <ul class="list">{tracks.map((track, at) => <>
-    {is_first(at) && <li key={"disc-" + track.disc} class="heading"><h3>{track.disc ? "Disc " + track.disc : "Without a disc"}</h3></li>}
+    {is_first(at) && <li key={"disc-" + track.disc} class="heading"><h3>{track.disc ? texts.disc(number_text(track.disc)) : texts.without_disc}</h3></li>}
     <Track key={track.id} track={track} number={track.number} context={["album:" + id, at]} />
   </>)}</ul>;
 }
@@ -178,7 +171,7 @@ function OneAlbum({ id }: { id: string }) {
     <div class="head">
       <Cover path={"cover/" + id} />
       <div class="grow">
-        <h2 class="first">{answer.title || "Untitled"}</h2>
+        <h2 class="first">{answer.title || texts.untitled}</h2>
         <p class="quiet">{[answer.artist, answer.year || ""].filter(Boolean).join(" · ")}</p>
         <Actions what={"album:" + id} />
       </div>
@@ -191,9 +184,9 @@ function OneArtist({ id }: { id: string }) {
   const { answer, failure } = use_answer<{ artist: string; albums: AlbumRow[] }>("library/albums?artist=" + id);
   if (!answer) return <Awaited failure={failure} />;
   return <>
-    <h2 class="first">{answer.artist || "Unknown"}</h2>
+    <h2 class="first">{answer.artist || texts.unknown}</h2>
     <Actions what={"artist:" + id} />
-    <h2>Albums</h2>
+    <h2>{texts.tabs.albums}</h2>
     <ul class="grid">{answer.albums.map((each) => <Album key={each.id} album={each} />)}</ul>
   </>;
 }
@@ -212,7 +205,7 @@ function Folder({ id }: { id: string }) {
     <ul class="list">
       {answer.folders.map((each) => <li key={"f" + each.id}>
         <a class="open button" href={"#library/folders/" + each.id}><Icon name="folder" /><span class="grow">{each.name}</span></a>
-        <IconButton icon="play" label={"Play " + each.name} onClick={() => play("folder:" + each.id)} />
+        <IconButton icon="play" label={texts.play_title(each.name)} onClick={() => play("folder:" + each.id)} />
       </li>)}
       {(answer.playlists ?? []).map((each) => <Playlist key={each.what} list={each} />)}
       {answer.tracks.map((each) => <Track key={each.id} track={each} number={each.number} context={["track:" + each.id, 0]} />)}
@@ -224,7 +217,7 @@ function Unreadable() {
   const { answer, failure } = use_answer<{ files: { path: string; failure: string }[] }>("library/unreadable");
   if (!answer) return <Awaited failure={failure} />;
   return <>
-    <h2 class="first">Files that can't be read</h2>
+    <h2 class="first">{texts.unreadable}</h2>
     <ul class="list">{answer.files.map((file) => <li key={file.path}>
       <div class="grow address"><div>{file.path}</div><div class="quiet">{file.failure}</div></div>
     </li>)}</ul>
@@ -236,13 +229,13 @@ function ScanLine() {
   if (failure) return <p class="warn">{failure}</p>;
   if (scanning) {
     return <div role="status">
-      <p class="quiet">The folders are being read: {seen} files so far</p>
-      <progress aria-label="Reading the folders" />
+      <p class="quiet">{counted(texts.reading, seen ?? 0)}</p>
+      <progress aria-label={texts.reading_folders} />
     </div>;
   }
   return <p class="row wrap quiet">
-    <span>{tracks ?? 0} tracks in the library</span>
-    {unreadable ? <a class="button" href="#library/unreadable">{unreadable} of them can't be read</a> : null}
+    <span>{counted(texts.tracks_in_library, tracks ?? 0)}</span>
+    {unreadable ? <a class="button" href="#library/unreadable">{counted(texts.of_them_unreadable, unreadable)}</a> : null}
   </p>;
 }
 
@@ -266,8 +259,8 @@ function SearchField({ text }: { text: string }) {
       rename_place(words ? "#library/search/" + encodeURIComponent(words) : "#library");
     }, kTypingMs);
   };
-  return <input ref={field} type="search" placeholder="Search, or an http:// address" autocomplete="off" onInput={typed}
-                defaultValue={text} aria-label="Search the library, or a radio's address or a playlist's path" />;
+  return <input ref={field} type="search" placeholder={texts.search} autocomplete="off" onInput={typed}
+                defaultValue={text} aria-label={texts.search_label} />;
 }
 
 function Content({ kind, words }: { kind: string; words: string[] }) {
@@ -301,12 +294,12 @@ export function Library() {
   const device = selected.value;
   return <>
     <div class="row title wrap">
-      <h1 tabIndex={-1} class="grow">Library</h1>
-      <a class="button" href="#devices"><Icon name="speaker" /><span id="target">{device ? "On " + device.name : "No device"}</span></a>
-      <IconButton icon="scan" label="Read the folders again" onClick={() => attempt(() => request("library/scan", {}))} />
+      <h1 tabIndex={-1} class="grow">{texts.screens.library}</h1>
+      <a class="button" href="#devices"><Icon name="speaker" /><span id="target">{device ? texts.on_device(device.name) : texts.on_none}</span></a>
+      <IconButton icon="scan" label={texts.read_again} onClick={() => attempt(() => request("library/scan", {}))} />
     </div>
     <SearchField text={text} />
-    <div class="tabs">{kTabs.map(([name, title]) =>
+    <div class="tabs">{Object.entries(texts.tabs).map(([name, title]) =>
       <a key={name} class="button" href={"#library/" + name} aria-current={kind === name ? "page" : undefined}>{title}</a>)}</div>
     <div id="found"><Content kind={kind} words={words} /></div>
     <ScanLine />

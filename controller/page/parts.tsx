@@ -1,6 +1,7 @@
 // Small things that every screen uses: icons, buttons, covers, what a device is doing.
 import type { ComponentChildren, JSX } from "preact";
 import { useEffect, useState } from "preact/hooks";
+import { texts } from "./language";
 import type { Device } from "./state";
 import { is_paused, is_running, position_ms, toggle_play } from "./state";
 
@@ -37,31 +38,35 @@ export function has_music(device: Device): boolean {
   return device.track !== undefined || device.state === "asked" || device.state === "opening";
 }
 
-const kQualities: Record<string, string> = {
-  CD: "16 bit / 48 kHz", HI_RES_LEVEL_1: "24 bit / 96 kHz", HI_RES_LEVEL_2: "24 bit / 192 kHz",
-  HI_RES_LEVEL_3: "24 bit / 768 kHz" };
+// Bits, and kHz.
+const kQualities: Record<string, [number, number]> = {
+  CD: [16, 48], HI_RES_LEVEL_1: [24, 96], HI_RES_LEVEL_2: [24, 192], HI_RES_LEVEL_3: [24, 768] };
+
+function free_text({ quality }: Device): string {
+  const [bits, khz] = kQualities[quality] ?? [];
+  return bits ? texts.free_up_to(`${bits} ${texts.bit} / ${khz} kHz`) : texts.free;
+}
 
 function gone_text(device: Device): string {
-  if (device.status === "absent") return "Not on the network";
-  return (device.failure ? "Can't be reached: " + device.failure + "." : "It does not answer.") +
-         " Is it switched on and in this network?";
+  if (device.status === "absent") return texts.absent;
+  return device.failure ? texts.not_reached(device.failure) : texts.no_answer;
 }
 
 type Tone = "quiet" | "warn";
 const kTexts: Record<string, (device: Device) => [string, Tone]> = {
-  free: (device) => ["Free" + (kQualities[device.quality] ? ", up to " + kQualities[device.quality] : ""), "quiet"],
-  other: () => ["Another controller plays here. Playing something takes it over.", "warn"],
-  asked: (device) => ["Asked to play " + title_of(device) + " …", "quiet"],
-  opening: (device) => ["Opening " + title_of(device) + " …", "quiet"],
-  playing: () => ["Playing", "quiet"],
-  paused: () => ["Paused", "quiet"],
-  stopped: () => ["Stopped", "quiet"],
-  silent: () => ["Silent: it says that it plays, but nothing moves", "warn"],
+  free: (device) => [free_text(device), "quiet"],
+  other: () => [texts.other_plays, "warn"],
+  asked: (device) => [texts.asked_to_play(title_of(device)), "quiet"],
+  opening: (device) => [texts.opening(title_of(device)), "quiet"],
+  playing: () => [texts.plays, "quiet"],
+  paused: () => [texts.paused, "quiet"],
+  stopped: () => [texts.stopped, "quiet"],
+  silent: () => [texts.silent, "warn"],
   gone: (device) => [gone_text(device), "warn"],
 };
 
 export function doing_text(device: Device): [string, Tone] {
-  return (kTexts[device.state] ?? (() => ["Is being reached …", "quiet"]))(device);
+  return (kTexts[device.state] ?? (() => [texts.being_reached, "quiet"]))(device);
 }
 
 // `brief`: not what the button that plays and pauses says too.
@@ -74,9 +79,11 @@ export function Doing({ device, brief = false }: { device: Device; brief?: boole
   </>;
 }
 
-export function PlayButton({ device, label = "", ...properties }: { device: Device; label?: string; class?: string }) {
+// `is_named`: its label says of which device.
+export function PlayButton({ device, is_named, ...properties }: { device: Device; is_named?: boolean; class?: string }) {
   const paused = is_paused(device);
-  return <IconButton icon={paused ? "play" : "pause"} label={(paused ? "Play" : "Pause") + label} data-toggle
+  const label = is_named ? (paused ? texts.play_on : texts.pause_on)(device.name) : paused ? texts.play : texts.pause;
+  return <IconButton icon={paused ? "play" : "pause"} label={label} data-toggle
                      disabled={device.state === "gone"} onClick={() => toggle_play(device)} {...properties} />;
 }
 

@@ -1,4 +1,5 @@
 // What plays now, and the small line about it above the screens' names.
+import { counted, number_text, texts } from "./language";
 import { Cover, Doing, has_music, Icon, IconButton, PlayButton, title_of, Two, use_position } from "./parts";
 import { MoveMusic } from "./rooms";
 import { SleepTimer } from "./sleep";
@@ -7,8 +8,7 @@ import type { Device, Track } from "./state";
 import { command, devices, is_running, select, selected, steer } from "./state";
 import { time_text } from "./talk";
 
-const kLoops = ["off", "all", "one"];
-const kLoopTexts: Record<string, string> = { off: "Repeat: off", all: "Repeat: all", one: "Repeat: this track" };
+const kLoops = ["off", "all", "one"] as const;
 // By arrow and by page, in ms.
 const kSeekSteps: Record<string, number> = { ArrowLeft: -5000, ArrowDown: -5000, ArrowRight: 5000, ArrowUp: 5000,
                                              PageDown: -30000, PageUp: 30000 };
@@ -17,23 +17,25 @@ export function NothingHere({ title, device }: { title: string; device: Device |
   return <>
     <h1 tabIndex={-1}>{title}</h1>
     {device ? <>
-      <p>Nothing of this controller plays on {device.name}.</p>
+      <p>{texts.nothing_plays_on(device.name)}</p>
       <Doing device={device} />
-    </> : <p>No device is on the network.</p>}
+    </> : <p>{texts.no_device}</p>}
     <p><a class="button" href={device ? "#library" : "#devices"}>
-      {device ? "Choose some music" : "Look at the devices"}</a></p>
+      {device ? texts.choose_music : texts.look_at_devices}</a></p>
   </>;
 }
 
 function format_text({ track, bit_exact }: Device): string {
   if (!track?.rate_hz || track.changed) return track?.changed ?? "";
-  const channels = ({ 1: "mono", 2: "stereo" } as Record<number, string>)[track.channels] ?? track.channels + " channels";
-  return [track.rate_hz / 1000 + " kHz", track.bits + " bit", channels].join(" · ") + (bit_exact ? " · bit-exact" : "");
+  const channels = ({ 1: texts.mono, 2: texts.stereo } as Record<number, string>)[track.channels] ??
+                   counted(texts.channels, track.channels);
+  return [number_text(track.rate_hz / 1000) + " kHz", track.bits + " " + texts.bit, channels, bit_exact ? texts.bit_exact : ""]
+    .filter(Boolean).join(" · ");
 }
 
 // Of a device that says so: whether the output took the samples of which the file has a sum.
 function played_text({ title, verified }: { title: string; verified: string }): string {
-  return "Before: " + title + " · " + (verified === "verified" ? "" : "not verified: ") + verified;
+  return texts.before(title) + " · " + (verified === "verified" ? texts.verified : texts.not_verified(verified));
 }
 
 // The address of a cover of the library names its album.
@@ -48,35 +50,35 @@ function Position({ device }: { device: Device }) {
   const text = time_text(now);
   const can_seek = Boolean(device.track?.seekable) && length > 0 && device.state !== "gone";
   return <div>
-    <Slider id="seek" label="Position" value={Math.min(now, length)} max={Math.max(1, length)} text={text}
+    <Slider id="seek" label={texts.position} value={Math.min(now, length)} max={Math.max(1, length)} text={text}
             disabled={!can_seek} tells_late takes_taps step_of_key={(key) => kSeekSteps[key]}
             on_value={(position_ms) => steer(device, "seek", { position_ms })} />
     <div class="times quiet">
       <span id="position">{text}</span>
-      <span>{length > 0 ? time_text(length) : is_running(device) ? "live" : ""}</span>
+      <span>{length > 0 ? time_text(length) : is_running(device) ? texts.live : ""}</span>
     </div>
   </div>;
 }
 
 function Transport({ device }: { device: Device }) {
-  const loop = device.loop ?? "off";
+  const loop = kLoops.find((each) => each === device.loop) ?? "off";
   const next_loop = kLoops[(kLoops.indexOf(loop) + 1) % kLoops.length];
   const is_gone = device.state === "gone";
   const shuffle = !device.shuffle;
   return <div class="transport">
-    <IconButton icon="shuffle" label="Shuffle" aria-pressed={Boolean(device.shuffle)} disabled={is_gone}
+    <IconButton icon="shuffle" label={texts.shuffle} aria-pressed={Boolean(device.shuffle)} disabled={is_gone}
                 onClick={() => command(device, "shuffle", { shuffle }, { shuffle })} />
-    <IconButton icon="previous" label="Previous" disabled={is_gone} onClick={() => command(device, "previous")} />
+    <IconButton icon="previous" label={texts.previous} disabled={is_gone} onClick={() => command(device, "previous")} />
     <PlayButton device={device} class="main round" />
-    <IconButton icon="next" label="Next" disabled={is_gone || !device.has_next} onClick={() => command(device, "next")} />
-    <IconButton icon={loop === "one" ? "loop-one" : "loop"} label={kLoopTexts[loop] ?? ""} disabled={is_gone}
+    <IconButton icon="next" label={texts.next} disabled={is_gone || !device.has_next} onClick={() => command(device, "next")} />
+    <IconButton icon={loop === "one" ? "loop-one" : "loop"} label={texts.loop[loop]} disabled={is_gone}
                 aria-pressed={loop !== "off"}
                 onClick={() => command(device, "loop", { loop: next_loop }, { loop: next_loop })} />
   </div>;
 }
 
 function DeviceChoice({ device }: { device: Device }) {
-  return <select aria-label="Device" value={device.id} onChange={(event) => select(event.currentTarget.value)}>
+  return <select aria-label={texts.device} value={device.id} onChange={(event) => select(event.currentTarget.value)}>
     {devices.value.map((each) => <option key={each.id} value={each.id}>{each.name}</option>)}
   </select>;
 }
@@ -84,7 +86,7 @@ function DeviceChoice({ device }: { device: Device }) {
 export function Playing() {
   const device = selected.value;
   if (!device || !has_music(device)) {
-    return <><NothingHere title="Playing" device={device} />{device && <DeviceChoice device={device} />}</>;
+    return <><NothingHere title={texts.screens.playing} device={device} />{device && <DeviceChoice device={device} />}</>;
   }
   const { track } = device;
   return <div class={"player" + (device.is_pending ? " pending" : "")}>
@@ -102,7 +104,7 @@ export function Playing() {
     {device.connected && <VolumeRow device={device} />}
     <div class="row">
       <DeviceChoice device={device} />
-      <IconButton icon="stop" label="Stop" disabled={device.state === "gone"} onClick={() => command(device, "stop")} />
+      <IconButton icon="stop" label={texts.stop} disabled={device.state === "gone"} onClick={() => command(device, "stop")} />
     </div>
     <div class="row wrap"><MoveMusic device={device} /><SleepTimer device={device} /></div>
   </div>;
@@ -112,10 +114,8 @@ export function Playing() {
 export function Mini() {
   const device = selected.value;
   if (!device || !has_music(device)) return null;
-  const says = { playing: "", paused: "" } as Record<string, string>;
-  const state = says[device.state] ?? { gone: "gone", silent: "silent", asked: "asked", opening: "opening",
-                                        stopped: "stopped" }[device.state as string] ?? "";
-  return <section id="mini" aria-label="What plays">
+  const state = (texts.in_short as Record<string, string>)[device.state] ?? "";
+  return <section id="mini" aria-label={texts.what_plays}>
     <Cover path={device.track?.cover} size="small" />
     <a class="grow" href="#playing">
       <Two first={title_of(device)} second={[device.name, state, device.track?.artist].filter(Boolean).join(" · ")} />

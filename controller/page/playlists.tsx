@@ -3,6 +3,7 @@ import type { ComponentChildren } from "preact";
 import { useRef } from "preact/hooks";
 import { use_answer, use_pages } from "./answers";
 import { Awaited } from "./awaited";
+import { texts } from "./language";
 import { Icon, IconButton } from "./parts";
 import { library, play } from "./state";
 import { attempt, request, say } from "./talk";
@@ -16,7 +17,7 @@ export function Playlist({ list, children }: { list: PlaylistRow; children?: Com
   const { name, what } = list;
   return <li>
     <button type="button" class="open" onClick={() => play(what)}><Icon name="queue" /><span class="grow">{name}</span></button>
-    <IconButton icon="add" label={"Add " + name + " to the queue"} onClick={() => play(what, { where: "end" })} />
+    <IconButton icon="add" label={texts.add_title(name)} onClick={() => play(what, { where: "end" })} />
     {children}
   </li>;
 }
@@ -26,20 +27,20 @@ function path_of(kind: "playlists" | "stations", name: string, what: string): st
 }
 
 async function rename(kind: "playlists" | "stations", name: string): Promise<void> {
-  const wanted = prompt("Another name for " + name, name);
+  const wanted = prompt(texts.another_name(name), name);
   if (wanted && wanted !== name && await attempt(() => request(path_of(kind, name, "rename"), { name: wanted }))) {
-    say("It is called " + wanted + " now");
+    say(texts.is_called(wanted));
   }
 }
 
 async function remove(kind: "playlists" | "stations", name: string, take_back: () => Promise<unknown>): Promise<void> {
-  if (await attempt(() => request(path_of(kind, name, "delete"), {}))) say_with_undo(name + " was deleted", take_back);
+  if (await attempt(() => request(path_of(kind, name, "delete"), {}))) say_with_undo(texts.list_removed(name), take_back);
 }
 
 function Changes({ kind, name, take_back }: { kind: "playlists" | "stations"; name: string; take_back: () => Promise<unknown> }) {
   return <>
-    <IconButton icon="rename" label={"Rename " + name} onClick={() => rename(kind, name)} />
-    <IconButton icon="remove" label={"Delete " + name} onClick={() => remove(kind, name, take_back)} />
+    <IconButton icon="rename" label={texts.rename(name)} onClick={() => rename(kind, name)} />
+    <IconButton icon="remove" label={texts.remove_list(name)} onClick={() => remove(kind, name, take_back)} />
   </>;
 }
 
@@ -49,13 +50,13 @@ function AddStation() {
     event.preventDefault();
     const fields = Object.fromEntries(new FormData(form.current as HTMLFormElement));
     if (!await attempt(() => request("stations", fields))) return;
-    say(fields.name + " was added");
+    say(texts.station_added(String(fields.name)));
     form.current?.reset();
   };
   return <form ref={form} class="row wrap" onSubmit={add}>
-    <input class="grow" name="name" required placeholder="A station's name" aria-label="A station's name" />
-    <input class="grow" name="url" type="url" required placeholder="http://…" aria-label="Its address" />
-    <button><Icon name="add" />Add</button>
+    <input class="grow" name="name" required placeholder={texts.station_name} aria-label={texts.station_name} />
+    <input class="grow" name="url" type="url" required placeholder="http://…" aria-label={texts.station_address} />
+    <button><Icon name="add" />{texts.add}</button>
   </form>;
 }
 
@@ -69,13 +70,13 @@ function Own() {
   if (!before.current) return <Awaited failure={stations.failure || playlists.failure} />;
   const [radios, own] = before.current;
   return <>
-    <h2 class="first">Stations</h2>
+    <h2 class="first">{texts.stations}</h2>
     <ul class="list">{radios.map((each) => <Playlist key={each.name} list={each}>
       <Changes kind="stations" name={each.name} take_back={() => request("stations", { name: each.name, url: each.url })} />
     </Playlist>)}</ul>
     <AddStation />
-    <h2>Playlists</h2>
-    {own.length === 0 && <p class="quiet">None yet. A queue can be saved as one.</p>}
+    <h2>{texts.playlists}</h2>
+    {own.length === 0 && <p class="quiet">{texts.no_playlists}</p>}
     <ul class="list">{own.map((each) => <Playlist key={each.name} list={each}>
       <Changes kind="playlists" name={each.name} take_back={() => request(path_of("playlists", each.name, "restore"), {})} />
     </Playlist>)}</ul>
@@ -86,7 +87,7 @@ function Files() {
   const { items, is_all, end } = use_pages<PlaylistRow>("library/playlists", "playlists");
   if (!items || items.length === 0) return null;
   return <>
-    <h2>In the music folders</h2>
+    <h2>{texts.in_music_folders}</h2>
     <ul class="list">
       {items.map((each) => <Playlist key={each.what} list={each} />)}
       {!is_all && <li ref={end} class="quiet">…</li>}
@@ -100,6 +101,6 @@ export function Playlists() {
 
 // Asks for a name, and keeps a device's queue under it.
 export async function save_queue(device: { id: string }): Promise<void> {
-  const name = prompt("Save this queue as a playlist called");
-  if (name && await attempt(() => request("playlists", { name, device: device.id }))) say("Saved as " + name);
+  const name = prompt(texts.save_queue_as);
+  if (name && await attempt(() => request("playlists", { name, device: device.id }))) say(texts.saved_as(name));
 }

@@ -2,6 +2,7 @@
 import type { RefObject } from "preact";
 import { useEffect, useLayoutEffect, useRef, useState } from "preact/hooks";
 import Sortable from "sortablejs";
+import { counted, number_text, texts } from "./language";
 import type { Entry } from "./order";
 import { follow, move, order } from "./order";
 import { Cover, IconButton, Two } from "./parts";
@@ -92,9 +93,9 @@ function Row({ device, entry, at, count, is_in_hand, on_key }: RowProps) {
       <Cover path={entry.cover} size="small" />
       <Two first={title} second={entry.artist} />
     </button>
-    <IconButton icon="remove" label={"Remove " + title}
-                onClick={() => take_away(device, "command", { command: "queue_remove", items: [item] }, title + " was removed")} />
-    <IconButton icon="handle" label={"Move " + title + " (arrow keys)"} class="plain drag" onKeyDown={on_key} />
+    <IconButton icon="remove" label={texts.remove(title)}
+                onClick={() => take_away(device, "command", { command: "queue_remove", items: [item] }, texts.removed(title))} />
+    <IconButton icon="handle" label={texts.move(title)} class="plain drag" onKeyDown={on_key} />
   </li>;
 }
 
@@ -147,7 +148,7 @@ function Rows({ device, items }: { device: Device; items: Entry[] }) {
     event.preventDefault();
     moved_by_key.current = true;
     move_to(device, items, entry, to);
-    say(entry.title + ": place " + (to + 1) + " of " + items.length);
+    say(texts.moved(entry.title, number_text(to + 1), number_text(items.length)));
   };
   const take_focus = (event: FocusEvent) => {
     const row = (event.target as HTMLElement).closest<HTMLElement>("li");
@@ -165,16 +166,16 @@ export function Queue() {
   const { device: known, items } = order.value;
   void version.value;  // while a queue is being read, each message tells of more of it
   useEffect(() => { if (device) follow(device); });
-  if (!device || !device.track || !device.queue_length) return <NothingHere title="Queue" device={device} />;
+  if (!device || !device.track || !device.queue_length) return <NothingHere title={texts.screens.queue} device={device} />;
   return <>
     <div class="row wrap title">
-      <h1 tabIndex={-1} class="grow">Queue</h1>
-      <button type="button" aria-label="Save this queue as a playlist" onClick={() => save_queue(device)}>Save</button>
+      <h1 tabIndex={-1} class="grow">{texts.screens.queue}</h1>
+      <button type="button" aria-label={texts.save_queue} onClick={() => save_queue(device)}>{texts.save}</button>
       {device.queue_length > 1 && <button type="button" onClick={() =>
-        take_away(device, "clear", {}, "Removed: all but the current track")}>Clear</button>}
+        take_away(device, "clear", {}, texts.cleared)}>{texts.clear}</button>}
     </div>
-    <p class="quiet">{device.name} · {device.queue_length}{device.queue_length === 1 ? " track" : " tracks"}</p>
+    <p class="quiet">{device.name} · {counted(texts.tracks_in_queue, device.queue_length)}</p>
     {known === device.id && items.length > 0 ? <Rows key={device.id} device={device} items={items} />
-      : <p class="quiet" role="status">Being read …</p>}
+      : <p class="quiet" role="status">{texts.being_read}</p>}
   </>;
 }

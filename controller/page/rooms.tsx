@@ -1,5 +1,6 @@
 // What concerns several rooms: their volumes together, and the music that goes from one to another.
 import { useRef } from "preact/hooks";
+import { texts } from "./language";
 import { doing_text, Icon, title_of, Two } from "./parts";
 import { Sheet } from "./sheet";
 import { Slider } from "./slider";
@@ -34,11 +35,11 @@ export function AllRooms() {
       if (volume !== room.volume) void steer(room, "volume", { volume });
     }
   };
-  return <article class="card" aria-label="All rooms">
-    <h2>All rooms</h2>
+  return <article class="card" aria-label={texts.all_rooms}>
+    <h2>{texts.all_rooms}</h2>
     <div class="row volume">
       <Icon name="volume" />
-      <Slider id="all-rooms" label="Volume of all rooms" value={loudest} max={kLoudest} on_value={turn} />
+      <Slider id="all-rooms" label={texts.volume_of_all} value={loudest} max={kLoudest} on_value={turn} />
       <span class="number">{loudest}</span>
     </div>
   </article>;
@@ -49,7 +50,7 @@ function is_reached(device: Device): boolean {
 }
 
 function Room({ device, on_choice }: { device: Device; on_choice: () => void }) {
-  const says = device.track ? "Instead of " + title_of(device) : doing_text(device)[0];
+  const says = device.track ? texts.instead_of(title_of(device)) : doing_text(device)[0];
   return <li><button type="button" class="open" onClick={on_choice}>
     <Icon name="speaker" /><Two first={device.name} second={says} />
   </button></li>;
@@ -57,14 +58,14 @@ function Room({ device, on_choice }: { device: Device; on_choice: () => void }) 
 
 export function MoveMusic({ device }: { device: Device }) {
   const others = devices.value.filter((each) => each.id !== device.id && is_reached(each));
-  return <Sheet title="Move the music to" opener={(open) =>
-    <button type="button" disabled={!device.connected} onClick={open}><Icon name="speaker" />Move to …</button>}>
+  return <Sheet title={texts.move_music_to} opener={(open) =>
+    <button type="button" disabled={!device.connected} onClick={open}><Icon name="speaker" />{texts.move_to}</button>}>
     {(close) => <>
       <ul class="list">{others.map((each) => <Room key={each.id} device={each} on_choice={() => {
         close();
         void move_music(device, each);
       }} />)}</ul>
-      {others.length === 0 && <p>No other device is on the network.</p>}
+      {others.length === 0 && <p>{texts.no_other_device}</p>}
     </>}
   </Sheet>;
 }

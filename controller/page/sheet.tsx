@@ -1,6 +1,7 @@
 // What is asked in front of a screen, until it is answered or closed.
 import type { ComponentChildren } from "preact";
 import { useId, useLayoutEffect, useRef, useState } from "preact/hooks";
+import { texts } from "./language";
 
 interface Props {
   title: string;
@@ -21,7 +22,7 @@ export function Sheet({ title, opener, children }: Props) {
     {is_open && <dialog ref={dialog} aria-labelledby={heading} onClose={() => set_open(false)}>
       <h2 class="first" id={heading}>{title}</h2>
       {children(close)}
-      <button type="button" onClick={close}>Cancel</button>
+      <button type="button" onClick={close}>{texts.cancel}</button>
     </dialog>}
   </>;
 }

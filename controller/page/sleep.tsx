@@ -1,5 +1,6 @@
 // The sleep timer of the device that is shown: when it is paused.
 import { useEffect, useState } from "preact/hooks";
+import { counted, texts } from "./language";
 import { Icon } from "./parts";
 import { Sheet } from "./sheet";
 import type { Device } from "./state";
@@ -23,8 +24,8 @@ function use_minutes(device: Device): number {
 export function SleepTimer({ device }: { device: Device }) {
   const minutes = use_minutes(device);
   const { sleep } = device;
-  const says = !sleep ? "Sleep" : sleep.at_end ? "Sleeps after this track" : "Sleeps in " + minutes + " min";
-  return <Sheet title="Pause the music" opener={(open) =>
+  const says = !sleep ? texts.sleep : sleep.at_end ? texts.sleeps_at_end : counted(texts.sleeps_in, minutes);
+  return <Sheet title={texts.pause_the_music} opener={(open) =>
     <button type="button" disabled={!device.connected} aria-pressed={Boolean(sleep)} onClick={open}>
       <Icon name="sleep" />{says}</button>}>
     {(close) => {
@@ -35,9 +36,9 @@ export function SleepTimer({ device }: { device: Device }) {
       const can_end = Boolean(device.track?.duration_ms);
       return <p class="choices">
         {kMinutes.map((each) =>
-          <button key={each} type="button" onClick={choose({ minutes: each })}>In {each} minutes</button>)}
-        {can_end && <button type="button" onClick={choose({ at_end: true })}>At the end of this track</button>}
-        {sleep && <button type="button" onClick={choose({ minutes: 0 })}>No sleep timer</button>}
+          <button key={each} type="button" onClick={choose({ minutes: each })}>{counted(texts.in_minutes, each)}</button>)}
+        {can_end && <button type="button" onClick={choose({ at_end: true })}>{texts.at_end}</button>}
+        {sleep && <button type="button" onClick={choose({ minutes: 0 })}>{texts.no_sleep}</button>}
       </p>;
     }}
   </Sheet>;

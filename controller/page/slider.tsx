@@ -1,6 +1,7 @@
 // A slider for a thumb: only a drag that begins sideways moves it, and from where it was. A mouse
 // takes it where it presses; keys and screen readers have the browser's own slider inside.
 import { useRef, useState } from "preact/hooks";
+import { texts } from "./language";
 import { IconButton } from "./parts";
 import type { Device } from "./state";
 import { command, steer } from "./state";
@@ -85,9 +86,9 @@ export function VolumeRow({ device }: { device: Device }) {
   const is_known = device.volume !== undefined;
   const muted = !device.muted;
   return <div class="row volume">
-    <IconButton icon={device.muted ? "muted" : "volume"} label={device.muted ? "Unmute" : "Mute"}
+    <IconButton icon={device.muted ? "muted" : "volume"} label={device.muted ? texts.unmute : texts.mute}
                 aria-pressed={Boolean(device.muted)} onClick={() => command(device, "mute", { muted }, { muted })} />
-    <Slider label={"Volume of " + device.name} value={device.volume ?? 0} max={100} disabled={!is_known}
+    <Slider label={texts.volume_of(device.name)} value={device.volume ?? 0} max={100} disabled={!is_known}
             volume_of={device.id} on_value={(volume) => steer(device, "volume", { volume })} />
     <span class="number">{is_known ? device.volume : "–"}</span>
   </div>;

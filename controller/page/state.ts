@@ -1,6 +1,7 @@
 // What the controller says there is, kept up to date by its socket; and what was pressed here a moment
 // ago and is not confirmed yet.
 import { batch, computed, signal } from "@preact/signals";
+import { texts } from "./language";
 import { attempt, request, say } from "./talk";
 import { take_away } from "./undo";
 
@@ -66,8 +67,8 @@ function take(text: string): void {
 // A socket does not say why it was refused; a question does. A controller that was started again wants
 // its password again: the browser asks for it where the page is loaded, and not here and now.
 const kRefusals: Record<number, string> = {
-  403: "The controller asks for its password: load this page again.",
-  426: "The controller has no room for another page. Close one elsewhere: this one goes on trying.",
+  403: texts.wants_password,
+  426: texts.no_room,
 };
 async function ask_why(): Promise<void> {
   const answer = await fetch("api/events").catch(() => null);
@@ -268,10 +269,10 @@ export function is_paused(device: Device): boolean {
 
 // The page goes with it.
 export async function move_music(device: Device, to: Device): Promise<void> {
-  say("Moving the music to " + to.name + " …", kAskingMs);
+  say(texts.moving_to(to.name), kAskingMs);
   if (!await attempt(() => request(path_of(device, "move"), { to: to.id }))) return;
   select(to.id);
-  say("The music is with " + to.name + " now");
+  say(texts.moved_to(to.name));
 }
 
 export function rename(device: Device, name: string): Promise<boolean> {
@@ -287,12 +288,12 @@ export type Where = "now" | "next" | "end";
 export async function play(what: string, { where = "now" as Where, start = 0 } = {}): Promise<boolean> {
   const device = selected.value;
   if (!device) {
-    say("No device is on the network. Switch one on, and it appears here.");
+    say(texts.no_device_to_play);
     return false;
   }
   play_presses.value++;
-  say(where === "now" ? "Asking " + device.name + " …" : "Adding to the queue of " + device.name + " …", kAskingMs);
+  say((where === "now" ? texts.asking : texts.adding_to_queue_of)(device.name), kAskingMs);
   // What comes of it, the device's own state tells.
   return take_away(device, "play", { what: [what], where, start },
-                   where === "now" ? device.name + " was asked to play" : "Added to the queue of " + device.name);
+                   (where === "now" ? texts.was_asked : texts.added_to_queue_of)(device.name));
 }

@@ -1,5 +1,6 @@
 // What every screen does with the controller: a request, and the line that says what came of it.
 import { signal } from "@preact/signals";
+import { texts } from "./language";
 
 const kShownMs = 5000;
 
@@ -21,10 +22,10 @@ export async function request<T = object>(path: string, body?: object): Promise<
       method: "POST", headers: { "Content-Type": "application/json" }, body: JSON.stringify(body),
     });
   } catch {
-    throw new Error("No connection to the controller. Is it running, and this phone in its network?");
+    throw new Error(texts.no_connection);
   }
   const document_of = await answer.json().catch(() => ({}));
-  if (!answer.ok) throw new Error(document_of.error || "The controller answered " + answer.status);
+  if (!answer.ok) throw new Error(document_of.error || texts.answered(answer.status));
   return document_of;
 }
 

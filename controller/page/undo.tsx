@@ -1,5 +1,6 @@
 // What was taken away can be had back, as long as the line at the bottom says that it was.
 import { signal } from "@preact/signals";
+import { texts } from "./language";
 import { attempt, request, said, say } from "./talk";
 
 const kOfferedMs = 10000;
@@ -32,8 +33,8 @@ export function Undo() {
   if (!now || said.value !== now.text) return null;
   const press = async (event: Event) => {
     event.stopPropagation();
-    say("Being put back …", kOfferedMs);
-    if (await attempt(now.take_back)) say("It is back");
+    say(texts.being_put_back, kOfferedMs);
+    if (await attempt(now.take_back)) say(texts.is_back);
   };
-  return <button type="button" onClick={press}>Undo</button>;
+  return <button type="button" onClick={press}>{texts.undo}</button>;
 }

@@ -39,7 +39,8 @@ for (const node of document.querySelectorAll("main *, nav *")) {
     if (text.nodeType !== Node.TEXT_NODE || !text.data.trim() || node.closest("option") || !node.checkVisibility()) continue;
     range.selectNodeContents(text);
     const room = node.closest(".cut, p, h1, h2, h3, a, button");
-    if (room && room.clientWidth < 60 || range.getBoundingClientRect().right > innerWidth + 1 && !node.closest(".cut, .strip"))
+    const {left, right} = range.getBoundingClientRect();
+    if (room && room.clientWidth < 60 || (left < -1 || right > innerWidth + 1) && !node.closest(".cut, .strip"))
       wrong.push("not to be read: " + text.data.slice(0, 40));
   }
 }
@@ -611,14 +612,21 @@ class Page(HouseTest):
             browser.shows(ALBUMS[2][0])
             self.assertEqual(browser.run("return document.querySelectorAll('main script, [onerror]').length"), 0)
             self.assertEqual(browser.faults(), [])
-        # Twice as large a text, on the smallest of phones.
+        # Twice as large a text, on the smallest of phones, in a language of long words too, and from right to left.
         phone = browsers["phone"]
         phone.size(320, 640)
-        phone.run("document.documentElement.style.fontSize = '200%'")
-        for screen in ("devices", "library", album, "library/artists", "library/folders", "library/playlists",
-                       "library/search/b", "queue", "playing"):
-            phone.show(screen, "light")
-            self.assertEqual(phone.run(AUDIT + READABLE + "return wrong;"), [], screen)
+        for language, direction in ("en", "ltr"), ("de", "rtl"):
+            phone.driver.execute_cdp_cmd("Emulation.setUserAgentOverride", {"userAgent": "", "acceptLanguage": f"xx,{language}-AT"})
+            phone.driver.refresh()
+            phone.shows({"en": "Library", "de": "Mediathek"}[language])
+            phone.run("const root = document.documentElement; root.style.fontSize = '200%'; root.dir = arguments[0]", direction)
+            for screen in ("devices", "library", album, "library/artists", "library/folders", "library/playlists",
+                           "library/search/b", "queue", "playing"):
+                phone.show(screen, "light")
+                self.assertEqual(phone.run(AUDIT + READABLE + "return wrong;"), [], (screen, direction))
+            self.assertEqual(phone.run("return document.documentElement.lang"), language)
+        self.assertEqual(phone.run("return document.title"), "Wiedergabe · Nuvio Connect")
+        phone.shows("44,1 kHz · 16 Bit · Stereo")
 
     def need_judges(self):
         if not judges.are_there():
