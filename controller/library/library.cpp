@@ -10,6 +10,7 @@
 #include "common/number.h"
 #include "common/text.h"
 #include "common/url/url.h"
+#include "controller/base/log.h"
 #include "controller/library/words.h"
 
 namespace nuvio::controller {
@@ -17,6 +18,9 @@ namespace nuvio::controller {
 namespace {
 
 constexpr size_t kMaxPlaylistFile = size_t{4} << 20U;
+constexpr size_t kMostHeard = 200;
+constexpr size_t kMostFavourites = 1000;  // tracks, and albums
+constexpr char kFavourites[] = "favourites:tracks";
 // That there are more is seen by the one that is not taken.
 constexpr int64_t kOneTooMany = Library::kMaxSelection + 1;
 
@@ -39,6 +43,13 @@ std::vector<Playable> playables(std::vector<Track> tracks) {
     return items;
 }
 
+template <typename Item>
+void keep_page(std::vector<Item>* items, LibraryView::Page page) {
+    const auto first = std::min<std::ptrdiff_t>(page.first, std::ssize(*items));
+    items->erase(items->begin(), items->begin() + first);
+    items->resize(std::min(items->size(), static_cast<size_t>(page.count)));
+}
+
 }  // namespace
 
 Library::Library(const std::vector<std::string>& folders, const std::string& state_folder,
@@ -48,7 +59,10 @@ Library::Library(const std::vector<std::string>& folders, const std::string& sta
       m_view(m_database, [this](const DatabaseError& error) { m_scanner.make_anew(error); }),
       m_covers(m_folders, state_folder + "/covers"),
       m_own_lists(state_folder),
-      m_heard(state_folder + "/heard.m3u8"),
+      m_heard(state_folder + "/heard.m3u8", KeptList::Of::albums, kMostHeard),
+      m_favourite_tracks(state_folder + "/favourites.m3u8", KeptList::Of::tracks, kMostFavourites),
+      m_favourite_albums(state_folder + "/favourite-albums.m3u8", KeptList::Of::albums,
+                         kMostFavourites),
       m_scanner(m_folders, m_database, m_view, std::move(on_change)) {}
 
 std::optional<Library::File> Library::open_track(int64_t id) {
@@ -80,6 +94,11 @@ Selection Library::selected(const std::string& what) {
     }
     if (what.starts_with('/')) {
         return select_path(what);
+    }
+    if (what == kFavourites) {
+        Selection all = select_entries(m_favourite_tracks.entries(), "/");
+        all.failure = all.items.empty() ? "no track is a favourite" : "";
+        return all;
     }
     const size_t colon = what.find(':');
     const std::string kind = what.substr(0, colon);
@@ -249,20 +268,66 @@ Found Library::search(const std::string& text, LibraryView::Page page, LibraryVi
     return found;
 }
 
-std::vector<Album> Library::albums_heard(LibraryView::Page page) {
+// ---- What was heard, and favourites -------------------------------------------------------------
+
+void Library::note_heard(const Track& track) {
+    const std::string failure = m_heard.put_first(track);
+    if (!failure.empty() && !m_is_heard_failing.exchange(true)) {
+        log_line(LogLevel::error, "What is heard can't be kept: " + failure);
+    }
+}
+
+std::vector<Album> Library::albums_on(const KeptList& list, LibraryView::Page page) {
     std::vector<Album> albums;
-    for (const PlaylistEntry& heard : m_heard.albums()) {
-        const std::vector<Track> tracks = tracks_named(heard.location);
+    for (const PlaylistEntry& entry : list.entries()) {
+        const std::vector<Track> tracks = tracks_named(entry.location);
         const std::optional<Album> album =
             tracks.empty() ? std::nullopt : m_view.album(tracks.front().album_id);
         if (album && std::ranges::find(albums, album->id, &Album::id) == albums.end()) {
             albums.push_back(*album);
         }
     }
-    const auto first = std::min<std::ptrdiff_t>(page.first, std::ssize(albums));
-    albums.erase(albums.begin(), albums.begin() + first);
-    albums.resize(std::min(albums.size(), static_cast<size_t>(page.count)));
+    keep_page(&albums, page);
     return albums;
+}
+
+std::string Library::set_favourite(const std::string& what, bool is_one) {
+    const size_t colon = what.find(':');
+    const std::string kind = what.substr(0, colon);
+    const int64_t id =
+        colon == std::string::npos ? 0 : to_number<int64_t>(what.substr(colon + 1)).value_or(0);
+    const std::vector<Track> tracks = kind == "album"   ? m_view.tracks_of_album(id, kOneTooMany)
+                                      : kind == "track" ? m_view.tracks_of({id})
+                                                        : std::vector<Track>{};
+    if (tracks.empty()) {
+        return "not in the library any longer: " + what;
+    }
+    KeptList& list = kind == "album" ? m_favourite_albums : m_favourite_tracks;
+    if (!is_one) {
+        return list.remove(tracks);
+    }
+    return kind == "album" && is_favourite_album(tracks) ? "" : list.add(tracks.front());
+}
+
+bool Library::is_favourite_album(const std::vector<Track>& its_tracks) const {
+    return std::ranges::any_of(its_tracks,
+                               [&](const Track& track) { return m_favourite_albums.has(track); });
+}
+
+std::vector<Track> Library::favourite_tracks(LibraryView::Page page) {
+    std::vector<Track> tracks;
+    for (Playable& item : select_entries(m_favourite_tracks.entries(), "/").items) {
+        if (item.track) {
+            tracks.push_back(std::move(*item.track));
+        }
+    }
+    keep_page(&tracks, page);
+    return tracks;
+}
+
+int64_t Library::lists_revision() const {
+    return m_own_lists.revision() + m_heard.revision() + m_favourite_tracks.revision() +
+           m_favourite_albums.revision();
 }
 
 std::vector<PlaylistEntry> Library::entries_of(const std::vector<Queued>& items) {
@@ -279,9 +344,7 @@ std::vector<PlaylistEntry> Library::entries_of(const std::vector<Queued>& items)
         if (item.track == 0) {
             entries.push_back({item.url, item.title});
         } else if (track != tracks.end() && track->id == item.track) {
-            entries.push_back(
-                {with_section(std::filesystem::path(track->root) / track->below, track->section),
-                 (track->artist.empty() ? "" : track->artist + " - ") + track->title});
+            entries.push_back(entry_of(*track));
             ++track;
         }
     }

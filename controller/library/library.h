@@ -4,6 +4,7 @@
 // Errors   DatabaseError where the library's file fails.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -13,7 +14,7 @@
 
 #include "common/unique_fd.h"
 #include "controller/library/covers.h"
-#include "controller/library/heard.h"
+#include "controller/library/kept_list.h"
 #include "controller/library/library_view.h"
 #include "controller/library/music_folders.h"
 #include "controller/library/own_lists.h"
@@ -57,10 +58,10 @@ class Library {
 
     // "track:ID", "album:ID", "artist:ID", "folder:ID", "genre:NAME", "composer:NAME",
     // "playlist:NAME" and "station:NAME" of the
-    // own lists, "search:WORDS" (an own list of that very name, an album, else an artist, else
-    // tracks), an http(s) URL, or a path of this machine below a music folder: an audio file, a
-    // folder, an M3U playlist, a CUE sheet.
-    // More than kMaxSelection tracks are a failure.
+    // own lists, "favourites:tracks", "search:WORDS" (an own list of that very name, an album, else
+    // an artist, else tracks), an http(s) URL, or a path of this machine below a music folder: an
+    // audio file, a folder, an M3U playlist, a CUE sheet. More than kMaxSelection tracks are a
+    // failure.
     Selection select(const std::string& what);
 
     // As LibraryView's, with the own playlists and stations before the files.
@@ -75,11 +76,23 @@ class Library {
 
     OwnLists& own_lists() { return m_own_lists; }
     // A device plays it.
-    void note_heard(const Track& track) { m_heard.note(track); }
-    // What of it is in the library.
-    std::vector<Album> albums_heard(LibraryView::Page page);
-    // Grows when the own lists or the albums heard are others.
-    int64_t lists_revision() const { return m_own_lists.revision() + m_heard.revision(); }
+    void note_heard(const Track& track);
+    // The last ones first, as far as they are in the library.
+    std::vector<Album> albums_heard(LibraryView::Page page) { return albums_on(m_heard, page); }
+
+    // "track:ID" or "album:ID" is one from now on, or none; what comes back is a failure for
+    // people.
+    std::string set_favourite(const std::string& what, bool is_one);
+    bool is_favourite(const Track& track) const { return m_favourite_tracks.has(track); }
+    bool is_favourite_album(const std::vector<Track>& its_tracks) const;
+    // The newest first, as far as they are in the library.
+    std::vector<Track> favourite_tracks(LibraryView::Page page);
+    std::vector<Album> favourite_albums(LibraryView::Page page) {
+        return albums_on(m_favourite_albums, page);
+    }
+
+    // Grows when the own lists, the albums heard or the favourites are others.
+    int64_t lists_revision() const;
     // What a playlist of these is to hold; what is no longer in the library is left out.
     struct Queued {
         int64_t track = 0;       // of the library; 0: `url`
@@ -95,13 +108,15 @@ class Library {
     std::optional<Selection> select_own(const std::string& kind, const std::string& name);
     Selection select_entries(const std::vector<PlaylistEntry>& entries, const std::string& folder);
     std::vector<Track> tracks_named(const std::string& path);
+    std::vector<Album> albums_on(const KeptList& list, LibraryView::Page page);
 
     const MusicFolders m_folders;
     const std::string m_database;  // made by the time its readers open it, unless it can't be
     LibraryView m_view;
     Covers m_covers;
     OwnLists m_own_lists;
-    Heard m_heard;
+    KeptList m_heard, m_favourite_tracks, m_favourite_albums;
+    std::atomic<bool> m_is_heard_failing{false};  // and it was said
     Scanner m_scanner;
 };
 

@@ -9,10 +9,10 @@ const kKept = 60;  // answers
 const kPage = 100;
 const kMostOfOneAnswer = 500;
 
-interface Kept { answer: unknown; revision: number | undefined }
+interface Kept { answer: unknown; revision: string }
 const kept = new Map<string, Kept>();
 
-function keep(path: string, answer: unknown, revision: number | undefined): void {
+function keep(path: string, answer: unknown, revision: string): void {
   kept.delete(path);
   kept.set(path, { answer, revision });
   for (const oldest of kept.keys()) {
@@ -21,12 +21,13 @@ function keep(path: string, answer: unknown, revision: number | undefined): void
   }
 }
 
-// Stays while a scan runs: what it finds is shown once it is over.
+// Of the library, which stays while a scan runs (what it finds is shown once it is over), and of the lists
+// that are kept here.
 let settled: number | undefined;
 const revision_shown = computed(() => {
-  const { scanning, revision } = library.value;
+  const { scanning, revision, lists } = library.value;
   if (!scanning || settled === undefined) settled = revision;
-  return settled;
+  return settled + "/" + lists;
 });
 
 // Has `load` run when the path or the library is another, until it has succeeded.

@@ -126,6 +126,8 @@ export const english = {
   order: "Order",
   all_letters: "All",
   there_are_none: "There are none.",
+  favourite: (title: string) => "Favourite: " + title,
+  no_favourite: (title: string) => title + " is no favourite any more",
   play_next: "Play next",
   add_to_queue: "Add to queue",
   add_title: (title: string) => "Add " + title + " to the queue",
@@ -150,6 +152,7 @@ export const english = {
   // Playlists and stations
   stations: "Stations",
   playlists: "Playlists",
+  favourites: "Favourites",
   no_playlists: "None yet. A queue can be saved as one.",
   in_music_folders: "In the music folders",
   another_name: (name: string) => "Another name for " + name,

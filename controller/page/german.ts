@@ -118,6 +118,8 @@ export const german: Texts = {
   order: "Sortierung",
   all_letters: "Alle",
   there_are_none: "Keine vorhanden.",
+  favourite: (title) => "Favorit: " + title,
+  no_favourite: (title) => title + " ist kein Favorit mehr",
   play_next: "Als Nächstes",
   add_to_queue: "Zur Warteschlange",
   add_title: (title) => title + " zur Warteschlange hinzufügen",
@@ -141,6 +143,7 @@ export const german: Texts = {
 
   stations: "Sender",
   playlists: "Playlists",
+  favourites: "Favoriten",
   no_playlists: "Noch keine. Eine Warteschlange lässt sich als Playlist speichern.",
   in_music_folders: "In den Musikordnern",
   another_name: (name) => "Neuer Name für " + name,

@@ -10,12 +10,13 @@ import type { PlaylistRow } from "./playlists";
 import { Playlist, Playlists } from "./playlists";
 import { library, play, selected } from "./state";
 import { attempt, request, time_text } from "./talk";
+import { say_with_undo } from "./undo";
 
 const kTypingMs = 150;
 
 interface AlbumRow { id: number; title: string; artist: string; year: number }
 interface ArtistRow { id: number; name: string }
-interface TrackRow { id: number; title: string; artist: string; disc: number; number: number; duration_ms: number }
+interface TrackRow { id: number; title: string; artist: string; disc: number; number: number; duration_ms: number; favourite: boolean }
 
 function Album({ album }: { album: AlbumRow }) {
   return <li><a href={"#library/album/" + album.id}>
@@ -35,6 +36,15 @@ function Shelf({ kind, name }: { kind: ShelfKind; name: string }) {
   return <li><a class="open button" href={"#library/" + kind + "/" + encodeURIComponent(name)}>{name}</a></li>;
 }
 
+// A favourite or none: the lists that are kept here, and so the answer that this is of, change with it.
+function Heart({ what, title, is_one }: { what: string; title: string; is_one: boolean }) {
+  const make = (favourite: boolean) => request("library/favourites", { what, favourite });
+  const press = async () => {
+    if (await attempt(() => make(!is_one)) && is_one) say_with_undo(texts.no_favourite(title), () => make(true));
+  };
+  return <IconButton icon={is_one ? "heart-full" : "heart"} label={texts.favourite(title)} aria-pressed={is_one} onClick={press} />;
+}
+
 // `context`: all of what a press plays, from this track on.
 function Track({ track, number, context }: { track: TrackRow; number?: number; context: [what: string, start: number] }) {
   const [what, start] = context;
@@ -44,6 +54,7 @@ function Track({ track, number, context }: { track: TrackRow; number?: number; c
       <Two first={track.title} second={track.artist} />
       <span class="quiet">{track.duration_ms ? time_text(track.duration_ms) : ""}</span>
     </button>
+    <Heart what={"track:" + track.id} title={track.title} is_one={track.favourite} />
     <IconButton icon="add" label={texts.add_title(track.title)} onClick={() => play("track:" + track.id, { where: "end" })} />
   </li>;
 }
@@ -88,8 +99,7 @@ function Letters({ place: list, from }: { place: string; from: string }) {
 }
 
 function Albums({ order, from }: { order: string; from: string }) {
-  // Those played last are others without a change of the library.
-  const path = "library/albums?sort=" + order + "&from=" + encodeURIComponent(from) + (order === "played" ? "&" + library.value.lists : "");
+  const path = "library/albums?sort=" + order + "&from=" + encodeURIComponent(from);
   return <>
     <select aria-label={texts.order} value={order} onChange={(event) => { location.hash = "#library/albums/" + event.currentTarget.value; }}>
       {Object.entries(texts.orders).map(([name, title]) => <option key={name} value={name}>{title}</option>)}
@@ -165,13 +175,16 @@ function AlbumTracks({ id, tracks }: { id: string; tracks: TrackRow[] }) {
 }
 
 function OneAlbum({ id }: { id: string }) {
-  const { answer, failure } = use_answer<AlbumRow & { tracks: TrackRow[] }>("library/albums/" + id);
+  const { answer, failure } = use_answer<AlbumRow & { tracks: TrackRow[]; favourite: boolean }>("library/albums/" + id);
   if (!answer) return <Awaited failure={failure} />;
   return <>
     <div class="head">
       <Cover path={"cover/" + id} />
       <div class="grow">
-        <h2 class="first">{answer.title || texts.untitled}</h2>
+        <div class="row">
+          <h2 class="first grow">{answer.title || texts.untitled}</h2>
+          <Heart what={"album:" + id} title={answer.title || texts.untitled} is_one={answer.favourite} />
+        </div>
         <p class="quiet">{[answer.artist, answer.year || ""].filter(Boolean).join(" · ")}</p>
         <Actions what={"album:" + id} />
       </div>
@@ -188,6 +201,17 @@ function OneArtist({ id }: { id: string }) {
     <Actions what={"artist:" + id} />
     <h2>{texts.tabs.albums}</h2>
     <ul class="grid">{answer.albums.map((each) => <Album key={each.id} album={each} />)}</ul>
+  </>;
+}
+
+function Favourites() {
+  return <>
+    <h2 class="first">{texts.favourites}</h2>
+    <Actions what="favourites:tracks" />
+    <h2>{texts.found.tracks}</h2>
+    <EndlessList path="library/favourites?kind=tracks" of="tracks" />
+    <h2>{texts.found.albums}</h2>
+    <EndlessList path="library/favourites?kind=albums" of="albums" />
   </>;
 }
 
@@ -280,12 +304,15 @@ function Content({ kind, words }: { kind: string; words: string[] }) {
       return <EndlessList key={path} path={path} of={of} />;
     }
     case "search": return <Search text={words.slice(1).join("/")} />;
+    case "favourites": return <Favourites />;
     case "playlists": return <Playlists />;
     case "unreadable": return <Unreadable />;
     default: return library.value.tracks || library.value.scanning
       ? <Albums order={kind === "albums" && words[1] || "title"} from={words[2] ?? ""} /> : <EmptyLibrary />;
   }
 }
+
+const kInTabs: Record<string, string> = { favourites: "playlists" };
 
 export function Library() {
   const { words } = place.value;
@@ -300,7 +327,7 @@ export function Library() {
     </div>
     <SearchField text={text} />
     <div class="tabs">{Object.entries(texts.tabs).map(([name, title]) =>
-      <a key={name} class="button" href={"#library/" + name} aria-current={kind === name ? "page" : undefined}>{title}</a>)}</div>
+      <a key={name} class="button" href={"#library/" + name} aria-current={(kInTabs[kind] ?? kind) === name ? "page" : undefined}>{title}</a>)}</div>
     <div id="found"><Content kind={kind} words={words} /></div>
     <ScanLine />
   </>;

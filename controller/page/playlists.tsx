@@ -5,7 +5,7 @@ import { use_answer, use_pages } from "./answers";
 import { Awaited } from "./awaited";
 import { texts } from "./language";
 import { Icon, IconButton } from "./parts";
-import { library, play } from "./state";
+import { play } from "./state";
 import { attempt, request, say } from "./talk";
 import { say_with_undo } from "./undo";
 
@@ -61,16 +61,15 @@ function AddStation() {
 }
 
 function Own() {
-  // Asked for anew when one of them has changed, here or elsewhere.
-  const known = "?" + library.value.lists;
-  const stations = use_answer<{ stations: StationRow[] }>("stations" + known);
-  const playlists = use_answer<{ playlists: PlaylistRow[] }>("playlists" + known);
-  const before = useRef<[StationRow[], PlaylistRow[]]>(undefined);
-  if (stations.answer && playlists.answer) before.current = [stations.answer.stations, playlists.answer.playlists];
-  if (!before.current) return <Awaited failure={stations.failure || playlists.failure} />;
-  const [radios, own] = before.current;
+  const stations = use_answer<{ stations: StationRow[] }>("stations");
+  const playlists = use_answer<{ playlists: PlaylistRow[] }>("playlists");
+  if (!stations.answer || !playlists.answer) return <Awaited failure={stations.failure || playlists.failure} />;
+  const [radios, own] = [stations.answer.stations, playlists.answer.playlists];
   return <>
-    <h2 class="first">{texts.stations}</h2>
+    <ul class="list"><li>
+      <a class="open button" href="#library/favourites"><Icon name="heart" />{texts.favourites}</a>
+    </li></ul>
+    <h2>{texts.stations}</h2>
     <ul class="list">{radios.map((each) => <Playlist key={each.name} list={each}>
       <Changes kind="stations" name={each.name} take_back={() => request("stations", { name: each.name, url: each.url })} />
     </Playlist>)}</ul>

@@ -52,6 +52,8 @@ const Api::Route Api::kRoutes[] = {
     {"GET", "/api/library/search", &Api::library<&LibraryApi::get_search>},
     {"GET", "/api/library/unreadable", &Api::library<&LibraryApi::get_unreadable>},
     {"POST", "/api/library/scan", &Api::library<&LibraryApi::post_scan>},
+    {"GET", "/api/library/favourites", &Api::library<&LibraryApi::get_favourites>},
+    {"POST", "/api/library/favourites", &Api::library<&LibraryApi::post_favourite>},
     {"GET", "/api/library/playlists", &Api::library<&LibraryApi::get_playlist_files>},
     {"GET", "/api/playlists", &Api::library<&LibraryApi::get_playlists>},
     {"POST", "/api/playlists", &Api::library<&LibraryApi::post_playlist>},

@@ -12,7 +12,7 @@ constexpr int64_t kMaxPage = 500;
 constexpr int64_t kMaxFirst = 1'000'000;
 constexpr int64_t kFound = 50;
 
-JsonPtr describe(const Track& track) {
+JsonPtr describe(const Track& track, bool is_favourite) {
     JsonPtr object = new_object();
     add(object.get(), "id", track.id);
     add(object.get(), "title", track.title);
@@ -22,6 +22,7 @@ JsonPtr describe(const Track& track) {
     add(object.get(), "disc", track.disc);
     add(object.get(), "number", track.number);
     add(object.get(), "duration_ms", track.duration_ms);
+    add(object.get(), "favourite", is_favourite);
     return object;
 }
 
@@ -129,6 +130,14 @@ JsonPtr in_object(const char* key, JsonPtr value) {
 
 }  // namespace
 
+JsonPtr LibraryApi::describe_tracks(const std::vector<Track>& tracks) const {
+    JsonPtr array = new_array();
+    for (const Track& track : tracks) {
+        append(array.get(), describe(track, m_library.is_favourite(track)));
+    }
+    return array;
+}
+
 int LibraryApi::get_albums(Exchange& exchange, const std::string&) {
     const int64_t artist = exchange.number_parameter("artist", 0);
     const std::string sort = exchange.parameter("sort");
@@ -156,7 +165,9 @@ int LibraryApi::get_album(Exchange& exchange, const std::string& id) {
     }
     JsonPtr object = describe(*album);
     cJSON_DeleteItemFromObjectCaseSensitive(object.get(), "tracks");
-    add(object.get(), "tracks", describe_all(m_library.view().tracks_of_album(number, 2000)));
+    const std::vector<Track> tracks = m_library.view().tracks_of_album(number, 2000);
+    add(object.get(), "tracks", describe_tracks(tracks));
+    add(object.get(), "favourite", m_library.is_favourite_album(tracks));
     return exchange.reply_json(object);
 }
 
@@ -185,7 +196,7 @@ int LibraryApi::get_folder(Exchange& exchange, const std::string& id) {
     add(object.get(), "parent", page.parent);
     add(object.get(), "name", page.name);
     add(object.get(), "folders", describe_all(page.folders));
-    add(object.get(), "tracks", describe_all(page.tracks));
+    add(object.get(), "tracks", describe_tracks(page.tracks));
     add(object.get(), "playlists", describe_all(m_library.playlists_in(page.id)));
     return exchange.reply_json(object);
 }
@@ -212,7 +223,7 @@ int LibraryApi::get_search(Exchange& exchange, const std::string&) {
     JsonPtr object = in_object("total", std::move(total));
     add(object.get(), "artists", describe_all(found.artists));
     add(object.get(), "albums", describe_all(found.albums));
-    add(object.get(), "tracks", describe_all(found.tracks));
+    add(object.get(), "tracks", describe_tracks(found.tracks));
     add(object.get(), "playlists", describe_all(found.playlists));
     return exchange.reply_json(object);
 }
@@ -223,6 +234,28 @@ int LibraryApi::post_scan(Exchange& exchange, const std::string&) {
 }
 
 // ---- Own lists ----------------------------------------------------------------------------------
+
+int LibraryApi::get_favourites(Exchange& exchange, const std::string&) {
+    const std::string kind = exchange.parameter("kind");
+    if (kind != "albums" && kind != "tracks") {
+        return exchange.fail(400, "kind is albums or tracks");
+    }
+    const LibraryView::Page page = page_of(exchange);
+    return exchange.reply_json(in_object(
+        kind.c_str(), kind == "albums" ? describe_all(m_library.favourite_albums(page))
+                                       : describe_tracks(m_library.favourite_tracks(page))));
+}
+
+int LibraryApi::post_favourite(Exchange& exchange, const std::string&) {
+    const JsonPtr body = exchange.body();
+    if (body == nullptr) {
+        return exchange.status();
+    }
+    const std::optional<bool> is_one = bool_member(body.get(), "favourite");
+    return is_one ? answer(exchange, m_library.set_favourite(
+                                         text_member(body.get(), "what").value_or(""), *is_one))
+                  : exchange.fail(400, "favourite is true or false");
+}
 
 int LibraryApi::get_playlist_files(Exchange& exchange, const std::string&) {
     return exchange.reply_json(

@@ -9,6 +9,7 @@
 // - GET /api/library/search, ?q=
 // - GET /api/library/unreadable
 // - POST /api/library/scan
+// - GET /api/library/favourites, ?kind= &first= &count=; POST: {"what": ..., "favourite": ...}
 // - GET, POST /api/playlists: {"name": ..., "device": whose queue}
 // - POST /api/playlists/NAME/rename, {"name": ...}; /delete; /restore
 // - GET, POST /api/stations: {"name": ..., "url": ...}
@@ -42,6 +43,8 @@ class LibraryApi {
     int get_unreadable(Exchange& exchange, const std::string& id);
     int get_playlist_files(Exchange& exchange, const std::string& id);
     int post_scan(Exchange& exchange, const std::string& id);
+    int get_favourites(Exchange& exchange, const std::string& id);
+    int post_favourite(Exchange& exchange, const std::string& id);
 
     int get_playlists(Exchange& exchange, const std::string& id);
     int get_stations(Exchange& exchange, const std::string& id);
@@ -53,6 +56,7 @@ class LibraryApi {
     int rename(Exchange& exchange, const std::string& name);
 
   private:
+    JsonPtr describe_tracks(const std::vector<Track>& tracks) const;
     int answer(Exchange& exchange, const std::string& failure);
 
     Library& m_library;

@@ -405,10 +405,24 @@ TEST_F(LibraryTest, albums_are_listed_as_asked_and_those_heard_outlast_the_libra
     for (const char* name : {"cat", "bee", "cat", "bee", "bee"}) {
         m_library->note_heard(found_tracks(name).at(0));
     }
+    for (const char* name : {"ant", "dog", "bee"}) {
+        const Track track = found_tracks(name).at(0);
+        EXPECT_EQ(m_library->set_favourite("track:" + std::to_string(track.id), true), "");
+        EXPECT_EQ(m_library->set_favourite("album:" + std::to_string(track.album_id), true), "");
+    }
+    const Track dog = found_tracks("dog").at(0);
+    EXPECT_EQ(m_library->set_favourite("track:" + std::to_string(dog.id), false), "");
+    EXPECT_EQ(m_library->set_favourite("album:" + std::to_string(dog.album_id), false), "");
+    EXPECT_NE(m_library->set_favourite("album:999", true), "");
     m_library.reset();
     m_dir.write("library.db", std::string(8192, 'x'));
     open({m_dir / "music"});
     ASSERT_TRUE(wait_for_tracks(4));
+    EXPECT_THAT(titles(m_library->favourite_albums({0, 9})), ElementsAre("Bee", "ant"));
+    EXPECT_EQ(m_library->favourite_tracks({0, 9}).at(1).title, "ant");
+    EXPECT_EQ(m_library->select("favourites:tracks").items.size(), 2U);
+    EXPECT_TRUE(m_library->is_favourite(found_tracks("bee").at(0)));
+    EXPECT_FALSE(m_library->is_favourite_album(found_tracks("dog")));
     EXPECT_THAT(titles(m_library->albums_heard({0, 9})), ElementsAre("Bee", "Cat"));
     EXPECT_THAT(titles(m_library->albums_heard({1, 9})), ElementsAre("Cat"));
 }

@@ -404,7 +404,19 @@ class Page(HouseTest):
             wait_for("its end", lambda: name not in phone.run(shown))
             phone.finger(phone.place_of("#toast button"))
             wait_for("it again", lambda: name in phone.run(shown))
-        for screen, name, count in ("playlists", "Files.m3u", 1), ("search/eve", "Evening", 2):
+        album = self.first_album()
+        track = album["tracks"][1]["title"]
+        phone.open(f"#library/album/{album['id']}")
+        for name in album["title"], track:
+            phone.finger(phone.place_of(f"[aria-label='Favourite: {name}']"))
+        phone.open("#library/playlists")
+        phone.press("Favourites")
+        wait_for("both", lambda: phone.titles() == [track] and phone.place_of(".grid a"))
+        phone.finger(phone.place_of("[aria-label^='Favourite: '][aria-pressed=true]"))
+        phone.shows("There are none")
+        phone.finger(phone.place_of("#toast button"))
+        wait_for("it again", phone.titles)
+        for screen, name, count in ("favourites", "Play", 1), ("playlists", "Files.m3u", 1), ("search/eve", "Evening", 2):
             phone.open("#library/" + screen)
             phone.press(name)
             wait_for("its tracks", lambda: len(self.queue()) == count)
@@ -601,7 +613,7 @@ class Page(HouseTest):
             browser.shows("Night Boats 1")
             album = f"library/album/{self.first_album()['id']}"
             self.judge_screens(browser, "devices", "library", album, "library/artist/1",
-                               "library/artists", "library/genres", "library/composer/Ida%20Quill", "library/folders",
+                               "library/artists", "library/favourites", "library/genres", "library/composer/Ida%20Quill", "library/folders",
                                "library/playlists", "library/search/b", "library/search/zz", "library/search/http%3A%2F%2Fradio",
                                "queue", "playing")
             for sheet in "Move to …", "Sleep":
