@@ -11,7 +11,11 @@
     row("/", "text/html; charset=utf-8", index_html) row("/style.css", "text/css", style_css)     \
         row("/app.js", "text/javascript", app_js) row("/worker.js", "text/javascript", worker_js) \
             row("/icon.svg", "image/svg+xml", icon_svg)                                           \
-                row("/manifest.json", "application/manifest+json", manifest_json)
+                row("/manifest.json", "application/manifest+json", manifest_json)                 \
+                    row("/icon-192.png", "image/png", icon_192_png)                               \
+                        row("/icon-512.png", "image/png", icon_512_png)                           \
+                            row("/maskable-192.png", "image/png", maskable_192_png)               \
+                                row("/maskable-512.png", "image/png", maskable_512_png)
 
 #define NUVIO_DECLARE(path, type, name)              \
     extern "C" const char nuvio_page_##name[];       \

@@ -183,6 +183,11 @@ class Page(HouseTest):
         self.assertLess(phone.run("""return performance.getEntriesByType("resource").concat(
             performance.getEntriesByType("navigation")).reduce((sum, each) => sum + each.transferSize, 0)"""),
             PAGE_BYTES)
+        self.assertEqual(phone.driver.execute_cdp_cmd("Page.getInstallabilityErrors", {})["installabilityErrors"], [])
+        for icon in json.loads(phone.driver.execute_cdp_cmd("Page.getAppManifest", {})["data"])["icons"][1:]:
+            self.assertEqual(phone.driver.execute_async_script("""const icon = new Image(), done = arguments[1];
+                icon.onload = icon.onerror = () => done(icon.naturalWidth + "x" + icon.naturalHeight);
+                icon.src = arguments[0];""", icon["src"]), icon["sizes"])
         phone.press("Choose Kitchen")
         self.play_album(phone, 0)
         phone.press("Play")
