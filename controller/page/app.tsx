@@ -6,9 +6,9 @@ import { Devices } from "./devices";
 import { offer_keys } from "./keys";
 import { clock_text, texts } from "./language";
 import { Library } from "./library";
-import { Icon } from "./parts";
+import { Icon, IsBeside } from "./parts";
 import type { Screen } from "./places";
-import { go_and_search, kScreens as kNames, place } from "./places";
+import { go_and_search, is_wide, kScreens as kNames, place } from "./places";
 import { Mini, Playing } from "./playing";
 import { Queue } from "./queue";
 import { is_connected, known_at, refusal, selected, start, toggle_play } from "./state";
@@ -60,6 +60,16 @@ function Guarded({ children }: { children: ComponentChildren }) {
   </>;
 }
 
+const kWhatPlays: Screen[] = ["playing", "queue"];
+const kBeside: Record<Screen, Screen[]> = { devices: kWhatPlays, library: kWhatPlays, queue: ["playing"], playing: ["queue"] };
+
+function Beside({ names }: { names: Screen[] }) {
+  return <aside aria-label={texts.what_plays}><IsBeside.Provider value>{names.map((name) => {
+    const { Shown } = kScreens[name];
+    return <div key={name} class={name === "queue" ? "scroller" : undefined}><Guarded><Shown /></Guarded></div>;
+  })}</IsBeside.Provider></aside>;
+}
+
 function Page() {
   const { screen, entry, scroll } = place.value;
   const main = useRef<HTMLElement>(null);
@@ -77,11 +87,14 @@ function Page() {
       event.preventDefault();
       main.current?.focus();
     }}>{texts.to_the_content}</a>
-    <main id="main" tabIndex={-1} ref={main}><Guarded key={screen}><Shown /></Guarded></main>
+    <div class="columns">
+      <main id="main" tabIndex={-1} ref={main}><Guarded key={screen}><Shown /></Guarded></main>
+      {is_wide.value && <Beside names={kBeside[screen]} />}
+    </div>
     <div class="below">
       <Banner />
       <Toast />
-      {screen !== "playing" && <Mini />}
+      {screen !== "playing" && !is_wide.value && <Mini />}
       <Nav screen={screen} />
     </div>
   </>;

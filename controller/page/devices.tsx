@@ -38,7 +38,9 @@ export function Devices() {
       <IconButton icon="scan" label={texts.ask_all} onClick={() => request("devices/look", {}).catch(() => {})} />
     </div>
     <AllRooms />
-    {all.map((device) => <Card key={device.id} device={device} is_selected={device.id === selected.value?.id} />)}
+    <div class="cards">
+      {all.map((device) => <Card key={device.id} device={device} is_selected={device.id === selected.value?.id} />)}
+    </div>
     {all.length === 0 && <p>{is_connected.value ? texts.none_found : texts.nothing_known}</p>}
   </>;
 }

@@ -168,7 +168,7 @@ function SearchWords({ text }: { text: string }) {
 function AlbumTracks({ id, tracks }: { id: string; tracks: TrackRow[] }) {
   const discs = new Set(tracks.map((track) => track.disc));
   const is_first = (at: number) => discs.size > 1 && tracks[at]?.disc !== tracks[at - 1]?.disc;
-  return <ul class="list">{tracks.map((track, at) => <>
+  return <ul class="list in-order">{tracks.map((track, at) => <>
     {is_first(at) && <li key={"disc-" + track.disc} class="heading"><h3>{track.disc ? texts.disc(number_text(track.disc)) : texts.without_disc}</h3></li>}
     <Track key={track.id} track={track} number={track.number} context={["album:" + id, at]} />
   </>)}</ul>;

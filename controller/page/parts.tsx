@@ -1,12 +1,21 @@
 // Small things that every screen uses: icons, buttons, covers, what a device is doing.
 import type { ComponentChildren, JSX } from "preact";
-import { useEffect, useState } from "preact/hooks";
+import { createContext } from "preact";
+import { useContext, useEffect, useState } from "preact/hooks";
 import { texts } from "./language";
 import type { Device } from "./state";
 import { is_paused, is_running, position_ms, toggle_play } from "./state";
 
 export function Icon({ name }: { name: string }) {
   return <svg aria-hidden="true"><use href={"#i-" + name} /></svg>;
+}
+
+// Whether it stands beside the screen that was asked for.
+export const IsBeside = createContext(false);
+
+// Of a screen; focused when it is gone to.
+export function Title({ children, class: kind }: { children: ComponentChildren; class?: string }) {
+  return useContext(IsBeside) ? <h2 class={kind}>{children}</h2> : <h1 tabIndex={-1} class={kind}>{children}</h1>;
 }
 
 type ButtonProps = Omit<JSX.IntrinsicElements["button"], "icon"> & { icon: string; label: string };

@@ -31,6 +31,11 @@ function here(): Place {
   return { screen, words: words.slice(1), entry, scroll: scrolled.get(entry) };
 }
 
+// Where there is room, what plays stands beside the screens.
+const wide = matchMedia("(min-width: 64rem)");
+export const is_wide = signal(wide.matches);
+wide.addEventListener("change", () => { is_wide.value = wide.matches; });
+
 history.scrollRestoration = "manual";
 export const place = signal(here());
 

@@ -1,6 +1,6 @@
 // What plays now, and the small line about it above the screens' names.
 import { counted, number_text, texts } from "./language";
-import { Cover, Doing, has_music, Icon, IconButton, PlayButton, title_of, Two, use_position } from "./parts";
+import { Cover, Doing, has_music, Icon, IconButton, PlayButton, Title, title_of, Two, use_position } from "./parts";
 import { MoveMusic } from "./rooms";
 import { SleepTimer } from "./sleep";
 import { Slider, VolumeRow } from "./slider";
@@ -15,7 +15,7 @@ const kSeekSteps: Record<string, number> = { ArrowLeft: -5000, ArrowDown: -5000,
 
 export function NothingHere({ title, device }: { title: string; device: Device | null }) {
   return <>
-    <h1 tabIndex={-1}>{title}</h1>
+    <Title>{title}</Title>
     {device ? <>
       <p>{texts.nothing_plays_on(device.name)}</p>
       <Doing device={device} />
@@ -92,7 +92,7 @@ export function Playing() {
   return <div class={"player" + (device.is_pending ? " pending" : "")}>
     <Cover path={track?.cover} size="large" />
     <div>
-      <h1 tabIndex={-1}>{title_of(device)}</h1>
+      <Title>{title_of(device)}</Title>
       <p>{track?.artist && <a href={"#library/search/" + encodeURIComponent(track.artist)}>{track.artist}</a>}</p>
       <p class="quiet"><AlbumLink track={track} /></p>
       <p class="quiet" id="format">{format_text(device)}</p>

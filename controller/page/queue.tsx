@@ -1,11 +1,11 @@
 // The queue: rows made as they come into view, moved by finger, mouse and key.
 import type { RefObject } from "preact";
-import { useEffect, useLayoutEffect, useRef, useState } from "preact/hooks";
+import { useContext, useEffect, useLayoutEffect, useRef, useState } from "preact/hooks";
 import Sortable from "sortablejs";
 import { counted, number_text, texts } from "./language";
 import type { Entry } from "./order";
 import { follow, move, order } from "./order";
-import { Cover, IconButton, Two } from "./parts";
+import { Cover, IconButton, IsBeside, Title, Two } from "./parts";
 import { place } from "./places";
 import { NothingHere } from "./playing";
 import { save_queue } from "./playlists";
@@ -16,6 +16,7 @@ import { take_away } from "./undo";
 import { row_height, use_rows } from "./windowed";
 
 const kEdgePx = 130;  // so near the screen's end a row in hand has the list move on
+const kEdgeOfSmallPx = 45;  // of a list that scrolls by itself
 const kEdgeSpeed = 14;
 const kFromTop = 1 / 3;  // where on the screen the current track is at first
 
@@ -46,13 +47,13 @@ function use_hand(list: RefObject<HTMLUListElement | null>, device: Device, item
     };
     const listen = (is_on: boolean) => {
       for (const [target, name] of [[document, "pointermove"], [window, "scroll"]] as const) {
-        if (is_on) target.addEventListener(name, carry);
-        else target.removeEventListener(name, carry);
+        if (is_on) target.addEventListener(name, carry, true);
+        else target.removeEventListener(name, carry, true);
       }
     };
     const sortable = Sortable.create(rows, {
       sort: false, handle: ".drag", draggable: "li", forceFallback: true, fallbackOnBody: true, fallbackTolerance: 4,
-      fallbackClass: "in-hand", scrollSensitivity: kEdgePx, scrollSpeed: kEdgeSpeed, bubbleScroll: true,
+      fallbackClass: "in-hand", scrollSensitivity: rows.closest(".scroller") ? kEdgeOfSmallPx : kEdgePx, scrollSpeed: kEdgeSpeed, bubbleScroll: true,
       onStart: (event) => {
         entry = now.current.items.find((each) => String(each.item) === event.item.dataset.item);
         y = event.item.getBoundingClientRect().top + event.item.offsetHeight / 2;
@@ -123,15 +124,17 @@ function Rows({ device, items }: { device: Device; items: Entry[] }) {
   const hand = use_hand(list, device, items);
   const [focused, set_focused] = useState<number>();
   const moved_by_key = useRef(false);
+  const is_beside = useContext(IsBeside);
   const shown = with_hand(items, hand);
   const rows = use_rows(list, shown.length);
 
   // It opens at the current track, unless it was left elsewhere.
   useLayoutEffect(() => {
     const at = items.findIndex((entry) => entry.item === device.item);
-    if (!list.current || at < 1 || place.value.scroll !== undefined) return;
-    const top = list.current.getBoundingClientRect().top + window.scrollY;
-    window.scrollTo(0, top + at * row_height(list.current, items.length) - window.innerHeight * kFromTop);
+    if (!list.current || at < 1 || (!is_beside && place.value.scroll !== undefined)) return;
+    const scroller = list.current.closest(".scroller") ?? document.documentElement;
+    const top = list.current.getBoundingClientRect().top - (is_beside ? scroller.getBoundingClientRect().top : 0);
+    scroller.scrollTop += top + at * row_height(list.current, items.length) - scroller.clientHeight * kFromTop;
   }, []);
   // A row that has moved elsewhere in the document loses the keyboard.
   useLayoutEffect(() => {
@@ -166,10 +169,13 @@ export function Queue() {
   const { device: known, items } = order.value;
   void version.value;  // while a queue is being read, each message tells of more of it
   useEffect(() => { if (device) follow(device); });
-  if (!device || !device.track || !device.queue_length) return <NothingHere title={texts.screens.queue} device={device} />;
+  const is_beside = useContext(IsBeside);
+  if (!device || !device.track || !device.queue_length) {
+    return is_beside ? null : <NothingHere title={texts.screens.queue} device={device} />;
+  }
   return <>
     <div class="row wrap title">
-      <h1 tabIndex={-1} class="grow">{texts.screens.queue}</h1>
+      <Title class="grow">{texts.screens.queue}</Title>
       <button type="button" aria-label={texts.save_queue} onClick={() => save_queue(device)}>{texts.save}</button>
       {device.queue_length > 1 && <button type="button" onClick={() =>
         take_away(device, "clear", {}, texts.cleared)}>{texts.clear}</button>}

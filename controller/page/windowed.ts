@@ -31,11 +31,11 @@ export function use_rows(list: RefObject<HTMLElement | null>, count: number): Ro
   useEffect(() => {
     const size = new ResizeObserver(look);
     if (list.current) size.observe(list.current);
-    window.addEventListener("scroll", look, { passive: true });
+    window.addEventListener("scroll", look, { passive: true, capture: true });
     window.addEventListener("resize", look);
     return () => {
       size.disconnect();
-      window.removeEventListener("scroll", look);
+      window.removeEventListener("scroll", look, true);
       window.removeEventListener("resize", look);
     };
   }, [count]);

@@ -308,9 +308,10 @@ class Page(HouseTest):
         drag(3, 1)
         order.insert(1, order.pop())
         is_so()
-        rows = phone.driver.find_elements(By.CSS_SELECTOR, ".drag")
-        ActionChains(phone.driver).click_and_hold(rows[0]).move_by_offset(0, 60).move_to_element(rows[2]).release().perform()
-        order.insert(2, order.pop(0))
+        desktop = Browser(self, "desktop", screen="#library")  # the queue is beside it
+        rows = wait_for("them", lambda: desktop.driver.find_elements(By.CSS_SELECTOR, "aside .drag"))
+        ActionChains(desktop.driver).click_and_hold(rows[0]).move_by_offset(0, 20).move_to_element(rows[1]).release().perform()
+        order.insert(1, order.pop(0))
         is_so()
         phone.run("document.querySelector('[data-item] .drag').focus()")
         ActionChains(phone.driver).send_keys(Keys.ARROW_DOWN, Keys.ARROW_DOWN, Keys.ARROW_DOWN, Keys.ARROW_UP).perform()
@@ -376,6 +377,11 @@ class Page(HouseTest):
             const box = document.querySelector(".queue-row.now")?.getBoundingClientRect();
             return box && box.top > 0 && box.bottom < innerHeight"""))
         self.assertLess(phone.run("return document.querySelectorAll('.queue-row').length"), 60)
+        desktop = Browser(self, "desktop", screen="#library")
+        desktop.shows(ALBUMS[0][0])
+        wait_for("the current one beside it", lambda: desktop.run("""
+            const [row, list] = ["aside .now", ".scroller"].map((each) => document.querySelector(each)?.getBoundingClientRect());
+            return scrollY === 0 && row && row.top > list.top && row.bottom < list.bottom"""))
         phone.run("scrollTo(0, 1000 * 56)")
         wait_for("rows there", lambda: phone.run("return document.querySelectorAll('[aria-posinset=\"1000\"]').length"))
         phone.press("Library")
