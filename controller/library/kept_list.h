@@ -1,9 +1,8 @@
 // A list of tracks or of albums that is kept by the paths of their files, so that it is known also
 // when the library, a cache, was made anew.
 //
-//   PATH   an M3U file, the newest first; an album's entry is the file of one of its tracks, with
-//   the
-//          album's title
+//   PATH   an M3U file, the newest first; an album's entry is the file of one of its tracks, and
+//          the album's title
 //
 // Threads  any. Waits for the disk, but for revision().
 // Errors   a text for people; empty: it was done. A file that is there and can't be read is not
