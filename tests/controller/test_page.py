@@ -127,6 +127,12 @@ class Browser:
     def block(self, *urls):
         self.driver.execute_cdp_cmd("Network.setBlockedURLs", {"urls": urls})
 
+    def slow_down(self, seconds=0.0, bytes_per_second=-1):
+        """The network, but for the socket: of each request."""
+        self.driver.execute_cdp_cmd("Network.emulateNetworkConditions", {
+            "offline": False, "latency": seconds * 1000, "downloadThroughput": bytes_per_second,
+            "uploadThroughput": bytes_per_second})
+
     def toast(self):
         return self.run("return document.getElementById('toast').textContent")
 
@@ -567,8 +573,21 @@ class Page(HouseTest):
         self.assertEqual(phone.toast(), "the device is not on the network: is it switched on?")
         [refusal] = phone.faults()
         self.assertIn("409 (Conflict)", refusal)
+        phone.slow_down(2, 20_000)
+        phone.open("#library/artists")
+        phone.shows("Being read …")
+        phone.shows("Trio Laub")
         phone.open("#devices")
         phone.press("Choose Larder")
+        phone.press("Pause Larder")
+        phone.press("Play Larder")  # a press shows before it is done, and the order stays
+        phone.press("Pause Larder")
+        wait_for("a pause", lambda: self.shown("Larder")["playback"] == "paused" and not phone.run(
+            "return document.querySelector('.pending') !== null"))
+        time.sleep(1)
+        self.assertEqual(kitchen.player("status"), "Paused")
+        phone.slow_down()
+        phone.press("Play Larder")
         attic.start()
         phone.shows("Free")
 
