@@ -116,7 +116,8 @@ export const english = {
   removed: (title: string) => title + " was removed",
   move: (title: string) => "Move " + title + " (arrow keys)",
   moved: (title: string, place: string, of: string) => title + ": place " + place + " of " + of,
-  tracks_in_queue: { one: "# track", other: "# tracks" } as Counted,
+  tracks: { one: "# track", other: "# tracks" } as Counted,
+  lasts: (hours: string, minutes: string) => (hours && hours + " h ") + minutes + " min",
 
   // Library
   tabs: { albums: "Albums", artists: "Artists", genres: "Genres", composers: "Composers", folders: "Folders",

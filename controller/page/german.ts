@@ -108,7 +108,8 @@ export const german: Texts = {
   removed: (title) => title + " wurde entfernt",
   move: (title) => title + " verschieben (Pfeiltasten)",
   moved: (title, place, of) => title + ": Platz " + place + " von " + of,
-  tracks_in_queue: { one: "# Titel", other: "# Titel" },
+  tracks: { one: "# Titel", other: "# Titel" },
+  lasts: (hours, minutes) => (hours && hours + " Std. ") + minutes + " Min.",
 
   tabs: { albums: "Alben", artists: "Interpreten", genres: "Genres", composers: "Komponisten", folders: "Ordner",
           playlists: "Playlists" },

@@ -28,6 +28,15 @@ export function counted(text: Counted, number: number): string {
   return (text[forms.select(number)] ?? text.other).replace("#", () => number_text(number));
 }
 
+// So many tracks, and how long they last where that is known of all.
+export function sum_text(tracks: readonly { duration_ms: number }[], count = tracks.length): string {
+  const text = counted(texts.tracks, count);
+  if (count === 0 || tracks.length < count || tracks.some((track) => !track.duration_ms)) return text;
+  const minutes = Math.max(1, Math.round(tracks.reduce((sum, track) => sum + track.duration_ms, 0) / 60_000));
+  const hours = Math.floor(minutes / 60);
+  return text + " · " + texts.lasts(hours ? number_text(hours) : "", number_text(minutes % 60));
+}
+
 export function clock_text(time: number): string {
   return new Date(time).toLocaleTimeString(locale);
 }

@@ -3,7 +3,7 @@ import type { JSX } from "preact";
 import { useEffect, useRef } from "preact/hooks";
 import { use_answer, use_pages } from "./answers";
 import { Awaited } from "./awaited";
-import { counted, number_text, texts } from "./language";
+import { counted, number_text, sum_text, texts } from "./language";
 import { Cover, Icon, IconButton, Two } from "./parts";
 import { place, rename_place, wants_search } from "./places";
 import type { PlaylistRow } from "./playlists";
@@ -185,7 +185,7 @@ function OneAlbum({ id }: { id: string }) {
           <h2 class="first grow">{answer.title || texts.untitled}</h2>
           <Heart what={"album:" + id} title={answer.title || texts.untitled} is_one={answer.favourite} />
         </div>
-        <p class="quiet">{[answer.artist, answer.year || ""].filter(Boolean).join(" · ")}</p>
+        <p class="quiet">{[answer.artist, answer.year || "", sum_text(answer.tracks)].filter(Boolean).join(" · ")}</p>
         <Actions what={"album:" + id} />
       </div>
     </div>

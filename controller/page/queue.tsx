@@ -2,7 +2,7 @@
 import type { RefObject } from "preact";
 import { useContext, useEffect, useLayoutEffect, useRef, useState } from "preact/hooks";
 import Sortable from "sortablejs";
-import { counted, number_text, texts } from "./language";
+import { number_text, sum_text, texts } from "./language";
 import type { Entry } from "./order";
 import { follow, move, order } from "./order";
 import { Cover, IconButton, IsBeside, Title, Two } from "./parts";
@@ -180,7 +180,7 @@ export function Queue() {
       {device.queue_length > 1 && <button type="button" onClick={() =>
         take_away(device, "clear", {}, texts.cleared)}>{texts.clear}</button>}
     </div>
-    <p class="quiet">{device.name} · {counted(texts.tracks_in_queue, device.queue_length)}</p>
+    <p class="quiet">{device.name} · {sum_text(known === device.id ? items : [], device.queue_length)}</p>
     {known === device.id && items.length > 0 ? <Rows key={device.id} device={device} items={items} />
       : <p class="quiet" role="status">{texts.being_read}</p>}
   </>;

@@ -196,6 +196,7 @@ class Page(HouseTest):
                 icon.src = arguments[0];""", icon["src"]), icon["sizes"])
         phone.press("Choose Kitchen")
         self.play_album(phone, 0)
+        phone.shows("Ada Fern · 2001 · 2 tracks · 1 min")
         phone.press("Play")
         wait_for("the album's beginning on the card", lambda: self.heard(kitchen, 0, 0))
         self.command("loop", "Kitchen", "all")  # it plays as long as this takes
