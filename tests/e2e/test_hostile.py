@@ -69,7 +69,6 @@ class Hostile(DeviceTest):
         self.addCleanup(self.open.close)
         self.write_track(seconds=300 if LONG else 120)
         self.start()
-        self.put_first()
         self.play(self.music)
         self.assertEqual(self.request("GET", "/get-display-info")[0], 200)
         time.sleep(1)
