@@ -35,6 +35,7 @@ export function Undo() {
     event.stopPropagation();
     say(texts.being_put_back, kOfferedMs);
     if (await attempt(now.take_back)) say(texts.is_back);
+    else say_with_undo(said.value, now.take_back);
   };
   return <button type="button" onClick={press}>{texts.undo}</button>;
 }

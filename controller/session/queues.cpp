@@ -14,6 +14,7 @@ namespace {
 constexpr std::chrono::seconds kQueuePatience{3};
 constexpr size_t kMaxItems = 500;  // of a command
 constexpr char kRemove[] = "queue_remove";
+constexpr char kNotKnown[] = "its queue is not known just now";
 
 bool is_any(const QueueItem&) {
     return true;
@@ -66,7 +67,7 @@ Outcome Queues::run(const std::string& id, const std::string& name, JsonPtr argu
 Outcome Queues::clear(const std::string& id) {
     const Time latest = Commands::Clock::now() + Sessions::kPatience;
     if (!has_whole_queue(id, Commands::Clock::now() + kQueuePatience)) {
-        return {false, "its queue is not known just now"};
+        return {false, kNotKnown};
     }
     std::optional<int64_t> current;
     {
@@ -93,6 +94,7 @@ Outcome Queues::clear(const std::string& id) {
                            is_last ? Commands::Until::effect : Commands::Until::answer);
         if (!outcome.is_ok) {
             m_sessions.set_being_filled(id, false);
+            outcome.undo = first > 0 ? keep(id, std::move(before), {true, {}}).undo : 0;
             return outcome;
         }
     }
@@ -113,7 +115,11 @@ Outcome Queues::undo(const std::string& id, std::optional<int64_t> number) {
         before = std::move(*device->taken);
         device->taken.reset();
     }
-    return before.is_all ? play_again(id, before) : put_back(id, before, latest);
+    Outcome outcome = before.is_all ? play_again(id, before) : put_back(id, before, latest);
+    if (!outcome.is_ok) {
+        keep_again(id, std::move(before));
+    }
+    return outcome;
 }
 
 // ---- Parts of them ------------------------------------------------------------------------------
@@ -153,8 +159,27 @@ Outcome Queues::keep(const std::string& id, std::optional<Taken> taken, Outcome 
     return outcome;
 }
 
-Outcome Queues::put_back(const std::string& id, const Taken& taken, Time latest) {
-    for (const Taken::Run& run : taken.runs) {
+// For another try, unless something else was taken away meanwhile, or the session is over.
+void Queues::keep_again(const std::string& id, Taken taken) {
+    const std::scoped_lock lock(m_house.mutex);
+    Device* const device = m_house.find(id);
+    if (device != nullptr && !device->taken && m_house.sessions.has(id)) {
+        device->taken = std::move(taken);
+    }
+}
+
+Outcome Queues::put_back(const std::string& id, Taken& taken, Time latest) {
+    if (!has_whole_queue(id, Commands::Clock::now() + kQueuePatience)) {
+        return {false, kNotKnown};
+    }
+    std::vector<Taken::Run> missing;
+    {
+        const std::scoped_lock lock(m_house.mutex);
+        if (const Device* const device = m_house.find(id)) {
+            missing = missing_of(device->state, taken);
+        }
+    }
+    for (const Taken::Run& run : missing) {
         const Outcome outcome = m_sessions.insert_before(id, told(run), run.before, latest);
         if (!outcome.is_ok) {
             return outcome;

@@ -1,5 +1,5 @@
 // Changes of a device's queue that take something away, and the way back: of each device the last
-// one is remembered, until its session ends or it was taken back.
+// one is remembered, until its session ends or it was taken back; what failed half way is, too.
 //
 // Threads  any; each waits for the device, as Sessions and Commands do.
 #pragma once
@@ -39,7 +39,8 @@ class Queues {
     bool has_whole_queue(const std::string& id, Time latest);
     std::optional<Taken> taken(const std::string& id, const Meant& is_meant);
     Outcome keep(const std::string& id, std::optional<Taken> taken, Outcome outcome);
-    Outcome put_back(const std::string& id, const Taken& taken, Time latest);
+    void keep_again(const std::string& id, Taken taken);
+    Outcome put_back(const std::string& id, Taken& taken, Time latest);
     Outcome play_again(const std::string& id, const Taken& taken);
     void go_to(const std::string& id, const Taken& taken, Time latest);
 

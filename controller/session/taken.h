@@ -23,11 +23,12 @@ struct Taken {
         size_t run = 0, at = 0;
     };
 
-    int64_t number = 0;            // of the press
-    std::string session;           // whose items these were
-    std::vector<Run> runs;         // in the queue's order
-    bool is_all = false;           // another queue has taken its place
-    std::optional<Place> current;  // of the current track, where it went along
+    int64_t number = 0;             // of the press
+    std::string session;            // whose items these were
+    std::vector<Run> runs;          // in the queue's order
+    std::optional<int64_t> newest;  // item of the queue when these were first put back; none: never
+    bool is_all = false;            // another queue has taken its place
+    std::optional<Place> current;   // of the current track, where it went along
     int64_t position_ms = 0;
     Playback playback = Playback::stopped;
 };
@@ -36,6 +37,10 @@ struct Taken {
 std::optional<Taken> taken_of(const DeviceState& state,
                               const std::function<bool(const QueueItem&)>& is_meant,
                               DeviceState::Clock::time_point now);
+
+// Of the runs what is not in the queue: a press may be carried out in part, and so may putting back
+// be, with new items. From the first call on items newer than there were then count as put back.
+std::vector<Taken::Run> missing_of(const DeviceState& state, Taken& taken);
 
 // What the track that was current is called since its run was put back; none: it is not there.
 std::optional<int64_t> current_again(const DeviceState& state, const Taken& taken);

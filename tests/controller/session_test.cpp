@@ -11,6 +11,7 @@
 #include "controller/discovery/announced.h"
 #include "controller/session/device_state.h"
 #include "controller/session/house_state.h"
+#include "controller/session/taken.h"
 #include "controller/session/tracks.h"
 #include "controller/web/byte_range.h"
 
@@ -80,6 +81,35 @@ TEST_F(DeviceStateTest, a_queue_comes_in_any_parts_and_a_new_revision_replaces_i
     EXPECT_EQ(m_state.find(98)->cover + m_state.find(99)->cover, "");
     EXPECT_EQ(track_id_of(m_state.find(98)->url), 0);
     EXPECT_EQ(m_state.missing_place(), std::nullopt);
+}
+
+// A clear that reached 10 and 11 of 10 to 14, but not 13, and then putting back that reached 10.
+TEST_F(DeviceStateTest, what_was_taken_away_or_put_back_in_part_comes_back_once) {
+    ASSERT_TRUE(say(items(0, 5)));
+    const auto is_meant = [](const QueueItem& item) { return item.item != 12; };
+    Taken taken = taken_of(m_state, is_meant, m_start).value();
+    const auto missing = [&](const std::string& queue) {
+        EXPECT_TRUE(say(queue));
+        std::string text;
+        for (const Taken::Run& run : missing_of(m_state, taken)) {
+            for (const QueueItem& item : run.items) {
+                text += std::to_string(item.item) + " ";
+            }
+            text += "before " + std::to_string(run.before.value_or(-1)) + "; ";
+        }
+        return text;
+    };
+    EXPECT_EQ(missing(R"({"type":"queue","revision":3,"length":2,"first":0,"items":[
+        {"item":12},{"item":13}]})"),
+              "10 11 before 12; 14 before -1; ");
+    EXPECT_EQ(missing(R"({"type":"queue","revision":4,"length":3,"first":0,"items":[
+        {"item":15,"url":"http://here/content/0.flac"},{"item":12},{"item":13}]})"),
+              "11 before 12; 14 before -1; ");
+    EXPECT_EQ(missing(R"({"type":"queue","revision":5,"length":5,"first":0,"items":[
+        {"item":15,"url":"http://here/content/0.flac"},
+        {"item":16,"url":"http://here/content/1.flac"},{"item":12},{"item":13},
+        {"item":17,"url":"http://here/content/4.flac"}]})"),
+              "");
 }
 
 TEST_F(DeviceStateTest, one_that_gets_no_further_is_not_said_to_play) {
