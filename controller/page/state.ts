@@ -285,7 +285,7 @@ export function set_sleep(device: Device, wish: object): Promise<boolean> {
 
 export type Where = "now" | "next" | "end";
 
-export async function play(what: string, { where = "now" as Where, start = 0 } = {}): Promise<boolean> {
+export async function play(what: string, { where = "now", start }: { where?: Where; start?: number } = {}): Promise<boolean> {
   const device = selected.value;
   if (!device) {
     say(texts.no_device_to_play);

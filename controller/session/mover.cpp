@@ -206,7 +206,7 @@ void Mover::set_modes(const Music& music) {
     tell(music, "loop", with("loop", music.loop));
 }
 
-// A session that begins shuffled is anywhere at first.
+// The old device may have gone on.
 void Mover::jump(Music& music, size_t place) {
     music.place = place;
     int64_t item = 0;

@@ -46,7 +46,7 @@ ToldTracks told(const Taken::Run& run) {
 }  // namespace
 
 Outcome Queues::play(const std::string& id, const std::vector<Playable>& items, Where where,
-                     size_t start) {
+                     std::optional<size_t> start) {
     std::optional<Taken> before = where == Where::now ? taken(id, is_any) : std::nullopt;
     return keep(id, std::move(before), m_sessions.play(id, items, where, start));
 }
@@ -201,8 +201,9 @@ Outcome Queues::put_back(const std::string& id, Taken& taken, Time latest) {
 }
 
 Outcome Queues::play_again(const std::string& id, const Taken& taken) {
-    const Outcome outcome = m_sessions.play(id, told(taken.runs.front()), Where::now,
-                                            taken.current.value_or(Taken::Place{}).at);
+    const std::optional<size_t> start =
+        taken.current ? std::optional(taken.current->at) : std::nullopt;
+    const Outcome outcome = m_sessions.play(id, told(taken.runs.front()), Where::now, start);
     if (outcome.is_ok) {
         go_to(id, taken, Commands::Clock::now() + Commands::kPatience);
     }

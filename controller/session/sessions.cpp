@@ -42,12 +42,15 @@ std::string refusal(const HttpAnswer& answer) {
 
 }  // namespace
 
-Outcome Sessions::play(const std::string& id, const ToldTracks& tracks, Where where, size_t start) {
+Outcome Sessions::play(const std::string& id, const ToldTracks& tracks, Where where,
+                       std::optional<size_t> start) {
     const Time latest = Commands::Clock::now() + kPatience;
     if (tracks.empty()) {
         return {false, "nothing to play"};
     }
-    start = std::min(start, tracks.size() - 1);
+    if (start) {
+        start = std::min(*start, tracks.size() - 1);
+    }
     FoundDevice found;
     bool is_linked = false;
     {
@@ -59,8 +62,8 @@ Outcome Sessions::play(const std::string& id, const ToldTracks& tracks, Where wh
         found = device->found;
         is_linked = device->owner == Owner::us && device->link != nullptr;
         if (!is_linked || where == Where::now) {
-            device->ask_for({title_of(tracks[start]), is_linked ? device->link_session : "",
-                             device->state.revision()});
+            device->ask_for({title_of(tracks[start.value_or(0)]),
+                             is_linked ? device->link_session : "", device->state.revision()});
             m_house.change();
         }
     }
@@ -76,7 +79,8 @@ Outcome Sessions::play(const std::string& id, const ToldTracks& tracks, Where wh
 }
 
 Outcome Sessions::play_now(const std::string& id, const FoundDevice& found,
-                           const ToldTracks& tracks, size_t start, bool is_linked, Time latest) {
+                           const ToldTracks& tracks, std::optional<size_t> start, bool is_linked,
+                           Time latest) {
     if (is_linked) {
         std::vector<JsonPtr> lists = track_lists(tracks, address_here(id));
         if (lists.size() == 1) {
@@ -89,17 +93,18 @@ Outcome Sessions::play_now(const std::string& id, const FoundDevice& found,
 // A session begins with its first track and as many more as a device reads of a playlist: what
 // stands before `start`, and the rest, are put there afterwards.
 Sessions::HandedOver Sessions::hand_over(const std::string& id, const FoundDevice& found,
-                                         const ToldTracks& tracks, size_t start, bool plays,
-                                         Time latest) {
-    const auto first = tracks.begin() + static_cast<std::ptrdiff_t>(start);
+                                         const ToldTracks& tracks, std::optional<size_t> start,
+                                         bool plays, Time latest) {
+    const auto first = tracks.begin() + static_cast<std::ptrdiff_t>(start.value_or(0));
     const auto end = first + static_cast<std::ptrdiff_t>(std::min<size_t>(
                                  kMaxPlaylist, static_cast<size_t>(tracks.end() - first)));
-    HandedOver begun = begin(id, found, {first, end}, plays, latest);
-    if (!begun.outcome.is_ok || (start == 0 && end == tracks.end()) || !has_queue(id, latest)) {
+    HandedOver begun = begin(id, found, {{first, end}, start.has_value(), plays}, latest);
+    const bool is_all = first == tracks.begin() && end == tracks.end();
+    if (!begun.outcome.is_ok || is_all || !has_queue(id, latest)) {
         return begun;  // its state says what became of it
     }
     // In front first, while the whole queue is known.
-    if (start > 0) {
+    if (first != tracks.begin()) {
         begun.outcome = insert(id, {tracks.begin(), first}, Where::front, latest);
     }
     if (end != tracks.end() && begun.outcome.is_ok) {
@@ -123,7 +128,7 @@ std::optional<std::string> Sessions::playlist(const std::string& session,
 
 // One at a time: a device that refuses one has still the session before it.
 Sessions::HandedOver Sessions::begin(const std::string& id, const FoundDevice& found,
-                                     const ToldTracks& tracks, bool plays, Time latest) {
+                                     const Beginning& beginning, Time latest) {
     {
         std::unique_lock lock(m_house.mutex);
         if (!m_house.on_change.wait_for(lock, Commands::kPatience, [&] {
@@ -142,12 +147,12 @@ Sessions::HandedOver Sessions::begin(const std::string& id, const FoundDevice& f
         m_house.on_change.notify_all();
     };
     const std::unique_ptr<Sessions, decltype(done)> offering(this, done);
-    return offer(id, found, tracks, plays, latest);
+    return offer(id, found, beginning, latest);
 }
 
 // The session is known before the device is asked, which fetches its content at once.
 Sessions::HandedOver Sessions::offer(const std::string& id, const FoundDevice& found,
-                                     const ToldTracks& tracks, bool plays, Time latest) {
+                                     const Beginning& beginning, Time latest) {
     const HttpAnswer reached = ask_device(found, "GET", "get-connect-info", {}, patience(latest));
     if (reached.status != 200) {
         return {{false, refusal(reached)}, {}};
@@ -166,7 +171,7 @@ Sessions::HandedOver Sessions::offer(const std::string& id, const FoundDevice& f
                     .here = "http://" + reached.local_address + ":" + std::to_string(m_port),
                     .is_offered = true,
                     .is_joined = false};
-    session.playlist = playlist_of(tracks, session.here);
+    session.playlist = playlist_of(beginning.tracks, session.here);
     {
         const std::scoped_lock lock(m_house.mutex);
         m_house.sessions.offer(session);
@@ -178,9 +183,11 @@ Sessions::HandedOver Sessions::offer(const std::string& id, const FoundDevice& f
     }
     const HttpAnswer answer = ask_device(
         found, "POST", "connect-to-nconnect",
-        offer_body({session.id, session.here + "/content/" + session.id + ".jspf",
+        offer_body({session.id,
+                    session.here + "/content/" + session.id +
+                        (beginning.is_first_first ? ".jspf#start=0" : ".jspf"),
                     "ws" + session.here.substr(std::string_view("http").size()) + "/channel",
-                    session.token, session.expires, plays}),
+                    session.token, session.expires, beginning.plays}),
         patience(latest));
     settle(id, session.id, answer.status == 200);
     return {answer.status == 200 ? Outcome{true, {}} : Outcome{false, refusal(answer)}, session.id};
@@ -208,10 +215,13 @@ void Sessions::settle(const std::string& id, const std::string& session, bool is
     }
 }
 
-Outcome Sessions::replace(const std::string& id, JsonPtr tracks, size_t start, Time latest) {
+Outcome Sessions::replace(const std::string& id, JsonPtr tracks, std::optional<size_t> start,
+                          Time latest) {
     JsonPtr arguments = new_object();
     add(arguments.get(), "tracks", std::move(tracks));
-    add(arguments.get(), "start", static_cast<int64_t>(start));
+    if (start) {
+        add(arguments.get(), "start", static_cast<int64_t>(*start));
+    }
     const Outcome outcome = m_commands.run(id, "queue_replace", std::move(arguments), latest);
     return outcome.is_ok ? m_commands.run(id, "play", new_object(), latest) : outcome;
 }

@@ -31,13 +31,15 @@ class Sessions {
     Sessions(HouseState& house, Commands& commands, uint16_t port)
         : m_house(house), m_commands(commands), m_port(port) {}
 
-    // `start`: place in `items` of the first one to play; for Where::now.
+    // `start`: place in `items` of the first one to play, for Where::now; none: the first, or any
+    // where the device shuffles.
     // The device has taken it on, not played it: its state tells what comes of it.
     Outcome play(const std::string& device, const std::vector<Playable>& items, Where where,
-                 size_t start = 0) {
+                 std::optional<size_t> start = std::nullopt) {
         return play(device, told(items), where, start);
     }
-    Outcome play(const std::string& device, const ToldTracks& tracks, Where where, size_t start);
+    Outcome play(const std::string& device, const ToldTracks& tracks, Where where,
+                 std::optional<size_t> start);
     // Into the queue of a device whose channel stands, in front of an item or, where there is none
     // such, at the end.
     Outcome insert_before(const std::string& device, const ToldTracks& tracks,
@@ -48,10 +50,10 @@ class Sessions {
         Outcome outcome;
         std::string session;  // that the device was offered; empty: none
     };
-    // A session of these tracks, which begins with the one at `start` and `plays` at once or waits.
+    // A session of these tracks, which begins as `play` says and `plays` at once or waits.
     // What was asked of the device is known already. Back once its queue is there.
     HandedOver hand_over(const std::string& device, const FoundDevice& found,
-                         const ToldTracks& tracks, size_t start, bool plays,
+                         const ToldTracks& tracks, std::optional<size_t> start, bool plays,
                          Commands::Clock::time_point latest);
     // Whose token this is; empty: nobody's.
     std::string device_of_token(std::string_view token) const;
@@ -60,16 +62,23 @@ class Sessions {
 
   private:
     using Time = Commands::Clock::time_point;
+    // What a device is offered.
+    struct Beginning {
+        ToldTracks tracks;
+        bool is_first_first;  // it begins with the first one, shuffled or not
+        bool plays;
+    };
 
     Outcome play_now(const std::string& id, const FoundDevice& found, const ToldTracks& tracks,
-                     size_t start, bool is_linked, Time latest);
-    HandedOver begin(const std::string& id, const FoundDevice& found, const ToldTracks& tracks,
-                     bool plays, Time latest);
-    HandedOver offer(const std::string& id, const FoundDevice& found, const ToldTracks& tracks,
-                     bool plays, Time latest);
+                     std::optional<size_t> start, bool is_linked, Time latest);
+    HandedOver begin(const std::string& id, const FoundDevice& found, const Beginning& beginning,
+                     Time latest);
+    HandedOver offer(const std::string& id, const FoundDevice& found, const Beginning& beginning,
+                     Time latest);
     void settle(const std::string& id, const std::string& session, bool is_accepted);
     Outcome insert(const std::string& id, const ToldTracks& tracks, Where where, Time latest);
-    Outcome replace(const std::string& id, JsonPtr tracks, size_t start, Time latest);
+    Outcome replace(const std::string& id, JsonPtr tracks, std::optional<size_t> start,
+                    Time latest);
     bool has_queue(const std::string& id, Time latest);
     std::string address_here(const std::string& id) const;
 

@@ -157,12 +157,14 @@ int Api::post_play(Exchange& exchange, const std::string& id) {
         }
     }
     const std::string where = text_member(body.get(), "where").value_or("now");
-    const int64_t start = std::max<int64_t>(0, number_member(body.get(), "start").value_or(0));
-    return answer(exchange, m_house.queues().play(device.id, items,
-                                                  where == "next"  ? Where::next
-                                                  : where == "end" ? Where::end
-                                                                   : Where::now,
-                                                  static_cast<size_t>(start)));
+    const std::optional<int64_t> start = number_member(body.get(), "start");
+    return answer(exchange,
+                  m_house.queues().play(
+                      device.id, items,
+                      where == "next"  ? Where::next
+                      : where == "end" ? Where::end
+                                       : Where::now,
+                      start ? std::optional<size_t>(std::max<int64_t>(0, *start)) : std::nullopt));
 }
 
 int Api::post_command(Exchange& exchange, const std::string& id) {

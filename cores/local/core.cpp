@@ -110,12 +110,15 @@ void Core::join_prepared_session() {
         return;
     }
     const PlaybackSettings settings = m_control.settings();
+    const auto start = start_of(request.endpoint, prepared->tracks.size());
     auto session = std::make_unique<Session>(request.id, std::move(prepared->tracks),
-                                             settings.loop_mode, settings.shuffle);
+                                             settings.loop_mode, settings.shuffle, start);
     for (size_t track = 0; track < prepared->first; ++track) {
         session->mark_unplayable(track);
     }
-    session->rewind();
+    if (!start || *start < prepared->first) {
+        session->rewind();
+    }
     m_logger->write(LogLevel::info, kCloudClient, "Joining session %s",
                     display_text(request.id).c_str());
     m_session_id = request.id;

@@ -237,7 +237,9 @@ std::optional<QueueEdit> RemoteControl::edit_of(RemoteCommand& command) const {
         }
         edit.tracks.push_back(std::move(*track));
     }
-    edit.start = place(command.number);
+    if (command.start) {
+        edit.start = place(*command.start);
+    }
     std::transform(command.items.begin(), command.items.end(), std::back_inserter(edit.items),
                    place);
     if (edit.verb == Verb::queue_jump) {

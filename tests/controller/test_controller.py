@@ -65,6 +65,19 @@ class CommandLine(HouseTest):
         self.assertEqual(status, 200)
         wait_for("two tracks, the second one playing", lambda: [
             line[0] for line in self.command("queue", "Kitchen").splitlines()] == [" ", ">"])
+        # Shuffled it begins there all the same, be it in a queue or with a session; without a place anywhere.
+        def place_of(start):
+            self.ask("/api/devices/Kitchen/play", {"what": [str(self.music)] * 20, "start": start})
+            wait_for("all of it", lambda: (self.shown("Kitchen").get("state"), len(
+                self.command("queue", "Kitchen").splitlines())) == ("playing", 120))
+            return [line[0] for line in self.command("queue", "Kitchen").splitlines()].index(">")
+        self.command("shuffle", "Kitchen", "on")
+        self.assertEqual(place_of(70), 70)
+        self.command("leave", "Kitchen")
+        self.assertEqual(place_of(80), 80)
+        wait_for("another beginning", lambda: place_of(None) > 0)
+        self.command("play", "Kitchen", "night boats")
+        self.command("shuffle", "Kitchen", "off")
         for words, status, why in (
                 ("pause Cellar", 1, "there are: Bath & Böden/50%, Kitchen"), ("seek Kitchen soon", 2, "usage"),
                 ("seek Kitchen 90", 1, "over at 0:20"), ("volume Kitchen 150", 2, "0 to 100, not 150"),

@@ -37,10 +37,11 @@ struct NamedTrack {
 struct RemoteCommand {
     std::string id;
     Verb verb = Verb::resume;
-    uint64_t number = 0;  // position_ms, volume, start, item, first
+    uint64_t number = 0;  // position_ms, volume, item, first
     bool flag = false;    // muted, shuffle
     nuv_loop_mode loop_mode = NUV_LOOP_MODE_OFF;
     std::vector<NamedTrack> tracks;
+    std::optional<uint64_t> start;   // one of `tracks`
     std::vector<uint64_t> items;     // none twice
     std::optional<uint64_t> before;  // item; none: at the end
 };

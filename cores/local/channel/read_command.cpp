@@ -112,9 +112,9 @@ void read_tracks(const cJSON* message, RemoteCommand& command) {
 
 void read_start(const cJSON* message, RemoteCommand& command) {
     if (member(message, "start") != nullptr) {
-        command.number = required_integer(message, "start");
+        command.start = required_integer(message, "start");
     }
-    if (command.number >= command.tracks.size()) {
+    if (command.start.value_or(0) >= command.tracks.size()) {
         throw Wrong{"start is not one of the tracks"};
     }
 }

@@ -16,16 +16,14 @@ size_t text_bytes(const Track& track) {
 
 }  // namespace
 
-Session::Session(std::string id, std::vector<Track> tracks, nuv_loop_mode loop_mode, bool shuffle)
+Session::Session(std::string id, std::vector<Track> tracks, nuv_loop_mode loop_mode, bool shuffle,
+                 std::optional<size_t> start)
     : m_id(std::move(id)),
       m_remote(tracks.front().remote),
       m_loop_mode(loop_mode),
       m_shuffle(shuffle) {
     m_list = take_in(std::move(tracks));
-    m_order = m_list;
-    if (shuffle) {
-        std::shuffle(m_order.begin(), m_order.end(), m_random);
-    }
+    begin_order(start);
     look_around();
 }
 
@@ -96,6 +94,16 @@ void Session::set_modes(nuv_loop_mode loop_mode, bool shuffle) {
         lay_order();
     }
     look_around();
+}
+
+void Session::begin_order(std::optional<size_t> start) {
+    m_order = m_list;
+    m_position = start.value_or(0);
+    if (m_shuffle && start) {
+        lay_order();
+    } else if (m_shuffle) {
+        std::shuffle(m_order.begin(), m_order.end(), m_random);
+    }
 }
 
 void Session::lay_order() {
@@ -184,11 +192,7 @@ nuv_error Session::check(const QueueEdit& edit) const {
 void Session::replace(QueueEdit& edit) {
     m_entries.clear();
     m_list = take_in(std::move(edit.tracks));
-    m_order = m_list;
-    m_position = edit.start;
-    if (m_shuffle) {
-        lay_order();
-    }
+    begin_order(edit.start);
 }
 
 void Session::insert(QueueEdit& edit) {

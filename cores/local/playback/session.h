@@ -24,7 +24,7 @@ namespace local_core {
 struct QueueEdit {
     Verb verb = Verb::queue_jump;  // one of the changes of a list
     std::vector<Track> tracks;     // replace (not none), insert
-    size_t start = 0;              // replace: the place in `tracks` that is current
+    std::optional<size_t> start;   // replace: as a session's
     std::vector<size_t> items;     // remove, move: none twice; jump: the one that is current
     std::optional<size_t> before;  // insert, move: in front of which; none: at the end
 };
@@ -34,8 +34,10 @@ class Session {
     static constexpr size_t kMaxTracks = 20000;
     static constexpr size_t kMaxTextBytes = size_t{8} << 20;  // of all tracks together
 
-    // `tracks` must not be empty; the first of the order is current.
-    Session(std::string id, std::vector<Track> tracks, nuv_loop_mode loop_mode, bool shuffle);
+    // `tracks` must not be empty. `start`: the place in them that is current, with all others
+    // behind it where it is shuffled; none: the first of the order.
+    Session(std::string id, std::vector<Track> tracks, nuv_loop_mode loop_mode, bool shuffle,
+            std::optional<size_t> start = std::nullopt);
 
     const std::string& id() const { return m_id; }
     // How the session's own content is asked for; null for content of this machine.
@@ -86,6 +88,7 @@ class Session {
     Entry* find(size_t number);
     std::vector<size_t> take_in(std::vector<Track> tracks);
     void put_into_list(const std::vector<size_t>& numbers, std::optional<size_t> before);
+    void begin_order(std::optional<size_t> start);
     void lay_order();
     void look_around();
     std::optional<size_t> search(bool forward) const;

@@ -10,6 +10,7 @@
 #include "common/files/files.h"
 #include "common/m3u.h"
 #include "common/music/names.h"
+#include "common/number.h"
 #include "common/url/url.h"
 #include "local/base/files.h"
 #include "local/network/remote_settings.h"
@@ -166,6 +167,16 @@ std::vector<Track> remote_tracks(const std::string& url, const std::string& toke
 
 bool is_findable(const std::string& endpoint) {
     return local_path(endpoint) || nuvio::resolve_url("", endpoint);
+}
+
+std::optional<size_t> start_of(const std::string& endpoint, size_t count) {
+    constexpr std::string_view kMark = "#start=";
+    const size_t mark = endpoint.rfind(kMark);
+    if (mark == std::string::npos || !is_remote_url(endpoint)) {
+        return std::nullopt;
+    }
+    const auto start = nuvio::to_number<size_t>(endpoint.substr(mark + kMark.size()));
+    return start && *start < count ? start : std::nullopt;
 }
 
 std::vector<Track> find_tracks(const std::string& endpoint, const std::string& token,

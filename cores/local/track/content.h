@@ -4,7 +4,9 @@
 // Any thread but the loop's, unless said otherwise: disks and servers may be slow or hang.
 #pragma once
 
+#include <cstddef>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -45,6 +47,10 @@ struct ContentLimits {
 // What find_tracks() may find: a path or file:// URL, or a http:// or https:// one. Looks at
 // nothing but the text; any thread.
 bool is_findable(const std::string& endpoint);
+
+// Where a list of `count` tracks is to begin, shuffled or not: `#start=3` behind an address on the
+// network, a place from 0. None: not said, or no place in it.
+std::optional<size_t> start_of(const std::string& endpoint, size_t count);
 
 // Finds the tracks that `endpoint` names, in playing order. On this machine:
 //   - a folder: the audio files in it and below it (by the endings that the decoder knows), in the
