@@ -180,7 +180,11 @@ void loop(const Arguments& words) {
 void move(const Arguments& words) {
     JsonPtr body = new_object();
     add(body.get(), "to", words[1]);
-    ask_controller("POST", device_path(words[0], "move"), print_json(body.get()));
+    const JsonPtr moved =
+        ask_controller("POST", device_path(words[0], "move"), print_json(body.get()));
+    if (const std::string left = shown(moved.get(), "left"); !left.empty()) {
+        std::printf("%s\n", left.c_str());
+    }
 }
 
 void sleep(const Arguments& words) {

@@ -270,9 +270,11 @@ export function is_paused(device: Device): boolean {
 // The page goes with it.
 export async function move_music(device: Device, to: Device): Promise<void> {
   say(texts.moving_to(to.name), kAskingMs);
-  if (!await attempt(() => request(path_of(device, "move"), { to: to.id }))) return;
-  select(to.id);
-  say(texts.moved_to(to.name));
+  await attempt(async () => {
+    const { left } = await request<{ left?: string }>(path_of(device, "move"), { to: to.id });
+    select(to.id);
+    say(texts.moved_to(to.name) + (left ? ". " + left : ""));
+  });
 }
 
 export function rename(device: Device, name: string): Promise<boolean> {

@@ -16,7 +16,7 @@ namespace nuvio::controller {
 
 struct Outcome {
     bool is_ok = false;
-    std::string reason;  // for people, where it is not
+    std::string reason;  // for people: why not; else what was left as it was, if anything
     int64_t undo = 0;    // the number that takes it back (Queues); 0: nothing does
 };
 

@@ -101,7 +101,7 @@ Outcome Mover::move(const std::string& from, const std::string& to) {
         give_up(music, failed.reason);
         return {false, failed.reason};
     }
-    return m_commands.run(from, "leave", new_object());
+    return leave(music);
 }
 
 // What is to be moved, once the whole queue is known.
@@ -293,6 +293,18 @@ void Mover::take_sleep_along(const Music& music) {
     }
     m_house.sessions.set_sleep(music.from, std::nullopt);
     m_house.sessions.set_sleep(music.to, sleep);
+}
+
+// The old device. The music is where it was wanted, whatever becomes of this.
+Outcome Mover::leave(const Music& music) {
+    Outcome outcome = m_commands.run(music.from, "leave", new_object());
+    if (outcome.is_ok) {
+        return outcome;
+    }
+    const std::scoped_lock lock(m_house.mutex);
+    const Device* const from = m_house.find(music.from);
+    const std::string name = from != nullptr ? m_house.name_of(music.from, *from) : music.from;
+    return {true, name + " was not to be told to leave, and may play on: " + outcome.reason};
 }
 
 // The new device is as free as it was, unless it was told something else meanwhile.

@@ -1,7 +1,8 @@
 // The music of one device to another: its queue, the place in it, the position, shuffle and loop,
 // whether it plays, and its sleep timer. The new device has it ready, paused, before the old one
 // comes to that position; then it begins, and only once it is heard does the old one leave its
-// session. Whatever goes wrong before, the old one plays on.
+// session. Whatever goes wrong before, the old one plays on; where that can't be told to leave, the
+// music is moved all the same, and the outcome's reason says so.
 //
 // Threads  any. `move` waits for both devices, Sessions::kPatience and an answer at most.
 #pragma once
@@ -45,6 +46,7 @@ class Mover {
     void take_sleep_along(const Music& music);
     Spot spot_of(const Music& music);
 
+    Outcome leave(const Music& music);
     void give_up(const Music& music, const std::string& reason);
 
     HouseState& m_house;

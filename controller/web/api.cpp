@@ -132,6 +132,9 @@ int Api::answer(Exchange& exchange, const Outcome& outcome) {
     if (outcome.undo != 0) {
         add(object.get(), "undo", outcome.undo);
     }
+    if (outcome.is_ok && !outcome.reason.empty()) {
+        add(object.get(), "left", outcome.reason);
+    }
     return outcome.is_ok ? exchange.reply_json(object) : exchange.fail(409, outcome.reason);
 }
 

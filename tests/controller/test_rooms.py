@@ -1,5 +1,6 @@
 """What concerns several rooms: the music goes from one to another."""
 import json
+import signal
 import time
 
 from house import SECONDS, HouseTest, WebServer, e2e, wait_for
@@ -84,3 +85,9 @@ class Moves(HouseTest):
                                     for each in entries]))
         self.start_controller()
         wait_for("sleep", lambda: self.shown("Bath").get("state") == "paused")
+
+        # A room that does not hear that it is left keeps nobody from the music in the other one.
+        bath.daemon.send_signal(signal.SIGSTOP)
+        self.assertIn("Bath was not to be told to leave", self.command("move", "Bath", "Kitchen"))
+        self.assertEqual([self.shown("Kitchen")[key] for key in ("state", "item")], ["paused", 0])
+        bath.daemon.send_signal(signal.SIGCONT)
