@@ -240,6 +240,9 @@ std::optional<QueueEdit> RemoteControl::edit_of(RemoteCommand& command) const {
     if (command.start) {
         edit.start = place(*command.start);
     }
+    if (edit.verb == Verb::queue_replace) {
+        edit.tracks[edit.start.value_or(0)].note_asked();
+    }
     std::transform(command.items.begin(), command.items.end(), std::back_inserter(edit.items),
                    place);
     if (edit.verb == Verb::queue_jump) {

@@ -127,7 +127,6 @@ class Honesty(HouseTest):
 
     def test_what_is_not_heard_is_not_said_to_play(self):
         kitchen = self.devices[0]
-        kitchen.environment["NUVIO_NETWORK_PATIENCE_S"] = "2"
         self.start_all()
         nobody = f"http://127.0.0.1:{free_port()}/radio"
         for state in "free", "stopped":  # without a session, and with one

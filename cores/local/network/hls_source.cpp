@@ -22,9 +22,10 @@ constexpr uint64_t kFromLiveEnd = 3;  // segments
 constexpr size_t kMostWithInit = 250;
 constexpr int kPatientTargets = 3;  // without a segment, at least
 
-// Its segments come over the connections of those before.
-HttpRequest with_connections(HttpRequest request) {
+// Its segments come over the connections of those before, and from where there was an answer.
+HttpRequest for_segments(HttpRequest request) {
     request.connections = HttpTransfer::make_connections();
+    request.give_up_unanswered_after.reset();
     return request;
 }
 
@@ -47,7 +48,7 @@ std::optional<std::string> HlsSource::playlist_in(HttpSource& source) {
 
 HlsSource::HlsSource(HttpRequest request, std::string url, std::string playlist)
     : RemoteSource(request.read_ahead_bytes),
-      m_request(with_connections(std::move(request))),
+      m_request(for_segments(std::move(request))),
       m_playlist(m_request, std::move(url), std::move(playlist), m_interruption),
       m_progress_at(Clock::now()) {
     m_is_radio = true;

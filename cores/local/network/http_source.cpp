@@ -130,7 +130,10 @@ bool HttpSource::is_reading_on() const {
 }
 
 HttpSource::Clock::time_point HttpSource::given_up_at() const {
-    return m_progress_at + m_request.give_up_after;
+    const bool was_never_there = !m_first && !m_reason.empty();
+    return m_progress_at +
+           (was_never_there ? m_request.give_up_unanswered_after.value_or(m_request.give_up_after)
+                            : m_request.give_up_after);
 }
 
 HttpSource::Clock::time_point HttpSource::next_event() const {

@@ -38,6 +38,8 @@ struct HttpRequest {
     std::string authorities;
     size_t read_ahead_bytes = size_t{4} * 1024 * 1024;
     std::chrono::milliseconds give_up_after = std::chrono::seconds(60);
+    // Where a try has failed and no answer came ever; none: as long.
+    std::optional<std::chrono::milliseconds> give_up_unanswered_after{};
     // A connection without a byte for so long is made anew.
     std::chrono::seconds stalled_after = std::chrono::seconds(10);
     // Of earlier sources, and for later ones; null: its own.

@@ -9,6 +9,8 @@ namespace local_core {
 
 namespace {
 
+constexpr std::chrono::milliseconds kUnansweredPatience = std::chrono::seconds(2);
+
 // The variable's number, kept within the bounds; `otherwise` where it is none.
 unsigned number_from(const char* variable, unsigned lowest, unsigned highest, unsigned otherwise) {
     const auto number = nuvio::to_number<unsigned>(nuvio::environment_text(variable));
@@ -32,6 +34,11 @@ const HttpRequest& remote_request_defaults() {
         return request;
     }());
     return *defaults;
+}
+
+HttpRequest asked_just_now(HttpRequest request) {
+    request.give_up_unanswered_after = std::min(request.give_up_after, kUnansweredPatience);
+    return request;
 }
 
 }  // namespace local_core

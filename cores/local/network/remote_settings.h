@@ -12,4 +12,7 @@ namespace local_core {
 // Any thread.
 const HttpRequest& remote_request_defaults();
 
+// For what someone has just asked for and waits to hear: what was never there is given up soon.
+HttpRequest asked_just_now(HttpRequest request);
+
 }  // namespace local_core

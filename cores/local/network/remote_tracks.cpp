@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "common/text.h"
+#include "local/network/remote_settings.h"
 #include "local/network/source_bytes.h"
 #include "reader/client/music_reader.h"
 #include "reader/client/playlist_reader.h"
@@ -26,7 +27,9 @@ bool may_be_playlist(const std::string& url) {
 class Finder {
   public:
     Finder(HttpRequest request, const RemoteLimits& limits, Interruption& interruption)
-        : m_request(std::move(request)), m_left(limits), m_interruption(interruption) {
+        : m_request(asked_just_now(std::move(request))),
+          m_left(limits),
+          m_interruption(interruption) {
         m_request.read_ahead_bytes = 0;  // of a track only the head is looked at
     }
 

@@ -47,7 +47,9 @@ void probe(PreparedSession& session, const Output& output, Interruption& interru
             break;
         }
         OpenFailure failure;
-        if (TrackDecoder::open(session.tracks[i], output, interruption, &failure)) {
+        Track asked = session.tracks[i];
+        asked.note_asked();
+        if (TrackDecoder::open(asked, output, interruption, &failure)) {
             return;
         }
         if (failure.network == HttpFailure::cancelled) {

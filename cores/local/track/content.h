@@ -14,6 +14,7 @@
 #include "local/base/logger.h"
 #include "local/network/http_source.h"
 #include "local/network/interruption.h"
+#include "local/network/remote_settings.h"
 
 namespace local_core {
 
@@ -33,6 +34,12 @@ struct Track {
         HttpRequest request = *remote;
         request.url = location;
         return request;
+    }
+    // One that is to be heard at once.
+    void note_asked() {
+        if (remote) {
+            remote = std::make_shared<const HttpRequest>(asked_just_now(*remote));
+        }
     }
 };
 
