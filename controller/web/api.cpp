@@ -35,13 +35,13 @@ std::optional<std::string> match(std::string_view pattern, std::string_view path
 const Api::Route Api::kRoutes[] = {
     {"GET", "/api/state", &Api::get_state},
     {"GET", "/api/devices/*/queue", &Api::get_queue},
-    {"POST", "/api/devices/*/play", &Api::post_play},
-    {"POST", "/api/devices/*/command", &Api::post_command},
-    {"POST", "/api/devices/*/move", &Api::post_move},
-    {"POST", "/api/devices/*/name", &Api::post_name},
-    {"POST", "/api/devices/*/sleep", &Api::post_sleep},
-    {"POST", "/api/devices/*/clear", &Api::post_clear},
-    {"POST", "/api/devices/*/undo", &Api::post_undo},
+    {"POST", "/api/devices/*/play", &Api::of_device<&Api::post_play>},
+    {"POST", "/api/devices/*/command", &Api::of_device<&Api::post_command>},
+    {"POST", "/api/devices/*/move", &Api::of_device<&Api::post_move>},
+    {"POST", "/api/devices/*/name", &Api::of_device<&Api::post_name>},
+    {"POST", "/api/devices/*/sleep", &Api::of_device<&Api::post_sleep>},
+    {"POST", "/api/devices/*/clear", &Api::of_device<&Api::post_clear>},
+    {"POST", "/api/devices/*/undo", &Api::of_device<&Api::post_undo>},
     {"POST", "/api/devices/look", &Api::post_look},
     {"GET", "/api/library/albums", &Api::library<&LibraryApi::get_albums>},
     {"GET", "/api/library/albums/*", &Api::library<&LibraryApi::get_album>},
@@ -138,15 +138,18 @@ int Api::answer(Exchange& exchange, const Outcome& outcome) {
     return outcome.is_ok ? exchange.reply_json(object) : exchange.fail(409, outcome.reason);
 }
 
-int Api::post_play(Exchange& exchange, const std::string& id) {
-    const JsonPtr body = exchange.body();
+template <auto handler>
+int Api::of_device(Exchange& exchange, const std::string& id) {
+    JsonPtr body = exchange.body();
     if (body == nullptr) {
         return exchange.status();
     }
     const Devices::Named device = m_house.devices().named(id);
-    if (device.id.empty()) {
-        return exchange.fail(404, device.failure);
-    }
+    return device.id.empty() ? exchange.fail(404, device.failure)
+                             : (this->*handler)(exchange, device.id, std::move(body));
+}
+
+int Api::post_play(Exchange& exchange, const std::string& device, const JsonPtr& body) {
     std::vector<Playable> items;
     const cJSON* what = nullptr;
     cJSON_ArrayForEach(what, member(body.get(), "what")) {
@@ -163,94 +166,53 @@ int Api::post_play(Exchange& exchange, const std::string& id) {
     const std::optional<int64_t> start = number_member(body.get(), "start");
     return answer(exchange,
                   m_house.queues().play(
-                      device.id, items,
+                      device, items,
                       where == "next"  ? Where::next
                       : where == "end" ? Where::end
                                        : Where::now,
                       start ? std::optional<size_t>(std::max<int64_t>(0, *start)) : std::nullopt));
 }
 
-int Api::post_command(Exchange& exchange, const std::string& id) {
-    JsonPtr body = exchange.body();
-    if (body == nullptr) {
-        return exchange.status();
-    }
-    const Devices::Named device = m_house.devices().named(id);
+int Api::post_command(Exchange& exchange, const std::string& device, JsonPtr body) {
     const std::string name = text_member(body.get(), "command").value_or("");
-    if (device.id.empty() || name.empty()) {
-        return device.id.empty() ? exchange.fail(404, device.failure)
-                                 : exchange.fail(400, "no command");
+    if (name.empty()) {
+        return exchange.fail(400, "no command");
     }
     for (const char* own : {"command", "id", "type"}) {
         cJSON_DeleteItemFromObjectCaseSensitive(body.get(), own);
     }
-    return answer(exchange, m_house.queues().run(device.id, name, std::move(body)));
+    return answer(exchange, m_house.queues().run(device, name, std::move(body)));
 }
 
-int Api::post_clear(Exchange& exchange, const std::string& id) {
-    if (exchange.body() == nullptr) {
-        return exchange.status();
-    }
-    const Devices::Named device = m_house.devices().named(id);
-    return device.id.empty() ? exchange.fail(404, device.failure)
-                             : answer(exchange, m_house.queues().clear(device.id));
+int Api::post_clear(Exchange& exchange, const std::string& device, const JsonPtr&) {
+    return answer(exchange, m_house.queues().clear(device));
 }
 
-int Api::post_undo(Exchange& exchange, const std::string& id) {
-    const JsonPtr body = exchange.body();
-    if (body == nullptr) {
-        return exchange.status();
-    }
-    const Devices::Named device = m_house.devices().named(id);
-    return device.id.empty() ? exchange.fail(404, device.failure)
-                             : answer(exchange, m_house.queues().undo(
-                                                    device.id, number_member(body.get(), "undo")));
+int Api::post_undo(Exchange& exchange, const std::string& device, const JsonPtr& body) {
+    return answer(exchange, m_house.queues().undo(device, number_member(body.get(), "undo")));
 }
 
-int Api::post_move(Exchange& exchange, const std::string& id) {
-    const JsonPtr body = exchange.body();
-    if (body == nullptr) {
-        return exchange.status();
-    }
-    const Devices::Named from = m_house.devices().named(id);
+int Api::post_move(Exchange& exchange, const std::string& device, const JsonPtr& body) {
     const Devices::Named to = m_house.devices().named(text_member(body.get(), "to").value_or(""));
-    if (from.id.empty() || to.id.empty()) {
-        return exchange.fail(404, from.id.empty() ? from.failure : to.failure);
-    }
-    return answer(exchange, m_house.mover().move(from.id, to.id));
+    return to.id.empty() ? exchange.fail(404, to.failure)
+                         : answer(exchange, m_house.mover().move(device, to.id));
 }
 
-int Api::post_name(Exchange& exchange, const std::string& id) {
-    const JsonPtr body = exchange.body();
-    if (body == nullptr) {
-        return exchange.status();
-    }
-    const Devices::Named device = m_house.devices().named(id);
+int Api::post_name(Exchange& exchange, const std::string& device, const JsonPtr& body) {
     const std::optional<std::string> name = text_member(body.get(), "name");
-    if (device.id.empty() || !name) {
-        return device.id.empty() ? exchange.fail(404, device.failure)
-                                 : exchange.fail(400, "no name");
-    }
-    return answer(exchange, m_house.devices().rename(device.id, *name));
+    return name ? answer(exchange, m_house.devices().rename(device, *name))
+                : exchange.fail(400, "no name");
 }
 
-int Api::post_sleep(Exchange& exchange, const std::string& id) {
-    const JsonPtr body = exchange.body();
-    if (body == nullptr) {
-        return exchange.status();
-    }
-    const Devices::Named device = m_house.devices().named(id);
-    if (device.id.empty()) {
-        return exchange.fail(404, device.failure);
-    }
+int Api::post_sleep(Exchange& exchange, const std::string& device, const JsonPtr& body) {
     if (bool_member(body.get(), "at_end").value_or(false)) {
-        return answer(exchange, m_house.sleeper().set_at_end(device.id));
+        return answer(exchange, m_house.sleeper().set_at_end(device));
     }
     const int64_t minutes = number_member(body.get(), "minutes").value_or(-1);
     if (minutes < 0 || minutes > kLongestSleep) {
         return exchange.fail(400, "minutes are 0 to 1440");
     }
-    return answer(exchange, m_house.sleeper().set(device.id, std::chrono::minutes(minutes)));
+    return answer(exchange, m_house.sleeper().set(device, std::chrono::minutes(minutes)));
 }
 
 int Api::post_look(Exchange& exchange, const std::string&) {

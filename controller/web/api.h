@@ -54,14 +54,17 @@ class Api {
 
     int get_state(Exchange& exchange, const std::string& id);
     int get_queue(Exchange& exchange, const std::string& id);
-    int post_play(Exchange& exchange, const std::string& id);
-    int post_command(Exchange& exchange, const std::string& id);
-    int post_move(Exchange& exchange, const std::string& id);
-    int post_name(Exchange& exchange, const std::string& id);
-    int post_sleep(Exchange& exchange, const std::string& id);
-    int post_clear(Exchange& exchange, const std::string& id);
-    int post_undo(Exchange& exchange, const std::string& id);
+    int post_play(Exchange& exchange, const std::string& device, const JsonPtr& body);
+    int post_command(Exchange& exchange, const std::string& device, JsonPtr body);
+    int post_move(Exchange& exchange, const std::string& device, const JsonPtr& body);
+    int post_name(Exchange& exchange, const std::string& device, const JsonPtr& body);
+    int post_sleep(Exchange& exchange, const std::string& device, const JsonPtr& body);
+    int post_clear(Exchange& exchange, const std::string& device, const JsonPtr& body);
+    int post_undo(Exchange& exchange, const std::string& device, const JsonPtr& body);
     int post_look(Exchange& exchange, const std::string& id);
+    // With the body, once there is one, of the device that the path names, once it is known.
+    template <auto handler>
+    int of_device(Exchange& exchange, const std::string& id);
     template <auto handler>
     int library(Exchange& exchange, const std::string& id) {
         return (m_library_api.*handler)(exchange, id);

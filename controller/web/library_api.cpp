@@ -12,10 +12,15 @@ constexpr int64_t kMaxPage = 500;
 constexpr int64_t kMaxFirst = 1'000'000;
 constexpr int64_t kFound = 50;
 
-JsonPtr describe(const Track& track, bool is_favourite) {
+JsonPtr numbered(int64_t id, const char* key, const std::string& name) {
     JsonPtr object = new_object();
-    add(object.get(), "id", track.id);
-    add(object.get(), "title", track.title);
+    add(object.get(), "id", id);
+    add(object.get(), key, name);
+    return object;
+}
+
+JsonPtr describe(const Track& track, bool is_favourite) {
+    JsonPtr object = numbered(track.id, "title", track.title);
     add(object.get(), "artist", track.artist);
     add(object.get(), "album", track.album);
     add(object.get(), "album_id", track.album_id);
@@ -27,9 +32,7 @@ JsonPtr describe(const Track& track, bool is_favourite) {
 }
 
 JsonPtr describe(const Album& album) {
-    JsonPtr object = new_object();
-    add(object.get(), "id", album.id);
-    add(object.get(), "title", album.title);
+    JsonPtr object = numbered(album.id, "title", album.title);
     add(object.get(), "artist", album.artist);
     add(object.get(), "year", album.year);
     add(object.get(), "tracks", album.track_count);
@@ -37,9 +40,7 @@ JsonPtr describe(const Album& album) {
 }
 
 JsonPtr describe(const Artist& artist) {
-    JsonPtr object = new_object();
-    add(object.get(), "id", artist.id);
-    add(object.get(), "name", artist.name);
+    JsonPtr object = numbered(artist.id, "name", artist.name);
     add(object.get(), "albums", artist.album_count);
     return object;
 }
@@ -59,10 +60,7 @@ JsonPtr describe(const UnreadableFile& file) {
 }
 
 JsonPtr describe(const SubFolder& folder) {
-    JsonPtr object = new_object();
-    add(object.get(), "id", folder.id);
-    add(object.get(), "name", folder.name);
-    return object;
+    return numbered(folder.id, "name", folder.name);
 }
 
 JsonPtr describe(const PlaylistFile& playlist) {
@@ -191,10 +189,8 @@ int LibraryApi::get_composers(Exchange& exchange, const std::string&) {
 
 int LibraryApi::get_folder(Exchange& exchange, const std::string& id) {
     const FolderPage page = m_library.view().folder(to_number<int64_t>(id).value_or(0));
-    JsonPtr object = new_object();
-    add(object.get(), "id", page.id);
+    JsonPtr object = numbered(page.id, "name", page.name);
     add(object.get(), "parent", page.parent);
-    add(object.get(), "name", page.name);
     add(object.get(), "folders", describe_all(page.folders));
     add(object.get(), "tracks", describe_tracks(page.tracks));
     add(object.get(), "playlists", describe_all(m_library.playlists_in(page.id)));
