@@ -84,17 +84,20 @@ nuv_error Core::connect(const char* session_id, const char* endpoint, const char
         m_logger->write(LogLevel::warning, kCloudClient, "Too many sessions in a second");
         return NUV_ERROR_INVALID_STATE;
     }
+    const uint64_t stops = m_control.stop_count();
     if (!m_preparer.begin({session_id, endpoint, token, become_active, std::move(remote)})) {
         m_logger->write(LogLevel::warning, kCloudClient,
                         "Too many sessions still wait for their files");
         return NUV_ERROR_INVALID_STATE;
     }
+    m_stops_before_session = stops;
     std::shift_left(m_recent_sessions.begin(), m_recent_sessions.end(), 1);
     m_recent_sessions.back() = now;
     return NUV_ERROR_OK;
 }
 
-// What was playing goes on until here, and beyond where there is nothing to play.
+// What was playing goes on until here, and beyond where there is nothing to play. A stop meanwhile
+// is what was wanted last: the session waits then.
 void Core::join_prepared_session() {
     auto prepared = m_preparer.take();
     if (!prepared) {
@@ -122,7 +125,9 @@ void Core::join_prepared_session() {
     m_logger->write(LogLevel::info, kCloudClient, "Joining session %s",
                     display_text(request.id).c_str());
     m_session_id = request.id;
-    m_control.connect(std::move(session), request.become_active, std::move(request.remote));
+    const bool is_stopped = m_control.stop_count() != m_stops_before_session;
+    m_control.connect(std::move(session), request.become_active && !is_stopped,
+                      std::move(request.remote));
 }
 
 void Core::pass() {

@@ -105,6 +105,7 @@ class Core {
     std::string m_advertised_name;
     // When the last ones were begun, oldest first.
     std::array<std::chrono::steady_clock::time_point, kSessionsASecond> m_recent_sessions{};
+    uint64_t m_stops_before_session = 0;  // when the last one was begun
     std::string m_session_id;  // kept after the session, for those who still hold its text
 };
 

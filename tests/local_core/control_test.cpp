@@ -206,6 +206,20 @@ std::string sleeps_of_decoder() {
     return "";
 }
 
+TEST_F(Control, AStopWhileTheNextSessionIsPreparedIsForThatOneToo) {
+    start_playing();
+    ASSERT_EQ(nuv_connect_connect(core(), "next", folder.path().c_str(), "", 0, "", "", 0, true),
+              NUV_ERROR_OK);
+    EXPECT_EQ(call(nuv_connect_stop_playback), NUV_ERROR_OK);
+    run_until([&] {
+        const char* id = nullptr;
+        return nuv_connect_get_session_id(core(), &id) == NUV_ERROR_OK && id == std::string("next");
+    });
+    EXPECT_EQ(call(nuv_connect_pause_playback), NUV_ERROR_INVALID_STATE) << "it plays";
+    EXPECT_EQ(call(nuv_connect_resume_playback), NUV_ERROR_OK);
+    run_until_line("state PLAYING");
+}
+
 TEST_F(Control, NothingRunsWhilePaused) {
     start_playing();
     told(nuv_connect_pause_playback, "state PAUSED");

@@ -88,6 +88,7 @@ void Control::note(Command command) {
             break;
         case Verb::stop:
             m_view.wanted = NUV_PLAYBACK_STATE_STOPPED;
+            ++m_stop_count;
             break;
         case Verb::connect:
             m_connected = true;
@@ -153,6 +154,11 @@ PlayerView Control::view() const {
 bool Control::connected() const {
     const std::lock_guard lock(m_mutex);
     return m_connected;
+}
+
+uint64_t Control::stop_count() const {
+    const std::lock_guard lock(m_mutex);
+    return m_stop_count;
 }
 
 void Control::add_texts(uint64_t stream_id, const TrackTexts* texts) {

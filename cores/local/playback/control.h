@@ -53,6 +53,9 @@ class Control {
     // NUV_ERROR_OK: noted; what comes of it is known when it is carried out.
     nuv_error edit(QueueEdit edit);
 
+    // How often a stop was noted so far.
+    uint64_t stop_count() const;
+
     // Arguments must have been checked.
     void set_device_name(const char* name);
     void set_volume(uint32_t percent);
@@ -94,6 +97,7 @@ class Control {
     PlaybackSettings m_settings;
     PlayerView m_view;
     bool m_connected = false;
+    uint64_t m_stop_count = 0;
     std::vector<std::pair<uint64_t, const TrackTexts*>> m_texts;
 };
 
