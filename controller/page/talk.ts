@@ -14,7 +14,7 @@ export function say(text: string, shown_ms = kShownMs): void {
   said_timer = setTimeout(() => { said.value = ""; }, shown_ms);
 }
 
-// The answer of the controller; throws what is to be shown.
+// The answer of the controller; throws what is to be shown, with the `undo` of what was done of it.
 export async function request<T = object>(path: string, body?: object): Promise<T> {
   let answer: Response;
   try {
@@ -25,7 +25,9 @@ export async function request<T = object>(path: string, body?: object): Promise<
     throw new Error(texts.no_connection);
   }
   const document_of = await answer.json().catch(() => ({}));
-  if (!answer.ok) throw new Error(document_of.error || texts.answered(answer.status));
+  if (!answer.ok) {
+    throw Object.assign(new Error(document_of.error || texts.answered(answer.status)), { undo: document_of.undo });
+  }
   return document_of;
 }
 

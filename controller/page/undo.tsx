@@ -22,10 +22,15 @@ export function say_done(device: { id: string }, text: string, { undo }: Undoabl
   else say_with_undo(text, () => request("devices/" + encodeURIComponent(device.id) + "/undo", { undo }));
 }
 
-// Asks it of the device, and says `text` once it is done.
-export function take_away(device: { id: string }, what: string, body: object, text: string): Promise<boolean> {
-  return attempt(async () =>
-    say_done(device, text, await request<Undoable>("devices/" + encodeURIComponent(device.id) + "/" + what, body)));
+// Asks it of the device, and says `text` once it is done. What fails half way can be taken back, too.
+export async function take_away(device: { id: string }, what: string, body: object, text: string): Promise<boolean> {
+  try {
+    say_done(device, text, await request<Undoable>("devices/" + encodeURIComponent(device.id) + "/" + what, body));
+    return true;
+  } catch (failure) {
+    say_done(device, (failure as Error).message, failure as Undoable);
+    return false;
+  }
 }
 
 export function Undo() {

@@ -135,7 +135,8 @@ int Api::answer(Exchange& exchange, const Outcome& outcome) {
     if (outcome.is_ok && !outcome.reason.empty()) {
         add(object.get(), "left", outcome.reason);
     }
-    return outcome.is_ok ? exchange.reply_json(object) : exchange.fail(409, outcome.reason);
+    return outcome.is_ok ? exchange.reply_json(object)
+                         : exchange.fail(409, outcome.reason, {}, std::move(object));
 }
 
 template <auto handler>

@@ -152,8 +152,8 @@ int Exchange::reply_json(const JsonPtr& document) {
                : reply(200, "application/json", zipped, headers + "Content-Encoding: gzip\r\n");
 }
 
-int Exchange::fail(int status, std::string_view text, const std::string& headers) {
-    JsonPtr document = new_object();
+int Exchange::fail(int status, std::string_view text, const std::string& headers,
+                   JsonPtr document) {
     add(document.get(), "error", text);
     return reply(status, "application/json", print_json(document.get()),
                  "Cache-Control: no-store\r\n" + headers);

@@ -59,8 +59,9 @@ class Exchange {
               const std::string& headers = {});
     // Compressed where that is worth it and the peer takes it.
     int reply_json(const JsonPtr& document);
-    // {"error": text}, for people.
-    int fail(int status, std::string_view text, const std::string& headers = {});
+    // {"error": text}, for people, and what is in `document`.
+    int fail(int status, std::string_view text, const std::string& headers = {},
+             JsonPtr document = new_object());
     // 503: it may be asked again.
     int fail_as_busy(std::string_view text) { return fail(503, text, "Retry-After: 1\r\n"); }
     // The head alone; `size` bytes follow by `write`, in any number of calls.
