@@ -5,10 +5,14 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <array>
+#include <ctime>
+
 #include "common/unique_fd.h"
 #include "controller/command_line/arguments.h"
 #include "controller/device/http_client.h"
 #include "controller/discovery/announced.h"
+#include "controller/session/alarm_store.h"
 #include "controller/session/device_state.h"
 #include "controller/session/house_state.h"
 #include "controller/session/taken.h"
@@ -263,6 +267,54 @@ TEST(TracksTest, long_lists_go_in_messages_that_a_device_takes) {
     const std::string list = playlist_of(told({{{}, {}, track}}), "http://here");
     EXPECT_THAT(list, testing::HasSubstr("\"http://here/content/7.flac#t=1.500000,2.000000\""));
     EXPECT_EQ(track_id_of("content/7.flac#t=1.500000,2.000000"), 7);
+}
+
+int64_t at(const char* text) {
+    tm local{};
+    EXPECT_NE(strptime(text, "%Y-%m-%d %H:%M:%S", &local), nullptr);
+    local.tm_isdst = -1;
+    return mktime(&local);
+}
+
+// "Sun 29. 03:30 CEST"
+std::string next(const char* after, const char* time, unsigned days = 0) {
+    const time_t due = *next_due({*to_minute(time), days}, at(after));
+    tm local{};
+    std::array<char, 40> text{};
+    strftime(text.data(), text.size(), "%a %d. %H:%M %Z", localtime_r(&due, &local));
+    return text.data();
+}
+
+TEST(AlarmTest, one_is_due_by_the_local_clock_whatever_the_calendar_does) {
+    setenv("TZ", "Europe/Berlin", 1);
+    EXPECT_EQ(next("2026-11-27 06:59:59", "07:00"), "Fri 27. 07:00 CET");
+    EXPECT_EQ(next("2026-11-27 07:00:00", "7:00"), "Sat 28. 07:00 CET") << "not twice";
+    EXPECT_EQ(next("2026-11-27 07:00:00", "07:00", 1U << 4U), "Fri 04. 07:00 CET");
+    EXPECT_EQ(next("2026-12-31 23:59:59", "00:00", 0b1000001), "Sun 03. 00:00 CET");
+    EXPECT_EQ(next("2026-03-28 12:00:00", "02:30"), "Sun 29. 03:30 CEST") << "there is no 02:30";
+    EXPECT_EQ(next("2026-10-24 12:00:00", "02:30"), "Sun 25. 02:30 CEST") << "the first of two";
+    EXPECT_EQ(next("2026-10-25 02:30:00", "02:30"), "Mon 26. 02:30 CET");
+    EXPECT_EQ(next("2026-10-24 12:00:00", "07:00"), "Sun 25. 07:00 CET");
+    setenv("TZ", "Europe/Dublin", 1);  // its winter is what is called summer time
+    EXPECT_EQ(next("2026-03-28 12:00:00", "01:30"), "Sun 29. 02:30 IST");
+    for (const char* text : {"24:00", "07:60", "7", "07:0", "-7:00", "107:00", "07:000", ""}) {
+        EXPECT_FALSE(to_minute(text)) << text;
+    }
+}
+
+TEST(AlarmTest, none_is_lost_doubled_or_late_when_the_clock_is_set_or_the_controller_away) {
+    Alarm daily{1, "d", "", {420, 127}, "w", "", {}, true, at("2026-11-26 12:00:00"), ""};
+    Alarm once = daily;
+    once.time.days = 0;
+    EXPECT_EQ(due_of(&daily, at("2026-11-27 07:09:00")), at("2026-11-27 07:00:00"));
+    note_rung(&daily, at("2026-11-27 07:00:00"), "");
+    EXPECT_EQ(due_of(&daily, at("2026-11-27 06:58:00")), at("2026-11-28 07:00:00"));
+    EXPECT_EQ(due_of(&daily, at("2026-11-27 05:00:00")), at("2026-11-27 07:00:00"))
+        << "the clock was wrong when it rang";
+    EXPECT_EQ(due_of(&daily, at("2026-12-24 09:00:00")), at("2026-12-25 07:00:00"));
+    EXPECT_THAT(daily.failure, testing::StartsWith("07:00 was missed"));
+    EXPECT_EQ(due_of(&once, at("2026-11-27 09:00:00")), std::nullopt);
+    EXPECT_FALSE(once.is_on);
 }
 
 TEST(ByteRangeTest, of_an_empty_file_there_is_no_part) {
