@@ -21,6 +21,7 @@ constexpr size_t kMaxPlaylistFile = size_t{4} << 20U;
 constexpr size_t kMostHeard = 200;
 constexpr size_t kMostFavourites = 1000;  // tracks, and albums
 constexpr char kFavourites[] = "favourites:tracks";
+constexpr char kByFile[] = "-of";
 // That there are more is seen by the one that is not taken.
 constexpr int64_t kOneTooMany = Library::kMaxSelection + 1;
 
@@ -113,6 +114,8 @@ Selection Library::selected(const std::string& what) {
         selection.items = playables(m_view.tracks_on(
             kind == "genre" ? LibraryView::ShelfKind::genre : LibraryView::ShelfKind::composer,
             rest, kOneTooMany));
+    } else if (kind.ends_with(kByFile)) {
+        selection.items = playables(tracks_by_file(kind, rest));
     } else if (const std::optional<int64_t> id = to_number<int64_t>(rest)) {
         const std::optional<Track> track = kind == "track" ? m_view.track(*id) : std::nullopt;
         selection.items = playables(kind == "album"    ? m_view.tracks_of_album(*id, kOneTooMany)
@@ -128,6 +131,52 @@ Selection Library::selected(const std::string& what) {
             (m_scanner.progress().is_scanning ? " (it is being read)" : "");
     }
     return selection;
+}
+
+std::vector<Track> Library::tracks_by_file(const std::string& kind, const std::string& path) {
+    std::vector<Track> tracks = tracks_named(path);
+    if (tracks.empty() || kind == "track-of") {
+        return tracks;
+    }
+    return kind == "album-of" ? m_view.tracks_of_album(tracks.front().album_id, kOneTooMany)
+                              : m_view.tracks_of_artist(tracks.front().artist_id, kOneTooMany);
+}
+
+Library::Lasting Library::lasting(const std::string& what) {
+    const Selection selection = select(what);
+    const size_t colon = what.find(':');
+    const std::string kind = what.substr(0, colon);
+    const std::string rest = colon == std::string::npos ? what : what.substr(colon + 1);
+    const std::optional<int64_t> id = to_number<int64_t>(rest);
+    if (!selection.failure.empty() || is_web_address(what) || what.starts_with('/')) {
+        return {what, what, selection.failure};
+    }
+    if (kind == "folder" && id) {
+        const FolderPlace place = m_view.place_of(*id).value_or(FolderPlace{});
+        const std::string path = place.root + (place.below.empty() ? "" : "/") + place.below;
+        return {path, std::filesystem::path(path).filename(), {}};
+    }
+    const bool is_by_file = kind.ends_with(kByFile);
+    const std::string of = is_by_file ? kind.substr(0, kind.rfind(kByFile)) : kind;
+    // Who plays on an artist's albums may be another one.
+    const auto is_meant = [&](const Track& track) {
+        return of != "artist" ||
+               (is_by_file ? entry_of(track).location == rest : track.artist_id == id);
+    };
+    const Track* meant = nullptr;
+    for (const Playable& item : selection.items) {
+        if (meant == nullptr && item.track && is_meant(*item.track)) {
+            meant = &*item.track;
+        }
+    }
+    if ((of != "album" && of != "artist" && of != "track") || meant == nullptr) {
+        return {what, rest, {}};
+    }
+    return {of + kByFile + ":" + (is_by_file ? rest : entry_of(*meant).location),
+            of == "album"    ? meant->album
+            : of == "artist" ? meant->artist
+                             : meant->title,
+            {}};
 }
 
 std::vector<PlaylistFile> Library::playlists_in(int64_t folder) {

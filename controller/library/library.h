@@ -57,12 +57,19 @@ class Library {
     Covers::Found open_cover(int64_t album, CoverSize size);
 
     // "track:ID", "album:ID", "artist:ID", "folder:ID", "genre:NAME", "composer:NAME",
-    // "playlist:NAME" and "station:NAME" of the
-    // own lists, "favourites:tracks", "search:WORDS" (an own list of that very name, an album, else
-    // an artist, else tracks), an http(s) URL, or a path of this machine below a music folder: an
-    // audio file, a folder, an M3U playlist, a CUE sheet. More than kMaxSelection tracks are a
-    // failure.
+    // "playlist:NAME" and "station:NAME" of the own lists, "favourites:tracks", "search:WORDS" (an
+    // own list of that very name, an album, else an artist, else tracks), an http(s) URL, or a path
+    // of this machine below a music folder: an audio file, a folder, an M3U playlist, a CUE sheet;
+    // and what `lasting` makes. More than kMaxSelection tracks are a failure.
     Selection select(const std::string& what);
+    // The same for what is kept: ids are others when the library was made anew, and so an album, an
+    // artist and a track are meant by a file, "album-of:PATH" say, and a folder by its path.
+    struct Lasting {
+        std::string what;
+        std::string title;    // for people; possibly empty
+        std::string failure;  // as a Selection's
+    };
+    Lasting lasting(const std::string& what);
 
     // As LibraryView's, with the own playlists and stations before the files.
     Found search(const std::string& text, LibraryView::Page page,
@@ -102,6 +109,7 @@ class Library {
 
   private:
     Selection selected(const std::string& what);
+    std::vector<Track> tracks_by_file(const std::string& kind, const std::string& path);
     std::vector<Track> best_match(const std::string& words);
     Selection select_path(const std::string& path);
     Selection select_playlist(const MusicFolders::Place& place);
