@@ -46,9 +46,9 @@ ToldTracks told(const Taken::Run& run) {
 }  // namespace
 
 Outcome Queues::play(const std::string& id, const std::vector<Playable>& items, Where where,
-                     std::optional<size_t> start) {
+                     std::optional<size_t> start, const Sessions::Prepare& prepare) {
     std::optional<Taken> before = where == Where::now ? taken(id, is_any) : std::nullopt;
-    return keep(id, std::move(before), m_sessions.play(id, items, where, start));
+    return keep(id, std::move(before), m_sessions.play(id, items, where, start, prepare));
 }
 
 Outcome Queues::run(const std::string& id, const std::string& name, JsonPtr arguments) {

@@ -24,7 +24,7 @@ class Queues {
 
     // As Sessions::play and Commands::run; `undo` of the outcome: what takes it back.
     Outcome play(const std::string& device, const std::vector<Playable>& items, Where where,
-                 std::optional<size_t> start = std::nullopt);
+                 std::optional<size_t> start = std::nullopt, const Sessions::Prepare& prepare = {});
     Outcome run(const std::string& device, const std::string& name, JsonPtr arguments);
     // All but the current track, which plays on.
     Outcome clear(const std::string& device);

@@ -15,6 +15,8 @@ namespace {
 
 constexpr int64_t kSessionSeconds = int64_t{7} * 24 * 3600;
 constexpr size_t kMaxPlaylist = 500;  // tracks; devices read 1,000, and 4 MiB
+// Devices try for a minute to reach what they are to play.
+constexpr std::chrono::seconds kLongestOpening{70};
 // Where no channel has told of it, the device is asked then what it plays.
 constexpr std::chrono::seconds kFirstLook{10};
 
@@ -43,7 +45,7 @@ std::string refusal(const HttpAnswer& answer) {
 }  // namespace
 
 Outcome Sessions::play(const std::string& id, const ToldTracks& tracks, Where where,
-                       std::optional<size_t> start) {
+                       std::optional<size_t> start, const Prepare& prepare) {
     const Time latest = Commands::Clock::now() + kPatience;
     if (tracks.empty()) {
         return {false, "nothing to play"};
@@ -70,7 +72,8 @@ Outcome Sessions::play(const std::string& id, const ToldTracks& tracks, Where wh
     if (is_linked && where != Where::now) {
         return insert(id, tracks, where, latest);
     }
-    Outcome outcome = play_now(id, found, tracks, start, is_linked, latest);
+    Outcome outcome = is_linked ? play_linked(id, found, tracks, start, prepare, latest)
+                                : play_anew(id, found, tracks, start, prepare, latest);
     if (!outcome.is_ok) {
         const std::scoped_lock lock(m_house.mutex);
         m_commands.fail(id, outcome.reason);
@@ -78,16 +81,33 @@ Outcome Sessions::play(const std::string& id, const ToldTracks& tracks, Where wh
     return outcome;
 }
 
-Outcome Sessions::play_now(const std::string& id, const FoundDevice& found,
-                           const ToldTracks& tracks, std::optional<size_t> start, bool is_linked,
-                           Time latest) {
-    if (is_linked) {
-        std::vector<JsonPtr> lists = track_lists(tracks, address_here(id));
-        if (lists.size() == 1) {
-            return replace(id, std::move(lists.front()), start, latest);
-        }
+Outcome Sessions::play_linked(const std::string& id, const FoundDevice& found,
+                              const ToldTracks& tracks, std::optional<size_t> start,
+                              const Prepare& prepare, Time latest) {
+    if (prepare) {
+        prepare(latest);
     }
-    return hand_over(id, found, tracks, start, true, latest).outcome;
+    std::vector<JsonPtr> lists = track_lists(tracks, address_here(id));
+    return lists.size() == 1 ? replace(id, std::move(lists.front()), start, latest)
+                             : hand_over(id, found, tracks, start, true, latest).outcome;
+}
+
+Outcome Sessions::play_anew(const std::string& id, const FoundDevice& found,
+                            const ToldTracks& tracks, std::optional<size_t> start,
+                            const Prepare& prepare, Time latest) {
+    Outcome outcome = hand_over(id, found, tracks, start, !prepare, latest).outcome;
+    if (!prepare || !outcome.is_ok) {
+        return outcome;
+    }
+    if (!has_queue(id, Commands::Clock::now() + kLongestOpening)) {
+        const std::scoped_lock lock(m_house.mutex);
+        const Device* const device = m_house.find(id);
+        const bool is_told = device != nullptr && !device->problem.empty();
+        return {false, is_told ? device->problem : "the device does not begin to play"};
+    }
+    latest = Commands::Clock::now() + Commands::kPatience;
+    prepare(latest);
+    return m_commands.run(id, "play", new_object(), latest);
 }
 
 // A session begins with its first track and as many more as a device reads of a playlist: what
@@ -100,7 +120,8 @@ Sessions::HandedOver Sessions::hand_over(const std::string& id, const FoundDevic
                                  kMaxPlaylist, static_cast<size_t>(tracks.end() - first)));
     HandedOver begun = begin(id, found, {{first, end}, start.has_value(), plays}, latest);
     const bool is_all = first == tracks.begin() && end == tracks.end();
-    if (!begun.outcome.is_ok || is_all || !has_queue(id, latest)) {
+    if (!begun.outcome.is_ok || is_all ||
+        !has_queue(id, std::min(latest, Commands::Clock::now() + Commands::kPatience))) {
         return begun;  // its state says what became of it
     }
     // In front first, while the whole queue is known.
@@ -283,7 +304,6 @@ bool Sessions::has_queue(const std::string& id, Time latest) {
         return device != nullptr && device->link != nullptr && device->state.has_queue() &&
                (!device->asked || device->link_session == device->asked->session);
     };
-    latest = std::min(latest, Commands::Clock::now() + Commands::kPatience);
     m_house.on_change.wait_until(lock, latest, [&] {
         device = m_house.find(id);
         return m_house.is_closed || device == nullptr || !device->problem.empty() || has_queue();

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <set>
 #include <string>
@@ -31,15 +32,18 @@ class Sessions {
     Sessions(HouseState& house, Commands& commands, uint16_t port)
         : m_house(house), m_commands(commands), m_port(port) {}
 
-    // `start`: place in `items` of the first one to play, for Where::now; none: the first, or any
-    // where the device shuffles.
-    // The device has taken it on, not played it: its state tells what comes of it.
+    // What is to be done once the device's channel stands, before anything is heard: `play` waits
+    // for it as long as a device tries to reach its music.
+    using Prepare = std::function<void(Commands::Clock::time_point latest)>;
+    // `start`: place in `items` of the first one to play, for Where::now, as is `prepare`; none:
+    // the first, or any where the device shuffles. The device has taken it on, not played it: its
+    // state tells what comes of it.
     Outcome play(const std::string& device, const std::vector<Playable>& items, Where where,
-                 std::optional<size_t> start = std::nullopt) {
-        return play(device, told(items), where, start);
+                 std::optional<size_t> start = std::nullopt, const Prepare& prepare = {}) {
+        return play(device, told(items), where, start, prepare);
     }
     Outcome play(const std::string& device, const ToldTracks& tracks, Where where,
-                 std::optional<size_t> start);
+                 std::optional<size_t> start, const Prepare& prepare = {});
     // Into the queue of a device whose channel stands, in front of an item or, where there is none
     // such, at the end.
     Outcome insert_before(const std::string& device, const ToldTracks& tracks,
@@ -69,8 +73,10 @@ class Sessions {
         bool plays;
     };
 
-    Outcome play_now(const std::string& id, const FoundDevice& found, const ToldTracks& tracks,
-                     std::optional<size_t> start, bool is_linked, Time latest);
+    Outcome play_linked(const std::string& id, const FoundDevice& found, const ToldTracks& tracks,
+                        std::optional<size_t> start, const Prepare& prepare, Time latest);
+    Outcome play_anew(const std::string& id, const FoundDevice& found, const ToldTracks& tracks,
+                      std::optional<size_t> start, const Prepare& prepare, Time latest);
     HandedOver begin(const std::string& id, const FoundDevice& found, const Beginning& beginning,
                      Time latest);
     HandedOver offer(const std::string& id, const FoundDevice& found, const Beginning& beginning,
