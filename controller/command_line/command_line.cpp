@@ -10,6 +10,7 @@
 #include "common/options/options.h"
 #include "common/utf8.h"
 #include "controller/base/settings.h"
+#include "controller/command_line/alarms.h"
 #include "controller/command_line/arguments.h"
 #include "controller/command_line/direct.h"
 #include "controller/command_line/lists.h"
@@ -293,6 +294,8 @@ constexpr Command kCommands[] = {
     {"rename", 2, 2, "DEVICE NAME", "what it is called here; '': as it calls itself", true, rename},
     {"sleep", 2, 2, "DEVICE MINUTES|end|off", "pauses it then, or at the end of the track", true,
      sleep},
+    {"alarm", 0, 7, "[DEVICE [TIME [DAYS] WHAT [--volume PERCENT] | remove N | on N | off N]]",
+     "shows them, or plays it at that time: 07:00 mon-fri, once without days", false, alarm},
     {"queue", 1, kAny, "DEVICE [add|next WHAT... | jump N | remove N... | move N M|end | clear]",
      "shows it, each track with its place N, or changes it", true, queue},
     {"undo", 1, 1, "DEVICE", "puts back what was last taken away from its queue", true, undo},

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 
+#include "controller/session/alarms.h"
 #include "controller/session/channels.h"
 #include "controller/session/commands.h"
 #include "controller/session/devices.h"
@@ -24,14 +25,15 @@ class House {
   public:
     // Borrows library and changes. `port`: this controller's.
     House(Library& library, Changes& changes, const std::string& state_folder, uint16_t port)
-        : m_state(changes, state_folder + "/sessions.json"),
+        : m_state(changes, state_folder),
           m_commands(m_state),
           m_sessions(m_state, m_commands, port),
           m_mover(m_state, m_commands, m_sessions),
           m_queues(m_state, m_commands, m_sessions),
           m_channels(m_state, m_commands, library),
           m_devices(m_state),
-          m_sleeper(m_state, m_commands) {}
+          m_sleeper(m_state, m_commands),
+          m_alarms(m_state, m_commands, m_queues, library) {}
     ~House() { close(); }
     House(const House&) = delete;
     House& operator=(const House&) = delete;
@@ -41,6 +43,7 @@ class House {
     Sessions& sessions() { return m_sessions; }
     Mover& mover() { return m_mover; }
     Sleeper& sleeper() { return m_sleeper; }
+    Alarms& alarms() { return m_alarms; }
     Queues& queues() { return m_queues; }
     Channels& channels() { return m_channels; }
 
@@ -60,6 +63,7 @@ class House {
     Channels m_channels;
     Devices m_devices;  // last, with the next: their threads use the others
     Sleeper m_sleeper;
+    Alarms m_alarms;
 };
 
 }  // namespace nuvio::controller

@@ -1,5 +1,5 @@
-// What the house's parts share: the devices with what is known of each, the sessions, and the one
-// lock over both.
+// What the house's parts share: the devices with what is known of each, the sessions, the alarms,
+// and the one lock over all.
 #pragma once
 
 #include <condition_variable>
@@ -10,6 +10,7 @@
 
 #include "controller/base/changes.h"
 #include "controller/discovery/discovery.h"
+#include "controller/session/alarm_store.h"
 #include "controller/session/condition.h"
 #include "controller/session/device_state.h"
 #include "controller/session/session_store.h"
@@ -95,11 +96,13 @@ struct Device {
     }
 };
 
-// Everything but the constructor and `write_sessions` under `mutex`, which is never held while
+// Everything but the constructor and the two that write under `mutex`, which is never held while
 // something waits, be it the disk.
 struct HouseState {
-    HouseState(Changes& all_changes, const std::string& sessions_path)
-        : changes(all_changes), sessions(sessions_path) {}
+    HouseState(Changes& all_changes, const std::string& folder)
+        : changes(all_changes),
+          sessions(folder + "/sessions.json"),
+          alarms(folder + "/alarms.json") {}
 
     // What pages show is another, or what somebody here waits for has come.
     void change() {
@@ -119,15 +122,8 @@ struct HouseState {
     }
 
     // Without `mutex`. Waits for the disk; whoever writes writes what is newest.
-    void write_sessions() {
-        const std::scoped_lock one_at_a_time(writing);
-        std::string text;
-        {
-            const std::scoped_lock lock(mutex);
-            text = sessions.text();
-        }
-        sessions.write(text);
-    }
+    void write_sessions() { write(sessions); }
+    void write_alarms() { write(alarms); }
 
     std::mutex writing;  // locked before `mutex`
     std::mutex mutex;
@@ -137,6 +133,19 @@ struct HouseState {
     std::map<std::string, Device> devices;                          // by id
     std::map<std::string, DeviceState::Clock::time_point> errands;  // whom to ask, and when
     SessionStore sessions;
+    AlarmStore alarms;
+
+  private:
+    template <typename Store>
+    void write(const Store& store) {
+        const std::scoped_lock one_at_a_time(writing);
+        std::string text;
+        {
+            const std::scoped_lock lock(mutex);
+            text = store.text();
+        }
+        store.write(text);
+    }
 };
 
 }  // namespace nuvio::controller

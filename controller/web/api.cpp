@@ -43,6 +43,10 @@ const Api::Route Api::kRoutes[] = {
     {"POST", "/api/devices/*/clear", &Api::of_device<&Api::post_clear>},
     {"POST", "/api/devices/*/undo", &Api::of_device<&Api::post_undo>},
     {"POST", "/api/devices/look", &Api::post_look},
+    {"GET", "/api/alarms", &Api::alarms<&AlarmApi::get_alarms>},
+    {"POST", "/api/devices/*/alarms", &Api::alarms<&AlarmApi::post_alarm>},
+    {"POST", "/api/alarms/*/change", &Api::alarms<&AlarmApi::post_change>},
+    {"POST", "/api/alarms/*/delete", &Api::alarms<&AlarmApi::post_delete>},
     {"GET", "/api/library/albums", &Api::library<&LibraryApi::get_albums>},
     {"GET", "/api/library/albums/*", &Api::library<&LibraryApi::get_album>},
     {"GET", "/api/library/artists", &Api::library<&LibraryApi::get_artists>},
@@ -100,6 +104,7 @@ std::string Api::state(uint64_t version, const std::string& device) {
     JsonPtr document = new_object();
     add(document.get(), "version", static_cast<int64_t>(version));
     add(document.get(), "devices", m_house.devices().describe(device));
+    add(document.get(), "alarms", m_house.alarms().describe(device));
     add(document.get(), "library", std::move(library));
     return print_json(document.get());
 }

@@ -10,7 +10,7 @@
 // - POST /api/devices/ID/clear: its queue, but for the current track
 // - POST /api/devices/ID/undo, {"undo": number}
 // - POST /api/devices/look: asks all devices how they are
-// - the rest: LibraryApi
+// - the rest: AlarmApi, LibraryApi
 //
 // A POST has Content-Type: application/json. ID of a device may be its name. A failure is {"error":
 // text for people} with a status: 400 the request is wrong, 404 no such thing, 409 the device can't
@@ -23,6 +23,7 @@
 
 #include "controller/library/library.h"
 #include "controller/session/house.h"
+#include "controller/web/alarm_api.h"
 #include "controller/web/exchange.h"
 #include "controller/web/library_api.h"
 #include "controller/web/places.h"
@@ -36,7 +37,8 @@ class Api {
         : m_library(library),
           m_house(house),
           m_changes(changes),
-          m_library_api(library, house, changes) {}
+          m_library_api(library, house, changes),
+          m_alarm_api(library, house) {}
 
     // A path that begins with "/api/".
     int serve(Exchange& exchange);
@@ -69,12 +71,17 @@ class Api {
     int library(Exchange& exchange, const std::string& id) {
         return (m_library_api.*handler)(exchange, id);
     }
+    template <auto handler>
+    int alarms(Exchange& exchange, const std::string& id) {
+        return (m_alarm_api.*handler)(exchange, id);
+    }
     static int answer(Exchange& exchange, const Outcome& outcome);
 
     Library& m_library;
     House& m_house;
     Changes& m_changes;
     LibraryApi m_library_api;
+    AlarmApi m_alarm_api;
     Places m_waiting{16, 12};  // for a change
 };
 

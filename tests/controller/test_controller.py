@@ -159,6 +159,52 @@ class Honesty(HouseTest):
         self.assertEqual(self.command("queue", "Kitchen"), whole)
 
 
+class Alarms(HouseTest):
+    def restart_with_seven_in(self, seconds):
+        """By the controller's clock it is seven in so many seconds from now; that moment."""
+        self.stop_controller()
+        seven = int(time.time()) + seconds
+        west = (seven - 7 * 3600) % 86400  # of Greenwich
+        self.environment["TZ"] = f"HERE{west // 3600}:{west // 60 % 60}:{west % 60}"
+        self.start_controller()
+        return seven
+
+    def test_a_device_wakes_who_sleeps_there_or_says_why_not(self):
+        kitchen, attic = self.devices
+        attic.environment["NUVIO_NETWORK_PATIENCE_S"] = "2"
+        self.start_all()
+        self.command("play", "Kitchen", "köln")
+        self.command("volume", "Kitchen", 80)
+        self.command("mute", "Kitchen", "on")
+        album = self.first_album()  # the third one, by name
+        self.command("alarm", "Kitchen", "07:00", "sat-thu,fri", f"album:{album['id']}", "--volume", 30)
+        listed = self.command("alarm", "Attic", "7:00", "http://127.0.0.1:9/radio")
+        for words, why in (("25:00 x", "usage"), ("07:00 zzz", "all of these words"), ("07:00 mon,wo x", "usage"),
+                           ("off 9", "no alarm 9"), ("07:00 b --volume 101", "0 to 100")):
+            self.assertIn(why, self.run_command("alarm", "Kitchen", *words.split()).stderr)
+        seven = self.restart_with_seven_in(4)
+        wait_for("the alarm", lambda: self.shown("Kitchen").get("track", {}).get("album") == album["title"])
+        self.assertGreaterEqual(time.time(), seven)
+        wait_for("it on the card", lambda: self.heard(kitchen, 2, 0, 1))
+        self.assertIn("[30%] [on]", kitchen.amixer("sget", "Master"))
+        self.command("undo", "Kitchen")
+        self.assertIn("Köln", self.command("queue", "Kitchen"))
+        wait_for("anything", lambda: self.shown("Attic").get("state") == "playing" and not self.state()["alarms"][1]["on"])
+        self.assertRegex(self.command("alarm", "attic"), "once .* off .*Failed to connect.*; something else was played")
+        self.assertAlmostEqual(self.state()["alarms"][0]["in_ms"] / 1000, 86400 - (time.time() - seven), delta=60)
+
+        # One that is away is said to be, and woken when it comes.
+        attic.daemon.send_signal(signal.SIGKILL)
+        attic.daemon.wait()
+        self.command("alarm", "Attic", "on", listed.split()[0])
+        self.restart_with_seven_in(2)
+        wait_for("it", lambda: self.state()["alarms"][1]["failure"] == "Attic was not there at 07:00")
+        attic.start()
+        wait_for("anything", lambda: self.shown("Attic").get("state") == "playing" and not self.state()["alarms"][1]["on"])
+        self.command("alarm", "Attic", "remove", listed.split()[0])
+        self.assertEqual([alarm["device_name"] for alarm in self.state()["alarms"]], ["Kitchen"])
+
+
 class Addresses(HouseTest):
     rooms = ["Kitchen"]
 
