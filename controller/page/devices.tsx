@@ -1,11 +1,12 @@
 // The devices: what each plays, its volume; which one the other screens are about.
+import { Alarms, NextAlarm } from "./alarms";
 import { texts } from "./language";
 import { Cover, Doing, has_music, IconButton, PlayButton, title_of, Two } from "./parts";
 import { Rename } from "./rename";
 import { AllRooms } from "./rooms";
 import { VolumeRow } from "./slider";
 import type { Device } from "./state";
-import { devices, is_connected, select, selected } from "./state";
+import { alarms, devices, is_connected, select, selected } from "./state";
 import { request } from "./talk";
 
 function Card({ device, is_selected }: { device: Device; is_selected: boolean }) {
@@ -15,12 +16,14 @@ function Card({ device, is_selected }: { device: Device; is_selected: boolean })
         <h2>{device.name}</h2>
         <p class="quiet">{[device.brand, device.model].filter(Boolean).join(" ")}</p>
       </div>
+      <Alarms device={device} />
       <Rename device={device} />
       <button type="button" aria-pressed={is_selected} onClick={() => select(device.id)}
               aria-label={(is_selected ? texts.chosen_device : texts.choose_device)(device.name)}>
         {is_selected ? texts.chosen : texts.choose}</button>
     </div>
     <Doing device={device} />
+    <NextAlarm device={device} />
     {has_music(device) && <div class={"row" + (device.is_pending ? " pending" : "")}>
       <Cover path={device.track?.cover} size="small" />
       <Two first={title_of(device)} second={device.track?.artist} />
@@ -28,6 +31,20 @@ function Card({ device, is_selected }: { device: Device; is_selected: boolean })
     </div>}
     {device.connected && <VolumeRow device={device} />}
   </article>;
+}
+
+// Not seen since the controller runs, and to wake somebody.
+function Unseen() {
+  const all = new Map(alarms.value.map(({ device, device_name }) => [device, device_name]));
+  for (const { id } of devices.value) all.delete(id);
+  return <>{[...all].map(([id, name]) => <article key={id} class="card" aria-label={name}>
+    <div class="row">
+      <h2 class="grow">{name}</h2>
+      <Alarms device={{ id, name }} />
+    </div>
+    <p class="warn">{texts.absent}</p>
+    <NextAlarm device={{ id, name }} />
+  </article>)}</>;
 }
 
 export function Devices() {
@@ -40,6 +57,7 @@ export function Devices() {
     <AllRooms />
     <div class="cards">
       {all.map((device) => <Card key={device.id} device={device} is_selected={device.id === selected.value?.id} />)}
+      {is_connected.value && <Unseen />}
     </div>
     {all.length === 0 && <p>{is_connected.value ? texts.none_found : texts.nothing_known}</p>}
   </>;

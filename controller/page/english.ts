@@ -106,6 +106,24 @@ export const english = {
   at_end: "At the end of this track",
   no_sleep: "No sleep timer",
 
+  // Alarms
+  alarms_of: (name: string) => "Alarms of " + name,
+  wakes_at: (when: string) => "Wakes at " + when,
+  wake_with_this: "Wake with this",
+  wake_on: (name: string) => "Wake on " + name,
+  new_alarm: "New alarm",
+  time: "Time",
+  days: "Days",
+  daily: "daily",
+  once: "once",
+  music: "Music",
+  this_music: "What was chosen",
+  volume: "Volume",
+  volume_as_it_is: "As it is then",
+  alarm_at: (time: string) => "Alarm at " + time,
+  remove_alarm: (time: string) => "Remove the alarm at " + time,
+  alarm_removed: (time: string) => "The alarm at " + time + " was removed",
+
   // Queue
   save_queue: "Save this queue as a playlist",
   save_queue_as: "Save this queue as a playlist called",

@@ -16,11 +16,19 @@ export const texts = kTables[table_of(locale)] ?? english;
 document.documentElement.lang = table_of(locale);
 document.documentElement.dir = texts.direction;
 
+const weekdays = new Intl.DateTimeFormat(locale, { weekday: "short", timeZone: "UTC" });
+const kFirstMonday = Date.UTC(2024, 0, 1);
+const kDayMs = 86400000;
 const numbers = new Intl.NumberFormat(locale);
 const forms = new Intl.PluralRules(locale);
 
 export function number_text(number: number): string {
   return numbers.format(number);
+}
+
+// Monday is 0.
+export function weekday_text(day: number): string {
+  return weekdays.format(kFirstMonday + day * kDayMs);
 }
 
 // In the form that the language has for so many.

@@ -1,6 +1,7 @@
 // The library: albums, artists, folders, and the search.
 import type { JSX } from "preact";
 import { useEffect, useRef } from "preact/hooks";
+import { WakeWith } from "./alarms";
 import { use_answer, use_pages } from "./answers";
 import { Awaited } from "./awaited";
 import { counted, number_text, sum_text, texts } from "./language";
@@ -64,6 +65,7 @@ function Actions({ what }: { what: string }) {
     <button type="button" class="main" onClick={() => play(what)}><Icon name="play" />{texts.play}</button>
     <button type="button" onClick={() => play(what, { where: "next" })}>{texts.play_next}</button>
     <button type="button" onClick={() => play(what, { where: "end" })}>{texts.add_to_queue}</button>
+    <WakeWith what={what} />
   </div>;
 }
 

@@ -35,15 +35,21 @@ export interface Device {
   is_pending?: boolean;  // something was pressed and is not confirmed yet
 }
 
+export interface Alarm {
+  id: number; device: string; device_name: string; time: string; days: string[]; what: string; title: string; volume?: number;
+  on: boolean; in_ms?: number; failure: string;
+}
+
 export interface LibraryState {
   folders: number; tracks: number; scanning: boolean; seen: number; revision: number; unreadable: number; lists: number;
   failure: string;
 }
 
-interface Message { version: number; devices: Device[]; library: Partial<LibraryState> }
+interface Message { version: number; devices: Device[]; alarms?: Alarm[]; library: Partial<LibraryState> }
 
 const message = signal<Message>({ version: 0, devices: [], library: {} });
 export const library = computed(() => message.value.library);
+export const alarms = computed(() => message.value.alarms ?? []);
 export const version = computed(() => message.value.version);
 export const is_connected = signal(false);
 export const known_at = signal<number | null>(null);  // when the message came; null: there was none

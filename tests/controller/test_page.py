@@ -535,6 +535,29 @@ class Page(HouseTest):
         phone.press("Sleeps in 15 min")
         phone.press("No sleep timer")
 
+        # Woken by an album, told on the card, changed and removed.
+        phone.open(f"#library/album/{self.first_album()['id']}")
+        phone.press("Wake with this")
+        phone.run("document.querySelector('dialog [type=time]').value = '07:30'")
+        phone.finger(phone.place_of(".days button", at=1))
+        phone.finger(phone.place_of("dialog button.main"))
+        alarms = lambda: [(each["time"], *each["days"], each["what"][:9], each["on"]) for each in self.state()["alarms"]]  # noqa: E731
+        wait_for("it", lambda: alarms() == [("07:30", "tue", "album-of:", True)])
+        phone.open("#devices")
+        phone.place_of("[aria-label=Attic] .wakes")
+        phone.shows("07:30")
+        phone.finger(phone.place_of("[aria-label='Alarms of Attic']"))
+        phone.finger(phone.place_of("dialog [aria-label='Alarm at 07:30']"))
+        wait_for("its rest", lambda: not alarms()[0][-1] and not phone.run("return document.querySelector('.wakes')"))
+        phone.finger(phone.place_of("dialog .open"))
+        phone.finger(phone.place_of(".days button"))
+        phone.finger(phone.place_of("dialog button.main"))
+        phone.finger(phone.place_of("[aria-label='Remove the alarm at 07:30']"))
+        wait_for("its end", lambda: alarms() == [])
+        phone.finger(phone.place_of("#toast button"))
+        wait_for("it again", lambda: alarms() == [("07:30", "mon", "tue", "album-of:", True)])
+        phone.open("#playing")
+
         # What the lock screen shows, and a headset's keys do, once something was pressed here.
         phone.press("Pause")
         wait_for("a pause", lambda: attic.player("status") == "Paused")
@@ -647,9 +670,11 @@ class Page(HouseTest):
                                "library/artists", "library/favourites", "library/genres", "library/composer/Ida%20Quill", "library/folders",
                                "library/playlists", "library/search/b", "library/search/zz", "library/search/http%3A%2F%2Fradio",
                                "queue", "playing")
-            for sheet in "Move to …", "Sleep":
-                browser.press(sheet)
-                self.assertEqual(browser.judge(), [], sheet)
+            for screen, *sheets in ("playing", "Move to …"), ("playing", "Sleep"), ("devices", "Alarms of Attic", "New alarm"):
+                browser.open("#" + screen)
+                for sheet in sheets:
+                    browser.press(sheet)
+                    self.assertEqual(browser.judge(), [], sheet)
                 browser.press("Cancel")
             browser.open("#library")
             browser.shows(ALBUMS[2][0])
