@@ -19,7 +19,6 @@ namespace {
 
 constexpr size_t kMaxPlaylistFile = size_t{4} << 20U;
 constexpr size_t kMostHeard = 200;
-constexpr size_t kMostFavourites = 1000;  // tracks, and albums
 constexpr char kFavourites[] = "favourites:tracks";
 constexpr char kByFile[] = "-of";
 // That there are more is seen by the one that is not taken.

@@ -87,6 +87,7 @@ class Library {
     // The last ones first, as far as they are in the library.
     std::vector<Album> albums_heard(LibraryView::Page page) { return albums_on(m_heard, page); }
 
+    static constexpr int64_t kMostFavourites = 1000;  // tracks, and albums
     // "track:ID" or "album:ID" is one from now on, or none; what comes back is a failure for
     // people.
     std::string set_favourite(const std::string& what, bool is_one);

@@ -4,6 +4,7 @@ import { useEffect, useRef } from "preact/hooks";
 import { WakeWith } from "./alarms";
 import { use_answer, use_pages } from "./answers";
 import { Awaited } from "./awaited";
+import { Heart } from "./heart";
 import { counted, number_text, sum_text, texts } from "./language";
 import { Cover, Icon, IconButton, Two } from "./parts";
 import { place, rename_place, wants_search } from "./places";
@@ -11,7 +12,6 @@ import type { PlaylistRow } from "./playlists";
 import { Playlist, Playlists } from "./playlists";
 import { library, play, selected } from "./state";
 import { attempt, request, time_text } from "./talk";
-import { say_with_undo } from "./undo";
 
 const kTypingMs = 150;
 
@@ -35,15 +35,6 @@ type ShelfKind = "genre" | "composer";
 
 function Shelf({ kind, name }: { kind: ShelfKind; name: string }) {
   return <li><a class="open button" href={"#library/" + kind + "/" + encodeURIComponent(name)}>{name}</a></li>;
-}
-
-// A favourite or none: the lists that are kept here, and so the answer that this is of, change with it.
-function Heart({ what, title, is_one }: { what: string; title: string; is_one: boolean }) {
-  const make = (favourite: boolean) => request("library/favourites", { what, favourite });
-  const press = async () => {
-    if (await attempt(() => make(!is_one)) && is_one) say_with_undo(texts.no_favourite(title), () => make(true));
-  };
-  return <IconButton icon={is_one ? "heart-full" : "heart"} label={texts.favourite(title)} aria-pressed={is_one} onClick={press} />;
 }
 
 // `context`: all of what a press plays, from this track on.

@@ -10,7 +10,7 @@ const kKeptRows = 300;  // for a page without a connection
 const kPatienceMs = 8000;
 const kShortPauseMs = 300;  // before the rest of a queue is asked for that the controller is still reading
 
-export interface Entry { item: number; title: string; artist: string; album: string; cover: string; duration_ms: number }
+export interface Entry { item: number; track_id?: number; title: string; artist: string; album: string; cover: string; duration_ms: number }
 interface Queue { device: string | null; revision: number | null; items: Entry[] }
 interface Move { before: number | null; until: number; is_answered: boolean }
 

@@ -1,4 +1,5 @@
 // What plays now, and the small line about it above the screens' names.
+import { TrackHeart, use_favourites } from "./heart";
 import { counted, number_text, texts } from "./language";
 import { Cover, Doing, has_music, Icon, IconButton, PlayButton, Title, title_of, Two, use_position } from "./parts";
 import { MoveMusic } from "./rooms";
@@ -85,6 +86,7 @@ function DeviceChoice({ device }: { device: Device }) {
 
 export function Playing() {
   const device = selected.value;
+  const favourites = use_favourites();
   if (!device || !has_music(device)) {
     return <><NothingHere title={texts.screens.playing} device={device} />{device && <DeviceChoice device={device} />}</>;
   }
@@ -104,6 +106,7 @@ export function Playing() {
     {device.connected && <VolumeRow device={device} />}
     <div class="row">
       <DeviceChoice device={device} />
+      {track && <TrackHeart track={track} favourites={favourites} />}
       <IconButton icon="stop" label={texts.stop} disabled={device.state === "gone"} onClick={() => command(device, "stop")} />
     </div>
     <div class="row wrap"><MoveMusic device={device} /><SleepTimer device={device} /></div>

@@ -2,6 +2,7 @@
 import type { RefObject } from "preact";
 import { useContext, useEffect, useLayoutEffect, useRef, useState } from "preact/hooks";
 import Sortable from "sortablejs";
+import { TrackHeart, use_favourites } from "./heart";
 import { number_text, sum_text, texts } from "./language";
 import type { Entry } from "./order";
 import { follow, move, order } from "./order";
@@ -82,9 +83,12 @@ function move_to(device: Device, items: Entry[], entry: Entry, to: number): void
   if (items[to]?.item !== entry.item) void move(device, entry.item, rest[to]?.item ?? null);
 }
 
-interface RowProps { device: Device; entry: Entry; at: number; count: number; is_in_hand: boolean; on_key: (event: KeyboardEvent) => void }
+interface RowProps {
+  device: Device; entry: Entry; at: number; count: number; is_in_hand: boolean; favourites: number[] | undefined;
+  on_key: (event: KeyboardEvent) => void;
+}
 
-function Row({ device, entry, at, count, is_in_hand, on_key }: RowProps) {
+function Row({ device, entry, at, count, is_in_hand, favourites, on_key }: RowProps) {
   const { item, title } = entry;
   const is_now = device.item === item;
   return <li class={"queue-row" + (is_now ? " now" : "") + (is_in_hand ? " lifted" : "")} data-item={item}
@@ -94,6 +98,7 @@ function Row({ device, entry, at, count, is_in_hand, on_key }: RowProps) {
       <Cover path={entry.cover} size="small" />
       <Two first={title} second={entry.artist} />
     </button>
+    <TrackHeart track={entry} favourites={favourites} />
     <IconButton icon="remove" label={texts.remove(title)}
                 onClick={() => take_away(device, "command", { command: "queue_remove", items: [item] }, texts.removed(title))} />
     <IconButton icon="handle" label={texts.move(title)} class="plain drag" onKeyDown={on_key} />
@@ -125,6 +130,7 @@ function Rows({ device, items }: { device: Device; items: Entry[] }) {
   const [focused, set_focused] = useState<number>();
   const moved_by_key = useRef(false);
   const is_beside = useContext(IsBeside);
+  const favourites = use_favourites();
   const shown = with_hand(items, hand);
   const rows = use_rows(list, shown.length);
 
@@ -160,7 +166,7 @@ function Rows({ device, items }: { device: Device; items: Entry[] }) {
   return <ul ref={list} class="list rows" style={{ height: `calc(${shown.length} * var(--row))` }} onFocusIn={take_focus}>
     {rows_of(shown, rows, [hand?.entry.item, focused]).map(({ entry, at }) =>
       <Row key={entry.item} device={device} entry={entry} at={at} count={shown.length}
-           is_in_hand={hand?.entry.item === entry.item} on_key={press_key(entry, at)} />)}
+           is_in_hand={hand?.entry.item === entry.item} favourites={favourites} on_key={press_key(entry, at)} />)}
   </ul>;
 }
 

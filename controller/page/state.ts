@@ -19,7 +19,7 @@ export type Doing = "free" | "other" | "asking" | "asked" | "opening" | "playing
   "gone";
 
 export interface Track {
-  title: string; artist: string; album: string; cover: string; duration_ms: number;
+  track_id?: number; title: string; artist: string; album: string; cover: string; duration_ms: number;
   seekable: boolean; rate_hz: number; channels: number; bits: number; changed: string;
 }
 

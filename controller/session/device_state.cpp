@@ -6,6 +6,7 @@
 
 #include "common/number.h"
 #include "common/utf8.h"
+#include "controller/session/tracks.h"
 
 namespace nuvio::controller {
 
@@ -60,6 +61,12 @@ size_t bytes_of(const QueueItem& item) {
 }
 
 // What the track is called where it is shown.
+void add_track_id(cJSON* object, const QueueItem& item) {
+    if (const int64_t id = track_id_of(item.url); id != 0) {
+        add(object, "track_id", id);
+    }
+}
+
 std::string title_of(const QueueItem& item) {
     return !item.title.empty() ? item.title : !item.url.empty() ? item.url : "Untitled";
 }
@@ -259,6 +266,7 @@ void DeviceState::describe(cJSON* object, Clock::time_point now) const {
     }
     const QueueItem queued = found != nullptr ? *found : QueueItem();
     JsonPtr track = new_object();
+    add_track_id(track.get(), queued);
     const auto text = [&](const char* key, const std::string& heard, const std::string& asked) {
         add(track.get(), key, heard.empty() ? asked : heard);
     };
@@ -285,6 +293,7 @@ JsonPtr DeviceState::describe_queue() const {
         add(entry.get(), "artist", item.artist);
         add(entry.get(), "album", item.album);
         add(entry.get(), "cover", item.cover);
+        add_track_id(entry.get(), item);
         add(entry.get(), "duration_ms", item.duration_ms);
         append(items.get(), std::move(entry));
     }

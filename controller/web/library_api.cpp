@@ -233,8 +233,15 @@ int LibraryApi::post_scan(Exchange& exchange, const std::string&) {
 
 int LibraryApi::get_favourites(Exchange& exchange, const std::string&) {
     const std::string kind = exchange.parameter("kind");
+    if (kind == "ids") {
+        JsonPtr ids = new_array();
+        for (const Track& track : m_library.favourite_tracks({0, Library::kMostFavourites})) {
+            append(ids.get(), JsonPtr(cJSON_CreateNumber(static_cast<double>(track.id))));
+        }
+        return exchange.reply_json(in_object("ids", std::move(ids)));
+    }
     if (kind != "albums" && kind != "tracks") {
-        return exchange.fail(400, "kind is albums or tracks");
+        return exchange.fail(400, "kind is albums, tracks or ids");
     }
     const LibraryView::Page page = page_of(exchange);
     return exchange.reply_json(in_object(

@@ -423,13 +423,18 @@ class Page(HouseTest):
             phone.finger(phone.place_of("#toast button"))
             wait_for("it again", lambda: name in phone.run(shown))
         album = self.first_album()
-        track = album["tracks"][1]["title"]
-        phone.open(f"#library/album/{album['id']}")
-        for name in album["title"], track:
-            phone.finger(phone.place_of(f"[aria-label='Favourite: {name}']"))
+        self.command("queue", "Kitchen", "add", "http://127.0.0.1:9/radio")  # of which the library knows nothing
+        for screen, name in ((f"library/album/{album['id']}", album["title"]), ("playing", "Night Boats 1"),
+                             ("queue", "Night Boats 2")):
+            phone.open("#" + screen)
+            phone.finger(phone.place_of(f"[aria-label='Favourite: {name}'][aria-pressed=false]"))
+            phone.place_of(f"[aria-label='Favourite: {name}'][aria-pressed=true]")
+        self.assertEqual(phone.run("""return [".queue-row", ".queue-row [aria-label^=Favourite]"].map(
+            (each) => document.querySelectorAll(each).length)"""), [3, 2])
+        phone.finger(phone.place_of("[aria-label='Favourite: Night Boats 2']"))
         phone.open("#library/playlists")
         phone.press("Favourites")
-        wait_for("both", lambda: phone.titles() == [track] and phone.place_of(".grid a"))
+        wait_for("both", lambda: phone.titles() == ["Night Boats 1"] and phone.place_of(".grid a"))
         phone.finger(phone.place_of("[aria-label^='Favourite: '][aria-pressed=true]"))
         phone.shows("There are none")
         phone.finger(phone.place_of("#toast button"))
