@@ -40,7 +40,8 @@ function Shelf({ kind, name }: { kind: ShelfKind; name: string }) {
 // `context`: all of what a press plays, from this track on.
 function Track({ track, number, context }: { track: TrackRow; number?: number; context: [what: string, start: number] }) {
   const [what, start] = context;
-  return <li>
+  const is_now = selected.value?.track?.track_id === track.id;
+  return <li class={is_now ? "now" : undefined} aria-current={is_now ? "true" : undefined}>
     {number !== undefined && <span class="number">{number || ""}</span>}
     <button type="button" class="open" onClick={() => play(what, { start })}>
       <Two first={track.title} second={track.artist} />

@@ -199,6 +199,7 @@ class Page(HouseTest):
         phone.shows("Ada Fern · 2001 · 2 tracks · 1 min")
         phone.press("Play")
         wait_for("the album's beginning on the card", lambda: self.heard(kitchen, 0, 0))
+        self.assertEqual(phone.run("return document.querySelector('main li[aria-current] .cut').textContent"), "Night Boats 1")
         self.command("loop", "Kitchen", "all")  # it plays as long as this takes
 
         phone.open("#playing")
