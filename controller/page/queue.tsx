@@ -129,19 +129,25 @@ function Rows({ device, items }: { device: Device; items: Entry[] }) {
   const hand = use_hand(list, device, items);
   const [focused, set_focused] = useState<number>();
   const moved_by_key = useRef(false);
+  const is_placed = useRef(false);
+  const opened_at = useRef<number | undefined>(undefined);  // how far it was scrolled then
   const is_beside = useContext(IsBeside);
   const favourites = use_favourites();
   const shown = with_hand(items, hand);
   const rows = use_rows(list, shown.length);
 
-  // It opens at the current track, unless it was left elsewhere.
+  // It opens at the current track, once that is read, unless it was left or is scrolled elsewhere.
   useLayoutEffect(() => {
+    if (!list.current || is_placed.current) return;
     const at = items.findIndex((entry) => entry.item === device.item);
-    if (!list.current || at < 1 || (!is_beside && place.value.scroll !== undefined)) return;
     const scroller = list.current.closest(".scroller") ?? document.documentElement;
+    opened_at.current ??= scroller.scrollTop;
+    const is_new = (is_beside || place.value.scroll === undefined) && scroller.scrollTop === opened_at.current;
+    is_placed.current = at >= 0 || !is_new;
+    if (at < 1 || !is_new) return;
     const top = list.current.getBoundingClientRect().top - (is_beside ? scroller.getBoundingClientRect().top : 0);
     scroller.scrollTop += top + at * row_height(list.current, items.length) - scroller.clientHeight * kFromTop;
-  }, []);
+  }, [items]);
   // A row that has moved elsewhere in the document loses the keyboard.
   useLayoutEffect(() => {
     const handle = moved_by_key.current && list.current?.querySelector<HTMLElement>(`[data-item="${focused}"] .drag`);

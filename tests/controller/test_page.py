@@ -380,15 +380,18 @@ class Page(HouseTest):
         wait_for("the first one last", lambda: self.queue()[-1]["item"] == item)
         self.assertEqual(phone.driver.execute_async_script(
             "scrollTo(0, 0); setTimeout(() => arguments[0](scrollY), 500)"), 0, "nothing scrolls any more")
+        phone.slow_down(1)  # it opens before all of it is read
         self.post("play", what=[second] * 2_970, where="end")
         wait_for("them", lambda: len(self.queue()) == 3_000)
         self.post("command", command="queue_jump", item=self.queue()[2_000]["item"])
-        wait_for("the jump", lambda: self.shown("Kitchen").get("item") == self.queue()[2_000]["item"])
+        wait_for("the jump, on the page too", lambda: self.shown("Kitchen").get("item") == self.queue()[2_000]["item"]
+                 and phone.run("return document.querySelector('.queue-row.now') === null"))
         phone.open("#devices")
         phone.open("#queue")
         wait_for("the current one", lambda: phone.run("""
             const box = document.querySelector(".queue-row.now")?.getBoundingClientRect();
             return box && box.top > 0 && box.bottom < innerHeight"""))
+        phone.slow_down()
         self.assertLess(phone.run("return document.querySelectorAll('.queue-row').length"), 60)
         desktop = Browser(self, "desktop", screen="#library")
         desktop.shows(ALBUMS[0][0])
