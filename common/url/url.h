@@ -1,5 +1,5 @@
 // URLs of the network: of music, playlists and pictures (http, https), of a session's channel (ws,
-// wss). Libcurl takes them apart. Pure functions, any thread; input may be any bytes.
+// wss). Pure functions, any thread; input may be any bytes.
 #pragma once
 
 #include <cstdint>

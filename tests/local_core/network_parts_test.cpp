@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "common/url/url.h"
 #include "local/network/http_response.h"
 #include "local/network/http_source.h"
 #include "local/network/icy.h"
@@ -174,6 +175,35 @@ TEST(NetworkParts, AResponsesHeadLeadsToItsVerdict) {
         EXPECT_EQ(verdict.skip, wanted.skip) << wanted.lines.back();
         EXPECT_EQ(verdict.length, wanted.length) << wanted.lines.back();
     }
+}
+
+// Each with what it becomes beside "http://host:80/a/b?c"; empty: nothing that is taken from there.
+TEST(Urls, AreResolvedAndHostsToldApart) {
+    static constexpr const char* kRows[][2] = {
+        {"d", "http://host:80/a/d"},
+        {"../../d/./e/..?f#g", "http://host:80/d/?f"},
+        {"/x", "http://host:80/x"},
+        {"?x", "http://host:80/a/b?x"},
+        {"//other", "http://other/"},
+        {"a b [2].\xc3\xbc|\\", "http://host:80/a/a%20b%20[2].%C3%BC|\\"},
+        {"HTTPS://u:p@[FE80::1%25eth0]:8443?q", "https://u:p@[FE80::1%25eth0]:8443/?q"},
+        {"file:///etc/passwd", ""},
+        {"ftp://host/", ""},
+        {"a:b", ""},
+        {"http:///etc", ""},
+        {"http://host:0/", ""},
+        {"http://host:70000/", ""},
+        {"http://a@b@c/", ""},
+        {"http://a%2fb/", ""},
+        {"http://[::1/", ""},
+    };
+    for (const auto& [reference, wanted] : kRows) {
+        EXPECT_EQ(nuvio::resolve_url("http://host:80/a/b?c", reference).value_or(""), wanted);
+    }
+    EXPECT_EQ(nuvio::split_url("ws://[fe80::1%25eth0]")->host, "fe80::1%eth0");
+    EXPECT_TRUE(nuvio::same_origin("http://HOST/a", "http://h%6Fst:80?b"));
+    EXPECT_FALSE(nuvio::same_origin("http://host", "http://user@host:81"));
+    EXPECT_FALSE(nuvio::same_origin("http://host@other", "http://host"));
 }
 
 }  // namespace
