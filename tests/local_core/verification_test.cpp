@@ -21,7 +21,10 @@ Verdict with_bit(uint32_t bits, uint32_t channels_inside, int bit, bool with_all
     info.frame_count = info.sum.frames = 2;
     info.sum.bits = bits;
     const std::vector<uint8_t> silence(2 * channels_inside * bits / 8);
-    EVP_Digest(silence.data(), silence.size(), info.sum.md5, nullptr, EVP_md5(), nullptr);
+    MD5_CTX sum;
+    MD5Init(&sum);
+    MD5Update(&sum, silence.data(), silence.size());
+    MD5Final(info.sum.md5, &sum);
     std::vector<std::byte> samples(2 * info.frame_bytes);
     if (bit >= 0) {  // of the second channel's last sample
         samples[3 * sizeof(Sample) + static_cast<size_t>(bit) / 8] |= std::byte{1} << (bit % 8);

@@ -54,20 +54,20 @@ Verification::Verification(const TrackInfo& info, bool with_all)
       m_is_doubled(info.inside.channel_count == 1 && m_channels == 2),
       m_packed_bytes((m_sum.bits + kByteBits - 1) / kByteBits),
       m_hindrance(hindrance_of(info, with_all)) {
-    if (m_hindrance == Verdict::verified) {
-        m_hash.reset(EVP_MD_CTX_new());
-        m_hindrance = m_hash && begin() ? Verdict::verified : Verdict::no_sum;
-    }
+    begin();
 }
 
-bool Verification::begin() {
+void Verification::begin() {
     m_frames = 0;
     m_is_wrong = false;
-    return EVP_DigestInit_ex(m_hash.get(), EVP_md5(), nullptr) == 1;
+    MD5Init(&m_hash);
 }
 
 void Verification::seek(uint64_t frame) {
-    m_was_sought = frame != 0 || (m_hash && !begin());
+    m_was_sought = frame != 0;
+    if (!m_was_sought) {
+        begin();
+    }
 }
 
 void Verification::add(const std::byte* samples, size_t bytes) {
@@ -117,7 +117,7 @@ void Verification::add_packed(const std::byte* samples, size_t count) {
 }
 
 void Verification::hash(const void* bytes, size_t size) {
-    m_is_wrong |= EVP_DigestUpdate(m_hash.get(), bytes, size) != 1;
+    MD5Update(&m_hash, static_cast<const uint8_t*>(bytes), size);
 }
 
 Verdict Verification::conclude(bool is_played_out) {
@@ -130,7 +130,7 @@ Verdict Verification::conclude(bool is_played_out) {
         return otherwise;
     }
     std::array<uint8_t, nuvio::reader::SampleSum::kBytes> taken{};
-    EVP_DigestFinal_ex(m_hash.get(), taken.data(), nullptr);
+    MD5Final(taken.data(), &m_hash);
     return !m_is_wrong && std::ranges::equal(taken, m_sum.md5) ? Verdict::verified
                                                                : Verdict::differs;
 }

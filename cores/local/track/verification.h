@@ -1,18 +1,16 @@
 // Whether the output took the samples of a track's file, all of them and no others: what it took,
 // against the sum that the file has of them (FLAC's MD5).
 //
-// Built on any thread; allocates there alone. After that one thread at a time, the loop's: nothing
-// waits.
+// Built on any thread. After that one thread at a time, the loop's: nothing waits.
 #pragma once
 
-#include <openssl/evp.h>
+#include <md5.h>
+#include <sys/types.h>
 
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 
-#include "common/released_by.h"
 #include "local/track/track_decoder.h"
 
 namespace local_core {
@@ -33,7 +31,7 @@ const char* text_of(Verdict verdict);
 
 class Verification {
   public:
-    // `with_all`: a track above CD quality too. A second of it takes libcrypto 1.5 ms and more.
+    // `with_all`: a track above CD quality too. A second of it takes libmd 1.5 ms and more.
     Verification(const TrackInfo& info, bool with_all);
 
     // What the output has taken, whole frames, in turn.
@@ -46,7 +44,7 @@ class Verification {
   private:
     template <typename Sample, size_t kEqual>
     void add_packed(const std::byte* samples, size_t count);
-    bool begin();
+    void begin();
     bool is_open() const { return m_hindrance == Verdict::verified && !m_was_sought; }
     void hash(const void* bytes, size_t size);
 
@@ -60,7 +58,7 @@ class Verification {
     bool m_was_sought = false;
     bool m_is_wrong = false;
     uint64_t m_frames = 0;  // taken
-    std::unique_ptr<EVP_MD_CTX, nuvio::ReleasedBy<EVP_MD_CTX_free>> m_hash;
+    MD5_CTX m_hash;
 };
 
 }  // namespace local_core

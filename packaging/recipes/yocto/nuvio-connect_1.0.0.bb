@@ -11,7 +11,7 @@ S = "${WORKDIR}/git"
 
 inherit cmake pkgconfig systemd useradd
 
-DEPENDS = "alsa-lib avahi cjson civetweb curl expat flac libjpeg-turbo libpng libseccomp libsndfile1 \
+DEPENDS = "alsa-lib avahi cjson civetweb curl expat flac libjpeg-turbo libmd libpng libseccomp libsndfile1 \
     libuv libwebp libwebsockets openssl soxr sqlite3 systemd taglib zlib"
 EXTRA_OECMAKE = "-DNUVIO_TESTS=OFF -DNUVIO_CONTROLLER=OFF"
 
