@@ -1,7 +1,5 @@
 #include "local/core.h"
 
-#include <openssl/crypto.h>
-
 #include <algorithm>
 #include <memory>
 #include <string_view>
@@ -34,12 +32,6 @@ HelloMessage describe(const nuv_connect_config& config, const std::string& uuid)
     return device;
 }
 
-// The first word of the process to the TLS library, of libcurl and libwebsockets both: it does not
-// clean up in an exit handler, for threads that were left behind may still be in it then.
-void keep_tls_library() {
-    OPENSSL_init_crypto(OPENSSL_INIT_NO_ATEXIT, nullptr);
-}
-
 }  // namespace
 
 Core::Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& config)
@@ -56,7 +48,6 @@ Core::Core(nuv_connect* handle, uv_loop_t* loop, const nuv_connect_config& confi
       m_remote(loop, describe(config, m_uuid), m_control, m_player, m_logger,
                [this] { m_wakeup.wake(); }),
       m_settings(m_control.settings()) {
-    keep_tls_library();
     // Now: later another thread might change the environment.
     music_folders();
     remote_request_defaults();

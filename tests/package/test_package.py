@@ -64,9 +64,9 @@ class Installed(unittest.TestCase):
         binaries = [ROOT / "usr/bin/nuvio-connect", ROOT / "usr/bin/simcardctl",
                     ROOT / "usr/bin/nuvio-connect-controller",
                     *ROOT.glob("usr/libexec/nuvio-connect/*"),
-                    *ROOT.glob("usr/lib/*/libnuvio_*.so.?"),
+                    *ROOT.glob("usr/lib/*/libnuvio_*.so.?.?.?"),
                     *ROOT.glob("usr/lib/*/nuvio-connect/simcard/*.so")]
-        self.assertEqual(len(binaries), 10)
+        self.assertEqual(len(binaries), 12)
         for path in binaries:
             self.assertNotRegex(run("readelf", "-d", path).stdout, "RPATH|RUNPATH", path)
             self.assertFalse(str(BUILD.parents[1]).encode() in path.read_bytes(), path)

@@ -7,8 +7,8 @@
 #include <utility>
 
 #include "common/detached_thread.h"
+#include "common/module.h"
 #include "local/channel/link_shared.h"
-#include "local/channel/link_worker.h"
 
 namespace local_core {
 
@@ -41,6 +41,17 @@ bool take_tls_turn(IsUnwanted is_unwanted) {
     return !std::exchange(all.tls_is_taken, true);
 }
 
+void run_link(const std::shared_ptr<Link::Shared>& shared, LinkTarget target) {
+    std::string error;
+    auto* const run =
+        reinterpret_cast<RunLink*>(nuvio::find_in_module(NUV_CHANNEL_MODULE, kRunLinkName, &error));
+    if (run != nullptr) {
+        run(shared, std::move(target));
+    } else {
+        shared->log(true, "Remote control: " + error);
+    }
+}
+
 void leave(bool had_tls_turn) {
     Threads& all = threads();
     const std::lock_guard lock(all.mutex);
@@ -65,7 +76,7 @@ Link::Link(LinkTarget target, std::function<void()> on_change, Log log)
         const bool tls = target.tls;
         const bool has_tls_turn = tls && take_tls_turn([&] { return shared->is_closing(); });
         if (!tls || !shared->is_closing()) {
-            Worker(shared, std::move(target)).run();
+            run_link(shared, std::move(target));
         }
         {
             const std::lock_guard lock(shared->mutex);

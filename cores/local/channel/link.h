@@ -81,9 +81,9 @@ class Link {
     // one of them hangs.
     static bool wait_all_closed(std::chrono::milliseconds patience);
 
+    struct Shared;  // with its thread
+
   private:
-    struct Shared;
-    class Worker;
     const std::shared_ptr<Shared> m_shared;
 };
 

@@ -1,11 +1,11 @@
 // What the two sides of a link share; for link.cpp and link_worker.cpp alone.
 #pragma once
 
-#include <libwebsockets.h>
-
 #include <algorithm>
 #include <array>
 #include <deque>
+#include <functional>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <utility>
@@ -26,7 +26,7 @@ struct Link::Shared {
     const Log log;
     mutable std::mutex mutex;
     std::function<void()> on_change;
-    lws_context* context = nullptr;  // null: the thread has not begun, or is ending
+    std::function<void()> wake_thread;  // null: the thread has not begun, or is ending
     bool closing = false;
     std::string goodbye;  // to be said
 
@@ -49,8 +49,8 @@ struct Link::Shared {
 
     // Has the link's thread look at what has changed.
     void wake() const {
-        if (context != nullptr) {
-            lws_cancel_service(context);
+        if (wake_thread) {
+            wake_thread();
         }
     }
 
@@ -99,5 +99,9 @@ struct Link::Shared {
                            [](const auto& slot) { return !slot.empty(); });
     }
 };
+
+// What the module of the link's thread exports, under this name: all that the thread does.
+using RunLink = void(std::shared_ptr<Link::Shared> shared, LinkTarget target);
+inline constexpr char kRunLinkName[] = "nuvio_run_link";
 
 }  // namespace local_core

@@ -11,6 +11,7 @@
 
 #include "common/bearer.h"
 #include "common/utf8.h"
+#include "local/base/tls_library.h"
 
 namespace local_core {
 
@@ -44,7 +45,7 @@ double thread_cpu_usecs() {
 
 // ---- The thread -------------------------------------------------------------------------------
 
-void Link::Worker::run() {
+void LinkWorker::run() {
     if (!create()) {
         m_shared->log(true, "Remote control: no WebSocket to be had");
         return;
@@ -60,7 +61,7 @@ void Link::Worker::run() {
 
 // After what was more than its share. Pings and pongs are the library's own affair, which takes
 // them as fast as they come; meanwhile they wait in the network.
-void Link::Worker::rest() {
+void LinkWorker::rest() {
     const lws_usec_t now = lws_now_usecs();
     const double cpu = thread_cpu_usecs();
     const auto passed = static_cast<double>(now - std::exchange(m_rest_time, now));
@@ -73,7 +74,7 @@ void Link::Worker::rest() {
 }
 
 // The library never frees a TLS connection that it still shuts down when its context goes.
-void Link::Worker::end_connections() {
+void LinkWorker::end_connections() {
     m_over = true;
     cancel_alarms();
     for (lws* const connection : m_living) {
@@ -86,12 +87,15 @@ void Link::Worker::end_connections() {
     m_is_patient = false;
 }
 
-bool Link::Worker::create() {
+bool LinkWorker::create() {
     static const lws_protocols kProtocols[] = {
-        {kSubprotocol, &Worker::on_event, 0, kMaxMessageBytes, 0, nullptr, 0},
+        {kSubprotocol, &LinkWorker::on_event, 0, kMaxMessageBytes, 0, nullptr, 0},
         {nullptr, nullptr, 0, 0, 0, nullptr, 0}};
-    static std::once_flag quiet;
-    std::call_once(quiet, [] { lws_set_log_level(0, nullptr); });
+    static std::once_flag once;
+    std::call_once(once, [] {
+        keep_tls_library();
+        lws_set_log_level(0, nullptr);
+    });
     lws_context_creation_info info{};
     info.port = CONTEXT_PORT_NO_LISTEN;
     info.protocols = kProtocols;
@@ -108,14 +112,16 @@ bool Link::Worker::create() {
     }
     m_context = lws_create_context(&info);
     const std::lock_guard lock(m_shared->mutex);
-    m_shared->context = m_context;
+    m_shared->wake_thread = m_context == nullptr ? std::function<void()>() : [context = m_context] {
+        lws_cancel_service(context);
+    };
     return m_context != nullptr;
 }
 
-void Link::Worker::destroy() {
+void LinkWorker::destroy() {
     {
         const std::lock_guard lock(m_shared->mutex);
-        m_shared->context = nullptr;
+        m_shared->wake_thread = nullptr;
     }
     m_over = true;
     if (m_context != nullptr) {
@@ -124,13 +130,13 @@ void Link::Worker::destroy() {
     }
 }
 
-void Link::Worker::cancel_alarms() {
+void LinkWorker::cancel_alarms() {
     for (Alarm* const alarm : {&m_retry, &m_resume, &m_stall, &m_expiry, &m_patience}) {
         lws_sul_cancel(&alarm->entry);
     }
 }
 
-void Link::Worker::set(Alarm& alarm, lws_usec_t delay) {
+void LinkWorker::set(Alarm& alarm, lws_usec_t delay) {
     const auto ring = [](lws_sorted_usec_list_t* entry) {
         auto* const self = reinterpret_cast<Alarm*>(entry);
         (self->worker->*self->function)();
@@ -138,9 +144,9 @@ void Link::Worker::set(Alarm& alarm, lws_usec_t delay) {
     lws_sul_schedule(m_context, 0, &alarm.entry, ring, delay);
 }
 
-int Link::Worker::on_event(lws* connection, lws_callback_reasons reason, void* /*user*/, void* in,
-                           size_t length) {
-    auto* const self = static_cast<Worker*>(lws_context_user(lws_get_context(connection)));
+int LinkWorker::on_event(lws* connection, lws_callback_reasons reason, void* /*user*/, void* in,
+                         size_t length) {
+    auto* const self = static_cast<LinkWorker*>(lws_context_user(lws_get_context(connection)));
     if (self != nullptr && reason == LWS_CALLBACK_WSI_DESTROY) {
         std::erase(self->m_living, connection);
         if (self->m_over && self->m_is_patient && self->m_living.empty()) {
@@ -154,8 +160,8 @@ int Link::Worker::on_event(lws* connection, lws_callback_reasons reason, void* /
 
 // Not 0: the library ends the connection. It is left at that in the handshake and in write(); of
 // what was read, see refuse().
-int Link::Worker::handle_event(lws* connection, lws_callback_reasons reason, void* in,
-                               size_t length) {
+int LinkWorker::handle_event(lws* connection, lws_callback_reasons reason, void* in,
+                             size_t length) {
     switch (reason) {
         case LWS_CALLBACK_CLIENT_APPEND_HANDSHAKE_HEADER:
             return add_token(connection, in, length);
@@ -192,7 +198,7 @@ int Link::Worker::handle_event(lws* connection, lws_callback_reasons reason, voi
 
 // ---- Connecting -------------------------------------------------------------------------------
 
-void Link::Worker::connect() {
+void LinkWorker::connect() {
     const bool is_v6 = m_target.host.find(':') != std::string::npos;
     const std::string host = is_v6 ? "[" + m_target.host + "]" : m_target.host;
     const bool usual_port = m_target.port == (m_target.tls ? 443 : 80);
@@ -218,7 +224,7 @@ void Link::Worker::connect() {
     }
 }
 
-int Link::Worker::add_token(lws* connection, void* in, size_t length) const {
+int LinkWorker::add_token(lws* connection, void* in, size_t length) const {
     if (m_target.token.empty()) {
         return 0;
     }
@@ -229,13 +235,13 @@ int Link::Worker::add_token(lws* connection, void* in, size_t length) const {
                                         static_cast<int>(value.size()), at, *at + length);
 }
 
-bool Link::Worker::speaks_the_protocol(lws* connection) const {
+bool LinkWorker::speaks_the_protocol(lws* connection) const {
     char chosen[sizeof kSubprotocol + 1] = "";
     lws_hdr_copy(connection, chosen, sizeof chosen, WSI_TOKEN_PROTOCOL);
     return std::string_view(chosen) == kSubprotocol;
 }
 
-void Link::Worker::begin_connection() {
+void LinkWorker::begin_connection() {
     m_established = true;
     m_failing = false;
     m_begin = lws_now_usecs();
@@ -244,7 +250,7 @@ void Link::Worker::begin_connection() {
     heed_the_loop();
 }
 
-void Link::Worker::end_connection() {
+void LinkWorker::end_connection() {
     m_connection = nullptr;
     lws_sul_cancel(&m_stall.entry);
     lws_sul_cancel(&m_resume.entry);
@@ -268,7 +274,7 @@ void Link::Worker::end_connection() {
         lws_usec_t{lws_retry_get_delay_ms(m_context, &kPolicy, &m_tries, nullptr)} * LWS_US_PER_MS);
 }
 
-std::string Link::Worker::why_lost() const {
+std::string LinkWorker::why_lost() const {
     if (m_stalled) {
         return "the server does not read";
     }
@@ -276,7 +282,7 @@ std::string Link::Worker::why_lost() const {
 }
 
 // `connection` may be null. The library may report one failure twice.
-void Link::Worker::fail(lws* connection, const char* why) {
+void LinkWorker::fail(lws* connection, const char* why) {
     constexpr unsigned kUnauthorized = 401;
     constexpr unsigned kForbidden = 403;
     if (m_over || (connection == nullptr && m_retry.entry.list.owner != nullptr)) {
@@ -294,14 +300,14 @@ void Link::Worker::fail(lws* connection, const char* why) {
     end_connection();
 }
 
-void Link::Worker::give_up(const std::string& why) {
+void LinkWorker::give_up(const std::string& why) {
     m_shared->log(true, "No remote control any more: " + why);
     m_over = true;
 }
 
 // ---- Reading ----------------------------------------------------------------------------------
 
-void Link::Worker::receive(lws* connection, const char* bytes, size_t length) {
+void LinkWorker::receive(lws* connection, const char* bytes, size_t length) {
     if (m_refusal) {
         return;  // passed over until the connection is closed
     }
@@ -328,15 +334,15 @@ void Link::Worker::receive(lws* connection, const char* bytes, size_t length) {
 // The connection is closed when next something could be written, and not by the answer to what was
 // read: at any but 0 the library leaves what it has of the frame in its buffer and, while it waits
 // for the server to close too, adds what follows, beyond the buffer's end.
-void Link::Worker::refuse(lws* connection, lws_close_status status, const char* why) {
+void LinkWorker::refuse(lws* connection, lws_close_status status, const char* why) {
     m_refusal = {status, why};
     m_incoming.clear();
     set(m_stall, kStallTime);
     lws_callback_on_writable(connection);
 }
 
-void Link::Worker::take_message() {
-    Incoming incoming{m_number, read_command(m_incoming)};
+void LinkWorker::take_message() {
+    Link::Incoming incoming{m_number, read_command(m_incoming)};
     m_incoming.clear();
     m_turns -= 1;
     if (!m_closing) {
@@ -347,16 +353,16 @@ void Link::Worker::take_message() {
     pace_reading();
 }
 
-bool Link::Worker::has_turn() {
+bool LinkWorker::has_turn() {
     const lws_usec_t now = lws_now_usecs();
     const double more = static_cast<double>(now - std::exchange(m_turns_time, now)) *
-                        kCommandsASecond / static_cast<double>(kSecond);
-    m_turns = std::min<double>(m_turns + more, kCommandBurst);
+                        Link::kCommandsASecond / static_cast<double>(kSecond);
+    m_turns = std::min<double>(m_turns + more, Link::kCommandBurst);
     return m_turns >= 1;
 }
 
 // Reads on or not: what is not read fills the network's buffers, and then the server waits.
-void Link::Worker::pace_reading() {
+void LinkWorker::pace_reading() {
     if (!m_established) {
         return;
     }
@@ -369,13 +375,13 @@ void Link::Worker::pace_reading() {
     }
     lws_rx_flow_control(m_connection, reads ? 1 : 0);
     if (!turn) {
-        set(m_resume, kSecond / kCommandsASecond);
+        set(m_resume, kSecond / Link::kCommandsASecond);
     }
 }
 
 // ---- Writing ----------------------------------------------------------------------------------
 
-int Link::Worker::write(lws* connection) {
+int LinkWorker::write(lws* connection) {
     if (m_refusal) {
         lws_close_reason(connection, m_refusal->status, nullptr, 0);
         return -1;
@@ -403,7 +409,7 @@ int Link::Worker::write(lws* connection) {
 }
 
 // The loop has said something, made room or asked for the end.
-void Link::Worker::heed_the_loop() {
+void LinkWorker::heed_the_loop() {
     {
         const std::lock_guard lock(m_shared->mutex);
         if (m_shared->closing && !std::exchange(m_closing, true)) {
@@ -423,12 +429,12 @@ void Link::Worker::heed_the_loop() {
     pace_reading();
 }
 
-void Link::Worker::end_stalled() {
+void LinkWorker::end_stalled() {
     m_stalled = true;
     lws_set_timeout(m_connection, PENDING_TIMEOUT_USER_OK, LWS_TO_KILL_ASYNC);
 }
 
-void Link::Worker::end_expired() {
+void LinkWorker::end_expired() {
     const std::time_t now = std::time(nullptr);
     if (m_target.expiry_s == 0 || now < 0) {
         return;
@@ -449,9 +455,14 @@ void Link::Worker::end_expired() {
     heed_the_loop();
 }
 
-void Link::Worker::end() {
+void LinkWorker::end() {
     m_over = true;
     m_is_patient = false;
+}
+
+extern "C" __attribute__((visibility("default"))) void nuvio_run_link(
+    std::shared_ptr<Link::Shared> shared, LinkTarget target) {
+    LinkWorker(std::move(shared), std::move(target)).run();
 }
 
 }  // namespace local_core

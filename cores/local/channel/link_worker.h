@@ -1,5 +1,6 @@
 // The link's thread: all of the WebSocket library's calls. Made, run and destroyed there; the loop
-// reaches it through what they share.
+// reaches it through what they share. A module: the library, and what it needs in turn, is loaded
+// with the first link.
 #pragma once
 
 #include <libwebsockets.h>
@@ -15,13 +16,13 @@
 
 namespace local_core {
 
-class Link::Worker {
+class LinkWorker {
   public:
-    Worker(std::shared_ptr<Shared> shared, LinkTarget target)
+    LinkWorker(std::shared_ptr<Link::Shared> shared, LinkTarget target)
         : m_shared(std::move(shared)), m_target(std::move(target)) {}
-    Worker(const Worker&) = delete;
-    Worker& operator=(const Worker&) = delete;
-    ~Worker() { destroy(); }
+    LinkWorker(const LinkWorker&) = delete;
+    LinkWorker& operator=(const LinkWorker&) = delete;
+    ~LinkWorker() { destroy(); }
 
     // Until the link is closed, its token is over or the server wants no more of it.
     void run();
@@ -36,8 +37,8 @@ class Link::Worker {
     // A moment at which one of the worker's functions is called.
     struct Alarm {
         lws_sorted_usec_list_t entry;  // first: the library hands it back
-        Worker* worker;
-        void (Worker::*function)();
+        LinkWorker* worker;
+        void (LinkWorker::*function)();
     };
 
     static int on_event(lws* connection, lws_callback_reasons reason, void* user, void* in,
@@ -69,7 +70,7 @@ class Link::Worker {
     void end_expired();
     void end();
 
-    const std::shared_ptr<Shared> m_shared;
+    const std::shared_ptr<Link::Shared> m_shared;
     const LinkTarget m_target;
     lws_context* m_context = nullptr;
     lws* m_connection = nullptr;  // made, or being made
@@ -85,16 +86,16 @@ class Link::Worker {
     uint64_t m_number = 0;
     lws_usec_t m_begin = 0;  // of the connection
     std::string m_incoming;
-    double m_turns = kCommandBurst;  // commands that may be read now
-    lws_usec_t m_turns_time = 0;     // when they were counted
-    double m_cpu_left = 0;           // microseconds that may be used now
-    double m_cpu_used = 0;           // by the thread, when they were counted
+    double m_turns = Link::kCommandBurst;  // commands that may be read now
+    lws_usec_t m_turns_time = 0;           // when they were counted
+    double m_cpu_left = 0;                 // microseconds that may be used now
+    double m_cpu_used = 0;                 // by the thread, when they were counted
     lws_usec_t m_rest_time = 0;
-    Alarm m_retry{{}, this, &Worker::connect};
-    Alarm m_resume{{}, this, &Worker::pace_reading};
-    Alarm m_stall{{}, this, &Worker::end_stalled};
-    Alarm m_expiry{{}, this, &Worker::end_expired};
-    Alarm m_patience{{}, this, &Worker::end};
+    Alarm m_retry{{}, this, &LinkWorker::connect};
+    Alarm m_resume{{}, this, &LinkWorker::pace_reading};
+    Alarm m_stall{{}, this, &LinkWorker::end_stalled};
+    Alarm m_expiry{{}, this, &LinkWorker::end_expired};
+    Alarm m_patience{{}, this, &LinkWorker::end};
 };
 
 }  // namespace local_core

@@ -26,16 +26,19 @@ constexpr int64_t kLeastRadioRate = 32;
 }  // namespace
 
 HttpSource::HttpSource(HttpRequest request)
-    : RemoteSource(request.read_ahead_bytes),
-      m_request(std::move(request)),
-      m_transfer({[this](std::string_view line) { return take_line(line); },
-                  [this](std::string_view bytes) { return take_body(bytes); }},
-                 m_request.connections) {
+    : RemoteSource(request.read_ahead_bytes), m_request(std::move(request)) {
     const auto url = nuvio::resolve_url("", m_request.url);
+    std::string why_none;
     if (!url) {
         fail(HttpFailure::unusable, "not a URL of http or https");
     } else if (std::ranges::any_of(m_request.token, nuvio::is_control)) {
         fail(HttpFailure::unusable, "the token has control characters");
+    } else if (m_transfer =
+                   HttpTransfer::make({[this](std::string_view line) { return take_line(line); },
+                                       [this](std::string_view bytes) { return take_body(bytes); }},
+                                      m_request.connections, &why_none);
+               !m_transfer) {
+        fail(HttpFailure::unusable, why_none);
     } else {
         m_url = *url;
         m_pause = kFirstPause;
@@ -72,13 +75,19 @@ bool HttpSource::is_out_of_reach() const {
 
 void HttpSource::on_moved() {
     if ((m_is_paused && is_low()) || is_out_of_reach()) {
-        m_transfer.wake();
+        wake_thread();
+    }
+}
+
+void HttpSource::wake_thread() {
+    if (m_transfer) {
+        m_transfer->wake();
     }
 }
 
 void HttpSource::run() {
     while (step()) {
-        m_transfer.wait(next_event() - Clock::now());
+        m_transfer->wait(next_event() - Clock::now());
     }
 }
 
@@ -100,12 +109,12 @@ bool HttpSource::step() {
     const Clock::time_point now = Clock::now();
     if (resumes) {
         m_progress_at = now;
-        m_transfer.resume();
+        m_transfer->resume();
     }
-    if (wants_bytes && !m_transfer.is_active() && now >= m_retry_at) {
+    if (wants_bytes && !m_transfer->is_active() && now >= m_retry_at) {
         start();
     }
-    if (const auto outcome = m_transfer.perform()) {
+    if (const auto outcome = m_transfer->perform()) {
         finish(*outcome);
     }
     if (wants_bytes && !is_reading_on() && Clock::now() >= given_up_at()) {
@@ -116,7 +125,7 @@ bool HttpSource::step() {
 }
 
 void HttpSource::reposition() {
-    m_transfer.stop();
+    m_transfer->stop();
     m_is_paused = false;
     m_buffer.restart_at(m_has_ranges ? m_position : 0);
     m_pause = kFirstPause;
@@ -126,7 +135,7 @@ void HttpSource::reposition() {
 // On the way to the place from a server that begins at 0: nothing new comes, but the transfer
 // itself watches for a stall.
 bool HttpSource::is_reading_on() const {
-    return m_transfer.is_active() && m_skip > 0;
+    return m_transfer->is_active() && m_skip > 0;
 }
 
 HttpSource::Clock::time_point HttpSource::given_up_at() const {
@@ -144,7 +153,7 @@ HttpSource::Clock::time_point HttpSource::next_event() const {
     if (m_is_paused || is_complete() || is_reading_on()) {
         return Clock::now() + kUntilWoken;
     }
-    return m_transfer.is_active() ? given_up_at() : std::min(given_up_at(), m_retry_at);
+    return m_transfer->is_active() ? given_up_at() : std::min(given_up_at(), m_retry_at);
 }
 
 std::vector<std::string> HttpSource::request_lines() const {
@@ -163,8 +172,8 @@ void HttpSource::start() {
     m_skip = 0;
     m_response = {};
     m_verdict = {};
-    if (const char* why_not = m_transfer.start({m_url, request_lines(), m_asked_from,
-                                                m_request.stalled_after, m_request.authorities})) {
+    if (const char* why_not = m_transfer->start({m_url, request_lines(), m_asked_from,
+                                                 m_request.stalled_after, m_request.authorities})) {
         try_again(why_not);
     }
 }

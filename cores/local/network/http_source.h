@@ -67,7 +67,8 @@ class HttpSource final : public RemoteSource {
     using Clock = std::chrono::steady_clock;
 
     void on_moved() override;
-    void on_failure() override { m_transfer.wake(); }
+    void on_failure() override { wake_thread(); }
+    void wake_thread();
 
     // Under the lock.
     bool is_out_of_reach() const;
@@ -92,12 +93,12 @@ class HttpSource final : public RemoteSource {
 
     const HttpRequest m_request;
 
+    std::unique_ptr<HttpTransfer> m_transfer;  // null: there is none to be had
     // Under the lock from here.
     std::optional<HttpContent> m_content;
     bool m_is_paused = false;  // libcurl's transfer, for want of room
     bool m_has_ranges = true;  // until the server shows otherwise
     // The network's thread alone from here.
-    HttpTransfer m_transfer;
     std::string m_url;  // of the present request
     int m_redirects = 0;
     uint64_t m_asked_from = 0;

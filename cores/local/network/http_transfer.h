@@ -1,4 +1,6 @@
-// One HTTP request at a time, made by libcurl without blocking. Used by one thread, but for wake().
+// One HTTP request at a time, without blocking. Used by one thread, but for wake(). What makes it,
+// curl_transfer.cpp, is a module: libcurl and the libraries that it needs in turn are loaded with
+// the first one.
 #pragma once
 
 #include <chrono>
@@ -35,42 +37,55 @@ class HttpTransfer {
         std::string error;
     };
 
-    // Connections that are kept for the next transfer which is given them. Any thread.
-    class Connections;
+    // What is kept for the next transfer that is given it. Any thread.
+    class Connections {
+      public:
+        virtual ~Connections() = default;
+        Connections(const Connections&) = delete;
+        Connections& operator=(const Connections&) = delete;
+
+      protected:
+        Connections() = default;
+    };
+
+    // Null, with why in *error, where the module can't be loaded. Waits for the disk. None of the
+    // handlers is called but from perform() and resume(). `connections`: of make_connections();
+    // null: its own.
+    static std::unique_ptr<HttpTransfer> make(Handlers handlers,
+                                              std::shared_ptr<Connections> connections,
+                                              std::string* error);
+    // Null where the module can't be loaded.
     static std::shared_ptr<Connections> make_connections();
 
-    // None of the handlers is called but from perform() and resume().
-    explicit HttpTransfer(Handlers handlers, std::shared_ptr<Connections> connections = nullptr);
     // Does not wait, not even for a name that is being looked up. What looks it up lasts until the
     // system gives up; of so many that were left behind another one has to wait, see start().
-    ~HttpTransfer();
+    virtual ~HttpTransfer() = default;
     HttpTransfer(const HttpTransfer&) = delete;
     HttpTransfer& operator=(const HttpTransfer&) = delete;
 
     // Null, or why nothing is active: libcurl takes it not, or it has a name while a dozen lookups
     // of transfers that are gone still wait for their name servers.
-    const char* start(const Request& request);
-    void stop();
-    bool is_active() const { return m_is_active; }
-    void resume();
+    virtual const char* start(const Request& request) = 0;
+    virtual void stop() = 0;
+    virtual bool is_active() const = 0;
+    virtual void resume() = 0;
     // Moves what can be moved now; how the request ended, when it did.
-    std::optional<Outcome> perform();
+    virtual std::optional<Outcome> perform() = 0;
     // Until something can be moved, wake(), or the time is over.
-    void wait(std::chrono::steady_clock::duration longest);
+    virtual void wait(std::chrono::steady_clock::duration longest) = 0;
     // From any thread.
-    void wake();
+    virtual void wake() = 0;
 
-  private:
-    struct Handles;
-    class AbandonedLookups;
-
-    static size_t on_header(char* bytes, size_t, size_t size, void* self);
-    static size_t on_body(char* bytes, size_t, size_t size, void* self);
-
-    Handlers m_handlers;
-    const std::shared_ptr<Connections> m_connections;
-    std::unique_ptr<Handles> m_handles;
-    bool m_is_active = false;
+  protected:
+    HttpTransfer() = default;
 };
+
+// What the module exports, under this name.
+struct HttpModule {
+    std::unique_ptr<HttpTransfer> (*make_transfer)(
+        HttpTransfer::Handlers handlers, std::shared_ptr<HttpTransfer::Connections> connections);
+    std::shared_ptr<HttpTransfer::Connections> (*make_connections)();
+};
+inline constexpr char kHttpModuleName[] = "kHttpModule";
 
 }  // namespace local_core
