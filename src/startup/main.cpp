@@ -62,11 +62,16 @@ void openSystemLog(SystemLog way) {
 // A block of this size and more comes from the system and goes back to it at once. glibc would
 // begin so too, but raise the limit with each block that is freed, to the size of a track's
 // read-ahead: then those blocks and what lies around them stay with the threads' heaps, a few MB
-// with each.
+// with each. Of heaps there would be eight a core, and what one has free no other can use; the
+// loop's thread asks for memory too seldom to stand in another one's way.
 void giveBackMemory() {
 #ifdef M_MMAP_THRESHOLD
     constexpr int kGivenBackBytes = 128 * 1024;
     mallopt(M_MMAP_THRESHOLD, kGivenBackBytes);
+#endif
+#ifdef M_ARENA_MAX
+    constexpr int kHeaps = 2;
+    mallopt(M_ARENA_MAX, kHeaps);
 #endif
 }
 

@@ -37,10 +37,11 @@ struct CrewShared {
         const std::lock_guard lock(mutex);
         return threads < DecodeCrew::kMaxThreads && ++threads > 0;
     }
-    void remove_thread() {
+    // How many are left.
+    int remove_thread() {
         const std::lock_guard lock(mutex);
-        --threads;
         thread_ended.notify_all();
+        return --threads;
     }
     void tell_change() {
         const std::lock_guard lock(mutex);
