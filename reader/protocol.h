@@ -36,7 +36,7 @@ enum class Job : uint32_t {
 
 constexpr size_t kMaxBlocks = 26;
 constexpr size_t kBlockBytes = size_t{64} << 10U;
-constexpr size_t kWindowBytes = size_t{2} << 20U;
+constexpr size_t kWindowBytes = size_t{512} << 10U;
 constexpr size_t kWindowPlace = 4096;
 constexpr size_t kBlocksPlace = kWindowPlace + kWindowBytes;
 constexpr size_t kSoundBytes = kBlocksPlace + kMaxBlocks * kBlockBytes;
