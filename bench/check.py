@@ -4,13 +4,16 @@ NUVIO_BUILD names the build tree.
 """
 import os
 import pathlib
+import re
 import time
 import unittest
 
+import memory
 import rows
 from lab import Device, Lab, Window, one_second, wait_for, write_wav
 
 SPURIOUS = 1.5  # wake-ups a second that a busy machine may add
+SLACK = memory.MB / 4  # of private dirty memory, for what others' libraries do
 
 
 class Check(unittest.TestCase):
@@ -55,6 +58,27 @@ class Check(unittest.TestCase):
             time.sleep(4)
             window = Window(device.pid, 6)
         self.assertLess(window.wakeups, 1 + SPURIOUS, window.by_thread)
+
+    def test_memory_is_taken_when_it_is_needed_and_given_back(self):
+        os.sync()  # pages of a library that was just built are dirty
+        with Device(self.lab, self.lab.card(*rows.CARD)) as device:
+            time.sleep(rows.SETTLED)
+            idle = memory.Reading(device.pid)
+            device.play(self.track(*rows.CD, 30))
+            time.sleep(rows.SETTLED)
+            playing = memory.Reading(device.pid)
+            device.stop()
+            time.sleep(memory.OVER)
+            after = memory.Reading(device.pid)
+            mapped = pathlib.Path(f"/proc/{device.pid}/maps").read_text()
+        # Nothing came from the network: what it takes is not even mapped.
+        self.assertIsNone(re.search("lib(curl|websockets|ssl|crypto)", mapped))
+        for reading, (_, most) in ((idle, memory.IDLE), (playing, memory.PLAYING)):
+            self.assertLess(reading.dirty, most + SLACK, reading.by_kind())
+        self.assertLess(after.dirty, idle.dirty + memory.LEFT, after.by_kind())
+        # Beside what is built for debugging.
+        libraries = sum(size for kind, (size, _) in idle.kinds.items() if kind.startswith("libraries"))
+        self.assertLess(libraries, 7.5 * memory.MB, idle.by_kind())
 
 
 if __name__ == "__main__":

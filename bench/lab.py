@@ -135,7 +135,7 @@ class Window:
         self.by_thread = {name: (count - switches.get(name, 0)) / self.seconds
                           for name, count in wakeups(pid).items()}
         self.wakeups = sum(self.by_thread.values())
-        self.rss_kb, self.dirty_kb = memory_kb(pid)
+        self.rss_kb, _ = memory_kb(pid)
 
 
 # ---- The card -----------------------------------------------------------------------------------

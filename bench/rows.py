@@ -127,8 +127,6 @@ def playing(lab, music, rounds, seconds):
               f"{loop:.1f}", loop <= WAKEUPS_PER_SECOND + 1.05)
     threads = ", ".join(f"{name} {count:.1f}" for name, count in by_thread.items() if count >= 0.1)
     yield Row("... all threads", "", f"{median_of(ours, 'wakeups'):.1f} ({threads})")
-    dirty = max(window.dirty_kb for window in ours)
-    yield Row("private dirty memory, playing", "<= 4 MB", f"{dirty / 1024:.1f} MB", dirty <= 4096)
     rss, rss_mpd = (max(window.rss_kb for window in w) for w in (ours, mpd))
     yield Row("resident memory, playing", "<= 1/4 of mpd",
               f"{rss / 1024:.1f} MB, mpd {rss_mpd / 1024:.1f} MB: {rss / rss_mpd:.2f}",
@@ -157,10 +155,6 @@ def network(lab, music, rounds):
               from_web <= 1.3 * from_disk)
     yield Row("wake-ups a second, playing over HTTP, all threads", "<= 12",
               f"{median_of(web, 'wakeups'):.1f}", median_of(web, "wakeups") <= 12)
-    yield Row("private dirty memory, playing over HTTP", "<= the file's + 4 MiB + 1",
-              f"{median_of(web, 'dirty_kb') / 1024:.1f} MB, file "
-              f"{median_of(disk, 'dirty_kb') / 1024:.1f} MB",
-              median_of(web, "dirty_kb") <= median_of(disk, "dirty_kb") + 5 * 1024)
 
 
 def stock(lab, music, rounds, seconds):

@@ -14,6 +14,7 @@ import sys
 import time
 
 import cost
+import memory
 import periods
 import rows
 from lab import Lab
@@ -30,6 +31,7 @@ def measurements(lab, options):
     return {
         "playing": lambda: rows.playing(lab, music, rounds, window),
         "periods": lambda: periods.periods(lab, music, 1 if quick else 2),
+        "memory": lambda: memory.memory(lab, music),
         "stock": lambda: rows.stock(lab, music, 1 if quick else 3, window),
         "network": lambda: rows.network(lab, music, 1 if quick else 3),
         "servers": lambda: rows.on_servers(lab, music, 5 if quick else 10),
