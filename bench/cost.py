@@ -28,7 +28,7 @@ MOST_ELSEWHERE = 5
 # loop wakes, how much a call brings from the network and what a start is done with when it is counted.
 NOISE = {"WAV 44.1/16": 6, "WAV 44.1/16 over HTTP": 2, "a second of rest": 100, "a start": 1}
 PACKAGES = ("g++-12 libc6 libstdc++6 valgrind flac libasound2 libavahi-client3 libcivetweb1 libcjson1 libcurl4 "
-            "libdbus-1-3 libflac12 libsndfile1 libsoxr0 libssl3 libsystemd0 libtag1v5 libuv1 libwebsockets17").split()
+            "libdbus-1-3 libflac12 libmd0 libsndfile1 libsoxr0 libssl3 libsystemd0 libtag1v5 libuv1 libwebsockets17").split()
 # A card that waits for data: a run that comes late on a busy machine is no other run.
 CARD = ("--buffer", "1000", "--patient", "--speed")
 CD, HI_RES = (44100, 16), (192000, 24)
