@@ -18,6 +18,7 @@ pkg_check_modules(EXPAT REQUIRED IMPORTED_TARGET expat)
 pkg_check_modules(SQLITE REQUIRED IMPORTED_TARGET sqlite3>=3.38)
 pkg_check_modules(ZLIB REQUIRED IMPORTED_TARGET zlib)
 pkg_check_modules(WEBSOCKETS REQUIRED IMPORTED_TARGET libwebsockets>=4.1)
+pkg_check_modules(URIPARSER REQUIRED IMPORTED_TARGET liburiparser)
 pkg_check_modules(MD REQUIRED IMPORTED_TARGET libmd)
 pkg_check_modules(CRYPTO REQUIRED IMPORTED_TARGET libcrypto>=3.0)
 # Of a module that a device may leave out.

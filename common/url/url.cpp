@@ -1,7 +1,6 @@
 #include "common/url/url.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
+#include <uriparser/Uri.h>
 
 #include <algorithm>
 #include <iterator>
@@ -22,171 +21,165 @@ constexpr struct {
     uint16_t port;
 } kSchemes[] = {{"http", 80}, {"https", 443}, {"ws", 80}, {"wss", 443}};
 
-// What no URL has: blanks and control characters.
-bool is_refused(char c) {
-    return static_cast<unsigned char>(c) <= ' ' || c == 0x7f;
+// A text taken apart, which has to outlive it.
+struct Parts : UriUriA {
+    Parts() : UriUriA{} {}
+    ~Parts() { uriFreeUriMembersA(this); }
+    Parts(const Parts&) = delete;
+    Parts& operator=(const Parts&) = delete;
+};
+
+std::string text_of(const UriTextRangeA& range) {
+    return range.first != nullptr ? std::string(range.first, range.afterLast) : std::string();
+}
+
+bool is_one_of(char c, std::string_view signs) {
+    return signs.find(c) != std::string_view::npos;
 }
 
 bool is_letter_or_digit(char c) {
     return (c >= '0' && c <= '9') || (to_lower(c) >= 'a' && to_lower(c) <= 'z');
 }
 
-// Of a name; one beyond ASCII is for whoever looks it up.
+// Of a host's name; one beyond ASCII is for whoever looks it up.
 bool is_of_a_name(char c) {
-    return is_letter_or_digit(c) || std::string_view("-._~").find(c) != std::string_view::npos ||
-           static_cast<unsigned char>(c) > 0x7f;
+    return is_letter_or_digit(c) || is_one_of(c, "-._~") || static_cast<unsigned char>(c) > 0x7f;
 }
 
-// Up to the ':' that is the first sign of its kind; empty: it has none, and is relative.
-std::string_view scheme_of(std::string_view text) {
-    const auto* const end = std::ranges::find_if_not(text, [](char c) {
-        return is_letter_or_digit(c) || std::string_view("+-.").find(c) != std::string_view::npos;
-    });
-    return end != text.end() && *end == ':' ? std::string_view(text.begin(), end)
-                                            : std::string_view();
+bool is_blank(char c) {
+    return static_cast<unsigned char>(c) <= ' ' || c == 0x7f;
 }
 
-// A whole URL: the parts that were asked for, and the rest as it is written.
-struct Whole {
-    Url url;
-    std::string authority;
-    std::string text() const { return url.scheme + "://" + authority + url.path; }
-};
+// Of "SCHEME://AUTHORITY/PATH" or "//AUTHORITY"; empty: there is none.
+std::string_view authority_in(std::string_view text) {
+    const size_t slash = std::min(text.find_first_of("/?"), text.size());
+    const bool is_there = text.substr(slash, 2) == "//" && (slash == 0 || text[slash - 1] == ':');
+    text.remove_prefix(is_there ? slash + 2 : text.size());
+    return text.substr(0, text.find_first_of("/?"));
+}
 
-// "[ADDRESS]", "[ADDRESS%25ZONE]" or "[ADDRESS%ZONE]", without its brackets.
-std::string address_in(std::string_view text) {
-    const size_t sign = std::min(text.find('%'), text.size());
-    std::string address(text.substr(0, sign));
-    in6_addr bytes{};
-    if (inet_pton(AF_INET6, address.c_str(), &bytes) != 1) {
+// "%ZONE" or "%25ZONE" of an address in brackets, which is no part of a URL for the library.
+std::string take_zone(std::string* text) {
+    const std::string_view authority = authority_in(*text);
+    const size_t begin = authority.find('%', authority.find('['));
+    const size_t end = authority.find(']');
+    if (begin >= end || end == std::string_view::npos) {
         return {};
     }
-    std::string_view zone = text.substr(sign);
-    if (zone.empty()) {
-        return address;
-    }
-    zone.remove_prefix(zone.starts_with("%25") ? 3 : 1);
-    return !zone.empty() && std::ranges::all_of(zone, is_of_a_name)
-               ? address + "%" + std::string(zone)
-               : std::string();
+    const size_t at = static_cast<size_t>(authority.data() - text->data()) + begin;
+    std::string zone = text->substr(at, end - begin);
+    text->erase(at, end - begin);
+    return zone;
 }
 
-std::string name_in(std::string_view text) {
-    std::string name = percent_decode(text).value_or("");
-    return std::ranges::all_of(name, is_of_a_name) ? name : std::string();
-}
-
-// "USER@HOST:PORT", all but the host left out or not. False: there is no such host or port.
-bool read_authority(std::string_view text, Url* url) {
-    const size_t at = text.find('@');
-    url->has_user = at != std::string_view::npos;
-    text.remove_prefix(url->has_user ? at + 1 : 0);
-    size_t end = text.find(':');
-    if (text.starts_with('[')) {
-        const size_t bracket = text.find(']');
-        if (bracket == std::string_view::npos) {
-            return false;
-        }
-        end = bracket + 1;
-        url->host = address_in(text.substr(1, bracket - 1));
-    } else {
-        url->host = name_in(text.substr(0, end));
-    }
-    text.remove_prefix(std::min(end, text.size()));
-    if (text.size() > 1) {
-        url->port = text[0] == ':' ? to_number<uint16_t>(text.substr(1)).value_or(0) : 0;
-    }
-    return !url->host.empty() && url->port != 0 && (text.empty() || text[0] == ':');
-}
-
-// `path` begins with '/'.
-std::string without_dots(std::string_view path) {
+// As playlists written by hand have it: what no URL has is escaped, and so are stray '%'; of a host
+// its letters beyond ASCII alone.
+std::string escaped(std::string_view text) {
+    const std::string_view authority = authority_in(text);
     std::string plain;
-    while (!path.empty()) {
-        const size_t end = std::min(path.find('/', 1), path.size());
-        const std::string_view step = path.substr(0, end);
-        path.remove_prefix(end);
-        const bool is_up = step == "/..";
-        if (is_up || step == "/.") {
-            plain.resize(is_up && !plain.empty() ? plain.rfind('/') : plain.size());
-            plain += path.empty() ? "/" : "";
-        } else {
-            plain += step;
-        }
+    for (const char& c : text) {
+        const bool is_in_authority =
+            &c >= authority.data() && &c < authority.data() + authority.size();
+        const bool stays =
+            is_in_authority ? static_cast<unsigned char>(c) <= 0x7f
+                            : is_letter_or_digit(c) || is_one_of(c, "-._~!$&'()*+,;=:@/?") ||
+                                  escaped_byte(text.substr(static_cast<size_t>(&c - text.data())));
+        plain += stays ? std::string(1, c) : percent_encode(std::string_view(&c, 1));
     }
     return plain;
 }
 
-std::optional<Whole> take_apart(std::string_view text) {
+// A URL, and as it is written.
+struct Whole {
+    Url url;
+    std::string text;
+};
+
+// False: it has no host, or none that can be.
+bool read_host(const UriUriA& parts, std::string_view zone, Whole* whole) {
+    const std::string text = text_of(parts.hostText);
+    if (parts.hostData.ip6 == nullptr) {
+        whole->url.host = percent_decode(text).value_or("");
+        whole->text += text;
+        return zone.empty() && !whole->url.host.empty() &&
+               std::ranges::all_of(whole->url.host, is_of_a_name);
+    }
+    whole->url.host = text;
+    whole->text += "[" + text;
+    if (!zone.empty()) {
+        zone.remove_prefix(zone.starts_with("%25") ? 3 : 1);
+        whole->url.host += "%" + std::string(zone);
+        whole->text += "%25" + std::string(zone);
+    }
+    whole->text += "]";
+    return whole->url.host.back() != '%' && std::ranges::all_of(zone, is_of_a_name);
+}
+
+std::optional<Whole> whole_of(const UriUriA& parts, std::string_view zone) {
     Whole whole;
-    const std::string_view scheme = scheme_of(text);
+    const std::string scheme = text_of(parts.scheme);
     std::ranges::transform(scheme, std::back_inserter(whole.url.scheme), to_lower);
     const auto* const known = std::ranges::find_if(
         kSchemes, [&](const auto& row) { return row.scheme == whole.url.scheme; });
-    text = text.substr(0, text.find('#'));
-    text.remove_prefix(scheme.size());
-    if (known == std::end(kSchemes) || !text.starts_with("://") ||
-        std::ranges::any_of(text, is_refused)) {
+    if (known == std::end(kSchemes)) {
         return std::nullopt;
     }
-    text.remove_prefix(3);
-    const std::string_view authority = text.substr(0, text.find_first_of("/?"));
-    text.remove_prefix(authority.size());
-    const std::string_view path = text.substr(0, text.find('?'));
-    whole.authority = authority;
-    whole.url.port = known->port;
-    whole.url.path = without_dots(path.empty() ? "/" : path);
-    whole.url.path += text.substr(path.size());
-    return read_authority(authority, &whole.url) ? std::optional(std::move(whole)) : std::nullopt;
-}
-
-// Blanks and letters beyond ASCII, as playlists written by hand have them.
-std::string with_plain_bytes(std::string_view reference) {
-    std::string plain;
-    for (const char c : reference) {
-        const bool is_plain = c > ' ' && c < 0x7f;
-        plain += is_plain ? std::string(1, c) : percent_encode(std::string_view(&c, 1));
+    whole.text = whole.url.scheme + "://";
+    whole.url.has_user = parts.userInfo.first != nullptr;
+    whole.text += whole.url.has_user ? text_of(parts.userInfo) + "@" : "";
+    const bool has_host = read_host(parts, zone, &whole);
+    const std::string port = text_of(parts.portText);
+    whole.url.port = port.empty() ? known->port : to_number<uint16_t>(port).value_or(0);
+    whole.text += port.empty() ? "" : ":" + port;
+    for (const auto* step = parts.pathHead; step != nullptr; step = step->next) {
+        whole.url.path += "/" + text_of(step->text);
     }
-    return plain;
+    whole.url.path += whole.url.path.empty() ? "/" : "";
+    whole.url.path += parts.query.first != nullptr ? "?" + text_of(parts.query) : "";
+    whole.text += whole.url.path;
+    return has_host && whole.url.port != 0 ? std::optional(std::move(whole)) : std::nullopt;
 }
 
-// As RFC 3986 has it; `reference` has no scheme and no fragment.
-std::string join(const Whole& base, const std::string& reference) {
-    const std::string top = base.url.scheme + "://";
-    const std::string_view path = base.url.path;
-    const std::string_view file = path.substr(0, path.find('?'));
-    const size_t kept = reference.empty()            ? path.size()
-                        : reference.starts_with('/') ? 0
-                        : reference.starts_with('?') ? file.size()
-                                                     : file.rfind('/') + 1;
-    return reference.starts_with("//")
-               ? base.url.scheme + ":" + reference
-               : top + base.authority + std::string(path.substr(0, kept)) + reference;
+bool parse(const std::string& text, Parts* parts) {
+    return uriParseSingleUriExA(parts, text.data(), text.data() + text.size(), nullptr) ==
+           URI_SUCCESS;
+}
+
+// Beside this only what is absolute is a URL of the network.
+constexpr char kNoBase[] = "none:";
+
+// `reference` beside `base`, which is absolute.
+std::optional<Whole> take_apart(std::string_view reference, const std::string& base) {
+    std::string text = escaped(reference.substr(0, reference.find('#')));
+    std::string base_text = base;
+    const std::string zone = take_zone(&text);
+    const std::string zone_of_base = take_zone(&base_text);
+    Parts parts;
+    Parts of_base;
+    Parts resolved;
+    const bool is_resolved =
+        parse(text, &parts) && parse(base_text, &of_base) &&
+        uriAddBaseUriExA(&resolved, &parts, &of_base, URI_RESOLVE_STRICTLY) == URI_SUCCESS;
+    return is_resolved ? whole_of(resolved, parts.hostText.first != nullptr ? zone : zone_of_base)
+                       : std::nullopt;
 }
 
 }  // namespace
 
 std::optional<Url> split_url(const std::string& url) {
-    auto whole = take_apart(url);
+    auto whole = std::ranges::any_of(url, is_blank) ? std::nullopt : take_apart(url, kNoBase);
     return whole ? std::optional(std::move(whole->url)) : std::nullopt;
 }
 
 std::optional<std::string> resolve_url(const std::string& base, std::string_view reference) {
     reference = trim(reference);
-    if (reference.empty() || reference.size() > kMaxUrlBytes) {
-        return std::nullopt;
-    }
-    std::string plain = with_plain_bytes(reference.substr(0, reference.find('#')));
-    if (scheme_of(plain).empty()) {
-        const auto from = take_apart(base);
-        plain = from ? join(*from, plain) : "";
-    }
-    const auto whole = take_apart(plain);
-    if (!whole || !is_web_address(plain)) {
-        return std::nullopt;
-    }
-    std::string url = whole->text();
-    return url.size() > kMaxUrlBytes ? std::nullopt : std::optional(std::move(url));
+    const auto from = take_apart(base, kNoBase);
+    auto whole = reference.empty() || reference.size() > kMaxUrlBytes
+                     ? std::nullopt
+                     : take_apart(reference, from ? from->text : kNoBase);
+    const bool is_taken =
+        whole && is_web_address(whole->text) && whole->text.size() <= kMaxUrlBytes;
+    return is_taken ? std::optional(std::move(whole->text)) : std::nullopt;
 }
 
 bool same_origin(const std::string& a, const std::string& b) {

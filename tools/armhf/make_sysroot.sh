@@ -8,7 +8,7 @@ folder=$1
 packages=(
     libc6-dev libstdc++-12-dev libuv1-dev libavahi-client-dev libcivetweb-dev libcjson-dev
     libasound2-dev libsndfile1-dev libsoxr-dev libsystemd-dev libcurl4-openssl-dev libexpat1-dev libtag1-dev
-    libflac-dev libmd-dev libpng-dev libseccomp-dev libturbojpeg0-dev libwebp-dev libwebsockets-dev
+    libflac-dev libmd-dev libpng-dev libseccomp-dev libturbojpeg0-dev liburiparser-dev libwebp-dev libwebsockets-dev
     libssl-dev libsqlite3-dev libgtest-dev libgmock-dev
 )
 # The mirror this machine's own packages come from.

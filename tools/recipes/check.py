@@ -29,7 +29,8 @@ LIBRARIES = {"libuv": ("libuv", "libuv"), "avahi-client": ("avahi", "avahi"),
              "libseccomp": ("libseccomp", "libseccomp"), "libpng": ("libpng", "libpng"),
              "libturbojpeg": ("jpeg-turbo", "libjpeg-turbo"), "libwebp": ("webp", "libwebp"),
              "libwebsockets": ("libwebsockets", "libwebsockets"),
-             "libsystemd": ("systemd", "systemd"), "libmd": ("libmd", "libmd"), "libcrypto": ("openssl", "openssl"),
+             "libsystemd": ("systemd", "systemd"), "libmd": ("libmd", "libmd"),
+             "liburiparser": ("liburiparser", "uriparser"), "libcrypto": ("openssl", "openssl"),
              "sqlite3": ("sqlite", "sqlite3"), "zlib": ("zlib", "zlib"),
              "civetweb": ("civetweb", "civetweb")}
 # Yocto's variables for folders, as on a machine with a merged /usr.

@@ -12,7 +12,7 @@ S = "${WORKDIR}/git"
 inherit cmake pkgconfig systemd useradd
 
 DEPENDS = "alsa-lib avahi cjson civetweb curl expat flac libjpeg-turbo libmd libpng libseccomp libsndfile1 \
-    libuv libwebp libwebsockets openssl soxr sqlite3 systemd taglib zlib"
+    libuv libwebp libwebsockets openssl soxr sqlite3 systemd taglib uriparser zlib"
 EXTRA_OECMAKE = "-DNUVIO_TESTS=OFF -DNUVIO_CONTROLLER=OFF"
 
 # Without one of them a package of the maker's own brings the library of this soname.

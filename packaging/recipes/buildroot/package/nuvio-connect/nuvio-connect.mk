@@ -11,8 +11,8 @@ NUVIO_CONNECT_SITE_METHOD = local
 NUVIO_CONNECT_LICENSE = MIT
 NUVIO_CONNECT_LICENSE_FILES = LICENSE
 NUVIO_CONNECT_DEPENDENCIES = host-pkgconf alsa-lib avahi civetweb cjson expat \
-	flac jpeg-turbo libcurl libmd libpng libseccomp libsndfile libsoxr libuv \
-	libwebsockets openssl sqlite systemd taglib webp zlib
+	flac jpeg-turbo libcurl libmd libpng libseccomp libsndfile libsoxr \
+	liburiparser libuv libwebsockets openssl sqlite systemd taglib webp zlib
 NUVIO_CONNECT_CONF_OPTS = -DNUVIO_TESTS=OFF -DNUVIO_CONTROLLER=OFF -DCMAKE_INSTALL_PREFIX=/usr
 
 NUVIO_CONNECT_COMPONENTS = daemon
