@@ -307,6 +307,11 @@ std::string Alarms::play(const Alarm& alarm, const std::string& what) {
 
 // Before anything is heard. A device without such a volume plays as it is.
 void Alarms::be_loud(const Alarm& alarm, Clock::time_point latest) {
+    {
+        const std::scoped_lock lock(m_house.mutex);
+        m_house.sessions.set_sleep(alarm.device, std::nullopt);
+    }
+    m_house.write_sessions();
     if (alarm.volume) {
         JsonPtr arguments = new_object();
         add(arguments.get(), "volume", *alarm.volume);

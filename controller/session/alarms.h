@@ -8,6 +8,7 @@
 // Boot         in a machine's first three minutes nothing rings before its clock is set, as one
 //              without a battery begins in the past; what is set up then counts from that on.
 // Time zone    another one counts from the next moment that an alarm was due or one is changed.
+// Sleep        a timer of the device is taken away: it was meant for what played before.
 // Away         a device that is not there has five minutes to come, one that plays nothing of it
 //              plays something else of the library; either is kept with the alarm, for people.
 // Ends         one without days is off once it was due.

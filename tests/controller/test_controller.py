@@ -176,6 +176,7 @@ class Alarms(HouseTest):
         self.command("play", "Kitchen", "köln")
         self.command("volume", "Kitchen", 80)
         self.command("mute", "Kitchen", "on")
+        self.command("sleep", "Kitchen", "end")
         album = self.first_album()  # the third one, by name
         self.command("alarm", "Kitchen", "07:00", "sat-thu,fri", f"album:{album['id']}", "--volume", 30)
         listed = self.command("alarm", "Attic", "7:00", "http://127.0.0.1:9/radio")
@@ -187,6 +188,7 @@ class Alarms(HouseTest):
         self.assertGreaterEqual(time.time(), seven)
         wait_for("it on the card", lambda: self.heard(kitchen, 2, 0, 1))
         self.assertIn("[30%] [on]", kitchen.amixer("sget", "Master"))
+        self.assertIsNone(self.shown("Kitchen").get("sleep"))
         self.command("undo", "Kitchen")
         self.assertIn("Köln", self.command("queue", "Kitchen"))
         wait_for("anything", lambda: self.shown("Attic").get("state") == "playing" and not self.state()["alarms"][1]["on"])
