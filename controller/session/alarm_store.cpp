@@ -1,12 +1,10 @@
 #include "controller/session/alarm_store.h"
 
 #include <algorithm>
-#include <system_error>
 #include <utility>
 
 #include "common/files/files.h"
 #include "common/json/json.h"
-#include "controller/base/log.h"
 
 namespace nuvio::controller {
 
@@ -111,13 +109,6 @@ std::string AlarmStore::text() const {
         append(document.get(), std::move(entry));
     }
     return print_json(document.get());
-}
-
-void AlarmStore::write(const std::string& text) const {
-    const int error = replace_file(m_path, text, 0600);
-    if (error != 0) {
-        log_line(LogLevel::error, m_path + ": " + std::generic_category().message(error));
-    }
 }
 
 }  // namespace nuvio::controller

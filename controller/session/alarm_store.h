@@ -53,9 +53,9 @@ class AlarmStore {
     // False: there was none.
     bool remove(int64_t id);
 
-    // As SessionStore's.
+    const std::string& path() const { return m_path; }
+    // What the file is to hold.
     std::string text() const;
-    void write(const std::string& text) const;
 
   private:
     const std::string m_path;

@@ -7,8 +7,11 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 
+#include "common/files/files.h"
 #include "controller/base/changes.h"
+#include "controller/base/log.h"
 #include "controller/discovery/discovery.h"
 #include "controller/session/alarm_store.h"
 #include "controller/session/condition.h"
@@ -121,7 +124,8 @@ struct HouseState {
         return given.empty() ? device.found.name : given;
     }
 
-    // Without `mutex`. Waits for the disk; whoever writes writes what is newest.
+    // Without `mutex`. Waits for the disk; whoever writes writes what is newest. The file is the
+    // old or the new one, also after a power cut; one that can't be written is logged.
     void write_sessions() { write(sessions); }
     void write_alarms() { write(alarms); }
 
@@ -144,7 +148,9 @@ struct HouseState {
             const std::scoped_lock lock(mutex);
             text = store.text();
         }
-        store.write(text);
+        if (const int error = replace_file(store.path(), text, 0600)) {
+            log_line(LogLevel::error, store.path() + ": " + std::generic_category().message(error));
+        }
     }
 };
 

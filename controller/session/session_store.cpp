@@ -2,11 +2,9 @@
 
 #include <algorithm>
 #include <ctime>
-#include <system_error>
 
 #include "common/files/files.h"
 #include "common/json/json.h"
-#include "controller/base/log.h"
 #include "controller/base/token.h"
 
 namespace nuvio::controller {
@@ -177,13 +175,6 @@ std::string SessionStore::text() const {
         append(document.get(), std::move(entry));
     }
     return print_json(document.get());
-}
-
-void SessionStore::write(const std::string& text) const {
-    const int error = replace_file(m_path, text, 0600);
-    if (error != 0) {
-        log_line(LogLevel::error, m_path + ": " + std::generic_category().message(error));
-    }
 }
 
 }  // namespace nuvio::controller

@@ -68,10 +68,9 @@ class SessionStore {
     bool set_name(const std::string& device, const std::string& name);
     bool set_sleep(const std::string& device, const std::optional<Sleep>& sleep);
 
-    // What the file is to hold, and writing it, which waits for the disk and needs no lock: the
-    // file is the old or the new one, also after a power cut; one that can't be written is logged.
+    const std::string& path() const { return m_path; }
+    // What the file is to hold.
     std::string text() const;
-    void write(const std::string& text) const;
 
   private:
     Wishes* wishes_for(const std::string& device);

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "controller/session/session_store.h"
+#include "controller/session/house_state.h"
 #include "local/device_uuid.h"
 #include "temp_dir.h"
 
@@ -59,8 +59,8 @@ TEST(Files, WhatIsReplacedIsOnTheDiskBeforeItsNameIsAndTheNameBeforeTheAnswer) {
     };
     steps_of("text", [](const std::string& folder) { replace_file(folder + "/text", "new"); });
     steps_of("sessions.json", [](const std::string& folder) {
-        controller::SessionStore store(folder + "/sessions.json");
-        store.write(store.text());
+        controller::Changes changes;
+        controller::HouseState(changes, folder).write_sessions();
     });
     steps_of("device_uuid", [](const std::string& folder) { local_core::device_uuid("", folder); });
 }
