@@ -215,9 +215,11 @@ void Alarms::ring(const Alarm& alarm, int64_t due) {
     {
         const std::scoped_lock lock(m_house.mutex);
         Alarm* const kept = m_house.alarms.find(alarm.id);
-        // Another one by now, it was not this one that rang.
+        // Another one by now, it was not this one that rang, and nobody waits for it.
         if (!m_house.is_closed && kept != nullptr && kept->since == alarm.since) {
             note_rung(kept, due, failure);
+        } else {
+            failure.clear();
         }
         m_over.push_back(std::move(m_ringing.extract(alarm.id).mapped()));
         m_house.change();
