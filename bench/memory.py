@@ -1,9 +1,11 @@
 """Where the device's memory is: the daemon's and its readers' mappings, idle, while it plays from the disk
-and over the network, and afterwards. Pages that processes share count once for each of them."""
+and over the network, and afterwards. A page that both have is one page of the machine's; in the parts by
+mapping it counts in each of them."""
 import collections
 import os
 import pathlib
 import re
+import struct
 import sys
 import time
 
@@ -16,6 +18,7 @@ sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
 from certificate import make_certificate  # noqa: E402
 
 MB = 1024  # KiB
+PAGE = os.sysconf("SC_PAGESIZE") // 1024
 IDLE, PLAYING = (9 * MB, 1.5 * MB), (13 * MB, 3 * MB)  # resident, private dirty
 READ_AHEAD = 4 * MB
 LEFT = MB / 2  # more than idle, once a session is over
@@ -38,6 +41,18 @@ def mappings(pid):
         elif line.startswith("Private_Dirty:"):
             found[-1][4] = int(line.split()[1])
     return [Mapping(*each) for each in found]
+
+
+def pages(pid):
+    """The machine's pages that the process has; none where root alone is told which."""
+    page, place = PAGE * 1024, (1 << 55) - 1
+    with open(f"/proc/{pid}/pagemap", "rb") as file:
+        for mapping in mappings(pid):
+            if mapping.begin >> 63:  # the kernel's
+                continue
+            file.seek(mapping.begin // page * 8)
+            entries = file.read((mapping.end - mapping.begin) // page * 8)
+            yield from (entry & place for entry, in struct.iter_unpack("Q", entries) if entry >> 63 and entry & place)
 
 
 def is_library(name):
@@ -88,7 +103,8 @@ class Reading:
             if each == pid:
                 self.libraries = len({m.name for m in mappings(each) if is_library(m.name)})
                 self.depths = {name: max(m.resident for m in many) for name, many in of_threads.items()}
-        self.resident, self.dirty = map(sum, zip(*self.kinds.values()))
+        resident, self.dirty = map(sum, zip(*self.kinds.values()))
+        self.resident = len({page for each in family(pid) for page in pages(each)}) * PAGE or resident
 
     def __str__(self):
         return f"{self.resident / MB:.1f} and {self.dirty / MB:.2f} MB"
