@@ -2,9 +2,12 @@
 """What the device costs in instructions, free of the machine's noise: cost.py BUILD [--accept] [NAME...]
 
 Called by ./dev cost. Counts by callgrind, the daemon's and its readers' together: a second of each kind of
-audio and of rest (a longer run less a shorter one, so without start and end), and a start. Compares with
-bench/cost.txt and exits with 1 where a row has risen by more than it may; --accept writes that file anew,
-for the commit that makes a row dearer and says why. NAME: only these rows.
+audio (a longer run less a shorter one, so without start and end), a minute of rest, and a start to the
+first answer. Compares with bench/cost.txt and exits with 1 where a row has risen by more than it may;
+--accept writes that file anew, for the commit that makes a row dearer and says why. NAME: only these rows.
+
+The daemon's clock is bench/stepped_clock.cpp's, so two runs differ by some hundredths of a percent, a
+minute of rest and a start, in which other processes have their say, by 0.5 % on a busy machine.
 """
 import argparse
 import concurrent.futures
@@ -12,11 +15,11 @@ import os
 import pathlib
 import platform
 import re
+import struct
 import subprocess
 import sys
-import time
 
-from lab import Device, Lab, one_second, to_flac, wait_for, write_wav
+from lab import Device, Lab, family, one_second, own_device, to_flac, wait_for, write_wav
 from web_server import WebServer
 
 KEPT = pathlib.Path(__file__).resolve().parent / "cost.txt"
@@ -24,13 +27,13 @@ MOST = 2  # %, by which a row may rise
 # ... where a library is not of the version that the file names: what a point release of Debian's changes
 # is nobody's commit.
 MOST_ELSEWHERE = 5
-# By how much more than 0.1 % two runs may differ, in %: few instructions, and a busy machine shifts when the
-# loop wakes, how much a call brings from the network and what a start is done with when it is counted.
-NOISE = {"WAV 44.1/16": 6, "WAV 44.1/16 over HTTP": 2, "a second of rest": 100, "a start": 1}
 PACKAGES = ("g++-12 libc6 libstdc++6 valgrind flac libasound2 libavahi-client3 libcivetweb1 libcjson1 libcurl4 "
             "libdbus-1-3 libflac12 libmd0 libsndfile1 libsoxr0 libssl3 libsystemd0 libtag1v5 libuv1 libwebsockets17").split()
-# A card that waits for data: a run that comes late on a busy machine is no other run.
-CARD = ("--buffer", "1000", "--patient", "--speed")
+CARD = ("--buffer", "1000", "--patient")
+# Of the processor valgrind shows what it always shows where there is AVX2. By that, libc would copy with
+# one instruction that is counted once a byte.
+PINNED = {"GLIBC_TUNABLES": "glibc.cpu.hwcaps=-ERMS,-FSRM"}
+REST, SECOND = 60, 1_000_000_000  # s, ns
 CD, HI_RES = (44100, 16), (192000, 24)
 
 
@@ -49,30 +52,102 @@ def total(path):
     return int(found[1]) if found else None
 
 
+class Counted(Device):
+    """The daemon, whose clock goes on in steps: the next one once it, its readers and whoever serves it
+    are all asleep, so nothing depends on how fast the machine is."""
+
+    MOST_NS, PATIENCE_NS = SECOND, 300 * SECOND  # of a step, and of all for one wish
+
+    def __init__(self, lab, card, wrapper, environment, others):
+        super().__init__(lab, card, wrapper)
+        self.steps, self.clock = self.folder / "steps", self.folder / "clock"
+        os.mkfifo(self.steps)
+        self.environment = environment | {"NUVIO_STEPS": str(self.steps), "NUVIO_NOW": str(self.clock)}
+        self.others = others
+
+    def __enter__(self):
+        super().__enter__()
+        self.pipe = open(self.steps, "wb", buffering=0)
+        self.step()
+        return self
+
+    def __exit__(self, *error):
+        if hasattr(self, "pipe"):
+            self.pipe.close()
+        super().__exit__(*error)
+
+    def answers(self):
+        """Asks once, when it listens, is advertised and has nothing else to do."""
+        if self.lab.discovery and "entry group state changed: ESTABLISHED" not in self.log_text():
+            return False
+        listens = re.search(rf"^ *\d+: \w+:{self.port:04X} \w+:\w+ 0A", pathlib.Path(
+            f"/proc/{self.pid}/net/tcp").read_text() + pathlib.Path(f"/proc/{self.pid}/net/tcp6").read_text(), re.M)
+        return listens and self.is_quiet() and super().answers()
+
+    def asleep(self):
+        """How often each thread has gone to sleep; none where one of them is awake."""
+        switches = {}
+        for pid in (*family(self.pid), self.bus.process.pid, *self.others):
+            for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+                status = (task / "status").read_text()
+                if not re.search("^State:\t[SZ]", status, re.M):
+                    return None
+                switches[task.name] = re.findall(r"^\w*voluntary_ctxt_switches:\t(\d+)", status, re.M)
+        return switches
+
+    def is_quiet(self):
+        """Who sleeps, and did not wake until all had been looked at, slept at the same time."""
+        try:
+            switches = self.asleep()
+            return switches is not None and switches == self.asleep()
+        except OSError:
+            return False  # one has just ended
+
+    def settle(self):
+        wait_for("end of all work", self.is_quiet, 120, 0.0005)
+
+    def now(self):
+        """As the last step left it, in ns."""
+        return int.from_bytes(self.clock.read_bytes(), "little")
+
+    def step(self, until=0, mark=0):
+        """To the next time that is waited for, or until then where nobody waits."""
+        self.settle()
+        self.pipe.write(struct.pack("qq", until, mark))
+        self.settle()
+        return self.now()
+
+    def step_while(self, goes_on):
+        latest = self.now() + self.PATIENCE_NS
+        while goes_on():
+            if self.step(self.now() + self.MOST_NS) > latest:
+                raise AssertionError(f"not over in time:\n{self.log_text()[-2000:]}")
+
+
 class Run:
     """A device under callgrind, from its start to its end. `span`: what bench/counted.cpp is told."""
 
-    def __init__(self, lab, speed, work, **span):
+    def __init__(self, lab, work, others=(), **span):
         self.folder = folder = lab.new_folder("callgrind")
         reader, counted = lab.build / "bin/nuvio-connect-reader", lab.build / "lib/libbench_counted.so"
         # It gets nobody's environment; the empty file says that there is one more to wait for.
         wrapped = folder / reader.name
         wrapped.write_text(f"""#!/bin/sh
 : >{folder}/reader.$$
+export {" ".join(f"{name}={value}" for name, value in PINNED.items())}
 LD_PRELOAD={counted} exec {" ".join(callgrind(f"{folder}/reader.%p"))} {reader} "$@"
 """)
         wrapped.chmod(0o755)
-        marks = ("--zero-before=cost_begins", "--dump-before=cost_ends") if span else ()
         environment = {"LD_PRELOAD": str(counted), "NUVIO_READERS": str(folder), "NUVIO_READER_UNFILTERED": "1",
-                       "NUVIO_COUNTED": str(folder / "frames"), **span}
-        with Device(lab, lab.card(*CARD, str(speed)), callgrind(folder / "daemon", *marks),
-                    environment=environment) as device:
+                       "NUVIO_COUNTED": str(folder / "frames"), **PINNED, **span}
+        marks = ("--zero-before=cost_begins", "--dump-before=cost_ends")
+        with Counted(lab, lab.card(*CARD), callgrind(folder / "daemon", *marks), environment, others) as device:
             work(device)
+            device.step(mark=2)
 
     def daemon(self):
-        """The instructions of the span, or all."""
-        dump = self.folder / "daemon.1"
-        return total(dump if dump.exists() else self.folder / "daemon")
+        """The instructions from the first mark, or the start, to the second."""
+        return total(self.folder / "daemon.1")
 
     def frames(self):
         return int((self.folder / "frames").read_text())
@@ -96,33 +171,33 @@ class Track:
         path = to_flac(path) if self.suffix == ".flac" else path
         return f"{server.url}/{path.relative_to(lab.folder)}" if self.is_remote else path
 
-    def run(self, lab, server, seconds, speed, **span):
+    def run(self, lab, server, seconds, **span):
         content = self.content(lab, server, seconds)
 
         def play(device):
-            device.play(content)
-            wait_for("end of the track", device.is_over, 120, 0.1)
-        return Run(lab, speed, play, **span)
+            own_device.connect(device.port, content)
+            device.step_while(lambda: not device.is_over())
+        return Run(lab, play, [server.process.pid] if self.is_remote else [], **span)
 
     def __call__(self, lab, server):
         rate, last = self.format[0], self.FROM + self.seconds
         length = last + 5
-        with concurrent.futures.ThreadPoolExecutor() as beside:
-            shorter = beside.submit(self.run, lab, server, self.SHORT, 4)
-            long = self.run(lab, server, length, 1, NUVIO_COUNT_FRAMES=f"{self.FROM * rate}-{last * rate}")
-            short = shorter.result()
+        short = self.run(lab, server, self.SHORT)
+        long = self.run(lab, server, length, NUVIO_COUNT_FRAMES=f"{self.FROM * rate}-{last * rate}")
         return (long.daemon() / long.frames() * rate
                 + (long.readers() - short.readers()) / (length - self.SHORT))
 
 
 def rest(lab, _):
-    run = Run(lab, 1, lambda device: time.sleep(31), NUVIO_COUNT_MS="10000-30000")
-    return run.daemon() / 20
+    def wait(device):
+        end = device.step(mark=1) + REST * SECOND
+        while device.step(end) < end:
+            pass
+    return Run(lab, wait).daemon()
 
 
-# With the first answer, and what goes on a little longer than that.
 def start(lab, _):
-    return Run(lab, 1, lambda device: time.sleep(2)).daemon()
+    return Run(lab, lambda device: None).daemon()
 
 
 ROWS = {
@@ -132,23 +207,15 @@ ROWS = {
     "FLAC 192/24": Track(HI_RES, ".flac", 10),
     # Two times in which three quarters of the read-ahead are used up, from the middle of one on.
     "WAV 44.1/16 over HTTP": Track(CD, ".wav", 36, is_remote=True),
-    "a second of rest": rest,
+    "a minute of rest": rest,
     "a start": start,
 }
-# At once those that leave each other room: what comes late on a busy machine wakes oftener.
-ROUNDS = [["a start"], ["FLAC 44.1/16", "FLAC 192/24"],
-          ["WAV 44.1/16", "WAV 192/24", "WAV 44.1/16 over HTTP", "a second of rest"]]
-
-
 def measure(lab, names):
     """Instructions by row."""
     server = WebServer(str(lab.new_folder("web")), root=str(lab.folder))
     lab.stack.callback(server.kill)
-    figures = {}
-    for wanted in ([name for name in each if name in names] for each in ROUNDS):
-        with concurrent.futures.ThreadPoolExecutor(len(ROWS)) as pool:
-            figures |= zip(wanted, pool.map(lambda name: round(ROWS[name](lab, server)), wanted))
-    return {name: figures[name] for name in ROWS if name in figures}
+    with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+        return dict(zip(names, pool.map(lambda name: round(ROWS[name](lab, server)), names)))
 
 
 # ---- The file -----------------------------------------------------------------------------------
@@ -182,11 +249,11 @@ def write_kept(figures):
 
 
 def compare(figures, kept, most):
-    """Prints both; the rows that have risen by more than `most` % and their noise."""
+    """Prints both; the rows that have risen by more than `most` %."""
     risen = []
     for name, figure in figures.items():
         change = 100 * (figure / kept[name] - 1) if name in kept else 0
-        is_risen = change > most + NOISE.get(name, 0)
+        is_risen = change > most
         risen += [name] if is_risen else []
         print(f"{name:<24}{figure:>12}{kept.get(name, '-'):>12}{change:>+8.2f} %{'  RISEN' if is_risen else ''}")
     return risen
@@ -201,7 +268,7 @@ def main():
     # A build to be installed looks for them elsewhere.
     os.environ["NUVIO_SIMCARD_PLUGIN_DIR"] = str(options.build.resolve() / "lib/alsa-lib")
     with Lab(options.build) as lab:
-        figures = measure(lab, options.names or list(ROWS))
+        figures = measure(lab, [name for name in ROWS if not options.names or name in options.names])
     kept, others = read_kept()
     if options.accept:
         write_kept(kept | figures)
