@@ -26,14 +26,16 @@ size_t StreamBuffer::room(uint64_t position) const {
 }
 
 void StreamBuffer::append(std::string_view bytes, uint64_t position) {
-    m_ring.resize(m_capacity);
+    if (m_ring == nullptr) {
+        m_ring = std::make_unique_for_overwrite<char[]>(m_capacity);
+    }
     const uint64_t needed_from =
         m_end + bytes.size() - std::min<uint64_t>(m_end + bytes.size(), m_capacity);
     m_begin = position > m_end ? m_end : std::max(m_begin, needed_from);
     while (!bytes.empty()) {
         const auto at = static_cast<size_t>(m_end % m_capacity);
         const std::string_view piece = bytes.substr(0, m_capacity - at);
-        std::memcpy(m_ring.data() + at, piece.data(), piece.size());
+        std::memcpy(m_ring.get() + at, piece.data(), piece.size());
         m_end += piece.size();
         bytes.remove_prefix(piece.size());
     }
@@ -46,8 +48,8 @@ size_t StreamBuffer::copy(uint64_t position, void* to, size_t size) const {
     const auto count = static_cast<size_t>(std::min<uint64_t>(size, m_end - position));
     const auto at = static_cast<size_t>(position % m_capacity);
     const size_t first = std::min(count, m_capacity - at);
-    std::memcpy(to, m_ring.data() + at, first);
-    std::memcpy(static_cast<char*>(to) + first, m_ring.data(), count - first);
+    std::memcpy(to, m_ring.get() + at, first);
+    std::memcpy(static_cast<char*>(to) + first, m_ring.get(), count - first);
     return count;
 }
 

@@ -5,14 +5,14 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string_view>
-#include <vector>
 
 namespace local_core {
 
 class StreamBuffer {
   public:
-    // Bytes. Memory is taken with the first byte.
+    // Bytes. Memory is taken with the first byte, and its pages as they are filled.
     explicit StreamBuffer(size_t capacity);
 
     uint64_t begin() const { return m_begin; }
@@ -35,7 +35,7 @@ class StreamBuffer {
     uint64_t kept_from(uint64_t position) const;
 
     size_t m_capacity;
-    std::vector<char> m_ring;
+    std::unique_ptr<char[]> m_ring;
     uint64_t m_begin = 0;
     uint64_t m_end = 0;
 };
