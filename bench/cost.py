@@ -30,6 +30,7 @@ BESIDES = {"a minute of rest": 80_000}
 # ... where a library is not of the version that the file names: what a point release of Debian's changes
 # is nobody's commit.
 MOST_ELSEWHERE = 5
+TRIES = 3  # of a row that has risen: what comes from outside, or on a busy machine, only adds
 PACKAGES = ("g++-12 libc6 libstdc++6 valgrind flac libasound2 libavahi-client3 libcivetweb1 libcjson1 libcurl4 "
             "libdbus-1-3 libflac12 libmd0 libsndfile1 libsoxr0 libssl3 libsystemd0 libtag1v5 libuv1 libwebsockets17").split()
 CARD = ("--buffer", "1000", "--patient")
@@ -213,6 +214,8 @@ ROWS = {
     "a minute of rest": rest,
     "a start": start,
 }
+
+
 def measure(lab, names):
     """Instructions by row."""
     server = WebServer(str(lab.new_folder("web")), root=str(lab.folder))
@@ -251,15 +254,15 @@ def write_kept(figures):
         *(f"{name:<24}{figure:>12}" for name, figure in figures.items()), ""]))
 
 
-def compare(figures, kept, most):
-    """Prints both; the rows that have risen by more than `most` %."""
-    risen = []
+def is_risen(name, figure, kept, most):
+    """By more than `most` %, or it is not in the file."""
+    return figure > kept.get(name, 0) * (1 + most / 100) + BESIDES.get(name, 0)
+
+
+def say(figures, kept, risen):
     for name, figure in figures.items():
         change = 100 * (figure / kept[name] - 1) if name in kept else 0
-        is_risen = name in kept and figure > kept[name] * (1 + most / 100) + BESIDES.get(name, 0)
-        risen += [name] if is_risen else []
-        print(f"{name:<24}{figure:>12}{kept.get(name, '-'):>12}{change:>+8.2f} %{'  RISEN' if is_risen else ''}")
-    return risen
+        print(f"{name:<24}{figure:>12}{kept.get(name, '-'):>12}{change:>+8.2f} %{'  RISEN' if name in risen else ''}")
 
 
 def main():
@@ -267,20 +270,27 @@ def main():
     parser.add_argument("build", type=pathlib.Path)
     parser.add_argument("--accept", action="store_true", help="write bench/cost.txt anew")
     parser.add_argument("names", nargs="*", metavar="NAME", help=", ".join(ROWS))
-    options = parser.parse_args()
+    options = parser.parse_intermixed_args()
     # A build to be installed looks for them elsewhere.
     os.environ["NUVIO_SIMCARD_PLUGIN_DIR"] = str(options.build.resolve() / "lib/alsa-lib")
-    with Lab(options.build) as lab:
-        figures = measure(lab, [name for name in ROWS if not options.names or name in options.names])
+    names = [name for name in ROWS if not options.names or name in options.names]
     kept, others = read_kept()
+    differing = sorted(set(circumstances()) ^ set(others))
+    most = MOST_ELSEWHERE if differing else MOST
+    with Lab(options.build) as lab:
+        figures, risen, tries = {}, names, 1 if options.accept else TRIES
+        while risen and tries > 0:
+            tries -= 1
+            for name, figure in measure(lab, risen).items():
+                figures[name] = min(figure, figures.get(name, figure))
+            risen = [name for name in names if is_risen(name, figures[name], kept, most)]
     if options.accept:
         write_kept(kept | figures)
         return 0
-    differing = sorted(set(circumstances()) ^ set(others))
     if differing:
         print(f"cost: not as where bench/cost.txt was written, so {MOST_ELSEWHERE} % are allowed: "
               + ", ".join(differing))
-    risen = compare(figures, kept, MOST_ELSEWHERE if differing else MOST)
+    say(figures, kept, risen)
     if risen:
         print(f"cost: dearer: {', '.join(risen)}. Where that is meant: ./dev cost --accept, and say why.")
     return 1 if risen else 0
