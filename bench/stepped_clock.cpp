@@ -197,8 +197,9 @@ SEEN_FROM_OUTSIDE int __poll_chk(pollfd* waits, nfds_t count, int timeout_ms, si
     return poll(waits, count, timeout_ms);
 }
 
-SEEN_FROM_OUTSIDE int epoll_pwait(int set, epoll_event* events, int room, int timeout_ms,
-                                  const sigset_t* mask) {
+namespace {
+
+int wait_for_events(int set, epoll_event* events, int room, int timeout_ms, const sigset_t* mask) {
     if (g_is_stepped && timeout_ms > 0) {
         std::array<pollfd, 2> waits{{{set, POLLIN, 0}}};
         poll_until(waits.data(), 1, g_now + timeout_ms * kNsPerMs);
@@ -209,8 +210,15 @@ SEEN_FROM_OUTSIDE int epoll_pwait(int set, epoll_event* events, int room, int ti
         syscall(SYS_epoll_pwait, set, events, room, timeout_ms, mask, kKernelSetBytes));
 }
 
+}  // namespace
+
+SEEN_FROM_OUTSIDE int epoll_pwait(int set, epoll_event* events, int room, int timeout_ms,
+                                  const sigset_t* mask) {
+    return wait_for_events(set, events, room, timeout_ms, mask);
+}
+
 SEEN_FROM_OUTSIDE int epoll_wait(int set, epoll_event* events, int room, int timeout_ms) {
-    return epoll_pwait(set, events, room, timeout_ms, nullptr);
+    return wait_for_events(set, events, room, timeout_ms, nullptr);
 }
 
 SEEN_FROM_OUTSIDE int pthread_cond_clockwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
