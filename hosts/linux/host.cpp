@@ -67,7 +67,7 @@ Host::Host()
       m_hooks(m_settings, m_device) {
     tell_core();
     tell_pipewire();
-    use_alsa_configuration();
+    use_alsa_configuration(m_settings.get(kALSAOutputDeviceName));
     preset_messages();
     m_now_playing.set_observer([this](uint32_t changes) { on_change(changes); });
     m_network.set_observer([this] { on_change(kDeviceNetwork); });
@@ -76,7 +76,7 @@ Host::Host()
 
 void Host::reload_settings() {
     m_settings = Settings::load();
-    use_alsa_configuration();
+    use_alsa_configuration(m_settings.get(kALSAOutputDeviceName));
 }
 
 // The core knows no settings file; nothing else runs yet that could read the environment.

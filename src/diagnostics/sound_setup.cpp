@@ -7,6 +7,7 @@
 #include <optional>
 #include <string_view>
 
+#include "common/server_period.h"
 #include "common/utf8.h"
 #include "diagnostics/card_probe.h"
 #include "diagnostics/self_check.h"
@@ -18,11 +19,9 @@
 namespace {
 
 // A shorter one interrupts the machine 200 times a second for nothing: what is queued is some
-// seconds anyway, and what is heard is asked of the card, not counted in periods.
+// seconds anyway, and what is heard is asked of the card, not counted in periods. Any other name of
+// ALSA's is as a rule a sound server's.
 constexpr unsigned kCardPeriodUs = 100'000;
-// For any other name of ALSA's, as a rule a sound server's, which knows the place within a period;
-// a card's driver does not always. Longer ones halve what server and plug-in do.
-constexpr unsigned kServerPeriodUs = 250'000;
 // In all of the configuration item's buffer, with "default_" before it.
 constexpr size_t kMaxNameBytes = 40;
 constexpr char kSoftElement[] = "Nuvio";
@@ -100,7 +99,7 @@ std::string text_of_period(const SoundCard& card, const OutputAbilities& abiliti
                ? std::string()
                : "# The shortest period in microseconds, where the card has such.\n"
                  "defaults.pcm.minperiodtime " +
-                     std::to_string(is_kernel_card(card) ? kCardPeriodUs : kServerPeriodUs) +
+                     std::to_string(is_kernel_card(card) ? kCardPeriodUs : nuvio::kServerPeriodUs) +
                      "\n\n";
 }
 

@@ -1,4 +1,5 @@
 // What the host reads: settings, state, identity, bus addresses.
+#include <alsa/asoundlib.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -61,6 +62,30 @@ TEST(SettingsEdit, EachDevicesOutputIsItsOwnAndStaysWhereItsSettingsDo) {
     folder.write("kitchen.alsa.conf.old/in the way", "");  // as where there are no links
     EXPECT_FALSE(set_up("kitchen.conf", "fifth"));
     EXPECT_EQ(folder.read("kitchen.alsa.conf"), "fifth") << "better than none";
+    unsetenv("NUVIO_SETTINGS");
+}
+
+TEST(SoundServer, GetsLongerPeriodsUnlessSomethingStandsBeforeItOrTheUserWantsOthers) {
+    const TempDir folder;
+    setenv("NUVIO_SETTINGS", (folder / "settings.conf").c_str(), 1);
+    setenv("ALSA_CONFIG_PATH", (folder / "asound.conf").c_str(), 1);
+    folder.write("asound.conf", "");
+    use_alsa_configuration("out:A");
+    const std::pair<std::string, long> rows[] = {
+        {"pcm.out { @args [ A ] @args.A { type string } type pipewire }", 250'000},
+        {"pcm.out other\n pcm.other { type pulse }", 250'000},
+        {"pcm.out { type pulse }\n defaults.pcm.minperiodtime 20000", 20'000},
+        {"pcm.out { type plug slave.pcm { type pulse } }", 5'000},
+        {"pcm.out other\n pcm.other out", 5'000}};
+    for (const auto& [pcms, expected] : rows) {
+        folder.write("asound.conf", "defaults.pcm.minperiodtime 5000\n" + pcms);
+        snd_config_t* found = nullptr;
+        long period = 0;
+        ASSERT_TRUE(snd_config_update_free_global() == 0 && snd_config_update() >= 0);
+        snd_config_search_definition(snd_config, "pcm", "nobody", &found);
+        ASSERT_EQ(snd_config_search(snd_config, "defaults.pcm.minperiodtime", &found), 0);
+        EXPECT_TRUE(snd_config_get_integer(found, &period) == 0 && period == expected) << pcms;
+    }
     unsetenv("NUVIO_SETTINGS");
 }
 

@@ -55,7 +55,8 @@ class Installed(unittest.TestCase):
         self.assertIn("audio", in_root("id", "-nG", "nuvio-connect").stdout.split())
         for path in ("usr/share/man/man8/nuvio-connect.8", UNIT,
                      "usr/share/dbus-1/system.d/nuvio-connect.conf",
-                     "usr/share/bash-completion/completions/nuvio-connect"):
+                     "usr/share/bash-completion/completions/nuvio-connect",
+                     f"usr/lib/{os.uname().machine}-linux-gnu/nuvio-connect/server_periods.conf"):
             self.assertTrue((ROOT / path).is_file(), path)
         self.assertTrue((ROOT / "etc/systemd/system/multi-user.target.wants/nuvio-connect.service")
                         .is_symlink(), "the unit is not enabled")
@@ -65,8 +66,8 @@ class Installed(unittest.TestCase):
                     ROOT / "usr/bin/nuvio-connect-controller",
                     *ROOT.glob("usr/libexec/nuvio-connect/*"),
                     *ROOT.glob("usr/lib/*/libnuvio_*.so.?.?.?"),
-                    *ROOT.glob("usr/lib/*/nuvio-connect/simcard/*.so")]
-        self.assertEqual(len(binaries), 12)
+                    *ROOT.glob("usr/lib/*/nuvio-connect/**/*.so")]
+        self.assertEqual(len(binaries), 13)
         for path in binaries:
             self.assertNotRegex(run("readelf", "-d", path).stdout, "RPATH|RUNPATH", path)
             self.assertFalse(str(BUILD.parents[1]).encode() in path.read_bytes(), path)

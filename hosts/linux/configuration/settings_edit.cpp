@@ -19,7 +19,18 @@ namespace {
 namespace fs = std::filesystem;
 
 // What a program finds that is told nothing.
-constexpr char kAlsaStock[] = "/usr/share/alsa/alsa.conf";
+std::string stock_alsa_configuration() {
+    return environment_text("ALSA_CONFIG_DIR", "/usr/share/alsa") + "/alsa.conf";
+}
+
+// In a build tree beside the program's folder, else where it is installed.
+fs::path server_periods_module() {
+    constexpr char kModule[] = "nuvio-connect/server_periods.so";
+    std::error_code failure;
+    const fs::path program = fs::read_symlink("/proc/self/exe", failure);
+    const fs::path beside = program.parent_path().parent_path() / "lib" / kModule;
+    return fs::exists(beside, failure) ? beside : fs::path(NUVIO_LIBRARIES) / kModule;
+}
 
 fs::path shared_alsa_path() {
     return fs::path(settings_path()).replace_filename("alsa.conf");
@@ -174,15 +185,26 @@ bool change_settings(const SettingsItems& items, std::string_view alsa_configura
     return true;
 }
 
-void use_alsa_configuration() {
+void use_alsa_configuration(const std::string& output) {
+    const std::string before =
+        environment_text("ALSA_CONFIG_PATH", stock_alsa_configuration().c_str());
+    const std::string pcm = output.empty() ? "default" : output.substr(0, output.find(':'));
+    setenv("NUVIO_ALSA_OUTPUT", pcm.c_str(), 1);  // without its arguments
     std::error_code failure;
     fs::path path = alsa_path();
     // Several devices had one for all of them.
     path = fs::is_regular_file(path, failure) ? path : shared_alsa_path();
     if (!fs::is_regular_file(path, failure)) {
-        return;
+        const fs::path module = server_periods_module();
+        path = fs::path(module).replace_extension(".conf");
+        // A file that is missing would keep ALSA from opening anything.
+        for (const fs::path& needed :
+             {fs::path(before.substr(0, before.find(':'))), module, path}) {
+            if (!fs::is_regular_file(needed, failure)) {
+                return;
+            }
+        }
     }
-    const std::string before = environment_text("ALSA_CONFIG_PATH", kAlsaStock);
     if (before.find(path.string()) == std::string::npos) {
         setenv("ALSA_CONFIG_PATH", (before + ":" + path.string()).c_str(), 1);
     }

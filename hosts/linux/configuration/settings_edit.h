@@ -22,9 +22,10 @@ std::string edit_settings(std::string_view text, const SettingsItems& items);
 bool change_settings(const SettingsItems& items, std::string_view alsa_configuration,
                      std::string& told);
 
-// Makes ALSA read the file beside the settings, where there is one, behind the configuration that
-// it would read anyway. Before the process's first ALSA call and before it has other threads:
-// changes the environment.
-void use_alsa_configuration();
+// Makes ALSA read, behind the configuration that it would read anyway, the file beside the
+// settings, else the one that gives `output`, a PCM's name, longer periods where it is a sound
+// server's (alsa/server_periods.conf, if it is there). Before the process's first ALSA call and
+// before it has other threads: changes the environment.
+void use_alsa_configuration(const std::string& output);
 
 }  // namespace nuvio::host

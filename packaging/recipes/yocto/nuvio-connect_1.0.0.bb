@@ -47,6 +47,7 @@ CONFFILES:${PN}-host-linux = "${sysconfdir}/nuvio-connect/settings.conf"
 FILES:${PN}-core-local = "${libdir}/libnuvio_connect.so.* ${libdir}/libnuvio_connect_http.so.* \
     ${libdir}/libnuvio_connect_channel.so.* ${libexecdir}/nuvio-connect/nuvio-connect-reader"
 FILES:${PN}-host-linux = "${libdir}/libnuvio_host.so.* \
+    ${libdir}/nuvio-connect/server_periods.so ${libdir}/nuvio-connect/server_periods.conf \
     ${bindir}/nuvio-connect-panel \
     ${sysconfdir}/nuvio-connect/settings.conf \
     ${datadir}/dbus-1/system.d/nuvio-connect.conf \
