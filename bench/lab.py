@@ -174,8 +174,7 @@ class ServerCard:
 
     def __init__(self, lab, kind, rate, bits, period_us):
         self.folder = folder = lab.new_folder("server")
-        defaults = f"defaults.pcm.minperiodtime {period_us}\n" if period_us else ""
-        self.server = kind(folder, rate, "s16le" if bits == 16 else "s24-32le", defaults)
+        self.server = kind(folder, rate, "s16le" if bits == 16 else "s24-32le", period_us)
         self.bus = Bus(folder)
         self.server.environment["DBUS_SESSION_BUS_ADDRESS"] = self.bus.address
 

@@ -188,9 +188,9 @@ def idle(lab, seconds):
 
 
 def on_servers(lab, music, seconds):
-    """With ALSA's stock defaults, and with the periods that --setup makes."""
+    """As a new user has them, and with the periods that --setup makes, for all."""
     for kind in (sound_servers.PulseAudio, sound_servers.PipeWire):
-        for period_us in (None, SETUP_PERIOD_US):
+        for period_us in (sound_servers.STOCK_PERIOD, SETUP_PERIOD_US):
             means = {}
             for player in (Device, Aplay, Mpd):
                 windows = []
@@ -206,13 +206,13 @@ def on_servers(lab, music, seconds):
                 if player is Device:
                     wakeups += "; of the loop's thread " + ", ".join(
                         f"{window.by_thread[LOOP_THREAD]:.0f}" for window in windows)
-                yield Row(f"{kind.plug_in}, {'stock periods' if period_us is None else '--setup'}, "
+                yield Row(f"{kind.plug_in}, {'--setup' if period_us == SETUP_PERIOD_US else 'as installed'}, "
                           f"{player.name}: wake-ups a second at 44.1/16 and 192/24, of all threads",
                           "", wakeups)
             ours, others = means[Device], means[Aplay]
-            yield Row("... CPU per second of audio, mean of both", "<= aplay" if period_us else "",
+            yield Row("... CPU per second of audio, mean of both", "<= aplay",
                       f"{ours:.2f} ms, aplay {others:.2f} ms, mpd {means[Mpd]:.2f} ms",
-                      ours <= others if period_us else None)
+                      ours <= others)
 
 
 # ---- The way of a sample ------------------------------------------------------------------------

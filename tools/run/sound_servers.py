@@ -18,10 +18,14 @@ def before_others():
         os.nice(-10)
 
 
+# In us, as ALSA's own alsa.conf has it.
+STOCK_PERIOD = 5000
+
+
 class SoundServer:
     """Not running until start. `environment` is for its clients, too."""
 
-    def __init__(self, folder, rate, sample_format="s16le", alsa_defaults=""):
+    def __init__(self, folder, rate, sample_format="s16le", shortest_period=STOCK_PERIOD):
         self.folder, self.rate, self.sample_format = folder, rate, sample_format
         self.run_dir = folder / "run"
         self.run_dir.mkdir(mode=0o700)
@@ -29,7 +33,7 @@ class SoundServer:
             f'{kind}_type.{self.plug_in} {{ lib "{library}" }}\n' for kind in ("pcm", "ctl")
             for library in PLUG_INS.rglob(f"libasound_module_{kind}_{self.plug_in}.so")) +
             f"pcm.default {{ type {self.plug_in} }}\nctl.default {{ type {self.plug_in} }}\n" +
-            alsa_defaults)
+            f"defaults.pcm.minperiodtime {shortest_period}\n")
         self.environment = {"XDG_RUNTIME_DIR": str(self.run_dir),
                             "PULSE_SERVER": f"unix:{self.run_dir}/pulse/native",
                             "XDG_CONFIG_HOME": str(folder / "config"), "HOME": str(folder),
