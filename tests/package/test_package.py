@@ -102,11 +102,12 @@ class Installed(unittest.TestCase):
         examples = ROOT / "usr/share/doc/nuvio-connect-dev/examples"
         build = pathlib.Path(tempfile.mkdtemp())
         self.addCleanup(shutil.rmtree, build)
-        run("cmake", "-S", examples, "-B", build, f"-DCMAKE_PREFIX_PATH={ROOT}/usr")
+        run("cmake", "-S", examples, "-B", build, f"-DCMAKE_PREFIX_PATH={ROOT}/usr",
+            *os.environ["NUVIO_CROSS"].split())
         run("cmake", "--build", build)
         # A device maker's package takes the place of both layers.
         maker = ROOT / "maker"
-        libraries = maker / f"usr/lib/{os.uname().machine}-linux-gnu"
+        libraries = maker / next(ROOT.glob("usr/lib/*/libnuvio_host.so.1")).parent.relative_to(ROOT)
         libraries.mkdir(parents=True)
         (maker / "DEBIAN").mkdir()
         self.addCleanup(shutil.rmtree, maker)

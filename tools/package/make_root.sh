@@ -2,11 +2,14 @@
 # Makes a folder into a minimal Debian 12 with systemd, a message bus and an Avahi daemon, and installs
 # the given packages there with apt, that is with all they depend on:
 #   make_root.sh FOLDER PACKAGE.deb...
-# Needs root; the machine itself stays as it is.
+# It is of the packages' architecture, emulated where this is not the machine's. Needs root; the machine
+# itself stays as it is.
 set -euo pipefail
 
+here=$(dirname "$(realpath "$0")")
 root=$1
 shift
+architecture=$(dpkg-deb -f "$1" Architecture)
 packages=()
 for package in "$@"; do
     packages+=("$(realpath "$package")")
@@ -18,7 +21,9 @@ mirror=$(sed -n 's/^URIs: *//p' /etc/apt/sources.list.d/debian.sources 2>/dev/nu
 rm -rf --one-file-system "$root"
 mkdir -p "$(dirname "$root")"
 # shellcheck disable=SC2016  # the hooks expand $1
-mmdebstrap --quiet --mode=root --variant=apt --dpkgopt=force-unsafe-io \
+"$here/../cross/emulate.sh" "$architecture" \
+    mmdebstrap --quiet --mode=root --skip=check/qemu --architectures="$architecture" \
+    --variant=apt --dpkgopt=force-unsafe-io \
     --include=avahi-daemon,dbus,systemd \
     --customize-hook='mkdir "$1/packages"' \
     --customize-hook="copy-in ${packages[*]} /packages" \

@@ -18,4 +18,5 @@ echo "package: in $out"
 echo "package: installing into a clean root"
 "$here/make_root.sh" "$build/root" "$out"/*.deb >"$build/make_root.log" 2>&1 ||
     { cat "$build/make_root.log"; exit 1; }
-ctest --test-dir "$build" -L package --output-on-failure
+"$here/../cross/emulate.sh" "$(dpkg-deb -f "$out"/nuvio-connect_*.deb Architecture)" \
+    ctest --test-dir "$build" -L package --output-on-failure
