@@ -126,6 +126,15 @@ def expected_of(music):
     return (SHARE / f"{music}.expected").read_bytes().strip(b"\0")
 
 
+def serve(test, folder, *where):
+    """The folder's music over HTTP, on port 80 of where that is run."""
+    types = pathlib.Path("/run/httpd.conf")
+    types.write_text(".flac:audio/flac\n.wav:audio/wav\n")
+    server = subprocess.Popen([*where, "busybox", "httpd", "-f", "-c", types, "-h", SHARE / "music" / folder])
+    test.addCleanup(server.wait)
+    test.addCleanup(server.kill)
+
+
 class Unit(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
@@ -244,13 +253,15 @@ class Loop(unittest.TestCase):
 
     def test_1_sessions_come_out_bit_for_bit_with_the_volume_full(self):
         self.assertRegex(self.told, r"ok +output .*'default_Loop' .* 192000 Hz, 24 bit; buffer")
-        for music, sample_format, rate, frame in (("cd", "S16_LE", 44100, 4),
-                                                  ("studio", "S24_LE", 96000, 8)):
+        serve(self, "studio")
+        for music, content, sample_format, rate, frame in (
+                ("cd", "cd", "S16_LE", 44100, 4),
+                ("studio", "http://127.0.0.1/0.wav", "S24_LE", 96000, 8)):
             # In a drain the driver silences the beginning of its last piece instead of what lies
             # behind the music's end. A piece is what its timer was late: 190 ms were seen.
             expected = expected_of(music)[:-frame * rate]
             with self.subTest(music), recorder(sample_format, rate) as heard:
-                play(music)
+                play(content)
                 wait("every bit", lambda: expected in heard())
                 wait_for_end()
 
@@ -374,12 +385,7 @@ class Network(unittest.TestCase):
             run(*where, "ip", "link", "set", name, "up")
         run(*there, "tc", "qdisc", "add", "dev", "there", "root", "netem", "delay", "200ms", "loss", "5%",
             "rate", "1mbit")
-        types = pathlib.Path("/run/httpd.conf")
-        types.write_text(".flac:audio/flac\n")
-        server = subprocess.Popen([*there, "busybox", "httpd", "-f", "-c", types, "-h",
-                                   SHARE / "music/line"])
-        self.addCleanup(server.wait)
-        self.addCleanup(server.kill)
+        serve(self, "line", *there)
 
     def test_nothing_is_left_out_when_the_line_is_down_for_20_seconds(self):
         with recorder("S16_LE", 44100) as heard:

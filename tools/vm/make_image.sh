@@ -2,12 +2,16 @@
 # Makes the disk of a virtual machine, a Debian 12 with its own kernel and the given packages:
 #   make_image.sh FOLDER PACKAGE.deb...
 # leaves disk.img, vmlinuz and initrd.img in the folder. The system below the packages is kept there
-# and made anew when what it is made of changes. Needs root.
+# and made anew when what it is made of changes. It is of the packages' architecture, whose programs must
+# start here (tools/cross/emulate.sh). Needs root.
 set -euo pipefail
 
 here=$(dirname "$(realpath "$0")")
 folder=$1
 shift
+architecture=$(dpkg-deb -f "$1" Architecture)
+declare -A kernels=([amd64]=amd64 [armhf]=armmp-lpae)
+kernel=linux-image-${kernels[$architecture]}
 packages=()
 for package in "$@"; do
     packages+=("$(realpath "$package")")
@@ -29,13 +33,14 @@ make_base() {
     [ -n "$mirror" ] || mirror=$(awk '$1 == "deb" {sub(/\[[^]]*\] */, ""); print $2; exit}' /etc/apt/sources.list)
     rm -rf --one-file-system base
     # shellcheck disable=SC2016  # the hooks expand $1
-    mmdebstrap --quiet --mode=root --variant=apt --skip=cleanup/apt/lists \
+    mmdebstrap --quiet --mode=root --variant=apt --skip=cleanup/apt/lists,check/qemu \
+        --architectures="$architecture" \
         --aptopt='Acquire::Languages "none"' --dpkgopt=force-unsafe-io \
         --dpkgopt='path-exclude=/usr/share/doc/*' --dpkgopt='path-exclude=/usr/share/man/*' \
         --dpkgopt='path-exclude=/usr/share/locale/*' \
         --include="$wanted" \
         --customize-hook='cd "$1" && chroot . apt-get -q download "$(chroot . apt-cache depends \
-            linux-image-amd64 | sed -n "s/^ *Depends: //p" | head -n 1)"' \
+            '"$kernel"' | sed -n "s/^ *Depends: //p" | head -n 1)"' \
         bookworm base "$mirror"
     unpack_kernel
     make_initrd
@@ -83,7 +88,7 @@ make_initrd() {
     (cd initrd && find . | bin/busybox cpio -o -H newc) | gzip -1 >initrd.img
 }
 
-key=$({ echo "$wanted"; declare -f make_base unpack_kernel make_initrd; } | sha256sum)
+key=$({ echo "$wanted $kernel"; declare -f make_base unpack_kernel make_initrd; } | sha256sum)
 if [ "$(cat base.key 2>/dev/null)" != "$key" ]; then
     rm -f base.key
     make_base
@@ -103,7 +108,7 @@ chroot root systemctl -q enable vm-test.service
 # What this machine has no use for; each takes an emulated processor a second or so.
 chroot root systemctl -q mask alsa-restore.service dev-hugepages.mount getty@tty1.service \
     modprobe@{configfs,dm_mod,drm,efi_pstore,fuse,loop}.service proc-sys-fs-binfmt_misc.automount \
-    serial-getty@ttyS0.service sys-kernel-{debug,tracing}.mount systemd-logind.service \
+    serial-getty@tty{S0,AMA0}.service sys-kernel-{debug,tracing}.mount systemd-logind.service \
     systemd-{binfmt,journal-flush,random-seed,update-utmp,update-utmp-runlevel}.service timers.target
 echo vm >root/etc/hostname
 echo "/dev/vda / ext4 defaults 0 1" >root/etc/fstab

@@ -24,13 +24,14 @@ took() { # What, and how long since the last time
 }
 
 [ "$(id -u)" = 0 ] || cannot "needs root to make the machine's disk"
-command -v qemu-system-x86_64 >/dev/null || cannot "no qemu-system-x86_64 (./dev setup)"
 began=$SECONDS
 rm -rf "$folder/packages"
 (cd "$build" && cpack -D CPACK_COMPONENTS_ALL="$components" -B "$folder/packages" \
     >"$folder/cpack.log" 2>&1) || { cat "$folder/cpack.log"; exit 1; }
 took "packages made"
-"$here/make_image.sh" "$folder" "$folder/packages"/*.deb >"$folder/make_image.log" 2>&1 ||
+architecture=$(dpkg-deb -f "$folder/packages"/nuvio-connect_*.deb Architecture)
+"$here/../cross/emulate.sh" "$architecture" "$here/make_image.sh" "$folder" "$folder/packages"/*.deb \
+    >"$folder/make_image.log" 2>&1 ||
     { tail -n 20 "$folder/make_image.log"; cannot "the machine's disk could not be made"; }
 took "disk made"
-exec "$here/run.py" "$folder" "${@:3}"
+exec "$here/run.py" "$architecture" "$folder" "${@:3}"
