@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """Boots the machine that make_image.sh made, by software emulation, and lets it run
-tests/cards/test_vm.py: run.py ARCHITECTURE FOLDER [--short]
+tests/cards/test_vm.py and, on 32-bit ARM, tools/vm/measure.py: run.py ARCHITECTURE FOLDER [--short]
 
 The short form is a single boot. The folder `share` is the machine's /srv/share: in go the tests, the music
-and `boots`, what each boot runs; out come log, status and journal. A file `ask` there with "pull" or "plug" in it pulls the USB card or plugs it in; it is
+and `boots`, what each boot runs; out come log, status, journal and measured.json, which goes to
+docs/integrating.md. A file `ask` there with "pull" or "plug" in it pulls the USB card or plugs it in; it is
 gone when that is done. hda.wav, usb.wav and, plugged in again, usb-again.wav are what the two
 cards played.
 """
@@ -15,6 +16,8 @@ import socket
 import subprocess
 import sys
 import time
+
+import table
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 LIMIT = 900  # s, for all of it; an idle machine needs a fifth, one with a load of 15 five minutes
@@ -65,7 +68,8 @@ MACHINES = {
     # Its kernel has no driver for HDA.
     "armhf": Machine("qemu-system-arm -M virt -cpu cortex-a7 -m 512 "
                      f"-icount shift={NS_PER_INSTRUCTION_LOG2},sleep=off", "ttyAMA0", False,
-                     [f"{TESTS} Unit Loop", f"{TESTS} AfterReboot"],
+                     [f"{TESTS} Unit Loop", f"{TESTS} AfterReboot",
+                      f"tools/vm/measure.py {1 << NS_PER_INSTRUCTION_LOG2}"],
                      [f"{TESTS} Unit Loop"]),
 }
 
@@ -117,7 +121,23 @@ def set_up_share(folder, boots):
     if "line" in music:
         subprocess.run(["flac", "--totally-silent", "--delete-input-file",
                         share / "music/line/0.wav"], check=True)
+    if "measure" in boots[-1]:
+        add_measured(share)
     return share
+
+
+def add_measured(share):
+    """What tools/vm/measure.py needs."""
+    sys.path.insert(0, str(SOURCE / "bench"))
+    from lab import one_second, to_flac, write_wav
+    for part in ("tools/vm", "bench"):
+        shutil.copytree(SOURCE / part, share / part)
+    shutil.copy(SOURCE / "tests/certificate.py", share / "tests")  # which bench/memory.py imports
+    for rate, bits in ((44100, 16), (192000, 24)):
+        for seconds in (table.SHORT, table.LONG):
+            track = share / f"music/measured/{rate}-{bits}-{seconds}.wav"
+            track.parent.mkdir(exist_ok=True)
+            to_flac(write_wav(track, one_second(rate, bits), rate, bits, seconds))
 
 
 def serve(machine, folder, share):
@@ -186,6 +206,8 @@ def main():
     passed = status.exists() and status.read_text().split() == ["0"] * len(boots)
     if machine.has_cards:
         passed = heard_enough(folder) and passed
+    if passed and "measure" in boots[-1]:
+        table.write(share / table.RESULT, SOURCE / "docs/integrating.md")
     print(f"vm: {'passed' if passed else 'FAILED'} in {time.monotonic() - begin:.0f} s")
     return 0 if passed else 1
 
