@@ -56,8 +56,8 @@ class Installed(unittest.TestCase):
         for path in ("usr/share/man/man8/nuvio-connect.8", UNIT,
                      "usr/share/dbus-1/system.d/nuvio-connect.conf",
                      "usr/share/bash-completion/completions/nuvio-connect",
-                     f"usr/lib/{os.uname().machine}-linux-gnu/nuvio-connect/server_periods.conf"):
-            self.assertTrue((ROOT / path).is_file(), path)
+                     "usr/lib/*/nuvio-connect/server_periods.conf"):
+            self.assertTrue(list(ROOT.glob(path)), path)
         self.assertTrue((ROOT / "etc/systemd/system/multi-user.target.wants/nuvio-connect.service")
                         .is_symlink(), "the unit is not enabled")
 
