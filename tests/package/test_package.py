@@ -67,7 +67,7 @@ class Installed(unittest.TestCase):
                     *ROOT.glob("usr/libexec/nuvio-connect/*"),
                     *ROOT.glob("usr/lib/*/libnuvio_*.so.?.?.?"),
                     *ROOT.glob("usr/lib/*/nuvio-connect/**/*.so")]
-        self.assertEqual(len(binaries), 13)
+        self.assertEqual(len(binaries), 15)
         for path in binaries:
             self.assertNotRegex(run("readelf", "-d", path).stdout, "RPATH|RUNPATH", path)
             self.assertFalse(str(BUILD.parents[1]).encode() in path.read_bytes(), path)
