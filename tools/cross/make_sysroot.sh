@@ -3,6 +3,7 @@
 #   make_sysroot.sh ARCHITECTURE FOLDER
 # Nothing in it is configured or run as a system, and the machine's own packages stay as they are.
 # FOLDER/DEBIAN has what the libraries' packages say of their versions, where dpkg-shlibdeps looks for it.
+# Links that name a library of the machine's root name the folder's, or the linker takes the static one.
 set -euo pipefail
 
 architecture=$1
@@ -23,13 +24,16 @@ stamp="$folder.version"
 [ -d "$folder" ] && [ "$(cat "$stamp" 2>/dev/null)" = "$version" ] && exit 0
 rm -rf "$folder" "$stamp"
 mkdir -p "$(dirname "$folder")"
-# shellcheck disable=SC2016  # the hook expands $1
+# shellcheck disable=SC2016  # the hooks expand $1
 mmdebstrap --quiet --variant=extract --architectures="$architecture" \
     --include="$(IFS=,; echo "${packages[*]}")" \
     --extract-hook='mkdir "$1/DEBIAN"; for package in "$1"/var/cache/apt/archives/*.deb; do
         for file in symbols shlibs; do
             dpkg-deb --ctrl-tarfile "$package" | tar -xO "./$file" 2>/dev/null >>"$1/DEBIAN/$file" || true
         done
+    done' \
+    --extract-hook='find "$1/usr/lib" -name "*.so" -lname "/*" | while read -r link; do
+        ln -sfr "$1$(readlink "$link")" "$link"
     done' \
     bookworm "$folder" "$mirror"
 echo "$version" >"$stamp"
