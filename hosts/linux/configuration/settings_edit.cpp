@@ -10,6 +10,7 @@
 #include "base/text.h"
 #include "common/environment.h"
 #include "common/files/files.h"
+#include "common/module.h"
 #include "configuration/settings.h"
 
 namespace nuvio::host {
@@ -23,12 +24,11 @@ std::string stock_alsa_configuration() {
     return environment_text("ALSA_CONFIG_DIR", "/usr/share/alsa") + "/alsa.conf";
 }
 
-// In a build tree beside the program's folder, else where it is installed.
+// In a build tree, else where it is installed.
 fs::path server_periods_module() {
     constexpr char kModule[] = "nuvio-connect/server_periods.so";
     std::error_code failure;
-    const fs::path program = fs::read_symlink("/proc/self/exe", failure);
-    const fs::path beside = program.parent_path().parent_path() / "lib" / kModule;
+    const fs::path beside = library_of_build(kModule);
     return fs::exists(beside, failure) ? beside : fs::path(NUVIO_LIBRARIES) / kModule;
 }
 
