@@ -312,6 +312,7 @@ void Alarms::be_loud(const Alarm& alarm, Clock::time_point latest) {
     {
         const std::scoped_lock lock(m_house.mutex);
         m_house.sessions.set_sleep(alarm.device, std::nullopt);
+        m_house.change();
     }
     m_house.write_sessions();
     if (alarm.volume) {
