@@ -14,7 +14,7 @@ import sys
 import time
 
 import cost
-import growth
+import kept
 import memory
 import periods
 import rows
@@ -49,7 +49,7 @@ def measurements(lab, options):
         "http": lambda: rows.http_latency(lab, music, 3 if quick else 10),
         "transitions": lambda: rows.transitions(lab),
         "growth": lambda: rows.growth(lab, music, 1 if quick else 3, window),
-        "kept": lambda: growth.kept(lab, music, quick),
+        "kept": lambda: kept.kept(lab, music, quick),
         "hours": lambda: rows.hours(lab, 6 if quick else 10),
         "size": lambda: [*rows.sizes(lab, lab.build, "amd64", "strip"),
                          *rows.sizes(lab, armhf, "armhf", "arm-linux-gnueabihf-strip")],

@@ -74,7 +74,7 @@ def stop(device):
 
 
 def row(what, before, after):
-    return Row(f"growth: private dirty memory, threads and descriptors before and after {what}",
+    return Row(f"kept: private dirty memory, threads and descriptors before and after {what}",
                "+ 0.5 MB, as many", f"{before}; {after}",
                after.memory.dirty <= before.memory.dirty + memory.LEFT and
                all(late <= early for early, late in zip(before.counts, after.counts)))
@@ -89,7 +89,7 @@ def queue_of(lab, track):
 
 
 def playlist_of(folder):
-    """The longest names of the tracks, beside it, that make a playlist as large as is read."""
+    """A playlist of its tracks, beside it, with titles so long that it is as large as is read."""
     path = folder / "longest.m3u"
     line = "../" + folder.name + "/{:05}.wav\n"
     comment = "#EXTINF:1," + "x" * (PLAYLIST // TRACKS - len(line.format(0)) - 11) + "\n"
