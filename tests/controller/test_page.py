@@ -754,10 +754,11 @@ class Page(HouseTest):
             scores = {name: each["score"] for name, each in judged["categories"].items()}
             print(screen, scores, flush=True)
             self.assertEqual((scores["accessibility"], scores["best-practices"]), (1, 1), screen)
-            self.assertGreater(scores["performance"], 0.7, "on a machine that does other things too")
             audits = {name: each.get("numericValue") for name, each in judged["audits"].items()}
             self.assertLess(audits["cumulative-layout-shift"], 0.01, screen)
             self.assertLess(audits["total-byte-weight"], 200_000, screen)
+            # Rows that nobody sees are not made; the score of speed itself is the machine's as much as the page's.
+            self.assertLess(audits["dom-size"], 1_500, screen)
 
 
 PROXY = """server {{
