@@ -17,6 +17,7 @@
 #include <string_view>
 #include <utility>
 
+#include "common/code_pages.h"
 #include "common/music/pictures.h"
 #include "reader/inside/sandbox.h"
 
@@ -202,6 +203,7 @@ int serve(int argc, char** argv, const Jobs& jobs) {
     if (has_module || has_argument(argc, argv, "--sound")) {
         // It sleeps where it does not hear of the parent's end.
         prctl(PR_SET_PDEATHSIG, SIGKILL);
+        give_back_code_pages();  // most of the libraries is for other kinds of files
     }
     UniqueFd standard_error = take_standard_error();
     std::string error;

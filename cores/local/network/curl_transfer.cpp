@@ -9,6 +9,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/code_pages.h"
 #include "common/detached_thread.h"
 #include "common/released_by.h"
 #include "common/url/url.h"
@@ -287,6 +288,8 @@ size_t CurlTransfer::on_header(char* bytes, size_t, size_t size, void* self) {
 // whatever the result that nobody looks at: only what is over anyway answers `stop`.
 size_t CurlTransfer::on_body(char* bytes, size_t, size_t size, void* self) {
     using Answer = Handlers::Answer;
+    static std::once_flag once;
+    std::call_once(once, nuvio::give_back_code_pages);  // what only the beginning needed
     const Answer answer = static_cast<CurlTransfer*>(self)->m_handlers.on_body({bytes, size});
     if (answer == Answer::no_room) {
         return CURL_WRITEFUNC_PAUSE;

@@ -5,6 +5,7 @@
 #include <system_error>
 #include <utility>
 
+#include "common/code_pages.h"
 #include "common/detached_thread.h"
 #include "local/track/track_work.h"
 
@@ -13,11 +14,12 @@ namespace local_core {
 namespace {
 
 // What tracks and their servers have taken lies about as free pages between what stays. With no
-// track open nothing plays that could wait for the allocator's locks.
+// track open nothing plays that could wait for the allocator's locks, or for code.
 void give_back_memory() {
 #ifdef __GLIBC__
     malloc_trim(0);
 #endif
+    nuvio::give_back_code_pages();
 }
 
 }  // namespace
