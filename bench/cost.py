@@ -6,8 +6,8 @@ audio (a longer run less a shorter one, so without start and end), a minute of r
 first answer. Compares with bench/cost.txt and exits with 1 where a row has risen by more than it may;
 --accept writes that file anew, for the commit that makes a row dearer and says why. NAME: only these rows.
 
-The daemon's clock is bench/stepped_clock.cpp's, so two runs differ by 0.1 %, over HTTP by up to 1.2 and a
-start, in which other processes have their say, by 0.5.
+The daemon's clock is bench/stepped_clock.cpp's, and the network waits for it too (bench/counted.cpp), so two
+runs differ by 0.1 %, a start, in which other processes have their say, by 0.5.
 """
 import argparse
 import concurrent.futures
@@ -121,6 +121,10 @@ class Counted(Device):
         self.settle()
         return self.now()
 
+    def step_to(self, end):
+        while self.step(end) < end:
+            pass
+
     def step_while(self, goes_on):
         latest = self.now() + self.PATIENCE_NS
         while goes_on():
@@ -129,9 +133,9 @@ class Counted(Device):
 
 
 class Run:
-    """A device under callgrind, from its start to its end. `span`: what bench/counted.cpp is told."""
+    """A device under callgrind, from its start to its end."""
 
-    def __init__(self, lab, work, others=(), **span):
+    def __init__(self, lab, work, others=()):
         self.folder = folder = lab.new_folder("callgrind")
         reader, counted = lab.build / "bin/nuvio-connect-reader", lab.build / "lib/libbench_counted.so"
         # It gets nobody's environment; the empty file says that there is one more to wait for.
@@ -143,7 +147,7 @@ LD_PRELOAD={counted} exec {" ".join(callgrind(f"{folder}/reader.%p"))} {reader} 
 """)
         wrapped.chmod(0o755)
         environment = {"LD_PRELOAD": str(counted), "NUVIO_READERS": str(folder), "NUVIO_READER_UNFILTERED": "1",
-                       "NUVIO_COUNTED": str(folder / "frames"), **PINNED, **span}
+                       **PINNED}
         marks = ("--zero-before=cost_begins", "--dump-before=cost_ends")
         with Counted(lab, lab.card(*CARD), callgrind(folder / "daemon", *marks), environment, others) as device:
             work(device)
@@ -152,9 +156,6 @@ LD_PRELOAD={counted} exec {" ".join(callgrind(f"{folder}/reader.%p"))} {reader} 
     def daemon(self):
         """The instructions from the first mark, or the start, to the second."""
         return total(self.folder / "daemon.1")
-
-    def frames(self):
-        return int((self.folder / "frames").read_text())
 
     def readers(self):
         return sum(wait_for(f"count of {path.name}", lambda: total(path)) for path in self.folder.glob("reader.*"))
@@ -175,28 +176,27 @@ class Track:
         path = to_flac(path) if self.suffix == ".flac" else path
         return f"{server.url}/{path.relative_to(lab.folder)}" if self.is_remote else path
 
-    def run(self, lab, server, seconds, **span):
+    def run(self, lab, server, seconds, is_counted=False):
         content = self.content(lab, server, seconds)
 
         def play(device):
             own_device.connect(device.port, content)
+            if is_counted:
+                device.step_to(device.now() + self.FROM * SECOND)
+                device.step_to(device.step(mark=1) + self.seconds * SECOND)
+                device.step(mark=2)
             device.step_while(lambda: not device.is_over())
-        return Run(lab, play, [server.process.pid] if self.is_remote else [], **span)
+        return Run(lab, play, [server.process.pid] if self.is_remote else [])
 
     def __call__(self, lab, server):
-        rate, last = self.format[0], self.FROM + self.seconds
-        length = last + 5
-        short = self.run(lab, server, self.SHORT)
-        long = self.run(lab, server, length, NUVIO_COUNT_FRAMES=f"{self.FROM * rate}-{last * rate}")
-        return (long.daemon() / long.frames() * rate
-                + (long.readers() - short.readers()) / (length - self.SHORT))
+        length = self.FROM + self.seconds + 5
+        short, long = self.run(lab, server, self.SHORT), self.run(lab, server, length, is_counted=True)
+        return long.daemon() / self.seconds + (long.readers() - short.readers()) / (length - self.SHORT)
 
 
 def rest(lab, _):
     def wait(device):
-        end = device.step(mark=1) + REST * SECOND
-        while device.step(end) < end:
-            pass
+        device.step_to(device.step(mark=1) + REST * SECOND)
     return Run(lab, wait).daemon()
 
 

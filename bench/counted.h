@@ -9,5 +9,8 @@
 // 1: the count begins, 2: it ends.
 void mark_cost(int64_t mark);
 
+// Until all others have gone to sleep, where the clock is a stepped one.
+void wait_for_step();
+
 // The function of that name that comes behind this library.
 void* next_of(const char* name);

@@ -158,13 +158,22 @@ int poll_until(pollfd* waits, nfds_t count, int64_t until) {
         g_waiting.push_back({until, woken, nullptr, -1});
     }
     const int ready = real_poll(waits, count + 1, nullptr);
-    forget([&](const Waiting& one) { return one.eventfd == woken; });
+    if (ready <= 0 || waits[count].revents == 0) {  // whom a step wakes it has forgotten
+        forget([&](const Waiting& one) { return one.eventfd == woken; });
+    }
     eventfd_t value = 0;
     eventfd_read(woken, &value);
     return ready > 0 && waits[count].revents != 0 ? ready - 1 : ready;
 }
 
 }  // namespace
+
+void wait_for_step() {
+    if (g_is_stepped) {
+        pollfd woken{};
+        poll_until(&woken, 0, g_now);
+    }
+}
 
 SEEN_FROM_OUTSIDE int clock_gettime(clockid_t clock, timespec* time) noexcept {
     const bool is_own = clock == CLOCK_PROCESS_CPUTIME_ID || clock == CLOCK_THREAD_CPUTIME_ID;
