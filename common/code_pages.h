@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <span>
 #include <string_view>
+#include <vector>
 
 namespace nuvio {
 
@@ -36,7 +37,8 @@ inline bool has_written_code(ElfW(Addr) base, std::span<const ElfW(Phdr)> parts)
 inline void give_back_code_pages() {
     const auto give_back = [](dl_phdr_info* info, size_t, void*) {
         const std::string_view name = info->dlpi_name;
-        const std::span parts(info->dlpi_phdr, info->dlpi_phnum);
+        // A copy: they stand in what is let go, and the first look would bring back 64 KiB of it.
+        const std::vector<ElfW(Phdr)> parts(info->dlpi_phdr, info->dlpi_phdr + info->dlpi_phnum);
         if ((!name.empty() && !name.starts_with('/')) || has_written_code(info->dlpi_addr, parts)) {
             return 0;  // without a path: the kernel's own
         }
