@@ -6,12 +6,16 @@
 #include <unistd.h>
 
 #include <cstddef>
-#include <cstdint>
 #include <span>
 #include <string_view>
 #include <vector>
 
 namespace nuvio {
+
+// An address as the loader says it.
+inline void* pointer_to(ElfW(Addr) address) {
+    return reinterpret_cast<void*>(address);  // NOLINT(performance-no-int-to-ptr)
+}
 
 // The loader has written its addresses among the code, as few old libraries need it.
 inline bool has_written_code(ElfW(Addr) base, std::span<const ElfW(Phdr)> parts) {
@@ -19,7 +23,7 @@ inline bool has_written_code(ElfW(Addr) base, std::span<const ElfW(Phdr)> parts)
         if (part.p_type != PT_DYNAMIC) {
             continue;
         }
-        for (auto* entry = reinterpret_cast<const ElfW(Dyn)*>(base + part.p_vaddr);
+        for (auto* entry = static_cast<const ElfW(Dyn)*>(pointer_to(base + part.p_vaddr));
              entry->d_tag != DT_NULL; ++entry) {
             if (entry->d_tag == DT_TEXTREL ||
                 (entry->d_tag == DT_FLAGS && (entry->d_un.d_val & DF_TEXTREL) != 0)) {
@@ -42,12 +46,12 @@ inline void give_back_code_pages() {
         if ((!name.empty() && !name.starts_with('/')) || has_written_code(info->dlpi_addr, parts)) {
             return 0;  // without a path: the kernel's own
         }
-        const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+        const auto page = static_cast<ElfW(Addr)>(sysconf(_SC_PAGESIZE));
         for (const ElfW(Phdr) & part : parts) {
             if (part.p_type == PT_LOAD && (part.p_flags & PF_W) == 0) {
-                const uintptr_t from = info->dlpi_addr + part.p_vaddr;
-                const uintptr_t begin = from & ~(page - 1);
-                madvise(reinterpret_cast<void*>(begin), from + part.p_memsz - begin, MADV_DONTNEED);
+                const ElfW(Addr) from = info->dlpi_addr + part.p_vaddr;
+                const ElfW(Addr) begin = from & ~(page - 1);
+                madvise(pointer_to(begin), from + part.p_memsz - begin, MADV_DONTNEED);
             }
         }
         return 0;
