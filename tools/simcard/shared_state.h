@@ -96,7 +96,7 @@ struct SharedState {
     Shared<std::uint64_t> unplugs;  // a handle lives as long as this stays as it was at its open
     Shared<std::uint64_t> underrun_commands;
     Shared<std::uint64_t> suspend_commands;
-    Shared<std::uint64_t> speed;          // millionths
+    Shared<std::uint64_t> speed;          // in kSpeedUnit
     Shared<std::uint64_t> manual_frames;  // frames moved by hand since the card's creation
     Shared<std::uint64_t> next_recording;
 

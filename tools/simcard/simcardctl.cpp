@@ -231,7 +231,7 @@ void create(const Arguments& arguments) {
 
 void show(const Card& card) {
     const simcard::Stream stream = card.stream();
-    std::printf("card      %s\nplugged   %s\nspeed     %.9g\n", card.directory().c_str(),
+    std::printf("card      %s\nplugged   %s\nspeed     %.15g\n", card.directory().c_str(),
                 card.plugged() ? "yes" : "no", card.speed());
     std::printf("element   %s, volume %ld %ld, %s\n", card.element_present() ? "present" : "absent",
                 card.volume(0), card.volume(1), card.switch_on() ? "on" : "off");
