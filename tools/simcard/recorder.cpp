@@ -1,10 +1,8 @@
 #include "tools/simcard/recorder.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cinttypes>
+#include <cstdio>
 #include <cstring>
 
 namespace simcard {
@@ -19,19 +17,6 @@ std::string numbered_path(const std::string& directory, unsigned number) {
     return directory + "/recordings/" + name;
 }
 
-// Never inherited: a child of the program under test must not keep the recording open.
-std::FILE* create_file(const std::string& path) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-    if (fd < 0) {
-        return nullptr;
-    }
-    std::FILE* file = fdopen(fd, "w");
-    if (file == nullptr) {
-        ::close(fd);
-    }
-    return file;
-}
-
 }  // namespace
 
 Recorder::Recorder(const std::string& directory, unsigned number, const Format& format,
@@ -39,17 +24,9 @@ Recorder::Recorder(const std::string& directory, unsigned number, const Format& 
     : m_path(numbered_path(directory, number)),
       m_format(format),
       m_ring(ring_frames * format.frame_bytes),
-      m_file_buffer(kFileBufferBytes),
-      m_file(create_file(m_path + ".raw")) {
-    if (m_file != nullptr) {
-        std::setvbuf(m_file.get(), m_file_buffer.data(), _IOFBF, m_file_buffer.size());
-    } else {
-        fail();
-    }
+      m_file(m_path + ".raw", kFileBufferBytes) {
     write_description({}, false);
 }
-
-Recorder::~Recorder() = default;
 
 void Recorder::queue(const void* frames, std::size_t count) {
     const std::size_t bytes = count * m_format.frame_bytes;
@@ -65,9 +42,7 @@ void Recorder::play(std::size_t count) {
     std::size_t bytes = count * m_format.frame_bytes;
     while (bytes > 0) {
         const std::size_t chunk = std::min(bytes, m_ring.size() - m_read);
-        if (!m_failed && std::fwrite(&m_ring[m_read], 1, chunk, m_file.get()) != chunk) {
-            fail();
-        }
+        m_file.write(&m_ring[m_read], chunk);
         m_read = (m_read + chunk) % m_ring.size();
         m_queued -= chunk;
         bytes -= chunk;
@@ -80,24 +55,19 @@ void Recorder::discard() {
 }
 
 void Recorder::flush(const Totals& totals) {
-    if (!m_failed && std::fflush(m_file.get()) != 0) {
-        fail();
-    }
+    m_file.flush();
     write_description(totals, false);
 }
 
 void Recorder::close(const Totals& totals) {
-    if (!m_failed && std::fflush(m_file.get()) != 0) {
-        fail();
-    }
-    m_file.reset();
+    m_file.close();
     write_description(totals, true);
 }
 
 // Readers see the old text or the new one, never half of it.
 void Recorder::write_description(const Totals& totals, bool closed) {
     const std::string partial = m_path + ".part";
-    const std::unique_ptr<std::FILE, CloseFile> text(create_file(partial));
+    const FilePtr text = create_file(partial);
     if (text == nullptr) {
         return;
     }
@@ -106,15 +76,10 @@ void Recorder::write_description(const Totals& totals, bool closed) {
                  "\ndrops=%" PRIu64 "\nunderruns=%" PRIu64 "\nclosed=%d\nincomplete=%d\n",
                  snd_pcm_format_name(m_format.format), m_format.rate, m_format.channels,
                  totals.played, totals.dropped, totals.drops, totals.underruns, closed ? 1 : 0,
-                 m_failed ? 1 : 0);
+                 m_file.has_failed() ? 1 : 0);
     if (std::fflush(text.get()) == 0) {
         std::rename(partial.c_str(), (m_path + ".txt").c_str());
     }
-}
-
-void Recorder::fail() {
-    m_failed = true;
-    SNDERR("simulated card: can't write recording %s.raw", m_path.c_str());
 }
 
 }  // namespace simcard

@@ -3,10 +3,10 @@
 #include <alsa/asoundlib.h>
 
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
+
+#include "tools/simcard/recording_file.h"
 
 namespace simcard {
 
@@ -26,11 +26,10 @@ class Recorder {
                       underruns = 0;  // the first two in frames
     };
 
-    // Begins recordings/<number>.raw and .txt of the card in `directory`. A file that can't be
-    // written is said on ALSA's error channel once, and in the .txt.
+    // Begins recordings/<number>.raw and .txt of the card in `directory`. A file that can't
+    // be written is said on ALSA's error channel once, and in the .txt.
     Recorder(const std::string& directory, unsigned number, const Format& format,
              std::size_t ring_frames);
-    ~Recorder();
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
@@ -40,26 +39,19 @@ class Recorder {
     void play(std::size_t count);
     // Forgets all that is queued.
     void discard();
-    // Brings both files up to date.
+    // Brings the files up to date.
     void flush(const Totals& totals);
     // The same for the last time; the recording counts as closed.
     void close(const Totals& totals);
 
   private:
-    struct CloseFile {
-        void operator()(std::FILE* file) const { std::fclose(file); }
-    };
-
     void write_description(const Totals& totals, bool closed);
-    void fail();
 
     std::string m_path;  // without extension
     Format m_format;
     std::vector<unsigned char> m_ring;
     std::size_t m_read = 0, m_queued = 0;  // bytes
-    std::vector<char> m_file_buffer;       // outlives m_file
-    std::unique_ptr<std::FILE, CloseFile> m_file;
-    bool m_failed = false;
+    RecordingFile m_file;
 };
 
 }  // namespace simcard
