@@ -369,6 +369,70 @@ TEST_F(AudioSinkTest, TheCardDoesWhatItIsToldWhenItIsTold) {
     EXPECT_EQ(write(100), -1) << "gone for good for whoever had it open";
 }
 
+// Numbers of the file alone, whatever the machine's own pace: 20 ppm fast, at once and a
+// hundredfold, up to a drain, a pause, a halt, another speed, an underrun and frames moved by hand.
+TEST_F(AudioSinkTest, TheCardTellsToTheNanosecondWhenEachFrameWasHeard) {
+    constexpr double kSlow = 1.000020001, kFast = 100.002;
+    constexpr snd_pcm_sframes_t kTenSeconds = 441000;
+    make_card();
+    snd_pcm_t* pcm = nullptr;
+    ASSERT_EQ(snd_pcm_open(&pcm, "simcard", SND_PCM_STREAM_PLAYBACK, 0), 0);
+    snd_pcm_set_params(pcm, SND_PCM_FORMAT_S16, SND_PCM_ACCESS_RW_INTERLEAVED, 2, 44100, 0,
+                       12'000'000);
+    const auto start = [&](double speed) {
+        card_->set_speed(speed);
+        EXPECT_NEAR(card_->speed(), speed, 1e-9);
+        const std::vector<uint8_t> silence(kTenSeconds * kFrame);
+        snd_pcm_prepare(pcm);
+        ASSERT_EQ(snd_pcm_writei(pcm, silence.data(), kTenSeconds), kTenSeconds);
+        ASSERT_EQ(snd_pcm_start(pcm), 0);
+    };
+    start(kFast);
+    ASSERT_EQ(snd_pcm_drain(pcm), 0);
+    start(kSlow);
+    std::this_thread::sleep_for(20ms);
+    ASSERT_EQ(snd_pcm_pause(pcm, 1), 0);
+    const uint64_t paused = card_->stream().played;
+    std::this_thread::sleep_for(20ms);
+    ASSERT_EQ(snd_pcm_pause(pcm, 0), 0);
+    std::this_thread::sleep_for(1ms);
+    card_->set_speed(0);
+    ASSERT_GT(snd_pcm_avail(pcm), 0);
+    const uint64_t halted = card_->stream().played;
+    card_->set_speed(kSlow);
+    ASSERT_GT(snd_pcm_avail(pcm), 0);
+    std::this_thread::sleep_for(1ms);
+    card_->set_speed(kFast);
+    while (snd_pcm_avail(pcm) >= 0) {
+        std::this_thread::sleep_for(1ms);
+    }
+    start(0);
+    card_->play(1000);
+    snd_pcm_close(pcm);
+
+    const std::vector<simcard::Heard> times = simcard::Card::times(card_->wait_closed());
+    std::vector<uint64_t> stands, jumps;
+    std::set<double> speeds;
+    for (size_t i = 1; i < times.size(); ++i) {
+        const auto ns = static_cast<double>(times[i].ns - times[i - 1].ns);
+        const auto frames = static_cast<int64_t>(times[i].frame - times[i - 1].frame);
+        const double at_speed_1 = static_cast<double>(frames) / 44.1e-6;
+        if (frames == 0) {
+            stands.push_back(times[i].frame);
+            EXPECT_GE(ns, times[i].frame == paused ? 20e6 : 1);
+        } else if (ns == 0) {
+            jumps.push_back(times[i].frame);
+        } else if (frames != 1) {  // or the speed changed in it
+            const double speed = at_speed_1 > 10 * ns ? kFast : kSlow;
+            EXPECT_NEAR(ns, at_speed_1 / speed, 1.001) << "two roundings";
+            speeds.insert(speed);
+        }
+    }
+    EXPECT_EQ(stands, (std::vector<uint64_t>{kTenSeconds, paused, halted, 2 * kTenSeconds}));
+    EXPECT_EQ(jumps, std::vector<uint64_t>{2 * kTenSeconds + 1000});
+    EXPECT_EQ(speeds, (std::set<double>{kSlow, kFast}));
+}
+
 TEST_F(AudioSinkTest, WhatCannotBePlayedOrWatchedFailsTheOpen) {
     make_card();
     ASSERT_NE(new_sink(), nullptr);

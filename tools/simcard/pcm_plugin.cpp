@@ -95,9 +95,9 @@ class Pcm {
     void follow_clock();
     void follow_commands();
 
-    void consume(std::uint64_t frames);
+    void play_until(std::int64_t now);
     void lose_queue();
-    void stop_clock() { m_clock.stop(now_ns()); }
+    void stop_clock();
     void reset_clock();
     bool is_awake() const;
     void fall_into_underrun();
@@ -391,24 +391,21 @@ void Pcm::follow_clock() {
     const std::int64_t now = now_ns();
     const std::uint64_t by_hand = m_card->manual_frames - m_manual_seen;
     m_manual_seen += by_hand;
-    if (m_clock.running()) {
-        m_clock.move_by_hand(by_hand);
+    play_until(now);
+    if (by_hand > 0 && m_clock.running()) {
+        m_clock.move_by_hand(by_hand, now);
+        play_until(now);
     }
-    const std::uint64_t reached = m_clock.position(now);
     if (m_speed_seen != m_card->speed) {
         m_speed_seen = m_card->speed;
         m_clock.set_speed(static_cast<double>(m_speed_seen) / kSpeedUnit, now);
     }
-    if (!m_clock.running()) {
-        return;
-    }
-    consume(std::min(reached, m_written) - m_played);
-    if (m_io.state != SND_PCM_STATE_RUNNING) {
+    if (!m_clock.running() || m_io.state != SND_PCM_STATE_RUNNING) {
         return;
     }
     if (m_card->fixed.patient == 0 && m_io.buffer_size - queued() >= m_stop_threshold) {
         fall_into_underrun();
-    } else if (reached > m_written) {
+    } else if (m_clock.position(now) > m_written) {
         m_clock.hold_at(m_written, now);
     }
 }
@@ -428,12 +425,24 @@ void Pcm::reset_clock() {
     m_clock.reset(m_io.rate, static_cast<double>(m_speed_seen) / kSpeedUnit);
 }
 
-void Pcm::consume(std::uint64_t frames) {
+void Pcm::stop_clock() {
+    const std::int64_t now = now_ns();
+    play_until(now);
+    m_clock.stop(now, m_written);
+}
+
+// Plays what the clock has reached by `now`; before each change of the clock, so that a frame is
+// timed by the pace at which it was played.
+void Pcm::play_until(std::int64_t now) {
+    if (!m_clock.running()) {
+        return;
+    }
+    const std::uint64_t frames = std::min(m_clock.position(now), m_written) - m_played;
     if (frames == 0) {
         return;
     }
     if (m_recorder != nullptr) {
-        m_recorder->play(static_cast<std::size_t>(frames));
+        m_recorder->play(static_cast<std::size_t>(frames), m_clock, m_played);
     }
     m_played += frames;
     m_totals.played += frames;

@@ -24,7 +24,8 @@ Recorder::Recorder(const std::string& directory, unsigned number, const Format& 
     : m_path(numbered_path(directory, number)),
       m_format(format),
       m_ring(ring_frames * format.frame_bytes),
-      m_file(m_path + ".raw", kFileBufferBytes) {
+      m_file(m_path + ".raw", kFileBufferBytes),
+      m_timeline(m_path + ".times", format.rate) {
     write_description({}, false);
 }
 
@@ -38,7 +39,7 @@ void Recorder::queue(const void* frames, std::size_t count) {
     m_queued += bytes;
 }
 
-void Recorder::play(std::size_t count) {
+void Recorder::play(std::size_t count, const StreamClock& clock, std::uint64_t position) {
     std::size_t bytes = count * m_format.frame_bytes;
     while (bytes > 0) {
         const std::size_t chunk = std::min(bytes, m_ring.size() - m_read);
@@ -47,6 +48,7 @@ void Recorder::play(std::size_t count) {
         m_queued -= chunk;
         bytes -= chunk;
     }
+    m_timeline.advance(clock, position, count);
 }
 
 void Recorder::discard() {
@@ -56,11 +58,13 @@ void Recorder::discard() {
 
 void Recorder::flush(const Totals& totals) {
     m_file.flush();
+    m_timeline.flush();
     write_description(totals, false);
 }
 
 void Recorder::close(const Totals& totals) {
     m_file.close();
+    m_timeline.close();
     write_description(totals, true);
 }
 
@@ -76,7 +80,7 @@ void Recorder::write_description(const Totals& totals, bool closed) {
                  "\ndrops=%" PRIu64 "\nunderruns=%" PRIu64 "\nclosed=%d\nincomplete=%d\n",
                  snd_pcm_format_name(m_format.format), m_format.rate, m_format.channels,
                  totals.played, totals.dropped, totals.drops, totals.underruns, closed ? 1 : 0,
-                 m_file.has_failed() ? 1 : 0);
+                 m_file.has_failed() || m_timeline.has_failed() ? 1 : 0);
     if (std::fflush(text.get()) == 0) {
         std::rename(partial.c_str(), (m_path + ".txt").c_str());
     }

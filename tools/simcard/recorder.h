@@ -7,12 +7,14 @@
 #include <vector>
 
 #include "tools/simcard/recording_file.h"
+#include "tools/simcard/stream_clock.h"
+#include "tools/simcard/timeline.h"
 
 namespace simcard {
 
-// The frames between application and hardware pointer, and the file of those that the hardware
-// pointer has passed. One an opened and configured PCM. Not thread safe. All memory and both files
-// are made at construction; after that play() writes through a fixed buffer.
+// The frames between application and hardware pointer, and the files of those that the hardware
+// pointer has passed and of when. One an opened and configured PCM. Not thread safe. All memory and
+// all files are made at construction; after that play() writes through fixed buffers.
 class Recorder {
   public:
     struct Format {
@@ -26,7 +28,7 @@ class Recorder {
                       underruns = 0;  // the first two in frames
     };
 
-    // Begins recordings/<number>.raw and .txt of the card in `directory`. A file that can't
+    // Begins recordings/<number>.raw, .times and .txt of the card in `directory`. A file that can't
     // be written is said on ALSA's error channel once, and in the .txt.
     Recorder(const std::string& directory, unsigned number, const Format& format,
              std::size_t ring_frames);
@@ -35,8 +37,8 @@ class Recorder {
 
     // Queues frames; there must be room.
     void queue(const void* frames, std::size_t count);
-    // Records the oldest `count` queued frames.
-    void play(std::size_t count);
+    // Records the oldest `count` queued frames, through which the clock has gone from `position`.
+    void play(std::size_t count, const StreamClock& clock, std::uint64_t position);
     // Forgets all that is queued.
     void discard();
     // Brings the files up to date.
@@ -52,6 +54,7 @@ class Recorder {
     std::vector<unsigned char> m_ring;
     std::size_t m_read = 0, m_queued = 0;  // bytes
     RecordingFile m_file;
+    Timeline m_timeline;
 };
 
 }  // namespace simcard

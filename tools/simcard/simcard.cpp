@@ -462,6 +462,17 @@ std::vector<std::uint8_t> Card::data(const Recording& recording) {
     return data;
 }
 
+std::vector<Heard> Card::times(const Recording& recording) {
+    std::ifstream file(fs::path(recording.raw_path).replace_extension(".times"));
+    std::vector<Heard> times;
+    Heard heard{};
+    while (file >> heard.frame >> heard.ns && file.get() == '\n') {
+        times.push_back(heard);
+    }
+    check(file.eof(), "a recording's times could not be read");
+    return times;
+}
+
 Recording Card::wait_closed(std::chrono::milliseconds timeout) const {
     constexpr std::chrono::milliseconds kPause(5);
     const auto end = std::chrono::steady_clock::now() + timeout;

@@ -19,7 +19,8 @@
 //   asound-tools.conf  the same for programs built without sanitizers (aplay, amixer)
 //   card.state         shared state, mapped by every process that has the card open
 //   pcm.event, ctl.event  touched at each change; their watchers wake up
-//   recordings/        NNN.raw: the interleaved frames as played, NNN.txt: what they are
+//   recordings/        NNN.raw: the interleaved frames as played, NNN.txt: what they are,
+//                      NNN.times: when they were heard, a line "FRAME NANOSECONDS" a Heard
 //
 // The program under test reaches the card through ALSA alone:
 //   auto card = simcard::Card::create(dir);
@@ -106,7 +107,8 @@ struct Settings {
     // machine can't keep up. Underruns then come only from Card::underrun and faults.
     bool patient = false;
     bool record = true;
-    // Audio seconds per real second. 0 stops the clock: only Card::play moves it.
+    // Audio seconds per real second, kept in billionths. 0 stops the clock: only Card::play moves
+    // it.
     double speed = 1.0;
     Element element;
 };
@@ -180,6 +182,13 @@ struct Recording {
     std::size_t frame_bytes() const;
 };
 
+// At `ns` of CLOCK_MONOTONIC exactly `frame` frames of the recording had been heard, by the card's
+// clock, whoever looked when.
+struct Heard {
+    std::uint64_t frame;
+    std::int64_t ns;
+};
+
 class Card {
   public:
     // Makes a card in `directory` (created if missing, absolute afterwards). Replaces a card that
@@ -244,6 +253,15 @@ class Card {
     std::vector<Recording> recordings() const;
     // The frames of a recording, interleaved, little endian.
     static std::vector<std::uint8_t> data(const Recording& recording);
+    // When its frames were heard. Neither number ever falls. From each line to the next the pointer
+    // moved steadily, so the time of any frame between is found by proportion. Of two lines with
+    // one frame the first says when the pointer came to a stand there (pause, underrun, drop, wait
+    // for data), the second when it went on; two with one time are frames that Card::play moved.
+    // There is a line at each such change, and else one every 5 ms of audio, or as often as the
+    // card is asked where it is. Another speed counts from when the stream's handle sees it; the
+    // frame in which that was stands between two lines of its own. Of an open recording as much is
+    // on disk as of its frames, or nearly; a last line that does not end is not complete.
+    static std::vector<Heard> times(const Recording& recording);
     // Waits until the newest recording is closed and returns it; throws after the timeout.
     Recording wait_closed(std::chrono::milliseconds timeout = std::chrono::seconds(10)) const;
 

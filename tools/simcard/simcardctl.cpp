@@ -30,6 +30,8 @@ constexpr const char* kUsageText =
 Makes and drives a simulated sound card. Programs use the card through ALSA:
   export ALSA_CONFIG_PATH=DIR/asound.conf
   aplay music.wav; amixer sset Master 40%
+DIR/recordings then has what was heard (NNN.raw), what that is (NNN.txt) and when it was
+(NNN.times: lines of the frames heard so far and the nanoseconds of CLOCK_MONOTONIC).
 
 Commands:
   create DIR [OPTION...]      make the card, replacing one that is there
@@ -38,7 +40,7 @@ Commands:
     --channels MIN-MAX        default 1-8
     --buffer MS               buffer of programs without wishes, default 400
     --periods COUNT           periods in it, default 8
-    --speed FACTOR            default 1; 0 stops the clock
+    --speed FACTOR            default 1, kept in billionths; 0 stops the clock
     --patient                 wait for data instead of underrunning
     --no-record               keep no recordings
     --exclusive               one playback handle at a time
