@@ -138,10 +138,14 @@ void Commands::read_rest(const Device& device) {
 
 void Commands::take_answer(const cJSON* message) {
     const auto waiting = m_waiting.find(text_member(message, "id").value_or(""));
-    if (waiting != m_waiting.end()) {
+    if (waiting == m_waiting.end()) {
+        return;
+    }
+    if (bool_member(message, "ok").value_or(false)) {
+        waiting->second.outcome = Outcome{true, ""};
+    } else {
         waiting->second.outcome =
-            Outcome{bool_member(message, "ok").value_or(false),
-                    text_member(message, "reason").value_or("the device refused")};
+            Outcome{false, text_member(message, "reason").value_or("the device refused")};
     }
 }
 

@@ -57,7 +57,8 @@ class Moves(HouseTest):
         self.command("move", "Bath", "Kitchen")
         self.assertEqual([self.shown("Kitchen")[key] for key in ("state", "item", "shuffle")], ["paused", 0, True])
         wait_for("the place", lambda: abs(self.shown("Kitchen")["position_ms"] - at) < 50)
-        self.command("shuffle", "Kitchen", "off")
+        status, _, said = self.ask("/api/devices/Kitchen/command", {"command": "shuffle", "shuffle": False})
+        self.assertEqual((status, json.loads(said)), (200, {}))
         wait_for("the mode", lambda: not self.shown("Kitchen")["shuffle"])
         for words in f"seek Kitchen {SECONDS - 1}", "resume Kitchen":
             self.command(*words.split())
