@@ -1,0 +1,124 @@
+"""What a room's card was heard to play, and when, from its recordings."""
+import bisect
+import functools
+import pathlib
+
+import music
+
+FRAME = 4  # bytes
+
+
+@functools.cache
+def track(number):
+    """Frames of that track, as a card plays them, and its rate; none where there is no such track."""
+    for each, _, rate, count in music.tracks():
+        if each == number:
+            return music.frames_of(number, count), rate
+    return None
+
+
+def frame_at(data, frame):
+    """Track and place of a recorded frame; track 0 is silence."""
+    left, right = (int.from_bytes(data[frame * FRAME + at:frame * FRAME + at + 2], "little") for at in (0, 2))
+    return left >> music.HIGH, (left & (1 << music.HIGH) - 1) << 16 | right
+
+
+def common(data, at, other, first):
+    """How many frames from `at` are those of the other from `first` on."""
+    most = min(len(data) // FRAME - at, len(other) // FRAME - first)
+    low, high = 0, most  # `low` frames are the same
+    while low < high:
+        middle = (low + high + 1) // 2
+        if data[(at + low) * FRAME:(at + middle) * FRAME] == other[(first + low) * FRAME:(first + middle) * FRAME]:
+            low = middle
+        else:
+            high = middle - 1
+    return low
+
+
+class Stretch:
+    """Frames of one track in their order, without a gap."""
+
+    def __init__(self, track_number, first, count, at):
+        self.track, self.first, self.count, self.at = track_number, first, count, at
+
+    def is_at_end(self):
+        known = track(self.track)
+        return known is not None and (self.first + self.count) * FRAME == len(known[0])
+
+    def __str__(self):
+        if self.track < 0:
+            return f"{self.count} frames of no track"
+        return f"track {self.track}, frames {self.first} to {self.first + self.count}"
+
+
+class Recording:
+    def __init__(self, path):
+        self.path = path
+        data = path.read_bytes()
+        text = path.with_suffix(".txt").read_text()
+        self.about = dict(line.split("=", 1) for line in text.splitlines())
+        self.rate, self.is_closed = int(self.about["rate"]), self.about["closed"] == "1"
+        whole, _, _ = path.with_suffix(".times").read_text().rpartition("\n")  # a device that was killed wrote no end
+        lines = [line.split() for line in whole.splitlines()]
+        self.frames, self.seconds = [int(frame) for frame, _ in lines], [int(ns) / 1e9 for _, ns in lines]
+        self.count = min(len(data) // FRAME, self.frames[-1] if self.frames else 0)
+        self.stretches = list(self.split(data[:self.count * FRAME]))
+
+    def split(self, data):
+        at = 0
+        while at < self.count:
+            number, first = frame_at(data, at)
+            known = track(number)
+            count = common(data, at, known[0], first) if known else 0
+            if count == 0:
+                number, first, count = (0 if number == first == 0 else -1), 0, 1
+                while number == 0 and frame_at(data, at + count - 1) == (0, 0) and at + count < self.count:
+                    count += 1
+            yield Stretch(number, first, count, at)
+            at += count
+
+    def time_of(self, frame):
+        """When that many frames had been heard, as late as possible where the card stood still then."""
+        after = min(bisect.bisect_right(self.frames, frame), len(self.frames) - 1)
+        before = max(after - 1, 0)
+        if self.frames[after] <= frame:
+            return self.seconds[after]
+        share = (frame - self.frames[before]) / (self.frames[after] - self.frames[before])
+        return self.seconds[before] + share * (self.seconds[after] - self.seconds[before])
+
+    def frame_at_time(self, at):
+        """How many frames had been heard then; none outside of the recording."""
+        if not self.seconds or not self.seconds[0] <= at <= self.seconds[-1]:
+            return None
+        after = min(bisect.bisect_right(self.seconds, at), len(self.seconds) - 1)
+        before = after - 1
+        passed = self.seconds[after] - self.seconds[before]
+        share = (at - self.seconds[before]) / passed if passed else 0
+        return self.frames[before] + share * (self.frames[after] - self.frames[before])
+
+    def stands_at(self, at):
+        """The card stood still then."""
+        after = bisect.bisect_right(self.seconds, at)
+        return not 0 < after < len(self.seconds) or self.frames[after] == self.frames[after - 1]
+
+
+class Room:
+    def __init__(self, folder):
+        self.recordings = [Recording(path) for path in sorted(pathlib.Path(folder).glob("card/recordings/*.raw"))
+                           if path.with_suffix(".times").exists()]
+
+    def first_stretch(self):
+        """What was heard first, and in which recording."""
+        return next(((recording.stretches[0], recording) for recording in self.recordings if recording.stretches),
+                    (None, None))
+
+    def at(self, at):
+        """Track and second of what is heard at a time; none where nothing is."""
+        for recording in self.recordings:
+            frame = recording.frame_at_time(at)
+            if frame is not None and not recording.stands_at(at):
+                for stretch in recording.stretches:
+                    if stretch.at <= frame < stretch.at + stretch.count:
+                        return stretch.track, (stretch.first + frame - stretch.at) / recording.rate
+        return None
