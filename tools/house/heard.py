@@ -58,7 +58,7 @@ class Recording:
         data = path.read_bytes()
         text = path.with_suffix(".txt").read_text()
         self.about = dict(line.split("=", 1) for line in text.splitlines())
-        self.rate, self.is_closed = int(self.about["rate"]), self.about["closed"] == "1"
+        self.rate = int(self.about["rate"])
         whole, _, _ = path.with_suffix(".times").read_text().rpartition("\n")  # a device that was killed wrote no end
         lines = [line.split() for line in whole.splitlines()]
         self.frames, self.seconds = [int(frame) for frame, _ in lines], [int(ns) / 1e9 for _, ns in lines]
