@@ -46,7 +46,9 @@ def hand_over():
         for path in sorted(pathlib.Path("/house").rglob("*")):
             if path.is_file():
                 archive.add(path, str(path)[1:], recursive=False)
-    os.sync()
+        archive.close()
+        device.flush()
+        os.fsync(device.fileno())  # nothing but this: the disk stays as it lies
 
 
 def cut_power():
