@@ -5,12 +5,14 @@ import subprocess
 import threading
 import time
 
+import own_device
 import page
 import rooms
 import witness
 from rooms import CLOSET, CONTROLLER_PORT, DEVICE_PORT, MUSIC, WEB_PORT
 
 SIGNALS = {"term": signal.SIGTERM, "kill": signal.SIGKILL}
+PATIENCE = 60  # s until all devices are there
 SETTLED = 6   # s after the last session until nothing that it held should be left
 CLI = "/nuvio/bin/nuvio-connect-controller"
 FAR = 4102444800  # when a session's tokens end
@@ -138,7 +140,7 @@ def run(plan):
     witness.begin(rooms.HOUSE / "events")
     director = Director(rooms.House(plan))
     director.house.start()
-    witness.wait_for("the house", director.is_complete)
+    own_device.wait_for("the house", director.is_complete, PATIENCE)
     time.sleep(2)
     director.measure("begin")
     director.recall()

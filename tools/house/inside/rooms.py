@@ -9,6 +9,7 @@ import socket
 import subprocess
 import threading
 
+import own_device
 import witness
 
 LIBC = ctypes.CDLL(None, use_errno=True)
@@ -50,9 +51,9 @@ def ip(*lines):
 class Process:
     """One of the house's, which may be ended and started again. Any thread."""
 
-    def __init__(self, place, name, command, log=None):
+    def __init__(self, place, name, command):
         self.place, self.name, self.command = place, name, command
-        self.log = log or place.folder / f"{name}.log"
+        self.log = place.folder / f"{name}.log"
         self.lock = threading.Lock()
         self.running = None
         self.is_asked_to_end = False
@@ -132,7 +133,7 @@ class Place:
 
     def start(self):
         self.bus.start()
-        witness.wait_for(f"the bus of {self.name}", (self.folder / "bus").exists)
+        own_device.wait_for(f"the bus of {self.name}", (self.folder / "bus").exists)
         self.avahi.start()
 
 
@@ -140,7 +141,6 @@ class Room(Place):
     nice = -10  # what would be a processor of its own comes before those who press
 
     def __init__(self, number, plan):
-        self.plan = plan
         self.line = f"line{number}"
         super().__init__(plan["name"], f"10.7.0.{number + 10}", "eth0")
         ip(f"netns add {self.name}", f"link add {self.line} type veth peer name eth0 netns {self.name}",
@@ -153,12 +153,8 @@ class Room(Place):
         self.environment.update(ALSA_CONFIG_PATH=str(self.card / "asound.conf"),
                                 NUVIO_SETTINGS=str(self.folder / "settings.conf"))
         self.simcard("create", *plan["card"])
-        settings = {
-            "feature.nuvio_connect": 1, "feature.nuvio_connect.app_id": "house",
-            "feature.nuvio_connect.app_secret": "house", "feature.nuvio_connect.http_port": DEVICE_PORT,
-            "feature.nuvio_connect.log": 1, "alsa.output_device": "default", "host.friendly_name": self.name,
-            "host.model": "House", "host.state_dir": DISK / self.name, "host.bus": "system"}
-        (self.folder / "settings.conf").write_text("".join(f"{key} = {value}\n" for key, value in settings.items()))
+        own_device.write_settings(self.folder, DEVICE_PORT, host__friendly_name=self.name, host__model="House",
+                                  host__state_dir=DISK / self.name, host__bus="system", host__allow_loopback=0)
         self.device = Process(self, "device", ["/nuvio/bin/nuvio-connect"])
         self.processes["device"] = self.device
 

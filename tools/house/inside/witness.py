@@ -5,7 +5,6 @@ import time
 
 _lock = threading.Lock()
 _file = None
-PATIENCE = 60  # s
 
 
 def begin(path):
@@ -20,12 +19,3 @@ def now():
 def note(kind, **what):
     with _lock:
         _file.write(json.dumps({"at": round(now(), 6), "kind": kind, **what}, ensure_ascii=False) + "\n")
-
-
-def wait_for(what, condition, seconds=PATIENCE, pause=0.05):
-    end = now() + seconds
-    while now() < end:
-        if value := condition():
-            return value
-        time.sleep(pause)
-    raise TimeoutError(f"not within {seconds} s: {what}")
