@@ -203,10 +203,10 @@ nuv_error nuv_connect_seek_time(nuv_connect* core, uint64_t position_ms) {
 }
 
 nuv_error nuv_connect_set_volume(nuv_connect* core, uint32_t volume) {
-    return set(core, &Control::set_volume, volume, volume <= kMaxVolume);
+    return set(core, &Control::set_device_volume, volume, volume <= kMaxVolume);
 }
 nuv_error nuv_connect_set_mute_state(nuv_connect* core, bool muted) {
-    return set(core, &Control::set_muted, muted);
+    return set(core, &Control::set_device_muted, muted);
 }
 nuv_error nuv_connect_set_shuffle_mode(nuv_connect* core, bool shuffle) {
     return set(core, &Control::set_shuffle, shuffle);
@@ -223,13 +223,10 @@ nuv_error nuv_connect_set_device_name(nuv_connect* core, const char* device_name
 // ---- Queries ----------------------------------------------------------------------------------
 
 nuv_error nuv_connect_get_volume(nuv_connect* core, uint32_t* volume) {
-    return query(core, volume, [](const auto& control) {
-        return control.settings().volume.value_or(local_core::PlaybackSettings::kAssumedVolume);
-    });
+    return query(core, volume, [](auto& control) { return control.tell_device_volume(); });
 }
 nuv_error nuv_connect_get_mute_state(nuv_connect* core, bool* muted) {
-    return query(core, muted,
-                 [](const auto& control) { return control.settings().muted.value_or(false); });
+    return query(core, muted, [](auto& control) { return control.tell_device_muted(); });
 }
 nuv_error nuv_connect_get_shuffle_mode(nuv_connect* core, bool* shuffle) {
     return query(core, shuffle, [](const auto& control) { return control.settings().shuffle; });

@@ -133,6 +133,47 @@ void Control::set_muted(bool muted) {
     change_settings([muted](PlaybackSettings& settings) { settings.muted = muted; });
 }
 
+template <typename Value>
+void Control::set_by_device(Value value, EchoFilter<Value>& echo,
+                            std::optional<Value> PlaybackSettings::*setting) {
+    change_settings([&](PlaybackSettings& settings) {
+        if (!echo.is_echo(value)) {
+            settings.*setting = value;
+        }
+    });
+}
+
+template <typename Value>
+Value Control::tell_device(Value assumed, EchoFilter<Value>& echo,
+                           std::optional<Value> PlaybackSettings::*setting) {
+    const std::lock_guard lock(m_mutex);
+    const Value value = (m_settings.*setting).value_or(assumed);
+    echo.device_asked(value);
+    return value;
+}
+
+void Control::set_device_volume(uint32_t percent) {
+    set_by_device(percent, m_volume_echo, &PlaybackSettings::volume);
+}
+
+void Control::set_device_muted(bool muted) {
+    set_by_device(muted, m_muted_echo, &PlaybackSettings::muted);
+}
+
+uint32_t Control::tell_device_volume() {
+    return tell_device(PlaybackSettings::kAssumedVolume, m_volume_echo, &PlaybackSettings::volume);
+}
+
+bool Control::tell_device_muted() {
+    return tell_device(false, m_muted_echo, &PlaybackSettings::muted);
+}
+
+void Control::output_is_taken() {
+    const std::lock_guard lock(m_mutex);
+    m_volume_echo.output_is_taken(m_settings.volume);
+    m_muted_echo.output_is_taken(m_settings.muted);
+}
+
 void Control::set_shuffle(bool shuffle) {
     change_settings([shuffle](PlaybackSettings& settings) { settings.shuffle = shuffle; });
 }

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -42,6 +43,39 @@ struct Command {
     bool shuffle = false;
 };
 
+// Of a setting that the device hands back once it has taken the output, as it knew it then: where a
+// controller had changed it shortly before, that is an echo, and nobody's wish. The device knows
+// what it has asked for; what its mixer makes of a value it sets itself.
+template <typename Value>
+class EchoFilter {
+  public:
+    using Clock = std::chrono::steady_clock;
+
+    // The device has asked for the value.
+    void device_asked(Value current) { m_known = current; }
+    // Before it takes the output.
+    void output_is_taken(std::optional<Value> current) {
+        m_stale = m_known != current ? m_known : std::nullopt;
+        m_taken_at = Clock::now();
+    }
+    // What the device sets now.
+    bool is_echo(Value set) {
+        const bool is_echo = m_stale == set && Clock::now() - m_taken_at < kPatience;
+        if (is_echo) {
+            m_stale.reset();
+        }
+        return is_echo;
+    }
+
+  private:
+    // A device's commands wait for each other.
+    static constexpr std::chrono::seconds kPatience{3};
+
+    std::optional<Value> m_known;  // by the device
+    std::optional<Value> m_stale;  // what it may hand back
+    Clock::time_point m_taken_at;
+};
+
 class Control {
   public:
     // `wake` gets the loop's thread to take the notes; it must be callable from any thread.
@@ -60,6 +94,13 @@ class Control {
     void set_device_name(const char* name);
     void set_volume(uint32_t percent);
     void set_muted(bool muted);
+    // What the device sets itself, and what it asks for: an echo of its own changes nothing.
+    void set_device_volume(uint32_t percent);
+    void set_device_muted(bool muted);
+    uint32_t tell_device_volume();
+    bool tell_device_muted();
+    // The device is about to be told to begin or to go on. Loop thread.
+    void output_is_taken();
     void set_shuffle(bool shuffle);
     void set_loop_mode(nuv_loop_mode loop_mode);
 
@@ -86,6 +127,12 @@ class Control {
     void note(Command command);
     template <typename Change>
     void change_settings(Change change);
+    template <typename Value>
+    void set_by_device(Value value, EchoFilter<Value>& echo,
+                       std::optional<Value> PlaybackSettings::*setting);
+    template <typename Value>
+    Value tell_device(Value assumed, EchoFilter<Value>& echo,
+                      std::optional<Value> PlaybackSettings::*setting);
     void call_attention();
 
     const std::function<void()> m_wake;
@@ -99,6 +146,8 @@ class Control {
     bool m_connected = false;
     uint64_t m_stop_count = 0;
     std::vector<std::pair<uint64_t, const TrackTexts*>> m_texts;
+    EchoFilter<uint32_t> m_volume_echo;
+    EchoFilter<bool> m_muted_echo;
 };
 
 }  // namespace local_core

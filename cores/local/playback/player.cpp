@@ -20,6 +20,7 @@ constexpr std::chrono::milliseconds kShortPause{100};
 Player::Player(const PlayerDelegates& delegates, Control& control,
                const std::shared_ptr<const Logger>& logger, std::function<void()> on_change)
     : m_delegates(delegates),
+      m_control(control),
       m_logger(logger),
       m_course(m_playback, logger, [this] { return heard_on_the_way_back(); }),
       m_streams(delegates, control, logger, std::move(on_change)),
@@ -119,6 +120,7 @@ bool Player::initiate_playback() {
         !current->is_announced()) {
         return false;
     }
+    m_control.output_is_taken();
     m_delegates.media.initiate_playback(m_delegates.core, m_playback.begin_initiation(),
                                         m_delegates.media.context);
     return true;
@@ -136,6 +138,7 @@ bool Player::pause_or_resume() {
     }
     if (m_playback.is_to_resume()) {
         m_playback.await_answer();
+        m_control.output_is_taken();
         media.resume_playback(m_delegates.core, media.context);
         refresh_place();
         return true;

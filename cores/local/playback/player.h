@@ -117,6 +117,7 @@ class Player {
     std::optional<Course::Heard> heard_on_the_way_back() const;
 
     const PlayerDelegates m_delegates;
+    Control& m_control;
     const std::shared_ptr<const Logger> m_logger;
 
     uint64_t m_seek_count = 0;
