@@ -7,13 +7,15 @@ import datetime
 import re
 
 import music
-from papers import HASTE, Papers, breaks, may_be_logged, moves_the_music
+from papers import HASTE, MENDING, Papers, breaks, may_be_logged, moves_the_music, word_of
 
 Finding = collections.namedtuple("Finding", "at place rule text")
 
 # s that a position on the page may be off: nobody knows how long the first message was under way.
 TOLD_LATE = 0.6
-PROMPT = 0.5  # s after which a seek, a pause or a stop is heard
+PROMPT = 0.25  # s after which a seek, a pause or a stop is heard
+FOLLOWS, GAP = 3, 0.3  # s within which another recording belongs to what ended, and between tracks of two rates
+CONTINUED = 0.7  # s between where a track was left off and where it goes on
 LENGTHS = [frames / rate for _, _, rate, frames in music.tracks()]
 
 
@@ -25,9 +27,13 @@ def no_frame_is_lost(papers):
                 at = recording.time_of(stretch.at)
                 if stretch.track < 0:
                     yield Finding(at, name, "frames", f"{stretch} in {recording.path.name}")
-                elif before is not None and not (before.is_at_end() and stretch.first == 0) and \
-                        not any(papers.causes(name, at, moves_the_music)):
-                    yield Finding(at, name, "frames", f"{stretch} behind {before}, in {recording.path.name}")
+                elif not (before is not None and before.is_at_end() and stretch.first == 0):
+                    causes = list(papers.causes(name, at, moves_the_music))
+                    if not causes:
+                        yield Finding(at, name, "frames", f"{stretch} behind {before}, in {recording.path.name}")
+                    elif stretch.track > 0 and not may_begin_at(papers, causes, recording, stretch):
+                        yield Finding(at, name, "jump", f"to {stretch} behind {before}, in {recording.path.name}: "
+                                      f"none of {sorted(set(map(word_of, causes)))} goes there")
                 before = stretch
             if before is not None and not before.is_at_end():
                 at = recording.time_of(recording.count)
@@ -38,6 +44,32 @@ def no_frame_is_lost(papers):
                     for step in papers.causes(name, at)):
                 yield Finding(recording.seconds[0], name, "underruns",
                               f"{recording.about['underruns']} in {recording.path.name}")
+
+
+def is_target_of(step, recording, stretch):
+    """It begins with the very frame that a seek was for."""
+    return word_of(step) == "seek" and stretch.first == step["command"]["position_ms"] * recording.rate // 1000
+
+
+def may_begin_at(papers, causes, recording, stretch):
+    """At a track's beginning, at a seek's place, or where it was heard before."""
+    if stretch.first == 0 or any(is_target_of(step, recording, stretch) or word_of(step) == "seek by"
+                                 for step in causes):
+        return True
+    at, first = recording.time_of(stretch.at), stretch.first / recording.rate
+    return any(abs(second - first) <= CONTINUED for second in papers.left_off(stretch.track, at))
+
+
+def a_seek_is_prompt(papers):
+    """Where the music went to what a seek was for, it did so at once."""
+    for name, room in papers.rooms.items():
+        for recording in room.recordings:
+            for stretch in recording.stretches[1:]:
+                at = recording.time_of(stretch.at)
+                steps = [step for step in papers.causes(name, at) if is_target_of(step, recording, stretch)]
+                late = min((at - step.get("done", at) for step in steps), default=0)
+                if late > PROMPT and not any(papers.causes(name, at, breaks)):
+                    yield Finding(at, name, "late", f"{stretch}, {late:.3f} s after its seek")
 
 
 def the_position_shown_is_heard(papers):
@@ -52,6 +84,58 @@ def the_position_shown_is_heard(papers):
             elif abs(now[1] - shown) > TOLD_LATE and not (
                     now[1] < TOLD_LATE and any(abs(end - shown) < TOLD_LATE for end in LENGTHS)):
                 yield Finding(at, name, "position", f"{shown:.3f} s are shown, {now[1]:.3f} of track {now[0]} heard")
+
+
+def a_pause_stands_still(papers):
+    """The position that is shown of a pause is the one that was heard last."""
+    for name, room in papers.rooms.items():
+        for at, device in papers.states_of(name):
+            if device["state"] != "paused" or device["session"] != "us" or not papers.is_quiet(name, at, at):
+                continue
+            pressed = papers.last_pressed(name, at)
+            if pressed is None or word_of(pressed) != "pause" or not papers.is_quiet(name, pressed["begun"], at, pressed):
+                continue
+            last = room.last_before(at)
+            shown = device["position_ms"] / 1000
+            if last is not None and abs(last - shown) > TOLD_LATE:
+                yield Finding(at, name, "position", f"paused at {shown:.3f} s, {last:.3f} was heard last")
+                break
+
+
+def tracks_follow_each_other(papers):
+    """Where a track has ended and the next one is of another rate, it is heard at once; of the same rate there is no
+    gap at all, which is a matter of frames."""
+    for name, room in papers.rooms.items():
+        for one, other in zip(room.recordings, room.recordings[1:]):
+            if not one.stretches or not other.stretches or not one.stretches[-1].is_at_end():
+                continue
+            end, begin = one.time_of(one.count), other.time_of(0)
+            if begin - end < FOLLOWS and not any(papers.causes(name, begin, may_be_logged)) and \
+                    not any(papers.causes(name, begin, moves_the_music)):
+                if one.rate == other.rate:
+                    yield Finding(begin, name, "gap", f"{begin - end:.3f} s between two tracks of {one.rate} Hz")
+                elif begin - end > GAP:
+                    yield Finding(begin, name, "gap", f"{begin - end:.3f} s between two tracks")
+
+
+def another_source_is_alone(papers):
+    """While another source has the output nothing is heard of this one."""
+    for name, room in papers.rooms.items():
+        taken = None
+        for step in papers.steps.values():
+            if step.get("room") != name or step["do"] != "panel" or "done" not in step:
+                continue
+            if step["member"] == "TakeOutput" and was_taken(step):
+                taken = step["done"] + PROMPT
+            elif step["member"] == "GiveBackOutput" and taken is not None:
+                others = [each for each in papers.steps.values() if papers.concerns(each, name) and "begun" in each and
+                          taken - HASTE < each["begun"] < step["begun"] and moves_the_music(each) and
+                          each.get("member") != "TakeOutput"]
+                until = min([step["begun"], *(each["begun"] for each in others)])
+                at = (taken + until) / 2
+                if taken < until and room.at(at) is not None:
+                    yield Finding(at, name, "source", f"{room.at(at)} is heard while another source has the output")
+                taken = None
 
 
 def the_end_is_as_told(papers):
@@ -79,14 +163,22 @@ def tracks_of(what):
             yield number
 
 
+def was_taken(step):
+    """By the controller, or by the device where it was pressed there."""
+    return isinstance(step.get("result"), list) and step["result"][0] in (200, 0)
+
+
+def was_paused(papers, step):
+    return (papers.told_of(step["room"], step["begun"]) or {}).get("state") == "paused"
+
+
 def what_is_pressed_is_heard(papers):
     """Of a press on a device that is left alone then: what it is to lead to in the time promised."""
     for name, room in papers.rooms.items():
         for step in papers.steps.values():
-            result = step.get("result")
-            if step.get("room") != name or not isinstance(result, list) or result[0] != 200:
+            if step.get("room") != name or not was_taken(step):
                 continue
-            word = step.get("command", {}).get("command")
+            word = word_of(step)
             late = PROMPT if word in ("pause", "stop", "seek") else HASTE
             at = step["done"] + late
             if not papers.is_quiet(name, step["begun"] - 0.02, at, step) or papers.is_lost(name, at):
@@ -94,10 +186,16 @@ def what_is_pressed_is_heard(papers):
             now, before = room.at(at), room.at(step["begun"])
             if word in ("pause", "stop") and now is not None:
                 yield Finding(at, name, "heard", f"track {now[0]} at {now[1]:.3f} s, {late} s after a {word}")
-            elif word == "seek" and before is not None and now is not None and now[0] == before[0]:
+            elif word == "seek" and before is not None:
                 target = step["command"]["position_ms"] / 1000
-                if not target - 0.05 <= now[1] <= target + at - step["begun"]:
-                    yield Finding(at, name, "heard", f"{now[1]:.3f} s, {late} s after a seek to {target}")
+                goes_on = any(end < target + 0.1 for end in LENGTHS)
+                if (now is None or now[0] == before[0]) and not goes_on and not (
+                        now is not None and target - 0.05 <= now[1] <= target + at - step["begun"]):
+                    yield Finding(at, name, "heard", f"{now}, {late} s after a seek to {target}")
+            elif word in ("next", "previous", "queue_jump") and before is not None and now == before:
+                yield Finding(at, name, "heard", f"{now}, {late} s after {word}")
+            elif word == "play" and now is None and before is None and step["is_ours"] and was_paused(papers, step):
+                yield Finding(at, name, "heard", f"nothing, {late} s after play")
             elif step["do"] == "play" and step["where"] == "now":
                 if now is None or now[0] not in tracks_of(step["what"][0]):
                     yield Finding(at, name, "heard", f"{now}, {late} s after {step['what']} was to play")
@@ -106,30 +204,107 @@ def what_is_pressed_is_heard(papers):
                     yield Finding(at, name, "heard", f"{now}, {late} s after the session of {step['path']}")
 
 
-PRESSED = {"volume": "volume", "mute": "muted", "shuffle": "shuffle", "loop": "loop"}
+def settings_of(step):
+    """What a press sets, by the page's names."""
+    if step["do"] == "command" and step["command"]["command"] in ("volume", "mute", "shuffle", "loop"):
+        return {key: value for key, value in step["command"].items() if key != "command"}
+    if step["do"] == "mpris" and step["member"] == "Set":
+        name, value = step["words"][1][7:], step["words"][2].split(":")[-1]
+        return {"Volume": {"volume": round(float(value) * 100) if name == "Volume" else None},
+                "Shuffle": {"shuffle": value == "true"},
+                "LoopStatus": {"loop": {"None": "off", "Track": "one", "Playlist": "all"}.get(value)}}[name]
+    return {}
 
 
-def the_last_press_counts(papers):
-    steps = {room["name"]: 100 / int(room["card"][-1].split("..")[1]) for room in papers.plan["rooms"]}
+def may_set(step, key):
+    """It may change what a press had set."""
+    if key in ("shuffle", "loop"):
+        return moves_the_music(step) and word_of(step) not in (
+            "play", "pause", "toggle", "next", "previous", "stop", "seek", "seek by", "queue_jump", "queue_remove")
+    return breaks(step) or word_of(step) in ("volume", "Volume", "mute", "SetMute", "session", "move")
+
+
+def is_set_to(shown, wanted, step_of_volume):
+    """A mixer has its own steps."""
+    return shown == wanted or (type(wanted) is int and shown is not None and abs(shown - wanted) <= step_of_volume)
+
+
+def what_was_set_stays(papers):
+    """From a second after a press until another one may change it the page shows what was pressed."""
     for name in papers.names:
-        last = {}
+        told = list(papers.states_of(name))
         for step in papers.steps.values():
-            if papers.concerns(step, name) and step["do"] in ("play", "move", "session", "shell", "end", "card"):
-                for key in ("shuffle", "loop"):
-                    last.pop(key, None)  # a session of its own, or another's word
-                if step["do"] in ("shell", "card", "move", "end"):
-                    last.clear()
-            elif step["do"] == "command" and step["room"] == name and step["command"]["command"] in PRESSED:
-                if isinstance(step.get("result"), list) and step["result"][0] == 200:
-                    last[PRESSED[step["command"]["command"]]] = step
-        told = [device for at, device in papers.states_of(name) if at < papers.closed]
-        if not told or told[-1]["session"] != "us":
+            if step.get("room") != name or not was_taken(step):
+                continue
+            for key, wanted in settings_of(step).items():
+                others = [each for each in papers.steps.values() if each is not step and "begun" in each and
+                          papers.concerns(each, name) and (key in settings_of(each) or may_set(each, key)) and
+                          each.get("done", papers.closed) + (MENDING if breaks(each) else HASTE) > step["begun"]]
+                until = min([papers.closed, *(each["begun"] for each in others)])
+                for at, device in told:
+                    shown = device.get(key)
+                    if step["done"] + 1 < at < until and device["session"] == "us" and device["connected"] and \
+                            not is_set_to(shown, wanted, papers.step_of_volume(name)):
+                        yield Finding(at, name, "set", f"{key} is shown as {shown}, {at - step['done']:.1f} s after it "
+                                      f"was set to {wanted}")
+                        break
+
+
+STATES = {"playing": ["Playing"], "paused": ["Paused"], "stopped": ["Stopped", "Paused"]}
+LOOPS = {"off": "None", "one": "Track", "all": "Playlist"}
+
+
+def all_show_the_same(papers):
+    """At the end page, device and card agree on what is set and on what plays."""
+    for event in papers.of_kind("player"):
+        name = event["room"]
+        device = papers.told_of(name, event["at"])
+        if device is None or device["session"] != "us" or not device["connected"]:
             continue
-        for key, step in last.items():
-            wanted, shown = step["command"][key], told[-1].get(key)
-            # A mixer has its own steps.
-            if shown != wanted and not (key == "volume" and shown is not None and abs(shown - wanted) <= steps[name]):
-                yield Finding(step["done"], name, "press", f"{key} was set to {wanted}, and is shown as {shown}")
+        position = device["position_ms"] / 1000
+        is_stopped = device["state"] == "stopped"  # a device is told its modes while it has the output
+        is_unknown = device.get("volume") is None or papers.card_was_away(name)
+        if device["state"] == "playing":
+            position += event["at"] - papers.told_at(name, event["at"])
+        volume, muted = re.search(r"element +present, volume (\d+) \d+, (on|off)", event["card"]).groups()
+        volume = int(volume) * papers.step_of_volume(name)
+        for what, page, own, is_same in [
+                ("state", device["state"], event["PlaybackStatus"],
+                 event["PlaybackStatus"] in STATES.get(device["state"], [event["PlaybackStatus"]])),
+                ("shuffle", device["shuffle"], event["Shuffle"], is_stopped or
+                 str(device["shuffle"]).lower() == event["Shuffle"]),
+                ("loop", device["loop"], event["LoopStatus"], is_stopped or
+                 LOOPS[device["loop"]] == event["LoopStatus"]),
+                ("volume", device.get("volume"), event["Volume"], device.get("volume") is None or
+                 abs(float(event["Volume"]) * 100 - device["volume"]) <= 1),
+                ("card's volume", device.get("volume"), volume, is_unknown or
+                 abs(device["volume"] - volume) <= papers.step_of_volume(name)),
+                ("muted", device["muted"], muted, is_unknown or device["muted"] == (muted == "off")),
+                ("position", position, event["Position"], device["state"] != "playing" or
+                 abs(position - int(event["Position"]) / 1e6) < TOLD_LATE + 0.2)]:
+            if not is_same:
+                yield Finding(event["at"], name, "same", f"{what}: the page shows {page}, the device {own}")
+
+
+def queues_are_as_edited(papers):
+    for name in papers.names:
+        for step in papers.steps.values():
+            if step.get("room") != name or step["do"] != "queue" or not was_taken(step) or len(step["result"]) < 3:
+                continue
+            if any(each is not step and papers.concerns(each, name) and each.get("begun", papers.closed) < step["done"]
+                   and each.get("done", papers.closed) + HASTE > step["begun"] for each in papers.steps.values()):
+                continue
+            edit = step["result"][2]
+            wanted = list(edit["items"])
+            if step["edit"] != "jump" and edit["item"] != edit["before"]:
+                wanted.remove(edit["item"])
+            if step["edit"] == "move" and edit["item"] != edit["before"]:
+                wanted.insert(wanted.index(edit["before"]), edit["item"])
+            if step["edit"] == "remove" and edit["item"] == edit["before"]:
+                wanted.remove(edit["item"])
+            if edit["after"] != wanted:
+                yield Finding(step["done"], name, "queue", f"{edit['after']} after {step['edit']} of {edit['item']} before "
+                              f"{edit['before']} in {edit['items']}")
 
 
 def revisions_grow(papers):
@@ -158,7 +333,8 @@ def answers_are_those_of_the_api(papers):
             if strange:
                 yield Finding(step["done"], name, "answer", f"to step {step['step']}, {step['do']}: {said}")
             if status not in (200, 404, 409) and not any(
-                    each.get("program") == "controller" for each in papers.causes(name, step["done"], breaks)):
+                    each.get("program") == "controller" or each["do"] == "disk"
+                    for each in papers.causes(name, step["done"], breaks)):
                 yield Finding(step["done"], name, "answer", f"{status} to step {step['step']}, {step['do']}: {said}")
         elif step["do"] in ("card", "line") and isinstance(result, str) and "Error" in result:
             yield Finding(step["done"], name, "answer", result)
@@ -170,6 +346,8 @@ def nobody_ends_unasked(papers):
         if event["kind"] == "begun" and papers.steps[event["step"]]["do"] == "end":
             step = papers.steps[event["step"]]
             asked[step["place"], step["program"]] += 1
+            if step["program"] == "bus":  # which Avahi does not outlive
+                asked[step["place"], "avahi"] += 1
         elif event["kind"] == "ended" and event["at"] < papers.closed:
             key = event["place"], event["program"]
             asked[key] -= 1
@@ -193,6 +371,7 @@ def nothing_is_left_behind(papers):
 
 
 LOGGED = re.compile(r"^(\d{8} [\d:.]+) \[[\d.]+\] (ERROR|WARNING) (.*)")
+OF_A_CARD = ("ALSA", "The renderer reports a playback error")
 # What each start says of a card with several formats and no platform's output file system.
 AT_START = ("Nuvio outputfs = Invalid", "SND_PCM_FORMAT_")
 
@@ -208,6 +387,8 @@ def errors_have_causes(papers):
             told = datetime.datetime.strptime(match[1], "%Y%m%d %H:%M:%S.%f").replace(tzinfo=datetime.timezone.utc)
             wall = told.timestamp()
             candidates = [wall - ahead - sum(by for _, by in offsets[:count]) for count in range(len(offsets) + 1)]
+            if any(words in line for words in OF_A_CARD) and papers.card_was_away(name):
+                continue
             if not any(any(papers.causes(name, at, may_be_logged)) for at in candidates):
                 yield Finding(candidates[0], name, "log", match[2] + " " + match[3])
 
@@ -249,8 +430,9 @@ def how_far_apart(papers):
     return [(second - one) * 1000 for one, second in ways] + [(last - first) / heard_of[0][1].rate]
 
 
-RULES = [no_frame_is_lost, what_is_pressed_is_heard, the_position_shown_is_heard, the_end_is_as_told,
-         the_last_press_counts, revisions_grow, answers_are_those_of_the_api, nobody_ends_unasked,
+RULES = [no_frame_is_lost, a_seek_is_prompt, what_is_pressed_is_heard, the_position_shown_is_heard,
+         a_pause_stands_still, tracks_follow_each_other, another_source_is_alone, the_end_is_as_told,
+         what_was_set_stays, all_show_the_same, queues_are_as_edited, revisions_grow, answers_are_those_of_the_api, nobody_ends_unasked,
          nothing_is_left_behind, errors_have_causes]
 
 

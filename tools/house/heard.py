@@ -113,6 +113,17 @@ class Room:
         return next(((recording.stretches[0], recording) for recording in self.recordings if recording.stretches),
                     (None, None))
 
+    def last_before(self, at):
+        """The second, of its track, that was heard last before a time."""
+        last = None
+        for recording in self.recordings:
+            if recording.seconds and recording.seconds[0] <= at:
+                frame = recording.frame_at_time(min(at, recording.seconds[-1]))
+                for stretch in recording.stretches:
+                    if stretch.at < frame:
+                        last = (stretch.first + min(frame - stretch.at, stretch.count)) / recording.rate
+        return last
+
     def at(self, at):
         """Track and second of what is heard at a time; none where nothing is."""
         for recording in self.recordings:

@@ -26,7 +26,8 @@ def make_disk(path):
 
 def command(folder, kernel, initrd, disk, seed, since):
     begin = BEGIN + datetime.timedelta(seconds=since)
-    return ["qemu-system-x86_64", "-machine", "q35,nvdimm=on", "-accel", "tcg", "-cpu", "max,-rdrand,-rdseed",
+    return ["setpriv", "--pdeathsig", "KILL",  # it ends with who has it run
+            "qemu-system-x86_64", "-machine", "q35,nvdimm=on", "-accel", "tcg", "-cpu", "max,-rdrand,-rdseed",
             "-smp", "1", "-m", f"{MEMORY},slots=2,maxmem=4G",
             "-icount", f"shift={NS_PER_INSTRUCTION_LOG2},sleep=off", "-rtc", f"base={begin.isoformat()},clock=vm",
             "-seed", str(seed), "-net", "none", "-nodefaults", "-no-user-config", "-display", "none", "-no-reboot",

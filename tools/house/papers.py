@@ -5,20 +5,35 @@ import pathlib
 import heard
 
 HASTE = 1.5   # s after a press within which what is heard may change
-MENDING = 20  # s after something was mended, or broke, within which what is heard may
-FAULTS = {"end", "start", "card", "line", "clock"}
+MENDING = 4  # s after something was mended, or broke, within which what is heard may
+FAULTS = {"end", "start", "card", "line", "clock", "disk"}
+PLAYER = {"Pause": "pause", "Play": "play", "PlayPause": "toggle", "Next": "next", "Previous": "previous",
+          "Stop": "stop", "Seek": "seek by"}
+SETTING = {"volume", "mute", "shuffle", "loop", "name", "queue", "devices", "SetMute", "Volume", "Shuffle",
+           "LoopStatus", "queue_move", "clear"}
+
+
+def word_of(step):
+    """What is pressed, whoever presses it; empty where nothing is."""
+    what = step["do"]
+    if what == "command":
+        return step["command"]["command"]
+    if what == "mpris":
+        return step["words"][1][7:] if step["member"] == "Set" else PLAYER[step["member"]]
+    if what == "shell":
+        return {"resume": "play", "play": "play now", "seek": "seek by"}.get(step["words"][0], step["words"][0])
+    if what == "play":
+        return f"play {step['where'] if step['is_ours'] else 'now'}"
+    return {"queue": f"queue_{step.get('edit')}", "undo": step.get("what"), "panel": step.get("member"), "move": "move",
+            "session": "session"}.get(what, "")
 
 
 def moves_the_music(step):
     """What is heard of a room may jump, end or begin by it."""
-    what = step["do"]
-    if what == "command":
-        return step["command"]["command"] in ("play", "next", "previous", "seek", "stop", "pause")
-    if what == "play":
-        return step["where"] == "now" or not step["is_ours"]
-    if what in ("end", "start"):
+    if step["do"] in ("end", "start"):
         return step["program"] in ("device", "controller", "web")
-    return what in ("move", "session", "shell", "card", "line")
+    return step["do"] in ("card", "line") or (
+        bool(word_of(step)) and word_of(step) not in SETTING | {"play next", "play end"})
 
 
 def breaks(step):
@@ -26,7 +41,7 @@ def breaks(step):
 
 
 def may_be_logged(step):
-    return breaks(step) or step["do"] in ("session", "play", "move")
+    return breaks(step) or step["do"] in ("session", "play", "move", "undo", "panel")
 
 
 class Papers:
@@ -63,7 +78,7 @@ class Papers:
 
     def concerns(self, step, name):
         return name in (step.get("room"), step.get("to"), step.get("place")) or step.get("place") == "Closet" or \
-            step["do"] == "clock" or name in step.get("words", [])
+            step["do"] in ("clock", "disk") or name in step.get("words", [])
 
     def is_lost(self, name, at):
         """What a card played then was still in memory when its device was killed."""
@@ -97,6 +112,37 @@ class Papers:
             for device in event["state"]["devices"]:
                 if device["announced_name"] == name:
                     yield event["at"], device
+
+    def last_pressed(self, name, at):
+        """The last step before that which may have moved a room's music."""
+        before = [step for step in self.steps.values()
+                  if step.get("begun", at) < at and self.concerns(step, name) and moves_the_music(step)]
+        return max(before, key=lambda step: step["begun"], default=None)
+
+    def told_at(self, name, at):
+        """When the page was told last of a room before that."""
+        return max((told for told, _ in self.states_of(name) if told <= at), default=None)
+
+    def told_of(self, name, at):
+        return next((device for told, device in self.states_of(name) if told == self.told_at(name, at)), None)
+
+    def step_of_volume(self, name):
+        """Of a room's mixer, in percent."""
+        [room] = [room for room in self.plan["rooms"] if room["name"] == name]
+        return 100 / int(room["card"][-1].split("..")[1])
+
+    def card_was_away(self, name):
+        """Or its mixer: it is looked for again, and missed again, only where the card is needed."""
+        return any(step["do"] == "card" and step["room"] == name and "begun" in step for step in self.steps.values())
+
+    def left_off(self, track, at):
+        """The seconds of a track at which a room that had played it until then, or lately, left it."""
+        for room in self.rooms.values():
+            for recording in room.recordings:
+                for stretch in recording.stretches:
+                    if stretch.track == track and recording.time_of(stretch.at) < at:
+                        count = min(recording.frame_at_time(at) or recording.count, stretch.at + stretch.count)
+                        yield (stretch.first + count - stretch.at) / recording.rate
 
     def moments(self, name):
         """Four a second: the time, and what a page was told of a room last, and when."""

@@ -1,5 +1,7 @@
 """Has the house built, lets happen what the plan says, each thing at its time, and closes the house."""
+import contextlib
 import functools
+import os
 import signal
 import subprocess
 import threading
@@ -13,8 +15,11 @@ from rooms import CLOSET, CONTROLLER_PORT, DEVICE_PORT, MUSIC, WEB_PORT
 
 SIGNALS = {"term": signal.SIGTERM, "kill": signal.SIGKILL}
 PATIENCE = 60  # s until all devices are there
+EDITED = 0.5  # s after which the page has a queue as it was changed
 SETTLED = 6   # s after the last session until nothing that it held should be left
 CLI = "/nuvio/bin/nuvio-connect-controller"
+PLAYER, PLAYER_INTERFACE = "org.mpris.MediaPlayer2.nuvio_connect", "org.mpris.MediaPlayer2.Player"
+PANEL = "org.nuvioconnect.Host1"
 FAR = 4102444800  # when a session's tokens end
 
 
@@ -47,6 +52,30 @@ class Director:
     def do_move(self, step):
         return self.of_device(step, "move", {"to": self.ids[step["to"]]})
 
+    def items(self, step):
+        return [each["item"] for each in self.of_device(step, "queue", None)[1].get("items", [])]
+
+    def do_queue(self, step):
+        """Also says how the queue was and how it was a moment after."""
+        items = self.items(step)
+        if len(items) < 2:
+            return "nothing to do"
+        item, before = (items[int(step[key] * len(items))] for key in ("item", "before"))
+        edits = {"remove": {"items": [item]}, "move": {"items": [item], "before": before}, "jump": {"item": item}}
+        result = self.of_device(step, "command", {"command": f"queue_{step['edit']}", **edits[step["edit"]]})
+        time.sleep(EDITED)
+        return [*result, {"items": items, "item": item, "before": before, "after": self.items(step)}]
+
+    def do_undo(self, step):
+        return self.of_device(step, step["what"], {})
+
+    def do_mpris(self, step):
+        interface = "org.freedesktop.DBus.Properties" if step["member"] == "Set" else PLAYER_INTERFACE
+        return self.room(step).call(PLAYER, "/org/mpris/MediaPlayer2", f"{interface}.{step['member']}", *step["words"])
+
+    def do_panel(self, step):
+        return self.room(step).call(PANEL, "/org/nuvioconnect/Host1", f"{PANEL}.{step['member']}", *step["words"])
+
     def do_shell(self, step):
         done = subprocess.run([CLI, *step["words"]], env=self.house.closet.environment | {
             "NUVIO_CONTROLLER": f"http://{CLOSET}:{CONTROLLER_PORT}"}, text=True, capture_output=True)
@@ -70,7 +99,11 @@ class Director:
         return self.house.places[step["place"]].processes[step["program"]].end(SIGNALS[step["how"]])
 
     def do_start(self, step):
-        return self.house.places[step["place"]].processes[step["program"]].start()
+        place = self.house.places[step["place"]]
+        started = place.processes[step["program"]].start()
+        if step["program"] == "bus":
+            place.start_avahi()
+        return started
 
     def do_card(self, step):
         return self.room(step).simcard(*step["words"])
@@ -82,6 +115,20 @@ class Director:
             subprocess.run(["tc", "qdisc", "add", *place, "netem", *step["words"]], check=True)
         else:
             subprocess.run(["tc", "qdisc", "del", *place], check=True)
+
+    def do_disk(self, step):
+        """Full to the last block, or as it was."""
+        filling = rooms.DISK / "filling"
+        if not step["full"]:
+            filling.unlink()
+            return
+        size = 0
+        with open(filling, "wb") as file:
+            for piece in (1 << 20, 4096):
+                with contextlib.suppress(OSError):
+                    while True:
+                        os.posix_fallocate(file.fileno(), size, piece)
+                        size += piece
 
     def do_clock(self, step):
         time.clock_settime(time.CLOCK_REALTIME, time.time() + step["by"])
@@ -118,6 +165,16 @@ class Director:
                 if name in ("device", "controller"):
                     witness.note("usage", when=when, place=place.name, program=name, **(process.usage(when) or {}))
 
+    def look_at_the_players(self):
+        """What each device says of itself on its message bus."""
+        for name, room in self.house.rooms.items():
+            told = {}
+            for what in ("PlaybackStatus", "Position", "Volume", "Shuffle", "LoopStatus"):
+                _, said = room.call(PLAYER, "/org/mpris/MediaPlayer2", "org.freedesktop.DBus.Properties.Get",
+                                    f"string:{PLAYER_INTERFACE}", f"string:{what}")
+                told[what] = said.split()[-1] if said else ""
+            witness.note("player", room=name, card=room.simcard("show"), **told)
+
     def close(self):
         """All is taken from the devices, a stranger's session by one of the house's own."""
         for device in self.state()["devices"]:
@@ -127,8 +184,6 @@ class Director:
             self.api(f"{path}/command", {"command": "leave"})
         time.sleep(SETTLED)
         self.measure("end")
-        for name, room in self.house.rooms.items():
-            witness.note("card", room=name, shows=room.simcard("show"))
         for place in self.house.places.values():
             for name in ("device", "controller"):
                 if name in place.processes:
@@ -140,7 +195,7 @@ def run(plan):
     witness.begin(rooms.HOUSE / "events")
     director = Director(rooms.House(plan))
     director.house.start()
-    own_device.wait_for("the house", director.is_complete, PATIENCE)
+    own_device.wait_for("the house", director.is_complete, PATIENCE, pause=0.2)
     time.sleep(2)
     director.measure("begin")
     director.recall()
@@ -156,5 +211,6 @@ def run(plan):
     if "cut" in plan:
         director.house.freeze()
         return
+    director.look_at_the_players()
     director.close()
     stop.set()

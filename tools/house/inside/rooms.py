@@ -133,6 +133,9 @@ class Place:
 
     def start(self):
         self.bus.start()
+        self.start_avahi()
+
+    def start_avahi(self):
         own_device.wait_for(f"the bus of {self.name}", (self.folder / "bus").exists)
         self.avahi.start()
 
@@ -164,6 +167,13 @@ class Room(Place):
         if result.returncode != 0:
             raise RuntimeError(f"simcardctl {verb}: {result.stderr}")
         return result.stdout
+
+    def call(self, name, path, member, *words):
+        """A method of who has that name on the room's message bus: status and what it said."""
+        done = subprocess.run(["dbus-send", "--system", "--print-reply=literal", "--reply-timeout=20000",
+                               f"--dest={name}", path, member, *words], text=True, env=self.environment,
+                              capture_output=True)
+        return done.returncode, (done.stdout + done.stderr).strip()
 
     def start(self):
         super().start()
