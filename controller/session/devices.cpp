@@ -240,6 +240,10 @@ bool Devices::learn(const std::string& id, const HttpAnswer& display, const Http
         if (is_over) {
             m_house.sessions.join(current);
         }
+        if (device->owner == Owner::us && device->link == nullptr) {
+            // Where its session ends before its channel is back, nobody says so.
+            m_house.errands.try_emplace(id, DeviceState::Clock::now() + kAskedPause);
+        }
         // Taken over while its channel was broken, so that no goodbye came.
         is_over = (!current.empty() && device->link == nullptr && current != device->link_session &&
                    m_house.sessions.end(device->link_session)) ||
