@@ -14,6 +14,7 @@ Finding = collections.namedtuple("Finding", "at place rule text")
 # s that a position on the page may be off: nobody knows how long the first message was under way.
 TOLD_LATE = 0.6
 PROMPT = 0.25  # s after which a seek, a pause or a stop is heard
+ASKED_AGAIN = 25  # s after which a device whose channel does not come back has been asked why
 FOLLOWS, GAP = 3, 0.3  # s within which another recording belongs to what ended, and between tracks of two rates
 CONTINUED = 0.7  # s between where a track was left off and where it goes on
 LENGTHS = [frames / rate for _, _, rate, frames in music.tracks()]
@@ -21,8 +22,11 @@ LENGTHS = [frames / rate for _, _, rate, frames in music.tracks()]
 
 def no_frame_is_lost(papers):
     for name, room in papers.rooms.items():
-        for recording in room.recordings:
+        for earlier, recording in zip([None, *room.recordings], room.recordings):
             before = None
+            if earlier is not None and earlier.stretches and recording.stretches and \
+                    recording.time_of(0) - earlier.time_of(earlier.count) < FOLLOWS:
+                before = earlier.stretches[-1]  # a track of another rate
             for stretch in recording.stretches:
                 at = recording.time_of(stretch.at)
                 if stretch.track < 0:
@@ -95,7 +99,7 @@ def a_pause_stands_still(papers):
             pressed = papers.last_pressed(name, at)
             if pressed is None or word_of(pressed) != "pause" or not papers.is_quiet(name, pressed["begun"], at, pressed):
                 continue
-            last = room.last_before(at)
+            _, last = room.last_before(at)
             shown = device["position_ms"] / 1000
             if last is not None and abs(last - shown) > TOLD_LATE:
                 yield Finding(at, name, "position", f"paused at {shown:.3f} s, {last:.3f} was heard last")
@@ -151,7 +155,9 @@ def the_end_is_as_told(papers):
         elif device["session"] == "us" and (device["state"] == "playing") != (now is not None):
             yield Finding(papers.closed, name, "end", f"is shown as {device['state']} since {since:.3f}; "
                           f"{'nothing' if now is None else now} is heard")
-        elif device["session"] == "us" and not device["connected"]:
+        elif device["session"] == "us" and not device["connected"] and \
+                not any(breaks(step) and papers.concerns(step, name) and step.get("done", 0) > papers.closed - ASKED_AGAIN
+                        for step in papers.steps.values()):
             yield Finding(papers.closed, name, "end", "its channel is not there")
 
 
@@ -243,7 +249,8 @@ def what_was_set_stays(papers):
                 until = min([papers.closed, *(each["begun"] for each in others)])
                 for at, device in told:
                     shown = device.get(key)
-                    if step["done"] + 1 < at < until and device["session"] == "us" and device["connected"] and \
+                    if shown is not None and step["done"] + 1 < at < until and device["session"] == "us" and \
+                            device["connected"] and \
                             not is_set_to(shown, wanted, papers.step_of_volume(name)):
                         yield Finding(at, name, "set", f"{key} is shown as {shown}, {at - step['done']:.1f} s after it "
                                       f"was set to {wanted}")
@@ -353,7 +360,9 @@ def nobody_ends_unasked(papers):
             asked[key] -= 1
             if asked[key] < 0:
                 yield Finding(event["at"], event["place"], "ended", f"{event['program']}: {event['status']}")
-        if event["kind"] == "ended" and event["program"] in ("device", "controller") and event["status"] not in (0, -9):
+        is_over = papers.ends_early and event["at"] >= papers.closed
+        if event["kind"] == "ended" and event["program"] in ("device", "controller") and not is_over and \
+                event["status"] not in (0, -9):
             yield Finding(event["at"], event["place"], "ended", f"{event['program']}: {event['status']}")
 
 

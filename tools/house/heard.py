@@ -114,14 +114,14 @@ class Room:
                     (None, None))
 
     def last_before(self, at):
-        """The second, of its track, that was heard last before a time."""
-        last = None
+        """Track and second of what was heard last before a time."""
+        last = (None, None)
         for recording in self.recordings:
             if recording.seconds and recording.seconds[0] <= at:
                 frame = recording.frame_at_time(min(at, recording.seconds[-1]))
                 for stretch in recording.stretches:
                     if stretch.at < frame:
-                        last = (stretch.first + min(frame - stretch.at, stretch.count)) / recording.rate
+                        last = stretch.track, (stretch.first + min(frame - stretch.at, stretch.count)) / recording.rate
         return last
 
     def at(self, at):

@@ -57,9 +57,10 @@ def digest_of(folder):
 
 
 class Houses:
-    """Any number of them at once; each of its own folder."""
+    """Any number of them at once; each of its own folder. `until`, `leaves`: as of machine.run()."""
 
-    def __init__(self, build):
+    def __init__(self, build, until=machine.NEVER, leaves="nothing"):
+        self.until, self.leaves = until, leaves
         self.folder = build.parent / "house"
         kernel = image.fetch_kernel(self.folder / "kernel")
         self.kernel = uncompressed(kernel)
@@ -68,15 +69,15 @@ class Houses:
     def live_once(self, folder, plan, disk=None, since=0):
         """From one start of the machine to its end: what was found, and the papers."""
         folder.mkdir(exist_ok=True)
-        text = json.dumps(plan, indent=1)
-        (folder / "plan.json").write_text(text)
         own = image.Image()
-        own.add("/house.json", text.encode())
+        own.add("/house.json", json.dumps(plan, indent=1).encode())
+        lived = cut(plan, self.until) if self.until < plan["seconds"] else plan
+        (folder / "plan.json").write_text(json.dumps(lived, indent=1))
         initrd = folder / "initrd"
         initrd.write_bytes(self.base + own.archive())
         try:
             machine.run(folder, self.kernel, initrd, disk or folder / "disk", plan["seed"],
-                        LIMIT * (plan["seconds"] + 60), since)
+                        LIMIT * (plan["seconds"] + 60), since, self.until, self.leaves)
         finally:
             initrd.unlink()
         return checker.check(folder)
@@ -90,7 +91,7 @@ class Houses:
         try:
             machine.make_disk(folder / "disk")
             found, papers = self.live_once(folder, plan)
-            if "cut" in plan:
+            if "cut" in plan and plan["seconds"] <= self.until:
                 since = papers.closed + 1
                 again = {"seed": plan["seed"], "seconds": AFTERWARDS, "rooms": plan["rooms"], "pair": [], "steps": []}
                 after, papers_after = self.live_once(folder / "afterwards", again, folder / "disk", since)
@@ -169,6 +170,7 @@ def shrink(houses, name, plan):
 
 
 def cut(plan, until):
+    """As it was lived until then."""
     plan = {key: value for key, value in plan.items() if key != "cut"}
     return dict(plan, seconds=until, is_cut=True, steps=[step for step in plan["steps"] if step["at"] < until])
 
@@ -196,7 +198,9 @@ def main():
     parser.add_argument("--devices", type=int, default=8)
     parser.add_argument("--minutes", type=float, default=1)
     parser.add_argument("--twice", action="store_true", help="each a second time: is it the same?")
-    parser.add_argument("--until", type=float, help="end it so many seconds after it was opened")
+    parser.add_argument("--until", type=float, default=machine.NEVER, help="end it so many seconds after it was opened")
+    parser.add_argument("--leaves", choices=machine.LEAVES, default="nothing",
+                        help="then: what devices and controller have in memory, or what ran when")
     parser.add_argument("--plan", type=pathlib.Path, help="of this file")
     parser.add_argument("--shrink", action="store_true", help="leave out what its failure does not need")
     parser.add_argument("--known", action="store_true", help="those of numbers.txt, the first one twice")
@@ -207,11 +211,9 @@ def main():
     plans = [(str(number), script.write(number, options.devices, options.minutes)) for number in options.numbers]
     if options.plan:
         plans.append((options.plan.stem, json.loads(options.plan.read_text())))
-    if options.until:
-        plans = [(name, cut(plan, options.until)) for name, plan in plans]
     if options.planted is not None:
         return 1 if planted.plant_all(Houses, plans, options.planted, options.jobs) else 0
-    houses = Houses(options.build.resolve())
+    houses = Houses(options.build.resolve(), options.until, options.leaves)
     if options.shrink:
         for name, plan in plans:
             shrink(houses, name, plan)

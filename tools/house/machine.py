@@ -14,6 +14,8 @@ BEGIN = datetime.datetime(2026, 1, 1)
 DISK_ID = "00000000-0000-4000-8000-000000000001"
 COMMAND_LINE = ("console=ttyS0 quiet random.trust_cpu=off random.trust_bootloader=off nokaslr mitigations=off "
                 "panic=-1 rdinit=/init PYTHONHASHSEED=0")
+NEVER = 99999  # s
+LEAVES = {"nothing": "-----", "cores": "cores", "trace": "trace"}
 
 
 def make_disk(path):
@@ -39,12 +41,14 @@ def command(folder, kernel, initrd, disk, seed, since):
             "-append", COMMAND_LINE]
 
 
-def run(folder, kernel, initrd, disk, seed, limit, since=0):
+def run(folder, kernel, initrd, disk, seed, limit, since=0, until=NEVER, leaves="nothing"):
     """Lets the machine run until it is off; what it leaves, unpacked into the folder. The disk in it is as it was;
-    `since`: seconds from the house's beginning until this start."""
+    `since`: seconds from the house's beginning until this start; `until`: when it is ended, in s since it was opened."""
     folder = pathlib.Path(folder)
     papers = folder / "papers"
     with open(papers, "wb") as file:
+        # Of one length and nowhere that the kernel takes chance from: until then nothing depends on it.
+        file.write(f"{round(until * 1000):09} {LEAVES[leaves]}".encode())
         file.truncate(PAPERS)
     try:
         subprocess.run(command(folder, kernel, initrd, disk, seed, since), stdin=subprocess.DEVNULL, timeout=limit,

@@ -84,7 +84,7 @@ class Papers:
         """What a card played then was still in memory when its device was killed."""
         killed = [event["at"] for event in self.of_kind("ended")
                   if event["place"] == name and event["program"] == "device" and event["status"] == -9]
-        killed += [self.closed] if "cut" in self.plan else []
+        killed += [self.closed] if self.ends_early else []
         return any(at <= end and not any(
             recording.seconds and at <= recording.seconds[-1] <= end for recording in self.rooms[name].recordings)
             for end in killed)

@@ -11,7 +11,8 @@ import traceback
 
 LIBC = ctypes.CDLL(None, use_errno=True)
 MOUNTS = [("proc", "/proc", "proc", ""), ("sys", "/sys", "sysfs", ""), ("dev", "/dev", "devtmpfs", ""),
-          ("run", "/run", "tmpfs", ""), ("tmp", "/tmp", "tmpfs", ""), ("house", "/house", "tmpfs", "size=80%")]
+          ("run", "/run", "tmpfs", ""), ("tmp", "/tmp", "tmpfs", ""), ("house", "/house", "tmpfs", "size=80%"),
+          ("tracefs", "/sys/kernel/tracing", "tracefs", "")]
 FINIT_MODULE = 313
 POWER_OFF = 0x4321FEDC
 ADD_ENTROPY = 0x40085203  # RNDADDENTROPY
@@ -66,8 +67,10 @@ def main():
         os.environ.update(PATH="/usr/sbin:/usr/bin:/sbin:/bin:/nuvio/bin", HOME="/root", LD_LIBRARY_PATH="/nuvio/lib")
         import rooms
         add_entropy(rooms.plan()["seed"])
+        rooms.begin_trace()
         import director
-        director.run(rooms.plan())
+        until, leaves = pathlib.Path(PAPERS).open("rb").read(15).decode().split()
+        director.run(rooms.plan(), int(until) / 1000, leaves)
         is_cut = "cut" in rooms.plan()
     except BaseException:
         traceback.print_exc()

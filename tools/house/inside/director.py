@@ -190,7 +190,8 @@ class Director:
                     place.processes[name].end()
 
 
-def run(plan):
+def run(plan, until, leaves):
+    """`until`: when it ends early, in s since it was opened; `leaves`: what it leaves then."""
     rooms.HOUSE.mkdir(exist_ok=True)
     witness.begin(rooms.HOUSE / "events")
     director = Director(rooms.House(plan))
@@ -203,11 +204,19 @@ def run(plan):
     threading.Thread(target=page.watch, args=(CLOSET, CONTROLLER_PORT, stop), daemon=True).start()
     origin = witness.now()
     witness.note("opened", wall=time.time())
+    until += origin
     for step in plan["steps"]:
-        time.sleep(max(0.0, origin + step["at"] - witness.now()))
+        time.sleep(max(0.0, min(origin + step["at"], until) - witness.now()))
+        if witness.now() >= until:
+            break
         threading.Thread(target=functools.partial(director.take, step), daemon=True).start()
-    time.sleep(max(0.0, origin + plan["seconds"] - witness.now()))
+    time.sleep(max(0.0, min(origin + plan["seconds"], until) - witness.now()))
     witness.note("closed")
+    if leaves == "cores":
+        director.house.dump()
+        return
+    if leaves == "trace":
+        rooms.keep_trace()
     if "cut" in plan:
         director.house.freeze()
         return

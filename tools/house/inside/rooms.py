@@ -4,12 +4,14 @@ import ctypes
 import json
 import os
 import pathlib
+import resource
 import signal
 import socket
 import subprocess
 import threading
 
 import own_device
+import web_server
 import witness
 
 LIBC = ctypes.CDLL(None, use_errno=True)
@@ -31,12 +33,22 @@ host-name={name}
 [publish]
 publish-workstation=no
 """
-NGINX = """daemon off; master_process off; pid {d}/nginx.pid; error_log {d}/nginx.log;
-events {{}}
-http {{ access_log off; default_type application/octet-stream; root /music;
-client_body_temp_path {d}/t1; proxy_temp_path {d}/t2; fastcgi_temp_path {d}/t3; uwsgi_temp_path {d}/t4;
-scgi_temp_path {d}/t5; server {{ listen {address}:{port}; }} }}
-"""
+
+
+TRACE = pathlib.Path("/sys/kernel/tracing")
+
+
+def begin_trace():
+    """What runs when, noted by the kernel whether somebody wants it afterwards or not."""
+    (TRACE / "buffer_size_kb").write_text("16384")
+    (TRACE / "trace_clock").write_text("mono")
+    for event in ("sched/sched_switch", "sched/sched_wakeup", "signal/signal_generate"):
+        (TRACE / f"events/{event}/enable").write_text("1")
+
+
+def keep_trace():
+    (TRACE / "tracing_on").write_text("0")
+    (HOUSE / "trace").write_bytes((TRACE / "trace").read_bytes())
 
 
 def check(result, what):
@@ -185,7 +197,8 @@ class Closet(Place):
         ip("link add switch type bridge", f"address add {CLOSET}/24 broadcast + dev switch", "link set switch up",
            "link set lo up")
         super().__init__("Closet", CLOSET, "switch")
-        (self.folder / "nginx.conf").write_text(NGINX.format(d=self.folder, address=CLOSET, port=WEB_PORT))
+        (self.folder / "nginx.conf").write_text(web_server.CONF.format(
+            d=self.folder, root=MUSIC, servers=f"server {{ listen {CLOSET}:{WEB_PORT}; }}"))
         self.controller = Process(self, "controller", [
             "/nuvio/bin/nuvio-connect-controller", "serve", "--music", MUSIC, "--port", CONTROLLER_PORT,
             "--state", DISK / self.name])
@@ -207,6 +220,20 @@ class House:
     def start(self):
         for place in self.places.values():
             place.start()
+
+    def dump(self):
+        """Devices and controller leave their memory, for a debugger."""
+        pathlib.Path("/proc/sys/kernel/core_pattern").write_text("core")
+        ours = [place.processes[name] for place in self.places.values() for name in ("device", "controller")
+                if name in place.processes]
+        ours = [process.running for process in ours if process.running is not None and process.running.poll() is None]
+        for process in ours:
+            process.send_signal(signal.SIGSTOP)
+        for process in ours:
+            resource.prlimit(process.pid, resource.RLIMIT_CORE, (resource.RLIM_INFINITY,) * 2)
+            process.send_signal(signal.SIGABRT)
+            process.send_signal(signal.SIGCONT)
+            process.wait()
 
     def freeze(self):
         """Where the power is about to be cut: nobody does anything any more."""
