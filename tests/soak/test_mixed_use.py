@@ -1,9 +1,6 @@
-"""A house in which everything happens at once: two devices and a controller in honest use, servers of
-tracks and of channels that stall, lie and die, peers that mean harm, a card that fails, controllers
-that are killed and devices that are ended. Nobody ends unasked, and nothing stays behind.
-
-The Attic's card has no faults, and the Attic is left in peace now and then: what it plays then is heard
-bit for bit. Half a minute by default; NUVIO_LONG=1 takes ten, NUVIO_MIXED_MINUTES as many as it says.
+"""What means harm, all at once, to two devices and a controller in use: servers of tracks and of
+channels that stall, lie and die, peers that storm and send what they should not, a card that fails.
+Nobody ends, nothing stays behind, and afterwards a track is heard bit for bit. Half a minute by default; NUVIO_LONG=1 takes ten, NUVIO_MIXED_MINUTES as many as it says.
 NUVIO_SEED has each player do again what it did.
 """
 import collections
@@ -14,10 +11,8 @@ import os
 import pathlib
 import random
 import re
-import signal
 import socket
 import ssl
-import statistics
 import struct
 import sys
 import threading
@@ -30,7 +25,7 @@ sys.path[:0] = [str(pathlib.Path(__file__).parents[1] / area) for area in ("cont
 import house  # noqa: E402
 from bad_line import BadLine  # noqa: E402
 from certificate import make_certificate  # noqa: E402
-from device import CD, EMULATOR, PATIENCE, WebServer, wait_for  # noqa: E402
+from device import EMULATOR, PATIENCE, WebServer, wait_for  # noqa: E402
 from raw_websocket import RawServer, frame  # noqa: E402
 from raw_websocket import command as raw_command  # noqa: E402
 from scripted_server import ScriptedServer  # noqa: E402
@@ -48,8 +43,6 @@ COMMANDS = [("play", {}), ("pause", {}), ("next", {}), ("previous", {}), ("seek"
             ("volume", {"volume": 40}), ("mute", {"muted": False}), ("loop", {"loop": "all"}),
             ("shuffle", {"shuffle": True}), ("queue_jump", {"item": 1}), ("queue_read", {"first": 0}),
             ("queue_move", {"items": [1]}), ("queue_remove", {"items": [2]}), ("stop", {}), ("leave", {})]
-WORDS = ["pause", "play", "next", "previous", "seek +5", "volume +3", "status", "queue", "queue add ALBUM",
-         "queue jump 1", "play ALBUM", "loop all"]
 
 
 def usage(process):
@@ -70,15 +63,12 @@ class MixedUse(house.HouseTest):
     def setUp(self):
         super().setUp()
         make_certificate(self.folder, "DNS:localhost")
-        self.underruns = []  # of each track listened to
         self.tls = ssl.SSLContext(ssl.PROTOCOL_TLS_SERVER)
         self.tls.load_cert_chain(self.folder / "cert", self.folder / "key")
         for each in self.devices:
             each.environment.update(NUVIO_NETWORK_AUTHORITIES=str(self.folder / "cert"),
                                     NUVIO_MUSIC_FOLDERS=str(self.folder))
-            each.life, each.guests, each.is_in_peace = threading.RLock(), [], False
-        self.life = threading.RLock()  # the controller's
-        self.kitchen, self.attic = self.devices
+        self.kitchen = self.devices[0]
         web = WebServer(str(self.folder), root=str(self.music))
         self.addCleanup(web.kill)
         self.lying = ScriptedServer(self.serve_badly)
@@ -90,17 +80,6 @@ class MixedUse(house.HouseTest):
 
     # ---- Who plays along ------------------------------------------------------------------------
 
-    @contextlib.contextmanager
-    def room(self, rng):
-        """One of the devices, which is not left in peace meanwhile."""
-        room = rng.choice(self.devices)
-        room = self.kitchen if room.is_in_peace else room
-        room.guests.append(rng)
-        try:
-            yield room
-        finally:
-            room.guests.remove(rng)
-
     def content(self, rng):
         path = rng.choice(["0/0.flac", "1/0.flac", "2/1.flac"])
         return rng.choice([self.music / path, self.music, *(f"{url}/{path}" for url in self.honest),
@@ -111,37 +90,23 @@ class MixedUse(house.HouseTest):
         self.albums = [each["id"] for each in said["albums"]]
         return len(self.albums) == 3
 
-    def album(self, rng):
-        return f"album:{rng.choice(self.albums)}"
-
     def be_a_listener(self, rng):
-        with self.room(rng) as room:
-            path = f"/api/devices/{room.settings['host.friendly_name']}"
-            self.ask(f"{path}/play", {"what": [self.album(rng)],
-                                      "where": rng.choice(["now", "now", "next", "end"])})
-            for name, arguments in rng.choices(COMMANDS, k=rng.randrange(5)):
-                self.ask(f"{path}/command", {"command": name, **arguments})
-                time.sleep(rng.random())
-
-    def be_at_a_shell(self, rng):
-        with self.room(rng) as room:
-            word, *more = rng.choice(WORDS).replace("ALBUM", self.album(rng)).split()
-            self.command(word, room.settings["host.friendly_name"], *more, check=False)
-            room.player(*rng.choice(["play-pause", "next", "position 5", "volume 0.3", "metadata"]).split())
-
-    def be_another_controller(self, rng):
-        with self.room(rng) as room:
-            room.connect(self.content(rng), session=str(rng.random()), active=rng.random() < 0.9)
-            time.sleep(rng.random() * 4)
+        path = f"/api/devices/{rng.choice(self.rooms)}"
+        self.ask(f"{path}/play", {"what": [f"album:{rng.choice(self.albums)}"],
+                                  "where": rng.choice(["now", "now", "next", "end"])})
+        for name, arguments in rng.choices(COMMANDS, k=rng.randrange(5)):
+            self.ask(f"{path}/command", {"command": name, **arguments})
+            time.sleep(rng.random())
 
     def be_a_storm(self, rng):
-        with self.room(rng) as room:
-            for n in range(rng.randrange(40)):
-                room.connect(self.content(rng), session=f"storm{n}")
-                time.sleep(rng.random() / 5)
+        room, often = rng.choice(self.devices), rng.choice([5, 1 / 4])
+        for n in range(rng.randrange(40 if often > 1 else 3)):
+            room.connect(self.content(rng), session=f"storm{n}", active=rng.random() < 0.9)
+            time.sleep(rng.random() / often)
 
     def be_a_session(self, rng):
-        with self.room(rng) as room, contextlib.closing(Server(tls=rng.choice([self.tls, None]))) as server:
+        room = rng.choice(self.devices)
+        with contextlib.closing(Server(tls=rng.choice([self.tls, None]))) as server:
             room.connect(self.content(rng), remote=server.url)
             time.sleep(0.3 + rng.random())
             with contextlib.suppress(websockets.ConnectionClosed):
@@ -150,7 +115,8 @@ class MixedUse(house.HouseTest):
                     time.sleep(rng.random() / 5)
 
     def be_a_hostile_session(self, rng):
-        with self.room(rng) as room, RawServer(timeout=2) as server:
+        room = rng.choice(self.devices)
+        with RawServer(timeout=2) as server:
             room.connect(self.content(rng), remote=server.url)
             with contextlib.suppress(OSError), server.accept() as peer:
                 for name, arguments in rng.choices(COMMANDS, k=rng.randrange(1, 40)):
@@ -214,51 +180,21 @@ class MixedUse(house.HouseTest):
         for words in ("clear", "plug", "speed 1", "element restore"):
             self.kitchen.card(*words.split())
 
-    def be_a_power_cut(self, rng):
-        self.over.wait(rng.random() * 20)
-        with self.life:
-            self.stop_controller(signal.SIGKILL)
-            self.start_controller()
-
-    def be_a_service_manager(self, rng):
-        self.over.wait(rng.random() * 20)
-        with self.kitchen.life:
-            status, seconds = self.kitchen.stop()
-            self.assertEqual(status, 0, f"after {seconds:.1f} s: {excerpt(self.kitchen.log_path)}")
-            self.kitchen.start()
-
-    def be_in_peace(self, rng):
-        self.over.wait(rng.random() * 15)
-        self.attic.is_in_peace = True
-        try:
-            wait_for("the guests' leaving", lambda: not self.attic.guests)
-            self.check_sound(self.attic, rng)
-        finally:
-            self.attic.is_in_peace = False
-
     # ---- What must hold -------------------------------------------------------------------------
 
-    def check_sound(self, room, rng):
-        """Two seconds of a track come out as they are."""
+    def idle(self, room):
+        """What a device uses that has played two seconds of a track as they are and has stopped."""
         time.sleep(4)  # a key pressed before waits up to 3 s for its turn, and would pause what follows
         for text in set((room.folder / "card/recordings").glob("*.txt")) - set(room.open_recordings()):
             text.unlink()
             text.with_suffix(".raw").unlink()
-        album, track = rng.choice([0, 2]), rng.randrange(2)  # the one between them is a single file
         for patience in (15, 15, PATIENCE):  # on a busy machine that key may come later still
             # Guests may have left the same track playing: who stops that one doesn't stop what was just asked for.
             since = {each.name: len(each.data) for each in room.recordings()}
-            wait_for("a session", lambda: room.connect(f"{self.honest[0]}/{album}/{track}.flac") == 200)
+            wait_for("a session", lambda: room.connect(f"{self.honest[0]}/0/1.flac") == 200)
             with contextlib.suppress(AssertionError if patience < PATIENCE else ()):
-                wait_for(f"{album}/{track} heard", lambda: self.heard(room, album, track, since=since), patience, 1)
+                wait_for("the track", lambda: self.heard(room, 0, 1, since=since), patience, 1)
                 break
-        heard = self.played[album, track][:CD]
-        # The last one: before it a bad server may have had the same track.
-        self.underruns.append([each.underruns for each in room.recordings() if heard in each.data][-1])
-
-    def idle(self, room):
-        """What a device uses that has played a track and has stopped."""
-        self.check_sound(room, random.Random(SEED))
         room.player("stop")
         time.sleep(3)
         return usage(room.daemon)
@@ -270,7 +206,7 @@ class MixedUse(house.HouseTest):
             try:
                 play(rng)
             except (ConnectionError, http.client.HTTPException):
-                pass  # somebody was ended meanwhile
+                pass  # refused, as there are too many
             except Exception:
                 self.find(traceback.format_exc(limit=-3))
 
@@ -279,49 +215,42 @@ class MixedUse(house.HouseTest):
         print(f"soak: {what}", flush=True)
 
     def look_around(self):
-        """Notes what is used, and starts again who has ended unasked."""
-        for name, owner, field, start in self.watched:
-            with owner.life, contextlib.suppress(ProcessLookupError, FileNotFoundError):
-                process = getattr(owner, field)
-                if process is None or process.poll() is not None:
-                    if process is not None:  # who has ended badly when asked to has been noted
-                        self.find(f"{name} ended with {process.returncode}: {excerpt(owner.log_path)}")
-                    start()
-                self.peaks[name] = max(self.peaks[name], usage(getattr(owner, field))[0])
+        """False: somebody has ended."""
+        for owner, field in [(self, "controller"), *((room, "daemon") for room in self.devices)]:
+            process = getattr(owner, field)
+            if process.poll() is not None:
+                self.find(f"{field} ended with {process.returncode}: {excerpt(owner.log_path)}")
+                return False
+            with contextlib.suppress(ProcessLookupError, FileNotFoundError):
+                self.peaks[field] = max(self.peaks[field], usage(process)[0])
+        return True
 
     def test_nobody_ends_nothing_grows_and_a_track_is_a_track(self):
         print(f"\nsoak: seed {SEED}", flush=True)
         self.start_all()
         wait_for("the library", self.knows_albums)
         before = [self.idle(room) for room in self.devices]
-        self.watched = [("controller", self, "controller", self.start_controller), *(
-            (name, room, "daemon", room.start) for name, room in zip(self.rooms, self.devices))]
         players = [threading.Thread(target=self.act, args=(getattr(self, name),))
                    for name in dir(self) if name.startswith("be_")]
         for player in players:
             player.start()
         end = time.monotonic() + MINUTES * 60
         try:
-            while time.monotonic() < end:
-                self.look_around()
+            while self.look_around() and time.monotonic() < end:
                 time.sleep(0.2)
         finally:
             self.over.set()
             for player in players:
                 player.join()
-        self.look_around()
-        after = [self.idle(room) for room in self.devices]
+        after = [self.idle(room) for room in self.devices] if self.look_around() else []
         print(f"\nsoak: mixed use for {MINUTES:g} min: {dict(self.counts)}; KiB, threads and descriptors "
               f"{before} -> {after}, at most {dict(self.peaks)} KiB")
         self.assertEqual(self.findings, [])
-        # One may be the machine's, which has more to do than it can.
-        self.assertTrue(self.attic.is_sanitized() or EMULATOR or statistics.median(self.underruns) == 0,
-                        self.underruns)
         for room, (_, *held) in zip(self.devices, before):
             wait_for("as much as before", lambda: all(
                 now <= then + 1 for now, then in zip(usage(room.daemon)[1:], held)))
-        if not self.attic.is_sanitized() and not EMULATOR:
-            self.assertLess(self.peaks.pop("controller"), CONTROLLER_KIB)
-            self.assertLess(max(self.peaks.values()), PEAK_KIB)
+        if not self.kitchen.is_sanitized() and not EMULATOR:
+            self.assertLess(self.peaks["controller"], CONTROLLER_KIB)
+            self.assertLess(self.peaks["daemon"], PEAK_KIB)
             # Once they hold no more than before: a line that was dead may be waited for until then.
             self.assertLess(max(usage(room.daemon)[0] for room in self.devices), KEPT_KIB)
