@@ -2,12 +2,11 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/socket.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstring>
 #include <utility>
+
+#include "common/process/packets.h"
 
 namespace nuvio::reader {
 
@@ -20,29 +19,7 @@ UniqueFd shared_memory(size_t bytes) {
 }
 
 bool send(int socket, const Request& request, const UniqueFd& file, const UniqueFd& memory) {
-    std::array<int, 2> descriptors{};
-    size_t count = 0;
-    for (const UniqueFd* each : {&file, &memory}) {
-        if (*each) {
-            descriptors[count++] = each->get();
-        }
-    }
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptors)> control{};
-    iovec part{const_cast<Request*>(&request), sizeof request};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    if (count > 0) {
-        message.msg_control = control.data();
-        message.msg_controllen = CMSG_SPACE(count * sizeof(int));
-        cmsghdr* const rights = CMSG_FIRSTHDR(&message);
-        rights->cmsg_level = SOL_SOCKET;
-        rights->cmsg_type = SCM_RIGHTS;
-        rights->cmsg_len = CMSG_LEN(count * sizeof(int));
-        std::memcpy(CMSG_DATA(rights), descriptors.data(), count * sizeof(int));
-    }
-    return sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT) ==
-           static_cast<ssize_t>(sizeof request);
+    return send_packet(socket, {bytes_of(request)}, {file.get(), memory.get()});
 }
 
 }  // namespace nuvio::reader

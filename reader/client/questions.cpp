@@ -87,7 +87,7 @@ Questions::Word Questions::next_word(Meanwhile& meanwhile, Answer* answer) {
 }
 
 Failure Questions::fail(Word last, const Answer& answer) {
-    const ReaderProcess::End end = m_process->end();
+    const ChildProcess::End end = m_process->end();
     m_process.reset();
     if (last == Word::none) {
         return {Failure::Kind::disk, "no answer from its disk"};
@@ -110,7 +110,7 @@ Outcome<Answer> Questions::ask(Request request, const UniqueFd& file, const Uniq
                                Meanwhile& meanwhile) {
     std::string error;
     if (!m_process) {
-        m_process = std::make_unique<ReaderProcess>(m_program, m_option, &error);
+        m_process = std::make_unique<ChildProcess>(m_program, m_option, &error);
     }
     if (!m_process->socket()) {
         m_process.reset();

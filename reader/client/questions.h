@@ -10,8 +10,8 @@
 #include <string>
 #include <variant>
 
+#include "common/process/child_process.h"
 #include "common/unique_fd.h"
-#include "reader/client/reader_process.h"
 #include "reader/protocol.h"
 
 namespace nuvio::reader {
@@ -48,7 +48,7 @@ class Questions {
   public:
     static constexpr std::chrono::seconds kPatience{30};
 
-    // `program`: the file's name, see reader_process.h.
+    // `program`: the file's name, see child_process.h.
     explicit Questions(const char* program);
     Questions(const Questions&) = delete;
     Questions& operator=(const Questions&) = delete;
@@ -90,7 +90,7 @@ class Questions {
     const char* const m_program;
     const char* m_option = nullptr;
     const UniqueFd m_interruption;  // an eventfd
-    std::unique_ptr<ReaderProcess> m_process;
+    std::unique_ptr<ChildProcess> m_process;
     uint32_t m_number = 0;
     bool m_is_interrupted = false;
 };

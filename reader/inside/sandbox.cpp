@@ -18,6 +18,7 @@
 #include <string_view>
 
 #include "common/files/files.h"
+#include "common/process/filter_rule.h"
 #include "common/released_by.h"
 #include "common/unique_fd.h"
 
@@ -96,22 +97,13 @@ constexpr int kAllowedToSanitizer[] = {
     SCMP_SYS(pipe2),
 };
 
-bool add_rule(scmp_filter_ctx filter, uint32_t action, int call) {
-    const int failure = seccomp_rule_add(filter, action, call, 0);
-    return failure == 0 || failure == -EDOM;  // this machine has no such call
-}
-
-bool allow_unless_executable(scmp_filter_ctx filter, int call) {
-    constexpr scmp_arg_cmp kNotExecutable{2, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0};
-    const int failure = seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, call, 1, &kNotExecutable);
-    return failure == 0 || failure == -EDOM;
-}
+constexpr scmp_arg_cmp kNotExecutable{2, SCMP_CMP_MASKED_EQ, PROT_EXEC, 0};
 
 // Which both lead nowhere: libraries complain of what they read.
 bool allow_output(scmp_filter_ctx filter) {
     return std::ranges::all_of(std::array{STDOUT_FILENO, STDERR_FILENO}, [&](int output) {
-        const scmp_arg_cmp to{0, SCMP_CMP_EQ, static_cast<scmp_datum_t>(output), 0};
-        return seccomp_rule_add_array(filter, SCMP_ACT_ALLOW, SCMP_SYS(write), 1, &to) == 0;
+        return add_rule(filter, SCMP_ACT_ALLOW, SCMP_SYS(write),
+                        {{0, SCMP_CMP_EQ, static_cast<scmp_datum_t>(output), 0}});
     });
 }
 
@@ -122,7 +114,7 @@ bool add_rules(scmp_filter_ctx filter) {
         }
     }
     for (const int call : kAllowedUnlessExecutable) {
-        if (!allow_unless_executable(filter, call)) {
+        if (!add_rule(filter, SCMP_ACT_ALLOW, call, {kNotExecutable})) {
             return false;
         }
     }

@@ -8,10 +8,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <new>
 #include <string>
 #include <string_view>
@@ -19,6 +17,7 @@
 
 #include "common/code_pages.h"
 #include "common/music/pictures.h"
+#include "common/process/packets.h"
 #include "reader/inside/sandbox.h"
 
 namespace nuvio::reader {
@@ -33,25 +32,14 @@ struct Received {
 enum class Receipt { request, end, other_build };
 
 Receipt receive(Received* received) {
-    std::array<int, 2> descriptors{-1, -1};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(sizeof descriptors)> control{};
-    iovec part{&received->request, sizeof received->request};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = control.data();
-    message.msg_controllen = control.size();
-    const ssize_t got = recvmsg(kSocket, &message, MSG_CMSG_CLOEXEC);
+    Descriptors descriptors;
+    const ssize_t got =
+        receive_packet(kSocket, &received->request, sizeof received->request, &descriptors);
     if (got != static_cast<ssize_t>(sizeof received->request)) {
         return got <= 0 ? Receipt::end : Receipt::other_build;
     }
-    const cmsghdr* const rights = CMSG_FIRSTHDR(&message);
-    if (rights != nullptr && rights->cmsg_type == SCM_RIGHTS) {
-        std::memcpy(descriptors.data(), CMSG_DATA(rights),
-                    std::min(rights->cmsg_len - CMSG_LEN(0), sizeof descriptors));
-    }
-    received->file = UniqueFd(descriptors[0]);
-    received->memory = UniqueFd(descriptors[1]);
+    received->file = std::move(descriptors[0]);
+    received->memory = std::move(descriptors[1]);
     return Receipt::request;
 }
 

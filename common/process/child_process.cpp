@@ -1,4 +1,4 @@
-#include "reader/client/reader_process.h"
+#include "common/process/child_process.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -21,7 +21,7 @@
 
 #include "common/environment.h"
 
-namespace nuvio::reader {
+namespace nuvio {
 
 namespace {
 
@@ -63,15 +63,16 @@ std::string path_of(const char* program) {
     return !error && fs::exists(beside, error) ? beside : fs::path(NUVIO_READERS) / program;
 }
 
-// Of the environment, which may hold secrets, what the loader, sanitizers and emulators read.
-std::vector<char*> shown_environment() {
-    constexpr std::string_view kShown[] = {
-        "LD_LIBRARY_PATH=", "ASAN_OPTIONS=", "TSAN_OPTIONS=", "UBSAN_OPTIONS=", "QEMU_LD_PREFIX="};
+constexpr std::string_view kShownToAll[] = {
+    "LD_LIBRARY_PATH=", "ASAN_OPTIONS=", "TSAN_OPTIONS=", "UBSAN_OPTIONS=", "QEMU_LD_PREFIX="};
+
+std::vector<char*> shown_environment(std::span<const std::string_view> names) {
     std::vector<char*> shown;
     for (char** variable = environ; *variable != nullptr; ++variable) {
-        if (std::ranges::any_of(kShown, [variable](std::string_view name) {
-                return std::string_view(*variable).starts_with(name);
-            })) {
+        const auto is_named = [variable](std::string_view name) {
+            return std::string_view(*variable).starts_with(name);
+        };
+        if (std::ranges::any_of(kShownToAll, is_named) || std::ranges::any_of(names, is_named)) {
             shown.push_back(*variable);
         }
     }
@@ -104,10 +105,10 @@ class SpawnPlan {
     SpawnPlan(const SpawnPlan&) = delete;
     SpawnPlan& operator=(const SpawnPlan&) = delete;
 
-    int start(const std::string& path, char* const* arguments, pid_t* process) {
-        std::vector<char*> environment = shown_environment();
+    int start(const std::string& path, char* const* arguments, char* const* environment,
+              pid_t* process) {
         return posix_spawn(process, path.c_str(), &m_actions, &m_attributes, arguments,
-                           environment.data());
+                           environment);
     }
 
   private:
@@ -115,7 +116,7 @@ class SpawnPlan {
     posix_spawn_file_actions_t m_actions;
 };
 
-ReaderProcess::End ending(int status) {
+ChildProcess::End ending(int status) {
     if (WIFSIGNALED(status)) {
         const int signal = WTERMSIG(status);
         return {"was ended by signal " + std::to_string(signal) + " (" + strsignal(signal) + ")",
@@ -128,7 +129,8 @@ ReaderProcess::End ending(int status) {
 
 }  // namespace
 
-ReaderProcess::ReaderProcess(const char* program, const char* option, std::string* error) {
+ChildProcess::ChildProcess(const char* program, const char* option, std::string* error,
+                           std::span<const std::string_view> shown) {
     std::array<int, 2> pair{};
     if (left_behind().count() >= kMaxLeftBehind) {
         *error = "too many before it still wait for their disks";
@@ -150,8 +152,10 @@ ReaderProcess::ReaderProcess(const char* program, const char* option, std::strin
     }
     std::vector<char*> arguments(words.size() + 1);
     std::ranges::transform(words, arguments.begin(), [](std::string& word) { return word.data(); });
+    const std::vector<char*> environment = shown_environment(shown);
     SpawnPlan plan(its.get());
-    if (const int failure = plan.start(path, arguments.data(), &m_process); failure != 0) {
+    if (const int failure = plan.start(path, arguments.data(), environment.data(), &m_process);
+        failure != 0) {
         m_process = -1;
         *error = path + ": " + std::strerror(failure);
         return;
@@ -159,11 +163,11 @@ ReaderProcess::ReaderProcess(const char* program, const char* option, std::strin
     m_socket = std::move(own);
 }
 
-ReaderProcess::~ReaderProcess() {
+ChildProcess::~ChildProcess() {
     end();
 }
 
-ReaderProcess::End ReaderProcess::end() {
+ChildProcess::End ChildProcess::end() {
     if (m_process < 0) {
         return {"", false};
     }
@@ -181,4 +185,4 @@ ReaderProcess::End ReaderProcess::end() {
     return {"hangs", true};
 }
 
-}  // namespace nuvio::reader
+}  // namespace nuvio
