@@ -15,10 +15,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <string_view>
 
 #include "common/files/files.h"
 #include "common/process/filter_rule.h"
+#include "common/process/give_way.h"
 #include "common/released_by.h"
 #include "common/unique_fd.h"
 
@@ -160,14 +160,6 @@ bool set_limits(std::string* error) {
     return kIsSanitized || limit({RLIMIT_AS, address_space() + kMemoryBytes}, error);
 }
 
-// Where memory is short the kernel takes this process first, and not who started it. It goes on
-// without: its limit is what counts.
-void offer_to_the_kernel() {
-    constexpr std::string_view kMost = "1000";
-    const UniqueFd score(open("/proc/self/oom_score_adj", O_WRONLY | O_CLOEXEC));
-    static_cast<void>(write(score.get(), kMost.data(), kMost.size()) > 0);
-}
-
 void set_timer(__itimer_which_t which, std::chrono::seconds time) {
     const itimerval once{{0, 0}, {static_cast<time_t>(time.count()), 0}};
     setitimer(which, &once, nullptr);
@@ -176,7 +168,7 @@ void set_timer(__itimer_which_t which, std::chrono::seconds time) {
 }  // namespace
 
 bool shut_in(bool filtered, std::string* error) {
-    offer_to_the_kernel();
+    give_way_where_memory_is_short();
     if (prctl(PR_SET_NO_NEW_PRIVS, 1, 0, 0, 0) != 0 || prctl(PR_SET_DUMPABLE, 0, 0, 0, 0) != 0) {
         *error = std::strerror(errno);
         return false;

@@ -17,7 +17,7 @@ import threading
 import time
 from functools import partial
 
-from device import (CD, EMULATOR, PANEL, PATIENCE, DeviceTest, program, signal_samples, wait_for,
+from device import (CD, EMULATOR, PANEL, PATIENCE, DeviceTest, WebServer, program, signal_samples, wait_for,
                     write_wav)
 
 ROUNDS = 300 if "NUVIO_LONG" in os.environ else 22
@@ -150,14 +150,16 @@ class Lifecycle(DeviceTest):
             if not failed and not self.log_count("asking again"):
                 return
 
-    def test_a_device_that_is_killed_leaves_no_reader(self):
+    def test_a_device_that_is_killed_leaves_no_reader_and_no_fetcher(self):
+        server = WebServer(str(self.folder))
+        self.addCleanup(server.kill)
         self.start()
-        self.play(self.long)
+        self.play(f"{server.url}/{self.long.name}")
         self.pause()
         tasks = pathlib.Path(f"/proc/{self.daemon.pid}/task")
         readers = [pathlib.Path(f"/proc/{pid}/exe") for task in tasks.iterdir()
                    for pid in (task / "children").read_text().split()]
-        self.assertEqual(len(readers), 1)
+        self.assertEqual(len(readers), 2)
         self.daemon.kill()
         self.daemon.wait()
         self.daemon = None

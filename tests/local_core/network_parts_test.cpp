@@ -1,16 +1,11 @@
 // What the network's bytes say, in whatever pieces they come.
 #include <gtest/gtest.h>
-#include <netdb.h>
 
-#include <atomic>
-#include <chrono>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "common/url/url.h"
 #include "local/network/http_response.h"
-#include "local/network/http_source.h"
 #include "local/network/icy.h"
 #include "reader/inside/sound/mpeg_sync.h"
 #include "reader/inside/sound/ogg_end.h"
@@ -21,45 +16,9 @@ using namespace std::string_literals;
 
 namespace {
 
-// Stands in for name servers that do not answer, of which there are none to be had in a test.
-std::atomic<bool> name_servers_answer{false};
-std::atomic<int> lookups{0}, begun{0};
-
-}  // namespace
-
-extern "C" int getaddrinfo(const char*, const char*, const addrinfo*, addrinfo**) {
-    ++lookups;
-    ++begun;
-    name_servers_answer.wait(false);
-    --lookups;
-    return EAI_NONAME;
-}
-
-namespace {
-
 // A page's first bytes: its mark, version and flags, then something of a body.
 std::string page(char flags, const std::string& body) {
     return std::string("OggS\0", 5) + flags + body;
-}
-
-TEST(NetworkParts, NamesThatNobodyAnswersHoldADozenThreadsAndNoSource) {
-    const auto abandon = [](const std::string& url) {
-        HttpRequest request;
-        request.url = url;
-        HttpSource source(std::move(request));
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        return source.error();
-    };
-    for (int n = 0; n < 40; ++n) {
-        EXPECT_EQ(abandon("http://music" + std::to_string(n) + ".example/"), "");
-    }
-    EXPECT_GT(lookups, 0);
-    EXPECT_LE(lookups, 12);
-    name_servers_answer = true;
-    name_servers_answer.notify_all();
-    for (const int before = begun; begun == before;) {
-        EXPECT_EQ(abandon("http://music.example/"), "");
-    }
 }
 
 TEST(NetworkParts, AnOggStreamEndsWhereTheNextOneBeginsHoweverItsBytesAreCut) {

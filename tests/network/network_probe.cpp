@@ -3,7 +3,8 @@
 //                                                               stderr; COUNT 0 is all that is left
 //   network_probe decode PATH|URL [...]     the same in frames, as the device gets them
 //   network_probe encode FILE TO [TITLE]    a stereo file as MP3, or as Vorbis with a title
-//   network_probe tracks URL [KEY=VALUE ...]                    a line a track to stdout
+//   network_probe abandon URL 0:COUNT                           so many sources of it, none waited
+//   for network_probe tracks URL [KEY=VALUE ...]                    a line a track to stdout
 #include <sndfile.h>
 
 #include <algorithm>
@@ -159,6 +160,18 @@ void read(const Job& job) {
     tell(source.failure(), source.error());
 }
 
+// Each with a name of its own before the URL's.
+void abandon(const Job& job) {
+    const auto connections = HttpTransfer::keep_connections();
+    for (size_t n = 0; n < job.parts.front().second; ++n) {
+        HttpRequest request = job.request;
+        request.url.insert(request.url.find("//") + 2, "n" + std::to_string(n) + ".");
+        HttpSource source(request);
+        std::this_thread::sleep_for(std::chrono::milliseconds(50));
+        tell(source.failure(), source.error());
+    }
+}
+
 void decode(const Job& job) {
     Track track{.location = job.request.url};
     if (track.location.find("://") != std::string::npos) {
@@ -221,7 +234,8 @@ int main(int argc, char** argv) {
     static constexpr struct {
         std::string_view name;
         void (*run)(const Job& job);
-    } kCommands[] = {{"read", read}, {"decode", decode}, {"tracks", list_tracks}};
+    } kCommands[] = {
+        {"read", read}, {"abandon", abandon}, {"decode", decode}, {"tracks", list_tracks}};
     if (argv[1] == std::string_view("encode") && argc >= 4) {
         encode(argv[2], argv[3], argv[4]);
         return 0;

@@ -5,6 +5,7 @@ import math
 import os
 import pathlib
 import random
+import signal
 import socket
 import struct
 import subprocess
@@ -63,6 +64,16 @@ class Result:
 def start(command, url, *arguments, wrapper=()):
     return subprocess.Popen([*wrapper, *program("network_probe"), command, url, *arguments],
                             stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+
+
+def fetchers_below(pid):
+    """Of a process and those that it has started."""
+    found = []
+    for children in pathlib.Path(f"/proc/{pid}/task").glob("*/children"):
+        for child in children.read_text().split():
+            is_one = "fetcher" in os.path.basename(os.readlink(f"/proc/{child}/exe"))
+            found += [int(child)] if is_one else fetchers_below(child)
+    return found
 
 
 def pieces(content, parts, unit=1):
@@ -380,6 +391,38 @@ class Network(unittest.TestCase):
                 self.assertEqual((result.failure, result.body == self.file), ("none", True),
                                  result.log)
                 self.assertGreater(line.cuts, 1)
+
+    def test_a_fetcher_that_is_killed_or_hangs_costs_no_byte(self):
+        for number in signal.SIGKILL, signal.SIGSTOP:
+            with self.subTest(number):
+                process = start("read", self.base + "/slow/file", "stalled_s=1")
+                time.sleep(0.8)
+                fetcher, = fetchers_below(process.pid)
+                os.kill(fetcher, number)
+                result = Result(process)
+                self.assertEqual((result.failure, result.body == self.file), ("none", True),
+                                 result.log)
+                self.assertFalse(os.path.exists(f"/proc/{fetcher}"))
+
+    def test_names_that_nobody_answers_hold_a_dozen_threads_and_no_source(self):
+        self.write("resolv.conf", "nameserver 127.0.0.1")
+        silent = ("import socket, subprocess, sys; names = socket.socket(type=socket.SOCK_DGRAM); "
+                  "names.bind(('127.0.0.1', 53)); sys.exit(subprocess.call(sys.argv[1:]))")
+        wrapper = ["unshare", "--net", "--mount", "--map-root-user", "sh", "-ec",
+                   f"ip link set lo up; mount --bind {self.d}/resolv.conf /etc/resolv.conf; exec \"$@\"", "-",
+                   sys.executable, "-c", silent]
+        if subprocess.run([*wrapper, "true"], capture_output=True).returncode != 0:
+            self.skipTest("no namespaces here")
+        process = start("abandon", "http://music.example/", "0:40", wrapper=wrapper)
+        most = 0
+        while process.poll() is None:
+            try:
+                most = max([most, *(len(os.listdir(f"/proc/{pid}/task")) for pid in fetchers_below(process.pid))])
+            except OSError:
+                pass  # one has just ended
+            time.sleep(0.01)
+        self.assertEqual(Result(process).log.count("failure=none"), 40)
+        self.assertTrue(8 < most <= 14, most)  # with its own, and of one that is still wanted
 
     def test_servers_that_break_off_or_say_a_wrong_length(self):
         content = self.file[:60000]

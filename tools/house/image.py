@@ -19,7 +19,7 @@ HERE = pathlib.Path(__file__).resolve().parent
 PYTHON = f"python3.{sys.version_info[1]}"
 STANDARD_LIBRARY = pathlib.Path("/usr/lib") / PYTHON
 MODULES = ["veth", "bridge", "sch_netem", "nfit", "nd_pmem", "ext4", "crc32c_generic"]
-OWN = ["nuvio-connect", "nuvio-connect-reader", "nuvio-connect-controller", "simcardctl"]
+OWN = ["nuvio-connect", "nuvio-connect-fetcher", "nuvio-connect-reader", "nuvio-connect-controller", "simcardctl"]
 SERVICES = ["avahi-daemon", "dash", "dbus-daemon", "dbus-send", "ip", "nginx", "tc", PYTHON]
 # Of Python's own library what no program here imports.
 LEFT_OUT = {"__pycache__", "ensurepip", "idlelib", "lib2to3", "pydoc_data", "test", "tkinter", "turtledemo",

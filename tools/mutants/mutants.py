@@ -47,6 +47,7 @@ TARGETS = {"advertising_test": ["advertiser_host"], "bus_test": DEVICE,
            "golden_log_test": ["golden_life"], "test_page": [*DEVICE, "nuvio-connect-controller"],
            "test_controller": [*DEVICE, "nuvio-connect-controller"],
            "test_playback": DEVICE, "test_host": DEVICE, "test_long_session": DEVICE,
+           "test_network": ["network_probe"],
            "test_zoo": [*DEVICE, "network_probe", "nuvio_connect_ffmpeg"]}
 
 Mutant = collections.namedtuple("Mutant", "area tests found planted")

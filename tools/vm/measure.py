@@ -37,7 +37,7 @@ ROWS = {  # What is played at which volume, which is one in software
     "WAV 44.1/16, volume in software at 50 %": (f"{MUSIC}/44100-16-{{}}.wav", 50),
 }
 PROGRAMS = ("usr/bin/nuvio-connect", "usr/lib/*/libnuvio_connect.so.1", "usr/lib/*/libnuvio_host.so.1",
-            "usr/lib/*/libnuvio_connect_http.so*", "usr/lib/*/libnuvio_connect_channel.so*",
+            "usr/lib/*/libnuvio_connect_channel.so*", "usr/libexec/nuvio-connect/nuvio-connect-fetcher",
             "usr/libexec/nuvio-connect/nuvio-connect-reader")
 
 

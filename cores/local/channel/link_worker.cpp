@@ -11,7 +11,7 @@
 
 #include "common/bearer.h"
 #include "common/utf8.h"
-#include "local/base/tls_library.h"
+#include "local/channel/tls_library.h"
 
 namespace local_core {
 

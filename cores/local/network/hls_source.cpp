@@ -22,9 +22,8 @@ constexpr uint64_t kFromLiveEnd = 3;  // segments
 constexpr size_t kMostWithInit = 250;
 constexpr int kPatientTargets = 3;  // without a segment, at least
 
-// Its segments come over the connections of those before, and from where there was an answer.
+// They come from where there was an answer.
 HttpRequest for_segments(HttpRequest request) {
-    request.connections = HttpTransfer::make_connections();
     request.give_up_unanswered_after.reset();
     return request;
 }

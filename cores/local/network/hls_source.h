@@ -72,6 +72,9 @@ class HlsSource final : public RemoteSource {
     bool append(std::string_view bytes);
 
     const HttpRequest m_request;
+    // Segments come over those of the ones before.
+    const std::shared_ptr<HttpTransfer::Connections> m_connections =
+        HttpTransfer::keep_connections();
     Interruption m_interruption;
     std::condition_variable m_wake;  // what the thread waits for, with the base's lock
 

@@ -36,7 +36,7 @@ HttpSource::HttpSource(HttpRequest request)
     } else if (m_transfer =
                    HttpTransfer::make({[this](std::string_view line) { return take_line(line); },
                                        [this](std::string_view bytes) { return take_body(bytes); }},
-                                      m_request.connections, &why_none);
+                                      &why_none);
                !m_transfer) {
         fail(HttpFailure::unusable, why_none);
     } else {
@@ -172,8 +172,10 @@ void HttpSource::start() {
     m_skip = 0;
     m_response = {};
     m_verdict = {};
-    if (const char* why_not = m_transfer->start({m_url, request_lines(), m_asked_from,
-                                                 m_request.stalled_after, m_request.authorities})) {
+    std::string why_not;
+    if (!m_transfer->start(
+            {m_url, request_lines(), m_asked_from, m_request.stalled_after, m_request.authorities},
+            &why_not)) {
         try_again(why_not);
     }
 }

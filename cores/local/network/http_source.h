@@ -42,8 +42,6 @@ struct HttpRequest {
     std::optional<std::chrono::milliseconds> give_up_unanswered_after{};
     // A connection without a byte for so long is made anew.
     std::chrono::seconds stalled_after = std::chrono::seconds(10);
-    // Of earlier sources, and for later ones; null: its own.
-    std::shared_ptr<HttpTransfer::Connections> connections{};
 };
 
 struct HttpContent {
@@ -96,7 +94,7 @@ class HttpSource final : public RemoteSource {
     std::unique_ptr<HttpTransfer> m_transfer;  // null: there is none to be had
     // Under the lock from here.
     std::optional<HttpContent> m_content;
-    bool m_is_paused = false;  // libcurl's transfer, for want of room
+    bool m_is_paused = false;  // the transfer, for want of room
     bool m_has_ranges = true;  // until the server shows otherwise
     // The network's thread alone from here.
     std::string m_url;  // of the present request

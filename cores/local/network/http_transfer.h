@@ -1,6 +1,9 @@
-// One HTTP request at a time, without blocking. Used by one thread, but for wake(). What makes it,
-// curl_transfer.cpp, is a module: libcurl and the libraries that it needs in turn are loaded with
-// the first one.
+// One HTTP request at a time, without blocking. Used by one thread, but for wake().
+//
+// Who speaks HTTP is a process of its own, the fetcher (fetcher/): libcurl and the libraries that
+// it needs in turn take memory, and strangers' heads and TLS are taken apart, there alone. One
+// serves all transfers. It starts with the first one and ends when no transfer and no Connections
+// are left; one that is lost costs its transfers their connections.
 #pragma once
 
 #include <chrono>
@@ -37,7 +40,8 @@ class HttpTransfer {
         std::string error;
     };
 
-    // What is kept for the next transfer that is given it. Any thread.
+    // As long as one lives, the fetcher stays, and what connections it has for the transfers after
+    // this one. Any thread; none of it waits.
     class Connections {
       public:
         virtual ~Connections() = default;
@@ -47,25 +51,20 @@ class HttpTransfer {
       protected:
         Connections() = default;
     };
+    // Starts nothing.
+    static std::shared_ptr<Connections> keep_connections();
 
-    // Null, with why in *error, where the module can't be loaded. Waits for the disk. None of the
-    // handlers is called but from perform() and resume(). `connections`: of make_connections();
-    // null: its own.
-    static std::unique_ptr<HttpTransfer> make(Handlers handlers,
-                                              std::shared_ptr<Connections> connections,
-                                              std::string* error);
-    // Null where the module can't be loaded.
-    static std::shared_ptr<Connections> make_connections();
+    // Null, with why in *error, where the fetcher can't be started. Waits for the disk. None of the
+    // handlers is called but from perform().
+    static std::unique_ptr<HttpTransfer> make(Handlers handlers, std::string* error);
 
-    // Does not wait, not even for a name that is being looked up. What looks it up lasts until the
-    // system gives up; of so many that were left behind another one has to wait, see start().
+    // Does not wait, not even for a name that is being looked up.
     virtual ~HttpTransfer() = default;
     HttpTransfer(const HttpTransfer&) = delete;
     HttpTransfer& operator=(const HttpTransfer&) = delete;
 
-    // Null, or why nothing is active: libcurl takes it not, or it has a name while a dozen lookups
-    // of transfers that are gone still wait for their name servers.
-    virtual const char* start(const Request& request) = 0;
+    // False, with why in *error: nothing is active. May start another fetcher.
+    virtual bool start(const Request& request, std::string* error) = 0;
     virtual void stop() = 0;
     virtual bool is_active() const = 0;
     virtual void resume() = 0;
@@ -79,13 +78,5 @@ class HttpTransfer {
   protected:
     HttpTransfer() = default;
 };
-
-// What the module exports, under this name.
-struct HttpModule {
-    std::unique_ptr<HttpTransfer> (*make_transfer)(
-        HttpTransfer::Handlers handlers, std::shared_ptr<HttpTransfer::Connections> connections);
-    std::shared_ptr<HttpTransfer::Connections> (*make_connections)();
-};
-inline constexpr char kHttpModuleName[] = "kHttpModule";
 
 }  // namespace local_core

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "local/base/logger.h"
+#include "local/network/http_transfer.h"
 #include "local/playback/control.h"
 #include "local/track/content.h"
 #include "sdk/nuvio_connect.h"
@@ -38,6 +39,8 @@ struct PreparedSession {
     std::vector<Track> tracks;  // empty: there is nothing to play
     size_t first = 0;           // that can be played; those before it can't
     std::string failure = {};   // where there is nothing to play: why, as far as that is known
+    // For its tracks.
+    std::shared_ptr<HttpTransfer::Connections> connections = HttpTransfer::keep_connections();
 };
 
 class SessionPreparer {

@@ -7,6 +7,7 @@
 
 #include "common/code_pages.h"
 #include "common/detached_thread.h"
+#include "local/network/http_transfer.h"
 #include "local/track/track_work.h"
 
 namespace local_core {
@@ -115,10 +116,13 @@ std::unique_ptr<TrackPipe> DecodeCrew::open(Track track) {
         work->fail("too many tracks before it still wait for their disks");
         return pipe;
     }
+    // For the tracks after this one.
+    auto connections = HttpTransfer::keep_connections();
     try {
-        nuvio::start_detached("nuv-decoder", [crew = m_shared, work]() mutable {
+        nuvio::start_detached("nuv-decoder", [crew = m_shared, work, connections]() mutable {
             work->run();
             work.reset();
+            connections.reset();
             if (crew->remove_thread() == 0) {
                 give_back_memory();
             }

@@ -44,8 +44,8 @@ RDEPENDS:${PN}-host-linux += "bash dbus"
 RPROVIDES:${PN}-core-local = "nuvio-connect-core"
 RPROVIDES:${PN}-host-linux = "nuvio-connect-host"
 CONFFILES:${PN}-host-linux = "${sysconfdir}/nuvio-connect/settings.conf"
-FILES:${PN}-core-local = "${libdir}/libnuvio_connect.so.* ${libdir}/libnuvio_connect_http.so.* \
-    ${libdir}/libnuvio_connect_channel.so.* ${libexecdir}/nuvio-connect/nuvio-connect-reader"
+FILES:${PN}-core-local = "${libdir}/libnuvio_connect.so.* ${libdir}/libnuvio_connect_channel.so.* \
+    ${libexecdir}/nuvio-connect/nuvio-connect-fetcher ${libexecdir}/nuvio-connect/nuvio-connect-reader"
 FILES:${PN}-host-linux = "${libdir}/libnuvio_host.so.* \
     ${libdir}/nuvio-connect/server_periods.so ${libdir}/nuvio-connect/server_periods.conf \
     ${bindir}/nuvio-connect-panel \

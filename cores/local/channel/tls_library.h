@@ -1,4 +1,4 @@
-// OpenSSL, as the modules that bring it use it.
+// OpenSSL, as the channel uses it.
 #pragma once
 
 #include <openssl/crypto.h>
