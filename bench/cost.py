@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """What the device costs in instructions, free of the machine's noise: cost.py BUILD [--accept] [NAME...]
 
-Called by ./dev cost. Counts by callgrind, the daemon's and its readers' together: a second of each kind of
+Called by ./dev cost. Counts by callgrind, the daemon's, its readers' and its fetcher's together: a second of each kind of
 audio (a longer run less a shorter one, so without start and end), a minute of rest, and a start to the
 first answer. Compares with bench/cost.txt and exits with 1 where a row has risen by more than it may;
 --accept writes that file anew, for the commit that makes a row dearer and says why. NAME: only these rows.
@@ -137,15 +137,16 @@ class Run:
 
     def __init__(self, lab, work, others=()):
         self.folder = folder = lab.new_folder("callgrind")
-        reader, counted = lab.build / "bin/nuvio-connect-reader", lab.build / "lib/libbench_counted.so"
-        # It gets nobody's environment; the empty file says that there is one more to wait for.
-        wrapped = folder / reader.name
-        wrapped.write_text(f"""#!/bin/sh
+        counted = lab.build / "lib/libbench_counted.so"
+        for name in ("nuvio-connect-reader", "nuvio-connect-fetcher"):
+            # It gets nobody's environment; the empty file says that there is one more to wait for.
+            wrapped = folder / name
+            wrapped.write_text(f"""#!/bin/sh
 : >{folder}/reader.$$
 export {" ".join(f"{name}={value}" for name, value in PINNED.items())}
-LD_PRELOAD={counted} exec {" ".join(callgrind(f"{folder}/reader.%p"))} {reader} "$@"
+LD_PRELOAD={counted} exec {" ".join(callgrind(f"{folder}/reader.%p"))} {lab.build / "bin" / name} "$@"
 """)
-        wrapped.chmod(0o755)
+            wrapped.chmod(0o755)
         environment = {"LD_PRELOAD": str(counted), "NUVIO_READERS": str(folder), "NUVIO_READER_UNFILTERED": "1",
                        **PINNED}
         marks = ("--zero-before=cost_begins", "--dump-before=cost_ends")
@@ -163,7 +164,7 @@ LD_PRELOAD={counted} exec {" ".join(callgrind(f"{folder}/reader.%p"))} {reader} 
 
 class Track:
     """A second of audio, played as it is heard. Of the daemon it is counted in the middle of a track; of
-    the readers, which are ahead of what is heard, as what a longer track takes more than a shorter one."""
+    the others, which are ahead of what is heard, as what a longer track takes more than a shorter one."""
 
     FROM, SHORT = 5, 10
 

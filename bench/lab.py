@@ -79,7 +79,7 @@ def read_once(path):
 
 
 def family(pid):
-    """A process and those that it has started: a device's readers do a part of its work."""
+    """A process and those that it has started: a device's readers and its fetcher do a part of its work."""
     children = "".join(path.read_text() for path in pathlib.Path(f"/proc/{pid}/task").glob("*/children"))
     return [pid, *map(int, children.split())]
 

@@ -1,5 +1,5 @@
-"""Where the device's memory is: the daemon's and its readers' mappings, idle, while it plays from the disk
-and over the network, and afterwards. A page that both have is one page of the machine's; in the parts by
+"""Where the device's memory is: the daemon's, its readers' and its fetcher's mappings, idle, while it plays from
+the disk and over the network, and afterwards. A page that several have is one page of the machine's; in the parts by
 mapping it counts in each of them."""
 import collections
 import os
@@ -148,10 +148,10 @@ def memory(lab, music):
             time.sleep(FILLED)
             playing = Reading(device.pid)
             depths |= collections.Counter(playing.depths)
-            yield row(f"playing {what}, both processes", playing, most)
+            yield row(f"playing {what}, all processes", playing, most)
             yield Row(f"... {playing.libraries} libraries", "", playing.by_kind())
             device.stop()
-            wait_for("end of the readers", lambda: len(family(device.pid)) == 1)
+            wait_for("end of the other processes", lambda: len(family(device.pid)) == 1)
             time.sleep(OVER)
             after = Reading(device.pid)
             yield row(f"after {what}", after, (idle.resident + LEFT, idle.dirty + LEFT))
