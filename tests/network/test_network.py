@@ -398,6 +398,8 @@ class Network(unittest.TestCase):
                 process = start("read", self.base + "/slow/file", "stalled_s=1")
                 time.sleep(0.8)
                 fetcher, = fetchers_below(process.pid)
+                if "NUVIO_READER_UNFILTERED" not in os.environ:
+                    self.assertRegex(pathlib.Path(f"/proc/{fetcher}/status").read_text(), "Seccomp:\t2")
                 os.kill(fetcher, number)
                 result = Result(process)
                 self.assertEqual((result.failure, result.body == self.file), ("none", True),
