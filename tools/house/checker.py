@@ -97,7 +97,8 @@ def a_pause_stands_still(papers):
             if device["state"] != "paused" or device["session"] != "us" or not papers.is_quiet(name, at, at):
                 continue
             pressed = papers.last_pressed(name, at)
-            if pressed is None or word_of(pressed) != "pause" or not papers.is_quiet(name, pressed["begun"], at, pressed):
+            if pressed is None or word_of(pressed) != "pause" or \
+                    not papers.is_quiet(name, pressed["begun"], at, pressed):
                 continue
             _, last = room.last_before(at)
             shown = device["position_ms"] / 1000
@@ -187,7 +188,8 @@ def what_is_pressed_is_heard(papers):
             word = word_of(step)
             late = PROMPT if word in ("pause", "stop", "seek") else HASTE
             at = step["done"] + late
-            if not papers.is_quiet(name, step["begun"] - 0.02, at, step) or papers.is_lost(name, at):
+            if not papers.is_quiet(name, step["begun"] - 0.02, at, step) or papers.is_lost(name, at) or \
+                    papers.is_refused(name, at):
                 continue
             now, before = room.at(at), room.at(step["begun"])
             if word in ("pause", "stop") and now is not None:
@@ -441,7 +443,8 @@ def how_far_apart(papers):
 
 RULES = [no_frame_is_lost, a_seek_is_prompt, what_is_pressed_is_heard, the_position_shown_is_heard,
          a_pause_stands_still, tracks_follow_each_other, another_source_is_alone, the_end_is_as_told,
-         what_was_set_stays, all_show_the_same, queues_are_as_edited, revisions_grow, answers_are_those_of_the_api, nobody_ends_unasked,
+         what_was_set_stays, all_show_the_same, queues_are_as_edited, revisions_grow,
+         answers_are_those_of_the_api, nobody_ends_unasked,
          nothing_is_left_behind, errors_have_causes]
 
 

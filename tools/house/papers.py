@@ -131,6 +131,12 @@ class Papers:
         [room] = [room for room in self.plan["rooms"] if room["name"] == name]
         return 100 / int(room["card"][-1].split("..")[1])
 
+    def is_refused(self, name, at):
+        """Of the output it was said that the next request for it is refused, and nothing has begun since."""
+        begun = [recording.seconds[0] for recording in self.rooms[name].recordings if recording.seconds]
+        return any(step.get("member") == "RefuseNextRequest" and step["room"] == name and step.get("begun", at) < at and
+                   not any(step["begun"] < begin < at for begin in begun) for step in self.steps.values())
+
     def card_was_away(self, name):
         """Or its mixer: it is looked for again, and missed again, only where the card is needed."""
         return any(step["do"] == "card" and step["room"] == name and "begun" in step for step in self.steps.values())

@@ -11,7 +11,7 @@ sys.path.insert(0, str(HERE.parent / "mutants"))
 import mutants  # noqa: E402: copies the tree and builds in it
 
 Fault = collections.namedtuple("Fault", "what path found planted")
-PROGRAMS = ["nuvio-connect", "nuvio-connect-reader", "nuvio-connect-controller", "simcardctl"]
+PROGRAMS = ["nuvio-connect", "nuvio-connect-fetcher", "nuvio-connect-reader", "nuvio-connect-controller", "simcardctl"]
 
 
 def read_faults(words):
