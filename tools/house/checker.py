@@ -305,12 +305,11 @@ def queues_are_as_edited(papers):
                 continue
             edit = step["result"][2]
             wanted = list(edit["items"])
-            if step["edit"] != "jump" and edit["item"] != edit["before"]:
+            moves = step["edit"] == "move" and edit["item"] != edit["before"]
+            if moves or step["edit"] == "remove":
                 wanted.remove(edit["item"])
-            if step["edit"] == "move" and edit["item"] != edit["before"]:
+            if moves:
                 wanted.insert(wanted.index(edit["before"]), edit["item"])
-            if step["edit"] == "remove" and edit["item"] == edit["before"]:
-                wanted.remove(edit["item"])
             if edit["after"] != wanted:
                 yield Finding(step["done"], name, "queue", f"{edit['after']} after {step['edit']} of {edit['item']} before "
                               f"{edit['before']} in {edit['items']}")
