@@ -81,26 +81,22 @@ class Image:
 
     def add_own(self, source, path):
         """Without what only a debugger reads."""
-        stripped = HERE / "none.stripped"
-        try:
+        with tempfile.TemporaryDirectory() as folder:
+            stripped = pathlib.Path(folder) / "stripped"
             subprocess.run(["strip", "--strip-debug", "-o", stripped, source], check=True)
             self.add_program(source, path)
             self.add(path, stripped.read_bytes(), 0o755)
-        finally:
-            stripped.unlink(missing_ok=True)
 
     def add_python(self, source, path):
         """With its code beside it, which is taken as it is whatever the clocks say."""
         self.add_file(path, source)
-        compiled = HERE / "none.pyc"
-        try:
+        with tempfile.TemporaryDirectory() as folder:
+            compiled = pathlib.Path(folder) / "compiled"
             py_compile.compile(str(source), str(compiled), str(path), doraise=True,
                                invalidation_mode=py_compile.PycInvalidationMode.UNCHECKED_HASH)
             where = pathlib.PurePosixPath(path)
             self.add(where.parent / f"__pycache__/{where.stem}.{sys.implementation.cache_tag}.pyc",
                      compiled.read_bytes())
-        finally:
-            compiled.unlink(missing_ok=True)
 
     def archive(self):
         """As the kernel unpacks it (cpio, "newc")."""
