@@ -150,9 +150,17 @@ class Browser:
         self.driver.execute_cdp_cmd("Emulation.setEmulatedMedia", {"features": [
             {"name": "prefers-color-scheme", "value": scheme}, {"name": "prefers-reduced-motion", "value": "reduce"}]})
         self.open("#" + screen)
-        wait_for("all of it", lambda: self.run("""const found = document.querySelector("#found");
-            return (!found || found.childElementCount > 0) && [...document.images].every(
-                (each) => each.complete || each.getBoundingClientRect().top > innerHeight)"""))
+        missing = []
+
+        def is_whole():
+            missing[:] = self.run("""return [...document.querySelectorAll("#found:empty"), ...[...document.images].filter(
+                (each) => !each.complete && each.getBoundingClientRect().top <= innerHeight)].map(
+                (each) => each.outerHTML)""")
+            return not missing
+        try:
+            wait_for("all of it", is_whole)
+        except AssertionError as late:
+            raise AssertionError(f"{late}: {screen}: {missing}") from None
 
     def judge(self):
         """What is wrong with the screen that is shown."""
