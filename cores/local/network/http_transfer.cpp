@@ -33,7 +33,7 @@ constexpr std::string_view kShown[] = {
 constexpr std::chrono::seconds kForTheWay{3};
 constexpr int kMostPackets = 16;  // of one perform()
 
-// The text of a request behind its record; '\n' in a line would be two of them to the fetcher.
+// The text of a request behind its record: each of its lines ends with '\n', and has none in it.
 std::string texts_of(const HttpTransfer::Request& request, size_t* lines_bytes) {
     std::string texts = request.url + request.authorities;
     const size_t before = texts.size();
@@ -143,10 +143,9 @@ std::string Fetcher::lose(const std::shared_ptr<nuvio::ChildProcess>& process) {
 
 class FetchedTransfer final : public HttpTransfer {
   public:
-    FetchedTransfer(Handlers handlers, std::shared_ptr<Fetcher> fetcher)
-        : m_handlers(std::move(handlers)),
-          m_fetcher(std::move(fetcher)),
-          m_wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
+    // `wake`: an eventfd.
+    FetchedTransfer(Handlers handlers, std::shared_ptr<Fetcher> fetcher, nuvio::UniqueFd wake)
+        : m_handlers(std::move(handlers)), m_fetcher(std::move(fetcher)), m_wake(std::move(wake)) {}
 
     bool start(const Request& request, std::string* error) override {
         stop();
@@ -278,10 +277,15 @@ void FetchedTransfer::wait(std::chrono::steady_clock::duration longest) {
 }  // namespace
 
 std::unique_ptr<HttpTransfer> HttpTransfer::make(Handlers handlers, std::string* error) {
+    nuvio::UniqueFd wake(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC));
+    if (!wake) {
+        *error = std::strerror(errno);
+        return nullptr;
+    }
     auto fetcher = Fetcher::instance();
-    return fetcher->prepare(error)
-               ? std::make_unique<FetchedTransfer>(std::move(handlers), std::move(fetcher))
-               : nullptr;
+    return fetcher->prepare(error) ? std::make_unique<FetchedTransfer>(
+                                         std::move(handlers), std::move(fetcher), std::move(wake))
+                                   : nullptr;
 }
 
 std::shared_ptr<HttpTransfer::Connections> HttpTransfer::keep_connections() {

@@ -54,8 +54,8 @@ class HttpTransfer {
     // Starts nothing.
     static std::shared_ptr<Connections> keep_connections();
 
-    // Null, with why in *error, where the fetcher can't be started. Waits for the disk. None of the
-    // handlers is called but from perform().
+    // Null, with why in *error, where the fetcher can't be started or there is no descriptor. Waits
+    // for the disk. None of the handlers is called but from perform().
     static std::unique_ptr<HttpTransfer> make(Handlers handlers, std::string* error);
 
     // Does not wait, not even for a name that is being looked up.
