@@ -116,17 +116,18 @@ std::unique_ptr<TrackPipe> DecodeCrew::open(Track track) {
         work->fail("too many tracks before it still wait for their disks");
         return pipe;
     }
-    // For the tracks after this one.
-    auto connections = HttpTransfer::keep_connections();
     try {
-        nuvio::start_detached("nuv-decoder", [crew = m_shared, work, connections]() mutable {
-            work->run();
-            work.reset();
-            connections.reset();
-            if (crew->remove_thread() == 0) {
-                give_back_memory();
-            }
-        });
+        // `connections`: for the tracks after this one.
+        nuvio::start_detached(
+            "nuv-decoder",
+            [crew = m_shared, work, connections = HttpTransfer::keep_connections()]() mutable {
+                work->run();
+                work.reset();
+                connections.reset();
+                if (crew->remove_thread() == 0) {
+                    give_back_memory();
+                }
+            });
     } catch (const std::system_error& error) {
         m_shared->remove_thread();
         work->fail(error.what());
