@@ -176,7 +176,8 @@ def was_taken(step):
 
 
 def was_paused(papers, step):
-    return (papers.told_of(step["room"], step["begun"]) or {}).get("state") == "paused"
+    device, _ = papers.told_last(step["room"], step["begun"])
+    return device is not None and device["state"] == "paused"
 
 
 def what_is_pressed_is_heard(papers):
@@ -212,15 +213,20 @@ def what_is_pressed_is_heard(papers):
                     yield Finding(at, name, "heard", f"{now}, {late} s after the session of {step['path']}")
 
 
+LOOPS = {"off": "None", "one": "Track", "all": "Playlist"}
+# A media player's, by the page's names and as the page has them.
+PLAYER_SETTINGS = {"Volume": ("volume", lambda text: round(float(text) * 100)),
+                   "Shuffle": ("shuffle", lambda text: text == "true"),
+                   "LoopStatus": ("loop", lambda text: {own: page for page, own in LOOPS.items()}[text])}
+
+
 def settings_of(step):
     """What a press sets, by the page's names."""
     if step["do"] == "command" and step["command"]["command"] in ("volume", "mute", "shuffle", "loop"):
         return {key: value for key, value in step["command"].items() if key != "command"}
     if step["do"] == "mpris" and step["member"] == "Set":
-        name, value = step["words"][1][7:], step["words"][2].split(":")[-1]
-        return {"Volume": {"volume": round(float(value) * 100) if name == "Volume" else None},
-                "Shuffle": {"shuffle": value == "true"},
-                "LoopStatus": {"loop": {"None": "off", "Track": "one", "Playlist": "all"}.get(value)}}[name]
+        key, read = PLAYER_SETTINGS[word_of(step)]
+        return {key: read(step["words"][2].split(":")[-1])}
     return {}
 
 
@@ -260,21 +266,20 @@ def what_was_set_stays(papers):
 
 
 STATES = {"playing": ["Playing"], "paused": ["Paused"], "stopped": ["Stopped", "Paused"]}
-LOOPS = {"off": "None", "one": "Track", "all": "Playlist"}
 
 
 def all_show_the_same(papers):
     """At the end page, device and card agree on what is set and on what plays."""
     for event in papers.of_kind("player"):
         name = event["room"]
-        device = papers.told_of(name, event["at"])
+        device, told = papers.told_last(name, event["at"])
         if device is None or device["session"] != "us" or not device["connected"]:
             continue
         position = device["position_ms"] / 1000
         is_stopped = device["state"] == "stopped"  # a device is told its modes while it has the output
         is_unknown = device.get("volume") is None or papers.card_was_away(name)
         if device["state"] == "playing":
-            position += event["at"] - papers.told_at(name, event["at"])
+            position += event["at"] - told
         volume, muted = re.search(r"element +present, volume (\d+) \d+, (on|off)", event["card"]).groups()
         volume = int(volume) * papers.step_of_volume(name)
         for what, page, own, is_same in [

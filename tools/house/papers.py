@@ -119,12 +119,13 @@ class Papers:
                   if step.get("begun", at) < at and self.concerns(step, name) and moves_the_music(step)]
         return max(before, key=lambda step: step["begun"], default=None)
 
-    def told_at(self, name, at):
-        """When the page was told last of a room before that."""
-        return max((told for told, _ in self.states_of(name) if told <= at), default=None)
-
-    def told_of(self, name, at):
-        return next((device for told, device in self.states_of(name) if told == self.told_at(name, at)), None)
+    def told_last(self, name, at):
+        """What the page was told of a room last before that, and when; none where there was nothing."""
+        last = (None, None)
+        for told, device in self.states_of(name):
+            if told <= at:
+                last = device, told
+        return last
 
     def step_of_volume(self, name):
         """Of a room's mixer, in percent."""
