@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """What the device costs in instructions, free of the machine's noise: cost.py BUILD [--accept] [NAME...]
 
-Called by ./dev cost. Counts by callgrind, the daemon's, its readers' and its fetcher's together: a second of each kind of
-audio (a longer run less a shorter one, so without start and end), a minute of rest, and a start to the
-first answer. Compares with bench/cost.txt and exits with 1 where a row has risen by more than it may;
+Called by ./dev cost. Counts by callgrind, the daemon's, its readers' and its fetcher's together: a second of
+each kind of audio (a longer run less a shorter one, so without start and end), a minute of rest, and a start
+to the first answer. Compares with bench/cost.txt and exits with 1 where a row has risen by more than it may;
 --accept writes that file anew, for the commit that makes a row dearer and says why. NAME: only these rows.
 
 The daemon's clock is bench/stepped_clock.cpp's, and the network waits for it too (bench/counted.cpp), so two

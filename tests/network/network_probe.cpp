@@ -3,8 +3,8 @@
 //                                                               stderr; COUNT 0 is all that is left
 //   network_probe decode PATH|URL [...]     the same in frames, as the device gets them
 //   network_probe encode FILE TO [TITLE]    a stereo file as MP3, or as Vorbis with a title
-//   network_probe abandon URL 0:COUNT                           so many sources of it, none waited
-//   for network_probe tracks URL [KEY=VALUE ...]                    a line a track to stdout
+//   network_probe abandon URL 0:COUNT       so many sources of it, for none of which is waited
+//   network_probe tracks URL [KEY=VALUE ...]                    a line a track to stdout
 #include <sndfile.h>
 
 #include <algorithm>

@@ -1,6 +1,7 @@
 """What means harm, all at once, to two devices and a controller in use: servers of tracks and of
 channels that stall, lie and die, peers that storm and send what they should not, a card that fails.
-Nobody ends, nothing stays behind, and afterwards a track is heard bit for bit. Half a minute by default; NUVIO_LONG=1 takes ten, NUVIO_MIXED_MINUTES as many as it says.
+Nobody ends, nothing stays behind, and afterwards a track is heard bit for bit. Half a minute by
+default; NUVIO_LONG=1 takes ten, NUVIO_MIXED_MINUTES as many as it says.
 NUVIO_SEED has each player do again what it did.
 """
 import collections
