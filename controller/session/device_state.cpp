@@ -76,7 +76,7 @@ std::string title_of(const QueueItem& item) {
 bool DeviceState::apply(const cJSON* message, Clock::time_point now, int64_t now_unix_ms) {
     const std::string type = text_member(message, "type").value_or("");
     return type == "state"    ? apply_state(message, now, now_unix_ms)
-           : type == "track"  ? apply_track(message)
+           : type == "track"  ? apply_track(message, now)
            : type == "played" ? apply_played(message)
            : type == "queue"  ? apply_queue(message)
            : type == "error"  ? apply_error(message)
@@ -91,7 +91,7 @@ bool DeviceState::apply_state(const cJSON* message, Clock::time_point now, int64
         return false;
     }
     ++m_state_count;
-    watch_position(count_of(message, "position_ms"), now);
+    watch_position(count_of(message, "position_ms"), count_of(message, "seeks"), now);
     m_playback = static_cast<Playback>(playback - kPlaybacks.begin());
     m_is_active = bool_member(message, "active").value_or(false);
     m_item = number_member(message, "item");
@@ -112,10 +112,11 @@ bool DeviceState::apply_state(const cJSON* message, Clock::time_point now, int64
 }
 
 // `m_playback` and `m_position_ms` are those of the message before.
-void DeviceState::watch_position(int64_t position_ms, Clock::time_point now) {
-    if (!is_playing() || position_ms != m_position_ms) {
+void DeviceState::watch_position(int64_t position_ms, int64_t seeks, Clock::time_point now) {
+    if (!is_playing() || position_ms != m_position_ms || seeks != m_seeks) {
         m_advanced_at = now;
     }
+    m_seeks = seeks;
     m_advances = now - m_advanced_at < (is_track_heard() ? kStandsStill : kOpensForLong);
 }
 
@@ -124,7 +125,8 @@ void DeviceState::freeze(Clock::time_point at) {
     m_is_frozen = true;
 }
 
-bool DeviceState::apply_track(const cJSON* message) {
+bool DeviceState::apply_track(const cJSON* message, Clock::time_point now) {
+    m_advanced_at = now;
     m_track = {};
     m_track.item = number_member(message, "item");
     if (m_track.item) {

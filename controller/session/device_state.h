@@ -99,8 +99,8 @@ class DeviceState {
 
   private:
     bool apply_state(const cJSON* message, Clock::time_point now, int64_t now_unix_ms);
-    void watch_position(int64_t position_ms, Clock::time_point now);
-    bool apply_track(const cJSON* message);
+    void watch_position(int64_t position_ms, int64_t seeks, Clock::time_point now);
+    bool apply_track(const cJSON* message, Clock::time_point now);
     bool apply_played(const cJSON* message);
     bool apply_queue(const cJSON* message);
     bool apply_error(const cJSON* message);
@@ -116,6 +116,7 @@ class DeviceState {
     Clock::time_point m_position_at;
     bool m_advances = true;
     bool m_is_frozen = false;
+    int64_t m_seeks = 0;              // on the device, so far
     Clock::time_point m_advanced_at;  // the first message with this position
     // How far behind the device's clock and the network are, at least, in ms.
     std::optional<int64_t> m_least_lag_ms;

@@ -32,10 +32,11 @@ class DeviceStateTest : public testing::Test {
                              1'000'000 + device_ms + lag_ms);
     }
     // The device's clock is an hour ahead.
-    bool say_position(int64_t position, int64_t device_ms, int64_t lag_ms) {
+    bool say_position(int64_t position, int64_t device_ms, int64_t lag_ms, int seeks = 0) {
         return say(R"({"type":"state","playback":"playing","item":7,"position_ms":)" +
                        std::to_string(position) + R"(,"taken_ms":)" +
-                       std::to_string(4'600'000 + device_ms) + "}",
+                       std::to_string(4'600'000 + device_ms) + R"(,"seeks":)" +
+                       std::to_string(seeks) + "}",
                    device_ms, lag_ms);
     }
     int64_t position_at(int64_t ms) const {
@@ -65,6 +66,18 @@ TEST_F(DeviceStateTest, a_position_is_right_whatever_the_clocks_and_the_network_
     EXPECT_EQ(position_at(1'320), 2'300);
     ASSERT_TRUE(say(R"({"type":"state","playback":"paused","position_ms":2500})", 2'000, 0));
     EXPECT_EQ(position_at(9'000), 2'500);
+}
+
+TEST_F(DeviceStateTest, a_position_told_twice_stands_still_but_where_the_track_began_again) {
+    ASSERT_TRUE(say(R"({"type":"track","item":7})"));
+    ASSERT_TRUE(say_position(0, 0, 0));
+    ASSERT_TRUE(say_position(0, 4'000, 0, 1));
+    EXPECT_EQ(position_at(5'000), 1'000);
+    ASSERT_TRUE(say(R"({"type":"track","item":8})", 9'000));
+    ASSERT_TRUE(say_position(0, 9'000, 0, 1));
+    EXPECT_EQ(position_at(9'500), 500);
+    ASSERT_TRUE(say_position(0, 13'000, 0, 1));
+    EXPECT_FALSE(m_state.advances());
 }
 
 TEST_F(DeviceStateTest, a_queue_comes_in_any_parts_and_a_new_revision_replaces_it) {

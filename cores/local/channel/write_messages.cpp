@@ -90,6 +90,7 @@ std::string write_state(const PlayerView& view, const PlaybackSettings& settings
     add(object, "item", view.track);
     add(object, "position_ms", position_ms);
     add(object, "taken_ms", taken_ms);
+    add(object, "seeks", view.seek_count);
     add(object, "volume", settings.volume);
     add(object, "muted", settings.muted.value_or(false));
     add(object, "shuffle", settings.shuffle);
