@@ -7,7 +7,7 @@ import datetime
 import re
 
 import music
-from papers import HASTE, MENDING, Papers, breaks, may_be_logged, moves_the_music, word_of
+from papers import HASTE, MENDING, PROBED, Papers, breaks, may_be_logged, moves_the_music, plays_the_radio, word_of
 
 Finding = collections.namedtuple("Finding", "at place rule text")
 
@@ -17,6 +17,7 @@ PROMPT = 0.25  # s after which a seek, a pause or a stop is heard
 ASKED_AGAIN = 25  # s after which a device whose channel does not come back has been asked why
 FOLLOWS, GAP = 3, 0.3  # s within which another recording belongs to what ended, and between tracks of two rates
 CONTINUED = 0.7  # s between where a track was left off and where it goes on
+TITLED = 8  # s from a station's telling its title to what is heard then
 LENGTHS = [frames / rate for _, _, rate, frames in music.tracks()]
 
 
@@ -29,10 +30,11 @@ def no_frame_is_lost(papers):
                 before = earlier.stretches[-1]  # a track of another rate
             for stretch in recording.stretches:
                 at = recording.time_of(stretch.at)
+                is_radio = music.RADIO in (stretch.track, before.track if before else 0)
                 if stretch.track < 0:
                     yield Finding(at, name, "frames", f"{stretch} in {recording.path.name}")
                 elif not (before is not None and before.is_at_end() and stretch.first == 0):
-                    causes = list(papers.causes(name, at, moves_the_music))
+                    causes = papers.movers(name, at, is_radio)
                     if not causes:
                         yield Finding(at, name, "frames", f"{stretch} behind {before}, in {recording.path.name}")
                     elif stretch.track > 0 and not may_begin_at(papers, causes, recording, stretch):
@@ -41,11 +43,12 @@ def no_frame_is_lost(papers):
                 before = stretch
             if before is not None and not before.is_at_end():
                 at = recording.time_of(recording.count)
-                if not any(papers.causes(name, at, moves_the_music)) and not papers.is_lost(name, at + 0.001):
+                is_radio = before.track == music.RADIO
+                if not papers.movers(name, at, is_radio) and not papers.is_lost(name, at + 0.001):
                     yield Finding(at, name, "frames", f"ends with {before}, in {recording.path.name}")
+            is_radio = any(stretch.track == music.RADIO for stretch in recording.stretches)
             if int(recording.about["underruns"]) and not any(
-                    breaks(step) and moves_the_music(step) for at in recording.seconds[::100]
-                    for step in papers.causes(name, at)):
+                    breaks(step) for at in recording.seconds[::100] for step in papers.movers(name, at, is_radio)):
                 yield Finding(recording.seconds[0], name, "underruns",
                               f"{recording.about['underruns']} in {recording.path.name}")
 
@@ -56,8 +59,8 @@ def is_target_of(step, recording, stretch):
 
 
 def may_begin_at(papers, causes, recording, stretch):
-    """At a track's beginning, at a seek's place, or where it was heard before."""
-    if stretch.first == 0 or any(is_target_of(step, recording, stretch) or word_of(step) == "seek by"
+    """At a track's beginning, at a seek's place, or where it was heard before; a radio wherever it is then."""
+    if stretch.first == 0 or stretch.track == music.RADIO or any(is_target_of(step, recording, stretch) or word_of(step) == "seek by"
                                  for step in causes):
         return True
     at, first = recording.time_of(stretch.at), stretch.first / recording.rate
@@ -79,13 +82,15 @@ def a_seek_is_prompt(papers):
 def the_position_shown_is_heard(papers):
     for name, room in papers.rooms.items():
         for at, told, device in papers.moments(name):
-            if device["state"] != "playing" or not papers.is_quiet(name, told, at) or papers.is_lost(name, at):
+            is_radio = plays_the_radio(device)
+            if device["state"] != "playing" or not papers.is_quiet(name, told, at, is_radio=is_radio) or \
+                    papers.is_lost(name, at):
                 continue
             now, shown = room.at(at), device["position_ms"] / 1000 + at - told
             if now is None:
                 if room.at(at - 1) is None and room.at(at + 1) is None:
                     yield Finding(at, name, "position", f"playing at {shown:.3f} s, and nothing is heard")
-            elif abs(now[1] - shown) > TOLD_LATE and not (
+            elif now[0] != music.RADIO and abs(now[1] - shown) > TOLD_LATE and not (
                     now[1] < TOLD_LATE and any(abs(end - shown) < TOLD_LATE for end in LENGTHS)):
                 yield Finding(at, name, "position", f"{shown:.3f} s are shown, {now[1]:.3f} of track {now[0]} heard")
 
@@ -102,9 +107,23 @@ def a_pause_stands_still(papers):
                 continue
             _, last = room.last_before(at)
             shown = device["position_ms"] / 1000
-            if last is not None and abs(last - shown) > TOLD_LATE:
+            if last is not None and abs(last - shown) > TOLD_LATE and not plays_the_radio(device):
                 yield Finding(at, name, "position", f"paused at {shown:.3f} s, {last:.3f} was heard last")
                 break
+
+
+def a_station_is_titled(papers):
+    """What a station tells of itself is shown where it is heard."""
+    told = [step for step in papers.steps.values() if step["do"] == "title" and "done" in step]
+    for name in papers.names:
+        for step, following in zip(told, [*told[1:], {"begun": papers.closed}]):
+            at = step["done"] + TITLED
+            before, _ = papers.told_last(name, step["begun"])
+            device, _ = papers.told_last(name, at)
+            if following["begun"] > at and all(each and each["state"] == "playing" and plays_the_radio(each)
+                                               for each in (before, device)) and \
+                    papers.is_quiet(name, step["begun"], at, is_radio=True) and device["track"]["title"] != step["title"]:
+                yield Finding(at, name, "title", f"{device['track']['title']} {TITLED} s after it was {step['title']}")
 
 
 def tracks_follow_each_other(papers):
@@ -164,6 +183,8 @@ def the_end_is_as_told(papers):
 
 def tracks_of(what):
     """The numbers of the tracks that a word of a press means."""
+    if what == f"station:{music.STATION}":
+        yield music.RADIO
     for number, path, _, _ in music.tracks():
         album = path.split("/")[0]
         if what in (f"/music/{path}", f"/music/{album}", f"search:{music.ALBUMS[int(album)][0]}"):
@@ -187,15 +208,19 @@ def what_is_pressed_is_heard(papers):
             if step.get("room") != name or not was_taken(step):
                 continue
             word = word_of(step)
-            late = PROMPT if word in ("pause", "stop", "seek") else HASTE
+            is_radio = step["do"] == "play" and music.RADIO in tracks_of(step["what"][0])
+            late = PROMPT if word in ("pause", "stop", "seek") else HASTE + PROBED * is_radio
             at = step["done"] + late
-            if not papers.is_quiet(name, step["begun"] - 0.02, at, step) or papers.is_lost(name, at) or \
+            if not papers.is_quiet(name, step["begun"] - 0.02, at, step, is_radio) or papers.is_lost(name, at) or \
                     papers.is_refused(name, at):
                 continue
             now, before = room.at(at), room.at(step["begun"])
+            if music.RADIO in (each[0] for each in (now, before) if each) and not papers.is_quiet(
+                    name, step["begun"] - 0.02, at, step, is_radio=True):
+                continue
             if word in ("pause", "stop") and now is not None:
                 yield Finding(at, name, "heard", f"track {now[0]} at {now[1]:.3f} s, {late} s after a {word}")
-            elif word == "seek" and before is not None:
+            elif word == "seek" and before is not None and before[0] != music.RADIO:
                 target = step["command"]["position_ms"] / 1000
                 goes_on = any(end < target + 0.1 for end in LENGTHS)
                 if (now is None or now[0] == before[0]) and not goes_on and not (
@@ -386,6 +411,7 @@ def nothing_is_left_behind(papers):
 
 
 LOGGED = re.compile(r"^(\d{8} [\d:.]+) \[[\d.]+\] (ERROR|WARNING) (.*)")
+OF_A_RADIO = "can't be positioned"
 OF_A_CARD = ("ALSA", "The renderer reports a playback error")
 # What each start says of a card with several formats and no platform's output file system.
 AT_START = ("Nuvio outputfs = Invalid", "SND_PCM_FORMAT_")
@@ -403,6 +429,9 @@ def errors_have_causes(papers):
             wall = told.timestamp()
             candidates = [wall - ahead - sum(by for _, by in offsets[:count]) for count in range(len(offsets) + 1)]
             if any(words in line for words in OF_A_CARD) and papers.card_was_away(name):
+                continue
+            if OF_A_RADIO in line and any(word_of(step).startswith("seek") for at in candidates
+                                          for step in papers.causes(name, at)):
                 continue
             if not any(any(papers.causes(name, at, may_be_logged)) for at in candidates):
                 yield Finding(candidates[0], name, "log", match[2] + " " + match[3])
@@ -446,7 +475,7 @@ def how_far_apart(papers):
 
 
 RULES = [no_frame_is_lost, a_seek_is_prompt, what_is_pressed_is_heard, the_position_shown_is_heard,
-         a_pause_stands_still, tracks_follow_each_other, another_source_is_alone, the_end_is_as_told,
+         a_pause_stands_still, a_station_is_titled, tracks_follow_each_other, another_source_is_alone, the_end_is_as_told,
          what_was_set_stays, all_show_the_same, queues_are_as_edited, revisions_grow,
          answers_are_those_of_the_api, nobody_ends_unasked,
          nothing_is_left_behind, errors_have_causes]

@@ -6,6 +6,10 @@ import pathlib
 import music
 
 FRAME = 4  # bytes
+SURE = 16  # frames by which the radio is known
+JOINED = 4608  # frames at most of a stream's beginning that its decoder makes otherwise
+WINDOW = 4096  # frames
+ROUNDED = 2  # by which a sample of the radio may be off
 
 
 @functools.cache
@@ -36,6 +40,38 @@ def common(data, at, other, first):
     return low
 
 
+def samples(data, frame):
+    return (int.from_bytes(data[at:at + 2], "little", signed=True) for at in (frame * FRAME, frame * FRAME + 2))
+
+
+def common_but_for_rounding(data, at, other, first):
+    """As common(); decoders of lossy music round by where they began."""
+    count, most = 0, min(len(data) // FRAME - at, len(other) // FRAME - first)
+    while count < most:
+        window = min(WINDOW, most - count)
+        same = common(data[(at + count) * FRAME:(at + count + window) * FRAME], 0,
+                      other[(first + count) * FRAME:(first + count + window) * FRAME], 0)
+        count += same
+        if same < window:
+            if any(abs(one - wanted) > ROUNDED for one, wanted in zip(
+                    samples(data, at + count), samples(other, first + count))):
+                break
+            count += 1
+    return count
+
+
+def radio_at(data, at):
+    """Where in what the station sends that is, and for how long; a decoder's first frames are taken for it too."""
+    radio = music.frames_of_the_radio()
+    for ahead in range(0, JOINED, SURE):
+        known = data[(at + ahead) * FRAME:(at + ahead + SURE) * FRAME]
+        place = radio.find(known) if len(known) == SURE * FRAME and any(known) else -1
+        if place >= 0 and place % FRAME == 0:
+            first = place // FRAME
+            return first, ahead + common_but_for_rounding(data, at + ahead, radio, first)
+    return 0, 0
+
+
 class Stretch:
     """Frames of one track in their order, without a gap."""
 
@@ -49,6 +85,8 @@ class Stretch:
     def __str__(self):
         if self.track < 0:
             return f"{self.count} frames of no track"
+        if self.track == music.RADIO:
+            return f"the radio, {self.first / music.RADIO_RATE:.3f} s to {(self.first + self.count) / music.RADIO_RATE:.3f}"
         return f"track {self.track}, frames {self.first} to {self.first + self.count}"
 
 
@@ -71,10 +109,14 @@ class Recording:
             number, first = frame_at(data, at)
             known = track(number)
             count = common(data, at, known[0], first) if known else 0
-            if count == 0:
-                number, first, count = (0 if number == first == 0 else -1), 0, 1
-                while number == 0 and frame_at(data, at + count - 1) == (0, 0) and at + count < self.count:
-                    count += 1
+            if count < SURE:
+                of_radio, frames = radio_at(data, at)
+                if frames:
+                    number, first, count = music.RADIO, of_radio, frames
+                elif count == 0:
+                    number, first, count = (0 if number == first == 0 else -1), 0, 1
+                    while number == 0 and at + count < self.count and frame_at(data, at + count) == (0, 0):
+                        count += 1
             yield Stretch(number, first, count, at)
             at += count
 

@@ -20,7 +20,7 @@ PYTHON = f"python3.{sys.version_info[1]}"
 STANDARD_LIBRARY = pathlib.Path("/usr/lib") / PYTHON
 MODULES = ["veth", "bridge", "sch_netem", "nfit", "nd_pmem", "ext4", "crc32c_generic"]
 OWN = ["nuvio-connect", "nuvio-connect-fetcher", "nuvio-connect-reader", "nuvio-connect-controller", "simcardctl"]
-SERVICES = ["avahi-daemon", "dash", "dbus-daemon", "dbus-send", "ip", "nginx", "tc", PYTHON]
+SERVICES = ["avahi-daemon", "dash", "dbus-daemon", "dbus-send", "ip", "icecast2", "nginx", "tc", PYTHON]
 # Of Python's own library what no program here imports.
 LEFT_OUT = {"__pycache__", "ensurepip", "idlelib", "lib2to3", "pydoc_data", "test", "tkinter", "turtledemo",
             "unittest", "dist-packages", "sqlite3", "distutils"}
@@ -167,13 +167,16 @@ def make_image(build, kernel):
     for path in sorted(each for each in ALSA.rglob("*") if each.is_file()):
         image.add_file(path, path)
     for source in [*sorted(HERE.glob("inside/*.py")),
-                   *(HERE.parent / f"run/{name}.py" for name in ("own_device", "web_server"))]:
+                   HERE / "music.py", *(HERE.parent / f"run/{name}.py" for name in ("icecast", "own_device", "web_server"))]:
         image.add_python(source, f"/nuvio/house/{source.name}")
     image.add_file("/init", HERE / "inside/init")
     with tempfile.TemporaryDirectory() as folder:
         music.write_music(folder)
         for path in sorted(pathlib.Path(folder).rglob("*.*")):
             image.add_file(f"/music/{path.relative_to(folder)}", path)
+        radio = pathlib.Path(folder) / "radio.mp3"
+        music.write_radio(radio)
+        image.add_file("/radio.mp3", radio)
     add_modules(image, kernel)
     return image
 

@@ -6,6 +6,8 @@ import heard
 
 HASTE = 1.5   # s after a press within which what is heard may change
 MENDING = 4  # s after something was mended, or broke, within which what is heard may
+PROBED = 1  # s more that it takes until a radio is heard
+HELD = 12  # s more of the radio, of which a device has no more than what it was sent at once
 FAULTS = {"end", "start", "card", "line", "clock", "disk"}
 PLAYER = {"Pause": "pause", "Play": "play", "PlayPause": "toggle", "Next": "next", "Previous": "previous",
           "Stop": "stop", "Seek": "seek by"}
@@ -36,12 +38,28 @@ def moves_the_music(step):
         bool(word_of(step)) and word_of(step) not in SETTING | {"play next", "play end"})
 
 
+def moves_the_radio(step):
+    """Icecast ends who sends and who listens by the clock that is set."""
+    return moves_the_music(step) or step["do"] == "clock" or step.get("program") == "radio"
+
+
 def breaks(step):
     return step["do"] in FAULTS
 
 
+def late_of(step, is_radio):
+    """s from what happens to its last effects."""
+    if breaks(step):
+        return MENDING + HELD * is_radio
+    return HASTE + PROBED * is_radio
+
+
 def may_be_logged(step):
     return breaks(step) or step["do"] in ("session", "play", "move", "undo", "panel")
+
+
+def plays_the_radio(device):
+    return not device.get("track", {}).get("seekable", True)
 
 
 class Papers:
@@ -89,21 +107,25 @@ class Papers:
             recording.seconds and at <= recording.seconds[-1] <= end for recording in self.rooms[name].recordings)
             for end in killed)
 
-    def causes(self, name, at, may=lambda step: True):
+    def causes(self, name, at, may=lambda step: True, is_radio=False):
         """The steps that may have had an effect on a room at that time."""
         for step in self.steps.values():
             if "begun" in step and self.concerns(step, name) and may(step):
-                late = MENDING if step["do"] in FAULTS else HASTE
-                if step["begun"] - 0.02 <= at <= step.get("done", float("inf")) + late:
+                if step["begun"] - 0.02 <= at <= step.get("done", float("inf")) + late_of(step, is_radio):
                     yield step
         if at >= self.closed:
             yield {"do": "close"}
 
-    def is_quiet(self, name, begin, end, but=None):
+    def movers(self, name, at, is_radio=False):
+        """Those by which what is heard may have jumped, ended or begun."""
+        return list(self.causes(name, at, moves_the_radio if is_radio else moves_the_music, is_radio))
+
+    def is_quiet(self, name, begin, end, but=None, is_radio=False):
         """Nothing that may change what a room plays, but that step, is under way or has its effects meanwhile."""
+        moves = moves_the_radio if is_radio else moves_the_music
         return end < self.closed and not any(
-            moves_the_music(step) and self.concerns(step, name) and step is not but and "begun" in step and
-            step["begun"] <= end and begin <= step.get("done", float("inf")) + (MENDING if breaks(step) else HASTE)
+            moves(step) and self.concerns(step, name) and step is not but and "begun" in step and
+            step["begun"] <= end and begin <= step.get("done", float("inf")) + late_of(step, is_radio)
             for step in self.steps.values())
 
     def states_of(self, name):

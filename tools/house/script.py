@@ -11,6 +11,7 @@ TOGETHER = 20  # s for which two rooms are left to themselves, with the same ses
 PAIRS = 0.25  # of the houses have one
 CUTS = 0.3  # of the houses end by a power cut
 PACE = 4    # s between two things that happen in one room, on average, but for hurries
+RADIO = 0.1  # of what is to play
 HURRIES = 0.3  # of the presses come right behind the one before, mostly in the same room
 TEMPERS = [0, 0, 0.5, 1, 2]  # how much breaks in a house, of what is pressed
 
@@ -23,7 +24,7 @@ class Script:
         self.names = [room["name"] for room in self.rooms]
         self.steps = []
         self.busy = {}  # what is broken: until when
-        self.sessions = self.kept = 0
+        self.sessions = self.kept = self.titles = 0
         self.last, self.is_hurried = self.names[0], False
         # Two that are given one session at the same moment.
         self.pair = self.rng.sample(self.names, 2) if count >= 4 and self.rng.random() < PAIRS else []
@@ -42,6 +43,8 @@ class Script:
 
     def what(self):
         number = self.rng.randrange(len(music.ALBUMS))
+        if self.rng.random() < RADIO:
+            return f"station:{music.STATION}"
         return self.rng.choice([f"search:{self.title()}", f"/music/{number}",
                                 f"/music/{self.rng.choice(list(music.tracks()))[1]}"])
 
@@ -73,6 +76,11 @@ class Script:
     def move(self):
         room, to = self.rng.sample(self.names, 2)
         return {"do": "move", "room": room, "to": to}
+
+    def tell_title(self):
+        """What the radio's station says that it plays."""
+        self.titles += 1
+        return {"do": "title", "title": f"Song {self.titles}"}
 
     def queue(self):
         """Items by how far into the queue they are; the director knows which they are then."""
@@ -115,7 +123,7 @@ class Script:
     # ---- What breaks: two steps, the second one mends it ----------------------------------------
 
     def restart(self):
-        place, program = self.rng.choice([("Closet", "controller"), ("Closet", "web"), ("Closet", "avahi"),
+        place, program = self.rng.choice([("Closet", "controller"), ("Closet", "web"), ("Closet", "avahi"), ("Closet", "radio"),
                                           *((name, program) for name in self.names for program in ("device", "avahi", "bus"))])
         what = {"place": place, "program": program}
         return ({"do": "end", "how": self.rng.choice(["term", "kill"]), **what}, {"do": "start", **what},
@@ -167,15 +175,17 @@ class Script:
                      {"do": "play", "room": name, "what": [self.what()], "where": "now"})
         at, last = WARM + 2, self.seconds - QUIET
         pressed = [(self.play, 6), (self.command, 14), (self.queue, 4), (self.undo, 2), (self.mpris, 4),
-                   (self.panel, 0.7), (self.shell, 1.5), (self.move, 1), (self.session, 1.5), (self.keep, 1.5)]
+                   (self.panel, 0.7), (self.shell, 1.5), (self.move, 1), (self.session, 1.5), (self.keep, 1.5), (self.tell_title, 1)]
         temper = self.rng.choice(TEMPERS)
         broken = [(self.restart, 2 * temper), (self.pull_card, temper), (self.bad_line, temper),
                   (self.other_source, 0.7 * temper), (self.clock, 0.3 * temper), (self.full_disk, 0.3 * temper)]
-        while at < last:
+        while True:
             self.names = everyone if at > WARM + TOGETHER else self.names
             kinds, weights = zip(*pressed, *broken)
             self.is_hurried = self.rng.random() < HURRIES
             at += self.rng.uniform(0.01, 0.3) if self.is_hurried else self.rng.expovariate(len(self.rooms) / PACE)
+            if at >= last:
+                break
             [make] = self.rng.choices(kinds, weights)
             made = make()
             if isinstance(made, dict):

@@ -7,6 +7,7 @@ import subprocess
 import threading
 import time
 
+import music
 import own_device
 import page
 import rooms
@@ -88,6 +89,9 @@ class Director:
             "session_id": step["session"], "become_active": True,
             "jwt_api": {"endpoint": content, "jwt": "api", "exp": FAR},
             "jwt_nconnect": {"endpoint": "", "jwt": "nc", "exp": FAR}})
+
+    def do_title(self, step):
+        self.house.closet.station.tell(step["title"])
 
     def do_keep(self, step):
         """What is to be there for good."""
@@ -197,6 +201,7 @@ def run(plan, until, leaves):
     director = Director(rooms.House(plan))
     director.house.start()
     own_device.wait_for("the house", director.is_complete, PATIENCE, pause=0.2)
+    director.api("/api/stations", {"name": music.STATION, "url": director.house.closet.station.url})
     time.sleep(2)
     director.measure("begin")
     director.recall()

@@ -10,6 +10,8 @@ import socket
 import subprocess
 import threading
 
+import icecast
+import music
 import own_device
 import web_server
 import witness
@@ -20,8 +22,10 @@ PRIVATE = 1 << 18 | 1 << 14  # MS_PRIVATE, MS_REC
 HOUSE = pathlib.Path("/house")
 DISK = pathlib.Path("/disk")
 MUSIC = pathlib.Path("/music")
+RADIO = pathlib.Path("/radio.mp3")
 CLOSET = "10.7.0.1"
-DEVICE_PORT, CONTROLLER_PORT, WEB_PORT = 8000, 8090, 8080
+DEVICE_PORT, CONTROLLER_PORT, WEB_PORT, RADIO_PORT = 8000, 8090, 8080, 8000
+BURST = 65536  # bytes of the radio that a device is ahead of what the station plays
 BUS = """<busconfig><type>system</type><listen>unix:path={bus}</listen><auth>EXTERNAL</auth>
 <policy context="default"><allow user="*"/><allow own="*"/><allow send_destination="*"/>
 <allow receive_sender="*"/></policy></busconfig>
@@ -203,11 +207,17 @@ class Closet(Place):
             "/nuvio/bin/nuvio-connect-controller", "serve", "--music", MUSIC, "--port", CONTROLLER_PORT,
             "--state", DISK / self.name])
         self.web = Process(self, "web", ["nginx", "-p", self.folder, "-c", self.folder / "nginx.conf"])
-        self.processes.update(controller=self.controller, web=self.web)
+        icecast.write_conf(self.folder / "icecast.xml", RADIO_PORT, CLOSET, BURST)
+        self.radio = Process(self, "radio", ["icecast2", "-c", self.folder / "icecast.xml"])
+        self.station = icecast.Station((CLOSET, RADIO_PORT), RADIO.read_bytes(), "audio/mpeg",
+                                       music.RADIO_BYTES_A_SECOND)
+        self.processes.update(controller=self.controller, web=self.web, radio=self.radio)
 
     def start(self):
         super().start()
         self.web.start()
+        self.radio.start()
+        self.station.begin()
         self.controller.start()
 
 
