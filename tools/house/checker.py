@@ -11,8 +11,10 @@ from papers import HASTE, MENDING, PROBED, Papers, breaks, may_be_logged, moves_
 
 Finding = collections.namedtuple("Finding", "at place rule text")
 
-# s that a position on the page may be off: nobody knows how long the first message was under way.
+# s that a position on the page may be off: nobody knows how long the quickest message was under way, all the less
+# before a second one, which comes within so many s.
 TOLD_LATE = 0.6
+FIRST_LATE, FIRST = 1.2, 11
 PROMPT = 0.25  # s after which a seek, a pause or a stop is heard
 ASKED_AGAIN = 25  # s after which a device whose channel does not come back has been asked why
 FOLLOWS, GAP = 3, 0.3  # s within which another recording belongs to what ended, and between tracks of two rates
@@ -33,7 +35,7 @@ def no_frame_is_lost(papers):
                 is_radio = music.RADIO in (stretch.track, before.track if before else 0)
                 if stretch.track < 0:
                     yield Finding(at, name, "frames", f"{stretch} in {recording.path.name}")
-                elif not (before is not None and before.is_at_end() and stretch.first == 0):
+                elif not (before is not None and before.is_at_end() and is_a_beginning(stretch)):
                     causes = papers.movers(name, at, is_radio)
                     if not causes:
                         yield Finding(at, name, "frames", f"{stretch} behind {before}, in {recording.path.name}")
@@ -48,9 +50,14 @@ def no_frame_is_lost(papers):
                     yield Finding(at, name, "frames", f"ends with {before}, in {recording.path.name}")
             is_radio = any(stretch.track == music.RADIO for stretch in recording.stretches)
             if int(recording.about["underruns"]) and not any(
-                    breaks(step) for at in recording.seconds[::100] for step in papers.movers(name, at, is_radio)):
+                    breaks(step) for at in recording.seconds for step in papers.movers(name, at, is_radio)):
                 yield Finding(recording.seconds[0], name, "underruns",
                               f"{recording.about['underruns']} in {recording.path.name}")
+
+
+def is_a_beginning(stretch):
+    """A radio begins wherever it is then."""
+    return stretch.first == 0 or stretch.track == music.RADIO
 
 
 def is_target_of(step, recording, stretch):
@@ -59,39 +66,43 @@ def is_target_of(step, recording, stretch):
 
 
 def may_begin_at(papers, causes, recording, stretch):
-    """At a track's beginning, at a seek's place, or where it was heard before; a radio wherever it is then."""
-    if stretch.first == 0 or stretch.track == music.RADIO or any(is_target_of(step, recording, stretch) or word_of(step) == "seek by"
-                                 for step in causes):
+    """At a track's beginning, at a seek's place, or where it was heard before."""
+    if is_a_beginning(stretch) or any(is_target_of(step, recording, stretch) or word_of(step) == "seek by"
+                                      for step in causes):
         return True
     at, first = recording.time_of(stretch.at), stretch.first / recording.rate
     return any(abs(second - first) <= CONTINUED for second in papers.left_off(stretch.track, at))
 
 
 def a_seek_is_prompt(papers):
-    """Where the music went to what a seek was for, it did so at once."""
+    """Where the music went to what a seek was for, it did so at once, or with the press that let it play again."""
     for name, room in papers.rooms.items():
         for recording in room.recordings:
             for stretch in recording.stretches[1:]:
                 at = recording.time_of(stretch.at)
-                steps = [step for step in papers.causes(name, at) if is_target_of(step, recording, stretch)]
-                late = min((at - step.get("done", at) for step in steps), default=0)
-                if late > PROMPT and not any(papers.causes(name, at, breaks)):
+                movers = papers.movers(name, at)
+                late = at - max((step.get("done", at) for step in movers), default=at)
+                if late > PROMPT and any(is_target_of(step, recording, stretch) for step in movers) and \
+                        not any(papers.causes(name, at, breaks)):
                     yield Finding(at, name, "late", f"{stretch}, {late:.3f} s after its seek")
 
 
 def the_position_shown_is_heard(papers):
     for name, room in papers.rooms.items():
+        linked = None
         for at, told, device in papers.moments(name):
+            linked = (told if linked is None else linked) if device["connected"] else None
             is_radio = plays_the_radio(device)
             if device["state"] != "playing" or not papers.is_quiet(name, told, at, is_radio=is_radio) or \
                     papers.is_lost(name, at):
                 continue
+            late = FIRST_LATE if linked is None or at < linked + FIRST else TOLD_LATE
             now, shown = room.at(at), device["position_ms"] / 1000 + at - told
             if now is None:
                 if room.at(at - 1) is None and room.at(at + 1) is None:
                     yield Finding(at, name, "position", f"playing at {shown:.3f} s, and nothing is heard")
-            elif now[0] != music.RADIO and abs(now[1] - shown) > TOLD_LATE and not (
-                    now[1] < TOLD_LATE and any(abs(end - shown) < TOLD_LATE for end in LENGTHS)):
+            elif now[0] != music.RADIO and abs(now[1] - shown) > late and not (
+                    now[1] < late and any(abs(end - shown) < late for end in LENGTHS)):
                 yield Finding(at, name, "position", f"{shown:.3f} s are shown, {now[1]:.3f} of track {now[0]} heard")
 
 
@@ -104,6 +115,9 @@ def a_pause_stands_still(papers):
             pressed = papers.last_pressed(name, at)
             if pressed is None or word_of(pressed) != "pause" or \
                     not papers.is_quiet(name, pressed["begun"], at, pressed):
+                continue
+            before, _ = papers.told_last(name, pressed["begun"])
+            if before is None or before["state"] != "playing":  # in a pause it is moved, and nothing heard
                 continue
             _, last = room.last_before(at)
             shown = device["position_ms"] / 1000
@@ -165,10 +179,7 @@ def another_source_is_alone(papers):
 def the_end_is_as_told(papers):
     """When all is quiet and mended, the page shows what is heard."""
     for name, room in papers.rooms.items() if not papers.ends_early else ():
-        device = None
-        for at, told in papers.states_of(name):
-            if at < papers.closed:
-                device, since = told, at
+        device, since = papers.told_last(name, papers.closed - 0.5)
         now = room.at(papers.closed - 0.5)
         if device is None or device["reach"] != "reached":
             yield Finding(papers.closed, name, "end", "is not reached at the end")
@@ -475,10 +486,9 @@ def how_far_apart(papers):
 
 
 RULES = [no_frame_is_lost, a_seek_is_prompt, what_is_pressed_is_heard, the_position_shown_is_heard,
-         a_pause_stands_still, a_station_is_titled, tracks_follow_each_other, another_source_is_alone, the_end_is_as_told,
-         what_was_set_stays, all_show_the_same, queues_are_as_edited, revisions_grow,
-         answers_are_those_of_the_api, nobody_ends_unasked,
-         nothing_is_left_behind, errors_have_causes]
+         a_pause_stands_still, a_station_is_titled, tracks_follow_each_other, another_source_is_alone,
+         the_end_is_as_told, what_was_set_stays, all_show_the_same, queues_are_as_edited, revisions_grow,
+         answers_are_those_of_the_api, nobody_ends_unasked, nothing_is_left_behind, errors_have_causes]
 
 
 def check(folder):

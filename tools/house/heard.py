@@ -86,7 +86,8 @@ class Stretch:
         if self.track < 0:
             return f"{self.count} frames of no track"
         if self.track == music.RADIO:
-            return f"the radio, {self.first / music.RADIO_RATE:.3f} s to {(self.first + self.count) / music.RADIO_RATE:.3f}"
+            begin, end = (frame / music.RADIO_RATE for frame in (self.first, self.first + self.count))
+            return f"the radio, {begin:.3f} s to {end:.3f}"
         return f"track {self.track}, frames {self.first} to {self.first + self.count}"
 
 

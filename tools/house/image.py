@@ -166,8 +166,8 @@ def make_image(build, kernel):
     add_standard_library(image)
     for path in sorted(each for each in ALSA.rglob("*") if each.is_file()):
         image.add_file(path, path)
-    for source in [*sorted(HERE.glob("inside/*.py")),
-                   HERE / "music.py", *(HERE.parent / f"run/{name}.py" for name in ("icecast", "own_device", "web_server"))]:
+    for source in [*sorted(HERE.glob("inside/*.py")), HERE / "music.py",
+                   *(HERE.parent / f"run/{name}.py" for name in ("icecast", "own_device", "web_server"))]:
         image.add_python(source, f"/nuvio/house/{source.name}")
     image.add_file("/init", HERE / "inside/init")
     with tempfile.TemporaryDirectory() as folder:

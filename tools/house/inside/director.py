@@ -180,10 +180,10 @@ class Director:
             witness.note("player", room=name, card=room.simcard("show"), **told)
 
     def close(self):
-        """All is taken from the devices, a stranger's session by one of the house's own."""
+        """All is taken from the devices; a stranger's session, of which nobody may know yet, by one of the house's own."""
         for device in self.state()["devices"]:
             path = f"/api/devices/{device['id']}"
-            if device["session"] == "other":
+            if device["session"] != "us":
                 self.api(f"{path}/play", {"what": [str(MUSIC)], "where": "now"})
             self.api(f"{path}/command", {"command": "leave"})
         time.sleep(SETTLED)
