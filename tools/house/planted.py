@@ -52,6 +52,11 @@ def plant_all(make_houses, plans, words, jobs):
     if strayed:
         raise SystemExit("house: no such text any more: " + "; ".join(strayed))
     mutants.copy_tree()
+    if failure := build():
+        raise SystemExit(f"house: does not compile\n{failure}")
+    house, _ = first_that_finds(make_houses(mutants.TREE / "build/package"), plans, jobs)
+    if house is not None:
+        raise SystemExit(f"house: {house.name} finds {house.found[0]} where nothing is planted")
     missed = []
     for fault in faults:
         path = mutants.TREE / fault.path
