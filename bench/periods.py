@@ -4,6 +4,7 @@ import functools
 from lab import Aplay, Device
 from rows import CD, DECODER_TURN, HI_RES, Row, in_turn, label, median_of
 
+TURNS = 4  # of a whole buffer, at least, in what is measured: it is filled where half of it has played
 PERIODS_MS = (5, 10, 20, 50, 125, 250, 500)
 
 
@@ -21,8 +22,9 @@ def periods(lab, music, rounds):
         buffer = buffer_of(period)
         card = ("--buffer", str(buffer), "--periods", str(buffer // period))
         aplay = functools.partial(Aplay, options=aplay_on(period))
+        window = max(DECODER_TURN, TURNS * buffer / 1000)
         for format in (CD, HI_RES):
-            windows = in_turn(lab, (Device, aplay), music.wav[format], card, rounds, DECODER_TURN)
+            windows = in_turn(lab, (Device, aplay), music.wav[format], card, rounds, window)
             (cpu, wakeups), (their_cpu, their_wakeups) = (
                 (median_of(measured, "cpu_ms"), median_of(measured, "wakeups")) for measured in windows.values())
             underruns = sum(window.underruns for window in windows[Device])
