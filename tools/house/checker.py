@@ -408,6 +408,11 @@ def nobody_ends_unasked(papers):
             yield Finding(event["at"], event["place"], "ended", f"{event['program']}: {event['status']}")
 
 
+# Of the page and of who was told something a controller has connections yet.
+MORE = {"device": {"descriptors": 3, "threads": 2, "kib": 2000},
+        "controller": {"descriptors": 6, "threads": 2, "kib": 6000}}
+
+
 def nothing_is_left_behind(papers):
     begin = {}
     restarted = {(step.get("place"), step.get("program")) for step in papers.steps.values() if step["do"] == "end"}
@@ -416,7 +421,7 @@ def nothing_is_left_behind(papers):
         if event["when"] == "begin":
             begin[key] = event
         elif key not in restarted and "kib" in event:
-            for what, more in (("descriptors", 3), ("threads", 2), ("kib", 6000 if key[1] == "controller" else 2000)):
+            for what, more in MORE[key[1]].items():
                 if event[what] > begin[key][what] + more:
                     yield Finding(event["at"], key[0], "left", f"{key[1]}: {what} {begin[key][what]} to {event[what]}")
 

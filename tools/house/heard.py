@@ -114,6 +114,8 @@ class Recording:
                 of_radio, frames = radio_at(data, at)
                 if frames:
                     number, first, count = music.RADIO, of_radio, frames
+                elif count == 0 and (number, first) != (0, 0) and self.count < JOINED:
+                    number, first, count = music.RADIO, 0, self.count - at  # it ended before it could be known
                 elif count == 0:
                     number, first, count = (0 if number == first == 0 else -1), 0, 1
                     while number == 0 and at + count < self.count and frame_at(data, at + count) == (0, 0):
