@@ -4,6 +4,7 @@ Each rule yields what breaks it: the time, the place and a text.
 """
 import collections
 import datetime
+import functools
 import re
 
 import music
@@ -427,10 +428,17 @@ def nothing_is_left_behind(papers):
 
 
 LOGGED = re.compile(r"^(\d{8} [\d:.]+) \[[\d.]+\] (ERROR|WARNING) (.*)")
-OF_A_RADIO = "can't be positioned"
+# Beside what may_be_logged() tells: a radio that is to be sought in, and the last moment of a track, behind which the
+# next one is opened anew.
+BY_PRESSES = {"can't be positioned": lambda step: word_of(step).startswith("seek"),
+              "Unable to get buffered frame count": moves_the_music}
 OF_A_CARD = ("ALSA", "The renderer reports a playback error")
 # What each start says of a card with several formats and no platform's output file system.
 AT_START = ("Nuvio outputfs = Invalid", "SND_PCM_FORMAT_")
+
+
+def may_lead_to(line, step):
+    return may_be_logged(step) or any(words in line and may(step) for words, may in BY_PRESSES.items())
 
 
 def errors_have_causes(papers):
@@ -446,10 +454,9 @@ def errors_have_causes(papers):
             candidates = [wall - ahead - sum(by for _, by in offsets[:count]) for count in range(len(offsets) + 1)]
             if any(words in line for words in OF_A_CARD) and papers.card_was_away(name):
                 continue
-            if OF_A_RADIO in line and any(word_of(step).startswith("seek") for at in candidates
-                                          for step in papers.causes(name, at)):
-                continue
-            if not any(any(papers.causes(name, at, may_be_logged)) for at in candidates):
+            may = functools.partial(may_lead_to, line)
+            if not any(any(papers.causes(name, at, may, plays_the_radio(papers.told_last(name, at)[0])))
+                       for at in candidates):
                 yield Finding(candidates[0], name, "log", match[2] + " " + match[3])
 
 

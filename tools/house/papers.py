@@ -59,7 +59,7 @@ def may_be_logged(step):
 
 
 def plays_the_radio(device):
-    return not device.get("track", {}).get("seekable", True)
+    return device is not None and not device.get("track", {}).get("seekable", True)
 
 
 class Papers:
@@ -165,7 +165,13 @@ class Papers:
         return any(step["do"] == "card" and step["room"] == name and "begun" in step for step in self.steps.values())
 
     def left_off(self, track, at):
-        """The seconds of a track at which a room that had played it until then, or lately, left it."""
+        """The seconds of a track at which a room that had played it until then, or lately, left it; and those that it
+        was sought to where it did not play."""
+        for step in self.steps.values():
+            if word_of(step) == "seek" and step.get("begun", at) < at:
+                device, _ = self.told_last(step["room"], step["begun"])
+                if device is not None and device["state"] != "playing":
+                    yield step["command"]["position_ms"] / 1000
         for room in self.rooms.values():
             for recording in room.recordings:
                 for stretch in recording.stretches:
