@@ -7,9 +7,9 @@ import subprocess
 import tarfile
 
 NS_PER_INSTRUCTION_LOG2 = 1
-# Nobody wants the record, but how it comes about. The clock goes on to the next timer while the processor has nothing
-# to do; so it is told a moment before its last instructions are counted, and qemu's two threads met there by chance,
-# seldom on a machine at rest. Where it records, the one that looks waits for the one that counts.
+# Nobody wants the record, but how it comes about. While the processor has nothing to do the clock goes on to the next
+# timer; it is said to have nothing to do a moment before its last instructions are counted, and there qemu's two
+# threads met by chance. Where it records, the one that moves the clock waits for the one that counts.
 COUNTED = f"shift={NS_PER_INSTRUCTION_LOG2},sleep=off,rr=record,rrfile=/dev/null"
 MEMORY = "1536M"
 PAPERS = 512 << 20  # bytes, at most

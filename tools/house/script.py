@@ -123,8 +123,9 @@ class Script:
     # ---- What breaks: two steps, the second one mends it ----------------------------------------
 
     def restart(self):
-        place, program = self.rng.choice([("Closet", "controller"), ("Closet", "web"), ("Closet", "avahi"), ("Closet", "radio"),
-                                          *((name, program) for name in self.names for program in ("device", "avahi", "bus"))])
+        place, program = self.rng.choice([("Closet", "controller"), ("Closet", "web"), ("Closet", "avahi"),
+                                          ("Closet", "radio"), *((name, program) for name in self.names
+                                                                 for program in ("device", "avahi", "bus"))])
         what = {"place": place, "program": program}
         return ({"do": "end", "how": self.rng.choice(["term", "kill"]), **what}, {"do": "start", **what},
                 (place, program), self.rng.uniform(0.1, 4))
@@ -175,7 +176,8 @@ class Script:
                      {"do": "play", "room": name, "what": [self.what()], "where": "now"})
         at, last = WARM + 2, self.seconds - QUIET
         pressed = [(self.play, 6), (self.command, 14), (self.queue, 4), (self.undo, 2), (self.mpris, 4),
-                   (self.panel, 0.7), (self.shell, 1.5), (self.move, 1), (self.session, 1.5), (self.keep, 1.5), (self.tell_title, 1)]
+                   (self.panel, 0.7), (self.shell, 1.5), (self.move, 1), (self.session, 1.5), (self.keep, 1.5),
+                   (self.tell_title, 1)]
         temper = self.rng.choice(TEMPERS)
         broken = [(self.restart, 2 * temper), (self.pull_card, temper), (self.bad_line, temper),
                   (self.other_source, 0.7 * temper), (self.clock, 0.3 * temper), (self.full_disk, 0.3 * temper)]
