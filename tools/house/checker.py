@@ -455,7 +455,8 @@ def errors_have_causes(papers):
             if any(words in line for words in OF_A_CARD) and papers.card_was_away(name):
                 continue
             may = functools.partial(may_lead_to, line)
-            if not any(any(papers.causes(name, at, may, plays_the_radio(papers.told_last(name, at)[0])))
+            if not any(papers.is_refused(name, at) or
+                       any(papers.causes(name, at, may, plays_the_radio(papers.told_last(name, at)[0])))
                        for at in candidates):
                 yield Finding(candidates[0], name, "log", match[2] + " " + match[3])
 
