@@ -160,7 +160,9 @@ class Browser:
         try:
             wait_for("all of it", is_whole)
         except AssertionError as late:
-            raise AssertionError(f"{late}: {screen}: {missing}") from None
+            asked = self.run("""return [document.visibilityState, ...performance.getEntriesByType("resource").filter(
+                (each) => each.name.includes("cover")).map((each) => [each.name, each.startTime, each.responseEnd])]""")
+            raise AssertionError(f"{late}: {screen}: {missing}; {asked}") from None
 
     def judge(self):
         """What is wrong with the screen that is shown."""
