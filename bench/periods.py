@@ -22,9 +22,9 @@ def periods(lab, music, rounds):
         buffer = buffer_of(period)
         card = ("--buffer", str(buffer), "--periods", str(buffer // period))
         aplay = functools.partial(Aplay, options=aplay_on(period))
-        window = max(DECODER_TURN, TURNS * buffer / 1000)
+        seconds = max(DECODER_TURN, TURNS * buffer / 1000)
         for format in (CD, HI_RES):
-            windows = in_turn(lab, (Device, aplay), music.wav[format], card, rounds, window)
+            windows = in_turn(lab, (Device, aplay), music.wav[format], card, rounds, seconds)
             (cpu, wakeups), (their_cpu, their_wakeups) = (
                 (median_of(measured, "cpu_ms"), median_of(measured, "wakeups")) for measured in windows.values())
             underruns = sum(window.underruns for window in windows[Device])
