@@ -46,8 +46,7 @@ def no_frame_is_lost(papers):
                 before = stretch
             if before is not None and not before.is_at_end():
                 at = recording.time_of(recording.count)
-                is_radio = before.track == music.RADIO
-                if not papers.movers(name, at, is_radio) and not papers.is_lost(name, at + 0.001):
+                if not papers.movers(name, at, before.track == music.RADIO) and not papers.is_lost(name, at + 0.001):
                     yield Finding(at, name, "frames", f"ends with {before}, in {recording.path.name}")
             is_radio = any(stretch.track == music.RADIO for stretch in recording.stretches)
             if int(recording.about["underruns"]) and not any(
@@ -135,9 +134,10 @@ def a_station_is_titled(papers):
             at = step["done"] + TITLED
             before, _ = papers.told_last(name, step["begun"])
             device, _ = papers.told_last(name, at)
-            if following["begun"] > at and all(each and each["state"] == "playing" and plays_the_radio(each)
-                                               for each in (before, device)) and \
-                    papers.is_quiet(name, step["begun"], at, is_radio=True) and device["track"]["title"] != step["title"]:
+            is_heard = all(each and each["state"] == "playing" and plays_the_radio(each) for each in (before, device))
+            if not is_heard or following["begun"] <= at or not papers.is_quiet(name, step["begun"], at, is_radio=True):
+                continue
+            if device["track"]["title"] != step["title"]:
                 yield Finding(at, name, "title", f"{device['track']['title']} {TITLED} s after it was {step['title']}")
 
 
