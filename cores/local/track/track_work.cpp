@@ -153,13 +153,14 @@ void TrackWork::end_here() {
                           m_failure.reason.c_str());
 }
 
+// In this order: a read that ends of it is not told as a fault.
 void TrackWork::close() {
-    m_interruption.interrupt();
     {
         const std::lock_guard lock(m_mutex);
         m_is_closed = true;
     }
     m_work.notify_one();
+    m_interruption.interrupt();
 }
 
 void TrackWork::work_or_wait(std::unique_lock<std::mutex>& lock) {
