@@ -342,6 +342,8 @@ def queues_are_as_edited(papers):
         for step in papers.steps.values():
             if step.get("room") != name or step["do"] != "queue" or not was_taken(step) or len(step["result"]) < 3:
                 continue
+            if papers.is_refused(name, step["begun"]):
+                continue  # the next track ends the session
             if any(each is not step and papers.concerns(each, name) and each.get("begun", papers.closed) < step["done"]
                    and each.get("done", papers.closed) + HASTE > step["begun"] for each in papers.steps.values()):
                 continue
