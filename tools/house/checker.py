@@ -20,6 +20,7 @@ PROMPT = 0.25  # s after which a seek, a pause or a stop is heard
 ASKED_AGAIN = 25  # s after which a device whose channel does not come back has been asked why
 FOLLOWS, GAP = 3, 0.3  # s within which another recording belongs to what ended, and between tracks of two rates
 CONTINUED = 0.7  # s between where a track was left off and where it goes on
+LOOPED = 1  # s before a track's end at which it is known what follows
 TITLED = 8  # s from a station's telling its title to what is heard then
 LENGTHS = [frames / rate for _, _, rate, frames in music.tracks()]
 
@@ -155,6 +156,19 @@ def tracks_follow_each_other(papers):
                     yield Finding(begin, name, "gap", f"{begin - end:.3f} s between two tracks of {one.rate} Hz")
                 elif begin - end > GAP:
                     yield Finding(begin, name, "gap", f"{begin - end:.3f} s between two tracks")
+
+
+def a_looped_track_comes_again(papers):
+    for name, room in papers.rooms.items():
+        for recording in room.recordings:
+            for before, stretch in zip(recording.stretches, recording.stretches[1:]):
+                at = recording.time_of(stretch.at)
+                device, _ = papers.told_last(name, at - LOOPED)
+                if before.is_at_end() and stretch.track != before.track and device is not None and \
+                        device.get("loop") == "one" and device["session"] == "us" and device["state"] == "playing" and \
+                        papers.is_quiet(name, at - LOOPED, at) and not papers.is_lost(name, at) and \
+                        not any(papers.causes(name, at, lambda step: "loop" in settings_of(step))):
+                    yield Finding(at, name, "loop", f"{stretch} behind {before}, which was to be looped")
 
 
 def another_source_is_alone(papers):
@@ -501,7 +515,7 @@ def how_far_apart(papers):
 
 
 RULES = [no_frame_is_lost, a_seek_is_prompt, what_is_pressed_is_heard, the_position_shown_is_heard,
-         a_pause_stands_still, a_station_is_titled, tracks_follow_each_other, another_source_is_alone,
+         a_pause_stands_still, a_station_is_titled, tracks_follow_each_other, a_looped_track_comes_again, another_source_is_alone,
          the_end_is_as_told, what_was_set_stays, all_show_the_same, queues_are_as_edited, revisions_grow,
          answers_are_those_of_the_api, nobody_ends_unasked, nothing_is_left_behind, errors_have_causes]
 
