@@ -7,6 +7,7 @@ NAMES = ["Kitchen", "Attic", "Bath", "Cellar", "Den", "Hall", "Loft", "Porch", "
 CARDS = [(340, 4), (500, 4), (1000, 8)]  # ms of buffer, periods
 QUIET = 12  # s at the end, when nothing happens and all is mended
 WARM = 1    # s before the first thing
+BEGIN = 0.65  # s for each room's beginning to play, or two for all: one processor has all of them
 TOGETHER = 20  # s for which two rooms are left to themselves, with the same session
 PAIRS = 0.25  # of the houses have one
 CUTS = 0.3  # of the houses end by a power cut
@@ -172,7 +173,7 @@ class Script:
         for name in self.pair:
             self.add(WARM, {"do": "session", "room": name, "session": "together", "from": "disk", "path": "0/0.flac"})
         for name in self.names:
-            self.add(self.rng.uniform(WARM, WARM + 2),
+            self.add(self.rng.uniform(WARM, WARM + max(2, BEGIN * len(self.names))),
                      {"do": "play", "room": name, "what": [self.what()], "where": "now"})
         at, last = WARM + 2, self.seconds - QUIET
         pressed = [(self.play, 6), (self.command, 14), (self.queue, 4), (self.undo, 2), (self.mpris, 4),
