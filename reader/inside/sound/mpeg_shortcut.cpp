@@ -12,13 +12,9 @@ namespace nuvio::reader {
 
 namespace {
 
-constexpr size_t kHeaderBytes = 4;
 constexpr uint32_t kPadded = 0x200;
-constexpr uint32_t kBitRate = 0xf000;
 constexpr uint32_t kOneBitRate = 0x1000;
-// Version, layer and rate of samples; and bit rate.
-constexpr uint32_t kKind = 0xfffe0c00;
-constexpr uint32_t kKindOfOneRate = kKind | kBitRate;
+constexpr uint32_t kKindOfOneRate = kMpegKind | kMpegBitRate;
 // Real ones that a decoder looks at before it goes anywhere. In the first of them may stand what
 // tells of the whole sound, at another bit rate.
 constexpr uint64_t kFirstFrames = 4;
@@ -34,22 +30,8 @@ constexpr uint64_t kMaxFrames = uint64_t{1} << 23U;
 // As many frames of one kind in a row are where frames are thought to be.
 constexpr int kFramesInARow = 5;
 
-bool begins_frames_of(uint32_t kind, uint32_t mask, std::string_view bytes) {
-    for (int frame = 0; frame < kFramesInARow; ++frame) {
-        if (bytes.size() < kHeaderBytes || (mpeg_header_at(bytes, 0) & mask) != (kind & mask)) {
-            return false;
-        }
-        const size_t length = mpeg_frame(mpeg_header_at(bytes, 0)).bytes;
-        if (length == 0) {
-            return false;
-        }
-        bytes.remove_prefix(std::min(length, bytes.size()));
-    }
-    return true;
-}
-
 uint64_t number_in(std::string_view bytes, size_t at) {
-    return at + kHeaderBytes <= bytes.size() ? mpeg_header_at(bytes, at) : 0;
+    return at + kMpegHeaderBytes <= bytes.size() ? mpeg_header_at(bytes, at) : 0;
 }
 
 }  // namespace
@@ -61,7 +43,8 @@ MpegShortcut::MpegShortcut(Input& input) : m_input(input) {
     m_first = tag + first;
     m_head.erase(0, first);
     size_t at = 0;
-    for (uint64_t frame = 0; frame < kFirstFrames && at + kHeaderBytes <= m_head.size(); ++frame) {
+    for (uint64_t frame = 0; frame < kFirstFrames && at + kMpegHeaderBytes <= m_head.size();
+         ++frame) {
         at += mpeg_frame(mpeg_header_at(m_head, at)).bytes;
     }
     const bool varies = m_head.find("Xing") < at || m_head.find("VBRI") < at;
@@ -69,7 +52,7 @@ MpegShortcut::MpegShortcut(Input& input) : m_input(input) {
     if (varies && bytes > m_first + kLeastBytesRoughly) {
         m_table = table_in(m_head, bytes - m_first);
     }
-    if (at + kHeaderBytes <= m_head.size() && varies == is_rough()) {
+    if (at + kMpegHeaderBytes <= m_head.size() && varies == is_rough()) {
         m_header = mpeg_header_at(m_head, at) & ~kPadded;
     }
     m_begin = m_jump.end = m_first + at;
@@ -116,7 +99,7 @@ std::optional<MpegShortcut::Jump> MpegShortcut::find(uint64_t sample, uint64_t f
 std::optional<uint64_t> MpegShortcut::frames_at(uint64_t place, size_t within, uint32_t mask) {
     const std::string there = bytes_at(m_input, place, std::max(within, kMpegHeadBytes));
     for (size_t at = 0; at <= std::min(within, there.size()); ++at) {
-        if (begins_frames_of(m_header, mask, std::string_view(there).substr(at))) {
+        if (mpeg_frames_follow(std::string_view(there).substr(at), m_header, mask, kFramesInARow)) {
             return place + at;
         }
     }
@@ -156,7 +139,7 @@ std::optional<MpegShortcut::Jump> MpegShortcut::find_by_table(uint64_t sample) {
     const uint64_t frame = at_least - std::min(at_least, m_table.frames / kLooks);
     const uint64_t place = m_first + (m_table.places[hundredth] + 1U) * m_table.bytes / 256;
     const auto end = frame >= kFirstFrames && place > m_begin
-                         ? frames_at(place, kLongestFrame, kKind)
+                         ? frames_at(place, kLongestFrame, kMpegKind)
                          : std::nullopt;
     return end ? std::optional(
                      Jump{frame - (kFirstFrames - 1), *end, (frame + kRunInFrames) * samples})
@@ -171,7 +154,7 @@ bool MpegShortcut::divide(Jump* jump) const {
         const uint64_t length = mpeg_frame(header).bytes;
         return length > 0 && jump->count * length <= bytes;
     };
-    jump->low_header = is_rough() ? (m_header & ~kBitRate) | kOneBitRate : m_header;
+    jump->low_header = is_rough() ? (m_header & ~kMpegBitRate) | kOneBitRate : m_header;
     while (is_rough() && fits(jump->low_header + kOneBitRate)) {
         jump->low_header += kOneBitRate;
     }
@@ -212,7 +195,7 @@ void MpegShortcut::make_up(uint64_t place, char* to, size_t size) const {
         const uint32_t header =
             (frame < m_jump.low_count ? m_jump.low_header : m_jump.high_header) |
             (frame < m_jump.padded_count ? kPadded : 0);
-        for (uint64_t i = 0; i < kHeaderBytes; ++i) {
+        for (uint64_t i = 0; i < kMpegHeaderBytes; ++i) {
             if (at + i >= place && at + i < place + size) {
                 to[at + i - place] = static_cast<char>(header >> (24 - 8 * i));
             }

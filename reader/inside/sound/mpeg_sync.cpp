@@ -1,5 +1,6 @@
 #include "reader/inside/sound/mpeg_sync.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdint>
 
@@ -7,24 +8,7 @@ namespace nuvio::reader {
 
 namespace {
 
-constexpr int kFramesInARow = 3;
-
-bool begins_frames(std::string_view bytes, size_t at) {
-    // Version, layer and rate stay; bit rate and padding may change.
-    constexpr uint32_t kKind = 0xfffe0c00;
-    const uint32_t kind = bytes.size() >= at + 4 ? mpeg_header_at(bytes, at) & kKind : 0;
-    for (int frame = 0; frame < kFramesInARow; ++frame) {
-        if (at + 4 > bytes.size() || (mpeg_header_at(bytes, at) & kKind) != kind) {
-            return false;
-        }
-        const size_t length = mpeg_frame(mpeg_header_at(bytes, at)).bytes;
-        if (length == 0) {
-            return false;
-        }
-        at += length;
-    }
-    return true;
-}
+constexpr int kFramesThatAreSound = 3;
 
 }  // namespace
 
@@ -59,15 +43,30 @@ MpegFrame mpeg_frame(uint32_t header) {
 
 uint32_t mpeg_header_at(std::string_view bytes, size_t at) {
     uint32_t header = 0;
-    for (size_t i = 0; i < 4; ++i) {
+    for (size_t i = 0; i < kMpegHeaderBytes; ++i) {
         header = header << 8 | static_cast<uint8_t>(bytes[at + i]);
     }
     return header;
 }
 
+bool mpeg_frames_follow(std::string_view bytes, uint32_t kind, uint32_t mask, int frames) {
+    for (int frame = 0; frame < frames; ++frame) {
+        if (bytes.size() < kMpegHeaderBytes || (mpeg_header_at(bytes, 0) & mask) != (kind & mask)) {
+            return false;
+        }
+        const size_t length = mpeg_frame(mpeg_header_at(bytes, 0)).bytes;
+        if (length == 0) {
+            return false;
+        }
+        bytes.remove_prefix(std::min(length, bytes.size()));
+    }
+    return true;
+}
+
 size_t first_mpeg_frame(std::string_view bytes) {
-    for (size_t at = 0; at + 4 <= bytes.size(); ++at) {
-        if (begins_frames(bytes, at)) {
+    for (size_t at = 0; at + kMpegHeaderBytes <= bytes.size(); ++at) {
+        if (mpeg_frames_follow(bytes.substr(at), mpeg_header_at(bytes, at), kMpegKind,
+                               kFramesThatAreSound)) {
             return at;
         }
     }

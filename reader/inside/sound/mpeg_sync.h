@@ -19,8 +19,17 @@ struct MpegFrame {
 };
 MpegFrame mpeg_frame(uint32_t header);
 
-// The four bytes there, as a frame begins with them.
+// What a frame begins with.
+constexpr size_t kMpegHeaderBytes = 4;
 uint32_t mpeg_header_at(std::string_view bytes, size_t at);
+
+// Of a header: version, layer and rate, which stay where bit rate and padding change; and bit rate.
+constexpr uint32_t kMpegKind = 0xfffe0c00;
+constexpr uint32_t kMpegBitRate = 0xf000;
+
+// Whether so many frames follow each other from the first of these bytes on whose headers are like
+// `kind` in what `mask` covers. Any bytes; pure.
+bool mpeg_frames_follow(std::string_view bytes, uint32_t kind, uint32_t mask, int frames);
 
 // The offset of the first of three frames of one kind in a row; 0 where there are none, so that
 // whoever reads on decides. Any bytes; pure.
