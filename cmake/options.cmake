@@ -14,6 +14,11 @@ add_compile_options(
     # An element that isn't there, a look into an empty optional or pointer end the process.
     -D_GLIBCXX_ASSERTIONS)
 
+# Where a library's sources are compiled as a few, GCC takes what is unnamed in one of them for a header's.
+if(CMAKE_UNITY_BUILD)
+    add_compile_options($<$<AND:$<COMPILE_LANGUAGE:CXX>,$<CXX_COMPILER_ID:GNU>>:-Wno-subobject-linkage>)
+endif()
+
 if(NUVIO_SANITIZE)
     add_compile_options(-fsanitize=${NUVIO_SANITIZE} -fno-omit-frame-pointer -g1)
     add_link_options(-fsanitize=${NUVIO_SANITIZE})

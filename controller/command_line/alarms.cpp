@@ -48,7 +48,7 @@ std::optional<Days> to_days(std::string_view text) {
     return days.empty() ? std::nullopt : std::optional(std::move(days));
 }
 
-void show(const cJSON* alarm) {
+void show_alarm(const cJSON* alarm) {
     std::string days;
     const cJSON* day = nullptr;
     cJSON_ArrayForEach(day, member(alarm, "days")) {
@@ -81,7 +81,7 @@ void list_alarms(const std::string& device) {
     const cJSON* alarm = nullptr;
     cJSON_ArrayForEach(alarm, member(answer.get(), "alarms")) {
         if (device.empty() || is_of(alarm, device)) {
-            show(alarm);
+            show_alarm(alarm);
         }
     }
 }

@@ -45,7 +45,7 @@ std::vector<FoundDevice> browse() {
     return devices;
 }
 
-void show(const FoundDevice& device) {
+void show_found(const FoundDevice& device) {
     std::printf("%s\n", printable(device.name).c_str());
     for (const std::string& address : device.addresses) {
         std::printf("  address  %s port %d\n", address.c_str(), int{device.port});
@@ -70,7 +70,7 @@ int find_devices() {
         std::fprintf(stderr, "find: no device on the network\n");
         return 1;
     }
-    std::ranges::for_each(devices, show);
+    std::ranges::for_each(devices, show_found);
     return 0;
 }
 

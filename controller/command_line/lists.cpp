@@ -14,7 +14,7 @@ namespace {
 
 constexpr size_t kPage = 500;
 
-void show(const cJSON* lists, const char* detail) {
+void show_lists(const cJSON* lists, const char* detail) {
     const cJSON* list = nullptr;
     cJSON_ArrayForEach(list, lists) {
         std::printf("%-40s %s\n", shown(list, "name").c_str(), shown(list, detail).c_str());
@@ -51,14 +51,14 @@ bool change_one(const char* kind, const std::vector<std::string>& words) {
 
 void playlists(const std::vector<std::string>& words) {
     if (words.empty()) {
-        show(member(ask_controller("GET", "playlists").get(), "playlists"), "what");
+        show_lists(member(ask_controller("GET", "playlists").get(), "playlists"), "what");
         for (size_t first = 0, count = kPage; count == kPage; first += kPage) {
             const JsonPtr page =
                 ask_controller("GET", "library/playlists?count=" + std::to_string(kPage) +
                                           "&first=" + std::to_string(first));
             const cJSON* const lists = member(page.get(), "playlists");
             count = static_cast<size_t>(cJSON_GetArraySize(lists));
-            show(lists, "what");
+            show_lists(lists, "what");
         }
     } else if (words.size() == 3 && words[0] == "save") {
         change("playlists", names({{"device", words[1]}, {"name", words[2]}}),
@@ -70,7 +70,7 @@ void playlists(const std::vector<std::string>& words) {
 
 void stations(const std::vector<std::string>& words) {
     if (words.empty()) {
-        show(member(ask_controller("GET", "stations").get(), "stations"), "url");
+        show_lists(member(ask_controller("GET", "stations").get(), "stations"), "url");
     } else if (words.size() == 3 && words[0] == "add") {
         change("stations", names({{"name", words[1]}, {"url", words[2]}}), words[1] + " is added");
     } else if (!change_one("stations", words)) {

@@ -14,7 +14,7 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr size_t kMaxFile = size_t{4} << 20U;
+constexpr size_t kMaxKeptFile = size_t{4} << 20U;
 constexpr mode_t kMode = 0600;
 
 std::string path_of(const Track& track) {
@@ -30,7 +30,7 @@ PlaylistEntry entry_of(const Track& track) {
 
 KeptList::KeptList(std::string path, Of of, size_t most)
     : m_path(std::move(path)), m_of(of), m_most(most) {
-    const FileText file = read_file(m_path, kMaxFile);
+    const FileText file = read_file(m_path, kMaxKeptFile);
     m_error = file.error == ENOENT ? 0 : file.error;
     m_entries = parse_m3u(file.whole_lines(), m_most);
     for (const PlaylistEntry& entry : m_entries) {

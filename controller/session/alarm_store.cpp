@@ -10,7 +10,7 @@ namespace nuvio::controller {
 
 namespace {
 
-constexpr size_t kMaxFile = size_t{4} << 20U;
+constexpr size_t kMaxAlarmsFile = size_t{4} << 20U;
 constexpr int64_t kLoudest = 100;
 constexpr int64_t kTooLate = 600;   // seconds
 constexpr int64_t kPutBack = 3600;  // seconds that a clock may be corrected by
@@ -57,7 +57,7 @@ std::optional<int64_t> due_of(Alarm* alarm, int64_t now) {
 }
 
 AlarmStore::AlarmStore(std::string path) : m_path(std::move(path)) {
-    const JsonPtr document = parse_json(read_file(m_path, kMaxFile).text);
+    const JsonPtr document = parse_json(read_file(m_path, kMaxAlarmsFile).text);
     const cJSON* entry = nullptr;
     cJSON_ArrayForEach(entry, document.get()) {
         std::optional<Alarm> alarm = alarm_in(entry);

@@ -21,7 +21,7 @@ constexpr milliseconds kBegins{30};
 // Nearer to a track's end it is the next one's beginning that is waited for.
 constexpr milliseconds kEnding = 2 * kLead;
 constexpr milliseconds kGoesOn{1000};  // to the next track
-constexpr int kTries = 5;              // the old device may go elsewhere meanwhile
+constexpr int kMoveTries = 5;          // the old device may go elsewhere meanwhile
 
 struct Failed {
     std::string reason;
@@ -143,7 +143,7 @@ void Mover::carry_over(Music& music) {
     note_joined(music);
     set_modes(music);
     bool is_opened = false;
-    for (int tries = 0; tries < kTries; ++tries) {
+    for (int tries = 0; tries < kMoveTries; ++tries) {
         const Spot spot = spot_of(music);
         jump(music, spot.place);
         if (spot.playback == Playback::stopped) {

@@ -15,14 +15,14 @@ constexpr size_t kMaxSessions = 64;
 constexpr size_t kMaxWishes = 128;
 // What was due while the controller was away is made up for, but not the next day.
 constexpr int64_t kTooLateSeconds = 3600;
-constexpr size_t kMaxFile = size_t{1} << 20U;
+constexpr size_t kMaxSessionsFile = size_t{1} << 20U;
 const Session kNone;
 const Wishes kNoWishes;
 
 }  // namespace
 
 SessionStore::SessionStore(std::string path) : m_path(std::move(path)) {
-    const JsonPtr document = parse_json(read_file(m_path, kMaxFile).text);
+    const JsonPtr document = parse_json(read_file(m_path, kMaxSessionsFile).text);
     const cJSON* entry = nullptr;
     cJSON_ArrayForEach(entry, document.get()) {
         Session session{text_member(entry, "device").value_or(""),

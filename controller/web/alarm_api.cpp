@@ -13,7 +13,7 @@ namespace {
 
 constexpr int64_t kLoudest = 100;
 constexpr size_t kMaxWhat = 4096;  // bytes
-constexpr size_t kMaxTitle = 200;
+constexpr size_t kMaxAlarmTitle = 200;
 constexpr char kNoSuch[] = "no such alarm";
 
 std::optional<Alarm> alarm_of(House& house, const std::string& id) {
@@ -125,7 +125,7 @@ int AlarmApi::set(Exchange& exchange, Alarm alarm, const cJSON* wish) {
             return exchange.fail(404, lasting.failure);
         }
         alarm.what = std::move(lasting.what);
-        alarm.title = beginning(lasting.title, kMaxTitle);
+        alarm.title = beginning(lasting.title, kMaxAlarmTitle);
     }
     const int64_t id = m_house.alarms().set(std::move(alarm));
     if (id == 0) {

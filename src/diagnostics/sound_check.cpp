@@ -39,7 +39,7 @@ std::vector<pcm_stream> announced_streams() {
         unsigned rate;
         nuv_audio_quality from;  // announced at this quality and above
     };
-    constexpr std::array kRates = {
+    constexpr std::array kAnnounced = {
         Row{44100, NUV_AUDIO_QUALITY_CD},
         Row{48000, NUV_AUDIO_QUALITY_CD},
         Row{88200, NUV_AUDIO_QUALITY_HI_RES_LEVEL_1},
@@ -53,7 +53,7 @@ std::vector<pcm_stream> announced_streams() {
     const nuv_audio_quality quality = quality_from_settings(settings, parse_maximum_rate(settings))
                                           .value_or(NUV_AUDIO_QUALITY_CD);
     std::vector<pcm_stream> streams;
-    for (const Row& row : kRates) {
+    for (const Row& row : kAnnounced) {
         if (row.from <= quality) {
             streams.push_back({row.rate, 2, SND_PCM_FORMAT_S16_LE});
         }
@@ -61,7 +61,7 @@ std::vector<pcm_stream> announced_streams() {
             streams.push_back({row.rate, 2, SND_PCM_FORMAT_S24_LE});
         }
     }
-    streams.insert(streams.begin() + 1, {kRates.front().rate, 1, SND_PCM_FORMAT_S16_LE});
+    streams.insert(streams.begin() + 1, {kAnnounced.front().rate, 1, SND_PCM_FORMAT_S16_LE});
     return streams;
 }
 

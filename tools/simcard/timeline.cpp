@@ -7,13 +7,13 @@ namespace simcard {
 
 namespace {
 
-constexpr std::size_t kFileBufferBytes = 4096;
+constexpr std::size_t kTimesBufferBytes = 4096;
 constexpr unsigned kStepsPerSecond = 200;
 
 }  // namespace
 
 Timeline::Timeline(const std::string& path, unsigned rate)
-    : m_file(path, kFileBufferBytes), m_step(rate / kStepsPerSecond) {}
+    : m_file(path, kTimesBufferBytes), m_step(rate / kStepsPerSecond) {}
 
 void Timeline::advance(const StreamClock& clock, std::uint64_t from, std::uint64_t count) {
     if (clock.going_since() != m_going_since) {

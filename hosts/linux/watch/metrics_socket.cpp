@@ -20,7 +20,7 @@ namespace {
 
 constexpr size_t kMaxPeers = 4;
 constexpr size_t kMaxRequestBytes = 4096;
-constexpr std::chrono::seconds kPatience{10};
+constexpr std::chrono::seconds kPeerPatience{10};
 constexpr std::chrono::seconds kWithoutDescriptors{5};
 
 UniqueFd make_socket() {
@@ -141,7 +141,7 @@ void MetricsSocket::accept_peers() {
     if (m_peers.size() == kMaxPeers) {
         m_peers.pop_front();
     }
-    m_peers.push_back({std::move(fd), Clock::now() + kPatience, {}, {}, 0});
+    m_peers.push_back({std::move(fd), Clock::now() + kPeerPatience, {}, {}, 0});
 }
 
 std::string MetricsSocket::answer_to(const std::string& request) const {

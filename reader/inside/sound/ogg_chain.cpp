@@ -12,7 +12,7 @@ namespace nuvio::reader {
 namespace {
 
 constexpr std::string_view kName = "OggS";
-constexpr size_t kHeadBytes = 27;
+constexpr size_t kPageHeadBytes = 27;
 constexpr size_t kMaxPageBytes = 65307;
 constexpr size_t kMaxStreams = 16;  // side by side
 
@@ -30,13 +30,13 @@ std::optional<Page> page_in(std::string_view bytes, size_t at, uint64_t place) {
     constexpr size_t kStream = 14;
     constexpr size_t kSegments = 26;
     const auto byte = [&](size_t i) { return static_cast<uint8_t>(bytes[at + i]); };
-    if (!bytes.substr(at).starts_with(kMark) || at + kHeadBytes > bytes.size() ||
-        at + kHeadBytes + byte(kSegments) > bytes.size()) {
+    if (!bytes.substr(at).starts_with(kMark) || at + kPageHeadBytes > bytes.size() ||
+        at + kPageHeadBytes + byte(kSegments) > bytes.size()) {
         return std::nullopt;
     }
-    Page page{place, place + kHeadBytes + byte(kSegments), 0, (byte(kFlags) & 2) != 0};
+    Page page{place, place + kPageHeadBytes + byte(kSegments), 0, (byte(kFlags) & 2) != 0};
     for (size_t i = 0; i < byte(kSegments); ++i) {
-        page.end += byte(kHeadBytes + i);
+        page.end += byte(kPageHeadBytes + i);
     }
     for (size_t i = 4; i > 0; --i) {
         page.stream = page.stream << 8 | byte(kStream + i - 1);

@@ -28,7 +28,7 @@ constexpr sf_count_t kMaxGuess = sf_count_t{1} << 40;
 constexpr uint64_t kMaxMeasured = uint64_t{32} << 20;
 constexpr size_t kGuessedBy = size_t{64} << 10U;  // bytes
 // Further ahead nobody goes in an input of unknown length.
-constexpr uint64_t kMaxStep = uint64_t{1} << 20;
+constexpr uint64_t kMaxBytesLeftOut = uint64_t{1} << 20;
 
 // Goes to where the sound of a radio begins: MPEG may be joined in the middle of a frame.
 bool find_sound(Input& input) {
@@ -98,7 +98,7 @@ sf_count_t SndfileSound::seek(sf_count_t offset, int whence, void* data) {
                                  : 0;
     const uint64_t place = static_cast<uint64_t>(wanted) + sound.m_bytes.begin - too_far;
     if (wanted < 0 || sound.m_is_over ||
-        (!sound.real_length() && place > input.position() + kMaxStep)) {
+        (!sound.real_length() && place > input.position() + kMaxBytesLeftOut)) {
         return -1;
     }
     if (sound.m_ogg) {
