@@ -15,7 +15,7 @@ Finding = collections.namedtuple("Finding", "at place rule text")
 # s that a position on the page may be off: nobody knows how long the quickest message was under way, all the less
 # before a second one, which comes within so many s.
 TOLD_LATE = 0.6
-FIRST_LATE, FIRST = 1.2, 11
+FIRST_LATE, FIRST = 1.5, 11
 PROMPT = 0.25  # s after which a seek, a pause or a stop is heard
 ASKED_AGAIN = 25  # s after which a device whose channel does not come back has been asked why
 FOLLOWS, GAP = 3, 0.3  # s within which another recording belongs to what ended, and between tracks of two rates
