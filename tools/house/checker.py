@@ -328,7 +328,8 @@ def all_show_the_same(papers):
             continue
         position = device["position_ms"] / 1000
         is_stopped = device["state"] == "stopped"  # a device is told its modes while it has the output
-        is_unknown = device.get("volume") is None or papers.card_was_away(name)
+        is_away = papers.card_was_away(name)
+        is_unknown = device.get("volume") is None or is_away
         if device["state"] == "playing":
             position += event["at"] - told
         volume, muted = re.search(r"element +present, volume (\d+) \d+, (on|off)", event["card"]).groups()
@@ -340,7 +341,7 @@ def all_show_the_same(papers):
                  str(device["shuffle"]).lower() == event["Shuffle"]),
                 ("loop", device["loop"], event["LoopStatus"], is_stopped or
                  LOOPS[device["loop"]] == event["LoopStatus"]),
-                ("volume", device.get("volume"), event["Volume"], device.get("volume") is None or
+                ("volume", device.get("volume"), event["Volume"], is_away if device.get("volume") is None else
                  abs(float(event["Volume"]) * 100 - device["volume"]) <= 1),
                 ("card's volume", device.get("volume"), volume, is_unknown or
                  abs(device["volume"] - volume) <= papers.step_of_volume(name)),
