@@ -516,9 +516,9 @@ def how_far_apart(papers):
 
 
 RULES = [no_frame_is_lost, a_seek_is_prompt, what_is_pressed_is_heard, the_position_shown_is_heard,
-         a_pause_stands_still, a_station_is_titled, tracks_follow_each_other, a_looped_track_comes_again, another_source_is_alone,
-         the_end_is_as_told, what_was_set_stays, all_show_the_same, queues_are_as_edited, revisions_grow,
-         answers_are_those_of_the_api, nobody_ends_unasked, nothing_is_left_behind, errors_have_causes]
+         a_pause_stands_still, a_station_is_titled, tracks_follow_each_other, a_looped_track_comes_again,
+         another_source_is_alone, the_end_is_as_told, what_was_set_stays, all_show_the_same, queues_are_as_edited,
+         revisions_grow, answers_are_those_of_the_api, nobody_ends_unasked, nothing_is_left_behind, errors_have_causes]
 
 
 def check(folder):

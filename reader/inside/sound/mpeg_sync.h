@@ -19,7 +19,7 @@ struct MpegFrame {
 };
 MpegFrame mpeg_frame(uint32_t header);
 
-// What a frame begins with.
+// What a frame begins with. As many bytes must be there.
 constexpr size_t kMpegHeaderBytes = 4;
 uint32_t mpeg_header_at(std::string_view bytes, size_t at);
 
