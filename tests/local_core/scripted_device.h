@@ -195,6 +195,12 @@ class ScriptedDevice : public LoopTest {
         fake_sink::state().buffered_frames = 0;
         kNoted<&Media::initiate_playback, "initiate">(core, initial, context);
     }
+    // Not every output can tell before something was written to it.
+    static uint64_t position(nuv_connect* core, void* context) {
+        const audio_source* active = s_current->active();
+        EXPECT_TRUE(active != nullptr && !s_current->pcm_of_stream[active->id].empty());
+        return s_current->m_media.get_playback_position(core, context);
+    }
 
     nuv_connect_config config() const {
         nuv_connect_config config{};
@@ -218,6 +224,7 @@ class ScriptedDevice : public LoopTest {
         audio.dispose = kNoted<&Audio::dispose, "dispose">;
         nuv_media_delegate& media = config.media_delegate = m_media;
         media.initiate_playback = initiate;
+        media.get_playback_position = position;
         media.pause_playback = kNoted<&Media::pause_playback, "pause">;
         media.stop_playback = kNoted<&Media::stop_playback, "stop">;
         media.seek_in_progress = kNoted<&Media::seek_in_progress, "seek in progress">;
