@@ -8,6 +8,9 @@ namespace local_core {
 
 namespace {
 
+// What is written at once. PulseAudio's own pieces of memory are 64 KiB with a head in them: what
+// does not fit takes a second one.
+constexpr uint64_t kFillBytes = TrackPipe::kBlockBytes - 1024;
 constexpr uint64_t kAheadMs = 5000;    // how far a pipe gets ahead of the loop
 constexpr uint64_t kMaxBlockMs = 500;  // a block of a slow format is not filled
 constexpr uint64_t kLowMs = 300;       // more than an output takes at once
@@ -221,8 +224,7 @@ void TrackWork::open() {
 
 void TrackWork::provide_blocks() {
     const TrackInfo& info = m_decoder->info();
-    m_fill_bytes = static_cast<size_t>(
-        std::min<uint64_t>(TrackPipe::kBlockBytes, bytes_of_ms(info, kMaxBlockMs)));
+    m_fill_bytes = static_cast<size_t>(std::min(kFillBytes, bytes_of_ms(info, kMaxBlockMs)));
     m_blocks_ahead = static_cast<size_t>(
         std::clamp<uint64_t>(bytes_of_ms(info, kAheadMs) / m_fill_bytes, 2, kMaxBlocksAhead));
     m_low_blocks =
