@@ -4,6 +4,7 @@ Every process here is started by this module and ended by its id. A player is pl
 its own, whose recording is off unless asked for.
 """
 import array
+import collections
 import contextlib
 import ctypes
 import math
@@ -26,6 +27,8 @@ import own_device  # noqa: E402
 import sound_servers  # noqa: E402
 from own_device import end, wait_for  # noqa: E402
 
+PAGE = os.sysconf("SC_PAGESIZE") // 1024  # KiB
+Mapping = collections.namedtuple("Mapping", "begin end name resident dirty")
 OWN_DAEMON = pathlib.Path(__file__).resolve().parents[1] / "tools/run/own_daemon.sh"
 
 
@@ -113,14 +116,48 @@ def wakeups(pid):
     return counts
 
 
-def memory_kb(pid):
-    """Resident and private dirty."""
-    texts = []
+def mappings(pid):
+    """Of one process; sizes in KiB."""
+    head = re.compile(r"^([0-9a-f]+)-([0-9a-f]+) \S+ \S+ \S+ \S+ *(.*)$")
+    found = []
+    for line in pathlib.Path(f"/proc/{pid}/smaps").read_text().splitlines():
+        if begins := head.match(line):
+            found.append([int(begins[1], 16), int(begins[2], 16), begins[3], 0, 0])
+        elif line.startswith("Rss:"):
+            found[-1][3] = int(line.split()[1])
+        elif line.startswith("Private_Dirty:"):
+            found[-1][4] = int(line.split()[1])
+    return [Mapping(*each) for each in found]
+
+
+def pages(pid):
+    """The machine's pages that the process has; none where root alone is told which."""
+    page, place = PAGE * 1024, (1 << 55) - 1
+    with open(f"/proc/{pid}/pagemap", "rb") as file:
+        for mapping in mappings(pid):
+            if mapping.begin >> 63:  # the kernel's
+                continue
+            file.seek(mapping.begin // page * 8)
+            entries = file.read((mapping.end - mapping.begin) // page * 8)
+            yield from (entry & place for entry, in struct.iter_unpack("Q", entries) if entry >> 63 and entry & place)
+
+
+def resident_kb(pid):
+    """Of a process and those that it has started; a page that several of them have counts once."""
+    found = set()
     for each in family(pid):
         with contextlib.suppress(OSError):
-            texts.append(pathlib.Path(f"/proc/{each}/smaps_rollup").read_text())
-    return tuple(sum(int(re.search(rf"^{key}:\s*(\d+) kB", text, re.M)[1]) for text in texts)
-                 for key in ("Rss", "Private_Dirty"))
+            found.update(pages(each))
+    return len(found) * PAGE or sum(mapping.resident for each in family(pid) for mapping in mappings(each))
+
+
+def dirty_kb(pid):
+    """Private dirty memory of a process and those that it has started."""
+    dirty = 0
+    for each in family(pid):
+        with contextlib.suppress(OSError):
+            dirty += sum(mapping.dirty for mapping in mappings(each))
+    return dirty
 
 
 class Window:
@@ -135,7 +172,7 @@ class Window:
         self.by_thread = {name: (count - switches.get(name, 0)) / self.seconds
                           for name, count in wakeups(pid).items()}
         self.wakeups = sum(self.by_thread.values())
-        self.rss_kb, _ = memory_kb(pid)
+        self.rss_kb = resident_kb(pid)
 
 
 # ---- The card -----------------------------------------------------------------------------------

@@ -4,13 +4,11 @@ mapping it counts in each of them."""
 import collections
 import os
 import pathlib
-import re
-import struct
 import sys
 import time
 
 import rows
-from lab import Device, family, wait_for
+from lab import Device, family, mappings, resident_kb, wait_for
 from rows import CARD, CD, Row
 from web_server import WebServer
 
@@ -18,41 +16,12 @@ sys.path.append(str(pathlib.Path(__file__).resolve().parents[1] / "tests"))
 from certificate import make_certificate  # noqa: E402
 
 MB = 1024  # KiB
-PAGE = os.sysconf("SC_PAGESIZE") // 1024
 IDLE, PLAYING = (9 * MB, 1.5 * MB), (13 * MB, 3 * MB)  # resident, private dirty
 READ_AHEAD = 4 * MB
 LEFT = MB / 2  # more than idle, once a session is over
 FILLED = 14    # s until a card and what is decoded ahead have been full
 OVER = 4       # s until what a session held is given back
 TLS = "server {{ listen 127.0.0.1:{port} ssl; ssl_certificate {d}/cert; ssl_certificate_key {d}/key; }}"
-
-Mapping = collections.namedtuple("Mapping", "begin end name resident dirty")
-
-
-def mappings(pid):
-    """Of one process; sizes in KiB."""
-    head = re.compile(r"^([0-9a-f]+)-([0-9a-f]+) \S+ \S+ \S+ \S+ *(.*)$")
-    found = []
-    for line in pathlib.Path(f"/proc/{pid}/smaps").read_text().splitlines():
-        if begins := head.match(line):
-            found.append([int(begins[1], 16), int(begins[2], 16), begins[3], 0, 0])
-        elif line.startswith("Rss:"):
-            found[-1][3] = int(line.split()[1])
-        elif line.startswith("Private_Dirty:"):
-            found[-1][4] = int(line.split()[1])
-    return [Mapping(*each) for each in found]
-
-
-def pages(pid):
-    """The machine's pages that the process has; none where root alone is told which."""
-    page, place = PAGE * 1024, (1 << 55) - 1
-    with open(f"/proc/{pid}/pagemap", "rb") as file:
-        for mapping in mappings(pid):
-            if mapping.begin >> 63:  # the kernel's
-                continue
-            file.seek(mapping.begin // page * 8)
-            entries = file.read((mapping.end - mapping.begin) // page * 8)
-            yield from (entry & place for entry, in struct.iter_unpack("Q", entries) if entry >> 63 and entry & place)
 
 
 def is_library(name):
@@ -103,8 +72,8 @@ class Reading:
             if each == pid:
                 self.libraries = len({m.name for m in mappings(each) if is_library(m.name)})
                 self.depths = {name: max(m.resident for m in many) for name, many in of_threads.items()}
-        resident, self.dirty = map(sum, zip(*self.kinds.values()))
-        self.resident = len({page for each in family(pid) for page in pages(each)}) * PAGE or resident
+        self.dirty = sum(dirty for _, dirty in self.kinds.values())
+        self.resident = resident_kb(pid)
 
     def __str__(self):
         return f"{self.resident / MB:.1f} and {self.dirty / MB:.2f} MB"
