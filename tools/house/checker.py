@@ -222,6 +222,10 @@ def was_taken(step):
     return isinstance(step.get("result"), list) and step["result"][0] in (200, 0)
 
 
+def is_linked(device):
+    return device is not None and device["session"] == "us" and device["connected"]
+
+
 def was_paused(papers, step):
     device, _ = papers.told_last(step["room"], step["begun"])
     return device is not None and device["state"] == "paused"
@@ -262,6 +266,10 @@ def what_is_pressed_is_heard(papers):
             elif step["do"] == "session":
                 if now is None or now[0] not in tracks_of(f"/music/{step['path']}"):
                     yield Finding(at, name, "heard", f"{now}, {late} s after the session of {step['path']}")
+                elif is_linked(papers.told_last(name, step["begun"])[0]):
+                    shown = papers.told_last(name, at)[0]["session"]
+                    if shown != "other":
+                        yield Finding(at, name, "owner", f"is shown as {shown}'s, {late} s after another's session")
 
 
 LOOPS = {"off": "None", "one": "Track", "all": "Playlist"}

@@ -5,7 +5,7 @@ import music
 
 NAMES = ["Kitchen", "Attic", "Bath", "Cellar", "Den", "Hall", "Loft", "Porch", "Study", "Yard"]
 CARDS = [(340, 4), (500, 4), (1000, 8)]  # ms of buffer, periods
-QUIET = 12  # s at the end, when nothing happens and all is mended
+QUIET = 12  # s at the end, when nothing happens but a radio's new title, and all is mended
 WARM = 1    # s before the first thing
 BEGIN = 0.65  # s for each room's beginning to play, or two for all: one processor has all of them
 TOGETHER = 20  # s for which two rooms are left to themselves, with the same session
@@ -203,6 +203,8 @@ class Script:
         is_cut = self.rng.random() < CUTS
         if is_cut:
             self.cut_power()
+        else:
+            self.add(last + 1, self.tell_title())
         self.steps.sort(key=lambda step: step["at"])
         return {"seed": self.seed, "seconds": self.seconds, **({"cut": True} if is_cut else {}),
                 "rooms": self.rooms, "pair": self.pair,
