@@ -5,6 +5,7 @@ import math
 import os
 import pathlib
 import random
+import shutil
 import signal
 import socket
 import struct
@@ -180,6 +181,20 @@ class Network(unittest.TestCase):
             with self.subTest(url=url, arguments=arguments):
                 result = self.read(url, *arguments)
                 self.assertEqual((result.failure, result.body == body), ("none", True), result.log)
+
+    def test_the_systems_authorities_are_those_of_its_folder_and_of_its_file(self):
+        name = subprocess.run(["openssl", "x509", "-hash", "-noout", "-in", f"{self.d}/cert"], check=True,
+                              text=True, capture_output=True).stdout.strip() + ".0"
+        for files, failure in [({name: "cert"}, "none"), ({"ca-certificates.crt": "cert"}, "none"),
+                               ({"12345678.0": "file", "ca-certificates.crt": "cert"}, "none"),
+                               ({"12345678.0": "file"}, "unusable")]:
+            with self.subTest(files=files), tempfile.TemporaryDirectory() as folder:
+                for place, content in files.items():
+                    shutil.copy(f"{self.d}/{content}", f"{folder}/{place}")
+                result = Result(start("read", self.secure + "/plain/file", wrapper=[
+                    "unshare", "--mount", "--map-root-user", "sh", "-c", 'mount --bind "$0" /etc/ssl/certs && exec "$@"', folder]))
+                self.assertEqual((result.failure, result.body == self.file), (failure, failure == "none"),
+                                 result.log)
 
     def decode(self, name, *arguments, tells="", place=None):
         """What is heard of a file on the disk, or of the URL; it is told as it is."""

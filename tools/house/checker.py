@@ -8,7 +8,8 @@ import functools
 import re
 
 import music
-from papers import HASTE, MENDING, PROBED, Papers, breaks, may_be_logged, moves_the_music, plays_the_radio, word_of
+from papers import (HASTE, MENDING, PROBED, Papers, breaks, late_of, may_be_logged, moves_the_music, plays_the_radio,
+                    word_of)
 
 Finding = collections.namedtuple("Finding", "at place rule text")
 
@@ -272,6 +273,28 @@ def what_is_pressed_is_heard(papers):
                         yield Finding(at, name, "owner", f"is shown as {shown}'s, {late} s after another's session")
 
 
+def an_undo_goes_back(papers):
+    """What played when a queue was taken away plays on from there once that is undone."""
+    for name, room in papers.rooms.items():
+        steps = [step for step in papers.steps.values() if "begun" in step and papers.concerns(step, name) and
+                 (moves_the_music(step) or word_of(step) == "clear")]
+        for before, step in zip(steps, steps[1:]):
+            if word_of(step) != "undo" or word_of(before) not in ("clear", "play now") or not before["is_ours"] or \
+                    not was_taken(before) or not was_taken(step):
+                continue
+            at = step["done"] + HASTE
+            then, now = room.at(before["begun"] - 0.02), room.at(at)
+            told, _ = papers.told_last(name, before["begun"])
+            alone = all(each in (before, step) or each["begun"] > at or
+                        each.get("done", at) + late_of(each, False) < before["begun"] for each in steps)
+            if then is None or then[0] == music.RADIO or told["state"] != "playing" or not alone:
+                continue
+            if any(abs(end - then[1]) < 2 * HASTE for end in LENGTHS) or papers.is_refused(name, at):
+                continue
+            if now is None or now[0] != then[0] or not then[1] - 0.1 < now[1] < then[1] + 2 * HASTE:
+                yield Finding(at, name, "undo", f"{now}, {HASTE} s after an undo; before it was {then}")
+
+
 LOOPS = {"off": "None", "one": "Track", "all": "Playlist"}
 # A media player's, by the page's names and as the page has them.
 PLAYER_SETTINGS = {"Volume": ("volume", lambda text: round(float(text) * 100)),
@@ -523,7 +546,7 @@ def how_far_apart(papers):
     return [(second - one) * 1000 for one, second in ways] + [(last - first) / heard_of[0][1].rate]
 
 
-RULES = [no_frame_is_lost, a_seek_is_prompt, what_is_pressed_is_heard, the_position_shown_is_heard,
+RULES = [no_frame_is_lost, a_seek_is_prompt, what_is_pressed_is_heard, an_undo_goes_back, the_position_shown_is_heard,
          a_pause_stands_still, a_station_is_titled, tracks_follow_each_other, a_looped_track_comes_again,
          another_source_is_alone, the_end_is_as_told, what_was_set_stays, all_show_the_same, queues_are_as_edited,
          revisions_grow, answers_are_those_of_the_api, nobody_ends_unasked, nothing_is_left_behind, errors_have_causes]
