@@ -353,10 +353,12 @@ audio_output {{
                                 capture_output=True)
         return result.returncode == 0 and result.stdout
 
-    def play(self, path):
-        with wave.open(str(path.with_suffix(".wav"))) as wav:
-            self.frames, self.rate = wav.getnframes(), wav.getframerate()
-        self.mpc("add", path)
+    def play(self, content):
+        """A file, or a URL."""
+        if isinstance(content, pathlib.Path):
+            with wave.open(str(content.with_suffix(".wav"))) as wav:
+                self.frames, self.rate = wav.getnframes(), wav.getframerate()
+        self.mpc("add", content)
         self.mpc("play")
         wait_for("mpd plays", lambda: self.card.state() == "RUNNING")
 
