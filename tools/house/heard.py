@@ -9,6 +9,7 @@ FRAME = 4  # bytes
 SURE = 16  # frames by which the radio is known
 JOINED = 4608  # frames at most of a stream's beginning that its decoder makes otherwise
 WINDOW = 4096  # frames
+STRANGE = 16  # frames of no track, behind which the radio is not sought in a recording any more
 ROUNDED = 2  # by which a sample of the radio may be off
 
 
@@ -105,20 +106,23 @@ class Recording:
         self.stretches = list(self.split(data[:self.count * FRAME]))
 
     def split(self, data):
-        at = 0
+        at = unknown = 0  # frames of no track
         while at < self.count:
             number, first = frame_at(data, at)
             known = track(number)
             count = common(data, at, known[0], first) if known else 0
             if count < SURE:
-                of_radio, frames = radio_at(data, at)
+                of_radio, frames = radio_at(data, at) if unknown < STRANGE else (0, 0)
                 if frames:
                     number, first, count = music.RADIO, of_radio, frames
                 elif count == 0 and (number, first) != (0, 0) and self.count < JOINED:
                     number, first, count = music.RADIO, 0, self.count - at  # it ended before it could be known
                 elif count == 0:
                     number, first, count = (0 if number == first == 0 else -1), 0, 1
-                    while number == 0 and at + count < self.count and frame_at(data, at + count) == (0, 0):
+                    unknown += number < 0
+                    while at + count < self.count and (
+                            frame_at(data, at + count) == (0, 0) if number == 0 else
+                            unknown >= STRANGE and track(frame_at(data, at + count)[0]) is None):
                         count += 1
             yield Stretch(number, first, count, at)
             at += count
