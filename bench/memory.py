@@ -18,6 +18,7 @@ from certificate import make_certificate  # noqa: E402
 MB = 1024  # KiB
 IDLE, PLAYING = (9 * MB, 1.5 * MB), (13 * MB, 3 * MB)  # resident, private dirty
 READ_AHEAD = 4 * MB
+TLS_STATE = MB / 2  # of a connection, its server's certificate and what OpenSSL sets up for the first one
 LEFT = MB / 2  # more than idle, once a session is over
 FILLED = 14    # s until a card and what is decoded ahead have been full
 OVER = 4       # s until what a session held is given back
@@ -101,9 +102,10 @@ def memory(lab, music):
     lab.stack.callback(tls.kill)
     track = music.wav[CD]
     over_http = tuple(most + READ_AHEAD for most in PLAYING)
+    over_tls = tuple(most + TLS_STATE for most in over_http)
     contents = {"a WAV file": (track, PLAYING), "a FLAC file": (music.flac[CD], PLAYING),
                 "a WAV over HTTP": (f"{plain.url}/{track.name}", over_http),
-                "a WAV over HTTPS": (f"{tls.url.replace('http', 'https')}/{track.name}", over_http)}
+                "a WAV over HTTPS": (f"{tls.url.replace('http', 'https')}/{track.name}", over_tls)}
     os.sync()  # pages of a library that was just built are dirty
     depths = collections.Counter()
     for n, (what, (content, most)) in enumerate(contents.items()):
