@@ -57,6 +57,10 @@ def no_frame_is_lost(papers):
                               f"{recording.about['underruns']} in {recording.path.name}")
 
 
+def is_of_the_network(step):
+    return step["do"] == "line" or step.get("program") in ("web", "controller")
+
+
 def is_a_beginning(stretch):
     """A radio begins wherever it is then."""
     return stretch.first == 0 or stretch.track == music.RADIO
@@ -68,7 +72,10 @@ def is_target_of(step, recording, stretch):
 
 
 def may_begin_at(papers, causes, recording, stretch):
-    """At a track's beginning, at a seek's place, or where it was heard before."""
+    """At a track's beginning, at a seek's place, or where it was heard before; a transfer that breaks takes nothing
+    away."""
+    if all(is_of_the_network(step) for step in causes):
+        return False
     if is_a_beginning(stretch) or any(is_target_of(step, recording, stretch) or word_of(step) == "seek by"
                                       for step in causes):
         return True
