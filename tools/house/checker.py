@@ -364,6 +364,9 @@ def all_show_the_same(papers):
         device, told = papers.told_last(name, event["at"])
         if device is None or device["session"] != "us" or not device["connected"]:
             continue
+        if event["PlaybackStatus"] is None:
+            yield Finding(event["at"], name, "same", "its media player does not answer")
+            continue
         position = device["position_ms"] / 1000
         is_stopped = device["state"] == "stopped"  # a device is told its modes while it has the output
         is_away = papers.card_was_away(name)

@@ -174,9 +174,9 @@ class Director:
         for name, room in self.house.rooms.items():
             told = {}
             for what in ("PlaybackStatus", "Position", "Volume", "Shuffle", "LoopStatus"):
-                _, said = room.call(PLAYER, "/org/mpris/MediaPlayer2", "org.freedesktop.DBus.Properties.Get",
-                                    f"string:{PLAYER_INTERFACE}", f"string:{what}")
-                told[what] = said.split()[-1] if said else ""
+                status, said = room.call(PLAYER, "/org/mpris/MediaPlayer2", "org.freedesktop.DBus.Properties.Get",
+                                         f"string:{PLAYER_INTERFACE}", f"string:{what}")
+                told[what] = said.split()[-1] if status == 0 else None
             witness.note("player", room=name, card=room.simcard("show"), **told)
 
     def close(self):
