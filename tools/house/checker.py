@@ -23,7 +23,8 @@ FOLLOWS, GAP = 3, 0.3  # s within which another recording belongs to what ended,
 CONTINUED = 0.7  # s between where a track was left off and where it goes on
 LOOPED = 1  # s before a track's end at which it is known what follows
 TITLED = 8  # s from a station's telling its title to what is heard then
-LENGTHS = [frames / rate for _, _, rate, frames in music.tracks()]
+LENGTH_OF = {number: frames / rate for number, _, rate, frames in music.tracks()}
+LENGTHS = LENGTH_OF.values()
 
 
 def no_frame_is_lost(papers):
@@ -213,6 +214,8 @@ def the_end_is_as_told(papers):
                 not any(breaks(step) and papers.concerns(step, name) and step.get("done", 0) > papers.closed - ASKED_AGAIN
                         for step in papers.steps.values()):
             yield Finding(papers.closed, name, "end", "its channel is not there")
+        elif is_linked(device) and now is not None and not (device.get("track") and device["queue_length"]):
+            yield Finding(papers.closed, name, "end", "is shown without its track or its queue")
 
 
 def tracks_of(what):
@@ -296,7 +299,7 @@ def an_undo_goes_back(papers):
                         each.get("done", at) + late_of(each, False) < before["begun"] for each in steps)
             if then is None or then[0] == music.RADIO or told["state"] != "playing" or not alone:
                 continue
-            if any(abs(end - then[1]) < 2 * HASTE for end in LENGTHS) or papers.is_refused(name, at):
+            if LENGTH_OF.get(then[0], 0) - then[1] < 2 * HASTE or papers.is_refused(name, at):
                 continue
             if now is None or now[0] != then[0] or not then[1] - 0.1 < now[1] < then[1] + 2 * HASTE:
                 yield Finding(at, name, "undo", f"{now}, {HASTE} s after an undo; before it was {then}")
