@@ -61,11 +61,13 @@ curl_slist* radio_status() {
 bool are_authorities_named() {
     static const bool are = [] {
         const char* const folder = curl_version_info(CURLVERSION_NOW)->capath;
-        std::error_code none;
-        const std::filesystem::directory_iterator entries(folder != nullptr ? folder : "", none);
-        return std::ranges::any_of(entries, [](const auto& entry) {
-            return entry.path().extension() == ".0";  // of a hash, and the first one that has it
-        });
+        std::error_code failure;
+        std::filesystem::directory_iterator entry(folder != nullptr ? folder : "", failure);
+        // Of a hash, and the first one that has it.
+        while (entry != end(entry) && entry->path().extension() != ".0") {
+            entry.increment(failure);
+        }
+        return entry != end(entry);
     }();
     return are;
 }
