@@ -153,7 +153,7 @@ Fetch::Fetch(CURLM* multi, nuvio::UniqueFd socket, const FetchRequest& request,
     curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT, stalled);
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
     curl_easy_setopt(easy, CURLOPT_LOW_SPEED_TIME, stalled);
-    m_trusts_by_name = authorities.empty() && are_authorities_named();
+    m_trusts_by_name = authorities.empty() && url.starts_with("https:") && are_authorities_named();
     if (m_trusts_by_name || !authorities.empty()) {
         curl_easy_setopt(easy, CURLOPT_CAINFO, m_trusts_by_name ? nullptr : authorities.c_str());
     }
