@@ -213,7 +213,6 @@ void StreamQueue::seek_current(uint64_t frame) {
     stream.m_is_finished = false;
     stream.m_has_flowed = true;
     stream.m_taken_bytes = 0;
-    stream.m_begin_ms = stream.info().position_ms(frame);
     stream.m_pipe->seek(frame);
 }
 
@@ -249,8 +248,8 @@ std::optional<std::chrono::steady_clock::time_point> StreamQueue::give_up_hangin
 // The renderer takes the next stream's share of the output's buffer for the current one's: its
 // answer is too small by that, and 0 where that leaves nothing. The time since tells it then.
 uint64_t StreamQueue::heard_position_ms() const {
-    if (m_current->m_taken_bytes == 0) {
-        return m_current->m_begin_ms;  // PulseAudio's plug-in fails at a delay of nothing at all
+    if (!m_current->m_has_flowed) {
+        return 0;  // PulseAudio's plug-in fails at a delay of nothing at all
     }
     const uint64_t told =
         m_delegates.media.get_playback_position(m_delegates.core, m_delegates.media.context);
