@@ -369,6 +369,30 @@ TEST_F(AudioSinkTest, TheCardDoesWhatItIsToldWhenItIsTold) {
     EXPECT_EQ(write(100), -1) << "gone for good for whoever had it open";
 }
 
+TEST_F(AudioSinkTest, ThroughALSAsPlugACardOfOtherSamplesPlaysTheSameOnes) {
+    simcard::Settings settings;
+    settings.formats = {SND_PCM_FORMAT_S32_LE};
+    make_card(settings);
+    ASSERT_NE(new_sink("plug:simcard"), nullptr);
+    ASSERT_TRUE(audio_sink_open(sink_, &kCd));
+    std::vector<int16_t> samples(8000);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        samples[i] = static_cast<int16_t>(i * 9);
+    }
+    bool ok = false;
+    const size_t bytes = samples.size() * sizeof samples[0];
+    EXPECT_EQ(audio_sink_write(sink_, samples.data(), bytes, &ok), bytes);
+    EXPECT_TRUE(audio_sink_drain(sink_));
+    audio_sink_close(sink_);
+    const std::vector<uint8_t> heard = simcard::Card::data(card_->wait_closed());
+    ASSERT_GE(heard.size(), 2 * bytes);
+    for (size_t i = 0; i < samples.size(); ++i) {
+        int32_t sample = 0;
+        std::memcpy(&sample, &heard[4 * i], sizeof sample);
+        ASSERT_EQ(sample, samples[i] * 65536) << i;
+    }
+}
+
 // Numbers of the file alone, whatever the machine's own pace: 20 ppm fast, at once and a
 // hundredfold, up to a drain, a pause, a halt, another speed, an underrun and frames moved by hand.
 TEST_F(AudioSinkTest, TheCardTellsToTheNanosecondWhenEachFrameWasHeard) {

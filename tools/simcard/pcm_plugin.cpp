@@ -294,7 +294,8 @@ int Pcm::make_descriptors(bool nonblocking) {
 
 int Pcm::restrict_parameters() {
     const FixedState& fixed = m_card->fixed;
-    const unsigned access[] = {SND_PCM_ACCESS_RW_INTERLEAVED};
+    // ALSA's plug converts for a card only where it can write into its memory.
+    const unsigned access[] = {SND_PCM_ACCESS_RW_INTERLEAVED, SND_PCM_ACCESS_MMAP_INTERLEAVED};
     const unsigned smallest_period =
         fixed.impossible != 0 ? kMaximumBufferBytes : kMinimumPeriodBytes;
     const int results[] = {
