@@ -13,7 +13,8 @@ import memory
 from lab import Device, wait_for, write_wav, one_second
 from rows import CARD, CD, SETTLED, Row
 
-FAST_CARD = (*CARD, "--speed", "2000", "--patient")
+# Of a large buffer: it is filled that much less often, and a day passes in a minute.
+FAST_CARD = ("--buffer", "4000", "--speed", "2000", "--patient")
 TRACKS = 20_000           # as many as a session has
 PLAYLIST = 4 << 20        # bytes: as many as are read
 STATION = (32_000, 16)    # one channel, 32 kbit/s
