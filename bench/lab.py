@@ -284,10 +284,14 @@ class Lab:
 
 
 class Aplay:
+    """Of samples that the card does not take it gets a copy that was unpacked for it; or, where it `converts`,
+    the file, through ALSA's plug."""
+
     name = "aplay"
 
-    def __init__(self, lab, card, wrapper=(), options=()):
-        self.card, self.wrapper, self.options, self.process = card, wrapper, options, None
+    def __init__(self, lab, card, wrapper=(), options=(), converts=False):
+        self.card, self.wrapper, self.options, self.converts = card, wrapper, options, converts
+        self.process = None
 
     def __enter__(self):
         return self
@@ -296,9 +300,11 @@ class Aplay:
         self.stop()
 
     def play(self, path):
-        raw = path.with_suffix(".raw")  # where the card does not take the file's samples as they are
-        file = ["-t", "raw", "-f", "S24_LE", "-r", path.stem.split("-")[0], "-c", "2", raw] if (
-            raw.exists()) else [path]
+        raw = path.with_suffix(".raw")
+        file = [path]
+        if raw.exists():
+            file = ["-D", "plug:default", path] if self.converts else [
+                "-t", "raw", "-f", "S24_LE", "-r", path.stem.split("-")[0], "-c", "2", raw]
         self.process = subprocess.Popen([*self.wrapper, "aplay", "-q", *self.options, *file],
                                         stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
                                         env=dict(os.environ, **self.card.environment(tool=True)))

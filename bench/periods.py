@@ -1,4 +1,5 @@
-"""The card's period, and what ours and aplay, on the same one and the same buffer, cost on it."""
+"""The card's period, and what ours and aplay, on the same one and the same buffer and with the same file,
+cost on it."""
 import functools
 
 from lab import Aplay, Device
@@ -21,7 +22,7 @@ def periods(lab, music, rounds):
     for period in PERIODS_MS:
         buffer = buffer_of(period)
         card = ("--buffer", str(buffer), "--periods", str(buffer // period))
-        aplay = functools.partial(Aplay, options=aplay_on(period))
+        aplay = functools.partial(Aplay, options=aplay_on(period), converts=True)
         seconds = max(DECODER_TURN, TURNS * buffer / 1000)
         for format in (CD, HI_RES):
             windows = in_turn(lab, (Device, aplay), music.wav[format], card, rounds, seconds)

@@ -68,7 +68,7 @@ class Music:
             second = one_second(rate, bits)
             self.wav[rate, bits] = write_wav(path, second, rate, bits, seconds)
             if (rate, bits) == HI_RES:
-                # For aplay, which does not unpack the 3-byte samples of the file.
+                # For aplay, which does not unpack the 3-byte samples of the file by itself.
                 path.with_suffix(".raw").write_bytes(second * seconds)
                 read_once(path.with_suffix(".raw"))
         for format in (CD, HI_RES):

@@ -31,7 +31,7 @@ def measurements(lab, options):
     armhf = HERE.parent / "build/armhf"
     return {
         "playing": lambda: rows.playing(lab, music, rounds, window),
-        "periods": lambda: periods.periods(lab, music, 1 if quick else 2),
+        "periods": lambda: periods.periods(lab, music, 1 if quick else 3),
         "memory": lambda: memory.memory(lab, music),
         "stock": lambda: rows.stock(lab, music, 1 if quick else 3, window),
         "network": lambda: rows.network(lab, music, 1 if quick else 3),
