@@ -71,8 +71,10 @@ TEST(NetworkParts, MpegAudioBeginsAtThreeFramesInARowWhateverTheirKind) {
         const std::string head(header, 4);
         const std::string frame = head + std::string(bytes - 4, '\0');
         const std::string part = "rest of a frame" + head;
-        EXPECT_EQ(first_mpeg_frame(part + frame + frame + head), part.size()) << bytes;
-        EXPECT_EQ(first_mpeg_frame(part + frame + frame), 0U) << bytes;
+        std::string two = part;
+        two.append(frame).append(frame);
+        EXPECT_EQ(first_mpeg_frame(two + head), part.size()) << bytes;
+        EXPECT_EQ(first_mpeg_frame(two), 0U) << bytes;
     }
     const std::string quiet = std::string("\xff\xfb\x90\x00", 4) + std::string(413, '\0');
     const std::string loud = std::string("\xff\xfb\xe0\x00", 4) + std::string(1040, '\0');
@@ -98,7 +100,7 @@ TEST(NetworkParts, AResponsesHeadLeadsToItsVerdict) {
         HttpFailure failure;
         uint64_t skip;
         uint64_t length;
-    } kCases[] = {
+    } cases[] = {
         {{"HTTP/1.1 206 x", "content-range: bytes 100-999/1000"}, 100, Kind::accepted, {}, 0, 0},
         {{"HTTP/1.1 206 x", "Content-Range: bytes 99-999/1000"},
          100,
@@ -127,7 +129,7 @@ TEST(NetworkParts, AResponsesHeadLeadsToItsVerdict) {
         {{"HTTP/1.1 403 x"}, 0, Kind::failed, HttpFailure::refused, 0, 0},
         {{"HTTP/1.1 404 x"}, 0, Kind::failed, HttpFailure::missing, 0, 0},
     };
-    for (const auto& wanted : kCases) {
+    for (const auto& wanted : cases) {
         const HttpVerdict verdict = judge(response(wanted.lines), &first, wanted.asked_from);
         EXPECT_EQ(verdict.kind, wanted.kind) << wanted.lines.back();
         EXPECT_EQ(verdict.failure, wanted.failure) << wanted.lines.back();
