@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -63,6 +64,7 @@ struct Rules {
 template <typename List>
 std::vector<std::string> names_of(const List& rules) {
     std::vector<std::string> names;
+    names.reserve(std::size(rules));
     for (const auto& rule : rules) {
         names.emplace_back(rule.name);
     }
