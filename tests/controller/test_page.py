@@ -707,6 +707,7 @@ class Page(HouseTest):
             self.assertEqual(browser.faults(), [])
         # Twice as large a text, on the smallest of phones, in a language of long words too, and from right to left.
         self.command("queue", "Kitchen", "jump", len(self.queue()) - 1)  # whose names are no words
+        self.command("pause", "Kitchen")
         phone = browsers["phone"]
         phone.size(320, 640)
         for language, direction in ("en", "ltr"), ("de", "rtl"):
